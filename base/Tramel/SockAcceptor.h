@@ -1,0 +1,32 @@
+#ifndef VIDORA_TRAMEL_SOCKACCEPTOR_H
+#define VIDORA_TRAMEL_SOCKACCEPTOR_H
+
+#include "Vidora/Export.h"
+#include "Vidora/Tramel/Sock.h"
+
+namespace Kavio {
+namespace Tramel {
+
+class CSockStream;
+
+// CSockAcceptor: a listening TCP socket. An IPv6 wildcard listens on both families.
+class VIDORA_API CSockAcceptor : public CSock {
+public:
+    CSockAcceptor();
+    ~CSockAcceptor() override;
+
+    // Binds (with address reuse) and listens. 0, or -1 with errno set.
+    int Open(const CSockAddr& local);
+    // Takes one waiting connection into `out`; `peer` may be null. 0; -1 if none waits or the system refused. When
+    // descriptors are exhausted the waiting connection is accepted on a spare descriptor and closed at once, so that the
+    // reactor doesn't spin on it.
+    int Accept(CSockStream& out, CSockAddr* peer);
+
+private:
+    int m_spare_fd = -1;  // kept open to be given up when descriptors are exhausted
+};
+
+}  // namespace Tramel
+}  // namespace Kavio
+
+#endif  // VIDORA_TRAMEL_SOCKACCEPTOR_H

@@ -1,0 +1,55 @@
+#ifndef VIDORA_TRAMEL_SOCKDGRAM_H
+#define VIDORA_TRAMEL_SOCKDGRAM_H
+
+#include "Vidora/Export.h"
+#include "Vidora/Tramel/Sock.h"
+
+namespace Kavio {
+namespace Tramel {
+
+// One piece of a batch: `length` bytes at `data`. After RecvBatch `length` is the datagram's size.
+struct DgramSlice {
+    unsigned char* data;
+    unsigned int length;
+};
+
+// CSockDgram: a UDP socket.
+class VIDORA_API CSockDgram : public CSock {
+public:
+    CSockDgram() = default;
+
+    // Opens and binds at `local`; null: an unbound IPv4 socket. On a multicast address: binds there with address reuse
+    // and joins the group. The receive buffer is raised to at least 1 MiB as far as the system allows. 0 or -1.
+    int Open(const CSockAddr* local);
+    // Sets where Send with a null address goes (connects the socket). 0 or -1.
+    int SetRemote(const CSockAddr* remote);
+    // Reads one datagram without blocking: its size, cut at `len`; 0 when nothing is there; -1 on failure. `from` may be
+    // null.
+    int Recv(char* buf, unsigned int len, CSockAddr* from);
+    // Sends one datagram without blocking; `to` null sends to the remote. The size, or -1.
+    int Send(const char* buf, unsigned int len, const CSockAddr* to);
+
+    // Sends a merged frame: `length` bytes that are a run of packets, each behind its 4-byte interleave header
+    // ("$", channel, 16-bit length, RFC 2326 10.12), as one datagram a packet without the headers, to the remote. What
+    // is on the wire is what one Send a packet gives; the system calls are few (segmentation offload where the kernel
+    // has it, otherwise sendmmsg). Gives the number of datagrams sent; those that the socket had no room for are lost.
+    // -1 if the run is malformed (nothing behind the fault is sent) or the socket fails.
+    int SendMerged(const unsigned char* data, unsigned int length);
+    // Sends up to `count` datagrams to the remote in few system calls. The number sent, or -1.
+    int SendBatch(const DgramSlice* slices, unsigned int count);
+    // Reads up to `count` datagrams in one system call without blocking, each into its slice, whose `length` is the room
+    // on entry and the size on return. The number read, 0 when nothing is there, -1 on failure.
+    int RecvBatch(DgramSlice* slices, unsigned int count);
+
+    int SetMulticastTTL(unsigned char ttl);
+    // The interface that multicast leaves by and is joined on, by its IPv4 address, or its name for IPv6. 0 or -1.
+    int SetMulticastIF(const char* ip);
+
+private:
+    bool m_no_offload = false;  // the kernel refused segmentation offload on this socket
+};
+
+}  // namespace Tramel
+}  // namespace Kavio
+
+#endif  // VIDORA_TRAMEL_SOCKDGRAM_H

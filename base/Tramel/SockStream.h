@@ -1,0 +1,45 @@
+#ifndef VIDORA_TRAMEL_SOCKSTREAM_H
+#define VIDORA_TRAMEL_SOCKSTREAM_H
+
+#include <memory>
+
+#include "Vidora/Export.h"
+#include "Vidora/Tramel/Sock.h"
+
+namespace Kavio {
+namespace Tramel {
+
+class CStreamOutput;  // the one output queue of a stream socket; see StreamOutput.h
+
+// CSockStream: a TCP (or local stream) socket.
+class VIDORA_API CSockStream : public CSock {
+public:
+    CSockStream();
+    ~CSockStream() override;
+
+    // Reads up to `len` bytes without blocking: the count; 0 when nothing is there just now; -1 when the connection is
+    // closed or broken, an orderly close by the peer included.
+    int Recv(char* buf, unsigned int len);
+    // Sends what fits without blocking: the count, 0 if the socket is full, -1 if it is broken. Not to be mixed with a
+    // sender that is attached to this socket.
+    int Send(const char* buf, unsigned int len);
+    // Starts a connection to `remote`, from `local` unless null. 0 when begun or done, -1 on failure. Register for
+    // write and exception to learn the end.
+    int Connect(const CSockAddr& remote, CSockAddr* local);
+    // 0 connected, 1 in progress, -1 failed.
+    int GetConnectStatus();
+    // Asks for a send buffer of `bytes`. 0 or -1.
+    int SetSockSendBuf(unsigned int bytes);
+
+    // The socket's output queue, made at the first call; null if memory is short. It lives until the last of the socket
+    // and its senders lets go. For the senders only.
+    std::shared_ptr<CStreamOutput> GetOutput();
+
+private:
+    std::shared_ptr<CStreamOutput> m_output;
+};
+
+}  // namespace Tramel
+}  // namespace Kavio
+
+#endif  // VIDORA_TRAMEL_SOCKSTREAM_H

@@ -1,0 +1,23 @@
+#ifndef VIDORA_TRAMEL_LEVEL2BUFFER_H
+#define VIDORA_TRAMEL_LEVEL2BUFFER_H
+
+#include "Vidora/Export.h"
+
+namespace Kavio {
+namespace Tramel {
+
+class CMediaPacket;
+
+// CLevel2Buffer_IF: a sink that a CMediaBuffer feeds directly, on the thread that puts.
+class VIDORA_API CLevel2Buffer_IF {
+public:
+    virtual ~CLevel2Buffer_IF() = default;
+    // `packet` is lent for the call; its first `length` bytes are the data. `flag` and `channel` as given to
+    // CMediaBuffer::Put. Negative on failure, which the buffer doesn't act on.
+    virtual int Put(CMediaPacket* packet, int length, int flag, int channel) = 0;
+};
+
+}  // namespace Tramel
+}  // namespace Kavio
+
+#endif  // VIDORA_TRAMEL_LEVEL2BUFFER_H

@@ -1,0 +1,41 @@
+#ifndef VIDORA_TRAMEL_SOCK_H
+#define VIDORA_TRAMEL_SOCK_H
+
+#include "Vidora/Export.h"
+#include "Vidora/Tramel/SockAddr.h"
+
+namespace Kavio {
+namespace Tramel {
+
+// CSock: owns a descriptor, which is non-blocking and close-on-exec from Attach or Open on.
+//
+// THREADING  Used from the callbacks of the handler that holds it; the senders lock for themselves.
+class VIDORA_API CSock {
+public:
+    CSock() = default;
+    virtual ~CSock();
+    CSock(const CSock&) = delete;
+    CSock& operator=(const CSock&) = delete;
+
+    // Takes `fd` over; a former descriptor is closed. 0, or -1 if `fd` is no open descriptor (it is then not owned).
+    int Attach(int fd);
+    // Gives the descriptor away, or -1.
+    int Detach();
+    // The descriptor, or -1.
+    int GetHandle() const { return m_fd; }
+    bool IsValid() const { return m_fd >= 0; }
+    // Closes the descriptor; 0, or -1 if there is none.
+    int Close();
+    // The peer's address and the local one. `addr` must be a CSockAddrStorage, or an address of the right family.
+    // 0 or -1.
+    int GetRemoteAddr(CSockAddr* addr) const;
+    int GetLocalAddr(CSockAddr* addr) const;
+
+protected:
+    int m_fd = -1;
+};
+
+}  // namespace Tramel
+}  // namespace Kavio
+
+#endif  // VIDORA_TRAMEL_SOCK_H

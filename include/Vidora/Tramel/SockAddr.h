@@ -1,0 +1,117 @@
+#ifndef VIDORA_TRAMEL_SOCKADDR_H
+#define VIDORA_TRAMEL_SOCKADDR_H
+
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include "Vidora/Export.h"
+
+namespace Kavio {
+namespace Tramel {
+
+// Kinds of address.
+enum sock_addr_type_t { SOCK_ADDR_NONE = 0, SOCK_ADDR_IPV4 = 1, SOCK_ADDR_IPV6 = 2 };
+
+// CSockAddr: an address of either family with its port. Values without a lock.
+class VIDORA_API CSockAddr {
+public:
+    virtual ~CSockAddr() = default;
+    // Copies the address into `addr`, which has room for GetAddrLen() bytes. 0, or -1 if invalid or null.
+    virtual int GetAddr(struct sockaddr* addr) const = 0;
+    // Bytes of the platform's address structure; 0 if invalid.
+    virtual int GetAddrLen() const = 0;
+    virtual bool IsValid() const = 0;
+
+    // The family: a sock_addr_type_t.
+    int GetType() const { return m_type; }
+
+protected:
+    explicit CSockAddr(int type) : m_type(type) {}
+    CSockAddr(const CSockAddr&) = default;
+    CSockAddr& operator=(const CSockAddr&) = default;
+
+    int m_type;
+};
+
+// CSockAddrIPv4: an IPv4 address. An IPv4-mapped IPv6 text (RFC 4291 2.5.5.2) is accepted and printed plain.
+class VIDORA_API CSockAddrIPv4 : public CSockAddr {
+public:
+    CSockAddrIPv4();
+    CSockAddrIPv4(const char* ip, unsigned short port);
+    int GetAddr(struct sockaddr* addr) const override;
+    int GetAddrLen() const override;
+    bool IsValid() const override { return m_valid; }
+
+    // Sets the address from dotted text; null or empty means the wildcard. 0, or -1 (the address is then invalid).
+    int SetAddr(const char* ip, unsigned short port);
+    unsigned short GetPort() const;
+    // Canonical text into `buf` of `size` bytes; gives `buf`, which is empty if invalid or too short.
+    char* GetIpStr(char* buf, unsigned int size) const;
+
+private:
+    sockaddr_in m_addr;
+    bool m_valid = false;
+};
+
+// CSockAddrIPv6: an IPv6 address, its text without brackets in the canonical form of RFC 5952.
+class VIDORA_API CSockAddrIPv6 : public CSockAddr {
+public:
+    CSockAddrIPv6();
+    CSockAddrIPv6(const char* ip, unsigned short port);
+    int GetAddr(struct sockaddr* addr) const override;
+    int GetAddrLen() const override;
+    bool IsValid() const override { return m_valid; }
+
+    int SetAddr(const char* ip, unsigned short port);
+    unsigned short GetPort() const;
+    char* GetIpStr(char* buf, unsigned int size) const;
+
+private:
+    sockaddr_in6 m_addr;
+    bool m_valid = false;
+};
+
+// CSockAddrStorage: holds an address of either family.
+class VIDORA_API CSockAddrStorage : public CSockAddr {
+public:
+    CSockAddrStorage();
+    CSockAddrStorage(const char* ip, unsigned short port);
+    CSockAddrStorage(const CSockAddrStorage& other) = default;
+    CSockAddrStorage& operator=(const CSockAddrStorage& other) = default;
+
+    int GetAddr(struct sockaddr* addr) const override;
+    int GetAddrLen() const override;
+    bool IsValid() const override;
+
+    // Family, address and port are equal.
+    bool operator==(const CSockAddrStorage& other) const;
+    bool operator!=(const CSockAddrStorage& other) const { return !(*this == other); }
+
+    // Sets the address from an IPv4 or IPv6 text (brackets and a %scope allowed) or a host name, which is resolved
+    // and may block. Null or empty is the IPv6 wildcard. 0, or -1 (the address is then invalid).
+    int SetAddr(const char* ip, unsigned short port);
+    // Sets the address and keeps the port. 0 or -1.
+    int SetIp(const char* ip);
+    // Takes a platform address, for instance one that accept() gave. 0, or -1 for another family or a short length.
+    int SetSockAddr(const struct sockaddr* addr, unsigned int length);
+    void SetPort(unsigned short port);
+    unsigned short GetPort() const;
+    // Canonical text of the address, an IPv4-mapped one as plain IPv4. Gives `buf`.
+    char* GetIpStr(char* buf, unsigned int size) const;
+
+    // 1 for IPv4, an IPv4-mapped IPv6 address included; 2 for IPv6; 0 if invalid.
+    int GetRealType() const;
+    // True for a multicast group of either family.
+    bool IsMulticast() const;
+
+    // The platform's structure, for calls that want it without a copy.
+    const struct sockaddr* Native() const { return reinterpret_cast<const struct sockaddr*>(&m_addr); }
+
+private:
+    sockaddr_storage m_addr;
+};
+
+}  // namespace Tramel
+}  // namespace Kavio
+
+#endif  // VIDORA_TRAMEL_SOCKADDR_H
