@@ -10,9 +10,9 @@ namespace Ostra {
 
 // CByteWriter: bounded writing into a buffer that it doesn't own.
 //
-// Failure is sticky, as in CByteReader: a write that doesn't fit writes nothing and makes all later ones fail. Made with
-// a null buffer it only counts, so that a size and its bytes come from one piece of code. Network order unless the name
-// says Le.
+// Failure is sticky, as in CByteReader: a write that doesn't fit writes nothing and makes all later ones fail. Made
+// with a null buffer it only counts, so that a size and its bytes come from one piece of code. Network order unless the
+// name says Le.
 class CByteWriter {
 public:
     CByteWriter(void* data, size_t capacity)
@@ -49,7 +49,8 @@ public:
         return m_ok;
     }
 
-    // Steps over `length` bytes to be filled later, and gives their place; null if they don't fit or when only counting.
+    // Steps over `length` bytes to be filled later, and gives their place; null if they don't fit or when only
+    // counting.
     uint8_t* Reserve(size_t length) {
         if (!m_ok || length > Remaining()) {
             m_ok = false;

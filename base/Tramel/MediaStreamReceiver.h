@@ -25,8 +25,8 @@ public:
     // Writing is possible. The base gives 0.
     virtual int handle_stream_write();
 
-    // Begins to receive. `period_us` above 0: handle_passive_input is called that often; 0: by events only. `speed` is kept
-    // for derived classes.
+    // Begins to receive. `period_us` above 0: handle_passive_input is called that often; 0: by events only. `speed` is
+    // kept for derived classes.
     void StartReceive(int64_t period_us, float speed);
     void StopReceive();
     // Message 2 goes to that handler when the input fails.

@@ -36,11 +36,11 @@ public:
     // Bounds of the queue: bytes of media that wait (default 4 MiB) and milliseconds that the oldest may wait (default
     // 10000); 0 leaves a bound as it is.
     void SetQueueLimit(unsigned int bytes, unsigned int age_ms);
-    // The callback that receives the packets of CMediaBuffer::PutFrameInfo, with the packet, its length and 0. False for
-    // an empty one.
+    // The callback that receives the packets of CMediaBuffer::PutFrameInfo, with the packet, its length and 0. False
+    // for an empty one.
     bool AttachSendProc(Ostra::TFunction3<void, CMediaPacket*, int, int> proc);
-    // Switches one of the tracks 0 to 7 on or off; all are on at first. A packet of a disabled track (the top byte of its
-    // channel word) is dropped for this sender.
+    // Switches one of the tracks 0 to 7 on or off; all are on at first. A packet of a disabled track (the top byte of
+    // its channel word) is dropped for this sender.
     void SetSendChannel(int channel);
     void DisableSendChannel(int channel);
     // Slips control text between media packets, never inside one; it is never dropped.

@@ -18,8 +18,8 @@ public:
     // Binds (with address reuse) and listens. 0, or -1 with errno set.
     int Open(const CSockAddr& local);
     // Takes one waiting connection into `out`; `peer` may be null. 0; -1 if none waits or the system refused. When
-    // descriptors are exhausted the waiting connection is accepted on a spare descriptor and closed at once, so that the
-    // reactor doesn't spin on it.
+    // descriptors are exhausted the waiting connection is accepted on a spare descriptor and closed at once, so that
+    // the reactor doesn't spin on it.
     int Accept(CSockStream& out, CSockAddr* peer);
 
 private:

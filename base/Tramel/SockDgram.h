@@ -23,8 +23,8 @@ public:
     int Open(const CSockAddr* local);
     // Sets where Send with a null address goes (connects the socket). 0 or -1.
     int SetRemote(const CSockAddr* remote);
-    // Reads one datagram without blocking: its size, cut at `len`; 0 when nothing is there; -1 on failure. `from` may be
-    // null.
+    // Reads one datagram without blocking: its size, cut at `len`; 0 when nothing is there; -1 on failure. `from` may
+    // be null.
     int Recv(char* buf, unsigned int len, CSockAddr* from);
     // Sends one datagram without blocking; `to` null sends to the remote. The size, or -1.
     int Send(const char* buf, unsigned int len, const CSockAddr* to);
@@ -37,8 +37,8 @@ public:
     int SendMerged(const unsigned char* data, unsigned int length);
     // Sends up to `count` datagrams to the remote in few system calls. The number sent, or -1.
     int SendBatch(const DgramSlice* slices, unsigned int count);
-    // Reads up to `count` datagrams in one system call without blocking, each into its slice, whose `length` is the room
-    // on entry and the size on return. The number read, 0 when nothing is there, -1 on failure.
+    // Reads up to `count` datagrams in one system call without blocking, each into its slice, whose `length` is the
+    // room on entry and the size on return. The number read, 0 when nothing is there, -1 on failure.
     int RecvBatch(DgramSlice* slices, unsigned int count);
 
     int SetMulticastTTL(unsigned char ttl);

@@ -10,9 +10,9 @@ namespace Tramel {
 
 // CStrParser: a cursor over one text that it doesn't own. No call reads past the text's length or needs a final NUL.
 //
-// Every Consume moves the cursor; a failed one sets the status (negative, sticky until ResetAll or Attach), moves nothing,
-// and gives a negative length or the number 0. White space is blank and tab in the InLine forms, and CR, LF, VT, FF as
-// well in the others. A line ends in LF, or CR LF. Used by one thread at a time.
+// Every Consume moves the cursor; a failed one sets the status (negative, sticky until ResetAll or Attach), moves
+// nothing, and gives a negative length or the number 0. White space is blank and tab in the InLine forms, and CR, LF,
+// VT, FF as well in the others. A line ends in LF, or CR LF. Used by one thread at a time.
 class VIDORA_API CStrParser {
 public:
     CStrParser() = default;
@@ -68,14 +68,14 @@ public:
     uint32_t ConsumeHexUint32();
     double ConsumeDouble();
 
-    // Copy into `buf` of `size` bytes, NUL-terminated and cut at the size, and give the length copied. A word runs to the
-    // next white space. A sentence runs to any character of `delims`, which is stepped over, or to the text's end.
+    // Copy into `buf` of `size` bytes, NUL-terminated and cut at the size, and give the length copied. A word runs to
+    // the next white space. A sentence runs to any character of `delims`, which is stepped over, or to the text's end.
     int ConsumeWord(char* buf, unsigned int size);
     int ConsumeSentence(const char* delims, char* buf, unsigned int size);
     // Exactly `n` bytes; a null buffer just skips them. Fewer left is a failure.
     int ConsumeLength(unsigned int n, char* buf, unsigned int size);
-    // An IPv4 address, an IPv6 address (bare or in brackets, which are not copied), or an RFC 1123 host name that holds a
-    // letter; `family`, unless null, becomes 4, 6 or 1. The length copied.
+    // An IPv4 address, an IPv6 address (bare or in brackets, which are not copied), or an RFC 1123 host name that holds
+    // a letter; `family`, unless null, becomes 4, 6 or 1. The length copied.
     int ConsumeIpAddr(char* buf, unsigned int size, int* family);
 
     // Steps over `c` if it stands at the cursor: 0; otherwise -1 and the status is set.
@@ -85,7 +85,8 @@ public:
     int CompareCase(const char* text) const;
 
     // The first place of `needle` in `haystack`, any bytes allowed; null if absent, or a length is below 1.
-    static unsigned char* MemMem(unsigned char* haystack, int haystack_length, unsigned char* needle, int needle_length);
+    static unsigned char* MemMem(unsigned char* haystack, int haystack_length, unsigned char* needle,
+                                 int needle_length);
     static unsigned char* MemMemCase(unsigned char* haystack, int haystack_length, unsigned char* needle,
                                      int needle_length);
 

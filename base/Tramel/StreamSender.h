@@ -28,8 +28,8 @@ public:
     int Attach(CNetHandler* owner, CSock* sock);
     // On a send failure message 2 goes to that handler.
     void WaitException(long handler_id);
-    // Queues `len` bytes whole and in order, sending at once what the socket takes. 0, or -1: nothing attached, a broken
-    // socket, or memory short.
+    // Queues `len` bytes whole and in order, sending at once what the socket takes. 0, or -1: nothing attached, a
+    // broken socket, or memory short.
     int Put(const char* buf, unsigned int len);
     // Lets go of the socket, and gives it back, or null.
     CSock* Detach();

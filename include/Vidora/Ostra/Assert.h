@@ -21,7 +21,6 @@ VIDORA_API bool AssertFailed(const char* expression, const char* file, int line)
 
 // A bool expression that is true when `expression` holds, and otherwise reports its text and is false:
 //     if (!OSTRA_ASSERT(len == TS_PACK_LEN)) return -1;
-#define OSTRA_ASSERT(expression) \
-    ((expression) ? true : ::Kavio::Ostra::AssertFailed(#expression, __FILE__, __LINE__))
+#define OSTRA_ASSERT(expression) ((expression) ? true : ::Kavio::Ostra::AssertFailed(#expression, __FILE__, __LINE__))
 
 #endif  // VIDORA_OSTRA_ASSERT_H

@@ -38,8 +38,8 @@ public:
     CNetHandler(const CNetHandler&) = delete;
     CNetHandler& operator=(const CNetHandler&) = delete;
 
-    // The socket `fd` is readable, is writable, or has an error or failed to connect. 0 to go on, -1 if the work on this
-    // socket failed; the reactor draws no consequence from the result.
+    // The socket `fd` is readable, is writable, or has an error or failed to connect. 0 to go on, -1 if the work on
+    // this socket failed; the reactor draws no consequence from the result.
     virtual int handle_input(int fd);
     virtual int handle_output(int fd);
     virtual int handle_exception(int fd);

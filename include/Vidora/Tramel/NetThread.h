@@ -9,9 +9,9 @@ namespace Tramel {
 // CNetThread: the pool of threads that runs all handlers of the process.
 class VIDORA_API CNetThread {
 public:
-    // Starts the pool with `threads` threads (1 to 256). The second argument is reserved; pass false. 0; 0 as well, with
-    // no change, if a pool runs already; -1 if `threads` is out of range or the system gives no thread or descriptor
-    // (nothing is left behind then). Call from one thread, not from a callback.
+    // Starts the pool with `threads` threads (1 to 256). The second argument is reserved; pass false. 0; 0 as well,
+    // with no change, if a pool runs already; -1 if `threads` is out of range or the system gives no thread or
+    // descriptor (nothing is left behind then). Call from one thread, not from a callback.
     static int CreateThreadPool(unsigned int threads, bool reserved);
     // Delivers what is already due to closing handlers, then stops and joins the threads. Handlers that live on get no
     // more events until a pool is created again. 0, or -1 if there is no pool or the caller is one of its threads.
