@@ -5,6 +5,7 @@
 
 #include "Ostra/ByteWriter.h"
 #include "StreamParser/PrintLevel.h"
+#include "StreamParser/RtpHeader.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -75,7 +76,7 @@ int CFrame2Rtp::GetPacketCount() {
 }
 
 int CFrame2Rtp::GetPacketSize() {
-    return m_current == nullptr ? 0 : static_cast<int>(RTP_HEADER_LEN + m_current->Size());
+    return m_current == nullptr ? 0 : RTP_HEADER_LEN + static_cast<int>(m_current->Size());
 }
 
 //  0                   1                   2                   3
@@ -148,7 +149,7 @@ int CFrame2Rtp::GetTotalSize() {
     int total = 0;
     const RtpPacketNode* node = m_current;
     for (int i = m_index; node != nullptr && i < m_count; ++i) {
-        total += static_cast<int>(RTP_HEADER_LEN + node->Size());
+        total += RTP_HEADER_LEN + static_cast<int>(node->Size());
         node = node->next;
     }
     return total;

@@ -140,11 +140,11 @@ bool CKXFrame::needs_wide_size() const {
 }
 
 uint32_t CKXFrame::ext_length() const {
-    uint32_t length = sizeof(m_ext88);
+    uint32_t length = 8;  // the checksum's block, which all frames have
     if (m_header[AT_FRAME_TYPE] == KX_TYPE_AUDIO) {
-        length += sizeof(m_ext83);
+        length += 4;
     } else if (has_size()) {
-        length += sizeof(m_ext81) + (needs_wide_size() ? 8 : 4);
+        length += needs_wide_size() ? 4 + 8 : 4 + 4;
     }
     return length;
 }

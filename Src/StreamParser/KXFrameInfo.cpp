@@ -4,6 +4,7 @@
 #include "Ostra/ByteReader.h"
 #include "StreamParser/KXFrame.h"
 #include "Vidora/Names.h"
+#include "Vidora/Types.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -8,8 +8,7 @@
 namespace Kavio {
 namespace Vidora {
 
-constexpr uint32_t RTP_HEADER_LEN = 12;
-constexpr uint32_t RTP_MAX_PAYLOAD = 1440;  // of a packet behind its header
+constexpr uint32_t RTP_MAX_PAYLOAD = 1440;  // of a packet behind its RTP header
 
 constexpr uint32_t MPEG_AUDIO_HEADER_LEN = 4;
 constexpr uint32_t MPEG_AUDIO_MAX_FRAGMENTS = 8;
