@@ -37,16 +37,14 @@ public:
     int GetTotalSize() override;
 
 private:
-    struct Payload;  // of one TS packet
-    bool write_frame(const unsigned char* data, uint32_t len, int track, uint64_t clock, bool with_tables);
-    void write_packet(Ostra::CByteWriter& writer, const Payload& payload);
-    void write_pat(Ostra::CByteWriter& writer);
-    void write_pmt(Ostra::CByteWriter& writer);
+    bool write_frame(const unsigned char* data, uint32_t len, int track, uint64_t clock);
+    void write_pat(Ostra::CByteWriter& writer) const;
+    void write_pmt(Ostra::CByteWriter& writer) const;
     void write_media(Ostra::CByteWriter& writer, const unsigned char* data, uint32_t len, int track, uint64_t clock);
 
     std::unique_ptr<unsigned char[]> m_buffer;
     uint32_t m_capacity = 0;
-    int32_t m_packets_per_output;
+    int32_t m_packets_per_output = 0;
     uint32_t m_frame_count = 0;  // frames taken so far
     uint32_t m_total = 0;        // bytes written for this frame
     uint32_t m_offset = 0;       // bytes of them fetched already

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "Ostra/ByteReader.h"
 #include "StreamParser/FrameResult.h"
 #include "StreamParser/JpegTables.h"
 #include "StreamParser/RtpHeader.h"
@@ -84,8 +85,8 @@ private:
     enum h264_kind_t { KIND_NONE = 0, KIND_KEY = 1, KIND_P = 2, KIND_B = 3 };
 
     struct Piece {
-        const unsigned char* data = nullptr;
-        uint32_t len = 0;
+        const unsigned char* data;
+        uint32_t len;
     };
 
     // How far the walk over the packets of the frame in work has come. A frame that isn't complete at its marker keeps
@@ -95,8 +96,9 @@ private:
         uint32_t count = 0;             // nodes done
         // H.264
         int kind = KIND_NONE;
-        Piece sps, pps;  // this frame's parameter sets, without start codes
-        Piece slice;     // the bytes behind the header of the NAL unit that told the kind
+        Piece sps = {nullptr, 0};  // this frame's parameter sets, without start codes
+        Piece pps = {nullptr, 0};
+        Piece slice = {nullptr, 0};  // the bytes behind the header of the NAL unit that told the kind
         // MPEG-4
         bool own_config = false;  // the frame brings a configuration
         bool new_config = false;  // it went into m_config
@@ -105,9 +107,12 @@ private:
         int ts_result = FRAME_MORE;
     };
 
-    int put_foreign(const RtpHeader& header);
+    struct JpegHeader;
+
+    int refuse_packet(const Ostra::CByteReader& packet) const;
+    int put_foreign(uint16_t sequence);
     void watch_sequence(const RtpHeader& header);
-    void note_disorder(const RtpHeader& header);
+    void notify_disorder(uint16_t sequence);
     bool opens_cleanly(const RtpHeader& header) const;
     void probe_shared_sequence(uint16_t sequence);
     bool store_packet(const RtpHeader& header);
@@ -116,7 +121,9 @@ private:
     int make_frame();
     int make_frame_by_type();
     RtpPacketNode* next_node();
+    void set_config_prefix();
     int cut_front(uint32_t len, bool first_only);
+    int make_ts();
 
     int make_h264();
     int place_h264_node(RtpPacketNode& node);
@@ -126,15 +133,17 @@ private:
     void search_parameter_sets();
     void search_inner_sets(const RtpPacketNode& node);
     void take_parameter_set(const unsigned char* nal, uint32_t len);
+    int set_h264_config(const Piece& sps, const Piece& pps);
     void take_h264_facts();
 
     int make_mpeg4();
     void find_mpeg4_config(const RtpPacketNode& node);
+    void find_mpeg4_picture(const RtpPacketNode& node);
+
     int make_jpeg();
-    int cut_jpeg_packet(RtpPacketNode& node, bool first);
-    bool write_jpeg_header(const RtpPacketNode& node, const uint8_t* dri);
-    int make_ts();
-    void set_config_prefix();
+    static bool read_jpeg_header(Ostra::CByteReader& payload, JpegHeader& header);
+    bool read_jpeg_tables(Ostra::CByteReader& payload, const JpegHeader& header);
+    bool write_jpeg_header(const JpegHeader& header);
 
     int m_enc_type = ENC_TYPE_NONE;
     uint8_t m_payload_type = 0;

@@ -50,7 +50,7 @@ public:
 private:
     bool alloc_buffer();
     int append_payload(const unsigned char* packet);
-    uint32_t skip_pes_header(const unsigned char* payload, uint32_t len, bool unit_start);
+    uint32_t skip_pes_header(const unsigned char* payload, uint32_t len);
     int finish_frame(int result);
     int decode_frame();
     void decode_h264();

@@ -14,18 +14,6 @@ enum ts_demux_result_t {
     TS_DEMUX_OK = 0
 };
 
-// What the demultiplexer knows of the stream and found in the last packet.
-struct TsDemuxState {
-    TsProgramTable table;
-    uint64_t pcr_ms = 0;      // the last program clock reference, in milliseconds
-    bool seen_slice = false;  // a first slice has been seen
-    // Of the last packet.
-    bool is_media = false;   // it belongs to a track
-    bool new_frame = false;  // it begins a new frame; H.264 only
-    int32_t program = 0;
-    int32_t track = 0;
-};
-
 // The parts of one packet (ISO 13818-1 2.4.3.2). Offsets count from the packet's first byte.
 struct TsPacketInfo {
     int pid = 0;
@@ -33,6 +21,19 @@ struct TsPacketInfo {
     int payload_offset = TS_PACK_LEN;  // TS_PACK_LEN: it carries no payload
     bool has_pcr = false;
     uint64_t pcr_base = 0;  // 33 bits, 90 kHz
+};
+
+// What the demultiplexer knows of the stream and found in the last packet.
+struct TsDemuxState {
+    TsProgramTable table;
+    uint64_t pcr_ms = 0;      // the last program clock reference, in milliseconds
+    bool seen_slice = false;  // a first slice has been seen
+    // Of the last packet.
+    TsPacketInfo packet;
+    bool is_media = false;   // it belongs to a track
+    bool new_frame = false;  // it begins a new frame; H.264 only
+    int32_t program = 0;
+    int32_t track = 0;
 };
 
 // Takes one packet apart. False if it doesn't begin with the sync byte. An adaptation field that is longer than the
