@@ -37,7 +37,8 @@ public:
     // Moves to an offset from 0 to the length. 0 or -1.
     int LocateOffset(int offset);
     int GetCurOffset() const { return static_cast<int>(m_offset); }
-    // The cursor's line, from 1.
+    // The number of lines in the whole text, wherever the cursor stands: a bound for a loop over them. A last line
+    // without a line feed counts; an empty text has none.
     int GetLineNum() const;
     // Bytes from the cursor to the end of its line, without the line's end.
     unsigned int GetCurLinelength() const;
@@ -68,14 +69,17 @@ public:
     uint32_t ConsumeHexUint32();
     double ConsumeDouble();
 
-    // Copy into `buf` of `size` bytes, NUL-terminated and cut at the size, and give the length copied. A word runs to
-    // the next white space. A sentence runs to any character of `delims`, which is stepped over, or to the text's end.
+    // Copy into `buf` of `size` bytes, NUL-terminated and cut at the size, and give the length copied; what was cut off
+    // is stepped over as well. A null buffer just skips, and the length is that of the text skipped. A word runs to the
+    // next white space and may be empty. A sentence runs to any character of `delims`, which is stepped over, or to the
+    // text's end.
     int ConsumeWord(char* buf, unsigned int size);
     int ConsumeSentence(const char* delims, char* buf, unsigned int size);
-    // Exactly `n` bytes; a null buffer just skips them. Fewer left is a failure.
+    // Exactly `n` bytes. Fewer left is a failure.
     int ConsumeLength(unsigned int n, char* buf, unsigned int size);
     // An IPv4 address, an IPv6 address (bare or in brackets, which are not copied), or an RFC 1123 host name that holds
-    // a letter; `family`, unless null, becomes 4, 6 or 1. The length copied.
+    // a letter; `family`, unless null, becomes 4, 6 or 1. The address is the longest run of letters, digits, hyphens
+    // and dots (of hexadecimal digits, colons and dots for IPv6), and fails as a whole: "10.0.0.256" is no address.
     int ConsumeIpAddr(char* buf, unsigned int size, int* family);
 
     // Steps over `c` if it stands at the cursor: 0; otherwise -1 and the status is set.
@@ -91,6 +95,17 @@ public:
                                      int needle_length);
 
 private:
+    const char* cursor() const { return m_text + m_offset; }
+    unsigned int left() const { return m_length - m_offset; }
+    int fail();
+    unsigned int line_end() const;
+    int locate(const char* text, unsigned int end, bool any_case);
+    int skip_white(bool (*is_white)(char));
+    int skip_until(bool (*is_wanted)(char));
+    int take(unsigned int length, char* buf, unsigned int size);
+    template <typename T>
+    T take_number(int base, bool with_sign);
+
     const char* m_text = "";
     unsigned int m_length = 0;
     unsigned int m_offset = 0;

@@ -2,7 +2,7 @@
 #define VIDORA_OSTRA_FUNCTION_H
 
 #include <cstring>
-#include <type_traits>
+#include <typeinfo>
 
 #include "Vidora/Export.h"
 
@@ -21,8 +21,10 @@ class TFunction {
 public:
     TFunction() = default;
 
-    template <typename T>
-    TFunction(T* object, R (T::*member)(Args...)) : m_object(object), m_call(&TFunction::call_member<T>) {
+    // `member` may belong to a base of the object's class.
+    template <typename D, typename T>
+    TFunction(D* object, R (T::*member)(Args...))
+        : m_object(static_cast<T*>(object)), m_call(&TFunction::call_member<T>) {
         static_assert(sizeof(member) <= sizeof(m_target), "member function pointer does not fit");
         std::memcpy(m_target, &member, sizeof(member));
         if (object == nullptr || member == nullptr) {
@@ -42,7 +44,7 @@ public:
 
     R operator()(Args... args) const {
         if (m_call == nullptr) {
-            LogInvalidFunctionCall(0, "empty");
+            LogInvalidFunctionCall(0, typeid(TFunction).name());
             return R();
         }
         return m_call(*this, static_cast<Args>(args)...);

@@ -1,0 +1,102 @@
+#include "Vidora/Ostra/Log.h"
+
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <cstdarg>
+#include <cstdio>
+#include <cstring>
+#include <mutex>
+
+namespace Kavio {
+namespace Ostra {
+
+namespace {
+
+const size_t MAX_LINE_SIZE = 2048;
+const char TAG[] = "[Vidora] ";
+const size_t TAG_SIZE = sizeof(TAG) - 1;
+
+std::atomic<int> g_level{LOG_LEVEL_WARN};
+
+// The pair is copied under the mutex and the sink called without it, so that a sink may take its time.
+std::mutex g_sink_mutex;
+log_sink_t g_sink = nullptr;
+void* g_sink_data = nullptr;
+
+// `line` begins with the tag and has room for one more byte and a NUL behind `size` bytes. One write a line keeps the
+// lines of several threads, and of the host's own log, whole.
+void write_to_stderr(char* line, size_t size) {
+    if (line[size - 1] != '\n') {
+        line[size++] = '\n';
+    }
+    ssize_t written = 0;
+    do {
+        written = write(STDERR_FILENO, line, size);
+    } while (written < 0 && errno == EINTR);
+}
+
+void log_line(log_level_t level, const char* format, va_list args) {
+    const int saved_errno = errno;  // callers log between a system call and the look at its error
+    char line[TAG_SIZE + MAX_LINE_SIZE + 2];
+    std::memcpy(line, TAG, TAG_SIZE);
+    char* text = line + TAG_SIZE;
+    const int wanted = std::vsnprintf(text, MAX_LINE_SIZE + 1, format, args);
+    if (wanted > 0) {
+        const size_t length = static_cast<size_t>(wanted) < MAX_LINE_SIZE ? static_cast<size_t>(wanted) : MAX_LINE_SIZE;
+        log_sink_t sink = nullptr;
+        void* user_data = nullptr;
+        {
+            const std::lock_guard<std::mutex> guard(g_sink_mutex);
+            sink = g_sink;
+            user_data = g_sink_data;
+        }
+        if (sink != nullptr) {
+            sink(user_data, level, text, length);
+        } else {
+            write_to_stderr(line, TAG_SIZE + length);
+        }
+    }
+    errno = saved_errno;
+}
+
+}  // namespace
+
+void SetLogSink(log_sink_t sink, void* user_data) {
+    const std::lock_guard<std::mutex> guard(g_sink_mutex);
+    g_sink = sink;
+    g_sink_data = user_data;
+}
+
+void SetLogLevel(log_level_t level) {
+    g_level.store(level, std::memory_order_relaxed);
+}
+
+log_level_t GetLogLevel() {
+    return static_cast<log_level_t>(g_level.load(std::memory_order_relaxed));
+}
+
+// A variadic function can't hand its arguments to another one, hence one body for five names.
+#define VIDORA_DEFINE_LOG(name, level)                         \
+    int name(const char* format, ...) {                        \
+        if (g_level.load(std::memory_order_relaxed) < level) { \
+            return 0;                                          \
+        }                                                      \
+        va_list args;                                          \
+        va_start(args, format);                                \
+        log_line(level, format, args);                         \
+        va_end(args);                                          \
+        return 0;                                              \
+    }
+
+VIDORA_DEFINE_LOG(logError, LOG_LEVEL_ERROR)
+VIDORA_DEFINE_LOG(logWarn, LOG_LEVEL_WARN)
+VIDORA_DEFINE_LOG(logInfo, LOG_LEVEL_INFO)
+VIDORA_DEFINE_LOG(logDebug, LOG_LEVEL_DEBUG)
+VIDORA_DEFINE_LOG(logTrace, LOG_LEVEL_TRACE)
+
+#undef VIDORA_DEFINE_LOG
+
+}  // namespace Ostra
+}  // namespace Kavio

@@ -1,0 +1,104 @@
+#include "Vidora/Ostra/Time.h"
+
+#include <chrono>
+#include <ctime>
+
+namespace Kavio {
+namespace Ostra {
+
+namespace {
+
+const int64_t SECONDS_OF_DAY = 86400;
+
+// Days from 1970-01-01 to the first day of a month of the Gregorian calendar. The year is taken to begin in March, so
+// that the leap day is its last one; 400 such years have 146097 days.
+int64_t days_to_month(int64_t year, int64_t month) {
+    year += (month - 1) / 12;
+    month = (month - 1) % 12;
+    if (month < 0) {
+        month += 12;
+        --year;
+    }
+    const int64_t march_year = month < 2 ? year - 1 : year;
+    const int64_t march_month = month < 2 ? month + 10 : month - 2;
+    const int64_t era = (march_year >= 0 ? march_year : march_year - 399) / 400;
+    const int64_t year_of_era = march_year - era * 400;
+    const int64_t day_of_year = (153 * march_month + 2) / 5;
+    return era * 146097 + year_of_era * 365 + year_of_era / 4 - year_of_era / 100 + day_of_year - 719468;
+}
+
+// False for a time whose year doesn't fit an int.
+bool split(uint64_t seconds, struct tm* fields) {
+    *fields = {};
+    const time_t time = static_cast<time_t>(seconds);
+    return time >= 0 && gmtime_r(&time, fields) != nullptr;
+}
+
+void store(int* field, int value) {
+    if (field != nullptr) {
+        *field = value;
+    }
+}
+
+}  // namespace
+
+CTime::CTime(int year, int month, int day, int hour, int minute, int second) {
+    const int64_t days = days_to_month(year, month) + day - 1;
+    const int64_t seconds = days * SECONDS_OF_DAY + int64_t{hour} * 3600 + int64_t{minute} * 60 + second;
+    m_seconds = seconds > 0 ? static_cast<uint64_t>(seconds) : 0;
+}
+
+void CTime::getFields(int* year, int* month, int* day, int* hour, int* minute, int* second) const {
+    struct tm fields;
+    if (!split(m_seconds, &fields)) {
+        split(0, &fields);
+    }
+    store(year, fields.tm_year + 1900);
+    store(month, fields.tm_mon + 1);
+    store(day, fields.tm_mday);
+    store(hour, fields.tm_hour);
+    store(minute, fields.tm_min);
+    store(second, fields.tm_sec);
+}
+
+int CTime::format(char* buffer, const char* format, int size) const {
+    if (buffer == nullptr || size < 1) {
+        return 0;
+    }
+    buffer[0] = '\0';
+    struct tm fields;
+    if (format == nullptr || !split(m_seconds, &fields)) {
+        return 0;
+    }
+    const size_t length = strftime(buffer, static_cast<size_t>(size), format, &fields);
+    buffer[length] = '\0';  // the contents are unspecified after a failure
+    return static_cast<int>(length);
+}
+
+CTime CTime::operator+(int64_t seconds) const {
+    const uint64_t magnitude = seconds < 0 ? 0 - static_cast<uint64_t>(seconds) : static_cast<uint64_t>(seconds);
+    if (seconds >= 0) {
+        return CTime(m_seconds + magnitude < m_seconds ? UINT64_MAX : m_seconds + magnitude);
+    }
+    return CTime(m_seconds > magnitude ? m_seconds - magnitude : 0);
+}
+
+CTime CTime::operator-(int64_t seconds) const {
+    return seconds == INT64_MIN ? *this + INT64_MAX + 1 : *this + -seconds;
+}
+
+CTime CTime::getCurrentTime() {
+    return CTime(static_cast<uint64_t>(time(nullptr)));
+}
+
+uint64_t CTime::getCurrentMilliSecond() {
+    return getCurrentMicroSecond() / 1000;
+}
+
+uint64_t CTime::getCurrentMicroSecond() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+}
+
+}  // namespace Ostra
+}  // namespace Kavio
