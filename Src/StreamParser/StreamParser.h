@@ -134,6 +134,10 @@ public:
     virtual int GetStatis(ParserStatis& statis);
     // Prints the converter's state to the console.
     virtual void PrintInfo();
+
+protected:
+    // The lines that every PrintInfo begins with.
+    static void print_head(int src_type, int dst_type);
 };
 
 }  // namespace Vidora

@@ -35,7 +35,8 @@ CDataSource* make_source(src_type_t type, const char* content) {
 
 CDataSource* CDataSource::Create(const char* content) {
     CRtspUrlParser parser;
-    if (content == nullptr || parser.ParseContent(content, static_cast<int>(std::strlen(content))) < 0) {
+    unsigned int length = content == nullptr ? 0 : static_cast<unsigned int>(std::strlen(content));
+    if (!parser.ParseContent(content, length)) {
         logError("%s:%d content parse fail!\n", __FILE__, __LINE__);
         return nullptr;
     }

@@ -56,7 +56,7 @@ struct CLiveChannel::Internal {
     // Constant after Init.
     const char* m_channel_name = "";  // outlives the channel, see intern_name
     long m_notify_id = 0;
-    transf_type_t m_transf_type = static_cast<transf_type_t>(2);  // no operation accepts it until Init
+    transf_type_t m_transf_type = TRANSF_TYPE_NONE;
     CRtspSvrConfig m_config;
     CMediaBuffer* m_media_buffer[PACKET_TYPE_NONE] = {nullptr, nullptr, nullptr};  // owned
 
@@ -338,12 +338,12 @@ int CLiveChannel::Internal::finish_multicast_locked() {
         const int track_id = m_sdp->get_track_id(i);
         const int media_type = m_sdp->get_media_type_at(i);
         if (media_type == MEDIA_VIDEO) {
-            m_sdp->set_media_port(track_id, static_cast<unsigned int>(base_port));
+            m_sdp->set_media_port(track_id, static_cast<uint16_t>(base_port));
             if (m_transf_type == TRANSF_TYPE_TS) {
                 m_sdp->set_media_attribute(track_id, "rtpmap", TS_RTPMAP);
             }
         } else if (media_type == MEDIA_AUDIO && m_transf_type == TRANSF_TYPE_RTP) {
-            m_sdp->set_media_port(track_id, static_cast<unsigned int>(base_port + 2));
+            m_sdp->set_media_port(track_id, static_cast<uint16_t>(base_port + 2));
         }
     }
     m_sdp->GetStream();
@@ -394,7 +394,7 @@ int CLiveChannel::GetSdp(CSdpParser& sdp, int ext_info) {
             if (is_ts && sdp.get_media_type_at(i) != MEDIA_VIDEO) {
                 continue;
             }
-            sdp.set_media_port(sdp.get_track_id(i), static_cast<unsigned int>(base_port + 2 * i));
+            sdp.set_media_port(sdp.get_track_id(i), static_cast<uint16_t>(base_port + 2 * i));
             if (is_ts) {
                 sdp.set_media_attribute(sdp.get_track_id(i), "rtpmap", TS_RTPMAP);
             }
