@@ -226,7 +226,7 @@ private:
         return m_live_channel != nullptr ? call(*m_live_channel) : call(*m_data_source);
     }
     bool has_source() const { return m_live_channel != nullptr || m_data_source != nullptr; }
-    bool wants_assist() const { return m_url_parser.GetLocalStreamProto() == 1; }
+    bool wants_assist() { return m_url_parser.GetLocalStreamProto() == 1; }
 
     // Where media comes from.
     CLiveSvr* m_live_svr = nullptr;

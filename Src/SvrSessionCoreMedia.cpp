@@ -7,6 +7,7 @@
 #include "Protocol/RtcpParser.h"
 #include "RtpUdpSender.h"
 #include "SvrSessionCore.h"
+#include "Tramel/MediaBuffer.h"
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StrParser.h"
