@@ -160,9 +160,11 @@ private:
     int open_live_channel(const StateEvent& event, const char* content);
     int read_channel_name();
     void release_source();
+    void release_assist();
     int read_sdp();
     int wait_for_sdp();
     void stop_waiting_for_sdp();
+    int retry_describe();
     int reply_describe();
     void build_track_table();
 
@@ -173,7 +175,7 @@ private:
     int setup_udp(TrackInfo& track, transport_info& transport);
     int make_media_sender();
     int make_udp_sender(bool multicast);
-    void set_udp_destination(bool multicast);
+    int finish_setup(TrackInfo& track, transport_info& transport, int channel);
     int find_track_id(const char* url);
     TrackInfo* find_track(int track_id);
     void add_setup_track(int track_id);
@@ -182,16 +184,19 @@ private:
     // PLAY.
     int on_play(const StateEvent& event);
     int on_replay(const StateEvent& event);
+    int play_data_source(const StateEvent& event);
     int reply_play();
+    int warn_play();
+    bool has_sink() const;
     int build_rtp_info(rtp_info_entry* table, int* count);
-    const char* generate_play_reply(const rtp_info_entry* table, int count);
+    const rtp_info_entry* find_rtp_info(const rtp_info_entry* table, int count, int track_id) const;
+    const char* generate_play_reply(const rtp_info_entry* entries, int count);
+    void restart_report_timer();
+    int start_media(TrackInfo* single, int cseq);
     int attach_sinks();
-    int attach_interleaved();
-    int attach_udp();
-    int enter_live_channel(bool udp);
+    int attach_live();
     void switch_track(const TrackInfo& track, bool on);
-    int start_data_source();
-    void mark_playing(int track_id);
+    int start_data_source(int cseq);
 
     // Parameters, PAUSE, TEARDOWN.
     int on_set_parameter(const StateEvent& event);
@@ -200,15 +205,19 @@ private:
     int reply_pause();
     int on_teardown(const StateEvent& event);
     int teardown_track(TrackInfo& track);
+    void stop_data_source();
     int on_unsupported(const StateEvent& event);
 
     // Timers, reports, failures and the end.
     int send_rtcp_report(int track_filter, bool with_bye);
-    int send_track_report(TrackInfo& track, bool with_bye);
+    int send_track_report(const TrackInfo& track, bool with_bye);
+    int send_interleaved_report(unsigned char* buffer, unsigned int length, int channel);
+    int send_udp_report(const unsigned char* report, unsigned int length, int channel);
     void on_frame_info(CMediaPacket* packet, int length, int unused);
     void give_lost_events();
+    int on_sdp_update();
     void stop_media();
-    void detach_sinks();
+    void leave_channel(CLiveChannel* channel);
     void on_asyn_msg(const StateEvent& event);
 
     // Calls `call` with the source of either kind; one must be there.
@@ -217,7 +226,7 @@ private:
         return m_live_channel != nullptr ? call(*m_live_channel) : call(*m_data_source);
     }
     bool has_source() const { return m_live_channel != nullptr || m_data_source != nullptr; }
-    bool wants_assist() const { return m_url_parser.GetLocalStreamProto() == 1; }
+    bool wants_assist() { return m_url_parser.GetLocalStreamProto() == 1; }
 
     // Where media comes from.
     CLiveSvr* m_live_svr = nullptr;
@@ -227,6 +236,7 @@ private:
     std::string m_channel_name;              // content of the live URL
     int m_channel = 0;                       // its numbers
     int m_subtype = 0;
+    src_type_t m_src_type = SRC_TYPE_NONE;   // of the URL
     bool m_is_live = false;
     int m_sdp_result = 0;  // of the last GetSdp: 1 is a channel that is multicast only
 
@@ -239,6 +249,7 @@ private:
     bool m_media_started = false;                    // the sinks are attached,
     packet_type_t m_attached_type = PACKET_TYPE_NONE;  // to the buffer of this type,
     bool m_attached_udp = false;                       // m_udp_sender and not m_media_sender
+    bool m_assist_enabled = false;                     // the assist track was counted in
     bool m_source_started = false;                     // StartStreaming was called on the data source
     bool m_streaming = false;                          // from the end of a PLAY to a PAUSE or whole TEARDOWN
 

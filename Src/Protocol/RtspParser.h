@@ -120,12 +120,17 @@ public:
     void set_back_channel(int back_channel) { m_back_channel = back_channel; }
 
 protected:
-    // Locates `key` at an offset of at least 1, from the start of the message. Few keys may stand at its very start.
+    // Locates `key` from the start of the message; a match at the very start, where no header stands, does not count.
     static bool find_header(CStrParser& text, const char* key);
     // Steps over `key` and white space and copies up to the line's end.
     static void read_value(CStrParser& text, const char* key, char* out, unsigned int size);
     // The two numbers at the next digits.
     static void read_number_pair(CStrParser& text, int* first, int* second);
+    // Parts of a Transport header. The kind of stream and transport; false if there is neither.
+    bool read_transport_kind(CStrParser& text);
+    // The multicast destination, with the cursor left behind it; false if there is none.
+    bool read_multicast_addr(CStrParser& text);
+    void read_multicast_ttl(CStrParser& text);
 
     int m_method = RTSP_METHOD_UNKNOWN;
     int m_cseq = 0;  // of the current message; the client's counter of requests
@@ -157,7 +162,7 @@ protected:
     char m_body[RTSP_MAX_MESSAGE + 1];     // valid for m_body_length bytes
 
 private:
-    static bool read_rate(CStrParser& text, const char* key, float* rate);
+    void read_rate(CStrParser& text, const char* key);
     void read_range(CStrParser& text);
 };
 

@@ -75,12 +75,15 @@ private:
                                  int size);
     bool remember_request(int cseq, int method);
     const char* generate_play_request(const char* range, float speed, bool scale);
+    const char* back_channel_tag() const;
     void build_setup_url(const char* track_url, char* out, unsigned int size);
     void build_play_url(char* out, unsigned int size);
 
+    int take_info(const char* message, unsigned int length, rtsp_msg_info* info);
     int read_challenge(CStrParser& text);
     int read_redirect(CStrParser& text);
-    int read_by_method(CStrParser& text, const char* message, unsigned int length);
+    int read_by_method(CStrParser& text);
+    int read_describe(CStrParser& text);
     void read_public(CStrParser& text);
     void read_content_base(CStrParser& text);
     int read_transport(CStrParser& text);

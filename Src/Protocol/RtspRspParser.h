@@ -63,7 +63,6 @@ private:
 
     // Transport, in the order of reading.
     int read_transport(CStrParser& text);
-    int read_transport_kind(CStrParser& text);
     void read_client_ports(CStrParser& text);
     void read_destination(CStrParser& text);
 
