@@ -1,0 +1,77 @@
+#ifndef VIDORA_MACHINEKEEPER_H
+#define VIDORA_MACHINEKEEPER_H
+
+#include <cstdint>
+
+#include "Protocol/RtspMsgInfo.h"
+
+namespace Kavio {
+namespace Vidora {
+
+class CStateMachine;
+class IState;
+
+// CMachineKeeper: the owner's handle on its CStateMachine.
+//
+// THREADING  The put and hold operations: any thread, at once; they may run the owner's operations on the calling
+// thread
+//            before they return, so that no lock may be held that those want. Construction, set_state_obj, set_state
+//            and destruction: while no other call is under way.
+// OWNERSHIP  The keeper makes the machine; destroying the keeper posts the message that deletes it, at once or when the
+//            event that runs is over. Events that were put before may thus still reach the states, and the owner must
+//            not be gone by then: it destroys the keeper when nothing can be queued any more, or from an event.
+//
+// If memory is short at construction there is no machine, and every operation fails.
+class CMachineKeeper {
+public:
+    CMachineKeeper();
+    ~CMachineKeeper();
+    CMachineKeeper(const CMachineKeeper&) = delete;
+    CMachineKeeper& operator=(const CMachineKeeper&) = delete;
+
+    bool valid() const { return m_machine != nullptr; }
+
+    // Gives the machine its state `number`, 0 to 3; it owns `state` from then on, also on failure. 0 or -1.
+    int set_state_obj(int number, IState* state);
+    // Enters a state. 0 or -1.
+    int set_state(int number);
+
+    // Queues a received message, `length` bytes up to 4064, or runs it here and now. `id` 0 asks for a new identifier.
+    // True if the machine took it. False for a null text or one above 4096 bytes, and, with message 0x1000 posted, for
+    // a text that is too long for an event, or an eleventh event in flight: then the session ends.
+    bool put_rx_event(const rtsp_msg_info& info, const char* text, uint32_t length, uint64_t id);
+    // The same for a prepared text with its final NUL: a reply, whose `id` is that of the request's event, or a
+    // client's request with `id` 0. `kind` is the caller's own. A `status` from 1 to 299 lets the machine enter the
+    // state that waits for this reply.
+    bool put_tx_event(int kind, const char* text, int status, uint64_t id);
+    // Posts an asynchronous message. From the first one on no message or reply gets into the machine.
+    void put_asyn_msg(uint32_t msg, uint64_t id);
+
+    // Keeps asynchronous messages from running until release, which runs them. 0, or -1 if one came already: then there
+    // is nothing to release. Used through CMachineGuard.
+    int hold();
+    void release();
+
+private:
+    CStateMachine* m_machine;
+};
+
+// CMachineGuard: holds a machine for a scope.
+class CMachineGuard {
+public:
+    explicit CMachineGuard(CMachineKeeper* machine_keeper);
+    ~CMachineGuard();
+    CMachineGuard(const CMachineGuard&) = delete;
+    CMachineGuard& operator=(const CMachineGuard&) = delete;
+
+    // Whether the machine is held; false when an asynchronous message came already.
+    bool held() const { return m_keeper != nullptr; }
+
+private:
+    CMachineKeeper* m_keeper;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_MACHINEKEEPER_H
