@@ -44,6 +44,15 @@ public:
     }
 
     size_t Length() const { return m_length; }
+    // Bytes that the text would have in a buffer without an end.
+    size_t Needed() const { return m_needed; }
+    // Takes back what was written behind `length`; the count of what is needed stays.
+    void CutBack(size_t length) {
+        if (length < m_length) {
+            m_length = length;
+            m_out[m_length] = '\0';
+        }
+    }
     size_t Room() const { return m_room - m_length; }
     // Whether something was cut.
     bool Cut() const { return m_cut; }
@@ -52,6 +61,7 @@ private:
     void add(std::string_view text) {
         const size_t taken = std::min(text.size(), Room());
         m_cut = m_cut || taken < text.size();
+        m_needed += text.size();
         if (taken > 0) {
             std::memcpy(m_out + m_length, text.data(), taken);
             m_length += taken;
@@ -89,6 +99,7 @@ private:
     char* m_out;
     size_t m_room;
     size_t m_length = 0;
+    size_t m_needed = 0;
     bool m_cut = false;
 };
 
