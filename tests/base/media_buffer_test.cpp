@@ -33,8 +33,8 @@ struct Sink {
     }
     void OnInfo(CMediaPacket* packet, int length, int) {
         std::lock_guard<std::mutex> guard(mutex);
-        infos.push_back(static_cast<unsigned int>(std::stoul(std::string(reinterpret_cast<char*>(packet->GetData()),
-                                                                         static_cast<size_t>(length)))));
+        infos.push_back(static_cast<unsigned int>(
+            std::stoul(std::string(reinterpret_cast<char*>(packet->GetData()), static_cast<size_t>(length)))));
     }
     std::vector<unsigned int> Infos() {
         std::lock_guard<std::mutex> guard(mutex);
@@ -175,7 +175,7 @@ TEST_P(MediaBufferTest, Level2SinksGetEverythingAsItWasPutAndMayRemoveAnySink) {
         manual.DelLevel2Buffer(&second);
         manual.AddLevel2Buffer(&third);
     };
-    Put(manual, "$\001\000\000\000\004", 0, 9);
+    Put(manual, std::string("$\001\000\000\000\004", 6), 0, 9);
     Put(manual, "data", 1, 1 << 24 | KEY);
     EXPECT_EQ((std::vector<Level2Sink::Call>{{6, 0, 9}}), first.calls);
     EXPECT_TRUE(second.calls.empty());

@@ -69,12 +69,12 @@ protected:
         }
     }
 
-    void Drain() {
-        int quiet = 0;
+    // Lets the peer read until it has that many units, and no more are there.
+    void Drain(size_t units) {
         ASSERT_TRUE(WaitFor([&] {
-            quiet = m_reader.Read(m_pair.far_fd) > 0 ? 0 : quiet + 1;
+            m_reader.Read(m_pair.far_fd);
             m_queue.OnWritable();
-            return quiet > 20;
+            return m_reader.Units().size() >= units;
         }));
         ASSERT_FALSE(m_reader.Broken());
         ASSERT_FALSE(m_reader.Partial());
@@ -102,9 +102,9 @@ TEST_F(QueueTest, FullQueueDropsATrackUntilItsKeyFrame) {
             {'0', false, 1, false},    // no room: video waits for a key frame
             {'0', true, 1, false},     // also a key frame needs room
             {'1', false, 1, false}});  // audio never carried one
-    Drain();
+    Drain(4);
     Expect({{'1', false, 1, true}, {'0', false, 1, false}, {'0', true, 1, true}, {'0', false, 1, true}});
-    Drain();
+    Drain(7);
     EXPECT_EQ((std::vector<unsigned int>{0, 1, 8, 9}), m_reader.Numbers(0));
     EXPECT_EQ((std::vector<unsigned int>{2, 6}), m_reader.Numbers(1));
     EXPECT_EQ(0, CountedPacket::Alive());
@@ -113,7 +113,7 @@ TEST_F(QueueTest, FullQueueDropsATrackUntilItsKeyFrame) {
 TEST_F(QueueTest, EmptyQueueTakesAUnitAboveItsLimit) {
     m_queue.SetLimit(100, 0);
     Expect({{'0', true, 1, true}, {'0', false, 1, false}});
-    Drain();
+    Drain(2);
     EXPECT_EQ((std::vector<unsigned int>{0}), m_reader.Numbers(0));
 }
 
@@ -127,7 +127,7 @@ TEST_F(QueueTest, AgedMediaGoesUpToAKeyFrameAndTextStays) {
             {'0', true, 1000, true},
             {'0', false, 1400, true},
             {'0', false, 1550, true}});  // units up to 500 are too old now, and 900 can't be shown without them
-    Drain();
+    Drain(6);
     EXPECT_EQ((std::vector<unsigned int>{4, 5, 6}), m_reader.Numbers(0));
     EXPECT_EQ((std::vector<unsigned int>{2}), m_reader.Numbers(1));
     EXPECT_EQ((std::vector<unsigned int>{0, 1}), m_reader.Numbers(-1));
@@ -137,7 +137,7 @@ TEST_F(QueueTest, AllGoneWithAgeTheTrackWaitsAndTheSocketStillCountsAsFull) {
     m_queue.SetLimit(0, 1000);
     Expect({{'0', true, 0, true}, {'0', false, 5000, false}});
     EXPECT_EQ(1, m_face.watches) << "no second watch while the first one stands";
-    Drain();
+    Drain(1);
     Expect({{'0', false, 5000, false}, {'0', true, 5000, true}});
 }
 
@@ -149,7 +149,7 @@ TEST_F(QueueTest, DetachedMediaGoesButTextAndTheBegunUnitStay) {
     EXPECT_EQ(-1, m_queue.Attach(&second, true, 9)) << "one media sender a socket";
     m_queue.Detach(&m_face);
     EXPECT_EQ(1, control.watches) << "the other face watches on";
-    Drain();
+    Drain(1);
     EXPECT_EQ((std::vector<unsigned int>{0}), m_reader.Numbers(-1));
     EXPECT_TRUE(m_reader.Numbers(0).empty());
 }
@@ -159,7 +159,7 @@ TEST_F(QueueTest, ClearedTextLeavesTheBegunOneWhole) {
     EXPECT_EQ(0, m_queue.SendText(text.data(), static_cast<unsigned int>(text.size())));
     Expect({{'0', true, 1, true}});
     m_queue.ClearText();
-    Drain();
+    Drain(2);
     EXPECT_EQ((std::vector<unsigned int>{0}), m_reader.Numbers(-1));
     EXPECT_EQ((std::vector<unsigned int>{0}), m_reader.Numbers(0));
 }

@@ -6,8 +6,9 @@
 #include "support/FrameBuilder.h"
 
 namespace Kavio {
-namespace Vidora {
-namespace Test {
+namespace Support {
+
+using namespace Vidora;
 
 namespace {
 
@@ -195,6 +196,5 @@ int CFakeStreamSource::handle_close(CNetHandler*) {
     return 0;
 }
 
-}  // namespace Test
-}  // namespace Vidora
+}  // namespace Support
 }  // namespace Kavio

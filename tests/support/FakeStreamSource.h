@@ -9,22 +9,21 @@
 #include "Vidora/StreamSource.h"
 
 namespace Kavio {
-namespace Vidora {
-namespace Test {
+namespace Support {
 
 // CFakeStreamSource: a host source that a test drives by hand: it gives frames when Give is called, fails where it is
 // told to, and records the calls that it gets.
 //
 // THREADING  Calls of the library: any thread; the record is guarded. Give: one thread at a time.
-class CFakeStreamSource : public CStreamSource {
+class CFakeStreamSource : public Vidora::CStreamSource {
 public:
     // How the next source that the factory makes behaves.
     struct Settings {
-        src_type_t type = SRC_TYPE_LIVE;
+        Vidora::src_type_t type = Vidora::SRC_TYPE_LIVE;
         bool has_video = true;
         bool has_audio = false;
-        StreamVideoFormat video;
-        StreamAudioFormat audio;
+        Vidora::StreamVideoFormat video;
+        Vidora::StreamAudioFormat audio;
         std::string specific_info;
         bool tells_info = true;  // sends MSG_STREAM_INFO in Init
         bool init_fails = false;
@@ -32,8 +31,8 @@ public:
         bool seek_fails = false;
         bool null_source = false;  // the factory gives null
         uint64_t length_us = 12500000;
-        CTime begin = CTime(1600000000);
-        CTime end = CTime(1600000012);
+        Vidora::CTime begin = Vidora::CTime(1600000000);
+        Vidora::CTime end = Vidora::CTime(1600000012);
     };
 
     // H.264 video, as BuildFrame makes it.
@@ -41,7 +40,7 @@ public:
     // What the factory's next sources are like.
     static void SetNext(const Settings& settings);
     // A factory for CRtspSvrConfig.
-    static CStreamSource* Factory(const char* content);
+    static Vidora::CStreamSource* Factory(const char* content);
     // The source that the factory made last, or null after it has gone.
     static CFakeStreamSource* Last();
     // Sources that live now.
@@ -51,7 +50,7 @@ public:
     bool Give(const Flumen::CMediaFrame& frame);
     // Sends a message to the receiver.
     void Tell(unsigned int msg);
-    void SetVideo(const StreamVideoFormat& format);
+    void SetVideo(const Vidora::StreamVideoFormat& format);
     void SetPacketState(int state);
 
     // The calls so far, in order: "Start", "Stop", "Pause", "Resume", "SetIFrame", "Seek 1600000003", ...
@@ -59,11 +58,11 @@ public:
     int CountCalls(const std::string& name);
 
     int Init(long receiver_id, int ext) override;
-    src_type_t GetSrcType() override { return m_settings.type; }
+    Vidora::src_type_t GetSrcType() override { return m_settings.type; }
     bool HasVideo() override { return m_settings.has_video; }
     bool HasAudio() override { return m_settings.has_audio; }
-    void GetAudioFormat(StreamAudioFormat& format) override { format = m_settings.audio; }
-    void GetVideoFormat(StreamVideoFormat& format) override;
+    void GetAudioFormat(Vidora::StreamAudioFormat& format) override { format = m_settings.audio; }
+    void GetVideoFormat(Vidora::StreamVideoFormat& format) override;
     int GetVideoSpecificInfo(char* buf, int len) override;
     int UpdataStreamInfo(long arg) override;
     bool Start(frame_proc_t proc) override;
@@ -71,13 +70,13 @@ public:
     bool Pause() override;
     bool Resume() override;
     bool SetSpeed(float speed) override;
-    bool SeekByTime(const CTime& time) override;
-    bool GetTime(CTime& time) override;
-    bool GetFileRange(CTime& begin, CTime& end) override;
+    bool SeekByTime(const Vidora::CTime& time) override;
+    bool GetTime(Vidora::CTime& time) override;
+    bool GetFileRange(Vidora::CTime& begin, Vidora::CTime& end) override;
     bool GetFileRange(uint64_t& length_us) override;
     void SetIFrame() override;
     bool getPacketType(int& packet_state) override;
-    int handle_close(CNetHandler* handler) override;
+    int handle_close(Vidora::CNetHandler* handler) override;
 
 private:
     explicit CFakeStreamSource(const Settings& settings);
@@ -86,15 +85,14 @@ private:
 
     Settings m_settings;
     long m_receiver_id = 0;
-    CMutex m_mutex;       // guards the record and the video format
-    CMutex m_give_mutex;  // held while a frame is given, so that Stop waits for it
+    Vidora::CMutex m_mutex;       // guards the record and the video format
+    Vidora::CMutex m_give_mutex;  // held while a frame is given, so that Stop waits for it
     frame_proc_t m_proc;
     std::vector<std::string> m_calls;
     std::atomic<int> m_packet_state{0};
 };
 
-}  // namespace Test
-}  // namespace Vidora
+}  // namespace Support
 }  // namespace Kavio
 
 #endif  // VIDORA_TESTS_SUPPORT_FAKESTREAMSOURCE_H

@@ -5,8 +5,7 @@
 #include "Ostra/ByteWriter.h"
 
 namespace Kavio {
-namespace Vidora {
-namespace Test {
+namespace Support {
 
 namespace {
 
@@ -109,6 +108,5 @@ std::string H264Picture(bool key, unsigned int size, uint8_t fill) {
     return picture;
 }
 
-}  // namespace Test
-}  // namespace Vidora
+}  // namespace Support
 }  // namespace Kavio

@@ -4,6 +4,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
@@ -51,6 +52,8 @@ struct TcpPair {
         ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
         near_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         ::setsockopt(near_fd, SOL_SOCKET, SO_SNDBUF, &buffer_bytes, sizeof(buffer_bytes));
+        const int no_delay = 1;
+        ::setsockopt(near_fd, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof(no_delay));
         ::connect(near_fd, reinterpret_cast<sockaddr*>(&address), length);
         far_fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
         ::close(listener);
@@ -160,7 +163,8 @@ private:
         if (m_rest.size() - place < 4) {
             return 0;
         }
-        return 4u + (static_cast<unsigned char>(m_rest[place + 2]) << 8) + static_cast<unsigned char>(m_rest[place + 3]);
+        return 4u + (static_cast<unsigned char>(m_rest[place + 2]) << 8) +
+               static_cast<unsigned char>(m_rest[place + 3]);
     }
     size_t text_size(size_t place) {
         if (m_rest[place] != 'R') {
