@@ -9,8 +9,7 @@
 #include <string>
 
 namespace Kavio {
-namespace Vidora {
-namespace Test {
+namespace Support {
 
 // CUdpPeer: a blocking UDP socket on the loopback address, for a test's end of a conversation.
 class CUdpPeer {
@@ -65,8 +64,7 @@ private:
     bool m_bound = false;
 };
 
-}  // namespace Test
-}  // namespace Vidora
+}  // namespace Support
 }  // namespace Kavio
 
 #endif  // VIDORA_TESTS_SUPPORT_UDPPEER_H
