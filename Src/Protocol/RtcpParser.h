@@ -1,81 +1,13 @@
 #ifndef VIDORA_PROTOCOL_RTCPPARSER_H
 #define VIDORA_PROTOCOL_RTCPPARSER_H
 
-#include <cstddef>
 #include <cstdint>
 
+#include "Protocol/RtcpRecords.h"
 #include "Vidora/Names.h"
 
 namespace Kavio {
 namespace Vidora {
-
-// The first word of every RTCP packet (RFC 3550 6.4.1).
-struct rtcp_common {
-    uint8_t flags;    // version in the two high bits, padding bit, count in the low five bits
-    uint8_t pt;       // packet type
-    uint16_t length;  // 32-bit words behind this one
-};
-
-// A report block of RFC 3550 6.4.1.
-struct rtcp_report {
-    uint32_t ssrc;
-    uint32_t fraction : 8;  // of lost packets since the last report, in 256ths
-    uint32_t lost : 24;     // packets lost in all
-    uint32_t highest_seq;   // highest sequence number, with the count of its cycles in the high half
-    uint32_t jitter;        // in units of the RTP clock
-    uint32_t last_sr;
-    uint32_t delay_last_sr;  // in 1/65536 seconds
-    rtcp_report* next;
-};
-
-// An SDES item of RFC 3550 6.5; `text` has no final NUL.
-struct rtcp_sdes_item {
-    uint8_t type;
-    uint8_t length;
-    const uint8_t* text;
-    rtcp_sdes_item* next;
-};
-
-struct rtcp_sdes_chunk {
-    uint32_t ssrc;
-    rtcp_sdes_item* items;
-    rtcp_sdes_chunk* next;
-};
-
-struct rtcp_sr {
-    uint32_t ssrc;
-    uint32_t ntp_sec;
-    uint32_t ntp_frac;
-    uint32_t rtp_ts;
-    uint32_t packet_count;
-    uint32_t octet_count;
-    rtcp_report* reports;
-};
-
-struct rtcp_rr {
-    uint32_t ssrc;
-    rtcp_report* reports;
-};
-
-struct rtcp_bye {
-    uint32_t* ssrcs;  // as many as the packet's count; those that the packet doesn't reach are 0. Null for a count of 0
-    uint8_t* reason;  // no final NUL; null if there is none
-    uint8_t reason_length;
-};
-
-// One packet of a compound. `data` and `parse` lead to its contents, which are in the union after parse(entry) has
-// given 0; a packet that has no decoder is told by its header alone.
-struct rtcp_pack {
-    rtcp_common common;
-    const uint8_t* data;            // the payload in the buffer given to ParseData; null once decoded
-    int (*parse)(rtcp_pack* pack);  // decoder of this type, or null
-    union {
-        rtcp_sr sr;
-        rtcp_rr rr;
-        rtcp_sdes_chunk sdes;  // the first chunk in place
-        rtcp_bye bye;
-    };
-};
 
 // CRtcpParser: reads the RTCP of one media track and builds its own (RFC 3550).
 //
@@ -142,13 +74,16 @@ public:
 
 private:
     typedef void (*free_func_t)(rtcp_pack* pack);
-    struct type_row;
+    struct type_row {
+        int pt;
+        int (*parse)(rtcp_pack* pack);
+        free_func_t free;
+        int (CRtcpParser::*prepare)();
+        void (CRtcpParser::*write)(CByteWriter& writer) const;
+    };
     static const type_row TYPES[];
-    struct writer_row;
-    static const writer_row WRITERS[];
-
     static const type_row* find_type(int pt);
-    bool check_header(const rtcp_common& common, bool compound) const;
+
     void record(const rtcp_common& common, const uint8_t* payload);
     void reset_table();
 
@@ -161,12 +96,20 @@ private:
     static void free_sdes_pack(rtcp_pack* pack);
     static void free_bye_pack(rtcp_pack* pack);
 
-    // Each writes one packet, or nothing if there is nothing to say: 0; -1, with nothing written, if it doesn't fit.
-    int write_sr(CByteWriter& writer);
-    int write_rr(CByteWriter& writer);
-    int write_sdes(CByteWriter& writer);
-    int write_bye(CByteWriter& writer);
-    int write_usual(unsigned char* buffer, unsigned int* length, int report_type);
+    // Each makes ready what its packet says. 0; 1 if there is nothing to send; -1 without memory.
+    int prepare_sr();
+    int prepare_rr();
+    int prepare_sdes();
+    int prepare_bye();
+    void write_sr(CByteWriter& writer) const;
+    void write_rr(CByteWriter& writer) const;
+    void write_sdes(CByteWriter& writer) const;
+    void write_bye(CByteWriter& writer) const;
+    int write_packet(CByteWriter& writer, const type_row& row);
+    unsigned char* write_usual(unsigned char* buffer, unsigned int* length, int report_type);
+
+    rtcp_sdes_chunk* add_chunk(uint32_t ssrc);
+    rtcp_sdes_chunk* own_chunk();
 
     uint32_t m_ssrc;
     free_func_t m_free_funcs[MAX_PACKETS];

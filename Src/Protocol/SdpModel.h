@@ -225,6 +225,17 @@ struct sdp_session_t {
     sdp_list<sdp_media_t> media;
 };
 
+// What reading and building share. False, or null, without memory; then nothing has changed.
+// The attribute of that name; null if there is none.
+const sdp_attribute_t* SdpFindAttribute(const sdp_list<sdp_attribute_t>& list, const char* name);
+// Gives the attribute of that name a new value in its place, or appends one; a null `value` makes a flag.
+bool SdpSetAttribute(sdp_list<sdp_attribute_t>& list, const char* name, const char* value);
+bool SdpAddText(sdp_list<CSdpText>& list, const char* text);
+// Appends a payload format; a numeric one becomes the media's payload type.
+bool SdpAddFormat(sdp_media_t& media, const char* format);
+// Copies a control text, cut at its room; null clears it.
+void SdpSetControl(sdp_media_t& media, const char* control);
+
 }  // namespace Vidora
 }  // namespace Kavio
 

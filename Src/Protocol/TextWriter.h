@@ -43,7 +43,24 @@ public:
         return *this;
     }
 
+    // Appends one text, or its first `length` bytes, or an integer.
+    CTextWriter& Text(const char* text) { return Add(text); }
+    CTextWriter& Text(const char* text, size_t length) { return Add(std::string_view(text, length)); }
+    template <typename Integer>
+    CTextWriter& Number(Integer value) {
+        add_number(value);
+        return *this;
+    }
+
+    // Takes back what was written behind `length`; the count of what is needed stays.
+    void CutBack(size_t length) {
+        m_length = length < m_length ? length : m_length;
+        m_out[m_length] = '\0';
+    }
+
+    // Bytes written, and bytes that it would be in a buffer without an end.
     size_t Length() const { return m_length; }
+    size_t Needed() const { return m_needed; }
     size_t Room() const { return m_room - m_length; }
     // Whether something was cut.
     bool Cut() const { return m_cut; }
@@ -51,6 +68,7 @@ public:
 private:
     void add(std::string_view text) {
         const size_t taken = std::min(text.size(), Room());
+        m_needed += text.size();
         m_cut = m_cut || taken < text.size();
         if (taken > 0) {
             std::memcpy(m_out + m_length, text.data(), taken);
@@ -89,6 +107,7 @@ private:
     char* m_out;
     size_t m_room;
     size_t m_length = 0;
+    size_t m_needed = 0;
     bool m_cut = false;
 };
 
