@@ -18,13 +18,13 @@ namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Support::BuildFrame;
-using Support::CFakeStreamSource;
-using Support::CPool;
-using Support::CTestHandler;
-using Support::FrameSpec;
-using Support::H264Picture;
-using Support::WaitUntil;
+using Tests::BuildFrame;
+using Tests::CFakeStreamSource;
+using Tests::CPool;
+using Tests::CTestHandler;
+using Tests::FrameSpec;
+using Tests::H264Picture;
+using Tests::WaitUntil;
 
 const uint64_t NOT_GIVEN = ~uint64_t{0};
 

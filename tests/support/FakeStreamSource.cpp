@@ -6,7 +6,7 @@
 #include "support/FrameBuilder.h"
 
 namespace Kavio {
-namespace Support {
+namespace Tests {
 
 using namespace Vidora;
 
@@ -196,5 +196,5 @@ int CFakeStreamSource::handle_close(CNetHandler*) {
     return 0;
 }
 
-}  // namespace Support
+}  // namespace Tests
 }  // namespace Kavio

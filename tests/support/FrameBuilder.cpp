@@ -5,7 +5,7 @@
 #include "Ostra/ByteWriter.h"
 
 namespace Kavio {
-namespace Support {
+namespace Tests {
 
 namespace {
 
@@ -108,5 +108,5 @@ std::string H264Picture(bool key, unsigned int size, uint8_t fill) {
     return picture;
 }
 
-}  // namespace Support
+}  // namespace Tests
 }  // namespace Kavio
