@@ -26,9 +26,13 @@ std::atomic<INatIntake*> installed{&refuser};
 
 }  // namespace
 
-void INatIntake::Install(INatIntake* intake) { installed = intake == nullptr ? &refuser : intake; }
+void INatIntake::Install(INatIntake* intake) {
+    installed = intake == nullptr ? &refuser : intake;
+}
 
-INatIntake* INatIntake::Get() { return installed; }
+INatIntake* INatIntake::Get() {
+    return installed;
+}
 
 }  // namespace Vidora
 }  // namespace Kavio

@@ -90,7 +90,9 @@ bool CRtpUdpSender::report_due_locked() {
     return true;
 }
 
-void CRtpUdpSender::SetConfig(const CRtspSvrConfig* config) { m_config = config; }
+void CRtpUdpSender::SetConfig(const CRtspSvrConfig* config) {
+    m_config = config;
+}
 
 void CRtpUdpSender::Init(int media_num) {
     if (!OSTRA_ASSERT(media_num < 16) || media_num < 0) {

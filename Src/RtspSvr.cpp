@@ -61,9 +61,13 @@ CRtspSvr* CRtspSvr::Create(CSockAddrStorage& listen_addr) {
     return svr;
 }
 
-void CRtspSvr::SetLiveSvr(CLiveSvr* live_svr) { m_internal->m_manager->SetLiveSvr(live_svr); }
+void CRtspSvr::SetLiveSvr(CLiveSvr* live_svr) {
+    m_internal->m_manager->SetLiveSvr(live_svr);
+}
 
-void CRtspSvr::SetConfig(const CRtspSvrConfig& config) { m_internal->m_manager->SetConfig(config); }
+void CRtspSvr::SetConfig(const CRtspSvrConfig& config) {
+    m_internal->m_manager->SetConfig(config);
+}
 
 int CRtspSvr::AddNewConnect(int fd, const char* buf, int len, long extra) {
     if (m_internal == nullptr || m_internal->m_manager == nullptr) {
@@ -97,7 +101,9 @@ int CRtspSvr::handle_close(CNetHandler* /*handler*/) {
     return -1;
 }
 
-unsigned int CRtspSvr::GetSessionCount() { return CRtspSvrSession::GetCount(); }
+unsigned int CRtspSvr::GetSessionCount() {
+    return CRtspSvrSession::GetCount();
+}
 
 }  // namespace Vidora
 }  // namespace Kavio

@@ -22,9 +22,13 @@ CRtspSvrSession::CRtspSvrSession() {
     ++session_count;
 }
 
-CRtspSvrSession::~CRtspSvrSession() { --session_count; }
+CRtspSvrSession::~CRtspSvrSession() {
+    --session_count;
+}
 
-unsigned int CRtspSvrSession::GetCount() { return session_count; }
+unsigned int CRtspSvrSession::GetCount() {
+    return session_count;
+}
 
 void CRtspSvrSession::Start(CSockStream* sock, const char* buf, int len) {
     m_sock = sock;
@@ -92,7 +96,9 @@ int CRtspSvrSession::handle_close(CNetHandler* /*handler*/) {
     return 0;
 }
 
-void CRtspSvrSession::close_session() { CNetHandler::Close(); }
+void CRtspSvrSession::close_session() {
+    CNetHandler::Close();
+}
 
 }  // namespace Vidora
 }  // namespace Kavio

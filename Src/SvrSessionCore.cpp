@@ -34,9 +34,13 @@ const int MIN_INTERLEAVED_FRAME = 5;
 // Memory that the heap hands out again is resident whole; fresh pages of the system only where they are touched.
 #ifdef VIDORA_HEAP_SESSION
 
-void* CSvrSessionCore::operator new(std::size_t size, const std::nothrow_t&) noexcept { return malloc(size); }
+void* CSvrSessionCore::operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return malloc(size);
+}
 
-void CSvrSessionCore::operator delete(void* memory, std::size_t) noexcept { free(memory); }
+void CSvrSessionCore::operator delete(void* memory, std::size_t) noexcept {
+    free(memory);
+}
 
 #else
 
@@ -49,7 +53,9 @@ void* CSvrSessionCore::operator new(std::size_t size, const std::nothrow_t&) noe
     return memory;
 }
 
-void CSvrSessionCore::operator delete(void* memory, std::size_t size) noexcept { munmap(memory, size); }
+void CSvrSessionCore::operator delete(void* memory, std::size_t size) noexcept {
+    munmap(memory, size);
+}
 
 #endif
 
@@ -187,7 +193,9 @@ int CSvrSessionCore::send_text(const char* text) {
     return text == nullptr ? 0 : send_data(text, static_cast<int>(strlen(text)));
 }
 
-int CSvrSessionCore::send_error(int status) { return send_text(m_rsp_parser.generate_error_reply(status)); }
+int CSvrSessionCore::send_error(int status) {
+    return send_text(m_rsp_parser.generate_error_reply(status));
+}
 
 int CSvrSessionCore::handle_output(int fd) {
     return m_stream_sender == nullptr ? 0 : m_stream_sender->handle_output(fd);

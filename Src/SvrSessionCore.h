@@ -109,13 +109,7 @@ private:
     friend struct RtspServerOwner<CSvrSessionCore>;
 
     // What TrackInfo::flags says.
-    enum track_flag_t {
-        TRACK_KNOWN = 1,
-        TRACK_SETUP = 2,
-        TRACK_PLAYING = 4,
-        TRACK_TORN_DOWN = 8,
-        TRACK_PAUSED = 16
-    };
+    enum track_flag_t { TRACK_KNOWN = 1, TRACK_SETUP = 2, TRACK_PLAYING = 4, TRACK_TORN_DOWN = 8, TRACK_PAUSED = 16 };
 
     // One SDP media.
     struct TrackInfo {
@@ -236,17 +230,17 @@ private:
     std::string m_channel_name;              // content of the live URL
     int m_channel = 0;                       // its numbers
     int m_subtype = 0;
-    src_type_t m_src_type = SRC_TYPE_NONE;   // of the URL
+    src_type_t m_src_type = SRC_TYPE_NONE;  // of the URL
     bool m_is_live = false;
     int m_sdp_result = 0;  // of the last GetSdp: 1 is a channel that is multicast only
 
     // Where it goes.
     CMediaStreamSender* m_media_sender = nullptr;  // interleaved, on m_sock
     CRtpUdpSender* m_udp_sender = nullptr;
-    int m_transport = 0;                             // rtp_protocol_t of the last SETUP
-    packet_type_t m_packet_type = PACKET_TYPE_NONE;  // of the last SETUP
-    bool m_multicast_setup = false;                  // a multicast SETUP has been answered
-    bool m_media_started = false;                    // the sinks are attached,
+    int m_transport = 0;                               // rtp_protocol_t of the last SETUP
+    packet_type_t m_packet_type = PACKET_TYPE_NONE;    // of the last SETUP
+    bool m_multicast_setup = false;                    // a multicast SETUP has been answered
+    bool m_media_started = false;                      // the sinks are attached,
     packet_type_t m_attached_type = PACKET_TYPE_NONE;  // to the buffer of this type,
     bool m_attached_udp = false;                       // m_udp_sender and not m_media_sender
     bool m_assist_enabled = false;                     // the assist track was counted in
@@ -263,9 +257,9 @@ private:
     // Dialogue.
     uint64_t m_wait_id = 0;  // the event that a late reply answers
     bool m_described = false;
-    bool m_closed = false;  // close_session was called
+    bool m_closed = false;          // close_session was called
     unsigned int m_play_round = 0;  // counts what ends a PLAY, for a reply that is overtaken by it
-    long m_sdp_timer = 0;   // runs while DESCRIBE waits for an SDP
+    long m_sdp_timer = 0;           // runs while DESCRIBE waits for an SDP
     int m_sdp_tries = 0;
     long m_rtcp_timer = 0;
     int m_timeout_mask = 0;  // time-outs seen: 1 control, 2 UDP keep-alive
@@ -274,8 +268,8 @@ private:
 
     // Authentication.
     int m_auth_state = 0;
-    std::string m_challenge;      // for a 401
-    std::string m_saved_request;  // held while the module judges
+    std::string m_challenge;                                        // for a 401
+    std::string m_saved_request;                                    // held while the module judges
     std::atomic<std::thread::id> m_auth_caller{std::thread::id()};  // the thread that is inside the module now
     CMutex m_auth_mutex;
     bool m_auth_answered VIDORA_GUARDED_BY(m_auth_mutex) = false;

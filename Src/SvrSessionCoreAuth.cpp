@@ -100,8 +100,8 @@ int CSvrSessionCore::check_response(const char* buffer, int length, const char* 
     }
     m_auth_state |= AUTH_RUNNING | AUTH_VERIFYING;
     m_auth_caller = std::this_thread::get_id();
-    m_auth_module->ProcessChallenge(
-        value.c_str(), IAuthModule::result_proc_t(this, &CSvrSessionCore::on_challenge_result), AUTH_KIND);
+    m_auth_module->ProcessChallenge(value.c_str(),
+                                    IAuthModule::result_proc_t(this, &CSvrSessionCore::on_challenge_result), AUTH_KIND);
     m_auth_caller = std::thread::id();
     return 0;
 }

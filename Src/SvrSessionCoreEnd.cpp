@@ -266,8 +266,8 @@ int CSvrSessionCore::send_interleaved_report(unsigned char* buffer, unsigned int
 }
 
 int CSvrSessionCore::send_udp_report(const unsigned char* report, unsigned int length, int channel) {
-    if (m_udp_sender != nullptr && m_udp_sender->SendRaw(reinterpret_cast<const char*>(report),
-                                                         static_cast<int>(length), channel) < 0) {
+    if (m_udp_sender != nullptr &&
+        m_udp_sender->SendRaw(reinterpret_cast<const char*>(report), static_cast<int>(length), channel) < 0) {
         logError("%s %d channel: %d udp media send falied !\n", __FILE__, __LINE__, channel);
         return -1;
     }
@@ -285,7 +285,9 @@ int64_t CSvrSessionCore::handle_timeout(long timer_id) {
     return 0;
 }
 
-void CSvrSessionCore::SetDelayLog(int on) { delay_log = on != 0; }
+void CSvrSessionCore::SetDelayLog(int on) {
+    delay_log = on != 0;
+}
 
 void CSvrSessionCore::RegisterConsole() {
     static std::once_flag once;

@@ -404,8 +404,7 @@ int CSvrSessionCore::make_media_sender() {
     m_media_sender->WaitException(GetID());
     const int timeout = m_config.GetKeepAliveTimeout();
     m_media_sender->SetSendTimeout(static_cast<unsigned int>(timeout < 0 ? 0 : timeout));
-    m_media_sender->AttachSendProc(
-        TFunction3<void, CMediaPacket*, int, int>(this, &CSvrSessionCore::on_frame_info));
+    m_media_sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(this, &CSvrSessionCore::on_frame_info));
     for (int i = 0; i < MAX_TRACKS; ++i) {
         m_media_sender->DisableSendChannel(i);
     }
@@ -470,8 +469,8 @@ int CSvrSessionCore::finish_setup(TrackInfo& track, transport_info& transport, i
     if (rtcp == nullptr) {
         rtcp = new (std::nothrow) CRtcpParser(transport.ssrc);
     }
-    const char* reply =
-        m_rsp_parser.generate_setup_reply(&transport, transport.multicast != 0 ? m_rsp_parser.get_multicast() : nullptr);
+    const char* reply = m_rsp_parser.generate_setup_reply(
+        &transport, transport.multicast != 0 ? m_rsp_parser.get_multicast() : nullptr);
     if (reply == nullptr) {
         logError("%s:%d, get unicast setup reply failed.\n", __FILE__, __LINE__);
         return -1;

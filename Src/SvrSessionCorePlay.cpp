@@ -28,7 +28,9 @@ uint64_t npt_to_us(double seconds) {
     return static_cast<uint64_t>((seconds < MAX_NPT_SECONDS ? seconds : MAX_NPT_SECONDS) * US_PER_SECOND);
 }
 
-double us_to_npt(uint64_t us) { return us == NOT_GIVEN ? -1.0 : static_cast<double>(us) / US_PER_SECOND; }
+double us_to_npt(uint64_t us) {
+    return us == NOT_GIVEN ? -1.0 : static_cast<double>(us) / US_PER_SECOND;
+}
 
 }  // namespace
 

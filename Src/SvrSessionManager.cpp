@@ -21,7 +21,9 @@ const int64_t IDENTIFY_TIMEOUT_US = 5000000;
 const char HEAD_END[] = "\r\n\r\n";
 
 // The hook for the marking of control connections, which are left unmarked on purpose.
-int mark_stream_sock(int /*fd*/, int /*dscp*/) { return 0; }
+int mark_stream_sock(int /*fd*/, int /*dscp*/) {
+    return 0;
+}
 
 // Whether `text` stands anywhere in the bytes, in any case.
 bool holds(const char* buf, int len, const char* text) {
@@ -30,7 +32,9 @@ bool holds(const char* buf, int len, const char* text) {
     return CStrParser::MemMemCase(bytes, len, needle, static_cast<int>(strlen(text))) != nullptr;
 }
 
-int bounded_length(const char* buf) { return buf == nullptr ? 0 : static_cast<int>(strnlen(buf, 1024)); }
+int bounded_length(const char* buf) {
+    return buf == nullptr ? 0 : static_cast<int>(strnlen(buf, 1024));
+}
 
 }  // namespace
 
