@@ -51,7 +51,7 @@ int base64DecodeLen(const char* in) {
     while (value_of(in[count]) >= 0) {
         ++count;
     }
-    return static_cast<int>(count / 4 * 3 + count % 4 + 1);
+    return static_cast<int>(count / 4 * 3 + count % 4 * 6 / 8 + 1);
 }
 
 int base64Decode(char* out, const char* in) {

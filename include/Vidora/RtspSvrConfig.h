@@ -25,7 +25,7 @@ struct OnvifUserGlobalConfig {
 };
 
 // Items of SetConfig and GetConfig, with the form of `value` and the `len` that each wants.
-enum rtsp_svr_config_t {
+enum rtsp_svr_config_t : int {
     RTSP_SVR_CONFIG_AUTH_TYPE = 1,          // rtsp_auth_t: plain RTSP
     RTSP_SVR_CONFIG_HTTP_AUTH_TYPE = 2,     // rtsp_auth_t: RTSP in an HTTP tunnel
     RTSP_SVR_CONFIG_DSCP = 3,               // int: marking of media sockets
@@ -40,7 +40,7 @@ enum rtsp_svr_config_t {
 };
 
 // Events that the server reports to the host.
-enum event_type_t {
+enum event_type_t : int {
     EVENT_LOST_PACKET = 0,         // data: LostPacketEvent, length its size
     EVENT_CLIENT_CONNECTED = 1,    // data: the peer's address as text, length its length
     EVENT_CLIENT_DISCONNECTED = 2  // as EVENT_CLIENT_CONNECTED; may come twice for one session

@@ -10,7 +10,7 @@ namespace Kavio {
 namespace Flumen {
 
 // Which of a frame's time stamps. The library uses PTS_TYPE_MS only: milliseconds on the source's own clock.
-enum PtsType { PTS_TYPE_MS = 0, PTS_TYPE_1 = 1, PTS_TYPE_2 = 2, PTS_TYPE_3 = 3, PTS_TYPE_4 = 4, PTS_TYPE_5 = 5 };
+enum PtsType : int { PTS_TYPE_MS = 0, PTS_TYPE_1 = 1, PTS_TYPE_2 = 2, PTS_TYPE_3 = 3, PTS_TYPE_4 = 4, PTS_TYPE_5 = 5 };
 
 // CMediaFrame: a reference-counted frame, packet or run of packets with its facts.
 //

@@ -1,0 +1,257 @@
+#include "Tramel/StrParser.h"
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+
+namespace Kavio {
+namespace Tramel {
+namespace {
+
+TEST(StrParser, SearchesMoveToTheFirstMatchOrStay) {
+    const char text[] = "CSeq: 1\r\nSession: 2\r\ncseq: 3\r\n";
+    CStrParser parser(text);
+    EXPECT_EQ(21, parser.LocateString("cseq"));
+    EXPECT_EQ(-1, parser.LocateString("CSeq"));  // behind the cursor
+    EXPECT_EQ(21, parser.GetCurOffset());
+    EXPECT_EQ(0, parser.GetStatus());
+    parser.ResetAll();
+    EXPECT_EQ(-1, parser.LocateStringInLineCase("session"));
+    EXPECT_EQ(-1, parser.LocateStringInLine("1\r"));  // the line ends in front of its CR
+    EXPECT_EQ(9, parser.LocateStringCase("sEsSiOn:"));
+    EXPECT_EQ(18, parser.LocateStringInLine("2"));
+    EXPECT_EQ(-1, parser.LocateString(nullptr));
+    EXPECT_EQ(18, parser.LocateString(""));
+}
+
+// Texts of two letters are full of near matches and of repetitions, where a search that skips too far goes wrong.
+TEST(StrParser, AnyCaseSearchAgreesWithThePlainOne) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 20000; ++round) {
+        std::string text(random() % 40, ' ');
+        std::string key(random() % 9 + 1, ' ');
+        for (char& c : text) {
+            c = "aAbB"[random() % 4];
+        }
+        for (char& c : key) {
+            c = "aAbB"[random() % 4];
+        }
+        std::string lower_text = text;
+        std::string lower_key = key;
+        for (char& c : lower_text) {
+            c = static_cast<char>(c | 0x20);
+        }
+        for (char& c : lower_key) {
+            c = static_cast<char>(c | 0x20);
+        }
+        const size_t found = lower_text.find(lower_key);
+        CStrParser parser(text.data(), static_cast<unsigned>(text.size()));
+        ASSERT_EQ(found == std::string::npos ? -1 : static_cast<int>(found), parser.LocateStringCase(key.c_str()))
+            << text << " / " << key;
+    }
+}
+
+TEST(StrParser, PositionAndLines) {
+    const char text[] = "ab\r\ncd\nef";
+    CStrParser parser(text);
+    EXPECT_EQ(3, parser.GetLineNum());
+    EXPECT_EQ(2u, parser.GetCurLinelength());
+    EXPECT_EQ('a', parser.GetCurChar());
+    EXPECT_EQ('\0', parser.CheckPrevChar());
+    EXPECT_EQ(4, parser.ConsumeUntilNextLine());
+    EXPECT_EQ(2u, parser.GetCurLinelength());
+    EXPECT_EQ('\n', parser.CheckPrevChar());
+    EXPECT_EQ(5, parser.GetStringLen());
+    EXPECT_STREQ("cd\nef", parser.GetString());
+    EXPECT_EQ(3, parser.ConsumeUntilNextLine());
+    EXPECT_EQ(-1, parser.ConsumeUntilNextLine());
+    EXPECT_EQ(7, parser.GetCurOffset());
+    EXPECT_EQ(-1, parser.GetStatus());
+    parser.ResetAll();
+    EXPECT_EQ(0, parser.GetStatus());
+    EXPECT_EQ(-1, parser.LocateOffset(10));
+    EXPECT_EQ(-1, parser.LocateOffset(-1));
+    EXPECT_EQ(0, parser.LocateOffset(9));
+    EXPECT_EQ('\0', parser.GetCurChar());
+    EXPECT_EQ(0u, parser.GetCurLinelength());
+    EXPECT_EQ(2, CStrParser("a\nb\n").GetLineNum());
+    EXPECT_EQ(0, CStrParser().GetLineNum());
+    EXPECT_EQ(-1, parser.Attach(nullptr, 5));
+    EXPECT_EQ(0, parser.GetStringLen());
+}
+
+// The text is a part of a larger one, without a NUL, and its end must stop everything.
+TEST(StrParser, StopsAtItsLength) {
+    const char text[] = "12 3456789";
+    CStrParser parser(text, 5);
+    EXPECT_EQ(-1, parser.LocateString("345"));
+    EXPECT_EQ(-1, parser.LocateStringCase("345"));
+    EXPECT_EQ(3, parser.LocateString("34"));
+    EXPECT_NE(0, parser.CompareCase("345"));
+    EXPECT_EQ(34u, parser.ConsumeUint32());
+    EXPECT_EQ(-1, parser.Expect('5'));
+    EXPECT_EQ(0, parser.ConsumeWhitespace());
+    char word[8] = "x";
+    EXPECT_EQ(0, parser.ConsumeWord(word, sizeof(word)));
+    EXPECT_STREQ("", word);
+}
+
+TEST(StrParser, Skips) {
+    CStrParser parser(" \t\r\n\v\fx9-fF7");
+    EXPECT_EQ(2, parser.ConsumeWhitespaceInLine());
+    EXPECT_EQ(4, parser.ConsumeWhitespace());
+    EXPECT_EQ(1, parser.ConsumeUntilDigit());
+    EXPECT_EQ(0, parser.Expect('9'));
+    EXPECT_EQ(1, parser.ConsumeUntilHexDigit());
+    EXPECT_EQ(0, parser.ConsumeUntilHexDigit());
+    EXPECT_EQ(0, parser.GetStatus());
+    EXPECT_EQ(-1, parser.ConsumeUntil('?'));
+    EXPECT_EQ('f', parser.GetCurChar());
+    EXPECT_EQ(-1, parser.GetStatus());
+    EXPECT_EQ(2, parser.ConsumeUntil('7'));
+    EXPECT_EQ(-1, parser.GetStatus());  // sticky
+}
+
+TEST(StrParser, IntegersKeepTheirRange) {
+    const struct {
+        const char* text;
+        int64_t value;
+        int offset;  // behind the number; 0 for a failure
+        int64_t (*take)(CStrParser&);
+    } rows[] = {
+        {"-32768x", -32768, 6, [](CStrParser& p) -> int64_t { return p.ConsumeInt16(); }},
+        {"32768", 0, 0, [](CStrParser& p) -> int64_t { return p.ConsumeInt16(); }},
+        {"+5", 5, 2, [](CStrParser& p) -> int64_t { return p.ConsumeInt16(); }},
+        {"+-5", 0, 0, [](CStrParser& p) -> int64_t { return p.ConsumeInt32(); }},
+        {"2147483647 ", 2147483647, 10, [](CStrParser& p) -> int64_t { return p.ConsumeInt32(); }},
+        {"2147483648", 0, 0, [](CStrParser& p) -> int64_t { return p.ConsumeInt32(); }},
+        {"00007", 7, 5, [](CStrParser& p) -> int64_t { return p.ConsumeUint16(); }},
+        {"65536", 0, 0, [](CStrParser& p) -> int64_t { return p.ConsumeUint16(); }},
+        {"-1", 0, 0, [](CStrParser& p) -> int64_t { return p.ConsumeUint32(); }},
+        {" 1", 0, 0, [](CStrParser& p) -> int64_t { return p.ConsumeUint32(); }},
+        {"18446744073709551615", -1, 20, [](CStrParser& p) { return static_cast<int64_t>(p.ConsumeUint64()); }},
+        {"dEadBeefg", 0xdeadbeef, 8, [](CStrParser& p) -> int64_t { return p.ConsumeHexUint32(); }},
+        {"100000000", 0, 0, [](CStrParser& p) -> int64_t { return p.ConsumeHexUint32(); }},
+        {"", 0, 0, [](CStrParser& p) -> int64_t { return p.ConsumeInt32(); }},
+    };
+    for (const auto& row : rows) {
+        CStrParser parser(row.text);
+        EXPECT_EQ(row.value, row.take(parser)) << row.text;
+        EXPECT_EQ(row.offset, parser.GetCurOffset()) << row.text;
+        EXPECT_EQ(row.offset > 0 ? 0 : -1, parser.GetStatus()) << row.text;
+    }
+}
+
+TEST(StrParser, Doubles) {
+    const std::string huge(400, '9');
+    const struct {
+        const char* text;
+        double value;
+        int offset;
+    } rows[] = {{"12.5-", 12.5, 4}, {"-0.25", -0.25, 5}, {"+3", 3, 2},      {"7.", 7, 2},  {".5", 0.5, 2},
+                {"1e5", 1, 1},      {"now", 0, 0},       {"inf", 0, 0},     {"nan", 0, 0}, {"-", 0, 0},
+                {".", 0, 0},        {"", 0, 0},          {"1.2.3", 1.2, 3}, {"--1", 0, 0}, {huge.c_str(), 0, 0}};
+    for (const auto& row : rows) {
+        CStrParser parser(row.text);
+        EXPECT_EQ(row.value, parser.ConsumeDouble()) << row.text;
+        EXPECT_EQ(row.offset, parser.GetCurOffset()) << row.text;
+        EXPECT_EQ(row.offset > 0 ? 0 : -1, parser.GetStatus()) << row.text;
+    }
+}
+
+TEST(StrParser, TextsAreCutAtTheBufferAndSteppedOverWhole) {
+    CStrParser parser("abcdef user:pass@host");
+    char buf[4] = {'#', '#', '#', '#'};
+    EXPECT_EQ(3, parser.ConsumeWord(buf, sizeof(buf)));
+    EXPECT_STREQ("abc", buf);
+    EXPECT_EQ(6, parser.GetCurOffset());
+    EXPECT_EQ(0, parser.Expect(' '));
+    EXPECT_EQ(3, parser.ConsumeSentence("@:", buf, sizeof(buf)));
+    EXPECT_STREQ("use", buf);
+    EXPECT_EQ('p', parser.GetCurChar());
+    EXPECT_EQ(4, parser.ConsumeSentence("@", nullptr, 0));
+    EXPECT_EQ(-1, parser.ConsumeLength(5, nullptr, 0));
+    EXPECT_EQ(2, parser.ConsumeLength(2, nullptr, 0));
+    EXPECT_EQ(0, parser.ConsumeWord(buf, 0));
+    EXPECT_STREQ("use", buf);
+    EXPECT_EQ(0, parser.GetStringLen());
+    EXPECT_EQ(0, parser.ConsumeSentence(nullptr, buf, sizeof(buf)));
+    const char with_nul[] = {'a', '\0', 'b', ';'};
+    CStrParser binary(with_nul, sizeof(with_nul));
+    EXPECT_EQ(3, binary.ConsumeSentence(";", nullptr, 0));  // a NUL is no delimiter
+}
+
+TEST(StrParser, CompareCaseIsAPrefix) {
+    const CStrParser parser("RtpTime=1");
+    EXPECT_EQ(0, parser.CompareCase("rtptime"));
+    EXPECT_EQ(0, parser.CompareCase(""));
+    EXPECT_NE(0, parser.CompareCase("seq"));
+    EXPECT_NE(0, parser.CompareCase(nullptr));
+}
+
+TEST(StrParser, Addresses) {
+    const std::string label(63, 'a');
+    const struct {
+        std::string text;
+        const char* address;  // null: none
+        int family;
+        const char* rest;
+    } rows[] = {
+        {"192.168.1.10:554/x", "192.168.1.10", 4, ":554/x"},
+        {"10.0.0.256", nullptr, 0, ""},
+        {"10.0.0", nullptr, 0, ""},
+        {"10.0.0.1.", nullptr, 0, ""},
+        {"::1", "::1", 6, ""},
+        {"[fe80::1]:554", "fe80::1", 6, ":554"},
+        {"[fe80::1", nullptr, 0, ""},
+        {"[camera]", nullptr, 0, ""},
+        {"::ffff:10.1.2.3;", "::ffff:10.1.2.3", 6, ";"},
+        {"::g", nullptr, 0, ""},
+        {"camera-1.local:554", "camera-1.local", 1, ":554"},
+        {"3com.example", "3com.example", 1, ""},
+        {"cafe:554", "cafe", 1, ":554"},
+        {"host.", "host.", 1, ""},
+        {"-host", nullptr, 0, ""},
+        {"a..b", nullptr, 0, ""},
+        {label + ".b/", "", 1, "/"},
+        {label + "a", nullptr, 0, ""},
+        {label + "." + label + "." + label + "." + label, nullptr, 0, ""},
+        {"", nullptr, 0, ""},
+        {"/", nullptr, 0, ""},
+    };
+    for (const auto& row : rows) {
+        CStrParser parser(row.text.c_str());
+        char address[128] = "";
+        int family = 0;
+        const int length = parser.ConsumeIpAddr(address, sizeof(address), &family);
+        EXPECT_EQ(row.family, family) << row.text;
+        if (row.address == nullptr) {
+            EXPECT_EQ(-1, length) << row.text;
+            EXPECT_EQ(-1, parser.GetStatus()) << row.text;
+            EXPECT_EQ(0, parser.GetCurOffset()) << row.text;
+            continue;
+        }
+        EXPECT_STREQ(row.rest, parser.GetString()) << row.text;
+        EXPECT_EQ(static_cast<int>(std::strlen(address)), length) << row.text;
+        if (row.address[0] != '\0') {
+            EXPECT_STREQ(row.address, address);
+        }
+    }
+}
+
+TEST(StrParser, StaticSearches) {
+    unsigned char bytes[] = {0, 1, 'G', 'e', 't', 0, 'G', 'E', 'T'};
+    unsigned char key[] = {0, 'G', 'E'};
+    EXPECT_EQ(bytes + 5, CStrParser::MemMem(bytes, sizeof(bytes), key, 3));
+    EXPECT_EQ(nullptr, CStrParser::MemMem(bytes, 7, key, 3));
+    EXPECT_EQ(bytes + 2, CStrParser::MemMemCase(bytes, sizeof(bytes), key + 1, 2));
+    EXPECT_EQ(nullptr, CStrParser::MemMemCase(bytes, sizeof(bytes), key, 0));
+    EXPECT_EQ(nullptr, CStrParser::MemMemCase(bytes, -1, key, 1));
+    EXPECT_EQ(nullptr, CStrParser::MemMem(nullptr, 3, key, 1));
+}
+
+}  // namespace
+}  // namespace Tramel
+}  // namespace Kavio
