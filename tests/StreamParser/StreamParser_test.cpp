@@ -5,9 +5,9 @@
 #include <string>
 #include <vector>
 
-#include "StreamParser/KXFrame.h"
 #include "StreamParser/RtpHeader.h"
 #include "StreamParser/StreamParser.h"
+#include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
 #include "support/Capture.h"
 

@@ -1,8 +1,10 @@
-#ifndef VIDORA_STREAMPARSER_H264PARSER_H
-#define VIDORA_STREAMPARSER_H264PARSER_H
+#ifndef VIDORA_H264PARSER_H
+#define VIDORA_H264PARSER_H
 
 #include <cstddef>
 #include <cstdint>
+
+#include "Vidora/Export.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -38,7 +40,7 @@ struct H264Sps {
 // Reads a parameter set that begins with its NAL header byte (type 7), without start code. Emulation prevention bytes
 // are taken out. Cropping is counted in units of two samples whatever the chroma format, before the height is doubled.
 // False, with `sps` unchanged, if it is truncated or out of range (a side above 16384).
-bool h264_parse_sps(const unsigned char* nal, size_t len, H264Sps& sps);
+VIDORA_API bool h264_parse_sps(const unsigned char* nal, size_t len, H264Sps& sps);
 
 // The head of a slice (ISO 14496-10 7.3.3).
 struct H264Slice {
@@ -50,13 +52,13 @@ struct H264Slice {
 
 // Reads first_mb and slice_type only, from `len` bytes behind the NAL header byte. False if they aren't there or the
 // type is above 9. So a caller may pass the first three bytes alone.
-bool h264_parse_slice_type(const unsigned char* rbsp, size_t len, H264Slice& slice);
+VIDORA_API bool h264_parse_slice_type(const unsigned char* rbsp, size_t len, H264Slice& slice);
 
 // Reads on to field_pic_flag, with the parameter set that the slice refers to; `rbsp` as above, still with emulation
 // prevention bytes. False if the bytes end before it.
-bool h264_parse_field_pic(const unsigned char* rbsp, size_t len, const H264Sps& sps, H264Slice& slice);
+VIDORA_API bool h264_parse_field_pic(const unsigned char* rbsp, size_t len, const H264Sps& sps, H264Slice& slice);
 
 }  // namespace Vidora
 }  // namespace Kavio
 
-#endif  // VIDORA_STREAMPARSER_H264PARSER_H
+#endif  // VIDORA_H264PARSER_H

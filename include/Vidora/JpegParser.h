@@ -1,8 +1,10 @@
-#ifndef VIDORA_STREAMPARSER_JPEGPARSER_H
-#define VIDORA_STREAMPARSER_JPEGPARSER_H
+#ifndef VIDORA_JPEGPARSER_H
+#define VIDORA_JPEGPARSER_H
 
 #include <cstddef>
 #include <cstdint>
+
+#include "Vidora/Export.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -20,9 +22,9 @@ struct JpegImage {
 
 // Reads the marker segments of a JFIF image up to the end of SOS. False if a marker or a segment is missing, lies about
 // its length, or the image has no quantisation table or scan.
-bool jpeg_parse(const unsigned char* data, size_t len, JpegImage& image);
+VIDORA_API bool jpeg_parse(const unsigned char* data, size_t len, JpegImage& image);
 
 }  // namespace Vidora
 }  // namespace Kavio
 
-#endif  // VIDORA_STREAMPARSER_JPEGPARSER_H
+#endif  // VIDORA_JPEGPARSER_H

@@ -1,8 +1,10 @@
-#ifndef VIDORA_STREAMPARSER_MPEG4PARSER_H
-#define VIDORA_STREAMPARSER_MPEG4PARSER_H
+#ifndef VIDORA_MPEG4PARSER_H
+#define VIDORA_MPEG4PARSER_H
 
 #include <cstddef>
 #include <cstdint>
+
+#include "Vidora/Export.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -24,9 +26,9 @@ struct Mpeg4Vol {
 
 // Finds the first video object layer in `data`, which may begin anywhere, and reads its header (ISO 14496-2 6.2.3).
 // False, with `vol` unchanged, if there is none, or it is truncated or not rectangular.
-bool mpeg4_parse_vol(const unsigned char* data, size_t len, Mpeg4Vol& vol);
+VIDORA_API bool mpeg4_parse_vol(const unsigned char* data, size_t len, Mpeg4Vol& vol);
 
 }  // namespace Vidora
 }  // namespace Kavio
 
-#endif  // VIDORA_STREAMPARSER_MPEG4PARSER_H
+#endif  // VIDORA_MPEG4PARSER_H

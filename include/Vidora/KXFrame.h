@@ -1,8 +1,10 @@
-#ifndef VIDORA_STREAMPARSER_KXFRAME_H
-#define VIDORA_STREAMPARSER_KXFRAME_H
+#ifndef VIDORA_KXFRAME_H
+#define VIDORA_KXFRAME_H
 
 #include <cstddef>
 #include <cstdint>
+
+#include "Vidora/Export.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -86,7 +88,7 @@ struct KXHeader {
 //
 // Use: set the fields, GetFrameSize, put the payload into a buffer of that size at the offset given, WriteFrame. One
 // thread at a time; allocates nothing.
-class CKXFrame {
+class VIDORA_API CKXFrame {
 public:
     CKXFrame();
 
@@ -138,50 +140,50 @@ private:
 
 // Finds the payload of a frame. A buffer that begins with the magic: the payload's offset, and in `remaining` its
 // length, not below 0; an offset above `len` gives 0. Any other buffer is bare: 0, and `remaining` is `len`.
-int get_frame_body(const unsigned char* buffer, int len, int& remaining);
+VIDORA_API int get_frame_body(const unsigned char* buffer, int len, int& remaining);
 
 // Walks the extension blocks of a frame to the audio block and gives byte 26 of the buffer; -1 with a log line on
 // failure. It refuses a buffer that does begin with the magic, and takes frame type 0xF0 only: so it has always been,
 // and outside users of the format rely on it.
-int parser_video_info(const unsigned char* buffer, int len);
+VIDORA_API int parser_video_info(const unsigned char* buffer, int len);
 
 // The assist type (byte 5) of an assist frame; -1 with a log line if `buffer` holds none.
-int get_assist_type(const unsigned char* buffer, int len);
+VIDORA_API int get_assist_type(const unsigned char* buffer, int len);
 
 // Does `buffer` begin with the magic?
-bool kx_has_magic(const unsigned char* buffer, size_t len);
+VIDORA_API bool kx_has_magic(const unsigned char* buffer, size_t len);
 // Reads a header. False, with `header` unchanged, if the bytes are too few or the magic is missing.
-bool kx_read_header(const unsigned char* buffer, size_t len, KXHeader& header);
+VIDORA_API bool kx_read_header(const unsigned char* buffer, size_t len, KXHeader& header);
 // Sets the time stamp of a frame in place, and its header checksum anew. False if it has no whole header.
-bool kx_patch_time_stamp(unsigned char* buffer, size_t len, uint16_t time_stamp);
+VIDORA_API bool kx_patch_time_stamp(unsigned char* buffer, size_t len, uint16_t time_stamp);
 // 8-bit sum of the first 23 of the header's 24 bytes.
-uint8_t kx_header_checksum(const unsigned char* header);
+VIDORA_API uint8_t kx_header_checksum(const unsigned char* header);
 // 32-bit sum of the payload as little-endian words, the last one filled up with zeros.
-uint32_t kx_payload_checksum(const unsigned char* payload, size_t len);
+VIDORA_API uint32_t kx_payload_checksum(const unsigned char* payload, size_t len);
 
 // Type byte of a letter, 0 if it has none; and back, where 0xFB gives 0 too.
-uint8_t kx_type_of_letter(int letter);
-int kx_letter_of_type(uint8_t frame_type);
+VIDORA_API uint8_t kx_type_of_letter(int letter);
+VIDORA_API int kx_letter_of_type(uint8_t frame_type);
 
 // The date_time word: year - 2000 (6 bits), month (4), day (5), hour (5), minute (6), second (6); UTC.
-uint32_t kx_pack_date_time(uint64_t seconds);
-uint64_t kx_unpack_date_time(uint32_t date_time);
+VIDORA_API uint32_t kx_pack_date_time(uint64_t seconds);
+VIDORA_API uint64_t kx_unpack_date_time(uint32_t date_time);
 
 // Audio encode code of an RTP payload name, in any case; KX_AUDIO_PCMU for a name that isn't known, or null.
-uint8_t kx_audio_code(const char* name);
+VIDORA_API uint8_t kx_audio_code(const char* name);
 
 // Sample rates by code: index 0 holds 0, then codes 1 to 9.
 constexpr int KX_SAMPLE_RATE_COUNT = 10;
-extern const int KX_SAMPLE_RATES[KX_SAMPLE_RATE_COUNT];
+VIDORA_API extern const int KX_SAMPLE_RATES[KX_SAMPLE_RATE_COUNT];
 // The code of a rate in hertz, 0 if it has none; and back, 0 for a code that isn't in the table.
-uint8_t kx_sample_rate_code(int hertz);
-int kx_sample_rate(int code);
+VIDORA_API uint8_t kx_sample_rate_code(int hertz);
+VIDORA_API int kx_sample_rate(int code);
 
 // enc_type_t of a video encode code, and back; 0 without one.
-int kx_video_enc_type(int code);
-uint8_t kx_video_code(int enc_type);
+VIDORA_API int kx_video_enc_type(int code);
+VIDORA_API uint8_t kx_video_code(int enc_type);
 
 }  // namespace Vidora
 }  // namespace Kavio
 
-#endif  // VIDORA_STREAMPARSER_KXFRAME_H
+#endif  // VIDORA_KXFRAME_H
