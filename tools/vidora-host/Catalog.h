@@ -7,6 +7,7 @@
 
 #include "LiveSource.h"
 #include "Options.h"
+#include "Recording.h"
 #include "Vidora/StreamSource.h"
 
 // Catalog: what this host publishes: live clips by content, and a folder of recordings. Immutable after Load.
