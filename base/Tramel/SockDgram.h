@@ -41,8 +41,10 @@ public:
     // room on entry and the size on return. The number read, 0 when nothing is there, -1 on failure.
     int RecvBatch(DgramSlice* slices, unsigned int count);
 
+    // Routers that multicast may pass (hops for IPv6). 0 or -1.
     int SetMulticastTTL(unsigned char ttl);
-    // The interface that multicast leaves by and is joined on, by its IPv4 address, or its name for IPv6. 0 or -1.
+    // The interface that multicast leaves by and, if the socket is bound to a group, on which the group is joined as
+    // well: by its IPv4 address, or its name for an IPv6 socket. 0 or -1.
     int SetMulticastIF(const char* ip);
 
 private:

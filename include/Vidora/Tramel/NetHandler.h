@@ -10,6 +10,7 @@ namespace Kavio {
 namespace Tramel {
 
 class CSock;
+class CReactor;
 class CHandlerCore;  // the reactor's record of a handler: strand, registrations, timers
 
 // What RegisterSock watches.
@@ -82,7 +83,7 @@ protected:
     void Notify(long target_id, unsigned int msg, long param);
 
 private:
-    friend class CHandlerCore;
+    friend class CReactor;
     std::shared_ptr<CHandlerCore> m_core;
 };
 
