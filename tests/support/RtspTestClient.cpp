@@ -9,7 +9,7 @@
 #include <cstdlib>
 
 namespace Kavio {
-namespace Support {
+namespace Tests {
 
 namespace {
 
@@ -199,5 +199,5 @@ bool CRtspTestClient::cut_reply() {
     return true;
 }
 
-}  // namespace Support
+}  // namespace Tests
 }  // namespace Kavio
