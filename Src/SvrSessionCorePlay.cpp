@@ -18,6 +18,7 @@ namespace {
 const uint64_t NOT_GIVEN = ~uint64_t{0};
 const double US_PER_SECOND = 1000000.0;
 const double MAX_NPT_SECONDS = 1e12;  // beyond any recording; its microseconds fit 64 bits
+const long NO_USER = 0;               // no handler has this identifier
 const int64_t REPORT_PERIOD_US = 5000000;
 
 // Seconds of a Range header as microseconds; below 0 is "not given".
@@ -268,16 +269,15 @@ int CSvrSessionCore::attach_live() {
     }
     // The registry finds a channel by its name. One that was published anew since DESCRIBE is another channel, which
     // this session holds no reference on.
-    CLiveChannel* now = m_live_svr->GetLiveChannel(name, GetID());
-    if (now == m_live_channel) {
-        now->DelRef(GetID());
-        return 0;
+    CLiveChannel* now = m_live_svr->GetLiveChannel(name, NO_USER);  // our own identifier stands in its list already
+    const bool same = now == m_live_channel;
+    if (!same) {
+        leave_channel(now);
     }
-    leave_channel(now);
     if (now != nullptr) {
-        now->DelRef(GetID());
+        now->DelRef(NO_USER);
     }
-    return -1;
+    return same ? 0 : -1;
 }
 
 // A resume after a pause takes this road, too.

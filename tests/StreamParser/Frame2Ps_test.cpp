@@ -8,7 +8,7 @@
 
 namespace Kavio {
 namespace Vidora {
-namespace Test {
+namespace Support {
 namespace {
 
 TEST(Frame2Ps, HeadersAreAsReadersExpectThem) {
@@ -125,6 +125,6 @@ TEST(Frame2Ps, RunsThroughADay) {
 }
 
 }  // namespace
-}  // namespace Test
+}  // namespace Support
 }  // namespace Vidora
 }  // namespace Kavio

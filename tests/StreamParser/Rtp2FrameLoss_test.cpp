@@ -11,7 +11,7 @@
 
 namespace Kavio {
 namespace Vidora {
-namespace Test {
+namespace Support {
 namespace {
 
 const char SPS_HEX[] = "6742c01eda0280be40";
@@ -293,6 +293,6 @@ TEST(Rtp2FrameLoss, CutAtEveryLength) {
 }
 
 }  // namespace
-}  // namespace Test
+}  // namespace Support
 }  // namespace Vidora
 }  // namespace Kavio

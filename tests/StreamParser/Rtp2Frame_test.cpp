@@ -10,7 +10,7 @@
 
 namespace Kavio {
 namespace Vidora {
-namespace Test {
+namespace Support {
 namespace {
 
 const Bytes SPS = FromHex("6742c01eda0280be40");
@@ -428,6 +428,6 @@ TEST(Rtp2Frame, JpegHeadersAreRebuilt) {
 }
 
 }  // namespace
-}  // namespace Test
+}  // namespace Support
 }  // namespace Vidora
 }  // namespace Kavio

@@ -14,7 +14,7 @@
 
 namespace Kavio {
 namespace Vidora {
-namespace Test {
+namespace Support {
 namespace {
 
 // The TS packets of a frame; empty if it wasn't taken.
@@ -443,6 +443,6 @@ TEST(Ts2Frame, Mpeg2PicturesTellTypeAndSize) {
 }
 
 }  // namespace
-}  // namespace Test
+}  // namespace Support
 }  // namespace Vidora
 }  // namespace Kavio

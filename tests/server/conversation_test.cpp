@@ -7,7 +7,13 @@ namespace {
 
 using Support::CUdpPeer;
 
-class Conversation : public CServerTest {};
+class Conversation : public CServerTest {
+protected:
+    // Gives a frame as soon as the source runs, which is shortly after the reply to PLAY.
+    static bool Give(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100) {
+        return Support::WaitUntil([=] { return GiveVideo(source, sequence, size); });
+    }
+};
 
 TEST_F(Conversation, InterleavedFromOptionsToASecondPlay) {
     StartServer();
@@ -33,7 +39,7 @@ TEST_F(Conversation, InterleavedFromOptionsToASecondPlay) {
     EXPECT_EQ(0u, reply.Header("RTP-Info").find("url=trackID=0;seq="));
     EXPECT_EQ("npt=0.000000-", reply.Header("Range"));
 
-    ASSERT_TRUE(GiveVideo(source, 10, 3000));
+    ASSERT_TRUE(Give(source, 10, 3000));
     std::string bytes;
     for (int marker = 0; marker == 0;) {
         const RtspFrame frame = client.Frame();
@@ -63,7 +69,7 @@ TEST_F(Conversation, InterleavedFromOptionsToASecondPlay) {
     EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Stop") == 1; }));
 
     PlayInterleaved(client);
-    ASSERT_TRUE(GiveVideo(source, 20));
+    ASSERT_TRUE(Give(source, 20));
     EXPECT_EQ(0, client.Frame().channel);
     client.Close();
     EXPECT_TRUE(SessionsGone());
@@ -84,7 +90,7 @@ TEST_F(Conversation, UdpSendsFromTheAnnouncedPorts) {
     EXPECT_EQ(0u, transport.find("RTP/AVP;unicast;client_port=" + ports + ";server_port="));
     const int server_port = atoi(transport.c_str() + transport.find("server_port=") + 12);
     ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
-    ASSERT_TRUE(GiveVideo(source, 10, 3000));
+    ASSERT_TRUE(Give(source, 10, 3000));
     int from = 0;
     const std::string packet = rtp.Recv(5000, &from);
     ASSERT_LT(12u, packet.size());
@@ -136,7 +142,7 @@ TEST_F(Conversation, PrivateFramesTravelWithTheirOwnHeader) {
     ASSERT_EQ(200, reply.status);
     EXPECT_EQ(0u, reply.Header("Transport").find("KX/AVP/TCP;"));
     ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
-    ASSERT_TRUE(GiveVideo(source, 10, 500));
+    ASSERT_TRUE(Give(source, 10, 500));
     // "$", channel, and four bytes of length, of which an interleaved reader takes the upper two for its own.
     const RtspFrame header = client.Frame();
     EXPECT_EQ(0, header.channel);

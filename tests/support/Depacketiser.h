@@ -12,7 +12,7 @@
 
 namespace Kavio {
 namespace Vidora {
-namespace Test {
+namespace Support {
 
 // Feeds packets as an owner does: takes each frame that is complete, clears, and feeds a packet again that was left
 // out.
@@ -75,7 +75,7 @@ private:
     CRtp2Frame m_rtp2frame;
 };
 
-}  // namespace Test
+}  // namespace Support
 }  // namespace Vidora
 }  // namespace Kavio
 

@@ -10,7 +10,7 @@
 
 namespace Kavio {
 namespace Vidora {
-namespace Test {
+namespace Support {
 
 // The output of a packer for one frame, unit by unit; checks that its counts agree and that it keeps to the capacity.
 inline std::vector<Bytes> UnitsOf(IFrame2Packet& packer) {
@@ -28,7 +28,7 @@ inline std::vector<Bytes> UnitsOf(IFrame2Packet& packer) {
     return units;
 }
 
-}  // namespace Test
+}  // namespace Support
 }  // namespace Vidora
 }  // namespace Kavio
 

@@ -10,7 +10,7 @@
 
 namespace Kavio {
 namespace Vidora {
-namespace Test {
+namespace Support {
 
 typedef std::vector<uint8_t> Bytes;
 
@@ -106,7 +106,7 @@ private:
     std::string m_text;
 };
 
-}  // namespace Test
+}  // namespace Support
 }  // namespace Vidora
 }  // namespace Kavio
 
