@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "support/Capture.h"
 #include "support/Depacketiser.h"
 #include "support/StreamBytes.h"
 
@@ -58,9 +59,9 @@ TEST(Rtp2Frame, HeadersThatLieAreRefused) {
     };
     for (const Row& row : rows) {
         Depacketiser in(ENC_TYPE_AUDIO);
-        LogText log;
+        Support::CLogCapture log;
         EXPECT_EQ(row.result, in.Put(row.packet)) << row.name;
-        EXPECT_EQ(row.result < 0, log.Has("CRtp2Frame::PutPacket input invalid. buf[")) << row.name;
+        EXPECT_EQ(row.result < 0, log.Count("CRtp2Frame::PutPacket input invalid. buf[")) << row.name;
         if (row.result > 0 && row.packet.size() > 13 && std::string(row.name) != "padding of zero bytes") {
             EXPECT_EQ(ToHex(payload), ToHex(in.Last())) << row.name;
         }
@@ -128,10 +129,10 @@ TEST(Rtp2Frame, RunsThroughADay) {
 }
 
 TEST(Rtp2Frame, TheFirstPacketTellsItsSsrc) {
-    LogText log;
+    Support::CLogCapture log;
     Depacketiser in(ENC_TYPE_AUDIO);
     in.Put(MakeRtp(RtpSpec(), {1}));
-    EXPECT_TRUE(log.Has(">>> RTP SSRC CHANGES from [00000000] to [11223344]\n"));
+    EXPECT_EQ(1, log.Count(">>> RTP SSRC CHANGES from [00000000] to [11223344]\n"));
     EXPECT_EQ(std::vector<std::string>{"ssrc 0 287454020"}, in.m_events);
     EXPECT_EQ(0x11223344u, in.Engine().GetSsrc());
     EXPECT_EQ(1, in.Engine().GetLastSeq());
@@ -217,7 +218,7 @@ TEST(Rtp2Frame, H264PayloadsBecomeAByteStream) {
     };
     for (const Row& row : rows) {
         Depacketiser in(ENC_TYPE_H264);
-        LogText log;
+        Support::CLogCapture log;
         RtpSpec spec;
         int result = 0;
         for (const char* payload : row.payloads) {
@@ -228,7 +229,7 @@ TEST(Rtp2Frame, H264PayloadsBecomeAByteStream) {
         EXPECT_EQ(row.result, result) << row.name;
         EXPECT_EQ(ToHex(FromHex(row.frame)), ToHex(in.Last())) << row.name;
         EXPECT_EQ(std::string(row.letter != 0 ? 1 : 0, row.letter), in.m_letters) << row.name;
-        EXPECT_EQ(result < 0, log.Has("CRtp2Frame::PutPacket make_frame[enc_type=1] fail, ret = -")) << row.name;
+        EXPECT_EQ(result < 0, log.Count("CRtp2Frame::PutPacket make_frame[enc_type=1] fail, ret = -")) << row.name;
     }
 }
 
@@ -357,7 +358,7 @@ TEST(Rtp2Frame, AudioAndAssistHeadersAreCut) {
     };
     for (const Row& row : rows) {
         Depacketiser in(row.enc_type);
-        LogText log;
+        Support::CLogCapture log;
         EXPECT_EQ(CRtp2Frame::ASSIST_TYPE_NONE, in.Engine().GetAssistType());
         RtpSpec spec;
         int result = 0;
@@ -370,7 +371,7 @@ TEST(Rtp2Frame, AudioAndAssistHeadersAreCut) {
         EXPECT_EQ(row.frame, ToHex(in.Last())) << row.enc_type;
         EXPECT_EQ(row.letters, in.m_letters) << row.enc_type;
         EXPECT_EQ(row.enc_type == ENC_TYPE_ASSIST, in.Engine().GetAssistType() == 7) << row.enc_type;
-        EXPECT_EQ(row.enc_type == ENC_TYPE_ONVIF_METADATA, log.Has("CRtp2Frame enc_type[8] not right!\n"));
+        EXPECT_EQ(row.enc_type == ENC_TYPE_ONVIF_METADATA, log.Count("CRtp2Frame enc_type[8] not right!\n"));
     }
 }
 
