@@ -63,8 +63,8 @@ struct RtpPacketNode {
         if (prefix_len > 0) {
             writer.WriteBytes(prefix, prefix_len);
         }
-        if (writer.Remaining() >= FIXED_SIZE && writer.Ok() && writer.Data() != nullptr) {
-            // All of it in one move of known size; what is too much is overwritten by what follows, or isn't in use.
+        if (body_len >= FIXED_SIZE && writer.Remaining() >= FIXED_SIZE && writer.Ok() && writer.Data() != nullptr) {
+            // All of it in one move of known size; what is too much is overwritten by what follows in this packet.
             std::memcpy(writer.Reserve(fixed_len), fixed, FIXED_SIZE);
         } else {
             writer.WriteBytes(fixed, fixed_len);
