@@ -2,11 +2,14 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
+#include "StreamParser/Frame2Ts.h"
 #include "support/Capture.h"
 #include "support/Depacketiser.h"
+#include "support/PackerUnits.h"
 #include "support/StreamBytes.h"
 
 namespace Kavio {
@@ -426,6 +429,43 @@ TEST(Rtp2Frame, JpegHeadersAreRebuilt) {
         ++spec.sequence;
         EXPECT_EQ(std::string(q) == "ff" ? -1 : 1, in.Put(MakeRtp(spec, FromHex(head + "00000000 ccdd"))));
     }
+}
+
+// A transport stream in RTP: seven packets in each, the marker on the last one of a frame, frames of sound among them.
+TEST(Rtp2Frame, TransportStreamsGiveTheFramesOfTheirFirstTrack) {
+    CFrame2Ts packer;
+    packer.SetTsInfo(STREAM_KIND_H264, STREAM_KIND_AUDIO, 7);
+    Depacketiser in(ENC_TYPE_MPEG2TS, true);
+    EXPECT_EQ(-1, in.Engine().GetTsEncodeType());
+    RtpSpec spec;
+    std::vector<Bytes> frames;
+    int results = 0;
+    for (int i = 0; i < 30; ++i) {
+        Bytes frame = i % 3 == 2   ? Bytes(200, 0xAA)
+                      : i % 2 == 0 ? CODE + SPS + CODE + PPS + CODE + FromHex("658884")
+                                   : CODE + FromHex("61e0");
+        frame.resize(frame.size() + static_cast<size_t>(i) * 500, 0x55);
+        packer.PutFrame(frame.data(), static_cast<unsigned>(frame.size()), i % 3 == 2 ? ENC_TYPE_AUDIO : ENC_TYPE_H264,
+                        static_cast<uint64_t>(i), 0);
+        spec.timestamp += 3600;
+        const std::vector<Bytes> units = UnitsOf(packer);
+        for (const Bytes& unit : units) {
+            spec.marker = &unit == &units.back();
+            // Bytes behind the last whole packet of 188 aren't looked at.
+            results += in.Put(MakeRtp(spec, spec.marker ? unit + Bytes(20, 0x47) : unit));
+            ++spec.sequence;
+        }
+        if (i % 3 != 2) {
+            frames.push_back(frame);
+        }
+    }
+    in.m_frames.erase(std::remove(in.m_frames.begin(), in.m_frames.end(), Bytes()), in.m_frames.end());
+    EXPECT_EQ(frames, in.m_frames);  // a frame of sound comes out empty, when the next one's time stamp ends it
+    EXPECT_EQ(20 * 1 + 9 * 20, results);
+    EXPECT_EQ(640, in.Engine().GetWidth());
+    EXPECT_EQ(368, in.Engine().GetHeight());
+    EXPECT_EQ(2, in.Engine().GetTsEncodeType());
+    EXPECT_EQ(-1, in.Put(MakeRtp(spec, Bytes(188, 0x48))));
 }
 
 }  // namespace

@@ -56,10 +56,10 @@ public:
 private:
     void take() {
         Bytes frame(m_rtp2frame.GetFrameSize());
-        EXPECT_EQ(frame.size(), m_rtp2frame.GetFrame(frame.data(), static_cast<uint32_t>(frame.size())));
         if (!frame.empty()) {
             EXPECT_EQ(0u, m_rtp2frame.GetFrame(frame.data(), static_cast<uint32_t>(frame.size() - 1)));
         }
+        EXPECT_EQ(frame.size(), m_rtp2frame.GetFrame(frame.data(), static_cast<uint32_t>(frame.size())));
         m_frames.push_back(frame);
         m_letters += static_cast<char>(m_rtp2frame.GetFrameType());
     }
