@@ -20,7 +20,7 @@ class Player:
     def __init__(self, url, protocols, extra=""):
         branches = "".join(
             f" src. ! application/x-rtp,media={kind} ! decodebin ! {kind}convert ! "
-            f"fakesink name={kind} sync=false signal-handoffs=true" for kind in ("video", "audio"))
+            f"fakesink name={kind} sync=false async=false signal-handoffs=true" for kind in ("video", "audio"))
         self.pipeline = Gst.parse_launch(
             f'rtspsrc name=src location="{url}" protocols={protocols} latency=100 {extra}{branches}')
         self.times = {"video": [], "audio": []}
