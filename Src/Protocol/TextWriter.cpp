@@ -19,8 +19,16 @@ std::string_view written(const char* digits, const std::to_chars_result& result)
 
 }  // namespace
 
+void CTextWriter::CutBack(size_t length) {
+    if (length < m_length) {
+        m_length = length;
+        m_out[m_length] = '\0';
+    }
+}
+
 void CTextWriter::add(std::string_view text) {
     const size_t taken = std::min(text.size(), Room());
+    m_needed += text.size();
     if (taken > 0) {
         std::memcpy(m_out + m_length, text.data(), taken);
         m_length += taken;

@@ -40,6 +40,10 @@ public:
     }
 
     size_t Length() const { return m_length; }
+    // Bytes that the text would have in a buffer without an end.
+    size_t Needed() const { return m_needed; }
+    // Takes back what was written behind `length`; the count of what is needed stays.
+    void CutBack(size_t length);
     size_t Room() const { return m_room - m_length; }
 
 private:
@@ -55,6 +59,7 @@ private:
     char* m_out;
     size_t m_room;
     size_t m_length = 0;
+    size_t m_needed = 0;
 };
 
 }  // namespace Vidora
