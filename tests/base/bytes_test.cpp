@@ -2,9 +2,9 @@
 
 #include <cstring>
 
-#include "Ostra/BitReader.h"
-#include "Ostra/ByteReader.h"
-#include "Ostra/ByteWriter.h"
+#include "Vidora/Ostra/BitReader.h"
+#include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Ostra {
