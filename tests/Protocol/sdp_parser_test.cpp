@@ -70,8 +70,7 @@ const sample_t SAMPLES[] = {
      "1 rtsp://192.0.2.20/Streaming/Channels/101/trackID=1 1 26 -/-1/1 1\n"
      "2 rtsp://192.0.2.20/Streaming/Channels/101/trackID=2 0 0 -/-1/1 1\n"
      "3 rtsp://192.0.2.20/Streaming/Channels/101/trackID=3 0 0 PCMU/8000/1 0\n"},
-    {"camera_recording_mpegts",
-     "1 tracks, kind 0, encoding 2, 70000000 us, -1 fps\n1 track1 1 33 MP2T/90000/1 2\n"},
+    {"camera_recording_mpegts", "1 tracks, kind 0, encoding 2, 70000000 us, -1 fps\n1 track1 1 33 MP2T/90000/1 2\n"},
     {"public_server_vod",
      "2 tracks, kind 0, encoding 0, 634625000 us, 24 fps\n"
      "1 track1 0 96 mpeg4-generic/12000/2 2\n2 track2 1 97 H264/90000/1 2\n"},
@@ -179,18 +178,30 @@ TEST(SdpParser, LosesOnlyTheLineThatIsBad) {
         const char* line;
         const char* log;  // null: passed over in silence
     } const rows[] = {
-        {"v=x", "sdp_parse_version error\n"},          {"o= 1 1 IN IP4 x", "sdp_parse_origin error\n"},
-        {"o=nobody", "sdp_parse_origin error\n"},      {"o=- 1 x IN IP4 x", "sdp_parse_origin error\n"},
-        {"s=", "sdp_parse_name error\n"},              {"c=IN IP4", "sdp_parse_connection error\n"},
-        {"c=IN IP4 x/", "sdp_parse_connection error\n"}, {"c=IN IP4 x/1/", "sdp_parse_connection error\n"},
-        {"b=AS", "sdp_parse_bandwidth error\n"},       {"b=:1", "sdp_parse_bandwidth error\n"},
-        {"t=1", "sdp_parse_time error\n"},             {"t=1  2", "sdp_parse_time error\n"},
-        {"z=1", "sdp_parse_zone error\n"},             {"z=1 -1h ", "sdp_parse_zone error\n"},
-        {"a=", "sdp_parse_attribute error\n"},         {"a=x:", "sdp_parse_attribute error\n"},
-        {"a=:x", "sdp_parse_attribute error\n"},       {"m=video 0 RTP/AVP", "sdp_parse_media error\n"},
-        {"m=video 0 RTP/AVP 96 ", "sdp_parse_media error\n"}, {"m=video x RTP/AVP 96", "sdp_parse_media error\n"},
-        {"m=video -1 RTP/AVP 96", "sdp_parse_media error\n"}, {"hello", nullptr},
-        {"r=7d 1h 0 25h", nullptr},                    {"=", nullptr},
+        {"v=x", "sdp_parse_version error\n"},
+        {"o= 1 1 IN IP4 x", "sdp_parse_origin error\n"},
+        {"o=nobody", "sdp_parse_origin error\n"},
+        {"o=- 1 x IN IP4 x", "sdp_parse_origin error\n"},
+        {"s=", "sdp_parse_name error\n"},
+        {"c=IN IP4", "sdp_parse_connection error\n"},
+        {"c=IN IP4 x/", "sdp_parse_connection error\n"},
+        {"c=IN IP4 x/1/", "sdp_parse_connection error\n"},
+        {"b=AS", "sdp_parse_bandwidth error\n"},
+        {"b=:1", "sdp_parse_bandwidth error\n"},
+        {"t=1", "sdp_parse_time error\n"},
+        {"t=1  2", "sdp_parse_time error\n"},
+        {"z=1", "sdp_parse_zone error\n"},
+        {"z=1 -1h ", "sdp_parse_zone error\n"},
+        {"a=", "sdp_parse_attribute error\n"},
+        {"a=x:", "sdp_parse_attribute error\n"},
+        {"a=:x", "sdp_parse_attribute error\n"},
+        {"m=video 0 RTP/AVP", "sdp_parse_media error\n"},
+        {"m=video 0 RTP/AVP 96 ", "sdp_parse_media error\n"},
+        {"m=video x RTP/AVP 96", "sdp_parse_media error\n"},
+        {"m=video -1 RTP/AVP 96", "sdp_parse_media error\n"},
+        {"hello", nullptr},
+        {"r=7d 1h 0 25h", nullptr},
+        {"=", nullptr},
         {"", nullptr},
     };
     for (const auto& row : rows) {
@@ -302,8 +313,8 @@ TEST(SdpParser, ReadsValuesOfAttributes) {
         {"a=range:npt=0-\r\nm=video 0 x 1\r\na=framerate:25\r\na=rtpmap:96 H264\r\n", 0, 0, 25, "H264/-1/1"},
         {"a=range:npt=0-10.5\r\nm=video 0 x 1\r\na=framerate:x\r\na=framerate:14.5\r\na=rtpmap:96  /\r\n", 0, 10500000,
          15, "-/-1/1"},
-        {"a=range:npt=10-4\r\na=range:npt=0-4\r\nm=video 0 x 1\r\na=rtpmap\r\na=rtpmapping:96 PCMU/8000/x\r\n", 0, 0, -1,
-         "PCMU/8000/1"},
+        {"a=range:npt=10-4\r\na=range:npt=0-4\r\nm=video 0 x 1\r\na=rtpmap\r\na=rtpmapping:96 PCMU/8000/x\r\n", 0, 0,
+         -1, "PCMU/8000/1"},
         {"a=range:npt=0-99999999999999999999\r\na=packetization-supported:KXAV\r\nm=video 0 x 1\r\n"
          "a=framerate:99999999999\r\na=rtpmap:0 PCMU/8000/2\r\n",
          1, 0, -1, "PCMU/8000/2"},
@@ -344,10 +355,11 @@ TEST(SdpParser, KeepsLongTextsWithinItsStore) {
 
     ASSERT_EQ(sdp.GetStream(), 0);
     EXPECT_EQ(log.Count("CSdpParser::GetStream() error, buffer too small. data size:" +
-                        std::to_string(text.size() + 4 + std::string("o=- 1234567890 1234567890 IN IP4 0.0.0.0\r\n"
-                                                                     "s=RTSP Session/2.0\r\nc=IN IP4 0.0.0.0\r\n"
-                                                                     "t=0 0\r\n")
-                                                             .size()) +
+                        std::to_string(text.size() + 4 +
+                                       std::string("o=- 1234567890 1234567890 IN IP4 0.0.0.0\r\n"
+                                                   "s=RTSP Session/2.0\r\nc=IN IP4 0.0.0.0\r\n"
+                                                   "t=0 0\r\n")
+                                           .size()) +
                         " is bigger than buffer size:2038\n"),
               1);
     const std::string written = sdp.get_stream();
