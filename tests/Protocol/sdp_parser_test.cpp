@@ -376,7 +376,8 @@ TEST(SdpParser, CopiesTheTextAndNotTheTree) {
     sdp.GetStream();
     copy = sdp;
     EXPECT_EQ(copy.get_media_count(), 1);
-    copy = copy;
+    const CSdpParser& self = copy;
+    copy = self;
     EXPECT_EQ(copy.get_media_count(), 1);
     EXPECT_EQ(copy.Clear(), 0);
     EXPECT_EQ(copy.get_media_count(), 0);

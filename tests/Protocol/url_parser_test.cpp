@@ -296,7 +296,8 @@ TEST(RtspUrlParser, AssignedObjectsShareTheirState) {
         CRtspUrlParser copy(second);
         ASSERT_TRUE(parse_content(second, "x.kav"));
         first = second;
-        first = first;
+        const CRtspUrlParser& self = first;
+        first = self;
         EXPECT_EQ(first.GetContent(), second.GetContent());
         ASSERT_TRUE(parse_content(copy, "y.kav"));
     }

@@ -53,6 +53,7 @@ TEST(SdpInfo, HasNothingToTellWithoutADescription) {
     EXPECT_EQ(info.GetDuration(seconds), -1);
     EXPECT_EQ(seconds, 3);
     EXPECT_EQ(info.GetAudioChannel(), -1);
+    EXPECT_EQ(info.GetPacketType(), -1);
 }
 
 TEST(SdpInfo, TakesTheTracksThatAreDelivered) {
