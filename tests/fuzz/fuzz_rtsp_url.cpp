@@ -76,15 +76,6 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (content.GetIdentifier() != nullptr) {
         check_live_channel(*content.GetIdentifier());
     }
-    // An address that is accepted is written so that it is read again.
-    CRtspUrlParser writer;
-    const std::string host(text, size);
-    if (writer.AddConnection(0, host.c_str(), 554) == 0) {
-        const std::string written = writer.GenerateUrl("x.kav");
-        CRtspUrlParser reader;
-        check(reader.ParseUrl(written.data(), static_cast<unsigned>(written.size())));
-        check(reader.GetSrcType() == SRC_TYPE_FILE && reader.GenerateUrl("x") != nullptr);
-    }
     // State that several texts have left behind.
     url.ParseContent(text, length);
     url.ParseUrl(text, length);

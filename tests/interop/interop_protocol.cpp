@@ -1,5 +1,5 @@
 // What the protocol layer writes, for independent programs to read:
-//     interop_protocol rtcp FILE    RTCP compounds as UDP datagrams in a capture file
+//     interop_protocol rtcp         prints RTCP compounds, one a line, in hexadecimal
 //     interop_protocol sdp IN OUT   reads a description and writes it again
 #include <cstdint>
 #include <cstdio>
@@ -8,7 +8,6 @@
 #include <iterator>
 #include <string>
 
-#include "Ostra/ByteWriter.h"
 #include "Protocol/RtcpParser.h"
 #include "Protocol/SdpParser.h"
 
@@ -16,58 +15,17 @@ using namespace Kavio::Vidora;
 
 namespace {
 
-const uint16_t RTCP_PORT = 5001;
 const unsigned int ROOM = 2048;
 
-// A capture file of raw IPv4 packets, each in a record of its own.
-class CCapture {
-public:
-    explicit CCapture(const char* path) : m_file(path, std::ios::binary) {
-        uint8_t header[24];
-        CByteWriter writer(header, sizeof(header));
-        writer.WriteU32Le(0xa1b2c3d4);  // microseconds, little-endian
-        writer.WriteU16Le(2);
-        writer.WriteU16Le(4);
-        writer.WriteU64Le(0);
-        writer.WriteU32Le(65535);
-        writer.WriteU32Le(101);  // raw IP
-        put(writer);
+// A compound as a line of hexadecimal digits.
+void put(const uint8_t* bytes, unsigned int size) {
+    for (unsigned int i = 0; i < size; ++i) {
+        std::printf("%02x", static_cast<unsigned int>(bytes[i]));
     }
+    std::printf("\n");
+}
 
-    void Add(const uint8_t* bytes, unsigned int size) {
-        uint8_t record[ROOM + 64];
-        CByteWriter writer(record, sizeof(record));
-        const unsigned int udp_size = size + 8;
-        const unsigned int ip_size = udp_size + 20;
-        writer.WriteU64Le(++m_count);  // the time, in seconds
-        writer.WriteU32Le(ip_size);
-        writer.WriteU32Le(ip_size);
-        writer.WriteU32(0x45000000 | ip_size);
-        writer.WriteU32(0);
-        writer.WriteU32(0x40110000);  // UDP
-        writer.WriteU32(0x7f000001);
-        writer.WriteU32(0x7f000001);
-        writer.WriteU16(RTCP_PORT);
-        writer.WriteU16(RTCP_PORT);
-        writer.WriteU16(static_cast<uint16_t>(udp_size));
-        writer.WriteU16(0);
-        writer.WriteBytes(bytes, size);
-        put(writer);
-    }
-
-    bool Good() { return m_file.flush().good(); }
-
-private:
-    void put(const CByteWriter& writer) {
-        m_file.write(reinterpret_cast<const char*>(writer.Data()), static_cast<std::streamsize>(writer.Offset()));
-    }
-
-    std::ofstream m_file;
-    uint64_t m_count = 0;
-};
-
-int write_rtcp(const char* path) {
-    CCapture capture(path);
+int write_rtcp() {
     uint8_t buffer[ROOM];
     unsigned int length = ROOM;
 
@@ -76,13 +34,13 @@ int write_rtcp(const char* path) {
     const int sender[3] = {1000, 1400000, 90000};
     server.set_sender_info(sender);
     bool good = server.get_sr_compound(buffer, &length) != nullptr;
-    capture.Add(buffer, length);
+    put(buffer, length);
 
     CRtcpParser client(0x55667788);
     const int report[3] = {25, 300, 0x10002};
     client.set_report_info(report);
     good = client.get_rr_compound(buffer, &(length = ROOM)) != nullptr && good;
-    capture.Add(buffer, length);
+    put(buffer, length);
 
     // 3: a server's end, with blocks and items of every kind.
     const int first[3] = {1, -1, 7};
@@ -91,7 +49,7 @@ int write_rtcp(const char* path) {
     good = server.add_sdes_item(1, 9, "user@host") == 0 && server.add_sdes_item(2, 4, "Name") == 0 && good;
     good = server.set_bye(nullptr, 0, "End of Stream", 13) == 0 && good;
     good = server.get_sr_compound(buffer, &(length = ROOM)) != nullptr && good;
-    capture.Add(buffer, length);
+    put(buffer, length);
 
     // 4: a BYE of three sources without a reason.
     CRtcpParser mixer(1);
@@ -99,8 +57,8 @@ int write_rtcp(const char* path) {
     const int types[] = {CRtcpParser::RTCP_TYPE_RR, CRtcpParser::RTCP_TYPE_BYE};
     good = mixer.set_bye(sources, 2, nullptr, 0) == 0 && good;
     good = mixer.GetCompoundPacket(buffer, &(length = ROOM), types, 2) != nullptr && good;
-    capture.Add(buffer, length);
-    return good && capture.Good() ? 0 : 1;
+    put(buffer, length);
+    return good ? 0 : 1;
 }
 
 int rewrite_sdp(const char* in_path, const char* out_path) {
@@ -118,12 +76,12 @@ int rewrite_sdp(const char* in_path, const char* out_path) {
 }  // namespace
 
 int main(int argc, char** argv) {
-    if (argc == 3 && std::strcmp(argv[1], "rtcp") == 0) {
-        return write_rtcp(argv[2]);
+    if (argc == 2 && std::strcmp(argv[1], "rtcp") == 0) {
+        return write_rtcp();
     }
     if (argc == 4 && std::strcmp(argv[1], "sdp") == 0) {
         return rewrite_sdp(argv[2], argv[3]);
     }
-    std::fprintf(stderr, "usage: interop_protocol rtcp FILE | sdp IN OUT\n");
+    std::fprintf(stderr, "usage: interop_protocol rtcp | sdp IN OUT\n");
     return 2;
 }

@@ -4,12 +4,14 @@
 Arguments: interop_protocol, tshark.
 """
 import os
+import struct
 import subprocess
 import sys
 import tempfile
 import time
 import xml.etree.ElementTree
 
+PORT = 5001
 SR, RR, SDES, BYE = 200, 201, 202, 203
 # What tshark works out of other fields.
 DERIVED = {"rtcp.timestamp.ntp", "rtcp.ssrc.high_cycles", "rtcp.ssrc.high_seq"}
@@ -68,8 +70,18 @@ def expected(now):
     ]
 
 
+def write_capture(path, datagrams):
+    """A capture file of raw IPv4 packets, each a UDP datagram to PORT."""
+    with open(path, "wb") as handle:
+        handle.write(struct.pack("<IHHQII", 0xa1b2c3d4, 2, 4, 0, 65535, 101))
+        for datagram in datagrams:
+            udp = struct.pack(">HHHH", PORT, PORT, len(datagram) + 8, 0) + datagram
+            handle.write(struct.pack("<IIII", 0, 0, len(udp) + 20, len(udp) + 20))
+            handle.write(struct.pack(">BBHIIII", 0x45, 0, len(udp) + 20, 0, 0x40110000, 0x7f000001, 0x7f000001) + udp)
+
+
 def dissect(tshark, path):
-    pdml = subprocess.run([tshark, "-r", path, "-d", "udp.port==5001,rtcp", "-T", "pdml"], check=True,
+    pdml = subprocess.run([tshark, "-r", path, "-d", f"udp.port=={PORT},rtcp", "-T", "pdml"], check=True,
                           stdout=subprocess.PIPE, stderr=subprocess.DEVNULL).stdout
     packets = []
     for packet in xml.etree.ElementTree.fromstring(pdml):
@@ -84,8 +96,9 @@ def main(program, tshark):
     with tempfile.TemporaryDirectory() as folder:
         path = os.path.join(folder, "rtcp.pcap")
         before = int(time.time())
-        subprocess.run([program, "rtcp", path], check=True)
+        written = subprocess.run([program, "rtcp"], check=True, stdout=subprocess.PIPE).stdout.decode().split()
         after = int(time.time())
+        write_capture(path, [bytes.fromhex(line) for line in written])
         packets = dissect(tshark, path)
     failures = 0
     # The clock may tick while the packets are written, so the seconds are checked by themselves.
