@@ -6,6 +6,7 @@
 
 #include "RtspSvrSession.h"
 #include "SvrSessionManager.h"
+#include "Tramel/MediaCounters.h"
 #include "Tramel/SockAcceptor.h"
 #include "Tramel/SockStream.h"
 #include "Vidora/RtspSvrConfig.h"
@@ -103,6 +104,14 @@ int CRtspSvr::handle_close(CNetHandler* /*handler*/) {
 
 unsigned int CRtspSvr::GetSessionCount() {
     return CRtspSvrSession::GetCount();
+}
+
+void CRtspSvr::GetStatistics(RtspSvrStatistics& statistics) {
+    const Tramel::CMediaCounters& counters = Tramel::CMediaCounters::Instance();
+    statistics.sessions = GetSessionCount();
+    statistics.packets = counters.Packets();
+    statistics.bytes = counters.Bytes();
+    statistics.dropped = counters.Dropped();
 }
 
 }  // namespace Vidora

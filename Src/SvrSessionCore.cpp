@@ -8,12 +8,12 @@
 #include <cstring>
 #include <mutex>
 
-#include "Ostra/ByteReader.h"
 #include "Protocol/RtcpParser.h"
 #include "RtpUdpSender.h"
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StreamSender.h"
+#include "Vidora/Ostra/ByteReader.h"
 
 #if defined(__SANITIZE_ADDRESS__)
 #define VIDORA_HEAP_SESSION  // so that the sanitizer sees a session's bounds and its end

@@ -5,7 +5,6 @@
 #include <mutex>
 
 #include "FrameInfo.h"
-#include "Ostra/ByteWriter.h"
 #include "Protocol/RtcpParser.h"
 #include "RtpUdpSender.h"
 #include "SvrSessionCore.h"
@@ -14,6 +13,7 @@
 #include "Tramel/SockStream.h"
 #include "Tramel/StreamSender.h"
 #include "Vidora/LiveSvr.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -3,7 +3,7 @@
 #include <cstring>
 #include <new>
 
-#include "Ostra/ByteReader.h"
+#include "Vidora/Ostra/ByteReader.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -1,8 +1,8 @@
 #include <cstring>
 #include <new>
 
-#include "Ostra/ByteWriter.h"
 #include "Protocol/RtcpParser.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

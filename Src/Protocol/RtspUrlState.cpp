@@ -224,13 +224,13 @@ void CRtspUrlParser::CState::remove_one_info(CStrParser& parser, int position, c
     if (before == 0) {
         // The "&" stays at the head: the content of such a URL is told by it.
         if (end >= 0) {
-            writer.Text(source + end, length - static_cast<size_t>(end));
+            writer.Add(std::string_view(source + end, length - static_cast<size_t>(end)));
         }
     } else if (end < 0) {
-        writer.Text(source, before - 1);  // the separator in front goes as well
+        writer.Add(std::string_view(source, before - 1));  // the separator in front goes as well
     } else {
         const size_t behind = static_cast<size_t>(end) + 1;
-        writer.Text(source, before).Text(source + behind, length - behind);
+        writer.Add(std::string_view(source, before), std::string_view(source + behind, length - behind));
     }
 }
 
@@ -412,11 +412,11 @@ void CRtspUrlParser::CState::write_proxy(CTextWriter& writer) const {
     if (!m_has_proxy_addr) {
         return;
     }
-    writer.Text(m_first_param ? "?proxy=" : "&proxy=");
+    writer.Add(m_first_param ? "?proxy=" : "&proxy=");
     if (m_has_auth[1]) {
-        writer.Text(m_proxy_user.c_str()).Text(":").Text(m_proxy_password.c_str()).Text("@");
+        writer.Add(m_proxy_user.c_str()).Add(":").Add(m_proxy_password.c_str()).Add("@");
     }
-    writer.Text(m_proxy_addr).Text(":").Number(m_proxy_port);
+    writer.Add(m_proxy_addr).Add(":").Add(m_proxy_port);
     if (!m_has_params) {
         return;
     }
@@ -424,21 +424,21 @@ void CRtspUrlParser::CState::write_proxy(CTextWriter& writer) const {
     CTextWriter params_writer(params, sizeof(params));
     for (const auto& param : m_params) {
         char one[URL_WORD_SIZE];
-        CTextWriter(one, sizeof(one)).Text("&").Text(param.first.c_str()).Text("=").Text(param.second.c_str());
-        params_writer.Text(one);
+        CTextWriter(one, sizeof(one)).Add("&").Add(param.first.c_str()).Add("=").Add(param.second.c_str());
+        params_writer.Add(one);
     }
-    writer.Text(params);
+    writer.Add(params);
 }
 
 // The generators write beside their result first: `content` may be that very buffer.
 char* CRtspUrlParser::CState::generate_url(const char* content) {
     char url[URL_SIZE];
     CTextWriter writer(url, sizeof(url));
-    writer.Text(SCHEME);
+    writer.Add(SCHEME);
     if (m_has_auth[0]) {
-        writer.Text(m_user.c_str()).Text(":").Text(m_password.c_str()).Text("@");
+        writer.Add(m_user.c_str()).Add(":").Add(m_password.c_str()).Add("@");
     }
-    writer.Text(m_addr).Text(":").Number(m_port).Text("/").Text(content);
+    writer.Add(m_addr).Add(":").Add(m_port).Add("/").Add(content);
     write_proxy(writer);
     copy_text(m_url, sizeof(m_url), url, writer.Length());
     return m_url;
@@ -447,7 +447,7 @@ char* CRtspUrlParser::CState::generate_url(const char* content) {
 char* CRtspUrlParser::CState::generate_content(const char* content) {
     char text[URL_SIZE];
     CTextWriter writer(text, sizeof(text));
-    writer.Text(content);
+    writer.Add(content);
     write_proxy(writer);
     copy_text(m_raw_content, sizeof(m_raw_content), text, writer.Length());
     return m_raw_content;
@@ -468,10 +468,10 @@ char* CRtspUrlParser::CState::generate_proxy_url() {
     const size_t left = std::strlen(m_raw_content) - static_cast<size_t>(host_start);
     const size_t host_length = std::min(left, static_cast<size_t>(has_length ? length : 255));
     CTextWriter(m_proxy_url, sizeof(m_proxy_url))
-        .Text(SCHEME)
-        .Text(m_raw_content + host_start, host_length)
-        .Text("/")
-        .Text(m_raw_content, static_cast<size_t>(separator));
+        .Add(SCHEME)
+        .Add(std::string_view(m_raw_content + host_start, host_length))
+        .Add("/")
+        .Add(std::string_view(m_raw_content, static_cast<size_t>(separator)));
     return m_proxy_url;
 }
 

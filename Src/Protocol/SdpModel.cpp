@@ -1,7 +1,6 @@
 #include "Protocol/SdpModel.h"
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 
 #include "Tramel/StrParser.h"
@@ -14,7 +13,7 @@ bool CSdpText::Set(const char* text) {
 }
 
 bool CSdpText::Set(const char* text, size_t length) {
-    char* copy = text != nullptr ? static_cast<char*>(std::malloc(length + 1)) : nullptr;
+    char* copy = text != nullptr ? new (std::nothrow) char[length + 1] : nullptr;
     if (copy == nullptr) {
         return false;
     }
@@ -23,10 +22,6 @@ bool CSdpText::Set(const char* text, size_t length) {
     Reset();
     m_text = copy;
     return true;
-}
-
-void CSdpText::Reset() {
-    std::free(std::exchange(m_text, nullptr));
 }
 
 bool CSdpText::Equals(const char* text) const {

@@ -27,9 +27,7 @@ public:
     // Takes a copy of `text`, or of its first `length` bytes. False, with nothing changed, for null or without memory.
     bool Set(const char* text);
     bool Set(const char* text, size_t length);
-    void Reset();
-    // Hands the text over to the caller, who calls free().
-    char* Release() { return std::exchange(m_text, nullptr); }
+    void Reset() { delete[] std::exchange(m_text, nullptr); }
 
     const char* Get() const { return m_text; }
     operator const char*() const { return m_text; }

@@ -200,11 +200,7 @@ char* CSdpParser::get_payload_name(int index) const {
     parser.ConsumeInt32();
     parser.ConsumeWhitespace();
     char name[128];
-    CSdpText text;
-    if (parser.ConsumeSentence("/ \r\n", name, sizeof(name)) > 0) {
-        text.Set(name);
-    }
-    return text.Release();
+    return parser.ConsumeSentence("/ \r\n", name, sizeof(name)) > 0 ? ::strdup(name) : nullptr;
 }
 
 int CSdpParser::get_sample_rate(int index) const {

@@ -20,10 +20,10 @@ public:
     // Begins the line of `letter`; more text is appended to the result.
     CTextWriter& Begin(char letter) {
         m_line_start = m_text.Length();
-        return m_text.Text(&letter, 1).Text("=");
+        return m_text.Add(std::string_view(&letter, 1), "=");
     }
     void End() {
-        m_text.Text("\r\n");
+        m_text.Add("\r\n");
         if (m_text.Needed() > m_room) {
             m_text.CutBack(m_line_start);
         }
@@ -32,7 +32,7 @@ public:
     // A line of one text, if it is there.
     void Line(char letter, const char* text) {
         if (text != nullptr) {
-            Begin(letter).Text(text);
+            Begin(letter).Add(text);
             End();
         }
     }
@@ -51,24 +51,24 @@ private:
 };
 
 void write_origin(CSdpLines& lines, const sdp_origin_t& origin) {
-    CTextWriter& text = lines.Begin('o').Text(origin.username);
-    text.Text(" ").Number(origin.session_id).Text(" ").Number(origin.session_version);
-    text.Text(" ").Text(origin.network_type).Text(" ").Text(origin.address_type).Text(" ").Text(origin.address);
+    CTextWriter& text = lines.Begin('o').Add(origin.username);
+    text.Add(" ").Add(origin.session_id).Add(" ").Add(origin.session_version);
+    text.Add(" ").Add(origin.network_type).Add(" ").Add(origin.address_type).Add(" ").Add(origin.address);
     lines.End();
 }
 
 // RFC 4566 5.7: "/ttl" and "/ttl/count" behind an IPv4 group, "/count" behind an IPv6 group. A count of 0, as a line
 // without one is read, drops the ttl too: peers have always been given the plain address then.
 void write_connection(CSdpLines& lines, const sdp_connection_t& connection) {
-    CTextWriter& text = lines.Begin('c').Text(connection.network_type).Text(" ").Text(connection.address_type);
-    text.Text(" ").Text(connection.address);
+    CTextWriter& text = lines.Begin('c').Add(connection.network_type).Add(" ").Add(connection.address_type);
+    text.Add(" ").Add(connection.address);
     if (connection.address_type.Equals("IP4") && connection.address_count > 0) {
-        text.Text("/").Number(unsigned{connection.ttl});
+        text.Add("/").Add(unsigned{connection.ttl});
         if (connection.address_count > 1) {
-            text.Text("/").Number(connection.address_count);
+            text.Add("/").Add(connection.address_count);
         }
     } else if (connection.address_type.Equals("IP6") && connection.address_count > 1) {
-        text.Text("/").Number(connection.address_count);
+        text.Add("/").Add(connection.address_count);
     }
     lines.End();
 }
@@ -81,14 +81,14 @@ void write_connections(CSdpLines& lines, const sdp_list<sdp_connection_t>& conne
 
 void write_bandwidths(CSdpLines& lines, const sdp_list<sdp_bandwidth_t>& bandwidths) {
     for (const sdp_bandwidth_t& bandwidth : bandwidths) {
-        lines.Begin('b').Text(bandwidth.modifier).Text(":").Number(bandwidth.value);
+        lines.Begin('b').Add(bandwidth.modifier).Add(":").Add(bandwidth.value);
         lines.End();
     }
 }
 
 void write_times(CSdpLines& lines, const sdp_list<sdp_time_t>& times) {
     for (const sdp_time_t& time : times) {
-        lines.Begin('t').Number(time.start).Text(" ").Number(time.stop);
+        lines.Begin('t').Add(time.start).Add(" ").Add(time.stop);
         lines.End();
     }
 }
@@ -100,7 +100,7 @@ void write_zones(CSdpLines& lines, const sdp_list<sdp_zone_t>& zones) {
     CTextWriter& text = lines.Begin('z');
     const char* separator = "";
     for (const sdp_zone_t& zone : zones) {
-        text.Text(separator).Number(zone.time).Text(" ").Text(zone.offset);
+        text.Add(separator).Add(zone.time).Add(" ").Add(zone.offset);
         separator = " ";
     }
     lines.End();
@@ -111,9 +111,9 @@ void write_pair(CSdpLines& lines, char letter, const char* name, const char* val
     if (name == nullptr) {
         return;
     }
-    CTextWriter& text = lines.Begin(letter).Text(name);
+    CTextWriter& text = lines.Begin(letter).Add(name);
     if (value != nullptr) {
-        text.Text(":").Text(value);
+        text.Add(":").Add(value);
     }
     lines.End();
 }
@@ -125,13 +125,13 @@ void write_attributes(CSdpLines& lines, const sdp_list<sdp_attribute_t>& attribu
 }
 
 void write_media(CSdpLines& lines, const sdp_media_t& media) {
-    CTextWriter& text = lines.Begin('m').Text(media.type).Text(" ").Number(media.port);
+    CTextWriter& text = lines.Begin('m').Add(media.type).Add(" ").Add(media.port);
     if (media.port_count != 1) {
-        text.Text("/").Number(media.port_count);
+        text.Add("/").Add(media.port_count);
     }
-    text.Text(" ").Text(media.protocol);
+    text.Add(" ").Add(media.protocol);
     for (const CSdpText& format : media.formats) {
-        text.Text(" ").Text(format);
+        text.Add(" ").Add(format);
     }
     lines.End();
     lines.Line('i', media.info);
@@ -143,7 +143,7 @@ void write_media(CSdpLines& lines, const sdp_media_t& media) {
 
 // In the order of RFC 4566 5.
 void write_session(CSdpLines& lines, const sdp_session_t& session) {
-    lines.Begin('v').Number(session.version);
+    lines.Begin('v').Add(session.version);
     lines.End();
     write_origin(lines, session.origin);
     lines.Line('s', session.name);

@@ -2,9 +2,9 @@
 
 #include <cstdio>
 
-#include "Ostra/Md5.h"
 #include "Tramel/TextSearch.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/Md5.h"
 
 namespace Kavio {
 namespace Vidora {

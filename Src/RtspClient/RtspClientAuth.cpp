@@ -5,11 +5,11 @@
 #include <cstring>
 #include <new>
 
-#include "Ostra/Base64.h"
 #include "Protocol/RtspTables.h"
 #include "RtspClient/DigestResponse.h"
 #include "Tramel/StrParser.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/Base64.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -2,12 +2,12 @@
 
 #include <new>
 
-#include "Ostra/ByteReader.h"
-#include "Ostra/ByteWriter.h"
-#include "StreamParser/KXFrame.h"
 #include "StreamParser/PrintLevel.h"
 #include "StreamParser/StreamParser.h"
+#include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -104,7 +104,8 @@ int CRtp2Frame::refuse_packet(const CByteReader& packet) const {
 }
 
 // A packet of another payload type: of a sender, perhaps, that interleaves its tracks in one session and counts the
-// packets of all of them with one sequence. If so it takes part in the search for gaps.
+// packets of all of them with one sequence. If so it takes part in the search for gaps, but for one that follows the
+// own number 0: that stands for "none yet", so this packet isn't counted and the next own one looks like a gap.
 int CRtp2Frame::put_foreign(uint16_t sequence) {
     if (m_last_seq != 0 && m_shared_seq) {
         if (static_cast<uint16_t>(sequence - m_last_seq) != 1) {
@@ -121,7 +122,9 @@ int CRtp2Frame::put_foreign(uint16_t sequence) {
 // Tells SSRC changes and gaps, and marks the frame that suffers from them.
 void CRtp2Frame::watch_sequence(const RtpHeader& header) {
     if (header.ssrc != m_last_ssrc) {
-        logWarn(">>> RTP SSRC CHANGES from [%08x] to [%08x]\n", m_last_ssrc, header.ssrc);
+        // The first packet of a session comes here too, which is nothing to warn of.
+        const auto log = m_packets == 0 ? logInfo : logWarn;
+        log(">>> RTP SSRC CHANGES from [%08x] to [%08x]\n", m_last_ssrc, header.ssrc);
         if (m_notify != nullptr) {
             m_notify->OnSsrcChanged(m_last_ssrc, header.ssrc);
         }

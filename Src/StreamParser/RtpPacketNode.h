@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "Ostra/ByteWriter.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -2,8 +2,8 @@
 
 #include <new>
 
-#include "Ostra/ByteReader.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -87,10 +87,10 @@ int CStreamDecRtp::feed_run(const unsigned char* data, int orig_len) {
         if (ret < 0) {
             return ret;
         }
-        // clang-format off: the text of the assertion is kept as it is
+        // The text of the assertion is kept as it is.
+        // clang-format off
         if (ret != 0) {
-            if (!OSTRA_ASSERT(((ret == 1) && (len == (int)(rtp_len + sizeof(struct rtptcphdr)))) ||
-                              ((ret == 2) && (len == orig_len)))) {
+            if (!OSTRA_ASSERT(( (ret == 1) && ( len == (int)(rtp_len + sizeof(struct rtptcphdr)) ) ) || ( (ret == 2) && ( len == orig_len ) ))) {
                 return FRAME_FAILED;
             }
             return ret;

@@ -5,10 +5,10 @@
 
 #include "FrameInfo.h"
 #include "MediaFrame.h"
-#include "Ostra/ByteReader.h"
-#include "Ostra/ByteWriter.h"
 #include "StreamSource/KXDataReceiver.h"
 #include "Tramel/MediaBuffer.h"
+#include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

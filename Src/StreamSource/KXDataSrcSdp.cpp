@@ -3,11 +3,11 @@
 #include <cstring>
 #include <new>
 
-#include "Ostra/Base64.h"
 #include "Protocol/SdpParser.h"
 #include "StreamSource/AudioTable.h"
 #include "StreamSource/KXDataReceiver.h"
 #include "StreamSource/KXDataSrc.h"
+#include "Vidora/Ostra/Base64.h"
 
 namespace Kavio {
 namespace Vidora {

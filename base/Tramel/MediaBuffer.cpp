@@ -5,6 +5,7 @@
 #include "Tramel/Level2List.h"
 #include "Tramel/OutputUnit.h"
 #include "Tramel/SinkGroup.h"
+#include "Tramel/Strand.h"
 #include "Vidora/Ostra/Log.h"
 #include "Vidora/Ostra/Mutex.h"
 #include "Vidora/Ostra/Time.h"
@@ -29,7 +30,11 @@ const int PAIR_HEADER_LENGTH = 6;  // "$", channel, 32-bit length: the header of
 }  // namespace
 
 // The shared record: it outlives the buffer while a Put runs.
-class CMediaBuffer::CImpl {
+//
+// As a strand it makes the groups' turns due, from a thread of the pool: so a put makes one turn due, whatever the
+// number of groups, and wakes one thread as the last thing that it does for its senders. Threads that the pool wakes
+// for the groups are then unlikely to take the processor from a source that is still inside Put.
+class CMediaBuffer::CImpl final : public CStrand {
 public:
     ~CImpl();
     void EnableAutoSend();
@@ -39,6 +44,9 @@ public:
     void DelSender(CMediaStreamSender* sender);
     CLevel2List& Level2() { return m_level2; }
     void Close();
+
+protected:
+    bool RunTurn() override;
 
 private:
     // What the last put means for the next one.
@@ -80,6 +88,7 @@ private:
 int CMediaBuffer::CImpl::Put(CMediaPacket* packet, int length, int flag, int channel) {
     COutputUnit* unit = nullptr;
     uint32_t late = 0;
+    bool handed_out = false;
     {
         CGuard guard(m_mutex);
         if (is_header_locked(packet, length, flag)) {
@@ -87,13 +96,17 @@ int CMediaBuffer::CImpl::Put(CMediaPacket* packet, int length, int flag, int cha
         } else {
             bool whole = true;
             unit = finish_unit_locked(packet, length, channel, whole);
-            if (unit != nullptr && whole && m_auto_send) {
+            handed_out = unit != nullptr && whole && m_auto_send && m_group_count > 0;
+            if (handed_out) {
                 late = hand_out_locked(unit);
             }
         }
     }
     if (unit == nullptr) {
         return -1;
+    }
+    if (handed_out) {
+        Schedule();
     }
     m_level2.Put(packet, length, flag, channel);
     help(late);
@@ -157,6 +170,17 @@ COutputUnit* CMediaBuffer::CImpl::finish_unit_locked(CMediaPacket* packet, int l
         unit->MarkKeyTrack();
     }
     return unit;
+}
+
+bool CMediaBuffer::CImpl::RunTurn() {
+    for (unsigned int i = 0; i < MAX_GROUPS; ++i) {
+        const std::shared_ptr<CSinkGroup> due = group(i);
+        if (due == nullptr) {
+            break;
+        }
+        due->Kick();
+    }
+    return false;
 }
 
 // Gives the unit to all groups: the set of those that don't keep up.

@@ -12,27 +12,28 @@ namespace Tramel {
 using Ostra::CGuard;
 
 bool CSinkGroup::Put(COutputUnit* unit) {
-    bool help = false;
-    {
-        CGuard guard(m_mutex);
-        if (m_count == 0) {
-            return false;
-        }
-        const bool room = m_pending.Count() < MAX_PENDING && m_pending_bytes < MAX_PENDING_BYTES;
-        if (!room || !m_gate.Open(*unit) || !m_pending.Push(unit)) {
-            m_gate.Dropped(*unit);
-            return !m_running;
-        }
+    CGuard guard(m_mutex);
+    if (m_count == 0) {
+        return false;
+    }
+    const bool room = m_pending.Count() < MAX_PENDING && m_pending_bytes < MAX_PENDING_BYTES;
+    if (room && m_gate.Open(*unit) && m_pending.Push(unit)) {
         unit->AddRef();
         m_gate.Passed(*unit);
         m_pending_bytes += unit->Length();
-        help = m_pending.Count() >= HELP_PENDING && !m_running;
+    } else {
+        m_gate.Dropped(*unit);
     }
-    if (!CReactor::Instance().IsRunning()) {
-        return true;
+    return !m_running && (m_pending.Count() >= HELP_PENDING || !CReactor::Instance().IsRunning());
+}
+
+void CSinkGroup::Kick() {
+    m_mutex.enter();
+    const bool due = !m_pending.Empty();
+    m_mutex.leave();
+    if (due) {
+        Schedule();
     }
-    Schedule();
-    return help;
 }
 
 bool CSinkGroup::RunTurn() {
@@ -53,8 +54,11 @@ bool CSinkGroup::RunTurn() {
 }
 
 void CSinkGroup::RunHere() {
-    if (RunTurn() && CReactor::Instance().IsRunning()) {
-        Schedule();
+    while (RunTurn()) {
+        if (CReactor::Instance().IsRunning()) {
+            Schedule();
+            return;
+        }
     }
 }
 

@@ -38,10 +38,12 @@ public:
 
     CSinkGroup() = default;
 
-    // Gives the senders that stand here a unit, from the group's next turn on, and makes that turn due. True if turns
-    // don't keep up: the caller is to RunHere when it holds no locks.
+    // Keeps a unit for the senders that stand here until the group's next turn. True if turns don't keep up: the caller
+    // is to RunHere when it holds no locks.
     bool Put(COutputUnit* unit);
-    // One turn on the calling thread, unless another thread runs one.
+    // Makes a turn due if units wait for one.
+    void Kick();
+    // One turn on the calling thread, unless another thread runs one; without a pool, turns until nothing waits.
     void RunHere();
 
     // `from_sequence`: the first unit that the sender gets. False if memory is short.

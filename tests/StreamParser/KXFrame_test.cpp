@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "StreamParser/KXFrame.h"
+#include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
 #include "Vidora/Types.h"
 #include "support/Capture.h"
@@ -183,12 +183,12 @@ TEST(KXFrameTest, VideoInfoWalksTheBlocksWithItsOldPolarity) {
     };
     for (auto& row : rows) {
         SCOPED_TRACE(row.name);
-        Kavio::Test::CLogCapture log;
+        Support::CLogCapture log;
         EXPECT_EQ(parser_video_info(row.data.data(), static_cast<int>(row.data.size())), row.result);
         EXPECT_EQ(log.Lines().empty(), row.log[0] == 0);
         EXPECT_GE(log.Count(row.log), row.log[0] == 0 ? 0 : 1);
     }
-    Kavio::Test::CLogCapture log;
+    Support::CLogCapture log;
     Bytes good = rows[0].data;
     std::copy_n("KXAV", 4, good.begin());
     EXPECT_EQ(parser_video_info(good.data(), static_cast<int>(good.size())), -1);
@@ -206,7 +206,7 @@ TEST(KXFrameTest, AssistTypeComesFromAssistFramesOnly) {
     frame.SetSubType(0x42);
     Bytes out = write_frame(frame, {1, 2, 3});
     EXPECT_EQ(get_assist_type(out.data(), static_cast<int>(out.size())), 0x42);
-    Kavio::Test::CLogCapture log;
+    Support::CLogCapture log;
     out[4] = 0xF0;
     EXPECT_EQ(get_assist_type(out.data(), static_cast<int>(out.size())), -1);
     EXPECT_EQ(get_assist_type(nullptr, 10), -1);

@@ -15,9 +15,9 @@ namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Tests::CPool;
-using Tests::CTestHandler;
-using Tests::WaitUntil;
+using Support::CPool;
+using Support::CTestHandler;
+using Support::WaitUntil;
 
 // A source of one video and one audio medium that counts what is asked of it.
 class CCountingSource : public CDataSource {

@@ -70,7 +70,7 @@ protected:
 
     int m_port = 0;
     CRtspSvrConfig m_config;
-    Tests::CPool m_pool{4};
+    Support::CPool m_pool{4};
     CLiveSvr* m_live_svr = nullptr;
     CRtspSvr* m_svr = nullptr;
     std::vector<CLiveChannel*> m_channels;

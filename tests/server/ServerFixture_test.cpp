@@ -70,7 +70,7 @@ CServerTest::~CServerTest() {
     }
     EXPECT_TRUE(SessionsGone());
     m_live_svr->Close();
-    EXPECT_TRUE(Tests::WaitUntil([] { return CFakeStreamSource::LiveCount() == 0; }));
+    EXPECT_TRUE(Support::WaitUntil([] { return CFakeStreamSource::LiveCount() == 0; }));
 }
 
 void CServerTest::StartServer() {
@@ -118,7 +118,7 @@ bool CServerTest::GiveVideo(CFakeStreamSource* source, unsigned int sequence, un
 }
 
 bool CServerTest::SessionsGone(unsigned int left) {
-    return Tests::WaitUntil([left] { return CRtspSvr::GetSessionCount() <= left; });
+    return Support::WaitUntil([left] { return CRtspSvr::GetSessionCount() <= left; });
 }
 
 }  // namespace Vidora

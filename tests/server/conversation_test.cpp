@@ -66,14 +66,14 @@ TEST_F(Conversation, InterleavedFromOptionsToASecondPlay) {
     EXPECT_EQ('\xc8', report.data[1]);
     EXPECT_NE(std::string::npos, report.data.find("End of Stream"));
     EXPECT_EQ(200, client.Reply().status);
-    EXPECT_TRUE(Tests::WaitUntil([&] { return source->CountCalls("Stop") == 1; }));
+    EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Stop") == 1; }));
 
     PlayInterleaved(client);
     ASSERT_TRUE(Give(source, 20));
     EXPECT_EQ(0, client.Frame().channel);
     client.Close();
     EXPECT_TRUE(SessionsGone());
-    EXPECT_TRUE(Tests::WaitUntil([&] { return source->CountCalls("Stop") == 2; }));
+    EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Stop") == 2; }));
 }
 
 TEST_F(Conversation, UdpSendsFromTheAnnouncedPorts) {
@@ -165,12 +165,12 @@ TEST_F(Conversation, DataSourceAnswersLaterSeeksPausesAndEnds) {
     EXPECT_EQ("npt=3.000000-9.000000", reply.Header("Range"));
     CFakeStreamSource* source = CFakeStreamSource::Last();
     ASSERT_NE(nullptr, source);
-    EXPECT_TRUE(Tests::WaitUntil([&] { return source->CountCalls("Start") == 1; }));
+    EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Start") == 1; }));
 
     EXPECT_EQ(200, client.Ask("PAUSE", Url(content)).status);
     EXPECT_EQ(1, source->CountCalls("Pause"));
     EXPECT_EQ(200, client.Ask("PLAY", Url(content)).status);
-    EXPECT_TRUE(Tests::WaitUntil([&] { return source->CountCalls("Resume") >= 1; }));
+    EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Resume") >= 1; }));
     EXPECT_EQ(200, client.Ask("PLAY", Url(content), "Range: npt=5-\r\n").status);  // a seek
     EXPECT_EQ(1, source->CountCalls("Seek 1600000005"));
 
@@ -187,14 +187,14 @@ TEST_F(Conversation, DataSourceAnswersLaterSeeksPausesAndEnds) {
     EXPECT_TRUE(other.Closed());
     client.Close();
     EXPECT_TRUE(SessionsGone());
-    EXPECT_TRUE(Tests::WaitUntil([] { return CFakeStreamSource::LiveCount() == 0; }));
+    EXPECT_TRUE(Support::WaitUntil([] { return CFakeStreamSource::LiveCount() == 0; }));
 }
 
 TEST_F(Conversation, MulticastChannelIsOfferedAsSuch) {
     StartServer();
     CFakeStreamSource* source = AddChannel();
     CSockAddrStorage group("239.1.2.3", 41000);
-    ASSERT_TRUE(Tests::WaitUntil([&] { return m_channels[0]->AddTransfDst(group, "127.0.0.1") == 0; }));
+    ASSERT_TRUE(Support::WaitUntil([&] { return m_channels[0]->AddTransfDst(group, "127.0.0.1") == 0; }));
     ASSERT_EQ(0, m_channels[0]->SetUnicast(false));
 
     CRtspTestClient client(m_port);
@@ -206,7 +206,7 @@ TEST_F(Conversation, MulticastChannelIsOfferedAsSuch) {
     ASSERT_EQ(200, reply.status);
     EXPECT_EQ(0u, reply.Header("Transport").find("RTP/AVP;multicast;destination=239.1.2.3;port=41000-41001;ttl=4"));
     ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
-    EXPECT_TRUE(Tests::WaitUntil([&] { return source->CountCalls("Start") == 1; }));
+    EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Start") == 1; }));
 
     // Another viewer that comes and goes, with and without a PLAY, doesn't stop the stream.
     for (int plays = 0; plays < 2; ++plays) {
@@ -225,7 +225,7 @@ TEST_F(Conversation, MulticastChannelIsOfferedAsSuch) {
                                "Transport: RTP/AVP;multicast;destination=239.1.2.3;port=4000-4001;ttl=4\r\n"));
     EXPECT_TRUE(client.Silent(200));  // a port other than the description's
     client.Close();
-    EXPECT_TRUE(Tests::WaitUntil([&] { return source->CountCalls("Stop") == 1; }));
+    EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Stop") == 1; }));
 }
 
 TEST_F(Conversation, DescribeWaitsForTheSdpWithoutHoldingOthers) {
@@ -235,7 +235,7 @@ TEST_F(Conversation, DescribeWaitsForTheSdpWithoutHoldingOthers) {
     CFakeStreamSource* source = AddChannel(LIVE_NAME, settings);
     AddChannel("cam/realmonitor?channel=2&subtype=0");
     const std::string ready = Url("cam/realmonitor?channel=2&subtype=0");
-    ASSERT_TRUE(Tests::WaitUntil([&] {
+    ASSERT_TRUE(Support::WaitUntil([&] {
         CRtspTestClient probe(m_port);
         return probe.Ask("DESCRIBE", ready).status == 200;
     }));

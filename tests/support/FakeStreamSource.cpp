@@ -6,7 +6,7 @@
 #include "support/FrameBuilder.h"
 
 namespace Kavio {
-namespace Tests {
+namespace Support {
 
 using namespace Vidora;
 
@@ -196,5 +196,5 @@ int CFakeStreamSource::handle_close(CNetHandler*) {
     return 0;
 }
 
-}  // namespace Tests
+}  // namespace Support
 }  // namespace Kavio

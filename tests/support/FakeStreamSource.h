@@ -9,7 +9,7 @@
 #include "Vidora/StreamSource.h"
 
 namespace Kavio {
-namespace Tests {
+namespace Support {
 
 // CFakeStreamSource: a host source that a test drives by hand: it gives frames when Give is called, fails where it is
 // told to, and records the calls that it gets.
@@ -92,7 +92,7 @@ private:
     std::atomic<int> m_packet_state{0};
 };
 
-}  // namespace Tests
+}  // namespace Support
 }  // namespace Kavio
 
 #endif  // VIDORA_TESTS_SUPPORT_FAKESTREAMSOURCE_H

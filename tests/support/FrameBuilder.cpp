@@ -2,10 +2,10 @@
 
 #include <ctime>
 
-#include "Ostra/ByteWriter.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
-namespace Tests {
+namespace Support {
 
 namespace {
 
@@ -108,5 +108,5 @@ std::string H264Picture(bool key, unsigned int size, uint8_t fill) {
     return picture;
 }
 
-}  // namespace Tests
+}  // namespace Support
 }  // namespace Kavio

@@ -7,7 +7,7 @@
 #include "Vidora/Flumen/MediaFrame.h"
 
 namespace Kavio {
-namespace Tests {
+namespace Support {
 
 // What a private frame is made of.
 struct FrameSpec {
@@ -31,7 +31,7 @@ std::string H264Picture(bool key, unsigned int size, uint8_t fill);
 // The parameter sets of H264Picture, each behind a start code.
 std::string H264ParameterSets();
 
-}  // namespace Tests
+}  // namespace Support
 }  // namespace Kavio
 
 #endif  // VIDORA_TESTS_SUPPORT_FRAMEBUILDER_H

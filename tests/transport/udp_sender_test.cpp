@@ -213,9 +213,9 @@ TEST_F(UdpSender, SendsRawBytesOnTheSocketOfTheChannel) {
 }
 
 TEST_F(UdpSender, KeeperReportsOneSilentIntervalOfAnyTrackOnce) {
-    Tests::CPool pool;
+    Support::CPool pool;
     std::atomic<int> lapses{0};
-    Tests::CTestHandler listener;
+    Support::CTestHandler listener;
     listener.on_message = [&](long, unsigned int msg, long) {
         lapses += msg == MSG_KEEPALIVE_TIMEOUT ? 1 : 100;
         return 0;
