@@ -22,11 +22,11 @@
 namespace Kavio {
 namespace Vidora {
 
+using Support::CFakeStreamSource;
 using Support::CLogCapture;
-using Tests::CFakeStreamSource;
-using Tests::CRtspTestClient;
-using Tests::RtspFrame;
-using Tests::RtspReply;
+using Support::CRtspTestClient;
+using Support::RtspFrame;
+using Support::RtspReply;
 
 const char LIVE_NAME[] = "cam/realmonitor?channel=1&subtype=0";
 const char INTERLEAVED[] = "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n";

@@ -109,12 +109,12 @@ void CServerTest::PlayInterleaved(CRtspTestClient& client, const std::string& co
 
 bool CServerTest::GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size) {
     const bool key = sequence % 10 == 0;
-    Tests::FrameSpec spec;
+    Support::FrameSpec spec;
     spec.type = key ? 'I' : 'P';
     spec.sequence = sequence;
     spec.pts_ms = sequence * 40;
-    spec.payload = Tests::H264Picture(key, size, static_cast<uint8_t>(sequence));
-    return source->Give(Tests::BuildFrame(spec));
+    spec.payload = Support::H264Picture(key, size, static_cast<uint8_t>(sequence));
+    return source->Give(Support::BuildFrame(spec));
 }
 
 bool CServerTest::SessionsGone(unsigned int left) {

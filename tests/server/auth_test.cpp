@@ -182,7 +182,7 @@ TEST_F(Authentication, AConnectionThatGoesWhileTheModuleThinks) {
     for (int i = 0; i < 10; ++i) {
         CRtspTestClient client(m_port);
         client.Send(client.Request("DESCRIBE", Url()));
-        Tests::WaitUntil([&] { return g_module.challenges > i; });
+        Support::WaitUntil([&] { return g_module.challenges > i; });
     }
     EXPECT_TRUE(SessionsGone());
     EXPECT_EQ(10, g_module.released);

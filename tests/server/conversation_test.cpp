@@ -5,13 +5,13 @@ namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Tests::CUdpPeer;
+using Support::CUdpPeer;
 
 class Conversation : public CServerTest {
 protected:
     // Gives a frame as soon as the source runs, which is shortly after the reply to PLAY.
     static bool Give(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100) {
-        return Tests::WaitUntil([=] { return GiveVideo(source, sequence, size); });
+        return Support::WaitUntil([=] { return GiveVideo(source, sequence, size); });
     }
 };
 

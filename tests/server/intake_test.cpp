@@ -73,7 +73,7 @@ TEST_F(Intake, FirstBytesDecideWhatAConnectionIs) {
         client.Send(row.bytes);
         if (row.log[0] != '\0') {
             EXPECT_TRUE(client.Closed()) << row.bytes;
-            EXPECT_TRUE(Tests::WaitUntil([&] { return log.Count(row.log) == 1; })) << row.bytes;
+            EXPECT_TRUE(Support::WaitUntil([&] { return log.Count(row.log) == 1; })) << row.bytes;
         } else {
             client.Send("GET");  // whatever becomes of it, the server lives
         }
@@ -160,7 +160,7 @@ std::atomic<int> g_blocked{0};
 void BlockOnConnect(event_type_t event, void*, int) {
     if (event == EVENT_CLIENT_CONNECTED && g_block.exchange(false)) {
         ++g_blocked;
-        Tests::WaitUntil([] { return g_blocked == 0; });
+        Support::WaitUntil([] { return g_blocked == 0; });
     }
 }
 
@@ -170,11 +170,11 @@ TEST_F(Intake, AHostThatBlocksInOneSessionHoldsNobodyElse) {
     CRtspTestClient held(m_port);
     g_block = true;
     held.Send(OPTIONS_TEXT);
-    ASSERT_TRUE(Tests::WaitUntil([] { return g_blocked == 1; }));
+    ASSERT_TRUE(Support::WaitUntil([] { return g_blocked == 1; }));
     g_block = true;
     TcpPair handed_in;  // the caller's thread isn't held either
     EXPECT_EQ(0, m_svr->AddNewConnect(handed_in.server, OPTIONS_TEXT, sizeof(OPTIONS_TEXT) - 1, 0));
-    ASSERT_TRUE(Tests::WaitUntil([] { return g_blocked == 2; }));
+    ASSERT_TRUE(Support::WaitUntil([] { return g_blocked == 2; }));
     CRtspTestClient other(m_port);
     EXPECT_EQ(200, other.Ask("OPTIONS", "*").status);
     EXPECT_TRUE(held.Silent(1));
@@ -192,7 +192,7 @@ TEST_F(Intake, ClosingTheServerDropsTheWaitingAndLeavesSessions) {
     m_svr = nullptr;
     EXPECT_TRUE(waiting.Closed());
     EXPECT_EQ(200, session.Ask("OPTIONS", "*").status);
-    EXPECT_TRUE(Tests::WaitUntil([&] { return !CRtspTestClient(m_port).Connected(); }));
+    EXPECT_TRUE(Support::WaitUntil([&] { return !CRtspTestClient(m_port).Connected(); }));
     session.Close();
     EXPECT_TRUE(SessionsGone());
 

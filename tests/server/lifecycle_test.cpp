@@ -7,7 +7,7 @@ namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Tests::CUdpPeer;
+using Support::CUdpPeer;
 
 class Lifecycle : public CServerTest {
 protected:
@@ -16,7 +16,7 @@ protected:
         StartServer();
     }
     static bool Give(CFakeStreamSource* source, unsigned int sequence) {
-        return Tests::WaitUntil([=] { return GiveVideo(source, sequence); });
+        return Support::WaitUntil([=] { return GiveVideo(source, sequence); });
     }
     // A channel whose SDP never comes: a DESCRIBE of it holds the session's machine.
     std::string AddSlowChannel() {
@@ -179,7 +179,7 @@ TEST_F(Lifecycle, ADeletedChannelEndsItsSessionsAndIsNotKeptByAnyDescribe) {
     EXPECT_TRUE(described.Closed());
     EXPECT_TRUE(interleaved.Closed());
     EXPECT_TRUE(udp.Closed());
-    EXPECT_TRUE(Tests::WaitUntil([&] { return log.Count("~CLiveChannel(), channel_name:") == 1; }));
+    EXPECT_TRUE(Support::WaitUntil([&] { return log.Count("~CLiveChannel(), channel_name:") == 1; }));
     EXPECT_EQ(200, other.Ask("OPTIONS", "*").status);
     EXPECT_TRUE(SessionsGone(1));
 }
@@ -227,7 +227,7 @@ TEST_F(Lifecycle, EventsTellOfComingGoingAndLoss) {
         ASSERT_TRUE(Give(source, sequence));
     }
     const std::string lost = "lost 127.0.0.1 channel 1 subtype 0 size " + std::to_string(sizeof(LostPacketEvent));
-    EXPECT_TRUE(Tests::WaitUntil([&] { return CEventLog::Count(lost) == 2; }));
+    EXPECT_TRUE(Support::WaitUntil([&] { return CEventLog::Count(lost) == 2; }));
     client.Close();
     EXPECT_TRUE(SessionsGone());
     EXPECT_EQ(2, CEventLog::Count("disconnected 127.0.0.1"));  // twice, on purpose

@@ -9,7 +9,7 @@
 #include <cstdlib>
 
 namespace Kavio {
-namespace Tests {
+namespace Support {
 
 namespace {
 
@@ -199,5 +199,5 @@ bool CRtspTestClient::cut_reply() {
     return true;
 }
 
-}  // namespace Tests
+}  // namespace Support
 }  // namespace Kavio

@@ -6,7 +6,7 @@
 #include <string>
 
 namespace Kavio {
-namespace Tests {
+namespace Support {
 
 // A reply as it came.
 struct RtspReply {
@@ -75,7 +75,7 @@ private:
     std::deque<RtspFrame> m_frames;
 };
 
-}  // namespace Tests
+}  // namespace Support
 }  // namespace Kavio
 
 #endif  // VIDORA_TESTS_SUPPORT_RTSPTESTCLIENT_H

@@ -9,7 +9,7 @@
 #include <string>
 
 namespace Kavio {
-namespace Tests {
+namespace Support {
 
 // CUdpPeer: a blocking UDP socket on the loopback address, for a test's end of a conversation.
 class CUdpPeer {
@@ -64,7 +64,7 @@ private:
     bool m_bound = false;
 };
 
-}  // namespace Tests
+}  // namespace Support
 }  // namespace Kavio
 
 #endif  // VIDORA_TESTS_SUPPORT_UDPPEER_H

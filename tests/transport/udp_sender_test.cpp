@@ -16,7 +16,7 @@ namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Tests::CUdpPeer;
+using Support::CUdpPeer;
 
 const int TRACK_0 = 0x00000001;
 const int TRACK_1 = 0x01000001;
