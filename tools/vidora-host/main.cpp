@@ -202,7 +202,9 @@ sigset_t block_signals() {
 // Until SIGINT or SIGTERM comes.
 void wait_for_end(const sigset_t& signals, int stats_sec, Monitor& monitor) {
     if (stats_sec <= 0) {
-        sigwaitinfo(&signals, nullptr);
+        while (sigwaitinfo(&signals, nullptr) < 0) {
+            // a process that was stopped and goes on is interrupted
+        }
         return;
     }
     const timespec period = {stats_sec, 0};
