@@ -10,8 +10,8 @@
 #include <utility>
 #include <vector>
 
-#include "StreamParser/H264Parser.h"
-#include "StreamParser/StartCode.h"
+#include "Vidora/H264Parser.h"
+#include "Vidora/StartCode.h"
 #include "StreamParser/StreamParser.h"
 #include "support/CopyRow.h"
 

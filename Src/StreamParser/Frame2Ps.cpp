@@ -3,11 +3,11 @@
 #include <algorithm>
 #include <new>
 
-#include "Ostra/ByteReader.h"
 #include "StreamParser/PesHeader.h"
 #include "StreamParser/PrintLevel.h"
 #include "StreamParser/StreamParser.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -4,9 +4,9 @@
 #include <cstdint>
 #include <memory>
 
-#include "Ostra/ByteWriter.h"
 #include "StreamParser/Frame2Packet.h"
 #include "StreamParser/TsTable.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <climits>
 
-#include "Ostra/ByteWriter.h"
 #include "StreamParser/PrintLevel.h"
 #include "StreamParser/RtpHeader.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

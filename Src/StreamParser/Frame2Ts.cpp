@@ -3,12 +3,12 @@
 #include <algorithm>
 #include <new>
 
-#include "Ostra/ByteReader.h"
 #include "StreamParser/Crc32.h"
 #include "StreamParser/PesHeader.h"
 #include "StreamParser/PrintLevel.h"
 #include "StreamParser/StreamParser.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
 
 namespace Kavio {
 namespace Vidora {

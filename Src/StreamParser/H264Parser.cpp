@@ -1,6 +1,6 @@
-#include "StreamParser/H264Parser.h"
+#include "Vidora/H264Parser.h"
 
-#include "Ostra/BitReader.h"
+#include "Vidora/Ostra/BitReader.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -1,7 +1,7 @@
-#include "StreamParser/JpegParser.h"
+#include "Vidora/JpegParser.h"
 
-#include "Ostra/ByteReader.h"
 #include "StreamParser/JpegTables.h"
+#include "Vidora/Ostra/ByteReader.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -1,10 +1,10 @@
-#include "StreamParser/KXFrame.h"
+#include "Vidora/KXFrame.h"
 
 #include <cstring>
 
-#include "Ostra/ByteReader.h"
-#include "Ostra/ByteWriter.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -1,9 +1,9 @@
 // The tables of the private frame, and the functions that look into one for others.
 #include <strings.h>
 
-#include "Ostra/ByteReader.h"
-#include "StreamParser/KXFrame.h"
+#include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Types.h"
 
 namespace Kavio {

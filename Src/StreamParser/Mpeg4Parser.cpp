@@ -1,7 +1,7 @@
-#include "StreamParser/Mpeg4Parser.h"
+#include "Vidora/Mpeg4Parser.h"
 
-#include "Ostra/BitReader.h"
-#include "StreamParser/StartCode.h"
+#include "Vidora/Ostra/BitReader.h"
+#include "Vidora/StartCode.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -1,8 +1,8 @@
 #include "StreamParser/PesHeader.h"
 
-#include "Ostra/ByteWriter.h"
 #include "StreamParser/TsTable.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -3,7 +3,7 @@
 
 #include <cstdint>
 
-#include "Ostra/ByteWriter.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -2,12 +2,12 @@
 
 #include <new>
 
-#include "Ostra/ByteReader.h"
-#include "Ostra/ByteWriter.h"
-#include "StreamParser/KXFrame.h"
 #include "StreamParser/PrintLevel.h"
 #include "StreamParser/StreamParser.h"
+#include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -4,13 +4,13 @@
 #include <cstdint>
 #include <memory>
 
-#include "Ostra/ByteReader.h"
 #include "StreamParser/FrameResult.h"
 #include "StreamParser/JpegTables.h"
 #include "StreamParser/RtpHeader.h"
 #include "StreamParser/RtpNotify.h"
 #include "StreamParser/RtpPacketNode.h"
 #include "StreamParser/Ts2Frame.h"
+#include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Types.h"
 
 namespace Kavio {

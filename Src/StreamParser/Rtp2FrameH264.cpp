@@ -2,12 +2,12 @@
 
 #include <algorithm>
 
-#include "Ostra/ByteReader.h"
-#include "Ostra/ByteWriter.h"
-#include "StreamParser/H264Parser.h"
 #include "StreamParser/Rtp2Frame.h"
 #include "StreamParser/StartCodeScan.h"
+#include "Vidora/H264Parser.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

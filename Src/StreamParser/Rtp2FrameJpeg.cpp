@@ -1,10 +1,10 @@
 // The JPEG rule of CRtp2Frame (RFC 2435): scan data to a JFIF image.
 
-#include "Ostra/ByteReader.h"
-#include "Ostra/ByteWriter.h"
 #include "StreamParser/JpegTables.h"
 #include "StreamParser/Rtp2Frame.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

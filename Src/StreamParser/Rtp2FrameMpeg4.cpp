@@ -1,11 +1,11 @@
 // The MPEG-4 rule of CRtp2Frame (RFC 6416): payloads are the stream itself.
 
-#include "Ostra/ByteReader.h"
-#include "Ostra/ByteWriter.h"
-#include "StreamParser/Mpeg4Parser.h"
 #include "StreamParser/Rtp2Frame.h"
 #include "StreamParser/StartCodeScan.h"
+#include "Vidora/Mpeg4Parser.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "Ostra/ByteWriter.h"
-#include "StreamParser/H264Parser.h"
-#include "StreamParser/StartCode.h"
+#include "Vidora/H264Parser.h"
+#include "Vidora/Ostra/ByteWriter.h"
+#include "Vidora/StartCode.h"
 
 namespace Kavio {
 namespace Vidora {

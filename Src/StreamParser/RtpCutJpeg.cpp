@@ -2,9 +2,9 @@
 
 #include <algorithm>
 
-#include "StreamParser/JpegParser.h"
 #include "StreamParser/JpegTables.h"
 #include "StreamParser/RtpCut.h"
+#include "Vidora/JpegParser.h"
 #include "Vidora/Names.h"
 
 namespace Kavio {

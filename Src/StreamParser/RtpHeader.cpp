@@ -1,7 +1,7 @@
 #include "StreamParser/RtpHeader.h"
 
-#include "Ostra/ByteReader.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <cstring>
 
-#include "Ostra/ByteWriter.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -1,4 +1,4 @@
-#include "StreamParser/StartCode.h"
+#include "Vidora/StartCode.h"
 
 #include <cstring>
 

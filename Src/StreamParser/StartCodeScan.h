@@ -4,7 +4,7 @@
 #include <cstddef>
 #include <cstdint>
 
-#include "StreamParser/StartCode.h"
+#include "Vidora/StartCode.h"
 
 namespace Kavio {
 namespace Vidora {

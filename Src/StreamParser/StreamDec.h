@@ -3,9 +3,9 @@
 
 #include <cstdint>
 
-#include "StreamParser/KXFrame.h"
 #include "StreamParser/ShownValue.h"
 #include "StreamParser/StreamParser.h"
+#include "Vidora/KXFrame.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -2,8 +2,8 @@
 
 #include <new>
 
-#include "Ostra/ByteReader.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -2,14 +2,14 @@
 
 #include <new>
 
-#include "Ostra/ByteWriter.h"
 #include "StreamParser/Frame2Ps.h"
 #include "StreamParser/Frame2Rtp.h"
 #include "StreamParser/Frame2Ts.h"
-#include "StreamParser/KXFrame.h"
 #include "StreamParser/RandomDraw.h"
 #include "StreamParser/RtpHeader.h"
+#include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -3,13 +3,13 @@
 #include <algorithm>
 #include <new>
 
-#include "Ostra/ByteReader.h"
-#include "Ostra/ByteWriter.h"
-#include "StreamParser/H264Parser.h"
 #include "StreamParser/Mpeg2Parser.h"
-#include "StreamParser/Mpeg4Parser.h"
 #include "StreamParser/StartCodeScan.h"
+#include "Vidora/H264Parser.h"
+#include "Vidora/Mpeg4Parser.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/Ostra/ByteWriter.h"
 #include "Vidora/Types.h"
 
 namespace Kavio {

@@ -2,10 +2,10 @@
 
 #include <algorithm>
 
-#include "Ostra/ByteReader.h"
-#include "StreamParser/H264Parser.h"
 #include "StreamParser/StartCodeScan.h"
+#include "Vidora/H264Parser.h"
 #include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -1,6 +1,7 @@
 #ifndef VIDORA_TRAMEL_MEDIASTREAMRECEIVER_H
 #define VIDORA_TRAMEL_MEDIASTREAMRECEIVER_H
 
+#include <atomic>
 #include <cstdint>
 
 #include "Vidora/Export.h"
@@ -10,17 +11,22 @@ namespace Kavio {
 namespace Tramel {
 
 // CMediaStreamReceiver: base of the receivers of media streams. It starts and stops reading and reports a failed input
-// to one handler.
+// to one handler. While it isn't receiving, input events don't reach it.
+//
+// THREADING  StartReceive, StopReceive, WaitException, Close: any thread. The other operations run as callbacks of this
+//            handler. A derived class registers the sockets itself, before StartReceive or behind it.
 class VIDORA_API CMediaStreamReceiver : public CNetHandler {
 public:
     CMediaStreamReceiver();
 
     void Close() override;
 
-    // Input is ready: reads and handles it. The number of units handled, or negative on failure, upon which message 2
-    // goes to the handler of WaitException. The base gives 0.
+    // Input is ready: reads and handles it. The number of units handled, or negative on failure: receiving then stops,
+    // and message 2 goes to the handler of WaitException, once. The base
+    // gives 0.
     virtual int handle_stream_input();
-    // Passive reading: called every period of StartReceive. 0 to go on, negative on failure. The base gives 0.
+    // Passive reading: called every period of StartReceive. 0 to go on, negative on failure, with the same consequence.
+    // The base gives 0.
     virtual int64_t handle_passive_input();
     // Writing is possible. The base gives 0.
     virtual int handle_stream_write();
@@ -40,10 +46,12 @@ protected:
     ~CMediaStreamReceiver() override;
 
 private:
-    long m_exception_id = 0;
-    long m_timer_id = 0;
-    bool m_receiving = false;
-    float m_speed = 1.0F;
+    void fail();
+
+    std::atomic<long> m_exception_id{0};
+    std::atomic<long> m_timer_id{0};
+    std::atomic<bool> m_receiving{false};
+    std::atomic<float> m_speed{1.0F};
 };
 
 }  // namespace Tramel

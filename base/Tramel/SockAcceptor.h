@@ -23,6 +23,8 @@ public:
     int Accept(CSockStream& out, CSockAddr* peer);
 
 private:
+    void refuse_one();
+
     int m_spare_fd = -1;  // kept open to be given up when descriptors are exhausted
 };
 

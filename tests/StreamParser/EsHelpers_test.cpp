@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "StreamParser/Crc32.h"
-#include "StreamParser/H264Parser.h"
 #include "StreamParser/JpegTables.h"
 #include "StreamParser/Mpeg2Parser.h"
-#include "StreamParser/Mpeg4Parser.h"
-#include "StreamParser/StartCode.h"
+#include "Vidora/H264Parser.h"
+#include "Vidora/Mpeg4Parser.h"
+#include "Vidora/StartCode.h"
 
 namespace Kavio {
 namespace Vidora {

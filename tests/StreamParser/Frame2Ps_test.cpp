@@ -8,8 +8,10 @@
 #include "support/StreamBytes.h"
 
 namespace Kavio {
-namespace Vidora {
-namespace Test {
+namespace Support {
+
+using namespace Vidora;
+
 namespace {
 
 TEST(Frame2Ps, HeadersAreAsReadersExpectThem) {
@@ -126,6 +128,5 @@ TEST(Frame2Ps, RunsThroughADay) {
 }
 
 }  // namespace
-}  // namespace Test
-}  // namespace Vidora
+}  // namespace Support
 }  // namespace Kavio

@@ -4,7 +4,7 @@
 #include <string>
 #include <vector>
 
-#include "StreamParser/KXFrame.h"
+#include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
 #include "Vidora/Types.h"
 #include "support/Capture.h"

@@ -11,8 +11,10 @@
 #include "support/Depacketiser.h"
 
 namespace Kavio {
-namespace Vidora {
-namespace Test {
+namespace Support {
+
+using namespace Vidora;
+
 namespace {
 
 const Bytes CODE = FromHex("00000001");
@@ -221,6 +223,5 @@ TEST(Rtp2FrameLoss, CutAtEveryLength) {
 }
 
 }  // namespace
-}  // namespace Test
-}  // namespace Vidora
+}  // namespace Support
 }  // namespace Kavio

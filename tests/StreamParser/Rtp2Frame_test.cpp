@@ -13,8 +13,10 @@
 #include "support/StreamBytes.h"
 
 namespace Kavio {
-namespace Vidora {
-namespace Test {
+namespace Support {
+
+using namespace Vidora;
+
 namespace {
 
 const Bytes SPS = FromHex("6742c01eda0280be40");
@@ -469,6 +471,5 @@ TEST(Rtp2Frame, TransportStreamsGiveTheFramesOfTheirFirstTrack) {
 }
 
 }  // namespace
-}  // namespace Test
-}  // namespace Vidora
+}  // namespace Support
 }  // namespace Kavio

@@ -7,9 +7,9 @@
 #include <thread>
 #include <vector>
 
-#include "StreamParser/KXFrame.h"
 #include "StreamParser/RtpHeader.h"
 #include "StreamParser/StreamParser.h"
+#include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
 #include "support/Capture.h"
 

@@ -13,8 +13,10 @@
 #include "support/StreamBytes.h"
 
 namespace Kavio {
-namespace Vidora {
-namespace Test {
+namespace Support {
+
+using namespace Vidora;
+
 namespace {
 
 // The TS packets of a frame; empty if it wasn't taken.
@@ -440,6 +442,5 @@ TEST(Ts2Frame, Mpeg2PicturesTellTypeAndSize) {
 }
 
 }  // namespace
-}  // namespace Test
-}  // namespace Vidora
+}  // namespace Support
 }  // namespace Kavio

@@ -9,8 +9,8 @@
 #include <cstdlib>
 #include <vector>
 
-#include "Ostra/ByteReader.h"
 #include "Vidora/Ostra/Assert.h"
+#include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Ostra/Log.h"
 
 namespace Kavio {

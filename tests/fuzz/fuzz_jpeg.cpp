@@ -5,7 +5,7 @@
 #include <vector>
 
 #include "FuzzRecords.h"
-#include "StreamParser/JpegParser.h"
+#include "Vidora/JpegParser.h"
 #include "StreamParser/JpegTables.h"
 #include "StreamParser/RtpCutJpeg.h"
 

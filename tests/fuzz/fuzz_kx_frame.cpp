@@ -3,7 +3,7 @@
 #include <vector>
 
 #include "FuzzRecords.h"
-#include "StreamParser/KXFrame.h"
+#include "Vidora/KXFrame.h"
 
 using namespace Kavio;
 using namespace Kavio::Vidora;

@@ -1,10 +1,10 @@
 // The readers of parameter sets and headers: H.264 SPS and slice heads, MPEG-4 VOL, MPEG-2 sequence; and the scan for
 // start codes against a plain one. First byte: which; the rest is the data.
 #include "FuzzRecords.h"
-#include "StreamParser/H264Parser.h"
+#include "Vidora/H264Parser.h"
 #include "StreamParser/Mpeg2Parser.h"
-#include "StreamParser/Mpeg4Parser.h"
-#include "StreamParser/StartCode.h"
+#include "Vidora/Mpeg4Parser.h"
+#include "Vidora/StartCode.h"
 
 using namespace Kavio;
 using namespace Kavio::Vidora;

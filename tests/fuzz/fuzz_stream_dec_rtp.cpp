@@ -1,7 +1,7 @@
 // The RTP decoder behind its factory. First byte: encode type, bit 7 to drop damaged frames; second: destination.
 #include "FuzzRecords.h"
-#include "StreamParser/KXFrame.h"
 #include "StreamParser/StreamParser.h"
+#include "Vidora/KXFrame.h"
 
 using namespace Kavio;
 using namespace Kavio::Vidora;

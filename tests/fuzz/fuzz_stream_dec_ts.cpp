@@ -3,9 +3,9 @@
 #include <algorithm>
 
 #include "FuzzRecords.h"
-#include "StreamParser/KXFrame.h"
 #include "StreamParser/StreamParser.h"
 #include "StreamParser/TsTable.h"
+#include "Vidora/KXFrame.h"
 
 using namespace Kavio;
 using namespace Kavio::Vidora;

@@ -16,8 +16,8 @@
 #include <string>
 #include <vector>
 
-#include "Ostra/ByteReader.h"
-#include "Ostra/ByteWriter.h"
+#include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/Ostra/ByteWriter.h"
 #include "StreamParser/StreamParser.h"
 #include "StreamParser/TsTable.h"
 

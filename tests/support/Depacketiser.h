@@ -11,8 +11,10 @@
 #include "support/StreamBytes.h"
 
 namespace Kavio {
-namespace Vidora {
-namespace Test {
+namespace Support {
+
+using namespace Vidora;
+
 
 // Feeds packets as an owner does: takes each frame that is complete, clears, and feeds a packet again that was left
 // out.
@@ -75,8 +77,7 @@ private:
     CRtp2Frame m_rtp2frame;
 };
 
-}  // namespace Test
-}  // namespace Vidora
+}  // namespace Support
 }  // namespace Kavio
 
 #endif  // VIDORA_TESTS_SUPPORT_DEPACKETISER_H

@@ -7,8 +7,10 @@
 #include <vector>
 
 namespace Kavio {
-namespace Vidora {
-namespace Test {
+namespace Support {
+
+using namespace Vidora;
+
 
 typedef std::vector<uint8_t> Bytes;
 
@@ -82,8 +84,7 @@ inline Bytes MakeRtp(const RtpSpec& spec, const Bytes& payload) {
     return packet;
 }
 
-}  // namespace Test
-}  // namespace Vidora
+}  // namespace Support
 }  // namespace Kavio
 
 #endif  // VIDORA_TESTS_SUPPORT_STREAMBYTES_H

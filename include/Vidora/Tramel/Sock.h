@@ -19,12 +19,12 @@ public:
 
     // Takes `fd` over; a former descriptor is closed. 0, or -1 if `fd` is no open descriptor (it is then not owned).
     int Attach(int fd);
-    // Gives the descriptor away, or -1.
+    // Gives the descriptor away, or -1. Whoever watches it takes it out of the reactor first.
     int Detach();
     // The descriptor, or -1.
     int GetHandle() const { return m_fd; }
     bool IsValid() const { return m_fd >= 0; }
-    // Closes the descriptor; 0, or -1 if there is none.
+    // Closes the descriptor, and takes it out of the reactor if somebody still watches it; 0, or -1 if there is none.
     int Close();
     // The peer's address and the local one. `addr` must be a CSockAddrStorage, or an address of the right family.
     // 0 or -1.
@@ -33,6 +33,9 @@ public:
 
 protected:
     int m_fd = -1;
+
+private:
+    int get_addr(int (*query)(int, struct sockaddr*, socklen_t*), CSockAddr* addr) const;
 };
 
 }  // namespace Tramel

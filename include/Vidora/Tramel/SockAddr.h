@@ -21,6 +21,9 @@ public:
     // Bytes of the platform's address structure; 0 if invalid.
     virtual int GetAddrLen() const = 0;
     virtual bool IsValid() const = 0;
+    // Takes a platform address of `length` bytes, for instance one that accept() gave. 0, or -1 for a short length or a
+    // family that this class doesn't hold (the address is then invalid).
+    virtual int SetSockAddr(const struct sockaddr* addr, unsigned int length) = 0;
 
     // The family: a sock_addr_type_t.
     int GetType() const { return m_type; }
@@ -41,6 +44,8 @@ public:
     int GetAddr(struct sockaddr* addr) const override;
     int GetAddrLen() const override;
     bool IsValid() const override { return m_valid; }
+    // An IPv4-mapped IPv6 address is taken as well.
+    int SetSockAddr(const struct sockaddr* addr, unsigned int length) override;
 
     // Sets the address from dotted text; null or empty means the wildcard. 0, or -1 (the address is then invalid).
     int SetAddr(const char* ip, unsigned short port);
@@ -61,7 +66,11 @@ public:
     int GetAddr(struct sockaddr* addr) const override;
     int GetAddrLen() const override;
     bool IsValid() const override { return m_valid; }
+    // An IPv4 address is taken in its mapped form.
+    int SetSockAddr(const struct sockaddr* addr, unsigned int length) override;
 
+    // Sets the address from text, with or without brackets and a %scope; null or empty means the wildcard. 0, or -1
+    // (the address is then invalid).
     int SetAddr(const char* ip, unsigned short port);
     unsigned short GetPort() const;
     char* GetIpStr(char* buf, unsigned int size) const;
@@ -82,6 +91,7 @@ public:
     int GetAddr(struct sockaddr* addr) const override;
     int GetAddrLen() const override;
     bool IsValid() const override;
+    int SetSockAddr(const struct sockaddr* addr, unsigned int length) override;
 
     // Family, address and port are equal.
     bool operator==(const CSockAddrStorage& other) const;
@@ -92,23 +102,32 @@ public:
     int SetAddr(const char* ip, unsigned short port);
     // Sets the address and keeps the port. 0 or -1.
     int SetIp(const char* ip);
-    // Takes a platform address, for instance one that accept() gave. 0, or -1 for another family or a short length.
-    int SetSockAddr(const struct sockaddr* addr, unsigned int length);
     void SetPort(unsigned short port);
     unsigned short GetPort() const;
-    // Canonical text of the address, an IPv4-mapped one as plain IPv4. Gives `buf`.
+    // Canonical text of the address without its scope, an IPv4-mapped one as plain IPv4. Gives `buf`, which is empty if
+    // the address is invalid or `size` too small.
     char* GetIpStr(char* buf, unsigned int size) const;
 
     // 1 for IPv4, an IPv4-mapped IPv6 address included; 2 for IPv6; 0 if invalid.
     int GetRealType() const;
     // True for a multicast group of either family.
     bool IsMulticast() const;
+    // The same address for a socket of the other family: an IPv4-mapped one as IPv4 for SOCK_ADDR_IPV4, an IPv4 one as
+    // mapped for SOCK_ADDR_IPV6. A copy where there is nothing to change, or no such form.
+    CSockAddrStorage ForFamily(int type) const;
 
     // The platform's structure, for calls that want it without a copy.
-    const struct sockaddr* Native() const { return reinterpret_cast<const struct sockaddr*>(&m_addr); }
+    const struct sockaddr* Native() const { return &m_addr.any; }
 
 private:
-    sockaddr_storage m_addr;
+    union CNative {
+        struct sockaddr any;
+        sockaddr_in ipv4;
+        sockaddr_in6 ipv6;  // its port lies where that of ipv4 does
+        sockaddr_storage storage;
+    };
+
+    CNative m_addr;
 };
 
 }  // namespace Tramel

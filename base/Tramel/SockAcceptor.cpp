@@ -1,0 +1,107 @@
+#include "Tramel/SockAcceptor.h"
+
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <cerrno>
+
+#include "Tramel/SockDetail.h"
+#include "Tramel/SockStream.h"
+#include "Vidora/Ostra/Thread.h"
+
+namespace Kavio {
+namespace Tramel {
+
+namespace {
+
+constexpr int ACCEPT_FLAGS = SOCK_CLOEXEC | SOCK_NONBLOCK;
+
+// How long a thread rests when it could not even refuse a connection.
+constexpr int REFUSAL_PAUSE_MS = 10;
+
+int open_spare() {
+    return ::open("/dev/null", O_RDONLY | O_CLOEXEC);
+}
+
+void set_option(int fd, int level, int name, int value) {
+    ::setsockopt(fd, level, name, &value, sizeof(value));
+}
+
+}  // namespace
+
+CSockAcceptor::CSockAcceptor() = default;
+
+CSockAcceptor::~CSockAcceptor() {
+    if (m_spare_fd >= 0) {
+        ::close(m_spare_fd);
+    }
+}
+
+int CSockAcceptor::Open(const CSockAddr& local) {
+    const CSockAddrStorage at = ToStorage(&local);
+    if (!at.IsValid()) {
+        errno = EINVAL;
+        return -1;
+    }
+    const int fd = ::socket(at.Native()->sa_family, SOCK_STREAM | ACCEPT_FLAGS, 0);
+    if (fd < 0 || Attach(fd) != 0) {
+        return -1;
+    }
+    set_option(fd, SOL_SOCKET, SO_REUSEADDR, 1);
+    if (at.GetType() == SOCK_ADDR_IPV6) {
+        set_option(fd, IPPROTO_IPV6, IPV6_V6ONLY, 0);  // the wildcard listens on both families
+    }
+    if (::bind(fd, at.Native(), static_cast<socklen_t>(at.GetAddrLen())) != 0 || ::listen(fd, SOMAXCONN) != 0) {
+        return FailOpen(*this);
+    }
+    if (m_spare_fd < 0) {
+        m_spare_fd = open_spare();
+    }
+    return 0;
+}
+
+int CSockAcceptor::Accept(CSockStream& out, CSockAddr* peer) {
+    sockaddr_storage native = {};
+    socklen_t length = sizeof(native);
+    int fd = -1;
+    do {
+        length = sizeof(native);
+        fd = ::accept4(m_fd, reinterpret_cast<sockaddr*>(&native), &length, ACCEPT_FLAGS);
+    } while (fd < 0 && (errno == EINTR || errno == ECONNABORTED));
+    if (fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
+        refuse_one();
+    }
+    if (fd < 0 || out.Attach(fd) != 0) {
+        return -1;
+    }
+    set_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);  // replies and media units are written whole
+    if (peer != nullptr) {
+        peer->SetSockAddr(reinterpret_cast<const sockaddr*>(&native), length);
+    }
+    return 0;
+}
+
+// With no descriptor left a waiting connection would stay readable for ever. The spare one makes room to take it and
+// hang up.
+void CSockAcceptor::refuse_one() {
+    const int error = errno;
+    int fd = -1;
+    if (m_spare_fd >= 0) {
+        ::close(m_spare_fd);
+        fd = ::accept4(m_fd, nullptr, nullptr, ACCEPT_FLAGS);
+    }
+    if (fd >= 0) {
+        ::close(fd);
+    } else {
+        // Another thread was quicker to take the number, or memory is short: the next attempt follows soon enough.
+        Ostra::CThread::sleep(REFUSAL_PAUSE_MS);
+    }
+    m_spare_fd = open_spare();
+    errno = error;
+}
+
+}  // namespace Tramel
+}  // namespace Kavio

@@ -1,0 +1,53 @@
+#ifndef VIDORA_TRAMEL_SOCKDETAIL_H
+#define VIDORA_TRAMEL_SOCKDETAIL_H
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <climits>
+#include <cstddef>
+
+#include "Vidora/Tramel/Sock.h"
+#include "Vidora/Tramel/SockAddr.h"
+
+namespace Kavio {
+namespace Tramel {
+
+// Small things that the socket classes share.
+
+// The operation would have waited.
+inline bool IsWouldBlock(int error) {
+    return error == EAGAIN || error == EWOULDBLOCK;
+}
+
+inline int ClampInt(unsigned int value) {
+    return value > INT_MAX ? INT_MAX : static_cast<int>(value);
+}
+
+// A length whose count fits an int result.
+inline size_t ClampLength(unsigned int length) {
+    return static_cast<size_t>(ClampInt(length));
+}
+
+// Any address as CSockAddrStorage; an invalid one for null.
+inline CSockAddrStorage ToStorage(const CSockAddr* addr) {
+    CSockAddrStorage storage;
+    sockaddr_storage native = {};
+    if (addr != nullptr && addr->GetAddr(reinterpret_cast<sockaddr*>(&native)) == 0) {
+        storage.SetSockAddr(reinterpret_cast<const sockaddr*>(&native), static_cast<unsigned int>(addr->GetAddrLen()));
+    }
+    return storage;
+}
+
+// Closes a socket that could not be opened and keeps errno for the caller: -1.
+inline int FailOpen(CSock& sock) {
+    const int error = errno;
+    sock.Close();
+    errno = error;
+    return -1;
+}
+
+}  // namespace Tramel
+}  // namespace Kavio
+
+#endif  // VIDORA_TRAMEL_SOCKDETAIL_H

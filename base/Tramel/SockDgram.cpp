@@ -1,0 +1,171 @@
+#include "Tramel/SockDgram.h"
+
+#include <arpa/inet.h>
+#include <net/if.h>
+#include <netinet/in.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "Tramel/SockDetail.h"
+
+namespace Kavio {
+namespace Tramel {
+
+namespace {
+
+constexpr int MIN_RECV_BUFFER = 1 << 20;
+
+int set_option(int fd, int level, int name, int value) {
+    return ::setsockopt(fd, level, name, &value, sizeof(value)) == 0 ? 0 : -1;
+}
+
+// A burst of a key frame's packets must fit until a thread reads. The forced form passes the system's limit, but needs
+// the privilege.
+void raise_recv_buffer(int fd) {
+    int size = 0;
+    socklen_t length = sizeof(size);
+    // The kernel counts its own overhead in and shows twice what was asked for.
+    if (::getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, &length) == 0 && size >= 2 * MIN_RECV_BUFFER) {
+        return;
+    }
+    if (set_option(fd, SOL_SOCKET, SO_RCVBUFFORCE, MIN_RECV_BUFFER) != 0) {
+        set_option(fd, SOL_SOCKET, SO_RCVBUF, MIN_RECV_BUFFER);
+    }
+}
+
+// Joins the group that the socket is bound to, on the system's choice of interface.
+int join(int fd, const CSockAddrStorage& group, unsigned int interface_index, in_addr interface_addr) {
+    if (group.GetType() == SOCK_ADDR_IPV4) {
+        sockaddr_in native = {};
+        memcpy(&native, group.Native(), sizeof(native));
+        ip_mreq request = {native.sin_addr, interface_addr};
+        return ::setsockopt(fd, IPPROTO_IP, IP_ADD_MEMBERSHIP, &request, sizeof(request));
+    }
+    sockaddr_in6 native = {};
+    memcpy(&native, group.Native(), sizeof(native));
+    ipv6_mreq request = {native.sin6_addr, interface_index != 0 ? interface_index : native.sin6_scope_id};
+    return ::setsockopt(fd, IPPROTO_IPV6, IPV6_ADD_MEMBERSHIP, &request, sizeof(request));
+}
+
+// The family that the socket itself has: its peers' addresses are given to it in that form.
+int family_of(int fd) {
+    int domain = AF_UNSPEC;
+    socklen_t length = sizeof(domain);
+    ::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &length);
+    return domain == AF_INET6 ? SOCK_ADDR_IPV6 : SOCK_ADDR_IPV4;
+}
+
+}  // namespace
+
+int CSockDgram::Open(const CSockAddr* local) {
+    const CSockAddrStorage at = ToStorage(local);
+    if (local != nullptr && !at.IsValid()) {
+        errno = EINVAL;
+        return -1;
+    }
+    const int fd =
+        ::socket(at.IsValid() ? at.Native()->sa_family : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0 || Attach(fd) != 0) {
+        return -1;
+    }
+    raise_recv_buffer(fd);
+    if (!at.IsValid()) {
+        return 0;
+    }
+    if (at.GetType() == SOCK_ADDR_IPV6) {
+        set_option(fd, IPPROTO_IPV6, IPV6_V6ONLY, 0);
+    }
+    const bool is_group = at.IsMulticast();
+    if (is_group) {
+        set_option(fd, SOL_SOCKET, SO_REUSEADDR, 1);  // several receivers of a group share its port
+        // Only what is sent to the group that this socket joins, not to those that others on the host have joined.
+        set_option(fd, IPPROTO_IP, IP_MULTICAST_ALL, 0);
+#ifdef IPV6_MULTICAST_ALL
+        set_option(fd, IPPROTO_IPV6, IPV6_MULTICAST_ALL, 0);
+#endif
+    }
+    if (::bind(fd, at.Native(), static_cast<socklen_t>(at.GetAddrLen())) != 0 ||
+        (is_group && join(fd, at, 0, in_addr{}) != 0)) {
+        return FailOpen(*this);
+    }
+    return 0;
+}
+
+int CSockDgram::SetRemote(const CSockAddr* remote) {
+    const CSockAddrStorage to = ToStorage(remote).ForFamily(family_of(m_fd));
+    return to.IsValid() && ::connect(m_fd, to.Native(), static_cast<socklen_t>(to.GetAddrLen())) == 0 ? 0 : -1;
+}
+
+int CSockDgram::Recv(char* buf, unsigned int len, CSockAddr* from) {
+    sockaddr_storage native = {};
+    socklen_t length = sizeof(native);
+    ssize_t count = 0;
+    do {
+        length = sizeof(native);
+        count = ::recvfrom(m_fd, buf, ClampLength(len), 0, reinterpret_cast<sockaddr*>(&native), &length);
+    } while (count < 0 && errno == EINTR);
+    if (count < 0) {
+        return IsWouldBlock(errno) ? 0 : -1;
+    }
+    if (from != nullptr) {
+        from->SetSockAddr(reinterpret_cast<const sockaddr*>(&native), length);
+    }
+    return static_cast<int>(count);
+}
+
+int CSockDgram::Send(const char* buf, unsigned int len, const CSockAddr* to) {
+    CSockAddrStorage target;
+    if (to != nullptr) {
+        target = ToStorage(to).ForFamily(family_of(m_fd));
+        if (!target.IsValid()) {
+            return -1;
+        }
+    }
+    // An ICMP error that an earlier datagram met is told by the next call, and then gone; it says nothing about this
+    // one.
+    for (int attempt = 0;; ++attempt) {
+        const ssize_t count =
+            ::sendto(m_fd, buf, ClampLength(len), MSG_NOSIGNAL, to == nullptr ? nullptr : target.Native(),
+                     static_cast<socklen_t>(target.GetAddrLen()));
+        if (count >= 0) {
+            return static_cast<int>(count);
+        }
+        if (errno != EINTR && (errno != ECONNREFUSED || attempt > 0)) {
+            return -1;
+        }
+    }
+}
+
+// An IPv6 socket may send to IPv4 groups as well, for which it has options of their own.
+int CSockDgram::SetMulticastTTL(unsigned char ttl) {
+    const int result = set_option(m_fd, IPPROTO_IP, IP_MULTICAST_TTL, ttl);
+    return family_of(m_fd) == SOCK_ADDR_IPV6 ? set_option(m_fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, ttl) : result;
+}
+
+int CSockDgram::SetMulticastIF(const char* ip) {
+    if (ip == nullptr || m_fd < 0) {
+        return -1;
+    }
+    unsigned int index = 0;
+    in_addr address = {};
+    if (::inet_pton(AF_INET, ip, &address) == 1) {
+        if (::setsockopt(m_fd, IPPROTO_IP, IP_MULTICAST_IF, &address, sizeof(address)) != 0) {
+            return -1;
+        }
+    } else {
+        index = ::if_nametoindex(ip);
+        if (index == 0 || set_option(m_fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, static_cast<int>(index)) != 0) {
+            return -1;
+        }
+    }
+    CSockAddrStorage bound;
+    if (GetLocalAddr(&bound) != 0 || !bound.IsMulticast()) {
+        return 0;
+    }
+    return join(m_fd, bound, index, address) == 0 || errno == EADDRINUSE ? 0 : -1;
+}
+
+}  // namespace Tramel
+}  // namespace Kavio

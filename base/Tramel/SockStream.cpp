@@ -1,0 +1,94 @@
+#include "Tramel/SockStream.h"
+
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/socket.h>
+
+#include <cerrno>
+
+#include "Tramel/SockDetail.h"
+
+namespace Kavio {
+namespace Tramel {
+
+CSockStream::CSockStream() = default;
+
+int CSockStream::Recv(char* buf, unsigned int len) {
+    if (len == 0) {
+        return 0;  // recv would give 0 as well, which stands for the end of the stream
+    }
+    for (;;) {
+        const ssize_t count = ::recv(m_fd, buf, ClampLength(len), 0);
+        if (count > 0) {
+            return static_cast<int>(count);
+        }
+        if (count == 0) {
+            return -1;
+        }
+        if (errno != EINTR) {
+            return IsWouldBlock(errno) ? 0 : -1;
+        }
+    }
+}
+
+int CSockStream::Send(const char* buf, unsigned int len) {
+    for (;;) {
+        const ssize_t count = ::send(m_fd, buf, ClampLength(len), MSG_NOSIGNAL);
+        if (count >= 0) {
+            return static_cast<int>(count);
+        }
+        if (errno != EINTR) {
+            return IsWouldBlock(errno) ? 0 : -1;
+        }
+    }
+}
+
+int CSockStream::Connect(const CSockAddr& remote, CSockAddr* local) {
+    CSockAddrStorage to = ToStorage(&remote);
+    to = to.ForFamily(to.GetRealType());
+    if (!to.IsValid()) {
+        errno = EINVAL;
+        return -1;
+    }
+    const int fd = ::socket(to.Native()->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0 || Attach(fd) != 0) {
+        return -1;
+    }
+    const CSockAddrStorage from = ToStorage(local).ForFamily(to.GetType());
+    if (local != nullptr && ::bind(m_fd, from.Native(), static_cast<socklen_t>(from.GetAddrLen())) != 0) {
+        return FailOpen(*this);
+    }
+    const int no_delay = 1;  // requests and media units are written whole
+    ::setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof(no_delay));
+    if (::connect(m_fd, to.Native(), static_cast<socklen_t>(to.GetAddrLen())) != 0 && errno != EINPROGRESS &&
+        errno != EINTR) {
+        return FailOpen(*this);
+    }
+    return 0;
+}
+
+int CSockStream::GetConnectStatus() {
+    int error = 0;
+    socklen_t length = sizeof(error);
+    if (m_fd < 0 || ::getsockopt(m_fd, SOL_SOCKET, SO_ERROR, &error, &length) != 0 || error != 0) {
+        return -1;
+    }
+    // Without an error the attempt has succeeded or is under way; a connected socket knows its peer.
+    sockaddr_storage peer = {};
+    length = sizeof(peer);
+    if (::getpeername(m_fd, reinterpret_cast<sockaddr*>(&peer), &length) == 0) {
+        return 0;
+    }
+    // Connected and broken since then, the error having been taken by another call: writable, but without a peer.
+    pollfd probe = {m_fd, POLLOUT, 0};
+    return errno == ENOTCONN && ::poll(&probe, 1, 0) == 0 ? 1 : -1;
+}
+
+int CSockStream::SetSockSendBuf(unsigned int bytes) {
+    const int size = ClampInt(bytes);
+    return ::setsockopt(m_fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)) == 0 ? 0 : -1;
+}
+
+}  // namespace Tramel
+}  // namespace Kavio

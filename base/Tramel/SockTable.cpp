@@ -1,0 +1,510 @@
+#include "Tramel/SockTable.h"
+
+#include <poll.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <new>
+#include <utility>
+
+#include "Tramel/HandlerCore.h"
+#include "Tramel/Reactor.h"
+#include "Vidora/Tramel/NetHandler.h"
+
+namespace Kavio {
+namespace Tramel {
+
+namespace {
+
+constexpr unsigned int ALL_EVENTS = SOCK_EVENT_READ | SOCK_EVENT_WRITE | SOCK_EVENT_EXCEPTION;
+
+// The callbacks of a watch with `mask` that an event of the poller calls for.
+unsigned int wanted_of(unsigned int mask, unsigned int poll_events) {
+    unsigned int wanted = 0;
+    const bool error = (poll_events & POLL_ERROR) != 0;
+    if ((poll_events & (POLL_READ | POLL_ERROR)) != 0) {
+        wanted |= mask & SOCK_EVENT_READ;
+    }
+    if (error) {
+        wanted |= mask & SOCK_EVENT_EXCEPTION;
+    }
+    // A failed connection attempt is writable as well; it is told once, as what it is.
+    if ((wanted & SOCK_EVENT_EXCEPTION) == 0 && (poll_events & (POLL_WRITE | POLL_ERROR)) != 0) {
+        wanted |= mask & SOCK_EVENT_WRITE;
+    }
+    return wanted;
+}
+
+// A time-out that was due while no thread could poll isn't one if bytes have come meanwhile.
+bool has_input(int fd) {
+    pollfd probe = {fd, POLLIN, 0};
+    return ::poll(&probe, 1, 0) > 0;
+}
+
+}  // namespace
+
+void CSockTable::SetPoller(const std::shared_ptr<CEpollPoller>& poller) {
+    for (CShard& shard : m_shards) {
+        Ostra::CGuard guard(shard.mutex);
+        shard.poller = poller;
+        for (const auto& entry : shard.entries) {
+            if (entry != nullptr) {
+                entry->polled = false;
+                entry->armed = 0;
+                if (poller != nullptr) {
+                    arm_locked(shard, *entry, nullptr);
+                }
+            }
+        }
+    }
+}
+
+int CSockTable::Watch(const std::shared_ptr<CHandlerCore>& core, int fd, unsigned int mask, uint64_t timeout_us) {
+    mask &= ALL_EVENTS;
+    if (mask == 0) {
+        return -1;
+    }
+    const uint64_t now = CEpollPoller::Now();
+    CShard& shard = shard_of(fd);
+    Ostra::CGuard guard(shard.mutex);
+    CEntry* entry = find_or_make_locked(shard, fd);
+    CWatch* watch = entry == nullptr ? nullptr : find_or_add_watch(*entry, core);
+    if (watch == nullptr) {
+        return -1;
+    }
+    watch->mask |= mask;
+    watch->resting = 0;
+    if (set_timeout(*watch, fd, timeout_us, now) == 0 && arm_locked(shard, *entry, core.get()) == 0) {
+        return 0;
+    }
+    drop_watch_locked(shard, *entry, find_watch_locked(shard, core.get(), fd, 0));
+    return -1;
+}
+
+int CSockTable::WatchOutputOnce(const std::shared_ptr<CHandlerCore>& core, int fd) {
+    CShard& shard = shard_of(fd);
+    Ostra::CGuard guard(shard.mutex);
+    CEntry* entry = find_or_make_locked(shard, fd);
+    CWatch* watch = entry == nullptr ? nullptr : find_or_add_watch(*entry, core);
+    if (watch == nullptr) {
+        return -1;
+    }
+    watch->once = SOCK_EVENT_WRITE;
+    if (arm_locked(shard, *entry, core.get()) == 0) {
+        return 0;
+    }
+    drop_watch_locked(shard, *entry, find_watch_locked(shard, core.get(), fd, 0));
+    return -1;
+}
+
+int CSockTable::Rest(const CHandlerCore* core, int fd, unsigned int mask) {
+    CShard& shard = shard_of(fd);
+    Ostra::CGuard guard(shard.mutex);
+    CWatch* watch = find_watch_locked(shard, core, fd, 0);
+    if (watch == nullptr) {
+        return -1;
+    }
+    watch->resting |= mask;
+    return 0;
+}
+
+void CSockTable::Resume(const CHandlerCore* core, int fd) {
+    CShard& shard = shard_of(fd);
+    Ostra::CGuard guard(shard.mutex);
+    CWatch* watch = find_watch_locked(shard, core, fd, 0);
+    if (watch != nullptr) {
+        watch->resting = 0;
+        arm_locked(shard, *find_locked(shard, fd), nullptr);
+    }
+}
+
+int CSockTable::WaitWritable(int fd, const std::shared_ptr<IWriteListener>& listener) {
+    CShard& shard = shard_of(fd);
+    Ostra::CGuard guard(shard.mutex);
+    CEntry* entry = find_or_make_locked(shard, fd);
+    if (entry == nullptr) {
+        return -1;
+    }
+    auto& listeners = entry->listeners;
+    if (std::find(listeners.begin(), listeners.end(), listener) != listeners.end()) {
+        return 0;
+    }
+    if (listeners.size() < MAX_WATCHES) {
+        try {
+            listeners.push_back(listener);
+        } catch (const std::bad_alloc&) {
+            drop_if_unused_locked(shard, *entry);
+            return -1;
+        }
+        if (arm_locked(shard, *entry, listener.get()) == 0) {
+            return 0;
+        }
+        listeners.pop_back();
+    }
+    drop_if_unused_locked(shard, *entry);
+    return -1;
+}
+
+int CSockTable::CancelWritable(int fd, const IWriteListener* listener) {
+    std::shared_ptr<IWriteListener> found;  // let go after the lock
+    CShard& shard = shard_of(fd);
+    Ostra::CGuard guard(shard.mutex);
+    CEntry* entry = find_locked(shard, fd);
+    if (entry == nullptr) {
+        return -1;
+    }
+    for (auto& candidate : entry->listeners) {
+        if (candidate.get() == listener) {
+            found.swap(candidate);
+            candidate.swap(entry->listeners.back());
+            entry->listeners.pop_back();
+            drop_if_unused_locked(shard, *entry);
+            return 0;
+        }
+    }
+    return -1;
+}
+
+// What the poller is armed for stays as it is: an event that nobody wants any more costs one look and then silence.
+int CSockTable::Unwatch(const CHandlerCore* core, int fd, unsigned int mask) {
+    CShard& shard = shard_of(fd);
+    Ostra::CGuard guard(shard.mutex);
+    CEntry* entry = find_locked(shard, fd);
+    CWatch* watch = find_watch_locked(shard, core, fd, 0);
+    if (watch == nullptr) {
+        return -1;
+    }
+    watch->mask &= ~mask;
+    watch->timed_out &= ~mask;
+    watch->pending &= ~mask | watch->once_due;
+    if (watch->mask == 0 && watch->once == 0 && watch->pending == 0) {
+        drop_watch_locked(shard, *entry, watch);
+    }
+    return 0;
+}
+
+int CSockTable::Remove(const CHandlerCore* core, int fd) {
+    CShard& shard = shard_of(fd);
+    Ostra::CGuard guard(shard.mutex);
+    CEntry* entry = find_locked(shard, fd);
+    CWatch* watch = find_watch_locked(shard, core, fd, 0);
+    if (watch == nullptr) {
+        return -1;
+    }
+    drop_watch_locked(shard, *entry, watch);
+    return 0;
+}
+
+void CSockTable::Forget(int fd) {
+    std::vector<std::shared_ptr<IWriteListener>> listeners;  // let go after the lock
+    CShard& shard = shard_of(fd);
+    Ostra::CGuard guard(shard.mutex);
+    CEntry* entry = find_locked(shard, fd);
+    if (entry == nullptr) {
+        return;
+    }
+    listeners.swap(entry->listeners);
+    for (const CWatch& watch : entry->watches) {
+        m_timers.Cancel(watch.timer);
+    }
+    entry->watches.clear();
+    drop_if_unused_locked(shard, *entry);
+}
+
+void CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
+    std::shared_ptr<CHandlerCore> cores[MAX_WATCHES];
+    uint64_t serials[MAX_WATCHES];
+    size_t core_count = 0;
+    std::shared_ptr<IWriteListener> listeners[MAX_WATCHES];
+    size_t listener_count = 0;
+    {
+        CShard& shard = shard_of(event.fd);
+        Ostra::CGuard guard(shard.mutex);
+        CEntry* entry = find_locked(shard, event.fd);
+        if (entry == nullptr || entry->generation != event.generation) {
+            return;
+        }
+        entry->armed = 0;
+        for (CWatch& watch : entry->watches) {
+            const unsigned int fired =
+                wanted_of((watch.mask & ~watch.resting) | watch.once, event.events) & ~watch.pending;
+            if (fired == 0) {
+                continue;
+            }
+            note_event(watch, fired, now);
+            if (!watch.queued) {
+                watch.queued = true;
+                cores[core_count] = watch.core;
+                serials[core_count++] = watch.serial;
+            }
+        }
+        if ((event.events & (POLL_WRITE | POLL_ERROR)) != 0) {
+            for (auto& listener : entry->listeners) {
+                listeners[listener_count++].swap(listener);
+            }
+            entry->listeners.clear();
+        }
+        arm_locked(shard, *entry, nullptr);
+        drop_if_unused_locked(shard, *entry);
+    }
+    for (size_t i = 0; i < core_count; ++i) {
+        if (!cores[i]->PostSock(event.fd, serials[i])) {
+            unqueue(cores[i].get(), event.fd, serials[i]);
+        }
+    }
+    for (size_t i = 0; i < listener_count; ++i) {
+        listeners[i]->OnWritable(event.fd);
+    }
+}
+
+void CSockTable::note_event(CWatch& watch, unsigned int fired, uint64_t now) {
+    watch.pending |= fired;
+    watch.timed_out &= ~fired;
+    watch.once_due |= watch.once & fired;
+    watch.once &= ~fired;
+    if ((fired & SOCK_EVENT_EXCEPTION) != 0) {
+        watch.resting |= SOCK_EVENT_EXCEPTION | SOCK_EVENT_WRITE;
+    }
+    for (int kind = 0; kind < KINDS; ++kind) {
+        if ((fired & (1U << kind)) != 0) {
+            watch.last[kind] = now;
+        }
+    }
+}
+
+void CSockTable::OnDeadline(const std::shared_ptr<CHandlerCore>& core, int fd, uint64_t serial, uint64_t now) {
+    {
+        CShard& shard = shard_of(fd);
+        Ostra::CGuard guard(shard.mutex);
+        CWatch* watch = find_watch_locked(shard, core.get(), fd, serial);
+        if (watch == nullptr || watch->timeout == 0) {
+            return;
+        }
+        const unsigned int before = watch->timed_out;
+        uint64_t next = now + watch->timeout;
+        for (int kind = 0; kind < KINDS; ++kind) {
+            const unsigned int bit = 1U << kind;
+            if ((watch->mask & bit) == 0) {
+                continue;
+            }
+            if ((watch->pending & bit) != 0) {
+                watch->last[kind] = now;
+            } else if (watch->last[kind] + watch->timeout <= now) {
+                watch->last[kind] = now;
+                watch->timed_out |= bit == SOCK_EVENT_READ && has_input(fd) ? 0 : bit;
+            }
+            next = std::min(next, watch->last[kind] + watch->timeout);
+        }
+        watch->deadline = next;
+        m_timers.Rearm(watch->timer, next);
+        if (watch->timed_out == before || watch->queued) {
+            return;
+        }
+        watch->queued = true;
+    }
+    if (!core->PostSock(fd, serial)) {
+        unqueue(core.get(), fd, serial);
+    }
+}
+
+CSockTable::CDelivery CSockTable::Begin(const CHandlerCore* core, int fd, uint64_t serial) {
+    CShard& shard = shard_of(fd);
+    Ostra::CGuard guard(shard.mutex);
+    CDelivery delivery;
+    CWatch* watch = find_watch_locked(shard, core, fd, serial);
+    if (watch != nullptr) {
+        delivery.events = watch->pending;
+        delivery.timeouts = watch->timed_out;
+        watch->timed_out = 0;
+        watch->queued = false;
+    }
+    return delivery;
+}
+
+CSockTable::CDelivery CSockTable::Still(const CHandlerCore* core, int fd, uint64_t serial) {
+    CShard& shard = shard_of(fd);
+    Ostra::CGuard guard(shard.mutex);
+    CDelivery delivery;
+    CWatch* watch = find_watch_locked(shard, core, fd, serial);
+    if (watch != nullptr) {
+        delivery.events = watch->pending;
+        delivery.timeouts = watch->mask;
+    }
+    return delivery;
+}
+
+void CSockTable::End(const CHandlerCore* core, int fd, uint64_t serial, unsigned int events) {
+    CShard& shard = shard_of(fd);
+    Ostra::CGuard guard(shard.mutex);
+    CWatch* watch = find_watch_locked(shard, core, fd, serial);
+    if (watch == nullptr) {
+        return;
+    }
+    watch->pending &= ~events;
+    watch->once_due &= ~events;
+    if (watch->timeout != 0) {
+        // The time that the callback took isn't quiet time.
+        const uint64_t now = CEpollPoller::Now();
+        for (int kind = 0; kind < KINDS; ++kind) {
+            watch->last[kind] = (events & (1U << kind)) != 0 ? now : watch->last[kind];
+        }
+    }
+    CEntry* entry = find_locked(shard, fd);
+    if (watch->mask == 0 && watch->once == 0 && watch->pending == 0) {
+        drop_watch_locked(shard, *entry, watch);
+    } else {
+        arm_locked(shard, *entry, nullptr);
+    }
+}
+
+// The core had no memory for the event: the poller will tell it again.
+void CSockTable::unqueue(const CHandlerCore* core, int fd, uint64_t serial) {
+    CShard& shard = shard_of(fd);
+    Ostra::CGuard guard(shard.mutex);
+    CWatch* watch = find_watch_locked(shard, core, fd, serial);
+    if (watch != nullptr) {
+        watch->queued = false;
+        watch->once |= watch->once_due;
+        watch->once_due = 0;
+        watch->pending = 0;
+        arm_locked(shard, *find_locked(shard, fd), nullptr);
+    }
+}
+
+// Never 0, which is the poller's own.
+uint32_t CSockTable::new_generation() {
+    const uint32_t generation = m_next_generation.fetch_add(1);
+    return generation != 0 ? generation : m_next_generation.fetch_add(1);
+}
+
+CSockTable::CEntry* CSockTable::find_locked(CShard& shard, int fd) {
+    const size_t place = static_cast<size_t>(fd) / SHARDS;
+    return place < shard.entries.size() ? shard.entries[place].get() : nullptr;
+}
+
+CSockTable::CEntry* CSockTable::find_or_make_locked(CShard& shard, int fd) {
+    CEntry* found = find_locked(shard, fd);
+    if (found != nullptr || shard.poller == nullptr) {
+        return shard.poller == nullptr ? nullptr : found;
+    }
+    const size_t place = static_cast<size_t>(fd) / SHARDS;
+    try {
+        if (place >= shard.entries.size()) {
+            shard.entries.resize(place + 1);
+        }
+        shard.entries[place] = std::make_unique<CEntry>();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+    CEntry* entry = shard.entries[place].get();
+    entry->fd = fd;
+    entry->generation = new_generation();
+    return entry;
+}
+
+// The watch of `core`; a `serial` other than 0 must match.
+CSockTable::CWatch* CSockTable::find_watch_locked(CShard& shard, const CHandlerCore* core, int fd, uint64_t serial) {
+    CEntry* entry = find_locked(shard, fd);
+    if (entry == nullptr) {
+        return nullptr;
+    }
+    for (CWatch& watch : entry->watches) {
+        if (watch.core.get() == core) {
+            return serial == 0 || watch.serial == serial ? &watch : nullptr;
+        }
+    }
+    return nullptr;
+}
+
+CSockTable::CWatch* CSockTable::find_or_add_watch(CEntry& entry, const std::shared_ptr<CHandlerCore>& core) {
+    for (CWatch& watch : entry.watches) {
+        if (watch.core == core) {
+            return &watch;
+        }
+    }
+    if (entry.watches.size() >= MAX_WATCHES) {
+        return nullptr;
+    }
+    try {
+        entry.watches.emplace_back();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+    entry.watches.back().core = core;
+    entry.watches.back().serial = m_next_serial.fetch_add(1);
+    return &entry.watches.back();
+}
+
+// A later deadline needs no word to the queue: OnDeadline looks at the stamps and sets the next one.
+int CSockTable::set_timeout(CWatch& watch, int fd, uint64_t timeout, uint64_t now) {
+    std::fill(watch.last, watch.last + KINDS, now);
+    watch.timeout = timeout;
+    if (timeout == 0) {
+        m_timers.Cancel(watch.timer);
+        watch.timer = 0;
+        watch.timed_out = 0;
+        return 0;
+    }
+    const uint64_t deadline = now + timeout;
+    if (watch.timer == 0) {
+        watch.timer = m_timers.Add(deadline, CTimerTarget{watch.core, fd, watch.serial});
+        watch.deadline = deadline;
+    } else if (deadline < watch.deadline) {
+        m_timers.Rearm(watch.timer, deadline);
+        watch.deadline = deadline;
+    }
+    return watch.timer == 0 ? -1 : 0;
+}
+
+void CSockTable::drop_watch_locked(CShard& shard, CEntry& entry, const CWatch* watch) {
+    m_timers.Cancel(watch->timer);
+    CWatch& dropped = entry.watches[static_cast<size_t>(watch - entry.watches.data())];
+    std::swap(dropped, entry.watches.back());
+    entry.watches.pop_back();
+    drop_if_unused_locked(shard, entry);
+}
+
+void CSockTable::drop_others(CEntry& entry, const void* kept) {
+    const auto is_stale = [this, kept](const CWatch& watch) {
+        return watch.core.get() != kept && (m_timers.Cancel(watch.timer), true);
+    };
+    entry.watches.erase(std::remove_if(entry.watches.begin(), entry.watches.end(), is_stale), entry.watches.end());
+    entry.generation = new_generation();
+}
+
+void CSockTable::drop_if_unused_locked(CShard& shard, CEntry& entry) {
+    if (!entry.watches.empty() || !entry.listeners.empty()) {
+        return;
+    }
+    if (entry.polled && shard.poller != nullptr) {
+        shard.poller->Remove(entry.fd);
+    }
+    shard.entries[static_cast<size_t>(entry.fd) / SHARDS].reset();
+}
+
+// Arms the poller for what is wanted and not being handled. `registering` is the core or listener that does so just
+// now; the poller is then asked in any case, because it knows whether the file is still the one that the entry was made
+// for.
+int CSockTable::arm_locked(CShard& shard, CEntry& entry, const void* registering) {
+    unsigned int needed = entry.listeners.empty() ? 0 : static_cast<unsigned int>(SOCK_EVENT_WRITE);
+    for (const CWatch& watch : entry.watches) {
+        needed |= ((watch.mask & ~watch.resting) | watch.once) & ~watch.pending;
+    }
+    if (shard.poller == nullptr || needed == 0 || (registering == nullptr && (needed & ~entry.armed) == 0)) {
+        return 0;
+    }
+    int result = entry.polled ? shard.poller->Modify(entry.fd, entry.generation, needed) : -ENOENT;
+    if (result == -ENOENT) {
+        if (entry.polled && registering != nullptr) {
+            // The descriptor was closed under its watches and its number given out again; they don't mean this file.
+            drop_others(entry, registering);
+        }
+        result = shard.poller->Add(entry.fd, entry.generation, needed);
+    }
+    entry.polled = result == 0;
+    entry.armed = result == 0 ? needed : 0;
+    return result;
+}
+
+}  // namespace Tramel
+}  // namespace Kavio
