@@ -10,9 +10,9 @@
 #include <utility>
 #include <vector>
 
+#include "StreamParser/StreamParser.h"
 #include "Vidora/H264Parser.h"
 #include "Vidora/StartCode.h"
-#include "StreamParser/StreamParser.h"
 #include "support/CopyRow.h"
 
 namespace {
