@@ -219,7 +219,7 @@ int CSvrSessionCore::send_rtcp_report(int track_filter, bool with_bye) {
             (track_filter != -1 && track.track_id != track_filter)) {
             continue;
         }
-        if (m_rtcp[track.rtcp_channel / 2] == nullptr) {
+        if (!track.has_rtcp) {
             return 0;
         }
         if (send_track_report(track, with_bye) < 0) {
@@ -235,7 +235,7 @@ int CSvrSessionCore::send_track_report(const TrackInfo& track, bool with_bye) {
         return -1;
     }
     const int channel = of_source([&](auto& source) { return source.GetTcpChannel(track.track_id); }) + 1;
-    CRtcpParser& rtcp = *m_rtcp[track.rtcp_channel / 2];
+    CRtcpParser rtcp(track.ssrc);
     const int sender_info[3] = {static_cast<int>(info.packets), static_cast<int>(info.octets),
                                 static_cast<int>(info.timestamp)};
     rtcp.set_sender_info(sender_info);
@@ -244,11 +244,7 @@ int CSvrSessionCore::send_track_report(const TrackInfo& track, bool with_bye) {
     }
     unsigned char buffer[REPORT_SIZE];
     unsigned int length = REPORT_SIZE - INTERLEAVE_HEADER_SIZE;
-    const bool written = rtcp.get_sr_compound(buffer + INTERLEAVE_HEADER_SIZE, &length) != nullptr;
-    if (with_bye) {
-        rtcp.reset();  // the next play of this track has no BYE in its reports
-    }
-    if (!written) {
+    if (rtcp.get_sr_compound(buffer + INTERLEAVE_HEADER_SIZE, &length) == nullptr) {
         return -1;
     }
     return m_transport == RTP_OVER_UDP ? send_udp_report(buffer + INTERLEAVE_HEADER_SIZE, length, channel)
