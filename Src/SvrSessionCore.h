@@ -203,7 +203,7 @@ private:
     int reply_pause();
     int on_teardown(const StateEvent& event);
     int teardown_track(TrackInfo& track);
-    void stop_data_source();
+    int stop_data_source();
     int on_unsupported(const StateEvent& event);
 
     // Timers, reports, failures and the end.
@@ -214,6 +214,7 @@ private:
     void on_frame_info(CMediaPacket* packet, int length, int unused);
     void give_lost_events();
     int on_sdp_update();
+    bool has_same_sdp();
     void stop_media();
     void leave_channel(CLiveChannel* channel);
     void on_asyn_msg(const StateEvent& event);
@@ -250,6 +251,7 @@ private:
     bool m_attached_udp = false;                       // m_udp_sender and not m_media_sender
     bool m_assist_enabled = false;                     // the assist track was counted in
     bool m_source_started = false;                     // StartStreaming was called on the data source
+    packet_type_t m_source_type = PACKET_TYPE_NONE;    // in this form
     bool m_streaming = false;                          // from the end of a PLAY to a PAUSE or whole TEARDOWN
 
     // Tracks.
