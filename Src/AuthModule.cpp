@@ -3,13 +3,12 @@
 namespace Kavio {
 namespace Vidora {
 
-int IAuthModule::GetChallenge(const char*, result_proc_t, const char*, int) {
+int IAuthModule::GetChallenge(const char* /*method_or_url*/, result_proc_t /*result*/, const char* /*info*/,
+                              int /*kind*/) {
     return -1;
 }
 
-int IAuthModule::ProcessChallenge(const char*, result_proc_t, int) {
-    return -1;
-}
+int IAuthModule::ProcessChallenge(const char* /*response*/, result_proc_t /*result*/, int /*kind*/) { return -1; }
 
 }  // namespace Vidora
 }  // namespace Kavio

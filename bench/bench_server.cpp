@@ -1,18 +1,7 @@
-// Whole sessions: memory of one that plays, and processor time per gigabit against a bare loop.
+// Load on the live server, beside a bare loop that does the same work in the same run. README.md says how it measures.
 //
-// Clients in child processes DESCRIBE, SETUP and PLAY one live H.264 channel at 25 frames a second and discard what
-// arrives. Memory: growth of this process's anonymous resident memory from 20 playing sessions to 20 + N, divided by N;
-// the first ones bring in what all share. Processor time: of this process, user and system, per gigabit that arrived at
-// the clients; in turns of 0.4 s with the bare loop, which sends the same amount to as many sockets of another child
-// (one writev a TCP client, one sendmmsg with segmentation offload a UDP client) at the same rate.
-//
-//   bench_server [--seconds S] [--threads T] [--clients N]
+//   bench_server VIDORA_HOST [--clients N] [--tcp | --udp] [--slices K] [--threads T] [--clip FILE.h264]
 
-#include <arpa/inet.h>
-#include <netinet/in.h>
-#include <netinet/udp.h>
-#include <sys/socket.h>
-#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -25,253 +14,294 @@
 #include <thread>
 #include <vector>
 
-#include "Tramel/SockDgram.h"
-#include "Vidora/DataSource.h"
-#include "Vidora/LiveChannel.h"
-#include "Vidora/LiveSvr.h"
-#include "Vidora/RtspSvr.h"
-#include "Vidora/RtspSvrConfig.h"
+#include "support/BareServer.h"
 #include "support/Drain.h"
-#include "support/FakeStreamSource.h"
-#include "support/FrameBuilder.h"
-#include "support/Players.h"
-
-using namespace Kavio;
-using namespace Kavio::Vidora;
-using Clock = std::chrono::steady_clock;
-using Support::CFakeStreamSource;
+#include "support/LoadClient.h"
+#include "support/Process.h"
 
 namespace {
 
 const char CONTENT[] = "cam/realmonitor?channel=1&subtype=0";
-const int FRAMES_PER_SECOND = 25;
-const unsigned int KEY_PERIOD = 50;
-const unsigned int PICTURE_SIZE = 10000;  // bytes: 2 Mbit/s
-const size_t PACKET_SIZE = 1452;
-const int SEND_BUFFER = 204800;  // what a session asks for
+const size_t CLIP_FRAMES = 100;
+const uint16_t SERVER_UDP_BASE = 42000;  // of the clients' ports
+const uint16_t BARE_UDP_BASE = 50000;
+const unsigned int MANY_SESSIONS = 1000;  // from there on the set-up is repeated
+const int SETUP_ROUNDS = 5;
+// A host that was halted for longer than two seconds goes on from where it is instead of catching up.
+const std::chrono::milliseconds SLICE(2200);
 
-unsigned int g_number = 0;
-
-// One frame at the camera's rate for each call of `send`.
-template <typename Send>
-void run(double seconds, Send send) {
-    const int count = static_cast<int>(seconds * FRAMES_PER_SECOND);
-    const Clock::time_point start = Clock::now();
-    for (int i = 0; i < count; ++i) {
-        std::this_thread::sleep_until(start + std::chrono::microseconds(1000000 / FRAMES_PER_SECOND) * i);
-        send();
-    }
-}
-
-void give_frame() {
-    Support::FrameSpec spec;
-    const bool key = g_number % KEY_PERIOD == 0;
-    spec.type = key ? 'I' : 'P';
-    spec.sequence = ++g_number;
-    spec.pts_ms = g_number * 40;
-    spec.payload = Support::H264Picture(key, PICTURE_SIZE, 7);
-    CFakeStreamSource::Last()->Give(Support::BuildFrame(spec));
-}
-
-// What the bare loops send: a picture in packets with their interleave headers.
-std::string merged_frame() {
-    std::string frame;
-    for (size_t left = PICTURE_SIZE; left > 0;) {
-        const size_t size = std::min(left, PACKET_SIZE);
-        frame += std::string("$\0", 2);
-        frame += static_cast<char>(size >> 8);
-        frame += static_cast<char>(size);
-        frame.append(size, 'm');
-        left -= size;
-    }
-    return frame;
-}
-
-// One writev for each TCP client; one sendmmsg, cut by the kernel, for each UDP client.
-class CBareLoop {
-public:
-    CBareLoop(const Bench::CDrain& drain, unsigned int clients, bool udp) : m_udp(udp), m_frame(merged_frame()) {
-        for (unsigned int i = 0; i < clients; ++i) {
-            m_fds.push_back(udp ? udp_socket(drain.UdpPorts()[i]) : drain.Connect(SEND_BUFFER));
-        }
-    }
-    ~CBareLoop() {
-        for (const int fd : m_fds) {
-            ::close(fd);
-        }
-    }
-    void Send() {
-        std::string copy = m_frame;  // a source makes each frame anew
-        m_udp ? send_udp(copy) : send_tcp(copy);
-    }
-
-private:
-    static int udp_socket(uint16_t port) {
-        const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        address.sin_port = htons(port);
-        ::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address));
-        return fd;
-    }
-    void send_tcp(std::string& frame) {
-        for (const int fd : m_fds) {
-            const iovec part = {&frame[0], frame.size()};
-            if (::writev(fd, &part, 1) < 0) {
-                std::perror("writev");
-            }
-        }
-    }
-    void send_udp(std::string& frame) {
-        iovec parts[64];
-        unsigned int count = 0;
-        for (size_t at = 0; at < frame.size(); at += 4 + PACKET_SIZE) {
-            parts[count++] = {&frame[at + 4], std::min(PACKET_SIZE, frame.size() - at - 4)};
-        }
-        alignas(cmsghdr) char control[CMSG_SPACE(sizeof(uint16_t))] = {};
-        mmsghdr message = {};
-        message.msg_hdr.msg_iov = parts;
-        message.msg_hdr.msg_iovlen = count;
-        message.msg_hdr.msg_control = control;
-        message.msg_hdr.msg_controllen = sizeof(control);
-        cmsghdr* header = CMSG_FIRSTHDR(&message.msg_hdr);
-        header->cmsg_level = SOL_UDP;
-        header->cmsg_type = UDP_SEGMENT;
-        header->cmsg_len = CMSG_LEN(sizeof(uint16_t));
-        const uint16_t segment = PACKET_SIZE;
-        std::memcpy(CMSG_DATA(header), &segment, sizeof(segment));
-        for (const int fd : m_fds) {
-            if (::sendmmsg(fd, &message, 1, MSG_DONTWAIT) != 1) {
-                std::perror("sendmmsg");
-            }
-        }
-    }
-
-    bool m_udp;
-    std::string m_frame;
-    std::vector<int> m_fds;
+struct Options {
+    std::string host;
+    std::string clip;
+    std::vector<unsigned int> clients = {10, 100, 500, 1000};
+    bool tcp = true;
+    bool udp = true;
+    int slices = 4;
+    int threads = 0;  // the host's own choice
 };
 
-double per_gigabit(uint64_t cpu_us, uint64_t bytes) {
-    return static_cast<double>(cpu_us) / 1000 / (static_cast<double>(bytes) * 8 / 1e9);
+// The server or the bare loop, with its own clients: one of both runs, the other one is halted.
+struct Side {
+    pid_t process = -1;
+    uint16_t port = 0;
+    std::unique_ptr<Bench::CLoadClient> client;
+    std::vector<double> setup_s;
+    std::vector<double> cost;  // processor seconds a Gbit of each slice
+    uint64_t cpu_ns = 0;
+    uint64_t bytes = 0;
+    double seconds = 0;
+
+    void Stop() const { Bench::Halt(process); }
+    void Go() const { Bench::Resume(process); }
+};
+
+struct Row {
+    unsigned int clients;
+    bool udp;
+    uint64_t resident_before = 0;
+    uint64_t resident_after = 0;
+};
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values.empty() ? 0.0 : values[values.size() / 2];
 }
 
-// Whether all sessions but `left` have ended.
-void wait_for_sessions(unsigned int left) {
-    while (CRtspSvr::GetSessionCount() > left) {
-        ::usleep(10000);
+void make_clip(const std::string& path) {
+    if (::access(path.c_str(), R_OK) == 0) {
+        return;
+    }
+    std::printf("making %s\n", path.c_str());
+    const std::string source = "testsrc=size=1280x720:rate=25:duration=4,noise=alls=24:allf=t";
+    Bench::CProgram ffmpeg({"ffmpeg",
+                            "-nostdin",
+                            "-y",
+                            "-loglevel",
+                            "error",
+                            "-f",
+                            "lavfi",
+                            "-i",
+                            source,
+                            "-pix_fmt",
+                            "yuv420p",
+                            "-c:v",
+                            "libx264",
+                            "-preset",
+                            "veryfast",
+                            "-threads",
+                            "1",
+                            "-bf",
+                            "0",
+                            "-g",
+                            "50",
+                            "-b:v",
+                            "2M",
+                            "-minrate",
+                            "2M",
+                            "-maxrate",
+                            "2M",
+                            "-bufsize",
+                            "500k",
+                            "-x264-params",
+                            "slices=1:sliced-threads=0:scenecut=0",
+                            "-f",
+                            "h264",
+                            path},
+                           path + ".log");
+    if (ffmpeg.Wait() != 0) {
+        std::fprintf(stderr, "ffmpeg could not make the clip, see %s.log\n", path.c_str());
+        ::unlink(path.c_str());
+        std::exit(1);
     }
 }
 
-void measure(Bench::CPlayers& warm, Bench::CPlayers& players, const Bench::CDrain& drain, int port,
-             unsigned int clients, bool udp, double seconds) {
-    // What the first session brings in (code pages, pools, buffers) isn't the price of an added one.
-    if (!warm.Play(port, CONTENT, 20, udp)) {
-        std::fprintf(stderr, "a client was refused\n");
+std::unique_ptr<Bench::CProgram> start_host(const Options& options, uint16_t port) {
+    std::vector<std::string> command = {options.host,
+                                        "--listen",
+                                        "127.0.0.1:" + std::to_string(port),
+                                        "--live",
+                                        std::string(CONTENT) + "=" + options.clip,
+                                        "--fps",
+                                        "25"};
+    if (options.threads > 0) {
+        command.push_back("--threads");
+        command.push_back(std::to_string(options.threads));
+    }
+    auto host = std::make_unique<Bench::CProgram>(command, options.clip + ".host.log");
+    if (!Bench::WaitForListener(port)) {
+        std::fprintf(stderr, "the host doesn't listen, see %s.host.log\n", options.clip.c_str());
         std::exit(1);
     }
-    run(2, give_frame);
-    const uint64_t resident = Bench::ResidentBytes();
-    if (!players.Play(port, CONTENT, clients, udp)) {
-        std::fprintf(stderr, "a client was refused\n");
-        std::exit(1);
-    }
-    run(4, give_frame);
-    const double each = static_cast<double>(Bench::ResidentBytes() - resident) / clients / 1024;
-    warm.Stop();
-    wait_for_sessions(clients);
+    return host;
+}
 
-    CBareLoop bare(drain, clients, udp);
-    uint64_t cpu[2] = {}, bytes[2] = {};
-    run(1, [&] { bare.Send(); });
-    for (double done = 0; done < seconds; done += 0.4) {  // in turn, so that what else the machine does hits both
-        drain.Settle();
-        uint64_t before = Bench::ProcessTimeUs();
-        uint64_t arrived = players.Bytes();
-        run(0.4, give_frame);
-        ::usleep(50000);
-        cpu[0] += Bench::ProcessTimeUs() - before;
-        bytes[0] += players.Bytes() - arrived;
-        before = Bench::ProcessTimeUs();
-        arrived = drain.Bytes();
-        run(0.4, [&] { bare.Send(); });
-        cpu[1] += Bench::ProcessTimeUs() - before;
-        drain.Settle();
-        bytes[1] += drain.Bytes() - arrived;
+// Sets all sessions up, and takes them down again unless it is the last round.
+void set_up(Side& side, const Row& row, bool last) {
+    side.Go();
+    side.setup_s.push_back(side.client->Open(side.port, row.clients, row.udp));
+    if (!last) {
+        side.client->Close();
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the other end notices
     }
-    const double cost = per_gigabit(cpu[0], bytes[0]);
-    const double floor = per_gigabit(cpu[1], bytes[1]);
-    std::printf("%s, %5u clients: %6.1f kB resident a session; CPU ms/Gbit %7.1f, bare loop %7.1f, ratio %.2f\n",
-                udp ? "UDP" : "TCP", clients, each, cost, floor, cost / floor);
+}
+
+void run_slice(Side& side) {
+    const uint64_t cpu = Bench::ProcessorNs(side.process);
+    const uint64_t bytes = side.client->Figures().bytes;
+    const auto start = std::chrono::steady_clock::now();
+    side.Go();
+    std::this_thread::sleep_for(SLICE);
+    side.Stop();
+    side.seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    side.client->Settle();
+    const uint64_t used = Bench::ProcessorNs(side.process) - cpu;
+    const uint64_t sent = side.client->Figures().bytes - bytes;
+    side.cpu_ns += used;
+    side.bytes += sent;
+    side.cost.push_back(static_cast<double>(used) / (static_cast<double>(sent) * 8));
+}
+
+void print_row(const Row& row, const Side& server, const Side& bare, uint64_t packets, uint64_t gaps, uint64_t up) {
+    const auto cost = [](const Side& side) {
+        return static_cast<double>(side.cpu_ns) / (static_cast<double>(side.bytes) * 8);
+    };
+    std::vector<double> ratios;
+    for (size_t i = 0; i < server.cost.size(); ++i) {
+        ratios.push_back(server.cost[i] / bare.cost[i]);
+    }
+    const auto ends = std::minmax_element(ratios.begin(), ratios.end());
+    std::printf(
+        "%5u %s %5llu %9llu %5llu %8.1f %8.4f %8.4f %6.2f %6.2f (%.2f-%.2f) %7.1f %7.3f %7.3f %5.2f\n", row.clients,
+        row.udp ? "UDP" : "TCP", static_cast<unsigned long long>(up), static_cast<unsigned long long>(packets),
+        static_cast<unsigned long long>(gaps), static_cast<double>(server.bytes) * 8 / 1e6 / server.seconds,
+        cost(server), cost(bare), cost(server) / cost(bare), median(ratios), *ends.first, *ends.second,
+        (static_cast<double>(row.resident_after) - static_cast<double>(row.resident_before)) / 1024 / row.clients,
+        median(server.setup_s), median(bare.setup_s), median(server.setup_s) / median(bare.setup_s));
     std::fflush(stdout);
-    players.Stop();
-    wait_for_sessions(0);
 }
 
-CRtspSvr* start_server(int port, CLiveSvr* live_svr) {
-    CRtspSvrConfig config;
-    config.SetConfig(RTSP_SVR_CONFIG_SRC_FUNC, reinterpret_cast<const void*>(&CFakeStreamSource::Factory),
-                     sizeof(&CFakeStreamSource::Factory));
-    CFakeStreamSource::SetNext(CFakeStreamSource::LiveVideo());
-    CLiveChannel* channel = CLiveChannel::Create();
-    channel->Init(CONTENT, 0, TRANSF_TYPE_RTP);
-    CDataSource* source = CDataSource::Create(CONTENT);
-    source->SetConfig(config);
-    source->Init(channel->GetID(), 0);
-    channel->AddDataSrc(source, 0);
-    live_svr->AddLiveChannel(CONTENT, channel, source);
-    CSockAddrStorage address("127.0.0.1", static_cast<unsigned short>(port));
-    CRtspSvr* svr = CRtspSvr::Create(address);
-    if (svr != nullptr) {
-        svr->SetLiveSvr(live_svr);
-        svr->SetConfig(config);
+bool run_row(const Options& options, const Bench::Recording& recording, Row row) {
+    Side server;
+    Side bare;
+    server.client = std::make_unique<Bench::CLoadClient>(SERVER_UDP_BASE);
+    bare.client = std::make_unique<Bench::CLoadClient>(BARE_UDP_BASE);
+    const Bench::CBareServer bare_process(recording, row.udp);
+    bare.process = bare_process.Pid();
+    bare.port = bare_process.Port();
+    bare.Stop();
+    server.port = Bench::FreePort();
+    const auto host = start_host(options, server.port);
+    server.process = host->Pid();
+
+    server.client->Open(server.port, 1, row.udp);  // what the first session brings belongs to the server
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    row.resident_before = Bench::ResidentBytes(server.process);
+    server.client->Close();
+    server.Stop();
+    const int rounds = row.clients >= MANY_SESSIONS ? SETUP_ROUNDS : 1;
+    for (int i = 1; i <= rounds; ++i) {
+        std::this_thread::sleep_for(SLICE);
+        set_up(server, row, i == rounds);
+        server.Stop();
+        set_up(bare, row, i == rounds);
+        bare.Stop();
     }
-    return svr;
+    std::this_thread::sleep_for(SLICE);
+    const uint64_t packets = server.client->Figures().packets;
+    for (int i = 0; i < options.slices; ++i) {
+        run_slice(server);
+        run_slice(bare);
+    }
+    row.resident_after = Bench::ResidentBytes(server.process);
+    const Bench::FleetFigures& figures = server.client->Figures();
+    const uint64_t up = figures.up;
+    const uint64_t gaps = figures.gaps;
+    print_row(row, server, bare, figures.packets - packets, gaps, up);
+    server.client->Close();
+    if (figures.drops != 0) {
+        std::printf("      the clients' sockets had no room for %llu datagrams\n",
+                    static_cast<unsigned long long>(figures.drops.load()));
+    }
+    return up == row.clients && gaps == 0;
+}
+
+Options parse(int argc, char** argv) {
+    Options options;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        const char* value = i + 1 < argc ? argv[i + 1] : "0";
+        if (word == "--clients") {
+            options.clients = {static_cast<unsigned int>(std::atoi(value))};
+            ++i;
+        } else if (word == "--slices") {
+            options.slices = std::max(1, std::atoi(value));
+            ++i;
+        } else if (word == "--threads") {
+            options.threads = std::atoi(value);
+            ++i;
+        } else if (word == "--clip") {
+            options.clip = value;
+            ++i;
+        } else if (word == "--tcp" || word == "--udp") {
+            options.tcp = word == "--tcp";
+            options.udp = !options.tcp;
+        } else if (word[0] != '-' && options.host.empty()) {
+            options.host = word;
+        } else {
+            options.host.clear();
+            break;
+        }
+    }
+    if (options.host.empty()) {
+        std::fprintf(stderr,
+                     "usage: bench_server VIDORA_HOST [--clients N] [--tcp | --udp] [--slices K] [--threads T] "
+                     "[--clip FILE.h264]\n");
+        std::exit(2);
+    }
+    if (options.clip.empty()) {
+        const std::string self = argv[0];
+        options.clip = self.substr(0, self.rfind('/') + 1) + "server_clip.h264";
+        make_clip(options.clip);
+    }
+    return options;
+}
+
+Bench::Recording record(const Options& options) {
+    const uint16_t port = Bench::FreePort();
+    const auto host = start_host(options, port);
+    Bench::Recording recording = Bench::Record(port, CLIP_FRAMES);
+    if (!recording.good) {
+        std::fprintf(stderr, "the host doesn't play, see %s.host.log\n", options.clip.c_str());
+        std::exit(1);
+    }
+    return recording;
 }
 
 }  // namespace
 
 int main(int argc, char** argv) {
-    double seconds = 8;
-    unsigned int threads = 2;
-    std::vector<unsigned int> counts = {100, 500};
-    for (int i = 1; i + 1 < argc; i += 2) {
-        const std::string word = argv[i];
-        if (word == "--seconds") {
-            seconds = std::atof(argv[i + 1]);
-        } else if (word == "--threads") {
-            threads = static_cast<unsigned int>(std::atoi(argv[i + 1]));
-        } else if (word == "--clients") {
-            counts = {static_cast<unsigned int>(std::atoi(argv[i + 1]))};
-        }
-    }
+    const Options options = parse(argc, argv);
     Bench::RaiseDescriptorLimit();
-    Ostra::SetLogLevel(Ostra::LOG_LEVEL_NONE);
-    std::vector<std::unique_ptr<Bench::CPlayers>> players;
-    for (size_t i = 0; i < counts.size() * 4; ++i) {
-        players.push_back(std::make_unique<Bench::CPlayers>());
-    }
-    const Bench::CDrain drain(*std::max_element(counts.begin(), counts.end()));
     Bench::PrintMachine();
-    std::printf("%u pool threads, %d frames a second of %u bytes\n", threads, FRAMES_PER_SECOND, PICTURE_SIZE);
-    const int port = 8554;
-    CLiveSvr* live_svr = nullptr;
-    CRtspSvr* svr = nullptr;
-    if (CNetThread::CreateThreadPool(threads, false) != 0 || (live_svr = CLiveSvr::Create(0)) == nullptr ||
-        (svr = start_server(port, live_svr)) == nullptr) {
-        std::fprintf(stderr, "no server\n");
-        return 1;
+    const Bench::Recording recording = record(options);
+    size_t bytes = 0;
+    for (const std::string& frame : recording.frames) {
+        bytes += frame.size();
     }
-    size_t next = 0;
-    for (const unsigned int clients : counts) {
-        for (const bool udp : {false, true}) {
-            measure(*players[next], *players[next + 1], drain, port, clients, udp, seconds);
-            next += 2;
+    std::printf(
+        "one channel of %.2f Mbit/s, 25 frames a second; processor seconds a Gbit delivered; slices of %.1f s\n",
+        static_cast<double>(bytes) * 8 * 25 / 1e6 / static_cast<double>(recording.frames.size()),
+        std::chrono::duration<double>(SLICE).count());
+    std::printf(
+        "    N        up   packets  gaps   Mbit/s   server     bare  ratio median (range)     kB/sess  set-up    bare "
+        "ratio\n");
+    bool good = true;
+    for (int udp = 0; udp < 2; ++udp) {
+        for (unsigned int clients : options.clients) {
+            if (udp != 0 ? options.udp : options.tcp) {
+                good = run_row(options, recording, Row{clients, udp != 0, 0, 0}) && good;
+            }
         }
     }
-    svr->Close();
-    live_svr->Close();
-    CNetThread::DestroyThreadPool();
-    return 0;
+    return good ? 0 : 1;
 }

@@ -9,8 +9,10 @@
 #include "support/StreamBytes.h"
 
 namespace Kavio {
-namespace Vidora {
-namespace Test {
+namespace Support {
+
+using namespace Vidora;
+
 
 // The output of a packer for one frame, unit by unit; checks that its counts agree and that it keeps to the capacity.
 inline std::vector<Bytes> UnitsOf(IFrame2Packet& packer) {
@@ -28,8 +30,7 @@ inline std::vector<Bytes> UnitsOf(IFrame2Packet& packer) {
     return units;
 }
 
-}  // namespace Test
-}  // namespace Vidora
+}  // namespace Support
 }  // namespace Kavio
 
 #endif  // VIDORA_TESTS_SUPPORT_PACKERUNITS_H
