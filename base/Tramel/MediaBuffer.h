@@ -14,11 +14,22 @@ class CMediaStreamSender;
 
 // CMediaBuffer: fans packets out from one source to many sinks without a copy per sink.
 //
-// THREADING  All operations: any thread; they lock for themselves. Level-2 sinks are called on the putting thread,
-// never
-//            with the buffer's locks held that Add/Del need. Senders are written on pool threads.
-// OWNERSHIP  Put and PutFrameInfo take the packet over, also on failure, and release it when the last sink is done.
-//            Sinks are borrowed: after DelSender or DelLevel2Buffer returns, the buffer doesn't touch that sink again.
+// Senders are spread over groups. A put hands each group the packet and returns; the groups write in parallel on the
+// pool's threads, and packets that come meanwhile leave in one vectored write a sender. While there is no pool, or it
+// doesn't keep up, the putting thread writes as well.
+//
+// A packet and the header put in front of it (flag 0) are one unit: sent or dropped together by a sender. A sender or
+// level-2 sink gets only what is put after it was added, beginning at any unit.
+//
+// THREADING  All operations: any thread; they lock for themselves. Sinks are called with no lock held: level-2 sinks on
+//            the putting thread, senders and their send procedures on the thread that writes.
+//            DelSender and DelLevel2Buffer wait for a call of that very sink that runs on another thread, and for no
+//            other. They may be called from inside any such call, also of the sink itself, which they then don't wait
+//            for. They may be called with locks held, as long as no level-2 sink and no send procedure takes those; and
+//            two calls that run at once mustn't remove each other's sinks.
+// OWNERSHIP  Put and PutFrameInfo take the packet over and release it, on any thread, when the last sink is done; on
+//            failure it stays the caller's. Sinks are borrowed: after DelSender, DelLevel2Buffer or the destructor
+//            returns the buffer doesn't touch that sink again.
 class VIDORA_API CMediaBuffer {
 public:
     CMediaBuffer();
@@ -26,14 +37,15 @@ public:
     CMediaBuffer(const CMediaBuffer&) = delete;
     CMediaBuffer& operator=(const CMediaBuffer&) = delete;
 
-    // Packets go out to the sinks as they are put, without a polling step. Before it, Put drops them.
+    // Packets go out to the senders as they are put, without a polling step. Before it, only level-2 sinks get them.
     void EnableAutoSend();
     // Gives the first `length` bytes of `packet` to every sender and every level-2 sink. `flag`: 1, or 0 for a header
-    // whose frame is the next put of the same source; the two are sent or dropped together. `channel`: bits 0 to 7 are
-    // 1 for a key frame, 5 for a frame that may be skipped, 0 otherwise; bits 24 to 31 are the track. 0, or -1 for a
-    // null packet or a length below 1.
+    // whose frame is the next put, whatever flag that has. `channel`: bits 0 to 7 are 1 for a key frame, 5 for a frame
+    // that may be skipped, 0 otherwise; bits 24 to 31 are the track. 0, or -1 for a null packet, a length below 1, or
+    // no memory.
     int Put(CMediaPacket* packet, int length, int flag, int channel);
-    // Gives a side packet to each sender's send procedure. 0 or -1.
+    // Gives a side packet to the send procedures of all senders that don't drop the packet that is put next. 0, or -1
+    // for a null packet, a length below 1, or four side packets that wait for their packet already.
     int PutFrameInfo(CMediaPacket* packet, int length);
 
     // A sink stands at most once; null is ignored.
@@ -44,7 +56,7 @@ public:
 
 private:
     class CImpl;
-    std::shared_ptr<CImpl> m_impl;
+    std::shared_ptr<CImpl> m_impl;  // null if memory was short
 };
 
 }  // namespace Tramel

@@ -31,14 +31,15 @@ public:
 
     // Sends a merged frame: `length` bytes that are a run of packets, each behind its 4-byte interleave header
     // ("$", channel, 16-bit length, RFC 2326 10.12), as one datagram a packet without the headers, to the remote. What
-    // is on the wire is what one Send a packet gives; the system calls are few (segmentation offload where the kernel
-    // has it, otherwise sendmmsg). Gives the number of datagrams sent; those that the socket had no room for are lost.
-    // -1 if the run is malformed (nothing behind the fault is sent) or the socket fails.
+    // is on the wire is what one Send a packet gives; the system calls are few (see CDgramRun). Gives the number of
+    // datagrams sent; those that the socket had no room for are lost. -1 if the run is cut short (the packets in front
+    // of the fault are sent) or the socket fails.
     int SendMerged(const unsigned char* data, unsigned int length);
-    // Sends up to `count` datagrams to the remote in few system calls. The number sent, or -1.
+    // Sends `count` datagrams to the remote in the same way. The number sent, or -1.
     int SendBatch(const DgramSlice* slices, unsigned int count);
-    // Reads up to `count` datagrams in one system call without blocking, each into its slice, whose `length` is the
-    // room on entry and the size on return. The number read, 0 when nothing is there, -1 on failure.
+    // Reads up to `count` datagrams, at most 64, in one system call without blocking, each into its slice, whose
+    // `length` is the room on entry and the size on return, cut at the room. The number read, 0 when nothing is there,
+    // -1 on failure.
     int RecvBatch(DgramSlice* slices, unsigned int count);
 
     // Routers that multicast may pass (hops for IPv6). 0 or -1.
@@ -48,7 +49,7 @@ public:
     int SetMulticastIF(const char* ip);
 
 private:
-    bool m_no_offload = false;  // the kernel refused segmentation offload on this socket
+    unsigned int m_offload_limit = 65536;  // datagrams below that size may leave by segmentation offload
 };
 
 }  // namespace Tramel

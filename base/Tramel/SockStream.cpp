@@ -14,8 +14,6 @@ namespace Tramel {
 
 CSockStream::CSockStream() = default;
 
-CSockStream::~CSockStream() = default;
-
 int CSockStream::Recv(char* buf, unsigned int len) {
     if (len == 0) {
         return 0;  // recv would give 0 as well, which stands for the end of the stream

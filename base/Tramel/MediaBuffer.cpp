@@ -1,0 +1,370 @@
+#include "Tramel/MediaBuffer.h"
+
+#include <new>
+
+#include "Tramel/Level2List.h"
+#include "Tramel/OutputUnit.h"
+#include "Tramel/SinkGroup.h"
+#include "Tramel/Strand.h"
+#include "Vidora/Ostra/Log.h"
+#include "Vidora/Ostra/Mutex.h"
+#include "Vidora/Ostra/Time.h"
+#include "Vidora/Tramel/MediaPacket.h"
+
+namespace Kavio {
+namespace Tramel {
+
+using Ostra::CGuard;
+using Ostra::CMutex;
+using Ostra::CTime;
+using Ostra::logError;
+
+namespace {
+
+// Enough groups to keep all threads of a pool busy, each with enough work to be worth a turn.
+const unsigned int MAX_GROUPS = 32;
+const size_t GROUP_SINKS = 16;  // a new group is made when all have that many, while there may be more groups
+
+const int PAIR_HEADER_LENGTH = 6;  // "$", channel, 32-bit length: the header of a private frame
+
+}  // namespace
+
+// The shared record: it outlives the buffer while a Put runs.
+//
+// As a strand it makes the groups' turns due, from a thread of the pool: so a put makes one turn due, whatever the
+// number of groups, and wakes one thread as the last thing that it does for its senders. Threads that the pool wakes
+// for the groups are then unlikely to take the processor from a source that is still inside Put.
+class CMediaBuffer::CImpl final : public CStrand {
+public:
+    ~CImpl();
+    void EnableAutoSend();
+    int Put(CMediaPacket* packet, int length, int flag, int channel);
+    int PutFrameInfo(CMediaPacket* packet, int length);
+    void AddSender(CMediaStreamSender* sender);
+    void DelSender(CMediaStreamSender* sender);
+    CLevel2List& Level2() { return m_level2; }
+    void Close();
+
+protected:
+    bool RunTurn() override;
+
+private:
+    // What the last put means for the next one.
+    enum pair_t {
+        PAIR_NONE,
+        PAIR_OPEN,   // m_open holds the header of the frame that comes
+        PAIR_BROKEN  // the header was lost: its frame can't be sent
+    };
+    struct CSide {
+        CMediaPacket* packet;
+        int length;
+    };
+
+    bool is_header_locked(CMediaPacket* packet, int length, int flag) VIDORA_REQUIRES(m_mutex);
+    COutputUnit* open_pair_locked(CMediaPacket* packet, int length, int channel) VIDORA_REQUIRES(m_mutex);
+    COutputUnit* finish_unit_locked(CMediaPacket* packet, int length, int channel, bool& whole)
+        VIDORA_REQUIRES(m_mutex);
+    void drop_open_locked() VIDORA_REQUIRES(m_mutex);
+    void drop_sides_locked() VIDORA_REQUIRES(m_mutex);
+    uint32_t hand_out_locked(COutputUnit* unit) VIDORA_REQUIRES(m_mutex);
+    CSinkGroup* pick_group_locked() VIDORA_REQUIRES(m_mutex);
+    void help(uint32_t groups);
+    std::shared_ptr<CSinkGroup> group(unsigned int index);
+
+    CLevel2List m_level2;
+
+    CMutex m_mutex;
+    std::shared_ptr<CSinkGroup> m_groups[MAX_GROUPS] VIDORA_GUARDED_BY(m_mutex);
+    unsigned int m_group_count VIDORA_GUARDED_BY(m_mutex) = 0;
+    bool m_auto_send VIDORA_GUARDED_BY(m_mutex) = false;
+    uint64_t m_sequence VIDORA_GUARDED_BY(m_mutex) = 1;       // of the next unit
+    unsigned int m_key_slots VIDORA_GUARDED_BY(m_mutex) = 0;  // tracks that have carried a key frame
+    pair_t m_pair VIDORA_GUARDED_BY(m_mutex) = PAIR_NONE;
+    COutputUnit* m_open VIDORA_GUARDED_BY(m_mutex) = nullptr;
+    CSide m_sides[COutputUnit::MAX_SIDE] VIDORA_GUARDED_BY(m_mutex) = {};  // of the packet that comes
+    unsigned int m_side_count VIDORA_GUARDED_BY(m_mutex) = 0;
+};
+
+int CMediaBuffer::CImpl::Put(CMediaPacket* packet, int length, int flag, int channel) {
+    COutputUnit* unit = nullptr;
+    uint32_t late = 0;
+    bool handed_out = false;
+    {
+        CGuard guard(m_mutex);
+        if (is_header_locked(packet, length, flag)) {
+            unit = open_pair_locked(packet, length, channel);
+        } else {
+            bool whole = true;
+            unit = finish_unit_locked(packet, length, channel, whole);
+            handed_out = unit != nullptr && whole && m_auto_send && m_group_count > 0;
+            if (handed_out) {
+                late = hand_out_locked(unit);
+            }
+        }
+    }
+    if (unit == nullptr) {
+        return -1;
+    }
+    if (handed_out) {
+        Schedule();
+    }
+    m_level2.Put(packet, length, flag, channel);
+    help(late);
+    unit->Release();
+    return 0;
+}
+
+// Flag 0 opens a pair. The frame of side data has flag 0 as well, so a second put with it is the frame; but one that
+// looks like the header of a private frame follows a header only when that one's frame was never put.
+bool CMediaBuffer::CImpl::is_header_locked(CMediaPacket* packet, int length, int flag) {
+    if (flag != 0) {
+        return false;
+    }
+    if (m_pair == PAIR_NONE) {
+        return true;
+    }
+    const unsigned char* data = packet->GetData();
+    return length == PAIR_HEADER_LENGTH && data != nullptr && data[0] == '$';
+}
+
+// Keeps a header for its frame. The unit, with a reference for the caller, or null.
+COutputUnit* CMediaBuffer::CImpl::open_pair_locked(CMediaPacket* packet, int length, int channel) {
+    drop_open_locked();
+    COutputUnit* unit = COutputUnit::CreateMedia(channel, m_sequence, CTime::getCurrentMilliSecond());
+    if (unit == nullptr) {
+        m_pair = PAIR_BROKEN;
+        return nullptr;
+    }
+    ++m_sequence;
+    unit->AddPacket(packet, static_cast<unsigned int>(length), channel);
+    unit->AddRef();
+    m_open = unit;
+    m_pair = PAIR_OPEN;
+    return unit;
+}
+
+// Makes the unit of a packet, with the header and the side packets that wait for it; the reference is the caller's.
+// `whole` becomes false if its header is missing. Null if memory is short.
+COutputUnit* CMediaBuffer::CImpl::finish_unit_locked(CMediaPacket* packet, int length, int channel, bool& whole) {
+    COutputUnit* unit = m_open;
+    whole = m_pair != PAIR_BROKEN;
+    m_open = nullptr;
+    m_pair = PAIR_NONE;
+    if (unit == nullptr) {
+        unit = COutputUnit::CreateMedia(channel, m_sequence, CTime::getCurrentMilliSecond());
+        ++m_sequence;
+    }
+    if (unit == nullptr) {
+        drop_sides_locked();
+        return nullptr;
+    }
+    unit->AddPacket(packet, static_cast<unsigned int>(length), channel);
+    for (unsigned int i = 0; i < m_side_count; ++i) {
+        unit->AddSide(m_sides[i].packet, m_sides[i].length);
+    }
+    m_side_count = 0;
+    if (unit->IsKey()) {
+        m_key_slots |= 1U << unit->Slot();
+    }
+    if ((m_key_slots & (1U << unit->Slot())) != 0) {
+        unit->MarkKeyTrack();
+    }
+    return unit;
+}
+
+bool CMediaBuffer::CImpl::RunTurn() {
+    for (unsigned int i = 0; i < MAX_GROUPS; ++i) {
+        const std::shared_ptr<CSinkGroup> due = group(i);
+        if (due == nullptr) {
+            break;
+        }
+        due->Kick();
+    }
+    return false;
+}
+
+// Gives the unit to all groups: the set of those that don't keep up.
+uint32_t CMediaBuffer::CImpl::hand_out_locked(COutputUnit* unit) {
+    uint32_t late = 0;
+    for (unsigned int i = 0; i < m_group_count; ++i) {
+        late |= m_groups[i]->Put(unit) ? static_cast<uint32_t>(1) << i : 0;
+    }
+    return late;
+}
+
+void CMediaBuffer::CImpl::help(uint32_t groups) {
+    for (unsigned int i = 0; groups != 0; ++i, groups >>= 1) {
+        if ((groups & 1) != 0) {
+            group(i)->RunHere();
+        }
+    }
+}
+
+std::shared_ptr<CSinkGroup> CMediaBuffer::CImpl::group(unsigned int index) {
+    CGuard guard(m_mutex);
+    return m_groups[index];
+}
+
+int CMediaBuffer::CImpl::PutFrameInfo(CMediaPacket* packet, int length) {
+    CGuard guard(m_mutex);
+    if (m_side_count == COutputUnit::MAX_SIDE) {
+        return -1;
+    }
+    m_sides[m_side_count].packet = packet;
+    m_sides[m_side_count].length = length;
+    ++m_side_count;
+    return 0;
+}
+
+void CMediaBuffer::CImpl::EnableAutoSend() {
+    CGuard guard(m_mutex);
+    m_auto_send = true;
+}
+
+void CMediaBuffer::CImpl::AddSender(CMediaStreamSender* sender) {
+    CGuard guard(m_mutex);
+    for (unsigned int i = 0; i < m_group_count; ++i) {
+        if (m_groups[i]->Has(sender)) {
+            return;
+        }
+    }
+    CSinkGroup* group = pick_group_locked();
+    if (group == nullptr || !group->Add(sender, m_sequence)) {
+        logError("%s:%d no memory for a sender\n", __FILE__, __LINE__);
+    }
+}
+
+// The smallest group, or a new one if all have enough.
+CSinkGroup* CMediaBuffer::CImpl::pick_group_locked() {
+    unsigned int best = 0;
+    size_t best_count = SIZE_MAX;
+    for (unsigned int i = 0; i < m_group_count; ++i) {
+        const size_t count = m_groups[i]->Count();
+        if (count < best_count) {
+            best = i;
+            best_count = count;
+        }
+    }
+    if (best_count >= GROUP_SINKS && m_group_count < MAX_GROUPS) {
+        try {
+            m_groups[m_group_count] = std::make_shared<CSinkGroup>();
+            best = m_group_count++;
+        } catch (const std::bad_alloc&) {
+            // the smallest one takes it
+        }
+    }
+    return m_groups[best].get();
+}
+
+// Outside the lock: the group waits for a call of the sender, which may use the buffer.
+void CMediaBuffer::CImpl::DelSender(CMediaStreamSender* sender) {
+    for (unsigned int i = 0; i < MAX_GROUPS; ++i) {
+        const std::shared_ptr<CSinkGroup> candidate = group(i);
+        if (candidate == nullptr) {
+            return;
+        }
+        candidate->Remove(sender);
+    }
+}
+
+void CMediaBuffer::CImpl::Close() {
+    {
+        CGuard guard(m_mutex);
+        m_auto_send = false;
+        drop_open_locked();
+        drop_sides_locked();
+    }
+    for (unsigned int i = 0; i < MAX_GROUPS; ++i) {
+        const std::shared_ptr<CSinkGroup> candidate = group(i);
+        if (candidate != nullptr) {
+            candidate->RemoveAll();
+        }
+    }
+    m_level2.RemoveAll();
+}
+
+// What a Put that was under way at Close left.
+CMediaBuffer::CImpl::~CImpl() {
+    CGuard guard(m_mutex);
+    drop_open_locked();
+    drop_sides_locked();
+}
+
+void CMediaBuffer::CImpl::drop_open_locked() {
+    if (m_open != nullptr) {
+        m_open->Release();
+    }
+    m_open = nullptr;
+    m_pair = PAIR_NONE;
+}
+
+void CMediaBuffer::CImpl::drop_sides_locked() {
+    for (unsigned int i = 0; i < m_side_count; ++i) {
+        m_sides[i].packet->Release();
+    }
+    m_side_count = 0;
+}
+
+CMediaBuffer::CMediaBuffer() {
+    try {
+        m_impl = std::make_shared<CImpl>();
+    } catch (const std::bad_alloc&) {
+        m_impl = nullptr;
+    }
+}
+
+CMediaBuffer::~CMediaBuffer() {
+    if (m_impl != nullptr) {
+        m_impl->Close();
+    }
+}
+
+void CMediaBuffer::EnableAutoSend() {
+    if (m_impl != nullptr) {
+        m_impl->EnableAutoSend();
+    }
+}
+
+int CMediaBuffer::Put(CMediaPacket* packet, int length, int flag, int channel) {
+    const std::shared_ptr<CImpl> impl = m_impl;  // a sink may delete the buffer
+    if (impl == nullptr || packet == nullptr || length < 1) {
+        return -1;
+    }
+    return impl->Put(packet, length, flag, channel);
+}
+
+int CMediaBuffer::PutFrameInfo(CMediaPacket* packet, int length) {
+    if (m_impl == nullptr || packet == nullptr || length < 1) {
+        return -1;
+    }
+    return m_impl->PutFrameInfo(packet, length);
+}
+
+void CMediaBuffer::AddSender(CMediaStreamSender* sender) {
+    if (m_impl != nullptr && sender != nullptr) {
+        m_impl->AddSender(sender);
+    }
+}
+
+void CMediaBuffer::DelSender(CMediaStreamSender* sender) {
+    const std::shared_ptr<CImpl> impl = m_impl;
+    if (impl != nullptr && sender != nullptr) {
+        impl->DelSender(sender);
+    }
+}
+
+void CMediaBuffer::AddLevel2Buffer(CLevel2Buffer_IF* buffer) {
+    if (m_impl != nullptr && buffer != nullptr && !m_impl->Level2().Add(buffer)) {
+        logError("%s:%d no memory for a level-2 buffer\n", __FILE__, __LINE__);
+    }
+}
+
+void CMediaBuffer::DelLevel2Buffer(CLevel2Buffer_IF* buffer) {
+    const std::shared_ptr<CImpl> impl = m_impl;
+    if (impl != nullptr && buffer != nullptr) {
+        impl->Level2().Remove(buffer);
+    }
+}
+
+}  // namespace Tramel
+}  // namespace Kavio

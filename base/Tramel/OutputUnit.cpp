@@ -1,0 +1,95 @@
+#include "Tramel/OutputUnit.h"
+
+#include <cstring>
+#include <new>
+
+#include "Vidora/Tramel/MediaPacket.h"
+
+namespace Kavio {
+namespace Tramel {
+
+namespace {
+
+const unsigned int CHANNEL_KEY_FRAME = 1;  // value of the low byte of a channel word
+
+}  // namespace
+
+COutputUnit* COutputUnit::CreateText(const char* text, unsigned int length, uint64_t now_ms) {
+    char* bytes = new (std::nothrow) char[length];
+    if (bytes == nullptr) {
+        return nullptr;
+    }
+    COutputUnit* unit = new (std::nothrow) COutputUnit(0, now_ms);
+    if (unit == nullptr) {
+        delete[] bytes;
+        return nullptr;
+    }
+    std::memcpy(bytes, text, length);
+    unit->m_text = true;
+    unit->m_text_bytes = bytes;
+    unit->m_length = length;
+    unit->m_parts[0].iov_base = bytes;
+    unit->m_parts[0].iov_len = length;
+    unit->m_part_count = 1;
+    return unit;
+}
+
+COutputUnit* COutputUnit::CreateMedia(int channel, uint64_t sequence, uint64_t now_ms) {
+    COutputUnit* unit = new (std::nothrow) COutputUnit(sequence, now_ms);
+    if (unit != nullptr) {
+        unit->set_channel(channel);
+    }
+    return unit;
+}
+
+void COutputUnit::set_channel(int channel) {
+    const unsigned int word = static_cast<unsigned int>(channel);
+    const unsigned int track = word >> 24;
+    m_slot = static_cast<uint8_t>(track < OTHER_SLOT ? track : OTHER_SLOT);
+    m_key = (word & 0xff) == CHANNEL_KEY_FRAME;
+}
+
+void COutputUnit::AddPacket(CMediaPacket* packet, unsigned int length, int channel) {
+    set_channel(channel);
+    m_packets[m_part_count] = packet;
+    m_parts[m_part_count].iov_base = packet->GetData();
+    m_parts[m_part_count].iov_len = length;
+    ++m_part_count;
+    m_length += length;
+}
+
+bool COutputUnit::AddSide(CMediaPacket* packet, int length) {
+    if (m_side_count == MAX_SIDE) {
+        return false;
+    }
+    m_sides[m_side_count].packet = packet;
+    m_sides[m_side_count].length = length;
+    ++m_side_count;
+    return true;
+}
+
+CMediaPacket* COutputUnit::Side(unsigned int index, int* length) const {
+    *length = m_sides[index].length;
+    return m_sides[index].packet;
+}
+
+void COutputUnit::Release() {
+    if (m_refs.fetch_sub(1, std::memory_order_acq_rel) == 1) {
+        delete this;
+    }
+}
+
+COutputUnit::~COutputUnit() {
+    for (CMediaPacket* packet : m_packets) {
+        if (packet != nullptr) {
+            packet->Release();
+        }
+    }
+    for (unsigned int i = 0; i < m_side_count; ++i) {
+        m_sides[i].packet->Release();
+    }
+    delete[] m_text_bytes;
+}
+
+}  // namespace Tramel
+}  // namespace Kavio

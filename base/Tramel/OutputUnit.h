@@ -1,0 +1,86 @@
+#ifndef VIDORA_TRAMEL_OUTPUTUNIT_H
+#define VIDORA_TRAMEL_OUTPUTUNIT_H
+
+#include <sys/uio.h>
+
+#include <atomic>
+#include <cstdint>
+
+namespace Kavio {
+namespace Tramel {
+
+class CMediaPacket;
+
+// COutputUnit: what goes to a stream socket as a whole or not at all: one control text, or one media packet together
+// with the header that was put in front of it.
+//
+// One object serves all sinks; each holder has a reference, and the last Release ends the packets with it. A unit may
+// carry side packets (CMediaBuffer::PutFrameInfo) that belong to its packet.
+//
+// THREADING  Made and filled by one thread, then constant; AddRef and Release: any thread.
+class COutputUnit {
+public:
+    // Side packets that a unit can carry.
+    static const unsigned int MAX_SIDE = 4;
+    // The slot of all packets whose track isn't one of 0 to 7.
+    static const unsigned int OTHER_SLOT = 8;
+
+    // A copy of `length` bytes of control text, or null if memory is short.
+    static COutputUnit* CreateText(const char* text, unsigned int length, uint64_t now_ms);
+    // An empty media unit for packets of `channel` (see CMediaBuffer::Put), or null. `sequence` numbers the puts.
+    static COutputUnit* CreateMedia(int channel, uint64_t sequence, uint64_t now_ms);
+
+    // Appends a packet and takes it over; at most two. The second one is the frame, whose channel word counts.
+    void AddPacket(CMediaPacket* packet, unsigned int length, int channel);
+    // Takes a side packet over. False, and nothing is taken, if there are MAX_SIDE already.
+    bool AddSide(CMediaPacket* packet, int length);
+    // The track is one that has carried a key frame, now or before.
+    void MarkKeyTrack() { m_key_track = true; }
+
+    void AddRef(unsigned int count = 1) { m_refs.fetch_add(count, std::memory_order_relaxed); }
+    void Release();
+
+    bool IsText() const { return m_text; }
+    bool IsKey() const { return m_key; }
+    bool OnKeyTrack() const { return m_key_track; }
+    // The track, or OTHER_SLOT.
+    unsigned int Slot() const { return m_slot; }
+    unsigned int Length() const { return m_length; }
+    uint64_t Sequence() const { return m_sequence; }
+    // Monotonic milliseconds at which the unit was made.
+    uint64_t TimeMs() const { return m_time_ms; }
+    const struct iovec* Parts() const { return m_parts; }
+    unsigned int PartCount() const { return m_part_count; }
+    unsigned int SideCount() const { return m_side_count; }
+    CMediaPacket* Side(unsigned int index, int* length) const;
+
+private:
+    COutputUnit(uint64_t sequence, uint64_t now_ms) : m_sequence(sequence), m_time_ms(now_ms) {}
+    ~COutputUnit();
+    void set_channel(int channel);
+
+    struct SidePacket {
+        CMediaPacket* packet;
+        int length;
+    };
+
+    std::atomic<unsigned int> m_refs{1};
+    unsigned int m_length = 0;
+    uint64_t m_sequence;
+    uint64_t m_time_ms;
+    uint8_t m_slot = OTHER_SLOT;
+    uint8_t m_part_count = 0;
+    uint8_t m_side_count = 0;
+    bool m_text = false;
+    bool m_key = false;
+    bool m_key_track = false;
+    struct iovec m_parts[2] = {};
+    CMediaPacket* m_packets[2] = {};
+    SidePacket m_sides[MAX_SIDE] = {};
+    char* m_text_bytes = nullptr;
+};
+
+}  // namespace Tramel
+}  // namespace Kavio
+
+#endif  // VIDORA_TRAMEL_OUTPUTUNIT_H

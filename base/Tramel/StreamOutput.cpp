@@ -1,0 +1,482 @@
+#include "Tramel/StreamOutput.h"
+
+#include <sys/socket.h>
+
+#include <cerrno>
+#include <cstring>
+
+#include "Vidora/Ostra/Time.h"
+#include "Vidora/Tramel/Sock.h"
+
+namespace Kavio {
+namespace Tramel {
+
+using Ostra::CGuard;
+using Ostra::CTime;
+
+namespace {
+
+const unsigned int MAX_FLUSH_PARTS = 128;  // vector of one system call
+const unsigned int MAX_FLUSH_ROUNDS = 16;  // system calls of one event, so that one socket doesn't hold its thread
+const int64_t MAX_TIMER_PERIOD_US = 1000000;
+
+uint64_t bit_of(unsigned int index) {
+    return static_cast<uint64_t>(1) << index;
+}
+
+}  // namespace
+
+int CStreamOutput::Attach(COutputFace* face, bool is_media, long exception_id) {
+    CGuard guard(m_mutex);
+    if (m_sock == nullptr || (is_media && m_faces != nullptr && m_faces->m_is_media)) {
+        return -1;
+    }
+    face->m_is_media = is_media;
+    face->m_exception_id = exception_id;
+    if (is_media) {
+        face->m_next = m_faces;
+        m_faces = face;
+        m_gate = CTrackGate();
+    } else {
+        COutputFace** place = &m_faces;
+        while (*place != nullptr) {
+            place = &(*place)->m_next;
+        }
+        face->m_next = nullptr;
+        *place = face;
+    }
+    if (m_failed) {
+        tell_failure_locked(face);
+    } else if (m_full && m_watching == nullptr) {
+        watch_locked();
+    }
+    return 0;
+}
+
+void CStreamOutput::Detach(COutputFace* face) {
+    CGuard guard(m_mutex);
+    COutputFace** place = &m_faces;
+    while (*place != nullptr && *place != face) {
+        place = &(*place)->m_next;
+    }
+    if (*place == nullptr) {
+        return;
+    }
+    *place = face->m_next;
+    if (face->m_is_media) {
+        m_timeout_s = 0;
+        drop_waiting_locked(false, true);
+    }
+    if (m_timer_face == face) {
+        stop_timer_locked();
+    }
+    if (m_watching == face) {
+        m_watching = nullptr;
+        if (m_full) {
+            watch_locked();
+        }
+    }
+}
+
+void CStreamOutput::SetExceptionId(COutputFace* face, long handler_id) {
+    CGuard guard(m_mutex);
+    face->m_exception_id = handler_id;
+    if (m_failed) {
+        tell_failure_locked(face);
+    }
+}
+
+void CStreamOutput::SetSendTimeout(unsigned int seconds) {
+    CGuard guard(m_mutex);
+    m_timeout_s = seconds;
+    stop_timer_locked();
+    if (m_full) {
+        start_timer_locked();
+    }
+}
+
+void CStreamOutput::SetLimit(unsigned int bytes, unsigned int age_ms) {
+    CGuard guard(m_mutex);
+    m_limit_bytes = bytes != 0 ? bytes : m_limit_bytes;
+    m_limit_age_ms = age_ms != 0 ? age_ms : m_limit_age_ms;
+}
+
+int CStreamOutput::SendText(const char* text, unsigned int length) {
+    CGuard guard(m_mutex);
+    if (m_full && m_watching == nullptr) {
+        flush_locked();
+    }
+    if (m_failed) {
+        return -1;
+    }
+    size_t sent = 0;
+    if (!m_full) {
+        const struct iovec part = {const_cast<char*>(text), length};
+        const int64_t count = write_locked(&part, 1);
+        if (count < 0) {
+            return -1;
+        }
+        sent = static_cast<size_t>(count);
+        if (sent == length) {
+            return 0;
+        }
+    }
+    return queue_text_locked(text, length, sent);
+}
+
+int CStreamOutput::queue_text_locked(const char* text, unsigned int length, size_t sent) {
+    // A text of any size may wait behind others that keep within the bound; a peer that never reads its replies is cut.
+    if (m_text_bytes > MAX_TEXT_BYTES) {
+        fail_locked();
+        return -1;
+    }
+    COutputUnit* unit = COutputUnit::CreateText(text, length, CTime::getCurrentMilliSecond());
+    if (unit == nullptr || !m_ring.Push(unit)) {
+        if (unit != nullptr) {
+            unit->Release();
+        }
+        if (sent > 0) {
+            fail_locked();  // the peer would take what follows for the rest of this text
+        }
+        return -1;
+    }
+    m_text_bytes += length;
+    if (sent > 0) {
+        m_begun = sent;
+    }
+    begin_waiting_locked();
+    return 0;
+}
+
+void CStreamOutput::ClearText() {
+    CGuard guard(m_mutex);
+    drop_waiting_locked(true, false);
+}
+
+uint64_t CStreamOutput::SendMedia(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots) {
+    CGuard guard(m_mutex);
+    if (m_full && m_watching == nullptr) {
+        flush_locked();
+    }
+    if (m_failed) {
+        return 0;
+    }
+    if (m_full) {
+        return queue_chosen_locked(batch, from_sequence, slots);
+    }
+    const bool all = batch.Unit(0)->Sequence() >= from_sequence && (batch.Slots() & ~slots) == 0;
+    if (all && !m_gate.AnyWaiting()) {
+        return send_batch_locked(batch);
+    }
+    return send_chosen_locked(batch, from_sequence, slots);
+}
+
+// Sends on an idle socket; what it doesn't take begins the queue.
+uint64_t CStreamOutput::send_batch_locked(const CUnitBatch& batch) {
+    const uint64_t all = ~static_cast<uint64_t>(0) >> (CUnitBatch::MAX_UNITS - batch.Count());
+    const int64_t count = write_locked(batch.Parts(), batch.PartCount());
+    if (count < 0) {
+        return 0;
+    }
+    size_t sent = static_cast<size_t>(count);
+    if (sent == batch.Bytes()) {
+        return all;
+    }
+    uint64_t taken = 0;
+    for (unsigned int i = 0; i < batch.Count() && !m_failed; ++i) {
+        COutputUnit* unit = batch.Unit(i);
+        if (sent >= unit->Length()) {
+            sent -= unit->Length();
+            taken |= bit_of(i);
+        } else {
+            taken |= queue_media_locked(unit, sent) ? bit_of(i) : 0;
+            sent = 0;
+        }
+    }
+    begin_waiting_locked();
+    return taken;
+}
+
+// The slow road of an idle socket: some units aren't for this sink, or a track waits for its key frame.
+uint64_t CStreamOutput::send_chosen_locked(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots) {
+    CUnitBatch chosen;
+    unsigned char index[CUnitBatch::MAX_UNITS];
+    for (unsigned int i = 0; i < batch.Count(); ++i) {
+        COutputUnit* unit = batch.Unit(i);
+        if (unit->Sequence() < from_sequence || (slots & (1U << unit->Slot())) == 0 || !m_gate.Open(*unit)) {
+            continue;
+        }
+        m_gate.Passed(*unit);
+        index[chosen.Count()] = static_cast<unsigned char>(i);
+        chosen.Add(unit);
+    }
+    if (chosen.Count() == 0) {
+        return 0;
+    }
+    const uint64_t sent = send_batch_locked(chosen);
+    uint64_t taken = 0;
+    for (unsigned int i = 0; i < chosen.Count(); ++i) {
+        taken |= (sent & bit_of(i)) != 0 ? bit_of(index[i]) : 0;
+    }
+    return taken;
+}
+
+uint64_t CStreamOutput::queue_chosen_locked(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots) {
+    drop_aged_locked(batch.Unit(batch.Count() - 1)->TimeMs());
+    uint64_t taken = 0;
+    for (unsigned int i = 0; i < batch.Count() && !m_failed; ++i) {
+        COutputUnit* unit = batch.Unit(i);
+        if (unit->Sequence() >= from_sequence && (slots & (1U << unit->Slot())) != 0) {
+            taken |= queue_media_locked(unit, 0) ? bit_of(i) : 0;
+        }
+    }
+    return taken;
+}
+
+// Queues a unit of which `sent` bytes have gone. False if it is dropped.
+bool CStreamOutput::queue_media_locked(COutputUnit* unit, size_t sent) {
+    const size_t cost = unit->Length() + UNIT_COST;
+    const bool room = m_media_cost == 0 || m_media_cost + cost <= m_limit_bytes;
+    if (sent == 0 && (!room || !m_gate.Open(*unit))) {
+        m_gate.Dropped(*unit);
+        return false;
+    }
+    if (!m_ring.Push(unit)) {
+        if (sent > 0) {
+            fail_locked();
+        }
+        m_gate.Dropped(*unit);
+        return false;
+    }
+    unit->AddRef();
+    m_gate.Passed(*unit);
+    m_media_cost += cost;
+    if (sent > 0) {
+        m_begun = sent;
+    }
+    return true;
+}
+
+// Drops waiting media that is too old, and what can't be shown without it.
+void CStreamOutput::drop_aged_locked(uint64_t now_ms) {
+    const size_t begun = m_begun > 0 ? 1 : 0;
+    size_t oldest = begun;
+    while (oldest < m_ring.Count() && m_ring.At(oldest)->IsText()) {
+        ++oldest;
+    }
+    if (oldest >= m_ring.Count() || m_ring.At(oldest)->TimeMs() + m_limit_age_ms >= now_ms) {
+        return;
+    }
+    CTrackGate gate;
+    m_ring.Filter([&](size_t index, COutputUnit* unit) VIDORA_NO_THREAD_SAFETY_ANALYSIS {
+        if (index < begun || unit->IsText()) {
+            return true;
+        }
+        if (unit->TimeMs() + m_limit_age_ms >= now_ms && gate.Open(*unit)) {
+            gate.Passed(*unit);
+            return true;
+        }
+        gate.Dropped(*unit);
+        uncount_locked(*unit);
+        return false;
+    });
+    m_gate.Merge(gate);
+}
+
+void CStreamOutput::drop_waiting_locked(bool text, bool media) {
+    const size_t begun = m_begun > 0 ? 1 : 0;
+    m_ring.Filter([&](size_t index, COutputUnit* unit) VIDORA_NO_THREAD_SAFETY_ANALYSIS {
+        if (index < begun || !(unit->IsText() ? text : media)) {
+            return true;
+        }
+        uncount_locked(*unit);
+        return false;
+    });
+}
+
+void CStreamOutput::uncount_locked(const COutputUnit& unit) {
+    if (unit.IsText()) {
+        m_text_bytes -= unit.Length();
+    } else {
+        m_media_cost -= unit.Length() + UNIT_COST;
+    }
+}
+
+// Gives the socket a vector: the bytes that it took, 0 if it is full, -1 if it is broken; the queue has failed then.
+int64_t CStreamOutput::write_locked(const struct iovec* parts, unsigned int count) {
+    struct msghdr message;
+    std::memset(&message, 0, sizeof(message));
+    message.msg_iov = const_cast<struct iovec*>(parts);
+    message.msg_iovlen = count;
+    ssize_t sent;
+    do {
+        sent = ::sendmsg(m_sock->GetHandle(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
+    } while (sent < 0 && errno == EINTR);
+    if (sent >= 0) {
+        return sent;
+    }
+    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+        return 0;
+    }
+    fail_locked();
+    return -1;
+}
+
+void CStreamOutput::OnWritable() {
+    CGuard guard(m_mutex);
+    m_watching = nullptr;
+    if (m_failed) {
+        return;
+    }
+    flush_locked();
+    if (m_full) {
+        watch_locked();
+    }
+}
+
+void CStreamOutput::flush_locked() {
+    for (unsigned int round = 0; round < MAX_FLUSH_ROUNDS && !m_ring.Empty(); ++round) {
+        if (!flush_once_locked()) {
+            break;
+        }
+    }
+    if (m_ring.Empty()) {
+        m_full = false;
+    }
+}
+
+// Sends what one system call carries. False if the socket took less, or failed.
+bool CStreamOutput::flush_once_locked() {
+    struct iovec parts[MAX_FLUSH_PARTS];
+    unsigned int part_count = 0;
+    size_t bytes = 0;
+    for (size_t i = 0; i < m_ring.Count(); ++i) {
+        const COutputUnit* unit = m_ring.At(i);
+        if (part_count + unit->PartCount() > MAX_FLUSH_PARTS) {
+            break;
+        }
+        size_t skip = i == 0 ? m_begun : 0;
+        for (unsigned int part = 0; part < unit->PartCount(); ++part) {
+            const struct iovec& whole = unit->Parts()[part];
+            const size_t skipped = skip < whole.iov_len ? skip : whole.iov_len;
+            skip -= skipped;
+            if (skipped < whole.iov_len) {
+                parts[part_count].iov_base = static_cast<char*>(whole.iov_base) + skipped;
+                parts[part_count].iov_len = whole.iov_len - skipped;
+                bytes += parts[part_count].iov_len;
+                ++part_count;
+            }
+        }
+    }
+    const int64_t count = write_locked(parts, part_count);
+    if (count <= 0) {
+        return false;
+    }
+    m_progress_ms = CTime::getCurrentMilliSecond();
+    m_begun += static_cast<size_t>(count);
+    while (!m_ring.Empty() && m_begun >= m_ring.At(0)->Length()) {
+        COutputUnit* unit = m_ring.Pop();
+        m_begun -= unit->Length();
+        uncount_locked(*unit);
+        unit->Release();
+    }
+    return static_cast<size_t>(count) == bytes;
+}
+
+// The socket is full: waits for room, and for the send time-out.
+void CStreamOutput::begin_waiting_locked() {
+    if (m_full || m_failed) {
+        return;
+    }
+    m_full = true;
+    m_progress_ms = CTime::getCurrentMilliSecond();
+    watch_locked();
+    start_timer_locked();
+}
+
+void CStreamOutput::watch_locked() {
+    for (COutputFace* face = m_failed ? nullptr : m_faces; face != nullptr; face = face->m_next) {
+        if (face->WatchWrite(m_sock->GetHandle()) == 0) {
+            m_watching = face;
+            return;
+        }
+    }
+}
+
+void CStreamOutput::start_timer_locked() {
+    if (m_timeout_s == 0 || m_timer_face != nullptr || m_faces == nullptr || m_failed) {
+        return;
+    }
+    const int64_t quarter_us = static_cast<int64_t>(m_timeout_s) * 1000000 / 4;
+    m_timer_id = m_faces->StartTimer(quarter_us < MAX_TIMER_PERIOD_US ? quarter_us : MAX_TIMER_PERIOD_US);
+    m_timer_face = m_timer_id != 0 ? m_faces : nullptr;
+}
+
+void CStreamOutput::stop_timer_locked() {
+    if (m_timer_face != nullptr) {
+        m_timer_face->StopTimer(m_timer_id);
+        m_timer_face = nullptr;
+        m_timer_id = 0;
+    }
+}
+
+// The timer outlives short waits, so that a client at its limit costs no timer operations for each of them.
+void CStreamOutput::OnTimer(long timer_id) {
+    CGuard guard(m_mutex);
+    if (timer_id != m_timer_id || m_timer_face == nullptr) {
+        return;
+    }
+    if (!m_full || m_failed) {
+        stop_timer_locked();
+        return;
+    }
+    const uint64_t now_ms = CTime::getCurrentMilliSecond();
+    if (now_ms - m_progress_ms >= static_cast<uint64_t>(m_timeout_s) * 1000) {
+        fail_locked();
+        return;
+    }
+    drop_aged_locked(now_ms);
+}
+
+void CStreamOutput::OnSockGone() {
+    CGuard guard(m_mutex);
+    end_locked();
+    m_sock = nullptr;
+}
+
+void CStreamOutput::fail_locked() {
+    end_locked();
+    for (COutputFace* face = m_faces; face != nullptr; face = face->m_next) {
+        tell_failure_locked(face);
+    }
+}
+
+void CStreamOutput::end_locked() {
+    m_failed = true;
+    m_watching = nullptr;
+    stop_timer_locked();
+    m_ring.Clear();
+    m_begun = 0;
+    m_media_cost = 0;
+    m_text_bytes = 0;
+}
+
+// Each handler hears of the failure once, though a session names itself for both of its senders.
+void CStreamOutput::tell_failure_locked(COutputFace* face) {
+    if (face->m_exception_id == 0 || m_sock == nullptr) {
+        return;
+    }
+    for (long& told : m_told) {
+        if (told == face->m_exception_id) {
+            return;
+        }
+        if (told == 0) {
+            told = face->m_exception_id;
+            break;
+        }
+    }
+    face->PostFailure(face->m_exception_id);
+}
+
+}  // namespace Tramel
+}  // namespace Kavio

@@ -1,0 +1,196 @@
+#include "support/Drain.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/mman.h>
+#include <sys/prctl.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/utsname.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <new>
+#include <thread>
+
+namespace Bench {
+
+namespace {
+
+const int UDP_RECV_BUFFER = 1 << 20;
+
+[[noreturn]] void die(const char* what) {
+    std::perror(what);
+    std::exit(1);
+}
+
+int bound_socket(int type, uint16_t* port) {
+    const int fd = ::socket(AF_INET, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(address);
+    if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        die("bind");
+    }
+    *port = ntohs(address.sin_port);
+    return fd;
+}
+
+void watch(int epoll, int fd) {
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    if (::epoll_ctl(epoll, EPOLL_CTL_ADD, fd, &event) != 0) {
+        die("epoll_ctl");
+    }
+}
+
+}  // namespace
+
+CDrain::CDrain(unsigned int udp_count) {
+    void* shared = ::mmap(nullptr, sizeof(*m_bytes), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+    if (shared == MAP_FAILED) {
+        die("mmap");
+    }
+    m_bytes = new (shared) std::atomic<uint64_t>(0);
+    const int listener = bound_socket(SOCK_STREAM, &m_tcp_port);
+    std::vector<int> udp(udp_count);
+    m_udp_ports.resize(udp_count);
+    for (unsigned int i = 0; i < udp_count; ++i) {
+        udp[i] = bound_socket(SOCK_DGRAM, &m_udp_ports[i]);
+        ::setsockopt(udp[i], SOL_SOCKET, SO_RCVBUF, &UDP_RECV_BUFFER, sizeof(UDP_RECV_BUFFER));
+    }
+    if (::listen(listener, SOMAXCONN) != 0 || (m_child = ::fork()) < 0) {
+        die("listen or fork");
+    }
+    if (m_child == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        run(listener, udp);
+    }
+    ::close(listener);
+    for (int fd : udp) {
+        ::close(fd);
+    }
+}
+
+CDrain::~CDrain() {
+    ::kill(m_child, SIGKILL);
+    ::waitpid(m_child, nullptr, 0);
+    ::munmap(m_bytes, sizeof(*m_bytes));
+}
+
+void CDrain::run(int listener, const std::vector<int>& udp) const {
+    const int epoll = ::epoll_create1(EPOLL_CLOEXEC);
+    watch(epoll, listener);
+    for (int fd : udp) {
+        watch(epoll, fd);
+    }
+    static char room[1 << 20];
+    epoll_event events[256];
+    while (true) {
+        const int count = ::epoll_wait(epoll, events, 256, -1);
+        uint64_t bytes = 0;
+        for (int i = 0; i < count; ++i) {
+            const int fd = events[i].data.fd;
+            if (fd == listener) {
+                const int accepted = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+                if (accepted >= 0) {
+                    watch(epoll, accepted);
+                }
+                continue;
+            }
+            ssize_t got;
+            while ((got = ::recv(fd, room, sizeof(room), MSG_TRUNC)) > 0) {
+                bytes += static_cast<uint64_t>(got);
+            }
+            if (got == 0 && std::find(udp.begin(), udp.end(), fd) == udp.end()) {
+                ::close(fd);
+            }
+        }
+        *m_bytes += bytes;
+    }
+}
+
+int CDrain::Connect(int send_buffer) const {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(m_tcp_port);
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof(send_buffer));
+    const int no_delay = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof(no_delay));
+    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+        ::fcntl(fd, F_SETFL, O_NONBLOCK) != 0) {
+        die("connect");
+    }
+    return fd;
+}
+
+void CDrain::Settle() const {
+    uint64_t last = ~0ULL;
+    for (uint64_t now = Bytes(); now != last; now = Bytes()) {
+        last = now;
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+    }
+}
+
+uint64_t ProcessTimeUs() {
+    rusage usage = {};
+    ::getrusage(RUSAGE_SELF, &usage);
+    const auto us = [](const timeval& time) {
+        return static_cast<uint64_t>(time.tv_sec) * 1000000 + static_cast<uint64_t>(time.tv_usec);
+    };
+    return us(usage.ru_utime) + us(usage.ru_stime);
+}
+
+void PrintMachine() {
+    utsname name = {};
+    ::uname(&name);
+    char model[256] = "unknown processor";
+    if (std::FILE* file = std::fopen("/proc/cpuinfo", "r")) {
+        char line[256];
+        while (std::fgets(line, sizeof(line), file) != nullptr) {
+            if (std::sscanf(line, "model name : %255[^\n]", model) == 1) {
+                break;
+            }
+        }
+        std::fclose(file);
+    }
+    std::printf("%s, %u processors, %s %s, compiler %s, %s\n", model, std::thread::hardware_concurrency(), name.sysname,
+                name.release, __VERSION__,
+#ifdef NDEBUG
+                "optimized build"
+#else
+                "WARNING: build with assertions, not for figures"
+#endif
+    );
+}
+
+uint64_t Percentile(std::vector<uint64_t> samples, double part) {
+    if (samples.empty()) {
+        return 0;
+    }
+    std::sort(samples.begin(), samples.end());
+    const size_t index = static_cast<size_t>(part * static_cast<double>(samples.size()));
+    return samples[std::min(index, samples.size() - 1)];
+}
+
+void RaiseDescriptorLimit() {
+    rlimit limit = {};
+    ::getrlimit(RLIMIT_NOFILE, &limit);
+    limit.rlim_cur = limit.rlim_max;
+    ::setrlimit(RLIMIT_NOFILE, &limit);
+}
+
+}  // namespace Bench

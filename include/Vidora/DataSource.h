@@ -1,0 +1,76 @@
+#ifndef VIDORA_DATASOURCE_H
+#define VIDORA_DATASOURCE_H
+
+#include <cstdint>
+
+#include "Vidora/Export.h"
+#include "Vidora/Names.h"
+#include "Vidora/Types.h"
+
+namespace Kavio {
+namespace Vidora {
+
+class CRtspSvrConfig;
+class CSdpParser;
+
+// CDataSource: what a channel or a session holds of a stream: it describes itself in SDP, starts and stops, and fills
+// media buffers.
+//
+// Order of use: Create, SetConfig, Init, then any of the others, and Close at the end (never delete). Messages of
+// vidora_message_t go to the registered handlers: MSG_SRC_READY, MSG_PLAY_READY, MSG_SRC_PAUSED, MSG_SRC_FAIL,
+// MSG_SRC_END, MSG_SDP_UPDATE, and MSG_SOURCE_CLOSED at the end. Results are 0, or -1 on failure, unless said
+// otherwise.
+//
+// THREADING  Any thread; the classes behind it lock for themselves.
+class VIDORA_API CDataSource : public CNetHandler {
+public:
+    CDataSource();
+    ~CDataSource() override;
+
+    // A source of the kind that the content string names (see CRtspUrlParser); null if it names none, with a log line.
+    static CDataSource* Create(const char* content);
+    src_type_t GetSrcType() const { return m_src_type; }
+
+    // Copies the configuration, which holds the factory of the host's stream sources. The base does nothing.
+    virtual void SetConfig(const CRtspSvrConfig& config);
+    // Makes the stream behind it; `notify_id` gets the messages. `ext` is 0.
+    virtual int Init(long notify_id, int ext) = 0;
+    // Adds a handler that gets the messages; it stands at most once. And removes it.
+    virtual void AddNotify(long notify_id) = 0;
+    virtual void DelNotify(long notify_id) = 0;
+    // Plays from `start` to `end`; a year of 0 means not given. `speed`: 1.0 real time, below 0 backwards, never 0.
+    // `is_scale`: the rate came from a Scale header (RFC 2326 12.34) and not from Speed (12.35).
+    virtual int Play(const UtcTime& start, const UtcTime& end, float speed, bool is_scale) = 0;
+    // The same in microseconds from the start of the file; all ones means not given.
+    virtual int Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale) = 0;
+    virtual int Pause() = 0;
+    // Packets of that form go into `buffer`, which must live until the source is stopped or closed. `cseq`: the CSeq of
+    // the PLAY, or -1.
+    virtual int StartStreaming(packet_type_t packet_type, CMediaBuffer* buffer, int cseq) = 0;
+    // -1 also says that others keep the stream running.
+    virtual int StopStreaming(packet_type_t packet_type) = 0;
+    // The SDP with an extension: `ext_info` 1 adds the assist track. The base gives -1.
+    virtual int GetSdp(CSdpParser& sdp, int ext_info);
+    // A copy of the SDP.
+    virtual int GetSdp(CSdpParser& sdp) = 0;
+    virtual int GetSrcInfo(SrcInfo& info, int track_id) = 0;
+    // The play window.
+    virtual int GetPlayRange(UtcTime& start, UtcTime& end) = 0;
+    virtual int GetPlayRange(uint64_t& start_us, uint64_t& end_us) = 0;
+    // Interleaved channel number of a track of the SDP.
+    virtual int GetTcpChannel(int track_id) = 0;
+    virtual unsigned int GetSSRC(int track_id) = 0;
+    // Asks the source to read its stream information anew. The base gives 0.
+    virtual int UpdataDataSrc(long arg);
+    // Counts a client of a stream_track_t in or out. The base gives -1.
+    virtual int EnableStreamTrack(int track_kind);
+    virtual int DisableStreamTrack(int track_kind);
+
+protected:
+    src_type_t m_src_type = SRC_TYPE_NONE;  // set by Create
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_DATASOURCE_H

@@ -1,0 +1,88 @@
+#ifndef VIDORA_LIVECHANNEL_H
+#define VIDORA_LIVECHANNEL_H
+
+#include <cstdint>
+
+#include "Vidora/Export.h"
+#include "Vidora/Names.h"
+#include "Vidora/Types.h"
+
+namespace Kavio {
+namespace Vidora {
+
+class CDataSource;
+class CRtspSvrConfig;
+class CSdpParser;
+
+// CLiveChannel: one published stream, shared by any number of sessions and multicast destinations.
+//
+// The host makes one with Create, SetConfig, Init, AddDataSrc, and hands it to CLiveSvr::AddLiveChannel, which owns it
+// from then on. Results are 0, or -1 with a log line, unless said otherwise.
+//
+// THREADING  Any thread. Two locks of its own, never nested: one for the source, the SDP and the destinations, one for
+// the
+//            references.
+class VIDORA_API CLiveChannel : public CNetHandler {
+public:
+    static CLiveChannel* Create();
+
+    // Copies the configuration that multicast senders get. Call it before AddTransfDst.
+    void SetConfig(const CRtspSvrConfig& config);
+    // `channel_name`: at most 255 characters are kept. `notify_id`: the handler that gets the channel's messages, 0 for
+    // none. `transf_type`: how it sends to multicast destinations.
+    int Init(const char* channel_name, long notify_id, transf_type_t transf_type);
+    // Gives the channel its source, which has been through Init, and starts it; null takes it away. Gives the former
+    // source, which is the caller's again, or null. `arg` is kept and read by nothing.
+    CDataSource* AddDataSrc(CDataSource* src, uint64_t arg);
+    // Adds a multicast destination: `dest_ip` is the group and the base port, `local_ip` the address of the interface
+    // to send from, or null. RTP uses a pair of ports for each track, from the base port on; for RTP the host also
+    // calls StartStreaming(PACKET_TYPE_RTP).
+    int AddTransfDst(CSockAddrStorage& dest_ip, const char* local_ip);
+    int DelTransfDst(CSockAddrStorage& dest_ip, const char* local_ip);
+    // Whether the SDP describes unicast (as at the start) or the multicast destinations. 0.
+    int SetUnicast(bool unicast);
+
+    // References of sessions, by handler id. A channel that was closed lives until the last one goes. 0.
+    int AddRef(long user);
+    int DelRef(long user);
+
+    // The buffer that packets of that form go into; the channel's. Null for another type.
+    CMediaBuffer* GetMediaBuffer(packet_type_t packet_type);
+    int StartStreaming(packet_type_t packet_type);
+    int StopStreaming(packet_type_t packet_type);
+
+    // A copy of the SDP: 1 for a multicast channel, 0 for a unicast one, -1 if there is none.
+    int GetSdp(CSdpParser& sdp);
+    // The SDP with an extension (see CDataSource::GetSdp).
+    int GetSdp(CSdpParser& sdp, int ext_info);
+    int GetSrcInfo(SrcInfo& info, int track_id);
+    int GetTcpChannel(int track_id);
+    unsigned int GetSSRC(int track_id);
+    // A channel runs from now on without an end: 0 and all ones. It has no calendar range: -1.
+    int GetPlayRange(uint64_t& start, uint64_t& end);
+    int GetPlayRange(UtcTime& start, UtcTime& end);
+    // Drops the SDP and asks the source for its stream information anew.
+    int UpdataLiveChannel(long arg);
+    int EnableStreamTrack(int track_kind);
+    int DisableStreamTrack(int track_kind);
+
+    int handle_message(long sender_id, unsigned int msg, long param) override;
+    int handle_close(CNetHandler* handler) override;
+    void Close() override;
+
+private:
+    struct Internal;
+    CLiveChannel();
+    ~CLiveChannel() override;
+
+    int get_sdp();
+    void notify_session(unsigned int msg);
+    void close_live_channel();
+
+    Internal* m_internal;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_LIVECHANNEL_H

@@ -1,0 +1,69 @@
+#ifndef VIDORA_LIVESVR_H
+#define VIDORA_LIVESVR_H
+
+#include <list>
+#include <string>
+
+#include "Vidora/Export.h"
+#include "Vidora/Names.h"
+#include "Vidora/Types.h"
+
+namespace Kavio {
+namespace Vidora {
+
+class CDataSource;
+class CLiveChannel;
+
+// CLiveSvr: the registry of published channels.
+//
+// A channel is published under a content string, "name" or "name?a=1&b=2"; the order of the parameters doesn't matter.
+// One source may feed several channels. Results are 0, or -1 with a log line.
+//
+// THREADING  Any thread; one lock over the whole table, above the locks of CLiveChannel.
+// OWNERSHIP  From AddLiveChannel on the registry owns channel and source and closes them: the channel at
+// DelLiveChannel, the
+//            source with its last channel, and all of them at Close. It dies by Close, never by delete.
+class VIDORA_API CLiveSvr : public CNetHandler {
+public:
+    // `notify_id`: the handler that gets the messages of channels and sources, with a pointer to the channel's name as
+    // parameter where a channel sent it; 0 for none.
+    static CLiveSvr* Create(long notify_id);
+
+    // Publishes `channel` as `channel_name`. A name that stands already is not refused: the first one is found.
+    int AddLiveChannel(const char* channel_name, CLiveChannel* channel, CDataSource* src);
+    // Takes the first channel of exactly that name and parameters away; its sessions end.
+    int DelLiveChannel(const char* channel_name);
+    // 0 if a channel fits the content string, -1 if none does.
+    int QueryLiveChannel(const char* content);
+    // The channel that fits, with a reference for the handler `user`, who owes it a DelRef; or null.
+    CLiveChannel* GetLiveChannel(const char* content, long user);
+    // Attaches a sink to the channel's buffer of that packet type and starts streaming; and detaches it. A null sink
+    // counts as a user without a sink.
+    int EnterLiveChannel(const char* content, CMediaStreamSender* sink, packet_type_t packet_type);
+    int EnterLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type);
+    int LeaveLiveChannel(const char* content, CMediaStreamSender* sink, packet_type_t packet_type);
+    int LeaveLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type);
+    // Asks the channel's source for its stream information anew.
+    int UpdataLiveChannel(const char* content, long arg);
+
+    void Close() override;
+    int handle_message(long sender_id, unsigned int msg, long param) override;
+    int handle_close(CNetHandler* handler) override;
+
+private:
+    struct Internal;
+    CLiveSvr();
+    ~CLiveSvr() override;
+
+    void* get_channel_attr(const char* content);
+    CLiveChannel* remove_live_ch_user(const char* content, long user);
+    static void get_param(const char* content, std::string& name, std::list<std::string>& params);
+    static int string_list_cmpare(const std::list<std::string>& attr_params, const std::list<std::string>& req_params);
+
+    Internal* m_internal;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_LIVESVR_H

@@ -1,0 +1,119 @@
+#ifndef VIDORA_STREAMSOURCE_H
+#define VIDORA_STREAMSOURCE_H
+
+#include <cstdint>
+
+#include "Vidora/Export.h"
+#include "Vidora/Flumen/MediaFrame.h"
+#include "Vidora/Names.h"
+#include "Vidora/Types.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// Video codecs of StreamVideoFormat::encode_type.
+enum stream_video_encode_t { STREAM_VIDEO_MPEG4 = 1, STREAM_VIDEO_H264 = 2, STREAM_VIDEO_JPEG = 5 };
+
+// Audio codecs of StreamAudioFormat::encode_type.
+enum stream_audio_encode_t {
+    STREAM_AUDIO_PCMA = 7,  // G.711 A-law
+    STREAM_AUDIO_G729 = 8,
+    STREAM_AUDIO_DVI4 = 9,   // IMA ADPCM
+    STREAM_AUDIO_PCMU = 10,  // G.711 mu-law
+    STREAM_AUDIO_G721 = 11,
+    STREAM_AUDIO_PCM8 = 12,
+    STREAM_AUDIO_MS_ADPCM = 13,
+    STREAM_AUDIO_PCMA_14 = 14,
+    STREAM_AUDIO_AMR = 15,
+    STREAM_AUDIO_L16 = 16,
+    STREAM_AUDIO_G7231 = 25,
+    STREAM_AUDIO_AAC = 26,
+    STREAM_AUDIO_MPEG = 31  // MPEG audio layer 2
+};
+
+struct StreamVideoFormat {
+    int32_t width = 0;
+    int32_t height = 0;
+    int32_t encode_type = 0;  // stream_video_encode_t
+    int32_t frame_rate = 0;   // frames a second, for the SDP only
+};
+
+struct StreamAudioFormat {
+    int32_t encode_type = 0;  // stream_audio_encode_t
+    int32_t sample_rate = 0;  // Hz
+};
+
+// CStreamSource: one stream of the host, live or recorded; the host derives from it.
+//
+// The factory of CRtspSvrConfig (RTSP_SVR_CONFIG_SRC_FUNC) makes one for a content string. The library calls Init, then
+// waits for the source's message MSG_STREAM_INFO (the format is known) or MSG_STREAM_FAIL, both sent with
+// Notify(receiver_id, message, 0), and reads the format only after it. Start begins the flow of frames. A second
+// MSG_STREAM_INFO says that the format has changed.
+//
+// A frame is a Flumen::CMediaFrame in the private frame format, with setType (a frame_type_t), setSequence, setPts
+// (PTS_TYPE_MS, milliseconds) and setUtc (wall time in seconds) set, and setNewFormat(1) on the first frame of a new
+// format. H.264 frames hold NAL units behind four-byte start codes, a key frame its parameter sets first.
+//
+// THREADING  The operations come from pool threads, one at a time as far as the library is concerned. Frames may be
+// given
+//            from any one thread at a time; the callback runs the conversion to packets and must not be called with a
+//            lock held that the operations also take. Stop returns only when no callback runs any more, and so must not
+//            wait for a lock that the frame thread needs to end.
+// OWNERSHIP  The library owns the source from the factory on and gives it back with Close; handle_close then ends it,
+// as
+//            with every CNetHandler (`delete this`).
+class VIDORA_API CStreamSource : public CNetHandler {
+public:
+    typedef TFunction1<void, const Flumen::CMediaFrame&> frame_proc_t;
+
+    CStreamSource();
+    ~CStreamSource() override;
+
+    // Begins. `receiver_id` is where the messages go; `ext` is 0. Negative on failure: the source is then closed.
+    virtual int Init(long receiver_id, int ext) = 0;
+    // What kind of source it is. SRC_TYPE_FILE and SRC_TYPE_TOKEN can pause and seek.
+    virtual src_type_t GetSrcType() = 0;
+    virtual bool HasVideo() = 0;
+    virtual bool HasAudio() = 0;
+    virtual void GetAudioFormat(StreamAudioFormat& format) = 0;
+    virtual void GetVideoFormat(StreamVideoFormat& format) = 0;
+    // Codec configuration into `buf` of `len` bytes: for H.264 the sequence and picture parameter sets, each behind
+    // 00 00 00 01; for MPEG-4 the headers up to the first VOP. Gives its whole size, which may be above `len`; 0 or
+    // less for none.
+    virtual int GetVideoSpecificInfo(char* buf, int len) = 0;
+    // Asks for the stream information anew, upon which MSG_STREAM_INFO follows. Non-zero on failure.
+    virtual int UpdataStreamInfo(long arg) = 0;
+    // Begins to give frames to `proc`. False on failure.
+    virtual bool Start(frame_proc_t proc) = 0;
+    // Ends it; `proc` equals the one given to Start. No call of it runs or starts after the return.
+    virtual bool Stop(frame_proc_t proc) = 0;
+
+    // Of files and tokens. All are optional; the base gives false.
+    virtual bool Pause();
+    virtual bool Resume();
+    // Play rate: 1.0 real time, below 0 backwards, never 0.
+    virtual bool SetSpeed(float speed);
+    virtual bool SeekByTime(const CTime& time);
+    virtual bool StepFrame(int count, bool forward);
+    // The playing position as wall time.
+    virtual bool GetTime(CTime& time);
+    virtual bool GetSpeed(float& speed);
+    // Wall times of the first and the last frame.
+    virtual bool GetFileRange(CTime& begin, CTime& end);
+    // Length in microseconds.
+    virtual bool GetFileRange(uint64_t& length_us);
+
+    // Asks for a key frame soon; called when a client joins a running stream.
+    virtual void SetIFrame();
+    // Bounds of a token source.
+    virtual bool Limit(CTime start, CTime end);
+    virtual void RePlay();
+    // State of the frame just given: 1 means the end of the file; that frame is not sent. The result is ignored. Called
+    // inside the frame callback.
+    virtual bool getPacketType(int& packet_state);
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_STREAMSOURCE_H

@@ -1,0 +1,150 @@
+#include <arpa/inet.h>
+#include <gtest/gtest.h>
+#include <sys/socket.h>
+
+#include <string>
+#include <vector>
+
+#include "Tramel/SockDgram.h"
+#include "support/StreamPeer.h"
+
+using namespace Kavio::Tramel;
+using Kavio::Support::WaitFor;
+
+namespace {
+
+typedef std::vector<std::string> Datagrams;
+
+std::string Payload(size_t number, size_t size) {
+    std::string bytes(size, static_cast<char>('a' + number % 26));
+    if (size >= 2) {
+        bytes[0] = static_cast<char>(number >> 8);
+        bytes[1] = static_cast<char>(number & 0xff);
+    }
+    return bytes;
+}
+
+Datagrams Make(const std::vector<std::pair<size_t, size_t>>& runs) {
+    Datagrams packets;
+    for (const auto& run : runs) {
+        for (size_t i = 0; i < run.first; ++i) {
+            packets.push_back(Payload(packets.size(), run.second));
+        }
+    }
+    return packets;
+}
+
+std::string Merge(const Datagrams& packets) {
+    std::string merged;
+    for (const std::string& packet : packets) {
+        merged += '$';
+        merged += '\0';
+        merged += static_cast<char>(packet.size() >> 8);
+        merged += static_cast<char>(packet.size() & 0xff);
+        merged += packet;
+    }
+    return merged;
+}
+
+class DgramBatchTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        CSockAddrIPv4 any("127.0.0.1", 0);
+        ASSERT_EQ(0, m_receiver.Open(&any));
+        CSockAddrStorage address;
+        ASSERT_EQ(0, m_receiver.GetLocalAddr(&address));
+        ASSERT_EQ(0, m_sender.Open(&any));
+        ASSERT_EQ(0, m_sender.SetRemote(&address));
+    }
+
+    Datagrams Receive(size_t count) {
+        Datagrams packets;
+        std::vector<unsigned char> room(4 * 65536);
+        WaitFor([&] {
+            DgramSlice slices[4];
+            for (int i = 0; i < 4; ++i) {
+                slices[i] = {&room[static_cast<size_t>(i) * 65536], 65536};
+            }
+            const int received = m_receiver.RecvBatch(slices, 4);
+            for (int i = 0; i < received; ++i) {
+                packets.emplace_back(reinterpret_cast<char*>(slices[i].data), slices[i].length);
+            }
+            return packets.size() >= count && received == 0;
+        });
+        return packets;
+    }
+
+    void SendAndCompare(const Datagrams& packets) {
+        const std::string merged = Merge(packets);
+        EXPECT_EQ(static_cast<int>(packets.size()),
+                  m_sender.SendMerged(reinterpret_cast<const unsigned char*>(merged.data()),
+                                      static_cast<unsigned int>(merged.size())));
+        EXPECT_EQ(packets, Receive(packets.size()));
+        std::vector<DgramSlice> slices;
+        for (const std::string& packet : packets) {
+            slices.push_back({reinterpret_cast<unsigned char*>(const_cast<char*>(packet.data())),
+                              static_cast<unsigned int>(packet.size())});
+        }
+        EXPECT_EQ(static_cast<int>(packets.size()),
+                  m_sender.SendBatch(slices.data(), static_cast<unsigned int>(slices.size())));
+        EXPECT_EQ(packets, Receive(packets.size()));
+    }
+
+    CSockDgram m_receiver, m_sender;
+};
+
+}  // namespace
+
+TEST_F(DgramBatchTest, EveryShapeOfRunArrivesPacketByPacket) {
+    const std::vector<std::pair<size_t, size_t>> shapes[] = {
+        {{1, 100}},
+        {{6, 1448}, {1, 1200}},                              // a merged frame
+        {{3, 500}, {4, 700}, {2, 10}},                       // sizes grow, then shrink twice
+        {{130, 200}},                                        // more than 64 segments
+        {{60, 1400}},                                        // more than one message's bytes
+        {{300, 40}, {1, 39}},                                // more than one system call's parts
+        {{2, 300}, {1, 0}, {2, 300}},                        // an empty datagram stands alone
+        {{2, 30000}, {1, 65507}, {1, 1}, {70, 8}, {1, 9}}};  // the largest datagram
+    for (const auto& shape : shapes) {
+        SCOPED_TRACE(shape.size());
+        SendAndCompare(Make(shape));
+    }
+}
+
+TEST_F(DgramBatchTest, RefusedOffloadFallsBack) {
+    const int on = 1;
+    ASSERT_EQ(0, ::setsockopt(m_sender.GetHandle(), SOL_SOCKET, SO_NO_CHECK, &on, sizeof(on)));
+    SendAndCompare(Make({{6, 1448}, {1, 1200}}));
+    SendAndCompare(Make({{100, 300}, {3, 200}}));
+}
+
+TEST_F(DgramBatchTest, CutRunsSendWhatIsWholeAndFail) {
+    const Datagrams packets = Make({{3, 100}});
+    const std::string merged = Merge(packets);
+    const unsigned char* data = reinterpret_cast<const unsigned char*>(merged.data());
+    for (unsigned int length = 0; length <= merged.size(); ++length) {
+        const size_t whole = length / 104;
+        EXPECT_EQ(length % 104 == 0 ? static_cast<int>(whole) : -1, m_sender.SendMerged(data, length)) << length;
+        EXPECT_EQ(Datagrams(packets.begin(), packets.begin() + static_cast<std::ptrdiff_t>(whole)), Receive(whole));
+    }
+}
+
+TEST_F(DgramBatchTest, FailuresAndPeersThatHaveGone) {
+    CSockDgram closed;
+    const std::string merged = Merge(Make({{2, 100}}));
+    const unsigned char* data = reinterpret_cast<const unsigned char*>(merged.data());
+    EXPECT_EQ(-1, closed.SendMerged(data, 208));
+    EXPECT_EQ(-1, m_sender.SendMerged(nullptr, 208));
+    // The ICMP answers of a closed port don't cost the packets that follow them.
+    m_receiver.Close();
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(2, m_sender.SendMerged(data, 208)) << i;
+    }
+    // A datagram that no datagram can be.
+    std::vector<unsigned char> huge(65508 + 4, 0);
+    huge[2] = 0xff;
+    huge[3] = 0xe4;
+    EXPECT_EQ(-1, m_sender.SendMerged(huge.data(), static_cast<unsigned int>(huge.size())));
+    DgramSlice slice = {huge.data(), 10};
+    EXPECT_EQ(0, m_sender.RecvBatch(&slice, 1));
+}

@@ -1,0 +1,375 @@
+#include "Tramel/MediaBuffer.h"
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <mutex>
+
+#include "Tramel/MediaStreamSender.h"
+#include "Tramel/SockStream.h"
+#include "Vidora/Tramel/Level2Buffer.h"
+#include "Vidora/Tramel/NetThread.h"
+#include "support/StreamPeer.h"
+
+using namespace Kavio::Tramel;
+using namespace Kavio::Support;
+using Kavio::Ostra::TFunction3;
+
+namespace {
+
+const int KEY = 1;
+const int SKIPPABLE = 5;
+
+// One client: a sender on a socket, its peer's end, and the numbers that its send procedure was given.
+struct Sink {
+    explicit Sink(int buffer_bytes = 65536) : pair(buffer_bytes), sender(CMediaStreamSender::Create()) {
+        sock.Attach(pair.near_fd);
+        sender->Attach(&sock);
+        sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(this, &Sink::OnInfo));
+    }
+    ~Sink() {
+        sender->Detach();
+        sender->Close();
+    }
+    void OnInfo(CMediaPacket* packet, int length, int) {
+        std::lock_guard<std::mutex> guard(mutex);
+        infos.push_back(static_cast<unsigned int>(
+            std::stoul(std::string(reinterpret_cast<char*>(packet->GetData()), static_cast<size_t>(length)))));
+    }
+    std::vector<unsigned int> Infos() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return infos;
+    }
+    bool Read() { return reader.Read(pair.far_fd) > 0; }
+
+    TcpPair pair;
+    CSockStream sock;
+    CMediaStreamSender* sender;
+    WireReader reader;
+    std::mutex mutex;
+    std::vector<unsigned int> infos;
+};
+
+void Put(CMediaBuffer& buffer, const std::string& bytes, int flag, int channel) {
+    CountedPacket* packet = new CountedPacket(bytes);
+    const int size = packet->Size();
+    ASSERT_EQ(0, buffer.Put(packet, size, flag, channel));
+}
+
+void PutFrame(CMediaBuffer& buffer, unsigned int number, bool key, size_t size, int track = 0) {
+    CountedPacket* info = new CountedPacket(std::to_string(number));
+    const int info_size = info->Size();
+    ASSERT_EQ(0, buffer.PutFrameInfo(info, info_size));
+    Put(buffer, MediaBytes(track * 2, number, key, size), 1, track << 24 | (key ? KEY : SKIPPABLE));
+}
+
+std::vector<unsigned int> Range(unsigned int first, unsigned int end) {
+    std::vector<unsigned int> numbers;
+    for (; first < end; ++first) {
+        numbers.push_back(first);
+    }
+    return numbers;
+}
+
+// Records calls, and runs an action inside them.
+struct Level2Sink : CLevel2Buffer_IF {
+    int Put(CMediaPacket*, int length, int flag, int channel) override {
+        calls.push_back({length, flag, channel});
+        if (action) {
+            action();
+        }
+        return -1;  // which the buffer ignores
+    }
+    struct Call {
+        int length, flag, channel;
+        bool operator==(const Call& other) const {
+            return length == other.length && flag == other.flag && channel == other.channel;
+        }
+    };
+    std::vector<Call> calls;
+    std::function<void()> action;
+};
+
+class MediaBufferTest : public ::testing::TestWithParam<unsigned int> {
+protected:
+    void SetUp() override {
+        if (GetParam() > 0) {
+            ASSERT_EQ(0, CNetThread::CreateThreadPool(GetParam(), false));
+        }
+        m_buffer = std::make_unique<CMediaBuffer>();
+        m_buffer->EnableAutoSend();
+    }
+    void TearDown() override {
+        m_buffer.reset();
+        if (GetParam() > 0) {
+            CNetThread::DestroyThreadPool();
+        }
+        EXPECT_EQ(0, CountedPacket::Alive());
+    }
+    std::unique_ptr<CMediaBuffer> m_buffer;
+};
+
+}  // namespace
+
+// Without a pool (0 threads) the putting thread writes.
+INSTANTIATE_TEST_SUITE_P(Threads, MediaBufferTest, ::testing::Values(0u, 3u));
+
+TEST_P(MediaBufferTest, SinkThatJoinsGetsWholeUnitsPutSince) {
+    Sink early, late;
+    m_buffer->AddSender(early.sender);
+    m_buffer->AddSender(early.sender);
+    Put(*m_buffer, MediaBytes(0, 0, true, 100), 1, KEY);
+    const std::string pair = MediaBytes(0, 1, false, 100);
+    Put(*m_buffer, pair.substr(0, 6), 0, SKIPPABLE);
+    m_buffer->AddSender(late.sender);  // between a header and its frame
+    Put(*m_buffer, pair.substr(6), 1, SKIPPABLE);
+    const std::string side_data = MediaBytes(4, 2, false, 50);  // header and frame both with flag 0
+    Put(*m_buffer, side_data.substr(0, 6), 0, 2 << 24 | SKIPPABLE);
+    Put(*m_buffer, side_data.substr(6), 0, 2 << 24 | SKIPPABLE);
+    Put(*m_buffer, pair.substr(0, 6), 0, SKIPPABLE);  // whose frame never comes
+    const std::string next = MediaBytes(0, 3, false, 100);
+    Put(*m_buffer, next.substr(0, 6), 0, SKIPPABLE);
+    Put(*m_buffer, next.substr(6), 1, SKIPPABLE);
+    EXPECT_TRUE(WaitFor([&] { return (early.Read(), early.reader.Units().size() >= 4); }));
+    EXPECT_TRUE(WaitFor([&] { return (late.Read(), late.reader.Units().size() >= 2); }));
+    EXPECT_EQ((std::vector<unsigned int>{0, 1, 3}), early.reader.Numbers(0));
+    EXPECT_EQ((std::vector<unsigned int>{3}), late.reader.Numbers(0));
+    EXPECT_EQ((std::vector<unsigned int>{2}), late.reader.Numbers(4));
+    m_buffer->DelSender(early.sender);
+    m_buffer->DelSender(late.sender);
+    Put(*m_buffer, MediaBytes(0, 4, true, 100), 1, KEY);
+    EXPECT_EQ(0, CountedPacket::Alive()) << "nobody is left to hold it";
+}
+
+TEST_P(MediaBufferTest, DisabledTracksAndSidePackets) {
+    Sink all, some;
+    some.sender->DisableSendChannel(0);
+    some.sender->DisableSendChannel(8);  // not a switch
+    m_buffer->AddSender(all.sender);
+    m_buffer->AddSender(some.sender);
+    for (unsigned int i = 0; i < 40; ++i) {
+        PutFrame(*m_buffer, i, i == 0, 200, static_cast<int>(i % 2));
+        Put(*m_buffer, MediaBytes(20, i, false, 60), 1, 10 << 24 | SKIPPABLE);
+    }
+    EXPECT_TRUE(WaitFor([&] { return (all.Read(), all.reader.Units().size() == 80); }));
+    EXPECT_TRUE(WaitFor([&] { return (some.Read(), some.reader.Units().size() == 60); }));
+    EXPECT_TRUE(WaitFor([&] { return all.Infos().size() == 40 && some.Infos().size() == 20; }));
+    EXPECT_EQ(Range(0, 40), all.Infos());
+    EXPECT_EQ(some.reader.Numbers(2), some.Infos()) << "information goes with its packet";
+    EXPECT_TRUE(some.reader.Numbers(0).empty());
+    EXPECT_EQ(Range(0, 40), some.reader.Numbers(20));
+    m_buffer->DelSender(all.sender);
+    m_buffer->DelSender(some.sender);
+}
+
+TEST_P(MediaBufferTest, Level2SinksGetEverythingAsItWasPutAndMayRemoveAnySink) {
+    CMediaBuffer manual;  // without auto-send
+    Sink sink;
+    Level2Sink first, second, third;
+    manual.AddSender(sink.sender);
+    manual.AddLevel2Buffer(&first);
+    manual.AddLevel2Buffer(&second);
+    manual.AddLevel2Buffer(&first);
+    first.action = [&] {
+        manual.DelLevel2Buffer(&first);
+        manual.DelLevel2Buffer(&second);
+        manual.AddLevel2Buffer(&third);
+    };
+    Put(manual, std::string("$\001\000\000\000\004", 6), 0, 9);
+    Put(manual, "data", 1, 1 << 24 | KEY);
+    EXPECT_EQ((std::vector<Level2Sink::Call>{{6, 0, 9}}), first.calls);
+    EXPECT_TRUE(second.calls.empty());
+    EXPECT_EQ((std::vector<Level2Sink::Call>{{4, 1, 1 << 24 | KEY}}), third.calls);
+    CountedPacket refused("x");
+    EXPECT_EQ(-1, manual.Put(&refused, 0, 1, 0));
+    EXPECT_EQ(-1, manual.Put(nullptr, 1, 1, 0));
+    sink.Read();
+    EXPECT_TRUE(sink.reader.Units().empty());
+}
+
+TEST_P(MediaBufferTest, DeletingTheBufferInsideItsOwnCallIsSafe) {
+    CMediaBuffer* buffer = new CMediaBuffer;
+    Level2Sink sink;
+    sink.action = [&] { delete buffer; };
+    buffer->AddLevel2Buffer(&sink);
+    Put(*buffer, "data", 1, KEY);
+    EXPECT_EQ(1u, sink.calls.size());
+}
+
+TEST_P(MediaBufferTest, RemovalWaitsForACallOnAnotherThread) {
+    std::atomic<bool> inside{false}, removing{false}, left{false};
+    Level2Sink slow;
+    slow.action = [&] {
+        inside = true;
+        WaitFor([&] { return removing.load(); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));  // gives a removal that doesn't wait its chance
+        left = true;
+    };
+    m_buffer->AddLevel2Buffer(&slow);
+    std::thread putter([&] { Put(*m_buffer, "data", 1, KEY); });
+    EXPECT_TRUE(WaitFor([&] { return inside.load(); }));
+    Level2Sink other;
+    m_buffer->AddLevel2Buffer(&other);
+    m_buffer->DelLevel2Buffer(&other);  // isn't held up by the slow one
+    EXPECT_FALSE(left);
+    removing = true;
+    m_buffer->DelLevel2Buffer(&slow);
+    EXPECT_TRUE(left);
+    putter.join();
+}
+
+namespace {
+
+// A send procedure that leaves the buffer, or waits.
+struct Leaver {
+    CMediaBuffer* buffer = nullptr;
+    CMediaStreamSender* sender = nullptr;
+    std::atomic<int> calls{0};
+    std::atomic<bool> removing{false}, left{false};
+
+    void Leave(CMediaPacket*, int, int) {
+        ++calls;
+        buffer->DelSender(sender);
+    }
+    void Wait(CMediaPacket*, int, int) {
+        ++calls;
+        WaitFor([this] { return removing.load(); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        left = true;
+    }
+};
+
+}  // namespace
+
+TEST_P(MediaBufferTest, SendProcedureMayLeaveAndRemovalWaitsForIt) {
+    Sink sink;
+    Leaver leaver;
+    leaver.buffer = m_buffer.get();
+    leaver.sender = sink.sender;
+    sink.sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(&leaver, &Leaver::Leave));
+    m_buffer->AddSender(sink.sender);
+    CountedPacket* infos[2] = {new CountedPacket("0"), new CountedPacket("1")};
+    m_buffer->PutFrameInfo(infos[0], 1);
+    m_buffer->PutFrameInfo(infos[1], 1);
+    Put(*m_buffer, MediaBytes(0, 0, true, 100), 1, KEY);
+    EXPECT_TRUE(WaitFor([&] { return leaver.calls == 1 && CountedPacket::Alive() == 0; }));
+    EXPECT_EQ(1, leaver.calls) << "the second one comes after it left";
+
+    sink.sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(&leaver, &Leaver::Wait));
+    m_buffer->AddSender(sink.sender);
+    std::thread putter([&] { PutFrame(*m_buffer, 1, true, 100); });
+    EXPECT_TRUE(WaitFor([&] { return leaver.calls == 2; }));
+    leaver.removing = true;
+    m_buffer->DelSender(sink.sender);
+    EXPECT_TRUE(leaver.left);
+    putter.join();
+}
+
+TEST_P(MediaBufferTest, SinksComeAndGoWhileTheSourcePuts) {
+    std::atomic<bool> stop{false};
+    std::thread source([&] {
+        for (unsigned int i = 0; !stop; ++i) {
+            PutFrame(*m_buffer, i, i % 5 == 0, 500);
+            std::this_thread::yield();
+        }
+    });
+    std::thread guests[2];
+    for (std::thread& guest : guests) {
+        guest = std::thread([&] {
+            for (int round = 0; round < 60; ++round) {
+                Sink sink(4096);
+                m_buffer->AddSender(sink.sender);
+                const std::string text = TextBytes(7);
+                sink.sender->SendOtherData(text.data(), static_cast<int>(text.size()));
+                WaitFor([&] { return (sink.Read(), sink.reader.Units().size() > 2); });
+                EXPECT_FALSE(sink.reader.Broken());
+                if (round % 3 == 0) {
+                    sink.pair.CloseFar();
+                }
+                m_buffer->DelSender(sink.sender);
+            }
+        });
+    }
+    for (std::thread& guest : guests) {
+        guest.join();
+    }
+    stop = true;
+    source.join();
+}
+
+// Of 50 clients one doesn't read for a while, and later never again.
+TEST(MediaBufferStall, OthersGetEverythingAndTheStalledOneGoesOnAtAKeyFrame) {
+    const unsigned int LIMIT = 64 << 10;
+    const size_t FRAME = 2000;
+    const unsigned int KEY_PERIOD = 25;
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(3, false));
+    auto buffer = std::make_unique<CMediaBuffer>();
+    buffer->EnableAutoSend();
+    MessageCounter owner, others;
+    std::vector<std::unique_ptr<Sink>> sinks;
+    for (int i = 0; i < 50; ++i) {
+        sinks.push_back(std::make_unique<Sink>(i == 0 ? 8192 : 65536));
+        sinks.back()->sender->WaitException(i == 0 ? owner.GetID() : others.GetID());
+        buffer->AddSender(sinks.back()->sender);
+    }
+    Sink& stalled = *sinks[0];
+    stalled.sender->SetQueueLimit(LIMIT, 0);
+
+    unsigned int number = 0;
+    unsigned int texts = 0;
+    // Puts frames, and lets the 49 read each before the next.
+    auto stream = [&](unsigned int count) {
+        for (const unsigned int end = number + count; number < end; ++number) {
+            PutFrame(*buffer, number, number % KEY_PERIOD == 0, FRAME);
+            if (number % 10 == 0) {
+                const std::string text = TextBytes(texts++);
+                stalled.sender->SendOtherData(text.data(), static_cast<int>(text.size()));
+            }
+            for (size_t i = 1; i < sinks.size(); ++i) {
+                ASSERT_TRUE(WaitFor([&] { return (sinks[i]->Read(), sinks[i]->reader.Units().size() > number); }));
+            }
+        }
+    };
+    stream(310);
+    ASSERT_TRUE(WaitFor([&] { return CountedPacket::Alive() < static_cast<int>(2 * (LIMIT / FRAME + 2)); }))
+        << "the queue's bound: " << CountedPacket::Alive();
+    // It reads on, and stays with the stream from the next key frame.
+    while (number < 400) {
+        stream(1);
+        stalled.Read();
+    }
+    ASSERT_TRUE(WaitFor([&] {
+        stalled.Read();
+        const std::vector<unsigned int> got = stalled.reader.Numbers(0);
+        return !got.empty() && got.back() == number - 1;
+    }));
+    ASSERT_FALSE(stalled.reader.Broken());
+    EXPECT_FALSE(stalled.reader.Partial());
+    EXPECT_EQ(Range(0, texts), stalled.reader.Numbers(-1)) << "text is whole, in order and complete";
+    unsigned int gaps = 0;
+    unsigned int expected = 0;
+    for (const WireUnit& unit : stalled.reader.Units()) {
+        if (!unit.text) {
+            gaps += unit.number != expected ? 1 : 0;
+            EXPECT_TRUE(unit.number == expected || unit.key) << unit.number;
+            expected = unit.number + 1;
+        }
+    }
+    EXPECT_GE(gaps, 1u);
+    EXPECT_TRUE(WaitFor([&] { return stalled.Infos() == stalled.reader.Numbers(0); })) << "a gap shows what was lost";
+
+    stalled.sender->SetSendTimeout(1);
+    stream(60);
+    EXPECT_TRUE(WaitFor([&] { return owner.Failures() > 0; }));
+    stream(10);
+    for (size_t i = 1; i < sinks.size(); ++i) {
+        EXPECT_EQ(Range(0, number), sinks[i]->reader.Numbers(0)) << i;
+        EXPECT_EQ(Range(0, number), sinks[i]->Infos()) << i;
+    }
+    EXPECT_EQ(1, owner.Failures());
+    EXPECT_EQ(0, others.Failures());
+    buffer.reset();
+    sinks.clear();
+    CNetThread::DestroyThreadPool();
+    EXPECT_EQ(0, CountedPacket::Alive());
+}

@@ -1,0 +1,284 @@
+#include "Tramel/StreamOutput.h"
+
+#include <gtest/gtest.h>
+
+#include "Tramel/MediaStreamSender.h"
+#include "Tramel/SockStream.h"
+#include "Tramel/StreamSender.h"
+#include "Vidora/Tramel/NetThread.h"
+#include "support/StreamPeer.h"
+
+using namespace Kavio::Tramel;
+using namespace Kavio::Support;
+
+namespace {
+
+// A face without a reactor: it counts what the queue asks of it.
+struct FakeFace : COutputFace {
+    int WatchWrite(int) override {
+        ++watches;
+        return 0;
+    }
+    void PostFailure(long target) override { failures.push_back(target); }
+    long StartTimer(int64_t) override { return ++timers; }
+    void StopTimer(long) override { ++stopped_timers; }
+
+    int watches = 0;
+    long timers = 0;
+    int stopped_timers = 0;
+    std::vector<long> failures;
+};
+
+struct Row {
+    char track;  // '0', '1': video and audio
+    bool key;
+    uint64_t time_ms;
+    bool taken;
+};
+
+// A queue on a socket that has been filled up with one long text.
+class QueueTest : public ::testing::Test {
+protected:
+    void SetUp() override {
+        m_sock.Attach(m_pair.near_fd);
+        ASSERT_EQ(0, m_queue.Attach(&m_face, true, 7));
+        ASSERT_EQ(0, m_queue.SendText(m_filler.data(), static_cast<unsigned int>(m_filler.size())));
+        ASSERT_EQ(1, m_face.watches);
+    }
+
+    bool Put(const Row& row, size_t size = 1000) {
+        const bool key = row.key;
+        const int channel = (row.track - '0') << 24 | (key ? 1 : 5);
+        m_key_tracks |= key ? 1 << (row.track - '0') : 0;
+        COutputUnit* unit = COutputUnit::CreateMedia(channel, 1, row.time_ms);
+        CountedPacket* packet = new CountedPacket(MediaBytes(row.track - '0', m_number++, key, size - 4));
+        unit->AddPacket(packet, static_cast<unsigned int>(size), channel);
+        if ((m_key_tracks & (1 << (row.track - '0'))) != 0) {
+            unit->MarkKeyTrack();
+        }
+        CUnitBatch batch;
+        batch.Add(unit);
+        const bool taken = m_queue.SendMedia(batch, 0, ~0U) == 1;
+        unit->Release();
+        return taken;
+    }
+
+    void Expect(const std::vector<Row>& rows) {
+        for (size_t i = 0; i < rows.size(); ++i) {
+            EXPECT_EQ(rows[i].taken, Put(rows[i])) << "row " << i;
+        }
+    }
+
+    // Lets the peer read until it has that many units, and no more are there.
+    void Drain(size_t units) {
+        ASSERT_TRUE(WaitFor([&] {
+            m_reader.Read(m_pair.far_fd);
+            m_queue.OnWritable();
+            return m_reader.Units().size() >= units;
+        }));
+        ASSERT_FALSE(m_reader.Broken());
+        ASSERT_FALSE(m_reader.Partial());
+    }
+
+    TcpPair m_pair;
+    CSockStream m_sock;
+    FakeFace m_face;
+    CStreamOutput m_queue{&m_sock};
+    WireReader m_reader;
+    std::string m_filler = TextBytes(0, 200000);
+    unsigned int m_number = 0;
+    int m_key_tracks = 0;
+};
+
+const unsigned int COST = 1000 + CStreamOutput::UNIT_COST;
+
+}  // namespace
+
+TEST_F(QueueTest, FullQueueDropsATrackUntilItsKeyFrame) {
+    m_queue.SetLimit(3 * COST, 0);
+    Expect({{'0', true, 1, true},
+            {'0', false, 1, true},
+            {'1', false, 1, true},
+            {'0', false, 1, false},    // no room: video waits for a key frame
+            {'0', true, 1, false},     // also a key frame needs room
+            {'1', false, 1, false}});  // audio never carried one
+    Drain(4);
+    Expect({{'1', false, 1, true}, {'0', false, 1, false}, {'0', true, 1, true}, {'0', false, 1, true}});
+    Drain(7);
+    EXPECT_EQ((std::vector<unsigned int>{0, 1, 8, 9}), m_reader.Numbers(0));
+    EXPECT_EQ((std::vector<unsigned int>{2, 6}), m_reader.Numbers(1));
+    EXPECT_EQ(0, CountedPacket::Alive());
+}
+
+TEST_F(QueueTest, EmptyQueueTakesAUnitAboveItsLimit) {
+    m_queue.SetLimit(100, 0);
+    Expect({{'0', true, 1, true}, {'0', false, 1, false}});
+    Drain(2);
+    EXPECT_EQ((std::vector<unsigned int>{0}), m_reader.Numbers(0));
+}
+
+TEST_F(QueueTest, AgedMediaGoesUpToAKeyFrameAndTextStays) {
+    m_queue.SetLimit(0, 1000);
+    Expect({{'0', true, 0, true}, {'0', false, 500, true}});
+    const std::string text = TextBytes(1);
+    EXPECT_EQ(0, m_queue.SendText(text.data(), static_cast<unsigned int>(text.size())));
+    Expect({{'1', false, 600, true},
+            {'0', false, 900, true},
+            {'0', true, 1000, true},
+            {'0', false, 1400, true},
+            {'0', false, 1550, true}});  // units up to 500 are too old now, and 900 can't be shown without them
+    Drain(6);
+    EXPECT_EQ((std::vector<unsigned int>{4, 5, 6}), m_reader.Numbers(0));
+    EXPECT_EQ((std::vector<unsigned int>{2}), m_reader.Numbers(1));
+    EXPECT_EQ((std::vector<unsigned int>{0, 1}), m_reader.Numbers(-1));
+}
+
+TEST_F(QueueTest, AllGoneWithAgeTheTrackWaitsAndTheSocketStillCountsAsFull) {
+    m_queue.SetLimit(0, 1000);
+    Expect({{'0', true, 0, true}, {'0', false, 5000, false}});
+    EXPECT_EQ(1, m_face.watches) << "no second watch while the first one stands";
+    Drain(1);
+    Expect({{'0', false, 5000, false}, {'0', true, 5000, true}});
+}
+
+TEST_F(QueueTest, DetachedMediaGoesButTextAndTheBegunUnitStay) {
+    Expect({{'0', true, 1, true}});
+    FakeFace control;
+    ASSERT_EQ(0, m_queue.Attach(&control, false, 8));
+    FakeFace second;
+    EXPECT_EQ(-1, m_queue.Attach(&second, true, 9)) << "one media sender a socket";
+    m_queue.Detach(&m_face);
+    EXPECT_EQ(1, control.watches) << "the other face watches on";
+    Drain(1);
+    EXPECT_EQ((std::vector<unsigned int>{0}), m_reader.Numbers(-1));
+    EXPECT_TRUE(m_reader.Numbers(0).empty());
+}
+
+TEST_F(QueueTest, ClearedTextLeavesTheBegunOneWhole) {
+    const std::string text = TextBytes(1);
+    EXPECT_EQ(0, m_queue.SendText(text.data(), static_cast<unsigned int>(text.size())));
+    Expect({{'0', true, 1, true}});
+    m_queue.ClearText();
+    Drain(2);
+    EXPECT_EQ((std::vector<unsigned int>{0}), m_reader.Numbers(-1));
+    EXPECT_EQ((std::vector<unsigned int>{0}), m_reader.Numbers(0));
+}
+
+TEST_F(QueueTest, UnreadTextIsBoundedAndFailureIsToldOncePerHandler) {
+    FakeFace control;
+    ASSERT_EQ(0, m_queue.Attach(&control, false, 7));
+    const std::string text = TextBytes(1, 4000);
+    int results = 0;
+    for (unsigned int i = 0; i < CStreamOutput::MAX_TEXT_BYTES / 4000 + 2; ++i) {
+        results += m_queue.SendText(text.data(), static_cast<unsigned int>(text.size()));
+    }
+    EXPECT_LT(results, 0);
+    EXPECT_EQ(1u, m_face.failures.size() + control.failures.size()) << "both name the same handler";
+    m_queue.SetExceptionId(&control, 8);
+    m_queue.SetExceptionId(&control, 8);
+    EXPECT_EQ((std::vector<long>{8}), control.failures) << "one that asks late is told at once";
+    EXPECT_FALSE(Put({'0', true, 1, false}));
+    EXPECT_EQ(-1, m_queue.SendText("x", 1));
+}
+
+TEST_F(QueueTest, GoneSocketIsNotTouched) {
+    Expect({{'0', true, 1, true}});
+    m_queue.OnSockGone();
+    EXPECT_EQ(-1, m_queue.SendText("x", 1));
+    m_queue.OnWritable();
+    EXPECT_TRUE(m_face.failures.empty()) << "its owner knows";
+    EXPECT_EQ(0, CountedPacket::Alive());
+    FakeFace late;
+    EXPECT_EQ(-1, m_queue.Attach(&late, false, 1));
+}
+
+namespace {
+
+// A session's way: it forwards its own handle_output.
+class Owner : public MessageCounter {
+public:
+    CStreamSender* m_sender = CStreamSender::Create();
+    int handle_output(int fd) override { return m_sender->handle_output(fd); }
+    int handle_close(CNetHandler*) override {
+        delete this;
+        return 0;
+    }
+
+private:
+    ~Owner() override { m_sender->Close(); }
+};
+
+}  // namespace
+
+TEST(Senders, TextOfBothFacesStaysWholeOnASocketThatIsAlwaysFull) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    TcpPair pair(4096);
+    Owner* owner = new Owner;
+    CMediaStreamSender* media = CMediaStreamSender::Create();
+    {
+        CSockStream sock;
+        sock.Attach(pair.near_fd);
+        ASSERT_EQ(-1, owner->m_sender->Put("x", 1)) << "nothing attached";
+        ASSERT_EQ(0, owner->m_sender->Attach(owner, &sock));
+        ASSERT_EQ(0, media->Attach(&sock));
+        const unsigned int count = 300;
+        std::thread writer([&] {
+            for (unsigned int i = 0; i < count; ++i) {
+                const std::string text = TextBytes(count + i, i * 7 % 3000);
+                media->SendOtherData(text.data(), static_cast<int>(text.size()));
+            }
+        });
+        for (unsigned int i = 0; i < count; ++i) {
+            const std::string text = TextBytes(i, i * 11 % 3000);
+            ASSERT_EQ(0, owner->m_sender->Put(text.data(), static_cast<unsigned int>(text.size())));
+        }
+        WireReader reader;
+        EXPECT_TRUE(WaitFor([&] {
+            reader.Read(pair.far_fd);
+            return reader.Units().size() == 2 * count || reader.Broken();
+        }));
+        writer.join();
+        EXPECT_FALSE(reader.Broken());
+        unsigned int next[2] = {0, count};
+        for (unsigned int number : reader.Numbers(-1)) {
+            EXPECT_EQ(next[number / count]++, number) << "order of one sender";
+        }
+        EXPECT_EQ(&sock, media->Detach());
+        EXPECT_EQ(&sock, owner->m_sender->Detach());
+        EXPECT_EQ(nullptr, media->Detach());
+    }
+    media->Close();
+    owner->Close();
+    CNetThread::DestroyThreadPool();
+}
+
+TEST(Senders, BrokenAndStalledSocketsPostTheMessageOnce) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    for (const bool stalled : {false, true}) {
+        TcpPair pair(4096);
+        Owner* owner = new Owner;
+        CMediaStreamSender* media = CMediaStreamSender::Create();
+        CSockStream sock;
+        sock.Attach(pair.near_fd);
+        owner->m_sender->WaitException(owner->GetID());
+        media->WaitException(owner->GetID());
+        media->SetSendTimeout(1);
+        ASSERT_EQ(0, owner->m_sender->Attach(owner, &sock));
+        ASSERT_EQ(0, media->Attach(&sock));
+        if (!stalled) {
+            pair.CloseFar();
+        }
+        const std::string text = TextBytes(1, 100000);
+        int result = owner->m_sender->Put(text.data(), static_cast<unsigned int>(text.size()));
+        EXPECT_TRUE(WaitFor([&] {
+            result = !stalled && result == 0 ? owner->m_sender->Put(text.data(), 100) : result;
+            return owner->Failures() > 0;
+        })) << stalled;
+        EXPECT_EQ(-1, owner->m_sender->Put("x", 1));
+        EXPECT_EQ(1, owner->Failures());
+        media->Close();
+        owner->m_sender->Detach();
+        owner->Close();
+    }
+    CNetThread::DestroyThreadPool();
+}

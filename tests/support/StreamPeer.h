@@ -1,0 +1,218 @@
+#ifndef VIDORA_TESTS_SUPPORT_STREAMPEER_H
+#define VIDORA_TESTS_SUPPORT_STREAMPEER_H
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <cstring>
+#include <functional>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Vidora/Tramel/MediaPacket.h"
+#include "Vidora/Tramel/NetHandler.h"
+
+namespace Kavio {
+namespace Support {
+
+// Waits until `condition` holds; false after the deadline.
+inline bool WaitFor(const std::function<bool()>& condition, int deadline_ms = 20000) {
+    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(deadline_ms);
+    while (!condition()) {
+        if (std::chrono::steady_clock::now() > end) {
+            return false;
+        }
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
+    }
+    return true;
+}
+
+// A connected pair of stream sockets on loopback TCP with small buffers, so that a peer that doesn't read is noticed
+// soon. `near_fd` is for the code under test, `far_fd` is the peer's end, non-blocking.
+struct TcpPair {
+    int near_fd = -1;
+    int far_fd = -1;
+
+    explicit TcpPair(int buffer_bytes = 16384) {
+        const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        sockaddr_in address = {};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(address);
+        ::bind(listener, reinterpret_cast<sockaddr*>(&address), length);
+        ::setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &buffer_bytes, sizeof(buffer_bytes));
+        ::listen(listener, 1);
+        ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+        near_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
+        ::setsockopt(near_fd, SOL_SOCKET, SO_SNDBUF, &buffer_bytes, sizeof(buffer_bytes));
+        const int no_delay = 1;
+        ::setsockopt(near_fd, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof(no_delay));
+        ::connect(near_fd, reinterpret_cast<sockaddr*>(&address), length);
+        far_fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+        ::close(listener);
+    }
+    TcpPair(const TcpPair&) = delete;
+    ~TcpPair() { CloseFar(); }
+    void CloseFar() {
+        if (far_fd >= 0) {
+            ::close(far_fd);
+        }
+        far_fd = -1;
+    }
+};
+
+// A media packet whose number alive is counted.
+class CountedPacket : public Tramel::CMediaPacket {
+public:
+    explicit CountedPacket(std::string bytes) : m_bytes(std::move(bytes)) { ++Alive(); }
+    ~CountedPacket() override { --Alive(); }
+    unsigned char* GetData() override { return reinterpret_cast<unsigned char*>(&m_bytes[0]); }
+    int Size() const { return static_cast<int>(m_bytes.size()); }
+    static std::atomic<int>& Alive() {
+        static std::atomic<int> alive{0};
+        return alive;
+    }
+
+private:
+    std::string m_bytes;
+};
+
+// One unit of the wire: an interleaved packet "$", channel, 16-bit length, whose payload tells its number and kind, or
+// a control text that ends in an empty line.
+struct WireUnit {
+    bool text = false;
+    int channel = 0;
+    unsigned int number = 0;
+    bool key = false;
+    std::string bytes;
+};
+
+inline std::string MediaBytes(int channel, unsigned int number, bool key, size_t payload_size) {
+    std::string payload(payload_size, static_cast<char>('a' + number % 23));
+    payload[0] = key ? 'K' : 'P';
+    std::memcpy(&payload[1], &number, sizeof(number));
+    std::string bytes = "$";
+    bytes += static_cast<char>(channel);
+    bytes += static_cast<char>(payload_size >> 8);
+    bytes += static_cast<char>(payload_size & 0xff);
+    return bytes + payload;
+}
+
+inline std::string TextBytes(unsigned int number, size_t padding = 0) {
+    return "RTSP/1.0 200 OK\r\nCSeq: " + std::to_string(number) + "\r\nX: " + std::string(padding, 'x') + "\r\n\r\n";
+}
+
+// Reads the peer's end and cuts it into units; anything that is neither is a fault.
+class WireReader {
+public:
+    // Takes what is there: bytes read, or -1 at the end of the connection.
+    int Read(int fd, size_t limit = SIZE_MAX) {
+        char buffer[65536];
+        int total = 0;
+        while (limit > 0) {
+            const size_t room = limit < sizeof(buffer) ? limit : sizeof(buffer);
+            const ssize_t count = ::recv(fd, buffer, room, MSG_DONTWAIT);
+            if (count == 0 || (count < 0 && errno != EAGAIN)) {
+                return total > 0 ? total : -1;
+            }
+            if (count < 0) {
+                break;
+            }
+            m_rest.append(buffer, static_cast<size_t>(count));
+            total += static_cast<int>(count);
+            limit -= static_cast<size_t>(count);
+        }
+        cut();
+        return total;
+    }
+    const std::vector<WireUnit>& Units() const { return m_units; }
+    bool Broken() const { return m_broken; }
+    bool Partial() const { return !m_rest.empty(); }
+    // Numbers of the media units of a channel, or of the texts for -1.
+    std::vector<unsigned int> Numbers(int channel) const {
+        std::vector<unsigned int> numbers;
+        for (const WireUnit& unit : m_units) {
+            if (unit.text ? channel < 0 : unit.channel == channel) {
+                numbers.push_back(unit.number);
+            }
+        }
+        return numbers;
+    }
+
+private:
+    void cut() {
+        size_t place = 0;
+        while (place < m_rest.size() && !m_broken) {
+            const size_t size = m_rest[place] == '$' ? media_size(place) : text_size(place);
+            if (size == 0 || size > m_rest.size() - place) {
+                break;
+            }
+            take(m_rest.substr(place, size));
+            place += size;
+        }
+        m_rest.erase(0, place);
+    }
+    size_t media_size(size_t place) const {
+        if (m_rest.size() - place < 4) {
+            return 0;
+        }
+        return 4u + (static_cast<unsigned char>(m_rest[place + 2]) << 8) +
+               static_cast<unsigned char>(m_rest[place + 3]);
+    }
+    size_t text_size(size_t place) {
+        if (m_rest[place] != 'R') {
+            m_broken = true;
+            return 0;
+        }
+        const size_t end = m_rest.find("\r\n\r\n", place);
+        return end == std::string::npos ? 0 : end + 4 - place;
+    }
+    void take(const std::string& bytes) {
+        WireUnit unit;
+        unit.bytes = bytes;
+        unit.text = bytes[0] != '$';
+        if (unit.text) {
+            const size_t place = bytes.find("CSeq: ");
+            m_broken = place == std::string::npos;
+            unit.number = m_broken ? 0 : static_cast<unsigned int>(std::stoul(bytes.substr(place + 6)));
+            m_broken = m_broken || bytes != TextBytes(unit.number, bytes.size() - TextBytes(unit.number).size());
+        } else {
+            unit.channel = static_cast<unsigned char>(bytes[1]);
+            unit.key = bytes[4] == 'K';
+            std::memcpy(&unit.number, &bytes[5], sizeof(unit.number));
+            m_broken = bytes != MediaBytes(unit.channel, unit.number, unit.key, bytes.size() - 4);
+        }
+        m_units.push_back(unit);
+    }
+
+    std::string m_rest;
+    std::vector<WireUnit> m_units;
+    bool m_broken = false;
+};
+
+// A handler that counts the messages it gets.
+class MessageCounter : public Tramel::CNetHandler {
+public:
+    int handle_message(long, unsigned int msg, long) override {
+        if (msg == Tramel::MSG_SOCK_EXCEPTION) {
+            ++m_failures;
+        }
+        return 0;
+    }
+    int Failures() const { return m_failures; }
+
+private:
+    std::atomic<int> m_failures{0};
+};
+
+}  // namespace Support
+}  // namespace Kavio
+
+#endif  // VIDORA_TESTS_SUPPORT_STREAMPEER_H
