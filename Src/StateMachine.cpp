@@ -247,7 +247,9 @@ int CStateMachine::execute(StateEvent* first) {
             copy = *event;
             free_event(event);
         }
-        const int result = (this->*handlers[event->type])(spare ? copy : *event);
+        StateEvent& current = spare ? copy : *event;
+        const event_handler_t handler = handlers[current.type];
+        const int result = (this->*handler)(current);
         if (result == MSG_MACHINE_DESTROY) {
             return 0;  // the machine is gone
         }
@@ -332,7 +334,8 @@ int CStateMachine::dispatch(const StateEvent& event) {
     if (event.method == RTSP_METHOD_UNKNOWN) {
         return STATE_RESULT_STAY;
     }
-    return m_state != nullptr ? (m_state->*STATE_SLOTS[event.method])(event) : STATE_RESULT_FAIL;
+    const state_slot_t slot = STATE_SLOTS[event.method];
+    return m_state != nullptr ? (m_state->*slot)(event) : STATE_RESULT_FAIL;
 }
 
 int CStateMachine::process_tx_msg_event(StateEvent& event) {

@@ -1,4 +1,4 @@
-#include "Ostra/Base64.h"
+#include "Vidora/Ostra/Base64.h"
 
 #include <cstdint>
 #include <cstring>

@@ -1,10 +1,10 @@
-#include "Ostra/Md5.h"
+#include "Vidora/Ostra/Md5.h"
 
 #include <algorithm>
 #include <cstring>
 
-#include "Ostra/ByteReader.h"
-#include "Ostra/ByteWriter.h"
+#include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Ostra {

@@ -3,7 +3,6 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <new>
 
@@ -31,7 +30,7 @@ CPacket::CPacket(unsigned int size, unsigned int extra_size) {
     if (size == 0) {
         return;
     }
-    void* memory = std::malloc(sizeof(Block) + Block::aligned(extra_size) + size);
+    void* memory = ::operator new(sizeof(Block) + Block::aligned(extra_size) + size, std::nothrow);
     if (memory == nullptr) {
         return;
     }
@@ -104,7 +103,7 @@ void CPacket::release() {
     // Acquire-release: the last holder frees only after every other holder's reads and writes.
     if (m_block != nullptr && m_block->ref.fetch_sub(1, std::memory_order_acq_rel) == 1) {
         m_block->~Block();
-        std::free(m_block);
+        ::operator delete(m_block);
     }
     m_block = nullptr;
 }

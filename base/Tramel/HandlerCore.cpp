@@ -13,7 +13,7 @@ namespace Tramel {
 namespace {
 
 // Callbacks of one handler in a row before others get their turn.
-constexpr int MAX_EVENTS_A_TURN = 32;
+constexpr int MAX_EVENTS_A_TURN = 16;
 
 // An emptied event queue with more room than this gives it back.
 constexpr size_t MAX_IDLE_EVENTS = 256;

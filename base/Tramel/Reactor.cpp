@@ -16,7 +16,7 @@ namespace Tramel {
 namespace {
 
 // Turns that a thread runs before it looks at the poller again while there is no end of them.
-constexpr unsigned int MAX_TURNS_A_POLL = 32;
+constexpr unsigned int MAX_TURNS_A_POLL = 8;
 
 // Deadlines taken from the queue at a time.
 constexpr size_t DEADLINES_A_TAKE = 64;

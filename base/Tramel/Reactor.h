@@ -44,7 +44,7 @@ public:
 //      before each callback and skipped if it has gone. The number of a closed descriptor may be used again at once:
 //      each registration has a serial of its own.
 //   3. Does removal wait for a callback that runs on another thread? No: callers hold locks that it may want. No
-//      callback starts after the removal has returned.
+//      callback starts after the removal has returned (one whose turn has come at that moment counts as running).
 //   4. When does a handler end? After Close(): once the callback that runs has returned, handle_close runs, and the
 //      reactor doesn't touch the handler again.
 //

@@ -10,6 +10,7 @@
 
 #include "Tramel/SockDetail.h"
 #include "Tramel/SockStream.h"
+#include "Vidora/Ostra/Thread.h"
 
 namespace Kavio {
 namespace Tramel {
@@ -17,6 +18,9 @@ namespace Tramel {
 namespace {
 
 constexpr int ACCEPT_FLAGS = SOCK_CLOEXEC | SOCK_NONBLOCK;
+
+// How long a thread rests when it could not even refuse a connection.
+constexpr int REFUSAL_PAUSE_MS = 10;
 
 int open_spare() {
     return ::open("/dev/null", O_RDONLY | O_CLOEXEC);
@@ -67,7 +71,7 @@ int CSockAcceptor::Accept(CSockStream& out, CSockAddr* peer) {
         length = sizeof(native);
         fd = ::accept4(m_fd, reinterpret_cast<sockaddr*>(&native), &length, ACCEPT_FLAGS);
     } while (fd < 0 && (errno == EINTR || errno == ECONNABORTED));
-    if (fd < 0 && (errno == EMFILE || errno == ENFILE)) {
+    if (fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
         refuse_one();
     }
     if (fd < 0 || out.Attach(fd) != 0) {
@@ -84,12 +88,16 @@ int CSockAcceptor::Accept(CSockStream& out, CSockAddr* peer) {
 // hang up.
 void CSockAcceptor::refuse_one() {
     const int error = errno;
+    int fd = -1;
     if (m_spare_fd >= 0) {
         ::close(m_spare_fd);
-        const int fd = ::accept4(m_fd, nullptr, nullptr, ACCEPT_FLAGS);
-        if (fd >= 0) {
-            ::close(fd);
-        }
+        fd = ::accept4(m_fd, nullptr, nullptr, ACCEPT_FLAGS);
+    }
+    if (fd >= 0) {
+        ::close(fd);
+    } else {
+        // Another thread was quicker to take the number, or memory is short: the next attempt follows soon enough.
+        Ostra::CThread::sleep(REFUSAL_PAUSE_MS);
     }
     m_spare_fd = open_spare();
     errno = error;

@@ -82,6 +82,9 @@ int CSockDgram::Open(const CSockAddr* local) {
         set_option(fd, SOL_SOCKET, SO_REUSEADDR, 1);  // several receivers of a group share its port
         // Only what is sent to the group that this socket joins, not to those that others on the host have joined.
         set_option(fd, IPPROTO_IP, IP_MULTICAST_ALL, 0);
+#ifdef IPV6_MULTICAST_ALL
+        set_option(fd, IPPROTO_IPV6, IPV6_MULTICAST_ALL, 0);
+#endif
     }
     if (::bind(fd, at.Native(), static_cast<socklen_t>(at.GetAddrLen())) != 0 ||
         (is_group && join(fd, at, 0, in_addr{}) != 0)) {
@@ -135,30 +138,33 @@ int CSockDgram::Send(const char* buf, unsigned int len, const CSockAddr* to) {
     }
 }
 
+// An IPv6 socket may send to IPv4 groups as well, for which it has options of their own.
 int CSockDgram::SetMulticastTTL(unsigned char ttl) {
-    return family_of(m_fd) == SOCK_ADDR_IPV6 ? set_option(m_fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, ttl)
-                                             : set_option(m_fd, IPPROTO_IP, IP_MULTICAST_TTL, ttl);
+    const int result = set_option(m_fd, IPPROTO_IP, IP_MULTICAST_TTL, ttl);
+    return family_of(m_fd) == SOCK_ADDR_IPV6 ? set_option(m_fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, ttl) : result;
 }
 
 int CSockDgram::SetMulticastIF(const char* ip) {
     if (ip == nullptr || m_fd < 0) {
         return -1;
     }
-    CSockAddrStorage bound;
-    const bool is_joined = GetLocalAddr(&bound) == 0 && bound.IsMulticast();
-    if (family_of(m_fd) == SOCK_ADDR_IPV6) {
-        const unsigned int index = ::if_nametoindex(ip);
+    unsigned int index = 0;
+    in_addr address = {};
+    if (::inet_pton(AF_INET, ip, &address) == 1) {
+        if (::setsockopt(m_fd, IPPROTO_IP, IP_MULTICAST_IF, &address, sizeof(address)) != 0) {
+            return -1;
+        }
+    } else {
+        index = ::if_nametoindex(ip);
         if (index == 0 || set_option(m_fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, static_cast<int>(index)) != 0) {
             return -1;
         }
-        return !is_joined || join(m_fd, bound, index, in_addr{}) == 0 || errno == EADDRINUSE ? 0 : -1;
     }
-    in_addr address = {};
-    if (::inet_pton(AF_INET, ip, &address) != 1 ||
-        ::setsockopt(m_fd, IPPROTO_IP, IP_MULTICAST_IF, &address, sizeof(address)) != 0) {
-        return -1;
+    CSockAddrStorage bound;
+    if (GetLocalAddr(&bound) != 0 || !bound.IsMulticast()) {
+        return 0;
     }
-    return !is_joined || join(m_fd, bound, 0, address) == 0 || errno == EADDRINUSE ? 0 : -1;
+    return join(m_fd, bound, index, address) == 0 || errno == EADDRINUSE ? 0 : -1;
 }
 
 }  // namespace Tramel

@@ -45,7 +45,7 @@ public:
     // Routers that multicast may pass (hops for IPv6). 0 or -1.
     int SetMulticastTTL(unsigned char ttl);
     // The interface that multicast leaves by and, if the socket is bound to a group, on which the group is joined as
-    // well: by its IPv4 address, or its name for an IPv6 socket. 0 or -1.
+    // well: by its IPv4 address, or its name for IPv6. 0 or -1.
     int SetMulticastIF(const char* ip);
 
 private:

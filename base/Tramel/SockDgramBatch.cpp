@@ -5,9 +5,9 @@
 #include <cerrno>
 #include <cstring>
 
-#include "Ostra/ByteReader.h"
 #include "Tramel/DgramRun.h"
 #include "Tramel/SockDgram.h"
+#include "Vidora/Ostra/ByteReader.h"
 
 namespace Kavio {
 namespace Tramel {

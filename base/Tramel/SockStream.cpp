@@ -47,7 +47,12 @@ int CSockStream::Send(const char* buf, unsigned int len) {
 int CSockStream::Connect(const CSockAddr& remote, CSockAddr* local) {
     CSockAddrStorage to = ToStorage(&remote);
     to = to.ForFamily(to.GetRealType());
-    if (!to.IsValid() || Attach(::socket(to.Native()->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0)) != 0) {
+    if (!to.IsValid()) {
+        errno = EINVAL;
+        return -1;
+    }
+    const int fd = ::socket(to.Native()->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0 || Attach(fd) != 0) {
         return -1;
     }
     const CSockAddrStorage from = ToStorage(local).ForFamily(to.GetType());

@@ -465,15 +465,10 @@ void CSockTable::drop_watch_locked(CShard& shard, CEntry& entry, const CWatch* w
 }
 
 void CSockTable::drop_others(CEntry& entry, const void* kept) {
-    const auto stale = [this, kept](const CWatch& watch) {
+    const auto is_stale = [this, kept](const CWatch& watch) {
         return watch.core.get() != kept && (m_timers.Cancel(watch.timer), true);
     };
-    auto& watches = entry.watches;
-    watches.erase(std::remove_if(watches.begin(), watches.end(), stale), watches.end());
-    auto& listeners = entry.listeners;
-    listeners.erase(std::remove_if(listeners.begin(), listeners.end(),
-                                   [kept](const auto& listener) { return listener.get() != kept; }),
-                    listeners.end());
+    entry.watches.erase(std::remove_if(entry.watches.begin(), entry.watches.end(), is_stale), entry.watches.end());
     entry.generation = new_generation();
 }
 

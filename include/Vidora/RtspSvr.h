@@ -1,6 +1,8 @@
 #ifndef VIDORA_RTSPSVR_H
 #define VIDORA_RTSPSVR_H
 
+#include <cstdint>
+
 #include "Vidora/Export.h"
 #include "Vidora/Names.h"
 
@@ -9,6 +11,14 @@ namespace Vidora {
 
 class CLiveSvr;
 class CRtspSvrConfig;
+
+// What the library's servers have done since the process began, all of them together.
+struct RtspSvrStatistics {
+    uint32_t sessions = 0;  // that live now
+    uint64_t packets = 0;   // media packets handed to sockets, RTP packets where they are known
+    uint64_t bytes = 0;     // of media, as handed to sockets
+    uint64_t dropped = 0;   // media units dropped because a client didn't read
+};
 
 // CRtspSvr: an RTSP server (RFC 2326) on one listening address.
 //
@@ -45,6 +55,8 @@ public:
 
     // Plain RTSP sessions that live now, in the whole process.
     static unsigned int GetSessionCount();
+    // Figures of the whole process; cheap, any thread.
+    static void GetStatistics(RtspSvrStatistics& statistics);
 
 private:
     struct Internal;

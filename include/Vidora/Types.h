@@ -36,7 +36,11 @@ enum packet_type_t {
 };
 
 // How a channel sends to multicast destinations.
-enum transf_type_t { TRANSF_TYPE_RTP = 0, TRANSF_TYPE_TS = 1 };
+enum transf_type_t {
+    TRANSF_TYPE_RTP = 0,
+    TRANSF_TYPE_TS = 1,
+    TRANSF_TYPE_NONE = 2  // a channel before Init; no operation takes it
+};
 
 // Kind of source that a content string names.
 enum src_type_t {

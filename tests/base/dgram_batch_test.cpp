@@ -9,7 +9,7 @@
 #include "support/StreamPeer.h"
 
 using namespace Kavio::Tramel;
-using Kavio::TestSupport::WaitFor;
+using Kavio::Support::WaitFor;
 
 namespace {
 

@@ -12,7 +12,7 @@
 #include "support/StreamPeer.h"
 
 using namespace Kavio::Tramel;
-using namespace Kavio::TestSupport;
+using namespace Kavio::Support;
 using Kavio::Ostra::TFunction3;
 
 namespace {

@@ -9,11 +9,11 @@
 #include <vector>
 
 #include "Flumen/MediaFrameInfo.h"
-#include "Ostra/Base64.h"
-#include "Ostra/Md5.h"
 #include "Vidora/Flumen/MediaFrame.h"
+#include "Vidora/Ostra/Base64.h"
 #include "Vidora/Ostra/Console.h"
 #include "Vidora/Ostra/Function.h"
+#include "Vidora/Ostra/Md5.h"
 #include "Vidora/Ostra/Time.h"
 #include "support/Capture.h"
 

@@ -1,48 +1,341 @@
 #include "Tramel/Reactor.h"
 
 #include <gtest/gtest.h>
-#include <poll.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <memory>
-#include <mutex>
-#include <vector>
+#include <thread>
 
-#include "Tramel/SockStream.h"
 #include "support/TestHandler.h"
 
 namespace Kavio {
-namespace Tests {
+namespace Tramel {
 namespace {
 
-using Tramel::CNetThread;
-using Tramel::CReactor;
-using Tramel::CSockStream;
+using Support::CPool;
+using Support::CTestHandler;
+using Support::WaitUntil;
 
-TEST(Reactor, NotifyKeepsOrderAndNamesSender) {
+TEST(Reactor, MessagesOfOneSenderArriveInOrderAndNeverInsideTheCall) {
     CPool pool;
     std::atomic<int> closed{0};
     std::atomic<int> received{0};
+    std::atomic<int> inside{0};
+    std::atomic<int> faults{0};
     CTestHandler* receiver = CTestHandler::Make(&closed);
     CTestHandler* sender = CTestHandler::Make(&closed);
     const long sender_id = sender->GetID();
-    bool in_order = true;
+    const long receiver_id = receiver->GetID();
     receiver->on_message = [&](long from, unsigned int msg, long param) {
-        in_order = in_order && from == sender_id && msg == 7 && param == received.load();
-        received.fetch_add(1);
+        if (inside.fetch_add(1) != 0 || msg != 7 || (from == sender_id && param != received.load())) {
+            faults.fetch_add(1);
+        }
+        if (from == sender_id) {
+            received.fetch_add(1);
+            receiver->Notify(receiver_id, 7, 0);
+        }
+        inside.fetch_sub(1);
         return -1;
     };
     for (int i = 0; i < 1000; ++i) {
-        sender->Notify(receiver->GetID(), 7, i);
+        sender->Notify(receiver_id, 7, i);
     }
     EXPECT_TRUE(WaitUntil([&] { return received.load() == 1000; }));
-    EXPECT_TRUE(in_order);
+    EXPECT_EQ(0, faults.load());
     sender->Close();
     receiver->Close();
     EXPECT_TRUE(WaitUntil([&] { return closed.load() == 2; }));
 }
 
+TEST(Reactor, BlockedHandlerHoldsOneThreadOnly) {
+    CPool pool(2);
+    std::atomic<int> closed{0};
+    std::atomic<int> passed{0};
+    CTestHandler* blocked = CTestHandler::Make(&closed);
+    CTestHandler* other = CTestHandler::Make(&closed);
+    other->on_message = [&](long, unsigned int, long) { return passed.fetch_add(1); };
+    blocked->on_message = [&](long, unsigned int, long) {
+        // Each of these needs the other thread, which may have gone to sleep meanwhile.
+        for (int i = 0; i < 100; ++i) {
+            blocked->Notify(other->GetID(), 1, 0);
+            if (!WaitUntil([&] { return passed.load() == i + 1; })) {
+                return -1;
+            }
+        }
+        return 0;
+    };
+    blocked->Notify(blocked->GetID(), 1, 0);
+    EXPECT_TRUE(WaitUntil([&] { return passed.load() == 100; }));
+    blocked->Close();
+    other->Close();
+    EXPECT_TRUE(WaitUntil([&] { return closed.load() == 2; }));
+}
+
+TEST(Reactor, CloseWaitsForTheRunningCallbackAndDropsWhatWaits) {
+    CPool pool;
+    const long alive = CReactor::Instance().CountHandlers();
+    std::atomic<int> closed{0};
+    std::atomic<int> messages{0};
+    std::atomic<bool> is_closing{false};
+    std::atomic<bool> is_running{false};
+    std::atomic<bool> was_running{false};
+    CTestHandler* handler = CTestHandler::Make(&closed);
+    const long id = handler->GetID();
+    handler->on_message = [&](long, unsigned int, long) {
+        messages.fetch_add(1);
+        is_running.store(true);
+        WaitUntil([&] { return is_closing.load(); });
+        handler->Notify(id, 2, 0);
+        is_running.store(false);
+        return 0;
+    };
+    handler->on_close = [&] {
+        was_running.store(is_running.load());
+        EXPECT_EQ(0, handler->SetTimer(1000));
+    };
+    CReactor::Instance().Post(0, id, 1, 0);
+    CReactor::Instance().Post(0, id, 2, 0);
+    EXPECT_TRUE(WaitUntil([&] { return is_running.load(); }));
+    handler->Close();
+    handler->Close();
+    EXPECT_EQ(0, closed.load());
+    is_closing.store(true);
+    EXPECT_TRUE(WaitUntil([&] { return closed.load() == 1; }));
+    CReactor::Instance().Post(0, id, 3, 0);
+    EXPECT_FALSE(was_running.load());
+    EXPECT_EQ(1, messages.load());
+    EXPECT_EQ(alive, CReactor::Instance().CountHandlers());
+    CTestHandler next;
+    EXPECT_GT(next.GetID(), id);
+}
+
+TEST(Reactor, HandlerMayCloseOrDeleteItselfInACallback) {
+    CPool pool;
+    const long alive = CReactor::Instance().CountHandlers();
+    std::atomic<int> closed{0};
+    CTestHandler* closer = CTestHandler::Make(&closed);
+    closer->on_message = [&](long, unsigned int, long) {
+        closer->Close();
+        return 0;
+    };
+    CTestHandler* deleter = CTestHandler::Make(&closed);
+    CSockStream ends[2];
+    ASSERT_TRUE(Support::MakeSockPair(ends[0], ends[1]));
+    deleter->on_output = [&](int) {
+        delete deleter;
+        return 0;
+    };
+    deleter->RegisterSock(ends[0], SOCK_EVENT_READ | SOCK_EVENT_WRITE, 1000);
+    CReactor::Instance().Post(0, closer->GetID(), 1, 0);
+    EXPECT_TRUE(WaitUntil([&] { return CReactor::Instance().CountHandlers() == alive; }));
+    EXPECT_EQ(1, closed.load());
+    CTestHandler other;  // the socket is free for another
+    EXPECT_EQ(0, other.RegisterSock(ends[0], SOCK_EVENT_READ, 0));
+}
+
+TEST(Reactor, TimerRepeatsWhateverItsResultUntilDestroyed) {
+    CPool pool;
+    std::atomic<int> closed{0};
+    std::atomic<int> fired[2] = {{0}, {0}};
+    std::atomic<long> ids[2] = {{0}, {0}};
+    CTestHandler* handler = CTestHandler::Make(&closed);
+    EXPECT_EQ(0, handler->SetTimer(0));
+    handler->on_timeout = [&](long timer_id) {
+        const int which = timer_id == ids[1].load() ? 1 : 0;
+        if (fired[which].fetch_add(1) == 4) {
+            handler->DestroyTimer(timer_id);
+        }
+        return which == 0 ? 0 : -1;
+    };
+    handler->on_message = [&](long, unsigned int, long) {
+        ids[0].store(handler->SetTimer(1000));
+        ids[1].store(handler->SetTimer(3000));
+        return 0;
+    };
+    handler->Notify(handler->GetID(), 0, 0);
+    EXPECT_TRUE(WaitUntil([&] { return fired[0].load() == 5 && fired[1].load() == 5; }));
+    EXPECT_NE(ids[0].load(), ids[1].load());
+    EXPECT_EQ(CTimerQueue::NO_DEADLINE, CReactor::Instance().Timers().FirstDeadline());
+    handler->SetTimer(1000);
+    handler->Close();
+    EXPECT_TRUE(WaitUntil([&] { return closed.load() == 1; }));
+    EXPECT_EQ(CTimerQueue::NO_DEADLINE, CReactor::Instance().Timers().FirstDeadline());
+}
+
+TEST(Reactor, PoolMayBeCreatedAndDestroyedInAnyOrder) {
+    EXPECT_EQ(-1, CNetThread::DestroyThreadPool());
+    EXPECT_EQ(-1, CNetThread::CreateThreadPool(0, false));
+    EXPECT_EQ(-1, CNetThread::CreateThreadPool(257, false));
+    std::atomic<int> closed{0};
+    std::atomic<int> events{0};
+    CTestHandler* handler = CTestHandler::Make(&closed);
+    CSockStream ends[2];
+    ASSERT_TRUE(Support::MakeSockPair(ends[0], ends[1]));
+    handler->on_input = [&](int) {
+        char byte = 0;
+        events.fetch_add(ends[0].Recv(&byte, 1));
+        return 0;
+    };
+    handler->on_message = [&](long, unsigned int, long) {
+        EXPECT_EQ(-1, CNetThread::DestroyThreadPool());
+        return events.fetch_add(1);
+    };
+    EXPECT_EQ(-1, handler->RegisterSock(ends[0], SOCK_EVENT_READ, 0));
+    EXPECT_EQ(0, handler->SetTimer(1000));
+    handler->Notify(handler->GetID(), 0, 0);  // waits for the first pool
+    for (int round = 1; round <= 20; ++round) {
+        EXPECT_EQ(0, CNetThread::CreateThreadPool(static_cast<unsigned int>(round % 4 + 1), false));
+        EXPECT_EQ(0, CNetThread::CreateThreadPool(3, false));
+        if (round == 1) {
+            EXPECT_EQ(0, handler->RegisterSock(ends[0], SOCK_EVENT_READ, 0));
+        }
+        EXPECT_TRUE(WaitUntil([&] { return events.load() == 2 * round - 1; }));
+        EXPECT_EQ(1, ends[1].Send("x", 1));
+        EXPECT_TRUE(WaitUntil([&] { return events.load() == 2 * round; }));
+        EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+        handler->Notify(handler->GetID(), 0, 0);
+    }
+    CPool pool;
+    handler->Close();
+    EXPECT_TRUE(WaitUntil([&] { return closed.load() == 1; }));
+}
+
+// A handler that closes another one from its handle_close, as owners do, needs all of them delivered; a handler that is
+// busy with messages for ever must not hold the pool's end up.
+TEST(Reactor, DestroyDeliversTheClosesThatAreDue) {
+    const long alive = CReactor::Instance().CountHandlers();
+    std::atomic<int> closed{0};
+    CTestHandler busy;
+    busy.on_message = [&](long, unsigned int, long) {
+        busy.Notify(busy.GetID(), 0, 0);
+        return 0;
+    };
+    EXPECT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    busy.Notify(busy.GetID(), 0, 0);
+    CTestHandler* next = nullptr;
+    for (int i = 0; i < 100; ++i) {
+        CTestHandler* handler = CTestHandler::Make(&closed);
+        handler->on_close = [next] {
+            if (next != nullptr) {
+                next->Close();
+            }
+        };
+        next = handler;
+    }
+    next->Close();
+    EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+    EXPECT_EQ(100, closed.load());
+    EXPECT_EQ(alive + 1, CReactor::Instance().CountHandlers());
+}
+
+// A strand counts to a number that many threads ask for: no turn may be lost, no two may run at once.
+TEST(Strand, EachScheduleIsFollowedByATurn) {
+    class CCounter : public CStrand {
+    public:
+        std::atomic<int> asked{0};
+        std::atomic<int> seen{0};
+        std::atomic<int> inside{0};
+        std::atomic<int> faults{0};
+
+    private:
+        bool RunTurn() override {
+            faults.fetch_add(inside.fetch_add(1));
+            seen.store(asked.load());
+            inside.fetch_sub(1);
+            return false;
+        }
+    };
+    CPool pool;
+    const auto counter = std::make_shared<CCounter>();
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([counter] {
+            for (int turn = 0; turn < 5000; ++turn) {
+                counter->asked.fetch_add(1);
+                counter->Schedule();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_TRUE(WaitUntil([&] { return counter->seen.load() == 15000; }));
+    EXPECT_EQ(0, counter->faults.load());
+}
+
+// Handlers come, talk, register, remove and go on all threads at once, while host threads post to any identifier.
+TEST(Reactor, StressOfEverythingAtOnce) {
+    const long alive = CReactor::Instance().CountHandlers();
+    CPool pool;
+    constexpr int HANDLERS = 200;
+    constexpr int HOSTS = 3;
+    std::atomic<long> first_id{0};
+    std::atomic<int> closed{0};
+    std::atomic<int> faults{0};
+    struct CParty {
+        std::atomic<int> inside{0};
+        std::unique_ptr<CSockStream> socks[2];
+        int steps = 0;
+        long timer = 0;
+    };
+    const auto begin = [&](CTestHandler* handler) {
+        const auto party = std::make_shared<CParty>();
+        const auto step = [&faults, &first_id, handler, party] {
+            faults.fetch_add(party->inside.fetch_add(1));
+            const long id = handler->GetID();
+            CReactor::Instance().Post(id, first_id.load() + id * 7 % HANDLERS, 1, 0);
+            if (party->socks[0] == nullptr || ++party->steps % 3 == 0) {
+                if (party->socks[0] != nullptr && party->steps % 2 == 0) {
+                    handler->RemoveSock(*party->socks[0]);
+                }
+                party->socks[0] = std::make_unique<CSockStream>();
+                party->socks[1] = std::make_unique<CSockStream>();
+                Support::MakeSockPair(*party->socks[0], *party->socks[1]);
+                handler->RegisterSock(*party->socks[0], SOCK_EVENT_READ, 500);
+            }
+            party->socks[1]->Send("x", 1);
+            handler->DestroyTimer(party->timer);
+            party->timer = handler->SetTimer(300);
+            if (party->steps == 60) {
+                handler->Close();
+            }
+            party->inside.fetch_sub(1);
+            return 0;
+        };
+        handler->on_input = [step, party](int fd) {
+            char byte = 0;
+            return party->socks[0]->GetHandle() == fd ? static_cast<void>(party->socks[0]->Recv(&byte, 1)), step() : 0;
+        };
+        handler->on_message = [step](long, unsigned int, long) { return step(); };
+        handler->on_timeout = [step](long) { return step(); };
+        handler->on_input_timeout = [step](int) { return step(); };
+        handler->on_close = [&faults, party] { faults.fetch_add(party->inside.load()); };
+        CReactor::Instance().Post(0, handler->GetID(), 1, 0);
+    };
+    std::vector<std::thread> hosts;
+    for (int host = 0; host < HOSTS; ++host) {
+        hosts.emplace_back([&] {
+            for (int i = 0; i < HANDLERS / HOSTS; ++i) {
+                CTestHandler* handler = CTestHandler::Make(&closed);
+                const long id = handler->GetID();
+                if (first_id.load() == 0) {
+                    first_id.store(id);
+                }
+                begin(handler);
+                CReactor::Instance().Post(0, id, 1, 0);
+                CReactor::Instance().Post(0, first_id.load() + i, 1, 0);
+            }
+        });
+    }
+    for (std::thread& host : hosts) {
+        host.join();
+    }
+    EXPECT_TRUE(WaitUntil([&] { return closed.load() == HANDLERS / HOSTS * HOSTS; }, 60000));
+    EXPECT_EQ(0, faults.load());
+    EXPECT_EQ(alive, CReactor::Instance().CountHandlers());
+    EXPECT_EQ(CTimerQueue::NO_DEADLINE, CReactor::Instance().Timers().FirstDeadline());
+}
+
 }  // namespace
-}  // namespace Tests
+}  // namespace Tramel
 }  // namespace Kavio

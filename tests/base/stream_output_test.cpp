@@ -9,7 +9,7 @@
 #include "support/StreamPeer.h"
 
 using namespace Kavio::Tramel;
-using namespace Kavio::TestSupport;
+using namespace Kavio::Support;
 
 namespace {
 

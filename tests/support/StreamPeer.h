@@ -20,7 +20,7 @@
 #include "Vidora/Tramel/NetHandler.h"
 
 namespace Kavio {
-namespace TestSupport {
+namespace Support {
 
 // Waits until `condition` holds; false after the deadline.
 inline bool WaitFor(const std::function<bool()>& condition, int deadline_ms = 20000) {
@@ -212,7 +212,7 @@ private:
     std::atomic<int> m_failures{0};
 };
 
-}  // namespace TestSupport
+}  // namespace Support
 }  // namespace Kavio
 
 #endif  // VIDORA_TESTS_SUPPORT_STREAMPEER_H

@@ -14,7 +14,7 @@
 #include "Vidora/Tramel/NetThread.h"
 
 namespace Kavio {
-namespace Tests {
+namespace Support {
 
 // Waits until `done` holds; false when it doesn't within `limit_ms`, which is long enough for a slow sanitizer build.
 template <typename TCondition>
@@ -102,7 +102,7 @@ inline bool MakeSockPair(Tramel::CSockStream& one, Tramel::CSockStream& other) {
            other.Attach(fds[1]) == 0;
 }
 
-}  // namespace Tests
+}  // namespace Support
 }  // namespace Kavio
 
 #endif  // VIDORA_TESTS_SUPPORT_TESTHANDLER_H

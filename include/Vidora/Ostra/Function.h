@@ -57,8 +57,14 @@ public:
     bool operator!=(const TFunction& other) const { return !(*this == other); }
 
 private:
+    // Not inlined: GCC would see a small object whose class has no virtual function, and warn of the look-up of one
+    // that a member function pointer may need and this one doesn't.
     template <typename T>
-    static R call_member(const TFunction& self, Args... args) {
+#if defined(__GNUC__)
+    __attribute__((noinline))
+#endif
+    static R
+    call_member(const TFunction& self, Args... args) {
         R (T::*member)(Args...) = nullptr;
         std::memcpy(&member, self.m_target, sizeof(member));
         return (static_cast<T*>(self.m_object)->*member)(static_cast<Args>(args)...);

@@ -65,9 +65,14 @@ public:
 protected:
     // Watches `sock` for this handler. `mask` is a set of sock_event_mask_t, added to what is watched already.
     // `timeout_us` in microseconds: the quiet time after which the matching time-out callback runs, 0 for none; it
-    // replaces the former one. 0, or -1: invalid socket, closed handler, no pool, or the system refused.
+    // replaces the former one. The events are told for as long as they last (input that is left is told again), but
+    // never while the callback for the former one runs. An error is told by handle_exception if that is watched, once:
+    // write and exception events then rest until the socket is registered again; otherwise by the callback that is
+    // watched, whose read or write then fails. 0, or -1: invalid socket or argument, closed handler, no pool, or the
+    // system refused, or 8 handlers watch the descriptor already.
     int RegisterSock(CSock& sock, unsigned int mask, int64_t timeout_us);
-    // Stops watching the bits of `mask`. 0, or -1 if the socket isn't registered.
+    // Stops watching the bits of `mask`; without any left the socket is out of the reactor. 0, or -1 if it isn't
+    // registered.
     int UnregisterSock(CSock& sock, unsigned int mask);
     // Takes the socket out altogether: no callback for it starts after the return, so that the caller may delete it.
     // One that runs just now on another thread is not waited for. 0, or -1 if it isn't registered.

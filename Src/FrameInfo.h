@@ -1,0 +1,33 @@
+#ifndef VIDORA_FRAMEINFO_H
+#define VIDORA_FRAMEINFO_H
+
+#include <cstddef>
+#include <cstdint>
+#include <new>
+
+#include "Vidora/Names.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// CFrameInfo: a packet without media: which frame it was and when the source took it, so that each session can see a
+// lost frame and measure its delay. Its maker fills the fields; after that it doesn't change.
+class CFrameInfo : public CMediaPacket {
+public:
+    static void* operator new(size_t size) noexcept;
+    static void* operator new(size_t size, const std::nothrow_t&) noexcept;
+    static void operator delete(void* memory, size_t size) noexcept;
+
+    // The object's own fields, from m_track on.
+    unsigned char* GetData() override { return reinterpret_cast<unsigned char*>(&m_track); }
+
+    uint32_t m_track = 0;        // track number
+    uint32_t m_frame_index = 0;  // running number of the frame
+    int32_t m_frame_type = 0;    // frame type letter
+    uint64_t m_time_ms = 0;      // CTime::getCurrentMilliSecond when the source took the frame
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_FRAMEINFO_H

@@ -1,0 +1,85 @@
+#ifndef VIDORA_MEDIAFRAME_H
+#define VIDORA_MEDIAFRAME_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "RawMemory.h"
+#include "Vidora/Flumen/MediaFrame.h"
+#include "Vidora/Names.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// What a CMediaFrame stands on.
+enum media_frame_mode_t : int { MEDIA_FRAME_RAW = 0, MEDIA_FRAME_SHARED = 1 };
+
+// CMediaFrame: a media packet that carries one frame or block of bytes through a CMediaBuffer. It stands on a
+// Flumen::CMediaFrame, whose contents it shares, or on a CRawMemory of its own, and forwards to that. Neither copies
+// nor assignments copy media bytes.
+//
+// The two classes of this name differ: Flumen's is a handle that is passed by value, this one a heap object whose
+// life the buffer governs.
+//
+// THREADING  One thread at a time; a buffer's sinks read it on several, after the last change.
+// Without contents, numbers and pointers are 0 or null, putBuffer and resize give -1, and setters do nothing.
+class CMediaFrame : public CMediaPacket {
+public:
+    // Shared mode, no contents.
+    CMediaFrame() = default;
+    // `size` bytes, as the constructor of the class that the mode names. Another mode has no contents.
+    explicit CMediaFrame(uint32_t size, int mode = MEDIA_FRAME_SHARED);
+    // Shares the contents of the frame: how it gets into a buffer without a copy.
+    explicit CMediaFrame(const Flumen::CMediaFrame& frame) : m_frame(frame) {}
+    // Takes the other's mode and shares its contents.
+    CMediaFrame(const CMediaFrame& other);
+    CMediaFrame& operator=(const CMediaFrame& other);
+    ~CMediaFrame() override { delete m_raw; }
+
+    static void* operator new(size_t size) noexcept;
+    static void* operator new(size_t size, const std::nothrow_t&) noexcept;
+    static void operator delete(void* memory, size_t size) noexcept;
+
+    unsigned char* GetData() override { return getBuffer(); }
+
+    bool valid() const;
+    // The contents as a packet, owned by this object; null if there are none.
+    Memory::CPacket* getPacket();
+    // Appends as many of the bytes as fit and gives their number.
+    int putBuffer(const void* data, uint32_t length);
+    unsigned char* getBuffer() const;
+    // Sets the bytes in use. 0 or -1.
+    int resize(uint32_t size);
+    uint32_t size() const;
+    uint32_t capacity() const;
+
+    // The facts, as those of Flumen::CMediaFrame.
+    int getType() const;
+    void setType(int type);
+    int getSequence() const;
+    void setSequence(int sequence);
+    int getChannel() const;
+    void setChannel(int channel);
+    int getNewFormat() const;
+    void setNewFormat(int new_format);
+    double getUtc() const;
+    void setUtc(double seconds);
+    uint64_t getPts(PtsType type) const;
+    void setPts(uint64_t pts, PtsType type);
+
+private:
+    // The backing in force, or null.
+    const Flumen::CMediaFrame* shared() const;
+    Flumen::CMediaFrame* shared();
+    CRawMemory* raw() const { return m_mode == MEDIA_FRAME_RAW ? m_raw : nullptr; }
+    void assign_raw(const CRawMemory* other);
+
+    int32_t m_mode = MEDIA_FRAME_SHARED;
+    Flumen::CMediaFrame m_frame;
+    CRawMemory* m_raw = nullptr;  // owned
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_MEDIAFRAME_H

@@ -1,0 +1,62 @@
+#ifndef VIDORA_PROTOCOL_RTSPINFO_H
+#define VIDORA_PROTOCOL_RTSPINFO_H
+
+// Records that the RTSP codecs and their users exchange.
+//
+// A record that holds long texts is emptied by the first byte of each: it is a member of every session, and clearing
+// its arrays whole would make pages resident that few sessions ever use. Nothing reads behind a text's NUL.
+
+#include <cstdint>
+
+namespace Kavio {
+namespace Vidora {
+
+// A Transport header (RFC 2326 12.39), for reading and for generating.
+struct transport_info {
+    char url[1024];        // control URL of the track
+    uint32_t ssrc;         // 0 if none
+    int packet_kx;         // 1 for the private framed stream ("KX"), 0 for RTP
+    int transport;         // rtp_protocol_t: 0 interleaved in the control connection, 1 UDP
+    uint8_t multicast;     // 1 for multicast
+    int rtp_port;          // the client's RTP port, or the first interleaved channel
+    int rtcp_port;         // the client's RTCP port, or the second interleaved channel
+    int server_rtp_port;   // the server's RTP port; in a reply also the first channel that it granted
+    int server_rtcp_port;  // the server's RTCP port; in a reply also the second channel that it granted
+    int timeout;           // seconds that a SETUP reply announces; below 1 stands for 60
+
+    transport_info() { reset(); }
+    void reset() {
+        url[0] = '\0';
+        ssrc = 0;
+        packet_kx = 0;
+        transport = 0;
+        multicast = 0;
+        rtp_port = 0;
+        rtcp_port = 0;
+        server_rtp_port = 0;
+        server_rtcp_port = 0;
+        timeout = 0;
+    }
+};
+
+// A multicast destination.
+struct multicast_info {
+    char addr[128];     // dotted text
+    int addr_type = 0;  // 4, 6 or 1 for a host name, as CStrParser::ConsumeIpAddr gives it
+    int ttl = 0;
+
+    multicast_info() { addr[0] = '\0'; }
+};
+
+// One track of an RTP-Info header (RFC 2326 12.33). Trivial, so that a table of them can lie in untouched zero pages:
+// write `rtp_info_entry entry = {};` for a single one.
+struct rtp_info_entry {
+    char url[1024];
+    uint32_t rtptime;
+    uint32_t seq;  // 16 bits
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_PROTOCOL_RTSPINFO_H

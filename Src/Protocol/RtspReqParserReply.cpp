@@ -1,0 +1,310 @@
+// The reading half: replies.
+#include <algorithm>
+#include <cstring>
+
+#include "Protocol/RtspReqParser.h"
+#include "Protocol/TextWriter.h"
+#include "Tramel/StrParser.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const char SCHEME[] = "rtsp://";
+const size_t SCHEME_SIZE = sizeof SCHEME - 1;
+
+enum status_t {
+    STATUS_OK = 200,
+    STATUS_MOVED_PERMANENTLY = 301,
+    STATUS_MOVED_TEMPORARILY = 302,
+    STATUS_USE_PROXY = 305,
+    STATUS_BAD_REQUEST = 400,
+    STATUS_UNAUTHORIZED = 401
+};
+
+// First octets of IPv4 multicast addresses (RFC 5771).
+bool is_multicast_octet(int octet) {
+    return octet >= 224 && octet <= 239;
+}
+
+}  // namespace
+
+int CRtspReqParser::parse_message(const char* buffer, unsigned int length, rtsp_msg_info* info) {
+    if (buffer == nullptr || length == 0) {
+        return RTSP_BAD_MESSAGE;
+    }
+    CStrParser text(buffer, length);
+    if (text.LocateStringCase("RTSP/") < 0) {
+        logDebug("%s:%d without RTSP header, invalid rtsp message!\n", __FILE__, __LINE__);
+        return RTSP_NO_HEADER;
+    }
+    const char* message = text.GetString();
+    const unsigned int message_length = static_cast<unsigned int>(text.GetStringLen());
+    if (take_info(message, message_length, info) < 0) {
+        return RTSP_BAD_MESSAGE;
+    }
+
+    text.Attach(message, message_length);
+    if (m_status == STATUS_UNAUTHORIZED) {
+        return read_challenge(text);
+    }
+    if (m_status == STATUS_MOVED_PERMANENTLY || m_status == STATUS_MOVED_TEMPORARILY) {
+        return read_redirect(text);
+    }
+    return read_by_method(text) < 0 ? RTSP_BAD_MESSAGE : RTSP_OK;
+}
+
+int CRtspReqParser::take_info(const char* message, unsigned int length, rtsp_msg_info* info) {
+    rtsp_msg_info own;
+    if (info == nullptr) {
+        if (check_message(message, length, &own) < 0) {
+            return RTSP_BAD_MESSAGE;
+        }
+        info = &own;
+    }
+    CGuard guard(m_shared_lock);
+    const int sent = m_cseq;
+    const int result = CRtspParser::parse_message(message, length, info);
+    // The counter of requests and the CSeq of the reply are one field. A reply to an older request must not turn the
+    // counter back: the next request would carry a CSeq that is still in flight.
+    m_cseq = std::max(m_cseq, sent);
+    return result;
+}
+
+std::pair<int, int> CRtspReqParser::parse_start_line(CStrParser& text) {
+    const int cseq = parse_cseq(text);
+    if (cseq < 0) {
+        return {cseq, RTSP_METHOD_UNKNOWN};
+    }
+    CGuard guard(m_pending_lock);
+    const pending_t::iterator found = m_pending.find(cseq);
+    if (found == m_pending.end()) {
+        return {cseq, RTSP_METHOD_UNKNOWN};
+    }
+    const int method = found->second;
+    m_spare_node = m_pending.extract(found);
+    return {cseq, method};
+}
+
+int CRtspReqParser::parse_status_code(CStrParser& text) {
+    text.ResetAll();
+    text.ConsumeUntil(' ');
+    text.ConsumeWhitespace();
+    text.ConsumeUntilDigit();
+    return text.ConsumeInt16();
+}
+
+int CRtspReqParser::read_challenge(CStrParser& text) {
+    text.ResetAll();
+    if (text.LocateStringCase("WWW-Authenticate:") >= 0) {
+        read_value(text, "WWW-Authenticate:", m_auth, sizeof m_auth);
+    }
+    return RTSP_CHALLENGE;
+}
+
+int CRtspReqParser::read_redirect(CStrParser& text) {
+    text.ResetAll();
+    if (text.LocateStringCase(SCHEME) < 0) {
+        m_status = STATUS_BAD_REQUEST;
+        return RTSP_BAD_MESSAGE;
+    }
+    text.ConsumeSentence("\r\n", m_redirect_url, sizeof m_redirect_url);
+    return RTSP_OK;
+}
+
+int CRtspReqParser::read_by_method(CStrParser& text) {
+    switch (m_method) {
+        case RTSP_METHOD_OPTIONS:
+            read_public(text);
+            return RTSP_OK;
+        case RTSP_METHOD_DESCRIBE:
+            return read_describe(text);
+        case RTSP_METHOD_SETUP:
+            return read_transport(text);
+        case RTSP_METHOD_PLAY:
+            return parse_range_speed(text) == RTSP_OK ? read_rtp_info(text) : RTSP_BAD_MESSAGE;
+        case RTSP_METHOD_PAUSE:
+        case RTSP_METHOD_TEARDOWN:
+            return RTSP_OK;
+        case RTSP_METHOD_SET_PARAMETER:
+        case RTSP_METHOD_GET_PARAMETER:
+            return m_status == STATUS_OK ? parse_body(text) : RTSP_OK;
+        default:
+            text.ResetAll();
+            logWarn("%s:%d unknow method!\nrecv:%.*s\n", __FILE__, __LINE__, text.GetStringLen(), text.GetString());
+            return RTSP_OK;
+    }
+}
+
+// The list stands behind the first blank, wherever that is.
+void CRtspReqParser::read_public(CStrParser& text) {
+    if (!find_header(text, "Public:")) {
+        return;
+    }
+    text.ConsumeUntil(' ');
+    text.ConsumeWhitespace();
+    text.ConsumeSentence("\r\n", m_public, sizeof m_public);
+}
+
+int CRtspReqParser::read_describe(CStrParser& text) {
+    if (m_status == STATUS_USE_PROXY) {
+        m_status = STATUS_BAD_REQUEST;  // no proxy is used
+        return RTSP_OK;
+    }
+    if (m_status != STATUS_OK) {
+        return RTSP_OK;
+    }
+    read_content_base(text);
+    return parse_body(text);
+}
+
+void CRtspReqParser::read_content_base(CStrParser& text) {
+    static const char KEY[] = "Content-Base: ";
+    if (!find_header(text, KEY)) {
+        return;
+    }
+    char value[1024];
+    text.ConsumeLength(sizeof KEY - 1, nullptr, 0);
+    text.ConsumeSentence("\r\n", value, sizeof value);
+    if (value[0] == '\0') {
+        return;
+    }
+    char base[sizeof m_base_url];
+    CTextWriter url(base, sizeof base);
+    if (std::strstr(value, SCHEME) != nullptr) {
+        url.Add(value);
+    } else {
+        const char* start = std::strstr(m_url, SCHEME);
+        const char* path = start != nullptr ? std::strchr(start + SCHEME_SIZE, '/') : nullptr;
+        if (path == nullptr) {
+            return;
+        }
+        url.Add(std::string_view(start, static_cast<size_t>(path - start)), value[0] == '/' ? "" : "/", value);
+    }
+    CGuard guard(m_shared_lock);
+    CTextWriter(m_base_url, sizeof m_base_url).Add(base);
+}
+
+int CRtspReqParser::read_transport(CStrParser& text) {
+    m_transport.reset();
+    text.ResetAll();
+    if (text.LocateStringCase("Transport:") < 0) {
+        return RTSP_OK;
+    }
+    if (!read_transport_kind(text)) {
+        return RTSP_BAD_MESSAGE;
+    }
+    read_ports(text);
+    read_destination(text);
+
+    text.ResetAll();
+    if (text.LocateStringCase("ssrc") >= 0) {
+        text.ConsumeLength(sizeof "ssrc" - 1, nullptr, 0);
+        text.ConsumeUntilHexDigit();
+        m_transport.ssrc = text.ConsumeHexUint32();
+    }
+    read_session(text);
+    return RTSP_OK;
+}
+
+void CRtspReqParser::read_ports(CStrParser& text) {
+    text.ResetAll();
+    if (m_transport.transport == RTP_OVER_RTSP) {
+        if (text.LocateStringCase("interleaved") >= 0) {
+            read_number_pair(text, &m_transport.server_rtp_port, &m_transport.server_rtcp_port);
+        }
+        return;
+    }
+    if (text.LocateStringCase("server_port") >= 0) {
+        read_number_pair(text, &m_transport.server_rtp_port, &m_transport.server_rtcp_port);
+    }
+    text.ResetAll();
+    if (text.LocateStringCase("client_port") >= 0) {
+        read_number_pair(text, &m_transport.rtp_port, &m_transport.rtcp_port);
+    }
+}
+
+// A reply is multicast by its word, or by the first octet of its destination.
+void CRtspReqParser::read_destination(CStrParser& text) {
+    text.ResetAll();
+    m_transport.multicast = text.LocateStringCase("multicast") >= 0 ? 1 : 0;
+    if (find_header(text, "destination=")) {
+        text.ConsumeUntilDigit();
+        if (is_multicast_octet(text.ConsumeInt16())) {
+            m_transport.multicast = 1;
+        }
+    }
+    if (m_transport.multicast == 0 || !read_multicast_addr(text)) {
+        return;
+    }
+    if (text.LocateStringCase("port=") >= 0) {
+        read_number_pair(text, &m_transport.server_rtp_port, &m_transport.server_rtcp_port);
+    }
+    read_multicast_ttl(text);
+}
+
+// Keeps the first Session line, without parameters such as "timeout", as it is repeated in later requests.
+void CRtspReqParser::read_session(CStrParser& text) {
+    if (m_session[0] != '\0' || !find_header(text, "Session:")) {
+        return;
+    }
+    char line[sizeof m_session - 2];  // room for the line's end
+    text.ConsumeSentence(";\r\n", line, sizeof line);
+    CGuard guard(m_shared_lock);
+    CTextWriter(m_session, sizeof m_session).Add(line, "\r\n");
+}
+
+int CRtspReqParser::read_rtp_info(CStrParser& text) {
+    text.ResetAll();
+    if (text.LocateStringCase("RTP-Info") < 0) {
+        return RTSP_OK;
+    }
+    if (m_rtp_info == nullptr) {
+        m_rtp_info.reset(static_cast<rtp_info_entry*>(std::calloc(MAX_RTP_INFO, sizeof(rtp_info_entry))));
+        if (m_rtp_info == nullptr) {
+            return RTSP_BAD_MESSAGE;
+        }
+    }
+    rtp_info_entry* table = m_rtp_info.get();
+    for (; m_rtp_info_count > 0; --m_rtp_info_count) {
+        rtp_info_entry& entry = table[m_rtp_info_count - 1];
+        entry.url[0] = '\0';
+        entry.rtptime = 0;
+        entry.seq = 0;
+    }
+    while (m_rtp_info_count < MAX_RTP_INFO && text.LocateStringCase("url=") > 0) {
+        read_rtp_info_entry(text, &table[m_rtp_info_count]);
+        ++m_rtp_info_count;
+    }
+    return RTSP_OK;
+}
+
+// url=rtsp://host/track1;seq=1;rtptime=2, the two numbers in either order.
+void CRtspReqParser::read_rtp_info_entry(CStrParser& text, rtp_info_entry* entry) {
+    text.ConsumeLength(sizeof "url=" - 1, nullptr, 0);
+    text.ConsumeSentence(";\r\n", entry->url, sizeof entry->url);
+    text.ConsumeWhitespace();
+    for (int i = 0; i < 2; ++i) {
+        if (text.CompareCase("rtptime") == 0) {
+            text.ConsumeUntilDigit();
+            entry->rtptime = text.ConsumeUint32();
+        } else if (text.CompareCase("seq") == 0) {
+            text.ConsumeUntilDigit();
+            entry->seq = text.ConsumeUint16();
+        }
+        if (text.GetCurChar() == ';') {
+            text.Expect(';');
+        }
+    }
+}
+
+const rtp_info_entry* CRtspReqParser::get_rtp_info(int* count) const {
+    if (count != nullptr) {
+        *count = m_rtp_info_count;
+    }
+    return m_rtp_info.get();
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,186 @@
+// The reading half: requests.
+#include "Protocol/RtspRspParser.h"
+
+#include "Protocol/RtspTables.h"
+#include "Protocol/TextWriter.h"
+#include "Tramel/StrParser.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+struct client_row {
+    const char* key;
+    int kind;
+};
+
+// Our own client stands first: its text is the longest. The current client's "Rtsp Client/2.0" is not among them, so it
+// counts as unknown, as older servers have it.
+const client_row CLIENTS[] = {
+    {"User-agent: Kavio Rtsp Client", CLIENT_KIND_OWN},
+    {"User-Agent: QuickTime", CLIENT_KIND_QUICKTIME},
+    {"User-Agent: LibVLC", CLIENT_KIND_LIBVLC},
+};
+
+}  // namespace
+
+CRtspRspParser::CRtspRspParser() : m_session_id(CTime::getCurrentMicroSecond()) {
+    m_speed = 1.0F;
+    CTextWriter(m_product, sizeof m_product).Add("Rtsp Server/2.0");
+}
+
+int CRtspRspParser::parse_request(const char* buffer, unsigned int length, rtsp_msg_info* info) {
+    if (buffer == nullptr || length == 0) {
+        return RTSP_OK;
+    }
+    if (parse_message(buffer, length, info) < 0) {
+        return RTSP_BAD_MESSAGE;
+    }
+    CStrParser text(buffer, length);
+    if (find_header(text, "Authorization:")) {
+        read_value(text, "Authorization:", m_auth, sizeof m_auth);
+    }
+    return read_request(text);
+}
+
+std::pair<int, int> CRtspRspParser::parse_start_line(CStrParser& text) {
+    const int cseq = parse_cseq(text);
+    if (cseq < 0) {
+        return {cseq, RTSP_METHOD_UNKNOWN};
+    }
+    text.ResetAll();
+    text.ConsumeWhitespace();
+    char word[1024];
+    text.ConsumeWord(word, sizeof word);
+    return {cseq, RtspMethodOf(word)};  // with case, unlike headers: RFC 2326 6.1
+}
+
+int CRtspRspParser::read_request(CStrParser& text) {
+    if (!check_session(text)) {
+        return RTSP_BAD_MESSAGE;
+    }
+    // PLAY is read in two steps: without a URL nothing more of it is, the client's kind included.
+    if (m_method == RTSP_METHOD_PLAY && read_url(text) < 0) {
+        return RTSP_BAD_MESSAGE;
+    }
+    const int result = read_by_method(text);
+    detect_client(text);
+    return result;
+}
+
+// Requests that carry no state of the session pass with any Session header, and all do until a transport was read.
+bool CRtspRspParser::check_session(CStrParser& text) const {
+    if (m_session[0] == '\0' || m_method == RTSP_METHOD_OPTIONS || m_method == RTSP_METHOD_SET_PARAMETER ||
+        m_method == RTSP_METHOD_GET_PARAMETER) {
+        return true;
+    }
+    text.ResetAll();
+    uint64_t session_id = 0;
+    if (text.LocateStringCase("Session:") >= 0) {
+        text.ConsumeUntilDigit();
+        session_id = text.ConsumeUint64();
+    }
+    return session_id == m_session_id;
+}
+
+int CRtspRspParser::read_by_method(CStrParser& text) {
+    switch (m_method) {
+        case RTSP_METHOD_OPTIONS:
+            read_url(text);  // "*" is no URL, and no fault (RFC 2326 10.1)
+            return RTSP_OK;
+        case RTSP_METHOD_DESCRIBE:
+        case RTSP_METHOD_SETUP:
+            return read_transport(text);
+        case RTSP_METHOD_PLAY:
+            return parse_range_speed(text);
+        case RTSP_METHOD_PAUSE:
+        case RTSP_METHOD_TEARDOWN:
+            return read_url(text);
+        case RTSP_METHOD_SET_PARAMETER:
+        case RTSP_METHOD_GET_PARAMETER:
+            return parse_body(text);
+        default:
+            text.ResetAll();
+            logWarn("%s:%d RTSP Command[%d]: %.*s not supported \n", __FILE__, __LINE__, m_method, text.GetStringLen(),
+                    text.GetString());
+            return RTSP_UNKNOWN_METHOD;
+    }
+}
+
+// The first "rtsp://" of the message, on whichever line it stands, up to white space.
+int CRtspRspParser::read_url(CStrParser& text) {
+    text.ResetAll();
+    m_url[0] = '\0';
+    if (text.LocateStringCase("rtsp://") < 0) {
+        return RTSP_BAD_MESSAGE;
+    }
+    text.ConsumeWord(m_url, sizeof m_url);
+    return RTSP_OK;
+}
+
+void CRtspRspParser::detect_client(CStrParser& text) {
+    if (m_client_kind != CLIENT_KIND_UNKNOWN) {
+        return;
+    }
+    for (const client_row& row : CLIENTS) {
+        if (find_header(text, row.key)) {
+            m_client_kind = row.kind;
+            return;
+        }
+    }
+}
+
+int CRtspRspParser::read_transport(CStrParser& text) {
+    if (read_url(text) < 0) {
+        return RTSP_BAD_MESSAGE;
+    }
+    m_transport.reset();
+    text.ResetAll();
+    if (text.LocateStringCase("Transport:") < 0) {
+        return RTSP_OK;  // interleaved RTP, channels 0 and 0
+    }
+    if (!read_transport_kind(text)) {
+        return RTSP_BAD_MESSAGE;
+    }
+    m_transport.multicast = find_header(text, "multicast") ? 1 : 0;
+    read_client_ports(text);
+    if (m_transport.multicast != 0) {
+        read_destination(text);
+    }
+    if (m_session[0] == '\0') {
+        CTextWriter(m_session, sizeof m_session).Add("Session: ", m_session_id, "\r\n");
+    }
+    return RTSP_OK;
+}
+
+// Both numbers come from the next digits, wherever they stand: a single port takes its partner from what follows it.
+void CRtspRspParser::read_client_ports(CStrParser& text) {
+    text.ResetAll();
+    bool found = false;
+    if (m_transport.transport == RTP_OVER_RTSP) {
+        found = text.LocateStringCase("interleaved") >= 0;
+    } else if (text.LocateStringCase("Transport") >= 0) {
+        text.ConsumeLength(sizeof "Transport" - 1, nullptr, 0);  // it holds "port" itself
+        found = text.LocateStringCase("client_port") >= 0 || text.LocateStringCase("port") >= 0;
+    }
+    if (found) {
+        read_number_pair(text, &m_transport.rtp_port, &m_transport.rtcp_port);
+    }
+}
+
+// destination=239.1.1.1;port=5000-5001;ttl=16
+void CRtspRspParser::read_destination(CStrParser& text) {
+    if (!read_multicast_addr(text)) {
+        return;
+    }
+    if (text.LocateStringCase("port=") >= 0) {
+        text.ConsumeUntilDigit();
+        m_transport.rtp_port = text.ConsumeUint16();
+        m_transport.rtcp_port = text.Expect('-') == 0 ? text.ConsumeUint16() : 0;
+    }
+    read_multicast_ttl(text);
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

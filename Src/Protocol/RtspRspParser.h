@@ -1,0 +1,78 @@
+#ifndef VIDORA_PROTOCOL_RTSPRSPPARSER_H
+#define VIDORA_PROTOCOL_RTSPRSPPARSER_H
+
+#include <cstdint>
+
+#include "Protocol/RtspParser.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// Kind of the peer, by its User-Agent.
+enum client_kind_t {
+    CLIENT_KIND_LIBVLC = 0,
+    CLIENT_KIND_QUICKTIME = 1,
+    CLIENT_KIND_OWN = 2,  // this library's own client, by the name that it had in older releases
+    CLIENT_KIND_UNKNOWN = 3
+};
+
+// CRtspRspParser: the server's RTSP codec. It reads requests and writes replies; one object in each server session.
+//
+// A generator gives the whole message in the object's own buffer, valid until the next generator runs; it is cut at
+// 4096 bytes. THREADING  One thread at a time: the session's own.
+class CRtspRspParser : public CRtspParser {
+public:
+    CRtspRspParser();
+
+    // Reads one request of `length` bytes. `info` is what check_message gave, or null to have it judged here. 0, also
+    // for a null buffer or no bytes; -1 for a bad message, a Session header of another session, a request without an
+    // "rtsp://" URL that needs one, or an unknown transport; -5 for an unknown method.
+    virtual int parse_request(const char* buffer, unsigned int length, rtsp_msg_info* info);
+    std::pair<int, int> parse_start_line(CStrParser& text) override;
+
+    // client_kind_t; once known it stays.
+    int get_client_kind() const { return m_client_kind; }
+    // The identifier that this connection's Session lines carry.
+    uint64_t get_session_id() const { return m_session_id; }
+
+    const char* generate_options_reply();
+    // Headers only: the caller sends `content_length` bytes of SDP behind them.
+    const char* generate_describe_reply(int content_length);
+    // Null for a null `transport`, and for multicast over UDP with a null `multicast`; a 461 for an unknown transport.
+    const char* generate_setup_reply(const transport_info* transport, const multicast_info* multicast);
+    // Seconds; a `begin` of -1.0 leaves the Range out, an `end` of -1.0 leaves it open. Null without entries.
+    const char* generate_play_reply(const rtp_info_entry* entries, int count, double begin, double end);
+    // The same with year 0 for "not given".
+    const char* generate_play_reply_clock(const rtp_info_entry* entries, int count, const UtcTime* begin,
+                                          const UtcTime* end);
+    // 401 with the WWW-Authenticate value `challenge`.
+    const char* generate_auth_reply(const char* challenge);
+    // A reply of that status, 200 included, with no header of its own.
+    const char* generate_error_reply(int status);
+    // The common frame: `headers` (whole lines) and `body` may be null. A status outside the table makes a 400 that
+    // has neither.
+    const char* generate_reply(const char* headers, int status, const char* body);
+
+private:
+    int read_request(CStrParser& text);
+    bool check_session(CStrParser& text) const;
+    int read_by_method(CStrParser& text);
+    int read_play(CStrParser& text);
+    int read_url(CStrParser& text);
+    void detect_client(CStrParser& text);
+
+    // Transport, in the order of reading.
+    int read_transport(CStrParser& text);
+    void read_client_ports(CStrParser& text);
+    void read_destination(CStrParser& text);
+
+    const char* generate_play_tail(const rtp_info_entry* entries, int count, const char* range);
+
+    uint64_t m_session_id;
+    int m_client_kind = CLIENT_KIND_UNKNOWN;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_PROTOCOL_RTSPRSPPARSER_H

@@ -1,0 +1,88 @@
+#ifndef VIDORA_RAWMEMORY_H
+#define VIDORA_RAWMEMORY_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "Flumen/MediaFrameInfo.h"
+#include "Vidora/Flumen/MediaFrame.h"
+#include "Vidora/Names.h"
+
+namespace Kavio {
+namespace Vidora {
+
+using Flumen::MediaFrameInfo;
+using Flumen::PtsType;
+
+struct RawCounter;
+
+// CRawMemory: a media packet over a reference-counted block of heap memory, with the same facts of a frame as a
+// Flumen::CMediaFrame.
+//
+// Copies share the block; no operation copies media bytes but getPacket, which makes a Memory::CPacket of them when one
+// is asked for, and then only what changed.
+//
+// THREADING  The count is atomic, so that copies of one block may live on several threads; all else is used by one
+// thread
+//            at a time.
+// An operation on an invalid object gives 0, null or what it says, and does nothing.
+class CRawMemory : public CMediaPacket {
+public:
+    // No contents: invalid.
+    CRawMemory() = default;
+    // `capacity` bytes, uninitialised and all counted as in use: resize(0) before appending. Invalid if `capacity` is 0
+    // or memory is short.
+    explicit CRawMemory(uint32_t capacity);
+    // Shares the other's contents.
+    CRawMemory(const CRawMemory& other);
+    // Takes a packet's bytes and facts over without a copy. Asserts that its extra area holds a MediaFrameInfo.
+    explicit CRawMemory(const Memory::CPacket& packet);
+    CRawMemory& operator=(const CRawMemory& other);
+    ~CRawMemory() override;
+
+    static void* operator new(size_t size) noexcept;
+    static void* operator new(size_t size, const std::nothrow_t&) noexcept;
+    static void operator delete(void* memory, size_t size) noexcept;
+
+    unsigned char* GetData() override { return getBuffer(); }
+
+    bool valid() const { return m_counter != nullptr; }
+    // The packet image, brought up to date, owned by this object; null if invalid or if memory is short.
+    Memory::CPacket* getPacket();
+    // Appends as many of the bytes as fit and gives their number; -1 if invalid.
+    int putBuffer(const void* data, uint32_t length);
+    unsigned char* getBuffer() const;
+    // Sets the bytes in use, at most to the capacity: 0, or -1 if invalid. It doesn't make the packet image stale.
+    int resize(uint32_t size);
+    uint32_t size() const;
+    uint32_t capacity() const;
+
+    // The facts, as those of Flumen::CMediaFrame.
+    int getType() const;
+    void setType(int type);
+    int getSequence() const;
+    void setSequence(int sequence);
+    int getChannel() const;
+    void setChannel(int channel);
+    int getNewFormat() const;
+    void setNewFormat(int new_format);
+    double getUtc() const;
+    void setUtc(double seconds);
+    uint64_t getPts(PtsType type) const;
+    void setPts(uint64_t pts, PtsType type);
+
+private:
+    void release();
+    const MediaFrameInfo* facts() const;
+    MediaFrameInfo* changed_facts();
+
+    bool m_need_packet = true;   // no packet image was made yet
+    bool m_data_dirty = false;   // the data changed since
+    bool m_extra_dirty = false;  // the facts changed since
+    RawCounter* m_counter = nullptr;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_RAWMEMORY_H

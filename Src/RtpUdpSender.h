@@ -1,0 +1,107 @@
+#ifndef VIDORA_RTPUDPSENDER_H
+#define VIDORA_RTPUDPSENDER_H
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+
+#include "Vidora/Names.h"
+
+namespace Kavio {
+namespace Vidora {
+
+class CRtpUdpKeeper;
+class CRtspSvrConfig;
+class CUdpSockPair;
+
+// CRtpUdpSender: the sink that sends a stream's packets over UDP, with a pair of sockets for each track; to one client,
+// or to a multicast group.
+//
+// It takes the packets of all tracks with their interleave headers (RFC 2326 10.12), finds the socket by the channel
+// byte, and sends each packet without its header.
+//
+// THREADING  Put: the source's thread. EnableTrack, DisableTrack: any thread. All others: the owner's, also while the
+//            sender is attached to a buffer; a lock keeps them apart from Put.
+// OWNERSHIP  The owner takes the sender off the buffer and then deletes it. The configuration is borrowed and must
+//            outlive the sender. The keeper is the sender's; both share the sockets, so that neither waits for the
+//            other's end.
+class CRtpUdpSender : public CLevel2Buffer_IF {
+public:
+    CRtpUdpSender();
+    ~CRtpUdpSender() override;
+    CRtpUdpSender(const CRtpUdpSender&) = delete;
+    CRtpUdpSender& operator=(const CRtpUdpSender&) = delete;
+
+    // Sends the packets in the first `length` bytes of `packet`. The top byte of `tag` is the track; the packets of a
+    // track that is disabled count as sent: 0. `length`, or -1 if no socket has that channel, the packets are malformed
+    // or the socket failed.
+    int Put(CMediaPacket* packet, int length, int flag, int tag) override;
+
+    // Port range and marking. Before OpenPair.
+    void SetConfig(const CRtspSvrConfig* config);
+    // Makes room for `media_num` tracks, below 16.
+    void Init(int media_num);
+    // Where the packets go; the port is set by OpenPair. 0.
+    int SetRemote(CSockAddrStorage addr);
+    // Opens the sockets of one track at a free pair of ports of the configured range, and gives the lower one.
+    // `remote_port`: the peer's RTP port, its RTCP port is the next one. `channel`: the RTP channel in the packets'
+    // headers, RTCP has the next one. When all room is taken, the track that has `channel` already is opened anew.
+    // 0, or -1 if there is no room, or no free pair (with a log line).
+    int OpenPair(int* local_port, int remote_port, int channel);
+    // The same at the local port that the peer was told, without a search and without marking. 0; -1 if there is no
+    // room.
+    int OpenPairAt(int local_port, int remote_port, int channel);
+    // Multicast TTL (default 64) for pairs opened later; values below 1 are ignored. 0.
+    int SetTtl(int ttl);
+    // Interface that multicast leaves by, for pairs opened later; at most 127 characters. 0, or -1 for null.
+    int SetMulticastIF(const char* ip);
+
+    // Sends `len` bytes as one datagram on the socket of `channel`. Its result, or -1 if no socket has it.
+    int SendRaw(const char* buf, int len, int channel);
+
+    // Watches the RTCP sockets that are open: when one is silent for `timeout_s` seconds, MSG_KEEPALIVE_TIMEOUT goes to
+    // the handler `notify_id`, once. 0 seconds: never. 0, or -1 if memory is short.
+    int StartKeepAlive(long notify_id, int timeout_s);
+
+    // Switches tracks, 0 to 7. All are on at first; the first EnableTrack leaves only its own on. -1: all on.
+    void EnableTrack(int track);
+    void DisableTrack(int channel);
+
+private:
+    // One track.
+    struct Slot {
+        std::shared_ptr<CUdpSockPair> pair;
+        int channel = -1;
+    };
+
+    Slot* free_slot_locked(int channel) VIDORA_REQUIRES(m_mutex);
+    void take_slot_locked(Slot* slot, const std::shared_ptr<CUdpSockPair>& pair, int remote_port, int channel)
+        VIDORA_REQUIRES(m_mutex);
+    void set_remote_locked(CUdpSockPair& pair, int remote_port) VIDORA_REQUIRES(m_mutex);
+    void set_multicast_locked(CUdpSockPair& pair) VIDORA_REQUIRES(m_mutex);
+    void mark(CUdpSockPair& pair) const;
+    CSockDgram* find_sock_locked(int channel, bool rtcp_first) VIDORA_REQUIRES(m_mutex);
+    bool report_due_locked() VIDORA_REQUIRES(m_mutex);
+
+    const CRtspSvrConfig* m_config = nullptr;
+    CRtpUdpKeeper* m_keeper = nullptr;
+    long m_keeper_notify_id = 0;
+    int m_keeper_timeout_s = 0;
+
+    std::atomic<uint8_t> m_track_mask{0xff};  // bit n: track n may be sent
+
+    CMutex m_mutex;
+    std::unique_ptr<Slot[]> m_slots VIDORA_GUARDED_BY(m_mutex);
+    int m_slot_count VIDORA_GUARDED_BY(m_mutex) = 0;
+    int m_next_slot VIDORA_GUARDED_BY(m_mutex) = 0;
+    CSockAddrStorage m_remote VIDORA_GUARDED_BY(m_mutex);
+    int m_ttl VIDORA_GUARDED_BY(m_mutex) = 64;
+    char m_multicast_if[128] VIDORA_GUARDED_BY(m_mutex) = {};
+    bool m_has_multicast_if VIDORA_GUARDED_BY(m_mutex) = false;
+    uint64_t m_last_report_ms VIDORA_GUARDED_BY(m_mutex) = 0;  // of a failed send
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_RTPUDPSENDER_H

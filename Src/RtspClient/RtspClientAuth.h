@@ -1,0 +1,78 @@
+#ifndef VIDORA_RTSPCLIENT_RTSPCLIENTAUTH_H
+#define VIDORA_RTSPCLIENT_RTSPCLIENTAUTH_H
+
+#include <cstdint>
+#include <optional>
+#include <string>
+
+#include "Vidora/Types.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// CRtspClientAuth: answers a server's challenges. It keeps the user's name and password, reads WWW-Authenticate and
+// makes the value of Authorization for Basic (RFC 2617 2) or Digest with MD5 (RFC 2617 3, RFC 2069).
+//
+// An object lives as long as its client engine. No operation throws; if memory is short a setter leaves its field
+// empty, and get_authorization fails. The challenge may hold any bytes: reading takes linear time.
+// THREADING  One thread at a time: the engine's network thread, and before the start the one that sets the user.
+class CRtspClientAuth {
+public:
+    enum auth_type_t { AUTH_NONE = 0, AUTH_BASIC = 1, AUTH_DIGEST = 2 };
+
+    // Null is empty.
+    void set_user(const char* user, const char* password) noexcept;
+    // The request that the next digest is for: its URI as in its first line (empty stands for "/") and its method.
+    void set_uri(const std::string& uri) noexcept;
+    void set_method(const std::string& method) noexcept;
+    // The same by number; any value outside 0 to 7 stands for OPTIONS.
+    void set_method_id(rtsp_method_t method) noexcept;
+    // The value of WWW-Authenticate.
+    void set_challenge(const std::string& challenge) noexcept;
+    // auth_type_t of the last challenge.
+    int get_auth_type() const { return m_auth_type; }
+
+    // Makes the value of Authorization. False, with an empty `value`, without a user, for a scheme other than the two,
+    // or for a digest challenge that lacks a part or asks for an algorithm other than MD5 and MD5-sess.
+    bool get_authorization(std::string& value) noexcept;
+
+private:
+    typedef std::optional<std::string> text_t;  // absent, or a value that may be empty
+
+    bool make_value(std::string& value);
+    void detect_type();
+    void make_basic(std::string& value) const;
+    bool make_digest(std::string& value);
+    bool parse_digest_challenge();
+    void reset_digest();
+    text_t find_quoted(const char* name) const;
+    text_t find_unquoted(const char* name) const;
+    bool compute_response(std::string& response);
+    std::string compute_ha1();
+    void make_cnonce_if_needed();
+    void append_digest_value(std::string& value, const std::string& response) const;
+
+    std::string m_username;
+    std::string m_password;
+    std::string m_uri;
+    std::string m_www_authenticate;
+    std::string m_entity;  // stays empty: no request with a body is signed over it
+    std::string m_method;
+    // Of the challenge.
+    text_t m_realm;
+    text_t m_domain;
+    text_t m_nonce;
+    text_t m_opaque;
+    text_t m_stale;
+    text_t m_algorithm;
+    text_t m_qop;
+    uint32_t m_nc = 0;  // 0 until a cnonce was made
+    text_t m_cnonce;
+    text_t m_session_key;  // HA1 of MD5-sess
+    int m_auth_type = AUTH_NONE;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_RTSPCLIENT_RTSPCLIENTAUTH_H

@@ -1,0 +1,165 @@
+#include "Vidora/SdpInfo.h"
+
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <new>
+
+#include "Protocol/StaticPayload.h"
+#include "RtspClient/SdpInfoAccess.h"
+
+namespace Kavio {
+namespace Vidora {
+
+sdp_info_data::sdp_info_data(CSdpParser* sdp) : m_sdp(sdp) {
+    for (int i = 0; i < SDP_INFO_MAX_TRACKS; ++i) {
+        m_rtp_channels[i] = 2 * i;
+        m_rtcp_channels[i] = 2 * i + 1;
+    }
+}
+
+CSdpInfo::CSdpInfo() : CSdpInfo(nullptr) {}
+
+CSdpInfo::CSdpInfo(CSdpParser* sdp) : m_data(new (std::nothrow) sdp_info_data(sdp)) {}
+
+CSdpInfo::CSdpInfo(const CSdpInfo& other) : m_data(other.m_data) {
+    if (m_data != nullptr) {
+        ++m_data->m_ref_count;
+    }
+}
+
+// Assigned objects share their contents: only the pointer is copied. Counting who holds it makes that safe to destroy.
+CSdpInfo& CSdpInfo::operator=(const CSdpInfo& other) {
+    CSdpInfo shared(other);
+    sdp_info_data* mine = m_data;
+    m_data = shared.m_data;
+    shared.m_data = mine;
+    return *this;
+}
+
+CSdpInfo::~CSdpInfo() {
+    if (m_data != nullptr && --m_data->m_ref_count == 0) {
+        delete m_data;
+    }
+    m_data = nullptr;
+}
+
+// The place of the first media of a kind, -1 if there is none.
+int CSdpInfo::get_media_index(char kind) {
+    if (m_data == nullptr || m_data->m_sdp == nullptr || (kind != 'A' && kind != 'V')) {
+        return -1;
+    }
+    const int wanted = kind == 'A' ? SDP_MEDIA_AUDIO : SDP_MEDIA_VIDEO;
+    for (int i = 0; i < m_data->m_sdp->get_media_count(); ++i) {
+        if (m_data->m_sdp->get_media_type_at(i) == wanted) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+int CSdpInfo::GetPayloadType(char kind) {
+    const int index = get_media_index(kind);
+    return index >= 0 ? m_data->m_sdp->get_payload_type(index) : -1;
+}
+
+char* CSdpInfo::GetPayloadNameEx(char kind) {
+    const int index = get_media_index(kind);
+    if (index < 0) {
+        return nullptr;
+    }
+    char* name = m_data->m_sdp->get_payload_name(index);
+    const static_payload_t* row = name == nullptr ? FindStaticPayload(GetPayloadType(kind)) : nullptr;
+    if (name == nullptr && row == nullptr) {
+        return nullptr;
+    }
+    std::snprintf(m_data->m_name, sizeof(m_data->m_name), "%s", name != nullptr ? name : row->name);
+    std::free(name);
+    return m_data->m_name;
+}
+
+int CSdpInfo::GetSampleRate(char kind) {
+    const int index = get_media_index(kind);
+    if (index < 0) {
+        return -1;
+    }
+    const int rate = m_data->m_sdp->get_sample_rate(index);
+    const static_payload_t* row = rate < 0 ? FindStaticPayload(GetPayloadType(kind)) : nullptr;
+    return row != nullptr ? row->clock_rate : rate;
+}
+
+int CSdpInfo::GetFrameRate() {
+    if (m_data == nullptr || m_data->m_sdp == nullptr) {
+        return -1;
+    }
+    int payload_type = -1;
+    return m_data->m_sdp->get_frame_rate(&payload_type);
+}
+
+int CSdpInfo::GetDuration(float& seconds) {
+    if (m_data == nullptr || m_data->m_sdp == nullptr) {
+        return -1;
+    }
+    seconds = static_cast<float>(static_cast<double>(m_data->m_sdp->get_duration()) / 1000000);
+    return 0;
+}
+
+int CSdpInfo::GetAudioChannel() {
+    const int index = get_media_index('A');
+    if (index < 0) {
+        logError("%s %d SDP don't contain Audio Info!\n", __FILE__, __LINE__);
+        return -1;
+    }
+    return m_data->m_sdp->get_channel_count(index);
+}
+
+int CSdpInfo::GetPacketType() {
+    return m_data != nullptr ? static_cast<int>(m_data->m_packet_type) : -1;
+}
+
+namespace {
+
+// JPEG usually has its static payload type and no rtpmap: it counts as the encoding that an rtpmap would give.
+int encoding_of(const CSdpParser& sdp, int track_id) {
+    const int encoding = sdp.get_video_encoding();
+    const static_payload_t* row = FindStaticPayload(sdp.get_payload_type(sdp.get_index(track_id)));
+    const bool is_jpeg = row != nullptr && std::strcmp(row->name, "JPEG") == 0;
+    return encoding == SDP_ENCODING_UNKNOWN && is_jpeg ? static_cast<int>(SDP_ENCODING_MPEG4) : encoding;
+}
+
+}  // namespace
+
+int CSdpInfoAccess::Fill(CSdpInfo& info, CSdpParser* sdp, const sdp_info_track* tracks, int count, packet_type_t type) {
+    sdp_info_data* data = info.m_data;
+    if (data == nullptr || sdp == nullptr || tracks == nullptr) {
+        return -1;
+    }
+    for (int i = 0; i < count && i < SDP_INFO_MAX_TRACKS; ++i) {
+        const sdp_info_track& track = tracks[i];
+        if (track.back_channel) {
+            continue;
+        }
+        switch (sdp->get_media_type(track.track_id)) {
+            case SDP_MEDIA_AUDIO:
+                data->m_audio_channel = track.rtp_channel;
+                break;
+            case SDP_MEDIA_APPLICATION:
+                data->m_app_channel = track.rtp_channel;
+                break;
+            case SDP_MEDIA_VIDEO:
+                data->m_video_channel = track.rtp_channel;
+                data->m_encoding = encoding_of(*sdp, track.track_id);
+                break;
+            default:
+                break;
+        }
+        data->m_rtp_channels[i] = track.rtp_channel;
+        data->m_rtcp_channels[i] = track.rtcp_channel;
+    }
+    data->m_sdp = sdp;
+    data->m_packet_type = type;
+    return 0;
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

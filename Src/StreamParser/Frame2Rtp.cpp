@@ -1,0 +1,186 @@
+#include "StreamParser/Frame2Rtp.h"
+
+#include <algorithm>
+#include <climits>
+
+#include "StreamParser/PrintLevel.h"
+#include "StreamParser/RtpHeader.h"
+#include "Vidora/Ostra/ByteWriter.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+constexpr uint8_t RTP_VERSION_2 = 0x80;
+constexpr uint8_t RTP_EXTENSION_BIT = 0x10;
+constexpr uint8_t RTP_MARKER = 0x80;
+
+// A JPEG picture's extension carries one word more: an SOI marker and the head of what a reader of the replay
+// extension expects behind it.
+constexpr unsigned int JPEG_EXTRA_EXTENSION = 4;
+constexpr uint16_t JPEG_EXTENSION_WORDS = 4;
+
+// Every byte of a frame must be countable, headers included, in the int that the interface gives.
+constexpr unsigned int MAX_FRAME_LEN = INT_MAX / 2;
+
+}  // namespace
+
+int CFrame2Rtp::PutFrame(const unsigned char* data, unsigned int len, int enc_type, uint64_t pts, uint8_t extra) {
+    if (IsPrinted(PRINT_INPUT)) {
+        R3Printf("Input Frame[%s]: ts[%08x] len = %d\n", enc_type_name(enc_type), static_cast<unsigned>(pts),
+                 static_cast<int>(len));
+    }
+    m_current = nullptr;
+    m_index = 0;
+    m_count = cut(data, len, enc_type, extra);
+    if (m_count < 1) {
+        m_count = 0;
+        logError("CFrame2Rtp::PutFrame error (enc type = %d)\n", enc_type);
+        return -1;
+    }
+    m_enc_type = enc_type;
+    m_current = m_nodes.Head();
+    if (m_first_pts == 0) {
+        m_first_pts = pts;
+    }
+    m_pts_delta = pts - m_first_pts;
+    return 0;
+}
+
+int CFrame2Rtp::cut(const unsigned char* data, uint32_t len, int enc_type, uint8_t extra) {
+    if (data == nullptr || len > MAX_FRAME_LEN) {
+        return -1;
+    }
+    switch (enc_type) {
+        case ENC_TYPE_H264:
+            return rtp_cut_h264(data, len, m_nodes);
+        case ENC_TYPE_MPEG4:  // no payload header (RFC 6416 5.1), so it can be cut anywhere
+        case ENC_TYPE_AUDIO:
+            return rtp_cut_plain(data, len, m_nodes);
+        case ENC_TYPE_JPEG:
+            return rtp_cut_jpeg(data, len, m_quant_header, m_nodes);
+        case ENC_TYPE_MPEG_AUDIO:
+            return rtp_cut_mpeg_audio(data, len, m_audio_headers, m_nodes);
+        case ENC_TYPE_ASSIST:
+            m_assist_header[0] = extra;
+            return rtp_cut_assist_frame(data, len, m_assist_header, m_nodes);
+        default:
+            logError("CFrame2Rtp::PutFrame enc_type[%d] unknown!\n", enc_type);
+            return -1;
+    }
+}
+
+int CFrame2Rtp::GetPacketCount() {
+    return m_count;
+}
+
+int CFrame2Rtp::GetPacketSize() {
+    return m_current == nullptr ? 0 : RTP_HEADER_LEN + static_cast<int>(m_current->Size());
+}
+
+//  0                   1                   2                   3
+//  |V=2|P|X|  CC   |M|     PT      |       sequence number         |
+//  |                           timestamp                           |
+//  |                             SSRC                              |     RFC 3550 5.1
+int CFrame2Rtp::GetPacket(unsigned char* buffer, unsigned int capacity) {
+    if (buffer == nullptr || m_current == nullptr || m_index < 0 || m_index >= m_count) {
+        return 0;
+    }
+    CByteWriter writer(buffer, capacity);
+    write_header(writer);
+    if (GetExtensionSize() > 0) {
+        write_extension(writer);
+    }
+    m_current->Write(writer);
+    if (!writer.Ok()) {
+        return 0;
+    }
+    const int size = static_cast<int>(writer.Offset());
+    if (IsPrinted(PRINT_OUTPUT)) {
+        R3Printf("Output RTP: ssrc[%08x] pt[%d] m[%d] seq[%04x] ts[%08x] len = %d\n", m_ssrc, m_payload_type & 0x7F,
+                 m_index == m_count - 1 ? 1 : 0, m_sequence, timestamp(), size);
+    }
+    ++m_sequence;
+    return size;
+}
+
+void CFrame2Rtp::write_header(CByteWriter& writer) const {
+    const bool last = m_index == m_count - 1;
+    writer.WriteU8(GetExtensionSize() > 0 ? RTP_VERSION_2 | RTP_EXTENSION_BIT : RTP_VERSION_2);
+    writer.WriteU8(static_cast<uint8_t>((m_payload_type & 0x7F) | (last ? RTP_MARKER : 0)));
+    writer.WriteU16(m_sequence);
+    writer.WriteU32(timestamp());
+    writer.WriteU32(m_ssrc);
+}
+
+void CFrame2Rtp::write_extension(CByteWriter& writer) const {
+    const size_t start = writer.Offset();
+    writer.WriteBytes(m_extension, sizeof(m_extension));
+    if (m_enc_type == ENC_TYPE_JPEG) {
+        writer.PatchU16(start + 2, JPEG_EXTENSION_WORDS);
+        writer.WriteU16(0xFFD8);
+        writer.WriteU16(0x0002);
+    }
+}
+
+unsigned int CFrame2Rtp::GetExtensionSize() const {
+    if ((m_flags & RTP_FLAG_EXTENSION) == 0 || m_current == nullptr || m_index != 0) {
+        return 0;
+    }
+    return m_enc_type == ENC_TYPE_JPEG ? RTP_EXTENSION_LEN + JPEG_EXTRA_EXTENSION : RTP_EXTENSION_LEN;
+}
+
+uint32_t CFrame2Rtp::timestamp() const {
+    return m_timestamp + static_cast<uint32_t>(m_pts_delta) * m_ticks_per_ms;  // wraps, as it is to
+}
+
+int CFrame2Rtp::NextPacket() {
+    if (m_current == nullptr || m_index + 1 >= m_count) {
+        m_current = nullptr;
+        return -1;
+    }
+    m_current = m_current->next;
+    ++m_index;
+    return 0;
+}
+
+int CFrame2Rtp::GetTotalSize() {
+    int total = 0;
+    const RtpPacketNode* node = m_current;
+    for (int i = m_index; node != nullptr && i < m_count; ++i) {
+        total += RTP_HEADER_LEN + static_cast<int>(node->Size());
+        node = node->next;
+    }
+    return total;
+}
+
+void CFrame2Rtp::SetRtpInfo(uint32_t ssrc, uint8_t payload_type, uint16_t sequence, uint32_t timestamp,
+                            uint32_t clock_rate) {
+    m_ssrc = ssrc;
+    m_payload_type = payload_type;
+    m_sequence = sequence;
+    m_timestamp = timestamp;
+    m_clock_rate = clock_rate;
+    m_ticks_per_ms = clock_rate / 1000;
+    m_first_pts = 0;
+    m_pts_delta = 0;
+}
+
+void CFrame2Rtp::GetRtpInfo(RtpEncParam& param) const {
+    param.ssrc = m_ssrc;
+    param.payload_type = m_payload_type;
+    param.sequence = m_sequence;
+    param.timestamp = timestamp();
+    param.clock_rate = m_clock_rate;
+}
+
+void CFrame2Rtp::SetRtpFlags(uint32_t flags, const uint8_t extension[RTP_EXTENSION_LEN]) {
+    m_flags |= flags;
+    if ((m_flags & RTP_FLAG_EXTENSION) != 0) {
+        std::copy(extension, extension + RTP_EXTENSION_LEN, m_extension);
+    }
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,76 @@
+#ifndef VIDORA_STREAMPARSER_FRAME2RTP_H
+#define VIDORA_STREAMPARSER_FRAME2RTP_H
+
+#include <cstdint>
+
+#include "StreamParser/Frame2Packet.h"
+#include "StreamParser/RtpCut.h"
+#include "StreamParser/RtpCutAssistFrame.h"
+#include "StreamParser/RtpCutJpeg.h"
+#include "StreamParser/RtpPacketNode.h"
+#include "StreamParser/StreamParser.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// CFrame2Rtp: cuts frames into RTP packets (RFC 3550) of one track.
+//
+// PutFrame makes descriptors only; GetPacket does the one copy. All packets of a frame carry one time stamp, the
+// timeline's start plus the frame's distance in milliseconds from the first frame, and the last one has the marker.
+// A frame with a time stamp of 0 doesn't begin the timeline: the next one does.
+//
+// THREADING  No lock: one thread at a time.
+class CFrame2Rtp final : public IFrame2Packet {
+public:
+    CFrame2Rtp() = default;
+    CFrame2Rtp(const CFrame2Rtp&) = delete;
+    CFrame2Rtp& operator=(const CFrame2Rtp&) = delete;
+
+    int PutFrame(const unsigned char* data, unsigned int len, int enc_type, uint64_t pts, uint8_t extra) override;
+    int GetPacketCount() override;
+    // GetPacketSize and GetTotalSize leave the header extension out; see GetExtensionSize.
+    int GetPacketSize() override;
+    int GetPacket(unsigned char* buffer, unsigned int capacity) override;
+    int NextPacket() override;
+    int GetTotalSize() override;
+
+    // Begins a new timeline: the next packet has `sequence`, the next frame `timestamp`. Ticks are counted by whole
+    // numbers a millisecond, so a clock that isn't a multiple of 1000 Hz runs at the next lower multiple.
+    void SetRtpInfo(uint32_t ssrc, uint8_t payload_type, uint16_t sequence, uint32_t timestamp, uint32_t clock_rate);
+    // Where the track stands: the next sequence number, and the time stamp of the frame in work.
+    void GetRtpInfo(RtpEncParam& param) const;
+    // Adds to the flags. With RTP_FLAG_EXTENSION set, takes the extension for the first packet of each frame.
+    void SetRtpFlags(uint32_t flags, const uint8_t extension[RTP_EXTENSION_LEN]);
+    // Bytes that the header extension adds to the current packet, 0 for a packet without one.
+    unsigned int GetExtensionSize() const;
+
+private:
+    int cut(const unsigned char* data, uint32_t len, int enc_type, uint8_t extra);
+    void write_header(CByteWriter& writer) const;
+    void write_extension(CByteWriter& writer) const;
+    uint32_t timestamp() const;
+
+    int m_enc_type = ENC_TYPE_NONE;
+    uint32_t m_ssrc = 0;
+    uint8_t m_payload_type = 0;
+    uint16_t m_sequence = 0;
+    uint32_t m_timestamp = 0;  // of the first frame
+    uint32_t m_clock_rate = 90000;
+    uint32_t m_ticks_per_ms = 90;
+    uint64_t m_pts_delta = 0;  // of this frame from the first, milliseconds
+    uint64_t m_first_pts = 0;
+    CRtpPacketList m_nodes;
+    const RtpPacketNode* m_current = nullptr;
+    int m_count = 0;
+    int m_index = 0;
+    uint32_t m_flags = 0;
+    uint8_t m_extension[RTP_EXTENSION_LEN] = {};
+    unsigned char m_audio_headers[MPEG_AUDIO_HEADERS_LEN] = {};
+    unsigned char m_quant_header[JPEG_QUANT_HEADER_LEN] = {};
+    unsigned char m_assist_header[ASSIST_HEADER_LEN] = {};
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_STREAMPARSER_FRAME2RTP_H

@@ -1,0 +1,130 @@
+#include "StreamParser/RtpCut.h"
+
+#include <algorithm>
+
+#include "Vidora/H264Parser.h"
+#include "Vidora/Ostra/ByteWriter.h"
+#include "Vidora/StartCode.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+constexpr size_t START_CODE_LEN = 4;
+constexpr uint32_t FU_HEADER_LEN = 2;
+constexpr uint32_t FU_BODY_LEN = RTP_MAX_PAYLOAD - FU_HEADER_LEN;
+constexpr unsigned char FU_START = 0x80;
+constexpr unsigned char FU_END = 0x40;
+
+bool append_body(const unsigned char* body, uint32_t len, CRtpPacketList& list) {
+    RtpPacketNode* node = list.Append();
+    if (node == nullptr) {
+        return false;
+    }
+    node->body = body;
+    node->body_len = len;
+    return true;
+}
+
+// FU-A (RFC 6184 5.8): the NAL unit's header byte is told by the two bytes in front of each fragment.
+bool append_fragments(const unsigned char* nal, uint32_t len, CRtpPacketList& list) {
+    const auto indicator = static_cast<unsigned char>((nal[0] & 0xE0) | H264_NAL_FU_A);
+    const auto type = static_cast<unsigned char>(h264_nal_type(nal[0]));
+    for (uint32_t offset = 1; offset < len; offset += FU_BODY_LEN) {
+        const uint32_t body_len = std::min(len - offset, FU_BODY_LEN);
+        if (!append_body(nal + offset, body_len, list)) {
+            return false;
+        }
+        unsigned char header = type;
+        if (offset == 1) {
+            header |= FU_START;
+        }
+        if (offset + body_len == len) {
+            header |= FU_END;
+        }
+        list.Last()->fixed[0] = indicator;
+        list.Last()->fixed[1] = header;
+        list.Last()->fixed_len = FU_HEADER_LEN;
+    }
+    return true;
+}
+
+bool append_nal(const unsigned char* nal, size_t len, CRtpPacketList& list) {
+    if (len == 0) {
+        return true;  // two start codes in a row
+    }
+    const auto size = static_cast<uint32_t>(len);
+    return size <= RTP_MAX_PAYLOAD ? append_body(nal, size, list) : append_fragments(nal, size, list);
+}
+
+bool is_slice(unsigned char header) {
+    return h264_nal_type(header) == H264_NAL_SLICE || h264_nal_type(header) == H264_NAL_IDR;
+}
+
+// The next start code with a NAL header byte behind it.
+size_t next_nal(const unsigned char* data, size_t len, size_t from) {
+    return len > START_CODE_LEN ? find_start_code4(data, len - 1, from) : NO_START_CODE;
+}
+
+bool cut_nals(const unsigned char* data, size_t len, CRtpPacketList& list) {
+    size_t at = next_nal(data, len, 0);
+    if (at == NO_START_CODE) {
+        return true;
+    }
+    if (is_slice(data[at + START_CODE_LEN])) {
+        // A frame that opens with its slice: all behind the first four bytes, wherever the start code was.
+        return append_nal(data + START_CODE_LEN, len - START_CODE_LEN, list);
+    }
+    size_t start = at + START_CODE_LEN;
+    while ((at = next_nal(data, len, start)) != NO_START_CODE) {
+        if (!append_nal(data + start, at - start, list)) {
+            return false;
+        }
+        start = at + START_CODE_LEN;
+        if (is_slice(data[start])) {
+            break;
+        }
+    }
+    return append_nal(data + start, len - start, list);
+}
+
+}  // namespace
+
+int rtp_cut_plain(const unsigned char* data, uint32_t len, CRtpPacketList& list) {
+    list.Clear();
+    for (uint32_t offset = 0; offset < len; offset += RTP_MAX_PAYLOAD) {
+        if (!append_body(data + offset, std::min(len - offset, RTP_MAX_PAYLOAD), list)) {
+            return -1;
+        }
+    }
+    return static_cast<int>(list.Count());
+}
+
+int rtp_cut_h264(const unsigned char* data, uint32_t len, CRtpPacketList& list) {
+    list.Clear();
+    return cut_nals(data, len, list) ? static_cast<int>(list.Count()) : -1;
+}
+
+int rtp_cut_mpeg_audio(const unsigned char* data, uint32_t len, unsigned char headers[MPEG_AUDIO_HEADERS_LEN],
+                       CRtpPacketList& list) {
+    constexpr uint32_t PIECE = RTP_MAX_PAYLOAD - MPEG_AUDIO_HEADER_LEN;
+    list.Clear();
+    if (len > PIECE * MPEG_AUDIO_MAX_FRAGMENTS) {
+        return -1;
+    }
+    Ostra::CByteWriter writer(headers, MPEG_AUDIO_HEADERS_LEN);
+    for (uint32_t offset = 0; offset < len; offset += PIECE) {
+        const unsigned char* header = headers + writer.Offset();
+        writer.WriteU16(0);
+        writer.WriteU16(static_cast<uint16_t>(offset));
+        if (!append_body(data + offset, std::min(len - offset, PIECE), list) ||
+            !list.Last()->AddIov(header, MPEG_AUDIO_HEADER_LEN)) {
+            return -1;
+        }
+    }
+    return static_cast<int>(list.Count());
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

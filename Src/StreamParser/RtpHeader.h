@@ -1,0 +1,32 @@
+#ifndef VIDORA_STREAMPARSER_RTPHEADER_H
+#define VIDORA_STREAMPARSER_RTPHEADER_H
+
+#include <cstddef>
+#include <cstdint>
+
+namespace Kavio {
+namespace Vidora {
+
+constexpr int RTP_HEADER_LEN = 12;
+constexpr int RTP_TCP_HEADER_LEN = 4;  // the interleave header of RFC 2326 10.12: '$', channel, length
+
+// The header of a received RTP packet (RFC 3550 5.1).
+struct RtpHeader {
+    bool marker = false;
+    uint8_t payload_type = 0;
+    uint16_t sequence = 0;
+    uint32_t timestamp = 0;
+    uint32_t ssrc = 0;
+    // The payload without CSRC list, extension and padding; null if these reach the end of the packet.
+    const unsigned char* payload = nullptr;
+    uint32_t payload_len = 0;
+};
+
+// Reads the header of the packet in `data`; the payload stays where it is. False if there aren't 12 bytes. The version
+// isn't looked at: devices are about that leave it 0.
+bool rtp_parse_header(const unsigned char* data, size_t len, RtpHeader& header);
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_STREAMPARSER_RTPHEADER_H

@@ -1,0 +1,82 @@
+#ifndef VIDORA_STREAMPARSER_TS2FRAME_H
+#define VIDORA_STREAMPARSER_TS2FRAME_H
+
+#include <cstdint>
+#include <memory>
+
+#include "StreamParser/FrameResult.h"
+#include "StreamParser/TsDemux.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// Ts2Frame: rebuilds the frames of the first track of a transport stream.
+//
+// H.264 frames end where the next one begins; all other kinds end only with a packet that is put with `last` set (the
+// marker bit, if the stream comes in RTP). A frame's time stamp is the last program clock reference, not the PES one.
+// Memory: one buffer of 512 KiB, allocated at the first packet and kept.
+//
+// THREADING  No lock: one thread at a time.
+class Ts2Frame {
+public:
+    Ts2Frame() = default;
+    Ts2Frame(const Ts2Frame&) = delete;
+    Ts2Frame& operator=(const Ts2Frame&) = delete;
+
+    // Takes one packet of `len` bytes, which must be TS_PACK_LEN. `last`: it ends the frame. A frame_result_t; after
+    // FRAME_COMPLETE or FRAME_COMPLETE_NEXT take the frame and Clear, after FRAME_FAILED Clear.
+    int PutPacket(const unsigned char* packet, int len, bool last);
+
+    // Bytes of the frame in work.
+    uint32_t GetFrameSize() const { return m_frame_len; }
+    // Copies the frame into `buffer` of `capacity` bytes. Its size; 0 if it doesn't fit.
+    uint32_t GetFrame(unsigned char* buffer, uint32_t capacity) const;
+    // Milliseconds.
+    uint64_t GetPts() const { return m_frame_pts; }
+    // The letter (frame_type_t) of the frame that was completed last.
+    int GetFrameType() const { return m_frame_type; }
+    // Of the last key frame whose size could be read; 0 before.
+    uint16_t GetWidth() const { return m_width; }
+    uint16_t GetHeight() const { return m_height; }
+    // stream_kind_t of the frame that was completed last.
+    int GetKind() const { return m_kind; }
+    // 1 if the H.264 stream may hold field-coded pictures, 0 if not; 1 until that is known.
+    int GetInterlace() const { return m_interlace; }
+    const TsProgramTable& GetTable() const { return m_demux.table; }
+
+    // Drops the frame in work. Tables, clock and picture size stay.
+    void Clear();
+
+private:
+    bool alloc_buffer();
+    int append_payload(const unsigned char* packet);
+    uint32_t skip_pes_header(const unsigned char* payload, uint32_t len);
+    int finish_frame(int result);
+    int decode_frame();
+    void decode_h264();
+    void decode_mpeg4();
+    void decode_mpeg2();
+    void set_size(uint32_t width, uint32_t height);
+
+    TsDemuxState m_demux;
+
+    // The frame in work.
+    std::unique_ptr<unsigned char[]> m_frame_buf;
+    uint32_t m_frame_capacity = 0;
+    uint32_t m_frame_packets = 0;
+    uint32_t m_frame_len = 0;
+    uint32_t m_pes_skip = 0;  // bytes of a PES header still to skip
+    uint64_t m_frame_pts = 0;
+
+    // What is known of the last frame that was completed.
+    int m_kind = STREAM_KIND_NONE;
+    int m_frame_type = 0;
+    uint16_t m_width = 0;
+    uint16_t m_height = 0;
+    int m_interlace = 1;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_STREAMPARSER_TS2FRAME_H

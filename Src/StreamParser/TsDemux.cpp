@@ -1,0 +1,184 @@
+#include "StreamParser/TsDemux.h"
+
+#include <algorithm>
+
+#include "StreamParser/StartCodeScan.h"
+#include "Vidora/H264Parser.h"
+#include "Vidora/Names.h"
+#include "Vidora/Ostra/ByteReader.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+constexpr uint8_t SYNC_BYTE = 0x47;  // "G"
+constexpr int PAT_PID = 0;
+constexpr int PAT_TABLE = 0;
+constexpr int PMT_TABLE = 2;
+constexpr int MAX_PROGRAMS = 1;
+constexpr size_t SECTION_LEN_END = 3;   // the section length counts from here
+constexpr size_t SECTION_HEAD_LEN = 8;  // what all sections have in common
+constexpr size_t PMT_HEAD_LEN = 12;     // taken as if there were no program descriptors
+constexpr size_t PMT_ENTRY_LEN = 5;
+constexpr size_t CRC_LEN = 4;
+constexpr size_t PES_FIXED_LEN = 9;  // up to the header length, inclusive
+constexpr uint64_t TICKS_PER_MS = 90;
+
+// The adaptation field, of which only the clock reference matters (ISO 13818-1 2.4.3.4).
+void read_adaptation(CByteReader& field, TsPacketInfo& info) {
+    const uint8_t flags = field.ReadU8();
+    const uint32_t high = field.ReadU32();
+    const uint16_t low = field.ReadU16();
+    info.has_pcr = field.Ok() && (flags & 0x10) != 0;
+    info.pcr_base = uint64_t{high} << 1 | low >> 15;
+}
+
+// The section behind the pointer field, without its CRC; a failed reader if it doesn't lie whole in the packet.
+CByteReader read_section(CByteReader& payload, uint8_t table_id) {
+    payload.Skip(payload.ReadU8());
+    CByteReader peek = payload;
+    const uint8_t id = peek.ReadU8();
+    const size_t len = peek.ReadU16() & 0x0FFFu;
+    if (peek.Ok() && (len > peek.Remaining() || len < CRC_LEN)) {
+        logWarn("%s:%d, invalid section length.\n", __FILE__, __LINE__);
+    }
+    const bool good = peek.Ok() && id == table_id && len >= CRC_LEN;
+    return payload.SubReader(good ? SECTION_LEN_END + len - CRC_LEN : SIZE_MAX);
+}
+
+// ISO 13818-1 2.4.4.3. Only the first program is taken.
+void read_pat(TsProgramTable& table, CByteReader& payload) {
+    CByteReader section = read_section(payload, PAT_TABLE);
+    if (!section.Skip(SECTION_HEAD_LEN)) {
+        return;
+    }
+    table.program_count = static_cast<int32_t>(std::min<size_t>(section.Remaining() / 4, MAX_PROGRAMS));
+    if (table.program_count > 0) {
+        section.Skip(2);
+        table.pmt_pid = section.ReadU16() & 0x1FFF;
+    }
+}
+
+// ISO 13818-1 2.4.4.8.
+void read_pmt(TsProgramTable& table, CByteReader& payload) {
+    CByteReader section = read_section(payload, PMT_TABLE);
+    if (!section.Skip(PMT_HEAD_LEN)) {
+        return;
+    }
+    int count = 0;
+    while (count < TS_MAX_TRACKS && section.Remaining() >= PMT_ENTRY_LEN) {
+        TsTrack& track = table.tracks[count++];
+        track.kind = stream_kind_of_type(section.ReadU8());
+        track.pid = section.ReadU16() & 0x1FFF;
+        section.Skip(section.ReadU16() & 0x0FFFu);
+        if (!section.Ok()) {
+            break;
+        }
+    }
+    table.track_count = count;
+}
+
+int find_track(const TsProgramTable& table, int pid) {
+    for (int track = 0; track < table.track_count; ++track) {
+        if (table.tracks[track].pid == pid) {
+            return track;
+        }
+    }
+    return -1;
+}
+
+// Does the PES packet that opens in `payload` begin with a slice, as far as this TS packet shows?
+bool opens_with_slice(CByteReader payload) {
+    payload.Skip(PES_FIXED_LEN - 1);
+    payload.Skip(payload.ReadU8());
+    if (!payload.Ok()) {
+        return false;
+    }
+    StartCodeScan scan(payload.Rest(), payload.Remaining());
+    while (scan.Next()) {
+        const int type = h264_nal_type(scan.Value());
+        if (type >= H264_NAL_SLICE && type <= H264_NAL_IDR) {
+            return true;
+        }
+    }
+    return false;
+}
+
+int read_media(TsDemuxState& state, CByteReader& payload) {
+    if (state.packet.has_pcr) {
+        state.pcr_ms = state.packet.pcr_base / TICKS_PER_MS;
+    }
+    if (state.packet.unit_start) {
+        CByteReader start = payload;
+        if (start.ReadU24() != 0x000001) {
+            logError("%s:%d, invalid pes header.\n", __FILE__, __LINE__);
+            return TS_DEMUX_FAILED;
+        }
+        if (state.table.tracks[state.track].kind == STREAM_KIND_H264 && opens_with_slice(payload)) {
+            state.new_frame = state.seen_slice;
+            state.seen_slice = true;
+        }
+    }
+    state.is_media = true;
+    return TS_DEMUX_OK;
+}
+
+}  // namespace
+
+bool ts_parse_packet(const unsigned char packet[TS_PACK_LEN], TsPacketInfo& info) {
+    info = TsPacketInfo();
+    CByteReader reader(packet, TS_PACK_LEN);
+    if (reader.ReadU8() != SYNC_BYTE) {
+        return false;
+    }
+    const uint16_t flags = reader.ReadU16();
+    info.unit_start = (flags & 0x4000) != 0;
+    info.pid = flags & 0x1FFF;
+    const uint8_t control = reader.ReadU8();
+    if ((control & 0x20) != 0) {
+        CByteReader field = reader.SubReader(reader.ReadU8());
+        if (!reader.Ok()) {
+            logWarn("%s:%d, invalid adaptation length.\n", __FILE__, __LINE__);
+            return true;
+        }
+        read_adaptation(field, info);
+    }
+    if ((control & 0x10) != 0) {
+        info.payload_offset = static_cast<int>(reader.Offset());
+    }
+    return true;
+}
+
+int ts_demux(TsDemuxState& state, const unsigned char packet[TS_PACK_LEN]) {
+    state.is_media = false;
+    state.new_frame = false;
+    if (!ts_parse_packet(packet, state.packet)) {
+        return TS_DEMUX_FAILED;
+    }
+    CByteReader payload(packet, TS_PACK_LEN);
+    payload.Skip(static_cast<size_t>(state.packet.payload_offset));
+    const bool section_start = state.packet.unit_start && payload.Remaining() > 0;
+    if (state.packet.pid == PAT_PID) {
+        if (section_start) {
+            read_pat(state.table, payload);
+        }
+        return TS_DEMUX_OK;
+    }
+    if (state.packet.pid == state.table.pmt_pid) {
+        if (section_start) {
+            read_pmt(state.table, payload);
+        }
+        return TS_DEMUX_OK;
+    }
+    const int track = find_track(state.table, state.packet.pid);
+    if (track < 0) {
+        return TS_DEMUX_UNKNOWN_PID;
+    }
+    state.program = 0;
+    state.track = track;
+    return read_media(state, payload);
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,349 @@
+#include "StreamSource/KXDataReceiver.h"
+
+#include "StreamParser/RandomDraw.h"
+#include "StreamSource/AudioTable.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const int VIDEO_CLOCK = 90000;  // RFC 3551 5
+const int DYNAMIC_VIDEO_PAYLOAD = 96;
+const int JPEG_PAYLOAD = 26;  // RFC 3551 table 5
+const int DYNAMIC_AUDIO_PAYLOAD = 97;
+const int ONVIF_METADATA_PAYLOAD = 107;
+const int TS_PACKETS_PER_OUTPUT = 7;  // 7 x 188 bytes fit one Ethernet frame
+
+int video_enc_type(int encode_type) {
+    switch (encode_type) {
+        case STREAM_VIDEO_MPEG4:
+            return ENC_TYPE_MPEG4;
+        case STREAM_VIDEO_H264:
+            return ENC_TYPE_H264;
+        case STREAM_VIDEO_JPEG:
+            return ENC_TYPE_JPEG;
+        default:
+            return ENC_TYPE_NONE;
+    }
+}
+
+}  // namespace
+
+CKXDataReceiver::CKXDataReceiver() {
+    m_ts_param.packets_per_output = TS_PACKETS_PER_OUTPUT;
+    for (int i = 0; i < MAX_TRACK; ++i) {
+        m_track[i].ssrc = random_draw32();
+        m_track[i].sequence = random_draw();
+    }
+}
+
+CKXDataReceiver::~CKXDataReceiver() = default;
+
+int CKXDataReceiver::Init(const char* content, long notify_id, int ext) {
+    m_notify_id = notify_id;
+    {
+        CGuard guard(m_mutex);
+        m_info_ready = false;
+    }
+    if (m_create_src_fun == nullptr) {
+        logError("%s:%d do not set create_src_fun!\n", __FILE__, __LINE__);
+        return -1;
+    }
+    CStreamSource* source = m_create_src_fun(content);
+    if (source == nullptr) {
+        logError("%s:%d get stream source fail, content:%s!\n", __FILE__, __LINE__, content);
+        return -1;
+    }
+    // Both stand before Init, which may post MSG_STREAM_INFO at once.
+    m_src_type = source->GetSrcType();
+    m_stream_source = source;
+    if (source->Init(GetID(), ext) < 0) {
+        m_stream_source = nullptr;
+        source->Close();
+        logError("%s:%d stream source init fail!\n", __FILE__, __LINE__);
+        return -1;
+    }
+    return 0;
+}
+
+int CKXDataReceiver::handle_message(long, unsigned int msg, long) {
+    if (m_notify_id == 0) {
+        return 0;
+    }
+    if (msg != MSG_STREAM_INFO) {
+        Notify(m_notify_id, msg, 0);
+        return 0;
+    }
+    CGuard guard(m_mutex);
+    if (!m_info_ready) {
+        guard.Leave();
+        on_first_info();
+    } else if (check_info_locked() != 0) {
+        logWarn("%s:%d sdp info need updata\n", __FILE__, __LINE__);
+        Notify(m_notify_id, MSG_SDP_UPDATE, 0);
+    }
+    return 0;
+}
+
+void CKXDataReceiver::on_first_info() {
+    uint64_t length_us = 0;
+    CTime begin;
+    CTime end;
+    const bool range_ok =
+        !is_seekable() || (m_stream_source->GetFileRange(length_us) && m_stream_source->GetFileRange(begin, end));
+    CGuard guard(m_mutex);
+    m_info_ready = true;
+    if (!range_ok) {
+        Notify(m_notify_id, MSG_STREAM_FAIL, 0);
+        return;
+    }
+    if (is_seekable()) {
+        m_file_length_us = length_us;
+        m_file_begin_time = begin;
+        m_file_end_time = end;
+        m_start_time = begin;
+        m_end_time = end;
+    }
+    read_video_format_locked();
+    read_audio_format_locked();
+    update_tracks_locked();
+    reset_tracks_locked();
+    Notify(m_notify_id, MSG_STREAM_INFO, 0);
+}
+
+void CKXDataReceiver::read_video_format_locked() {
+    m_video_format = StreamVideoFormat();
+    m_has_video = m_stream_source->HasVideo();
+    if (m_has_video) {
+        m_stream_source->GetVideoFormat(m_video_format);
+    }
+}
+
+void CKXDataReceiver::read_audio_format_locked() {
+    m_audio_format = StreamAudioFormat();
+    m_has_audio = m_stream_source->HasAudio();
+    if (m_has_audio) {
+        m_stream_source->GetAudioFormat(m_audio_format);
+    }
+}
+
+// Running numbers of the converters are read back first, so that they carry over into the new table.
+void CKXDataReceiver::update_tracks_locked() {
+    for (int i = 0; i < MAX_TRACK; ++i) {
+        if (m_rtp_parser[i]) {
+            m_rtp_parser[i]->GetParam(m_track[i]);
+        }
+    }
+    build_tracks_locked();
+    for (int i = 0; i < MAX_TRACK; ++i) {
+        if (m_rtp_parser[i]) {
+            m_rtp_parser[i]->SetParam(m_track[i]);
+        }
+    }
+    if (m_ts_parser) {
+        m_ts_parser->SetParam(m_ts_param);
+    }
+}
+
+void CKXDataReceiver::build_tracks_locked() {
+    m_channel_num = 0;
+    m_ts_param.video_enc_type = ENC_TYPE_NONE;
+    m_ts_param.audio_enc_type = ENC_TYPE_NONE;
+    if (m_has_video) {
+        const int enc_type = video_enc_type(m_video_format.encode_type);
+        m_ts_param.video_enc_type = enc_type;
+        add_track_locked(enc_type, enc_type == ENC_TYPE_JPEG ? JPEG_PAYLOAD : DYNAMIC_VIDEO_PAYLOAD, VIDEO_CLOCK);
+    }
+    if (m_has_audio) {
+        const AudioPayload* payload = FindAudioPayload(m_audio_format.encode_type, m_audio_format.sample_rate);
+        add_track_locked(m_audio_format.encode_type == STREAM_AUDIO_MPEG ? ENC_TYPE_MPEG_AUDIO : ENC_TYPE_AUDIO,
+                         payload == nullptr ? DYNAMIC_AUDIO_PAYLOAD : payload->payload_type,
+                         m_audio_format.sample_rate);
+    }
+    add_track_locked(ENC_TYPE_ASSIST, 0, VIDEO_CLOCK);
+    add_track_locked(ENC_TYPE_ONVIF_METADATA, ONVIF_METADATA_PAYLOAD, VIDEO_CLOCK);
+    for (int i = 0; i < MAX_TRACK; ++i) {
+        m_over_tcp[i].use_header = 1;
+        m_over_tcp[i].dollar = '$';
+        m_over_tcp[i].channel = static_cast<uint8_t>(2 * i);
+        m_over_tcp[i].merge_frame = 1;
+        m_src_info[i].seq = m_track[i].sequence;
+        m_src_info[i].octets = 0;
+        m_src_info[i].packets = 0;
+    }
+}
+
+void CKXDataReceiver::add_track_locked(int enc_type, int payload_type, int clock_rate) {
+    RtpEncParam& track = m_track[m_channel_num++];
+    track.enc_type = enc_type;
+    track.payload_type = static_cast<uint8_t>(payload_type);
+    track.clock_rate = static_cast<uint32_t>(clock_rate);
+}
+
+// A track that has not run yet begins at a random time stamp (RFC 3550 5.1); the others show where they stand.
+void CKXDataReceiver::reset_tracks_locked() {
+    for (int i = 0; i < MAX_TRACK; ++i) {
+        if (!m_rtp_parser[i]) {
+            m_track[i].timestamp = random_draw32();
+            m_src_info[i].timestamp = m_track[i].timestamp;
+            continue;
+        }
+        m_rtp_parser[i]->GetParam(m_track[i]);
+        m_src_info[i].timestamp = m_track[i].timestamp;
+        m_src_info[i].seq = m_track[i].sequence;
+        m_rtp_parser[i]->SetParam(m_track[i]);
+    }
+}
+
+// Compares the source with what is held: 0 for no change, -1 for a change, upon which the tracks are rebuilt.
+int CKXDataReceiver::check_info_locked() {
+    const bool has_audio = m_stream_source->HasAudio();
+    const bool has_video = m_stream_source->HasVideo();
+    bool changed = has_audio != m_has_audio || has_video != m_has_video;
+    m_has_audio = has_audio;
+    m_has_video = has_video;
+    if (m_has_audio && audio_changed_locked()) {
+        read_audio_format_locked();
+        changed = true;
+    }
+    if (m_has_video && video_changed_locked()) {
+        read_video_format_locked();
+        changed = true;
+    }
+    if (!changed) {
+        return 0;
+    }
+    update_tracks_locked();
+    return -1;
+}
+
+bool CKXDataReceiver::audio_changed_locked() {
+    StreamAudioFormat format;
+    m_stream_source->GetAudioFormat(format);
+    return format.encode_type != m_audio_format.encode_type || format.sample_rate != m_audio_format.sample_rate;
+}
+
+// The frame rate is for the SDP only and is no change by itself.
+bool CKXDataReceiver::video_changed_locked() {
+    StreamVideoFormat format;
+    m_stream_source->GetVideoFormat(format);
+    return format.width != m_video_format.width || format.height != m_video_format.height ||
+           format.encode_type != m_video_format.encode_type;
+}
+
+bool CKXDataReceiver::HasVideo() {
+    CGuard guard(m_mutex);
+    return m_has_video;
+}
+
+bool CKXDataReceiver::HasAudio() {
+    CGuard guard(m_mutex);
+    return m_has_audio;
+}
+
+int CKXDataReceiver::GetVideoFormat(StreamVideoFormat& format) {
+    CGuard guard(m_mutex);
+    if (!m_has_video) {
+        logError("%s:%d do not have video\n", __FILE__, __LINE__);
+        return -1;
+    }
+    format = m_video_format;
+    return 0;
+}
+
+int CKXDataReceiver::GetAudioFormat(StreamAudioFormat& format) {
+    CGuard guard(m_mutex);
+    if (!m_has_audio) {
+        logError("%s:%d do not have audio\n", __FILE__, __LINE__);
+        return -1;
+    }
+    format = m_audio_format;
+    return 0;
+}
+
+int CKXDataReceiver::GetVideoSpecificInfo(char* buf, int len) {
+    return m_stream_source == nullptr ? -1 : m_stream_source->GetVideoSpecificInfo(buf, len);
+}
+
+int CKXDataReceiver::GetSrcInfo(SrcInfo& info, int index) {
+    CGuard guard(m_mutex);
+    if (index < 0 || index >= m_channel_num) {
+        logError("%s:%d GetSrcInfo, channel_id out of, channel_id:%d m_channel_num:%d\n", __FILE__, __LINE__, index,
+                 m_channel_num);
+        return -1;
+    }
+    info = m_src_info[index];
+    return 0;
+}
+
+unsigned int CKXDataReceiver::GetSSRC(int index) {
+    CGuard guard(m_mutex);
+    return index < 0 || index >= MAX_TRACK ? 0 : m_track[index].ssrc;
+}
+
+int CKXDataReceiver::UpdataStreamInfo(long arg) {
+    if (m_stream_source == nullptr) {
+        return -1;
+    }
+    logDebug("%s:%d UpdataStreamInfo\n", __FILE__, __LINE__);
+    {
+        CGuard guard(m_mutex);
+        m_info_ready = false;
+    }
+    if (m_stream_source->UpdataStreamInfo(arg) != 0) {
+        logError("%s:%d m_stream_source->UpdataStreamInfo fail\n", __FILE__, __LINE__);
+        return -1;
+    }
+    return 0;
+}
+
+int CKXDataReceiver::EnableStreamTrack(int track_kind) {
+    CGuard guard(m_mutex);
+    if (track_kind == STREAM_TRACK_ASSIST) {
+        ++m_assist_count;
+        logInfo("%s %d Add STREAM_TRACK_ASSIST:%d\n", __FILE__, __LINE__, m_assist_count);
+    } else {
+        logWarn("%s %d StreamTrack:%d is not support!\n", __FILE__, __LINE__, track_kind);
+    }
+    return 0;
+}
+
+int CKXDataReceiver::DisableStreamTrack(int track_kind) {
+    CGuard guard(m_mutex);
+    if (track_kind != STREAM_TRACK_ASSIST) {
+        logWarn("%s %d StreamTrack:%d is not support!\n", __FILE__, __LINE__, track_kind);
+    } else if (m_assist_count > 0) {
+        --m_assist_count;
+    }
+    return 0;
+}
+
+void CKXDataReceiver::Close() {
+    {
+        CGuard start_guard(m_start_mutex);
+        bool started = false;
+        {
+            CGuard guard(m_mutex);
+            started = m_started;
+        }
+        if (started && !m_stream_source->Stop(CStreamSource::frame_proc_t(this, &CKXDataReceiver::frame_proc))) {
+            logError("%s:%d m_stream_source->Stop fail\n", __FILE__, __LINE__);
+        }
+        // Taking the mutex also waits out a frame in progress.
+        CGuard guard(m_mutex);
+        m_started = false;
+    }
+    CNetHandler::Close();
+}
+
+int CKXDataReceiver::handle_close(CNetHandler*) {
+    if (m_stream_source != nullptr) {
+        m_stream_source->Close();
+    }
+    delete this;
+    return 0;
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

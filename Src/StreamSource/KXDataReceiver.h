@@ -1,0 +1,166 @@
+#ifndef VIDORA_STREAMSOURCE_KXDATARECEIVER_H
+#define VIDORA_STREAMSOURCE_KXDATARECEIVER_H
+
+#include <cstdint>
+#include <memory>
+
+#include "StreamParser/StreamParser.h"
+#include "Vidora/Flumen/MediaFrame.h"
+#include "Vidora/Names.h"
+#include "Vidora/StreamSource.h"
+#include "Vidora/Types.h"
+
+namespace Kavio {
+namespace Vidora {
+
+class CFrameInfo;
+
+// CKXDataReceiver: the media path of the server. It takes each frame of one host source, finds its track, and puts it
+// into up to three media buffers: as RTP, as MPEG-TS and as a private frame. It starts, pauses and stops the source by
+// counting the clients of each packet form, keeps the play window of a file, and notices changes of format.
+//
+// Results are 0, or -1 with a log line.
+//
+// THREADING  frame_proc: the host's frame thread, under m_mutex from beginning to end. m_mutex guards all that the
+// callback
+//            reads: counts, buffers, tracks, formats, the play window. It is held over the source's format queries, as
+//            in the callback itself, but never over Start, Stop, Pause, Resume or a seek, which may wait for the
+//            callback. m_start_mutex puts those calls of several sessions in a row; it stands above m_mutex.
+// OWNERSHIP  Owns the source, which it closes in handle_close. Borrows the media buffers.
+class CKXDataReceiver : public CNetHandler {
+public:
+    typedef CStreamSource* (*create_src_fun_t)(const char* content);
+
+    CKXDataReceiver();
+
+    void set_create_src_fun(create_src_fun_t create_src_fun) { m_create_src_fun = create_src_fun; }
+    // Makes the source for `content` and begins it; messages go to `notify_id`.
+    int Init(const char* content, long notify_id, int ext);
+
+    // See CDataSource::Play. Live kinds: 0 with nothing done.
+    int Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale);
+    int Play(const UtcTime& start, const UtcTime& end, float speed, bool is_scale);
+    int Pause();
+    // Counts a client of that packet form in, and starts or resumes the source. `cseq` goes into the replay extension.
+    int StartStreaming(packet_type_t packet_type, CMediaBuffer* buffer, int cseq);
+    // Counts a client out. -1 also while others are left, since the source runs on.
+    int StopStreaming(packet_type_t packet_type);
+
+    bool HasVideo();
+    bool HasAudio();
+    int GetVideoFormat(StreamVideoFormat& format);
+    int GetAudioFormat(StreamAudioFormat& format);
+    int GetVideoSpecificInfo(char* buf, int len);
+    // Only of files and tokens.
+    int GetFileRange(uint64_t& length_us);
+    int GetFileRange(UtcTime& begin, UtcTime& end);
+    int GetPlayRange(uint64_t& start_us, uint64_t& end_us);
+    int GetPlayRange(UtcTime& start, UtcTime& end);
+    // The running state of the track at `index` of the track table.
+    int GetSrcInfo(SrcInfo& info, int index);
+    unsigned int GetSSRC(int index);
+    int UpdataStreamInfo(long arg);
+    int EnableStreamTrack(int track_kind);
+    int DisableStreamTrack(int track_kind);
+
+    int handle_message(long sender_id, unsigned int msg, long param) override;
+    int handle_close(CNetHandler* handler) override;
+    void Close() override;
+
+private:
+    static const int MAX_TRACK = 8;
+    static const unsigned int REPLAY_EXT_SIZE = 16;
+
+    ~CKXDataReceiver() override;
+
+    bool is_seekable() const { return m_src_type == SRC_TYPE_FILE || m_src_type == SRC_TYPE_TOKEN; }
+
+    // The stream's information (KXDataReceiver.cpp).
+    void on_first_info();
+    void read_video_format_locked() VIDORA_REQUIRES(m_mutex);
+    void read_audio_format_locked() VIDORA_REQUIRES(m_mutex);
+    void build_tracks_locked() VIDORA_REQUIRES(m_mutex);
+    void add_track_locked(int enc_type, int payload_type, int clock_rate) VIDORA_REQUIRES(m_mutex);
+    void update_tracks_locked() VIDORA_REQUIRES(m_mutex);
+    void reset_tracks_locked() VIDORA_REQUIRES(m_mutex);
+    int check_info_locked() VIDORA_REQUIRES(m_mutex);
+    bool audio_changed_locked() VIDORA_REQUIRES(m_mutex);
+    bool video_changed_locked() VIDORA_REQUIRES(m_mutex);
+
+    // Starting, stopping and the play window (KXDataReceiverPlay.cpp).
+    int set_play(const CTime& start, const CTime& end, float speed, bool is_scale);
+    int set_reverse_window(const CTime& start, const CTime& end, const CTime& now);
+    int set_forward_window(const CTime& start, const CTime& end, const CTime& now);
+    bool window_is_inside_locked() VIDORA_REQUIRES(m_mutex);
+    int check_seekable() const;
+    bool has_range() const;
+    int start_source();
+    int resume_source();
+
+    // The road of a frame (KXDataReceiverFrame.cpp).
+    void frame_proc(const Flumen::CMediaFrame& frame);
+    bool is_at_end_locked() VIDORA_REQUIRES(m_mutex);
+    bool is_outside_file_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
+    int check_format_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
+    int put_frame_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
+    int find_track_locked(int type) VIDORA_REQUIRES(m_mutex);
+    int put_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
+    bool make_rtp_parser_locked(int track) VIDORA_REQUIRES(m_mutex);
+    unsigned int send_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
+    int put_ts_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
+    void put_kx_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
+    void set_replay_ext_locked(const Flumen::CMediaFrame& frame, int track) VIDORA_REQUIRES(m_mutex);
+    static CFrameInfo* make_frame_info(const Flumen::CMediaFrame& frame, int track);
+
+    // Constant after Init.
+    long m_notify_id = 0;
+    src_type_t m_src_type = SRC_TYPE_NONE;
+    CStreamSource* m_stream_source = nullptr;
+    create_src_fun_t m_create_src_fun = nullptr;
+
+    CMutex m_start_mutex;
+    CMutex m_mutex;
+    bool m_has_video VIDORA_GUARDED_BY(m_mutex) = false;
+    bool m_has_audio VIDORA_GUARDED_BY(m_mutex) = false;
+    StreamVideoFormat m_video_format VIDORA_GUARDED_BY(m_mutex);
+    StreamAudioFormat m_audio_format VIDORA_GUARDED_BY(m_mutex);
+    bool m_info_ready VIDORA_GUARDED_BY(m_mutex) = false;  // the format was read after MSG_STREAM_INFO
+
+    // The play window of a file.
+    uint64_t m_file_length_us VIDORA_GUARDED_BY(m_mutex) = 0;
+    float m_speed VIDORA_GUARDED_BY(m_mutex) = 1.0F;
+    bool m_is_scale VIDORA_GUARDED_BY(m_mutex) = false;
+    CTime m_file_begin_time VIDORA_GUARDED_BY(m_mutex);
+    CTime m_file_end_time VIDORA_GUARDED_BY(m_mutex);
+    CTime m_start_time VIDORA_GUARDED_BY(m_mutex);
+    CTime m_end_time VIDORA_GUARDED_BY(m_mutex);
+
+    // Clients and buffers by packet_type_t.
+    int m_client_count[PACKET_TYPE_NONE] VIDORA_GUARDED_BY(m_mutex) = {0, 0, 0};
+    CMediaBuffer* m_media_buffer[PACKET_TYPE_NONE] VIDORA_GUARDED_BY(m_mutex) = {nullptr, nullptr, nullptr};
+    bool m_started VIDORA_GUARDED_BY(m_mutex) = false;  // Start succeeded on the source
+    bool m_paused VIDORA_GUARDED_BY(m_mutex) = false;   // the client counts stay as they are when streaming resumes
+    int m_cseq VIDORA_GUARDED_BY(m_mutex) = -1;         // of the last StartStreaming
+
+    // Tracks. A converter is empty until its track's first frame.
+    int m_channel_num VIDORA_GUARDED_BY(m_mutex) = 0;
+    RtpEncParam m_track[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex);
+    RtpOverTcpParam m_over_tcp[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex);
+    SrcInfo m_src_info[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex);
+    std::shared_ptr<CStreamParser> m_rtp_parser[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex);
+    TsEncParam m_ts_param VIDORA_GUARDED_BY(m_mutex);
+    std::shared_ptr<CStreamParser> m_ts_parser VIDORA_GUARDED_BY(m_mutex);
+
+    // The running stream.
+    bool m_video_changed VIDORA_GUARDED_BY(m_mutex) = false;  // a frame of that kind had a new format
+    bool m_audio_changed VIDORA_GUARDED_BY(m_mutex) = false;
+    int m_assist_count VIDORA_GUARDED_BY(m_mutex) = 0;   // clients that want assist frames
+    int m_packet_state VIDORA_GUARDED_BY(m_mutex) = 0;   // of the last frame
+    double m_last_utc VIDORA_GUARDED_BY(m_mutex) = 0.0;  // of the last frame on the replay road, seconds
+    unsigned char m_replay_ext[REPLAY_EXT_SIZE] VIDORA_GUARDED_BY(m_mutex) = {};
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_STREAMSOURCE_KXDATARECEIVER_H

@@ -1,0 +1,303 @@
+// The road of a frame through CKXDataReceiver: from the host's callback to up to three media buffers.
+#include <cmath>
+#include <cstring>
+#include <new>
+
+#include "FrameInfo.h"
+#include "MediaFrame.h"
+#include "StreamSource/KXDataReceiver.h"
+#include "Tramel/MediaBuffer.h"
+#include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/Ostra/ByteWriter.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const int TAG_TRACK_SHIFT = 24;
+const int TAG_KEY_FRAME = 1;
+const int TAG_OTHER_FRAME = 5;          // may be skipped
+const unsigned int INDEX_OFFSET = 8;    // of the sequence number in the private frame header
+const unsigned int KX_HEADER_SIZE = 6;  // "$", channel, 32-bit length
+const unsigned int COUNTED_PACKET_SIZE = 1440;
+const int RTP_INFO_LENGTH = 32;
+const int KX_INFO_LENGTH = 4;
+
+// The extension of the ONVIF Streaming Specification, 6.3 (RTP header extension of replay).
+const uint16_t REPLAY_EXT_PROFILE = 0xABAC;
+const uint16_t REPLAY_EXT_WORDS = 3;
+const double NTP_OFFSET = 2208988800.0;  // seconds from 1900 to 1970
+const uint8_t REPLAY_CLEAN_POINT = 0x80;
+const uint8_t REPLAY_END = 0x40;
+const uint8_t REPLAY_DISCONTINUITY = 0x20;
+const unsigned int REPLAY_FLAGS_OFFSET = 12;
+
+bool is_video(int type) {
+    return type == FRAME_TYPE_I || type == FRAME_TYPE_P || type == FRAME_TYPE_B;
+}
+
+// Gives a frame to a buffer, which takes over; false if memory is short.
+bool put_media(CMediaBuffer* buffer, const Flumen::CMediaFrame& frame, int flag, int tag) {
+    CMediaFrame* packet = new (std::nothrow) CMediaFrame(frame);
+    if (packet == nullptr) {
+        return false;
+    }
+    buffer->Put(packet, static_cast<int>(frame.size()), flag, tag);
+    return true;
+}
+
+}  // namespace
+
+void CKXDataReceiver::frame_proc(const Flumen::CMediaFrame& frame) {
+    CGuard guard(m_mutex);
+    if (!m_started) {
+        return;
+    }
+    if (m_src_type == SRC_TYPE_TOKEN) {
+        m_stream_source->getPacketType(m_packet_state);
+    }
+    if (m_src_type == SRC_TYPE_FILE) {
+        if (is_at_end_locked()) {
+            logWarn("%s:%d frame handle File_end\n", __FILE__, __LINE__);
+            Notify(m_notify_id, MSG_SRC_END, 0);
+            return;
+        }
+        if (is_outside_file_locked(frame)) {
+            logWarn("%s:%d out of file range.\n", __FILE__, __LINE__);
+            return;
+        }
+    }
+    put_frame_locked(frame);
+}
+
+bool CKXDataReceiver::is_at_end_locked() {
+    m_packet_state = 0;
+    m_stream_source->getPacketType(m_packet_state);
+    logTrace("%s:%d m_packet_state %d\n", __FILE__, __LINE__, m_packet_state);
+    return m_packet_state == 1;
+}
+
+bool CKXDataReceiver::is_outside_file_locked(const Flumen::CMediaFrame& frame) {
+    const double utc = frame.getUtc();
+    const CTime time(utc > 0.0 ? static_cast<uint64_t>(utc) : 0);
+    return time > m_end_time || (m_speed > 0.0F && time >= m_file_end_time) || time < m_start_time ||
+           (m_speed < 0.0F && time <= m_file_begin_time);
+}
+
+int CKXDataReceiver::put_frame_locked(const Flumen::CMediaFrame& frame) {
+    const int type = frame.getType();
+    const int track = find_track_locked(type);
+    if (track < 0) {
+        return 0;
+    }
+    const int tag = (track << TAG_TRACK_SHIFT) | (type == FRAME_TYPE_I ? TAG_KEY_FRAME : TAG_OTHER_FRAME);
+    const bool format_ok = check_format_locked(frame) >= 0;
+    if (format_ok && m_client_count[PACKET_TYPE_RTP] > 0 && m_media_buffer[PACKET_TYPE_RTP] != nullptr &&
+        put_rtp_locked(frame, track, tag) < 0) {
+        return -1;
+    }
+    // Audio doesn't reach the transport stream by this road.
+    if (format_ok && m_client_count[PACKET_TYPE_TS] > 0 && m_media_buffer[PACKET_TYPE_TS] != nullptr &&
+        is_video(type) && put_ts_locked(frame, track, tag) < 0) {
+        return -1;
+    }
+    // Private frames describe themselves, so that a change of format doesn't hold them up.
+    if (m_client_count[PACKET_TYPE_KX] > 0 && m_media_buffer[PACKET_TYPE_KX] != nullptr) {
+        put_kx_locked(frame, track, tag);
+    }
+    return 0;
+}
+
+// The place in the track table; negative for a frame that goes nowhere. All but video and audio count as assist frames,
+// the letter of JPEG among them: a host sends pictures as key frames.
+int CKXDataReceiver::find_track_locked(int type) {
+    if (type == FRAME_TYPE_AUDIO) {
+        return !m_has_audio ? -1 : m_has_video ? 1 : 0;
+    }
+    if (is_video(type)) {
+        return m_has_video ? 0 : -1;
+    }
+    return m_assist_count <= 0 ? -1 : m_has_video && m_has_audio ? 2 : 1;
+}
+
+// -1 for a frame that must not go into RTP and TS, since its format isn't in the SDP yet.
+int CKXDataReceiver::check_format_locked(const Flumen::CMediaFrame& frame) {
+    if (!m_info_ready) {
+        return -1;
+    }
+    const int type = frame.getType();
+    if (frame.getNewFormat() != 0) {
+        logInfo("%s:%d check_format, getNewFormat():%d type:%c\n", __FILE__, __LINE__, frame.getNewFormat(), type);
+        (type == FRAME_TYPE_AUDIO ? m_audio_changed : m_video_changed) = true;
+    }
+    const bool ends_audio_change = m_audio_changed && type == FRAME_TYPE_AUDIO;
+    if (m_audio_changed && !ends_audio_change) {
+        return -1;
+    }
+    if (!ends_audio_change && !(m_video_changed && type == FRAME_TYPE_I)) {
+        return 0;  // while video waits for its key frame other frames pass
+    }
+    const bool changed = check_info_locked() != 0;
+    if (changed) {
+        logWarn("%s:%d sdp info need updata\n", __FILE__, __LINE__);
+        Notify(m_notify_id, MSG_SDP_UPDATE, 0);
+    }
+    if (ends_audio_change) {  // this frame is held back as well
+        m_audio_changed = false;
+        return -1;
+    }
+    m_video_changed = false;
+    return changed ? -1 : 0;
+}
+
+int CKXDataReceiver::put_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) {
+    if (!m_rtp_parser[track] && !make_rtp_parser_locked(track)) {
+        logError("%s:%d rtp stream parser create fail\n", __FILE__, __LINE__);
+        return -1;
+    }
+    if (m_src_type == SRC_TYPE_TOKEN) {
+        set_replay_ext_locked(frame, track);
+    }
+    const unsigned int bytes = send_rtp_locked(frame, track, tag);
+    m_rtp_parser[track]->GetParam(m_track[track]);
+    m_src_info[track].timestamp = m_track[track].timestamp;
+    m_src_info[track].seq = m_track[track].sequence;
+    m_src_info[track].octets += bytes;
+    m_src_info[track].packets += (bytes + COUNTED_PACKET_SIZE - 1) / COUNTED_PACKET_SIZE;
+    return 0;
+}
+
+bool CKXDataReceiver::make_rtp_parser_locked(int track) {
+    m_rtp_parser[track] = CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_RTP);
+    if (!m_rtp_parser[track]) {
+        return false;
+    }
+    m_rtp_parser[track]->SetParam(m_over_tcp[track]);
+    m_rtp_parser[track]->SetParam(m_track[track]);
+    return true;
+}
+
+// Cuts the frame into packets and puts them as one merged packet. The bytes put, 0 on failure.
+unsigned int CKXDataReceiver::send_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) {
+    CStreamParser& parser = *m_rtp_parser[track];
+    const int result = parser.InputFrame(frame);
+    if (result != PARSER_FRAME_READY) {
+        parser.Clean();
+        logError("%s:%d MediaFrame Input fail, ret:%d, frame_type = %c .\n", __FILE__, __LINE__, result,
+                 frame.getType());
+        return 0;
+    }
+    const Flumen::CMediaFrame packets = parser.OutputFrame();
+    if (!packets.valid()) {
+        parser.Clean();
+        logError("%s:%d MediaFrame Input fail, type=%c.\n", __FILE__, __LINE__, frame.getType());
+        return 0;
+    }
+    CMediaBuffer* buffer = m_media_buffer[PACKET_TYPE_RTP];
+    if (CFrameInfo* info = make_frame_info(frame, track)) {
+        buffer->PutFrameInfo(info, RTP_INFO_LENGTH);
+    }
+    return put_media(buffer, packets, 1, tag) ? packets.size() : 0;
+}
+
+CFrameInfo* CKXDataReceiver::make_frame_info(const Flumen::CMediaFrame& frame, int track) {
+    CFrameInfo* info = new (std::nothrow) CFrameInfo;
+    if (info == nullptr) {
+        return nullptr;
+    }
+    CByteReader reader(frame.getBuffer(), frame.size());
+    reader.Skip(INDEX_OFFSET);
+    info->m_track = static_cast<uint32_t>(track);
+    info->m_frame_index = reader.ReadU32Le();
+    info->m_frame_type = frame.getType();
+    info->m_time_ms = CTime::getCurrentMilliSecond();
+    return info;
+}
+
+void CKXDataReceiver::set_replay_ext_locked(const Flumen::CMediaFrame& frame, int track) {
+    const double utc = frame.getUtc();
+    const int type = frame.getType();
+    uint8_t flags = static_cast<uint8_t>(m_replay_ext[REPLAY_FLAGS_OFFSET] & REPLAY_END);
+    if (m_packet_state == 0 || m_packet_state == 1) {  // any other state leaves the bit as it was
+        flags = m_packet_state == 1 ? REPLAY_END : 0;
+    }
+    if (type == FRAME_TYPE_I || type == FRAME_TYPE_JPEG) {
+        flags = static_cast<uint8_t>(flags | REPLAY_CLEAN_POINT);
+    }
+    if (std::fabs(utc - m_last_utc) > 1.0) {
+        flags = static_cast<uint8_t>(flags | REPLAY_DISCONTINUITY);
+    }
+    m_last_utc = utc;
+
+    CByteWriter writer(m_replay_ext, sizeof(m_replay_ext));
+    writer.WriteU16(REPLAY_EXT_PROFILE);
+    writer.WriteU16(REPLAY_EXT_WORDS);
+    // The 32-bit seconds of RFC 5905 wrap in 2036: kept modulo 2^32.
+    writer.WriteU32(static_cast<uint32_t>(static_cast<uint64_t>(utc > 0.0 ? utc + NTP_OFFSET : NTP_OFFSET)));
+    writer.WriteU32(0);
+    writer.WriteU8(flags);
+    writer.WriteU8(static_cast<uint8_t>(m_cseq));
+    writer.WriteU16(0);
+
+    m_track[track].flags |= RTP_FLAG_EXTENSION;
+    static_assert(sizeof(m_track[track].extension) == sizeof(m_replay_ext), "one extension record");
+    std::memcpy(m_track[track].extension, m_replay_ext, sizeof(m_replay_ext));
+    m_rtp_parser[track]->SetParam(m_track[track]);
+}
+
+int CKXDataReceiver::put_ts_locked(const Flumen::CMediaFrame& frame, int track, int tag) {
+    if (!m_ts_parser) {
+        m_ts_parser = CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_TS);
+        if (!m_ts_parser) {
+            logError("%s:%d ts stream parser create fail\n", __FILE__, __LINE__);
+            return -1;
+        }
+        m_ts_parser->SetParam(m_over_tcp[track]);
+        m_ts_parser->SetParam(m_ts_param);
+    }
+    const int result = m_ts_parser->InputFrame(frame);
+    if (result != PARSER_FRAME_READY) {
+        m_ts_parser->Clean();
+        logError("%s:%d MediaFrame Input fail, ret%d\n", __FILE__, __LINE__, result);
+        return 0;
+    }
+    const Flumen::CMediaFrame packets = m_ts_parser->OutputFrame();
+    if (!packets.valid()) {
+        m_ts_parser->Clean();
+        logError("%s:%d MediaFrame Input fail\n", __FILE__, __LINE__);
+        return 0;
+    }
+    put_media(m_media_buffer[PACKET_TYPE_TS], packets, 1, tag);
+    return 0;
+}
+
+// A six-byte header and the frame as it is, as two packets that travel together.
+void CKXDataReceiver::put_kx_locked(const Flumen::CMediaFrame& frame, int track, int tag) {
+    CMediaBuffer* buffer = m_media_buffer[PACKET_TYPE_KX];
+    CMediaFrame* packet = new (std::nothrow) CMediaFrame(frame);
+    const Flumen::CMediaFrame kx_hdr_pkt(KX_HEADER_SIZE);
+    if (packet == nullptr || !kx_hdr_pkt.valid()) {
+        delete packet;
+        logError("%s:%d kx_hdr_pkt invalid\n", __FILE__, __LINE__);
+        return;
+    }
+    CByteWriter writer(kx_hdr_pkt.getBuffer(), KX_HEADER_SIZE);
+    writer.WriteU8('$');
+    writer.WriteU8(static_cast<uint8_t>(track * 2));
+    writer.WriteU32(frame.size());
+    if (!put_media(buffer, kx_hdr_pkt, 0, tag)) {
+        delete packet;
+        return;
+    }
+    const int type = frame.getType();
+    const bool is_media = is_video(type) || type == FRAME_TYPE_AUDIO;
+    CFrameInfo* info = is_media ? make_frame_info(frame, track) : nullptr;
+    if (info != nullptr) {
+        buffer->PutFrameInfo(info, KX_INFO_LENGTH);
+    }
+    buffer->Put(packet, static_cast<int>(frame.size()), is_media ? 1 : 0, tag);
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,297 @@
+#ifndef VIDORA_SVRSESSIONCORE_H
+#define VIDORA_SVRSESSIONCORE_H
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <new>
+#include <string>
+#include <thread>
+
+#include "MachineKeeper.h"
+#include "Protocol/RtspRspParser.h"
+#include "Protocol/SdpParser.h"
+#include "RtspState.h"
+#include "Vidora/AuthModule.h"
+#include "Vidora/DataSource.h"
+#include "Vidora/LiveChannel.h"
+#include "Vidora/Names.h"
+#include "Vidora/RtspSvrConfig.h"
+#include "Vidora/RtspUrlParser.h"
+#include "Vidora/Types.h"
+
+namespace Kavio {
+namespace Vidora {
+
+class CLiveSvr;
+class CRtcpParser;
+class CRtpUdpSender;
+
+// CSvrSessionCore: one RTSP conversation on the server (RFC 2326): all that a plain and a tunnelled session have in
+// common.
+//
+// A derived class reads bytes into m_recv_buffer and calls parse_request, which cuts them into messages and interleaved
+// frames, puts each message through the authentication gate and then into the state machine. The machine calls the
+// on_... operations. A session serves a live channel, which it shares with others and which answers at once, or a data
+// source of its own, which answers DESCRIBE, PLAY and PAUSE by a message later. Media leaves through m_media_sender on
+// the control connection, through m_udp_sender, or from the channel's own multicast sockets.
+//
+// THREADING  Everything runs on the session's strand, that is, in its reactor callbacks, and so no field has a lock but
+//            those below. What comes on other threads only leaves a note and a message for the strand: the result of an
+//            authentication module, and the frame information that runs on the source's thread. A derived class that is
+//            reached from another handler must do the same: Notify, with MSG_SESSION_END. The machine is thus driven
+//            from one thread at a time. The host's event and URL functions are called with no lock held.
+// OWNERSHIP  Owns its sockets, senders, parsers and data source, and holds a reference on its live channel. It dies by
+//            Close, in handle_close, and nowhere else.
+// MEMORY     Taken from the system as untouched pages; what a session doesn't use takes no memory. A peer can make it
+//            keep 4 kB of unread bytes and the machine's ten messages.
+class CSvrSessionCore : public CNetHandler {
+public:
+    // Only the form without exceptions: `new (std::nothrow)`.
+    static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
+    static void operator delete(void* memory, std::size_t size) noexcept;
+
+    // Before the session starts. The event function is taken from the configuration.
+    void SetConfig(const CRtspSvrConfig& config);
+    void set_ip_type(int ip_type) { m_ip_type = ip_type; }
+    void SetLiveSvr(CLiveSvr* live_svr) { m_live_svr = live_svr; }
+
+    // 1 prints the delay of every frame to the debug console, for all sessions of the process; 0, the default, doesn't.
+    // The console command "rtspdelay 0|1" does the same.
+    static void SetDelayLog(int on);
+    static void RegisterConsole();
+
+    int handle_output(int fd) override;
+    int handle_exception(int fd) override;
+    int handle_input_timeout(int fd) override;
+    int64_t handle_timeout(long timer_id) override;
+    int handle_message(long sender_id, unsigned int msg, long param) override;
+
+protected:
+    static const int RTSP_BUF_LEN = 4096;
+    static const int MAX_TRACKS = 8;  // channel pairs of a sink
+
+    // Messages that the session sends itself.
+    enum session_message_t {
+        MSG_SESSION_INIT = 0x1f01,  // the first request waits in m_recv_buffer
+        MSG_SESSION_AUTH = 0x1f02,  // the authentication module has answered
+        MSG_SESSION_LOST = 0x1f03,  // frames were lost
+        MSG_SESSION_END = 0x1f04    // ends the session; the parameter goes to the machine
+    };
+
+    CSvrSessionCore();
+    ~CSvrSessionCore() override;
+
+    // Ends the session in the derived class's way. Called once.
+    virtual void close_session() = 0;
+    // Serves the first request; on the session's strand.
+    virtual int Init() { return 0; }
+
+    // Cuts the m_recv_len bytes of m_recv_buffer and serves what is whole; the rest moves to the front. The count that
+    // is left; negative: the session has to end.
+    int parse_request();
+    // Posts an asynchronous message to the machine; it runs here and now unless an event is being served.
+    void put_asyn_msg(unsigned int msg) { m_machine.put_asyn_msg(msg, 0); }
+
+    CSockStream* m_sock = nullptr;  // the control connection; owned
+    CStreamSender* m_stream_sender = nullptr;
+    IAuthModule* m_auth_module = nullptr;  // null: no authentication
+    CRtspSvrConfig m_config;
+    rtsp_event_func_t m_event_func = nullptr;
+    CSockAddrStorage m_peer_addr;
+    bool m_onvif_user_global = false;
+    bool m_send_rtcp = false;  // set by the derived class
+    int m_recv_len = 0;
+
+    void give_address_event(event_type_t event);
+
+private:
+    friend struct RtspServerOwner<CSvrSessionCore>;
+
+    // What TrackInfo::flags says.
+    enum track_flag_t { TRACK_KNOWN = 1, TRACK_SETUP = 2, TRACK_PLAYING = 4, TRACK_TORN_DOWN = 8, TRACK_PAUSED = 16 };
+
+    // One SDP media.
+    struct TrackInfo {
+        int track_id;
+        int rtp_channel;
+        int rtcp_channel;
+        int send_channel;  // of the sink; -1 until SETUP
+        unsigned int flags;
+        int direction;  // CSdpParser::get_direction
+    };
+
+    // What m_auth_state says.
+    enum auth_state_t { AUTH_PASSED = 2, AUTH_RUNNING = 4, AUTH_CHALLENGING = 8, AUTH_VERIFYING = 16 };
+
+    // Request dispatch.
+    int parse_interleaved(char* cursor);
+    int take_message(char* cursor);
+    void on_interleaved(const unsigned char* data, unsigned int length, int channel);
+    int parse_event(const StateEvent& event);
+    int send_data(const char* text, int length);
+    int send_text(const char* text);
+    int send_error(int status);
+    int on_options(const StateEvent& event);
+    int refuse_parse(const StateEvent& event);
+
+    // Authentication gate.
+    int check_authority(const char* buffer, int length);
+    int ask_challenge(const char* buffer, int length, const char* url);
+    int check_response(const char* buffer, int length, const char* response, bool onvif);
+    int repeat_challenge(const char* buffer, int length);
+    int save_request(const char* buffer, int length);
+    void on_challenge_result(IAuthModule::auth_result_t result, const char* auth_info);
+    void take_waiting_auth_result();
+    void take_auth_result(IAuthModule::auth_result_t result, const char* auth_info);
+    int auth_status(IAuthModule::auth_result_t result, const char* auth_info);
+    void send_saved_challenge();
+    void pass_saved_request();
+
+    // DESCRIBE.
+    int on_describe(const StateEvent& event);
+    int open_data_source(const StateEvent& event, const char* content);
+    int open_live_channel(const StateEvent& event, const char* content);
+    int read_channel_name();
+    void release_source();
+    void release_assist();
+    int read_sdp();
+    int wait_for_sdp();
+    void stop_waiting_for_sdp();
+    int retry_describe();
+    int reply_describe();
+    void build_track_table();
+
+    // SETUP.
+    int on_setup(const StateEvent& event);
+    int setup_multicast(TrackInfo& track, transport_info& transport);
+    int setup_interleaved(TrackInfo& track, transport_info& transport);
+    int setup_udp(TrackInfo& track, transport_info& transport);
+    int make_media_sender();
+    int make_udp_sender(bool multicast);
+    int finish_setup(TrackInfo& track, transport_info& transport, int channel);
+    int find_track_id(const char* url);
+    TrackInfo* find_track(int track_id);
+    void add_setup_track(int track_id);
+    void remove_setup_track(int track_id);
+
+    // PLAY.
+    int on_play(const StateEvent& event);
+    int on_replay(const StateEvent& event);
+    int play_data_source(const StateEvent& event);
+    int reply_play();
+    int warn_play();
+    bool has_sink() const;
+    int build_rtp_info(rtp_info_entry* table, int* count);
+    const rtp_info_entry* find_rtp_info(const rtp_info_entry* table, int count, int track_id) const;
+    const char* generate_play_reply(const rtp_info_entry* entries, int count);
+    void restart_report_timer();
+    int start_media(TrackInfo* single, int cseq);
+    int attach_sinks();
+    int attach_live();
+    void switch_track(const TrackInfo& track, bool on);
+    int start_data_source(int cseq);
+
+    // Parameters, PAUSE, TEARDOWN.
+    int on_set_parameter(const StateEvent& event);
+    int on_get_parameter(const StateEvent& event);
+    int on_pause(const StateEvent& event);
+    int reply_pause();
+    int on_teardown(const StateEvent& event);
+    int teardown_track(TrackInfo& track);
+    void stop_data_source();
+    int on_unsupported(const StateEvent& event);
+
+    // Timers, reports, failures and the end.
+    int send_rtcp_report(int track_filter, bool with_bye);
+    int send_track_report(const TrackInfo& track, bool with_bye);
+    int send_interleaved_report(unsigned char* buffer, unsigned int length, int channel);
+    int send_udp_report(const unsigned char* report, unsigned int length, int channel);
+    void on_frame_info(CMediaPacket* packet, int length, int unused);
+    void give_lost_events();
+    int on_sdp_update();
+    void stop_media();
+    void leave_channel(CLiveChannel* channel);
+    void on_asyn_msg(const StateEvent& event);
+
+    // Calls `call` with the source of either kind; one must be there.
+    template <typename Call>
+    auto of_source(Call call) {
+        return m_live_channel != nullptr ? call(*m_live_channel) : call(*m_data_source);
+    }
+    bool has_source() const { return m_live_channel != nullptr || m_data_source != nullptr; }
+    bool wants_assist() { return m_url_parser.GetLocalStreamProto() == 1; }
+
+    // Where media comes from.
+    CLiveSvr* m_live_svr = nullptr;
+    CLiveChannel* m_live_channel = nullptr;  // a reference on it is held
+    CDataSource* m_data_source = nullptr;    // owned: closed, never deleted
+    CMediaBuffer* m_media_buffer = nullptr;  // owned; a data source puts its packets there
+    std::string m_channel_name;              // content of the live URL
+    int m_channel = 0;                       // its numbers
+    int m_subtype = 0;
+    src_type_t m_src_type = SRC_TYPE_NONE;  // of the URL
+    bool m_is_live = false;
+    int m_sdp_result = 0;  // of the last GetSdp: 1 is a channel that is multicast only
+
+    // Where it goes.
+    CMediaStreamSender* m_media_sender = nullptr;  // interleaved, on m_sock
+    CRtpUdpSender* m_udp_sender = nullptr;
+    int m_transport = 0;                               // rtp_protocol_t of the last SETUP
+    packet_type_t m_packet_type = PACKET_TYPE_NONE;    // of the last SETUP
+    bool m_multicast_setup = false;                    // a multicast SETUP has been answered
+    bool m_media_started = false;                      // the sinks are attached,
+    packet_type_t m_attached_type = PACKET_TYPE_NONE;  // to the buffer of this type,
+    bool m_attached_udp = false;                       // m_udp_sender and not m_media_sender
+    bool m_assist_enabled = false;                     // the assist track was counted in
+    bool m_source_started = false;                     // StartStreaming was called on the data source
+    bool m_streaming = false;                          // from the end of a PLAY to a PAUSE or whole TEARDOWN
+
+    // Tracks.
+    TrackInfo m_tracks[MAX_TRACKS] = {};
+    int m_track_count = 0;
+    int m_setup_tracks[MAX_TRACKS] = {};  // track identifiers, ascending
+    int m_setup_count = 0;
+    CRtcpParser* m_rtcp[MAX_TRACKS] = {};  // by track; owned
+
+    // Dialogue.
+    uint64_t m_wait_id = 0;  // the event that a late reply answers
+    bool m_described = false;
+    bool m_closed = false;          // close_session was called
+    unsigned int m_play_round = 0;  // counts what ends a PLAY, for a reply that is overtaken by it
+    long m_sdp_timer = 0;           // runs while DESCRIBE waits for an SDP
+    int m_sdp_tries = 0;
+    long m_rtcp_timer = 0;
+    int m_timeout_mask = 0;  // time-outs seen: 1 control, 2 UDP keep-alive
+    int m_timeout_need = 1;  // the mask at which the session ends
+    int m_ip_type = 1;
+
+    // Authentication.
+    int m_auth_state = 0;
+    std::string m_challenge;                                        // for a 401
+    std::string m_saved_request;                                    // held while the module judges
+    std::atomic<std::thread::id> m_auth_caller{std::thread::id()};  // the thread that is inside the module now
+    CMutex m_auth_mutex;
+    bool m_auth_answered VIDORA_GUARDED_BY(m_auth_mutex) = false;
+    IAuthModule::auth_result_t m_auth_answer VIDORA_GUARDED_BY(m_auth_mutex) = IAuthModule::AUTH_RESULT_DENIED;
+    bool m_auth_has_text VIDORA_GUARDED_BY(m_auth_mutex) = false;
+    std::string m_auth_text VIDORA_GUARDED_BY(m_auth_mutex);
+
+    // Frame loss; m_last_frame belongs to the source's thread.
+    unsigned int m_last_frame[MAX_TRACKS] = {};
+    std::atomic<unsigned int> m_lost_count{0};
+
+    CMachineKeeper m_machine;
+    CRtspUrlParser m_url_parser;
+    CSdpParser m_sdp;
+    CRtspRspParser m_rsp_parser;
+
+protected:
+    // The last member: behind the bytes of one request its pages stay untouched.
+    char m_recv_buffer[RTSP_BUF_LEN + 1];
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_SVRSESSIONCORE_H

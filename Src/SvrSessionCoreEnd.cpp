@@ -1,0 +1,473 @@
+// Parameters, PAUSE and TEARDOWN, reports and time-outs, and the road by which a session ends.
+
+#include <cstdlib>
+#include <cstring>
+#include <mutex>
+
+#include "FrameInfo.h"
+#include "Protocol/RtcpParser.h"
+#include "RtpUdpSender.h"
+#include "SvrSessionCore.h"
+#include "Tramel/MediaBuffer.h"
+#include "Tramel/MediaStreamSender.h"
+#include "Tramel/SockStream.h"
+#include "Tramel/StreamSender.h"
+#include "Vidora/LiveSvr.h"
+#include "Vidora/Ostra/ByteWriter.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const int TIMEOUT_CONTROL = 1;
+const int TIMEOUT_KEEPALIVE = 2;
+const size_t REPORT_SIZE = 2048;
+const size_t INTERLEAVE_HEADER_SIZE = 4;
+const char BYE_REASON[] = "End of Stream";
+
+std::atomic<bool> delay_log{false};
+
+void set_delay_log_command(int argc, char** argv) {
+    CSvrSessionCore::SetDelayLog(argc > 1 ? atoi(argv[1]) : 1);
+}
+
+}  // namespace
+
+CSvrSessionCore::~CSvrSessionCore() {
+    if (m_auth_module != nullptr) {
+        m_auth_module->Release();
+        m_auth_module = nullptr;
+    }
+    if (m_sock != nullptr) {
+        RemoveSock(*m_sock);
+    }
+    release_source();
+    if (m_stream_sender != nullptr) {
+        m_stream_sender->Close();
+        m_stream_sender = nullptr;
+    }
+    if (m_media_sender != nullptr) {
+        m_media_sender->Detach();
+        m_media_sender->Close();
+        m_media_sender = nullptr;
+    }
+    delete m_sock;
+    m_sock = nullptr;
+    // A session without a data source has reported this already when it began to end.
+    give_address_event(EVENT_CLIENT_DISCONNECTED);
+    logInfo("%s %s this:%p\n", __FILE__, "Vidora::CSvrSessionCore::~CSvrSessionCore", static_cast<void*>(this));
+}
+
+// Nothing in the library reads a parameter's body; the request counts as a sign of life.
+int CSvrSessionCore::on_set_parameter(const StateEvent& event) {
+    return parse_event(event) < 0 ? refuse_parse(event) : send_error(200);
+}
+
+// Clients use it to keep a session alive.
+int CSvrSessionCore::on_get_parameter(const StateEvent& event) {
+    if (parse_event(event) < 0) {
+        return refuse_parse(event);
+    }
+    if (m_rsp_parser.get_body()[0] != '\0') {
+        int length = 0;
+        const char* type = m_rsp_parser.get_content_type(&length);
+        logDebug("%s:%d type:%s len:%d  \n", __FILE__, __LINE__, type, length);
+        logDebug("%s:%d Content: %s\n", __FILE__, __LINE__, m_rsp_parser.get_body());
+    }
+    return send_error(200);
+}
+
+int CSvrSessionCore::on_pause(const StateEvent& event) {
+    if (parse_event(event) < 0) {
+        return refuse_parse(event);
+    }
+    if (m_is_live || m_data_source == nullptr) {
+        // A channel that others share can't be paused. As the reply event has a status above 299 the machine stays in
+        // Play.
+        return m_machine.put_tx_event(1, m_rsp_parser.generate_error_reply(455), 455, event.id) ? 1 : -1;
+    }
+    const int track_id = find_track_id(m_rsp_parser.get_url());
+    for (int i = 0; i < m_track_count; ++i) {
+        if (track_id < 0 || m_tracks[i].track_id == track_id) {
+            m_tracks[i].flags |= TRACK_PAUSED;
+            m_tracks[i].flags &= ~static_cast<unsigned int>(TRACK_PLAYING);
+        }
+    }
+    ++m_play_round;
+    m_source_started = false;
+    m_wait_id = event.id;
+    m_data_source->Pause();
+    return 1;
+}
+
+int CSvrSessionCore::reply_pause() {
+    m_streaming = false;
+    return m_machine.put_tx_event(4, m_rsp_parser.generate_reply(nullptr, 200, nullptr), 200, m_wait_id) ? 0 : -1;
+}
+
+int CSvrSessionCore::on_unsupported(const StateEvent& event) {
+    if (parse_event(event) < 0) {
+        return refuse_parse(event);
+    }
+    const char* reply = m_rsp_parser.generate_error_reply(455);
+    if (reply == nullptr) {
+        logError("%s:%d, get reply 455 failed.\n", __FILE__, __LINE__);
+    }
+    return send_text(reply);
+}
+
+// The machine goes to Init after either form; the connection stays.
+int CSvrSessionCore::on_teardown(const StateEvent& event) {
+    if (parse_event(event) < 0) {
+        return refuse_parse(event);
+    }
+    const int track_id = find_track_id(m_rsp_parser.get_url());
+    ++m_play_round;
+    if (track_id >= 0) {
+        TrackInfo* track = find_track(track_id);
+        return track == nullptr ? send_error(200) : teardown_track(*track);
+    }
+    send_rtcp_report(-1, true);
+    m_setup_count = 0;
+    for (int i = 0; i < m_track_count; ++i) {
+        m_tracks[i].flags = 0;
+    }
+    m_streaming = false;
+    send_error(200);
+    stop_media();
+    stop_data_source();
+    return 0;
+}
+
+int CSvrSessionCore::teardown_track(TrackInfo& track) {
+    if (track.direction == SDP_DIRECTION_SENDONLY) {
+        return send_error(200);
+    }
+    send_rtcp_report(track.track_id, true);
+    if ((track.flags & (TRACK_PLAYING | TRACK_SETUP)) != 0) {
+        switch_track(track, false);
+    }
+    track.flags &= ~static_cast<unsigned int>(TRACK_PLAYING | TRACK_SETUP);
+    track.flags |= TRACK_TORN_DOWN;
+    remove_setup_track(track.track_id);
+    send_error(200);
+    stop_data_source();  // for all tracks: there is no stop of one
+    return 0;
+}
+
+void CSvrSessionCore::stop_data_source() {
+    if (m_data_source != nullptr) {
+        m_data_source->StopStreaming(m_packet_type);
+        m_source_started = false;
+    }
+}
+
+// Ends the reports and takes the sinks off their buffer.
+void CSvrSessionCore::stop_media() {
+    if (m_rtcp_timer != 0) {
+        DestroyTimer(m_rtcp_timer);
+        m_rtcp_timer = 0;
+    }
+    if (m_media_sender != nullptr) {
+        m_timeout_need = TIMEOUT_CONTROL;
+    }
+    if (!m_media_started) {
+        return;
+    }
+    m_media_started = false;
+    if (m_live_channel != nullptr) {
+        if (m_attached_udp && m_multicast_setup) {
+            m_live_channel->StopStreaming(m_attached_type);
+        } else {
+            leave_channel(m_live_channel);
+        }
+    } else if (m_media_buffer != nullptr) {
+        m_attached_udp ? m_media_buffer->DelLevel2Buffer(m_udp_sender) : m_media_buffer->DelSender(m_media_sender);
+    }
+}
+
+// Leaves by the channel's name, and takes the sink off `channel` itself as well: the registry may have dropped the
+// channel, or have another one of that name by now.
+void CSvrSessionCore::leave_channel(CLiveChannel* channel) {
+    const char* name = m_channel_name.c_str();
+    CMediaBuffer* buffer = channel == nullptr ? nullptr : channel->GetMediaBuffer(m_attached_type);
+    if (m_attached_udp) {
+        m_live_svr->LeaveLiveChannel(name, m_udp_sender, m_attached_type);
+        if (buffer != nullptr) {
+            buffer->DelLevel2Buffer(m_udp_sender);
+        }
+    } else {
+        m_live_svr->LeaveLiveChannel(name, m_media_sender, m_attached_type);
+        if (buffer != nullptr) {
+            buffer->DelSender(m_media_sender);
+        }
+    }
+}
+
+// Sender reports of the tracks that play, or of one; with a BYE behind them (RFC 3550 6.6). 0 or -1.
+int CSvrSessionCore::send_rtcp_report(int track_filter, bool with_bye) {
+    if (!has_source()) {
+        return -1;
+    }
+    for (int i = 0; i < m_track_count; ++i) {
+        TrackInfo& track = m_tracks[i];
+        if (track.direction == SDP_DIRECTION_SENDONLY || (track.flags & TRACK_PLAYING) == 0 ||
+            (track_filter != -1 && track.track_id != track_filter)) {
+            continue;
+        }
+        if (m_rtcp[track.rtcp_channel / 2] == nullptr) {
+            return 0;
+        }
+        if (send_track_report(track, with_bye) < 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int CSvrSessionCore::send_track_report(const TrackInfo& track, bool with_bye) {
+    SrcInfo info;
+    if (of_source([&](auto& source) { return source.GetSrcInfo(info, track.track_id); }) < 0) {
+        return -1;
+    }
+    const int channel = of_source([&](auto& source) { return source.GetTcpChannel(track.track_id); }) + 1;
+    CRtcpParser& rtcp = *m_rtcp[track.rtcp_channel / 2];
+    const int sender_info[3] = {static_cast<int>(info.packets), static_cast<int>(info.octets),
+                                static_cast<int>(info.timestamp)};
+    rtcp.set_sender_info(sender_info);
+    if (with_bye) {
+        rtcp.set_bye(nullptr, 0, BYE_REASON, sizeof(BYE_REASON) - 1);
+    }
+    unsigned char buffer[REPORT_SIZE];
+    unsigned int length = REPORT_SIZE - INTERLEAVE_HEADER_SIZE;
+    const bool written = rtcp.get_sr_compound(buffer + INTERLEAVE_HEADER_SIZE, &length) != nullptr;
+    if (with_bye) {
+        rtcp.reset();  // the next play of this track has no BYE in its reports
+    }
+    if (!written) {
+        return -1;
+    }
+    return m_transport == RTP_OVER_UDP ? send_udp_report(buffer + INTERLEAVE_HEADER_SIZE, length, channel)
+                                       : send_interleaved_report(buffer, length, channel);
+}
+
+// `buffer` has room for the header in front of the report.
+int CSvrSessionCore::send_interleaved_report(unsigned char* buffer, unsigned int length, int channel) {
+    CByteWriter header(buffer, INTERLEAVE_HEADER_SIZE);
+    header.WriteU8('$');
+    header.WriteU8(static_cast<uint8_t>(channel));
+    header.WriteU16(static_cast<uint16_t>(length));
+    if (send_data(reinterpret_cast<char*>(buffer), static_cast<int>(length + INTERLEAVE_HEADER_SIZE)) < 0) {
+        logError("%s %d send rtcp falied!\n", __FILE__, __LINE__);
+        return -1;
+    }
+    return 0;
+}
+
+int CSvrSessionCore::send_udp_report(const unsigned char* report, unsigned int length, int channel) {
+    if (m_udp_sender != nullptr &&
+        m_udp_sender->SendRaw(reinterpret_cast<const char*>(report), static_cast<int>(length), channel) < 0) {
+        logError("%s %d channel: %d udp media send falied !\n", __FILE__, __LINE__, channel);
+        return -1;
+    }
+    return 0;
+}
+
+int64_t CSvrSessionCore::handle_timeout(long timer_id) {
+    if (timer_id == m_sdp_timer && timer_id != 0) {
+        if (retry_describe() < 0) {
+            put_asyn_msg(MSG_SRC_READY);
+        }
+    } else if (timer_id == m_rtcp_timer && timer_id != 0 && send_rtcp_report(-1, false) < 0) {
+        put_asyn_msg(MSG_SRC_FAIL);
+    }
+    return 0;
+}
+
+void CSvrSessionCore::SetDelayLog(int on) {
+    delay_log = on != 0;
+}
+
+void CSvrSessionCore::RegisterConsole() {
+    static std::once_flag once;
+    std::call_once(once, [] {
+        Ostra::R3Register(reinterpret_cast<void*>(&set_delay_log_command), "rtspdelay",
+                          "rtspdelay 0|1: print the delay of each frame of each RTSP session");
+    });
+}
+
+// Runs on the source's thread, under its locks, for each frame that goes to this session; the host hears of a loss on
+// the session's strand.
+void CSvrSessionCore::on_frame_info(CMediaPacket* packet, int length, int /*unused*/) {
+    if (packet == nullptr || length < 1) {
+        return;
+    }
+    const CFrameInfo& info = *static_cast<const CFrameInfo*>(packet);
+    if (info.m_track >= static_cast<unsigned int>(MAX_TRACKS)) {
+        return;
+    }
+    unsigned int& last = m_last_frame[info.m_track];
+    if (last == 0) {
+        last = info.m_frame_index;
+        return;
+    }
+    const bool lost = info.m_frame_index - last != 1;
+    if (lost) {
+        logError("%s %d The Event:Lost Packet Happened! Statis: last[%d] -> new[%d], frame type=%c. \n", __FILE__,
+                 __LINE__, static_cast<int>(last), static_cast<int>(info.m_frame_index), info.m_frame_type);
+    }
+    if (delay_log.load(std::memory_order_relaxed)) {
+        char peer[32];
+        m_peer_addr.GetIpStr(peer, sizeof(peer));
+        R3Printf("[Vidora]  Client[%s:%d] frame index[%d], frame type=%c,  delay %llu ms, this %p\n", peer,
+                 m_peer_addr.GetPort(), static_cast<int>(info.m_frame_index), info.m_frame_type,
+                 static_cast<unsigned long long>(CTime::getCurrentMilliSecond() - info.m_time_ms),
+                 static_cast<void*>(this));
+    }
+    last = info.m_frame_index;
+    if (lost && m_event_func != nullptr && m_lost_count.fetch_add(1) == 0) {
+        Notify(GetID(), MSG_SESSION_LOST, 0);
+    }
+}
+
+// One event for each jump.
+void CSvrSessionCore::give_lost_events() {
+    char peer[64];
+    m_peer_addr.GetIpStr(peer, sizeof(peer));
+    LostPacketEvent record = {peer, m_peer_addr.GetPort(), m_channel, m_subtype, GetID()};
+    for (unsigned int count = m_lost_count.exchange(0); count > 0 && m_event_func != nullptr; --count) {
+        m_event_func(EVENT_LOST_PACKET, &record, static_cast<int>(sizeof(record)));
+    }
+}
+
+// The control connection was silent for the keep-alive time.
+int CSvrSessionCore::handle_input_timeout(int fd) {
+    if (m_is_live && m_sdp_result == 1) {
+        return 0;  // a multicast viewer may be silent
+    }
+    // Bits stay set once seen: after one silence on the control connection one lapse of RTCP is enough, and the other
+    // way round. While interleaved media flows no mask is equal.
+    m_timeout_mask |= TIMEOUT_CONTROL;
+    if (m_timeout_mask != m_timeout_need) {
+        return 0;
+    }
+    if (m_sock != nullptr && fd == m_sock->GetHandle()) {
+        logWarn("Rtsp Server Session timeout, this:%p.!\n", static_cast<void*>(this));
+    } else {
+        logWarn("Unknown error in Rtsp Server Session, this:%p!\n", static_cast<void*>(this));
+    }
+    put_asyn_msg(MSG_SESSION_BROKEN);
+    return 0;
+}
+
+int CSvrSessionCore::handle_exception(int /*fd*/) {
+    logWarn("%s:%d, handle_exception this:%p.\n", __FILE__, __LINE__, static_cast<void*>(this));
+    stop_data_source();
+    put_asyn_msg(MSG_SESSION_BROKEN);
+    return 0;
+}
+
+int CSvrSessionCore::handle_message(long /*sender_id*/, unsigned int msg, long param) {
+    int result = 0;
+    switch (msg) {
+        case MSG_SESSION_INIT:
+            Init();
+            break;
+        case MSG_SESSION_AUTH:
+            take_waiting_auth_result();
+            break;
+        case MSG_SESSION_LOST:
+            give_lost_events();
+            break;
+        case MSG_SESSION_END:
+            put_asyn_msg(static_cast<unsigned int>(param));
+            break;
+        case MSG_SOURCE_CLOSED:
+            m_machine.put_asyn_msg(MSG_SOURCE_CLOSED, m_wait_id);
+            break;
+        case MSG_SOCK_EXCEPTION:
+            put_asyn_msg(MSG_SESSION_BROKEN);
+            break;
+        case MSG_SRC_READY:
+            read_sdp();
+            result = reply_describe();
+            break;
+        case MSG_PLAY_READY:
+            result = reply_play();
+            break;
+        case MSG_SRC_PAUSED:
+            result = reply_pause();
+            break;
+        case MSG_SRC_FAIL:
+        case MSG_SRC_END:
+            put_asyn_msg(msg);
+            break;
+        case MSG_SDP_UPDATE:
+            result = on_sdp_update();
+            break;
+        case MSG_KEEPALIVE_TIMEOUT:
+            m_timeout_mask |= TIMEOUT_KEEPALIVE;
+            if (m_timeout_mask == m_timeout_need) {
+                put_asyn_msg(MSG_KEEPALIVE_TIMEOUT);
+            }
+            break;
+        default:
+            break;
+    }
+    if (result < 0) {
+        put_asyn_msg(msg);
+    }
+    return 0;
+}
+
+// A change of the stream's format ends an RTP session, whose SDP would be false; private frames carry the change
+// themselves. A DESCRIBE that waits for the SDP may have it now.
+int CSvrSessionCore::on_sdp_update() {
+    if (m_sdp_timer != 0) {
+        return retry_describe();
+    }
+    if (m_packet_type != PACKET_TYPE_KX && m_described) {
+        put_asyn_msg(MSG_SDP_UPDATE);
+    }
+    return 0;
+}
+
+// The end begins here, whatever its reason: the media stops, the source is let go, the session closes. A data source is
+// waited for: its last message, MSG_SOURCE_CLOSED, comes here again.
+void CSvrSessionCore::on_asyn_msg(const StateEvent& event) {
+    if (event.method == MSG_SOURCE_CLOSED && !m_closed) {
+        m_closed = true;
+        close_session();
+        return;
+    }
+    bool waits = false;
+    stop_waiting_for_sdp();
+    stop_media();
+    if (m_stream_sender != nullptr) {
+        m_stream_sender->Detach();
+        m_stream_sender->Clear();
+    }
+    release_assist();
+    if (m_data_source != nullptr) {
+        m_wait_id = event.id;
+        waits = true;
+        CDataSource* source = m_data_source;
+        m_data_source = nullptr;
+        source->Close();
+    }
+    if (m_live_channel != nullptr) {
+        m_live_channel->DelRef(GetID());
+        m_live_channel = nullptr;
+    }
+    if (!waits && !m_closed) {
+        m_closed = true;
+        close_session();
+    }
+    if (m_closed) {
+        give_address_event(EVENT_CLIENT_DISCONNECTED);
+    }
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

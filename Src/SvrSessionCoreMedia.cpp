@@ -1,0 +1,497 @@
+// DESCRIBE and SETUP: finding the source, describing it, and making the way for its media.
+
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "Protocol/RtcpParser.h"
+#include "RtpUdpSender.h"
+#include "SvrSessionCore.h"
+#include "Tramel/MediaBuffer.h"
+#include "Tramel/MediaStreamSender.h"
+#include "Tramel/SockStream.h"
+#include "Tramel/StrParser.h"
+#include "Vidora/LiveSvr.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const int MAX_CONTENT_SIZE = 256;  // of the host's rewriting
+// A channel that is still starting gets three seconds to have its SDP.
+const int64_t SDP_WAIT_US = 300000;
+const int SDP_MAX_TRIES = 10;
+const int MAX_PORT = 65534;  // of RTP, as RTCP has the next one
+const int HIGHEST_CHANNEL = 15;
+
+// The address of a numeric text; invalid for any other, so that no name of a peer's choice is ever resolved.
+CSockAddrStorage numeric_address(const char* text) {
+    CSockAddrStorage addr;
+    sockaddr_storage native;
+    const CSockAddrIPv4 v4(text, 0);
+    const CSockAddrIPv6 v6(text, 0);
+    const CSockAddr& parsed = v4.IsValid() ? static_cast<const CSockAddr&>(v4) : v6;
+    if (text[0] != '\0' && parsed.GetAddr(reinterpret_cast<sockaddr*>(&native)) == 0) {
+        addr.SetSockAddr(reinterpret_cast<const sockaddr*>(&native), static_cast<unsigned int>(parsed.GetAddrLen()));
+    }
+    return addr;
+}
+
+// An IPv4-mapped address as the plain one, which an IPv4 socket can send to.
+CSockAddrStorage canonical_address(const CSockAddrStorage& addr) {
+    char text[128];
+    return addr.GetRealType() == Tramel::SOCK_ADDR_IPV4 ? numeric_address(addr.GetIpStr(text, sizeof(text))) : addr;
+}
+
+// Reads the number behind `word` in the channel's name. False if there is none.
+bool read_number(CStrParser& name, const char* word, int* number, bool* found) {
+    *found = name.LocateString(word) >= 0;
+    if (!*found) {
+        return false;
+    }
+    name.ConsumeLength(static_cast<unsigned int>(strlen(word)), nullptr, 0);
+    *number = name.ConsumeInt16();
+    return name.GetStatus() == 0;
+}
+
+}  // namespace
+
+int CSvrSessionCore::on_describe(const StateEvent& event) {
+    if (parse_event(event) < 0) {
+        return refuse_parse(event);
+    }
+    const char* url = m_rsp_parser.get_url();
+    m_url_parser = CRtspUrlParser();  // what an earlier DESCRIBE asked for is forgotten
+    if (!m_url_parser.ParseUrl(url, static_cast<unsigned int>(strlen(url)))) {
+        logError("%s:%d, parse url failed., url=%s.\n", __FILE__, __LINE__, url);
+        return -1;
+    }
+    const char* content = m_url_parser.GetContent();
+    char rewritten[MAX_CONTENT_SIZE] = {};
+    const rtsp_url_func_t url_func = m_config.GetUrlFunc();
+    if (url_func != nullptr && url_func(content == nullptr ? "" : content, rewritten, MAX_CONTENT_SIZE) != nullptr) {
+        rewritten[MAX_CONTENT_SIZE - 1] = '\0';
+        content = rewritten;
+    }
+    if (content == nullptr) {
+        content = "";
+    }
+    CRtspUrlParser parser;
+    unsigned int length = static_cast<unsigned int>(strlen(content));
+    parser.ParseContent(content, length);
+    m_src_type = parser.GetSrcType();
+    release_source();
+
+    if (m_src_type == SRC_TYPE_TOKEN) {
+        logInfo("%s:%d, create onvif playback file src.\n", __FILE__, __LINE__);
+    }
+    const bool own_source = m_src_type == SRC_TYPE_PROXY || m_src_type == SRC_TYPE_PROXY_LIVE ||
+                            m_src_type == SRC_TYPE_PROXY_FILE || m_src_type == SRC_TYPE_TOKEN;
+    if (!own_source && m_live_svr != nullptr && m_live_svr->QueryLiveChannel(content) >= 0) {
+        return open_live_channel(event, content);
+    }
+    return open_data_source(event, content);  // a content that is no live channel may be a data source
+}
+
+// The source answers with MSG_SRC_READY.
+int CSvrSessionCore::open_data_source(const StateEvent& event, const char* content) {
+    m_data_source = CDataSource::Create(content);
+    if (m_data_source == nullptr) {
+        send_error(404);
+        return -1;
+    }
+    m_data_source->SetConfig(m_config);
+    m_wait_id = event.id;
+    if (m_data_source->Init(GetID(), 0) < 0) {
+        send_error(404);
+        return -1;  // the source stays until the session ends
+    }
+    return 1;
+}
+
+// Answers through the machine, at once if the channel has its SDP.
+int CSvrSessionCore::open_live_channel(const StateEvent& event, const char* content) {
+    m_is_live = true;
+    m_live_channel = m_live_svr->GetLiveChannel(content, GetID());
+    try {
+        m_channel_name = content;
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+    if (read_channel_name() < 0) {
+        return -1;
+    }
+    m_wait_id = event.id;
+    m_sdp_tries = 0;
+    if (m_live_channel != nullptr && read_sdp() < 0 && wait_for_sdp() == 0) {
+        return 1;
+    }
+    return reply_describe() < 0 ? -1 : 1;
+}
+
+// A live channel's name must hold both words; the numbers serve the event of lost packets.
+int CSvrSessionCore::read_channel_name() {
+    CStrParser name(m_channel_name.data(), static_cast<unsigned int>(m_channel_name.size()));
+    bool found = false;
+    if (!read_number(name, "channel=", &m_channel, &found)) {
+        if (found) {
+            logError("%s %d parser channel info failed!\n", __FILE__, __LINE__);
+        } else {
+            logError("%s %d m_channel_name is not cam/realmonitor?channel=1&subtype=...\n", __FILE__, __LINE__);
+        }
+        return -1;
+    }
+    if (!read_number(name, "subtype=", &m_subtype, &found)) {
+        logError("%s %d parser streamtype info failed!\n", __FILE__, __LINE__);
+        return -1;
+    }
+    return 0;
+}
+
+// Lets go of all that an earlier DESCRIBE brought.
+void CSvrSessionCore::release_source() {
+    stop_waiting_for_sdp();
+    stop_media();
+    release_assist();
+    if (m_data_source != nullptr) {
+        m_data_source->DelNotify(GetID());  // or its end would be taken for the session's
+        m_data_source->Close();
+        m_data_source = nullptr;
+    }
+    if (m_live_channel != nullptr) {
+        m_live_channel->DelRef(GetID());
+        m_live_channel = nullptr;
+    }
+    delete m_media_buffer;
+    m_media_buffer = nullptr;
+    delete m_udp_sender;
+    m_udp_sender = nullptr;
+    for (int i = 0; i < MAX_TRACKS; ++i) {
+        delete m_rtcp[i];
+        m_rtcp[i] = nullptr;
+        if (m_media_sender != nullptr) {
+            m_media_sender->DisableSendChannel(i);
+        }
+    }
+    m_is_live = false;
+    m_sdp_result = 0;
+    m_track_count = 0;
+    m_setup_count = 0;
+    m_multicast_setup = false;
+    m_source_started = false;
+    m_timeout_need = 1;
+    m_timeout_mask &= ~2;  // the keeper that saw it has gone
+}
+
+void CSvrSessionCore::release_assist() {
+    if (m_assist_enabled && has_source()) {
+        of_source([](auto& source) { return source.DisableStreamTrack(STREAM_TRACK_ASSIST); });
+    }
+    m_assist_enabled = false;
+}
+
+// Takes the source's SDP. Its result goes to m_sdp_result as well.
+int CSvrSessionCore::read_sdp() {
+    const bool assist = wants_assist();
+    m_sdp_result = of_source([&](auto& source) { return assist ? source.GetSdp(m_sdp, 1) : source.GetSdp(m_sdp); });
+    return m_sdp_result;
+}
+
+// Tries again by a timer, so that no thread of the pool is held. 0, or -1 if the tries are used up.
+int CSvrSessionCore::wait_for_sdp() {
+    if (m_sdp_tries >= SDP_MAX_TRIES) {
+        return -1;
+    }
+    ++m_sdp_tries;
+    if (m_sdp_timer == 0) {
+        m_sdp_timer = SetTimer(SDP_WAIT_US);
+    }
+    return m_sdp_timer == 0 ? -1 : 0;
+}
+
+void CSvrSessionCore::stop_waiting_for_sdp() {
+    if (m_sdp_timer != 0) {
+        DestroyTimer(m_sdp_timer);
+        m_sdp_timer = 0;
+    }
+}
+
+// The next try of a DESCRIBE that waits.
+int CSvrSessionCore::retry_describe() {
+    if (has_source() && read_sdp() < 0 && wait_for_sdp() == 0) {
+        return 0;
+    }
+    return reply_describe();
+}
+
+// Answers DESCRIBE with the SDP that was read, or without one.
+int CSvrSessionCore::reply_describe() {
+    stop_waiting_for_sdp();
+    if (!has_source()) {
+        logError("%s:%d, invalid parameter.\n", __FILE__, __LINE__);
+        return -1;
+    }
+    if (m_sdp_result < 0) {
+        m_machine.put_tx_event(1, m_rsp_parser.generate_error_reply(404), 404, m_wait_id);
+    } else {
+        build_track_table();
+        m_sdp.GetStream();
+        const char* sdp = m_sdp.get_stream();
+        char reply[RTSP_MAX_MESSAGE + SDP_STREAM_SIZE];
+        snprintf(reply, sizeof(reply), "%s%s", m_rsp_parser.generate_describe_reply(static_cast<int>(strlen(sdp))),
+                 sdp);
+        m_machine.put_tx_event(1, reply, 200, m_wait_id);
+    }
+    m_described = true;
+    return 0;
+}
+
+void CSvrSessionCore::build_track_table() {
+    const int count = m_sdp.get_media_count();
+    m_track_count = 0;
+    if (count < 1) {
+        logError("%s:%d, media_num <=0, media_num=%d\n", __FILE__, __LINE__, count);
+        return;
+    }
+    // Media beyond the sinks' channels can't be set up.
+    for (int i = 0; i < count && m_track_count < MAX_TRACKS; ++i) {
+        const int track_id = m_sdp.get_track_id(i);
+        if (track_id < 0) {
+            continue;
+        }
+        const int n = m_track_count++;
+        m_tracks[n] = {track_id, 2 * n, 2 * n + 1, -1, TRACK_KNOWN, m_sdp.get_direction(m_sdp.get_index(track_id))};
+    }
+}
+
+// The track whose control text stands in the URL, whatever precedes it; -1, which PLAY reads as all tracks, for none. A
+// control that is a prefix of another one matches the first media of the two.
+int CSvrSessionCore::find_track_id(const char* url) {
+    const int count = m_sdp.get_media_count();
+    for (int i = 0; i < count; ++i) {
+        const char* control = m_sdp.get_control(i);
+        CStrParser text(url, static_cast<unsigned int>(strlen(url)));
+        if (control != nullptr && text.LocateStringInLineCase(control) > 0) {
+            return m_sdp.get_track_id(i);
+        }
+    }
+    return -1;
+}
+
+CSvrSessionCore::TrackInfo* CSvrSessionCore::find_track(int track_id) {
+    for (int i = 0; i < m_track_count; ++i) {
+        if (m_tracks[i].track_id == track_id && m_tracks[i].flags != 0) {
+            return &m_tracks[i];
+        }
+    }
+    return nullptr;
+}
+
+int CSvrSessionCore::on_setup(const StateEvent& event) {
+    if (parse_event(event) < 0) {
+        return refuse_parse(event);
+    }
+    if (!has_source()) {
+        logError("%s:%d, reply setup, invalid param.\n", __FILE__, __LINE__);
+        return -1;
+    }
+    transport_info transport = *m_rsp_parser.get_transport();
+    transport.timeout = m_config.GetKeepAliveTimeout();
+    m_packet_type = static_cast<packet_type_t>(transport.packet_kx);
+    if (m_packet_type == PACKET_TYPE_KX) {
+        m_send_rtcp = false;  // private frames get no sender reports
+    }
+    const char* url = m_rsp_parser.get_url();
+    const int track_id = find_track_id(url);
+    if (track_id < 0) {
+        logError("%s %d url: %s get track id failed!\n", __FILE__, __LINE__, url);
+        return -1;
+    }
+    TrackInfo* track = find_track(track_id);
+    if (track == nullptr) {
+        logError("%s %d client process crushed!\n", __FILE__, __LINE__);
+        return -1;
+    }
+    if (track->direction == SDP_DIRECTION_SENDONLY) {
+        return send_error(503);
+    }
+    add_setup_track(track_id);
+    const bool multicast_channel = m_sdp_result == 1;
+    if (multicast_channel && transport.multicast == 0) {
+        return send_error(461);
+    }
+    m_transport = transport.transport;
+    if (multicast_channel) {
+        return setup_multicast(*track, transport);
+    }
+    return m_transport == RTP_OVER_RTSP ? setup_interleaved(*track, transport) : setup_udp(*track, transport);
+}
+
+void CSvrSessionCore::add_setup_track(int track_id) {
+    int place = 0;
+    while (place < m_setup_count && m_setup_tracks[place] < track_id) {
+        ++place;
+    }
+    if ((place < m_setup_count && m_setup_tracks[place] == track_id) || m_setup_count >= MAX_TRACKS) {
+        return;
+    }
+    memmove(&m_setup_tracks[place + 1], &m_setup_tracks[place],
+            static_cast<size_t>(m_setup_count - place) * sizeof(m_setup_tracks[0]));
+    m_setup_tracks[place] = track_id;
+    ++m_setup_count;
+}
+
+void CSvrSessionCore::remove_setup_track(int track_id) {
+    int kept = 0;
+    for (int i = 0; i < m_setup_count; ++i) {
+        if (m_setup_tracks[i] != track_id) {
+            m_setup_tracks[kept++] = m_setup_tracks[i];
+        }
+    }
+    m_setup_count = kept;
+}
+
+// The channel's own sockets send; the session only tells the client where.
+int CSvrSessionCore::setup_multicast(TrackInfo& track, transport_info& transport) {
+    const int media_port = m_sdp.get_media_port(track.track_id);
+    if (transport.rtp_port != 0 && transport.rtp_port != media_port) {
+        logError("%s:%d, setup.cli_rtp_channel=%d, sdp_rtp_channel=%d.\n", __FILE__, __LINE__, transport.rtp_port,
+                 media_port);
+        return -1;
+    }
+    if (transport.rtp_port == 0) {
+        transport.rtp_port = media_port;
+        transport.rtcp_port = media_port + 1;
+    }
+    transport.ssrc = of_source([&](auto& source) { return source.GetSSRC(track.track_id); });
+    multicast_info multicast;
+    sdp_connection_t connection;
+    if (m_sdp.get_connection(&connection) == 0) {
+        const char* address = connection.address.Get();
+        snprintf(multicast.addr, sizeof(multicast.addr), "%s", address == nullptr ? "" : address);
+        multicast.ttl = connection.ttl;
+    }
+    const char* reply = m_rsp_parser.generate_setup_reply(&transport, &multicast);
+    if (reply == nullptr) {
+        logError("%s:%d, get MULTICAST setup reply failed.\n", __FILE__, __LINE__);
+        return -1;
+    }
+    m_multicast_setup = true;
+    return send_text(reply);
+}
+
+// The source decides the channels, not the client's wish (RFC 2326 12.39 lets the server choose).
+int CSvrSessionCore::setup_interleaved(TrackInfo& track, transport_info& transport) {
+    const int channel = of_source([&](auto& source) { return source.GetTcpChannel(track.track_id); });
+    if (make_media_sender() < 0 || channel < 0 || channel > HIGHEST_CHANNEL) {
+        return -1;
+    }
+    transport.server_rtp_port = channel;
+    transport.server_rtcp_port = channel + 1;
+    return finish_setup(track, transport, channel);
+}
+
+int CSvrSessionCore::make_media_sender() {
+    if (m_media_sender != nullptr) {
+        return 0;
+    }
+    m_media_sender = CMediaStreamSender::Create();
+    if (m_media_sender == nullptr) {
+        return -1;
+    }
+    m_media_sender->Attach(m_sock);
+    m_media_sender->WaitException(GetID());
+    const int timeout = m_config.GetKeepAliveTimeout();
+    m_media_sender->SetSendTimeout(static_cast<unsigned int>(timeout < 0 ? 0 : timeout));
+    m_media_sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(this, &CSvrSessionCore::on_frame_info));
+    for (int i = 0; i < MAX_TRACKS; ++i) {
+        m_media_sender->DisableSendChannel(i);
+    }
+    return 0;
+}
+
+// A request that can't be served over UDP gets a 461, upon which clients fall back to the control connection.
+int CSvrSessionCore::setup_udp(TrackInfo& track, transport_info& transport) {
+    const int channel = of_source([&](auto& source) { return source.GetTcpChannel(track.track_id); });
+    int port = 0;
+    if (transport.rtp_port < 1 || transport.rtp_port > MAX_PORT || channel < 0 || channel > HIGHEST_CHANNEL ||
+        make_udp_sender(transport.multicast != 0) < 0 ||
+        m_udp_sender->OpenPair(&port, transport.rtp_port, channel) < 0) {
+        return send_error(461);
+    }
+    transport.server_rtp_port = port;
+    transport.server_rtcp_port = port + 1;
+    return finish_setup(track, transport, channel);
+}
+
+int CSvrSessionCore::make_udp_sender(bool multicast) {
+    if (m_udp_sender != nullptr) {
+        return 0;
+    }
+    CSockAddrStorage remote;
+    const multicast_info* wish = m_rsp_parser.get_multicast();
+    if (!multicast) {
+        m_sock->GetRemoteAddr(&remote);
+        remote = canonical_address(remote);
+    } else {
+        // Only a group: an address of the client's choice would let it aim the stream at somebody else. RFC 2326 16.
+        remote = numeric_address(wish->addr);
+        if (!remote.IsMulticast()) {
+            return -1;
+        }
+    }
+    CRtpUdpSender* sender = new (std::nothrow) CRtpUdpSender;
+    if (sender == nullptr) {
+        return -1;
+    }
+    sender->SetConfig(&m_config);
+    sender->Init(m_track_count);
+    if (multicast) {
+        sender->SetTtl(wish->ttl);
+    }
+    sender->SetRemote(remote);
+    for (int i = 0; i < MAX_TRACKS; ++i) {
+        sender->DisableTrack(i);
+    }
+    m_udp_sender = sender;
+    return 0;
+}
+
+int CSvrSessionCore::finish_setup(TrackInfo& track, transport_info& transport, int channel) {
+    transport.ssrc = of_source([&](auto& source) { return source.GetSSRC(track.track_id); });
+    track.send_channel = channel / 2;
+    if (track.flags != TRACK_TORN_DOWN) {
+        switch_track(track, true);
+    }
+    track.flags |= TRACK_SETUP;
+    CRtcpParser*& rtcp = m_rtcp[track.rtcp_channel / 2];
+    if (rtcp == nullptr) {
+        rtcp = new (std::nothrow) CRtcpParser(transport.ssrc);
+    }
+    const char* reply = m_rsp_parser.generate_setup_reply(
+        &transport, transport.multicast != 0 ? m_rsp_parser.get_multicast() : nullptr);
+    if (reply == nullptr) {
+        logError("%s:%d, get unicast setup reply failed.\n", __FILE__, __LINE__);
+        return -1;
+    }
+    return send_text(reply);
+}
+
+// Lets the sink pass a track, or not.
+void CSvrSessionCore::switch_track(const TrackInfo& track, bool on) {
+    if (track.send_channel < 0) {
+        return;
+    }
+    if (m_transport == RTP_OVER_UDP) {
+        if (m_udp_sender != nullptr) {
+            on ? m_udp_sender->EnableTrack(track.send_channel) : m_udp_sender->DisableTrack(track.send_channel);
+        }
+    } else if (m_media_sender != nullptr) {
+        on ? m_media_sender->SetSendChannel(track.send_channel)
+           : m_media_sender->DisableSendChannel(track.send_channel);
+    }
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

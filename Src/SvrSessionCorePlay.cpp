@@ -1,0 +1,298 @@
+// PLAY: the reply, and the start of the media.
+
+#include <cstdio>
+#include <cstring>
+#include <new>
+
+#include "RtpUdpSender.h"
+#include "SvrSessionCore.h"
+#include "Tramel/MediaBuffer.h"
+#include "Tramel/MediaStreamSender.h"
+#include "Vidora/LiveSvr.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const uint64_t NOT_GIVEN = ~uint64_t{0};
+const double US_PER_SECOND = 1000000.0;
+const double MAX_NPT_SECONDS = 1e12;  // beyond any recording; its microseconds fit 64 bits
+const long NO_USER = 0;               // no handler has this identifier
+const int64_t REPORT_PERIOD_US = 5000000;
+
+// Seconds of a Range header as microseconds; below 0 is "not given".
+uint64_t npt_to_us(double seconds) {
+    if (!(seconds >= 0)) {
+        return NOT_GIVEN;
+    }
+    return static_cast<uint64_t>((seconds < MAX_NPT_SECONDS ? seconds : MAX_NPT_SECONDS) * US_PER_SECOND);
+}
+
+double us_to_npt(uint64_t us) {
+    return us == NOT_GIVEN ? -1.0 : static_cast<double>(us) / US_PER_SECOND;
+}
+
+}  // namespace
+
+int CSvrSessionCore::on_play(const StateEvent& event) {
+    if (parse_event(event) < 0) {
+        return refuse_parse(event);
+    }
+    return m_is_live ? reply_play() : play_data_source(event);
+}
+
+// The source answers with MSG_PLAY_READY, or MSG_SRC_FAIL.
+int CSvrSessionCore::play_data_source(const StateEvent& event) {
+    if (m_data_source == nullptr) {
+        return -1;
+    }
+    m_wait_id = event.id;
+    bool is_scale = false;
+    const float speed = m_rsp_parser.get_speed(&is_scale);
+    if (m_rsp_parser.get_range_type() == 1) {
+        UtcTime begin;
+        UtcTime end;
+        m_rsp_parser.get_clock_range(&begin, &end);
+        m_data_source->Play(begin, end, speed, is_scale);
+    } else {
+        double begin = -1.0;
+        double end = -1.0;
+        m_rsp_parser.get_npt_range(&begin, &end);
+        m_data_source->Play(npt_to_us(begin), npt_to_us(end), speed, is_scale);
+    }
+    return 1;
+}
+
+// PLAY while playing: nothing to change on a live channel, a seek on a data source.
+int CSvrSessionCore::on_replay(const StateEvent& event) {
+    if (parse_event(event) < 0) {
+        return refuse_parse(event);
+    }
+    if (m_is_live) {
+        const char* reply = m_rsp_parser.generate_error_reply(200);
+        if (reply == nullptr) {
+            logError("%s:%d, get reply 200 failed.\n", __FILE__, __LINE__);
+        }
+        return send_text(reply);
+    }
+    for (int i = 0; i < m_track_count; ++i) {
+        if (m_tracks[i].direction != SDP_DIRECTION_SENDONLY) {
+            m_tracks[i].flags &= ~static_cast<unsigned int>(TRACK_PLAYING);
+        }
+    }
+    m_source_started = false;
+    if (m_data_source == nullptr || m_data_source->StopStreaming(m_packet_type) < 0) {
+        return -1;
+    }
+    return play_data_source(event);
+}
+
+// Answers PLAY and starts the media: in the request itself on a live channel, on MSG_PLAY_READY on a data source.
+int CSvrSessionCore::reply_play() {
+    rtp_info_entry table[MAX_TRACKS];
+    int count = 0;
+    if (!has_source() || build_rtp_info(table, &count) < 0) {
+        return warn_play();
+    }
+    const rtp_info_entry* entries = table;
+    const int track_id = find_track_id(m_rsp_parser.get_url());  // -1: all tracks
+    TrackInfo* single = nullptr;
+    if (track_id >= 0) {
+        entries = find_rtp_info(table, count, track_id);
+        single = find_track(track_id);
+        count = 1;
+        if (entries == nullptr || single == nullptr) {
+            logError("%s %d client process crushed!\n", __FILE__, __LINE__);
+            return -1;
+        }
+        if (single->direction == SDP_DIRECTION_SENDONLY) {
+            return send_error(503);
+        }
+    }
+    const char* reply = generate_play_reply(entries, count);
+    if (reply == nullptr || !has_sink()) {
+        return warn_play();
+    }
+    restart_report_timer();
+    const int cseq = m_rsp_parser.get_range_cseq();
+    if (m_is_live) {
+        send_text(reply);
+    } else {
+        // This can run the requests that waited behind PLAY. One that ends the play again has the last word.
+        const unsigned int round = m_play_round;
+        m_machine.put_tx_event(3, reply, 200, m_wait_id);
+        if (m_data_source == nullptr) {
+            return warn_play();
+        }
+        if (round != m_play_round) {
+            return 0;
+        }
+    }
+    return start_media(single, cseq);
+}
+
+int CSvrSessionCore::warn_play() {
+    logWarn("%s:%d, this:%p.\n", "Vidora::CSvrSessionCore::reply_play", __LINE__, static_cast<void*>(this));
+    return -1;
+}
+
+bool CSvrSessionCore::has_sink() const {
+    return m_multicast_setup || (m_transport == RTP_OVER_UDP ? m_udp_sender != nullptr : m_media_sender != nullptr);
+}
+
+// One entry for each track that was set up, with where its stream is now (RFC 2326 12.33).
+int CSvrSessionCore::build_rtp_info(rtp_info_entry* table, int* count) {
+    *count = m_setup_count;
+    for (int i = 0; i < m_setup_count; ++i) {
+        const int track_id = m_setup_tracks[i];
+        SrcInfo info;
+        if (of_source([&](auto& source) { return source.GetSrcInfo(info, track_id); }) < 0) {
+            logError("%s:%d, get src info failed., track_id_it=%d.\n", __FILE__, __LINE__, track_id);
+            return -1;
+        }
+        const char* control = m_sdp.get_control_by_id(track_id);
+        snprintf(table[i].url, sizeof(table[i].url), "%s", control == nullptr ? "" : control);
+        table[i].seq = info.seq;
+        table[i].rtptime = info.timestamp;
+    }
+    return 0;
+}
+
+const rtp_info_entry* CSvrSessionCore::find_rtp_info(const rtp_info_entry* table, int count, int track_id) const {
+    for (int i = 0; i < count && table[i].url[0] != '\0'; ++i) {
+        if (m_sdp.get_track_by_control(table[i].url) == track_id) {
+            return &table[i];
+        }
+    }
+    return nullptr;
+}
+
+const char* CSvrSessionCore::generate_play_reply(const rtp_info_entry* entries, int count) {
+    if (m_rsp_parser.get_range_type() == 1) {
+        UtcTime begin;
+        UtcTime end;
+        of_source([&](auto& source) { return source.GetPlayRange(begin, end); });
+        return m_rsp_parser.generate_play_reply_clock(entries, count, &begin, &end);
+    }
+    uint64_t begin = NOT_GIVEN;
+    uint64_t end = NOT_GIVEN;
+    of_source([&](auto& source) { return source.GetPlayRange(begin, end); });
+    return m_rsp_parser.generate_play_reply(entries, count, us_to_npt(begin), us_to_npt(end));
+}
+
+// A sender report every five seconds (RFC 3550 6.2).
+void CSvrSessionCore::restart_report_timer() {
+    if (m_rtcp_timer != 0) {
+        DestroyTimer(m_rtcp_timer);
+        m_rtcp_timer = 0;
+    }
+    if (m_send_rtcp) {
+        m_rtcp_timer = SetTimer(REPORT_PERIOD_US);
+    }
+}
+
+// `single`: the one track that the PLAY named, or null for all.
+int CSvrSessionCore::start_media(TrackInfo* single, int cseq) {
+    if (m_media_started) {
+        if (single != nullptr && (single->flags & TRACK_TORN_DOWN) != 0) {
+            switch_track(*single, true);
+        }
+    } else if (attach_sinks() < 0) {
+        return -1;
+    }
+    if (!m_is_live && start_data_source(cseq) < 0) {
+        return -1;
+    }
+    for (int i = 0; i < m_track_count; ++i) {
+        TrackInfo& track = m_tracks[i];
+        if (track.direction != SDP_DIRECTION_SENDONLY && (single == nullptr || single == &track)) {
+            track.flags |= TRACK_PLAYING;
+            track.flags &= ~static_cast<unsigned int>(TRACK_TORN_DOWN | TRACK_PAUSED);
+        }
+    }
+    m_streaming = true;
+    return 0;
+}
+
+int CSvrSessionCore::attach_sinks() {
+    if (!m_is_live && m_media_buffer == nullptr) {
+        m_media_buffer = new (std::nothrow) CMediaBuffer;
+        if (m_media_buffer == nullptr) {
+            return -1;
+        }
+        m_media_buffer->EnableAutoSend();
+    }
+    m_media_started = true;
+    m_attached_type = m_packet_type;
+    m_attached_udp = m_transport == RTP_OVER_UDP;
+    if (wants_assist() && !m_assist_enabled) {
+        m_assist_enabled = true;
+        of_source([](auto& source) { return source.EnableStreamTrack(STREAM_TRACK_ASSIST); });
+    }
+    if (!m_attached_udp) {
+        m_timeout_need = 0;  // no mask equals it: a client on TCP may be silent while it plays
+    }
+    if (m_is_live) {
+        if (attach_live() < 0) {
+            logError("%s:%d, EnterLiveChannel failed, this:%p.\n", __FILE__, __LINE__, static_cast<void*>(this));
+            return -1;
+        }
+    } else if (m_attached_udp) {
+        m_media_buffer->AddLevel2Buffer(m_udp_sender);
+    } else {
+        m_media_buffer->AddSender(m_media_sender);
+    }
+    const int timeout = m_config.GetKeepAliveTimeout();
+    if (m_attached_udp && timeout > 0 && m_udp_sender != nullptr) {
+        m_timeout_need |= 2;
+        m_udp_sender->StartKeepAlive(GetID(), timeout);
+    }
+    return 0;
+}
+
+int CSvrSessionCore::attach_live() {
+    if (m_attached_udp && m_multicast_setup) {
+        logInfo("%s:%d, start streaming now. m_packet_type=%d. this=%p. \n", __FILE__, __LINE__, m_packet_type,
+                static_cast<void*>(this));
+        m_live_channel->StartStreaming(m_packet_type);  // the channel has the sinks
+        return 0;
+    }
+    const char* name = m_channel_name.c_str();
+    if (m_live_svr == nullptr || (m_attached_udp ? m_udp_sender == nullptr : m_media_sender == nullptr)) {
+        return -1;
+    }
+    const int entered = m_attached_udp ? m_live_svr->EnterLiveChannel(name, m_udp_sender, m_packet_type)
+                                       : m_live_svr->EnterLiveChannel(name, m_media_sender, m_packet_type);
+    if (entered < 0) {
+        return -1;
+    }
+    // The registry finds a channel by its name. One that was published anew since DESCRIBE is another channel, which
+    // this session holds no reference on.
+    CLiveChannel* now = m_live_svr->GetLiveChannel(name, NO_USER);  // our own identifier stands in its list already
+    const bool same = now == m_live_channel;
+    if (!same) {
+        leave_channel(now);
+    }
+    if (now != nullptr) {
+        now->DelRef(NO_USER);
+    }
+    return same ? 0 : -1;
+}
+
+// A resume after a pause takes this road, too.
+int CSvrSessionCore::start_data_source(int cseq) {
+    if (m_source_started) {
+        return 0;
+    }
+    const int result = m_data_source->StartStreaming(m_packet_type, m_media_buffer, cseq);
+    if (result < 0) {
+        logError("%s:%d, startstreaming has problem, enable=%d..\n", __FILE__, __LINE__, result);
+        return -1;
+    }
+    m_source_started = true;
+    return 0;
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,49 @@
+#ifndef VIDORA_UDPSOCKPAIR_H
+#define VIDORA_UDPSOCKPAIR_H
+
+#include "Tramel/SockDgram.h"
+#include "Vidora/Names.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// CUdpSockPair: the two sockets of one RTP track, RTP on an even port and RTCP on the port above it (RFC 3550 11).
+//
+// The ports that this process holds are kept in a table, so that the search for a free pair costs no system call for a
+// port that is known to be taken, however many sessions run.
+//
+// THREADING  OpenInRange, OpenAt and the destructor may run on any threads for different pairs; the table has a lock of
+//            its own. One pair is used by one thread at a time.
+class CUdpSockPair {
+public:
+    CUdpSockPair() = default;
+    ~CUdpSockPair();
+    CUdpSockPair(const CUdpSockPair&) = delete;
+    CUdpSockPair& operator=(const CUdpSockPair&) = delete;
+
+    // Opens both sockets on the wildcard address of `family` (a sock_addr_type_t) at the lowest free pair from
+    // `min_port` (rounded up to even) on, below `max_port`; the first pair is tried in any case. `port` gets the last
+    // port that was tried. 0, or -1 if no pair is free.
+    int OpenInRange(int min_port, int max_port, int family, int* port);
+    // Opens both sockets at `port` and the one above it. A socket that can't be opened stays invalid.
+    void OpenAt(int port, int family);
+
+    // The family of the last open: a sock_addr_type_t.
+    int Family() const { return m_family; }
+    CSockDgram& Rtp() { return m_rtp; }
+    CSockDgram& Rtcp() { return m_rtcp; }
+
+private:
+    bool search(int first, int limit, int family, bool retry, int* port, bool* passed_over);
+    bool open_at(int port, int family);
+
+    CSockDgram m_rtp;
+    CSockDgram m_rtcp;
+    int m_held_port = 0;  // in the table; 0 for none
+    int m_family = 0;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_UDPSOCKPAIR_H

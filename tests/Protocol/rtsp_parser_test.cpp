@@ -1,0 +1,235 @@
+// What both codecs share: the boundary rule, ranges and rates, bodies, extra headers.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+
+#include "Protocol/RtspRspParser.h"
+#include "Protocol/RtspTables.h"
+#include "Tramel/StrParser.h"
+#include "support/Capture.h"
+#include "support/RtspText.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+using Support::Crlf;
+
+int check(CRtspParser& parser, const std::string& text, rtsp_msg_info* info) {
+    // A heap block of the exact size and without a NUL: a read behind it is seen by the sanitizer.
+    const std::unique_ptr<char[]> exact(new char[text.size() + 1]);
+    std::memcpy(exact.get() + 1, text.data(), text.size());
+    return parser.check_message(exact.get() + 1, static_cast<unsigned int>(text.size()), info);
+}
+
+const char SET_PARAMETER[] =
+    "SET_PARAMETER rtsp://127.0.0.1/live RTSP/1.0\nCSeq: 9\ncontent-length:  5\nContent-type: text/parameters\n\n";
+
+TEST(RtspBoundary, EveryCutOfAMessageAsksForMore) {
+    CRtspRspParser parser;
+    const Support::CLogCapture log;
+    const std::string message = "\r\n \r\n" + Crlf(SET_PARAMETER) + "a: b\n";
+    for (size_t cut = 0; cut < message.size(); ++cut) {
+        rtsp_msg_info info;
+        ASSERT_EQ(check(parser, message.substr(0, cut), &info), RTSP_INCOMPLETE) << cut;
+    }
+    rtsp_msg_info info;
+    EXPECT_EQ(check(parser, message + message, &info), static_cast<int>(message.size()));
+    EXPECT_EQ(info.method, RTSP_METHOD_SET_PARAMETER);
+    EXPECT_EQ(info.cseq, 9);
+    EXPECT_TRUE(log.Lines().empty());
+}
+
+TEST(RtspBoundary, LimitIsOnTheBufferAndNotOnTheMessage) {
+    CRtspRspParser parser;
+    rtsp_msg_info info;
+    const std::string message = Crlf("OPTIONS * RTSP/1.0\nCSeq: 1\n\n");
+    const std::string full = message + std::string(4096 - message.size(), 'x');
+    EXPECT_EQ(check(parser, full, &info), static_cast<int>(message.size()));
+    EXPECT_EQ(check(parser, full + "x", &info), RTSP_BAD_MESSAGE);
+}
+
+TEST(RtspBoundary, FirstLineAndLengthAreJudged) {
+    const struct {
+        const char* name;
+        std::string text;
+        int result;  // 0: the whole text
+        int logged;
+    } rows[] = {
+        {"unknown method with a CSeq", "RECORD * RTSP/1.0\nCSeq: 3\n\n", 0, 0},
+        {"known method with CSeq 0", "PLAY * RTSP/1.0\nCSeq: 0\n\n", 0, 0},
+        {"unknown method with CSeq 0", "RECORD * RTSP/1.0\nCSeq: 0\n\n", RTSP_BAD_MESSAGE, 1},
+        {"lower-case method, no CSeq", "play * RTSP/1.0\n\n", RTSP_BAD_MESSAGE, 1},
+        {"CSeq above 32 bits", "RECORD * RTSP/1.0\nCSeq: 4294967296\n\n", RTSP_BAD_MESSAGE, 1},
+        {"body length that 16 bits cannot hold counts as none", "PLAY * RTSP/1.0\nCSeq: 1\nContent-Length: 40000\n\n",
+         0, 0},
+        {"body length in the body", "PLAY * RTSP/1.0\nCSeq: 1\nContent-Length\n\nContent-Length: 9\n\n", 44, 0},
+        {"a NUL ends the text", std::string("PLAY * RTSP/1.0\nCSeq: 1\n\0\n\n", 27), RTSP_INCOMPLETE, 0},
+        {"blanks only", "\n\n  \n\n", RTSP_INCOMPLETE, 0},
+    };
+    for (const auto& row : rows) {
+        CRtspRspParser parser;
+        rtsp_msg_info info;
+        const Support::CLogCapture log;
+        const std::string text = Crlf(row.text);
+        const int whole = static_cast<int>(text.size());
+        EXPECT_EQ(check(parser, text, &info), row.result == 0 ? whole : row.result) << row.name;
+        EXPECT_EQ(log.Count("RTSP_WRONG_FORMATA:"), row.logged) << row.name;
+        EXPECT_EQ(log.Count("recv_len:" + std::to_string(whole)), row.logged) << row.name;
+    }
+}
+
+TEST(RtspRange, RangesAndRatesOfAllForms) {
+    const struct {
+        const char* headers;
+        int type;
+        double begin;
+        double end;
+        float speed;
+        bool is_scale;
+    } rows[] = {
+        {"", 0, -1, -1, 1, false},
+        {"Range: npt=0.000-\n", 0, 0, -1, 1, false},  // open: no end, and not the end 0
+        {"Range: npt=10.5-20\n", 0, 10.5, 20, 1, false},
+        {"Range: npt=now-\nBlocksize: 7\n", 0, 7, -1, 1, false},  // the next digit, wherever it is
+        {"range: NPT=now-\n", 0, 0, -1, 1, false},
+        {"Range: clock=20200102T030405Z-\n", 1, -1, -1, 1, false},
+        {"Speed: -2.0\n", 0, -1, -1, -2, false},
+        {"Scale: 4\nSpeed: 2\n", 0, -1, -1, 2, false},
+        {"Scale: -0.5\n", 0, -1, -1, -0.5F, true},
+        {"Speed: fast\n", 0, -1, -1, 1, false},
+        {"Rate-Control: no\n", 0, -1, -1, 16, false},
+        {"Rate-Control: yes\n", 0, -1, -1, 1, false},
+    };
+    for (const auto& row : rows) {
+        CRtspRspParser parser;
+        const std::string text = Crlf(std::string("PLAY rtsp://h/x RTSP/1.0\nCSeq:\n") + row.headers + "\n");
+        CStrParser reader(text.c_str(), static_cast<unsigned int>(text.size()));
+        EXPECT_EQ(parser.parse_range_speed(reader), 0);
+        double begin = 0;
+        double end = 0;
+        bool is_scale = false;
+        parser.get_npt_range(&begin, &end);
+        EXPECT_EQ(parser.get_range_type(), row.type) << row.headers;
+        EXPECT_EQ(begin, row.begin) << row.headers;
+        EXPECT_EQ(end, row.end) << row.headers;
+        EXPECT_EQ(parser.get_speed(&is_scale), row.speed) << row.headers;
+        EXPECT_EQ(is_scale, row.is_scale) << row.headers;
+    }
+}
+
+bool operator==(const UtcTime& a, const UtcTime& b) {
+    return std::memcmp(&a, &b, sizeof a) == 0;
+}
+
+TEST(RtspRange, ClockTimesAreReadAndWritten) {
+    const UtcTime whole = {2020, 1, 2, 3, 4, 5, 0};
+    const UtcTime fine = {2020, 1, 2, 3, 4, 5, 678};
+    const struct {
+        const char* text;
+        int result;
+        UtcTime begin;
+        UtcTime end;
+    } rows[] = {
+        {"20200102T030405Z-", 16, whole, {}},
+        {"20200102T030405Z-\r\n", 16, whole, {}},
+        {"20200102T030405.678Z-20200102T030405Z\r\n", 16, fine, whole},
+        {"20200102T030405Z-20200102T030405.678Z", 20, whole, fine},
+        {"20200102T030405Z-2020", -1, whole, {}},
+        {"20200102T030405.6", 20, {2020, 1, 2, 3, 4, 5, 6}, {}},  // ends before its 20 bytes do
+        {"20200102T03040", -1, {}, {}},
+        {"-", -1, {}, {}},
+    };
+    for (const auto& row : rows) {
+        UtcTime begin;
+        UtcTime end;
+        const std::vector<char> exact(row.text, row.text + std::strlen(row.text));
+        EXPECT_EQ(CRtspParser::parse_clock_range(exact.data(), static_cast<unsigned int>(exact.size()), &begin, &end),
+                  row.result)
+            << row.text;
+        EXPECT_TRUE(begin == row.begin && end == row.end) << row.text;
+    }
+
+    char out[128];
+    EXPECT_STREQ(CRtspParser::format_clock_range(out, sizeof out, &whole, nullptr),
+                 "Range: clock=20200102T030405Z-\r\n");
+    const UtcTime seven = {2020, 1, 2, 3, 4, 5, 7};
+    EXPECT_STREQ(CRtspParser::format_clock_range(out, sizeof out, &seven, &fine),
+                 "Range: clock=20200102T030405.07Z-20200102T030405.678Z\r\n");
+    const SmpteTime smpte = {1, 2, 3};
+    EXPECT_STREQ(CRtspParser::format_smpte_range(out, sizeof out, nullptr, &smpte), "Range: smpte=-01:02:03\r\n");
+    EXPECT_STREQ(CRtspParser::format_smpte_range(out, 20, &smpte, nullptr), "Range: smpte=01:02:");
+    EXPECT_EQ(CRtspParser::format_clock_range(nullptr, 0, &whole, nullptr), nullptr);
+}
+
+TEST(RtspBody, BodyAndTypeAreReadWithinTheirBuffers) {
+    CRtspRspParser parser;
+    const auto read = [&parser](const std::string& text) {
+        CStrParser reader(text.data(), static_cast<unsigned int>(text.size()));
+        return parser.parse_body(reader);
+    };
+    int length = 0;
+    EXPECT_EQ(read(Crlf(SET_PARAMETER) + "a: b\nrest"), 0);
+    EXPECT_STREQ(parser.get_body(), "a: b\n");
+    EXPECT_STREQ(parser.get_content_type(&length), "text/parameters");
+    EXPECT_EQ(length, 5);
+    // Without the header the body goes, length and type stay.
+    EXPECT_EQ(read(Crlf("GET_PARAMETER * RTSP/1.0\nCSeq: 1\n\n")), 0);
+    EXPECT_STREQ(parser.get_body(), "");
+    EXPECT_STREQ(parser.get_content_type(&length), "text/parameters");
+    EXPECT_EQ(length, 5);
+    // More announced than there is, and a type longer than its buffer.
+    EXPECT_EQ(read("Content-Length: 6000\r\nContent-Type: " + std::string(5000, 't') + "\r\n\r\nshort"), 0);
+    EXPECT_STREQ(parser.get_body(), "");
+    EXPECT_EQ(std::strlen(parser.get_content_type(&length)), 1024U);
+    EXPECT_EQ(read("Content-Length: 6000\r\n\r\n" + std::string(6000, 'b')), 0);
+    EXPECT_EQ(std::strlen(parser.get_body()), 4096U);
+}
+
+TEST(RtspExtraHeaders, TablesKeepTheirOrderAndBounds) {
+    CRtspRspParser parser;
+    EXPECT_EQ(parser.set_ext_key(RTSP_METHOD_PLAY, "X-B", "2"), 0);
+    EXPECT_EQ(parser.set_ext_key(RTSP_METHOD_PLAY, "X-A", nullptr), 0);
+    EXPECT_EQ(parser.set_ext_key(8, "X", "1"), -1);
+    EXPECT_EQ(parser.set_ext_key(0, nullptr, "1"), -1);
+    EXPECT_EQ(parser.set_ext_key(-1, "X", "1"), 0);  // passes the test of the method, and must go nowhere
+
+    std::string lines;
+    EXPECT_EQ(parser.build_ext_headers(RTSP_METHOD_PLAY, lines), 0);
+    EXPECT_EQ(lines, "X-A: \r\nX-B: 2\r\n");
+    for (const int method : {-1, 8}) {
+        EXPECT_EQ(parser.build_ext_headers(method, lines), -1);
+        EXPECT_EQ(lines, "");
+    }
+    CRtspParser::ext_keys_t tables[8];
+    EXPECT_EQ(parser.get_ext_keys(tables), 0);
+    EXPECT_EQ(parser.remove_ext_key(RTSP_METHOD_PLAY, "X-A"), 0);
+    EXPECT_EQ(parser.remove_ext_key(RTSP_METHOD_PLAY, nullptr), -1);
+    EXPECT_EQ(parser.remove_ext_key(9, "X-B"), 0);
+    parser.build_ext_headers(RTSP_METHOD_PLAY, lines);
+    EXPECT_EQ(lines, "X-B: 2\r\n");
+    EXPECT_EQ(parser.remove_ext_key(8, ""), 0);
+    parser.build_ext_headers(RTSP_METHOD_PLAY, lines);
+    EXPECT_EQ(lines, "");
+    EXPECT_EQ(parser.set_ext_keys(tables), 0);
+    parser.build_ext_headers(RTSP_METHOD_PLAY, lines);
+    EXPECT_EQ(lines, "X-A: \r\nX-B: 2\r\n");
+}
+
+TEST(RtspTables, EveryRowIsFoundAgain) {
+    for (int method = 0; method < RTSP_METHOD_COUNT; ++method) {
+        EXPECT_EQ(RtspMethodOf(RtspMethodName(method)), method);
+    }
+    EXPECT_EQ(RtspMethodName(-1), nullptr);
+    EXPECT_EQ(RtspMethodName(8), nullptr);
+    int statuses = 0;
+    for (const rtsp_status_row* row = RTSP_STATUSES; row->code != 0; ++row, ++statuses) {
+        EXPECT_STREQ(RtspReason(row->code), row->reason) << row->code;  // no code stands twice
+    }
+    EXPECT_EQ(statuses, 44);
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio

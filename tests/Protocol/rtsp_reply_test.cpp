@@ -1,0 +1,376 @@
+// The client's codec: every request as a whole text, and replies as cameras and servers send them.
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <cstring>
+#include <thread>
+
+#include "Protocol/RtspReqParser.h"
+#include "support/Capture.h"
+#include "support/RtspText.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+using Support::Crlf;
+
+int read(CRtspReqParser& parser, const std::string& text) {
+    const std::string message = Crlf(text);
+    return parser.parse_message(message.data(), static_cast<unsigned int>(message.size()), nullptr);
+}
+
+std::string request(const std::string& line, int cseq, const std::string& rest = "") {
+    return Crlf(line + " RTSP/1.0\nUser-Agent: Rtsp Client/2.0\nCSeq: " + std::to_string(cseq) + "\n" + rest + "\n");
+}
+
+const char TAG[] = "Require: www.onvif.org/ver20/backchannel\n";
+
+TEST(RtspClientRequest, EveryRequestAsItIsSent) {
+    CRtspReqParser parser;
+    EXPECT_EQ(parser.generate_options(), request("OPTIONS *", 1));
+    parser.set_url("rtsp://h:8554/live");
+    EXPECT_EQ(parser.generate_options(), request("OPTIONS rtsp://h:8554/live", 2));
+    EXPECT_EQ(parser.generate_describe(), request("DESCRIBE rtsp://h:8554/live", 3, "Accept: application/sdp\n"));
+    EXPECT_EQ(read(parser, "RTSP/1.0 200 OK\nCSeq: 3\nContent-Base: rtsp://h:8554/live/\n\n"), 0);
+
+    transport_info t;
+    t.rtcp_port = 1;
+    std::strcpy(t.url, "trackID=0");
+    EXPECT_EQ(parser.generate_setup(&t, nullptr, true),
+              request("SETUP rtsp://h:8554/live/trackID=0", 4, "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\n"));
+    EXPECT_EQ(read(parser, "RTSP/1.0 200 OK\nCSeq: 4\nSession: 1234;timeout=60\nTransport: RTP/AVP/TCP\n\n"), 0);
+    const std::string session = "Session: 1234\n";
+    parser.set_ext_key(RTSP_METHOD_PAUSE, "X-Ext", "1");
+    EXPECT_EQ(parser.generate_pause(), request("PAUSE rtsp://h:8554/live", 5, session + "X-Ext: 1\n"));
+    EXPECT_EQ(parser.generate_parameter(RTSP_METHOD_GET_PARAMETER, nullptr, "text/x"),
+              request("GET_PARAMETER rtsp://h:8554/live", 6, session));
+    EXPECT_EQ(
+        parser.generate_parameter(RTSP_METHOD_SET_PARAMETER, "a: b\r\n", nullptr),
+        request("SET_PARAMETER rtsp://h:8554/live", 7, session + "Content-Length: 6\nContent-Type: text/parameters\n") +
+            "a: b\r\n");
+    EXPECT_EQ(parser.generate_parameter(8, nullptr, nullptr), nullptr);
+
+    const std::string kept = parser.generate_pause();
+    char buffer[512];
+    parser.set_back_channel(1);
+    EXPECT_EQ(parser.generate_teardown(buffer, sizeof buffer), buffer);
+    EXPECT_EQ(buffer, request("TEARDOWN rtsp://h:8554/live", 9, session + TAG));
+    EXPECT_EQ(std::strlen(parser.generate_teardown(buffer, 40)), 39U);
+    EXPECT_EQ(parser.generate_teardown(nullptr, 0), request("TEARDOWN rtsp://h:8554/live", 11, session + TAG));
+    EXPECT_EQ(parser.generate_describe(),
+              request("DESCRIBE rtsp://h:8554/live", 12, session + "Accept: application/sdp\n" + TAG));
+    parser.set_next_cseq(1);
+    EXPECT_EQ(parser.generate_options(), request("OPTIONS rtsp://h:8554/live", 1, session));
+    parser.set_next_cseq(100);
+    EXPECT_EQ(parser.generate_options(), request("OPTIONS rtsp://h:8554/live", 100, session));
+
+    const Support::CAssertCapture asserts;
+    parser.set_url(nullptr);
+    EXPECT_EQ(asserts.Texts(), std::vector<std::string>{"url!=NULL"});
+}
+
+TEST(RtspClientRequest, SetupUrlsAndTransports) {
+    const struct {
+        const char* track;
+        int transport;
+        int multicast;
+        bool with_info;
+        const char* url;
+        const char* line;
+    } rows[] = {
+        {"", 0, 0, false, "rtsp://h/live/", "RTP/AVP/TCP;unicast;interleaved=6-7"},
+        {"rtsp://other/t", 1, 0, true, "rtsp://other/t", "RTP/AVP;unicast;client_port=6-7"},
+        {"t", 1, 1, true, "rtsp://h/live/t", "RTP/AVP;multicast;destination=232.1.1.1;port=6-7;ttl=5 "},
+        {"t", 1, 1, false, "rtsp://h/live/t", "RTP/AVP;multicast;client_port=6-7 "},
+    };
+    for (const auto& row : rows) {
+        CRtspReqParser parser;
+        parser.set_url("rtsp://h/live");
+        parser.set_back_channel(1);
+        transport_info t;
+        std::strcpy(t.url, row.track);
+        t.transport = row.transport;
+        t.multicast = static_cast<uint8_t>(row.multicast);
+        t.rtp_port = 6;
+        t.rtcp_port = 7;
+        multicast_info m;
+        std::strcpy(m.addr, "232.1.1.1");
+        m.ttl = 5;
+        EXPECT_EQ(parser.generate_setup(&t, row.with_info ? &m : nullptr, true),
+                  request(std::string("SETUP ") + row.url, 1, std::string("Transport: ") + row.line + "\n" + TAG));
+    }
+    CRtspReqParser parser;
+    transport_info t;
+    t.transport = 2;
+    const Support::CAssertCapture asserts;
+    EXPECT_EQ(parser.generate_setup(&t, nullptr, false), nullptr);
+    EXPECT_EQ(asserts.Texts().size(), 1U);
+}
+
+TEST(RtspClientRequest, PlayRangesAndRates) {
+    CRtspReqParser parser;
+    parser.set_url("rtsp://h/x");
+    const UtcTime utc = {2020, 1, 2, 3, 4, 5, 0};
+    const SmpteTime smpte = {1, 2, 3};
+    const auto play = [](int cseq, const std::string& headers) { return request("PLAY rtsp://h/x", cseq, headers); };
+    EXPECT_EQ(parser.generate_play(-1, 5, 1, true), play(1, ""));
+    EXPECT_EQ(parser.generate_play(0, 0, 2, true), play(2, "Scale: 2.000\nRange: npt=0.000000-\n"));
+    EXPECT_EQ(parser.generate_play(1.5F, 20, -0.5F, false), play(3, "Speed: -0.500\nRange: npt=1.500000-20.000000\n"));
+    EXPECT_EQ(parser.generate_play_clock(&utc, nullptr, 1, false), play(4, "Range: clock=20200102T030405Z-\n"));
+    parser.set_back_channel(1);
+    EXPECT_EQ(parser.generate_play_smpte(&smpte, &smpte, 1, false),
+              play(5, std::string("Range: smpte=01:02:03-01:02:03\n") + TAG));
+}
+
+TEST(RtspClientRequest, PlayUrlFollowsTheBase) {
+    const struct {
+        const char* url;
+        const char* base;
+        const char* play;
+        const char* again;
+    } rows[] = {
+        {"rtsp://h/live", "", "rtsp://h/live", "rtsp://h/live"},
+        {"rtsp://h/live", "rtsp://10.0.0.1:554/live/", "rtsp://10.0.0.1:554/live/", "rtsp://10.0.0.1:554/live"},
+        {"rtsp://h/live?a=1", "rtsp://10.0.0.1/live/", "rtsp://10.0.0.1/live/?a=1", "rtsp://10.0.0.1/live/?a=1"},
+        {"rtsp://h/live/sub", "rtsp://10.0.0.1/live", "rtsp://10.0.0.1/live/sub", "rtsp://10.0.0.1/live/sub"},
+        {"rtsp://h/live", "rtsp://10.0.0.1/else/", "rtsp://10.0.0.1/else", "rtsp://10.0.0.1/else"},
+        {"rtsp://h/live", "rtsp://10.0.0.1/", "rtsp://h/live", "rtsp://h/live"},
+        {"rtsp://h/live", "sub", "rtsp://h/sub", "rtsp://h/sub"},
+        {"rtsp://h/live", "/top/", "rtsp://h/top", "rtsp://h/top"},
+        {"rtsp://h", "sub", "rtsp://h", "rtsp://h"},  // no path to put it behind
+    };
+    for (const auto& row : rows) {
+        CRtspReqParser parser;
+        parser.set_url(row.url);
+        parser.generate_describe();
+        const std::string reply = std::string("RTSP/1.0 200 OK\nCSeq: 1\nContent-Base: ") + row.base + "\n\n";
+        EXPECT_EQ(read(parser, reply), 0);
+        EXPECT_EQ(parser.generate_play(-1, 0, 1, true), request(std::string("PLAY ") + row.play, 2)) << row.base;
+        EXPECT_EQ(parser.generate_play(-1, 0, 1, true), request(std::string("PLAY ") + row.again, 3)) << row.base;
+    }
+}
+
+// After what cameras and servers send; addresses and names are made up.
+TEST(RtspClientReply, ConversationWithACamera) {
+    CRtspReqParser parser;
+    parser.set_url("rtsp://192.168.0.64/main");
+    parser.generate_options();
+    EXPECT_EQ(read(parser,
+                   "RTSP/1.0 200 OK\nCSeq: 1\nPublic: OPTIONS, DESCRIBE, PLAY, PAUSE, SETUP, TEARDOWN, "
+                   "SET_PARAMETER, GET_PARAMETER\nDate:  Mon, Jan 05 2015 12:00:00 GMT\n\n"),
+              0);
+    EXPECT_STREQ(parser.get_public(), "OPTIONS, DESCRIBE, PLAY, PAUSE, SETUP, TEARDOWN, SET_PARAMETER, GET_PARAMETER");
+    parser.generate_describe();
+    EXPECT_EQ(read(parser,
+                   "RTSP/1.0 401 Unauthorized\nCSeq: 2\nWWW-Authenticate: Digest realm=\"cam\", "
+                   "nonce=\"cc01\", stale=\"FALSE\"\nWWW-Authenticate: Basic realm=\"cam\"\n\n"),
+              RTSP_CHALLENGE);
+    EXPECT_STREQ(parser.get_auth(), "Digest realm=\"cam\", nonce=\"cc01\", stale=\"FALSE\"");
+    EXPECT_EQ(parser.get_method(), RTSP_METHOD_DESCRIBE);
+    parser.generate_describe();
+    EXPECT_EQ(read(parser,
+                   "RTSP/1.0 200 OK\nCSeq: 3\nContent-Type: application/sdp\nContent-Base: "
+                   "rtsp://192.168.0.64/main/\nContent-Length: 7\n\nv=0\ns=x"),
+              0);
+    EXPECT_STREQ(parser.get_base_url(), "rtsp://192.168.0.64/main/");
+    EXPECT_STREQ(parser.get_body(), "v=0\r\ns=");
+    EXPECT_STREQ(parser.get_content_type(nullptr), "application/sdp");
+    transport_info t;
+    parser.generate_setup(&t, nullptr, false);
+    EXPECT_EQ(read(parser,
+                   "RTSP/1.0 200 OK\nCSeq: 4\nSession:        1373842283;timeout=60\nTransport: "
+                   "RTP/AVP/TCP;unicast;interleaved=2-3;ssrc=4a6b8d1f;mode=\"play\"\n\n"),
+              0);
+    EXPECT_STREQ(parser.get_session(), "Session:        1373842283\r\n");
+    EXPECT_EQ(parser.get_transport()->server_rtp_port, 2);
+    EXPECT_EQ(parser.get_transport()->server_rtcp_port, 3);
+    EXPECT_EQ(parser.get_transport()->ssrc, 0x4a6b8d1fU);
+    parser.generate_play(0, 0, 1, false);
+    EXPECT_EQ(read(parser,
+                   "RTSP/1.0 200 OK\nCSeq: 5\nSession: 99\nRange: npt=0.5-30\nRTP-Info: "
+                   "url=rtsp://192.168.0.64/main/trackID=1;seq=65000;rtptime=3000000000,"
+                   " url=trackID=2;rtptime=7;seq=8\n\n"),
+              0);
+    EXPECT_STREQ(parser.get_session(), "Session:        1373842283\r\n");
+    int count = 0;
+    const rtp_info_entry* info = parser.get_rtp_info(&count);
+    ASSERT_EQ(count, 2);
+    EXPECT_STREQ(info[0].url, "rtsp://192.168.0.64/main/trackID=1");
+    EXPECT_EQ(info[0].seq, 65000U);
+    EXPECT_EQ(info[0].rtptime, 3000000000U);
+    EXPECT_STREQ(info[1].url, "trackID=2");
+    EXPECT_EQ(info[1].seq, 8U);
+    EXPECT_EQ(info[1].rtptime, 7U);
+    double begin = 0;
+    double end = 0;
+    parser.get_npt_range(&begin, &end);
+    EXPECT_EQ(begin, 0.5);
+    EXPECT_EQ(end, 30);
+    parser.generate_parameter(RTSP_METHOD_GET_PARAMETER, nullptr, nullptr);
+    EXPECT_EQ(read(parser, "RTSP/1.0 200 OK\nCSeq: 6\nContent-Length: 2\n\nok"), 0);
+    EXPECT_STREQ(parser.get_body(), "ok");
+}
+
+TEST(RtspClientReply, TransportsOfServers) {
+    const struct {
+        const char* transport;
+        int result;
+        int udp;
+        int multicast;
+        int ports[4];  // client pair, server pair
+        const char* addr;
+        int ttl;
+    } rows[] = {
+        {"Transport: RTP/AVP;unicast;client_port=4588-4589;server_port=6256-6257;ssrc=2A3F93ED",
+         0,
+         1,
+         0,
+         {4588, 4589, 6256, 6257},
+         "",
+         0},
+        {"Transport: RTP/AVP/UDP;unicast;source=10.0.0.1;server_port=6256-6257;client_port=4588-4589",
+         0,
+         1,
+         0,
+         {4588, 4589, 6256, 6257},
+         "",
+         0},
+        {"Transport: RTP/AVP;destination=232.1.1.1;port=5000-5001;ttl=15",
+         0,
+         1,
+         1,
+         {0, 0, 5000, 5001},
+         "232.1.1.1",
+         15},
+        {"Transport: RTP/AVP;unicast;destination=192.168.0.5;client_port=1-2", 0, 1, 0, {1, 2, 0, 0}, "", 0},
+        {"Transport: RTP/AVP;multicast;destination=239.0.0.1;port=7", 0, 1, 1, {0, 0, 7, 0}, "239.0.0.1", 0},
+        {"Transport: KX/AVP/TCP;unicast;interleaved=0-1", 0, 0, 0, {0, 0, 0, 1}, "", 0},
+        {"X: y", 0, 0, 0, {0, 0, 0, 0}, "", 0},
+        {"Transport: RAW/RAW", -1, 0, 0, {0, 0, 0, 0}, "", 0},
+    };
+    for (const auto& row : rows) {
+        CRtspReqParser parser;
+        parser.set_next_cseq(7);
+        transport_info request_info;
+        parser.generate_setup(&request_info, nullptr, false);
+        EXPECT_EQ(read(parser, std::string("RTSP/1.0 200 OK\nCSeq: 7\n") + row.transport + "\n\n"), row.result);
+        const transport_info* t = parser.get_transport();
+        EXPECT_EQ(t->transport, row.udp) << row.transport;
+        EXPECT_EQ(t->packet_kx, std::strstr(row.transport, "KX") != nullptr ? 1 : 0);
+        EXPECT_EQ(t->multicast, row.multicast) << row.transport;
+        const int ports[] = {t->rtp_port, t->rtcp_port, t->server_rtp_port, t->server_rtcp_port};
+        EXPECT_EQ(std::memcmp(ports, row.ports, sizeof ports), 0) << row.transport;
+        EXPECT_STREQ(parser.get_multicast()->addr, row.addr) << row.transport;
+        EXPECT_EQ(parser.get_multicast()->ttl, row.ttl) << row.transport;
+    }
+}
+
+TEST(RtspClientReply, StatusesAndFaults) {
+    const struct {
+        const char* text;
+        int result;
+        int status;
+        const char* redirect;
+    } rows[] = {
+        {"RTSP/1.0 302 Moved\nCSeq: 1\nLocation: rtsp://other/x y\n\n", 0, 302, "rtsp://other/x y"},
+        {"RTSP/1.0 301 Moved\nCSeq: 1\nLocation: http://other/\n\n", -1, 400, ""},
+        {"RTSP/1.0 305 Use Proxy\nCSeq: 1\n\n", 0, 400, ""},
+        {"RTSP/1.0 404 Not Found\nCSeq: 1\n\n", 0, 404, ""},
+        {"RTSP/1.0 401 Unauthorized\nCSeq: 77\n\n", RTSP_CHALLENGE, 401, ""},
+        {"RTSP/1.0 200 OK\nServer: x\n\n", -1, 0, ""},
+        {"RTSP/1.0 200 OK\nCSeq: 1\n", -1, 0, ""},
+        {"HTTP/1.1 200 OK\nCSeq: 1\n\n", RTSP_NO_HEADER, 0, ""},
+        {"$$$ rtsp/1.0 200 OK\nCSeq: 1\n\n", 0, 200, ""},
+    };
+    for (const auto& row : rows) {
+        CRtspReqParser parser;
+        parser.set_url("rtsp://h/x");
+        parser.generate_describe();
+        EXPECT_EQ(read(parser, row.text), row.result) << row.text;
+        EXPECT_EQ(parser.get_status(), row.status) << row.text;
+        EXPECT_STREQ(parser.get_redirect_url(), row.redirect) << row.text;
+    }
+    CRtspReqParser parser;
+    EXPECT_EQ(parser.parse_message(nullptr, 3, nullptr), -1);
+    EXPECT_EQ(parser.parse_message("x", 0, nullptr), -1);
+}
+
+TEST(RtspClientReply, RepliesFindTheirRequestsOnce) {
+    CRtspReqParser parser;
+    const Support::CLogCapture log;
+    parser.generate_options();
+    parser.generate_describe();
+    // The second answer comes first; the late first one must not turn the counter back.
+    EXPECT_EQ(read(parser, "RTSP/1.0 200 OK\nCSeq: 2\n\n"), 0);
+    EXPECT_EQ(parser.get_method(), RTSP_METHOD_DESCRIBE);
+    EXPECT_EQ(read(parser, "RTSP/1.0 200 OK\nCSeq: 1\n\n"), 0);
+    EXPECT_EQ(parser.get_method(), RTSP_METHOD_OPTIONS);
+    EXPECT_EQ(log.Count("unknow method!"), 0);
+    EXPECT_EQ(read(parser, "RTSP/1.0 200 OK\nCSeq: 1\n\n"), 0);
+    EXPECT_EQ(parser.get_method(), RTSP_METHOD_UNKNOWN);
+    EXPECT_EQ(log.Count("unknow method!\nrecv:RTSP/1.0 200 OK\r\nCSeq: 1\r\n\r\n\n"), 1);
+    EXPECT_EQ(parser.generate_pause(), request("PAUSE ", 3));
+    // check_message uses the request up; its triple brings the method to the reader.
+    const std::string reply = Crlf("RTSP/1.0 200 OK\nCSeq: 3\n\n");
+    rtsp_msg_info info;
+    EXPECT_EQ(parser.check_message(reply.data(), static_cast<unsigned int>(reply.size()), &info),
+              static_cast<int>(reply.size()));
+    EXPECT_EQ(parser.parse_message(reply.data(), static_cast<unsigned int>(reply.size()), &info), 0);
+    EXPECT_EQ(parser.get_method(), RTSP_METHOD_PAUSE);
+}
+
+TEST(RtspClientReply, TablesAndTextsAreBounded) {
+    CRtspReqParser parser;
+    parser.generate_play(0, 0, 1, false);
+    std::string info = "RTSP/1.0 200 OK\nCSeq: 1\nRTP-Info: ";
+    for (int i = 0; i < 40; ++i) {
+        info += "url=t" + std::to_string(i) + ";seq=70000,";
+    }
+    EXPECT_EQ(read(parser, info + "\n\n"), 0);
+    int count = 0;
+    const rtp_info_entry* entries = parser.get_rtp_info(&count);
+    EXPECT_EQ(count, 32);
+    EXPECT_STREQ(entries[31].url, "t31");
+    EXPECT_EQ(entries[31].seq, 0U);  // no 16-bit number
+    parser.generate_play(0, 0, 1, false);
+    EXPECT_EQ(read(parser, "RTSP/1.0 200 OK\nCSeq: 2\nRTP-Info:\n\n"), 0);
+    parser.get_rtp_info(&count);
+    EXPECT_EQ(count, 0);
+
+    transport_info t;
+    parser.generate_setup(&t, nullptr, false);
+    EXPECT_EQ(read(parser, "RTSP/1.0 200 OK\nCSeq: 3\nTransport: RTP/AVP\nSession: " + std::string(3000, '9') + "\n\n"),
+              0);
+    EXPECT_EQ(std::strlen(parser.get_session()), 1024U);
+    EXPECT_STREQ(parser.get_session() + 1021, "9\r\n");
+}
+
+// What a thread sanitizer must find quiet: an application that generates while the network thread reads.
+TEST(RtspClientThreads, GeneratorBesideReader) {
+    CRtspReqParser parser;
+    parser.set_url("rtsp://h/live");
+    std::atomic<int> sent{0};
+    std::thread application([&] {
+        const transport_info t;
+        for (int i = 0; i < 2000; ++i) {
+            parser.generate_setup(&t, nullptr, false);
+            sent = i + 1;
+        }
+    });
+    for (int read_count = 0; read_count < 2000;) {
+        if (sent > read_count) {
+            ++read_count;
+            EXPECT_EQ(read(parser, "RTSP/1.0 200 OK\nCSeq: " + std::to_string(read_count) +
+                                       "\nTransport: RTP/AVP\nSession: 5\n\n"),
+                      0);
+            EXPECT_EQ(parser.get_method(), RTSP_METHOD_SETUP);
+        }
+    }
+    application.join();
+    EXPECT_EQ(parser.generate_options(), request("OPTIONS rtsp://h/live", 2001, "Session: 5\n"));
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,287 @@
+// The server's codec: requests as players send them, and every reply as a whole text.
+#include <gtest/gtest.h>
+#include <sys/mman.h>
+#include <unistd.h>
+
+#include <cstring>
+#include <new>
+
+#include "Protocol/RtspRspParser.h"
+#include "support/Capture.h"
+#include "support/RtspText.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+using Support::Crlf;
+
+int read(CRtspRspParser& parser, const std::string& text) {
+    const std::string message = Crlf(text);
+    return parser.parse_request(message.data(), static_cast<unsigned int>(message.size()), nullptr);
+}
+
+std::string id_of(const CRtspRspParser& parser) {
+    return std::to_string(parser.get_session_id());
+}
+
+// Requests recorded from players, or written after their documents.
+TEST(RtspRequest, RequestsOfRealPlayers) {
+    const struct {
+        const char* text;
+        int method;
+        int cseq;
+        const char* url;
+        int kind;
+    } rows[] = {
+        {"OPTIONS rtsp://127.0.0.1:8554/live?x=1 RTSP/1.0\nCSeq: 1\nUser-Agent: Lavf59.27.100\n\n", 0, 1,
+         "rtsp://127.0.0.1:8554/live?x=1", CLIENT_KIND_UNKNOWN},
+        {"DESCRIBE rtsp://127.0.0.1:8554/live RTSP/1.0\nAccept: application/sdp\nCSeq: 2\nUser-Agent: "
+         "Lavf59.27.100\n\n",
+         1, 2, "rtsp://127.0.0.1:8554/live", CLIENT_KIND_UNKNOWN},
+        {"OPTIONS rtsp://127.0.0.1:8554/live RTSP/1.0\nCSeq: 1\nUser-Agent: GStreamer/1.22.0\nUser-Agent: RealMedia "
+         "Player Version 6.0.9.1235 (linux-2.0-libc6-i386-gcc2.95)\nClientChallenge: "
+         "9e26d33f2984236010ef6253fb1887f7\nCompanyID: KnKV4M4I/B2FjJ1TToLycw==\nGUID: "
+         "00000000-0000-0000-0000-000000000000\nRegionData: 0\nPlayerStarttime: [28/03/2003:22:50:23 "
+         "00:00]\nClientID: Linux_2.4_6.0.9.1235_play32_RN01_EN_586\nDate: Sat, 21 Nov 2026 07:45:42 GMT\n\n",
+         0, 1, "rtsp://127.0.0.1:8554/live", CLIENT_KIND_UNKNOWN},
+        {"TEARDOWN rtsp://127.0.0.1:8554/live/ RTSP/1.0\nCSeq: 6\nUser-Agent: GStreamer/1.22.0\nSession: "
+         "12345678\nDate: Sat, 21 Nov 2026 07:45:48 GMT\n\n",
+         5, 6, "rtsp://127.0.0.1:8554/live/", CLIENT_KIND_UNKNOWN},
+        {"OPTIONS * RTSP/1.0\nCSeq: 2\nUser-Agent: LibVLC/3.0.18 (LIVE555 Streaming Media v2016.11.28)\n\n", 0, 2, "",
+         CLIENT_KIND_LIBVLC},
+        {"PAUSE rtsp://10.0.0.9/cam/ RTSP/1.0\nCSeq: 11\nUser-Agent: QuickTime/7.6.6 (qtver=7.6.6;os=Windows NT "
+         "5.1)\nSession: 1\n\n",
+         4, 11, "rtsp://10.0.0.9/cam/", CLIENT_KIND_QUICKTIME},
+        {"GET_PARAMETER rtsp://10.0.0.9/cam RTSP/1.0\nCSeq: 12\nUser-agent: Kavio Rtsp Client/1.2\n\n", 7, 12, "",
+         CLIENT_KIND_OWN},
+        {"PLAY rtsp://10.0.0.9/cam RTSP/1.0\nCSeq: 4\nUser-Agent: Rtsp Client/2.0\nRange: npt=0.000000-\n\n", 3, 4,
+         "rtsp://10.0.0.9/cam", CLIENT_KIND_UNKNOWN},
+    };
+    for (const auto& row : rows) {
+        CRtspRspParser parser;
+        EXPECT_EQ(read(parser, row.text), 0) << row.text;
+        EXPECT_EQ(parser.get_method(), row.method) << row.text;
+        EXPECT_EQ(parser.get_cseq(), row.cseq) << row.text;
+        EXPECT_STREQ(parser.get_url(), row.url);
+        EXPECT_EQ(parser.get_client_kind(), row.kind) << row.text;
+    }
+}
+
+TEST(RtspRequest, TransportsOfRealPlayers) {
+    const struct {
+        const char* headers;
+        int result;
+        int kx;
+        int transport;
+        int multicast;
+        int rtp;
+        int rtcp;
+        const char* addr;
+        int ttl;
+    } rows[] = {
+        {"Transport: RTP/AVP/TCP;unicast;interleaved=0-1\n", 0, 0, 0, 0, 0, 1, "", 0},
+        {"Transport: KX/AVP/TCP;unicast;interleaved=2-3\n", 0, 1, 0, 0, 2, 3, "", 0},
+        {"Transport: RTP/AVP/UDP;unicast;client_port=24192-24193\n", 0, 0, 1, 0, 24192, 24193, "", 0},
+        {"Transport: RTP/AVP;unicast;client_port=48036-48037\nUser-Agent: GStreamer/1.22.0\n", 0, 0, 1, 0, 48036, 48037,
+         "", 0},
+        {"transport: rtp/avp;unicast;port=4000-4001\n", 0, 0, 1, 0, 4000, 4001, "", 0},
+        {"Transport: RTP/AVP;unicast;client_port=4000\nX: 77\n", 0, 0, 1, 0, 4000, 77, "", 0},  // from the next digits
+        {"Transport: RTP/AVP;unicast;client_port=70000-1\n", 0, 0, 1, 0, 0, 0, "", 0},
+        {"Transport: RTP/AVP;multicast;destination=239.1.2.3;port=5000-5001;ttl=16\n", 0, 0, 1, 1, 5000, 5001,
+         "239.1.2.3", 16},
+        {"Transport: RTP/AVP;multicast;destination=239.1.2.3;port=5000;ttl=1\n", 0, 0, 1, 1, 5000, 0, "239.1.2.3", 1},
+        {"Transport: RTP/AVP;multicast;destination=group.example;port=5000-5001\n", 0, 0, 1, 1, 5000, 5001, "", 0},
+        {"Transport: RTP/AVP;unicast;destination=10.0.0.1;client_port=6000-6001\n", 0, 0, 1, 0, 6000, 6001, "", 0},
+        {"", 0, 0, 0, 0, 0, 0, "", 0},
+        {"Transport: RAW/RAW/UDP;unicast;client_port=4000-4001\n", -1, 0, 0, 0, 0, 0, "", 0},
+    };
+    for (const auto& row : rows) {
+        CRtspRspParser parser;
+        const std::string text = std::string("SETUP rtsp://h/cam/track1 RTSP/1.0\n") + row.headers + "CSeq: 3\n\n";
+        EXPECT_EQ(read(parser, text), row.result) << row.headers;
+        const transport_info* t = parser.get_transport();
+        EXPECT_EQ(t->packet_kx, row.kx) << row.headers;
+        EXPECT_EQ(t->transport, row.transport) << row.headers;
+        EXPECT_EQ(t->multicast, row.multicast) << row.headers;
+        EXPECT_EQ(t->rtp_port, row.rtp) << row.headers;
+        EXPECT_EQ(t->rtcp_port, row.rtcp) << row.headers;
+        // "group.example;port=5000-5001" has no digit in its name: the first digits are the port, which is no address.
+        EXPECT_STREQ(parser.get_multicast()->addr, row.addr) << row.headers;
+        EXPECT_EQ(parser.get_multicast()->ttl, row.ttl) << row.headers;
+        const bool session = row.result == 0 && row.headers[0] != '\0';
+        EXPECT_EQ(parser.get_session(), session ? "Session: " + id_of(parser) + "\r\n" : "") << row.headers;
+    }
+}
+
+TEST(RtspRequest, SessionIsCheckedOnceThereIsOne) {
+    CRtspRspParser parser;
+    const std::string setup =
+        "SETUP rtsp://h/x/1 RTSP/1.0\nCSeq: 3\nTransport: RTP/AVP/TCP;interleaved=0-1\nUser-Agent: LibVLC\n";
+    const std::string wrong = "CSeq: 4\nSession: 77\n\n";
+    const std::string right = "CSeq: 4\nsession: " + id_of(parser) + "\n\n";
+    EXPECT_EQ(read(parser, "PLAY rtsp://h/x RTSP/1.0\n" + wrong), 0);
+    EXPECT_EQ(read(parser, setup + "\n"), 0);
+    EXPECT_EQ(read(parser, setup + "\n"), -1);
+    EXPECT_EQ(read(parser, "PLAY rtsp://other/x RTSP/1.0\n" + wrong), -1);
+    EXPECT_STREQ(parser.get_url(), "rtsp://h/x/1");
+    EXPECT_EQ(read(parser, "RECORD rtsp://h/x RTSP/1.0\n" + wrong), -1);
+    for (const char* free : {"OPTIONS", "SET_PARAMETER", "GET_PARAMETER"}) {
+        EXPECT_EQ(read(parser, std::string(free) + " rtsp://h/x RTSP/1.0\n" + wrong), 0) << free;
+    }
+    EXPECT_EQ(read(parser, "PLAY rtsp://h/x RTSP/1.0\nUser-Agent: QuickTime\n" + right), 0);
+    EXPECT_EQ(parser.get_client_kind(), CLIENT_KIND_LIBVLC);  // settled by the first
+}
+
+TEST(RtspRequest, FaultyRequests) {
+    const Support::CLogCapture log;
+    CRtspRspParser parser;
+    EXPECT_EQ(parser.parse_request(nullptr, 5, nullptr), 0);
+    EXPECT_EQ(parser.parse_request("x", 0, nullptr), 0);
+    EXPECT_EQ(read(parser, "PLAY rtsp://h/x RTSP/1.0\nCSeq: 1\n"), -1);
+    for (const char* method : {"DESCRIBE", "SETUP", "PLAY", "PAUSE", "TEARDOWN"}) {
+        EXPECT_EQ(read(parser, std::string(method) + " http://h/x RTSP/1.0\nCSeq: 1\n\n"), -1) << method;
+    }
+    EXPECT_EQ(read(parser, "RECORD rtsp://h/x RTSP/1.0\nCSeq: 5\nUser-Agent: LibVLC\n\n"), -5);
+    EXPECT_EQ(log.Count("RTSP Command[8]: RECORD rtsp://h/x RTSP/1.0\r\nCSeq: 5\r\nUser-Agent: LibVLC\r\n\r\n not "
+                        "supported \n"),
+              1);
+    EXPECT_EQ(parser.get_client_kind(), CLIENT_KIND_LIBVLC);
+
+    EXPECT_EQ(read(parser, "OPTIONS * RTSP/1.0\nCSeq: 1\nauthorization:  Basic abc=\n\n"), 0);
+    EXPECT_STREQ(parser.get_auth(), "Basic abc=");
+    EXPECT_EQ(read(parser, "OPTIONS " + std::string(3000, 'u') + " RTSP/1.0\nCSeq: 1\n\n"), 0);
+    EXPECT_STREQ(parser.get_auth(), "Basic abc=");  // stays without the header
+    EXPECT_EQ(read(parser, "PLAY rtsp://" + std::string(3000, 'u') + " RTSP/1.0\nCSeq: 1\n\n"), 0);
+    EXPECT_EQ(std::strlen(parser.get_url()), 1024U);
+}
+
+TEST(RtspReply, RepliesThroughTheFrame) {
+    CRtspRspParser parser;
+    parser.set_ext_key(RTSP_METHOD_DESCRIBE, "X-Two", "2");
+    parser.set_ext_key(RTSP_METHOD_DESCRIBE, "X-One", "1");
+    read(parser, "OPTIONS * RTSP/1.0\nCSeq: 7\n\n");
+    EXPECT_EQ(parser.generate_options_reply(),
+              Crlf("RTSP/1.0 200 OK\nServer: Rtsp Server/2.0\nCSeq: 7\n"
+                   "Public: OPTIONS,DESCRIBE,SETUP,PLAY,PAUSE,TEARDOWN,SET_PARAMETER,GET_PARAMETER\n\n"));
+    read(parser, "DESCRIBE rtsp://h/x?a=b RTSP/1.0\nCSeq: 8\nTransport: RTP/AVP/TCP\n\n");
+    const std::string frame = "Server: Rtsp Server/2.0\nCSeq: 8\nSession: " + id_of(parser) + "\n";
+    EXPECT_EQ(parser.generate_describe_reply(321),
+              Crlf("RTSP/1.0 200 OK\n" + frame +
+                   "X-One: 1\nX-Two: 2\nContent-Base: rtsp://h/x?a=b\nContent-Type: application/sdp\nContent-Length: "
+                   "321\nCache-Control: must-revalidate\nx-Accept-Dynamic-Rate: 1\n\n"));
+    EXPECT_EQ(parser.generate_auth_reply("Basic realm=\"x\""),
+              Crlf("RTSP/1.0 401 Unauthorized\n" + frame + "WWW-Authenticate: Basic realm=\"x\"\n\n"));
+    EXPECT_EQ(parser.generate_error_reply(454), Crlf("RTSP/1.0 454 Session Not Found\n" + frame + "\n"));
+    EXPECT_EQ(parser.generate_error_reply(200), Crlf("RTSP/1.0 200 OK\n" + frame + "X-One: 1\nX-Two: 2\n\n"));
+    EXPECT_EQ(parser.generate_reply("A: b\r\n", 551, "body"),
+              Crlf("RTSP/1.0 551 Option not supported\n" + frame + "A: b\n\nbody"));
+    const Support::CLogCapture log;
+    EXPECT_EQ(parser.generate_reply("A: b\r\n", 499, "body"), Crlf("RTSP/1.0 400 Bad Request\n" + frame + "\n"));
+    EXPECT_EQ(log.Count("Bad Request !\n"), 1);
+    EXPECT_EQ(std::strlen(parser.generate_reply(nullptr, 200, std::string(5000, 'b').c_str())), 4096U);
+}
+
+TEST(RtspReply, SetupOfEveryTransport) {
+    CRtspRspParser parser;
+    parser.set_ext_key(RTSP_METHOD_SETUP, "X-Ext", "never here");
+    read(parser, "SETUP rtsp://h/x RTSP/1.0\nCSeq: 3\n\n");
+    const auto reply = [&](const std::string& transport, int timeout) {
+        return Crlf("RTSP/1.0 200 OK\nServer: Rtsp Server/2.0\nCSeq: 3\nSession: " + id_of(parser) +
+                    ";timeout=" + std::to_string(timeout) + "\nTransport: " + transport + "\nx-dynamic-rate: 1\n\n");
+    };
+    transport_info t;
+    t.server_rtp_port = 2;
+    t.server_rtcp_port = 3;
+    t.ssrc = 0xab;
+    EXPECT_EQ(parser.generate_setup_reply(&t, nullptr), reply("RTP/AVP/TCP;unicast;interleaved=2-3;ssrc=000000AB", 60));
+    t.packet_kx = 1;
+    t.timeout = 20;
+    t.ssrc = 0;
+    EXPECT_EQ(parser.generate_setup_reply(&t, nullptr), reply("KX/AVP/TCP;unicast;interleaved=2-3", 20));
+    t.packet_kx = 0;
+    t.transport = RTP_OVER_UDP;
+    t.rtp_port = 4000;
+    t.rtcp_port = 4001;
+    EXPECT_EQ(parser.generate_setup_reply(&t, nullptr),
+              reply("RTP/AVP;unicast;client_port=4000-4001;server_port=2-3", 20));
+    t.multicast = 1;
+    EXPECT_EQ(parser.generate_setup_reply(&t, nullptr), nullptr);
+    multicast_info m;
+    std::strcpy(m.addr, "239.1.2.3");
+    m.ttl = 16;
+    EXPECT_EQ(parser.generate_setup_reply(&t, &m),
+              reply("RTP/AVP;multicast;destination=239.1.2.3;port=4000-4001;ttl=16", 20));
+    t.rtcp_port = 0;
+    t.ssrc = 0xffffffff;
+    EXPECT_EQ(parser.generate_setup_reply(&t, &m),
+              reply("RTP/AVP;multicast;destination=239.1.2.3;port=4000;ttl=16;ssrc=FFFFFFFF", 20));
+    t.transport = 2;
+    const Support::CLogCapture log;
+    EXPECT_EQ(parser.generate_setup_reply(&t, &m),
+              Crlf("RTSP/1.0 461 Unsupported transport\nServer: Rtsp Server/2.0\nCSeq: 3\n\n"));
+    EXPECT_EQ(log.Count("Unsupported transport \n"), 1);
+}
+
+TEST(RtspReply, PlayWithItsTracksAndRange) {
+    CRtspRspParser parser;
+    read(parser, "PLAY rtsp://h/x RTSP/1.0\nCSeq: 5\n\n");
+    rtp_info_entry entries[40] = {};
+    for (rtp_info_entry& entry : entries) {
+        std::strcpy(entry.url, "rtsp://h/x/track1");
+        entry.seq = 65535;
+        entry.rtptime = 4294967295U;
+    }
+    const std::string frame = "RTSP/1.0 200 OK\nServer: Rtsp Server/2.0\nCSeq: 5\nRTP-Info: ";
+    const std::string one = "url=rtsp://h/x/track1;seq=65535;rtptime=4294967295";
+    EXPECT_EQ(parser.generate_play_reply(entries, 1, -1.0, 5), Crlf(frame + one + "\n\n"));
+    EXPECT_EQ(parser.generate_play_reply(entries, 2, 0, -1.0),
+              Crlf(frame + one + "," + one + "\nRange: npt=0.000000-\n\n"));
+    EXPECT_EQ(parser.generate_play_reply(entries, 1, 1.5, 20),
+              Crlf(frame + one + "\nRange: npt=1.500000-20.000000\n\n"));
+    const UtcTime none;
+    const UtcTime begin = {2020, 1, 2, 3, 4, 5, 0};
+    EXPECT_EQ(parser.generate_play_reply_clock(entries, 1, &begin, &none),
+              Crlf(frame + one + "\nRange: clock=20200102T030405Z-\n\n"));
+    EXPECT_EQ(parser.generate_play_reply_clock(entries, 1, &none, &begin), Crlf(frame + one + "\n\n"));
+    EXPECT_EQ(parser.generate_play_reply(entries, 0, 0, 0), nullptr);
+    EXPECT_EQ(parser.generate_play_reply(nullptr, 1, 0, 0), nullptr);
+    // 19 entries fill 979 of the 1023 characters; the rest are left out, and so is the line's end.
+    std::string many = frame;
+    for (int i = 0; i < 19; ++i) {
+        many += one + ",";
+    }
+    EXPECT_EQ(parser.generate_play_reply(entries, 40, 0, -1.0), Crlf(many + "Range: npt=0.000000-\n\n"));
+}
+
+// A thousand sessions each hold a codec: a conversation must not make its rarely used buffers resident.
+TEST(RtspMemory, ConversationTouchesFewPages) {
+    const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    const size_t size = (sizeof(CRtspRspParser) / page + 2) * page;
+    void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    ASSERT_NE(memory, MAP_FAILED);
+    CRtspRspParser* parser = new (memory) CRtspRspParser;
+    transport_info t;
+    rtp_info_entry entry = {};
+    read(*parser, "OPTIONS * RTSP/1.0\nCSeq: 1\n\n");
+    parser->generate_options_reply();
+    read(*parser, "SETUP rtsp://h/x RTSP/1.0\nCSeq: 3\nTransport: RTP/AVP/TCP;interleaved=0-1\n\n");
+    parser->generate_setup_reply(&t, nullptr);
+    read(*parser, "PLAY rtsp://h/x RTSP/1.0\nCSeq: 5\nSession: " + id_of(*parser) + "\n\n");
+    parser->generate_play_reply(&entry, 1, 0, -1.0);
+    unsigned char resident[64] = {};
+    ASSERT_LE(size / page, sizeof resident);
+    ASSERT_EQ(mincore(memory, size, resident), 0);
+    size_t pages = 0;
+    for (size_t i = 0; i < size / page; ++i) {
+        pages += resident[i] & 1U;
+    }
+    EXPECT_GE(pages, 1U);
+    EXPECT_LE(pages * page, 12288U + page);  // the object need not begin a page
+    parser->~CRtspRspParser();
+    munmap(memory, size);
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,371 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <fstream>
+#include <iterator>
+#include <sstream>
+#include <string>
+
+#include "Protocol/SdpParser.h"
+#include "support/Capture.h"
+#include "support/SdpTree.h"
+
+using namespace Kavio::Vidora;
+using Kavio::Support::CLogCapture;
+using Kavio::Support::CSdpTree;
+
+namespace {
+
+std::string read_sample(const std::string& name) {
+    std::ifstream file(VIDORA_TEST_DATA "/../fuzz/corpus/sdp/" + name + ".sdp", std::ios::binary);
+    EXPECT_TRUE(file) << name;
+    return std::string(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
+}
+
+int parse(CSdpParser& sdp, const std::string& text) {
+    return sdp.Parse(text.data(), static_cast<int>(text.size()));
+}
+
+std::string text_or(const char* text) {
+    return text != nullptr ? text : "-";
+}
+
+// What the library asks about a description, a line a track.
+std::string summary(const CSdpParser& sdp) {
+    std::ostringstream out;
+    int payload_type = -1;
+    const int rate = sdp.get_frame_rate(&payload_type);
+    out << sdp.get_media_count() << " tracks, kind " << sdp.get_packet_kind() << ", encoding "
+        << sdp.get_video_encoding() << ", " << sdp.get_duration() << " us, " << rate << " fps\n";
+    for (int i = 0; i < sdp.get_media_count(); ++i) {
+        char* name = sdp.get_payload_name(i);
+        out << sdp.get_track_id(i) << ' ' << text_or(sdp.get_control(i)) << ' ' << sdp.get_media_type_at(i) << ' '
+            << sdp.get_payload_type(i) << ' ' << text_or(name) << '/' << sdp.get_sample_rate(i) << '/'
+            << sdp.get_channel_count(i) << ' ' << sdp.get_direction(i) << '\n';
+        std::free(name);
+    }
+    return out.str();
+}
+
+struct sample_t {
+    const char* name;
+    const char* summary;
+};
+
+const sample_t SAMPLES[] = {
+    {"ffmpeg_rtp_h264", "1 tracks, kind 0, encoding 0, 0 us, -1 fps\n-1 - 1 96 H264/90000/1 2\n"},
+    {"ffmpeg_rtsp_announce",
+     "2 tracks, kind 0, encoding 0, 0 us, -1 fps\n"
+     "1 streamid=0 1 96 H264/90000/1 2\n2 streamid=1 0 97 MPEG4-GENERIC/44100/2 2\n"},
+    {"ffmpeg_multicast_pcmu", "1 tracks, kind 0, encoding 3, 0 us, -1 fps\n-1 - 0 0 -/-1/1 2\n"},
+    {"ffmpeg_ipv6_mpeg4", "1 tracks, kind 0, encoding 1, 0 us, -1 fps\n-1 - 1 96 MP4V-ES/90000/1 2\n"},
+    {"gstreamer_server",
+     "2 tracks, kind 0, encoding 0, 0 us, 30 fps\n"
+     "1 stream=0 1 96 H264/90000/1 2\n2 stream=1 0 97 OPUS/48000/2 2\n"},
+    {"camera_live_onvif",
+     "3 tracks, kind 1, encoding 0, 0 us, 25 fps\n1 trackID=0 1 96 H264/90000/1 1\n"
+     "2 trackID=1 0 8 PCMA/8000/1 1\n3 trackID=2 3 107 vnd.onvif.metadata/90000/1 1\n"},
+    {"camera_backchannel",
+     "3 tracks, kind 0, encoding 3, 0 us, 13 fps\n"
+     "1 rtsp://192.0.2.20/Streaming/Channels/101/trackID=1 1 26 -/-1/1 1\n"
+     "2 rtsp://192.0.2.20/Streaming/Channels/101/trackID=2 0 0 -/-1/1 1\n"
+     "3 rtsp://192.0.2.20/Streaming/Channels/101/trackID=3 0 0 PCMU/8000/1 0\n"},
+    {"camera_recording_mpegts",
+     "1 tracks, kind 0, encoding 2, 70000000 us, -1 fps\n1 track1 1 33 MP2T/90000/1 2\n"},
+    {"public_server_vod",
+     "2 tracks, kind 0, encoding 0, 634625000 us, 24 fps\n"
+     "1 track1 0 96 mpeg4-generic/12000/2 2\n2 track2 1 97 H264/90000/1 2\n"},
+    {"rfc4566_example",
+     "2 tracks, kind 0, encoding 3, 0 us, -1 fps\n-1 - 0 0 -/-1/1 2\n-1 - 1 32 h263-1998/90000/1 2\n"},
+    // Odd ones.
+    {"lf_only", "1 tracks, kind 0, encoding 3, 0 us, -1 fps\n1 x 1 96 -/-1/1 2\n"},
+    {"no_line_end", "1 tracks, kind 0, encoding 3, 0 us, -1 fps\n-1 - 0 8 -/-1/1 2\n"},
+    {"bad_lines", "0 tracks, kind 0, encoding 3, 0 us, -1 fps\n"},
+    {"cr_and_tabs", "1 tracks, kind 0, encoding 3, 0 us, -1 fps\n1 c 2 13 -/-1/1 2\n"},
+    {"nul", "0 tracks, kind 0, encoding 3, 0 us, -1 fps\n"},
+};
+
+}  // namespace
+
+TEST(SdpParser, ReadsWholeDescriptionsAndWritesThemBack) {
+    for (const sample_t& sample : SAMPLES) {
+        SCOPED_TRACE(sample.name);
+        const CLogCapture log;
+        CSdpParser sdp;
+        const std::string text = read_sample(sample.name);
+        ASSERT_EQ(parse(sdp, text), 0);
+        EXPECT_EQ(summary(sdp), sample.summary);
+        ASSERT_EQ(sdp.GetStream(), 0);
+        const std::string tree = CSdpTree::Dump(*sdp.get_session());
+
+        CSdpParser again;
+        ASSERT_EQ(again.Parse(sdp.get_stream(), 0), 0);
+        EXPECT_EQ(CSdpTree::Dump(*again.get_session()), tree);
+        const CSdpParser copy(sdp);
+        EXPECT_EQ(CSdpTree::Dump(*copy.get_session()), tree);
+    }
+}
+
+TEST(SdpParser, WritesRealDescriptionsAsTheyCame) {
+    // Those whose lines stand in the order of RFC 4566 and hold nothing that is dropped.
+    for (const char* name : {"ffmpeg_rtp_h264", "ffmpeg_rtsp_announce", "ffmpeg_ipv6_mpeg4", "camera_live_onvif",
+                             "camera_backchannel", "camera_recording_mpegts"}) {
+        SCOPED_TRACE(name);
+        CSdpParser sdp;
+        const std::string text = read_sample(name);
+        ASSERT_EQ(parse(sdp, text), 0);
+        ASSERT_EQ(sdp.GetStream(), 0);
+        EXPECT_EQ(sdp.get_stream(), text);
+    }
+}
+
+TEST(SdpParser, WritesEveryLineInItsOrder) {
+    CSdpParser sdp;
+    EXPECT_EQ(sdp.set_origin("jdoe", 18446744073709551615U, 2, "IN", "IP4", "10.47.16.5"), 0);
+    EXPECT_EQ(sdp.set_origin("jdoe", 1, 2, "IN", nullptr, "x"), -1);
+    EXPECT_EQ(sdp.set_name("Seminar"), 0);
+    EXPECT_EQ(sdp.set_name("again"), -1);
+    EXPECT_EQ(sdp.set_info("About"), 0);
+    EXPECT_EQ(sdp.set_uri("http://a"), 0);
+    EXPECT_EQ(sdp.set_uri("http://b"), 0);
+    EXPECT_EQ(sdp.add_email("a@b"), 0);
+    EXPECT_EQ(sdp.add_phone("+1"), 0);
+    EXPECT_EQ(sdp.add_phone(nullptr), -1);
+    EXPECT_EQ(sdp.add_session_connection("224.2.1.1", 16, 3, nullptr, nullptr), 0);
+    EXPECT_EQ(sdp.add_session_connection("224.2.1.2", 16, 1, nullptr, nullptr), 0);
+    EXPECT_EQ(sdp.add_session_connection("224.2.1.3", 16, 0, nullptr, nullptr), 0);
+    EXPECT_EQ(sdp.add_session_connection("ff15::1", 16, 3, "IN", "IP6"), 0);
+    EXPECT_EQ(sdp.add_session_connection("ff15::2", 16, 1, "IN", "IP6"), 0);
+    EXPECT_EQ(sdp.add_session_connection("x", 16, 3, "ATM", "NSAP"), 0);
+    EXPECT_EQ(sdp.add_session_bandwidth("CT", 1000), 0);
+    EXPECT_EQ(sdp.add_session_time(1, 2), 0);
+    EXPECT_EQ(sdp.add_zone(3, "-1h"), 0);
+    EXPECT_EQ(sdp.add_zone(4, "0"), 0);
+    EXPECT_EQ(sdp.set_session_key("prompt", nullptr), 0);
+    EXPECT_EQ(sdp.set_session_key("prompt", nullptr), -1);
+    EXPECT_EQ(sdp.set_session_attribute("control", "*"), 0);
+    EXPECT_EQ(sdp.set_range(0, 10500000), 0);
+    EXPECT_EQ(sdp.set_session_attribute("control", "x"), 0);  // keeps its place
+    EXPECT_EQ(sdp.add_media("video", 5000, 2, "RTP/AVP", " 96  97 x"), 1);
+    EXPECT_EQ(sdp.set_media_key(1, "clear", "k"), 0);
+    EXPECT_EQ(sdp.add_media_connection(1, "10.0.0.1", 0, 0, nullptr, nullptr), 0);
+    EXPECT_EQ(sdp.set_media_attribute(1, "recvonly", nullptr), 0);
+    EXPECT_EQ(sdp.add_media("audio", 0, 1, "RTP/AVP", "8"), 2);
+    EXPECT_EQ(sdp.get_payload_type(0), 97);
+    ASSERT_EQ(sdp.GetStream(), 0);
+    EXPECT_STREQ(sdp.get_stream(),
+                 "v=0\r\no=jdoe 18446744073709551615 2 IN IP4 10.47.16.5\r\ns=Seminar\r\ni=About\r\nu=http://b\r\n"
+                 "e=a@b\r\np=+1\r\nc=IN IP4 224.2.1.1/16/3\r\nc=IN IP4 224.2.1.2/16\r\nc=IN IP4 224.2.1.3\r\n"
+                 "c=IN IP6 ff15::1/3\r\nc=IN IP6 ff15::2\r\nc=ATM NSAP x\r\nb=CT:1000\r\nt=1 2\r\nz=3 -1h 4 0\r\n"
+                 "k=prompt\r\na=control:x\r\na=range:npt=0.000000-10.500000\r\nm=video 5000/2 RTP/AVP 96 97 x\r\n"
+                 "c=IN IP4 10.0.0.1\r\nk=clear:k\r\na=control:trackID=0\r\na=recvonly\r\nm=audio 0 RTP/AVP 8\r\n"
+                 "a=control:trackID=1\r\n");
+    EXPECT_EQ(sdp.get_duration(), 10500000);
+}
+
+TEST(SdpParser, FillsInTheLinesThatMustBeThere) {
+    CSdpParser sdp;
+    ASSERT_EQ(parse(sdp, "v=0"), 0);
+    ASSERT_EQ(sdp.GetStream(), 0);
+    const uint64_t id = sdp.get_session()->origin.session_id;
+    EXPECT_NEAR(static_cast<double>(id), static_cast<double>(CTime::getCurrentTime().makeTime() + 2208988800U), 5);
+    const std::string number = std::to_string(id);
+    EXPECT_EQ(sdp.get_stream(), "v=0\r\no=- " + number + " " + number +
+                                    " IN IP4 0.0.0.0\r\ns=RTSP Session/2.0\r\nc=IN IP4 0.0.0.0\r\nt=0 0\r\n");
+}
+
+TEST(SdpParser, LosesOnlyTheLineThatIsBad) {
+    struct {
+        const char* line;
+        const char* log;  // null: passed over in silence
+    } const rows[] = {
+        {"v=x", "sdp_parse_version error\n"},          {"o= 1 1 IN IP4 x", "sdp_parse_origin error\n"},
+        {"o=nobody", "sdp_parse_origin error\n"},      {"o=- 1 x IN IP4 x", "sdp_parse_origin error\n"},
+        {"s=", "sdp_parse_name error\n"},              {"c=IN IP4", "sdp_parse_connection error\n"},
+        {"c=IN IP4 x/", "sdp_parse_connection error\n"}, {"c=IN IP4 x/1/", "sdp_parse_connection error\n"},
+        {"b=AS", "sdp_parse_bandwidth error\n"},       {"b=:1", "sdp_parse_bandwidth error\n"},
+        {"t=1", "sdp_parse_time error\n"},             {"t=1  2", "sdp_parse_time error\n"},
+        {"z=1", "sdp_parse_zone error\n"},             {"z=1 -1h ", "sdp_parse_zone error\n"},
+        {"a=", "sdp_parse_attribute error\n"},         {"a=x:", "sdp_parse_attribute error\n"},
+        {"a=:x", "sdp_parse_attribute error\n"},       {"m=video 0 RTP/AVP", "sdp_parse_media error\n"},
+        {"m=video 0 RTP/AVP 96 ", "sdp_parse_media error\n"}, {"m=video x RTP/AVP 96", "sdp_parse_media error\n"},
+        {"m=video -1 RTP/AVP 96", "sdp_parse_media error\n"}, {"hello", nullptr},
+        {"r=7d 1h 0 25h", nullptr},                    {"=", nullptr},
+        {"", nullptr},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.line);
+        const CLogCapture log;
+        CSdpParser good;
+        CSdpParser bad;
+        const std::string after = "\r\ni=info\r\nm=audio 0 RTP/AVP 8\r\na=control:x\r\n";
+        ASSERT_EQ(parse(good, "u=1" + after), 0);
+        ASSERT_EQ(parse(bad, std::string("u=1\r\n") + row.line + after), 0);
+        EXPECT_EQ(CSdpTree::Dump(*bad.get_session()), CSdpTree::Dump(*good.get_session()));
+        EXPECT_EQ(log.Lines().size(), row.log != nullptr ? 1U : 0U);
+        EXPECT_EQ(log.Count(row.log != nullptr ? row.log : "error"), row.log != nullptr ? 1 : 0);
+    }
+}
+
+TEST(SdpParser, SecondLinesFollowTheRuleOfTheirLetter) {
+    const CLogCapture log;
+    CSdpParser sdp;
+    ASSERT_EQ(parse(sdp,
+                    "o=first 1 1 IN IP4 x\r\no=second 1 1 IN IP4 x\r\ns=first\r\ns=second\r\nz=1 0\r\nz=2 0\r\n"
+                    "c=IN IP4 224.1.1.1/300\r\nc=IN IP4 224.1.1.2/16/3\r\nk=a:b c\r\nk=d\r\n"
+                    "m=video 0 RTP/AVP 96\r\ni=info\r\nc=IN IP4 1.1.1.1\r\nc=IN IP4 1.1.1.2\r\nk=prompt\r\n"),
+              0);
+    EXPECT_EQ(log.Lines().size(), 2U);  // z= and k= alone are wrong
+    EXPECT_EQ(log.Count("sdp_parse_zone error\n"), 1);
+    EXPECT_EQ(log.Count("sdp_parse_key error\n"), 1);
+    const sdp_session_t& session = *sdp.get_session();
+    EXPECT_STREQ(session.origin.username, "first");
+    EXPECT_STREQ(session.name, "first");
+    EXPECT_STREQ(session.info, "info");  // an i= behind m= is the session's
+    EXPECT_EQ(session.zones.size(), 1);
+    EXPECT_STREQ(session.key.value, "b");
+    sdp_connection_t connection;
+    ASSERT_EQ(sdp.get_connection(&connection), 0);
+    EXPECT_STREQ(connection.address, "224.1.1.2");
+    EXPECT_EQ(connection.ttl, 16);
+    EXPECT_EQ(connection.address_count, 3);
+    EXPECT_EQ(session.connections.size(), 1);
+    EXPECT_EQ(session.media.first()->connections.size(), 2);
+    EXPECT_STREQ(session.media.first()->key.method, "prompt");
+}
+
+TEST(SdpParser, NumbersTracksByTheirControl) {
+    CSdpParser sdp;
+    ASSERT_EQ(parse(sdp, "m=audio 0 RTP/AVP 8\r\nm=video 0 RTP/AVP 96\r\na=control:rtsp://h/v\r\n"), 0);
+    EXPECT_EQ(sdp.get_track_id(0), -1);  // a parsed media without the attribute has none
+    EXPECT_EQ(sdp.get_control(0), nullptr);
+    EXPECT_EQ(sdp.get_track_id(1), 2);
+    EXPECT_EQ(sdp.get_index(0), -1);
+    EXPECT_EQ(sdp.get_track_by_control("rtsp://h/v"), 2);
+    EXPECT_EQ(sdp.get_track_by_control("rtsp://h/"), -1);
+    EXPECT_EQ(sdp.get_track_by_control(""), -1);
+
+    EXPECT_EQ(sdp.add_media("application", 0, 1, "RTP/AVP", "100"), 3);
+    EXPECT_STREQ(sdp.get_control_by_id(1), "trackID=0");
+    EXPECT_STREQ(sdp.get_control_by_id(2), "rtsp://h/v");
+    EXPECT_STREQ(sdp.get_control_by_id(3), "trackID=2");
+    EXPECT_EQ(sdp.set_media_attribute(2, "control", std::string(200, 'c').c_str()), 0);
+    EXPECT_EQ(sdp.get_control(1), std::string(127, 'c'));
+    EXPECT_EQ(text_or(sdp.get_media_attribute(2, "control")), std::string(200, 'c'));
+    EXPECT_EQ(sdp.set_media_attribute(2, "control", nullptr), 0);
+    EXPECT_EQ(sdp.get_control(1), nullptr);
+    EXPECT_EQ(sdp.set_media_port(3, 5004), -1);  // its result never tells
+    EXPECT_EQ(sdp.get_media_port(3), 5004);
+    EXPECT_EQ(sdp.remove_media(2), 0);
+    EXPECT_EQ(sdp.get_index(3), 1);
+    EXPECT_EQ(sdp.remove_media_attribute(3, "control"), 0);
+    EXPECT_EQ(sdp.remove_media_attribute(3, "control"), -1);
+    EXPECT_EQ(sdp.clear_media_connections(3), 0);
+}
+
+TEST(SdpParser, UnknownTracksAndNullArgumentsAreRefused) {
+    const CLogCapture log;
+    CSdpParser sdp;
+    sdp_connection_t connection;
+    EXPECT_EQ(sdp.Parse(nullptr, 5), 0);
+    EXPECT_EQ(sdp.get_connection(&connection), -1);
+    EXPECT_EQ(log.Count(" get connect of session failed!\n"), 1);
+    EXPECT_EQ(sdp.get_media_connection(1, &connection), -1);
+    EXPECT_EQ(sdp.get_media_type(1), SDP_MEDIA_UNKNOWN);
+    EXPECT_EQ(sdp.get_direction(0), SDP_DIRECTION_NONE);
+    EXPECT_EQ(sdp.get_payload_type(-1), -1);
+    EXPECT_EQ(sdp.get_payload_name(0), nullptr);
+    EXPECT_EQ(sdp.get_sample_rate(0), -1);
+    EXPECT_EQ(sdp.get_channel_count(0), -1);
+    EXPECT_EQ(sdp.get_media_port(1), -1);
+    EXPECT_EQ(sdp.set_media_attribute(1, "a", "b"), -1);
+    EXPECT_EQ(sdp.remove_media(1), -1);
+    EXPECT_EQ(sdp.remove_session_attribute("a"), -1);
+    EXPECT_EQ(sdp.add_session_connection(nullptr, 0, 0, nullptr, nullptr), -1);
+    EXPECT_EQ(sdp.add_media("video", 0, 0, "RTP/AVP", "96"), -1);
+    EXPECT_EQ(sdp.add_media("video", 0, 1, "RTP/AVP", " "), -1);
+    EXPECT_EQ(sdp.add_media("video", 0, 1, nullptr, "96"), -1);
+    EXPECT_EQ(sdp.get_media_count(), 0);
+    int payload_type = 7;
+    EXPECT_EQ(sdp.get_frame_rate(&payload_type), -1);
+    EXPECT_EQ(payload_type, 7);
+}
+
+TEST(SdpParser, ReadsValuesOfAttributes) {
+    struct {
+        const char* lines;
+        int kind;
+        int64_t duration;
+        int frame_rate;
+        const char* rtpmap;  // name/rate/channels
+    } const rows[] = {
+        {"a=range:npt=0-\r\nm=video 0 x 1\r\na=framerate:25\r\na=rtpmap:96 H264\r\n", 0, 0, 25, "H264/-1/1"},
+        {"a=range:npt=0-10.5\r\nm=video 0 x 1\r\na=framerate:x\r\na=framerate:14.5\r\na=rtpmap:96  /\r\n", 0, 10500000,
+         15, "-/-1/1"},
+        {"a=range:npt=10-4\r\na=range:npt=0-4\r\nm=video 0 x 1\r\na=rtpmap\r\na=rtpmapping:96 PCMU/8000/x\r\n", 0, 0, -1,
+         "PCMU/8000/1"},
+        {"a=range:npt=0-99999999999999999999\r\na=packetization-supported:KXAV\r\nm=video 0 x 1\r\n"
+         "a=framerate:99999999999\r\na=rtpmap:0 PCMU/8000/2\r\n",
+         1, 0, -1, "PCMU/8000/2"},
+        {"a=range:clock=1-2\r\na=packetization-supported:RTP\r\nm=video 0 x 1\r\na=rtpmap:H264/90000\r\n", 3, 0, -1,
+         "H264/-1/1"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.lines);
+        CSdpParser sdp;
+        ASSERT_EQ(parse(sdp, row.lines), 0);
+        EXPECT_EQ(sdp.get_packet_kind(), row.kind);
+        EXPECT_EQ(sdp.get_duration(), row.duration);
+        EXPECT_EQ(sdp.get_frame_rate(nullptr), row.frame_rate);
+        char* name = sdp.get_payload_name(0);
+        EXPECT_EQ(text_or(name) + "/" + std::to_string(sdp.get_sample_rate(0)) + "/" +
+                      std::to_string(sdp.get_channel_count(0)),
+                  row.rtpmap);
+        std::free(name);
+    }
+}
+
+TEST(SdpParser, KeepsLongTextsWithinItsStore) {
+    const CLogCapture log;
+    CSdpParser sdp;
+    ASSERT_EQ(parse(sdp, read_sample("long_fields")), 0);
+    EXPECT_EQ(std::string(sdp.get_session()->name).size(), 255U);
+    EXPECT_EQ(std::string(sdp.get_session()->attributes.first()->name).size(), 511U);
+    EXPECT_EQ(std::string(sdp.get_session()->attributes.first()->value).size(), 511U);
+    EXPECT_EQ(std::string(sdp.get_control(0)).size(), 127U);
+
+    const std::string text = read_sample("too_long");
+    ASSERT_EQ(parse(sdp, text), 0);
+    EXPECT_EQ(sdp.get_media_count(), 45);
+    EXPECT_EQ(sdp.get_stream(), text.substr(0, 2047));
+    CSdpParser copy;
+    copy = sdp;
+    EXPECT_EQ(copy.get_media_count(), 38);  // of the text that was kept
+
+    ASSERT_EQ(sdp.GetStream(), 0);
+    EXPECT_EQ(log.Count("CSdpParser::GetStream() error, buffer too small. data size:" +
+                        std::to_string(text.size() + 4 + std::string("o=- 1234567890 1234567890 IN IP4 0.0.0.0\r\n"
+                                                                     "s=RTSP Session/2.0\r\nc=IN IP4 0.0.0.0\r\n"
+                                                                     "t=0 0\r\n")
+                                                             .size()) +
+                        " is bigger than buffer size:2038\n"),
+              1);
+    const std::string written = sdp.get_stream();
+    EXPECT_LE(written.size(), 2047U);
+    EXPECT_EQ(written.substr(written.size() - 2), "\r\n");  // no half line
+}
+
+TEST(SdpParser, CopiesTheTextAndNotTheTree) {
+    CSdpParser sdp;
+    ASSERT_EQ(parse(sdp, "v=0\r\ns=text\r\n"), 0);
+    ASSERT_EQ(sdp.add_media("video", 0, 1, "RTP/AVP", "96"), 1);
+    CSdpParser copy(sdp);
+    EXPECT_EQ(copy.get_media_count(), 0);
+    sdp.GetStream();
+    copy = sdp;
+    EXPECT_EQ(copy.get_media_count(), 1);
+    copy = copy;
+    EXPECT_EQ(copy.get_media_count(), 1);
+    EXPECT_EQ(copy.Clear(), 0);
+    EXPECT_EQ(copy.get_media_count(), 0);
+}

@@ -1,0 +1,154 @@
+#include "RtspClient/RtspClientAuth.h"
+
+#include <gtest/gtest.h>
+
+#include "RtspClient/DigestResponse.h"
+#include "support/Capture.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+const char NONCE[] = "dcd98b7102dd2f0e8b11d0f600bfb0c093";
+
+// The value of one parameter of an Authorization header.
+std::string field(const std::string& value, const std::string& name) {
+    const size_t begin = value.find(" " + name + "=\"") + name.size() + 3;
+    return value.substr(begin, value.find('"', begin) - begin);
+}
+
+std::string answer(const std::string& challenge, bool expected = true, const char* user = "Mufasa",
+                   const char* password = "CircleOfLife") {
+    CRtspClientAuth auth;
+    auth.set_user(user, password);
+    auth.set_uri("/dir/index.html");
+    auth.set_method("GET");
+    auth.set_challenge(challenge);
+    std::string value = "old";
+    EXPECT_EQ(auth.get_authorization(value), expected) << challenge;
+    return value;
+}
+
+TEST(DigestResponse, WorkedExamplesOfTheStandards) {
+    // RFC 2617 3.5.
+    digest_request request;
+    request.method = "GET";
+    request.uri = "/dir/index.html";
+    request.nonce = NONCE;
+    request.qop = "auth";
+    request.cnonce = "0a4f113b";
+    request.nc = 1;
+    EXPECT_EQ(DigestResponse(DigestHash({"Mufasa", "testrealm@host.com", "Circle Of Life"}), request),
+              "6629fae49393a05397450978507c4ef1");
+    // RFC 2069 2.4, with the response that its erratum gives: the printed one is wrong.
+    EXPECT_EQ(answer("Digest realm=\"testrealm@host.com\", nonce=\"" + std::string(NONCE) +
+                     "\", opaque=\"5ccc069c403ebaf9f0171e9517f40e41\""),
+              "Digest username=\"Mufasa\", realm=\"testrealm@host.com\", nonce=\"" + std::string(NONCE) +
+                  "\", uri=\"/dir/index.html\", response=\"1949323746fe6a43ef61f9606e7febea\", "
+                  "opaque=\"5ccc069c403ebaf9f0171e9517f40e41\", ");
+}
+
+TEST(ClientAuth, BasicIsTheEncodedPair) {
+    // RFC 2617 2.
+    EXPECT_EQ(answer("  basic realm=\"x\"", true, "Aladdin", "open sesame"), "Basic QWxhZGRpbjpvcGVuIHNlc2FtZQ==");
+    const std::string cut = answer("Basic", true, "u", std::string(3000, 'p').c_str());
+    EXPECT_EQ(cut.size(), 6U + 1364U);  // 1023 characters encoded
+}
+
+// Which parameters the challenge has decides which the answer has, and over what it is computed.
+TEST(ClientAuth, DigestOfEveryKind) {
+    const struct {
+        const char* params;
+        const char* tail;  // behind the response, with CNONCE for the made one
+        const char* qop;   // as the response uses it
+        bool session_key;
+    } rows[] = {
+        {"", "", "", false},
+        {", stale=FALSE", "", "", false},
+        {", algorithm=md5", ", algorithm=\"md5\", ", "", false},
+        {", qop=\"auth\"", ", cnonce=\"CNONCE\", qop=\"auth\", nc=\"00000001\"", "auth", false},
+        {", qop=\"AUTH-INT\"", ", cnonce=\"CNONCE\", qop=\"AUTH-INT\", nc=\"00000001\"", "AUTH-INT", false},
+        {", qop=\"auth,auth-int\"", ", qop=\"auth,auth-int\", ", "", false},  // repeated, and not used
+        {", qop=auth", "", "", false},                                        // without quotes it isn't seen
+        {", algorithm=MD5-sess", ", algorithm=\"MD5-sess\", cnonce=\"CNONCE\", nc=\"00000001\"", "", true},
+        {", opaque=\"o\", qop=\"auth\", algorithm=MD5-sess",
+         ", algorithm=\"MD5-sess\", cnonce=\"CNONCE\", opaque=\"o\", qop=\"auth\", nc=\"00000001\"", "auth", true},
+    };
+    for (const auto& row : rows) {
+        const std::string value = answer(std::string("Digest realm=\"r\", nonce=\"n\"") + row.params);
+        const bool made = std::string(row.tail).find("CNONCE") != std::string::npos;
+        const std::string cnonce = made ? field(value, "cnonce") : "";
+        EXPECT_EQ(cnonce.size(), made ? 32U : 0U) << row.params;
+
+        digest_request request;
+        request.method = "GET";
+        request.uri = "/dir/index.html";
+        request.nonce = "n";
+        request.qop = row.qop;
+        request.cnonce = cnonce;
+        request.nc = 1;
+        std::string ha1 = DigestHash({"Mufasa", "r", "CircleOfLife"});
+        if (row.session_key) {
+            ha1 = DigestHash({ha1, "n", cnonce});
+        }
+        std::string tail = row.tail;
+        if (made) {
+            tail.replace(tail.find("CNONCE"), 6, cnonce);
+        }
+        EXPECT_EQ(value, "Digest username=\"Mufasa\", realm=\"r\", nonce=\"n\", uri=\"/dir/index.html\", response=\"" +
+                             DigestResponse(ha1, request) + "\"" + tail);
+    }
+}
+
+TEST(ClientAuth, ChallengesThatCannotBeAnswered) {
+    const struct {
+        const char* challenge;
+        const char* user;
+        const char* logged;
+    } rows[] = {
+        {"Digest realm=\"r\", nonce=\"n\", algorithm=SHA-256", "u", "invalid auth from algorithm svr:Digest"},
+        {"Digest realm=\"r\", nonce=\"n\", algorithm=\"MD5\"", "u", "invalid auth from algorithm svr:"},
+        {"Digest realm=\"r\", nonce=\"n\", algorithm=md5-sess", "u", "invalid auth from algorithm svr:"},
+        {"Digest nonce=\"n\"", "u", "invalid auth from svr:Digest nonce"},
+        {"Digest realm=\"r\"", "u", "invalid auth from svr:"},
+        {"Bearer realm=\"r\"", "u", "WWWAuthenticate info error:Bearer"},
+        {"", "u", "WWWAuthenticate info error:\n"},
+        {"Basic realm=\"r\"", "", "user info not set, error."},
+    };
+    for (const auto& row : rows) {
+        const Support::CLogCapture log;
+        EXPECT_EQ(answer(row.challenge, false, row.user), "");
+        EXPECT_EQ(log.Lines().size(), 1U);
+        EXPECT_EQ(log.Count(row.logged), 1) << row.challenge;
+    }
+}
+
+TEST(ClientAuth, RequestsAndChallengesFollowEachOther) {
+    CRtspClientAuth auth;
+    std::string first;
+    std::string second;
+    auth.set_user("u", nullptr);
+    auth.set_challenge("Digest realm=\"r\", nonce=\"n\", qop=\"auth\"");
+    EXPECT_EQ(auth.get_auth_type(), CRtspClientAuth::AUTH_DIGEST);
+    auth.set_method_id(RTSP_METHOD_DESCRIBE);
+    EXPECT_TRUE(auth.get_authorization(first));
+    EXPECT_EQ(field(first, "uri"), "/");
+    auth.set_uri("rtsp://h/x");
+    auth.set_method_id(static_cast<rtsp_method_t>(-1));  // stands for OPTIONS
+    EXPECT_TRUE(auth.get_authorization(second));
+    EXPECT_EQ(field(first, "nc"), "00000001");
+    EXPECT_EQ(field(second, "nc"), "00000001");
+
+    auth.set_challenge("Digest realm=\"r\", nonce=\"n\"");
+    EXPECT_TRUE(auth.get_authorization(second));
+    const std::string ha1 = DigestHash({"u", "r", ""});
+    EXPECT_EQ(field(second, "response"), DigestHash({ha1, "n", DigestHash({"OPTIONS", "rtsp://h/x"})}));
+    EXPECT_EQ(second.find("cnonce"), std::string::npos);
+    auth.set_uri(std::string(3000, 'u'));
+    EXPECT_TRUE(auth.get_authorization(second));
+    EXPECT_EQ(second.size(), 2047U);
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,185 @@
+// The helpers that read elementary streams: start codes, parameter sets, CRC, JPEG tables and images.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstring>
+#include <numeric>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "StreamParser/Crc32.h"
+#include "StreamParser/JpegTables.h"
+#include "StreamParser/Mpeg2Parser.h"
+#include "Vidora/H264Parser.h"
+#include "Vidora/Mpeg4Parser.h"
+#include "Vidora/StartCode.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+typedef std::vector<unsigned char> Bytes;
+
+Bytes from_hex(const char* hex) {
+    Bytes bytes;
+    for (; hex[0] != 0 && hex[1] != 0; hex += 2) {
+        bytes.push_back(static_cast<unsigned char>(std::stoi(std::string(hex, 2), nullptr, 16)));
+    }
+    return bytes;
+}
+
+size_t naive_find(const Bytes& data, size_t from, size_t zeros) {
+    for (size_t at = from; at + zeros + 1 <= data.size(); ++at) {
+        bool found = data[at + zeros] == 1;
+        for (size_t i = 0; i < zeros; ++i) {
+            found = found && data[at + i] == 0;
+        }
+        if (found) {
+            return at;
+        }
+    }
+    return NO_START_CODE;
+}
+
+// Dense in zeros and ones, so that codes, near misses and runs of zeros fall on every place of a vector step.
+TEST(StartCodeTest, VectorScanFindsWhatANaiveScanFinds) {
+    std::mt19937 random(1);
+    for (int round = 0; round < 3000; ++round) {
+        Bytes data(random() % 150);
+        const unsigned density = 2 + random() % 12;
+        for (unsigned char& byte : data) {
+            byte = static_cast<unsigned char>(random() % density);
+        }
+        for (size_t from = 0; from <= data.size() + 1; from += 1 + random() % 7) {
+            ASSERT_EQ(find_start_code3(data.data(), data.size(), from), naive_find(data, from, 2)) << round;
+            ASSERT_EQ(find_start_code4(data.data(), data.size(), from), naive_find(data, from, 3)) << round;
+        }
+    }
+    EXPECT_EQ(find_start_code3(nullptr, 0), NO_START_CODE);
+}
+
+TEST(Crc32Test, MatchesThePublishedCheckValueAndCancelsItself) {
+    Bytes data = {'1', '2', '3', '4', '5', '6', '7', '8', '9'};
+    const uint32_t crc = mpeg_crc32(data.data(), data.size());
+    EXPECT_EQ(crc, 0x0376E6E7u);  // the catalogue's check value of CRC-32/MPEG-2
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        data.push_back(static_cast<unsigned char>(crc >> shift));
+    }
+    EXPECT_EQ(mpeg_crc32(data.data(), data.size()), 0u);
+}
+
+struct SpsRow {
+    const char* name;
+    const char* hex;  // made by an independent encoder
+    uint32_t width, height, field_height;
+    bool frame_mbs_only;
+};
+
+const SpsRow SPS_ROWS[] = {
+    {"high profile", "6764001eacd940a03db011000003000100000300320f162d96", 640, 480, 480, true},
+    {"cropped at the bottom", "67640028acd940780227e5c044000003000400000300c83c60c658", 1920, 1080, 1080, true},
+    // 34 map units of two fields, cropped by 2 units of 2 lines: (544 - 4) x 2.
+    {"field coding", "67640028acd94078044fde0220000003002000000643e2c5b2c0", 1920, 1080, 540, false},
+    {"baseline profile", "6742c01ed900b4126c0440000003004000000c83c58b92", 720, 576, 576, true},
+};
+
+TEST(H264ParserTest, ReadsRealParameterSetsAndNoneOfTheirPieces) {
+    for (const SpsRow& row : SPS_ROWS) {
+        SCOPED_TRACE(row.name);
+        const Bytes nal = from_hex(row.hex);
+        H264Sps sps;
+        ASSERT_TRUE(h264_parse_sps(nal.data(), nal.size(), sps));
+        EXPECT_EQ(sps.width, row.width);
+        EXPECT_EQ(sps.height, row.height);
+        EXPECT_EQ(sps.field_height, row.field_height);
+        EXPECT_EQ(sps.frame_mbs_only, row.frame_mbs_only);
+        // What is needed stands in the first 9 bytes at least; shorter cuts must not give a size.
+        for (size_t len = 0; len < 9; ++len) {
+            const Bytes cut(nal.begin(), nal.begin() + static_cast<long>(len));
+            H264Sps none;
+            EXPECT_FALSE(h264_parse_sps(cut.data(), cut.size(), none)) << len;
+            EXPECT_EQ(none.width, 0u);
+        }
+    }
+}
+
+TEST(H264ParserTest, ReadsSliceHeadsUpToTheFieldFlag) {
+    // first_mb 0 "1", slice_type 7 "0001000", pps 0 "1", frame_num 0000, field_pic 1, bottom 0
+    const Bytes slice = {0x88, 0x84, 0x20};
+    H264Sps sps;
+    sps.frame_mbs_only = false;
+    H264Slice read;
+    ASSERT_TRUE(h264_parse_slice_type(slice.data(), 1, read));
+    EXPECT_EQ(read.slice_type, 7u);
+    ASSERT_TRUE(h264_parse_field_pic(slice.data(), slice.size(), sps, read));
+    EXPECT_TRUE(read.field_pic);
+    sps.frame_mbs_only = true;  // then the flag isn't there
+    ASSERT_TRUE(h264_parse_field_pic(slice.data(), slice.size(), sps, read));
+    EXPECT_FALSE(read.field_pic);
+    const Bytes bad_type = {0x85, 0x80};  // slice_type 10
+    EXPECT_FALSE(h264_parse_slice_type(bad_type.data(), bad_type.size(), read));
+    EXPECT_FALSE(h264_parse_slice_type(slice.data(), 0, read));
+}
+
+TEST(Mpeg4ParserTest, ReadsARealVolBehindOtherHeaders) {
+    const Bytes config = from_hex("000001b001000001b58913000001000000012000c48d8800cd0b04241443000001b24c617663");
+    Mpeg4Vol vol;
+    ASSERT_TRUE(mpeg4_parse_vol(config.data(), config.size(), vol));
+    EXPECT_EQ(vol.width, 352u);
+    EXPECT_EQ(vol.height, 288u);
+    EXPECT_EQ(vol.time_increment_resolution, 25u);
+    EXPECT_FALSE(vol.interlaced);
+    for (size_t len = 0; len < 29; ++len) {
+        const Bytes cut(config.begin(), config.begin() + static_cast<long>(len));
+        Mpeg4Vol none;
+        EXPECT_FALSE(mpeg4_parse_vol(cut.data(), cut.size(), none)) << len;
+    }
+}
+
+TEST(Mpeg2ParserTest, ReadsARealSequenceHeader) {
+    const Bytes data = from_hex("000001b32d024013ffffe018000001b5148a0001000000000100000800400000");
+    Mpeg2Sequence sequence;
+    ASSERT_TRUE(mpeg2_parse_sequence(data.data(), data.size(), sequence));
+    EXPECT_EQ(sequence.width, 720u);
+    EXPECT_EQ(sequence.height, 576u);
+    EXPECT_EQ(sequence.frame_rate, 25);
+    EXPECT_EQ(sequence.aspect_code, 1);
+    EXPECT_EQ(mpeg2_picture_type(data.data(), data.size()), 1);
+    EXPECT_EQ(mpeg2_picture_type(data.data(), 20), 0);
+    EXPECT_FALSE(mpeg2_parse_sequence(data.data(), 7, sequence));
+    const int rates[] = {0, 24, 24, 25, 30, 30, 50, 60, 60, 25};
+    for (int code = 0; code < 10; ++code) {
+        EXPECT_EQ(mpeg2_frame_rate(code), rates[code]) << code;
+    }
+}
+
+TEST(JpegTablesTest, HoldTogetherAsTheStandardHasThem) {
+    uint8_t luma[JPEG_TABLE_LEN];
+    uint8_t chroma[JPEG_TABLE_LEN];
+    jpeg_make_quantisers(50, luma, chroma);
+    EXPECT_EQ(std::memcmp(luma, JPEG_LUMA_QUANTISER, sizeof(luma)), 0);
+    EXPECT_EQ(std::memcmp(chroma, JPEG_CHROMA_QUANTISER, sizeof(chroma)), 0);
+    EXPECT_EQ(std::accumulate(luma, luma + 64, 0), 3688);      // sum of table K.1
+    EXPECT_EQ(std::accumulate(chroma, chroma + 64, 0), 5505);  // sum of table K.2
+    jpeg_make_quantisers(0, luma, chroma);                     // as 1
+    EXPECT_EQ(*std::min_element(luma, luma + 64), 255);
+    jpeg_make_quantisers(100, luma, chroma);  // as 99
+    EXPECT_EQ(luma[0], 1);
+    // Each DHT segment: its length, and its counts of codes equal to its values, all of them different.
+    size_t at = 0;
+    for (const int symbols : {12, 162, 12, 162}) {
+        ASSERT_EQ(JPEG_HUFFMAN_SEGMENTS[at + 1], JPEG_DHT);
+        EXPECT_EQ(JPEG_HUFFMAN_SEGMENTS[at + 3], 19 + symbols);
+        EXPECT_EQ(std::accumulate(JPEG_HUFFMAN_SEGMENTS + at + 5, JPEG_HUFFMAN_SEGMENTS + at + 21, 0), symbols);
+        Bytes values(JPEG_HUFFMAN_SEGMENTS + at + 21, JPEG_HUFFMAN_SEGMENTS + at + 21 + symbols);
+        std::sort(values.begin(), values.end());
+        EXPECT_EQ(std::unique(values.begin(), values.end()), values.end());
+        at += 21 + static_cast<size_t>(symbols);
+    }
+    EXPECT_EQ(at, JPEG_HUFFMAN_LEN);
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,130 @@
+#include "StreamParser/Frame2Ps.h"
+
+#include <gtest/gtest.h>
+
+#include "Vidora/Types.h"
+#include "support/PackerUnits.h"
+#include "support/StreamBytes.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace Support {
+namespace {
+
+TEST(Frame2Ps, HeadersAreAsReadersExpectThem) {
+    struct Row {
+        int video, audio, bit_rate, enc_type;
+        const char* pack;    // behind the clock
+        const char* system;  // behind the start code
+        const char* map;
+        const char* pes;
+    };
+    const Row rows[] = {
+        {STREAM_KIND_H264, STREAM_KIND_MP3, 4000000, ENC_TYPE_H264, "009c47 f8", "000c 804e23 04 e1 ff b8c040 b9e200",
+         "000e e0ff 0000 0008 1be00000 03c10000 00000000", "e0"},
+        {STREAM_KIND_H264, STREAM_KIND_AUDIO, 4000000, ENC_TYPE_AUDIO, "009c47 f8",
+         "000c 804e23 04 e1 ff b8c040 b9e200", "000e e0ff 0000 0008 1be00000 00c10000 00000000", "c1"},
+        {STREAM_KIND_MPEG4, STREAM_KIND_MPEG_AUDIO, 0, ENC_TYPE_MPEG_AUDIO, "000007 f8",
+         "000c 800003 00 e2 ff b8c040 b9e200", "000e e0ff 0000 0008 10e00000 00e10000 00000000", "e0"},
+    };
+    const Bytes frame = FromHex("00000001 6588");
+    for (const Row& row : rows) {
+        CFrame2Ps packer;
+        packer.SetPsInfo(row.video, row.audio, 8000, row.bit_rate);
+        ASSERT_EQ(0, packer.PutFrame(frame.data(), 6, row.enc_type, 1000, 0));
+        const std::vector<Bytes> units = UnitsOf(packer);
+        ASSERT_EQ(4u, units.size());
+        // 90000 ticks.
+        EXPECT_EQ(ToHex(FromHex("000001ba 440016fc8401") + FromHex(row.pack)), ToHex(units[0]));
+        EXPECT_EQ(ToHex(FromHex("000001bb") + FromHex(row.system)), ToHex(units[1]));
+        EXPECT_EQ(ToHex(FromHex("000001bc") + FromHex(row.map)), ToHex(units[2]));
+        EXPECT_EQ(ToHex(FromHex("000001") + FromHex(row.pes) + FromHex("0013 80c00a 310005bf21 110005bf21") + frame),
+                  ToHex(units[3]));
+    }
+    CFrame2Ps unset;
+    unset.PutFrame(frame.data(), 6, ENC_TYPE_H264, 0, 0);
+    EXPECT_EQ("000001ba440004000401000003f8", ToHex(UnitsOf(unset)[0]));  // no rate told
+}
+
+TEST(Frame2Ps, FramesAreCutIntoPesPackets) {
+    struct Row {
+        int max_pes;
+        uint32_t len;
+        std::vector<size_t> parts;
+    };
+    const Row rows[] = {{8000, 8000, {8000}},        {8000, 8001, {8000, 1}},    {500, 1001, {1000, 1}},
+                        {-5, 1001, {1000, 1}},       {70000, 65001, {65000, 1}}, {1500, 4000, {1500, 1500, 1000}},
+                        {65000, 65535, {65000, 535}}};
+    for (const Row& row : rows) {
+        CFrame2Ps packer;
+        packer.SetPsInfo(STREAM_KIND_H264, STREAM_KIND_AUDIO, row.max_pes, 1000000);
+        Bytes frame(row.len);
+        for (uint32_t i = 0; i < row.len; ++i) {
+            frame[i] = static_cast<uint8_t>(i * 7);
+        }
+        ASSERT_EQ(0, packer.PutFrame(frame.data(), row.len, ENC_TYPE_H264, 0, 0));
+        EXPECT_EQ(static_cast<int>(row.parts.size()) + 3, packer.GetPacketCount());
+        const std::vector<Bytes> units = UnitsOf(packer);
+        Bytes all;
+        for (size_t i = 0; i < row.parts.size(); ++i) {
+            const Bytes& unit = units[3 + i];
+            EXPECT_EQ(row.parts[i] + 19, unit.size()) << row.max_pes;
+            EXPECT_EQ(row.parts[i] + 13, static_cast<size_t>(unit[4] << 8 | unit[5]));
+            all.insert(all.end(), unit.begin() + 19, unit.end());
+        }
+        EXPECT_EQ(frame, all) << row.max_pes;
+    }
+}
+
+TEST(Frame2Ps, RefusalsLeaveItInUse) {
+    CFrame2Ps packer;
+    packer.SetPsInfo(STREAM_KIND_H264, STREAM_KIND_AUDIO, 1000, 1000000);
+    const Bytes huge(STREAM_BUFFER_LEN + 1, 7);
+    // 14 + 18 + 24 bytes of headers; 514 full parts of 1019 bytes leave room for one of 447 bytes behind its header.
+    const uint32_t most = 514 * 1000 + 447;
+    for (const uint32_t len : {0u, most + 1, STREAM_BUFFER_LEN, STREAM_BUFFER_LEN + 1}) {
+        LogText log;
+        EXPECT_EQ(-1, packer.PutFrame(huge.data(), len, ENC_TYPE_H264, 0, 0)) << len;
+        EXPECT_TRUE(log.Has("CFrame2Ps::PutFrame PsStream fail\n"));
+        EXPECT_EQ(0, packer.GetPacketCount());
+        EXPECT_EQ(0, packer.GetPacketSize());
+        EXPECT_EQ(0, packer.GetTotalSize());
+        EXPECT_EQ(-1, packer.NextPacket());
+        EXPECT_EQ(0, packer.PutFrame(huge.data(), most, ENC_TYPE_H264, 0, 0));
+        EXPECT_EQ(518, packer.GetPacketCount());
+        EXPECT_EQ(static_cast<int>(STREAM_BUFFER_LEN), packer.GetTotalSize());
+    }
+    EXPECT_EQ(-1, packer.PutFrame(nullptr, 5, ENC_TYPE_H264, 0, 0));
+}
+
+// A day of frames across the wrap of the 33-bit clock, read back from the pack header and both time stamps.
+TEST(Frame2Ps, RunsThroughADay) {
+    CFrame2Ps packer;
+    const unsigned char frame[] = {0, 0, 1, 0xB6};
+    const uint64_t mask = (uint64_t{1} << 33) - 1;
+    uint64_t pts = mask / 90 - 4 * 3600 * 1000;
+    const auto stamp = [](const unsigned char* at) {
+        return uint64_t{at[0] & 0x0Eu} << 29 | uint64_t{at[1]} << 22 | uint64_t{at[2] & 0xFEu} << 14 |
+               uint64_t{at[3]} << 7 | at[4] >> 1;
+    };
+    for (int i = 0; i < 24 * 3600 * 10; ++i, pts += 100) {
+        ASSERT_EQ(0, packer.PutFrame(frame, sizeof(frame), ENC_TYPE_MPEG4, pts, 0));
+        unsigned char pack[14], pes[23];
+        ASSERT_EQ(14, packer.GetPacket(pack, sizeof(pack)));
+        while (packer.GetPacketSize() != sizeof(pes)) {
+            packer.NextPacket();
+        }
+        packer.GetPacket(pes, sizeof(pes));
+        const uint64_t reference = uint64_t{pack[4] & 0x38u} << 27 | uint64_t{pack[4] & 0x03u} << 28 |
+                                   uint64_t{pack[5]} << 20 | uint64_t{pack[6] & 0xF8u} << 12 |
+                                   uint64_t{pack[6] & 0x03u} << 13 | uint64_t{pack[7]} << 5 | pack[8] >> 3;
+        ASSERT_EQ(pts * 90 & mask, reference);
+        ASSERT_EQ(pts * 90 & mask, stamp(pes + 9));
+        ASSERT_EQ(pts * 90 & mask, stamp(pes + 14));
+    }
+}
+
+}  // namespace
+}  // namespace Support
+}  // namespace Vidora
+}  // namespace Kavio

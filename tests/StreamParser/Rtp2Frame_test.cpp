@@ -1,0 +1,433 @@
+#include "StreamParser/Rtp2Frame.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "support/Depacketiser.h"
+#include "support/StreamBytes.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace Support {
+namespace {
+
+const Bytes SPS = FromHex("6742c01eda0280be40");
+const Bytes PPS = FromHex("68ce3c80");
+const Bytes CODE = FromHex("00000001");
+
+TEST(Rtp2Frame, HeadersThatLieAreRefused) {
+    struct Row {
+        const char* name;
+        Bytes packet;
+        int result;
+    };
+    RtpSpec plain;
+    plain.marker = true;
+    RtpSpec csrc = plain;
+    csrc.csrc_count = 2;
+    RtpSpec extension = plain;
+    extension.extension_words = 3;
+    RtpSpec padded = plain;
+    padded.padding = 4;
+    const Bytes payload = FromHex("0102030405060708");
+    Bytes long_extension = MakeRtp(extension, {});
+    long_extension[15] = 200;
+    Bytes long_padding = MakeRtp(padded, payload);
+    long_padding.back() = 13;
+    Bytes all_padding = MakeRtp(padded, payload);
+    all_padding.back() = 12;
+    Bytes no_padding = MakeRtp(padded, payload);
+    no_padding.back() = 0;
+    const Row rows[] = {
+        {"null", {}, -1},
+        {"twelve bytes", MakeRtp(plain, {}), -1},
+        {"one byte of payload", MakeRtp(plain, {1}), 1},
+        {"interleave header", FromHex("24000014") + MakeRtp(plain, payload), 1},
+        {"interleave header and too little behind", FromHex("2400000c") + MakeRtp(plain, {}), -1},
+        {"CSRC list", MakeRtp(csrc, payload), 1},
+        {"CSRC list to the end", MakeRtp(csrc, {}), -1},
+        {"extension", MakeRtp(extension, payload), 1},
+        {"extension to the end", MakeRtp(extension, {}), -1},
+        {"extension beyond the end", long_extension, -1},
+        {"padding", MakeRtp(padded, payload), 1},
+        {"padding over the payload", long_padding, -1},
+        {"padding of all the payload", all_padding, -1},
+        {"padding of zero bytes", no_padding, 1},
+    };
+    for (const Row& row : rows) {
+        Depacketiser in(ENC_TYPE_AUDIO);
+        LogText log;
+        EXPECT_EQ(row.result, in.Put(row.packet)) << row.name;
+        EXPECT_EQ(row.result < 0, log.Has("CRtp2Frame::PutPacket input invalid. buf[")) << row.name;
+        if (row.result > 0 && row.packet.size() > 13 && std::string(row.name) != "padding of zero bytes") {
+            EXPECT_EQ(ToHex(payload), ToHex(in.Last())) << row.name;
+        }
+        EXPECT_EQ(1, in.Put(MakeRtp(plain, payload))) << row.name;  // still in use
+    }
+    EXPECT_EQ(-1, CRtp2Frame().PutPacket(nullptr, 100));
+}
+
+TEST(Rtp2Frame, OneFrameHasABoundedNumberOfPackets) {
+    Depacketiser in(ENC_TYPE_AUDIO);
+    RtpSpec spec;
+    for (uint32_t i = 0; i < CRtp2Frame::MAX_PACKETS; ++i, ++spec.sequence) {
+        ASSERT_EQ(0, in.Put(MakeRtp(spec, {1})));
+    }
+    EXPECT_EQ(-1, in.Put(MakeRtp(spec, {1})));
+    spec.marker = true;
+    EXPECT_EQ(1, in.Put(MakeRtp(spec, {1})));
+}
+
+TEST(Rtp2Frame, TimeRunsInTheClockOfAudioAndIn90KhzElsewhere) {
+    struct Row {
+        int enc_type;
+        uint32_t clock, step;
+        uint64_t ms;
+    };
+    const Row rows[] = {{ENC_TYPE_AUDIO, 8000, 160, 20},  {ENC_TYPE_AUDIO, 0, 160, 20},
+                        {ENC_TYPE_AUDIO, 44100, 441, 10}, {ENC_TYPE_H264, 90000, 3600, 40},
+                        {ENC_TYPE_JPEG, 8000, 3600, 40},  {ENC_TYPE_MPEG_AUDIO, 44100, 3600, 40},
+                        {ENC_TYPE_ASSIST, 1000, 3003, 33}};
+    for (const Row& row : rows) {
+        Depacketiser in(row.enc_type, false, row.clock);
+        RtpSpec spec;
+        spec.timestamp = 0xFFFFFF00;
+        in.Put(MakeRtp(spec, Bytes(20, 0)));
+        EXPECT_EQ(0u, in.Engine().GetPts());
+        spec.timestamp += row.step;
+        ++spec.sequence;
+        in.Put(MakeRtp(spec, Bytes(20, 0)));
+        EXPECT_EQ(row.ms, in.Engine().GetPts()) << row.enc_type;
+    }
+}
+
+// A day of 25 frames a second: the sequence number wraps 33 times, the time stamp once, and the frames keep their time.
+TEST(Rtp2Frame, RunsThroughADay) {
+    Depacketiser in(ENC_TYPE_H264, true);
+    RtpSpec spec;
+    spec.marker = true;
+    spec.timestamp = 0x80000000;
+    const Bytes payload = FromHex("61e0e1e2");
+    Bytes packet = MakeRtp(spec, payload);
+    const uint32_t frames = 24 * 3600 * 25;
+    for (uint32_t i = 0; i < frames; ++i) {
+        const uint16_t sequence = static_cast<uint16_t>(i + 60000);
+        const uint32_t timestamp = 0x80000000 + i * 3600;
+        packet[2] = static_cast<uint8_t>(sequence >> 8);
+        packet[3] = static_cast<uint8_t>(sequence);
+        for (int byte = 0; byte < 4; ++byte) {
+            packet[4 + static_cast<size_t>(byte)] = static_cast<uint8_t>(timestamp >> (24 - 8 * byte));
+        }
+        ASSERT_EQ(1, in.Engine().PutPacket(packet.data(), static_cast<int>(packet.size()))) << i;
+        ASSERT_EQ(uint64_t{i} * 40, in.Engine().GetPts());
+        in.Engine().Clear();
+    }
+    EXPECT_EQ(1u, in.m_events.size());  // the SSRC of the first packet
+}
+
+TEST(Rtp2Frame, TheFirstPacketTellsItsSsrc) {
+    LogText log;
+    Depacketiser in(ENC_TYPE_AUDIO);
+    in.Put(MakeRtp(RtpSpec(), {1}));
+    EXPECT_TRUE(log.Has(">>> RTP SSRC CHANGES from [00000000] to [11223344]\n"));
+    EXPECT_EQ(std::vector<std::string>{"ssrc 0 287454020"}, in.m_events);
+    EXPECT_EQ(0x11223344u, in.Engine().GetSsrc());
+    EXPECT_EQ(1, in.Engine().GetLastSeq());
+}
+
+// Packets of another payload type that take part in the sequence: after the first pair they are no gaps, and a real gap
+// beside one of them still marks the frame. One that follows the own number 0 isn't counted, as it never was.
+TEST(Rtp2Frame, ForeignPacketsMayShareTheSequence) {
+    struct Row {
+        bool shared;
+        uint16_t start;
+        uint32_t lost;  // frame
+    };
+    const Row rows[] = {{true, 65529, 0}, {true, 65530, 5}, {false, 65530, 0}};
+    for (const Row& row : rows) {
+        Depacketiser in(ENC_TYPE_AUDIO, true);
+        RtpSpec own, foreign;
+        own.marker = true;
+        foreign.payload_type = 97;
+        uint16_t next = row.start;
+        uint16_t alone = row.start;  // the own sequence when it isn't shared
+        const auto put_own = [&](uint32_t timestamp) {
+            own.timestamp = timestamp;
+            own.sequence = row.shared ? next++ : alone++;
+            return in.Put(MakeRtp(own, {1}));
+        };
+        const auto put_foreign = [&] {
+            foreign.sequence = row.shared ? next++ : static_cast<uint16_t>(1000 + next++);
+            return in.Put(MakeRtp(foreign, {2}));
+        };
+        EXPECT_EQ(1, put_own(100));
+        EXPECT_EQ(0, put_foreign());
+        // Not known to be shared yet, so that the first own packet behind a foreign one looks like a gap.
+        EXPECT_EQ(row.shared ? 0 : 1, put_own(200));
+        for (uint32_t frame = 3; frame < 12; ++frame) {  // over the wrap
+            EXPECT_EQ(0, put_foreign());
+            EXPECT_EQ(frame == row.lost ? 0 : 1, put_own(frame * 100)) << row.start << " " << frame;
+        }
+        const size_t events = in.m_events.size();
+        own.marker = false;
+        EXPECT_EQ(0, put_own(2000));
+        next = static_cast<uint16_t>(next + 1);  // a loss in front of the foreign packet
+        EXPECT_EQ(0, put_foreign());
+        own.marker = true;
+        EXPECT_EQ(row.shared ? 0 : 1, put_own(2000));
+        EXPECT_EQ(events, in.m_events.size());
+    }
+}
+
+TEST(Rtp2Frame, H264PayloadsBecomeAByteStream) {
+    struct Row {
+        const char* name;
+        std::vector<const char*> payloads;
+        int result;  // of the last packet, which has the marker
+        const char* frame;
+        char letter;
+    };
+    // Slice bytes: e0 is first_mb 0, slice type 0 (P); a0 is type 1 (B); 88 is type 7 (I); 80 00 00 ends in a bad code.
+    const Row rows[] = {
+        {"P slice", {"61e0aa"}, 1, "0000000161e0aa", 'P'},
+        {"B slice is a P letter", {"41a0aa"}, 1, "0000000141a0aa", 'P'},
+        {"I slice makes a key frame", {"6188aa"}, 1, "000000016188aa", 'I'},
+        {"slice type beyond three bytes", {"61800000ff"}, 0, "", 0},
+        {"IDR", {"6511"}, 1, "000000016511", 'I'},
+        {"parameter sets go on collecting", {"6742", "68ce", "6511"}, 1, "000000016742 0000000168ce 000000016511", 'I'},
+        {"no picture", {"0930", "0605"}, 0, "", 0},
+        {"FU-A", {"7c8511", "7c0522", "7c4533"}, 1, "00000001651122 33", 'I'},
+        {"FU-A of a P slice", {"5c81e0", "5c4122"}, 1, "0000000141e022", 'P'},
+        {"FU-A of one packet", {"7cc511"}, 1, "000000016511", 'I'},
+        {"FU-A that brings a start code", {"7c80000001651122", "7c4033"}, 1, "00000001651122 33", 'I'},
+        {"FU-A with that header and nothing of it", {"7c800000026511"}, 0, "", 0},
+        {"STAP-A", {"7800026742000268ce00026511"}, 1, "000000016742 0000000168ce 000000016511", 'I'},
+        {"STAP-A with a P slice behind SEI", {"38000206050002 61e0"}, 1, "000000010605 0000000161e0", 'P'},
+        {"STAP-A whose last unit overruns", {"78000261e0000961"}, 1, "0000000161e0", 'P'},
+        {"STAP-A with an empty unit", {"780000000261e0"}, 1, "0000000161e0", 'P'},
+        {"type 0 with a start code of its own", {"00000001 6511"}, 1, "00000001 6511", 'I'},
+        {"type 0 without", {"00112233"}, 0, "", 0},
+        {"inner start code tells the kind", {"0930 00000001 41e0"}, 1, "00000001 0930 00000001 41e0", 'P'},
+        {"one byte", {"65"}, -1, "", 0},
+        {"STAP-B", {"79001100026511"}, -1, "", 0},
+        {"FU-B", {"7d851122"}, -1, "", 0},
+        {"type 30", {"7e1122"}, -1, "", 0},
+    };
+    for (const Row& row : rows) {
+        Depacketiser in(ENC_TYPE_H264);
+        LogText log;
+        RtpSpec spec;
+        int result = 0;
+        for (const char* payload : row.payloads) {
+            spec.marker = payload == row.payloads.back();
+            result = in.Put(MakeRtp(spec, FromHex(payload)));
+            ++spec.sequence;
+        }
+        EXPECT_EQ(row.result, result) << row.name;
+        EXPECT_EQ(ToHex(FromHex(row.frame)), ToHex(in.Last())) << row.name;
+        EXPECT_EQ(std::string(row.letter != 0 ? 1 : 0, row.letter), in.m_letters) << row.name;
+        EXPECT_EQ(result < 0, log.Has("CRtp2Frame::PutPacket make_frame[enc_type=1] fail, ret = -")) << row.name;
+    }
+}
+
+// Key frames go out with parameter sets: their own if they have both, in whatever packets, or the known ones.
+TEST(Rtp2Frame, H264KeyFramesHaveParameterSets) {
+    const Bytes known = CODE + SPS + CODE + PPS;
+    const Bytes other_sps = FromHex("6742c01eda078239");
+    const Bytes other = CODE + other_sps + CODE + PPS;
+    const Bytes idr = FromHex("65888421");
+    const auto unit = [](const Bytes& nal) {
+        return Bytes{static_cast<uint8_t>(nal.size() >> 8), static_cast<uint8_t>(nal.size())} + nal;
+    };
+    struct Row {
+        const char* name;
+        std::vector<Bytes> payloads;
+        bool own;  // the frame has both sets
+    };
+    const Row rows[] = {
+        {"none", {idr}, false},
+        {"only one", {other_sps, idr}, false},
+        {"packets of their own", {other_sps, PPS, idr}, true},
+        {"STAP-A in front", {FromHex("78") + unit(other_sps) + unit(PPS), idr}, true},
+        {"STAP-A with all", {FromHex("78") + unit(other_sps) + unit(PPS) + unit(idr)}, true},
+        {"inside one payload", {other_sps + CODE + PPS + CODE + idr}, true},
+        {"damaged start code", {FromHex("0600") + FromHex("80000001") + other_sps + CODE + PPS, idr}, true},
+        {"too long for the configuration", {other_sps + Bytes(1010, 0x55), PPS, idr}, false},
+    };
+    for (const Row& row : rows) {
+        Depacketiser in(ENC_TYPE_H264);
+        ASSERT_EQ(0, in.Engine().SetH264Config(SPS.data(), static_cast<int>(SPS.size()), PPS.data(),
+                                               static_cast<int>(PPS.size())));
+        RtpSpec spec;
+        for (const Bytes& payload : row.payloads) {
+            spec.marker = &payload == &row.payloads.back();
+            in.Put(MakeRtp(spec, payload));
+            ++spec.sequence;
+        }
+        ASSERT_EQ("I", in.m_letters) << row.name;
+        const std::string first = ToHex(in.Last());
+        EXPECT_EQ(row.own ? std::string::npos : 0, first.find(ToHex(known))) << row.name;
+        in.Put(MakeRtp(spec, idr));  // and what is known from now on
+        EXPECT_EQ(ToHex((row.own ? other : known) + CODE + idr), ToHex(in.Last())) << row.name;
+        EXPECT_EQ(row.own ? 480 : 640, in.Engine().GetWidth()) << row.name;
+        EXPECT_EQ(row.own ? 272 : 368, in.Engine().GetHeight()) << row.name;
+        EXPECT_EQ(1, in.Engine().GetProgressive()) << row.name;
+    }
+}
+
+// A parameter set of 64 pixels by two fields of 16 lines; IDR slices with field_pic_flag 1 and 0.
+TEST(Rtp2Frame, FieldPicturesAreToldFromInterlacedFrames) {
+    const Bytes interlaced = FromHex("6742c01eda1248");
+    struct Row {
+        const char* slice;
+        int progressive;
+    };
+    const Row rows[] = {{"658886", 0}, {"658882", 1}};
+    for (const Row& row : rows) {
+        Depacketiser in(ENC_TYPE_H264);
+        RtpSpec spec;
+        in.Put(MakeRtp(spec, interlaced));
+        ++spec.sequence;
+        in.Put(MakeRtp(spec, PPS));
+        ++spec.sequence;
+        spec.marker = true;
+        EXPECT_EQ(1, in.Put(MakeRtp(spec, FromHex(row.slice))));
+        EXPECT_EQ(row.progressive, in.Engine().GetProgressive()) << row.slice;
+        EXPECT_EQ(32, in.Engine().GetHeight());
+    }
+}
+
+TEST(Rtp2Frame, ConfigurationsHaveLimits) {
+    CRtp2Frame engine;
+    const Bytes set(1024, 0x11);
+    EXPECT_EQ(-1, engine.SetMpeg4Config(set.data(), 0));
+    EXPECT_EQ(-1, engine.SetMpeg4Config(set.data(), 1024));
+    EXPECT_EQ(0, engine.SetMpeg4Config(set.data(), 1023));
+    EXPECT_EQ(-1, engine.SetMpeg4Config(nullptr, 5));
+    EXPECT_EQ(-1, engine.SetH264Config(set.data(), 5, set.data(), 0));
+    EXPECT_EQ(-1, engine.SetH264Config(nullptr, 5, set.data(), 5));
+    EXPECT_EQ(-1, engine.SetH264Config(set.data(), 1000, set.data(), 16));
+    EXPECT_EQ(0, engine.SetH264Config(set.data(), 1000, set.data(), 15));
+}
+
+TEST(Rtp2Frame, Mpeg4KeyFramesHaveAConfiguration) {
+    const Bytes config = FromHex("000001b001 000001b509 00000100 00000120 00845d4c28582120a31f");
+    const Bytes key = FromHex("000001b6 10aabb");
+    const Bytes other = FromHex("000001b6 50aabb");
+    Depacketiser in(ENC_TYPE_MPEG4);
+    RtpSpec spec;
+    const auto put = [&](const Bytes& payload, bool marker) {
+        spec.marker = marker;
+        const int ret = in.Put(MakeRtp(spec, payload));
+        ++spec.sequence;
+        return ret;
+    };
+    EXPECT_EQ(0, put(FromHex("aabbcc"), true));  // no picture: goes on collecting
+    EXPECT_EQ(1, put(other, true));
+    EXPECT_EQ(ToHex(FromHex("aabbcc") + other), ToHex(in.Last()));
+    EXPECT_EQ(0, put(config, false));
+    EXPECT_EQ(0, put(key, false));
+    EXPECT_EQ(1, put(FromHex("ccdd"), true));
+    EXPECT_EQ(ToHex(config + key + FromHex("ccdd")), ToHex(in.Last()));
+    EXPECT_EQ(352, in.Engine().GetWidth());
+    EXPECT_EQ(288, in.Engine().GetHeight());
+    EXPECT_EQ(1, put(key, true));
+    EXPECT_EQ(ToHex(config + key), ToHex(in.Last()));  // the known configuration in front
+    EXPECT_EQ(1, put(other, true));
+    EXPECT_EQ("PIIP", in.m_letters);
+}
+
+TEST(Rtp2Frame, AudioAndAssistHeadersAreCut) {
+    struct Row {
+        int enc_type;
+        std::vector<const char*> payloads;
+        int result;
+        const char* frame;
+        const char* letters;
+    };
+    const Row rows[] = {
+        {ENC_TYPE_MPEG_AUDIO, {"00000000 a1a2", "00000002 a3"}, 1, "a1a2a3", "A"},
+        {ENC_TYPE_MPEG_AUDIO, {"000000"}, -1, "", ""},
+        {ENC_TYPE_AUDIO, {"a1a2", "a3"}, 1, "a1a2a3", "A"},
+        {ENC_TYPE_ASSIST, {"0700000000000000 b1", "b2b3b4b5b6b7b8b9ba"}, 1, "b1b2b3b4b5b6b7b8b9ba", "W"},
+        {ENC_TYPE_ASSIST, {"07000000000000"}, -1, "", ""},
+        {ENC_TYPE_ONVIF_METADATA, {"aa"}, -1, "", ""},
+    };
+    for (const Row& row : rows) {
+        Depacketiser in(row.enc_type);
+        LogText log;
+        EXPECT_EQ(CRtp2Frame::ASSIST_TYPE_NONE, in.Engine().GetAssistType());
+        RtpSpec spec;
+        int result = 0;
+        for (const char* payload : row.payloads) {
+            spec.marker = payload == row.payloads.back();
+            result = in.Put(MakeRtp(spec, FromHex(payload)));
+            ++spec.sequence;
+        }
+        EXPECT_EQ(row.result, result) << row.enc_type;
+        EXPECT_EQ(row.frame, ToHex(in.Last())) << row.enc_type;
+        EXPECT_EQ(row.letters, in.m_letters) << row.enc_type;
+        EXPECT_EQ(row.enc_type == ENC_TYPE_ASSIST, in.Engine().GetAssistType() == 7) << row.enc_type;
+        EXPECT_EQ(row.enc_type == ENC_TYPE_ONVIF_METADATA, log.Has("CRtp2Frame enc_type[8] not right!\n"));
+    }
+}
+
+TEST(Rtp2Frame, JpegHeadersAreRebuilt) {
+    const std::string tables(256, '3');
+    struct Row {
+        const char* name;
+        std::string payload;
+        int result;
+        size_t header_len;  // of the image, without its scan
+        const char* scan;
+    };
+    const std::string main = "00000000 01 32 50 3c";  // type 1, Q 50, 640 x 480
+    const std::string in_band = "00000000 00 80 50 3c";
+    const Row rows[] = {
+        {"Q 50", main + "aabb", 1, 605, "aabb"},
+        {"restart header", "00000000 41 32 50 3c 0014 ffff aabb", 1, 611, "aabb"},
+        {"tables in band", in_band + "00000080" + tables + "aabb", 1, 605, "aabb"},
+        {"one table for both", in_band + "00000040" + tables.substr(128) + "aabb", 1, 605, "aabb"},
+        {"no tables yet", in_band + "00000000 aabb", -1, 0, ""},
+        {"tables longer than the packet", in_band + "00000080" + tables.substr(2), -1, 0, ""},
+        {"16-bit tables", in_band + "00010080" + tables + "aabb", -1, 0, ""},
+        {"type-specific", "01000000 01 32 50 3c aabb", -1, 0, ""},
+        {"type 2", "00000000 02 32 50 3c aabb", -1, 0, ""},
+        {"seven bytes", "00000000 01 32 50", -1, 0, ""},
+        {"cut restart header", "00000000 41 32 50 3c 0014", -1, 0, ""},
+    };
+    for (const Row& row : rows) {
+        Depacketiser in(ENC_TYPE_JPEG);
+        RtpSpec spec;
+        spec.marker = true;
+        EXPECT_EQ(row.result, in.Put(MakeRtp(spec, FromHex(row.payload)))) << row.name;
+        if (row.result > 0) {
+            const std::string image = ToHex(in.Last());
+            EXPECT_EQ(row.header_len + 2, in.Last().size()) << row.name;
+            EXPECT_EQ("ffd8ffdb004300", image.substr(0, 14)) << row.name;
+            EXPECT_EQ(row.scan, image.substr(image.size() - 4)) << row.name;
+            EXPECT_EQ(row.header_len == 611, image.find("ffdd00040014ffda") != std::string::npos) << row.name;
+            EXPECT_NE(std::string::npos, image.find("ffc000110801e0028003")) << row.name;
+            EXPECT_EQ("J", in.m_letters);
+            EXPECT_EQ(640, in.Engine().GetWidth());
+            EXPECT_EQ(480, in.Engine().GetHeight());
+        }
+    }
+    // Tables stay for the frames with the same Q that leave them out, unless Q is 255.
+    for (const char* q : {"80", "ff"}) {
+        Depacketiser in(ENC_TYPE_JPEG);
+        RtpSpec spec;
+        spec.marker = true;
+        const std::string head = std::string("00000000 00") + q + "503c";
+        EXPECT_EQ(1, in.Put(MakeRtp(spec, FromHex(head + "00000080" + tables + "aabb"))));
+        ++spec.sequence;
+        EXPECT_EQ(std::string(q) == "ff" ? -1 : 1, in.Put(MakeRtp(spec, FromHex(head + "00000000 ccdd"))));
+    }
+}
+
+}  // namespace
+}  // namespace Support
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,454 @@
+// The converter framework: factory, parameters, results, output modes, statistics, console.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "StreamParser/RtpHeader.h"
+#include "StreamParser/StreamParser.h"
+#include "Vidora/KXFrame.h"
+#include "Vidora/Names.h"
+#include "support/Capture.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+typedef std::vector<unsigned char> Bytes;
+
+Flumen::CMediaFrame make_frame(const Bytes& bytes, int type = 'I', uint64_t pts = 1000, int sequence = 1) {
+    Flumen::CMediaFrame frame(static_cast<unsigned>(bytes.size()));
+    if (frame.valid()) {
+        std::memcpy(frame.getBuffer(), bytes.data(), bytes.size());
+    }
+    frame.setType(type);
+    frame.setPts(pts, Flumen::PTS_TYPE_MS);
+    frame.setSequence(sequence);
+    return frame;
+}
+
+Bytes bytes_of(const Flumen::CMediaFrame& frame) {
+    return Bytes(frame.getBuffer(), frame.getBuffer() + frame.size());
+}
+
+// Parameter sets of a 64x48 picture and a slice of `size` bytes.
+Bytes h264_frame(bool key, size_t size) {
+    Bytes frame;
+    if (key) {
+        frame = {0x00, 0x00, 0x00, 0x01, 0x67, 0x42, 0xc0, 0x0a, 0xd9, 0x04, 0x7b, 0x01,
+                 0x10, 0x00, 0x00, 0x03, 0x00, 0x10, 0x00, 0x00, 0x03, 0x03, 0x20, 0xf1,
+                 0x22, 0x64, 0x80, 0x00, 0x00, 0x00, 0x01, 0x68, 0xcb, 0x83, 0xcb, 0x20};
+    }
+    frame.insert(frame.end(), {0, 0, 0, 1, static_cast<unsigned char>(key ? 0x65 : 0x41),
+                               static_cast<unsigned char>(key ? 0x88 : 0x9A)});
+    for (size_t i = 2; i < size; ++i) {
+        frame.push_back(static_cast<unsigned char>(i % 250 + 2));
+    }
+    return frame;
+}
+
+CStreamParserPtr make_encoder(int enc_type, bool header, bool merge, int dst_type = STREAM_TYPE_RTP) {
+    const CStreamParserPtr encoder = CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, dst_type);
+    RtpEncParam param;
+    param.enc_type = enc_type;
+    param.payload_type = 96;
+    param.sequence = 10;
+    param.timestamp = 3000;
+    param.ssrc = 0x11223344;
+    encoder->SetParam(param);
+    TsEncParam ts;
+    ts.video_enc_type = enc_type;
+    encoder->SetParam(ts);
+    PsEncParam ps;
+    ps.video_enc_type = enc_type;
+    encoder->SetParam(ps);
+    RtpOverTcpParam over_tcp;
+    over_tcp.use_header = header ? 1 : 0;
+    over_tcp.channel = 2;
+    over_tcp.merge_frame = merge ? 1 : 0;
+    encoder->SetParam(over_tcp);
+    return encoder;
+}
+
+CStreamParserPtr make_decoder(int dst_type, int enc_type = ENC_TYPE_H264) {
+    const CStreamParserPtr decoder = CStreamParser::Create(STREAM_TYPE_RTP, dst_type);
+    RtpDecParam param;
+    param.enc_type = enc_type;
+    param.payload_type = 96;
+    param.channel = 5;
+    param.kx_encode_type = KX_VIDEO_H264;
+    param.rate_or_channels = 12;
+    decoder->SetParam(param);
+    return decoder;
+}
+
+// Everything that comes out for one input.
+std::vector<Flumen::CMediaFrame> convert(CStreamParser& parser, const Flumen::CMediaFrame& input) {
+    std::vector<Flumen::CMediaFrame> out;
+    if (parser.InputFrame(input) == PARSER_FRAME_READY) {
+        for (Flumen::CMediaFrame frame = parser.OutputFrame(); frame.valid(); frame = parser.OutputFrame()) {
+            out.push_back(frame);
+        }
+    }
+    return out;
+}
+
+TEST(StreamParserTest, FactoryMakesItsPairsAndRefusesTheRest) {
+    const char* names[] = {"Unknown",   "RTP",           "TS",         "PS",     "Private",
+                           "Raw Frame", "Private Frame", "Frame Auto", "Unknown"};
+    for (int src = 0; src <= 8; ++src) {
+        for (int dst = 0; dst <= 8; ++dst) {
+            SCOPED_TRACE(std::to_string(src) + " -> " + std::to_string(dst));
+            Support::CLogCapture log;
+            const bool decoder = src == 1 || src == 2;
+            const bool made = (decoder && (dst == 1 || dst == 5 || dst == 6)) || (src == 7 && dst >= 1 && dst <= 3);
+            EXPECT_EQ(CStreamParser::Create(src, dst) != nullptr, made);
+            std::string expected = "CStreamParser::Create dst_type[" + std::to_string(dst) + "] unsupported!\n";
+            if (decoder || src == 7) {
+                expected = std::string(decoder ? "CStreamDec" : "CStreamEnc") + "::Create ";
+                expected += made ? std::string("[") + names[src] + "] -> [" + names[dst] + "]\n"
+                                 : std::string("dst_type[") + names[dst] + "] unsupported!\n";
+            }
+            ASSERT_EQ(log.Lines().size(), 1u);
+            EXPECT_EQ(log.Lines()[0], expected);
+        }
+    }
+    EXPECT_STREQ(enc_type_name(9), "Mp3");
+    EXPECT_STREQ(enc_type_name(0), "Unknown");
+    EXPECT_STREQ(enc_type_name(10), "Unknown");
+}
+
+TEST(StreamParserTest, WhatAConverterDoesNotServeSaysSo) {
+    const CStreamParserPtr encoder = make_encoder(ENC_TYPE_H264, false, false);
+    const CStreamParserPtr ts_decoder = CStreamParser::Create(STREAM_TYPE_TS, STREAM_TYPE_RAW_FRAME);
+    Support::CLogCapture log;
+    RtpEncParam rtp;
+    encoder->Clean();
+    EXPECT_EQ(encoder->SetParam(RtpDecParam()), PARSER_UNSUPPORTED);
+    EXPECT_EQ(ts_decoder->SetParam(RtpDecParam()), PARSER_UNSUPPORTED);
+    EXPECT_EQ(ts_decoder->GetParam(rtp), PARSER_UNSUPPORTED);
+    EXPECT_EQ(encoder->SetParam(TsEncParam()), 0);  // for another destination: nothing, and no word
+    EXPECT_EQ(log.Lines(), (std::vector<std::string>{"Clean Unsup!\n", "SetParam Unsup!\n", "SetParam Unsup!\n",
+                                                     "GetParam Unsup!\n"}));
+}
+
+// Bare and private frames give the same packets; merged output is the packets, each behind its header.
+TEST(StreamParserTest, MergedOutputIsTheSinglePacketsInARow) {
+    const Bytes body = h264_frame(true, 4000);
+    CKXFrame wrapper;
+    wrapper.SetFrameType('I');
+    uint32_t offset = 0;
+    Bytes wrapped(wrapper.GetFrameSize(static_cast<uint32_t>(body.size()), offset));
+    std::copy(body.begin(), body.end(), wrapped.begin() + offset);
+    ASSERT_EQ(wrapper.WriteFrame(wrapped.data(), static_cast<uint32_t>(wrapped.size())), 0);
+    for (const int dst_type : {STREAM_TYPE_RTP, STREAM_TYPE_TS, STREAM_TYPE_PS}) {
+        for (const bool header : {false, true}) {
+            const auto single = convert(*make_encoder(1, header, false, dst_type), make_frame(body));
+            const auto merged = convert(*make_encoder(1, header, true, dst_type), make_frame(wrapped));
+            ASSERT_GT(single.size(), 3u);
+            ASSERT_EQ(merged.size(), 1u);
+            Bytes all;
+            for (const Flumen::CMediaFrame& packet : single) {
+                const Bytes bytes = bytes_of(packet);
+                if (header) {
+                    EXPECT_EQ(bytes[0], '$');
+                    EXPECT_EQ(bytes[1], 2);
+                    EXPECT_EQ(bytes[2] * 256u + bytes[3], bytes.size() - 4);
+                }
+                all.insert(all.end(), bytes.begin(), bytes.end());
+            }
+            EXPECT_EQ(bytes_of(merged[0]), all);
+        }
+    }
+}
+
+TEST(StreamParserTest, ReplayExtensionIsCountedInTheFirstHeader) {
+    const CStreamParserPtr encoder = make_encoder(ENC_TYPE_MPEG4, true, true);
+    RtpEncParam param;
+    encoder->GetParam(param);
+    param.enc_type = ENC_TYPE_MPEG4;
+    param.flags = RTP_FLAG_EXTENSION;
+    param.extension[3] = 3;
+    param.sequence = 999;  // with the flag set the time line goes on
+    encoder->SetParam(param);
+    const auto out = convert(*encoder, make_frame(Bytes(1500, 7)));
+    ASSERT_EQ(out.size(), 1u);
+    const Bytes bytes = bytes_of(out[0]);
+    ASSERT_EQ(bytes.size(), 4u + 12 + 16 + 1440 + 4 + 12 + 60);
+    EXPECT_EQ(bytes[2] * 256 + bytes[3], 12 + 16 + 1440);
+    EXPECT_EQ(bytes[4], 0x90);
+    EXPECT_EQ(bytes[7], 10);
+    EXPECT_EQ(bytes[4 + 12 + 16 + 1440 + 3], 72);
+    encoder->GetParam(param);
+    EXPECT_EQ(param.sequence, 12);
+}
+
+TEST(StreamParserTest, EncoderTellsItsResultsApartAndGoesOn) {
+    const CStreamParserPtr encoder = make_encoder(ENC_TYPE_JPEG, true, true);
+    Support::CLogCapture log(Ostra::LOG_LEVEL_ERROR);
+    EXPECT_EQ(encoder->InputFrame(Flumen::CMediaFrame()), PARSER_NO_DATA);
+    EXPECT_EQ(encoder->InputFrame(make_frame(h264_frame(true, 100))), PARSER_FAILED);  // another codec than said
+    EXPECT_FALSE(encoder->OutputFrame().valid());
+    // Only a header and no payload, or a header that claims more than there is.
+    Bytes empty(24, 0);
+    std::memcpy(empty.data(), "KXAV", 4);
+    EXPECT_EQ(encoder->InputFrame(make_frame(empty)), PARSER_FAILED);
+    RtpEncParam param;
+    param.enc_type = ENC_TYPE_AUDIO;
+    encoder->SetParam(param);
+    empty[22] = 255;
+    EXPECT_EQ(encoder->InputFrame(make_frame(empty)), PARSER_FAILED);
+    EXPECT_EQ(convert(*encoder, make_frame({1, 2, 3}, 'A')).size(), 1u);
+    EXPECT_EQ(log.Count("CFrame2Rtp::PutFrame error"), 3);
+}
+
+TEST(StreamParserTest, AssistFrameTakesItsTypeFromTheHeader) {
+    CKXFrame wrapper;
+    wrapper.SetFrameType('W');
+    wrapper.SetSubType(9);
+    uint32_t offset = 0;
+    Bytes wrapped(wrapper.GetFrameSize(5, offset), 0x77);
+    ASSERT_EQ(wrapper.WriteFrame(wrapped.data(), static_cast<uint32_t>(wrapped.size())), 0);
+    const CStreamParserPtr encoder = make_encoder(ENC_TYPE_ASSIST, false, true);
+    const auto packets = convert(*encoder, make_frame(wrapped, 'W'));
+    ASSERT_EQ(packets.size(), 1u);
+    EXPECT_EQ(packets[0].size(), 12u + 8 + 5);
+    EXPECT_EQ(packets[0].getBuffer()[12], 9);
+    const auto frames = convert(*make_decoder(STREAM_TYPE_PRIVATE_FRAME, ENC_TYPE_ASSIST), packets[0]);
+    ASSERT_EQ(frames.size(), 1u);
+    EXPECT_EQ(get_assist_type(frames[0].getBuffer(), static_cast<int>(frames[0].size())), 9);
+}
+
+// Every destination of the RTP decoder, from single packets, runs behind headers, and without a marker.
+TEST(StreamParserTest, RtpDecoderGivesFramesAndPacketsBack) {
+    for (const bool merge : {false, true}) {
+        const CStreamParserPtr encoder = make_encoder(ENC_TYPE_H264, merge, merge);
+        const CStreamParserPtr raw = make_decoder(STREAM_TYPE_RAW_FRAME);
+        const CStreamParserPtr kx = make_decoder(STREAM_TYPE_PRIVATE_FRAME);
+        const CStreamParserPtr back = make_decoder(STREAM_TYPE_RTP);
+        for (int i = 0; i < 3; ++i) {
+            SCOPED_TRACE(i);
+            const Bytes body = h264_frame(i == 0, 3000);
+            const auto packets = convert(*encoder, make_frame(body, i == 0 ? 'I' : 'P', 5000 + 40 * i));
+            std::vector<Flumen::CMediaFrame> raws, kxs, backs;
+            for (const Flumen::CMediaFrame& packet : packets) {
+                for (auto* pair : {&raws, &kxs, &backs}) {
+                    const CStreamParserPtr& decoder = pair == &raws ? raw : pair == &kxs ? kx : back;
+                    const auto out = convert(*decoder, packet);
+                    pair->insert(pair->end(), out.begin(), out.end());
+                }
+            }
+            ASSERT_EQ(raws.size(), 1u);
+            ASSERT_EQ(kxs.size(), 1u);
+            EXPECT_EQ(bytes_of(raws[0]), body);
+            EXPECT_EQ(raws[0].getType(), i == 0 ? 'I' : 'P');
+            EXPECT_EQ(raws[0].getPts(Flumen::PTS_TYPE_MS), 40u * static_cast<unsigned>(i));
+            EXPECT_EQ(raws[0].getChannel(), 5);
+            KXHeader header;
+            ASSERT_TRUE(kx_read_header(kxs[0].getBuffer(), kxs[0].size(), header));
+            EXPECT_EQ(header.frame_type, i == 0 ? KX_TYPE_I : KX_TYPE_P);
+            EXPECT_EQ(header.time_stamp, 40 * i);
+            EXPECT_EQ(header.sequence, static_cast<uint32_t>(kxs[0].getSequence()));
+            EXPECT_EQ(header.total_length, kxs[0].size());
+            int remaining = 0;
+            const int offset = get_frame_body(kxs[0].getBuffer(), static_cast<int>(kxs[0].size()), remaining);
+            EXPECT_EQ(Bytes(kxs[0].getBuffer() + offset, kxs[0].getBuffer() + offset + remaining), body);
+            if (i == 0) {
+                const Bytes blocks(kxs[0].getBuffer() + 24, kxs[0].getBuffer() + 32);
+                EXPECT_EQ(blocks[2], KX_VIDEO_H264);
+                EXPECT_EQ(blocks[3], 12);  // no rate measured yet
+            }
+            ASSERT_EQ(backs.size(), packets.size());
+            for (size_t k = 0; k < backs.size(); ++k) {
+                EXPECT_EQ(backs[k].getBuffer(), packets[k].getBuffer());  // the same bytes, not a copy
+                EXPECT_EQ(backs[k].getSequence(), backs[0].getSequence());
+            }
+        }
+    }
+}
+
+Flumen::CMediaFrame rtp_packet(uint16_t sequence, uint32_t timestamp, bool marker, const Bytes& payload) {
+    Bytes bytes = {0x80, static_cast<unsigned char>(marker ? 0xE0 : 0x60), static_cast<unsigned char>(sequence >> 8),
+                   static_cast<unsigned char>(sequence)};
+    for (int shift = 24; shift >= 0; shift -= 8) {
+        bytes.push_back(static_cast<unsigned char>(timestamp >> shift));
+    }
+    bytes.insert(bytes.end(), {1, 2, 3, 4});
+    bytes.insert(bytes.end(), payload.begin(), payload.end());
+    return make_frame(bytes, 0, 0, 0);
+}
+
+TEST(StreamParserTest, PacketOfTheNextFrameIsKeptAndFedAgain) {
+    const Bytes slice = {0x41, 0x9A, 7, 7};
+    for (const int dst_type : {STREAM_TYPE_RAW_FRAME, STREAM_TYPE_RTP}) {
+        const CStreamParserPtr decoder = make_decoder(dst_type);
+        EXPECT_EQ(decoder->InputFrame(rtp_packet(1, 90, false, slice)), PARSER_OK);
+        EXPECT_EQ(decoder->InputFrame(rtp_packet(2, 3690, false, slice)), PARSER_FRAME_READY);
+        EXPECT_TRUE(decoder->OutputFrame().valid());
+        EXPECT_FALSE(decoder->OutputFrame().valid());
+        EXPECT_EQ(decoder->InputFrame(rtp_packet(3, 3690, true, slice)), PARSER_FRAME_READY);
+        const Flumen::CMediaFrame frame = decoder->OutputFrame();
+        EXPECT_EQ(frame.size(), dst_type == STREAM_TYPE_RTP ? 16u : 2 * (4 + slice.size()));
+        EXPECT_EQ(frame.getPts(Flumen::PTS_TYPE_MS), 40u);
+    }
+}
+
+TEST(StreamParserTest, RtpDecoderCleansUpAfterBadCallersAndBadBytes) {
+    const Bytes slice = {0x41, 0x9A, 7, 7};
+    const CStreamParserPtr decoder = make_decoder(STREAM_TYPE_RAW_FRAME);
+    {
+        Support::CLogCapture log(Ostra::LOG_LEVEL_ERROR);
+        uint16_t sequence = 1;
+        for (int i = 0; i < 1024; ++i) {
+            ASSERT_EQ(decoder->InputFrame(rtp_packet(sequence++, 90, false, slice)), PARSER_OK);
+        }
+        EXPECT_TRUE(log.Lines().empty());
+        EXPECT_EQ(decoder->InputFrame(rtp_packet(sequence++, 90, true, slice)), PARSER_FRAME_READY);
+        EXPECT_EQ(log.Count("frame packet count exceed 1024! clean to go ahead.\n"), 1);
+        // Not taken: it is lost, and the next one goes in.
+        EXPECT_EQ(decoder->InputFrame(rtp_packet(sequence++, 3690, true, slice)), PARSER_FRAME_READY);
+        EXPECT_EQ(log.Count("frame not taken yet, take it first.  StreamParser/StreamDecRtp.cpp:"), 1);
+        EXPECT_EQ(decoder->OutputFrame().size(), 4u + slice.size());
+    }
+    Support::CLogCapture log;
+    Support::CAssertCapture asserts;
+    EXPECT_EQ(decoder->InputFrame(Flumen::CMediaFrame()), PARSER_FAILED);
+    EXPECT_EQ(decoder->InputFrame(make_frame({0x80, 0x60, 0, 1})), PARSER_FAILED);
+    // Runs: a packet longer than the rest, something else between two packets, a frame that ends in the middle.
+    const Bytes packet = bytes_of(rtp_packet(3000, 7290, true, slice));
+    Bytes run = {'$', 0, 0, static_cast<unsigned char>(packet.size())};
+    run.insert(run.end(), packet.begin(), packet.end());
+    Bytes cut(run.begin(), run.end() - 1);
+    EXPECT_EQ(decoder->InputFrame(make_frame(cut)), PARSER_FAILED);
+    Bytes two = run;
+    two.insert(two.end(), run.begin(), run.end());
+    EXPECT_TRUE(asserts.Texts().empty());
+    EXPECT_EQ(decoder->InputFrame(make_frame(two)), PARSER_FAILED);
+    EXPECT_EQ(asserts.Texts(),
+              std::vector<std::string>{"( (ret == 1) && ( len == (int)(rtp_len + sizeof(struct rtptcphdr)) ) ) || "
+                                       "( (ret == 2) && ( len == orig_len ) )"});
+    EXPECT_EQ(convert(*decoder, make_frame(run)).size(), 1u);
+}
+
+TEST(StreamParserTest, LostPacketsShowInTheFrameCount) {
+    const CStreamParserPtr decoder = make_decoder(STREAM_TYPE_RAW_FRAME);
+    const Bytes slice = {0x41, 0x9A, 7, 7};
+    const int first = convert(*decoder, rtp_packet(10, 90, true, slice))[0].getSequence();
+    EXPECT_EQ(convert(*decoder, rtp_packet(11, 3690, true, slice))[0].getSequence(), first + 1);
+    const int behind = convert(*decoder, rtp_packet(14, 7290, true, {0x45, 0x9A, 7, 7}))[0].getSequence();
+    EXPECT_GE(behind, first + 2);
+}
+
+TEST(StreamParserTest, TsDecoderGivesFramesAndPacketsBack) {
+    const CStreamParserPtr encoder = make_encoder(ENC_TYPE_H264, false, true, STREAM_TYPE_TS);
+    const CStreamParserPtr decoders[] = {CStreamParser::Create(2, 1), CStreamParser::Create(2, 5),
+                                         CStreamParser::Create(2, 6)};
+    std::vector<Bytes> bodies;
+    std::vector<Flumen::CMediaFrame> outs[3];
+    size_t packets = 0;
+    for (int i = 0; i < 4; ++i) {
+        bodies.push_back(h264_frame(i == 0, 1000 + 100 * static_cast<size_t>(i)));
+        const Bytes stream =
+            bytes_of(convert(*encoder, make_frame(bodies.back(), i == 0 ? 'I' : 'P', 5000 + 40 * i))[0]);
+        packets += i < 3 ? stream.size() / 188 : 0;
+        for (size_t at = 0; at < stream.size(); at += 188) {
+            const Bytes packet(stream.begin() + static_cast<long>(at), stream.begin() + static_cast<long>(at) + 188);
+            for (int k = 0; k < 3; ++k) {
+                const auto out = convert(*decoders[k], make_frame(packet));
+                outs[k].insert(outs[k].end(), out.begin(), out.end());
+            }
+        }
+    }
+    EXPECT_EQ(outs[0].size(), packets);  // of three frames; the fourth isn't known to be over
+    ASSERT_EQ(outs[1].size(), 3u);
+    ASSERT_EQ(outs[2].size(), 3u);
+    for (size_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(bytes_of(outs[1][i]), bodies[i]);
+        EXPECT_EQ(outs[1][i].getType(), i == 0 ? 'I' : 'P');
+        EXPECT_EQ(outs[1][i].getSequence(), static_cast<int>(i));
+        KXHeader header;
+        EXPECT_TRUE(kx_read_header(outs[2][i].getBuffer(), outs[2][i].size(), header));
+    }
+    EXPECT_EQ(outs[2][0].getBuffer()[24 + 2], KX_VIDEO_H264);
+    EXPECT_EQ(outs[2][0].getBuffer()[24 + 3], 25);  // the fallback rate
+    Support::CLogCapture log;
+    EXPECT_EQ(decoders[1]->InputFrame(make_frame(Bytes(188, 0))), PARSER_FAILED);
+    EXPECT_FALSE(decoders[1]->OutputFrame().valid());
+    EXPECT_EQ(log.Count("frame not complete.\n"), 1);
+}
+
+TEST(ParserStatisTest, CarriesTheFractionOfTheRate) {
+    ParserStatis statis;
+    std::vector<float> rates;
+    int sequence = 1;
+    for (int i = 0; i <= 90; ++i) {  // 30 frames in 1010 ms: 29.70 a second
+        statis.Count(1000 + static_cast<uint64_t>(i) * 1010 / 30, 1000, sequence++);
+        if (i % 30 == 0 && i > 0) {
+            rates.push_back(statis.fps);
+        }
+    }
+    ASSERT_EQ(rates.size(), 3u);
+    EXPECT_NEAR(rates[0], 30000.0 / 1010, 0.01);                 // no fraction yet
+    EXPECT_NEAR(rates[1], 29.703 + 29.703 * 0.703 / 29, 0.01);   // 30.42
+    EXPECT_NEAR(rates[2], 29.703 + 29.703 * 0.4230 / 30, 0.01);  // 30.12
+    EXPECT_NEAR(statis.bit_rate, 30 * 8000 * 1000.0 / 1010, 1);
+    // A gap in the numbers starts anew: an interval that would be over isn't measured.
+    const float before = statis.bit_rate;
+    statis.Count(1000 + 3 * 1010 + 2000, 1, sequence + 5);
+    EXPECT_EQ(statis.bit_rate, before);
+    // Slower than one a second shows 1 more than it is, never 0.
+    statis.Count(1000 + 3 * 1010 + 4000, 1000, sequence + 6);
+    EXPECT_NEAR(statis.fps, 1.5, 0.01);
+    // A first time stamp of 0 doesn't count as the start.
+    ParserStatis zero;
+    zero.Count(0, 100, 1);
+    EXPECT_EQ(zero.m_start_pts, 0u);
+    zero.Count(40, 100, 2);
+    EXPECT_EQ(zero.m_start_pts, 40u);
+}
+
+void append_output(void* text, const char* piece, unsigned length) {
+    static_cast<std::string*>(text)->append(piece, length);
+}
+
+TEST(StreamParserTest, ConsoleCommandsShowConvertersAndPackets) {
+    std::string out;
+    Ostra::R3SetOutput(&append_output, &out);
+    const CStreamParserPtr encoder = make_encoder(ENC_TYPE_H264, true, true);
+    const CStreamParserPtr ps = make_encoder(ENC_TYPE_H264, false, true, STREAM_TYPE_PS);
+    const CStreamParserPtr decoder = make_decoder(STREAM_TYPE_PRIVATE_FRAME);
+    convert(*decoder, convert(*encoder, make_frame(h264_frame(true, 50)))[0]);
+    EXPECT_EQ(Ostra::R3Execute("spver"), 0);
+    EXPECT_EQ(out.rfind("Kavio<StreamParser> 1.0.0 | ", 0), 0u);
+    out.clear();
+    EXPECT_EQ(Ostra::R3Execute("spshow"), 0);
+    const std::string line = "\n>>> ==========================================================\n";
+    EXPECT_EQ(out, line +
+                       ">>> StreamParser [Frame Auto] -> [RTP]\n>>> EncodeType[H264] PT[96]\n"
+                       ">>> SSRC[11223344] InitSeq[10]\n>>> Input FPS[0.00] BitRate: 0.00 kbps\n" +
+                       line +
+                       ">>> StreamParser [Frame Auto] -> [PS]\n>>> EncodeType Video[H264] Audio[Unknown]\n"
+                       ">>> Max PES Length = 8000\n>>> Input FPS[0.00] BitRate: 0.00 kbps\n" +
+                       line +
+                       ">>> StreamParser [RTP] -> [Private Frame]\n>>> EncodeType[H264] PT[96]\n"
+                       ">>> SSRC[11223344] LastSeq[12]\n>>> SIZE[64x48] FPS[0.00] BitRate: 0.00 kbps\n");
+    out.clear();
+    EXPECT_EQ(Ostra::R3Execute("spprt 1"), 0);
+    convert(*encoder, make_frame(h264_frame(false, 50), 'P', 0x1234));
+    EXPECT_EQ(out, "Input Frame[H264]: ts[00001234] len = 54\n");
+    out.clear();
+    EXPECT_EQ(Ostra::R3Execute("spprt 2"), 0);
+    convert(*encoder, make_frame(h264_frame(false, 50), 'P', 1040));
+    EXPECT_EQ(out, "Output RTP: ssrc[11223344] pt[96] m[1] seq[000e] ts[000019c8] len = 62\n");
+    out.clear();
+    EXPECT_EQ(Ostra::R3Execute("spprt"), 0);
+    convert(*encoder, make_frame(h264_frame(false, 50), 'P', 1080));
+    EXPECT_EQ(Ostra::R3Execute("help"), 0);
+    EXPECT_NE(out.find("spprt: \xC9\xE8"), std::string::npos);  // the help texts are GBK
+    Ostra::R3SetOutput(nullptr, nullptr);
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio

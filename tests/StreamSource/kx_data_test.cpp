@@ -1,0 +1,344 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Protocol/SdpParser.h"
+#include "Tramel/MediaBuffer.h"
+#include "Vidora/DataSource.h"
+#include "Vidora/RtspSvrConfig.h"
+#include "support/Capture.h"
+#include "support/FakeStreamSource.h"
+#include "support/FrameBuilder.h"
+#include "support/TestHandler.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+using Support::BuildFrame;
+using Support::CFakeStreamSource;
+using Support::CPool;
+using Support::CTestHandler;
+using Support::FrameSpec;
+using Support::H264Picture;
+using Support::WaitUntil;
+
+const uint64_t NOT_GIVEN = ~uint64_t{0};
+
+// Keeps a copy of what a buffer gives.
+class CKeepingSink : public CLevel2Buffer_IF {
+public:
+    struct Item {
+        std::string bytes;
+        int flag;
+        int channel;
+    };
+    int Put(CMediaPacket* packet, int length, int flag, int channel) override {
+        m_items.push_back(
+            Item{std::string(reinterpret_cast<char*>(packet->GetData()), static_cast<size_t>(length)), flag, channel});
+        return length;
+    }
+    std::vector<Item> m_items;
+};
+
+// One data source over a fake host source, with the messages that its holder gets.
+class KXDataTest : public testing::Test {
+protected:
+    void Open(const CFakeStreamSource::Settings& settings,
+              const char* content = "cam/realmonitor?channel=1&subtype=0") {
+        CFakeStreamSource::SetNext(settings);
+        CRtspSvrConfig config;
+        config.SetConfig(RTSP_SVR_CONFIG_SRC_FUNC, reinterpret_cast<const void*>(&CFakeStreamSource::Factory),
+                         sizeof(&CFakeStreamSource::Factory));
+        m_holder = CTestHandler::Make();
+        m_holder->on_message = [this](long, unsigned int msg, long) {
+            const std::lock_guard<std::mutex> guard(m_mutex);
+            m_messages.push_back(msg);
+            return 0;
+        };
+        m_source = CDataSource::Create(content);
+        ASSERT_NE(nullptr, m_source);
+        m_source->SetConfig(config);
+        m_init_result = m_source->Init(m_holder->GetID(), 0);
+        for (int i = 0; i < 3; ++i) {
+            m_buffer[i].EnableAutoSend();
+            m_buffer[i].AddLevel2Buffer(&m_sink[i]);
+        }
+    }
+
+    void TearDown() override {
+        if (m_source != nullptr) {
+            m_source->Close();
+            EXPECT_TRUE(WaitUntil([this] { return Count(MSG_SOURCE_CLOSED) == 1; }));
+            m_holder->Close();
+        }
+        EXPECT_TRUE(WaitUntil([] { return CFakeStreamSource::LiveCount() == 0; }));
+        for (int i = 0; i < 3; ++i) {
+            m_buffer[i].DelLevel2Buffer(&m_sink[i]);
+        }
+    }
+
+    int Count(unsigned int msg) {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        int count = 0;
+        for (const unsigned int message : m_messages) {
+            count += message == msg ? 1 : 0;
+        }
+        return count;
+    }
+    bool WaitFor(unsigned int msg, int count = 1) {
+        return WaitUntil([this, msg, count] { return Count(msg) >= count; });
+    }
+    CFakeStreamSource& Host() { return *CFakeStreamSource::Last(); }
+    int Start(packet_type_t type) { return m_source->StartStreaming(type, &m_buffer[type], 7); }
+
+    // A picture of the running stream, and its frame.
+    Flumen::CMediaFrame Picture(bool key, unsigned int size, int new_format = 0) {
+        FrameSpec spec;
+        spec.type = key ? 'I' : 'P';
+        spec.sequence = ++m_sequence;
+        spec.pts_ms = 40 * m_sequence;
+        spec.payload = H264Picture(key, size, 7);
+        spec.new_format = new_format;
+        return BuildFrame(spec);
+    }
+
+    CPool m_pool;
+    CTestHandler* m_holder = nullptr;
+    CDataSource* m_source = nullptr;
+    int m_init_result = 0;
+    CMediaBuffer m_buffer[3];
+    CKeepingSink m_sink[3];
+    std::mutex m_mutex;
+    std::vector<unsigned int> m_messages;
+    uint32_t m_sequence = 0;
+};
+
+TEST_F(KXDataTest, OneFrameFeedsAllThreeForms) {
+    Open(CFakeStreamSource::LiveVideo());
+    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
+    for (const packet_type_t type : {PACKET_TYPE_RTP, PACKET_TYPE_KX, PACKET_TYPE_TS}) {
+        ASSERT_EQ(0, Start(type));
+    }
+    EXPECT_EQ(2, Host().CountCalls("SetIFrame"));
+    const Flumen::CMediaFrame frame = Picture(true, 3000);
+    ASSERT_TRUE(Host().Give(frame));
+
+    // RTP: one merged packet, each piece behind its interleave header, key frame of track 0.
+    ASSERT_EQ(1u, m_sink[PACKET_TYPE_RTP].m_items.size());
+    const CKeepingSink::Item& rtp = m_sink[PACKET_TYPE_RTP].m_items[0];
+    EXPECT_EQ(1, rtp.flag);
+    EXPECT_EQ(1, rtp.channel);
+    EXPECT_EQ('$', rtp.bytes[0]);
+    EXPECT_EQ(0, rtp.bytes[1]);
+    EXPECT_EQ('\x80', rtp.bytes[4]);
+    EXPECT_EQ(96, rtp.bytes[5] & 0x7F);
+    // Private: a header of six bytes and the frame as it is.
+    ASSERT_EQ(2u, m_sink[PACKET_TYPE_KX].m_items.size());
+    const CKeepingSink::Item& header = m_sink[PACKET_TYPE_KX].m_items[0];
+    EXPECT_EQ(0, header.flag);
+    EXPECT_EQ(
+        std::string({'$', '\0', '\0', '\0', static_cast<char>(frame.size() >> 8), static_cast<char>(frame.size())}),
+        header.bytes);
+    EXPECT_EQ(std::string(reinterpret_cast<const char*>(frame.getBuffer()), frame.size()),
+              m_sink[PACKET_TYPE_KX].m_items[1].bytes);
+    EXPECT_EQ(1, m_sink[PACKET_TYPE_KX].m_items[1].flag);
+    EXPECT_FALSE(m_sink[PACKET_TYPE_TS].m_items.empty());
+
+    Host().Give(Picture(false, 100));
+    EXPECT_EQ(5, m_sink[PACKET_TYPE_RTP].m_items.back().channel & 0xFF);
+
+    SrcInfo info;
+    CSdpParser sdp;
+    ASSERT_EQ(0, m_source->GetSdp(sdp));
+    const int track = sdp.get_track_id(0);
+    ASSERT_EQ(0, m_source->GetSrcInfo(info, track));
+    EXPECT_EQ(track, info.track_id);
+    EXPECT_EQ(m_sink[PACKET_TYPE_RTP].m_items[0].bytes.size() + m_sink[PACKET_TYPE_RTP].m_items[1].bytes.size(),
+              info.octets);
+    EXPECT_NE(0u, m_source->GetSSRC(track));
+    EXPECT_EQ(-1, m_source->GetSrcInfo(info, 99));
+
+    EXPECT_EQ(-1, m_source->StopStreaming(PACKET_TYPE_RTP));  // others are left
+    EXPECT_EQ(-1, m_source->StopStreaming(PACKET_TYPE_KX));
+    EXPECT_EQ(0, m_source->StopStreaming(PACKET_TYPE_TS));
+    EXPECT_EQ(1, Host().CountCalls("Stop"));
+}
+
+TEST_F(KXDataTest, FramesBeforeTheFormatGoNowhere) {
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.tells_info = false;
+    Open(settings);
+    ASSERT_EQ(0, Start(PACKET_TYPE_KX));
+    Host().Give(Picture(true, 10));
+    EXPECT_TRUE(m_sink[PACKET_TYPE_KX].m_items.empty());
+    CSdpParser sdp;
+    EXPECT_EQ(-1, m_source->GetSdp(sdp));
+    Host().Tell(MSG_STREAM_INFO);
+    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
+    Host().Give(Picture(true, 10));
+    EXPECT_EQ(2u, m_sink[PACKET_TYPE_KX].m_items.size());
+}
+
+TEST_F(KXDataTest, AssistFramesNeedAClientThatWantsThem) {
+    Open(CFakeStreamSource::LiveVideo());
+    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
+    ASSERT_EQ(0, Start(PACKET_TYPE_KX));
+    FrameSpec spec;
+    spec.type = 'W';
+    spec.payload = "side data";
+    Host().Give(BuildFrame(spec));
+    EXPECT_TRUE(m_sink[PACKET_TYPE_KX].m_items.empty());
+    m_source->EnableStreamTrack(STREAM_TRACK_ASSIST);
+    Host().Give(BuildFrame(spec));
+    ASSERT_EQ(2u, m_sink[PACKET_TYPE_KX].m_items.size());
+    EXPECT_EQ(1, m_sink[PACKET_TYPE_KX].m_items[1].channel >> 24);  // behind the only medium
+    EXPECT_EQ(0, m_sink[PACKET_TYPE_KX].m_items[1].flag);
+    CSdpParser sdp;
+    ASSERT_EQ(0, m_source->GetSdp(sdp, 1));
+    ASSERT_EQ(2, sdp.get_media_count());
+    EXPECT_EQ(2, m_source->GetTcpChannel(sdp.get_track_id(1)));
+    EXPECT_EQ(0, m_source->GetTcpChannel(99));  // an unknown track has the channel of the first
+    EXPECT_EQ(-1, m_source->GetSdp(sdp, 2));
+    m_source->DisableStreamTrack(STREAM_TRACK_ASSIST);
+    Host().Give(BuildFrame(spec));
+    EXPECT_EQ(2u, m_sink[PACKET_TYPE_KX].m_items.size());
+}
+
+TEST_F(KXDataTest, ChangeOfFormatHoldsTheKeyFrameBackAndUpdatesTheSdp) {
+    Open(CFakeStreamSource::LiveVideo());
+    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
+    ASSERT_EQ(0, Start(PACKET_TYPE_RTP));
+    ASSERT_EQ(0, Start(PACKET_TYPE_KX));
+    StreamVideoFormat wider = CFakeStreamSource::LiveVideo().video;
+    wider.width = 128;
+    wider.frame_rate = 50;
+    Host().SetVideo(wider);
+    Host().Give(Picture(false, 10, 1));  // flagged, but only a key frame shows the change
+    EXPECT_EQ(1u, m_sink[PACKET_TYPE_RTP].m_items.size());
+    Host().Give(Picture(true, 10));
+    EXPECT_EQ(1u, m_sink[PACKET_TYPE_RTP].m_items.size());
+    EXPECT_EQ(4u, m_sink[PACKET_TYPE_KX].m_items.size());  // private frames describe themselves
+    ASSERT_TRUE(WaitFor(MSG_SDP_UPDATE));
+    CSdpParser sdp;
+    ASSERT_EQ(0, m_source->GetSdp(sdp));
+    EXPECT_NE(nullptr, std::strstr(sdp.get_stream(), "a=framerate:50.000000\r\n"));
+    Host().Give(Picture(true, 10));
+    EXPECT_EQ(2u, m_sink[PACKET_TYPE_RTP].m_items.size());
+    // The rate by itself is no change.
+    wider.frame_rate = 10;
+    Host().SetVideo(wider);
+    Host().Tell(MSG_STREAM_INFO);
+    Host().Tell(MSG_STREAM_FAIL);
+    ASSERT_TRUE(WaitFor(MSG_SRC_FAIL));
+    EXPECT_EQ(1, Count(MSG_SDP_UPDATE));
+    // Asked for anew, the source answers as at the start.
+    EXPECT_EQ(0, m_source->UpdataDataSrc(0));
+    EXPECT_TRUE(WaitFor(MSG_SRC_READY, 2));
+}
+
+TEST_F(KXDataTest, FilePlaysInsideItsWindow) {
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.type = SRC_TYPE_FILE;
+    Open(settings, "clip.kav");
+    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
+    CSdpParser sdp;
+    ASSERT_EQ(0, m_source->GetSdp(sdp));
+    EXPECT_NE(nullptr, std::strstr(sdp.get_stream(), "a=range:npt=0-12.500000\r\n"));
+    ASSERT_EQ(0, m_source->Play(uint64_t{3000000}, uint64_t{6999999}, 1.0F, false));
+    ASSERT_TRUE(WaitFor(MSG_PLAY_READY));
+    EXPECT_EQ(1, Host().CountCalls("Seek 1600000003"));
+    uint64_t start = 0;
+    uint64_t end = 0;
+    ASSERT_EQ(0, m_source->GetPlayRange(start, end));
+    EXPECT_EQ(3000000u, start);
+    EXPECT_EQ(6000000u, end);
+    ASSERT_EQ(0, Start(PACKET_TYPE_KX));
+    const struct {
+        double utc;
+        bool sent;
+    } frames[] = {{1600000002.9, false}, {1600000003.0, true}, {1600000006.9, true}, {1600000007.0, false}};
+    for (const auto& row : frames) {
+        m_sink[PACKET_TYPE_KX].m_items.clear();
+        FrameSpec spec;
+        spec.type = 'I';
+        spec.payload = H264Picture(true, 10, 7);
+        spec.utc = row.utc;
+        Host().Give(BuildFrame(spec));
+        EXPECT_EQ(row.sent, !m_sink[PACKET_TYPE_KX].m_items.empty()) << row.utc;
+    }
+    // Pause keeps the count, so that one stop is enough after a resume.
+    EXPECT_EQ(0, m_source->Pause());
+    EXPECT_EQ(0, Start(PACKET_TYPE_KX));
+    EXPECT_EQ(1, Host().CountCalls("Resume"));
+    EXPECT_EQ(0, m_source->StopStreaming(PACKET_TYPE_KX));
+    EXPECT_EQ(0, Host().CountCalls("Stop"));  // a file is only paused
+    // Backwards without an end: from where it stands, no seek.
+    const size_t calls = Host().Calls().size();
+    EXPECT_EQ(0, m_source->Play(NOT_GIVEN, NOT_GIVEN, -1.0F, true));
+    EXPECT_EQ(calls + 1, Host().Calls().size());
+    EXPECT_EQ("SetSpeed -1.000000", Host().Calls().back());
+    EXPECT_EQ(-1, m_source->Play(NOT_GIVEN, NOT_GIVEN, 0.0F, false));
+    EXPECT_EQ(-1, m_source->Play(uint64_t{20000000}, NOT_GIVEN, 1.0F, false));  // behind the end
+    ASSERT_EQ(0, m_source->Play(uint64_t{0}, NOT_GIVEN, 1.0F, false));
+    ASSERT_EQ(0, Start(PACKET_TYPE_KX));
+    m_sink[PACKET_TYPE_KX].m_items.clear();
+    Host().SetPacketState(1);
+    Host().Give(Picture(true, 10));
+    EXPECT_TRUE(WaitFor(MSG_SRC_END));
+    EXPECT_TRUE(m_sink[PACKET_TYPE_KX].m_items.empty());  // the frame that tells the end isn't sent
+}
+
+TEST_F(KXDataTest, TokenStreamCarriesTheReplayExtension) {
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.type = SRC_TYPE_TOKEN;
+    Open(settings, "cam/playback?token=abc");
+    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
+    ASSERT_EQ(0, Start(PACKET_TYPE_RTP));
+    Host().Give(Picture(true, 10));
+    Host().Give(Picture(false, 10));
+    ASSERT_EQ(2u, m_sink[PACKET_TYPE_RTP].m_items.size());
+    const std::string& first = m_sink[PACKET_TYPE_RTP].m_items[0].bytes;
+    EXPECT_EQ('\x90', first[4]);  // extension bit
+    EXPECT_EQ(std::string("\xAB\xAC\0\3", 4), first.substr(16, 4));
+    const uint32_t ntp = 1600000000u + 2208988800u;
+    EXPECT_EQ(std::string({static_cast<char>(ntp >> 24), static_cast<char>(ntp >> 16), static_cast<char>(ntp >> 8),
+                           static_cast<char>(ntp), 0, 0, 0, 0, '\xA0', 7, 0, 0}),
+              first.substr(20, 12));  // clean point and discontinuity, CSeq 7
+    EXPECT_EQ('\0', m_sink[PACKET_TYPE_RTP].m_items[1].bytes[28]);
+}
+
+TEST_F(KXDataTest, SourceThatFailsAtAnyStepIsReported) {
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.init_fails = true;
+    Open(settings);
+    EXPECT_EQ(-1, m_init_result);
+    EXPECT_EQ(-1, Start(PACKET_TYPE_RTP));
+    EXPECT_EQ(-1, m_source->Play(NOT_GIVEN, NOT_GIVEN, 1.0F, false));
+    EXPECT_TRUE(WaitFor(MSG_SRC_FAIL));
+}
+
+TEST_F(KXDataTest, ParameterSetsWithoutStartCodeFailTheSource) {
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.specific_info = "no start code";
+    Open(settings);
+    EXPECT_TRUE(WaitFor(MSG_SRC_FAIL));
+    EXPECT_EQ(0, m_source->Play(NOT_GIVEN, NOT_GIVEN, 1.0F, false));  // nothing to do for a live source
+    EXPECT_EQ(-1, m_source->Pause());
+}
+
+TEST(DataSource, ContentDecidesTheClass) {
+    Support::CLogCapture log;
+    EXPECT_EQ(nullptr, CDataSource::Create("nothing known"));
+    EXPECT_EQ(nullptr, CDataSource::Create("movie?proxy=10.0.0.1:554"));  // this build has no client
+    EXPECT_EQ(2, log.Count("nonsupport this source type["));
+    EXPECT_EQ(nullptr, CDataSource::Create(nullptr));
+    EXPECT_EQ(1, log.Count("content parse fail!"));
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,259 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/resource.h>
+#include <unistd.h>
+
+#include <csignal>
+#include <string>
+#include <vector>
+
+#include "Tramel/SockAcceptor.h"
+#include "Tramel/SockDgram.h"
+#include "Tramel/SockStream.h"
+#include "support/TestHandler.h"
+
+namespace Kavio {
+namespace Tramel {
+namespace {
+
+using Support::WaitUntil;
+
+std::string text_of(const CSockAddrStorage& addr) {
+    char text[64];
+    return addr.GetIpStr(text, sizeof(text));
+}
+
+TEST(SockAddr, TextsOfAllForms) {
+    static const struct {
+        const char* in;
+        const char* out;  // null: invalid
+        int type;
+        int real_type;
+        bool is_group;
+    } ROWS[] = {
+        {"192.168.1.20", "192.168.1.20", 1, 1, false},
+        {"0.0.0.0", "0.0.0.0", 1, 1, false},
+        {"239.1.2.3", "239.1.2.3", 1, 1, true},
+        {"223.255.255.255", "223.255.255.255", 1, 1, false},
+        {"::FFFF:10.0.0.1", "10.0.0.1", 2, 1, false},
+        {"::ffff:224.0.0.1", "224.0.0.1", 2, 1, true},
+        {"[2001:DB8:0:0:0:0:0:1]", "2001:db8::1", 2, 2, false},
+        {"2001:db8:0:1:0:0:0:1", "2001:db8:0:1::1", 2, 2, false},
+        {"fe80::1%lo", "fe80::1", 2, 2, false},
+        {"ff02::1", "ff02::1", 2, 2, true},
+        {"", "::", 2, 2, false},
+        {nullptr, "::", 2, 2, false},
+        {"fe80::1%no-such-interface", nullptr, 0, 0, false},
+        {"[::1", nullptr, 0, 0, false},
+        {"1.2.3.4.5 x", nullptr, 0, 0, false},
+        {"[", nullptr, 0, 0, false},
+    };
+    for (const auto& row : ROWS) {
+        SCOPED_TRACE(row.in == nullptr ? "null" : row.in);
+        CSockAddrStorage addr(row.in, 554);
+        EXPECT_EQ(row.out != nullptr, addr.IsValid());
+        EXPECT_EQ(row.out == nullptr ? "" : row.out, text_of(addr));
+        EXPECT_EQ(row.type, addr.GetType());
+        EXPECT_EQ(row.real_type, addr.GetRealType());
+        EXPECT_EQ(row.is_group, addr.IsMulticast());
+        if (row.out != nullptr) {
+            EXPECT_EQ(554, addr.GetPort());
+            CSockAddrStorage copy;
+            EXPECT_EQ(0, copy.SetSockAddr(addr.Native(), static_cast<unsigned int>(addr.GetAddrLen())));
+            EXPECT_TRUE(copy == addr);
+            EXPECT_EQ(-1, CSockAddrStorage().SetSockAddr(addr.Native(), 8));
+            copy.SetPort(555);
+            EXPECT_TRUE(copy != addr);
+            EXPECT_EQ(0, copy.SetIp("10.1.1.1"));
+            EXPECT_EQ(555, copy.GetPort());
+        }
+    }
+    CSockAddrStorage named("localhost", 80);
+    EXPECT_TRUE(text_of(named) == "127.0.0.1" || text_of(named) == "::1");
+    CSockAddrStorage early;
+    early.SetPort(99);
+    EXPECT_EQ(0, early.SetIp("127.0.0.1"));
+    EXPECT_EQ(99, early.GetPort());
+}
+
+TEST(SockAddr, ClassesOfOneFamily) {
+    char text[64];
+    EXPECT_STREQ("10.0.0.1", CSockAddrIPv4("::ffff:10.0.0.1", 1).GetIpStr(text, sizeof(text)));
+    EXPECT_STREQ("0.0.0.0", CSockAddrIPv4(nullptr, 1).GetIpStr(text, sizeof(text)));
+    EXPECT_STREQ("", CSockAddrIPv4("10.0.0.1", 1).GetIpStr(text, 8));
+    EXPECT_FALSE(CSockAddrIPv4("::1", 1).IsValid());
+    EXPECT_FALSE(CSockAddrIPv4("256.0.0.1", 1).IsValid());
+    EXPECT_FALSE(CSockAddrIPv4().IsValid());
+    EXPECT_EQ(0, CSockAddrIPv4().GetAddrLen());
+    EXPECT_EQ(static_cast<int>(sizeof(sockaddr_in)), CSockAddrIPv4("10.0.0.1", 1).GetAddrLen());
+    EXPECT_STREQ("::1", CSockAddrIPv6("[0:0::1]", 1).GetIpStr(text, sizeof(text)));
+    EXPECT_FALSE(CSockAddrIPv6("10.0.0.1", 1).IsValid());
+    const CSockAddrStorage plain("10.0.0.1", 7);
+    EXPECT_EQ(2, plain.ForFamily(SOCK_ADDR_IPV6).GetType());
+    EXPECT_TRUE(plain.ForFamily(SOCK_ADDR_IPV6).ForFamily(SOCK_ADDR_IPV4) == plain);
+    EXPECT_EQ(2, CSockAddrStorage("::1", 7).ForFamily(SOCK_ADDR_IPV4).GetType());
+}
+
+TEST(SockStream, ZeroMeansNothingThereAndMinusOneTheEnd) {
+    CSockStream one, other;
+    ASSERT_TRUE(Support::MakeSockPair(one, other));
+    EXPECT_NE(0, fcntl(one.GetHandle(), F_GETFL) & O_NONBLOCK);
+    EXPECT_NE(0, fcntl(one.GetHandle(), F_GETFD) & FD_CLOEXEC);
+    char bytes[16];
+    EXPECT_EQ(0, one.Recv(bytes, sizeof(bytes)));
+    EXPECT_EQ(3, other.Send("abc", 3));
+    EXPECT_EQ(0, one.Recv(bytes, 0));
+    EXPECT_EQ(3, one.Recv(bytes, sizeof(bytes)));
+    std::vector<char> block(1 << 20);
+    while (one.Send(block.data(), 1 << 20) > 0) {
+    }
+    EXPECT_EQ(0, one.Send("x", 1));  // full
+    other.Close();
+    EXPECT_EQ(-1, one.Recv(bytes, sizeof(bytes)));
+    EXPECT_EQ(-1, one.Send("x", 1));  // no SIGPIPE
+    EXPECT_EQ(-1, other.Recv(bytes, sizeof(bytes)));
+    EXPECT_EQ(-1, other.Attach(-1));
+    EXPECT_EQ(-1, other.Attach(1 << 20));
+    EXPECT_EQ(-1, other.Close());
+}
+
+TEST(SockStream, ConnectsToADualStackListener) {
+    CSockAcceptor acceptor;
+    ASSERT_EQ(0, acceptor.Open(CSockAddrStorage("", 0)));
+    CSockAddrStorage at;
+    ASSERT_EQ(0, acceptor.GetLocalAddr(&at));
+    for (const char* ip : {"127.0.0.1", "::1", "::ffff:127.0.0.1"}) {
+        SCOPED_TRACE(ip);
+        CSockStream client, server;
+        ASSERT_EQ(0, client.Connect(CSockAddrStorage(ip, at.GetPort()), nullptr));
+        EXPECT_TRUE(WaitUntil([&] { return client.GetConnectStatus() == 0; }));
+        CSockAddrStorage peer;
+        EXPECT_TRUE(WaitUntil([&] { return acceptor.Accept(server, &peer) == 0; }));
+        EXPECT_STREQ(ip[0] == ':' && ip[2] == '1' ? "::1" : "127.0.0.1", text_of(peer).c_str());
+        CSockAddrStorage remote;
+        EXPECT_EQ(0, server.GetRemoteAddr(&remote));
+        EXPECT_TRUE(remote == peer);
+        EXPECT_EQ(0, server.SetSockSendBuf(204800));
+        EXPECT_EQ(-1, acceptor.Accept(server, nullptr));  // none waits
+    }
+    CSockAcceptor second;
+    EXPECT_EQ(-1, second.Open(at));
+    EXPECT_EQ(EADDRINUSE, errno);
+    EXPECT_FALSE(second.IsValid());
+    CSockStream none;
+    EXPECT_EQ(-1, none.Connect(CSockAddrStorage(), nullptr));
+}
+
+// With no descriptor left the listener hangs up on who waits, so that it doesn't stay readable, and recovers.
+TEST(SockAcceptor, DescriptorExhaustionEmptiesTheBacklog) {
+    rlimit former = {};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &former));
+    CSockAcceptor acceptor;
+    ASSERT_EQ(0, acceptor.Open(CSockAddrIPv4("127.0.0.1", 0)));
+    CSockAddrStorage at;
+    ASSERT_EQ(0, acceptor.GetLocalAddr(&at));
+    CSockStream clients[3], server;
+    for (CSockStream& client : clients) {
+        ASSERT_EQ(0, client.Connect(at, nullptr));
+        ASSERT_TRUE(WaitUntil([&] { return client.GetConnectStatus() == 0; }));
+    }
+    rlimit tight = former;
+    tight.rlim_cur = 0;  // every new number is above the limit; the spare one alone stays usable below it
+    const int lowest_free = dup(0);
+    close(lowest_free);
+    tight.rlim_cur = static_cast<rlim_t>(lowest_free);
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(-1, acceptor.Accept(server, nullptr));
+        EXPECT_EQ(EMFILE, errno);
+    }
+    EXPECT_EQ(-1, acceptor.Accept(server, nullptr));
+    const int last_error = errno;
+    setrlimit(RLIMIT_NOFILE, &former);
+    EXPECT_TRUE(last_error == EAGAIN || last_error == EMFILE);
+    char byte = 0;
+    for (CSockStream& client : clients) {
+        EXPECT_TRUE(WaitUntil([&] { return client.Recv(&byte, 1) == -1; }));
+    }
+    ASSERT_EQ(0, clients[0].Connect(at, nullptr));
+    EXPECT_TRUE(WaitUntil([&] { return acceptor.Accept(server, nullptr) == 0; }));
+}
+
+TEST(SockDgram, SendsToEitherFormOfAnAddress) {
+    static const struct {
+        const char* local;
+        const char* remote;
+    } ROWS[] = {{"127.0.0.1", "127.0.0.1"}, {"0.0.0.0", "::ffff:127.0.0.1"}, {"::", "127.0.0.1"}, {"::", "::1"}};
+    for (const auto& row : ROWS) {
+        SCOPED_TRACE(std::string(row.local) + " to " + row.remote);
+        CSockDgram sender, receiver;
+        const CSockAddrStorage any(row.local, 0);
+        ASSERT_EQ(0, sender.Open(&any));
+        ASSERT_EQ(0, receiver.Open(&any));
+        CSockAddrStorage to, from, own;
+        ASSERT_EQ(0, receiver.GetLocalAddr(&to));
+        ASSERT_EQ(0, sender.GetLocalAddr(&own));
+        to.SetIp(row.remote);
+        char bytes[16];
+        EXPECT_EQ(0, receiver.Recv(bytes, sizeof(bytes), &from));
+        EXPECT_EQ(3, sender.Send("abc", 3, &to));
+        EXPECT_EQ(0, sender.SetRemote(&to));
+        EXPECT_EQ(2, sender.Send("de", 2, nullptr));
+        EXPECT_EQ(3, receiver.Recv(bytes, sizeof(bytes), &from));
+        EXPECT_EQ(own.GetPort(), from.GetPort());
+        EXPECT_EQ(2, receiver.Recv(bytes, sizeof(bytes), nullptr));
+        EXPECT_EQ(0, sender.SetMulticastTTL(5));
+    }
+    CSockDgram unbound;
+    ASSERT_EQ(0, unbound.Open(nullptr));
+    EXPECT_EQ(-1, unbound.Send("x", 1, nullptr));
+    const CSockAddrStorage invalid;
+    EXPECT_EQ(-1, unbound.Send("x", 1, &invalid));
+    EXPECT_EQ(-1, unbound.Open(&invalid));
+}
+
+// The port of a client that has gone answers with ICMP, which must not cost a packet that is sent later to another.
+TEST(SockDgram, RefusalOfAnEarlierDatagramDoesNotFailTheNext) {
+    CSockDgram sender, receiver;
+    const CSockAddrIPv4 local("127.0.0.1", 0);
+    ASSERT_EQ(0, sender.Open(&local));
+    ASSERT_EQ(0, receiver.Open(&local));
+    CSockAddrStorage to;
+    ASSERT_EQ(0, receiver.GetLocalAddr(&to));
+    ASSERT_EQ(0, sender.SetRemote(&to));
+    receiver.Close();
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(1, sender.Send("x", 1, nullptr));
+    }
+}
+
+TEST(SockDgram, JoinsTheGroupItIsOpenedOn) {
+    const CSockAddrIPv4 group("239.255.77.77", 0);
+    CSockDgram receivers[2], sender;
+    ASSERT_EQ(0, receivers[0].Open(&group));
+    CSockAddrStorage at;
+    ASSERT_EQ(0, receivers[0].GetLocalAddr(&at));
+    ASSERT_EQ(0, receivers[1].Open(&at));  // the same port again
+    int size = 0;
+    socklen_t length = sizeof(size);
+    ASSERT_EQ(0, getsockopt(receivers[0].GetHandle(), SOL_SOCKET, SO_RCVBUF, &size, &length));
+    EXPECT_GE(size, 200000);  // 1 MiB, or what the system allows without the privilege
+    ASSERT_EQ(0, sender.Open(nullptr));
+    EXPECT_EQ(0, sender.SetMulticastIF("127.0.0.1"));
+    EXPECT_EQ(-1, sender.SetMulticastIF("not an address"));
+    EXPECT_EQ(-1, sender.SetMulticastIF(nullptr));
+    EXPECT_EQ(0, sender.SetMulticastTTL(1));
+    char byte = 0;
+    for (CSockDgram& receiver : receivers) {
+        EXPECT_EQ(0, receiver.SetMulticastIF("127.0.0.1"));
+    }
+    EXPECT_EQ(1, sender.Send("x", 1, &at));
+    for (CSockDgram& receiver : receivers) {
+        EXPECT_TRUE(WaitUntil([&] { return receiver.Recv(&byte, 1, nullptr) == 1; }, 2000));
+    }
+}
+
+}  // namespace
+}  // namespace Tramel
+}  // namespace Kavio

@@ -1,0 +1,161 @@
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+#include "Vidora/RtspSvrConfig.h"
+#include "support/Capture.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+char* rewrite(const char*, char* buffer, int) {
+    return buffer;
+}
+CStreamSource* make_source(const char*) {
+    return nullptr;
+}
+IAuthModule* make_auth(rtsp_auth_t) {
+    return nullptr;
+}
+void on_event(event_type_t, void*, int) {}
+
+int set_int(CRtspSvrConfig& config, rtsp_svr_config_t item, int value) {
+    return config.SetConfig(item, &value, sizeof(value));
+}
+
+int get_int(const CRtspSvrConfig& config, rtsp_svr_config_t item) {
+    int value = -99;
+    int len = sizeof(value);
+    EXPECT_EQ(0, config.GetConfig(item, &value, len));
+    return value;
+}
+
+TEST(RtspSvrConfig, Defaults) {
+    const CRtspSvrConfig config;
+    RtpPortRange range;
+    EXPECT_EQ(0, config.GetRtpPort(range));
+    EXPECT_EQ(20000, range.min_local_port);
+    EXPECT_EQ(40000, range.max_local_port);
+    EXPECT_EQ(60, config.GetKeepAliveTimeout());
+    EXPECT_EQ(0, config.GetDSCP());
+    EXPECT_EQ(0, config.GetRtspAuthType() + config.GetRtspOverHttpAuthType());
+    EXPECT_EQ(nullptr, config.GetUrlFunc());
+    EXPECT_EQ(nullptr, config.GetEventFunc());
+}
+
+TEST(RtspSvrConfig, PortRangeIsTestedBeforeItIsStored) {
+    CRtspSvrConfig config;
+    const RtpPortRange bad[] = {{40000, 20000}, {20000, 20000}, {0, 100}, {-5, 100}, {100, 65536}};
+    for (const RtpPortRange& range : bad) {
+        EXPECT_EQ(-1, config.SetConfig(RTSP_SVR_CONFIG_RTP_PORT, &range, sizeof(range)));
+    }
+    RtpPortRange stored;
+    config.GetRtpPort(stored);
+    EXPECT_EQ(20000, stored.min_local_port);
+    const RtpPortRange widest = {1, 65535};
+    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_RTP_PORT, &widest, sizeof(widest)));
+    int len = sizeof(stored);
+    EXPECT_EQ(0, config.GetConfig(RTSP_SVR_CONFIG_RTP_PORT, &stored, len));
+    EXPECT_EQ(65535, stored.max_local_port);
+}
+
+// The value that stands decides whether a new one goes in: a bad one goes in once and then stays.
+TEST(RtspSvrConfig, DscpAndTimeoutTestTheOldValue) {
+    CRtspSvrConfig config;
+    EXPECT_EQ(0, set_int(config, RTSP_SVR_CONFIG_DSCP, 63));
+    EXPECT_EQ(0, set_int(config, RTSP_SVR_CONFIG_DSCP, 100));
+    EXPECT_EQ(-1, set_int(config, RTSP_SVR_CONFIG_DSCP, 10));
+    EXPECT_EQ(100, config.GetDSCP());
+    EXPECT_EQ(0, set_int(config, RTSP_SVR_CONFIG_TIMEOUT, 0));
+    EXPECT_EQ(0, set_int(config, RTSP_SVR_CONFIG_TIMEOUT, -1));
+    EXPECT_EQ(-1, set_int(config, RTSP_SVR_CONFIG_TIMEOUT, 30));
+    EXPECT_EQ(-1, get_int(config, RTSP_SVR_CONFIG_TIMEOUT));
+}
+
+TEST(RtspSvrConfig, FunctionsAndPointersGoInAsTheValueItself) {
+    CRtspSvrConfig config;
+    const int size = sizeof(void (*)());
+    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_URL_FUNC, reinterpret_cast<void*>(rewrite), size));
+    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_SRC_FUNC, reinterpret_cast<void*>(make_source), size));
+    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_AUTH_FUNC, reinterpret_cast<void*>(make_auth), size));
+    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_EVENT_FUNC, reinterpret_cast<void*>(on_event), size));
+    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_USER_DATA, &config, 1));
+    EXPECT_EQ(&rewrite, config.GetUrlFunc());
+    EXPECT_EQ(&make_source, config.GetSrcFunc());
+    EXPECT_EQ(&make_auth, config.GetAuthFunc());
+    EXPECT_EQ(&on_event, config.GetEventFunc());
+    void* value = nullptr;
+    int len = sizeof(value);
+    EXPECT_EQ(0, config.GetConfig(RTSP_SVR_CONFIG_AUTH_FUNC, &value, len));
+    EXPECT_EQ(reinterpret_cast<void*>(make_auth), value);
+    len = 8;
+    EXPECT_EQ(0, config.GetConfig(RTSP_SVR_CONFIG_USER_DATA, &value, len));
+    EXPECT_EQ(&config, value);
+    EXPECT_EQ(8, len);
+}
+
+TEST(RtspSvrConfig, WrongLengthAssertsForEveryItemButTheUserData) {
+    const struct {
+        rtsp_svr_config_t item;
+        const char* text;
+    } rows[] = {
+        {RTSP_SVR_CONFIG_AUTH_TYPE, "len == sizeof(m_rtsp_auth_type)"},
+        {RTSP_SVR_CONFIG_HTTP_AUTH_TYPE, "len == sizeof(m_rtsp_over_http_auth_type)"},
+        {RTSP_SVR_CONFIG_DSCP, "len == sizeof(m_dscp)"},
+        {RTSP_SVR_CONFIG_TIMEOUT, "len == sizeof(m_timeout_sec)"},
+        {RTSP_SVR_CONFIG_RTP_PORT, "len == sizeof(m_rtp_port)"},
+        {RTSP_SVR_CONFIG_URL_FUNC, "len == sizeof(m_url_func)"},
+        {RTSP_SVR_CONFIG_SRC_FUNC, "len == sizeof(m_src_func)"},
+        {RTSP_SVR_CONFIG_AUTH_FUNC, "len == sizeof(m_auth_func)"},
+        {RTSP_SVR_CONFIG_EVENT_FUNC, "len == sizeof(m_event_func)"},
+        {RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, "len == sizeof(struct OnvifUserGlobalConfig)"},
+    };
+    CRtspSvrConfig config;
+    char value[16] = {};
+    for (const auto& row : rows) {
+        const Support::CAssertCapture asserts;
+        int len = 3;
+        EXPECT_EQ(-1, config.SetConfig(row.item, value, len));
+        EXPECT_EQ(-1, config.GetConfig(row.item, value, len));
+        EXPECT_EQ(std::vector<std::string>(2, row.text), asserts.Texts());
+    }
+    int len = 0;
+    EXPECT_EQ(-1, config.SetConfig(RTSP_SVR_CONFIG_DSCP, value, len));
+    EXPECT_EQ(-1, config.GetConfig(RTSP_SVR_CONFIG_DSCP, value, len));
+    EXPECT_EQ(-1, config.SetConfig(RTSP_SVR_CONFIG_DSCP, nullptr, 4));
+}
+
+TEST(RtspSvrConfig, UnknownItemsAreLogged) {
+    const Support::CLogCapture log;
+    CRtspSvrConfig config;
+    int value = 0;
+    int len = sizeof(value);
+    EXPECT_EQ(-1, set_int(config, static_cast<rtsp_svr_config_t>(12), 1));
+    EXPECT_EQ(-1, config.GetConfig(static_cast<rtsp_svr_config_t>(99), &value, len));
+    EXPECT_EQ(1, log.Count("Vidora::CRtspSvrConfig::SetConfig config:12 unknown\n"));
+    EXPECT_EQ(1, log.Count("Vidora::CRtspSvrConfig::GetConfig config:99 unknown\n"));
+    EXPECT_EQ(2, log.Count("RtspSvrConfig.cpp:"));
+}
+
+TEST(RtspSvrConfig, CopiesHaveRecordsOfTheirOwn) {
+    CRtspSvrConfig config;
+    set_int(config, RTSP_SVR_CONFIG_AUTH_TYPE, 2);
+    const OnvifUserGlobalConfig onvif = {1};
+    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, &onvif, sizeof(onvif)));
+    CRtspSvrConfig copy;
+    copy = config;
+    config = *&config;
+    set_int(config, RTSP_SVR_CONFIG_AUTH_TYPE, 3);
+    EXPECT_EQ(2, copy.GetRtspAuthType());
+    EXPECT_EQ(3, CRtspSvrConfig(config).GetRtspAuthType());
+    OnvifUserGlobalConfig read = {0};
+    int len = sizeof(read);
+    EXPECT_EQ(0, copy.GetConfig(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, &read, len));
+    EXPECT_EQ(1, read.enable);
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio

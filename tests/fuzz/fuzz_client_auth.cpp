@@ -1,0 +1,39 @@
+// A hostile challenge: whatever it holds, the answer is well-formed and bounded, or there is none.
+#include <cstdlib>
+#include <string>
+
+#include "RtspClient/RtspClientAuth.h"
+#include "Vidora/Ostra/Log.h"
+
+using namespace Kavio::Vidora;
+
+namespace {
+
+void require(bool condition) {
+    if (!condition) {
+        std::abort();
+    }
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Kavio::Ostra::SetLogLevel(Kavio::Ostra::LOG_LEVEL_NONE);
+    const std::string challenge(reinterpret_cast<const char*>(data), size);
+    CRtspClientAuth auth;
+    auth.set_user("user", "password");
+    auth.set_method_id(RTSP_METHOD_DESCRIBE);
+    auth.set_uri("rtsp://192.0.2.1/live");
+    auth.set_challenge(challenge);
+    for (int i = 0; i < 2; ++i) {
+        std::string value;
+        if (!auth.get_authorization(value)) {
+            require(value.empty());
+            continue;
+        }
+        const bool basic = auth.get_auth_type() == CRtspClientAuth::AUTH_BASIC;
+        require(value.rfind(basic ? "Basic " : "Digest username=\"user\", realm=\"", 0) == 0);
+        require(value.size() <= 2048 + 256 + 3 * challenge.size());
+    }
+    return 0;
+}

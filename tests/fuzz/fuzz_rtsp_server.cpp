@@ -1,0 +1,74 @@
+// A byte stream from a client: cut into messages and read as a session does, each answered with every kind of reply.
+#include <cstdlib>
+#include <cstring>
+
+#include "Protocol/RtspRspParser.h"
+
+using namespace Kavio::Vidora;
+
+namespace {
+
+void require(bool condition) {
+    if (!condition) {
+        std::abort();
+    }
+}
+
+void check_reply(const char* reply) {
+    require(reply != nullptr && std::strncmp(reply, "RTSP/1.0 ", 9) == 0 && std::strlen(reply) <= RTSP_MAX_MESSAGE);
+}
+
+void generate_all(CRtspRspParser& parser) {
+    check_reply(parser.generate_options_reply());
+    check_reply(parser.generate_describe_reply(7));
+    check_reply(parser.generate_setup_reply(parser.get_transport(), parser.get_multicast()));
+    check_reply(parser.generate_auth_reply(parser.get_auth()));
+    check_reply(parser.generate_reply(parser.get_session(), parser.get_cseq(), parser.get_body()));
+    rtp_info_entry entries[3] = {};
+    for (rtp_info_entry& entry : entries) {
+        std::strncpy(entry.url, parser.get_url(), sizeof entry.url);  // not terminated if the URL is long
+    }
+    double begin = 0;
+    double end = 0;
+    UtcTime begin_utc;
+    UtcTime end_utc;
+    parser.get_npt_range(&begin, &end);
+    parser.get_clock_range(&begin_utc, &end_utc);
+    check_reply(parser.generate_play_reply(entries, 3, begin, end));
+    check_reply(parser.generate_play_reply_clock(entries, 3, &begin_utc, &end_utc));
+}
+
+void check_fields(const CRtspRspParser& parser) {
+    require(std::strlen(parser.get_url()) <= RTSP_MAX_TEXT && std::strlen(parser.get_auth()) <= RTSP_MAX_TEXT);
+    require(std::strlen(parser.get_body()) <= RTSP_MAX_MESSAGE && std::strlen(parser.get_multicast()->addr) <= 127);
+    const transport_info* t = parser.get_transport();
+    require(t->rtp_port >= 0 && t->rtp_port <= 65535 && t->rtcp_port >= 0 && t->rtcp_port <= 65535);
+}
+
+}  // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
+    Kavio::Ostra::SetLogLevel(Kavio::Ostra::LOG_LEVEL_NONE);
+    CRtspRspParser parser;
+    const char* cursor = reinterpret_cast<const char*>(data);
+    unsigned int left = static_cast<unsigned int>(size);
+    while (left > 0) {
+        rtsp_msg_info info;
+        const int taken = parser.check_message(cursor, left, &info);
+        if (taken < 0) {
+            require(taken == RTSP_INCOMPLETE || taken == RTSP_BAD_MESSAGE);
+            break;
+        }
+        const unsigned int length = static_cast<unsigned int>(taken);
+        require(length > 0 && length <= left);
+        rtsp_msg_info again;
+        require(parser.check_message(cursor, length, &again) == taken && again.method == info.method);
+        const int result = parser.parse_request(cursor, length, &info);
+        require(result == RTSP_OK || result == RTSP_BAD_MESSAGE || result == RTSP_UNKNOWN_METHOD);
+        check_fields(parser);
+        generate_all(parser);
+        cursor += length;
+        left -= length;
+    }
+    return 0;
+}

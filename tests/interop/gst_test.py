@@ -1,0 +1,104 @@
+#!/usr/bin/env python3
+"""vidora-host with GStreamer's rtspsrc: gst_test.py HOST MEDIA [unittest arguments]."""
+import sys
+import unittest
+
+import gi
+
+gi.require_version("Gst", "1.0")
+from gi.repository import Gst  # noqa: E402
+
+import host_support as support  # noqa: E402
+from host_support import Host  # noqa: E402
+
+SECOND = Gst.SECOND
+
+
+class Player:
+    """rtspsrc with its streams decoded; counts what comes out and keeps the errors."""
+
+    def __init__(self, url, protocols, extra=""):
+        self.pipeline = Gst.parse_launch(f"rtspsrc name=src location={url} protocols={protocols} latency=100 {extra}")
+        self.times = {"video": [], "audio": []}
+        self.src = self.pipeline.get_by_name("src")
+        self.src.connect("pad-added", self._on_pad)
+        self.bus = self.pipeline.get_bus()
+
+    def _on_pad(self, _, pad):
+        caps = pad.get_current_caps() or pad.query_caps(None)
+        kind = caps.get_structure(0).get_string("media")
+        tail = "videoconvert" if kind == "video" else "audioconvert"
+        chain = Gst.parse_bin_from_description(
+            f"decodebin ! {tail} ! fakesink name=sink sync=false signal-handoffs=true", True)
+        chain.get_by_name("sink").connect("handoff", lambda _s, buffer, _p: self.times[kind].append(buffer.pts))
+        self.pipeline.add(chain)
+        chain.sync_state_with_parent()
+        pad.link(chain.get_static_pad("sink"))
+
+    def set_state(self, state):
+        assert self.pipeline.set_state(state) != Gst.StateChangeReturn.FAILURE
+
+    def wait(self, done, limit=20.0):
+        """Runs until `done` holds; an error message fails."""
+        end = Gst.util_get_timestamp() + int(limit * SECOND)
+        while not done():
+            assert Gst.util_get_timestamp() < end, {kind: len(times) for kind, times in self.times.items()}
+            message = self.bus.timed_pop_filtered(20 * Gst.MSECOND, Gst.MessageType.ERROR)
+            assert message is None, message.parse_error()
+
+    def stop(self):
+        self.pipeline.set_state(Gst.State.NULL)
+
+
+class GStreamer(unittest.TestCase):
+    def test_live_over_tcp_and_udp(self):
+        with Host() as host:
+            for protocols in ("tcp", "udp"):
+                with self.subTest(protocols=protocols):
+                    player = Player(host.url(), protocols)
+                    player.set_state(Gst.State.PLAYING)
+                    player.wait(lambda: len(player.times["video"]) > 75 and len(player.times["audio"]) > 75)
+                    times = player.times["video"][5:70]
+                    steps = [b - a for a, b in zip(times, times[1:])]
+                    self.assertTrue(all(abs(step - SECOND // 25) < SECOND // 100 for step in steps), steps)
+                    player.stop()
+
+    def test_recording_is_paused_resumed_and_sought(self):
+        with Host() as host:
+            player = Player(host.url("1_0_clip.kav"), "tcp")
+            player.set_state(Gst.State.PLAYING)
+            player.wait(lambda: len(player.times["video"]) > 20)
+            player.set_state(Gst.State.PAUSED)
+            player.pipeline.get_state(5 * SECOND)
+            paused_at = len(player.times["video"])
+            player.wait(lambda: True)
+            player.set_state(Gst.State.PLAYING)
+            player.wait(lambda: len(player.times["video"]) > paused_at + 10)
+            ok, duration = player.pipeline.query_duration(Gst.Format.TIME)
+            self.assertTrue(ok)
+            self.assertAlmostEqual(duration / SECOND, 4.0, delta=0.2)
+            self.assertTrue(player.pipeline.seek_simple(Gst.Format.TIME, Gst.SeekFlags.FLUSH, 0))
+            before = len(player.times["video"])
+            # From the start again there are more pictures than were left.
+            player.wait(lambda: len(player.times["video"]) > before + 70)
+            player.stop()
+
+    def test_wrong_password_is_an_error(self):
+        with Host("--user", "admin:secret") as host:
+            player = Player(host.url(), "tcp", 'user-id=admin user-pw=secret')
+            player.set_state(Gst.State.PLAYING)
+            player.wait(lambda: len(player.times["video"]) > 5)
+            player.stop()
+            player = Player(host.url(), "tcp", 'user-id=admin user-pw=wrong')
+            player.set_state(Gst.State.PLAYING)
+            message = player.bus.timed_pop_filtered(20 * SECOND, Gst.MessageType.ERROR)
+            self.assertIsNotNone(message)
+            self.assertIn("nauthorized", str(message.parse_error()))
+            player.stop()
+
+
+if __name__ == "__main__":
+    support.HOST, support.MEDIA = sys.argv[1:3]
+    del sys.argv[1:3]
+    Gst.init(None)
+    unittest.main(verbosity=2)

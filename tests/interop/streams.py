@@ -1,0 +1,179 @@
+"""Clips, elementary streams and peers for the tests of the converters."""
+import os
+import re
+import shutil
+import socket
+import struct
+import subprocess
+import sys
+import tempfile
+import threading
+
+FFMPEG = ["ffmpeg", "-hide_banner", "-nostdin", "-v", "error", "-y"]
+H264, MPEG4, JPEG, MP3 = 1, 2, 3, 9
+
+
+def need(*programs):
+    """Ends the test as skipped if a peer isn't installed."""
+    for program in programs:
+        if shutil.which(program) is None:
+            print(program + " isn't installed")
+            sys.exit(77)
+
+
+def run(command, data=None):
+    result = subprocess.run(command, input=data, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120)
+    if result.returncode != 0:
+        raise AssertionError(f"{command[0]} failed: {result.stderr.decode(errors='replace')[-2000:]}")
+    return result.stdout
+
+
+def gst(*words):
+    run(["gst-launch-1.0", "-q", *words])
+
+
+class Folder:
+    """A folder that goes with the test."""
+
+    def __enter__(self):
+        self.path = tempfile.mkdtemp()
+        return self
+
+    def __exit__(self, *_):
+        shutil.rmtree(self.path)
+
+    def __call__(self, name):
+        return os.path.join(self.path, name)
+
+    def write(self, name, data):
+        with open(self(name), "wb") as out:
+            out.write(data)
+        return self(name)
+
+
+def make_video(folder, name, codec_words, frames=30, size="320x240"):
+    path = folder(name)
+    run(FFMPEG + ["-f", "lavfi", "-i", f"testsrc=size={size}:rate=25", "-frames:v", str(frames), *codec_words, path])
+    with open(path, "rb") as clip:
+        return clip.read()
+
+
+def make_h264(folder, extra=()):
+    """A clip whose start codes all have four bytes, without the encoder's message about itself."""
+    clip = make_video(folder, "clip.h264",
+                      ["-c:v", "libx264", "-preset", "veryfast", "-bf", "0", "-g", "10", "-threads", "1", *extra,
+                       "-bsf:v", "filter_units=remove_types=6", "-f", "h264"])
+    clip = b"".join(b"\0\0\0\1" + nal for nal in nal_units(clip))
+    folder.write("clip.h264", clip)
+    return clip
+
+
+def nal_units(stream):
+    """NAL units of a byte stream, without start codes."""
+    return [nal.rstrip(b"\0") for nal in re.split(b"\0\0\1", stream)[1:]]
+
+
+def pictures(stream, code, is_picture):
+    """Cuts a stream with start codes behind each unit that holds a picture."""
+    frames = []
+    at = 0
+    starts = list(re.finditer(code, stream))
+    for index, start in enumerate(starts):
+        end = starts[index + 1].start() if index + 1 < len(starts) else len(stream)
+        if is_picture(stream[start.end()]):
+            frames.append(stream[at:end])
+            at = end
+    return frames
+
+
+def h264_frames(stream):
+    return pictures(stream, b"\0\0\0\1", lambda code: code & 31 in (1, 5))
+
+
+def mpeg4_frames(stream):
+    return pictures(stream, b"\0\0\1", lambda code: code == 0xB6)
+
+
+def jpeg_images(stream):
+    return [b"\xff\xd8\xff" + image for image in stream.split(b"\xff\xd8\xff")[1:]]
+
+
+def jpeg_scan(image):
+    """What stands behind the header of the scan, without the end of the image."""
+    at = image.index(b"\xff\xda")
+    scan = image[at + 2 + struct.unpack(">H", image[at + 2:at + 4])[0]:]
+    return scan[:-2] if scan.endswith(b"\xff\xd9") else scan
+
+
+def picture_hashes(path, demuxer=None, stream="v"):
+    """The hash of each decoded picture (or block of samples)."""
+    words = ["-f", demuxer] if demuxer else []
+    text = run(FFMPEG + words + ["-i", path, "-map", "0:" + stream, "-f", "framemd5", "-"]).decode()
+    return [line.split(",")[-1].strip() for line in text.splitlines() if line and not line.startswith("#")]
+
+
+def pack_frames(frames):
+    """(letter, milliseconds, bytes) to what our program reads."""
+    return b"".join(struct.pack("<cQI", letter, pts, len(data)) + data for letter, pts, data in frames)
+
+
+def unpack_frames(data):
+    frames = []
+    at = 0
+    while at < len(data):
+        letter, pts, size = struct.unpack_from("<cQI", data, at)
+        at += 13
+        frames.append((letter, pts, data[at:at + size]))
+        at += size
+    return frames
+
+
+def packets_of(framed):
+    """RTP packets of a file of RFC 4571."""
+    packets = []
+    at = 0
+    while at < len(framed):
+        size = struct.unpack_from(">H", framed, at)[0]
+        packets.append(framed[at + 2:at + 2 + size])
+        at += 2 + size
+    return packets
+
+
+def frame_packets(packets):
+    return b"".join(struct.pack(">H", len(packet)) + packet for packet in packets)
+
+
+def ffmpeg_rtp(words):
+    """The RTP packets that FFmpeg sends; `words` are its input and codec."""
+    sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+    sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
+    sock.bind(("127.0.0.1", 0))
+    sock.settimeout(0.2)
+    packets = []
+    done = threading.Event()
+
+    def receive():
+        while True:
+            try:
+                packets.append(sock.recv(65536))
+            except socket.timeout:
+                if done.is_set():
+                    return
+
+    thread = threading.Thread(target=receive)
+    thread.start()
+    try:
+        # RTCP goes to a port that nobody reads: the one of this very socket would mix it in.
+        port = sock.getsockname()[1]
+        run(FFMPEG + words + ["-f", "rtp", "-payload_type", "96", f"rtp://127.0.0.1:{port}?pkt_size=1200&rtcpport=9"])
+    finally:
+        done.set()
+        thread.join()
+        sock.close()
+    return packets
+
+
+def check(condition, what):
+    if not condition:
+        raise AssertionError(what)
+    print("ok: " + what)

@@ -1,0 +1,235 @@
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <thread>
+
+#include "FrameInfo.h"
+#include "MediaFrame.h"
+#include "RawMemory.h"
+#include "support/Capture.h"
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define COUNTS_ALLOCATIONS 0
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define COUNTS_ALLOCATIONS 0
+#endif
+#endif
+#ifndef COUNTS_ALLOCATIONS
+#define COUNTS_ALLOCATIONS 1
+
+static int g_allocations = 0;
+
+void* operator new(size_t size) {
+    ++g_allocations;
+    return std::malloc(size);
+}
+void* operator new(size_t size, const std::nothrow_t&) noexcept {
+    ++g_allocations;
+    return std::malloc(size);
+}
+void operator delete(void* memory) noexcept {
+    std::free(memory);
+}
+void operator delete(void* memory, size_t) noexcept {
+    std::free(memory);
+}
+#endif
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+const PtsType NO_PTS_TYPE = static_cast<PtsType>(6);
+
+const MediaFrameInfo& info_of(Memory::CPacket& packet) {
+    return *static_cast<MediaFrameInfo*>(packet.getExtraData());
+}
+
+TEST(RawMemory, FillsUpToItsCapacity) {
+    CRawMemory memory(100);
+    EXPECT_EQ(100u, memory.size());
+    EXPECT_EQ(0, memory.resize(0));
+    const std::string bytes(150, 'x');
+    EXPECT_EQ(100, memory.putBuffer(bytes.data(), 150));
+    EXPECT_EQ(0, memory.putBuffer(bytes.data(), 150));
+    EXPECT_EQ(0, memory.resize(500));
+    EXPECT_EQ(100u, memory.size());
+    EXPECT_EQ(memory.getBuffer(), memory.GetData());
+}
+
+TEST(RawMemory, InvalidOnesAreHarmless) {
+    CRawMemory memory(0);
+    EXPECT_FALSE(memory.valid());
+    EXPECT_EQ(0u, memory.size() + memory.capacity());
+    EXPECT_EQ(-1, memory.putBuffer("a", 1));
+    EXPECT_EQ(-1, memory.resize(1));
+    EXPECT_EQ(nullptr, memory.getPacket());
+    EXPECT_EQ(nullptr, memory.GetData());
+    memory.setType('I');
+    memory.setPts(1, Flumen::PTS_TYPE_MS);
+    EXPECT_EQ(0, memory.getType());
+    EXPECT_FALSE(CRawMemory(Memory::CPacket()).valid());
+}
+
+TEST(RawMemory, PacketImageIsMadeOnceAndFollowsWhatWasPut) {
+    CRawMemory memory(8);
+    memory.resize(0);
+    memory.putBuffer("ab", 2);
+    memory.setType('I');
+    Memory::CPacket* packet = memory.getPacket();
+    ASSERT_NE(nullptr, packet);
+    EXPECT_EQ(8u, packet->capacity());
+    EXPECT_EQ(0, std::memcmp(packet->getBuffer(), "ab", 2));
+    EXPECT_EQ('V', info_of(*packet).kind);
+    const unsigned char* image = packet->getBuffer();
+    memory.putBuffer("cd", 2);
+    memory.setType('A');
+    EXPECT_EQ(4u, memory.getPacket()->size());
+    EXPECT_EQ(image, packet->getBuffer());
+    EXPECT_EQ('A', info_of(*packet).kind);
+    memory.resize(1);  // alone it doesn't make the image stale
+    EXPECT_EQ(4u, memory.getPacket()->size());
+    // Neither does a time stamp type that doesn't exist.
+    memory.setPts(5, NO_PTS_TYPE);
+    const_cast<MediaFrameInfo&>(info_of(*packet)).sequence = 77;
+    EXPECT_EQ(77, info_of(*memory.getPacket()).sequence);
+    EXPECT_EQ(0u, memory.getPts(NO_PTS_TYPE));
+}
+
+TEST(RawMemory, CopiesShareAndTheLastOneFrees) {
+    auto first = std::make_unique<CRawMemory>(4);
+    CRawMemory second(*first);
+    CRawMemory third;
+    third = second;
+    std::memcpy(first->getBuffer(), "1234", 4);
+    first.reset();
+    EXPECT_EQ(0, std::memcmp(third.getBuffer(), "1234", 4));
+    second = CRawMemory();
+    third = *&third;
+    EXPECT_EQ(0, std::memcmp(third.getBuffer(), "1234", 4));
+    std::thread other([copy = third]() mutable { copy = CRawMemory(2); });
+    third = CRawMemory();
+    other.join();
+}
+
+TEST(RawMemory, TakesAPacketOverWithoutACopy) {
+    Flumen::CMediaFrame frame(4);
+    frame.setSequence(9);
+    CRawMemory memory{static_cast<const Memory::CPacket&>(frame)};
+    EXPECT_EQ(frame.getBuffer(), memory.getBuffer());
+    EXPECT_EQ(9, memory.getSequence());
+    memory.resize(2);
+    CRawMemory copy(memory);
+    EXPECT_EQ(frame.getBuffer(), copy.getPacket()->getBuffer());
+    EXPECT_EQ(2u, frame.size());
+
+    const Support::CAssertCapture asserts;
+    CRawMemory without_facts(Memory::CPacket(4, 79));
+    EXPECT_EQ(0, without_facts.getType());
+    EXPECT_EQ((std::vector<std::string>(2, "m_counter->m_extra_len >= sizeof(MediaFrameInfo)")), asserts.Texts());
+}
+
+// All accessors, over both backings.
+TEST(MediaFrame, ForwardsToItsBacking) {
+    for (const int mode : {MEDIA_FRAME_RAW, MEDIA_FRAME_SHARED}) {
+        CMediaFrame frame(10, mode);
+        EXPECT_TRUE(frame.valid());
+        EXPECT_EQ(0, frame.resize(0));
+        EXPECT_EQ(3, frame.putBuffer("abc", 3));
+        EXPECT_EQ(3u, frame.size());
+        EXPECT_EQ(10u, frame.capacity());
+        EXPECT_EQ('c', frame.GetData()[2]);
+        frame.setType('I');
+        frame.setType('A');
+        EXPECT_EQ('A', frame.getType());
+        frame.setType('P');
+        EXPECT_EQ('P', frame.getType());
+        frame.setSequence(-3);
+        EXPECT_EQ(-3, frame.getSequence());
+        frame.setChannel(4);
+        EXPECT_EQ(4, frame.getChannel());
+        frame.setNewFormat(-2);
+        EXPECT_EQ(-2, frame.getNewFormat());
+        frame.setUtc(12.345);
+        EXPECT_NEAR(12.345, frame.getUtc(), 0.001);
+        for (int type = 0; type < 7; ++type) {
+            frame.setPts(100 + static_cast<uint64_t>(type), static_cast<PtsType>(type));
+        }
+        EXPECT_EQ(100u, frame.getPts(Flumen::PTS_TYPE_MS));
+        EXPECT_EQ(105u, frame.getPts(Flumen::PTS_TYPE_5));
+        EXPECT_EQ(0u, frame.getPts(NO_PTS_TYPE));
+        ASSERT_NE(nullptr, frame.getPacket());
+        EXPECT_EQ(-3, info_of(*frame.getPacket()).sequence);
+        EXPECT_EQ(1, info_of(*frame.getPacket()).flag1);
+    }
+    for (CMediaFrame& frame : std::vector<CMediaFrame>{CMediaFrame(), CMediaFrame(4, 2), CMediaFrame(0, 0)}) {
+        EXPECT_FALSE(frame.valid());
+        EXPECT_EQ(-1, frame.putBuffer("a", 1));
+        EXPECT_EQ(-1, frame.resize(0));
+        EXPECT_EQ(nullptr, frame.GetData());
+        frame.setType('I');
+        EXPECT_EQ(0, frame.getType());
+    }
+}
+
+TEST(MediaFrame, EveryPairOfModesAssigns) {
+    const int no_mode = 2;
+    for (const int from : {MEDIA_FRAME_RAW + 0, MEDIA_FRAME_SHARED + 0, no_mode}) {
+        for (const int to : {MEDIA_FRAME_RAW + 0, MEDIA_FRAME_SHARED + 0, no_mode}) {
+            for (const uint32_t size : {0u, 5u}) {
+                const CMediaFrame source(size, from);
+                CMediaFrame target(7, to);
+                target = source;
+                EXPECT_EQ(source.getBuffer(), target.getBuffer()) << from << to << size;
+                EXPECT_EQ(source.valid(), target.valid());
+                const CMediaFrame copy(target);
+                EXPECT_EQ(source.getBuffer(), copy.getBuffer());
+            }
+        }
+    }
+}
+
+TEST(MediaFrame, SharesTheFrameItIsMadeOf) {
+    Flumen::CMediaFrame frame(3);
+    CMediaPacket* packet = new CMediaFrame(frame);
+    frame.getBuffer()[1] = 'z';
+    EXPECT_EQ('z', packet->GetData()[1]);
+    packet->Release();
+}
+
+TEST(FrameInfo, DataIsItsOwnFields) {
+    auto* info = new CFrameInfo;
+    info->m_track = 3;
+    info->m_frame_index = 0x01020304;
+    uint32_t words[2];
+    std::memcpy(words, info->GetData(), sizeof(words));
+    EXPECT_EQ(3u, words[0]);
+    EXPECT_EQ(0x01020304u, words[1]);
+    info->Release();
+}
+
+#if COUNTS_ALLOCATIONS
+// What a source does with every frame: one block for the packets, all else from the caches.
+TEST(MediaFrame, SteadyStreamAllocatesOnceAFrame) {
+    const auto put = [] {
+        const Flumen::CMediaFrame packets(1400);
+        CMediaPacket* media = new CMediaFrame(packets);
+        CMediaPacket* info = new CFrameInfo;
+        info->Release();
+        media->Release();
+    };
+    put();
+    g_allocations = 0;
+    for (int i = 0; i < 100; ++i) {
+        put();
+    }
+    EXPECT_EQ(100, g_allocations);
+}
+#endif
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio

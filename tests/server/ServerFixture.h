@@ -1,0 +1,82 @@
+#ifndef VIDORA_TESTS_SERVER_SERVERFIXTURE_H
+#define VIDORA_TESTS_SERVER_SERVERFIXTURE_H
+
+#include <gtest/gtest.h>
+
+#include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Vidora/DataSource.h"
+#include "Vidora/LiveChannel.h"
+#include "Vidora/LiveSvr.h"
+#include "Vidora/RtspSvr.h"
+#include "Vidora/RtspSvrConfig.h"
+#include "support/Capture.h"
+#include "support/FakeStreamSource.h"
+#include "support/FrameBuilder.h"
+#include "support/RtspTestClient.h"
+#include "support/TestHandler.h"
+
+namespace Kavio {
+namespace Vidora {
+
+using Support::CLogCapture;
+using Support::CFakeStreamSource;
+using Support::CRtspTestClient;
+using Support::RtspFrame;
+using Support::RtspReply;
+
+const char LIVE_NAME[] = "cam/realmonitor?channel=1&subtype=0";
+const char INTERLEAVED[] = "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n";
+
+// Events that the server has reported, as text.
+class CEventLog {
+public:
+    static void OnEvent(event_type_t event, void* data, int length);
+    static std::vector<std::string> All();
+    static int Count(const std::string& text);
+    static void Clear();
+};
+
+// A server on the loopback address with a thread pool and a registry, over the host's fake sources.
+class CServerTest : public testing::Test {
+protected:
+    CServerTest();
+    ~CServerTest() override;
+
+    // Starts the server; what the test sets in m_config before holds.
+    void StartServer();
+    // Publishes a channel of a fake source, and gives the source.
+    CFakeStreamSource* AddChannel(const char* name = LIVE_NAME,
+                                  const CFakeStreamSource::Settings& settings = CFakeStreamSource::LiveVideo());
+    std::string Url(const std::string& content = LIVE_NAME) const;
+    template <typename T>
+    void Set(rtsp_svr_config_t item, const T& value) {
+        ASSERT_EQ(0, m_config.SetConfig(item, &value, sizeof(value)));
+    }
+    // Sets a function of the host.
+    template <typename F>
+    void SetFunction(rtsp_svr_config_t item, F* function) {
+        ASSERT_EQ(0, m_config.SetConfig(item, reinterpret_cast<const void*>(function), sizeof(function)));
+    }
+    // DESCRIBE, SETUP of the first track and PLAY, all over the control connection.
+    void PlayInterleaved(CRtspTestClient& client, const std::string& content = LIVE_NAME);
+    // Gives the next video frame to a source; every tenth is a key frame.
+    static bool GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100);
+    // Waits for the sessions to end.
+    static bool SessionsGone(unsigned int left = 0);
+
+    int m_port = 0;
+    CRtspSvrConfig m_config;
+    Support::CPool m_pool{4};
+    CLiveSvr* m_live_svr = nullptr;
+    CRtspSvr* m_svr = nullptr;
+    std::vector<CLiveChannel*> m_channels;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_TESTS_SERVER_SERVERFIXTURE_H

@@ -1,0 +1,125 @@
+// The fixture's operations; a test program takes all sources of its folder.
+
+#include "server/ServerFixture.h"
+
+#include <arpa/inet.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+std::mutex g_event_mutex;
+std::vector<std::string> g_events;
+
+int FreePort() {
+    const int fd = socket(AF_INET, SOCK_STREAM, 0);
+    sockaddr_in addr = {};
+    addr.sin_family = AF_INET;
+    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    socklen_t length = sizeof(addr);
+    bind(fd, reinterpret_cast<sockaddr*>(&addr), length);
+    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length);
+    close(fd);
+    return ntohs(addr.sin_port);
+}
+
+}  // namespace
+
+void CEventLog::OnEvent(event_type_t event, void* data, int length) {
+    const std::lock_guard<std::mutex> guard(g_event_mutex);
+    if (event == EVENT_LOST_PACKET) {
+        const LostPacketEvent& record = *static_cast<const LostPacketEvent*>(data);
+        g_events.push_back("lost " + std::string(record.ip) + " channel " + std::to_string(record.channel) +
+                           " subtype " + std::to_string(record.subtype) + " size " + std::to_string(length));
+    } else {
+        g_events.push_back(std::string(event == EVENT_CLIENT_CONNECTED ? "connected " : "disconnected ") +
+                           std::string(static_cast<const char*>(data), static_cast<size_t>(length)));
+    }
+}
+
+std::vector<std::string> CEventLog::All() {
+    const std::lock_guard<std::mutex> guard(g_event_mutex);
+    return g_events;
+}
+
+int CEventLog::Count(const std::string& text) {
+    int count = 0;
+    for (const std::string& event : All()) {
+        count += event == text ? 1 : 0;
+    }
+    return count;
+}
+
+void CEventLog::Clear() {
+    const std::lock_guard<std::mutex> guard(g_event_mutex);
+    g_events.clear();
+}
+
+CServerTest::CServerTest() {
+    CEventLog::Clear();
+    SetFunction(RTSP_SVR_CONFIG_SRC_FUNC, &CFakeStreamSource::Factory);
+    m_live_svr = CLiveSvr::Create(0);
+}
+
+CServerTest::~CServerTest() {
+    if (m_svr != nullptr) {
+        m_svr->Close();
+    }
+    EXPECT_TRUE(SessionsGone());
+    m_live_svr->Close();
+    EXPECT_TRUE(Support::WaitUntil([] { return CFakeStreamSource::LiveCount() == 0; }));
+}
+
+void CServerTest::StartServer() {
+    m_port = FreePort();
+    CSockAddrStorage addr("127.0.0.1", static_cast<unsigned short>(m_port));
+    m_svr = CRtspSvr::Create(addr);
+    ASSERT_NE(nullptr, m_svr);
+    m_svr->SetLiveSvr(m_live_svr);
+    m_svr->SetConfig(m_config);
+}
+
+CFakeStreamSource* CServerTest::AddChannel(const char* name, const CFakeStreamSource::Settings& settings) {
+    CFakeStreamSource::SetNext(settings);
+    CLiveChannel* channel = CLiveChannel::Create();
+    channel->SetConfig(m_config);
+    EXPECT_EQ(0, channel->Init(name, 0, TRANSF_TYPE_RTP));
+    CDataSource* source = CDataSource::Create(LIVE_NAME);
+    source->SetConfig(m_config);
+    EXPECT_EQ(0, source->Init(channel->GetID(), 0));
+    CFakeStreamSource* fake = CFakeStreamSource::Last();
+    channel->AddDataSrc(source, 0);
+    EXPECT_EQ(0, m_live_svr->AddLiveChannel(name, channel, source));
+    m_channels.push_back(channel);
+    return fake;
+}
+
+std::string CServerTest::Url(const std::string& content) const {
+    return "rtsp://127.0.0.1:" + std::to_string(m_port) + "/" + content;
+}
+
+void CServerTest::PlayInterleaved(CRtspTestClient& client, const std::string& content) {
+    ASSERT_EQ(200, client.Ask("DESCRIBE", Url(content)).status);
+    ASSERT_EQ(200, client.Ask("SETUP", Url(content) + "/trackID=0", INTERLEAVED).status);
+    ASSERT_EQ(200, client.Ask("PLAY", Url(content)).status);
+}
+
+bool CServerTest::GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size) {
+    const bool key = sequence % 10 == 0;
+    Support::FrameSpec spec;
+    spec.type = key ? 'I' : 'P';
+    spec.sequence = sequence;
+    spec.pts_ms = sequence * 40;
+    spec.payload = Support::H264Picture(key, size, static_cast<uint8_t>(sequence));
+    return source->Give(Support::BuildFrame(spec));
+}
+
+bool CServerTest::SessionsGone(unsigned int left) {
+    return Support::WaitUntil([left] { return CRtspSvr::GetSessionCount() <= left; });
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,294 @@
+#include "server/ServerFixture.h"
+#include "support/UdpPeer.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+using Support::CUdpPeer;
+
+class Conversation : public CServerTest {
+protected:
+    // Gives a frame as soon as the source runs, which is shortly after the reply to PLAY.
+    static bool Give(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100) {
+        return Support::WaitUntil([=] { return GiveVideo(source, sequence, size); });
+    }
+};
+
+TEST_F(Conversation, InterleavedFromOptionsToASecondPlay) {
+    StartServer();
+    CFakeStreamSource* source = AddChannel();
+    CRtspTestClient client(m_port);
+
+    RtspReply reply = client.Ask("OPTIONS", "*");
+    EXPECT_EQ(200, reply.status);
+    EXPECT_EQ("OPTIONS,DESCRIBE,SETUP,PLAY,PAUSE,TEARDOWN,SET_PARAMETER,GET_PARAMETER", reply.Header("Public"));
+    reply = client.Ask("DESCRIBE", Url(), "Accept: application/sdp\r\n");
+    ASSERT_EQ(200, reply.status);
+    EXPECT_EQ("application/sdp", reply.Header("Content-Type"));
+    EXPECT_NE(std::string::npos, reply.body.find("a=rtpmap:96 H264/90000"));
+    EXPECT_NE(std::string::npos, reply.body.find("a=control:trackID=0"));
+
+    // The server decides the channels.
+    reply = client.Ask("SETUP", Url() + "/trackID=0", "Transport: RTP/AVP/TCP;unicast;interleaved=6-7\r\n");
+    ASSERT_EQ(200, reply.status);
+    EXPECT_TRUE(reply.Holds("RTP/AVP/TCP;unicast;interleaved=0-1;ssrc="));
+    EXPECT_TRUE(reply.Holds(";timeout=60"));
+    reply = client.Ask("PLAY", Url(), "Range: npt=0.000-\r\n");
+    ASSERT_EQ(200, reply.status);
+    EXPECT_EQ(0u, reply.Header("RTP-Info").find("url=trackID=0;seq="));
+    EXPECT_EQ("npt=0.000000-", reply.Header("Range"));
+
+    ASSERT_TRUE(Give(source, 10, 3000));
+    std::string bytes;
+    for (int marker = 0; marker == 0;) {
+        const RtspFrame frame = client.Frame();
+        ASSERT_EQ(0, frame.channel);
+        ASSERT_LT(12u, frame.data.size());
+        marker = static_cast<uint8_t>(frame.data[1]) >> 7;
+        bytes += frame.data.substr(12);
+    }
+    EXPECT_LT(3000u, bytes.size());
+
+    // Requests in the middle of the stream.
+    EXPECT_EQ(200, client.Ask("GET_PARAMETER", Url(), "Content-Type: text/parameters\r\n", "position\r\n").status);
+    EXPECT_EQ(200, client.Ask("SET_PARAMETER", Url(), "", "a: b\r\n").status);
+    EXPECT_EQ(455, client.Ask("PAUSE", Url()).status);  // a channel is shared,
+    EXPECT_EQ(455, client.Ask("PAUSE", Url()).status);  // and the state stays
+    reply = client.Ask("PLAY", Url());
+    EXPECT_EQ(200, reply.status);
+    EXPECT_FALSE(reply.Holds("RTP-Info"));  // nothing to change
+
+    // The BYE comes before the reply. RFC 3550 6.4.1, 6.5, 6.6: a report, the source's name, and the end.
+    client.Send(client.Request("TEARDOWN", Url()));
+    const RtspFrame report = client.Frame();
+    EXPECT_EQ(1, report.channel);
+    EXPECT_EQ('\xc8', report.data[1]);
+    EXPECT_NE(std::string::npos, report.data.find("End of Stream"));
+    EXPECT_EQ(200, client.Reply().status);
+    EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Stop") == 1; }));
+
+    PlayInterleaved(client);
+    ASSERT_TRUE(Give(source, 20));
+    EXPECT_EQ(0, client.Frame().channel);
+    client.Close();
+    EXPECT_TRUE(SessionsGone());
+    EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Stop") == 2; }));
+}
+
+TEST_F(Conversation, UdpSendsFromTheAnnouncedPorts) {
+    StartServer();
+    CFakeStreamSource* source = AddChannel();
+    CRtspTestClient client(m_port);
+    CUdpPeer rtp;
+    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
+    const std::string ports = std::to_string(rtp.Port()) + "-" + std::to_string(rtp.Port() + 1);
+    RtspReply reply =
+        client.Ask("SETUP", Url() + "/trackID=0", "Transport: RTP/AVP;unicast;client_port=" + ports + "\r\n");
+    ASSERT_EQ(200, reply.status);
+    const std::string transport = reply.Header("Transport");
+    EXPECT_EQ(0u, transport.find("RTP/AVP;unicast;client_port=" + ports + ";server_port="));
+    const int server_port = atoi(transport.c_str() + transport.find("server_port=") + 12);
+    ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
+    ASSERT_TRUE(Give(source, 10, 3000));
+    int from = 0;
+    const std::string packet = rtp.Recv(5000, &from);
+    ASSERT_LT(12u, packet.size());
+    EXPECT_EQ('\x80', packet[0]);
+    EXPECT_EQ(server_port, from);
+    EXPECT_EQ(200, client.Ask("TEARDOWN", Url()).status);
+    while (!rtp.Recv(100).empty()) {
+    }
+    EXPECT_FALSE(GiveVideo(source, 11));
+}
+
+TEST_F(Conversation, SetupRefusesWhatItCantServe) {
+    StartServer();
+    AddChannel();
+    const struct {
+        const char* track;
+        const char* transport;
+        int status;  // 0: no reply at all
+    } rows[] = {
+        {"/trackID=0", "RTP/AVP;unicast;client_port=0-1", 461},
+        {"/trackID=0", "RTP/AVP;unicast;client_port=65535-65536", 461},
+        {"/trackID=0", "RTP/AVP;unicast;client_port=99999-100000", 461},
+        {"/trackID=0", "RTP/AVP;unicast", 461},
+        {"/trackID=0", "RTP/AVP;multicast", 461},
+        {"/trackID=0", "RTP/AVP;multicast;destination=127.0.0.1;port=4000-4001;ttl=1", 461},
+        {"/trackID=0", "RAW/XYZ", 0},
+        {"/trackID=5", "RTP/AVP/TCP;unicast;interleaved=0-1", 0},
+        {"", "RTP/AVP/TCP;unicast;interleaved=0-1", 0},
+    };
+    for (const auto& row : rows) {
+        CRtspTestClient client(m_port);
+        ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
+        client.Send(client.Request("SETUP", Url() + row.track, "Transport: " + std::string(row.transport) + "\r\n"));
+        if (row.status == 0) {
+            EXPECT_TRUE(client.Silent(200)) << row.transport;
+        } else {
+            EXPECT_EQ(row.status, client.Reply().status) << row.transport;
+        }
+    }
+}
+
+TEST_F(Conversation, PrivateFramesTravelWithTheirOwnHeader) {
+    StartServer();
+    CFakeStreamSource* source = AddChannel();
+    CRtspTestClient client(m_port);
+    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
+    const RtspReply reply =
+        client.Ask("SETUP", Url() + "/trackID=0", "Transport: KX/AVP/TCP;unicast;interleaved=0-1\r\n");
+    ASSERT_EQ(200, reply.status);
+    EXPECT_EQ(0u, reply.Header("Transport").find("KX/AVP/TCP;"));
+    ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
+    ASSERT_TRUE(Give(source, 10, 500));
+    // "$", channel, and four bytes of length, of which an interleaved reader takes the upper two for its own.
+    const RtspFrame header = client.Frame();
+    EXPECT_EQ(0, header.channel);
+    EXPECT_EQ("", header.data);
+}
+
+TEST_F(Conversation, DataSourceAnswersLaterSeeksPausesAndEnds) {
+    StartServer();
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.type = SRC_TYPE_FILE;
+    CFakeStreamSource::SetNext(settings);
+    const std::string content = "movie.kav";
+    CRtspTestClient client(m_port);
+    RtspReply reply = client.Ask("DESCRIBE", Url(content));
+    ASSERT_EQ(200, reply.status);
+    EXPECT_NE(std::string::npos, reply.body.find("a=range:npt=0-12.5"));
+    ASSERT_EQ(200, client.Ask("SETUP", Url(content) + "/trackID=0", INTERLEAVED).status);
+    reply = client.Ask("PLAY", Url(content), "Range: npt=3.000-9\r\nScale: 2.0\r\n");
+    ASSERT_EQ(200, reply.status);
+    EXPECT_EQ("npt=3.000000-9.000000", reply.Header("Range"));
+    CFakeStreamSource* source = CFakeStreamSource::Last();
+    ASSERT_NE(nullptr, source);
+    EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Start") == 1; }));
+
+    EXPECT_EQ(200, client.Ask("PAUSE", Url(content)).status);
+    EXPECT_EQ(1, source->CountCalls("Pause"));
+    EXPECT_EQ(200, client.Ask("PLAY", Url(content)).status);
+    EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Resume") >= 1; }));
+    EXPECT_EQ(200, client.Ask("PLAY", Url(content), "Range: npt=5-\r\n").status);  // a seek
+    EXPECT_EQ(1, source->CountCalls("Seek 1600000005"));
+
+    // PLAY and TEARDOWN in one write: the TEARDOWN has the last word.
+    client.Send(client.Request("PLAY", Url(content)) + client.Request("TEARDOWN", Url(content)));
+    EXPECT_EQ(200, client.Reply().status);
+    EXPECT_EQ(200, client.Reply().status);
+    EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
+
+    // The source's end closes the connection, without a message.
+    CRtspTestClient other(m_port);
+    PlayInterleaved(other, content);
+    CFakeStreamSource::Last()->Tell(MSG_SRC_END);
+    EXPECT_TRUE(other.Closed());
+    client.Close();
+    EXPECT_TRUE(SessionsGone());
+    EXPECT_TRUE(Support::WaitUntil([] { return CFakeStreamSource::LiveCount() == 0; }));
+}
+
+TEST_F(Conversation, MulticastChannelIsOfferedAsSuch) {
+    StartServer();
+    CFakeStreamSource* source = AddChannel();
+    CSockAddrStorage group("239.1.2.3", 41000);
+    ASSERT_TRUE(Support::WaitUntil([&] { return m_channels[0]->AddTransfDst(group, "127.0.0.1") == 0; }));
+    ASSERT_EQ(0, m_channels[0]->SetUnicast(false));
+
+    CRtspTestClient client(m_port);
+    const RtspReply description = client.Ask("DESCRIBE", Url());
+    ASSERT_EQ(200, description.status);
+    EXPECT_NE(std::string::npos, description.body.find("m=video 41000 RTP/AVP 96"));
+    EXPECT_EQ(461, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
+    const RtspReply reply = client.Ask("SETUP", Url() + "/trackID=0", "Transport: RTP/AVP;multicast\r\n");
+    ASSERT_EQ(200, reply.status);
+    EXPECT_EQ(0u, reply.Header("Transport").find("RTP/AVP;multicast;destination=239.1.2.3;port=41000-41001;ttl=4"));
+    ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
+    EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Start") == 1; }));
+
+    // Another viewer that comes and goes, with and without a PLAY, doesn't stop the stream.
+    for (int plays = 0; plays < 2; ++plays) {
+        CRtspTestClient other(m_port);
+        ASSERT_EQ(200, other.Ask("DESCRIBE", Url()).status);
+        ASSERT_EQ(200, other.Ask("SETUP", Url() + "/trackID=0", "Transport: RTP/AVP;multicast\r\n").status);
+        if (plays != 0) {
+            ASSERT_EQ(200, other.Ask("PLAY", Url()).status);
+            ASSERT_EQ(200, other.Ask("TEARDOWN", Url()).status);
+        }
+        other.Close();
+        EXPECT_TRUE(SessionsGone(1));
+    }
+    EXPECT_EQ(0, source->CountCalls("Stop"));
+    client.Send(client.Request("SETUP", Url() + "/trackID=0",
+                               "Transport: RTP/AVP;multicast;destination=239.1.2.3;port=4000-4001;ttl=4\r\n"));
+    EXPECT_TRUE(client.Silent(200));  // a port other than the description's
+    client.Close();
+    EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Stop") == 1; }));
+}
+
+TEST_F(Conversation, DescribeWaitsForTheSdpWithoutHoldingOthers) {
+    StartServer();
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.tells_info = false;
+    CFakeStreamSource* source = AddChannel(LIVE_NAME, settings);
+    AddChannel("cam/realmonitor?channel=2&subtype=0");
+    const std::string ready = Url("cam/realmonitor?channel=2&subtype=0");
+    ASSERT_TRUE(Support::WaitUntil([&] {
+        CRtspTestClient probe(m_port);
+        return probe.Ask("DESCRIBE", ready).status == 200;
+    }));
+
+    std::vector<std::unique_ptr<CRtspTestClient>> waiting;
+    for (int i = 0; i < 12; ++i) {  // more than the pool has threads
+        waiting.push_back(std::make_unique<CRtspTestClient>(m_port));
+        waiting.back()->Send(waiting.back()->Request("DESCRIBE", Url()));
+    }
+    const auto begin = std::chrono::steady_clock::now();
+    const auto elapsed_ms = [&] {
+        return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::steady_clock::now() - begin).count();
+    };
+    CRtspTestClient other(m_port);
+    EXPECT_EQ(200, other.Ask("DESCRIBE", ready).status);
+    EXPECT_GT(1500, elapsed_ms());
+    for (int i = 0; i < 6; ++i) {
+        waiting[static_cast<size_t>(i)]->Close();  // gone before the answer
+    }
+    EXPECT_TRUE(waiting[6]->Silent(500));
+    source->Tell(MSG_STREAM_INFO);
+    for (size_t i = 6; i < waiting.size(); ++i) {
+        EXPECT_EQ(200, waiting[i]->Reply().status);
+    }
+    EXPECT_EQ(200, waiting[7]->Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
+}
+
+TEST_F(Conversation, DescribeWithoutSdpOrSourceIsNotFound) {
+    static const auto rewrite = [](const char* content, char* buffer, int size) -> char* {
+        snprintf(buffer, static_cast<size_t>(size), "%s", LIVE_NAME);
+        return strcmp(content, "alias.kav") == 0 ? buffer : nullptr;
+    };
+    char* (*const function)(const char*, char*, int) = rewrite;
+    SetFunction(RTSP_SVR_CONFIG_URL_FUNC, function);
+    StartServer();
+    AddChannel();
+    CRtspTestClient alias(m_port);
+    EXPECT_EQ(200, alias.Ask("DESCRIBE", Url("alias.kav")).status);
+
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.tells_info = false;
+    AddChannel("cam/realmonitor?channel=3&subtype=0", settings);
+    CRtspTestClient never(m_port);
+    never.Send(never.Request("DESCRIBE", Url("cam/realmonitor?channel=3&subtype=0")));
+    for (const char* content : {"nonsense", "", "other.kav"}) {
+        settings.null_source = true;
+        CFakeStreamSource::SetNext(settings);
+        CRtspTestClient client(m_port);
+        EXPECT_EQ(404, client.Ask("DESCRIBE", Url(content)).status) << content;
+    }
+    EXPECT_EQ(404, never.Reply().status);
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio

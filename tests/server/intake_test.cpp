@@ -1,0 +1,207 @@
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <sys/socket.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <thread>
+
+#include "Vidora/AuthModule.h"
+
+#include "server/ServerFixture.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+const char OPTIONS_TEXT[] = "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n";
+
+// A connected pair of TCP sockets: the first is handed to the server, the second is the client's.
+struct TcpPair {
+    TcpPair() {
+        const int listener = socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in addr = {};
+        addr.sin_family = AF_INET;
+        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof(addr);
+        bind(listener, reinterpret_cast<sockaddr*>(&addr), length);
+        listen(listener, 1);
+        getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &length);
+        client.reset(new CRtspTestClient(ntohs(addr.sin_port)));
+        server = accept(listener, nullptr, nullptr);
+        close(listener);
+    }
+    int server = -1;
+    std::unique_ptr<CRtspTestClient> client;
+};
+
+bool IsOpen(int fd) {
+    return fcntl(fd, F_GETFD) >= 0;
+}
+
+class CNoModule : public IAuthModule {
+public:
+    void Release() override { delete this; }
+    int GetChallenge(const char*, result_proc_t result, const char*, int) override {
+        result(AUTH_RESULT_CHALLENGE, "Basic realm=\"x\"");
+        return 0;
+    }
+};
+IAuthModule* MakeModule(rtsp_auth_t) {
+    return new CNoModule;
+}
+
+class Intake : public CServerTest {};
+
+TEST_F(Intake, FirstBytesDecideWhatAConnectionIs) {
+    StartServer();
+    const struct {
+        std::string bytes;
+        const char* log;
+    } rows[] = {
+        {"GET /x HTTP/1.0\r\n\r\n", "RTSP over HTTP is not served"},
+        {"some get /x\r\n\r\n", "RTSP over HTTP is not served"},  // anywhere, in any case
+        {"POST /x HTTP/1.0\r\n\r\n", "RTSP over HTTP is not served"},
+        {std::string(512, 'x') + "\r\n\r\n", "Request max buf reached, error, fd:"},
+        {"hello\r\n\r\n", "RTSP_WRONG_FORMATA:"},
+        {std::string("\0\1\2$\xff\xff\r\n\r\n", 10), ""},
+        {"PLAY * RTSP/1.0\r\nContent-Length: -5\r\nCSeq: 1\r\n\r\n", ""},
+    };
+    for (const auto& row : rows) {
+        Support::CLogCapture log;
+        CRtspTestClient client(m_port);
+        client.Send(row.bytes);
+        if (row.log[0] != '\0') {
+            EXPECT_TRUE(client.Closed()) << row.bytes;
+            EXPECT_TRUE(Support::WaitUntil([&] { return log.Count(row.log) == 1; })) << row.bytes;
+        } else {
+            client.Send("GET");  // whatever becomes of it, the server lives
+        }
+    }
+    // Cut anywhere.
+    CRtspTestClient slow(m_port);
+    for (const char* c = OPTIONS_TEXT; *c != '\0'; ++c) {
+        slow.Send(std::string(1, *c));
+        usleep(500);
+    }
+    EXPECT_EQ(200, slow.Reply().status);
+}
+
+TEST_F(Intake, ConnectionsThatSayNothingAreDropped) {
+    StartServer();
+    Support::CLogCapture log;
+    CRtspTestClient silent(m_port), partial(m_port), slow(m_port);
+    partial.Send("OPTIONS * RTSP/1.0\r\n");
+    for (int i = 0; i < 4; ++i) {  // each byte gives it five more seconds
+        slow.Send("O");
+        usleep(1500000);
+    }
+    EXPECT_TRUE(silent.Closed(1));
+    EXPECT_TRUE(partial.Closed(1));
+    EXPECT_FALSE(slow.Closed(1));
+    EXPECT_EQ(2, log.Count("handle_input_timeout error, fd:"));
+}
+
+TEST_F(Intake, HandedInConnections) {
+    const rtsp_auth_t auth_type = 7;
+    Set(RTSP_SVR_CONFIG_AUTH_TYPE, auth_type);
+    SetFunction(RTSP_SVR_CONFIG_AUTH_FUNC, &MakeModule);
+    StartServer();
+    AddChannel();
+    const std::string describe = "DESCRIBE " + Url() + " RTSP/1.0\r\nCSeq: 1\r\n\r\n";
+    const int nat_record[5] = {2, 10, 20, 30, 40};
+    const int other_record[5] = {3, 0, 0, 0, 0};
+
+    TcpPair pair;
+    EXPECT_EQ(-1, m_svr->AddNewConnect(-1, nullptr, 0, 0));
+    EXPECT_EQ(-1, m_svr->AddNewConnect(pair.server, std::string(513, 'x').c_str(), 513, 0));
+    EXPECT_TRUE(IsOpen(pair.server));
+    const int closed_fd = dup(pair.server);
+    close(closed_fd);
+    EXPECT_EQ(-1, m_svr->AddNewConnect(closed_fd, nullptr, 0, 0));
+
+    // Bytes of half a request are dropped; the next ones begin the record.
+    EXPECT_EQ(0, m_svr->AddNewConnect(pair.server, "OPTIONS * RT", 12, 0));
+    pair.client->Send(OPTIONS_TEXT);
+    EXPECT_EQ(200, pair.client->Reply().status);
+
+    const struct {
+        std::string buf;
+        long extra;
+        int result;
+        int status;  // -1: closed
+    } rows[] = {
+        {OPTIONS_TEXT, 0, 0, 200},
+        {describe, 0, 0, 401},
+        {describe, 1, 0, 200},  // exempt from authentication
+        {"DESCRIBE", 1, 0, 200},
+        {describe, reinterpret_cast<long>(other_record), 0, 401},
+        {describe, reinterpret_cast<long>(nat_record), -1, -1},
+        {"GET / HTTP/1.0\r\n\r\n", 0, 0, -1},
+    };
+    for (const auto& row : rows) {
+        TcpPair other;
+        EXPECT_EQ(row.result,
+                  m_svr->AddNewConnect(other.server, row.buf.c_str(), static_cast<int>(row.buf.size()), row.extra));
+        if (row.buf == "DESCRIBE") {
+            other.client->Send(describe);
+        }
+        if (row.status < 0) {
+            EXPECT_TRUE(other.client->Closed()) << row.buf;
+        } else {
+            EXPECT_EQ(row.status, other.client->Reply().status) << row.buf;
+        }
+    }
+}
+
+std::atomic<bool> g_block{false};
+std::atomic<int> g_blocked{0};
+
+void BlockOnConnect(event_type_t event, void*, int) {
+    if (event == EVENT_CLIENT_CONNECTED && g_block.exchange(false)) {
+        ++g_blocked;
+        Support::WaitUntil([] { return g_blocked == 0; });
+    }
+}
+
+TEST_F(Intake, AHostThatBlocksInOneSessionHoldsNobodyElse) {
+    SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, &BlockOnConnect);
+    StartServer();
+    CRtspTestClient held(m_port);
+    g_block = true;
+    held.Send(OPTIONS_TEXT);
+    ASSERT_TRUE(Support::WaitUntil([] { return g_blocked == 1; }));
+    g_block = true;
+    TcpPair handed_in;  // the caller's thread isn't held either
+    EXPECT_EQ(0, m_svr->AddNewConnect(handed_in.server, OPTIONS_TEXT, sizeof(OPTIONS_TEXT) - 1, 0));
+    ASSERT_TRUE(Support::WaitUntil([] { return g_blocked == 2; }));
+    CRtspTestClient other(m_port);
+    EXPECT_EQ(200, other.Ask("OPTIONS", "*").status);
+    EXPECT_TRUE(held.Silent(1));
+    g_blocked = 0;
+    EXPECT_EQ(200, held.Reply().status);
+    EXPECT_EQ(200, handed_in.client->Reply().status);
+}
+
+TEST_F(Intake, ClosingTheServerDropsTheWaitingAndLeavesSessions) {
+    StartServer();
+    CRtspTestClient waiting(m_port), session(m_port);
+    waiting.Send("OPT");
+    ASSERT_EQ(200, session.Ask("OPTIONS", "*").status);
+    m_svr->Close();
+    m_svr = nullptr;
+    EXPECT_TRUE(waiting.Closed());
+    EXPECT_EQ(200, session.Ask("OPTIONS", "*").status);
+    EXPECT_TRUE(Support::WaitUntil([&] { return !CRtspTestClient(m_port).Connected(); }));
+    session.Close();
+    EXPECT_TRUE(SessionsGone());
+
+    CSockAddrStorage bad;
+    EXPECT_EQ(nullptr, CRtspSvr::Create(bad));
+    CSockAddrStorage foreign("192.0.2.1", 554);
+    EXPECT_EQ(nullptr, CRtspSvr::Create(foreign));
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio

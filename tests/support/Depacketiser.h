@@ -1,0 +1,82 @@
+#ifndef VIDORA_TESTS_SUPPORT_DEPACKETISER_H
+#define VIDORA_TESTS_SUPPORT_DEPACKETISER_H
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <string>
+#include <vector>
+
+#include "StreamParser/Rtp2Frame.h"
+#include "support/StreamBytes.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace Support {
+
+// Feeds packets as an owner does: takes each frame that is complete, clears, and feeds a packet again that was left
+// out.
+class Depacketiser : public IRtpNotify {
+public:
+    explicit Depacketiser(int enc_type, bool drop = false, uint32_t clock = 90000) {
+        m_rtp2frame.Init(enc_type, 96, clock);
+        m_rtp2frame.SetNotify(this);
+        m_rtp2frame.SetDropDamaged(drop);
+    }
+
+    // The results, joined when a packet was fed twice: 20 for a frame before the packet, which was then taken.
+    int Put(const Bytes& packet) {
+        int all = 0;
+        for (int round = 0; round < 2; ++round) {
+            m_held.push_back(packet);  // the engine borrows it until Clear
+            const Bytes& held = m_held.back();
+            const int ret = m_rtp2frame.PutPacket(held.data(), static_cast<int>(held.size()));
+            if (ret > FRAME_MORE) {
+                take();
+            }
+            if (ret != FRAME_MORE) {
+                m_rtp2frame.Clear();
+                m_held.clear();
+            }
+            all = all * 10 + ret;
+            if (ret != FRAME_COMPLETE_NEXT) {
+                break;
+            }
+        }
+        return all;
+    }
+
+    CRtp2Frame& Engine() { return m_rtp2frame; }
+    Bytes Last() const { return m_frames.empty() ? Bytes() : m_frames.back(); }
+
+    std::vector<Bytes> m_frames;
+    std::string m_letters;              // of the frames
+    std::vector<std::string> m_events;  // notifications
+
+private:
+    void take() {
+        Bytes frame(m_rtp2frame.GetFrameSize());
+        EXPECT_EQ(frame.size(), m_rtp2frame.GetFrame(frame.data(), static_cast<uint32_t>(frame.size())));
+        if (!frame.empty()) {
+            EXPECT_EQ(0u, m_rtp2frame.GetFrame(frame.data(), static_cast<uint32_t>(frame.size() - 1)));
+        }
+        m_frames.push_back(frame);
+        m_letters += static_cast<char>(m_rtp2frame.GetFrameType());
+    }
+    void OnSsrcChanged(uint32_t old_ssrc, uint32_t new_ssrc) override {
+        m_events.push_back("ssrc " + std::to_string(old_ssrc) + " " + std::to_string(new_ssrc));
+    }
+    void OnSequenceDisorder(uint16_t last, uint16_t now) override {
+        m_events.push_back("seq " + std::to_string(last) + " " + std::to_string(now));
+    }
+    void OnReserved() override { ADD_FAILURE() << "the third slot was called"; }
+
+    std::deque<Bytes> m_held;
+    CRtp2Frame m_rtp2frame;
+};
+
+}  // namespace Support
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_TESTS_SUPPORT_DEPACKETISER_H

@@ -1,0 +1,98 @@
+#ifndef VIDORA_TESTS_SUPPORT_FAKESTREAMSOURCE_H
+#define VIDORA_TESTS_SUPPORT_FAKESTREAMSOURCE_H
+
+#include <atomic>
+#include <string>
+#include <vector>
+
+#include "Vidora/Names.h"
+#include "Vidora/StreamSource.h"
+
+namespace Kavio {
+namespace Support {
+
+// CFakeStreamSource: a host source that a test drives by hand: it gives frames when Give is called, fails where it is
+// told to, and records the calls that it gets.
+//
+// THREADING  Calls of the library: any thread; the record is guarded. Give: one thread at a time.
+class CFakeStreamSource : public Vidora::CStreamSource {
+public:
+    // How the next source that the factory makes behaves.
+    struct Settings {
+        Vidora::src_type_t type = Vidora::SRC_TYPE_LIVE;
+        bool has_video = true;
+        bool has_audio = false;
+        Vidora::StreamVideoFormat video;
+        Vidora::StreamAudioFormat audio;
+        std::string specific_info;
+        bool tells_info = true;  // sends MSG_STREAM_INFO in Init
+        bool init_fails = false;
+        bool start_fails = false;
+        bool seek_fails = false;
+        bool null_source = false;  // the factory gives null
+        uint64_t length_us = 12500000;
+        Vidora::CTime begin = Vidora::CTime(1600000000);
+        Vidora::CTime end = Vidora::CTime(1600000012);
+    };
+
+    // H.264 video, as BuildFrame makes it.
+    static Settings LiveVideo();
+    // What the factory's next sources are like.
+    static void SetNext(const Settings& settings);
+    // A factory for CRtspSvrConfig.
+    static Vidora::CStreamSource* Factory(const char* content);
+    // The source that the factory made last, or null after it has gone.
+    static CFakeStreamSource* Last();
+    // Sources that live now.
+    static int LiveCount();
+
+    // Gives a frame to the receiver, as the host's thread; false if the source isn't started.
+    bool Give(const Flumen::CMediaFrame& frame);
+    // Sends a message to the receiver.
+    void Tell(unsigned int msg);
+    void SetVideo(const Vidora::StreamVideoFormat& format);
+    void SetPacketState(int state);
+
+    // The calls so far, in order: "Start", "Stop", "Pause", "Resume", "SetIFrame", "Seek 1600000003", ...
+    std::vector<std::string> Calls();
+    int CountCalls(const std::string& name);
+
+    int Init(long receiver_id, int ext) override;
+    Vidora::src_type_t GetSrcType() override { return m_settings.type; }
+    bool HasVideo() override { return m_settings.has_video; }
+    bool HasAudio() override { return m_settings.has_audio; }
+    void GetAudioFormat(Vidora::StreamAudioFormat& format) override { format = m_settings.audio; }
+    void GetVideoFormat(Vidora::StreamVideoFormat& format) override;
+    int GetVideoSpecificInfo(char* buf, int len) override;
+    int UpdataStreamInfo(long arg) override;
+    bool Start(frame_proc_t proc) override;
+    bool Stop(frame_proc_t proc) override;
+    bool Pause() override;
+    bool Resume() override;
+    bool SetSpeed(float speed) override;
+    bool SeekByTime(const Vidora::CTime& time) override;
+    bool GetTime(Vidora::CTime& time) override;
+    bool GetFileRange(Vidora::CTime& begin, Vidora::CTime& end) override;
+    bool GetFileRange(uint64_t& length_us) override;
+    void SetIFrame() override;
+    bool getPacketType(int& packet_state) override;
+    int handle_close(Vidora::CNetHandler* handler) override;
+
+private:
+    explicit CFakeStreamSource(const Settings& settings);
+    ~CFakeStreamSource() override;
+    void record(const std::string& call);
+
+    Settings m_settings;
+    long m_receiver_id = 0;
+    Vidora::CMutex m_mutex;       // guards the record and the video format
+    Vidora::CMutex m_give_mutex;  // held while a frame is given, so that Stop waits for it
+    frame_proc_t m_proc;
+    std::vector<std::string> m_calls;
+    std::atomic<int> m_packet_state{0};
+};
+
+}  // namespace Support
+}  // namespace Kavio
+
+#endif  // VIDORA_TESTS_SUPPORT_FAKESTREAMSOURCE_H

@@ -1,0 +1,112 @@
+#include "support/FrameBuilder.h"
+
+#include <ctime>
+
+#include "Vidora/Ostra/ByteWriter.h"
+
+namespace Kavio {
+namespace Support {
+
+namespace {
+
+const size_t HEADER_SIZE = 24;
+const size_t TRAILER_SIZE = 8;
+
+uint8_t type_byte(int letter) {
+    switch (letter) {
+        case 'I':
+            return 0xFD;
+        case 'J':
+            return 0xFB;
+        case 'P':
+            return 0xFC;
+        case 'B':
+            return 0xFE;
+        case 'A':
+            return 0xF0;
+        default:
+            return 0xF1;
+    }
+}
+
+std::string extensions(const FrameSpec& spec) {
+    uint8_t bytes[8] = {};
+    Ostra::CByteWriter writer(bytes, sizeof(bytes));
+    if (spec.type == 'I' || spec.type == 'J') {
+        writer.WriteU8(0x81);
+        writer.WriteU8(0);
+        writer.WriteU8(static_cast<uint8_t>(spec.encode_code));
+        writer.WriteU8(static_cast<uint8_t>(spec.frame_rate));
+        writer.WriteU8(0x80);
+        writer.WriteU8(0);
+        writer.WriteU8(static_cast<uint8_t>(spec.width / 8));
+        writer.WriteU8(static_cast<uint8_t>(spec.height / 8));
+    } else if (spec.type == 'A') {
+        writer.WriteU8(0x83);
+        writer.WriteU8(1);
+        writer.WriteU8(static_cast<uint8_t>(spec.encode_code));
+        writer.WriteU8(2);  // 8000 Hz
+    }
+    return std::string(reinterpret_cast<char*>(bytes), writer.Offset());
+}
+
+uint32_t packed_time(double utc) {
+    const time_t seconds = static_cast<time_t>(utc);
+    tm fields = {};
+    gmtime_r(&seconds, &fields);
+    return static_cast<uint32_t>((fields.tm_year - 100) << 26 | (fields.tm_mon + 1) << 22 | fields.tm_mday << 17 |
+                                 fields.tm_hour << 12 | fields.tm_min << 6 | fields.tm_sec);
+}
+
+}  // namespace
+
+Flumen::CMediaFrame BuildFrame(const FrameSpec& spec) {
+    const std::string ext = extensions(spec);
+    const size_t total = HEADER_SIZE + ext.size() + spec.payload.size() + TRAILER_SIZE;
+    Flumen::CMediaFrame frame(static_cast<unsigned int>(total));
+    Ostra::CByteWriter writer(frame.getBuffer(), total);
+    writer.WriteBytes("KXAV", 4);
+    writer.WriteU8(type_byte(spec.type));
+    writer.Fill(0, 3);
+    writer.WriteU32Le(spec.sequence);
+    writer.WriteU32Le(static_cast<uint32_t>(total));
+    writer.WriteU32Le(packed_time(spec.utc));
+    writer.WriteU16Le(static_cast<uint16_t>(spec.pts_ms));
+    writer.WriteU8(static_cast<uint8_t>(ext.size()));
+    uint8_t sum = 0;
+    for (size_t i = 0; i < HEADER_SIZE - 1; ++i) {
+        sum = static_cast<uint8_t>(sum + frame.getBuffer()[i]);
+    }
+    writer.WriteU8(sum);
+    writer.WriteBytes(ext.data(), ext.size());
+    writer.WriteBytes(spec.payload.data(), spec.payload.size());
+    writer.WriteBytes("kxav", 4);
+    writer.WriteU32Le(static_cast<uint32_t>(total));
+
+    frame.setType(spec.type);
+    frame.setSequence(static_cast<int>(spec.sequence));
+    frame.setPts(spec.pts_ms, Flumen::PTS_TYPE_MS);
+    frame.setUtc(spec.utc);
+    frame.setNewFormat(spec.new_format);
+    return frame;
+}
+
+std::string H264ParameterSets() {
+    // 64 x 48, baseline.
+    static const unsigned char bytes[] = {0,    0,    0,    1, 0x67, 0x42, 0xC0, 0x0A, 0xDA, 0x44, 0x36, 0xC0,
+                                          0x44, 0,    0,    3, 0,    4,    0,    0,    3,    0,    0xCA, 0x3C,
+                                          0x48, 0x99, 0x20, 0, 0,    0,    1,    0x68, 0xCE, 0x0F, 0xC8};
+    return std::string(reinterpret_cast<const char*>(bytes), sizeof(bytes));
+}
+
+std::string H264Picture(bool key, unsigned int size, uint8_t fill) {
+    std::string picture = key ? H264ParameterSets() : std::string();
+    picture.append("\0\0\0\1", 4);
+    picture.push_back(static_cast<char>(key ? 0x65 : 0x41));
+    picture.push_back(static_cast<char>(key ? 0x88 : 0x9A));  // first_mb_in_slice 0
+    picture.append(size, static_cast<char>(fill == 0 ? 1 : fill));
+    return picture;
+}
+
+}  // namespace Support
+}  // namespace Kavio

@@ -1,0 +1,37 @@
+#ifndef VIDORA_TESTS_SUPPORT_FRAMEBUILDER_H
+#define VIDORA_TESTS_SUPPORT_FRAMEBUILDER_H
+
+#include <cstdint>
+#include <string>
+
+#include "Vidora/Flumen/MediaFrame.h"
+
+namespace Kavio {
+namespace Support {
+
+// What a private frame is made of.
+struct FrameSpec {
+    int type = 'P';         // frame type letter
+    uint32_t sequence = 0;  // frame number in the header
+    uint64_t pts_ms = 0;
+    double utc = 1600000000.0;  // seconds
+    std::string payload;        // elementary stream
+    int encode_code = 2;        // video: 1 MPEG-4, 2 H.264, 5 JPEG; audio: 14 PCMA
+    int width = 64;             // pixels
+    int height = 48;
+    int frame_rate = 25;
+    int new_format = 0;
+};
+
+// A private frame in a media frame whose facts are set.
+Flumen::CMediaFrame BuildFrame(const FrameSpec& spec);
+
+// Elementary stream of one H.264 picture with `size` bytes in its slice; a key picture has its parameter sets first.
+std::string H264Picture(bool key, unsigned int size, uint8_t fill);
+// The parameter sets of H264Picture, each behind a start code.
+std::string H264ParameterSets();
+
+}  // namespace Support
+}  // namespace Kavio
+
+#endif  // VIDORA_TESTS_SUPPORT_FRAMEBUILDER_H

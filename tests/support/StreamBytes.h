@@ -1,0 +1,113 @@
+#ifndef VIDORA_TESTS_SUPPORT_STREAMBYTES_H
+#define VIDORA_TESTS_SUPPORT_STREAMBYTES_H
+
+#include <cstdint>
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+#include "Vidora/Ostra/Log.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace Support {
+
+typedef std::vector<uint8_t> Bytes;
+
+// Bytes of hexadecimal digits; blanks are skipped.
+inline Bytes FromHex(const std::string& text) {
+    Bytes bytes;
+    std::string digits;
+    for (const char c : text) {
+        if (c != ' ') {
+            digits += c;
+        }
+    }
+    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
+        bytes.push_back(static_cast<uint8_t>(std::strtoul(digits.substr(i, 2).c_str(), nullptr, 16)));
+    }
+    return bytes;
+}
+
+inline std::string ToHex(const Bytes& bytes) {
+    static const char DIGITS[] = "0123456789abcdef";
+    std::string text;
+    for (const uint8_t byte : bytes) {
+        text += DIGITS[byte >> 4];
+        text += DIGITS[byte & 15];
+    }
+    return text;
+}
+
+inline Bytes operator+(Bytes left, const Bytes& right) {
+    left.insert(left.end(), right.begin(), right.end());
+    return left;
+}
+
+// What the header of an RTP packet says, true or not.
+struct RtpSpec {
+    uint16_t sequence = 1;
+    uint32_t timestamp = 3600;
+    bool marker = false;
+    uint8_t payload_type = 96;
+    uint32_t ssrc = 0x11223344;
+    int csrc_count = 0;
+    int extension_words = -1;  // -1: no extension
+    int padding = 0;           // 0: no padding bit
+};
+
+inline Bytes MakeRtp(const RtpSpec& spec, const Bytes& payload) {
+    Bytes packet;
+    const auto put = [&packet](uint64_t value, int len) {
+        for (int shift = 8 * (len - 1); shift >= 0; shift -= 8) {
+            packet.push_back(static_cast<uint8_t>(value >> shift));
+        }
+    };
+    put(0x80u | (spec.padding > 0 ? 0x20u : 0) | (spec.extension_words >= 0 ? 0x10u : 0) |
+            static_cast<unsigned>(spec.csrc_count),
+        1);
+    put((spec.marker ? 0x80u : 0) | spec.payload_type, 1);
+    put(spec.sequence, 2);
+    put(spec.timestamp, 4);
+    put(spec.ssrc, 4);
+    packet.resize(packet.size() + 4 * static_cast<size_t>(spec.csrc_count), 0xCC);
+    if (spec.extension_words >= 0) {
+        put(0xBEDE, 2);
+        put(static_cast<uint64_t>(spec.extension_words), 2);
+        packet.resize(packet.size() + 4 * static_cast<size_t>(spec.extension_words), 0xEE);
+    }
+    packet = packet + payload;
+    if (spec.padding > 0) {
+        packet.resize(packet.size() + static_cast<size_t>(spec.padding) - 1, 0);
+        packet.push_back(static_cast<uint8_t>(spec.padding));
+    }
+    return packet;
+}
+
+// Collects the log while it lives.
+class LogText {
+public:
+    LogText() : m_level(Ostra::GetLogLevel()) {
+        Ostra::SetLogLevel(Ostra::LOG_LEVEL_TRACE);
+        Ostra::SetLogSink(&LogText::on_line, this);
+    }
+    ~LogText() {
+        Ostra::SetLogSink(nullptr, nullptr);
+        Ostra::SetLogLevel(m_level);
+    }
+    bool Has(const std::string& text) const { return m_text.find(text) != std::string::npos; }
+    const std::string& Text() const { return m_text; }
+
+private:
+    static void on_line(void* self, Ostra::log_level_t, const char* text, size_t length) {
+        static_cast<LogText*>(self)->m_text.append(text, length);
+    }
+    Ostra::log_level_t m_level;
+    std::string m_text;
+};
+
+}  // namespace Support
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_TESTS_SUPPORT_STREAMBYTES_H

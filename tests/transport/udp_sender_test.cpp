@@ -1,0 +1,259 @@
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <memory>
+#include <vector>
+
+#include "RtpUdpSender.h"
+#include "UdpSockPair.h"
+#include "Vidora/RtspSvrConfig.h"
+#include "Vidora/Types.h"
+#include "support/Capture.h"
+#include "support/TestHandler.h"
+#include "support/UdpPeer.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+using Support::CUdpPeer;
+
+const int TRACK_0 = 0x00000001;
+const int TRACK_1 = 0x01000001;
+
+class CTestPacket : public CMediaPacket {
+public:
+    explicit CTestPacket(std::string bytes) : m_bytes(std::move(bytes)) {}
+    unsigned char* GetData() override { return reinterpret_cast<unsigned char*>(&m_bytes[0]); }
+    int Size() const { return static_cast<int>(m_bytes.size()); }
+
+private:
+    std::string m_bytes;
+};
+
+std::string Interleaved(int channel, const std::string& bytes) {
+    std::string text = "$";
+    text += static_cast<char>(channel);
+    text += static_cast<char>(bytes.size() >> 8);
+    text += static_cast<char>(bytes.size());
+    return text + bytes;
+}
+
+CRtspSvrConfig RangeConfig(int min_port, int max_port) {
+    CRtspSvrConfig config;
+    const RtpPortRange range = {min_port, max_port};
+    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_RTP_PORT, &range, sizeof(range)));
+    return config;
+}
+
+int PutTo(CRtpUdpSender& sender, const std::string& bytes, int tag) {
+    CTestPacket packet(bytes);
+    return sender.Put(&packet, packet.Size(), 1, tag);
+}
+
+class UdpSender : public testing::Test {
+protected:
+    void Open(int media_num) {
+        m_sender.SetConfig(&m_config);
+        m_sender.Init(media_num);
+        m_sender.SetRemote(CSockAddrStorage("127.0.0.1", 0));
+    }
+
+    CRtspSvrConfig m_config = RangeConfig(31000, 31100);
+    CRtpUdpSender m_sender;
+};
+
+TEST_F(UdpSender, FindsTheLowestFreePairWhoeverHoldsTheOthers) {
+    Open(15);
+    int port = 0;
+    CRtspSvrConfig odd = RangeConfig(31201, 31300);
+    m_sender.SetConfig(&odd);
+    ASSERT_EQ(0, m_sender.OpenPair(&port, 4000, 0));
+    EXPECT_EQ(31202, port);  // an odd lower bound is rounded up
+
+    CUdpPeer foreign_rtcp(31205);  // another program has the upper port of the next pair
+    ASSERT_TRUE(foreign_rtcp.Bound());
+    CRtpUdpSender other;
+    other.SetConfig(&odd);
+    other.Init(1);
+    ASSERT_EQ(0, other.OpenPair(&port, 4000, 0));
+    EXPECT_EQ(31206, port);
+
+    auto third = std::make_unique<CRtpUdpSender>();
+    third->SetConfig(&odd);
+    third->Init(2);
+    ASSERT_EQ(0, third->OpenPair(&port, 4000, 0));
+    EXPECT_EQ(31208, port);
+    third.reset();  // gives its ports back
+    ASSERT_EQ(0, m_sender.OpenPair(&port, 4000, 2));
+    EXPECT_EQ(31208, port);
+}
+
+TEST_F(UdpSender, RefusesWhenTheRangeIsTakenAndRecoversWhenAPortIsFreed) {
+    Open(2);
+    CRtspSvrConfig one_pair = RangeConfig(31400, 31402);
+    m_sender.SetConfig(&one_pair);
+    int port = 0;
+    auto foreign = std::make_unique<CUdpPeer>(31400);
+    ASSERT_TRUE(foreign->Bound());
+    {
+        Support::CLogCapture log;
+        EXPECT_EQ(-1, m_sender.OpenPair(&port, 4000, 0));
+        EXPECT_EQ(1, log.Count("min_local_port:31400 max_local_port:31402  error"));
+    }
+    foreign.reset();
+    EXPECT_EQ(0, m_sender.OpenPair(&port, 4000, 0));
+    EXPECT_EQ(31400, port);
+    EXPECT_EQ(-1, m_sender.OpenPair(&port, 4000, 2));
+}
+
+TEST_F(UdpSender, AThousandPairsCostNoSearchBySystemCalls) {
+    CRtspSvrConfig wide = RangeConfig(33000, 36000);
+    std::vector<std::unique_ptr<CUdpSockPair>> pairs;
+    int port = 0;
+    for (int i = 0; i < 1000; ++i) {
+        pairs.push_back(std::make_unique<CUdpSockPair>());
+        ASSERT_EQ(0, pairs.back()->OpenInRange(33000, 36000, 1, &port));
+        ASSERT_LE(33000 + 2 * i, port);
+    }
+    pairs[10].reset();
+    CUdpSockPair again;
+    ASSERT_EQ(0, again.OpenInRange(33000, 36000, 1, &port));
+    EXPECT_GT(33100, port);  // the freed one, not the one behind the last
+}
+
+TEST_F(UdpSender, SendsEachPacketOfAMergedFrameToItsTracksPort) {
+    Open(2);
+    CUdpPeer video, audio, audio_rtcp;
+    int port = 0;
+    ASSERT_EQ(0, m_sender.OpenPair(&port, video.Port(), 0));
+    int audio_port = 0;
+    ASSERT_EQ(0, m_sender.OpenPair(&audio_port, audio.Port(), 2));
+    ASSERT_EQ(-1, m_sender.OpenPair(&port, 4000, 4));  // no room
+
+    const std::string frame =
+        Interleaved(0, std::string(1400, 'a')) + Interleaved(0, std::string(1400, 'b')) + Interleaved(0, "end");
+    EXPECT_EQ(static_cast<int>(frame.size()), PutTo(m_sender, frame, TRACK_0));
+    EXPECT_EQ(std::string(1400, 'a'), video.Recv());
+    EXPECT_EQ(std::string(1400, 'b'), video.Recv());
+    EXPECT_EQ("end", video.Recv());
+    EXPECT_EQ(17, PutTo(m_sender, Interleaved(2, "audio packet!"), TRACK_1));
+    int from = 0;
+    EXPECT_EQ("audio packet!", audio.Recv(5000, &from));
+    EXPECT_EQ(audio_port, from);
+
+    // A channel that no socket has, packets that are cut, and no packet at all.
+    EXPECT_EQ(-1, PutTo(m_sender, Interleaved(9, "x"), TRACK_0));
+    EXPECT_EQ(-1, PutTo(m_sender, std::string("$\0\0\x20short", 9), TRACK_0));
+    EXPECT_EQ(-1, PutTo(m_sender, "$", TRACK_0));
+    EXPECT_EQ(-1, m_sender.Put(nullptr, 10, 1, TRACK_0));
+
+    // The room is taken, so the track that has the channel already is opened anew.
+    CUdpPeer moved;
+    ASSERT_EQ(0, m_sender.OpenPair(&port, moved.Port(), 0));
+    PutTo(m_sender, Interleaved(0, "moved"), TRACK_0);
+    EXPECT_EQ("moved", moved.Recv());
+}
+
+TEST_F(UdpSender, TrackMaskDropsSilently) {
+    Open(1);
+    CUdpPeer peer;
+    int port = 0;
+    ASSERT_EQ(0, m_sender.OpenPair(&port, peer.Port(), 0));
+    const struct {
+        void (*change)(CRtpUdpSender&);
+        int sent_0;
+        int sent_1;
+    } rows[] = {
+        {[](CRtpUdpSender&) {}, 5, 5},
+        {[](CRtpUdpSender& s) { s.EnableTrack(1); }, 0, 5},  // the first one leaves only its own on
+        {[](CRtpUdpSender& s) { s.EnableTrack(0); }, 5, 5},
+        {[](CRtpUdpSender& s) { s.DisableTrack(0); }, 0, 5},
+        {[](CRtpUdpSender& s) { s.EnableTrack(-1); }, 5, 5},
+    };
+    for (const auto& row : rows) {
+        row.change(m_sender);
+        EXPECT_EQ(row.sent_0, PutTo(m_sender, Interleaved(0, "x"), TRACK_0));
+        EXPECT_EQ(row.sent_1, PutTo(m_sender, Interleaved(0, "x"), TRACK_1));
+    }
+    EXPECT_EQ(0, PutTo(m_sender, Interleaved(0, "x"), 0x1f000001));  // no such track
+    Support::CAssertCapture asserts;
+    m_sender.DisableTrack(8);
+    m_sender.Init(16);
+    EXPECT_EQ((std::vector<std::string>{"channel <= 7 && channel >= 0", "media_num < 16"}), asserts.Texts());
+}
+
+TEST_F(UdpSender, ReportsRepeatedFailuresOnceASecond) {
+    Open(1);
+    int port = 0;
+    ASSERT_EQ(0, m_sender.OpenPair(&port, 4000, 0));
+    Support::CLogCapture log;
+    for (int i = 0; i < 50; ++i) {
+        EXPECT_EQ(-1, PutTo(m_sender, std::string("$\0\x10\0cut", 7), TRACK_0));
+    }
+    EXPECT_EQ(1, log.Count("udp send failed "));
+}
+
+TEST_F(UdpSender, SendsRawBytesOnTheSocketOfTheChannel) {
+    Open(1);
+    std::unique_ptr<CUdpPeer> rtp, rtcp;
+    do {  // two ports in a row
+        rtp = std::make_unique<CUdpPeer>();
+        rtcp = std::make_unique<CUdpPeer>(rtp->Port() + 1);
+    } while (!rtcp->Bound());
+    int port = 0;
+    ASSERT_EQ(0, m_sender.OpenPair(&port, rtp->Port(), 0));
+    int from = 0;
+    EXPECT_EQ(6, m_sender.SendRaw("report", 6, 1));
+    EXPECT_EQ("report", rtcp->Recv(5000, &from));
+    EXPECT_EQ(port + 1, from);
+    EXPECT_EQ(5, m_sender.SendRaw("media", 5, 0));
+    EXPECT_EQ("media", rtp->Recv());
+    EXPECT_EQ(-1, m_sender.SendRaw("x", 1, 7));
+}
+
+TEST_F(UdpSender, KeeperReportsOneSilentIntervalOfAnyTrackOnce) {
+    Support::CPool pool;
+    std::atomic<int> lapses{0};
+    Support::CTestHandler listener;
+    listener.on_message = [&](long, unsigned int msg, long) {
+        lapses += msg == MSG_KEEPALIVE_TIMEOUT ? 1 : 100;
+        return 0;
+    };
+    Open(2);
+    CUdpPeer first, second;
+    int port = 0, quiet_port = 0;
+    // The peer's RTCP comes from the port that the sender is connected to.
+    ASSERT_EQ(0, m_sender.OpenPair(&port, first.Port() - 1, 0));
+    ASSERT_EQ(0, m_sender.OpenPair(&quiet_port, second.Port() - 1, 2));
+    ASSERT_EQ(0, m_sender.StartKeepAlive(listener.GetID(), 1));
+    const auto begin = std::chrono::steady_clock::now();
+    Support::CLogCapture log;
+    const auto elapsed = [&] {
+        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    };
+    bool second_speaks = true;
+    while (lapses == 0 && elapsed() < 10) {
+        first.Send("report", port + 1);
+        if (elapsed() > 1.5) {
+            second_speaks = false;
+        }
+        if (second_speaks) {
+            second.Send("report", quiet_port + 1);
+        }
+        usleep(100000);
+    }
+    EXPECT_LT(2.0, elapsed());  // 1.5 seconds with signs of life, and one without
+    EXPECT_EQ(1, lapses);
+    EXPECT_EQ(1, log.Count("Keep-alive failed! timeout: 1 s "));
+    usleep(1300000);
+    EXPECT_EQ(1, lapses);  // the watch has ended
+
+    ASSERT_EQ(0, m_sender.StartKeepAlive(listener.GetID(), 0));
+    usleep(100000);
+    EXPECT_EQ(1, lapses);
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio

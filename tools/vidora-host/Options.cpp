@@ -1,0 +1,163 @@
+#include "Options.h"
+
+#include <CLI/CLI.hpp>
+
+namespace {
+
+// Splits at the last `separator`; false if a side is empty.
+bool split_last(const std::string& text, char separator, std::string& left, std::string& right) {
+    const size_t at = text.rfind(separator);
+    if (at == std::string::npos || at == 0 || at + 1 == text.size()) {
+        return false;
+    }
+    left = text.substr(0, at);
+    right = text.substr(at + 1);
+    return true;
+}
+
+bool parse_port(const std::string& text, unsigned short& port) {
+    int value = 0;
+    if (!CLI::detail::lexical_cast(text, value) || value < 1 || value > 65535) {
+        return false;
+    }
+    port = static_cast<unsigned short>(value);
+    return true;
+}
+
+std::string strip_brackets(const std::string& ip) {
+    return ip.size() > 1 && ip.front() == '[' && ip.back() == ']' ? ip.substr(1, ip.size() - 2) : ip;
+}
+
+ListenOption parse_listen(const std::string& text) {
+    ListenOption option;
+    std::string ip;
+    std::string port;
+    if (!split_last(text, ':', ip, port) || !parse_port(port, option.port)) {
+        throw CLI::ValidationError("--listen", "wants ADDR:PORT, not " + text);
+    }
+    option.ip = strip_brackets(ip);
+    return option;
+}
+
+// The last "=" separates, since a content may hold several.
+LiveOption parse_live(const std::string& text) {
+    LiveOption option;
+    std::string files;
+    if (!split_last(text, '=', option.content, files)) {
+        throw CLI::ValidationError("--live", "wants CONTENT=FILE[,AUDIOFILE], not " + text);
+    }
+    if (!split_last(files, ',', option.video_file, option.audio_file)) {
+        option.video_file = files;
+    }
+    return option;
+}
+
+MulticastOption parse_multicast(const std::string& text) {
+    MulticastOption option;
+    std::string target;
+    std::string kind;
+    std::string port;
+    if (!split_last(text, '=', option.content, target)) {
+        throw CLI::ValidationError("--multicast", "wants CONTENT=GROUP:PORT[,rtp|ts], not " + text);
+    }
+    std::string address = target;
+    if (split_last(target, ',', address, kind) && kind != "rtp" && kind != "ts") {
+        throw CLI::ValidationError("--multicast", "knows rtp and ts, not " + kind);
+    }
+    option.is_ts = kind == "ts";
+    if (!split_last(address, ':', option.group, port) || !parse_port(port, option.port)) {
+        throw CLI::ValidationError("--multicast", "wants GROUP:PORT, not " + address);
+    }
+    option.group = strip_brackets(option.group);
+    return option;
+}
+
+UserOption parse_user(const std::string& text) {
+    UserOption option;
+    const size_t colon = text.find(':');
+    if (colon == std::string::npos || colon == 0) {
+        throw CLI::ValidationError("--user", "wants NAME:PASSWORD");
+    }
+    option.name = text.substr(0, colon);
+    option.password = text.substr(colon + 1);
+    return option;
+}
+
+void parse_ports(const std::string& text, Options& options) {
+    std::string low;
+    std::string high;
+    unsigned short min_port = 0;
+    unsigned short max_port = 0;
+    if (!split_last(text, '-', low, high) || !parse_port(low, min_port) || !parse_port(high, max_port) ||
+        min_port >= max_port) {
+        throw CLI::ValidationError("--rtp-ports", "wants MIN-MAX with MIN below MAX, not " + text);
+    }
+    options.min_rtp_port = min_port;
+    options.max_rtp_port = max_port;
+}
+
+}  // namespace
+
+bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
+    CLI::App app("vidora-host: publishes files as live RTSP streams and serves recordings.", "vidora-host");
+    std::vector<std::string> listen;
+    std::vector<std::string> live;
+    std::vector<std::string> multicast;
+    std::vector<std::string> users;
+    std::string ports;
+    app.add_option("--listen", listen, "ADDR:PORT to listen on, repeatable (default [::]:8554)")
+        ->allow_extra_args(false);
+    app.add_option("--threads", options.threads, "threads of the reactor")->check(CLI::Range(1, 256));
+    app.add_option("--timeout", options.timeout_sec, "seconds of silence after which a session ends, 0 for never")
+        ->check(CLI::Range(0, 86400));
+    app.add_option("--rtp-ports", ports, "MIN-MAX, local ports for UDP media (default 20000-40000)");
+    app.add_option("--dscp", options.dscp, "DSCP value of UDP media, 0 for none")->check(CLI::Range(0, 63));
+    app.add_option("--live", live,
+                   "CONTENT=FILE[,AUDIOFILE], repeatable: FILE (.h264 .m4v .mjpeg .kav) with AUDIOFILE (.alaw .ulaw "
+                   ".mp2) in a loop in real time")
+        ->allow_extra_args(false);
+    app.add_option("--fps", options.fps, "frame rate of .h264, .m4v and .mjpeg files")->check(CLI::Range(0.1, 240.0));
+    app.add_option("--recordings", options.recordings, "folder of NAME.kav files to serve")
+        ->check(CLI::ExistingDirectory);
+    app.add_option("--user", users, "NAME:PASSWORD, repeatable: asks every client for Digest or Basic authentication")
+        ->allow_extra_args(false);
+    app.add_option("--realm", options.realm, "realm of the authentication");
+    app.add_option("--nonce-lifetime", options.nonce_sec, "seconds that a nonce is good for")
+        ->check(CLI::Range(1, 86400));
+    app.add_option("--multicast", multicast, "CONTENT=GROUP:PORT[,rtp|ts], repeatable: sends a live stream to a group")
+        ->allow_extra_args(false);
+    app.add_option("--multicast-if", options.multicast_if, "address of the interface that multicast leaves by");
+    app.add_option("--stats", options.stats_sec, "prints figures every SECONDS")->check(CLI::Range(0, 86400));
+    app.add_flag("--json", options.json, "prints figures and events as JSON");
+    app.add_option("--log", options.log_level, "error, warn, info, debug or trace")
+        ->check(CLI::IsMember({"error", "warn", "info", "debug", "trace"}));
+    app.add_option("--make-kav", options.make_kav, "writes the stream of the one --live option to this file and ends");
+    try {
+        app.parse(argc, argv);
+        for (const std::string& text : listen) {
+            options.listen.push_back(parse_listen(text));
+        }
+        for (const std::string& text : live) {
+            options.live.push_back(parse_live(text));
+        }
+        for (const std::string& text : multicast) {
+            options.multicast.push_back(parse_multicast(text));
+        }
+        for (const std::string& text : users) {
+            options.users.push_back(parse_user(text));
+        }
+        if (!ports.empty()) {
+            parse_ports(ports, options);
+        }
+        if (!options.make_kav.empty() && options.live.size() != 1) {
+            throw CLI::ValidationError("--make-kav", "wants exactly one --live");
+        }
+    } catch (const CLI::ParseError& error) {
+        exit_code = app.exit(error);
+        return false;
+    }
+    if (options.listen.empty()) {
+        options.listen.push_back(ListenOption{"::", 8554});
+    }
+    return true;
+}

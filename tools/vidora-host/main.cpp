@@ -1,0 +1,244 @@
+// vidora-host: publishes files as live RTSP streams and serves recordings, on the library's exported headers only.
+#include <csignal>
+#include <cstdio>
+#include <cstring>
+#include <ctime>
+#include <string>
+#include <vector>
+
+#include "Catalog.h"
+#include "Credentials.h"
+#include "Monitor.h"
+#include "Options.h"
+#include "Vidora/Vidora.h"
+
+using namespace Kavio::Vidora;
+
+namespace {
+
+// What the library's callbacks, which are plain functions, need.
+const Catalog* g_catalog = nullptr;
+const Credentials* g_credentials = nullptr;
+Monitor* g_monitor = nullptr;
+
+CStreamSource* make_source(const char* content) {
+    return g_catalog->MakeSource(content);
+}
+IAuthModule* make_auth_module(rtsp_auth_t) {
+    return new (std::nothrow) AuthModule(*g_credentials);
+}
+void on_event(event_type_t event, void* data, int length) {
+    g_monitor->Event(event, data, length);
+}
+
+void set_log_level(const std::string& name) {
+    static const struct {
+        const char* name;
+        Kavio::Ostra::log_level_t level;
+    } levels[] = {{"error", Kavio::Ostra::LOG_LEVEL_ERROR},
+                  {"warn", Kavio::Ostra::LOG_LEVEL_WARN},
+                  {"info", Kavio::Ostra::LOG_LEVEL_INFO},
+                  {"debug", Kavio::Ostra::LOG_LEVEL_DEBUG},
+                  {"trace", Kavio::Ostra::LOG_LEVEL_TRACE}};
+    for (const auto& row : levels) {
+        if (name == row.name) {
+            Kavio::Ostra::SetLogLevel(row.level);
+        }
+    }
+}
+
+void fill_config(const Options& options, CRtspSvrConfig& config) {
+    const RtpPortRange ports = {options.min_rtp_port, options.max_rtp_port};
+    const rtsp_auth_t auth_type = options.users.empty() ? 0 : 1;
+    config.SetConfig(RTSP_SVR_CONFIG_RTP_PORT, &ports, sizeof(ports));
+    config.SetConfig(RTSP_SVR_CONFIG_TIMEOUT, &options.timeout_sec, sizeof(options.timeout_sec));
+    config.SetConfig(RTSP_SVR_CONFIG_DSCP, &options.dscp, sizeof(options.dscp));
+    config.SetConfig(RTSP_SVR_CONFIG_AUTH_TYPE, &auth_type, sizeof(auth_type));
+    config.SetConfig(RTSP_SVR_CONFIG_HTTP_AUTH_TYPE, &auth_type, sizeof(auth_type));
+    config.SetConfig(RTSP_SVR_CONFIG_SRC_FUNC, reinterpret_cast<const void*>(&make_source), sizeof(&make_source));
+    config.SetConfig(RTSP_SVR_CONFIG_AUTH_FUNC, reinterpret_cast<const void*>(&make_auth_module),
+                     sizeof(&make_auth_module));
+    config.SetConfig(RTSP_SVR_CONFIG_EVENT_FUNC, reinterpret_cast<const void*>(&on_event), sizeof(&on_event));
+}
+
+const MulticastOption* find_multicast(const Options& options, const std::string& content) {
+    for (const MulticastOption& multicast : options.multicast) {
+        if (multicast.content == content) {
+            return &multicast;
+        }
+    }
+    return nullptr;
+}
+
+// Everything that is open, closed in order by the destructor.
+class Host {
+public:
+    ~Host() {
+        for (CRtspSvr* server : m_servers) {
+            server->Close();
+        }
+        if (m_live_svr != nullptr) {
+            m_live_svr->Close();
+        }
+        CNetThread::DestroyThreadPool();
+    }
+
+    bool Open(const Options& options, std::string& error) {
+        if (CNetThread::CreateThreadPool(static_cast<unsigned int>(options.threads), false) < 0) {
+            error = "the threads cannot be started";
+            return false;
+        }
+        fill_config(options, m_config);
+        m_live_svr = CLiveSvr::Create(0);
+        if (m_live_svr == nullptr) {
+            error = "not enough memory";
+            return false;
+        }
+        for (const LiveOption& live : options.live) {
+            if (!publish(options, live.content, error)) {
+                return false;
+            }
+        }
+        for (const ListenOption& listen : options.listen) {
+            if (!open_server(listen, error)) {
+                return false;
+            }
+        }
+        return true;
+    }
+
+private:
+    bool publish(const Options& options, const std::string& content, std::string& error) {
+        const MulticastOption* multicast = find_multicast(options, content);
+        error = content + ": cannot be published";
+        CDataSource* source = CDataSource::Create(content.c_str());
+        if (source == nullptr) {
+            error = content + ": a live content reads NAME?...&subtype=N or cam/realmonitor?channel=N&subtype=N";
+            return false;
+        }
+        source->SetConfig(m_config);
+        CLiveChannel* channel = CLiveChannel::Create();
+        if (channel == nullptr || source->Init(m_live_svr->GetID(), 0) < 0) {
+            source->Close();
+            if (channel != nullptr) {
+                channel->Close();
+            }
+            return false;
+        }
+        channel->SetConfig(m_config);
+        channel->Init(content.c_str(), m_live_svr->GetID(),
+                      multicast != nullptr && multicast->is_ts ? TRANSF_TYPE_TS : TRANSF_TYPE_RTP);
+        channel->AddDataSrc(source, 0);
+        if (m_live_svr->AddLiveChannel(content.c_str(), channel, source) < 0) {
+            return false;
+        }
+        return multicast == nullptr || send_to_group(options, *multicast, *channel, error);
+    }
+
+    bool send_to_group(const Options& options, const MulticastOption& multicast, CLiveChannel& channel,
+                       std::string& error) {
+        CSockAddrStorage group(multicast.group.c_str(), multicast.port);
+        const char* local_ip = options.multicast_if.empty() ? nullptr : options.multicast_if.c_str();
+        if (!group.IsValid() || !group.IsMulticast()) {
+            error = multicast.group + ": is no multicast group";
+            return false;
+        }
+        // The destinations follow the tracks of the SDP, which the source's first message brings.
+        for (int i = 0; i < 100 && !IsDescribed(channel); ++i) {
+            CThread::sleep(20);
+        }
+        if (channel.AddTransfDst(group, local_ip) < 0) {
+            error = multicast.group + ": cannot be sent to";
+            return false;
+        }
+        channel.SetUnicast(false);
+        return multicast.is_ts || channel.StartStreaming(PACKET_TYPE_RTP) == 0;
+    }
+
+    static bool IsDescribed(CLiveChannel& channel) { return channel.GetTcpChannel(1) >= 0 && channel.GetSSRC(1) != 0; }
+
+    bool open_server(const ListenOption& listen, std::string& error) {
+        CSockAddrStorage address(listen.ip.c_str(), listen.port);
+        CRtspSvr* server = CRtspSvr::Create(address);
+        if (server == nullptr) {
+            error =
+                listen.ip + " port " + std::to_string(listen.port) + ": cannot be listened on: " + std::strerror(errno);
+            return false;
+        }
+        server->SetLiveSvr(m_live_svr);
+        server->SetConfig(m_config);
+        m_servers.push_back(server);
+        return true;
+    }
+
+    CRtspSvrConfig m_config;
+    CLiveSvr* m_live_svr = nullptr;
+    std::vector<CRtspSvr*> m_servers;
+};
+
+sigset_t block_signals() {
+    sigset_t signals;
+    sigemptyset(&signals);
+    sigaddset(&signals, SIGINT);
+    sigaddset(&signals, SIGTERM);
+    pthread_sigmask(SIG_BLOCK, &signals, nullptr);
+    return signals;
+}
+
+// Until SIGINT or SIGTERM comes.
+void wait_for_end(const sigset_t& signals, int stats_sec, Monitor& monitor) {
+    if (stats_sec <= 0) {
+        sigwaitinfo(&signals, nullptr);
+        return;
+    }
+    const timespec period = {stats_sec, 0};
+    while (sigtimedwait(&signals, nullptr, &period) < 0) {
+        monitor.PrintFigures(stats_sec);
+    }
+}
+
+int fail(const std::string& error) {
+    std::fprintf(stderr, "vidora-host: %s\n", error.c_str());
+    return 1;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    Options options;
+    int exit_code = 0;
+    if (!ParseOptions(argc, argv, options, exit_code)) {
+        return exit_code;
+    }
+    set_log_level(options.log_level);
+    std::string error;
+    Catalog catalog;
+    if (!catalog.Load(options, error)) {
+        return fail(error);
+    }
+    if (!options.make_kav.empty()) {
+        return catalog.WriteKav(options.live.front().content, options.make_kav, error) ? 0 : fail(error);
+    }
+    Credentials credentials;
+    credentials.Set(options.users, options.realm, options.nonce_sec);
+    Monitor monitor(options.json);
+    g_catalog = &catalog;
+    g_credentials = &credentials;
+    g_monitor = &monitor;
+
+    // Blocked before any thread starts, so that only the wait below sees them.
+    const sigset_t signals = block_signals();
+    {
+        Host host;
+        if (!host.Open(options, error)) {
+            return fail(error);
+        }
+        for (const ListenOption& listen : options.listen) {
+            const bool is_ipv6 = listen.ip.find(':') != std::string::npos;
+            std::printf(is_ipv6 ? "listening on [%s]:%d\n" : "listening on %s:%d\n", listen.ip.c_str(), listen.port);
+        }
+        std::fflush(stdout);
+        wait_for_end(signals, options.stats_sec, monitor);
+    }
+    return 0;
+}
