@@ -102,6 +102,7 @@ protected:
     bool m_onvif_user_global = false;
     bool m_send_rtcp = false;  // set by the derived class
     int m_recv_len = 0;
+    std::atomic<unsigned int>* m_live_count = nullptr;  // the derived class's count of its objects, or null
 
     void give_address_event(event_type_t event);
 

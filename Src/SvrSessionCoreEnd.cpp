@@ -57,6 +57,9 @@ CSvrSessionCore::~CSvrSessionCore() {
     // A session without a data source has reported this already when it began to end.
     give_address_event(EVENT_CLIENT_DISCONNECTED);
     logInfo("%s %s this:%p\n", __FILE__, "Vidora::CSvrSessionCore::~CSvrSessionCore", static_cast<void*>(this));
+    if (m_live_count != nullptr) {
+        --*m_live_count;
+    }
 }
 
 // Nothing in the library reads a parameter's body; the request counts as a sign of life.

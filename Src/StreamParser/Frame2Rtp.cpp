@@ -24,6 +24,10 @@ constexpr uint16_t JPEG_EXTENSION_WORDS = 4;
 // Every byte of a frame must be countable, headers included, in the int that the interface gives.
 constexpr unsigned int MAX_FRAME_LEN = INT_MAX / 2;
 
+constexpr uint32_t word_of(uint8_t first, uint8_t second, uint16_t rest) {
+    return uint32_t{first} << 24 | uint32_t{second} << 16 | rest;
+}
+
 }  // namespace
 
 int CFrame2Rtp::PutFrame(const unsigned char* data, unsigned int len, int enc_type, uint64_t pts, uint8_t extra) {
@@ -79,42 +83,33 @@ int CFrame2Rtp::GetPacketSize() {
     return m_current == nullptr ? 0 : RTP_HEADER_LEN + static_cast<int>(m_current->Size());
 }
 
-//  0                   1                   2                   3
-//  |V=2|P|X|  CC   |M|     PT      |       sequence number         |
-//  |                           timestamp                           |
-//  |                             SSRC                              |     RFC 3550 5.1
 int CFrame2Rtp::GetPacket(unsigned char* buffer, unsigned int capacity) {
-    if (buffer == nullptr || m_current == nullptr || m_index < 0 || m_index >= m_count) {
+    if (buffer == nullptr || m_current == nullptr || capacity < packet_len()) {
         return 0;
     }
-    CByteWriter writer(buffer, capacity);
-    write_header(writer);
-    if (GetExtensionSize() > 0) {
-        write_extension(writer);
-    }
-    m_current->Write(writer);
-    if (!writer.Ok()) {
-        return 0;
-    }
-    const int size = static_cast<int>(writer.Offset());
-    if (IsPrinted(PRINT_OUTPUT)) {
-        R3Printf("Output RTP: ssrc[%08x] pt[%d] m[%d] seq[%04x] ts[%08x] len = %d\n", m_ssrc, m_payload_type & 0x7F,
-                 m_index == m_count - 1 ? 1 : 0, m_sequence, timestamp(), size);
-    }
-    ++m_sequence;
-    return size;
+    const uint32_t len = packet_len();
+    return write_packet(buffer, len, nullptr) ? static_cast<int>(len) : 0;
 }
 
-void CFrame2Rtp::write_header(CByteWriter& writer) const {
-    const bool last = m_index == m_count - 1;
-    writer.WriteU8(GetExtensionSize() > 0 ? RTP_VERSION_2 | RTP_EXTENSION_BIT : RTP_VERSION_2);
-    writer.WriteU8(static_cast<uint8_t>((m_payload_type & 0x7F) | (last ? RTP_MARKER : 0)));
-    writer.WriteU16(m_sequence);
-    writer.WriteU32(timestamp());
-    writer.WriteU32(m_ssrc);
+bool CFrame2Rtp::GetFrame(CByteWriter& writer, const uint8_t* interleave) {
+    const uint32_t header_len = interleave != nullptr ? RTP_TCP_HEADER_LEN : 0;
+    for (; m_current != nullptr; CFrame2Rtp::NextPacket()) {
+        const uint32_t len = header_len + packet_len();
+        unsigned char* place = writer.Reserve(len);
+        if (place == nullptr || !write_packet(place, len, interleave)) {
+            return false;
+        }
+    }
+    return true;
 }
 
-void CFrame2Rtp::write_extension(CByteWriter& writer) const {
+// The current packet with all its headers but the interleave header.
+inline uint32_t CFrame2Rtp::packet_len() const {
+    return RTP_HEADER_LEN + GetExtensionSize() + m_current->Size();
+}
+
+// The extension of RFC 3550 5.3.1, as it was given; of a JPEG picture with a word more.
+inline void CFrame2Rtp::write_extension(CByteWriter& writer) const {
     const size_t start = writer.Offset();
     writer.WriteBytes(m_extension, sizeof(m_extension));
     if (m_enc_type == ENC_TYPE_JPEG) {
@@ -122,6 +117,43 @@ void CFrame2Rtp::write_extension(CByteWriter& writer) const {
         writer.WriteU16(0xFFD8);
         writer.WriteU16(0x0002);
     }
+}
+
+// Writes the current packet, behind its interleave header if there is one, into exactly its room. The writer is the
+// function's own and all that it calls is inline, so that it lives in registers.
+//
+//  |      '$'      |    channel    |            length             |     RFC 2326 10.12
+//  |V=2|P|X|  CC   |M|     PT      |       sequence number         |
+//  |                           timestamp                           |
+//  |                             SSRC                              |     RFC 3550 5.1
+bool CFrame2Rtp::write_packet(unsigned char* place, uint32_t len, const uint8_t* interleave) {
+    CByteWriter writer(place, len);
+    const bool last = m_index == m_count - 1;
+    const bool extended = GetExtensionSize() > 0;
+    if (interleave != nullptr) {
+        writer.WriteU32(word_of(interleave[0], interleave[1], static_cast<uint16_t>(len - RTP_TCP_HEADER_LEN)));
+    }
+    writer.WriteU32(word_of(extended ? RTP_VERSION_2 | RTP_EXTENSION_BIT : RTP_VERSION_2,
+                            static_cast<uint8_t>((m_payload_type & 0x7F) | (last ? RTP_MARKER : 0)), m_sequence));
+    writer.WriteU32(timestamp());
+    writer.WriteU32(m_ssrc);
+    if (extended) {
+        write_extension(writer);
+    }
+    m_current->Write(writer);
+    if (!writer.Ok()) {
+        return false;
+    }
+    if (IsPrinted(PRINT_OUTPUT)) {
+        print_packet(static_cast<int>(interleave != nullptr ? len - RTP_TCP_HEADER_LEN : len));
+    }
+    ++m_sequence;
+    return true;
+}
+
+void CFrame2Rtp::print_packet(int size) const {
+    R3Printf("Output RTP: ssrc[%08x] pt[%d] m[%d] seq[%04x] ts[%08x] len = %d\n", m_ssrc, m_payload_type & 0x7F,
+             m_index == m_count - 1 ? 1 : 0, m_sequence, timestamp(), size);
 }
 
 unsigned int CFrame2Rtp::GetExtensionSize() const {

@@ -264,13 +264,13 @@ TEST_F(Lifecycle, TimeOutsAndReports) {
         server_rtcp = atoi(reply.head.c_str() + reply.head.find("server_port=") + 12) + 1;
         ASSERT_EQ(200, client->Ask("PLAY", Url()).status);
     }
-    EXPECT_TRUE(idle.Closed(2500));  // control silence alone, before PLAY
-    EXPECT_EQ(1, log.Count("Rtsp Server Session timeout, this:"));
-    EXPECT_TRUE(udp.Closed(2500));  // control and RTCP silence
-    for (int i = 0; i < 25; ++i) {  // signs of life on RTCP alone
+    for (int i = 0; i < 30; ++i) {  // signs of life on RTCP alone
         rtcp.Send("report", server_rtcp);
         usleep(100000);
     }
+    EXPECT_TRUE(idle.Closed(1));  // control silence alone, before PLAY
+    EXPECT_LE(2, log.Count("Rtsp Server Session timeout, this:") + log.Count("Keep-alive failed! timeout: 1 s "));
+    EXPECT_TRUE(udp.Closed(1));  // control and RTCP silence
     EXPECT_FALSE(udp_reports.Closed(1));
     EXPECT_TRUE(udp_reports.Closed(2500));
 

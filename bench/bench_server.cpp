@@ -1,0 +1,307 @@
+// Load on the live server, beside a bare loop that does the same work in the same run. README.md says how it measures.
+//
+//   bench_server VIDORA_HOST [--clients N] [--tcp | --udp] [--slices K] [--threads T] [--clip FILE.h264]
+
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "support/BareServer.h"
+#include "support/Drain.h"
+#include "support/LoadClient.h"
+#include "support/Process.h"
+
+namespace {
+
+const char CONTENT[] = "cam/realmonitor?channel=1&subtype=0";
+const size_t CLIP_FRAMES = 100;
+const uint16_t SERVER_UDP_BASE = 42000;  // of the clients' ports
+const uint16_t BARE_UDP_BASE = 50000;
+const unsigned int MANY_SESSIONS = 1000;  // from there on the set-up is repeated
+const int SETUP_ROUNDS = 5;
+// A host that was halted for longer than two seconds goes on from where it is instead of catching up.
+const std::chrono::milliseconds SLICE(2200);
+
+struct Options {
+    std::string host;
+    std::string clip;
+    std::vector<unsigned int> clients = {10, 100, 500, 1000};
+    bool tcp = true;
+    bool udp = true;
+    int slices = 4;
+    int threads = 0;  // the host's own choice
+};
+
+// The server or the bare loop, with its own clients: one of both runs, the other one is halted.
+struct Side {
+    pid_t process = -1;
+    uint16_t port = 0;
+    std::unique_ptr<Bench::CLoadClient> client;
+    std::vector<double> setup_s;
+    std::vector<double> cost;  // processor seconds a Gbit of each slice
+    uint64_t cpu_ns = 0;
+    uint64_t bytes = 0;
+    double seconds = 0;
+
+    void Stop() const { Bench::Halt(process); }
+    void Go() const { Bench::Resume(process); }
+};
+
+struct Row {
+    unsigned int clients;
+    bool udp;
+    uint64_t resident_before = 0;
+    uint64_t resident_after = 0;
+};
+
+double median(std::vector<double> values) {
+    std::sort(values.begin(), values.end());
+    return values.empty() ? 0.0 : values[values.size() / 2];
+}
+
+void make_clip(const std::string& path) {
+    if (::access(path.c_str(), R_OK) == 0) {
+        return;
+    }
+    std::printf("making %s\n", path.c_str());
+    const std::string source = "testsrc=size=1280x720:rate=25:duration=4,noise=alls=24:allf=t";
+    Bench::CProgram ffmpeg({"ffmpeg",
+                            "-nostdin",
+                            "-y",
+                            "-loglevel",
+                            "error",
+                            "-f",
+                            "lavfi",
+                            "-i",
+                            source,
+                            "-pix_fmt",
+                            "yuv420p",
+                            "-c:v",
+                            "libx264",
+                            "-preset",
+                            "veryfast",
+                            "-threads",
+                            "1",
+                            "-bf",
+                            "0",
+                            "-g",
+                            "50",
+                            "-b:v",
+                            "2M",
+                            "-minrate",
+                            "2M",
+                            "-maxrate",
+                            "2M",
+                            "-bufsize",
+                            "500k",
+                            "-x264-params",
+                            "slices=1:sliced-threads=0:scenecut=0",
+                            "-f",
+                            "h264",
+                            path},
+                           path + ".log");
+    if (ffmpeg.Wait() != 0) {
+        std::fprintf(stderr, "ffmpeg could not make the clip, see %s.log\n", path.c_str());
+        ::unlink(path.c_str());
+        std::exit(1);
+    }
+}
+
+std::unique_ptr<Bench::CProgram> start_host(const Options& options, uint16_t port) {
+    std::vector<std::string> command = {options.host,
+                                        "--listen",
+                                        "127.0.0.1:" + std::to_string(port),
+                                        "--live",
+                                        std::string(CONTENT) + "=" + options.clip,
+                                        "--fps",
+                                        "25"};
+    if (options.threads > 0) {
+        command.push_back("--threads");
+        command.push_back(std::to_string(options.threads));
+    }
+    auto host = std::make_unique<Bench::CProgram>(command, options.clip + ".host.log");
+    if (!Bench::WaitForListener(port)) {
+        std::fprintf(stderr, "the host doesn't listen, see %s.host.log\n", options.clip.c_str());
+        std::exit(1);
+    }
+    return host;
+}
+
+// Sets all sessions up, and takes them down again unless it is the last round.
+void set_up(Side& side, const Row& row, bool last) {
+    side.Go();
+    side.setup_s.push_back(side.client->Open(side.port, row.clients, row.udp));
+    if (!last) {
+        side.client->Close();
+        std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the other end notices
+    }
+}
+
+void run_slice(Side& side) {
+    const uint64_t cpu = Bench::ProcessorNs(side.process);
+    const uint64_t bytes = side.client->Figures().bytes;
+    const auto start = std::chrono::steady_clock::now();
+    side.Go();
+    std::this_thread::sleep_for(SLICE);
+    side.Stop();
+    side.seconds += std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
+    side.client->Settle();
+    const uint64_t used = Bench::ProcessorNs(side.process) - cpu;
+    const uint64_t sent = side.client->Figures().bytes - bytes;
+    side.cpu_ns += used;
+    side.bytes += sent;
+    side.cost.push_back(static_cast<double>(used) / (static_cast<double>(sent) * 8));
+}
+
+void print_row(const Row& row, const Side& server, const Side& bare, uint64_t packets, uint64_t gaps, uint64_t up) {
+    const auto cost = [](const Side& side) {
+        return static_cast<double>(side.cpu_ns) / (static_cast<double>(side.bytes) * 8);
+    };
+    std::vector<double> ratios;
+    for (size_t i = 0; i < server.cost.size(); ++i) {
+        ratios.push_back(server.cost[i] / bare.cost[i]);
+    }
+    const auto ends = std::minmax_element(ratios.begin(), ratios.end());
+    std::printf(
+        "%5u %s %5llu %9llu %5llu %8.1f %8.4f %8.4f %6.2f %6.2f (%.2f-%.2f) %7.1f %7.3f %7.3f %5.2f\n", row.clients,
+        row.udp ? "UDP" : "TCP", static_cast<unsigned long long>(up), static_cast<unsigned long long>(packets),
+        static_cast<unsigned long long>(gaps), static_cast<double>(server.bytes) * 8 / 1e6 / server.seconds,
+        cost(server), cost(bare), cost(server) / cost(bare), median(ratios), *ends.first, *ends.second,
+        (static_cast<double>(row.resident_after) - static_cast<double>(row.resident_before)) / 1024 / row.clients,
+        median(server.setup_s), median(bare.setup_s), median(server.setup_s) / median(bare.setup_s));
+    std::fflush(stdout);
+}
+
+bool run_row(const Options& options, const Bench::Recording& recording, Row row) {
+    Side server;
+    Side bare;
+    server.client = std::make_unique<Bench::CLoadClient>(SERVER_UDP_BASE);
+    bare.client = std::make_unique<Bench::CLoadClient>(BARE_UDP_BASE);
+    const Bench::CBareServer bare_process(recording, row.udp);
+    bare.process = bare_process.Pid();
+    bare.port = bare_process.Port();
+    bare.Stop();
+    server.port = Bench::FreePort();
+    const auto host = start_host(options, server.port);
+    server.process = host->Pid();
+
+    server.client->Open(server.port, 1, row.udp);  // what the first session brings belongs to the server
+    std::this_thread::sleep_for(std::chrono::milliseconds(500));
+    row.resident_before = Bench::ResidentBytes(server.process);
+    server.client->Close();
+    server.Stop();
+    const int rounds = row.clients >= MANY_SESSIONS ? SETUP_ROUNDS : 1;
+    for (int i = 1; i <= rounds; ++i) {
+        std::this_thread::sleep_for(SLICE);
+        set_up(server, row, i == rounds);
+        server.Stop();
+        set_up(bare, row, i == rounds);
+        bare.Stop();
+    }
+    std::this_thread::sleep_for(SLICE);
+    const uint64_t packets = server.client->Figures().packets;
+    for (int i = 0; i < options.slices; ++i) {
+        run_slice(server);
+        run_slice(bare);
+    }
+    row.resident_after = Bench::ResidentBytes(server.process);
+    const Bench::FleetFigures& figures = server.client->Figures();
+    const uint64_t up = figures.up;
+    const uint64_t gaps = figures.gaps;
+    print_row(row, server, bare, figures.packets - packets, gaps, up);
+    server.client->Close();
+    if (figures.drops != 0) {
+        std::printf("      the clients' sockets had no room for %llu datagrams\n",
+                    static_cast<unsigned long long>(figures.drops.load()));
+    }
+    return up == row.clients && gaps == 0;
+}
+
+Options parse(int argc, char** argv) {
+    Options options;
+    for (int i = 1; i < argc; ++i) {
+        const std::string word = argv[i];
+        const char* value = i + 1 < argc ? argv[i + 1] : "0";
+        if (word == "--clients") {
+            options.clients = {static_cast<unsigned int>(std::atoi(value))};
+            ++i;
+        } else if (word == "--slices") {
+            options.slices = std::max(1, std::atoi(value));
+            ++i;
+        } else if (word == "--threads") {
+            options.threads = std::atoi(value);
+            ++i;
+        } else if (word == "--clip") {
+            options.clip = value;
+            ++i;
+        } else if (word == "--tcp" || word == "--udp") {
+            options.tcp = word == "--tcp";
+            options.udp = !options.tcp;
+        } else if (word[0] != '-' && options.host.empty()) {
+            options.host = word;
+        } else {
+            options.host.clear();
+            break;
+        }
+    }
+    if (options.host.empty()) {
+        std::fprintf(stderr,
+                     "usage: bench_server VIDORA_HOST [--clients N] [--tcp | --udp] [--slices K] [--threads T] "
+                     "[--clip FILE.h264]\n");
+        std::exit(2);
+    }
+    if (options.clip.empty()) {
+        const std::string self = argv[0];
+        options.clip = self.substr(0, self.rfind('/') + 1) + "server_clip.h264";
+        make_clip(options.clip);
+    }
+    return options;
+}
+
+Bench::Recording record(const Options& options) {
+    const uint16_t port = Bench::FreePort();
+    const auto host = start_host(options, port);
+    Bench::Recording recording = Bench::Record(port, CLIP_FRAMES);
+    if (!recording.good) {
+        std::fprintf(stderr, "the host doesn't play, see %s.host.log\n", options.clip.c_str());
+        std::exit(1);
+    }
+    return recording;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const Options options = parse(argc, argv);
+    Bench::RaiseDescriptorLimit();
+    Bench::PrintMachine();
+    const Bench::Recording recording = record(options);
+    size_t bytes = 0;
+    for (const std::string& frame : recording.frames) {
+        bytes += frame.size();
+    }
+    std::printf(
+        "one channel of %.2f Mbit/s, 25 frames a second; processor seconds a Gbit delivered; slices of %.1f s\n",
+        static_cast<double>(bytes) * 8 * 25 / 1e6 / static_cast<double>(recording.frames.size()),
+        std::chrono::duration<double>(SLICE).count());
+    std::printf(
+        "    N        up   packets  gaps   Mbit/s   server     bare  ratio median (range)     kB/sess  set-up    bare "
+        "ratio\n");
+    bool good = true;
+    for (int udp = 0; udp < 2; ++udp) {
+        for (unsigned int clients : options.clients) {
+            if (udp != 0 ? options.udp : options.tcp) {
+                good = run_row(options, recording, Row{clients, udp != 0, 0, 0}) && good;
+            }
+        }
+    }
+    return good ? 0 : 1;
+}

@@ -1,0 +1,290 @@
+#include "support/BareServer.h"
+
+#include <arpa/inet.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <poll.h>
+#include <sys/epoll.h>
+#include <sys/prctl.h>
+#include <sys/socket.h>
+#include <sys/timerfd.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <csignal>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <map>
+
+#include "support/BareFrame.h"
+
+namespace Bench {
+
+namespace {
+
+const int SEND_BUFFER = 204800;  // what a session of the server asks for
+const int FRAMES_PER_SECOND = 25;
+
+sockaddr_in loopback(uint16_t port) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    return address;
+}
+
+// The server in the child.
+class CBareLoop {
+public:
+    CBareLoop(const Recording& recording, bool udp, int listener);
+    [[noreturn]] void Run();
+
+private:
+    struct CPeer {
+        int step = 0;
+        int udp = -1;
+    };
+
+    void watch(int fd) const;
+    void accept_one();
+    void on_request(int fd);
+    void close_peer(int fd);
+    void start(int fd, CPeer& peer);
+    void send_frame();
+    static void write_whole(const CBareFrame& frame, int fd);
+
+    const Recording& m_recording;
+    const bool m_udp;
+    const int m_listener;
+    const int m_timer;
+    const int m_epoll;
+    size_t m_frame = 0;
+    std::map<int, CPeer> m_peers;
+    std::vector<int> m_players;
+};
+
+CBareLoop::CBareLoop(const Recording& recording, bool udp, int listener)
+    : m_recording(recording),
+      m_udp(udp),
+      m_listener(listener),
+      m_timer(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK)),
+      m_epoll(::epoll_create1(0)) {
+    itimerspec period = {};
+    period.it_interval.tv_nsec = period.it_value.tv_nsec = 1000000000 / FRAMES_PER_SECOND;
+    ::timerfd_settime(m_timer, 0, &period, nullptr);
+    watch(m_listener);
+    watch(m_timer);
+}
+
+void CBareLoop::watch(int fd) const {
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.fd = fd;
+    ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, fd, &event);
+}
+
+void CBareLoop::Run() {
+    epoll_event events[64];
+    while (true) {
+        const int count = ::epoll_wait(m_epoll, events, 64, -1);
+        for (int i = 0; i < count; ++i) {
+            const int fd = events[i].data.fd;
+            if (fd == m_timer) {
+                uint64_t ticks = 0;
+                if (::read(m_timer, &ticks, sizeof(ticks)) > 0) {
+                    send_frame();  // one, also when it is late
+                }
+            } else if (fd == m_listener) {
+                accept_one();
+            } else {
+                on_request(fd);
+            }
+        }
+    }
+}
+
+void CBareLoop::accept_one() {
+    const int fd = ::accept4(m_listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
+    if (fd < 0) {
+        return;
+    }
+    ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &SEND_BUFFER, sizeof(SEND_BUFFER));
+    const int no_delay = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof(no_delay));
+    watch(fd);
+    m_peers[fd] = CPeer();
+}
+
+void CBareLoop::on_request(int fd) {
+    char request[4096];
+    const ssize_t got = ::recv(fd, request, sizeof(request) - 1, 0);
+    if (got <= 0) {
+        if (got == 0 || errno != EAGAIN) {
+            close_peer(fd);
+        }
+        return;
+    }
+    request[got] = '\0';
+    CPeer& peer = m_peers[fd];
+    if (peer.step == DIALOGUE_STEPS) {
+        return;
+    }
+    const char* port = m_udp && peer.step == 2 ? std::strstr(request, "client_port=") : nullptr;
+    if (port != nullptr) {
+        const sockaddr_in remote = loopback(static_cast<uint16_t>(std::atoi(port + 12)));
+        peer.udp = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+        ::connect(peer.udp, reinterpret_cast<const sockaddr*>(&remote), sizeof(remote));
+    }
+    const std::string& reply = m_recording.replies[peer.step++];
+    if (::send(fd, reply.data(), reply.size(), MSG_NOSIGNAL) < 0) {
+        close_peer(fd);
+    } else if (peer.step == DIALOGUE_STEPS) {
+        m_players.push_back(m_udp ? peer.udp : fd);
+    }
+}
+
+void CBareLoop::close_peer(int fd) {
+    const int media = m_udp ? m_peers[fd].udp : fd;
+    for (size_t i = 0; i < m_players.size(); ++i) {
+        if (m_players[i] == media) {
+            m_players[i] = m_players.back();
+            m_players.pop_back();
+            break;
+        }
+    }
+    if (m_peers[fd].udp >= 0) {
+        ::close(m_peers[fd].udp);
+    }
+    ::close(fd);
+    m_peers.erase(fd);
+}
+
+void CBareLoop::send_frame() {
+    if (m_players.empty()) {
+        return;
+    }
+    CBareFrame frame(m_recording.frames[m_frame++ % m_recording.frames.size()], m_udp);
+    if (m_udp) {
+        for (int fd : m_players) {
+            frame.SendUdp(fd);
+        }
+        return;
+    }
+    for (int fd : m_players) {
+        if (frame.WriteTcp(fd) != static_cast<ssize_t>(frame.Bytes().size())) {
+            std::fprintf(stderr, "the bare loop's peer is full: the machine is too busy to measure\n");
+        }
+    }
+}
+
+int open_listener(uint16_t* port) {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    sockaddr_in address = loopback(0);
+    socklen_t length = sizeof(address);
+    if (::bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 || ::listen(fd, SOMAXCONN) != 0 ||
+        ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
+        std::perror("bare server");
+        std::exit(1);
+    }
+    *port = ntohs(address.sin_port);
+    return fd;
+}
+
+// A blocking stream of replies and interleaved packets.
+class CRecorder {
+public:
+    explicit CRecorder(uint16_t port) : m_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+        const sockaddr_in address = loopback(port);
+        const timeval limit = {10, 0};
+        ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
+        m_good = ::connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    }
+    ~CRecorder() { ::close(m_fd); }
+
+    bool Ask(const std::string& request, std::string& reply) {
+        m_good = m_good && ::send(m_fd, request.data(), request.size(), MSG_NOSIGNAL) > 0;
+        size_t size = 0;
+        while (m_good && (size = CRtspDialogue::ReplySize(m_bytes)) == 0) {
+            more();
+        }
+        reply = m_bytes.substr(0, size);
+        m_bytes.erase(0, size);
+        return m_good;
+    }
+
+    // The packets up to the one with the marker bit (RFC 6184 5.1), reports left out.
+    bool Frame(std::string& frame) {
+        frame.clear();
+        bool last = false;
+        while (!last) {
+            while (m_good && (m_bytes.size() < 4 || m_bytes.size() < packet_size())) {
+                more();
+            }
+            if (!m_good || m_bytes[0] != '$') {
+                return false;
+            }
+            const size_t size = packet_size();
+            if (m_bytes[1] == 0) {
+                frame += m_bytes.substr(0, size);
+                last = (m_bytes[5] & 0x80) != 0;
+            }
+            m_bytes.erase(0, size);
+        }
+        return true;
+    }
+
+private:
+    size_t packet_size() const {
+        return 4 + static_cast<unsigned char>(m_bytes[2]) * 256u + static_cast<unsigned char>(m_bytes[3]);
+    }
+    void more() {
+        char room[65536];
+        const ssize_t got = ::recv(m_fd, room, sizeof(room), 0);
+        m_good = got > 0;
+        m_bytes.append(room, got > 0 ? static_cast<size_t>(got) : 0);
+    }
+
+    int m_fd;
+    bool m_good = false;
+    std::string m_bytes;
+};
+
+}  // namespace
+
+Recording Record(uint16_t port, size_t frames) {
+    Recording recording;
+    CRecorder recorder(port);
+    CRtspDialogue dialogue(port, 0);
+    for (std::string& reply : recording.replies) {
+        if (!recorder.Ask(dialogue.Request(), reply) || !dialogue.Take(reply)) {
+            return recording;
+        }
+    }
+    std::string frame;
+    while (recording.frames.size() < frames && recorder.Frame(frame)) {
+        recording.frames.push_back(frame);
+    }
+    recording.good = recording.frames.size() == frames;
+    return recording;
+}
+
+CBareServer::CBareServer(const Recording& recording, bool udp) {
+    const int listener = open_listener(&m_port);
+    std::fflush(nullptr);
+    m_child = ::fork();
+    if (m_child == 0) {
+        ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        CBareLoop(recording, udp, listener).Run();
+    }
+    ::close(listener);
+}
+
+CBareServer::~CBareServer() {
+    ::kill(m_child, SIGKILL);
+    ::waitpid(m_child, nullptr, 0);
+}
+
+}  // namespace Bench

@@ -1,0 +1,290 @@
+#include "support/Fleet.h"
+
+#include <arpa/inet.h>
+#include <linux/sock_diag.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
+#include <sys/epoll.h>
+#include <sys/socket.h>
+#include <time.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cerrno>
+#include <cstring>
+
+namespace Bench {
+
+namespace {
+
+const size_t ROOM_SIZE = 256 * 1024;
+const unsigned int DATAGRAMS = 32;  // of one system call
+const size_t DATAGRAM_ROOM = 2048;
+const int UDP_RECV_BUFFER = 1 << 20;
+
+uint64_t now_ns() {
+    timespec now = {};
+    ::clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
+}
+
+sockaddr_in loopback(uint16_t port) {
+    sockaddr_in address = {};
+    address.sin_family = AF_INET;
+    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    address.sin_port = htons(port);
+    return address;
+}
+
+int bound_udp(uint16_t port) {
+    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const sockaddr_in address = loopback(port);
+    if (::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0) {
+        ::close(fd);
+        return -1;
+    }
+    ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &UDP_RECV_BUFFER, sizeof(UDP_RECV_BUFFER));
+    return fd;
+}
+
+uint64_t dropped_by(int fd) {
+    uint32_t info[SK_MEMINFO_VARS] = {};
+    socklen_t length = sizeof(info);
+    return ::getsockopt(fd, SOL_SOCKET, SO_MEMINFO, info, &length) == 0 ? info[SK_MEMINFO_DROPS] : 0;
+}
+
+}  // namespace
+
+CFleet::CFleet(FleetFigures& figures, uint16_t port_base)
+    : m_figures(figures), m_port_base(port_base), m_epoll(::epoll_create1(EPOLL_CLOEXEC)), m_room(ROOM_SIZE) {}
+
+CFleet::~CFleet() {
+    Close();
+    ::close(m_epoll);
+}
+
+void CFleet::Open(uint16_t port, unsigned int count, bool udp) {
+    Close();
+    m_udp = udp;
+    m_server_port = port;
+    m_next_udp = m_port_base;
+    for (unsigned int i = 0; i < count; ++i) {
+        m_clients.push_back(std::make_unique<CClient>());
+    }
+    m_start_ns = now_ns();
+    for (unsigned int i = 0; i < WINDOW; ++i) {
+        start_next();
+    }
+}
+
+void CFleet::Close() {
+    for (const auto& client : m_clients) {
+        m_figures.drops += client->rtp >= 0 ? dropped_by(client->rtp) : 0;
+        for (int fd : {client->control, client->rtp, client->rtcp}) {
+            if (fd >= 0) {
+                ::close(fd);
+            }
+        }
+    }
+    m_clients.clear();
+    m_started = m_pending = 0;
+    m_figures.up = m_figures.failed = 0;
+}
+
+void CFleet::start_next() {
+    while (m_started < m_clients.size()) {
+        const unsigned int index = m_started++;
+        ++m_pending;
+        if (open_client(index)) {
+            return;
+        }
+        end_setup(*m_clients[index], false);
+    }
+}
+
+bool CFleet::open_client(unsigned int index) {
+    CClient& client = *m_clients[index];
+    uint16_t rtp_port = 0;
+    if (m_udp && !open_udp(client, &rtp_port)) {
+        return false;
+    }
+    client.dialogue = CRtspDialogue(m_server_port, rtp_port);
+    client.control = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int no_delay = 1;
+    ::setsockopt(client.control, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof(no_delay));
+    const sockaddr_in address = loopback(m_server_port);
+    if (::connect(client.control, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
+        errno != EINPROGRESS) {
+        return false;
+    }
+    watch(client.control, index, KIND_CONTROL);
+    if (m_udp) {
+        watch(client.rtp, index, KIND_RTP);
+        watch(client.rtcp, index, KIND_RTCP);
+    }
+    send_request(client);  // on loopback the connection stands when connect returns
+    return true;
+}
+
+bool CFleet::open_udp(CClient& client, uint16_t* rtp_port) {
+    for (; m_next_udp < 65000; m_next_udp = static_cast<uint16_t>(m_next_udp + 2)) {
+        client.rtp = bound_udp(m_next_udp);
+        client.rtcp = client.rtp < 0 ? -1 : bound_udp(static_cast<uint16_t>(m_next_udp + 1));
+        if (client.rtcp >= 0) {
+            *rtp_port = m_next_udp;
+            m_next_udp = static_cast<uint16_t>(m_next_udp + 2);
+            return true;
+        }
+        if (client.rtp >= 0) {
+            ::close(client.rtp);
+            client.rtp = -1;
+        }
+    }
+    return false;
+}
+
+void CFleet::watch(int fd, unsigned int index, kind_t kind) const {
+    epoll_event event = {};
+    event.events = EPOLLIN;
+    event.data.u64 = static_cast<uint64_t>(index) << 2 | kind;
+    ::epoll_ctl(m_epoll, EPOLL_CTL_ADD, fd, &event);
+}
+
+void CFleet::send_request(CClient& client) {
+    const std::string text = client.dialogue.Request();
+    if (::send(client.control, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
+        end_setup(client, false);
+    }
+}
+
+void CFleet::end_setup(CClient& client, bool good) {
+    if (client.over) {
+        return;
+    }
+    client.over = true;
+    --m_pending;
+    m_figures.setup_ns = now_ns() - m_start_ns;
+    ++(good ? m_figures.up : m_figures.failed);
+}
+
+void CFleet::Run(int wake_fd) {
+    watch(wake_fd, 0, KIND_WAKE);
+    epoll_event events[256];
+    for (bool woken = false; !woken;) {
+        const int count = ::epoll_wait(m_epoll, events, 256, -1);
+        for (int i = 0; i < count; ++i) {
+            const kind_t kind = static_cast<kind_t>(events[i].data.u64 & 3);
+            CClient* client = kind == KIND_WAKE ? nullptr : m_clients[events[i].data.u64 >> 2].get();
+            if (kind == KIND_WAKE) {
+                woken = true;
+            } else if (kind == KIND_CONTROL) {
+                on_control(*client);
+            } else if (kind == KIND_RTP) {
+                on_rtp(*client);
+            } else {
+                ::recv(client->rtcp, m_room.data(), m_room.size(), 0);
+            }
+        }
+        while (m_pending < WINDOW && m_started < m_clients.size()) {
+            start_next();
+        }
+        m_figures.packets += m_packets;
+        m_figures.bytes += m_bytes;
+        m_packets = m_bytes = 0;
+    }
+    ::epoll_ctl(m_epoll, EPOLL_CTL_DEL, wake_fd, nullptr);
+}
+
+void CFleet::on_control(CClient& client) {
+    ssize_t got = 0;
+    do {
+        got = ::recv(client.control, m_room.data(), m_room.size(), 0);
+        if (got > 0) {
+            take_bytes(client, m_room.data(), static_cast<size_t>(got));
+        }
+    } while (got == static_cast<ssize_t>(m_room.size()));
+    if (got == 0 || (got < 0 && errno != EAGAIN)) {
+        if (client.over) {
+            --m_figures.up;
+            ++m_figures.failed;
+        }
+        end_setup(client, false);
+        ::close(client.control);
+        client.control = -1;
+    }
+}
+
+// Replies and interleaved packets (RFC 2326 10.12), cut anywhere.
+void CFleet::take_bytes(CClient& client, const unsigned char* data, size_t size) {
+    size_t at = 0;
+    while (at < size) {
+        if (client.skip > 0) {
+            const size_t step = std::min<size_t>(client.skip, size - at);
+            client.skip -= static_cast<unsigned int>(step);
+            at += step;
+        } else if (client.head_size == 0 && (data[at] != '$' || !client.text.empty())) {
+            at += take_text(client, data + at, size - at);
+        } else {
+            const size_t step = std::min<size_t>(HEAD_SIZE - client.head_size, size - at);
+            std::memcpy(client.head + client.head_size, data + at, step);
+            client.head_size += static_cast<unsigned int>(step);
+            at += step;
+            if (client.head_size == HEAD_SIZE) {
+                const unsigned int length = client.head[2] * 256u + client.head[3];
+                if (client.head[1] % 2 == 0) {
+                    count_packet(client, client.head + 4, length);
+                }
+                client.skip = length - 4;
+                client.head_size = 0;
+            }
+        }
+    }
+}
+
+// Bytes taken: up to the end of a reply, or all.
+size_t CFleet::take_text(CClient& client, const unsigned char* data, size_t size) {
+    const size_t before = client.text.size();
+    client.text.append(reinterpret_cast<const char*>(data), size);
+    const size_t whole = CRtspDialogue::ReplySize(client.text);
+    if (whole == 0) {
+        return size;
+    }
+    client.text.resize(whole);
+    if (!client.over) {
+        if (!client.dialogue.Take(client.text)) {
+            end_setup(client, false);
+        } else if (client.dialogue.Done()) {
+            end_setup(client, true);
+        } else {
+            send_request(client);
+        }
+    }
+    client.text.clear();
+    return whole - before;
+}
+
+void CFleet::on_rtp(CClient& client) {
+    mmsghdr messages[DATAGRAMS] = {};
+    iovec parts[DATAGRAMS];
+    for (unsigned int i = 0; i < DATAGRAMS; ++i) {
+        parts[i] = {m_room.data() + i * DATAGRAM_ROOM, DATAGRAM_ROOM};
+        messages[i].msg_hdr.msg_iov = &parts[i];
+        messages[i].msg_hdr.msg_iovlen = 1;
+    }
+    const int count = ::recvmmsg(client.rtp, messages, DATAGRAMS, MSG_DONTWAIT, nullptr);
+    for (int i = 0; i < count; ++i) {
+        count_packet(client, static_cast<const unsigned char*>(parts[i].iov_base), messages[i].msg_len);
+    }
+}
+
+void CFleet::count_packet(CClient& client, const unsigned char* rtp, uint64_t size) {
+    const int sequence = rtp[2] * 256 + rtp[3];
+    if (client.last_sequence >= 0 && sequence != ((client.last_sequence + 1) & 0xffff)) {
+        ++m_figures.gaps;
+    }
+    client.last_sequence = sequence;
+    ++m_packets;
+    m_bytes += size;
+}
+
+}  // namespace Bench

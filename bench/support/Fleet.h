@@ -1,0 +1,86 @@
+#ifndef VIDORA_BENCH_SUPPORT_FLEET_H
+#define VIDORA_BENCH_SUPPORT_FLEET_H
+
+#include <atomic>
+#include <cstdint>
+#include <memory>
+#include <string>
+#include <vector>
+
+#include "support/RtspDialogue.h"
+
+namespace Bench {
+
+// What a fleet counts, in memory that processes share. All counts run on over all rounds but `up` and `failed`, which
+// belong to the sessions that are open.
+struct FleetFigures {
+    std::atomic<uint64_t> up{0};
+    std::atomic<uint64_t> failed{0};
+    std::atomic<uint64_t> packets{0};   // of RTP
+    std::atomic<uint64_t> bytes{0};     // of media: RTP packets, without interleave headers
+    std::atomic<uint64_t> gaps{0};      // packets whose sequence number isn't the one before plus 1
+    std::atomic<uint64_t> drops{0};     // datagrams that this side's sockets had no room for, when the fleet was closed
+    std::atomic<uint64_t> setup_ns{0};  // from the first connect to the last PLAY's reply of the last round
+};
+
+// CFleet: many RTSP clients on one thread and one epoll set.
+class CFleet {
+public:
+    // `port_base`: from there up the clients' UDP ports are searched.
+    CFleet(FleetFigures& figures, uint16_t port_base);
+    ~CFleet();
+
+    // Begins to set `count` sessions up, WINDOW at a time.
+    void Open(uint16_t port, unsigned int count, bool udp);
+    void Close();
+    // Serves the sessions that have something, until `wake_fd` is readable.
+    void Run(int wake_fd);
+
+private:
+    static const unsigned int WINDOW = 32;
+    static const unsigned int HEAD_SIZE = 8;  // interleave header, and RTP up to its sequence number
+
+    struct CClient {
+        int control = -1;
+        int rtp = -1;
+        int rtcp = -1;
+        bool over = false;  // up or failed
+        CRtspDialogue dialogue;
+        std::string text;               // of the reply that comes
+        unsigned char head[HEAD_SIZE];  // of the interleaved packet that comes
+        unsigned int head_size = 0;
+        unsigned int skip = 0;  // bytes of the packet that still come
+        int last_sequence = -1;
+    };
+    enum kind_t { KIND_CONTROL, KIND_RTP, KIND_RTCP, KIND_WAKE };
+
+    void start_next();
+    bool open_client(unsigned int index);
+    bool open_udp(CClient& client, uint16_t* rtp_port);
+    void watch(int fd, unsigned int index, kind_t kind) const;
+    void send_request(CClient& client);
+    void end_setup(CClient& client, bool good);
+    void on_control(CClient& client);
+    void take_bytes(CClient& client, const unsigned char* data, size_t size);
+    size_t take_text(CClient& client, const unsigned char* data, size_t size);
+    void on_rtp(CClient& client);
+    void count_packet(CClient& client, const unsigned char* rtp, uint64_t size);
+
+    FleetFigures& m_figures;
+    uint16_t m_port_base;
+    uint16_t m_next_udp = 0;
+    int m_epoll = -1;
+    bool m_udp = false;
+    uint16_t m_server_port = 0;
+    unsigned int m_started = 0;
+    unsigned int m_pending = 0;
+    uint64_t m_start_ns = 0;
+    uint64_t m_packets = 0;  // of this wake-up, not told yet
+    uint64_t m_bytes = 0;
+    std::vector<std::unique_ptr<CClient>> m_clients;
+    std::vector<unsigned char> m_room;
+};
+
+}  // namespace Bench
+
+#endif  // VIDORA_BENCH_SUPPORT_FLEET_H

@@ -1,0 +1,51 @@
+#ifndef VIDORA_BENCH_SUPPORT_LOADCLIENT_H
+#define VIDORA_BENCH_SUPPORT_LOADCLIENT_H
+
+#include <sys/types.h>
+
+#include <cstdint>
+
+#include "support/Fleet.h"
+
+namespace Bench {
+
+// CLoadClient: a fleet in a child process, so that its processor time is nobody else's. Make it before any thread.
+class CLoadClient {
+public:
+    explicit CLoadClient(uint16_t udp_port_base);
+    ~CLoadClient();
+    CLoadClient(const CLoadClient&) = delete;
+    CLoadClient& operator=(const CLoadClient&) = delete;
+
+    // Sets `count` sessions up and returns when all are up or have failed, or after a minute: seconds that it took.
+    double Open(uint16_t port, unsigned int count, bool udp);
+    void Close();
+    // Waits until nothing more comes.
+    void Settle() const;
+    const FleetFigures& Figures() const { return *m_figures; }
+
+private:
+    struct CCommand {
+        uint16_t port;
+        unsigned int count;
+        bool udp;
+        uint64_t number;
+    };
+
+    void send(uint16_t port, unsigned int count, bool udp);
+    [[noreturn]] void run(int commands, uint16_t udp_port_base);
+
+    struct CShared {
+        FleetFigures figures;
+        std::atomic<uint64_t> done{0};  // number of the last command that was taken
+    };
+    CShared* m_shared;
+    FleetFigures* m_figures;
+    uint64_t m_number = 0;
+    int m_commands = -1;
+    pid_t m_child = -1;
+};
+
+}  // namespace Bench
+
+#endif  // VIDORA_BENCH_SUPPORT_LOADCLIENT_H
