@@ -1,9 +1,7 @@
 #ifndef VIDORA_FRAMEINFO_H
 #define VIDORA_FRAMEINFO_H
 
-#include <cstddef>
 #include <cstdint>
-#include <new>
 
 #include "Vidora/Names.h"
 
@@ -14,10 +12,6 @@ namespace Vidora {
 // lost frame and measure its delay. Its maker fills the fields; after that it doesn't change.
 class CFrameInfo : public CMediaPacket {
 public:
-    static void* operator new(size_t size) noexcept;
-    static void* operator new(size_t size, const std::nothrow_t&) noexcept;
-    static void operator delete(void* memory, size_t size) noexcept;
-
     // The object's own fields, from m_track on.
     unsigned char* GetData() override { return reinterpret_cast<unsigned char*>(&m_track); }
 

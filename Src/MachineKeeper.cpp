@@ -106,15 +106,15 @@ void CMachineKeeper::release() {
     }
 }
 
-CMachineGuard::CMachineGuard(CMachineKeeper* machine_keeper) : m_keeper(nullptr) {
+CMachineGuard::CMachineGuard(CMachineKeeper* machine_keeper) {
     if (OSTRA_ASSERT(machine_keeper) && machine_keeper->hold() == 0) {
-        m_keeper = machine_keeper;
+        m_machine = machine_keeper->m_machine;
     }
 }
 
 CMachineGuard::~CMachineGuard() {
-    if (m_keeper != nullptr) {
-        m_keeper->release();
+    if (m_machine != nullptr) {
+        m_machine->keep(2);
     }
 }
 

@@ -13,13 +13,16 @@ class IState;
 
 // CMachineKeeper: the owner's handle on its CStateMachine.
 //
-// THREADING  The put and hold operations: any thread, at once; they may run the owner's operations on the calling
-// thread
-//            before they return, so that no lock may be held that those want. Construction, set_state_obj, set_state
-//            and destruction: while no other call is under way.
-// OWNERSHIP  The keeper makes the machine; destroying the keeper posts the message that deletes it, at once or when the
-//            event that runs is over. Events that were put before may thus still reach the states, and the owner must
-//            not be gone by then: it destroys the keeper when nothing can be queued any more, or from an event.
+// THREADING
+// The put and hold operations: any thread, at once. They may run the owner's operations on the calling thread before
+// they return, so that no lock may be held that those want. Construction, set_state_obj, set_state and destruction:
+// while no other call is under way, but for a put whose operations run just now.
+//
+// OWNERSHIP
+// The keeper makes the machine; destroying the keeper posts the message that deletes it. While another thread runs the
+// owner's operations, the destructor waits for that one and for the messages that are queued, so the owner destroys its
+// keeper while it is whole, and holds no lock that they want. From inside an operation, or while the machine is held,
+// the destructor returns at once, no operation begins any more, and the machine ends when that is over.
 //
 // If memory is short at construction there is no machine, and every operation fails.
 class CMachineKeeper {
@@ -37,8 +40,9 @@ public:
     int set_state(int number);
 
     // Queues a received message, `length` bytes up to 4064, or runs it here and now. `id` 0 asks for a new identifier.
-    // True if the machine took it. False for a null text or one above 4096 bytes, and, with message 0x1000 posted, for
-    // a text that is too long for an event, or an eleventh event in flight: then the session ends.
+    // True if the machine took it, or dropped it because an asynchronous message came before. False for a null text or
+    // one above 4096 bytes. False as well, with message 0x1000 posted, which ends the session, for a text of 4065 to
+    // 4096 bytes, which an event can't hold, and for an eleventh event in flight.
     bool put_rx_event(const rtsp_msg_info& info, const char* text, uint32_t length, uint64_t id);
     // The same for a prepared text with its final NUL: a reply, whose `id` is that of the request's event, or a
     // client's request with `id` 0. `kind` is the caller's own. A `status` from 1 to 299 lets the machine enter the
@@ -53,10 +57,12 @@ public:
     void release();
 
 private:
+    friend class CMachineGuard;
+
     CStateMachine* m_machine;
 };
 
-// CMachineGuard: holds a machine for a scope.
+// CMachineGuard: holds a machine for a scope. The keeper may be destroyed inside the scope.
 class CMachineGuard {
 public:
     explicit CMachineGuard(CMachineKeeper* machine_keeper);
@@ -65,10 +71,10 @@ public:
     CMachineGuard& operator=(const CMachineGuard&) = delete;
 
     // Whether the machine is held; false when an asynchronous message came already.
-    bool held() const { return m_keeper != nullptr; }
+    bool held() const { return m_machine != nullptr; }
 
 private:
-    CMachineKeeper* m_keeper;
+    CStateMachine* m_machine = nullptr;
 };
 
 }  // namespace Vidora

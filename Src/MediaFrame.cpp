@@ -2,16 +2,10 @@
 
 #include <new>
 
-#include "Ostra/BlockCache.h"
-
 namespace Kavio {
 namespace Vidora {
 
 namespace {
-
-const int MAX_CACHED_OBJECTS = 1024;  // frames that wait in the queues of slow clients
-
-Ostra::CBlockCache g_cache(sizeof(CMediaFrame), MAX_CACHED_OBJECTS);
 
 // Gives what `read` gives for the backing that there is, or a zero.
 template <typename Result, typename Read>
@@ -32,18 +26,6 @@ void write_to(Flumen::CMediaFrame* shared, CRawMemory* raw, Write write) {
 }
 
 }  // namespace
-
-void* CMediaFrame::operator new(size_t size) noexcept {
-    return g_cache.Get(size);
-}
-
-void* CMediaFrame::operator new(size_t size, const std::nothrow_t&) noexcept {
-    return g_cache.Get(size);
-}
-
-void CMediaFrame::operator delete(void* memory, size_t size) noexcept {
-    g_cache.Put(memory, size);
-}
 
 CMediaFrame::CMediaFrame(uint32_t size, int mode) : m_mode(mode) {
     if (mode == MEDIA_FRAME_SHARED) {

@@ -1,7 +1,6 @@
 #ifndef VIDORA_MEDIAFRAME_H
 #define VIDORA_MEDIAFRAME_H
 
-#include <cstddef>
 #include <cstdint>
 
 #include "RawMemory.h"
@@ -35,10 +34,6 @@ public:
     CMediaFrame(const CMediaFrame& other);
     CMediaFrame& operator=(const CMediaFrame& other);
     ~CMediaFrame() override { delete m_raw; }
-
-    static void* operator new(size_t size) noexcept;
-    static void* operator new(size_t size, const std::nothrow_t&) noexcept;
-    static void operator delete(void* memory, size_t size) noexcept;
 
     unsigned char* GetData() override { return getBuffer(); }
 

@@ -2,10 +2,9 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstddef>
 #include <cstring>
 #include <new>
-
-#include "Ostra/BlockCache.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -29,26 +28,6 @@ struct alignas(std::max_align_t) RawCounter {
     // Whether the areas are those of m_packet, which then needs no copying.
     bool adopted() const { return m_data == m_packet.getBuffer(); }
 };
-
-namespace {
-
-const int MAX_CACHED_OBJECTS = 256;
-
-Ostra::CBlockCache g_cache(sizeof(CRawMemory), MAX_CACHED_OBJECTS);
-
-}  // namespace
-
-void* CRawMemory::operator new(size_t size) noexcept {
-    return g_cache.Get(size);
-}
-
-void* CRawMemory::operator new(size_t size, const std::nothrow_t&) noexcept {
-    return g_cache.Get(size);
-}
-
-void CRawMemory::operator delete(void* memory, size_t size) noexcept {
-    g_cache.Put(memory, size);
-}
 
 CRawMemory::CRawMemory(uint32_t capacity) {
     m_counter = capacity > 0 ? RawCounter::Create(capacity) : nullptr;

@@ -1,7 +1,6 @@
 #ifndef VIDORA_RAWMEMORY_H
 #define VIDORA_RAWMEMORY_H
 
-#include <cstddef>
 #include <cstdint>
 
 #include "Flumen/MediaFrameInfo.h"
@@ -23,8 +22,7 @@ struct RawCounter;
 // is asked for, and then only what changed.
 //
 // THREADING  The count is atomic, so that copies of one block may live on several threads; all else is used by one
-// thread
-//            at a time.
+//            thread at a time.
 // An operation on an invalid object gives 0, null or what it says, and does nothing.
 class CRawMemory : public CMediaPacket {
 public:
@@ -39,10 +37,6 @@ public:
     explicit CRawMemory(const Memory::CPacket& packet);
     CRawMemory& operator=(const CRawMemory& other);
     ~CRawMemory() override;
-
-    static void* operator new(size_t size) noexcept;
-    static void* operator new(size_t size, const std::nothrow_t&) noexcept;
-    static void operator delete(void* memory, size_t size) noexcept;
 
     unsigned char* GetData() override { return getBuffer(); }
 

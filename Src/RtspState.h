@@ -48,7 +48,8 @@ struct RtspServerOwner {
 
 // A client has these (public, or with `friend struct RtspClientOwner<T>`); each gets the reply to its method. An
 // operation that sends the next request puts a tx event with identifier 0 and gives 0, since the machine runs that
-// event as soon as the operation is over.
+// event as soon as the operation is over. A positive result would hold that event back, and after on_describe_reply the
+// machine would refuse the next reply.
 //     int on_describe_reply(const StateEvent&), on_setup_reply (Init), on_setup_reply_ready (Ready, Play),
 //     on_play_reply (Ready, Play), on_pause_reply, on_teardown_reply, on_options_reply, on_set_parameter_reply,
 //     on_get_parameter_reply

@@ -19,12 +19,11 @@ std::atomic<unsigned int> session_count{0};
 
 CRtspSvrSession::CRtspSvrSession() {
     m_send_rtcp = true;
+    m_live_count = &session_count;
     ++session_count;
 }
 
-CRtspSvrSession::~CRtspSvrSession() {
-    --session_count;
-}
+CRtspSvrSession::~CRtspSvrSession() = default;
 
 unsigned int CRtspSvrSession::GetCount() {
     return session_count;

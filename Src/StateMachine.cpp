@@ -1,27 +1,16 @@
 #include "StateMachine.h"
 
-#include <sys/mman.h>
-
 #include <condition_variable>
 #include <mutex>
 
 #include "Vidora/Types.h"
-
-// AddressSanitizer watches heap memory only.
-#if defined(__SANITIZE_ADDRESS__)
-#define VIDORA_HEAP_MACHINE
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define VIDORA_HEAP_MACHINE
-#endif
-#endif
 
 namespace Kavio {
 namespace Vidora {
 
 namespace {
 
-// Identifiers from here down are not pool nodes' own.
+// An event with a smaller identifier doesn't go back to the pool.
 const uint64_t FIRST_EVENT_ID = 0x2012;
 const uint64_t SPARE_EVENT_ID = 0x2011;
 const int NO_STATE = 4;  // stands in m_next_state only
@@ -53,44 +42,10 @@ struct CStateMachine::CDestroyWait {
     }
 };
 
-// Fresh pages of the system take no memory until they are touched, while memory that the heap hands out again may be
-// resident. Huge pages would make the whole pool resident at once.
-#ifdef VIDORA_HEAP_MACHINE
-
-void* CStateMachine::operator new(size_t size, const std::nothrow_t&) noexcept {
-    return ::operator new(size, std::nothrow);
-}
-
-void CStateMachine::operator delete(void* memory, size_t) noexcept {
-    ::operator delete(memory);
-}
-
-void CStateMachine::operator delete(void* memory, const std::nothrow_t&) noexcept {
-    ::operator delete(memory);
-}
-
-#else
-
-void* CStateMachine::operator new(size_t size, const std::nothrow_t&) noexcept {
-    void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) {
-        return nullptr;
-    }
-    madvise(memory, size, MADV_NOHUGEPAGE);
-    return memory;
-}
-
-void CStateMachine::operator delete(void* memory, size_t size) noexcept {
-    munmap(memory, size);
-}
-
-void CStateMachine::operator delete(void* memory, const std::nothrow_t&) noexcept {
-    munmap(memory, sizeof(CStateMachine));
-}
-
-#endif
-
-CStateMachine::CStateMachine() : m_next_id(FIRST_EVENT_ID) {
+CStateMachine::CStateMachine()
+    : m_next_id(FIRST_EVENT_ID),
+      m_spare_event{STATE_EVENT_ASYN, STATE_EVENT_ASYN_SIZE, SPARE_EVENT_ID, 0, 0, 0, 0},
+      m_spare_copy(m_spare_event) {
     m_rx_list.Init(m_rx_nodes, LIST_SIZE);
     m_asyn_list.Init(m_asyn_nodes, LIST_SIZE);
     m_pool.Init(m_pool_memory, POOL_SIZE, NODE_SIZE);
@@ -126,47 +81,21 @@ StateEvent* CStateMachine::GetEvent(int type, uint32_t event_size, uint64_t id) 
         return nullptr;
     }
     StateEvent* event = static_cast<StateEvent*>(m_pool.Get());
-    const CGuard guard(m_mutex);
-    if (event != nullptr) {
-        event->id = id != 0 ? id : ++m_next_id;
-    } else if (type == STATE_EVENT_ASYN) {
-        event = take_spare();
-    } else {
+    if (event == nullptr) {
+        if (type == STATE_EVENT_ASYN) {
+            return &m_spare_event;
+        }
         logError("%s:%d too many message, invalid rtsp flow!\n", "Vidora::CStateMachine::GetEvent", __LINE__);
+        return nullptr;
     }
-    if (event != nullptr) {
-        event->type = type;
-        event->size = event_size;
+    event->type = type;
+    event->size = event_size;
+    if (id == 0) {
+        const CGuard guard(m_mutex);
+        id = ++m_next_id;
     }
+    event->id = id;
     return event;
-}
-
-StateEvent* CStateMachine::take_spare() {
-    const CGuard guard(m_mutex);
-    for (int i = 0; i < SPARE_COUNT; ++i) {
-        if (!m_spare_used[i]) {
-            m_spare_used[i] = true;
-            m_spare_event[i].id = SPARE_EVENT_ID;
-            return &m_spare_event[i];
-        }
-    }
-    return nullptr;
-}
-
-bool CStateMachine::is_spare(const StateEvent* event) const {
-    return event >= m_spare_event && event <= &m_spare_event[DESTROY_EVENT];
-}
-
-// A spare record is free again as soon as its message runs, so one in use waits. One of each message is enough: what
-// the first one ends, the second one needn't end again, and a peer that keeps the pool full can't use up the records.
-bool CStateMachine::already_waits(const StateEvent* event, uint32_t msg) {
-    const CGuard guard(m_mutex);
-    for (int i = 0; is_spare(event) && i < SPARE_COUNT; ++i) {
-        if (m_spare_used[i] && &m_spare_event[i] != event && static_cast<uint32_t>(m_spare_event[i].method) == msg) {
-            return true;
-        }
-    }
-    return false;
 }
 
 int CStateMachine::deliver(StateEvent* event) {
@@ -184,8 +113,7 @@ int CStateMachine::admit(StateEvent* event) {
         return -1;
     }
     if (!m_busy && (m_wait_id == 0 || m_wait_id == event->id)) {
-        m_busy = true;
-        m_runner = std::this_thread::get_id();
+        set_busy_locked();
         return 0;
     }
     if (event->id == m_wait_id) {
@@ -199,41 +127,84 @@ int CStateMachine::admit(StateEvent* event) {
     return -1;
 }
 
-void CStateMachine::put_asyn_msg(uint32_t msg, uint64_t id) {
-    StateEvent* asyn_msg = GetEvent(STATE_EVENT_ASYN, STATE_EVENT_ASYN_SIZE, id);
-    if (!OSTRA_ASSERT(asyn_msg)) {
-        return;
-    }
-    if (already_waits(asyn_msg, msg)) {
-        free_event(asyn_msg);
-        return;
-    }
-    asyn_msg->method = static_cast<int>(msg);
-    deliver_asyn(asyn_msg);
+void CStateMachine::set_busy_locked() {
+    m_busy = true;
+    m_runner = std::this_thread::get_id();
 }
 
-int CStateMachine::deliver_asyn(StateEvent* event) {
-    if (event == nullptr || event->type != STATE_EVENT_ASYN) {
-        return -1;
+void CStateMachine::put_asyn_msg(uint32_t msg, uint64_t id) {
+    StateEvent* asyn_msg = GetEvent(STATE_EVENT_ASYN, STATE_EVENT_ASYN_SIZE, id);
+    if (OSTRA_ASSERT(asyn_msg)) {
+        deliver_asyn(asyn_msg, msg);
     }
+}
+
+int CStateMachine::deliver_asyn(StateEvent* event, uint32_t msg) {
+    StateEvent* first = nullptr;
     {
         const CGuard guard(m_mutex);
-        // After a fatal message later ones are shed. Their nodes stay taken: the session is ending.
-        const bool shed = m_asyn_mask >= MSG_SESSION_BROKEN && event->id != m_wait_id;
-        if (event->method != MSG_MACHINE_DESTROY && shed) {
-            if (is_spare(event)) {
-                free_event(event);
-            }
-            return -1;
-        }
-        m_asyn_mask |= static_cast<uint32_t>(event->method);
-        if (m_busy || m_hold_count > 0) {
-            return m_asyn_list.Push(event);
-        }
-        m_busy = true;
-        m_runner = std::this_thread::get_id();
+        first = admit_asyn_locked(event, msg);
     }
-    return execute(event);
+    return execute(first);
+}
+
+// The event if the caller is to run it; null if it is queued or dropped.
+StateEvent* CStateMachine::admit_asyn_locked(StateEvent* event, uint32_t msg) {
+    // After a fatal message later ones are shed, but for an answer to the one that ran last. Their nodes stay taken:
+    // the session is ending.
+    if (msg != MSG_MACHINE_DESTROY && m_asyn_mask >= MSG_SESSION_BROKEN && event->id != m_wait_id) {
+        return nullptr;
+    }
+    if (m_asyn_mask == 0) {
+        drop_messages_locked();
+    }
+    m_asyn_mask |= msg;
+    event->method = static_cast<int>(msg);
+    if (m_busy || m_hold_count > 0) {
+        queue_asyn_locked(event);
+        return nullptr;
+    }
+    set_busy_locked();
+    return runnable_locked(event);
+}
+
+// From the first asynchronous message on none of these can run. Their nodes are for the messages to come: with a node a
+// message has the identifier that it was given, by which an answer is known after a fatal one.
+void CStateMachine::drop_messages_locked() {
+    if (m_matched_event != nullptr) {
+        free_event(m_matched_event);
+        m_matched_event = nullptr;
+    }
+    while (StateEvent* event = m_rx_list.Pop()) {
+        free_event(event);
+    }
+}
+
+// The list has room for the whole pool and for m_spare_event once.
+void CStateMachine::queue_asyn_locked(StateEvent* event) {
+    const bool spare = event == &m_spare_event;
+    if (!spare || !m_spare_waits) {
+        m_asyn_list.Push(event);
+    }
+    m_spare_waits = m_spare_waits || spare;
+}
+
+StateEvent* CStateMachine::pop_asyn_locked() {
+    StateEvent* event = m_asyn_list.Pop();
+    while (m_owner_gone && event != nullptr && event->method != MSG_MACHINE_DESTROY) {
+        free_event(event);
+        event = m_asyn_list.Pop();
+    }
+    return event != nullptr ? runnable_locked(event) : nullptr;
+}
+
+StateEvent* CStateMachine::runnable_locked(StateEvent* event) {
+    if (event != &m_spare_event) {
+        return event;
+    }
+    m_spare_waits = false;
+    m_spare_copy = m_spare_event;
+    return &m_spare_copy;
 }
 
 int CStateMachine::execute(StateEvent* first) {
@@ -241,24 +212,15 @@ int CStateMachine::execute(StateEvent* first) {
                                                &CStateMachine::process_tx_msg_event,
                                                &CStateMachine::process_asyn_msg_event};
     for (StateEvent* event = first; event != nullptr; event = next_event()) {
-        StateEvent copy;  // of a spare record, which is free for the next message while this one runs
-        const bool spare = is_spare(event);
-        if (spare) {
-            copy = *event;
-            free_event(event);
-        }
-        StateEvent& current = spare ? copy : *event;
-        const event_handler_t handler = handlers[current.type];
-        const int result = (this->*handler)(current);
+        const event_handler_t handler = handlers[event->type];
+        const int result = (this->*handler)(*event);
         if (result == MSG_MACHINE_DESTROY) {
             return 0;  // the machine is gone
         }
         if (result < 0) {
             logWarn("%s:%d:%s exception occured!\n", __FILE__, __LINE__, "Vidora::CStateMachine::execute");
         }
-        if (!spare) {
-            free_event(event);
-        }
+        free_event(event);
     }
     return 0;
 }
@@ -268,11 +230,7 @@ StateEvent* CStateMachine::next_event() {
     const CGuard guard(m_mutex);
     StateEvent* event = nullptr;
     if (m_asyn_mask != 0) {
-        event = m_hold_count < 1 ? m_asyn_list.Pop() : nullptr;
-        while (m_owner_gone && event != nullptr && event->method != MSG_MACHINE_DESTROY) {
-            free_event(event);
-            event = m_asyn_list.Pop();
-        }
+        event = m_hold_count < 1 ? pop_asyn_locked() : nullptr;
     } else if (m_wait_id != 0) {
         event = m_matched_event;
         m_matched_event = nullptr;
@@ -284,10 +242,7 @@ StateEvent* CStateMachine::next_event() {
 }
 
 void CStateMachine::free_event(StateEvent* event) {
-    if (is_spare(event)) {
-        const CGuard guard(m_mutex);
-        m_spare_used[event - m_spare_event] = false;
-    } else if (event->id >= FIRST_EVENT_ID) {
+    if (event->id >= FIRST_EVENT_ID) {
         m_pool.Put(event);
     }
 }
@@ -302,6 +257,8 @@ int CStateMachine::process_rx_msg_event(StateEvent& event) {
         return -1;
     }
     if (event.status > 0) {  // a reply from the peer, at a client
+        // A success that finds NO_STATE here is refused like a redirection: a client's operation that sends the next
+        // request mustn't give STATE_RESULT_STAY_LATER. The order of these tests is fixed.
         if (event.status <= STATUS_OK && m_next_state != NO_STATE) {
             set_state(m_next_state);
         } else {
@@ -357,15 +314,7 @@ int CStateMachine::process_asyn_msg_event(StateEvent& event) {
         return -1;
     }
     if (event.method == MSG_MACHINE_DESTROY) {
-        CDestroyWait* wait = nullptr;
-        {
-            const CGuard guard(m_mutex);
-            wait = m_destroy_wait;
-        }
-        delete this;
-        if (wait != nullptr) {
-            wait->Done();
-        }
+        end();
         return MSG_MACHINE_DESTROY;
     }
     set_wait_id(event.id);
@@ -375,24 +324,34 @@ int CStateMachine::process_asyn_msg_event(StateEvent& event) {
     return 0;
 }
 
+// Nothing of the machine is touched after this.
+void CStateMachine::end() {
+    CDestroyWait* wait = nullptr;
+    {
+        const CGuard guard(m_mutex);
+        wait = m_destroy_wait;
+    }
+    delete this;
+    if (wait != nullptr) {
+        wait->Done();
+    }
+}
+
 void CStateMachine::destroy() {
     CDestroyWait wait;
     bool waits = false;
+    StateEvent* event = GetEvent(STATE_EVENT_ASYN, STATE_EVENT_ASYN_SIZE, 0);
     {
         const CGuard guard(m_mutex);
-        if (m_busy && m_runner == std::this_thread::get_id()) {
-            m_owner_gone = true;
-        } else if (m_busy && m_hold_count < 1) {
+        waits = m_busy && m_runner != std::this_thread::get_id();
+        if (waits) {
             m_destroy_wait = &wait;
-            waits = true;
+        } else {
+            m_owner_gone = true;
         }
+        event = admit_asyn_locked(event, MSG_MACHINE_DESTROY);
     }
-    StateEvent& event = m_spare_event[DESTROY_EVENT];  // ready whatever else is in flight
-    event.type = STATE_EVENT_ASYN;
-    event.size = STATE_EVENT_ASYN_SIZE;
-    event.id = SPARE_EVENT_ID;
-    event.method = MSG_MACHINE_DESTROY;
-    deliver_asyn(&event);
+    execute(event);
     if (waits) {
         wait.Wait();
     }
@@ -414,9 +373,8 @@ int CStateMachine::keep(int operation) {
             return 0;
         }
         logDebug("tracepoint: %s, %d.\n", __FILE__, __LINE__);
-        m_busy = true;
-        m_runner = std::this_thread::get_id();
-        event = m_asyn_list.Pop();
+        set_busy_locked();
+        event = pop_asyn_locked();
     }
     return execute(event);
 }

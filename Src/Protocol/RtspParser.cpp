@@ -247,7 +247,12 @@ int CRtspParser::build_ext_headers(int method, std::string& out) const {
     if (method < 0 || method >= RTSP_METHOD_COUNT) {
         return -1;
     }
+    size_t size = 0;
+    for (const auto& [key, value] : m_ext_keys[method]) {
+        size += key.size() + value.size() + sizeof ": \r\n" - 1;
+    }
     try {
+        out.reserve(size);
         for (const auto& [key, value] : m_ext_keys[method]) {
             out.append(key).append(": ").append(value).append("\r\n");
         }

@@ -43,7 +43,7 @@ enum rtsp_limit_t {
 // one written; after a failed read the fields hold whatever the message reached.
 //
 // THREADING  None of its own: one thread at a time. See CRtspReqParser for the client's two threads.
-// MEMORY     About 20 kB, of which construction and ordinary messages touch the first 12 kB: only the first byte of a
+// MEMORY     About 16 kB, of which construction and ordinary messages touch the first 10 kB: only the first byte of a
 //            text is cleared, and the rarely used body lies behind the rest.
 class CRtspParser {
 public:

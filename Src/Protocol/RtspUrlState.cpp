@@ -25,10 +25,10 @@ const int KEY_PROXY_LENGTH = 6;
 const int KEY_FILE_LENGTH = 4;
 const int KEY_SUBTYPE_LENGTH = 8;
 
-// Copies at most `size` - 1 of `length` bytes.
+// Copies at most `size` - 1 of `length` bytes. `text` may lie in `out`: hosts parse again what a generator gave them.
 void copy_text(char* out, unsigned int size, const char* text, size_t length) {
     const size_t copied = std::min<size_t>(length, size - 1);
-    std::memcpy(out, text, copied);
+    std::memmove(out, text, copied);
     out[copied] = '\0';
 }
 
@@ -148,7 +148,8 @@ int CRtspUrlParser::CState::parser_auth_info(CStrParser& parser, std::string& us
     return 0;
 }
 
-// "host" or "host:port".
+// "host" or "host:port". The brackets of an IPv6 address aren't kept, as they are by AddConnection: the address is what
+// a socket wants.
 int CRtspUrlParser::CState::parser_connect_info(CStrParser& parser, char* host, unsigned int size, int& port) {
     int family = 0;
     if (parser.ConsumeIpAddr(host, size, &family) < 0) {
@@ -347,6 +348,8 @@ int CRtspUrlParser::CState::read_live(CStrParser& parser) {
     return 0;
 }
 
+// The token is printed as it came, to standard output like the faults of credentials and proxies above and below: hosts
+// look for them there, not in the log.
 int CRtspUrlParser::CState::read_token(CStrParser& parser) {
     std::printf("%s\n", parser.GetString());
     step_over(parser, "token=");

@@ -60,7 +60,7 @@ int CSdpParser::Parse(const char* text, int length) {
 }
 
 void CSdpParser::read_lines(CStrParser& text) {
-    for (int lines = text.GetLineNum(); lines > 0 && text.GetStringLen() > 1; --lines) {
+    while (text.GetStringLen() > 1) {
         // A reader gets its own line and no more, so that a bad line costs only that line.
         CStrParser line(text.GetString(), text.GetCurLinelength());
         read_line(line);

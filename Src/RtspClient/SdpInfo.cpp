@@ -114,7 +114,7 @@ int CSdpInfo::GetAudioChannel() {
 }
 
 int CSdpInfo::GetPacketType() {
-    return m_data != nullptr ? static_cast<int>(m_data->m_packet_type) : -1;
+    return m_data != nullptr && m_data->m_sdp != nullptr ? static_cast<int>(m_data->m_packet_type) : -1;
 }
 
 namespace {

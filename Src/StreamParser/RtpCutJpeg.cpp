@@ -25,7 +25,7 @@ constexpr uint32_t TABLES_COST = JPEG_QUANT_HEADER_LEN + TABLES_LEN;
 
 // A side in units of 8 samples.
 uint8_t eighths(uint16_t side) {
-    return side >= 2048 ? 255 : static_cast<uint8_t>(side / 8);
+    return static_cast<uint8_t>(side >= 2048 ? 255 : side / 8);
 }
 
 //  main header     type-specific (8) | fragment offset (24) | type (8) | Q (8) | width / 8 (8) | height / 8 (8)

@@ -3,6 +3,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 
 #include "Vidora/Ostra/ByteWriter.h"
 
@@ -34,16 +35,45 @@ struct RtpPacketNode {
     RtpPacketNode* next = nullptr;
 
     // Empties the node; the iov array and `next` stay.
-    void Reset();
+    void Reset() {
+        prefix = nullptr;
+        prefix_len = 0;
+        fixed_len = 0;
+        iov_count = 0;
+        body = nullptr;
+        body_len = 0;
+        raw = nullptr;
+        raw_len = 0;
+    }
     // Makes room for `count` iov pieces in all; grows to count + 4. False if memory is short, with no change.
     bool ReserveIov(uint32_t count);
     // Appends a piece. False if memory is short.
     bool AddIov(const unsigned char* data, uint32_t len);
 
     // Bytes of the packet behind its RTP header.
-    uint32_t Size() const;
+    uint32_t Size() const {
+        uint32_t size = prefix_len + fixed_len + body_len;
+        for (uint32_t i = 0; i < iov_count; ++i) {
+            size += iov[i].len;
+        }
+        return size;
+    }
     // Writes those bytes; check writer.Ok().
-    void Write(Ostra::CByteWriter& writer) const;
+    void Write(Ostra::CByteWriter& writer) const {
+        if (prefix_len > 0) {
+            writer.WriteBytes(prefix, prefix_len);
+        }
+        if (body_len >= FIXED_SIZE && writer.Remaining() >= FIXED_SIZE && writer.Ok() && writer.Data() != nullptr) {
+            // All of it in one move of known size; what is too much is overwritten by what follows in this packet.
+            std::memcpy(writer.Reserve(fixed_len), fixed, FIXED_SIZE);
+        } else {
+            writer.WriteBytes(fixed, fixed_len);
+        }
+        for (uint32_t i = 0; i < iov_count; ++i) {
+            writer.WriteBytes(iov[i].data, iov[i].len);
+        }
+        writer.WriteBytes(body, body_len);
+    }
 };
 
 // CRtpPacketList: a list of nodes that is filled from the front, again for each frame. It grows by blocks of 16 nodes
@@ -58,9 +88,24 @@ public:
     CRtpPacketList& operator=(const CRtpPacketList&) = delete;
 
     // The next free node, emptied and now in use; null if memory is short.
-    RtpPacketNode* Append();
+    RtpPacketNode* Append() {
+        RtpPacketNode* node = m_count == 0 ? m_head : m_last->next;
+        if (node == nullptr) {
+            node = grow();
+            if (node == nullptr) {
+                return nullptr;
+            }
+        }
+        node->Reset();
+        m_last = node;
+        ++m_count;
+        return node;
+    }
     // No node is in use any more.
-    void Clear();
+    void Clear() {
+        m_count = 0;
+        m_last = nullptr;
+    }
     uint32_t Count() const { return m_count; }
     // The first node in use, or null. A node's `next` leads on; it may lead to nodes that aren't in use, so walk
     // Count() nodes.
@@ -69,7 +114,7 @@ public:
 
 private:
     struct Block;
-    bool grow();
+    RtpPacketNode* grow();
 
     Block* m_blocks = nullptr;        // all blocks, the newest first
     RtpPacketNode* m_head = nullptr;  // first node

@@ -77,13 +77,13 @@ int CStreamDecRtp::feed_run(const unsigned char* data, int orig_len) {
         CByteReader header(reader.Rest(), sizeof(struct rtptcphdr));
         const bool framed = header.ReadU8() == '$';
         header.Skip(1);
-        const int rtp_len = header.ReadU16();
-        const unsigned char* packet = reader.ReadBytes(sizeof(struct rtptcphdr) + static_cast<size_t>(rtp_len));
+        const uint16_t rtp_len = header.ReadU16();
+        const unsigned char* packet = reader.ReadBytes(sizeof(struct rtptcphdr) + rtp_len);
         if (!framed || packet == nullptr) {
             logWarn("%s:%d run of RTP packets broken, %d of %d bytes left\n", __FILE__, __LINE__, len, orig_len);
             return FRAME_FAILED;
         }
-        const int ret = m_rtp2frame->PutPacket(packet, rtp_len + static_cast<int>(sizeof(struct rtptcphdr)));
+        const int ret = m_rtp2frame->PutPacket(packet, static_cast<int>(sizeof(struct rtptcphdr) + rtp_len));
         if (ret < 0) {
             return ret;
         }

@@ -149,7 +149,10 @@ Flumen::CMediaFrame CStreamEnc::output_single() {
         return out;
     }
     CByteWriter writer(out.getBuffer(), out.size());
-    return write_packet(writer, packet_len) ? out : Flumen::CMediaFrame();
+    if (!write_packet(writer, packet_len)) {
+        return Flumen::CMediaFrame();
+    }
+    return out;
 }
 
 Flumen::CMediaFrame CStreamEnc::output_merged() {
@@ -159,15 +162,25 @@ Flumen::CMediaFrame CStreamEnc::output_merged() {
     Flumen::CMediaFrame out(static_cast<unsigned int>(m_packer->GetTotalSize()) + extension + headers);
     CByteWriter writer(out.getBuffer(), out.size());
     bool ok = out.valid();
+    if (ok && m_rtp_packer != nullptr) {
+        const uint8_t interleave[] = {m_over_tcp.dollar, m_over_tcp.channel};
+        ok = m_rtp_packer->GetFrame(writer, m_over_tcp.use_header != 0 ? interleave : nullptr);
+    }
+    // The multiplexers' packets one by one. Without memory the frame is skipped, so that the next one finds nothing of
+    // it.
     for (unsigned int len = next_packet_len(); len > 0; len = next_packet_len()) {
-        if (!ok) {
-            end_packet();  // without memory the frame is skipped, so that the next one finds nothing of it
-        } else {
+        if (ok) {
             ok = write_packet(writer, len);
+        } else {
+            end_packet();
         }
     }
-    // Less than was made room for if some packets were taken singly before.
-    return ok && out.resize(static_cast<unsigned int>(writer.Offset())) ? out : Flumen::CMediaFrame();
+    m_last_frame = Flumen::CMediaFrame();
+    if (!ok) {
+        return Flumen::CMediaFrame();
+    }
+    out.resize(static_cast<unsigned int>(writer.Offset()));  // less if some packets were taken singly before
+    return out;
 }
 
 int CStreamEnc::SetParam(const RtpEncParam& param) {

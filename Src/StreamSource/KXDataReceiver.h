@@ -138,7 +138,7 @@ private:
     // Clients and buffers by packet_type_t.
     int m_client_count[PACKET_TYPE_NONE] VIDORA_GUARDED_BY(m_mutex) = {0, 0, 0};
     CMediaBuffer* m_media_buffer[PACKET_TYPE_NONE] VIDORA_GUARDED_BY(m_mutex) = {nullptr, nullptr, nullptr};
-    bool m_started VIDORA_GUARDED_BY(m_mutex) = false;  // Start succeeded on the source
+    bool m_started VIDORA_GUARDED_BY(m_mutex) = false;  // Start of the source runs, or has succeeded
     bool m_paused VIDORA_GUARDED_BY(m_mutex) = false;   // the client counts stay as they are when streaming resumes
     int m_cseq VIDORA_GUARDED_BY(m_mutex) = -1;         // of the last StartStreaming
 

@@ -178,14 +178,19 @@ int CKXDataReceiver::StartStreaming(packet_type_t packet_type, CMediaBuffer* buf
     return 0;
 }
 
+// Frames count from the call on: a source gives its first one, the key frame that every client needs, while Start runs.
 int CKXDataReceiver::start_source() {
-    if (!m_stream_source->Start(CStreamSource::frame_proc_t(this, &CKXDataReceiver::frame_proc))) {
-        logError("%s:%d m_stream_source->Start fail\n", __FILE__, __LINE__);
-        return -1;
+    {
+        CGuard guard(m_mutex);
+        m_started = true;
     }
+    if (m_stream_source->Start(CStreamSource::frame_proc_t(this, &CKXDataReceiver::frame_proc))) {
+        return 0;
+    }
+    logError("%s:%d m_stream_source->Start fail\n", __FILE__, __LINE__);
     CGuard guard(m_mutex);
-    m_started = true;
-    return 0;
+    m_started = false;
+    return -1;
 }
 
 int CKXDataReceiver::resume_source() {

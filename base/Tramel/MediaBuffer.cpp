@@ -1,5 +1,6 @@
 #include "Tramel/MediaBuffer.h"
 
+#include <atomic>
 #include <new>
 
 #include "Tramel/Level2List.h"
@@ -25,15 +26,19 @@ namespace {
 const unsigned int MAX_GROUPS = 32;
 const size_t GROUP_SINKS = 16;  // a new group is made when all have that many, while there may be more groups
 
+const uint64_t SPREAD_AFTER_US = 2000;
+const uint64_t STUCK_AFTER_US = 20000;
+
 const int PAIR_HEADER_LENGTH = 6;  // "$", channel, 32-bit length: the header of a private frame
 
 }  // namespace
 
 // The shared record: it outlives the buffer while a Put runs.
 //
-// As a strand it makes the groups' turns due, from a thread of the pool: so a put makes one turn due, whatever the
-// number of groups, and wakes one thread as the last thing that it does for its senders. Threads that the pool wakes
-// for the groups are then unlikely to take the processor from a source that is still inside Put.
+// As a strand it writes the groups one after another on one thread of the pool, and only when that takes longer than
+// SPREAD_AFTER_US makes turns of the others due, for all threads. So a put wakes one thread, as the last thing that it
+// does for its senders: threads that wake for more are unlikely to take the processor from a source inside Put, and a
+// socket's state isn't carried from one processor's cache to another's for the sake of a millisecond.
 class CMediaBuffer::CImpl final : public CStrand {
 public:
     ~CImpl();
@@ -68,10 +73,12 @@ private:
     void drop_sides_locked() VIDORA_REQUIRES(m_mutex);
     uint32_t hand_out_locked(COutputUnit* unit) VIDORA_REQUIRES(m_mutex);
     CSinkGroup* pick_group_locked() VIDORA_REQUIRES(m_mutex);
+    void start_writing();
     void help(uint32_t groups);
     std::shared_ptr<CSinkGroup> group(unsigned int index);
 
     CLevel2List m_level2;
+    std::atomic<uint64_t> m_turn_begin_us{0};  // when the turn of this strand that runs began; 0 if none runs
 
     CMutex m_mutex;
     std::shared_ptr<CSinkGroup> m_groups[MAX_GROUPS] VIDORA_GUARDED_BY(m_mutex);
@@ -106,7 +113,7 @@ int CMediaBuffer::CImpl::Put(CMediaPacket* packet, int length, int flag, int cha
         return -1;
     }
     if (handed_out) {
-        Schedule();
+        start_writing();
     }
     m_level2.Put(packet, length, flag, channel);
     help(late);
@@ -173,14 +180,38 @@ COutputUnit* CMediaBuffer::CImpl::finish_unit_locked(CMediaPacket* packet, int l
 }
 
 bool CMediaBuffer::CImpl::RunTurn() {
+    const uint64_t begin = CTime::getCurrentMicroSecond();
+    m_turn_begin_us.store(begin);
     for (unsigned int i = 0; i < MAX_GROUPS; ++i) {
-        const std::shared_ptr<CSinkGroup> due = group(i);
-        if (due == nullptr) {
+        const std::shared_ptr<CSinkGroup> next = group(i);
+        if (next == nullptr) {
             break;
         }
-        due->Kick();
+        if (CTime::getCurrentMicroSecond() - begin < SPREAD_AFTER_US) {
+            next->RunHere();
+        } else {
+            next->Kick();
+        }
     }
+    m_turn_begin_us.store(0);
     return false;
+}
+
+// Sees to it that a thread of the pool writes the groups. A turn that began long ago is held up by a send procedure;
+// the other groups don't wait for it.
+void CMediaBuffer::CImpl::start_writing() {
+    Schedule();
+    const uint64_t begin = m_turn_begin_us.load();
+    if (begin == 0 || CTime::getCurrentMicroSecond() - begin < STUCK_AFTER_US) {
+        return;
+    }
+    for (unsigned int i = 0; i < MAX_GROUPS; ++i) {
+        const std::shared_ptr<CSinkGroup> next = group(i);
+        if (next == nullptr) {
+            break;
+        }
+        next->Kick();
+    }
 }
 
 // Gives the unit to all groups: the set of those that don't keep up.

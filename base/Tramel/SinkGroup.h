@@ -43,7 +43,8 @@ public:
     bool Put(COutputUnit* unit);
     // Makes a turn due if units wait for one.
     void Kick();
-    // One turn on the calling thread, unless another thread runs one; without a pool, turns until nothing waits.
+    // One turn on the calling thread, unless another thread runs one or nothing waits. What comes meanwhile is left to
+    // a turn on the pool; without a pool it is done here as well.
     void RunHere();
 
     // `from_sequence`: the first unit that the sender gets. False if memory is short.

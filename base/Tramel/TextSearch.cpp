@@ -1,6 +1,7 @@
 #include "Tramel/TextSearch.h"
 
 #include <algorithm>
+#include <cstdint>
 #include <cstring>
 
 namespace Kavio {
@@ -80,6 +81,64 @@ size_t two_way_search(const char* haystack, size_t haystack_size, const char* ne
     return TEXT_NOT_FOUND;
 }
 
+// Sixteen bytes of the haystack at once.
+const size_t BLOCK_SIZE = 16;
+const size_t MAX_FREE_COMPARISON = 256;  // bytes, before comparing is weighed against searching
+typedef uint8_t Block __attribute__((vector_size(BLOCK_SIZE)));
+
+// Matches a byte of the needle in either case: setting bit 0x20 makes lower case of a letter, and a letter of no other
+// byte.
+struct CaseByte {
+    explicit CaseByte(char c)
+        : folded(FoldCase(c)), mask(folded >= 'a' && folded <= 'z' ? uint8_t{0x20} : uint8_t{0}) {}
+
+    Block Matches(const char* bytes) const {
+        Block block;
+        std::memcpy(&block, bytes, BLOCK_SIZE);
+        return reinterpret_cast<Block>((block | mask) == folded);
+    }
+
+    uint8_t folded;
+    uint8_t mask;
+};
+
+bool any(const Block& block) {
+    uint64_t halves[2];
+    std::memcpy(halves, &block, BLOCK_SIZE);
+    return (halves[0] | halves[1]) != 0;
+}
+
+// Compares the needle only where its first and its last byte stand, which is seldom in real text. A haystack made of
+// such places would cost needle times haystack: when comparing has cost too much, two_way_search goes on instead, so
+// that the whole stays linear.
+size_t block_search(const char* haystack, size_t haystack_size, const char* needle, size_t needle_size) {
+    const CaseByte first(needle[0]);
+    const CaseByte last(needle[needle_size - 1]);
+    const size_t places = haystack_size - needle_size + 1;
+    if (places < BLOCK_SIZE) {
+        return two_way_search(haystack, haystack_size, needle, needle_size);
+    }
+    size_t compared = 0;
+    for (size_t next = 0; next < places; next += BLOCK_SIZE) {
+        const size_t at = std::min(next, places - BLOCK_SIZE);  // the last block reaches back into the one before
+        const Block hits = first.Matches(haystack + at) & last.Matches(haystack + at + needle_size - 1);
+        if (!any(hits)) {
+            continue;
+        }
+        for (size_t i = 0; i < BLOCK_SIZE; ++i) {
+            if (hits[i] != 0 && EqualCase(haystack + at + i, needle, needle_size)) {
+                return at + i;
+            }
+            compared += hits[i] != 0 ? needle_size : 0;
+        }
+        if (compared > 4 * (at + BLOCK_SIZE) + MAX_FREE_COMPARISON) {
+            const size_t found = two_way_search(haystack + at, haystack_size - at, needle, needle_size);
+            return found != TEXT_NOT_FOUND ? at + found : TEXT_NOT_FOUND;
+        }
+    }
+    return TEXT_NOT_FOUND;
+}
+
 }  // namespace
 
 unsigned char FoldCase(char c) {
@@ -111,7 +170,7 @@ size_t FindTextCase(const char* haystack, size_t haystack_size, const char* need
     if (needle_size == 0) {
         return 0;
     }
-    return needle_size > haystack_size ? TEXT_NOT_FOUND : two_way_search(haystack, haystack_size, needle, needle_size);
+    return needle_size > haystack_size ? TEXT_NOT_FOUND : block_search(haystack, haystack_size, needle, needle_size);
 }
 
 }  // namespace Tramel

@@ -19,8 +19,7 @@ namespace Vidora {
 // THREADING  Any thread; it locks for itself. Init before all else.
 class NodePool {
 public:
-    // Takes `node_num` nodes of `node_size` bytes at `pool`, which is aligned for a pointer, as is `node_size`. 0 or
-    // -1.
+    // Takes `node_num` nodes of `node_size` bytes at `pool`; both place and size are aligned for a pointer. 0 or -1.
     int Init(void* pool, uint16_t node_num, uint16_t node_size) {
         if (!OSTRA_ASSERT(pool && node_num > 0 && node_size >= sizeof(Node))) {
             return -1;
@@ -38,19 +37,16 @@ public:
 
     // A node with undefined contents; null when none is free.
     void* Get() {
-        const Ostra::CGuard guard(m_mutex);
-        if (m_free == 0 || (m_head == nullptr && m_fresh == m_node_num)) {
-            Ostra::logDebug("%s:%d node isn't enough!And minus number is %d \n", __FILE__, __LINE__, m_min_free);
-            return nullptr;
+        int min_free = 0;
+        {
+            const Ostra::CGuard guard(m_mutex);
+            if (m_free > 0) {
+                return take_locked();
+            }
+            min_free = m_min_free;
         }
-        --m_free;
-        m_min_free = m_free < m_min_free ? m_free : m_min_free;
-        if (m_head == nullptr) {
-            return m_pool + size_t{m_node_size} * m_fresh++;
-        }
-        Node* node = m_head;
-        m_head = node->next;
-        return node;
+        Ostra::logDebug("%s:%d node isn't enough!And minus number is %d \n", __FILE__, __LINE__, min_free);
+        return nullptr;
     }
 
     // Gives a node of this pool back.
@@ -81,6 +77,17 @@ private:
     struct Node {
         Node* next;
     };
+
+    void* take_locked() VIDORA_REQUIRES(m_mutex) {
+        --m_free;
+        m_min_free = m_free < m_min_free ? m_free : m_min_free;
+        if (m_head == nullptr) {
+            return m_pool + size_t{m_node_size} * m_fresh++;
+        }
+        Node* node = m_head;
+        m_head = node->next;
+        return node;
+    }
 
     mutable Ostra::CMutex m_mutex;
     unsigned char* m_pool VIDORA_GUARDED_BY(m_mutex) = nullptr;

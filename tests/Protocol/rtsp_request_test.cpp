@@ -5,8 +5,10 @@
 
 #include <cstring>
 #include <new>
+#include <sstream>
 
 #include "Protocol/RtspRspParser.h"
+#include "Protocol/RtspTables.h"
 #include "support/Capture.h"
 #include "support/RtspText.h"
 
@@ -25,92 +27,57 @@ std::string id_of(const CRtspRspParser& parser) {
     return std::to_string(parser.get_session_id());
 }
 
-// Requests recorded from players, or written after their documents.
-TEST(RtspRequest, RequestsOfRealPlayers) {
-    const struct {
-        const char* text;
-        int method;
-        int cseq;
-        const char* url;
-        int kind;
-    } rows[] = {
-        {"OPTIONS rtsp://127.0.0.1:8554/live?x=1 RTSP/1.0\nCSeq: 1\nUser-Agent: Lavf59.27.100\n\n", 0, 1,
-         "rtsp://127.0.0.1:8554/live?x=1", CLIENT_KIND_UNKNOWN},
-        {"DESCRIBE rtsp://127.0.0.1:8554/live RTSP/1.0\nAccept: application/sdp\nCSeq: 2\nUser-Agent: "
-         "Lavf59.27.100\n\n",
-         1, 2, "rtsp://127.0.0.1:8554/live", CLIENT_KIND_UNKNOWN},
-        {"OPTIONS rtsp://127.0.0.1:8554/live RTSP/1.0\nCSeq: 1\nUser-Agent: GStreamer/1.22.0\nUser-Agent: RealMedia "
-         "Player Version 6.0.9.1235 (linux-2.0-libc6-i386-gcc2.95)\nClientChallenge: "
-         "9e26d33f2984236010ef6253fb1887f7\nCompanyID: KnKV4M4I/B2FjJ1TToLycw==\nGUID: "
-         "00000000-0000-0000-0000-000000000000\nRegionData: 0\nPlayerStarttime: [28/03/2003:22:50:23 "
-         "00:00]\nClientID: Linux_2.4_6.0.9.1235_play32_RN01_EN_586\nDate: Sat, 21 Nov 2026 07:45:42 GMT\n\n",
-         0, 1, "rtsp://127.0.0.1:8554/live", CLIENT_KIND_UNKNOWN},
-        {"TEARDOWN rtsp://127.0.0.1:8554/live/ RTSP/1.0\nCSeq: 6\nUser-Agent: GStreamer/1.22.0\nSession: "
-         "12345678\nDate: Sat, 21 Nov 2026 07:45:48 GMT\n\n",
-         5, 6, "rtsp://127.0.0.1:8554/live/", CLIENT_KIND_UNKNOWN},
-        {"OPTIONS * RTSP/1.0\nCSeq: 2\nUser-Agent: LibVLC/3.0.18 (LIVE555 Streaming Media v2016.11.28)\n\n", 0, 2, "",
-         CLIENT_KIND_LIBVLC},
-        {"PAUSE rtsp://10.0.0.9/cam/ RTSP/1.0\nCSeq: 11\nUser-Agent: QuickTime/7.6.6 (qtver=7.6.6;os=Windows NT "
-         "5.1)\nSession: 1\n\n",
-         4, 11, "rtsp://10.0.0.9/cam/", CLIENT_KIND_QUICKTIME},
-        {"GET_PARAMETER rtsp://10.0.0.9/cam RTSP/1.0\nCSeq: 12\nUser-agent: Kavio Rtsp Client/1.2\n\n", 7, 12, "",
-         CLIENT_KIND_OWN},
-        {"PLAY rtsp://10.0.0.9/cam RTSP/1.0\nCSeq: 4\nUser-Agent: Rtsp Client/2.0\nRange: npt=0.000000-\n\n", 3, 4,
-         "rtsp://10.0.0.9/cam", CLIENT_KIND_UNKNOWN},
-    };
-    for (const auto& row : rows) {
-        CRtspRspParser parser;
-        EXPECT_EQ(read(parser, row.text), 0) << row.text;
-        EXPECT_EQ(parser.get_method(), row.method) << row.text;
-        EXPECT_EQ(parser.get_cseq(), row.cseq) << row.text;
-        EXPECT_STREQ(parser.get_url(), row.url);
-        EXPECT_EQ(parser.get_client_kind(), row.kind) << row.text;
+std::string what_it_carries(const CRtspRspParser& parser) {
+    const transport_info* t = parser.get_transport();
+    const multicast_info* m = parser.get_multicast();
+    std::ostringstream out;
+    double begin = 0;
+    double end = 0;
+    UtcTime begin_utc;
+    UtcTime end_utc;
+    bool is_scale = false;
+    switch (parser.get_method()) {
+        case RTSP_METHOD_DESCRIBE:
+        case RTSP_METHOD_SETUP:
+            out << (t->packet_kx == 1 ? " KX" : " RTP") << (t->transport == RTP_OVER_UDP ? " udp " : " tcp ");
+            if (t->multicast != 0) {
+                out << "multicast " << m->addr << " ttl " << m->ttl << " ";
+            }
+            out << t->rtp_port << "-" << t->rtcp_port;
+            break;
+        case RTSP_METHOD_PLAY:
+            parser.get_npt_range(&begin, &end);
+            parser.get_clock_range(&begin_utc, &end_utc);
+            if (parser.get_range_type() == 0) {
+                out << " npt " << begin << " " << end;
+            } else {
+                out << " clock " << begin_utc.year << "-" << begin_utc.month << "-" << begin_utc.day << " "
+                    << end_utc.year << "-" << end_utc.month << "-" << end_utc.day;
+            }
+            parser.get_speed(&is_scale);
+            out << (is_scale ? " scale " : " speed ") << parser.get_speed(nullptr) << " cseq "
+                << parser.get_range_cseq();
+            break;
+        case RTSP_METHOD_SET_PARAMETER:
+        case RTSP_METHOD_GET_PARAMETER:
+            out << " [" << parser.get_body() << "]";
+            break;
     }
+    return out.str() + (parser.get_session()[0] != '\0' ? " session" : "");
 }
 
-TEST(RtspRequest, TransportsOfRealPlayers) {
-    const struct {
-        const char* headers;
-        int result;
-        int kx;
-        int transport;
-        int multicast;
-        int rtp;
-        int rtcp;
-        const char* addr;
-        int ttl;
-    } rows[] = {
-        {"Transport: RTP/AVP/TCP;unicast;interleaved=0-1\n", 0, 0, 0, 0, 0, 1, "", 0},
-        {"Transport: KX/AVP/TCP;unicast;interleaved=2-3\n", 0, 1, 0, 0, 2, 3, "", 0},
-        {"Transport: RTP/AVP/UDP;unicast;client_port=24192-24193\n", 0, 0, 1, 0, 24192, 24193, "", 0},
-        {"Transport: RTP/AVP;unicast;client_port=48036-48037\nUser-Agent: GStreamer/1.22.0\n", 0, 0, 1, 0, 48036, 48037,
-         "", 0},
-        {"transport: rtp/avp;unicast;port=4000-4001\n", 0, 0, 1, 0, 4000, 4001, "", 0},
-        {"Transport: RTP/AVP;unicast;client_port=4000\nX: 77\n", 0, 0, 1, 0, 4000, 77, "", 0},  // from the next digits
-        {"Transport: RTP/AVP;unicast;client_port=70000-1\n", 0, 0, 1, 0, 0, 0, "", 0},
-        {"Transport: RTP/AVP;multicast;destination=239.1.2.3;port=5000-5001;ttl=16\n", 0, 0, 1, 1, 5000, 5001,
-         "239.1.2.3", 16},
-        {"Transport: RTP/AVP;multicast;destination=239.1.2.3;port=5000;ttl=1\n", 0, 0, 1, 1, 5000, 0, "239.1.2.3", 1},
-        {"Transport: RTP/AVP;multicast;destination=group.example;port=5000-5001\n", 0, 0, 1, 1, 5000, 5001, "", 0},
-        {"Transport: RTP/AVP;unicast;destination=10.0.0.1;client_port=6000-6001\n", 0, 0, 1, 0, 6000, 6001, "", 0},
-        {"", 0, 0, 0, 0, 0, 0, "", 0},
-        {"Transport: RAW/RAW/UDP;unicast;client_port=4000-4001\n", -1, 0, 0, 0, 0, 0, "", 0},
-    };
-    for (const auto& row : rows) {
+TEST(RtspRequest, RequestsOfRealPlayers) {
+    const std::vector<Support::RtspSample> samples = Support::ReadRtspSamples(VIDORA_TEST_DATA "/rtsp_requests.txt");
+    EXPECT_GT(samples.size(), 25U);
+    for (const Support::RtspSample& sample : samples) {
         CRtspRspParser parser;
-        const std::string text = std::string("SETUP rtsp://h/cam/track1 RTSP/1.0\n") + row.headers + "CSeq: 3\n\n";
-        EXPECT_EQ(read(parser, text), row.result) << row.headers;
-        const transport_info* t = parser.get_transport();
-        EXPECT_EQ(t->packet_kx, row.kx) << row.headers;
-        EXPECT_EQ(t->transport, row.transport) << row.headers;
-        EXPECT_EQ(t->multicast, row.multicast) << row.headers;
-        EXPECT_EQ(t->rtp_port, row.rtp) << row.headers;
-        EXPECT_EQ(t->rtcp_port, row.rtcp) << row.headers;
-        // "group.example;port=5000-5001" has no digit in its name: the first digits are the port, which is no address.
-        EXPECT_STREQ(parser.get_multicast()->addr, row.addr) << row.headers;
-        EXPECT_EQ(parser.get_multicast()->ttl, row.ttl) << row.headers;
-        const bool session = row.result == 0 && row.headers[0] != '\0';
-        EXPECT_EQ(parser.get_session(), session ? "Session: " + id_of(parser) + "\r\n" : "") << row.headers;
+        const Support::CLogCapture log;
+        std::ostringstream got;
+        got << parser.parse_request(sample.message.data(), static_cast<unsigned int>(sample.message.size()), nullptr);
+        const char* name = RtspMethodName(parser.get_method());
+        got << " " << (name != nullptr ? name : "unknown") << " " << parser.get_cseq() << " [" << parser.get_url()
+            << "] client " << parser.get_client_kind() << what_it_carries(parser);
+        EXPECT_EQ(got.str(), sample.expected) << sample.message;
     }
 }
 
@@ -133,21 +100,13 @@ TEST(RtspRequest, SessionIsCheckedOnceThereIsOne) {
     EXPECT_EQ(parser.get_client_kind(), CLIENT_KIND_LIBVLC);  // settled by the first
 }
 
-TEST(RtspRequest, FaultyRequests) {
+TEST(RtspRequest, FaultsAndLongTexts) {
     const Support::CLogCapture log;
     CRtspRspParser parser;
     EXPECT_EQ(parser.parse_request(nullptr, 5, nullptr), 0);
     EXPECT_EQ(parser.parse_request("x", 0, nullptr), 0);
-    EXPECT_EQ(read(parser, "PLAY rtsp://h/x RTSP/1.0\nCSeq: 1\n"), -1);
-    for (const char* method : {"DESCRIBE", "SETUP", "PLAY", "PAUSE", "TEARDOWN"}) {
-        EXPECT_EQ(read(parser, std::string(method) + " http://h/x RTSP/1.0\nCSeq: 1\n\n"), -1) << method;
-    }
-    EXPECT_EQ(read(parser, "RECORD rtsp://h/x RTSP/1.0\nCSeq: 5\nUser-Agent: LibVLC\n\n"), -5);
-    EXPECT_EQ(log.Count("RTSP Command[8]: RECORD rtsp://h/x RTSP/1.0\r\nCSeq: 5\r\nUser-Agent: LibVLC\r\n\r\n not "
-                        "supported \n"),
-              1);
-    EXPECT_EQ(parser.get_client_kind(), CLIENT_KIND_LIBVLC);
-
+    EXPECT_EQ(read(parser, "RECORD rtsp://h/x RTSP/1.0\nCSeq: 5\n\n"), -5);
+    EXPECT_EQ(log.Count("RTSP Command[8]: RECORD rtsp://h/x RTSP/1.0\r\nCSeq: 5\r\n\r\n not supported \n"), 1);
     EXPECT_EQ(read(parser, "OPTIONS * RTSP/1.0\nCSeq: 1\nauthorization:  Basic abc=\n\n"), 0);
     EXPECT_STREQ(parser.get_auth(), "Basic abc=");
     EXPECT_EQ(read(parser, "OPTIONS " + std::string(3000, 'u') + " RTSP/1.0\nCSeq: 1\n\n"), 0);

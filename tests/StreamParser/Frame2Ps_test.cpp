@@ -3,12 +3,15 @@
 #include <gtest/gtest.h>
 
 #include "Vidora/Types.h"
+#include "support/Capture.h"
 #include "support/PackerUnits.h"
 #include "support/StreamBytes.h"
 
 namespace Kavio {
-namespace Vidora {
 namespace Support {
+
+using namespace Vidora;
+
 namespace {
 
 TEST(Frame2Ps, HeadersAreAsReadersExpectThem) {
@@ -83,9 +86,9 @@ TEST(Frame2Ps, RefusalsLeaveItInUse) {
     // 14 + 18 + 24 bytes of headers; 514 full parts of 1019 bytes leave room for one of 447 bytes behind its header.
     const uint32_t most = 514 * 1000 + 447;
     for (const uint32_t len : {0u, most + 1, STREAM_BUFFER_LEN, STREAM_BUFFER_LEN + 1}) {
-        LogText log;
+        Support::CLogCapture log;
         EXPECT_EQ(-1, packer.PutFrame(huge.data(), len, ENC_TYPE_H264, 0, 0)) << len;
-        EXPECT_TRUE(log.Has("CFrame2Ps::PutFrame PsStream fail\n"));
+        EXPECT_EQ(1, log.Count("CFrame2Ps::PutFrame PsStream fail\n"));
         EXPECT_EQ(0, packer.GetPacketCount());
         EXPECT_EQ(0, packer.GetPacketSize());
         EXPECT_EQ(0, packer.GetTotalSize());
@@ -126,5 +129,4 @@ TEST(Frame2Ps, RunsThroughADay) {
 
 }  // namespace
 }  // namespace Support
-}  // namespace Vidora
 }  // namespace Kavio

@@ -2,15 +2,21 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
+#include "StreamParser/Frame2Ts.h"
+#include "support/Capture.h"
 #include "support/Depacketiser.h"
+#include "support/PackerUnits.h"
 #include "support/StreamBytes.h"
 
 namespace Kavio {
-namespace Vidora {
 namespace Support {
+
+using namespace Vidora;
+
 namespace {
 
 const Bytes SPS = FromHex("6742c01eda0280be40");
@@ -58,9 +64,9 @@ TEST(Rtp2Frame, HeadersThatLieAreRefused) {
     };
     for (const Row& row : rows) {
         Depacketiser in(ENC_TYPE_AUDIO);
-        LogText log;
+        Support::CLogCapture log;
         EXPECT_EQ(row.result, in.Put(row.packet)) << row.name;
-        EXPECT_EQ(row.result < 0, log.Has("CRtp2Frame::PutPacket input invalid. buf[")) << row.name;
+        EXPECT_EQ(row.result < 0, log.Count("CRtp2Frame::PutPacket input invalid. buf[")) << row.name;
         if (row.result > 0 && row.packet.size() > 13 && std::string(row.name) != "padding of zero bytes") {
             EXPECT_EQ(ToHex(payload), ToHex(in.Last())) << row.name;
         }
@@ -128,10 +134,10 @@ TEST(Rtp2Frame, RunsThroughADay) {
 }
 
 TEST(Rtp2Frame, TheFirstPacketTellsItsSsrc) {
-    LogText log;
+    Support::CLogCapture log;
     Depacketiser in(ENC_TYPE_AUDIO);
     in.Put(MakeRtp(RtpSpec(), {1}));
-    EXPECT_TRUE(log.Has(">>> RTP SSRC CHANGES from [00000000] to [11223344]\n"));
+    EXPECT_EQ(1, log.Count(">>> RTP SSRC CHANGES from [00000000] to [11223344]\n"));
     EXPECT_EQ(std::vector<std::string>{"ssrc 0 287454020"}, in.m_events);
     EXPECT_EQ(0x11223344u, in.Engine().GetSsrc());
     EXPECT_EQ(1, in.Engine().GetLastSeq());
@@ -217,7 +223,7 @@ TEST(Rtp2Frame, H264PayloadsBecomeAByteStream) {
     };
     for (const Row& row : rows) {
         Depacketiser in(ENC_TYPE_H264);
-        LogText log;
+        Support::CLogCapture log;
         RtpSpec spec;
         int result = 0;
         for (const char* payload : row.payloads) {
@@ -228,7 +234,7 @@ TEST(Rtp2Frame, H264PayloadsBecomeAByteStream) {
         EXPECT_EQ(row.result, result) << row.name;
         EXPECT_EQ(ToHex(FromHex(row.frame)), ToHex(in.Last())) << row.name;
         EXPECT_EQ(std::string(row.letter != 0 ? 1 : 0, row.letter), in.m_letters) << row.name;
-        EXPECT_EQ(result < 0, log.Has("CRtp2Frame::PutPacket make_frame[enc_type=1] fail, ret = -")) << row.name;
+        EXPECT_EQ(result < 0, log.Count("CRtp2Frame::PutPacket make_frame[enc_type=1] fail, ret = -")) << row.name;
     }
 }
 
@@ -357,7 +363,7 @@ TEST(Rtp2Frame, AudioAndAssistHeadersAreCut) {
     };
     for (const Row& row : rows) {
         Depacketiser in(row.enc_type);
-        LogText log;
+        Support::CLogCapture log;
         EXPECT_EQ(CRtp2Frame::ASSIST_TYPE_NONE, in.Engine().GetAssistType());
         RtpSpec spec;
         int result = 0;
@@ -370,7 +376,7 @@ TEST(Rtp2Frame, AudioAndAssistHeadersAreCut) {
         EXPECT_EQ(row.frame, ToHex(in.Last())) << row.enc_type;
         EXPECT_EQ(row.letters, in.m_letters) << row.enc_type;
         EXPECT_EQ(row.enc_type == ENC_TYPE_ASSIST, in.Engine().GetAssistType() == 7) << row.enc_type;
-        EXPECT_EQ(row.enc_type == ENC_TYPE_ONVIF_METADATA, log.Has("CRtp2Frame enc_type[8] not right!\n"));
+        EXPECT_EQ(row.enc_type == ENC_TYPE_ONVIF_METADATA, log.Count("CRtp2Frame enc_type[8] not right!\n"));
     }
 }
 
@@ -427,7 +433,43 @@ TEST(Rtp2Frame, JpegHeadersAreRebuilt) {
     }
 }
 
+// A transport stream in RTP: seven packets in each, the marker on the last one of a frame, frames of sound among them.
+TEST(Rtp2Frame, TransportStreamsGiveTheFramesOfTheirFirstTrack) {
+    CFrame2Ts packer;
+    packer.SetTsInfo(STREAM_KIND_H264, STREAM_KIND_AUDIO, 7);
+    Depacketiser in(ENC_TYPE_MPEG2TS, true);
+    EXPECT_EQ(-1, in.Engine().GetTsEncodeType());
+    RtpSpec spec;
+    std::vector<Bytes> frames;
+    int results = 0;
+    for (int i = 0; i < 30; ++i) {
+        Bytes frame = i % 3 == 2   ? Bytes(200, 0xAA)
+                      : i % 2 == 0 ? CODE + SPS + CODE + PPS + CODE + FromHex("658884")
+                                   : CODE + FromHex("61e0");
+        frame.resize(frame.size() + static_cast<size_t>(i) * 500, 0x55);
+        packer.PutFrame(frame.data(), static_cast<unsigned>(frame.size()), i % 3 == 2 ? ENC_TYPE_AUDIO : ENC_TYPE_H264,
+                        static_cast<uint64_t>(i), 0);
+        spec.timestamp += 3600;
+        const std::vector<Bytes> units = UnitsOf(packer);
+        for (const Bytes& unit : units) {
+            spec.marker = &unit == &units.back();
+            // Bytes behind the last whole packet of 188 aren't looked at.
+            results += in.Put(MakeRtp(spec, spec.marker ? unit + Bytes(20, 0x47) : unit));
+            ++spec.sequence;
+        }
+        if (i % 3 != 2) {
+            frames.push_back(frame);
+        }
+    }
+    in.m_frames.erase(std::remove(in.m_frames.begin(), in.m_frames.end(), Bytes()), in.m_frames.end());
+    EXPECT_EQ(frames, in.m_frames);  // a frame of sound comes out empty, when the next one's time stamp ends it
+    EXPECT_EQ(20 * 1 + 9 * 20, results);
+    EXPECT_EQ(640, in.Engine().GetWidth());
+    EXPECT_EQ(368, in.Engine().GetHeight());
+    EXPECT_EQ(2, in.Engine().GetTsEncodeType());
+    EXPECT_EQ(-1, in.Put(MakeRtp(spec, Bytes(188, 0x48))));
+}
+
 }  // namespace
 }  // namespace Support
-}  // namespace Vidora
 }  // namespace Kavio

@@ -7,14 +7,16 @@
 #include "StreamParser/Crc32.h"
 #include "StreamParser/Frame2Ts.h"
 #include "StreamParser/Ts2Frame.h"
-#include "Vidora/Ostra/Assert.h"
 #include "Vidora/Types.h"
+#include "support/Capture.h"
 #include "support/PackerUnits.h"
 #include "support/StreamBytes.h"
 
 namespace Kavio {
-namespace Vidora {
 namespace Support {
+
+using namespace Vidora;
+
 namespace {
 
 // The TS packets of a frame; empty if it wasn't taken.
@@ -124,11 +126,11 @@ TEST(Frame2Ts, UnitsAndRefusals) {
     for (const int per_output : {1, 7, 0, 100000}) {
         packer.SetTsInfo(STREAM_KIND_H264, STREAM_KIND_AUDIO, per_output);
         const unsigned unit = per_output == 1 ? 188 : per_output == 100000 ? 2788 * 188 : 1316;
-        LogText log;
+        Support::CLogCapture log;
         EXPECT_EQ(-1, packer.PutFrame(huge.data(), static_cast<unsigned>(huge.size()), 1, 0, 0));
         EXPECT_EQ(-1, packer.PutFrame(nullptr, 10, 1, 0, 0));
         EXPECT_EQ(-1, packer.PutFrame(huge.data(), 0, 1, 0, 0));
-        EXPECT_TRUE(log.Has("CFrame2Ts::PutFrame TsStream fail\n"));
+        EXPECT_EQ(3, log.Count("CFrame2Ts::PutFrame TsStream fail\n"));
         EXPECT_EQ(0, packer.GetPacketCount());
         EXPECT_EQ(0, packer.GetPacketSize());
         EXPECT_EQ(-1, packer.NextPacket());
@@ -302,14 +304,14 @@ TEST(Ts2Frame, TablesOfOthersAreRead) {
     };
     for (const Row& row : rows) {
         Ts2Frame in;
-        LogText log;
+        Support::CLogCapture log;
         EXPECT_EQ(0, in.PutPacket(row.pat.data(), TS_PACK_LEN, false)) << row.name;
         EXPECT_EQ(0, in.PutPacket(row.pmt.data(), TS_PACK_LEN, false)) << row.name;
         EXPECT_EQ(row.tracks, in.GetTable().track_count) << row.name;
         Demuxed out;
         EXPECT_EQ(row.result, put(in, ts_packet(0x111, true, SLICE), true, out)) << row.name;
-        EXPECT_EQ(row.result < 0, log.Has(", unsupported encode type, 5.\n")) << row.name;
-        EXPECT_EQ(row.result < 0, log.Has(" _ts_stream.dec ret:-1 \n")) << row.name;
+        EXPECT_EQ(row.result < 0, log.Count(", unsupported encode type, 5.\n")) << row.name;
+        EXPECT_EQ(row.result < 0, log.Count(" _ts_stream.dec ret:-1 \n")) << row.name;
         // A good program after it is read as ever.
         in.PutPacket(PAT.data(), TS_PACK_LEN, false);
         in.PutPacket(PMT.data(), TS_PACK_LEN, false);
@@ -352,20 +354,17 @@ TEST(Ts2Frame, BrokenPacketsAreRefusedOrIgnored) {
         put(in, PAT, false, out);
         put(in, PMT, false, out);
         EXPECT_EQ(0, put(in, ts_packet(0x111, true, SLICE), false, out));
-        LogText log;
+        Support::CLogCapture log;
         EXPECT_EQ(row.result, put(in, row.packet, false, out)) << row.name;
         EXPECT_EQ(row.result == 0 ? 7u : 0u, in.GetFrameSize()) << row.name;  // a failure drops the frame
-        EXPECT_TRUE(log.Has(row.log)) << row.name << log.Text();
+        EXPECT_EQ(*row.log != 0 ? 1 : 0, log.Count(row.log)) << row.name;
         EXPECT_EQ(1, put(in, ts_packet(0x111, false, FromHex("bb")), true, out)) << row.name;
         EXPECT_EQ(row.result == 0 ? "0000000161e0aabb" : "bb", ToHex(out.frames.back())) << row.name;
     }
-    std::vector<std::string> asserted;
-    static std::vector<std::string>* texts = &asserted;
-    Ostra::SetAssertHandler([](const char* text, const char*, int) { texts->push_back(text); });
+    Support::CAssertCapture asserts;
     Ts2Frame in;
     EXPECT_EQ(-1, in.PutPacket(PAT.data(), 187, false));
-    Ostra::SetAssertHandler(nullptr);
-    EXPECT_EQ(std::vector<std::string>{"len == TS_PACK_LEN"}, asserted);
+    EXPECT_EQ(std::vector<std::string>{"len == TS_PACK_LEN"}, asserts.Texts());
 }
 
 // PES headers of every length, cut by the packet's end at every place behind the length byte; access unit delimiters in
@@ -401,7 +400,7 @@ TEST(Ts2Frame, AFrameBeyondTheBufferFails) {
     Demuxed out;
     put(in, PAT, false, out);
     put(in, PMT, false, out);
-    LogText log;
+    Support::CLogCapture log;
     const Bytes packet = ts_packet(0x111, false, Bytes(183, 0x55));
     int ret = 0;
     uint32_t size = 0;
@@ -411,7 +410,7 @@ TEST(Ts2Frame, AFrameBeyondTheBufferFails) {
     }
     EXPECT_EQ(-1, ret);
     EXPECT_GT(size + 183, STREAM_BUFFER_LEN);
-    EXPECT_TRUE(log.Has(" _ts_stream.dec ret:-2 \n"));
+    EXPECT_EQ(1, log.Count(" _ts_stream.dec ret:-2 \n"));
     EXPECT_EQ(1, put(in, ts_packet(0x111, true, SLICE), true, out));
 }
 
@@ -444,5 +443,4 @@ TEST(Ts2Frame, Mpeg2PicturesTellTypeAndSize) {
 
 }  // namespace
 }  // namespace Support
-}  // namespace Vidora
 }  // namespace Kavio

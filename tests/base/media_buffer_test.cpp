@@ -265,6 +265,33 @@ TEST_P(MediaBufferTest, SendProcedureMayLeaveAndRemovalWaitsForIt) {
     putter.join();
 }
 
+TEST(MediaBufferPool, SendProcedureThatBlocksHoldsUpItsOwnGroupOnly) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(3, false));
+    CMediaBuffer buffer;
+    buffer.EnableAutoSend();
+    Leaver blocker;
+    std::vector<std::unique_ptr<Sink>> sinks;
+    for (int i = 0; i < 40; ++i) {
+        sinks.push_back(std::make_unique<Sink>());
+        buffer.AddSender(sinks.back()->sender);
+    }
+    sinks[0]->sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(&blocker, &Leaver::Wait));
+    unsigned int number = 0;
+    EXPECT_TRUE(WaitFor([&] {
+        PutFrame(buffer, number++, true, 100);
+        sinks[39]->Read();
+        return blocker.calls > 0 && sinks[39]->reader.Units().size() >= 5;
+    }));
+    EXPECT_FALSE(blocker.left);
+    blocker.removing = true;
+    for (const auto& sink : sinks) {
+        EXPECT_TRUE(WaitFor([&] { return (sink->Read(), sink->reader.Units().size() == number); }));
+        EXPECT_EQ(Range(0, number), sink->reader.Numbers(0));
+        buffer.DelSender(sink->sender);
+    }
+    CNetThread::DestroyThreadPool();
+}
+
 TEST_P(MediaBufferTest, SinksComeAndGoWhileTheSourcePuts) {
     std::atomic<bool> stop{false};
     std::thread source([&] {

@@ -306,6 +306,7 @@ std::string g_printed;
 std::vector<std::string> g_arguments;
 
 TEST(Console, RunsCommandsAndPrintsLongTexts) {
+    g_printed.clear();
     R3SetOutput([](void*, const char* text, unsigned int length) { g_printed.append(text, length); }, nullptr);
     const console_command_t command = [](int argc, char** argv) { g_arguments.assign(argv, argv + argc); };
     EXPECT_EQ(0, R3Register(reinterpret_cast<void*>(command), "sptest", "a test"));

@@ -1,21 +1,11 @@
 // A hostile challenge: whatever it holds, the answer is well-formed and bounded, or there is none.
-#include <cstdlib>
 #include <string>
 
 #include "RtspClient/RtspClientAuth.h"
 #include "Vidora/Ostra/Log.h"
+#include "require.h"
 
 using namespace Kavio::Vidora;
-
-namespace {
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
-
-}  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Kavio::Ostra::SetLogLevel(Kavio::Ostra::LOG_LEVEL_NONE);

@@ -1,19 +1,13 @@
 // A byte stream from a server: the client has asked everything once, reads the replies, and asks again with what they
 // gave.
-#include <cstdlib>
 #include <cstring>
 
 #include "Protocol/RtspReqParser.h"
+#include "require.h"
 
 using namespace Kavio::Vidora;
 
 namespace {
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 void check_request(const char* request) {
     require(request != nullptr && std::strlen(request) <= RTSP_MAX_MESSAGE && std::strchr(request, ' ') != nullptr);

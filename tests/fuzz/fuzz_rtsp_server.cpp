@@ -1,18 +1,12 @@
 // A byte stream from a client: cut into messages and read as a session does, each answered with every kind of reply.
-#include <cstdlib>
 #include <cstring>
 
 #include "Protocol/RtspRspParser.h"
+#include "require.h"
 
 using namespace Kavio::Vidora;
 
 namespace {
-
-void require(bool condition) {
-    if (!condition) {
-        std::abort();
-    }
-}
 
 void check_reply(const char* reply) {
     require(reply != nullptr && std::strncmp(reply, "RTSP/1.0 ", 9) == 0 && std::strlen(reply) <= RTSP_MAX_MESSAGE);

@@ -4,6 +4,9 @@
 //                                                    RTP packets, each behind a 16-bit length (RFC 4571), to frames;
 //                                                    CONFIG is an MPEG-4 configuration in hexadecimal digits
 //     convert_streams ts                             a transport stream to frames
+//     convert_streams to_rtp ENC_TYPE PAYLOAD_TYPE CLOCK_RATE
+//                                                    frames to RTP packets, each behind its interleave header, as a
+//                                                    server has them in its buffers
 //     convert_streams to_ts VIDEO_TYPE AUDIO_TYPE    frames to a transport stream
 //     convert_streams to_ps VIDEO_TYPE AUDIO_TYPE    frames to a program stream
 //
@@ -99,20 +102,36 @@ int decode(bool rtp, int enc_type, int payload_type, const std::string& config_h
     return 0;
 }
 
-int encode(int dst_type, int video_type, int audio_type) {
+CStreamParserPtr make_multiplexer(int dst_type, int video_type, int audio_type) {
     const CStreamParserPtr parser = CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, dst_type);
-    if (dst_type == STREAM_TYPE_TS) {
-        TsEncParam param;
-        param.video_enc_type = video_type;
-        param.audio_enc_type = audio_type;
-        parser->SetParam(param);
-    } else {
-        PsEncParam param;
-        param.video_enc_type = video_type;
-        param.audio_enc_type = audio_type;
-        param.bit_rate = 4000000;
-        parser->SetParam(param);
-    }
+    TsEncParam ts;
+    ts.video_enc_type = video_type;
+    ts.audio_enc_type = audio_type;
+    parser->SetParam(ts);
+    PsEncParam ps;
+    ps.video_enc_type = video_type;
+    ps.audio_enc_type = audio_type;
+    ps.bit_rate = 4000000;
+    parser->SetParam(ps);
+    return parser;
+}
+
+CStreamParserPtr make_packetiser(int enc_type, int payload_type, int clock_rate) {
+    const CStreamParserPtr parser = CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_RTP);
+    RtpEncParam param;
+    parser->GetParam(param);  // the random beginnings
+    param.enc_type = enc_type;
+    param.payload_type = static_cast<uint8_t>(payload_type);
+    param.clock_rate = static_cast<uint32_t>(clock_rate);
+    parser->SetParam(param);
+    RtpOverTcpParam over_tcp;
+    over_tcp.use_header = 1;
+    over_tcp.merge_frame = 1;
+    parser->SetParam(over_tcp);
+    return parser;
+}
+
+int encode(const CStreamParserPtr& parser) {
     const std::vector<unsigned char> input = read_input();
     Ostra::CByteReader reader(input.data(), input.size());
     while (reader.Remaining() > 0) {
@@ -143,7 +162,10 @@ int main(int argc, char** argv) {
         return decode(mode == "rtp", first, second, argc > 4 ? argv[4] : "");
     }
     if (mode == "to_ts" || mode == "to_ps") {
-        return encode(mode == "to_ts" ? STREAM_TYPE_TS : STREAM_TYPE_PS, first, second);
+        return encode(make_multiplexer(mode == "to_ts" ? STREAM_TYPE_TS : STREAM_TYPE_PS, first, second));
+    }
+    if (mode == "to_rtp") {
+        return encode(make_packetiser(first, second, argc > 4 ? std::atoi(argv[4]) : 0));
     }
     std::fprintf(stderr, "unknown mode\n");
     return 2;

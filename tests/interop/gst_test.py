@@ -18,22 +18,16 @@ class Player:
     """rtspsrc with its streams decoded; counts what comes out and keeps the errors."""
 
     def __init__(self, url, protocols, extra=""):
-        self.pipeline = Gst.parse_launch(f"rtspsrc name=src location={url} protocols={protocols} latency=100 {extra}")
+        branches = "".join(
+            f" src. ! application/x-rtp,media={kind} ! decodebin ! {kind}convert ! "
+            f"fakesink name={kind} sync=false async=false signal-handoffs=true" for kind in ("video", "audio"))
+        self.pipeline = Gst.parse_launch(
+            f'rtspsrc name=src location="{url}" protocols={protocols} latency=100 {extra}{branches}')
         self.times = {"video": [], "audio": []}
-        self.src = self.pipeline.get_by_name("src")
-        self.src.connect("pad-added", self._on_pad)
+        for kind, times in self.times.items():
+            sink = self.pipeline.get_by_name(kind)
+            sink.connect("handoff", lambda _sink, buffer, _pad, times=times: times.append(buffer.pts))
         self.bus = self.pipeline.get_bus()
-
-    def _on_pad(self, _, pad):
-        caps = pad.get_current_caps() or pad.query_caps(None)
-        kind = caps.get_structure(0).get_string("media")
-        tail = "videoconvert" if kind == "video" else "audioconvert"
-        chain = Gst.parse_bin_from_description(
-            f"decodebin ! {tail} ! fakesink name=sink sync=false signal-handoffs=true", True)
-        chain.get_by_name("sink").connect("handoff", lambda _s, buffer, _p: self.times[kind].append(buffer.pts))
-        self.pipeline.add(chain)
-        chain.sync_state_with_parent()
-        pad.link(chain.get_static_pad("sink"))
 
     def set_state(self, state):
         assert self.pipeline.set_state(state) != Gst.StateChangeReturn.FAILURE

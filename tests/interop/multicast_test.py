@@ -10,16 +10,21 @@ from host_support import Host, frame_digests, is_run_of_loop
 
 
 class Multicast(unittest.TestCase):
-    def test_rtp_and_transport_stream_reach_the_group(self):
+    def check(self, kind, *source):
         pictures = frame_digests("-i", f"{support.MEDIA}/clip.h264")[0]
-        for kind in ("rtp", "ts"):
-            with self.subTest(kind=kind):
-                options = ["--live", f"{support.LIVE}={support.MEDIA}/clip.h264,{support.MEDIA}/clip.alaw",
-                           "--multicast", f"{support.LIVE}=239.1.2.3:30000,{kind}", "--multicast-if", "127.0.0.1"]
-                with Host(*options, live=False) as host:
-                    digests = frame_digests("-rtsp_transport", "udp_multicast", "-i", host.url(), "-map", "0:v", "-t", "4")
-                    self.assertGreater(len(digests[0]), 60)
-                    self.assertTrue(is_run_of_loop(digests[0][5:], pictures))
+        options = ["--live", f"{support.LIVE}={support.MEDIA}/clip.h264,{support.MEDIA}/clip.alaw",
+                   "--multicast", f"{support.LIVE}=239.1.2.3:30000,{kind}", "--multicast-if", "127.0.0.1"]
+        with Host(*options, live=False) as host:
+            digests = frame_digests(*(source or ("-rtsp_transport", "udp_multicast", "-i", host.url())), "-map", "0:v",
+                                    "-t", "4", joins=kind == "ts")
+        self.assertGreater(len(digests[0]), 60)
+        self.assertTrue(is_run_of_loop(digests[0][5:], pictures))
+
+    def test_rtp_by_its_description(self):
+        self.check("rtp")
+
+    def test_transport_stream_in_bare_datagrams(self):
+        self.check("ts", "-i", "udp://239.1.2.3:30000?localaddr=127.0.0.1")
 
 
 if __name__ == "__main__":
@@ -27,7 +32,7 @@ if __name__ == "__main__":
     if os.environ.get("VIDORA_IN_NAMESPACE") != "1":
         environment = dict(os.environ, VIDORA_IN_NAMESPACE="1")
         os.execvpe("unshare", ["unshare", "-n", sys.executable] + sys.argv, environment)
-    for command in ("ip link set lo up multicast on", "ip route add 224.0.0.0/4 dev lo"):
+    for command in ("ip link set lo up multicast on", "ip route add 224.0.0.0/4 dev lo src 127.0.0.1"):
         subprocess.run(command.split(), check=True)
     del sys.argv[1:3]
     unittest.main(verbosity=2)

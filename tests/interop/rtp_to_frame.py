@@ -89,7 +89,7 @@ def check_jpeg(folder, name, got, clip):
 
 def test_jpeg(program, folder):
     words = ["-c:v", "mjpeg", "-huffman", "default", "-pix_fmt", "yuvj420p", "-f", "mjpeg"]
-    clip = make_video(folder, "clip.mjpeg", words, frames=12)
+    clip = make_video(folder, "clip.mjpeg", words, frames=6)
     packets = ffmpeg_rtp(["-framerate", "25", "-f", "mjpeg", "-i", folder("clip.mjpeg"), "-c", "copy"])
     check_jpeg(folder, "JPEG FFmpeg", rebuild(program, packets, JPEG), clip)
     raw = folder("raw.mjpeg")

@@ -205,34 +205,55 @@ TEST(StateMachine, EleventhWaitingRequestEndsTheSession) {
     EXPECT_EQ(Calls{"asyn 4096"}, owner.Take());
     EXPECT_EQ(1, log.Count("Vidora::CStateMachine::GetEvent:"));
     EXPECT_EQ(1, log.Count("too many message, invalid rtsp flow!\n"));
-    // The message took a spare record, since the pool is empty, and so do the next ones; each arrives.
+    EXPECT_EQ(0x2011u, owner.last_id);  // the spare event's, since the pool was empty
+    // It didn't go to the pool, and the requests that wait are dropped: the next messages find nodes.
     for (int i = 0; i < 20; ++i) {
-        owner.keeper->put_asyn_msg(MSG_SOURCE_CLOSED, owner.last_id);
-        EXPECT_EQ(Calls{"asyn 1"}, owner.Take());
+        owner.keeper->put_asyn_msg(MSG_SRC_END, 0);
+        EXPECT_EQ(Calls{"asyn 4112"}, owner.Take());
+        EXPECT_LT(0x2012u, owner.last_id);
     }
-    EXPECT_FALSE(owner.keeper->put_tx_event(1, "reply", 200, owner.last_id));
+    EXPECT_TRUE(owner.keeper->put_tx_event(1, "reply", 200, owner.last_id));  // dropped without a word
+    EXPECT_EQ(1, log.Count("too many message"));
+    EXPECT_EQ(Calls{}, owner.Take());
 }
 
-// A peer that keeps the pool full can't make the machine lose the messages that end the session.
-TEST(StateMachine, EveryMessageArrivesThoughThePoolIsEmptyAndAnOperationRuns) {
+// While an operation runs, a message that finds the pool empty waits in the spare event, and later ones take its place:
+// the last one arrives, and the list of messages doesn't overflow.
+TEST(StateMachine, MessagesArriveThoughThePoolIsEmptyAndAnOperationRuns) {
     const Support::CLogCapture log;
     COwner owner;
     owner.hook = [&](const std::string& name) {
-        if (name != "describe") {
-            return;
-        }
-        for (int i = 0; i < 12; ++i) {
+        for (int i = 0; name == "describe" && i < 12; ++i) {
             owner.Put(RTSP_METHOD_OPTIONS);
         }
-        for (int i = 0; i < 30; ++i) {
-            owner.keeper->put_asyn_msg(MSG_SRC_FAIL, 0);
+        for (int i = 0; name == "describe" && i < 30; ++i) {
+            owner.keeper->put_asyn_msg(i < 29 ? MSG_SRC_FAIL : MSG_SESSION_BROKEN, 0);
         }
-        owner.keeper->put_asyn_msg(MSG_SOURCE_CLOSED, 0);
-        owner.keeper->put_asyn_msg(MSG_SRC_END, 0);
-        owner.keeper->put_asyn_msg(MSG_SESSION_BROKEN, 0);
     };
     EXPECT_TRUE(owner.Put(RTSP_METHOD_DESCRIBE));
-    EXPECT_EQ((Calls{"describe", "asyn 4096", "asyn 1", "asyn 4112", "asyn 8190"}), owner.Take());
+    Calls expected = {"describe", "asyn 8190"};  // the tenth request's message was the first to wait
+    expected.insert(expected.end(), 9, "asyn 4096");
+    EXPECT_EQ(expected, owner.Take());
+    EXPECT_EQ(0, log.Count("list size isn't enough"));
+}
+
+// The source that a broken session closes answers with that session's identifier, from another thread, while the
+// message that broke it still runs; a full pool mustn't make the answer look like a later message, which is shed.
+TEST(StateMachine, AnswerToAFatalMessageIsKnownThoughThePoolWasFull) {
+    COwner owner;
+    owner.result = 1;
+    EXPECT_TRUE(owner.Put(RTSP_METHOD_DESCRIBE));
+    for (int i = 0; i < 9; ++i) {
+        EXPECT_TRUE(owner.Put(RTSP_METHOD_OPTIONS));
+    }
+    owner.Take();
+    owner.hook = [&](const std::string& name) {
+        if (name == "asyn 8190") {
+            owner.keeper->put_asyn_msg(MSG_SOURCE_CLOSED, owner.last_id);
+        }
+    };
+    owner.keeper->put_asyn_msg(MSG_SESSION_BROKEN, 0);  // takes the last node
+    EXPECT_EQ((Calls{"asyn 8190", "asyn 1"}), owner.Take());
 }
 
 TEST(StateMachine, AsynchronousMessageShutsTheDoor) {
@@ -264,6 +285,13 @@ TEST(StateMachine, HoldKeepsMessagesBackUntilRelease) {
         EXPECT_EQ(Calls{}, owner.Take());
     }
     EXPECT_EQ(Calls{"asyn 4112"}, owner.Take());
+    COwner ending;
+    {
+        const CMachineGuard guard(ending.keeper.get());
+        ending.keeper->put_asyn_msg(MSG_SRC_END, 0);
+        ending.keeper.reset();  // the machine lives on until the guard ends, and calls nothing any more
+    }
+    EXPECT_EQ(Calls{}, ending.Take());
     const Support::CAssertCapture asserts;
     EXPECT_FALSE(CMachineGuard(nullptr).held());
     EXPECT_EQ(Calls{"machine_keeper"}, asserts.Texts());
@@ -281,6 +309,13 @@ TEST(StateMachine, ClientRepliesEnterTheStateThatWaits) {
     EXPECT_TRUE(owner.Put(RTSP_METHOD_PLAY, 302, owner.last_id));
     EXPECT_EQ(1, log.Count("exception occured!"));
     EXPECT_EQ(Calls{}, owner.Take());
+
+    COwner staying;
+    staying.result = 1;
+    EXPECT_TRUE(staying.Put(RTSP_METHOD_DESCRIBE, 200));  // there is no state to enter with the next reply
+    EXPECT_TRUE(staying.Put(RTSP_METHOD_SETUP, 200, staying.last_id));
+    EXPECT_EQ(Calls{"describe"}, staying.Take());
+    EXPECT_EQ(2, log.Count("exception occured!"));
 }
 
 TEST(StateMachine, MessageSizes) {
@@ -308,7 +343,7 @@ TEST(StateMachine, RecordsOfAWrongSizeAreDropped) {
     for (const int type : {STATE_EVENT_RX, STATE_EVENT_TX}) {
         EXPECT_EQ(0, machine->deliver(machine->GetEvent(type, 31, 0)));
     }
-    EXPECT_EQ(0, machine->deliver_asyn(machine->GetEvent(STATE_EVENT_ASYN, 23, 0)));
+    EXPECT_EQ(0, machine->deliver_asyn(machine->GetEvent(STATE_EVENT_ASYN, 23, 0), MSG_SRC_FAIL));
     EXPECT_EQ(3, log.Count("exception occured!"));
     EXPECT_EQ(nullptr, machine->GetEvent(STATE_EVENT_RX, 4097, 0));
     EXPECT_EQ(Calls{"event_size <= MAX_EVT_SIZE"}, asserts.Texts());
@@ -331,21 +366,26 @@ TEST(StateMachine, OwnerMayEndInsideItsOwnOperation) {
     EXPECT_EQ(Calls{"asyn 4096"}, owner->Take());
 }
 
-TEST(StateMachine, DestructionWaitsForTheOperationThatRuns) {
+TEST(StateMachine, DestructionWaitsForTheOperationThatRunsAndForWhatIsQueued) {
     COwner owner;
+    CMachineKeeper* keeper = owner.keeper.get();
     std::promise<void> entered;
     std::promise<void> go_on;
-    std::atomic<bool> left{false};
-    owner.hook = [&](const std::string&) {
-        entered.set_value();
-        go_on.get_future().wait();
-        left = true;
+    owner.hook = [&](const std::string& name) {
+        if (name == "options") {
+            keeper->put_asyn_msg(MSG_SRC_FAIL, 0);
+            entered.set_value();
+            go_on.get_future().wait();
+            keeper->put_asyn_msg(MSG_SRC_END, 0);  // runs unless the message of the end is there already
+        }
     };
     std::thread runner([&] { owner.Put(RTSP_METHOD_OPTIONS); });
     entered.get_future().wait();
     std::thread ender([&] {
         owner.keeper.reset();
-        EXPECT_TRUE(left);
+        Calls calls = owner.Take();
+        calls.resize(2);
+        EXPECT_EQ((Calls{"options", "asyn 4096"}), calls);
     });
     std::this_thread::sleep_for(std::chrono::milliseconds(5));  // gives a wrong destructor the time to return
     go_on.set_value();

@@ -1,6 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 #include <thread>
@@ -9,34 +8,6 @@
 #include "MediaFrame.h"
 #include "RawMemory.h"
 #include "support/Capture.h"
-
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-#define COUNTS_ALLOCATIONS 0
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
-#define COUNTS_ALLOCATIONS 0
-#endif
-#endif
-#ifndef COUNTS_ALLOCATIONS
-#define COUNTS_ALLOCATIONS 1
-
-static int g_allocations = 0;
-
-void* operator new(size_t size) {
-    ++g_allocations;
-    return std::malloc(size);
-}
-void* operator new(size_t size, const std::nothrow_t&) noexcept {
-    ++g_allocations;
-    return std::malloc(size);
-}
-void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
-}
-#endif
 
 namespace Kavio {
 namespace Vidora {
@@ -210,25 +181,6 @@ TEST(FrameInfo, DataIsItsOwnFields) {
     EXPECT_EQ(0x01020304u, words[1]);
     info->Release();
 }
-
-#if COUNTS_ALLOCATIONS
-// What a source does with every frame: one block for the packets, all else from the caches.
-TEST(MediaFrame, SteadyStreamAllocatesOnceAFrame) {
-    const auto put = [] {
-        const Flumen::CMediaFrame packets(1400);
-        CMediaPacket* media = new CMediaFrame(packets);
-        CMediaPacket* info = new CFrameInfo;
-        info->Release();
-        media->Release();
-    };
-    put();
-    g_allocations = 0;
-    for (int i = 0; i < 100; ++i) {
-        put();
-    }
-    EXPECT_EQ(100, g_allocations);
-}
-#endif
 
 }  // namespace
 }  // namespace Vidora

@@ -22,8 +22,8 @@
 namespace Kavio {
 namespace Vidora {
 
-using Support::CLogCapture;
 using Support::CFakeStreamSource;
+using Support::CLogCapture;
 using Support::CRtspTestClient;
 using Support::RtspFrame;
 using Support::RtspReply;

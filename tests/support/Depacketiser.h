@@ -11,8 +11,10 @@
 #include "support/StreamBytes.h"
 
 namespace Kavio {
-namespace Vidora {
 namespace Support {
+
+using namespace Vidora;
+
 
 // Feeds packets as an owner does: takes each frame that is complete, clears, and feeds a packet again that was left
 // out.
@@ -56,10 +58,10 @@ public:
 private:
     void take() {
         Bytes frame(m_rtp2frame.GetFrameSize());
-        EXPECT_EQ(frame.size(), m_rtp2frame.GetFrame(frame.data(), static_cast<uint32_t>(frame.size())));
         if (!frame.empty()) {
             EXPECT_EQ(0u, m_rtp2frame.GetFrame(frame.data(), static_cast<uint32_t>(frame.size() - 1)));
         }
+        EXPECT_EQ(frame.size(), m_rtp2frame.GetFrame(frame.data(), static_cast<uint32_t>(frame.size())));
         m_frames.push_back(frame);
         m_letters += static_cast<char>(m_rtp2frame.GetFrameType());
     }
@@ -76,7 +78,6 @@ private:
 };
 
 }  // namespace Support
-}  // namespace Vidora
 }  // namespace Kavio
 
 #endif  // VIDORA_TESTS_SUPPORT_DEPACKETISER_H

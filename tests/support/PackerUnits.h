@@ -9,8 +9,10 @@
 #include "support/StreamBytes.h"
 
 namespace Kavio {
-namespace Vidora {
 namespace Support {
+
+using namespace Vidora;
+
 
 // The output of a packer for one frame, unit by unit; checks that its counts agree and that it keeps to the capacity.
 inline std::vector<Bytes> UnitsOf(IFrame2Packet& packer) {
@@ -29,7 +31,6 @@ inline std::vector<Bytes> UnitsOf(IFrame2Packet& packer) {
 }
 
 }  // namespace Support
-}  // namespace Vidora
 }  // namespace Kavio
 
 #endif  // VIDORA_TESTS_SUPPORT_PACKERUNITS_H

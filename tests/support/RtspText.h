@@ -1,7 +1,9 @@
 #ifndef VIDORA_TESTS_SUPPORT_RTSPTEXT_H
 #define VIDORA_TESTS_SUPPORT_RTSPTEXT_H
 
+#include <fstream>
 #include <string>
+#include <vector>
 
 namespace Kavio {
 namespace Support {
@@ -10,12 +12,33 @@ namespace Support {
 inline std::string Crlf(const std::string& text) {
     std::string out;
     for (const char c : text) {
-        if (c == '\n') {
-            out += '\r';
-        }
-        out += c;
+        out += c == '\n' ? "\r\n" : std::string(1, c);
     }
     return out;
+}
+
+// Messages with what their reader must make of them.
+struct RtspSample {
+    std::string message;
+    std::string expected;
+};
+
+// A file of samples: lines of "#" are comments, "=> " ends a message and says what is expected. A message without a
+// body needs no blank line at its end.
+inline std::vector<RtspSample> ReadRtspSamples(const std::string& path) {
+    std::vector<RtspSample> samples;
+    std::ifstream file(path);
+    std::string message;
+    for (std::string line; std::getline(file, line);) {
+        if (line.rfind("=> ", 0) == 0) {
+            message += message.find("\n\n") == std::string::npos ? "\n" : "";
+            samples.push_back({Crlf(message), line.substr(3)});
+            message.clear();
+        } else if (line[0] != '#') {
+            message += line + "\n";
+        }
+    }
+    return samples;
 }
 
 }  // namespace Support

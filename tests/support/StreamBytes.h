@@ -6,11 +6,11 @@
 #include <string>
 #include <vector>
 
-#include "Vidora/Ostra/Log.h"
-
 namespace Kavio {
-namespace Vidora {
 namespace Support {
+
+using namespace Vidora;
+
 
 typedef std::vector<uint8_t> Bytes;
 
@@ -84,30 +84,7 @@ inline Bytes MakeRtp(const RtpSpec& spec, const Bytes& payload) {
     return packet;
 }
 
-// Collects the log while it lives.
-class LogText {
-public:
-    LogText() : m_level(Ostra::GetLogLevel()) {
-        Ostra::SetLogLevel(Ostra::LOG_LEVEL_TRACE);
-        Ostra::SetLogSink(&LogText::on_line, this);
-    }
-    ~LogText() {
-        Ostra::SetLogSink(nullptr, nullptr);
-        Ostra::SetLogLevel(m_level);
-    }
-    bool Has(const std::string& text) const { return m_text.find(text) != std::string::npos; }
-    const std::string& Text() const { return m_text; }
-
-private:
-    static void on_line(void* self, Ostra::log_level_t, const char* text, size_t length) {
-        static_cast<LogText*>(self)->m_text.append(text, length);
-    }
-    Ostra::log_level_t m_level;
-    std::string m_text;
-};
-
 }  // namespace Support
-}  // namespace Vidora
 }  // namespace Kavio
 
 #endif  // VIDORA_TESTS_SUPPORT_STREAMBYTES_H

@@ -15,6 +15,8 @@ namespace {
 
 // A key frame that was given or comes within this time serves a new client: no jump is due.
 const double KEY_FRAME_DUE_MS = 1000.0;
+// Time stamps begin above 0, which the converters take for "no time yet".
+const double FIRST_PTS_MS = 1000.0;
 // A pump that is later than this, after the machine slept, goes on from now instead of catching up.
 const double MAX_DELAY_MS = 2000.0;
 
@@ -139,7 +141,7 @@ void LiveSource::give_video() {
     FrameFacts facts;
     facts.letter = unit.letter;
     facts.sequence = m_video_sequence++;
-    facts.pts_ms = static_cast<uint64_t>(time_ms + 0.5);
+    facts.pts_ms = static_cast<uint64_t>(FIRST_PTS_MS + time_ms + 0.5);
     facts.utc = m_begin_utc + time_ms / 1000.0;
     if (unit.letter == 'I') {
         m_last_key_ms = time_ms;
@@ -157,7 +159,7 @@ void LiveSource::give_audio() {
     FrameFacts facts;
     facts.letter = FRAME_TYPE_AUDIO;
     facts.sequence = m_audio_sequence++;
-    facts.pts_ms = static_cast<uint64_t>(time_ms + 0.5);
+    facts.pts_ms = static_cast<uint64_t>(FIRST_PTS_MS + time_ms + 0.5);
     facts.utc = m_begin_utc + time_ms / 1000.0;
     const Kavio::Flumen::CMediaFrame frame =
         MakeAudioFrame(facts, m_clip->audio.AudioFormat(), m_clip->audio.Data(unit), unit.size);

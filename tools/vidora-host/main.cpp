@@ -16,6 +16,10 @@ using namespace Kavio::Vidora;
 
 namespace {
 
+// How long the sessions may take to end.
+const int END_WAIT_MS = 10000;
+const int END_POLL_MS = 10;
+
 // What the library's callbacks, which are plain functions, need.
 const Catalog* g_catalog = nullptr;
 const Credentials* g_credentials = nullptr;
@@ -73,11 +77,19 @@ const MulticastOption* find_multicast(const Options& options, const std::string&
 // Everything that is open, closed in order by the destructor.
 class Host {
 public:
+    // From the outside in: no new connections; then the streams end, which ends their sessions; then the registry,
+    // which the sessions need to the last.
     ~Host() {
         for (CRtspSvr* server : m_servers) {
             server->Close();
         }
-        if (m_live_svr != nullptr) {
+        for (const std::string& content : m_published) {
+            m_live_svr->DelLiveChannel(content.c_str());
+        }
+        for (int i = 0; i < END_WAIT_MS / END_POLL_MS && CRtspSvr::GetSessionCount() > 0; ++i) {
+            CThread::sleep(END_POLL_MS);
+        }
+        if (m_live_svr != nullptr && CRtspSvr::GetSessionCount() == 0) {
             m_live_svr->Close();
         }
         CNetThread::DestroyThreadPool();
@@ -132,6 +144,7 @@ private:
         if (m_live_svr->AddLiveChannel(content.c_str(), channel, source) < 0) {
             return false;
         }
+        m_published.push_back(content);
         return multicast == nullptr || send_to_group(options, *multicast, *channel, error);
     }
 
@@ -174,6 +187,7 @@ private:
     CRtspSvrConfig m_config;
     CLiveSvr* m_live_svr = nullptr;
     std::vector<CRtspSvr*> m_servers;
+    std::vector<std::string> m_published;
 };
 
 sigset_t block_signals() {

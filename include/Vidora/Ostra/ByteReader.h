@@ -46,13 +46,10 @@ public:
     // Copies the next `length` bytes out. False, with nothing written, if they aren't there.
     bool Read(void* out, size_t length) {
         const uint8_t* bytes = ReadBytes(length);
-        if (bytes == nullptr) {
-            return false;
-        }
-        if (length > 0) {
+        if (m_ok && length > 0) {
             std::memcpy(out, bytes, length);
         }
-        return true;
+        return m_ok;
     }
 
     bool Skip(size_t length) { return take(length); }
@@ -61,7 +58,7 @@ public:
     CByteReader SubReader(size_t length) {
         const uint8_t* bytes = ReadBytes(length);
         CByteReader sub(bytes, length);
-        sub.m_ok = bytes != nullptr;
+        sub.m_ok = m_ok;
         return sub;
     }
 

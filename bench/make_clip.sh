@@ -1,0 +1,14 @@
+#!/bin/sh
+# Makes the H.264 clip for bench_convert with FFmpeg: key frames only, of about 2, 20 and 200 kB.
+#     bench/make_clip.sh OUT.h264
+set -e
+out=${1:?usage: make_clip.sh OUT.h264}
+part() {  # picture size, quantiser
+    ffmpeg -v error -f lavfi -i "testsrc2=size=$1:rate=25,noise=alls=20" -frames:v 5 -pix_fmt yuv420p \
+        -c:v libx264 -qp "$2" -x264-params "keyint=1:sliced-threads=0:slices=1:annexb=1" -f h264 -
+}
+{
+    part 128x96 40
+    part 352x288 36
+    part 1280x720 34
+} > "$out"

@@ -1,0 +1,265 @@
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <sstream>
+#include <string>
+#include <vector>
+
+#include "Protocol/RtcpParser.h"
+#include "support/Capture.h"
+
+using namespace Kavio::Vidora;
+using Kavio::Support::CAssertCapture;
+using Kavio::Support::CLogCapture;
+
+namespace {
+
+std::vector<uint8_t> from_hex(const std::string& hex) {
+    std::vector<uint8_t> bytes;
+    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
+        bytes.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
+    }
+    return bytes;
+}
+
+std::string to_hex(const uint8_t* bytes, size_t size) {
+    std::string hex;
+    for (size_t i = 0; i < size; ++i) {
+        char byte[3];
+        std::snprintf(byte, sizeof(byte), "%02x", static_cast<unsigned>(bytes[i]));
+        hex += byte;
+    }
+    return hex;
+}
+
+// A parser, and the bytes that its table leads into.
+struct parsed_t {
+    explicit parsed_t(const std::string& hex, bool compound = true) : bytes(from_hex(hex)) {
+        const unsigned int length = static_cast<unsigned int>(bytes.size());
+        good = parser.ParseData(bytes.data(), &length, compound);
+        packs = parser.get_packets(&count);
+    }
+
+    std::vector<uint8_t> bytes;
+    CRtcpParser parser{1};
+    bool good = false;
+    int count = 0;
+    rtcp_pack* packs = nullptr;
+};
+
+void put_reports(std::ostringstream& out, const rtcp_report* list) {
+    for (; list != nullptr; list = list->next) {
+        out << " [" << list->ssrc << ' ' << list->fraction << ' ' << list->lost << ' ' << list->highest_seq << ' '
+            << list->jitter << ' ' << list->last_sr << ' ' << list->delay_last_sr << ']';
+    }
+}
+
+// What the packet's decoder gives and finds, in hexadecimal; the NTP seconds of an SR are left out.
+std::string decoded(rtcp_pack& pack) {
+    std::ostringstream out;
+    out << std::hex << (pack.parse(&pack) == 0 ? "0" : "-1");
+    if (pack.common.pt == CRtcpParser::RTCP_TYPE_SR) {
+        out << " SR " << pack.sr.ssrc << ' ' << pack.sr.ntp_frac << ' ' << pack.sr.rtp_ts << ' ' << pack.sr.packet_count
+            << ' ' << pack.sr.octet_count;
+        put_reports(out, pack.sr.reports);
+    } else if (pack.common.pt == CRtcpParser::RTCP_TYPE_RR) {
+        out << " RR " << pack.rr.ssrc;
+        put_reports(out, pack.rr.reports);
+    } else if (pack.common.pt == CRtcpParser::RTCP_TYPE_SDES) {
+        for (const rtcp_sdes_chunk* chunk = &pack.sdes; chunk != nullptr; chunk = chunk->next) {
+            out << " SDES " << chunk->ssrc;
+            for (const rtcp_sdes_item* item = chunk->items; item != nullptr; item = item->next) {
+                out << " [" << int{item->type} << ' ' << std::string(item->text, item->text + item->length) << ']';
+            }
+        }
+    } else {
+        out << " BYE";
+        for (int i = 0; pack.bye.ssrcs != nullptr && i < (pack.common.flags & 31); ++i) {
+            out << ' ' << pack.bye.ssrcs[i];
+        }
+        out << " [" << std::string(pack.bye.reason, pack.bye.reason + pack.bye.reason_length) << ']';
+    }
+    EXPECT_EQ(pack.data, nullptr);
+    EXPECT_EQ(pack.parse(&pack), -1);  // once only
+    return out.str();
+}
+
+// What the object writes for the given types, in hexadecimal; "-" for null.
+std::string written(CRtcpParser& parser, const std::vector<int>& types, unsigned int room = 1024) {
+    std::vector<uint8_t> buffer(room);
+    unsigned char* result =
+        parser.GetCompoundPacket(buffer.data(), &room, types.data(), static_cast<int>(types.size()));
+    return result != nullptr ? to_hex(result, room) : "-";
+}
+
+}  // namespace
+
+// Sent by GStreamer's rtpbin: a receiver report, and the last report of a sender.
+TEST(RtcpParser, DecodesReportsOfAnotherImplementation) {
+    parsed_t rr(
+        "81c90007b78ff88c4019e96a00ffffff000017f200000005cc9e3abf0000386481ca000cb78ff88c011c75736572323531373430373132"
+        "3140686f73742d636538613161343506094753747265616d6572000000");
+    ASSERT_EQ(rr.count, 2);
+    EXPECT_EQ(decoded(rr.packs[0]), "0 RR b78ff88c [4019e96a 0 ffffff 17f2 5 cc9e3abf 3864]");
+    EXPECT_EQ(decoded(rr.packs[1]), "0 SDES b78ff88c [1 user2517407121@host-ce8a1a45] [6 GStreamer]");
+
+    parsed_t bye(
+        "80c800064019e96aeeabcca54478316a982e7d41000000700001c00081ca000c4019e96a011c75736572313235313631393436"
+        "3440686f73742d373339633039323206094753747265616d657200000081cb00014019e96a");
+    ASSERT_EQ(bye.count, 3);
+    EXPECT_EQ(decoded(bye.packs[0]), "0 SR 4019e96a 4478316a 982e7d41 70 1c000");
+    EXPECT_EQ(bye.packs[0].sr.ntp_sec, 0xeeabcca5U);
+    EXPECT_EQ(decoded(bye.packs[1]), "0 SDES 4019e96a [1 user1251619464@host-739c0922] [6 GStreamer]");
+    EXPECT_EQ(decoded(bye.packs[2]), "0 BYE 4019e96a []");
+}
+
+TEST(RtcpParser, RecordsWhatIsGoodInFrontOfTheFirstFault) {
+    const std::string rr = "80c9000100000001";
+    const std::string bad_header = "invalid rtcp packet, checkout rtcp header failed! \n";
+    std::string many;
+    for (int i = 0; i < 33; ++i) {
+        many += rr;
+    }
+    struct {
+        std::string hex;
+        bool compound;
+        int count;
+        std::string log;  // empty: no line
+    } const rows[] = {
+        {"", true, 0, ""},
+        {"81ca000100000001" + rr, true, 0, ":ParseData invalid compound rule!\n"},
+        {"81ca000100000001" + rr, false, 2, ""},
+        {many, true, 32, ":ParseData compound packet is beyond max number:32! \n"},
+        {rr + "81cb000100000001" + rr, true, 2, ""},  // nothing behind a BYE is looked at
+        {rr + "81cb000100000001" + rr, false, 3, ""},
+        {rr + "81cc000100000001", true, 2, ""},          // an application packet takes an entry
+        {rr + "a0c9000100000001", true, 1, bad_header},  // padding
+        {rr + "40c9000100000001", true, 1, bad_header},  // version 1
+        {"8060000100000001", true, 0, bad_header},       // RTP
+        {rr + "80c900", true, 1, bad_header},
+        {"80c80006000000010000000200000003", true, 0, "rtcp packet length error, expect:28, actual:16!\n"},
+        {rr + "80c9000200000001", true, 1, "rtcp packet length error, expect:12, actual:8!\n"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.hex);
+        const CLogCapture log;
+        const parsed_t parsed(row.hex, row.compound);
+        EXPECT_EQ(parsed.count, row.count);
+        EXPECT_EQ(parsed.good, row.count > 0);
+        EXPECT_EQ(log.Lines().size(), row.log.empty() ? 0U : 1U);
+        EXPECT_EQ(log.Count(row.log), row.log.empty() ? 0 : 1);
+    }
+    CRtcpParser parser(1);
+    const unsigned int length = 8;
+    EXPECT_FALSE(parser.ParseData(nullptr, &length, true));
+    EXPECT_EQ(parsed_t(rr + "81cc000100000001").packs[1].parse, nullptr);
+}
+
+TEST(RtcpParser, DecodersStayInsideTheirPacket) {
+    const std::string sr = "000000010000000200000003000000040000000500000006";
+    const std::string block = "000000a10100000200000003000000040000000500000006";
+    struct {
+        std::string hex;
+        const char* decoded;
+    } const rows[] = {
+        // A count of 2 with one block, and with the begin of another; less than the fixed part.
+        {"82c8000c" + sr + block, "-1 SR 1 3 4 5 6 [a1 1 2 3 4 5 6]"},
+        {"82c8000d" + sr + block + "000000b1", "-1 SR 1 3 4 5 6 [a1 1 2 3 4 5 6]"},
+        {"80c80001000000ff", "-1 SR ff 0 0 0 0"},
+        {"82c9000700000001" + block, "-1 RR 1 [a1 1 2 3 4 5 6]"},
+        {"80c90000", "-1 RR 0"},
+        // A reason; none; one of 255 bytes, which isn't kept; one that runs out; fewer sources than counted; none.
+        {"82cb000400000001000000020461626364000000", "0 BYE 1 2 [abcd]"},
+        {"82cb0003000000010000000200616263", "0 BYE 1 2 []"},
+        {"82cb00030000000100000002ff616263", "0 BYE 1 2 []"},
+        {"82cb000300000001000000020f616263", "0 BYE 1 2 [abc]"},
+        {"83cb00020000000100000002", "0 BYE 1 2 0 []"},
+        {"80cb000103616263", "0 BYE [abc]"},
+        // Two chunks of a count of 3, with an item of no text; an item that runs out.
+        {"83ca0006000000010103616263000000000000020200010178000000", "0 SDES 1 [1 abc] SDES 2 [2 ] [1 x]"},
+        {"81ca00030000000101ff616263646566", "0 SDES 1"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.hex);
+        parsed_t parsed(row.hex, false);
+        ASSERT_EQ(parsed.count, 1);
+        EXPECT_EQ(decoded(parsed.packs[0]), row.decoded);
+    }
+    parsed_t wrong("80c9000100000001");
+    wrong.packs[0].common.pt = CRtcpParser::RTCP_TYPE_SR;
+    const CAssertCapture asserts;
+    EXPECT_EQ(wrong.packs[0].parse(&wrong.packs[0]), -1);
+    EXPECT_EQ(asserts.Texts().size(), 1U);
+}
+
+TEST(RtcpParser, WritesPacketsInTheOrderOfTheirTypes) {
+    const std::string cname = "81ca000411223344010750726976617465000000";
+    CRtcpParser parser(0x11223344);
+    const int report[3] = {0x102, 0x3000004, 5};
+    const int second[3] = {1, -1, 7};
+    const int newer[3] = {9, 8, 7};
+    parser.set_report_info(report);
+    parser.set_report_info(nullptr);
+    // An RR without any block goes out with one for the own SSRC. The low 8 and 24 bits of the numbers are sent.
+    EXPECT_EQ(written(parser, {201}), "81c9000711223344112233440200000400000005000000000000000000000000");
+    EXPECT_EQ(parser.add_report_block(0x55, second), 0);
+    EXPECT_EQ(parser.add_report_block(0x55, nullptr), -1);
+    parser.set_report_info(newer);
+    EXPECT_EQ(written(parser, {201}),
+              "82c9000d11223344112233440900000800000007000000000000000000000000"
+              "0000005501ffffff00000007000000000000000000000000");
+    EXPECT_EQ(written(parser, {202, 203}), cname);  // nothing for a BYE that isn't set
+    {
+        const CLogCapture log;
+        EXPECT_EQ(written(parser, {203, 204}), "-");
+        EXPECT_EQ(log.Count(":GetCompoundPacket unknow type!\n"), 1);
+    }
+    EXPECT_EQ(parser.set_bye(nullptr, 0, nullptr, 3), 0);
+    EXPECT_EQ(written(parser, {203}), "81cb00021122334400000000");
+    const unsigned int others[32] = {0xaa, 0xbb};
+    EXPECT_EQ(parser.set_bye(others, 2, "End", 3), 0);
+    EXPECT_EQ(parser.set_bye(others, 32, nullptr, 0), -1);
+    EXPECT_EQ(parser.set_bye(nullptr, 1, nullptr, 0), -1);
+    EXPECT_EQ(written(parser, {203, 202}), "83cb000411223344000000aa000000bb03456e64" + cname);
+    EXPECT_EQ(parser.set_bye(others, 31, "x", 255), 0);  // 32 sources don't fit the header's count
+    EXPECT_EQ(written(parser, {203}).substr(0, 16), "9fcb002011223344");
+    // A further chunk follows without a gap: only the packet's end is padded.
+    rtcp_sdes_item item = {2, 1, reinterpret_cast<const uint8_t*>("x"), nullptr};
+    const rtcp_sdes_chunk chunk = {0x55667788, &item, nullptr};
+    EXPECT_EQ(parser.add_sdes_chunk(&chunk), 0);
+    EXPECT_EQ(parser.add_sdes_chunk(nullptr), -1);
+    EXPECT_EQ(written(parser, {202}), "82ca0006112233440107507269766174650055667788020178000000");
+    parser.reset();
+    EXPECT_EQ(written(parser, {203}), "-");
+    EXPECT_EQ(written(parser, {201}).substr(0, 32), "81c90007112233441122334400000000");
+}
+
+TEST(RtcpParser, WritesNothingThatDoesNotFit) {
+    CRtcpParser parser(1);
+    const int sender[3] = {10, 2000, 30};
+    parser.set_sender_info(sender);
+    ASSERT_EQ(parser.add_sdes_item(1, 3, "abc"), 0);
+    EXPECT_EQ(parser.add_sdes_item(1, 0, "abc"), -1);
+    EXPECT_EQ(parser.add_sdes_item(1, 3, nullptr), -1);
+    ASSERT_EQ(parser.set_bye(nullptr, 0, "End of Stream", 13), 0);
+    uint8_t buffer[128];
+    unsigned int needed = sizeof(buffer);
+    ASSERT_EQ(parser.get_sr_compound(buffer, &needed), buffer);
+    EXPECT_EQ(needed, 28U + 16 + 24);
+    for (unsigned int room = 0; room < needed; ++room) {
+        std::vector<uint8_t> exact(room);
+        unsigned int length = room;
+        EXPECT_EQ(parser.get_sr_compound(exact.data(), &length), nullptr) << room;
+        // Whole packets only.
+        const size_t whole = room < 28 ? 0 : room < 44 ? 28 : 44;
+        EXPECT_EQ(written(parser, {200, 202, 203}, room).size(), whole == 0 ? 1 : whole * 2) << room;
+    }
+    for (int i = 0; i < CRtcpParser::MAX_COUNT; ++i) {
+        EXPECT_EQ(parser.add_report_block(2, sender), 0);
+    }
+    EXPECT_EQ(parser.add_report_block(2, sender), -1);
+    unsigned int length = sizeof(buffer);
+    EXPECT_EQ(parser.get_rr_compound(nullptr, &length), nullptr);
+    EXPECT_EQ(parser.GetCompoundPacket(buffer, &length, sender, -1), nullptr);
+    EXPECT_EQ(parser.GetCompoundPacket(buffer, &length, nullptr, 0), nullptr);
+}
