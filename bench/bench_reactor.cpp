@@ -46,7 +46,7 @@ using Kavio::Tramel::CSockDgram;
 
 constexpr int ROUND_TRIPS = 100000;
 constexpr int SOCKS = 10000;
-constexpr int DATAGRAMS = 192000;
+constexpr int DATAGRAMS = 128000;
 constexpr int WINDOW = 64;
 constexpr int64_t QUIET_US = 200000;
 constexpr uint64_t SILENCE_US = 1500000;

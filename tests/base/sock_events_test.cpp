@@ -162,42 +162,44 @@ TEST_F(SockEvents, TimeoutsRepeatAfterEveryQuietPeriodAndOnlyThen) {
     is_active.store(false);
     EXPECT_TRUE(WaitUntil([&] { return timeouts.load() >= 3; }));
     EXPECT_GE(CEpollPoller::Now(), start + 8 * TIMEOUT_US);
-    // A pool that could not poll must not take its own delay for the peer's silence.
-    const int before = timeouts.load();
+    // 0 ends it.
+    run_in_handler([&] { EXPECT_EQ(0, m_handler->RegisterSock(m_sock, SOCK_EVENT_READ, 0)); });
+    EXPECT_EQ(CTimerQueue::NO_DEADLINE, CReactor::Instance().Timers().FirstDeadline());
+    run_in_handler([&] { m_handler->RemoveSock(m_sock); });
+}
+
+// A pool whose threads are all held up, so that none could poll, must not take its own delay for the peer's silence.
+TEST_F(SockEvents, InputThatCameWhileNobodyCouldPollIsNoSilence) {
+    constexpr int64_t TIMEOUT_US = 20000;
     std::atomic<bool> is_released{false};
-    CTestHandler* blockers[2] = {CTestHandler::Make(), CTestHandler::Make()};
-    run_in_handler([&] { EXPECT_EQ(0, m_handler->RegisterSock(m_sock, SOCK_EVENT_READ, 5000000)); });
-    const int settled = timeouts.load();
-    EXPECT_LE(settled, before + 1);
     std::atomic<int> blocked{0};
-    for (CTestHandler* blocker : blockers) {
-        blocker->on_message = [&](long, unsigned int, long) {
+    std::atomic<int> inputs{0};
+    std::atomic<int> timeouts_before{-1};
+    std::atomic<int> timeouts{0};
+    m_handler->on_input_timeout = [&](int) { return timeouts.fetch_add(1); };
+    m_handler->on_input = [&](int) {
+        timeouts_before.store(timeouts.load());
+        return inputs.fetch_add(read_some(64));
+    };
+    std::atomic<int> closed{0};
+    for (int i = 0; i < 2; ++i) {
+        CTestHandler* blocker = CTestHandler::Make(&closed);
+        blocker->on_message = [&, blocker](long, unsigned int, long) {
             blocked.fetch_add(1);
             WaitUntil([&] { return is_released.load(); });
+            blocker->Close();
             return 0;
         };
         CReactor::Instance().Post(0, blocker->GetID(), 0, 0);
     }
     EXPECT_TRUE(WaitUntil([&] { return blocked.load() == 2; }));
-    const int seen = inputs.load();
     EXPECT_EQ(0, m_handler->RegisterSock(m_sock, SOCK_EVENT_READ, TIMEOUT_US));
     m_peer.Send("x", 1);
     const uint64_t late = CEpollPoller::Now() + 2 * TIMEOUT_US;
     EXPECT_TRUE(WaitUntil([&] { return CEpollPoller::Now() > late; }));
-    int first_timeouts = -1;
-    m_handler->on_input = [&](int) {
-        first_timeouts = timeouts.load();
-        inputs.fetch_add(read_some(64));
-        return 0;
-    };
     is_released.store(true);
-    EXPECT_TRUE(WaitUntil([&] { return inputs.load() > seen; }));
-    EXPECT_EQ(settled, first_timeouts);
-    // 0 ends it.
-    run_in_handler([&] { EXPECT_EQ(0, m_handler->RegisterSock(m_sock, SOCK_EVENT_READ, 0)); });
-    EXPECT_EQ(CTimerQueue::NO_DEADLINE, CReactor::Instance().Timers().FirstDeadline());
-    blockers[0]->Close();
-    blockers[1]->Close();
+    EXPECT_TRUE(WaitUntil([&] { return inputs.load() == 1 && closed.load() == 2; }));
+    EXPECT_EQ(0, timeouts_before.load());
     run_in_handler([&] { m_handler->RemoveSock(m_sock); });
 }
 

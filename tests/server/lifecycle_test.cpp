@@ -1,4 +1,6 @@
+#include <atomic>
 #include <random>
+#include <thread>
 
 #include "server/ServerFixture.h"
 #include "support/UdpPeer.h"
@@ -198,6 +200,80 @@ TEST_F(Lifecycle, ANewDescribeInTheMiddleOfAStreamLetsGoOfTheOldOne) {
     while (client.Frame().channel != 0) {
     }
     EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
+}
+
+TEST_F(Lifecycle, AClientThatStopsReadingEndsAlone) {
+    StartWithTimeout(1);
+    CFakeStreamSource* source = AddChannel();
+    CRtspTestClient stalled(m_port), reading(m_port);
+    PlayInterleaved(stalled);
+    PlayInterleaved(reading);
+    Support::CLogCapture log(Ostra::LOG_LEVEL_ERROR);
+    unsigned int sequence = 0;
+    int frames = 0;
+    EXPECT_TRUE(Support::WaitUntil([&] {
+        GiveVideo(source, sequence++, 200000);
+        while (reading.Frame(1).channel == 0) {
+            ++frames;
+        }
+        return CRtspSvr::GetSessionCount() == 1;
+    }));
+    EXPECT_LT(1000, frames);
+    EXPECT_EQ(200, reading.Ask("OPTIONS", "*").status);
+}
+
+TEST_F(Lifecycle, SessionsAndChannelsComeAndGoAtOnce) {
+    StartServer();
+    CFakeStreamSource* source = AddChannel();
+    const char* const brief = "cam/realmonitor?channel=2&subtype=0";
+    Support::CLogCapture log(Ostra::LOG_LEVEL_ERROR);
+    std::atomic<bool> over{false};
+    std::atomic<int> played{0};
+    std::vector<std::thread> threads;
+    for (unsigned int n = 0; n < 4; ++n) {
+        threads.emplace_back([&, n] {
+            std::mt19937 random(n);
+            while (!over) {
+                CRtspTestClient client(m_port);
+                CUdpPeer rtp;
+                const std::string url = Url(random() % 2 == 0 ? LIVE_NAME : brief);
+                const std::string udp = "Transport: RTP/AVP;unicast;client_port=" + std::to_string(rtp.Port()) + "\r\n";
+                std::string bytes = client.Request("DESCRIBE", url);
+                if (random() % 4 == 0) {
+                    client.Send(bytes.substr(0, random() % bytes.size()));
+                    continue;
+                }
+                client.Send(bytes);
+                if (client.Reply(500).status == 200 &&
+                    client.Ask("SETUP", url + "/trackID=0", random() % 2 == 0 ? udp : INTERLEAVED).status == 200 &&
+                    client.Ask("PLAY", url).status == 200) {
+                    ++played;
+                    client.Frame(static_cast<int>(random() % 10));
+                    if (random() % 2 == 0) {
+                        client.Send(client.Request("TEARDOWN", url));
+                    }
+                }
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        for (unsigned int sequence = 0; !over; ++sequence) {
+            GiveVideo(source, sequence, 2000);
+            usleep(1000);
+        }
+    });
+    for (int i = 0; i < 40; ++i) {
+        AddChannel(brief);
+        usleep(30000);
+        EXPECT_EQ(0, m_live_svr->DelLiveChannel(brief));
+    }
+    over = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_LT(20, played);
+    EXPECT_TRUE(SessionsGone());
+    EXPECT_TRUE(Support::WaitUntil([] { return CFakeStreamSource::LiveCount() == 1; }));
 }
 
 TEST_F(Lifecycle, AFormatChangeEndsRtpAndNotPrivateSessions) {
