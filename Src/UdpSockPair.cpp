@@ -1,6 +1,8 @@
 #include "UdpSockPair.h"
 
+#include <algorithm>
 #include <bitset>
+#include <new>
 
 namespace Kavio {
 namespace Vidora {
@@ -8,7 +10,6 @@ namespace Vidora {
 namespace {
 
 const int PAIR_COUNT = 65536 / 2;
-const int MIN_EVEN_PORT = 2;
 const int MAX_EVEN_PORT = 65534;
 
 // The even ports that pairs of this process hold.
@@ -38,7 +39,9 @@ private:
 };
 
 CPortTable& port_table() {
-    static CPortTable* table = new CPortTable;  // never freed: pairs may outlive the statics
+    // Never ended: pairs may outlive the statics.
+    alignas(CPortTable) static unsigned char room[sizeof(CPortTable)];
+    static CPortTable* table = new (room) CPortTable;
     return *table;
 }
 
@@ -54,9 +57,7 @@ CUdpSockPair::~CUdpSockPair() {
 
 // One walk up the range, so that it ends even while other threads give ports back.
 int CUdpSockPair::OpenInRange(int min_port, int max_port, int family, int* port) {
-    int candidate = min_port < MIN_EVEN_PORT   ? MIN_EVEN_PORT
-                    : min_port > MAX_EVEN_PORT ? MAX_EVEN_PORT + 2
-                                               : (min_port + 1) & ~1;
+    int candidate = (std::clamp(min_port, 1, MAX_EVEN_PORT + 1) + 1) & ~1;
     *port = candidate;
     do {
         candidate = port_table().Reserve(candidate, max_port);
