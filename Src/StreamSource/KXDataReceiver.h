@@ -21,14 +21,13 @@ namespace Vidora {
 // Results are 0, or -1 with a log line.
 //
 // THREADING  frame_proc: the host's frame thread, under m_mutex from beginning to end. m_mutex guards all that the
-// callback
-//            reads: counts, buffers, tracks, formats, the play window. It is held over the source's format queries, as
-//            in the callback itself, but never over Start, Stop, Pause, Resume or a seek, which may wait for the
-//            callback. m_start_mutex puts those calls of several sessions in a row, and holds the source's first
-//            message until its Init has returned; it stands above m_mutex.
+//            callback reads: counts, buffers, tracks, formats, the play window. It is held over the source's format
+//            queries, as in the callback itself, but never over Start, Stop, Pause, Resume or a seek, which may wait
+//            for the callback. m_start_mutex puts those calls of several sessions in a row, and holds the source's
+//            first message until its Init has returned; it stands above m_mutex.
 // OWNERSHIP  Owns the source, which it closes in handle_close. Keeps references of the media buffers: a channel that
-// shares
-//            the source may end, and its buffers with it, while the clients of another keep the source running.
+//            shares the source may end, and its buffers with it, while the clients of another keep the source
+//            running.
 class CKXDataReceiver : public CNetHandler {
 public:
     typedef CStreamSource* (*create_src_fun_t)(const char* content);

@@ -19,11 +19,11 @@ class CSdpParser;
 // The host makes one with Create, SetConfig, Init, AddDataSrc, and hands it to CLiveSvr::AddLiveChannel, which owns it
 // from then on. Results are 0, or -1 with a log line, unless said otherwise.
 //
-// THREADING  Any thread. Two locks of its own, never nested: one for the source, the SDP and the destinations, which is
-//            held over calls into the source; and one for the references.
-// OWNERSHIP  Owns its buffers and its multicast senders, and borrows the source. It dies by Close, never by delete, and
-//            then only when the last reference has gone; sinks that are attached to its buffers until then are taken
-//            off, not ended.
+// THREADING  Any thread. Two locks of its own, never nested: one for the source, the SDP and the destinations, which
+//            is held over calls into the source; and one for the references.
+// OWNERSHIP  Owns its buffers and its multicast senders, and borrows the source. It dies by Close, never by delete,
+//            and then only when the last reference has gone; sinks that are attached to its buffers until then are
+//            taken off, not ended.
 class VIDORA_API CLiveChannel : public CNetHandler {
 public:
     static CLiveChannel* Create();

@@ -17,12 +17,12 @@ class CLiveChannel;
 // One source may feed several channels. Results are 0, or -1 with a log line.
 //
 // THREADING  Any thread; one lock over the whole table, above the locks of CLiveChannel and held over its calls into
-// the
-//            source. So a stream source must not call the registry from its operations on another thread and wait.
+//            the source. So a stream source must not call the registry from its operations on another thread and
+//            wait.
 // OWNERSHIP  From a successful AddLiveChannel on the registry owns channel and source and closes them: the channel at
 //            DelLiveChannel, the source with its last channel, and all of them at Close. It dies by Close, never by
-//            delete. Sinks are borrowed: who enters leaves before the sink dies, and takes it off the channel's buffer
-//            itself if the channel was deleted meanwhile, under the reference that it holds.
+//            delete. Sinks are borrowed: who enters leaves before the sink dies, and takes it off the channel's
+//            buffer itself if the channel was deleted meanwhile, under the reference that it holds.
 class VIDORA_API CLiveSvr : public CNetHandler {
 public:
     // `notify_id`: the handler that gets the messages of channels and sources, with a pointer to the channel's name as
