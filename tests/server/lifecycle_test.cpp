@@ -186,6 +186,47 @@ TEST_F(Lifecycle, ADeletedChannelEndsItsSessionsAndIsNotKeptByAnyDescribe) {
     EXPECT_TRUE(SessionsGone(1));
 }
 
+// Their sessions can't leave by name any more, and the source goes on filling the buffer that it was given last.
+TEST_F(Lifecycle, ChannelsGoUnderTheirSinksWhileTheSourceRuns) {
+    StartServer();
+    CFakeStreamSource* source = AddChannel();
+    CRtspTestClient steady(m_port);
+    PlayInterleaved(steady);
+    std::atomic<bool> stop{false};
+    std::thread host([&] {
+        for (unsigned int sequence = 0; !stop; ++sequence) {
+            GiveVideo(source, sequence, 20000);
+        }
+    });
+    const char name[] = "cam/realmonitor?channel=2&subtype=0";
+    const std::string track = Url(name) + "/trackID=0";
+    for (int round = 0; round < 5; ++round) {
+        ShareChannel(name);
+        CRtspTestClient tcp(m_port), udp(m_port), kx(m_port);
+        CUdpPeer rtp;
+        PlayInterleaved(tcp, name);
+        const struct {
+            CRtspTestClient& client;
+            std::string transport;
+        } rows[] = {{udp, "Transport: RTP/AVP;unicast;client_port=" + std::to_string(rtp.Port()) + "\r\n"},
+                    {kx, "Transport: KX/AVP/TCP;unicast\r\n"}};
+        for (const auto& row : rows) {
+            EXPECT_EQ(200, row.client.Ask("DESCRIBE", Url(name)).status);
+            EXPECT_EQ(200, row.client.Ask("SETUP", track, row.transport).status);
+            EXPECT_EQ(200, row.client.Ask("PLAY", Url(name)).status);
+        }
+        EXPECT_FALSE(rtp.Recv().empty());
+        EXPECT_EQ(0, m_live_svr->DelLiveChannel(name));
+        EXPECT_TRUE(tcp.Closed() && udp.Closed() && kx.Closed());
+    }
+    EXPECT_TRUE(SessionsGone(1));
+    CRtspTestClient late(m_port);
+    PlayInterleaved(late);  // names the living buffer again
+    EXPECT_EQ(0, late.Frame().channel);
+    stop = true;
+    host.join();
+}
+
 TEST_F(Lifecycle, ANewDescribeInTheMiddleOfAStreamLetsGoOfTheOldOne) {
     StartServer();
     AddChannel();

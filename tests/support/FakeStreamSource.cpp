@@ -120,13 +120,10 @@ void CFakeStreamSource::SetPacketState(int state) {
 
 int CFakeStreamSource::Init(long receiver_id, int) {
     m_receiver_id = receiver_id;
-    if (m_settings.init_fails) {
-        return -1;
-    }
     if (m_settings.tells_info) {
         Tell(MSG_STREAM_INFO);
     }
-    return 0;
+    return m_settings.init_fails ? -1 : 0;
 }
 
 void CFakeStreamSource::GetVideoFormat(StreamVideoFormat& format) {

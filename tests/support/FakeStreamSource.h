@@ -26,8 +26,8 @@ public:
         Vidora::StreamVideoFormat video;
         Vidora::StreamAudioFormat audio;
         std::string specific_info;
-        bool tells_info = true;  // sends MSG_STREAM_INFO in Init
-        bool init_fails = false;
+        bool tells_info = true;   // sends MSG_STREAM_INFO in Init
+        bool init_fails = false;  // after it has told
         bool start_fails = false;
         bool seek_fails = false;
         bool null_source = false;  // the factory gives null
