@@ -70,7 +70,7 @@ TEST(KXFrameTest, BytesOfAKeyFrameAndOfAnAudioFrame) {
     frame.SetImageType(1);
     // 2024-05-06 07:08:09: 011000 0101 00110 00111 001000 001001
     Bytes expected = {'K',  'X',  'A',  'V',  0xFD, 0,  3,    0,    4,   3,   2,   1,    42, 0,  0,  0,    0x09,
-                      0x72, 0x4C, 0x61, 0xCD, 0xAB, 16, 0,    0x81, 0,   2,   25,  0x80, 1,  88, 72, 0x88, 0xFF,
+                      0x72, 0x4C, 0x61, 0xCD, 0xAB, 16, 0,    0x81, 1,   2,   25,  0x80, 1,  88, 72, 0x88, 0xFF,
                       0,    0,    0,    0,    0,    0,  0xFF, 0,    'k', 'x', 'a', 'v',  50, 0,  0,  0};
     expected[12] = static_cast<unsigned char>(expected.size());
     expected[46] = expected[12];
