@@ -125,24 +125,22 @@ TEST(KXFrameTest, ChecksumsAndTables) {
 }
 
 TEST(KXFrameTest, BodyOfBareShortAndLyingBuffers) {
-    struct {
+    const auto claims = [](uint8_t ext_length) {  // 40 bytes with the magic
+        Bytes data(40, 0);
+        std::copy_n("KXAV", 4, data.begin());
+        data[22] = ext_length;
+        return data;
+    };
+    const struct {
         Bytes data;
         int offset, remaining;
-    } rows[] = {
-        {{0, 0, 0, 1, 0x65}, 0, 5}, {{}, 0, 0},
-        {{'K', 'X', 'A'}, 0, 3},    {{'K', 'X', 'A', 'V'}, 0, 0},  // an offset above the length
-        {Bytes(24, 'K'), 0, 24},
-    };
-    Bytes lying(40, 0);
-    std::copy_n("KXAV", 4, lying.begin());
-    lying[22] = 8;  // payload at 32, and 8 bytes of trailer: nothing between
-    int remaining = -5;
-    EXPECT_EQ(get_frame_body(lying.data(), 40, remaining), 32);
-    EXPECT_EQ(remaining, 0);
-    lying[22] = 255;
-    EXPECT_EQ(get_frame_body(lying.data(), 40, remaining), 0);
-    EXPECT_EQ(remaining, 0);
+    } rows[] = {{{0, 0, 0, 1, 0x65}, 0, 5}, {{}, 0, 0},
+                {{'K', 'X', 'A'}, 0, 3},    {{'K', 'X', 'A', 'V'}, 0, 0},  // an offset above the length
+                {claims(8), 32, 0},                                        // nothing between blocks and trailer
+                {claims(12), 36, 0},                                       // the trailer cut
+                {claims(255), 0, 0}};
     for (const auto& row : rows) {
+        int remaining = -5;
         EXPECT_EQ(get_frame_body(row.data.data(), static_cast<int>(row.data.size()), remaining), row.offset);
         EXPECT_EQ(remaining, row.remaining);
     }

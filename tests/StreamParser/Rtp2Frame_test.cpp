@@ -29,23 +29,21 @@ TEST(Rtp2Frame, HeadersThatLieAreRefused) {
         Bytes packet;
         int result;
     };
-    RtpSpec plain;
-    plain.marker = true;
-    RtpSpec csrc = plain;
-    csrc.csrc_count = 2;
-    RtpSpec extension = plain;
-    extension.extension_words = 3;
-    RtpSpec padded = plain;
-    padded.padding = 4;
     const Bytes payload = FromHex("0102030405060708");
+    RtpSpec plain, csrc, extension, padded;
+    csrc.csrc_count = 2;
+    extension.extension_words = 3;
+    padded.padding = 4;
+    for (RtpSpec* spec : {&plain, &csrc, &extension, &padded}) {
+        spec->marker = true;
+    }
     Bytes long_extension = MakeRtp(extension, {});
     long_extension[15] = 200;
-    Bytes long_padding = MakeRtp(padded, payload);
-    long_padding.back() = 13;
-    Bytes all_padding = MakeRtp(padded, payload);
-    all_padding.back() = 12;
-    Bytes no_padding = MakeRtp(padded, payload);
-    no_padding.back() = 0;
+    const auto padded_by = [&](uint8_t count) {
+        Bytes packet = MakeRtp(padded, payload);
+        packet.back() = count;
+        return packet;
+    };
     const Row rows[] = {
         {"null", {}, -1},
         {"twelve bytes", MakeRtp(plain, {}), -1},
@@ -58,9 +56,9 @@ TEST(Rtp2Frame, HeadersThatLieAreRefused) {
         {"extension to the end", MakeRtp(extension, {}), -1},
         {"extension beyond the end", long_extension, -1},
         {"padding", MakeRtp(padded, payload), 1},
-        {"padding over the payload", long_padding, -1},
-        {"padding of all the payload", all_padding, -1},
-        {"padding of zero bytes", no_padding, 1},
+        {"padding over the payload", padded_by(13), -1},
+        {"padding of all the payload", padded_by(12), -1},
+        {"padding of zero bytes", padded_by(0), 1},
     };
     for (const Row& row : rows) {
         Depacketiser in(ENC_TYPE_AUDIO);

@@ -12,6 +12,7 @@
 #include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
 #include "support/Capture.h"
+#include "support/StreamBytes.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -32,6 +33,17 @@ Flumen::CMediaFrame make_frame(const Bytes& bytes, int type = 'I', uint64_t pts 
 
 Bytes bytes_of(const Flumen::CMediaFrame& frame) {
     return Bytes(frame.getBuffer(), frame.getBuffer() + frame.size());
+}
+
+Bytes private_frame(char letter, uint8_t sub_type, const Bytes& body) {
+    CKXFrame writer;
+    writer.SetFrameType(letter);
+    writer.SetSubType(sub_type);
+    uint32_t offset = 0;
+    Bytes bytes(writer.GetFrameSize(static_cast<uint32_t>(body.size()), offset));
+    std::copy(body.begin(), body.end(), bytes.begin() + offset);
+    EXPECT_EQ(writer.WriteFrame(bytes.data(), static_cast<uint32_t>(bytes.size())), 0);
+    return bytes;
 }
 
 // Parameter sets of a 64x48 picture and a slice of `size` bytes.
@@ -97,27 +109,28 @@ std::vector<Flumen::CMediaFrame> convert(CStreamParser& parser, const Flumen::CM
 }
 
 TEST(StreamParserTest, FactoryMakesItsPairsAndRefusesTheRest) {
-    const char* names[] = {"Unknown",   "RTP",           "TS",         "PS",     "Private",
-                           "Raw Frame", "Private Frame", "Frame Auto", "Unknown"};
-    for (int src = 0; src <= 8; ++src) {
-        for (int dst = 0; dst <= 8; ++dst) {
-            SCOPED_TRACE(std::to_string(src) + " -> " + std::to_string(dst));
-            Support::CLogCapture log;
-            const bool decoder = src == 1 || src == 2;
-            const bool made = (decoder && (dst == 1 || dst == 5 || dst == 6)) || (src == 7 && dst >= 1 && dst <= 3);
-            EXPECT_EQ(CStreamParser::Create(src, dst) != nullptr, made);
-            std::string expected = "CStreamParser::Create dst_type[" + std::to_string(dst) + "] unsupported!\n";
-            if (decoder || src == 7) {
-                expected = std::string(decoder ? "CStreamDec" : "CStreamEnc") + "::Create ";
-                expected += made ? std::string("[") + names[src] + "] -> [" + names[dst] + "]\n"
-                                 : std::string("dst_type[") + names[dst] + "] unsupported!\n";
-            }
-            ASSERT_EQ(log.Lines().size(), 1u);
-            EXPECT_EQ(log.Lines()[0], expected);
-        }
+    const struct {
+        int src, dst;
+        bool made;
+        const char* log;
+    } rows[] = {
+        {1, 1, true, "CStreamDec::Create [RTP] -> [RTP]\n"},
+        {1, 5, true, "CStreamDec::Create [RTP] -> [Raw Frame]\n"},
+        {2, 6, true, "CStreamDec::Create [TS] -> [Private Frame]\n"},
+        {7, 3, true, "CStreamEnc::Create [Frame Auto] -> [PS]\n"},
+        {1, 2, false, "CStreamDec::Create dst_type[TS] unsupported!\n"},
+        {2, 8, false, "CStreamDec::Create dst_type[Unknown] unsupported!\n"},
+        {7, 5, false, "CStreamEnc::Create dst_type[Raw Frame] unsupported!\n"},
+        {7, 4, false, "CStreamEnc::Create dst_type[Private] unsupported!\n"},
+        {3, 1, false, "CStreamParser::Create dst_type[1] unsupported!\n"},
+        {0, 6, false, "CStreamParser::Create dst_type[6] unsupported!\n"},
+    };
+    for (const auto& row : rows) {
+        Support::CLogCapture log;
+        EXPECT_EQ(CStreamParser::Create(row.src, row.dst) != nullptr, row.made);
+        EXPECT_EQ(log.Lines(), std::vector<std::string>{row.log});
     }
     EXPECT_STREQ(enc_type_name(9), "Mp3");
-    EXPECT_STREQ(enc_type_name(0), "Unknown");
     EXPECT_STREQ(enc_type_name(10), "Unknown");
 }
 
@@ -138,12 +151,7 @@ TEST(StreamParserTest, WhatAConverterDoesNotServeSaysSo) {
 // Bare and private frames give the same packets; merged output is the packets, each behind its header.
 TEST(StreamParserTest, MergedOutputIsTheSinglePacketsInARow) {
     const Bytes body = h264_frame(true, 4000);
-    CKXFrame wrapper;
-    wrapper.SetFrameType('I');
-    uint32_t offset = 0;
-    Bytes wrapped(wrapper.GetFrameSize(static_cast<uint32_t>(body.size()), offset));
-    std::copy(body.begin(), body.end(), wrapped.begin() + offset);
-    ASSERT_EQ(wrapper.WriteFrame(wrapped.data(), static_cast<uint32_t>(wrapped.size())), 0);
+    const Bytes wrapped = private_frame('I', 0, body);
     for (const int dst_type : {STREAM_TYPE_RTP, STREAM_TYPE_TS, STREAM_TYPE_PS}) {
         for (const bool header : {false, true}) {
             const auto single = convert(*make_encoder(1, header, false, dst_type), make_frame(body));
@@ -206,12 +214,7 @@ TEST(StreamParserTest, EncoderTellsItsResultsApartAndGoesOn) {
 }
 
 TEST(StreamParserTest, AssistFrameTakesItsTypeFromTheHeader) {
-    CKXFrame wrapper;
-    wrapper.SetFrameType('W');
-    wrapper.SetSubType(9);
-    uint32_t offset = 0;
-    Bytes wrapped(wrapper.GetFrameSize(5, offset), 0x77);
-    ASSERT_EQ(wrapper.WriteFrame(wrapped.data(), static_cast<uint32_t>(wrapped.size())), 0);
+    const Bytes wrapped = private_frame('W', 9, Bytes(5, 0x77));
     const CStreamParserPtr encoder = make_encoder(ENC_TYPE_ASSIST, false, true);
     const auto packets = convert(*encoder, make_frame(wrapped, 'W'));
     ASSERT_EQ(packets.size(), 1u);
@@ -271,14 +274,11 @@ TEST(StreamParserTest, RtpDecoderGivesFramesAndPacketsBack) {
 }
 
 Flumen::CMediaFrame rtp_packet(uint16_t sequence, uint32_t timestamp, bool marker, const Bytes& payload) {
-    Bytes bytes = {0x80, static_cast<unsigned char>(marker ? 0xE0 : 0x60), static_cast<unsigned char>(sequence >> 8),
-                   static_cast<unsigned char>(sequence)};
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        bytes.push_back(static_cast<unsigned char>(timestamp >> shift));
-    }
-    bytes.insert(bytes.end(), {1, 2, 3, 4});
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    return make_frame(bytes, 0, 0, 0);
+    Support::RtpSpec spec;
+    spec.sequence = sequence;
+    spec.timestamp = timestamp;
+    spec.marker = marker;
+    return make_frame(Support::MakeRtp(spec, payload), 0, 0, 0);
 }
 
 TEST(StreamParserTest, PacketOfTheNextFrameIsKeptAndFedAgain) {
