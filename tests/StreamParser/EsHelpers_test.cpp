@@ -158,15 +158,12 @@ TEST(JpegTablesTest, HoldTogetherAsTheStandardHasThem) {
     EXPECT_EQ(*std::min_element(luma, luma + 64), 255);
     jpeg_make_quantisers(100, luma, chroma);  // as 99
     EXPECT_EQ(luma[0], 1);
-    // Each DHT segment: its length, and its counts of codes equal to its values, all of them different.
+    // Each DHT segment: its length, and its counts of codes.
     size_t at = 0;
     for (const int symbols : {12, 162, 12, 162}) {
         ASSERT_EQ(JPEG_HUFFMAN_SEGMENTS[at + 1], JPEG_DHT);
         EXPECT_EQ(JPEG_HUFFMAN_SEGMENTS[at + 3], 19 + symbols);
         EXPECT_EQ(std::accumulate(JPEG_HUFFMAN_SEGMENTS + at + 5, JPEG_HUFFMAN_SEGMENTS + at + 21, 0), symbols);
-        Bytes values(JPEG_HUFFMAN_SEGMENTS + at + 21, JPEG_HUFFMAN_SEGMENTS + at + 21 + symbols);
-        std::sort(values.begin(), values.end());
-        EXPECT_EQ(std::unique(values.begin(), values.end()), values.end());
         at += 21 + static_cast<size_t>(symbols);
     }
     EXPECT_EQ(at, JPEG_HUFFMAN_LEN);

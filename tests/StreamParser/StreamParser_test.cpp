@@ -225,49 +225,46 @@ TEST(StreamParserTest, AssistFrameTakesItsTypeFromTheHeader) {
     EXPECT_EQ(get_assist_type(frames[0].getBuffer(), static_cast<int>(frames[0].size())), 9);
 }
 
-// Every destination of the RTP decoder, from single packets, runs behind headers, and without a marker.
+// Every destination of the RTP decoder, from single packets and from runs behind headers.
 TEST(StreamParserTest, RtpDecoderGivesFramesAndPacketsBack) {
     for (const bool merge : {false, true}) {
         const CStreamParserPtr encoder = make_encoder(ENC_TYPE_H264, merge, merge);
-        const CStreamParserPtr raw = make_decoder(STREAM_TYPE_RAW_FRAME);
-        const CStreamParserPtr kx = make_decoder(STREAM_TYPE_PRIVATE_FRAME);
-        const CStreamParserPtr back = make_decoder(STREAM_TYPE_RTP);
+        const CStreamParserPtr decoders[] = {make_decoder(STREAM_TYPE_RTP), make_decoder(STREAM_TYPE_RAW_FRAME),
+                                             make_decoder(STREAM_TYPE_PRIVATE_FRAME)};
         for (int i = 0; i < 3; ++i) {
             SCOPED_TRACE(i);
             const Bytes body = h264_frame(i == 0, 3000);
             const auto packets = convert(*encoder, make_frame(body, i == 0 ? 'I' : 'P', 5000 + 40 * i));
-            std::vector<Flumen::CMediaFrame> raws, kxs, backs;
+            std::vector<Flumen::CMediaFrame> outs[3];
             for (const Flumen::CMediaFrame& packet : packets) {
-                for (auto* pair : {&raws, &kxs, &backs}) {
-                    const CStreamParserPtr& decoder = pair == &raws ? raw : pair == &kxs ? kx : back;
-                    const auto out = convert(*decoder, packet);
-                    pair->insert(pair->end(), out.begin(), out.end());
+                for (int k = 0; k < 3; ++k) {
+                    const auto out = convert(*decoders[k], packet);
+                    outs[k].insert(outs[k].end(), out.begin(), out.end());
                 }
             }
-            ASSERT_EQ(raws.size(), 1u);
-            ASSERT_EQ(kxs.size(), 1u);
-            EXPECT_EQ(bytes_of(raws[0]), body);
-            EXPECT_EQ(raws[0].getType(), i == 0 ? 'I' : 'P');
-            EXPECT_EQ(raws[0].getPts(Flumen::PTS_TYPE_MS), 40u * static_cast<unsigned>(i));
-            EXPECT_EQ(raws[0].getChannel(), 5);
+            ASSERT_EQ(outs[0].size(), packets.size());
+            for (size_t k = 0; k < packets.size(); ++k) {
+                EXPECT_EQ(outs[0][k].getBuffer(), packets[k].getBuffer());  // the same bytes, not a copy
+                EXPECT_EQ(outs[0][k].getSequence(), outs[0][0].getSequence());
+            }
+            ASSERT_EQ(outs[1].size(), 1u);
+            const Flumen::CMediaFrame& raw = outs[1][0];
+            EXPECT_EQ(bytes_of(raw), body);
+            EXPECT_EQ(raw.getType(), i == 0 ? 'I' : 'P');
+            EXPECT_EQ(raw.getPts(Flumen::PTS_TYPE_MS), 40u * static_cast<unsigned>(i));
+            EXPECT_EQ(raw.getChannel(), 5);
+            ASSERT_EQ(outs[2].size(), 1u);
+            const Bytes wrapped = bytes_of(outs[2][0]);
             KXHeader header;
-            ASSERT_TRUE(kx_read_header(kxs[0].getBuffer(), kxs[0].size(), header));
+            ASSERT_TRUE(kx_read_header(wrapped.data(), wrapped.size(), header));
             EXPECT_EQ(header.frame_type, i == 0 ? KX_TYPE_I : KX_TYPE_P);
             EXPECT_EQ(header.time_stamp, 40 * i);
-            EXPECT_EQ(header.sequence, static_cast<uint32_t>(kxs[0].getSequence()));
-            EXPECT_EQ(header.total_length, kxs[0].size());
-            int remaining = 0;
-            const int offset = get_frame_body(kxs[0].getBuffer(), static_cast<int>(kxs[0].size()), remaining);
-            EXPECT_EQ(Bytes(kxs[0].getBuffer() + offset, kxs[0].getBuffer() + offset + remaining), body);
+            EXPECT_EQ(header.sequence, static_cast<uint32_t>(outs[2][0].getSequence()));
+            EXPECT_EQ(header.total_length, wrapped.size());
+            EXPECT_EQ(Bytes(wrapped.begin() + 24 + header.ext_length, wrapped.end() - 8), body);
             if (i == 0) {
-                const Bytes blocks(kxs[0].getBuffer() + 24, kxs[0].getBuffer() + 32);
-                EXPECT_EQ(blocks[2], KX_VIDEO_H264);
-                EXPECT_EQ(blocks[3], 12);  // no rate measured yet
-            }
-            ASSERT_EQ(backs.size(), packets.size());
-            for (size_t k = 0; k < backs.size(); ++k) {
-                EXPECT_EQ(backs[k].getBuffer(), packets[k].getBuffer());  // the same bytes, not a copy
-                EXPECT_EQ(backs[k].getSequence(), backs[0].getSequence());
+                EXPECT_EQ(wrapped[26], KX_VIDEO_H264);
+                EXPECT_EQ(wrapped[27], 12);  // no rate measured yet
             }
         }
     }
@@ -317,16 +314,12 @@ TEST(StreamParserTest, RtpDecoderCleansUpAfterBadCallersAndBadBytes) {
     Support::CAssertCapture asserts;
     EXPECT_EQ(decoder->InputFrame(Flumen::CMediaFrame()), PARSER_FAILED);
     EXPECT_EQ(decoder->InputFrame(make_frame({0x80, 0x60, 0, 1})), PARSER_FAILED);
-    // Runs: a packet longer than the rest, something else between two packets, a frame that ends in the middle.
+    // Runs: a packet longer than the rest, and a frame that ends in the middle.
     const Bytes packet = bytes_of(rtp_packet(3000, 7290, true, slice));
-    Bytes run = {'$', 0, 0, static_cast<unsigned char>(packet.size())};
-    run.insert(run.end(), packet.begin(), packet.end());
-    Bytes cut(run.begin(), run.end() - 1);
-    EXPECT_EQ(decoder->InputFrame(make_frame(cut)), PARSER_FAILED);
-    Bytes two = run;
-    two.insert(two.end(), run.begin(), run.end());
+    const Bytes run = Support::operator+({'$', 0, 0, static_cast<unsigned char>(packet.size())}, packet);
+    EXPECT_EQ(decoder->InputFrame(make_frame(Bytes(run.begin(), run.end() - 1))), PARSER_FAILED);
     EXPECT_TRUE(asserts.Texts().empty());
-    EXPECT_EQ(decoder->InputFrame(make_frame(two)), PARSER_FAILED);
+    EXPECT_EQ(decoder->InputFrame(make_frame(Support::operator+(run, run))), PARSER_FAILED);
     EXPECT_EQ(asserts.Texts(),
               std::vector<std::string>{"( (ret == 1) && ( len == (int)(rtp_len + sizeof(struct rtptcphdr)) ) ) || "
                                        "( (ret == 2) && ( len == orig_len ) )"});

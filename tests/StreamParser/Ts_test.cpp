@@ -348,26 +348,23 @@ TEST(Ts2Frame, BrokenPacketsAreRefusedOrIgnored) {
 // PES headers of every length, cut by the packet's end at every place behind the length byte; access unit delimiters in
 // front of the first slice are dropped with them.
 TEST(Ts2Frame, PesHeadersMayGoOnInTheNextPacket) {
+    const Bytes delimiter = FromHex("0000000109f0"), frame = FromHex("000000016742 0000000161e0aabb");
     for (size_t header = 0; header < 256; ++header) {
-        for (const size_t room : {size_t{9}, size_t{20}, size_t{100}, size_t{183}}) {
-            Bytes pes = FromHex("000001e0 0000 8000") + Bytes{static_cast<uint8_t>(header)} + Bytes(header, 0xFF);
-            const Bytes frame = FromHex("000000016742 0000000161e0aabb");
-            pes = pes + FromHex("0000000109f0") + frame;
+        for (const long room : {9, 20, 100, 183}) {
+            const Bytes pes = FromHex("000001e0 0000 8000") + Bytes{static_cast<uint8_t>(header)} +
+                              Bytes(header, 0xFF) + delimiter + frame;
             Ts2Frame in;
             Demuxed out;
             put(in, PAT, false, out);
             put(in, PMT, false, out);
-            for (size_t at = 0; at < pes.size(); at += room) {
-                const size_t end = std::min(pes.size(), at + room);
-                put(in,
-                    ts_packet(0x111, at == 0,
-                              Bytes(pes.begin() + static_cast<long>(at), pes.begin() + static_cast<long>(end))),
-                    end == pes.size(), out);
+            for (auto at = pes.begin(); at != pes.end();) {
+                const auto end = at + std::min(room, static_cast<long>(pes.end() - at));
+                put(in, ts_packet(0x111, at == pes.begin(), Bytes(at, end)), end == pes.end(), out);
+                at = end;
             }
             ASSERT_EQ(1u, out.frames.size());
-            const std::string got = ToHex(out.frames[0]);
             // Whole if the first start code stood in the packet that ends the header; otherwise with what was before.
-            ASSERT_EQ(0u, ToHex(FromHex("0000000109f0") + frame).find(got) % 12) << header << " " << room;
+            ASSERT_EQ(0u, ToHex(delimiter + frame).find(ToHex(out.frames[0])) % 12) << header << " " << room;
             ASSERT_GE(out.frames[0].size(), frame.size());
         }
     }
