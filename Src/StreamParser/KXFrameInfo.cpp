@@ -55,7 +55,7 @@ constexpr int AT_EXT_LENGTH = 22;
 constexpr int AT_AUDIO_CODE = 26;
 
 // The bytes that the walk steps over for the block at `offset` behind the header, whose first four bytes are there if
-// it is a variable one; 0 for a type that it doesn't know, and for a variable block shorter than its own fields, which
+// it is a variable one; 0 for a type that it doesn't know, and for a variable block that claims to be empty, which
 // would hold the walk up for ever.
 int block_length(const unsigned char* buffer, int len, int offset) {
     CByteReader reader(buffer, static_cast<size_t>(len));
@@ -67,11 +67,9 @@ int block_length(const unsigned char* buffer, int len, int offset) {
         case KX_EXT_SIZE_16:
         case KX_EXT_CHECKSUM:
             return 8;
-        case KX_EXT_VARIABLE: {
+        case KX_EXT_VARIABLE:
             reader.Skip(1);
-            const int length = reader.ReadU16();
-            return length >= 4 ? length : 0;
-        }
+            return reader.ReadU16();
         default:
             return 0;
     }
