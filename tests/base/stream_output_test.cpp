@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Tramel/MediaCounters.h"
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StreamSender.h"
