@@ -23,6 +23,7 @@ int CSock::Attach(int fd) {
         Close();
     }
     m_fd = fd;
+    ++m_generation;
     return 0;
 }
 

@@ -63,7 +63,8 @@ public:
     static const unsigned int UNIT_COST = 192;
     static const unsigned int MAX_TEXT_BYTES = 1u << 20;
 
-    explicit CStreamOutput(CSock* sock) : m_sock(sock) {}
+    // A queue for the descriptor that `sock` has now.
+    explicit CStreamOutput(CSock* sock);
     ~CStreamOutput() = default;
     CStreamOutput(const CStreamOutput&) = delete;
     CStreamOutput& operator=(const CStreamOutput&) = delete;
@@ -91,6 +92,8 @@ public:
     void OnTimer(long timer_id);
     // The socket is about to be closed for good.
     void OnSockGone();
+    // The socket still has the descriptor for which the queue was made.
+    bool IsForCurrentDescriptor();
 
 private:
     static const unsigned int MAX_TOLD = 4;
@@ -118,6 +121,8 @@ private:
     void fail_locked() VIDORA_REQUIRES(m_mutex);
     void end_locked() VIDORA_REQUIRES(m_mutex);
     void tell_failure_locked(COutputFace* face) VIDORA_REQUIRES(m_mutex);
+
+    const unsigned int m_generation;  // of the socket's descriptor that this is for
 
     Ostra::CMutex m_mutex;
     CSock* m_sock VIDORA_GUARDED_BY(m_mutex);            // null: gone

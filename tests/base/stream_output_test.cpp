@@ -41,7 +41,6 @@ struct Row {
 class QueueTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        m_sock.Attach(m_pair.near_fd);
         ASSERT_EQ(0, m_queue.Attach(&m_face, true, 7));
         ASSERT_EQ(0, m_queue.SendText(m_filler.data(), static_cast<unsigned int>(m_filler.size())));
         ASSERT_EQ(1, m_face.watches);
@@ -84,7 +83,8 @@ protected:
     TcpPair m_pair;
     CSockStream m_sock;
     FakeFace m_face;
-    CStreamOutput m_queue{&m_sock};
+    std::shared_ptr<CStreamOutput> m_output = (m_sock.Attach(m_pair.near_fd), m_sock.GetOutput());
+    CStreamOutput& m_queue = *m_output;
     WireReader m_reader;
     std::string m_filler = TextBytes(0, 200000);
     unsigned int m_number = 0;
@@ -227,6 +227,22 @@ TEST_F(QueueTest, GoneSocketIsNotTouched) {
     EXPECT_EQ(0, CountedPacket::Alive());
     FakeFace late;
     EXPECT_EQ(-1, m_queue.Attach(&late, false, 1));
+}
+
+TEST_F(QueueTest, NewConnectionOfTheSameSocketObjectBeginsClean) {
+    Expect({{'0', true, 1, true}});
+    EXPECT_EQ(m_output, m_sock.GetOutput());
+    TcpPair second;
+    m_sock.Attach(second.near_fd);
+    m_queue.OnWritable();
+    const std::shared_ptr<CStreamOutput> queue = m_sock.GetOutput();
+    EXPECT_NE(m_output, queue);
+    const std::string text = TextBytes(1);
+    EXPECT_EQ(0, queue->SendText(text.data(), static_cast<unsigned int>(text.size())));
+    EXPECT_EQ(-1, m_queue.SendText(text.data(), static_cast<unsigned int>(text.size())));
+    WireReader reader;
+    EXPECT_TRUE(WaitFor([&] { return (reader.Read(second.far_fd), reader.Units().size() == 1); }));
+    EXPECT_FALSE(reader.Broken() || reader.Partial());
 }
 
 namespace {
