@@ -23,7 +23,6 @@ int CSock::Attach(int fd) {
         Close();
     }
     m_fd = fd;
-    ++m_generation;
     return 0;
 }
 

@@ -22,11 +22,6 @@ void CSockStream::OnRelease() {
 }
 
 std::shared_ptr<CStreamOutput> CSockStream::GetOutput() {
-    // The queue of a former connection is of no use to this one.
-    if (m_output != nullptr && !m_output->IsForCurrentDescriptor()) {
-        m_output->OnSockGone();
-        m_output.reset();
-    }
     if (m_output == nullptr) {
         try {
             m_output = std::make_shared<CStreamOutput>(this);

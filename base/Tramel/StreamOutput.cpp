@@ -26,8 +26,6 @@ uint64_t bit_of(unsigned int index) {
 
 }  // namespace
 
-CStreamOutput::CStreamOutput(CSock* sock) : m_generation(sock->GetGeneration()), m_sock(sock) {}
-
 int CStreamOutput::Attach(COutputFace* face, bool is_media, long exception_id) {
     CGuard guard(m_mutex);
     if (m_sock == nullptr || (is_media && m_faces != nullptr && m_faces->m_is_media)) {
@@ -320,10 +318,6 @@ void CStreamOutput::uncount_locked(const COutputUnit& unit) {
 
 // Gives the socket a vector: the bytes that it took, 0 if it is full, -1 if it is broken; the queue has failed then.
 int64_t CStreamOutput::write_locked(const struct iovec* parts, unsigned int count) {
-    if (m_sock->GetGeneration() != m_generation) {
-        fail_locked();  // another connection, which mustn't see the rest of this one's
-        return -1;
-    }
     struct msghdr message;
     std::memset(&message, 0, sizeof(message));
     message.msg_iov = const_cast<struct iovec*>(parts);
@@ -461,11 +455,6 @@ void CStreamOutput::OnTimer(long timer_id) {
     }
     drop_aged_locked(now_ms);
     m_tally.Tell();
-}
-
-bool CStreamOutput::IsForCurrentDescriptor() {
-    CGuard guard(m_mutex);
-    return m_sock != nullptr && m_sock->GetGeneration() == m_generation;
 }
 
 void CStreamOutput::OnSockGone() {

@@ -64,7 +64,7 @@ public:
     static const unsigned int MAX_TEXT_BYTES = 1u << 20;
 
     // A queue for the descriptor that `sock` has now.
-    explicit CStreamOutput(CSock* sock);
+    explicit CStreamOutput(CSock* sock) : m_sock(sock) {}
     ~CStreamOutput() = default;
     CStreamOutput(const CStreamOutput&) = delete;
     CStreamOutput& operator=(const CStreamOutput&) = delete;
@@ -90,10 +90,8 @@ public:
     // A watch that a face began has ended: there is room to write. A call too many does no harm.
     void OnWritable();
     void OnTimer(long timer_id);
-    // The socket is about to be closed for good.
+    // The descriptor is about to be closed or given away; the socket isn't touched again.
     void OnSockGone();
-    // The socket still has the descriptor for which the queue was made.
-    bool IsForCurrentDescriptor();
 
 private:
     static const unsigned int MAX_TOLD = 4;
@@ -121,8 +119,6 @@ private:
     void fail_locked() VIDORA_REQUIRES(m_mutex);
     void end_locked() VIDORA_REQUIRES(m_mutex);
     void tell_failure_locked(COutputFace* face) VIDORA_REQUIRES(m_mutex);
-
-    const unsigned int m_generation;  // of the socket's descriptor that this is for
 
     Ostra::CMutex m_mutex;
     CSock* m_sock VIDORA_GUARDED_BY(m_mutex);            // null: gone

@@ -229,22 +229,6 @@ TEST_F(QueueTest, GoneSocketIsNotTouched) {
     EXPECT_EQ(-1, m_queue.Attach(&late, false, 1));
 }
 
-TEST_F(QueueTest, NewConnectionOfTheSameSocketObjectBeginsClean) {
-    Expect({{'0', true, 1, true}});
-    EXPECT_EQ(m_output, m_sock.GetOutput());
-    TcpPair second;
-    m_sock.Attach(second.near_fd);
-    m_queue.OnWritable();
-    const std::shared_ptr<CStreamOutput> queue = m_sock.GetOutput();
-    EXPECT_NE(m_output, queue);
-    const std::string text = TextBytes(1);
-    EXPECT_EQ(0, queue->SendText(text.data(), static_cast<unsigned int>(text.size())));
-    EXPECT_EQ(-1, m_queue.SendText(text.data(), static_cast<unsigned int>(text.size())));
-    WireReader reader;
-    EXPECT_TRUE(WaitFor([&] { return (reader.Read(second.far_fd), reader.Units().size() == 1); }));
-    EXPECT_FALSE(reader.Broken() || reader.Partial());
-}
-
 namespace {
 
 // A session's way: it forwards its own handle_output.

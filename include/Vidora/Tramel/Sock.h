@@ -24,8 +24,6 @@ public:
     // The descriptor, or -1.
     int GetHandle() const { return m_fd; }
     bool IsValid() const { return m_fd >= 0; }
-    // How many descriptors this object has taken over: tells a connection from one before, whose number it may have.
-    unsigned int GetGeneration() const { return m_generation; }
     // Closes the descriptor, and takes it out of the reactor if somebody still watches it; 0, or -1 if there is none.
     int Close();
     // The peer's address and the local one. `addr` must be a CSockAddrStorage, or an address of the right family.
@@ -41,8 +39,6 @@ protected:
     int m_fd = -1;
 
 private:
-    unsigned int m_generation = 0;
-
     int get_addr(int (*query)(int, struct sockaddr*, socklen_t*), CSockAddr* addr) const;
 };
 
