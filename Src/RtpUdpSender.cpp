@@ -47,6 +47,15 @@ void mark_sock(const CSockDgram& sock, int dscp, int family) {
     }
 }
 
+// Null if memory is short.
+std::shared_ptr<CUdpSockPair> make_sock_pair() {
+    try {
+        return std::make_shared<CUdpSockPair>();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
 }  // namespace
 
 CRtpUdpSender::CRtpUdpSender() = default;
@@ -131,7 +140,7 @@ int CRtpUdpSender::SetMulticastIF(const char* ip) {
 int CRtpUdpSender::OpenPair(int* local_port, int remote_port, int channel) {
     CGuard guard(m_mutex);
     Slot* slot = free_slot_locked(channel);
-    std::shared_ptr<CUdpSockPair> pair(new (std::nothrow) CUdpSockPair);
+    const std::shared_ptr<CUdpSockPair> pair = make_sock_pair();
     if (slot == nullptr || !pair || m_config == nullptr) {
         return -1;
     }
@@ -145,7 +154,11 @@ int CRtpUdpSender::OpenPair(int* local_port, int remote_port, int channel) {
     }
     mark(*pair);
     take_slot_locked(slot, pair, remote_port, channel);
-    set_multicast_locked(*pair);
+    set_ttl_locked(*slot);
+    if (m_has_multicast_if) {
+        pair->Rtp().SetMulticastIF(m_multicast_if);
+        pair->Rtcp().SetMulticastIF(m_multicast_if);
+    }
     if (m_keeper != nullptr) {
         StartKeepAlive(m_keeper_notify_id, m_keeper_timeout_s);
     }
@@ -155,13 +168,14 @@ int CRtpUdpSender::OpenPair(int* local_port, int remote_port, int channel) {
 int CRtpUdpSender::OpenPairAt(int local_port, int remote_port, int channel) {
     CGuard guard(m_mutex);
     Slot* slot = free_slot_locked(channel);
-    std::shared_ptr<CUdpSockPair> pair(new (std::nothrow) CUdpSockPair);
+    const std::shared_ptr<CUdpSockPair> pair = make_sock_pair();
     if (slot == nullptr || !pair) {
         return -1;
     }
     slot->pair.reset();
     pair->OpenAt(local_port, m_remote.GetRealType());
     take_slot_locked(slot, pair, remote_port, channel);
+    set_ttl_locked(*slot);
     return 0;
 }
 
@@ -197,18 +211,15 @@ void CRtpUdpSender::set_remote_locked(CUdpSockPair& pair, int remote_port) {
     pair.Rtcp().SetRemote(&remote);
 }
 
-void CRtpUdpSender::set_multicast_locked(CUdpSockPair& pair) {
-    CSockDgram* socks[] = {&pair.Rtp(), &pair.Rtcp()};
+void CRtpUdpSender::set_ttl_locked(const Slot& slot) {
+    CSockDgram* socks[] = {&slot.pair->Rtp(), &slot.pair->Rtcp()};
     const uint32_t group = ipv4_number(m_remote);
     const int ttl = m_ttl < 255 ? m_ttl : 255;
     for (int i = 0; i < 2; ++i) {
         socks[i]->SetMulticastTTL(static_cast<unsigned char>(ttl));
-        if (m_has_multicast_if) {
-            socks[i]->SetMulticastIF(m_multicast_if);
-        }
         if (group >= FIRST_ROUTED_GROUP && group <= LAST_ROUTED_GROUP &&
             setsockopt(socks[i]->GetHandle(), IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof(ttl)) < 0) {
-            logError("%s %d channel: %d set TTL Failed!\n", __FILE__, __LINE__, i);
+            logError("%s %d channel: %d set TTL Failed!\n", __FILE__, __LINE__, slot.channel + i);
         }
     }
 }
@@ -274,6 +285,7 @@ int CRtpUdpSender::StartKeepAlive(long notify_id, int timeout_s) {
 }
 
 void CRtpUdpSender::EnableTrack(int track) {
+    CGuard guard(m_mutex);  // against other switches; Put reads the mask without it
     if (track < 0) {
         m_track_mask = 0xff;
         return;
@@ -290,6 +302,7 @@ void CRtpUdpSender::DisableTrack(int channel) {
     if (!OSTRA_ASSERT(channel <= 7 && channel >= 0)) {
         return;
     }
+    CGuard guard(m_mutex);
     m_track_mask = static_cast<uint8_t>(m_track_mask & ~(1U << channel));
 }
 

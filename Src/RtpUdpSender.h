@@ -48,8 +48,8 @@ public:
     // headers, RTCP has the next one. When all room is taken, the track that has `channel` already is opened anew.
     // 0, or -1 if there is no room, or no free pair (with a log line).
     int OpenPair(int* local_port, int remote_port, int channel);
-    // The same at the local port that the peer was told, without a search and without marking. 0; -1 if there is no
-    // room.
+    // The same at the local port that the peer was told, without a search, marking and multicast interface. 0, also if
+    // a socket can't be opened; -1 if there is no room.
     int OpenPairAt(int local_port, int remote_port, int channel);
     // Multicast TTL (default 64) for pairs opened later; values below 1 are ignored. 0.
     int SetTtl(int ttl);
@@ -78,7 +78,7 @@ private:
     void take_slot_locked(Slot* slot, const std::shared_ptr<CUdpSockPair>& pair, int remote_port, int channel)
         VIDORA_REQUIRES(m_mutex);
     void set_remote_locked(CUdpSockPair& pair, int remote_port) VIDORA_REQUIRES(m_mutex);
-    void set_multicast_locked(CUdpSockPair& pair) VIDORA_REQUIRES(m_mutex);
+    void set_ttl_locked(const Slot& slot) VIDORA_REQUIRES(m_mutex);
     void mark(CUdpSockPair& pair) const;
     CSockDgram* find_sock_locked(int channel, bool rtcp_first) VIDORA_REQUIRES(m_mutex);
     bool report_due_locked() VIDORA_REQUIRES(m_mutex);

@@ -6,7 +6,7 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <mutex>
+#include <memory>
 
 #include "Protocol/RtcpParser.h"
 #include "RtpUdpSender.h"
@@ -60,6 +60,9 @@ void CSvrSessionCore::operator delete(void* memory, std::size_t size) noexcept {
 #endif
 
 CSvrSessionCore::CSvrSessionCore() {
+    void* space = m_recv_space;
+    std::size_t room = sizeof(m_recv_space);
+    m_recv_buffer = static_cast<char*>(std::align(BUFFER_PAGE, RTSP_BUF_LEN + 1, space, room));
     m_recv_buffer[0] = '\0';
     init_rtsp_states(m_machine, this);
 }
@@ -96,11 +99,21 @@ int CSvrSessionCore::parse_request() {
         m_recv_len -= taken;
     }
     if (m_recv_len == 0) {
-        memset(m_recv_buffer, 0, static_cast<size_t>(received));
+        empty_buffer(received);
     } else {
         memmove(m_recv_buffer, cursor, static_cast<size_t>(m_recv_len));
     }
     return m_recv_len;
+}
+
+// Zeroes the `used` bytes of the buffer. A session that streams is quiet for seconds, and gives the page back.
+void CSvrSessionCore::empty_buffer(int used) {
+#ifndef VIDORA_HEAP_SESSION
+    if (m_streaming && madvise(m_recv_buffer, BUFFER_PAGE, MADV_DONTNEED) == 0) {
+        return;
+    }
+#endif
+    memset(m_recv_buffer, 0, static_cast<size_t>(used));
 }
 
 // One frame of RFC 2326 10.12: the bytes that it takes, or 0 if it isn't whole.
@@ -145,10 +158,11 @@ int CSvrSessionCore::take_message(char* cursor) {
 
 // Reports of the client are taken in and have no effect: not even a BYE (RFC 3550 6.6) ends anything.
 void CSvrSessionCore::on_interleaved(const unsigned char* data, unsigned int length, int channel) {
-    if (channel >= 2 * MAX_TRACKS || m_rtcp[channel / 2] == nullptr) {
+    const int index = channel / 2;
+    if (index >= m_track_count || !m_tracks[index].has_rtcp) {
         return;
     }
-    CRtcpParser& parser = *m_rtcp[channel / 2];
+    CRtcpParser parser(m_tracks[index].ssrc);
     parser.ParseData(data, &length, true);
     int count = 0;
     const rtcp_pack* packets = parser.get_packets(&count);

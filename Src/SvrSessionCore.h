@@ -17,14 +17,12 @@
 #include "Vidora/LiveChannel.h"
 #include "Vidora/Names.h"
 #include "Vidora/RtspSvrConfig.h"
-#include "Vidora/RtspUrlParser.h"
 #include "Vidora/Types.h"
 
 namespace Kavio {
 namespace Vidora {
 
 class CLiveSvr;
-class CRtcpParser;
 class CRtpUdpSender;
 
 // CSvrSessionCore: one RTSP conversation on the server (RFC 2326): all that a plain and a tunnelled session have in
@@ -70,6 +68,7 @@ public:
 protected:
     static const int RTSP_BUF_LEN = 4096;
     static const int MAX_TRACKS = 8;  // channel pairs of a sink
+    static const std::size_t BUFFER_PAGE = 4096;
 
     // Messages that the session sends itself.
     enum session_message_t {
@@ -101,6 +100,7 @@ protected:
     CSockAddrStorage m_peer_addr;
     bool m_onvif_user_global = false;
     bool m_send_rtcp = false;  // set by the derived class
+    char* m_recv_buffer;       // RTSP_BUF_LEN bytes and a NUL
     int m_recv_len = 0;
     std::atomic<unsigned int>* m_live_count = nullptr;  // the derived class's count of its objects, or null
 
@@ -119,7 +119,9 @@ private:
         int rtcp_channel;
         int send_channel;  // of the sink; -1 until SETUP
         unsigned int flags;
-        int direction;  // CSdpParser::get_direction
+        int direction;      // CSdpParser::get_direction
+        bool has_rtcp;      // since SETUP: reports are sent and taken in,
+        unsigned int ssrc;  // under this source identifier
     };
 
     // What m_auth_state says.
@@ -128,6 +130,7 @@ private:
     // Request dispatch.
     int parse_interleaved(char* cursor);
     int take_message(char* cursor);
+    void empty_buffer(int used);
     void on_interleaved(const unsigned char* data, unsigned int length, int channel);
     int parse_event(const StateEvent& event);
     int send_data(const char* text, int length);
@@ -200,7 +203,7 @@ private:
     int reply_pause();
     int on_teardown(const StateEvent& event);
     int teardown_track(TrackInfo& track);
-    void stop_data_source();
+    int stop_data_source();
     int on_unsupported(const StateEvent& event);
 
     // Timers, reports, failures and the end.
@@ -211,6 +214,7 @@ private:
     void on_frame_info(CMediaPacket* packet, int length, int unused);
     void give_lost_events();
     int on_sdp_update();
+    bool has_same_sdp();
     void stop_media();
     void leave_channel(CLiveChannel* channel);
     void on_asyn_msg(const StateEvent& event);
@@ -221,7 +225,7 @@ private:
         return m_live_channel != nullptr ? call(*m_live_channel) : call(*m_data_source);
     }
     bool has_source() const { return m_live_channel != nullptr || m_data_source != nullptr; }
-    bool wants_assist() { return m_url_parser.GetLocalStreamProto() == 1; }
+    bool wants_assist() const { return m_stream_proto == 1; }
 
     // Where media comes from.
     CLiveSvr* m_live_svr = nullptr;
@@ -231,6 +235,7 @@ private:
     std::string m_channel_name;              // content of the live URL
     int m_channel = 0;                       // its numbers
     int m_subtype = 0;
+    int m_stream_proto = 0;                 // CRtspUrlParser::GetLocalStreamProto of the URL
     src_type_t m_src_type = SRC_TYPE_NONE;  // of the URL
     bool m_is_live = false;
     int m_sdp_result = 0;  // of the last GetSdp: 1 is a channel that is multicast only
@@ -246,6 +251,7 @@ private:
     bool m_attached_udp = false;                       // m_udp_sender and not m_media_sender
     bool m_assist_enabled = false;                     // the assist track was counted in
     bool m_source_started = false;                     // StartStreaming was called on the data source
+    packet_type_t m_source_type = PACKET_TYPE_NONE;    // in this form
     bool m_streaming = false;                          // from the end of a PLAY to a PAUSE or whole TEARDOWN
 
     // Tracks.
@@ -253,7 +259,6 @@ private:
     int m_track_count = 0;
     int m_setup_tracks[MAX_TRACKS] = {};  // track identifiers, ascending
     int m_setup_count = 0;
-    CRtcpParser* m_rtcp[MAX_TRACKS] = {};  // by track; owned
 
     // Dialogue.
     uint64_t m_wait_id = 0;  // the event that a late reply answers
@@ -283,13 +288,11 @@ private:
     std::atomic<unsigned int> m_lost_count{0};
 
     CMachineKeeper m_machine;
-    CRtspUrlParser m_url_parser;
     CSdpParser m_sdp;
     CRtspRspParser m_rsp_parser;
 
-protected:
-    // The last member: behind the bytes of one request its pages stay untouched.
-    char m_recv_buffer[RTSP_BUF_LEN + 1];
+    // The last member. m_recv_buffer begins at a page of it, which is given back while nothing is in the buffer.
+    char m_recv_space[3 * BUFFER_PAGE];
 };
 
 }  // namespace Vidora

@@ -7,6 +7,7 @@
 #include "SvrSessionCore.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StrParser.h"
+#include "Vidora/RtspUrlParser.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -28,6 +28,13 @@ const char BYE_REASON[] = "End of Stream";
 
 std::atomic<bool> delay_log{false};
 
+// The description behind its origin line; RFC 4566 5 puts v= first and o= second.
+const char* behind_origin(const char* sdp) {
+    const char* origin = strstr(sdp, "\no=");
+    const char* end = origin == nullptr ? nullptr : strchr(origin + 1, '\n');
+    return end == nullptr ? sdp : end;
+}
+
 void set_delay_log_command(int argc, char** argv) {
     CSvrSessionCore::SetDelayLog(argc > 1 ? atoi(argv[1]) : 1);
 }
@@ -159,11 +166,14 @@ int CSvrSessionCore::teardown_track(TrackInfo& track) {
     return 0;
 }
 
-void CSvrSessionCore::stop_data_source() {
-    if (m_data_source != nullptr) {
-        m_data_source->StopStreaming(m_packet_type);
-        m_source_started = false;
+// The type is that of its start: a SETUP may have asked for another one since.
+int CSvrSessionCore::stop_data_source() {
+    if (m_data_source == nullptr) {
+        return -1;
     }
+    const packet_type_t type = m_source_started ? m_source_type : m_packet_type;
+    m_source_started = false;
+    return m_data_source->StopStreaming(type);
 }
 
 // Ends the reports and takes the sinks off their buffer.
@@ -219,7 +229,7 @@ int CSvrSessionCore::send_rtcp_report(int track_filter, bool with_bye) {
             (track_filter != -1 && track.track_id != track_filter)) {
             continue;
         }
-        if (m_rtcp[track.rtcp_channel / 2] == nullptr) {
+        if (!track.has_rtcp) {
             return 0;
         }
         if (send_track_report(track, with_bye) < 0) {
@@ -235,7 +245,7 @@ int CSvrSessionCore::send_track_report(const TrackInfo& track, bool with_bye) {
         return -1;
     }
     const int channel = of_source([&](auto& source) { return source.GetTcpChannel(track.track_id); }) + 1;
-    CRtcpParser& rtcp = *m_rtcp[track.rtcp_channel / 2];
+    CRtcpParser rtcp(track.ssrc);
     const int sender_info[3] = {static_cast<int>(info.packets), static_cast<int>(info.octets),
                                 static_cast<int>(info.timestamp)};
     rtcp.set_sender_info(sender_info);
@@ -244,11 +254,7 @@ int CSvrSessionCore::send_track_report(const TrackInfo& track, bool with_bye) {
     }
     unsigned char buffer[REPORT_SIZE];
     unsigned int length = REPORT_SIZE - INTERLEAVE_HEADER_SIZE;
-    const bool written = rtcp.get_sr_compound(buffer + INTERLEAVE_HEADER_SIZE, &length) != nullptr;
-    if (with_bye) {
-        rtcp.reset();  // the next play of this track has no BYE in its reports
-    }
-    if (!written) {
+    if (rtcp.get_sr_compound(buffer + INTERLEAVE_HEADER_SIZE, &length) == nullptr) {
         return -1;
     }
     return m_transport == RTP_OVER_UDP ? send_udp_report(buffer + INTERLEAVE_HEADER_SIZE, length, channel)
@@ -393,7 +399,9 @@ int CSvrSessionCore::handle_message(long /*sender_id*/, unsigned int msg, long p
             put_asyn_msg(MSG_SESSION_BROKEN);
             break;
         case MSG_SRC_READY:
-            read_sdp();
+            if (has_source()) {
+                read_sdp();
+            }
             result = reply_describe();
             break;
         case MSG_PLAY_READY:
@@ -430,10 +438,25 @@ int CSvrSessionCore::on_sdp_update() {
     if (m_sdp_timer != 0) {
         return retry_describe();
     }
-    if (m_packet_type != PACKET_TYPE_KX && m_described) {
+    // A source that becomes ready reports that as an update as well. It may overtake the DESCRIBE that has just been
+    // answered with this very SDP.
+    const bool nothing_set_up = m_packet_type == PACKET_TYPE_NONE;
+    if (m_packet_type != PACKET_TYPE_KX && m_described && !(nothing_set_up && has_same_sdp())) {
         put_asyn_msg(MSG_SDP_UPDATE);
     }
     return 0;
+}
+
+// Whether the source's SDP is what DESCRIBE gave, but for the origin line, which has the time of its making.
+bool CSvrSessionCore::has_same_sdp() {
+    CSdpParser now;
+    const bool assist = wants_assist();
+    if (!has_source() ||
+        of_source([&](auto& source) { return assist ? source.GetSdp(now, 1) : source.GetSdp(now); }) < 0) {
+        return false;
+    }
+    now.GetStream();
+    return strcmp(behind_origin(now.get_stream()), behind_origin(m_sdp.get_stream())) == 0;
 }
 
 // The end begins here, whatever its reason: the media stops, the source is let go, the session closes. A data source is

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <new>
 
-#include "Protocol/RtcpParser.h"
 #include "RtpUdpSender.h"
 #include "SvrSessionCore.h"
 #include "Tramel/MediaBuffer.h"
@@ -12,6 +11,7 @@
 #include "Tramel/SockStream.h"
 #include "Tramel/StrParser.h"
 #include "Vidora/LiveSvr.h"
+#include "Vidora/RtspUrlParser.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -62,12 +62,12 @@ int CSvrSessionCore::on_describe(const StateEvent& event) {
         return refuse_parse(event);
     }
     const char* url = m_rsp_parser.get_url();
-    m_url_parser = CRtspUrlParser();  // what an earlier DESCRIBE asked for is forgotten
-    if (!m_url_parser.ParseUrl(url, static_cast<unsigned int>(strlen(url)))) {
+    CRtspUrlParser url_parser;  // three kilobytes that nothing needs later
+    if (!url_parser.ParseUrl(url, static_cast<unsigned int>(strlen(url)))) {
         logError("%s:%d, parse url failed., url=%s.\n", __FILE__, __LINE__, url);
         return -1;
     }
-    const char* content = m_url_parser.GetContent();
+    const char* content = url_parser.GetContent();
     char rewritten[MAX_CONTENT_SIZE] = {};
     const rtsp_url_func_t url_func = m_config.GetUrlFunc();
     if (url_func != nullptr && url_func(content == nullptr ? "" : content, rewritten, MAX_CONTENT_SIZE) != nullptr) {
@@ -82,6 +82,7 @@ int CSvrSessionCore::on_describe(const StateEvent& event) {
     parser.ParseContent(content, length);
     m_src_type = parser.GetSrcType();
     release_source();
+    m_stream_proto = url_parser.GetLocalStreamProto();
 
     if (m_src_type == SRC_TYPE_TOKEN) {
         logInfo("%s:%d, create onvif playback file src.\n", __FILE__, __LINE__);
@@ -168,8 +169,6 @@ void CSvrSessionCore::release_source() {
     delete m_udp_sender;
     m_udp_sender = nullptr;
     for (int i = 0; i < MAX_TRACKS; ++i) {
-        delete m_rtcp[i];
-        m_rtcp[i] = nullptr;
         if (m_media_sender != nullptr) {
             m_media_sender->DisableSendChannel(i);
         }
@@ -261,7 +260,8 @@ void CSvrSessionCore::build_track_table() {
             continue;
         }
         const int n = m_track_count++;
-        m_tracks[n] = {track_id, 2 * n, 2 * n + 1, -1, TRACK_KNOWN, m_sdp.get_direction(m_sdp.get_index(track_id))};
+        m_tracks[n] = {track_id, 2 * n, 2 * n + 1, -1, TRACK_KNOWN, m_sdp.get_direction(m_sdp.get_index(track_id)),
+                       false,    0};
     }
 }
 
@@ -465,9 +465,9 @@ int CSvrSessionCore::finish_setup(TrackInfo& track, transport_info& transport, i
         switch_track(track, true);
     }
     track.flags |= TRACK_SETUP;
-    CRtcpParser*& rtcp = m_rtcp[track.rtcp_channel / 2];
-    if (rtcp == nullptr) {
-        rtcp = new (std::nothrow) CRtcpParser(transport.ssrc);
+    if (!track.has_rtcp) {
+        track.has_rtcp = true;
+        track.ssrc = transport.ssrc;
     }
     const char* reply = m_rsp_parser.generate_setup_reply(
         &transport, transport.multicast != 0 ? m_rsp_parser.get_multicast() : nullptr);

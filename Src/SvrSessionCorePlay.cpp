@@ -81,11 +81,7 @@ int CSvrSessionCore::on_replay(const StateEvent& event) {
             m_tracks[i].flags &= ~static_cast<unsigned int>(TRACK_PLAYING);
         }
     }
-    m_source_started = false;
-    if (m_data_source == nullptr || m_data_source->StopStreaming(m_packet_type) < 0) {
-        return -1;
-    }
-    return play_data_source(event);
+    return stop_data_source() < 0 ? -1 : play_data_source(event);
 }
 
 // Answers PLAY and starts the media: in the request itself on a live channel, on MSG_PLAY_READY on a data source.
@@ -291,6 +287,7 @@ int CSvrSessionCore::start_data_source(int cseq) {
         return -1;
     }
     m_source_started = true;
+    m_source_type = m_packet_type;
     return 0;
 }
 

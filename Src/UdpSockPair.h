@@ -9,8 +9,8 @@ namespace Vidora {
 
 // CUdpSockPair: the two sockets of one RTP track, RTP on an even port and RTCP on the port above it (RFC 3550 11).
 //
-// The ports that this process holds are kept in a table, so that the search for a free pair costs no system call for a
-// port that is known to be taken, however many sessions run.
+// The ports that this process holds are kept in a table, so that the search for a free pair costs no system call for
+// them, however many sessions run.
 //
 // THREADING  OpenInRange, OpenAt and the destructor may run on any threads for different pairs; the table has a lock of
 //            its own. One pair is used by one thread at a time.
@@ -34,7 +34,6 @@ public:
     CSockDgram& Rtcp() { return m_rtcp; }
 
 private:
-    bool search(int first, int limit, int family, bool retry, int* port, bool* passed_over);
     bool open_at(int port, int family);
 
     CSockDgram m_rtp;

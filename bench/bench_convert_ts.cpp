@@ -1,102 +1,21 @@
 // What it costs to rebuild frames from RTP and TS and to put frames into TS and PS: gigabytes of frame a second and
 // allocations for each frame, beside a memcpy of the same bytes.
 //
-// Method: H.264 key frames of parameter sets and one slice of random bytes, in packets as a sender makes them. A row's
-// work and the memcpy take turns, ROUNDS times, each for ROUND_MS or more; the best round of each counts, since on a
-// shared machine everything else only adds. Both go through a ring of RING_BYTES of frames, so that neither lives in
-// the first caches. Allocations are counted in malloc, over all rounds but the first; packets that go in are made
-// beforehand.
-#include <algorithm>
-#include <atomic>
-#include <chrono>
-#include <cstdio>
+// The frames are synthetic, in packets that are made beforehand. support/CopyRow.h says how it is measured.
 #include <cstdlib>
 #include <cstring>
-#include <functional>
-#include <random>
-#include <string>
 #include <vector>
 
 #include "StreamParser/Frame2Ps.h"
 #include "StreamParser/Frame2Ts.h"
 #include "StreamParser/StreamParser.h"
-
-extern "C" void* __libc_malloc(size_t size);
-static std::atomic<uint64_t> g_allocations{0};
-
-// glibc lets a program put its own malloc in front.
-extern "C" void* malloc(size_t size) {
-    g_allocations.fetch_add(1, std::memory_order_relaxed);
-    return __libc_malloc(size);
-}
+#include "support/CopyRow.h"
 
 namespace {
 
+using namespace Bench;
 using namespace Kavio::Vidora;
 namespace Flumen = Kavio::Flumen;
-
-constexpr int ROUNDS = 20;
-constexpr double ROUND_MS = 5;
-constexpr size_t SIZES[] = {2000, 20000, 200000};
-constexpr size_t RING_BYTES = 16 << 20;
-
-typedef std::vector<unsigned char> Bytes;
-
-// One row: `work` converts one frame of `bytes` bytes, the `index`th of a ring of `frames`.
-struct Row {
-    const char* name;
-    size_t bytes;
-    size_t frames;
-    std::function<void(size_t index)> work;
-};
-
-double seconds_of(const Row& row, size_t times) {
-    const auto start = std::chrono::steady_clock::now();
-    for (size_t i = 0; i < times; ++i) {
-        row.work(i % row.frames);
-    }
-    return std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count();
-}
-
-size_t times_for_round(const Row& row) {
-    const double turn_ms = seconds_of(row, row.frames) * 1000;
-    return row.frames * (1 + static_cast<size_t>(ROUND_MS / (turn_ms + 1e-6)));
-}
-
-void run_row(const Row& row) {
-    const Bytes from(row.bytes * row.frames, 0x5A);
-    Bytes to(from.size());
-    const Row copy = {"memcpy", row.bytes, row.frames, [&](size_t index) {
-                          std::memcpy(to.data() + index * row.bytes, from.data() + index * row.bytes, row.bytes);
-                          asm volatile("" ::"r"(to.data()) : "memory");  // the copy is wanted
-                      }};
-    const size_t times = times_for_round(row);
-    const size_t copies = times_for_round(copy);
-    double best_work = 1e9;
-    double best_copy = 1e9;
-    uint64_t allocations = 0;
-    for (int round = 0; round < ROUNDS; ++round) {
-        const uint64_t before = g_allocations;
-        best_work = std::min(best_work, seconds_of(row, times) / static_cast<double>(times));
-        allocations += round > 0 ? g_allocations - before : 0;
-        best_copy = std::min(best_copy, seconds_of(copy, copies) / static_cast<double>(copies));
-    }
-    const double gigabytes = static_cast<double>(row.bytes) / 1e9;
-    std::printf("%-14s %7zu B %7.2f GB/s   memcpy %6.2f GB/s   cost %5.2f memcpys   %5.2f allocations a frame\n",
-                row.name, row.bytes, gigabytes / best_work, gigabytes / best_copy, best_work / best_copy,
-                static_cast<double>(allocations) / static_cast<double>((ROUNDS - 1) * times));
-}
-
-Bytes make_frame(size_t size) {
-    Bytes frame = {0, 0, 0, 1,    0x67, 0x42, 0xC0, 0x1E, 0xDA, 0x02, 0x80, 0xBE, 0x40, 0,
-                   0, 0, 1, 0x68, 0xCE, 0x3C, 0x80, 0,    0,    0,    1,    0x65, 0x88};
-    std::mt19937 random(static_cast<unsigned>(size));
-    while (frame.size() < size) {
-        const auto byte = static_cast<unsigned char>(random());
-        frame.push_back(byte < 2 ? 0x80 : byte);  // so that there is no start code inside
-    }
-    return frame;
-}
 
 Flumen::CMediaFrame to_media(const unsigned char* data, size_t len) {
     Flumen::CMediaFrame frame(static_cast<unsigned>(len));
@@ -182,15 +101,9 @@ void run_packer(const char* name, IFrame2Packet& packer, const Bytes& bytes, siz
 }  // namespace
 
 int main() {
-    std::printf("compiler %s%s\n", __VERSION__,
-#ifdef __OPTIMIZE__
-                ""
-#else
-                " WITHOUT OPTIMIZATION"
-#endif
-    );
+    print_build("synthetic");
     for (const size_t size : SIZES) {
-        const Bytes frame = make_frame(size);
+        const Bytes frame = synthetic_frame(size);
         const size_t frames = RING_BYTES / size;
         run_decoder("RTP to frame", STREAM_TYPE_RTP, frame, frames);
         run_decoder("TS to frame", STREAM_TYPE_TS, frame, frames);

@@ -18,7 +18,7 @@ namespace Vidora {
 //         if (packs[0].common.pt == CRtcpParser::RTCP_TYPE_SR && packs[0].parse(&packs[0]) == 0) ... packs[0].sr ...
 //
 // THREADING  No lock: used by its owner's handler.
-// OWNERSHIP  The table is the parser's, valid until the next ParseData or reset; until an entry is decoded it leads
+// OWNERSHIP  The table is the parser's, valid until the next ParseData or reset. Until an entry is decoded it leads
 // into
 //            the buffer that was parsed. Arguments of the building operations are copied.
 // Memory: decoded contents take at most some 20 times their bytes on the wire (an SDES item of no text).

@@ -25,10 +25,10 @@ const int KEY_PROXY_LENGTH = 6;
 const int KEY_FILE_LENGTH = 4;
 const int KEY_SUBTYPE_LENGTH = 8;
 
-// Copies at most `size` - 1 of `length` bytes.
+// Copies at most `size` - 1 of `length` bytes. `text` may lie in `out`: hosts parse again what a generator gave them.
 void copy_text(char* out, unsigned int size, const char* text, size_t length) {
     const size_t copied = std::min<size_t>(length, size - 1);
-    std::memcpy(out, text, copied);
+    std::memmove(out, text, copied);
     out[copied] = '\0';
 }
 

@@ -1,6 +1,8 @@
+#include <charconv>
 #include <climits>
 #include <cmath>
 #include <cstring>
+#include <string_view>
 
 #include "Protocol/SdpParser.h"
 #include "Tramel/StrParser.h"
@@ -289,19 +291,30 @@ namespace {
 const double MICROSECONDS = 1000000;
 const double MAX_MICROSECONDS = 9e18;  // what 64 bits hold, rounded down
 
+// Takes a number as scanf does, but with a point in every locale: white space, a sign, digits, an exponent. RFC
+// 2326 3.6 has no exponent, but "%g" writes one for a long recording.
+bool scan_number(std::string_view& text, double& value) {
+    const size_t start = text.find_first_not_of(" \t\r\n\v\f");
+    text.remove_prefix(start != std::string_view::npos ? start : text.size());
+    if (text.size() > 1 && text[0] == '+' && text[1] != '-') {
+        text.remove_prefix(1);  // from_chars takes no plus
+    }
+    const std::from_chars_result result = std::from_chars(text.data(), text.data() + text.size(), value);
+    text.remove_prefix(static_cast<size_t>(result.ptr - text.data()));
+    return result.ec == std::errc() && std::isfinite(value);
+}
+
 // "npt=<begin>-<end>" (RFC 2326 3.6) with both numbers; an open end or "now" gives false.
-bool read_npt_range(const char* value, double& begin, double& end) {
-    CStrParser parser(value);
-    if (parser.LocateString("npt=") != 0) {
+bool read_npt_range(std::string_view range, double& begin, double& end) {
+    if (range.substr(0, 4) != "npt=") {
         return false;
     }
-    parser.ConsumeLength(4, nullptr, 0);
-    parser.ConsumeWhitespace();
-    begin = parser.ConsumeDouble();
-    parser.Expect('-');
-    parser.ConsumeWhitespace();
-    end = parser.ConsumeDouble();
-    return parser.GetStatus() == 0;
+    range.remove_prefix(4);
+    if (!scan_number(range, begin) || range.empty() || range[0] != '-') {
+        return false;
+    }
+    range.remove_prefix(1);
+    return scan_number(range, end);
 }
 
 }  // namespace
@@ -334,10 +347,9 @@ int CSdpParser::get_frame_rate(int* payload_type) const {
         if (!attribute.name.Equals("framerate") || attribute.value == nullptr) {
             continue;
         }
-        CStrParser parser(attribute.value);
-        parser.ConsumeWhitespace();
-        const double rate = parser.ConsumeDouble();
-        if (parser.GetStatus() == 0) {
+        std::string_view text(attribute.value);
+        double rate = 0;
+        if (scan_number(text, rate)) {
             return std::fabs(rate) < INT_MAX ? static_cast<int>(std::lround(rate)) : -1;
         }
     }

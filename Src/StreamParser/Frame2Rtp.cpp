@@ -83,77 +83,94 @@ int CFrame2Rtp::GetPacketSize() {
     return m_current == nullptr ? 0 : RTP_HEADER_LEN + static_cast<int>(m_current->Size());
 }
 
-int CFrame2Rtp::GetPacket(unsigned char* buffer, unsigned int capacity) {
-    if (buffer == nullptr || m_current == nullptr || capacity < packet_len()) {
-        return 0;
+// What the headers of a frame's packets share.
+struct CFrame2Rtp::FrameHead {
+    bool framed;  // each packet stands behind an interleave header
+    uint8_t dollar;
+    uint8_t channel;
+    uint8_t payload_type;
+    uint32_t timestamp;
+    uint32_t ssrc;
+    int last;                // index of the packet with the marker
+    unsigned int extension;  // bytes of the first packet's header extension
+};
+
+inline CFrame2Rtp::FrameHead CFrame2Rtp::frame_head(const uint8_t* interleave) const {
+    FrameHead head = {};
+    if (interleave != nullptr) {
+        head.framed = true;
+        head.dollar = interleave[0];
+        head.channel = interleave[1];
     }
-    const uint32_t len = packet_len();
-    return write_packet(buffer, len, nullptr) ? static_cast<int>(len) : 0;
+    head.payload_type = m_payload_type & 0x7F;
+    head.timestamp = timestamp();
+    head.ssrc = m_ssrc;
+    head.last = m_count - 1;
+    head.extension = GetExtensionSize();
+    return head;
 }
 
-bool CFrame2Rtp::GetFrame(CByteWriter& writer, const uint8_t* interleave) {
-    const uint32_t header_len = interleave != nullptr ? RTP_TCP_HEADER_LEN : 0;
-    for (; m_current != nullptr; CFrame2Rtp::NextPacket()) {
-        const uint32_t len = header_len + packet_len();
-        unsigned char* place = writer.Reserve(len);
-        if (place == nullptr || !write_packet(place, len, interleave)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// The current packet with all its headers but the interleave header.
-inline uint32_t CFrame2Rtp::packet_len() const {
-    return RTP_HEADER_LEN + GetExtensionSize() + m_current->Size();
-}
-
-// The extension of RFC 3550 5.3.1, as it was given; of a JPEG picture with a word more.
-inline void CFrame2Rtp::write_extension(CByteWriter& writer) const {
-    const size_t start = writer.Offset();
-    writer.WriteBytes(m_extension, sizeof(m_extension));
-    if (m_enc_type == ENC_TYPE_JPEG) {
-        writer.PatchU16(start + 2, JPEG_EXTENSION_WORDS);
-        writer.WriteU16(0xFFD8);
-        writer.WriteU16(0x0002);
-    }
-}
-
-// Writes the current packet, behind its interleave header if there is one, into exactly its room. The writer is the
-// function's own and all that it calls is inline, so that it lives in registers.
+// Writes one packet, behind its interleave header if there is to be one. Inline throughout, so that the writer, which
+// is a variable of the caller's, lives in registers.
 //
 //  |      '$'      |    channel    |            length             |     RFC 2326 10.12
 //  |V=2|P|X|  CC   |M|     PT      |       sequence number         |
 //  |                           timestamp                           |
 //  |                             SSRC                              |     RFC 3550 5.1
-bool CFrame2Rtp::write_packet(unsigned char* place, uint32_t len, const uint8_t* interleave) {
-    CByteWriter writer(place, len);
-    const bool last = m_index == m_count - 1;
-    const bool extended = GetExtensionSize() > 0;
-    if (interleave != nullptr) {
-        writer.WriteU32(word_of(interleave[0], interleave[1], static_cast<uint16_t>(len - RTP_TCP_HEADER_LEN)));
+[[gnu::always_inline]] inline void CFrame2Rtp::write_packet(CByteWriter& writer, const FrameHead& head,
+                                                            const RtpPacketNode& node, int index,
+                                                            uint16_t sequence) const {
+    const unsigned int extension = index == 0 ? head.extension : 0;
+    const uint32_t len = RTP_HEADER_LEN + extension + node.Size();
+    if (head.framed) {
+        writer.WriteU32(word_of(head.dollar, head.channel, static_cast<uint16_t>(len)));
     }
-    writer.WriteU32(word_of(extended ? RTP_VERSION_2 | RTP_EXTENSION_BIT : RTP_VERSION_2,
-                            static_cast<uint8_t>((m_payload_type & 0x7F) | (last ? RTP_MARKER : 0)), m_sequence));
-    writer.WriteU32(timestamp());
-    writer.WriteU32(m_ssrc);
-    if (extended) {
-        write_extension(writer);
+    const uint8_t marker = index == head.last ? RTP_MARKER : 0;
+    writer.WriteU32(word_of(extension > 0 ? RTP_VERSION_2 | RTP_EXTENSION_BIT : RTP_VERSION_2,
+                            head.payload_type | marker, sequence));
+    writer.WriteU32(head.timestamp);
+    writer.WriteU32(head.ssrc);
+    if (extension > 0) {  // RFC 3550 5.3.1, as it was given; of a JPEG picture with a word more
+        const size_t start = writer.Offset();
+        writer.WriteBytes(m_extension, sizeof(m_extension));
+        if (extension > sizeof(m_extension)) {
+            writer.PatchU16(start + 2, JPEG_EXTENSION_WORDS);
+            writer.WriteU16(0xFFD8);
+            writer.WriteU16(0x0002);
+        }
     }
-    m_current->Write(writer);
-    if (!writer.Ok()) {
-        return false;
-    }
+    node.Write(writer);
     if (IsPrinted(PRINT_OUTPUT)) {
-        print_packet(static_cast<int>(interleave != nullptr ? len - RTP_TCP_HEADER_LEN : len));
+        R3Printf("Output RTP: ssrc[%08x] pt[%d] m[%d] seq[%04x] ts[%08x] len = %d\n", head.ssrc, head.payload_type,
+                 marker != 0 ? 1 : 0, sequence, head.timestamp, static_cast<int>(len));
     }
-    ++m_sequence;
-    return true;
 }
 
-void CFrame2Rtp::print_packet(int size) const {
-    R3Printf("Output RTP: ssrc[%08x] pt[%d] m[%d] seq[%04x] ts[%08x] len = %d\n", m_ssrc, m_payload_type & 0x7F,
-             m_index == m_count - 1 ? 1 : 0, m_sequence, timestamp(), size);
+int CFrame2Rtp::GetPacket(unsigned char* buffer, unsigned int capacity) {
+    if (buffer == nullptr || m_current == nullptr ||
+        capacity < RTP_HEADER_LEN + GetExtensionSize() + m_current->Size()) {
+        return 0;
+    }
+    CByteWriter writer(buffer, capacity);
+    write_packet(writer, frame_head(nullptr), *m_current, m_index, m_sequence);
+    ++m_sequence;
+    return static_cast<int>(writer.Offset());
+}
+
+// All that a loop of GetPacket and NextPacket does, with everything that the packets share taken out of the loop.
+bool CFrame2Rtp::GetFrame(CByteWriter& out, const uint8_t* interleave) {
+    const FrameHead head = frame_head(interleave);
+    CByteWriter writer = out;
+    const RtpPacketNode* node = m_current;
+    uint16_t sequence = m_sequence;
+    for (int index = m_index; node != nullptr && index < m_count; ++index, ++sequence) {
+        write_packet(writer, head, *node, index, sequence);
+        node = node->next;
+    }
+    m_current = nullptr;
+    m_sequence = sequence;
+    out = writer;
+    return writer.Ok();
 }
 
 unsigned int CFrame2Rtp::GetExtensionSize() const {

@@ -37,7 +37,7 @@ public:
     // Writes all packets still to come, one behind the other, each behind its interleave header (RFC 2326 10.12) of
     // these two bytes and its length if `interleave` isn't null. The same as taking them one by one, in one go; no
     // packet is left then. False if they don't fit, with some of them written.
-    bool GetFrame(CByteWriter& writer, const uint8_t* interleave);
+    bool GetFrame(CByteWriter& out, const uint8_t* interleave);
 
     // Begins a new timeline: the next packet has `sequence`, the next frame `timestamp`. Ticks are counted by whole
     // numbers a millisecond, so a clock that isn't a multiple of 1000 Hz runs at the next lower multiple.
@@ -51,10 +51,10 @@ public:
 
 private:
     int cut(const unsigned char* data, uint32_t len, int enc_type, uint8_t extra);
-    uint32_t packet_len() const;
-    bool write_packet(unsigned char* place, uint32_t len, const uint8_t* interleave);
-    void write_extension(CByteWriter& writer) const;
-    void print_packet(int size) const;
+    struct FrameHead;
+    FrameHead frame_head(const uint8_t* interleave) const;
+    void write_packet(CByteWriter& writer, const FrameHead& head, const RtpPacketNode& node, int index,
+                      uint16_t sequence) const;
     uint32_t timestamp() const;
 
     int m_enc_type = ENC_TYPE_NONE;

@@ -33,6 +33,18 @@ inline bool any(Bytes16 lanes) {
     return (words[0] | words[1]) != 0;
 }
 
+// The first lane that isn't 0; there is one.
+inline size_t first_lane(Bytes16 lanes) {
+    const Words2 words = reinterpret_cast<Words2>(lanes);
+    const size_t half = words[0] != 0 ? 0 : 1;
+#if __BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__
+    const int bits = __builtin_ctzll(words[half]);
+#else
+    const int bits = __builtin_clzll(words[half]);
+#endif
+    return half * 8 + static_cast<size_t>(bits) / 8;
+}
+
 }  // namespace
 
 size_t find_start_code3(const unsigned char* data, size_t len, size_t from) {
@@ -42,8 +54,12 @@ size_t find_start_code3(const unsigned char* data, size_t len, size_t from) {
     const size_t last = len - 3;  // the last offset where one fits
     size_t offset = from;
     // A step looks at STEP offsets, and so at two bytes more.
-    while (last - offset >= STEP && !any(match16(data + offset) | match16(data + offset + 16))) {
-        offset += STEP;
+    for (; last - offset >= STEP; offset += STEP) {
+        const Bytes16 low = match16(data + offset);
+        const Bytes16 high = match16(data + offset + 16);
+        if (any(low | high)) {
+            return offset + (any(low) ? first_lane(low) : 16 + first_lane(high));
+        }
     }
     for (; offset <= last; ++offset) {
         if (data[offset] == 0 && data[offset + 1] == 0 && data[offset + 2] == 1) {

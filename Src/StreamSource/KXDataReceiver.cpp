@@ -55,7 +55,8 @@ int CKXDataReceiver::Init(const char* content, long notify_id, int ext) {
         logError("%s:%d get stream source fail, content:%s!\n", __FILE__, __LINE__, content);
         return -1;
     }
-    // Both stand before Init, which may post MSG_STREAM_INFO at once.
+    // Both stand before the source's Init, which may post MSG_STREAM_INFO at once; the message waits for its end.
+    CGuard start_guard(m_start_mutex);
     m_src_type = source->GetSrcType();
     m_stream_source = source;
     if (source->Init(GetID(), ext) < 0) {
@@ -74,6 +75,12 @@ int CKXDataReceiver::handle_message(long, unsigned int msg, long) {
     if (msg != MSG_STREAM_INFO) {
         Notify(m_notify_id, msg, 0);
         return 0;
+    }
+    {
+        CGuard start_guard(m_start_mutex);
+        if (m_stream_source == nullptr) {
+            return 0;  // it told its format, and then failed to begin
+        }
     }
     CGuard guard(m_mutex);
     if (!m_info_ready) {

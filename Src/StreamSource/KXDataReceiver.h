@@ -5,6 +5,7 @@
 #include <memory>
 
 #include "StreamParser/StreamParser.h"
+#include "Tramel/MediaBuffer.h"
 #include "Vidora/Flumen/MediaFrame.h"
 #include "Vidora/Names.h"
 #include "Vidora/StreamSource.h"
@@ -13,8 +14,6 @@
 namespace Kavio {
 namespace Vidora {
 
-class CFrameInfo;
-
 // CKXDataReceiver: the media path of the server. It takes each frame of one host source, finds its track, and puts it
 // into up to three media buffers: as RTP, as MPEG-TS and as a private frame. It starts, pauses and stops the source by
 // counting the clients of each packet form, keeps the play window of a file, and notices changes of format.
@@ -22,11 +21,13 @@ class CFrameInfo;
 // Results are 0, or -1 with a log line.
 //
 // THREADING  frame_proc: the host's frame thread, under m_mutex from beginning to end. m_mutex guards all that the
-// callback
-//            reads: counts, buffers, tracks, formats, the play window. It is held over the source's format queries, as
-//            in the callback itself, but never over Start, Stop, Pause, Resume or a seek, which may wait for the
-//            callback. m_start_mutex puts those calls of several sessions in a row; it stands above m_mutex.
-// OWNERSHIP  Owns the source, which it closes in handle_close. Borrows the media buffers.
+//            callback reads: counts, buffers, tracks, formats, the play window. It is held over the source's format
+//            queries, as in the callback itself, but never over Start, Stop, Pause, Resume or a seek, which may wait
+//            for the callback. m_start_mutex puts those calls of several sessions in a row, and holds the source's
+//            first message until its Init has returned; it stands above m_mutex.
+// OWNERSHIP  Owns the source, which it closes in handle_close. Keeps references of the media buffers: a channel that
+//            shares the source may end, and its buffers with it, while the clients of another keep the source
+//            running.
 class CKXDataReceiver : public CNetHandler {
 public:
     typedef CStreamSource* (*create_src_fun_t)(const char* content);
@@ -110,9 +111,8 @@ private:
     int put_ts_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
     void put_kx_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
     void set_replay_ext_locked(const Flumen::CMediaFrame& frame, int track) VIDORA_REQUIRES(m_mutex);
-    static CFrameInfo* make_frame_info(const Flumen::CMediaFrame& frame, int track);
 
-    // Constant after Init.
+    // Constant after Init; messages that come while it runs look at the source under m_start_mutex.
     long m_notify_id = 0;
     src_type_t m_src_type = SRC_TYPE_NONE;
     CStreamSource* m_stream_source = nullptr;
@@ -137,7 +137,7 @@ private:
 
     // Clients and buffers by packet_type_t.
     int m_client_count[PACKET_TYPE_NONE] VIDORA_GUARDED_BY(m_mutex) = {0, 0, 0};
-    CMediaBuffer* m_media_buffer[PACKET_TYPE_NONE] VIDORA_GUARDED_BY(m_mutex) = {nullptr, nullptr, nullptr};
+    CMediaBufferRef m_media_buffer[PACKET_TYPE_NONE] VIDORA_GUARDED_BY(m_mutex);  // the last one given
     bool m_started VIDORA_GUARDED_BY(m_mutex) = false;  // Start of the source runs, or has succeeded
     bool m_paused VIDORA_GUARDED_BY(m_mutex) = false;   // the client counts stay as they are when streaming resumes
     int m_cseq VIDORA_GUARDED_BY(m_mutex) = -1;         // of the last StartStreaming

@@ -37,14 +37,35 @@ bool is_video(int type) {
     return type == FRAME_TYPE_I || type == FRAME_TYPE_P || type == FRAME_TYPE_B;
 }
 
-// Gives a frame to a buffer, which takes over; false if memory is short.
-bool put_media(CMediaBuffer* buffer, const Flumen::CMediaFrame& frame, int flag, int tag) {
-    CMediaFrame* packet = new (std::nothrow) CMediaFrame(frame);
-    if (packet == nullptr) {
+// Gives a packet to a buffer, which takes it over unless memory is short or it is empty: then it ends here.
+bool put_packet(const CMediaBufferRef& buffer, CMediaPacket* packet, unsigned int size, int flag, int tag) {
+    if (buffer.Put(packet, static_cast<int>(size), flag, tag) < 0) {
+        packet->Release();
         return false;
     }
-    buffer->Put(packet, static_cast<int>(frame.size()), flag, tag);
     return true;
+}
+
+bool put_media(const CMediaBufferRef& buffer, const Flumen::CMediaFrame& frame, int flag, int tag) {
+    CMediaFrame* packet = new (std::nothrow) CMediaFrame(frame);
+    return packet != nullptr && put_packet(buffer, packet, frame.size(), flag, tag);
+}
+
+// Says which frame the next packet is. Without it the packet goes all the same.
+void put_info(const CMediaBufferRef& buffer, const Flumen::CMediaFrame& frame, int track, int length) {
+    CFrameInfo* info = new (std::nothrow) CFrameInfo;
+    if (info == nullptr) {
+        return;
+    }
+    CByteReader reader(frame.getBuffer(), frame.size());
+    reader.Skip(INDEX_OFFSET);
+    info->m_track = static_cast<uint32_t>(track);
+    info->m_frame_index = reader.ReadU32Le();
+    info->m_frame_type = frame.getType();
+    info->m_time_ms = CTime::getCurrentMilliSecond();
+    if (buffer.PutFrameInfo(info, length) < 0) {
+        info->Release();
+    }
 }
 
 }  // namespace
@@ -93,17 +114,17 @@ int CKXDataReceiver::put_frame_locked(const Flumen::CMediaFrame& frame) {
     }
     const int tag = (track << TAG_TRACK_SHIFT) | (type == FRAME_TYPE_I ? TAG_KEY_FRAME : TAG_OTHER_FRAME);
     const bool format_ok = check_format_locked(frame) >= 0;
-    if (format_ok && m_client_count[PACKET_TYPE_RTP] > 0 && m_media_buffer[PACKET_TYPE_RTP] != nullptr &&
+    if (format_ok && m_client_count[PACKET_TYPE_RTP] > 0 && m_media_buffer[PACKET_TYPE_RTP].IsValid() &&
         put_rtp_locked(frame, track, tag) < 0) {
         return -1;
     }
     // Audio doesn't reach the transport stream by this road.
-    if (format_ok && m_client_count[PACKET_TYPE_TS] > 0 && m_media_buffer[PACKET_TYPE_TS] != nullptr &&
-        is_video(type) && put_ts_locked(frame, track, tag) < 0) {
+    if (format_ok && m_client_count[PACKET_TYPE_TS] > 0 && m_media_buffer[PACKET_TYPE_TS].IsValid() && is_video(type) &&
+        put_ts_locked(frame, track, tag) < 0) {
         return -1;
     }
     // Private frames describe themselves, so that a change of format doesn't hold them up.
-    if (m_client_count[PACKET_TYPE_KX] > 0 && m_media_buffer[PACKET_TYPE_KX] != nullptr) {
+    if (m_client_count[PACKET_TYPE_KX] > 0 && m_media_buffer[PACKET_TYPE_KX].IsValid()) {
         put_kx_locked(frame, track, tag);
     }
     return 0;
@@ -194,25 +215,8 @@ unsigned int CKXDataReceiver::send_rtp_locked(const Flumen::CMediaFrame& frame, 
         logError("%s:%d MediaFrame Input fail, type=%c.\n", __FILE__, __LINE__, frame.getType());
         return 0;
     }
-    CMediaBuffer* buffer = m_media_buffer[PACKET_TYPE_RTP];
-    if (CFrameInfo* info = make_frame_info(frame, track)) {
-        buffer->PutFrameInfo(info, RTP_INFO_LENGTH);
-    }
-    return put_media(buffer, packets, 1, tag) ? packets.size() : 0;
-}
-
-CFrameInfo* CKXDataReceiver::make_frame_info(const Flumen::CMediaFrame& frame, int track) {
-    CFrameInfo* info = new (std::nothrow) CFrameInfo;
-    if (info == nullptr) {
-        return nullptr;
-    }
-    CByteReader reader(frame.getBuffer(), frame.size());
-    reader.Skip(INDEX_OFFSET);
-    info->m_track = static_cast<uint32_t>(track);
-    info->m_frame_index = reader.ReadU32Le();
-    info->m_frame_type = frame.getType();
-    info->m_time_ms = CTime::getCurrentMilliSecond();
-    return info;
+    put_info(m_media_buffer[PACKET_TYPE_RTP], frame, track, RTP_INFO_LENGTH);
+    return put_media(m_media_buffer[PACKET_TYPE_RTP], packets, 1, tag) ? packets.size() : 0;
 }
 
 void CKXDataReceiver::set_replay_ext_locked(const Flumen::CMediaFrame& frame, int track) {
@@ -274,7 +278,7 @@ int CKXDataReceiver::put_ts_locked(const Flumen::CMediaFrame& frame, int track, 
 
 // A six-byte header and the frame as it is, as two packets that travel together.
 void CKXDataReceiver::put_kx_locked(const Flumen::CMediaFrame& frame, int track, int tag) {
-    CMediaBuffer* buffer = m_media_buffer[PACKET_TYPE_KX];
+    const CMediaBufferRef& buffer = m_media_buffer[PACKET_TYPE_KX];
     CMediaFrame* packet = new (std::nothrow) CMediaFrame(frame);
     const Flumen::CMediaFrame kx_hdr_pkt(KX_HEADER_SIZE);
     if (packet == nullptr || !kx_hdr_pkt.valid()) {
@@ -292,11 +296,10 @@ void CKXDataReceiver::put_kx_locked(const Flumen::CMediaFrame& frame, int track,
     }
     const int type = frame.getType();
     const bool is_media = is_video(type) || type == FRAME_TYPE_AUDIO;
-    CFrameInfo* info = is_media ? make_frame_info(frame, track) : nullptr;
-    if (info != nullptr) {
-        buffer->PutFrameInfo(info, KX_INFO_LENGTH);
+    if (is_media) {
+        put_info(buffer, frame, track, KX_INFO_LENGTH);
     }
-    buffer->Put(packet, static_cast<int>(frame.size()), is_media ? 1 : 0, tag);
+    put_packet(buffer, packet, frame.size(), is_media ? 1 : 0, tag);
 }
 
 }  // namespace Vidora

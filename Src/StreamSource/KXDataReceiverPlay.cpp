@@ -97,16 +97,21 @@ int CKXDataReceiver::set_play(const CTime& start, const CTime& end, float speed,
     return 0;
 }
 
-// Backwards the end is where playing begins. Without one it goes on from the present position, with no seek.
+// Backwards the end is where playing begins. Without one it goes on from the present position, with no seek. After a
+// seek that failed the other bound is as it was, here and forwards.
 int CKXDataReceiver::set_reverse_window(const CTime& start, const CTime& end, const CTime& now) {
     CTime seek_to;
     {
         CGuard guard(m_mutex);
         m_end_time = !is_given(end) ? now : end < m_file_end_time ? end : m_file_end_time;
-        m_start_time = is_given(start) && start >= m_file_begin_time ? start : m_file_begin_time;
         seek_to = m_end_time;
     }
-    return !is_given(end) || m_stream_source->SeekByTime(seek_to) ? 0 : -1;
+    if (is_given(end) && !m_stream_source->SeekByTime(seek_to)) {
+        return -1;
+    }
+    CGuard guard(m_mutex);
+    m_start_time = is_given(start) && start >= m_file_begin_time ? start : m_file_begin_time;
+    return 0;
 }
 
 int CKXDataReceiver::set_forward_window(const CTime& start, const CTime& end, const CTime& now) {
@@ -114,10 +119,14 @@ int CKXDataReceiver::set_forward_window(const CTime& start, const CTime& end, co
     {
         CGuard guard(m_mutex);
         m_start_time = !is_given(start) ? now : start > m_file_begin_time ? start : m_file_begin_time;
-        m_end_time = is_given(end) && end <= m_file_end_time ? end : m_file_end_time;
         seek_to = m_start_time;
     }
-    return !is_given(start) || m_stream_source->SeekByTime(seek_to) ? 0 : -1;
+    if (is_given(start) && !m_stream_source->SeekByTime(seek_to)) {
+        return -1;
+    }
+    CGuard guard(m_mutex);
+    m_end_time = is_given(end) && end <= m_file_end_time ? end : m_file_end_time;
+    return 0;
 }
 
 bool CKXDataReceiver::window_is_inside_locked() {
@@ -167,7 +176,7 @@ int CKXDataReceiver::StartStreaming(packet_type_t packet_type, CMediaBuffer* buf
         if (!m_paused) {  // a resume doesn't count its client a second time
             ++m_client_count[packet_type];
         }
-        m_media_buffer[packet_type] = buffer;
+        m_media_buffer[packet_type] = CMediaBufferRef(buffer);
         started = m_started;
     }
     if ((started ? resume_source() : start_source()) < 0) {

@@ -5,6 +5,7 @@
 #include <new>
 
 #include "Protocol/SdpParser.h"
+#include "StreamSource/IdList.h"
 #include "StreamSource/KXDataReceiver.h"
 
 namespace Kavio {
@@ -25,7 +26,9 @@ void CKXDataSrc::SetConfig(const CRtspSvrConfig& config) {
 int CKXDataSrc::Init(long notify_id, int ext) {
     {
         CGuard guard(m_notify_mutex);
-        m_notify_list.push_back(notify_id);
+        if (!AppendId(m_notify_list, notify_id)) {
+            return -1;
+        }
     }
     CKXDataReceiver* recvr = new (std::nothrow) CKXDataReceiver;
     if (recvr == nullptr) {
@@ -47,8 +50,7 @@ int CKXDataSrc::Init(long notify_id, int ext) {
 
 void CKXDataSrc::AddNotify(long notify_id) {
     CGuard guard(m_notify_mutex);
-    m_notify_list.remove(notify_id);
-    m_notify_list.push_back(notify_id);
+    AppendIdOnce(m_notify_list, notify_id);
 }
 
 void CKXDataSrc::DelNotify(long notify_id) {

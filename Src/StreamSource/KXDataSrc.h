@@ -17,9 +17,8 @@ class CSdpParser;
 // its messages, and the SDP, which is built anew each time the stream's formats change.
 //
 // THREADING  Any thread. Lock order: m_close_mutex, m_recvr_mutex, m_sdp_mutex, m_notify_mutex. m_recvr_mutex is held
-// over
-//            the calls into the receiver, so that Close, which clears the pointer under it, never ends a receiver that
-//            another thread is in. The frame callback takes none of them.
+//            over the calls into the receiver, so that Close, which clears the pointer under it, never ends a
+//            receiver that another thread is in. The frame callback takes none of them.
 class CKXDataSrc : public CDataSource {
 public:
     // `content`: at most 255 characters are kept.

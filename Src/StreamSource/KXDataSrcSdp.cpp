@@ -28,13 +28,12 @@ struct VideoRow {
     int encode_type;
     const char* format;
     const char* rtpmap;
-    bool onvif_track;
 };
 
 constexpr VideoRow VIDEO_TABLE[] = {
-    {STREAM_VIDEO_MPEG4, "96", "96 MP4V-ES/90000", false},
-    {STREAM_VIDEO_H264, "96", "96 H264/90000", false},
-    {STREAM_VIDEO_JPEG, "26", "26 JPEG/90000", true},
+    {STREAM_VIDEO_MPEG4, "96", "96 MP4V-ES/90000"},
+    {STREAM_VIDEO_H264, "96", "96 H264/90000"},
+    {STREAM_VIDEO_JPEG, "26", "26 JPEG/90000"},
 };
 
 const VideoRow* find_video_row(int encode_type) {

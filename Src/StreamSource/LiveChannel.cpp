@@ -8,6 +8,7 @@
 
 #include "Protocol/SdpParser.h"
 #include "RtpUdpSender.h"
+#include "StreamSource/IdList.h"
 #include "Tramel/MediaBuffer.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/RtspSvrConfig.h"
@@ -34,12 +35,16 @@ struct TransfDstInfo {
 };
 
 // A copy of a channel's name that is never freed, one for each different name: messages carry a pointer to it, and may
-// be read when the channel has gone.
+// be read when the channel has gone. Null if memory is short.
 const char* intern_name(const char* name) {
     static CMutex mutex;
     static std::set<std::string>* names = new (std::nothrow) std::set<std::string>;
     CGuard guard(mutex);
-    return names == nullptr ? "" : names->insert(name).first->c_str();
+    try {
+        return names == nullptr ? nullptr : names->insert(name).first->c_str();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
 }
 
 bool is_transf_type(transf_type_t type) {
@@ -72,6 +77,8 @@ struct CLiveChannel::Internal {
     bool m_close_flag VIDORA_GUARDED_BY(m_ref_mutex) = false;
     std::list<long> m_users VIDORA_GUARDED_BY(m_ref_mutex);
 
+    // Makes m_sdp anew from the source's. Its result: 1 for multicast, 0 for unicast, -1 without an SDP.
+    int get_sdp_locked() VIDORA_REQUIRES(m_mutex);
     // Describes the multicast destinations in `sdp`; gives the base port: that of the first destination that has one.
     int add_destinations_locked(CSdpParser& sdp) VIDORA_REQUIRES(m_mutex);
     int finish_multicast_locked() VIDORA_REQUIRES(m_mutex);
@@ -79,6 +86,7 @@ struct CLiveChannel::Internal {
     bool can_transfer_locked(const CSockAddrStorage& dest, const char* local_ip, int line) VIDORA_REQUIRES(m_mutex);
     bool open_ports_locked(TransfDstInfo& dst, const char* local_ip) VIDORA_REQUIRES(m_mutex);
     void end_destination_locked(TransfDstInfo& dst) VIDORA_REQUIRES(m_mutex);
+    void close_live_channel_locked() VIDORA_REQUIRES(m_mutex);
 };
 
 CLiveChannel* CLiveChannel::Create() {
@@ -132,7 +140,12 @@ int CLiveChannel::Init(const char* channel_name, long notify_id, transf_type_t t
     }
     char name[MAX_NAME];
     std::snprintf(name, sizeof(name), "%s", channel_name);
-    m_internal->m_channel_name = intern_name(name);
+    const char* kept_name = intern_name(name);
+    if (kept_name == nullptr) {
+        logError("%s:%d no memory\n", __FILE__, __LINE__);
+        return -1;
+    }
+    m_internal->m_channel_name = kept_name;
     m_internal->m_notify_id = notify_id;
     m_internal->m_transf_type = transf_type;
     return 0;
@@ -149,7 +162,7 @@ CDataSource* CLiveChannel::AddDataSrc(CDataSource* src, uint64_t arg) {
     if (src != nullptr) {
         src->AddNotify(GetID());
         src->Play(NOT_GIVEN, NOT_GIVEN, 1.0F, false);
-        get_sdp();
+        m_internal->get_sdp_locked();
     }
     return old;
 }
@@ -157,7 +170,7 @@ CDataSource* CLiveChannel::AddDataSrc(CDataSource* src, uint64_t arg) {
 int CLiveChannel::SetUnicast(bool unicast) {
     CGuard guard(m_internal->m_mutex);
     m_internal->m_unicast = unicast;
-    get_sdp();
+    m_internal->get_sdp_locked();
     return 0;
 }
 
@@ -213,9 +226,16 @@ int CLiveChannel::AddTransfDst(CSockAddrStorage& dest_ip, const char* local_ip) 
     if (!self.can_transfer_locked(dest_ip, local_ip, __LINE__)) {
         return -1;
     }
-    TransfDstInfo dst;
+    std::list<TransfDstInfo> entry;
+    try {
+        entry.emplace_back();
+        entry.back().local_ip = local_ip == nullptr ? "" : local_ip;
+    } catch (const std::bad_alloc&) {
+        logError("%s:%d no memory\n", __FILE__, __LINE__);
+        return -1;
+    }
+    TransfDstInfo& dst = entry.back();
     dst.dest_addr = dest_ip;
-    dst.local_ip = local_ip == nullptr ? "" : local_ip;
     dst.sender = new (std::nothrow) CRtpUdpSender;
     if (dst.sender == nullptr || !self.open_ports_locked(dst, local_ip)) {
         delete dst.sender;
@@ -227,13 +247,14 @@ int CLiveChannel::AddTransfDst(CSockAddrStorage& dest_ip, const char* local_ip) 
     if (packet_type == PACKET_TYPE_TS) {
         self.m_data_src->StartStreaming(PACKET_TYPE_TS, self.m_media_buffer[PACKET_TYPE_TS], -1);
     }
-    self.m_transf_list.push_back(dst);
-    get_sdp();
+    self.m_transf_list.splice(self.m_transf_list.end(), entry);
+    self.get_sdp_locked();
     return 0;
 }
 
-// One pair of ports for the first track, and for RTP one for each medium of the SDP behind it. The first pair is opened
-// before the interface is known to the sender and leaves by the system's own choice.
+// One pair of ports for the first track, and for RTP one for each medium of the SDP behind it: one more than there are
+// tracks, and the last may fail. The first pair is opened before the interface is known to the sender and leaves by the
+// system's own choice.
 bool CLiveChannel::Internal::open_ports_locked(TransfDstInfo& dst, const char* local_ip) {
     CRtpUdpSender& sender = *dst.sender;
     sender.SetConfig(&m_config);
@@ -252,7 +273,7 @@ bool CLiveChannel::Internal::open_ports_locked(TransfDstInfo& dst, const char* l
     }
     const int media_count = m_sdp->get_media_count();
     for (int i = 1; i <= media_count; ++i) {
-        if (sender.OpenPair(&local_port, base_port + 2 * i, 2 * i) < 0) {
+        if (sender.OpenPair(&local_port, base_port + 2 * i, 2 * i) < 0 && i < media_count) {
             return false;
         }
     }
@@ -265,7 +286,7 @@ int CLiveChannel::DelTransfDst(CSockAddrStorage& dest_ip, const char* local_ip) 
     if (!self.can_transfer_locked(dest_ip, local_ip, __LINE__)) {
         return -1;
     }
-    const std::string interface_ip = local_ip == nullptr ? "" : local_ip;
+    const char* interface_ip = local_ip == nullptr ? "" : local_ip;
     for (auto it = self.m_transf_list.begin(); it != self.m_transf_list.end(); ++it) {
         if (!(it->dest_addr == dest_ip) || it->local_ip != interface_ip) {
             continue;
@@ -275,7 +296,7 @@ int CLiveChannel::DelTransfDst(CSockAddrStorage& dest_ip, const char* local_ip) 
         }
         self.end_destination_locked(*it);
         self.m_transf_list.erase(it);
-        get_sdp();
+        self.get_sdp_locked();
         return 0;
     }
     char ip[64];
@@ -296,21 +317,19 @@ void CLiveChannel::Internal::end_destination_locked(TransfDstInfo& dst) {
 
 // The SDP.
 
-// Always called with m_mutex held.
-VIDORA_NO_THREAD_SAFETY_ANALYSIS int CLiveChannel::get_sdp() {
-    Internal& self = *m_internal;
-    delete self.m_sdp;
-    self.m_sdp = nullptr;
-    if (self.m_data_src == nullptr) {
+int CLiveChannel::Internal::get_sdp_locked() {
+    delete m_sdp;
+    m_sdp = nullptr;
+    if (m_data_src == nullptr) {
         return -1;
     }
-    self.m_sdp = new (std::nothrow) CSdpParser;
-    if (self.m_sdp == nullptr || self.m_data_src->GetSdp(*self.m_sdp) < 0) {
-        delete self.m_sdp;
-        self.m_sdp = nullptr;
+    m_sdp = new (std::nothrow) CSdpParser;
+    if (m_sdp == nullptr || m_data_src->GetSdp(*m_sdp) < 0) {
+        delete m_sdp;
+        m_sdp = nullptr;
         return -1;
     }
-    return self.m_unicast ? self.finish_unicast_locked() : self.finish_multicast_locked();
+    return m_unicast ? finish_unicast_locked() : finish_multicast_locked();
 }
 
 int CLiveChannel::Internal::add_destinations_locked(CSdpParser& sdp) {
@@ -469,9 +488,10 @@ int CLiveChannel::DisableStreamTrack(int track_kind) {
 
 int CLiveChannel::AddRef(long user) {
     CGuard guard(m_internal->m_ref_mutex);
+    if (!AppendIdOnce(m_internal->m_users, user)) {
+        return -1;
+    }
     ++m_internal->m_ref_cont;
-    m_internal->m_users.remove(user);
-    m_internal->m_users.push_back(user);
     return 0;
 }
 
@@ -494,7 +514,7 @@ int CLiveChannel::handle_message(long, unsigned int msg, long) {
         case MSG_SDP_UPDATE: {
             {
                 CGuard guard(m_internal->m_mutex);
-                get_sdp();
+                m_internal->get_sdp_locked();
             }
             notify_session(MSG_SDP_UPDATE);
             break;
@@ -515,26 +535,25 @@ void CLiveChannel::notify_session(unsigned int msg) {
     }
 }
 
-// Always called with m_mutex held. The source is not closed here: the registry does that.
-VIDORA_NO_THREAD_SAFETY_ANALYSIS void CLiveChannel::close_live_channel() {
-    Internal& self = *m_internal;
-    for (TransfDstInfo& dst : self.m_transf_list) {
-        if (self.m_transf_type == TRANSF_TYPE_TS) {
+// The source is not closed here: the registry does that.
+void CLiveChannel::Internal::close_live_channel_locked() {
+    for (TransfDstInfo& dst : m_transf_list) {
+        if (m_transf_type == TRANSF_TYPE_TS) {
             logInfo("%s:%d,try to stop TS streaming.\n", __FILE__, __LINE__);
         } else {
             logInfo("%s:%d,try to stop RTP streaming\n", __FILE__, __LINE__);
         }
-        self.end_destination_locked(dst);
+        end_destination_locked(dst);
     }
-    self.m_transf_list.clear();
-    self.m_data_src = nullptr;
+    m_transf_list.clear();
+    m_data_src = nullptr;
 }
 
 // The delayed close: sessions are told, and the last one to leave finishes it.
 void CLiveChannel::Close() {
     {
         CGuard guard(m_internal->m_mutex);
-        close_live_channel();
+        m_internal->close_live_channel_locked();
     }
     notify_session(MSG_SRC_END);
     CGuard guard(m_internal->m_ref_mutex);

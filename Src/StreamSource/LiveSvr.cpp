@@ -2,8 +2,11 @@
 
 #include <algorithm>
 #include <cstring>
+#include <list>
 #include <new>
+#include <string>
 
+#include "StreamSource/IdList.h"
 #include "Tramel/MediaBuffer.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/LiveChannel.h"
@@ -12,20 +15,6 @@ namespace Kavio {
 namespace Vidora {
 
 namespace {
-
-// One published name.
-struct channel_attr {
-    std::string name;               // the content string up to the first "?"
-    std::list<std::string> params;  // the parts of the query, in their order
-    CLiveChannel* live_channel = nullptr;
-    std::list<long> users;  // sinks now attached, as pointer values; null sinks too
-};
-
-// One source with the names that are published from it, never empty while it lives.
-struct channel_comp {
-    CDataSource* data_src = nullptr;
-    std::list<channel_attr> attr_list;
-};
 
 void attach(CMediaBuffer& buffer, CMediaStreamSender* sink) {
     buffer.AddSender(sink);
@@ -40,28 +29,68 @@ void detach(CMediaBuffer& buffer, CLevel2Buffer_IF* sink) {
     buffer.DelLevel2Buffer(sink);
 }
 
-template <typename Sink>
-void enter_channel(channel_attr& attr, Sink* sink, packet_type_t packet_type) {
-    CMediaBuffer* buffer = sink == nullptr ? nullptr : attr.live_channel->GetMediaBuffer(packet_type);
-    if (buffer != nullptr) {
-        attach(*buffer, sink);
+// Splits a content string. The walk stops at the last character, not behind it, so that a last parameter of exactly one
+// character is dropped; names and requests pass through here alike and agree.
+void get_param(const char* content, std::string& name, std::list<std::string>& params) {
+    const char* question = std::strchr(content, '?');
+    if (question == nullptr) {
+        name = content;
+        return;
     }
-    attr.live_channel->StartStreaming(packet_type);
-    attr.users.push_back(reinterpret_cast<long>(sink));
+    name.assign(content, question);
+    const char* last = content + std::strlen(content) - 1;
+    for (const char* p = question + 1; p < last;) {
+        const char* ampersand = std::strchr(p, '&');
+        if (ampersand == nullptr) {
+            params.emplace_back(p);
+            return;
+        }
+        params.emplace_back(p, ampersand);
+        p = ampersand + 1;
+    }
 }
 
-template <typename Sink>
-void leave_channel(CLiveChannel& channel, Sink* sink, packet_type_t packet_type) {
-    CMediaBuffer* buffer = sink == nullptr ? nullptr : channel.GetMediaBuffer(packet_type);
-    if (buffer != nullptr) {
-        detach(*buffer, sink);
+// 0: the same strings in any order. 1: the registered ones are a proper part of the requested. -1: neither.
+int string_list_cmpare(const std::list<std::string>& attr_params, const std::list<std::string>& req_params) {
+    if (attr_params.size() > req_params.size()) {
+        return -1;
     }
-    channel.StopStreaming(packet_type);
+    for (const std::string& param : attr_params) {
+        if (std::find(req_params.begin(), req_params.end(), param) == req_params.end()) {
+            return -1;
+        }
+    }
+    return attr_params.size() == req_params.size() ? 0 : 1;
 }
 
 }  // namespace
 
 struct CLiveSvr::Internal {
+    // One published name.
+    struct channel_attr {
+        std::string name;               // the content string up to the first "?"
+        std::list<std::string> params;  // the parts of the query, in their order
+        CLiveChannel* live_channel = nullptr;
+        std::list<long> users;  // sinks now attached, as pointer values; null sinks too
+    };
+
+    // One source with the names that are published from it, never empty while it stands in the table.
+    struct channel_comp {
+        CDataSource* data_src = nullptr;
+        std::list<channel_attr> attr_list;
+    };
+
+    channel_attr* get_channel_attr_locked(const char* content) VIDORA_REQUIRES(m_mutex);
+    channel_attr* find_attr_locked(const std::string& name, const std::list<std::string>& req, const char* content)
+        VIDORA_REQUIRES(m_mutex);
+    CLiveChannel* remove_live_ch_user_locked(const char* content, long user) VIDORA_REQUIRES(m_mutex);
+    void add_locked(std::list<channel_comp>& entry, long svr_id) VIDORA_REQUIRES(m_mutex);
+    bool delete_locked(const char* channel_name) VIDORA_REQUIRES(m_mutex);
+    template <typename Sink>
+    int enter_locked(channel_attr& attr, Sink* sink, packet_type_t packet_type) VIDORA_REQUIRES(m_mutex);
+    template <typename Sink>
+    int leave_locked(const char* content, Sink* sink, packet_type_t packet_type) VIDORA_REQUIRES(m_mutex);
+
     long m_notify_id = 0;  // constant after Create
     CMutex m_mutex;
     std::list<channel_comp> m_comp_list VIDORA_GUARDED_BY(m_mutex);
@@ -85,55 +114,31 @@ CLiveSvr::~CLiveSvr() {
     delete m_internal;
 }
 
-// Splits a content string. The walk stops at the last character, not behind it, so that a last parameter of exactly one
-// character is dropped; names and requests pass through here alike and agree.
-void CLiveSvr::get_param(const char* content, std::string& name, std::list<std::string>& params) {
-    const char* question = std::strchr(content, '?');
-    if (question == nullptr) {
-        name = content;
-        return;
-    }
-    name.assign(content, question);
-    const char* last = content + std::strlen(content) - 1;
-    for (const char* p = question + 1; p < last;) {
-        const char* ampersand = std::strchr(p, '&');
-        if (ampersand == nullptr) {
-            params.emplace_back(p);
-            return;
-        }
-        params.emplace_back(p, ampersand);
-        p = ampersand + 1;
-    }
-}
-
-// 0: the same strings in any order. 1: the registered ones are a proper part of the requested. -1: neither.
-int CLiveSvr::string_list_cmpare(const std::list<std::string>& attr_params, const std::list<std::string>& req_params) {
-    if (attr_params.size() > req_params.size()) {
-        return -1;
-    }
-    for (const std::string& param : attr_params) {
-        if (std::find(req_params.begin(), req_params.end(), param) == req_params.end()) {
-            return -1;
-        }
-    }
-    return attr_params.size() == req_params.size() ? 0 : 1;
-}
-
-// The entry that serves a content string, as a channel_attr; null if none does. Always called with the mutex held.
-//
-// Without parameters: the entry of that name with the fewest, the first of them. With parameters: the entry with
-// exactly these, otherwise the last parameterless one of that name before any partial match. A partial match is never
-// given itself, and hides parameterless entries behind it: hosts rely on this order.
-VIDORA_NO_THREAD_SAFETY_ANALYSIS void* CLiveSvr::get_channel_attr(const char* content) {
+// The entry that serves a content string; null if none does, or memory is short.
+CLiveSvr::Internal::channel_attr* CLiveSvr::Internal::get_channel_attr_locked(const char* content) {
     if (content == nullptr) {
         return nullptr;
     }
-    std::string name;
-    std::list<std::string> req;
-    get_param(content, name, req);
+    try {
+        std::string name;
+        std::list<std::string> req;
+        get_param(content, name, req);
+        return find_attr_locked(name, req, content);
+    } catch (const std::bad_alloc&) {
+        logError("%s:%d no memory\n", __FILE__, __LINE__);
+        return nullptr;
+    }
+}
+
+// Without parameters: the entry of that name with the fewest, the first of them. With parameters: the entry with
+// exactly these, otherwise the last parameterless one of that name before any partial match. A partial match is never
+// given itself, and hides parameterless entries behind it: hosts rely on this order.
+CLiveSvr::Internal::channel_attr* CLiveSvr::Internal::find_attr_locked(const std::string& name,
+                                                                       const std::list<std::string>& req,
+                                                                       const char* content) {
     channel_attr* best = nullptr;
     int best_count = -1;
-    for (channel_comp& comp : m_internal->m_comp_list) {
+    for (channel_comp& comp : m_comp_list) {
         for (channel_attr& attr : comp.attr_list) {
             if (attr.name != name) {
                 continue;
@@ -175,36 +180,59 @@ int CLiveSvr::AddLiveChannel(const char* channel_name, CLiveChannel* channel, CD
                  channel_name == nullptr ? "" : channel_name, static_cast<void*>(channel), static_cast<void*>(src));
         return -1;
     }
-    channel_attr attr;
-    get_param(channel_name, attr.name, attr.params);
-    attr.live_channel = channel;
-
+    std::list<Internal::channel_comp> entry;
+    try {
+        entry.emplace_back();
+        entry.back().data_src = src;
+        std::list<Internal::channel_attr>& attr_list = entry.back().attr_list;
+        attr_list.emplace_back();
+        attr_list.back().live_channel = channel;
+        get_param(channel_name, attr_list.back().name, attr_list.back().params);
+    } catch (const std::bad_alloc&) {
+        logError("%s:%d no memory\n", __FILE__, __LINE__);
+        return -1;
+    }
     CGuard guard(m_internal->m_mutex);
-    for (channel_comp& comp : m_internal->m_comp_list) {
-        if (comp.data_src == src) {
-            comp.attr_list.push_back(std::move(attr));
-            return 0;
+    m_internal->add_locked(entry, GetID());
+    return 0;
+}
+
+// `entry`: a list of one source with one name.
+void CLiveSvr::Internal::add_locked(std::list<channel_comp>& entry, long svr_id) {
+    for (channel_comp& comp : m_comp_list) {
+        if (comp.data_src == entry.back().data_src) {
+            comp.attr_list.splice(comp.attr_list.end(), entry.back().attr_list);
+            return;
         }
     }
-    src->AddNotify(GetID());
-    m_internal->m_comp_list.emplace_back();
-    m_internal->m_comp_list.back().data_src = src;
-    m_internal->m_comp_list.back().attr_list.push_back(std::move(attr));
-    return 0;
+    entry.back().data_src->AddNotify(svr_id);
+    m_comp_list.splice(m_comp_list.end(), entry);
 }
 
 int CLiveSvr::DelLiveChannel(const char* channel_name) {
     logInfo("%s:%d DelLiveChannel %s\n", __FILE__, __LINE__, channel_name == nullptr ? "" : channel_name);
-    CGuard guard(m_internal->m_mutex);
     if (channel_name == nullptr) {
         logError("%s:%d parameter error, channel_name:%s\n", __FILE__, __LINE__, "");
         return -1;
     }
+    CGuard guard(m_internal->m_mutex);
+    try {
+        if (m_internal->delete_locked(channel_name)) {
+            return 0;
+        }
+    } catch (const std::bad_alloc&) {
+        logError("%s:%d no memory\n", __FILE__, __LINE__);
+        return -1;
+    }
+    logError("%s:%d do not find this channel name:%s\n", __FILE__, __LINE__, channel_name);
+    return -1;
+}
+
+bool CLiveSvr::Internal::delete_locked(const char* channel_name) {
     std::string name;
     std::list<std::string> params;
     get_param(channel_name, name, params);
-    std::list<channel_comp>& comps = m_internal->m_comp_list;
-    for (auto comp = comps.begin(); comp != comps.end(); ++comp) {
+    for (auto comp = m_comp_list.begin(); comp != m_comp_list.end(); ++comp) {
         const auto attr = std::find_if(comp->attr_list.begin(), comp->attr_list.end(), [&](const channel_attr& entry) {
             return entry.name == name && string_list_cmpare(entry.params, params) == 0;
         });
@@ -216,28 +244,26 @@ int CLiveSvr::DelLiveChannel(const char* channel_name) {
         comp->attr_list.erase(attr);
         if (comp->attr_list.empty()) {
             comp->data_src->Close();
-            comps.erase(comp);
+            m_comp_list.erase(comp);
         }
-        return 0;
+        return true;
     }
-    logError("%s:%d do not find this channel name:%s\n", __FILE__, __LINE__, channel_name);
-    return -1;
+    return false;
 }
 
 int CLiveSvr::QueryLiveChannel(const char* content) {
     CGuard guard(m_internal->m_mutex);
-    return get_channel_attr(content) == nullptr ? -1 : 0;
+    return m_internal->get_channel_attr_locked(content) == nullptr ? -1 : 0;
 }
 
 CLiveChannel* CLiveSvr::GetLiveChannel(const char* content, long user) {
     CGuard guard(m_internal->m_mutex);
-    channel_attr* attr = static_cast<channel_attr*>(get_channel_attr(content));
-    if (attr == nullptr) {
+    Internal::channel_attr* attr = m_internal->get_channel_attr_locked(content);
+    if (attr == nullptr || attr->live_channel->AddRef(user) < 0) {
         logError("%s:%d, get channel failed, channel_name =%s.\n", __FILE__, __LINE__,
                  content == nullptr ? "" : content);
         return nullptr;
     }
-    attr->live_channel->AddRef(user);
     return attr->live_channel;
 }
 
@@ -246,14 +272,13 @@ int CLiveSvr::EnterLiveChannel(const char* content, CMediaStreamSender* sink, pa
     if (content == nullptr) {
         return -1;
     }
-    channel_attr* attr = static_cast<channel_attr*>(get_channel_attr(content));
+    Internal::channel_attr* attr = m_internal->get_channel_attr_locked(content);
     if (attr == nullptr) {
         logError("%s:%d EnterLiveChannel failed, this live channel beingless!channel_name=%s \n", __FILE__, __LINE__,
                  content);
         return -1;
     }
-    enter_channel(*attr, sink, packet_type);
-    return 0;
+    return m_internal->enter_locked(*attr, sink, packet_type);
 }
 
 int CLiveSvr::EnterLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type) {
@@ -261,20 +286,59 @@ int CLiveSvr::EnterLiveChannel(const char* content, CLevel2Buffer_IF* sink, pack
     if (content == nullptr) {
         return -1;
     }
-    channel_attr* attr = static_cast<channel_attr*>(get_channel_attr(content));
+    Internal::channel_attr* attr = m_internal->get_channel_attr_locked(content);
     if (attr == nullptr) {
         logError("%s:%d EnterLiveChannel failed, this live channel beingless!,channel_name=%s \n", __FILE__, __LINE__,
                  content);
         return -1;
     }
-    enter_channel(*attr, sink, packet_type);
+    return m_internal->enter_locked(*attr, sink, packet_type);
+}
+
+// The user stands in the list first: what can fail for want of memory comes before what has an effect.
+template <typename Sink>
+int CLiveSvr::Internal::enter_locked(channel_attr& attr, Sink* sink, packet_type_t packet_type) {
+    if (!AppendId(attr.users, reinterpret_cast<long>(sink))) {
+        return -1;
+    }
+    CMediaBuffer* buffer = sink == nullptr ? nullptr : attr.live_channel->GetMediaBuffer(packet_type);
+    if (buffer != nullptr) {
+        attach(*buffer, sink);
+    }
+    attr.live_channel->StartStreaming(packet_type);
+    return 0;
+}
+
+int CLiveSvr::LeaveLiveChannel(const char* content, CMediaStreamSender* sink, packet_type_t packet_type) {
+    CGuard guard(m_internal->m_mutex);
+    return m_internal->leave_locked(content, sink, packet_type);
+}
+
+int CLiveSvr::LeaveLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type) {
+    CGuard guard(m_internal->m_mutex);
+    return m_internal->leave_locked(content, sink, packet_type);
+}
+
+template <typename Sink>
+int CLiveSvr::Internal::leave_locked(const char* content, Sink* sink, packet_type_t packet_type) {
+    CLiveChannel* channel = remove_live_ch_user_locked(content, reinterpret_cast<long>(sink));
+    if (channel == nullptr) {
+        logWarn("%s:%d LeaveLiveChannel failed, this live channel beingless!channel_name=%s \n", __FILE__, __LINE__,
+                content == nullptr ? "" : content);
+        return -1;
+    }
+    CMediaBuffer* buffer = sink == nullptr ? nullptr : channel->GetMediaBuffer(packet_type);
+    if (buffer != nullptr) {
+        detach(*buffer, sink);
+    }
+    channel->StopStreaming(packet_type);
     return 0;
 }
 
 // Takes a sink off its channel's list and gives the channel. User 0 gives the channel without a search, and so never
 // takes a null user off.
-CLiveChannel* CLiveSvr::remove_live_ch_user(const char* content, long user) {
-    channel_attr* attr = static_cast<channel_attr*>(get_channel_attr(content));
+CLiveChannel* CLiveSvr::Internal::remove_live_ch_user_locked(const char* content, long user) {
+    channel_attr* attr = get_channel_attr_locked(content);
     if (attr == nullptr) {
         logError("%s:%d, get_channel_attr return NULL., channel_name=%s. \n", __FILE__, __LINE__,
                  content == nullptr ? "" : content);
@@ -292,34 +356,10 @@ CLiveChannel* CLiveSvr::remove_live_ch_user(const char* content, long user) {
     return attr->live_channel;
 }
 
-int CLiveSvr::LeaveLiveChannel(const char* content, CMediaStreamSender* sink, packet_type_t packet_type) {
-    CGuard guard(m_internal->m_mutex);
-    CLiveChannel* channel = remove_live_ch_user(content, reinterpret_cast<long>(sink));
-    if (channel == nullptr) {
-        logWarn("%s:%d LeaveLiveChannel failed, this live channel beingless!channel_name=%s \n", __FILE__, __LINE__,
-                content == nullptr ? "" : content);
-        return -1;
-    }
-    leave_channel(*channel, sink, packet_type);
-    return 0;
-}
-
-int CLiveSvr::LeaveLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type) {
-    CGuard guard(m_internal->m_mutex);
-    CLiveChannel* channel = remove_live_ch_user(content, reinterpret_cast<long>(sink));
-    if (channel == nullptr) {
-        logWarn("%s:%d LeaveLiveChannel failed, this live channel beingless!channel_name=%s \n", __FILE__, __LINE__,
-                content == nullptr ? "" : content);
-        return -1;
-    }
-    leave_channel(*channel, sink, packet_type);
-    return 0;
-}
-
 int CLiveSvr::UpdataLiveChannel(const char* content, long arg) {
     CGuard guard(m_internal->m_mutex);
     logInfo("%s:%d UpdataLiveChannel, channel name:%s\n", __FILE__, __LINE__, content == nullptr ? "" : content);
-    channel_attr* attr = static_cast<channel_attr*>(get_channel_attr(content));
+    Internal::channel_attr* attr = m_internal->get_channel_attr_locked(content);
     return attr == nullptr ? -1 : attr->live_channel->UpdataLiveChannel(arg);
 }
 
@@ -337,8 +377,8 @@ int CLiveSvr::handle_message(long, unsigned int msg, long param) {
 void CLiveSvr::Close() {
     {
         CGuard guard(m_internal->m_mutex);
-        for (channel_comp& comp : m_internal->m_comp_list) {
-            for (channel_attr& attr : comp.attr_list) {
+        for (Internal::channel_comp& comp : m_internal->m_comp_list) {
+            for (Internal::channel_attr& attr : comp.attr_list) {
                 attr.live_channel->Close();
             }
             comp.data_src->Close();

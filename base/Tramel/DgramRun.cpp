@@ -56,6 +56,7 @@ void CDgramRun::Flush() {
             const unsigned int parts = static_cast<unsigned int>(m_messages[i].msg_hdr.msg_iovlen);
             first += parts;
             m_sent += static_cast<int>(parts);
+            m_bytes += m_messages[i].msg_len;
         }
     }
     m_part_count = 0;
@@ -107,7 +108,9 @@ int CDgramRun::transmit(unsigned int message_count) {
         sent = ::sendmmsg(m_fd, m_messages, message_count, MSG_NOSIGNAL | MSG_DONTWAIT);
     } while (sent < 0 && errno == EINTR);
     if (sent < 0 && errno == ENOSYS) {
-        sent = ::sendmsg(m_fd, &m_messages[0].msg_hdr, MSG_NOSIGNAL | MSG_DONTWAIT) < 0 ? -1 : 1;
+        const ssize_t bytes = ::sendmsg(m_fd, &m_messages[0].msg_hdr, MSG_NOSIGNAL | MSG_DONTWAIT);
+        m_messages[0].msg_len = bytes < 0 ? 0 : static_cast<unsigned int>(bytes);
+        sent = bytes < 0 ? -1 : 1;
     }
     return sent;
 }

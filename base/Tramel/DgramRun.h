@@ -35,6 +35,8 @@ public:
     bool Stopped() const { return m_failed || m_full; }
     // Datagrams that were sent.
     int Sent() const { return m_sent; }
+    // Their bytes.
+    size_t Bytes() const { return m_bytes; }
 
 private:
     unsigned int plan(unsigned int first_part);
@@ -47,6 +49,7 @@ private:
     bool m_failed = false;
     bool m_full = false;
     int m_sent = 0;
+    size_t m_bytes = 0;
     int m_refused_at = -1;  // m_sent when a pending error of the connection was last met
     unsigned int m_part_count = 0;
     struct iovec m_parts[MAX_PARTS];

@@ -367,18 +367,11 @@ void CMediaBuffer::EnableAutoSend() {
 }
 
 int CMediaBuffer::Put(CMediaPacket* packet, int length, int flag, int channel) {
-    const std::shared_ptr<CImpl> impl = m_impl;  // a sink may delete the buffer
-    if (impl == nullptr || packet == nullptr || length < 1) {
-        return -1;
-    }
-    return impl->Put(packet, length, flag, channel);
+    return CMediaBufferRef(this).Put(packet, length, flag, channel);
 }
 
 int CMediaBuffer::PutFrameInfo(CMediaPacket* packet, int length) {
-    if (m_impl == nullptr || packet == nullptr || length < 1) {
-        return -1;
-    }
-    return m_impl->PutFrameInfo(packet, length);
+    return CMediaBufferRef(this).PutFrameInfo(packet, length);
 }
 
 void CMediaBuffer::AddSender(CMediaStreamSender* sender) {
@@ -405,6 +398,23 @@ void CMediaBuffer::DelLevel2Buffer(CLevel2Buffer_IF* buffer) {
     if (impl != nullptr && buffer != nullptr) {
         impl->Level2().Remove(buffer);
     }
+}
+
+CMediaBufferRef::CMediaBufferRef(const CMediaBuffer* buffer) : m_impl(buffer == nullptr ? nullptr : buffer->m_impl) {}
+
+int CMediaBufferRef::Put(CMediaPacket* packet, int length, int flag, int channel) const {
+    const std::shared_ptr<CMediaBuffer::CImpl> impl = m_impl;  // a sink may delete the buffer, or change this object
+    if (impl == nullptr || packet == nullptr || length < 1) {
+        return -1;
+    }
+    return impl->Put(packet, length, flag, channel);
+}
+
+int CMediaBufferRef::PutFrameInfo(CMediaPacket* packet, int length) const {
+    if (m_impl == nullptr || packet == nullptr || length < 1) {
+        return -1;
+    }
+    return m_impl->PutFrameInfo(packet, length);
 }
 
 }  // namespace Tramel

@@ -56,8 +56,30 @@ public:
     void DelLevel2Buffer(CLevel2Buffer_IF* buffer);
 
 private:
+    friend class CMediaBufferRef;
+
     class CImpl;
     std::shared_ptr<CImpl> m_impl;  // null if memory was short
+};
+
+// CMediaBufferRef: what a source keeps of the buffer that it fills. The buffer may die before its source lets go of it:
+// what is put from then on reaches nobody.
+//
+// THREADING  A value: an object is used by one thread at a time. Put and PutFrameInfo as those of the buffer.
+class VIDORA_API CMediaBufferRef {
+public:
+    // Names no buffer.
+    CMediaBufferRef() = default;
+    // `buffer` may be null.
+    explicit CMediaBufferRef(const CMediaBuffer* buffer);
+
+    bool IsValid() const { return m_impl != nullptr; }
+    // See CMediaBuffer. -1 also if it names no buffer.
+    int Put(CMediaPacket* packet, int length, int flag, int channel) const;
+    int PutFrameInfo(CMediaPacket* packet, int length) const;
+
+private:
+    std::shared_ptr<CMediaBuffer::CImpl> m_impl;
 };
 
 }  // namespace Tramel

@@ -7,7 +7,11 @@
 namespace Kavio {
 namespace Tramel {
 
-// CMediaCounters: what all media senders of the process have done. Any thread, without a lock.
+// CMediaCounters: what all media senders of the process have done. Any thread, without a lock; told once a write, not
+// once a packet.
+//
+// A unit on a stream socket counts when its last byte has been taken, a merged one as the packets in it; a datagram
+// when it is sent. A unit is dropped, once for each client, when that client's queue or socket has no room for it.
 class CMediaCounters {
 public:
     static CMediaCounters& Instance() {
@@ -29,6 +33,31 @@ private:
     std::atomic<uint64_t> m_packets{0};
     std::atomic<uint64_t> m_bytes{0};
     std::atomic<uint64_t> m_dropped{0};
+};
+
+// CMediaTally: what one writer has done since it last told the counters. A value without a lock.
+class CMediaTally {
+public:
+    void Sent(uint64_t packets, uint64_t bytes) {
+        m_packets += packets;
+        m_bytes += bytes;
+    }
+    void Dropped(uint64_t units = 1) { m_dropped += units; }
+    // Adds it to the counters, and begins anew.
+    void Tell() {
+        if (m_bytes != 0) {
+            CMediaCounters::Instance().AddSent(m_packets, m_bytes);
+        }
+        if (m_dropped != 0) {
+            CMediaCounters::Instance().AddDropped(m_dropped);
+        }
+        *this = CMediaTally();
+    }
+
+private:
+    uint64_t m_packets = 0;
+    uint64_t m_bytes = 0;
+    uint64_t m_dropped = 0;
 };
 
 }  // namespace Tramel

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 
+#include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Tramel/MediaPacket.h"
 
 namespace Kavio {
@@ -11,6 +12,22 @@ namespace Tramel {
 namespace {
 
 const unsigned int CHANNEL_KEY_FRAME = 1;  // value of the low byte of a channel word
+
+// One step a packet, once for all sinks.
+unsigned int count_interleaved(const unsigned char* data, unsigned int length) {
+    Ostra::CByteReader reader(data, length);
+    unsigned int count = 0;
+    while (reader.Remaining() > 0) {
+        const bool marked = reader.ReadU8() == '$';
+        reader.Skip(1);  // channel
+        reader.Skip(reader.ReadU16());
+        if (!marked || !reader.Ok()) {
+            return 1;
+        }
+        ++count;
+    }
+    return count;
+}
 
 }  // namespace
 
@@ -54,6 +71,7 @@ void COutputUnit::AddPacket(CMediaPacket* packet, unsigned int length, int chann
     m_packets[m_part_count] = packet;
     m_parts[m_part_count].iov_base = packet->GetData();
     m_parts[m_part_count].iov_len = length;
+    m_packet_number = m_part_count == 0 ? count_interleaved(packet->GetData(), length) : 1;
     ++m_part_count;
     m_length += length;
 }

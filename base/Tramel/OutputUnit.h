@@ -46,6 +46,8 @@ public:
     // The track, or OTHER_SLOT.
     unsigned int Slot() const { return m_slot; }
     unsigned int Length() const { return m_length; }
+    // The interleaved packets (RFC 2326 10.12) that a merged frame consists of; 1 for anything else.
+    unsigned int Packets() const { return m_packet_number; }
     uint64_t Sequence() const { return m_sequence; }
     // Monotonic milliseconds at which the unit was made.
     uint64_t TimeMs() const { return m_time_ms; }
@@ -66,6 +68,7 @@ private:
 
     std::atomic<unsigned int> m_refs{1};
     unsigned int m_length = 0;
+    unsigned int m_packet_number = 1;
     uint64_t m_sequence;
     uint64_t m_time_ms;
     uint8_t m_slot = OTHER_SLOT;

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 
+#include "Tramel/MediaCounters.h"
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/Reactor.h"
 
@@ -23,6 +24,7 @@ bool CSinkGroup::Put(COutputUnit* unit) {
         m_pending_bytes += unit->Length();
     } else {
         m_gate.Dropped(*unit);
+        CMediaCounters::Instance().AddDropped(m_count);
     }
     return !m_running && (m_pending.Count() >= HELP_PENDING || !CReactor::Instance().IsRunning());
 }

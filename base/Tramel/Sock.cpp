@@ -28,6 +28,9 @@ int CSock::Attach(int fd) {
 }
 
 int CSock::Detach() {
+    if (m_fd >= 0) {
+        OnRelease();
+    }
     const int fd = m_fd;
     m_fd = -1;
     return fd;

@@ -74,7 +74,14 @@ int CSockAcceptor::Accept(CSockStream& out, CSockAddr* peer) {
     if (fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
         refuse_one();
     }
-    if (fd < 0 || out.Attach(fd) != 0) {
+    if (fd < 0) {
+        return -1;
+    }
+    if (m_spare_fd < 0) {
+        m_spare_fd = open_spare();  // lost while descriptors were short
+    }
+    if (out.Attach(fd) != 0) {
+        ::close(fd);
         return -1;
     }
     set_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);  // replies and media units are written whole

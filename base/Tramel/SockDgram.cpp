@@ -102,10 +102,13 @@ int CSockDgram::Recv(char* buf, unsigned int len, CSockAddr* from) {
     sockaddr_storage native = {};
     socklen_t length = sizeof(native);
     ssize_t count = 0;
+    // A peer's ICMP answer to what was sent from here is told once and says nothing about what has arrived.
+    bool refused = false;
     do {
+        refused = count < 0 && errno == ECONNREFUSED;
         length = sizeof(native);
         count = ::recvfrom(m_fd, buf, ClampLength(len), 0, reinterpret_cast<sockaddr*>(&native), &length);
-    } while (count < 0 && errno == EINTR);
+    } while (count < 0 && (errno == EINTR || (errno == ECONNREFUSED && !refused)));
     if (count < 0) {
         return IsWouldBlock(errno) ? 0 : -1;
     }

@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "Tramel/DgramRun.h"
+#include "Tramel/MediaCounters.h"
 #include "Tramel/SockDgram.h"
 #include "Vidora/Ostra/ByteReader.h"
 
@@ -48,6 +49,10 @@ int CSockDgram::SendMerged(const unsigned char* data, unsigned int length) {
         run.Add(packet, size);
     }
     run.Flush();
+    CMediaTally tally;
+    tally.Sent(static_cast<uint64_t>(run.Sent()), run.Bytes());
+    tally.Dropped(run.Stopped() ? 1 : 0);
+    tally.Tell();
     return reader.Ok() && !run.Failed() ? run.Sent() : -1;
 }
 

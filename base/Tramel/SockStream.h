@@ -31,9 +31,13 @@ public:
     // Asks for a send buffer of `bytes`. 0 or -1.
     int SetSockSendBuf(unsigned int bytes);
 
-    // The socket's output queue, made at the first call; null if memory is short. It lives until the last of the socket
-    // and its senders lets go. For the senders only.
+    // The output queue of the present descriptor, made at the first call; null if memory is short. It lives until the
+    // last of the socket and its senders lets go, and fails silently when the descriptor is closed or given away: a
+    // sender is then to be attached anew. For the senders only.
     std::shared_ptr<CStreamOutput> GetOutput();
+
+protected:
+    void OnRelease() override;
 
 private:
     std::shared_ptr<CStreamOutput> m_output;

@@ -9,8 +9,15 @@ namespace Kavio {
 namespace Tramel {
 
 CSockStream::~CSockStream() {
+    CSockStream::OnRelease();
+}
+
+// A sender that is still attached, or in the midst of a write on another thread, keeps the queue but not the socket. A
+// new connection gets a new queue: what is left of the old one, and its failure, are no concern of it.
+void CSockStream::OnRelease() {
     if (m_output != nullptr) {
         m_output->OnSockGone();
+        m_output.reset();
     }
 }
 

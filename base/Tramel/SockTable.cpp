@@ -38,7 +38,7 @@ unsigned int wanted_of(unsigned int mask, unsigned int poll_events) {
 // A time-out that was due while no thread could poll isn't one if bytes have come meanwhile.
 bool has_input(int fd) {
     pollfd probe = {fd, POLLIN, 0};
-    return ::poll(&probe, 1, 0) > 0;
+    return ::poll(&probe, 1, 0) > 0 && (probe.revents & POLLIN) != 0;
 }
 
 }  // namespace
@@ -177,6 +177,7 @@ int CSockTable::Unwatch(const CHandlerCore* core, int fd, unsigned int mask) {
     watch->mask &= ~mask;
     watch->timed_out &= ~mask;
     watch->pending &= ~mask | watch->once_due;
+    watch->heard &= watch->pending;
     if (watch->mask == 0 && watch->once == 0 && watch->pending == 0) {
         drop_watch_locked(shard, *entry, watch);
     }
@@ -231,7 +232,7 @@ void CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
             if (fired == 0) {
                 continue;
             }
-            note_event(watch, fired, now);
+            note_event(watch, fired, event.events, now);
             if (!watch.queued) {
                 watch.queued = true;
                 cores[core_count] = watch.core;
@@ -257,16 +258,20 @@ void CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
     }
 }
 
-void CSockTable::note_event(CWatch& watch, unsigned int fired, uint64_t now) {
+// An error is told to the reader, whose next call takes it away, but is no input: an ICMP answer to what was sent to a
+// peer that has gone must not pass for the peer's sign of life.
+void CSockTable::note_event(CWatch& watch, unsigned int fired, unsigned int poll_events, uint64_t now) {
+    const unsigned int heard = (poll_events & POLL_READ) != 0 ? fired : fired & ~static_cast<unsigned>(SOCK_EVENT_READ);
     watch.pending |= fired;
-    watch.timed_out &= ~fired;
+    watch.heard |= heard;
+    watch.timed_out &= ~heard;
     watch.once_due |= watch.once & fired;
     watch.once &= ~fired;
     if ((fired & SOCK_EVENT_EXCEPTION) != 0) {
         watch.resting |= SOCK_EVENT_EXCEPTION | SOCK_EVENT_WRITE;
     }
     for (int kind = 0; kind < KINDS; ++kind) {
-        if ((fired & (1U << kind)) != 0) {
+        if ((heard & (1U << kind)) != 0) {
             watch.last[kind] = now;
         }
     }
@@ -280,14 +285,13 @@ void CSockTable::OnDeadline(const std::shared_ptr<CHandlerCore>& core, int fd, u
         if (watch == nullptr || watch->timeout == 0) {
             return;
         }
-        const unsigned int before = watch->timed_out;
         uint64_t next = now + watch->timeout;
         for (int kind = 0; kind < KINDS; ++kind) {
             const unsigned int bit = 1U << kind;
             if ((watch->mask & bit) == 0) {
                 continue;
             }
-            if ((watch->pending & bit) != 0) {
+            if ((watch->heard & bit) != 0) {
                 watch->last[kind] = now;
             } else if (watch->last[kind] + watch->timeout <= now) {
                 watch->last[kind] = now;
@@ -297,7 +301,7 @@ void CSockTable::OnDeadline(const std::shared_ptr<CHandlerCore>& core, int fd, u
         }
         watch->deadline = next;
         m_timers.Rearm(watch->timer, next);
-        if (watch->timed_out == before || watch->queued) {
+        if (watch->timed_out == 0 || watch->queued) {
             return;
         }
         watch->queued = true;
@@ -346,9 +350,10 @@ void CSockTable::End(const CHandlerCore* core, int fd, uint64_t serial, unsigned
         // The time that the callback took isn't quiet time.
         const uint64_t now = CEpollPoller::Now();
         for (int kind = 0; kind < KINDS; ++kind) {
-            watch->last[kind] = (events & (1U << kind)) != 0 ? now : watch->last[kind];
+            watch->last[kind] = (events & watch->heard & (1U << kind)) != 0 ? now : watch->last[kind];
         }
     }
+    watch->heard &= ~events;
     CEntry* entry = find_locked(shard, fd);
     if (watch->mask == 0 && watch->once == 0 && watch->pending == 0) {
         drop_watch_locked(shard, *entry, watch);
@@ -367,6 +372,8 @@ void CSockTable::unqueue(const CHandlerCore* core, int fd, uint64_t serial) {
         watch->once |= watch->once_due;
         watch->once_due = 0;
         watch->pending = 0;
+        watch->heard = 0;
+        watch->resting = 0;
         arm_locked(shard, *find_locked(shard, fd), nullptr);
     }
 }
@@ -439,10 +446,10 @@ CSockTable::CWatch* CSockTable::find_or_add_watch(CEntry& entry, const std::shar
 int CSockTable::set_timeout(CWatch& watch, int fd, uint64_t timeout, uint64_t now) {
     std::fill(watch.last, watch.last + KINDS, now);
     watch.timeout = timeout;
+    watch.timed_out = 0;  // one that was due by the former time-out isn't told any more
     if (timeout == 0) {
         m_timers.Cancel(watch.timer);
         watch.timer = 0;
-        watch.timed_out = 0;
         return 0;
     }
     const uint64_t deadline = now + timeout;
@@ -495,8 +502,13 @@ int CSockTable::arm_locked(CShard& shard, CEntry& entry, const void* registering
     }
     int result = entry.polled ? shard.poller->Modify(entry.fd, entry.generation, needed) : -ENOENT;
     if (result == -ENOENT) {
-        if (entry.polled && registering != nullptr) {
-            // The descriptor was closed under its watches and its number given out again; they don't mean this file.
+        if (entry.polled && registering == nullptr) {
+            // The descriptor was closed under its watches and its number given out again: they don't mean this file,
+            // and go when somebody registers for it.
+            entry.armed = 0;
+            return result;
+        }
+        if (entry.polled) {
             drop_others(entry, registering);
         }
         result = shard.poller->Add(entry.fd, entry.generation, needed);

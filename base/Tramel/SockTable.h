@@ -80,6 +80,7 @@ private:
         unsigned int once_due = 0;   // the same while that is pending
         unsigned int resting = 0;    // of `mask`, silent for now: after an error was told, or by Rest
         unsigned int pending = 0;    // queued or being handled, hence not armed
+        unsigned int heard = 0;      // of `pending`, told for more than an error: no quiet time
         unsigned int timed_out = 0;  // time-outs that are queued
         bool queued = false;         // a delivery is queued with the core
         uint64_t timeout = 0;
@@ -117,7 +118,7 @@ private:
     void drop_others(CEntry& entry, const void* kept);
     int arm_locked(CShard& shard, CEntry& entry, const void* registering) VIDORA_REQUIRES(shard.mutex);
     void unqueue(const CHandlerCore* core, int fd, uint64_t serial);
-    static void note_event(CWatch& watch, unsigned int fired, uint64_t now);
+    static void note_event(CWatch& watch, unsigned int fired, unsigned int poll_events, uint64_t now);
 
     CTimerQueue& m_timers;
     std::atomic<uint64_t> m_next_serial{1};

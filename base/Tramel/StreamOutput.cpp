@@ -128,7 +128,7 @@ int CStreamOutput::SendText(const char* text, unsigned int length) {
 
 int CStreamOutput::queue_text_locked(const char* text, unsigned int length, size_t sent) {
     // A text of any size may wait behind others that keep within the bound; a peer that never reads its replies is cut.
-    if (m_text_bytes > MAX_TEXT_BYTES) {
+    if (m_text_cost > MAX_TEXT_BYTES) {
         fail_locked();
         return -1;
     }
@@ -142,7 +142,7 @@ int CStreamOutput::queue_text_locked(const char* text, unsigned int length, size
         }
         return -1;
     }
-    m_text_bytes += length;
+    m_text_cost += length + UNIT_COST;
     if (sent > 0) {
         m_begun = sent;
     }
@@ -157,6 +157,12 @@ void CStreamOutput::ClearText() {
 
 uint64_t CStreamOutput::SendMedia(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots) {
     CGuard guard(m_mutex);
+    const uint64_t taken = send_media_locked(batch, from_sequence, slots);
+    m_tally.Tell();
+    return taken;
+}
+
+uint64_t CStreamOutput::send_media_locked(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots) {
     if (m_full && m_watching == nullptr) {
         flush_locked();
     }
@@ -182,6 +188,7 @@ uint64_t CStreamOutput::send_batch_locked(const CUnitBatch& batch) {
     }
     size_t sent = static_cast<size_t>(count);
     if (sent == batch.Bytes()) {
+        m_tally.Sent(batch.Packets(), batch.Bytes());
         return all;
     }
     uint64_t taken = 0;
@@ -189,6 +196,7 @@ uint64_t CStreamOutput::send_batch_locked(const CUnitBatch& batch) {
         COutputUnit* unit = batch.Unit(i);
         if (sent >= unit->Length()) {
             sent -= unit->Length();
+            m_tally.Sent(unit->Packets(), unit->Length());
             taken |= bit_of(i);
         } else {
             taken |= queue_media_locked(unit, sent) ? bit_of(i) : 0;
@@ -205,7 +213,11 @@ uint64_t CStreamOutput::send_chosen_locked(const CUnitBatch& batch, uint64_t fro
     unsigned char index[CUnitBatch::MAX_UNITS];
     for (unsigned int i = 0; i < batch.Count(); ++i) {
         COutputUnit* unit = batch.Unit(i);
-        if (unit->Sequence() < from_sequence || (slots & (1U << unit->Slot())) == 0 || !m_gate.Open(*unit)) {
+        if (unit->Sequence() < from_sequence || (slots & (1U << unit->Slot())) == 0) {
+            continue;
+        }
+        if (!m_gate.Open(*unit)) {
+            m_tally.Dropped();
             continue;
         }
         m_gate.Passed(*unit);
@@ -241,6 +253,7 @@ bool CStreamOutput::queue_media_locked(COutputUnit* unit, size_t sent) {
     const bool room = m_media_cost == 0 || m_media_cost + cost <= m_limit_bytes;
     if (sent == 0 && (!room || !m_gate.Open(*unit))) {
         m_gate.Dropped(*unit);
+        m_tally.Dropped();
         return false;
     }
     if (!m_ring.Push(unit)) {
@@ -279,6 +292,7 @@ void CStreamOutput::drop_aged_locked(uint64_t now_ms) {
             return true;
         }
         gate.Dropped(*unit);
+        m_tally.Dropped();
         uncount_locked(*unit);
         return false;
     });
@@ -298,7 +312,7 @@ void CStreamOutput::drop_waiting_locked(bool text, bool media) {
 
 void CStreamOutput::uncount_locked(const COutputUnit& unit) {
     if (unit.IsText()) {
-        m_text_bytes -= unit.Length();
+        m_text_cost -= unit.Length() + UNIT_COST;
     } else {
         m_media_cost -= unit.Length() + UNIT_COST;
     }
@@ -335,6 +349,7 @@ void CStreamOutput::OnWritable() {
         return;
     }
     flush_locked();
+    m_tally.Tell();
     if (m_full) {
         watch_locked();
     }
@@ -383,6 +398,9 @@ bool CStreamOutput::flush_once_locked() {
     while (!m_ring.Empty() && m_begun >= m_ring.At(0)->Length()) {
         COutputUnit* unit = m_ring.Pop();
         m_begun -= unit->Length();
+        if (!unit->IsText()) {
+            m_tally.Sent(unit->Packets(), unit->Length());
+        }
         uncount_locked(*unit);
         unit->Release();
     }
@@ -442,6 +460,7 @@ void CStreamOutput::OnTimer(long timer_id) {
         return;
     }
     drop_aged_locked(now_ms);
+    m_tally.Tell();
 }
 
 bool CStreamOutput::IsForCurrentDescriptor() {
@@ -469,7 +488,7 @@ void CStreamOutput::end_locked() {
     m_ring.Clear();
     m_begun = 0;
     m_media_cost = 0;
-    m_text_bytes = 0;
+    m_text_cost = 0;
 }
 
 // Each handler hears of the failure once, though a session names itself for both of its senders.

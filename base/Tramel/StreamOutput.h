@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "Tramel/MediaCounters.h"
 #include "Tramel/TrackGate.h"
 #include "Tramel/UnitBatch.h"
 #include "Tramel/UnitRing.h"
@@ -43,10 +44,10 @@ private:
 // before the next begins, whichever face it came by. An idle socket is written at once, one sendmsg for all units that
 // are there; what doesn't fit waits here until the reactor finds room, and only then is write interest registered.
 //
-// LIMITS     Text is never dropped. Text that waits is bounded by MAX_TEXT_BYTES: a peer that asks on and on but never
-//            reads counts as failed. Media that waits is bounded in bytes (each unit counted with UNIT_COST more for
-//            its bookkeeping) and in age. A unit that finds no room is dropped whole; so are waiting ones that have
-//            grown too old and aren't begun. From then on the track drops until its next key frame; one that never
+// LIMITS     Each unit is counted with UNIT_COST bytes more for its bookkeeping. Text is never dropped. Text that waits
+//            is bounded by MAX_TEXT_BYTES: a peer that asks on and on but never reads counts as failed. Media that
+//            waits is bounded in bytes and in age. A unit that finds no room is dropped whole; so are waiting ones that
+//            have grown too old and aren't begun. From then on the track drops until its next key frame; one that never
 //            carried a key frame goes on as soon as there is room. An empty queue takes a unit of any size.
 // FAILURE    A broken socket, and a socket that takes nothing for the send time-out while units wait, end the queue: it
 //            drops what it has and all that comes, and message 2 goes out once to each handler named by a face.
@@ -97,6 +98,8 @@ public:
 private:
     static const unsigned int MAX_TOLD = 4;
 
+    uint64_t send_media_locked(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots)
+        VIDORA_REQUIRES(m_mutex);
     uint64_t send_batch_locked(const CUnitBatch& batch) VIDORA_REQUIRES(m_mutex);
     uint64_t send_chosen_locked(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots)
         VIDORA_REQUIRES(m_mutex);
@@ -126,7 +129,8 @@ private:
     CUnitRing m_ring VIDORA_GUARDED_BY(m_mutex);         // what waits
     size_t m_begun VIDORA_GUARDED_BY(m_mutex) = 0;       // bytes of the front unit that are sent
     size_t m_media_cost VIDORA_GUARDED_BY(m_mutex) = 0;  // media that waits, with UNIT_COST each
-    size_t m_text_bytes VIDORA_GUARDED_BY(m_mutex) = 0;  // text that waits
+    size_t m_text_cost VIDORA_GUARDED_BY(m_mutex) = 0;   // text that waits, likewise
+    CMediaTally m_tally VIDORA_GUARDED_BY(m_mutex);      // what the counters don't know yet
     CTrackGate m_gate VIDORA_GUARDED_BY(m_mutex);        // tracks that lost units behind the queue's last
     // The socket took less than it was given, and no event has said since that there is room. Everything queues then,
     // also when the ring has run empty because its units grew too old.

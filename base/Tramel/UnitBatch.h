@@ -18,7 +18,7 @@ public:
     static const unsigned int MAX_UNITS = 64;
 
     void Clear() {
-        m_count = m_part_count = m_slots = 0;
+        m_count = m_part_count = m_slots = m_packets = 0;
         m_has_sides = false;
         m_bytes = 0;
     }
@@ -28,6 +28,7 @@ public:
             m_parts[m_part_count++] = unit->Parts()[i];
         }
         m_bytes += unit->Length();
+        m_packets += unit->Packets();
         m_slots |= 1U << unit->Slot();
         m_has_sides = m_has_sides || unit->SideCount() > 0;
         m_units[m_count++] = unit;
@@ -38,6 +39,8 @@ public:
     const struct iovec* Parts() const { return m_parts; }
     unsigned int PartCount() const { return m_part_count; }
     size_t Bytes() const { return m_bytes; }
+    // The units' packets.
+    unsigned int Packets() const { return m_packets; }
     // The set of the units' slots.
     unsigned int Slots() const { return m_slots; }
     // A unit carries side packets.
@@ -47,6 +50,7 @@ private:
     unsigned int m_count = 0;
     unsigned int m_part_count = 0;
     unsigned int m_slots = 0;
+    unsigned int m_packets = 0;
     bool m_has_sides = false;
     size_t m_bytes = 0;
     COutputUnit* m_units[MAX_UNITS];

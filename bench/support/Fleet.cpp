@@ -4,6 +4,7 @@
 #include <linux/sock_diag.h>
 #include <netinet/in.h>
 #include <netinet/tcp.h>
+#include <poll.h>
 #include <sys/epoll.h>
 #include <sys/socket.h>
 #include <time.h>
@@ -21,6 +22,7 @@ const size_t ROOM_SIZE = 256 * 1024;
 const unsigned int DATAGRAMS = 32;  // of one system call
 const size_t DATAGRAM_ROOM = 2048;
 const int UDP_RECV_BUFFER = 1 << 20;
+const int CONNECT_LIMIT_MS = 5000;
 
 uint64_t now_ns() {
     timespec now = {};
@@ -113,8 +115,10 @@ bool CFleet::open_client(unsigned int index) {
     const int no_delay = 1;
     ::setsockopt(client.control, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof(no_delay));
     const sockaddr_in address = loopback(m_server_port);
+    // On loopback the connection stands at once, unless the kernel is behind with its packets.
+    pollfd stands = {client.control, POLLOUT, 0};
     if (::connect(client.control, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
-        errno != EINPROGRESS) {
+        (errno != EINPROGRESS || ::poll(&stands, 1, CONNECT_LIMIT_MS) != 1)) {
         return false;
     }
     watch(client.control, index, KIND_CONTROL);
@@ -122,7 +126,7 @@ bool CFleet::open_client(unsigned int index) {
         watch(client.rtp, index, KIND_RTP);
         watch(client.rtcp, index, KIND_RTCP);
     }
-    send_request(client);  // on loopback the connection stands when connect returns
+    send_request(client);
     return true;
 }
 

@@ -44,8 +44,9 @@ public:
     // The same in microseconds from the start of the file; all ones means not given.
     virtual int Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale) = 0;
     virtual int Pause() = 0;
-    // Packets of that form go into `buffer`, which must live until the source is stopped or closed. `cseq`: the CSeq of
-    // the PLAY, or -1.
+    // Packets of that form go into `buffer`, the last one given. It may end before the source is stopped, when the
+    // channel that it belongs to is deleted: a source keeps a CMediaBufferRef of it. `cseq`: the CSeq of the PLAY, or
+    // -1.
     virtual int StartStreaming(packet_type_t packet_type, CMediaBuffer* buffer, int cseq) = 0;
     // -1 also says that others keep the stream running.
     virtual int StopStreaming(packet_type_t packet_type) = 0;

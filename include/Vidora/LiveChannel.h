@@ -19,9 +19,11 @@ class CSdpParser;
 // The host makes one with Create, SetConfig, Init, AddDataSrc, and hands it to CLiveSvr::AddLiveChannel, which owns it
 // from then on. Results are 0, or -1 with a log line, unless said otherwise.
 //
-// THREADING  Any thread. Two locks of its own, never nested: one for the source, the SDP and the destinations, one for
-// the
-//            references.
+// THREADING  Any thread. Two locks of its own, never nested: one for the source, the SDP and the destinations, which
+//            is held over calls into the source; and one for the references.
+// OWNERSHIP  Owns its buffers and its multicast senders, and borrows the source. It dies by Close, never by delete,
+//            and then only when the last reference has gone; sinks that are attached to its buffers until then are
+//            taken off, not ended.
 class VIDORA_API CLiveChannel : public CNetHandler {
 public:
     static CLiveChannel* Create();
@@ -42,7 +44,9 @@ public:
     // Whether the SDP describes unicast (as at the start) or the multicast destinations. 0.
     int SetUnicast(bool unicast);
 
-    // References of sessions, by handler id. A channel that was closed lives until the last one goes. 0.
+    // References of sessions, by handler id; each AddRef wants a DelRef. A user gets the channel's messages with a
+    // pointer to its name, which stays good. A channel that was closed lives until the last reference goes. 0; AddRef
+    // gives -1 if memory is short.
     int AddRef(long user);
     int DelRef(long user);
 
@@ -75,9 +79,7 @@ private:
     CLiveChannel();
     ~CLiveChannel() override;
 
-    int get_sdp();
     void notify_session(unsigned int msg);
-    void close_live_channel();
 
     Internal* m_internal;
 };

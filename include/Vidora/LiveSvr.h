@@ -1,9 +1,6 @@
 #ifndef VIDORA_LIVESVR_H
 #define VIDORA_LIVESVR_H
 
-#include <list>
-#include <string>
-
 #include "Vidora/Export.h"
 #include "Vidora/Names.h"
 #include "Vidora/Types.h"
@@ -19,10 +16,13 @@ class CLiveChannel;
 // A channel is published under a content string, "name" or "name?a=1&b=2"; the order of the parameters doesn't matter.
 // One source may feed several channels. Results are 0, or -1 with a log line.
 //
-// THREADING  Any thread; one lock over the whole table, above the locks of CLiveChannel.
-// OWNERSHIP  From AddLiveChannel on the registry owns channel and source and closes them: the channel at
-// DelLiveChannel, the
-//            source with its last channel, and all of them at Close. It dies by Close, never by delete.
+// THREADING  Any thread; one lock over the whole table, above the locks of CLiveChannel and held over its calls into
+//            the source. So a stream source must not call the registry from its operations on another thread and
+//            wait.
+// OWNERSHIP  From a successful AddLiveChannel on the registry owns channel and source and closes them: the channel at
+//            DelLiveChannel, the source with its last channel, and all of them at Close. It dies by Close, never by
+//            delete. Sinks are borrowed: who enters leaves before the sink dies, and takes it off the channel's
+//            buffer itself if the channel was deleted meanwhile, under the reference that it holds.
 class VIDORA_API CLiveSvr : public CNetHandler {
 public:
     // `notify_id`: the handler that gets the messages of channels and sources, with a pointer to the channel's name as
@@ -54,11 +54,6 @@ private:
     struct Internal;
     CLiveSvr();
     ~CLiveSvr() override;
-
-    void* get_channel_attr(const char* content);
-    CLiveChannel* remove_live_ch_user(const char* content, long user);
-    static void get_param(const char* content, std::string& name, std::list<std::string>& params);
-    static int string_list_cmpare(const std::list<std::string>& attr_params, const std::list<std::string>& req_params);
 
     Internal* m_internal;
 };

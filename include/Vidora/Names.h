@@ -38,6 +38,7 @@ class CStreamSender;
 class CMediaStreamSender;
 class CMediaStreamReceiver;
 class CMediaBuffer;
+class CMediaBufferRef;
 class CStrParser;
 struct DgramSlice;
 }  // namespace Tramel
@@ -67,6 +68,7 @@ namespace Utils = Ostra::Utils;
 
 using Tramel::CLevel2Buffer_IF;
 using Tramel::CMediaBuffer;
+using Tramel::CMediaBufferRef;
 using Tramel::CMediaPacket;
 using Tramel::CMediaStreamReceiver;
 using Tramel::CMediaStreamSender;

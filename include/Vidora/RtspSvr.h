@@ -15,9 +15,10 @@ class CRtspSvrConfig;
 // What the library's servers have done since the process began, all of them together.
 struct RtspSvrStatistics {
     uint32_t sessions = 0;  // that live now
-    uint64_t packets = 0;   // media packets handed to sockets, RTP packets where they are known
-    uint64_t bytes = 0;     // of media, as handed to sockets
-    uint64_t dropped = 0;   // media units dropped because a client didn't read
+    uint64_t packets = 0;   // media packets that sockets took whole: each RTP or TS packet of a merged frame, and each
+                            // private frame with its header as one
+    uint64_t bytes = 0;     // of those, with the headers that interleaving puts in front, which UDP doesn't carry
+    uint64_t dropped = 0;   // frames or packets dropped, once for each client whose queue or socket had no room
 };
 
 // CRtspSvr: an RTSP server (RFC 2326) on one listening address.

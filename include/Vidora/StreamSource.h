@@ -54,14 +54,16 @@ struct StreamAudioFormat {
 // (PTS_TYPE_MS, milliseconds) and setUtc (wall time in seconds) set, and setNewFormat(1) on the first frame of a new
 // format. H.264 frames hold NAL units behind four-byte start codes, a key frame its parameter sets first.
 //
-// THREADING  The operations come from pool threads, one at a time as far as the library is concerned. Frames may be
-// given
-//            from any one thread at a time; the callback runs the conversion to packets and must not be called with a
-//            lock held that the operations also take. Stop returns only when no callback runs any more, and so must not
-//            wait for a lock that the frame thread needs to end.
+// THREADING  The operations come from pool threads and from the host's own calls into the library. Start, Stop, Pause
+//            and Resume come one after another; the format queries (HasVideo, HasAudio, GetVideoFormat,
+//            GetAudioFormat) and GetFileRange may run beside them, and the format queries and getPacketType also
+//            inside the frame callback. Frames may be given from any one thread at a time; the callback runs the
+//            conversion to packets and must not be called with a lock held that the operations also take. Stop
+//            returns only when no callback runs any more, and so must not wait for a lock that the frame thread needs
+//            to end. Locks of channel and registry are held over the operations: they must not wait for another
+//            thread that calls either.
 // OWNERSHIP  The library owns the source from the factory on and gives it back with Close; handle_close then ends it,
-// as
-//            with every CNetHandler (`delete this`).
+//            as with every CNetHandler (`delete this`).
 class VIDORA_API CStreamSource : public CNetHandler {
 public:
     typedef TFunction1<void, const Flumen::CMediaFrame&> frame_proc_t;

@@ -196,7 +196,7 @@ std::string what_it_carries(const CRtspReqParser& parser) {
 
 TEST(RtspClientReply, RepliesOfCamerasAndServers) {
     const std::vector<Support::RtspSample> samples = Support::ReadRtspSamples(VIDORA_TEST_DATA "/rtsp_replies.txt");
-    EXPECT_GT(samples.size(), 25U);
+    EXPECT_GT(samples.size(), 20U);
     for (const Support::RtspSample& sample : samples) {
         CRtspReqParser parser;
         parser.set_url("rtsp://h/main");
@@ -228,6 +228,7 @@ TEST(RtspClientReply, RepliesOfCamerasAndServers) {
     CRtspReqParser parser;
     EXPECT_EQ(parser.parse_message(nullptr, 3, nullptr), -1);
     EXPECT_EQ(parser.parse_message("x", 0, nullptr), -1);
+    EXPECT_EQ(read(parser, "RTSP/1.0 200 OK\nCSeq: 1\n"), -1);  // no end
 }
 
 TEST(RtspClientReply, RepliesFindTheirRequestsOnce) {

@@ -159,7 +159,9 @@ Bytes audio_with_blocks(const Bytes& blocks) {
     Bytes data(24, 0);
     data[4] = 0xF0;
     data[22] = static_cast<unsigned char>(blocks.size());
-    data.insert(data.end(), blocks.begin(), blocks.end());
+    for (const uint8_t byte : blocks) {
+        data.push_back(byte);
+    }
     return data;
 }
 

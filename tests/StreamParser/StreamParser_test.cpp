@@ -1,8 +1,10 @@
 // The converter framework: factory, parameters, results, output modes, statistics, console.
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <cstring>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "StreamParser/RtpHeader.h"
@@ -446,6 +448,38 @@ TEST(StreamParserTest, ConsoleCommandsShowConvertersAndPackets) {
     convert(*encoder, make_frame(h264_frame(false, 50), 'P', 1080));
     EXPECT_EQ(Ostra::R3Execute("help"), 0);
     EXPECT_NE(out.find("spprt: \xC9\xE8"), std::string::npos);  // the help texts are GBK
+    Ostra::R3SetOutput(nullptr, nullptr);
+}
+
+// For ThreadSanitizer: the console shows converters of other threads while these come, work and go.
+TEST(StreamParserTest, ConsoleShowsConvertersThatComeAndGo) {
+    std::string out;
+    Ostra::R3SetOutput(&append_output, &out);
+    std::atomic<int> running{2};
+    const auto work = [&running] {
+        for (int round = 0; round < 50; ++round) {
+            const CStreamParserPtr encoder = make_encoder(ENC_TYPE_H264, true, true);
+            const CStreamParserPtr decoder = make_decoder(STREAM_TYPE_PRIVATE_FRAME);
+            for (int i = 0; i < 10; ++i) {
+                for (const Flumen::CMediaFrame& run : convert(*encoder, make_frame(h264_frame(i == 0, 100)))) {
+                    convert(*decoder, run);
+                }
+            }
+        }
+        --running;
+    };
+    const size_t before = CStreamParser::GetObjectCount();
+    {
+        Support::CLogCapture log(Ostra::LOG_LEVEL_NONE);
+        std::thread first(work);
+        std::thread second(work);
+        while (running > 0) {
+            EXPECT_EQ(Ostra::R3Execute("spshow"), 0);
+        }
+        first.join();
+        second.join();
+    }
+    EXPECT_EQ(CStreamParser::GetObjectCount(), before);
     Ostra::R3SetOutput(nullptr, nullptr);
 }
 

@@ -168,6 +168,32 @@ TEST_F(KXDataTest, OneFrameFeedsAllThreeForms) {
     EXPECT_EQ(1, Host().CountCalls("Stop"));
 }
 
+TEST_F(KXDataTest, BuffersMayEndBeforeTheSourceLetsGoOfThem) {
+    Open(CFakeStreamSource::LiveVideo());
+    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
+    for (const packet_type_t type : {PACKET_TYPE_RTP, PACKET_TYPE_KX, PACKET_TYPE_TS}) {
+        CMediaBuffer of_a_channel;
+        of_a_channel.EnableAutoSend();
+        of_a_channel.AddLevel2Buffer(&m_sink[type]);
+        ASSERT_EQ(0, m_source->StartStreaming(type, &of_a_channel, -1));
+    }
+    for (int i = 0; i < 6; ++i) {  // more side packets than a buffer keeps
+        Host().Give(Picture(true, 1000));
+    }
+    for (const packet_type_t type : {PACKET_TYPE_RTP, PACKET_TYPE_KX, PACKET_TYPE_TS}) {
+        EXPECT_TRUE(m_sink[type].m_items.empty());
+        ASSERT_EQ(0, Start(type));
+    }
+    Flumen::CMediaFrame empty(16);
+    empty.resize(0);
+    empty.setType('I');
+    Host().Give(empty);
+    Host().Give(Picture(true, 1000));
+    for (const packet_type_t type : {PACKET_TYPE_RTP, PACKET_TYPE_KX, PACKET_TYPE_TS}) {
+        EXPECT_FALSE(m_sink[type].m_items.empty());
+    }
+}
+
 TEST_F(KXDataTest, FramesBeforeTheFormatGoNowhere) {
     CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
     settings.tells_info = false;
@@ -290,6 +316,27 @@ TEST_F(KXDataTest, FilePlaysInsideItsWindow) {
     Host().Give(Picture(true, 10));
     EXPECT_TRUE(WaitFor(MSG_SRC_END));
     EXPECT_TRUE(m_sink[PACKET_TYPE_KX].m_items.empty());  // the frame that tells the end isn't sent
+}
+
+TEST_F(KXDataTest, AFailedSeekLeavesTheOtherBoundOfTheWindow) {
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.type = SRC_TYPE_FILE;
+    settings.seek_fails = true;
+    Open(settings, "clip.kav");
+    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
+    const struct {
+        float speed;
+        uint64_t start;
+        uint64_t end;
+    } rows[] = {{1.0F, 3000000, 12000000}, {-1.0F, 3000000, 6000000}};
+    for (const auto& row : rows) {
+        EXPECT_EQ(-1, m_source->Play(uint64_t{3000000}, uint64_t{6000000}, row.speed, false));
+        uint64_t start = 0;
+        uint64_t end = 0;
+        ASSERT_EQ(0, m_source->GetPlayRange(start, end));
+        EXPECT_EQ(row.start, start);
+        EXPECT_EQ(row.end, end);
+    }
 }
 
 TEST_F(KXDataTest, TokenStreamCarriesTheReplayExtension) {

@@ -9,6 +9,7 @@
 #include "Vidora/DataSource.h"
 #include "Vidora/LiveChannel.h"
 #include "Vidora/LiveSvr.h"
+#include "Vidora/RtspSvrConfig.h"
 #include "support/TestHandler.h"
 
 namespace Kavio {
@@ -193,6 +194,25 @@ TEST(LiveChannel, OutlivesItsCloseUntilTheLastReference) {
     channel->DelRef(user->GetID());
     svr->Close();
     user->Close();
+}
+
+TEST(LiveChannel, ADestinationNeedsAPairOfPortsForEachTrack) {
+    CPool pool;
+    std::atomic<int> closed{0};
+    CCountingSource* source = new CCountingSource(&closed);
+    CLiveChannel* channel = make_channel("a", source);
+    CSockAddrStorage group("239.1.2.4", 30100);
+    for (int tracks = 1; tracks <= 2; ++tracks) {
+        CRtspSvrConfig config;
+        const RtpPortRange range = {30200, 30200 + 2 * tracks};
+        ASSERT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_RTP_PORT, &range, sizeof(range)));
+        channel->SetConfig(config);
+        EXPECT_EQ(tracks < 2 ? -1 : 0, channel->AddTransfDst(group, nullptr));
+    }
+    EXPECT_EQ(0, channel->DelTransfDst(group, nullptr));
+    channel->Close();
+    source->Close();
+    EXPECT_TRUE(WaitUntil([&] { return closed == 1; }));
 }
 
 TEST(LiveChannel, DescribesUnicastAndMulticast) {

@@ -5,6 +5,7 @@
 #include <string>
 #include <vector>
 
+#include "Tramel/MediaCounters.h"
 #include "Tramel/SockDgram.h"
 #include "support/StreamPeer.h"
 
@@ -76,9 +77,14 @@ protected:
 
     void SendAndCompare(const Datagrams& packets) {
         const std::string merged = Merge(packets);
+        const CMediaCounters& counters = CMediaCounters::Instance();
+        const uint64_t packets_before = counters.Packets();
+        const uint64_t bytes_before = counters.Bytes();
         EXPECT_EQ(static_cast<int>(packets.size()),
                   m_sender.SendMerged(reinterpret_cast<const unsigned char*>(merged.data()),
                                       static_cast<unsigned int>(merged.size())));
+        EXPECT_EQ(packets.size(), counters.Packets() - packets_before);
+        EXPECT_EQ(merged.size() - 4 * packets.size(), counters.Bytes() - bytes_before);
         EXPECT_EQ(packets, Receive(packets.size()));
         std::vector<DgramSlice> slices;
         for (const std::string& packet : packets) {

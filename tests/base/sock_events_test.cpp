@@ -9,6 +9,7 @@
 #include "Tramel/MediaStreamReceiver.h"
 #include "Tramel/Reactor.h"
 #include "Tramel/SockAcceptor.h"
+#include "Tramel/SockDgram.h"
 #include "support/TestHandler.h"
 
 namespace Kavio {
@@ -166,6 +167,53 @@ TEST_F(SockEvents, TimeoutsRepeatAfterEveryQuietPeriodAndOnlyThen) {
     run_in_handler([&] { EXPECT_EQ(0, m_handler->RegisterSock(m_sock, SOCK_EVENT_READ, 0)); });
     EXPECT_EQ(CTimerQueue::NO_DEADLINE, CReactor::Instance().Timers().FirstDeadline());
     run_in_handler([&] { m_handler->RemoveSock(m_sock); });
+}
+
+// A time-out that is due when the socket is registered anew isn't told by the new one's leave.
+TEST_F(SockEvents, RegisteringAnewTakesADueTimeoutBack) {
+    std::atomic<int> timeouts{0};
+    m_handler->on_input_timeout = [&](int) { return timeouts.fetch_add(1); };
+    run_in_handler([&] {
+        EXPECT_EQ(0, m_handler->RegisterSock(m_sock, SOCK_EVENT_READ, 1000));
+        CTestHandler* other = CTestHandler::Make();
+        std::atomic<int> fired{0};
+        other->on_timeout = [&](long) { return fired.fetch_add(1); };
+        other->SetTimer(2000);
+        EXPECT_TRUE(WaitUntil([&] { return fired.load() > 3; }));  // the time-out has been queued meanwhile
+        other->Close();
+        EXPECT_EQ(0, m_handler->RegisterSock(m_sock, SOCK_EVENT_READ, 60000000));
+    });
+    run_in_handler([] {});
+    EXPECT_EQ(0, timeouts.load());
+    run_in_handler([&] { m_handler->RemoveSock(m_sock); });
+}
+
+// The ICMP answers to what is sent to a peer that has gone wake the reader, which takes them away, but the peer is
+// silent.
+TEST_F(SockEvents, RefusalsAreNoSignOfLife) {
+    CSockDgram sender, gone;
+    const CSockAddrIPv4 local("127.0.0.1", 0);
+    ASSERT_EQ(0, sender.Open(&local));
+    ASSERT_EQ(0, gone.Open(&local));
+    CSockAddrStorage to;
+    ASSERT_EQ(0, gone.GetLocalAddr(&to));
+    ASSERT_EQ(0, sender.SetRemote(&to));
+    gone.Close();
+    std::atomic<int> inputs{0};
+    std::atomic<int> timeouts{0};
+    m_handler->on_input = [&](int) {
+        char byte = 0;
+        inputs.fetch_add(1);
+        return sender.Recv(&byte, 1, nullptr);
+    };
+    m_handler->on_input_timeout = [&](int) { return timeouts.fetch_add(1); };
+    EXPECT_EQ(0, m_handler->RegisterSock(sender, SOCK_EVENT_READ, 50000));
+    EXPECT_TRUE(WaitUntil([&] {
+        sender.Send("x", 1, nullptr);
+        return timeouts.load() > 1;
+    }));
+    EXPECT_GT(inputs.load(), 0);
+    run_in_handler([&] { m_handler->RemoveSock(sender); });
 }
 
 // A pool whose threads are all held up, so that none could poll, must not take its own delay for the peer's silence.

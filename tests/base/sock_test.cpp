@@ -4,6 +4,7 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
+#include <chrono>
 #include <csignal>
 #include <string>
 #include <vector>
@@ -159,7 +160,20 @@ TEST(SockAcceptor, DescriptorExhaustionEmptiesTheBacklog) {
         ASSERT_TRUE(WaitUntil([&] { return client.GetConnectStatus() == 0; }));
     }
     rlimit tight = former;
-    tight.rlim_cur = 0;  // every new number is above the limit; the spare one alone stays usable below it
+    // No number at all, also not the spare one, which is lost then: the listener waits a little, and has it again after
+    // the first connection that it can take.
+    tight.rlim_cur = 0;
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
+    const auto start = std::chrono::steady_clock::now();
+    for (int i = 0; i < 3; ++i) {
+        EXPECT_EQ(-1, acceptor.Accept(server, nullptr));
+    }
+    EXPECT_GE(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(25)) << "it must not spin";
+    setrlimit(RLIMIT_NOFILE, &former);
+    CSockStream served, taken;
+    ASSERT_EQ(0, served.Connect(at, nullptr));
+    EXPECT_EQ(0, acceptor.Accept(taken, nullptr));
+    // Every new number is above the limit; the spare one alone stays usable below it.
     const int lowest_free = dup(0);
     close(lowest_free);
     tight.rlim_cur = static_cast<rlim_t>(lowest_free);
@@ -173,6 +187,7 @@ TEST(SockAcceptor, DescriptorExhaustionEmptiesTheBacklog) {
     setrlimit(RLIMIT_NOFILE, &former);
     EXPECT_TRUE(last_error == EAGAIN || last_error == EMFILE);
     char byte = 0;
+    taken.Close();  // whose client came first
     for (CSockStream& client : clients) {
         EXPECT_TRUE(WaitUntil([&] { return client.Recv(&byte, 1) == -1; }));
     }
@@ -223,8 +238,10 @@ TEST(SockDgram, RefusalOfAnEarlierDatagramDoesNotFailTheNext) {
     ASSERT_EQ(0, receiver.GetLocalAddr(&to));
     ASSERT_EQ(0, sender.SetRemote(&to));
     receiver.Close();
+    char byte = 0;
     for (int i = 0; i < 5; ++i) {
         EXPECT_EQ(1, sender.Send("x", 1, nullptr));
+        EXPECT_EQ(0, sender.Recv(&byte, 1, nullptr)) << "nothing is there, and nothing is broken";
     }
 }
 

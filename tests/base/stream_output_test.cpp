@@ -167,9 +167,9 @@ TEST_F(QueueTest, ClearedTextLeavesTheBegunOneWhole) {
 TEST_F(QueueTest, UnreadTextIsBoundedAndFailureIsToldOncePerHandler) {
     FakeFace control;
     ASSERT_EQ(0, m_queue.Attach(&control, false, 7));
-    const std::string text = TextBytes(1, 4000);
+    const std::string text = TextBytes(1);  // short ones cost more memory than their bytes
     int results = 0;
-    for (unsigned int i = 0; i < CStreamOutput::MAX_TEXT_BYTES / 4000 + 2; ++i) {
+    for (unsigned int i = 0; i < CStreamOutput::MAX_TEXT_BYTES / CStreamOutput::UNIT_COST; ++i) {
         results += m_queue.SendText(text.data(), static_cast<unsigned int>(text.size()));
     }
     EXPECT_LT(results, 0);
@@ -179,6 +179,42 @@ TEST_F(QueueTest, UnreadTextIsBoundedAndFailureIsToldOncePerHandler) {
     EXPECT_EQ((std::vector<long>{8}), control.failures) << "one that asks late is told at once";
     EXPECT_FALSE(Put({'0', true, 1, false}));
     EXPECT_EQ(-1, m_queue.SendText("x", 1));
+}
+
+// A merged frame of three packets counts as three, once it is out; what is dropped on the way counts as units.
+TEST_F(QueueTest, CountersTellWhatWentOutWholeAndWhatWasDropped) {
+    struct Figures {
+        uint64_t packets = CMediaCounters::Instance().Packets();
+        uint64_t bytes = CMediaCounters::Instance().Bytes();
+        uint64_t dropped = CMediaCounters::Instance().Dropped();
+    };
+    const auto since = [](const Figures& start) {
+        const Figures now;
+        return std::vector<uint64_t>{now.packets - start.packets, now.bytes - start.bytes, now.dropped - start.dropped};
+    };
+    const Figures start;
+    m_queue.SetLimit(2 * COST, 1000);
+    Expect({{'0', true, 1, true}, {'0', false, 1, true}, {'0', false, 1, false}, {'0', true, 1, false}});
+    EXPECT_EQ((std::vector<uint64_t>{0, 0, 2}), since(start)) << "what waits isn't sent";
+    Drain(3);
+    EXPECT_EQ((std::vector<uint64_t>{2, 2000, 2}), since(start)) << "text doesn't count";
+    Expect({{'0', false, 1, false}});  // on an idle socket as well: its track waits
+    EXPECT_EQ((std::vector<uint64_t>{2, 2000, 3}), since(start));
+    const std::string one = MediaBytes(0, m_number++, true, 96);
+    for (const bool pair : {false, true}) {
+        const std::string bytes = pair ? one : one + one + one;
+        COutputUnit* unit = COutputUnit::CreateMedia(1, 1, 1);
+        const unsigned int first = pair ? 6 : static_cast<unsigned int>(bytes.size());
+        unit->AddPacket(new CountedPacket(bytes.substr(0, first)), first, 1);
+        if (pair) {
+            unit->AddPacket(new CountedPacket(bytes.substr(first)), 94, 1);
+        }
+        CUnitBatch batch;
+        batch.Add(unit);
+        EXPECT_EQ(1u, m_queue.SendMedia(batch, 0, ~0U));
+        unit->Release();
+    }
+    EXPECT_EQ((std::vector<uint64_t>{6, 2400, 3}), since(start));
 }
 
 TEST_F(QueueTest, GoneSocketIsNotTouched) {
@@ -266,6 +302,44 @@ TEST(Senders, TextOfBothFacesStaysWholeOnASocketThatIsAlwaysFull) {
     media->Close();
     owner->Close();
     CNetThread::DestroyThreadPool();
+}
+
+// The number of a closed descriptor is given out again at once. What was queued for the old connection, and a sender
+// that nobody told, must not write to the new one; nor may the old one's end be the new one's.
+TEST(Senders, ReusedSocketObjectBeginsWithAQueueOfItsOwn) {
+    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    CMediaStreamSender* media = CMediaStreamSender::Create();
+    CStreamSender* left = CStreamSender::Create();
+    MessageCounter owner;
+    {
+        TcpPair first(4096);
+        CSockStream sock;
+        const int number = first.near_fd;
+        sock.Attach(first.near_fd);
+        ASSERT_EQ(0, left->Attach(&owner, &sock));
+        left->WaitException(owner.GetID());
+        const std::string text = TextBytes(1, 300000);
+        ASSERT_EQ(0, left->Put(text.data(), static_cast<unsigned int>(text.size())));
+        sock.Close();
+        TcpPair second(4096);
+        ASSERT_TRUE(second.near_fd == number || second.far_fd == number);
+        sock.Attach(second.near_fd);
+        left->handle_output(second.near_fd);
+        EXPECT_EQ(-1, left->Put("x", 1));
+        ASSERT_EQ(0, media->Attach(&sock));
+        const std::string fresh = TextBytes(2);
+        media->SendOtherData(fresh.data(), static_cast<int>(fresh.size()));
+        WireReader reader;
+        EXPECT_TRUE(WaitFor([&] { return (reader.Read(second.far_fd), !reader.Units().empty() || reader.Broken()); }));
+        EXPECT_EQ((std::vector<unsigned int>{2}), reader.Numbers(-1));
+        EXPECT_FALSE(reader.Broken());
+        EXPECT_FALSE(reader.Partial());
+        media->Detach();
+    }
+    media->Close();
+    left->Close();
+    CNetThread::DestroyThreadPool();
+    EXPECT_EQ(0, owner.Failures()) << "who closes the socket knows";
 }
 
 TEST(Senders, BrokenAndStalledSocketsPostTheMessageOnce) {

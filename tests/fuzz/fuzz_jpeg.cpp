@@ -5,9 +5,9 @@
 #include <vector>
 
 #include "FuzzRecords.h"
-#include "Vidora/JpegParser.h"
 #include "StreamParser/JpegTables.h"
 #include "StreamParser/RtpCutJpeg.h"
+#include "Vidora/JpegParser.h"
 
 using namespace Kavio;
 using namespace Kavio::Vidora;

@@ -1,8 +1,8 @@
 // The readers of parameter sets and headers: H.264 SPS and slice heads, MPEG-4 VOL, MPEG-2 sequence; and the scan for
 // start codes against a plain one. First byte: which; the rest is the data.
 #include "FuzzRecords.h"
-#include "Vidora/H264Parser.h"
 #include "StreamParser/Mpeg2Parser.h"
+#include "Vidora/H264Parser.h"
 #include "Vidora/Mpeg4Parser.h"
 #include "Vidora/StartCode.h"
 

@@ -1,28 +1,22 @@
 // CRtcpParser: any datagram is read and decoded within its bounds; what the decoders found is written and read again.
 // The first byte chooses the compound rules.
 #include <cstdint>
-#include <cstdlib>
 #include <vector>
 
 #include "Protocol/RtcpParser.h"
 #include "Vidora/Ostra/Log.h"
+#include "require.h"
 
 using namespace Kavio::Vidora;
 
 namespace {
-
-void check(bool good) {
-    if (!good) {
-        std::abort();
-    }
-}
 
 int check_reports(const rtcp_report* list, unsigned int payload) {
     int count = 0;
     for (; list != nullptr; list = list->next) {
         ++count;
     }
-    check(static_cast<unsigned int>(count) * 24 <= payload && count <= CRtcpParser::MAX_COUNT);
+    require(static_cast<unsigned int>(count) * 24 <= payload && count <= CRtcpParser::MAX_COUNT);
     return count;
 }
 
@@ -32,38 +26,38 @@ void check_chunks(const rtcp_sdes_chunk* chunk, unsigned int payload) {
         for (const rtcp_sdes_item* item = chunk->items; item != nullptr; item = item->next) {
             bytes += 2U + item->length;
             const std::vector<uint8_t> text(item->text, item->text + item->length);  // all of it is there
-            check(text.size() == item->length);
+            require(text.size() == item->length);
         }
     }
-    check(bytes <= payload);
+    require(bytes <= payload);
 }
 
 void decode(rtcp_pack& pack, CRtcpParser& mirror) {
     const unsigned int payload = pack.common.length * 4U;
     const int count = pack.common.flags & 31;
     if (pack.parse == nullptr) {
-        check(pack.common.pt > CRtcpParser::RTCP_TYPE_BYE);
+        require(pack.common.pt > CRtcpParser::RTCP_TYPE_BYE);
         return;
     }
     const int result = pack.parse(&pack);
-    check(pack.data == nullptr && pack.parse(&pack) == -1);
+    require(pack.data == nullptr && pack.parse(&pack) == -1);
     switch (pack.common.pt) {
         case CRtcpParser::RTCP_TYPE_SR:
-            check((check_reports(pack.sr.reports, payload) == count && payload >= 24) == (result == 0));
+            require((check_reports(pack.sr.reports, payload) == count && payload >= 24) == (result == 0));
             break;
         case CRtcpParser::RTCP_TYPE_RR:
-            check((check_reports(pack.rr.reports, payload) == count && payload >= 4) == (result == 0));
+            require((check_reports(pack.rr.reports, payload) == count && payload >= 4) == (result == 0));
             break;
         case CRtcpParser::RTCP_TYPE_SDES:
-            check(result == 0);
+            require(result == 0);
             check_chunks(&pack.sdes, payload);
             for (const rtcp_sdes_chunk* chunk = &pack.sdes; chunk != nullptr; chunk = chunk->next) {
                 mirror.add_sdes_chunk(chunk);
             }
             break;
         default:
-            check(result == 0 && (pack.bye.ssrcs != nullptr) == (count > 0));
-            check(pack.bye.reason_length <= payload);
+            require(result == 0 && (pack.bye.ssrcs != nullptr) == (count > 0));
+            require(pack.bye.reason_length <= payload);
             mirror.set_bye(pack.bye.ssrcs, static_cast<unsigned char>(count), pack.bye.reason, pack.bye.reason_length);
             break;
     }
@@ -84,7 +78,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     const bool good = parser.ParseData(bytes.data(), &length, (data[0] & 1) != 0);
     int count = 0;
     rtcp_pack* packs = parser.get_packets(&count);
-    check(good == (count > 0) && count <= CRtcpParser::MAX_PACKETS);
+    require(good == (count > 0) && count <= CRtcpParser::MAX_PACKETS);
     for (int i = 0; i < count; ++i) {
         decode(packs[i], mirror);
     }
@@ -95,15 +89,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         if (mirror.get_sr_compound(out.data(), &written) == nullptr) {
             continue;
         }
-        check(written <= room && written % 4 == 0);
+        require(written <= room && written % 4 == 0);
         CRtcpParser reader(3);
-        check(reader.ParseData(out.data(), &written, true));
+        require(reader.ParseData(out.data(), &written, true));
         packs = reader.get_packets(&count);
-        check(count == 2 || count == 3);
+        require(count == 2 || count == 3);
         for (int i = 0; i < count; ++i) {
-            check(packs[i].parse(&packs[i]) == 0);
+            require(packs[i].parse(&packs[i]) == 0);
         }
-        check(count == 2 || packs[2].bye.ssrcs[0] == 2);
+        require(count == 2 || packs[2].bye.ssrcs[0] == 2);
     }
     return 0;
 }

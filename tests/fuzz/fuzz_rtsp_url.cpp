@@ -1,25 +1,19 @@
 // CRtspUrlParser: any URL and any content; what was found of a live channel or an address is written and read again.
 #include <cstdint>
 #include <cstdio>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "Vidora/Ostra/Log.h"
 #include "Vidora/RtspUrlParser.h"
+#include "require.h"
 
 using namespace Kavio::Vidora;
 
 namespace {
 
-void check(bool good) {
-    if (!good) {
-        std::abort();
-    }
-}
-
 void check_text(const char* text, size_t size) {
-    check(text == nullptr || ::strnlen(text, size) < size);
+    require(text == nullptr || ::strnlen(text, size) < size);
 }
 
 void check_state(CRtspUrlParser& parser, bool parsed) {
@@ -28,9 +22,9 @@ void check_state(CRtspUrlParser& parser, bool parsed) {
     check_text(parser.GetFileName(), 128);
     check_text(parser.GetParam("proto"), 64);
     check_text(parser.GetParam("ServiceType"), 64);
-    check(parser.GetSrcType() >= SRC_TYPE_PROXY && parser.GetSrcType() <= SRC_TYPE_NONE);
-    check(parser.GetLocalStreamProto() >= 0 && parser.GetLocalStreamProto() <= 2);
-    check((parser.GetContent() != nullptr) == parsed);
+    require(parser.GetSrcType() >= SRC_TYPE_PROXY && parser.GetSrcType() <= SRC_TYPE_NONE);
+    require(parser.GetLocalStreamProto() >= 0 && parser.GetLocalStreamProto() <= 2);
+    require((parser.GetContent() != nullptr) == parsed);
     const playback_info* playback = parser.GetPlayback_info();
     check_text(playback != nullptr ? playback->token : nullptr, sizeof(playback->token));
     for (int index = -1; index <= 2; ++index) {
@@ -40,7 +34,7 @@ void check_state(CRtspUrlParser& parser, bool parsed) {
         if (parser.GetAuthInfo(auth, index) == 0) {
             check_text(user, sizeof(user));
             check_text(password, sizeof(password));
-            check(user[0] != '\0');
+            require(user[0] != '\0');
         }
     }
     check_text(parser.GenerateContent("x.kav"), 512);
@@ -49,19 +43,19 @@ void check_state(CRtspUrlParser& parser, bool parsed) {
 
 void check_live_channel(const identifier_t& identifier) {
     CRtspUrlParser writer;
-    check(writer.AddConnection(0, "127.0.0.1", 554) == 0);
+    require(writer.AddConnection(0, "127.0.0.1", 554) == 0);
     const std::string url = writer.GenerateUrl(&identifier);
     CRtspUrlParser reader;
-    check(reader.ParseUrl(url.data(), static_cast<unsigned>(url.size())));
-    check(reader.GetIdentifier() != nullptr && reader.GetIdentifier()->channel == identifier.channel &&
-          reader.GetIdentifier()->subtype == identifier.subtype);
-    check((reader.GetSrcType() == SRC_TYPE_LIVE) == (identifier.subtype >= 0 && identifier.subtype <= 9));
+    require(reader.ParseUrl(url.data(), static_cast<unsigned>(url.size())));
+    require(reader.GetIdentifier() != nullptr && reader.GetIdentifier()->channel == identifier.channel &&
+            reader.GetIdentifier()->subtype == identifier.subtype);
+    require((reader.GetSrcType() == SRC_TYPE_LIVE) == (identifier.subtype >= 0 && identifier.subtype <= 9));
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    check(std::freopen("/dev/null", "w", stdout) != nullptr);  // the parser prints some faults
+    require(std::freopen("/dev/null", "w", stdout) != nullptr);  // the parser prints some faults
     return 0;
 }
 

@@ -51,6 +51,8 @@ protected:
     // Publishes a channel of a fake source, and gives the source.
     CFakeStreamSource* AddChannel(const char* name = LIVE_NAME,
                                   const CFakeStreamSource::Settings& settings = CFakeStreamSource::LiveVideo());
+    // Publishes the source of the last AddChannel under another name as well.
+    void ShareChannel(const char* name);
     std::string Url(const std::string& content = LIVE_NAME) const;
     template <typename T>
     void Set(rtsp_svr_config_t item, const T& value) {
@@ -68,6 +70,7 @@ protected:
     // Waits for the sessions to end.
     static bool SessionsGone(unsigned int left = 0);
 
+    CDataSource* m_source = nullptr;  // of the last AddChannel; the registry's
     int m_port = 0;
     CRtspSvrConfig m_config;
     Support::CPool m_pool{4};

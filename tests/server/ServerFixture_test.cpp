@@ -84,17 +84,21 @@ void CServerTest::StartServer() {
 
 CFakeStreamSource* CServerTest::AddChannel(const char* name, const CFakeStreamSource::Settings& settings) {
     CFakeStreamSource::SetNext(settings);
+    m_source = CDataSource::Create(LIVE_NAME);
+    m_source->SetConfig(m_config);
+    EXPECT_EQ(0, m_source->Init(0, 0));
+    CFakeStreamSource* fake = CFakeStreamSource::Last();
+    ShareChannel(name);
+    return fake;
+}
+
+void CServerTest::ShareChannel(const char* name) {
     CLiveChannel* channel = CLiveChannel::Create();
     channel->SetConfig(m_config);
     EXPECT_EQ(0, channel->Init(name, 0, TRANSF_TYPE_RTP));
-    CDataSource* source = CDataSource::Create(LIVE_NAME);
-    source->SetConfig(m_config);
-    EXPECT_EQ(0, source->Init(channel->GetID(), 0));
-    CFakeStreamSource* fake = CFakeStreamSource::Last();
-    channel->AddDataSrc(source, 0);
-    EXPECT_EQ(0, m_live_svr->AddLiveChannel(name, channel, source));
+    channel->AddDataSrc(m_source, 0);
+    EXPECT_EQ(0, m_live_svr->AddLiveChannel(name, channel, m_source));
     m_channels.push_back(channel);
-    return fake;
 }
 
 std::string CServerTest::Url(const std::string& content) const {

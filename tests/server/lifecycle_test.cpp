@@ -1,4 +1,6 @@
+#include <atomic>
 #include <random>
+#include <thread>
 
 #include "server/ServerFixture.h"
 #include "support/UdpPeer.h"
@@ -184,6 +186,47 @@ TEST_F(Lifecycle, ADeletedChannelEndsItsSessionsAndIsNotKeptByAnyDescribe) {
     EXPECT_TRUE(SessionsGone(1));
 }
 
+// Their sessions can't leave by name any more, and the source goes on filling the buffer that it was given last.
+TEST_F(Lifecycle, ChannelsGoUnderTheirSinksWhileTheSourceRuns) {
+    StartServer();
+    CFakeStreamSource* source = AddChannel();
+    CRtspTestClient steady(m_port);
+    PlayInterleaved(steady);
+    std::atomic<bool> stop{false};
+    std::thread host([&] {
+        for (unsigned int sequence = 0; !stop; ++sequence) {
+            GiveVideo(source, sequence, 20000);
+        }
+    });
+    const char name[] = "cam/realmonitor?channel=2&subtype=0";
+    const std::string track = Url(name) + "/trackID=0";
+    for (int round = 0; round < 5; ++round) {
+        ShareChannel(name);
+        CRtspTestClient tcp(m_port), udp(m_port), kx(m_port);
+        CUdpPeer rtp;
+        PlayInterleaved(tcp, name);
+        const struct {
+            CRtspTestClient& client;
+            std::string transport;
+        } rows[] = {{udp, "Transport: RTP/AVP;unicast;client_port=" + std::to_string(rtp.Port()) + "\r\n"},
+                    {kx, "Transport: KX/AVP/TCP;unicast\r\n"}};
+        for (const auto& row : rows) {
+            EXPECT_EQ(200, row.client.Ask("DESCRIBE", Url(name)).status);
+            EXPECT_EQ(200, row.client.Ask("SETUP", track, row.transport).status);
+            EXPECT_EQ(200, row.client.Ask("PLAY", Url(name)).status);
+        }
+        EXPECT_FALSE(rtp.Recv().empty());
+        EXPECT_EQ(0, m_live_svr->DelLiveChannel(name));
+        EXPECT_TRUE(tcp.Closed() && udp.Closed() && kx.Closed());
+    }
+    EXPECT_TRUE(SessionsGone(1));
+    CRtspTestClient late(m_port);
+    PlayInterleaved(late);  // names the living buffer again
+    EXPECT_EQ(0, late.Frame().channel);
+    stop = true;
+    host.join();
+}
+
 TEST_F(Lifecycle, ANewDescribeInTheMiddleOfAStreamLetsGoOfTheOldOne) {
     StartServer();
     AddChannel();
@@ -198,6 +241,80 @@ TEST_F(Lifecycle, ANewDescribeInTheMiddleOfAStreamLetsGoOfTheOldOne) {
     while (client.Frame().channel != 0) {
     }
     EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
+}
+
+TEST_F(Lifecycle, AClientThatStopsReadingEndsAlone) {
+    StartWithTimeout(1);
+    CFakeStreamSource* source = AddChannel();
+    CRtspTestClient stalled(m_port), reading(m_port);
+    PlayInterleaved(stalled);
+    PlayInterleaved(reading);
+    Support::CLogCapture log(Ostra::LOG_LEVEL_ERROR);
+    unsigned int sequence = 0;
+    int frames = 0;
+    EXPECT_TRUE(Support::WaitUntil([&] {
+        GiveVideo(source, sequence++, 200000);
+        while (reading.Frame(1).channel == 0) {
+            ++frames;
+        }
+        return CRtspSvr::GetSessionCount() == 1;
+    }));
+    EXPECT_LT(1000, frames);
+    EXPECT_EQ(200, reading.Ask("OPTIONS", "*").status);
+}
+
+TEST_F(Lifecycle, SessionsAndChannelsComeAndGoAtOnce) {
+    StartServer();
+    CFakeStreamSource* source = AddChannel();
+    const char* const brief = "cam/realmonitor?channel=2&subtype=0";
+    Support::CLogCapture log(Ostra::LOG_LEVEL_ERROR);
+    std::atomic<bool> over{false};
+    std::atomic<int> played{0};
+    std::vector<std::thread> threads;
+    for (unsigned int n = 0; n < 4; ++n) {
+        threads.emplace_back([&, n] {
+            std::mt19937 random(n);
+            while (!over) {
+                CRtspTestClient client(m_port);
+                CUdpPeer rtp;
+                const std::string url = Url(random() % 2 == 0 ? LIVE_NAME : brief);
+                const std::string udp = "Transport: RTP/AVP;unicast;client_port=" + std::to_string(rtp.Port()) + "\r\n";
+                std::string bytes = client.Request("DESCRIBE", url);
+                if (random() % 4 == 0) {
+                    client.Send(bytes.substr(0, random() % bytes.size()));
+                    continue;
+                }
+                client.Send(bytes);
+                if (client.Reply(500).status == 200 &&
+                    client.Ask("SETUP", url + "/trackID=0", random() % 2 == 0 ? udp : INTERLEAVED).status == 200 &&
+                    client.Ask("PLAY", url).status == 200) {
+                    ++played;
+                    client.Frame(static_cast<int>(random() % 10));
+                    if (random() % 2 == 0) {
+                        client.Send(client.Request("TEARDOWN", url));
+                    }
+                }
+            }
+        });
+    }
+    threads.emplace_back([&] {
+        for (unsigned int sequence = 0; !over; ++sequence) {
+            GiveVideo(source, sequence, 2000);
+            usleep(1000);
+        }
+    });
+    for (int i = 0; i < 40; ++i) {
+        AddChannel(brief);
+        usleep(30000);
+        EXPECT_EQ(0, m_live_svr->DelLiveChannel(brief));
+    }
+    over = true;
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_LT(20, played);
+    EXPECT_TRUE(SessionsGone());
+    EXPECT_TRUE(Support::WaitUntil([] { return CFakeStreamSource::LiveCount() == 1; }));
 }
 
 TEST_F(Lifecycle, AFormatChangeEndsRtpAndNotPrivateSessions) {

@@ -16,6 +16,8 @@ CMutex g_mutex;
 CFakeStreamSource::Settings g_next;
 CFakeStreamSource* g_last = nullptr;
 std::atomic<int> g_live_count{0};
+CMutex g_list_mutex;
+std::vector<CFakeStreamSource*> g_list;
 
 }  // namespace
 
@@ -39,6 +41,18 @@ CStreamSource* CFakeStreamSource::Factory(const char*) {
     return g_next.null_source ? nullptr : new CFakeStreamSource(g_next);
 }
 
+CFakeStreamSource* CFakeStreamSource::Make(const Settings& settings) {
+    CGuard guard(g_mutex);
+    return new CFakeStreamSource(settings);
+}
+
+void CFakeStreamSource::ForEach(const std::function<void(CFakeStreamSource&)>& function) {
+    CGuard guard(g_list_mutex);
+    for (CFakeStreamSource* source : g_list) {
+        function(*source);
+    }
+}
+
 CFakeStreamSource* CFakeStreamSource::Last() {
     CGuard guard(g_mutex);
     return g_last;
@@ -51,9 +65,15 @@ int CFakeStreamSource::LiveCount() {
 CFakeStreamSource::CFakeStreamSource(const Settings& settings) : m_settings(settings) {
     ++g_live_count;
     g_last = this;  // the factory holds the lock
+    CGuard guard(g_list_mutex);
+    g_list.push_back(this);
 }
 
 CFakeStreamSource::~CFakeStreamSource() {
+    {
+        CGuard guard(g_list_mutex);
+        g_list.erase(std::find(g_list.begin(), g_list.end(), this));
+    }
     CGuard guard(g_mutex);
     if (g_last == this) {
         g_last = nullptr;
@@ -100,13 +120,10 @@ void CFakeStreamSource::SetPacketState(int state) {
 
 int CFakeStreamSource::Init(long receiver_id, int) {
     m_receiver_id = receiver_id;
-    if (m_settings.init_fails) {
-        return -1;
-    }
     if (m_settings.tells_info) {
         Tell(MSG_STREAM_INFO);
     }
-    return 0;
+    return m_settings.init_fails ? -1 : 0;
 }
 
 void CFakeStreamSource::GetVideoFormat(StreamVideoFormat& format) {

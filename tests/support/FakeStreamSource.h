@@ -2,6 +2,7 @@
 #define VIDORA_TESTS_SUPPORT_FAKESTREAMSOURCE_H
 
 #include <atomic>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -25,8 +26,8 @@ public:
         Vidora::StreamVideoFormat video;
         Vidora::StreamAudioFormat audio;
         std::string specific_info;
-        bool tells_info = true;  // sends MSG_STREAM_INFO in Init
-        bool init_fails = false;
+        bool tells_info = true;   // sends MSG_STREAM_INFO in Init
+        bool init_fails = false;  // after it has told
         bool start_fails = false;
         bool seek_fails = false;
         bool null_source = false;  // the factory gives null
@@ -39,12 +40,16 @@ public:
     static Settings LiveVideo();
     // What the factory's next sources are like.
     static void SetNext(const Settings& settings);
-    // A factory for CRtspSvrConfig.
+    // A source like that.
+    static CFakeStreamSource* Make(const Settings& settings);
+    // A factory for CRtspSvrConfig: makes the next one.
     static Vidora::CStreamSource* Factory(const char* content);
     // The source that the factory made last, or null after it has gone.
     static CFakeStreamSource* Last();
     // Sources that live now.
     static int LiveCount();
+    // Calls `function` for each source that lives; none of them goes meanwhile.
+    static void ForEach(const std::function<void(CFakeStreamSource&)>& function);
 
     // Gives a frame to the receiver, as the host's thread; false if the source isn't started.
     bool Give(const Flumen::CMediaFrame& frame);
@@ -84,7 +89,7 @@ private:
     void record(const std::string& call);
 
     Settings m_settings;
-    long m_receiver_id = 0;
+    std::atomic<long> m_receiver_id{0};
     Vidora::CMutex m_mutex;       // guards the record and the video format
     Vidora::CMutex m_give_mutex;  // held while a frame is given, so that Stop waits for it
     frame_proc_t m_proc;

@@ -23,13 +23,15 @@ struct RtspSample {
     std::string expected;
 };
 
-// A file of samples: lines of "#" are comments, "=> " ends a message and says what is expected.
+// A file of samples: lines of "#" are comments, "=> " ends a message and says what is expected. A message without a
+// body needs no blank line at its end.
 inline std::vector<RtspSample> ReadRtspSamples(const std::string& path) {
     std::vector<RtspSample> samples;
     std::ifstream file(path);
     std::string message;
     for (std::string line; std::getline(file, line);) {
         if (line.rfind("=> ", 0) == 0) {
+            message += message.find("\n\n") == std::string::npos ? "\n" : "";
             samples.push_back({Crlf(message), line.substr(3)});
             message.clear();
         } else if (line[0] != '#') {

@@ -71,8 +71,8 @@ TEST_F(UdpSender, FindsTheLowestFreePairWhoeverHoldsTheOthers) {
     ASSERT_EQ(0, m_sender.OpenPair(&port, 4000, 0));
     EXPECT_EQ(31202, port);  // an odd lower bound is rounded up
 
-    CUdpPeer foreign_rtcp(31205);  // another program has the upper port of the next pair
-    ASSERT_TRUE(foreign_rtcp.Bound());
+    auto foreign_rtcp = std::make_unique<CUdpPeer>(31205);  // another program has the upper port of the next pair
+    ASSERT_TRUE(foreign_rtcp->Bound());
     CRtpUdpSender other;
     other.SetConfig(&odd);
     other.Init(1);
@@ -87,6 +87,32 @@ TEST_F(UdpSender, FindsTheLowestFreePairWhoeverHoldsTheOthers) {
     third.reset();  // gives its ports back
     ASSERT_EQ(0, m_sender.OpenPair(&port, 4000, 2));
     EXPECT_EQ(31208, port);
+    foreign_rtcp.reset();
+    ASSERT_EQ(0, m_sender.OpenPair(&port, 4000, 4));
+    EXPECT_EQ(31204, port);
+
+    // Ranges outside the port numbers, and one that ends with them.
+    CUdpSockPair low, pair;
+    EXPECT_EQ(-1, pair.OpenInRange(70000, 80000, 1, &port));
+    low.OpenInRange(-5, -1, 1, &port);  // port 2, if this process may
+    EXPECT_EQ(2, port);
+    EXPECT_EQ(0, pair.OpenInRange(65533, 0x7fffffff, 1, &port));
+    EXPECT_EQ(65534, port);
+}
+
+TEST_F(UdpSender, APairAtAFixedPortIsTakenEvenIfItCannotOpen) {
+    CUdpPeer foreign(31600);
+    ASSERT_TRUE(foreign.Bound());
+    m_sender.Init(1);
+    m_sender.SetRemote(CSockAddrStorage("239.1.2.3", 0));
+    Support::CLogCapture log;
+    EXPECT_EQ(0, m_sender.OpenPairAt(31600, 4000, 2));
+    EXPECT_EQ(1, log.Count("channel: 2 set TTL Failed!"));  // the RTCP port of the pair is free
+    EXPECT_EQ(0, log.Count("channel: 3 set TTL Failed!"));
+    EXPECT_EQ(-1, m_sender.SendRaw("x", 1, 2));
+    EXPECT_EQ(0, m_sender.OpenPairAt(31602, 4000, 2));
+    EXPECT_EQ(1, log.Count("set TTL Failed!"));
+    EXPECT_EQ(-1, m_sender.OpenPairAt(31602, 4000, 4));  // no room
 }
 
 TEST_F(UdpSender, RefusesWhenTheRangeIsTakenAndRecoversWhenAPortIsFreed) {

@@ -34,6 +34,10 @@ public:
     int GetLocalAddr(CSockAddr* addr) const;
 
 protected:
+    // The descriptor is about to be closed or given away: nothing may be written to it through this object any more,
+    // since its number can stand for another file at once. The base does nothing.
+    virtual void OnRelease() {}
+
     int m_fd = -1;
 
 private:

@@ -1,0 +1,20 @@
+#!/usr/bin/env python3
+"""The example host, read by FFmpeg: example_test.py PROGRAM."""
+import subprocess
+import sys
+import tempfile
+
+from host_support import frame_digests, free_port, run
+
+with tempfile.TemporaryDirectory() as folder:
+    image = f"{folder}/image.jpg"
+    run("ffmpeg", "-loglevel", "error", "-f", "lavfi", "-i", "testsrc=size=320x240", "-pix_fmt", "yuvj420p",
+        "-huffman", "default", "-frames:v", "1", image)
+    port = free_port()
+    host = subprocess.Popen([sys.argv[1], str(port), image], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
+    assert "listening" in host.stdout.readline()
+    url = f"rtsp://127.0.0.1:{port}/cam/realmonitor?channel=1&subtype=0"
+    digests = frame_digests("-rtsp_transport", "tcp", "-i", url, "-t", "2")[0]
+    assert len(digests) > 5 and set(digests) == set(frame_digests("-i", image)[0]), digests
+    host.communicate("\n", timeout=20)
+    assert host.returncode == 0, host.returncode

@@ -1,0 +1,314 @@
+// Peers and hosts that misbehave, beside a client that plays: whatever they do ends their own connection at most, and
+// the one that plays gets every packet in its order.
+
+#include <sys/socket.h>
+
+#include <thread>
+
+#include "Vidora/AuthModule.h"
+
+#include "server/ServerFixture.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+const char FILE_CONTENT[] = "movie.kav";
+const char OPTIONS_TEXT[] = "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n";
+
+// A client that plays a channel, with the threads that feed its source and read what comes.
+class CBystander {
+public:
+    CBystander(std::unique_ptr<CRtspTestClient> client, CFakeStreamSource* source)
+        : m_client(std::move(client)), m_source(source), m_feeder([this] { feed(); }), m_reader([this] { read(); }) {}
+    ~CBystander() { Stop(); }
+
+    // Waits until `count` more frames have come.
+    bool ReceivesMore(int count) {
+        const int wanted = m_received + count;
+        return Support::WaitUntil([&] { return m_received >= wanted; });
+    }
+    // Ends the feeding and waits for what was given.
+    void Stop() {
+        m_stop = true;
+        if (m_feeder.joinable()) {
+            m_feeder.join();
+            EXPECT_TRUE(Support::WaitUntil([&] { return m_received >= m_given; })) << m_received << " of " << m_given;
+            m_client->Send("OPTIONS * RTSP/1.0\r\nCSeq: 99\r\n\r\n");
+            m_done = true;
+            m_reader.join();
+            EXPECT_EQ(0, m_faults);
+            EXPECT_EQ(m_given, m_received);
+        }
+    }
+
+private:
+    void feed() {
+        for (unsigned int sequence = 10; !m_stop; ++sequence) {
+            Support::FrameSpec spec;
+            spec.type = sequence % 10 == 0 ? 'I' : 'P';
+            spec.sequence = sequence;
+            spec.pts_ms = sequence * 40;
+            spec.payload = Support::H264Picture(sequence % 10 == 0, 3000, static_cast<uint8_t>(sequence));
+            m_given += m_source->Give(Support::BuildFrame(spec)) ? 1 : 0;
+            std::this_thread::sleep_for(std::chrono::milliseconds(3));
+        }
+    }
+    void read() {
+        int last = -1;
+        while (!m_done) {
+            const RtspFrame frame = m_client->Frame(100);
+            if (frame.channel != 0) {
+                m_faults += frame.channel < 0 || frame.channel == 1 ? 0 : 1;  // nothing yet, or a report
+                continue;
+            }
+            const int sequence = static_cast<uint8_t>(frame.data[2]) << 8 | static_cast<uint8_t>(frame.data[3]);
+            m_faults += last >= 0 && sequence != ((last + 1) & 0xffff) ? 1 : 0;
+            last = sequence;
+            m_received += static_cast<uint8_t>(frame.data[1]) >> 7;  // RFC 6184 5.1: the last packet of a picture
+        }
+    }
+
+    std::unique_ptr<CRtspTestClient> m_client;
+    CFakeStreamSource* m_source;
+    std::atomic<bool> m_stop{false}, m_done{false};
+    std::atomic<int> m_given{0}, m_received{0}, m_faults{0};
+    std::thread m_feeder, m_reader;
+};
+
+// Functions of the host that wait while they are told to.
+std::atomic<bool> g_hold{false};
+std::atomic<int> g_held{0};
+
+void wait_while_held(const std::string& content) {
+    if (g_hold && content.find("held") != std::string::npos) {
+        ++g_held;
+        Support::WaitUntil([] { return !g_hold; });
+    }
+}
+char* url_that_waits(const char* content, char*, int) {
+    wait_while_held(std::string(content) == "held-url.kav" ? content : "");
+    return nullptr;
+}
+CStreamSource* source_that_waits(const char* content) {
+    wait_while_held(std::string(content) == "held-source.kav" ? content : "");
+    return CFakeStreamSource::Factory(content);
+}
+class CWaitingModule : public IAuthModule {
+public:
+    void Release() override { delete this; }
+    int GetChallenge(const char* url, result_proc_t result, const char*, int) override {
+        wait_while_held(std::string(url).find("held-module") != std::string::npos ? "held" : "");
+        result(AUTH_RESULT_OK, nullptr);
+        return 0;
+    }
+};
+IAuthModule* make_waiting_module(rtsp_auth_t) {
+    wait_while_held("");
+    return new CWaitingModule;
+}
+
+class Hostile : public CServerTest {
+protected:
+    void Begin(int timeout_s) {
+        Set(RTSP_SVR_CONFIG_TIMEOUT, timeout_s);
+        StartServer();
+        CFakeStreamSource* source = AddChannel();
+        auto client = std::make_unique<CRtspTestClient>(m_port);
+        PlayInterleaved(*client);
+        m_bystander = std::make_unique<CBystander>(std::move(client), source);
+        ASSERT_TRUE(m_bystander->ReceivesMore(1));
+    }
+    void TearDown() override { m_bystander.reset(); }
+
+    std::unique_ptr<CBystander> m_bystander;
+};
+
+TEST_F(Hostile, BytesThatAreNoConversation) {
+    Begin(1);
+    const auto request = [](const char* line, size_t size) {
+        const std::string head = std::string(line) + "CSeq: 1\r\nX: ";
+        return head + std::string(size - head.size() - 4, 'x') + "\r\n\r\n";
+    };
+    const struct {
+        const char* what;
+        std::string bytes;
+        bool ends;
+        int replies;  // with status 200
+    } rows[] = {
+        {"binary", std::string("\xff\0\x80\1\r\n\r\n", 8), true, 0},
+        {"another protocol", "\x16\x03\x01\x02\r\n\r\n", true, 0},
+        {"a reply", "RTSP/1.0 200 OK\r\nCSeq: 1\r\n\r\n", true, 0},
+        {"an unknown method", "FROBNICATE * RTSP/1.0\r\nCSeq: 1\r\n\r\n", true, 0},
+        {"NUL in the head", std::string("OPTIONS * RTSP/1.0\r\nA: \0\r\nCSeq: 1\r\n\r\n", 38), true, 0},
+        {"many at once",
+         [] {
+             std::string many;
+             for (int i = 0; i < 100; ++i) {
+                 many += OPTIONS_TEXT;
+             }
+             return many;
+         }(),
+         false, 100},
+        {"the largest message that an event holds", request("OPTIONS * RTSP/1.0\r\n", 4064), false, 1},
+        {"one byte more", request("OPTIONS * RTSP/1.0\r\n", 4065), true, 0},
+        {"the largest that is read", request("OPTIONS * RTSP/1.0\r\n", 4096), true, 0},
+        {"one byte more again", request("OPTIONS * RTSP/1.0\r\n", 4097), true, 0},
+        {"a body that can't fit", "SET_PARAMETER * RTSP/1.0\r\nCSeq: 1\r\nContent-Length: 99999\r\n\r\n", true, 0},
+        {"a length beyond all numbers",
+         "SET_PARAMETER * RTSP/1.0\r\nCSeq: 1\r\nContent-Length: 99999999999999999999\r\n\r\n", true, 0},
+        {"half a request for ever", "OPTIONS * RTSP/1.0\r\nCSe", true, 0},
+        {"half a frame for ever", std::string("$\0\x0f\xa0xx", 6), true, 0},
+        {"a frame that is no report", std::string("$\1\0\3abc$\xff\0\1x", 12) + OPTIONS_TEXT, false, 1},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        CRtspTestClient client(m_port);
+        ASSERT_EQ(200, client.Ask("OPTIONS", "*").status);
+        client.Send(row.bytes);
+        for (int i = 0; i < row.replies; ++i) {
+            ASSERT_EQ(200, client.Reply().status);
+        }
+        EXPECT_EQ(row.ends, client.Closed(row.ends ? 5000 : 50));
+    }
+    EXPECT_TRUE(SessionsGone(1));
+    EXPECT_TRUE(m_bystander->ReceivesMore(10));
+}
+
+TEST_F(Hostile, FloodsAreBounded) {
+    Begin(60);
+    Support::CLogCapture log(Ostra::LOG_LEVEL_WARN);
+    // Requests without end, whose replies nobody reads.
+    CRtspTestClient flooding(m_port);
+    ASSERT_EQ(200, flooding.Ask("OPTIONS", "*").status);
+    const timeval limit = {20, 0};
+    setsockopt(flooding.Fd(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
+    std::string requests;
+    for (int i = 0; i < 1000; ++i) {
+        requests += OPTIONS_TEXT;
+    }
+    int rounds = 0;
+    while (rounds < 1000 && flooding.Send(requests)) {
+        ++rounds;
+    }
+    EXPECT_LT(rounds, 1000);
+    EXPECT_TRUE(SessionsGone(1));
+
+    // Connections without a word, and with a byte now and then.
+    std::vector<std::unique_ptr<CRtspTestClient>> silent;
+    for (int i = 0; i < 200; ++i) {
+        silent.push_back(std::make_unique<CRtspTestClient>(m_port));
+        ASSERT_TRUE(silent.back()->Connected());
+        if (i % 2 == 0) {
+            silent.back()->Send("DESCRIBE ");
+        }
+    }
+    CRtspTestClient other(m_port);
+    EXPECT_EQ(200, other.Ask("DESCRIBE", Url()).status);
+    silent.clear();
+
+    // Thousands that come and go at once.
+    for (int i = 0; i < 1000; ++i) {
+        CRtspTestClient brief(m_port);
+        brief.Send(i % 3 == 0 ? OPTIONS_TEXT : "");
+    }
+    EXPECT_EQ(200, other.Ask("OPTIONS", "*").status);
+    EXPECT_TRUE(SessionsGone(2));
+    EXPECT_TRUE(m_bystander->ReceivesMore(10));
+}
+
+TEST_F(Hostile, HostFunctionsThatBlockHoldTheirOwnSession) {
+    SetFunction(RTSP_SVR_CONFIG_URL_FUNC, &url_that_waits);
+    SetFunction(RTSP_SVR_CONFIG_SRC_FUNC, &source_that_waits);
+    const rtsp_auth_t auth_type = 7;
+    Set(RTSP_SVR_CONFIG_AUTH_TYPE, auth_type);
+    SetFunction(RTSP_SVR_CONFIG_AUTH_FUNC, &make_waiting_module);
+    Begin(60);
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.type = SRC_TYPE_FILE;
+    CFakeStreamSource::SetNext(settings);
+    const char* contents[] = {"held-url.kav", "held-source.kav", "held-module.kav"};  // the pool has one thread more
+    for (const bool leaves : {false, true}) {
+        g_held = 0;
+        g_hold = true;
+        std::vector<std::unique_ptr<CRtspTestClient>> held;
+        for (const char* content : contents) {
+            held.push_back(std::make_unique<CRtspTestClient>(m_port));
+            held.back()->Send(held.back()->Request("DESCRIBE", Url(content)));
+        }
+        ASSERT_TRUE(Support::WaitUntil([] { return g_held == 3; }));
+        CRtspTestClient other(m_port);
+        EXPECT_EQ(200, other.Ask("DESCRIBE", Url()).status);
+        EXPECT_TRUE(m_bystander->ReceivesMore(20));
+        if (leaves) {
+            held.clear();
+        }
+        g_hold = false;
+        for (const auto& client : held) {
+            EXPECT_EQ(200, client->Reply().status);
+        }
+    }
+    EXPECT_TRUE(SessionsGone(1));
+}
+
+// A source of the session's own that fails at one step after the other.
+TEST_F(Hostile, SourcesThatFail) {
+    Begin(1);
+    const struct {
+        const char* what;
+        void (*spoil)(CFakeStreamSource::Settings&);
+        unsigned int message;  // told after the last reply, if not 0
+        int describe, play;    // status; 0: closed without a reply, -1: not asked
+        bool ends;
+    } rows[] = {
+        {"none", [](CFakeStreamSource::Settings& s) { s.null_source = true; }, 0, 404, -1, true},
+        {"doesn't begin", [](CFakeStreamSource::Settings& s) { s.init_fails = true; }, 0, 404, -1, true},
+        {"never tells its format", [](CFakeStreamSource::Settings& s) { s.tells_info = false; }, 0, 0, -1, true},
+        {"has no tracks", [](CFakeStreamSource::Settings& s) { s.has_video = false; }, 0, 200, -1, true},
+        {"is of no kind", [](CFakeStreamSource::Settings& s) { s.type = SRC_TYPE_NONE; }, 0, 0, -1, true},
+        {"can't seek", [](CFakeStreamSource::Settings& s) { s.seek_fails = true; }, 0, 200, 0, true},
+        {"doesn't start", [](CFakeStreamSource::Settings& s) { s.start_fails = true; }, 0, 200, 200, true},
+        {"has an empty range", [](CFakeStreamSource::Settings& s) { s.end = s.begin - 10; }, 0, 200, 0, true},
+        {"fails", [](CFakeStreamSource::Settings&) {}, MSG_SRC_FAIL, 200, 200, true},
+        {"fails late", [](CFakeStreamSource::Settings&) {}, MSG_STREAM_FAIL, 200, 200, true},
+        {"ends", [](CFakeStreamSource::Settings&) {}, MSG_SRC_END, 200, 200, true},
+        {"says what it may not", [](CFakeStreamSource::Settings&) {}, 0x7777, 200, 200, false},
+        {"tells the same again", [](CFakeStreamSource::Settings&) {}, MSG_STREAM_INFO, 200, 200, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.what);
+        CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+        settings.type = SRC_TYPE_FILE;
+        row.spoil(settings);
+        CFakeStreamSource::SetNext(settings);
+        CRtspTestClient client(m_port);
+        EXPECT_EQ(row.describe, client.Ask("DESCRIBE", Url(FILE_CONTENT)).status);
+        if (row.play >= 0) {
+            ASSERT_EQ(200, client.Ask("SETUP", Url(FILE_CONTENT) + "/trackID=0", INTERLEAVED).status);
+            EXPECT_EQ(row.play, client.Ask("PLAY", Url(FILE_CONTENT), "Range: npt=2-\r\n").status);
+        }
+        if (row.message != 0) {
+            ASSERT_NE(nullptr, CFakeStreamSource::Last());
+            CFakeStreamSource::Last()->Tell(row.message);
+        }
+        EXPECT_EQ(row.ends, client.Closed(row.ends ? 5000 : 100));
+    }
+    EXPECT_TRUE(SessionsGone(1));
+    EXPECT_TRUE(Support::WaitUntil([] { return CFakeStreamSource::LiveCount() == 1; }));
+
+    // A live channel whose source doesn't start plays nothing, and ends when the source fails.
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.start_fails = true;
+    const char* name = "cam/realmonitor?channel=5&subtype=0";
+    CFakeStreamSource* source = AddChannel(name, settings);
+    CRtspTestClient client(m_port);
+    PlayInterleaved(client, name);
+    EXPECT_TRUE(client.Silent(50));
+    source->Tell(MSG_SRC_FAIL);
+    EXPECT_TRUE(client.Closed());
+    EXPECT_TRUE(m_bystander->ReceivesMore(10));
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio
