@@ -17,7 +17,7 @@ public:
 
     // Takes a frame of `len` bytes and of an enc_type_t; `pts` in milliseconds; `extra` is the assist type of an assist
     // frame and of no meaning otherwise. The bytes are borrowed: they must stay until the last packet is fetched. 0, or
-    // -1 with a log line and no packets.
+    // -1 with no packets, and with a log line unless there are no bytes at all.
     virtual int PutFrame(const unsigned char* data, unsigned int len, int enc_type, uint64_t pts, uint8_t extra) = 0;
     // Number of packets of the frame.
     virtual int GetPacketCount() = 0;

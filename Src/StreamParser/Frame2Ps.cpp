@@ -46,7 +46,6 @@ int CFrame2Ps::PutFrame(const unsigned char* data, unsigned int len, int enc_typ
     m_unit_index = 0;
     m_offset = 0;
     if (data == nullptr || len == 0) {
-        logError("CFrame2Ps::PutFrame PsStream fail\n");
         return -1;
     }
     if (IsPrinted(PRINT_INPUT)) {

@@ -113,7 +113,6 @@ int CFrame2Ts::PutFrame(const unsigned char* data, unsigned int len, int enc_typ
     m_total = 0;
     m_offset = 0;
     if (data == nullptr || len == 0) {
-        logError("CFrame2Ts::PutFrame TsStream fail\n");
         return -1;
     }
     if (IsPrinted(PRINT_INPUT)) {

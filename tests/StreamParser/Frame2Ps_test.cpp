@@ -47,6 +47,11 @@ TEST(Frame2Ps, HeadersAreAsReadersExpectThem) {
     CFrame2Ps unset;
     unset.PutFrame(frame.data(), 6, ENC_TYPE_H264, 0, 0);
     EXPECT_EQ("000001ba440004000401000003f8", ToHex(UnitsOf(unset)[0]));  // no rate told
+    // The 33-bit clock wraps after 26.5 hours: 28 ticks behind that in the clock reference and both time stamps.
+    unset.PutFrame(frame.data(), 6, ENC_TYPE_H264, 95443718, 0);
+    const std::vector<Bytes> wrapped = UnitsOf(unset);
+    EXPECT_EQ("000001ba44000400e401000003f8", ToHex(wrapped[0]));
+    EXPECT_EQ("31000100391100010039", ToHex(wrapped[3]).substr(18, 20));
 }
 
 TEST(Frame2Ps, FramesAreCutIntoPesPackets) {
@@ -88,7 +93,7 @@ TEST(Frame2Ps, RefusalsLeaveItInUse) {
     for (const uint32_t len : {0u, most + 1, STREAM_BUFFER_LEN, STREAM_BUFFER_LEN + 1}) {
         Support::CLogCapture log;
         EXPECT_EQ(-1, packer.PutFrame(huge.data(), len, ENC_TYPE_H264, 0, 0)) << len;
-        EXPECT_EQ(1, log.Count("CFrame2Ps::PutFrame PsStream fail\n"));
+        EXPECT_EQ(len > 0, log.Count("CFrame2Ps::PutFrame PsStream fail\n"));
         EXPECT_EQ(0, packer.GetPacketCount());
         EXPECT_EQ(0, packer.GetPacketSize());
         EXPECT_EQ(0, packer.GetTotalSize());
@@ -98,33 +103,6 @@ TEST(Frame2Ps, RefusalsLeaveItInUse) {
         EXPECT_EQ(static_cast<int>(STREAM_BUFFER_LEN), packer.GetTotalSize());
     }
     EXPECT_EQ(-1, packer.PutFrame(nullptr, 5, ENC_TYPE_H264, 0, 0));
-}
-
-// A day of frames across the wrap of the 33-bit clock, read back from the pack header and both time stamps.
-TEST(Frame2Ps, RunsThroughADay) {
-    CFrame2Ps packer;
-    const unsigned char frame[] = {0, 0, 1, 0xB6};
-    const uint64_t mask = (uint64_t{1} << 33) - 1;
-    uint64_t pts = mask / 90 - 4 * 3600 * 1000;
-    const auto stamp = [](const unsigned char* at) {
-        return uint64_t{at[0] & 0x0Eu} << 29 | uint64_t{at[1]} << 22 | uint64_t{at[2] & 0xFEu} << 14 |
-               uint64_t{at[3]} << 7 | at[4] >> 1;
-    };
-    for (int i = 0; i < 24 * 3600 * 10; ++i, pts += 100) {
-        ASSERT_EQ(0, packer.PutFrame(frame, sizeof(frame), ENC_TYPE_MPEG4, pts, 0));
-        unsigned char pack[14], pes[23];
-        ASSERT_EQ(14, packer.GetPacket(pack, sizeof(pack)));
-        while (packer.GetPacketSize() != sizeof(pes)) {
-            packer.NextPacket();
-        }
-        packer.GetPacket(pes, sizeof(pes));
-        const uint64_t reference = uint64_t{pack[4] & 0x38u} << 27 | uint64_t{pack[4] & 0x03u} << 28 |
-                                   uint64_t{pack[5]} << 20 | uint64_t{pack[6] & 0xF8u} << 12 |
-                                   uint64_t{pack[6] & 0x03u} << 13 | uint64_t{pack[7]} << 5 | pack[8] >> 3;
-        ASSERT_EQ(pts * 90 & mask, reference);
-        ASSERT_EQ(pts * 90 & mask, stamp(pes + 9));
-        ASSERT_EQ(pts * 90 & mask, stamp(pes + 14));
-    }
 }
 
 }  // namespace

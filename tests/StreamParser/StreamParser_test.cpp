@@ -12,6 +12,7 @@
 #include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
 #include "support/Capture.h"
+#include "support/StreamBytes.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -32,6 +33,17 @@ Flumen::CMediaFrame make_frame(const Bytes& bytes, int type = 'I', uint64_t pts 
 
 Bytes bytes_of(const Flumen::CMediaFrame& frame) {
     return Bytes(frame.getBuffer(), frame.getBuffer() + frame.size());
+}
+
+Bytes private_frame(char letter, uint8_t sub_type, const Bytes& body) {
+    CKXFrame writer;
+    writer.SetFrameType(letter);
+    writer.SetSubType(sub_type);
+    uint32_t offset = 0;
+    Bytes bytes(writer.GetFrameSize(static_cast<uint32_t>(body.size()), offset));
+    std::copy(body.begin(), body.end(), bytes.begin() + offset);
+    EXPECT_EQ(writer.WriteFrame(bytes.data(), static_cast<uint32_t>(bytes.size())), 0);
+    return bytes;
 }
 
 // Parameter sets of a 64x48 picture and a slice of `size` bytes.
@@ -97,27 +109,28 @@ std::vector<Flumen::CMediaFrame> convert(CStreamParser& parser, const Flumen::CM
 }
 
 TEST(StreamParserTest, FactoryMakesItsPairsAndRefusesTheRest) {
-    const char* names[] = {"Unknown",   "RTP",           "TS",         "PS",     "Private",
-                           "Raw Frame", "Private Frame", "Frame Auto", "Unknown"};
-    for (int src = 0; src <= 8; ++src) {
-        for (int dst = 0; dst <= 8; ++dst) {
-            SCOPED_TRACE(std::to_string(src) + " -> " + std::to_string(dst));
-            Support::CLogCapture log;
-            const bool decoder = src == 1 || src == 2;
-            const bool made = (decoder && (dst == 1 || dst == 5 || dst == 6)) || (src == 7 && dst >= 1 && dst <= 3);
-            EXPECT_EQ(CStreamParser::Create(src, dst) != nullptr, made);
-            std::string expected = "CStreamParser::Create dst_type[" + std::to_string(dst) + "] unsupported!\n";
-            if (decoder || src == 7) {
-                expected = std::string(decoder ? "CStreamDec" : "CStreamEnc") + "::Create ";
-                expected += made ? std::string("[") + names[src] + "] -> [" + names[dst] + "]\n"
-                                 : std::string("dst_type[") + names[dst] + "] unsupported!\n";
-            }
-            ASSERT_EQ(log.Lines().size(), 1u);
-            EXPECT_EQ(log.Lines()[0], expected);
-        }
+    const struct {
+        int src, dst;
+        bool made;
+        const char* log;
+    } rows[] = {
+        {1, 1, true, "CStreamDec::Create [RTP] -> [RTP]\n"},
+        {1, 5, true, "CStreamDec::Create [RTP] -> [Raw Frame]\n"},
+        {2, 6, true, "CStreamDec::Create [TS] -> [Private Frame]\n"},
+        {7, 3, true, "CStreamEnc::Create [Frame Auto] -> [PS]\n"},
+        {1, 2, false, "CStreamDec::Create dst_type[TS] unsupported!\n"},
+        {2, 8, false, "CStreamDec::Create dst_type[Unknown] unsupported!\n"},
+        {7, 5, false, "CStreamEnc::Create dst_type[Raw Frame] unsupported!\n"},
+        {7, 4, false, "CStreamEnc::Create dst_type[Private] unsupported!\n"},
+        {3, 1, false, "CStreamParser::Create dst_type[1] unsupported!\n"},
+        {0, 6, false, "CStreamParser::Create dst_type[6] unsupported!\n"},
+    };
+    for (const auto& row : rows) {
+        Support::CLogCapture log;
+        EXPECT_EQ(CStreamParser::Create(row.src, row.dst) != nullptr, row.made);
+        EXPECT_EQ(log.Lines(), std::vector<std::string>{row.log});
     }
     EXPECT_STREQ(enc_type_name(9), "Mp3");
-    EXPECT_STREQ(enc_type_name(0), "Unknown");
     EXPECT_STREQ(enc_type_name(10), "Unknown");
 }
 
@@ -138,12 +151,7 @@ TEST(StreamParserTest, WhatAConverterDoesNotServeSaysSo) {
 // Bare and private frames give the same packets; merged output is the packets, each behind its header.
 TEST(StreamParserTest, MergedOutputIsTheSinglePacketsInARow) {
     const Bytes body = h264_frame(true, 4000);
-    CKXFrame wrapper;
-    wrapper.SetFrameType('I');
-    uint32_t offset = 0;
-    Bytes wrapped(wrapper.GetFrameSize(static_cast<uint32_t>(body.size()), offset));
-    std::copy(body.begin(), body.end(), wrapped.begin() + offset);
-    ASSERT_EQ(wrapper.WriteFrame(wrapped.data(), static_cast<uint32_t>(wrapped.size())), 0);
+    const Bytes wrapped = private_frame('I', 0, body);
     for (const int dst_type : {STREAM_TYPE_RTP, STREAM_TYPE_TS, STREAM_TYPE_PS}) {
         for (const bool header : {false, true}) {
             const auto single = convert(*make_encoder(1, header, false, dst_type), make_frame(body));
@@ -206,12 +214,7 @@ TEST(StreamParserTest, EncoderTellsItsResultsApartAndGoesOn) {
 }
 
 TEST(StreamParserTest, AssistFrameTakesItsTypeFromTheHeader) {
-    CKXFrame wrapper;
-    wrapper.SetFrameType('W');
-    wrapper.SetSubType(9);
-    uint32_t offset = 0;
-    Bytes wrapped(wrapper.GetFrameSize(5, offset), 0x77);
-    ASSERT_EQ(wrapper.WriteFrame(wrapped.data(), static_cast<uint32_t>(wrapped.size())), 0);
+    const Bytes wrapped = private_frame('W', 9, Bytes(5, 0x77));
     const CStreamParserPtr encoder = make_encoder(ENC_TYPE_ASSIST, false, true);
     const auto packets = convert(*encoder, make_frame(wrapped, 'W'));
     ASSERT_EQ(packets.size(), 1u);
@@ -222,63 +225,57 @@ TEST(StreamParserTest, AssistFrameTakesItsTypeFromTheHeader) {
     EXPECT_EQ(get_assist_type(frames[0].getBuffer(), static_cast<int>(frames[0].size())), 9);
 }
 
-// Every destination of the RTP decoder, from single packets, runs behind headers, and without a marker.
+// Every destination of the RTP decoder, from single packets and from runs behind headers.
 TEST(StreamParserTest, RtpDecoderGivesFramesAndPacketsBack) {
     for (const bool merge : {false, true}) {
         const CStreamParserPtr encoder = make_encoder(ENC_TYPE_H264, merge, merge);
-        const CStreamParserPtr raw = make_decoder(STREAM_TYPE_RAW_FRAME);
-        const CStreamParserPtr kx = make_decoder(STREAM_TYPE_PRIVATE_FRAME);
-        const CStreamParserPtr back = make_decoder(STREAM_TYPE_RTP);
+        const CStreamParserPtr decoders[] = {make_decoder(STREAM_TYPE_RTP), make_decoder(STREAM_TYPE_RAW_FRAME),
+                                             make_decoder(STREAM_TYPE_PRIVATE_FRAME)};
         for (int i = 0; i < 3; ++i) {
             SCOPED_TRACE(i);
             const Bytes body = h264_frame(i == 0, 3000);
             const auto packets = convert(*encoder, make_frame(body, i == 0 ? 'I' : 'P', 5000 + 40 * i));
-            std::vector<Flumen::CMediaFrame> raws, kxs, backs;
+            std::vector<Flumen::CMediaFrame> outs[3];
             for (const Flumen::CMediaFrame& packet : packets) {
-                for (auto* pair : {&raws, &kxs, &backs}) {
-                    const CStreamParserPtr& decoder = pair == &raws ? raw : pair == &kxs ? kx : back;
-                    const auto out = convert(*decoder, packet);
-                    pair->insert(pair->end(), out.begin(), out.end());
+                for (int k = 0; k < 3; ++k) {
+                    const auto out = convert(*decoders[k], packet);
+                    outs[k].insert(outs[k].end(), out.begin(), out.end());
                 }
             }
-            ASSERT_EQ(raws.size(), 1u);
-            ASSERT_EQ(kxs.size(), 1u);
-            EXPECT_EQ(bytes_of(raws[0]), body);
-            EXPECT_EQ(raws[0].getType(), i == 0 ? 'I' : 'P');
-            EXPECT_EQ(raws[0].getPts(Flumen::PTS_TYPE_MS), 40u * static_cast<unsigned>(i));
-            EXPECT_EQ(raws[0].getChannel(), 5);
+            ASSERT_EQ(outs[0].size(), packets.size());
+            for (size_t k = 0; k < packets.size(); ++k) {
+                EXPECT_EQ(outs[0][k].getBuffer(), packets[k].getBuffer());  // the same bytes, not a copy
+                EXPECT_EQ(outs[0][k].getSequence(), outs[0][0].getSequence());
+            }
+            ASSERT_EQ(outs[1].size(), 1u);
+            const Flumen::CMediaFrame& raw = outs[1][0];
+            EXPECT_EQ(bytes_of(raw), body);
+            EXPECT_EQ(raw.getType(), i == 0 ? 'I' : 'P');
+            EXPECT_EQ(raw.getPts(Flumen::PTS_TYPE_MS), 40u * static_cast<unsigned>(i));
+            EXPECT_EQ(raw.getChannel(), 5);
+            ASSERT_EQ(outs[2].size(), 1u);
+            const Bytes wrapped = bytes_of(outs[2][0]);
             KXHeader header;
-            ASSERT_TRUE(kx_read_header(kxs[0].getBuffer(), kxs[0].size(), header));
+            ASSERT_TRUE(kx_read_header(wrapped.data(), wrapped.size(), header));
             EXPECT_EQ(header.frame_type, i == 0 ? KX_TYPE_I : KX_TYPE_P);
             EXPECT_EQ(header.time_stamp, 40 * i);
-            EXPECT_EQ(header.sequence, static_cast<uint32_t>(kxs[0].getSequence()));
-            EXPECT_EQ(header.total_length, kxs[0].size());
-            int remaining = 0;
-            const int offset = get_frame_body(kxs[0].getBuffer(), static_cast<int>(kxs[0].size()), remaining);
-            EXPECT_EQ(Bytes(kxs[0].getBuffer() + offset, kxs[0].getBuffer() + offset + remaining), body);
+            EXPECT_EQ(header.sequence, static_cast<uint32_t>(outs[2][0].getSequence()));
+            EXPECT_EQ(header.total_length, wrapped.size());
+            EXPECT_EQ(Bytes(wrapped.begin() + 24 + header.ext_length, wrapped.end() - 8), body);
             if (i == 0) {
-                const Bytes blocks(kxs[0].getBuffer() + 24, kxs[0].getBuffer() + 32);
-                EXPECT_EQ(blocks[2], KX_VIDEO_H264);
-                EXPECT_EQ(blocks[3], 12);  // no rate measured yet
-            }
-            ASSERT_EQ(backs.size(), packets.size());
-            for (size_t k = 0; k < backs.size(); ++k) {
-                EXPECT_EQ(backs[k].getBuffer(), packets[k].getBuffer());  // the same bytes, not a copy
-                EXPECT_EQ(backs[k].getSequence(), backs[0].getSequence());
+                EXPECT_EQ(wrapped[26], KX_VIDEO_H264);
+                EXPECT_EQ(wrapped[27], 12);  // no rate measured yet
             }
         }
     }
 }
 
 Flumen::CMediaFrame rtp_packet(uint16_t sequence, uint32_t timestamp, bool marker, const Bytes& payload) {
-    Bytes bytes = {0x80, static_cast<unsigned char>(marker ? 0xE0 : 0x60), static_cast<unsigned char>(sequence >> 8),
-                   static_cast<unsigned char>(sequence)};
-    for (int shift = 24; shift >= 0; shift -= 8) {
-        bytes.push_back(static_cast<unsigned char>(timestamp >> shift));
-    }
-    bytes.insert(bytes.end(), {1, 2, 3, 4});
-    bytes.insert(bytes.end(), payload.begin(), payload.end());
-    return make_frame(bytes, 0, 0, 0);
+    Support::RtpSpec spec;
+    spec.sequence = sequence;
+    spec.timestamp = timestamp;
+    spec.marker = marker;
+    return make_frame(Support::MakeRtp(spec, payload), 0, 0, 0);
 }
 
 TEST(StreamParserTest, PacketOfTheNextFrameIsKeptAndFedAgain) {
@@ -317,16 +314,12 @@ TEST(StreamParserTest, RtpDecoderCleansUpAfterBadCallersAndBadBytes) {
     Support::CAssertCapture asserts;
     EXPECT_EQ(decoder->InputFrame(Flumen::CMediaFrame()), PARSER_FAILED);
     EXPECT_EQ(decoder->InputFrame(make_frame({0x80, 0x60, 0, 1})), PARSER_FAILED);
-    // Runs: a packet longer than the rest, something else between two packets, a frame that ends in the middle.
+    // Runs: a packet longer than the rest, and a frame that ends in the middle.
     const Bytes packet = bytes_of(rtp_packet(3000, 7290, true, slice));
-    Bytes run = {'$', 0, 0, static_cast<unsigned char>(packet.size())};
-    run.insert(run.end(), packet.begin(), packet.end());
-    Bytes cut(run.begin(), run.end() - 1);
-    EXPECT_EQ(decoder->InputFrame(make_frame(cut)), PARSER_FAILED);
-    Bytes two = run;
-    two.insert(two.end(), run.begin(), run.end());
+    const Bytes run = Support::operator+({'$', 0, 0, static_cast<unsigned char>(packet.size())}, packet);
+    EXPECT_EQ(decoder->InputFrame(make_frame(Bytes(run.begin(), run.end() - 1))), PARSER_FAILED);
     EXPECT_TRUE(asserts.Texts().empty());
-    EXPECT_EQ(decoder->InputFrame(make_frame(two)), PARSER_FAILED);
+    EXPECT_EQ(decoder->InputFrame(make_frame(Support::operator+(run, run))), PARSER_FAILED);
     EXPECT_EQ(asserts.Texts(),
               std::vector<std::string>{"( (ret == 1) && ( len == (int)(rtp_len + sizeof(struct rtptcphdr)) ) ) || "
                                        "( (ret == 2) && ( len == orig_len ) )"});
