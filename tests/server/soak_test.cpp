@@ -284,6 +284,10 @@ TEST_F(Soak, NothingIsLeftOfSessionsThatGoInEveryWay) {
     const int sessions = wish == nullptr ? DEFAULT_SESSIONS : atoi(wish);
     const int timeout = 1;
     Set(RTSP_SVR_CONFIG_TIMEOUT, timeout);
+    RtpPortRange ports;  // not the default one, through which another server's ports may be scattered
+    ports.min_local_port = 10000;
+    ports.max_local_port = 20000;
+    Set(RTSP_SVR_CONFIG_RTP_PORT, ports);
     SetFunction(RTSP_SVR_CONFIG_SRC_FUNC, &make_source);
     SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, &CEventLog::OnEvent);
     StartServer();
