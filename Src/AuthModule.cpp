@@ -8,7 +8,9 @@ int IAuthModule::GetChallenge(const char* /*method_or_url*/, result_proc_t /*res
     return -1;
 }
 
-int IAuthModule::ProcessChallenge(const char* /*response*/, result_proc_t /*result*/, int /*kind*/) { return -1; }
+int IAuthModule::ProcessChallenge(const char* /*response*/, result_proc_t /*result*/, int /*kind*/) {
+    return -1;
+}
 
 }  // namespace Vidora
 }  // namespace Kavio

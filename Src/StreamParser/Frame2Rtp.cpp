@@ -53,7 +53,7 @@ int CFrame2Rtp::PutFrame(const unsigned char* data, unsigned int len, int enc_ty
 }
 
 int CFrame2Rtp::cut(const unsigned char* data, uint32_t len, int enc_type, uint8_t extra) {
-    if (data == nullptr || len > MAX_FRAME_LEN) {
+    if (len > MAX_FRAME_LEN || (data == nullptr && enc_type != ENC_TYPE_JPEG)) {  // the JPEG rule has its own word
         return -1;
     }
     switch (enc_type) {
@@ -213,6 +213,8 @@ void CFrame2Rtp::SetRtpInfo(uint32_t ssrc, uint8_t payload_type, uint16_t sequen
     m_clock_rate = clock_rate;
     m_ticks_per_ms = clock_rate / 1000;
     m_first_pts = 0;
+    // GetRtpInfo gives `timestamp` from now on: owners read the state and set it again, several times in a row at a
+    // pause or a change of format, and the time line must not move on by that.
     m_pts_delta = 0;
 }
 

@@ -171,6 +171,7 @@ int CKXFrame::WriteFrame(unsigned char* buffer, uint32_t frame_len) {
     CByteWriter writer(buffer, frame_len);
     writer.WriteBytes(m_header, sizeof(m_header));
     if (has_size()) {
+        m_ext81[1] = m_ext82[1];  // one image_type for the blocks of a picture
         writer.WriteBytes(m_ext81, sizeof(m_ext81));
         if (needs_wide_size()) {
             writer.WriteBytes(m_ext82, sizeof(m_ext82));

@@ -18,8 +18,8 @@ constexpr uint8_t JPEG_Q_IN_BAND = 128;    // the tables travel in the first pac
 constexpr uint32_t MAX_OFFSET = 0xFFFFFF;  // the main header has 24 bits for it
 constexpr uint16_t TABLES_LEN = 2 * JPEG_TABLE_LEN;
 
-// What a packet's room is reduced by. The main and the restart header aren't counted, so a packet grows beyond the
-// usual payload by those; peers reassemble by offset, and the datagram stays under 1500 bytes.
+// What a packet's room for scan data is reduced by: in every packet what a main and a restart header take, in the first
+// one the tables too. The first part is taken off whether there is a restart header or not; with it a packet is full.
 constexpr uint32_t EVERY_PACKET_COST = 12;
 constexpr uint32_t TABLES_COST = JPEG_QUANT_HEADER_LEN + TABLES_LEN;
 

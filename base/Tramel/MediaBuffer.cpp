@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <new>
+#include <thread>
 
 #include "Tramel/Level2List.h"
 #include "Tramel/OutputUnit.h"
@@ -28,6 +29,7 @@ const size_t GROUP_SINKS = 16;  // a new group is made when all have that many, 
 
 const uint64_t SPREAD_AFTER_US = 2000;
 const uint64_t STUCK_AFTER_US = 20000;
+const int MAX_YIELDS = 3;
 
 const int PAIR_HEADER_LENGTH = 6;  // "$", channel, 32-bit length: the header of a private frame
 
@@ -79,6 +81,8 @@ private:
 
     CLevel2List m_level2;
     std::atomic<uint64_t> m_turn_begin_us{0};  // when the turn of this strand that runs began; 0 if none runs
+
+    std::atomic<int> m_waking{0};  // puts that are just making a turn due
 
     CMutex m_mutex;
     std::shared_ptr<CSinkGroup> m_groups[MAX_GROUPS] VIDORA_GUARDED_BY(m_mutex);
@@ -180,6 +184,10 @@ COutputUnit* CMediaBuffer::CImpl::finish_unit_locked(CMediaPacket* packet, int l
 }
 
 bool CMediaBuffer::CImpl::RunTurn() {
+    // On the putting thread's own processor this thread steps back until that one is through with its put.
+    for (int i = 0; i < MAX_YIELDS && m_waking.load() > 0; ++i) {
+        std::this_thread::yield();
+    }
     const uint64_t begin = CTime::getCurrentMicroSecond();
     m_turn_begin_us.store(begin);
     for (unsigned int i = 0; i < MAX_GROUPS; ++i) {
@@ -200,7 +208,9 @@ bool CMediaBuffer::CImpl::RunTurn() {
 // Sees to it that a thread of the pool writes the groups. A turn that began long ago is held up by a send procedure;
 // the other groups don't wait for it.
 void CMediaBuffer::CImpl::start_writing() {
+    m_waking.fetch_add(1);
     Schedule();
+    m_waking.fetch_sub(1);
     const uint64_t begin = m_turn_begin_us.load();
     if (begin == 0 || CTime::getCurrentMicroSecond() - begin < STUCK_AFTER_US) {
         return;

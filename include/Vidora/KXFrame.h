@@ -113,6 +113,7 @@ public:
     void SetEncodeType(uint8_t code);
     uint8_t GetEncodeType() const;
     void SetSubType(uint8_t sub_type);
+    // Of the size block and the video block of key frames; carried without a meaning of its own.
     void SetImageType(uint8_t image_type);
     void SetAudioInfo(uint8_t channels, uint8_t sample_rate_code);
     void GetAudioInfo(uint8_t& channels, uint8_t& sample_rate_code) const;

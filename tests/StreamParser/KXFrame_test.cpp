@@ -57,29 +57,23 @@ TEST(KXFrameTest, ExtensionFollowsTypeAndSize) {
     }
 }
 
+// The example of docs/private-frame.md.
 TEST(KXFrameTest, BytesOfAKeyFrameAndOfAnAudioFrame) {
     CKXFrame frame;
     frame.SetFrameType('I');
-    frame.SetChannel(3);
-    frame.SetSequence(0x01020304);
-    frame.SetTimeStamp(0xABCD);
-    frame.SetDateTime(CTime(2024, 5, 6, 7, 8, 9).makeTime());
-    frame.SetImageSize(704, 576);
-    frame.SetFrameRate(25);
+    frame.SetChannel(1);
+    frame.SetSequence(7);
+    frame.SetDateTime(1714979289);
+    frame.SetTimeStamp(0x1234);
     frame.SetEncodeType(KX_VIDEO_H264);
+    frame.SetFrameRate(25);
     frame.SetImageType(1);
-    // 2024-05-06 07:08:09: 011000 0101 00110 00111 001000 001001
-    Bytes expected = {'K',  'X',  'A',  'V',  0xFD, 0,  3,    0,    4,   3,   2,   1,    42, 0,  0,  0,    0x09,
-                      0x72, 0x4C, 0x61, 0xCD, 0xAB, 16, 0,    0x81, 0,   2,   25,  0x80, 1,  88, 72, 0x88, 0xFF,
-                      0,    0,    0,    0,    0,    0,  0xFF, 0,    'k', 'x', 'a', 'v',  50, 0,  0,  0};
-    expected[12] = static_cast<unsigned char>(expected.size());
-    expected[46] = expected[12];
-    unsigned sum = 0;
-    for (int i = 0; i < 23; ++i) {
-        sum += expected[static_cast<size_t>(i)];
-    }
-    expected[23] = static_cast<unsigned char>(sum);
-    EXPECT_EQ(write_frame(frame, {0xFF, 0}), expected);
+    frame.SetImageSize(640, 480);
+    const Bytes expected = {0x4B, 0x58, 0x41, 0x56, 0xFD, 0x00, 0x01, 0x00, 0x07, 0x00, 0x00, 0x00, 0x37, 0x00,
+                            0x00, 0x00, 0x09, 0x72, 0x4C, 0x61, 0x34, 0x12, 0x10, 0xF4, 0x81, 0x01, 0x02, 0x19,
+                            0x80, 0x01, 0x50, 0x3C, 0x88, 0x65, 0x88, 0x84, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00,
+                            0x00, 0x01, 0x65, 0x88, 0x84, 0x6B, 0x78, 0x61, 0x76, 0x37, 0x00, 0x00, 0x00};
+    EXPECT_EQ(write_frame(frame, {0, 0, 0, 1, 0x65, 0x88, 0x84}), expected);
 
     CKXFrame audio;
     audio.SetFrameType('A');
@@ -159,7 +153,9 @@ Bytes audio_with_blocks(const Bytes& blocks) {
     Bytes data(24, 0);
     data[4] = 0xF0;
     data[22] = static_cast<unsigned char>(blocks.size());
-    data.insert(data.end(), blocks.begin(), blocks.end());
+    for (const uint8_t byte : blocks) {
+        data.push_back(byte);
+    }
     return data;
 }
 

@@ -20,7 +20,7 @@ void generate_all(CRtspRspParser& parser) {
     check_reply(parser.generate_reply(parser.get_session(), parser.get_cseq(), parser.get_body()));
     rtp_info_entry entries[3] = {};
     for (rtp_info_entry& entry : entries) {
-        std::strncpy(entry.url, parser.get_url(), sizeof entry.url);  // not terminated if the URL is long
+        std::memcpy(entry.url, parser.get_url(), sizeof entry.url);  // not terminated if the URL is long
     }
     double begin = 0;
     double end = 0;

@@ -16,10 +16,10 @@
 #include <string>
 #include <vector>
 
-#include "Vidora/Ostra/ByteReader.h"
-#include "Vidora/Ostra/ByteWriter.h"
 #include "StreamParser/StreamParser.h"
 #include "StreamParser/TsTable.h"
+#include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/Ostra/ByteWriter.h"
 
 using namespace Kavio;
 using namespace Kavio::Vidora;

@@ -15,7 +15,6 @@ namespace Support {
 
 using namespace Vidora;
 
-
 // Feeds packets as an owner does: takes each frame that is complete, clears, and feeds a packet again that was left
 // out.
 class Depacketiser : public IRtpNotify {

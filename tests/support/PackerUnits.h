@@ -13,7 +13,6 @@ namespace Support {
 
 using namespace Vidora;
 
-
 // The output of a packer for one frame, unit by unit; checks that its counts agree and that it keeps to the capacity.
 inline std::vector<Bytes> UnitsOf(IFrame2Packet& packer) {
     std::vector<Bytes> units;

@@ -11,7 +11,6 @@ namespace Support {
 
 using namespace Vidora;
 
-
 typedef std::vector<uint8_t> Bytes;
 
 // Bytes of hexadecimal digits; blanks are skipped.
