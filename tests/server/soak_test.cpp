@@ -65,8 +65,14 @@ CFakeStreamSource::Settings sound_and_pictures(bool is_file) {
     return settings;
 }
 
+// A recording takes its time to open, so that its client may have gone by then.
 CStreamSource* make_source(const char* content) {
-    return CFakeStreamSource::Make(sound_and_pictures(std::string(content).find(FILE_CONTENT) != std::string::npos));
+    const bool is_file = std::string(content).find(FILE_CONTENT) != std::string::npos;
+    static std::atomic<int> opened{0};
+    if (is_file) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(opened++ % 4));
+    }
+    return CFakeStreamSource::Make(sound_and_pictures(is_file));
 }
 
 // The host's thread that gives frames to all sources, all the time.
