@@ -65,8 +65,14 @@ CFakeStreamSource::Settings sound_and_pictures(bool is_file) {
     return settings;
 }
 
+// A recording takes its time to open, so that its client may have gone by then.
 CStreamSource* make_source(const char* content) {
-    return CFakeStreamSource::Make(sound_and_pictures(std::string(content).find(FILE_CONTENT) != std::string::npos));
+    const bool is_file = std::string(content).find(FILE_CONTENT) != std::string::npos;
+    static std::atomic<int> opened{0};
+    if (is_file) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(opened++ % 4));
+    }
+    return CFakeStreamSource::Make(sound_and_pictures(is_file));
 }
 
 // The host's thread that gives frames to all sources, all the time.
@@ -284,6 +290,10 @@ TEST_F(Soak, NothingIsLeftOfSessionsThatGoInEveryWay) {
     const int sessions = wish == nullptr ? DEFAULT_SESSIONS : atoi(wish);
     const int timeout = 1;
     Set(RTSP_SVR_CONFIG_TIMEOUT, timeout);
+    RtpPortRange ports;  // not the default one, through which another server's ports may be scattered
+    ports.min_local_port = 10000;
+    ports.max_local_port = 20000;
+    Set(RTSP_SVR_CONFIG_RTP_PORT, ports);
     SetFunction(RTSP_SVR_CONFIG_SRC_FUNC, &make_source);
     SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, &CEventLog::OnEvent);
     StartServer();
