@@ -289,16 +289,22 @@ void compare(const char* title, std::vector<std::unique_ptr<CWay>>& ways, const 
         way->send_ns.clear();
         way->slice_cost.clear();
     }
+    const auto foreign = [&drain] { return Bench::MachineTimeUs() - Bench::ProcessTimeUs() - drain.TimeUs(); };
+    const uint64_t others = foreign();
+    const Clock::time_point start = Clock::now();
     while (ways[0]->seconds < seconds) {
         for (const auto& way : ways) {
             run_slice(*way, drain, number);
         }
     }
+    const double elapsed_us = std::chrono::duration<double, std::micro>(Clock::now() - start).count();
+    const double others_share = 100 * static_cast<double>(foreign() - others) / elapsed_us;
     const CWay& floor = *ways.back();
     const auto cost = [](const CWay& way) {
         return static_cast<double>(way.cpu_us) / 1000 / (static_cast<double>(way.bytes) * 8 / 1e9);
     };
-    std::printf("\n%s, %u clients\n", title, clients);
+    std::printf("\n%s, %u clients; other processes used %.0f %% of one processor meanwhile\n", title, clients,
+                others_share);
     std::printf("  %-34s %9s %12s %7s %7s %9s %9s\n", "", "Mbit/s", "CPU ms/Gbit", "ratio", "median", "p50 us",
                 "p99 us");
     for (const auto& way : ways) {

@@ -47,7 +47,7 @@ function(vidora_layer name)
                                ${PROJECT_SOURCE_DIR}/Src)
     # Both spellings of __FILE__: Src/Protocol/X.cpp shows as Protocol/X.cpp, base/Tramel/X.cpp as base/Tramel/X.cpp.
     target_compile_options(vidora_${name} PRIVATE ${VIDORA_WARNINGS} -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
-                           -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/Src/=)
+                           -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/Src/= -fno-semantic-interposition)
     target_link_libraries(vidora_${name} PUBLIC Threads::Threads)
 
     # Layers share the Src folder, so a script holds each file's includes against the layers that it may use.
@@ -94,6 +94,8 @@ function(vidora_library)
     add_library(vidora_static STATIC ${objects})
     set_target_properties(vidora PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
     set_target_properties(vidora_static PROPERTIES OUTPUT_NAME vidora)
+    # The library's calls of its own exported operations go straight there, and the compiler may inline them.
+    target_link_options(vidora PRIVATE LINKER:-Bsymbolic-functions)
     foreach(target vidora vidora_static)
         target_include_directories(${target} PUBLIC $<BUILD_INTERFACE:${PROJECT_SOURCE_DIR}/include>
                                    $<INSTALL_INTERFACE:include>)

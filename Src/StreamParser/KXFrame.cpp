@@ -238,8 +238,16 @@ uint8_t kx_header_checksum(const unsigned char* header) {
 
 uint32_t kx_payload_checksum(const unsigned char* payload, size_t len) {
     CByteReader reader(payload, len);
-    uint32_t sum = 0;
-    while (reader.Remaining() >= 4) {
+    // Of two words at once; each half of what a lane overflows into is cut off in the end.
+    uint64_t low = 0;
+    uint64_t high = 0;
+    while (reader.Remaining() >= 8) {
+        const uint64_t words = reader.ReadU64Le();
+        low += words;
+        high += words >> 32;
+    }
+    uint32_t sum = static_cast<uint32_t>(low) + static_cast<uint32_t>(high);
+    if (reader.Remaining() >= 4) {
         sum += reader.ReadU32Le();
     }
     unsigned char tail[4] = {};

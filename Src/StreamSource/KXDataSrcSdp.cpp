@@ -4,6 +4,7 @@
 #include <new>
 
 #include "Protocol/SdpParser.h"
+#include "Protocol/TextWriter.h"
 #include "StreamSource/AudioTable.h"
 #include "StreamSource/KXDataReceiver.h"
 #include "StreamSource/KXDataSrc.h"
@@ -106,7 +107,7 @@ int CKXDataSrc::build_session_locked() {
         if (m_recvr->GetFileRange(length_us) < 0) {
             return -1;
         }
-        std::snprintf(range, sizeof(range), "npt=0-%f", static_cast<double>(length_us) / US_PER_SECOND);
+        CTextWriter(range, sizeof(range)).Add("npt=0-", text_fixed{static_cast<double>(length_us) / US_PER_SECOND, 6});
     }
     if (m_src_type != SRC_TYPE_TOKEN) {
         m_sdp->set_session_attribute("range", range);
@@ -145,7 +146,7 @@ int CKXDataSrc::build_video_locked() {
         return -1;
     }
     char frame_rate[64];
-    std::snprintf(frame_rate, sizeof(frame_rate), "%f", static_cast<double>(m_video_format.frame_rate));
+    CTextWriter(frame_rate, sizeof(frame_rate)).Add(text_fixed{static_cast<double>(m_video_format.frame_rate), 6});
     m_sdp->set_media_attribute(track_id, "framerate", frame_rate);
     m_sdp->set_media_attribute(track_id, "rtpmap", row->rtpmap);
     if (fmtp[0] != 0) {

@@ -1,6 +1,5 @@
 #include "Vidora/Ostra/Time.h"
 
-#include <chrono>
 #include <ctime>
 
 namespace Kavio {
@@ -27,6 +26,31 @@ int64_t days_to_month(int64_t year, int64_t month) {
     return era * 146097 + year_of_era * 365 + year_of_era / 4 - year_of_era / 100 + day_of_year - 719468;
 }
 
+// The calendar fields of a time below FIELDS_LIMIT, by the same reckoning backwards.
+struct CalendarTime {
+    int year;
+    int month;
+    int day;
+    int second_of_day;
+};
+
+const uint64_t FIELDS_LIMIT = uint64_t{1} << 36;  // the year 4147
+
+CalendarTime to_calendar(uint64_t seconds) {
+    const int64_t days = static_cast<int64_t>(seconds) / SECONDS_OF_DAY + 719468;  // from 0000-03-01
+    const int64_t era = days / 146097;
+    const int64_t day_of_era = days % 146097;
+    const int64_t year_of_era = (day_of_era - day_of_era / 1460 + day_of_era / 36524 - day_of_era / 146096) / 365;
+    const int64_t day_of_year = day_of_era - (365 * year_of_era + year_of_era / 4 - year_of_era / 100);
+    const int64_t march_month = (5 * day_of_year + 2) / 153;
+    CalendarTime time = {};
+    time.day = static_cast<int>(day_of_year - (153 * march_month + 2) / 5 + 1);
+    time.month = static_cast<int>(march_month < 10 ? march_month + 3 : march_month - 9);
+    time.year = static_cast<int>(era * 400 + year_of_era) + (time.month <= 2 ? 1 : 0);
+    time.second_of_day = static_cast<int>(static_cast<int64_t>(seconds) % SECONDS_OF_DAY);
+    return time;
+}
+
 // False for a time whose year doesn't fit an int.
 bool split(uint64_t seconds, struct tm* fields) {
     *fields = {};
@@ -49,8 +73,17 @@ CTime::CTime(int year, int month, int day, int hour, int minute, int second) {
 }
 
 void CTime::getFields(int* year, int* month, int* day, int* hour, int* minute, int* second) const {
-    struct tm fields;
-    if (!split(m_seconds, &fields)) {
+    // Each frame has its time written in fields: gmtime_r, with its lock and time zone, is for the far future.
+    struct tm fields = {};
+    if (m_seconds < FIELDS_LIMIT) {
+        const CalendarTime time = to_calendar(m_seconds);
+        fields.tm_year = time.year - 1900;
+        fields.tm_mon = time.month - 1;
+        fields.tm_mday = time.day;
+        fields.tm_hour = time.second_of_day / 3600;
+        fields.tm_min = time.second_of_day / 60 % 60;
+        fields.tm_sec = time.second_of_day % 60;
+    } else if (!split(m_seconds, &fields)) {
         split(0, &fields);
     }
     store(year, fields.tm_year + 1900);
@@ -96,8 +129,9 @@ uint64_t CTime::getCurrentMilliSecond() {
 }
 
 uint64_t CTime::getCurrentMicroSecond() {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return static_cast<uint64_t>(std::chrono::duration_cast<std::chrono::microseconds>(now).count());
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
 }
 
 }  // namespace Ostra

@@ -2,6 +2,7 @@
 
 #include <atomic>
 #include <new>
+#include <thread>
 
 #include "Tramel/Level2List.h"
 #include "Tramel/OutputUnit.h"
@@ -28,6 +29,12 @@ const size_t GROUP_SINKS = 16;  // a new group is made when all have that many, 
 
 const uint64_t SPREAD_AFTER_US = 2000;
 const uint64_t STUCK_AFTER_US = 20000;
+const int MAX_YIELDS = 3;
+
+// So few senders are written by the putting thread: that costs it little more than to wake another one, and the process
+// much less. After a write that was held up the pool does it for some time.
+const size_t FEW_SINKS = 16;
+const uint64_t HAND_OVER_US = 1000000;
 
 const int PAIR_HEADER_LENGTH = 6;  // "$", channel, 32-bit length: the header of a private frame
 
@@ -73,12 +80,17 @@ private:
     void drop_sides_locked() VIDORA_REQUIRES(m_mutex);
     uint32_t hand_out_locked(COutputUnit* unit) VIDORA_REQUIRES(m_mutex);
     CSinkGroup* pick_group_locked() VIDORA_REQUIRES(m_mutex);
+    bool are_few_locked() VIDORA_REQUIRES(m_mutex);
+    void write_few();
     void start_writing();
     void help(uint32_t groups);
     std::shared_ptr<CSinkGroup> group(unsigned int index);
 
     CLevel2List m_level2;
     std::atomic<uint64_t> m_turn_begin_us{0};  // when the turn of this strand that runs began; 0 if none runs
+    std::atomic<uint64_t> m_write_from_us{0};  // until then the putting thread leaves few senders to the pool as well
+
+    std::atomic<int> m_waking{0};  // puts that are just making a turn due
 
     CMutex m_mutex;
     std::shared_ptr<CSinkGroup> m_groups[MAX_GROUPS] VIDORA_GUARDED_BY(m_mutex);
@@ -96,6 +108,7 @@ int CMediaBuffer::CImpl::Put(CMediaPacket* packet, int length, int flag, int cha
     COutputUnit* unit = nullptr;
     uint32_t late = 0;
     bool handed_out = false;
+    bool few = false;
     {
         CGuard guard(m_mutex);
         if (is_header_locked(packet, length, flag)) {
@@ -106,17 +119,22 @@ int CMediaBuffer::CImpl::Put(CMediaPacket* packet, int length, int flag, int cha
             handed_out = unit != nullptr && whole && m_auto_send && m_group_count > 0;
             if (handed_out) {
                 late = hand_out_locked(unit);
+                few = are_few_locked();
             }
         }
     }
     if (unit == nullptr) {
         return -1;
     }
-    if (handed_out) {
+    if (handed_out && !few) {
         start_writing();
     }
     m_level2.Put(packet, length, flag, channel);
-    help(late);
+    if (few) {
+        write_few();
+    } else {
+        help(late);
+    }
     unit->Release();
     return 0;
 }
@@ -180,6 +198,10 @@ COutputUnit* CMediaBuffer::CImpl::finish_unit_locked(CMediaPacket* packet, int l
 }
 
 bool CMediaBuffer::CImpl::RunTurn() {
+    // On the putting thread's own processor this thread steps back until that one is through with its put.
+    for (int i = 0; i < MAX_YIELDS && m_waking.load() > 0; ++i) {
+        std::this_thread::yield();
+    }
     const uint64_t begin = CTime::getCurrentMicroSecond();
     m_turn_begin_us.store(begin);
     for (unsigned int i = 0; i < MAX_GROUPS; ++i) {
@@ -197,10 +219,26 @@ bool CMediaBuffer::CImpl::RunTurn() {
     return false;
 }
 
+bool CMediaBuffer::CImpl::are_few_locked() {
+    return m_group_count == 1 && m_groups[0]->Count() <= FEW_SINKS &&
+           CTime::getCurrentMicroSecond() >= m_write_from_us.load(std::memory_order_relaxed);
+}
+
+void CMediaBuffer::CImpl::write_few() {
+    const uint64_t begin = CTime::getCurrentMicroSecond();
+    group(0)->RunHere();
+    const uint64_t end = CTime::getCurrentMicroSecond();
+    if (end - begin > SPREAD_AFTER_US) {
+        m_write_from_us.store(end + HAND_OVER_US, std::memory_order_relaxed);
+    }
+}
+
 // Sees to it that a thread of the pool writes the groups. A turn that began long ago is held up by a send procedure;
 // the other groups don't wait for it.
 void CMediaBuffer::CImpl::start_writing() {
+    m_waking.fetch_add(1);
     Schedule();
+    m_waking.fetch_sub(1);
     const uint64_t begin = m_turn_begin_us.load();
     if (begin == 0 || CTime::getCurrentMicroSecond() - begin < STUCK_AFTER_US) {
         return;

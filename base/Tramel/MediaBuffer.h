@@ -14,9 +14,11 @@ class CMediaStreamSender;
 
 // CMediaBuffer: fans packets out from one source to many sinks without a copy per sink.
 //
-// Senders are spread over groups. A put hands each group the packet and returns; the groups write in parallel on the
-// pool's threads, and packets that come meanwhile leave in one vectored write a sender. While there is no pool, or it
-// doesn't keep up, the putting thread writes as well.
+// Senders are spread over groups. Few of them are written by the putting thread itself, as to wake another one would
+// cost about as much. Otherwise a put hands each group the packet, wakes one thread of the pool and returns; that
+// thread writes the groups, and leaves those that it hasn't reached after 2 ms to all threads. Packets that come
+// meanwhile leave in one vectored write a sender. While there is no pool, or it doesn't keep up, the putting thread
+// writes as well.
 //
 // A packet and the header put in front of it (flag 0) are one unit: sent or dropped together by a sender. A sender or
 // level-2 sink gets only what is put after it was added, beginning at any unit.

@@ -343,7 +343,6 @@ void CStreamOutput::OnWritable() {
         return;
     }
     flush_locked();
-    m_tally.Tell();
     if (m_full) {
         watch_locked();
     }
@@ -358,6 +357,7 @@ void CStreamOutput::flush_locked() {
     if (m_ring.Empty()) {
         m_full = false;
     }
+    m_tally.Tell();
 }
 
 // Sends what one system call carries. False if the socket took less, or failed.

@@ -63,6 +63,7 @@ public:
     static const unsigned int UNIT_COST = 192;
     static const unsigned int MAX_TEXT_BYTES = 1u << 20;
 
+    // A queue for the descriptor that `sock` has now.
     explicit CStreamOutput(CSock* sock) : m_sock(sock) {}
     ~CStreamOutput() = default;
     CStreamOutput(const CStreamOutput&) = delete;
@@ -89,7 +90,7 @@ public:
     // A watch that a face began has ended: there is room to write. A call too many does no harm.
     void OnWritable();
     void OnTimer(long timer_id);
-    // The socket is about to be closed for good.
+    // The descriptor is about to be closed or given away; the socket isn't touched again.
     void OnSockGone();
 
 private:

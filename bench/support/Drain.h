@@ -25,21 +25,29 @@ public:
     // The ports of the UDP sockets, on 127.0.0.1.
     const std::vector<uint16_t>& UdpPorts() const { return m_udp_ports; }
     // Bytes that have arrived so far, TCP and UDP.
-    uint64_t Bytes() const { return *m_bytes; }
+    uint64_t Bytes() const { return m_shared->bytes; }
+    // Processor time of the child in microseconds.
+    uint64_t TimeUs() const { return m_shared->cpu_us; }
     // Waits until no more has arrived for a while.
     void Settle() const;
 
 private:
+    struct CShared {  // in memory of both processes
+        std::atomic<uint64_t> bytes{0};
+        std::atomic<uint64_t> cpu_us{0};
+    };
     void run(int listener, const std::vector<int>& udp) const;
 
     pid_t m_child = -1;
     uint16_t m_tcp_port = 0;
     std::vector<uint16_t> m_udp_ports;
-    std::atomic<uint64_t>* m_bytes = nullptr;  // in memory that both processes share
+    CShared* m_shared = nullptr;
 };
 
 // Processor time of this process in microseconds, user and system.
 uint64_t ProcessTimeUs();
+// The same of the whole machine since its start.
+uint64_t MachineTimeUs();
 // Prints what a figure depends on: processors, kernel, compiler, build.
 void PrintMachine();
 // The value at `part` (0 to 1) of the sorted samples.

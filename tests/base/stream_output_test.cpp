@@ -2,6 +2,7 @@
 
 #include <gtest/gtest.h>
 
+#include "Tramel/MediaCounters.h"
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StreamSender.h"
@@ -40,7 +41,6 @@ struct Row {
 class QueueTest : public ::testing::Test {
 protected:
     void SetUp() override {
-        m_sock.Attach(m_pair.near_fd);
         ASSERT_EQ(0, m_queue.Attach(&m_face, true, 7));
         ASSERT_EQ(0, m_queue.SendText(m_filler.data(), static_cast<unsigned int>(m_filler.size())));
         ASSERT_EQ(1, m_face.watches);
@@ -83,7 +83,8 @@ protected:
     TcpPair m_pair;
     CSockStream m_sock;
     FakeFace m_face;
-    CStreamOutput m_queue{&m_sock};
+    std::shared_ptr<CStreamOutput> m_output = (m_sock.Attach(m_pair.near_fd), m_sock.GetOutput());
+    CStreamOutput& m_queue = *m_output;
     WireReader m_reader;
     std::string m_filler = TextBytes(0, 200000);
     unsigned int m_number = 0;

@@ -2,6 +2,7 @@
 """vidora-host with FFmpeg and plain RTSP peers: host_test.py HOST MEDIA [unittest arguments]."""
 import re
 import signal
+import subprocess
 import sys
 import time
 import unittest
@@ -150,6 +151,30 @@ class Ending(unittest.TestCase):
             self.assertTrue(any('"event":"connect"' in line for line in host.lines), host.lines)
             self.assertFalse(any("LeakSanitizer" in line for line in host.lines), host.lines)
             peer.close()
+
+    def test_players_that_are_killed_leave_nothing_behind(self):
+        def players(count):
+            started = []
+            for i in range(count):
+                started.append(subprocess.Popen(["ffmpeg", "-nostdin", "-loglevel", "quiet", "-rtsp_transport",
+                                                 ("tcp", "udp")[i % 2], "-i", host.url(), "-c", "copy", "-f", "null",
+                                                 "-"]))
+                self.addCleanup(started[-1].wait)
+                self.addCleanup(started[-1].kill)
+            return started
+
+        host = Host("--stats", "1", "--json", "--timeout", "2")
+        killed = players(8)
+        host.wait_for_line(r'"sessions":8\b')
+        for player in killed:
+            player.kill()
+        host.lines.clear()
+        host.wait_for_line(r'"sessions":0\b')
+        # The others play while the host ends.
+        players(20)
+        host.wait_for_line(r'"sessions":20\b', 60)
+        self.assertEqual(host.stop(), 0, host.lines)
+        self.assertFalse([line for line in host.lines if "Sanitizer" in line or "runtime error" in line], host.lines)
 
     def test_what_cannot_be_sent_is_refused_with_a_reason(self):
         code, _, errors = run(support.HOST, "--live", f"a?channel=1&subtype=0={support.MEDIA}/none.h264", check=False)

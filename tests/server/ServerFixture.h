@@ -3,6 +3,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <memory>
 #include <mutex>
 #include <string>
@@ -69,6 +70,8 @@ protected:
     static bool GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100);
     // Waits for the sessions to end.
     static bool SessionsGone(unsigned int left = 0);
+    CLiveChannel* MakeChannel(const char* name);
+    void Publish(const char* name, CLiveChannel* channel);
 
     CDataSource* m_source = nullptr;  // of the last AddChannel; the registry's
     int m_port = 0;

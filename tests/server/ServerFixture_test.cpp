@@ -82,20 +82,41 @@ void CServerTest::StartServer() {
     m_svr->SetConfig(m_config);
 }
 
+// Waits until the channel has its SDP: the source's first readiness goes to a channel's sessions as an update, which
+// would end one that has described already.
 CFakeStreamSource* CServerTest::AddChannel(const char* name, const CFakeStreamSource::Settings& settings) {
     CFakeStreamSource::SetNext(settings);
+    CLiveChannel* channel = MakeChannel(name);
+    const auto updates = std::make_shared<std::atomic<int>>(0);
+    Support::CTestHandler* user = Support::CTestHandler::Make();
+    user->on_message = [updates](long, unsigned int msg, long) {
+        *updates += msg == MSG_SDP_UPDATE ? 1 : 0;
+        return 0;
+    };
+    channel->AddRef(user->GetID());
     m_source = CDataSource::Create(LIVE_NAME);
     m_source->SetConfig(m_config);
-    EXPECT_EQ(0, m_source->Init(0, 0));
+    EXPECT_EQ(0, m_source->Init(channel->GetID(), 0));
     CFakeStreamSource* fake = CFakeStreamSource::Last();
-    ShareChannel(name);
+    Publish(name, channel);
+    EXPECT_TRUE(!settings.tells_info || Support::WaitUntil([&] { return *updates > 0; }));
+    channel->DelRef(user->GetID());
+    user->Close();
     return fake;
 }
 
 void CServerTest::ShareChannel(const char* name) {
+    Publish(name, MakeChannel(name));
+}
+
+CLiveChannel* CServerTest::MakeChannel(const char* name) {
     CLiveChannel* channel = CLiveChannel::Create();
     channel->SetConfig(m_config);
     EXPECT_EQ(0, channel->Init(name, 0, TRANSF_TYPE_RTP));
+    return channel;
+}
+
+void CServerTest::Publish(const char* name, CLiveChannel* channel) {
     channel->AddDataSrc(m_source, 0);
     EXPECT_EQ(0, m_live_svr->AddLiveChannel(name, channel, m_source));
     m_channels.push_back(channel);

@@ -65,8 +65,14 @@ CFakeStreamSource::Settings sound_and_pictures(bool is_file) {
     return settings;
 }
 
+// A recording takes its time to open, so that its client may have gone by then.
 CStreamSource* make_source(const char* content) {
-    return CFakeStreamSource::Make(sound_and_pictures(std::string(content).find(FILE_CONTENT) != std::string::npos));
+    const bool is_file = std::string(content).find(FILE_CONTENT) != std::string::npos;
+    static std::atomic<int> opened{0};
+    if (is_file) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(opened++ % 4));
+    }
+    return CFakeStreamSource::Make(sound_and_pictures(is_file));
 }
 
 // The host's thread that gives frames to all sources, all the time.
@@ -179,6 +185,14 @@ protected:
         const bool is_file = random() % 6 == 0;
         const std::string url =
             Url(is_file ? FILE_CONTENT : channel_name(1 + static_cast<int>(random() % ALL_CHANNELS)));
+        if (random() % 5 == 0) {  // says all at once, and leaves in the middle of it
+            client->Send(client->Request("DESCRIBE", url) +
+                         client->Request("SETUP", url + "/trackID=0", Transport(*rtp, road)) +
+                         client->Request("PLAY", url) + client->Request("TEARDOWN", url));
+            std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
+            Leave(std::move(client), std::move(rtp), random() % 2 == 0 ? LEAVE_CLOSE : LEAVE_RESET, url);
+            return;
+        }
         const bool reached = Advance(*client, *rtp, wanted, road, url, random);
         if (reached && wanted == STAGE_PLAY && ReceivesMedia(*client, *rtp, road)) {
             ++m_played;
@@ -195,6 +209,12 @@ protected:
         Leave(std::move(client), std::move(rtp), how, url);
     }
 
+    static std::string Transport(const CUdpPeer& rtp, road_t road) {
+        return road == ROAD_UDP   ? "Transport: RTP/AVP;unicast;client_port=" + std::to_string(rtp.Port()) + "\r\n"
+               : road == ROAD_TCP ? INTERLEAVED
+                                  : "Transport: KX/AVP/TCP;unicast\r\n";
+    }
+
     static bool Advance(CRtspTestClient& client, CUdpPeer& rtp, stage_t wanted, road_t road, const std::string& url,
                         std::mt19937& random) {
         const auto ask = [&](const char* method, const std::string& target, const std::string& headers) {
@@ -206,11 +226,8 @@ protected:
         if (wanted >= STAGE_DESCRIBE && !ask("DESCRIBE", url, "")) {
             return false;
         }
-        const std::string transports[] = {
-            INTERLEAVED, "Transport: RTP/AVP;unicast;client_port=" + std::to_string(rtp.Port()) + "\r\n",
-            "Transport: KX/AVP/TCP;unicast\r\n"};
         for (int track = 0; wanted >= STAGE_SETUP && track < (road == ROAD_PRIVATE ? 1 : 2); ++track) {
-            if (!ask("SETUP", url + "/trackID=" + std::to_string(track), transports[road])) {
+            if (!ask("SETUP", url + "/trackID=" + std::to_string(track), Transport(rtp, road))) {
                 return false;
             }
         }
@@ -273,6 +290,10 @@ TEST_F(Soak, NothingIsLeftOfSessionsThatGoInEveryWay) {
     const int sessions = wish == nullptr ? DEFAULT_SESSIONS : atoi(wish);
     const int timeout = 1;
     Set(RTSP_SVR_CONFIG_TIMEOUT, timeout);
+    RtpPortRange ports;  // not the default one, through which another server's ports may be scattered
+    ports.min_local_port = 10000;
+    ports.max_local_port = 20000;
+    Set(RTSP_SVR_CONFIG_RTP_PORT, ports);
     SetFunction(RTSP_SVR_CONFIG_SRC_FUNC, &make_source);
     SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, &CEventLog::OnEvent);
     StartServer();

@@ -1,9 +1,10 @@
 #ifndef VIDORA_HOST_FRAMEPUMP_H
 #define VIDORA_HOST_FRAMEPUMP_H
 
+#include <semaphore.h>
+
 #include <atomic>
 #include <chrono>
-#include <condition_variable>
 #include <functional>
 #include <mutex>
 #include <thread>
@@ -19,8 +20,8 @@ public:
     // Does what is due at `now` and gives the time of the next call.
     typedef std::function<Clock::time_point(Clock::time_point now)> step_t;
 
-    FramePump() = default;
-    ~FramePump() { Stop(); }
+    FramePump() { sem_init(&m_changed, 0, 0); }
+    ~FramePump();
     FramePump(const FramePump&) = delete;
     FramePump& operator=(const FramePump&) = delete;
 
@@ -35,10 +36,8 @@ private:
     void run(const step_t& step);
 
     std::mutex m_control_mutex;  // puts Start and Stop in a row
-    std::mutex m_mutex;          // guards the flags
-    std::condition_variable m_changed;
-    bool m_stop = false;
-    bool m_wake = false;
+    std::atomic<bool> m_stop{false};
+    sem_t m_changed;  // one system call a wait, which a condition variable doesn't manage
     std::thread m_thread;
 };
 

@@ -23,14 +23,26 @@ public:
     size_t Remaining() const { return m_size - m_offset; }
     size_t Size() const { return m_size; }
 
-    uint8_t ReadU8() { return static_cast<uint8_t>(read_be(1)); }
-    uint16_t ReadU16() { return static_cast<uint16_t>(read_be(2)); }
-    uint32_t ReadU24() { return static_cast<uint32_t>(read_be(3)); }
-    uint32_t ReadU32() { return static_cast<uint32_t>(read_be(4)); }
-    uint64_t ReadU64() { return read_be(8); }
-    uint16_t ReadU16Le() { return static_cast<uint16_t>(read_le(2)); }
-    uint32_t ReadU32Le() { return static_cast<uint32_t>(read_le(4)); }
-    uint64_t ReadU64Le() { return read_le(8); }
+    uint8_t ReadU8() {
+        return read<1>([](const uint8_t* p) { return p[0]; });
+    }
+    uint16_t ReadU16() {
+        return read<2>([](const uint8_t* p) { return static_cast<uint16_t>(p[0] << 8 | p[1]); });
+    }
+    uint32_t ReadU24() {
+        return read<3>([](const uint8_t* p) { return uint32_t{p[0]} << 16 | uint32_t{p[1]} << 8 | uint32_t{p[2]}; });
+    }
+    uint32_t ReadU32() { return read<4>(be32); }
+    uint64_t ReadU64() {
+        return read<8>([](const uint8_t* p) { return uint64_t{be32(p)} << 32 | be32(p + 4); });
+    }
+    uint16_t ReadU16Le() {
+        return read<2>([](const uint8_t* p) { return static_cast<uint16_t>(p[1] << 8 | p[0]); });
+    }
+    uint32_t ReadU32Le() { return read<4>(le32); }
+    uint64_t ReadU64Le() {
+        return read<8>([](const uint8_t* p) { return uint64_t{le32(p + 4)} << 32 | le32(p); });
+    }
 
     // The byte `ahead` of the cursor, or 0 if there is none; neither moves nor fails.
     uint8_t PeekU8(size_t ahead = 0) const { return ahead < Remaining() ? m_data[m_offset + ahead] : 0; }
@@ -85,27 +97,18 @@ private:
         return true;
     }
 
-    uint64_t read_be(size_t length) {
-        if (!take(length)) {
-            return 0;
-        }
-        uint64_t value = 0;
-        for (const uint8_t* p = m_data + m_offset - length; length > 0; --length) {
-            value = (value << 8) | *p++;
-        }
-        return value;
+    // Compilers make one load of each of these.
+    static uint32_t be32(const uint8_t* p) {
+        return uint32_t{p[0]} << 24 | uint32_t{p[1]} << 16 | uint32_t{p[2]} << 8 | uint32_t{p[3]};
+    }
+    static uint32_t le32(const uint8_t* p) {
+        return uint32_t{p[3]} << 24 | uint32_t{p[2]} << 16 | uint32_t{p[1]} << 8 | uint32_t{p[0]};
     }
 
-    uint64_t read_le(size_t length) {
-        if (!take(length)) {
-            return 0;
-        }
-        uint64_t value = 0;
-        const uint8_t* first = m_data + m_offset - length;
-        for (; length > 0; --length) {
-            value = (value << 8) | first[length - 1];
-        }
-        return value;
+    // The number that `load` makes of the next LENGTH bytes, or 0 if they aren't there.
+    template <size_t LENGTH, typename Load>
+    auto read(Load load) -> decltype(load(nullptr)) {
+        return take(LENGTH) ? load(m_data + m_offset - LENGTH) : decltype(load(nullptr)){0};
     }
 
     const uint8_t* m_data;
