@@ -4,6 +4,7 @@ import re
 import signal
 import subprocess
 import sys
+import tempfile
 import time
 import unittest
 
@@ -180,7 +181,9 @@ class Ending(unittest.TestCase):
         code, _, errors = run(support.HOST, "--live", f"a?channel=1&subtype=0={support.MEDIA}/none.h264", check=False)
         self.assertEqual(code, 1)
         self.assertIn("none.h264: cannot be read", errors)
-        path = "several_slices.h264"
+        folder = tempfile.TemporaryDirectory()
+        self.addCleanup(folder.cleanup)
+        path = f"{folder.name}/several_slices.h264"
         run("ffmpeg", "-y", "-loglevel", "error", "-f", "lavfi", "-i", "testsrc=size=320x240:duration=0.2", "-c:v",
             "libx264", "-bf", "0", "-x264-params", "slices=4", "-f", "h264", path)
         code, _, errors = run(support.HOST, "--live", f"a={path}", check=False)

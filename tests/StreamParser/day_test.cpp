@@ -1,0 +1,110 @@
+// A day of synthetic frames through each converter: what wraps (sequence number, RTP time stamp, the 33-bit clock of
+// ISO 13818-1) wraps without a trace in the frames' times.
+#include <gtest/gtest.h>
+
+#include "StreamParser/Frame2Ps.h"
+#include "StreamParser/Frame2Rtp.h"
+#include "StreamParser/Frame2Ts.h"
+#include "StreamParser/RtpHeader.h"
+#include "StreamParser/Ts2Frame.h"
+#include "Vidora/Types.h"
+#include "support/Depacketiser.h"
+#include "support/StreamBytes.h"
+
+namespace Kavio {
+namespace Support {
+
+using namespace Vidora;
+
+namespace {
+
+const uint32_t DAY_SEC = 24 * 3600;
+
+TEST(Day, FrameToRtp) {
+    CFrame2Rtp packer;
+    packer.SetRtpInfo(1, 96, 65000, 0xF0000000, 90000);
+    const unsigned char frame[] = {0, 0, 0, 1, 0x41, 1, 2};
+    unsigned char buffer[64];
+    RtpHeader header;
+    for (uint64_t i = 0; i < DAY_SEC * uint64_t{25}; ++i) {
+        // Milliseconds as a source has them: since 1970, 40 apart.
+        ASSERT_EQ(packer.PutFrame(frame, sizeof(frame), ENC_TYPE_H264, 1700000000000 + i * 40, 0), 0);
+        ASSERT_EQ(packer.GetPacket(buffer, sizeof(buffer)), 15);
+        ASSERT_TRUE(rtp_parse_header(buffer, 15, header));
+        ASSERT_EQ(header.sequence, static_cast<uint16_t>(65000 + i));
+        ASSERT_EQ(header.timestamp, static_cast<uint32_t>(0xF0000000 + i * 3600));
+    }
+}
+
+TEST(Day, RtpToFrame) {
+    Depacketiser in(ENC_TYPE_H264, true);
+    RtpSpec first;
+    first.marker = true;
+    first.timestamp = 0x80000000;
+    Bytes packet = MakeRtp(first, FromHex("61e0e1e2"));
+    for (uint32_t i = 0; i < DAY_SEC * 25; ++i) {
+        const uint16_t sequence = static_cast<uint16_t>(i + 60000);
+        const uint32_t timestamp = 0x80000000 + i * 3600;
+        packet[2] = static_cast<uint8_t>(sequence >> 8);
+        packet[3] = static_cast<uint8_t>(sequence);
+        for (size_t byte = 0; byte < 4; ++byte) {
+            packet[4 + byte] = static_cast<uint8_t>(timestamp >> (24 - 8 * byte));
+        }
+        ASSERT_EQ(1, in.Engine().PutPacket(packet.data(), static_cast<int>(packet.size()))) << i;
+        ASSERT_EQ(uint64_t{i} * 40, in.Engine().GetPts());
+        in.Engine().Clear();
+    }
+    EXPECT_EQ(1u, in.m_events.size());  // the SSRC of the first packet
+}
+
+// The 33-bit clock wraps after 26.5 hours, so the day begins four hours before that.
+TEST(Day, FrameToTsToFrame) {
+    CFrame2Ts packer;
+    packer.SetTsInfo(STREAM_KIND_H264, STREAM_KIND_AUDIO, 1);
+    Ts2Frame in;
+    const Bytes frame = FromHex("000000014188a1a2a3a4a5a6a7a8a9aaabacadaeaf");
+    const uint64_t wrap = uint64_t{1} << 33;
+    uint64_t pts = wrap / 90 - 4 * 3600 * 1000;
+    unsigned char unit[TS_PACK_LEN];
+    int complete = 0;
+    for (uint32_t i = 0; i < DAY_SEC * 10; ++i, pts += 100) {
+        ASSERT_EQ(0, packer.PutFrame(frame.data(), static_cast<unsigned>(frame.size()), ENC_TYPE_H264, pts, 0));
+        do {
+            packer.GetPacket(unit, sizeof(unit));
+            complete += in.PutPacket(unit, TS_PACK_LEN, packer.GetTotalSize() == TS_PACK_LEN);
+        } while (packer.NextPacket() == 0);
+        ASSERT_EQ(pts * 90 % wrap / 90, in.GetPts());
+        in.Clear();
+    }
+    EXPECT_EQ(static_cast<int>(DAY_SEC * 10), complete);
+}
+
+TEST(Day, FrameToPs) {
+    CFrame2Ps packer;
+    const unsigned char frame[] = {0, 0, 1, 0xB6};
+    const uint64_t mask = (uint64_t{1} << 33) - 1;
+    uint64_t pts = mask / 90 - 4 * 3600 * 1000;
+    const auto stamp = [](const unsigned char* at) {
+        return uint64_t{at[0] & 0x0Eu} << 29 | uint64_t{at[1]} << 22 | uint64_t{at[2] & 0xFEu} << 14 |
+               uint64_t{at[3]} << 7 | at[4] >> 1;
+    };
+    for (uint32_t i = 0; i < DAY_SEC * 10; ++i, pts += 100) {
+        ASSERT_EQ(0, packer.PutFrame(frame, sizeof(frame), ENC_TYPE_MPEG4, pts, 0));
+        unsigned char pack[14], pes[23];
+        ASSERT_EQ(14, packer.GetPacket(pack, sizeof(pack)));
+        while (packer.GetPacketSize() != sizeof(pes)) {
+            packer.NextPacket();
+        }
+        packer.GetPacket(pes, sizeof(pes));
+        const uint64_t reference = uint64_t{pack[4] & 0x38u} << 27 | uint64_t{pack[4] & 0x03u} << 28 |
+                                   uint64_t{pack[5]} << 20 | uint64_t{pack[6] & 0xF8u} << 12 |
+                                   uint64_t{pack[6] & 0x03u} << 13 | uint64_t{pack[7]} << 5 | pack[8] >> 3;
+        ASSERT_EQ(pts * 90 & mask, reference);
+        ASSERT_EQ(pts * 90 & mask, stamp(pes + 9));
+        ASSERT_EQ(pts * 90 & mask, stamp(pes + 14));
+    }
+}
+
+}  // namespace
+}  // namespace Support
+}  // namespace Kavio
