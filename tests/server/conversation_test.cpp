@@ -192,10 +192,19 @@ TEST_F(Conversation, DataSourceAnswersLaterSeeksPausesAndEnds) {
     EXPECT_EQ(200, client.Reply().status);
     EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
 
-    // The source's end closes the connection, without a message.
+    // The source's end closes the connection, without a message, behind the last picture.
     CRtspTestClient other(m_port);
     PlayInterleaved(other, content);
+    Support::FrameSpec spec;
+    spec.type = 'I';
+    spec.payload = Support::H264Picture(true, 3000000, 1);
+    ASSERT_TRUE(Support::WaitUntil([&] { return CFakeStreamSource::Last()->Give(Support::BuildFrame(spec)); }));
     CFakeStreamSource::Last()->Tell(MSG_SRC_END);
+    size_t bytes = 0;
+    for (RtspFrame frame = other.Frame(); frame.channel == 0; frame = other.Frame()) {
+        bytes += frame.data.size();
+    }
+    EXPECT_LT(3000000u, bytes);
     EXPECT_TRUE(other.Closed());
     client.Close();
     EXPECT_TRUE(SessionsGone());
