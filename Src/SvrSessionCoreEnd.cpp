@@ -25,9 +25,6 @@ const int TIMEOUT_KEEPALIVE = 2;
 const size_t REPORT_SIZE = 2048;
 const size_t INTERLEAVE_HEADER_SIZE = 4;
 const char BYE_REASON[] = "End of Stream";
-// How often, and how many times, it is looked whether the media of a source that has ended is on its way.
-const int64_t END_WAIT_US = 20000;
-const int END_MAX_TRIES = 500;
 
 std::atomic<bool> delay_log{false};
 
@@ -193,10 +190,10 @@ void CSvrSessionCore::stop_media() {
     }
     m_media_started = false;
     if (m_live_channel != nullptr) {
-        if (m_attached_sink) {
-            leave_channel(m_live_channel);
-        } else {
+        if (m_attached_udp && m_multicast_setup) {
             m_live_channel->StopStreaming(m_attached_type);
+        } else {
+            leave_channel(m_live_channel);
         }
     } else if (m_media_buffer != nullptr) {
         m_attached_udp ? m_media_buffer->DelLevel2Buffer(m_udp_sender) : m_media_buffer->DelSender(m_media_sender);
@@ -291,8 +288,6 @@ int64_t CSvrSessionCore::handle_timeout(long timer_id) {
         if (retry_describe() < 0) {
             put_asyn_msg(MSG_SRC_READY);
         }
-    } else if (timer_id == m_end_timer && timer_id != 0) {
-        on_source_end();
     } else if (timer_id == m_rtcp_timer && timer_id != 0 && send_rtcp_report(-1, false) < 0) {
         put_asyn_msg(MSG_SRC_FAIL);
     }
@@ -415,12 +410,8 @@ int CSvrSessionCore::handle_message(long /*sender_id*/, unsigned int msg, long p
         case MSG_SRC_PAUSED:
             result = reply_pause();
             break;
-        case MSG_SRC_END:
-            if (m_end_timer == 0) {  // a source may tell its end with every frame
-                on_source_end();
-            }
-            break;
         case MSG_SRC_FAIL:
+        case MSG_SRC_END:
             put_asyn_msg(msg);
             break;
         case MSG_SDP_UPDATE:
@@ -441,40 +432,11 @@ int CSvrSessionCore::handle_message(long /*sender_id*/, unsigned int msg, long p
     return 0;
 }
 
-// A recording is given out faster than the socket takes it: its last pictures may still wait when its end is told. The
-// connection is kept for them, but not for long.
-void CSvrSessionCore::on_source_end() {
-    if (has_media_to_send() && m_end_tries < END_MAX_TRIES) {
-        ++m_end_tries;
-        if (m_end_timer == 0) {
-            m_end_timer = SetTimer(END_WAIT_US);
-        }
-        if (m_end_timer != 0) {
-            return;
-        }
-    }
-    put_asyn_msg(MSG_SRC_END);
-}
-
-// Only of a buffer of the session's own: a channel's has media for others, always.
-bool CSvrSessionCore::has_media_to_send() {
-    return m_media_started && !m_attached_udp && m_attached_sink && m_media_buffer != nullptr &&
-           !(m_media_buffer->IsIdle() && m_media_sender->IsIdle());
-}
-
-void CSvrSessionCore::stop_draining() {
-    if (m_end_timer != 0) {
-        DestroyTimer(m_end_timer);
-        m_end_timer = 0;
-    }
-    m_end_tries = 0;
-}
-
 // A change of the stream's format ends an RTP session, whose SDP would be false; private frames carry the change
 // themselves. A DESCRIBE that waits for the SDP may have it now.
 int CSvrSessionCore::on_sdp_update() {
     if (m_sdp_timer != 0) {
-        return has_source() && read_sdp() < 0 ? 0 : reply_describe();  // the tries are the timer's
+        return retry_describe();
     }
     // A source that becomes ready reports that as an update as well. It may overtake the DESCRIBE that has just been
     // answered with this very SDP.
@@ -507,7 +469,6 @@ void CSvrSessionCore::on_asyn_msg(const StateEvent& event) {
     }
     bool waits = false;
     stop_waiting_for_sdp();
-    stop_draining();
     stop_media();
     if (m_stream_sender != nullptr) {
         m_stream_sender->Detach();

@@ -107,7 +107,7 @@ int CSvrSessionCore::reply_play() {
         }
     }
     const char* reply = generate_play_reply(entries, count);
-    if (reply == nullptr) {
+    if (reply == nullptr || !has_sink()) {
         return warn_play();
     }
     restart_report_timer();
@@ -131,6 +131,10 @@ int CSvrSessionCore::reply_play() {
 int CSvrSessionCore::warn_play() {
     logWarn("%s:%d, this:%p.\n", "Vidora::CSvrSessionCore::reply_play", __LINE__, static_cast<void*>(this));
     return -1;
+}
+
+bool CSvrSessionCore::has_sink() const {
+    return m_multicast_setup || (m_transport == RTP_OVER_UDP ? m_udp_sender != nullptr : m_media_sender != nullptr);
 }
 
 // One entry for each track that was set up, with where its stream is now (RFC 2326 12.33).
@@ -218,7 +222,6 @@ int CSvrSessionCore::attach_sinks() {
     m_media_started = true;
     m_attached_type = m_packet_type;
     m_attached_udp = m_transport == RTP_OVER_UDP;
-    m_attached_sink = m_attached_udp ? m_udp_sender != nullptr && !m_multicast_setup : m_media_sender != nullptr;
     if (wants_assist() && !m_assist_enabled) {
         m_assist_enabled = true;
         of_source([](auto& source) { return source.EnableStreamTrack(STREAM_TRACK_ASSIST); });
@@ -228,7 +231,6 @@ int CSvrSessionCore::attach_sinks() {
     }
     if (m_is_live) {
         if (attach_live() < 0) {
-            m_media_started = false;  // nothing is attached
             logError("%s:%d, EnterLiveChannel failed, this:%p.\n", __FILE__, __LINE__, static_cast<void*>(this));
             return -1;
         }
@@ -245,16 +247,17 @@ int CSvrSessionCore::attach_sinks() {
     return 0;
 }
 
-// The session itself has no sink where the channel sends by its own, and where SETUP was refused: PLAY is answered all
-// the same and starts the channel, and media flows only to those that have a sink. The registry hears of sinks alone.
 int CSvrSessionCore::attach_live() {
-    if (!m_attached_sink) {
+    if (m_attached_udp && m_multicast_setup) {
         logInfo("%s:%d, start streaming now. m_packet_type=%d. this=%p. \n", __FILE__, __LINE__, m_packet_type,
                 static_cast<void*>(this));
-        m_live_channel->StartStreaming(m_packet_type);
+        m_live_channel->StartStreaming(m_packet_type);  // the channel has the sinks
         return 0;
     }
     const char* name = m_channel_name.c_str();
+    if (m_live_svr == nullptr || (m_attached_udp ? m_udp_sender == nullptr : m_media_sender == nullptr)) {
+        return -1;
+    }
     const int entered = m_attached_udp ? m_live_svr->EnterLiveChannel(name, m_udp_sender, m_packet_type)
                                        : m_live_svr->EnterLiveChannel(name, m_media_sender, m_packet_type);
     if (entered < 0) {

@@ -90,11 +90,6 @@ void CMediaStreamSender::SendOtherData(const char* data, int length) {
     }
 }
 
-bool CMediaStreamSender::IsIdle() {
-    const std::shared_ptr<CStreamOutput> queue = output();
-    return queue == nullptr || queue->IsIdle();
-}
-
 CSock* CMediaStreamSender::Detach() {
     CGuard guard(m_mutex);
     if (m_output != nullptr) {

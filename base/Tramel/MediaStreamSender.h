@@ -54,8 +54,6 @@ public:
     void DisableSendChannel(int channel);
     // Slips control text between media packets, never inside one; it is never dropped.
     void SendOtherData(const char* data, int length);
-    // True if nothing waits for the socket to take it, or nothing ever can.
-    bool IsIdle();
     // Lets go of the socket, and gives it back, or null. Media that is queued is dropped, except the rest of a packet
     // that is half sent; control text stays with the socket for another sender.
     CSock* Detach();

@@ -336,11 +336,6 @@ int64_t CStreamOutput::write_locked(const struct iovec* parts, unsigned int coun
     return -1;
 }
 
-bool CStreamOutput::IsIdle() {
-    CGuard guard(m_mutex);
-    return m_failed || m_ring.Empty();
-}
-
 void CStreamOutput::OnWritable() {
     CGuard guard(m_mutex);
     m_watching = nullptr;

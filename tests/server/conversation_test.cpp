@@ -132,18 +132,6 @@ TEST_F(Conversation, SetupRefusesWhatItCantServe) {
     }
 }
 
-TEST_F(Conversation, ARefusedTransportLeavesTheOneThatWasSetUp) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
-    CRtspTestClient client(m_port);
-    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
-    ASSERT_EQ(200, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
-    EXPECT_EQ(461, client.Ask("SETUP", Url() + "/trackID=0", "Transport: RTP/AVP;unicast;client_port=0-1\r\n").status);
-    ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
-    ASSERT_TRUE(Give(source, 10));
-    EXPECT_EQ(0, client.Frame().channel);
-}
-
 TEST_F(Conversation, PrivateFramesTravelWithTheirOwnHeader) {
     StartServer();
     CFakeStreamSource* source = AddChannel();
@@ -192,19 +180,10 @@ TEST_F(Conversation, DataSourceAnswersLaterSeeksPausesAndEnds) {
     EXPECT_EQ(200, client.Reply().status);
     EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
 
-    // The source's end closes the connection, without a message, behind the last picture.
+    // The source's end closes the connection, without a message.
     CRtspTestClient other(m_port);
     PlayInterleaved(other, content);
-    Support::FrameSpec spec;
-    spec.type = 'I';
-    spec.payload = Support::H264Picture(true, 3000000, 1);
-    ASSERT_TRUE(Support::WaitUntil([&] { return CFakeStreamSource::Last()->Give(Support::BuildFrame(spec)); }));
     CFakeStreamSource::Last()->Tell(MSG_SRC_END);
-    size_t bytes = 0;
-    for (RtspFrame frame = other.Frame(); frame.channel == 0; frame = other.Frame()) {
-        bytes += frame.data.size();
-    }
-    EXPECT_LT(3000000u, bytes);
     EXPECT_TRUE(other.Closed());
     client.Close();
     EXPECT_TRUE(SessionsGone());
@@ -241,12 +220,6 @@ TEST_F(Conversation, MulticastChannelIsOfferedAsSuch) {
         other.Close();
         EXPECT_TRUE(SessionsGone(1));
     }
-    // PLAY after a refused SETUP is answered, and its user is counted in and out like any other.
-    CRtspTestClient refused(m_port);
-    ASSERT_EQ(200, refused.Ask("DESCRIBE", Url()).status);
-    ASSERT_EQ(461, refused.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
-    EXPECT_EQ(200, refused.Ask("PLAY", Url()).status);
-    EXPECT_EQ(200, refused.Ask("TEARDOWN", Url()).status);
     EXPECT_EQ(0, source->CountCalls("Stop"));
     client.Send(client.Request("SETUP", Url() + "/trackID=0",
                                "Transport: RTP/AVP;multicast;destination=239.1.2.3;port=4000-4001;ttl=4\r\n"));
