@@ -7,9 +7,7 @@
 #include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +18,8 @@
 #include <cstdlib>
 #include <new>
 #include <thread>
+
+#include "support/Machine.h"
 
 namespace Bench {
 
@@ -151,67 +151,6 @@ void CDrain::Settle() const {
         last = now;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-}
-
-uint64_t ProcessTimeUs() {
-    rusage usage = {};
-    ::getrusage(RUSAGE_SELF, &usage);
-    const auto us = [](const timeval& time) {
-        return static_cast<uint64_t>(time.tv_sec) * 1000000 + static_cast<uint64_t>(time.tv_usec);
-    };
-    return us(usage.ru_utime) + us(usage.ru_stime);
-}
-
-uint64_t MachineTimeUs() {
-    unsigned long long part[8] = {};  // user, nice, system, idle, waiting, interrupts, soft interrupts, stolen
-    if (std::FILE* file = std::fopen("/proc/stat", "r")) {
-        if (std::fscanf(file, "cpu %llu %llu %llu %llu %llu %llu %llu %llu", &part[0], &part[1], &part[2], &part[3],
-                        &part[4], &part[5], &part[6], &part[7]) != 8) {
-            std::fprintf(stderr, "/proc/stat is unknown\n");
-        }
-        std::fclose(file);
-    }
-    const unsigned long long ticks = part[0] + part[1] + part[2] + part[5] + part[6] + part[7];
-    return ticks * 1000000 / static_cast<unsigned long long>(::sysconf(_SC_CLK_TCK));
-}
-
-void PrintMachine() {
-    utsname name = {};
-    ::uname(&name);
-    char model[256] = "unknown processor";
-    if (std::FILE* file = std::fopen("/proc/cpuinfo", "r")) {
-        char line[256];
-        while (std::fgets(line, sizeof(line), file) != nullptr) {
-            if (std::sscanf(line, "model name : %255[^\n]", model) == 1) {
-                break;
-            }
-        }
-        std::fclose(file);
-    }
-    std::printf("%s, %u processors, %s %s, compiler %s, %s\n", model, std::thread::hardware_concurrency(), name.sysname,
-                name.release, __VERSION__,
-#ifdef NDEBUG
-                "optimized build"
-#else
-                "WARNING: build with assertions, not for figures"
-#endif
-    );
-}
-
-uint64_t Percentile(std::vector<uint64_t> samples, double part) {
-    if (samples.empty()) {
-        return 0;
-    }
-    std::sort(samples.begin(), samples.end());
-    const size_t index = static_cast<size_t>(part * static_cast<double>(samples.size()));
-    return samples[std::min(index, samples.size() - 1)];
-}
-
-void RaiseDescriptorLimit() {
-    rlimit limit = {};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 }  // namespace Bench
