@@ -146,7 +146,7 @@ Row encoder_row(const std::string& name, int dst_type, bool merge, const Bytes& 
         uint64_t pts = 1;
     };
     const auto ring = std::make_shared<Ring>();
-    ring->encoder = make_encoder(dst_type, dst_type == STREAM_TYPE_RTP, merge);
+    ring->encoder = make_encoder(dst_type, true, merge);
     ring->outputs.resize(frames > 1 ? frames : 0);
     while (ring->inputs.size() < frames) {
         ring->inputs.push_back(make_input(bytes));

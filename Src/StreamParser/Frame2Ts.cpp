@@ -25,6 +25,7 @@ constexpr int FIRST_PROGRAM = 1;
 constexpr int MAX_SECTION = 64;
 
 constexpr uint32_t TABLES_LEN = 2 * TS_PACK_LEN;
+constexpr uint32_t FIXED_LEN = 6;        // packet header, adaptation length and flags
 constexpr uint32_t MAX_PAYLOAD = 182;    // every packet has an adaptation field of two bytes or more
 constexpr uint32_t FIRST_PAYLOAD = 176;  // beside the clock reference
 
@@ -40,20 +41,19 @@ struct PacketHead {
 // Writes all of a TS packet but its payload, which ends with the packet's last byte:
 //     0x47, flags and PID (2), 0x3c, adaptation length, adaptation flags, [clock reference (6)], 0xFF up to the payload
 void write_packet_head(CByteWriter& writer, const PacketHead& head) {
-    writer.WriteU8(0x47);
-    writer.WriteU16(static_cast<uint16_t>((head.unit_start ? 0x4000 : 0) | head.pid));
-    writer.WriteU8(static_cast<uint8_t>(0x30 | (head.continuity & 0x0F)));  // adaptation field and payload
-    writer.WriteU8(static_cast<uint8_t>(183 - head.payload_len));
+    CByteWriter fixed(writer.Reserve(FIXED_LEN), FIXED_LEN);  // of constant size: checked once
+    fixed.WriteU8(0x47);
+    fixed.WriteU16(static_cast<uint16_t>((head.unit_start ? 0x4000 : 0) | head.pid));
+    fixed.WriteU8(static_cast<uint8_t>(0x30 | (head.continuity & 0x0F)));  // adaptation field and payload
+    fixed.WriteU8(static_cast<uint8_t>(183 - head.payload_len));
+    fixed.WriteU8(head.has_pcr ? 0x10 : 0);
     uint32_t stuffing = MAX_PAYLOAD - head.payload_len;
     if (head.has_pcr) {
         // 33 bits of base, six reserved bits of 1, nine bits of extension (ISO 13818-1 2.4.3.4).
         const uint64_t reference = head.clock << 15 | 0x7E00;
-        writer.WriteU8(0x10);
         writer.WriteU16(static_cast<uint16_t>(reference >> 32));
         writer.WriteU32(static_cast<uint32_t>(reference));
         stuffing -= 6;
-    } else {
-        writer.WriteU8(0);
     }
     writer.Fill(0xFF, stuffing);
 }
