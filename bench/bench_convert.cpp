@@ -5,7 +5,12 @@
 //
 // CLIP is an H.264 byte stream (bench/make_clip.sh makes one); of it the key frames nearest to each size are taken.
 // Without it the frames are synthetic. --only: the rows that hold TEXT, such as "merged hot 20000 bytes".
-// support/CopyRow.h says how it is measured.
+//
+// Each row is measured twice. "stream": the frames come from a ring of RING_BYTES and what comes out is held in a ring
+// as long, as a server does whose source fills its frames in turn and whose senders hold the packets for a while; the
+// memcpy goes from such a ring to another. "hot": one frame again and again, its output let go at once, and a memcpy
+// from one place to one place, all of it in the first caches: this shows what the code itself costs.
+// support/PairedRow.h says how rows are measured.
 #include <cstdlib>
 #include <fstream>
 #include <iterator>
@@ -19,7 +24,7 @@
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteWriter.h"
 #include "Vidora/StartCode.h"
-#include "support/CopyRow.h"
+#include "support/PairedRow.h"
 
 namespace {
 
@@ -27,6 +32,9 @@ using namespace Bench;
 using namespace Kavio::Vidora;
 namespace Flumen = Kavio::Flumen;
 
+typedef std::vector<unsigned char> Bytes;
+
+constexpr size_t RING_BYTES = 64 << 20;
 constexpr size_t SIZES[] = {2000, 20000, 200000};
 
 void check(bool good) {
@@ -251,6 +259,30 @@ Row scan_row(const std::string& name, const Bytes& bytes, size_t frames) {
                 const size_t found = find_start_code4((*ring)[index].data(), (*ring)[index].size());
                 asm volatile("" ::"r"(found) : "memory");
             }};
+}
+
+Row copy_row(size_t bytes, size_t frames) {
+    typedef std::vector<Bytes> Ring;
+    const auto from = std::make_shared<Ring>(frames, Bytes(bytes, 0x5A));
+    const auto to = std::make_shared<Ring>(frames, Bytes(bytes));
+    return {"memcpy", bytes, frames, [=](size_t index) {
+                std::memcpy((*to)[index].data(), (*from)[index].data(), (*from)[index].size());
+                asm volatile("" ::"r"((*to)[index].data()) : "memory");  // the copy is wanted
+            }};
+}
+
+void print_titles() {
+    std::printf("%-28s %-6s %8s %8s %12s   %-21s %s\n", "", "", "bytes", "GB/s", "memcpy GB/s", "memcpys (quartiles)",
+                "allocations a frame");
+}
+
+void run_row(const Row& row) {
+    const Comparison cost = compare(row, copy_row(row.bytes, row.ring));
+    const double gigabytes = static_cast<double>(row.bytes) / 1e9;
+    std::printf("%-28s %-6s %8zu %8.2f %12.2f   %5.2f (%.2f to %.2f) %12.2f\n", row.name.c_str(),
+                row.ring > 1 ? "stream" : "hot", row.bytes, gigabytes / cost.seconds, gigabytes / cost.floor_seconds,
+                cost.ratio, cost.low_ratio, cost.high_ratio, cost.allocations);
+    std::fflush(stdout);
 }
 
 struct Way {

@@ -19,6 +19,7 @@
 #include <new>
 #include <thread>
 
+#include "support/Loopback.h"
 #include "support/Machine.h"
 
 namespace Bench {
@@ -38,9 +39,7 @@ const std::chrono::milliseconds PAUSE(4);
 
 int bound_socket(int type, uint16_t* port) {
     const int fd = ::socket(AF_INET, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address = loopback(0);
     socklen_t length = sizeof(address);
     if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
         ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
@@ -131,14 +130,11 @@ void CDrain::run(int listener, const std::vector<int>& udp) const {
 
 int CDrain::Connect(int send_buffer) const {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(m_tcp_port);
+    const sockaddr_in address = loopback(m_tcp_port);
     ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof(send_buffer));
     const int no_delay = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof(no_delay));
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
         ::fcntl(fd, F_SETFL, O_NONBLOCK) != 0) {
         die("connect");
     }
