@@ -216,7 +216,7 @@ private:
     int on_sdp_update();
     bool has_same_sdp();
     void stop_media();
-    void leave_channel(CLiveChannel* channel);
+    void leave_channel();
     void on_asyn_msg(const StateEvent& event);
 
     // Calls `call` with the source of either kind; one must be there.

@@ -193,18 +193,18 @@ void CSvrSessionCore::stop_media() {
         if (m_attached_udp && m_multicast_setup) {
             m_live_channel->StopStreaming(m_attached_type);
         } else {
-            leave_channel(m_live_channel);
+            leave_channel();
         }
     } else if (m_media_buffer != nullptr) {
         m_attached_udp ? m_media_buffer->DelLevel2Buffer(m_udp_sender) : m_media_buffer->DelSender(m_media_sender);
     }
 }
 
-// Leaves by the channel's name, and takes the sink off `channel` itself as well: the registry may have dropped the
-// channel, or have another one of that name by now.
-void CSvrSessionCore::leave_channel(CLiveChannel* channel) {
+// Leaves by the channel's name, and takes the sink off the channel itself as well: the registry may have dropped it, or
+// have another one of that name by now.
+void CSvrSessionCore::leave_channel() {
     const char* name = m_channel_name.c_str();
-    CMediaBuffer* buffer = channel == nullptr ? nullptr : channel->GetMediaBuffer(m_attached_type);
+    CMediaBuffer* buffer = m_live_channel->GetMediaBuffer(m_attached_type);
     if (m_attached_udp) {
         m_live_svr->LeaveLiveChannel(name, m_udp_sender, m_attached_type);
         if (buffer != nullptr) {

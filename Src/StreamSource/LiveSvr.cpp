@@ -268,12 +268,21 @@ CLiveChannel* CLiveSvr::GetLiveChannel(const char* content, long user) {
 }
 
 int CLiveSvr::EnterLiveChannel(const char* content, CMediaStreamSender* sink, packet_type_t packet_type) {
+    return EnterLiveChannel(content, sink, packet_type, nullptr);
+}
+
+int CLiveSvr::EnterLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type) {
+    return EnterLiveChannel(content, sink, packet_type, nullptr);
+}
+
+int CLiveSvr::EnterLiveChannel(const char* content, CMediaStreamSender* sink, packet_type_t packet_type,
+                               const CLiveChannel* only) {
     CGuard guard(m_internal->m_mutex);
     if (content == nullptr) {
         return -1;
     }
     Internal::channel_attr* attr = m_internal->get_channel_attr_locked(content);
-    if (attr == nullptr) {
+    if (attr == nullptr || (only != nullptr && attr->live_channel != only)) {
         logError("%s:%d EnterLiveChannel failed, this live channel beingless!channel_name=%s \n", __FILE__, __LINE__,
                  content);
         return -1;
@@ -281,13 +290,14 @@ int CLiveSvr::EnterLiveChannel(const char* content, CMediaStreamSender* sink, pa
     return m_internal->enter_locked(*attr, sink, packet_type);
 }
 
-int CLiveSvr::EnterLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type) {
+int CLiveSvr::EnterLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type,
+                               const CLiveChannel* only) {
     CGuard guard(m_internal->m_mutex);
     if (content == nullptr) {
         return -1;
     }
     Internal::channel_attr* attr = m_internal->get_channel_attr_locked(content);
-    if (attr == nullptr) {
+    if (attr == nullptr || (only != nullptr && attr->live_channel != only)) {
         logError("%s:%d EnterLiveChannel failed, this live channel beingless!,channel_name=%s \n", __FILE__, __LINE__,
                  content);
         return -1;
