@@ -185,7 +185,6 @@ private:
     int play_data_source(const StateEvent& event);
     int reply_play();
     int warn_play();
-    bool has_sink() const;
     int build_rtp_info(rtp_info_entry* table, int* count);
     const rtp_info_entry* find_rtp_info(const rtp_info_entry* table, int count, int track_id) const;
     const char* generate_play_reply(const rtp_info_entry* entries, int count);
@@ -248,7 +247,8 @@ private:
     bool m_multicast_setup = false;                    // a multicast SETUP has been answered
     bool m_media_started = false;                      // the sinks are attached,
     packet_type_t m_attached_type = PACKET_TYPE_NONE;  // to the buffer of this type,
-    bool m_attached_udp = false;                       // m_udp_sender and not m_media_sender
+    bool m_attached_udp = false;                       // m_udp_sender and not m_media_sender,
+    bool m_attached_sink = false;                      // if there is one: else the channel alone was started
     bool m_assist_enabled = false;                     // the assist track was counted in
     bool m_source_started = false;                     // StartStreaming was called on the data source
     packet_type_t m_source_type = PACKET_TYPE_NONE;    // in this form
@@ -283,7 +283,7 @@ private:
     bool m_auth_has_text VIDORA_GUARDED_BY(m_auth_mutex) = false;
     std::string m_auth_text VIDORA_GUARDED_BY(m_auth_mutex);
 
-    // Frame loss; m_last_frame belongs to the source's thread.
+    // Frame loss; m_last_frame belongs to the source's thread while a sink is attached.
     unsigned int m_last_frame[MAX_TRACKS] = {};
     std::atomic<unsigned int> m_lost_count{0};
 

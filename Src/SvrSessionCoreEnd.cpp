@@ -190,10 +190,10 @@ void CSvrSessionCore::stop_media() {
     }
     m_media_started = false;
     if (m_live_channel != nullptr) {
-        if (m_attached_udp && m_multicast_setup) {
-            m_live_channel->StopStreaming(m_attached_type);
-        } else {
+        if (m_attached_sink) {
             leave_channel();
+        } else {
+            m_live_channel->StopStreaming(m_attached_type);
         }
     } else if (m_media_buffer != nullptr) {
         m_attached_udp ? m_media_buffer->DelLevel2Buffer(m_udp_sender) : m_media_buffer->DelSender(m_media_sender);
@@ -436,7 +436,7 @@ int CSvrSessionCore::handle_message(long /*sender_id*/, unsigned int msg, long p
 // themselves. A DESCRIBE that waits for the SDP may have it now.
 int CSvrSessionCore::on_sdp_update() {
     if (m_sdp_timer != 0) {
-        return retry_describe();
+        return has_source() && read_sdp() < 0 ? 0 : reply_describe();  // the tries are the timer's
     }
     // A source that becomes ready reports that as an update as well. It may overtake the DESCRIBE that has just been
     // answered with this very SDP.

@@ -106,7 +106,7 @@ int CSvrSessionCore::reply_play() {
         }
     }
     const char* reply = generate_play_reply(entries, count);
-    if (reply == nullptr || !has_sink()) {
+    if (reply == nullptr) {
         return warn_play();
     }
     restart_report_timer();
@@ -130,10 +130,6 @@ int CSvrSessionCore::reply_play() {
 int CSvrSessionCore::warn_play() {
     logWarn("%s:%d, this:%p.\n", "Vidora::CSvrSessionCore::reply_play", __LINE__, static_cast<void*>(this));
     return -1;
-}
-
-bool CSvrSessionCore::has_sink() const {
-    return m_multicast_setup || (m_transport == RTP_OVER_UDP ? m_udp_sender != nullptr : m_media_sender != nullptr);
 }
 
 // One entry for each track that was set up, with where its stream is now (RFC 2326 12.33).
@@ -221,6 +217,7 @@ int CSvrSessionCore::attach_sinks() {
     m_media_started = true;
     m_attached_type = m_packet_type;
     m_attached_udp = m_transport == RTP_OVER_UDP;
+    m_attached_sink = m_attached_udp ? m_udp_sender != nullptr && !m_multicast_setup : m_media_sender != nullptr;
     if (wants_assist() && !m_assist_enabled) {
         m_assist_enabled = true;
         of_source([](auto& source) { return source.EnableStreamTrack(STREAM_TRACK_ASSIST); });
@@ -246,11 +243,13 @@ int CSvrSessionCore::attach_sinks() {
     return 0;
 }
 
+// The session itself has no sink where the channel sends by its own, and where SETUP was refused: PLAY is answered all
+// the same and starts the channel, and media flows only to those that have a sink. The registry hears of sinks alone.
 int CSvrSessionCore::attach_live() {
-    if (m_attached_udp && m_multicast_setup) {
+    if (!m_attached_sink) {
         logInfo("%s:%d, start streaming now. m_packet_type=%d. this=%p. \n", __FILE__, __LINE__, m_packet_type,
                 static_cast<void*>(this));
-        m_live_channel->StartStreaming(m_packet_type);  // the channel has the sinks
+        m_live_channel->StartStreaming(m_packet_type);
         return 0;
     }
     // Only the channel that this session holds a reference on: one that was published anew under its name since

@@ -132,6 +132,18 @@ TEST_F(Conversation, SetupRefusesWhatItCantServe) {
     }
 }
 
+TEST_F(Conversation, ARefusedTransportLeavesTheOneThatWasSetUp) {
+    StartServer();
+    CFakeStreamSource* source = AddChannel();
+    CRtspTestClient client(m_port);
+    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
+    ASSERT_EQ(200, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
+    EXPECT_EQ(461, client.Ask("SETUP", Url() + "/trackID=0", "Transport: RTP/AVP;unicast;client_port=0-1\r\n").status);
+    ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
+    ASSERT_TRUE(Give(source, 10));
+    EXPECT_EQ(0, client.Frame().channel);
+}
+
 TEST_F(Conversation, PrivateFramesTravelWithTheirOwnHeader) {
     StartServer();
     CFakeStreamSource* source = AddChannel();
@@ -220,6 +232,12 @@ TEST_F(Conversation, MulticastChannelIsOfferedAsSuch) {
         other.Close();
         EXPECT_TRUE(SessionsGone(1));
     }
+    // PLAY after a refused SETUP is answered, and its user is counted in and out like any other.
+    CRtspTestClient refused(m_port);
+    ASSERT_EQ(200, refused.Ask("DESCRIBE", Url()).status);
+    ASSERT_EQ(461, refused.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
+    EXPECT_EQ(200, refused.Ask("PLAY", Url()).status);
+    EXPECT_EQ(200, refused.Ask("TEARDOWN", Url()).status);
     EXPECT_EQ(0, source->CountCalls("Stop"));
     client.Send(client.Request("SETUP", Url() + "/trackID=0",
                                "Transport: RTP/AVP;multicast;destination=239.1.2.3;port=4000-4001;ttl=4\r\n"));
