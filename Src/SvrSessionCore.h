@@ -212,6 +212,9 @@ private:
     int send_udp_report(const unsigned char* report, unsigned int length, int channel);
     void on_frame_info(CMediaPacket* packet, int length, int unused);
     void give_lost_events();
+    void on_source_end();
+    bool has_media_to_send();
+    void stop_draining();
     int on_sdp_update();
     bool has_same_sdp();
     void stop_media();
@@ -267,6 +270,9 @@ private:
     unsigned int m_play_round = 0;  // counts what ends a PLAY, for a reply that is overtaken by it
     long m_sdp_timer = 0;           // runs while DESCRIBE waits for an SDP
     int m_sdp_tries = 0;
+    long m_end_timer = 0;  // runs while the last media of a source that has ended leaves
+    int m_end_tries = 0;   // since the client took something
+    uint64_t m_end_unsent = 0;
     long m_rtcp_timer = 0;
     int m_timeout_mask = 0;  // time-outs seen: 1 control, 2 UDP keep-alive
     int m_timeout_need = 1;  // the mask at which the session ends

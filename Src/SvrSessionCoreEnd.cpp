@@ -25,6 +25,9 @@ const int TIMEOUT_KEEPALIVE = 2;
 const size_t REPORT_SIZE = 2048;
 const size_t INTERLEAVE_HEADER_SIZE = 4;
 const char BYE_REASON[] = "End of Stream";
+// How often it is looked whether the media of a source that has ended has arrived, and how often in vain: ten seconds.
+const int64_t END_WAIT_US = 20000;
+const int END_MAX_TRIES = 500;
 
 std::atomic<bool> delay_log{false};
 
@@ -288,6 +291,8 @@ int64_t CSvrSessionCore::handle_timeout(long timer_id) {
         if (retry_describe() < 0) {
             put_asyn_msg(MSG_SRC_READY);
         }
+    } else if (timer_id == m_end_timer && timer_id != 0) {
+        on_source_end();
     } else if (timer_id == m_rtcp_timer && timer_id != 0 && send_rtcp_report(-1, false) < 0) {
         put_asyn_msg(MSG_SRC_FAIL);
     }
@@ -410,8 +415,12 @@ int CSvrSessionCore::handle_message(long /*sender_id*/, unsigned int msg, long p
         case MSG_SRC_PAUSED:
             result = reply_pause();
             break;
-        case MSG_SRC_FAIL:
         case MSG_SRC_END:
+            if (m_end_timer == 0) {  // a source may tell its end with every frame
+                on_source_end();
+            }
+            break;
+        case MSG_SRC_FAIL:
             put_asyn_msg(msg);
             break;
         case MSG_SDP_UPDATE:
@@ -430,6 +439,44 @@ int CSvrSessionCore::handle_message(long /*sender_id*/, unsigned int msg, long p
         put_asyn_msg(msg);
     }
     return 0;
+}
+
+// A recording is given out faster than the client takes it: its last pictures may still wait when its end is told. The
+// connection is kept for them, as long as the client takes some.
+void CSvrSessionCore::on_source_end() {
+    if (has_media_to_send() && m_end_tries < END_MAX_TRIES) {
+        ++m_end_tries;
+        if (m_end_timer == 0) {
+            m_end_timer = SetTimer(END_WAIT_US);
+        }
+        if (m_end_timer != 0) {
+            return;
+        }
+    }
+    put_asyn_msg(MSG_SRC_END);
+}
+
+// Only of a buffer of the session's own: a channel's has media for others, always.
+bool CSvrSessionCore::has_media_to_send() {
+    if (!m_media_started || m_attached_udp || !m_attached_sink || m_media_buffer == nullptr) {
+        return false;
+    }
+    const bool idle = m_media_buffer->IsIdle();
+    const uint64_t unsent = m_media_sender->Unsent();
+    if (unsent != m_end_unsent) {
+        m_end_unsent = unsent;
+        m_end_tries = 0;
+    }
+    return !idle || unsent > 0;
+}
+
+void CSvrSessionCore::stop_draining() {
+    if (m_end_timer != 0) {
+        DestroyTimer(m_end_timer);
+        m_end_timer = 0;
+    }
+    m_end_tries = 0;
+    m_end_unsent = 0;
 }
 
 // A change of the stream's format ends an RTP session, whose SDP would be false; private frames carry the change
@@ -469,6 +516,7 @@ void CSvrSessionCore::on_asyn_msg(const StateEvent& event) {
     }
     bool waits = false;
     stop_waiting_for_sdp();
+    stop_draining();
     stop_media();
     if (m_stream_sender != nullptr) {
         m_stream_sender->Detach();

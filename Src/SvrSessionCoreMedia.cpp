@@ -153,6 +153,7 @@ int CSvrSessionCore::read_channel_name() {
 // Lets go of all that an earlier DESCRIBE brought.
 void CSvrSessionCore::release_source() {
     stop_waiting_for_sdp();
+    stop_draining();
     stop_media();
     release_assist();
     if (m_data_source != nullptr) {

@@ -90,6 +90,11 @@ void CMediaStreamSender::SendOtherData(const char* data, int length) {
     }
 }
 
+uint64_t CMediaStreamSender::Unsent() {
+    const std::shared_ptr<CStreamOutput> queue = output();
+    return queue == nullptr ? 0 : queue->Unsent();
+}
+
 CSock* CMediaStreamSender::Detach() {
     CGuard guard(m_mutex);
     if (m_output != nullptr) {

@@ -54,6 +54,9 @@ public:
     void DisableSendChannel(int channel);
     // Slips control text between media packets, never inside one; it is never dropped.
     void SendOtherData(const char* data, int length);
+    // About how many bytes the peer's system hasn't taken yet; 0 if it never will. A connection that is closed while
+    // there are some loses them as soon as the peer sends anything (RFC 1122 4.2.2.13).
+    uint64_t Unsent();
     // Lets go of the socket, and gives it back, or null. Media that is queued is dropped, except the rest of a packet
     // that is half sent; control text stays with the socket for another sender.
     CSock* Detach();

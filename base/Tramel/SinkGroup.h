@@ -53,6 +53,8 @@ public:
     void Remove(const CMediaStreamSender* sender);
     void RemoveAll();
     size_t Count();
+    // True if nothing waits for a turn and none runs.
+    bool IsIdle();
 
 protected:
     bool RunTurn() override;

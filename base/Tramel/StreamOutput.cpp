@@ -1,5 +1,7 @@
 #include "Tramel/StreamOutput.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -334,6 +336,16 @@ int64_t CStreamOutput::write_locked(const struct iovec* parts, unsigned int coun
     }
     fail_locked();
     return -1;
+}
+
+uint64_t CStreamOutput::Unsent() {
+    CGuard guard(m_mutex);
+    if (m_failed) {
+        return 0;
+    }
+    int in_socket = 0;
+    ioctl(m_sock->GetHandle(), SIOCOUTQ, &in_socket);  // left at 0 on failure
+    return m_media_cost + m_text_cost - m_begun + static_cast<uint64_t>(in_socket);
 }
 
 void CStreamOutput::OnWritable() {

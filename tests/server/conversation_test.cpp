@@ -192,10 +192,24 @@ TEST_F(Conversation, DataSourceAnswersLaterSeeksPausesAndEnds) {
     EXPECT_EQ(200, client.Reply().status);
     EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
 
-    // The source's end closes the connection, without a message.
+    // The source's end closes the connection, without a message, behind the last picture: also of a client with little
+    // room that goes on sending reports, which would tear down a connection that is closed with bytes on their way.
     CRtspTestClient other(m_port);
+    const int room = 65536;
+    setsockopt(other.Fd(), SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
     PlayInterleaved(other, content);
+    Support::FrameSpec spec;
+    spec.type = 'I';
+    spec.payload = Support::H264Picture(true, 3000000, 1);
+    ASSERT_TRUE(Support::WaitUntil([&] { return CFakeStreamSource::Last()->Give(Support::BuildFrame(spec)); }));
     CFakeStreamSource::Last()->Tell(MSG_SRC_END);
+    size_t bytes = 0;
+    for (RtspFrame frame = other.Frame(); frame.channel == 0; frame = other.Frame()) {
+        bytes += frame.data.size();
+        other.Send(std::string("$\1\0\4\x80\xc9\0\0", 8));
+        usleep(100);
+    }
+    EXPECT_LT(3000000u, bytes);
     EXPECT_TRUE(other.Closed());
     client.Close();
     EXPECT_TRUE(SessionsGone());
