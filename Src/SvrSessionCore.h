@@ -203,6 +203,7 @@ private:
     int on_teardown(const StateEvent& event);
     int teardown_track(TrackInfo& track);
     int stop_data_source();
+    int refuse_here(const StateEvent& event);
     int on_unsupported(const StateEvent& event);
 
     // Timers, reports, failures and the end.

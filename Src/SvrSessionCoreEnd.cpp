@@ -96,9 +96,7 @@ int CSvrSessionCore::on_pause(const StateEvent& event) {
         return refuse_parse(event);
     }
     if (m_is_live || m_data_source == nullptr) {
-        // A channel that others share can't be paused. As the reply event has a status above 299 the machine stays in
-        // Play.
-        return m_machine.put_tx_event(1, m_rsp_parser.generate_error_reply(455), 455, event.id) ? 1 : -1;
+        return refuse_here(event);  // a channel that others share can't be paused
     }
     const int track_id = find_track_id(m_rsp_parser.get_url());
     for (int i = 0; i < m_track_count; ++i) {
@@ -117,6 +115,11 @@ int CSvrSessionCore::on_pause(const StateEvent& event) {
 int CSvrSessionCore::reply_pause() {
     m_streaming = false;
     return m_machine.put_tx_event(4, m_rsp_parser.generate_reply(nullptr, 200, nullptr), 200, m_wait_id) ? 0 : -1;
+}
+
+// As a reply event with a status above 299 leaves the machine in its state; sent at once it would enter the next one.
+int CSvrSessionCore::refuse_here(const StateEvent& event) {
+    return m_machine.put_tx_event(1, m_rsp_parser.generate_error_reply(455), 455, event.id) ? 1 : -1;
 }
 
 int CSvrSessionCore::on_unsupported(const StateEvent& event) {

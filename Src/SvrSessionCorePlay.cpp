@@ -38,6 +38,9 @@ int CSvrSessionCore::on_play(const StateEvent& event) {
     if (parse_event(event) < 0) {
         return refuse_parse(event);
     }
+    if (m_setup_count == 0) {
+        return refuse_here(event);  // every SETUP was refused
+    }
     return m_is_live ? reply_play() : play_data_source(event);
 }
 

@@ -1,3 +1,4 @@
+#include "Protocol/SdpParser.h"
 #include "server/ServerFixture.h"
 #include "support/UdpPeer.h"
 
@@ -6,6 +7,29 @@ namespace Vidora {
 namespace {
 
 using Support::CUdpPeer;
+
+// A source of one medium that the client would have to send.
+class CListeningSource : public CDataSource {
+public:
+    int Init(long, int) override { return 0; }
+    void AddNotify(long) override {}
+    void DelNotify(long) override {}
+    int Play(const UtcTime&, const UtcTime&, float, bool) override { return 0; }
+    int Play(uint64_t, uint64_t, float, bool) override { return 0; }
+    int Pause() override { return 0; }
+    int StartStreaming(packet_type_t, CMediaBuffer*, int) override { return 0; }
+    int StopStreaming(packet_type_t) override { return 0; }
+    using CDataSource::GetSdp;
+    int GetSdp(CSdpParser& sdp) override {
+        return sdp.set_media_attribute(sdp.add_media("audio", 0, 1, "RTP/AVP", "8"), "sendonly", nullptr);
+    }
+    int GetSrcInfo(SrcInfo&, int) override { return 0; }
+    int GetPlayRange(UtcTime&, UtcTime&) override { return 0; }
+    int GetPlayRange(uint64_t&, uint64_t&) override { return 0; }
+    int GetTcpChannel(int) override { return 0; }
+    unsigned int GetSSRC(int) override { return 0; }
+    int handle_close(CNetHandler*) override { return delete this, 0; }
+};
 
 class Conversation : public CServerTest {
 protected:
@@ -130,6 +154,19 @@ TEST_F(Conversation, SetupRefusesWhatItCantServe) {
             EXPECT_EQ(row.status, client.Reply().status) << row.transport;
         }
     }
+}
+
+TEST_F(Conversation, PlayWithoutAnyTrackThatWasSetUpIsRefusedAloud) {
+    StartServer();
+    m_source = new CListeningSource;
+    ShareChannel(LIVE_NAME);
+    CRtspTestClient client(m_port);
+    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
+    EXPECT_EQ(503, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
+    EXPECT_EQ(455, client.Ask("PLAY", Url()).status);
+    EXPECT_EQ(455, client.Ask("PLAY", Url()).status);  // the state stays
+    EXPECT_EQ(200, client.Ask("TEARDOWN", Url() + "/trackID=0").status);
+    EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
 }
 
 TEST_F(Conversation, ARefusedTransportLeavesTheOneThatWasSetUp) {
