@@ -147,6 +147,9 @@ protected:
     uint8_t m_is_scale = 0;  // set by the first Scale header and never cleared
     int m_back_channel = 0;
     int m_range_cseq = 0;
+    // Of the server's codec alone. Here and not in its class, as they would lie behind the body and touch its pages.
+    uint64_t m_session_id = 0;
+    int m_client_kind = 0;
     multicast_info m_multicast;
     ext_keys_t m_ext_keys[RTSP_METHOD_COUNT];
 

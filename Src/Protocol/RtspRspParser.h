@@ -67,9 +67,6 @@ private:
     void read_destination(CStrParser& text);
 
     const char* generate_play_tail(const rtp_info_entry* entries, int count, const char* range);
-
-    uint64_t m_session_id;
-    int m_client_kind = CLIENT_KIND_UNKNOWN;
 };
 
 }  // namespace Vidora
