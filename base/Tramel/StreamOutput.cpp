@@ -5,6 +5,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Tramel/SockDetail.h"
 #include "Vidora/Ostra/Time.h"
 #include "Vidora/Tramel/Sock.h"
 
@@ -325,7 +326,7 @@ int64_t CStreamOutput::write_locked(const struct iovec* parts, unsigned int coun
     if (sent >= 0) {
         return sent;
     }
-    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+    if (IsWouldBlock(errno)) {
         return 0;
     }
     fail_locked();
