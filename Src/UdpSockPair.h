@@ -13,7 +13,7 @@ namespace Vidora {
 // them, however many sessions run.
 //
 // THREADING  OpenInRange, OpenAt and the destructor may run on any threads for different pairs; the table has a lock of
-//            its own. One pair is used by one thread at a time.
+//            its own. One pair is opened by one thread; then one may send while another receives.
 class CUdpSockPair {
 public:
     CUdpSockPair() = default;
