@@ -6,6 +6,7 @@
 #include <new>
 #include <string>
 
+#include "StreamSource/IdList.h"
 #include "Tramel/MediaBuffer.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/LiveChannel.h"
@@ -27,12 +28,6 @@ void detach(CMediaBuffer& buffer, CMediaStreamSender* sink) {
 }
 void detach(CMediaBuffer& buffer, CLevel2Buffer_IF* sink) {
     buffer.DelLevel2Buffer(sink);
-}
-
-// Takes a sink off that is known by its address alone, and may have gone if the buffer doesn't have it.
-template <typename Sink>
-void detach_address(CMediaBuffer& buffer, long address) {
-    detach(buffer, reinterpret_cast<Sink*>(address));
 }
 
 void log_no_channel(const CMediaStreamSender*, const char* content) {
@@ -81,23 +76,12 @@ int string_list_cmpare(const std::list<std::string>& attr_params, const std::lis
 }  // namespace
 
 struct CLiveSvr::Internal {
-    // A sink that is attached to a channel's buffer of that type.
-    struct channel_user {
-        long sink;  // its address; 0 for a null sink
-        packet_type_t packet_type;
-        void (*detach)(CMediaBuffer& buffer, long sink);
-    };
-
     // One published name.
     struct channel_attr {
         std::string name;               // the content string up to the first "?"
         std::list<std::string> params;  // the parts of the query, in their order
         CLiveChannel* live_channel = nullptr;
-        std::list<channel_user> users;
-
-        // Ends the channel. A sink that has entered leaves its buffers first: a buffer may go on getting packets while
-        // the channel waits for its last reference, and who entered by its name can't find it any more.
-        void Close();
+        std::list<long> users;  // sinks now attached, as pointer values; null sinks too
     };
 
     // One source with the names that are published from it, never empty while it stands in the table.
@@ -121,16 +105,6 @@ struct CLiveSvr::Internal {
     CMutex m_mutex;
     std::list<channel_comp> m_comp_list VIDORA_GUARDED_BY(m_mutex);
 };
-
-void CLiveSvr::Internal::channel_attr::Close() {
-    for (const channel_user& user : users) {
-        CMediaBuffer* buffer = user.sink == 0 ? nullptr : live_channel->GetMediaBuffer(user.packet_type);
-        if (buffer != nullptr) {
-            user.detach(*buffer, user.sink);
-        }
-    }
-    live_channel->Close();
-}
 
 CLiveSvr* CLiveSvr::Create(long notify_id) {
     CLiveSvr* live_svr = new (std::nothrow) CLiveSvr;
@@ -276,7 +250,7 @@ bool CLiveSvr::Internal::delete_locked(const char* channel_name) {
             continue;
         }
         logInfo("%s:%d, close channel, name=%s \n", __FILE__, __LINE__, channel_name);
-        attr->Close();
+        attr->live_channel->Close();
         comp->attr_list.erase(attr);
         if (comp->attr_list.empty()) {
             comp->data_src->Close();
@@ -324,10 +298,7 @@ int CLiveSvr::Internal::enter_locked(const char* content, Sink* sink, packet_typ
         log_no_channel(sink, content);
         return -1;
     }
-    try {
-        attr->users.push_back(channel_user{reinterpret_cast<long>(sink), packet_type, &detach_address<Sink>});
-    } catch (const std::bad_alloc&) {
-        logError("%s:%d no memory\n", __FILE__, __LINE__);
+    if (!AppendId(attr->users, reinterpret_cast<long>(sink))) {
         return -1;
     }
     CMediaBuffer* buffer = sink == nullptr ? nullptr : attr->live_channel->GetMediaBuffer(packet_type);
@@ -376,8 +347,7 @@ CLiveChannel* CLiveSvr::Internal::remove_live_ch_user_locked(const char* content
     if (user == 0) {
         return attr->live_channel;
     }
-    const auto entry = std::find_if(attr->users.begin(), attr->users.end(),
-                                    [user](const channel_user& entered) { return entered.sink == user; });
+    const auto entry = std::find(attr->users.begin(), attr->users.end(), user);
     if (entry == attr->users.end()) {
         logError("%s:%d, remove_live_ch_user, usr=0x%x.\n", __FILE__, __LINE__, static_cast<unsigned int>(user));
         return nullptr;
@@ -409,7 +379,7 @@ void CLiveSvr::Close() {
         CGuard guard(m_internal->m_mutex);
         for (Internal::channel_comp& comp : m_internal->m_comp_list) {
             for (Internal::channel_attr& attr : comp.attr_list) {
-                attr.Close();
+                attr.live_channel->Close();
             }
             comp.data_src->Close();
         }

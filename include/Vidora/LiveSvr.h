@@ -21,9 +21,8 @@ class CLiveChannel;
 //            wait.
 // OWNERSHIP  From a successful AddLiveChannel on the registry owns channel and source and closes them: the channel at
 //            DelLiveChannel, the source with its last channel, and all of them at Close. It dies by Close, never by
-//            delete. Sinks are borrowed, from EnterLiveChannel until LeaveLiveChannel or the end of the channel that
-//            was entered, whichever comes first; both wait for a call of the sink that runs. Only where the content
-//            string finds another channel by then, Leave fails, and the sink is to be taken off the buffer itself.
+//            delete. Sinks are borrowed: who enters leaves before the sink dies, and takes it off the channel's
+//            buffer itself if the channel was deleted meanwhile, under the reference that it holds.
 class VIDORA_API CLiveSvr : public CNetHandler {
 public:
     // `notify_id`: the handler that gets the messages of channels and sources, with a pointer to the channel's name as
