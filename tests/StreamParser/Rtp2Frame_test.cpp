@@ -2,10 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <string>
-#include <vector>
-
 #include "StreamParser/Frame2Ts.h"
 #include "support/Capture.h"
 #include "support/Depacketiser.h"
@@ -22,6 +18,14 @@ namespace {
 const Bytes SPS = FromHex("6742c01eda0280be40");
 const Bytes PPS = FromHex("68ce3c80");
 const Bytes CODE = FromHex("00000001");
+
+std::vector<Bytes> all_from_hex(const std::vector<const char*>& texts) {
+    std::vector<Bytes> all;
+    for (const char* text : texts) {
+        all.push_back(FromHex(text));
+    }
+    return all;
+}
 
 TEST(Rtp2Frame, HeadersThatLieAreRefused) {
     struct Row {
@@ -62,7 +66,7 @@ TEST(Rtp2Frame, HeadersThatLieAreRefused) {
     };
     for (const Row& row : rows) {
         Depacketiser in(ENC_TYPE_AUDIO);
-        Support::CLogCapture log;
+        CLogCapture log;
         EXPECT_EQ(row.result, in.Put(row.packet)) << row.name;
         EXPECT_EQ(row.result < 0, log.Count("CRtp2Frame::PutPacket input invalid. buf[")) << row.name;
         if (row.result > 0 && row.packet.size() > 13 && std::string(row.name) != "padding of zero bytes") {
@@ -85,16 +89,15 @@ TEST(Rtp2Frame, OneFrameHasABoundedNumberOfPackets) {
 }
 
 TEST(Rtp2Frame, TimeRunsInTheClockOfAudioAndIn90KhzElsewhere) {
-    struct Row {
+    const struct {
         int enc_type;
         uint32_t clock, step;
         uint64_t ms;
-    };
-    const Row rows[] = {{ENC_TYPE_AUDIO, 8000, 160, 20},  {ENC_TYPE_AUDIO, 0, 160, 20},
-                        {ENC_TYPE_AUDIO, 44100, 441, 10}, {ENC_TYPE_H264, 90000, 3600, 40},
-                        {ENC_TYPE_JPEG, 8000, 3600, 40},  {ENC_TYPE_MPEG_AUDIO, 44100, 3600, 40},
-                        {ENC_TYPE_ASSIST, 1000, 3003, 33}};
-    for (const Row& row : rows) {
+    } rows[] = {{ENC_TYPE_AUDIO, 8000, 160, 20},  {ENC_TYPE_AUDIO, 0, 160, 20},
+                {ENC_TYPE_AUDIO, 44100, 441, 10}, {ENC_TYPE_H264, 90000, 3600, 40},
+                {ENC_TYPE_JPEG, 8000, 3600, 40},  {ENC_TYPE_MPEG_AUDIO, 44100, 3600, 40},
+                {ENC_TYPE_ASSIST, 1000, 3003, 33}};
+    for (const auto& row : rows) {
         Depacketiser in(row.enc_type, false, row.clock);
         RtpSpec spec;
         spec.timestamp = 0xFFFFFF00;
@@ -108,7 +111,7 @@ TEST(Rtp2Frame, TimeRunsInTheClockOfAudioAndIn90KhzElsewhere) {
 }
 
 TEST(Rtp2Frame, TheFirstPacketTellsItsSsrc) {
-    Support::CLogCapture log;
+    CLogCapture log;
     Depacketiser in(ENC_TYPE_AUDIO);
     in.Put(MakeRtp(RtpSpec(), {1}));
     EXPECT_EQ(1, log.Count(">>> RTP SSRC CHANGES from [00000000] to [11223344]\n"));
@@ -120,13 +123,12 @@ TEST(Rtp2Frame, TheFirstPacketTellsItsSsrc) {
 // Packets of another payload type that take part in the sequence: after the first pair they are no gaps, and a real gap
 // beside one of them still marks the frame. One that follows the own number 0 isn't counted, as it never was.
 TEST(Rtp2Frame, ForeignPacketsMayShareTheSequence) {
-    struct Row {
+    const struct {
         bool shared;
         uint16_t start;
         uint32_t lost;  // frame
-    };
-    const Row rows[] = {{true, 65529, 0}, {true, 65530, 5}, {false, 65530, 0}};
-    for (const Row& row : rows) {
+    } rows[] = {{true, 65529, 0}, {true, 65530, 5}, {false, 65530, 0}};
+    for (const auto& row : rows) {
         Depacketiser in(ENC_TYPE_AUDIO, true);
         RtpSpec own, foreign;
         foreign.payload_type = 97;
@@ -189,14 +191,8 @@ TEST(Rtp2Frame, H264PayloadsBecomeAByteStream) {
     };
     for (const Row& row : rows) {
         Depacketiser in(ENC_TYPE_H264);
-        Support::CLogCapture log;
-        RtpSpec spec;
-        int result = 0;
-        for (const char* payload : row.payloads) {
-            spec.marker = payload == row.payloads.back();
-            result = in.Put(MakeRtp(spec, FromHex(payload)));
-            ++spec.sequence;
-        }
+        CLogCapture log;
+        const int result = in.PutFrame(all_from_hex(row.payloads));
         EXPECT_EQ(row.result, result) << row.name;
         EXPECT_EQ(ToHex(FromHex(row.frame)), ToHex(in.Last())) << row.name;
         EXPECT_EQ(std::string(row.letter != 0 ? 1 : 0, row.letter), in.m_letters) << row.name;
@@ -213,12 +209,11 @@ TEST(Rtp2Frame, H264KeyFramesHaveParameterSets) {
     const auto unit = [](const Bytes& nal) {
         return Bytes{static_cast<uint8_t>(nal.size() >> 8), static_cast<uint8_t>(nal.size())} + nal;
     };
-    struct Row {
+    const struct {
         const char* name;
         std::vector<Bytes> payloads;
         bool own;  // the frame has both sets
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"none", {idr}, false},
         {"only one", {other_sps, idr}, false},
         {"packets of their own", {other_sps, PPS, idr}, true},
@@ -228,20 +223,15 @@ TEST(Rtp2Frame, H264KeyFramesHaveParameterSets) {
         {"damaged start code", {FromHex("0600") + FromHex("80000001") + other_sps + CODE + PPS, idr}, true},
         {"too long for the configuration", {other_sps + Bytes(1010, 0x55), PPS, idr}, false},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         Depacketiser in(ENC_TYPE_H264);
         ASSERT_EQ(0, in.Engine().SetH264Config(SPS.data(), static_cast<int>(SPS.size()), PPS.data(),
                                                static_cast<int>(PPS.size())));
-        RtpSpec spec;
-        for (const Bytes& payload : row.payloads) {
-            spec.marker = &payload == &row.payloads.back();
-            in.Put(MakeRtp(spec, payload));
-            ++spec.sequence;
-        }
+        in.PutFrame(row.payloads);
         ASSERT_EQ("I", in.m_letters) << row.name;
         const std::string first = ToHex(in.Last());
         EXPECT_EQ(row.own ? std::string::npos : 0, first.find(ToHex(known))) << row.name;
-        in.Put(MakeRtp(spec, idr));  // and what is known from now on
+        in.PutFrame({idr});  // and what is known from now on
         EXPECT_EQ(ToHex((row.own ? other : known) + CODE + idr), ToHex(in.Last())) << row.name;
         EXPECT_EQ(row.own ? 480 : 640, in.Engine().GetWidth()) << row.name;
         EXPECT_EQ(row.own ? 272 : 368, in.Engine().GetHeight()) << row.name;
@@ -251,21 +241,13 @@ TEST(Rtp2Frame, H264KeyFramesHaveParameterSets) {
 
 // A parameter set of 64 pixels by two fields of 16 lines; IDR slices with field_pic_flag 1 and 0.
 TEST(Rtp2Frame, FieldPicturesAreToldFromInterlacedFrames) {
-    const Bytes interlaced = FromHex("6742c01eda1248");
-    struct Row {
+    const struct {
         const char* slice;
         int progressive;
-    };
-    const Row rows[] = {{"658886", 0}, {"658882", 1}};
-    for (const Row& row : rows) {
+    } rows[] = {{"658886", 0}, {"658882", 1}};
+    for (const auto& row : rows) {
         Depacketiser in(ENC_TYPE_H264);
-        RtpSpec spec;
-        in.Put(MakeRtp(spec, interlaced));
-        ++spec.sequence;
-        in.Put(MakeRtp(spec, PPS));
-        ++spec.sequence;
-        spec.marker = true;
-        EXPECT_EQ(1, in.Put(MakeRtp(spec, FromHex(row.slice))));
+        EXPECT_EQ(1, in.PutFrame({FromHex("6742c01eda1248"), PPS, FromHex(row.slice)}));
         EXPECT_EQ(row.progressive, in.Engine().GetProgressive()) << row.slice;
         EXPECT_EQ(32, in.Engine().GetHeight());
     }
@@ -289,37 +271,27 @@ TEST(Rtp2Frame, Mpeg4KeyFramesHaveAConfiguration) {
     const Bytes key = FromHex("000001b6 10aabb");
     const Bytes other = FromHex("000001b6 50aabb");
     Depacketiser in(ENC_TYPE_MPEG4);
-    RtpSpec spec;
-    const auto put = [&](const Bytes& payload, bool marker) {
-        spec.marker = marker;
-        const int ret = in.Put(MakeRtp(spec, payload));
-        ++spec.sequence;
-        return ret;
-    };
-    EXPECT_EQ(0, put(FromHex("aabbcc"), true));  // no picture: goes on collecting
-    EXPECT_EQ(1, put(other, true));
-    EXPECT_EQ(ToHex(FromHex("aabbcc") + other), ToHex(in.Last()));
-    EXPECT_EQ(0, put(config, false));
-    EXPECT_EQ(0, put(key, false));
-    EXPECT_EQ(1, put(FromHex("ccdd"), true));
-    EXPECT_EQ(ToHex(config + key + FromHex("ccdd")), ToHex(in.Last()));
+    EXPECT_EQ(0, in.PutFrame({FromHex("aabbcc")}));  // no picture: goes on collecting
+    EXPECT_EQ(1, in.PutFrame({other}));
+    EXPECT_EQ(FromHex("aabbcc") + other, in.Last());
+    EXPECT_EQ(1, in.PutFrame({config, key, FromHex("ccdd")}));
+    EXPECT_EQ(config + key + FromHex("ccdd"), in.Last());
     EXPECT_EQ(352, in.Engine().GetWidth());
     EXPECT_EQ(288, in.Engine().GetHeight());
-    EXPECT_EQ(1, put(key, true));
-    EXPECT_EQ(ToHex(config + key), ToHex(in.Last()));  // the known configuration in front
-    EXPECT_EQ(1, put(other, true));
+    EXPECT_EQ(1, in.PutFrame({key}));
+    EXPECT_EQ(config + key, in.Last());  // the known configuration in front
+    EXPECT_EQ(1, in.PutFrame({other}));
     EXPECT_EQ("PIIP", in.m_letters);
 }
 
 TEST(Rtp2Frame, AudioAndAssistHeadersAreCut) {
-    struct Row {
+    const struct {
         int enc_type;
         std::vector<const char*> payloads;
         int result;
         const char* frame;
         const char* letters;
-    };
-    const Row rows[] = {
+    } rows[] = {
         {ENC_TYPE_MPEG_AUDIO, {"00000000 a1a2", "00000002 a3"}, 1, "a1a2a3", "A"},
         {ENC_TYPE_MPEG_AUDIO, {"000000"}, -1, "", ""},
         {ENC_TYPE_AUDIO, {"a1a2", "a3"}, 1, "a1a2a3", "A"},
@@ -327,18 +299,11 @@ TEST(Rtp2Frame, AudioAndAssistHeadersAreCut) {
         {ENC_TYPE_ASSIST, {"07000000000000"}, -1, "", ""},
         {ENC_TYPE_ONVIF_METADATA, {"aa"}, -1, "", ""},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         Depacketiser in(row.enc_type);
-        Support::CLogCapture log;
+        CLogCapture log;
         EXPECT_EQ(CRtp2Frame::ASSIST_TYPE_NONE, in.Engine().GetAssistType());
-        RtpSpec spec;
-        int result = 0;
-        for (const char* payload : row.payloads) {
-            spec.marker = payload == row.payloads.back();
-            result = in.Put(MakeRtp(spec, FromHex(payload)));
-            ++spec.sequence;
-        }
-        EXPECT_EQ(row.result, result) << row.enc_type;
+        EXPECT_EQ(row.result, in.PutFrame(all_from_hex(row.payloads))) << row.enc_type;
         EXPECT_EQ(row.frame, ToHex(in.Last())) << row.enc_type;
         EXPECT_EQ(row.letters, in.m_letters) << row.enc_type;
         EXPECT_EQ(row.enc_type == ENC_TYPE_ASSIST, in.Engine().GetAssistType() == 7) << row.enc_type;
@@ -372,9 +337,7 @@ TEST(Rtp2Frame, JpegHeadersAreRebuilt) {
     };
     for (const Row& row : rows) {
         Depacketiser in(ENC_TYPE_JPEG);
-        RtpSpec spec;
-        spec.marker = true;
-        EXPECT_EQ(row.result, in.Put(MakeRtp(spec, FromHex(row.payload)))) << row.name;
+        EXPECT_EQ(row.result, in.PutFrame({FromHex(row.payload)})) << row.name;
         if (row.result > 0) {
             const std::string image = ToHex(in.Last());
             EXPECT_EQ(row.header_len + 2, in.Last().size()) << row.name;
@@ -390,12 +353,9 @@ TEST(Rtp2Frame, JpegHeadersAreRebuilt) {
     // Tables stay for the frames with the same Q that leave them out, unless Q is 255.
     for (const char* q : {"80", "ff"}) {
         Depacketiser in(ENC_TYPE_JPEG);
-        RtpSpec spec;
-        spec.marker = true;
         const std::string head = std::string("00000000 00") + q + "503c";
-        EXPECT_EQ(1, in.Put(MakeRtp(spec, FromHex(head + "00000080" + tables + "aabb"))));
-        ++spec.sequence;
-        EXPECT_EQ(std::string(q) == "ff" ? -1 : 1, in.Put(MakeRtp(spec, FromHex(head + "00000000 ccdd"))));
+        EXPECT_EQ(1, in.PutFrame({FromHex(head + "00000080" + tables + "aabb")}));
+        EXPECT_EQ(std::string(q) == "ff" ? -1 : 1, in.PutFrame({FromHex(head + "00000000 ccdd")}));
     }
 }
 
@@ -411,10 +371,8 @@ TEST(Rtp2Frame, TransportStreamsGiveTheFramesOfTheirFirstTrack) {
         const bool audio = i % 3 == 2;
         Bytes frame = i % 2 == 0 ? CODE + SPS + CODE + PPS + CODE + FromHex("658884") : CODE + FromHex("61e0");
         frame.resize(frame.size() + i * 500, 0x55);
-        packer.PutFrame(frame.data(), static_cast<unsigned>(frame.size()), audio ? ENC_TYPE_AUDIO : ENC_TYPE_H264, i,
-                        0);
+        const std::vector<Bytes> units = Pack(packer, frame, audio ? ENC_TYPE_AUDIO : ENC_TYPE_H264, i);
         spec.timestamp += 3600;
-        const std::vector<Bytes> units = UnitsOf(packer);
         for (const Bytes& unit : units) {
             spec.marker = &unit == &units.back();
             // Bytes behind the last whole packet of 188 aren't looked at.

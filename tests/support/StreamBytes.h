@@ -1,6 +1,7 @@
 #ifndef VIDORA_TESTS_SUPPORT_STREAMBYTES_H
 #define VIDORA_TESTS_SUPPORT_STREAMBYTES_H
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -41,6 +42,21 @@ inline std::string ToHex(const Bytes& bytes) {
 inline Bytes operator+(Bytes left, const Bytes& right) {
     left.insert(left.end(), right.begin(), right.end());
     return left;
+}
+
+// `len` bytes from a place on, as far as there are.
+inline Bytes Part(const Bytes& bytes, size_t from, size_t len = SIZE_MAX) {
+    const auto begin = bytes.begin() + static_cast<long>(std::min(from, bytes.size()));
+    return Bytes(begin, begin + static_cast<long>(std::min<size_t>(len, static_cast<size_t>(bytes.end() - begin))));
+}
+
+// Bytes that run through all values but 0 and 1, so that no start code is among them.
+inline Bytes Ramp(size_t len) {
+    Bytes bytes(len);
+    for (size_t i = 0; i < len; ++i) {
+        bytes[i] = static_cast<uint8_t>(i % 254 + 2);
+    }
+    return bytes;
 }
 
 // What the header of an RTP packet says, true or not.
