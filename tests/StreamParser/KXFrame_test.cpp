@@ -177,8 +177,7 @@ TEST(KXFrame, AssistTypeComesFromAssistFramesOnly) {
     out[4] = 0xF0;
     EXPECT_EQ(get_assist_type(out.data(), static_cast<int>(out.size())), -1);
     EXPECT_EQ(get_assist_type(nullptr, 10), -1);
-    const unsigned char bare[] = {'a', 'b'};
-    EXPECT_EQ(get_assist_type(bare, 2), -1);
+    EXPECT_EQ(get_assist_type(FromHex("6162").data(), 2), -1);
     EXPECT_EQ(log.Count("this is not assist frame!\n"), 1);
     EXPECT_EQ(log.Count("param is error!\n"), 1);
     EXPECT_EQ(log.Count("this is not KXAV frame! hdr: a, b,  ,  \n"), 1);
