@@ -216,17 +216,39 @@ TEST(StreamParser, AssistFrameTakesItsTypeFromTheHeader) {
     EXPECT_EQ(get_assist_type(frames[0].getBuffer(), static_cast<int>(frames[0].size())), 9);
 }
 
+// Raw and private frames that hold the bodies: a key frame and others, 40 ms apart.
+void check_frames(const Frames& raw, const Frames& wrapped, const std::vector<Bytes>& bodies, unsigned first_pts) {
+    ASSERT_EQ(raw.size(), bodies.size());
+    ASSERT_EQ(wrapped.size(), bodies.size());
+    for (unsigned i = 0; i < bodies.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(bytes_of(raw[i]), bodies[i]);
+        EXPECT_EQ(raw[i].getType(), i == 0 ? 'I' : 'P');
+        EXPECT_EQ(raw[i].getPts(Flumen::PTS_TYPE_MS), first_pts + 40 * i);
+        EXPECT_EQ(raw[i].getSequence(), raw[0].getSequence() + static_cast<int>(i));
+        const Bytes bytes = bytes_of(wrapped[i]);
+        KXHeader header;
+        ASSERT_TRUE(kx_read_header(bytes.data(), bytes.size(), header));
+        EXPECT_EQ(header.frame_type, i == 0 ? KX_TYPE_I : KX_TYPE_P);
+        EXPECT_EQ(header.time_stamp, first_pts + 40 * i);
+        EXPECT_EQ(header.sequence, static_cast<uint32_t>(wrapped[i].getSequence()));
+        EXPECT_EQ(header.total_length, bytes.size());
+        EXPECT_EQ(Part(bytes, 24u + header.ext_length), bodies[i] + Part(bytes, bytes.size() - 8));
+    }
+    EXPECT_EQ(wrapped[0].getBuffer()[26], KX_VIDEO_H264);
+}
+
 // Every destination of the RTP decoder, from single packets and from runs behind headers.
 TEST(StreamParser, RtpDecoderGivesFramesAndPacketsBack) {
     for (const bool merge : {false, true}) {
         const CStreamParserPtr encoder = make_encoder(ENC_TYPE_H264, merge, merge);
         const CStreamParserPtr decoders[] = {make_decoder(STREAM_TYPE_RTP), make_decoder(STREAM_TYPE_RAW_FRAME),
                                              make_decoder(STREAM_TYPE_PRIVATE_FRAME)};
-        for (int i = 0; i < 3; ++i) {
-            SCOPED_TRACE(i);
-            const Bytes body = h264_frame(i == 0, 3000);
-            const auto packets = convert(*encoder, make_frame(body, i == 0 ? 'I' : 'P', 5000 + 40 * i));
-            Frames outs[3];
+        const std::vector<Bytes> bodies = {h264_frame(true, 3000), h264_frame(false, 3000), h264_frame(false, 2000)};
+        Frames outs[3];
+        for (const Bytes& body : bodies) {
+            const auto packets = convert(*encoder, make_frame(body, 'P', 5000 + 40 * (&body - bodies.data())));
+            outs[0].clear();
             for (const Flumen::CMediaFrame& packet : packets) {
                 for (int k = 0; k < 3; ++k) {
                     convert(*decoders[k], packet, outs[k]);
@@ -237,26 +259,10 @@ TEST(StreamParser, RtpDecoderGivesFramesAndPacketsBack) {
                 EXPECT_EQ(outs[0][k].getBuffer(), packets[k].getBuffer());  // the same bytes, not a copy
                 EXPECT_EQ(outs[0][k].getSequence(), outs[0][0].getSequence());
             }
-            ASSERT_EQ(outs[1].size(), 1u);
-            const Flumen::CMediaFrame& raw = outs[1][0];
-            EXPECT_EQ(bytes_of(raw), body);
-            EXPECT_EQ(raw.getType(), i == 0 ? 'I' : 'P');
-            EXPECT_EQ(raw.getPts(Flumen::PTS_TYPE_MS), 40u * static_cast<unsigned>(i));
-            EXPECT_EQ(raw.getChannel(), 5);
-            ASSERT_EQ(outs[2].size(), 1u);
-            const Bytes wrapped = bytes_of(outs[2][0]);
-            KXHeader header;
-            ASSERT_TRUE(kx_read_header(wrapped.data(), wrapped.size(), header));
-            EXPECT_EQ(header.frame_type, i == 0 ? KX_TYPE_I : KX_TYPE_P);
-            EXPECT_EQ(header.time_stamp, 40 * i);
-            EXPECT_EQ(header.sequence, static_cast<uint32_t>(outs[2][0].getSequence()));
-            EXPECT_EQ(header.total_length, wrapped.size());
-            EXPECT_EQ(Part(wrapped, 24u + header.ext_length), body + Part(wrapped, wrapped.size() - 8));
-            if (i == 0) {
-                EXPECT_EQ(wrapped[26], KX_VIDEO_H264);
-                EXPECT_EQ(wrapped[27], 12);  // no rate measured yet
-            }
         }
+        check_frames(outs[1], outs[2], bodies, 0);
+        EXPECT_EQ(outs[1][0].getChannel(), 5);
+        EXPECT_EQ(outs[2][0].getBuffer()[27], 12);  // no rate measured yet
     }
 }
 
@@ -332,10 +338,9 @@ TEST(StreamParser, TsDecoderGivesFramesAndPacketsBack) {
     std::vector<Bytes> bodies;
     Frames outs[3];
     size_t packets = 0;
-    for (int i = 0; i < 4; ++i) {
-        bodies.push_back(h264_frame(i == 0, 1000 + 100 * static_cast<size_t>(i)));
-        const Bytes stream =
-            bytes_of(convert(*encoder, make_frame(bodies.back(), i == 0 ? 'I' : 'P', 5000 + 40 * i))[0]);
+    for (size_t i = 0; i < 4; ++i) {
+        bodies.push_back(h264_frame(i == 0, 1000 + 100 * i));
+        const Bytes stream = bytes_of(convert(*encoder, make_frame(bodies.back(), 'P', 5000 + 40 * i))[0]);
         packets += i < 3 ? stream.size() / 188 : 0;
         for (size_t at = 0; at < stream.size(); at += 188) {
             for (int k = 0; k < 3; ++k) {
@@ -343,18 +348,11 @@ TEST(StreamParser, TsDecoderGivesFramesAndPacketsBack) {
             }
         }
     }
-    EXPECT_EQ(outs[0].size(), packets);  // of three frames; the fourth isn't known to be over
-    ASSERT_EQ(outs[1].size(), 3u);
-    ASSERT_EQ(outs[2].size(), 3u);
-    for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(bytes_of(outs[1][i]), bodies[i]);
-        EXPECT_EQ(outs[1][i].getType(), i == 0 ? 'I' : 'P');
-        EXPECT_EQ(outs[1][i].getSequence(), static_cast<int>(i));
-        KXHeader header;
-        EXPECT_TRUE(kx_read_header(outs[2][i].getBuffer(), outs[2][i].size(), header));
-    }
-    EXPECT_EQ(outs[2][0].getBuffer()[24 + 2], KX_VIDEO_H264);
-    EXPECT_EQ(outs[2][0].getBuffer()[24 + 3], 25);  // the fallback rate
+    bodies.pop_back();  // it isn't known to be over
+    EXPECT_EQ(outs[0].size(), packets);
+    check_frames(outs[1], outs[2], bodies, 5000);
+    EXPECT_EQ(outs[1][0].getSequence(), 0);
+    EXPECT_EQ(outs[2][0].getBuffer()[27], 25);  // the fallback rate
     CLogCapture log;
     EXPECT_EQ(decoders[1]->InputFrame(make_frame(Bytes(188, 0))), PARSER_FAILED);
     EXPECT_FALSE(decoders[1]->OutputFrame().valid());
