@@ -69,8 +69,8 @@ std::string decoded(rtcp_pack& pack) {
 std::string written(CRtcpParser& parser, const std::vector<int>& types, unsigned int room = 1024) {
     Bytes buffer(room);
     const int count = static_cast<int>(types.size());
-    return parser.GetCompoundPacket(buffer.data(), &room, types.data(), count) != nullptr ? ToHex(Part(buffer, 0, room))
-                                                                                          : "-";
+    const bool done = parser.GetCompoundPacket(buffer.data(), &room, types.data(), count) != nullptr;
+    return done ? ToHex(Part(buffer, 0, room)) : "-";
 }
 
 // Sent by GStreamer's rtpbin: a receiver report, and the last report of a sender.
