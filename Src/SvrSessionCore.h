@@ -41,8 +41,9 @@ class CRtpUdpSender;
 //            from one thread at a time. The host's event and URL functions are called with no lock held.
 // OWNERSHIP  Owns its sockets, senders, parsers and data source, and holds a reference on its live channel. It dies by
 //            Close, in handle_close, and nowhere else.
-// MEMORY     Taken from the system as untouched pages; what a session doesn't use takes no memory. A peer can make it
-//            keep 4 kB of unread bytes and the machine's ten messages.
+// MEMORY     Taken from the system as untouched pages; what a session doesn't use takes no memory. A session that
+//            streams has one page resident, in which everything lies that outlives a message, and some 5 kB of the
+//            heap. A peer can make it keep 4 kB of unread bytes and the machine's ten messages.
 class CSvrSessionCore : public CNetHandler {
 public:
     // Only the form without exceptions: `new (std::nothrow)`.
@@ -130,7 +131,7 @@ private:
     // Request dispatch.
     int parse_interleaved(char* cursor);
     int take_message(char* cursor);
-    void empty_buffer(int used);
+    void empty_buffer(int used, bool messages);
     void on_interleaved(const unsigned char* data, unsigned int length, int channel);
     int parse_event(const StateEvent& event);
     int send_data(const char* text, int length);

@@ -113,6 +113,7 @@ private:
     void uncount_locked(const COutputUnit& unit) VIDORA_REQUIRES(m_mutex);
 
     int64_t write_locked(const struct iovec* parts, unsigned int count) VIDORA_REQUIRES(m_mutex);
+    void flush_unwatched_locked() VIDORA_REQUIRES(m_mutex);
     void flush_locked() VIDORA_REQUIRES(m_mutex);
     bool flush_once_locked() VIDORA_REQUIRES(m_mutex);
     void begin_waiting_locked() VIDORA_REQUIRES(m_mutex);
