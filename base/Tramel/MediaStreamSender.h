@@ -70,9 +70,11 @@ private:
     CMediaStreamSender() = default;
     ~CMediaStreamSender() override = default;
 
-    // For CMediaBuffer. Sends what of the batch is for this sink; the set of the units (bit by index) that it took.
-    uint64_t send_batch(const CUnitBatch& batch, uint64_t from_sequence);
-    Ostra::TFunction3<void, CMediaPacket*, int, int> send_proc();
+    typedef Ostra::TFunction3<void, CMediaPacket*, int, int> send_proc_t;
+
+    // For CMediaBuffer. Sends what of the batch is for this sink; the set of the units (bit by index) that it took, and
+    // the procedure that gets their side packets.
+    uint64_t send_batch(const CUnitBatch& batch, uint64_t from_sequence, send_proc_t& proc);
 
     std::shared_ptr<CStreamOutput> output();
     int WatchWrite(int fd) override;
