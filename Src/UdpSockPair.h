@@ -11,8 +11,8 @@ namespace Vidora {
 //
 // The search for a free pair goes by the process's CUdpPortTable.
 //
-// THREADING  OpenInRange, OpenAt and the destructor may run on any threads for different pairs. One pair is used by one
-//            thread at a time.
+// THREADING  OpenInRange, OpenAt and the destructor may run on any threads for different pairs. One pair is opened by
+//            one thread; then one may send while another receives.
 class CUdpSockPair {
 public:
     CUdpSockPair() = default;
