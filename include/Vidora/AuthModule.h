@@ -37,8 +37,9 @@ public:
     // 2617 3.2.1), or the reason of a refusal. 0, or negative on failure. The base gives -1.
     virtual int GetChallenge(const char* method_or_url, result_proc_t result, const char* info, int kind);
 
-    // Judges a response. `response`: the method, the URL and the value of the Authorization header as the session
-    // passes them; valid during the call. 0, or negative on failure. The base gives -1.
+    // Judges a response. `response`: the value of the request's Authorization header (RFC 2617 3.2.2), with
+    // ".OnvifInterDomain" behind it for a URL that holds "proto=" and "Onvif"; valid during the call. The method of the
+    // request is not told. 0, or negative on failure. The base gives -1.
     virtual int ProcessChallenge(const char* response, result_proc_t result, int kind);
 };
 

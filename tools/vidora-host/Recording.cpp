@@ -10,7 +10,10 @@
 #include <map>
 #include <mutex>
 
+#include "AnnexB.h"
 #include "Clip.h"
+
+using namespace Kavio::Vidora;
 
 namespace {
 
@@ -67,8 +70,9 @@ std::shared_ptr<const Recording> Recording::Open(const std::string& path, std::s
     return recording;
 }
 
-std::shared_ptr<const Recording> Recording::Find(const std::string& dir, int channel, int subtype, uint64_t start_sec,
-                                                 std::string& error) {
+std::shared_ptr<const Recording> Recording::Find(const std::string& dir, int channel, int subtype,
+                                                 const Interval& interval, std::string& error) {
+    // The files that can't be read are passed over.
     const std::string prefix = std::to_string(channel) + "_" + std::to_string(subtype) + "_";
     std::vector<std::string> names;
     std::error_code code;
@@ -81,7 +85,9 @@ std::shared_ptr<const Recording> Recording::Find(const std::string& dir, int cha
     std::shared_ptr<const Recording> best;
     for (const std::string& name : names) {
         const std::shared_ptr<const Recording> recording = Open(name, error);
-        if (recording && recording->EndSec() > start_sec && (!best || recording->BeginSec() < best->BeginSec())) {
+        const bool fits = recording && recording->EndSec() > interval.begin_sec &&
+                          (interval.end_sec == 0 || recording->BeginSec() <= interval.end_sec);
+        if (fits && (!best || recording->BeginSec() < best->BeginSec())) {
             best = recording;
         }
     }
@@ -126,6 +132,12 @@ bool Recording::load(const std::string& path, std::string& error) {
         error = path + ": holds no key frame";
         return false;
     }
+    if (key->encode_code == STREAM_VIDEO_H264) {
+        if (const char* why = WhyNotSent(m_data + key->body_offset, key->body_size)) {
+            error = path + ": " + why;
+            return false;
+        }
+    }
     m_video.width = key->width;
     m_video.height = key->height;
     m_video.encode_type = key->encode_code;
@@ -145,7 +157,4 @@ uint64_t Recording::BeginSec() const {
 }
 uint64_t Recording::EndSec() const {
     return m_frames.back().utc_sec + 1;
-}
-uint64_t Recording::DurationMs() const {
-    return m_frames.back().time_ms;
 }

@@ -9,16 +9,22 @@
 #include "FrameFile.h"
 #include "Vidora/StreamSource.h"
 
+// A span of wall time in seconds, both ends included; 0 for an end that isn't given.
+struct Interval {
+    uint64_t begin_sec = 0;
+    uint64_t end_sec = 0;
+};
+
 // Recording: the index of one stored file, built once, and its bytes, mapped. Immutable, shared by its players.
 class Recording {
 public:
     // Opens and indexes a file; null, with `error`, if it can't be read or holds no key frame. A file is indexed once
     // for all its players, and again only after it has changed. Any thread.
     static std::shared_ptr<const Recording> Open(const std::string& path, std::string& error);
-    // The file of DIR that is named for a channel and subtype ("C_S_*.kav") and holds the time `start_sec`, or the
-    // first one that ends behind it; null if there is none. Any thread.
-    static std::shared_ptr<const Recording> Find(const std::string& dir, int channel, int subtype, uint64_t start_sec,
-                                                 std::string& error);
+    // The first file of DIR that is named for a channel and subtype ("C_S_*.kav") and holds a part of the interval;
+    // null if there is none. Any thread.
+    static std::shared_ptr<const Recording> Find(const std::string& dir, int channel, int subtype,
+                                                 const Interval& interval, std::string& error);
 
     ~Recording();
     Recording(const Recording&) = delete;
@@ -30,7 +36,6 @@ public:
     // Wall time of the first frame, and of the second behind the last one, in seconds.
     uint64_t BeginSec() const;
     uint64_t EndSec() const;
-    uint64_t DurationMs() const;
     const Kavio::Vidora::StreamVideoFormat& VideoFormat() const { return m_video; }
     const Kavio::Vidora::StreamAudioFormat& AudioFormat() const { return m_audio; }
     bool HasAudio() const { return m_audio.encode_type != 0; }
