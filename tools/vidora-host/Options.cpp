@@ -153,8 +153,10 @@ bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
     app.add_option("--nonce-lifetime", options.nonce_sec, "seconds that a nonce is good for")
         ->check(CLI::Range(1, 86400))
         ->capture_default_str();
-    app.add_option("--multicast", multicast, "CONTENT=GROUP:PORT[,rtp|ts], repeatable: sends a live stream to a group (default rtp); its content is "
-                   "then served by multicast only")
+    app.add_option(
+           "--multicast", multicast,
+           "CONTENT=GROUP:PORT[,rtp|ts], repeatable: sends a live stream to a group (default rtp); its content is "
+           "then served by multicast only")
         ->allow_extra_args(false);
     app.add_option("--multicast-if", options.multicast_if, "address of the interface that multicast leaves by");
     app.add_option("--stats", options.stats_sec, "prints figures every SECONDS")->check(CLI::Range(0, 86400));

@@ -99,30 +99,26 @@ std::shared_ptr<const Recording> Recording::Find(const std::string& dir, int cha
 }
 
 Recording::~Recording() {
-    if (m_data != nullptr) {
-        munmap(const_cast<unsigned char*>(m_data), m_size);
+    if (m_fd >= 0) {
+        close(m_fd);
     }
 }
 
 bool Recording::load(const std::string& path, std::string& error) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     struct stat info = {};
-    if (fd < 0 || fstat(fd, &info) != 0 || info.st_size <= 0) {
+    if (m_fd < 0 || fstat(m_fd, &info) != 0 || info.st_size <= 0) {
         error = path + ": cannot be read";
-        if (fd >= 0) {
-            close(fd);
-        }
         return false;
     }
-    m_size = static_cast<size_t>(info.st_size);
-    void* data = mmap(nullptr, m_size, PROT_READ, MAP_PRIVATE, fd, 0);
-    close(fd);
+    const size_t size = static_cast<size_t>(info.st_size);
+    void* data = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, m_fd, 0);
     if (data == MAP_FAILED) {
         error = path + ": cannot be mapped";
         return false;
     }
-    m_data = static_cast<const unsigned char*>(data);
-    ScanFrames(m_data, m_size, m_frames);
+    ScanFrames(static_cast<const unsigned char*>(data), size, m_frames);
+    munmap(data, size);
     m_frames.erase(std::remove_if(m_frames.begin(), m_frames.end(),
                                   [](const FrameEntry& entry) { return entry.letter == 'W' || entry.letter == 0; }),
                    m_frames.end());
@@ -132,8 +128,13 @@ bool Recording::load(const std::string& path, std::string& error) {
         error = path + ": holds no key frame";
         return false;
     }
+    std::vector<unsigned char> picture;
+    if (!ReadBody(*key, picture)) {
+        error = path + ": cannot be read";
+        return false;
+    }
     if (key->encode_code == STREAM_VIDEO_H264) {
-        if (const char* why = WhyNotSent(m_data + key->body_offset, key->body_size)) {
+        if (const char* why = WhyNotSent(picture.data(), picture.size())) {
             error = path + ": " + why;
             return false;
         }
@@ -142,7 +143,7 @@ bool Recording::load(const std::string& path, std::string& error) {
     m_video.height = key->height;
     m_video.encode_type = key->encode_code;
     m_video.frame_rate = key->frame_rate;
-    m_specific_info = FindSpecificInfo(m_data + key->body_offset, key->body_size, key->encode_code);
+    m_specific_info = FindSpecificInfo(picture.data(), picture.size(), key->encode_code);
     const auto sound =
         std::find_if(m_frames.begin(), m_frames.end(), [](const FrameEntry& entry) { return entry.letter == 'A'; });
     if (sound != m_frames.end()) {
@@ -150,6 +151,12 @@ bool Recording::load(const std::string& path, std::string& error) {
         m_audio.sample_rate = sound->sample_rate;
     }
     return true;
+}
+
+bool Recording::ReadBody(const FrameEntry& frame, std::vector<unsigned char>& body) const {
+    body.resize(frame.body_size);
+    return pread(m_fd, body.data(), body.size(), static_cast<off_t>(frame.body_offset)) ==
+           static_cast<ssize_t>(body.size());
 }
 
 uint64_t Recording::BeginSec() const {

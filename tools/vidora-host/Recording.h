@@ -15,7 +15,7 @@ struct Interval {
     uint64_t end_sec = 0;
 };
 
-// Recording: the index of one stored file, built once, and its bytes, mapped. Immutable, shared by its players.
+// Recording: the index of one stored file, built once, and the open file. Immutable, shared by its players.
 class Recording {
 public:
     // Opens and indexes a file; null, with `error`, if it can't be read or holds no key frame. A file is indexed once
@@ -32,7 +32,9 @@ public:
 
     // Frames in file order, without side data.
     const std::vector<FrameEntry>& Frames() const { return m_frames; }
-    const unsigned char* Data() const { return m_data; }
+    // The payload of a frame, read from the file; false if the file has become shorter. A mapped file that another
+    // program cuts would end this one.
+    bool ReadBody(const FrameEntry& frame, std::vector<unsigned char>& body) const;
     // Wall time of the first frame, and of the second behind the last one, in seconds.
     uint64_t BeginSec() const;
     uint64_t EndSec() const;
@@ -45,8 +47,7 @@ private:
     Recording() = default;
     bool load(const std::string& path, std::string& error);
 
-    const unsigned char* m_data = nullptr;
-    size_t m_size = 0;
+    int m_fd = -1;
     std::vector<FrameEntry> m_frames;
     Kavio::Vidora::StreamVideoFormat m_video;
     Kavio::Vidora::StreamAudioFormat m_audio;

@@ -232,18 +232,20 @@ void RecordingSource::give(const FrameEntry& entry, double pts_ms, bool is_end) 
     facts.sequence = m_sequence[is_audio ? 1 : 0]++;
     facts.pts_ms = static_cast<uint64_t>(std::max(pts_ms, 0.0) + 1.5);  // above 0, which would mean "no time yet"
     facts.utc = static_cast<double>(entry.utc_sec);
-    const unsigned char* body = m_recording->Data() + entry.body_offset;
-    size_t size = entry.body_size;
-    if (!is_audio && m_recording->VideoFormat().encode_type == STREAM_VIDEO_H264 && HasShortStartCode(body, size)) {
+    if (!m_recording->ReadBody(entry, m_body) && !is_end) {
+        return;
+    }
+    if (!is_audio && m_recording->VideoFormat().encode_type == STREAM_VIDEO_H264 &&
+        HasShortStartCode(m_body.data(), m_body.size())) {
+        m_short_body.swap(m_body);
         m_body.clear();
-        for (const NalUnit& nal : SplitNalUnits(body, size)) {
+        for (const NalUnit& nal : SplitNalUnits(m_short_body.data(), m_short_body.size())) {
             AppendNalUnit(m_body, nal);
         }
-        body = m_body.data();
-        size = m_body.size();
     }
-    const Kavio::Flumen::CMediaFrame media = is_audio ? MakeAudioFrame(facts, m_recording->AudioFormat(), body, size)
-                                                      : MakeVideoFrame(facts, m_recording->VideoFormat(), body, size);
+    const Kavio::Flumen::CMediaFrame media =
+        is_audio ? MakeAudioFrame(facts, m_recording->AudioFormat(), m_body.data(), m_body.size())
+                 : MakeVideoFrame(facts, m_recording->VideoFormat(), m_body.data(), m_body.size());
     if (media.valid()) {
         m_packet_state = is_end ? 1 : 0;
         m_proc(media);

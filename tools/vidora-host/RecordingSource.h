@@ -80,7 +80,8 @@ private:
     uint32_t m_sequence[2] = {0, 0};  // of video and audio
     // Touched by the pump's thread only.
     int m_packet_state = 0;
-    std::vector<unsigned char> m_body;  // of a frame that is given in another form than the file's
+    std::vector<unsigned char> m_body;        // of the frame in work
+    std::vector<unsigned char> m_short_body;  // the same as the file has it, where it has three-byte start codes
 };
 
 #endif  // VIDORA_HOST_RECORDINGSOURCE_H
