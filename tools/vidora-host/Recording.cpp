@@ -76,10 +76,12 @@ std::shared_ptr<const Recording> Recording::Find(const std::string& dir, int cha
     const std::string prefix = std::to_string(channel) + "_" + std::to_string(subtype) + "_";
     std::vector<std::string> names;
     std::error_code code;
-    for (const auto& entry : std::filesystem::directory_iterator(dir, code)) {
-        const std::string name = entry.path().filename().string();
+    const auto options = std::filesystem::directory_options::skip_permission_denied;
+    std::filesystem::recursive_directory_iterator entry(dir, options, code);
+    for (; !code && entry != std::filesystem::recursive_directory_iterator(); entry.increment(code)) {
+        const std::string name = entry->path().filename().string();
         if (name.compare(0, prefix.size(), prefix) == 0 && HasEnding(name, ".kav")) {
-            names.push_back(entry.path().string());
+            names.push_back(entry->path().string());
         }
     }
     std::shared_ptr<const Recording> best;
