@@ -144,6 +144,11 @@ TEST(LiveSvr, SinksEnterAndLeave) {
     EXPECT_EQ(1, registry.Source().m_running[PACKET_TYPE_RTP]);
     EXPECT_EQ(0, registry.Svr()->LeaveLiveChannel("c", &sink, PACKET_TYPE_RTP));
     EXPECT_EQ(0, registry.Source().m_running[PACKET_TYPE_RTP]);
+    // Another channel has the name of the one that the caller knows.
+    CLiveChannel* const known = CLiveChannel::Create();
+    EXPECT_EQ(-1, registry.Svr()->EnterLiveChannel("c", &sink, PACKET_TYPE_RTP, known));
+    EXPECT_EQ(0, registry.Source().m_running[PACKET_TYPE_RTP]);
+    known->Close();
     // Null counts as a user without a sink, and leaving as null asks for no entry.
     EXPECT_EQ(0, registry.Svr()->EnterLiveChannel("c", none, PACKET_TYPE_TS));
     EXPECT_EQ(0, registry.Svr()->LeaveLiveChannel("c", none, PACKET_TYPE_TS));

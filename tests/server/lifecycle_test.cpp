@@ -345,6 +345,15 @@ TEST_F(Lifecycle, EventsTellOfComingGoingAndLoss) {
     }
     const std::string lost = "lost 127.0.0.1 channel 1 subtype 0 size " + std::to_string(sizeof(LostPacketEvent));
     EXPECT_TRUE(Support::WaitUntil([&] { return CEventLog::Count(lost) == 2; }));
+    // Another source counts its frames anew.
+    const char other[] = "cam/realmonitor?channel=2&subtype=0";
+    CFakeStreamSource* second = AddChannel(other);
+    EXPECT_EQ(200, client.Ask("TEARDOWN", Url()).status);
+    PlayInterleaved(client, other);
+    ASSERT_TRUE(Give(second, 500));
+    while (client.Frame().channel != 0) {
+    }
+    EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
     client.Close();
     EXPECT_TRUE(SessionsGone());
     EXPECT_EQ(2, CEventLog::Count("disconnected 127.0.0.1"));  // twice, on purpose
@@ -359,6 +368,21 @@ TEST_F(Lifecycle, EventsTellOfComingGoingAndLoss) {
     file.Close();
     EXPECT_TRUE(SessionsGone());
     EXPECT_EQ(1, CEventLog::Count("disconnected 127.0.0.1"));  // once with a data source
+}
+
+TEST_F(Lifecycle, TimeOutOfZeroMeansNone) {
+    StartWithTimeout(0);
+    AddChannel();
+    Support::CLogCapture log;
+    CRtspTestClient client(m_port);
+    CUdpPeer rtp;
+    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
+    const std::string transport = "Transport: RTP/AVP;unicast;client_port=" + std::to_string(rtp.Port()) + "\r\n";
+    const RtspReply reply = client.Ask("SETUP", Url() + "/trackID=0", transport);
+    EXPECT_TRUE(reply.Holds(";timeout=60\r\n"));  // clients needn't hurry
+    ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
+    EXPECT_FALSE(client.Closed(1500));
+    EXPECT_EQ(0, log.Count("keep-alive"));
 }
 
 TEST_F(Lifecycle, TimeOutsAndReports) {

@@ -16,8 +16,6 @@ namespace {
 
 // Above this rate, and backwards, only key frames go out.
 const float MAX_FULL_SPEED = 4.0F;
-// The end is told so long after the last frame, as it closes the session: what is on its way arrives first.
-const std::chrono::milliseconds END_DELAY(500);
 
 }  // namespace
 
@@ -199,14 +197,12 @@ RecordingSource::Clock::time_point RecordingSource::step(Clock::time_point now) 
         }
         skip_unsent_locked();
         if (is_at_end_locked()) {
-            const Clock::time_point end_due = m_last_given + END_DELAY;
-            if (m_ended || now < end_due) {
-                return m_ended ? far_away : end_due;
+            if (!m_ended) {
+                m_ended = true;
+                const double pts_ms = m_last_pts_ms + 1.0;
+                lock.unlock();
+                give(frame(m_last), pts_ms, true);
             }
-            m_ended = true;
-            const double pts_ms = m_last_pts_ms + 1.0;
-            lock.unlock();
-            give(frame(m_last), pts_ms, true);
             return far_away;
         }
         const FrameEntry& entry = frame(m_index);
@@ -217,7 +213,6 @@ RecordingSource::Clock::time_point RecordingSource::step(Clock::time_point now) 
         }
         m_index += m_speed < 0.0F ? -1 : 1;
         m_last_pts_ms = due_ms;
-        m_last_given = now;
         lock.unlock();
         give(entry, due_ms, false);
         lock.lock();
