@@ -130,6 +130,13 @@ class Rtsp:
             lines.append(f"Session: {self.session}")
         self.sock.sendall(("\r\n".join(lines + list(headers)) + "\r\n\r\n").encode())
 
+    def take(self, size):
+        """The next bytes, whatever they are."""
+        while len(self.buffer) < size:
+            self._more()
+        data, self.buffer = self.buffer[:size], self.buffer[size:]
+        return data
+
     def frame(self):
         """The next interleaved frame: (channel, bytes)."""
         while True:

@@ -60,12 +60,22 @@ class Playing(unittest.TestCase):
             digests = frame_digests("-rtsp_transport", "tcp", "-i", host.url(content))
             self.assertEqual(digests[0], self.pictures[25:75])
 
-    def test_transport_stream_over_udp(self):
-        # The private way to ask for it is MP2T in the Transport header; FFmpeg does so for payload type 33 only.
+    def test_private_frames_on_the_control_connection(self):
         with Host() as host:
             peer = Rtsp(host.port)
-            url = host.url()
-            self.assertEqual(peer.ask("DESCRIBE", url, "Accept: application/sdp")[0], 200)
+            peer.ask("DESCRIBE", host.url(), "Accept: application/sdp")
+            for track in (0, 1):
+                _, headers, _ = peer.ask("SETUP", f"{host.url()}/trackID={track}", "Transport: KX/AVP/TCP;unicast")
+                self.assertIn("KX/AVP/TCP", headers["transport"])
+            self.assertEqual(peer.ask("PLAY", host.url())[0], 200)
+            kinds = set()
+            for _ in range(50):
+                head = peer.take(6)
+                frame = peer.take(int.from_bytes(head[2:], "big"))
+                self.assertEqual((head[:1], frame[:4], frame[-8:-4]), (b"$", b"KXAV", b"kxav"))
+                kinds.add((head[1], frame[4]))
+            # Track times 2, and the type byte: key frames, other pictures, sound.
+            self.assertEqual(kinds, {(0, 0xFD), (0, 0xFC), (2, 0xF0)})
             peer.close()
 
 
@@ -81,21 +91,21 @@ class Reports(unittest.TestCase):
                 url = control if control.startswith("rtsp:") else base.rstrip("/") + "/" + control
                 status, _, _ = peer.ask("SETUP", url, f"Transport: RTP/AVP/TCP;unicast;interleaved={2 * i}-{2 * i + 1}")
                 self.assertEqual(status, 200)
-            self.assertEqual(peer.ask("PLAY", host.url(), "Range: npt=0-")[0], 200)
-            first, reports = {}, {}
+            status, headers, _ = peer.ask("PLAY", host.url(), "Range: npt=0-")
+            self.assertEqual(status, 200)
+            first = [int(time) for time in re.findall(r"rtptime=(\d+)", headers["rtp-info"])]
+            reports = {}
             end = time.monotonic() + 30
             while len(reports) < 2 and time.monotonic() < end:
                 channel, data = peer.frame()
-                if channel in (0, 2):
-                    first.setdefault(channel, int.from_bytes(data[4:8], "big"))
-                elif channel in (1, 3) and data[1] == 200:
-                    reports[channel - 1] = (int.from_bytes(data[8:12], "big"), int.from_bytes(data[16:20], "big"))
+                if channel in (1, 3) and data[1] == 200:
+                    reports[channel - 1] = (int.from_bytes(data[8:16], "big") / 2**32, int.from_bytes(data[16:20], "big"))
             peer.close()
         self.assertEqual(set(reports), {0, 2})
-        # Both clocks have run equally long since the first packets.
+        # Both clocks have run equally long since the beginning.
         video = (reports[0][1] - first[0]) % 2**32 / 90000 - reports[0][0]
-        audio = (reports[2][1] - first[2]) % 2**32 / 8000 - reports[2][0]
-        self.assertLess(abs(video - audio), 1.5)
+        audio = (reports[2][1] - first[1]) % 2**32 / 8000 - reports[2][0]
+        self.assertLess(abs(video - audio), 0.3)
 
 
 class Login(unittest.TestCase):
