@@ -100,6 +100,13 @@ class Rtsp:
             raise EOFError("connection closed")
         self.buffer += data
 
+    def take(self, size):
+        """The next bytes, whatever they are."""
+        while len(self.buffer) < size:
+            self._more()
+        data, self.buffer = self.buffer[:size], self.buffer[size:]
+        return data
+
     def frame(self):
         """The next interleaved frame: (channel, bytes)."""
         while not self.media:
@@ -142,16 +149,17 @@ class Rtsp:
         self.sock.sendall(("\r\n".join(lines + list(headers)) + "\r\n\r\n").encode())
         return self._reply()
 
-    def play(self, tracks):
-        """Sets the first tracks up over this connection and plays them; the tracks' channels are 0, 2, ..."""
+    def play(self, tracks, transport="RTP/AVP/TCP;unicast;interleaved={0}-{1}"):
+        """Sets the first tracks up over this connection, on the channels 0, 2, ..., and plays them; PLAY's headers."""
         status, headers, sdp = self.ask("DESCRIBE", "Accept: application/sdp")
         assert status == 200
         base = headers.get("content-base", self.url + "/")
         for i, control in enumerate(re.findall(r"a=control:(\S+)", sdp.split("m=", 1)[1])[:tracks]):
             url = control if control.startswith("rtsp:") else base.rstrip("/") + "/" + control
-            transport = f"Transport: RTP/AVP/TCP;unicast;interleaved={2 * i}-{2 * i + 1}"
-            assert self.ask("SETUP", transport, url=url)[0] == 200
-        assert self.ask("PLAY", "Range: npt=0-")[0] == 200
+            assert self.ask("SETUP", "Transport: " + transport.format(2 * i, 2 * i + 1), url=url)[0] == 200
+        status, headers, _ = self.ask("PLAY", "Range: npt=0-")
+        assert status == 200
+        return headers
 
 
 def digest_header(url, password, challenge):
