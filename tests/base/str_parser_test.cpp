@@ -3,7 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <random>
 #include <string>
 
 namespace Kavio {
@@ -24,33 +23,6 @@ TEST(StrParser, SearchesMoveToTheFirstMatchOrStay) {
     EXPECT_EQ(18, parser.LocateStringInLine("2"));
     EXPECT_EQ(-1, parser.LocateString(nullptr));
     EXPECT_EQ(18, parser.LocateString(""));
-}
-
-// Texts of two letters are full of near matches and of repetitions, where a search that skips too far goes wrong.
-TEST(StrParser, AnyCaseSearchAgreesWithThePlainOne) {
-    std::mt19937 random(1);
-    for (int round = 0; round < 20000; ++round) {
-        std::string text(random() % 40, ' ');
-        std::string key(random() % 9 + 1, ' ');
-        for (char& c : text) {
-            c = "aAbB"[random() % 4];
-        }
-        for (char& c : key) {
-            c = "aAbB"[random() % 4];
-        }
-        std::string lower_text = text;
-        std::string lower_key = key;
-        for (char& c : lower_text) {
-            c = static_cast<char>(c | 0x20);
-        }
-        for (char& c : lower_key) {
-            c = static_cast<char>(c | 0x20);
-        }
-        const size_t found = lower_text.find(lower_key);
-        CStrParser parser(text.data(), static_cast<unsigned>(text.size()));
-        ASSERT_EQ(found == std::string::npos ? -1 : static_cast<int>(found), parser.LocateStringCase(key.c_str()))
-            << text << " / " << key;
-    }
 }
 
 TEST(StrParser, PositionAndLines) {

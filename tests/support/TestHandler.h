@@ -9,6 +9,7 @@
 #include <functional>
 #include <thread>
 
+#include "Tramel/SockDgram.h"
 #include "Tramel/SockStream.h"
 #include "Vidora/Tramel/NetHandler.h"
 #include "Vidora/Tramel/NetThread.h"
@@ -32,12 +33,8 @@ bool WaitUntil(TCondition done, int limit_ms = 20000) {
 // A pool of threads for a scope.
 class CPool {
 public:
-    explicit CPool(unsigned int threads = 4) { m_result = Tramel::CNetThread::CreateThreadPool(threads, false); }
+    explicit CPool(unsigned int threads = 4) { Tramel::CNetThread::CreateThreadPool(threads, false); }
     ~CPool() { Tramel::CNetThread::DestroyThreadPool(); }
-    int Result() const { return m_result; }
-
-private:
-    int m_result;
 };
 
 // CTestHandler: a handler whose callbacks are functions that the test sets before the events can come; one that isn't
@@ -94,6 +91,14 @@ private:
     bool m_is_heap = false;
     std::atomic<int>* m_closed = nullptr;
 };
+
+// A sender that is connected to a receiver, both on loopback UDP; true on success.
+inline bool MakeDgramPair(Tramel::CSockDgram& sender, Tramel::CSockDgram& receiver) {
+    const Tramel::CSockAddrIPv4 local("127.0.0.1", 0);
+    Tramel::CSockAddrStorage to;
+    return sender.Open(&local) == 0 && receiver.Open(&local) == 0 && receiver.GetLocalAddr(&to) == 0 &&
+           sender.SetRemote(&to) == 0;
+}
 
 // Two connected local stream sockets; true on success.
 inline bool MakeSockPair(Tramel::CSockStream& one, Tramel::CSockStream& other) {
