@@ -61,8 +61,7 @@ protected:
 
 // Input that is left in the socket is told again, but never while the handler is still busy with it: one call a byte.
 TEST_F(SockEvents, EachInputIsToldOnceUntilItWasHandled) {
-    std::atomic<int> calls{0};
-    std::atomic<int> bytes{0};
+    std::atomic<int> calls{0}, bytes{0};
     m_handler->on_input = [&](int fd) {
         EXPECT_EQ(m_sock.GetHandle(), fd);
         calls.fetch_add(1);
@@ -87,8 +86,7 @@ TEST_F(SockEvents, EachInputIsToldOnceUntilItWasHandled) {
 TEST_F(SockEvents, SocketRemovedAndDeletedInItsOwnCallback) {
     std::unique_ptr<CSockStream> sock;
     std::unique_ptr<CSockStream> peer;
-    std::atomic<int> rounds{0};
-    std::atomic<int> faults{0};
+    std::atomic<int> rounds{0}, faults{0};
     int reused = 0;
     const auto renew = [&] {
         const int former = sock == nullptr ? -1 : sock->GetHandle();
@@ -145,8 +143,7 @@ TEST_F(SockEvents, NothingStartsAfterRemoval) {
 
 TEST_F(SockEvents, TimeoutsRepeatAfterEveryQuietPeriodAndOnlyThen) {
     constexpr int64_t TIMEOUT_US = 20000;
-    std::atomic<int> timeouts{0};
-    std::atomic<int> inputs{0};
+    std::atomic<int> timeouts{0}, inputs{0};
     std::atomic<bool> is_active{true};
     m_handler->on_input_timeout = [&](int) { return -1 - timeouts.fetch_add(1); };
     m_handler->on_input = [&](int) {
@@ -192,8 +189,7 @@ TEST_F(SockEvents, RefusalsAreNoSignOfLife) {
     CSockDgram sender, gone;
     ASSERT_TRUE(Support::MakeDgramPair(sender, gone));
     gone.Close();
-    std::atomic<int> inputs{0};
-    std::atomic<int> timeouts{0};
+    std::atomic<int> inputs{0}, timeouts{0};
     m_handler->on_input = [&](int) {
         char byte = 0;
         inputs.fetch_add(1);
@@ -214,10 +210,7 @@ TEST_F(SockEvents, RefusalsAreNoSignOfLife) {
 TEST_F(SockEvents, InputThatCameWhileNobodyCouldPollIsNoSilence) {
     constexpr int64_t TIMEOUT_US = 20000;
     std::atomic<bool> is_released{false};
-    std::atomic<int> blocked{0};
-    std::atomic<int> inputs{0};
-    std::atomic<int> timeouts_before{-1};
-    std::atomic<int> timeouts{0};
+    std::atomic<int> blocked{0}, inputs{0}, timeouts_before{-1}, timeouts{0};
     m_handler->on_input_timeout = [&](int) { return timeouts.fetch_add(1); };
     m_handler->on_input = [&](int) {
         timeouts_before.store(timeouts.load());
@@ -252,10 +245,7 @@ TEST_F(SockEvents, TwoHandlersAndAListenerOnOneDescriptor) {
         void OnWritable(int) override { told.fetch_add(1); }
         std::atomic<int> told{0};
     };
-    std::atomic<int> closed{0};
-    std::atomic<int> inputs{0};
-    std::atomic<int> outputs{0};
-    std::atomic<int> timeouts{0};
+    std::atomic<int> closed{0}, inputs{0}, outputs{0}, timeouts{0};
     CTestHandler* writer = CTestHandler::Make(&closed);
     const auto listener = std::make_shared<CListener>();
     const auto cancelled = std::make_shared<CListener>();
@@ -307,9 +297,7 @@ TEST_F(SockEvents, ConnectEndsInOutputOrInOneException) {
             acceptor.Close();
         }
         CSockStream client;
-        std::atomic<int> outputs{0};
-        std::atomic<int> exceptions{0};
-        std::atomic<int> status{9};
+        std::atomic<int> outputs{0}, exceptions{0}, status{9};
         m_handler->on_output = [&](int) {
             m_handler->UnregisterSock(client, SOCK_EVENT_WRITE);
             status.store(client.GetConnectStatus());

@@ -4,7 +4,6 @@
 #include <memory>
 #include <thread>
 
-#include "FrameInfo.h"
 #include "MediaFrame.h"
 #include "RawMemory.h"
 #include "support/Capture.h"
@@ -160,17 +159,6 @@ TEST(MediaFrame, EveryPairOfModesAssignsAndShares) {
     CMediaPacket* packet = new CMediaFrame(frame);
     EXPECT_EQ(frame.getBuffer(), packet->GetData());
     packet->Release();
-}
-
-TEST(FrameInfo, DataIsItsOwnFields) {
-    auto* info = new CFrameInfo;
-    info->m_track = 3;
-    info->m_frame_index = 0x01020304;
-    uint32_t words[2];
-    std::memcpy(words, info->GetData(), sizeof(words));
-    EXPECT_EQ(3u, words[0]);
-    EXPECT_EQ(0x01020304u, words[1]);
-    info->Release();
 }
 
 }  // namespace

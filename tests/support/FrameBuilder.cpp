@@ -13,41 +13,25 @@ const size_t HEADER_SIZE = 24;
 const size_t TRAILER_SIZE = 8;
 
 uint8_t type_byte(int letter) {
-    switch (letter) {
-        case 'I':
-            return 0xFD;
-        case 'J':
-            return 0xFB;
-        case 'P':
-            return 0xFC;
-        case 'B':
-            return 0xFE;
-        case 'A':
-            return 0xF0;
-        default:
-            return 0xF1;
+    static const struct {
+        int letter;
+        uint8_t byte;
+    } ROWS[] = {{'I', 0xFD}, {'J', 0xFB}, {'P', 0xFC}, {'B', 0xFE}, {'A', 0xF0}};
+    for (const auto& row : ROWS) {
+        if (row.letter == letter) {
+            return row.byte;
+        }
     }
+    return 0xF1;
 }
 
 std::string extensions(const FrameSpec& spec) {
-    uint8_t bytes[8] = {};
-    Ostra::CByteWriter writer(bytes, sizeof(bytes));
+    const char code = static_cast<char>(spec.encode_code);
     if (spec.type == 'I' || spec.type == 'J') {
-        writer.WriteU8(0x81);
-        writer.WriteU8(0);
-        writer.WriteU8(static_cast<uint8_t>(spec.encode_code));
-        writer.WriteU8(static_cast<uint8_t>(spec.frame_rate));
-        writer.WriteU8(0x80);
-        writer.WriteU8(0);
-        writer.WriteU8(static_cast<uint8_t>(spec.width / 8));
-        writer.WriteU8(static_cast<uint8_t>(spec.height / 8));
-    } else if (spec.type == 'A') {
-        writer.WriteU8(0x83);
-        writer.WriteU8(1);
-        writer.WriteU8(static_cast<uint8_t>(spec.encode_code));
-        writer.WriteU8(2);  // 8000 Hz
+        return std::string({'\x81', 0, code, static_cast<char>(spec.frame_rate)}) +
+               std::string({'\x80', 0, static_cast<char>(spec.width / 8), static_cast<char>(spec.height / 8)});
     }
-    return std::string(reinterpret_cast<char*>(bytes), writer.Offset());
+    return spec.type == 'A' ? std::string({'\x83', 1, code, 2}) : std::string();  // 2: 8000 Hz
 }
 
 uint32_t packed_time(double utc) {
