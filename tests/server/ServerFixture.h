@@ -45,7 +45,7 @@ inline std::string UdpTransport(int client_port) {
 // Gives a video frame to a source; every tenth is a key frame. False if the source doesn't run.
 bool GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100);
 // The same as soon as the source runs, which is shortly after the reply to PLAY.
-inline bool GiveSoon(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100) {
+inline bool Give(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100) {
     return Support::WaitUntil([=] { return GiveVideo(source, sequence, size); });
 }
 

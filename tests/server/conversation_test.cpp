@@ -7,13 +7,7 @@ namespace {
 
 using Support::CUdpPeer;
 
-class Conversation : public CServerTest {
-protected:
-    // Gives a frame as soon as the source runs, which is shortly after the reply to PLAY.
-    static bool Give(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100) {
-        return Support::WaitUntil([=] { return GiveVideo(source, sequence, size); });
-    }
-};
+class Conversation : public CServerTest {};
 
 TEST_F(Conversation, InterleavedFromOptionsToASecondPlay) {
     StartServer();
@@ -151,10 +145,8 @@ TEST_F(Conversation, PrivateFramesTravelWithTheirOwnHeader) {
 
 TEST_F(Conversation, DataSourceAnswersLaterSeeksPausesAndEnds) {
     StartServer();
-    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-    settings.type = SRC_TYPE_FILE;
-    CFakeStreamSource::SetNext(settings);
-    const std::string content = "movie.kav";
+    CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
+    const std::string content = FILE_CONTENT;
     CRtspTestClient client(m_port);
     RtspReply reply = client.Ask("DESCRIBE", Url(content));
     ASSERT_EQ(200, reply.status);
@@ -233,8 +225,8 @@ TEST_F(Conversation, DescribeWaitsForTheSdpWithoutHoldingOthers) {
     CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
     settings.tells_info = false;
     CFakeStreamSource* source = AddChannel(LIVE_NAME, settings);
-    AddChannel("cam/realmonitor?channel=2&subtype=0");
-    const std::string ready = Url("cam/realmonitor?channel=2&subtype=0");
+    AddChannel(ChannelName(2));
+    const std::string ready = Url(ChannelName(2));
     ASSERT_TRUE(Support::WaitUntil([&] {
         CRtspTestClient probe(m_port);
         return probe.Ask("DESCRIBE", ready).status == 200;
@@ -277,9 +269,9 @@ TEST_F(Conversation, DescribeWithoutSdpOrSourceIsNotFound) {
 
     CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
     settings.tells_info = false;
-    AddChannel("cam/realmonitor?channel=3&subtype=0", settings);
+    AddChannel(ChannelName(3), settings);
     CRtspTestClient never(m_port);
-    never.Send(never.Request("DESCRIBE", Url("cam/realmonitor?channel=3&subtype=0")));
+    never.Send(never.Request("DESCRIBE", Url(ChannelName(3))));
     for (const char* content : {"nonsense", "", "other.kav"}) {
         settings.null_source = true;
         CFakeStreamSource::SetNext(settings);

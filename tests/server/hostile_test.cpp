@@ -197,6 +197,14 @@ TEST_F(Hostile, FloodsAreBounded) {
     EXPECT_LT(rounds, 1000);
     EXPECT_TRUE(SessionsGone(1));
 
+    // A head without an end, and a frame that the buffer can't hold.
+    for (const std::string& start : {std::string("OPTIONS * RTSP/1.0\r\nX: "), std::string("$\1\xff\xff", 4)}) {
+        CRtspTestClient endless(m_port);
+        ASSERT_EQ(200, endless.Ask("OPTIONS", "*").status);
+        endless.Send(start + std::string(6000, 'x'));
+        EXPECT_TRUE(endless.Closed());
+    }
+
     // Connections without a word, and with a byte now and then.
     std::vector<std::unique_ptr<CRtspTestClient>> silent;
     for (int i = 0; i < 200; ++i) {
