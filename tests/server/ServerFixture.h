@@ -81,8 +81,8 @@ protected:
     void SetFunction(rtsp_svr_config_t item, F* function) {
         ASSERT_EQ(0, m_config.SetConfig(item, reinterpret_cast<const void*>(function), sizeof(function)));
     }
-    // DESCRIBE, SETUP of the first track and PLAY.
-    void Play(CRtspTestClient& client, const std::string& transport, const std::string& content = LIVE_NAME);
+    // DESCRIBE, SETUP of the first track and PLAY. Gives the reply to SETUP.
+    RtspReply Play(CRtspTestClient& client, const std::string& transport, const std::string& content = LIVE_NAME);
     void PlayInterleaved(CRtspTestClient& client, const std::string& content = LIVE_NAME) {
         Play(client, INTERLEAVED, content);
     }

@@ -107,10 +107,12 @@ std::string CServerTest::Url(const std::string& content) const {
     return "rtsp://127.0.0.1:" + std::to_string(m_port) + "/" + content;
 }
 
-void CServerTest::Play(CRtspTestClient& client, const std::string& transport, const std::string& content) {
-    ASSERT_EQ(200, client.Ask("DESCRIBE", Url(content)).status);
-    ASSERT_EQ(200, client.Ask("SETUP", Url(content) + "/trackID=0", transport).status);
-    ASSERT_EQ(200, client.Ask("PLAY", Url(content)).status);
+RtspReply CServerTest::Play(CRtspTestClient& client, const std::string& transport, const std::string& content) {
+    EXPECT_EQ(200, client.Ask("DESCRIBE", Url(content)).status);
+    const RtspReply reply = client.Ask("SETUP", Url(content) + "/trackID=0", transport);
+    EXPECT_EQ(200, reply.status);
+    EXPECT_EQ(200, client.Ask("PLAY", Url(content)).status);
+    return reply;
 }
 
 bool GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size) {

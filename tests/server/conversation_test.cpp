@@ -75,15 +75,11 @@ TEST_F(Conversation, UdpSendsFromTheAnnouncedPorts) {
     CFakeStreamSource* source = AddChannel();
     CRtspTestClient client(m_port);
     CUdpPeer rtp;
-    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
     const std::string ports = std::to_string(rtp.Port()) + "-" + std::to_string(rtp.Port() + 1);
-    RtspReply reply =
-        client.Ask("SETUP", Url() + "/trackID=0", "Transport: RTP/AVP;unicast;client_port=" + ports + "\r\n");
-    ASSERT_EQ(200, reply.status);
-    const std::string transport = reply.Header("Transport");
+    const std::string transport =
+        Play(client, "Transport: RTP/AVP;unicast;client_port=" + ports + "\r\n").Header("Transport");
     EXPECT_EQ(0u, transport.find("RTP/AVP;unicast;client_port=" + ports + ";server_port="));
     const int server_port = atoi(transport.c_str() + transport.find("server_port=") + 12);
-    ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
     ASSERT_TRUE(Give(source, 10, 3000));
     int from = 0;
     const std::string packet = rtp.Recv(5000, &from);
@@ -130,12 +126,7 @@ TEST_F(Conversation, PrivateFramesTravelWithTheirOwnHeader) {
     StartServer();
     CFakeStreamSource* source = AddChannel();
     CRtspTestClient client(m_port);
-    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
-    const RtspReply reply =
-        client.Ask("SETUP", Url() + "/trackID=0", "Transport: KX/AVP/TCP;unicast;interleaved=0-1\r\n");
-    ASSERT_EQ(200, reply.status);
-    EXPECT_EQ(0u, reply.Header("Transport").find("KX/AVP/TCP;"));
-    ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
+    EXPECT_EQ(0u, Play(client, PRIVATE).Header("Transport").find("KX/AVP/TCP;"));
     ASSERT_TRUE(Give(source, 10, 500));
     // "$", channel, and four bytes of length, of which an interleaved reader takes the upper two for its own.
     const RtspFrame header = client.Frame();
@@ -227,11 +218,6 @@ TEST_F(Conversation, DescribeWaitsForTheSdpWithoutHoldingOthers) {
     CFakeStreamSource* source = AddChannel(LIVE_NAME, settings);
     AddChannel(ChannelName(2));
     const std::string ready = Url(ChannelName(2));
-    ASSERT_TRUE(Support::WaitUntil([&] {
-        CRtspTestClient probe(m_port);
-        return probe.Ask("DESCRIBE", ready).status == 200;
-    }));
-
     std::vector<std::unique_ptr<CRtspTestClient>> waiting;
     for (int i = 0; i < 12; ++i) {  // more than the pool has threads
         waiting.push_back(std::make_unique<CRtspTestClient>(m_port));

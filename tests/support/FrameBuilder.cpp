@@ -13,25 +13,16 @@ const size_t HEADER_SIZE = 24;
 const size_t TRAILER_SIZE = 8;
 
 uint8_t type_byte(int letter) {
-    static const struct {
-        int letter;
-        uint8_t byte;
-    } ROWS[] = {{'I', 0xFD}, {'J', 0xFB}, {'P', 0xFC}, {'B', 0xFE}, {'A', 0xF0}};
-    for (const auto& row : ROWS) {
-        if (row.letter == letter) {
-            return row.byte;
-        }
-    }
-    return 0xF1;
+    return letter == 'I' ? 0xFD : letter == 'P' ? 0xFC : letter == 'A' ? 0xF0 : 0xF1;
 }
 
+// Encoding and frame rate (25), and the picture's size in units of 8 pixels (48 high); or encoding and 8000 Hz.
 std::string extensions(const FrameSpec& spec) {
     const char code = static_cast<char>(spec.encode_code);
-    if (spec.type == 'I' || spec.type == 'J') {
-        return std::string({'\x81', 0, code, static_cast<char>(spec.frame_rate)}) +
-               std::string({'\x80', 0, static_cast<char>(spec.width / 8), static_cast<char>(spec.height / 8)});
+    if (spec.type == 'I') {
+        return std::string({'\x81', 0, code, 25, '\x80', 0, static_cast<char>(spec.width / 8), 48 / 8});
     }
-    return spec.type == 'A' ? std::string({'\x83', 1, code, 2}) : std::string();  // 2: 8000 Hz
+    return spec.type == 'A' ? std::string({'\x83', 1, code, 2}) : std::string();
 }
 
 uint32_t packed_time(double utc) {

@@ -51,7 +51,7 @@ public:
         return handler;
     }
 
-    sock_function_t on_input, on_output, on_exception, on_input_timeout, on_output_timeout, on_exception_timeout;
+    sock_function_t on_input, on_output, on_exception, on_input_timeout, on_output_timeout;
     std::function<int64_t(long timer_id)> on_timeout;
     std::function<int(long sender_id, unsigned int msg, long param)> on_message;
     std::function<void()> on_close;
@@ -68,7 +68,6 @@ public:
     int handle_exception(int fd) override { return on_exception ? on_exception(fd) : 0; }
     int handle_input_timeout(int fd) override { return on_input_timeout ? on_input_timeout(fd) : 0; }
     int handle_output_timeout(int fd) override { return on_output_timeout ? on_output_timeout(fd) : 0; }
-    int handle_exception_timeout(int fd) override { return on_exception_timeout ? on_exception_timeout(fd) : 0; }
     int64_t handle_timeout(long timer_id) override { return on_timeout ? on_timeout(timer_id) : 0; }
     int handle_message(long sender_id, unsigned int msg, long param) override {
         return on_message ? on_message(sender_id, msg, param) : 0;
