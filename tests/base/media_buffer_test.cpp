@@ -60,6 +60,12 @@ void Put(CMediaBuffer& buffer, const std::string& bytes, int flag, int channel) 
     ASSERT_EQ(0, buffer.Put(packet, size, flag, channel));
 }
 
+// A unit of two packets: a header of six bytes and a frame.
+void PutPair(CMediaBuffer& buffer, const std::string& bytes, int flag, int channel) {
+    Put(buffer, bytes.substr(0, 6), 0, channel);
+    Put(buffer, bytes.substr(6), flag, channel);
+}
+
 void PutFrame(CMediaBuffer& buffer, unsigned int number, bool key, size_t size, int track = 0) {
     CountedPacket* info = new CountedPacket(std::to_string(number));
     const int info_size = info->Size();
@@ -126,13 +132,9 @@ TEST_P(MediaBufferTest, SinkThatJoinsGetsWholeUnitsPutSince) {
     Put(*m_buffer, pair.substr(0, 6), 0, SKIPPABLE);
     m_buffer->AddSender(late.sender);  // between a header and its frame
     Put(*m_buffer, pair.substr(6), 1, SKIPPABLE);
-    const std::string side_data = MediaBytes(4, 2, false, 50);  // header and frame both with flag 0
-    Put(*m_buffer, side_data.substr(0, 6), 0, 2 << 24 | SKIPPABLE);
-    Put(*m_buffer, side_data.substr(6), 0, 2 << 24 | SKIPPABLE);
-    Put(*m_buffer, pair.substr(0, 6), 0, SKIPPABLE);  // whose frame never comes
-    const std::string next = MediaBytes(0, 3, false, 100);
-    Put(*m_buffer, next.substr(0, 6), 0, SKIPPABLE);
-    Put(*m_buffer, next.substr(6), 1, SKIPPABLE);
+    PutPair(*m_buffer, MediaBytes(4, 2, false, 50), 0, 2 << 24 | SKIPPABLE);  // side data: both with flag 0
+    Put(*m_buffer, pair.substr(0, 6), 0, SKIPPABLE);                          // whose frame never comes
+    PutPair(*m_buffer, MediaBytes(0, 3, false, 100), 1, SKIPPABLE);
     EXPECT_TRUE(early.Gets(4) && late.Gets(2));
     EXPECT_EQ((std::vector<unsigned int>{0, 1, 3}), early.reader.Numbers(0));
     EXPECT_EQ((std::vector<unsigned int>{3}), late.reader.Numbers(0));

@@ -69,6 +69,10 @@ protected:
     // Publishes a channel of a fake source, and gives the source.
     CFakeStreamSource* AddChannel(const std::string& name = LIVE_NAME,
                                   const CFakeStreamSource::Settings& settings = CFakeStreamSource::LiveVideo());
+    CFakeStreamSource* StartWithChannel() {
+        StartServer();
+        return AddChannel();
+    }
     // Publishes the source of the last AddChannel under another name as well.
     void ShareChannel(const std::string& name) { Publish(name, MakeChannel(name)); }
     std::string Url(const std::string& content = LIVE_NAME) const;

@@ -10,8 +10,7 @@ using Support::CUdpPeer;
 class Conversation : public CServerTest {};
 
 TEST_F(Conversation, InterleavedFromOptionsToASecondPlay) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
+    CFakeStreamSource* source = StartWithChannel();
     CRtspTestClient client(m_port);
 
     RtspReply reply = client.Ask("OPTIONS", "*");
@@ -71,8 +70,7 @@ TEST_F(Conversation, InterleavedFromOptionsToASecondPlay) {
 }
 
 TEST_F(Conversation, UdpSendsFromTheAnnouncedPorts) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
+    CFakeStreamSource* source = StartWithChannel();
     CRtspTestClient client(m_port);
     CUdpPeer rtp;
     const std::string ports = std::to_string(rtp.Port()) + "-" + std::to_string(rtp.Port() + 1);
@@ -93,8 +91,7 @@ TEST_F(Conversation, UdpSendsFromTheAnnouncedPorts) {
 }
 
 TEST_F(Conversation, SetupRefusesWhatItCantServe) {
-    StartServer();
-    AddChannel();
+    StartWithChannel();
     const struct {
         const char* track;
         const char* transport;
@@ -123,8 +120,7 @@ TEST_F(Conversation, SetupRefusesWhatItCantServe) {
 }
 
 TEST_F(Conversation, PrivateFramesTravelWithTheirOwnHeader) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
+    CFakeStreamSource* source = StartWithChannel();
     CRtspTestClient client(m_port);
     EXPECT_EQ(0u, Play(client, PRIVATE).Header("Transport").find("KX/AVP/TCP;"));
     ASSERT_TRUE(Give(source, 10, 500));
@@ -174,8 +170,7 @@ TEST_F(Conversation, DataSourceAnswersLaterSeeksPausesAndEnds) {
 }
 
 TEST_F(Conversation, MulticastChannelIsOfferedAsSuch) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
+    CFakeStreamSource* source = StartWithChannel();
     CSockAddrStorage group("239.1.2.3", 41000);
     ASSERT_TRUE(Support::WaitUntil([&] { return m_channels[0]->AddTransfDst(group, "127.0.0.1") == 0; }));
     ASSERT_EQ(0, m_channels[0]->SetUnicast(false));
@@ -248,8 +243,7 @@ TEST_F(Conversation, DescribeWithoutSdpOrSourceIsNotFound) {
     };
     char* (*const function)(const char*, char*, int) = rewrite;
     SetFunction(RTSP_SVR_CONFIG_URL_FUNC, function);
-    StartServer();
-    AddChannel();
+    StartWithChannel();
     CRtspTestClient alias(m_port);
     EXPECT_EQ(200, alias.Ask("DESCRIBE", Url("alias.kav")).status);
 

@@ -87,8 +87,7 @@ TEST_F(Intake, ConnectionsThatSayNothingAreDropped) {
 TEST_F(Intake, HandedInConnections) {
     Set(RTSP_SVR_CONFIG_AUTH_TYPE, rtsp_auth_t{7});
     SetFunction(RTSP_SVR_CONFIG_AUTH_FUNC, &MakeModule);
-    StartServer();
-    AddChannel();
+    StartWithChannel();
     const std::string describe = "DESCRIBE " + Url() + " RTSP/1.0\r\nCSeq: 1\r\n\r\n";
     const int nat_record[5] = {2, 10, 20, 30, 40};
     const int other_record[5] = {3, 0, 0, 0, 0};

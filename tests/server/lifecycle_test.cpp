@@ -54,8 +54,7 @@ TEST_F(Lifecycle, RequestsBehindAHeldOneWaitUpToTen) {
 }
 
 TEST_F(Lifecycle, RefusedRequestsGetNoAnswerAndHoldTheConversation) {
-    StartServer();
-    AddChannel();
+    StartWithChannel();
     const struct {
         const char* method;
         const char* track;
@@ -83,8 +82,7 @@ TEST_F(Lifecycle, RefusedRequestsGetNoAnswerAndHoldTheConversation) {
 }
 
 TEST_F(Lifecycle, BytesOfAllKindsEndOnlyTheirOwnConnection) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
+    CFakeStreamSource* source = StartWithChannel();
     CRtspTestClient steady(m_port);
     PlayInterleaved(steady);
     Support::CLogCapture log(Ostra::LOG_LEVEL_ERROR);
@@ -124,8 +122,7 @@ TEST_F(Lifecycle, BytesOfAllKindsEndOnlyTheirOwnConnection) {
 }
 
 TEST_F(Lifecycle, InterleavedFramesOfTheClient) {
-    StartServer();
-    AddChannel();
+    StartWithChannel();
     CRtspTestClient client(m_port);
     PlayInterleaved(client);
     const std::string bye("$\1\0\10\x81\xcb\0\1abcd", 12);
@@ -149,8 +146,7 @@ TEST_F(Lifecycle, InterleavedFramesOfTheClient) {
 }
 
 TEST_F(Lifecycle, ADeletedChannelEndsItsSessionsAndIsNotKeptByAnyDescribe) {
-    StartServer();
-    AddChannel();
+    StartWithChannel();
     AddChannel(CHANNEL_2);
     Support::CLogCapture log;
     CRtspTestClient described(m_port), interleaved(m_port), udp(m_port), other(m_port);
@@ -174,8 +170,7 @@ TEST_F(Lifecycle, ADeletedChannelEndsItsSessionsAndIsNotKeptByAnyDescribe) {
 
 // Their sessions can't leave by name any more, and the source goes on filling the buffer that it was given last.
 TEST_F(Lifecycle, ChannelsGoUnderTheirSinksWhileTheSourceRuns) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
+    CFakeStreamSource* source = StartWithChannel();
     CRtspTestClient steady(m_port);
     PlayInterleaved(steady);
     std::atomic<bool> stop{false};
@@ -204,8 +199,7 @@ TEST_F(Lifecycle, ChannelsGoUnderTheirSinksWhileTheSourceRuns) {
 }
 
 TEST_F(Lifecycle, ANewDescribeInTheMiddleOfAStreamLetsGoOfTheOldOne) {
-    StartServer();
-    AddChannel();
+    StartWithChannel();
     CFakeStreamSource* second = AddChannel(CHANNEL_2);
     CRtspTestClient client(m_port);
     PlayInterleaved(client);
@@ -240,8 +234,7 @@ TEST_F(Lifecycle, AClientThatStopsReadingEndsAlone) {
 }
 
 TEST_F(Lifecycle, SessionsAndChannelsComeAndGoAtOnce) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
+    CFakeStreamSource* source = StartWithChannel();
     Support::CLogCapture log(Ostra::LOG_LEVEL_ERROR);
     std::atomic<bool> over{false};
     std::atomic<int> played{0};
@@ -293,8 +286,7 @@ TEST_F(Lifecycle, SessionsAndChannelsComeAndGoAtOnce) {
 }
 
 TEST_F(Lifecycle, AFormatChangeEndsRtpAndNotPrivateSessions) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
+    CFakeStreamSource* source = StartWithChannel();
     CRtspTestClient rtp(m_port), kx(m_port);
     PlayInterleaved(rtp);
     Play(kx, PRIVATE);
@@ -308,8 +300,7 @@ TEST_F(Lifecycle, AFormatChangeEndsRtpAndNotPrivateSessions) {
 
 TEST_F(Lifecycle, EventsTellOfComingGoingAndLoss) {
     SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, &CEventLog::OnEvent);
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
+    CFakeStreamSource* source = StartWithChannel();
     CRtspTestClient client(m_port);
     PlayInterleaved(client);
     EXPECT_EQ(1, CEventLog::Count("connected 127.0.0.1"));
