@@ -280,10 +280,12 @@ TEST(MediaBufferPool, SendProcedureThatBlocksHoldsUpItsOwnGroupOnly) {
     }
     sinks[0]->sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(&blocker, &Leaver::Wait));
     unsigned int number = 0;
+    unsigned int number_at_block = 0;
     EXPECT_TRUE(WaitUntil([&] {
         PutFrame(buffer, number++, true, 100);
+        number_at_block = blocker.calls == 0 ? number : number_at_block;
         sinks[39]->Read();
-        return blocker.calls > 0 && sinks[39]->reader.Units().size() >= 5;
+        return blocker.calls > 0 && sinks[39]->reader.Units().size() >= number_at_block + 5;
     }));
     EXPECT_FALSE(blocker.left);
     blocker.removing = true;

@@ -117,14 +117,27 @@ TEST(Time, ArithmeticStopsAtTheEnds) {
     EXPECT_EQ(uint64_t{1} << 63, (CTime(0) - INT64_MIN).makeTime());
 }
 
+struct Adder {
+    int Add(int a) { return value + a; }
+    int value = 40;
+};
+
+TEST(Function, BindsMembersAndPlainFunctions) {
+    Adder object;
+    const TFunction1<int, int> member(&object, &Adder::Add);
+    EXPECT_EQ(42, member(2));
+    EXPECT_TRUE(member == (TFunction1<int, int>(&object, &Adder::Add)));
+    const TFunction1<int, int> plain([](int a) { return -a; });
+    EXPECT_EQ(-3, plain(3));
+    EXPECT_TRUE(plain != member);
+}
+
 TEST(Function, EmptyOneLogsAndGivesADefault) {
     Support::CLogCapture log;
     EXPECT_EQ(0, (TFunction1<int, int>()(1)));
     EXPECT_EQ(1, log.Count("FUNCTION_FUNCTION::operator() invalid function type : 0, typeid : "));
-    struct CHost {
-        int Answer(int value) { return value; }
-    }* none = nullptr;
-    EXPECT_TRUE((TFunction1<int, int>(none, &CHost::Answer).empty()));
+    Adder* none = nullptr;
+    EXPECT_TRUE((TFunction1<int, int>(none, &Adder::Add).empty()));
 }
 
 TEST(Packet, CopiesShareTheBlock) {

@@ -184,7 +184,7 @@ TEST_F(SockEvents, RegisteringAnewTakesADueTimeoutBack) {
 }
 
 // The ICMP answers to what is sent to a peer that has gone wake the reader, which takes them away, but the peer is
-// silent. Nor do they cost a packet that is sent later, perhaps to another.
+// silent.
 TEST_F(SockEvents, RefusalsAreNoSignOfLife) {
     CSockDgram sender, gone;
     ASSERT_TRUE(Support::MakeDgramPair(sender, gone));

@@ -228,6 +228,16 @@ TEST(SockDgram, SendsToEitherFormOfAnAddress) {
     EXPECT_EQ(-1, unbound.Open(&invalid));
 }
 
+// The port of a client that has gone answers with ICMP, which must not cost a packet that is sent later to another.
+TEST(SockDgram, RefusalOfAnEarlierDatagramDoesNotFailTheNext) {
+    CSockDgram sender, receiver;
+    ASSERT_TRUE(Support::MakeDgramPair(sender, receiver));
+    receiver.Close();
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(1, sender.Send("x", 1, nullptr));
+    }
+}
+
 TEST(SockDgram, JoinsTheGroupItIsOpenedOn) {
     const CSockAddrIPv4 group("239.255.77.77", 0);
     CSockDgram receivers[2], sender;

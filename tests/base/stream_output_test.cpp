@@ -121,6 +121,25 @@ TEST_F(QueueTest, EmptyQueueTakesAUnitAboveItsLimit) {
     EXPECT_EQ((std::vector<unsigned int>{0}), m_reader.Numbers(0));
 }
 
+TEST_F(QueueTest, BatchThatTheSocketTakesInPartGoesOnWhereItStopped) {
+    Drain(1);
+    CUnitBatch batch;
+    std::vector<unsigned int> numbers;
+    while (!batch.Full()) {
+        numbers.push_back(batch.Count());
+        COutputUnit* unit = COutputUnit::CreateMedia(1, 1, 1);
+        CountedPacket* packet = new CountedPacket(MediaBytes(0, batch.Count(), true, 3000));
+        unit->AddPacket(packet, static_cast<unsigned int>(packet->Size()), 1);
+        batch.Add(unit);
+    }
+    EXPECT_EQ(~uint64_t{0}, m_queue.SendMedia(batch, 0, ~0U));
+    for (unsigned int i = 0; i < batch.Count(); ++i) {
+        batch.Unit(i)->Release();
+    }
+    Drain(1 + numbers.size());
+    EXPECT_EQ(numbers, m_reader.Numbers(0));
+}
+
 TEST_F(QueueTest, AgedMediaGoesUpToAKeyFrameAndTextStays) {
     m_queue.SetLimit(0, 1000);
     Expect({{'0', true, 0, true}, {'0', false, 500, true}});

@@ -4,6 +4,7 @@
 #include <memory>
 #include <thread>
 
+#include "FrameInfo.h"
 #include "MediaFrame.h"
 #include "RawMemory.h"
 #include "support/Capture.h"
@@ -159,6 +160,12 @@ TEST(MediaFrame, EveryPairOfModesAssignsAndShares) {
     CMediaPacket* packet = new CMediaFrame(frame);
     EXPECT_EQ(frame.getBuffer(), packet->GetData());
     packet->Release();
+}
+
+TEST(FrameInfo, DataIsItsOwnFields) {
+    auto* info = new CFrameInfo;
+    EXPECT_EQ(reinterpret_cast<unsigned char*>(&info->m_track), info->GetData());
+    info->Release();
 }
 
 }  // namespace

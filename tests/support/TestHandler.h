@@ -25,7 +25,7 @@ bool WaitUntil(TCondition done, int limit_ms = 20000) {
         if (std::chrono::steady_clock::now() > limit) {
             return false;
         }
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
 }

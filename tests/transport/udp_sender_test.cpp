@@ -46,12 +46,12 @@ protected:
     void Open(int media_num, int min_port = 31000, int max_port = 31100) {
         m_config = RangeConfig(min_port, max_port);
         Prepare(m_sender, media_num);
+        m_sender.SetRemote(CSockAddrStorage("127.0.0.1", 0));
     }
     // Another sender, over the same range.
     void Prepare(CRtpUdpSender& sender, int media_num) const {
         sender.SetConfig(&m_config);
         sender.Init(media_num);
-        sender.SetRemote(CSockAddrStorage("127.0.0.1", 0));
     }
     // The own port of a new pair, or -1.
     static int OpenPair(CRtpUdpSender& sender, int remote_port, int channel) {
