@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <mutex>
 #include <string>
@@ -27,6 +28,7 @@ using Support::H264Picture;
 using Support::WaitUntil;
 
 const uint64_t NOT_GIVEN = ~uint64_t{0};
+const packet_type_t ALL_TYPES[] = {PACKET_TYPE_RTP, PACKET_TYPE_KX, PACKET_TYPE_TS};
 
 // Keeps a copy of what a buffer gives.
 class CKeepingSink : public CLevel2Buffer_IF {
@@ -69,6 +71,12 @@ protected:
         }
     }
 
+    void OpenReady(const CFakeStreamSource::Settings& settings = CFakeStreamSource::LiveVideo(),
+                   const char* content = "cam/realmonitor?channel=1&subtype=0") {
+        Open(settings, content);
+        ASSERT_TRUE(WaitFor(MSG_SRC_READY));
+    }
+
     void TearDown() override {
         if (m_source != nullptr) {
             m_source->Close();
@@ -83,15 +91,13 @@ protected:
 
     int Count(unsigned int msg) {
         const std::lock_guard<std::mutex> guard(m_mutex);
-        int count = 0;
-        for (const unsigned int message : m_messages) {
-            count += message == msg ? 1 : 0;
-        }
-        return count;
+        return static_cast<int>(std::count(m_messages.begin(), m_messages.end(), msg));
     }
     bool WaitFor(unsigned int msg, int count = 1) {
-        return WaitUntil([this, msg, count] { return Count(msg) >= count; });
+        return WaitUntil([=] { return Count(msg) >= count; });
     }
+    // What the buffer of a type has given so far.
+    const std::vector<CKeepingSink::Item>& Given(packet_type_t type) const { return m_sink[type].m_items; }
     CFakeStreamSource& Host() { return *CFakeStreamSource::Last(); }
     int Start(packet_type_t type) { return m_source->StartStreaming(type, &m_buffer[type], 7); }
 
@@ -118,9 +124,8 @@ protected:
 };
 
 TEST_F(KXDataTest, OneFrameFeedsAllThreeForms) {
-    Open(CFakeStreamSource::LiveVideo());
-    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
-    for (const packet_type_t type : {PACKET_TYPE_RTP, PACKET_TYPE_KX, PACKET_TYPE_TS}) {
+    OpenReady();
+    for (const packet_type_t type : ALL_TYPES) {
         ASSERT_EQ(0, Start(type));
     }
     EXPECT_EQ(2, Host().CountCalls("SetIFrame"));
@@ -128,8 +133,8 @@ TEST_F(KXDataTest, OneFrameFeedsAllThreeForms) {
     ASSERT_TRUE(Host().Give(frame));
 
     // RTP: one merged packet, each piece behind its interleave header, key frame of track 0.
-    ASSERT_EQ(1u, m_sink[PACKET_TYPE_RTP].m_items.size());
-    const CKeepingSink::Item& rtp = m_sink[PACKET_TYPE_RTP].m_items[0];
+    ASSERT_EQ(1u, Given(PACKET_TYPE_RTP).size());
+    const CKeepingSink::Item& rtp = Given(PACKET_TYPE_RTP)[0];
     EXPECT_EQ(1, rtp.flag);
     EXPECT_EQ(1, rtp.channel);
     EXPECT_EQ('$', rtp.bytes[0]);
@@ -137,19 +142,19 @@ TEST_F(KXDataTest, OneFrameFeedsAllThreeForms) {
     EXPECT_EQ('\x80', rtp.bytes[4]);
     EXPECT_EQ(96, rtp.bytes[5] & 0x7F);
     // Private: a header of six bytes and the frame as it is.
-    ASSERT_EQ(2u, m_sink[PACKET_TYPE_KX].m_items.size());
-    const CKeepingSink::Item& header = m_sink[PACKET_TYPE_KX].m_items[0];
+    ASSERT_EQ(2u, Given(PACKET_TYPE_KX).size());
+    const CKeepingSink::Item& header = Given(PACKET_TYPE_KX)[0];
     EXPECT_EQ(0, header.flag);
     EXPECT_EQ(
         std::string({'$', '\0', '\0', '\0', static_cast<char>(frame.size() >> 8), static_cast<char>(frame.size())}),
         header.bytes);
     EXPECT_EQ(std::string(reinterpret_cast<const char*>(frame.getBuffer()), frame.size()),
-              m_sink[PACKET_TYPE_KX].m_items[1].bytes);
-    EXPECT_EQ(1, m_sink[PACKET_TYPE_KX].m_items[1].flag);
-    EXPECT_FALSE(m_sink[PACKET_TYPE_TS].m_items.empty());
+              Given(PACKET_TYPE_KX)[1].bytes);
+    EXPECT_EQ(1, Given(PACKET_TYPE_KX)[1].flag);
+    EXPECT_FALSE(Given(PACKET_TYPE_TS).empty());
 
     Host().Give(Picture(false, 100));
-    EXPECT_EQ(5, m_sink[PACKET_TYPE_RTP].m_items.back().channel & 0xFF);
+    EXPECT_EQ(5, Given(PACKET_TYPE_RTP).back().channel & 0xFF);
 
     SrcInfo info;
     CSdpParser sdp;
@@ -157,8 +162,7 @@ TEST_F(KXDataTest, OneFrameFeedsAllThreeForms) {
     const int track = sdp.get_track_id(0);
     ASSERT_EQ(0, m_source->GetSrcInfo(info, track));
     EXPECT_EQ(track, info.track_id);
-    EXPECT_EQ(m_sink[PACKET_TYPE_RTP].m_items[0].bytes.size() + m_sink[PACKET_TYPE_RTP].m_items[1].bytes.size(),
-              info.octets);
+    EXPECT_EQ(Given(PACKET_TYPE_RTP)[0].bytes.size() + Given(PACKET_TYPE_RTP)[1].bytes.size(), info.octets);
     EXPECT_NE(0u, m_source->GetSSRC(track));
     EXPECT_EQ(-1, m_source->GetSrcInfo(info, 99));
 
@@ -169,9 +173,8 @@ TEST_F(KXDataTest, OneFrameFeedsAllThreeForms) {
 }
 
 TEST_F(KXDataTest, BuffersMayEndBeforeTheSourceLetsGoOfThem) {
-    Open(CFakeStreamSource::LiveVideo());
-    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
-    for (const packet_type_t type : {PACKET_TYPE_RTP, PACKET_TYPE_KX, PACKET_TYPE_TS}) {
+    OpenReady();
+    for (const packet_type_t type : ALL_TYPES) {
         CMediaBuffer of_a_channel;
         of_a_channel.EnableAutoSend();
         of_a_channel.AddLevel2Buffer(&m_sink[type]);
@@ -180,8 +183,8 @@ TEST_F(KXDataTest, BuffersMayEndBeforeTheSourceLetsGoOfThem) {
     for (int i = 0; i < 6; ++i) {  // more side packets than a buffer keeps
         Host().Give(Picture(true, 1000));
     }
-    for (const packet_type_t type : {PACKET_TYPE_RTP, PACKET_TYPE_KX, PACKET_TYPE_TS}) {
-        EXPECT_TRUE(m_sink[type].m_items.empty());
+    for (const packet_type_t type : ALL_TYPES) {
+        EXPECT_TRUE(Given(type).empty());
         ASSERT_EQ(0, Start(type));
     }
     Flumen::CMediaFrame empty(16);
@@ -189,8 +192,8 @@ TEST_F(KXDataTest, BuffersMayEndBeforeTheSourceLetsGoOfThem) {
     empty.setType('I');
     Host().Give(empty);
     Host().Give(Picture(true, 1000));
-    for (const packet_type_t type : {PACKET_TYPE_RTP, PACKET_TYPE_KX, PACKET_TYPE_TS}) {
-        EXPECT_FALSE(m_sink[type].m_items.empty());
+    for (const packet_type_t type : ALL_TYPES) {
+        EXPECT_FALSE(Given(type).empty());
     }
 }
 
@@ -200,29 +203,28 @@ TEST_F(KXDataTest, FramesBeforeTheFormatGoNowhere) {
     Open(settings);
     ASSERT_EQ(0, Start(PACKET_TYPE_KX));
     Host().Give(Picture(true, 10));
-    EXPECT_TRUE(m_sink[PACKET_TYPE_KX].m_items.empty());
+    EXPECT_TRUE(Given(PACKET_TYPE_KX).empty());
     CSdpParser sdp;
     EXPECT_EQ(-1, m_source->GetSdp(sdp));
     Host().Tell(MSG_STREAM_INFO);
     ASSERT_TRUE(WaitFor(MSG_SRC_READY));
     Host().Give(Picture(true, 10));
-    EXPECT_EQ(2u, m_sink[PACKET_TYPE_KX].m_items.size());
+    EXPECT_EQ(2u, Given(PACKET_TYPE_KX).size());
 }
 
 TEST_F(KXDataTest, AssistFramesNeedAClientThatWantsThem) {
-    Open(CFakeStreamSource::LiveVideo());
-    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
+    OpenReady();
     ASSERT_EQ(0, Start(PACKET_TYPE_KX));
     FrameSpec spec;
     spec.type = 'W';
     spec.payload = "side data";
     Host().Give(BuildFrame(spec));
-    EXPECT_TRUE(m_sink[PACKET_TYPE_KX].m_items.empty());
+    EXPECT_TRUE(Given(PACKET_TYPE_KX).empty());
     m_source->EnableStreamTrack(STREAM_TRACK_ASSIST);
     Host().Give(BuildFrame(spec));
-    ASSERT_EQ(2u, m_sink[PACKET_TYPE_KX].m_items.size());
-    EXPECT_EQ(1, m_sink[PACKET_TYPE_KX].m_items[1].channel >> 24);  // behind the only medium
-    EXPECT_EQ(0, m_sink[PACKET_TYPE_KX].m_items[1].flag);
+    ASSERT_EQ(2u, Given(PACKET_TYPE_KX).size());
+    EXPECT_EQ(1, Given(PACKET_TYPE_KX)[1].channel >> 24);  // behind the only medium
+    EXPECT_EQ(0, Given(PACKET_TYPE_KX)[1].flag);
     CSdpParser sdp;
     ASSERT_EQ(0, m_source->GetSdp(sdp, 1));
     ASSERT_EQ(2, sdp.get_media_count());
@@ -231,12 +233,11 @@ TEST_F(KXDataTest, AssistFramesNeedAClientThatWantsThem) {
     EXPECT_EQ(-1, m_source->GetSdp(sdp, 2));
     m_source->DisableStreamTrack(STREAM_TRACK_ASSIST);
     Host().Give(BuildFrame(spec));
-    EXPECT_EQ(2u, m_sink[PACKET_TYPE_KX].m_items.size());
+    EXPECT_EQ(2u, Given(PACKET_TYPE_KX).size());
 }
 
 TEST_F(KXDataTest, ChangeOfFormatHoldsTheKeyFrameBackAndUpdatesTheSdp) {
-    Open(CFakeStreamSource::LiveVideo());
-    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
+    OpenReady();
     ASSERT_EQ(0, Start(PACKET_TYPE_RTP));
     ASSERT_EQ(0, Start(PACKET_TYPE_KX));
     StreamVideoFormat wider = CFakeStreamSource::LiveVideo().video;
@@ -244,16 +245,16 @@ TEST_F(KXDataTest, ChangeOfFormatHoldsTheKeyFrameBackAndUpdatesTheSdp) {
     wider.frame_rate = 50;
     Host().SetVideo(wider);
     Host().Give(Picture(false, 10, 1));  // flagged, but only a key frame shows the change
-    EXPECT_EQ(1u, m_sink[PACKET_TYPE_RTP].m_items.size());
+    EXPECT_EQ(1u, Given(PACKET_TYPE_RTP).size());
     Host().Give(Picture(true, 10));
-    EXPECT_EQ(1u, m_sink[PACKET_TYPE_RTP].m_items.size());
-    EXPECT_EQ(4u, m_sink[PACKET_TYPE_KX].m_items.size());  // private frames describe themselves
+    EXPECT_EQ(1u, Given(PACKET_TYPE_RTP).size());
+    EXPECT_EQ(4u, Given(PACKET_TYPE_KX).size());  // private frames describe themselves
     ASSERT_TRUE(WaitFor(MSG_SDP_UPDATE));
     CSdpParser sdp;
     ASSERT_EQ(0, m_source->GetSdp(sdp));
     EXPECT_NE(nullptr, std::strstr(sdp.get_stream(), "a=framerate:50.000000\r\n"));
     Host().Give(Picture(true, 10));
-    EXPECT_EQ(2u, m_sink[PACKET_TYPE_RTP].m_items.size());
+    EXPECT_EQ(2u, Given(PACKET_TYPE_RTP).size());
     // The rate by itself is no change.
     wider.frame_rate = 10;
     Host().SetVideo(wider);
@@ -267,10 +268,7 @@ TEST_F(KXDataTest, ChangeOfFormatHoldsTheKeyFrameBackAndUpdatesTheSdp) {
 }
 
 TEST_F(KXDataTest, FilePlaysInsideItsWindow) {
-    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-    settings.type = SRC_TYPE_FILE;
-    Open(settings, "clip.kav");
-    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
+    OpenReady(CFakeStreamSource::FileVideo(), "clip.kav");
     CSdpParser sdp;
     ASSERT_EQ(0, m_source->GetSdp(sdp));
     EXPECT_NE(nullptr, std::strstr(sdp.get_stream(), "a=range:npt=0-12.500000\r\n"));
@@ -294,7 +292,7 @@ TEST_F(KXDataTest, FilePlaysInsideItsWindow) {
         spec.payload = H264Picture(true, 10, 7);
         spec.utc = row.utc;
         Host().Give(BuildFrame(spec));
-        EXPECT_EQ(row.sent, !m_sink[PACKET_TYPE_KX].m_items.empty()) << row.utc;
+        EXPECT_EQ(row.sent, !Given(PACKET_TYPE_KX).empty()) << row.utc;
     }
     // Pause keeps the count, so that one stop is enough after a resume.
     EXPECT_EQ(0, m_source->Pause());
@@ -315,15 +313,13 @@ TEST_F(KXDataTest, FilePlaysInsideItsWindow) {
     Host().SetPacketState(1);
     Host().Give(Picture(true, 10));
     EXPECT_TRUE(WaitFor(MSG_SRC_END));
-    EXPECT_TRUE(m_sink[PACKET_TYPE_KX].m_items.empty());  // the frame that tells the end isn't sent
+    EXPECT_TRUE(Given(PACKET_TYPE_KX).empty());  // the frame that tells the end isn't sent
 }
 
 TEST_F(KXDataTest, AFailedSeekLeavesTheOtherBoundOfTheWindow) {
-    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-    settings.type = SRC_TYPE_FILE;
+    CFakeStreamSource::Settings settings = CFakeStreamSource::FileVideo();
     settings.seek_fails = true;
-    Open(settings, "clip.kav");
-    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
+    OpenReady(settings, "clip.kav");
     const struct {
         float speed;
         uint64_t start;
@@ -342,20 +338,19 @@ TEST_F(KXDataTest, AFailedSeekLeavesTheOtherBoundOfTheWindow) {
 TEST_F(KXDataTest, TokenStreamCarriesTheReplayExtension) {
     CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
     settings.type = SRC_TYPE_TOKEN;
-    Open(settings, "cam/playback?token=abc");
-    ASSERT_TRUE(WaitFor(MSG_SRC_READY));
+    OpenReady(settings, "cam/playback?token=abc");
     ASSERT_EQ(0, Start(PACKET_TYPE_RTP));
     Host().Give(Picture(true, 10));
     Host().Give(Picture(false, 10));
-    ASSERT_EQ(2u, m_sink[PACKET_TYPE_RTP].m_items.size());
-    const std::string& first = m_sink[PACKET_TYPE_RTP].m_items[0].bytes;
+    ASSERT_EQ(2u, Given(PACKET_TYPE_RTP).size());
+    const std::string& first = Given(PACKET_TYPE_RTP)[0].bytes;
     EXPECT_EQ('\x90', first[4]);  // extension bit
     EXPECT_EQ(std::string("\xAB\xAC\0\3", 4), first.substr(16, 4));
     const uint32_t ntp = 1600000000u + 2208988800u;
     EXPECT_EQ(std::string({static_cast<char>(ntp >> 24), static_cast<char>(ntp >> 16), static_cast<char>(ntp >> 8),
                            static_cast<char>(ntp), 0, 0, 0, 0, '\xA0', 7, 0, 0}),
               first.substr(20, 12));  // clean point and discontinuity, CSeq 7
-    EXPECT_EQ('\0', m_sink[PACKET_TYPE_RTP].m_items[1].bytes[28]);
+    EXPECT_EQ('\0', Given(PACKET_TYPE_RTP)[1].bytes[28]);
 }
 
 TEST_F(KXDataTest, SourceThatFailsAtAnyStepIsReported) {

@@ -72,31 +72,27 @@ CLiveChannel* make_channel(const char* name, CDataSource* source, transf_type_t 
     return channel;
 }
 
-// A registry with channels of one source under the given names.
-class CRegistry {
-public:
-    explicit CRegistry(const std::vector<const char*>& names) : m_source(new CCountingSource(&m_closed)) {
+// A registry and a source, which is closed at the latest with the registry if that has it.
+class LiveTest : public testing::Test {
+protected:
+    void TearDown() override {
+        m_svr->Close();
+        EXPECT_TRUE(WaitUntil([this] { return m_closed == 1; }));
+    }
+    // Registers channels of the source under these names.
+    void Publish(const std::vector<const char*>& names) {
         for (const char* name : names) {
             EXPECT_EQ(0, m_svr->AddLiveChannel(name, make_channel(name, m_source), m_source));
         }
     }
-    ~CRegistry() {
-        m_svr->Close();
-        EXPECT_TRUE(WaitUntil([this] { return m_closed == 1; }));
-    }
-    // The name of the channel that serves `content`, "" if none does.
-    int Find(const char* content) { return m_svr->QueryLiveChannel(content); }
-    CLiveSvr* Svr() { return m_svr; }
-    CCountingSource& Source() { return *m_source; }
 
-private:
     CPool m_pool;
     std::atomic<int> m_closed{0};
     CLiveSvr* m_svr = CLiveSvr::Create(0);
-    CCountingSource* m_source;
+    CCountingSource* m_source = new CCountingSource(&m_closed);
 };
 
-TEST(LiveSvr, LookupFollowsNameAndParameters) {
+TEST_F(LiveTest, LookupFollowsNameAndParameters) {
     const struct {
         std::vector<const char*> names;
         const char* content;
@@ -118,77 +114,70 @@ TEST(LiveSvr, LookupFollowsNameAndParameters) {
          1},
         {{"c"}, "d", -1},
     };
+    Publish({"last"});  // keeps the source
     for (const auto& row : rows) {
-        CRegistry registry(row.names);
-        CLiveChannel* const expected =
-            row.served_by < 0 ? nullptr : registry.Svr()->GetLiveChannel(row.names[row.served_by], 1);
-        CLiveChannel* const found = registry.Svr()->GetLiveChannel(row.content, 2);
+        Publish(row.names);
+        CLiveChannel* const expected = row.served_by < 0 ? nullptr : m_svr->GetLiveChannel(row.names[row.served_by], 1);
+        CLiveChannel* const found = m_svr->GetLiveChannel(row.content, 2);
         EXPECT_EQ(expected, found) << row.names[0] << " asked for " << row.content;
-        EXPECT_EQ(found == nullptr ? -1 : 0, registry.Svr()->QueryLiveChannel(row.content)) << row.content;
+        EXPECT_EQ(found == nullptr ? -1 : 0, m_svr->QueryLiveChannel(row.content)) << row.content;
         if (expected != nullptr) {
             expected->DelRef(1);
             found->DelRef(2);
         }
+        for (const char* name : row.names) {
+            EXPECT_EQ(0, m_svr->DelLiveChannel(name));
+        }
     }
 }
 
-TEST(LiveSvr, SinksEnterAndLeave) {
-    CRegistry registry({"c"});
+TEST_F(LiveTest, SinksEnterAndLeave) {
+    Publish({"c"});
     CLevel2Buffer_IF* const none = nullptr;
     class CSink : public CLevel2Buffer_IF {
     public:
         int Put(CMediaPacket*, int length, int, int) override { return length; }
     } sink;
-    EXPECT_EQ(-1, registry.Svr()->LeaveLiveChannel("c", &sink, PACKET_TYPE_RTP));  // never entered
-    EXPECT_EQ(0, registry.Svr()->EnterLiveChannel("c", &sink, PACKET_TYPE_RTP));
-    EXPECT_EQ(1, registry.Source().m_running[PACKET_TYPE_RTP]);
-    EXPECT_EQ(0, registry.Svr()->LeaveLiveChannel("c", &sink, PACKET_TYPE_RTP));
-    EXPECT_EQ(0, registry.Source().m_running[PACKET_TYPE_RTP]);
+    EXPECT_EQ(-1, m_svr->LeaveLiveChannel("c", &sink, PACKET_TYPE_RTP));  // never entered
+    EXPECT_EQ(0, m_svr->EnterLiveChannel("c", &sink, PACKET_TYPE_RTP));
+    EXPECT_EQ(1, m_source->m_running[PACKET_TYPE_RTP]);
+    EXPECT_EQ(0, m_svr->LeaveLiveChannel("c", &sink, PACKET_TYPE_RTP));
+    EXPECT_EQ(0, m_source->m_running[PACKET_TYPE_RTP]);
     // Another channel has the name of the one that the caller knows.
     CLiveChannel* const known = CLiveChannel::Create();
-    EXPECT_EQ(-1, registry.Svr()->EnterLiveChannel("c", &sink, PACKET_TYPE_RTP, known));
-    EXPECT_EQ(0, registry.Source().m_running[PACKET_TYPE_RTP]);
+    EXPECT_EQ(-1, m_svr->EnterLiveChannel("c", &sink, PACKET_TYPE_RTP, known));
+    EXPECT_EQ(0, m_source->m_running[PACKET_TYPE_RTP]);
     known->Close();
     // Null counts as a user without a sink, and leaving as null asks for no entry.
-    EXPECT_EQ(0, registry.Svr()->EnterLiveChannel("c", none, PACKET_TYPE_TS));
-    EXPECT_EQ(0, registry.Svr()->LeaveLiveChannel("c", none, PACKET_TYPE_TS));
-    EXPECT_EQ(0, registry.Svr()->LeaveLiveChannel("c", none, PACKET_TYPE_TS));
-    EXPECT_EQ(-1, registry.Svr()->EnterLiveChannel("d", none, PACKET_TYPE_TS));
-    EXPECT_EQ(-1, registry.Svr()->EnterLiveChannel(nullptr, none, PACKET_TYPE_TS));
+    EXPECT_EQ(0, m_svr->EnterLiveChannel("c", none, PACKET_TYPE_TS));
+    EXPECT_EQ(0, m_svr->LeaveLiveChannel("c", none, PACKET_TYPE_TS));
+    EXPECT_EQ(0, m_svr->LeaveLiveChannel("c", none, PACKET_TYPE_TS));
+    EXPECT_EQ(-1, m_svr->EnterLiveChannel("d", none, PACKET_TYPE_TS));
+    EXPECT_EQ(-1, m_svr->EnterLiveChannel(nullptr, none, PACKET_TYPE_TS));
 }
 
-TEST(LiveSvr, SourceIsClosedWithItsLastName) {
-    CPool pool;
-    std::atomic<int> closed{0};
-    CLiveSvr* svr = CLiveSvr::Create(0);
-    CCountingSource* source = new CCountingSource(&closed);
-    ASSERT_EQ(0, svr->AddLiveChannel("a", make_channel("a", source), source));
-    ASSERT_EQ(0, svr->AddLiveChannel("b", make_channel("b", source), source));
-    EXPECT_EQ(-1, svr->AddLiveChannel("c", nullptr, source));
-    EXPECT_EQ(0, svr->DelLiveChannel("a"));
-    EXPECT_EQ(-1, svr->DelLiveChannel("a"));
-    EXPECT_EQ(0, closed);
-    EXPECT_EQ(0, svr->DelLiveChannel("b"));
-    EXPECT_TRUE(WaitUntil([&] { return closed == 1; }));
-    svr->Close();
+TEST_F(LiveTest, SourceIsClosedWithItsLastName) {
+    Publish({"a", "b"});
+    EXPECT_EQ(-1, m_svr->AddLiveChannel("c", nullptr, m_source));
+    EXPECT_EQ(0, m_svr->DelLiveChannel("a"));
+    EXPECT_EQ(-1, m_svr->DelLiveChannel("a"));
+    EXPECT_EQ(0, m_closed);
+    EXPECT_EQ(0, m_svr->DelLiveChannel("b"));
+    EXPECT_TRUE(WaitUntil([&] { return m_closed == 1; }));
 }
 
-TEST(LiveChannel, OutlivesItsCloseUntilTheLastReference) {
-    CPool pool;
-    std::atomic<int> closed{0};
+TEST_F(LiveTest, ChannelOutlivesItsCloseUntilTheLastReference) {
     std::atomic<int> ends{0};
     CTestHandler* user = CTestHandler::Make();
     user->on_message = [&](long, unsigned int msg, long param) {
         ends += msg == MSG_SRC_END && std::string("a") == reinterpret_cast<const char*>(param) ? 1 : 0;
         return 0;
     };
-    CLiveSvr* svr = CLiveSvr::Create(0);
-    CCountingSource* source = new CCountingSource(&closed);
-    ASSERT_EQ(0, svr->AddLiveChannel("a", make_channel("a", source), source));
-    CLiveChannel* channel = svr->GetLiveChannel("a", user->GetID());
-    ASSERT_EQ(channel, svr->GetLiveChannel("a", user->GetID()));  // two references, one message
-    EXPECT_EQ(0, svr->DelLiveChannel("a"));
-    EXPECT_TRUE(WaitUntil([&] { return ends == 1 && closed == 1; }));
+    Publish({"a"});
+    CLiveChannel* channel = m_svr->GetLiveChannel("a", user->GetID());
+    ASSERT_EQ(channel, m_svr->GetLiveChannel("a", user->GetID()));  // two references, one message
+    EXPECT_EQ(0, m_svr->DelLiveChannel("a"));
+    EXPECT_TRUE(WaitUntil([&] { return ends == 1 && m_closed == 1; }));
     EXPECT_EQ(-1, channel->StartStreaming(PACKET_TYPE_RTP));  // its source has gone, it hasn't
     channel->DelRef(user->GetID());
     uint64_t start = 1;
@@ -197,15 +186,11 @@ TEST(LiveChannel, OutlivesItsCloseUntilTheLastReference) {
     EXPECT_EQ(0u, start);
     EXPECT_EQ(~uint64_t{0}, end);
     channel->DelRef(user->GetID());
-    svr->Close();
     user->Close();
 }
 
-TEST(LiveChannel, ADestinationNeedsAPairOfPortsForEachTrack) {
-    CPool pool;
-    std::atomic<int> closed{0};
-    CCountingSource* source = new CCountingSource(&closed);
-    CLiveChannel* channel = make_channel("a", source);
+TEST_F(LiveTest, ADestinationNeedsAPairOfPortsForEachTrack) {
+    CLiveChannel* channel = make_channel("a", m_source);
     CSockAddrStorage group("239.1.2.4", 30100);
     for (int tracks = 1; tracks <= 2; ++tracks) {
         CRtspSvrConfig config;
@@ -216,14 +201,13 @@ TEST(LiveChannel, ADestinationNeedsAPairOfPortsForEachTrack) {
     }
     EXPECT_EQ(0, channel->DelTransfDst(group, nullptr));
     channel->Close();
-    source->Close();
-    EXPECT_TRUE(WaitUntil([&] { return closed == 1; }));
+    m_source->Close();
 }
 
-TEST(LiveChannel, DescribesUnicastAndMulticast) {
-    CPool pool;
-    std::atomic<int> closed{0};
+TEST_F(LiveTest, ChannelDescribesUnicastAndMulticast) {
+    m_source->Close();
     for (const transf_type_t type : {TRANSF_TYPE_RTP, TRANSF_TYPE_TS}) {
+        std::atomic<int> closed{0};
         CCountingSource* source = new CCountingSource(&closed);
         CLiveChannel* channel = make_channel("a", source, type);
         EXPECT_EQ(1, source->m_plays);
@@ -255,8 +239,8 @@ TEST(LiveChannel, DescribesUnicastAndMulticast) {
         EXPECT_EQ(-1, channel->AddTransfDst(group, nullptr));
         channel->Close();
         source->Close();
+        EXPECT_TRUE(WaitUntil([&] { return closed == 1; }));
     }
-    EXPECT_TRUE(WaitUntil([&] { return closed == 2; }));
 }
 
 }  // namespace

@@ -1,16 +1,14 @@
-#include <arpa/inet.h>
 #include <gtest/gtest.h>
-#include <sys/socket.h>
 
 #include <string>
 #include <vector>
 
 #include "Tramel/MediaCounters.h"
 #include "Tramel/SockDgram.h"
-#include "support/StreamPeer.h"
+#include "support/TestHandler.h"
 
 using namespace Kavio::Tramel;
-using Kavio::Support::WaitFor;
+using Kavio::Support::WaitUntil;
 
 namespace {
 
@@ -49,19 +47,12 @@ std::string Merge(const Datagrams& packets) {
 
 class DgramBatchTest : public ::testing::Test {
 protected:
-    void SetUp() override {
-        CSockAddrIPv4 any("127.0.0.1", 0);
-        ASSERT_EQ(0, m_receiver.Open(&any));
-        CSockAddrStorage address;
-        ASSERT_EQ(0, m_receiver.GetLocalAddr(&address));
-        ASSERT_EQ(0, m_sender.Open(&any));
-        ASSERT_EQ(0, m_sender.SetRemote(&address));
-    }
+    void SetUp() override { ASSERT_TRUE(Kavio::Support::MakeDgramPair(m_sender, m_receiver)); }
 
     Datagrams Receive(size_t count) {
         Datagrams packets;
         std::vector<unsigned char> room(4 * 65536);
-        WaitFor([&] {
+        WaitUntil([&] {
             DgramSlice slices[4];
             for (int i = 0; i < 4; ++i) {
                 slices[i] = {&room[static_cast<size_t>(i) * 65536], 65536};

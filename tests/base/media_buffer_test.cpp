@@ -8,7 +8,6 @@
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/SockStream.h"
 #include "Vidora/Tramel/Level2Buffer.h"
-#include "Vidora/Tramel/NetThread.h"
 #include "support/StreamPeer.h"
 
 using namespace Kavio::Tramel;
@@ -40,7 +39,12 @@ struct Sink {
         std::lock_guard<std::mutex> guard(mutex);
         return infos;
     }
-    bool Read() { return reader.Read(pair.far_fd) > 0; }
+    bool Read() { return reader.Read(pair.far_fd); }
+    void Say(const std::string& text) { sender->SendOtherData(text.data(), static_cast<int>(text.size())); }
+    // Waits until that many units have come.
+    bool Gets(size_t units) {
+        return WaitUntil([&] { return (Read(), reader.Units().size() >= units); });
+    }
 
     TcpPair pair;
     CSockStream sock;
@@ -54,6 +58,12 @@ void Put(CMediaBuffer& buffer, const std::string& bytes, int flag, int channel) 
     CountedPacket* packet = new CountedPacket(bytes);
     const int size = packet->Size();
     ASSERT_EQ(0, buffer.Put(packet, size, flag, channel));
+}
+
+// A unit of two packets: a header of six bytes and a frame.
+void PutPair(CMediaBuffer& buffer, const std::string& bytes, int flag, int channel) {
+    Put(buffer, bytes.substr(0, 6), 0, channel);
+    Put(buffer, bytes.substr(6), flag, channel);
 }
 
 void PutFrame(CMediaBuffer& buffer, unsigned int number, bool key, size_t size, int track = 0) {
@@ -94,18 +104,17 @@ class MediaBufferTest : public ::testing::TestWithParam<unsigned int> {
 protected:
     void SetUp() override {
         if (GetParam() > 0) {
-            ASSERT_EQ(0, CNetThread::CreateThreadPool(GetParam(), false));
+            m_pool = std::make_unique<CPool>(GetParam());
         }
         m_buffer = std::make_unique<CMediaBuffer>();
         m_buffer->EnableAutoSend();
     }
     void TearDown() override {
         m_buffer.reset();
-        if (GetParam() > 0) {
-            CNetThread::DestroyThreadPool();
-        }
+        m_pool.reset();
         EXPECT_EQ(0, CountedPacket::Alive());
     }
+    std::unique_ptr<CPool> m_pool;
     std::unique_ptr<CMediaBuffer> m_buffer;
 };
 
@@ -123,15 +132,10 @@ TEST_P(MediaBufferTest, SinkThatJoinsGetsWholeUnitsPutSince) {
     Put(*m_buffer, pair.substr(0, 6), 0, SKIPPABLE);
     m_buffer->AddSender(late.sender);  // between a header and its frame
     Put(*m_buffer, pair.substr(6), 1, SKIPPABLE);
-    const std::string side_data = MediaBytes(4, 2, false, 50);  // header and frame both with flag 0
-    Put(*m_buffer, side_data.substr(0, 6), 0, 2 << 24 | SKIPPABLE);
-    Put(*m_buffer, side_data.substr(6), 0, 2 << 24 | SKIPPABLE);
-    Put(*m_buffer, pair.substr(0, 6), 0, SKIPPABLE);  // whose frame never comes
-    const std::string next = MediaBytes(0, 3, false, 100);
-    Put(*m_buffer, next.substr(0, 6), 0, SKIPPABLE);
-    Put(*m_buffer, next.substr(6), 1, SKIPPABLE);
-    EXPECT_TRUE(WaitFor([&] { return (early.Read(), early.reader.Units().size() >= 4); }));
-    EXPECT_TRUE(WaitFor([&] { return (late.Read(), late.reader.Units().size() >= 2); }));
+    PutPair(*m_buffer, MediaBytes(4, 2, false, 50), 0, 2 << 24 | SKIPPABLE);  // side data: both with flag 0
+    Put(*m_buffer, pair.substr(0, 6), 0, SKIPPABLE);                          // whose frame never comes
+    PutPair(*m_buffer, MediaBytes(0, 3, false, 100), 1, SKIPPABLE);
+    EXPECT_TRUE(early.Gets(4) && late.Gets(2));
     EXPECT_EQ((std::vector<unsigned int>{0, 1, 3}), early.reader.Numbers(0));
     EXPECT_EQ((std::vector<unsigned int>{3}), late.reader.Numbers(0));
     EXPECT_EQ((std::vector<unsigned int>{2}), late.reader.Numbers(4));
@@ -151,9 +155,8 @@ TEST_P(MediaBufferTest, DisabledTracksAndSidePackets) {
         PutFrame(*m_buffer, i, i == 0, 200, static_cast<int>(i % 2));
         Put(*m_buffer, MediaBytes(20, i, false, 60), 1, 10 << 24 | SKIPPABLE);
     }
-    EXPECT_TRUE(WaitFor([&] { return (all.Read(), all.reader.Units().size() == 80); }));
-    EXPECT_TRUE(WaitFor([&] { return (some.Read(), some.reader.Units().size() == 60); }));
-    EXPECT_TRUE(WaitFor([&] { return all.Infos().size() == 40 && some.Infos().size() == 20; }));
+    EXPECT_TRUE(all.Gets(80) && some.Gets(60));
+    EXPECT_TRUE(WaitUntil([&] { return all.Infos().size() == 40 && some.Infos().size() == 20; }));
     EXPECT_EQ(Range(0, 40), all.Infos());
     EXPECT_EQ(some.reader.Numbers(2), some.Infos()) << "information goes with its packet";
     EXPECT_TRUE(some.reader.Numbers(0).empty());
@@ -201,13 +204,13 @@ TEST_P(MediaBufferTest, RemovalWaitsForACallOnAnotherThread) {
     Level2Sink slow;
     slow.action = [&] {
         inside = true;
-        WaitFor([&] { return removing.load(); });
+        WaitUntil([&] { return removing.load(); });
         std::this_thread::sleep_for(std::chrono::milliseconds(20));  // gives a removal that doesn't wait its chance
         left = true;
     };
     m_buffer->AddLevel2Buffer(&slow);
     std::thread putter([&] { Put(*m_buffer, "data", 1, KEY); });
-    EXPECT_TRUE(WaitFor([&] { return inside.load(); }));
+    EXPECT_TRUE(WaitUntil([&] { return inside.load(); }));
     Level2Sink other;
     m_buffer->AddLevel2Buffer(&other);
     m_buffer->DelLevel2Buffer(&other);  // isn't held up by the slow one
@@ -233,7 +236,7 @@ struct Leaver {
     }
     void Wait(CMediaPacket*, int, int) {
         ++calls;
-        WaitFor([this] { return removing.load(); });
+        WaitUntil([this] { return removing.load(); });
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
         left = true;
     }
@@ -252,13 +255,13 @@ TEST_P(MediaBufferTest, SendProcedureMayLeaveAndRemovalWaitsForIt) {
     m_buffer->PutFrameInfo(infos[0], 1);
     m_buffer->PutFrameInfo(infos[1], 1);
     Put(*m_buffer, MediaBytes(0, 0, true, 100), 1, KEY);
-    EXPECT_TRUE(WaitFor([&] { return leaver.calls == 1 && CountedPacket::Alive() == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return leaver.calls == 1 && CountedPacket::Alive() == 0; }));
     EXPECT_EQ(1, leaver.calls) << "the second one comes after it left";
 
     sink.sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(&leaver, &Leaver::Wait));
     m_buffer->AddSender(sink.sender);
     std::thread putter([&] { PutFrame(*m_buffer, 1, true, 100); });
-    EXPECT_TRUE(WaitFor([&] { return leaver.calls == 2; }));
+    EXPECT_TRUE(WaitUntil([&] { return leaver.calls == 2; }));
     leaver.removing = true;
     m_buffer->DelSender(sink.sender);
     EXPECT_TRUE(leaver.left);
@@ -266,7 +269,7 @@ TEST_P(MediaBufferTest, SendProcedureMayLeaveAndRemovalWaitsForIt) {
 }
 
 TEST(MediaBufferPool, SendProcedureThatBlocksHoldsUpItsOwnGroupOnly) {
-    ASSERT_EQ(0, CNetThread::CreateThreadPool(3, false));
+    const CPool pool(3);
     CMediaBuffer buffer;
     buffer.EnableAutoSend();
     Leaver blocker;
@@ -277,19 +280,20 @@ TEST(MediaBufferPool, SendProcedureThatBlocksHoldsUpItsOwnGroupOnly) {
     }
     sinks[0]->sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(&blocker, &Leaver::Wait));
     unsigned int number = 0;
-    EXPECT_TRUE(WaitFor([&] {
+    unsigned int number_at_block = 0;
+    EXPECT_TRUE(WaitUntil([&] {
         PutFrame(buffer, number++, true, 100);
+        number_at_block = blocker.calls == 0 ? number : number_at_block;
         sinks[39]->Read();
-        return blocker.calls > 0 && sinks[39]->reader.Units().size() >= 5;
+        return blocker.calls > 0 && sinks[39]->reader.Units().size() >= number_at_block + 5;
     }));
     EXPECT_FALSE(blocker.left);
     blocker.removing = true;
     for (const auto& sink : sinks) {
-        EXPECT_TRUE(WaitFor([&] { return (sink->Read(), sink->reader.Units().size() == number); }));
+        EXPECT_TRUE(sink->Gets(number));
         EXPECT_EQ(Range(0, number), sink->reader.Numbers(0));
         buffer.DelSender(sink->sender);
     }
-    CNetThread::DestroyThreadPool();
 }
 
 TEST_P(MediaBufferTest, SinksComeAndGoWhileTheSourcePuts) {
@@ -306,9 +310,8 @@ TEST_P(MediaBufferTest, SinksComeAndGoWhileTheSourcePuts) {
             for (int round = 0; round < 60; ++round) {
                 Sink sink(4096);
                 m_buffer->AddSender(sink.sender);
-                const std::string text = TextBytes(7);
-                sink.sender->SendOtherData(text.data(), static_cast<int>(text.size()));
-                WaitFor([&] { return (sink.Read(), sink.reader.Units().size() > 2); });
+                sink.Say(TextBytes(7));
+                sink.Gets(3);
                 EXPECT_FALSE(sink.reader.Broken());
                 if (round % 3 == 0) {
                     sink.pair.CloseFar();
@@ -329,7 +332,7 @@ TEST(MediaBufferStall, OthersGetEverythingAndTheStalledOneGoesOnAtAKeyFrame) {
     const unsigned int LIMIT = 64 << 10;
     const size_t FRAME = 2000;
     const unsigned int KEY_PERIOD = 25;
-    ASSERT_EQ(0, CNetThread::CreateThreadPool(3, false));
+    auto pool = std::make_unique<CPool>(3);
     auto buffer = std::make_unique<CMediaBuffer>();
     buffer->EnableAutoSend();
     MessageCounter owner, others;
@@ -349,23 +352,22 @@ TEST(MediaBufferStall, OthersGetEverythingAndTheStalledOneGoesOnAtAKeyFrame) {
         for (const unsigned int end = number + count; number < end; ++number) {
             PutFrame(*buffer, number, number % KEY_PERIOD == 0, FRAME);
             if (number % 10 == 0) {
-                const std::string text = TextBytes(texts++);
-                stalled.sender->SendOtherData(text.data(), static_cast<int>(text.size()));
+                stalled.Say(TextBytes(texts++));
             }
             for (size_t i = 1; i < sinks.size(); ++i) {
-                ASSERT_TRUE(WaitFor([&] { return (sinks[i]->Read(), sinks[i]->reader.Units().size() > number); }));
+                ASSERT_TRUE(sinks[i]->Gets(number + 1));
             }
         }
     };
     stream(310);
-    ASSERT_TRUE(WaitFor([&] { return CountedPacket::Alive() < static_cast<int>(2 * (LIMIT / FRAME + 2)); }))
+    ASSERT_TRUE(WaitUntil([&] { return CountedPacket::Alive() < static_cast<int>(2 * (LIMIT / FRAME + 2)); }))
         << "the queue's bound: " << CountedPacket::Alive();
     // It reads on, and stays with the stream from the next key frame.
     while (number < 400) {
         stream(1);
         stalled.Read();
     }
-    ASSERT_TRUE(WaitFor([&] {
+    ASSERT_TRUE(WaitUntil([&] {
         stalled.Read();
         const std::vector<unsigned int> got = stalled.reader.Numbers(0);
         return !got.empty() && got.back() == number - 1;
@@ -383,11 +385,11 @@ TEST(MediaBufferStall, OthersGetEverythingAndTheStalledOneGoesOnAtAKeyFrame) {
         }
     }
     EXPECT_GE(gaps, 1u);
-    EXPECT_TRUE(WaitFor([&] { return stalled.Infos() == stalled.reader.Numbers(0); })) << "a gap shows what was lost";
+    EXPECT_TRUE(WaitUntil([&] { return stalled.Infos() == stalled.reader.Numbers(0); })) << "a gap shows what was lost";
 
     stalled.sender->SetSendTimeout(1);
     stream(60);
-    EXPECT_TRUE(WaitFor([&] { return owner.Failures() > 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return owner.Failures() > 0; }));
     stream(10);
     for (size_t i = 1; i < sinks.size(); ++i) {
         EXPECT_EQ(Range(0, number), sinks[i]->reader.Numbers(0)) << i;
@@ -397,6 +399,6 @@ TEST(MediaBufferStall, OthersGetEverythingAndTheStalledOneGoesOnAtAKeyFrame) {
     EXPECT_EQ(0, others.Failures());
     buffer.reset();
     sinks.clear();
-    CNetThread::DestroyThreadPool();
+    pool.reset();
     EXPECT_EQ(0, CountedPacket::Alive());
 }

@@ -79,14 +79,6 @@ TEST(Log, SinkMayChangeWhileThreadsLog) {
     }
 }
 
-TEST(Assert, HandlerGetsTheTextAndTheCodeGoesOn) {
-    Support::CAssertCapture asserts;
-    const int len = 3;
-    EXPECT_TRUE(OSTRA_ASSERT(len == 3));
-    EXPECT_FALSE(OSTRA_ASSERT(len == 4));
-    EXPECT_EQ(std::vector<std::string>{"len == 4"}, asserts.Texts());
-}
-
 #ifndef NDEBUG
 TEST(AssertDeathTest, DebugBuildAborts) {
     EXPECT_DEATH(static_cast<void>(OSTRA_ASSERT(1 == 2)), "1 == 2");
@@ -131,18 +123,16 @@ TEST(Time, ArithmeticStopsAtTheEnds) {
     EXPECT_EQ(uint64_t{1} << 63, (CTime(0) - INT64_MIN).makeTime());
 }
 
-struct Base {
-    int add(int a) { return value + a; }
-    int value = 1;
+struct Adder {
+    int Add(int a) { return value + a; }
+    int value = 40;
 };
-struct Derived : Base {};
 
 TEST(Function, BindsMembersAndPlainFunctions) {
-    Derived object;
-    object.value = 40;
-    const TFunction1<int, int> member(&object, &Base::add);
+    Adder object;
+    const TFunction1<int, int> member(&object, &Adder::Add);
     EXPECT_EQ(42, member(2));
-    EXPECT_TRUE(member == (TFunction1<int, int>(&object, &Base::add)));
+    EXPECT_TRUE(member == (TFunction1<int, int>(&object, &Adder::Add)));
     const TFunction1<int, int> plain([](int a) { return -a; });
     EXPECT_EQ(-3, plain(3));
     EXPECT_TRUE(plain != member);
@@ -152,8 +142,8 @@ TEST(Function, EmptyOneLogsAndGivesADefault) {
     Support::CLogCapture log;
     EXPECT_EQ(0, (TFunction1<int, int>()(1)));
     EXPECT_EQ(1, log.Count("FUNCTION_FUNCTION::operator() invalid function type : 0, typeid : "));
-    Base* none = nullptr;
-    EXPECT_TRUE((TFunction1<int, int>(none, &Base::add).empty()));
+    Adder* none = nullptr;
+    EXPECT_TRUE((TFunction1<int, int>(none, &Adder::Add).empty()));
 }
 
 TEST(Packet, CopiesShareTheBlock) {
@@ -174,15 +164,13 @@ TEST(Packet, CopiesShareTheBlock) {
     EXPECT_EQ('a', copy.getBuffer()[0]);
     copy = *&copy;
     EXPECT_TRUE(copy.valid());
-}
 
-TEST(Packet, InvalidOnesAreHarmless) {
-    Memory::CPacket packet(0, 80);
-    EXPECT_FALSE(packet.valid());
-    EXPECT_EQ(nullptr, packet.getBuffer());
-    EXPECT_EQ(nullptr, packet.getExtraData());
-    EXPECT_EQ(0u, packet.putBuffer("a", 1));
-    EXPECT_FALSE(packet.resize(0));
+    Memory::CPacket invalid(0, 80);
+    EXPECT_FALSE(invalid.valid());
+    EXPECT_EQ(nullptr, invalid.getBuffer());
+    EXPECT_EQ(nullptr, invalid.getExtraData());
+    EXPECT_EQ(0u, invalid.putBuffer("a", 1));
+    EXPECT_FALSE(invalid.resize(0));
 }
 
 TEST(Packet, CountHoldsWhenThreadsCopyAndDrop) {

@@ -18,10 +18,7 @@ using Support::WaitUntil;
 
 TEST(Reactor, MessagesOfOneSenderArriveInOrderAndNeverInsideTheCall) {
     CPool pool;
-    std::atomic<int> closed{0};
-    std::atomic<int> received{0};
-    std::atomic<int> inside{0};
-    std::atomic<int> faults{0};
+    std::atomic<int> closed{0}, received{0}, inside{0}, faults{0};
     CTestHandler* receiver = CTestHandler::Make(&closed);
     CTestHandler* sender = CTestHandler::Make(&closed);
     const long sender_id = sender->GetID();
@@ -49,8 +46,7 @@ TEST(Reactor, MessagesOfOneSenderArriveInOrderAndNeverInsideTheCall) {
 
 TEST(Reactor, BlockedHandlerHoldsOneThreadOnly) {
     CPool pool(2);
-    std::atomic<int> closed{0};
-    std::atomic<int> passed{0};
+    std::atomic<int> closed{0}, passed{0};
     CTestHandler* blocked = CTestHandler::Make(&closed);
     CTestHandler* other = CTestHandler::Make(&closed);
     other->on_message = [&](long, unsigned int, long) { return passed.fetch_add(1); };
@@ -74,11 +70,8 @@ TEST(Reactor, BlockedHandlerHoldsOneThreadOnly) {
 TEST(Reactor, CloseWaitsForTheRunningCallbackAndDropsWhatWaits) {
     CPool pool;
     const long alive = CReactor::Instance().CountHandlers();
-    std::atomic<int> closed{0};
-    std::atomic<int> messages{0};
-    std::atomic<bool> is_closing{false};
-    std::atomic<bool> is_running{false};
-    std::atomic<bool> was_running{false};
+    std::atomic<int> closed{0}, messages{0};
+    std::atomic<bool> is_closing{false}, is_running{false}, was_running{false};
     CTestHandler* handler = CTestHandler::Make(&closed);
     const long id = handler->GetID();
     handler->on_message = [&](long, unsigned int, long) {
@@ -166,8 +159,7 @@ TEST(Reactor, PoolMayBeCreatedAndDestroyedInAnyOrder) {
     EXPECT_EQ(-1, CNetThread::DestroyThreadPool());
     EXPECT_EQ(-1, CNetThread::CreateThreadPool(0, false));
     EXPECT_EQ(-1, CNetThread::CreateThreadPool(257, false));
-    std::atomic<int> closed{0};
-    std::atomic<int> events{0};
+    std::atomic<int> closed{0}, events{0};
     CTestHandler* handler = CTestHandler::Make(&closed);
     CSockStream ends[2];
     ASSERT_TRUE(Support::MakeSockPair(ends[0], ends[1]));
@@ -232,10 +224,7 @@ TEST(Reactor, DestroyDeliversTheClosesThatAreDue) {
 TEST(Strand, EachScheduleIsFollowedByATurn) {
     class CCounter : public CStrand {
     public:
-        std::atomic<int> asked{0};
-        std::atomic<int> seen{0};
-        std::atomic<int> inside{0};
-        std::atomic<int> faults{0};
+        std::atomic<int> asked{0}, seen{0}, inside{0}, faults{0};
 
     private:
         bool RunTurn() override {
@@ -270,8 +259,7 @@ TEST(Reactor, StressOfEverythingAtOnce) {
     constexpr int HANDLERS = 200;
     constexpr int HOSTS = 3;
     std::atomic<long> first_id{0};
-    std::atomic<int> closed{0};
-    std::atomic<int> faults{0};
+    std::atomic<int> closed{0}, faults{0};
     struct CParty {
         std::atomic<int> inside{0};
         std::unique_ptr<CSockStream> socks[2];

@@ -33,7 +33,7 @@ protected:
         return m_sock.Recv(bytes, count);
     }
     // Runs `code` as a callback of the handler and waits for its end.
-    void run_in_handler(const std::function<void()>& code) {
+    void run_in_handler(const std::function<void()>& code = [] {}) {
         std::atomic<bool> done{false};
         m_handler->on_message = [&](long, unsigned int, long) {
             code();
@@ -42,6 +42,15 @@ protected:
         };
         CReactor::Instance().Post(0, m_handler->GetID(), 0, 0);
         EXPECT_TRUE(WaitUntil([&] { return done.load(); }));
+    }
+    // The other thread polls, and asks for the next timer's sake after what is due for the handler was queued.
+    static void let_others_poll() {
+        CTestHandler* other = CTestHandler::Make();
+        std::atomic<int> fired{0};
+        other->on_timeout = [&](long) { return fired.fetch_add(1); };
+        other->SetTimer(2000);
+        EXPECT_TRUE(WaitUntil([&] { return fired.load() > 3; }));
+        other->Close();
     }
 
     CPool m_pool{2};
@@ -52,8 +61,7 @@ protected:
 
 // Input that is left in the socket is told again, but never while the handler is still busy with it: one call a byte.
 TEST_F(SockEvents, EachInputIsToldOnceUntilItWasHandled) {
-    std::atomic<int> calls{0};
-    std::atomic<int> bytes{0};
+    std::atomic<int> calls{0}, bytes{0};
     m_handler->on_input = [&](int fd) {
         EXPECT_EQ(m_sock.GetHandle(), fd);
         calls.fetch_add(1);
@@ -78,8 +86,7 @@ TEST_F(SockEvents, EachInputIsToldOnceUntilItWasHandled) {
 TEST_F(SockEvents, SocketRemovedAndDeletedInItsOwnCallback) {
     std::unique_ptr<CSockStream> sock;
     std::unique_ptr<CSockStream> peer;
-    std::atomic<int> rounds{0};
-    std::atomic<int> faults{0};
+    std::atomic<int> rounds{0}, faults{0};
     int reused = 0;
     const auto renew = [&] {
         const int former = sock == nullptr ? -1 : sock->GetHandle();
@@ -122,28 +129,21 @@ TEST_F(SockEvents, NothingStartsAfterRemoval) {
     run_in_handler([&] {
         EXPECT_EQ(0, m_handler->RegisterSock(m_sock, SOCK_EVENT_READ, 1));
         m_peer.Send("x", 1);
-        // The other thread polls, and asks for the next timer's sake after the event and the time-out were queued.
-        CTestHandler* other = CTestHandler::Make();
-        std::atomic<int> fired{0};
-        other->on_timeout = [&](long) { return fired.fetch_add(1); };
-        other->SetTimer(2000);
-        EXPECT_TRUE(WaitUntil([&] { return fired.load() > 3; }));
-        other->Close();
+        let_others_poll();
         EXPECT_EQ(0, m_handler->RemoveSock(m_sock));
     });
-    run_in_handler([] {});
+    run_in_handler();
     EXPECT_EQ(0, calls.load());
     // Both kinds are due: the first callback removes the socket, so the second doesn't come.
     EXPECT_EQ(0, m_handler->RegisterSock(m_sock, SOCK_EVENT_READ | SOCK_EVENT_WRITE, 0));
     EXPECT_TRUE(WaitUntil([&] { return calls.load() > 0; }));
-    run_in_handler([] {});
+    run_in_handler();
     EXPECT_EQ(1, calls.load());
 }
 
 TEST_F(SockEvents, TimeoutsRepeatAfterEveryQuietPeriodAndOnlyThen) {
     constexpr int64_t TIMEOUT_US = 20000;
-    std::atomic<int> timeouts{0};
-    std::atomic<int> inputs{0};
+    std::atomic<int> timeouts{0}, inputs{0};
     std::atomic<bool> is_active{true};
     m_handler->on_input_timeout = [&](int) { return -1 - timeouts.fetch_add(1); };
     m_handler->on_input = [&](int) {
@@ -175,15 +175,10 @@ TEST_F(SockEvents, RegisteringAnewTakesADueTimeoutBack) {
     m_handler->on_input_timeout = [&](int) { return timeouts.fetch_add(1); };
     run_in_handler([&] {
         EXPECT_EQ(0, m_handler->RegisterSock(m_sock, SOCK_EVENT_READ, 1000));
-        CTestHandler* other = CTestHandler::Make();
-        std::atomic<int> fired{0};
-        other->on_timeout = [&](long) { return fired.fetch_add(1); };
-        other->SetTimer(2000);
-        EXPECT_TRUE(WaitUntil([&] { return fired.load() > 3; }));  // the time-out has been queued meanwhile
-        other->Close();
+        let_others_poll();  // the time-out has been queued meanwhile
         EXPECT_EQ(0, m_handler->RegisterSock(m_sock, SOCK_EVENT_READ, 60000000));
     });
-    run_in_handler([] {});
+    run_in_handler();
     EXPECT_EQ(0, timeouts.load());
     run_in_handler([&] { m_handler->RemoveSock(m_sock); });
 }
@@ -192,24 +187,19 @@ TEST_F(SockEvents, RegisteringAnewTakesADueTimeoutBack) {
 // silent.
 TEST_F(SockEvents, RefusalsAreNoSignOfLife) {
     CSockDgram sender, gone;
-    const CSockAddrIPv4 local("127.0.0.1", 0);
-    ASSERT_EQ(0, sender.Open(&local));
-    ASSERT_EQ(0, gone.Open(&local));
-    CSockAddrStorage to;
-    ASSERT_EQ(0, gone.GetLocalAddr(&to));
-    ASSERT_EQ(0, sender.SetRemote(&to));
+    ASSERT_TRUE(Support::MakeDgramPair(sender, gone));
     gone.Close();
-    std::atomic<int> inputs{0};
-    std::atomic<int> timeouts{0};
+    std::atomic<int> inputs{0}, timeouts{0};
     m_handler->on_input = [&](int) {
         char byte = 0;
         inputs.fetch_add(1);
-        return sender.Recv(&byte, 1, nullptr);
+        EXPECT_EQ(0, sender.Recv(&byte, 1, nullptr)) << "nothing is there, and nothing is broken";
+        return 0;
     };
     m_handler->on_input_timeout = [&](int) { return timeouts.fetch_add(1); };
     EXPECT_EQ(0, m_handler->RegisterSock(sender, SOCK_EVENT_READ, 50000));
     EXPECT_TRUE(WaitUntil([&] {
-        sender.Send("x", 1, nullptr);
+        EXPECT_EQ(1, sender.Send("x", 1, nullptr));
         return timeouts.load() > 1;
     }));
     EXPECT_GT(inputs.load(), 0);
@@ -220,10 +210,7 @@ TEST_F(SockEvents, RefusalsAreNoSignOfLife) {
 TEST_F(SockEvents, InputThatCameWhileNobodyCouldPollIsNoSilence) {
     constexpr int64_t TIMEOUT_US = 20000;
     std::atomic<bool> is_released{false};
-    std::atomic<int> blocked{0};
-    std::atomic<int> inputs{0};
-    std::atomic<int> timeouts_before{-1};
-    std::atomic<int> timeouts{0};
+    std::atomic<int> blocked{0}, inputs{0}, timeouts_before{-1}, timeouts{0};
     m_handler->on_input_timeout = [&](int) { return timeouts.fetch_add(1); };
     m_handler->on_input = [&](int) {
         timeouts_before.store(timeouts.load());
@@ -253,10 +240,7 @@ TEST_F(SockEvents, InputThatCameWhileNobodyCouldPollIsNoSilence) {
 
 // A session reads the socket on which a sender waits to write: neither disturbs the other, nor the other's time-out.
 TEST_F(SockEvents, TwoHandlersOnOneDescriptor) {
-    std::atomic<int> closed{0};
-    std::atomic<int> inputs{0};
-    std::atomic<int> outputs{0};
-    std::atomic<int> timeouts{0};
+    std::atomic<int> closed{0}, inputs{0}, outputs{0}, timeouts{0};
     CTestHandler* writer = CTestHandler::Make(&closed);
     const int fd = m_sock.GetHandle();
     m_handler->on_input = [&](int) { return inputs.fetch_add(read_some(64)); };
@@ -298,9 +282,7 @@ TEST_F(SockEvents, ConnectEndsInOutputOrInOneException) {
             acceptor.Close();
         }
         CSockStream client;
-        std::atomic<int> outputs{0};
-        std::atomic<int> exceptions{0};
-        std::atomic<int> status{9};
+        std::atomic<int> outputs{0}, exceptions{0}, status{9};
         m_handler->on_output = [&](int) {
             m_handler->UnregisterSock(client, SOCK_EVENT_WRITE);
             status.store(client.GetConnectStatus());
@@ -316,7 +298,7 @@ TEST_F(SockEvents, ConnectEndsInOutputOrInOneException) {
         });
         EXPECT_TRUE(WaitUntil([&] { return outputs.load() + exceptions.load() > 0; }));
         for (int i = 0; i < 10; ++i) {
-            run_in_handler([] {});
+            run_in_handler();
         }
         EXPECT_EQ(listens ? 1 : 0, outputs.load());
         EXPECT_EQ(listens ? 0 : 1, exceptions.load());

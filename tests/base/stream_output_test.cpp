@@ -6,7 +6,6 @@
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StreamSender.h"
-#include "Vidora/Tramel/NetThread.h"
 #include "support/StreamPeer.h"
 
 using namespace Kavio::Tramel;
@@ -42,17 +41,22 @@ class QueueTest : public ::testing::Test {
 protected:
     void SetUp() override {
         ASSERT_EQ(0, m_queue.Attach(&m_face, true, 7));
-        ASSERT_EQ(0, m_queue.SendText(m_filler.data(), static_cast<unsigned int>(m_filler.size())));
+        ASSERT_EQ(0, SendText(TextBytes(0, 200000)));
         ASSERT_EQ(1, m_face.watches);
     }
 
-    bool Put(const Row& row, size_t size = 1000) {
+    int SendText(const std::string& text) {
+        return m_queue.SendText(text.data(), static_cast<unsigned int>(text.size()));
+    }
+
+    bool Put(const Row& row) {
+        const unsigned int size = 1000;
         const bool key = row.key;
         const int channel = (row.track - '0') << 24 | (key ? 1 : 5);
         m_key_tracks |= key ? 1 << (row.track - '0') : 0;
         COutputUnit* unit = COutputUnit::CreateMedia(channel, 1, row.time_ms);
         CountedPacket* packet = new CountedPacket(MediaBytes(row.track - '0', m_number++, key, size - 4));
-        unit->AddPacket(packet, static_cast<unsigned int>(size), channel);
+        unit->AddPacket(packet, size, channel);
         if ((m_key_tracks & (1 << (row.track - '0'))) != 0) {
             unit->MarkKeyTrack();
         }
@@ -71,7 +75,7 @@ protected:
 
     // Lets the peer read until it has that many units, and no more are there.
     void Drain(size_t units) {
-        ASSERT_TRUE(WaitFor([&] {
+        ASSERT_TRUE(WaitUntil([&] {
             m_reader.Read(m_pair.far_fd);
             m_queue.OnWritable();
             return m_reader.Units().size() >= units;
@@ -86,7 +90,6 @@ protected:
     std::shared_ptr<CStreamOutput> m_output = (m_sock.Attach(m_pair.near_fd), m_sock.GetOutput());
     CStreamOutput& m_queue = *m_output;
     WireReader m_reader;
-    std::string m_filler = TextBytes(0, 200000);
     unsigned int m_number = 0;
     int m_key_tracks = 0;
 };
@@ -118,11 +121,29 @@ TEST_F(QueueTest, EmptyQueueTakesAUnitAboveItsLimit) {
     EXPECT_EQ((std::vector<unsigned int>{0}), m_reader.Numbers(0));
 }
 
+TEST_F(QueueTest, BatchThatTheSocketTakesInPartGoesOnWhereItStopped) {
+    Drain(1);
+    CUnitBatch batch;
+    std::vector<unsigned int> numbers;
+    while (!batch.Full()) {
+        numbers.push_back(batch.Count());
+        COutputUnit* unit = COutputUnit::CreateMedia(1, 1, 1);
+        CountedPacket* packet = new CountedPacket(MediaBytes(0, batch.Count(), true, 3000));
+        unit->AddPacket(packet, static_cast<unsigned int>(packet->Size()), 1);
+        batch.Add(unit);
+    }
+    EXPECT_EQ(~uint64_t{0}, m_queue.SendMedia(batch, 0, ~0U));
+    for (unsigned int i = 0; i < batch.Count(); ++i) {
+        batch.Unit(i)->Release();
+    }
+    Drain(1 + numbers.size());
+    EXPECT_EQ(numbers, m_reader.Numbers(0));
+}
+
 TEST_F(QueueTest, AgedMediaGoesUpToAKeyFrameAndTextStays) {
     m_queue.SetLimit(0, 1000);
     Expect({{'0', true, 0, true}, {'0', false, 500, true}});
-    const std::string text = TextBytes(1);
-    EXPECT_EQ(0, m_queue.SendText(text.data(), static_cast<unsigned int>(text.size())));
+    EXPECT_EQ(0, SendText(TextBytes(1)));
     Expect({{'1', false, 600, true},
             {'0', false, 900, true},
             {'0', true, 1000, true},
@@ -156,8 +177,7 @@ TEST_F(QueueTest, DetachedMediaGoesButTextAndTheBegunUnitStay) {
 }
 
 TEST_F(QueueTest, ClearedTextLeavesTheBegunOneWhole) {
-    const std::string text = TextBytes(1);
-    EXPECT_EQ(0, m_queue.SendText(text.data(), static_cast<unsigned int>(text.size())));
+    EXPECT_EQ(0, SendText(TextBytes(1)));
     Expect({{'0', true, 1, true}});
     m_queue.ClearText();
     Drain(2);
@@ -171,7 +191,7 @@ TEST_F(QueueTest, UnreadTextIsBoundedAndFailureIsToldOncePerHandler) {
     const std::string text = TextBytes(1);  // short ones cost more memory than their bytes
     int results = 0;
     for (unsigned int i = 0; i < CStreamOutput::MAX_TEXT_BYTES / CStreamOutput::UNIT_COST; ++i) {
-        results += m_queue.SendText(text.data(), static_cast<unsigned int>(text.size()));
+        results += SendText(text);
     }
     EXPECT_LT(results, 0);
     EXPECT_EQ(1u, m_face.failures.size() + control.failures.size()) << "both name the same handler";
@@ -245,10 +265,18 @@ private:
     ~Owner() override { m_sender->Close(); }
 };
 
+int put(CStreamSender* sender, const std::string& text) {
+    return sender->Put(text.data(), static_cast<unsigned int>(text.size()));
+}
+
+void say(CMediaStreamSender* sender, const std::string& text) {
+    sender->SendOtherData(text.data(), static_cast<int>(text.size()));
+}
+
 }  // namespace
 
 TEST(Senders, TextOfBothFacesStaysWholeOnASocketThatIsAlwaysFull) {
-    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    const CPool pool(2);
     TcpPair pair(4096);
     Owner* owner = new Owner;
     CMediaStreamSender* media = CMediaStreamSender::Create();
@@ -261,16 +289,14 @@ TEST(Senders, TextOfBothFacesStaysWholeOnASocketThatIsAlwaysFull) {
         const unsigned int count = 300;
         std::thread writer([&] {
             for (unsigned int i = 0; i < count; ++i) {
-                const std::string text = TextBytes(count + i, i * 7 % 3000);
-                media->SendOtherData(text.data(), static_cast<int>(text.size()));
+                say(media, TextBytes(count + i, i * 7 % 3000));
             }
         });
         for (unsigned int i = 0; i < count; ++i) {
-            const std::string text = TextBytes(i, i * 11 % 3000);
-            ASSERT_EQ(0, owner->m_sender->Put(text.data(), static_cast<unsigned int>(text.size())));
+            ASSERT_EQ(0, put(owner->m_sender, TextBytes(i, i * 11 % 3000)));
         }
         WireReader reader;
-        EXPECT_TRUE(WaitFor([&] {
+        EXPECT_TRUE(WaitUntil([&] {
             reader.Read(pair.far_fd);
             return reader.Units().size() == 2 * count || reader.Broken();
         }));
@@ -286,13 +312,12 @@ TEST(Senders, TextOfBothFacesStaysWholeOnASocketThatIsAlwaysFull) {
     }
     media->Close();
     owner->Close();
-    CNetThread::DestroyThreadPool();
 }
 
 // The number of a closed descriptor is given out again at once. What was queued for the old connection, and a sender
 // that nobody told, must not write to the new one; nor may the old one's end be the new one's.
 TEST(Senders, ReusedSocketObjectBeginsWithAQueueOfItsOwn) {
-    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    const CPool pool(2);
     CMediaStreamSender* media = CMediaStreamSender::Create();
     CStreamSender* left = CStreamSender::Create();
     MessageCounter owner;
@@ -303,8 +328,7 @@ TEST(Senders, ReusedSocketObjectBeginsWithAQueueOfItsOwn) {
         sock.Attach(first.near_fd);
         ASSERT_EQ(0, left->Attach(&owner, &sock));
         left->WaitException(owner.GetID());
-        const std::string text = TextBytes(1, 300000);
-        ASSERT_EQ(0, left->Put(text.data(), static_cast<unsigned int>(text.size())));
+        ASSERT_EQ(0, put(left, TextBytes(1, 300000)));
         sock.Close();
         TcpPair second(4096);
         ASSERT_TRUE(second.near_fd == number || second.far_fd == number);
@@ -312,10 +336,10 @@ TEST(Senders, ReusedSocketObjectBeginsWithAQueueOfItsOwn) {
         left->handle_output(second.near_fd);
         EXPECT_EQ(-1, left->Put("x", 1));
         ASSERT_EQ(0, media->Attach(&sock));
-        const std::string fresh = TextBytes(2);
-        media->SendOtherData(fresh.data(), static_cast<int>(fresh.size()));
+        say(media, TextBytes(2));
         WireReader reader;
-        EXPECT_TRUE(WaitFor([&] { return (reader.Read(second.far_fd), !reader.Units().empty() || reader.Broken()); }));
+        EXPECT_TRUE(
+            WaitUntil([&] { return (reader.Read(second.far_fd), !reader.Units().empty() || reader.Broken()); }));
         EXPECT_EQ((std::vector<unsigned int>{2}), reader.Numbers(-1));
         EXPECT_FALSE(reader.Broken());
         EXPECT_FALSE(reader.Partial());
@@ -323,12 +347,11 @@ TEST(Senders, ReusedSocketObjectBeginsWithAQueueOfItsOwn) {
     }
     media->Close();
     left->Close();
-    CNetThread::DestroyThreadPool();
     EXPECT_EQ(0, owner.Failures()) << "who closes the socket knows";
 }
 
 TEST(Senders, BrokenAndStalledSocketsPostTheMessageOnce) {
-    ASSERT_EQ(0, CNetThread::CreateThreadPool(2, false));
+    const CPool pool(2);
     for (const bool stalled : {false, true}) {
         TcpPair pair(4096);
         Owner* owner = new Owner;
@@ -343,10 +366,9 @@ TEST(Senders, BrokenAndStalledSocketsPostTheMessageOnce) {
         if (!stalled) {
             pair.CloseFar();
         }
-        const std::string text = TextBytes(1, 100000);
-        int result = owner->m_sender->Put(text.data(), static_cast<unsigned int>(text.size()));
-        EXPECT_TRUE(WaitFor([&] {
-            result = !stalled && result == 0 ? owner->m_sender->Put(text.data(), 100) : result;
+        int result = put(owner->m_sender, TextBytes(1, 100000));
+        EXPECT_TRUE(WaitUntil([&] {
+            result = !stalled && result == 0 ? put(owner->m_sender, "x") : result;
             return owner->Failures() > 0;
         })) << stalled;
         EXPECT_EQ(-1, owner->m_sender->Put("x", 1));
@@ -355,5 +377,4 @@ TEST(Senders, BrokenAndStalledSocketsPostTheMessageOnce) {
         owner->m_sender->Detach();
         owner->Close();
     }
-    CNetThread::DestroyThreadPool();
 }

@@ -1,6 +1,7 @@
 #include "Tramel/TextSearch.h"
 
 #include <gtest/gtest.h>
+#include <strings.h>
 
 #include <memory>
 #include <random>
@@ -29,7 +30,7 @@ TEST(TextSearch, FindsWhatANaiveSearchFinds) {
         const std::unique_ptr<char[]> text = random_text(random, size, letters);
         const std::unique_ptr<char[]> needle = random_text(random, needle_size, letters);
         size_t expected = 0;
-        while (expected + needle_size <= size && !EqualCase(&text[expected], needle.get(), needle_size)) {
+        while (expected + needle_size <= size && strncasecmp(&text[expected], needle.get(), needle_size) != 0) {
             ++expected;
         }
         expected = expected + needle_size <= size ? expected : TEXT_NOT_FOUND;

@@ -21,12 +21,14 @@ IAuthModule* make_auth(rtsp_auth_t) {
 }
 void on_event(event_type_t, void*, int) {}
 
-int set_int(CRtspSvrConfig& config, rtsp_svr_config_t item, int value) {
+template <typename T>
+int set(CRtspSvrConfig& config, rtsp_svr_config_t item, const T& value) {
     return config.SetConfig(item, &value, sizeof(value));
 }
 
-int get_int(const CRtspSvrConfig& config, rtsp_svr_config_t item) {
-    int value = -99;
+template <typename T>
+T get(const CRtspSvrConfig& config, rtsp_svr_config_t item) {
+    T value = {};
     int len = sizeof(value);
     EXPECT_EQ(0, config.GetConfig(item, &value, len));
     return value;
@@ -39,61 +41,57 @@ TEST(RtspSvrConfig, Defaults) {
     EXPECT_EQ(20000, range.min_local_port);
     EXPECT_EQ(40000, range.max_local_port);
     EXPECT_EQ(60, config.GetKeepAliveTimeout());
-    EXPECT_EQ(0, config.GetDSCP());
-    EXPECT_EQ(0, config.GetRtspAuthType() + config.GetRtspOverHttpAuthType());
+    EXPECT_EQ(0, config.GetDSCP() + config.GetRtspAuthType() + config.GetRtspOverHttpAuthType());
     EXPECT_EQ(nullptr, config.GetUrlFunc());
     EXPECT_EQ(nullptr, config.GetEventFunc());
 }
 
 TEST(RtspSvrConfig, PortRangeIsTestedBeforeItIsStored) {
+    const struct {
+        RtpPortRange range;
+        int result;
+        int stored_min;
+    } rows[] = {{{40000, 20000}, -1, 20000}, {{20000, 20000}, -1, 20000}, {{0, 100}, -1, 20000},
+                {{-5, 100}, -1, 20000},      {{100, 65536}, -1, 20000},   {{1, 65535}, 0, 1}};
     CRtspSvrConfig config;
-    const RtpPortRange bad[] = {{40000, 20000}, {20000, 20000}, {0, 100}, {-5, 100}, {100, 65536}};
-    for (const RtpPortRange& range : bad) {
-        EXPECT_EQ(-1, config.SetConfig(RTSP_SVR_CONFIG_RTP_PORT, &range, sizeof(range)));
+    for (const auto& row : rows) {
+        EXPECT_EQ(row.result, set(config, RTSP_SVR_CONFIG_RTP_PORT, row.range));
+        EXPECT_EQ(row.stored_min, get<RtpPortRange>(config, RTSP_SVR_CONFIG_RTP_PORT).min_local_port);
     }
-    RtpPortRange stored;
-    config.GetRtpPort(stored);
-    EXPECT_EQ(20000, stored.min_local_port);
-    const RtpPortRange widest = {1, 65535};
-    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_RTP_PORT, &widest, sizeof(widest)));
-    int len = sizeof(stored);
-    EXPECT_EQ(0, config.GetConfig(RTSP_SVR_CONFIG_RTP_PORT, &stored, len));
-    EXPECT_EQ(65535, stored.max_local_port);
 }
 
 // The value that stands decides whether a new one goes in: a bad one goes in once and then stays.
 TEST(RtspSvrConfig, DscpAndTimeoutTestTheOldValue) {
     CRtspSvrConfig config;
-    EXPECT_EQ(0, set_int(config, RTSP_SVR_CONFIG_DSCP, 63));
-    EXPECT_EQ(0, set_int(config, RTSP_SVR_CONFIG_DSCP, 100));
-    EXPECT_EQ(-1, set_int(config, RTSP_SVR_CONFIG_DSCP, 10));
+    EXPECT_EQ(0, set(config, RTSP_SVR_CONFIG_DSCP, 63));
+    EXPECT_EQ(0, set(config, RTSP_SVR_CONFIG_DSCP, 100));
+    EXPECT_EQ(-1, set(config, RTSP_SVR_CONFIG_DSCP, 10));
     EXPECT_EQ(100, config.GetDSCP());
-    EXPECT_EQ(0, set_int(config, RTSP_SVR_CONFIG_TIMEOUT, 0));
-    EXPECT_EQ(0, set_int(config, RTSP_SVR_CONFIG_TIMEOUT, -1));
-    EXPECT_EQ(-1, set_int(config, RTSP_SVR_CONFIG_TIMEOUT, 30));
-    EXPECT_EQ(-1, get_int(config, RTSP_SVR_CONFIG_TIMEOUT));
+    EXPECT_EQ(0, set(config, RTSP_SVR_CONFIG_TIMEOUT, 0));
+    EXPECT_EQ(0, set(config, RTSP_SVR_CONFIG_TIMEOUT, -1));
+    EXPECT_EQ(-1, set(config, RTSP_SVR_CONFIG_TIMEOUT, 30));
+    EXPECT_EQ(-1, get<int>(config, RTSP_SVR_CONFIG_TIMEOUT));
 }
 
 TEST(RtspSvrConfig, FunctionsAndPointersGoInAsTheValueItself) {
     CRtspSvrConfig config;
-    const int size = sizeof(void (*)());
-    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_URL_FUNC, reinterpret_cast<void*>(rewrite), size));
-    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_SRC_FUNC, reinterpret_cast<void*>(make_source), size));
-    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_AUTH_FUNC, reinterpret_cast<void*>(make_auth), size));
-    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_EVENT_FUNC, reinterpret_cast<void*>(on_event), size));
-    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_USER_DATA, &config, 1));
+    const struct {
+        rtsp_svr_config_t item;
+        void* value;
+        int len;
+    } rows[] = {{RTSP_SVR_CONFIG_URL_FUNC, reinterpret_cast<void*>(rewrite), sizeof(void*)},
+                {RTSP_SVR_CONFIG_SRC_FUNC, reinterpret_cast<void*>(make_source), sizeof(void*)},
+                {RTSP_SVR_CONFIG_AUTH_FUNC, reinterpret_cast<void*>(make_auth), sizeof(void*)},
+                {RTSP_SVR_CONFIG_EVENT_FUNC, reinterpret_cast<void*>(on_event), sizeof(void*)},
+                {RTSP_SVR_CONFIG_USER_DATA, &config, 1}};  // its length isn't looked at
+    for (const auto& row : rows) {
+        EXPECT_EQ(0, config.SetConfig(row.item, row.value, row.len));
+        EXPECT_EQ(row.value, get<void*>(config, row.item));
+    }
     EXPECT_EQ(&rewrite, config.GetUrlFunc());
     EXPECT_EQ(&make_source, config.GetSrcFunc());
     EXPECT_EQ(&make_auth, config.GetAuthFunc());
     EXPECT_EQ(&on_event, config.GetEventFunc());
-    void* value = nullptr;
-    int len = sizeof(value);
-    EXPECT_EQ(0, config.GetConfig(RTSP_SVR_CONFIG_AUTH_FUNC, &value, len));
-    EXPECT_EQ(reinterpret_cast<void*>(make_auth), value);
-    len = 8;
-    EXPECT_EQ(0, config.GetConfig(RTSP_SVR_CONFIG_USER_DATA, &value, len));
-    EXPECT_EQ(&config, value);
-    EXPECT_EQ(8, len);
 }
 
 TEST(RtspSvrConfig, WrongLengthAssertsForEveryItemButTheUserData) {
@@ -132,7 +130,7 @@ TEST(RtspSvrConfig, UnknownItemsAreLogged) {
     CRtspSvrConfig config;
     int value = 0;
     int len = sizeof(value);
-    EXPECT_EQ(-1, set_int(config, static_cast<rtsp_svr_config_t>(12), 1));
+    EXPECT_EQ(-1, config.SetConfig(static_cast<rtsp_svr_config_t>(12), &value, len));
     EXPECT_EQ(-1, config.GetConfig(static_cast<rtsp_svr_config_t>(99), &value, len));
     EXPECT_EQ(1, log.Count("Vidora::CRtspSvrConfig::SetConfig config:12 unknown\n"));
     EXPECT_EQ(1, log.Count("Vidora::CRtspSvrConfig::GetConfig config:99 unknown\n"));
@@ -141,19 +139,15 @@ TEST(RtspSvrConfig, UnknownItemsAreLogged) {
 
 TEST(RtspSvrConfig, CopiesHaveRecordsOfTheirOwn) {
     CRtspSvrConfig config;
-    set_int(config, RTSP_SVR_CONFIG_AUTH_TYPE, 2);
-    const OnvifUserGlobalConfig onvif = {1};
-    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, &onvif, sizeof(onvif)));
+    set(config, RTSP_SVR_CONFIG_AUTH_TYPE, 2);
+    EXPECT_EQ(0, set(config, RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, OnvifUserGlobalConfig{1}));
     CRtspSvrConfig copy;
     copy = config;
     config = *&config;
-    set_int(config, RTSP_SVR_CONFIG_AUTH_TYPE, 3);
+    set(config, RTSP_SVR_CONFIG_AUTH_TYPE, 3);
     EXPECT_EQ(2, copy.GetRtspAuthType());
     EXPECT_EQ(3, CRtspSvrConfig(config).GetRtspAuthType());
-    OnvifUserGlobalConfig read = {0};
-    int len = sizeof(read);
-    EXPECT_EQ(0, copy.GetConfig(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, &read, len));
-    EXPECT_EQ(1, read.enable);
+    EXPECT_EQ(1, get<OnvifUserGlobalConfig>(copy, RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL).enable);
 }
 
 }  // namespace

@@ -396,9 +396,7 @@ TEST(StateMachine, DestructionWaitsForTheOperationThatRunsAndForWhatIsQueued) {
 
 TEST(StateMachine, OperationsNeverOverlapAndNothingIsLost) {
     COwner owner;
-    std::atomic<int> inside{0};
-    std::atomic<int> overlaps{0};
-    std::atomic<int> in_flight{0};
+    std::atomic<int> inside{0}, overlaps{0}, in_flight{0};
     owner.hook = [&](const std::string&) {
         overlaps += ++inside == 1 ? 0 : 1;
         --inside;

@@ -19,9 +19,8 @@ const MediaFrameInfo& info_of(Memory::CPacket& packet) {
     return *static_cast<MediaFrameInfo*>(packet.getExtraData());
 }
 
-TEST(RawMemory, FillsUpToItsCapacity) {
+TEST(RawMemory, FillsUpToItsCapacityAndIsHarmlessWithoutOne) {
     CRawMemory memory(100);
-    EXPECT_EQ(100u, memory.size());
     EXPECT_EQ(0, memory.resize(0));
     const std::string bytes(150, 'x');
     EXPECT_EQ(100, memory.putBuffer(bytes.data(), 150));
@@ -29,19 +28,17 @@ TEST(RawMemory, FillsUpToItsCapacity) {
     EXPECT_EQ(0, memory.resize(500));
     EXPECT_EQ(100u, memory.size());
     EXPECT_EQ(memory.getBuffer(), memory.GetData());
-}
 
-TEST(RawMemory, InvalidOnesAreHarmless) {
-    CRawMemory memory(0);
-    EXPECT_FALSE(memory.valid());
-    EXPECT_EQ(0u, memory.size() + memory.capacity());
-    EXPECT_EQ(-1, memory.putBuffer("a", 1));
-    EXPECT_EQ(-1, memory.resize(1));
-    EXPECT_EQ(nullptr, memory.getPacket());
-    EXPECT_EQ(nullptr, memory.GetData());
-    memory.setType('I');
-    memory.setPts(1, Flumen::PTS_TYPE_MS);
-    EXPECT_EQ(0, memory.getType());
+    CRawMemory nothing(0);
+    EXPECT_FALSE(nothing.valid());
+    EXPECT_EQ(0u, nothing.size() + nothing.capacity());
+    EXPECT_EQ(-1, nothing.putBuffer("a", 1));
+    EXPECT_EQ(-1, nothing.resize(1));
+    EXPECT_EQ(nullptr, nothing.getPacket());
+    EXPECT_EQ(nullptr, nothing.GetData());
+    nothing.setType('I');
+    nothing.setPts(1, Flumen::PTS_TYPE_MS);
+    EXPECT_EQ(0, nothing.getType());
     EXPECT_FALSE(CRawMemory(Memory::CPacket()).valid());
 }
 
@@ -146,39 +143,28 @@ TEST(MediaFrame, ForwardsToItsBacking) {
     }
 }
 
-TEST(MediaFrame, EveryPairOfModesAssigns) {
-    const int no_mode = 2;
-    for (const int from : {MEDIA_FRAME_RAW + 0, MEDIA_FRAME_SHARED + 0, no_mode}) {
-        for (const int to : {MEDIA_FRAME_RAW + 0, MEDIA_FRAME_SHARED + 0, no_mode}) {
+TEST(MediaFrame, EveryPairOfModesAssignsAndShares) {
+    for (const int from : {0 + MEDIA_FRAME_RAW, 0 + MEDIA_FRAME_SHARED, 2}) {  // 2 is no mode
+        for (const int to : {0 + MEDIA_FRAME_RAW, 0 + MEDIA_FRAME_SHARED, 2}) {
             for (const uint32_t size : {0u, 5u}) {
                 const CMediaFrame source(size, from);
                 CMediaFrame target(7, to);
                 target = source;
                 EXPECT_EQ(source.getBuffer(), target.getBuffer()) << from << to << size;
                 EXPECT_EQ(source.valid(), target.valid());
-                const CMediaFrame copy(target);
-                EXPECT_EQ(source.getBuffer(), copy.getBuffer());
+                EXPECT_EQ(source.getBuffer(), CMediaFrame(target).getBuffer());
             }
         }
     }
-}
-
-TEST(MediaFrame, SharesTheFrameItIsMadeOf) {
     Flumen::CMediaFrame frame(3);
     CMediaPacket* packet = new CMediaFrame(frame);
-    frame.getBuffer()[1] = 'z';
-    EXPECT_EQ('z', packet->GetData()[1]);
+    EXPECT_EQ(frame.getBuffer(), packet->GetData());
     packet->Release();
 }
 
 TEST(FrameInfo, DataIsItsOwnFields) {
     auto* info = new CFrameInfo;
-    info->m_track = 3;
-    info->m_frame_index = 0x01020304;
-    uint32_t words[2];
-    std::memcpy(words, info->GetData(), sizeof(words));
-    EXPECT_EQ(3u, words[0]);
-    EXPECT_EQ(0x01020304u, words[1]);
+    EXPECT_EQ(reinterpret_cast<unsigned char*>(&info->m_track), info->GetData());
     info->Release();
 }
 

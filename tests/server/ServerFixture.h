@@ -31,6 +31,23 @@ using Support::RtspReply;
 
 const char LIVE_NAME[] = "cam/realmonitor?channel=1&subtype=0";
 const char INTERLEAVED[] = "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n";
+const char PRIVATE[] = "Transport: KX/AVP/TCP;unicast\r\n";
+const char OPTIONS_TEXT[] = "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n";
+const char FILE_CONTENT[] = "movie.kav";
+
+inline std::string ChannelName(int number) {
+    return "cam/realmonitor?channel=" + std::to_string(number) + "&subtype=0";
+}
+inline std::string UdpTransport(int client_port) {
+    return "Transport: RTP/AVP;unicast;client_port=" + std::to_string(client_port) + "\r\n";
+}
+
+// Gives a video frame to a source; every tenth is a key frame. False if the source doesn't run.
+bool GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100);
+// The same as soon as the source runs, which is shortly after the reply to PLAY.
+inline bool Give(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100) {
+    return Support::WaitUntil([=] { return GiveVideo(source, sequence, size); });
+}
 
 // Events that the server has reported, as text.
 class CEventLog {
@@ -50,10 +67,14 @@ protected:
     // Starts the server; what the test sets in m_config before holds.
     void StartServer();
     // Publishes a channel of a fake source, and gives the source.
-    CFakeStreamSource* AddChannel(const char* name = LIVE_NAME,
+    CFakeStreamSource* AddChannel(const std::string& name = LIVE_NAME,
                                   const CFakeStreamSource::Settings& settings = CFakeStreamSource::LiveVideo());
+    CFakeStreamSource* StartWithChannel() {
+        StartServer();
+        return AddChannel();
+    }
     // Publishes the source of the last AddChannel under another name as well.
-    void ShareChannel(const char* name);
+    void ShareChannel(const std::string& name) { Publish(name, MakeChannel(name)); }
     std::string Url(const std::string& content = LIVE_NAME) const;
     template <typename T>
     void Set(rtsp_svr_config_t item, const T& value) {
@@ -64,14 +85,15 @@ protected:
     void SetFunction(rtsp_svr_config_t item, F* function) {
         ASSERT_EQ(0, m_config.SetConfig(item, reinterpret_cast<const void*>(function), sizeof(function)));
     }
-    // DESCRIBE, SETUP of the first track and PLAY, all over the control connection.
-    void PlayInterleaved(CRtspTestClient& client, const std::string& content = LIVE_NAME);
-    // Gives the next video frame to a source; every tenth is a key frame.
-    static bool GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100);
+    // DESCRIBE, SETUP of the first track and PLAY. Gives the reply to SETUP.
+    RtspReply Play(CRtspTestClient& client, const std::string& transport, const std::string& content = LIVE_NAME);
+    void PlayInterleaved(CRtspTestClient& client, const std::string& content = LIVE_NAME) {
+        Play(client, INTERLEAVED, content);
+    }
     // Waits for the sessions to end.
     static bool SessionsGone(unsigned int left = 0);
-    CLiveChannel* MakeChannel(const char* name);
-    void Publish(const char* name, CLiveChannel* channel);
+    CLiveChannel* MakeChannel(const std::string& name);
+    void Publish(const std::string& name, CLiveChannel* channel);
 
     CDataSource* m_source = nullptr;  // of the last AddChannel; the registry's
     int m_port = 0;

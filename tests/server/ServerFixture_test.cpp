@@ -2,9 +2,9 @@
 
 #include "server/ServerFixture.h"
 
-#include <arpa/inet.h>
-#include <sys/socket.h>
-#include <unistd.h>
+#include <algorithm>
+
+#include "support/Loopback.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -13,18 +13,6 @@ namespace {
 
 std::mutex g_event_mutex;
 std::vector<std::string> g_events;
-
-int FreePort() {
-    const int fd = socket(AF_INET, SOCK_STREAM, 0);
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    socklen_t length = sizeof(addr);
-    bind(fd, reinterpret_cast<sockaddr*>(&addr), length);
-    getsockname(fd, reinterpret_cast<sockaddr*>(&addr), &length);
-    close(fd);
-    return ntohs(addr.sin_port);
-}
 
 }  // namespace
 
@@ -46,11 +34,8 @@ std::vector<std::string> CEventLog::All() {
 }
 
 int CEventLog::Count(const std::string& text) {
-    int count = 0;
-    for (const std::string& event : All()) {
-        count += event == text ? 1 : 0;
-    }
-    return count;
+    const std::vector<std::string> events = All();
+    return static_cast<int>(std::count(events.begin(), events.end(), text));
 }
 
 void CEventLog::Clear() {
@@ -74,7 +59,7 @@ CServerTest::~CServerTest() {
 }
 
 void CServerTest::StartServer() {
-    m_port = FreePort();
+    m_port = Support::CBoundSocket(SOCK_STREAM).Port();  // free again
     CSockAddrStorage addr("127.0.0.1", static_cast<unsigned short>(m_port));
     m_svr = CRtspSvr::Create(addr);
     ASSERT_NE(nullptr, m_svr);
@@ -84,7 +69,7 @@ void CServerTest::StartServer() {
 
 // Waits until the channel has its SDP: the source's first readiness goes to a channel's sessions as an update, which
 // would end one that has described already.
-CFakeStreamSource* CServerTest::AddChannel(const char* name, const CFakeStreamSource::Settings& settings) {
+CFakeStreamSource* CServerTest::AddChannel(const std::string& name, const CFakeStreamSource::Settings& settings) {
     CFakeStreamSource::SetNext(settings);
     CLiveChannel* channel = MakeChannel(name);
     const auto updates = std::make_shared<std::atomic<int>>(0);
@@ -105,20 +90,16 @@ CFakeStreamSource* CServerTest::AddChannel(const char* name, const CFakeStreamSo
     return fake;
 }
 
-void CServerTest::ShareChannel(const char* name) {
-    Publish(name, MakeChannel(name));
-}
-
-CLiveChannel* CServerTest::MakeChannel(const char* name) {
+CLiveChannel* CServerTest::MakeChannel(const std::string& name) {
     CLiveChannel* channel = CLiveChannel::Create();
     channel->SetConfig(m_config);
-    EXPECT_EQ(0, channel->Init(name, 0, TRANSF_TYPE_RTP));
+    EXPECT_EQ(0, channel->Init(name.c_str(), 0, TRANSF_TYPE_RTP));
     return channel;
 }
 
-void CServerTest::Publish(const char* name, CLiveChannel* channel) {
+void CServerTest::Publish(const std::string& name, CLiveChannel* channel) {
     channel->AddDataSrc(m_source, 0);
-    EXPECT_EQ(0, m_live_svr->AddLiveChannel(name, channel, m_source));
+    EXPECT_EQ(0, m_live_svr->AddLiveChannel(name.c_str(), channel, m_source));
     m_channels.push_back(channel);
 }
 
@@ -126,13 +107,15 @@ std::string CServerTest::Url(const std::string& content) const {
     return "rtsp://127.0.0.1:" + std::to_string(m_port) + "/" + content;
 }
 
-void CServerTest::PlayInterleaved(CRtspTestClient& client, const std::string& content) {
-    ASSERT_EQ(200, client.Ask("DESCRIBE", Url(content)).status);
-    ASSERT_EQ(200, client.Ask("SETUP", Url(content) + "/trackID=0", INTERLEAVED).status);
-    ASSERT_EQ(200, client.Ask("PLAY", Url(content)).status);
+RtspReply CServerTest::Play(CRtspTestClient& client, const std::string& transport, const std::string& content) {
+    EXPECT_EQ(200, client.Ask("DESCRIBE", Url(content)).status);
+    const RtspReply reply = client.Ask("SETUP", Url(content) + "/trackID=0", transport);
+    EXPECT_EQ(200, reply.status);
+    EXPECT_EQ(200, client.Ask("PLAY", Url(content)).status);
+    return reply;
 }
 
-bool CServerTest::GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size) {
+bool GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size) {
     const bool key = sequence % 10 == 0;
     Support::FrameSpec spec;
     spec.type = key ? 'I' : 'P';

@@ -31,17 +31,10 @@ public:
     int handle_close(CNetHandler*) override { return delete this, 0; }
 };
 
-class Conversation : public CServerTest {
-protected:
-    // Gives a frame as soon as the source runs, which is shortly after the reply to PLAY.
-    static bool Give(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100) {
-        return Support::WaitUntil([=] { return GiveVideo(source, sequence, size); });
-    }
-};
+class Conversation : public CServerTest {};
 
 TEST_F(Conversation, InterleavedFromOptionsToASecondPlay) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
+    CFakeStreamSource* source = StartWithChannel();
     CRtspTestClient client(m_port);
 
     RtspReply reply = client.Ask("OPTIONS", "*");
@@ -102,19 +95,14 @@ TEST_F(Conversation, InterleavedFromOptionsToASecondPlay) {
 }
 
 TEST_F(Conversation, UdpSendsFromTheAnnouncedPorts) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
+    CFakeStreamSource* source = StartWithChannel();
     CRtspTestClient client(m_port);
     CUdpPeer rtp;
-    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
     const std::string ports = std::to_string(rtp.Port()) + "-" + std::to_string(rtp.Port() + 1);
-    RtspReply reply =
-        client.Ask("SETUP", Url() + "/trackID=0", "Transport: RTP/AVP;unicast;client_port=" + ports + "\r\n");
-    ASSERT_EQ(200, reply.status);
-    const std::string transport = reply.Header("Transport");
+    const std::string transport =
+        Play(client, "Transport: RTP/AVP;unicast;client_port=" + ports + "\r\n").Header("Transport");
     EXPECT_EQ(0u, transport.find("RTP/AVP;unicast;client_port=" + ports + ";server_port="));
     const int server_port = atoi(transport.c_str() + transport.find("server_port=") + 12);
-    ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
     ASSERT_TRUE(Give(source, 10, 3000));
     int from = 0;
     const std::string packet = rtp.Recv(5000, &from);
@@ -128,8 +116,7 @@ TEST_F(Conversation, UdpSendsFromTheAnnouncedPorts) {
 }
 
 TEST_F(Conversation, SetupRefusesWhatItCantServe) {
-    StartServer();
-    AddChannel();
+    StartWithChannel();
     const struct {
         const char* track;
         const char* transport;
@@ -171,8 +158,7 @@ TEST_F(Conversation, PlayWithoutAnyTrackThatWasSetUpIsRefusedAloud) {
 }
 
 TEST_F(Conversation, ARefusedTransportLeavesTheOneThatWasSetUp) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
+    CFakeStreamSource* source = StartWithChannel();
     CRtspTestClient client(m_port);
     ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
     ASSERT_EQ(200, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
@@ -183,15 +169,9 @@ TEST_F(Conversation, ARefusedTransportLeavesTheOneThatWasSetUp) {
 }
 
 TEST_F(Conversation, PrivateFramesTravelWithTheirOwnHeader) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
+    CFakeStreamSource* source = StartWithChannel();
     CRtspTestClient client(m_port);
-    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
-    const RtspReply reply =
-        client.Ask("SETUP", Url() + "/trackID=0", "Transport: KX/AVP/TCP;unicast;interleaved=0-1\r\n");
-    ASSERT_EQ(200, reply.status);
-    EXPECT_EQ(0u, reply.Header("Transport").find("KX/AVP/TCP;"));
-    ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
+    EXPECT_EQ(0u, Play(client, PRIVATE).Header("Transport").find("KX/AVP/TCP;"));
     ASSERT_TRUE(Give(source, 10, 500));
     // "$", channel, and four bytes of length, of which an interleaved reader takes the upper two for its own.
     const RtspFrame header = client.Frame();
@@ -201,10 +181,8 @@ TEST_F(Conversation, PrivateFramesTravelWithTheirOwnHeader) {
 
 TEST_F(Conversation, DataSourceAnswersLaterSeeksPausesAndEnds) {
     StartServer();
-    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-    settings.type = SRC_TYPE_FILE;
-    CFakeStreamSource::SetNext(settings);
-    const std::string content = "movie.kav";
+    CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
+    const std::string content = FILE_CONTENT;
     CRtspTestClient client(m_port);
     RtspReply reply = client.Ask("DESCRIBE", Url(content));
     ASSERT_EQ(200, reply.status);
@@ -255,8 +233,7 @@ TEST_F(Conversation, DataSourceAnswersLaterSeeksPausesAndEnds) {
 }
 
 TEST_F(Conversation, MulticastChannelIsOfferedAsSuch) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel();
+    CFakeStreamSource* source = StartWithChannel();
     CSockAddrStorage group("239.1.2.3", 41000);
     ASSERT_TRUE(Support::WaitUntil([&] { return m_channels[0]->AddTransfDst(group, "127.0.0.1") == 0; }));
     ASSERT_EQ(0, m_channels[0]->SetUnicast(false));
@@ -303,13 +280,8 @@ TEST_F(Conversation, DescribeWaitsForTheSdpWithoutHoldingOthers) {
     CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
     settings.tells_info = false;
     CFakeStreamSource* source = AddChannel(LIVE_NAME, settings);
-    AddChannel("cam/realmonitor?channel=2&subtype=0");
-    const std::string ready = Url("cam/realmonitor?channel=2&subtype=0");
-    ASSERT_TRUE(Support::WaitUntil([&] {
-        CRtspTestClient probe(m_port);
-        return probe.Ask("DESCRIBE", ready).status == 200;
-    }));
-
+    AddChannel(ChannelName(2));
+    const std::string ready = Url(ChannelName(2));
     std::vector<std::unique_ptr<CRtspTestClient>> waiting;
     for (int i = 0; i < 12; ++i) {  // more than the pool has threads
         waiting.push_back(std::make_unique<CRtspTestClient>(m_port));
@@ -340,16 +312,15 @@ TEST_F(Conversation, DescribeWithoutSdpOrSourceIsNotFound) {
     };
     char* (*const function)(const char*, char*, int) = rewrite;
     SetFunction(RTSP_SVR_CONFIG_URL_FUNC, function);
-    StartServer();
-    AddChannel();
+    StartWithChannel();
     CRtspTestClient alias(m_port);
     EXPECT_EQ(200, alias.Ask("DESCRIBE", Url("alias.kav")).status);
 
     CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
     settings.tells_info = false;
-    AddChannel("cam/realmonitor?channel=3&subtype=0", settings);
+    AddChannel(ChannelName(3), settings);
     CRtspTestClient never(m_port);
-    never.Send(never.Request("DESCRIBE", Url("cam/realmonitor?channel=3&subtype=0")));
+    never.Send(never.Request("DESCRIBE", Url(ChannelName(3))));
     for (const char* content : {"nonsense", "", "other.kav"}) {
         settings.null_source = true;
         CFakeStreamSource::SetNext(settings);

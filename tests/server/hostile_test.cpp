@@ -3,18 +3,23 @@
 
 #include <sys/socket.h>
 
+#include <cstring>
 #include <thread>
 
 #include "Vidora/AuthModule.h"
-
 #include "server/ServerFixture.h"
 
 namespace Kavio {
 namespace Vidora {
 namespace {
 
-const char FILE_CONTENT[] = "movie.kav";
-const char OPTIONS_TEXT[] = "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n";
+std::string repeated(const char* text, int count) {
+    std::string all;
+    while (count-- > 0) {
+        all += text;
+    }
+    return all;
+}
 
 // A client that plays a channel, with the threads that feed its source and read what comes.
 class CBystander {
@@ -45,12 +50,7 @@ public:
 private:
     void feed() {
         for (unsigned int sequence = 10; !m_stop; ++sequence) {
-            Support::FrameSpec spec;
-            spec.type = sequence % 10 == 0 ? 'I' : 'P';
-            spec.sequence = sequence;
-            spec.pts_ms = sequence * 40;
-            spec.payload = Support::H264Picture(sequence % 10 == 0, 3000, static_cast<uint8_t>(sequence));
-            m_given += m_source->Give(Support::BuildFrame(spec)) ? 1 : 0;
+            m_given += GiveVideo(m_source, sequence, 3000) ? 1 : 0;
             std::this_thread::sleep_for(std::chrono::milliseconds(3));
         }
     }
@@ -80,31 +80,30 @@ private:
 std::atomic<bool> g_hold{false};
 std::atomic<int> g_held{0};
 
-void wait_while_held(const std::string& content) {
-    if (g_hold && content.find("held") != std::string::npos) {
+void wait_while_held(const char* text, const char* key) {
+    if (g_hold && strstr(text, key) != nullptr) {
         ++g_held;
         Support::WaitUntil([] { return !g_hold; });
     }
 }
 char* url_that_waits(const char* content, char*, int) {
-    wait_while_held(std::string(content) == "held-url.kav" ? content : "");
+    wait_while_held(content, "held-url");
     return nullptr;
 }
 CStreamSource* source_that_waits(const char* content) {
-    wait_while_held(std::string(content) == "held-source.kav" ? content : "");
+    wait_while_held(content, "held-source");
     return CFakeStreamSource::Factory(content);
 }
 class CWaitingModule : public IAuthModule {
 public:
     void Release() override { delete this; }
     int GetChallenge(const char* url, result_proc_t result, const char*, int) override {
-        wait_while_held(std::string(url).find("held-module") != std::string::npos ? "held" : "");
+        wait_while_held(url, "held-module");
         result(AUTH_RESULT_OK, nullptr);
         return 0;
     }
 };
 IAuthModule* make_waiting_module(rtsp_auth_t) {
-    wait_while_held("");
     return new CWaitingModule;
 }
 
@@ -156,15 +155,7 @@ TEST_F(Hostile, BytesThatAreNoConversation) {
         {"a reply", "RTSP/1.0 200 OK\r\nCSeq: 1\r\n\r\n", true, 0},
         {"an unknown method", "FROBNICATE * RTSP/1.0\r\nCSeq: 1\r\n\r\n", true, 0},
         {"NUL in the head", std::string("OPTIONS * RTSP/1.0\r\nA: \0\r\nCSeq: 1\r\n\r\n", 38), true, 0},
-        {"many at once",
-         [] {
-             std::string many;
-             for (int i = 0; i < 100; ++i) {
-                 many += OPTIONS_TEXT;
-             }
-             return many;
-         }(),
-         false, 100},
+        {"many at once", repeated(OPTIONS_TEXT, 100), false, 100},
         {"the largest message that an event holds", request("OPTIONS * RTSP/1.0\r\n", 4064), false, 1},
         {"one byte more", request("OPTIONS * RTSP/1.0\r\n", 4065), true, 0},
         {"the largest that is read", request("OPTIONS * RTSP/1.0\r\n", 4096), true, 0},
@@ -198,16 +189,21 @@ TEST_F(Hostile, FloodsAreBounded) {
     ASSERT_EQ(200, flooding.Ask("OPTIONS", "*").status);
     const timeval limit = {20, 0};
     setsockopt(flooding.Fd(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-    std::string requests;
-    for (int i = 0; i < 1000; ++i) {
-        requests += OPTIONS_TEXT;
-    }
+    const std::string requests = repeated(OPTIONS_TEXT, 1000);
     int rounds = 0;
     while (rounds < 1000 && flooding.Send(requests)) {
         ++rounds;
     }
     EXPECT_LT(rounds, 1000);
     EXPECT_TRUE(SessionsGone(1));
+
+    // A head without an end, and a frame that the buffer can't hold.
+    for (const std::string& start : {std::string("OPTIONS * RTSP/1.0\r\nX: "), std::string("$\1\xff\xff", 4)}) {
+        CRtspTestClient endless(m_port);
+        ASSERT_EQ(200, endless.Ask("OPTIONS", "*").status);
+        endless.Send(start + std::string(6000, 'x'));
+        EXPECT_TRUE(endless.Closed());
+    }
 
     // Connections without a word, and with a byte now and then.
     std::vector<std::unique_ptr<CRtspTestClient>> silent;
@@ -235,13 +231,10 @@ TEST_F(Hostile, FloodsAreBounded) {
 TEST_F(Hostile, HostFunctionsThatBlockHoldTheirOwnSession) {
     SetFunction(RTSP_SVR_CONFIG_URL_FUNC, &url_that_waits);
     SetFunction(RTSP_SVR_CONFIG_SRC_FUNC, &source_that_waits);
-    const rtsp_auth_t auth_type = 7;
-    Set(RTSP_SVR_CONFIG_AUTH_TYPE, auth_type);
+    Set(RTSP_SVR_CONFIG_AUTH_TYPE, rtsp_auth_t{7});
     SetFunction(RTSP_SVR_CONFIG_AUTH_FUNC, &make_waiting_module);
     Begin(60);
-    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-    settings.type = SRC_TYPE_FILE;
-    CFakeStreamSource::SetNext(settings);
+    CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
     const char* contents[] = {"held-url.kav", "held-source.kav", "held-module.kav"};  // the pool has one thread more
     for (const bool leaves : {false, true}) {
         g_held = 0;
@@ -292,8 +285,7 @@ TEST_F(Hostile, SourcesThatFail) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.what);
-        CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-        settings.type = SRC_TYPE_FILE;
+        CFakeStreamSource::Settings settings = CFakeStreamSource::FileVideo();
         row.spoil(settings);
         CFakeStreamSource::SetNext(settings);
         CRtspTestClient& client = *Connect(row.ends ? row.what : nullptr);
@@ -314,14 +306,14 @@ TEST_F(Hostile, SourcesThatFail) {
     // A live channel whose source doesn't start plays nothing. Its failure is told to the host, who ends the channel.
     CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
     settings.start_fails = true;
-    const char* name = "cam/realmonitor?channel=5&subtype=0";
+    const std::string name = ChannelName(5);
     CFakeStreamSource* source = AddChannel(name, settings);
     CRtspTestClient client(m_port);
     PlayInterleaved(client, name);
     EXPECT_TRUE(client.Silent(50));
     source->Tell(MSG_SRC_FAIL);
     EXPECT_TRUE(client.Silent(50));
-    EXPECT_EQ(0, m_live_svr->DelLiveChannel(name));
+    EXPECT_EQ(0, m_live_svr->DelLiveChannel(name.c_str()));
     EXPECT_TRUE(client.Closed());
     EXPECT_TRUE(m_bystander->ReceivesMore(10));
 }

@@ -1,43 +1,25 @@
-#include <arpa/inet.h>
 #include <fcntl.h>
-#include <sys/socket.h>
-#include <unistd.h>
-
-#include <atomic>
-#include <thread>
 
 #include "Vidora/AuthModule.h"
-
 #include "server/ServerFixture.h"
+#include "support/Loopback.h"
 
 namespace Kavio {
 namespace Vidora {
 namespace {
 
-const char OPTIONS_TEXT[] = "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n\r\n";
-
-// A connected pair of TCP sockets: the first is handed to the server, the second is the client's.
-struct TcpPair {
-    TcpPair() {
-        const int listener = socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in addr = {};
-        addr.sin_family = AF_INET;
-        addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof(addr);
-        bind(listener, reinterpret_cast<sockaddr*>(&addr), length);
-        listen(listener, 1);
-        getsockname(listener, reinterpret_cast<sockaddr*>(&addr), &length);
-        client.reset(new CRtspTestClient(ntohs(addr.sin_port)));
-        server = accept(listener, nullptr, nullptr);
-        close(listener);
-    }
+// A connection: the server's end is to be handed to it.
+struct Connection {
     int server = -1;
     std::unique_ptr<CRtspTestClient> client;
-};
 
-bool IsOpen(int fd) {
-    return fcntl(fd, F_GETFD) >= 0;
-}
+    Connection() {
+        const Support::CBoundSocket listener(SOCK_STREAM);
+        listen(listener.Fd(), 1);
+        client = std::make_unique<CRtspTestClient>(listener.Port());
+        server = accept(listener.Fd(), nullptr, nullptr);
+    }
+};
 
 class CNoModule : public IAuthModule {
 public:
@@ -103,19 +85,17 @@ TEST_F(Intake, ConnectionsThatSayNothingAreDropped) {
 }
 
 TEST_F(Intake, HandedInConnections) {
-    const rtsp_auth_t auth_type = 7;
-    Set(RTSP_SVR_CONFIG_AUTH_TYPE, auth_type);
+    Set(RTSP_SVR_CONFIG_AUTH_TYPE, rtsp_auth_t{7});
     SetFunction(RTSP_SVR_CONFIG_AUTH_FUNC, &MakeModule);
-    StartServer();
-    AddChannel();
+    StartWithChannel();
     const std::string describe = "DESCRIBE " + Url() + " RTSP/1.0\r\nCSeq: 1\r\n\r\n";
     const int nat_record[5] = {2, 10, 20, 30, 40};
     const int other_record[5] = {3, 0, 0, 0, 0};
 
-    TcpPair pair;
+    Connection pair;
     EXPECT_EQ(-1, m_svr->AddNewConnect(-1, nullptr, 0, 0));
     EXPECT_EQ(-1, m_svr->AddNewConnect(pair.server, std::string(513, 'x').c_str(), 513, 0));
-    EXPECT_TRUE(IsOpen(pair.server));
+    EXPECT_LE(0, fcntl(pair.server, F_GETFD)) << "a refused connection stays the host's";
     const int closed_fd = dup(pair.server);
     close(closed_fd);
     EXPECT_EQ(-1, m_svr->AddNewConnect(closed_fd, nullptr, 0, 0));
@@ -140,7 +120,7 @@ TEST_F(Intake, HandedInConnections) {
         {"GET / HTTP/1.0\r\n\r\n", 0, 0, -1},
     };
     for (const auto& row : rows) {
-        TcpPair other;
+        Connection other;
         EXPECT_EQ(row.result,
                   m_svr->AddNewConnect(other.server, row.buf.c_str(), static_cast<int>(row.buf.size()), row.extra));
         if (row.buf == "DESCRIBE") {
@@ -172,7 +152,7 @@ TEST_F(Intake, AHostThatBlocksInOneSessionHoldsNobodyElse) {
     held.Send(OPTIONS_TEXT);
     ASSERT_TRUE(Support::WaitUntil([] { return g_blocked == 1; }));
     g_block = true;
-    TcpPair handed_in;  // the caller's thread isn't held either
+    Connection handed_in;  // the caller's thread isn't held either
     EXPECT_EQ(0, m_svr->AddNewConnect(handed_in.server, OPTIONS_TEXT, sizeof(OPTIONS_TEXT) - 1, 0));
     ASSERT_TRUE(Support::WaitUntil([] { return g_blocked == 2; }));
     CRtspTestClient other(m_port);

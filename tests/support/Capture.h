@@ -26,7 +26,7 @@ public:
     }
 
     std::vector<std::string> Lines() const {
-        const std::lock_guard<std::mutex> guard(current_mutex());
+        const std::lock_guard<std::mutex> guard(s_mutex);
         return m_lines;
     }
     // Lines that hold `text`.
@@ -39,26 +39,20 @@ public:
     }
 
 private:
-    // A thread may still be in the sink when the capture has gone, so the sink finds it through a pointer that outlives
-    // it.
-    static std::mutex& current_mutex() {
-        static std::mutex mutex;
-        return mutex;
-    }
-    static CLogCapture*& current() {
-        static CLogCapture* capture = nullptr;
-        return capture;
-    }
     static void set_current(CLogCapture* capture) {
-        const std::lock_guard<std::mutex> guard(current_mutex());
-        current() = capture;
+        const std::lock_guard<std::mutex> guard(s_mutex);
+        s_current = capture;
     }
     static void on_line(void*, Ostra::log_level_t, const char* text, size_t length) {
-        const std::lock_guard<std::mutex> guard(current_mutex());
-        if (current() != nullptr) {
-            current()->m_lines.emplace_back(text, length);
+        const std::lock_guard<std::mutex> guard(s_mutex);
+        if (s_current != nullptr) {
+            s_current->m_lines.emplace_back(text, length);
         }
     }
+
+    // A thread may still be in the sink when the capture has gone: the sink finds it through what outlives it.
+    static inline std::mutex s_mutex;
+    static inline CLogCapture* s_current = nullptr;
 
     Ostra::log_level_t m_level;
     std::vector<std::string> m_lines;
@@ -69,29 +63,24 @@ private:
 class CAssertCapture {
 public:
     CAssertCapture() {
-        texts().clear();
+        s_texts.clear();
         Ostra::SetAssertHandler(&CAssertCapture::on_assert);
     }
     ~CAssertCapture() { Ostra::SetAssertHandler(nullptr); }
 
     std::vector<std::string> Texts() const {
-        const std::lock_guard<std::mutex> guard(mutex());
-        return texts();
+        const std::lock_guard<std::mutex> guard(s_mutex);
+        return s_texts;
     }
 
 private:
-    static std::mutex& mutex() {
-        static std::mutex mutex;
-        return mutex;
-    }
-    static std::vector<std::string>& texts() {
-        static std::vector<std::string> texts;
-        return texts;
-    }
     static void on_assert(const char* expression, const char*, int) {
-        const std::lock_guard<std::mutex> guard(mutex());
-        texts().push_back(expression);
+        const std::lock_guard<std::mutex> guard(s_mutex);
+        s_texts.push_back(expression);
     }
+
+    static inline std::mutex s_mutex;
+    static inline std::vector<std::string> s_texts;
 };
 
 }  // namespace Support

@@ -14,10 +14,8 @@ namespace {
 
 CMutex g_mutex;
 CFakeStreamSource::Settings g_next;
-CFakeStreamSource* g_last = nullptr;
-std::atomic<int> g_live_count{0};
 CMutex g_list_mutex;
-std::vector<CFakeStreamSource*> g_list;
+std::vector<CFakeStreamSource*> g_list;  // in the order in which they were made
 
 }  // namespace
 
@@ -31,6 +29,12 @@ CFakeStreamSource::Settings CFakeStreamSource::LiveVideo() {
     return settings;
 }
 
+CFakeStreamSource::Settings CFakeStreamSource::FileVideo() {
+    Settings settings = LiveVideo();
+    settings.type = SRC_TYPE_FILE;
+    return settings;
+}
+
 void CFakeStreamSource::SetNext(const Settings& settings) {
     CGuard guard(g_mutex);
     g_next = settings;
@@ -38,12 +42,7 @@ void CFakeStreamSource::SetNext(const Settings& settings) {
 
 CStreamSource* CFakeStreamSource::Factory(const char*) {
     CGuard guard(g_mutex);
-    return g_next.null_source ? nullptr : new CFakeStreamSource(g_next);
-}
-
-CFakeStreamSource* CFakeStreamSource::Make(const Settings& settings) {
-    CGuard guard(g_mutex);
-    return new CFakeStreamSource(settings);
+    return g_next.null_source ? nullptr : Make(g_next);
 }
 
 void CFakeStreamSource::ForEach(const std::function<void(CFakeStreamSource&)>& function) {
@@ -54,36 +53,29 @@ void CFakeStreamSource::ForEach(const std::function<void(CFakeStreamSource&)>& f
 }
 
 CFakeStreamSource* CFakeStreamSource::Last() {
-    CGuard guard(g_mutex);
-    return g_last;
+    CGuard guard(g_list_mutex);
+    return g_list.empty() ? nullptr : g_list.back();
 }
 
 int CFakeStreamSource::LiveCount() {
-    return g_live_count;
+    CGuard guard(g_list_mutex);
+    return static_cast<int>(g_list.size());
 }
 
 CFakeStreamSource::CFakeStreamSource(const Settings& settings) : m_settings(settings) {
-    ++g_live_count;
-    g_last = this;  // the factory holds the lock
     CGuard guard(g_list_mutex);
     g_list.push_back(this);
 }
 
 CFakeStreamSource::~CFakeStreamSource() {
-    {
-        CGuard guard(g_list_mutex);
-        g_list.erase(std::find(g_list.begin(), g_list.end(), this));
-    }
-    CGuard guard(g_mutex);
-    if (g_last == this) {
-        g_last = nullptr;
-    }
-    --g_live_count;
+    CGuard guard(g_list_mutex);
+    g_list.erase(std::find(g_list.begin(), g_list.end(), this));
 }
 
-void CFakeStreamSource::record(const std::string& call) {
+bool CFakeStreamSource::record(const std::string& call) {
     CGuard guard(m_mutex);
     m_calls.push_back(call);
+    return true;
 }
 
 std::vector<std::string> CFakeStreamSource::Calls() {
@@ -105,17 +97,9 @@ bool CFakeStreamSource::Give(const Flumen::CMediaFrame& frame) {
     return true;
 }
 
-void CFakeStreamSource::Tell(unsigned int msg) {
-    Notify(m_receiver_id, msg, 0);
-}
-
 void CFakeStreamSource::SetVideo(const StreamVideoFormat& format) {
     CGuard guard(m_mutex);
     m_settings.video = format;
-}
-
-void CFakeStreamSource::SetPacketState(int state) {
-    m_packet_state = state;
 }
 
 int CFakeStreamSource::Init(long receiver_id, int) {
@@ -138,7 +122,6 @@ int CFakeStreamSource::GetVideoSpecificInfo(char* buf, int len) {
 }
 
 int CFakeStreamSource::UpdataStreamInfo(long) {
-    record("UpdataStreamInfo");
     Tell(MSG_STREAM_INFO);
     return 0;
 }
@@ -163,26 +146,6 @@ bool CFakeStreamSource::Stop(frame_proc_t proc) {
     return true;
 }
 
-bool CFakeStreamSource::Pause() {
-    record("Pause");
-    return true;
-}
-
-bool CFakeStreamSource::Resume() {
-    record("Resume");
-    return true;
-}
-
-bool CFakeStreamSource::SetSpeed(float speed) {
-    record("SetSpeed " + std::to_string(speed));
-    return true;
-}
-
-bool CFakeStreamSource::SeekByTime(const CTime& time) {
-    record("Seek " + std::to_string(time.makeTime()));
-    return !m_settings.seek_fails;
-}
-
 bool CFakeStreamSource::GetTime(CTime& time) {
     time = m_settings.begin;
     return true;
@@ -197,10 +160,6 @@ bool CFakeStreamSource::GetFileRange(CTime& begin, CTime& end) {
 bool CFakeStreamSource::GetFileRange(uint64_t& length_us) {
     length_us = m_settings.length_us;
     return true;
-}
-
-void CFakeStreamSource::SetIFrame() {
-    record("SetIFrame");
 }
 
 bool CFakeStreamSource::getPacketType(int& packet_state) {

@@ -36,15 +36,16 @@ public:
         Vidora::CTime end = Vidora::CTime(1600000012);
     };
 
-    // H.264 video, as BuildFrame makes it.
+    // H.264 video, as BuildFrame makes it, live or as a recording of 12.5 seconds.
     static Settings LiveVideo();
+    static Settings FileVideo();
     // What the factory's next sources are like.
     static void SetNext(const Settings& settings);
     // A source like that.
-    static CFakeStreamSource* Make(const Settings& settings);
+    static CFakeStreamSource* Make(const Settings& settings) { return new CFakeStreamSource(settings); }
     // A factory for CRtspSvrConfig: makes the next one.
     static Vidora::CStreamSource* Factory(const char* content);
-    // The source that the factory made last, or null after it has gone.
+    // The youngest source that lives, or null.
     static CFakeStreamSource* Last();
     // Sources that live now.
     static int LiveCount();
@@ -54,9 +55,9 @@ public:
     // Gives a frame to the receiver, as the host's thread; false if the source isn't started.
     bool Give(const Flumen::CMediaFrame& frame);
     // Sends a message to the receiver.
-    void Tell(unsigned int msg);
+    void Tell(unsigned int msg) { Notify(m_receiver_id, msg, 0); }
     void SetVideo(const Vidora::StreamVideoFormat& format);
-    void SetPacketState(int state);
+    void SetPacketState(int state) { m_packet_state = state; }
 
     // The calls so far, in order: "Start", "Stop", "Pause", "Resume", "SetIFrame", "Seek 1600000003", ...
     std::vector<std::string> Calls();
@@ -72,21 +73,23 @@ public:
     int UpdataStreamInfo(long arg) override;
     bool Start(frame_proc_t proc) override;
     bool Stop(frame_proc_t proc) override;
-    bool Pause() override;
-    bool Resume() override;
-    bool SetSpeed(float speed) override;
-    bool SeekByTime(const Vidora::CTime& time) override;
+    bool Pause() override { return record("Pause"); }
+    bool Resume() override { return record("Resume"); }
+    bool SetSpeed(float speed) override { return record("SetSpeed " + std::to_string(speed)); }
+    bool SeekByTime(const Vidora::CTime& time) override {
+        return record("Seek " + std::to_string(time.makeTime())) && !m_settings.seek_fails;
+    }
     bool GetTime(Vidora::CTime& time) override;
     bool GetFileRange(Vidora::CTime& begin, Vidora::CTime& end) override;
     bool GetFileRange(uint64_t& length_us) override;
-    void SetIFrame() override;
+    void SetIFrame() override { record("SetIFrame"); }
     bool getPacketType(int& packet_state) override;
     int handle_close(Vidora::CNetHandler* handler) override;
 
 private:
     explicit CFakeStreamSource(const Settings& settings);
     ~CFakeStreamSource() override;
-    void record(const std::string& call);
+    bool record(const std::string& call);  // gives true
 
     Settings m_settings;
     std::atomic<long> m_receiver_id{0};

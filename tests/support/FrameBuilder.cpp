@@ -13,41 +13,16 @@ const size_t HEADER_SIZE = 24;
 const size_t TRAILER_SIZE = 8;
 
 uint8_t type_byte(int letter) {
-    switch (letter) {
-        case 'I':
-            return 0xFD;
-        case 'J':
-            return 0xFB;
-        case 'P':
-            return 0xFC;
-        case 'B':
-            return 0xFE;
-        case 'A':
-            return 0xF0;
-        default:
-            return 0xF1;
-    }
+    return letter == 'I' ? 0xFD : letter == 'P' ? 0xFC : letter == 'A' ? 0xF0 : 0xF1;
 }
 
+// Encoding and frame rate (25), and the picture's size in units of 8 pixels (48 high); or encoding and 8000 Hz.
 std::string extensions(const FrameSpec& spec) {
-    uint8_t bytes[8] = {};
-    Ostra::CByteWriter writer(bytes, sizeof(bytes));
-    if (spec.type == 'I' || spec.type == 'J') {
-        writer.WriteU8(0x81);
-        writer.WriteU8(0);
-        writer.WriteU8(static_cast<uint8_t>(spec.encode_code));
-        writer.WriteU8(static_cast<uint8_t>(spec.frame_rate));
-        writer.WriteU8(0x80);
-        writer.WriteU8(0);
-        writer.WriteU8(static_cast<uint8_t>(spec.width / 8));
-        writer.WriteU8(static_cast<uint8_t>(spec.height / 8));
-    } else if (spec.type == 'A') {
-        writer.WriteU8(0x83);
-        writer.WriteU8(1);
-        writer.WriteU8(static_cast<uint8_t>(spec.encode_code));
-        writer.WriteU8(2);  // 8000 Hz
+    const char code = static_cast<char>(spec.encode_code);
+    if (spec.type == 'I') {
+        return std::string({'\x81', 0, code, 25, '\x80', 0, static_cast<char>(spec.width / 8), 48 / 8});
     }
-    return std::string(reinterpret_cast<char*>(bytes), writer.Offset());
+    return spec.type == 'A' ? std::string({'\x83', 1, code, 2}) : std::string();
 }
 
 uint32_t packed_time(double utc) {

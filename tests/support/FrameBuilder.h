@@ -11,15 +11,13 @@ namespace Support {
 
 // What a private frame is made of.
 struct FrameSpec {
-    int type = 'P';         // frame type letter
+    int type = 'P';         // frame type letter: I, P, A or W
     uint32_t sequence = 0;  // frame number in the header
     uint64_t pts_ms = 0;
     double utc = 1600000000.0;  // seconds
     std::string payload;        // elementary stream
-    int encode_code = 2;        // video: 1 MPEG-4, 2 H.264, 5 JPEG; audio: 14 PCMA
+    int encode_code = 2;        // 2 H.264, 14 PCMA
     int width = 64;             // pixels
-    int height = 48;
-    int frame_rate = 25;
     int new_format = 0;
 };
 

@@ -1,12 +1,11 @@
 #include "support/RtspTestClient.h"
 
-#include <arpa/inet.h>
 #include <poll.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <chrono>
 #include <cstdlib>
+
+#include "support/Loopback.h"
 
 namespace Kavio {
 namespace Support {
@@ -42,19 +41,10 @@ std::string RtspReply::Header(const std::string& name) const {
 }
 
 CRtspTestClient::CRtspTestClient(int port) : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-    sockaddr_in addr = {};
-    addr.sin_family = AF_INET;
-    addr.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    addr.sin_port = htons(static_cast<uint16_t>(port));
-    if (connect(m_fd, reinterpret_cast<sockaddr*>(&addr), sizeof(addr)) < 0) {
+    const sockaddr_in addr = LoopbackAddress(port);
+    if (connect(m_fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) < 0) {
         Close();
     }
-}
-
-CRtspTestClient* CRtspTestClient::FromSocket(int fd) {
-    CRtspTestClient* client = new CRtspTestClient;
-    client->m_fd = fd;
-    return client;
 }
 
 CRtspTestClient::~CRtspTestClient() {
@@ -95,21 +85,24 @@ std::string CRtspTestClient::Request(const std::string& method, const std::strin
 
 RtspReply CRtspTestClient::Ask(const std::string& method, const std::string& url, const std::string& headers,
                                const std::string& body) {
-    if (!Send(Request(method, url, headers, body))) {
-        return RtspReply();
+    return Send(Request(method, url, headers, body)) ? Reply() : RtspReply();
+}
+
+template <typename T>
+T CRtspTestClient::next(std::deque<T>& queue, int timeout_ms) {
+    const CDeadline deadline(timeout_ms);
+    while (queue.empty() && receive(deadline.Left())) {
     }
-    return Reply();
+    T item;
+    if (!queue.empty()) {
+        item = queue.front();
+        queue.pop_front();
+    }
+    return item;
 }
 
 RtspReply CRtspTestClient::Reply(int timeout_ms) {
-    const CDeadline deadline(timeout_ms);
-    while (m_replies.empty() && receive(deadline.Left())) {
-    }
-    if (m_replies.empty()) {
-        return RtspReply();
-    }
-    const RtspReply reply = m_replies.front();
-    m_replies.pop_front();
+    const RtspReply reply = next(m_replies, timeout_ms);
     const std::string session = reply.Header("Session");
     if (!session.empty()) {
         m_session = session.substr(0, session.find(';'));
@@ -118,15 +111,7 @@ RtspReply CRtspTestClient::Reply(int timeout_ms) {
 }
 
 RtspFrame CRtspTestClient::Frame(int timeout_ms) {
-    const CDeadline deadline(timeout_ms);
-    while (m_frames.empty() && receive(deadline.Left())) {
-    }
-    if (m_frames.empty()) {
-        return RtspFrame();
-    }
-    const RtspFrame frame = m_frames.front();
-    m_frames.pop_front();
-    return frame;
+    return next(m_frames, timeout_ms);
 }
 
 bool CRtspTestClient::Closed(int timeout_ms) {

@@ -31,8 +31,6 @@ class CRtspTestClient {
 public:
     // Connects to the loopback address.
     explicit CRtspTestClient(int port);
-    // Takes a connected socket over.
-    static CRtspTestClient* FromSocket(int fd);
     ~CRtspTestClient();
     CRtspTestClient(const CRtspTestClient&) = delete;
     CRtspTestClient& operator=(const CRtspTestClient&) = delete;
@@ -60,8 +58,9 @@ public:
     int LastCSeq() const { return m_cseq; }
 
 private:
-    CRtspTestClient() = default;
     bool receive(int timeout_ms);
+    template <typename T>
+    T next(std::deque<T>& queue, int timeout_ms);
     void cut();
     bool cut_reply();
     bool cut_frame();

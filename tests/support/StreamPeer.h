@@ -1,38 +1,19 @@
 #ifndef VIDORA_TESTS_SUPPORT_STREAMPEER_H
 #define VIDORA_TESTS_SUPPORT_STREAMPEER_H
 
-#include <arpa/inet.h>
-#include <fcntl.h>
-#include <netinet/in.h>
 #include <netinet/tcp.h>
-#include <sys/socket.h>
-#include <unistd.h>
 
 #include <atomic>
-#include <chrono>
 #include <cstring>
-#include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "Vidora/Tramel/MediaPacket.h"
-#include "Vidora/Tramel/NetHandler.h"
+#include "support/Loopback.h"
+#include "support/TestHandler.h"
 
 namespace Kavio {
 namespace Support {
-
-// Waits until `condition` holds; false after the deadline.
-inline bool WaitFor(const std::function<bool()>& condition, int deadline_ms = 20000) {
-    const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(deadline_ms);
-    while (!condition()) {
-        if (std::chrono::steady_clock::now() > end) {
-            return false;
-        }
-        std::this_thread::sleep_for(std::chrono::milliseconds(1));
-    }
-    return true;
-}
 
 // A connected pair of stream sockets on loopback TCP with small buffers, so that a peer that doesn't read is noticed
 // soon. `near_fd` is for the code under test, `far_fd` is the peer's end, non-blocking.
@@ -41,22 +22,16 @@ struct TcpPair {
     int far_fd = -1;
 
     explicit TcpPair(int buffer_bytes = 16384) {
-        const int listener = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_in address = {};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof(address);
-        ::bind(listener, reinterpret_cast<sockaddr*>(&address), length);
-        ::setsockopt(listener, SOL_SOCKET, SO_RCVBUF, &buffer_bytes, sizeof(buffer_bytes));
-        ::listen(listener, 1);
-        ::getsockname(listener, reinterpret_cast<sockaddr*>(&address), &length);
+        const CBoundSocket listener(SOCK_STREAM);
+        ::setsockopt(listener.Fd(), SOL_SOCKET, SO_RCVBUF, &buffer_bytes, sizeof(buffer_bytes));
+        ::listen(listener.Fd(), 1);
         near_fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
         ::setsockopt(near_fd, SOL_SOCKET, SO_SNDBUF, &buffer_bytes, sizeof(buffer_bytes));
         const int no_delay = 1;
         ::setsockopt(near_fd, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof(no_delay));
-        ::connect(near_fd, reinterpret_cast<sockaddr*>(&address), length);
-        far_fd = ::accept4(listener, nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
-        ::close(listener);
+        const sockaddr_in address = LoopbackAddress(listener.Port());
+        ::connect(near_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address));
+        far_fd = ::accept4(listener.Fd(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK);
     }
     TcpPair(const TcpPair&) = delete;
     ~TcpPair() { CloseFar(); }
@@ -112,25 +87,15 @@ inline std::string TextBytes(unsigned int number, size_t padding = 0) {
 // Reads the peer's end and cuts it into units; anything that is neither is a fault.
 class WireReader {
 public:
-    // Takes what is there: bytes read, or -1 at the end of the connection.
-    int Read(int fd, size_t limit = SIZE_MAX) {
+    // Takes what is there; false if that is nothing.
+    bool Read(int fd) {
         char buffer[65536];
-        int total = 0;
-        while (limit > 0) {
-            const size_t room = limit < sizeof(buffer) ? limit : sizeof(buffer);
-            const ssize_t count = ::recv(fd, buffer, room, MSG_DONTWAIT);
-            if (count == 0 || (count < 0 && errno != EAGAIN)) {
-                return total > 0 ? total : -1;
-            }
-            if (count < 0) {
-                break;
-            }
+        bool any = false;
+        for (ssize_t count; (count = ::recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0; any = true) {
             m_rest.append(buffer, static_cast<size_t>(count));
-            total += static_cast<int>(count);
-            limit -= static_cast<size_t>(count);
         }
         cut();
-        return total;
+        return any;
     }
     const std::vector<WireUnit>& Units() const { return m_units; }
     bool Broken() const { return m_broken; }
@@ -197,13 +162,11 @@ private:
     bool m_broken = false;
 };
 
-// A handler that counts the messages it gets.
+// A handler that counts the failures of sockets that it is told.
 class MessageCounter : public Tramel::CNetHandler {
 public:
     int handle_message(long, unsigned int msg, long) override {
-        if (msg == Tramel::MSG_SOCK_EXCEPTION) {
-            ++m_failures;
-        }
+        m_failures += msg == Tramel::MSG_SOCK_EXCEPTION ? 1 : 0;
         return 0;
     }
     int Failures() const { return m_failures; }

@@ -9,6 +9,7 @@
 #include <functional>
 #include <thread>
 
+#include "Tramel/SockDgram.h"
 #include "Tramel/SockStream.h"
 #include "Vidora/Tramel/NetHandler.h"
 #include "Vidora/Tramel/NetThread.h"
@@ -24,7 +25,7 @@ bool WaitUntil(TCondition done, int limit_ms = 20000) {
         if (std::chrono::steady_clock::now() > limit) {
             return false;
         }
-        std::this_thread::sleep_for(std::chrono::microseconds(200));
+        std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
 }
@@ -32,12 +33,8 @@ bool WaitUntil(TCondition done, int limit_ms = 20000) {
 // A pool of threads for a scope.
 class CPool {
 public:
-    explicit CPool(unsigned int threads = 4) { m_result = Tramel::CNetThread::CreateThreadPool(threads, false); }
+    explicit CPool(unsigned int threads = 4) { Tramel::CNetThread::CreateThreadPool(threads, false); }
     ~CPool() { Tramel::CNetThread::DestroyThreadPool(); }
-    int Result() const { return m_result; }
-
-private:
-    int m_result;
 };
 
 // CTestHandler: a handler whose callbacks are functions that the test sets before the events can come; one that isn't
@@ -54,7 +51,7 @@ public:
         return handler;
     }
 
-    sock_function_t on_input, on_output, on_exception, on_input_timeout, on_output_timeout, on_exception_timeout;
+    sock_function_t on_input, on_output, on_exception, on_input_timeout, on_output_timeout;
     std::function<int64_t(long timer_id)> on_timeout;
     std::function<int(long sender_id, unsigned int msg, long param)> on_message;
     std::function<void()> on_close;
@@ -71,7 +68,6 @@ public:
     int handle_exception(int fd) override { return on_exception ? on_exception(fd) : 0; }
     int handle_input_timeout(int fd) override { return on_input_timeout ? on_input_timeout(fd) : 0; }
     int handle_output_timeout(int fd) override { return on_output_timeout ? on_output_timeout(fd) : 0; }
-    int handle_exception_timeout(int fd) override { return on_exception_timeout ? on_exception_timeout(fd) : 0; }
     int64_t handle_timeout(long timer_id) override { return on_timeout ? on_timeout(timer_id) : 0; }
     int handle_message(long sender_id, unsigned int msg, long param) override {
         return on_message ? on_message(sender_id, msg, param) : 0;
@@ -94,6 +90,14 @@ private:
     bool m_is_heap = false;
     std::atomic<int>* m_closed = nullptr;
 };
+
+// A sender that is connected to a receiver, both on loopback UDP; true on success.
+inline bool MakeDgramPair(Tramel::CSockDgram& sender, Tramel::CSockDgram& receiver) {
+    const Tramel::CSockAddrIPv4 local("127.0.0.1", 0);
+    Tramel::CSockAddrStorage to;
+    return sender.Open(&local) == 0 && receiver.Open(&local) == 0 && receiver.GetLocalAddr(&to) == 0 &&
+           sender.SetRemote(&to) == 0;
+}
 
 // Two connected local stream sockets; true on success.
 inline bool MakeSockPair(Tramel::CSockStream& one, Tramel::CSockStream& other) {
