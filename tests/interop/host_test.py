@@ -197,12 +197,18 @@ class Ending(unittest.TestCase):
         self.assertIn("none.h264: cannot be read", errors)
         folder = tempfile.TemporaryDirectory()
         self.addCleanup(folder.cleanup)
-        path = f"{folder.name}/several_slices.h264"
-        run("ffmpeg", "-y", "-loglevel", "error", "-f", "lavfi", "-i", "testsrc=size=320x240:duration=0.2", "-c:v",
-            "libx264", "-bf", "0", "-x264-params", "slices=4", "-f", "h264", path)
-        code, _, errors = run(support.HOST, "--live", f"a={path}", check=False)
-        self.assertEqual(code, 1)
-        self.assertIn("several slices", errors)
+        h264 = ("-pix_fmt", "yuv420p", "-c:v", "libx264", "-threads", "1", "-f", "h264")
+        mjpeg = ("-c:v", "mjpeg", "-f", "mjpeg")
+        for name, reason, options in (
+                ("slices.h264", "several slices", h264 + ("-bf", "0", "-x264-params", "slices=4")),
+                ("b.h264", "B pictures", h264 + ("-bf", "2", "-x264-params", "slices=1")),
+                ("own_tables.mjpeg", "Huffman", mjpeg + ("-pix_fmt", "yuvj420p", "-huffman", "optimal")),
+                ("sampling.mjpeg", "4:2:0", mjpeg + ("-pix_fmt", "yuvj422p", "-huffman", "default"))):
+            path = f"{folder.name}/{name}"
+            run("ffmpeg", "-y", "-loglevel", "error", "-f", "lavfi", "-i", "testsrc=size=320x240:duration=0.4", *options, path)
+            code, _, errors = run(support.HOST, "--live", f"a={path}", check=False)
+            self.assertEqual(code, 1)
+            self.assertIn(reason, errors)
         self.assertEqual(run(support.HOST, "--live", "nothing", check=False)[0], 105)
 
 
