@@ -15,18 +15,21 @@
 #include <vector>
 
 #include "support/BareServer.h"
-#include "support/Drain.h"
 #include "support/LoadClient.h"
+#include "support/Machine.h"
 #include "support/Process.h"
 
 namespace {
 
 const char CONTENT[] = "cam/realmonitor?channel=1&subtype=0";
 const size_t CLIP_FRAMES = 100;
+const char RTP_PORTS[] = "33000-41000";  // away from the default range, which another host may have
 const uint16_t SERVER_UDP_BASE = 42000;  // of the clients' ports
 const uint16_t BARE_UDP_BASE = 50000;
+const uint16_t FIRST_UDP_BASE = 58000;
 const unsigned int MANY_SESSIONS = 1000;  // from there on the set-up is repeated
 const int SETUP_ROUNDS = 5;
+const unsigned int FIRST_SESSIONS = 8;  // that are there when memory is measured, for what the first ones bring
 // A host that was halted for longer than two seconds goes on from where it is instead of catching up.
 const std::chrono::milliseconds SLICE(2200);
 
@@ -51,6 +54,7 @@ struct Side {
     uint64_t bytes = 0;
     double seconds = 0;
 
+    double Cost() const { return static_cast<double>(cpu_ns) / (static_cast<double>(bytes) * 8); }
     void Stop() const { Bench::Halt(process); }
     void Go() const { Bench::Resume(process); }
 };
@@ -60,6 +64,10 @@ struct Row {
     bool udp;
     uint64_t resident_before = 0;
     uint64_t resident_after = 0;
+
+    double SessionKb() const {
+        return (static_cast<double>(resident_after) - static_cast<double>(resident_before)) / 1024 / clients;
+    }
 };
 
 double median(std::vector<double> values) {
@@ -122,7 +130,9 @@ std::unique_ptr<Bench::CProgram> start_host(const Options& options, uint16_t por
                                         "--live",
                                         std::string(CONTENT) + "=" + options.clip,
                                         "--fps",
-                                        "25"};
+                                        "25",
+                                        "--rtp-ports",
+                                        RTP_PORTS};
     if (options.threads > 0) {
         command.push_back("--threads");
         command.push_back(std::to_string(options.threads));
@@ -162,25 +172,30 @@ void run_slice(Side& side) {
 }
 
 void print_row(const Row& row, const Side& server, const Side& bare, uint64_t packets, uint64_t gaps, uint64_t up) {
-    const auto cost = [](const Side& side) {
-        return static_cast<double>(side.cpu_ns) / (static_cast<double>(side.bytes) * 8);
-    };
     std::vector<double> ratios;
     for (size_t i = 0; i < server.cost.size(); ++i) {
         ratios.push_back(server.cost[i] / bare.cost[i]);
     }
     const auto ends = std::minmax_element(ratios.begin(), ratios.end());
-    std::printf(
-        "%5u %s %5llu %9llu %5llu %8.1f %8.4f %8.4f %6.2f %6.2f (%.2f-%.2f) %7.1f %7.3f %7.3f %5.2f\n", row.clients,
-        row.udp ? "UDP" : "TCP", static_cast<unsigned long long>(up), static_cast<unsigned long long>(packets),
-        static_cast<unsigned long long>(gaps), static_cast<double>(server.bytes) * 8 / 1e6 / server.seconds,
-        cost(server), cost(bare), cost(server) / cost(bare), median(ratios), *ends.first, *ends.second,
-        (static_cast<double>(row.resident_after) - static_cast<double>(row.resident_before)) / 1024 / row.clients,
-        median(server.setup_s), median(bare.setup_s), median(server.setup_s) / median(bare.setup_s));
+    std::printf("%5u %s %5llu %9llu %5llu %8.1f %8.4f %8.4f %6.2f %6.2f (%.2f-%.2f) %7.1f %7.3f %7.3f %5.2f\n",
+                row.clients, row.udp ? "UDP" : "TCP", static_cast<unsigned long long>(up),
+                static_cast<unsigned long long>(packets), static_cast<unsigned long long>(gaps),
+                static_cast<double>(server.bytes) * 8 / 1e6 / server.seconds, server.Cost(), bare.Cost(),
+                server.Cost() / bare.Cost(), median(ratios), *ends.first, *ends.second, row.SessionKb(),
+                median(server.setup_s), median(bare.setup_s), median(server.setup_s) / median(bare.setup_s));
     std::fflush(stdout);
 }
 
-bool run_row(const Options& options, const Bench::Recording& recording, Row row) {
+// The row as README.md shows it.
+std::string readme_line(const Row& row, const Side& server, const Side& bare, uint64_t gaps) {
+    char line[160];
+    std::snprintf(line, sizeof(line), "| %s | %u | %llu | %.3f | %.3f | %.2f | %.1f | %.2f |", row.udp ? "UDP" : "TCP",
+                  row.clients, static_cast<unsigned long long>(gaps), server.Cost(), bare.Cost(),
+                  server.Cost() / bare.Cost(), row.SessionKb(), median(server.setup_s) / median(bare.setup_s));
+    return line;
+}
+
+bool run_row(const Options& options, const Bench::Recording& recording, Row row, std::vector<std::string>& readme) {
     Side server;
     Side bare;
     server.client = std::make_unique<Bench::CLoadClient>(SERVER_UDP_BASE);
@@ -193,10 +208,15 @@ bool run_row(const Options& options, const Bench::Recording& recording, Row row)
     const auto host = start_host(options, server.port);
     server.process = host->Pid();
 
-    server.client->Open(server.port, 1, row.udp);  // what the first session brings belongs to the server
-    std::this_thread::sleep_for(std::chrono::milliseconds(500));
-    row.resident_before = Bench::ResidentBytes(server.process);
-    server.client->Close();
+    Bench::CLoadClient first(FIRST_UDP_BASE);
+    const auto resident = [&first, &server, &row] {
+        first.Open(server.port, FIRST_SESSIONS, row.udp);
+        std::this_thread::sleep_for(std::chrono::milliseconds(500));
+        const uint64_t bytes = Bench::ResidentBytes(server.process);
+        first.Close();
+        return bytes;
+    };
+    row.resident_before = resident();
     server.Stop();
     const int rounds = row.clients >= MANY_SESSIONS ? SETUP_ROUNDS : 1;
     for (int i = 1; i <= rounds; ++i) {
@@ -212,11 +232,14 @@ bool run_row(const Options& options, const Bench::Recording& recording, Row row)
         run_slice(server);
         run_slice(bare);
     }
-    row.resident_after = Bench::ResidentBytes(server.process);
     const Bench::FleetFigures& figures = server.client->Figures();
     const uint64_t up = figures.up;
     const uint64_t gaps = figures.gaps;
-    print_row(row, server, bare, figures.packets - packets, gaps, up);
+    const uint64_t played = figures.packets - packets;
+    server.Go();
+    row.resident_after = resident();
+    print_row(row, server, bare, played, gaps, up);
+    readme.push_back(readme_line(row, server, bare, gaps));
     server.client->Close();
     if (figures.drops != 0) {
         std::printf("      the clients' sockets had no room for %llu datagrams\n",
@@ -296,12 +319,16 @@ int main(int argc, char** argv) {
         "    N        up   packets  gaps   Mbit/s   server     bare  ratio median (range)     kB/sess  set-up    bare "
         "ratio\n");
     bool good = true;
+    std::vector<std::string> readme;
     for (int udp = 0; udp < 2; ++udp) {
         for (unsigned int clients : options.clients) {
             if (udp != 0 ? options.udp : options.tcp) {
-                good = run_row(options, recording, Row{clients, udp != 0, 0, 0}) && good;
+                good = run_row(options, recording, Row{clients, udp != 0, 0, 0}, readme) && good;
             }
         }
+    }
+    for (const std::string& line : readme) {
+        std::printf("%s\n", line.c_str());
     }
     return good ? 0 : 1;
 }

@@ -5,7 +5,6 @@
 #include <new>
 
 #include "Protocol/SdpParser.h"
-#include "StreamSource/IdList.h"
 #include "StreamSource/KXDataReceiver.h"
 
 namespace Kavio {
@@ -26,7 +25,7 @@ void CKXDataSrc::SetConfig(const CRtspSvrConfig& config) {
 int CKXDataSrc::Init(long notify_id, int ext) {
     {
         CGuard guard(m_notify_mutex);
-        if (!AppendId(m_notify_list, notify_id)) {
+        if (!m_notify_list.Append(notify_id)) {
             return -1;
         }
     }
@@ -50,12 +49,12 @@ int CKXDataSrc::Init(long notify_id, int ext) {
 
 void CKXDataSrc::AddNotify(long notify_id) {
     CGuard guard(m_notify_mutex);
-    AppendIdOnce(m_notify_list, notify_id);
+    m_notify_list.Append(notify_id);
 }
 
 void CKXDataSrc::DelNotify(long notify_id) {
     CGuard guard(m_notify_mutex);
-    m_notify_list.remove(notify_id);
+    m_notify_list.Remove(notify_id);
 }
 
 void CKXDataSrc::notify_all(unsigned int msg) {

@@ -1,8 +1,7 @@
 #ifndef VIDORA_STREAMSOURCE_KXDATASRC_H
 #define VIDORA_STREAMSOURCE_KXDATASRC_H
 
-#include <list>
-
+#include "StreamSource/IdList.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/RtspSvrConfig.h"
 #include "Vidora/StreamSource.h"
@@ -86,7 +85,7 @@ private:
     int m_track_ids[MAX_TRACK] VIDORA_GUARDED_BY(m_sdp_mutex) = {};  // SDP track number of each medium
 
     CMutex m_notify_mutex;
-    std::list<long> m_notify_list VIDORA_GUARDED_BY(m_notify_mutex);
+    CIdList m_notify_list VIDORA_GUARDED_BY(m_notify_mutex);
 };
 
 }  // namespace Vidora

@@ -79,7 +79,7 @@ struct CLiveChannel::Internal {
     CMutex m_ref_mutex;
     int m_ref_cont VIDORA_GUARDED_BY(m_ref_mutex) = 0;
     bool m_close_flag VIDORA_GUARDED_BY(m_ref_mutex) = false;
-    std::list<long> m_users VIDORA_GUARDED_BY(m_ref_mutex);
+    CIdList m_users VIDORA_GUARDED_BY(m_ref_mutex);
 
     // The source; null, with a log line, if there is none.
     CDataSource* source_locked() VIDORA_REQUIRES(m_mutex);
@@ -495,7 +495,7 @@ int CLiveChannel::DisableStreamTrack(int track_kind) {
 
 int CLiveChannel::AddRef(long user) {
     CGuard guard(m_internal->m_ref_mutex);
-    if (!AppendIdOnce(m_internal->m_users, user)) {
+    if (!m_internal->m_users.Append(user)) {
         return -1;
     }
     ++m_internal->m_ref_cont;
@@ -506,7 +506,7 @@ int CLiveChannel::DelRef(long user) {
     CGuard guard(m_internal->m_ref_mutex);
     --m_internal->m_ref_cont;
     logInfo("%s:%d, m_ref_cont = %d\n", __FILE__, __LINE__, m_internal->m_ref_cont);
-    m_internal->m_users.remove(user);
+    m_internal->m_users.Remove(user);
     if (m_internal->m_close_flag && m_internal->m_ref_cont == 0) {
         logInfo("%s:%d, start to close,name=%s.\n", __FILE__, __LINE__, m_internal->m_channel_name);
         guard.Leave();

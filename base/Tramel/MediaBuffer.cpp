@@ -34,6 +34,7 @@ const int MAX_YIELDS = 3;
 // So few senders are written by the putting thread: that costs it little more than to wake another one, and the process
 // much less. After a write that was held up the pool does it for some time.
 const size_t FEW_SINKS = 16;
+const uint64_t HAND_OVER_AFTER_US = 5000;  // more than another program's turn on the processor usually takes
 const uint64_t HAND_OVER_US = 1000000;
 
 const int PAIR_HEADER_LENGTH = 6;  // "$", channel, 32-bit length: the header of a private frame
@@ -229,7 +230,7 @@ void CMediaBuffer::CImpl::write_few() {
     const uint64_t begin = CTime::getCurrentMicroSecond();
     group(0)->RunHere();
     const uint64_t end = CTime::getCurrentMicroSecond();
-    if (end - begin > SPREAD_AFTER_US) {
+    if (end - begin > HAND_OVER_AFTER_US) {
         m_write_from_us.store(end + HAND_OVER_US, std::memory_order_relaxed);
     }
 }

@@ -73,14 +73,10 @@ uint64_t CMediaStreamSender::Unsent() {
     return queue == nullptr ? 0 : queue->Unsent();
 }
 
-uint64_t CMediaStreamSender::send_batch(const CUnitBatch& batch, uint64_t from_sequence) {
+uint64_t CMediaStreamSender::send_batch(const CUnitBatch& batch, uint64_t from_sequence, send_proc_t& proc) {
     CGuard guard(m_mutex);
+    proc = m_proc;
     return m_output != nullptr ? m_output->SendMedia(batch, from_sequence, m_slots) : 0;
-}
-
-Ostra::TFunction3<void, CMediaPacket*, int, int> CMediaStreamSender::send_proc() {
-    CGuard guard(m_mutex);
-    return m_proc;
 }
 
 }  // namespace Tramel

@@ -56,9 +56,11 @@ private:
     CMediaStreamSender() = default;
     ~CMediaStreamSender() override = default;
 
-    // For CMediaBuffer. Sends what of the batch is for this sink; the set of the units (bit by index) that it took.
-    uint64_t send_batch(const CUnitBatch& batch, uint64_t from_sequence);
-    Ostra::TFunction3<void, CMediaPacket*, int, int> send_proc();
+    typedef Ostra::TFunction3<void, CMediaPacket*, int, int> send_proc_t;
+
+    // For CMediaBuffer. Sends what of the batch is for this sink; the set of the units (bit by index) that it took, and
+    // the procedure that gets their side packets.
+    uint64_t send_batch(const CUnitBatch& batch, uint64_t from_sequence, send_proc_t& proc);
 
     unsigned int m_slots VIDORA_GUARDED_BY(m_mutex) = ~0U;  // tracks that are on, by COutputUnit::Slot
     Ostra::TFunction3<void, CMediaPacket*, int, int> m_proc VIDORA_GUARDED_BY(m_mutex);

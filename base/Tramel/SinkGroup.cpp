@@ -99,11 +99,12 @@ CMediaStreamSender* CSinkGroup::next_sink(size_t& index, size_t sink_count, uint
 }
 
 void CSinkGroup::write_sink(const CUnitBatch& batch, size_t index, CMediaStreamSender* sender, uint64_t from_sequence) {
-    const uint64_t taken = sender->send_batch(batch, from_sequence);
+    CMediaStreamSender::send_proc_t proc;
+    const uint64_t taken = sender->send_batch(batch, from_sequence, proc);
     if (!batch.HasSides() || taken == 0) {
         return;
     }
-    const auto proc = sender->send_proc();
+    bool called = false;
     for (unsigned int i = 0; i < batch.Count() && !proc.empty(); ++i) {
         const COutputUnit* unit = batch.Unit(i);
         if ((taken & (static_cast<uint64_t>(1) << i)) == 0) {
@@ -112,10 +113,11 @@ void CSinkGroup::write_sink(const CUnitBatch& batch, size_t index, CMediaStreamS
         for (unsigned int side = 0; side < unit->SideCount(); ++side) {
             int length = 0;
             CMediaPacket* packet = unit->Side(side, &length);
-            if (!stands_at(index, sender)) {
+            if (called && !stands_at(index, sender)) {
                 return;  // the procedure took its own sender away
             }
             proc(packet, length, 0);
+            called = true;
         }
     }
 }

@@ -1,4 +1,6 @@
 // vidora-host: publishes files as live RTSP streams and serves recordings, on the library's exported headers only.
+#include <sys/resource.h>
+
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -205,6 +207,15 @@ sigset_t block_signals() {
     return signals;
 }
 
+// A session takes a descriptor, and three over UDP; the usual soft limit is good for a few hundred.
+void raise_descriptor_limit() {
+    rlimit limit = {};
+    if (getrlimit(RLIMIT_NOFILE, &limit) == 0) {
+        limit.rlim_cur = limit.rlim_max;
+        setrlimit(RLIMIT_NOFILE, &limit);
+    }
+}
+
 // Until SIGINT or SIGTERM comes.
 void wait_for_end(const sigset_t& signals, int stats_sec, Monitor& monitor) {
     if (stats_sec <= 0) {
@@ -233,6 +244,7 @@ int main(int argc, char** argv) {
         return exit_code;
     }
     set_log_level(options.log_level);
+    raise_descriptor_limit();
     std::string error;
     Catalog catalog;
     if (!catalog.Load(options, error)) {
