@@ -153,15 +153,22 @@ class Ending(unittest.TestCase):
         self.assertTrue(is_clean(host.lines), host.lines)
 
     def test_what_cannot_be_sent_is_refused_with_a_reason(self):
+        h264 = ("-pix_fmt", "yuv420p", "-c:v", "libx264", "-threads", "1", "-f", "h264")
+        mjpeg = ("-c:v", "mjpeg", "-f", "mjpeg")
         with Folder() as folder:
-            sliced = folder("several_slices.h264")
-            ffmpeg("-f", "lavfi", "-i", "testsrc=size=320x240:duration=0.2", "-c:v", "libx264", "-bf", "0",
-                   "-x264-params", "slices=4", "-f", "h264", sliced)
-            for live, exit_code, reason in ((f"a?channel=1&subtype=0={MEDIA}/none.h264", 1, "none.h264: cannot be read"),
-                                            (f"a={sliced}", 1, "several slices"), ("nothing", 105, "")):
-                code, _, errors = outcome(HOST, "--live", live)
-                self.assertEqual(code, exit_code)
+            for name, reason, options in (
+                    ("slices.h264", "several slices", h264 + ("-bf", "0", "-x264-params", "slices=4")),
+                    ("b.h264", "B pictures", h264 + ("-bf", "2", "-x264-params", "slices=1")),
+                    ("own_tables.mjpeg", "Huffman", mjpeg + ("-pix_fmt", "yuvj420p", "-huffman", "optimal")),
+                    ("sampling.mjpeg", "4:2:0", mjpeg + ("-pix_fmt", "yuvj422p", "-huffman", "default"))):
+                ffmpeg("-f", "lavfi", "-i", "testsrc=size=320x240:duration=0.4", *options, folder(name))
+                code, _, errors = outcome(HOST, "--live", f"a={folder(name)}")
+                self.assertEqual(code, 1)
                 self.assertIn(reason, errors)
+            code, _, errors = outcome(HOST, "--live", f"a?channel=1&subtype=0={MEDIA}/none.h264")
+            self.assertEqual(code, 1)
+            self.assertIn("none.h264: cannot be read", errors)
+        self.assertEqual(outcome(HOST, "--live", "nothing")[0], 105)
 
 
 if __name__ == "__main__":
