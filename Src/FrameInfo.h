@@ -9,7 +9,9 @@ namespace Kavio {
 namespace Vidora {
 
 // CFrameInfo: a packet without media: which frame it was and when the source took it, so that each session can see a
-// lost frame and measure its delay. Its maker fills the fields; after that it doesn't change.
+// lost frame and measure its delay.
+//
+// THREADING  Its maker fills the fields; after that it doesn't change, and any thread reads them.
 class CFrameInfo : public CMediaPacket {
 public:
     // The object's own fields, from m_track on.

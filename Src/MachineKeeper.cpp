@@ -1,6 +1,7 @@
 #include "MachineKeeper.h"
 
 #include <cstring>
+#include <new>
 
 #include "StateMachine.h"
 #include "Vidora/Types.h"
@@ -39,7 +40,12 @@ bool deliver_or_end(CStateMachine& machine, StateEvent* event) {
 
 }  // namespace
 
-CMachineKeeper::CMachineKeeper() : m_machine(new (std::nothrow) CStateMachine) {}
+CMachineKeeper::CMachineKeeper() : m_machine(new (std::nothrow) CStateMachine) {
+    if (m_machine != nullptr && !m_machine->valid()) {
+        delete m_machine;
+        m_machine = nullptr;
+    }
+}
 
 CMachineKeeper::~CMachineKeeper() {
     if (m_machine != nullptr) {
@@ -103,6 +109,12 @@ int CMachineKeeper::hold() {
 void CMachineKeeper::release() {
     if (m_machine != nullptr) {
         m_machine->keep(2);
+    }
+}
+
+void CMachineKeeper::forget_events() {
+    if (m_machine != nullptr) {
+        m_machine->forget_events();
     }
 }
 

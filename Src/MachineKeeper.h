@@ -56,6 +56,9 @@ public:
     int hold();
     void release();
 
+    // Gives the memory of past events back, for a conversation that will be quiet for seconds.
+    void forget_events();
+
 private:
     friend class CMachineGuard;
 

@@ -16,15 +16,6 @@ Result read_of(const Flumen::CMediaFrame* shared, const CRawMemory* raw, Read re
     return raw != nullptr ? read(*raw) : Result();
 }
 
-template <typename Write>
-void write_to(Flumen::CMediaFrame* shared, CRawMemory* raw, Write write) {
-    if (shared != nullptr) {
-        write(*shared);
-    } else if (raw != nullptr) {
-        write(*raw);
-    }
-}
-
 }  // namespace
 
 CMediaFrame::CMediaFrame(uint32_t size, int mode) : m_mode(mode) {
@@ -35,7 +26,7 @@ CMediaFrame::CMediaFrame(uint32_t size, int mode) : m_mode(mode) {
     }
 }
 
-CMediaFrame::CMediaFrame(const CMediaFrame& other) : CMediaPacket(), m_mode(other.m_mode) {
+CMediaFrame::CMediaFrame(const CMediaFrame& other) : CMediaPacket(), CFrameFacts(), m_mode(other.m_mode) {
     if (m_mode == MEDIA_FRAME_SHARED) {
         m_frame = other.m_frame;
     } else if (m_mode == MEDIA_FRAME_RAW) {
@@ -118,52 +109,18 @@ uint32_t CMediaFrame::capacity() const {
     return read_of<uint32_t>(shared(), raw(), [](const auto& backing) { return backing.capacity(); });
 }
 
-int CMediaFrame::getType() const {
-    return read_of<int>(shared(), raw(), [](const auto& backing) { return backing.getType(); });
+const MediaFrameInfo* CMediaFrame::facts() const {
+    if (const Flumen::CMediaFrame* frame = shared()) {
+        return static_cast<const MediaFrameInfo*>(frame->getExtraData());
+    }
+    return raw() != nullptr ? raw()->facts() : nullptr;
 }
 
-void CMediaFrame::setType(int type) {
-    write_to(shared(), raw(), [=](auto& backing) { backing.setType(type); });
-}
-
-int CMediaFrame::getSequence() const {
-    return read_of<int>(shared(), raw(), [](const auto& backing) { return backing.getSequence(); });
-}
-
-void CMediaFrame::setSequence(int sequence) {
-    write_to(shared(), raw(), [=](auto& backing) { backing.setSequence(sequence); });
-}
-
-int CMediaFrame::getChannel() const {
-    return read_of<int>(shared(), raw(), [](const auto& backing) { return backing.getChannel(); });
-}
-
-void CMediaFrame::setChannel(int channel) {
-    write_to(shared(), raw(), [=](auto& backing) { backing.setChannel(channel); });
-}
-
-int CMediaFrame::getNewFormat() const {
-    return read_of<int>(shared(), raw(), [](const auto& backing) { return backing.getNewFormat(); });
-}
-
-void CMediaFrame::setNewFormat(int new_format) {
-    write_to(shared(), raw(), [=](auto& backing) { backing.setNewFormat(new_format); });
-}
-
-double CMediaFrame::getUtc() const {
-    return read_of<double>(shared(), raw(), [](const auto& backing) { return backing.getUtc(); });
-}
-
-void CMediaFrame::setUtc(double seconds) {
-    write_to(shared(), raw(), [=](auto& backing) { backing.setUtc(seconds); });
-}
-
-uint64_t CMediaFrame::getPts(PtsType type) const {
-    return read_of<uint64_t>(shared(), raw(), [=](const auto& backing) { return backing.getPts(type); });
-}
-
-void CMediaFrame::setPts(uint64_t pts, PtsType type) {
-    write_to(shared(), raw(), [=](auto& backing) { backing.setPts(pts, type); });
+MediaFrameInfo* CMediaFrame::changed_facts() {
+    if (Flumen::CMediaFrame* frame = shared()) {
+        return static_cast<MediaFrameInfo*>(frame->getExtraData());
+    }
+    return raw() != nullptr ? raw()->changed_facts() : nullptr;
 }
 
 }  // namespace Vidora

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "Flumen/FrameFacts.h"
 #include "RawMemory.h"
 #include "Vidora/Flumen/MediaFrame.h"
 #include "Vidora/Names.h"
@@ -22,7 +23,7 @@ enum media_frame_mode_t : int { MEDIA_FRAME_RAW = 0, MEDIA_FRAME_SHARED = 1 };
 //
 // THREADING  One thread at a time; a buffer's sinks read it on several, after the last change.
 // Without contents, numbers and pointers are 0 or null, putBuffer and resize give -1, and setters do nothing.
-class CMediaFrame : public CMediaPacket {
+class CMediaFrame : public CMediaPacket, public Flumen::CFrameFacts<CMediaFrame> {
 public:
     // Shared mode, no contents.
     CMediaFrame() = default;
@@ -48,19 +49,9 @@ public:
     uint32_t size() const;
     uint32_t capacity() const;
 
-    // The facts, as those of Flumen::CMediaFrame.
-    int getType() const;
-    void setType(int type);
-    int getSequence() const;
-    void setSequence(int sequence);
-    int getChannel() const;
-    void setChannel(int channel);
-    int getNewFormat() const;
-    void setNewFormat(int new_format);
-    double getUtc() const;
-    void setUtc(double seconds);
-    uint64_t getPts(PtsType type) const;
-    void setPts(uint64_t pts, PtsType type);
+    // For CFrameFacts: the record of the facts of the backing in force, or null.
+    const MediaFrameInfo* facts() const;
+    MediaFrameInfo* changed_facts();
 
 private:
     // The backing in force, or null.

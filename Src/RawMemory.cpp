@@ -42,7 +42,7 @@ CRawMemory::CRawMemory(uint32_t capacity) {
     m_counter->m_info.Init(capacity);
 }
 
-CRawMemory::CRawMemory(const CRawMemory& other) : CMediaPacket(), m_counter(other.m_counter) {
+CRawMemory::CRawMemory(const CRawMemory& other) : CMediaPacket(), CFrameFacts(), m_counter(other.m_counter) {
     if (m_counter != nullptr) {
         m_counter->m_ref.fetch_add(1, std::memory_order_relaxed);
     }
@@ -149,7 +149,6 @@ uint32_t CRawMemory::capacity() const {
     return m_counter != nullptr ? m_counter->m_capacity : 0;
 }
 
-// The facts, or null if there are none.
 const MediaFrameInfo* CRawMemory::facts() const {
     if (m_counter == nullptr || !OSTRA_ASSERT(m_counter->m_extra_len >= sizeof(MediaFrameInfo))) {
         return nullptr;
@@ -163,73 +162,6 @@ MediaFrameInfo* CRawMemory::changed_facts() {
     }
     m_extra_dirty = true;
     return m_counter->m_extra;
-}
-
-int CRawMemory::getType() const {
-    const MediaFrameInfo* info = facts();
-    return info != nullptr ? info->GetType() : 0;
-}
-
-void CRawMemory::setType(int type) {
-    if (MediaFrameInfo* info = changed_facts()) {
-        info->SetType(type);
-    }
-}
-
-int CRawMemory::getSequence() const {
-    const MediaFrameInfo* info = facts();
-    return info != nullptr ? info->sequence : 0;
-}
-
-void CRawMemory::setSequence(int sequence) {
-    if (MediaFrameInfo* info = changed_facts()) {
-        info->sequence = sequence;
-    }
-}
-
-int CRawMemory::getChannel() const {
-    const MediaFrameInfo* info = facts();
-    return info != nullptr ? static_cast<int>(info->channel) : 0;
-}
-
-void CRawMemory::setChannel(int channel) {
-    if (MediaFrameInfo* info = changed_facts()) {
-        info->channel = static_cast<uint32_t>(channel);
-    }
-}
-
-int CRawMemory::getNewFormat() const {
-    const MediaFrameInfo* info = facts();
-    return info != nullptr ? info->new_format : 0;
-}
-
-void CRawMemory::setNewFormat(int new_format) {
-    if (MediaFrameInfo* info = changed_facts()) {
-        info->new_format = static_cast<int8_t>(new_format);
-    }
-}
-
-double CRawMemory::getUtc() const {
-    const MediaFrameInfo* info = facts();
-    return info != nullptr ? info->GetUtc() : 0;
-}
-
-void CRawMemory::setUtc(double seconds) {
-    if (MediaFrameInfo* info = changed_facts()) {
-        info->SetUtc(seconds);
-    }
-}
-
-uint64_t CRawMemory::getPts(PtsType type) const {
-    const MediaFrameInfo* info = facts();
-    return info != nullptr ? info->GetPts(type) : 0;
-}
-
-void CRawMemory::setPts(uint64_t pts, PtsType type) {
-    // A type that doesn't exist leaves the packet image valid.
-    if (facts() != nullptr && m_counter->m_extra->SetPts(pts, type)) {
-        m_extra_dirty = true;
-    }
 }
 
 }  // namespace Vidora

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "Flumen/FrameFacts.h"
 #include "Flumen/MediaFrameInfo.h"
 #include "Vidora/Flumen/MediaFrame.h"
 #include "Vidora/Names.h"
@@ -24,7 +25,7 @@ struct RawCounter;
 // THREADING  The count is atomic, so that copies of one block may live on several threads; all else is used by one
 //            thread at a time.
 // An operation on an invalid object gives 0, null or what it says, and does nothing.
-class CRawMemory : public CMediaPacket {
+class CRawMemory : public CMediaPacket, public Flumen::CFrameFacts<CRawMemory> {
 public:
     // No contents: invalid.
     CRawMemory() = default;
@@ -51,24 +52,12 @@ public:
     uint32_t size() const;
     uint32_t capacity() const;
 
-    // The facts, as those of Flumen::CMediaFrame.
-    int getType() const;
-    void setType(int type);
-    int getSequence() const;
-    void setSequence(int sequence);
-    int getChannel() const;
-    void setChannel(int channel);
-    int getNewFormat() const;
-    void setNewFormat(int new_format);
-    double getUtc() const;
-    void setUtc(double seconds);
-    uint64_t getPts(PtsType type) const;
-    void setPts(uint64_t pts, PtsType type);
+    // For CFrameFacts. The record of the facts, or null if there is none; changed_facts makes the packet image stale.
+    const MediaFrameInfo* facts() const;
+    MediaFrameInfo* changed_facts();
 
 private:
     void release();
-    const MediaFrameInfo* facts() const;
-    MediaFrameInfo* changed_facts();
 
     bool m_need_packet = true;   // no packet image was made yet
     bool m_data_dirty = false;   // the data changed since

@@ -3,6 +3,7 @@
 #include <condition_variable>
 #include <mutex>
 
+#include "Ostra/PageMemory.h"
 #include "Vidora/Types.h"
 
 namespace Kavio {
@@ -45,15 +46,21 @@ struct CStateMachine::CDestroyWait {
 CStateMachine::CStateMachine()
     : m_next_id(FIRST_EVENT_ID),
       m_spare_event{STATE_EVENT_ASYN, STATE_EVENT_ASYN_SIZE, SPARE_EVENT_ID, 0, 0, 0, 0},
-      m_spare_copy(m_spare_event) {
+      m_spare_copy(m_spare_event),
+      m_pool_memory(Ostra::NewPages(POOL_BYTES)) {
     m_rx_list.Init(m_rx_nodes, LIST_SIZE);
     m_asyn_list.Init(m_asyn_nodes, LIST_SIZE);
-    m_pool.Init(m_pool_memory, POOL_SIZE, NODE_SIZE);
+    if (m_pool_memory != nullptr) {
+        m_pool.Init(m_pool_memory, POOL_SIZE, NODE_SIZE);
+    }
 }
 
 CStateMachine::~CStateMachine() {
     for (IState* state : m_states) {
         delete state;
+    }
+    if (m_pool_memory != nullptr) {
+        Ostra::DeletePages(m_pool_memory, POOL_BYTES);
     }
 }
 
@@ -377,6 +384,10 @@ int CStateMachine::keep(int operation) {
         event = pop_asyn_locked();
     }
     return execute(event);
+}
+
+void CStateMachine::forget_events() {
+    m_pool.Clear(Ostra::ForgetPages);
 }
 
 }  // namespace Vidora

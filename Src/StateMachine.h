@@ -3,10 +3,8 @@
 
 #include <cstddef>
 #include <cstdint>
-#include <new>
 #include <thread>
 
-#include "Ostra/PageMemory.h"
 #include "State.h"
 #include "Vidora/Names.h"
 #include "Vidora/NodePool.h"
@@ -31,8 +29,8 @@ const uint32_t MAX_EVT_SIZE = 4096;
 // Owns its states. It deletes itself when MSG_MACHINE_DESTROY runs, the only way that it ends.
 //
 // MEMORY
-// One block of fixed size, of untouched pages: a machine that serves one short request at a time has one page of its
-// 40 kB pool resident. A peer can make it keep ten messages of 4 kB; the eleventh ends the session.
+// The events lie in 40 kB of untouched pages: a machine that serves one short request at a time has two of them
+// resident, and none after forget_events. A peer can make it keep ten messages of 4 kB; the eleventh ends the session.
 class CStateMachine {
 public:
     CStateMachine();
@@ -40,12 +38,8 @@ public:
     CStateMachine(const CStateMachine&) = delete;
     CStateMachine& operator=(const CStateMachine&) = delete;
 
-    // Only the form without exceptions: `new (std::nothrow)`.
-    static void* operator new(size_t size, const std::nothrow_t&) noexcept { return Ostra::NewPages(size); }
-    static void operator delete(void* memory, size_t size) noexcept { Ostra::DeletePages(memory, size); }
-    static void operator delete(void* memory, const std::nothrow_t&) noexcept {
-        Ostra::DeletePages(memory, sizeof(CStateMachine));
-    }
+    // False if there was no memory for events.
+    bool valid() const { return m_pool_memory != nullptr; }
 
     // Before the first event. set_state_obj takes the state over, also on failure; 0, or -1 for a number outside 0
     // to 3. set_state enters 0 to 4, where 4 is "no state"; 0 or -1.
@@ -74,6 +68,9 @@ public:
     // what came meanwhile: 0. The machine may be gone then.
     int keep(int operation);
 
+    // Gives the memory of the events back, if none is in flight.
+    void forget_events();
+
 private:
     typedef int (CStateMachine::*event_handler_t)(StateEvent&);
     struct CDestroyWait;
@@ -82,6 +79,7 @@ private:
     static const int LIST_SIZE = 20;
     static const int POOL_SIZE = 10;
     static const uint16_t NODE_SIZE = MAX_EVT_SIZE + 16;
+    static const size_t POOL_BYTES = size_t{POOL_SIZE} * NODE_SIZE;
 
     int admit(StateEvent* event);
     StateEvent* admit_asyn_locked(StateEvent* event, uint32_t msg) VIDORA_REQUIRES(m_mutex);
@@ -125,8 +123,7 @@ private:
     int m_next_state = 0;  // the state's number, or that of the state to enter when the awaited event comes
 
     NodePool m_pool;
-    // Never initialised, so that its pages stay untouched; the last member, so that the rest fits one page.
-    alignas(std::max_align_t) unsigned char m_pool_memory[POOL_SIZE * NODE_SIZE];
+    void* const m_pool_memory;  // may be null
 };
 
 }  // namespace Vidora

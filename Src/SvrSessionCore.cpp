@@ -2,26 +2,16 @@
 
 #include "SvrSessionCore.h"
 
-#include <sys/mman.h>
-
-#include <cstdlib>
 #include <cstring>
 #include <memory>
 
+#include "Ostra/PageMemory.h"
 #include "Protocol/RtcpParser.h"
 #include "RtpUdpSender.h"
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StreamSender.h"
 #include "Vidora/Ostra/ByteReader.h"
-
-#if defined(__SANITIZE_ADDRESS__)
-#define VIDORA_HEAP_SESSION  // so that the sanitizer sees a session's bounds and its end
-#elif defined(__has_feature)
-#if __has_feature(address_sanitizer)
-#define VIDORA_HEAP_SESSION
-#endif
-#endif
 
 namespace Kavio {
 namespace Vidora {
@@ -31,33 +21,13 @@ const int INTERLEAVE_HEADER_SIZE = 4;
 const int MIN_INTERLEAVED_FRAME = 5;
 }  // namespace
 
-// Memory that the heap hands out again is resident whole; fresh pages of the system only where they are touched.
-#ifdef VIDORA_HEAP_SESSION
-
 void* CSvrSessionCore::operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return malloc(size);
-}
-
-void CSvrSessionCore::operator delete(void* memory, std::size_t) noexcept {
-    free(memory);
-}
-
-#else
-
-void* CSvrSessionCore::operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    void* memory = mmap(nullptr, size, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (memory == MAP_FAILED) {
-        return nullptr;
-    }
-    madvise(memory, size, MADV_NOHUGEPAGE);
-    return memory;
+    return Ostra::NewPages(size);
 }
 
 void CSvrSessionCore::operator delete(void* memory, std::size_t size) noexcept {
-    munmap(memory, size);
+    Ostra::DeletePages(memory, size);
 }
-
-#endif
 
 CSvrSessionCore::CSvrSessionCore() {
     void* space = m_recv_space;
@@ -80,6 +50,7 @@ int CSvrSessionCore::parse_request() {
     const int received = m_recv_len;
     m_recv_buffer[received] = '\0';
     char* cursor = m_recv_buffer;
+    bool messages = false;
     while (m_recv_len != 0) {
         const bool interleaved = *cursor == '$';
         const int taken = interleaved ? parse_interleaved(cursor) : take_message(cursor);
@@ -95,25 +66,30 @@ int CSvrSessionCore::parse_request() {
         if (taken == 0) {
             break;
         }
+        messages = messages || !interleaved;
         cursor += taken;
         m_recv_len -= taken;
     }
     if (m_recv_len == 0) {
-        empty_buffer(received);
+        empty_buffer(received, messages);
     } else {
         memmove(m_recv_buffer, cursor, static_cast<size_t>(m_recv_len));
     }
     return m_recv_len;
 }
 
-// Zeroes the `used` bytes of the buffer. A session that streams is quiet for seconds, and gives the page back.
-void CSvrSessionCore::empty_buffer(int used) {
-#ifndef VIDORA_HEAP_SESSION
-    if (m_streaming && madvise(m_recv_buffer, BUFFER_PAGE, MADV_DONTNEED) == 0) {
+// Zeroes the `used` bytes of the buffer. A session that streams is quiet for seconds: it gives that page back, and what
+// its last message left in others.
+void CSvrSessionCore::empty_buffer(int used, bool messages) {
+    memset(m_recv_buffer, 0, static_cast<size_t>(used));
+    if (!m_streaming) {
         return;
     }
-#endif
-    memset(m_recv_buffer, 0, static_cast<size_t>(used));
+    Ostra::ForgetPages(m_recv_buffer, RTSP_BUF_LEN);
+    if (messages) {
+        m_rsp_parser.forget_texts();
+        m_machine.forget_events();
+    }
 }
 
 // One frame of RFC 2326 10.12: the bytes that it takes, or 0 if it isn't whole.

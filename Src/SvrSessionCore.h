@@ -41,8 +41,9 @@ class CRtpUdpSender;
 //            from one thread at a time. The host's event and URL functions are called with no lock held.
 // OWNERSHIP  Owns its sockets, senders, parsers and data source, and holds a reference on its live channel. It dies by
 //            Close, in handle_close, and nowhere else.
-// MEMORY     Taken from the system as untouched pages; what a session doesn't use takes no memory. A peer can make it
-//            keep 4 kB of unread bytes and the machine's ten messages.
+// MEMORY     Taken from the system as untouched pages; what a session doesn't use takes no memory. A session that
+//            streams has one page resident, in which everything lies that outlives a message, and some 5 kB of the
+//            heap. A peer can make it keep 4 kB of unread bytes and the machine's ten messages.
 class CSvrSessionCore : public CNetHandler {
 public:
     // Only the form without exceptions: `new (std::nothrow)`.
@@ -130,7 +131,7 @@ private:
     // Request dispatch.
     int parse_interleaved(char* cursor);
     int take_message(char* cursor);
-    void empty_buffer(int used);
+    void empty_buffer(int used, bool messages);
     void on_interleaved(const unsigned char* data, unsigned int length, int channel);
     int parse_event(const StateEvent& event);
     int send_data(const char* text, int length);
@@ -185,7 +186,6 @@ private:
     int play_data_source(const StateEvent& event);
     int reply_play();
     int warn_play();
-    bool has_sink() const;
     int build_rtp_info(rtp_info_entry* table, int* count);
     const rtp_info_entry* find_rtp_info(const rtp_info_entry* table, int count, int track_id) const;
     const char* generate_play_reply(const rtp_info_entry* entries, int count);
@@ -204,6 +204,7 @@ private:
     int on_teardown(const StateEvent& event);
     int teardown_track(TrackInfo& track);
     int stop_data_source();
+    int refuse_here(const StateEvent& event);
     int on_unsupported(const StateEvent& event);
 
     // Timers, reports, failures and the end.
@@ -213,10 +214,13 @@ private:
     int send_udp_report(const unsigned char* report, unsigned int length, int channel);
     void on_frame_info(CMediaPacket* packet, int length, int unused);
     void give_lost_events();
+    void on_source_end();
+    bool has_media_to_send();
+    void stop_draining();
     int on_sdp_update();
     bool has_same_sdp();
     void stop_media();
-    void leave_channel(CLiveChannel* channel);
+    void leave_channel();
     void on_asyn_msg(const StateEvent& event);
 
     // Calls `call` with the source of either kind; one must be there.
@@ -248,7 +252,8 @@ private:
     bool m_multicast_setup = false;                    // a multicast SETUP has been answered
     bool m_media_started = false;                      // the sinks are attached,
     packet_type_t m_attached_type = PACKET_TYPE_NONE;  // to the buffer of this type,
-    bool m_attached_udp = false;                       // m_udp_sender and not m_media_sender
+    bool m_attached_udp = false;                       // m_udp_sender and not m_media_sender,
+    bool m_attached_sink = false;                      // if there is one: else the channel alone was started
     bool m_assist_enabled = false;                     // the assist track was counted in
     bool m_source_started = false;                     // StartStreaming was called on the data source
     packet_type_t m_source_type = PACKET_TYPE_NONE;    // in this form
@@ -267,6 +272,9 @@ private:
     unsigned int m_play_round = 0;  // counts what ends a PLAY, for a reply that is overtaken by it
     long m_sdp_timer = 0;           // runs while DESCRIBE waits for an SDP
     int m_sdp_tries = 0;
+    long m_end_timer = 0;  // runs while the last media of a source that has ended leaves
+    int m_end_tries = 0;   // since the client took something
+    uint64_t m_end_unsent = 0;
     long m_rtcp_timer = 0;
     int m_timeout_mask = 0;  // time-outs seen: 1 control, 2 UDP keep-alive
     int m_timeout_need = 1;  // the mask at which the session ends
@@ -283,7 +291,7 @@ private:
     bool m_auth_has_text VIDORA_GUARDED_BY(m_auth_mutex) = false;
     std::string m_auth_text VIDORA_GUARDED_BY(m_auth_mutex);
 
-    // Frame loss; m_last_frame belongs to the source's thread.
+    // Frame loss; m_last_frame belongs to the source's thread while a sink is attached.
     unsigned int m_last_frame[MAX_TRACKS] = {};
     std::atomic<unsigned int> m_lost_count{0};
 

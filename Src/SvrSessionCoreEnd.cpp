@@ -25,6 +25,9 @@ const int TIMEOUT_KEEPALIVE = 2;
 const size_t REPORT_SIZE = 2048;
 const size_t INTERLEAVE_HEADER_SIZE = 4;
 const char BYE_REASON[] = "End of Stream";
+// How often it is looked whether the media of a source that has ended has arrived, and how often in vain: ten seconds.
+const int64_t END_WAIT_US = 20000;
+const int END_MAX_TRIES = 500;
 
 std::atomic<bool> delay_log{false};
 
@@ -93,9 +96,7 @@ int CSvrSessionCore::on_pause(const StateEvent& event) {
         return refuse_parse(event);
     }
     if (m_is_live || m_data_source == nullptr) {
-        // A channel that others share can't be paused. As the reply event has a status above 299 the machine stays in
-        // Play.
-        return m_machine.put_tx_event(1, m_rsp_parser.generate_error_reply(455), 455, event.id) ? 1 : -1;
+        return refuse_here(event);  // a channel that others share can't be paused
     }
     const int track_id = find_track_id(m_rsp_parser.get_url());
     for (int i = 0; i < m_track_count; ++i) {
@@ -114,6 +115,11 @@ int CSvrSessionCore::on_pause(const StateEvent& event) {
 int CSvrSessionCore::reply_pause() {
     m_streaming = false;
     return m_machine.put_tx_event(4, m_rsp_parser.generate_reply(nullptr, 200, nullptr), 200, m_wait_id) ? 0 : -1;
+}
+
+// As a reply event with a status above 299 leaves the machine in its state; sent at once it would enter the next one.
+int CSvrSessionCore::refuse_here(const StateEvent& event) {
+    return m_machine.put_tx_event(1, m_rsp_parser.generate_error_reply(455), 455, event.id) ? 1 : -1;
 }
 
 int CSvrSessionCore::on_unsupported(const StateEvent& event) {
@@ -190,21 +196,21 @@ void CSvrSessionCore::stop_media() {
     }
     m_media_started = false;
     if (m_live_channel != nullptr) {
-        if (m_attached_udp && m_multicast_setup) {
-            m_live_channel->StopStreaming(m_attached_type);
+        if (m_attached_sink) {
+            leave_channel();
         } else {
-            leave_channel(m_live_channel);
+            m_live_channel->StopStreaming(m_attached_type);
         }
     } else if (m_media_buffer != nullptr) {
         m_attached_udp ? m_media_buffer->DelLevel2Buffer(m_udp_sender) : m_media_buffer->DelSender(m_media_sender);
     }
 }
 
-// Leaves by the channel's name, and takes the sink off `channel` itself as well: the registry may have dropped the
-// channel, or have another one of that name by now.
-void CSvrSessionCore::leave_channel(CLiveChannel* channel) {
+// Leaves by the channel's name, and takes the sink off the channel itself as well: the registry may have dropped it, or
+// have another one of that name by now.
+void CSvrSessionCore::leave_channel() {
     const char* name = m_channel_name.c_str();
-    CMediaBuffer* buffer = channel == nullptr ? nullptr : channel->GetMediaBuffer(m_attached_type);
+    CMediaBuffer* buffer = m_live_channel->GetMediaBuffer(m_attached_type);
     if (m_attached_udp) {
         m_live_svr->LeaveLiveChannel(name, m_udp_sender, m_attached_type);
         if (buffer != nullptr) {
@@ -288,6 +294,8 @@ int64_t CSvrSessionCore::handle_timeout(long timer_id) {
         if (retry_describe() < 0) {
             put_asyn_msg(MSG_SRC_READY);
         }
+    } else if (timer_id == m_end_timer && timer_id != 0) {
+        on_source_end();
     } else if (timer_id == m_rtcp_timer && timer_id != 0 && send_rtcp_report(-1, false) < 0) {
         put_asyn_msg(MSG_SRC_FAIL);
     }
@@ -410,8 +418,12 @@ int CSvrSessionCore::handle_message(long /*sender_id*/, unsigned int msg, long p
         case MSG_SRC_PAUSED:
             result = reply_pause();
             break;
-        case MSG_SRC_FAIL:
         case MSG_SRC_END:
+            if (m_end_timer == 0) {  // a source may tell its end with every frame
+                on_source_end();
+            }
+            break;
+        case MSG_SRC_FAIL:
             put_asyn_msg(msg);
             break;
         case MSG_SDP_UPDATE:
@@ -432,11 +444,49 @@ int CSvrSessionCore::handle_message(long /*sender_id*/, unsigned int msg, long p
     return 0;
 }
 
+// A recording is given out faster than the client takes it: its last pictures may still wait when its end is told. The
+// connection is kept for them, as long as the client takes some.
+void CSvrSessionCore::on_source_end() {
+    if (has_media_to_send() && m_end_tries < END_MAX_TRIES) {
+        ++m_end_tries;
+        if (m_end_timer == 0) {
+            m_end_timer = SetTimer(END_WAIT_US);
+        }
+        if (m_end_timer != 0) {
+            return;
+        }
+    }
+    put_asyn_msg(MSG_SRC_END);
+}
+
+// Only of a buffer of the session's own: a channel's has media for others, always.
+bool CSvrSessionCore::has_media_to_send() {
+    if (!m_media_started || m_attached_udp || !m_attached_sink || m_media_buffer == nullptr) {
+        return false;
+    }
+    const bool idle = m_media_buffer->IsIdle();
+    const uint64_t unsent = m_media_sender->Unsent();
+    if (unsent != m_end_unsent) {
+        m_end_unsent = unsent;
+        m_end_tries = 0;
+    }
+    return !idle || unsent > 0;
+}
+
+void CSvrSessionCore::stop_draining() {
+    if (m_end_timer != 0) {
+        DestroyTimer(m_end_timer);
+        m_end_timer = 0;
+    }
+    m_end_tries = 0;
+    m_end_unsent = 0;
+}
+
 // A change of the stream's format ends an RTP session, whose SDP would be false; private frames carry the change
 // themselves. A DESCRIBE that waits for the SDP may have it now.
 int CSvrSessionCore::on_sdp_update() {
     if (m_sdp_timer != 0) {
-        return retry_describe();
+        return has_source() && read_sdp() < 0 ? 0 : reply_describe();  // the tries are the timer's
     }
     // A source that becomes ready reports that as an update as well. It may overtake the DESCRIBE that has just been
     // answered with this very SDP.
@@ -469,6 +519,7 @@ void CSvrSessionCore::on_asyn_msg(const StateEvent& event) {
     }
     bool waits = false;
     stop_waiting_for_sdp();
+    stop_draining();
     stop_media();
     if (m_stream_sender != nullptr) {
         m_stream_sender->Detach();

@@ -153,6 +153,7 @@ int CSvrSessionCore::read_channel_name() {
 // Lets go of all that an earlier DESCRIBE brought.
 void CSvrSessionCore::release_source() {
     stop_waiting_for_sdp();
+    stop_draining();
     stop_media();
     release_assist();
     if (m_data_source != nullptr) {
@@ -179,6 +180,7 @@ void CSvrSessionCore::release_source() {
     m_setup_count = 0;
     m_multicast_setup = false;
     m_source_started = false;
+    memset(m_last_frame, 0, sizeof(m_last_frame));  // another source counts anew: its first frame is no loss
     m_timeout_need = 1;
     m_timeout_mask &= ~2;  // the keeper that saw it has gone
 }
@@ -321,11 +323,11 @@ int CSvrSessionCore::on_setup(const StateEvent& event) {
     if (multicast_channel && transport.multicast == 0) {
         return send_error(461);
     }
-    m_transport = transport.transport;
-    if (multicast_channel) {
-        return setup_multicast(*track, transport);
+    if (!multicast_channel && transport.transport == RTP_OVER_UDP) {
+        return setup_udp(*track, transport);
     }
-    return m_transport == RTP_OVER_RTSP ? setup_interleaved(*track, transport) : setup_udp(*track, transport);
+    m_transport = transport.transport;
+    return multicast_channel ? setup_multicast(*track, transport) : setup_interleaved(*track, transport);
 }
 
 void CSvrSessionCore::add_setup_track(int track_id) {
@@ -411,7 +413,8 @@ int CSvrSessionCore::make_media_sender() {
     return 0;
 }
 
-// A request that can't be served over UDP gets a 461, upon which clients fall back to the control connection.
+// A request that can't be served over UDP gets a 461, upon which clients fall back to the control connection. It leaves
+// the session's transport as it was, so that tracks that are set up already still play.
 int CSvrSessionCore::setup_udp(TrackInfo& track, transport_info& transport) {
     const int channel = of_source([&](auto& source) { return source.GetTcpChannel(track.track_id); });
     int port = 0;
@@ -420,6 +423,7 @@ int CSvrSessionCore::setup_udp(TrackInfo& track, transport_info& transport) {
         m_udp_sender->OpenPair(&port, transport.rtp_port, channel) < 0) {
         return send_error(461);
     }
+    m_transport = RTP_OVER_UDP;
     transport.server_rtp_port = port;
     transport.server_rtcp_port = port + 1;
     return finish_setup(track, transport, channel);

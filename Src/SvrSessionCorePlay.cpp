@@ -18,7 +18,6 @@ namespace {
 const uint64_t NOT_GIVEN = ~uint64_t{0};
 const double US_PER_SECOND = 1000000.0;
 const double MAX_NPT_SECONDS = 1e12;  // beyond any recording; its microseconds fit 64 bits
-const long NO_USER = 0;               // no handler has this identifier
 const int64_t REPORT_PERIOD_US = 5000000;
 
 // Seconds of a Range header as microseconds; below 0 is "not given".
@@ -38,6 +37,9 @@ double us_to_npt(uint64_t us) {
 int CSvrSessionCore::on_play(const StateEvent& event) {
     if (parse_event(event) < 0) {
         return refuse_parse(event);
+    }
+    if (m_setup_count == 0) {
+        return refuse_here(event);  // every SETUP was refused
     }
     return m_is_live ? reply_play() : play_data_source(event);
 }
@@ -107,7 +109,7 @@ int CSvrSessionCore::reply_play() {
         }
     }
     const char* reply = generate_play_reply(entries, count);
-    if (reply == nullptr || !has_sink()) {
+    if (reply == nullptr) {
         return warn_play();
     }
     restart_report_timer();
@@ -131,10 +133,6 @@ int CSvrSessionCore::reply_play() {
 int CSvrSessionCore::warn_play() {
     logWarn("%s:%d, this:%p.\n", "Vidora::CSvrSessionCore::reply_play", __LINE__, static_cast<void*>(this));
     return -1;
-}
-
-bool CSvrSessionCore::has_sink() const {
-    return m_multicast_setup || (m_transport == RTP_OVER_UDP ? m_udp_sender != nullptr : m_media_sender != nullptr);
 }
 
 // One entry for each track that was set up, with where its stream is now (RFC 2326 12.33).
@@ -222,15 +220,14 @@ int CSvrSessionCore::attach_sinks() {
     m_media_started = true;
     m_attached_type = m_packet_type;
     m_attached_udp = m_transport == RTP_OVER_UDP;
+    m_attached_sink = m_attached_udp ? m_udp_sender != nullptr && !m_multicast_setup : m_media_sender != nullptr;
     if (wants_assist() && !m_assist_enabled) {
         m_assist_enabled = true;
         of_source([](auto& source) { return source.EnableStreamTrack(STREAM_TRACK_ASSIST); });
     }
-    if (!m_attached_udp) {
-        m_timeout_need = 0;  // no mask equals it: a client on TCP may be silent while it plays
-    }
     if (m_is_live) {
         if (attach_live() < 0) {
+            m_media_started = false;  // nothing is attached, and the keep-alive ends the session
             logError("%s:%d, EnterLiveChannel failed, this:%p.\n", __FILE__, __LINE__, static_cast<void*>(this));
             return -1;
         }
@@ -240,40 +237,29 @@ int CSvrSessionCore::attach_sinks() {
         m_media_buffer->AddSender(m_media_sender);
     }
     const int timeout = m_config.GetKeepAliveTimeout();
-    if (m_attached_udp && timeout > 0 && m_udp_sender != nullptr) {
+    if (!m_attached_udp) {
+        m_timeout_need = 0;  // no mask equals it: a client on TCP may be silent while it plays
+    } else if (timeout > 0 && m_udp_sender != nullptr) {
         m_timeout_need |= 2;
         m_udp_sender->StartKeepAlive(GetID(), timeout);
     }
     return 0;
 }
 
+// The session itself has no sink where the channel sends by its own, and where SETUP was refused: PLAY is answered all
+// the same and starts the channel, and media flows only to those that have a sink. The registry hears of sinks alone.
 int CSvrSessionCore::attach_live() {
-    if (m_attached_udp && m_multicast_setup) {
+    if (!m_attached_sink) {
         logInfo("%s:%d, start streaming now. m_packet_type=%d. this=%p. \n", __FILE__, __LINE__, m_packet_type,
                 static_cast<void*>(this));
-        m_live_channel->StartStreaming(m_packet_type);  // the channel has the sinks
+        m_live_channel->StartStreaming(m_packet_type);
         return 0;
     }
+    // Only the channel that this session holds a reference on: one that was published anew under its name since
+    // DESCRIBE could go, with its buffer, while the sink stands there.
     const char* name = m_channel_name.c_str();
-    if (m_live_svr == nullptr || (m_attached_udp ? m_udp_sender == nullptr : m_media_sender == nullptr)) {
-        return -1;
-    }
-    const int entered = m_attached_udp ? m_live_svr->EnterLiveChannel(name, m_udp_sender, m_packet_type)
-                                       : m_live_svr->EnterLiveChannel(name, m_media_sender, m_packet_type);
-    if (entered < 0) {
-        return -1;
-    }
-    // The registry finds a channel by its name. One that was published anew since DESCRIBE is another channel, which
-    // this session holds no reference on.
-    CLiveChannel* now = m_live_svr->GetLiveChannel(name, NO_USER);  // our own identifier stands in its list already
-    const bool same = now == m_live_channel;
-    if (!same) {
-        leave_channel(now);
-    }
-    if (now != nullptr) {
-        now->DelRef(NO_USER);
-    }
-    return same ? 0 : -1;
+    return m_attached_udp ? m_live_svr->EnterLiveChannel(name, m_udp_sender, m_packet_type, m_live_channel)
+                          : m_live_svr->EnterLiveChannel(name, m_media_sender, m_packet_type, m_live_channel);
 }
 
 // A resume after a pause takes this road, too.

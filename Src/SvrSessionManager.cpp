@@ -139,22 +139,22 @@ void CSvrSessionManager::mark_locked(CSockStream* sock) {
 // Takes `sock` over; it is deleted on failure.
 int CSvrSessionManager::add_waiting_locked(CSockStream* sock, long extra) {
     TNewConnection* connection = new (std::nothrow) TNewConnection();
+    connections_t::iterator place = m_connections.end();
     if (connection != nullptr) {
         connection->sock = sock;
         connection->extra = extra;
         try {
-            m_connections[sock->GetHandle()] = connection;
+            place = m_connections.insert_or_assign(sock->GetHandle(), connection).first;
         } catch (const std::bad_alloc&) {
             delete connection;
-            connection = nullptr;
         }
     }
-    if (connection == nullptr) {
+    if (place == m_connections.end()) {
         delete sock;
         return -1;
     }
-    RegisterSock(*sock, Tramel::SOCK_EVENT_READ, IDENTIFY_TIMEOUT_US);
-    return 0;
+    // A connection that nothing watches would wait for ever.
+    return RegisterSock(*sock, Tramel::SOCK_EVENT_READ, IDENTIFY_TIMEOUT_US) < 0 ? remove_locked(place) : 0;
 }
 
 int CSvrSessionManager::handle_input(int fd) {

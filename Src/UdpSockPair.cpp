@@ -1,48 +1,25 @@
 #include "UdpSockPair.h"
 
 #include <algorithm>
-#include <bitset>
-#include <new>
+#include <cerrno>
+#include <climits>
+
+#include "UdpPortTable.h"
 
 namespace Kavio {
 namespace Vidora {
 
 namespace {
 
-const int PAIR_COUNT = 65536 / 2;
-const int MAX_EVEN_PORT = 65534;
+const int MAX_EVEN_PORT = CUdpPortTable::MAX_EVEN_PORT;
+// Pairs that another program had a moment ago and that are tried all the same: where others have few, the lowest free
+// pair is found at once when it comes back.
+const int RETRIES = 4;
 
-// The even ports that pairs of this process hold.
-class CPortTable {
-public:
-    // Reserves the lowest pair from `first` on that isn't held and is below `limit`, or is `first` itself; 0 for none.
-    int Reserve(int first, int limit) {
-        CGuard guard(m_mutex);
-        for (int port = first; port <= MAX_EVEN_PORT && (port == first || port < limit); port += 2) {
-            const size_t index = static_cast<size_t>(port / 2);
-            if (!m_held[index]) {
-                m_held[index] = true;
-                return port;
-            }
-        }
-        return 0;
-    }
-
-    void Release(int port) {
-        CGuard guard(m_mutex);
-        m_held[static_cast<size_t>(port / 2)] = false;
-    }
-
-private:
-    CMutex m_mutex;
-    std::bitset<PAIR_COUNT> m_held VIDORA_GUARDED_BY(m_mutex);
-};
-
-CPortTable& port_table() {
-    // Never ended: pairs may outlive the statics.
-    alignas(CPortTable) static unsigned char room[sizeof(CPortTable)];
-    static CPortTable* table = new (room) CPortTable;
-    return *table;
+int open_sock(CSockDgram& sock, int port, int family) {
+    const char* any = family == Tramel::SOCK_ADDR_IPV6 ? "::" : "0.0.0.0";
+    const CSockAddrStorage local(any, static_cast<unsigned short>(port));
+    return sock.Open(&local);
 }
 
 }  // namespace
@@ -50,48 +27,62 @@ CPortTable& port_table() {
 CUdpSockPair::~CUdpSockPair() {
     m_rtp.Close();
     m_rtcp.Close();
-    if (m_held_port != 0) {
-        port_table().Release(m_held_port);
+    if (m_held_port >= 0) {
+        CUdpPortTable::Shared().Release(m_held_port);
     }
 }
 
-// One walk up the range, so that it ends even while other threads give ports back.
 int CUdpSockPair::OpenInRange(int min_port, int max_port, int family, int* port) {
-    int candidate = (std::clamp(min_port, 1, MAX_EVEN_PORT + 1) + 1) & ~1;
-    *port = candidate;
+    const int first = (std::clamp(min_port, 1, MAX_EVEN_PORT + 1) + 1) & ~1;
+    *port = first;
+    if (first > MAX_EVEN_PORT) {
+        return -1;
+    }
+    // What was passed over may be free by now: that is asked before the search fails.
+    return walk(first, max_port, family, RETRIES, port) == 0 ? 0 : walk(first, max_port, family, INT_MAX, port);
+}
+
+// One walk up the range, so that it ends even while other threads give ports back.
+int CUdpSockPair::walk(int first, int max_port, int family, int retries, int* port) {
+    CUdpPortTable& table = CUdpPortTable::Shared();
+    const uint64_t now_ms = CTime::getCurrentMilliSecond();
+    int candidate = first;
     do {
-        candidate = port_table().Reserve(candidate, max_port);
-        if (candidate == 0) {
+        candidate = table.Reserve(candidate, max_port, family, now_ms, &retries);
+        if (candidate < 0) {
             return -1;
         }
         *port = candidate;
-        if (open_at(candidate, family)) {
+        const int error = open_at(candidate, family);
+        if (error == 0) {
             m_held_port = candidate;
             return 0;
         }
-        port_table().Release(candidate);  // another program has it
+        if (error == EADDRINUSE) {
+            table.ReleaseTaken(candidate, family, now_ms);
+        } else {
+            table.Release(candidate);
+        }
         candidate += 2;
     } while (candidate < max_port && candidate <= MAX_EVEN_PORT);
     return -1;
 }
 
 void CUdpSockPair::OpenAt(int port, int family) {
-    const char* any = family == Tramel::SOCK_ADDR_IPV6 ? "::" : "0.0.0.0";
-    const CSockAddrStorage rtp_local(any, static_cast<unsigned short>(port));
-    const CSockAddrStorage rtcp_local(any, static_cast<unsigned short>(port + 1));
     m_family = family;
-    m_rtp.Open(&rtp_local);
-    m_rtcp.Open(&rtcp_local);
+    open_sock(m_rtp, port, family);
+    open_sock(m_rtcp, port + 1, family);
 }
 
-bool CUdpSockPair::open_at(int port, int family) {
-    OpenAt(port, family);
-    if (m_rtp.IsValid() && m_rtcp.IsValid()) {
-        return true;
+// 0, or the error's number: then neither is open.
+int CUdpSockPair::open_at(int port, int family) {
+    m_family = family;
+    if (open_sock(m_rtp, port, family) == 0 && open_sock(m_rtcp, port + 1, family) == 0) {
+        return 0;
     }
+    const int error = errno;
     m_rtp.Close();
-    m_rtcp.Close();
-    return false;
+    return error;
 }
 
 }  // namespace Vidora

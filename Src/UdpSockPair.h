@@ -9,11 +9,10 @@ namespace Vidora {
 
 // CUdpSockPair: the two sockets of one RTP track, RTP on an even port and RTCP on the port above it (RFC 3550 11).
 //
-// The ports that this process holds are kept in a table, so that the search for a free pair costs no system call for
-// them, however many sessions run.
+// The search for a free pair goes by the process's CUdpPortTable.
 //
-// THREADING  OpenInRange, OpenAt and the destructor may run on any threads for different pairs; the table has a lock of
-//            its own. One pair is used by one thread at a time.
+// THREADING  OpenInRange, OpenAt and the destructor may run on any threads for different pairs. One pair is opened by
+//            one thread; then one may send while another receives.
 class CUdpSockPair {
 public:
     CUdpSockPair() = default;
@@ -34,11 +33,12 @@ public:
     CSockDgram& Rtcp() { return m_rtcp; }
 
 private:
-    bool open_at(int port, int family);
+    int walk(int first, int max_port, int family, int retries, int* port);
+    int open_at(int port, int family);
 
     CSockDgram m_rtp;
     CSockDgram m_rtcp;
-    int m_held_port = 0;  // in the table; 0 for none
+    int m_held_port = -1;  // in the table
     int m_family = 0;
 };
 

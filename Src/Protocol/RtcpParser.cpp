@@ -15,13 +15,10 @@ namespace {
 // +-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+
 // |V=2|P|  count  |      PT       |            length             |
 // +-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+-+
-const unsigned int HEADER_SIZE = 4;
 const unsigned int VERSION_SHIFT = 6;
 const unsigned int VERSION = 2;
 const unsigned int PADDING_BIT = 0x20;
-const unsigned int COUNT_MASK = 0x1f;
 const unsigned int LOWEST_TYPE = 200;
-const unsigned int NO_REASON = 255;  // a reason of this length is not kept
 
 }  // namespace
 
@@ -104,7 +101,7 @@ bool CRtcpParser::ParseData(const unsigned char* buffer, const unsigned int* len
         const uint8_t* payload = reader.ReadBytes(payload_size);
         if (payload == nullptr) {
             logWarn("%s:%d:%s rtcp packet length error, expect:%lu, actual:%lu!\n", __FILE__, __LINE__, __func__,
-                    static_cast<unsigned long>(HEADER_SIZE + payload_size), static_cast<unsigned long>(left));
+                    static_cast<unsigned long>(RTCP_HEADER_SIZE + payload_size), static_cast<unsigned long>(left));
             break;
         }
         record(common, payload);
@@ -146,10 +143,6 @@ CByteReader take_payload(rtcp_pack* pack) {
     return reader;
 }
 
-int count_of(const rtcp_pack* pack) {
-    return pack->common.flags & COUNT_MASK;
-}
-
 // Reads the blocks that the count announces. -1 when the packet ends before, with those that it holds in the list.
 int read_reports(CByteReader& reader, int count, rtcp_report** list) {
     for (int i = 0; i < count; ++i) {
@@ -188,7 +181,7 @@ int CRtcpParser::parse_sr_pack(rtcp_pack* pack) {
     pack->sr.rtp_ts = reader.ReadU32();
     pack->sr.packet_count = reader.ReadU32();
     pack->sr.octet_count = reader.ReadU32();
-    return reader.Ok() ? read_reports(reader, count_of(pack), &pack->sr.reports) : -1;
+    return reader.Ok() ? read_reports(reader, RtcpCount(*pack), &pack->sr.reports) : -1;
 }
 
 int CRtcpParser::parse_rr_pack(rtcp_pack* pack) {
@@ -198,7 +191,7 @@ int CRtcpParser::parse_rr_pack(rtcp_pack* pack) {
     }
     CByteReader reader = take_payload(pack);
     pack->rr.ssrc = reader.ReadU32();
-    return reader.Ok() ? read_reports(reader, count_of(pack), &pack->rr.reports) : -1;
+    return reader.Ok() ? read_reports(reader, RtcpCount(*pack), &pack->rr.reports) : -1;
 }
 
 void CRtcpParser::free_sr_pack(rtcp_pack* pack) {
@@ -240,7 +233,7 @@ int CRtcpParser::parse_sdes_pack(rtcp_pack* pack) {
     }
     CByteReader reader = take_payload(pack);
     rtcp_sdes_chunk* chunk = &pack->sdes;
-    for (int i = 0; i < count_of(pack) && reader.Remaining() >= sizeof(uint32_t); ++i) {
+    for (int i = 0; i < RtcpCount(*pack) && reader.Remaining() >= sizeof(uint32_t); ++i) {
         if (i > 0) {
             chunk->next = new (std::nothrow) rtcp_sdes_chunk();
             if (chunk->next == nullptr) {
@@ -268,7 +261,7 @@ int CRtcpParser::parse_bye_pack(rtcp_pack* pack) {
         return -1;
     }
     CByteReader reader = take_payload(pack);
-    const int count = count_of(pack);
+    const int count = RtcpCount(*pack);
     if (count > 0) {
         pack->bye.ssrcs = new (std::nothrow) uint32_t[static_cast<size_t>(count)]();
         if (pack->bye.ssrcs == nullptr) {
@@ -279,7 +272,7 @@ int CRtcpParser::parse_bye_pack(rtcp_pack* pack) {
         pack->bye.ssrcs[i] = reader.ReadU32();
     }
     const uint8_t length = reader.PeekU8();
-    if (length == 0 || length == NO_REASON) {
+    if (length == 0 || length == RTCP_NO_REASON) {
         return 0;
     }
     reader.Skip(1);

@@ -19,9 +19,8 @@ namespace Vidora {
 //
 // THREADING  No lock: used by its owner's handler.
 // OWNERSHIP  The table is the parser's, valid until the next ParseData or reset. Until an entry is decoded it leads
-// into
-//            the buffer that was parsed. Arguments of the building operations are copied.
-// Memory: decoded contents take at most some 20 times their bytes on the wire (an SDES item of no text).
+//            into the buffer that was parsed. Arguments of the building operations are copied.
+// MEMORY     Decoded contents take at most some 20 times their bytes on the wire (an SDES item of no text).
 class CRtcpParser {
 public:
     enum {

@@ -9,12 +9,10 @@ namespace Vidora {
 
 namespace {
 
-const uint8_t VERSION_FLAGS = 0x80;  // version 2, no padding
-const unsigned int HEADER_SIZE = 4;
+const uint8_t VERSION_FLAGS = 0x80;          // version 2, no padding
 const size_t MAX_PACKET_SIZE = 0x10000 * 4;  // what the length field can say
 const uint8_t SDES_CNAME = 1;                // RFC 3550 6.5.1
 const char DEFAULT_CNAME[] = "Private";
-const uint8_t NO_REASON = 255;  // a reason of this length is not kept
 
 void apply_info(rtcp_report& block, const int (&info)[3]) {
     block.fraction = static_cast<unsigned int>(info[0]) & 0xff;
@@ -38,10 +36,6 @@ rtcp_pack* make_pack(int pt) {
         pack->common.pt = static_cast<uint8_t>(pt);
     }
     return pack;
-}
-
-int count_of(const rtcp_pack* pack) {
-    return pack->common.flags & CRtcpParser::MAX_COUNT;
 }
 
 }  // namespace
@@ -100,7 +94,7 @@ int CRtcpParser::set_bye(const unsigned int* ssrcs, unsigned char count, const v
     }
     // 31 others and the own SSRC would be one more than the header's five bits can count.
     const int total = count < MAX_COUNT ? count + 1 : MAX_COUNT;
-    const uint8_t kept = reason != nullptr && reason_length != NO_REASON ? reason_length : uint8_t{0};
+    const uint8_t kept = reason != nullptr && reason_length != RTCP_NO_REASON ? reason_length : uint8_t{0};
     rtcp_pack* pack = make_pack(RTCP_TYPE_BYE);
     uint32_t* sources = new (std::nothrow) uint32_t[static_cast<size_t>(total)];
     uint8_t* text = new (std::nothrow) uint8_t[size_t{kept} + 1];
@@ -135,7 +129,7 @@ rtcp_sdes_chunk* CRtcpParser::add_chunk(uint32_t ssrc) {
     if (is_first) {
         m_sdes = make_pack(RTCP_TYPE_SDES);
     }
-    if (m_sdes == nullptr || count_of(m_sdes) >= MAX_COUNT) {
+    if (m_sdes == nullptr || RtcpCount(*m_sdes) >= MAX_COUNT) {
         return nullptr;
     }
     rtcp_sdes_chunk* chunk = &m_sdes->sdes;
@@ -199,7 +193,7 @@ int CRtcpParser::add_sdes_chunk(const rtcp_sdes_chunk* item) {
 
 unsigned char* CRtcpParser::GetCompoundPacket(unsigned char* buffer, unsigned int* length, const int* types,
                                               int count) {
-    if (buffer == nullptr || length == nullptr || types == nullptr || count < 0 || *length < HEADER_SIZE) {
+    if (buffer == nullptr || length == nullptr || types == nullptr || count < 0 || *length < RTCP_HEADER_SIZE) {
         return nullptr;
     }
     CByteWriter writer(buffer, *length);
@@ -224,7 +218,7 @@ unsigned char* CRtcpParser::get_sr_compound(unsigned char* buffer, unsigned int*
 }
 
 unsigned char* CRtcpParser::write_usual(unsigned char* buffer, unsigned int* length, int report_type) {
-    if (buffer == nullptr || length == nullptr || *length < HEADER_SIZE) {
+    if (buffer == nullptr || length == nullptr || *length < RTCP_HEADER_SIZE) {
         return nullptr;
     }
     CByteWriter writer(buffer, *length);
@@ -332,7 +326,7 @@ void CRtcpParser::write_rr(CByteWriter& writer) const {
 // items don't end on a boundary is not where other receivers look for it. The own chunk, which is all that is sent
 // today, comes first.
 void CRtcpParser::write_sdes(CByteWriter& writer) const {
-    const size_t start = begin_packet(writer, RTCP_TYPE_SDES, count_of(m_sdes));
+    const size_t start = begin_packet(writer, RTCP_TYPE_SDES, RtcpCount(*m_sdes));
     for (const rtcp_sdes_chunk* chunk = &m_sdes->sdes; chunk != nullptr; chunk = chunk->next) {
         writer.WriteU32(chunk->ssrc);
         for (const rtcp_sdes_item* item = chunk->items; item != nullptr; item = item->next) {
@@ -347,8 +341,8 @@ void CRtcpParser::write_sdes(CByteWriter& writer) const {
 
 // The length byte of the reason is written without a reason as well.
 void CRtcpParser::write_bye(CByteWriter& writer) const {
-    const size_t start = begin_packet(writer, RTCP_TYPE_BYE, count_of(m_bye));
-    for (int i = 0; i < count_of(m_bye); ++i) {
+    const size_t start = begin_packet(writer, RTCP_TYPE_BYE, RtcpCount(*m_bye));
+    for (int i = 0; i < RtcpCount(*m_bye); ++i) {
         writer.WriteU32(m_bye->bye.ssrcs[i]);
     }
     writer.WriteU8(m_bye->bye.reason_length);

@@ -76,6 +76,15 @@ struct rtcp_pack {
     };
 };
 
+// The count of a packet: of its report blocks, SDES chunks or BYE sources.
+const unsigned int RTCP_COUNT_MASK = 0x1f;
+inline int RtcpCount(const rtcp_pack& pack) {
+    return static_cast<int>(pack.common.flags & RTCP_COUNT_MASK);
+}
+
+const unsigned int RTCP_HEADER_SIZE = 4;
+const uint8_t RTCP_NO_REASON = 255;  // a BYE's reason of this length is not kept
+
 // Lists of records. Freeing leaves an empty list; making gives null without memory.
 void RtcpFreeReports(rtcp_report*& list);
 // An item and its text in one block. The text is copied; it may be null for a length of 0.

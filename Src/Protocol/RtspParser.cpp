@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "Ostra/PageMemory.h"
 #include "Protocol/TextWriter.h"
 #include "Tramel/StrParser.h"
 
@@ -34,6 +35,12 @@ CRtspParser::CRtspParser() {
 }
 
 CRtspParser::~CRtspParser() = default;
+
+void CRtspParser::forget_texts() {
+    char* end = m_body + sizeof(m_body);
+    char* begin = m_session + std::strlen(m_session) + 1;
+    Ostra::ForgetPages(begin, static_cast<size_t>(end - begin));
+}
 
 int CRtspParser::parse_message(const char* buffer, unsigned int length, rtsp_msg_info* info) {
     rtsp_msg_info own;

@@ -94,6 +94,10 @@ public:
     // The header lines of a method in the order of their keys. -1, with an empty `out`, for a method outside 0 to 7.
     int build_ext_headers(int method, std::string& out) const;
 
+    // Gives the memory of the last message's texts back, for a connection that will be quiet for seconds: all but the
+    // Session line may be empty then, until the next message.
+    void forget_texts();
+
     // Pointers stay valid as long as the object; their text changes with the next message.
     int get_method() const { return m_method; }
     int get_cseq() const { return m_cseq; }
@@ -147,10 +151,13 @@ protected:
     uint8_t m_is_scale = 0;  // set by the first Scale header and never cleared
     int m_back_channel = 0;
     int m_range_cseq = 0;
+    // Of the server's codec alone. Here and not in its class, as they would lie behind the body and touch its pages.
+    uint64_t m_session_id = 0;
+    int m_client_kind = 0;
     multicast_info m_multicast;
     ext_keys_t m_ext_keys[RTSP_METHOD_COUNT];
 
-    // Texts, NUL-terminated, empty at construction. What few messages use lies last.
+    // Texts, NUL-terminated, empty at construction. What outlives the message lies first, what few messages use last.
     char m_session[RTSP_MAX_TEXT + 1];
     char m_product[RTSP_MAX_TEXT + 1];  // value of Server or User-Agent
     char m_public[RTSP_MAX_TEXT + 1];   // the methods that the server offers

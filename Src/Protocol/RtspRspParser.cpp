@@ -25,7 +25,9 @@ const client_row CLIENTS[] = {
 
 }  // namespace
 
-CRtspRspParser::CRtspRspParser() : m_session_id(CTime::getCurrentMicroSecond()) {
+CRtspRspParser::CRtspRspParser() {
+    m_session_id = CTime::getCurrentMicroSecond();
+    m_client_kind = CLIENT_KIND_UNKNOWN;
     m_speed = 1.0F;
     CTextWriter(m_product, sizeof m_product).Add("Rtsp Server/2.0");
 }

@@ -19,7 +19,9 @@ enum client_kind_t {
 // CRtspRspParser: the server's RTSP codec. It reads requests and writes replies; one object in each server session.
 //
 // A generator gives the whole message in the object's own buffer, valid until the next generator runs; it is cut at
-// 4096 bytes. THREADING  One thread at a time: the session's own.
+// 4096 bytes.
+//
+// THREADING  One thread at a time: the session's own.
 class CRtspRspParser : public CRtspParser {
 public:
     CRtspRspParser();
@@ -67,9 +69,6 @@ private:
     void read_destination(CStrParser& text);
 
     const char* generate_play_tail(const rtp_info_entry* entries, int count, const char* range);
-
-    uint64_t m_session_id;
-    int m_client_kind = CLIENT_KIND_UNKNOWN;
 };
 
 }  // namespace Vidora

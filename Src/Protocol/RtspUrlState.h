@@ -35,7 +35,7 @@ public:
         std::string& password;
     };
 
-    // Touches no buffer but its first byte: a server holds one of these for each session.
+    // Touches no buffer but its first byte: each DESCRIBE makes two of these.
     CState() {}
 
     static bool is_index(int index) { return index == 0 || index == 1; }

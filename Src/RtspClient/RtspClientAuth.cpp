@@ -21,20 +21,16 @@ const size_t MAX_DIGEST_HEAD = 2047;  // characters of the value's fixed part
 const char MD5[] = "MD5";
 const char MD5_SESS[] = "MD5-sess";
 
-void assign(std::string& field, const char* text) noexcept {
-    try {
-        field = text != nullptr ? text : "";
-    } catch (const std::bad_alloc&) {
-        field.clear();
-    }
-}
-
-void assign(std::string& field, const std::string& text) noexcept {
+void assign(std::string& field, std::string_view text) noexcept {
     try {
         field = text;
     } catch (const std::bad_alloc&) {
         field.clear();
     }
+}
+
+void assign(std::string& field, const char* text) noexcept {
+    assign(field, text != nullptr ? std::string_view(text) : std::string_view());
 }
 
 }  // namespace
@@ -150,23 +146,20 @@ bool CRtspClientAuth::parse_digest_challenge() {
 
 // The first place of the name with its sign counts, also inside another parameter's value or name.
 CRtspClientAuth::text_t CRtspClientAuth::find_quoted(const char* name) const {
-    const std::string key = std::string(name) + "=\"";
-    const size_t found = m_www_authenticate.find(key);
-    if (found == std::string::npos) {
-        return std::nullopt;
-    }
-    const size_t begin = found + key.size();
-    return m_www_authenticate.substr(begin, m_www_authenticate.find('"', begin) - begin);
+    return find_between(std::string(name) + "=\"", '"');
 }
 
 CRtspClientAuth::text_t CRtspClientAuth::find_unquoted(const char* name) const {
-    const std::string key = std::string(name) + "=";
+    return find_between(std::string(name) + "=", ',');
+}
+
+CRtspClientAuth::text_t CRtspClientAuth::find_between(const std::string& key, char end) const {
     const size_t found = m_www_authenticate.find(key);
     if (found == std::string::npos) {
         return std::nullopt;
     }
     const size_t begin = found + key.size();
-    return m_www_authenticate.substr(begin, m_www_authenticate.find(',', begin) - begin);
+    return m_www_authenticate.substr(begin, m_www_authenticate.find(end, begin) - begin);
 }
 
 bool CRtspClientAuth::compute_response(std::string& response) {

@@ -47,6 +47,7 @@ private:
     void reset_digest();
     text_t find_quoted(const char* name) const;
     text_t find_unquoted(const char* name) const;
+    text_t find_between(const std::string& key, char end) const;
     bool compute_response(std::string& response);
     std::string compute_ha1();
     void make_cnonce_if_needed();

@@ -47,6 +47,10 @@ const char* intern_name(const char* name) {
     }
 }
 
+bool is_packet_type(packet_type_t type) {
+    return type >= PACKET_TYPE_RTP && type <= PACKET_TYPE_TS;
+}
+
 bool is_transf_type(transf_type_t type) {
     return type == TRANSF_TYPE_RTP || type == TRANSF_TYPE_TS;
 }
@@ -77,6 +81,12 @@ struct CLiveChannel::Internal {
     bool m_close_flag VIDORA_GUARDED_BY(m_ref_mutex) = false;
     std::list<long> m_users VIDORA_GUARDED_BY(m_ref_mutex);
 
+    // The source; null, with a log line, if there is none.
+    CDataSource* source_locked() VIDORA_REQUIRES(m_mutex);
+    // The same for the operations on tracks, whose log line is another one.
+    CDataSource* track_source_locked() VIDORA_REQUIRES(m_mutex);
+    // The source, unless it has no packets of that type; null with a log line.
+    CDataSource* source_for_locked(packet_type_t packet_type) VIDORA_REQUIRES(m_mutex);
     // Makes m_sdp anew from the source's. Its result: 1 for multicast, 0 for unicast, -1 without an SDP.
     int get_sdp_locked() VIDORA_REQUIRES(m_mutex);
     // Describes the multicast destinations in `sdp`; gives the base port: that of the first destination that has one.
@@ -175,7 +185,7 @@ int CLiveChannel::SetUnicast(bool unicast) {
 }
 
 CMediaBuffer* CLiveChannel::GetMediaBuffer(packet_type_t packet_type) {
-    if (packet_type < PACKET_TYPE_RTP || packet_type > PACKET_TYPE_TS) {
+    if (!is_packet_type(packet_type)) {
         logError("%s:%d do nonsupport this packet type, packet_type:%d\n", __FILE__, __LINE__, packet_type);
         return nullptr;
     }
@@ -184,28 +194,30 @@ CMediaBuffer* CLiveChannel::GetMediaBuffer(packet_type_t packet_type) {
 
 int CLiveChannel::StartStreaming(packet_type_t packet_type) {
     CGuard guard(m_internal->m_mutex);
-    if (m_internal->m_data_src == nullptr) {
-        logError("%s:%d do not have data source\n", __FILE__, __LINE__);
-        return -1;
-    }
-    if (packet_type < PACKET_TYPE_RTP || packet_type > PACKET_TYPE_TS) {
-        logError("%s:%d nonsupport this packet type[%d] \n", __FILE__, __LINE__, packet_type);
-        return -1;
-    }
-    return m_internal->m_data_src->StartStreaming(packet_type, m_internal->m_media_buffer[packet_type], -1);
+    CDataSource* src = m_internal->source_for_locked(packet_type);
+    return src == nullptr ? -1 : src->StartStreaming(packet_type, m_internal->m_media_buffer[packet_type], -1);
 }
 
 int CLiveChannel::StopStreaming(packet_type_t packet_type) {
     CGuard guard(m_internal->m_mutex);
-    if (m_internal->m_data_src == nullptr) {
+    CDataSource* src = m_internal->source_for_locked(packet_type);
+    return src == nullptr ? -1 : src->StopStreaming(packet_type);
+}
+
+CDataSource* CLiveChannel::Internal::source_locked() {
+    if (m_data_src == nullptr) {
         logError("%s:%d do not have data source\n", __FILE__, __LINE__);
-        return -1;
     }
-    if (packet_type < PACKET_TYPE_RTP || packet_type > PACKET_TYPE_TS) {
+    return m_data_src;
+}
+
+CDataSource* CLiveChannel::Internal::source_for_locked(packet_type_t packet_type) {
+    CDataSource* src = source_locked();
+    if (src != nullptr && !is_packet_type(packet_type)) {
         logError("%s:%d nonsupport this packet type[%d] \n", __FILE__, __LINE__, packet_type);
-        return -1;
+        return nullptr;
     }
-    return m_internal->m_data_src->StopStreaming(packet_type);
+    return src;
 }
 
 // Multicast destinations.
@@ -398,11 +410,11 @@ int CLiveChannel::GetSdp(CSdpParser& sdp) {
 int CLiveChannel::GetSdp(CSdpParser& sdp, int ext_info) {
     Internal& self = *m_internal;
     CGuard guard(self.m_mutex);
-    if (self.m_data_src == nullptr) {
-        logError("%s:%d do not have data source\n", __FILE__, __LINE__);
+    CDataSource* src = self.source_locked();
+    if (src == nullptr) {
         return -1;
     }
-    if (self.m_data_src->GetSdp(sdp, ext_info) < 0) {
+    if (src->GetSdp(sdp, ext_info) < 0) {
         logError("%s:%d GetSdp fail\n", __FILE__, __LINE__);
         return -1;
     }
@@ -427,20 +439,14 @@ int CLiveChannel::GetSdp(CSdpParser& sdp, int ext_info) {
 
 int CLiveChannel::GetSrcInfo(SrcInfo& info, int track_id) {
     CGuard guard(m_internal->m_mutex);
-    if (m_internal->m_data_src == nullptr) {
-        logError("%s:%d do not have data source\n", __FILE__, __LINE__);
-        return -1;
-    }
-    return m_internal->m_data_src->GetSrcInfo(info, track_id);
+    CDataSource* src = m_internal->source_locked();
+    return src == nullptr ? -1 : src->GetSrcInfo(info, track_id);
 }
 
 int CLiveChannel::GetTcpChannel(int track_id) {
     CGuard guard(m_internal->m_mutex);
-    if (m_internal->m_data_src == nullptr) {
-        logError("%s:%d do not have data source\n", __FILE__, __LINE__);
-        return -1;
-    }
-    return m_internal->m_data_src->GetTcpChannel(track_id);
+    CDataSource* src = m_internal->source_locked();
+    return src == nullptr ? -1 : src->GetTcpChannel(track_id);
 }
 
 unsigned int CLiveChannel::GetSSRC(int track_id) {
@@ -466,22 +472,23 @@ int CLiveChannel::UpdataLiveChannel(long arg) {
     return m_internal->m_data_src == nullptr ? -1 : m_internal->m_data_src->UpdataDataSrc(arg);
 }
 
+CDataSource* CLiveChannel::Internal::track_source_locked() {
+    if (m_data_src == nullptr) {
+        logError("%s %d m_data_src is NULL\n", __FILE__, __LINE__);
+    }
+    return m_data_src;
+}
+
 int CLiveChannel::EnableStreamTrack(int track_kind) {
     CGuard guard(m_internal->m_mutex);
-    if (m_internal->m_data_src == nullptr) {
-        logError("%s %d m_data_src is NULL\n", __FILE__, __LINE__);
-        return -1;
-    }
-    return m_internal->m_data_src->EnableStreamTrack(track_kind);
+    CDataSource* src = m_internal->track_source_locked();
+    return src == nullptr ? -1 : src->EnableStreamTrack(track_kind);
 }
 
 int CLiveChannel::DisableStreamTrack(int track_kind) {
     CGuard guard(m_internal->m_mutex);
-    if (m_internal->m_data_src == nullptr) {
-        logError("%s %d m_data_src is NULL\n", __FILE__, __LINE__);
-        return -1;
-    }
-    return m_internal->m_data_src->DisableStreamTrack(track_kind);
+    CDataSource* src = m_internal->track_source_locked();
+    return src == nullptr ? -1 : src->DisableStreamTrack(track_kind);
 }
 
 // References, messages and the end.

@@ -16,6 +16,7 @@ namespace Vidora {
 
 namespace {
 
+// What differs between the two kinds of sink; the log lines differ by a comma.
 void attach(CMediaBuffer& buffer, CMediaStreamSender* sink) {
     buffer.AddSender(sink);
 }
@@ -27,6 +28,15 @@ void detach(CMediaBuffer& buffer, CMediaStreamSender* sink) {
 }
 void detach(CMediaBuffer& buffer, CLevel2Buffer_IF* sink) {
     buffer.DelLevel2Buffer(sink);
+}
+
+void log_no_channel(const CMediaStreamSender*, const char* content) {
+    logError("%s:%d EnterLiveChannel failed, this live channel beingless!channel_name=%s \n", __FILE__, __LINE__,
+             content);
+}
+void log_no_channel(const CLevel2Buffer_IF*, const char* content) {
+    logError("%s:%d EnterLiveChannel failed, this live channel beingless!,channel_name=%s \n", __FILE__, __LINE__,
+             content);
 }
 
 // Splits a content string. The walk stops at the last character, not behind it, so that a last parameter of exactly one
@@ -87,7 +97,8 @@ struct CLiveSvr::Internal {
     void add_locked(std::list<channel_comp>& entry, long svr_id) VIDORA_REQUIRES(m_mutex);
     bool delete_locked(const char* channel_name) VIDORA_REQUIRES(m_mutex);
     template <typename Sink>
-    int enter_locked(channel_attr& attr, Sink* sink, packet_type_t packet_type) VIDORA_REQUIRES(m_mutex);
+    int enter_locked(const char* content, Sink* sink, packet_type_t packet_type, const CLiveChannel* only)
+        VIDORA_REQUIRES(m_mutex);
     template <typename Sink>
     int leave_locked(const char* content, Sink* sink, packet_type_t packet_type) VIDORA_REQUIRES(m_mutex);
 
@@ -268,44 +279,45 @@ CLiveChannel* CLiveSvr::GetLiveChannel(const char* content, long user) {
 }
 
 int CLiveSvr::EnterLiveChannel(const char* content, CMediaStreamSender* sink, packet_type_t packet_type) {
-    CGuard guard(m_internal->m_mutex);
-    if (content == nullptr) {
-        return -1;
-    }
-    Internal::channel_attr* attr = m_internal->get_channel_attr_locked(content);
-    if (attr == nullptr) {
-        logError("%s:%d EnterLiveChannel failed, this live channel beingless!channel_name=%s \n", __FILE__, __LINE__,
-                 content);
-        return -1;
-    }
-    return m_internal->enter_locked(*attr, sink, packet_type);
+    return EnterLiveChannel(content, sink, packet_type, nullptr);
 }
 
 int CLiveSvr::EnterLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type) {
+    return EnterLiveChannel(content, sink, packet_type, nullptr);
+}
+
+int CLiveSvr::EnterLiveChannel(const char* content, CMediaStreamSender* sink, packet_type_t packet_type,
+                               const CLiveChannel* only) {
     CGuard guard(m_internal->m_mutex);
-    if (content == nullptr) {
-        return -1;
-    }
-    Internal::channel_attr* attr = m_internal->get_channel_attr_locked(content);
-    if (attr == nullptr) {
-        logError("%s:%d EnterLiveChannel failed, this live channel beingless!,channel_name=%s \n", __FILE__, __LINE__,
-                 content);
-        return -1;
-    }
-    return m_internal->enter_locked(*attr, sink, packet_type);
+    return m_internal->enter_locked(content, sink, packet_type, only);
+}
+
+int CLiveSvr::EnterLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type,
+                               const CLiveChannel* only) {
+    CGuard guard(m_internal->m_mutex);
+    return m_internal->enter_locked(content, sink, packet_type, only);
 }
 
 // The user stands in the list first: what can fail for want of memory comes before what has an effect.
 template <typename Sink>
-int CLiveSvr::Internal::enter_locked(channel_attr& attr, Sink* sink, packet_type_t packet_type) {
-    if (!AppendId(attr.users, reinterpret_cast<long>(sink))) {
+int CLiveSvr::Internal::enter_locked(const char* content, Sink* sink, packet_type_t packet_type,
+                                     const CLiveChannel* only) {
+    if (content == nullptr) {
         return -1;
     }
-    CMediaBuffer* buffer = sink == nullptr ? nullptr : attr.live_channel->GetMediaBuffer(packet_type);
+    channel_attr* attr = get_channel_attr_locked(content);
+    if (attr == nullptr || (only != nullptr && attr->live_channel != only)) {
+        log_no_channel(sink, content);
+        return -1;
+    }
+    if (!AppendId(attr->users, reinterpret_cast<long>(sink))) {
+        return -1;
+    }
+    CMediaBuffer* buffer = sink == nullptr ? nullptr : attr->live_channel->GetMediaBuffer(packet_type);
     if (buffer != nullptr) {
         attach(*buffer, sink);
     }
-    attr.live_channel->StartStreaming(packet_type);
+    attr->live_channel->StartStreaming(packet_type);
     return 0;
 }
 

@@ -44,18 +44,20 @@ void MediaFrameInfo::SetUtc(double seconds) {
 }
 
 uint64_t MediaFrameInfo::GetPts(int type) const {
-    if (type < 0 || type >= PTS_TYPE_COUNT) {
+    if (!HasPts(type)) {
         return 0;
     }
     return type == 0 ? pts0 : pts[type - 1];
 }
 
-bool MediaFrameInfo::SetPts(uint64_t value, int type) {
-    if (type < 0 || type >= PTS_TYPE_COUNT) {
-        return false;
+void MediaFrameInfo::SetPts(uint64_t value, int type) {
+    if (HasPts(type)) {
+        (type == 0 ? pts0 : pts[type - 1]) = value;
     }
-    (type == 0 ? pts0 : pts[type - 1]) = value;
-    return true;
+}
+
+bool MediaFrameInfo::HasPts(int type) {
+    return type >= 0 && type < PTS_TYPE_COUNT;
 }
 
 }  // namespace Flumen

@@ -35,9 +35,10 @@ struct MediaFrameInfo {
     // Seconds, to the millisecond: what is finer is cut off. A time that isn't from 0 to 2^32 counts as the nearest.
     double GetUtc() const;
     void SetUtc(double seconds);
-    // Time stamp of a type from 0 to 5. Another type gives 0, and false with no change.
+    // Time stamp of a type from 0 to 5. Another type gives 0, and isn't written.
     uint64_t GetPts(int type) const;
-    bool SetPts(uint64_t value, int type);
+    void SetPts(uint64_t value, int type);
+    static bool HasPts(int type);
 };
 
 static_assert(sizeof(MediaFrameInfo) == 80, "the record has 80 bytes");

@@ -37,6 +37,16 @@ void write_to_stderr(char* line, size_t size) {
     } while (written < 0 && errno == EINTR);
 }
 
+// Lines quote what peers have sent. Control characters in it could steer the terminal that shows the log.
+void mask_controls(char* text, size_t size) {
+    for (size_t i = 0; i < size; ++i) {
+        const unsigned char c = static_cast<unsigned char>(text[i]);
+        if ((c < 0x20 && c != '\t' && c != '\r' && c != '\n') || c == 0x7f) {
+            text[i] = '?';
+        }
+    }
+}
+
 void log_line(log_level_t level, const char* format, va_list args) {
     const int saved_errno = errno;  // callers log between a system call and the look at its error
     char line[TAG_SIZE + MAX_LINE_SIZE + 2];
@@ -45,6 +55,7 @@ void log_line(log_level_t level, const char* format, va_list args) {
     const int wanted = std::vsnprintf(text, MAX_LINE_SIZE + 1, format, args);
     if (wanted > 0) {
         const size_t length = static_cast<size_t>(wanted) < MAX_LINE_SIZE ? static_cast<size_t>(wanted) : MAX_LINE_SIZE;
+        mask_controls(text, length);
         log_sink_t sink = nullptr;
         void* user_data = nullptr;
         {

@@ -1,8 +1,10 @@
 #include "Ostra/PageMemory.h"
 
 #include <sys/mman.h>
+#include <unistd.h>
 
 #include <cstdlib>
+#include <memory>
 
 // AddressSanitizer watches heap memory only.
 #if defined(__SANITIZE_ADDRESS__)
@@ -42,6 +44,14 @@ void DeletePages(void* memory, size_t size) noexcept {
 }
 
 #endif
+
+void ForgetPages(void* memory, size_t size) noexcept {
+    static const size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    void* first = memory;
+    if (std::align(page, page, first, size) != nullptr) {
+        madvise(first, size / page * page, MADV_DONTNEED);
+    }
+}
 
 }  // namespace Ostra
 }  // namespace Kavio

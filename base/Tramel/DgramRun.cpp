@@ -6,6 +6,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Tramel/SockDetail.h"
+
 #ifndef UDP_SEGMENT
 #define UDP_SEGMENT 103  // Linux 4.18
 #endif
@@ -117,7 +119,7 @@ int CDgramRun::transmit(unsigned int message_count) {
 
 // What a failed transmission of the part at `first_part` means. True to try again.
 bool CDgramRun::recover(int error, unsigned int first_part) {
-    if (error == EAGAIN || error == EWOULDBLOCK || error == ENOBUFS) {
+    if (IsWouldBlock(error) || error == ENOBUFS) {
         m_full = true;
         return false;
     }

@@ -9,6 +9,8 @@
 #include <cerrno>
 #include <initializer_list>
 
+#include "Vidora/Ostra/Time.h"
+
 namespace Kavio {
 namespace Tramel {
 
@@ -122,9 +124,7 @@ void CEpollPoller::SetAlarm(uint64_t time_us) {
 }
 
 uint64_t CEpollPoller::Now() {
-    timespec now = {};
-    ::clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * MICROS_PER_SECOND + static_cast<uint64_t>(now.tv_nsec) / NANOS_PER_MICRO;
+    return Ostra::CTime::getCurrentMicroSecond();
 }
 
 }  // namespace Tramel

@@ -59,7 +59,7 @@ public:
     // One waiting thread returns at `time_us` of Now(); the former alarm is replaced.
     void SetAlarm(uint64_t time_us);
 
-    // Monotonic microseconds.
+    // Monotonic microseconds: the clock of SetAlarm.
     static uint64_t Now();
 
 private:

@@ -50,15 +50,20 @@ int CHandlerCore::RegisterSock(int fd, unsigned int mask, int64_t timeout_us) {
     }
     const uint64_t timeout = std::min(static_cast<uint64_t>(timeout_us), MAX_PERIOD_US);
     Ostra::CGuard guard(m_mutex);
+    return note_sock_locked(fd) ? m_reactor.Socks().Watch(self(), fd, mask, timeout) : -1;
+}
+
+// False if the handler closes or has gone, or memory is short.
+bool CHandlerCore::note_sock_locked(int fd) {
     if (m_closing.load() || m_handler == nullptr) {
-        return -1;
+        return false;
     }
     try {
         m_socks.insert(fd);
     } catch (const std::bad_alloc&) {
-        return -1;
+        return false;
     }
-    return m_reactor.Socks().Watch(self(), fd, mask, timeout);
+    return true;
 }
 
 int CHandlerCore::UnregisterSock(int fd, unsigned int mask) {
@@ -79,15 +84,7 @@ int CHandlerCore::RequestOutput(int fd) {
         return -1;
     }
     Ostra::CGuard guard(m_mutex);
-    if (m_closing.load() || m_handler == nullptr) {
-        return -1;
-    }
-    try {
-        m_socks.insert(fd);
-    } catch (const std::bad_alloc&) {
-        return -1;
-    }
-    return m_reactor.Socks().WatchOutputOnce(self(), fd);
+    return note_sock_locked(fd) ? m_reactor.Socks().WatchOutputOnce(self(), fd) : -1;
 }
 
 void CHandlerCore::Resume() {

@@ -74,6 +74,7 @@ private:
         bool queued;      // a firing is queued and not delivered yet
     };
 
+    bool note_sock_locked(int fd) VIDORA_REQUIRES(m_mutex);
     bool push_locked(const CEvent& event) VIDORA_REQUIRES(m_mutex);
     bool take(CEvent& event, CNetHandler*& handler);
     void deliver(const CEvent& event, CNetHandler* handler);

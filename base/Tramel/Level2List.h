@@ -16,8 +16,7 @@ class CMediaPacket;
 // CLevel2List: the level-2 sinks of a media buffer, called one after another on the putting thread.
 //
 // THREADING  All operations: any thread. A sink is called with no lock held, so that it may add and remove sinks,
-// itself
-//            included. Remove waits for a call of that sink on another thread, not for one that it is made from.
+//            itself included. Remove waits for a call of that sink on another thread, not for one that it is made from.
 class CLevel2List {
 public:
     // Calls each sink that stands in the list now.

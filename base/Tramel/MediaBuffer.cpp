@@ -54,6 +54,7 @@ public:
     int PutFrameInfo(CMediaPacket* packet, int length);
     void AddSender(CMediaStreamSender* sender);
     void DelSender(CMediaStreamSender* sender);
+    bool IsIdle();
     CLevel2List& Level2() { return m_level2; }
     void Close();
 
@@ -336,6 +337,19 @@ void CMediaBuffer::CImpl::DelSender(CMediaStreamSender* sender) {
     }
 }
 
+bool CMediaBuffer::CImpl::IsIdle() {
+    for (unsigned int i = 0; i < MAX_GROUPS; ++i) {
+        const std::shared_ptr<CSinkGroup> candidate = group(i);
+        if (candidate == nullptr) {
+            break;
+        }
+        if (!candidate->IsIdle()) {
+            return false;
+        }
+    }
+    return true;
+}
+
 void CMediaBuffer::CImpl::Close() {
     {
         CGuard guard(m_mutex);
@@ -413,6 +427,10 @@ void CMediaBuffer::DelSender(CMediaStreamSender* sender) {
     if (impl != nullptr && sender != nullptr) {
         impl->DelSender(sender);
     }
+}
+
+bool CMediaBuffer::IsIdle() {
+    return m_impl == nullptr || m_impl->IsIdle();
 }
 
 void CMediaBuffer::AddLevel2Buffer(CLevel2Buffer_IF* buffer) {

@@ -55,6 +55,8 @@ public:
     void DelSender(CMediaStreamSender* sender);
     void AddLevel2Buffer(CLevel2Buffer_IF* buffer);
     void DelLevel2Buffer(CLevel2Buffer_IF* buffer);
+    // True if the senders have been given all that was put.
+    bool IsIdle();
 
 private:
     friend class CMediaBufferRef;

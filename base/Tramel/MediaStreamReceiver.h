@@ -22,8 +22,7 @@ public:
     void Close() override;
 
     // Input is ready: reads and handles it. The number of units handled, or negative on failure: receiving then stops,
-    // and message 2 goes to the handler of WaitException, once. The base
-    // gives 0.
+    // and message 2 goes to the handler of WaitException, once. The base gives 0.
     virtual int handle_stream_input();
     // Passive reading: called every period of StartReceive. 0 to go on, negative on failure, with the same consequence.
     // The base gives 0.

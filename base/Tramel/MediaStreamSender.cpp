@@ -2,9 +2,6 @@
 
 #include <new>
 
-#include "Tramel/Reactor.h"
-#include "Tramel/SockStream.h"
-
 namespace Kavio {
 namespace Tramel {
 
@@ -15,32 +12,13 @@ CMediaStreamSender* CMediaStreamSender::Create() {
 }
 
 int CMediaStreamSender::Attach(CSock* sock) {
-    CSockStream* stream = dynamic_cast<CSockStream*>(sock);
-    if (stream == nullptr || !stream->IsValid()) {
-        return -1;
-    }
-    std::shared_ptr<CStreamOutput> queue = stream->GetOutput();
-    if (queue == nullptr) {
-        return -1;
-    }
-    Detach();
     CGuard guard(m_mutex);
-    if (queue->Attach(this, true, m_exception_id) < 0) {
+    if (attach_locked(sock, true, *this) < 0) {
         return -1;
     }
-    queue->SetSendTimeout(m_timeout_s);
-    queue->SetLimit(m_limit_bytes, m_limit_age_ms);
-    m_sock = sock;
-    m_output = std::move(queue);
+    m_output->SetSendTimeout(m_timeout_s);
+    m_output->SetLimit(m_limit_bytes, m_limit_age_ms);
     return 0;
-}
-
-void CMediaStreamSender::WaitException(long handler_id) {
-    CGuard guard(m_mutex);
-    m_exception_id = handler_id;
-    if (m_output != nullptr) {
-        m_output->SetExceptionId(this, handler_id);
-    }
 }
 
 void CMediaStreamSender::SetSendTimeout(unsigned int seconds) {
@@ -84,47 +62,15 @@ void CMediaStreamSender::DisableSendChannel(int channel) {
 }
 
 void CMediaStreamSender::SendOtherData(const char* data, int length) {
-    std::shared_ptr<CStreamOutput> queue = output();
+    const std::shared_ptr<CStreamOutput> queue = output();
     if (queue != nullptr && data != nullptr && length > 0) {
         queue->SendText(data, static_cast<unsigned int>(length));
     }
 }
 
-CSock* CMediaStreamSender::Detach() {
-    CGuard guard(m_mutex);
-    if (m_output != nullptr) {
-        m_output->Detach(this);
-    }
-    m_output.reset();
-    CSock* sock = m_sock;
-    m_sock = nullptr;
-    return sock;
-}
-
-int CMediaStreamSender::handle_output(int) {
-    std::shared_ptr<CStreamOutput> queue = output();
-    if (queue != nullptr) {
-        queue->OnWritable();
-    }
-    return 0;
-}
-
-int64_t CMediaStreamSender::handle_timeout(long timer_id) {
-    std::shared_ptr<CStreamOutput> queue = output();
-    if (queue != nullptr) {
-        queue->OnTimer(timer_id);
-    }
-    return 0;
-}
-
-int CMediaStreamSender::handle_close(CNetHandler*) {
-    delete this;
-    return 0;
-}
-
-void CMediaStreamSender::Close() {
-    Detach();
-    CNetHandler::Close();
+uint64_t CMediaStreamSender::Unsent() {
+    const std::shared_ptr<CStreamOutput> queue = output();
+    return queue == nullptr ? 0 : queue->Unsent();
 }
 
 uint64_t CMediaStreamSender::send_batch(const CUnitBatch& batch, uint64_t from_sequence) {
@@ -135,27 +81,6 @@ uint64_t CMediaStreamSender::send_batch(const CUnitBatch& batch, uint64_t from_s
 Ostra::TFunction3<void, CMediaPacket*, int, int> CMediaStreamSender::send_proc() {
     CGuard guard(m_mutex);
     return m_proc;
-}
-
-std::shared_ptr<CStreamOutput> CMediaStreamSender::output() {
-    CGuard guard(m_mutex);
-    return m_output;
-}
-
-int CMediaStreamSender::WatchWrite(int fd) {
-    return CReactor::Instance().RequestOutput(*this, fd);
-}
-
-void CMediaStreamSender::PostFailure(long target) {
-    Notify(target, MSG_SOCK_EXCEPTION, 0);
-}
-
-long CMediaStreamSender::StartTimer(int64_t period_us) {
-    return SetTimer(period_us);
-}
-
-void CMediaStreamSender::StopTimer(long timer_id) {
-    DestroyTimer(timer_id);
 }
 
 }  // namespace Tramel

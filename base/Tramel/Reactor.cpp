@@ -78,7 +78,6 @@ int CReactor::start_threads(unsigned int threads, const std::shared_ptr<CEpollPo
         result = -1;
     }
     pthread_sigmask(SIG_SETMASK, &former, nullptr);
-    m_thread_count.store(static_cast<unsigned int>(m_threads.size()));
     return result;
 }
 
@@ -98,7 +97,6 @@ int CReactor::Stop() {
         thread.join();
     }
     m_threads.clear();
-    m_thread_count.store(0);
     set_poller(nullptr);
     m_stopping.store(false);
     return 0;
@@ -133,14 +131,6 @@ void CReactor::Resume(CNetHandler& owner) {
     if (owner.m_core != nullptr) {
         owner.m_core->Resume();
     }
-}
-
-int CReactor::WaitWritable(int fd, const std::shared_ptr<IWriteListener>& listener) {
-    return fd < 0 || listener == nullptr || !IsRunning() ? -1 : m_socks.WaitWritable(fd, listener);
-}
-
-int CReactor::CancelWritable(int fd, const IWriteListener* listener) {
-    return fd < 0 ? -1 : m_socks.CancelWritable(fd, listener);
 }
 
 void CReactor::Enqueue(std::shared_ptr<CStrand> strand) {

@@ -20,15 +20,6 @@ namespace Tramel {
 
 class CNetHandler;
 
-// Told once that a descriptor can be written; see CReactor::WaitWritable.
-class IWriteListener {
-public:
-    virtual ~IWriteListener() = default;
-    // `fd` can be written, or has an error that the next write will show. Runs on a pool thread with no lock of the
-    // reactor held, in the midst of polling: note it, Schedule() a strand, return. It may call WaitWritable again.
-    virtual void OnWritable(int fd) = 0;
-};
-
 // CReactor: the pool of threads and all that it runs.
 //
 // The threads are alike. Each takes the next strand (see CStrand) that has a turn due and runs it; one that finds none
@@ -39,7 +30,7 @@ public:
 //
 // Answers:
 //   1. Which thread runs a callback? Whichever is free, without a lock of the reactor. Never the caller's inside a
-//   call.
+//      call.
 //   2. What if a callback removes sockets, timers or handlers that have events due? What is due is looked up again just
 //      before each callback and skipped if it has gone. The number of a closed descriptor may be used again at once:
 //      each registration has a serial of its own.
@@ -77,20 +68,11 @@ public:
     int Rest(CNetHandler& owner, int fd, unsigned int mask);
     void Resume(CNetHandler& owner);
 
-    // `listener` is told once when `fd` can be written, and then let go; calls before that are one. Closing the
-    // CSock that owns `fd` ends it as well. 0, or -1: no pool, bad descriptor, memory short.
-    int WaitWritable(int fd, const std::shared_ptr<IWriteListener>& listener);
-    // Ends that: no OnWritable starts after the return. One that runs just now isn't waited for. 0, or -1 if `listener`
-    // doesn't wait.
-    int CancelWritable(int fd, const IWriteListener* listener);
-
     // `fd` is about to be closed: takes it out for all who watch it.
     void Forget(int fd) { m_socks.Forget(fd); }
 
     // Handlers that exist: constructed and not yet destroyed.
     long CountHandlers() const { return m_handler_count.load(); }
-    // Threads of the pool; 0 without one.
-    unsigned int CountThreads() const { return m_thread_count.load(); }
 
     CSockTable& Socks() { return m_socks; }
     CTimerQueue& Timers() { return m_timers; }
@@ -120,7 +102,6 @@ private:
     std::atomic<long> m_handler_count{0};
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_stopping{false};
-    std::atomic<unsigned int> m_thread_count{0};
 
     std::vector<std::thread> m_threads;  // of the thread that starts and stops
 

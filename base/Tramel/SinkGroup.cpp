@@ -195,6 +195,11 @@ void CSinkGroup::wait_locked(const CMediaStreamSender* sender) {
     }
 }
 
+bool CSinkGroup::IsIdle() {
+    CGuard guard(m_mutex);
+    return !m_running && m_pending.Empty();
+}
+
 size_t CSinkGroup::Count() {
     CGuard guard(m_mutex);
     return m_count;

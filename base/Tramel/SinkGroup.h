@@ -24,12 +24,10 @@ class CMediaStreamSender;
 // pile up while the pool is busy join into one vectored write.
 //
 // LIMITS     At most MAX_PENDING units or MAX_PENDING_BYTES wait for a turn. Then units are dropped for the whole
-// group,
-//            by the rule of CStreamOutput: a track goes on at its next key frame. The putting thread helps out
+//            group, by the rule of CStreamOutput: a track goes on at its next key frame. The putting thread helps out
 //            (RunHere) long before.
 // THREADING  All operations: any thread. Senders are called with no lock held, by one thread at a time. Remove waits
-// for
-//            a call of that sender on another thread, not for one that it is made from.
+//            for a call of that sender on another thread, not for one that it is made from.
 class CSinkGroup final : public CStrand {
 public:
     static const size_t MAX_PENDING = 512;
@@ -53,6 +51,8 @@ public:
     void Remove(const CMediaStreamSender* sender);
     void RemoveAll();
     size_t Count();
+    // True if nothing waits for a turn and none runs.
+    bool IsIdle();
 
 protected:
     bool RunTurn() override;

@@ -26,10 +26,6 @@ int open_spare() {
     return ::open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
 
-void set_option(int fd, int level, int name, int value) {
-    ::setsockopt(fd, level, name, &value, sizeof(value));
-}
-
 }  // namespace
 
 CSockAcceptor::CSockAcceptor() = default;
@@ -50,9 +46,9 @@ int CSockAcceptor::Open(const CSockAddr& local) {
     if (fd < 0 || Attach(fd) != 0) {
         return -1;
     }
-    set_option(fd, SOL_SOCKET, SO_REUSEADDR, 1);
+    SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1);
     if (at.GetType() == SOCK_ADDR_IPV6) {
-        set_option(fd, IPPROTO_IPV6, IPV6_V6ONLY, 0);  // the wildcard listens on both families
+        SetOption(fd, IPPROTO_IPV6, IPV6_V6ONLY, 0);  // the wildcard listens on both families
     }
     if (::bind(fd, at.Native(), static_cast<socklen_t>(at.GetAddrLen())) != 0 || ::listen(fd, SOMAXCONN) != 0) {
         return FailOpen(*this);
@@ -84,7 +80,7 @@ int CSockAcceptor::Accept(CSockStream& out, CSockAddr* peer) {
         ::close(fd);
         return -1;
     }
-    set_option(fd, IPPROTO_TCP, TCP_NODELAY, 1);  // replies and media units are written whole
+    SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);  // replies and media units are written whole
     if (peer != nullptr) {
         peer->SetSockAddr(reinterpret_cast<const sockaddr*>(&native), length);
     }

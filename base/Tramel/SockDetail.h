@@ -20,6 +20,11 @@ inline bool IsWouldBlock(int error) {
     return error == EAGAIN || error == EWOULDBLOCK;
 }
 
+// 0 or -1.
+inline int SetOption(int fd, int level, int name, int value) {
+    return ::setsockopt(fd, level, name, &value, sizeof(value)) == 0 ? 0 : -1;
+}
+
 inline int ClampInt(unsigned int value) {
     return value > INT_MAX ? INT_MAX : static_cast<int>(value);
 }

@@ -17,10 +17,6 @@ namespace {
 
 constexpr int MIN_RECV_BUFFER = 1 << 20;
 
-int set_option(int fd, int level, int name, int value) {
-    return ::setsockopt(fd, level, name, &value, sizeof(value)) == 0 ? 0 : -1;
-}
-
 // A burst of a key frame's packets must fit until a thread reads. The forced form passes the system's limit, but needs
 // the privilege.
 void raise_recv_buffer(int fd) {
@@ -30,8 +26,8 @@ void raise_recv_buffer(int fd) {
     if (::getsockopt(fd, SOL_SOCKET, SO_RCVBUF, &size, &length) == 0 && size >= 2 * MIN_RECV_BUFFER) {
         return;
     }
-    if (set_option(fd, SOL_SOCKET, SO_RCVBUFFORCE, MIN_RECV_BUFFER) != 0) {
-        set_option(fd, SOL_SOCKET, SO_RCVBUF, MIN_RECV_BUFFER);
+    if (SetOption(fd, SOL_SOCKET, SO_RCVBUFFORCE, MIN_RECV_BUFFER) != 0) {
+        SetOption(fd, SOL_SOCKET, SO_RCVBUF, MIN_RECV_BUFFER);
     }
 }
 
@@ -75,15 +71,15 @@ int CSockDgram::Open(const CSockAddr* local) {
         return 0;
     }
     if (at.GetType() == SOCK_ADDR_IPV6) {
-        set_option(fd, IPPROTO_IPV6, IPV6_V6ONLY, 0);
+        SetOption(fd, IPPROTO_IPV6, IPV6_V6ONLY, 0);
     }
     const bool is_group = at.IsMulticast();
     if (is_group) {
-        set_option(fd, SOL_SOCKET, SO_REUSEADDR, 1);  // several receivers of a group share its port
+        SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1);  // several receivers of a group share its port
         // Only what is sent to the group that this socket joins, not to those that others on the host have joined.
-        set_option(fd, IPPROTO_IP, IP_MULTICAST_ALL, 0);
+        SetOption(fd, IPPROTO_IP, IP_MULTICAST_ALL, 0);
 #ifdef IPV6_MULTICAST_ALL
-        set_option(fd, IPPROTO_IPV6, IPV6_MULTICAST_ALL, 0);
+        SetOption(fd, IPPROTO_IPV6, IPV6_MULTICAST_ALL, 0);
 #endif
     }
     if (::bind(fd, at.Native(), static_cast<socklen_t>(at.GetAddrLen())) != 0 ||
@@ -143,8 +139,8 @@ int CSockDgram::Send(const char* buf, unsigned int len, const CSockAddr* to) {
 
 // An IPv6 socket may send to IPv4 groups as well, for which it has options of their own.
 int CSockDgram::SetMulticastTTL(unsigned char ttl) {
-    const int result = set_option(m_fd, IPPROTO_IP, IP_MULTICAST_TTL, ttl);
-    return family_of(m_fd) == SOCK_ADDR_IPV6 ? set_option(m_fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, ttl) : result;
+    const int result = SetOption(m_fd, IPPROTO_IP, IP_MULTICAST_TTL, ttl);
+    return family_of(m_fd) == SOCK_ADDR_IPV6 ? SetOption(m_fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, ttl) : result;
 }
 
 int CSockDgram::SetMulticastIF(const char* ip) {
@@ -159,7 +155,7 @@ int CSockDgram::SetMulticastIF(const char* ip) {
         }
     } else {
         index = ::if_nametoindex(ip);
-        if (index == 0 || set_option(m_fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, static_cast<int>(index)) != 0) {
+        if (index == 0 || SetOption(m_fd, IPPROTO_IPV6, IPV6_MULTICAST_IF, static_cast<int>(index)) != 0) {
             return -1;
         }
     }

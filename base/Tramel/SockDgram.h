@@ -14,6 +14,9 @@ struct DgramSlice {
 };
 
 // CSockDgram: a UDP socket.
+//
+// THREADING  No lock. Opened, set up and closed by one thread while nothing else runs; in between one thread may send
+//            while another receives.
 class VIDORA_API CSockDgram : public CSock {
 public:
     CSockDgram() = default;

@@ -7,6 +7,7 @@
 
 #include "Tramel/DgramRun.h"
 #include "Tramel/MediaCounters.h"
+#include "Tramel/SockDetail.h"
 #include "Tramel/SockDgram.h"
 #include "Vidora/Ostra/ByteReader.h"
 
@@ -84,7 +85,7 @@ int CSockDgram::RecvBatch(DgramSlice* slices, unsigned int count) {
     }
     const int received = recv_messages(m_fd, messages, wanted);
     if (received < 0) {
-        return errno == EAGAIN || errno == EWOULDBLOCK ? 0 : -1;
+        return IsWouldBlock(errno) ? 0 : -1;
     }
     for (int i = 0; i < received; ++i) {
         slices[i].length = messages[i].msg_len;

@@ -59,8 +59,7 @@ int CSockStream::Connect(const CSockAddr& remote, CSockAddr* local) {
     if (local != nullptr && ::bind(m_fd, from.Native(), static_cast<socklen_t>(from.GetAddrLen())) != 0) {
         return FailOpen(*this);
     }
-    const int no_delay = 1;  // requests and media units are written whole
-    ::setsockopt(m_fd, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof(no_delay));
+    SetOption(m_fd, IPPROTO_TCP, TCP_NODELAY, 1);  // requests and media units are written whole
     if (::connect(m_fd, to.Native(), static_cast<socklen_t>(to.GetAddrLen())) != 0 && errno != EINPROGRESS &&
         errno != EINTR) {
         return FailOpen(*this);
@@ -86,8 +85,7 @@ int CSockStream::GetConnectStatus() {
 }
 
 int CSockStream::SetSockSendBuf(unsigned int bytes) {
-    const int size = ClampInt(bytes);
-    return ::setsockopt(m_fd, SOL_SOCKET, SO_SNDBUF, &size, sizeof(size)) == 0 ? 0 : -1;
+    return SetOption(m_fd, SOL_SOCKET, SO_SNDBUF, ClampInt(bytes));
 }
 
 }  // namespace Tramel

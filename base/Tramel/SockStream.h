@@ -12,6 +12,9 @@ namespace Tramel {
 class CStreamOutput;  // the one output queue of a stream socket; see StreamOutput.h
 
 // CSockStream: a TCP (or local stream) socket.
+//
+// THREADING  The owner's thread. What its output queue sends goes out on any thread, also while the owner reads, and
+//            has ended for this socket when Close or Detach returns.
 class VIDORA_API CSockStream : public CSock {
 public:
     CSockStream();

@@ -67,34 +67,28 @@ int CSockTable::Watch(const std::shared_ptr<CHandlerCore>& core, int fd, unsigne
     const uint64_t now = CEpollPoller::Now();
     CShard& shard = shard_of(fd);
     Ostra::CGuard guard(shard.mutex);
-    CEntry* entry = find_or_make_locked(shard, fd);
-    CWatch* watch = entry == nullptr ? nullptr : find_or_add_watch(*entry, core);
+    CWatch* watch = find_or_add_watch_locked(shard, core, fd);
     if (watch == nullptr) {
         return -1;
     }
     watch->mask |= mask;
     watch->resting = 0;
-    if (set_timeout(*watch, fd, timeout_us, now) == 0 && arm_locked(shard, *entry, core.get()) == 0) {
-        return 0;
+    if (set_timeout(*watch, fd, timeout_us, now) < 0) {
+        drop_watch_locked(shard, *find_locked(shard, fd), watch);
+        return -1;
     }
-    drop_watch_locked(shard, *entry, find_watch_locked(shard, core.get(), fd, 0));
-    return -1;
+    return arm_new_locked(shard, core.get(), fd);
 }
 
 int CSockTable::WatchOutputOnce(const std::shared_ptr<CHandlerCore>& core, int fd) {
     CShard& shard = shard_of(fd);
     Ostra::CGuard guard(shard.mutex);
-    CEntry* entry = find_or_make_locked(shard, fd);
-    CWatch* watch = entry == nullptr ? nullptr : find_or_add_watch(*entry, core);
+    CWatch* watch = find_or_add_watch_locked(shard, core, fd);
     if (watch == nullptr) {
         return -1;
     }
     watch->once = SOCK_EVENT_WRITE;
-    if (arm_locked(shard, *entry, core.get()) == 0) {
-        return 0;
-    }
-    drop_watch_locked(shard, *entry, find_watch_locked(shard, core.get(), fd, 0));
-    return -1;
+    return arm_new_locked(shard, core.get(), fd);
 }
 
 int CSockTable::Rest(const CHandlerCore* core, int fd, unsigned int mask) {
@@ -116,53 +110,6 @@ void CSockTable::Resume(const CHandlerCore* core, int fd) {
         watch->resting = 0;
         arm_locked(shard, *find_locked(shard, fd), nullptr);
     }
-}
-
-int CSockTable::WaitWritable(int fd, const std::shared_ptr<IWriteListener>& listener) {
-    CShard& shard = shard_of(fd);
-    Ostra::CGuard guard(shard.mutex);
-    CEntry* entry = find_or_make_locked(shard, fd);
-    if (entry == nullptr) {
-        return -1;
-    }
-    auto& listeners = entry->listeners;
-    if (std::find(listeners.begin(), listeners.end(), listener) != listeners.end()) {
-        return 0;
-    }
-    if (listeners.size() < MAX_WATCHES) {
-        try {
-            listeners.push_back(listener);
-        } catch (const std::bad_alloc&) {
-            drop_if_unused_locked(shard, *entry);
-            return -1;
-        }
-        if (arm_locked(shard, *entry, listener.get()) == 0) {
-            return 0;
-        }
-        listeners.pop_back();
-    }
-    drop_if_unused_locked(shard, *entry);
-    return -1;
-}
-
-int CSockTable::CancelWritable(int fd, const IWriteListener* listener) {
-    std::shared_ptr<IWriteListener> found;  // let go after the lock
-    CShard& shard = shard_of(fd);
-    Ostra::CGuard guard(shard.mutex);
-    CEntry* entry = find_locked(shard, fd);
-    if (entry == nullptr) {
-        return -1;
-    }
-    for (auto& candidate : entry->listeners) {
-        if (candidate.get() == listener) {
-            found.swap(candidate);
-            candidate.swap(entry->listeners.back());
-            entry->listeners.pop_back();
-            drop_if_unused_locked(shard, *entry);
-            return 0;
-        }
-    }
-    return -1;
 }
 
 // What the poller is armed for stays as it is: an event that nobody wants any more costs one look and then silence.
@@ -197,14 +144,12 @@ int CSockTable::Remove(const CHandlerCore* core, int fd) {
 }
 
 void CSockTable::Forget(int fd) {
-    std::vector<std::shared_ptr<IWriteListener>> listeners;  // let go after the lock
     CShard& shard = shard_of(fd);
     Ostra::CGuard guard(shard.mutex);
     CEntry* entry = find_locked(shard, fd);
     if (entry == nullptr) {
         return;
     }
-    listeners.swap(entry->listeners);
     for (const CWatch& watch : entry->watches) {
         m_timers.Cancel(watch.timer);
     }
@@ -216,8 +161,6 @@ void CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
     std::shared_ptr<CHandlerCore> cores[MAX_WATCHES];
     uint64_t serials[MAX_WATCHES];
     size_t core_count = 0;
-    std::shared_ptr<IWriteListener> listeners[MAX_WATCHES];
-    size_t listener_count = 0;
     {
         CShard& shard = shard_of(event.fd);
         Ostra::CGuard guard(shard.mutex);
@@ -239,22 +182,12 @@ void CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
                 serials[core_count++] = watch.serial;
             }
         }
-        if ((event.events & (POLL_WRITE | POLL_ERROR)) != 0) {
-            for (auto& listener : entry->listeners) {
-                listeners[listener_count++].swap(listener);
-            }
-            entry->listeners.clear();
-        }
         arm_locked(shard, *entry, nullptr);
-        drop_if_unused_locked(shard, *entry);
     }
     for (size_t i = 0; i < core_count; ++i) {
         if (!cores[i]->PostSock(event.fd, serials[i])) {
             unqueue(cores[i].get(), event.fd, serials[i]);
         }
-    }
-    for (size_t i = 0; i < listener_count; ++i) {
-        listeners[i]->OnWritable(event.fd);
     }
 }
 
@@ -389,10 +322,14 @@ CSockTable::CEntry* CSockTable::find_locked(CShard& shard, int fd) {
     return place < shard.entries.size() ? shard.entries[place].get() : nullptr;
 }
 
+// Null without a poller, or if memory is short.
 CSockTable::CEntry* CSockTable::find_or_make_locked(CShard& shard, int fd) {
+    if (shard.poller == nullptr) {
+        return nullptr;
+    }
     CEntry* found = find_locked(shard, fd);
-    if (found != nullptr || shard.poller == nullptr) {
-        return shard.poller == nullptr ? nullptr : found;
+    if (found != nullptr) {
+        return found;
     }
     const size_t place = static_cast<size_t>(fd) / SHARDS;
     try {
@@ -423,23 +360,27 @@ CSockTable::CWatch* CSockTable::find_watch_locked(CShard& shard, const CHandlerC
     return nullptr;
 }
 
-CSockTable::CWatch* CSockTable::find_or_add_watch(CEntry& entry, const std::shared_ptr<CHandlerCore>& core) {
-    for (CWatch& watch : entry.watches) {
-        if (watch.core == core) {
-            return &watch;
-        }
-    }
-    if (entry.watches.size() >= MAX_WATCHES) {
+// The watch of `core`, which may be new; null without a poller, if memory is short, or if the descriptor has all its
+// watches.
+CSockTable::CWatch* CSockTable::find_or_add_watch_locked(CShard& shard, const std::shared_ptr<CHandlerCore>& core,
+                                                         int fd) {
+    CEntry* entry = find_or_make_locked(shard, fd);
+    if (entry == nullptr) {
         return nullptr;
+    }
+    CWatch* found = find_watch_locked(shard, core.get(), fd, 0);
+    if (found != nullptr || entry->watches.size() >= MAX_WATCHES) {
+        return found;
     }
     try {
-        entry.watches.emplace_back();
+        entry->watches.emplace_back();
     } catch (const std::bad_alloc&) {
+        drop_if_unused_locked(shard, *entry);
         return nullptr;
     }
-    entry.watches.back().core = core;
-    entry.watches.back().serial = m_next_serial.fetch_add(1);
-    return &entry.watches.back();
+    entry->watches.back().core = core;
+    entry->watches.back().serial = m_next_serial.fetch_add(1);
+    return &entry->watches.back();
 }
 
 // A later deadline needs no word to the queue: OnDeadline looks at the stamps and sets the next one.
@@ -471,7 +412,7 @@ void CSockTable::drop_watch_locked(CShard& shard, CEntry& entry, const CWatch* w
     drop_if_unused_locked(shard, entry);
 }
 
-void CSockTable::drop_others(CEntry& entry, const void* kept) {
+void CSockTable::drop_others(CEntry& entry, const CHandlerCore* kept) {
     const auto is_stale = [this, kept](const CWatch& watch) {
         return watch.core.get() != kept && (m_timers.Cancel(watch.timer), true);
     };
@@ -480,7 +421,7 @@ void CSockTable::drop_others(CEntry& entry, const void* kept) {
 }
 
 void CSockTable::drop_if_unused_locked(CShard& shard, CEntry& entry) {
-    if (!entry.watches.empty() || !entry.listeners.empty()) {
+    if (!entry.watches.empty()) {
         return;
     }
     if (entry.polled && shard.poller != nullptr) {
@@ -489,11 +430,20 @@ void CSockTable::drop_if_unused_locked(CShard& shard, CEntry& entry) {
     shard.entries[static_cast<size_t>(entry.fd) / SHARDS].reset();
 }
 
-// Arms the poller for what is wanted and not being handled. `registering` is the core or listener that does so just
-// now; the poller is then asked in any case, because it knows whether the file is still the one that the entry was made
-// for.
-int CSockTable::arm_locked(CShard& shard, CEntry& entry, const void* registering) {
-    unsigned int needed = entry.listeners.empty() ? 0 : static_cast<unsigned int>(SOCK_EVENT_WRITE);
+// Arms the poller for what `core` has registered just now; without success its watch goes. 0 or -1.
+int CSockTable::arm_new_locked(CShard& shard, const CHandlerCore* core, int fd) {
+    CEntry* entry = find_locked(shard, fd);
+    if (arm_locked(shard, *entry, core) == 0) {
+        return 0;
+    }
+    drop_watch_locked(shard, *entry, find_watch_locked(shard, core, fd, 0));
+    return -1;
+}
+
+// Arms the poller for what is wanted and not being handled. `registering` is the core that registers just now, or null;
+// the poller is then asked in any case, because it knows whether the file is still the one that the entry was made for.
+int CSockTable::arm_locked(CShard& shard, CEntry& entry, const CHandlerCore* registering) {
+    unsigned int needed = 0;
     for (const CWatch& watch : entry.watches) {
         needed |= ((watch.mask & ~watch.resting) | watch.once) & ~watch.pending;
     }

@@ -15,7 +15,6 @@ namespace Kavio {
 namespace Tramel {
 
 class CHandlerCore;
-class IWriteListener;
 
 // CSockTable: who watches which descriptor.
 //
@@ -24,12 +23,11 @@ class IWriteListener;
 // concern, after the callback for the others. Each watch has a serial that is never used again, so that a delivery that
 // is under way for a watch that has gone finds nothing.
 //
-// THREADING  All operations: any thread. The table is cut into shards, each with its own lock. Cores and listeners are
-// called
-//            with no lock held. Lock order: a core's mutex, then a shard's, then the timer queue's.
+// THREADING  All operations: any thread. The table is cut into shards, each with its own lock. Cores are called with no
+//            lock held. Lock order: a core's mutex, then a shard's, then the timer queue's.
 class CSockTable {
 public:
-    // At most that many handlers, and that many listeners, for one descriptor.
+    // At most that many handlers for one descriptor.
     static constexpr size_t MAX_WATCHES = 8;
 
     // What a delivery is to call: sets of sock_event_mask_t.
@@ -52,13 +50,10 @@ public:
     // See CReactor::Rest and Resume.
     int Rest(const CHandlerCore* core, int fd, unsigned int mask);
     void Resume(const CHandlerCore* core, int fd);
-    // See CReactor::WaitWritable and CancelWritable.
-    int WaitWritable(int fd, const std::shared_ptr<IWriteListener>& listener);
-    int CancelWritable(int fd, const IWriteListener* listener);
     // Takes out all watches of a descriptor that is about to be closed.
     void Forget(int fd);
 
-    // An event of the poller: queues it with the cores that watch for it and tells the listeners.
+    // An event of the poller: queues it with the cores that watch for it.
     void OnEvent(const CPollEvent& event, uint64_t now);
     // The deadline of a watch has come: queues the time-outs that are really due and sets the next deadline.
     void OnDeadline(const std::shared_ptr<CHandlerCore>& core, int fd, uint64_t serial, uint64_t now);
@@ -89,13 +84,13 @@ private:
         uint64_t last[KINDS] = {};
     };
 
+    // Never without a watch while it stands in the table.
     struct CEntry {
         int fd = -1;
         uint32_t generation = 0;
         bool polled = false;     // the poller has it
         unsigned int armed = 0;  // what the poller is armed for at least
         std::vector<CWatch> watches;
-        std::vector<std::shared_ptr<IWriteListener>> listeners;
     };
 
     struct CShard {
@@ -111,12 +106,14 @@ private:
     CEntry* find_or_make_locked(CShard& shard, int fd) VIDORA_REQUIRES(shard.mutex);
     CWatch* find_watch_locked(CShard& shard, const CHandlerCore* core, int fd, uint64_t serial)
         VIDORA_REQUIRES(shard.mutex);
-    CWatch* find_or_add_watch(CEntry& entry, const std::shared_ptr<CHandlerCore>& core);
+    CWatch* find_or_add_watch_locked(CShard& shard, const std::shared_ptr<CHandlerCore>& core, int fd)
+        VIDORA_REQUIRES(shard.mutex);
     int set_timeout(CWatch& watch, int fd, uint64_t timeout, uint64_t now);
     void drop_watch_locked(CShard& shard, CEntry& entry, const CWatch* watch) VIDORA_REQUIRES(shard.mutex);
     void drop_if_unused_locked(CShard& shard, CEntry& entry) VIDORA_REQUIRES(shard.mutex);
-    void drop_others(CEntry& entry, const void* kept);
-    int arm_locked(CShard& shard, CEntry& entry, const void* registering) VIDORA_REQUIRES(shard.mutex);
+    void drop_others(CEntry& entry, const CHandlerCore* kept);
+    int arm_new_locked(CShard& shard, const CHandlerCore* core, int fd) VIDORA_REQUIRES(shard.mutex);
+    int arm_locked(CShard& shard, CEntry& entry, const CHandlerCore* registering) VIDORA_REQUIRES(shard.mutex);
     void unqueue(const CHandlerCore* core, int fd, uint64_t serial);
     static void note_event(CWatch& watch, unsigned int fired, unsigned int poll_events, uint64_t now);
 

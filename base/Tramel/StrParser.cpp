@@ -74,8 +74,8 @@ int CStrParser::locate(const char* text, unsigned int end, bool any_case) {
     if (text == nullptr) {
         return -1;
     }
-    const size_t found = any_case ? FindTextCase(cursor(), end - m_offset, text, std::strlen(text))
-                                  : FindText(cursor(), end - m_offset, text, std::strlen(text));
+    const auto find = any_case ? &FindTextCase : &FindText;
+    const size_t found = find(cursor(), end - m_offset, text, std::strlen(text));
     if (found == TEXT_NOT_FOUND) {
         return -1;
     }
@@ -303,24 +303,29 @@ int CStrParser::CompareCase(const char* text) const {
     return size <= left() && EqualCase(cursor(), text, size) ? 0 : -1;
 }
 
-unsigned char* CStrParser::MemMem(unsigned char* haystack, int haystack_length, unsigned char* needle,
-                                  int needle_length) {
+namespace {
+
+unsigned char* find_bytes(unsigned char* haystack, int haystack_length, unsigned char* needle, int needle_length,
+                          bool any_case) {
     if (haystack == nullptr || needle == nullptr || haystack_length < 1 || needle_length < 1) {
         return nullptr;
     }
-    const size_t found = FindText(reinterpret_cast<char*>(haystack), static_cast<size_t>(haystack_length),
-                                  reinterpret_cast<char*>(needle), static_cast<size_t>(needle_length));
+    const auto find = any_case ? &FindTextCase : &FindText;
+    const size_t found = find(reinterpret_cast<char*>(haystack), static_cast<size_t>(haystack_length),
+                              reinterpret_cast<char*>(needle), static_cast<size_t>(needle_length));
     return found != TEXT_NOT_FOUND ? haystack + found : nullptr;
+}
+
+}  // namespace
+
+unsigned char* CStrParser::MemMem(unsigned char* haystack, int haystack_length, unsigned char* needle,
+                                  int needle_length) {
+    return find_bytes(haystack, haystack_length, needle, needle_length, false);
 }
 
 unsigned char* CStrParser::MemMemCase(unsigned char* haystack, int haystack_length, unsigned char* needle,
                                       int needle_length) {
-    if (haystack == nullptr || needle == nullptr || haystack_length < 1 || needle_length < 1) {
-        return nullptr;
-    }
-    const size_t found = FindTextCase(reinterpret_cast<char*>(haystack), static_cast<size_t>(haystack_length),
-                                      reinterpret_cast<char*>(needle), static_cast<size_t>(needle_length));
-    return found != TEXT_NOT_FOUND ? haystack + found : nullptr;
+    return find_bytes(haystack, haystack_length, needle, needle_length, true);
 }
 
 }  // namespace Tramel

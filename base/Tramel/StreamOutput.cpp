@@ -1,10 +1,13 @@
 #include "Tramel/StreamOutput.h"
 
+#include <linux/sockios.h>
+#include <sys/ioctl.h>
 #include <sys/socket.h>
 
 #include <cerrno>
 #include <cstring>
 
+#include "Tramel/SockDetail.h"
 #include "Vidora/Ostra/Time.h"
 #include "Vidora/Tramel/Sock.h"
 
@@ -103,9 +106,7 @@ void CStreamOutput::SetLimit(unsigned int bytes, unsigned int age_ms) {
 
 int CStreamOutput::SendText(const char* text, unsigned int length) {
     CGuard guard(m_mutex);
-    if (m_full && m_watching == nullptr) {
-        flush_locked();
-    }
+    flush_unwatched_locked();
     if (m_failed) {
         return -1;
     }
@@ -161,9 +162,7 @@ uint64_t CStreamOutput::SendMedia(const CUnitBatch& batch, uint64_t from_sequenc
 }
 
 uint64_t CStreamOutput::send_media_locked(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots) {
-    if (m_full && m_watching == nullptr) {
-        flush_locked();
-    }
+    flush_unwatched_locked();
     if (m_failed) {
         return 0;
     }
@@ -329,17 +328,32 @@ int64_t CStreamOutput::write_locked(const struct iovec* parts, unsigned int coun
     if (sent >= 0) {
         return sent;
     }
-    if (errno == EAGAIN || errno == EWOULDBLOCK) {
+    if (IsWouldBlock(errno)) {
         return 0;
     }
     fail_locked();
     return -1;
 }
 
+uint64_t CStreamOutput::Unsent() {
+    CGuard guard(m_mutex);
+    if (m_failed) {
+        return 0;
+    }
+    int in_socket = 0;
+    ioctl(m_sock->GetHandle(), SIOCOUTQ, &in_socket);  // left at 0 on failure
+    return m_media_cost + m_text_cost - m_begun + static_cast<uint64_t>(in_socket);
+}
+
 void CStreamOutput::OnWritable() {
     CGuard guard(m_mutex);
     m_watching = nullptr;
-    if (m_failed) {
+    flush_unwatched_locked();
+}
+
+// Goes on with what waits: there is room, or nobody could watch for it so far, as there was no pool.
+void CStreamOutput::flush_unwatched_locked() {
+    if (!m_full || m_watching != nullptr || m_failed) {
         return;
     }
     flush_locked();

@@ -86,6 +86,9 @@ public:
     // Sends, queues or drops the units of `batch` whose sequence is at least `from_sequence` and whose slot is in
     // `slots`. The set of the units (bit by index) that were not dropped.
     uint64_t SendMedia(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots);
+    // How much the peer's system hasn't taken: about the bytes that wait here, and those that the socket has. 0 if the
+    // queue has failed.
+    uint64_t Unsent();
 
     // A watch that a face began has ended: there is room to write. A call too many does no harm.
     void OnWritable();
@@ -110,6 +113,7 @@ private:
     void uncount_locked(const COutputUnit& unit) VIDORA_REQUIRES(m_mutex);
 
     int64_t write_locked(const struct iovec* parts, unsigned int count) VIDORA_REQUIRES(m_mutex);
+    void flush_unwatched_locked() VIDORA_REQUIRES(m_mutex);
     void flush_locked() VIDORA_REQUIRES(m_mutex);
     bool flush_once_locked() VIDORA_REQUIRES(m_mutex);
     void begin_waiting_locked() VIDORA_REQUIRES(m_mutex);

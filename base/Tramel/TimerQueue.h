@@ -28,8 +28,7 @@ struct CTimerTarget {
 // moves with every packet don't tell the queue: they let it come, look at their own stamp and rearm.
 //
 // THREADING  All operations: any thread. Times are microseconds of CEpollPoller::Now(), or any other for a queue
-// without a
-//            poller.
+//            without a poller.
 class CTimerQueue {
 public:
     static constexpr uint64_t NO_DEADLINE = UINT64_MAX;

@@ -13,7 +13,10 @@ namespace Vidora {
 // back with Release.
 //
 // THREADING  GetChallenge and ProcessChallenge run on a pool thread, never twice at once for one module. The result
-//            callback may be called inside the call or later, on any thread, once for each call, and not after Release.
+//            callback may be called inside the call or later, on any thread, once for each call. It leads into the
+//            session, which ends right after Release: Release returns only when no callback runs, and none is made
+//            after it. A callback that is made while Release runs is harmless, and so Release may wait for a thread of
+//            the module's.
 class VIDORA_API IAuthModule {
 public:
     enum auth_result_t {
@@ -29,16 +32,18 @@ public:
     IAuthModule& operator=(const IAuthModule&) { return *this; }
     virtual ~IAuthModule() = default;
 
-    // Disposes of the module; the library doesn't touch it again.
+    // Disposes of the module; the library doesn't touch it again. See THREADING.
     virtual void Release() = 0;
 
     // Asks for a challenge. `method_or_url`: the URL of the request; `info`: the peer's IP address as text; both are
     // valid during the call. `kind`: 2000. The answer goes to `result` with the value of a WWW-Authenticate header (RFC
-    // 2617 3.2.1), or the reason of a refusal. 0, or negative on failure. The base gives -1.
+    // 2617 3.2.1), or the reason of a refusal. 0, or negative on failure, which the session doesn't look at: a
+    // module that doesn't answer leaves the client waiting until its time-out. The base gives -1.
     virtual int GetChallenge(const char* method_or_url, result_proc_t result, const char* info, int kind);
 
-    // Judges a response. `response`: the method, the URL and the value of the Authorization header as the session
-    // passes them; valid during the call. 0, or negative on failure. The base gives -1.
+    // Judges a response. `response`: the value of the Authorization header (RFC 2617 3.2.2), with ".OnvifInterDomain"
+    // behind it if the URL is of ONVIF's form: users of another table may be meant. Valid during the call. `kind`:
+    // 2000. 0, or negative on failure. The base gives -1.
     virtual int ProcessChallenge(const char* response, result_proc_t result, int kind);
 };
 

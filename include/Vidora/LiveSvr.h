@@ -22,7 +22,8 @@ class CLiveChannel;
 // OWNERSHIP  From a successful AddLiveChannel on the registry owns channel and source and closes them: the channel at
 //            DelLiveChannel, the source with its last channel, and all of them at Close. It dies by Close, never by
 //            delete. Sinks are borrowed: who enters leaves before the sink dies, and takes it off the channel's
-//            buffer itself if the channel was deleted meanwhile, under the reference that it holds.
+//            buffer itself if the channel was deleted meanwhile, under the reference that it holds. So it enters no
+//            channel but the one that it has the reference on.
 class VIDORA_API CLiveSvr : public CNetHandler {
 public:
     // `notify_id`: the handler that gets the messages of channels and sources, with a pointer to the channel's name as
@@ -43,6 +44,12 @@ public:
     int EnterLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type);
     int LeaveLiveChannel(const char* content, CMediaStreamSender* sink, packet_type_t packet_type);
     int LeaveLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type);
+    // EnterLiveChannel for a caller that holds a reference on `only`. If another channel has its name by now the result
+    // is -1, and nothing is attached. Null: any channel.
+    int EnterLiveChannel(const char* content, CMediaStreamSender* sink, packet_type_t packet_type,
+                         const CLiveChannel* only);
+    int EnterLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type,
+                         const CLiveChannel* only);
     // Asks the channel's source for its stream information anew.
     int UpdataLiveChannel(const char* content, long arg);
 

@@ -143,6 +143,11 @@ TEST_F(LiveTest, SinksEnterAndLeave) {
     EXPECT_EQ(1, m_source->m_running[PACKET_TYPE_RTP]);
     EXPECT_EQ(0, m_svr->LeaveLiveChannel("c", &sink, PACKET_TYPE_RTP));
     EXPECT_EQ(0, m_source->m_running[PACKET_TYPE_RTP]);
+    // Another channel has the name of the one that the caller knows.
+    CLiveChannel* const known = CLiveChannel::Create();
+    EXPECT_EQ(-1, m_svr->EnterLiveChannel("c", &sink, PACKET_TYPE_RTP, known));
+    EXPECT_EQ(0, m_source->m_running[PACKET_TYPE_RTP]);
+    known->Close();
     // Null counts as a user without a sink, and leaving as null asks for no entry.
     EXPECT_EQ(0, m_svr->EnterLiveChannel("c", none, PACKET_TYPE_TS));
     EXPECT_EQ(0, m_svr->LeaveLiveChannel("c", none, PACKET_TYPE_TS));

@@ -49,6 +49,12 @@ TEST(Log, DefaultSinkTagsLinesKeepsErrnoAndHidesWhatIsBelowTheLevel) {
     EXPECT_EQ("[Vidora] A.cpp:7 first\n[Vidora] no newline\n", text);
 }
 
+TEST(Log, ControlCharactersOfAPeerAreMasked) {
+    Support::CLogCapture log;
+    logError("%s", "a\x1b[2J\x7f\tb\r\n\xc3\xa9");
+    EXPECT_EQ("a?[2J?\tb\r\n\xc3\xa9", log.Lines().at(0));
+}
+
 TEST(Log, LongLineIsCutAndStillEnds) {
     const std::string text = stderr_of([] { logError("%s\n", std::string(5000, 'x').c_str()); });
     EXPECT_EQ("[Vidora] " + std::string(2048, 'x') + "\n", text);

@@ -14,7 +14,7 @@ const char BAD[] = "Authorization: Basic bad\r\n";
 
 // How the modules that the factory makes behave, and what they have seen.
 struct ModuleState {
-    std::atomic<int> delay_ms{-1};  // -1: answers inside the call
+    std::atomic<int> delay_ms{-1};  // -1: answers inside the call; -2: inside Release
     std::atomic<int> first{IAuthModule::AUTH_RESULT_CHALLENGE};
     std::atomic<int> challenges{0};
     std::atomic<int> responses{0};
@@ -31,6 +31,9 @@ public:
         }
     }
     void Release() override {
+        if (!m_late.empty()) {
+            m_late(AUTH_RESULT_OK, nullptr);
+        }
         ++g_module.released;
         delete this;
     }
@@ -56,6 +59,10 @@ public:
 private:
     int answer(result_proc_t result, auth_result_t value, const char* text) {
         const int delay = g_module.delay_ms;
+        if (delay == -2) {
+            m_late = result;
+            return 0;
+        }
         if (delay < 0) {
             result(value, text);
             return 0;
@@ -70,6 +77,7 @@ private:
         return 0;
     }
     std::thread m_thread;
+    result_proc_t m_late;
 };
 
 IAuthModule* MakeModule(rtsp_auth_t type) {
@@ -178,8 +186,8 @@ TEST_F(Authentication, AFactoryWithoutAModuleLeavesTheSessionFree) {
 
 TEST_F(Authentication, AConnectionThatGoesWhileTheModuleThinks) {
     Start();
-    g_module.delay_ms = 50;
     for (int i = 0; i < 10; ++i) {
+        g_module.delay_ms = i % 2 == 0 ? 50 : -2;
         CRtspTestClient client(m_port);
         client.Send(client.Request("DESCRIBE", Url()));
         Support::WaitUntil([&] { return g_module.challenges > i; });

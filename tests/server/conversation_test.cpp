@@ -1,3 +1,4 @@
+#include "Protocol/SdpParser.h"
 #include "server/ServerFixture.h"
 #include "support/UdpPeer.h"
 
@@ -6,6 +7,29 @@ namespace Vidora {
 namespace {
 
 using Support::CUdpPeer;
+
+// A source of one medium that the client would have to send.
+class CListeningSource : public CDataSource {
+public:
+    int Init(long, int) override { return 0; }
+    void AddNotify(long) override {}
+    void DelNotify(long) override {}
+    int Play(const UtcTime&, const UtcTime&, float, bool) override { return 0; }
+    int Play(uint64_t, uint64_t, float, bool) override { return 0; }
+    int Pause() override { return 0; }
+    int StartStreaming(packet_type_t, CMediaBuffer*, int) override { return 0; }
+    int StopStreaming(packet_type_t) override { return 0; }
+    using CDataSource::GetSdp;
+    int GetSdp(CSdpParser& sdp) override {
+        return sdp.set_media_attribute(sdp.add_media("audio", 0, 1, "RTP/AVP", "8"), "sendonly", nullptr);
+    }
+    int GetSrcInfo(SrcInfo&, int) override { return 0; }
+    int GetPlayRange(UtcTime&, UtcTime&) override { return 0; }
+    int GetPlayRange(uint64_t&, uint64_t&) override { return 0; }
+    int GetTcpChannel(int) override { return 0; }
+    unsigned int GetSSRC(int) override { return 0; }
+    int handle_close(CNetHandler*) override { return delete this, 0; }
+};
 
 class Conversation : public CServerTest {};
 
@@ -119,6 +143,30 @@ TEST_F(Conversation, SetupRefusesWhatItCantServe) {
     }
 }
 
+TEST_F(Conversation, PlayWithoutAnyTrackThatWasSetUpIsRefusedAloud) {
+    StartServer();
+    m_source = new CListeningSource;
+    ShareChannel(LIVE_NAME);
+    CRtspTestClient client(m_port);
+    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
+    EXPECT_EQ(503, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
+    EXPECT_EQ(455, client.Ask("PLAY", Url()).status);
+    EXPECT_EQ(455, client.Ask("PLAY", Url()).status);  // the state stays
+    EXPECT_EQ(200, client.Ask("TEARDOWN", Url() + "/trackID=0").status);
+    EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
+}
+
+TEST_F(Conversation, ARefusedTransportLeavesTheOneThatWasSetUp) {
+    CFakeStreamSource* source = StartWithChannel();
+    CRtspTestClient client(m_port);
+    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
+    ASSERT_EQ(200, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
+    EXPECT_EQ(461, client.Ask("SETUP", Url() + "/trackID=0", "Transport: RTP/AVP;unicast;client_port=0-1\r\n").status);
+    ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
+    ASSERT_TRUE(Give(source, 10));
+    EXPECT_EQ(0, client.Frame().channel);
+}
+
 TEST_F(Conversation, PrivateFramesTravelWithTheirOwnHeader) {
     CFakeStreamSource* source = StartWithChannel();
     CRtspTestClient client(m_port);
@@ -159,10 +207,24 @@ TEST_F(Conversation, DataSourceAnswersLaterSeeksPausesAndEnds) {
     EXPECT_EQ(200, client.Reply().status);
     EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
 
-    // The source's end closes the connection, without a message.
+    // The source's end closes the connection, without a message, behind the last picture: also of a client with little
+    // room that goes on sending reports, which would tear down a connection that is closed with bytes on their way.
     CRtspTestClient other(m_port);
+    const int room = 65536;
+    setsockopt(other.Fd(), SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
     PlayInterleaved(other, content);
+    Support::FrameSpec spec;
+    spec.type = 'I';
+    spec.payload = Support::H264Picture(true, 3000000, 1);
+    ASSERT_TRUE(Support::WaitUntil([&] { return CFakeStreamSource::Last()->Give(Support::BuildFrame(spec)); }));
     CFakeStreamSource::Last()->Tell(MSG_SRC_END);
+    size_t bytes = 0;
+    for (RtspFrame frame = other.Frame(); frame.channel == 0; frame = other.Frame()) {
+        bytes += frame.data.size();
+        other.Send(std::string("$\1\0\4\x80\xc9\0\0", 8));
+        usleep(100);
+    }
+    EXPECT_LT(3000000u, bytes);
     EXPECT_TRUE(other.Closed());
     client.Close();
     EXPECT_TRUE(SessionsGone());
@@ -198,6 +260,12 @@ TEST_F(Conversation, MulticastChannelIsOfferedAsSuch) {
         other.Close();
         EXPECT_TRUE(SessionsGone(1));
     }
+    // PLAY after a refused SETUP is answered, and its user is counted in and out like any other.
+    CRtspTestClient refused(m_port);
+    ASSERT_EQ(200, refused.Ask("DESCRIBE", Url()).status);
+    ASSERT_EQ(461, refused.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
+    EXPECT_EQ(200, refused.Ask("PLAY", Url()).status);
+    EXPECT_EQ(200, refused.Ask("TEARDOWN", Url()).status);
     EXPECT_EQ(0, source->CountCalls("Stop"));
     client.Send(client.Request("SETUP", Url() + "/trackID=0",
                                "Transport: RTP/AVP;multicast;destination=239.1.2.3;port=4000-4001;ttl=4\r\n"));

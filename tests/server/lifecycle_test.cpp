@@ -309,6 +309,14 @@ TEST_F(Lifecycle, EventsTellOfComingGoingAndLoss) {
     }
     const std::string lost = "lost 127.0.0.1 channel 1 subtype 0 size " + std::to_string(sizeof(LostPacketEvent));
     EXPECT_TRUE(Support::WaitUntil([&] { return CEventLog::Count(lost) == 2; }));
+    // Another source counts its frames anew.
+    CFakeStreamSource* second = AddChannel(CHANNEL_2);
+    EXPECT_EQ(200, client.Ask("TEARDOWN", Url()).status);
+    PlayInterleaved(client, CHANNEL_2);
+    ASSERT_TRUE(Give(second, 500));
+    while (client.Frame().channel != 0) {
+    }
+    EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
     client.Close();
     EXPECT_TRUE(SessionsGone());
     EXPECT_EQ(2, CEventLog::Count("disconnected 127.0.0.1"));  // twice, on purpose
@@ -321,6 +329,17 @@ TEST_F(Lifecycle, EventsTellOfComingGoingAndLoss) {
     file.Close();
     EXPECT_TRUE(SessionsGone());
     EXPECT_EQ(1, CEventLog::Count("disconnected 127.0.0.1"));  // once with a data source
+}
+
+TEST_F(Lifecycle, TimeOutOfZeroMeansNone) {
+    StartWithTimeout(0);
+    AddChannel();
+    Support::CLogCapture log;
+    CRtspTestClient client(m_port);
+    CUdpPeer rtp;
+    EXPECT_TRUE(Play(client, UdpTransport(rtp.Port())).Holds(";timeout=60\r\n"));  // clients needn't hurry
+    EXPECT_FALSE(client.Closed(1500));
+    EXPECT_EQ(0, log.Count("keep-alive"));
 }
 
 TEST_F(Lifecycle, TimeOutsAndReports) {

@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "RtpUdpSender.h"
+#include "UdpPortTable.h"
 #include "UdpSockPair.h"
 #include "Vidora/RtspSvrConfig.h"
 #include "Vidora/Types.h"
@@ -118,6 +119,68 @@ TEST_F(UdpSender, RefusesWhenTheRangeIsTakenAndRecoversWhenAPortIsFreed) {
     foreign.reset();
     EXPECT_EQ(31400, OpenPair(m_sender, 4000, 0));
     EXPECT_EQ(-1, OpenPair(m_sender, 4000, 2));
+
+    std::vector<std::unique_ptr<CUdpPeer>> others;
+    for (int i = 0; i < 10; ++i) {
+        others.push_back(std::make_unique<CUdpPeer>(31420 + 2 * i));
+        ASSERT_TRUE(others.back()->Bound());
+    }
+    CUdpSockPair pair;
+    int port = 0;
+    EXPECT_EQ(-1, pair.OpenInRange(31420, 31440, 1, &port));
+    EXPECT_EQ(31438, port);
+    others[8].reset();
+    EXPECT_EQ(0, pair.OpenInRange(31420, 31440, 1, &port));  // though it was just seen to be taken
+    EXPECT_EQ(31436, port);
+}
+
+TEST(UdpPortTable, PassesOverWhatOthersHaveForAShortTimeAndByFamily) {
+    CUdpPortTable table;
+    const auto reserve = [&table](int first, int limit, int family, uint64_t now_ms, int retries) {
+        return table.Reserve(first, limit, family, now_ms, &retries);
+    };
+    for (int port = 5000; port < 5400; port += 2) {  // others have 200 pairs
+        ASSERT_EQ(port, reserve(5000, 6000, 1, 1000, 0));
+        table.ReleaseTaken(port, 1, 1000);
+    }
+    const struct {
+        int first;
+        int limit;
+        int family;
+        uint64_t now_ms;
+        int retries;
+        int port;
+    } rows[] = {
+        {5000, 6000, 1, 1000, 0, 5400},      {5000, 6000, 1, 1099, 1, 5000},  // tried all the same
+        {5000, 5400, 1, 1099, 0, -1},        {5398, 5398, 1, 1099, 0, -1},
+        {5398, 5398, 1, 1099, 1, 5398},  // the first pair, whatever the limit
+        {5000, 6000, 2, 1099, 0, 5000},  // IPv6
+        {5000, 6000, 1, 1199, 0, 5400},  // still remembered,
+        {5000, 6000, 1, 1300, 0, 5000},  // and forgotten
+        {65534, 1 << 30, 1, 1300, 0, 65534}, {0, 0, 1, 1300, 0, 0},
+    };
+    for (const auto& row : rows) {
+        const int port = reserve(row.first, row.limit, row.family, row.now_ms, row.retries);
+        EXPECT_EQ(row.port, port) << row.first << " at " << row.now_ms;
+        if (port >= 0) {
+            EXPECT_EQ(-1, reserve(port, port, row.family, row.now_ms, 1)) << "not held";
+            table.Release(port);
+        }
+    }
+}
+
+TEST_F(UdpSender, AThousandPairsCostNoSearchBySystemCalls) {
+    std::vector<std::unique_ptr<CUdpSockPair>> pairs;
+    int port = 0;
+    for (int i = 0; i < 1000; ++i) {
+        pairs.push_back(std::make_unique<CUdpSockPair>());
+        ASSERT_EQ(0, pairs.back()->OpenInRange(24000, 27000, 1, &port));
+        ASSERT_LE(24000 + 2 * i, port);
+    }
+    pairs[10].reset();
+    CUdpSockPair again;
+    ASSERT_EQ(0, again.OpenInRange(24000, 27000, 1, &port));
+    EXPECT_GT(24100, port);  // the freed one, not the one behind the last
 }
 
 TEST_F(UdpSender, SendsEachPacketOfAMergedFrameToItsTracksPort) {

@@ -12,8 +12,7 @@
 // FramePump: a thread that calls a step function at the times that the function itself names.
 //
 // THREADING  Start, Stop and Wake: any thread, also from two at once; not from inside the step. No step runs or starts
-// after
-//            Stop has returned. The step runs with no lock of the pump held.
+//            after Stop has returned. The step runs with no lock of the pump held.
 class FramePump {
 public:
     typedef std::chrono::steady_clock Clock;

@@ -15,8 +15,6 @@ namespace {
 
 // Above this rate, and backwards, only key frames go out.
 const float MAX_FULL_SPEED = 4.0F;
-// The end is told so long after the last frame, as it closes the session: what is on its way arrives first.
-const std::chrono::milliseconds END_DELAY(500);
 
 }  // namespace
 
@@ -187,15 +185,14 @@ RecordingSource::Clock::time_point RecordingSource::step(Clock::time_point now) 
         }
         skip_unsent_locked();
         if (is_at_end_locked()) {
-            const Clock::time_point end_due = m_last_given + END_DELAY;
-            if (m_ended || now < end_due) {
-                return m_ended ? far_away : end_due;
+            if (!m_ended) {
+                m_ended = true;
+                const FrameEntry last = m_recording->Frames().back();
+                const double pts_ms = m_last_pts_ms + 1.0;
+                lock.unlock();
+                give(last, pts_ms, true);
+                return far_away;
             }
-            m_ended = true;
-            const FrameEntry last = m_recording->Frames().back();
-            const double pts_ms = m_last_pts_ms + 1.0;
-            lock.unlock();
-            give(last, pts_ms, true);
             return far_away;
         }
         const FrameEntry entry = m_recording->Frames()[static_cast<size_t>(m_index)];
@@ -207,7 +204,6 @@ RecordingSource::Clock::time_point RecordingSource::step(Clock::time_point now) 
         m_index += m_speed < 0.0F ? -1 : 1;
         m_last_pts_ms = std::max(due_ms, m_last_pts_ms);
         const double pts_ms = m_last_pts_ms;
-        m_last_given = now;
         lock.unlock();
         give(entry, pts_ms, false);
         lock.lock();

@@ -68,7 +68,6 @@ private:
     Clock::time_point m_anchor_time;
     double m_anchor_ms = 0.0;
     double m_last_pts_ms = -1.0;
-    Clock::time_point m_last_given;   // when the last frame went out
     uint32_t m_sequence[2] = {0, 0};  // of video and audio
     int m_packet_state = 0;           // touched by the pump's thread only
 };

@@ -19,8 +19,8 @@ enum log_level_t {
 };
 
 // Receives each line that the level shows. `text` holds `length` bytes with a final NUL, without the tag, and ends in
-// a newline if the caller wrote one; it is valid during the call only. Called on whatever thread logs, several at
-// once; it must not log itself.
+// a newline if the caller wrote one; control characters but tab, CR and LF are shown as "?". Valid during the call
+// only. Called on whatever thread logs, several at once; it must not log itself.
 typedef void (*log_sink_t)(void* user_data, log_level_t level, const char* text, size_t length);
 
 // Sets where lines go. A null sink restores the default: one write to standard error a line, behind the tag
