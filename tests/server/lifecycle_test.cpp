@@ -310,10 +310,9 @@ TEST_F(Lifecycle, EventsTellOfComingGoingAndLoss) {
     const std::string lost = "lost 127.0.0.1 channel 1 subtype 0 size " + std::to_string(sizeof(LostPacketEvent));
     EXPECT_TRUE(Support::WaitUntil([&] { return CEventLog::Count(lost) == 2; }));
     // Another source counts its frames anew.
-    const char other[] = "cam/realmonitor?channel=2&subtype=0";
-    CFakeStreamSource* second = AddChannel(other);
+    CFakeStreamSource* second = AddChannel(CHANNEL_2);
     EXPECT_EQ(200, client.Ask("TEARDOWN", Url()).status);
-    PlayInterleaved(client, other);
+    PlayInterleaved(client, CHANNEL_2);
     ASSERT_TRUE(Give(second, 500));
     while (client.Frame().channel != 0) {
     }
@@ -338,11 +337,7 @@ TEST_F(Lifecycle, TimeOutOfZeroMeansNone) {
     Support::CLogCapture log;
     CRtspTestClient client(m_port);
     CUdpPeer rtp;
-    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
-    const std::string transport = "Transport: RTP/AVP;unicast;client_port=" + std::to_string(rtp.Port()) + "\r\n";
-    const RtspReply reply = client.Ask("SETUP", Url() + "/trackID=0", transport);
-    EXPECT_TRUE(reply.Holds(";timeout=60\r\n"));  // clients needn't hurry
-    ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
+    EXPECT_TRUE(Play(client, UdpTransport(rtp.Port())).Holds(";timeout=60\r\n"));  // clients needn't hurry
     EXPECT_FALSE(client.Closed(1500));
     EXPECT_EQ(0, log.Count("keep-alive"));
 }
