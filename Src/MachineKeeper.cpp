@@ -112,10 +112,8 @@ void CMachineKeeper::release() {
     }
 }
 
-void CMachineKeeper::forget_events() {
-    if (m_machine != nullptr) {
-        m_machine->forget_events();
-    }
+bool CMachineKeeper::forget_events() {
+    return m_machine != nullptr && m_machine->forget_events();
 }
 
 CMachineGuard::CMachineGuard(CMachineKeeper* machine_keeper) {

@@ -56,8 +56,9 @@ public:
     int hold();
     void release();
 
-    // Gives the memory of past events back, for a conversation that will be quiet for seconds.
-    void forget_events();
+    // Gives the memory of past events back, for a conversation that will be quiet for seconds. False, with nothing
+    // done, if one is in flight or its reply is still awaited.
+    bool forget_events();
 
 private:
     friend class CMachineGuard;

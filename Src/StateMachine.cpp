@@ -386,8 +386,14 @@ int CStateMachine::keep(int operation) {
     return execute(event);
 }
 
-void CStateMachine::forget_events() {
-    m_pool.Clear(Ostra::ForgetPages);
+bool CStateMachine::forget_events() {
+    {
+        const CGuard guard(m_mutex);
+        if (m_busy || m_wait_id != 0) {
+            return false;
+        }
+    }
+    return m_pool.Clear(Ostra::ForgetPages);
 }
 
 }  // namespace Vidora

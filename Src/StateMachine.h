@@ -68,8 +68,8 @@ public:
     // what came meanwhile: 0. The machine may be gone then.
     int keep(int operation);
 
-    // Gives the memory of the events back, if none is in flight.
-    void forget_events();
+    // Gives the memory of the events back. False, with nothing done, if one is in flight or a reply is awaited.
+    bool forget_events();
 
 private:
     typedef int (CStateMachine::*event_handler_t)(StateEvent&);

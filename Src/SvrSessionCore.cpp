@@ -86,9 +86,8 @@ void CSvrSessionCore::empty_buffer(int used, bool messages) {
         return;
     }
     Ostra::ForgetPages(m_recv_buffer, RTSP_BUF_LEN);
-    if (messages) {
-        m_rsp_parser.forget_texts();
-        m_machine.forget_events();
+    if (messages && m_machine.forget_events()) {
+        m_rsp_parser.forget_texts();  // a reply that is awaited is made of them
     }
 }
 

@@ -30,6 +30,7 @@
 #include "Vidora/Tramel/MediaPacket.h"
 #include "Vidora/Tramel/NetThread.h"
 #include "support/Drain.h"
+#include "support/Machine.h"
 
 using namespace Kavio::Tramel;
 using Clock = std::chrono::steady_clock;

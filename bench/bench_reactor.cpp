@@ -1,13 +1,11 @@
 // What the reactor costs, each figure beside its floor: the same traffic done with bare system calls in the same run.
 //
 //   messages    two handlers that bounce a message, on a pool of two threads; and a host's thread that bounces one with
-//   a
-//               handler. Floors: two threads that bounce a byte by eventfd, and a flag by a condition variable.
+//               a handler. Floors: two threads that bounce a byte by eventfd, and a flag by a condition variable.
 //   events      a datagram to one of 10,000 registered sockets in turn, 64 on their way at a time, with read time-outs
 //               and without. Floor: a loop of epoll_wait and recv on as many sockets.
 //   time-outs   10,000 sockets that are silent, each with a time-out of 200 ms that comes again and again; 10,000
-//   timers
-//               of 200 ms. Floor: epoll_wait and read on 10,000 timer descriptors of 200 ms.
+//               timers of 200 ms. Floor: epoll_wait and read on 10,000 timer descriptors of 200 ms.
 //   registering RegisterSock with a time-out and RemoveSock on 10,000 sockets. Floor: epoll_ctl to add and to delete.
 //
 // "cpu" is the processor time of the process, all threads, a unit of work; "wall" is the time that passed.
@@ -15,7 +13,6 @@
 #include <arpa/inet.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
-#include <sys/resource.h>
 #include <sys/timerfd.h>
 #include <unistd.h>
 
@@ -33,6 +30,7 @@
 #include "Tramel/SockDgram.h"
 #include "Vidora/Tramel/NetHandler.h"
 #include "Vidora/Tramel/NetThread.h"
+#include "support/Machine.h"
 
 namespace {
 
@@ -52,10 +50,7 @@ constexpr int64_t QUIET_US = 200000;
 constexpr uint64_t SILENCE_US = 1500000;
 
 double cpu_seconds() {
-    rusage usage = {};
-    getrusage(RUSAGE_SELF, &usage);
-    return static_cast<double>(usage.ru_utime.tv_sec + usage.ru_stime.tv_sec) +
-           static_cast<double>(usage.ru_utime.tv_usec + usage.ru_stime.tv_usec) / 1e6;
+    return static_cast<double>(Bench::ProcessTimeUs()) / 1e6;
 }
 
 // Prints one line of the table for `units` of work since its construction.
@@ -376,17 +371,8 @@ int bench_socks() {
 }  // namespace
 
 int main() {
-    rlimit limit = {};
-    getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    setrlimit(RLIMIT_NOFILE, &limit);
-    printf("%ld processors, %s build, compiler %s, up to %lu descriptors\n", sysconf(_SC_NPROCESSORS_ONLN),
-#ifdef NDEBUG
-           "optimized",
-#else
-           "DEBUG (figures mean nothing)",
-#endif
-           __VERSION__, static_cast<unsigned long>(limit.rlim_cur));
+    Bench::RaiseDescriptorLimit();
+    Bench::PrintMachine();
     if (CNetThread::CreateThreadPool(2, false) != 0) {
         return 1;
     }

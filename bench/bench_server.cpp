@@ -15,8 +15,8 @@
 #include <vector>
 
 #include "support/BareServer.h"
-#include "support/Drain.h"
 #include "support/LoadClient.h"
+#include "support/Machine.h"
 #include "support/Process.h"
 
 namespace {

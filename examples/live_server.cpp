@@ -1,14 +1,12 @@
-// The smallest host, a JPEG image as a live stream: example_live_server PORT IMAGE.jpg
+// The smallest host, a JPEG image (4:2:0, standard Huffman tables) as a live stream: example_live_server PORT IMAGE.jpg
 // Watch it with: ffplay 'rtsp://127.0.0.1:PORT/cam/realmonitor?channel=1&subtype=0'
 #include <atomic>
 #include <cstring>
 #include <fstream>
 #include <iostream>
-#include <sstream>
 #include <thread>
 
 #include "Vidora/Vidora.h"
-
 using namespace Kavio::Vidora;
 std::string g_image;
 
@@ -28,11 +26,7 @@ public:
     int UpdataStreamInfo(long) override { return 0; }
     bool Start(frame_proc_t proc) override {
         m_running = true;
-        m_thread = std::thread([this, proc] {
-            for (; m_running; CThread::sleep(200)) {
-                give_frame(proc);
-            }
-        });
+        m_thread = std::thread([this, proc] { run(proc); });
         return true;
     }
     bool Stop(frame_proc_t) override {
@@ -43,19 +37,21 @@ public:
     int handle_close(CNetHandler*) override { return delete this, 0; }
 
 private:
-    void give_frame(const frame_proc_t& proc) {
-        CKXFrame header;
-        header.SetFrameType(FRAME_TYPE_JPEG);
-        header.SetEncodeType(KX_VIDEO_JPEG);
-        header.SetSequence(++m_sequence);
-        uint32_t body = 0;
-        const uint32_t size = header.GetFrameSize(static_cast<uint32_t>(g_image.size()), body);
-        Kavio::Flumen::CMediaFrame frame(size);
-        std::memcpy(frame.getBuffer() + body, g_image.data(), g_image.size());
-        header.WriteFrame(frame.getBuffer(), size);
-        frame.setType(FRAME_TYPE_I);  // every picture is a key frame
-        frame.setPts(200 * m_sequence, Kavio::Flumen::PTS_TYPE_MS);
-        proc(frame);
+    void run(const frame_proc_t& proc) {
+        for (; m_running; CThread::sleep(200)) {
+            CKXFrame header;
+            header.SetFrameType(FRAME_TYPE_JPEG);
+            header.SetEncodeType(KX_VIDEO_JPEG);
+            header.SetSequence(++m_sequence);
+            uint32_t body = 0;
+            const uint32_t size = header.GetFrameSize(static_cast<uint32_t>(g_image.size()), body);
+            Kavio::Flumen::CMediaFrame frame(size);
+            std::memcpy(frame.getBuffer() + body, g_image.data(), g_image.size());
+            header.WriteFrame(frame.getBuffer(), size);
+            frame.setType(FRAME_TYPE_I);  // every picture is a key frame
+            frame.setPts(200 * m_sequence, Kavio::Flumen::PTS_TYPE_MS);
+            proc(frame);
+        }
     }
 
     std::atomic<bool> m_running{false};
@@ -68,9 +64,13 @@ CStreamSource* make_source(const char*) {
 }
 
 int main(int argc, char** argv) {
-    std::stringstream bytes;
-    bytes << std::ifstream(argc > 2 ? argv[2] : "", std::ios::binary).rdbuf();
-    g_image = bytes.str();
+    const int port = argc > 2 ? std::atoi(argv[1]) : 0;
+    std::ifstream file(argc > 2 ? argv[2] : "", std::ios::binary);
+    g_image.assign(std::istreambuf_iterator<char>(file), {});
+    if (port < 1 || port > 65535 || g_image.empty()) {
+        std::cerr << "usage: example_live_server PORT IMAGE.jpg" << std::endl;
+        return 2;
+    }
     CNetThread::CreateThreadPool(4, false);
     CRtspSvrConfig config;
     config.SetConfig(RTSP_SVR_CONFIG_SRC_FUNC, reinterpret_cast<const void*>(&make_source), sizeof(&make_source));
@@ -83,17 +83,17 @@ int main(int argc, char** argv) {
     channel->Init(content, live->GetID(), TRANSF_TYPE_RTP);
     channel->AddDataSrc(source, 0);
     live->AddLiveChannel(content, channel, source);
-    CSockAddrStorage address("127.0.0.1", static_cast<unsigned short>(std::stoi(argv[1])));
-    CRtspSvr* server = CRtspSvr::Create(address);
-    server->SetLiveSvr(live);
-    server->SetConfig(config);
-    std::cout << "listening on 127.0.0.1; an empty line ends" << std::endl;
-    std::cin.get();
-    server->Close();                // no new sessions
+    CSockAddrStorage address("127.0.0.1", static_cast<unsigned short>(port));
+    if (CRtspSvr* server = CRtspSvr::Create(address)) {
+        server->SetLiveSvr(live);
+        server->SetConfig(config);
+        std::cout << "listening on 127.0.0.1; an empty line ends" << std::endl;
+        std::cin.get();
+        server->Close();  // no new sessions
+    }
     live->DelLiveChannel(content);  // the stream ends, and its sessions with it
     for (; CRtspSvr::GetSessionCount() > 0; CThread::sleep(10)) {
     }
     live->Close();
     CNetThread::DestroyThreadPool();
-    return 0;
 }

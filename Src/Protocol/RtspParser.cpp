@@ -29,7 +29,7 @@ unsigned int count_leading_blanks(const char* text, unsigned int length) {
 
 // The arrays are emptied, not cleared: see MEMORY in the header.
 CRtspParser::CRtspParser() {
-    for (char* text : {m_session, m_product, m_public, m_url, m_auth, m_content_type, m_out_msg}) {
+    for (char* text : {m_session, m_public, m_url, m_auth, m_content_type, m_out_msg}) {
         text[0] = '\0';
     }
 }

@@ -140,6 +140,7 @@ protected:
     int m_cseq = 0;  // of the current message; the client's counter of requests
     int m_status = 0;
     float m_version = 1.0F;
+    const char* m_product = "";  // value of Server or User-Agent, set at construction
     int m_content_length = 0;
     int m_body_length = 0;  // bytes in m_body
     int m_range_type = 0;
@@ -159,8 +160,7 @@ protected:
 
     // Texts, NUL-terminated, empty at construction. What outlives the message lies first, what few messages use last.
     char m_session[RTSP_MAX_TEXT + 1];
-    char m_product[RTSP_MAX_TEXT + 1];  // value of Server or User-Agent
-    char m_public[RTSP_MAX_TEXT + 1];   // the methods that the server offers
+    char m_public[RTSP_MAX_TEXT + 1];  // the methods that the server offers
     char m_url[RTSP_MAX_TEXT + 1];
     char m_auth[RTSP_MAX_TEXT + 1];
     char m_content_type[RTSP_MAX_TEXT + 1];

@@ -51,7 +51,7 @@ CRtspReqParser::CRtspReqParser() {
     m_speed = 0.0F;
     m_base_url[0] = '\0';
     m_redirect_url[0] = '\0';
-    CTextWriter(m_product, sizeof m_product).Add("Rtsp Client/2.0");
+    m_product = "Rtsp Client/2.0";
 }
 
 void CRtspReqParser::set_url(const char* url) {

@@ -29,7 +29,7 @@ CRtspRspParser::CRtspRspParser() {
     m_session_id = CTime::getCurrentMicroSecond();
     m_client_kind = CLIENT_KIND_UNKNOWN;
     m_speed = 1.0F;
-    CTextWriter(m_product, sizeof m_product).Add("Rtsp Server/2.0");
+    m_product = "Rtsp Server/2.0";
 }
 
 int CRtspRspParser::parse_request(const char* buffer, unsigned int length, rtsp_msg_info* info) {

@@ -3,9 +3,9 @@
 #include <algorithm>
 #include <new>
 
+#include "StreamParser/MuxUnit.h"
 #include "StreamParser/PesHeader.h"
 #include "StreamParser/PrintLevel.h"
-#include "StreamParser/StreamParser.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
 
@@ -48,12 +48,8 @@ int CFrame2Ps::PutFrame(const unsigned char* data, unsigned int len, int enc_typ
     if (data == nullptr || len == 0) {
         return -1;
     }
-    if (IsPrinted(PRINT_INPUT)) {
-        R3Printf("Input Frame[%s]: ts[%08x] len = %d\n", enc_type_name(enc_type), static_cast<unsigned>(pts),
-                 static_cast<int>(len));
-    }
-    // MPEG audio (5) goes on the video track, as in the transport stream.
-    const int track = enc_type >= ENC_TYPE_AUDIO ? 1 : 0;
+    print_input_frame(enc_type, pts, len);
+    const int track = mux_track_of_enc_type(enc_type);
     CByteWriter writer(m_buffer.get(), m_capacity);
     if (m_buffer == nullptr || !write_frame(writer, data, len, track, ts_clock_of_ms(pts))) {
         m_total = 0;
@@ -160,15 +156,7 @@ int CFrame2Ps::GetPacketSize() {
 }
 
 int CFrame2Ps::GetPacket(unsigned char* buffer, unsigned int capacity) {
-    const uint32_t size = static_cast<uint32_t>(GetPacketSize());
-    CByteReader written(m_buffer.get(), m_total);
-    if (buffer == nullptr || size > capacity || !written.Skip(m_offset) || !written.Read(buffer, size)) {
-        return 0;
-    }
-    if (IsPrinted(PRINT_OUTPUT)) {
-        R3Printf("Output PS packet: len = %d\n", static_cast<int>(size));
-    }
-    return static_cast<int>(size);
+    return mux_copy_unit(m_buffer.get(), m_total, m_offset, GetPacketSize(), buffer, capacity, "PS");
 }
 
 int CFrame2Ps::NextPacket() {

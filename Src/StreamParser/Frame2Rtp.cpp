@@ -31,10 +31,7 @@ constexpr uint32_t word_of(uint8_t first, uint8_t second, uint16_t rest) {
 }  // namespace
 
 int CFrame2Rtp::PutFrame(const unsigned char* data, unsigned int len, int enc_type, uint64_t pts, uint8_t extra) {
-    if (IsPrinted(PRINT_INPUT)) {
-        R3Printf("Input Frame[%s]: ts[%08x] len = %d\n", enc_type_name(enc_type), static_cast<unsigned>(pts),
-                 static_cast<int>(len));
-    }
+    print_input_frame(enc_type, pts, len);
     m_current = nullptr;
     m_index = 0;
     m_count = cut(data, len, enc_type, extra);

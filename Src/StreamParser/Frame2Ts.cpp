@@ -4,9 +4,9 @@
 #include <new>
 
 #include "StreamParser/Crc32.h"
+#include "StreamParser/MuxUnit.h"
 #include "StreamParser/PesHeader.h"
 #include "StreamParser/PrintLevel.h"
-#include "StreamParser/StreamParser.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
 
@@ -25,6 +25,7 @@ constexpr int FIRST_PROGRAM = 1;
 constexpr int MAX_SECTION = 64;
 
 constexpr uint32_t TABLES_LEN = 2 * TS_PACK_LEN;
+constexpr uint32_t FIXED_LEN = 6;        // packet header, adaptation length and flags
 constexpr uint32_t MAX_PAYLOAD = 182;    // every packet has an adaptation field of two bytes or more
 constexpr uint32_t FIRST_PAYLOAD = 176;  // beside the clock reference
 
@@ -40,20 +41,19 @@ struct PacketHead {
 // Writes all of a TS packet but its payload, which ends with the packet's last byte:
 //     0x47, flags and PID (2), 0x3c, adaptation length, adaptation flags, [clock reference (6)], 0xFF up to the payload
 void write_packet_head(CByteWriter& writer, const PacketHead& head) {
-    writer.WriteU8(0x47);
-    writer.WriteU16(static_cast<uint16_t>((head.unit_start ? 0x4000 : 0) | head.pid));
-    writer.WriteU8(static_cast<uint8_t>(0x30 | (head.continuity & 0x0F)));  // adaptation field and payload
-    writer.WriteU8(static_cast<uint8_t>(183 - head.payload_len));
+    CByteWriter fixed(writer.Reserve(FIXED_LEN), FIXED_LEN);  // of constant size: checked once
+    fixed.WriteU8(0x47);
+    fixed.WriteU16(static_cast<uint16_t>((head.unit_start ? 0x4000 : 0) | head.pid));
+    fixed.WriteU8(static_cast<uint8_t>(0x30 | (head.continuity & 0x0F)));  // adaptation field and payload
+    fixed.WriteU8(static_cast<uint8_t>(183 - head.payload_len));
+    fixed.WriteU8(head.has_pcr ? 0x10 : 0);
     uint32_t stuffing = MAX_PAYLOAD - head.payload_len;
     if (head.has_pcr) {
         // 33 bits of base, six reserved bits of 1, nine bits of extension (ISO 13818-1 2.4.3.4).
         const uint64_t reference = head.clock << 15 | 0x7E00;
-        writer.WriteU8(0x10);
         writer.WriteU16(static_cast<uint16_t>(reference >> 32));
         writer.WriteU32(static_cast<uint32_t>(reference));
         stuffing -= 6;
-    } else {
-        writer.WriteU8(0);
     }
     writer.Fill(0xFF, stuffing);
 }
@@ -115,12 +115,8 @@ int CFrame2Ts::PutFrame(const unsigned char* data, unsigned int len, int enc_typ
     if (data == nullptr || len == 0) {
         return -1;
     }
-    if (IsPrinted(PRINT_INPUT)) {
-        R3Printf("Input Frame[%s]: ts[%08x] len = %d\n", enc_type_name(enc_type), static_cast<unsigned>(pts),
-                 static_cast<int>(len));
-    }
-    // MPEG audio (5) goes on the video track: receivers in the field expect it there.
-    const int track = enc_type >= ENC_TYPE_AUDIO ? 1 : 0;
+    print_input_frame(enc_type, pts, len);
+    const int track = mux_track_of_enc_type(enc_type);
     if (!write_frame(data, len, track, ts_clock_of_ms(pts))) {
         logError("CFrame2Ts::PutFrame TsStream fail\n");
         return -1;
@@ -213,15 +209,7 @@ int CFrame2Ts::GetPacketSize() {
 }
 
 int CFrame2Ts::GetPacket(unsigned char* buffer, unsigned int capacity) {
-    const uint32_t size = static_cast<uint32_t>(GetPacketSize());
-    CByteReader written(m_buffer.get(), m_total);
-    if (buffer == nullptr || size > capacity || !written.Skip(m_offset) || !written.Read(buffer, size)) {
-        return 0;
-    }
-    if (IsPrinted(PRINT_OUTPUT)) {
-        R3Printf("Output TS packet: len = %d\n", static_cast<int>(size));
-    }
-    return static_cast<int>(size);
+    return mux_copy_unit(m_buffer.get(), m_total, m_offset, GetPacketSize(), buffer, capacity, "TS");
 }
 
 int CFrame2Ts::NextPacket() {

@@ -1,5 +1,7 @@
 #include "Vidora/JpegParser.h"
 
+#include <cstring>
+
 #include "StreamParser/JpegTables.h"
 #include "Vidora/Ostra/ByteReader.h"
 
@@ -43,11 +45,45 @@ void read_tables(CByteReader& segment, JpegImage& image) {
     image.chroma_table = segment.ReadBytes(JPEG_TABLE_LEN);
 }
 
-// SOF0: precision, height, width, components.
+// SOF0: precision, height, width, components, each with its sampling factors and the number of its table.
 void read_frame_header(CByteReader& segment, JpegImage& image) {
-    segment.Skip(1);
+    const uint8_t precision = segment.ReadU8();
     image.height = segment.ReadU16();
     image.width = segment.ReadU16();
+    static constexpr uint8_t FACTORS[] = {0x22, 0x11, 0x11};
+    image.is_420 = precision == 8 && segment.PeekU8(0) == sizeof(FACTORS);
+    for (size_t i = 0; i < sizeof(FACTORS); ++i) {
+        image.is_420 = image.is_420 && segment.PeekU8(2 + 3 * i) == FACTORS[i];
+    }
+}
+
+// A Huffman table of a DHT segment: class and destination, 16 counts, as many values as they sum up to (B.2.4.2).
+CByteReader read_huffman_table(CByteReader& segment) {
+    size_t length = 17;
+    for (size_t i = 1; i < 17; ++i) {
+        length += segment.PeekU8(i);
+    }
+    return segment.SubReader(length);
+}
+
+bool is_standard_huffman(const CByteReader& table) {
+    CByteReader standard(JPEG_HUFFMAN_SEGMENTS, JPEG_HUFFMAN_LEN);
+    while (standard.Ok() && standard.Remaining() > 0) {
+        standard.Skip(4);  // marker and length
+        const CByteReader candidate = read_huffman_table(standard);
+        if (candidate.Remaining() == table.Remaining() &&
+            std::memcmp(candidate.Rest(), table.Rest(), table.Remaining()) == 0) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Tables that lie about their length aren't the standard's either; the image travels without them all the same.
+void read_huffman_tables(CByteReader segment, JpegImage& image) {
+    while (segment.Ok() && segment.Remaining() > 0) {
+        image.standard_huffman = is_standard_huffman(read_huffman_table(segment)) && image.standard_huffman;
+    }
 }
 
 // Reads one segment; `segment` stands behind the length. False if it lies about its contents.
@@ -58,6 +94,9 @@ bool read_segment(uint8_t marker, CByteReader segment, JpegImage& image) {
             break;
         case JPEG_DQT:
             read_tables(segment, image);
+            break;
+        case JPEG_DHT:
+            read_huffman_tables(segment, image);
             break;
         case JPEG_DRI:
             image.restart_interval = segment.ReadU16();

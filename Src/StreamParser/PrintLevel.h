@@ -2,6 +2,7 @@
 #define VIDORA_STREAMPARSER_PRINTLEVEL_H
 
 #include <atomic>
+#include <cstdint>
 
 namespace Kavio {
 namespace Vidora {
@@ -15,6 +16,9 @@ extern std::atomic<int> g_print_level;
 inline bool IsPrinted(print_level_t level) {
     return g_print_level.load(std::memory_order_relaxed) == level;
 }
+
+// The line about a frame that a packer takes, at level 1: its enc_type_t, its time stamp in milliseconds, its bytes.
+void print_input_frame(int enc_type, uint64_t pts, unsigned int len);
 
 }  // namespace Vidora
 }  // namespace Kavio

@@ -48,6 +48,24 @@ int CStreamDec::GetStatis(ParserStatis& statis) {
     return PARSER_OK;
 }
 
+Flumen::CMediaFrame CStreamDec::put_out(const Flumen::CMediaFrame* packets, size_t count) {
+    Flumen::CMediaFrame out;
+    if (m_dst_type != STREAM_TYPE_RTP) {
+        out = build_frame(describe_frame());
+        go_on();
+        return out;
+    }
+    if (m_output_index < count) {
+        out = packets[m_output_index];
+        hand_back(out, describe_frame(), m_output_index == 0);
+        ++m_output_index;
+    }
+    if (m_output_index >= count) {
+        go_on();
+    }
+    return out;
+}
+
 Flumen::CMediaFrame CStreamDec::build_frame(const DecodedFrame& decoded) {
     show_size(decoded);
     if (decoded.size == 0) {

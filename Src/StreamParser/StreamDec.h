@@ -1,6 +1,7 @@
 #ifndef VIDORA_STREAMPARSER_STREAMDEC_H
 #define VIDORA_STREAMPARSER_STREAMDEC_H
 
+#include <cstddef>
 #include <cstdint>
 
 #include "StreamParser/ShownValue.h"
@@ -38,14 +39,17 @@ public:
 protected:
     CStreamDec(int src_type, int dst_type) : m_src_type(src_type), m_dst_type(dst_type) {}
 
-    // Writes the completed frame's payload into `buffer` of `capacity` bytes; its size, 0 if it doesn't fit.
+    // Of the completed frame: what is known of it; and its payload into `buffer` of `capacity` bytes, which gives its
+    // size, 0 if it doesn't fit.
+    virtual DecodedFrame describe_frame() const = 0;
     virtual uint32_t read_payload(unsigned char* buffer, uint32_t capacity) = 0;
+    // All of the frame was taken: begins the next one, with the packet that revealed the end of this one if there is
+    // such.
+    virtual void go_on() = 0;
 
-    // The completed frame in the form of the destination, counted in the statistics. Empty, with nothing counted, if it
-    // has no bytes or memory is short.
-    Flumen::CMediaFrame build_frame(const DecodedFrame& decoded);
-    // Gives one of the frame's packets its facts. All packets have the frame's number; the first one is counted.
-    void hand_back(Flumen::CMediaFrame& packet, const DecodedFrame& decoded, bool first);
+    // What OutputFrame gives of a completed frame: the frame, or the next of its `count` packets. Goes on after the
+    // last.
+    Flumen::CMediaFrame put_out(const Flumen::CMediaFrame* packets, size_t count);
     // The last line of PrintInfo.
     void print_measures() const;
 
@@ -54,8 +58,14 @@ protected:
     CKXFrame m_frame;
     uint32_t m_sequence = 0;  // number of the next frame
     ParserStatis m_statis;
+    size_t m_output_index = 0;  // the next packet to hand back, if packets are the destination
 
 private:
+    // The completed frame in the form of the destination, counted in the statistics. Empty, with nothing counted, if it
+    // has no bytes or memory is short.
+    Flumen::CMediaFrame build_frame(const DecodedFrame& decoded);
+    // Gives one of the frame's packets its facts. All packets have the frame's number; the first one is counted.
+    void hand_back(Flumen::CMediaFrame& packet, const DecodedFrame& decoded, bool first);
     Flumen::CMediaFrame build_private(const DecodedFrame& decoded);
     Flumen::CMediaFrame build_bare(const DecodedFrame& decoded);
     void fill_header(const DecodedFrame& decoded);

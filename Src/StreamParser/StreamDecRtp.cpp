@@ -104,12 +104,8 @@ Flumen::CMediaFrame CStreamDecRtp::OutputFrame() {
     if (m_rtp2frame == nullptr || m_status <= FRAME_MORE) {
         return Flumen::CMediaFrame();
     }
-    if (m_dst_type == STREAM_TYPE_RTP) {
-        return output_packet();
-    }
-    Flumen::CMediaFrame frame = build_frame(describe_frame());
-    go_on();
-    return frame;
+    const int count = m_status == FRAME_COMPLETE_NEXT ? m_packet_count - 1 : m_packet_count;
+    return put_out(m_packets, static_cast<size_t>(count));
 }
 
 DecodedFrame CStreamDecRtp::describe_frame() const {
@@ -139,21 +135,6 @@ uint32_t CStreamDecRtp::read_payload(unsigned char* buffer, uint32_t capacity) {
     return m_rtp2frame->GetFrame(buffer, capacity);
 }
 
-Flumen::CMediaFrame CStreamDecRtp::output_packet() {
-    const int count = m_status == FRAME_COMPLETE_NEXT ? m_packet_count - 1 : m_packet_count;
-    Flumen::CMediaFrame packet;
-    if (m_output_index < count) {
-        packet = m_packets[m_output_index];
-        hand_back(packet, describe_frame(), m_output_index == 0);
-        ++m_output_index;
-    }
-    if (m_output_index >= count) {
-        go_on();
-    }
-    return packet;
-}
-
-// The frame was taken: begins the next one, with the packet that revealed the end of this one if there is such.
 void CStreamDecRtp::go_on() {
     if (m_status != FRAME_COMPLETE_NEXT) {
         Clean();

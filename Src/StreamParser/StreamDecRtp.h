@@ -49,16 +49,14 @@ private:
 
     int feed(const unsigned char* data, int len);
     int feed_run(const unsigned char* data, int orig_len);
-    DecodedFrame describe_frame() const;
-    Flumen::CMediaFrame output_packet();
-    void go_on();
+    DecodedFrame describe_frame() const override;
     uint32_t read_payload(unsigned char* buffer, uint32_t capacity) override;
+    void go_on() override;
 
     std::unique_ptr<CRtp2Frame> m_rtp2frame;
     Flumen::CMediaFrame m_packets[MAX_PACKETS];  // the packets of the frame in work
     int m_packet_count = 0;
     int m_status = FRAME_MORE;  // frame_result_t of the last packet
-    int m_output_index = 0;     // next packet to hand back
     CStreamDecRtpNotify m_notify;
     RtpDecParam m_param;
 

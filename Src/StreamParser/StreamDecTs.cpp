@@ -86,12 +86,7 @@ Flumen::CMediaFrame CStreamDecTs::OutputFrame() {
         logDebug("frame not complete.\n");
         return Flumen::CMediaFrame();
     }
-    if (m_dst_type == STREAM_TYPE_RTP) {
-        return output_packet();
-    }
-    Flumen::CMediaFrame frame = build_frame(describe_frame());
-    go_on();
-    return frame;
+    return put_out(m_packets.data(), m_packets.size());
 }
 
 DecodedFrame CStreamDecTs::describe_frame() const {
@@ -111,20 +106,6 @@ uint32_t CStreamDecTs::read_payload(unsigned char* buffer, uint32_t capacity) {
     return m_ts2frame->GetFrame(buffer, capacity);
 }
 
-Flumen::CMediaFrame CStreamDecTs::output_packet() {
-    Flumen::CMediaFrame packet;
-    if (m_output_index < m_packets.size()) {
-        packet = m_packets[m_output_index];
-        hand_back(packet, describe_frame(), m_output_index == 0);
-        ++m_output_index;
-    }
-    if (m_output_index >= m_packets.size()) {
-        go_on();
-    }
-    return packet;
-}
-
-// The frame was taken: the packet that revealed its end is the first of the next one.
 void CStreamDecTs::go_on() {
     const Flumen::CMediaFrame kept = m_last;
     Clean();

@@ -28,15 +28,13 @@ public:
 
 private:
     bool keep_packet(const Flumen::CMediaFrame& packet);
-    DecodedFrame describe_frame() const;
-    Flumen::CMediaFrame output_packet();
-    void go_on();
+    DecodedFrame describe_frame() const override;
     uint32_t read_payload(unsigned char* buffer, uint32_t capacity) override;
+    void go_on() override;
 
     std::unique_ptr<Ts2Frame> m_ts2frame;
     Flumen::CMediaFrame m_last;                  // the input that ended the frame and belongs to the next one
     std::vector<Flumen::CMediaFrame> m_packets;  // of the frame in work, if packets are the destination
-    size_t m_output_index = 0;
     int m_status = FRAME_MORE;
 };
 

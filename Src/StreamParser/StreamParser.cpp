@@ -71,6 +71,13 @@ const char* enc_type_name(int enc_type) {
     return name_of(ENC_TYPE_NAMES, enc_type);
 }
 
+void print_input_frame(int enc_type, uint64_t pts, unsigned int len) {
+    if (IsPrinted(PRINT_INPUT)) {
+        R3Printf("Input Frame[%s]: ts[%08x] len = %d\n", enc_type_name(enc_type), static_cast<unsigned>(pts),
+                 static_cast<int>(len));
+    }
+}
+
 CStreamParserPtr CStreamParser::Create(int src_type, int dst_type) {
     switch (src_type) {
         case STREAM_TYPE_RTP:

@@ -35,6 +35,19 @@ size_t h264_begin(const unsigned char* data, size_t len) {
     return 0;
 }
 
+// The NAL unit type of the first slice behind a four-byte start code, 0 without one. Three-byte codes don't count here,
+// as they never have, so a key frame that has no other is called a P frame.
+int first_slice(const unsigned char* data, size_t len) {
+    CByteReader frame(data, len);
+    for (size_t at = find_start_code4(data, len); at != NO_START_CODE; at = find_start_code4(data, len, at + 4)) {
+        const int type = h264_nal_type(frame.PeekU8(at + 4));
+        if (type == H264_NAL_SLICE || type == H264_NAL_IDR) {
+            return type;
+        }
+    }
+    return 0;
+}
+
 }  // namespace
 
 int Ts2Frame::PutPacket(const unsigned char* packet, int len, bool last) {
@@ -141,25 +154,12 @@ int Ts2Frame::decode_frame() {
     }
 }
 
-// The type is told by the first slice behind a four-byte start code; three-byte ones don't count here, as they never
-// have, so a key frame that has no other is called a P frame.
 void Ts2Frame::decode_h264() {
-    m_frame_type = FRAME_TYPE_P;
-    CByteReader frame(m_frame_buf.get(), m_frame_len);
-    size_t at = find_start_code4(frame.Rest(), m_frame_len);
-    while (at != NO_START_CODE && m_frame_type == FRAME_TYPE_P) {
-        const int type = h264_nal_type(frame.PeekU8(at + 4));
-        if (type == H264_NAL_SLICE) {
-            return;
-        }
-        if (type == H264_NAL_IDR) {
-            m_frame_type = FRAME_TYPE_I;
-        }
-        at = find_start_code4(frame.Rest(), m_frame_len, at + 4);
-    }
+    m_frame_type = first_slice(m_frame_buf.get(), m_frame_len) == H264_NAL_IDR ? FRAME_TYPE_I : FRAME_TYPE_P;
     if (m_frame_type != FRAME_TYPE_I || m_frame_len < MIN_H264_KEY) {
         return;
     }
+    CByteReader frame(m_frame_buf.get(), m_frame_len);
     StartCodeScan scan(frame.Rest(), m_frame_len);
     while (scan.Next()) {
         if (h264_nal_type(scan.Value()) != H264_NAL_SPS) {

@@ -234,10 +234,11 @@ int CKXDataSrc::build_audio_locked() {
     return 0;
 }
 
+// A channel looks before the source has told its format, which is no fault: hence no error line.
 int CKXDataSrc::GetSdp(CSdpParser& sdp) {
     CGuard guard(m_sdp_mutex);
     if (m_sdp == nullptr) {
-        logError("%s:%d CKXDataSrc::GetSdp fail\n", __FILE__, __LINE__);
+        logInfo("%s:%d CKXDataSrc::GetSdp fail\n", __FILE__, __LINE__);
         return -1;
     }
     sdp = *m_sdp;

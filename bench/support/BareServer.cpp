@@ -20,6 +20,7 @@
 #include <map>
 
 #include "support/BareFrame.h"
+#include "support/Loopback.h"
 
 namespace Bench {
 
@@ -27,14 +28,6 @@ namespace {
 
 const int SEND_BUFFER = 204800;  // what a session of the server asks for
 const int FRAMES_PER_SECOND = 25;
-
-sockaddr_in loopback(uint16_t port) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
-}
 
 // The server in the child.
 class CBareLoop {

@@ -7,9 +7,7 @@
 #include <sys/epoll.h>
 #include <sys/mman.h>
 #include <sys/prctl.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
-#include <sys/utsname.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -20,6 +18,9 @@
 #include <cstdlib>
 #include <new>
 #include <thread>
+
+#include "support/Loopback.h"
+#include "support/Machine.h"
 
 namespace Bench {
 
@@ -38,9 +39,7 @@ const std::chrono::milliseconds PAUSE(4);
 
 int bound_socket(int type, uint16_t* port) {
     const int fd = ::socket(AF_INET, type | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    sockaddr_in address = loopback(0);
     socklen_t length = sizeof(address);
     if (fd < 0 || ::bind(fd, reinterpret_cast<sockaddr*>(&address), length) != 0 ||
         ::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) != 0) {
@@ -131,14 +130,11 @@ void CDrain::run(int listener, const std::vector<int>& udp) const {
 
 int CDrain::Connect(int send_buffer) const {
     const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0);
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(m_tcp_port);
+    const sockaddr_in address = loopback(m_tcp_port);
     ::setsockopt(fd, SOL_SOCKET, SO_SNDBUF, &send_buffer, sizeof(send_buffer));
     const int no_delay = 1;
     ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof(no_delay));
-    if (::connect(fd, reinterpret_cast<sockaddr*>(&address), sizeof(address)) != 0 ||
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 ||
         ::fcntl(fd, F_SETFL, O_NONBLOCK) != 0) {
         die("connect");
     }
@@ -151,67 +147,6 @@ void CDrain::Settle() const {
         last = now;
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
-}
-
-uint64_t ProcessTimeUs() {
-    rusage usage = {};
-    ::getrusage(RUSAGE_SELF, &usage);
-    const auto us = [](const timeval& time) {
-        return static_cast<uint64_t>(time.tv_sec) * 1000000 + static_cast<uint64_t>(time.tv_usec);
-    };
-    return us(usage.ru_utime) + us(usage.ru_stime);
-}
-
-uint64_t MachineTimeUs() {
-    unsigned long long part[8] = {};  // user, nice, system, idle, waiting, interrupts, soft interrupts, stolen
-    if (std::FILE* file = std::fopen("/proc/stat", "r")) {
-        if (std::fscanf(file, "cpu %llu %llu %llu %llu %llu %llu %llu %llu", &part[0], &part[1], &part[2], &part[3],
-                        &part[4], &part[5], &part[6], &part[7]) != 8) {
-            std::fprintf(stderr, "/proc/stat is unknown\n");
-        }
-        std::fclose(file);
-    }
-    const unsigned long long ticks = part[0] + part[1] + part[2] + part[5] + part[6] + part[7];
-    return ticks * 1000000 / static_cast<unsigned long long>(::sysconf(_SC_CLK_TCK));
-}
-
-void PrintMachine() {
-    utsname name = {};
-    ::uname(&name);
-    char model[256] = "unknown processor";
-    if (std::FILE* file = std::fopen("/proc/cpuinfo", "r")) {
-        char line[256];
-        while (std::fgets(line, sizeof(line), file) != nullptr) {
-            if (std::sscanf(line, "model name : %255[^\n]", model) == 1) {
-                break;
-            }
-        }
-        std::fclose(file);
-    }
-    std::printf("%s, %u processors, %s %s, compiler %s, %s\n", model, std::thread::hardware_concurrency(), name.sysname,
-                name.release, __VERSION__,
-#ifdef NDEBUG
-                "optimized build"
-#else
-                "WARNING: build with assertions, not for figures"
-#endif
-    );
-}
-
-uint64_t Percentile(std::vector<uint64_t> samples, double part) {
-    if (samples.empty()) {
-        return 0;
-    }
-    std::sort(samples.begin(), samples.end());
-    const size_t index = static_cast<size_t>(part * static_cast<double>(samples.size()));
-    return samples[std::min(index, samples.size() - 1)];
-}
-
-void RaiseDescriptorLimit() {
-    rlimit limit = {};
-    ::getrlimit(RLIMIT_NOFILE, &limit);
-    limit.rlim_cur = limit.rlim_max;
-    ::setrlimit(RLIMIT_NOFILE, &limit);
 }
 
 }  // namespace Bench

@@ -44,17 +44,6 @@ private:
     CShared* m_shared = nullptr;
 };
 
-// Processor time of this process in microseconds, user and system.
-uint64_t ProcessTimeUs();
-// The same of the whole machine since its start.
-uint64_t MachineTimeUs();
-// Prints what a figure depends on: processors, kernel, compiler, build.
-void PrintMachine();
-// The value at `part` (0 to 1) of the sorted samples.
-uint64_t Percentile(std::vector<uint64_t> samples, double part);
-// Allows as many descriptors as the system gives.
-void RaiseDescriptorLimit();
-
 }  // namespace Bench
 
 #endif  // VIDORA_BENCH_SUPPORT_DRAIN_H

@@ -14,6 +14,8 @@
 #include <cerrno>
 #include <cstring>
 
+#include "support/Loopback.h"
+
 namespace Bench {
 
 namespace {
@@ -28,14 +30,6 @@ uint64_t now_ns() {
     timespec now = {};
     ::clock_gettime(CLOCK_MONOTONIC, &now);
     return static_cast<uint64_t>(now.tv_sec) * 1000000000u + static_cast<uint64_t>(now.tv_nsec);
-}
-
-sockaddr_in loopback(uint16_t port) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
 }
 
 int bound_udp(uint16_t port) {

@@ -14,20 +14,14 @@
 #include <cstdio>
 #include <thread>
 
+#include "support/Loopback.h"
+
 namespace Bench {
 
 namespace {
 
 const int CONNECT_TRIES = 200;
 const std::chrono::milliseconds CONNECT_PAUSE(50);
-
-sockaddr_in loopback(uint16_t port) {
-    sockaddr_in address = {};
-    address.sin_family = AF_INET;
-    address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-    address.sin_port = htons(port);
-    return address;
-}
 
 // The first number that `format` finds in a line of the file; 0 for none.
 uint64_t number_in(const std::string& path, const char* format) {

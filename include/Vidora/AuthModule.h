@@ -42,8 +42,8 @@ public:
     virtual int GetChallenge(const char* method_or_url, result_proc_t result, const char* info, int kind);
 
     // Judges a response. `response`: the value of the Authorization header (RFC 2617 3.2.2), with ".OnvifInterDomain"
-    // behind it if the URL is of ONVIF's form: users of another table may be meant. Valid during the call. `kind`:
-    // 2000. 0, or negative on failure. The base gives -1.
+    // behind it if the URL is of ONVIF's form: users of another table may be meant. Valid during the call. The method
+    // of the request is not told. `kind`: 2000. 0, or negative on failure. The base gives -1.
     virtual int ProcessChallenge(const char* response, result_proc_t result, int kind);
 };
 

@@ -39,26 +39,30 @@ public:
     virtual void AddNotify(long notify_id) = 0;
     virtual void DelNotify(long notify_id) = 0;
     // Plays from `start` to `end`; a year of 0 means not given. `speed`: 1.0 real time, below 0 backwards, never 0.
-    // `is_scale`: the rate came from a Scale header (RFC 2326 12.34) and not from Speed (12.35).
+    // MSG_PLAY_READY follows, or MSG_SRC_FAIL. `is_scale`: the rate came from a Scale header (RFC 2326 12.34) and not
+    // from Speed (12.35).
     virtual int Play(const UtcTime& start, const UtcTime& end, float speed, bool is_scale) = 0;
     // The same in microseconds from the start of the file; all ones means not given.
     virtual int Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale) = 0;
+    // Pauses, upon which MSG_SRC_PAUSED follows. -1 for a source that can't, such as a live one.
     virtual int Pause() = 0;
     // Packets of that form go into `buffer`, the last one given. It may end before the source is stopped, when the
     // channel that it belongs to is deleted: a source keeps a CMediaBufferRef of it. `cseq`: the CSeq of the PLAY, or
     // -1.
     virtual int StartStreaming(packet_type_t packet_type, CMediaBuffer* buffer, int cseq) = 0;
-    // -1 also says that others keep the stream running.
+    // Ends it for one client of that form. -1 also says that others keep the stream running.
     virtual int StopStreaming(packet_type_t packet_type) = 0;
     // The SDP with an extension: `ext_info` 1 adds the assist track. The base gives -1.
     virtual int GetSdp(CSdpParser& sdp, int ext_info);
-    // A copy of the SDP.
+    // A copy of the SDP (RFC 4566); -1 before MSG_SRC_READY.
     virtual int GetSdp(CSdpParser& sdp) = 0;
+    // The running state of a track of the SDP.
     virtual int GetSrcInfo(SrcInfo& info, int track_id) = 0;
     // The play window.
     virtual int GetPlayRange(UtcTime& start, UtcTime& end) = 0;
     virtual int GetPlayRange(uint64_t& start_us, uint64_t& end_us) = 0;
-    // Interleaved channel number of a track of the SDP.
+    // Interleaved channel number of a track of the SDP (RFC 2326 10.12), and the SSRC of its RTP packets (RFC 3550 5.1;
+    // 0 for an unknown track).
     virtual int GetTcpChannel(int track_id) = 0;
     virtual unsigned int GetSSRC(int track_id) = 0;
     // Asks the source to read its stream information anew. The base gives 0.

@@ -14,6 +14,8 @@ struct JpegImage {
     uint16_t width = 0;
     uint16_t height = 0;
     uint16_t restart_interval = 0;
+    bool is_420 = false;           // baseline, 8 bits, 4:2:0: what type 1 of RFC 2435 stands for
+    bool standard_huffman = true;  // its tables are those of ISO 10918-1 K.3, the only ones that RFC 2435 knows
     const unsigned char* luma_table = nullptr;    // 64 bytes, zigzag order
     const unsigned char* chroma_table = nullptr;  // the same table if the image has only one
     const unsigned char* scan = nullptr;          // entropy-coded data, and all that follows it

@@ -37,11 +37,12 @@ public:
     // source, which is the caller's again, or null. `arg` is kept and read by nothing.
     CDataSource* AddDataSrc(CDataSource* src, uint64_t arg);
     // Adds a multicast destination: `dest_ip` is the group and the base port, `local_ip` the address of the interface
-    // to send from, or null. RTP uses a pair of ports for each track, from the base port on; for RTP the host also
-    // calls StartStreaming(PACKET_TYPE_RTP).
+    // to send from, or null. RTP uses a pair of ports for each track that the SDP has by then, from the base port on:
+    // call it when the source has told its format. For RTP the host also calls StartStreaming(PACKET_TYPE_RTP).
     int AddTransfDst(CSockAddrStorage& dest_ip, const char* local_ip);
     int DelTransfDst(CSockAddrStorage& dest_ip, const char* local_ip);
-    // Whether the SDP describes unicast (as at the start) or the multicast destinations. 0.
+    // Whether the SDP describes unicast (as at the start) or the multicast destinations. In the latter case sessions
+    // that want unicast are refused with 461. 0.
     int SetUnicast(bool unicast);
 
     // References of sessions, by handler id; each AddRef wants a DelRef. A user gets the channel's messages with a
@@ -52,12 +53,14 @@ public:
 
     // The buffer that packets of that form go into; the channel's. Null for another type.
     CMediaBuffer* GetMediaBuffer(packet_type_t packet_type);
+    // Counts a client of that form in or out; the source gives frames while there is one. -1 of StopStreaming also says
+    // that others are left.
     int StartStreaming(packet_type_t packet_type);
     int StopStreaming(packet_type_t packet_type);
 
     // A copy of the SDP: 1 for a multicast channel, 0 for a unicast one, -1 if there is none.
     int GetSdp(CSdpParser& sdp);
-    // The SDP with an extension (see CDataSource::GetSdp).
+    // The SDP with an extension. This and the next three: see CDataSource.
     int GetSdp(CSdpParser& sdp, int ext_info);
     int GetSrcInfo(SrcInfo& info, int track_id);
     int GetTcpChannel(int track_id);
@@ -67,6 +70,7 @@ public:
     int GetPlayRange(UtcTime& start, UtcTime& end);
     // Drops the SDP and asks the source for its stream information anew.
     int UpdataLiveChannel(long arg);
+    // Of the source, for a stream_track_t (see CDataSource).
     int EnableStreamTrack(int track_kind);
     int DisableStreamTrack(int track_kind);
 

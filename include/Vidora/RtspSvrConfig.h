@@ -28,9 +28,9 @@ struct OnvifUserGlobalConfig {
 enum rtsp_svr_config_t : int {
     RTSP_SVR_CONFIG_AUTH_TYPE = 1,          // rtsp_auth_t: plain RTSP
     RTSP_SVR_CONFIG_HTTP_AUTH_TYPE = 2,     // rtsp_auth_t: RTSP in an HTTP tunnel
-    RTSP_SVR_CONFIG_DSCP = 3,               // int: marking of media sockets
-    RTSP_SVR_CONFIG_TIMEOUT = 4,            // int: keep-alive time-out in seconds
-    RTSP_SVR_CONFIG_RTP_PORT = 5,           // RtpPortRange
+    RTSP_SVR_CONFIG_DSCP = 3,               // int: marking of UDP media (RFC 2474), 1 to 63, 0 for none
+    RTSP_SVR_CONFIG_TIMEOUT = 4,            // int: keep-alive time-out in seconds, 0 for none
+    RTSP_SVR_CONFIG_RTP_PORT = 5,           // RtpPortRange: 1 to 65535, the lower bound below the upper one
     RTSP_SVR_CONFIG_URL_FUNC = 6,           // the function itself as `value`, len sizeof a function pointer
     RTSP_SVR_CONFIG_SRC_FUNC = 7,           // as 6
     RTSP_SVR_CONFIG_AUTH_FUNC = 8,          // as 6
@@ -81,7 +81,8 @@ public:
     CRtspSvrConfig& operator=(const CRtspSvrConfig& other);
 
     // Sets one item. 0, or -1 with no change: null `value`, `len` below 1 or not the item's, a bad value, or an unknown
-    // item. A wrong `len` is an assertion.
+    // item. A wrong `len` is an assertion. Marking and time-out are not tested when they are set: a negative time-out
+    // or a marking out of range is kept, and then can't be replaced.
     int SetConfig(rtsp_svr_config_t item, const void* value, int len);
     // Copies one item to `value`; `len` must be the item's, is checked as in SetConfig, and is not changed. Functions
     // and the user data come as the pointer's value. 0 or -1.

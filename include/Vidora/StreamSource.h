@@ -32,7 +32,7 @@ enum stream_audio_encode_t {
 };
 
 struct StreamVideoFormat {
-    int32_t width = 0;
+    int32_t width = 0;  // samples; the library doesn't read width and height
     int32_t height = 0;
     int32_t encode_type = 0;  // stream_video_encode_t
     int32_t frame_rate = 0;   // frames a second, for the SDP only
@@ -52,7 +52,9 @@ struct StreamAudioFormat {
 //
 // A frame is a Flumen::CMediaFrame in the private frame format, with setType (a frame_type_t), setSequence, setPts
 // (PTS_TYPE_MS, milliseconds) and setUtc (wall time in seconds) set, and setNewFormat(1) on the first frame of a new
-// format. H.264 frames hold NAL units behind four-byte start codes, a key frame its parameter sets first.
+// format. H.264 frames hold NAL units behind four-byte start codes, a key frame its parameter sets first, and one
+// slice: what stands behind it is sent as a part of it. JPEG images are baseline 4:2:0 with the Huffman tables of ISO
+// 10918-1 K.3 (RFC 2435). B pictures are given in decoding order, with the time at which each one is shown.
 //
 // THREADING  The operations come from pool threads and from the host's own calls into the library. Start, Stop, Pause
 //            and Resume come one after another; the format queries (HasVideo, HasAudio, GetVideoFormat,

@@ -1,46 +1,27 @@
 #include <gtest/gtest.h>
 
-#include <cstdio>
 #include <sstream>
-#include <string>
-#include <vector>
 
 #include "Protocol/RtcpParser.h"
 #include "support/Capture.h"
+#include "support/StreamBytes.h"
 
-using namespace Kavio::Vidora;
-using Kavio::Support::CAssertCapture;
-using Kavio::Support::CLogCapture;
+namespace Kavio {
+namespace Support {
+
+using namespace Vidora;
 
 namespace {
 
-std::vector<uint8_t> from_hex(const std::string& hex) {
-    std::vector<uint8_t> bytes;
-    for (size_t i = 0; i + 1 < hex.size(); i += 2) {
-        bytes.push_back(static_cast<uint8_t>(std::stoul(hex.substr(i, 2), nullptr, 16)));
-    }
-    return bytes;
-}
-
-std::string to_hex(const uint8_t* bytes, size_t size) {
-    std::string hex;
-    for (size_t i = 0; i < size; ++i) {
-        char byte[3];
-        std::snprintf(byte, sizeof(byte), "%02x", static_cast<unsigned>(bytes[i]));
-        hex += byte;
-    }
-    return hex;
-}
-
 // A parser, and the bytes that its table leads into.
-struct parsed_t {
-    explicit parsed_t(const std::string& hex, bool compound = true) : bytes(from_hex(hex)) {
+struct Parsed {
+    explicit Parsed(const std::string& hex, bool compound = true) : bytes(FromHex(hex)) {
         const unsigned int length = static_cast<unsigned int>(bytes.size());
         good = parser.ParseData(bytes.data(), &length, compound);
         packs = parser.get_packets(&count);
     }
 
-    std::vector<uint8_t> bytes;
+    Bytes bytes;
     CRtcpParser parser{1};
     bool good = false;
     int count = 0;
@@ -86,24 +67,22 @@ std::string decoded(rtcp_pack& pack) {
 
 // What the object writes for the given types, in hexadecimal; "-" for null.
 std::string written(CRtcpParser& parser, const std::vector<int>& types, unsigned int room = 1024) {
-    std::vector<uint8_t> buffer(room);
-    unsigned char* result =
-        parser.GetCompoundPacket(buffer.data(), &room, types.data(), static_cast<int>(types.size()));
-    return result != nullptr ? to_hex(result, room) : "-";
+    Bytes buffer(room);
+    const int count = static_cast<int>(types.size());
+    const bool done = parser.GetCompoundPacket(buffer.data(), &room, types.data(), count) != nullptr;
+    return done ? ToHex(Part(buffer, 0, room)) : "-";
 }
-
-}  // namespace
 
 // Sent by GStreamer's rtpbin: a receiver report, and the last report of a sender.
 TEST(RtcpParser, DecodesReportsOfAnotherImplementation) {
-    parsed_t rr(
+    Parsed rr(
         "81c90007b78ff88c4019e96a00ffffff000017f200000005cc9e3abf0000386481ca000cb78ff88c011c75736572323531373430373132"
         "3140686f73742d636538613161343506094753747265616d6572000000");
     ASSERT_EQ(rr.count, 2);
     EXPECT_EQ(decoded(rr.packs[0]), "0 RR b78ff88c [4019e96a 0 ffffff 17f2 5 cc9e3abf 3864]");
     EXPECT_EQ(decoded(rr.packs[1]), "0 SDES b78ff88c [1 user2517407121@host-ce8a1a45] [6 GStreamer]");
 
-    parsed_t bye(
+    Parsed bye(
         "80c800064019e96aeeabcca54478316a982e7d41000000700001c00081ca000c4019e96a011c75736572313235313631393436"
         "3440686f73742d373339633039323206094753747265616d657200000081cb00014019e96a");
     ASSERT_EQ(bye.count, 3);
@@ -143,7 +122,7 @@ TEST(RtcpParser, RecordsWhatIsGoodInFrontOfTheFirstFault) {
     for (const auto& row : rows) {
         SCOPED_TRACE(row.hex);
         const CLogCapture log;
-        const parsed_t parsed(row.hex, row.compound);
+        const Parsed parsed(row.hex, row.compound);
         EXPECT_EQ(parsed.count, row.count);
         EXPECT_EQ(parsed.good, row.count > 0);
         EXPECT_EQ(log.Lines().size(), row.log.empty() ? 0U : 1U);
@@ -152,7 +131,7 @@ TEST(RtcpParser, RecordsWhatIsGoodInFrontOfTheFirstFault) {
     CRtcpParser parser(1);
     const unsigned int length = 8;
     EXPECT_FALSE(parser.ParseData(nullptr, &length, true));
-    EXPECT_EQ(parsed_t(rr + "81cc000100000001").packs[1].parse, nullptr);
+    EXPECT_EQ(Parsed(rr + "81cc000100000001").packs[1].parse, nullptr);
 }
 
 TEST(RtcpParser, DecodersStayInsideTheirPacket) {
@@ -181,11 +160,11 @@ TEST(RtcpParser, DecodersStayInsideTheirPacket) {
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.hex);
-        parsed_t parsed(row.hex, false);
+        Parsed parsed(row.hex, false);
         ASSERT_EQ(parsed.count, 1);
         EXPECT_EQ(decoded(parsed.packs[0]), row.decoded);
     }
-    parsed_t wrong("80c9000100000001");
+    Parsed wrong("80c9000100000001");
     wrong.packs[0].common.pt = CRtcpParser::RTCP_TYPE_SR;
     const CAssertCapture asserts;
     EXPECT_EQ(wrong.packs[0].parse(&wrong.packs[0]), -1);
@@ -247,7 +226,7 @@ TEST(RtcpParser, WritesNothingThatDoesNotFit) {
     ASSERT_EQ(parser.get_sr_compound(buffer, &needed), buffer);
     EXPECT_EQ(needed, 28U + 16 + 24);
     for (unsigned int room = 0; room < needed; ++room) {
-        std::vector<uint8_t> exact(room);
+        Bytes exact(room);
         unsigned int length = room;
         EXPECT_EQ(parser.get_sr_compound(exact.data(), &length), nullptr) << room;
         // Whole packets only.
@@ -263,3 +242,7 @@ TEST(RtcpParser, WritesNothingThatDoesNotFit) {
     EXPECT_EQ(parser.GetCompoundPacket(buffer, &length, sender, -1), nullptr);
     EXPECT_EQ(parser.GetCompoundPacket(buffer, &length, nullptr, 0), nullptr);
 }
+
+}  // namespace
+}  // namespace Support
+}  // namespace Kavio

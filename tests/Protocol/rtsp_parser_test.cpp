@@ -113,8 +113,6 @@ TEST(RtspRange, ClockTimesAreReadAndWritten) {
     }
 
     char out[128];
-    EXPECT_STREQ(CRtspParser::format_clock_range(out, sizeof out, &whole, nullptr),
-                 "Range: clock=20200102T030405Z-\r\n");
     const UtcTime seven = {2020, 1, 2, 3, 4, 5, 7};
     EXPECT_STREQ(CRtspParser::format_clock_range(out, sizeof out, &seven, &fine),
                  "Range: clock=20200102T030405.07Z-20200102T030405.678Z\r\n");

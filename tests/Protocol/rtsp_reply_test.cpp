@@ -155,7 +155,6 @@ TEST(RtspClientRequest, PlayUrlFollowsTheBase) {
 
 std::string what_it_carries(const CRtspReqParser& parser) {
     const transport_info* t = parser.get_transport();
-    const multicast_info* m = parser.get_multicast();
     std::ostringstream out;
     const std::string session = parser.get_session();
     double begin = 0;
@@ -175,11 +174,8 @@ std::string what_it_carries(const CRtspReqParser& parser) {
             out << " " << count << " [" << parser.get_body() << "]";
             break;
         case RTSP_METHOD_SETUP:
-            out << (t->packet_kx == 1 ? " KX" : " RTP") << (t->transport == RTP_OVER_UDP ? " udp " : " tcp ");
-            if (t->multicast != 0) {
-                out << "multicast " << m->addr << " ttl " << m->ttl << " ";
-            }
-            out << t->rtp_port << "-" << t->rtcp_port << " server " << t->server_rtp_port << "-" << t->server_rtcp_port;
+            out << Support::TransportText(*t, *parser.get_multicast());
+            out << " server " << t->server_rtp_port << "-" << t->server_rtcp_port;
             out << " ssrc " << std::hex << t->ssrc << " [" << session.substr(0, session.find("\r\n")) << "]";
             break;
         case RTSP_METHOD_PLAY:

@@ -29,8 +29,6 @@ std::string id_of(const CRtspRspParser& parser) {
 }
 
 std::string what_it_carries(const CRtspRspParser& parser) {
-    const transport_info* t = parser.get_transport();
-    const multicast_info* m = parser.get_multicast();
     std::ostringstream out;
     double begin = 0;
     double end = 0;
@@ -40,11 +38,7 @@ std::string what_it_carries(const CRtspRspParser& parser) {
     switch (parser.get_method()) {
         case RTSP_METHOD_DESCRIBE:
         case RTSP_METHOD_SETUP:
-            out << (t->packet_kx == 1 ? " KX" : " RTP") << (t->transport == RTP_OVER_UDP ? " udp " : " tcp ");
-            if (t->multicast != 0) {
-                out << "multicast " << m->addr << " ttl " << m->ttl << " ";
-            }
-            out << t->rtp_port << "-" << t->rtcp_port;
+            out << Support::TransportText(*parser.get_transport(), *parser.get_multicast());
             break;
         case RTSP_METHOD_PLAY:
             parser.get_npt_range(&begin, &end);

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
+#include <sstream>
 #include <string>
 
 #include "Vidora/RtspUrlParser.h"
@@ -39,170 +40,144 @@ std::string addr_of(const CRtspUrlParser& parser, int index) {
     return addr.IsValid() ? std::string(addr.GetIpStr(ip, sizeof(ip))) + ":" + std::to_string(addr.GetPort()) : "-";
 }
 
+std::string time_of(const CTime& time) {
+    char text[32];
+    time.format(text, "%FT%T", sizeof(text));
+    return time == CTime() ? "-" : text;
+}
+
+// All that was found; the content only if it isn't the text itself.
+std::string found(CRtspUrlParser& parser, const char* text) {
+    static const char* const TYPES[] = {"proxy", "live", "file", "proxied live", "proxied file", "token", "none"};
+    std::ostringstream out;
+    out << TYPES[parser.GetSrcType()];
+    const auto put = [&out](const char* title, const std::string& value) {
+        out << (value != "-" ? title + value : "");
+    };
+    put(" ", text_or(parser.GetContent()) == text ? "-" : "[" + text_or(parser.GetContent()) + "]");
+    put(" as ", auth_of(parser, 0));
+    put(" at ", addr_of(parser, 0));
+    put(" through ", text_or(parser.GetProxyUrl(), "-"));
+    put(" as ", auth_of(parser, 1));
+    put(" at ", addr_of(parser, 1));
+    put(" protocol ", parser.GetLocalStreamProto() > 0 ? std::to_string(parser.GetLocalStreamProto()) : "-");
+    put(" file ", text_or(parser.GetFileName(), "-"));
+    put(" service ", text_or(parser.GetParam("ServiceType"), "-"));
+    if (const identifier_t* live = parser.GetIdentifier()) {
+        out << " channel " << live->channel << "/" << live->subtype;
+    }
+    if (const playback_info* playback = parser.GetPlayback_info()) {
+        put(" token ", playback->token[0] != '\0' ? playback->token : "-");
+        put(" from ", time_of(playback->start));
+        put(" to ", time_of(playback->end));
+        if (playback->channel != 0) {
+            out << " channel " << playback->channel << "/" << playback->subtype;
+        }
+    }
+    return out.str();
+}
+
+struct Row {
+    const char* text;
+    const char* found;
+};
+
 }  // namespace
 
 TEST(RtspUrlParser, SplitsUrlIntoCredentialsHostAndContent) {
-    struct {
-        const char* url;
-        bool good;
-        const char* auth;
-        const char* addr;
-        const char* content;
-        int type;
-    } const rows[] = {
-        {"rtsp://user:pw@127.0.0.1:8554/cam/realmonitor?channel=1&subtype=0", true, "user:pw", "127.0.0.1:8554",
-         "cam/realmonitor?channel=1&subtype=0", SRC_TYPE_LIVE},
-        {"RtSp://127.0.0.1/dir/x.kav", true, "-", "127.0.0.1:554", "dir/x.kav", SRC_TYPE_FILE},
-        {"rtsp://[::1]:8554/x.kav", true, "-", "::1:8554", "x.kav", SRC_TYPE_FILE},
-        {"rtsp://127.0.0.1/", true, "-", "127.0.0.1:554", "", SRC_TYPE_NONE},
-        {"rtsp://127.0.0.1", true, "-", "127.0.0.1:554", "", SRC_TYPE_NONE},
-        {"rtsp://user:@127.0.0.1/", true, "user:", "127.0.0.1:554", "", SRC_TYPE_NONE},
-        {"rtsp://:pw@127.0.0.1/", false, "-", "-", "(null)", SRC_TYPE_NONE},
+    const Row rows[] = {
+        {"rtsp://user:pw@127.0.0.1:8554/cam/realmonitor?channel=1&subtype=0",
+         "live [cam/realmonitor?channel=1&subtype=0] as user:pw at 127.0.0.1:8554 channel 1/0"},
+        {"RtSp://127.0.0.1/dir/x.kav", "file [dir/x.kav] at 127.0.0.1:554 file dir/x.kav"},
+        {"rtsp://[::1]:8554/x.kav", "file [x.kav] at ::1:8554 file x.kav"},
+        {"rtsp://127.0.0.1/", "none [] at 127.0.0.1:554"},
+        {"rtsp://127.0.0.1", "none [] at 127.0.0.1:554"},
+        {"rtsp://user:@127.0.0.1/", "none [] as user: at 127.0.0.1:554"},
+        {"rtsp://:pw@127.0.0.1/", "none [(null)]"},
         // An "@" in the path isn't the end of credentials, and a "proxy" in front of one has its own.
-        {"rtsp://127.0.0.1/u:p@x.kav", true, "-", "127.0.0.1:554", "u:p@x.kav", SRC_TYPE_FILE},
-        {"rtsp://proxy:x@127.0.0.1/a", true, "-", "-", "a", SRC_TYPE_NONE},
+        {"rtsp://127.0.0.1/u:p@x.kav", "file [u:p@x.kav] at 127.0.0.1:554 file u:p@x.kav"},
+        {"rtsp://proxy:x@127.0.0.1/a", "none [a]"},
         // No host but a file name with an "@" in it: the port isn't a number, and no path follows.
-        {"rtsp://user:pw@x.kav", false, "-", "-", "(null)", SRC_TYPE_NONE},
+        {"rtsp://user:pw@x.kav", "none [(null)]"},
         // A host that can't be read doesn't end the parse, a port out of range leaves the address empty.
-        {"rtsp://?/x.kav", true, "-", "-", "x.kav", SRC_TYPE_FILE},
-        {"rtsp://127.0.0.1:99999/x.kav", true, "-", "-", "x.kav", SRC_TYPE_FILE},
+        {"rtsp://?/x.kav", "file [x.kav] file x.kav"},
+        {"rtsp://127.0.0.1:99999/x.kav", "file [x.kav] file x.kav"},
         // Text in front of the scheme: the host is looked for at the eighth byte all the same.
-        {"xrtsp://127.0.0.1/x.kav", true, "-", "-", "127.0.0.1/x.kav", SRC_TYPE_FILE},
-        {"http://127.0.0.1/x.kav", false, "-", "-", "(null)", SRC_TYPE_NONE},
-        {"", false, "-", "-", "(null)", SRC_TYPE_NONE},
+        {"xrtsp://127.0.0.1/x.kav", "file [127.0.0.1/x.kav] file 127.0.0.1/x.kav"},
+        {"http://127.0.0.1/x.kav", "none [(null)]"},
+        {"", "none [(null)]"},
     };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.url);
-        const CLogCapture log;
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.text);
         CRtspUrlParser parser;
-        EXPECT_EQ(parse_url(parser, row.url), row.good);
-        EXPECT_EQ(auth_of(parser, 0), row.auth);
-        EXPECT_EQ(addr_of(parser, 0), row.addr);
-        EXPECT_EQ(text_or(parser.GetContent()), row.content);
-        EXPECT_EQ(parser.GetSrcType(), row.type);
-        if (row.url == std::string("rtsp://?/x.kav")) {
-            EXPECT_EQ(log.Count(" Parse RTSP connection info failed!\n"), 1);
-            EXPECT_EQ(parser.GenerateUrl("x"), nullptr);
-        }
+        const bool good = parse_url(parser, row.text);
+        EXPECT_EQ(good, parser.GetContent() != nullptr);
+        EXPECT_EQ(found(parser, row.text), row.found);
     }
+    const CLogCapture log;
+    CRtspUrlParser parser;
+    EXPECT_TRUE(parse_url(parser, "rtsp://?/x.kav"));
+    EXPECT_EQ(log.Count(" Parse RTSP connection info failed!\n"), 1);
+    EXPECT_EQ(parser.GenerateUrl("x"), nullptr);
 }
 
-TEST(RtspUrlParser, ClassifiesContent) {
-    struct row_t {
-        const char* raw;
-        int type;
-        const char* content = nullptr;  // null: as it came
-        int proto = 0;
-        const char* proxy_url = "(null)";
-        const char* proxy_addr = "-";
-    };
-    const row_t rows[] = {
-        {"cam/realmonitor?channel=1&subtype=0", SRC_TYPE_LIVE},
-        // One character of subtype is all that the test of the type admits.
-        {"cam/realmonitor?channel=1&subtype=10", SRC_TYPE_NONE},
-        {"cam/realmonitor?channel=1&subtype=0&x=1", SRC_TYPE_NONE},
-        {"cam/realmonitor?channel=1&subtype=", SRC_TYPE_NONE},
-        {"a&unicast=true&proto=Onvif", SRC_TYPE_NONE, "a", 2},
-        {"cam/realmonitor?channel=1&authbasic=QQ==&proto=Kavio3&subtype=0", SRC_TYPE_LIVE,
-         "cam/realmonitor?channel=1&subtype=0", 1},
-        {"a&proto=Kavio3Onvif", SRC_TYPE_NONE, "a", 2},  // the later test wins
+TEST(RtspUrlParser, ClassifiesContentAndReadsWhatItNames) {
+    const Row rows[] = {
+        {"cam/realmonitor?channel=1&subtype=0", "live channel 1/0"},
+        // One character of subtype is all that the test of the type admits, but the identifier is there.
+        {"cam/realmonitor?channel=3&subtype=12", "none channel 3/12"},
+        {"cam/realmonitor?channel=3&subtype=12&x=1", "none channel 3/12"},
+        {"cam/realmonitor?channel=1&subtype=", "none"},
+        {"a&unicast=true&proto=Onvif", "none [a] protocol 2"},
+        {"cam/realmonitor?channel=1&authbasic=QQ==&proto=Kavio3&subtype=0",
+         "live [cam/realmonitor?channel=1&subtype=0] protocol 1 channel 1/0"},
+        // The later test wins.
+        {"a&proto=Kavio3Onvif", "none [a] protocol 2"},
         // A parameter at the very front leaves its "&", or nothing.
-        {"authbasic=QQ==&x.kav", SRC_TYPE_FILE, "&x.kav"},
-        {"unicast=true", SRC_TYPE_NONE, ""},
-        {"cam/playback?token=abc", SRC_TYPE_TOKEN},
-        {"cam/playback?channel=1&starttime=2020_1_2_3_4_5", SRC_TYPE_FILE},
-        {"dir/x.kav?from=1", SRC_TYPE_NONE},
-        {".kav", SRC_TYPE_NONE},
-        {"x.kav ServiceType=vod&y", SRC_TYPE_FILE},
+        {"authbasic=QQ==&x.kav", "file [&x.kav] file &x.kav"},
+        {"unicast=true", "none []"},
+        {"cam/playback?token=abc", "token token abc"},
+        {"dir/x.kav?from=1", "none file dir/x.kav"},
+        {"dir/x.kav?y", "none file dir/x.kav"},
+        {".kav", "none file .kav"},
+        {"x.kav ServiceType=vod&y", "file file x.kav service vod&y"},
+        {"x.kav?ServiceType=vod&y a", "file file x.kav service vod&y"},
+        // Something behind the times: they are answered all the same.
+        {"cam/playback?channel=1&starttime=2020_1_2_3_4_5", "file from 2020-01-02T03:04:05 channel 1/0"},
+        {"cam/playback?channel=2&subtype=1&starttime=2020_01_02_03_04_05&endtime=2020_1_2_4_0_0",
+         "file from 2020-01-02T03:04:05 to 2020-01-02T04:00:00 channel 2/1"},
+        {"cam/playback?channel=2&starttime=2020_1_2_3_4_5&x=1", "file from 2020-01-02T03:04:05 channel 2/0"},
+        {"cam/playback?channel=2&starttime=2020_1_2_3_4", "file"},
+        {"cam/playback?channel=2", "file"},
+        {"cam/playback?channel=x&starttime=2020_1_2_3_4_5", "file"},
         // With a proxy "proto=" stays in the content and tells the kind of source; in front of "proxy=" it isn't seen.
-        {"live/1?proxy=127.0.0.2:8554", SRC_TYPE_PROXY, nullptr, 0, "rtsp://127.0.0.2:8554/live/1", "127.0.0.2:8554"},
-        {"cam/realmonitor?channel=1&subtype=0&proxy=u:p@127.0.0.2&proto=Kavio3", SRC_TYPE_PROXY_LIVE, nullptr, 0,
-         "rtsp://u:p@127.0.0.2/cam/realmonitor?channel=1&subtype=0", "127.0.0.2:554"},
-        {"x.kav?proxy=127.0.0.2&proto=Kavio3&unicast=true", SRC_TYPE_PROXY_FILE, "x.kav?proxy=127.0.0.2&proto=Kavio3",
-         0, "rtsp://127.0.0.2/x.kav", "127.0.0.2:554"},
-        {"x?proxy=127.0.0.2&proto=Kavio3", SRC_TYPE_NONE, nullptr, 0, "rtsp://127.0.0.2/x", "127.0.0.2:554"},
-        {"x.kav?proto=Kavio3&proxy=127.0.0.2", SRC_TYPE_PROXY, nullptr, 0, "rtsp://127.0.0.2/x.kav?proto=Kavio3",
-         "127.0.0.2:554"},
+        {"live/1?proxy=127.0.0.2:8554", "proxy through rtsp://127.0.0.2:8554/live/1 at 127.0.0.2:8554"},
+        {"cam/realmonitor?channel=1&subtype=0&proxy=u:p@127.0.0.2&proto=Kavio3",
+         "proxied live through rtsp://u:p@127.0.0.2/cam/realmonitor?channel=1&subtype=0 as u:p at 127.0.0.2:554 "
+         "channel 1/0"},
+        {"x.kav?proxy=127.0.0.2&proto=Kavio3&unicast=true",
+         "proxied file [x.kav?proxy=127.0.0.2&proto=Kavio3] through rtsp://127.0.0.2/x.kav at 127.0.0.2:554 file "
+         "x.kav"},
+        {"x?proxy=127.0.0.2&proto=Kavio3", "none through rtsp://127.0.0.2/x at 127.0.0.2:554"},
+        {"x.kav?proto=Kavio3&proxy=127.0.0.2",
+         "proxy through rtsp://127.0.0.2/x.kav?proto=Kavio3 at 127.0.0.2:554 file x.kav"},
+        {"x?proxy=", "none [(null)]"},
+        {"x?proxy=:p@127.0.0.2", "none [(null)]"},
     };
-    for (const row_t& row : rows) {
-        SCOPED_TRACE(row.raw);
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.text);
         CRtspUrlParser parser;
         testing::internal::CaptureStdout();
-        EXPECT_TRUE(parse_content(parser, row.raw));
-        EXPECT_EQ(testing::internal::GetCapturedStdout().find("failed."), std::string::npos);
-        EXPECT_EQ(parser.GetSrcType(), row.type);
-        EXPECT_EQ(text_or(parser.GetContent()), row.content != nullptr ? row.content : row.raw);
-        EXPECT_EQ(text_or(parser.GetProxyUrl()), row.proxy_url);
-        EXPECT_EQ(addr_of(parser, 1), row.proxy_addr);
-        EXPECT_EQ(parser.GetLocalStreamProto(), row.proto);
+        const bool good = parse_content(parser, row.text);
+        EXPECT_EQ(testing::internal::GetCapturedStdout().find("failed.") == std::string::npos, good);
+        EXPECT_EQ(good, parser.GetContent() != nullptr);
+        EXPECT_EQ(found(parser, row.text), row.found);
     }
-    for (const char* bad : {"x?proxy=", "x?proxy=:p@127.0.0.2"}) {
-        CRtspUrlParser parser;
-        testing::internal::CaptureStdout();
-        EXPECT_FALSE(parse_content(parser, bad));
-        EXPECT_NE(testing::internal::GetCapturedStdout().find("failed."), std::string::npos);
-        EXPECT_EQ(parser.GetContent(), nullptr);
-    }
-}
-
-TEST(RtspUrlParser, ReadsWhatTheContentNames) {
-    testing::internal::CaptureStdout();
-    CRtspUrlParser live;
-    ASSERT_TRUE(parse_content(live, "cam/realmonitor?channel=3&subtype=12&x=1"));
-    ASSERT_NE(live.GetIdentifier(), nullptr);  // though the content has no type
-    EXPECT_EQ(live.GetIdentifier()->channel, 3);
-    EXPECT_EQ(live.GetIdentifier()->subtype, 12);
-    EXPECT_EQ(live.GetPlayback_info(), nullptr);
-    EXPECT_EQ(live.GetFileName(), nullptr);
-
     CRtspUrlParser token;
     ASSERT_TRUE(parse_content(token, "cam/playback?token=" + std::string(300, 't') + "&x"));
-    ASSERT_NE(token.GetPlayback_info(), nullptr);
     EXPECT_EQ(token.GetPlayback_info()->token, std::string(255, 't'));
-
-    CRtspUrlParser file;
-    ASSERT_TRUE(parse_content(file, "dir/x.kav?y"));
-    EXPECT_EQ(text_or(file.GetFileName()), "dir/x.kav");
-
-    CRtspUrlParser service;
-    ASSERT_TRUE(parse_content(service, "x.kav?ServiceType=vod&y a"));
-    EXPECT_EQ(text_or(service.GetParam("ServiceType")), "vod&y");
-    EXPECT_EQ(service.GetParam(nullptr), nullptr);
-    EXPECT_EQ(service.GetParam("proto"), nullptr);
-    testing::internal::GetCapturedStdout();
-}
-
-TEST(RtspUrlParser, ReadsPlaybackTimes) {
-    struct {
-        const char* content;
-        bool has;
-        int subtype;
-        CTime start;
-        CTime end;
-    } const rows[] = {
-        {"cam/playback?channel=2&starttime=2020_1_2_3_4_5", true, 0, CTime(2020, 1, 2, 3, 4, 5), CTime()},
-        {"cam/playback?channel=2&subtype=1&starttime=2020_01_02_03_04_05&endtime=2020_1_2_4_0_0", true, 1,
-         CTime(2020, 1, 2, 3, 4, 5), CTime(2020, 1, 2, 4, 0, 0)},
-        // Something behind the times: they are answered all the same.
-        {"cam/playback?channel=2&starttime=2020_1_2_3_4_5&x=1", true, 0, CTime(2020, 1, 2, 3, 4, 5), CTime()},
-        {"cam/playback?channel=2&starttime=2020_1_2_3_4", false, 0, CTime(), CTime()},
-        {"cam/playback?channel=2", false, 0, CTime(), CTime()},
-        {"cam/playback?channel=x&starttime=2020_1_2_3_4_5", false, 0, CTime(), CTime()},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.content);
-        CRtspUrlParser parser;
-        EXPECT_TRUE(parse_content(parser, row.content));
-        EXPECT_EQ(parser.GetSrcType(), SRC_TYPE_FILE);
-        const playback_info* info = parser.GetPlayback_info();
-        ASSERT_EQ(info != nullptr, row.has);
-        if (info != nullptr) {
-            EXPECT_EQ(info->channel, 2);
-            EXPECT_EQ(info->subtype, row.subtype);
-            EXPECT_EQ(info->start, row.start);
-            EXPECT_EQ(info->end, row.end);
-        }
-    }
+    EXPECT_EQ(token.GetParam(nullptr), nullptr);
+    EXPECT_EQ(token.GetParam("proto"), nullptr);
 }
 
 TEST(RtspUrlParser, GeneratesUrlsThatItReadsAgain) {

@@ -1,77 +1,55 @@
 // The packetiser: how each codec is cut, the RTP header and the time line.
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <string>
-#include <vector>
-
 #include "StreamParser/Frame2Rtp.h"
 #include "StreamParser/RtpHeader.h"
 #include "support/Capture.h"
+#include "support/PackerUnits.h"
+#include "support/StreamBytes.h"
 
 namespace Kavio {
-namespace Vidora {
+namespace Support {
+
+using namespace Vidora;
+
 namespace {
 
-typedef std::vector<unsigned char> Bytes;
-
 struct Packet {
-    Bytes bytes;
+    Bytes bytes, payload;
     RtpHeader header;
-    Bytes payload() const {
-        const auto len = static_cast<long>(header.payload_len);  // all headers stand in front
-        return Bytes(bytes.end() - len, bytes.end());
-    }
 };
 
-// Cuts a frame; checks that counts and sizes told beforehand are those of the bytes.
+// Cuts a frame into well-formed packets, the last of which has the marker.
 std::vector<Packet> cut(CFrame2Rtp& packer, const Bytes& frame, int enc_type, uint64_t pts = 1, uint8_t extra = 0) {
     std::vector<Packet> packets;
     if (packer.PutFrame(frame.data(), static_cast<unsigned>(frame.size()), enc_type, pts, extra) != 0) {
-        EXPECT_EQ(packer.GetPacketSize(), 0);
+        EXPECT_EQ(packer.GetPacketSize() + packer.GetTotalSize(), 0);
         return packets;
     }
-    const int count = packer.GetPacketCount();
-    int total = packer.GetTotalSize();
-    for (int size = packer.GetPacketSize(); size > 0; size = packer.GetPacketSize()) {
+    const std::vector<Bytes> units = UnitsOf(packer, packer.GetExtensionSize());
+    for (const Bytes& unit : units) {
         Packet packet;
-        packet.bytes.resize(static_cast<size_t>(size) + packer.GetExtensionSize());
-        const auto room = static_cast<unsigned>(packet.bytes.size());
-        EXPECT_EQ(packer.GetPacket(packet.bytes.data(), room - 1), 0);  // one byte short: nothing happens
-        EXPECT_EQ(packer.GetPacket(packet.bytes.data(), room), static_cast<int>(room));
-        EXPECT_TRUE(rtp_parse_header(packet.bytes.data(), packet.bytes.size(), packet.header));
+        packet.bytes = unit;
+        EXPECT_TRUE(rtp_parse_header(unit.data(), unit.size(), packet.header));
+        EXPECT_EQ(packet.header.marker, &unit == &units.back());
+        packet.payload = Part(unit, unit.size() - packet.header.payload_len);  // all headers stand in front
         packets.push_back(packet);
-        total -= size;
-        EXPECT_EQ(packer.NextPacket(), packets.size() < static_cast<size_t>(count) ? 0 : -1);
-        EXPECT_EQ(packer.GetTotalSize(), total);
-    }
-    EXPECT_EQ(packets.size(), static_cast<size_t>(count));
-    EXPECT_EQ(total, 0);
-    for (size_t i = 0; i < packets.size(); ++i) {
-        EXPECT_EQ(packets[i].header.marker, i + 1 == packets.size());
     }
     return packets;
 }
 
 // A NAL unit of `size` bytes with no start code inside.
-Bytes nal(unsigned char header, size_t size) {
-    Bytes bytes(size);
-    for (size_t i = 0; i < size; ++i) {
-        bytes[i] = static_cast<unsigned char>(i % 251 + 2);
-    }
-    if (size > 0) {
-        bytes[0] = header;
-    }
+Bytes nal(uint8_t header, size_t size) {
+    Bytes bytes = Ramp(size);
+    bytes[0] = header;
     return bytes;
 }
 
-Bytes join(const std::vector<Bytes>& parts, bool codes = true) {
+// NAL units, each behind a start code.
+Bytes join(const std::vector<Bytes>& nals) {
     Bytes all;
-    for (const Bytes& part : parts) {
-        if (codes) {
-            all.insert(all.end(), {0, 0, 0, 1});
-        }
-        all.insert(all.end(), part.begin(), part.end());
+    for (const Bytes& each : nals) {
+        all = all + Bytes{0, 0, 0, 1} + each;
     }
     return all;
 }
@@ -80,29 +58,26 @@ Bytes join(const std::vector<Bytes>& parts, bool codes = true) {
 std::vector<Bytes> collect_nals(const std::vector<Packet>& packets) {
     std::vector<Bytes> nals;
     for (const Packet& packet : packets) {
-        const Bytes payload = packet.payload();
+        const Bytes& payload = packet.payload;
         EXPECT_LE(payload.size(), 1440u);
         if ((payload[0] & 31) != 28) {
             nals.push_back(payload);
             continue;
         }
         if ((payload[1] & 0x80) != 0) {
-            nals.push_back({static_cast<unsigned char>((payload[0] & 0xE0) | (payload[1] & 31))});
+            nals.push_back({static_cast<uint8_t>((payload[0] & 0xE0) | (payload[1] & 31))});
         }
-        nals.back().insert(nals.back().end(), payload.begin() + 2, payload.end());
+        nals.back() = nals.back() + Part(payload, 2);
     }
     return nals;
 }
 
-TEST(Frame2RtpTest, H264FrameSplitsAtParameterSetsAndNotAtSlices) {
+TEST(Frame2Rtp, H264FrameSplitsAtParameterSetsAndNotAtSlices) {
     const Bytes sps = nal(0x67, 20), pps = nal(0x68, 5), idr = nal(0x65, 3000), slice = nal(0x41, 1440);
     const Bytes sei = nal(0x06, 1441);
     const Bytes slices = join({slice, slice});
-    Bytes late = {9, 9};  // a start code that isn't at the front
-    const Bytes tail = join({slice});
-    late.insert(late.end(), tail.begin(), tail.end());
-    Bytes three = nal(0x67, 8);  // parameter set, then a slice behind a three-byte code, which isn't seen
-    three.insert(three.end(), {0, 0, 1, 0x65, 7, 7});
+    const Bytes late = Bytes{9, 9} + join({slice});                 // a start code that isn't at the front
+    const Bytes three = nal(0x67, 8) + Bytes{0, 0, 1, 0x65, 7, 7};  // and a slice behind one that isn't seen
     struct {
         const char* name;
         Bytes frame;
@@ -114,8 +89,8 @@ TEST(Frame2RtpTest, H264FrameSplitsAtParameterSetsAndNotAtSlices) {
         {"one byte more", join({nal(0x41, 1441)}), {nal(0x41, 1441)}, {1440, 4}},
         {"FU-A boundary", join({nal(0x41, 2877)}), {nal(0x41, 2877)}, {1440, 1440}},
         {"FU-A in front of others", join({sei, pps, idr}), {sei, pps, idr}, {1440, 4, 5, 1440, 1440, 125}},
-        {"all slices in one", slices, {Bytes(slices.begin() + 4, slices.end())}, {}},
-        {"code not in front", late, {Bytes(late.begin() + 4, late.end())}, {}},
+        {"all slices in one", slices, {Part(slices, 4)}, {}},
+        {"code not in front", late, {Part(late, 4)}, {}},
         {"three-byte code", join({three}), {three}, {}},
         {"no slice at all", join({sps, pps}), {sps, pps}, {20, 5}},
         {"two codes in a row", join({sps, {}, idr}), {sps, idr}, {}},
@@ -132,7 +107,7 @@ TEST(Frame2RtpTest, H264FrameSplitsAtParameterSetsAndNotAtSlices) {
     }
 }
 
-TEST(Frame2RtpTest, PlainAudioAndAssistFramesAreCutBySize) {
+TEST(Frame2Rtp, PlainAudioAndAssistFramesAreCutBySize) {
     struct {
         int enc_type;
         size_t len;
@@ -156,51 +131,38 @@ TEST(Frame2RtpTest, PlainAudioAndAssistFramesAreCutBySize) {
         ASSERT_EQ(packets.size(), row.sizes.size());
         Bytes media;
         for (size_t i = 0; i < packets.size(); ++i) {
-            Bytes payload = packets[i].payload();
+            const Bytes& payload = packets[i].payload;
             EXPECT_EQ(payload.size(), row.sizes[i]);
-            size_t header = 0;
+            Bytes header;
             if (row.enc_type == ENC_TYPE_MPEG_AUDIO) {  // RFC 2250 3.5
-                header = 4;
-                EXPECT_EQ(payload[0] | payload[1], 0);
-                EXPECT_EQ(static_cast<size_t>(payload[2] * 256 + payload[3]), media.size());
+                header = {0, 0, static_cast<uint8_t>(media.size() >> 8), static_cast<uint8_t>(media.size())};
             } else if (row.enc_type == ENC_TYPE_ASSIST && i == 0) {
-                header = 8;
-                EXPECT_EQ(Bytes(payload.begin(), payload.begin() + 8), (Bytes{0x42, 0, 0, 0, 0, 0, 0, 0}));
+                header = {0x42, 0, 0, 0, 0, 0, 0, 0};
             }
-            media.insert(media.end(), payload.begin() + static_cast<long>(header), payload.end());
+            EXPECT_EQ(Part(payload, 0, header.size()), header);
+            media = media + Part(payload, header.size());
         }
         EXPECT_EQ(media, frame);
     }
 }
 
 // A baseline image with these segments in front of the scan.
-Bytes jpeg(unsigned width, unsigned height, const Bytes& extra, size_t scan_len) {
-    Bytes image = {0xFF, 0xD8, 0xFF, 0xC0, 0, 11, 8};
-    for (const unsigned side : {height, width}) {
-        image.push_back(static_cast<unsigned char>(side >> 8));
-        image.push_back(static_cast<unsigned char>(side));
-    }
-    image.insert(image.end(), {1, 1, 0x11, 0});
-    image.insert(image.end(), extra.begin(), extra.end());
-    image.insert(image.end(), {0xFF, 0xDA, 0, 8, 1, 1, 0, 0, 63, 0});
-    const Bytes scan = nal(1, scan_len);
-    image.insert(image.end(), scan.begin(), scan.end());
-    return image;
+Bytes jpeg(unsigned width, unsigned height, const Bytes& segments, size_t scan_len) {
+    const auto word = [](unsigned value) {
+        return Bytes{static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
+    };
+    return FromHex("ffd8 ffc0 000b 08") + word(height) + word(width) + FromHex("01011100") + segments +
+           FromHex("ffda 0008 0101 0000 3f00") + Ramp(scan_len);
 }
 
-Bytes dqt(unsigned length, unsigned char destination, size_t present) {
-    Bytes segment = {0xFF, 0xDB, static_cast<unsigned char>(length >> 8), static_cast<unsigned char>(length),
-                     destination};
-    for (size_t i = 0; i < present; ++i) {
-        segment.push_back(static_cast<unsigned char>(i < 64 ? i : 100 + i % 65));
-    }
-    return segment;
+Bytes dqt(uint8_t length, uint8_t destination, size_t present) {
+    return Bytes{0xFF, 0xDB, 0, length, destination} + Ramp(present);
 }
 
-TEST(Frame2RtpTest, JpegHeadersFollowTheImage) {
+TEST(Frame2Rtp, JpegHeadersFollowTheImage) {
     const Bytes both = dqt(132, 0, 129);
-    const Bytes restart = join({both, {0xFF, 0xDD, 0, 4, 1, 2}}, false);
-    const Bytes split = join({dqt(67, 1, 64), dqt(67, 0, 64)}, false);
+    const Bytes restart = both + FromHex("ffdd 0004 0102");
+    const Bytes split = dqt(67, 1, 64) + dqt(67, 0, 64);
     struct {
         const char* name;
         Bytes image;
@@ -220,22 +182,18 @@ TEST(Frame2RtpTest, JpegHeadersFollowTheImage) {
         ASSERT_FALSE(packets.empty());
         Bytes scan;
         for (const Packet& packet : packets) {
-            Bytes payload = packet.payload();
-            size_t header = row.head.size();
-            row.head[1] = static_cast<unsigned char>(scan.size() >> 16);
-            row.head[2] = static_cast<unsigned char>(scan.size() >> 8);
-            row.head[3] = static_cast<unsigned char>(scan.size());
-            EXPECT_EQ(Bytes(payload.begin(), payload.begin() + static_cast<long>(header)), row.head);
-            if (scan.empty()) {
-                const Bytes quant(payload.begin() + static_cast<long>(header),
-                                  payload.begin() + static_cast<long>(header) + 4 + 128);
-                EXPECT_EQ(Bytes(quant.begin(), quant.begin() + 5), (Bytes{0, 0, 0, 128, 0}));
-                header += 4 + 128;
-            }
             EXPECT_LE(packet.bytes.size(), 12u + 1440);
-            scan.insert(scan.end(), payload.begin() + static_cast<long>(header), payload.end());
+            row.head[1] = static_cast<uint8_t>(scan.size() >> 16);
+            row.head[2] = static_cast<uint8_t>(scan.size() >> 8);
+            row.head[3] = static_cast<uint8_t>(scan.size());
+            const size_t head_len = row.head.size();
+            EXPECT_EQ(Part(packet.payload, 0, head_len), row.head);
+            if (scan.empty()) {  // the tables follow: 128 bytes, and the first one's zeroth
+                EXPECT_EQ(Part(packet.payload, head_len, 5), (Bytes{0, 0, 0, 128, 2}));
+            }
+            scan = scan + Part(packet.payload, head_len + (scan.empty() ? 4 + 128 : 0));
         }
-        EXPECT_EQ(scan, nal(1, row.scan_len));
+        EXPECT_EQ(scan, Ramp(row.scan_len));
     }
     // Sizes of the pieces: 1428 bytes of scan a packet, less the tables in the first.
     const std::vector<Packet> packets = cut(packer, rows[0].image, ENC_TYPE_JPEG);
@@ -243,9 +201,8 @@ TEST(Frame2RtpTest, JpegHeadersFollowTheImage) {
     EXPECT_EQ(packets[1].header.payload_len, 8u + 1428);
 }
 
-TEST(Frame2RtpTest, BadFramesFailWithALogLineAndLeaveThePackerUsable) {
-    Bytes cut_image = jpeg(64, 48, dqt(132, 0, 129), 0);
-    cut_image.resize(cut_image.size() - 4);
+TEST(Frame2Rtp, BadFramesFailWithALogLineAndLeaveThePackerUsable) {
+    const Bytes image = jpeg(64, 48, dqt(132, 0, 129), 0);
     struct {
         const char* name;
         int enc_type;
@@ -258,7 +215,7 @@ TEST(Frame2RtpTest, BadFramesFailWithALogLineAndLeaveThePackerUsable) {
         {"MPEG audio of nine pieces", ENC_TYPE_MPEG_AUDIO, nal(1, 1436 * 8 + 1), "error (enc type = 5)"},
         {"metadata", ENC_TYPE_ONVIF_METADATA, {1, 2}, "enc_type[8] unknown!"},
         {"not a JPEG", ENC_TYPE_JPEG, nal(1, 100), "parse jpeg failed."},
-        {"JPEG cut in SOS", ENC_TYPE_JPEG, cut_image, "parse jpeg failed."},
+        {"JPEG cut in SOS", ENC_TYPE_JPEG, Part(image, 0, image.size() - 4), "parse jpeg failed."},
         {"JPEG without tables", ENC_TYPE_JPEG, jpeg(64, 48, {}, 10), "parse jpeg failed."},
         {"JPEG table longer than its segment", ENC_TYPE_JPEG, jpeg(64, 48, dqt(80, 0, 129), 10), "parse jpeg failed."},
         {"JPEG segment longer than the rest", ENC_TYPE_JPEG, jpeg(64, 48, {0xFF, 0xE0, 0xFF, 0xFF}, 10), "parse jpeg"},
@@ -269,20 +226,19 @@ TEST(Frame2RtpTest, BadFramesFailWithALogLineAndLeaveThePackerUsable) {
     CFrame2Rtp packer;
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
-        Support::CLogCapture log;
+        CLogCapture log;
         EXPECT_TRUE(cut(packer, row.frame, row.enc_type).empty());
         EXPECT_EQ(log.Count(row.log), 1);
         EXPECT_EQ(log.Count("CFrame2Rtp::PutFrame error (enc type = " + std::to_string(row.enc_type) + ")\n"), 1);
-        EXPECT_EQ(packer.GetTotalSize(), 0);
         EXPECT_EQ(cut(packer, {1, 2, 3}, ENC_TYPE_AUDIO).size(), 1u);
     }
     EXPECT_EQ(packer.PutFrame(nullptr, 5, ENC_TYPE_AUDIO, 0, 0), -1);
-    Support::CLogCapture log;
+    CLogCapture log;
     EXPECT_EQ(packer.PutFrame(nullptr, 5, ENC_TYPE_JPEG, 0, 0), -1);
     EXPECT_EQ(log.Count(", INVALID PARAMETER.\n"), 1);
 }
 
-TEST(Frame2RtpTest, HeaderExtensionRidesOnTheFirstPacketOfEachFrame) {
+TEST(Frame2Rtp, HeaderExtensionRidesOnTheFirstPacketOfEachFrame) {
     const uint8_t extension[RTP_EXTENSION_LEN] = {0xAB, 0xAC, 0, 3, 1, 2, 3, 4, 5, 6, 7, 8, 9, 10, 11, 12};
     CFrame2Rtp packer;
     packer.SetRtpInfo(0x01020304, 96 | 0x80, 65535, 0xFFFFFFFF, 90000);
@@ -292,19 +248,19 @@ TEST(Frame2RtpTest, HeaderExtensionRidesOnTheFirstPacketOfEachFrame) {
     packer.SetRtpFlags(0, extension);  // flags are only added
     std::vector<Packet> packets = cut(packer, nal(1, 1441), ENC_TYPE_MPEG4, 2);
     ASSERT_EQ(packets.size(), 2u);
-    Bytes head = {0x90, 0x60, 0, 0, 0, 0, 0, 89, 1, 2, 3, 4};  // sequence 0 behind 65535; a millisecond is 90 ticks
-    head.insert(head.end(), extension, extension + RTP_EXTENSION_LEN);
-    EXPECT_EQ(Bytes(packets[0].bytes.begin(), packets[0].bytes.begin() + 28), head);
+    // Sequence 0 behind 65535; a millisecond is 90 ticks.
+    EXPECT_EQ(Part(packets[0].bytes, 0, 28),
+              FromHex("9060 0000 00000059 01020304") + Bytes(extension, extension + RTP_EXTENSION_LEN));
     EXPECT_EQ(packets[0].header.payload_len, 1440u);
     EXPECT_EQ(packets[1].bytes[0], 0x80);
     // A JPEG picture's extension is a word longer.
     packets = cut(packer, jpeg(64, 48, dqt(132, 0, 129), 10), ENC_TYPE_JPEG, 3);
-    EXPECT_EQ(Bytes(packets[0].bytes.begin() + 12, packets[0].bytes.begin() + 16), (Bytes{0xAB, 0xAC, 0, 4}));
-    EXPECT_EQ(Bytes(packets[0].bytes.begin() + 28, packets[0].bytes.begin() + 32), (Bytes{0xFF, 0xD8, 0, 2}));
+    EXPECT_EQ(Part(packets[0].bytes, 12, 4), FromHex("abac0004"));
+    EXPECT_EQ(Part(packets[0].bytes, 28, 4), FromHex("ffd80002"));
     EXPECT_EQ(packets[0].header.payload_len, 8u + 132 + 10);
 }
 
-TEST(Frame2RtpTest, TimeLineBeginsAnewAndReportsWhereItStands) {
+TEST(Frame2Rtp, TimeLineBeginsAnewAndReportsWhereItStands) {
     CFrame2Rtp packer;
     packer.SetRtpInfo(7, 8, 100, 5000, 44100);  // 44 ticks a millisecond
     EXPECT_EQ(cut(packer, {1}, ENC_TYPE_AUDIO, 1700000001000)[0].header.timestamp, 5000u);
@@ -330,5 +286,5 @@ TEST(Frame2RtpTest, TimeLineBeginsAnewAndReportsWhereItStands) {
 }
 
 }  // namespace
-}  // namespace Vidora
+}  // namespace Support
 }  // namespace Kavio

@@ -1,19 +1,18 @@
 // The private frame: layout, checksums, and the functions that read it.
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
 #include "Vidora/Types.h"
 #include "support/Capture.h"
+#include "support/StreamBytes.h"
 
 namespace Kavio {
-namespace Vidora {
-namespace {
+namespace Support {
 
-typedef std::vector<unsigned char> Bytes;
+using namespace Vidora;
+
+namespace {
 
 Bytes write_frame(CKXFrame& frame, const Bytes& payload) {
     uint32_t offset = 0;
@@ -23,42 +22,35 @@ Bytes write_frame(CKXFrame& frame, const Bytes& payload) {
     return out;
 }
 
-struct LayoutRow {
-    int letter;
-    uint16_t width, height;
-    int ext_length;
-};
-
-// One row a form of the extension; payload offset and total length follow.
-const LayoutRow LAYOUTS[] = {
-    {'I', 640, 480, 16},  {'I', 1920, 1080, 16}, {'J', 640, 480, 16},  {'I', 2048, 480, 20},
-    {'I', 640, 1084, 20}, {'I', 644, 480, 20},   {'I', 640, 2048, 20}, {'P', 640, 480, 8},
-    {'B', 640, 480, 8},   {'W', 0, 0, 8},        {'A', 0, 0, 12},
-};
-
-TEST(KXFrameTest, ExtensionFollowsTypeAndSize) {
-    for (const LayoutRow& row : LAYOUTS) {
-        SCOPED_TRACE(std::string(1, static_cast<char>(row.letter)) + std::to_string(row.width));
+TEST(KXFrame, ExtensionFollowsTypeAndSize) {
+    const struct {
+        char letter;
+        uint16_t width, height;
+        uint8_t ext_length;
+    } rows[] = {
+        {'I', 640, 480, 16},  {'I', 1920, 1080, 16}, {'J', 640, 480, 16},  {'I', 2048, 480, 20},
+        {'I', 640, 1084, 20}, {'I', 644, 480, 20},   {'I', 640, 2048, 20}, {'P', 640, 480, 8},
+        {'B', 640, 480, 8},   {'W', 0, 0, 8},        {'A', 0, 0, 12},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(1, row.letter) + std::to_string(row.width));
         CKXFrame frame;
         frame.SetFrameType(row.letter);
         frame.SetImageSize(row.width, row.height);
-        const Bytes payload = {1, 0, 0, 0, 2};
-        const Bytes out = write_frame(frame, payload);
-        ASSERT_EQ(out.size(), 24u + static_cast<size_t>(row.ext_length) + 5 + 8);
+        const Bytes out = write_frame(frame, {1, 0, 0, 0, 2});
+        ASSERT_EQ(out.size(), 24u + row.ext_length + 5 + 8);
         EXPECT_EQ(out[22], row.ext_length);
         int remaining = 0;
         EXPECT_EQ(get_frame_body(out.data(), static_cast<int>(out.size()), remaining), 24 + row.ext_length);
         EXPECT_EQ(remaining, 5);
-        // The block with the payload's checksum is the last one: 0x88, 3 in four bytes, three zeros.
-        const Bytes tail(out.end() - 13 - 8, out.end() - 13);
-        EXPECT_EQ(tail, (Bytes{0x88, 3, 0, 0, 0, 0, 0, 0}));
-        EXPECT_EQ(std::string(out.end() - 8, out.end() - 4), "kxav");
-        EXPECT_EQ(Bytes(out.end() - 4, out.end()), Bytes(out.begin() + 12, out.begin() + 16));
+        // The block with the payload's checksum is the last one; behind the payload the trailer repeats the length.
+        const Bytes trailer = FromHex("6b786176") + Part(out, 12, 4);
+        EXPECT_EQ(Part(out, out.size() - 21), FromHex("88030000 00000000 0100000002") + trailer);
     }
 }
 
 // The example of docs/private-frame.md.
-TEST(KXFrameTest, BytesOfAKeyFrameAndOfAnAudioFrame) {
+TEST(KXFrame, BytesOfAKeyFrameAndOfAnAudioFrame) {
     CKXFrame frame;
     frame.SetFrameType('I');
     frame.SetChannel(1);
@@ -69,22 +61,19 @@ TEST(KXFrameTest, BytesOfAKeyFrameAndOfAnAudioFrame) {
     frame.SetFrameRate(25);
     frame.SetImageType(1);
     frame.SetImageSize(640, 480);
-    const Bytes expected = {0x4B, 0x58, 0x41, 0x56, 0xFD, 0x00, 0x01, 0x00, 0x07, 0x00, 0x00, 0x00, 0x37, 0x00,
-                            0x00, 0x00, 0x09, 0x72, 0x4C, 0x61, 0x34, 0x12, 0x10, 0xF4, 0x81, 0x01, 0x02, 0x19,
-                            0x80, 0x01, 0x50, 0x3C, 0x88, 0x65, 0x88, 0x84, 0x01, 0x00, 0x00, 0x00, 0x00, 0x00,
-                            0x00, 0x01, 0x65, 0x88, 0x84, 0x6B, 0x78, 0x61, 0x76, 0x37, 0x00, 0x00, 0x00};
-    EXPECT_EQ(write_frame(frame, {0, 0, 0, 1, 0x65, 0x88, 0x84}), expected);
+    EXPECT_EQ(write_frame(frame, {0, 0, 0, 1, 0x65, 0x88, 0x84}),
+              FromHex("4b584156 fd000100 07000000 37000000 09724c61 341210f4 81010219 8001503c 8865888401000000"
+                      "00000001 658884 6b786176 37000000"));
 
     CKXFrame audio;
     audio.SetFrameType('A');
     audio.SetEncodeType(KX_AUDIO_PCMA);
     audio.SetAudioInfo(1, 2);
-    const Bytes out = write_frame(audio, {7});
-    EXPECT_EQ(Bytes(out.begin() + 24, out.begin() + 28), (Bytes{0x83, 1, 14, 2}));
+    EXPECT_EQ(Part(write_frame(audio, {7}), 24, 4), (Bytes{0x83, 1, 14, 2}));
     EXPECT_EQ(audio.GetEncodeType(), KX_AUDIO_PCMA);
 }
 
-TEST(KXFrameTest, WriteRefusesAnotherLengthThanWasSettled) {
+TEST(KXFrame, WriteRefusesAnotherLengthThanWasSettled) {
     CKXFrame frame;
     unsigned char buffer[64] = {};
     uint32_t offset = 0;
@@ -96,13 +85,12 @@ TEST(KXFrameTest, WriteRefusesAnotherLengthThanWasSettled) {
     EXPECT_EQ(frame.GetFrameSize(0xFFFFFFF0, offset), 0u);
 }
 
-TEST(KXFrameTest, ChecksumsAndTables) {
+TEST(KXFrame, ChecksumsAndTables) {
     unsigned char header[24] = {0xFF, 0xF4};
     EXPECT_EQ(kx_header_checksum(header), 0xF3);  // of 0x1F3
     const unsigned char payload[] = {0xFF, 0xFF, 0xFF, 0xFF, 2, 0, 0};
     EXPECT_EQ(kx_payload_checksum(payload, sizeof(payload)), 1u);
-    const int letters[] = {'I', 'P', 'B', 'A', 'W'};
-    for (const int letter : letters) {
+    for (const int letter : {'I', 'P', 'B', 'A', 'W'}) {
         EXPECT_EQ(kx_letter_of_type(kx_type_of_letter(letter)), letter);
     }
     EXPECT_EQ(kx_type_of_letter('J'), 0xFB);
@@ -124,12 +112,9 @@ TEST(KXFrameTest, ChecksumsAndTables) {
     EXPECT_EQ(kx_pack_date_time(CTime(2000, 1, 1, 0, 0, 0).makeTime()) >> 26, 0u);
 }
 
-TEST(KXFrameTest, BodyOfBareShortAndLyingBuffers) {
+TEST(KXFrame, BodyOfBareShortAndLyingBuffers) {
     const auto claims = [](uint8_t ext_length) {  // 40 bytes with the magic
-        Bytes data(40, 0);
-        std::copy_n("KXAV", 4, data.begin());
-        data[22] = ext_length;
-        return data;
+        return FromHex("4b584156") + Bytes(18, 0) + Bytes{ext_length} + Bytes(17, 0);
     };
     const struct {
         Bytes data;
@@ -148,20 +133,10 @@ TEST(KXFrameTest, BodyOfBareShortAndLyingBuffers) {
 
 // An audio frame whose magic is damaged, which is what parser_video_info takes, with these extension blocks.
 Bytes audio_with_blocks(const Bytes& blocks) {
-    Bytes data(24, 0);
-    data[4] = 0xF0;
-    data[22] = static_cast<unsigned char>(blocks.size());
-    for (const uint8_t byte : blocks) {
-        data.push_back(byte);
-    }
-    return data;
+    return FromHex("00000000 f0") + Bytes(17, 0) + Bytes{static_cast<uint8_t>(blocks.size()), 0} + blocks;
 }
 
-TEST(KXFrameTest, VideoInfoWalksTheBlocksWithItsOldPolarity) {
-    Bytes magic = audio_with_blocks({0x83, 1, 14, 2});
-    std::copy_n("KXAV", 4, magic.begin());
-    Bytes video = audio_with_blocks({});
-    video[4] = 0xFD;
+TEST(KXFrame, VideoInfoWalksTheBlocksWithItsOldPolarity) {
     struct {
         const char* name;
         Bytes data;
@@ -178,12 +153,13 @@ TEST(KXFrameTest, VideoInfoWalksTheBlocksWithItsOldPolarity) {
         {"audio block cut", audio_with_blocks({0x82, 0, 0, 0, 0, 0, 0, 0, 0x83, 1}), -1, "error len:34"},
         {"unknown block", audio_with_blocks({0x90, 0, 0, 0}), -1, "error ext_type:0x90"},
         {"too short", Bytes(23, 0), -1, ""},
-        {"whole magic", magic, -1, "parser_video_info not valid kxav tag \n"},
-        {"video", video, -1, "parser_video_info not supported frame type:253 \n"},
+        {"whole magic", FromHex("4b584156") + Part(audio_with_blocks({0x83, 1, 14, 2}), 4), -1,
+         "parser_video_info not valid kxav tag \n"},
+        {"video", FromHex("00000000 fd") + Bytes(19, 0), -1, "parser_video_info not supported frame type:253 \n"},
     };
     for (auto& row : rows) {
         SCOPED_TRACE(row.name);
-        Support::CLogCapture log;
+        CLogCapture log;
         EXPECT_EQ(parser_video_info(row.data.data(), static_cast<int>(row.data.size())), row.result);
         EXPECT_EQ(log.Lines().size(), row.log[0] == 0 ? 0u : 1u);
         EXPECT_EQ(static_cast<size_t>(log.Count(row.log)), log.Lines().size());
@@ -191,23 +167,22 @@ TEST(KXFrameTest, VideoInfoWalksTheBlocksWithItsOldPolarity) {
     EXPECT_EQ(parser_video_info(nullptr, 100), -1);
 }
 
-TEST(KXFrameTest, AssistTypeComesFromAssistFramesOnly) {
+TEST(KXFrame, AssistTypeComesFromAssistFramesOnly) {
     CKXFrame frame;
     frame.SetFrameType('W');
     frame.SetSubType(0x42);
     Bytes out = write_frame(frame, {1, 2, 3});
     EXPECT_EQ(get_assist_type(out.data(), static_cast<int>(out.size())), 0x42);
-    Support::CLogCapture log;
+    CLogCapture log;
     out[4] = 0xF0;
     EXPECT_EQ(get_assist_type(out.data(), static_cast<int>(out.size())), -1);
     EXPECT_EQ(get_assist_type(nullptr, 10), -1);
-    const unsigned char bare[] = {'a', 'b'};
-    EXPECT_EQ(get_assist_type(bare, 2), -1);
+    EXPECT_EQ(get_assist_type(FromHex("6162").data(), 2), -1);
     EXPECT_EQ(log.Count("this is not assist frame!\n"), 1);
     EXPECT_EQ(log.Count("param is error!\n"), 1);
     EXPECT_EQ(log.Count("this is not KXAV frame! hdr: a, b,  ,  \n"), 1);
 }
 
 }  // namespace
-}  // namespace Vidora
+}  // namespace Support
 }  // namespace Kavio

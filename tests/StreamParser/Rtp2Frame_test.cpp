@@ -2,10 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <string>
-#include <vector>
-
 #include "StreamParser/Frame2Ts.h"
 #include "support/Capture.h"
 #include "support/Depacketiser.h"
@@ -23,52 +19,44 @@ const Bytes SPS = FromHex("6742c01eda0280be40");
 const Bytes PPS = FromHex("68ce3c80");
 const Bytes CODE = FromHex("00000001");
 
-TEST(Rtp2Frame, HeadersThatLieAreRefused) {
-    struct Row {
-        const char* name;
-        Bytes packet;
-        int result;
-    };
-    const Bytes payload = FromHex("0102030405060708");
-    RtpSpec plain, csrc, extension, padded;
-    csrc.csrc_count = 2;
-    extension.extension_words = 3;
-    padded.padding = 4;
-    for (RtpSpec* spec : {&plain, &csrc, &extension, &padded}) {
-        spec->marker = true;
+std::vector<Bytes> all_from_hex(const std::vector<const char*>& texts) {
+    std::vector<Bytes> all;
+    for (const char* text : texts) {
+        all.push_back(FromHex(text));
     }
-    Bytes long_extension = MakeRtp(extension, {});
-    long_extension[15] = 200;
-    const auto padded_by = [&](uint8_t count) {
-        Bytes packet = MakeRtp(padded, payload);
-        packet.back() = count;
-        return packet;
+    return all;
+}
+
+TEST(Rtp2Frame, HeadersThatLieAreRefused) {
+    const std::string rest = "e00001 00000e10 11223344";  // of a header, behind the byte with its flags
+    const std::string csrc = "cccccccc cccccccc", words = "eeeeeeee eeeeeeee eeeeeeee", payload = "0102030405060708";
+    const struct {
+        const char* name;
+        std::string packet, frame;  // no frame: refused
+    } rows[] = {
+        {"null", "", ""},
+        {"twelve bytes", "80" + rest, ""},
+        {"one byte of payload", "80" + rest + "01", "01"},
+        {"interleave header", "24000014 80" + rest + payload, payload},
+        {"interleave header and too little behind", "2400000c 80" + rest, ""},
+        {"CSRC list", "82" + rest + csrc + payload, payload},
+        {"CSRC list to the end", "82" + rest + csrc, ""},
+        {"extension", "90" + rest + "bede0003" + words + payload, payload},
+        {"extension to the end", "90" + rest + "bede0003" + words, ""},
+        {"extension beyond the end", "90" + rest + "bede00c8" + words, ""},
+        {"padding", "a0" + rest + payload + "00000004", payload},
+        {"padding over the payload", "a0" + rest + payload + "0000000d", ""},
+        {"padding of all the payload", "a0" + rest + payload + "0000000c", ""},
+        {"padding of zero bytes", "a0" + rest + payload + "00000000", payload + "00000000"},
     };
-    const Row rows[] = {
-        {"null", {}, -1},
-        {"twelve bytes", MakeRtp(plain, {}), -1},
-        {"one byte of payload", MakeRtp(plain, {1}), 1},
-        {"interleave header", FromHex("24000014") + MakeRtp(plain, payload), 1},
-        {"interleave header and too little behind", FromHex("2400000c") + MakeRtp(plain, {}), -1},
-        {"CSRC list", MakeRtp(csrc, payload), 1},
-        {"CSRC list to the end", MakeRtp(csrc, {}), -1},
-        {"extension", MakeRtp(extension, payload), 1},
-        {"extension to the end", MakeRtp(extension, {}), -1},
-        {"extension beyond the end", long_extension, -1},
-        {"padding", MakeRtp(padded, payload), 1},
-        {"padding over the payload", padded_by(13), -1},
-        {"padding of all the payload", padded_by(12), -1},
-        {"padding of zero bytes", padded_by(0), 1},
-    };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
         Depacketiser in(ENC_TYPE_AUDIO);
-        Support::CLogCapture log;
-        EXPECT_EQ(row.result, in.Put(row.packet)) << row.name;
-        EXPECT_EQ(row.result < 0, log.Count("CRtp2Frame::PutPacket input invalid. buf[")) << row.name;
-        if (row.result > 0 && row.packet.size() > 13 && std::string(row.name) != "padding of zero bytes") {
-            EXPECT_EQ(ToHex(payload), ToHex(in.Last())) << row.name;
-        }
-        EXPECT_EQ(1, in.Put(MakeRtp(plain, payload))) << row.name;  // still in use
+        CLogCapture log;
+        EXPECT_EQ(row.frame.empty() ? -1 : 1, in.Put(FromHex(row.packet)));
+        EXPECT_EQ(row.frame.empty(), log.Count("CRtp2Frame::PutPacket input invalid. buf["));
+        EXPECT_EQ(row.frame, ToHex(in.Last()));
+        EXPECT_EQ(1, in.Put(FromHex("80" + rest + payload)));  // still in use
     }
     EXPECT_EQ(-1, CRtp2Frame().PutPacket(nullptr, 100));
 }
@@ -85,16 +73,15 @@ TEST(Rtp2Frame, OneFrameHasABoundedNumberOfPackets) {
 }
 
 TEST(Rtp2Frame, TimeRunsInTheClockOfAudioAndIn90KhzElsewhere) {
-    struct Row {
+    const struct {
         int enc_type;
         uint32_t clock, step;
         uint64_t ms;
-    };
-    const Row rows[] = {{ENC_TYPE_AUDIO, 8000, 160, 20},  {ENC_TYPE_AUDIO, 0, 160, 20},
-                        {ENC_TYPE_AUDIO, 44100, 441, 10}, {ENC_TYPE_H264, 90000, 3600, 40},
-                        {ENC_TYPE_JPEG, 8000, 3600, 40},  {ENC_TYPE_MPEG_AUDIO, 44100, 3600, 40},
-                        {ENC_TYPE_ASSIST, 1000, 3003, 33}};
-    for (const Row& row : rows) {
+    } rows[] = {{ENC_TYPE_AUDIO, 8000, 160, 20},  {ENC_TYPE_AUDIO, 0, 160, 20},
+                {ENC_TYPE_AUDIO, 44100, 441, 10}, {ENC_TYPE_H264, 90000, 3600, 40},
+                {ENC_TYPE_JPEG, 8000, 3600, 40},  {ENC_TYPE_MPEG_AUDIO, 44100, 3600, 40},
+                {ENC_TYPE_ASSIST, 1000, 3003, 33}};
+    for (const auto& row : rows) {
         Depacketiser in(row.enc_type, false, row.clock);
         RtpSpec spec;
         spec.timestamp = 0xFFFFFF00;
@@ -108,7 +95,7 @@ TEST(Rtp2Frame, TimeRunsInTheClockOfAudioAndIn90KhzElsewhere) {
 }
 
 TEST(Rtp2Frame, TheFirstPacketTellsItsSsrc) {
-    Support::CLogCapture log;
+    CLogCapture log;
     Depacketiser in(ENC_TYPE_AUDIO);
     in.Put(MakeRtp(RtpSpec(), {1}));
     EXPECT_EQ(1, log.Count(">>> RTP SSRC CHANGES from [00000000] to [11223344]\n"));
@@ -120,13 +107,12 @@ TEST(Rtp2Frame, TheFirstPacketTellsItsSsrc) {
 // Packets of another payload type that take part in the sequence: after the first pair they are no gaps, and a real gap
 // beside one of them still marks the frame. One that follows the own number 0 isn't counted, as it never was.
 TEST(Rtp2Frame, ForeignPacketsMayShareTheSequence) {
-    struct Row {
+    const struct {
         bool shared;
         uint16_t start;
         uint32_t lost;  // frame
-    };
-    const Row rows[] = {{true, 65529, 0}, {true, 65530, 5}, {false, 65530, 0}};
-    for (const Row& row : rows) {
+    } rows[] = {{true, 65529, 0}, {true, 65530, 5}, {false, 65530, 0}};
+    for (const auto& row : rows) {
         Depacketiser in(ENC_TYPE_AUDIO, true);
         RtpSpec own, foreign;
         foreign.payload_type = 97;
@@ -189,14 +175,8 @@ TEST(Rtp2Frame, H264PayloadsBecomeAByteStream) {
     };
     for (const Row& row : rows) {
         Depacketiser in(ENC_TYPE_H264);
-        Support::CLogCapture log;
-        RtpSpec spec;
-        int result = 0;
-        for (const char* payload : row.payloads) {
-            spec.marker = payload == row.payloads.back();
-            result = in.Put(MakeRtp(spec, FromHex(payload)));
-            ++spec.sequence;
-        }
+        CLogCapture log;
+        const int result = in.PutFrame(all_from_hex(row.payloads));
         EXPECT_EQ(row.result, result) << row.name;
         EXPECT_EQ(ToHex(FromHex(row.frame)), ToHex(in.Last())) << row.name;
         EXPECT_EQ(std::string(row.letter != 0 ? 1 : 0, row.letter), in.m_letters) << row.name;
@@ -213,12 +193,11 @@ TEST(Rtp2Frame, H264KeyFramesHaveParameterSets) {
     const auto unit = [](const Bytes& nal) {
         return Bytes{static_cast<uint8_t>(nal.size() >> 8), static_cast<uint8_t>(nal.size())} + nal;
     };
-    struct Row {
+    const struct {
         const char* name;
         std::vector<Bytes> payloads;
         bool own;  // the frame has both sets
-    };
-    const Row rows[] = {
+    } rows[] = {
         {"none", {idr}, false},
         {"only one", {other_sps, idr}, false},
         {"packets of their own", {other_sps, PPS, idr}, true},
@@ -228,20 +207,15 @@ TEST(Rtp2Frame, H264KeyFramesHaveParameterSets) {
         {"damaged start code", {FromHex("0600") + FromHex("80000001") + other_sps + CODE + PPS, idr}, true},
         {"too long for the configuration", {other_sps + Bytes(1010, 0x55), PPS, idr}, false},
     };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         Depacketiser in(ENC_TYPE_H264);
         ASSERT_EQ(0, in.Engine().SetH264Config(SPS.data(), static_cast<int>(SPS.size()), PPS.data(),
                                                static_cast<int>(PPS.size())));
-        RtpSpec spec;
-        for (const Bytes& payload : row.payloads) {
-            spec.marker = &payload == &row.payloads.back();
-            in.Put(MakeRtp(spec, payload));
-            ++spec.sequence;
-        }
+        in.PutFrame(row.payloads);
         ASSERT_EQ("I", in.m_letters) << row.name;
         const std::string first = ToHex(in.Last());
         EXPECT_EQ(row.own ? std::string::npos : 0, first.find(ToHex(known))) << row.name;
-        in.Put(MakeRtp(spec, idr));  // and what is known from now on
+        in.PutFrame({idr});  // and what is known from now on
         EXPECT_EQ(ToHex((row.own ? other : known) + CODE + idr), ToHex(in.Last())) << row.name;
         EXPECT_EQ(row.own ? 480 : 640, in.Engine().GetWidth()) << row.name;
         EXPECT_EQ(row.own ? 272 : 368, in.Engine().GetHeight()) << row.name;
@@ -251,21 +225,13 @@ TEST(Rtp2Frame, H264KeyFramesHaveParameterSets) {
 
 // A parameter set of 64 pixels by two fields of 16 lines; IDR slices with field_pic_flag 1 and 0.
 TEST(Rtp2Frame, FieldPicturesAreToldFromInterlacedFrames) {
-    const Bytes interlaced = FromHex("6742c01eda1248");
-    struct Row {
+    const struct {
         const char* slice;
         int progressive;
-    };
-    const Row rows[] = {{"658886", 0}, {"658882", 1}};
-    for (const Row& row : rows) {
+    } rows[] = {{"658886", 0}, {"658882", 1}};
+    for (const auto& row : rows) {
         Depacketiser in(ENC_TYPE_H264);
-        RtpSpec spec;
-        in.Put(MakeRtp(spec, interlaced));
-        ++spec.sequence;
-        in.Put(MakeRtp(spec, PPS));
-        ++spec.sequence;
-        spec.marker = true;
-        EXPECT_EQ(1, in.Put(MakeRtp(spec, FromHex(row.slice))));
+        EXPECT_EQ(1, in.PutFrame({FromHex("6742c01eda1248"), PPS, FromHex(row.slice)}));
         EXPECT_EQ(row.progressive, in.Engine().GetProgressive()) << row.slice;
         EXPECT_EQ(32, in.Engine().GetHeight());
     }
@@ -289,56 +255,38 @@ TEST(Rtp2Frame, Mpeg4KeyFramesHaveAConfiguration) {
     const Bytes key = FromHex("000001b6 10aabb");
     const Bytes other = FromHex("000001b6 50aabb");
     Depacketiser in(ENC_TYPE_MPEG4);
-    RtpSpec spec;
-    const auto put = [&](const Bytes& payload, bool marker) {
-        spec.marker = marker;
-        const int ret = in.Put(MakeRtp(spec, payload));
-        ++spec.sequence;
-        return ret;
-    };
-    EXPECT_EQ(0, put(FromHex("aabbcc"), true));  // no picture: goes on collecting
-    EXPECT_EQ(1, put(other, true));
-    EXPECT_EQ(ToHex(FromHex("aabbcc") + other), ToHex(in.Last()));
-    EXPECT_EQ(0, put(config, false));
-    EXPECT_EQ(0, put(key, false));
-    EXPECT_EQ(1, put(FromHex("ccdd"), true));
-    EXPECT_EQ(ToHex(config + key + FromHex("ccdd")), ToHex(in.Last()));
+    EXPECT_EQ(0, in.PutFrame({FromHex("aabbcc")}));  // no picture: goes on collecting
+    EXPECT_EQ(1, in.PutFrame({other}));
+    EXPECT_EQ(FromHex("aabbcc") + other, in.Last());
+    EXPECT_EQ(1, in.PutFrame({config, key, FromHex("ccdd")}));
+    EXPECT_EQ(config + key + FromHex("ccdd"), in.Last());
     EXPECT_EQ(352, in.Engine().GetWidth());
     EXPECT_EQ(288, in.Engine().GetHeight());
-    EXPECT_EQ(1, put(key, true));
-    EXPECT_EQ(ToHex(config + key), ToHex(in.Last()));  // the known configuration in front
-    EXPECT_EQ(1, put(other, true));
+    EXPECT_EQ(1, in.PutFrame({key}));
+    EXPECT_EQ(config + key, in.Last());  // the known configuration in front
+    EXPECT_EQ(1, in.PutFrame({other}));
     EXPECT_EQ("PIIP", in.m_letters);
 }
 
 TEST(Rtp2Frame, AudioAndAssistHeadersAreCut) {
-    struct Row {
+    const struct {
         int enc_type;
         std::vector<const char*> payloads;
-        int result;
-        const char* frame;
+        const char* frame;  // none: refused
         const char* letters;
+    } rows[] = {
+        {ENC_TYPE_MPEG_AUDIO, {"00000000 a1a2", "00000002 a3"}, "a1a2a3", "A"},
+        {ENC_TYPE_MPEG_AUDIO, {"000000"}, "", ""},
+        {ENC_TYPE_AUDIO, {"a1a2", "a3"}, "a1a2a3", "A"},
+        {ENC_TYPE_ASSIST, {"0700000000000000 b1", "b2b3b4b5b6b7b8b9ba"}, "b1b2b3b4b5b6b7b8b9ba", "W"},
+        {ENC_TYPE_ASSIST, {"07000000000000"}, "", ""},
+        {ENC_TYPE_ONVIF_METADATA, {"aa"}, "", ""},
     };
-    const Row rows[] = {
-        {ENC_TYPE_MPEG_AUDIO, {"00000000 a1a2", "00000002 a3"}, 1, "a1a2a3", "A"},
-        {ENC_TYPE_MPEG_AUDIO, {"000000"}, -1, "", ""},
-        {ENC_TYPE_AUDIO, {"a1a2", "a3"}, 1, "a1a2a3", "A"},
-        {ENC_TYPE_ASSIST, {"0700000000000000 b1", "b2b3b4b5b6b7b8b9ba"}, 1, "b1b2b3b4b5b6b7b8b9ba", "W"},
-        {ENC_TYPE_ASSIST, {"07000000000000"}, -1, "", ""},
-        {ENC_TYPE_ONVIF_METADATA, {"aa"}, -1, "", ""},
-    };
-    for (const Row& row : rows) {
+    for (const auto& row : rows) {
         Depacketiser in(row.enc_type);
-        Support::CLogCapture log;
+        CLogCapture log;
         EXPECT_EQ(CRtp2Frame::ASSIST_TYPE_NONE, in.Engine().GetAssistType());
-        RtpSpec spec;
-        int result = 0;
-        for (const char* payload : row.payloads) {
-            spec.marker = payload == row.payloads.back();
-            result = in.Put(MakeRtp(spec, FromHex(payload)));
-            ++spec.sequence;
-        }
-        EXPECT_EQ(row.result, result) << row.enc_type;
+        EXPECT_EQ(*row.frame != '\0' ? 1 : -1, in.PutFrame(all_from_hex(row.payloads))) << row.enc_type;
         EXPECT_EQ(row.frame, ToHex(in.Last())) << row.enc_type;
         EXPECT_EQ(row.letters, in.m_letters) << row.enc_type;
         EXPECT_EQ(row.enc_type == ENC_TYPE_ASSIST, in.Engine().GetAssistType() == 7) << row.enc_type;
@@ -351,37 +299,34 @@ TEST(Rtp2Frame, JpegHeadersAreRebuilt) {
     struct Row {
         const char* name;
         std::string payload;
-        int result;
-        size_t header_len;  // of the image, without its scan
-        const char* scan;
+        size_t header_len;  // of the image; 0: refused
     };
     const std::string main = "00000000 01 32 50 3c";  // type 1, Q 50, 640 x 480
     const std::string in_band = "00000000 00 80 50 3c";
     const Row rows[] = {
-        {"Q 50", main + "aabb", 1, 605, "aabb"},
-        {"restart header", "00000000 41 32 50 3c 0014 ffff aabb", 1, 611, "aabb"},
-        {"tables in band", in_band + "00000080" + tables + "aabb", 1, 605, "aabb"},
-        {"one table for both", in_band + "00000040" + tables.substr(128) + "aabb", 1, 605, "aabb"},
-        {"no tables yet", in_band + "00000000 aabb", -1, 0, ""},
-        {"tables longer than the packet", in_band + "00000080" + tables.substr(2), -1, 0, ""},
-        {"16-bit tables", in_band + "00010080" + tables + "aabb", -1, 0, ""},
-        {"type-specific", "01000000 01 32 50 3c aabb", -1, 0, ""},
-        {"type 2", "00000000 02 32 50 3c aabb", -1, 0, ""},
-        {"seven bytes", "00000000 01 32 50", -1, 0, ""},
-        {"cut restart header", "00000000 41 32 50 3c 0014", -1, 0, ""},
+        {"Q 50", main + "aabb", 605},
+        {"restart header", "00000000 41 32 50 3c 0014 ffff aabb", 611},
+        {"tables in band", in_band + "00000080" + tables + "aabb", 605},
+        {"one table for both", in_band + "00000040" + tables.substr(128) + "aabb", 605},
+        {"no tables yet", in_band + "00000000 aabb", 0},
+        {"tables longer than the packet", in_band + "00000080" + tables.substr(2), 0},
+        {"16-bit tables", in_band + "00010080" + tables + "aabb", 0},
+        {"type-specific", "01000000 01 32 50 3c aabb", 0},
+        {"type 2", "00000000 02 32 50 3c aabb", 0},
+        {"seven bytes", "00000000 01 32 50", 0},
+        {"cut restart header", "00000000 41 32 50 3c 0014", 0},
     };
     for (const Row& row : rows) {
         Depacketiser in(ENC_TYPE_JPEG);
-        RtpSpec spec;
-        spec.marker = true;
-        EXPECT_EQ(row.result, in.Put(MakeRtp(spec, FromHex(row.payload)))) << row.name;
-        if (row.result > 0) {
+        SCOPED_TRACE(row.name);
+        EXPECT_EQ(row.header_len > 0 ? 1 : -1, in.PutFrame({FromHex(row.payload)}));
+        if (row.header_len > 0) {
             const std::string image = ToHex(in.Last());
-            EXPECT_EQ(row.header_len + 2, in.Last().size()) << row.name;
-            EXPECT_EQ("ffd8ffdb004300", image.substr(0, 14)) << row.name;
-            EXPECT_EQ(row.scan, image.substr(image.size() - 4)) << row.name;
-            EXPECT_EQ(row.header_len == 611, image.find("ffdd00040014ffda") != std::string::npos) << row.name;
-            EXPECT_NE(std::string::npos, image.find("ffc000110801e0028003")) << row.name;
+            EXPECT_EQ(row.header_len + 2, in.Last().size());
+            EXPECT_EQ("ffd8ffdb004300", image.substr(0, 14));
+            EXPECT_EQ("aabb", image.substr(image.size() - 4));
+            EXPECT_EQ(row.header_len == 611, image.find("ffdd00040014ffda") != std::string::npos);
+            EXPECT_NE(std::string::npos, image.find("ffc000110801e0028003"));
             EXPECT_EQ("J", in.m_letters);
             EXPECT_EQ(640, in.Engine().GetWidth());
             EXPECT_EQ(480, in.Engine().GetHeight());
@@ -390,12 +335,9 @@ TEST(Rtp2Frame, JpegHeadersAreRebuilt) {
     // Tables stay for the frames with the same Q that leave them out, unless Q is 255.
     for (const char* q : {"80", "ff"}) {
         Depacketiser in(ENC_TYPE_JPEG);
-        RtpSpec spec;
-        spec.marker = true;
         const std::string head = std::string("00000000 00") + q + "503c";
-        EXPECT_EQ(1, in.Put(MakeRtp(spec, FromHex(head + "00000080" + tables + "aabb"))));
-        ++spec.sequence;
-        EXPECT_EQ(std::string(q) == "ff" ? -1 : 1, in.Put(MakeRtp(spec, FromHex(head + "00000000 ccdd"))));
+        EXPECT_EQ(1, in.PutFrame({FromHex(head + "00000080" + tables + "aabb")}));
+        EXPECT_EQ(std::string(q) == "ff" ? -1 : 1, in.PutFrame({FromHex(head + "00000000 ccdd")}));
     }
 }
 
@@ -411,10 +353,8 @@ TEST(Rtp2Frame, TransportStreamsGiveTheFramesOfTheirFirstTrack) {
         const bool audio = i % 3 == 2;
         Bytes frame = i % 2 == 0 ? CODE + SPS + CODE + PPS + CODE + FromHex("658884") : CODE + FromHex("61e0");
         frame.resize(frame.size() + i * 500, 0x55);
-        packer.PutFrame(frame.data(), static_cast<unsigned>(frame.size()), audio ? ENC_TYPE_AUDIO : ENC_TYPE_H264, i,
-                        0);
+        const std::vector<Bytes> units = Pack(packer, frame, audio ? ENC_TYPE_AUDIO : ENC_TYPE_H264, i);
         spec.timestamp += 3600;
-        const std::vector<Bytes> units = UnitsOf(packer);
         for (const Bytes& unit : units) {
             spec.marker = &unit == &units.back();
             // Bytes behind the last whole packet of 188 aren't looked at.

@@ -2,10 +2,7 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstring>
-#include <string>
 #include <thread>
-#include <vector>
 
 #include "StreamParser/RtpHeader.h"
 #include "StreamParser/StreamParser.h"
@@ -15,16 +12,15 @@
 #include "support/StreamBytes.h"
 
 namespace Kavio {
-namespace Vidora {
-namespace {
+namespace Support {
 
-typedef std::vector<unsigned char> Bytes;
+using namespace Vidora;
+
+namespace {
 
 Flumen::CMediaFrame make_frame(const Bytes& bytes, int type = 'I', uint64_t pts = 1000, int sequence = 1) {
     Flumen::CMediaFrame frame(static_cast<unsigned>(bytes.size()));
-    if (frame.valid()) {
-        std::memcpy(frame.getBuffer(), bytes.data(), bytes.size());
-    }
+    std::copy(bytes.begin(), bytes.end(), frame.getBuffer());
     frame.setType(type);
     frame.setPts(pts, Flumen::PTS_TYPE_MS);
     frame.setSequence(sequence);
@@ -48,18 +44,8 @@ Bytes private_frame(char letter, uint8_t sub_type, const Bytes& body) {
 
 // Parameter sets of a 64x48 picture and a slice of `size` bytes.
 Bytes h264_frame(bool key, size_t size) {
-    Bytes frame;
-    if (key) {
-        frame = {0x00, 0x00, 0x00, 0x01, 0x67, 0x42, 0xc0, 0x0a, 0xd9, 0x04, 0x7b, 0x01,
-                 0x10, 0x00, 0x00, 0x03, 0x00, 0x10, 0x00, 0x00, 0x03, 0x03, 0x20, 0xf1,
-                 0x22, 0x64, 0x80, 0x00, 0x00, 0x00, 0x01, 0x68, 0xcb, 0x83, 0xcb, 0x20};
-    }
-    frame.insert(frame.end(), {0, 0, 0, 1, static_cast<unsigned char>(key ? 0x65 : 0x41),
-                               static_cast<unsigned char>(key ? 0x88 : 0x9A)});
-    for (size_t i = 2; i < size; ++i) {
-        frame.push_back(static_cast<unsigned char>(i % 250 + 2));
-    }
-    return frame;
+    const Bytes sets = FromHex("00000001 6742c00ad9047b0110000003001000000303 20f1226480 00000001 68cb83cb20");
+    return (key ? sets : Bytes()) + FromHex(key ? "00000001 6588" : "00000001 419a") + Ramp(size - 2);
 }
 
 CStreamParserPtr make_encoder(int enc_type, bool header, bool merge, int dst_type = STREAM_TYPE_RTP) {
@@ -97,18 +83,24 @@ CStreamParserPtr make_decoder(int dst_type, int enc_type = ENC_TYPE_H264) {
     return decoder;
 }
 
-// Everything that comes out for one input.
-std::vector<Flumen::CMediaFrame> convert(CStreamParser& parser, const Flumen::CMediaFrame& input) {
-    std::vector<Flumen::CMediaFrame> out;
+typedef std::vector<Flumen::CMediaFrame> Frames;
+
+// Puts everything that comes out for one input behind `out`.
+void convert(CStreamParser& parser, const Flumen::CMediaFrame& input, Frames& out) {
     if (parser.InputFrame(input) == PARSER_FRAME_READY) {
         for (Flumen::CMediaFrame frame = parser.OutputFrame(); frame.valid(); frame = parser.OutputFrame()) {
             out.push_back(frame);
         }
     }
+}
+
+Frames convert(CStreamParser& parser, const Flumen::CMediaFrame& input) {
+    Frames out;
+    convert(parser, input, out);
     return out;
 }
 
-TEST(StreamParserTest, FactoryMakesItsPairsAndRefusesTheRest) {
+TEST(StreamParser, FactoryMakesItsPairsAndRefusesTheRest) {
     const struct {
         int src, dst;
         bool made;
@@ -126,7 +118,7 @@ TEST(StreamParserTest, FactoryMakesItsPairsAndRefusesTheRest) {
         {0, 6, false, "CStreamParser::Create dst_type[6] unsupported!\n"},
     };
     for (const auto& row : rows) {
-        Support::CLogCapture log;
+        CLogCapture log;
         EXPECT_EQ(CStreamParser::Create(row.src, row.dst) != nullptr, row.made);
         EXPECT_EQ(log.Lines(), std::vector<std::string>{row.log});
     }
@@ -134,10 +126,10 @@ TEST(StreamParserTest, FactoryMakesItsPairsAndRefusesTheRest) {
     EXPECT_STREQ(enc_type_name(10), "Unknown");
 }
 
-TEST(StreamParserTest, WhatAConverterDoesNotServeSaysSo) {
+TEST(StreamParser, WhatAConverterDoesNotServeSaysSo) {
     const CStreamParserPtr encoder = make_encoder(ENC_TYPE_H264, false, false);
     const CStreamParserPtr ts_decoder = CStreamParser::Create(STREAM_TYPE_TS, STREAM_TYPE_RAW_FRAME);
-    Support::CLogCapture log;
+    CLogCapture log;
     RtpEncParam rtp;
     encoder->Clean();
     EXPECT_EQ(encoder->SetParam(RtpDecParam()), PARSER_UNSUPPORTED);
@@ -149,7 +141,7 @@ TEST(StreamParserTest, WhatAConverterDoesNotServeSaysSo) {
 }
 
 // Bare and private frames give the same packets; merged output is the packets, each behind its header.
-TEST(StreamParserTest, MergedOutputIsTheSinglePacketsInARow) {
+TEST(StreamParser, MergedOutputIsTheSinglePacketsInARow) {
     const Bytes body = h264_frame(true, 4000);
     const Bytes wrapped = private_frame('I', 0, body);
     for (const int dst_type : {STREAM_TYPE_RTP, STREAM_TYPE_TS, STREAM_TYPE_PS}) {
@@ -166,14 +158,14 @@ TEST(StreamParserTest, MergedOutputIsTheSinglePacketsInARow) {
                     EXPECT_EQ(bytes[1], 2);
                     EXPECT_EQ(bytes[2] * 256u + bytes[3], bytes.size() - 4);
                 }
-                all.insert(all.end(), bytes.begin(), bytes.end());
+                all = all + bytes;
             }
             EXPECT_EQ(bytes_of(merged[0]), all);
         }
     }
 }
 
-TEST(StreamParserTest, ReplayExtensionIsCountedInTheFirstHeader) {
+TEST(StreamParser, ReplayExtensionIsCountedInTheFirstHeader) {
     const CStreamParserPtr encoder = make_encoder(ENC_TYPE_MPEG4, true, true);
     RtpEncParam param;
     encoder->GetParam(param);
@@ -194,15 +186,14 @@ TEST(StreamParserTest, ReplayExtensionIsCountedInTheFirstHeader) {
     EXPECT_EQ(param.sequence, 12);
 }
 
-TEST(StreamParserTest, EncoderTellsItsResultsApartAndGoesOn) {
+TEST(StreamParser, EncoderTellsItsResultsApartAndGoesOn) {
     const CStreamParserPtr encoder = make_encoder(ENC_TYPE_JPEG, true, true);
-    Support::CLogCapture log(Ostra::LOG_LEVEL_ERROR);
+    CLogCapture log(Ostra::LOG_LEVEL_ERROR);
     EXPECT_EQ(encoder->InputFrame(Flumen::CMediaFrame()), PARSER_NO_DATA);
     EXPECT_EQ(encoder->InputFrame(make_frame(h264_frame(true, 100))), PARSER_FAILED);  // another codec than said
     EXPECT_FALSE(encoder->OutputFrame().valid());
     // Only a header and no payload, or a header that claims more than there is.
-    Bytes empty(24, 0);
-    std::memcpy(empty.data(), "KXAV", 4);
+    Bytes empty = Bytes{'K', 'X', 'A', 'V'} + Bytes(20, 0);
     EXPECT_EQ(encoder->InputFrame(make_frame(empty)), PARSER_FAILED);
     RtpEncParam param;
     param.enc_type = ENC_TYPE_AUDIO;
@@ -213,7 +204,7 @@ TEST(StreamParserTest, EncoderTellsItsResultsApartAndGoesOn) {
     EXPECT_EQ(log.Count("CFrame2Rtp::PutFrame error"), 3);
 }
 
-TEST(StreamParserTest, AssistFrameTakesItsTypeFromTheHeader) {
+TEST(StreamParser, AssistFrameTakesItsTypeFromTheHeader) {
     const Bytes wrapped = private_frame('W', 9, Bytes(5, 0x77));
     const CStreamParserPtr encoder = make_encoder(ENC_TYPE_ASSIST, false, true);
     const auto packets = convert(*encoder, make_frame(wrapped, 'W'));
@@ -225,21 +216,42 @@ TEST(StreamParserTest, AssistFrameTakesItsTypeFromTheHeader) {
     EXPECT_EQ(get_assist_type(frames[0].getBuffer(), static_cast<int>(frames[0].size())), 9);
 }
 
+// Raw and private frames that hold the bodies: a key frame and others, 40 ms apart.
+void check_frames(const Frames& raw, const Frames& wrapped, const std::vector<Bytes>& bodies, unsigned first_pts) {
+    ASSERT_EQ(raw.size(), bodies.size());
+    ASSERT_EQ(wrapped.size(), bodies.size());
+    for (unsigned i = 0; i < bodies.size(); ++i) {
+        SCOPED_TRACE(i);
+        EXPECT_EQ(bytes_of(raw[i]), bodies[i]);
+        EXPECT_EQ(raw[i].getType(), i == 0 ? 'I' : 'P');
+        EXPECT_EQ(raw[i].getPts(Flumen::PTS_TYPE_MS), first_pts + 40 * i);
+        EXPECT_EQ(raw[i].getSequence(), raw[0].getSequence() + static_cast<int>(i));
+        const Bytes bytes = bytes_of(wrapped[i]);
+        KXHeader header;
+        ASSERT_TRUE(kx_read_header(bytes.data(), bytes.size(), header));
+        EXPECT_EQ(header.frame_type, i == 0 ? KX_TYPE_I : KX_TYPE_P);
+        EXPECT_EQ(header.time_stamp, first_pts + 40 * i);
+        EXPECT_EQ(header.sequence, static_cast<uint32_t>(wrapped[i].getSequence()));
+        EXPECT_EQ(header.total_length, bytes.size());
+        EXPECT_EQ(Part(bytes, 24u + header.ext_length), bodies[i] + Part(bytes, bytes.size() - 8));
+    }
+    EXPECT_EQ(wrapped[0].getBuffer()[26], KX_VIDEO_H264);
+}
+
 // Every destination of the RTP decoder, from single packets and from runs behind headers.
-TEST(StreamParserTest, RtpDecoderGivesFramesAndPacketsBack) {
+TEST(StreamParser, RtpDecoderGivesFramesAndPacketsBack) {
     for (const bool merge : {false, true}) {
         const CStreamParserPtr encoder = make_encoder(ENC_TYPE_H264, merge, merge);
         const CStreamParserPtr decoders[] = {make_decoder(STREAM_TYPE_RTP), make_decoder(STREAM_TYPE_RAW_FRAME),
                                              make_decoder(STREAM_TYPE_PRIVATE_FRAME)};
-        for (int i = 0; i < 3; ++i) {
-            SCOPED_TRACE(i);
-            const Bytes body = h264_frame(i == 0, 3000);
-            const auto packets = convert(*encoder, make_frame(body, i == 0 ? 'I' : 'P', 5000 + 40 * i));
-            std::vector<Flumen::CMediaFrame> outs[3];
+        const std::vector<Bytes> bodies = {h264_frame(true, 3000), h264_frame(false, 3000), h264_frame(false, 2000)};
+        Frames outs[3];
+        for (const Bytes& body : bodies) {
+            const auto packets = convert(*encoder, make_frame(body, 'P', 5000 + 40 * (&body - bodies.data())));
+            outs[0].clear();
             for (const Flumen::CMediaFrame& packet : packets) {
                 for (int k = 0; k < 3; ++k) {
-                    const auto out = convert(*decoders[k], packet);
-                    outs[k].insert(outs[k].end(), out.begin(), out.end());
+                    convert(*decoders[k], packet, outs[k]);
                 }
             }
             ASSERT_EQ(outs[0].size(), packets.size());
@@ -247,38 +259,22 @@ TEST(StreamParserTest, RtpDecoderGivesFramesAndPacketsBack) {
                 EXPECT_EQ(outs[0][k].getBuffer(), packets[k].getBuffer());  // the same bytes, not a copy
                 EXPECT_EQ(outs[0][k].getSequence(), outs[0][0].getSequence());
             }
-            ASSERT_EQ(outs[1].size(), 1u);
-            const Flumen::CMediaFrame& raw = outs[1][0];
-            EXPECT_EQ(bytes_of(raw), body);
-            EXPECT_EQ(raw.getType(), i == 0 ? 'I' : 'P');
-            EXPECT_EQ(raw.getPts(Flumen::PTS_TYPE_MS), 40u * static_cast<unsigned>(i));
-            EXPECT_EQ(raw.getChannel(), 5);
-            ASSERT_EQ(outs[2].size(), 1u);
-            const Bytes wrapped = bytes_of(outs[2][0]);
-            KXHeader header;
-            ASSERT_TRUE(kx_read_header(wrapped.data(), wrapped.size(), header));
-            EXPECT_EQ(header.frame_type, i == 0 ? KX_TYPE_I : KX_TYPE_P);
-            EXPECT_EQ(header.time_stamp, 40 * i);
-            EXPECT_EQ(header.sequence, static_cast<uint32_t>(outs[2][0].getSequence()));
-            EXPECT_EQ(header.total_length, wrapped.size());
-            EXPECT_EQ(Bytes(wrapped.begin() + 24 + header.ext_length, wrapped.end() - 8), body);
-            if (i == 0) {
-                EXPECT_EQ(wrapped[26], KX_VIDEO_H264);
-                EXPECT_EQ(wrapped[27], 12);  // no rate measured yet
-            }
         }
+        check_frames(outs[1], outs[2], bodies, 0);
+        EXPECT_EQ(outs[1][0].getChannel(), 5);
+        EXPECT_EQ(outs[2][0].getBuffer()[27], 12);  // no rate measured yet
     }
 }
 
 Flumen::CMediaFrame rtp_packet(uint16_t sequence, uint32_t timestamp, bool marker, const Bytes& payload) {
-    Support::RtpSpec spec;
+    RtpSpec spec;
     spec.sequence = sequence;
     spec.timestamp = timestamp;
     spec.marker = marker;
-    return make_frame(Support::MakeRtp(spec, payload), 0, 0, 0);
+    return make_frame(MakeRtp(spec, payload), 0, 0, 0);
 }
 
-TEST(StreamParserTest, PacketOfTheNextFrameIsKeptAndFedAgain) {
+TEST(StreamParser, PacketOfTheNextFrameIsKeptAndFedAgain) {
     const Bytes slice = {0x41, 0x9A, 7, 7};
     for (const int dst_type : {STREAM_TYPE_RAW_FRAME, STREAM_TYPE_RTP}) {
         const CStreamParserPtr decoder = make_decoder(dst_type);
@@ -293,11 +289,11 @@ TEST(StreamParserTest, PacketOfTheNextFrameIsKeptAndFedAgain) {
     }
 }
 
-TEST(StreamParserTest, RtpDecoderCleansUpAfterBadCallersAndBadBytes) {
+TEST(StreamParser, RtpDecoderCleansUpAfterBadCallersAndBadBytes) {
     const Bytes slice = {0x41, 0x9A, 7, 7};
     const CStreamParserPtr decoder = make_decoder(STREAM_TYPE_RAW_FRAME);
     {
-        Support::CLogCapture log(Ostra::LOG_LEVEL_ERROR);
+        CLogCapture log(Ostra::LOG_LEVEL_ERROR);
         uint16_t sequence = 1;
         for (int i = 0; i < 1024; ++i) {
             ASSERT_EQ(decoder->InputFrame(rtp_packet(sequence++, 90, false, slice)), PARSER_OK);
@@ -310,23 +306,23 @@ TEST(StreamParserTest, RtpDecoderCleansUpAfterBadCallersAndBadBytes) {
         EXPECT_EQ(log.Count("frame not taken yet, take it first.  StreamParser/StreamDecRtp.cpp:"), 1);
         EXPECT_EQ(decoder->OutputFrame().size(), 4u + slice.size());
     }
-    Support::CLogCapture log;
-    Support::CAssertCapture asserts;
+    CLogCapture log;
+    CAssertCapture asserts;
     EXPECT_EQ(decoder->InputFrame(Flumen::CMediaFrame()), PARSER_FAILED);
     EXPECT_EQ(decoder->InputFrame(make_frame({0x80, 0x60, 0, 1})), PARSER_FAILED);
     // Runs: a packet longer than the rest, and a frame that ends in the middle.
     const Bytes packet = bytes_of(rtp_packet(3000, 7290, true, slice));
-    const Bytes run = Support::operator+({'$', 0, 0, static_cast<unsigned char>(packet.size())}, packet);
-    EXPECT_EQ(decoder->InputFrame(make_frame(Bytes(run.begin(), run.end() - 1))), PARSER_FAILED);
+    const Bytes run = Bytes{'$', 0, 0, static_cast<uint8_t>(packet.size())} + packet;
+    EXPECT_EQ(decoder->InputFrame(make_frame(Part(run, 0, run.size() - 1))), PARSER_FAILED);
     EXPECT_TRUE(asserts.Texts().empty());
-    EXPECT_EQ(decoder->InputFrame(make_frame(Support::operator+(run, run))), PARSER_FAILED);
+    EXPECT_EQ(decoder->InputFrame(make_frame(run + run)), PARSER_FAILED);
     EXPECT_EQ(asserts.Texts(),
               std::vector<std::string>{"( (ret == 1) && ( len == (int)(rtp_len + sizeof(struct rtptcphdr)) ) ) || "
                                        "( (ret == 2) && ( len == orig_len ) )"});
     EXPECT_EQ(convert(*decoder, make_frame(run)).size(), 1u);
 }
 
-TEST(StreamParserTest, LostPacketsShowInTheFrameCount) {
+TEST(StreamParser, LostPacketsShowInTheFrameCount) {
     const CStreamParserPtr decoder = make_decoder(STREAM_TYPE_RAW_FRAME);
     const Bytes slice = {0x41, 0x9A, 7, 7};
     const int first = convert(*decoder, rtp_packet(10, 90, true, slice))[0].getSequence();
@@ -335,45 +331,35 @@ TEST(StreamParserTest, LostPacketsShowInTheFrameCount) {
     EXPECT_GE(behind, first + 2);
 }
 
-TEST(StreamParserTest, TsDecoderGivesFramesAndPacketsBack) {
+TEST(StreamParser, TsDecoderGivesFramesAndPacketsBack) {
     const CStreamParserPtr encoder = make_encoder(ENC_TYPE_H264, false, true, STREAM_TYPE_TS);
     const CStreamParserPtr decoders[] = {CStreamParser::Create(2, 1), CStreamParser::Create(2, 5),
                                          CStreamParser::Create(2, 6)};
     std::vector<Bytes> bodies;
-    std::vector<Flumen::CMediaFrame> outs[3];
+    Frames outs[3];
     size_t packets = 0;
-    for (int i = 0; i < 4; ++i) {
-        bodies.push_back(h264_frame(i == 0, 1000 + 100 * static_cast<size_t>(i)));
-        const Bytes stream =
-            bytes_of(convert(*encoder, make_frame(bodies.back(), i == 0 ? 'I' : 'P', 5000 + 40 * i))[0]);
+    for (size_t i = 0; i < 4; ++i) {
+        bodies.push_back(h264_frame(i == 0, 1000 + 100 * i));
+        const Bytes stream = bytes_of(convert(*encoder, make_frame(bodies.back(), 'P', 5000 + 40 * i))[0]);
         packets += i < 3 ? stream.size() / 188 : 0;
         for (size_t at = 0; at < stream.size(); at += 188) {
-            const Bytes packet(stream.begin() + static_cast<long>(at), stream.begin() + static_cast<long>(at) + 188);
             for (int k = 0; k < 3; ++k) {
-                const auto out = convert(*decoders[k], make_frame(packet));
-                outs[k].insert(outs[k].end(), out.begin(), out.end());
+                convert(*decoders[k], make_frame(Part(stream, at, 188)), outs[k]);
             }
         }
     }
-    EXPECT_EQ(outs[0].size(), packets);  // of three frames; the fourth isn't known to be over
-    ASSERT_EQ(outs[1].size(), 3u);
-    ASSERT_EQ(outs[2].size(), 3u);
-    for (size_t i = 0; i < 3; ++i) {
-        EXPECT_EQ(bytes_of(outs[1][i]), bodies[i]);
-        EXPECT_EQ(outs[1][i].getType(), i == 0 ? 'I' : 'P');
-        EXPECT_EQ(outs[1][i].getSequence(), static_cast<int>(i));
-        KXHeader header;
-        EXPECT_TRUE(kx_read_header(outs[2][i].getBuffer(), outs[2][i].size(), header));
-    }
-    EXPECT_EQ(outs[2][0].getBuffer()[24 + 2], KX_VIDEO_H264);
-    EXPECT_EQ(outs[2][0].getBuffer()[24 + 3], 25);  // the fallback rate
-    Support::CLogCapture log;
+    bodies.pop_back();  // it isn't known to be over
+    EXPECT_EQ(outs[0].size(), packets);
+    check_frames(outs[1], outs[2], bodies, 5000);
+    EXPECT_EQ(outs[1][0].getSequence(), 0);
+    EXPECT_EQ(outs[2][0].getBuffer()[27], 25);  // the fallback rate
+    CLogCapture log;
     EXPECT_EQ(decoders[1]->InputFrame(make_frame(Bytes(188, 0))), PARSER_FAILED);
     EXPECT_FALSE(decoders[1]->OutputFrame().valid());
     EXPECT_EQ(log.Count("frame not complete.\n"), 1);
 }
 
-TEST(ParserStatisTest, CarriesTheFractionOfTheRate) {
+TEST(ParserStatis, CarriesTheFractionOfTheRate) {
     ParserStatis statis;
     std::vector<float> rates;
     int sequence = 1;
@@ -407,7 +393,7 @@ void append_output(void* text, const char* piece, unsigned length) {
     static_cast<std::string*>(text)->append(piece, length);
 }
 
-TEST(StreamParserTest, ConsoleCommandsShowConvertersAndPackets) {
+TEST(StreamParser, ConsoleCommandsShowConvertersAndPackets) {
     std::string out;
     Ostra::R3SetOutput(&append_output, &out);
     const CStreamParserPtr encoder = make_encoder(ENC_TYPE_H264, true, true);
@@ -445,7 +431,7 @@ TEST(StreamParserTest, ConsoleCommandsShowConvertersAndPackets) {
 }
 
 // For ThreadSanitizer: the console shows converters of other threads while these come, work and go.
-TEST(StreamParserTest, ConsoleShowsConvertersThatComeAndGo) {
+TEST(StreamParser, ConsoleShowsConvertersThatComeAndGo) {
     std::string out;
     Ostra::R3SetOutput(&append_output, &out);
     std::atomic<int> running{2};
@@ -463,7 +449,7 @@ TEST(StreamParserTest, ConsoleShowsConvertersThatComeAndGo) {
     };
     const size_t before = CStreamParser::GetObjectCount();
     {
-        Support::CLogCapture log(Ostra::LOG_LEVEL_NONE);
+        CLogCapture log(Ostra::LOG_LEVEL_NONE);
         std::thread first(work);
         std::thread second(work);
         while (running > 0) {
@@ -477,5 +463,5 @@ TEST(StreamParserTest, ConsoleShowsConvertersThatComeAndGo) {
 }
 
 }  // namespace
-}  // namespace Vidora
+}  // namespace Support
 }  // namespace Kavio

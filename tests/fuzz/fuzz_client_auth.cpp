@@ -1,14 +1,13 @@
 // A hostile challenge: whatever it holds, the answer is well-formed and bounded, or there is none.
 #include <string>
 
+#include "FuzzSupport.h"
 #include "RtspClient/RtspClientAuth.h"
-#include "Vidora/Ostra/Log.h"
-#include "require.h"
 
 using namespace Kavio::Vidora;
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Kavio::Ostra::SetLogLevel(Kavio::Ostra::LOG_LEVEL_NONE);
+    Fuzz::Quiet();
     const std::string challenge(reinterpret_cast<const char*>(data), size);
     CRtspClientAuth auth;
     auth.set_user("user", "password");
@@ -18,12 +17,12 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     for (int i = 0; i < 2; ++i) {
         std::string value;
         if (!auth.get_authorization(value)) {
-            require(value.empty());
+            Fuzz::Require(value.empty());
             continue;
         }
         const bool basic = auth.get_auth_type() == CRtspClientAuth::AUTH_BASIC;
-        require(value.rfind(basic ? "Basic " : "Digest username=\"user\", realm=\"", 0) == 0);
-        require(value.size() <= 2048 + 256 + 3 * challenge.size());
+        Fuzz::Require(value.rfind(basic ? "Basic " : "Digest username=\"user\", realm=\"", 0) == 0);
+        Fuzz::Require(value.size() <= 2048 + 256 + 3 * challenge.size());
     }
     return 0;
 }

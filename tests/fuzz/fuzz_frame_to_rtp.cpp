@@ -2,22 +2,18 @@
 // in a row, and for the codecs without loss the payloads put together are the frame.
 // Settings: flags (bit 0 extension, bit 1 interleave header); then records whose control byte is the encode type in its
 // low four bits and bit 7 to repeat the bytes into a large frame.
-#include <vector>
-
-#include "FuzzRecords.h"
+#include "FuzzSupport.h"
 #include "StreamParser/RtpHeader.h"
 #include "StreamParser/StreamParser.h"
 
 using namespace Kavio;
 using namespace Kavio::Vidora;
+using Fuzz::Bytes;
 
 namespace {
 
-typedef std::vector<unsigned char> Bytes;
-
 struct Encoder {
-    explicit Encoder(uint8_t flags, bool merge)
-        : parser(CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_RTP)) {
+    Encoder(uint8_t flags, bool merge) : parser(CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_RTP)) {
         param.payload_type = 96;
         param.sequence = 65530;
         parser->SetParam(param);
@@ -28,22 +24,18 @@ struct Encoder {
         param.flags = flags & RTP_FLAG_EXTENSION;
         param.extension[3] = 3;  // three words
     }
-    Bytes Convert(const Flumen::CMediaFrame& frame, int enc_type, std::vector<Bytes>* packets) {
+    std::vector<Bytes> Convert(const Flumen::CMediaFrame& frame, int enc_type) {
         parser->GetParam(param);
         param.enc_type = enc_type;
         parser->SetParam(param);
-        Bytes all;
+        std::vector<Bytes> packets;
         if (parser->InputFrame(frame) == PARSER_FRAME_READY) {
             for (Flumen::CMediaFrame out = parser->OutputFrame(); out.valid(); out = parser->OutputFrame()) {
-                const Bytes bytes(out.getBuffer(), out.getBuffer() + out.size());
-                all.insert(all.end(), bytes.begin(), bytes.end());
-                if (packets != nullptr) {
-                    packets->push_back(bytes);
-                }
+                packets.emplace_back(out.getBuffer(), out.getBuffer() + out.size());
             }
         }
         Fuzz::Require(!parser->OutputFrame().valid());
-        return all;
+        return packets;
     }
 
     CStreamParserPtr parser;
@@ -68,14 +60,12 @@ Bytes check_packets(const std::vector<Bytes>& packets, uint8_t flags, uint16_t& 
     return payloads;
 }
 
-Flumen::CMediaFrame make_frame(const Fuzz::Record& record) {
-    const size_t repeats = (record.control & 0x80) != 0 ? 40 : 1;
-    Flumen::CMediaFrame frame(static_cast<unsigned>(record.bytes.size() * repeats));
-    frame.resize(0);
-    for (size_t i = 0; i < repeats; ++i) {
-        frame.putBuffer(record.bytes.data(), static_cast<unsigned>(record.bytes.size()));
+Bytes join(const std::vector<Bytes>& packets) {
+    Bytes all;
+    for (const Bytes& packet : packets) {
+        all.insert(all.end(), packet.begin(), packet.end());
     }
-    return frame;
+    return all;
 }
 
 }  // namespace
@@ -89,17 +79,15 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     uint16_t sequence = 65530;
     Fuzz::Record record;
     for (uint64_t pts = 1; Fuzz::ReadRecord(reader, record); pts += 40) {
-        Flumen::CMediaFrame frame = make_frame(record);
+        const Bytes bytes = Fuzz::Repeated(record, 40);
+        Flumen::CMediaFrame frame = Fuzz::MakeFrame(bytes);
         frame.setPts(pts, Flumen::PTS_TYPE_MS);
         const int enc_type = record.control & 15;
-        std::vector<Bytes> packets;
-        const Bytes all = single.Convert(frame, enc_type, &packets);
-        Fuzz::Require(merged.Convert(frame, enc_type, nullptr) == all);
+        const std::vector<Bytes> packets = single.Convert(frame, enc_type);
+        Fuzz::Require(join(merged.Convert(frame, enc_type)) == join(packets));
         const Bytes payloads = check_packets(packets, flags, sequence);
-        const bool bare = frame.size() < 4 || frame.getBuffer()[0] != 'K';
-        if (bare && (enc_type == ENC_TYPE_MPEG4 || enc_type == ENC_TYPE_AUDIO)) {
-            Fuzz::Require(payloads == Bytes(frame.getBuffer(), frame.getBuffer() + frame.size()));
-        }
+        const bool bare = bytes.size() < 4 || bytes[0] != 'K';
+        Fuzz::Require(!bare || (enc_type != ENC_TYPE_MPEG4 && enc_type != ENC_TYPE_AUDIO) || payloads == bytes);
     }
     return 0;
 }

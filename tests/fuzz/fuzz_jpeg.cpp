@@ -1,10 +1,8 @@
 // The reader of JFIF images and the cutter behind it: what is read lies inside the image, and the packets put together
 // are the scan, each with its offset (RFC 2435).
 #include <algorithm>
-#include <cstring>
-#include <vector>
 
-#include "FuzzRecords.h"
+#include "FuzzSupport.h"
 #include "StreamParser/JpegTables.h"
 #include "StreamParser/RtpCutJpeg.h"
 #include "Vidora/JpegParser.h"
@@ -14,18 +12,14 @@ using namespace Kavio::Vidora;
 
 namespace {
 
-void require_inside(const unsigned char* part, size_t len, const uint8_t* data, size_t size) {
-    Fuzz::Require(part >= data && len <= size && part <= data + (size - len));
-}
-
 void check_packets(const CRtpPacketList& list, const JpegImage& image) {
-    std::vector<unsigned char> scan;
+    Fuzz::Bytes scan;
     const RtpPacketNode* node = list.Head();
     for (uint32_t i = 0; i < list.Count(); ++i, node = node->next) {
         const size_t offset = node->fixed[1] << 16 | node->fixed[2] << 8 | node->fixed[3];
         Fuzz::Require(offset == scan.size() && node->fixed_len == (image.restart_interval != 0 ? 12u : 8u));
         Fuzz::Require(node->iov_count == (i == 0 ? 3u : 0u) && node->Size() <= 1440 && node->body_len > 0);
-        std::vector<unsigned char> bytes(node->Size());
+        Fuzz::Bytes bytes(node->Size());
         Ostra::CByteWriter writer(bytes.data(), bytes.size());
         node->Write(writer);
         Fuzz::Require(writer.Ok() && writer.Offset() == bytes.size());
@@ -46,9 +40,11 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         Fuzz::Require(count == -1);
         return 0;
     }
-    require_inside(image.luma_table, JPEG_TABLE_LEN, data, size);
-    require_inside(image.chroma_table, JPEG_TABLE_LEN, data, size);
-    require_inside(image.scan, image.scan_len, data, size);
+    const auto inside = [&](const unsigned char* part, size_t len) {
+        return part >= data && len <= size && part <= data + (size - len);
+    };
+    Fuzz::Require(inside(image.luma_table, JPEG_TABLE_LEN) && inside(image.chroma_table, JPEG_TABLE_LEN));
+    Fuzz::Require(inside(image.scan, image.scan_len));
     Fuzz::Require(count == static_cast<int>(list.Count()) && count > 0);
     check_packets(list, image);
     return 0;

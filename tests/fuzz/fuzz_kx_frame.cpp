@@ -1,8 +1,7 @@
 // The functions that look into private frames, with arbitrary bytes; and a frame written around them is read back.
 #include <algorithm>
-#include <vector>
 
-#include "FuzzRecords.h"
+#include "FuzzSupport.h"
 #include "Vidora/KXFrame.h"
 
 using namespace Kavio;
@@ -23,7 +22,7 @@ void check_readers(const uint8_t* data, size_t size) {
     Fuzz::Require(code == -1 || (size >= 28 && !whole && code == data[26]));
     if (whole) {
         kx_unpack_date_time(header.date_time);
-        std::vector<uint8_t> copy(data, data + size);
+        Fuzz::Bytes copy(data, data + size);
         Fuzz::Require(kx_patch_time_stamp(copy.data(), size, 0x1234) && copy[23] == kx_header_checksum(copy.data()));
     }
 }
@@ -41,10 +40,10 @@ void check_writer(const uint8_t* data, size_t size) {
     if (!reader.Ok()) {
         return;
     }
-    const std::vector<uint8_t> payload(reader.Rest(), reader.Rest() + reader.Remaining());
+    const Fuzz::Bytes payload(reader.Rest(), reader.Rest() + reader.Remaining());
     uint32_t offset = 0;
     const uint32_t total = frame.GetFrameSize(static_cast<uint32_t>(payload.size()), offset);
-    std::vector<uint8_t> out(total);
+    Fuzz::Bytes out(total);
     std::copy(payload.begin(), payload.end(), out.begin() + offset);
     Fuzz::Require(frame.WriteFrame(out.data(), total) == 0);
     int remaining = 0;

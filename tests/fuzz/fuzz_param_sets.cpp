@@ -1,10 +1,9 @@
-// The readers of parameter sets and headers: H.264 SPS and slice heads, MPEG-4 VOL, MPEG-2 sequence; and the scan for
-// start codes against a plain one. First byte: which; the rest is the data.
-#include "FuzzRecords.h"
+// The readers of parameter sets and headers: H.264 SPS and slice heads, MPEG-4 VOL, MPEG-2 sequence. First byte: which;
+// the rest is the data.
+#include "FuzzSupport.h"
 #include "StreamParser/Mpeg2Parser.h"
 #include "Vidora/H264Parser.h"
 #include "Vidora/Mpeg4Parser.h"
-#include "Vidora/StartCode.h"
 
 using namespace Kavio;
 using namespace Kavio::Vidora;
@@ -33,30 +32,14 @@ void check_slice(const uint8_t* data, size_t size) {
     Fuzz::Require(head.slice_type <= 9 && !(sps.frame_mbs_only && slice.field_pic));
 }
 
-void check_scan(const uint8_t* data, size_t size) {
-    for (size_t at = 0; at < size; ++at) {
-        size_t plain = at;
-        while (plain + 3 <= size && !(data[plain] == 0 && data[plain + 1] == 0 && data[plain + 2] == 1)) {
-            ++plain;
-        }
-        const size_t found = find_start_code3(data, size, at);
-        Fuzz::Require(found == (plain + 3 <= size ? plain : NO_START_CODE));
-        at = found == NO_START_CODE ? size : found;
-    }
-    const size_t found = find_start_code4(data, size);
-    Fuzz::Require(found == NO_START_CODE || (found + 4 <= size && data[found] == 0 && data[found + 3] == 1));
-}
-
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     Fuzz::Quiet();
-    if (size == 0) {
-        return 0;
-    }
-    const uint8_t which = data[0] % 5;
-    ++data;
-    --size;
+    Ostra::CByteReader input(data, size);
+    const uint8_t which = input.ReadU8() % 4;
+    data = input.Rest();
+    size = input.Remaining();
     Mpeg4Vol vol;
     Mpeg2Sequence sequence;
     switch (which) {
@@ -69,12 +52,9 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         case 2:
             Fuzz::Require(!mpeg4_parse_vol(data, size, vol) || (vol.width > 0 && vol.width < 8192 && vol.height > 0));
             break;
-        case 3:
+        default:
             Fuzz::Require(!mpeg2_parse_sequence(data, size, sequence) || sequence.width < 4096);
             Fuzz::Require(mpeg2_picture_type(data, size) < 8);
-            break;
-        default:
-            check_scan(data, size);
             break;
     }
     return 0;

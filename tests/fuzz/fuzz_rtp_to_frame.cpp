@@ -1,9 +1,7 @@
 // The depacketiser, for each encode type. First byte: encode type, and bit 7 to drop damaged frames.
-#include <algorithm>
 #include <deque>
-#include <vector>
 
-#include "FuzzRecords.h"
+#include "FuzzSupport.h"
 #include "StreamParser/Rtp2Frame.h"
 
 using namespace Kavio;
@@ -16,7 +14,7 @@ void take_frame(CRtp2Frame& engine, int enc_type, size_t held_bytes, size_t held
     const uint32_t size = engine.GetFrameSize();
     // No frame is larger than its packets, a start code for each of them or of their parts, and a configuration.
     Fuzz::Require(size <= 3 * held_bytes + 5 * held + CRtp2Frame::CONFIG_SIZE);
-    std::vector<unsigned char> frame(size);
+    Fuzz::Bytes frame(size);
     Fuzz::Require(engine.GetFrame(frame.data(), size) == size || frame.empty());
     const int type = engine.GetFrameType();
     Fuzz::Require(enc_type == ENC_TYPE_MPEG2TS || type == 'I' || type == 'P' || type == 'J' || type == 'A' ||
@@ -41,10 +39,10 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     Fuzz::RtpSender sender;
     Fuzz::Record record;
-    std::deque<std::vector<uint8_t>> held;  // the engine borrows its packets
+    std::deque<Fuzz::Bytes> held;  // the engine borrows its packets
     size_t held_bytes = 0;
     while (Fuzz::ReadRecord(input, record)) {
-        std::vector<uint8_t> packet = sender.Make(record);
+        Fuzz::Bytes packet = sender.Make(record);
         for (int round = 0; round < 2; ++round) {
             held.push_back(packet);
             held_bytes += packet.size();

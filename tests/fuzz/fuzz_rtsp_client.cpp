@@ -3,14 +3,15 @@
 #include <cstring>
 
 #include "Protocol/RtspReqParser.h"
-#include "require.h"
+#include "RtspStream.h"
 
 using namespace Kavio::Vidora;
 
 namespace {
 
 void check_request(const char* request) {
-    require(request != nullptr && std::strlen(request) <= RTSP_MAX_MESSAGE && std::strchr(request, ' ') != nullptr);
+    Fuzz::Require(request != nullptr && std::strlen(request) <= RTSP_MAX_MESSAGE &&
+                  std::strchr(request, ' ') != nullptr);
 }
 
 // Requests with CSeq 1 to 8, and after the replies the same with what they left behind.
@@ -32,42 +33,31 @@ void ask_everything(CRtspReqParser& parser) {
 
 void check_fields(const CRtspReqParser& parser) {
     for (const char* text : {parser.get_session(), parser.get_public(), parser.get_base_url(), parser.get_auth()}) {
-        require(std::strlen(text) <= RTSP_MAX_TEXT);
+        Fuzz::Require(std::strlen(text) <= RTSP_MAX_TEXT);
     }
-    require(std::strlen(parser.get_redirect_url()) < RTSP_MAX_TEXT);
+    Fuzz::Require(std::strlen(parser.get_redirect_url()) < RTSP_MAX_TEXT);
     int count = 0;
     const rtp_info_entry* entries = parser.get_rtp_info(&count);
-    require(count >= 0 && count <= CRtspReqParser::MAX_RTP_INFO && (entries != nullptr || count == 0));
+    Fuzz::Require(count >= 0 && count <= CRtspReqParser::MAX_RTP_INFO && (entries != nullptr || count == 0));
     for (int i = 0; i < count; ++i) {
-        require(std::memchr(entries[i].url, '\0', sizeof entries[i].url) != nullptr && entries[i].seq <= 65535);
+        Fuzz::Require(std::memchr(entries[i].url, '\0', sizeof entries[i].url) != nullptr && entries[i].seq <= 65535);
     }
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Kavio::Ostra::SetLogLevel(Kavio::Ostra::LOG_LEVEL_NONE);
+    Fuzz::Quiet();
     CRtspReqParser parser;
     parser.set_url("rtsp://192.0.2.1/live?a=1");
     parser.set_back_channel(1);
     ask_everything(parser);
-    const char* cursor = reinterpret_cast<const char*>(data);
-    unsigned int left = static_cast<unsigned int>(size);
-    while (left > 0) {
-        rtsp_msg_info info;
-        const int taken = parser.check_message(cursor, left, &info);
-        if (taken < 0) {
-            break;
-        }
-        const unsigned int length = static_cast<unsigned int>(taken);
-        require(length > 0 && length <= left);
-        const int result = parser.parse_message(cursor, length, &info);
-        require(result == RTSP_OK || result == RTSP_BAD_MESSAGE || result == RTSP_NO_HEADER ||
-                result == RTSP_CHALLENGE);
+    Fuzz::EachMessage(parser, data, size, [&](const char* message, unsigned int length, rtsp_msg_info& info) {
+        const int result = parser.parse_message(message, length, &info);
+        Fuzz::Require(result == RTSP_OK || result == RTSP_BAD_MESSAGE || result == RTSP_NO_HEADER ||
+                      result == RTSP_CHALLENGE);
         check_fields(parser);
-        cursor += length;
-        left -= length;
-    }
+    });
     parser.parse_message(reinterpret_cast<const char*>(data), static_cast<unsigned int>(size), nullptr);
     check_fields(parser);
     ask_everything(parser);

@@ -2,14 +2,15 @@
 #include <cstring>
 
 #include "Protocol/RtspRspParser.h"
-#include "require.h"
+#include "RtspStream.h"
 
 using namespace Kavio::Vidora;
 
 namespace {
 
 void check_reply(const char* reply) {
-    require(reply != nullptr && std::strncmp(reply, "RTSP/1.0 ", 9) == 0 && std::strlen(reply) <= RTSP_MAX_MESSAGE);
+    Fuzz::Require(reply != nullptr && std::strncmp(reply, "RTSP/1.0 ", 9) == 0 &&
+                  std::strlen(reply) <= RTSP_MAX_MESSAGE);
 }
 
 void generate_all(CRtspRspParser& parser) {
@@ -33,36 +34,26 @@ void generate_all(CRtspRspParser& parser) {
 }
 
 void check_fields(const CRtspRspParser& parser) {
-    require(std::strlen(parser.get_url()) <= RTSP_MAX_TEXT && std::strlen(parser.get_auth()) <= RTSP_MAX_TEXT);
-    require(std::strlen(parser.get_body()) <= RTSP_MAX_MESSAGE && std::strlen(parser.get_multicast()->addr) <= 127);
+    Fuzz::Require(std::strlen(parser.get_url()) <= RTSP_MAX_TEXT && std::strlen(parser.get_auth()) <= RTSP_MAX_TEXT);
+    Fuzz::Require(std::strlen(parser.get_body()) <= RTSP_MAX_MESSAGE &&
+                  std::strlen(parser.get_multicast()->addr) <= 127);
     const transport_info* t = parser.get_transport();
-    require(t->rtp_port >= 0 && t->rtp_port <= 65535 && t->rtcp_port >= 0 && t->rtcp_port <= 65535);
+    Fuzz::Require(t->rtp_port >= 0 && t->rtp_port <= 65535 && t->rtcp_port >= 0 && t->rtcp_port <= 65535);
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Kavio::Ostra::SetLogLevel(Kavio::Ostra::LOG_LEVEL_NONE);
+    Fuzz::Quiet();
     CRtspRspParser parser;
-    const char* cursor = reinterpret_cast<const char*>(data);
-    unsigned int left = static_cast<unsigned int>(size);
-    while (left > 0) {
-        rtsp_msg_info info;
-        const int taken = parser.check_message(cursor, left, &info);
-        if (taken < 0) {
-            require(taken == RTSP_INCOMPLETE || taken == RTSP_BAD_MESSAGE);
-            break;
-        }
-        const unsigned int length = static_cast<unsigned int>(taken);
-        require(length > 0 && length <= left);
+    Fuzz::EachMessage(parser, data, size, [&](const char* message, unsigned int length, rtsp_msg_info& info) {
         rtsp_msg_info again;
-        require(parser.check_message(cursor, length, &again) == taken && again.method == info.method);
-        const int result = parser.parse_request(cursor, length, &info);
-        require(result == RTSP_OK || result == RTSP_BAD_MESSAGE || result == RTSP_UNKNOWN_METHOD);
+        Fuzz::Require(parser.check_message(message, length, &again) == static_cast<int>(length));
+        Fuzz::Require(again.method == info.method);
+        const int result = parser.parse_request(message, length, &info);
+        Fuzz::Require(result == RTSP_OK || result == RTSP_BAD_MESSAGE || result == RTSP_UNKNOWN_METHOD);
         check_fields(parser);
         generate_all(parser);
-        cursor += length;
-        left -= length;
-    }
+    });
     return 0;
 }

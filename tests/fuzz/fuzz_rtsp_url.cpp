@@ -1,19 +1,17 @@
 // CRtspUrlParser: any URL and any content; what was found of a live channel or an address is written and read again.
-#include <cstdint>
 #include <cstdio>
 #include <cstring>
 #include <string>
 
-#include "Vidora/Ostra/Log.h"
+#include "FuzzSupport.h"
 #include "Vidora/RtspUrlParser.h"
-#include "require.h"
 
 using namespace Kavio::Vidora;
 
 namespace {
 
 void check_text(const char* text, size_t size) {
-    require(text == nullptr || ::strnlen(text, size) < size);
+    Fuzz::Require(text == nullptr || ::strnlen(text, size) < size);
 }
 
 void check_state(CRtspUrlParser& parser, bool parsed) {
@@ -22,9 +20,9 @@ void check_state(CRtspUrlParser& parser, bool parsed) {
     check_text(parser.GetFileName(), 128);
     check_text(parser.GetParam("proto"), 64);
     check_text(parser.GetParam("ServiceType"), 64);
-    require(parser.GetSrcType() >= SRC_TYPE_PROXY && parser.GetSrcType() <= SRC_TYPE_NONE);
-    require(parser.GetLocalStreamProto() >= 0 && parser.GetLocalStreamProto() <= 2);
-    require((parser.GetContent() != nullptr) == parsed);
+    Fuzz::Require(parser.GetSrcType() >= SRC_TYPE_PROXY && parser.GetSrcType() <= SRC_TYPE_NONE);
+    Fuzz::Require(parser.GetLocalStreamProto() >= 0 && parser.GetLocalStreamProto() <= 2);
+    Fuzz::Require((parser.GetContent() != nullptr) == parsed);
     const playback_info* playback = parser.GetPlayback_info();
     check_text(playback != nullptr ? playback->token : nullptr, sizeof(playback->token));
     for (int index = -1; index <= 2; ++index) {
@@ -34,7 +32,7 @@ void check_state(CRtspUrlParser& parser, bool parsed) {
         if (parser.GetAuthInfo(auth, index) == 0) {
             check_text(user, sizeof(user));
             check_text(password, sizeof(password));
-            require(user[0] != '\0');
+            Fuzz::Require(user[0] != '\0');
         }
     }
     check_text(parser.GenerateContent("x.kav"), 512);
@@ -43,24 +41,24 @@ void check_state(CRtspUrlParser& parser, bool parsed) {
 
 void check_live_channel(const identifier_t& identifier) {
     CRtspUrlParser writer;
-    require(writer.AddConnection(0, "127.0.0.1", 554) == 0);
+    Fuzz::Require(writer.AddConnection(0, "127.0.0.1", 554) == 0);
     const std::string url = writer.GenerateUrl(&identifier);
     CRtspUrlParser reader;
-    require(reader.ParseUrl(url.data(), static_cast<unsigned>(url.size())));
-    require(reader.GetIdentifier() != nullptr && reader.GetIdentifier()->channel == identifier.channel &&
-            reader.GetIdentifier()->subtype == identifier.subtype);
-    require((reader.GetSrcType() == SRC_TYPE_LIVE) == (identifier.subtype >= 0 && identifier.subtype <= 9));
+    Fuzz::Require(reader.ParseUrl(url.data(), static_cast<unsigned>(url.size())));
+    Fuzz::Require(reader.GetIdentifier() != nullptr && reader.GetIdentifier()->channel == identifier.channel &&
+                  reader.GetIdentifier()->subtype == identifier.subtype);
+    Fuzz::Require((reader.GetSrcType() == SRC_TYPE_LIVE) == (identifier.subtype >= 0 && identifier.subtype <= 9));
 }
 
 }  // namespace
 
 extern "C" int LLVMFuzzerInitialize(int*, char***) {
-    require(std::freopen("/dev/null", "w", stdout) != nullptr);  // the parser prints some faults
+    Fuzz::Require(std::freopen("/dev/null", "w", stdout) != nullptr);  // the parser prints some faults
     return 0;
 }
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Kavio::Ostra::SetLogLevel(Kavio::Ostra::LOG_LEVEL_NONE);
+    Fuzz::Quiet();
     const char* text = reinterpret_cast<const char*>(data);
     unsigned length = static_cast<unsigned>(size);
     CRtspUrlParser url;

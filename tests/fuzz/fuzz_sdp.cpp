@@ -1,13 +1,10 @@
 // CSdpParser: any text is read, asked about, written, and gives the same tree when it is read again.
-#include <cstdint>
-#include <cstdlib>
 #include <cstring>
 #include <string>
 
 #include "../support/SdpTree.h"
+#include "FuzzSupport.h"
 #include "Protocol/SdpParser.h"
-#include "Vidora/Ostra/Log.h"
-#include "require.h"
 
 using namespace Kavio::Vidora;
 using Kavio::Support::CSdpTree;
@@ -24,21 +21,21 @@ void on_line(void*, Kavio::Ostra::log_level_t, const char* text, size_t) {
 void ask(const CSdpParser& sdp) {
     sdp_connection_t connection;
     int payload_type = 0;
-    require(sdp.get_media_count() >= 0);
-    require(sdp.get_duration() >= 0);
-    require(sdp.get_packet_kind() >= 0 && sdp.get_packet_kind() <= 3);
-    require(sdp.get_video_encoding() >= 0 && sdp.get_video_encoding() <= SDP_ENCODING_UNKNOWN);
+    Fuzz::Require(sdp.get_media_count() >= 0);
+    Fuzz::Require(sdp.get_duration() >= 0);
+    Fuzz::Require(sdp.get_packet_kind() >= 0 && sdp.get_packet_kind() <= 3);
+    Fuzz::Require(sdp.get_video_encoding() >= 0 && sdp.get_video_encoding() <= SDP_ENCODING_UNKNOWN);
     sdp.get_frame_rate(&payload_type);
     sdp.get_connection(&connection);
     for (int i = -1; i <= sdp.get_media_count() && i < 50; ++i) {
         const int track_id = sdp.get_track_id(i);
-        require(track_id == -1 || sdp.get_index(track_id) == i);
-        require(sdp.get_media_type_at(i) >= 0 && sdp.get_media_type_at(i) <= SDP_MEDIA_UNKNOWN);
-        require(sdp.get_direction(i) >= 0 && sdp.get_direction(i) <= SDP_DIRECTION_NONE);
+        Fuzz::Require(track_id == -1 || sdp.get_index(track_id) == i);
+        Fuzz::Require(sdp.get_media_type_at(i) >= 0 && sdp.get_media_type_at(i) <= SDP_MEDIA_UNKNOWN);
+        Fuzz::Require(sdp.get_direction(i) >= 0 && sdp.get_direction(i) <= SDP_DIRECTION_NONE);
         const char* control = sdp.get_control(i);
-        require(control == nullptr || std::string(control).size() < SDP_CONTROL_SIZE);
+        Fuzz::Require(control == nullptr || std::string(control).size() < SDP_CONTROL_SIZE);
         char* name = sdp.get_payload_name(i);
-        require(name == nullptr || (*name != '\0' && std::string(name).size() < 128));
+        Fuzz::Require(name == nullptr || (*name != '\0' && std::string(name).size() < 128));
         std::free(name);
         sdp.get_sample_rate(i);
         sdp.get_channel_count(i);
@@ -57,19 +54,19 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     if (size == 0) {
         return 0;  // a length of 0 asks for the text's own end
     }
-    require(sdp.Parse(reinterpret_cast<const char*>(data), static_cast<int>(size)) == 0);
+    Fuzz::Require(sdp.Parse(reinterpret_cast<const char*>(data), static_cast<int>(size)) == 0);
     ask(sdp);
-    require(sdp.GetStream() == 0);
+    Fuzz::Require(sdp.GetStream() == 0);
     const std::string text = sdp.get_stream();
-    require(text.size() < SDP_STREAM_SIZE && text.compare(0, 2, "v=") == 0);
-    require(text.compare(text.size() - 2, 2, "\r\n") == 0);  // whole lines only
+    Fuzz::Require(text.size() < SDP_STREAM_SIZE && text.compare(0, 2, "v=") == 0);
+    Fuzz::Require(text.compare(text.size() - 2, 2, "\r\n") == 0);  // whole lines only
 
     CSdpParser again(sdp);
-    require(again.GetStream() == 0);
+    Fuzz::Require(again.GetStream() == 0);
     if (!g_too_long) {
-        require(CSdpTree::Dump(*again.get_session()) == CSdpTree::Dump(*sdp.get_session()));
+        Fuzz::Require(CSdpTree::Dump(*again.get_session()) == CSdpTree::Dump(*sdp.get_session()));
     }
-    require(again.add_media("video", 1, 1, "RTP/AVP", "96 97") == again.get_media_count());
+    Fuzz::Require(again.add_media("video", 1, 1, "RTP/AVP", "96 97") == again.get_media_count());
     ask(again);
     return 0;
 }

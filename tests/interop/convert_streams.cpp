@@ -13,27 +13,25 @@
 // A frame is its type letter (1), time stamp in milliseconds (8, little-endian), size (4, little-endian) and bytes.
 #include <cstdio>
 #include <cstdlib>
-#include <string>
-#include <vector>
+#include <iostream>
+#include <iterator>
 
 #include "StreamParser/StreamParser.h"
 #include "StreamParser/TsTable.h"
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Ostra/ByteWriter.h"
 
+#include "../support/StreamBytes.h"
+
 using namespace Kavio;
 using namespace Kavio::Vidora;
+using Support::Bytes;
 
 namespace {
 
-std::vector<unsigned char> read_input() {
-    std::vector<unsigned char> all;
-    unsigned char block[65536];
-    size_t len = 0;
-    while ((len = std::fread(block, 1, sizeof(block), stdin)) > 0) {
-        all.insert(all.end(), block, block + len);
-    }
-    return all;
+Bytes read_input() {
+    const std::string all((std::istreambuf_iterator<char>(std::cin)), std::istreambuf_iterator<char>());
+    return Bytes(all.begin(), all.end());
 }
 
 Flumen::CMediaFrame make_frame(const unsigned char* data, size_t len) {
@@ -60,11 +58,7 @@ bool feed(CStreamParser& parser, const Flumen::CMediaFrame& input, bool as_frame
         std::fprintf(stderr, "InputFrame gave %d\n", ret);
         return false;
     }
-    while (ret == PARSER_FRAME_READY) {
-        const Flumen::CMediaFrame output = parser.OutputFrame();
-        if (!output.valid()) {
-            break;
-        }
+    for (Flumen::CMediaFrame output = parser.OutputFrame(); output.valid(); output = parser.OutputFrame()) {
         if (as_frames) {
             write_frame(output);
         } else {
@@ -82,15 +76,12 @@ int decode(bool rtp, int enc_type, int payload_type, const std::string& config_h
         param.enc_type = enc_type;
         param.payload_type = static_cast<uint8_t>(payload_type);
         param.drop_damaged = 1;
-        std::vector<unsigned char> config;
-        for (size_t i = 0; i + 1 < config_hex.size(); i += 2) {
-            config.push_back(static_cast<unsigned char>(std::stoi(config_hex.substr(i, 2), nullptr, 16)));
-        }
+        const Bytes config = Support::FromHex(config_hex);
         param.config1 = config.data();
         param.config1_len = static_cast<int>(config.size());
         parser->SetParam(param);
     }
-    const std::vector<unsigned char> input = read_input();
+    const Bytes input = read_input();
     Ostra::CByteReader reader(input.data(), input.size());
     while (reader.Remaining() > 0) {
         const size_t len = rtp ? reader.ReadU16() : size_t{TS_PACK_LEN};
@@ -132,7 +123,7 @@ CStreamParserPtr make_packetiser(int enc_type, int payload_type, int clock_rate)
 }
 
 int encode(const CStreamParserPtr& parser) {
-    const std::vector<unsigned char> input = read_input();
+    const Bytes input = read_input();
     Ostra::CByteReader reader(input.data(), input.size());
     while (reader.Remaining() > 0) {
         const uint8_t type = reader.ReadU8();

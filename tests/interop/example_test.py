@@ -2,14 +2,13 @@
 """The example host, read by FFmpeg: example_test.py PROGRAM."""
 import subprocess
 import sys
-import tempfile
 
-from host_support import frame_digests, free_port, run
+from peers import Folder, ffmpeg, frame_digests, free_port
 
-with tempfile.TemporaryDirectory() as folder:
-    image = f"{folder}/image.jpg"
-    run("ffmpeg", "-loglevel", "error", "-f", "lavfi", "-i", "testsrc=size=320x240", "-pix_fmt", "yuvj420p",
-        "-huffman", "default", "-frames:v", "1", image)
+with Folder() as folder:
+    image = folder("image.jpg")
+    ffmpeg("-f", "lavfi", "-i", "testsrc=size=320x240", "-pix_fmt", "yuvj420p", "-huffman", "default", "-frames:v", "1",
+           image)
     port = free_port()
     host = subprocess.Popen([sys.argv[1], str(port), image], stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
     assert "listening" in host.stdout.readline()

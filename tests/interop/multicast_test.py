@@ -1,19 +1,18 @@
 #!/usr/bin/env python3
 """Multicast of vidora-host, read by FFmpeg in a network namespace of its own: multicast_test.py HOST MEDIA."""
 import os
-import subprocess
 import sys
 import unittest
 
-import host_support as support
-from host_support import Host, frame_digests, is_run_of_loop
+from host_support import LIVE, MEDIA, Host, is_run_of_loop, main
+from peers import frame_digests, run
 
 
 class Multicast(unittest.TestCase):
     def check(self, kind, *source):
-        pictures = frame_digests("-i", f"{support.MEDIA}/clip.h264")[0]
-        options = ["--live", f"{support.LIVE}={support.MEDIA}/clip.h264,{support.MEDIA}/clip.alaw",
-                   "--multicast", f"{support.LIVE}=239.1.2.3:30000,{kind}", "--multicast-if", "127.0.0.1"]
+        pictures = frame_digests("-i", f"{MEDIA}/clip.h264")[0]
+        options = ["--live", f"{LIVE}={MEDIA}/clip.h264,{MEDIA}/clip.alaw",
+                   "--multicast", f"{LIVE}=239.1.2.3:30000,{kind}", "--multicast-if", "127.0.0.1"]
         with Host(*options, live=False) as host:
             digests = frame_digests(*(source or ("-rtsp_transport", "udp_multicast", "-i", host.url())), "-map", "0:v",
                                     "-t", "4", joins=kind == "ts")
@@ -28,11 +27,9 @@ class Multicast(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    support.HOST, support.MEDIA = sys.argv[1:3]
     if os.environ.get("VIDORA_IN_NAMESPACE") != "1":
         environment = dict(os.environ, VIDORA_IN_NAMESPACE="1")
         os.execvpe("unshare", ["unshare", "-n", sys.executable] + sys.argv, environment)
     for command in ("ip link set lo up multicast on", "ip route add 224.0.0.0/4 dev lo src 127.0.0.1"):
-        subprocess.run(command.split(), check=True)
-    del sys.argv[1:3]
-    unittest.main(verbosity=2)
+        run(*command.split())
+    main()

@@ -1,61 +1,17 @@
-"""Clips, elementary streams and peers for the tests of the converters."""
-import os
+"""Clips, elementary streams and RTP packets for the tests of the converters."""
 import re
-import shutil
 import socket
 import struct
-import subprocess
-import sys
-import tempfile
 import threading
 
-FFMPEG = ["ffmpeg", "-hide_banner", "-nostdin", "-v", "error", "-y"]
-H264, MPEG4, JPEG, MP3 = 1, 2, 3, 9
+from peers import ffmpeg
 
-
-def need(*programs):
-    """Ends the test as skipped if a peer isn't installed."""
-    for program in programs:
-        if shutil.which(program) is None:
-            print(program + " isn't installed")
-            sys.exit(77)
-
-
-def run(command, data=None):
-    result = subprocess.run(command, input=data, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=120)
-    if result.returncode != 0:
-        raise AssertionError(f"{command[0]} failed: {result.stderr.decode(errors='replace')[-2000:]}")
-    return result.stdout
-
-
-def gst(*words):
-    run(["gst-launch-1.0", "-q", *words])
-
-
-class Folder:
-    """A folder that goes with the test."""
-
-    def __enter__(self):
-        self.path = tempfile.mkdtemp()
-        return self
-
-    def __exit__(self, *_):
-        shutil.rmtree(self.path)
-
-    def __call__(self, name):
-        return os.path.join(self.path, name)
-
-    def write(self, name, data):
-        with open(self(name), "wb") as out:
-            out.write(data)
-        return self(name)
+H264, MPEG4, JPEG, MPEG_AUDIO, AUDIO, MP3 = 1, 2, 3, 5, 6, 9
 
 
 def make_video(folder, name, codec_words, frames=30, size="320x240"):
-    path = folder(name)
-    run(FFMPEG + ["-f", "lavfi", "-i", f"testsrc=size={size}:rate=25", "-frames:v", str(frames), *codec_words, path])
-    with open(path, "rb") as clip:
-        return clip.read()
+    ffmpeg("-f", "lavfi", "-i", f"testsrc=size={size}:rate=25", "-frames:v", str(frames), *codec_words, folder(name))
+    return folder.read(name)
 
 
 def make_h264(folder, extra=()):
@@ -63,14 +19,18 @@ def make_h264(folder, extra=()):
     clip = make_video(folder, "clip.h264",
                       ["-c:v", "libx264", "-preset", "veryfast", "-bf", "0", "-g", "10", "-threads", "1", *extra,
                        "-bsf:v", "filter_units=remove_types=6", "-f", "h264"])
-    clip = b"".join(b"\0\0\0\1" + nal for nal in nal_units(clip))
+    clip = b"".join(b"\0\0\0\1" + nal.rstrip(b"\0") for nal in clip.split(b"\0\0\1")[1:])
     folder.write("clip.h264", clip)
     return clip
 
 
-def nal_units(stream):
-    """NAL units of a byte stream, without start codes."""
-    return [nal.rstrip(b"\0") for nal in re.split(b"\0\0\1", stream)[1:]]
+def make_mpeg4(folder, *extra):
+    return make_video(folder, "clip.m4v", ["-c:v", "mpeg4", "-g", "10", *extra, "-f", "m4v"])
+
+
+def make_audio(folder, name, *words):
+    ffmpeg("-f", "lavfi", "-i", "sine=frequency=440:sample_rate=48000", "-t", "2", "-ac", "1", *words, folder(name))
+    return folder.read(name)
 
 
 def pictures(stream, code, is_picture):
@@ -105,13 +65,6 @@ def jpeg_scan(image):
     return scan[:-2] if scan.endswith(b"\xff\xd9") else scan
 
 
-def picture_hashes(path, demuxer=None, stream="v"):
-    """The hash of each decoded picture (or block of samples)."""
-    words = ["-f", demuxer] if demuxer else []
-    text = run(FFMPEG + words + ["-i", path, "-map", "0:" + stream, "-f", "framemd5", "-"]).decode()
-    return [line.split(",")[-1].strip() for line in text.splitlines() if line and not line.startswith("#")]
-
-
 def pack_frames(frames):
     """(letter, milliseconds, bytes) to what our program reads."""
     return b"".join(struct.pack("<cQI", letter, pts, len(data)) + data for letter, pts, data in frames)
@@ -128,8 +81,12 @@ def unpack_frames(data):
     return frames
 
 
+def frame_packets(packets):
+    """RTP packets as a file of RFC 4571."""
+    return b"".join(struct.pack(">H", len(packet)) + packet for packet in packets)
+
+
 def packets_of(framed):
-    """RTP packets of a file of RFC 4571."""
     packets = []
     at = 0
     while at < len(framed):
@@ -137,10 +94,6 @@ def packets_of(framed):
         packets.append(framed[at + 2:at + 2 + size])
         at += 2 + size
     return packets
-
-
-def frame_packets(packets):
-    return b"".join(struct.pack(">H", len(packet)) + packet for packet in packets)
 
 
 def ffmpeg_rtp(words):
@@ -154,10 +107,6 @@ def ffmpeg_rtp(words):
 
 
 def receive_rtp(words):
-    sock = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
-    sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
-    sock.bind(("127.0.0.1", 0))
-    sock.settimeout(0.2)
     packets = []
     done = threading.Event()
 
@@ -169,20 +118,17 @@ def receive_rtp(words):
                 if done.is_set():
                     return
 
-    thread = threading.Thread(target=receive)
-    thread.start()
-    try:
-        # RTCP goes where nobody listens.
-        url = f"rtp://127.0.0.1:{sock.getsockname()[1]}?pkt_size=1200&rtcpport=9"
-        run(FFMPEG + words + ["-f", "rtp", "-payload_type", "96", url])
-    finally:
-        done.set()
-        thread.join()
-        sock.close()
+    with socket.socket(socket.AF_INET, socket.SOCK_DGRAM) as sock:
+        sock.setsockopt(socket.SOL_SOCKET, socket.SO_RCVBUF, 4 << 20)
+        sock.bind(("127.0.0.1", 0))
+        sock.settimeout(0.2)
+        thread = threading.Thread(target=receive)
+        thread.start()
+        try:
+            # RTCP goes where nobody listens.
+            url = f"rtp://127.0.0.1:{sock.getsockname()[1]}?pkt_size=1200&rtcpport=9"
+            ffmpeg(*words, "-f", "rtp", "-payload_type", "96", url)
+        finally:
+            done.set()
+            thread.join()
     return packets
-
-
-def check(condition, what):
-    if not condition:
-        raise AssertionError(what)
-    print("ok: " + what)

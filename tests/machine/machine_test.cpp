@@ -161,6 +161,7 @@ TEST(StateMachine, AwaitedReplyHoldsBackAllElse) {
     owner.result = 1;
     EXPECT_TRUE(owner.Put(RTSP_METHOD_SETUP));
     const uint64_t id = owner.last_id;
+    EXPECT_FALSE(owner.keeper->forget_events());
     EXPECT_TRUE(owner.Put(RTSP_METHOD_OPTIONS));
     EXPECT_TRUE(owner.keeper->put_tx_event(8, "other", 0, 0));
     EXPECT_EQ(Calls{"setup"}, owner.Take());
@@ -457,11 +458,11 @@ TEST(StateMachine, OneRequestAtATimeKeepsTwoPagesResidentAndNoneWhenItIsQuiet) {
 
     ASSERT_EQ(event, machine->GetEvent(STATE_EVENT_TX, 4096, 0));
     std::memset(event->text(), 'x', 4096 - 32);
-    machine->forget_events();
+    EXPECT_FALSE(machine->forget_events());
     EXPECT_EQ('x', event->text()[4000]);  // in flight
     event->length = 0;
     EXPECT_EQ(0, machine->deliver(event));
-    machine->forget_events();
+    EXPECT_TRUE(machine->forget_events());
     EXPECT_EQ(0, resident_pages(event, 10 * 4096));
     machine->destroy();
 }

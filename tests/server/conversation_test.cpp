@@ -82,6 +82,7 @@ TEST_F(Conversation, InterleavedFromOptionsToASecondPlay) {
     reply = client.Ask("PLAY", Url());
     EXPECT_EQ(200, reply.status);
     EXPECT_FALSE(reply.Holds("RTP-Info"));  // nothing to change
+    EXPECT_EQ("Rtsp Server/2.0", reply.Header("Server"));
 
     // The BYE comes before the reply. RFC 3550 6.4.1, 6.5, 6.6: a report, the source's name, and the end.
     client.Send(client.Request("TEARDOWN", Url()));

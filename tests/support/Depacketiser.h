@@ -47,6 +47,17 @@ public:
         return all;
     }
 
+    // Payloads of one frame, the last one with the marker, in packets that number on. The last result.
+    int PutFrame(const std::vector<Bytes>& payloads) {
+        int result = 0;
+        for (const Bytes& payload : payloads) {
+            m_spec.marker = &payload == &payloads.back();
+            result = Put(MakeRtp(m_spec, payload));
+            ++m_spec.sequence;
+        }
+        return result;
+    }
+
     CRtp2Frame& Engine() { return m_rtp2frame; }
     Bytes Last() const { return m_frames.empty() ? Bytes() : m_frames.back(); }
 
@@ -72,6 +83,7 @@ private:
     }
     void OnReserved() override { ADD_FAILURE() << "the third slot was called"; }
 
+    RtpSpec m_spec;
     std::deque<Bytes> m_held;
     CRtp2Frame m_rtp2frame;
 };

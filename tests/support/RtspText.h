@@ -5,6 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "Protocol/RtspParser.h"
+
 namespace Kavio {
 namespace Support {
 
@@ -15,6 +17,16 @@ inline std::string Crlf(const std::string& text) {
         out += c == '\n' ? "\r\n" : std::string(1, c);
     }
     return out;
+}
+
+// Packet kind, transport and the client's ports of a Transport header, as the samples write them.
+inline std::string TransportText(const Vidora::transport_info& t, const Vidora::multicast_info& m) {
+    std::string text = t.packet_kx == 1 ? " KX" : " RTP";
+    text += t.transport == Vidora::RTP_OVER_UDP ? " udp " : " tcp ";
+    if (t.multicast != 0) {
+        text += "multicast " + std::string(m.addr) + " ttl " + std::to_string(m.ttl) + " ";
+    }
+    return text + std::to_string(t.rtp_port) + "-" + std::to_string(t.rtcp_port);
 }
 
 // Messages with what their reader must make of them.

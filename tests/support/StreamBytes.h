@@ -1,6 +1,7 @@
 #ifndef VIDORA_TESTS_SUPPORT_STREAMBYTES_H
 #define VIDORA_TESTS_SUPPORT_STREAMBYTES_H
 
+#include <algorithm>
 #include <cstdint>
 #include <cstdlib>
 #include <string>
@@ -43,44 +44,41 @@ inline Bytes operator+(Bytes left, const Bytes& right) {
     return left;
 }
 
-// What the header of an RTP packet says, true or not.
+// `len` bytes from a place on, as far as there are.
+inline Bytes Part(const Bytes& bytes, size_t from, size_t len = SIZE_MAX) {
+    const auto begin = bytes.begin() + static_cast<long>(std::min(from, bytes.size()));
+    return Bytes(begin, begin + static_cast<long>(std::min<size_t>(len, static_cast<size_t>(bytes.end() - begin))));
+}
+
+// Bytes that run through all values but 0 and 1, so that no start code is among them.
+inline Bytes Ramp(size_t len) {
+    Bytes bytes(len);
+    for (size_t i = 0; i < len; ++i) {
+        bytes[i] = static_cast<uint8_t>(i % 254 + 2);
+    }
+    return bytes;
+}
+
+// What the header of an RTP packet says.
 struct RtpSpec {
     uint16_t sequence = 1;
     uint32_t timestamp = 3600;
     bool marker = false;
     uint8_t payload_type = 96;
     uint32_t ssrc = 0x11223344;
-    int csrc_count = 0;
-    int extension_words = -1;  // -1: no extension
-    int padding = 0;           // 0: no padding bit
 };
 
 inline Bytes MakeRtp(const RtpSpec& spec, const Bytes& payload) {
-    Bytes packet;
-    const auto put = [&packet](uint64_t value, int len) {
+    Bytes packet = {0x80, static_cast<uint8_t>((spec.marker ? 0x80 : 0) | spec.payload_type)};
+    const auto put = [&packet](uint32_t value, int len) {
         for (int shift = 8 * (len - 1); shift >= 0; shift -= 8) {
             packet.push_back(static_cast<uint8_t>(value >> shift));
         }
     };
-    put(0x80u | (spec.padding > 0 ? 0x20u : 0) | (spec.extension_words >= 0 ? 0x10u : 0) |
-            static_cast<unsigned>(spec.csrc_count),
-        1);
-    put((spec.marker ? 0x80u : 0) | spec.payload_type, 1);
     put(spec.sequence, 2);
     put(spec.timestamp, 4);
     put(spec.ssrc, 4);
-    packet.resize(packet.size() + 4 * static_cast<size_t>(spec.csrc_count), 0xCC);
-    if (spec.extension_words >= 0) {
-        put(0xBEDE, 2);
-        put(static_cast<uint64_t>(spec.extension_words), 2);
-        packet.resize(packet.size() + 4 * static_cast<size_t>(spec.extension_words), 0xEE);
-    }
-    packet = packet + payload;
-    if (spec.padding > 0) {
-        packet.resize(packet.size() + static_cast<size_t>(spec.padding) - 1, 0);
-        packet.push_back(static_cast<uint8_t>(spec.padding));
-    }
-    return packet;
+    return packet + payload;
 }
 
 }  // namespace Support

@@ -22,6 +22,9 @@ std::shared_ptr<const LiveClip> load_clip(const LiveOption& option, double fps, 
     const std::string& audio_file = option.audio_file.empty() ? option.video_file : option.audio_file;
     if (!option.audio_file.empty() || HasEnding(audio_file, ".kav")) {
         clip->has_audio = clip->audio.LoadAudio(audio_file, error);
+        if (!clip->has_audio && error.empty() && !option.audio_file.empty()) {
+            error = audio_file + ": holds no audio";
+        }
         if (!clip->has_audio && !error.empty()) {
             return nullptr;
         }
@@ -57,15 +60,17 @@ CStreamSource* Catalog::MakeSource(const char* content) const {
         return new (std::nothrow) LiveSource(live->second);
     }
     std::string error;
-    const std::shared_ptr<const Recording> recording = find_recording(content, error);
+    Interval interval;
+    const std::shared_ptr<const Recording> recording = find_recording(content, interval, error);
     if (!recording) {
         Kavio::Ostra::logWarn("%s: %s\n", content, error.c_str());
         return nullptr;
     }
-    return new (std::nothrow) RecordingSource(recording);
+    return new (std::nothrow) RecordingSource(recording, interval);
 }
 
-std::shared_ptr<const Recording> Catalog::find_recording(const char* content, std::string& error) const {
+std::shared_ptr<const Recording> Catalog::find_recording(const char* content, Interval& interval,
+                                                         std::string& error) const {
     error = "nothing is published under that name";
     CRtspUrlParser parser;
     unsigned int length = static_cast<unsigned int>(std::strlen(content));
@@ -73,7 +78,9 @@ std::shared_ptr<const Recording> Catalog::find_recording(const char* content, st
         return nullptr;
     }
     if (const playback_info* playback = parser.GetPlayback_info()) {
-        return Recording::Find(m_recordings, playback->channel, playback->subtype, playback->start.makeTime(), error);
+        interval.begin_sec = playback->start.makeTime();
+        interval.end_sec = playback->end.makeTime();
+        return Recording::Find(m_recordings, playback->channel, playback->subtype, interval, error);
     }
     const char* name = parser.GetFileName();
     const fs::path path = name == nullptr ? fs::path() : inside(m_recordings, name);

@@ -21,7 +21,7 @@ public:
     bool WriteKav(const std::string& content, const std::string& path, std::string& error) const;
 
 private:
-    std::shared_ptr<const Recording> find_recording(const char* content, std::string& error) const;
+    std::shared_ptr<const Recording> find_recording(const char* content, Interval& interval, std::string& error) const;
 
     std::map<std::string, std::shared_ptr<const LiveClip>> m_live;
     std::string m_recordings;

@@ -2,8 +2,8 @@
 
 #include <algorithm>
 
+#include "AnnexB.h"
 #include "FrameFile.h"
-#include "Vidora/H264Parser.h"
 #include "Vidora/JpegParser.h"
 #include "Vidora/KXFrame.h"
 #include "Vidora/Mpeg4Parser.h"
@@ -15,34 +15,11 @@ using namespace Kavio::Vidora;
 
 namespace {
 
-const unsigned char START_CODE[] = {0, 0, 0, 1};
 const size_t G711_BLOCK = 320;  // 40 ms at 8 kHz
 const double G711_BLOCK_MS = 40.0;
 const int G711_RATE = 8000;
-
-// A NAL unit without its start code.
-struct NalUnit {
-    size_t offset;
-    size_t size;
-};
-
-std::vector<NalUnit> split_nal_units(const std::vector<unsigned char>& bytes) {
-    std::vector<NalUnit> units;
-    size_t at = find_start_code3(bytes.data(), bytes.size());
-    while (at != NO_START_CODE) {
-        const size_t begin = at + 3;
-        at = find_start_code3(bytes.data(), bytes.size(), begin);
-        size_t end = at == NO_START_CODE ? bytes.size() : at;
-        // Zeros in front of the next start code belong to it (ISO 14496-10 B.1), not to the unit.
-        while (end > begin && bytes[end - 1] == 0) {
-            --end;
-        }
-        if (end > begin) {
-            units.push_back(NalUnit{begin, end - begin});
-        }
-    }
-    return units;
-}
+const int MAX_JPEG_SIDE = 2040;  // RFC 2435 3.1.5: eight bits count eights
+const char B_PICTURES[] = "has B pictures, whose order of time stamps a raw stream does not tell: encode without them";
 
 // An MPEG audio frame header (ISO 11172-3 2.4.1.3), layer II.
 struct AudioHeader {
@@ -70,11 +47,31 @@ bool read_audio_header(const unsigned char* data, size_t size, AudioHeader& head
     return header.size <= size;
 }
 
+// By the coding type, the first two bits behind a VOP's start code (ISO 14496-2 6.3.5).
+int vop_letter(unsigned char byte) {
+    return "IPBP"[byte >> 6];
+}
+
+// Why RFC 2435, as the packetiser fills it, can't carry an image; null if it can.
+const char* why_not_sent(const JpegImage& image) {
+    if (!image.is_420) {
+        return "has pictures that are not baseline 4:2:0, which RTP needs: encode with that sampling (FFmpeg: -pix_fmt "
+               "yuvj420p)";
+    }
+    if (!image.standard_huffman) {
+        return "has pictures with Huffman tables of their own, which RTP does not carry: encode with the standard ones "
+               "(FFmpeg: -huffman default)";
+    }
+    if (image.width % 8 != 0 || image.height % 8 != 0 || image.width > MAX_JPEG_SIDE || image.height > MAX_JPEG_SIDE) {
+        return "has pictures of a size that RTP cannot tell: sides are multiples of 8 up to 2040";
+    }
+    return nullptr;
+}
+
 }  // namespace
 
 bool Clip::LoadVideo(const std::string& path, double fps, std::string& error) {
-    if (!ReadFile(path, m_bytes)) {
-        error = path + ": cannot be read";
+    if (!ReadFile(path, m_bytes, error)) {
         return false;
     }
     const struct {
@@ -85,7 +82,7 @@ bool Clip::LoadVideo(const std::string& path, double fps, std::string& error) {
     if (HasEnding(path, ".kav")) {
         done = cut_kav(false, error);
     } else {
-        error = "no .h264, .m4v, .mjpeg or .kav file";
+        error = "is no .h264, .m4v, .mjpeg or .kav file";
         for (const auto& kind : kinds) {
             if (HasEnding(path, kind.ending)) {
                 error.clear();
@@ -110,8 +107,7 @@ bool Clip::LoadVideo(const std::string& path, double fps, std::string& error) {
 }
 
 bool Clip::LoadAudio(const std::string& path, std::string& error) {
-    if (!ReadFile(path, m_bytes)) {
-        error = path + ": cannot be read";
+    if (!ReadFile(path, m_bytes, error)) {
         return false;
     }
     bool done = false;
@@ -127,7 +123,7 @@ bool Clip::LoadAudio(const std::string& path, std::string& error) {
         }
         done = true;
     } else {
-        error = "no .alaw, .ulaw or .mp2 file";
+        error = "is no .alaw, .ulaw, .mp2 or .kav file";
     }
     if (done && m_units.empty()) {
         error = "holds no audio";
@@ -154,68 +150,44 @@ void Clip::set_frame_times(double fps) {
     m_duration_ms = static_cast<double>(m_units.size()) * 1000.0 / fps;
 }
 
-// Every NAL unit goes behind a four-byte start code: the packetiser doesn't see three-byte ones. Access units end where
-// a slice begins a new picture, or a parameter set, SEI or delimiter follows a slice (ISO 14496-10 7.4.1.2.3).
+// Every NAL unit goes behind a four-byte start code. With one slice a picture an access unit ends behind its slice (ISO
+// 14496-10 7.4.1.2.3).
 bool Clip::cut_h264(std::string& error) {
     const std::vector<unsigned char> source = std::move(m_bytes);
     m_bytes.clear();
+    H264Sps sps;
+    bool has_pps = false;
     size_t unit_begin = 0;
-    bool has_slice = false;
-    bool is_key = false;
-    const auto end_unit = [&]() {
-        if (has_slice) {
-            add_unit(unit_begin, m_bytes.size() - unit_begin, is_key ? 'I' : 'P');
-            unit_begin = m_bytes.size();
-            has_slice = false;
-            is_key = false;
+    for (const NalUnit& nal : SplitNalUnits(source.data(), source.size())) {
+        const int type = h264_nal_type(nal.data[0]);
+        if (type == H264_NAL_SPS && h264_parse_sps(nal.data, nal.size, sps) && m_video.width == 0) {
+            m_video.width = static_cast<int32_t>(sps.width);
+            m_video.height = static_cast<int32_t>(sps.height);
         }
-    };
-    for (const NalUnit& nal : split_nal_units(source)) {
-        const unsigned char* data = source.data() + nal.offset;
-        const int type = h264_nal_type(data[0]);
-        const bool is_slice = type >= H264_NAL_SLICE && type <= H264_NAL_IDR;
+        has_pps = has_pps || type == H264_NAL_PPS;
         H264Slice slice;
-        if (is_slice && type != H264_NAL_SLICE && type != H264_NAL_IDR) {
-            error = "has data partitions, which cannot be sent";
+        if (const char* why = WhyNotSent(nal, sps, slice)) {
+            error = why;
             return false;
         }
-        if (is_slice && !h264_parse_slice_type(data + 1, nal.size - 1, slice)) {
-            error = "has a damaged slice";
+        AppendNalUnit(m_bytes, nal);
+        if (!IsSlice(nal)) {
+            continue;
+        }
+        if (m_video.width == 0 || !has_pps) {
+            error = "has no parameter sets in front of its first picture";
             return false;
         }
-        if (is_slice && slice.first_mb != 0) {
-            error =
-                "has several slices in a picture; only the first would be sent whole: encode with one slice a picture";
+        if (slice.slice_type % 5 == 1) {
+            error = B_PICTURES;
             return false;
         }
-        end_unit();
-        if (type == H264_NAL_SPS && m_specific_info.empty()) {
-            H264Sps sps;
-            if (h264_parse_sps(data, nal.size, sps)) {
-                m_video.width = static_cast<int32_t>(sps.width);
-                m_video.height = static_cast<int32_t>(sps.height);
-            }
-        }
-        if (m_units.empty() && (type == H264_NAL_SPS || type == H264_NAL_PPS)) {
-            m_specific_info.append(reinterpret_cast<const char*>(START_CODE), sizeof(START_CODE));
-            m_specific_info.append(reinterpret_cast<const char*>(data), nal.size);
-        }
-        m_bytes.insert(m_bytes.end(), START_CODE, START_CODE + sizeof(START_CODE));
-        m_bytes.insert(m_bytes.end(), data, data + nal.size);
-        if (is_slice) {
-            if (slice.slice_type % 5 == 1) {
-                error = "has B pictures, whose order of time stamps a raw stream does not tell: encode without them";
-                return false;
-            }
-            has_slice = true;
-            is_key = type == H264_NAL_IDR;
-        }
+        add_unit(unit_begin, m_bytes.size() - unit_begin, type == H264_NAL_IDR ? 'I' : 'P');
+        unit_begin = m_bytes.size();
     }
-    end_unit();
     m_video.encode_type = STREAM_VIDEO_H264;
-    if (m_specific_info.empty()) {
-        error = "has no parameter sets in front of its first picture";
-        return false;
+    if (!m_units.empty()) {
+        m_specific_info = FindSpecificInfo(m_bytes.data(), m_units.front().size, STREAM_VIDEO_H264);
     }
     return true;
 }
@@ -229,7 +201,7 @@ bool Clip::cut_mpeg4(std::string& error) {
     for (size_t at = find_start_code3(data, size); at != NO_START_CODE && at + 4 < size;
          at = find_start_code3(data, size, at + 3)) {
         if (vop != NO_START_CODE) {
-            add_unit(unit_begin, at - unit_begin, data[vop + 4] >> 6 == 0 ? 'I' : data[vop + 4] >> 6 == 2 ? 'B' : 'P');
+            add_unit(unit_begin, at - unit_begin, vop_letter(data[vop + 4]));
             unit_begin = at;
             vop = NO_START_CODE;
         }
@@ -241,7 +213,7 @@ bool Clip::cut_mpeg4(std::string& error) {
         }
     }
     if (vop != NO_START_CODE) {
-        add_unit(unit_begin, size - unit_begin, data[vop + 4] >> 6 == 0 ? 'I' : 'P');
+        add_unit(unit_begin, size - unit_begin, vop_letter(data[vop + 4]));
     }
     Mpeg4Vol vol;
     if (!mpeg4_parse_vol(data, size, vol)) {
@@ -249,7 +221,7 @@ bool Clip::cut_mpeg4(std::string& error) {
         return false;
     }
     if (std::any_of(m_units.begin(), m_units.end(), [](const ClipUnit& unit) { return unit.letter == 'B'; })) {
-        error = "has B pictures, whose order of time stamps a raw stream does not tell: encode without them";
+        error = B_PICTURES;
         return false;
     }
     m_video.width = static_cast<int32_t>(vol.width);
@@ -274,6 +246,10 @@ bool Clip::cut_mjpeg(std::string& error) {
             error = "has a picture that cannot be sent as RFC 2435 says";
             return false;
         }
+        if (const char* why = why_not_sent(image)) {
+            error = why;
+            return false;
+        }
         m_video.width = image.width;
         m_video.height = image.height;
         add_unit(at, next - at, 'I');  // each picture is a key frame
@@ -284,39 +260,75 @@ bool Clip::cut_mjpeg(std::string& error) {
 }
 
 bool Clip::cut_kav(bool audio, std::string& error) {
+    const std::vector<unsigned char> source = std::move(m_bytes);
+    m_bytes.clear();
     std::vector<FrameEntry> entries;
-    ScanFrames(m_bytes.data(), m_bytes.size(), entries);
-    bool begun = false;
+    ScanFrames(source.data(), source.size(), entries);
     for (const FrameEntry& entry : entries) {
         const bool wanted =
             audio ? entry.letter == 'A' : entry.letter == 'I' || entry.letter == 'P' || entry.letter == 'B';
-        if (!wanted || (!begun && !audio && entry.letter != 'I')) {
+        if (!wanted || (m_units.empty() && !audio && entry.letter != 'I')) {
             continue;
         }
-        if (!begun && !audio) {
-            m_video.width = entry.width;
-            m_video.height = entry.height;
-            m_video.encode_type = entry.encode_code;
-            m_video.frame_rate = entry.frame_rate == 0 ? 25 : entry.frame_rate;
-            m_specific_info = FindSpecificInfo(m_bytes.data() + entry.body_offset, entry.body_size, entry.encode_code);
+        if (m_units.empty()) {
+            take_kav_format(entry);
         }
-        if (!begun && audio) {
-            m_audio.encode_type = entry.encode_code;
-            m_audio.sample_rate = entry.sample_rate;
+        const size_t offset = m_bytes.size();
+        const char* why =
+            append_body(source.data() + entry.body_offset, entry.body_size, audio ? 0 : m_video.encode_type);
+        if (why != nullptr) {
+            error = why;
+            return false;
         }
-        begun = true;
-        add_unit(entry.body_offset, entry.body_size, entry.letter);
+        add_unit(offset, m_bytes.size() - offset, entry.letter);
         m_units.back().time_ms = static_cast<double>(entry.time_ms);
     }
     if (m_units.empty()) {
         error = audio ? "" : "holds no video";
         return audio;
     }
-    // The last frame lasts as long as the mean of the others.
-    const double span = m_units.back().time_ms - m_units.front().time_ms;
+    if (!audio) {
+        m_specific_info = FindSpecificInfo(m_bytes.data(), m_units.front().size, m_video.encode_type);
+        if (m_specific_info.empty() && m_video.encode_type == STREAM_VIDEO_H264) {
+            error = "has no parameter sets in its first key frame";
+            return false;
+        }
+    }
+    // The last frame lasts as long as the mean of the others. B pictures stand behind the picture that they precede.
+    const auto last = std::max_element(m_units.begin(), m_units.end(), [](const ClipUnit& left, const ClipUnit& right) {
+        return left.time_ms < right.time_ms;
+    });
+    const double span = last->time_ms - m_units.front().time_ms;
     const double mean = m_units.size() > 1 ? span / static_cast<double>(m_units.size() - 1) : 40.0;
-    m_duration_ms = m_units.back().time_ms + mean;
+    m_duration_ms = last->time_ms + mean;
     return true;
+}
+
+void Clip::take_kav_format(const FrameEntry& first) {
+    if (first.letter == 'A') {
+        m_audio.encode_type = first.encode_code;
+        m_audio.sample_rate = first.sample_rate;
+        return;
+    }
+    m_video.width = first.width;
+    m_video.height = first.height;
+    m_video.encode_type = first.encode_code;
+    m_video.frame_rate = first.frame_rate == 0 ? 25 : first.frame_rate;
+}
+
+// A recording comes from elsewhere, so its pictures are looked at as those of a raw stream are. Gives why one can't be
+// sent, or null.
+const char* Clip::append_body(const unsigned char* body, size_t size, int video_encode_type) {
+    if (video_encode_type == STREAM_VIDEO_H264) {
+        const char* why = WhyNotSent(body, size);
+        for (const NalUnit& nal : SplitNalUnits(body, size)) {
+            AppendNalUnit(m_bytes, nal);
+        }
+        return why;
+    }
+    m_bytes.insert(m_bytes.end(), body, body + size);
+    JpegImage image;
+    return video_encode_type == STREAM_VIDEO_JPEG && jpeg_parse(body, size, image) ? why_not_sent(image) : nullptr;
 }
 
 bool Clip::cut_g711(int encode_type) {
@@ -360,14 +372,14 @@ std::string FindSpecificInfo(const unsigned char* body, size_t size, int encode_
         }
     }
     if (encode_type == STREAM_VIDEO_H264) {
-        const std::vector<unsigned char> bytes(body, body + size);
-        for (const NalUnit& nal : split_nal_units(bytes)) {
-            const int type = h264_nal_type(bytes[nal.offset]);
+        std::vector<unsigned char> sets;
+        for (const NalUnit& nal : SplitNalUnits(body, size)) {
+            const int type = h264_nal_type(nal.data[0]);
             if (type == H264_NAL_SPS || type == H264_NAL_PPS) {
-                info.append(reinterpret_cast<const char*>(START_CODE), sizeof(START_CODE));
-                info.append(reinterpret_cast<const char*>(bytes.data() + nal.offset), nal.size);
+                AppendNalUnit(sets, nal);
             }
         }
+        info.assign(sets.begin(), sets.end());
     }
     return info;
 }

@@ -7,6 +7,8 @@
 
 #include "Vidora/StreamSource.h"
 
+struct FrameEntry;
+
 // One access unit of a clip, ready to go into a private frame.
 struct ClipUnit {
     size_t offset = 0;  // in the clip's bytes
@@ -43,6 +45,8 @@ private:
     bool cut_mpeg4(std::string& error);
     bool cut_mjpeg(std::string& error);
     bool cut_kav(bool audio, std::string& error);
+    void take_kav_format(const FrameEntry& first);
+    const char* append_body(const unsigned char* body, size_t size, int video_encode_type);
     bool cut_g711(int encode_type);
     bool cut_mpeg_audio(std::string& error);
     void add_unit(size_t offset, size_t size, int letter);

@@ -3,8 +3,10 @@
 #include <strings.h>
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
 #include <cstring>
+#include <filesystem>
 #include <fstream>
 #include <iterator>
 
@@ -97,13 +99,20 @@ int64_t step_ms(uint16_t stamp, uint16_t last_stamp, uint64_t utc, uint64_t last
 
 }  // namespace
 
-bool ReadFile(const std::string& path, std::vector<unsigned char>& bytes) {
+bool ReadFile(const std::string& path, std::vector<unsigned char>& bytes, std::string& error) {
+    std::error_code code;
+    const bool is_folder = std::filesystem::is_directory(path, code);
+    errno = 0;
     std::ifstream file(path, std::ios::binary);
-    if (!file) {
+    if (is_folder || !file) {
+        error = path + ": cannot be read: " + (is_folder ? "it is a folder" : std::strerror(errno));
         return false;
     }
     bytes.assign(std::istreambuf_iterator<char>(file), std::istreambuf_iterator<char>());
-    return !file.bad();
+    if (bytes.empty()) {
+        error = path + ": is empty";
+    }
+    return !bytes.empty();
 }
 
 bool HasEnding(const std::string& path, const char* ending) {

@@ -6,8 +6,8 @@
 #include <string>
 #include <vector>
 
-// Reads a whole file. False if it can't be read.
-bool ReadFile(const std::string& path, std::vector<unsigned char>& bytes);
+// Reads a whole file. False, with `error` saying why, if it can't be read or is empty.
+bool ReadFile(const std::string& path, std::vector<unsigned char>& bytes, std::string& error);
 // Does `path` end in `ending`, in any case?
 bool HasEnding(const std::string& path, const char* ending);
 

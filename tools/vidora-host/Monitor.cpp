@@ -2,7 +2,6 @@
 
 #include <cinttypes>
 #include <cstdio>
-#include <string>
 
 #include "Vidora/Ostra/Time.h"
 
@@ -17,6 +16,18 @@ std::string time_text() {
 }
 
 }  // namespace
+
+void Monitor::Listening(const std::string& ip, int port) {
+    const std::string host = ip.find(':') == std::string::npos ? ip : "[" + ip + "]";
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    if (m_json) {
+        std::printf("{\"time\":\"%s\",\"event\":\"listening on\",\"address\":\"%s:%d\"}\n", time_text().c_str(),
+                    host.c_str(), port);
+    } else {
+        std::printf("listening on %s:%d\n", host.c_str(), port);
+    }
+    std::fflush(stdout);
+}
 
 void Monitor::PrintFigures(double seconds) {
     RtspSvrStatistics now;

@@ -2,6 +2,7 @@
 #define VIDORA_HOST_MONITOR_H
 
 #include <mutex>
+#include <string>
 
 #include "Vidora/RtspSvr.h"
 #include "Vidora/RtspSvrConfig.h"
@@ -13,6 +14,8 @@ class Monitor {
 public:
     explicit Monitor(bool json) : m_json(json) {}
 
+    // Tells that clients can come.
+    void Listening(const std::string& ip, int port);
     // Prints the figures of the last `seconds`.
     void PrintFigures(double seconds);
     // Prints an event of the server.

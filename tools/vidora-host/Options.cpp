@@ -1,6 +1,7 @@
 #include "Options.h"
 
 #include <CLI/CLI.hpp>
+#include <algorithm>
 
 namespace {
 
@@ -96,6 +97,26 @@ void parse_ports(const std::string& text, Options& options) {
     options.max_rtp_port = max_port;
 }
 
+bool is_live(const Options& options, const std::string& content) {
+    return std::any_of(options.live.begin(), options.live.end(),
+                       [&](const LiveOption& live) { return live.content == content; });
+}
+
+// Each content is published once, and what goes to a group is published.
+void check_contents(const Options& options) {
+    for (const LiveOption& live : options.live) {
+        const auto same = [&](const LiveOption& other) { return other.content == live.content; };
+        if (std::count_if(options.live.begin(), options.live.end(), same) > 1) {
+            throw CLI::ValidationError("--live", "publishes " + live.content + " twice");
+        }
+    }
+    for (const MulticastOption& multicast : options.multicast) {
+        if (!is_live(options, multicast.content)) {
+            throw CLI::ValidationError("--multicast", "sends " + multicast.content + ", which no --live publishes");
+        }
+    }
+}
+
 }  // namespace
 
 bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
@@ -107,30 +128,42 @@ bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
     std::string ports;
     app.add_option("--listen", listen, "ADDR:PORT to listen on, repeatable (default [::]:8554)")
         ->allow_extra_args(false);
-    app.add_option("--threads", options.threads, "threads of the reactor")->check(CLI::Range(1, 256));
+    app.add_option("--threads", options.threads, "threads of the reactor")
+        ->check(CLI::Range(1, 256))
+        ->capture_default_str();
     app.add_option("--timeout", options.timeout_sec, "seconds of silence after which a session ends, 0 for never")
-        ->check(CLI::Range(0, 86400));
+        ->check(CLI::Range(0, 86400))
+        ->capture_default_str();
     app.add_option("--rtp-ports", ports, "MIN-MAX, local ports for UDP media (default 20000-40000)");
     app.add_option("--dscp", options.dscp, "DSCP value of UDP media, 0 for none")->check(CLI::Range(0, 63));
     app.add_option("--live", live,
                    "CONTENT=FILE[,AUDIOFILE], repeatable: FILE (.h264 .m4v .mjpeg .kav) with AUDIOFILE (.alaw .ulaw "
                    ".mp2) in a loop in real time")
         ->allow_extra_args(false);
-    app.add_option("--fps", options.fps, "frame rate of .h264, .m4v and .mjpeg files")->check(CLI::Range(0.1, 240.0));
-    app.add_option("--recordings", options.recordings, "folder of NAME.kav files to serve")
+    app.add_option("--fps", options.fps, "frame rate of .h264, .m4v and .mjpeg files")
+        ->check(CLI::Range(0.1, 240.0))
+        ->capture_default_str();
+    app.add_option("--recordings", options.recordings,
+                   "folder of recordings: NAME.kav is served as NAME.kav, C_S_*.kav also as "
+                   "cam/playback?channel=C&subtype=S&starttime=T&endtime=T, T being UTC as 2020_09_13_12_26_40")
         ->check(CLI::ExistingDirectory);
     app.add_option("--user", users, "NAME:PASSWORD, repeatable: asks every client for Digest or Basic authentication")
         ->allow_extra_args(false);
-    app.add_option("--realm", options.realm, "realm of the authentication");
+    app.add_option("--realm", options.realm, "realm of the authentication")->capture_default_str();
     app.add_option("--nonce-lifetime", options.nonce_sec, "seconds that a nonce is good for")
-        ->check(CLI::Range(1, 86400));
-    app.add_option("--multicast", multicast, "CONTENT=GROUP:PORT[,rtp|ts], repeatable: sends a live stream to a group")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+    app.add_option(
+           "--multicast", multicast,
+           "CONTENT=GROUP:PORT[,rtp|ts], repeatable: sends a live stream to a group (default rtp); its content is "
+           "then served by multicast only")
         ->allow_extra_args(false);
     app.add_option("--multicast-if", options.multicast_if, "address of the interface that multicast leaves by");
     app.add_option("--stats", options.stats_sec, "prints figures every SECONDS")->check(CLI::Range(0, 86400));
     app.add_flag("--json", options.json, "prints figures and events as JSON");
-    app.add_option("--log", options.log_level, "error, warn, info, debug or trace")
-        ->check(CLI::IsMember({"error", "warn", "info", "debug", "trace"}));
+    app.add_option("--log", options.log_level, "what is logged")
+        ->check(CLI::IsMember({"error", "warn", "info", "debug", "trace"}))
+        ->capture_default_str();
     app.add_option("--make-kav", options.make_kav, "writes the stream of the one --live option to this file and ends");
     try {
         app.parse(argc, argv);
@@ -149,6 +182,7 @@ bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
         if (!ports.empty()) {
             parse_ports(ports, options);
         }
+        check_contents(options);
         if (!options.make_kav.empty() && options.live.size() != 1) {
             throw CLI::ValidationError("--make-kav", "wants exactly one --live");
         }

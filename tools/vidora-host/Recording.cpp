@@ -10,7 +10,10 @@
 #include <map>
 #include <mutex>
 
+#include "AnnexB.h"
 #include "Clip.h"
+
+using namespace Kavio::Vidora;
 
 namespace {
 
@@ -67,21 +70,26 @@ std::shared_ptr<const Recording> Recording::Open(const std::string& path, std::s
     return recording;
 }
 
-std::shared_ptr<const Recording> Recording::Find(const std::string& dir, int channel, int subtype, uint64_t start_sec,
-                                                 std::string& error) {
+std::shared_ptr<const Recording> Recording::Find(const std::string& dir, int channel, int subtype,
+                                                 const Interval& interval, std::string& error) {
+    // The files that can't be read are passed over.
     const std::string prefix = std::to_string(channel) + "_" + std::to_string(subtype) + "_";
     std::vector<std::string> names;
     std::error_code code;
-    for (const auto& entry : std::filesystem::directory_iterator(dir, code)) {
-        const std::string name = entry.path().filename().string();
+    const auto options = std::filesystem::directory_options::skip_permission_denied;
+    std::filesystem::recursive_directory_iterator entry(dir, options, code);
+    for (; !code && entry != std::filesystem::recursive_directory_iterator(); entry.increment(code)) {
+        const std::string name = entry->path().filename().string();
         if (name.compare(0, prefix.size(), prefix) == 0 && HasEnding(name, ".kav")) {
-            names.push_back(entry.path().string());
+            names.push_back(entry->path().string());
         }
     }
     std::shared_ptr<const Recording> best;
     for (const std::string& name : names) {
         const std::shared_ptr<const Recording> recording = Open(name, error);
-        if (recording && recording->EndSec() > start_sec && (!best || recording->BeginSec() < best->BeginSec())) {
+        const bool fits = recording && recording->EndSec() > interval.begin_sec &&
+                          (interval.end_sec == 0 || recording->BeginSec() <= interval.end_sec);
+        if (fits && (!best || recording->BeginSec() < best->BeginSec())) {
             best = recording;
         }
     }
@@ -93,30 +101,26 @@ std::shared_ptr<const Recording> Recording::Find(const std::string& dir, int cha
 }
 
 Recording::~Recording() {
-    if (m_data != nullptr) {
-        munmap(const_cast<unsigned char*>(m_data), m_size);
+    if (m_fd >= 0) {
+        close(m_fd);
     }
 }
 
 bool Recording::load(const std::string& path, std::string& error) {
-    const int fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
     struct stat info = {};
-    if (fd < 0 || fstat(fd, &info) != 0 || info.st_size <= 0) {
+    if (m_fd < 0 || fstat(m_fd, &info) != 0 || info.st_size <= 0) {
         error = path + ": cannot be read";
-        if (fd >= 0) {
-            close(fd);
-        }
         return false;
     }
-    m_size = static_cast<size_t>(info.st_size);
-    void* data = mmap(nullptr, m_size, PROT_READ, MAP_PRIVATE, fd, 0);
-    close(fd);
+    const size_t size = static_cast<size_t>(info.st_size);
+    void* data = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, m_fd, 0);
     if (data == MAP_FAILED) {
         error = path + ": cannot be mapped";
         return false;
     }
-    m_data = static_cast<const unsigned char*>(data);
-    ScanFrames(m_data, m_size, m_frames);
+    ScanFrames(static_cast<const unsigned char*>(data), size, m_frames);
+    munmap(data, size);
     m_frames.erase(std::remove_if(m_frames.begin(), m_frames.end(),
                                   [](const FrameEntry& entry) { return entry.letter == 'W' || entry.letter == 0; }),
                    m_frames.end());
@@ -126,11 +130,22 @@ bool Recording::load(const std::string& path, std::string& error) {
         error = path + ": holds no key frame";
         return false;
     }
+    std::vector<unsigned char> picture;
+    if (!ReadBody(*key, picture)) {
+        error = path + ": cannot be read";
+        return false;
+    }
+    if (key->encode_code == STREAM_VIDEO_H264) {
+        if (const char* why = WhyNotSent(picture.data(), picture.size())) {
+            error = path + ": " + why;
+            return false;
+        }
+    }
     m_video.width = key->width;
     m_video.height = key->height;
     m_video.encode_type = key->encode_code;
     m_video.frame_rate = key->frame_rate;
-    m_specific_info = FindSpecificInfo(m_data + key->body_offset, key->body_size, key->encode_code);
+    m_specific_info = FindSpecificInfo(picture.data(), picture.size(), key->encode_code);
     const auto sound =
         std::find_if(m_frames.begin(), m_frames.end(), [](const FrameEntry& entry) { return entry.letter == 'A'; });
     if (sound != m_frames.end()) {
@@ -140,12 +155,15 @@ bool Recording::load(const std::string& path, std::string& error) {
     return true;
 }
 
+bool Recording::ReadBody(const FrameEntry& frame, std::vector<unsigned char>& body) const {
+    body.resize(frame.body_size);
+    return pread(m_fd, body.data(), body.size(), static_cast<off_t>(frame.body_offset)) ==
+           static_cast<ssize_t>(body.size());
+}
+
 uint64_t Recording::BeginSec() const {
     return m_frames.front().utc_sec;
 }
 uint64_t Recording::EndSec() const {
     return m_frames.back().utc_sec + 1;
-}
-uint64_t Recording::DurationMs() const {
-    return m_frames.back().time_ms;
 }

@@ -5,6 +5,7 @@
 #include <cstring>
 #include <utility>
 
+#include "AnnexB.h"
 #include "FrameMaker.h"
 
 using namespace Kavio::Vidora;
@@ -18,7 +19,16 @@ const float MAX_FULL_SPEED = 4.0F;
 
 }  // namespace
 
-RecordingSource::RecordingSource(std::shared_ptr<const Recording> recording) : m_recording(std::move(recording)) {}
+RecordingSource::RecordingSource(std::shared_ptr<const Recording> recording, const Interval& interval)
+    : m_recording(std::move(recording)), m_last(static_cast<long>(m_recording->Frames().size()) - 1) {
+    if (interval.begin_sec > m_recording->BeginSec()) {
+        m_first = find_key_frame(interval.begin_sec);
+    }
+    while (interval.end_sec != 0 && m_last > m_first && frame(m_last).utc_sec > interval.end_sec) {
+        --m_last;
+    }
+    m_index = m_first;
+}
 
 int RecordingSource::Init(long receiver_id, int) {
     m_receiver_id = receiver_id;
@@ -91,19 +101,23 @@ bool RecordingSource::GetSpeed(float& speed) {
     return true;
 }
 
-// The next frame is the first key frame of that second or a later one: pictures in front of it would have nothing to
-// refer to. Behind the last key frame it is that one.
-bool RecordingSource::SeekByTime(const CTime& time) {
-    const std::vector<FrameEntry>& frames = m_recording->Frames();
-    long target = -1;
-    for (size_t i = 0; i < frames.size(); ++i) {
-        if (frames[i].letter == FRAME_TYPE_I) {
-            target = static_cast<long>(i);
-            if (frames[i].utc_sec >= time.makeTime()) {
+// The first key frame of that second or a later one: pictures in front of it would have nothing to refer to. Behind the
+// last key frame it is that one.
+long RecordingSource::find_key_frame(uint64_t utc_sec) const {
+    long found = m_first;
+    for (long i = m_first; i <= m_last; ++i) {
+        if (frame(i).letter == FRAME_TYPE_I) {
+            found = i;
+            if (frame(i).utc_sec >= utc_sec) {
                 break;
             }
         }
     }
+    return found;
+}
+
+bool RecordingSource::SeekByTime(const CTime& time) {
+    const long target = find_key_frame(time.makeTime());
     {
         const std::lock_guard<std::mutex> guard(m_mutex);
         m_index = target;
@@ -116,20 +130,18 @@ bool RecordingSource::SeekByTime(const CTime& time) {
 
 bool RecordingSource::GetTime(CTime& time) {
     const std::lock_guard<std::mutex> guard(m_mutex);
-    const long last = static_cast<long>(m_recording->Frames().size()) - 1;
-    const long index = std::min(std::max(m_index, 0L), last);
-    time = CTime(m_recording->Frames()[static_cast<size_t>(index)].utc_sec);
+    time = CTime(frame(std::min(std::max(m_index, m_first), m_last)).utc_sec);
     return true;
 }
 
 bool RecordingSource::GetFileRange(CTime& begin, CTime& end) {
-    begin = CTime(m_recording->BeginSec());
-    end = CTime(m_recording->EndSec());
+    begin = CTime(frame(m_first).utc_sec);
+    end = CTime(frame(m_last).utc_sec + 1);  // the second behind the last frame
     return true;
 }
 
 bool RecordingSource::GetFileRange(uint64_t& length_us) {
-    length_us = m_recording->DurationMs() * 1000;
+    length_us = (std::max(frame(m_last).time_ms, frame(m_first).time_ms) - frame(m_first).time_ms) * 1000;
     return true;
 }
 
@@ -145,7 +157,7 @@ int RecordingSource::handle_close(CNetHandler*) {
 }
 
 bool RecordingSource::is_at_end_locked() const {
-    return m_index < 0 || m_index >= static_cast<long>(m_recording->Frames().size());
+    return m_index < m_first || m_index > m_last;
 }
 
 bool RecordingSource::is_sent_locked(const FrameEntry& entry) const {
@@ -157,7 +169,7 @@ bool RecordingSource::is_sent_locked(const FrameEntry& entry) const {
 
 void RecordingSource::skip_unsent_locked() {
     const long direction = m_speed < 0.0F ? -1 : 1;
-    while (!is_at_end_locked() && !is_sent_locked(m_recording->Frames()[static_cast<size_t>(m_index)])) {
+    while (!is_at_end_locked() && !is_sent_locked(frame(m_index))) {
         m_index += direction;
     }
 }
@@ -166,7 +178,7 @@ void RecordingSource::skip_unsent_locked() {
 void RecordingSource::set_anchor_locked(Clock::time_point now) {
     m_anchor_time = now;
     if (!is_at_end_locked()) {
-        m_anchor_ms = static_cast<double>(m_recording->Frames()[static_cast<size_t>(m_index)].time_ms);
+        m_anchor_ms = static_cast<double>(frame(m_index).time_ms);
     }
 }
 
@@ -187,25 +199,22 @@ RecordingSource::Clock::time_point RecordingSource::step(Clock::time_point now) 
         if (is_at_end_locked()) {
             if (!m_ended) {
                 m_ended = true;
-                const FrameEntry last = m_recording->Frames().back();
                 const double pts_ms = m_last_pts_ms + 1.0;
                 lock.unlock();
-                give(last, pts_ms, true);
-                return far_away;
+                give(frame(m_last), pts_ms, true);
             }
             return far_away;
         }
-        const FrameEntry entry = m_recording->Frames()[static_cast<size_t>(m_index)];
+        const FrameEntry& entry = frame(m_index);
         const double due_ms = play_ms_locked(entry);
         const Clock::time_point due = m_begin + duration_cast<Clock::duration>(duration<double, std::milli>(due_ms));
         if (due > now) {
             return due;
         }
         m_index += m_speed < 0.0F ? -1 : 1;
-        m_last_pts_ms = std::max(due_ms, m_last_pts_ms);
-        const double pts_ms = m_last_pts_ms;
+        m_last_pts_ms = due_ms;
         lock.unlock();
-        give(entry, pts_ms, false);
+        give(entry, due_ms, false);
         lock.lock();
     }
 }
@@ -218,12 +227,22 @@ void RecordingSource::give(const FrameEntry& entry, double pts_ms, bool is_end) 
     facts.sequence = m_sequence[is_audio ? 1 : 0]++;
     facts.pts_ms = static_cast<uint64_t>(std::max(pts_ms, 0.0) + 1.5);  // above 0, which would mean "no time yet"
     facts.utc = static_cast<double>(entry.utc_sec);
-    const unsigned char* body = m_recording->Data() + entry.body_offset;
-    const Kavio::Flumen::CMediaFrame frame =
-        is_audio ? MakeAudioFrame(facts, m_recording->AudioFormat(), body, entry.body_size)
-                 : MakeVideoFrame(facts, m_recording->VideoFormat(), body, entry.body_size);
-    if (frame.valid()) {
+    if (!m_recording->ReadBody(entry, m_body) && !is_end) {
+        return;
+    }
+    if (!is_audio && m_recording->VideoFormat().encode_type == STREAM_VIDEO_H264 &&
+        HasShortStartCode(m_body.data(), m_body.size())) {
+        m_short_body.swap(m_body);
+        m_body.clear();
+        for (const NalUnit& nal : SplitNalUnits(m_short_body.data(), m_short_body.size())) {
+            AppendNalUnit(m_body, nal);
+        }
+    }
+    const Kavio::Flumen::CMediaFrame media =
+        is_audio ? MakeAudioFrame(facts, m_recording->AudioFormat(), m_body.data(), m_body.size())
+                 : MakeVideoFrame(facts, m_recording->VideoFormat(), m_body.data(), m_body.size());
+    if (media.valid()) {
         m_packet_state = is_end ? 1 : 0;
-        m_proc(frame);
+        m_proc(media);
     }
 }

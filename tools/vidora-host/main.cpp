@@ -56,11 +56,13 @@ void set_log_level(const std::string& name) {
 void fill_config(const Options& options, CRtspSvrConfig& config) {
     const RtpPortRange ports = {options.min_rtp_port, options.max_rtp_port};
     const rtsp_auth_t auth_type = options.users.empty() ? 0 : 1;
+    const OnvifUserGlobalConfig no_free_urls = {1};  // the users are asked for whatever the URL says
     config.SetConfig(RTSP_SVR_CONFIG_RTP_PORT, &ports, sizeof(ports));
     config.SetConfig(RTSP_SVR_CONFIG_TIMEOUT, &options.timeout_sec, sizeof(options.timeout_sec));
     config.SetConfig(RTSP_SVR_CONFIG_DSCP, &options.dscp, sizeof(options.dscp));
     config.SetConfig(RTSP_SVR_CONFIG_AUTH_TYPE, &auth_type, sizeof(auth_type));
     config.SetConfig(RTSP_SVR_CONFIG_HTTP_AUTH_TYPE, &auth_type, sizeof(auth_type));
+    config.SetConfig(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, &no_free_urls, sizeof(no_free_urls));
     config.SetConfig(RTSP_SVR_CONFIG_SRC_FUNC, reinterpret_cast<const void*>(&make_source), sizeof(&make_source));
     config.SetConfig(RTSP_SVR_CONFIG_AUTH_FUNC, reinterpret_cast<const void*>(&make_auth_module),
                      sizeof(&make_auth_module));
@@ -174,6 +176,10 @@ private:
 
     bool open_server(const ListenOption& listen, std::string& error) {
         CSockAddrStorage address(listen.ip.c_str(), listen.port);
+        if (!address.IsValid()) {
+            error = listen.ip + ": is no address";
+            return false;
+        }
         CRtspSvr* server = CRtspSvr::Create(address);
         if (server == nullptr) {
             error =
@@ -262,10 +268,11 @@ int main(int argc, char** argv) {
             return fail(error);
         }
         for (const ListenOption& listen : options.listen) {
-            const bool is_ipv6 = listen.ip.find(':') != std::string::npos;
-            std::printf(is_ipv6 ? "listening on [%s]:%d\n" : "listening on %s:%d\n", listen.ip.c_str(), listen.port);
+            monitor.Listening(listen.ip, listen.port);
         }
-        std::fflush(stdout);
+        if (options.live.empty() && options.recordings.empty()) {
+            std::fprintf(stderr, "vidora-host: nothing is published: see --live and --recordings\n");
+        }
         wait_for_end(signals, options.stats_sec, monitor);
     }
     return 0;

@@ -1,0 +1,36 @@
+#ifndef VIDORA_TESTS_FUZZ_DECODEROUTPUT_H
+#define VIDORA_TESTS_FUZZ_DECODEROUTPUT_H
+
+#include "FuzzSupport.h"
+#include "StreamParser/StreamParser.h"
+#include "Vidora/KXFrame.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace Fuzz {
+
+inline int Destination(uint8_t choice) {
+    static const int DESTINATIONS[] = {STREAM_TYPE_RAW_FRAME, STREAM_TYPE_PRIVATE_FRAME, STREAM_TYPE_RTP};
+    return DESTINATIONS[choice % 3];
+}
+
+// Feeds a decoder and takes all that it gives: private frames have a header that fits them. The decoder's result.
+inline int Decode(CStreamParser& parser, const Bytes& input, int dst_type) {
+    const int ret = parser.InputFrame(MakeFrame(input));
+    Require(ret == PARSER_OK || ret == PARSER_FRAME_READY || ret == PARSER_FAILED);
+    int taken = 0;
+    for (Flumen::CMediaFrame frame = parser.OutputFrame(); frame.valid(); frame = parser.OutputFrame()) {
+        KXHeader header;
+        Require(++taken < 100000);
+        Require(dst_type != STREAM_TYPE_PRIVATE_FRAME ||
+                (kx_read_header(frame.getBuffer(), frame.size(), header) && header.total_length == frame.size() &&
+                 header.checksum == kx_header_checksum(frame.getBuffer())));
+    }
+    return ret;
+}
+
+}  // namespace Fuzz
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_TESTS_FUZZ_DECODEROUTPUT_H
