@@ -234,6 +234,7 @@ bool run_row(const Options& options, const Bench::Recording& recording, Row row,
     }
     const Bench::FleetFigures& figures = server.client->Figures();
     const uint64_t up = figures.up;
+    const uint64_t bare_up = bare.client->Figures().up;
     const uint64_t gaps = figures.gaps;
     const uint64_t played = figures.packets - packets;
     server.Go();
@@ -245,7 +246,10 @@ bool run_row(const Options& options, const Bench::Recording& recording, Row row,
         std::printf("      the clients' sockets had no room for %llu datagrams\n",
                     static_cast<unsigned long long>(figures.drops.load()));
     }
-    return up == row.clients && gaps == 0;
+    if (bare_up != row.clients) {
+        std::printf("      the bare loop had %llu clients: no comparison\n", static_cast<unsigned long long>(bare_up));
+    }
+    return up == row.clients && gaps == 0 && bare_up == row.clients;
 }
 
 Options parse(int argc, char** argv) {

@@ -167,7 +167,9 @@ void CBareLoop::send_frame() {
         return;
     }
     for (int fd : m_players) {
-        if (frame.WriteTcp(fd) != static_cast<ssize_t>(frame.Bytes().size())) {
+        const ssize_t written = frame.WriteTcp(fd);
+        const bool gone = written < 0 && (errno == EPIPE || errno == ECONNRESET);
+        if (!gone && written != static_cast<ssize_t>(frame.Bytes().size())) {
             std::fprintf(stderr, "the bare loop's peer is full: the machine is too busy to measure\n");
         }
     }
@@ -270,6 +272,7 @@ CBareServer::CBareServer(const Recording& recording, bool udp) {
     m_child = ::fork();
     if (m_child == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
+        ::signal(SIGPIPE, SIG_IGN);  // the peers of a round may be gone before it is noticed
         CBareLoop(recording, udp, listener).Run();
     }
     ::close(listener);
