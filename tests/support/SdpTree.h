@@ -11,8 +11,9 @@ namespace Kavio {
 namespace Support {
 
 // All records of a description as text, to compare two trees. Of a connection only what the writer keeps: an IPv4 ttl
-// and count when the count is above 1, and no count of another family, nor blanks in an address that had a ttl. Nothing of
-// an IPv6 connection with a count beyond 16 bits: the count is read back in the place of a ttl, and the line is refused.
+// and count when the count is above 1, and no count of another family, nor blanks in an address that had a ttl. Nothing
+// of an IPv6 connection with a count beyond 16 bits: the count is read back in the place of a ttl, and the line is
+// refused.
 class CSdpTree {
 public:
     static std::string Dump(const Vidora::sdp_session_t& session) {
