@@ -1,4 +1,5 @@
 // CSdpParser: any text is read, asked about, written, and gives the same tree when it is read again.
+#include <cstdint>
 #include <cstring>
 #include <string>
 
@@ -16,6 +17,25 @@ bool g_too_long = false;
 // The writer tells of a text that may not fit its store.
 void on_line(void*, Kavio::Ostra::log_level_t, const char* text, size_t) {
     g_too_long = g_too_long || std::strstr(text, "buffer too small") != nullptr;
+}
+
+// An IPv6 connection's count is read back in the place of a ttl; the line is refused if it doesn't fit 16 bits.
+template <typename Record>
+bool loses_count(const Record& record) {
+    for (const sdp_connection_t& connection : record.connections) {
+        if (connection.address_type.Equals("IP6") && connection.address_count > UINT16_MAX) {
+            return true;
+        }
+    }
+    return false;
+}
+
+bool comes_back_whole(const sdp_session_t& session) {
+    bool whole = !g_too_long && !loses_count(session);
+    for (const sdp_media_t& media : session.media) {
+        whole = whole && !loses_count(media);
+    }
+    return whole;
 }
 
 void ask(const CSdpParser& sdp) {
@@ -63,7 +83,7 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     CSdpParser again(sdp);
     Fuzz::Require(again.GetStream() == 0);
-    if (!g_too_long) {
+    if (comes_back_whole(*sdp.get_session())) {
         Fuzz::Require(CSdpTree::Dump(*again.get_session()) == CSdpTree::Dump(*sdp.get_session()));
     }
     Fuzz::Require(again.add_media("video", 1, 1, "RTP/AVP", "96 97") == again.get_media_count());
