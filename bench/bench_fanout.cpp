@@ -299,7 +299,9 @@ void compare(const char* title, std::vector<std::unique_ptr<CWay>>& ways, const 
         }
     }
     const double elapsed_us = std::chrono::duration<double, std::micro>(Clock::now() - start).count();
-    const double others_share = 100 * static_cast<double>(foreign() - others) / elapsed_us;
+    // The machine's clock ticks coarsely: the difference of a quiet run may be below nothing.
+    const double others_us = static_cast<double>(static_cast<int64_t>(foreign() - others));
+    const double others_share = std::max(0.0, 100 * others_us / elapsed_us);
     const CWay& floor = *ways.back();
     const auto cost = [](const CWay& way) {
         return static_cast<double>(way.cpu_us) / 1000 / (static_cast<double>(way.bytes) * 8 / 1e9);
