@@ -4,13 +4,13 @@
 #     bench/make_clip.sh OUT.h264
 set -e
 out=${1:?usage: make_clip.sh OUT.h264}
-part() {  # picture size, quantiser
+piece() {  # picture size, quantiser
     ffmpeg -v error -f lavfi -i "testsrc2=size=$1:rate=25,noise=alls=20" -frames:v 5 -pix_fmt yuv420p \
         -c:v libx264 -qp "$2" -x264-params "keyint=1:sliced-threads=0:slices=1:annexb=1" \
         -bsf:v filter_units=remove_types=6 -f h264 -
 }
 {
-    part 128x96 40
-    part 352x288 36
-    part 1280x720 34
+    piece 128x96 40
+    piece 352x288 36
+    piece 1280x720 34
 } > "$out"

@@ -65,11 +65,11 @@ Stream make_stream() {
         }
         stream.frames.push_back(whole);
         for (const Bytes& payload : payloads) {
-            RtpSpec spec;
-            spec.sequence = sequence++;
-            spec.timestamp = 0xFFFFE000 + static_cast<uint32_t>(frame) * 3600;
-            spec.marker = &payload == &payloads.back();
-            stream.pieces.push_back({frame, MakeRtp(spec, payload)});
+            RtpFields fields;
+            fields.sequence = sequence++;
+            fields.timestamp = 0xFFFFE000 + static_cast<uint32_t>(frame) * 3600;
+            fields.marker = &payload == &payloads.back();
+            stream.pieces.push_back({frame, MakeRtp(fields, payload)});
         }
     }
     return stream;
@@ -158,12 +158,12 @@ TEST(Rtp2FrameLoss, NotificationsTellWhatAGapCosts) {
                 {false, true, "61e0", 1}, {false, false, "61e0", 0}, {false, false, "7c81e0", 1}};
     for (const auto& row : rows) {
         Depacketiser in(ENC_TYPE_H264);
-        RtpSpec spec;
-        spec.marker = !row.held;
-        in.Put(MakeRtp(spec, FromHex("61e0")));
-        spec.sequence += 2;
-        spec.timestamp += row.same_frame ? 0 : 3600;
-        in.Put(MakeRtp(spec, FromHex(row.payload)));
+        RtpFields fields;
+        fields.marker = !row.held;
+        in.Put(MakeRtp(fields, FromHex("61e0")));
+        fields.sequence += 2;
+        fields.timestamp += row.same_frame ? 0 : 3600;
+        in.Put(MakeRtp(fields, FromHex(row.payload)));
         std::vector<std::string> events(row.count, "seq 1 3");
         events.insert(events.begin(), "ssrc 0 287454020");
         EXPECT_EQ(events, in.m_events) << row.held << row.same_frame << row.payload;

@@ -63,13 +63,13 @@ TEST(Rtp2Frame, HeadersThatLieAreRefused) {
 
 TEST(Rtp2Frame, OneFrameHasABoundedNumberOfPackets) {
     Depacketiser in(ENC_TYPE_AUDIO);
-    RtpSpec spec;
-    for (uint32_t i = 0; i < CRtp2Frame::MAX_PACKETS; ++i, ++spec.sequence) {
-        ASSERT_EQ(0, in.Put(MakeRtp(spec, {1})));
+    RtpFields fields;
+    for (uint32_t i = 0; i < CRtp2Frame::MAX_PACKETS; ++i, ++fields.sequence) {
+        ASSERT_EQ(0, in.Put(MakeRtp(fields, {1})));
     }
-    EXPECT_EQ(-1, in.Put(MakeRtp(spec, {1})));
-    spec.marker = true;
-    EXPECT_EQ(1, in.Put(MakeRtp(spec, {1})));
+    EXPECT_EQ(-1, in.Put(MakeRtp(fields, {1})));
+    fields.marker = true;
+    EXPECT_EQ(1, in.Put(MakeRtp(fields, {1})));
 }
 
 TEST(Rtp2Frame, TimeRunsInTheClockOfAudioAndIn90KhzElsewhere) {
@@ -83,13 +83,13 @@ TEST(Rtp2Frame, TimeRunsInTheClockOfAudioAndIn90KhzElsewhere) {
                 {ENC_TYPE_ASSIST, 1000, 3003, 33}};
     for (const auto& row : rows) {
         Depacketiser in(row.enc_type, false, row.clock);
-        RtpSpec spec;
-        spec.timestamp = 0xFFFFFF00;
-        in.Put(MakeRtp(spec, Bytes(20, 0)));
+        RtpFields fields;
+        fields.timestamp = 0xFFFFFF00;
+        in.Put(MakeRtp(fields, Bytes(20, 0)));
         EXPECT_EQ(0u, in.Engine().GetPts());
-        spec.timestamp += row.step;
-        ++spec.sequence;
-        in.Put(MakeRtp(spec, Bytes(20, 0)));
+        fields.timestamp += row.step;
+        ++fields.sequence;
+        in.Put(MakeRtp(fields, Bytes(20, 0)));
         EXPECT_EQ(row.ms, in.Engine().GetPts()) << row.enc_type;
     }
 }
@@ -97,7 +97,7 @@ TEST(Rtp2Frame, TimeRunsInTheClockOfAudioAndIn90KhzElsewhere) {
 TEST(Rtp2Frame, TheFirstPacketTellsItsSsrc) {
     CLogCapture log;
     Depacketiser in(ENC_TYPE_AUDIO);
-    in.Put(MakeRtp(RtpSpec(), {1}));
+    in.Put(MakeRtp(RtpFields(), {1}));
     EXPECT_EQ(1, log.Count(">>> RTP SSRC CHANGES from [00000000] to [11223344]\n"));
     EXPECT_EQ(std::vector<std::string>{"ssrc 0 287454020"}, in.m_events);
     EXPECT_EQ(0x11223344u, in.Engine().GetSsrc());
@@ -114,15 +114,15 @@ TEST(Rtp2Frame, ForeignPacketsMayShareTheSequence) {
     } rows[] = {{true, 65529, 0}, {true, 65530, 5}, {false, 65530, 0}};
     for (const auto& row : rows) {
         Depacketiser in(ENC_TYPE_AUDIO, true);
-        RtpSpec own, foreign;
+        RtpFields own, foreign;
         foreign.payload_type = 97;
         uint16_t counts[] = {row.start, 1000};
         uint16_t& foreign_count = counts[row.shared ? 0 : 1];
-        const auto put = [&](RtpSpec& spec, uint32_t timestamp, bool marker) {
-            spec.sequence = &spec == &own ? counts[0]++ : foreign_count++;
-            spec.timestamp = timestamp;
-            spec.marker = marker;
-            return in.Put(MakeRtp(spec, {1}));
+        const auto put = [&](RtpFields& fields, uint32_t timestamp, bool marker) {
+            fields.sequence = &fields == &own ? counts[0]++ : foreign_count++;
+            fields.timestamp = timestamp;
+            fields.marker = marker;
+            return in.Put(MakeRtp(fields, {1}));
         };
         EXPECT_EQ(1, put(own, 100, true));
         EXPECT_EQ(0, put(foreign, 0, true));
@@ -347,19 +347,19 @@ TEST(Rtp2Frame, TransportStreamsGiveTheFramesOfTheirFirstTrack) {
     packer.SetTsInfo(STREAM_KIND_H264, STREAM_KIND_AUDIO, 7);
     Depacketiser in(ENC_TYPE_MPEG2TS, true);
     EXPECT_EQ(-1, in.Engine().GetTsEncodeType());
-    RtpSpec spec;
+    RtpFields fields;
     std::vector<Bytes> frames;
     for (size_t i = 0; i < 12; ++i) {
         const bool audio = i % 3 == 2;
         Bytes frame = i % 2 == 0 ? CODE + SPS + CODE + PPS + CODE + FromHex("658884") : CODE + FromHex("61e0");
         frame.resize(frame.size() + i * 500, 0x55);
         const std::vector<Bytes> units = Pack(packer, frame, audio ? ENC_TYPE_AUDIO : ENC_TYPE_H264, i);
-        spec.timestamp += 3600;
+        fields.timestamp += 3600;
         for (const Bytes& unit : units) {
-            spec.marker = &unit == &units.back();
+            fields.marker = &unit == &units.back();
             // Bytes behind the last whole packet of 188 aren't looked at.
-            in.Put(MakeRtp(spec, spec.marker ? unit + Bytes(20, 0x47) : unit));
-            ++spec.sequence;
+            in.Put(MakeRtp(fields, fields.marker ? unit + Bytes(20, 0x47) : unit));
+            ++fields.sequence;
         }
         // Sound comes out empty, when the next frame's time stamp ends it.
         frames.push_back(audio ? Bytes() : frame);
@@ -369,7 +369,7 @@ TEST(Rtp2Frame, TransportStreamsGiveTheFramesOfTheirFirstTrack) {
     EXPECT_EQ(640, in.Engine().GetWidth());
     EXPECT_EQ(368, in.Engine().GetHeight());
     EXPECT_EQ(2, in.Engine().GetTsEncodeType());
-    EXPECT_EQ(-1, in.Put(MakeRtp(spec, Bytes(188, 0x48))));
+    EXPECT_EQ(-1, in.Put(MakeRtp(fields, Bytes(188, 0x48))));
 }
 
 }  // namespace

@@ -267,11 +267,11 @@ TEST(StreamParser, RtpDecoderGivesFramesAndPacketsBack) {
 }
 
 Flumen::CMediaFrame rtp_packet(uint16_t sequence, uint32_t timestamp, bool marker, const Bytes& payload) {
-    RtpSpec spec;
-    spec.sequence = sequence;
-    spec.timestamp = timestamp;
-    spec.marker = marker;
-    return make_frame(MakeRtp(spec, payload), 0, 0, 0);
+    RtpFields fields;
+    fields.sequence = sequence;
+    fields.timestamp = timestamp;
+    fields.marker = marker;
+    return make_frame(MakeRtp(fields, payload), 0, 0, 0);
 }
 
 TEST(StreamParser, PacketOfTheNextFrameIsKeptAndFedAgain) {

@@ -38,7 +38,7 @@ TEST(Day, FrameToRtp) {
 
 TEST(Day, RtpToFrame) {
     Depacketiser in(ENC_TYPE_H264, true);
-    RtpSpec first;
+    RtpFields first;
     first.marker = true;
     first.timestamp = 0x80000000;
     Bytes packet = MakeRtp(first, FromHex("61e0e1e2"));

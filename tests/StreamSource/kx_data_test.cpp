@@ -103,13 +103,13 @@ protected:
 
     // A picture of the running stream, and its frame.
     Flumen::CMediaFrame Picture(bool key, unsigned int size, int new_format = 0) {
-        FrameSpec spec;
-        spec.type = key ? 'I' : 'P';
-        spec.sequence = ++m_sequence;
-        spec.pts_ms = 40 * m_sequence;
-        spec.payload = H264Picture(key, size, 7);
-        spec.new_format = new_format;
-        return BuildFrame(spec);
+        FrameSpec fields;
+        fields.type = key ? 'I' : 'P';
+        fields.sequence = ++m_sequence;
+        fields.pts_ms = 40 * m_sequence;
+        fields.payload = H264Picture(key, size, 7);
+        fields.new_format = new_format;
+        return BuildFrame(fields);
     }
 
     CPool m_pool;
@@ -215,13 +215,13 @@ TEST_F(KXDataTest, FramesBeforeTheFormatGoNowhere) {
 TEST_F(KXDataTest, AssistFramesNeedAClientThatWantsThem) {
     OpenReady();
     ASSERT_EQ(0, Start(PACKET_TYPE_KX));
-    FrameSpec spec;
-    spec.type = 'W';
-    spec.payload = "side data";
-    Host().Give(BuildFrame(spec));
+    FrameSpec fields;
+    fields.type = 'W';
+    fields.payload = "side data";
+    Host().Give(BuildFrame(fields));
     EXPECT_TRUE(Given(PACKET_TYPE_KX).empty());
     m_source->EnableStreamTrack(STREAM_TRACK_ASSIST);
-    Host().Give(BuildFrame(spec));
+    Host().Give(BuildFrame(fields));
     ASSERT_EQ(2u, Given(PACKET_TYPE_KX).size());
     EXPECT_EQ(1, Given(PACKET_TYPE_KX)[1].channel >> 24);  // behind the only medium
     EXPECT_EQ(0, Given(PACKET_TYPE_KX)[1].flag);
@@ -232,7 +232,7 @@ TEST_F(KXDataTest, AssistFramesNeedAClientThatWantsThem) {
     EXPECT_EQ(0, m_source->GetTcpChannel(99));  // an unknown track has the channel of the first
     EXPECT_EQ(-1, m_source->GetSdp(sdp, 2));
     m_source->DisableStreamTrack(STREAM_TRACK_ASSIST);
-    Host().Give(BuildFrame(spec));
+    Host().Give(BuildFrame(fields));
     EXPECT_EQ(2u, Given(PACKET_TYPE_KX).size());
 }
 
@@ -287,11 +287,11 @@ TEST_F(KXDataTest, FilePlaysInsideItsWindow) {
     } frames[] = {{1600000002.9, false}, {1600000003.0, true}, {1600000006.9, true}, {1600000007.0, false}};
     for (const auto& row : frames) {
         m_sink[PACKET_TYPE_KX].m_items.clear();
-        FrameSpec spec;
-        spec.type = 'I';
-        spec.payload = H264Picture(true, 10, 7);
-        spec.utc = row.utc;
-        Host().Give(BuildFrame(spec));
+        FrameSpec fields;
+        fields.type = 'I';
+        fields.payload = H264Picture(true, 10, 7);
+        fields.utc = row.utc;
+        Host().Give(BuildFrame(fields));
         EXPECT_EQ(row.sent, !Given(PACKET_TYPE_KX).empty()) << row.utc;
     }
     // Pause keeps the count, so that one stop is enough after a resume.

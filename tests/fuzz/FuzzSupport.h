@@ -94,7 +94,7 @@ public:
     }
 
 private:
-    Support::RtpSpec m_spec;
+    Support::RtpFields m_spec;
 };
 
 }  // namespace Fuzz

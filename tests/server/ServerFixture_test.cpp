@@ -117,12 +117,12 @@ RtspReply CServerTest::Play(CRtspTestClient& client, const std::string& transpor
 
 bool GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size) {
     const bool key = sequence % 10 == 0;
-    Support::FrameSpec spec;
-    spec.type = key ? 'I' : 'P';
-    spec.sequence = sequence;
-    spec.pts_ms = sequence * 40;
-    spec.payload = Support::H264Picture(key, size, static_cast<uint8_t>(sequence));
-    return source->Give(Support::BuildFrame(spec));
+    Support::FrameSpec fields;
+    fields.type = key ? 'I' : 'P';
+    fields.sequence = sequence;
+    fields.pts_ms = sequence * 40;
+    fields.payload = Support::H264Picture(key, size, static_cast<uint8_t>(sequence));
+    return source->Give(Support::BuildFrame(fields));
 }
 
 bool CServerTest::SessionsGone(unsigned int left) {

@@ -214,10 +214,10 @@ TEST_F(Conversation, DataSourceAnswersLaterSeeksPausesAndEnds) {
     const int room = 65536;
     setsockopt(other.Fd(), SOL_SOCKET, SO_RCVBUF, &room, sizeof(room));
     PlayInterleaved(other, content);
-    Support::FrameSpec spec;
-    spec.type = 'I';
-    spec.payload = Support::H264Picture(true, 3000000, 1);
-    ASSERT_TRUE(Support::WaitUntil([&] { return CFakeStreamSource::Last()->Give(Support::BuildFrame(spec)); }));
+    Support::FrameSpec fields;
+    fields.type = 'I';
+    fields.payload = Support::H264Picture(true, 3000000, 1);
+    ASSERT_TRUE(Support::WaitUntil([&] { return CFakeStreamSource::Last()->Give(Support::BuildFrame(fields)); }));
     CFakeStreamSource::Last()->Tell(MSG_SRC_END);
     size_t bytes = 0;
     for (RtspFrame frame = other.Frame(); frame.channel == 0; frame = other.Frame()) {

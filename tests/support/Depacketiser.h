@@ -83,7 +83,7 @@ private:
     }
     void OnReserved() override { ADD_FAILURE() << "the third slot was called"; }
 
-    RtpSpec m_spec;
+    RtpFields m_spec;
     std::deque<Bytes> m_held;
     CRtp2Frame m_rtp2frame;
 };

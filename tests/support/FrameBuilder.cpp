@@ -17,12 +17,12 @@ uint8_t type_byte(int letter) {
 }
 
 // Encoding and frame rate (25), and the picture's size in units of 8 pixels (48 high); or encoding and 8000 Hz.
-std::string extensions(const FrameSpec& spec) {
-    const char code = static_cast<char>(spec.encode_code);
-    if (spec.type == 'I') {
-        return std::string({'\x81', 0, code, 25, '\x80', 0, static_cast<char>(spec.width / 8), 48 / 8});
+std::string extensions(const FrameSpec& fields) {
+    const char code = static_cast<char>(fields.encode_code);
+    if (fields.type == 'I') {
+        return std::string({'\x81', 0, code, 25, '\x80', 0, static_cast<char>(fields.width / 8), 48 / 8});
     }
-    return spec.type == 'A' ? std::string({'\x83', 1, code, 2}) : std::string();
+    return fields.type == 'A' ? std::string({'\x83', 1, code, 2}) : std::string();
 }
 
 uint32_t packed_time(double utc) {
@@ -35,18 +35,18 @@ uint32_t packed_time(double utc) {
 
 }  // namespace
 
-Flumen::CMediaFrame BuildFrame(const FrameSpec& spec) {
-    const std::string ext = extensions(spec);
-    const size_t total = HEADER_SIZE + ext.size() + spec.payload.size() + TRAILER_SIZE;
+Flumen::CMediaFrame BuildFrame(const FrameSpec& fields) {
+    const std::string ext = extensions(fields);
+    const size_t total = HEADER_SIZE + ext.size() + fields.payload.size() + TRAILER_SIZE;
     Flumen::CMediaFrame frame(static_cast<unsigned int>(total));
     Ostra::CByteWriter writer(frame.getBuffer(), total);
     writer.WriteBytes("KXAV", 4);
-    writer.WriteU8(type_byte(spec.type));
+    writer.WriteU8(type_byte(fields.type));
     writer.Fill(0, 3);
-    writer.WriteU32Le(spec.sequence);
+    writer.WriteU32Le(fields.sequence);
     writer.WriteU32Le(static_cast<uint32_t>(total));
-    writer.WriteU32Le(packed_time(spec.utc));
-    writer.WriteU16Le(static_cast<uint16_t>(spec.pts_ms));
+    writer.WriteU32Le(packed_time(fields.utc));
+    writer.WriteU16Le(static_cast<uint16_t>(fields.pts_ms));
     writer.WriteU8(static_cast<uint8_t>(ext.size()));
     uint8_t sum = 0;
     for (size_t i = 0; i < HEADER_SIZE - 1; ++i) {
@@ -54,15 +54,15 @@ Flumen::CMediaFrame BuildFrame(const FrameSpec& spec) {
     }
     writer.WriteU8(sum);
     writer.WriteBytes(ext.data(), ext.size());
-    writer.WriteBytes(spec.payload.data(), spec.payload.size());
+    writer.WriteBytes(fields.payload.data(), fields.payload.size());
     writer.WriteBytes("kxav", 4);
     writer.WriteU32Le(static_cast<uint32_t>(total));
 
-    frame.setType(spec.type);
-    frame.setSequence(static_cast<int>(spec.sequence));
-    frame.setPts(spec.pts_ms, Flumen::PTS_TYPE_MS);
-    frame.setUtc(spec.utc);
-    frame.setNewFormat(spec.new_format);
+    frame.setType(fields.type);
+    frame.setSequence(static_cast<int>(fields.sequence));
+    frame.setPts(fields.pts_ms, Flumen::PTS_TYPE_MS);
+    frame.setUtc(fields.utc);
+    frame.setNewFormat(fields.new_format);
     return frame;
 }
 

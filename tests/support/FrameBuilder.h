@@ -22,7 +22,7 @@ struct FrameSpec {
 };
 
 // A private frame in a media frame whose facts are set.
-Flumen::CMediaFrame BuildFrame(const FrameSpec& spec);
+Flumen::CMediaFrame BuildFrame(const FrameSpec& fields);
 
 // Elementary stream of one H.264 picture with `size` bytes in its slice; a key picture has its parameter sets first.
 std::string H264Picture(bool key, unsigned int size, uint8_t fill);

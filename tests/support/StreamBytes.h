@@ -60,7 +60,7 @@ inline Bytes Ramp(size_t len) {
 }
 
 // What the header of an RTP packet says.
-struct RtpSpec {
+struct RtpFields {
     uint16_t sequence = 1;
     uint32_t timestamp = 3600;
     bool marker = false;
@@ -68,16 +68,16 @@ struct RtpSpec {
     uint32_t ssrc = 0x11223344;
 };
 
-inline Bytes MakeRtp(const RtpSpec& spec, const Bytes& payload) {
-    Bytes packet = {0x80, static_cast<uint8_t>((spec.marker ? 0x80 : 0) | spec.payload_type)};
+inline Bytes MakeRtp(const RtpFields& fields, const Bytes& payload) {
+    Bytes packet = {0x80, static_cast<uint8_t>((fields.marker ? 0x80 : 0) | fields.payload_type)};
     const auto put = [&packet](uint32_t value, int len) {
         for (int shift = 8 * (len - 1); shift >= 0; shift -= 8) {
             packet.push_back(static_cast<uint8_t>(value >> shift));
         }
     };
-    put(spec.sequence, 2);
-    put(spec.timestamp, 4);
-    put(spec.ssrc, 4);
+    put(fields.sequence, 2);
+    put(fields.timestamp, 4);
+    put(fields.ssrc, 4);
     return packet + payload;
 }
 
