@@ -45,9 +45,13 @@ function(vidora_layer name)
     add_library(vidora_${name} OBJECT ${sources})
     target_include_directories(vidora_${name} PUBLIC ${PROJECT_SOURCE_DIR}/include ${PROJECT_SOURCE_DIR}/base
                                ${PROJECT_SOURCE_DIR}/Src)
-    # Both spellings of __FILE__: Src/Protocol/X.cpp shows as Protocol/X.cpp, base/Tramel/X.cpp as base/Tramel/X.cpp.
-    target_compile_options(vidora_${name} PRIVATE ${VIDORA_WARNINGS} -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/=
-                           -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/Src/= -fno-semantic-interposition)
+    # Both spellings of __FILE__: Src/Protocol/X.cpp shows as Protocol/X.cpp, base/Tramel/X.cpp as base/Tramel/X.cpp. A
+    # compiler cache may rewrite paths to relative ones, as seen from the build folder.
+    file(RELATIVE_PATH from_build ${CMAKE_BINARY_DIR} ${PROJECT_SOURCE_DIR})
+    target_compile_options(vidora_${name} PRIVATE ${VIDORA_WARNINGS}
+                           -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/= -fmacro-prefix-map=${PROJECT_SOURCE_DIR}/Src/=
+                           -fmacro-prefix-map=${from_build}= -fmacro-prefix-map=${from_build}Src/=
+                           -fno-semantic-interposition)
     target_link_libraries(vidora_${name} PUBLIC Threads::Threads)
 
     # Layers share the Src folder, so a script holds each file's includes against the layers that it may use.
