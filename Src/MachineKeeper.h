@@ -19,10 +19,12 @@ class IState;
 // while no other call is under way, but for a put whose operations run just now.
 //
 // OWNERSHIP
-// The keeper makes the machine; destroying the keeper posts the message that deletes it. While another thread runs the
-// owner's operations, the destructor waits for that one and for the messages that are queued, so the owner destroys its
-// keeper while it is whole, and holds no lock that they want. From inside an operation, or while the machine is held,
-// the destructor returns at once, no operation begins any more, and the machine ends when that is over.
+// The keeper makes the machine; destroying the keeper posts the message that deletes it. No operation of the owner runs
+// on another thread, and none begins, once the destructor has returned. While another thread runs one, the destructor
+// waits for that one and for the messages that are queued; while the machine is held, for that one alone, since held
+// messages don't run. So the owner destroys its keeper while it is whole, and holds no lock that its operations want.
+// From inside an operation the destructor returns at once. The machine itself ends when the operation and the hold are
+// over: the keeper may be destroyed inside the scope of a CMachineGuard, whatever the other threads do.
 //
 // If memory is short at construction there is no machine, and every operation fails.
 class CMachineKeeper {
@@ -66,7 +68,7 @@ private:
     CStateMachine* m_machine;
 };
 
-// CMachineGuard: holds a machine for a scope. The keeper may be destroyed inside the scope.
+// CMachineGuard: holds a machine for a scope. The keeper may be destroyed inside the scope; see there.
 class CMachineGuard {
 public:
     explicit CMachineGuard(CMachineKeeper* machine_keeper);

@@ -14,6 +14,7 @@ namespace {
 // An event with a smaller identifier doesn't go back to the pool.
 const uint64_t FIRST_EVENT_ID = 0x2012;
 const uint64_t SPARE_EVENT_ID = 0x2011;
+const uint64_t END_EVENT_ID = 0x2010;
 const int NO_STATE = 4;  // stands in m_next_state only
 const int STATUS_OK = 200;
 
@@ -26,7 +27,7 @@ const state_slot_t STATE_SLOTS[] = {&IState::options,       &IState::describe,  
 
 }  // namespace
 
-// Lets the thread that destroys the keeper wait for the one that runs an event.
+// Lets the thread that destroys the keeper wait until the one that runs an event has left the owner's operations.
 struct CStateMachine::CDestroyWait {
     std::mutex m_mutex;
     std::condition_variable m_condition;
@@ -46,6 +47,7 @@ struct CStateMachine::CDestroyWait {
 CStateMachine::CStateMachine()
     : m_next_id(FIRST_EVENT_ID),
       m_spare_event{STATE_EVENT_ASYN, STATE_EVENT_ASYN_SIZE, SPARE_EVENT_ID, 0, 0, 0, 0},
+      m_end_event{STATE_EVENT_ASYN, STATE_EVENT_ASYN_SIZE, END_EVENT_ID, 0, 0, 0, 0},
       m_spare_copy(m_spare_event),
       m_pool_memory(Ostra::NewPages(POOL_BYTES)) {
     m_rx_list.Init(m_rx_nodes, LIST_SIZE);
@@ -166,6 +168,9 @@ StateEvent* CStateMachine::admit_asyn_locked(StateEvent* event, uint32_t msg) {
         drop_messages_locked();
     }
     m_asyn_mask |= msg;
+    if (event == &m_spare_event && m_spare_waits && event->method == MSG_SESSION_BROKEN) {
+        return nullptr;
+    }
     event->method = static_cast<int>(msg);
     if (m_busy || m_hold_count > 0) {
         queue_asyn_locked(event);
@@ -187,7 +192,7 @@ void CStateMachine::drop_messages_locked() {
     }
 }
 
-// The list has room for the whole pool and for m_spare_event once.
+// The list has room for the whole pool, m_end_event, and m_spare_event once.
 void CStateMachine::queue_asyn_locked(StateEvent* event) {
     const bool spare = event == &m_spare_event;
     if (!spare || !m_spare_waits) {
@@ -232,20 +237,35 @@ int CStateMachine::execute(StateEvent* first) {
     return 0;
 }
 
-// The next event that may run now; without one the machine is free again.
+// The next event that may run now; without one the machine is free again, and may be gone when this returns.
 StateEvent* CStateMachine::next_event() {
-    const CGuard guard(m_mutex);
     StateEvent* event = nullptr;
-    if (m_asyn_mask != 0) {
-        event = m_hold_count < 1 ? pop_asyn_locked() : nullptr;
-    } else if (m_wait_id != 0) {
-        event = m_matched_event;
-        m_matched_event = nullptr;
-    } else {
-        event = m_rx_list.Pop();
+    CDestroyWait* wait = nullptr;
+    {
+        const CGuard guard(m_mutex);
+        event = next_event_locked();
+        m_busy = event != nullptr;
+        if (!m_busy) {
+            wait = m_destroy_wait;
+            m_destroy_wait = nullptr;
+        }
     }
-    m_busy = event != nullptr;
+    if (wait != nullptr) {
+        wait->Done();
+    }
     return event;
+}
+
+StateEvent* CStateMachine::next_event_locked() {
+    if (m_asyn_mask != 0) {
+        return m_hold_count < 1 ? pop_asyn_locked() : nullptr;
+    }
+    if (m_wait_id != 0) {
+        StateEvent* event = m_matched_event;
+        m_matched_event = nullptr;
+        return event;
+    }
+    return m_rx_list.Pop();
 }
 
 void CStateMachine::free_event(StateEvent* event) {
@@ -346,17 +366,14 @@ void CStateMachine::end() {
 
 void CStateMachine::destroy() {
     CDestroyWait wait;
+    StateEvent* event = nullptr;
     bool waits = false;
-    StateEvent* event = GetEvent(STATE_EVENT_ASYN, STATE_EVENT_ASYN_SIZE, 0);
     {
         const CGuard guard(m_mutex);
         waits = m_busy && m_runner != std::this_thread::get_id();
-        if (waits) {
-            m_destroy_wait = &wait;
-        } else {
-            m_owner_gone = true;
-        }
-        event = admit_asyn_locked(event, MSG_MACHINE_DESTROY);
+        m_destroy_wait = waits ? &wait : nullptr;
+        m_owner_gone = !waits || m_hold_count > 0;
+        event = admit_asyn_locked(&m_end_event, MSG_MACHINE_DESTROY);
     }
     execute(event);
     if (waits) {

@@ -53,15 +53,17 @@ public:
     // Runs or queues an event of type rx or tx. 0, or negative on failure. The machine may be gone on return.
     int deliver(StateEvent* event);
     // The same for an asynchronous event, which becomes message `msg`. A message that finds m_spare_event still waiting
-    // for its turn takes the place of the one in it.
+    // for its turn takes the place of the one in it, unless that one is fatal, MSG_SESSION_BROKEN.
     int deliver_asyn(StateEvent* event, uint32_t msg);
 
     // What the keeper's put_asyn_msg does. The machine may be gone on return.
     void put_asyn_msg(uint32_t msg, uint64_t id);
 
-    // The owner is going: posts MSG_MACHINE_DESTROY. When another thread runs an operation, it returns after that one,
-    // the messages that are queued, and the machine have ended. Otherwise it returns at once, and no operation begins
-    // after it: from inside an operation, or while the machine is held, the machine ends when that is over.
+    // The owner is going: posts MSG_MACHINE_DESTROY, once, in an event that nothing else uses. No operation runs on
+    // another thread when it returns: if one runs, it waits for that one and for the messages that are queued behind
+    // it. While the machine is held none of these may run, so it waits for that one operation alone, and never for the
+    // hold, which can be the caller's own. From inside an operation it returns at once. No operation begins after it;
+    // the machine ends when the operation and the hold are over.
     void destroy();
 
     // Operation 1 holds asynchronous messages back: 0, or -1 if one came already. Operation 2 ends one hold and runs
@@ -90,6 +92,7 @@ private:
     StateEvent* runnable_locked(StateEvent* event) VIDORA_REQUIRES(m_mutex);
     int execute(StateEvent* first);
     StateEvent* next_event();
+    StateEvent* next_event_locked() VIDORA_REQUIRES(m_mutex);
     void free_event(StateEvent* event);
     void set_wait_id(uint64_t id);
 
@@ -105,9 +108,9 @@ private:
     int m_hold_count VIDORA_GUARDED_BY(m_mutex) = 0;
     uint64_t m_asyn_mask VIDORA_GUARDED_BY(m_mutex) = 0;   // all asynchronous messages so far, by OR; never cleared
     bool m_owner_gone VIDORA_GUARDED_BY(m_mutex) = false;  // nothing but MSG_MACHINE_DESTROY may run
-    CDestroyWait* m_destroy_wait VIDORA_GUARDED_BY(m_mutex) = nullptr;
-    StateEvent* m_matched_event VIDORA_GUARDED_BY(m_mutex) = nullptr;  // the awaited one, come while busy
-    uint64_t m_wait_id VIDORA_GUARDED_BY(m_mutex) = 0;                 // of the request being served; 0 for none
+    CDestroyWait* m_destroy_wait VIDORA_GUARDED_BY(m_mutex) = nullptr;  // to be told once no operation runs
+    StateEvent* m_matched_event VIDORA_GUARDED_BY(m_mutex) = nullptr;   // the awaited one, come while busy
+    uint64_t m_wait_id VIDORA_GUARDED_BY(m_mutex) = 0;                  // of the request being served; 0 for none
     uint64_t m_next_id VIDORA_GUARDED_BY(m_mutex);
     SeqList<StateEvent> m_rx_list VIDORA_GUARDED_BY(m_mutex);
     SeqList<StateEvent> m_asyn_list VIDORA_GUARDED_BY(m_mutex);
@@ -115,6 +118,7 @@ private:
     StateEvent* m_asyn_nodes[LIST_SIZE];
     StateEvent m_spare_event VIDORA_GUARDED_BY(m_mutex);    // for an asynchronous message when the pool is empty,
     bool m_spare_waits VIDORA_GUARDED_BY(m_mutex) = false;  // in m_asyn_list now
+    StateEvent m_end_event VIDORA_GUARDED_BY(m_mutex);      // for MSG_MACHINE_DESTROY
 
     // Touched before the first event, then only by the thread that made the machine busy.
     StateEvent m_spare_copy;  // of m_spare_event while it runs, so that the next message can wait in that

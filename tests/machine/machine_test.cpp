@@ -394,6 +394,60 @@ TEST(StateMachine, DestructionWaitsForTheOperationThatRunsAndForWhatIsQueued) {
     ender.join();
 }
 
+// The one who holds the machine destroys its keeper while another thread is inside an operation: the destructor waits
+// for that operation alone, and what was held back never runs.
+TEST(StateMachine, DestructionInsideAHoldWaitsForTheOperationThatRunsAndForNothingElse) {
+    COwner owner;
+    CMachineKeeper* keeper = owner.keeper.get();
+    std::promise<void> entered, go_on;
+    std::atomic<bool> inside{false};
+    owner.hook = [&](const std::string&) {
+        inside = true;
+        entered.set_value();
+        go_on.get_future().wait();
+        inside = false;
+    };
+    std::thread runner([&] { keeper->put_rx_event({RTSP_METHOD_OPTIONS, 0, 1}, "text", 4, 0); });
+    entered.get_future().wait();
+    {
+        const CMachineGuard guard(keeper);
+        ASSERT_TRUE(guard.held());
+        keeper->put_asyn_msg(MSG_SRC_FAIL, 0);
+        std::thread opener([&] { go_on.set_value(); });
+        owner.keeper.reset();
+        EXPECT_FALSE(inside);
+        opener.join();
+    }
+    runner.join();
+    EXPECT_EQ(Calls{"options"}, owner.Take());
+}
+
+// With an empty pool every message goes through the spare event: neither the fatal one that waits there nor the
+// message of the end may be lost to one that comes after it as the answer to the message that ran last.
+TEST(StateMachine, MessagesOfTheEndAreNotOverwritten) {
+    const Support::CLogCapture log;
+    COwner owner;
+    owner.result = 1;
+    EXPECT_TRUE(owner.Put(RTSP_METHOD_DESCRIBE));
+    for (int i = 0; i < 10; ++i) {
+        EXPECT_TRUE(owner.Put(RTSP_METHOD_OPTIONS));
+    }
+    owner.hook = [&](const std::string& name) {
+        for (int i = 0; name == "asyn 4096" && i < 10; ++i) {
+            owner.keeper->put_asyn_msg(MSG_SRC_END, 0);  // these have the nodes of the dropped requests
+        }
+        if (name == "asyn 4096") {
+            owner.keeper->put_asyn_msg(MSG_SESSION_BROKEN, 0);
+            owner.keeper->put_asyn_msg(MSG_SOURCE_CLOSED, owner.last_id);
+        }
+    };
+    owner.keeper->put_asyn_msg(MSG_SRC_FAIL, 0);  // in the spare event
+    Calls expected = {"describe", "asyn 4096"};
+    expected.insert(expected.end(), 10, "asyn 4112");
+    expected.push_back("asyn 8190");
+    EXPECT_EQ(expected, owner.Take());
+}
+
 TEST(StateMachine, OperationsNeverOverlapAndNothingIsLost) {
     COwner owner;
     std::atomic<int> inside{0}, overlaps{0}, in_flight{0};
