@@ -12,6 +12,7 @@
 #include "Protocol/RtspRspParser.h"
 #include "Protocol/SdpParser.h"
 #include "RtspState.h"
+#include "StreamSource/LiveSvrRef.h"
 #include "Vidora/AuthModule.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/LiveChannel.h"
@@ -22,7 +23,6 @@
 namespace Kavio {
 namespace Vidora {
 
-class CLiveSvr;
 class CRtpUdpSender;
 
 // CSvrSessionCore: one RTSP conversation on the server (RFC 2326): all that a plain and a tunnelled session have in
@@ -53,7 +53,7 @@ public:
     // Before the session starts. The event function is taken from the configuration.
     void SetConfig(const CRtspSvrConfig& config);
     void set_ip_type(int ip_type) { m_ip_type = ip_type; }
-    void SetLiveSvr(CLiveSvr* live_svr) { m_live_svr = live_svr; }
+    void SetLiveSvr(const CLiveSvrRef& live_svr) { m_live_svr = live_svr; }
 
     // 1 prints the delay of every frame to the debug console, for all sessions of the process; 0, the default, doesn't.
     // The console command "rtspdelay 0|1" does the same.
@@ -232,7 +232,7 @@ private:
     bool wants_assist() const { return m_stream_proto == 1; }
 
     // Where media comes from.
-    CLiveSvr* m_live_svr = nullptr;
+    CLiveSvrRef m_live_svr;
     CLiveChannel* m_live_channel = nullptr;  // a reference on it is held
     CDataSource* m_data_source = nullptr;    // owned: closed, never deleted
     CMediaBuffer* m_media_buffer = nullptr;  // owned; a data source puts its packets there

@@ -89,7 +89,7 @@ int CSvrSessionCore::on_describe(const StateEvent& event) {
     }
     const bool own_source = m_src_type == SRC_TYPE_PROXY || m_src_type == SRC_TYPE_PROXY_LIVE ||
                             m_src_type == SRC_TYPE_PROXY_FILE || m_src_type == SRC_TYPE_TOKEN;
-    if (!own_source && m_live_svr != nullptr && m_live_svr->QueryLiveChannel(content) >= 0) {
+    if (!own_source && m_live_svr && m_live_svr->QueryLiveChannel(content) >= 0) {
         return open_live_channel(event, content);
     }
     return open_data_source(event, content);  // a content that is no live channel may be a data source

@@ -44,7 +44,7 @@ CSvrSessionManager::~CSvrSessionManager() = default;
 
 void CSvrSessionManager::SetLiveSvr(CLiveSvr* live_svr) {
     CGuard guard(m_mutex);
-    m_live_svr = live_svr;
+    m_live_svr = CLiveSvrRef(live_svr);
     if (m_http_manager != nullptr) {
         m_http_manager->SetLiveSvr(live_svr);
     }
@@ -124,9 +124,9 @@ int CSvrSessionManager::add_nat_stream(int fd, const char* buf, const int (&valu
     logInfo("%s %d P2P Nat Stream Add New Connect!\n", __FILE__, __LINE__);
     m_mutex.enter();
     const CRtspSvrConfig config(m_config);
-    CLiveSvr* live_svr = m_live_svr;
+    const CLiveSvrRef live_svr = m_live_svr;
     m_mutex.leave();
-    return INatIntake::Get()->add_connection(sock, buf, bounded_length(buf), values, config, live_svr);
+    return INatIntake::Get()->add_connection(sock, buf, bounded_length(buf), values, config, live_svr.get());
 }
 
 void CSvrSessionManager::mark_locked(CSockStream* sock) {
@@ -234,7 +234,7 @@ void CSvrSessionManager::start_rtsp_session(CSockStream* sock, const char* buf, 
     }
     m_mutex.enter();
     CRtspSvrConfig config(m_config);
-    CLiveSvr* live_svr = m_live_svr;
+    const CLiveSvrRef live_svr = m_live_svr;
     const int ip_type = m_ip_type;
     m_mutex.leave();
     if (extra == 1) {
@@ -253,7 +253,7 @@ void CSvrSessionManager::Close() {
         while (!m_connections.empty()) {
             remove_locked(m_connections.begin());
         }
-        m_live_svr = nullptr;
+        m_live_svr = CLiveSvrRef();
         if (m_http_manager != nullptr) {
             m_http_manager->Close();
             m_http_manager = nullptr;

@@ -3,6 +3,7 @@
 
 #include <map>
 
+#include "StreamSource/LiveSvrRef.h"
 #include "Vidora/Names.h"
 #include "Vidora/RtspSvrConfig.h"
 
@@ -61,7 +62,7 @@ private:
     void start_rtsp_session(CSockStream* sock, const char* buf, int len, long extra);
 
     CMutex m_mutex;
-    CLiveSvr* m_live_svr VIDORA_GUARDED_BY(m_mutex) = nullptr;
+    CLiveSvrRef m_live_svr VIDORA_GUARDED_BY(m_mutex);
     CRtspSvrConfig m_config VIDORA_GUARDED_BY(m_mutex);
     int m_ip_type VIDORA_GUARDED_BY(m_mutex) = 2;
     connections_t m_connections VIDORA_GUARDED_BY(m_mutex);  // by socket handle

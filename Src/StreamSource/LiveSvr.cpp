@@ -1,6 +1,7 @@
 #include "Vidora/LiveSvr.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 #include <list>
 #include <new>
@@ -102,8 +103,11 @@ struct CLiveSvr::Internal {
     template <typename Sink>
     int leave_locked(const char* content, Sink* sink, packet_type_t packet_type) VIDORA_REQUIRES(m_mutex);
 
-    long m_notify_id = 0;  // constant after Create
+    long m_notify_id = 0;             // constant after Create
+    std::atomic<int> m_ref_count{1};  // users, and one until handle_close
+
     CMutex m_mutex;
+    bool m_closed VIDORA_GUARDED_BY(m_mutex) = false;  // nothing is added any more
     std::list<channel_comp> m_comp_list VIDORA_GUARDED_BY(m_mutex);
 };
 
@@ -204,6 +208,10 @@ int CLiveSvr::AddLiveChannel(const char* channel_name, CLiveChannel* channel, CD
         return -1;
     }
     CGuard guard(m_internal->m_mutex);
+    if (m_internal->m_closed) {
+        logError("%s:%d, the registry is closed, channel_name:%s\n", __FILE__, __LINE__, channel_name);
+        return -1;
+    }
     m_internal->add_locked(entry, GetID());
     return 0;
 }
@@ -389,6 +397,7 @@ int CLiveSvr::handle_message(long, unsigned int msg, long param) {
 void CLiveSvr::Close() {
     {
         CGuard guard(m_internal->m_mutex);
+        m_internal->m_closed = true;
         for (Internal::channel_comp& comp : m_internal->m_comp_list) {
             for (Internal::channel_attr& attr : comp.attr_list) {
                 attr.live_channel->Close();
@@ -401,8 +410,18 @@ void CLiveSvr::Close() {
 }
 
 int CLiveSvr::handle_close(CNetHandler*) {
-    delete this;
+    let_go();
     return -1;
+}
+
+void CLiveSvr::keep() {
+    m_internal->m_ref_count.fetch_add(1);
+}
+
+void CLiveSvr::let_go() {
+    if (m_internal->m_ref_count.fetch_sub(1) == 1) {
+        delete this;
+    }
 }
 
 }  // namespace Vidora

@@ -20,10 +20,14 @@ class CLiveChannel;
 //            the source. So a stream source must not call the registry from its operations on another thread and
 //            wait.
 // OWNERSHIP  From a successful AddLiveChannel on the registry owns channel and source and closes them: the channel at
-//            DelLiveChannel, the source with its last channel, and all of them at Close. It dies by Close, never by
-//            delete. Sinks are borrowed: who enters leaves before the sink dies, and takes it off the channel's
-//            buffer itself if the channel was deleted meanwhile, under the reference that it holds. So it enters no
-//            channel but the one that it has the reference on.
+//            DelLiveChannel, the source with its last channel, and all of them at Close. Sinks are borrowed: who
+//            enters leaves before the sink dies, and takes it off the channel's buffer itself if the channel was
+//            deleted meanwhile, under the reference that it holds. So it enters no channel but the one that it has the
+//            reference on.
+// THE END    A registry dies by Close, never by delete. The host may close it at any time, before or after the servers
+//            that were given it by SetLiveSvr, also while clients play, and doesn't touch it any more. Servers and
+//            sessions that still use it keep it allocated until the last of them has gone; they find it empty, and
+//            sessions of its channels are told that these have ended.
 class VIDORA_API CLiveSvr : public CNetHandler {
 public:
     // `notify_id`: the handler that gets the messages of channels and sources, with a pointer to the channel's name as
@@ -53,14 +57,19 @@ public:
     // Asks the channel's source for its stream information anew.
     int UpdataLiveChannel(const char* content, long arg);
 
+    // Deletes all channels, as DelLiveChannel does, closes the sources, and ends the registry. Once.
     void Close() override;
     int handle_message(long sender_id, unsigned int msg, long param) override;
     int handle_close(CNetHandler* handler) override;
 
 private:
+    friend class CLiveSvrRef;  // counts the users that outlast Close
     struct Internal;
     CLiveSvr();
     ~CLiveSvr() override;
+
+    void keep();
+    void let_go();
 
     Internal* m_internal;
 };

@@ -29,7 +29,7 @@ struct RtspSvrStatistics {
 //
 // THREADING  All operations: any thread; none from inside a lock that a callback of the host's needs. Call Close once;
 //            the pointer is dead after it.
-// OWNERSHIP  The server borrows the CLiveSvr, which must live until the server's sessions have ended.
+// OWNERSHIP  The server and its sessions keep the CLiveSvr allocated; the host may close it before or after the server.
 class VIDORA_API CRtspSvr : public CNetHandler {
 public:
     // Opens the listener at `listen_addr`; null, with a log line, if the address is invalid or can't be bound, or

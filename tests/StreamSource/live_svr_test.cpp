@@ -5,6 +5,7 @@
 #include <vector>
 
 #include "Protocol/SdpParser.h"
+#include "StreamSource/LiveSvrRef.h"
 #include "Tramel/MediaBuffer.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/LiveChannel.h"
@@ -187,6 +188,26 @@ TEST_F(LiveTest, ChannelOutlivesItsCloseUntilTheLastReference) {
     EXPECT_EQ(~uint64_t{0}, end);
     channel->DelRef(user->GetID());
     user->Close();
+}
+
+TEST_F(LiveTest, AClosedRegistryLivesEmptyUntilItsLastUserHasGone) {
+    CLiveSvr* const closed = CLiveSvr::Create(0);
+    CLiveSvrRef user(closed);
+    std::atomic<int> source_closed{0};
+    CCountingSource* source = new CCountingSource(&source_closed);
+    EXPECT_EQ(0, closed->AddLiveChannel("a", make_channel("a", source), source));
+    CLiveChannel* const channel = user->GetLiveChannel("a", 1);
+    closed->Close();
+    EXPECT_TRUE(WaitUntil([&] { return source_closed == 1; }));
+    const CLiveSvrRef other = user;
+    user = CLiveSvrRef();
+    CLevel2Buffer_IF* const none = nullptr;
+    EXPECT_EQ(-1, other->QueryLiveChannel("a"));
+    EXPECT_EQ(nullptr, other->GetLiveChannel("a", 1));
+    EXPECT_EQ(-1, other->EnterLiveChannel("a", none, PACKET_TYPE_RTP));
+    EXPECT_EQ(-1, other->AddLiveChannel("a", channel, m_source));
+    channel->DelRef(1);
+    Publish({"last"});  // has the fixture's source closed
 }
 
 TEST_F(LiveTest, ADestinationNeedsAPairOfPortsForEachTrack) {
