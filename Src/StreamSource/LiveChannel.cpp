@@ -1,14 +1,13 @@
 #include "Vidora/LiveChannel.h"
 
 #include <cstdio>
-#include <list>
 #include <new>
 #include <set>
 #include <string>
 
 #include "Protocol/SdpParser.h"
-#include "RtpUdpSender.h"
 #include "StreamSource/IdList.h"
+#include "StreamSource/MulticastOutput.h"
 #include "Tramel/MediaBuffer.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/RtspSvrConfig.h"
@@ -20,19 +19,10 @@ namespace {
 
 const uint64_t NOT_GIVEN = ~uint64_t{0};
 const int MAX_NAME = 256;
-const int SENDER_MEDIA_NUM = 8;
-const int CONNECTION_TTL = 4;
 const int MEDIA_VIDEO = 1;  // of CSdpParser::get_media_type_at
 const int MEDIA_AUDIO = 0;
 const char TS_RTPMAP[] = "33 MP2T/90000";
 const char LIVE_RANGE[] = "npt=now-";
-
-// One multicast destination.
-struct TransfDstInfo {
-    CSockAddrStorage dest_addr;
-    std::string local_ip;  // the interface to send from; empty if none was given
-    CRtpUdpSender* sender = nullptr;
-};
 
 // A copy of a channel's name that is never freed, one for each different name: messages carry a pointer to it, and may
 // be read when the channel has gone. Null if memory is short.
@@ -73,7 +63,7 @@ struct CLiveChannel::Internal {
     CDataSource* m_data_src VIDORA_GUARDED_BY(m_mutex) = nullptr;  // the registry's
     uint64_t m_src_arg VIDORA_GUARDED_BY(m_mutex) = 0;             // kept, read by nothing
     CSdpParser* m_sdp VIDORA_GUARDED_BY(m_mutex) = nullptr;        // owned
-    std::list<TransfDstInfo> m_transf_list VIDORA_GUARDED_BY(m_mutex);
+    CMulticastOutput m_multicast VIDORA_GUARDED_BY(m_mutex);
     bool m_unicast VIDORA_GUARDED_BY(m_mutex) = true;
 
     CMutex m_ref_mutex;
@@ -89,13 +79,12 @@ struct CLiveChannel::Internal {
     CDataSource* source_for_locked(packet_type_t packet_type) VIDORA_REQUIRES(m_mutex);
     // Makes m_sdp anew from the source's. Its result: 1 for multicast, 0 for unicast, -1 without an SDP.
     int get_sdp_locked() VIDORA_REQUIRES(m_mutex);
-    // Describes the multicast destinations in `sdp`; gives the base port: that of the first destination that has one.
+    // Describes the multicast destinations in `sdp`; gives the base port.
     int add_destinations_locked(CSdpParser& sdp) VIDORA_REQUIRES(m_mutex);
     int finish_multicast_locked() VIDORA_REQUIRES(m_mutex);
     int finish_unicast_locked() VIDORA_REQUIRES(m_mutex);
     bool can_transfer_locked(const CSockAddrStorage& dest, const char* local_ip, int line) VIDORA_REQUIRES(m_mutex);
-    bool open_ports_locked(TransfDstInfo& dst, const char* local_ip) VIDORA_REQUIRES(m_mutex);
-    void end_destination_locked(TransfDstInfo& dst) VIDORA_REQUIRES(m_mutex);
+    void stop_destination_locked() VIDORA_REQUIRES(m_mutex);
     void close_live_channel_locked() VIDORA_REQUIRES(m_mutex);
 };
 
@@ -238,58 +227,19 @@ int CLiveChannel::AddTransfDst(CSockAddrStorage& dest_ip, const char* local_ip) 
     if (!self.can_transfer_locked(dest_ip, local_ip, __LINE__)) {
         return -1;
     }
-    std::list<TransfDstInfo> entry;
-    try {
-        entry.emplace_back();
-        entry.back().local_ip = local_ip == nullptr ? "" : local_ip;
-    } catch (const std::bad_alloc&) {
-        logError("%s:%d no memory\n", __FILE__, __LINE__);
-        return -1;
-    }
-    TransfDstInfo& dst = entry.back();
-    dst.dest_addr = dest_ip;
-    dst.sender = new (std::nothrow) CRtpUdpSender;
-    if (dst.sender == nullptr || !self.open_ports_locked(dst, local_ip)) {
-        delete dst.sender;
-        return -1;
-    }
     const packet_type_t packet_type = packet_type_of(self.m_transf_type);
-    self.m_media_buffer[packet_type]->AddLevel2Buffer(dst.sender);
+    CMediaBuffer* buffer = self.m_media_buffer[packet_type];
+    const bool by_track = packet_type == PACKET_TYPE_RTP && self.m_sdp != nullptr;
+    if (self.m_multicast.Add(dest_ip, local_ip, by_track ? self.m_sdp->get_media_count() : 0, self.m_config, *buffer) <
+        0) {
+        return -1;
+    }
     // For RTP the host starts the streaming itself; DelTransfDst stops it all the same.
     if (packet_type == PACKET_TYPE_TS) {
-        self.m_data_src->StartStreaming(PACKET_TYPE_TS, self.m_media_buffer[PACKET_TYPE_TS], -1);
+        self.m_data_src->StartStreaming(PACKET_TYPE_TS, buffer, -1);
     }
-    self.m_transf_list.splice(self.m_transf_list.end(), entry);
     self.get_sdp_locked();
     return 0;
-}
-
-// One pair of ports for the first track, and for RTP one for each medium of the SDP behind it: one more than there are
-// tracks, and the last may fail. The first pair is opened before the interface is known to the sender and leaves by the
-// system's own choice.
-bool CLiveChannel::Internal::open_ports_locked(TransfDstInfo& dst, const char* local_ip) {
-    CRtpUdpSender& sender = *dst.sender;
-    sender.SetConfig(&m_config);
-    sender.Init(SENDER_MEDIA_NUM);
-    sender.SetRemote(dst.dest_addr);
-    const int base_port = dst.dest_addr.GetPort();
-    int local_port = 0;
-    if (sender.OpenPair(&local_port, base_port, 0) < 0) {
-        return false;
-    }
-    if (local_ip != nullptr) {
-        sender.SetMulticastIF(local_ip);
-    }
-    if (m_transf_type == TRANSF_TYPE_TS || m_sdp == nullptr) {
-        return true;
-    }
-    const int media_count = m_sdp->get_media_count();
-    for (int i = 1; i <= media_count; ++i) {
-        if (sender.OpenPair(&local_port, base_port + 2 * i, 2 * i) < 0 && i < media_count) {
-            return false;
-        }
-    }
-    return true;
 }
 
 int CLiveChannel::DelTransfDst(CSockAddrStorage& dest_ip, const char* local_ip) {
@@ -298,33 +248,25 @@ int CLiveChannel::DelTransfDst(CSockAddrStorage& dest_ip, const char* local_ip) 
     if (!self.can_transfer_locked(dest_ip, local_ip, __LINE__)) {
         return -1;
     }
-    const char* interface_ip = local_ip == nullptr ? "" : local_ip;
-    for (auto it = self.m_transf_list.begin(); it != self.m_transf_list.end(); ++it) {
-        if (!(it->dest_addr == dest_ip) || it->local_ip != interface_ip) {
-            continue;
-        }
-        if (self.m_transf_type == TRANSF_TYPE_RTP) {
-            logInfo("%s:%d StopStreaming m_channel_name %s\n", __FILE__, __LINE__, self.m_channel_name);
-        }
-        self.end_destination_locked(*it);
-        self.m_transf_list.erase(it);
-        self.get_sdp_locked();
-        return 0;
+    if (!self.m_multicast.Remove(dest_ip, local_ip, *self.m_media_buffer[packet_type_of(self.m_transf_type)])) {
+        char ip[64];
+        logError("%s:%d do not find this transf dest, ip:%s port:%d\n", __FILE__, __LINE__,
+                 dest_ip.GetIpStr(ip, sizeof(ip)), dest_ip.GetPort());
+        return -1;
     }
-    char ip[64];
-    logError("%s:%d do not find this transf dest, ip:%s port:%d\n", __FILE__, __LINE__,
-             dest_ip.GetIpStr(ip, sizeof(ip)), dest_ip.GetPort());
-    return -1;
+    if (self.m_transf_type == TRANSF_TYPE_RTP) {
+        logInfo("%s:%d StopStreaming m_channel_name %s\n", __FILE__, __LINE__, self.m_channel_name);
+    }
+    self.stop_destination_locked();
+    self.get_sdp_locked();
+    return 0;
 }
 
-void CLiveChannel::Internal::end_destination_locked(TransfDstInfo& dst) {
-    const packet_type_t packet_type = packet_type_of(m_transf_type);
-    m_media_buffer[packet_type]->DelLevel2Buffer(dst.sender);
+// Of a destination that has been removed.
+void CLiveChannel::Internal::stop_destination_locked() {
     if (m_data_src != nullptr) {
-        m_data_src->StopStreaming(packet_type);
+        m_data_src->StopStreaming(packet_type_of(m_transf_type));
     }
-    delete dst.sender;
-    dst.sender = nullptr;
 }
 
 // The SDP.
@@ -347,20 +289,7 @@ int CLiveChannel::Internal::get_sdp_locked() {
 int CLiveChannel::Internal::add_destinations_locked(CSdpParser& sdp) {
     sdp.remove_session_attribute("packetization-supported");
     sdp.set_session_attribute("range", LIVE_RANGE);
-    sdp.clear_session_connections();
-    int base_port = 0;
-    for (const TransfDstInfo& dst : m_transf_list) {
-        char ip[64];
-        dst.dest_addr.GetIpStr(ip, sizeof(ip));
-        const int type = dst.dest_addr.GetRealType();
-        if (type == Tramel::SOCK_ADDR_IPV4 || type == Tramel::SOCK_ADDR_IPV6) {
-            sdp.add_session_connection(ip, CONNECTION_TTL, 1, "IN", type == Tramel::SOCK_ADDR_IPV4 ? "IP4" : "IP6");
-        }
-        if (base_port == 0) {
-            base_port = dst.dest_addr.GetPort();
-        }
-    }
-    return base_port;
+    return m_multicast.DescribeIn(sdp);
 }
 
 int CLiveChannel::Internal::finish_multicast_locked() {
@@ -544,15 +473,14 @@ void CLiveChannel::notify_session(unsigned int msg) {
 
 // The source is not closed here: the registry does that.
 void CLiveChannel::Internal::close_live_channel_locked() {
-    for (TransfDstInfo& dst : m_transf_list) {
+    while (m_multicast.RemoveFirst(*m_media_buffer[packet_type_of(m_transf_type)])) {
         if (m_transf_type == TRANSF_TYPE_TS) {
             logInfo("%s:%d,try to stop TS streaming.\n", __FILE__, __LINE__);
         } else {
             logInfo("%s:%d,try to stop RTP streaming\n", __FILE__, __LINE__);
         }
-        end_destination_locked(dst);
+        stop_destination_locked();
     }
-    m_transf_list.clear();
     m_data_src = nullptr;
 }
 

@@ -1,0 +1,112 @@
+#include "StreamSource/MulticastOutput.h"
+
+#include <new>
+
+#include "Protocol/SdpParser.h"
+#include "RtpUdpSender.h"
+#include "Tramel/MediaBuffer.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const int SENDER_MEDIA_NUM = 8;
+const int CONNECTION_TTL = 4;
+
+}  // namespace
+
+CMulticastOutput::Destination::Destination() = default;
+CMulticastOutput::Destination::~Destination() = default;
+
+int CMulticastOutput::Add(const CSockAddrStorage& group, const char* local_ip, int media_count,
+                          const CRtspSvrConfig& config, CMediaBuffer& buffer) {
+    std::list<Destination> entry;
+    try {
+        entry.emplace_back();
+        entry.back().local_ip = local_ip == nullptr ? "" : local_ip;
+    } catch (const std::bad_alloc&) {
+        logError("%s:%d no memory\n", __FILE__, __LINE__);
+        return -1;
+    }
+    Destination& destination = entry.back();
+    destination.group = group;
+    destination.sender.reset(new (std::nothrow) CRtpUdpSender);
+    if (!destination.sender) {
+        return -1;
+    }
+    destination.sender->SetConfig(&config);
+    if (!open_ports(destination, media_count)) {
+        return -1;
+    }
+    buffer.AddLevel2Buffer(destination.sender.get());
+    m_destinations.splice(m_destinations.end(), entry);
+    return 0;
+}
+
+// One pair of ports for the first track, and one for each medium behind it: one more than there are tracks, and the
+// last may fail. The first pair is opened before the interface is known to the sender and leaves by the system's own
+// choice.
+bool CMulticastOutput::open_ports(Destination& destination, int media_count) {
+    CRtpUdpSender& sender = *destination.sender;
+    sender.Init(SENDER_MEDIA_NUM);
+    sender.SetRemote(destination.group);
+    const int base_port = destination.group.GetPort();
+    int local_port = 0;
+    if (sender.OpenPair(&local_port, base_port, 0) < 0) {
+        return false;
+    }
+    if (!destination.local_ip.empty()) {
+        sender.SetMulticastIF(destination.local_ip.c_str());
+    }
+    for (int i = 1; i <= media_count; ++i) {
+        if (sender.OpenPair(&local_port, base_port + 2 * i, 2 * i) < 0 && i < media_count) {
+            return false;
+        }
+    }
+    return true;
+}
+
+bool CMulticastOutput::Remove(const CSockAddrStorage& group, const char* local_ip, CMediaBuffer& buffer) {
+    const char* interface_ip = local_ip == nullptr ? "" : local_ip;
+    for (auto it = m_destinations.begin(); it != m_destinations.end(); ++it) {
+        if (it->group == group && it->local_ip == interface_ip) {
+            remove(it, buffer);
+            return true;
+        }
+    }
+    return false;
+}
+
+bool CMulticastOutput::RemoveFirst(CMediaBuffer& buffer) {
+    if (m_destinations.empty()) {
+        return false;
+    }
+    remove(m_destinations.begin(), buffer);
+    return true;
+}
+
+void CMulticastOutput::remove(std::list<Destination>::iterator it, CMediaBuffer& buffer) {
+    buffer.DelLevel2Buffer(it->sender.get());
+    m_destinations.erase(it);
+}
+
+int CMulticastOutput::DescribeIn(CSdpParser& sdp) const {
+    sdp.clear_session_connections();
+    int base_port = 0;
+    for (const Destination& destination : m_destinations) {
+        char ip[64];
+        destination.group.GetIpStr(ip, sizeof(ip));
+        const int type = destination.group.GetRealType();
+        if (type == Tramel::SOCK_ADDR_IPV4 || type == Tramel::SOCK_ADDR_IPV6) {
+            sdp.add_session_connection(ip, CONNECTION_TTL, 1, "IN", type == Tramel::SOCK_ADDR_IPV4 ? "IP4" : "IP6");
+        }
+        if (base_port == 0) {
+            base_port = destination.group.GetPort();
+        }
+    }
+    return base_port;
+}
+
+}  // namespace Vidora
+}  // namespace Kavio
