@@ -8,12 +8,12 @@
 #include "Protocol/RtcpParser.h"
 #include "RtpUdpSender.h"
 #include "SvrSessionCore.h"
-#include "Tramel/MediaBuffer.h"
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StreamSender.h"
 #include "Vidora/LiveSvr.h"
 #include "Vidora/Ostra/ByteWriter.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -6,12 +6,12 @@
 
 #include "RtpUdpSender.h"
 #include "SvrSessionCore.h"
-#include "Tramel/MediaBuffer.h"
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StrParser.h"
 #include "Vidora/LiveSvr.h"
 #include "Vidora/RtspUrlParser.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
 namespace Vidora {

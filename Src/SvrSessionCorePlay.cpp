@@ -6,9 +6,9 @@
 
 #include "RtpUdpSender.h"
 #include "SvrSessionCore.h"
-#include "Tramel/MediaBuffer.h"
 #include "Tramel/MediaStreamSender.h"
 #include "Vidora/LiveSvr.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
 namespace Vidora {

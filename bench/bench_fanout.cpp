@@ -22,11 +22,11 @@
 #include <thread>
 #include <vector>
 
-#include "Tramel/MediaBuffer.h"
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/SockDgram.h"
 #include "Tramel/SockStream.h"
 #include "Vidora/Tramel/Level2Buffer.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 #include "Vidora/Tramel/MediaPacket.h"
 #include "Vidora/Tramel/NetThread.h"
 #include "support/Drain.h"

@@ -5,10 +5,10 @@
 #include <memory>
 
 #include "StreamParser/StreamParser.h"
-#include "Tramel/MediaBuffer.h"
 #include "Vidora/Flumen/MediaFrame.h"
 #include "Vidora/Names.h"
 #include "Vidora/StreamSource.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 #include "Vidora/Types.h"
 
 namespace Kavio {

@@ -6,9 +6,9 @@
 #include "FrameInfo.h"
 #include "MediaFrame.h"
 #include "StreamSource/KXDataReceiver.h"
-#include "Tramel/MediaBuffer.h"
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Ostra/ByteWriter.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
 namespace Vidora {

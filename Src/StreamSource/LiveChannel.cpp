@@ -8,9 +8,9 @@
 #include "Protocol/SdpParser.h"
 #include "StreamSource/IdList.h"
 #include "StreamSource/MulticastOutput.h"
-#include "Tramel/MediaBuffer.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/RtspSvrConfig.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -8,9 +8,9 @@
 #include <string>
 
 #include "StreamSource/IdList.h"
-#include "Tramel/MediaBuffer.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/LiveChannel.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -4,7 +4,7 @@
 
 #include "Protocol/SdpParser.h"
 #include "RtpUdpSender.h"
-#include "Tramel/MediaBuffer.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
 namespace Vidora {

@@ -1,4 +1,4 @@
-#include "Tramel/MediaBuffer.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 
 #include <atomic>
 #include <new>

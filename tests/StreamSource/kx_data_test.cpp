@@ -7,9 +7,9 @@
 #include <vector>
 
 #include "Protocol/SdpParser.h"
-#include "Tramel/MediaBuffer.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/RtspSvrConfig.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 #include "support/Capture.h"
 #include "support/FakeStreamSource.h"
 #include "support/FrameBuilder.h"

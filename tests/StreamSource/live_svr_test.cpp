@@ -6,11 +6,11 @@
 
 #include "Protocol/SdpParser.h"
 #include "StreamSource/LiveSvrRef.h"
-#include "Tramel/MediaBuffer.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/LiveChannel.h"
 #include "Vidora/LiveSvr.h"
 #include "Vidora/RtspSvrConfig.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 #include "support/TestHandler.h"
 
 namespace Kavio {
