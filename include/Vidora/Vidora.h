@@ -29,6 +29,8 @@
 #include "Vidora/Ostra/Thread.h"
 #include "Vidora/Ostra/ThreadAnnotations.h"
 #include "Vidora/Ostra/Time.h"
+#include "Vidora/RtpFrameBuffer.h"
+#include "Vidora/RtspClientBuffer.h"
 #include "Vidora/RtspClientSession.h"
 #include "Vidora/RtspSvr.h"
 #include "Vidora/RtspSvrConfig.h"

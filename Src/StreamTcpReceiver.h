@@ -1,0 +1,62 @@
+#ifndef VIDORA_STREAMTCPRECEIVER_H
+#define VIDORA_STREAMTCPRECEIVER_H
+
+#include <memory>
+
+#include "StreamReceiver.h"
+
+namespace Kavio {
+namespace Vidora {
+
+class CStreamSeparator;
+struct separator_record_t;
+
+// What travels on the connection besides RTSP replies.
+enum receiver_protocol_t {
+    RECEIVER_PROTOCOL_RTP = 1,  // interleaved RTP (RFC 2326 10.12)
+    RECEIVER_PROTOCOL_KX = 4    // private frames behind 6-byte headers
+};
+
+// CStreamTcpReceiver: reads an RTSP connection on which media is interleaved, see CStreamReceiver.
+//
+// A turn ends after some ten messages, so that a busy connection doesn't hold its thread; what is left comes in a turn
+// of its own, with or without further bytes from the network.
+class CStreamTcpReceiver final : public CStreamReceiver {
+public:
+    // Shares the connected `sock`. `owner_id`: messages 1 and 2 go there, as by SetNotifyId and WaitException; 0 for
+    // nobody. `protocol`: 4 for private frames, any other value for RTP. Null if memory is short or `sock` is null.
+    static CStreamTcpReceiver* Create(const std::shared_ptr<CSockStream>& sock, long owner_id, int protocol);
+
+    // Bytes of the connection that its former reader took from the socket and didn't use: handled before all that is
+    // read. Before Start; in several pieces or one. 0, or -1 if they don't fit.
+    int Feed(const char* data, int length);
+
+    int Start(uint64_t period_us, float speed) override;
+    int Stop() override;
+
+    int handle_stream_input() override;
+    int handle_message(long sender_id, unsigned int msg, long param) override;
+
+protected:
+    void release_socks() override;
+
+private:
+    CStreamTcpReceiver(const std::shared_ptr<CSockStream>& sock, std::unique_ptr<CStreamSeparator> separator);
+    ~CStreamTcpReceiver() override;
+
+    int read();
+    int take_records(int& handled);
+    int take_record(const separator_record_t& record);
+    int take_rtp(const separator_record_t& record);
+    void ask_for_turn();
+
+    std::shared_ptr<CSockStream> m_sock;
+    std::unique_ptr<CStreamSeparator> m_separator;
+    int m_kx_channel = 0;  // of the last private header
+    std::atomic<bool> m_turn_due{false};
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_STREAMTCPRECEIVER_H

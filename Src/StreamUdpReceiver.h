@@ -1,0 +1,56 @@
+#ifndef VIDORA_STREAMUDPRECEIVER_H
+#define VIDORA_STREAMUDPRECEIVER_H
+
+#include <memory>
+
+#include "StreamReceiver.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// One track's sockets, not connected. The places are those of SetTracks.
+struct udp_receiver_track_t {
+    std::shared_ptr<CSockDgram> rtp_sock;
+    std::shared_ptr<CSockDgram> rtcp_sock;  // may be null
+    // Datagrams of other hosts are dropped; the port doesn't matter. Invalid (a group whose sender isn't told): RTP is
+    // taken by its version and payload type, RTCP by its version.
+    CSockAddrStorage source;
+};
+
+struct udp_receiver_socks_t {
+    int count = 0;
+    udp_receiver_track_t tracks[RECEIVER_MAX_TRACKS];
+};
+
+// CStreamUdpReceiver: reads the RTP and RTCP sockets of each track of a UDP session, unicast or multicast, see
+// CStreamReceiver. A turn reads a socket a few times, 64 datagrams at once.
+class CStreamUdpReceiver final : public CStreamReceiver {
+public:
+    // Shares the sockets. `owner_id` as in CStreamTcpReceiver::Create. Null if memory is short, or for a count outside
+    // 1 to 16.
+    static CStreamUdpReceiver* Create(const udp_receiver_socks_t& socks, long owner_id);
+
+    // Watches all sockets of all tracks.
+    int Start(uint64_t period_us, float speed) override;
+    int Stop() override;
+
+    int handle_stream_input() override;
+
+protected:
+    void release_socks() override;
+
+private:
+    CStreamUdpReceiver() = default;
+    ~CStreamUdpReceiver() override = default;
+
+    int read_batches(CSockDgram& sock, int track, bool rtcp);
+    int take(int track, bool rtcp, const DgramSlice& datagram, const CSockAddrStorage& from);
+    bool is_wanted(int track, bool rtcp, const DgramSlice& datagram, const CSockAddrStorage& from) const;
+
+    udp_receiver_socks_t m_socks;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_STREAMUDPRECEIVER_H

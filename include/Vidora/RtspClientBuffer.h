@@ -1,0 +1,56 @@
+#ifndef VIDORA_RTSPCLIENTBUFFER_H
+#define VIDORA_RTSPCLIENTBUFFER_H
+
+#include "Vidora/Export.h"
+#include "Vidora/RtpFrameBuffer.h"
+#include "Vidora/Tramel/Level2Buffer.h"
+
+namespace Kavio {
+namespace Vidora {
+
+using Tramel::CLevel2Buffer_IF;
+
+// CRtspClientBuffer: a sink of a client session's media buffer that gives whole frames to a host.
+//
+//     CRtspClientBuffer sink(on_frame, on_error, user);
+//     sink.GetFrameBuffer().Init(session->GetSdpInfo(), 0, 0);      // after message 0x1002
+//     session->GetMediaBuffer()->AddLevel2Buffer(&sink);
+//
+// The end, in this order: CMediaBuffer::DelLevel2Buffer, which waits for a call that runs; the session's Close; delete
+// the sink. A sink may do the first two in its own callback.
+//
+// THREADING  Put, and with it both callbacks: the thread that puts, one call at a time. All else before the sink is
+//            added to a buffer.
+// OWNERSHIP  `user` is passed through. The bytes of a frame are valid for the callback only.
+class VIDORA_API CRtspClientBuffer : public CLevel2Buffer_IF {
+public:
+    // One whole frame of `size` bytes.
+    typedef void (*frame_callback_t)(const unsigned char* data, unsigned int size, void* user);
+    // Media was damaged and dropped; `code` is 0.
+    typedef void (*error_callback_t)(int code, void* user);
+
+    // Both callbacks may be null.
+    CRtspClientBuffer(frame_callback_t on_frame, error_callback_t on_error, void* user);
+    ~CRtspClientBuffer() override;
+    CRtspClientBuffer(const CRtspClientBuffer&) = delete;
+    CRtspClientBuffer& operator=(const CRtspClientBuffer&) = delete;
+
+    // To set it up, and for its statistics.
+    CRtpFrameBuffer& GetFrameBuffer() { return m_frame_buffer; }
+
+    // 0; -1 for a null packet or a negative length.
+    int Put(CMediaPacket* packet, int length, int flag, int channel) override;
+
+private:
+    void report_error();
+
+    CRtpFrameBuffer m_frame_buffer;
+    frame_callback_t const m_on_frame;
+    error_callback_t const m_on_error;
+    void* const m_user;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_RTSPCLIENTBUFFER_H
