@@ -5,6 +5,7 @@
 #include <new>
 
 #include "Ostra/PageMemory.h"
+#include "Protocol/LogQuote.h"
 #include "Protocol/TextWriter.h"
 #include "Tramel/StrParser.h"
 
@@ -92,8 +93,9 @@ int CRtspParser::check_message(const char* buffer, unsigned int length, rtsp_msg
     const bool wrong_start = start.first < 1 && start.second >= RTSP_METHOD_UNKNOWN;
     const int status = wrong_start ? 0 : parse_status_code(header);
     if (wrong_start || status < 0) {
-        logError("%s:%d RTSP_WRONG_FORMATA:%.*s\nrecv_len:%d\n", __FILE__, __LINE__, static_cast<int>(buffer_length),
-                 buffer, static_cast<int>(length));
+        const CLogQuote quote(Ostra::LOG_LEVEL_ERROR, buffer, buffer_length);
+        logError("%s:%d RTSP_WRONG_FORMATA:%s\nrecv_len:%d\n", __FILE__, __LINE__, quote.Text(),
+                 static_cast<int>(length));
         return RTSP_BAD_MESSAGE;
     }
     if (info != nullptr) {

@@ -2,6 +2,7 @@
 #include <algorithm>
 #include <cstring>
 
+#include "Protocol/LogQuote.h"
 #include "Protocol/RtspReqParser.h"
 #include "Protocol/TextWriter.h"
 #include "Tramel/StrParser.h"
@@ -130,10 +131,12 @@ int CRtspReqParser::read_by_method(CStrParser& text) {
         case RTSP_METHOD_SET_PARAMETER:
         case RTSP_METHOD_GET_PARAMETER:
             return m_status == STATUS_OK ? parse_body(text) : RTSP_OK;
-        default:
+        default: {
             text.ResetAll();
-            logWarn("%s:%d unknow method!\nrecv:%.*s\n", __FILE__, __LINE__, text.GetStringLen(), text.GetString());
+            const CLogQuote quote(Ostra::LOG_LEVEL_WARN, text.GetString(), static_cast<size_t>(text.GetStringLen()));
+            logWarn("%s:%d unknow method!\nrecv:%s\n", __FILE__, __LINE__, quote.Text());
             return RTSP_OK;
+        }
     }
 }
 

@@ -1,6 +1,7 @@
 // The reading half: requests.
 #include "Protocol/RtspRspParser.h"
 
+#include "Protocol/LogQuote.h"
 #include "Protocol/RtspTables.h"
 #include "Protocol/TextWriter.h"
 #include "Tramel/StrParser.h"
@@ -103,11 +104,15 @@ int CRtspRspParser::read_by_method(CStrParser& text) {
         case RTSP_METHOD_GET_PARAMETER:
             return parse_body(text);
         default:
-            text.ResetAll();
-            logWarn("%s:%d RTSP Command[%d]: %.*s not supported \n", __FILE__, __LINE__, m_method, text.GetStringLen(),
-                    text.GetString());
+            report_unknown(text);
             return RTSP_UNKNOWN_METHOD;
     }
+}
+
+void CRtspRspParser::report_unknown(CStrParser& text) const {
+    text.ResetAll();
+    const CLogQuote quote(Ostra::LOG_LEVEL_WARN, text.GetString(), static_cast<size_t>(text.GetStringLen()));
+    logWarn("%s:%d RTSP Command[%d]: %s not supported \n", __FILE__, __LINE__, m_method, quote.Text());
 }
 
 // The first "rtsp://" of the message, on whichever line it stands, up to white space.

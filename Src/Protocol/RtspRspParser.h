@@ -59,7 +59,7 @@ private:
     int read_request(CStrParser& text);
     bool check_session(CStrParser& text) const;
     int read_by_method(CStrParser& text);
-    int read_play(CStrParser& text);
+    void report_unknown(CStrParser& text) const;
     int read_url(CStrParser& text);
     void detect_client(CStrParser& text);
 

@@ -75,7 +75,7 @@ bool CRtspUrlParser::ParseUrl(const char* url, const unsigned& length) {
 bool CRtspUrlParser::ParseContent(const char* content, unsigned& length) {
     const unsigned int size = content != nullptr ? text_length(content, length) : 0;
     if (size == 0) {
-        std::printf("%s:%d, parse content, invalid parameter. \n", __FILE__, __LINE__);
+        logWarn("%s:%d, parse content, invalid parameter. \n", __FILE__, __LINE__);
         return false;
     }
     return m_state != nullptr && guarded(false, [&] { return m_state->parse_content(content, size); });

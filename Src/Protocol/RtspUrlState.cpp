@@ -1,9 +1,9 @@
 #include "Protocol/RtspUrlState.h"
 
 #include <algorithm>
-#include <cstdio>
 #include <cstring>
 
+#include "Protocol/LogQuote.h"
 #include "Protocol/TextWriter.h"
 
 namespace Kavio {
@@ -140,7 +140,7 @@ int CRtspUrlParser::CState::parser_auth_info(CStrParser& parser, std::string& us
     char password_text[AUTH_TEXT_SIZE];
     if (parser.ConsumeSentence(":", user_text, sizeof(user_text)) <= 0 ||
         parser.ConsumeSentence("@", password_text, sizeof(password_text)) < 0) {
-        std::printf("%s:%d, parser_auth_info failed.\n", __FILE__, __LINE__);
+        logWarn("%s:%d, parser_auth_info failed.\n", __FILE__, __LINE__);
         return -1;
     }
     user = user_text;
@@ -348,10 +348,9 @@ int CRtspUrlParser::CState::read_live(CStrParser& parser) {
     return 0;
 }
 
-// The token is printed as it came, to standard output like the faults of credentials and proxies above and below: hosts
-// look for them there, not in the log.
 int CRtspUrlParser::CState::read_token(CStrParser& parser) {
-    std::printf("%s\n", parser.GetString());
+    const CLogQuote quote(Ostra::LOG_LEVEL_INFO, parser.GetString(), static_cast<size_t>(parser.GetStringLen()));
+    logInfo("%s\n", quote.Text());
     step_over(parser, "token=");
     parser.ConsumeSentence("&", m_playback.token, sizeof(m_playback.token));
     m_has_playback = true;
@@ -396,13 +395,13 @@ bool CRtspUrlParser::CState::parse_proxy(CStrParser& parser) {
     step_over(parser, KEY_PROXY);
     if (has_auth) {
         if (parser_auth_info(parser, m_proxy_user, m_proxy_password) < 0) {
-            std::printf("%s:%d, parse auth info failed.\n", __FILE__, __LINE__);
+            logWarn("%s:%d, parse auth info failed.\n", __FILE__, __LINE__);
             return false;
         }
         m_has_auth[1] = true;
     }
     if (parser_connect_info(parser, m_proxy_addr, sizeof(m_proxy_addr), m_proxy_port) < 0) {
-        std::printf("%s:%d, parse connect info failed. \n", __FILE__, __LINE__);
+        logWarn("%s:%d, parse connect info failed. \n", __FILE__, __LINE__);
         return false;
     }
     m_has_proxy_addr = true;
