@@ -41,14 +41,13 @@ void CRtspSvrSession::Start(CSockStream* sock, const char* buf, int len) {
 int CRtspSvrSession::Init() {
     const rtsp_auth_t auth_type = m_config.GetRtspAuthType();
     const rtsp_auth_func_t auth_func = m_config.GetAuthFunc();
-    if (auth_type != 0 && auth_func != nullptr) {
-        m_auth_module = auth_func(auth_type);
-    }
+    bool checks_onvif = false;
     OnvifUserGlobalConfig onvif = {};
     int length = sizeof(onvif);
     if (m_config.GetConfig(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, &onvif, length) == 0) {
-        m_onvif_user_global = onvif.enable != 0;
+        checks_onvif = onvif.enable != 0;
     }
+    m_gate.Open(auth_type != 0 && auth_func != nullptr ? auth_func(auth_type) : nullptr, checks_onvif);
     m_sock->SetSockSendBuf(SEND_BUFFER_SIZE);
     m_stream_sender = CStreamSender::Create();
     if (m_stream_sender != nullptr) {

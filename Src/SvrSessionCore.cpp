@@ -119,7 +119,11 @@ int CSvrSessionCore::take_message(char* cursor) {
         logError("%s:%d ret:%d recv_buf:%s\n", __FILE__, __LINE__, size, cursor);
         return -1;
     }
-    const int passed = check_authority(cursor, size);
+    CSockAddrStorage peer;
+    if (m_gate.Guards()) {
+        m_sock->GetRemoteAddr(&peer);
+    }
+    const int passed = m_gate.Check(info, cursor, size, peer);
     if (passed < 0) {
         logError("%s:%d recv_buf:%s, check_authority ret -1\n", __FILE__, __LINE__, cursor);
         return -1;
@@ -129,6 +133,15 @@ int CSvrSessionCore::take_message(char* cursor) {
         return -1;
     }
     return size;
+}
+
+bool CSvrSessionCore::PassRequest(const rtsp_msg_info& info, const char* text, unsigned int length) {
+    return m_machine.put_rx_event(info, text, length, 0);
+}
+
+bool CSvrSessionCore::SendChallenge(const char* request, unsigned int length, const char* challenge) {
+    m_rsp_parser.parse_request(request, length, nullptr);  // for its CSeq
+    return m_machine.put_tx_event(EVENT_KIND_AUTH, m_rsp_parser.generate_auth_reply(challenge), 0, 0);
 }
 
 // Reports of the client are taken in and have no effect: not even a BYE (RFC 3550 6.6) ends anything.

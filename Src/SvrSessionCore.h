@@ -6,14 +6,13 @@
 #include <cstdint>
 #include <new>
 #include <string>
-#include <thread>
 
+#include "AuthGate.h"
 #include "MachineKeeper.h"
 #include "Protocol/RtspRspParser.h"
 #include "Protocol/SdpParser.h"
 #include "RtspState.h"
 #include "StreamSource/LiveSvrRef.h"
-#include "Vidora/AuthModule.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/LiveChannel.h"
 #include "Vidora/Names.h"
@@ -44,7 +43,7 @@ class CRtpUdpSender;
 // MEMORY     Taken from the system as untouched pages; what a session doesn't use takes no memory. A session that
 //            streams has one page resident, in which everything lies that outlives a message, and some 5 kB of the
 //            heap. A peer can make it keep 4 kB of unread bytes and the machine's ten messages.
-class CSvrSessionCore : public CNetHandler {
+class CSvrSessionCore : public CNetHandler, private IAuthGateOwner {
 public:
     // Only the form without exceptions: `new (std::nothrow)`.
     static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
@@ -52,7 +51,6 @@ public:
 
     // Before the session starts. The event function is taken from the configuration.
     void SetConfig(const CRtspSvrConfig& config);
-    void set_ip_type(int ip_type) { m_ip_type = ip_type; }
     void SetLiveSvr(const CLiveSvrRef& live_svr) { m_live_svr = live_svr; }
 
     // 1 prints the delay of every frame to the debug console, for all sessions of the process; 0, the default, doesn't.
@@ -95,11 +93,10 @@ protected:
 
     CSockStream* m_sock = nullptr;  // the control connection; owned
     CStreamSender* m_stream_sender = nullptr;
-    IAuthModule* m_auth_module = nullptr;  // null: no authentication
+    CAuthGate m_gate{*this};
     CRtspSvrConfig m_config;
     rtsp_event_func_t m_event_func = nullptr;
     CSockAddrStorage m_peer_addr;
-    bool m_onvif_user_global = false;
     bool m_send_rtcp = false;  // set by the derived class
     char* m_recv_buffer;       // RTSP_BUF_LEN bytes and a NUL
     int m_recv_len = 0;
@@ -113,6 +110,15 @@ private:
     // What TrackInfo::flags says.
     enum track_flag_t { TRACK_KNOWN = 1, TRACK_SETUP = 2, TRACK_PLAYING = 4, TRACK_TORN_DOWN = 8, TRACK_PAUSED = 16 };
 
+    // Kinds of the replies that the machine is given; for its log alone.
+    enum event_kind_t {
+        EVENT_KIND_DESCRIBE = 1,
+        EVENT_KIND_REFUSAL = 1,
+        EVENT_KIND_PLAY = 3,
+        EVENT_KIND_PAUSE = 4,
+        EVENT_KIND_AUTH = 8
+    };
+
     // One SDP media.
     struct TrackInfo {
         int track_id;
@@ -124,9 +130,6 @@ private:
         bool has_rtcp;      // since SETUP: reports are sent and taken in,
         unsigned int ssrc;  // under this source identifier
     };
-
-    // What m_auth_state says.
-    enum auth_state_t { AUTH_PASSED = 2, AUTH_RUNNING = 4, AUTH_CHALLENGING = 8, AUTH_VERIFYING = 16 };
 
     // Request dispatch.
     int parse_interleaved(char* cursor);
@@ -140,18 +143,11 @@ private:
     int on_options(const StateEvent& event);
     int refuse_parse(const StateEvent& event);
 
-    // Authentication gate.
-    int check_authority(const char* buffer, int length);
-    int ask_challenge(const char* buffer, int length, const char* url);
-    int check_response(const char* buffer, int length, const char* response, bool onvif);
-    int repeat_challenge(const char* buffer, int length);
-    int save_request(const char* buffer, int length);
-    void on_challenge_result(IAuthModule::auth_result_t result, const char* auth_info);
-    void take_waiting_auth_result();
-    void take_auth_result(IAuthModule::auth_result_t result, const char* auth_info);
-    int auth_status(IAuthModule::auth_result_t result, const char* auth_info);
-    void send_saved_challenge();
-    void pass_saved_request();
+    // For the gate.
+    bool PassRequest(const rtsp_msg_info& info, const char* text, unsigned int length) override;
+    bool SendChallenge(const char* request, unsigned int length, const char* challenge) override;
+    void BreakOff() override { put_asyn_msg(MSG_SRC_FAIL); }
+    void WakeGate() override { Notify(GetID(), MSG_SESSION_AUTH, 0); }
 
     // DESCRIBE.
     int on_describe(const StateEvent& event);
@@ -278,18 +274,6 @@ private:
     long m_rtcp_timer = 0;
     int m_timeout_mask = 0;  // time-outs seen: 1 control, 2 UDP keep-alive
     int m_timeout_need = 1;  // the mask at which the session ends
-    int m_ip_type = 1;
-
-    // Authentication.
-    int m_auth_state = 0;
-    std::string m_challenge;                                        // for a 401
-    std::string m_saved_request;                                    // held while the module judges
-    std::atomic<std::thread::id> m_auth_caller{std::thread::id()};  // the thread that is inside the module now
-    CMutex m_auth_mutex;
-    bool m_auth_answered VIDORA_GUARDED_BY(m_auth_mutex) = false;
-    IAuthModule::auth_result_t m_auth_answer VIDORA_GUARDED_BY(m_auth_mutex) = IAuthModule::AUTH_RESULT_DENIED;
-    bool m_auth_has_text VIDORA_GUARDED_BY(m_auth_mutex) = false;
-    std::string m_auth_text VIDORA_GUARDED_BY(m_auth_mutex);
 
     // Frame loss; m_last_frame belongs to the source's thread while a sink is attached.
     unsigned int m_last_frame[MAX_TRACKS] = {};

@@ -45,10 +45,7 @@ void set_delay_log_command(int argc, char** argv) {
 }  // namespace
 
 CSvrSessionCore::~CSvrSessionCore() {
-    if (m_auth_module != nullptr) {
-        m_auth_module->Release();
-        m_auth_module = nullptr;
-    }
+    m_gate.Release();
     if (m_sock != nullptr) {
         RemoveSock(*m_sock);
     }
@@ -114,12 +111,14 @@ int CSvrSessionCore::on_pause(const StateEvent& event) {
 
 int CSvrSessionCore::reply_pause() {
     m_streaming = false;
-    return m_machine.put_tx_event(4, m_rsp_parser.generate_reply(nullptr, 200, nullptr), 200, m_wait_id) ? 0 : -1;
+    return m_machine.put_tx_event(EVENT_KIND_PAUSE, m_rsp_parser.generate_reply(nullptr, 200, nullptr), 200, m_wait_id)
+               ? 0
+               : -1;
 }
 
 // As a reply event with a status above 299 leaves the machine in its state; sent at once it would enter the next one.
 int CSvrSessionCore::refuse_here(const StateEvent& event) {
-    return m_machine.put_tx_event(1, m_rsp_parser.generate_error_reply(455), 455, event.id) ? 1 : -1;
+    return m_machine.put_tx_event(EVENT_KIND_REFUSAL, m_rsp_parser.generate_error_reply(455), 455, event.id) ? 1 : -1;
 }
 
 int CSvrSessionCore::on_unsupported(const StateEvent& event) {
@@ -392,7 +391,7 @@ int CSvrSessionCore::handle_message(long /*sender_id*/, unsigned int msg, long p
             Init();
             break;
         case MSG_SESSION_AUTH:
-            take_waiting_auth_result();
+            m_gate.TakeAnswer();
             break;
         case MSG_SESSION_LOST:
             give_lost_events();

@@ -234,7 +234,7 @@ int CSvrSessionCore::reply_describe() {
         return -1;
     }
     if (m_sdp_result < 0) {
-        m_machine.put_tx_event(1, m_rsp_parser.generate_error_reply(404), 404, m_wait_id);
+        m_machine.put_tx_event(EVENT_KIND_DESCRIBE, m_rsp_parser.generate_error_reply(404), 404, m_wait_id);
     } else {
         build_track_table();
         m_sdp.GetStream();
@@ -242,7 +242,7 @@ int CSvrSessionCore::reply_describe() {
         char reply[RTSP_MAX_MESSAGE + SDP_STREAM_SIZE];
         snprintf(reply, sizeof(reply), "%s%s", m_rsp_parser.generate_describe_reply(static_cast<int>(strlen(sdp))),
                  sdp);
-        m_machine.put_tx_event(1, reply, 200, m_wait_id);
+        m_machine.put_tx_event(EVENT_KIND_DESCRIBE, reply, 200, m_wait_id);
     }
     m_described = true;
     return 0;

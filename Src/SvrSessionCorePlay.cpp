@@ -119,7 +119,7 @@ int CSvrSessionCore::reply_play() {
     } else {
         // This can run the requests that waited behind PLAY. One that ends the play again has the last word.
         const unsigned int round = m_play_round;
-        m_machine.put_tx_event(3, reply, 200, m_wait_id);
+        m_machine.put_tx_event(EVENT_KIND_PLAY, reply, 200, m_wait_id);
         if (m_data_source == nullptr) {
             return warn_play();
         }

@@ -235,7 +235,6 @@ void CSvrSessionManager::start_rtsp_session(CSockStream* sock, const char* buf, 
     m_mutex.enter();
     CRtspSvrConfig config(m_config);
     const CLiveSvrRef live_svr = m_live_svr;
-    const int ip_type = m_ip_type;
     m_mutex.leave();
     if (extra == 1) {
         const rtsp_auth_t no_auth = 0;
@@ -243,7 +242,6 @@ void CSvrSessionManager::start_rtsp_session(CSockStream* sock, const char* buf, 
     }
     session->SetConfig(config);
     session->SetLiveSvr(live_svr);
-    session->set_ip_type(ip_type);
     session->Start(sock, buf, len);
 }
 

@@ -194,11 +194,11 @@ void CRtspUrlParser::CState::remove_expand_info() {
     // With a proxy "proto=" tells the kind of source and stays.
     if (parser.LocateString(KEY_PROXY) < 0 && (position = parser.LocateString(KEY_PROTO)) >= 0) {
         if (parser.LocateString("Kavio3") >= 0) {
-            m_local_stream_proto = 1;
+            m_local_stream_proto = STREAM_PROTO_KAVIO;
         }
         parser.LocateOffset(position);
         if (parser.LocateString("Onvif") >= 0) {
-            m_local_stream_proto = 2;
+            m_local_stream_proto = STREAM_PROTO_ONVIF;
         }
     }
     remove_one_info(parser, position, m_raw_content, without_proto, sizeof(without_proto));

@@ -97,7 +97,7 @@ public:
     src_type_t GetSrcType();
     // The URL of the same content at the upstream server; null unless parsed and proxied.
     char* GetProxyUrl();
-    // 0, or 1 for "proto=" with "Kavio3", or 2 for "proto=" with "Onvif", in a content without a proxy.
+    // A stream_proto_t: 1 for "proto=" with "Kavio3", 2 for "proto=" with "Onvif", in a content without a proxy.
     int GetLocalStreamProto();
     // Copies the credentials of the server (0) or the upstream server (1), each cut at 127 characters. 0, or -1 before
     // a parse, without credentials, or for a null text.

@@ -56,6 +56,13 @@ enum src_type_t {
 // 0: no authentication. Every other value goes unchanged to the host's factory of authentication modules.
 typedef int rtsp_auth_t;
 
+// Stream protocol that a content asks for; see CRtspUrlParser::GetLocalStreamProto.
+enum stream_proto_t {
+    STREAM_PROTO_NONE = 0,
+    STREAM_PROTO_KAVIO = 1,  // with the assist track
+    STREAM_PROTO_ONVIF = 2
+};
+
 // Track kinds of CDataSource::EnableStreamTrack.
 enum stream_track_t { STREAM_TRACK_ASSIST = 1 };
 
