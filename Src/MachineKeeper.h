@@ -41,10 +41,10 @@ public:
     // Enters a state. 0 or -1.
     int set_state(int number);
 
-    // Queues a received message, `length` bytes up to 4064, or runs it here and now. `id` 0 asks for a new identifier.
+    // Queues a received message, `length` bytes up to 4096, or runs it here and now. `id` 0 asks for a new identifier.
     // True if the machine took it, or dropped it because an asynchronous message came before. False for a null text or
-    // one above 4096 bytes. False as well, with message 0x1000 posted, which ends the session, for a text of 4065 to
-    // 4096 bytes, which an event can't hold, and for an eleventh event in flight.
+    // one above 4096 bytes. False as well, with message 0x1000 posted, which ends the session, for an eleventh event in
+    // flight.
     bool put_rx_event(const rtsp_msg_info& info, const char* text, uint32_t length, uint64_t id);
     // The same for a prepared text with its final NUL: a reply, whose `id` is that of the request's event, or a
     // client's request with `id` 0. `kind` is the caller's own. A `status` from 1 to 299 lets the machine enter the

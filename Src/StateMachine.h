@@ -13,8 +13,10 @@
 namespace Kavio {
 namespace Vidora {
 
-// The largest event: header and text. Each node of the pool has room for the text's NUL behind it.
-const uint32_t MAX_EVT_SIZE = 4096;
+// The largest event: its header, and the largest RTSP message as its text. Each node of the pool has room for the
+// text's NUL behind it.
+const uint32_t MAX_MESSAGE_SIZE = 4096;
+const uint32_t MAX_EVT_SIZE = STATE_EVENT_TEXT_OFFSET + MAX_MESSAGE_SIZE;
 
 // CStateMachine: serialises the events of one RTSP conversation and runs them, one at a time, on whatever thread finds
 // the machine free. A request whose reply follows later holds the machine: further messages wait until the event with

@@ -34,6 +34,10 @@ CReactor& CReactor::Instance() {
 
 CReactor::CReactor() : m_socks(m_timers) {}
 
+bool CReactor::IsPoolThread() {
+    return t_is_pool_thread;
+}
+
 int CReactor::Start(unsigned int threads) {
     if (threads < 1 || threads > MAX_THREADS) {
         return -1;

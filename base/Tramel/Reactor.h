@@ -54,6 +54,8 @@ public:
     bool IsRunning() const { return m_running.load(); }
     // Stop waits: only handlers that close get their turn.
     bool IsStopping() const { return m_stopping.load(); }
+    // Whether the caller runs on a thread of the pool.
+    static bool IsPoolThread();
 
     // Posts a message to the handler `target_id` on behalf of `sender_id`, any number; dropped if the target has gone
     // or closes. It runs there later as handle_message(sender_id, msg, param).

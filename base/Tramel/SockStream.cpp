@@ -5,12 +5,21 @@
 #include <poll.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 
 #include "Tramel/SockDetail.h"
 
 namespace Kavio {
 namespace Tramel {
+
+namespace {
+
+const unsigned int MAX_PEER_TIMEOUT_SEC = 3600;
+const int PEER_PROBES = 3;  // in the second half of that time
+const int MS_PER_SECOND = 1000;
+
+}  // namespace
 
 CSockStream::CSockStream() = default;
 
@@ -86,6 +95,26 @@ int CSockStream::GetConnectStatus() {
 
 int CSockStream::SetSockSendBuf(unsigned int bytes) {
     return SetOption(m_fd, SOL_SOCKET, SO_SNDBUF, ClampInt(bytes));
+}
+
+int CSockStream::WatchPeer(unsigned int seconds, bool acknowledged) {
+    const int timeout = static_cast<int>(std::clamp(seconds, 1U, MAX_PEER_TIMEOUT_SEC));
+    const struct {
+        int level;
+        int name;
+        int value;
+    } options[] = {
+        {IPPROTO_TCP, TCP_USER_TIMEOUT, acknowledged ? timeout * MS_PER_SECOND : 0},
+        {IPPROTO_TCP, TCP_KEEPIDLE, std::max(timeout / 2, 1)},
+        {IPPROTO_TCP, TCP_KEEPINTVL, std::max(timeout / (2 * PEER_PROBES), 1)},
+        {IPPROTO_TCP, TCP_KEEPCNT, PEER_PROBES},
+        {SOL_SOCKET, SO_KEEPALIVE, 1},
+    };
+    int result = 0;
+    for (const auto& option : options) {
+        result |= SetOption(m_fd, option.level, option.name, option.value);
+    }
+    return result;
 }
 
 }  // namespace Tramel

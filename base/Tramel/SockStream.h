@@ -33,6 +33,12 @@ public:
     int GetConnectStatus();
     // Asks for a send buffer of `bytes`. 0 or -1.
     int SetSockSendBuf(unsigned int bytes);
+    // Lets the system break the connection, as if the peer had reset it, when the peer's system has not answered for
+    // `seconds` (1 to 3600; others are brought into that range): it is probed while nothing else is under way (RFC 1122
+    // 4.2.3.6). With `acknowledged`, what was sent must be acknowledged in that time as well (RFC 5482), or else in the
+    // system's own, a quarter of an hour; a peer that lives but reads nothing for so long is cut then too. TCP only;
+    // for the present descriptor. 0 or -1.
+    int WatchPeer(unsigned int seconds, bool acknowledged);
 
     // The output queue of the present descriptor, made at the first call; null if memory is short. It lives until the
     // last of the socket and its senders lets go, and fails silently when the descriptor is closed or given away: a
