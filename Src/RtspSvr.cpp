@@ -14,6 +14,12 @@
 namespace Kavio {
 namespace Vidora {
 
+namespace {
+
+const unsigned int MSG_STOP_LISTENING = 0x1f01;
+
+}  // namespace
+
 struct CRtspSvr::Internal {
     CSockAcceptor m_acceptor;
     CSvrSessionManager* m_manager = nullptr;
@@ -42,7 +48,8 @@ CRtspSvr* CRtspSvr::Create(CSockAddrStorage& listen_addr) {
     if (svr == nullptr) {
         return nullptr;
     }
-    if (svr->m_internal == nullptr || svr->m_internal->m_manager == nullptr) {
+    if (svr->m_internal == nullptr || svr->m_internal->m_manager == nullptr ||
+        svr->m_internal->m_manager->Roll() == nullptr) {
         svr->Close();
         return nullptr;
     }
@@ -90,9 +97,32 @@ int CRtspSvr::handle_input(int /*fd*/) {
     return 0;
 }
 
-void CRtspSvr::Close() {
-    if (m_internal != nullptr) {
+// The listener is closed on the server's strand, so that no accept runs on it meanwhile.
+void CRtspSvr::Stop() {
+    m_internal->m_manager->Stop();
+    Notify(GetID(), MSG_STOP_LISTENING, 0);
+}
+
+int CRtspSvr::handle_message(long /*sender_id*/, unsigned int msg, long /*param*/) {
+    if (msg == MSG_STOP_LISTENING) {
         RemoveSock(m_internal->m_acceptor);
+        m_internal->m_acceptor.Close();
+    }
+    return 0;
+}
+
+unsigned int CRtspSvr::EndSessions(unsigned int wait_ms) {
+    return m_internal->m_manager->Roll()->EndAll(wait_ms);
+}
+
+unsigned int CRtspSvr::CountSessions() const {
+    return m_internal->m_manager->Roll()->Count();
+}
+
+// The base takes the listener out of the reactor.
+void CRtspSvr::Close() {
+    if (m_internal != nullptr && m_internal->m_manager != nullptr && m_internal->m_manager->Roll() != nullptr) {
+        m_internal->m_manager->Stop();
     }
     CNetHandler::Close();
 }

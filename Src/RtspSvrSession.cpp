@@ -1,5 +1,6 @@
 #include "RtspSvrSession.h"
 
+#include <algorithm>
 #include <cstring>
 
 #include "Tramel/SockStream.h"
@@ -12,8 +13,17 @@ namespace {
 
 const unsigned int SEND_BUFFER_SIZE = 204800;
 const int64_t US_PER_SECOND = 1000000;
+const unsigned int MAX_PEER_TIMEOUT_SEC = 60;
+const unsigned int MIN_PEER_TIMEOUT_SEC = 10;  // a few retransmissions on a bad line
 
 std::atomic<unsigned int> session_count{0};
+
+// Notices a peer whose machine or link has gone: a player that is silent by right, in a pause or while it watches, has
+// no other end then. One that lives and doesn't read is cut only if there is a keep-alive time.
+void watch_peer(CSockStream& sock, int keep_alive_sec) {
+    const unsigned int timeout = keep_alive_sec > 0 ? static_cast<unsigned int>(keep_alive_sec) : MAX_PEER_TIMEOUT_SEC;
+    sock.WatchPeer(std::clamp(timeout, MIN_PEER_TIMEOUT_SEC, MAX_PEER_TIMEOUT_SEC), keep_alive_sec > 0);
+}
 
 }  // namespace
 
@@ -29,9 +39,14 @@ unsigned int CRtspSvrSession::GetCount() {
     return session_count;
 }
 
+int CRtspSvrSession::Enter(const std::shared_ptr<CSessionRoll>& roll) {
+    m_entry = CSessionEntry::Create(roll, GetID(), MSG_SESSION_END, MSG_SESSION_BROKEN);
+    return m_entry != nullptr ? 0 : -1;
+}
+
 void CRtspSvrSession::Start(CSockStream* sock, const char* buf, int len) {
     m_sock = sock;
-    if (OSTRA_ASSERT(len < RTSP_BUF_LEN) && len > 0) {
+    if (OSTRA_ASSERT(len <= RTSP_BUF_LEN) && len > 0) {
         memcpy(m_recv_buffer, buf, static_cast<size_t>(len));
         m_recv_len = len;
     }
@@ -49,6 +64,7 @@ int CRtspSvrSession::Init() {
     }
     m_gate.Open(auth_type != 0 && auth_func != nullptr ? auth_func(auth_type) : nullptr, checks_onvif);
     m_sock->SetSockSendBuf(SEND_BUFFER_SIZE);
+    watch_peer(*m_sock, m_config.GetKeepAliveTimeout());
     m_stream_sender = CStreamSender::Create();
     if (m_stream_sender != nullptr) {
         m_stream_sender->WaitException(GetID());
@@ -90,6 +106,7 @@ int CRtspSvrSession::handle_input(int fd) {
 }
 
 int CRtspSvrSession::handle_close(CNetHandler* /*handler*/) {
+    const std::unique_ptr<CSessionEntry> entry = std::move(m_entry);  // leaves when nothing of the session is left
     delete this;
     return 0;
 }

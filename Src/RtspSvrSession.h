@@ -1,6 +1,9 @@
 #ifndef VIDORA_RTSPSVRSESSION_H
 #define VIDORA_RTSPSVRSESSION_H
 
+#include <memory>
+
+#include "SessionRoll.h"
 #include "SvrSessionCore.h"
 
 namespace Kavio {
@@ -11,7 +14,9 @@ class CRtspSvrSession : public CSvrSessionCore {
 public:
     CRtspSvrSession();
 
-    // Takes `sock` over with the `len` bytes, below 4096, that were read from it. They are served on the session's
+    // Enters the session in the roll of its server; before Start. 0, or -1 if no session may begin: Close it then.
+    int Enter(const std::shared_ptr<CSessionRoll>& roll);
+    // Takes `sock` over with the `len` bytes, at most 4096, that were read from it. They are served on the session's
     // strand; this call doesn't wait, and the session may be gone when it returns. Called once, when all is set.
     void Start(CSockStream* sock, const char* buf, int len);
 
@@ -27,6 +32,8 @@ protected:
 
 private:
     ~CRtspSvrSession() override;
+
+    std::unique_ptr<CSessionEntry> m_entry;
 };
 
 }  // namespace Vidora

@@ -2,6 +2,7 @@
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -17,8 +18,12 @@ namespace Vidora {
 
 namespace {
 
-const int64_t IDENTIFY_TIMEOUT_US = 5000000;
+const uint64_t IDENTIFY_TIMEOUT_US = 5000000;
+const int MAX_HANDED_LEN = 512;    // of the bytes that come with a connection
+const int FIRST_ROOM = 512;        // enough for what most clients send first
+const int MAX_REQUEST_LEN = 4096;  // as a session takes it
 const char HEAD_END[] = "\r\n\r\n";
+const int HEAD_END_LEN = sizeof(HEAD_END) - 1;
 
 // The hook for the marking of control connections, which are left unmarked on purpose.
 int mark_stream_sock(int /*fd*/, int /*dscp*/) {
@@ -38,7 +43,53 @@ int bounded_length(const char* buf) {
 
 }  // namespace
 
-CSvrSessionManager::CSvrSessionManager() : m_http_manager(new (std::nothrow) CHttpRefuser) {}
+// A connection whose kind isn't known yet.
+struct CSvrSessionManager::TNewConnection {
+    std::unique_ptr<CSockStream> sock;
+    std::unique_ptr<char[]> buf{new (std::nothrow) char[FIRST_ROOM]};
+    int room = FIRST_ROOM;
+    int len = 0;
+    long extra = 0;  // of AddNewConnect; a pointer is not looked at again
+    const uint64_t deadline_us = CTime::getCurrentMicroSecond() + IDENTIFY_TIMEOUT_US;
+
+    // Microseconds that are left; 0 when there are none.
+    int64_t time_left_us() const {
+        const uint64_t now = CTime::getCurrentMicroSecond();
+        return now < deadline_us ? static_cast<int64_t>(deadline_us - now) : 0;
+    }
+
+    // Reads what there is room for: the count, 0, or -1.
+    int receive() {
+        if (len == room && !grow()) {
+            return -1;
+        }
+        const int count = sock->Recv(buf.get() + len, static_cast<unsigned int>(room - len));
+        len += count > 0 ? count : 0;
+        return count;
+    }
+
+    // Whether a request head ends in the last `count` bytes.
+    bool ends_head(int count) const {
+        const char* end = buf.get() + len;
+        const char* begin = buf.get() + std::max(len - count - HEAD_END_LEN + 1, 0);
+        return std::search(begin, end, HEAD_END, HEAD_END + HEAD_END_LEN) != end;
+    }
+
+private:
+    bool grow() {
+        std::unique_ptr<char[]> larger(new (std::nothrow) char[MAX_REQUEST_LEN]);
+        if (larger == nullptr) {
+            return false;
+        }
+        memcpy(larger.get(), buf.get(), static_cast<size_t>(len));
+        buf = std::move(larger);
+        room = MAX_REQUEST_LEN;
+        return true;
+    }
+};
+
+CSvrSessionManager::CSvrSessionManager()
+    : m_roll(CSessionRoll::Create()), m_http_manager(new (std::nothrow) CHttpRefuser) {}
 
 CSvrSessionManager::~CSvrSessionManager() = default;
 
@@ -67,14 +118,23 @@ void CSvrSessionManager::set_ip_type(int ip_type) {
 }
 
 int CSvrSessionManager::add_connection(CSockStream* sock) {
+    std::unique_ptr<CSockStream> owned(sock);
     CGuard guard(m_mutex);
-    mark_locked(sock);
-    return add_waiting_locked(sock, 0);
+    if (m_stopped) {
+        return -1;
+    }
+    mark_locked(*sock);
+    return add_waiting_locked(std::move(owned), 0);
+}
+
+bool CSvrSessionManager::is_stopped() {
+    CGuard guard(m_mutex);
+    return m_stopped;
 }
 
 int CSvrSessionManager::AddNewConnect(int fd, const char* buf, int len, long extra) {
     const int text_len = bounded_length(buf);
-    if (fd < 0 || text_len > MAX_REQUEST_LEN) {
+    if (fd < 0 || text_len > MAX_HANDED_LEN || is_stopped()) {
         logError("%s %d AddNewConnect Failed!len: %d\n", __FILE__, __LINE__, len);
         return -1;  // fd stays the caller's
     }
@@ -84,31 +144,30 @@ int CSvrSessionManager::AddNewConnect(int fd, const char* buf, int len, long ext
             return add_nat_stream(fd, buf, record->values);
         }
     }
-    CSockStream* sock = new (std::nothrow) CSockStream;
+    std::unique_ptr<CSockStream> sock(new (std::nothrow) CSockStream);
     if (sock == nullptr || sock->Attach(fd) < 0) {
         logError("%s %d Attach Sock Failed!\n", __FILE__, __LINE__);
-        delete sock;
         return -1;  // unlike a NAT stream's, this fd stays open and the caller's
     }
     {
         CGuard guard(m_mutex);
-        mark_locked(sock);
+        mark_locked(*sock);
         if (buf == nullptr || strstr(buf, HEAD_END) == nullptr) {
             // Bytes of a request that isn't whole are dropped: the record starts empty.
-            const int result = add_waiting_locked(sock, extra);
+            const int result = add_waiting_locked(std::move(sock), extra);
             if (result < 0) {
                 logError("%s %d TNewConnection bad_alloc!\n", __FILE__, __LINE__);
             }
             return result;
         }
     }
-    const int bytes = len < 0 ? 0 : (len < MAX_REQUEST_LEN ? len : MAX_REQUEST_LEN);
+    const int bytes = std::clamp(len, 0, MAX_HANDED_LEN);
     if (holds(buf, text_len, "GET /") || holds(buf, bytes, "POST /")) {
         logInfo("%s %d HTTP Add New Connect!\n", __FILE__, __LINE__);
-        hand_on(sock, buf, bytes, true, extra);
+        hand_on(sock.release(), buf, bytes, true, extra);
     } else {
         logInfo("%s %d RTSP Add New Connect!\n", __FILE__, __LINE__);
-        hand_on(sock, buf, text_len, false, extra);
+        hand_on(sock.release(), buf, text_len, false, extra);
     }
     return 0;
 }
@@ -129,32 +188,29 @@ int CSvrSessionManager::add_nat_stream(int fd, const char* buf, const int (&valu
     return INatIntake::Get()->add_connection(sock, buf, bounded_length(buf), values, config, live_svr.get());
 }
 
-void CSvrSessionManager::mark_locked(CSockStream* sock) {
+void CSvrSessionManager::mark_locked(const CSockStream& sock) {
     const int dscp = m_config.GetDSCP();
     if (dscp > 0) {
-        mark_stream_sock(sock->GetHandle(), dscp);
+        mark_stream_sock(sock.GetHandle(), dscp);
     }
 }
 
-// Takes `sock` over; it is deleted on failure.
-int CSvrSessionManager::add_waiting_locked(CSockStream* sock, long extra) {
-    TNewConnection* connection = new (std::nothrow) TNewConnection();
-    connections_t::iterator place = m_connections.end();
-    if (connection != nullptr) {
-        connection->sock = sock;
-        connection->extra = extra;
-        try {
-            place = m_connections.insert_or_assign(sock->GetHandle(), connection).first;
-        } catch (const std::bad_alloc&) {
-            delete connection;
-        }
+int CSvrSessionManager::add_waiting_locked(std::unique_ptr<CSockStream> sock, long extra) {
+    std::unique_ptr<TNewConnection> connection(new (std::nothrow) TNewConnection);
+    if (connection == nullptr || connection->buf == nullptr) {
+        return -1;
     }
-    if (place == m_connections.end()) {
-        delete sock;
+    CSockStream& watched = *sock;
+    connection->sock = std::move(sock);
+    connection->extra = extra;
+    connections_t::iterator place;
+    try {
+        place = m_connections.insert_or_assign(watched.GetHandle(), std::move(connection)).first;
+    } catch (const std::bad_alloc&) {
         return -1;
     }
     // A connection that nothing watches would wait for ever.
-    return RegisterSock(*sock, Tramel::SOCK_EVENT_READ, IDENTIFY_TIMEOUT_US) < 0 ? remove_locked(place) : 0;
+    return RegisterSock(watched, Tramel::SOCK_EVENT_READ, IDENTIFY_TIMEOUT_US) < 0 ? drop_locked(place) : 0;
 }
 
 int CSvrSessionManager::handle_input(int fd) {
@@ -164,34 +220,41 @@ int CSvrSessionManager::handle_input(int fd) {
         return 0;
     }
     TNewConnection& connection = *it->second;
-    CSockStream* sock = connection.sock;
-    if (!OSTRA_ASSERT(sock != NULL)) {
+    if (!OSTRA_ASSERT(connection.sock != NULL)) {
         return -1;
     }
     if (connection.len >= MAX_REQUEST_LEN) {
         logWarn("%s:%d Request max buf reached, error, fd:%d \n", __FILE__, __LINE__, fd);
-        return remove_locked(it);
+        return drop_locked(it);
     }
-    const int count =
-        sock->Recv(connection.buf + connection.len, static_cast<unsigned int>(MAX_REQUEST_LEN - connection.len));
+    const int count = connection.receive();
     if (count < 0) {
         logWarn("%s:%d sock recv failed, fd:%d \n", __FILE__, __LINE__, fd);
-        remove_locked(it);
+        drop_locked(it);
         return 0;
     }
-    connection.len += count;
-    if (count == 0 || strstr(connection.buf, HEAD_END) == nullptr) {
-        return 0;
+    if (!connection.ends_head(count)) {
+        return wait_for_rest_locked(it);
     }
-    const TNewConnection known = connection;
-    RemoveSock(*sock);
-    delete it->second;
+    const std::unique_ptr<TNewConnection> known = std::move(it->second);
+    RemoveSock(*known->sock);
     m_connections.erase(it);
     guard.Leave();
     // A connection that starts with neither is RTSP: garbage ends up in the RTSP parser, and dies there.
-    const bool http = holds(known.buf, known.len, "GET /") || holds(known.buf, known.len, "POST /");
-    hand_on(known.sock, known.buf, known.len, http, known.extra);
+    const char* buf = known->buf.get();
+    const bool http = holds(buf, known->len, "GET /") || holds(buf, known->len, "POST /");
+    hand_on(known->sock.release(), buf, known->len, http, known->extra);
     return 0;
+}
+
+// The time runs from the beginning, whatever comes meanwhile: what was a quiet time so far becomes the rest of it.
+int CSvrSessionManager::wait_for_rest_locked(connections_t::iterator it) {
+    const int64_t left_us = it->second->time_left_us();
+    if (left_us == 0) {
+        logWarn("%s:%d handle_input_timeout error, fd:%d \n", __FILE__, __LINE__, it->first);
+        return drop_locked(it);
+    }
+    return RegisterSock(*it->second->sock, Tramel::SOCK_EVENT_READ, left_us);
 }
 
 int CSvrSessionManager::handle_input_timeout(int fd) {
@@ -199,15 +262,13 @@ int CSvrSessionManager::handle_input_timeout(int fd) {
     const auto it = m_connections.find(fd);
     if (it != m_connections.end()) {
         logWarn("%s:%d handle_input_timeout error, fd:%d \n", __FILE__, __LINE__, fd);
-        remove_locked(it);
+        drop_locked(it);
     }
     return -1;
 }
 
-int CSvrSessionManager::remove_locked(connections_t::iterator it) {
+int CSvrSessionManager::drop_locked(connections_t::iterator it) {
     RemoveSock(*it->second->sock);
-    delete it->second->sock;
-    delete it->second;
     m_connections.erase(it);
     return -1;
 }
@@ -228,8 +289,11 @@ void CSvrSessionManager::hand_on(CSockStream* sock, const char* buf, int len, bo
 
 void CSvrSessionManager::start_rtsp_session(CSockStream* sock, const char* buf, int len, long extra) {
     CRtspSvrSession* session = new (std::nothrow) CRtspSvrSession;
-    if (session == nullptr) {
+    if (session == nullptr || session->Enter(m_roll) < 0) {
         delete sock;
+        if (session != nullptr) {
+            session->Close();
+        }
         return;
     }
     m_mutex.enter();
@@ -245,12 +309,21 @@ void CSvrSessionManager::start_rtsp_session(CSockStream* sock, const char* buf, 
     session->Start(sock, buf, len);
 }
 
+void CSvrSessionManager::Stop() {
+    m_roll->Shut();
+    CGuard guard(m_mutex);
+    m_stopped = true;
+    while (!m_connections.empty()) {
+        drop_locked(m_connections.begin());
+    }
+}
+
 void CSvrSessionManager::Close() {
+    if (m_roll != nullptr) {
+        Stop();
+    }
     {
         CGuard guard(m_mutex);
-        while (!m_connections.empty()) {
-            remove_locked(m_connections.begin());
-        }
         m_live_svr = CLiveSvrRef();
         if (m_http_manager != nullptr) {
             m_http_manager->Close();

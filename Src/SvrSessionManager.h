@@ -2,7 +2,9 @@
 #define VIDORA_SVRSESSIONMANAGER_H
 
 #include <map>
+#include <memory>
 
+#include "SessionRoll.h"
 #include "StreamSource/LiveSvrRef.h"
 #include "Vidora/Names.h"
 #include "Vidora/RtspSvrConfig.h"
@@ -15,12 +17,12 @@ class IHttpIntake;
 
 // CSvrSessionManager: holds each new connection until its first bytes tell what it is, and then makes the session.
 //
-// A connection costs one record of fixed size while it waits: at most 512 bytes are read, and 5 seconds without a byte
-// end it. Nothing is ever sent to the peer from here.
-//
+// MEMORY     A connection costs one record with room for 512 bytes while it waits, and one with room for 4096, the size
+//            of the largest request, once it has sent more than that. Five seconds after its beginning it is dropped,
+//            whatever it has sent. Nothing is ever sent to the peer from here.
 // THREADING  All operations: any thread. Making a session never waits: its first request is served on the session's own
 //            strand, so that a slow one holds up neither the listener, nor the connections behind it, nor the caller.
-// OWNERSHIP  Owns waiting connections; a session owns itself. Ended with Close().
+// OWNERSHIP  Owns waiting connections; a session owns itself, and shares the roll. Ended with Close().
 class CSvrSessionManager : public CNetHandler {
 public:
     CSvrSessionManager();
@@ -30,9 +32,14 @@ public:
     // Address family of the listener: 1 IPv4, 2 IPv6.
     void set_ip_type(int ip_type);
 
+    // The sessions made here; null if memory was short at construction.
+    const std::shared_ptr<CSessionRoll>& Roll() const { return m_roll; }
+    // Drops the connections that wait, and makes no session any more.
+    void Stop();
+
     // See CRtspSvr::AddNewConnect.
     int AddNewConnect(int fd, const char* buf, int len, long extra);
-    // Takes a connection over that the listener has accepted. 0, or -1 if memory is short.
+    // Takes a connection over that the listener has accepted. 0, or -1: stopped, or memory is short.
     int add_connection(CSockStream* sock);
 
     int handle_input(int fd) override;
@@ -41,27 +48,24 @@ public:
     void Close() override;
 
 private:
-    static const int MAX_REQUEST_LEN = 512;
-
-    // A connection whose kind isn't known yet.
-    struct TNewConnection {
-        CSockStream* sock;
-        char buf[MAX_REQUEST_LEN + 4];  // zeroed, so that it stays NUL-terminated
-        int len;
-        long extra;  // of AddNewConnect; a pointer is not looked at again
-    };
-    typedef std::map<int, TNewConnection*> connections_t;
+    struct TNewConnection;
+    typedef std::map<int, std::unique_ptr<TNewConnection>> connections_t;
 
     ~CSvrSessionManager() override;
 
     int add_nat_stream(int fd, const char* buf, const int (&values)[4]);
-    int add_waiting_locked(CSockStream* sock, long extra) VIDORA_REQUIRES(m_mutex);
-    void mark_locked(CSockStream* sock) VIDORA_REQUIRES(m_mutex);
-    int remove_locked(connections_t::iterator it) VIDORA_REQUIRES(m_mutex);
+    int add_waiting_locked(std::unique_ptr<CSockStream> sock, long extra) VIDORA_REQUIRES(m_mutex);
+    void mark_locked(const CSockStream& sock) VIDORA_REQUIRES(m_mutex);
+    int wait_for_rest_locked(connections_t::iterator it) VIDORA_REQUIRES(m_mutex);
+    int drop_locked(connections_t::iterator it) VIDORA_REQUIRES(m_mutex);
+    bool is_stopped();
     void hand_on(CSockStream* sock, const char* buf, int len, bool http, long extra);
     void start_rtsp_session(CSockStream* sock, const char* buf, int len, long extra);
 
+    const std::shared_ptr<CSessionRoll> m_roll;
+
     CMutex m_mutex;
+    bool m_stopped VIDORA_GUARDED_BY(m_mutex) = false;
     CLiveSvrRef m_live_svr VIDORA_GUARDED_BY(m_mutex);
     CRtspSvrConfig m_config VIDORA_GUARDED_BY(m_mutex);
     int m_ip_type VIDORA_GUARDED_BY(m_mutex) = 2;

@@ -23,13 +23,17 @@ struct RtspSvrStatistics {
 
 // CRtspSvr: an RTSP server (RFC 2326) on one listening address.
 //
-// Order of use: CNetThread::CreateThreadPool, CRtspSvr::Create, SetLiveSvr, SetConfig, and Close at the end. Close ends
-// the listener and the connections that haven't sent their first request; sessions that run end by their own connection
-// or source. Several servers may run in one process.
+// Order of use: CNetThread::CreateThreadPool, CRtspSvr::Create, SetLiveSvr, SetConfig; at the end Stop, EndSessions and
+// Close, or Close alone. Several servers may run in one process.
 //
-// THREADING  All operations: any thread; none from inside a lock that a callback of the host's needs. Call Close once;
-//            the pointer is dead after it.
+// A connection is read until its first request is whole, up to 4096 bytes, and dropped when that takes more than five
+// seconds. A peer whose machine or link has gone, whatever it was doing, is noticed after the configured time-out, 60
+// seconds at most.
+//
+// THREADING  All operations: any thread, also in a callback; none from inside a lock that a callback of the host's
+//            needs. Call Close once; the pointer is dead after it.
 // OWNERSHIP  The server and its sessions keep the CLiveSvr allocated; the host may close it before or after the server.
+//            Sessions may outlive the server.
 class VIDORA_API CRtspSvr : public CNetHandler {
 public:
     // Opens the listener at `listen_addr`; null, with a log line, if the address is invalid or can't be bound, or
@@ -50,8 +54,23 @@ public:
     // can't be taken.
     int AddNewConnect(int fd, const char* buf, int len, long extra);
 
+    // Ends the listener and the connections that haven't sent their first request; no session begins any more. Those
+    // that run go on. The address is free again shortly after. More than once does no harm.
+    void Stop();
+    // Ends all sessions of this server that run now, players and idle ones alike, as a broken connection would: each
+    // stops its media, lets go of its source and closes its connection, on its own strand. The server goes on; new
+    // sessions may begin unless it was stopped. Waits up to `wait_ms` milliseconds (0: not at all) until nothing is
+    // left of them, but never on a thread of the pool, that is, in a callback, where it returns at once. How many of
+    // those that were told to end, now or before, are left.
+    unsigned int EndSessions(unsigned int wait_ms);
+    // Sessions of this server that live now: from the first whole request of a connection until the session's last
+    // callback is over.
+    unsigned int CountSessions() const;
+
+    // Ends the listener as Stop does, and the server. Sessions that run end by their own connection or source.
     void Close() override;
     int handle_input(int fd) override;
+    int handle_message(long sender_id, unsigned int msg, long param) override;
     int handle_close(CNetHandler* handler) override;
 
     // Plain RTSP sessions that live now, in the whole process.

@@ -44,7 +44,7 @@ TEST_F(Intake, FirstBytesDecideWhatAConnectionIs) {
         {"GET /x HTTP/1.0\r\n\r\n", "RTSP over HTTP is not served"},
         {"some get /x\r\n\r\n", "RTSP over HTTP is not served"},  // anywhere, in any case
         {"POST /x HTTP/1.0\r\n\r\n", "RTSP over HTTP is not served"},
-        {std::string(512, 'x') + "\r\n\r\n", "Request max buf reached, error, fd:"},
+        {std::string(4096, 'x') + "\r\n\r\n", "Request max buf reached, error, fd:"},
         {"hello\r\n\r\n", "RTSP_WRONG_FORMATA:"},
         {std::string("\0\1\2$\xff\xff\r\n\r\n", 10), ""},
         {"PLAY * RTSP/1.0\r\nContent-Length: -5\r\nCSeq: 1\r\n\r\n", ""},
@@ -69,19 +69,37 @@ TEST_F(Intake, FirstBytesDecideWhatAConnectionIs) {
     EXPECT_EQ(200, slow.Reply().status);
 }
 
-TEST_F(Intake, ConnectionsThatSayNothingAreDropped) {
+// From the accept on, not from the last byte.
+TEST_F(Intake, ConnectionsHaveFiveSecondsForTheirFirstRequest) {
     StartServer();
     Support::CLogCapture log;
     CRtspTestClient silent(m_port), partial(m_port), slow(m_port);
     partial.Send("OPTIONS * RTSP/1.0\r\n");
-    for (int i = 0; i < 4; ++i) {  // each byte gives it five more seconds
-        slow.Send("O");
-        usleep(1500000);
+    EXPECT_TRUE(Support::WaitUntil([&] { return !slow.Send("O") || slow.Closed(100); }));
+    EXPECT_TRUE(silent.Closed());
+    EXPECT_TRUE(partial.Closed());
+    EXPECT_EQ(3, log.Count("handle_input_timeout error, fd:"));
+}
+
+// The first one of a connection, which the intake reads, and a later one.
+TEST_F(Intake, RequestsOf4096BytesAreServed) {
+    StartServer();
+    CRtspTestClient client(m_port);
+    for (const size_t size : {4096u, 4096u, 513u}) {
+        std::string request = client.Request("OPTIONS", "*", "X: \r\n");
+        request.insert(request.size() - 4, size - request.size(), 'x');
+        ASSERT_EQ(size, request.size());
+        ASSERT_TRUE(client.Send(request));
+        EXPECT_EQ(200, client.Reply().status) << size;
     }
-    EXPECT_TRUE(silent.Closed(1));
-    EXPECT_TRUE(partial.Closed(1));
-    EXPECT_FALSE(slow.Closed(1));
-    EXPECT_EQ(2, log.Count("handle_input_timeout error, fd:"));
+    CRtspTestClient cut(m_port);
+    std::string request = cut.Request("OPTIONS", "*", "X: \r\n");
+    request.insert(request.size() - 4, 4096 - request.size(), 'x');
+    for (size_t at = 0; at < request.size(); at += 511) {
+        cut.Send(request.substr(at, 511));
+        usleep(1000);
+    }
+    EXPECT_EQ(200, cut.Reply().status);
 }
 
 TEST_F(Intake, HandedInConnections) {

@@ -3,6 +3,7 @@
 #include <thread>
 
 #include "server/ServerFixture.h"
+#include "support/Loopback.h"
 #include "support/UdpPeer.h"
 
 namespace Kavio {
@@ -283,6 +284,63 @@ TEST_F(Lifecycle, SessionsAndChannelsComeAndGoAtOnce) {
     EXPECT_LT(20, played);
     EXPECT_TRUE(SessionsGone());
     EXPECT_TRUE(Support::WaitUntil([] { return CFakeStreamSource::LiveCount() == 1; }));
+}
+
+// Clients in every state, of two servers: those of the one end, through their own strands, and it goes on.
+TEST_F(Lifecycle, AServerEndsItsOwnSessions) {
+    CFakeStreamSource* source = StartWithChannel();
+    CSockAddrStorage any("127.0.0.1", static_cast<unsigned short>(Support::CBoundSocket(SOCK_STREAM).Port()));
+    CRtspSvr* other_svr = CRtspSvr::Create(any);
+    ASSERT_NE(nullptr, other_svr);
+    CRtspTestClient other(any.GetPort());
+    ASSERT_EQ(200, other.Ask("OPTIONS", "*").status);
+    CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
+    CRtspTestClient idle(m_port), described(m_port), tcp(m_port), udp(m_port), file(m_port), waiting(m_port);
+    CUdpPeer rtp;
+    ASSERT_EQ(200, idle.Ask("OPTIONS", "*").status);
+    ASSERT_EQ(200, described.Ask("DESCRIBE", Url()).status);
+    PlayInterleaved(tcp);
+    Play(udp, UdpTransport(rtp.Port()));
+    PlayInterleaved(file, FILE_CONTENT);
+    ASSERT_TRUE(Give(source, 10));
+    EXPECT_EQ(5u, m_svr->CountSessions());
+    EXPECT_EQ(1u, other_svr->CountSessions());
+
+    EXPECT_EQ(0u, m_svr->EndSessions(20000));
+    EXPECT_EQ(0u, m_svr->CountSessions());
+    for (CRtspTestClient* client : {&idle, &described, &tcp, &udp, &file}) {
+        EXPECT_TRUE(client->Closed(1));
+    }
+    EXPECT_TRUE(Support::WaitUntil([&] { return !GiveVideo(source, 20); }));  // nobody wants it any more
+    EXPECT_EQ(200, waiting.Ask("OPTIONS", "*").status);
+    EXPECT_EQ(200, other.Ask("OPTIONS", "*").status);
+
+    m_svr->Stop();
+    m_svr->Stop();
+    EXPECT_EQ(200, waiting.Ask("OPTIONS", "*").status);
+    EXPECT_EQ(-1, m_svr->AddNewConnect(0, nullptr, 0, 0));
+    EXPECT_TRUE(Support::WaitUntil([&] { return !CRtspTestClient(m_port).Connected(); }));
+    m_svr->EndSessions(0);
+    EXPECT_TRUE(waiting.Closed());
+    other_svr->Close();
+    other.Close();
+}
+
+CRtspSvr* g_svr_to_end = nullptr;
+
+void EndSessionsOnConnect(event_type_t event, void*, int) {
+    if (event == EVENT_CLIENT_CONNECTED) {
+        EXPECT_EQ(1u, g_svr_to_end->EndSessions(20000));  // its own session is one of those
+    }
+}
+
+TEST_F(Lifecycle, AServerEndsItsSessionsInACallbackOfOneOfThem) {
+    SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, &EndSessionsOnConnect);
+    StartServer();
+    g_svr_to_end = m_svr;
+    CRtspTestClient client(m_port);
+    client.Send(OPTIONS_TEXT);
+    EXPECT_TRUE(client.Closed());
 }
 
 TEST_F(Lifecycle, AFormatChangeEndsRtpAndNotPrivateSessions) {
