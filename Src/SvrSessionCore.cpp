@@ -147,10 +147,10 @@ bool CSvrSessionCore::SendChallenge(const char* request, unsigned int length, co
 // Reports of the client are taken in and have no effect: not even a BYE (RFC 3550 6.6) ends anything.
 void CSvrSessionCore::on_interleaved(const unsigned char* data, unsigned int length, int channel) {
     const int index = channel / 2;
-    if (index >= m_track_count || !m_tracks[index].has_rtcp) {
+    if (index >= m_tracks.Count() || !m_tracks.At(index).reports) {
         return;
     }
-    CRtcpParser parser(m_tracks[index].ssrc);
+    CRtcpParser parser(m_tracks.At(index).ssrc);
     parser.ParseData(data, &length, true);
     int count = 0;
     const rtcp_pack* packets = parser.get_packets(&count);

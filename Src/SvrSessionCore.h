@@ -13,6 +13,7 @@
 #include "Protocol/SdpParser.h"
 #include "RtspState.h"
 #include "StreamSource/LiveSvrRef.h"
+#include "TrackTable.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/LiveChannel.h"
 #include "Vidora/Names.h"
@@ -66,7 +67,6 @@ public:
 
 protected:
     static const int RTSP_BUF_LEN = 4096;
-    static const int MAX_TRACKS = 8;  // channel pairs of a sink
     static const std::size_t BUFFER_PAGE = 4096;
 
     // Messages that the session sends itself.
@@ -107,9 +107,6 @@ protected:
 private:
     friend struct RtspServerOwner<CSvrSessionCore>;
 
-    // What TrackInfo::flags says.
-    enum track_flag_t { TRACK_KNOWN = 1, TRACK_SETUP = 2, TRACK_PLAYING = 4, TRACK_TORN_DOWN = 8, TRACK_PAUSED = 16 };
-
     // Kinds of the replies that the machine is given; for its log alone.
     enum event_kind_t {
         EVENT_KIND_DESCRIBE = 1,
@@ -117,18 +114,6 @@ private:
         EVENT_KIND_PLAY = 3,
         EVENT_KIND_PAUSE = 4,
         EVENT_KIND_AUTH = 8
-    };
-
-    // One SDP media.
-    struct TrackInfo {
-        int track_id;
-        int rtp_channel;
-        int rtcp_channel;
-        int send_channel;  // of the sink; -1 until SETUP
-        unsigned int flags;
-        int direction;      // CSdpParser::get_direction
-        bool has_rtcp;      // since SETUP: reports are sent and taken in,
-        unsigned int ssrc;  // under this source identifier
     };
 
     // Request dispatch.
@@ -161,20 +146,15 @@ private:
     void stop_waiting_for_sdp();
     int retry_describe();
     int reply_describe();
-    void build_track_table();
 
     // SETUP.
     int on_setup(const StateEvent& event);
-    int setup_multicast(TrackInfo& track, transport_info& transport);
-    int setup_interleaved(TrackInfo& track, transport_info& transport);
-    int setup_udp(TrackInfo& track, transport_info& transport);
+    int setup_multicast(CTrack& track, transport_info& transport);
+    int setup_interleaved(CTrack& track, transport_info& transport);
+    int setup_udp(CTrack& track, transport_info& transport);
     int make_media_sender();
     int make_udp_sender(bool multicast);
-    int finish_setup(TrackInfo& track, transport_info& transport, int channel);
-    int find_track_id(const char* url);
-    TrackInfo* find_track(int track_id);
-    void add_setup_track(int track_id);
-    void remove_setup_track(int track_id);
+    int finish_setup(CTrack& track, transport_info& transport, int channel);
 
     // PLAY.
     int on_play(const StateEvent& event);
@@ -182,14 +162,13 @@ private:
     int play_data_source(const StateEvent& event);
     int reply_play();
     int warn_play();
-    int build_rtp_info(rtp_info_entry* table, int* count);
-    const rtp_info_entry* find_rtp_info(const rtp_info_entry* table, int count, int track_id) const;
+    int build_rtp_info(const CTrack* single, rtp_info_entry* table, int* count);
     const char* generate_play_reply(const rtp_info_entry* entries, int count);
     void restart_report_timer();
-    int start_media(TrackInfo* single, int cseq);
+    int start_media(const CTrack* single, int cseq);
     int attach_sinks();
     int attach_live();
-    void switch_track(const TrackInfo& track, bool on);
+    void switch_track(const CTrack& track, bool on);
     int start_data_source(int cseq);
 
     // Parameters, PAUSE, TEARDOWN.
@@ -198,14 +177,14 @@ private:
     int on_pause(const StateEvent& event);
     int reply_pause();
     int on_teardown(const StateEvent& event);
-    int teardown_track(TrackInfo& track);
+    int teardown_track(CTrack& track);
     int stop_data_source();
     int refuse_here(const StateEvent& event);
     int on_unsupported(const StateEvent& event);
 
     // Timers, reports, failures and the end.
     int send_rtcp_report(int track_filter, bool with_bye);
-    int send_track_report(const TrackInfo& track, bool with_bye);
+    int send_track_report(const CTrack& track, bool with_bye);
     int send_interleaved_report(unsigned char* buffer, unsigned int length, int channel);
     int send_udp_report(const unsigned char* report, unsigned int length, int channel);
     void on_frame_info(CMediaPacket* packet, int length, int unused);
@@ -255,11 +234,7 @@ private:
     packet_type_t m_source_type = PACKET_TYPE_NONE;    // in this form
     bool m_streaming = false;                          // from the end of a PLAY to a PAUSE or whole TEARDOWN
 
-    // Tracks.
-    TrackInfo m_tracks[MAX_TRACKS] = {};
-    int m_track_count = 0;
-    int m_setup_tracks[MAX_TRACKS] = {};  // track identifiers, ascending
-    int m_setup_count = 0;
+    CTrackTable m_tracks{m_sdp};
 
     // Dialogue.
     uint64_t m_wait_id = 0;  // the event that a late reply answers
@@ -276,7 +251,7 @@ private:
     int m_timeout_need = 1;  // the mask at which the session ends
 
     // Frame loss; m_last_frame belongs to the source's thread while a sink is attached.
-    unsigned int m_last_frame[MAX_TRACKS] = {};
+    unsigned int m_last_frame[CTrackTable::MAX_TRACKS] = {};
     std::atomic<unsigned int> m_lost_count{0};
 
     CMachineKeeper m_machine;

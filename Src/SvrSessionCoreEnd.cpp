@@ -95,12 +95,9 @@ int CSvrSessionCore::on_pause(const StateEvent& event) {
     if (m_is_live || m_data_source == nullptr) {
         return refuse_here(event);  // a channel that others share can't be paused
     }
-    const int track_id = find_track_id(m_rsp_parser.get_url());
-    for (int i = 0; i < m_track_count; ++i) {
-        if (track_id < 0 || m_tracks[i].track_id == track_id) {
-            m_tracks[i].flags |= TRACK_PAUSED;
-            m_tracks[i].flags &= ~static_cast<unsigned int>(TRACK_PLAYING);
-        }
+    const int track_id = m_tracks.IdOfUrl(m_rsp_parser.get_url());
+    for (CTrack& track : m_tracks) {
+        track.playing = track.playing && track_id >= 0 && track.track_id != track_id;
     }
     ++m_play_round;
     m_source_started = false;
@@ -137,17 +134,14 @@ int CSvrSessionCore::on_teardown(const StateEvent& event) {
     if (parse_event(event) < 0) {
         return refuse_parse(event);
     }
-    const int track_id = find_track_id(m_rsp_parser.get_url());
+    const int track_id = m_tracks.IdOfUrl(m_rsp_parser.get_url());
     ++m_play_round;
     if (track_id >= 0) {
-        TrackInfo* track = find_track(track_id);
+        CTrack* track = m_tracks.Find(track_id);
         return track == nullptr ? send_error(200) : teardown_track(*track);
     }
     send_rtcp_report(-1, true);
-    m_setup_count = 0;
-    for (int i = 0; i < m_track_count; ++i) {
-        m_tracks[i].flags = 0;
-    }
+    m_tracks.Clear();
     m_streaming = false;
     send_error(200);
     stop_media();
@@ -155,17 +149,14 @@ int CSvrSessionCore::on_teardown(const StateEvent& event) {
     return 0;
 }
 
-int CSvrSessionCore::teardown_track(TrackInfo& track) {
-    if (track.direction == SDP_DIRECTION_SENDONLY) {
+int CSvrSessionCore::teardown_track(CTrack& track) {
+    if (!track.sends) {
         return send_error(200);
     }
     send_rtcp_report(track.track_id, true);
-    if ((track.flags & (TRACK_PLAYING | TRACK_SETUP)) != 0) {
-        switch_track(track, false);
-    }
-    track.flags &= ~static_cast<unsigned int>(TRACK_PLAYING | TRACK_SETUP);
-    track.flags |= TRACK_TORN_DOWN;
-    remove_setup_track(track.track_id);
+    switch_track(track, false);
+    track.playing = false;
+    track.set_up = false;
     send_error(200);
     stop_data_source();  // for all tracks: there is no stop of one
     return 0;
@@ -228,13 +219,11 @@ int CSvrSessionCore::send_rtcp_report(int track_filter, bool with_bye) {
     if (!has_source()) {
         return -1;
     }
-    for (int i = 0; i < m_track_count; ++i) {
-        TrackInfo& track = m_tracks[i];
-        if (track.direction == SDP_DIRECTION_SENDONLY || (track.flags & TRACK_PLAYING) == 0 ||
-            (track_filter != -1 && track.track_id != track_filter)) {
+    for (const CTrack& track : m_tracks) {
+        if (!track.playing || (track_filter != -1 && track.track_id != track_filter)) {
             continue;
         }
-        if (!track.has_rtcp) {
+        if (!track.reports) {
             return 0;
         }
         if (send_track_report(track, with_bye) < 0) {
@@ -244,7 +233,7 @@ int CSvrSessionCore::send_rtcp_report(int track_filter, bool with_bye) {
     return 0;
 }
 
-int CSvrSessionCore::send_track_report(const TrackInfo& track, bool with_bye) {
+int CSvrSessionCore::send_track_report(const CTrack& track, bool with_bye) {
     SrcInfo info;
     if (of_source([&](auto& source) { return source.GetSrcInfo(info, track.track_id); }) < 0) {
         return -1;
@@ -320,7 +309,7 @@ void CSvrSessionCore::on_frame_info(CMediaPacket* packet, int length, int /*unus
         return;
     }
     const CFrameInfo& info = *static_cast<const CFrameInfo*>(packet);
-    if (info.m_track >= static_cast<unsigned int>(MAX_TRACKS)) {
+    if (info.m_track >= static_cast<unsigned int>(CTrackTable::MAX_TRACKS)) {
         return;
     }
     unsigned int& last = m_last_frame[info.m_track];

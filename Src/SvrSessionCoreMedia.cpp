@@ -169,15 +169,14 @@ void CSvrSessionCore::release_source() {
     m_media_buffer = nullptr;
     delete m_udp_sender;
     m_udp_sender = nullptr;
-    for (int i = 0; i < MAX_TRACKS; ++i) {
+    for (int i = 0; i < CTrackTable::MAX_TRACKS; ++i) {
         if (m_media_sender != nullptr) {
             m_media_sender->DisableSendChannel(i);
         }
     }
     m_is_live = false;
     m_sdp_result = 0;
-    m_track_count = 0;
-    m_setup_count = 0;
+    m_tracks.Clear();
     m_multicast_setup = false;
     m_source_started = false;
     memset(m_last_frame, 0, sizeof(m_last_frame));  // another source counts anew: its first frame is no loss
@@ -236,7 +235,7 @@ int CSvrSessionCore::reply_describe() {
     if (m_sdp_result < 0) {
         m_machine.put_tx_event(EVENT_KIND_DESCRIBE, m_rsp_parser.generate_error_reply(404), 404, m_wait_id);
     } else {
-        build_track_table();
+        m_tracks.Build();
         m_sdp.GetStream();
         const char* sdp = m_sdp.get_stream();
         char reply[RTSP_MAX_MESSAGE + SDP_STREAM_SIZE];
@@ -246,48 +245,6 @@ int CSvrSessionCore::reply_describe() {
     }
     m_described = true;
     return 0;
-}
-
-void CSvrSessionCore::build_track_table() {
-    const int count = m_sdp.get_media_count();
-    m_track_count = 0;
-    if (count < 1) {
-        logError("%s:%d, media_num <=0, media_num=%d\n", __FILE__, __LINE__, count);
-        return;
-    }
-    // Media beyond the sinks' channels can't be set up.
-    for (int i = 0; i < count && m_track_count < MAX_TRACKS; ++i) {
-        const int track_id = m_sdp.get_track_id(i);
-        if (track_id < 0) {
-            continue;
-        }
-        const int n = m_track_count++;
-        m_tracks[n] = {track_id, 2 * n, 2 * n + 1, -1, TRACK_KNOWN, m_sdp.get_direction(m_sdp.get_index(track_id)),
-                       false,    0};
-    }
-}
-
-// The track whose control text stands in the URL, whatever precedes it; -1, which PLAY reads as all tracks, for none. A
-// control that is a prefix of another one matches the first media of the two.
-int CSvrSessionCore::find_track_id(const char* url) {
-    const int count = m_sdp.get_media_count();
-    for (int i = 0; i < count; ++i) {
-        const char* control = m_sdp.get_control(i);
-        CStrParser text(url, static_cast<unsigned int>(strlen(url)));
-        if (control != nullptr && text.LocateStringInLineCase(control) > 0) {
-            return m_sdp.get_track_id(i);
-        }
-    }
-    return -1;
-}
-
-CSvrSessionCore::TrackInfo* CSvrSessionCore::find_track(int track_id) {
-    for (int i = 0; i < m_track_count; ++i) {
-        if (m_tracks[i].track_id == track_id && m_tracks[i].flags != 0) {
-            return &m_tracks[i];
-        }
-    }
-    return nullptr;
 }
 
 int CSvrSessionCore::on_setup(const StateEvent& event) {
@@ -305,20 +262,20 @@ int CSvrSessionCore::on_setup(const StateEvent& event) {
         m_send_rtcp = false;  // private frames get no sender reports
     }
     const char* url = m_rsp_parser.get_url();
-    const int track_id = find_track_id(url);
+    const int track_id = m_tracks.IdOfUrl(url);
     if (track_id < 0) {
         logError("%s %d url: %s get track id failed!\n", __FILE__, __LINE__, url);
         return -1;
     }
-    TrackInfo* track = find_track(track_id);
+    CTrack* track = m_tracks.Find(track_id);
     if (track == nullptr) {
         logError("%s %d client process crushed!\n", __FILE__, __LINE__);
         return -1;
     }
-    if (track->direction == SDP_DIRECTION_SENDONLY) {
+    if (!track->sends) {
         return send_error(503);
     }
-    add_setup_track(track_id);
+    track->set_up = true;
     const bool multicast_channel = m_sdp_result == 1;
     if (multicast_channel && transport.multicast == 0) {
         return send_error(461);
@@ -330,32 +287,8 @@ int CSvrSessionCore::on_setup(const StateEvent& event) {
     return multicast_channel ? setup_multicast(*track, transport) : setup_interleaved(*track, transport);
 }
 
-void CSvrSessionCore::add_setup_track(int track_id) {
-    int place = 0;
-    while (place < m_setup_count && m_setup_tracks[place] < track_id) {
-        ++place;
-    }
-    if ((place < m_setup_count && m_setup_tracks[place] == track_id) || m_setup_count >= MAX_TRACKS) {
-        return;
-    }
-    memmove(&m_setup_tracks[place + 1], &m_setup_tracks[place],
-            static_cast<size_t>(m_setup_count - place) * sizeof(m_setup_tracks[0]));
-    m_setup_tracks[place] = track_id;
-    ++m_setup_count;
-}
-
-void CSvrSessionCore::remove_setup_track(int track_id) {
-    int kept = 0;
-    for (int i = 0; i < m_setup_count; ++i) {
-        if (m_setup_tracks[i] != track_id) {
-            m_setup_tracks[kept++] = m_setup_tracks[i];
-        }
-    }
-    m_setup_count = kept;
-}
-
 // The channel's own sockets send; the session only tells the client where.
-int CSvrSessionCore::setup_multicast(TrackInfo& track, transport_info& transport) {
+int CSvrSessionCore::setup_multicast(CTrack& track, transport_info& transport) {
     const int media_port = m_sdp.get_media_port(track.track_id);
     if (transport.rtp_port != 0 && transport.rtp_port != media_port) {
         logError("%s:%d, setup.cli_rtp_channel=%d, sdp_rtp_channel=%d.\n", __FILE__, __LINE__, transport.rtp_port,
@@ -384,7 +317,7 @@ int CSvrSessionCore::setup_multicast(TrackInfo& track, transport_info& transport
 }
 
 // The source decides the channels, not the client's wish (RFC 2326 12.39 lets the server choose).
-int CSvrSessionCore::setup_interleaved(TrackInfo& track, transport_info& transport) {
+int CSvrSessionCore::setup_interleaved(CTrack& track, transport_info& transport) {
     const int channel = of_source([&](auto& source) { return source.GetTcpChannel(track.track_id); });
     if (make_media_sender() < 0 || channel < 0 || channel > HIGHEST_CHANNEL) {
         return -1;
@@ -407,7 +340,7 @@ int CSvrSessionCore::make_media_sender() {
     const int timeout = m_config.GetKeepAliveTimeout();
     m_media_sender->SetSendTimeout(static_cast<unsigned int>(timeout < 0 ? 0 : timeout));
     m_media_sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(this, &CSvrSessionCore::on_frame_info));
-    for (int i = 0; i < MAX_TRACKS; ++i) {
+    for (int i = 0; i < CTrackTable::MAX_TRACKS; ++i) {
         m_media_sender->DisableSendChannel(i);
     }
     return 0;
@@ -415,7 +348,7 @@ int CSvrSessionCore::make_media_sender() {
 
 // A request that can't be served over UDP gets a 461, upon which clients fall back to the control connection. It leaves
 // the session's transport as it was, so that tracks that are set up already still play.
-int CSvrSessionCore::setup_udp(TrackInfo& track, transport_info& transport) {
+int CSvrSessionCore::setup_udp(CTrack& track, transport_info& transport) {
     const int channel = of_source([&](auto& source) { return source.GetTcpChannel(track.track_id); });
     int port = 0;
     if (transport.rtp_port < 1 || transport.rtp_port > MAX_PORT || channel < 0 || channel > HIGHEST_CHANNEL ||
@@ -450,27 +383,24 @@ int CSvrSessionCore::make_udp_sender(bool multicast) {
         return -1;
     }
     sender->SetConfig(&m_config);
-    sender->Init(m_track_count);
+    sender->Init(m_tracks.Count());
     if (multicast) {
         sender->SetTtl(wish->ttl);
     }
     sender->SetRemote(remote);
-    for (int i = 0; i < MAX_TRACKS; ++i) {
+    for (int i = 0; i < CTrackTable::MAX_TRACKS; ++i) {
         sender->DisableTrack(i);
     }
     m_udp_sender = sender;
     return 0;
 }
 
-int CSvrSessionCore::finish_setup(TrackInfo& track, transport_info& transport, int channel) {
+int CSvrSessionCore::finish_setup(CTrack& track, transport_info& transport, int channel) {
     transport.ssrc = of_source([&](auto& source) { return source.GetSSRC(track.track_id); });
     track.send_channel = channel / 2;
-    if (track.flags != TRACK_TORN_DOWN) {
-        switch_track(track, true);
-    }
-    track.flags |= TRACK_SETUP;
-    if (!track.has_rtcp) {
-        track.has_rtcp = true;
+    switch_track(track, true);
+    if (!track.reports) {
+        track.reports = true;
         track.ssrc = transport.ssrc;
     }
     const char* reply = m_rsp_parser.generate_setup_reply(
@@ -483,7 +413,7 @@ int CSvrSessionCore::finish_setup(TrackInfo& track, transport_info& transport, i
 }
 
 // Lets the sink pass a track, or not.
-void CSvrSessionCore::switch_track(const TrackInfo& track, bool on) {
+void CSvrSessionCore::switch_track(const CTrack& track, bool on) {
     if (track.send_channel < 0) {
         return;
     }

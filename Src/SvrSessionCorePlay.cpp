@@ -38,7 +38,7 @@ int CSvrSessionCore::on_play(const StateEvent& event) {
     if (parse_event(event) < 0) {
         return refuse_parse(event);
     }
-    if (m_setup_count == 0) {
+    if (!m_tracks.AnySetUp()) {
         return refuse_here(event);  // every SETUP was refused
     }
     return m_is_live ? reply_play() : play_data_source(event);
@@ -78,35 +78,27 @@ int CSvrSessionCore::on_replay(const StateEvent& event) {
         }
         return send_text(reply);
     }
-    for (int i = 0; i < m_track_count; ++i) {
-        if (m_tracks[i].direction != SDP_DIRECTION_SENDONLY) {
-            m_tracks[i].flags &= ~static_cast<unsigned int>(TRACK_PLAYING);
-        }
+    for (CTrack& track : m_tracks) {
+        track.playing = false;
     }
     return stop_data_source() < 0 ? -1 : play_data_source(event);
 }
 
 // Answers PLAY and starts the media: in the request itself on a live channel, on MSG_PLAY_READY on a data source.
 int CSvrSessionCore::reply_play() {
-    rtp_info_entry table[MAX_TRACKS];
-    int count = 0;
-    if (!has_source() || build_rtp_info(table, &count) < 0) {
+    if (!has_source()) {
         return warn_play();
     }
-    const rtp_info_entry* entries = table;
-    const int track_id = find_track_id(m_rsp_parser.get_url());  // -1: all tracks
-    TrackInfo* single = nullptr;
-    if (track_id >= 0) {
-        entries = find_rtp_info(table, count, track_id);
-        single = find_track(track_id);
-        count = 1;
-        if (entries == nullptr || single == nullptr) {
-            logError("%s %d client process crushed!\n", __FILE__, __LINE__);
-            return -1;
-        }
-        if (single->direction == SDP_DIRECTION_SENDONLY) {
-            return send_error(503);
-        }
+    const int track_id = m_tracks.IdOfUrl(m_rsp_parser.get_url());  // -1: all tracks
+    CTrack* single = track_id < 0 ? nullptr : m_tracks.Find(track_id);
+    if (track_id >= 0 && (single == nullptr || !single->set_up)) {
+        logError("%s %d client process crushed!\n", __FILE__, __LINE__);
+        return -1;
+    }
+    rtp_info_entry entries[CTrackTable::MAX_TRACKS];
+    int count = 0;
+    if (build_rtp_info(single, entries, &count) < 0) {
+        return warn_play();
     }
     const char* reply = generate_play_reply(entries, count);
     if (reply == nullptr) {
@@ -135,31 +127,24 @@ int CSvrSessionCore::warn_play() {
     return -1;
 }
 
-// One entry for each track that was set up, with where its stream is now (RFC 2326 12.33).
-int CSvrSessionCore::build_rtp_info(rtp_info_entry* table, int* count) {
-    *count = m_setup_count;
-    for (int i = 0; i < m_setup_count; ++i) {
-        const int track_id = m_setup_tracks[i];
+// One entry for each track that was set up, or for the one, with where its stream is now (RFC 2326 12.33).
+int CSvrSessionCore::build_rtp_info(const CTrack* single, rtp_info_entry* table, int* count) {
+    for (const CTrack& track : m_tracks) {
+        if (!track.set_up || (single != nullptr && single != &track)) {
+            continue;
+        }
         SrcInfo info;
-        if (of_source([&](auto& source) { return source.GetSrcInfo(info, track_id); }) < 0) {
-            logError("%s:%d, get src info failed., track_id_it=%d.\n", __FILE__, __LINE__, track_id);
+        if (of_source([&](auto& source) { return source.GetSrcInfo(info, track.track_id); }) < 0) {
+            logError("%s:%d, get src info failed., track_id_it=%d.\n", __FILE__, __LINE__, track.track_id);
             return -1;
         }
-        const char* control = m_sdp.get_control_by_id(track_id);
-        snprintf(table[i].url, sizeof(table[i].url), "%s", control == nullptr ? "" : control);
-        table[i].seq = info.seq;
-        table[i].rtptime = info.timestamp;
+        rtp_info_entry& entry = table[(*count)++];
+        const char* control = m_sdp.get_control_by_id(track.track_id);
+        snprintf(entry.url, sizeof(entry.url), "%s", control == nullptr ? "" : control);
+        entry.seq = info.seq;
+        entry.rtptime = info.timestamp;
     }
     return 0;
-}
-
-const rtp_info_entry* CSvrSessionCore::find_rtp_info(const rtp_info_entry* table, int count, int track_id) const {
-    for (int i = 0; i < count && table[i].url[0] != '\0'; ++i) {
-        if (m_sdp.get_track_by_control(table[i].url) == track_id) {
-            return &table[i];
-        }
-    }
-    return nullptr;
 }
 
 const char* CSvrSessionCore::generate_play_reply(const rtp_info_entry* entries, int count) {
@@ -187,23 +172,15 @@ void CSvrSessionCore::restart_report_timer() {
 }
 
 // `single`: the one track that the PLAY named, or null for all.
-int CSvrSessionCore::start_media(TrackInfo* single, int cseq) {
-    if (m_media_started) {
-        if (single != nullptr && (single->flags & TRACK_TORN_DOWN) != 0) {
-            switch_track(*single, true);
-        }
-    } else if (attach_sinks() < 0) {
+int CSvrSessionCore::start_media(const CTrack* single, int cseq) {
+    if (!m_media_started && attach_sinks() < 0) {
         return -1;
     }
     if (!m_is_live && start_data_source(cseq) < 0) {
         return -1;
     }
-    for (int i = 0; i < m_track_count; ++i) {
-        TrackInfo& track = m_tracks[i];
-        if (track.direction != SDP_DIRECTION_SENDONLY && (single == nullptr || single == &track)) {
-            track.flags |= TRACK_PLAYING;
-            track.flags &= ~static_cast<unsigned int>(TRACK_TORN_DOWN | TRACK_PAUSED);
-        }
+    for (CTrack& track : m_tracks) {
+        track.playing = track.playing || (track.sends && (single == nullptr || single == &track));
     }
     m_streaming = true;
     return 0;
