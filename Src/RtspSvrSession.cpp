@@ -28,7 +28,6 @@ void watch_peer(CSockStream& sock, int keep_alive_sec) {
 }  // namespace
 
 CRtspSvrSession::CRtspSvrSession() {
-    m_send_rtcp = true;
     m_live_count = &session_count;
     ++session_count;
 }

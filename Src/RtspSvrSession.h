@@ -29,6 +29,7 @@ public:
 protected:
     int Init() override;
     void close_session() override;
+    bool SendsReports() const override { return true; }
 
 private:
     ~CRtspSvrSession() override;

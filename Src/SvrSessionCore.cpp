@@ -5,12 +5,12 @@
 #include <cstring>
 #include <memory>
 
+#include "InterleavedRoute.h"
 #include "Ostra/PageMemory.h"
 #include "Protocol/RtcpParser.h"
-#include "RtpUdpSender.h"
-#include "Tramel/MediaStreamSender.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StreamSender.h"
+#include "UdpRoute.h"
 #include "Vidora/Ostra/ByteReader.h"
 
 namespace Kavio {
@@ -121,7 +121,7 @@ int CSvrSessionCore::take_message(char* cursor) {
     }
     CSockAddrStorage peer;
     if (m_gate.Guards()) {
-        m_sock->GetRemoteAddr(&peer);
+        GetPeer(peer);
     }
     const int passed = m_gate.Check(info, cursor, size, peer);
     if (passed < 0) {
@@ -180,13 +180,9 @@ int CSvrSessionCore::on_options(const StateEvent& event) {
     return 0;
 }
 
-// The one way out for control bytes. Failures of delivery come back as MSG_SOCK_EXCEPTION and not here: always 0.
+// Failures of delivery come back as MSG_SOCK_EXCEPTION and not here: always 0.
 int CSvrSessionCore::send_data(const char* text, int length) {
-    if (m_streaming && m_media_sender != nullptr) {
-        m_media_sender->SendOtherData(text, length);
-    } else if (m_stream_sender != nullptr) {
-        m_stream_sender->Put(text, static_cast<unsigned int>(length));
-    }
+    SendText(text, length);
     return 0;
 }
 
@@ -197,6 +193,32 @@ int CSvrSessionCore::send_text(const char* text) {
 
 int CSvrSessionCore::send_error(int status) {
     return send_text(m_rsp_parser.generate_error_reply(status));
+}
+
+void CSvrSessionCore::SendText(const char* text, int length) {
+    if (m_stream_sender != nullptr) {
+        m_stream_sender->Put(text, static_cast<unsigned int>(length));
+    }
+}
+
+void CSvrSessionCore::StopSending() {
+    if (m_stream_sender != nullptr) {
+        m_stream_sender->Detach();
+        m_stream_sender->Clear();
+    }
+}
+
+void CSvrSessionCore::GetPeer(CSockAddrStorage& peer) {
+    m_sock->GetRemoteAddr(&peer);
+}
+
+std::unique_ptr<IMediaRoute> CSvrSessionCore::MakeRoute(const RouteWish& wish) {
+    if (wish.transport.transport != RTP_OVER_UDP) {
+        return CInterleavedRoute::Create(m_sock, GetID(), wish);
+    }
+    CSockAddrStorage peer;
+    GetPeer(peer);
+    return CUdpRoute::Create(peer, wish);
 }
 
 int CSvrSessionCore::handle_output(int fd) {

@@ -9,10 +9,13 @@
 
 #include "AuthGate.h"
 #include "MachineKeeper.h"
+#include "MediaRoute.h"
 #include "Protocol/RtspRspParser.h"
 #include "Protocol/SdpParser.h"
 #include "RtspState.h"
+#include "SilenceRule.h"
 #include "StreamSource/LiveSvrRef.h"
+#include "SvrLink.h"
 #include "TrackTable.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/LiveChannel.h"
@@ -22,8 +25,6 @@
 
 namespace Kavio {
 namespace Vidora {
-
-class CRtpUdpSender;
 
 // CSvrSessionCore: one RTSP conversation on the server (RFC 2326): all that a plain and a tunnelled session have in
 // common.
@@ -44,7 +45,7 @@ class CRtpUdpSender;
 // MEMORY     Taken from the system as untouched pages; what a session doesn't use takes no memory. A session that
 //            streams has one page resident, in which everything lies that outlives a message, and some 5 kB of the
 //            heap. A peer can make it keep 4 kB of unread bytes and the machine's ten messages.
-class CSvrSessionCore : public CNetHandler, private IAuthGateOwner {
+class CSvrSessionCore : public CNetHandler, protected ISvrLink, private IAuthGateOwner {
 public:
     // Only the form without exceptions: `new (std::nothrow)`.
     static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
@@ -97,8 +98,7 @@ protected:
     CRtspSvrConfig m_config;
     rtsp_event_func_t m_event_func = nullptr;
     CSockAddrStorage m_peer_addr;
-    bool m_send_rtcp = false;  // set by the derived class
-    char* m_recv_buffer;       // RTSP_BUF_LEN bytes and a NUL
+    char* m_recv_buffer;  // RTSP_BUF_LEN bytes and a NUL
     int m_recv_len = 0;
     std::atomic<unsigned int>* m_live_count = nullptr;  // the derived class's count of its objects, or null
 
@@ -122,11 +122,22 @@ private:
     void empty_buffer(int used, bool messages);
     void on_interleaved(const unsigned char* data, unsigned int length, int channel);
     int parse_event(const StateEvent& event);
-    int send_data(const char* text, int length);
+    int send_data(const char* text, int length);  // for the machine
     int send_text(const char* text);
     int send_error(int status);
     int on_options(const StateEvent& event);
     int refuse_parse(const StateEvent& event);
+
+    // The link, on a TCP connection.
+    long HandlerId() const override { return GetID(); }
+    void Post(unsigned int msg, long param) override { Notify(GetID(), msg, param); }
+    long StartTimer(int64_t period_us) override { return SetTimer(period_us); }
+    void StopTimer(long timer_id) override { DestroyTimer(timer_id); }
+    void SendText(const char* text, int length) override;
+    void StopSending() override;
+    void GetPeer(CSockAddrStorage& peer) override;
+    std::unique_ptr<IMediaRoute> MakeRoute(const RouteWish& wish) override;
+    void CloseLink() override { close_session(); }
 
     // For the gate.
     bool PassRequest(const rtsp_msg_info& info, const char* text, unsigned int length) override;
@@ -149,11 +160,7 @@ private:
 
     // SETUP.
     int on_setup(const StateEvent& event);
-    int setup_multicast(CTrack& track, transport_info& transport);
-    int setup_interleaved(CTrack& track, transport_info& transport);
-    int setup_udp(CTrack& track, transport_info& transport);
-    int make_media_sender();
-    int make_udp_sender(bool multicast);
+    IMediaRoute* find_route(const transport_info& transport);
     int finish_setup(CTrack& track, transport_info& transport, int channel);
 
     // PLAY.
@@ -166,9 +173,7 @@ private:
     const char* generate_play_reply(const rtp_info_entry* entries, int count);
     void restart_report_timer();
     int start_media(const CTrack* single, int cseq);
-    int attach_sinks();
-    int attach_live();
-    void switch_track(const CTrack& track, bool on);
+    int enter_route();
     int start_data_source(int cseq);
 
     // Parameters, PAUSE, TEARDOWN.
@@ -185,8 +190,6 @@ private:
     // Timers, reports, failures and the end.
     int send_rtcp_report(int track_filter, bool with_bye);
     int send_track_report(const CTrack& track, bool with_bye);
-    int send_interleaved_report(unsigned char* buffer, unsigned int length, int channel);
-    int send_udp_report(const unsigned char* report, unsigned int length, int channel);
     void on_frame_info(CMediaPacket* packet, int length, int unused);
     void give_lost_events();
     void on_source_end();
@@ -195,7 +198,7 @@ private:
     int on_sdp_update();
     bool has_same_sdp();
     void stop_media();
-    void leave_channel();
+    LivePlace live_place() const;
     void on_asyn_msg(const StateEvent& event);
 
     // Calls `call` with the source of either kind; one must be there.
@@ -220,15 +223,12 @@ private:
     int m_sdp_result = 0;  // of the last GetSdp: 1 is a channel that is multicast only
 
     // Where it goes.
-    CMediaStreamSender* m_media_sender = nullptr;  // interleaved, on m_sock
-    CRtpUdpSender* m_udp_sender = nullptr;
-    int m_transport = 0;                               // rtp_protocol_t of the last SETUP
+    enum route_kind_t { ROUTE_INTERLEAVED, ROUTE_UDP, ROUTE_CHANNEL, ROUTE_KINDS };
+    std::unique_ptr<IMediaRoute> m_routes[ROUTE_KINDS];
+    IMediaRoute* m_route = nullptr;                    // of the last SETUP
+    IMediaRoute* m_entered = nullptr;                  // that stands in the channel or buffer,
+    packet_type_t m_attached_type = PACKET_TYPE_NONE;  // of this type
     packet_type_t m_packet_type = PACKET_TYPE_NONE;    // of the last SETUP
-    bool m_multicast_setup = false;                    // a multicast SETUP has been answered
-    bool m_media_started = false;                      // the sinks are attached,
-    packet_type_t m_attached_type = PACKET_TYPE_NONE;  // to the buffer of this type,
-    bool m_attached_udp = false;                       // m_udp_sender and not m_media_sender,
-    bool m_attached_sink = false;                      // if there is one: else the channel alone was started
     bool m_assist_enabled = false;                     // the assist track was counted in
     bool m_source_started = false;                     // StartStreaming was called on the data source
     packet_type_t m_source_type = PACKET_TYPE_NONE;    // in this form
@@ -247,8 +247,8 @@ private:
     int m_end_tries = 0;   // since the client took something
     uint64_t m_end_unsent = 0;
     long m_rtcp_timer = 0;
-    int m_timeout_mask = 0;  // time-outs seen: 1 control, 2 UDP keep-alive
-    int m_timeout_need = 1;  // the mask at which the session ends
+    CSilenceRule m_silence;
+    bool m_wants_reports = true;  // cleared by a SETUP for private frames
 
     // Frame loss; m_last_frame belongs to the source's thread while a sink is attached.
     unsigned int m_last_frame[CTrackTable::MAX_TRACKS] = {};

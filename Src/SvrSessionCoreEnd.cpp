@@ -6,13 +6,10 @@
 
 #include "FrameInfo.h"
 #include "Protocol/RtcpParser.h"
-#include "RtpUdpSender.h"
 #include "SvrSessionCore.h"
-#include "Tramel/MediaStreamSender.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StreamSender.h"
 #include "Vidora/LiveSvr.h"
-#include "Vidora/Ostra/ByteWriter.h"
 #include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
@@ -20,10 +17,7 @@ namespace Vidora {
 
 namespace {
 
-const int TIMEOUT_CONTROL = 1;
-const int TIMEOUT_KEEPALIVE = 2;
-const size_t REPORT_SIZE = 2048;
-const size_t INTERLEAVE_HEADER_SIZE = 4;
+const size_t REPORT_SIZE = 2044;
 const char BYE_REASON[] = "End of Stream";
 // How often it is looked whether the media of a source that has ended has arrived, and how often in vain: ten seconds.
 const int64_t END_WAIT_US = 20000;
@@ -53,11 +47,6 @@ CSvrSessionCore::~CSvrSessionCore() {
     if (m_stream_sender != nullptr) {
         m_stream_sender->Close();
         m_stream_sender = nullptr;
-    }
-    if (m_media_sender != nullptr) {
-        m_media_sender->Detach();
-        m_media_sender->Close();
-        m_media_sender = nullptr;
     }
     delete m_sock;
     m_sock = nullptr;
@@ -154,7 +143,9 @@ int CSvrSessionCore::teardown_track(CTrack& track) {
         return send_error(200);
     }
     send_rtcp_report(track.track_id, true);
-    switch_track(track, false);
+    if (m_route != nullptr && track.send_channel >= 0) {
+        m_route->Switch(track, false);
+    }
     track.playing = false;
     track.set_up = false;
     send_error(200);
@@ -178,40 +169,20 @@ void CSvrSessionCore::stop_media() {
         DestroyTimer(m_rtcp_timer);
         m_rtcp_timer = 0;
     }
-    if (m_media_sender != nullptr) {
-        m_timeout_need = TIMEOUT_CONTROL;
-    }
-    if (!m_media_started) {
+    m_silence.Reset();
+    if (m_entered == nullptr) {
         return;
     }
-    m_media_started = false;
     if (m_live_channel != nullptr) {
-        if (m_attached_sink) {
-            leave_channel();
-        } else {
-            m_live_channel->StopStreaming(m_attached_type);
-        }
-    } else if (m_media_buffer != nullptr) {
-        m_attached_udp ? m_media_buffer->DelLevel2Buffer(m_udp_sender) : m_media_buffer->DelSender(m_media_sender);
+        m_entered->LeaveLive(live_place());
+    } else if (m_media_buffer) {
+        m_entered->LeaveBuffer(*m_media_buffer);
     }
+    m_entered = nullptr;
 }
 
-// Leaves by the channel's name, and takes the sink off the channel itself as well: the registry may have dropped it, or
-// have another one of that name by now.
-void CSvrSessionCore::leave_channel() {
-    const char* name = m_channel_name.c_str();
-    CMediaBuffer* buffer = m_live_channel->GetMediaBuffer(m_attached_type);
-    if (m_attached_udp) {
-        m_live_svr->LeaveLiveChannel(name, m_udp_sender, m_attached_type);
-        if (buffer != nullptr) {
-            buffer->DelLevel2Buffer(m_udp_sender);
-        }
-    } else {
-        m_live_svr->LeaveLiveChannel(name, m_media_sender, m_attached_type);
-        if (buffer != nullptr) {
-            buffer->DelSender(m_media_sender);
-        }
-    }
+LivePlace CSvrSessionCore::live_place() const {
+    return {m_live_svr.get(), m_channel_name.c_str(), m_live_channel, m_attached_type};
 }
 
 // Sender reports of the tracks that play, or of one; with a BYE behind them (RFC 3550 6.6). 0 or -1.
@@ -246,35 +217,12 @@ int CSvrSessionCore::send_track_report(const CTrack& track, bool with_bye) {
     if (with_bye) {
         rtcp.set_bye(nullptr, 0, BYE_REASON, sizeof(BYE_REASON) - 1);
     }
-    unsigned char buffer[REPORT_SIZE];
-    unsigned int length = REPORT_SIZE - INTERLEAVE_HEADER_SIZE;
-    if (rtcp.get_sr_compound(buffer + INTERLEAVE_HEADER_SIZE, &length) == nullptr) {
+    unsigned char report[REPORT_SIZE];
+    unsigned int length = sizeof(report);
+    if (rtcp.get_sr_compound(report, &length) == nullptr) {
         return -1;
     }
-    return m_transport == RTP_OVER_UDP ? send_udp_report(buffer + INTERLEAVE_HEADER_SIZE, length, channel)
-                                       : send_interleaved_report(buffer, length, channel);
-}
-
-// `buffer` has room for the header in front of the report.
-int CSvrSessionCore::send_interleaved_report(unsigned char* buffer, unsigned int length, int channel) {
-    CByteWriter header(buffer, INTERLEAVE_HEADER_SIZE);
-    header.WriteU8('$');
-    header.WriteU8(static_cast<uint8_t>(channel));
-    header.WriteU16(static_cast<uint16_t>(length));
-    if (send_data(reinterpret_cast<char*>(buffer), static_cast<int>(length + INTERLEAVE_HEADER_SIZE)) < 0) {
-        logError("%s %d send rtcp falied!\n", __FILE__, __LINE__);
-        return -1;
-    }
-    return 0;
-}
-
-int CSvrSessionCore::send_udp_report(const unsigned char* report, unsigned int length, int channel) {
-    if (m_udp_sender != nullptr &&
-        m_udp_sender->SendRaw(reinterpret_cast<const char*>(report), static_cast<int>(length), channel) < 0) {
-        logError("%s %d channel: %d udp media send falied !\n", __FILE__, __LINE__, channel);
-        return -1;
-    }
-    return 0;
+    return m_route == nullptr ? 0 : m_route->SendReport(report, length, channel);
 }
 
 int64_t CSvrSessionCore::handle_timeout(long timer_id) {
@@ -348,13 +296,10 @@ void CSvrSessionCore::give_lost_events() {
 
 // The control connection was silent for the keep-alive time.
 int CSvrSessionCore::handle_input_timeout(int fd) {
-    if (m_is_live && m_sdp_result == 1) {
+    if (m_is_live && m_sdp_result == SDP_MULTICAST) {
         return 0;  // a multicast viewer may be silent
     }
-    // Bits stay set once seen: after one silence on the control connection one lapse of RTCP is enough, and the other
-    // way round. While interleaved media flows no mask is equal.
-    m_timeout_mask |= TIMEOUT_CONTROL;
-    if (m_timeout_mask != m_timeout_need) {
+    if (!m_silence.ControlIsSilent()) {
         return 0;
     }
     if (m_sock != nullptr && fd == m_sock->GetHandle()) {
@@ -418,8 +363,7 @@ int CSvrSessionCore::handle_message(long /*sender_id*/, unsigned int msg, long p
             result = on_sdp_update();
             break;
         case MSG_KEEPALIVE_TIMEOUT:
-            m_timeout_mask |= TIMEOUT_KEEPALIVE;
-            if (m_timeout_mask == m_timeout_need) {
+            if (m_silence.PeerIsSilent()) {
                 put_asyn_msg(MSG_KEEPALIVE_TIMEOUT);
             }
             break;
@@ -449,11 +393,11 @@ void CSvrSessionCore::on_source_end() {
 
 // Only of a buffer of the session's own: a channel's has media for others, always.
 bool CSvrSessionCore::has_media_to_send() {
-    if (!m_media_started || m_attached_udp || !m_attached_sink || m_media_buffer == nullptr) {
+    if (m_entered == nullptr || m_media_buffer == nullptr) {
         return false;
     }
     const bool idle = m_media_buffer->IsIdle();
-    const uint64_t unsent = m_media_sender->Unsent();
+    const uint64_t unsent = m_entered->Unsent();
     if (unsent != m_end_unsent) {
         m_end_unsent = unsent;
         m_end_tries = 0;
@@ -502,17 +446,14 @@ bool CSvrSessionCore::has_same_sdp() {
 void CSvrSessionCore::on_asyn_msg(const StateEvent& event) {
     if (event.method == MSG_SOURCE_CLOSED && !m_closed) {
         m_closed = true;
-        close_session();
+        CloseLink();
         return;
     }
     bool waits = false;
     stop_waiting_for_sdp();
     stop_draining();
     stop_media();
-    if (m_stream_sender != nullptr) {
-        m_stream_sender->Detach();
-        m_stream_sender->Clear();
-    }
+    StopSending();
     release_assist();
     if (m_data_source != nullptr) {
         m_wait_id = event.id;
@@ -527,7 +468,7 @@ void CSvrSessionCore::on_asyn_msg(const StateEvent& event) {
     }
     if (!waits && !m_closed) {
         m_closed = true;
-        close_session();
+        CloseLink();
     }
     if (m_closed) {
         give_address_event(EVENT_CLIENT_DISCONNECTED);

@@ -4,10 +4,8 @@
 #include <cstring>
 #include <new>
 
-#include "RtpUdpSender.h"
+#include "ChannelRoute.h"
 #include "SvrSessionCore.h"
-#include "Tramel/MediaStreamSender.h"
-#include "Tramel/SockStream.h"
 #include "Tramel/StrParser.h"
 #include "Vidora/LiveSvr.h"
 #include "Vidora/RtspUrlParser.h"
@@ -18,31 +16,11 @@ namespace Vidora {
 
 namespace {
 
+const int STATUS_UNSUPPORTED_TRANSPORT = 461;
 const int MAX_CONTENT_SIZE = 256;  // of the host's rewriting
 // A channel that is still starting gets three seconds to have its SDP.
 const int64_t SDP_WAIT_US = 300000;
 const int SDP_MAX_TRIES = 10;
-const int MAX_PORT = 65534;  // of RTP, as RTCP has the next one
-const int HIGHEST_CHANNEL = 15;
-
-// The address of a numeric text; invalid for any other, so that no name of a peer's choice is ever resolved.
-CSockAddrStorage numeric_address(const char* text) {
-    CSockAddrStorage addr;
-    sockaddr_storage native;
-    const CSockAddrIPv4 v4(text, 0);
-    const CSockAddrIPv6 v6(text, 0);
-    const CSockAddr& parsed = v4.IsValid() ? static_cast<const CSockAddr&>(v4) : v6;
-    if (text[0] != '\0' && parsed.GetAddr(reinterpret_cast<sockaddr*>(&native)) == 0) {
-        addr.SetSockAddr(reinterpret_cast<const sockaddr*>(&native), static_cast<unsigned int>(parsed.GetAddrLen()));
-    }
-    return addr;
-}
-
-// An IPv4-mapped address as the plain one, which an IPv4 socket can send to.
-CSockAddrStorage canonical_address(const CSockAddrStorage& addr) {
-    char text[128];
-    return addr.GetRealType() == Tramel::SOCK_ADDR_IPV4 ? numeric_address(addr.GetIpStr(text, sizeof(text))) : addr;
-}
 
 // Reads the number behind `word` in the channel's name. False if there is none.
 bool read_number(CStrParser& name, const char* word, int* number, bool* found) {
@@ -167,21 +145,16 @@ void CSvrSessionCore::release_source() {
     }
     delete m_media_buffer;
     m_media_buffer = nullptr;
-    delete m_udp_sender;
-    m_udp_sender = nullptr;
-    for (int i = 0; i < CTrackTable::MAX_TRACKS; ++i) {
-        if (m_media_sender != nullptr) {
-            m_media_sender->DisableSendChannel(i);
-        }
+    m_route = nullptr;
+    for (std::unique_ptr<IMediaRoute>& route : m_routes) {
+        route.reset();
     }
     m_is_live = false;
-    m_sdp_result = 0;
+    m_sdp_result = SDP_UNICAST;
     m_tracks.Clear();
-    m_multicast_setup = false;
     m_source_started = false;
     memset(m_last_frame, 0, sizeof(m_last_frame));  // another source counts anew: its first frame is no loss
-    m_timeout_need = 1;
-    m_timeout_mask &= ~2;  // the keeper that saw it has gone
+    m_silence.ForgetPeer();
 }
 
 void CSvrSessionCore::release_assist() {
@@ -258,9 +231,7 @@ int CSvrSessionCore::on_setup(const StateEvent& event) {
     transport_info transport = *m_rsp_parser.get_transport();
     transport.timeout = m_config.GetKeepAliveTimeout();
     m_packet_type = static_cast<packet_type_t>(transport.packet_kx);
-    if (m_packet_type == PACKET_TYPE_KX) {
-        m_send_rtcp = false;  // private frames get no sender reports
-    }
+    m_wants_reports = m_wants_reports && m_packet_type != PACKET_TYPE_KX;
     const char* url = m_rsp_parser.get_url();
     const int track_id = m_tracks.IdOfUrl(url);
     if (track_id < 0) {
@@ -276,155 +247,49 @@ int CSvrSessionCore::on_setup(const StateEvent& event) {
         return send_error(503);
     }
     track->set_up = true;
-    const bool multicast_channel = m_sdp_result == 1;
-    if (multicast_channel && transport.multicast == 0) {
-        return send_error(461);
+    IMediaRoute* route = find_route(transport);
+    const int channel = of_source([&](auto& source) { return source.GetTcpChannel(track_id); });
+    const int result = route == nullptr ? STATUS_UNSUPPORTED_TRANSPORT : route->SetUp(*track, channel, transport);
+    if (result != 0) {
+        return result < 0 ? -1 : send_error(result);
     }
-    if (!multicast_channel && transport.transport == RTP_OVER_UDP) {
-        return setup_udp(*track, transport);
-    }
-    m_transport = transport.transport;
-    return multicast_channel ? setup_multicast(*track, transport) : setup_interleaved(*track, transport);
+    m_route = route;
+    return finish_setup(*track, transport, channel);
 }
 
-// The channel's own sockets send; the session only tells the client where.
-int CSvrSessionCore::setup_multicast(CTrack& track, transport_info& transport) {
-    const int media_port = m_sdp.get_media_port(track.track_id);
-    if (transport.rtp_port != 0 && transport.rtp_port != media_port) {
-        logError("%s:%d, setup.cli_rtp_channel=%d, sdp_rtp_channel=%d.\n", __FILE__, __LINE__, transport.rtp_port,
-                 media_port);
-        return -1;
-    }
-    if (transport.rtp_port == 0) {
-        transport.rtp_port = media_port;
-        transport.rtcp_port = media_port + 1;
-    }
-    transport.ssrc = of_source([&](auto& source) { return source.GetSSRC(track.track_id); });
-    multicast_info multicast;
-    sdp_connection_t connection;
-    if (m_sdp.get_connection(&connection) == 0) {
-        const char* address = connection.address.Get();
-        snprintf(multicast.addr, sizeof(multicast.addr), "%s", address == nullptr ? "" : address);
-        multicast.ttl = connection.ttl;
-    }
-    const char* reply = m_rsp_parser.generate_setup_reply(&transport, &multicast);
-    if (reply == nullptr) {
-        logError("%s:%d, get MULTICAST setup reply failed.\n", __FILE__, __LINE__);
-        return -1;
-    }
-    m_multicast_setup = true;
-    return send_text(reply);
-}
-
-// The source decides the channels, not the client's wish (RFC 2326 12.39 lets the server choose).
-int CSvrSessionCore::setup_interleaved(CTrack& track, transport_info& transport) {
-    const int channel = of_source([&](auto& source) { return source.GetTcpChannel(track.track_id); });
-    if (make_media_sender() < 0 || channel < 0 || channel > HIGHEST_CHANNEL) {
-        return -1;
-    }
-    transport.server_rtp_port = channel;
-    transport.server_rtcp_port = channel + 1;
-    return finish_setup(track, transport, channel);
-}
-
-int CSvrSessionCore::make_media_sender() {
-    if (m_media_sender != nullptr) {
-        return 0;
-    }
-    m_media_sender = CMediaStreamSender::Create();
-    if (m_media_sender == nullptr) {
-        return -1;
-    }
-    m_media_sender->Attach(m_sock);
-    m_media_sender->WaitException(GetID());
-    const int timeout = m_config.GetKeepAliveTimeout();
-    m_media_sender->SetSendTimeout(static_cast<unsigned int>(timeout < 0 ? 0 : timeout));
-    m_media_sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(this, &CSvrSessionCore::on_frame_info));
-    for (int i = 0; i < CTrackTable::MAX_TRACKS; ++i) {
-        m_media_sender->DisableSendChannel(i);
-    }
-    return 0;
-}
-
-// A request that can't be served over UDP gets a 461, upon which clients fall back to the control connection. It leaves
-// the session's transport as it was, so that tracks that are set up already still play.
-int CSvrSessionCore::setup_udp(CTrack& track, transport_info& transport) {
-    const int channel = of_source([&](auto& source) { return source.GetTcpChannel(track.track_id); });
-    int port = 0;
-    if (transport.rtp_port < 1 || transport.rtp_port > MAX_PORT || channel < 0 || channel > HIGHEST_CHANNEL ||
-        make_udp_sender(transport.multicast != 0) < 0 ||
-        m_udp_sender->OpenPair(&port, transport.rtp_port, channel) < 0) {
-        return send_error(461);
-    }
-    m_transport = RTP_OVER_UDP;
-    transport.server_rtp_port = port;
-    transport.server_rtcp_port = port + 1;
-    return finish_setup(track, transport, channel);
-}
-
-int CSvrSessionCore::make_udp_sender(bool multicast) {
-    if (m_udp_sender != nullptr) {
-        return 0;
-    }
-    CSockAddrStorage remote;
-    const multicast_info* wish = m_rsp_parser.get_multicast();
-    if (!multicast) {
-        m_sock->GetRemoteAddr(&remote);
-        remote = canonical_address(remote);
-    } else {
-        // Only a group: an address of the client's choice would let it aim the stream at somebody else. RFC 2326 16.
-        remote = numeric_address(wish->addr);
-        if (!remote.IsMulticast()) {
-            return -1;
+// A way for what the client wants; null if there is none, upon which clients fall back to the control connection. It
+// leaves the way of the tracks that are set up already as it was.
+IMediaRoute* CSvrSessionCore::find_route(const transport_info& transport) {
+    const bool over_udp = transport.transport == RTP_OVER_UDP;
+    if (m_sdp_result == SDP_MULTICAST) {
+        if (transport.multicast != 0 && !m_routes[ROUTE_CHANNEL]) {
+            m_routes[ROUTE_CHANNEL] = CChannelRoute::Create(m_sdp);
         }
+        return transport.multicast != 0 ? m_routes[ROUTE_CHANNEL].get() : nullptr;
     }
-    CRtpUdpSender* sender = new (std::nothrow) CRtpUdpSender;
-    if (sender == nullptr) {
-        return -1;
+    std::unique_ptr<IMediaRoute>& route = m_routes[over_udp ? ROUTE_UDP : ROUTE_INTERLEAVED];
+    if (!route) {
+        route = MakeRoute({transport, *m_rsp_parser.get_multicast(), m_config, m_tracks.Count(),
+                           TFunction3<void, CMediaPacket*, int, int>(this, &CSvrSessionCore::on_frame_info)});
     }
-    sender->SetConfig(&m_config);
-    sender->Init(m_tracks.Count());
-    if (multicast) {
-        sender->SetTtl(wish->ttl);
-    }
-    sender->SetRemote(remote);
-    for (int i = 0; i < CTrackTable::MAX_TRACKS; ++i) {
-        sender->DisableTrack(i);
-    }
-    m_udp_sender = sender;
-    return 0;
+    return route.get();
 }
 
 int CSvrSessionCore::finish_setup(CTrack& track, transport_info& transport, int channel) {
     transport.ssrc = of_source([&](auto& source) { return source.GetSSRC(track.track_id); });
     track.send_channel = channel / 2;
-    switch_track(track, true);
+    m_route->Switch(track, true);
     if (!track.reports) {
         track.reports = true;
         track.ssrc = transport.ssrc;
     }
-    const char* reply = m_rsp_parser.generate_setup_reply(
-        &transport, transport.multicast != 0 ? m_rsp_parser.get_multicast() : nullptr);
+    const char* reply = m_rsp_parser.generate_setup_reply(&transport, m_route->Group());
     if (reply == nullptr) {
-        logError("%s:%d, get unicast setup reply failed.\n", __FILE__, __LINE__);
+        logError("%s:%d, get %s setup reply failed.\n", __FILE__, __LINE__,
+                 m_sdp_result == SDP_MULTICAST ? "MULTICAST" : "unicast");
         return -1;
     }
     return send_text(reply);
-}
-
-// Lets the sink pass a track, or not.
-void CSvrSessionCore::switch_track(const CTrack& track, bool on) {
-    if (track.send_channel < 0) {
-        return;
-    }
-    if (m_transport == RTP_OVER_UDP) {
-        if (m_udp_sender != nullptr) {
-            on ? m_udp_sender->EnableTrack(track.send_channel) : m_udp_sender->DisableTrack(track.send_channel);
-        }
-    } else if (m_media_sender != nullptr) {
-        on ? m_media_sender->SetSendChannel(track.send_channel)
-           : m_media_sender->DisableSendChannel(track.send_channel);
-    }
 }
 
 }  // namespace Vidora

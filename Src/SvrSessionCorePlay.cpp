@@ -4,10 +4,8 @@
 #include <cstring>
 #include <new>
 
-#include "RtpUdpSender.h"
+#include "ChannelRoute.h"
 #include "SvrSessionCore.h"
-#include "Tramel/MediaStreamSender.h"
-#include "Vidora/LiveSvr.h"
 #include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
@@ -166,14 +164,14 @@ void CSvrSessionCore::restart_report_timer() {
         DestroyTimer(m_rtcp_timer);
         m_rtcp_timer = 0;
     }
-    if (m_send_rtcp) {
+    if (m_wants_reports && SendsReports()) {
         m_rtcp_timer = SetTimer(REPORT_PERIOD_US);
     }
 }
 
 // `single`: the one track that the PLAY named, or null for all.
 int CSvrSessionCore::start_media(const CTrack* single, int cseq) {
-    if (!m_media_started && attach_sinks() < 0) {
+    if (m_entered == nullptr && enter_route() < 0) {
         return -1;
     }
     if (!m_is_live && start_data_source(cseq) < 0) {
@@ -186,57 +184,36 @@ int CSvrSessionCore::start_media(const CTrack* single, int cseq) {
     return 0;
 }
 
-int CSvrSessionCore::attach_sinks() {
+// Attaches the sink of the last SETUP to what the source fills.
+int CSvrSessionCore::enter_route() {
+    if (m_route == nullptr) {  // every SETUP was refused
+        m_routes[ROUTE_CHANNEL] = CChannelRoute::Create(m_sdp);
+        m_route = m_routes[ROUTE_CHANNEL].get();
+    }
     if (!m_is_live && m_media_buffer == nullptr) {
         m_media_buffer = new (std::nothrow) CMediaBuffer;
-        if (m_media_buffer == nullptr) {
-            return -1;
+        if (m_media_buffer != nullptr) {
+            m_media_buffer->EnableAutoSend();
         }
-        m_media_buffer->EnableAutoSend();
     }
-    m_media_started = true;
+    if (m_route == nullptr || (!m_is_live && m_media_buffer == nullptr)) {
+        return -1;
+    }
     m_attached_type = m_packet_type;
-    m_attached_udp = m_transport == RTP_OVER_UDP;
-    m_attached_sink = m_attached_udp ? m_udp_sender != nullptr && !m_multicast_setup : m_media_sender != nullptr;
     if (wants_assist() && !m_assist_enabled) {
         m_assist_enabled = true;
         of_source([](auto& source) { return source.EnableStreamTrack(STREAM_TRACK_ASSIST); });
     }
-    if (m_is_live) {
-        if (attach_live() < 0) {
-            m_media_started = false;  // nothing is attached, and the keep-alive ends the session
-            logError("%s:%d, EnterLiveChannel failed, this:%p.\n", __FILE__, __LINE__, static_cast<void*>(this));
-            return -1;
-        }
-    } else if (m_attached_udp) {
-        m_media_buffer->AddLevel2Buffer(m_udp_sender);
-    } else {
-        m_media_buffer->AddSender(m_media_sender);
+    if (!m_is_live) {
+        m_route->EnterBuffer(*m_media_buffer);
+    } else if (m_route->EnterLive(live_place()) < 0) {
+        // Nothing is attached, and the keep-alive ends the session.
+        logError("%s:%d, EnterLiveChannel failed, this:%p.\n", __FILE__, __LINE__, static_cast<void*>(this));
+        return -1;
     }
-    const int timeout = m_config.GetKeepAliveTimeout();
-    if (!m_attached_udp) {
-        m_timeout_need = 0;  // no mask equals it: a client on TCP may be silent while it plays
-    } else if (timeout > 0 && m_udp_sender != nullptr) {
-        m_timeout_need |= 2;
-        m_udp_sender->StartKeepAlive(GetID(), timeout);
-    }
+    m_entered = m_route;
+    m_silence.Set(m_route->Watch(GetID(), m_config.GetKeepAliveTimeout()));
     return 0;
-}
-
-// The session itself has no sink where the channel sends by its own, and where SETUP was refused: PLAY is answered all
-// the same and starts the channel, and media flows only to those that have a sink. The registry hears of sinks alone.
-int CSvrSessionCore::attach_live() {
-    if (!m_attached_sink) {
-        logInfo("%s:%d, start streaming now. m_packet_type=%d. this=%p. \n", __FILE__, __LINE__, m_packet_type,
-                static_cast<void*>(this));
-        m_live_channel->StartStreaming(m_packet_type);
-        return 0;
-    }
-    // Only the channel that this session holds a reference on: one that was published anew under its name since
-    // DESCRIBE could go, with its buffer, while the sink stands there.
-    const char* name = m_channel_name.c_str();
-    return m_attached_udp ? m_live_svr->EnterLiveChannel(name, m_udp_sender, m_packet_type, m_live_channel)
-                          : m_live_svr->EnterLiveChannel(name, m_media_sender, m_packet_type, m_live_channel);
 }
 
 // A resume after a pause takes this road, too.

@@ -63,6 +63,13 @@ enum stream_proto_t {
     STREAM_PROTO_ONVIF = 2
 };
 
+// What GetSdp of a source or channel tells of its description.
+enum sdp_result_t {
+    SDP_FAILED = -1,  // there is none
+    SDP_UNICAST = 0,
+    SDP_MULTICAST = 1  // of multicast destinations, and of nothing else
+};
+
 // Track kinds of CDataSource::EnableStreamTrack.
 enum stream_track_t { STREAM_TRACK_ASSIST = 1 };
 

@@ -1,0 +1,39 @@
+#ifndef VIDORA_UDPROUTE_H
+#define VIDORA_UDPROUTE_H
+
+#include "MediaRoute.h"
+#include "RtpUdpSender.h"
+#include "SvrLink.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// CUdpRoute: media over a pair of UDP sockets a track, to the client or to a group that it has named.
+class CUdpRoute : public IMediaRoute {
+public:
+    // A route to the client at `peer`, or to the group of its wish. Null if memory is short, or what it names is no
+    // group.
+    static std::unique_ptr<IMediaRoute> Create(const CSockAddrStorage& peer, const RouteWish& wish);
+
+    int SetUp(const CTrack& track, int channel, transport_info& transport) override;
+    const multicast_info* Group() const override { return m_to_group ? &m_group : nullptr; }
+    void Switch(const CTrack& track, bool on) override;
+    int EnterLive(const LivePlace& place) override { return EnterLiveWith(place, &m_sender); }
+    void LeaveLive(const LivePlace& place) override { LeaveLiveWith(place, &m_sender); }
+    void EnterBuffer(CMediaBuffer& buffer) override;
+    void LeaveBuffer(CMediaBuffer& buffer) override;
+    silence_rule_t Watch(long handler_id, int timeout_s) override;
+    int SendReport(const unsigned char* report, unsigned int length, int channel) override;
+
+private:
+    CUdpRoute() = default;
+
+    CRtpUdpSender m_sender;
+    bool m_to_group = false;
+    multicast_info m_group;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_UDPROUTE_H
