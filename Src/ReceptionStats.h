@@ -40,6 +40,8 @@ public:
     // The numbers that it skipped: 0 if it follows or comes late.
     uint32_t Count(uint16_t seq, uint32_t timestamp, uint32_t ssrc, size_t octets, uint64_t arrival_us,
                    uint32_t clock_rate);
+    uint32_t LastSeq() const { return m_stats.last_seq; }
+    // A packet that was too short to be one.
     void CountShort() { ++m_stats.dropped; }
     // Takes the sender report that leads an RTCP compound, if one does.
     void TakeRtcp(const unsigned char* data, size_t length, uint64_t arrival_us);
@@ -69,6 +71,9 @@ private:
     uint32_t m_base_seq = 0;
     uint16_t m_max_seq = 0;
     uint32_t m_received = 0;
+    bool m_expect_restart = false;  // the last number was far off; m_restart_seq would confirm it
+    uint16_t m_restart_seq = 0;
+    uint32_t m_restarts = 0;
     uint32_t m_transit = 0;
     bool m_have_transit = false;
     double m_jitter = 0;

@@ -6,18 +6,20 @@
 #include <memory>
 #include <thread>
 
+#include "LogGate.h"
 #include "ReceptionStats.h"
 #include "Tramel/CallWait.h"
-#include "Tramel/MediaBuffer.h"
 #include "Tramel/MediaStreamReceiver.h"
 #include "Vidora/Flumen/MediaFrame.h"
 #include "Vidora/Names.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 #include "Vidora/Types.h"
 
 namespace Kavio {
 namespace Vidora {
 
 class CFrameMerger;
+struct RtpHeader;
 
 constexpr int RECEIVER_MAX_TRACKS = 16;
 // Tracks whose packets are merged to runs of one frame; the packets of further tracks go out one by one.
@@ -143,10 +145,12 @@ protected:
     };
 
 private:
-    int put_packet(CMediaPacket* packet, unsigned int length, int flag, int tag);
+    CFrameMerger* merger_of(int track);
+    void tell_rtp(const unsigned char* data, int length, int channel);
+    void count_packet(int track, const RtpHeader& header, uint32_t length);
     int put_run(int track, const Flumen::CMediaFrame& run);
     int run_tag(int track, const Flumen::CMediaFrame& run) const;
-    void count_unit(int track, const unsigned char* data, size_t length);
+    static int put_packet(const CMediaBufferRef& buffer, CMediaPacket* packet, unsigned int length, int flag, int tag);
     CMediaBufferRef begin_put();
     void end_put();
 
@@ -163,6 +167,7 @@ private:
     CReceptionStats m_reception[RECEIVER_MAX_TRACKS];
     uint64_t m_arrival_us = 0;
     uint32_t m_changed = 0;  // tracks with statistics to be published
+    CLogGate m_loss_log;
 
     std::atomic<uint64_t> m_units{0};
     std::atomic<bool> m_busy{false};

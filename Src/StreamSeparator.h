@@ -44,12 +44,10 @@ public:
     // The row of records, and how many are filled.
     virtual separator_record_t* GetRecords(int* count) = 0;
     // The RTP channels whose packets are merged to frames; -1 for none. 0.
-    virtual int SetChannel(int video_channel, int audio_channel);
+    virtual int SetChannel(int, int) { return 0; }
+    // The row was full: Input(0) may give more.
+    virtual bool HasMore() const = 0;
 };
-
-inline int CStreamSeparator::SetChannel(int, int) {
-    return 0;
-}
 
 }  // namespace Vidora
 }  // namespace Kavio

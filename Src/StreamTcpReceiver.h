@@ -28,7 +28,8 @@ public:
     static CStreamTcpReceiver* Create(const std::shared_ptr<CSockStream>& sock, long owner_id, int protocol);
 
     // Bytes of the connection that its former reader took from the socket and didn't use: handled before all that is
-    // read. Before Start; in several pieces or one. 0, or -1 if they don't fit.
+    // read. Before Start; in several pieces or one. 0, or -1 if
+    // they are above 32 KiB in all, or memory is short.
     int Feed(const char* data, int length);
 
     int Start(uint64_t period_us, float speed) override;
@@ -44,7 +45,11 @@ private:
     CStreamTcpReceiver(const std::shared_ptr<CSockStream>& sock, std::unique_ptr<CStreamSeparator> separator);
     ~CStreamTcpReceiver() override;
 
-    int read();
+    static constexpr int MAX_FED = 32768;
+
+    void set_channels();
+    int read(int& count);
+    int read_fed(char* place, int space);
     int take_records(int& handled);
     int take_record(const separator_record_t& record);
     int take_rtp(const separator_record_t& record);
@@ -52,6 +57,8 @@ private:
 
     std::shared_ptr<CSockStream> m_sock;
     std::unique_ptr<CStreamSeparator> m_separator;
+    std::unique_ptr<char[]> m_fed;  // made by the first Feed
+    int m_fed_length = 0;
     int m_kx_channel = 0;  // of the last private header
     std::atomic<bool> m_turn_due{false};
 };

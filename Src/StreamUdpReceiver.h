@@ -1,9 +1,11 @@
 #ifndef VIDORA_STREAMUDPRECEIVER_H
 #define VIDORA_STREAMUDPRECEIVER_H
 
+#include <array>
 #include <memory>
 
 #include "StreamReceiver.h"
+#include "Tramel/SockDgram.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -43,11 +45,21 @@ private:
     CStreamUdpReceiver() = default;
     ~CStreamUdpReceiver() override = default;
 
-    int read_batches(CSockDgram& sock, int track, bool rtcp);
-    int take(int track, bool rtcp, const DgramSlice& datagram, const CSockAddrStorage& from);
-    bool is_wanted(int track, bool rtcp, const DgramSlice& datagram, const CSockAddrStorage& from) const;
+    // A socket with its place.
+    struct sock_row_t {
+        CSockDgram* sock;  // may be null
+        int track;
+        bool rtcp;
+    };
+
+    std::array<sock_row_t, 2 * RECEIVER_MAX_TRACKS> rows() const;
+    int read_batches(const sock_row_t& row);
+    int take(const sock_row_t& row, const DgramSlice& datagram);
+    bool is_wanted(const sock_row_t& row, const DgramSlice& datagram, const CSockAddrStorage& from);
+    bool has_right_form(const sock_row_t& row, const DgramSlice& datagram) const;
 
     udp_receiver_socks_t m_socks;
+    CSockAddrStorage m_known[2 * RECEIVER_MAX_TRACKS];  // by track, RTP and RTCP: the last sender that was accepted
 };
 
 }  // namespace Vidora

@@ -49,6 +49,7 @@ void CMediaStreamReceiver::WaitException(long handler_id) {
 // Input that nobody takes, and a broken connection, stay readable and would come back without end: the socket rests
 // until receiving begins.
 int CMediaStreamReceiver::handle_input(int fd) {
+    m_input_fd = fd;
     const int result = m_receiving.load() ? handle_stream_input() : 0;
     if (result < 0) {
         fail();

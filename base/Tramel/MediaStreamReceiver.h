@@ -44,9 +44,13 @@ public:
 protected:
     ~CMediaStreamReceiver() override;
 
+    // The socket that handle_stream_input is called for.
+    int input_fd() const { return m_input_fd; }
+
 private:
     void fail();
 
+    int m_input_fd = -1;  // of the strand
     std::atomic<long> m_exception_id{0};
     std::atomic<long> m_timer_id{0};
     std::atomic<bool> m_receiving{false};

@@ -42,8 +42,8 @@ public:
     int SendBatch(const DgramSlice* slices, unsigned int count);
     // Reads up to `count` datagrams, at most 64, in one system call without blocking, each into its slice, whose
     // `length` is the room on entry and the size on return, cut at the room. The number read, 0 when nothing is there,
-    // -1 on failure.
-    int RecvBatch(DgramSlice* slices, unsigned int count);
+    // -1 on failure. `from` takes as many senders' addresses; it may be null.
+    int RecvBatch(DgramSlice* slices, unsigned int count, CSockAddrStorage* from = nullptr);
 
     // Routers that multicast may pass (hops for IPv6). 0 or -1.
     int SetMulticastTTL(unsigned char ttl);

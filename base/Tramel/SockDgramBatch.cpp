@@ -69,12 +69,13 @@ int CSockDgram::SendBatch(const DgramSlice* slices, unsigned int count) {
     return run.Failed() ? -1 : run.Sent();
 }
 
-int CSockDgram::RecvBatch(DgramSlice* slices, unsigned int count) {
+int CSockDgram::RecvBatch(DgramSlice* slices, unsigned int count, CSockAddrStorage* from) {
     if (m_fd < 0 || slices == nullptr) {
         return -1;
     }
     struct mmsghdr messages[MAX_RECV_MESSAGES];
     struct iovec parts[MAX_RECV_MESSAGES];
+    sockaddr_storage senders[MAX_RECV_MESSAGES];
     const unsigned int wanted = count < MAX_RECV_MESSAGES ? count : MAX_RECV_MESSAGES;
     std::memset(messages, 0, wanted * sizeof(messages[0]));
     for (unsigned int i = 0; i < wanted; ++i) {
@@ -82,6 +83,8 @@ int CSockDgram::RecvBatch(DgramSlice* slices, unsigned int count) {
         parts[i].iov_len = slices[i].length;
         messages[i].msg_hdr.msg_iov = &parts[i];
         messages[i].msg_hdr.msg_iovlen = 1;
+        messages[i].msg_hdr.msg_name = from != nullptr ? &senders[i] : nullptr;
+        messages[i].msg_hdr.msg_namelen = from != nullptr ? sizeof(senders[i]) : 0;
     }
     const int received = recv_messages(m_fd, messages, wanted);
     if (received < 0) {
@@ -89,6 +92,9 @@ int CSockDgram::RecvBatch(DgramSlice* slices, unsigned int count) {
     }
     for (int i = 0; i < received; ++i) {
         slices[i].length = messages[i].msg_len;
+        if (from != nullptr) {
+            from[i].SetSockAddr(reinterpret_cast<const sockaddr*>(&senders[i]), messages[i].msg_hdr.msg_namelen);
+        }
     }
     return received;
 }

@@ -1,0 +1,314 @@
+#include "StreamReceiver.h"
+
+#include <cstdio>
+#include <new>
+
+#include "FrameMerger.h"
+#include "MediaFrame.h"
+#include "RtpRun.h"
+#include "Vidora/KXFrame.h"
+#include "Vidora/Ostra/ByteWriter.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const int TAG_TRACK_SHIFT = 24;
+const int TAG_KEY_FRAME = 1;
+const int TAG_OTHER_FRAME = 5;  // may be skipped
+const int KX_UNIT_HEADER = 6;   // "$", channel, 32-bit length
+
+int tag_of(int channel, bool key) {
+    return (channel / 2) << TAG_TRACK_SHIFT | (key ? TAG_KEY_FRAME : TAG_OTHER_FRAME);
+}
+
+}  // namespace
+
+CStreamReceiver::CStreamReceiver() = default;
+
+CStreamReceiver::~CStreamReceiver() = default;
+
+int CStreamReceiver::SetTracks(const receiver_tracks_t& tracks) {
+    if (tracks.count < 1 || tracks.count > RECEIVER_MAX_TRACKS) {
+        return -1;
+    }
+    m_tracks = tracks;
+    return 0;
+}
+
+int CStreamReceiver::SetMediaBuffer(CMediaBuffer* buffer) {
+    CGuard guard(m_put_mutex);
+    m_buffer = CMediaBufferRef(buffer);
+    while (m_putting && m_put_thread != std::this_thread::get_id()) {
+        m_put_wait.Wait(m_put_mutex);
+    }
+    return 0;
+}
+
+void CStreamReceiver::SetProcs(const unit_proc_t& rtcp_proc, const rtsp_proc_t& rtsp_proc) {
+    m_rtcp_proc = rtcp_proc;
+    m_rtsp_proc = rtsp_proc;
+}
+
+void CStreamReceiver::SetRtpProc(const unit_proc_t& rtp_proc) {
+    m_rtp_proc = rtp_proc;
+}
+
+void CStreamReceiver::SetNotifyId(long handler_id) {
+    m_notify_id.store(handler_id);
+}
+
+void CStreamReceiver::SetUrl(const char* url) {
+    std::snprintf(m_url, sizeof(m_url), "%s", url != nullptr ? url : "");
+}
+
+reception_stats_t CStreamReceiver::GetStats(int channel, bool clear) {
+    const int track = find_rtp_track(channel);
+    if (track < 0) {
+        return reception_stats_t();
+    }
+    CGuard guard(m_stats_mutex);
+    const reception_stats_t stats = m_published[track].Get(CTime::getCurrentMicroSecond());
+    if (clear) {
+        m_published[track].Clear();
+    }
+    return stats;
+}
+
+receiver_life_t CStreamReceiver::GetLife() const {
+    receiver_life_t life;
+    life.busy = m_busy.load();
+    life.units = m_units.load();
+    return life;
+}
+
+// What the receiver holds goes before the owner hears of its end: the owner may then delete what the procedures and the
+// buffer belong to.
+int CStreamReceiver::handle_close(CNetHandler*) {
+    release_socks();
+    m_mergers.reset();
+    SetMediaBuffer(nullptr);
+    const long notify_id = m_notify_id.load();
+    if (notify_id != 0) {
+        Notify(notify_id, MSG_SOURCE_CLOSED, 0);
+    }
+    delete this;
+    return 0;
+}
+
+int CStreamReceiver::find_rtp_track(int channel) const {
+    for (int i = 0; i < m_tracks.count; ++i) {
+        if (m_tracks.tracks[i].rtp_channel == channel) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+int CStreamReceiver::find_rtcp_track(int channel) const {
+    for (int i = 0; i < m_tracks.count; ++i) {
+        if (m_tracks.tracks[i].rtcp_channel == channel) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+int CStreamReceiver::find_payload_track(int payload_type) const {
+    for (int i = 0; i < m_tracks.count; ++i) {
+        if (m_tracks.tracks[i].payload_type == payload_type) {
+            return i;
+        }
+    }
+    return -1;
+}
+
+void CStreamReceiver::mark_arrival() {
+    m_arrival_us = CTime::getCurrentMicroSecond();
+}
+
+// ---- what the sockets brought ----
+
+int CStreamReceiver::take_datagram(int track, const unsigned char* data, int length) {
+    RtpHeader header;
+    if (!rtp_parse_header(data, static_cast<size_t>(length), header)) {
+        count_short(track);
+        return 0;
+    }
+    const uint32_t size = static_cast<uint32_t>(length);
+    const uint8_t channel = m_tracks.tracks[track].rtp_channel;
+    count_packet(track, header, size);
+    tell_rtp(data, length, channel);
+    CFrameMerger* merger = merger_of(track);
+    if (merger == nullptr) {
+        return -1;
+    }
+    if (merger->EndsBefore(header, size) && put_run(track, merger->Take()) < 0) {
+        return -1;
+    }
+    if (merger->Append(channel, data, size, header) < 0) {
+        logError("%s:%d append_data failed!\n", __FILE__, __LINE__);
+        return -1;
+    }
+    const bool ends = header.marker || track >= RECEIVER_MERGED_TRACKS;
+    return ends ? put_run(track, merger->Take()) : 0;
+}
+
+// The tracks that aren't merged share one merger, which holds nothing from one packet to the next.
+CFrameMerger* CStreamReceiver::merger_of(int track) {
+    if (m_mergers == nullptr) {
+        m_mergers.reset(new (std::nothrow) CFrameMerger[RECEIVER_MERGED_TRACKS + 1]);
+    }
+    const int index = track < RECEIVER_MERGED_TRACKS ? track : RECEIVER_MERGED_TRACKS;
+    return m_mergers != nullptr ? &m_mergers[index] : nullptr;
+}
+
+int CStreamReceiver::take_run(int track, const Flumen::CMediaFrame& run) {
+    CByteReader reader(run.getBuffer(), run.size());
+    interleaved_unit_t unit;
+    RtpHeader header;
+    bool counted = false;
+    while (ReadInterleavedUnit(reader, unit)) {
+        if (rtp_parse_header(unit.data, unit.length, header)) {
+            count_packet(track, header, unit.length);
+            counted = true;
+        } else {
+            count_short(track);
+        }
+    }
+    if (!counted) {
+        return 0;
+    }
+    tell_rtp(run.getBuffer() + RTP_TCP_HEADER_LEN, static_cast<int>(run.size()) - RTP_TCP_HEADER_LEN,
+             m_tracks.tracks[track].rtp_channel);
+    return put_run(track, run);
+}
+
+int CStreamReceiver::take_kx_frame(int channel, const Flumen::CMediaFrame& frame) {
+    m_units.fetch_add(1);
+    tell_rtp(frame.getBuffer(), static_cast<int>(frame.size()), channel);
+    KXHeader header;
+    const bool known = kx_read_header(frame.getBuffer(), frame.size(), header);
+    const int tag = tag_of(channel, known && header.frame_type == KX_TYPE_I);
+    CMediaFrame* head = new (std::nothrow) CMediaFrame(KX_UNIT_HEADER);
+    CMediaFrame* body = new (std::nothrow) CMediaFrame(frame);
+    if (head == nullptr || !head->valid() || body == nullptr) {
+        logError("%s:%d CMediaFrame alloc failed\n", __FILE__, __LINE__);
+        delete head;
+        delete body;
+        return -1;
+    }
+    CByteWriter writer(head->getBuffer(), KX_UNIT_HEADER);
+    writer.WriteU8('$');
+    writer.WriteU8(static_cast<uint8_t>(channel));
+    writer.WriteU32(frame.size());
+    const CMediaBufferRef buffer = begin_put();
+    if (put_packet(buffer, head, KX_UNIT_HEADER, 0, tag) == 0) {
+        put_packet(buffer, body, frame.size(), 1, tag);
+    } else {
+        delete body;
+    }
+    end_put();
+    return 0;
+}
+
+void CStreamReceiver::take_rtcp(int track, const unsigned char* data, int length) {
+    m_reception[track].TakeRtcp(data, static_cast<size_t>(length), m_arrival_us);
+    m_changed |= 1u << track;
+    if (m_rtcp_proc) {
+        m_rtcp_proc(data, length, m_tracks.tracks[track].rtcp_channel);
+    }
+}
+
+void CStreamReceiver::take_rtsp(const char* text, int length) {
+    if (m_rtsp_proc) {
+        m_rtsp_proc(text, length);
+    }
+}
+
+void CStreamReceiver::tell_rtp(const unsigned char* data, int length, int channel) {
+    if (m_rtp_proc) {
+        m_rtp_proc(data, length, channel);
+    }
+}
+
+// ---- statistics ----
+
+void CStreamReceiver::count_packet(int track, const RtpHeader& header, uint32_t length) {
+    const uint32_t last = m_reception[track].LastSeq();
+    m_units.fetch_add(1, std::memory_order_relaxed);
+    m_changed |= 1u << track;
+    const uint32_t skipped = m_reception[track].Count(header.sequence, header.timestamp, header.ssrc, length,
+                                                      m_arrival_us, m_tracks.tracks[track].clock_rate);
+    if (skipped > 0 && m_loss_log.Pass()) {
+        logWarn(">>> RTP SEQ DISORDER! last[%u] now[%u] url[%s]\n", last, static_cast<unsigned int>(header.sequence),
+                m_url);
+    }
+}
+
+void CStreamReceiver::count_short(int track) {
+    m_reception[track].CountShort();
+    m_changed |= 1u << track;
+}
+
+void CStreamReceiver::publish_stats() {
+    if (m_changed == 0) {
+        return;
+    }
+    CGuard guard(m_stats_mutex);
+    for (int i = 0; i < m_tracks.count; ++i) {
+        if ((m_changed & 1u << i) != 0) {
+            m_published[i].Follow(m_reception[i]);
+        }
+    }
+    m_changed = 0;
+}
+
+// ---- into the media buffer ----
+
+int CStreamReceiver::put_run(int track, const Flumen::CMediaFrame& run) {
+    if (!run.valid()) {
+        return -1;
+    }
+    CMediaFrame* packet = new (std::nothrow) CMediaFrame(run);
+    if (packet == nullptr) {
+        return -1;
+    }
+    packet->setChannel(track);
+    put_packet(begin_put(), packet, run.size(), 1, run_tag(track, run));
+    end_put();
+    return 0;
+}
+
+int CStreamReceiver::run_tag(int track, const Flumen::CMediaFrame& run) const {
+    const receiver_track_t& row = m_tracks.tracks[track];
+    const bool key = row.enc_type != ENC_TYPE_H264 || H264RunKind(run.getBuffer(), run.size()) == RUN_KIND_KEY;
+    return tag_of(row.rtp_channel, key);
+}
+
+// The buffer takes the packet over, or it ends here. 0 or -1.
+int CStreamReceiver::put_packet(const CMediaBufferRef& buffer, CMediaPacket* packet, unsigned int length, int flag,
+                                int tag) {
+    if (buffer.Put(packet, static_cast<int>(length), flag, tag) < 0) {
+        packet->Release();
+        return -1;
+    }
+    return 0;
+}
+
+CMediaBufferRef CStreamReceiver::begin_put() {
+    CGuard guard(m_put_mutex);
+    m_putting = true;
+    m_put_thread = std::this_thread::get_id();
+    return m_buffer;
+}
+
+void CStreamReceiver::end_put() {
+    CGuard guard(m_put_mutex);
+    m_putting = false;
+    m_put_wait.Wake();
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

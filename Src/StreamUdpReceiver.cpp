@@ -1,0 +1,144 @@
+#include "StreamUdpReceiver.h"
+
+#include <cstring>
+#include <new>
+
+#include "DgramBatch.h"
+#include "Vidora/Ostra/ByteReader.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const int MAX_BATCHES = 4;  // of one turn
+const int RTP_VERSION = 2;
+const int VERSION_SHIFT = 6;
+const uint8_t PAYLOAD_TYPE_MASK = 0x7f;
+const unsigned int MAX_IP_LEN = 64;
+
+bool is_same_host(const CSockAddrStorage& one, const CSockAddrStorage& other) {
+    char one_ip[MAX_IP_LEN];
+    char other_ip[MAX_IP_LEN];
+    return std::strcmp(one.GetIpStr(one_ip, sizeof(one_ip)), other.GetIpStr(other_ip, sizeof(other_ip))) == 0;
+}
+
+}  // namespace
+
+CStreamUdpReceiver* CStreamUdpReceiver::Create(const udp_receiver_socks_t& socks, long owner_id) {
+    if (socks.count < 1 || socks.count > RECEIVER_MAX_TRACKS) {
+        return nullptr;
+    }
+    CStreamUdpReceiver* receiver = new (std::nothrow) CStreamUdpReceiver;
+    if (receiver != nullptr) {
+        receiver->m_socks = socks;
+        receiver->SetNotifyId(owner_id);
+        receiver->WaitException(owner_id);
+    }
+    return receiver;
+}
+
+int CStreamUdpReceiver::Start(uint64_t period_us, float speed) {
+    for (const sock_row_t& row : rows()) {
+        if (row.sock != nullptr && RegisterSock(*row.sock, Tramel::SOCK_EVENT_READ, 0) < 0) {
+            Stop();
+            return -1;
+        }
+    }
+    StartReceive(static_cast<int64_t>(period_us), speed);
+    return 0;
+}
+
+int CStreamUdpReceiver::Stop() {
+    StopReceive();
+    for (const sock_row_t& row : rows()) {
+        if (row.sock != nullptr) {
+            UnregisterSock(*row.sock, Tramel::SOCK_EVENT_READ);
+        }
+    }
+    return 0;
+}
+
+std::array<CStreamUdpReceiver::sock_row_t, 2 * RECEIVER_MAX_TRACKS> CStreamUdpReceiver::rows() const {
+    std::array<sock_row_t, 2 * RECEIVER_MAX_TRACKS> rows = {};
+    for (int i = 0; i < m_socks.count; ++i) {
+        rows[static_cast<size_t>(2 * i)] = {m_socks.tracks[i].rtp_sock.get(), i, false};
+        rows[static_cast<size_t>(2 * i + 1)] = {m_socks.tracks[i].rtcp_sock.get(), i, true};
+    }
+    return rows;
+}
+
+void CStreamUdpReceiver::release_socks() {
+    m_socks = udp_receiver_socks_t();
+}
+
+int CStreamUdpReceiver::handle_stream_input() {
+    const CTurn turn(*this);
+    for (const sock_row_t& row : rows()) {
+        if (row.sock != nullptr && row.sock->GetHandle() == input_fd() && row.track < tracks().count) {
+            return read_batches(row);
+        }
+    }
+    return 0;
+}
+
+// What is left behind the last batch comes with the next event. An error of the socket, such as a peer's ICMP answer,
+// is no end of the stream.
+int CStreamUdpReceiver::read_batches(const sock_row_t& row) {
+    CDgramBatch* batch = CDgramBatch::OfThread();
+    if (batch == nullptr) {
+        return -1;
+    }
+    int handled = 0;
+    for (int i = 0; i < MAX_BATCHES; ++i) {
+        const int count = batch->Recv(*row.sock);
+        mark_arrival();
+        for (int j = 0; j < count; ++j) {
+            if (is_wanted(row, batch->Datagram(j), batch->From(j)) && take(row, batch->Datagram(j)) < 0) {
+                return -1;
+            }
+        }
+        handled += count > 0 ? count : 0;
+        if (count < CDgramBatch::MAX_DATAGRAMS) {
+            break;
+        }
+    }
+    return handled;
+}
+
+int CStreamUdpReceiver::take(const sock_row_t& row, const DgramSlice& datagram) {
+    const int length = static_cast<int>(datagram.length);
+    if (!row.rtcp) {
+        return take_datagram(row.track, datagram.data, length);
+    }
+    take_rtcp(row.track, datagram.data, length);
+    return 0;
+}
+
+// Strangers can send to the port as well. The last sender that was found to be the right one is known by its address.
+bool CStreamUdpReceiver::is_wanted(const sock_row_t& row, const DgramSlice& datagram, const CSockAddrStorage& from) {
+    udp_receiver_track_t& track = m_socks.tracks[row.track];
+    if (!track.source.IsValid()) {
+        return has_right_form(row, datagram);
+    }
+    CSockAddrStorage& known = m_known[2 * row.track + (row.rtcp ? 1 : 0)];
+    if (known == from) {
+        return true;
+    }
+    if (!is_same_host(from, track.source)) {
+        return false;
+    }
+    known = from;
+    return true;
+}
+
+bool CStreamUdpReceiver::has_right_form(const sock_row_t& row, const DgramSlice& datagram) const {
+    CByteReader reader(datagram.data, datagram.length);
+    const int version = reader.ReadU8() >> VERSION_SHIFT;
+    const int type = reader.ReadU8() & PAYLOAD_TYPE_MASK;
+    const int wanted = tracks().tracks[row.track].payload_type;
+    return reader.Ok() && version == RTP_VERSION && (row.rtcp || wanted < 0 || type == wanted);
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

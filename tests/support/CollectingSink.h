@@ -1,0 +1,52 @@
+#ifndef VIDORA_TESTS_SUPPORT_COLLECTINGSINK_H
+#define VIDORA_TESTS_SUPPORT_COLLECTINGSINK_H
+
+#include <functional>
+#include <mutex>
+#include <vector>
+
+#include "Vidora/Tramel/Level2Buffer.h"
+#include "Vidora/Tramel/MediaPacket.h"
+#include "support/StreamBytes.h"
+
+namespace Kavio {
+namespace Support {
+
+// CCollectingSink: keeps a copy of all that a media buffer gives it. Any thread.
+class CCollectingSink : public Tramel::CLevel2Buffer_IF {
+public:
+    struct Item {
+        Bytes bytes;
+        int flag;
+        int channel;
+    };
+
+    // Called for each packet, before it is kept; set before the sink is added.
+    std::function<void()> on_put;
+
+    int Put(Tramel::CMediaPacket* packet, int length, int flag, int channel) override {
+        if (on_put) {
+            on_put();
+        }
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        m_items.push_back({Bytes(packet->GetData(), packet->GetData() + length), flag, channel});
+        return 0;
+    }
+    std::vector<Item> Items() const {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return m_items;
+    }
+    size_t Count() const {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return m_items.size();
+    }
+
+private:
+    mutable std::mutex m_mutex;
+    std::vector<Item> m_items;
+};
+
+}  // namespace Support
+}  // namespace Kavio
+
+#endif  // VIDORA_TESTS_SUPPORT_COLLECTINGSINK_H
