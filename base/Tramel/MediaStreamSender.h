@@ -29,8 +29,9 @@ public:
     // Sends on `sock`, a CSockStream, which stays its owner's, and lets go of a former one. 0, or -1: a null or invalid
     // socket, or one that has a media sender already.
     int Attach(CSock* sock);
-    // Seconds without progress after which a full socket counts as failed; 0, the default, for never. It is noticed at
-    // most one second late.
+    // Seconds after which a socket that was full counts as failed if the peer's system has acknowledged nothing
+    // meanwhile; 0, the default, for never. A peer that takes something now and then, however little, goes on. It is
+    // noticed at most two seconds late.
     void SetSendTimeout(unsigned int seconds);
     // Bounds of the queue: bytes of media that wait (default 4 MiB) and milliseconds that the oldest may wait (default
     // 10000); 0 leaves a bound as it is.

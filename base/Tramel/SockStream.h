@@ -47,6 +47,7 @@ public:
 
 protected:
     void OnRelease() override;
+    void OnRegistered() override;
 
 private:
     std::shared_ptr<CStreamOutput> m_output;
