@@ -4,7 +4,6 @@
 #include <cstdint>
 
 #include "Tramel/SockSender.h"
-#include "Vidora/Export.h"
 #include "Vidora/Ostra/Function.h"
 
 namespace Kavio {
@@ -21,7 +20,7 @@ class CUnitBatch;
 // THREADING  See CSockSender. The send procedure runs on the thread that writes for the buffer: one of the pool's, or
 //            the putting one while the pool is busy; not twice at once for one sender, and with no lock held.
 // OWNERSHIP  See CSockSender. Must have left every buffer (CMediaBuffer::DelSender) before Close.
-class VIDORA_API CMediaStreamSender : public CSockSender {
+class CMediaStreamSender : public CSockSender {
 public:
     // A sender on the heap, or null.
     static CMediaStreamSender* Create();

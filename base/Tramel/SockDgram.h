@@ -2,7 +2,6 @@
 #define VIDORA_TRAMEL_SOCKDGRAM_H
 
 #include "Tramel/DgramTarget.h"
-#include "Vidora/Export.h"
 #include "Vidora/Tramel/Sock.h"
 
 namespace Kavio {
@@ -18,7 +17,7 @@ struct DgramSlice {
 //
 // THREADING  No lock. Opened, set up and closed by one thread while nothing else runs; in between one thread may send
 //            while another receives.
-class VIDORA_API CSockDgram : public CSock {
+class CSockDgram : public CSock {
 public:
     CSockDgram() = default;
 

@@ -82,7 +82,7 @@ public:
     void Close() override;
 
 private:
-    struct Internal;
+    struct VIDORA_LOCAL Internal;
     CLiveChannel();
     ~CLiveChannel() override;
 
