@@ -37,6 +37,11 @@ int CStreamReceiver::SetTracks(const receiver_tracks_t& tracks) {
     return 0;
 }
 
+void CStreamReceiver::DropMediaBuffer() {
+    CGuard guard(m_put_mutex);
+    m_buffer = CMediaBufferRef();
+}
+
 int CStreamReceiver::SetMediaBuffer(CMediaBuffer* buffer) {
     CGuard guard(m_put_mutex);
     m_buffer = CMediaBufferRef(buffer);

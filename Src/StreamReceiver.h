@@ -82,6 +82,8 @@ public:
     // the caller may delete that: it waits for one that runs on another thread (call it with no lock held that a sink
     // may want), not for one that it is called from. 0.
     int SetMediaBuffer(CMediaBuffer* buffer);
+    // No Put begins any more when it returns; one that runs is not waited for, so that any lock may be held.
+    void DropMediaBuffer();
     // Each may be empty. RTCP compounds; RTSP replies.
     void SetProcs(const unit_proc_t& rtcp_proc, const rtsp_proc_t& rtsp_proc);
     // RTP on the side: runs without the first interleave header over TCP, each datagram over UDP, private frames.

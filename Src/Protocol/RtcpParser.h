@@ -55,6 +55,8 @@ public:
     // Appends a report block about `ssrc` with the three numbers of set_report_info. 0, or -1 for null, without memory,
     // or when there are 31 already.
     int add_report_block(unsigned int ssrc, const int* info);
+    // Makes `block` the only one of the next reports, as it stands; null: they have none. 0, or -1 without memory.
+    int set_report_block(const rtcp_report* block);
     // Sets the BYE of the own SSRC and `count` others, 0 to 31, with a reason of 0 to 254 bytes or null. A packet names
     // 31 sources at most: with `count` 31 the last one is left out. 0, or -1 for a larger count, null, or no memory.
     int set_bye(const unsigned int* ssrcs, unsigned char count, const void* reason, unsigned char reason_length);
@@ -117,6 +119,7 @@ private:
     int m_report_info[3];
     int m_sender_info[3];
     rtcp_report* m_report_list;
+    bool m_has_whole_block = false;  // by set_report_block
     rtcp_pack* m_sdes;
     rtcp_pack* m_bye;
 };

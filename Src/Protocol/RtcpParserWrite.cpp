@@ -43,6 +43,7 @@ rtcp_pack* make_pack(int pt) {
 void CRtcpParser::reset() {
     reset_table();
     RtcpFreeReports(m_report_list);
+    m_has_whole_block = false;
     if (m_sdes != nullptr) {
         free_sdes_pack(m_sdes);
     }
@@ -84,6 +85,20 @@ int CRtcpParser::add_report_block(unsigned int ssrc, const int* info) {
         place = &(*place)->next;
     }
     *place = block;
+    return 0;
+}
+
+int CRtcpParser::set_report_block(const rtcp_report* block) {
+    RtcpFreeReports(m_report_list);
+    m_has_whole_block = true;
+    if (block == nullptr) {
+        return 0;
+    }
+    m_report_list = new (std::nothrow) rtcp_report(*block);
+    if (m_report_list == nullptr) {
+        return -1;
+    }
+    m_report_list->next = nullptr;
     return 0;
 }
 
@@ -252,6 +267,9 @@ int CRtcpParser::prepare_sr() {
 }
 
 int CRtcpParser::prepare_rr() {
+    if (m_has_whole_block) {
+        return 0;
+    }
     if (m_report_list == nullptr) {
         return add_report_block(m_ssrc, m_report_info);
     }

@@ -61,41 +61,46 @@ int CRtspParser::parse_status_code(CStrParser&) {
     return 0;
 }
 
+// Where the message at the start of `length` bytes stands. False while it isn't there whole.
+bool CRtspParser::measure(const char* buffer, unsigned int length, message_place& place) {
+    place.skipped = count_leading_blanks(buffer, length);
+    const char* message = buffer + place.skipped;
+    length -= place.skipped;
+    CStrParser text(message, static_cast<unsigned int>(strnlen(message, length)));
+    const int header_end = text.LocateString(HEADER_END);
+    if (header_end < 0) {
+        return false;
+    }
+    place.header_size = static_cast<unsigned int>(header_end) + HEADER_END_SIZE;
+
+    // The name without its colon, and 16 bits: a length that they cannot hold reads as 0.
+    CStrParser header(message, place.header_size);
+    place.size = place.header_size;
+    if (header.LocateStringCase("Content-Length") >= 0) {
+        header.ConsumeUntilDigit();
+        place.size += static_cast<unsigned int>(std::max<int>(header.ConsumeInt16(), 0));
+    }
+    return place.size <= length;
+}
+
 int CRtspParser::check_message(const char* buffer, unsigned int length, rtsp_msg_info* info) {
     if (buffer == nullptr || length > RTSP_MAX_MESSAGE) {
         return RTSP_BAD_MESSAGE;
     }
-    const unsigned int skipped = count_leading_blanks(buffer, length);
-    const char* message = buffer + skipped;
-    const unsigned int buffer_length = length;
-    length -= skipped;
-
-    CStrParser text(message, static_cast<unsigned int>(strnlen(message, length)));
-    const int header_end = text.LocateString(HEADER_END);
-    if (header_end < 0) {
+    message_place place;
+    if (!measure(buffer, length, place)) {
         return RTSP_INCOMPLETE;
     }
-    const unsigned int header_size = static_cast<unsigned int>(header_end) + HEADER_END_SIZE;
-
-    // The name without its colon, and 16 bits: a length that they cannot hold reads as 0.
-    CStrParser header(message, header_size);
-    unsigned int body_size = 0;
-    if (header.LocateStringCase("Content-Length") >= 0) {
-        header.ConsumeUntilDigit();
-        body_size = static_cast<unsigned int>(std::max<int>(header.ConsumeInt16(), 0));
-    }
-    if (length < header_size + body_size) {
-        return RTSP_INCOMPLETE;
-    }
+    CStrParser header(buffer + place.skipped, place.header_size);
 
     // An unknown method with a proper CSeq passes, so that it can be answered; so does a known one with CSeq 0.
     const std::pair<int, int> start = parse_start_line(header);
     const bool wrong_start = start.first < 1 && start.second >= RTSP_METHOD_UNKNOWN;
     const int status = wrong_start ? 0 : parse_status_code(header);
     if (wrong_start || status < 0) {
-        const CLogQuote quote(Ostra::LOG_LEVEL_ERROR, buffer, buffer_length);
+        const CLogQuote quote(Ostra::LOG_LEVEL_ERROR, buffer, length);
         logError("%s:%d RTSP_WRONG_FORMATA:%s\nrecv_len:%d\n", __FILE__, __LINE__, quote.Text(),
-                 static_cast<int>(length));
+                 static_cast<int>(length - place.skipped));
         return RTSP_BAD_MESSAGE;
     }
     if (info != nullptr) {
@@ -103,7 +108,7 @@ int CRtspParser::check_message(const char* buffer, unsigned int length, rtsp_msg
         info->method = start.second;
         info->status = status;
     }
-    return static_cast<int>(header_size + body_size + skipped);
+    return static_cast<int>(place.size + place.skipped);
 }
 
 int CRtspParser::parse_cseq(CStrParser& text) {

@@ -124,6 +124,12 @@ public:
     void set_back_channel(int back_channel) { m_back_channel = back_channel; }
 
 protected:
+    struct message_place {
+        unsigned int skipped = 0;      // leading blanks and line ends
+        unsigned int header_size = 0;  // with the empty line
+        unsigned int size = 0;         // of header and body
+    };
+    static bool measure(const char* buffer, unsigned int length, message_place& place);
     // Locates `key` from the start of the message; a match at the very start, where no header stands, does not count.
     static bool find_header(CStrParser& text, const char* key);
     // Steps over `key` and white space and copies up to the line's end.

@@ -14,6 +14,8 @@ namespace Vidora {
 
 namespace {
 
+const char SCHEME[] = "rtsp://";
+const size_t SCHEME_SIZE = sizeof SCHEME - 1;
 // Asks a device for its audio back channel (ONVIF Streaming Specification 5.3.1).
 const char BACK_CHANNEL_TAG[] = "Require: www.onvif.org/ver20/backchannel\r\n";
 const int NPT_DIGITS = 6;
@@ -49,6 +51,7 @@ CRtspReqParser::CRtspReqParser() {
     m_speed = 0.0F;
     m_base_url[0] = '\0';
     m_redirect_url[0] = '\0';
+    m_source[0] = '\0';
     m_product = "Rtsp Client/2.0";
 }
 
@@ -92,7 +95,7 @@ const char* CRtspReqParser::generate_setup(const transport_info* t, const multic
 
 void CRtspReqParser::build_setup_url(const char* track_url, char* out, unsigned int size) {
     CTextWriter url(out, size);
-    if (RtspFindScheme(track_url) == nullptr) {
+    if (std::strstr(track_url, SCHEME) == nullptr) {
         CGuard guard(m_shared_lock);
         const size_t length = std::strlen(m_base_url);
         url.Add(m_base_url, length > 0 && m_base_url[length - 1] == '/' ? "" : "/");
@@ -151,7 +154,7 @@ void CRtspReqParser::build_play_url(char* out, unsigned int size) {
         url.Add(m_url);
         return;
     }
-    const char* found = std::strlen(m_url) >= RTSP_SCHEME_SIZE ? std::strstr(m_url + RTSP_SCHEME_SIZE, path) : nullptr;
+    const char* found = std::strlen(m_url) >= SCHEME_SIZE ? std::strstr(m_url + SCHEME_SIZE, path) : nullptr;
     url.Add(m_base_url);
     if (found == nullptr) {
         return;
@@ -205,6 +208,11 @@ const char* CRtspReqParser::generate_request(int method, const char* url, const 
             .Add("\r\nCSeq: ", cseq, "\r\n", m_session, std::string_view(extra), headers, "\r\n", body);
     }
     return remember_request(static_cast<int>(cseq), method) ? message : nullptr;
+}
+
+void CRtspReqParser::forget_request(int cseq) {
+    CGuard guard(m_pending_lock);
+    m_pending.erase(cseq);
 }
 
 bool CRtspReqParser::remember_request(int cseq, int method) {

@@ -57,6 +57,20 @@ public:
     std::pair<int, int> parse_start_line(CStrParser& text) override;
     int parse_status_code(CStrParser& text) override;
 
+    // A server may send requests of its own (RFC 2326 10). If one stands at the start of `length` bytes: the number of
+    // bytes that it takes, or RTSP_INCOMPLETE; 0 for anything else.
+    static int request_size(const char* buffer, unsigned int length);
+    // The reply with this CSeq was a provisional one: the request goes on waiting.
+    void expect_reply(int cseq, int method) { remember_request(cseq, method); }
+    // No reply to the request is waited for any more.
+    void forget_request(int cseq);
+
+    // Whether the last SETUP reply had a Transport header; get_transport and get_source tell of it. The time-out of
+    // get_transport is that of its Session header, 0 if it names none.
+    bool has_transport() const { return m_has_transport; }
+    // Where the media come from, by that header; empty if it doesn't say.
+    const char* get_source() const { return m_source; }
+
     // The methods that the server offered.
     const char* get_public() const { return m_public; }
     const char* get_base_url() const { return m_base_url; }
@@ -89,6 +103,7 @@ private:
     int read_transport(CStrParser& text);
     void read_ports(CStrParser& text);
     void read_destination(CStrParser& text);
+    void read_source(CStrParser& text);
     void read_session(CStrParser& text);
     int read_rtp_info(CStrParser& text);
     static void read_rtp_info_entry(CStrParser& text, rtp_info_entry* entry);
@@ -103,6 +118,8 @@ private:
     // From calloc, so that entries which no reply fills stay untouched pages.
     std::unique_ptr<rtp_info_entry[], CFree> m_rtp_info;
     int m_rtp_info_count = 0;
+    bool m_has_transport = false;
+    char m_source[128];
     char m_base_url[RTSP_MAX_TEXT + 1];
     char m_redirect_url[RTSP_MAX_TEXT];
 };

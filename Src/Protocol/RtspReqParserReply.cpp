@@ -1,9 +1,9 @@
 // The reading half: replies.
+#include <algorithm>
 #include <cstring>
 
 #include "Protocol/LogQuote.h"
 #include "Protocol/RtspReqParser.h"
-#include "Protocol/RtspTables.h"
 #include "Protocol/TextWriter.h"
 #include "Tramel/StrParser.h"
 
@@ -11,6 +11,18 @@ namespace Kavio {
 namespace Vidora {
 
 namespace {
+
+const char SCHEME[] = "rtsp://";
+const size_t SCHEME_SIZE = sizeof SCHEME - 1;
+
+enum status_t {
+    STATUS_OK = 200,
+    STATUS_MOVED_PERMANENTLY = 301,
+    STATUS_MOVED_TEMPORARILY = 302,
+    STATUS_USE_PROXY = 305,
+    STATUS_BAD_REQUEST = 400,
+    STATUS_UNAUTHORIZED = 401
+};
 
 // First octets of IPv4 multicast addresses (RFC 5771).
 bool is_multicast_octet(int octet) {
@@ -35,10 +47,10 @@ int CRtspReqParser::parse_message(const char* buffer, unsigned int length, rtsp_
     }
 
     text.Attach(message, message_length);
-    if (m_status == RTSP_STATUS_UNAUTHORIZED) {
+    if (m_status == STATUS_UNAUTHORIZED) {
         return read_challenge(text);
     }
-    if (m_status == RTSP_STATUS_MOVED_PERMANENTLY || m_status == RTSP_STATUS_MOVED_TEMPORARILY) {
+    if (m_status == STATUS_MOVED_PERMANENTLY || m_status == STATUS_MOVED_TEMPORARILY) {
         return read_redirect(text);
     }
     return read_by_method(text) < 0 ? RTSP_BAD_MESSAGE : RTSP_OK;
@@ -55,9 +67,9 @@ int CRtspReqParser::take_info(const char* message, unsigned int length, rtsp_msg
     CGuard guard(m_shared_lock);
     const int sent = m_cseq;
     const int result = CRtspParser::parse_message(message, length, info);
-    // The counter of requests and the CSeq of the reply are one field. No reply moves the counter: an older one would
-    // turn it back to a CSeq that is still in flight, a stranger's could drive it anywhere.
-    m_cseq = sent;
+    // The counter of requests and the CSeq of the reply are one field. A reply to an older request must not turn the
+    // counter back: the next request would carry a CSeq that is still in flight.
+    m_cseq = std::max(m_cseq, sent);
     return result;
 }
 
@@ -74,6 +86,22 @@ std::pair<int, int> CRtspReqParser::parse_start_line(CStrParser& text) {
     const int method = found->second;
     m_spare_node = m_pending.extract(found);
     return {cseq, method};
+}
+
+// "METHOD url RTSP/1.0": a first line that ends with what a reply's begins with.
+int CRtspReqParser::request_size(const char* buffer, unsigned int length) {
+    static const std::string_view VERSION = "RTSP/";
+    std::string_view text(buffer, length);
+    text.remove_prefix(std::min(text.find_first_not_of("\r\n "), text.size()));
+    const std::string_view line = text.substr(0, text.find("\r\n"));
+    const size_t word = line.rfind(' ');
+    if (line.size() == text.size() || word == std::string_view::npos || line.substr(0, VERSION.size()) == VERSION ||
+        line.substr(word + 1, VERSION.size()) != VERSION) {
+        return 0;
+    }
+    message_place place;
+    return measure(buffer, length, place) ? static_cast<int>(place.skipped + place.size)
+                                          : static_cast<int>(RTSP_INCOMPLETE);
 }
 
 int CRtspReqParser::parse_status_code(CStrParser& text) {
@@ -94,8 +122,8 @@ int CRtspReqParser::read_challenge(CStrParser& text) {
 
 int CRtspReqParser::read_redirect(CStrParser& text) {
     text.ResetAll();
-    if (text.LocateStringCase(RTSP_SCHEME) < 0) {
-        m_status = RTSP_STATUS_BAD_REQUEST;
+    if (text.LocateStringCase(SCHEME) < 0) {
+        m_status = STATUS_BAD_REQUEST;
         return RTSP_BAD_MESSAGE;
     }
     text.ConsumeSentence("\r\n", m_redirect_url, sizeof m_redirect_url);
@@ -118,7 +146,7 @@ int CRtspReqParser::read_by_method(CStrParser& text) {
             return RTSP_OK;
         case RTSP_METHOD_SET_PARAMETER:
         case RTSP_METHOD_GET_PARAMETER:
-            return m_status == RTSP_STATUS_OK ? parse_body(text) : RTSP_OK;
+            return m_status == STATUS_OK ? parse_body(text) : RTSP_OK;
         default: {
             text.ResetAll();
             const CLogQuote quote(Ostra::LOG_LEVEL_WARN, text.GetString(), static_cast<size_t>(text.GetStringLen()));
@@ -139,11 +167,11 @@ void CRtspReqParser::read_public(CStrParser& text) {
 }
 
 int CRtspReqParser::read_describe(CStrParser& text) {
-    if (m_status == RTSP_STATUS_USE_PROXY) {
-        m_status = RTSP_STATUS_BAD_REQUEST;  // no proxy is used
+    if (m_status == STATUS_USE_PROXY) {
+        m_status = STATUS_BAD_REQUEST;  // no proxy is used
         return RTSP_OK;
     }
-    if (m_status != RTSP_STATUS_OK) {
+    if (m_status != STATUS_OK) {
         return RTSP_OK;
     }
     read_content_base(text);
@@ -163,11 +191,11 @@ void CRtspReqParser::read_content_base(CStrParser& text) {
     }
     char base[sizeof m_base_url];
     CTextWriter url(base, sizeof base);
-    if (RtspFindScheme(value) != nullptr) {
+    if (std::strstr(value, SCHEME) != nullptr) {
         url.Add(value);
     } else {
-        const char* start = RtspFindScheme(m_url);
-        const char* path = start != nullptr ? std::strchr(start + RTSP_SCHEME_SIZE, '/') : nullptr;
+        const char* start = std::strstr(m_url, SCHEME);
+        const char* path = start != nullptr ? std::strchr(start + SCHEME_SIZE, '/') : nullptr;
         if (path == nullptr) {
             return;
         }
@@ -180,7 +208,10 @@ void CRtspReqParser::read_content_base(CStrParser& text) {
 int CRtspReqParser::read_transport(CStrParser& text) {
     m_transport.reset();
     text.ResetAll();
-    if (text.LocateStringCase("Transport:") < 0) {
+    m_has_transport = text.LocateStringCase("Transport:") >= 0;
+    m_source[0] = '\0';
+    read_session(text);
+    if (!m_has_transport) {
         return RTSP_OK;
     }
     if (!read_transport_kind(text)) {
@@ -195,7 +226,7 @@ int CRtspReqParser::read_transport(CStrParser& text) {
         text.ConsumeUntilHexDigit();
         m_transport.ssrc = text.ConsumeHexUint32();
     }
-    read_session(text);
+    read_source(text);
     return RTSP_OK;
 }
 
@@ -235,9 +266,28 @@ void CRtspReqParser::read_destination(CStrParser& text) {
     read_multicast_ttl(text);
 }
 
+void CRtspReqParser::read_source(CStrParser& text) {
+    static const char KEY[] = "source=";
+    if (find_header(text, KEY)) {
+        text.ConsumeLength(sizeof KEY - 1, nullptr, 0);
+        text.ConsumeSentence("\";,\r\n", m_source, sizeof m_source);
+    }
+}
+
 // Keeps the first Session line, without parameters such as "timeout", as it is repeated in later requests.
 void CRtspReqParser::read_session(CStrParser& text) {
-    if (m_session[0] != '\0' || !find_header(text, "Session:")) {
+    if (!find_header(text, "Session:")) {
+        return;
+    }
+    char parameters[256];
+    CStrParser rest(text.GetString(), static_cast<unsigned int>(text.GetStringLen()));
+    rest.ConsumeSentence("\r\n", parameters, sizeof parameters);
+    CStrParser timeout(parameters);
+    if (timeout.LocateStringCase("timeout=") >= 0) {
+        timeout.ConsumeUntilDigit();
+        m_transport.timeout = timeout.ConsumeUint16();
+    }
+    if (m_session[0] != '\0') {
         return;
     }
     char line[sizeof m_session - 2];  // room for the line's end

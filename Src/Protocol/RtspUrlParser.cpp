@@ -6,6 +6,7 @@
 #include <new>
 
 #include "Protocol/RtspUrlState.h"
+#include "Protocol/TextWriter.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -203,6 +204,19 @@ int CRtspUrlParser::GetAuthInfo(auth_info_tc& auth, int index) const {
     }
     copy_auth_text(auth.user, peer.user);
     copy_auth_text(auth.password, peer.password);
+    return 0;
+}
+
+int CRtspUrlParser::GetConnection(int index, char* addr, unsigned int size, unsigned short& port) const {
+    if (m_state == nullptr || !m_state->m_parsed || !CState::is_index(index) || addr == nullptr || size == 0) {
+        return -1;
+    }
+    const CState::peer_t peer = m_state->peer(index);
+    if (!peer.has_addr || peer.port < 0 || peer.port > 65535) {
+        return -1;
+    }
+    CTextWriter(addr, size).Add(static_cast<const char*>(peer.addr));
+    port = static_cast<unsigned short>(peer.port);
     return 0;
 }
 

@@ -1,16 +1,67 @@
 #include "Vidora/RtspClientSession.h"
 
+#include <cstring>
+#include <memory>
 #include <new>
+#include <string>
 
+#include "Protocol/LogQuote.h"
+#include "RtspClient/RtspClient.h"
 #include "Vidora/SdpInfo.h"
 #include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
 namespace Vidora {
 
+namespace {
+
+const int FAST_REDIRECTS = 8;  // in a row; further ones wait
+const int MAX_KEPT_VIEWS = 8;  // of descriptions that the host has asked for
+const size_t MAX_KEY_SIZE = 256;
+const size_t MAX_VALUE_SIZE = 1024;
+const size_t MAX_HEAD_SIZE = 1024;           // what a request has besides its URL, the host's headers and its body
+const int64_t SECONDS_TO_1970 = 2208988800;  // from 1900, where NTP time begins
+const int64_t US_PER_SECOND = 1000000;
+
+// Allocation that fails is the operation's failure.
+template <typename Operation>
+int guarded(Operation operation) {
+    try {
+        return operation();
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+}
+
+bool is_method(int method) {
+    return method >= 0 && method < RTSP_METHOD_COUNT;
+}
+
+bool is_header_text(const char* text, size_t limit) {
+    return std::strlen(text) <= limit && std::strpbrk(text, "\r\n") == nullptr;
+}
+
+}  // namespace
+
+// All under m_mutex, but for the buffer, which is constant.
 struct CRtspClientSession::Internal {
     CMutex m_mutex;
     CMediaBuffer m_buffer;
+    CRtspClient* m_client = nullptr;  // null once closed; its strand frees it
+    int m_engines = 0;                // that were made and haven't ended
+    long m_notify_id = 0;             // 0: nothing is told any more
+    bool m_started = false;
+    bool m_ready = false;
+    bool m_closed = false;
+    client_settings m_settings;
+    client_host m_origin;  // whose are the user and password
+    int m_redirects = 0;   // in a row
+    long m_redirect_timer = 0;
+    std::string m_redirect_url;
+    rtsp_client_failure_t m_failure = RTSP_CLIENT_FAILURE_NONE;
+    RtspClientStatistics m_former;  // of engines that were replaced
+    std::shared_ptr<client_sdp> m_views[MAX_KEPT_VIEWS];
+    int m_next_view = 0;
 };
 
 CRtspClientSession::CRtspClientSession() : m_internal(new (std::nothrow) Internal) {}
@@ -21,81 +72,381 @@ CRtspClientSession::~CRtspClientSession() {
 
 CRtspClientSession* CRtspClientSession::Create() {
     CRtspClientSession* session = new (std::nothrow) CRtspClientSession;
-    if (session != nullptr && session->m_internal == nullptr) {
+    if (session == nullptr) {
+        return nullptr;
+    }
+    if (session->m_internal == nullptr || session->make_engine() < 0) {
         delete session;
         return nullptr;
     }
     return session;
 }
 
-int CRtspClientSession::Start(const char*, long, rtp_protocol_t) {
-    return -1;
+int CRtspClientSession::make_engine() {
+    CRtspClient* client = CRtspClient::Create(GetID());
+    if (client == nullptr) {
+        return -1;
+    }
+    client->Conversation().SetBuffer(&m_internal->m_buffer);
+    m_internal->m_client = client;
+    ++m_internal->m_engines;
+    return 0;
 }
-int CRtspClientSession::Start(const char*, long, int) {
-    return -1;
+
+int CRtspClientSession::Start(const char* url, long notify_id, rtp_protocol_t transport) {
+    CGuard guard(m_internal->m_mutex);
+    return start(url, notify_id, transport, -1);
 }
-int CRtspClientSession::SetOptions(int) {
+
+int CRtspClientSession::Start(const char* url, long notify_id, int sock) {
+    if (sock < 0) {
+        return -1;
+    }
+    CGuard guard(m_internal->m_mutex);
+    return start(url, notify_id, RTP_OVER_RTSP, sock);
+}
+
+int CRtspClientSession::start(const char* url, long notify_id, rtp_protocol_t transport, int sock) {
+    Internal& self = *m_internal;
+    const bool is_valid = url != nullptr && (transport == RTP_OVER_RTSP || transport == RTP_OVER_UDP);
+    const int result = !is_valid || self.m_client == nullptr || self.m_started ? -1 : guarded([&] {
+        const std::string text(url);
+        self.m_settings.transport = transport;
+        self.m_notify_id = notify_id;
+        if (!self.m_origin.Reads(text)) {
+            return -1;
+        }
+        return sock < 0 ? self.m_client->Start(text, self.m_settings)
+                        : self.m_client->Start(text, self.m_settings, sock);
+    });
+    self.m_started = self.m_started || result == 0;
+    if (result < 0) {
+        const CLogQuote quote(Ostra::LOG_LEVEL_WARN, url);
+        logWarn("%s:%d CRtspClientSession Start failed %s \n", __FILE__, __LINE__, quote.Text());
+    }
+    return result;
+}
+
+int CRtspClientSession::SetOptions(int options) {
+    CGuard guard(m_internal->m_mutex);
+    m_internal->m_settings.options |= options;
     return 0;
 }
 
 void CRtspClientSession::Close() {
-    CNetHandler::Close();
+    CGuard guard(m_internal->m_mutex);
+    Internal& self = *m_internal;
+    if (self.m_closed) {
+        return;
+    }
+    self.m_closed = true;
+    self.m_notify_id = 0;
+    self.m_ready = false;
+    if (self.m_redirect_timer != 0) {
+        DestroyTimer(self.m_redirect_timer);
+    }
+    // It waits for its engines: also when the pool stops meanwhile.
+    Tramel::CReactor::CountAsEnding(*this);
+    CRtspClient* client = self.m_client;
+    self.m_client = nullptr;
+    if (client != nullptr) {
+        client->Close();
+    } else if (self.m_engines == 0) {
+        CNetHandler::Close();
+    }
 }
 
 CMediaBuffer* CRtspClientSession::GetMediaBuffer() {
     return &m_internal->m_buffer;
 }
 
-int CRtspClientSession::Play(float, float, float, bool) {
-    return -1;
+int CRtspClientSession::play(const client_play& play) {
+    CGuard guard(m_internal->m_mutex);
+    if (m_internal->m_client == nullptr || !m_internal->m_ready) {
+        return -1;
+    }
+    return guarded([&] { return m_internal->m_client->Conversation().Play(play); });
 }
-int CRtspClientSession::Play(UtcTime*, UtcTime*, float, bool) {
-    return -1;
+
+int CRtspClientSession::Play(float begin, float end, float speed, bool scale) {
+    client_play wish;
+    wish.begin = begin;
+    wish.end = end;
+    wish.speed = speed;
+    wish.scale = scale;
+    return play(wish);
 }
-int CRtspClientSession::Play(SmpteTime*, SmpteTime*, float, bool) {
-    return -1;
+
+int CRtspClientSession::Play(UtcTime* begin, UtcTime* end, float speed, bool scale) {
+    client_play wish;
+    wish.form = client_play::CLOCK;
+    wish.has_begin = begin != nullptr;
+    wish.has_end = end != nullptr;
+    wish.clock[0] = begin != nullptr ? *begin : UtcTime();
+    wish.clock[1] = end != nullptr ? *end : UtcTime();
+    wish.speed = speed;
+    wish.scale = scale;
+    return play(wish);
 }
-void CRtspClientSession::Pause() {}
+
+int CRtspClientSession::Play(SmpteTime* begin, SmpteTime* end, float speed, bool scale) {
+    client_play wish;
+    wish.form = client_play::SMPTE;
+    wish.has_begin = begin != nullptr;
+    wish.has_end = end != nullptr;
+    wish.smpte[0] = begin != nullptr ? *begin : SmpteTime();
+    wish.smpte[1] = end != nullptr ? *end : SmpteTime();
+    wish.speed = speed;
+    wish.scale = scale;
+    return play(wish);
+}
+
+void CRtspClientSession::Pause() {
+    CGuard guard(m_internal->m_mutex);
+    if (m_internal->m_client != nullptr && m_internal->m_ready) {
+        guarded([&] { return m_internal->m_client->Conversation().Pause(); });
+    }
+}
 
 CSdpInfo* CRtspClientSession::GetSdpInfo() {
-    return nullptr;
+    CGuard guard(m_internal->m_mutex);
+    Internal& self = *m_internal;
+    const std::shared_ptr<client_sdp> sdp =
+        self.m_client != nullptr && self.m_ready ? self.m_client->Conversation().View().Sdp() : nullptr;
+    if (sdp == nullptr) {
+        return nullptr;
+    }
+    for (const std::shared_ptr<client_sdp>& kept : self.m_views) {
+        if (kept == sdp) {
+            return &sdp->info;
+        }
+    }
+    self.m_views[self.m_next_view] = sdp;
+    self.m_next_view = (self.m_next_view + 1) % MAX_KEPT_VIEWS;
+    return &sdp->info;
 }
 
-int CRtspClientSession::SetCmdExtKey(rtsp_method_t, const char*, const char*) {
-    return -1;
+int CRtspClientSession::SetCmdExtKey(rtsp_method_t method, const char* key, const char* value) {
+    const char* text = value != nullptr ? value : "";
+    if (!is_method(method) || key == nullptr || key[0] == '\0' || !is_header_text(key, MAX_KEY_SIZE) ||
+        !is_header_text(text, MAX_VALUE_SIZE)) {
+        return -1;
+    }
+    CGuard guard(m_internal->m_mutex);
+    Internal& self = *m_internal;
+    if (self.m_client == nullptr) {
+        return -1;
+    }
+    return guarded([&] {
+        self.m_settings.ext_keys[method][key] = text;
+        return self.m_started ? self.m_client->Conversation().SetExtKey(method, key, text) : 0;
+    });
 }
-int CRtspClientSession::SendExtMsg(rtsp_method_t, const char*, char*, int) {
-    return -1;
-}
-int CRtspClientSession::SetAuthInfo(const char*, const char*) {
-    return -1;
-}
-int CRtspClientSession::SetKeepAlive(rtsp_method_t) {
-    return 0;
-}
-void CRtspClientSession::SetPacketType(packet_type_t) {}
-int CRtspClientSession::SetStreamIdleTimeout(unsigned int) {
-    return 0;
-}
-void CRtspClientSession::SetConformance(bool) {}
-void CRtspClientSession::Put(unsigned char*, int) {}
 
-int CRtspClientSession::GetWallTime(char, uint32_t, int64_t&) {
-    return -1;
+int CRtspClientSession::SendExtMsg(rtsp_method_t method, const char* body, char* out, int out_length) {
+    const size_t body_size = body != nullptr ? std::strlen(body) : 0;
+    if (!is_method(method) || out_length < 0 || body_size > RTSP_MAX_MESSAGE - RTSP_MAX_TEXT - MAX_HEAD_SIZE) {
+        logError("%s:%d return -1\n", __FILE__, __LINE__);
+        return -1;
+    }
+    CGuard guard(m_internal->m_mutex);
+    Internal& self = *m_internal;
+    if (self.m_client == nullptr || !self.m_started) {
+        return -1;
+    }
+    return guarded([&] {
+        client_request request;
+        request.method = method;
+        request.has_body = body != nullptr;
+        request.body = body != nullptr ? body : "";
+        return self.m_client->Conversation().SendExtMsg(request, out, out_length);
+    });
 }
-void CRtspClientSession::GetStatistics(RtspClientStatistics&) {}
+
+int CRtspClientSession::SetAuthInfo(const char* user, const char* password) {
+    if (user == nullptr) {
+        logWarn("%s:%d return -1\n", __FILE__, __LINE__);
+        return -1;
+    }
+    CGuard guard(m_internal->m_mutex);
+    client_settings& settings = m_internal->m_settings;
+    return guarded([&] {
+        settings.user = user;
+        settings.password = password != nullptr ? password : "";
+        settings.has_auth = true;
+        return 0;
+    });
+}
+
+int CRtspClientSession::SetKeepAlive(rtsp_method_t method) {
+    CGuard guard(m_internal->m_mutex);
+    m_internal->m_settings.keepalive = method;
+    if (m_internal->m_client != nullptr && m_internal->m_started) {
+        guarded([&] { return m_internal->m_client->Conversation().SetKeepAlive(method); });
+    }
+    return 0;
+}
+
+void CRtspClientSession::SetPacketType(packet_type_t packet_type) {
+    CGuard guard(m_internal->m_mutex);
+    const bool is_known = packet_type == PACKET_TYPE_RTP || packet_type == PACKET_TYPE_KX;
+    m_internal->m_settings.packet_type = is_known ? packet_type : PACKET_TYPE_NONE;
+}
+
+int CRtspClientSession::SetStreamIdleTimeout(unsigned int ms) {
+    CGuard guard(m_internal->m_mutex);
+    m_internal->m_settings.idle_ms = ms;
+    if (m_internal->m_client != nullptr && m_internal->m_started) {
+        guarded([&] { return m_internal->m_client->Conversation().SetIdleTimeout(ms); });
+    }
+    return 0;
+}
+
+void CRtspClientSession::SetConformance(bool on) {
+    CGuard guard(m_internal->m_mutex);
+    m_internal->m_settings.conformance = on;
+}
+
+void CRtspClientSession::Put(unsigned char* data, int length) {
+    CGuard guard(m_internal->m_mutex);
+    if (data != nullptr && length > 0 && m_internal->m_client != nullptr && m_internal->m_ready) {
+        m_internal->m_client->Conversation().PutBackChannel(data, length);
+    }
+}
+
+int CRtspClientSession::GetWallTime(char kind, uint32_t rtp_timestamp, int64_t& utc_us) {
+    CGuard guard(m_internal->m_mutex);
+    client_track_facts track;
+    reception_stats_t stats;
+    const int media_type = kind == 'V' ? SDP_MEDIA_VIDEO : kind == 'A' ? SDP_MEDIA_AUDIO : SDP_MEDIA_UNKNOWN;
+    if (m_internal->m_client == nullptr || media_type == SDP_MEDIA_UNKNOWN) {
+        return -1;
+    }
+    CClientConversation& conversation = m_internal->m_client->Conversation();
+    if (!conversation.View().TrackByType(media_type, track) || track.clock_rate == 0 ||
+        !conversation.Receive().GetStats(track.rtp_channel, stats) || stats.sr_ntp == 0) {
+        return -1;
+    }
+    // 32.32 seconds, and the signed distance of two 32-bit time stamps.
+    const int64_t seconds = static_cast<int64_t>(stats.sr_ntp >> 32) - SECONDS_TO_1970;
+    const int64_t fraction_us = static_cast<int64_t>(((stats.sr_ntp & 0xffffffff) * US_PER_SECOND) >> 32);
+    const int64_t ticks = static_cast<int32_t>(rtp_timestamp - stats.sr_rtp);
+    utc_us = seconds * US_PER_SECOND + fraction_us + ticks * US_PER_SECOND / track.clock_rate;
+    return 0;
+}
+
+void CRtspClientSession::GetStatistics(RtspClientStatistics& statistics) {
+    CGuard guard(m_internal->m_mutex);
+    statistics = m_internal->m_former;
+    if (m_internal->m_client != nullptr) {
+        m_internal->m_client->Conversation().Receive().GetTotals(statistics);
+    }
+}
+
 rtsp_client_failure_t CRtspClientSession::GetFailure() {
-    return RTSP_CLIENT_FAILURE_NONE;
+    CGuard guard(m_internal->m_mutex);
+    return m_internal->m_failure;
 }
 
-int CRtspClientSession::handle_message(long, unsigned int, long) {
+int CRtspClientSession::handle_message(long sender_id, unsigned int msg, long param) {
+    CGuard guard(m_internal->m_mutex);
+    Internal& self = *m_internal;
+    if (msg == MSG_SOURCE_CLOSED) {
+        --self.m_engines;
+        if (self.m_engines == 0 && self.m_closed) {
+            CNetHandler::Close();
+        }
+        return 0;
+    }
+    if (self.m_client == nullptr || self.m_client->GetID() != sender_id) {
+        return 0;  // of an engine that was replaced
+    }
+    if (msg == MSG_SRC_FAIL && (param == RTSP_CLIENT_CODE_STATUS + 301 || param == RTSP_CLIENT_CODE_STATUS + 302)) {
+        redirect(param);
+    } else if (msg == MSG_SRC_FAIL || msg == MSG_SOCK_EXCEPTION || msg == MSG_SRC_END) {
+        finish(param);
+    } else {
+        self.m_ready = self.m_ready || msg == MSG_RTSP_SETUP_READY;
+        self.m_redirects = msg == MSG_RTSP_PLAY_READY ? 0 : self.m_redirects;
+        if (self.m_notify_id != 0) {
+            Notify(self.m_notify_id, msg, param);
+        }
+    }
     return 0;
 }
-int64_t CRtspClientSession::handle_timeout(long) {
-    return 0;
+
+// The one last notification.
+void CRtspClientSession::finish(long param) {
+    Internal& self = *m_internal;
+    self.m_ready = false;
+    self.m_failure = self.m_client->Conversation().View().Failure();
+    if (self.m_notify_id != 0) {
+        Notify(self.m_notify_id, MSG_RTSP_TEARDOWN, param);
+        self.m_notify_id = 0;
+    }
 }
+
+// The first redirects in a row are followed at once, further ones one by one: a ring of servers is no reason to keep a
+// processor busy.
+void CRtspClientSession::redirect(long param) {
+    Internal& self = *m_internal;
+    self.m_ready = false;
+    self.m_redirect_url = self.m_client->Conversation().View().Redirect();
+    if (++self.m_redirects > FAST_REDIRECTS) {
+        self.m_redirect_timer = SetTimer(ClientTiming().redirect_us);
+        if (self.m_redirect_timer != 0) {
+            return;
+        }
+    }
+    follow_redirect(param);
+}
+
+int64_t CRtspClientSession::handle_timeout(long timer_id) {
+    CGuard guard(m_internal->m_mutex);
+    DestroyTimer(timer_id);
+    if (timer_id == m_internal->m_redirect_timer && m_internal->m_client != nullptr) {
+        m_internal->m_redirect_timer = 0;
+        follow_redirect(RTSP_CLIENT_CODE_STATUS + 302);
+    }
+    return -1;
+}
+
+// A new engine takes the place of the one that was sent away.
+void CRtspClientSession::follow_redirect(long param) {
+    Internal& self = *m_internal;
+    CRtspClient* former = self.m_client;
+    former->Conversation().Receive().GetTotals(self.m_former);
+    const int result = guarded([&] {
+        client_settings settings(self.m_settings);
+        client_host host;
+        // The user, the password and what the host has set in their place are for the first server only.
+        if (!host.Reads(self.m_redirect_url) || !(host == self.m_origin)) {
+            settings.has_auth = false;
+            settings.user.clear();
+            settings.password.clear();
+            for (CRtspParser::ext_keys_t& keys : settings.ext_keys) {
+                keys.erase("Authorization");
+            }
+        }
+        if (make_engine() < 0) {
+            return -1;
+        }
+        return self.m_client->Start(self.m_redirect_url, settings);
+    });
+    if (self.m_client != former) {
+        former->Close();
+    }
+    if (result < 0) {
+        const CLogQuote quote(Ostra::LOG_LEVEL_WARN, self.m_redirect_url.c_str());
+        logWarn("%s:%d redirect failed %s \n", __FILE__, __LINE__, quote.Text());
+        finish(param);
+    }
+}
+
 int CRtspClientSession::handle_close(CNetHandler*) {
-    { CGuard guard(m_internal->m_mutex); }
+    {
+        CGuard guard(m_internal->m_mutex);  // no call is inside any more
+    }
     delete this;
     return -1;
 }

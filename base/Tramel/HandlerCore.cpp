@@ -226,7 +226,7 @@ bool CHandlerCore::RunTurn() {
             deliver_close();
             return false;
         }
-        if (m_reactor.IsStopping()) {
+        if (m_reactor.IsStopping() && !m_ending.load()) {
             return true;
         }
         CEvent event = {};

@@ -39,8 +39,9 @@ public:
     void Close();
     // One handle_output for `fd`; see CReactor::RequestOutput.
     int RequestOutput(int fd);
-    // See CReactor::Resume.
+    // See CReactor::Resume and CountAsEnding.
     void Resume();
+    void CountAsEnding() { m_ending.store(true); }
     // The handler is being destroyed: no callback starts any more.
     void Abandon();
 
@@ -52,7 +53,7 @@ public:
 
 protected:
     bool RunTurn() override;
-    bool IsEnding() const override { return m_closing.load(); }
+    bool IsEnding() const override { return m_closing.load() || m_ending.load(); }
 
 private:
     enum event_kind_t { EVENT_MESSAGE, EVENT_SOCK, EVENT_TIMER };
@@ -90,6 +91,7 @@ private:
     const long m_id;
 
     std::atomic<bool> m_closing{false};  // written under m_mutex
+    std::atomic<bool> m_ending{false};   // what is due is delivered also while the pool stops
 
     Ostra::CMutex m_mutex;
     CNetHandler* m_handler VIDORA_GUARDED_BY(m_mutex);  // null once handle_close was called, or the handler destroyed

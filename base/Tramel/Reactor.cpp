@@ -137,6 +137,12 @@ void CReactor::Resume(CNetHandler& owner) {
     }
 }
 
+void CReactor::CountAsEnding(CNetHandler& owner) {
+    if (owner.m_core != nullptr) {
+        owner.m_core->CountAsEnding();
+    }
+}
+
 void CReactor::Enqueue(std::shared_ptr<CStrand> strand) {
     std::shared_ptr<CEpollPoller> to_wake;
     {

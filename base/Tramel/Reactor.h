@@ -69,6 +69,9 @@ public:
     // or Resume, which ends that for all its sockets. 0, or -1 if it isn't registered.
     int Rest(CNetHandler& owner, int fd, unsigned int mask);
     void Resume(CNetHandler& owner);
+    // `owner` has begun its end and waits for others that close: while Stop waits it counts as closing, so that it gets
+    // their messages.
+    static void CountAsEnding(CNetHandler& owner);
 
     // `fd` is about to be closed: takes it out for all who watch it.
     void Forget(int fd) { m_socks.Forget(fd); }

@@ -1,6 +1,7 @@
 #ifndef VIDORA_TRAMEL_SOCKACCEPTOR_H
 #define VIDORA_TRAMEL_SOCKACCEPTOR_H
 
+#include "Vidora/Export.h"
 #include "Vidora/Tramel/Sock.h"
 
 namespace Kavio {
@@ -9,7 +10,7 @@ namespace Tramel {
 class CSockStream;
 
 // CSockAcceptor: a listening TCP socket. An IPv6 wildcard listens on both families.
-class CSockAcceptor : public CSock {
+class VIDORA_API CSockAcceptor : public CSock {
 public:
     CSockAcceptor();
     ~CSockAcceptor() override;

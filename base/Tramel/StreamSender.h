@@ -2,6 +2,7 @@
 #define VIDORA_TRAMEL_STREAMSENDER_H
 
 #include "Tramel/SockSender.h"
+#include "Vidora/Export.h"
 
 namespace Kavio {
 namespace Tramel {
@@ -11,7 +12,7 @@ namespace Tramel {
 // Text is never dropped and never lands inside a media packet (see CStreamOutput).
 //
 // THREADING and OWNERSHIP  See CSockSender.
-class CStreamSender : public CSockSender {
+class VIDORA_API CStreamSender : public CSockSender {
 public:
     // A sender on the heap, or null.
     static CStreamSender* Create();

@@ -64,7 +64,7 @@ public:
 
 private:
     friend class CLiveSvrRef;  // counts the users that outlast Close
-    struct VIDORA_LOCAL Internal;
+    struct Internal;
     CLiveSvr();
     ~CLiveSvr() override;
 

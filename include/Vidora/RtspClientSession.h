@@ -11,6 +11,7 @@ namespace Kavio {
 namespace Vidora {
 
 class CSdpInfo;
+struct client_play;
 
 // Options of CRtspClientSession::SetOptions, joined by OR.
 enum rtsp_client_option_t {
@@ -179,9 +180,16 @@ public:
     int handle_close(CNetHandler* handler) override;
 
 private:
-    struct VIDORA_LOCAL Internal;
+    struct Internal;
     CRtspClientSession();
     ~CRtspClientSession() override;
+
+    int make_engine();
+    int start(const char* url, long notify_id, rtp_protocol_t transport, int sock);
+    int play(const client_play& play);
+    void finish(long param);
+    void redirect(long param);
+    void follow_redirect(long param);
 
     Internal* m_internal;
 };

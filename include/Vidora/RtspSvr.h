@@ -79,7 +79,7 @@ public:
     static void GetStatistics(RtspSvrStatistics& statistics);
 
 private:
-    struct VIDORA_LOCAL Internal;
+    struct Internal;
     CRtspSvr();
     ~CRtspSvr() override;
 

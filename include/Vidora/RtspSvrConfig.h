@@ -101,7 +101,7 @@ public:
     rtsp_event_func_t GetEventFunc() const;
 
 private:
-    struct VIDORA_LOCAL Record;
+    struct Record;
     static const Record& defaults();
     const Record& record() const;
 

@@ -102,6 +102,9 @@ public:
     // Copies the credentials of the server (0) or the upstream server (1), each cut at 127 characters. 0, or -1 before
     // a parse, without credentials, or for a null text.
     int GetAuthInfo(auth_info_tc& auth, int index) const;
+    // Copies the address of the server (0) or the upstream server (1) as it was written, cut at `size` - 1 characters,
+    // and its port; nothing is resolved. 0, or -1 before a parse, without an address, or for a null text.
+    int GetConnection(int index, char* addr, unsigned int size, unsigned short& port) const;
     // The address of the server (0) or the upstream server (1); an empty one before a parse or if there is none. A host
     // name is resolved, which may block.
     CSockAddrStorage GetAddr(int index) const;
@@ -111,7 +114,7 @@ public:
     char* GetFileName() const;
 
 private:
-    class VIDORA_LOCAL CState;
+    class CState;
 
     CState* m_state;  // null when memory was short
 };

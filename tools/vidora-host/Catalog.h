@@ -7,23 +7,24 @@
 
 #include "LiveSource.h"
 #include "Options.h"
-#include "RecordingStore.h"
+#include "Recording.h"
 #include "Vidora/StreamSource.h"
 
-// Catalog: what this host publishes: live clips by content, and a folder of recordings. Immutable after Load; outlives
-// the sources that it makes.
+// Catalog: what this host publishes: live clips by content, and a folder of recordings. Immutable after Load.
 class Catalog {
 public:
     // Loads all clips. False, with `error`, if one can't be sent.
     bool Load(const Options& options, std::string& error);
-    // A source for a content, or null. Any thread; it doesn't wait for a file.
+    // A source for a content, or null. Any thread.
     Kavio::Vidora::CStreamSource* MakeSource(const char* content) const;
     // Writes one pass of a live clip as a recording. False, with `error`, on failure.
     bool WriteKav(const std::string& content, const std::string& path, std::string& error) const;
 
 private:
+    std::shared_ptr<const Recording> find_recording(const char* content, Interval& interval, std::string& error) const;
+
     std::map<std::string, std::shared_ptr<const LiveClip>> m_live;
-    std::unique_ptr<RecordingStore> m_recordings;  // null without a folder
+    std::string m_recordings;
 };
 
 #endif  // VIDORA_HOST_CATALOG_H

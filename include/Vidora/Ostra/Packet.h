@@ -43,7 +43,7 @@ public:
     unsigned int getExtraSize() const;
 
 private:
-    struct VIDORA_LOCAL Block;
+    struct Block;
     void release();
 
     Block* m_block = nullptr;

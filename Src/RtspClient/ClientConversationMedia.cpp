@@ -1,0 +1,359 @@
+// The set-up of the tracks, and their media.
+#include <cstring>
+#include <new>
+
+#include "Protocol/TextWriter.h"
+#include "RtspClient/ClientConversation.h"
+#include "RtspClient/ClientPorts.h"
+#include "StreamUdpReceiver.h"
+#include "Vidora/Ostra/ByteWriter.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const unsigned int INTERLEAVE_HEADER_SIZE = 4;  // RFC 2326 10.12
+const char WHOLE_CONTROL[] = "a=control:*\r\n";
+
+CSockAddrStorage address_of(const char* text) {
+    CSockAddrStorage addr;
+    sockaddr_storage native = {};
+    if (text[0] != '\0' && Tramel::ParseIpText(text, native)) {
+        addr.SetSockAddr(reinterpret_cast<const sockaddr*>(&native), sizeof(native));
+    }
+    return addr;
+}
+
+// Whether a URL of RTP-Info, whole or relative, names the track with this control.
+bool names_track(const char* url, const char* control) {
+    const size_t url_length = std::strlen(url);
+    const size_t control_length = std::strlen(control);
+    if (url_length == 0 || control_length == 0) {
+        return false;
+    }
+    return url_length >= control_length ? std::strcmp(url + url_length - control_length, control) == 0
+                                        : std::strcmp(control + control_length - url_length, url) == 0;
+}
+
+}  // namespace
+
+int CClientConversation::take_sdp() {
+    try {
+        m_sdp = std::make_shared<client_sdp>();
+        m_sdp->text = m_parser.get_body();
+        CSdpParser& sdp = m_sdp->parser;
+        if (sdp.Parse(m_sdp->text.c_str(), 0) < 0) {
+            return -1;
+        }
+        // A single media needs no control attribute: it is the whole.
+        if (sdp.get_media_count() == 1 && sdp.get_track_id(0) <= 0) {
+            m_sdp->text += WHOLE_CONTROL;
+            sdp.Parse(m_sdp->text.c_str(), 0);
+        }
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+    if (m_tracks.Build(m_sdp->parser, m_settings.transport, m_settings.packet_type) < 0) {
+        return -1;
+    }
+    return set_up_next();
+}
+
+// The SETUP of the first track that had none; without such a track the set-up is done.
+int CClientConversation::set_up_next() {
+    client_track* track = m_tracks.NextToSetUp();
+    if (track == nullptr) {
+        return finish_set_up();
+    }
+    m_cur_track = track;
+    track->sent = true;
+    const bool needs_ports = m_settings.transport == RTP_OVER_UDP && track->transport.multicast == 0;
+    if (needs_ports && OpenClientPorts(*track, m_link.Peer()) < 0) {
+        fail_track(RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);
+        return 0;
+    }
+    if (m_settings.transport == RTP_OVER_UDP && (m_settings.options & RTSP_CLIENT_MULTICAST) != 0) {
+        track->transport.multicast = 1;
+    }
+    if (track->transport.url[0] == '\0' && track->media_index >= 0) {
+        CTextWriter(track->transport.url, sizeof(track->transport.url)).Add(m_parser.get_base_url());
+    }
+    return send_setup(*track);
+}
+
+int CClientConversation::send_setup(client_track& track) {
+    const bool has_group = track.transport.multicast != 0 && track.multicast.addr[0] != '\0';
+    const multicast_info* group = has_group ? &track.multicast : nullptr;
+    return queue(RTSP_METHOD_SETUP, m_parser.generate_setup(&track.transport, group, track.back_channel), REQUEST_MAIN);
+}
+
+// One track suffices: the others are tried all the same.
+void CClientConversation::fail_track(long code, rtsp_client_failure_t failure) {
+    if (m_track_failure == RTSP_CLIENT_FAILURE_NONE) {
+        m_track_code = code;
+        m_track_failure = failure;
+    }
+    if (m_cur_track != nullptr) {
+        m_cur_track->rtp_sock = nullptr;
+        m_cur_track->rtcp_sock = nullptr;
+    }
+    if (!IsEnded() && set_up_next() < 0) {
+        Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);
+    }
+}
+
+int CClientConversation::finish_set_up() {
+    m_cur_track = nullptr;
+    if (m_tracks.AnsweredCount() == 0) {
+        Fail(MSG_SRC_FAIL, m_track_code, m_track_failure);
+        return 0;
+    }
+    m_state = CLIENT_READY;
+    if (m_sdp != nullptr) {
+        m_tracks.FillSdpInfo(m_sdp->info, &m_sdp->parser, m_settings.packet_type);
+        m_view.PublishSdp(m_sdp);
+    }
+    publish_tracks();
+    m_handler.Notify(m_owner_id, MSG_RTSP_SETUP_READY, 0);
+    return 0;
+}
+
+// What the answer doesn't say is as it was asked for.
+int CClientConversation::follow_transport(client_track& track) {
+    const transport_info& reply = *m_parser.get_transport();
+    const bool is_other = m_parser.has_transport() && reply.transport != track.transport.transport;
+    if (is_other) {
+        return -1;
+    }
+    const int result =
+        m_settings.transport == RTP_OVER_UDP ? follow_udp(track, reply) : follow_interleaved(track, reply);
+    track.transport.ssrc = reply.ssrc;
+    logDebug("SSRC: %x %x\n", reply.ssrc, track.transport.ssrc);
+    return result < 0 ? -1 : m_reports.Add(track.rtcp_channel, reply.ssrc);
+}
+
+int CClientConversation::follow_interleaved(client_track& track, const transport_info& reply) {
+    if (reply.server_rtp_port != 0 || reply.server_rtcp_port != 0) {
+        track.rtp_channel = reply.server_rtp_port;
+        track.rtcp_channel = reply.server_rtcp_port;
+    }
+    const int last = static_cast<int>(CClientReports::MAX_CHANNEL);
+    const bool is_usable = track.rtp_channel <= last && track.rtcp_channel <= last &&
+                           track.rtp_channel != track.rtcp_channel && !m_tracks.HasChannels(track);
+    return is_usable ? 0 : -1;
+}
+
+int CClientConversation::follow_udp(client_track& track, const transport_info& reply) {
+    const CSockAddrStorage source = address_of(m_parser.get_source());
+    const bool is_multicast = m_parser.has_transport() ? reply.multicast != 0 : track.transport.multicast != 0;
+    if (is_multicast) {
+        return JoinGroup(track, reply, *m_parser.get_multicast(), source, m_link.Local(), m_settings.conformance);
+    }
+    // A group was asked for and a stream of our own is given: there are no sockets for it yet.
+    if (track.rtp_sock == nullptr && OpenClientPorts(track, m_link.Peer()) < 0) {
+        return -1;
+    }
+    track.transport.multicast = 0;
+    if (reply.server_rtp_port > 0) {
+        track.transport.server_rtp_port = reply.server_rtp_port;
+        track.transport.server_rtcp_port = reply.server_rtcp_port;
+    }
+    FollowUnicastReply(track, reply, source, m_link.Peer());
+    return 0;
+}
+
+void CClientConversation::publish_tracks() {
+    client_track_facts facts[CLIENT_MAX_TRACKS];
+    int count = 0;
+    int entries = 0;
+    const rtp_info_entry* rtp_info = m_parser.get_rtp_info(&entries);
+    for (const client_track& track : m_tracks.All()) {
+        if (!CClientTracks::Delivers(track)) {
+            continue;
+        }
+        client_track_facts& fact = facts[count++];
+        fact.track_id = track.track_id;
+        fact.media_type = m_sdp != nullptr ? m_sdp->parser.get_media_type(track.track_id) : SDP_MEDIA_VIDEO;
+        fact.rtp_channel = track.rtp_channel;
+        fact.clock_rate = track.clock_rate;
+        fact.ssrc = track.transport.ssrc;
+        for (int i = 0; rtp_info != nullptr && i < entries; ++i) {
+            if (names_track(rtp_info[i].url, track.transport.url) || m_tracks.All().size() == 1) {
+                fact.has_rtp_info = true;
+                fact.seq = static_cast<uint16_t>(rtp_info[i].seq);
+                fact.rtptime = rtp_info[i].rtptime;
+            }
+        }
+    }
+    m_view.PublishTracks(facts, count);
+}
+
+void CClientConversation::publish_range() {
+    client_play_range range;
+    range.type = m_parser.get_range_type();
+    m_parser.get_npt_range(&range.begin, &range.end);
+    m_parser.get_clock_range(&range.clock_begin, &range.clock_end);
+    m_view.PublishRange(range);
+}
+
+void CClientConversation::play(const client_play& play) {
+    if (IsEnded() || m_state == CLIENT_INIT) {
+        return;
+    }
+    m_play = play;
+    if (!m_receive.Exists() && start_media() < 0) {
+        Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);
+        return;
+    }
+    if (send_play() < 0) {
+        Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);
+        return;
+    }
+    send_reports();  // over UDP it opens the way for what comes back, too
+}
+
+int CClientConversation::send_play() {
+    const UtcTime* clock[2] = {m_play.has_begin ? &m_play.clock[0] : nullptr,
+                               m_play.has_end ? &m_play.clock[1] : nullptr};
+    const SmpteTime* smpte[2] = {m_play.has_begin ? &m_play.smpte[0] : nullptr,
+                                 m_play.has_end ? &m_play.smpte[1] : nullptr};
+    const char* text = nullptr;
+    switch (m_play.form) {
+        case client_play::CLOCK:
+            text = m_parser.generate_play_clock(clock[0], clock[1], m_play.speed, m_play.scale);
+            break;
+        case client_play::SMPTE:
+            text = m_parser.generate_play_smpte(smpte[0], smpte[1], m_play.speed, m_play.scale);
+            break;
+        default:
+            text = m_parser.generate_play(m_play.begin, m_play.end, m_play.speed, m_play.scale);
+    }
+    return queue(RTSP_METHOD_PLAY, text, REQUEST_MAIN);
+}
+
+// A stream that doesn't run is as it was asked for; nothing need be sent.
+void CClientConversation::pause() {
+    if (IsEnded() || m_state == CLIENT_INIT) {
+        return;
+    }
+    if (m_state != CLIENT_PLAYING && !m_requests.Waits(RTSP_METHOD_PLAY)) {
+        m_handler.Notify(m_owner_id, MSG_RTSP_PAUSE_READY, 0);
+    } else if (queue(RTSP_METHOD_PAUSE, m_parser.generate_pause(), REQUEST_MAIN) < 0) {
+        Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);
+    }
+}
+
+int CClientConversation::start_media() {
+    receiver_tracks_t tracks;
+    const CSdpParser* sdp = m_sdp != nullptr ? &m_sdp->parser : nullptr;
+    if (m_tracks.Describe(sdp, m_settings.packet_type, tracks) < 0) {
+        return -1;
+    }
+    if ((m_settings.options & RTSP_CLIENT_BACK_CHANNEL) != 0 && open_back_channel() < 0) {
+        logError("%s %d init_sender failed!\n", __FILE__, __LINE__);
+        return -1;
+    }
+    CStreamReceiver* receiver = make_receiver();
+    if (receiver == nullptr) {
+        logError("%s:%d return -1\n", __FILE__, __LINE__);
+        return -1;
+    }
+    return m_receive.Begin(receiver, tracks, m_settings.packet_type, m_url.c_str());
+}
+
+CStreamReceiver* CClientConversation::make_receiver() {
+    if (m_settings.transport == RTP_OVER_RTSP) {
+        return m_link.MakeReceiver(m_settings.packet_type, m_handler.GetID());
+    }
+    udp_receiver_socks_t socks;
+    for (const client_track& track : m_tracks.All()) {
+        if (CClientTracks::Delivers(track)) {
+            socks.tracks[socks.count++] = {track.rtp_sock, track.rtcp_sock, track.source};
+        }
+    }
+    return CStreamUdpReceiver::Create(socks, m_handler.GetID());
+}
+
+int CClientConversation::open_back_channel() {
+    if (m_settings.transport != RTP_OVER_UDP) {
+        logError("%s %d Back Channel  over TCP is not support!\n", __FILE__, __LINE__);
+        return -1;
+    }
+    client_track* track = m_tracks.BackChannel();
+    return track == nullptr || m_back_channel.IsOpen() ? 0 : m_back_channel.Open(*track, m_link.Peer());
+}
+
+int CClientConversation::send_reports() {
+    for (const client_track& track : m_tracks.All()) {
+        if (!CClientTracks::Delivers(track)) {
+            continue;
+        }
+        if (!m_reports.Has(track.rtcp_channel) || !m_receive.Exists()) {
+            return 0;
+        }
+        if (send_report(track) < 0) {
+            return -1;
+        }
+    }
+    return 0;
+}
+
+int CClientConversation::send_report(const client_track& track) {
+    unsigned char packet[INTERLEAVE_HEADER_SIZE + CClientReports::MAX_REPORT_SIZE];
+    unsigned int length = CClientReports::MAX_REPORT_SIZE;
+    reception_stats_t stats;
+    if (!m_receive.TakeStats(track.rtp_channel, stats) ||
+        m_reports.Write(track.rtcp_channel, stats, packet + INTERLEAVE_HEADER_SIZE, &length) == nullptr) {
+        return -1;
+    }
+    const char* report = reinterpret_cast<const char*>(packet);
+    if (m_settings.transport == RTP_OVER_RTSP) {
+        Ostra::CByteWriter header(packet, INTERLEAVE_HEADER_SIZE);
+        header.WriteU8('$');
+        header.WriteU8(static_cast<uint8_t>(track.rtcp_channel));
+        header.WriteU16(static_cast<uint16_t>(length));
+        return m_link.Send(report, INTERLEAVE_HEADER_SIZE + length);
+    }
+    if (!track.report_to.IsValid() || track.rtcp_sock == nullptr) {
+        return 0;
+    }
+    return track.rtcp_sock->Send(report + INTERLEAVE_HEADER_SIZE, length, &track.report_to) < 0 ? -1 : 0;
+}
+
+void CClientConversation::OnReceivedRtcp(const std::string& compound, int channel) {
+    client_track* track = IsEnded() ? nullptr : m_tracks.ByRtcpChannel(channel);
+    if (track == nullptr) {
+        return;
+    }
+    reception_stats_t stats;
+    const bool has_media = m_receive.GetStats(track->rtp_channel, stats) && stats.have_seq != 0;
+    const bool over_udp = m_settings.transport == RTP_OVER_UDP;
+    if (over_udp && !has_media) {
+        return;
+    }
+    // A datagram is easily forged: it must know the source that it ends.
+    const bool must_know = over_udp || (m_settings.conformance && has_media);
+    if (m_reports.ReadBye(channel, compound, must_know ? &stats.ssrc : nullptr)) {
+        take_bye(*track);
+    }
+}
+
+void CClientConversation::take_bye(client_track& track) {
+    track.said_bye = true;
+    if (!m_settings.conformance) {
+        logWarn("%s %d this:%p recv RTCP BYE Packet,Stop StateMachine!\n", __FILE__, __LINE__,
+                static_cast<void*>(this));
+        Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_NONE);
+        return;
+    }
+    for (const client_track& other : m_tracks.All()) {
+        if (CClientTracks::Delivers(other) && !other.said_bye) {
+            return;
+        }
+    }
+    Fail(MSG_SRC_END, RTSP_CLIENT_CODE_ENDED, RTSP_CLIENT_FAILURE_NONE);
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,54 @@
+#ifndef VIDORA_RTSPCLIENT_CLIENTLINK_H
+#define VIDORA_RTSPCLIENT_CLIENTLINK_H
+
+#include "RtspClient/ClientTypes.h"
+#include "Vidora/Names.h"
+
+namespace Kavio {
+namespace Vidora {
+
+class CStreamReceiver;
+
+// ILinkUser: the conversation as its link sees it. All on the strand.
+class ILinkUser {
+public:
+    // The link stands: requests may leave.
+    virtual void OnLinkUp() = 0;
+    // Bytes at whose start a message stands. How many of them it takes; 0 while it isn't there whole; -1: no more
+    // input, the link is closed.
+    virtual int TakeMessage(const char* text, unsigned int length) = 0;
+    // The input can't hold a message, being full without one.
+    virtual void OnLinkFlooded() = 0;
+    // There is no link, or it broke.
+    virtual void OnLinkFailed(rtsp_client_failure_t failure) = 0;
+
+protected:
+    ~ILinkUser() = default;
+};
+
+// IClientLink: what a client's conversation runs over: a TCP connection, or a UDP socket through a NAT.
+//
+// THREADING  The strand of the client's handler.
+class IClientLink {
+public:
+    virtual ~IClientLink() = default;
+
+    virtual bool IsUp() const = 0;
+    // Sends a request, or a packet behind its interleave header, whole and in order. 0 or -1.
+    virtual int Send(const char* bytes, unsigned int length) = 0;
+    // The addresses of the two ends; invalid while it isn't up.
+    virtual CSockAddrStorage Peer() const = 0;
+    virtual CSockAddrStorage Local() const = 0;
+    // A receiver for the media that the link itself carries. From then on it reads the link, beginning with what was
+    // read and not used, and hands the replies back. Its messages 1 and 2 go to `owner_id`. Null if memory is short.
+    virtual CStreamReceiver* MakeReceiver(packet_type_t packet_type, long owner_id) = 0;
+    // Takes the link out of the reactor: nothing is read any more, and no failure reported.
+    virtual void StopReading() = 0;
+    // Lets go of it; a receiver that was made keeps its share.
+    virtual void CloseLink() = 0;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_RTSPCLIENT_CLIENTLINK_H

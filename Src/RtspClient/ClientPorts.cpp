@@ -1,0 +1,160 @@
+#include "RtspClient/ClientPorts.h"
+
+#include <ifaddrs.h>
+#include <net/if.h>
+
+#include <new>
+#include <string>
+
+#include "StreamParser/RandomDraw.h"
+#include "UdpSockPair.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const int FIRST_PORT = 20000;
+const int END_PORT = 40000;
+const int FIRST_USER_PORT = 1024;  // those below belong to the system's services
+const int LAST_PORT = 65535;
+
+std::shared_ptr<CUdpSockPair> make_pair() {
+    try {
+        return std::make_shared<CUdpSockPair>();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+std::shared_ptr<CSockDgram> open_sock(const CSockAddrStorage& at) {
+    std::shared_ptr<CSockDgram> sock;
+    try {
+        sock = std::make_shared<CSockDgram>();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+    return sock->Open(&at) == 0 ? sock : nullptr;
+}
+
+// Moves a socket to the port that the server sends to. One that can't be moved stays where it is.
+void move_port(std::shared_ptr<CSockDgram>& sock, int& port, int wanted, const CSockAddrStorage& peer,
+               const char* name) {
+    if (wanted == 0 || wanted == port) {
+        return;
+    }
+    logInfo("%s:%d %s client_port changed from %d to %d\n", __FILE__, __LINE__, name, port, wanted);
+    const char* any = peer.GetRealType() == Tramel::SOCK_ADDR_IPV6 ? "::" : "0.0.0.0";
+    std::shared_ptr<CSockDgram> moved;
+    if (wanted >= FIRST_USER_PORT) {
+        moved = open_sock(CSockAddrStorage(any, static_cast<unsigned short>(wanted)));
+    }
+    if (moved == nullptr) {
+        logError("%s:%d open udp port: %d failed\n", __FILE__, __LINE__, wanted);
+        return;
+    }
+    sock = moved;
+    port = wanted;
+}
+
+// What SetMulticastIF takes for the interface with this address: for IPv6 its name.
+std::string interface_of(const CSockAddrStorage& local) {
+    char text[64] = "";
+    local.GetIpStr(text, sizeof(text));
+    if (local.GetRealType() != Tramel::SOCK_ADDR_IPV6) {
+        return text;
+    }
+    ifaddrs* list = nullptr;
+    if (::getifaddrs(&list) != 0) {
+        return "";
+    }
+    std::string name;
+    for (const ifaddrs* entry = list; entry != nullptr && name.empty(); entry = entry->ifa_next) {
+        CSockAddrStorage addr;
+        char other[64] = "";
+        if (entry->ifa_addr != nullptr && addr.SetSockAddr(entry->ifa_addr, sizeof(sockaddr_in6)) == 0 &&
+            std::string(addr.GetIpStr(other, sizeof(other))) == text) {
+            name = entry->ifa_name;
+        }
+    }
+    ::freeifaddrs(list);
+    return name;
+}
+
+std::shared_ptr<CSockDgram> join(const CSockAddrStorage& group, int port, const std::string& interface_name) {
+    CSockAddrStorage at(group);
+    at.SetPort(static_cast<unsigned short>(port));
+    std::shared_ptr<CSockDgram> sock = open_sock(at);
+    if (sock != nullptr && !interface_name.empty()) {
+        sock->SetMulticastIF(interface_name.c_str());
+    }
+    return sock;
+}
+
+}  // namespace
+
+int OpenClientPorts(client_track& track, const CSockAddrStorage& peer) {
+    const std::shared_ptr<CUdpSockPair> pair = make_pair();
+    const int start = FIRST_PORT + random_draw() % (END_PORT - FIRST_PORT);
+    int port = 0;
+    if (pair == nullptr || (pair->OpenInRange(start, END_PORT, peer.GetRealType(), &port) < 0 &&
+                            pair->OpenInRange(FIRST_PORT, start, peer.GetRealType(), &port) < 0)) {
+        logError("%s:%d error alloc port\n", __FILE__, __LINE__);
+        return -1;
+    }
+    // Both share the pair, which holds its ports for this process.
+    track.rtp_sock = std::shared_ptr<CSockDgram>(pair, &pair->Rtp());
+    track.rtcp_sock = std::shared_ptr<CSockDgram>(pair, &pair->Rtcp());
+    track.transport.rtp_port = port;
+    track.transport.rtcp_port = port + 1;
+    return 0;
+}
+
+void FollowUnicastReply(client_track& track, const transport_info& reply, const CSockAddrStorage& source,
+                        const CSockAddrStorage& peer) {
+    move_port(track.rtp_sock, track.transport.rtp_port, reply.rtp_port, peer, "rtp");
+    move_port(track.rtcp_sock, track.transport.rtcp_port, reply.rtcp_port, peer, "rtcp");
+    track.source = source.IsValid() ? source : peer;
+    track.report_to = track.source;
+    track.report_to.SetPort(static_cast<unsigned short>(reply.server_rtcp_port));
+    if (reply.server_rtcp_port == 0) {
+        track.report_to = CSockAddrStorage();
+    }
+}
+
+int JoinGroup(client_track& track, const transport_info& reply, const multicast_info& group,
+              const CSockAddrStorage& source, const CSockAddrStorage& local, bool reports) {
+    sockaddr_storage native = {};
+    CSockAddrStorage addr;
+    const char* text = group.addr[0] != '\0' ? group.addr : track.multicast.addr;
+    if (Tramel::ParseIpText(text, native)) {
+        addr.SetSockAddr(reinterpret_cast<const sockaddr*>(&native), sizeof(native));
+    }
+    const int rtp_port = reply.server_rtp_port > 0 ? reply.server_rtp_port : track.transport.server_rtp_port;
+    const int rtcp_port = reply.server_rtcp_port > 0 ? reply.server_rtcp_port : rtp_port + 1;
+    track.rtp_sock = nullptr;
+    track.rtcp_sock = nullptr;
+    if (!addr.IsMulticast() || rtp_port <= 0 || rtcp_port > LAST_PORT) {
+        logError("%s:%d open multicast failed\n", __FILE__, __LINE__);
+        return -1;
+    }
+    const std::string interface_name = interface_of(local);
+    track.rtp_sock = join(addr, rtp_port, interface_name);
+    track.rtcp_sock = join(addr, rtcp_port, interface_name);
+    if (track.rtp_sock == nullptr || track.rtcp_sock == nullptr) {
+        logError("%s:%d open multicast failed\n", __FILE__, __LINE__);
+        return -1;
+    }
+    track.source = source;
+    track.transport.multicast = 1;
+    track.transport.server_rtp_port = rtp_port;
+    track.transport.server_rtcp_port = rtcp_port;
+    if (reports) {
+        track.report_to = addr;
+        track.report_to.SetPort(static_cast<unsigned short>(rtcp_port));
+    }
+    return 0;
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,80 @@
+#include "RtspClient/ClientReports.h"
+
+#include <new>
+
+#include "StreamParser/RandomDraw.h"
+
+namespace Kavio {
+namespace Vidora {
+
+CRtcpParser* CClientReports::parser_of(int rtcp_channel) const {
+    const bool is_valid = rtcp_channel >= 0 && rtcp_channel <= static_cast<int>(MAX_CHANNEL);
+    return is_valid ? m_parsers[rtcp_channel / 2].get() : nullptr;
+}
+
+int CClientReports::Add(int rtcp_channel, uint32_t ssrc) {
+    if (rtcp_channel < 0 || rtcp_channel > static_cast<int>(MAX_CHANNEL)) {
+        return -1;
+    }
+    while (m_own_ssrc == 0 || m_own_ssrc == ssrc) {
+        m_own_ssrc = random_draw32();
+    }
+    m_parsers[rtcp_channel / 2].reset(new (std::nothrow) CRtcpParser(m_own_ssrc));
+    return m_parsers[rtcp_channel / 2] != nullptr ? 0 : -1;
+}
+
+unsigned char* CClientReports::Write(int rtcp_channel, const reception_stats_t& stats, unsigned char* buffer,
+                                     unsigned int* length) {
+    CRtcpParser* parser = parser_of(rtcp_channel);
+    if (parser == nullptr) {
+        return nullptr;
+    }
+    if (!m_conformance) {
+        const int info[3] = {static_cast<int>(stats.lost), static_cast<int>(stats.lost_total),
+                             static_cast<int>(stats.last_seq)};
+        parser->set_report_info(info);
+        return parser->get_rr_compound(buffer, length);
+    }
+    rtcp_report block = {};
+    block.ssrc = stats.ssrc;
+    block.fraction = stats.fraction;
+    block.lost = static_cast<uint32_t>(stats.cumulative_lost) & 0xffffff;
+    block.highest_seq = stats.highest_seq;
+    block.jitter = stats.jitter;
+    block.last_sr = stats.last_sr;
+    block.delay_last_sr = stats.delay_last_sr;
+    // Before the first packet there is nothing to report on: no block.
+    if (parser->set_report_block(stats.have_seq != 0 ? &block : nullptr) < 0) {
+        return nullptr;
+    }
+    return parser->get_rr_compound(buffer, length);
+}
+
+bool CClientReports::ReadBye(int rtcp_channel, const std::string& compound, const uint32_t* known) {
+    CRtcpParser* parser = parser_of(rtcp_channel);
+    const unsigned int length = static_cast<unsigned int>(compound.size());
+    if (parser == nullptr ||
+        !parser->ParseData(reinterpret_cast<const unsigned char*>(compound.data()), &length, true)) {
+        return false;
+    }
+    int count = 0;
+    rtcp_pack* packs = parser->get_packets(&count);
+    for (int i = 0; i < count; ++i) {
+        if (packs[i].common.pt != CRtcpParser::RTCP_TYPE_BYE) {
+            continue;
+        }
+        if (known == nullptr) {
+            return true;
+        }
+        const int sources = packs[i].parse(&packs[i]) == 0 ? RtcpCount(packs[i]) : 0;
+        for (int source = 0; source < sources; ++source) {
+            if (packs[i].bye.ssrcs[source] == *known) {
+                return true;
+            }
+        }
+    }
+    return false;
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,59 @@
+#ifndef VIDORA_RTSPCLIENT_TCPLINK_H
+#define VIDORA_RTSPCLIENT_TCPLINK_H
+
+#include <memory>
+
+#include "RtspClient/ClientHandler.h"
+#include "RtspClient/ClientLink.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// CTcpLink: a client's TCP connection to its server.
+//
+// THREADING  The strand of `handler`, but for the construction.
+// MEMORY     4 kB of input.
+class CTcpLink final : public IClientLink {
+public:
+    CTcpLink(CClientHandler& handler, ILinkUser& user) : m_handler(handler), m_user(user) {}
+    ~CTcpLink() override;
+    CTcpLink(const CTcpLink&) = delete;
+    CTcpLink& operator=(const CTcpLink&) = delete;
+
+    // Begins to connect; OnLinkUp or OnLinkFailed follows, the latter also inside the call.
+    void Connect(const CSockAddrStorage& addr);
+    // Takes over a socket that is connected, or about to be.
+    void Adopt(std::shared_ptr<CSockStream> sock);
+
+    bool IsUp() const override { return m_sender != nullptr; }
+    int Send(const char* bytes, unsigned int length) override;
+    CSockAddrStorage Peer() const override;
+    CSockAddrStorage Local() const override;
+    CStreamReceiver* MakeReceiver(packet_type_t packet_type, long owner_id) override;
+    void StopReading() override;
+    void CloseLink() override;
+
+    // The handler's callbacks.
+    int OnInput(int fd);
+    int OnOutput(int fd);
+    int OnException(int fd);
+    int OnConnectTimeout(int fd);
+
+private:
+    void watch_connect();
+    void fail(rtsp_client_failure_t failure);
+    int finish_connect();
+    int cut_messages();
+
+    CClientHandler& m_handler;
+    ILinkUser& m_user;
+    std::shared_ptr<CSockStream> m_sock;
+    CStreamSender* m_sender = nullptr;  // once connected; ended by its Close
+    int m_received = 0;                 // bytes of m_buffer
+    char m_buffer[RTSP_MAX_MESSAGE + 1];
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_RTSPCLIENT_TCPLINK_H

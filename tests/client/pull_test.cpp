@@ -1,0 +1,65 @@
+// The client session against the library's own server.
+
+#include <gtest/gtest.h>
+
+#include "Vidora/SdpInfo.h"
+#include "server/ServerFixture.h"
+#include "support/ClientHost.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+using Support::CClientHost;
+using Support::WaitUntil;
+
+struct Way {
+    const char* name;
+    rtp_protocol_t transport;
+    packet_type_t kind;
+    bool conformance;
+};
+
+class CPullTest : public CServerTest, public testing::WithParamInterface<Way> {};
+
+// Gives frames until `done` holds.
+template <typename Done>
+bool GiveUntil(CFakeStreamSource* source, Done done) {
+    unsigned int sequence = 0;
+    return WaitUntil([&] {
+        GiveVideo(source, sequence++, 3000);
+        return done();
+    });
+}
+
+TEST_P(CPullTest, MediaComes) {
+    CFakeStreamSource* source = StartWithChannel();
+    CClientHost host;
+    host.session->SetPacketType(GetParam().kind);
+    host.session->SetConformance(GetParam().conformance);
+    ASSERT_EQ(0, host.Start(Url(), GetParam().transport));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    EXPECT_TRUE(GiveUntil(source, [&] { return host.sink.Count() > 20; }));
+    CSdpInfo* info = host.session->GetSdpInfo();
+    ASSERT_NE(nullptr, info);
+    EXPECT_STREQ("H264", info->GetPayloadNameEx('V'));
+    RtspClientStatistics statistics;
+    host.session->GetStatistics(statistics);
+    EXPECT_GT(statistics.packets, 5u);
+    EXPECT_GT(statistics.bytes, 1000u);
+    EXPECT_EQ(0u, statistics.lost);
+    host.Close();
+    EXPECT_TRUE(SessionsGone());
+    EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
+}
+
+INSTANTIATE_TEST_SUITE_P(Ways, CPullTest,
+                         testing::Values(Way{"Tcp", RTP_OVER_RTSP, PACKET_TYPE_RTP, false},
+                                         Way{"TcpConformance", RTP_OVER_RTSP, PACKET_TYPE_RTP, true},
+                                         Way{"Private", RTP_OVER_RTSP, PACKET_TYPE_KX, false},
+                                         Way{"Udp", RTP_OVER_UDP, PACKET_TYPE_NONE, false}),
+                         [](const auto& info) { return info.param.name; });
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,139 @@
+#ifndef VIDORA_TESTS_SUPPORT_CLIENTHOST_H
+#define VIDORA_TESTS_SUPPORT_CLIENTHOST_H
+
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <vector>
+
+#include "Vidora/RtspClientSession.h"
+#include "Vidora/Tramel/MediaBuffer.h"
+#include "support/TestHandler.h"
+
+namespace Kavio {
+namespace Support {
+
+// A notification of a client session.
+struct ClientNote {
+    unsigned int msg = 0;
+    long param = 0;
+};
+
+// A sink that keeps what it gets, up to a limit.
+class CPacketSink : public Tramel::CLevel2Buffer_IF {
+public:
+    std::function<void()> on_put;  // set before it is added
+
+    int Put(Tramel::CMediaPacket* packet, int length, int, int channel) override {
+        if (on_put) {
+            on_put();
+        }
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        ++m_count;
+        if (m_packets.size() < 1000) {
+            m_packets.emplace_back(reinterpret_cast<const char*>(packet->GetData()), static_cast<size_t>(length));
+            m_channels.push_back(channel);
+        }
+        return 0;
+    }
+    int Count() const { return m_count; }
+    std::vector<std::string> Packets() {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return m_packets;
+    }
+    std::vector<int> Channels() {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return m_channels;
+    }
+
+private:
+    std::atomic<int> m_count{0};
+    std::mutex m_mutex;
+    std::vector<std::string> m_packets;
+    std::vector<int> m_channels;
+};
+
+// CClientHost: an application with one client session: it plays as soon as the tracks are set up, unless told
+// otherwise, and keeps the notifications. The handler of the notifications belongs to it; the session ends with it, and
+// it waits for nothing.
+class CClientHost {
+public:
+    bool play_at_ready = true;
+    // Called on the handler's strand; set before Start.
+    std::function<void(const ClientNote&)> on_note;
+
+    CClientHost() : session(Vidora::CRtspClientSession::Create()), m_handler(CTestHandler::Make(&m_handler_closed)) {
+        m_handler->on_message = [this](long, unsigned int msg, long param) {
+            take(ClientNote{msg, param});
+            return 0;
+        };
+    }
+    ~CClientHost() {
+        Close();
+        m_handler->Close();
+        WaitUntil([this] { return m_handler_closed > 0; });
+    }
+
+    int Start(const std::string& url, Vidora::rtp_protocol_t transport = Vidora::RTP_OVER_RTSP) {
+        session->GetMediaBuffer()->AddLevel2Buffer(&sink);
+        return session->Start(url.c_str(), m_handler->GetID(), transport);
+    }
+    void Close() {
+        if (!m_closed.exchange(true)) {
+            session->GetMediaBuffer()->DelLevel2Buffer(&sink);
+            session->Close();
+        }
+    }
+    long HandlerId() const { return m_handler->GetID(); }
+
+    std::vector<ClientNote> Notes() {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return m_notes;
+    }
+    int Count(unsigned int msg) {
+        int count = 0;
+        for (const ClientNote& note : Notes()) {
+            count += note.msg == msg ? 1 : 0;
+        }
+        return count;
+    }
+    bool WaitFor(unsigned int msg) {
+        return WaitUntil([this, msg] { return Count(msg) > 0; });
+    }
+    // Waits for the last notification; its code, or -1.
+    long EndCode() {
+        if (!WaitFor(Vidora::MSG_RTSP_TEARDOWN)) {
+            return -1;
+        }
+        return Notes().back().param;
+    }
+
+    Vidora::CRtspClientSession* session;
+    CPacketSink sink;
+
+private:
+    void take(const ClientNote& note) {
+        {
+            const std::lock_guard<std::mutex> guard(m_mutex);
+            m_notes.push_back(note);
+        }
+        if (on_note) {
+            on_note(note);
+        }
+        if (play_at_ready && note.msg == Vidora::MSG_RTSP_SETUP_READY && !m_closed) {
+            session->Play(0.0F, 0.0F, 1.0F, false);
+        }
+    }
+
+    std::atomic<int> m_handler_closed{0};
+    std::atomic<bool> m_closed{false};
+    CTestHandler* m_handler;
+    std::mutex m_mutex;
+    std::vector<ClientNote> m_notes;
+};
+
+}  // namespace Support
+}  // namespace Kavio
+
+#endif  // VIDORA_TESTS_SUPPORT_CLIENTHOST_H
