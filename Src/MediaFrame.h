@@ -39,6 +39,8 @@ public:
     unsigned char* GetData() override { return getBuffer(); }
 
     bool valid() const;
+    // The frame of shared mode; an invalid one otherwise.
+    Flumen::CMediaFrame GetShared() const { return m_mode == MEDIA_FRAME_SHARED ? m_frame : Flumen::CMediaFrame(); }
     // The contents as a packet, owned by this object; null if there are none.
     Memory::CPacket* getPacket();
     // Appends as many of the bytes as fit and gives their number.

@@ -44,10 +44,14 @@ CSdpInfo::~CSdpInfo() {
     m_data = nullptr;
 }
 
-// The place of the first media of a kind, -1 if there is none.
+// The place of the media of a kind that is delivered, or else of the first one, -1 if there is none.
 int CSdpInfo::get_media_index(char kind) {
     if (m_data == nullptr || m_data->m_sdp == nullptr || (kind != 'A' && kind != 'V')) {
         return -1;
+    }
+    const int filled = kind == 'A' ? m_data->m_audio_index : m_data->m_video_index;
+    if (filled >= 0) {
+        return filled;
     }
     const int wanted = kind == 'A' ? SDP_MEDIA_AUDIO : SDP_MEDIA_VIDEO;
     for (int i = 0; i < m_data->m_sdp->get_media_count(); ++i) {
@@ -117,6 +121,15 @@ int CSdpInfo::GetPacketType() {
     return m_data != nullptr && m_data->m_sdp != nullptr ? static_cast<int>(m_data->m_packet_type) : -1;
 }
 
+const char* CSdpInfoAccess::MediaAttribute(CSdpInfo& info, char kind, const char* name) {
+    const int index = info.get_media_index(kind);
+    if (index < 0) {
+        return nullptr;
+    }
+    const CSdpParser& sdp = *info.m_data->m_sdp;
+    return sdp.get_media_attribute(sdp.get_track_id(index), name);
+}
+
 namespace {
 
 // JPEG usually has its static payload type and no rtpmap: it counts as the encoding that an rtpmap would give.
@@ -125,6 +138,34 @@ int encoding_of(const CSdpParser& sdp, int track_id) {
     const static_payload_t* row = FindStaticPayload(sdp.get_payload_type(sdp.get_index(track_id)));
     const bool is_jpeg = row != nullptr && std::strcmp(row->name, "JPEG") == 0;
     return encoding == SDP_ENCODING_UNKNOWN && is_jpeg ? static_cast<int>(SDP_ENCODING_MPEG4) : encoding;
+}
+
+// The first track of a kind is the one that is shown.
+bool take_first(int& channel, const sdp_info_track& track) {
+    const bool first = channel < 0;
+    channel = first ? track.rtp_channel : channel;
+    return first;
+}
+
+void take_track(sdp_info_data& data, const CSdpParser& sdp, const sdp_info_track& track) {
+    switch (sdp.get_media_type(track.track_id)) {
+        case SDP_MEDIA_AUDIO:
+            if (take_first(data.m_audio_channel, track)) {
+                data.m_audio_index = sdp.get_index(track.track_id);
+            }
+            break;
+        case SDP_MEDIA_APPLICATION:
+            take_first(data.m_app_channel, track);
+            break;
+        case SDP_MEDIA_VIDEO:
+            if (take_first(data.m_video_channel, track)) {
+                data.m_video_index = sdp.get_index(track.track_id);
+                data.m_encoding = encoding_of(sdp, track.track_id);
+            }
+            break;
+        default:
+            break;
+    }
 }
 
 }  // namespace
@@ -139,20 +180,7 @@ int CSdpInfoAccess::Fill(CSdpInfo& info, CSdpParser* sdp, const sdp_info_track* 
         if (track.back_channel) {
             continue;
         }
-        switch (sdp->get_media_type(track.track_id)) {
-            case SDP_MEDIA_AUDIO:
-                data->m_audio_channel = track.rtp_channel;
-                break;
-            case SDP_MEDIA_APPLICATION:
-                data->m_app_channel = track.rtp_channel;
-                break;
-            case SDP_MEDIA_VIDEO:
-                data->m_video_channel = track.rtp_channel;
-                data->m_encoding = encoding_of(*sdp, track.track_id);
-                break;
-            default:
-                break;
-        }
+        take_track(*data, *sdp, track);
         data->m_rtp_channels[i] = track.rtp_channel;
         data->m_rtcp_channels[i] = track.rtcp_channel;
     }

@@ -17,6 +17,9 @@ struct sdp_info_data {
     explicit sdp_info_data(CSdpParser* sdp);
 
     CSdpParser* m_sdp;  // not owned; may be null
+    // The media that are delivered, by their places in the description; -1: the first one of the kind.
+    int m_audio_index = -1;
+    int m_video_index = -1;
     int m_audio_channel = -1;
     int m_video_channel = -1;
     int m_app_channel = -1;
@@ -42,8 +45,12 @@ public:
     // The contents; null when memory was short.
     static sdp_info_data* Data(const CSdpInfo& info) { return info.m_data; }
 
-    // Called once by the client engine, when it has its track table: `count` rows, of which 16 are used. `sdp` must
-    // outlive `info`. 0, or -1 for a null argument or without memory.
+    // An attribute of the media that `kind` names, as in CSdpInfo; null if there is none.
+    static const char* MediaAttribute(CSdpInfo& info, char kind, const char* name);
+
+    // Called once by the client engine, when it has its track table: `count` rows, of which 16 are used; of
+    // several tracks of a kind the first one is shown. `sdp` must outlive `info`. 0, or -1 for a null argument or
+    // without memory.
     static int Fill(CSdpInfo& info, CSdpParser* sdp, const sdp_info_track* tracks, int count, packet_type_t type);
 };
 

@@ -167,6 +167,7 @@ int CStreamDecRtp::SetParam(const RtpDecParam& param) {
         m_param.sample_rate_code = DEFAULT_RATE_CODE;
         clock_rate = DEFAULT_CLOCK;
     }
+    clock_rate = param.clock_rate > 0 ? param.clock_rate : clock_rate;
     m_shown_enc_type = param.enc_type;
     m_shown_payload_type = param.payload_type;
     if (m_rtp2frame == nullptr) {

@@ -46,6 +46,7 @@ struct RtpDecParam {
     uint8_t kx_encode_type = 0;    // encode code for the private header
     uint8_t rate_or_channels = 0;  // video: frame rate where none can be measured; audio: channel count
     uint8_t sample_rate_code = 0;  // code of KXFrame.h; 0 or above 9 is replaced by 2
+    uint32_t clock_rate = 0;       // RTP ticks a second; 0: those of the code
     // H.264: sequence and picture parameter set, without start codes. MPEG-4: config1 is the configuration block. Read
     // during SetParam only.
     const unsigned char* config1 = nullptr;

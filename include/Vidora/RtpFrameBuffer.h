@@ -78,6 +78,11 @@ public:
     void GetStatis(TFrameBufferStatis& video, TFrameBufferStatis& audio);
 
 private:
+    friend class CRtspClientBuffer;
+
+    // The last Put met damaged media.
+    bool was_damaged() const;
+
     CRtpFrameBufferCore* m_core;  // shared and counted; null when memory was short
 };
 

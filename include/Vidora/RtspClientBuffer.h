@@ -1,6 +1,8 @@
 #ifndef VIDORA_RTSPCLIENTBUFFER_H
 #define VIDORA_RTSPCLIENTBUFFER_H
 
+#include <atomic>
+
 #include "Vidora/Export.h"
 #include "Vidora/RtpFrameBuffer.h"
 #include "Vidora/Tramel/Level2Buffer.h"
@@ -17,10 +19,11 @@ using Tramel::CLevel2Buffer_IF;
 //     session->GetMediaBuffer()->AddLevel2Buffer(&sink);
 //
 // The end, in this order: CMediaBuffer::DelLevel2Buffer, which waits for a call that runs; the session's Close; delete
-// the sink. A sink may do the first two in its own callback.
+// the sink. A callback may do the first two, but then further frames of the same packet may follow unless it calls
+// Stop as well.
 //
-// THREADING  Put, and with it both callbacks: the thread that puts, one call at a time. All else before the sink is
-//            added to a buffer.
+// THREADING  Put, and with it both callbacks: the thread that puts, one call at a time. Stop: any thread. All else
+//            before the sink is added to a buffer.
 // OWNERSHIP  `user` is passed through. The bytes of a frame are valid for the callback only.
 class VIDORA_API CRtspClientBuffer : public CLevel2Buffer_IF {
 public:
@@ -38,16 +41,21 @@ public:
     // To set it up, and for its statistics.
     CRtpFrameBuffer& GetFrameBuffer() { return m_frame_buffer; }
 
+    // No callback begins any more, also in a Put that runs. Any thread, also inside a callback.
+    void Stop() { m_stopped.store(true); }
+
     // 0; -1 for a null packet or a negative length.
     int Put(CMediaPacket* packet, int length, int flag, int channel) override;
 
 private:
+    void give_frames();
     void report_error();
 
     CRtpFrameBuffer m_frame_buffer;
     frame_callback_t const m_on_frame;
     error_callback_t const m_on_error;
     void* const m_user;
+    std::atomic<bool> m_stopped{false};
 };
 
 }  // namespace Vidora

@@ -1,0 +1,351 @@
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <memory>
+
+#include "MediaFrame.h"
+#include "RtspClient/DecoderParams.h"
+#include "StreamParser/StreamParser.h"
+#include "Vidora/KXFrame.h"
+#include "Vidora/RtpFrameBuffer.h"
+#include "Vidora/RtspClientBuffer.h"
+#include "support/Capture.h"
+#include "support/FrameBuilder.h"
+#include "support/Interleave.h"
+
+using namespace Kavio::Vidora;
+using namespace Kavio::Support;
+namespace Flumen = Kavio::Flumen;
+
+namespace {
+
+const int VIDEO_CHANNEL = 4;
+const int AUDIO_CHANNEL = 2;
+const uint64_t FIRST_PTS = 1000;  // of the sender; what comes out begins at 0
+const char TRACKS[] =
+    "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:v\r\nm=audio 0 RTP/AVP 8\r\na=control:a\r\n";
+
+// A session's view of a description: the first track is the video, the second the audio.
+struct View {
+    explicit View(const std::string& text, packet_type_t type = PACKET_TYPE_RTP) {
+        EXPECT_EQ(sdp.Parse(text.c_str(), 0), 0);
+        const sdp_info_track tracks[] = {{1, VIDEO_CHANNEL, VIDEO_CHANNEL + 1, false},
+                                         {2, AUDIO_CHANNEL, AUDIO_CHANNEL + 1, false}};
+        EXPECT_EQ(CSdpInfoAccess::Fill(info, &sdp, tracks, sdp.get_media_count(), type), 0);
+    }
+    CSdpParser sdp;
+    CSdpInfo info;
+};
+
+// A packet of a host's own class, without a shared frame.
+class CHostPacket : public CMediaPacket {
+public:
+    explicit CHostPacket(const Bytes& bytes) : m_bytes(bytes) {}
+    unsigned char* GetData() override { return m_bytes.data(); }
+
+private:
+    Bytes m_bytes;
+};
+
+// Makes the packets of a track: the library's own encoder, a run a frame.
+class CTrackSender {
+public:
+    CTrackSender(int enc_type, int payload_type, uint32_t clock_rate, int channel)
+        : m_parser(CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_RTP)) {
+        RtpEncParam param;
+        param.enc_type = enc_type;
+        param.payload_type = static_cast<uint8_t>(payload_type);
+        param.clock_rate = clock_rate;
+        param.sequence = 100;
+        param.ssrc = 0x11223344;
+        m_parser->SetParam(param);
+        RtpOverTcpParam over_tcp;
+        over_tcp.use_header = 1;
+        over_tcp.channel = static_cast<uint8_t>(channel);
+        over_tcp.merge_frame = 1;
+        m_parser->SetParam(over_tcp);
+    }
+    Flumen::CMediaFrame Make(const Flumen::CMediaFrame& frame) {
+        EXPECT_EQ(m_parser->InputFrame(frame), PARSER_FRAME_READY);
+        return m_parser->OutputFrame();
+    }
+
+private:
+    CStreamParserPtr m_parser;
+};
+
+Flumen::CMediaFrame video_frame(int type, uint64_t pts, unsigned int size = 5000) {
+    FrameSpec fields;
+    fields.type = type;
+    fields.pts_ms = FIRST_PTS + pts;
+    fields.payload = H264Picture(type == 'I', size, 0x55);
+    return BuildFrame(fields);
+}
+
+Flumen::CMediaFrame audio_frame(uint64_t pts) {
+    FrameSpec fields;
+    fields.type = 'A';
+    fields.pts_ms = FIRST_PTS + pts;
+    fields.encode_code = KX_AUDIO_PCMA;
+    fields.payload = std::string(160, 'a');
+    return BuildFrame(fields);
+}
+
+std::string payload_of(const Flumen::CMediaFrame& frame) {
+    int length = 0;
+    const int offset = get_frame_body(frame.getBuffer(), static_cast<int>(frame.size()), length);
+    const char* text = reinterpret_cast<const char*>(frame.getBuffer());
+    return std::string(text + offset, static_cast<size_t>(length));
+}
+
+int put(CRtpFrameBuffer& buffer, const Flumen::CMediaFrame& run) {
+    CMediaFrame packet(run);
+    return buffer.Put(&packet, static_cast<int>(run.size()));
+}
+
+std::vector<Bytes> units_of(const Flumen::CMediaFrame& run) {
+    std::vector<Bytes> units;
+    for (unsigned int at = 0; at < run.size();) {
+        const unsigned char* unit = run.getBuffer() + at;
+        const unsigned int size = 4u + (static_cast<unsigned int>(unit[2]) << 8) + unit[3];
+        units.push_back(Bytes(unit, unit + size));
+        at += size;
+    }
+    return units;
+}
+
+// The packets of a run one by one, as a host might put them.
+int put_single(CRtpFrameBuffer& buffer, const Flumen::CMediaFrame& run) {
+    int result = 0;
+    for (const Bytes& unit : units_of(run)) {
+        CHostPacket packet(unit);
+        result = buffer.Put(&packet, static_cast<int>(unit.size()));
+    }
+    return result;
+}
+
+}  // namespace
+
+TEST(RtpFrameBuffer, MakesTheFramesOfBothTracks) {
+    for (const int mode : {0, 1}) {
+        for (const auto feed : {&put, &put_single}) {
+            CRtpFrameBuffer buffer;
+            buffer.SetFrameMode(mode);
+            {
+                View view(TRACKS);  // isn't needed behind Init
+                ASSERT_EQ(buffer.Init(&view.info, 0, 0), 0);
+            }
+            CTrackSender video(ENC_TYPE_H264, 96, 90000, VIDEO_CHANNEL);
+            CTrackSender audio(ENC_TYPE_AUDIO, 8, 8000, AUDIO_CHANNEL);
+            uint64_t packets = 0;
+            for (uint64_t i = 0; i < 10; ++i) {
+                const Flumen::CMediaFrame in = video_frame(i == 0 ? 'I' : 'P', i * 40);
+                const Flumen::CMediaFrame run = video.Make(in);
+                packets += units_of(run).size();
+                ASSERT_EQ(feed(buffer, run), 1);
+                const Flumen::CMediaFrame out = buffer.Get();
+                EXPECT_EQ(payload_of(out), payload_of(in));
+                EXPECT_EQ(out.getType(), i == 0 ? 'I' : 'P');
+                EXPECT_EQ(out.getPts(Flumen::PTS_TYPE_MS), i * 40);
+                EXPECT_EQ(out.getChannel(), VIDEO_CHANNEL);
+                EXPECT_EQ(kx_has_magic(out.getBuffer(), out.size()), mode == 0);
+                EXPECT_FALSE(buffer.Get().valid());
+                ASSERT_EQ(feed(buffer, audio.Make(audio_frame(i * 20))), 1);
+                EXPECT_EQ(payload_of(buffer.Get()), std::string(160, 'a'));
+            }
+            TFrameBufferStatis video_statis;
+            TFrameBufferStatis audio_statis;
+            buffer.GetStatis(video_statis, audio_statis);
+            EXPECT_EQ(audio_statis.received, 10u);
+            EXPECT_EQ(video_statis.received, packets);
+            EXPECT_EQ(video_statis.lost + audio_statis.lost, 0u);
+        }
+    }
+}
+
+TEST(RtpFrameBuffer, DropsDamagedFramesAndPassesOverOtherChannels) {
+    View view(TRACKS);
+    CRtpFrameBuffer buffer;
+    ASSERT_EQ(buffer.Init(&view.info, 0, 0), 0);
+    CTrackSender video(ENC_TYPE_H264, 96, 90000, VIDEO_CHANNEL);
+    const CLogCapture log;
+    int whole = 0;
+    for (uint64_t i = 0; i < 20; ++i) {
+        const Flumen::CMediaFrame in = video_frame('I', i * 40);
+        Flumen::CMediaFrame run = video.Make(in);
+        const bool cut = i % 5 == 2;
+        if (cut) {  // the first packet is lost
+            const Bytes all(run.getBuffer(), run.getBuffer() + run.size());
+            const Bytes rest = Part(all, units_of(run)[0].size());
+            run = Flumen::CMediaFrame(static_cast<unsigned int>(rest.size()));
+            std::copy(rest.begin(), rest.end(), run.getBuffer());
+        }
+        CHostPacket stranger(Interleaved(9, Bytes(20, 1)));
+        EXPECT_EQ(buffer.Put(&stranger, 24), -1);
+        EXPECT_EQ(put(buffer, run), cut ? 0 : 1);
+        for (Flumen::CMediaFrame out = buffer.Get(); out.valid(); out = buffer.Get()) {
+            EXPECT_EQ(payload_of(out), payload_of(in));
+            ++whole;
+        }
+    }
+    EXPECT_EQ(whole, 16);
+    EXPECT_EQ(log.Count("invalid channel id:9, audio_rtp_channel:2 video_rtp_channel:4"), 1);
+    TFrameBufferStatis video_statis;
+    TFrameBufferStatis audio_statis;
+    buffer.GetStatis(video_statis, audio_statis);
+    EXPECT_EQ(video_statis.lost, 4u * 2);
+}
+
+TEST(RtpFrameBuffer, HoldsTheFirstFramesUntilTheRateIsKnown) {
+    View view(TRACKS);
+    CRtpFrameBuffer buffer;
+    buffer.SetFramePolicy(0);
+    ASSERT_EQ(buffer.Init(&view.info, 0, 0), 0);
+    CTrackSender video(ENC_TYPE_H264, 96, 90000, VIDEO_CHANNEL);
+    std::vector<size_t> out;
+    uint64_t expected_pts = 0;
+    for (uint64_t i = 0; i < 6; ++i) {
+        ASSERT_EQ(put(buffer, video.Make(video_frame('I', i * 50))), 1);
+        out.push_back(0);
+        for (Flumen::CMediaFrame frame = buffer.Get(); frame.valid(); frame = buffer.Get()) {
+            ++out.back();
+            EXPECT_EQ(frame.getPts(Flumen::PTS_TYPE_MS), expected_pts);
+            EXPECT_EQ(frame.getBuffer()[27], 20);
+            expected_pts += 50;
+        }
+    }
+    EXPECT_EQ(out, (std::vector<size_t>{0, 0, 0, 4, 1, 1}));
+}
+
+TEST(RtpFrameBuffer, TakesPrivateFramesAsTheyAre) {
+    View view(TRACKS, PACKET_TYPE_KX);
+    CRtpFrameBuffer buffer;
+    ASSERT_EQ(buffer.Init(&view.info, 0, 0), 0);
+    const auto put_bytes = [&](const Bytes& bytes) {
+        CHostPacket packet(bytes);
+        return buffer.Put(&packet, static_cast<int>(bytes.size()));
+    };
+    EXPECT_EQ(put_bytes(FromHex("240000000064")), 0);
+    EXPECT_EQ(put_bytes(FromHex("2400000000")), -1);
+    EXPECT_EQ(put_bytes(Bytes(40, 1)), -1);
+    const Flumen::CMediaFrame key = video_frame('I', 1234);
+    const Bytes key_bytes(key.getBuffer(), key.getBuffer() + key.size());
+    EXPECT_EQ(put_bytes(Part(key_bytes, 0, 31)), -1);
+    EXPECT_FALSE(buffer.Get().valid());
+    EXPECT_EQ(put_bytes(key_bytes), 1);
+    const Flumen::CMediaFrame out = buffer.Get();
+    EXPECT_EQ(Bytes(out.getBuffer(), out.getBuffer() + out.size()), key_bytes);
+    EXPECT_EQ(out.getType(), 'I');
+    EXPECT_EQ(out.getPts(Flumen::PTS_TYPE_MS) & 0xFFFF, FIRST_PTS + 1234);
+    EXPECT_FALSE(buffer.Get().valid());
+}
+
+TEST(RtpFrameBuffer, SharesItsContentsWithCopies) {
+    CRtpFrameBuffer second;
+    {
+        View view(TRACKS);
+        CRtpFrameBuffer first;
+        ASSERT_EQ(first.Init(&view.info, 0, 0), 0);
+        second = first;
+        second = second;
+        const CRtpFrameBuffer third(second);
+    }
+    CTrackSender audio(ENC_TYPE_AUDIO, 8, 8000, AUDIO_CHANNEL);
+    EXPECT_EQ(put(second, audio.Make(audio_frame(0))), 1);
+    EXPECT_TRUE(second.Get().valid());
+}
+
+TEST(RtpFrameBuffer, ReadsTheDescription) {
+    struct Row {
+        const char* sdp;
+        int enc_type;
+        uint8_t kx_code;
+        const char* config1;
+        const char* config2;
+    };
+    const std::string head = "m=video 0 RTP/AVP 97\r\na=control:v\r\na=rtpmap:97 ";
+    const Row rows[] = {
+        {"h264/90000\r\na=fmtp:97 packetization-mode=1;sprop-parameter-sets=Z0LAHtoCgL5A,aM48gA==;x=1\r\n",
+         ENC_TYPE_H264, 2, "000000016742c01eda0280be40", "0000000168ce3c80"},
+        {"H264/90000\r\na=fmtp:97 sprop-parameter-sets=,aM48gA==,!,\r\n", ENC_TYPE_H264, 2, "", "0000000168ce3c80"},
+        {"H264/90000\r\n", ENC_TYPE_H264, 2, "", ""},
+        {"MP4V-ES/90000\r\na=fmtp:97 profile-level-id=1; config=000001B0f; x\r\n", ENC_TYPE_MPEG4, 1, "000001b0", ""},
+        {"MPEG4/90000\r\na=fmtp:97 config=zz\r\n", ENC_TYPE_MPEG4, 1, "", ""},
+        {"jpeg/90000\r\n", ENC_TYPE_JPEG, 5, "", ""},
+        {"MP2T/90000\r\n", ENC_TYPE_MPEG2TS, 9, "", ""},
+        {"H265/90000\r\n", ENC_TYPE_NONE, 0, "", ""},
+    };
+    const CLogCapture log;
+    for (const Row& row : rows) {
+        View view(head + row.sdp);
+        CDecoderParams params;
+        ASSERT_EQ(params.Read(view.info), 0) << row.sdp;
+        const CDecoderParams::Track& video = params.Get(CDecoderParams::TRACK_VIDEO);
+        EXPECT_EQ(video.channel, VIDEO_CHANNEL);
+        EXPECT_EQ(video.param.payload_type, 97);
+        EXPECT_EQ(video.param.enc_type, row.enc_type) << row.sdp;
+        EXPECT_EQ(video.param.kx_encode_type, row.kx_code) << row.sdp;
+        const auto hex = [](const unsigned char* data, int size) { return ToHex(Bytes(data, data + size)); };
+        EXPECT_EQ(hex(video.param.config1, video.param.config1_len), row.config1) << row.sdp;
+        EXPECT_EQ(hex(video.param.config2, video.param.config2_len), row.config2) << row.sdp;
+    }
+    EXPECT_EQ(log.Count(":Not Support Video ForMat:H265"), 1);
+
+    View audio("m=application 0 RTP/AVP 0\r\nm=audio 0 RTP/AVP 97\r\na=control:a\r\na=rtpmap:97 L16/24000/2\r\n");
+    CDecoderParams params;
+    ASSERT_EQ(params.Read(audio.info), 0);
+    EXPECT_EQ(params.Get(CDecoderParams::TRACK_VIDEO).channel, -1);
+    EXPECT_EQ(params.Get(CDecoderParams::TRACK_AUDIO).param.clock_rate, 24000u);
+    EXPECT_EQ(params.Get(CDecoderParams::TRACK_AUDIO).param.rate_or_channels, 2);
+
+    View none("m=application 0 RTP/AVP 107\r\n");
+    CRtpFrameBuffer buffer;
+    EXPECT_EQ(buffer.Init(&none.info, 0, 0), -1);
+    EXPECT_EQ(log.Count("no Media info"), 1);
+}
+
+TEST(RtspClientBuffer, GivesFramesAndTellsOfDamageOnly) {
+    struct Host {
+        int frames = 0;
+        int errors = 0;
+        CRtspClientBuffer* stop = nullptr;
+        static void OnFrame(const unsigned char*, unsigned int, void* user) {
+            Host* host = static_cast<Host*>(user);
+            ++host->frames;
+            if (host->stop != nullptr) {
+                host->stop->Stop();
+            }
+        }
+        static void OnError(int code, void* user) {
+            EXPECT_EQ(code, 0);
+            ++static_cast<Host*>(user)->errors;
+        }
+    };
+    const CLogCapture log;
+    Host host;
+    View view(TRACKS);
+    CRtspClientBuffer sink(&Host::OnFrame, &Host::OnError, &host);
+    sink.GetFrameBuffer().SetFramePolicy(0);  // four frames come out at once
+    ASSERT_EQ(sink.GetFrameBuffer().Init(&view.info, 0, 0), 0);
+    CTrackSender video(ENC_TYPE_H264, 96, 90000, VIDEO_CHANNEL);
+    const auto put_run = [&](const Flumen::CMediaFrame& run) {
+        CMediaFrame packet(run);
+        return sink.Put(&packet, static_cast<int>(run.size()), 1, 0);
+    };
+    EXPECT_EQ(sink.Put(nullptr, 1, 1, 0), -1);
+    CHostPacket stranger(Interleaved(9, Bytes(20, 1)));
+    EXPECT_EQ(sink.Put(&stranger, -1, 1, 0), -1);
+    EXPECT_EQ(host.errors, 2);
+    EXPECT_EQ(sink.Put(&stranger, 24, 1, 0), 0);
+    EXPECT_EQ(host.errors, 2);
+    for (uint64_t i = 0; i < 3; ++i) {
+        EXPECT_EQ(put_run(video.Make(video_frame('I', i * 40))), 0);
+    }
+    CHostPacket garbage(Bytes(20, 1));
+    EXPECT_EQ(sink.Put(&garbage, 20, 1, 0), 0);
+    EXPECT_EQ(host.errors, 3);
+    EXPECT_EQ(host.frames, 0);
+    host.stop = &sink;
+    EXPECT_EQ(put_run(video.Make(video_frame('I', 120))), 0);
+    EXPECT_EQ(host.frames, 1);
+}
