@@ -12,8 +12,9 @@ class CUdpSockPair;
 
 // CRtpUdpKeeper: watches the RTCP sockets of one CRtpUdpSender for signs of life of the peer.
 //
-// Whatever arrives counts; the bytes are dropped. One silent interval on any track ends the watch and posts
-// MSG_KEEPALIVE_TIMEOUT.
+// Whatever the peer sends counts, from whichever of its ports; the bytes are dropped. What others send counts for
+// nothing. One silent interval on any track ends the watch and posts MSG_KEEPALIVE_TIMEOUT; others can put that off by
+// one more interval.
 //
 // THREADING  Start: the sender's owner, once. Everything else runs on the reactor. Ended with Close().
 // OWNERSHIP  Shares the sockets with the sender, so that a callback that runs while the sender dies finds them open.
@@ -21,7 +22,8 @@ class CRtpUdpKeeper : public CNetHandler {
 public:
     static const int MAX_PAIRS = 15;
 
-    CRtpUdpKeeper(long notify_id, int timeout_s);
+    // `peer`: whose signs count; its port is of no interest.
+    CRtpUdpKeeper(long notify_id, int timeout_s, const CSockAddrStorage& peer);
 
     // Adds a pair to be watched; before Start. At most MAX_PAIRS.
     void AddPair(const std::shared_ptr<CUdpSockPair>& pair);
@@ -35,9 +37,18 @@ public:
 private:
     ~CRtpUdpKeeper() override = default;
 
+    struct Watch {
+        std::shared_ptr<CUdpSockPair> pair;
+        uint64_t last_sign_ms = 0;
+    };
+
+    bool drain(CSockDgram& sock) const;
+    int give_up();
+
     const long m_notify_id;
     const int m_timeout_s;
-    std::shared_ptr<CUdpSockPair> m_pairs[MAX_PAIRS];
+    const CSockAddrStorage m_peer;  // in the plain form
+    Watch m_watches[MAX_PAIRS];
     int m_pair_count = 0;
     int m_timeout_count = 0;  // for the log only
 };

@@ -3,10 +3,12 @@
 #include <netinet/in.h>
 #include <sys/socket.h>
 
-#include <cstdio>
+#include <cerrno>
+#include <cstring>
 #include <new>
 
 #include "RtpUdpKeeper.h"
+#include "Tramel/IpText.h"
 #include "UdpSockPair.h"
 #include "Vidora/RtspSvrConfig.h"
 
@@ -19,22 +21,10 @@ const int INTERLEAVE_HEADER_SIZE = 4;
 const uint64_t REPORT_INTERVAL_MS = 1000;
 const unsigned TRACK_COUNT = 8;
 
-// Multicast groups that may be routed. 224.0.0.x stays on the link whatever its TTL, and keeps the default.
-const uint32_t FIRST_ROUTED_GROUP = 0xE0000100;  // 224.0.1.0
-const uint32_t LAST_ROUTED_GROUP = 0xEFFFFFFF;
-
-// The address as a number in host order; 0 unless it is IPv4.
-uint32_t ipv4_number(const CSockAddrStorage& addr) {
-    if (addr.GetRealType() != Tramel::SOCK_ADDR_IPV4) {
-        return 0;
-    }
-    char text[64];
-    const CSockAddrIPv4 plain(addr.GetIpStr(text, sizeof(text)), 0);
-    sockaddr_in native = {};
-    if (plain.GetAddr(reinterpret_cast<sockaddr*>(&native)) < 0) {
-        return 0;
-    }
-    return ntohl(native.sin_addr.s_addr);
+// A group of 224.0.0.x, which stays on the link whatever its TTL (RFC 5771 4).
+bool is_link_local_group(const CSockAddrStorage& addr) {
+    sockaddr_in native;
+    return Tramel::ReadIPv4(addr.Native(), sizeof(native), native) && (ntohl(native.sin_addr.s_addr) >> 8) == 0xE00000;
 }
 
 void mark_sock(const CSockDgram& sock, int dscp, int family) {
@@ -76,27 +66,56 @@ int CRtpUdpSender::Put(CMediaPacket* packet, int length, int /*flag*/, int tag) 
         return -1;
     }
     CGuard guard(m_mutex);
-    CSockDgram* sock = find_sock_locked(data[1], false);
-    if (sock == nullptr) {
+    const Outlet outlet = find_outlet_locked(data[1], false);
+    if (outlet.slot == nullptr) {
         return -1;
     }
-    if (sock->SendMerged(data, static_cast<unsigned int>(length)) < 0) {
-        if (report_due_locked()) {
-            logError("%s:%d udp send failed \n", __FILE__, __LINE__);
-        }
+    const bool aimed = aim_locked(*outlet.slot);
+    if (!aimed || outlet.sock->SendMerged(data, static_cast<unsigned int>(length)) < 0) {
+        report_failure_locked(*outlet.slot, errno);
+        outlet.slot->aimed = false;  // the next frame tries another route
         return -1;
     }
+    report_success_locked(*outlet.slot);
     return length;
 }
 
-// A peer that has gone refuses every packet: one line a second is enough.
-bool CRtpUdpSender::report_due_locked() {
-    const uint64_t now = CTime::getCurrentMilliSecond();
-    if (m_last_report_ms != 0 && now - m_last_report_ms < REPORT_INTERVAL_MS) {
-        return false;
+// Sets where the slot's pair sends, unless it knows.
+bool CRtpUdpSender::aim_locked(Slot& slot) {
+    unsigned int index = 0;
+    CSockAddrStorage source;
+    if (!slot.aimed && (!m_remote.IsMulticast() || m_interface.Find(m_remote.GetRealType(), index, source))) {
+        slot.aimed = slot.pair->Aim(m_remote, slot.remote_port, index, source) == 0;
     }
+    return slot.aimed;
+}
+
+// Once until a packet gets out, and once a second where some do.
+void CRtpUdpSender::report_failure_locked(const Slot& slot, int error) {
+    const uint64_t now = CTime::getCurrentMilliSecond();
+    if (m_failing || (m_last_report_ms != 0 && now - m_last_report_ms < REPORT_INTERVAL_MS)) {
+        return;
+    }
+    m_failing = true;
     m_last_report_ms = now;
-    return true;
+    logError("%s:%d udp send failed \n", __FILE__, __LINE__);
+    if (!m_remote.IsMulticast()) {
+        return;
+    }
+    char ip[64];
+    const char* road = m_interface.Text()[0] == '\0' ? "the system's routes" : m_interface.Text();
+    logError("%s:%d nothing can be sent to %s port %d by %s: %s\n", __FILE__, __LINE__,
+             m_remote.GetIpStr(ip, sizeof(ip)), slot.remote_port, road, std::strerror(error));
+}
+
+void CRtpUdpSender::report_success_locked(const Slot& slot) {
+    const bool is_news = m_failing && m_remote.IsMulticast();
+    m_failing = false;
+    if (is_news) {
+        char ip[64];
+        logWarn("%s:%d sending to %s port %d goes on\n", __FILE__, __LINE__, m_remote.GetIpStr(ip, sizeof(ip)),
+                slot.remote_port);
+    }
 }
 
 void CRtpUdpSender::SetConfig(const CRtspSvrConfig* config) {
@@ -132,8 +151,7 @@ int CRtpUdpSender::SetMulticastIF(const char* ip) {
         return -1;
     }
     CGuard guard(m_mutex);
-    snprintf(m_multicast_if, sizeof(m_multicast_if), "%s", ip);
-    m_has_multicast_if = true;
+    m_interface.Set(ip);
     return 0;
 }
 
@@ -154,11 +172,6 @@ int CRtpUdpSender::OpenPair(int* local_port, int remote_port, int channel) {
     }
     mark(*pair);
     take_slot_locked(slot, pair, remote_port, channel);
-    set_ttl_locked(*slot);
-    if (m_has_multicast_if) {
-        pair->Rtp().SetMulticastIF(m_multicast_if);
-        pair->Rtcp().SetMulticastIF(m_multicast_if);
-    }
     if (m_keeper != nullptr) {
         StartKeepAlive(m_keeper_notify_id, m_keeper_timeout_s);
     }
@@ -175,7 +188,6 @@ int CRtpUdpSender::OpenPairAt(int local_port, int remote_port, int channel) {
     slot->pair.reset();
     pair->OpenAt(local_port, m_remote.GetRealType());
     take_slot_locked(slot, pair, remote_port, channel);
-    set_ttl_locked(*slot);
     return 0;
 }
 
@@ -195,30 +207,26 @@ CRtpUdpSender::Slot* CRtpUdpSender::free_slot_locked(int channel) {
 
 void CRtpUdpSender::take_slot_locked(Slot* slot, const std::shared_ptr<CUdpSockPair>& pair, int remote_port,
                                      int channel) {
-    set_remote_locked(*pair, remote_port);
     slot->pair = pair;
     slot->channel = channel;
+    slot->remote_port = remote_port;
+    set_ttl_locked(*slot);
+    slot->aimed = false;
+    aim_locked(*slot);  // or else with the first packet
     if (m_next_slot < m_slot_count) {
         ++m_next_slot;
     }
 }
 
-void CRtpUdpSender::set_remote_locked(CUdpSockPair& pair, int remote_port) {
-    CSockAddrStorage remote(m_remote);
-    remote.SetPort(static_cast<unsigned short>(remote_port));
-    pair.Rtp().SetRemote(&remote);
-    remote.SetPort(static_cast<unsigned short>(remote_port + 1));
-    pair.Rtcp().SetRemote(&remote);
-}
-
+// Link-local groups keep the system's TTL.
 void CRtpUdpSender::set_ttl_locked(const Slot& slot) {
+    if (!m_remote.IsMulticast() || is_link_local_group(m_remote)) {
+        return;
+    }
     CSockDgram* socks[] = {&slot.pair->Rtp(), &slot.pair->Rtcp()};
-    const uint32_t group = ipv4_number(m_remote);
     const int ttl = m_ttl < 255 ? m_ttl : 255;
     for (int i = 0; i < 2; ++i) {
-        socks[i]->SetMulticastTTL(static_cast<unsigned char>(ttl));
-        if (group >= FIRST_ROUTED_GROUP && group <= LAST_ROUTED_GROUP &&
-            setsockopt(socks[i]->GetHandle(), IPPROTO_IP, IP_MULTICAST_TTL, &ttl, sizeof(ttl)) < 0) {
+        if (socks[i]->SetMulticastTTL(static_cast<unsigned char>(ttl)) < 0) {
             logError("%s %d channel: %d set TTL Failed!\n", __FILE__, __LINE__, slot.channel + i);
         }
     }
@@ -232,8 +240,8 @@ void CRtpUdpSender::mark(CUdpSockPair& pair) const {
     }
 }
 
-CSockDgram* CRtpUdpSender::find_sock_locked(int channel, bool rtcp_first) {
-    CSockDgram* other = nullptr;
+CRtpUdpSender::Outlet CRtpUdpSender::find_outlet_locked(int channel, bool rtcp_first) {
+    Outlet other;
     for (int i = 0; i < m_slot_count; ++i) {
         Slot& slot = m_slots[static_cast<size_t>(i)];
         if (!slot.pair) {
@@ -243,12 +251,12 @@ CSockDgram* CRtpUdpSender::find_sock_locked(int channel, bool rtcp_first) {
         if (!rtp && slot.channel + 1 != channel) {
             continue;
         }
-        CSockDgram* sock = rtp ? &slot.pair->Rtp() : &slot.pair->Rtcp();
+        const Outlet outlet = {&slot, rtp ? &slot.pair->Rtp() : &slot.pair->Rtcp()};
         if (rtp != rtcp_first) {
-            return sock;
+            return outlet;
         }
-        if (other == nullptr) {
-            other = sock;
+        if (other.slot == nullptr) {
+            other = outlet;
         }
     }
     return other;
@@ -259,8 +267,10 @@ int CRtpUdpSender::SendRaw(const char* buf, int len, int channel) {
         return -1;
     }
     CGuard guard(m_mutex);
-    CSockDgram* sock = find_sock_locked(channel, true);
-    return sock == nullptr ? -1 : sock->Send(buf, static_cast<unsigned int>(len), nullptr);
+    const Outlet outlet = find_outlet_locked(channel, true);
+    return outlet.slot != nullptr && aim_locked(*outlet.slot)
+               ? outlet.sock->Send(buf, static_cast<unsigned int>(len), nullptr)
+               : -1;
 }
 
 int CRtpUdpSender::StartKeepAlive(long notify_id, int timeout_s) {
@@ -270,7 +280,7 @@ int CRtpUdpSender::StartKeepAlive(long notify_id, int timeout_s) {
     }
     m_keeper_notify_id = notify_id;
     m_keeper_timeout_s = timeout_s;
-    m_keeper = new (std::nothrow) CRtpUdpKeeper(notify_id, timeout_s);
+    m_keeper = new (std::nothrow) CRtpUdpKeeper(notify_id, timeout_s, m_remote);
     if (m_keeper == nullptr) {
         return -1;
     }

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "MulticastInterface.h"
 #include "Vidora/Names.h"
 
 namespace Kavio {
@@ -19,6 +20,10 @@ class CUdpSockPair;
 //
 // It takes the packets of all tracks with their interleave headers (RFC 2326 10.12), finds the socket by the channel
 // byte, and sends each packet without its header.
+//
+// A group is sent to by the interface that was set, with that interface's address. A pair that can't be sent from (no
+// network yet, the interface gone or with another address) tries anew with each Put. The log tells once that sending
+// fails, and once that it goes on.
 //
 // THREADING  Put: the source's thread. EnableTrack, DisableTrack: any thread. All others: the owner's, also while the
 //            sender is attached to a buffer; a lock keeps them apart from Put.
@@ -48,12 +53,14 @@ public:
     // headers, RTCP has the next one. When all room is taken, the track that has `channel` already is opened anew.
     // 0, or -1 if there is no room, or no free pair (with a log line).
     int OpenPair(int* local_port, int remote_port, int channel);
-    // The same at the local port that the peer was told, without a search, marking and multicast interface. 0, also if
-    // a socket can't be opened; -1 if there is no room.
+    // The same at the local port that the peer was told, without a search and marking. 0, also if a socket can't be
+    // opened; -1 if there is no room.
     int OpenPairAt(int local_port, int remote_port, int channel);
-    // Multicast TTL (default 64) for pairs opened later; values below 1 are ignored. 0.
+    // Multicast TTL (default 64) for pairs opened later; values below 1 are ignored. Groups of 224.0.0.x keep the
+    // system's, which is 1. 0.
     int SetTtl(int ttl);
-    // Interface that multicast leaves by, for pairs opened later; at most 127 characters. 0, or -1 for null.
+    // The interface that multicast leaves by: an address or the name of it, see CMulticastInterface. It need not be
+    // there yet. Before OpenPair. 0, or -1 for null.
     int SetMulticastIF(const char* ip);
 
     // Sends `len` bytes as one datagram on the socket of `channel`. Its result, or -1 if no socket has it.
@@ -72,16 +79,25 @@ private:
     struct Slot {
         std::shared_ptr<CUdpSockPair> pair;
         int channel = -1;
+        int remote_port = 0;
+        bool aimed = false;  // knows where it sends, and could send there last
+    };
+
+    // What sends the packets of a channel.
+    struct Outlet {
+        Slot* slot = nullptr;
+        CSockDgram* sock = nullptr;  // of the slot's pair
     };
 
     Slot* free_slot_locked(int channel) VIDORA_REQUIRES(m_mutex);
     void take_slot_locked(Slot* slot, const std::shared_ptr<CUdpSockPair>& pair, int remote_port, int channel)
         VIDORA_REQUIRES(m_mutex);
-    void set_remote_locked(CUdpSockPair& pair, int remote_port) VIDORA_REQUIRES(m_mutex);
+    bool aim_locked(Slot& slot) VIDORA_REQUIRES(m_mutex);
     void set_ttl_locked(const Slot& slot) VIDORA_REQUIRES(m_mutex);
     void mark(CUdpSockPair& pair) const;
-    CSockDgram* find_sock_locked(int channel, bool rtcp_first) VIDORA_REQUIRES(m_mutex);
-    bool report_due_locked() VIDORA_REQUIRES(m_mutex);
+    Outlet find_outlet_locked(int channel, bool rtcp_first) VIDORA_REQUIRES(m_mutex);
+    void report_failure_locked(const Slot& slot, int error) VIDORA_REQUIRES(m_mutex);
+    void report_success_locked(const Slot& slot) VIDORA_REQUIRES(m_mutex);
 
     const CRtspSvrConfig* m_config = nullptr;
     CRtpUdpKeeper* m_keeper = nullptr;
@@ -96,8 +112,8 @@ private:
     int m_next_slot VIDORA_GUARDED_BY(m_mutex) = 0;
     CSockAddrStorage m_remote VIDORA_GUARDED_BY(m_mutex);
     int m_ttl VIDORA_GUARDED_BY(m_mutex) = 64;
-    char m_multicast_if[128] VIDORA_GUARDED_BY(m_mutex) = {};
-    bool m_has_multicast_if VIDORA_GUARDED_BY(m_mutex) = false;
+    CMulticastInterface m_interface VIDORA_GUARDED_BY(m_mutex);
+    bool m_failing VIDORA_GUARDED_BY(m_mutex) = false;         // the last send
     uint64_t m_last_report_ms VIDORA_GUARDED_BY(m_mutex) = 0;  // of a failed send
 };
 

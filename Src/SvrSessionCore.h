@@ -13,12 +13,10 @@
 #include "Protocol/RtspRspParser.h"
 #include "Protocol/SdpParser.h"
 #include "RtspState.h"
+#include "SessionSource.h"
 #include "SilenceRule.h"
-#include "StreamSource/LiveSvrRef.h"
 #include "SvrLink.h"
 #include "TrackTable.h"
-#include "Vidora/DataSource.h"
-#include "Vidora/LiveChannel.h"
 #include "Vidora/Names.h"
 #include "Vidora/RtspSvrConfig.h"
 #include "Vidora/Types.h"
@@ -53,7 +51,7 @@ public:
 
     // Before the session starts. The event function is taken from the configuration.
     void SetConfig(const CRtspSvrConfig& config);
-    void SetLiveSvr(const CLiveSvrRef& live_svr) { m_live_svr = live_svr; }
+    void SetLiveSvr(const CLiveSvrRef& live_svr) { m_source.SetLiveSvr(live_svr); }
 
     // 1 prints the delay of every frame to the debug console, for all sessions of the process; 0, the default, doesn't.
     // The console command "rtspdelay 0|1" does the same.
@@ -147,11 +145,9 @@ private:
 
     // DESCRIBE.
     int on_describe(const StateEvent& event);
-    int open_data_source(const StateEvent& event, const char* content);
-    int open_live_channel(const StateEvent& event, const char* content);
-    int read_channel_name();
+    int open_data_source(const StateEvent& event, const char* content, int proto);
+    int open_live_channel(const StateEvent& event, const char* content, int proto);
     void release_source();
-    void release_assist();
     int read_sdp();
     int wait_for_sdp();
     void stop_waiting_for_sdp();
@@ -174,7 +170,6 @@ private:
     void restart_report_timer();
     int start_media(const CTrack* single, int cseq);
     int enter_route();
-    int start_data_source(int cseq);
 
     // Parameters, PAUSE, TEARDOWN.
     int on_set_parameter(const StateEvent& event);
@@ -183,7 +178,6 @@ private:
     int reply_pause();
     int on_teardown(const StateEvent& event);
     int teardown_track(CTrack& track);
-    int stop_data_source();
     int refuse_here(const StateEvent& event);
     int on_unsupported(const StateEvent& event);
 
@@ -198,41 +192,18 @@ private:
     int on_sdp_update();
     bool has_same_sdp();
     void stop_media();
-    LivePlace live_place() const;
+    int stop_source() { return m_source.Stop(m_packet_type); }
     void on_asyn_msg(const StateEvent& event);
 
-    // Calls `call` with the source of either kind; one must be there.
-    template <typename Call>
-    auto of_source(Call call) {
-        return m_live_channel != nullptr ? call(*m_live_channel) : call(*m_data_source);
-    }
-    bool has_source() const { return m_live_channel != nullptr || m_data_source != nullptr; }
-    bool wants_assist() const { return m_stream_proto == 1; }
-
-    // Where media comes from.
-    CLiveSvrRef m_live_svr;
-    CLiveChannel* m_live_channel = nullptr;  // a reference on it is held
-    CDataSource* m_data_source = nullptr;    // owned: closed, never deleted
-    CMediaBuffer* m_media_buffer = nullptr;  // owned; a data source puts its packets there
-    std::string m_channel_name;              // content of the live URL
-    int m_channel = 0;                       // its numbers
-    int m_subtype = 0;
-    int m_stream_proto = 0;                 // CRtspUrlParser::GetLocalStreamProto of the URL
-    src_type_t m_src_type = SRC_TYPE_NONE;  // of the URL
-    bool m_is_live = false;
-    int m_sdp_result = 0;  // of the last GetSdp: 1 is a channel that is multicast only
+    CSessionSource m_source;
+    int m_sdp_result = SDP_UNICAST;  // of the last GetSdp
 
     // Where it goes.
     enum route_kind_t { ROUTE_INTERLEAVED, ROUTE_UDP, ROUTE_CHANNEL, ROUTE_KINDS };
     std::unique_ptr<IMediaRoute> m_routes[ROUTE_KINDS];
-    IMediaRoute* m_route = nullptr;                    // of the last SETUP
-    IMediaRoute* m_entered = nullptr;                  // that stands in the channel or buffer,
-    packet_type_t m_attached_type = PACKET_TYPE_NONE;  // of this type
-    packet_type_t m_packet_type = PACKET_TYPE_NONE;    // of the last SETUP
-    bool m_assist_enabled = false;                     // the assist track was counted in
-    bool m_source_started = false;                     // StartStreaming was called on the data source
-    packet_type_t m_source_type = PACKET_TYPE_NONE;    // in this form
-    bool m_streaming = false;                          // from the end of a PLAY to a PAUSE or whole TEARDOWN
+    IMediaRoute* m_route = nullptr;                  // of the last SETUP
+    packet_type_t m_packet_type = PACKET_TYPE_NONE;  // of the last SETUP
+    bool m_streaming = false;                        // from the end of a PLAY to a PAUSE or whole TEARDOWN
 
     CTrackTable m_tracks{m_sdp};
 

@@ -9,8 +9,6 @@
 #include "SvrSessionCore.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StreamSender.h"
-#include "Vidora/LiveSvr.h"
-#include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -81,7 +79,7 @@ int CSvrSessionCore::on_pause(const StateEvent& event) {
     if (parse_event(event) < 0) {
         return refuse_parse(event);
     }
-    if (m_is_live || m_data_source == nullptr) {
+    if (!m_source.IsOwn()) {
         return refuse_here(event);  // a channel that others share can't be paused
     }
     const int track_id = m_tracks.IdOfUrl(m_rsp_parser.get_url());
@@ -89,9 +87,8 @@ int CSvrSessionCore::on_pause(const StateEvent& event) {
         track.playing = track.playing && track_id >= 0 && track.track_id != track_id;
     }
     ++m_play_round;
-    m_source_started = false;
     m_wait_id = event.id;
-    m_data_source->Pause();
+    m_source.Pause();
     return 1;
 }
 
@@ -134,7 +131,7 @@ int CSvrSessionCore::on_teardown(const StateEvent& event) {
     m_streaming = false;
     send_error(200);
     stop_media();
-    stop_data_source();
+    stop_source();
     return 0;
 }
 
@@ -149,18 +146,8 @@ int CSvrSessionCore::teardown_track(CTrack& track) {
     track.playing = false;
     track.set_up = false;
     send_error(200);
-    stop_data_source();  // for all tracks: there is no stop of one
+    stop_source();  // for all tracks: there is no stop of one
     return 0;
-}
-
-// The type is that of its start: a SETUP may have asked for another one since.
-int CSvrSessionCore::stop_data_source() {
-    if (m_data_source == nullptr) {
-        return -1;
-    }
-    const packet_type_t type = m_source_started ? m_source_type : m_packet_type;
-    m_source_started = false;
-    return m_data_source->StopStreaming(type);
 }
 
 // Ends the reports and takes the sinks off their buffer.
@@ -170,24 +157,12 @@ void CSvrSessionCore::stop_media() {
         m_rtcp_timer = 0;
     }
     m_silence.Reset();
-    if (m_entered == nullptr) {
-        return;
-    }
-    if (m_live_channel != nullptr) {
-        m_entered->LeaveLive(live_place());
-    } else if (m_media_buffer) {
-        m_entered->LeaveBuffer(*m_media_buffer);
-    }
-    m_entered = nullptr;
-}
-
-LivePlace CSvrSessionCore::live_place() const {
-    return {m_live_svr.get(), m_channel_name.c_str(), m_live_channel, m_attached_type};
+    m_source.Leave();
 }
 
 // Sender reports of the tracks that play, or of one; with a BYE behind them (RFC 3550 6.6). 0 or -1.
 int CSvrSessionCore::send_rtcp_report(int track_filter, bool with_bye) {
-    if (!has_source()) {
+    if (!m_source.IsOpen()) {
         return -1;
     }
     for (const CTrack& track : m_tracks) {
@@ -206,10 +181,10 @@ int CSvrSessionCore::send_rtcp_report(int track_filter, bool with_bye) {
 
 int CSvrSessionCore::send_track_report(const CTrack& track, bool with_bye) {
     SrcInfo info;
-    if (of_source([&](auto& source) { return source.GetSrcInfo(info, track.track_id); }) < 0) {
+    if (m_source.GetSrcInfo(info, track.track_id) < 0) {
         return -1;
     }
-    const int channel = of_source([&](auto& source) { return source.GetTcpChannel(track.track_id); }) + 1;
+    const int channel = m_source.GetTcpChannel(track.track_id) + 1;
     CRtcpParser rtcp(track.ssrc);
     const int sender_info[3] = {static_cast<int>(info.packets), static_cast<int>(info.octets),
                                 static_cast<int>(info.timestamp)};
@@ -288,7 +263,7 @@ void CSvrSessionCore::on_frame_info(CMediaPacket* packet, int length, int /*unus
 void CSvrSessionCore::give_lost_events() {
     char peer[64];
     m_peer_addr.GetIpStr(peer, sizeof(peer));
-    LostPacketEvent record = {peer, m_peer_addr.GetPort(), m_channel, m_subtype, GetID()};
+    LostPacketEvent record = {peer, m_peer_addr.GetPort(), m_source.Channel(), m_source.Subtype(), GetID()};
     for (unsigned int count = m_lost_count.exchange(0); count > 0 && m_event_func != nullptr; --count) {
         m_event_func(EVENT_LOST_PACKET, &record, static_cast<int>(sizeof(record)));
     }
@@ -296,7 +271,7 @@ void CSvrSessionCore::give_lost_events() {
 
 // The control connection was silent for the keep-alive time.
 int CSvrSessionCore::handle_input_timeout(int fd) {
-    if (m_is_live && m_sdp_result == SDP_MULTICAST) {
+    if (m_source.IsLive() && m_sdp_result == SDP_MULTICAST) {
         return 0;  // a multicast viewer may be silent
     }
     if (!m_silence.ControlIsSilent()) {
@@ -313,7 +288,7 @@ int CSvrSessionCore::handle_input_timeout(int fd) {
 
 int CSvrSessionCore::handle_exception(int /*fd*/) {
     logWarn("%s:%d, handle_exception this:%p.\n", __FILE__, __LINE__, static_cast<void*>(this));
-    stop_data_source();
+    stop_source();
     put_asyn_msg(MSG_SESSION_BROKEN);
     return 0;
 }
@@ -340,7 +315,7 @@ int CSvrSessionCore::handle_message(long /*sender_id*/, unsigned int msg, long p
             put_asyn_msg(MSG_SESSION_BROKEN);
             break;
         case MSG_SRC_READY:
-            if (has_source()) {
+            if (m_source.IsOpen()) {
                 read_sdp();
             }
             result = reply_describe();
@@ -391,18 +366,14 @@ void CSvrSessionCore::on_source_end() {
     put_asyn_msg(MSG_SRC_END);
 }
 
-// Only of a buffer of the session's own: a channel's has media for others, always.
 bool CSvrSessionCore::has_media_to_send() {
-    if (m_entered == nullptr || m_media_buffer == nullptr) {
-        return false;
-    }
-    const bool idle = m_media_buffer->IsIdle();
-    const uint64_t unsent = m_entered->Unsent();
-    if (unsent != m_end_unsent) {
+    uint64_t unsent = 0;
+    const bool waits = m_source.HasMediaToSend(unsent);
+    if (waits && unsent != m_end_unsent) {
         m_end_unsent = unsent;
         m_end_tries = 0;
     }
-    return !idle || unsent > 0;
+    return waits;
 }
 
 void CSvrSessionCore::stop_draining() {
@@ -418,7 +389,7 @@ void CSvrSessionCore::stop_draining() {
 // themselves. A DESCRIBE that waits for the SDP may have it now.
 int CSvrSessionCore::on_sdp_update() {
     if (m_sdp_timer != 0) {
-        return has_source() && read_sdp() < 0 ? 0 : reply_describe();  // the tries are the timer's
+        return m_source.IsOpen() && read_sdp() < 0 ? 0 : reply_describe();  // the tries are the timer's
     }
     // A source that becomes ready reports that as an update as well. It may overtake the DESCRIBE that has just been
     // answered with this very SDP.
@@ -432,9 +403,7 @@ int CSvrSessionCore::on_sdp_update() {
 // Whether the source's SDP is what DESCRIBE gave, but for the origin line, which has the time of its making.
 bool CSvrSessionCore::has_same_sdp() {
     CSdpParser now;
-    const bool assist = wants_assist();
-    if (!has_source() ||
-        of_source([&](auto& source) { return assist ? source.GetSdp(now, 1) : source.GetSdp(now); }) < 0) {
+    if (!m_source.IsOpen() || m_source.GetSdp(now) < 0) {
         return false;
     }
     now.GetStream();
@@ -449,23 +418,12 @@ void CSvrSessionCore::on_asyn_msg(const StateEvent& event) {
         CloseLink();
         return;
     }
-    bool waits = false;
     stop_waiting_for_sdp();
     stop_draining();
     stop_media();
     StopSending();
-    release_assist();
-    if (m_data_source != nullptr) {
-        m_wait_id = event.id;
-        waits = true;
-        CDataSource* source = m_data_source;
-        m_data_source = nullptr;
-        source->Close();
-    }
-    if (m_live_channel != nullptr) {
-        m_live_channel->DelRef(GetID());
-        m_live_channel = nullptr;
-    }
+    m_wait_id = event.id;
+    const bool waits = m_source.Release(GetID(), true);
     if (!waits && !m_closed) {
         m_closed = true;
         CloseLink();

@@ -6,7 +6,7 @@
 
 #include "ChannelRoute.h"
 #include "SvrSessionCore.h"
-#include "Vidora/Tramel/MediaBuffer.h"
+#include "Vidora/DataSource.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -39,12 +39,13 @@ int CSvrSessionCore::on_play(const StateEvent& event) {
     if (!m_tracks.AnySetUp()) {
         return refuse_here(event);  // every SETUP was refused
     }
-    return m_is_live ? reply_play() : play_data_source(event);
+    return m_source.IsLive() ? reply_play() : play_data_source(event);
 }
 
 // The source answers with MSG_PLAY_READY, or MSG_SRC_FAIL.
 int CSvrSessionCore::play_data_source(const StateEvent& event) {
-    if (m_data_source == nullptr) {
+    CDataSource* own = m_source.Own();
+    if (own == nullptr) {
         return -1;
     }
     m_wait_id = event.id;
@@ -54,12 +55,12 @@ int CSvrSessionCore::play_data_source(const StateEvent& event) {
         UtcTime begin;
         UtcTime end;
         m_rsp_parser.get_clock_range(&begin, &end);
-        m_data_source->Play(begin, end, speed, is_scale);
+        own->Play(begin, end, speed, is_scale);
     } else {
         double begin = -1.0;
         double end = -1.0;
         m_rsp_parser.get_npt_range(&begin, &end);
-        m_data_source->Play(npt_to_us(begin), npt_to_us(end), speed, is_scale);
+        own->Play(npt_to_us(begin), npt_to_us(end), speed, is_scale);
     }
     return 1;
 }
@@ -69,7 +70,7 @@ int CSvrSessionCore::on_replay(const StateEvent& event) {
     if (parse_event(event) < 0) {
         return refuse_parse(event);
     }
-    if (m_is_live) {
+    if (m_source.IsLive()) {
         const char* reply = m_rsp_parser.generate_error_reply(200);
         if (reply == nullptr) {
             logError("%s:%d, get reply 200 failed.\n", __FILE__, __LINE__);
@@ -79,12 +80,12 @@ int CSvrSessionCore::on_replay(const StateEvent& event) {
     for (CTrack& track : m_tracks) {
         track.playing = false;
     }
-    return stop_data_source() < 0 ? -1 : play_data_source(event);
+    return stop_source() < 0 ? -1 : play_data_source(event);
 }
 
 // Answers PLAY and starts the media: in the request itself on a live channel, on MSG_PLAY_READY on a data source.
 int CSvrSessionCore::reply_play() {
-    if (!has_source()) {
+    if (!m_source.IsOpen()) {
         return warn_play();
     }
     const int track_id = m_tracks.IdOfUrl(m_rsp_parser.get_url());  // -1: all tracks
@@ -104,13 +105,13 @@ int CSvrSessionCore::reply_play() {
     }
     restart_report_timer();
     const int cseq = m_rsp_parser.get_range_cseq();
-    if (m_is_live) {
+    if (m_source.IsLive()) {
         send_text(reply);
     } else {
         // This can run the requests that waited behind PLAY. One that ends the play again has the last word.
         const unsigned int round = m_play_round;
         m_machine.put_tx_event(EVENT_KIND_PLAY, reply, 200, m_wait_id);
-        if (m_data_source == nullptr) {
+        if (!m_source.IsOwn()) {
             return warn_play();
         }
         if (round != m_play_round) {
@@ -132,7 +133,7 @@ int CSvrSessionCore::build_rtp_info(const CTrack* single, rtp_info_entry* table,
             continue;
         }
         SrcInfo info;
-        if (of_source([&](auto& source) { return source.GetSrcInfo(info, track.track_id); }) < 0) {
+        if (m_source.GetSrcInfo(info, track.track_id) < 0) {
             logError("%s:%d, get src info failed., track_id_it=%d.\n", __FILE__, __LINE__, track.track_id);
             return -1;
         }
@@ -149,12 +150,12 @@ const char* CSvrSessionCore::generate_play_reply(const rtp_info_entry* entries, 
     if (m_rsp_parser.get_range_type() == 1) {
         UtcTime begin;
         UtcTime end;
-        of_source([&](auto& source) { return source.GetPlayRange(begin, end); });
+        m_source.GetPlayRange(begin, end);
         return m_rsp_parser.generate_play_reply_clock(entries, count, &begin, &end);
     }
     uint64_t begin = NOT_GIVEN;
     uint64_t end = NOT_GIVEN;
-    of_source([&](auto& source) { return source.GetPlayRange(begin, end); });
+    m_source.GetPlayRange(begin, end);
     return m_rsp_parser.generate_play_reply(entries, count, us_to_npt(begin), us_to_npt(end));
 }
 
@@ -171,10 +172,10 @@ void CSvrSessionCore::restart_report_timer() {
 
 // `single`: the one track that the PLAY named, or null for all.
 int CSvrSessionCore::start_media(const CTrack* single, int cseq) {
-    if (m_entered == nullptr && enter_route() < 0) {
+    if (!m_source.IsEntered() && enter_route() < 0) {
         return -1;
     }
-    if (!m_is_live && start_data_source(cseq) < 0) {
+    if (m_source.IsOwn() && m_source.Start(m_packet_type, cseq) < 0) {
         return -1;
     }
     for (CTrack& track : m_tracks) {
@@ -190,44 +191,15 @@ int CSvrSessionCore::enter_route() {
         m_routes[ROUTE_CHANNEL] = CChannelRoute::Create(m_sdp);
         m_route = m_routes[ROUTE_CHANNEL].get();
     }
-    if (!m_is_live && m_media_buffer == nullptr) {
-        m_media_buffer = new (std::nothrow) CMediaBuffer;
-        if (m_media_buffer != nullptr) {
-            m_media_buffer->EnableAutoSend();
-        }
-    }
-    if (m_route == nullptr || (!m_is_live && m_media_buffer == nullptr)) {
+    if (m_route == nullptr) {
         return -1;
     }
-    m_attached_type = m_packet_type;
-    if (wants_assist() && !m_assist_enabled) {
-        m_assist_enabled = true;
-        of_source([](auto& source) { return source.EnableStreamTrack(STREAM_TRACK_ASSIST); });
-    }
-    if (!m_is_live) {
-        m_route->EnterBuffer(*m_media_buffer);
-    } else if (m_route->EnterLive(live_place()) < 0) {
+    if (m_source.Enter(*m_route, m_packet_type) < 0) {
         // Nothing is attached, and the keep-alive ends the session.
         logError("%s:%d, EnterLiveChannel failed, this:%p.\n", __FILE__, __LINE__, static_cast<void*>(this));
         return -1;
     }
-    m_entered = m_route;
     m_silence.Set(m_route->Watch(GetID(), m_config.GetKeepAliveTimeout()));
-    return 0;
-}
-
-// A resume after a pause takes this road, too.
-int CSvrSessionCore::start_data_source(int cseq) {
-    if (m_source_started) {
-        return 0;
-    }
-    const int result = m_data_source->StartStreaming(m_packet_type, m_media_buffer, cseq);
-    if (result < 0) {
-        logError("%s:%d, startstreaming has problem, enable=%d..\n", __FILE__, __LINE__, result);
-        return -1;
-    }
-    m_source_started = true;
-    m_source_type = m_packet_type;
     return 0;
 }
 

@@ -74,6 +74,15 @@ void CUdpSockPair::OpenAt(int port, int family) {
     open_sock(m_rtcp, port + 1, family);
 }
 
+int CUdpSockPair::Aim(const CSockAddrStorage& remote, int port, unsigned int index, const CSockAddrStorage& source) {
+    CSockAddrStorage to(remote);
+    to.SetPort(static_cast<unsigned short>(port + 1));
+    const int rtcp = m_rtcp.SetTarget(to, index, source);
+    to.SetPort(static_cast<unsigned short>(port));
+    const int rtp = remote.IsMulticast() ? m_rtp.SetTarget(to, index, source) : m_rtp.SetRemote(&to);
+    return rtp == 0 ? rtcp : rtp;
+}
+
 // 0, or the error's number: then neither is open.
 int CUdpSockPair::open_at(int port, int family) {
     m_family = family;

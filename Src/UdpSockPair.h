@@ -27,6 +27,12 @@ public:
     // Opens both sockets at `port` and the one above it. A socket that can't be opened stays invalid.
     void OpenAt(int port, int family);
 
+    // Sets where the pair sends: RTP to `port` of `remote`, RTCP to the port above it. RTP to one peer is connected,
+    // for speed. Multicast isn't, so that it isn't tied to the route and the address of this host that there are now:
+    // it leaves by the interface `index` from `source`, if the index isn't 0. Nor is RTCP, which a peer may send from
+    // any port of its. May be called again while one thread receives. 0 or -1.
+    int Aim(const CSockAddrStorage& remote, int port, unsigned int index, const CSockAddrStorage& source);
+
     // The family of the last open: a sock_addr_type_t.
     int Family() const { return m_family; }
     CSockDgram& Rtp() { return m_rtp; }

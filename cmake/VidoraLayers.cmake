@@ -98,6 +98,10 @@ function(vidora_library)
     add_library(vidora_static STATIC ${objects})
     set_target_properties(vidora PROPERTIES VERSION ${PROJECT_VERSION} SOVERSION ${PROJECT_VERSION_MAJOR})
     set_target_properties(vidora_static PROPERTIES OUTPUT_NAME vidora)
+    # Visibility tells which of the library's own names are exported; the script hides what else has default visibility,
+    # instances of the standard library's templates.
+    target_link_options(vidora PRIVATE LINKER:--version-script=${PROJECT_SOURCE_DIR}/cmake/vidora.map)
+    set_property(TARGET vidora APPEND PROPERTY LINK_DEPENDS ${PROJECT_SOURCE_DIR}/cmake/vidora.map)
     # The library's calls of its own exported operations go straight there, and the compiler may inline them.
     target_link_options(vidora PRIVATE LINKER:-Bsymbolic-functions)
     foreach(target vidora vidora_static)

@@ -14,8 +14,6 @@ namespace Vidora {
 
 namespace {
 
-const char SCHEME[] = "rtsp://";
-const size_t SCHEME_SIZE = sizeof SCHEME - 1;
 // Asks a device for its audio back channel (ONVIF Streaming Specification 5.3.1).
 const char BACK_CHANNEL_TAG[] = "Require: www.onvif.org/ver20/backchannel\r\n";
 const int NPT_DIGITS = 6;
@@ -95,7 +93,7 @@ const char* CRtspReqParser::generate_setup(const transport_info* t, const multic
 
 void CRtspReqParser::build_setup_url(const char* track_url, char* out, unsigned int size) {
     CTextWriter url(out, size);
-    if (std::strstr(track_url, SCHEME) == nullptr) {
+    if (RtspFindScheme(track_url) == nullptr) {
         CGuard guard(m_shared_lock);
         const size_t length = std::strlen(m_base_url);
         url.Add(m_base_url, length > 0 && m_base_url[length - 1] == '/' ? "" : "/");
@@ -154,7 +152,7 @@ void CRtspReqParser::build_play_url(char* out, unsigned int size) {
         url.Add(m_url);
         return;
     }
-    const char* found = std::strlen(m_url) >= SCHEME_SIZE ? std::strstr(m_url + SCHEME_SIZE, path) : nullptr;
+    const char* found = std::strlen(m_url) >= RTSP_SCHEME_SIZE ? std::strstr(m_url + RTSP_SCHEME_SIZE, path) : nullptr;
     url.Add(m_base_url);
     if (found == nullptr) {
         return;

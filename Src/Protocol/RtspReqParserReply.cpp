@@ -1,9 +1,9 @@
 // The reading half: replies.
-#include <algorithm>
 #include <cstring>
 
 #include "Protocol/LogQuote.h"
 #include "Protocol/RtspReqParser.h"
+#include "Protocol/RtspTables.h"
 #include "Protocol/TextWriter.h"
 #include "Tramel/StrParser.h"
 
@@ -11,18 +11,6 @@ namespace Kavio {
 namespace Vidora {
 
 namespace {
-
-const char SCHEME[] = "rtsp://";
-const size_t SCHEME_SIZE = sizeof SCHEME - 1;
-
-enum status_t {
-    STATUS_OK = 200,
-    STATUS_MOVED_PERMANENTLY = 301,
-    STATUS_MOVED_TEMPORARILY = 302,
-    STATUS_USE_PROXY = 305,
-    STATUS_BAD_REQUEST = 400,
-    STATUS_UNAUTHORIZED = 401
-};
 
 // First octets of IPv4 multicast addresses (RFC 5771).
 bool is_multicast_octet(int octet) {
@@ -47,10 +35,10 @@ int CRtspReqParser::parse_message(const char* buffer, unsigned int length, rtsp_
     }
 
     text.Attach(message, message_length);
-    if (m_status == STATUS_UNAUTHORIZED) {
+    if (m_status == RTSP_STATUS_UNAUTHORIZED) {
         return read_challenge(text);
     }
-    if (m_status == STATUS_MOVED_PERMANENTLY || m_status == STATUS_MOVED_TEMPORARILY) {
+    if (m_status == RTSP_STATUS_MOVED_PERMANENTLY || m_status == RTSP_STATUS_MOVED_TEMPORARILY) {
         return read_redirect(text);
     }
     return read_by_method(text) < 0 ? RTSP_BAD_MESSAGE : RTSP_OK;
@@ -67,9 +55,9 @@ int CRtspReqParser::take_info(const char* message, unsigned int length, rtsp_msg
     CGuard guard(m_shared_lock);
     const int sent = m_cseq;
     const int result = CRtspParser::parse_message(message, length, info);
-    // The counter of requests and the CSeq of the reply are one field. A reply to an older request must not turn the
-    // counter back: the next request would carry a CSeq that is still in flight.
-    m_cseq = std::max(m_cseq, sent);
+    // The counter of requests and the CSeq of the reply are one field. No reply moves the counter: an older one would
+    // turn it back to a CSeq that is still in flight, a stranger's could drive it anywhere.
+    m_cseq = sent;
     return result;
 }
 
@@ -122,8 +110,8 @@ int CRtspReqParser::read_challenge(CStrParser& text) {
 
 int CRtspReqParser::read_redirect(CStrParser& text) {
     text.ResetAll();
-    if (text.LocateStringCase(SCHEME) < 0) {
-        m_status = STATUS_BAD_REQUEST;
+    if (text.LocateStringCase(RTSP_SCHEME) < 0) {
+        m_status = RTSP_STATUS_BAD_REQUEST;
         return RTSP_BAD_MESSAGE;
     }
     text.ConsumeSentence("\r\n", m_redirect_url, sizeof m_redirect_url);
@@ -146,7 +134,7 @@ int CRtspReqParser::read_by_method(CStrParser& text) {
             return RTSP_OK;
         case RTSP_METHOD_SET_PARAMETER:
         case RTSP_METHOD_GET_PARAMETER:
-            return m_status == STATUS_OK ? parse_body(text) : RTSP_OK;
+            return m_status == RTSP_STATUS_OK ? parse_body(text) : RTSP_OK;
         default: {
             text.ResetAll();
             const CLogQuote quote(Ostra::LOG_LEVEL_WARN, text.GetString(), static_cast<size_t>(text.GetStringLen()));
@@ -167,11 +155,11 @@ void CRtspReqParser::read_public(CStrParser& text) {
 }
 
 int CRtspReqParser::read_describe(CStrParser& text) {
-    if (m_status == STATUS_USE_PROXY) {
-        m_status = STATUS_BAD_REQUEST;  // no proxy is used
+    if (m_status == RTSP_STATUS_USE_PROXY) {
+        m_status = RTSP_STATUS_BAD_REQUEST;  // no proxy is used
         return RTSP_OK;
     }
-    if (m_status != STATUS_OK) {
+    if (m_status != RTSP_STATUS_OK) {
         return RTSP_OK;
     }
     read_content_base(text);
@@ -191,11 +179,11 @@ void CRtspReqParser::read_content_base(CStrParser& text) {
     }
     char base[sizeof m_base_url];
     CTextWriter url(base, sizeof base);
-    if (std::strstr(value, SCHEME) != nullptr) {
+    if (RtspFindScheme(value) != nullptr) {
         url.Add(value);
     } else {
-        const char* start = std::strstr(m_url, SCHEME);
-        const char* path = start != nullptr ? std::strchr(start + SCHEME_SIZE, '/') : nullptr;
+        const char* start = RtspFindScheme(m_url);
+        const char* path = start != nullptr ? std::strchr(start + RTSP_SCHEME_SIZE, '/') : nullptr;
         if (path == nullptr) {
             return;
         }

@@ -14,6 +14,10 @@ namespace {
 const int DEFAULT_TIMEOUT_S = 60;  // RFC 2326 12.37
 const double NPT_NOT_GIVEN = -1.0;
 const int FRACTION_DIGITS = 6;
+const char LINE_END[] = "\r\n";
+const size_t LINE_END_SIZE = sizeof LINE_END - 1;
+const size_t MAX_RTP_INFO_LINE = 1023;
+const size_t MAX_RANGE_LINE = 1023;
 
 bool add_unicast(CTextWriter& line, const char* word, const transport_info& t) {
     if (t.transport == RTP_OVER_RTSP) {
@@ -50,7 +54,7 @@ const char* CRtspRspParser::generate_options_reply() {
     }
     char headers[RTSP_MAX_TEXT + 64];
     CTextWriter(headers, sizeof headers).Add("Public: ", m_public, "\r\n");
-    return generate_reply(headers, 200, nullptr);
+    return generate_reply(headers, RTSP_STATUS_OK, nullptr);
 }
 
 const char* CRtspRspParser::generate_describe_reply(int content_length) {
@@ -61,7 +65,7 @@ const char* CRtspRspParser::generate_describe_reply(int content_length) {
         .Add("Content-Length: ", content_length, "\r\n")
         .Add("Cache-Control: must-revalidate\r\n")
         .Add("x-Accept-Dynamic-Rate: 1\r\n");
-    return generate_reply(headers, 200, nullptr);
+    return generate_reply(headers, RTSP_STATUS_OK, nullptr);
 }
 
 // Not through the common frame: no extra headers, and the version does not follow m_version.
@@ -79,7 +83,7 @@ const char* CRtspRspParser::generate_setup_reply(const transport_info* transport
         add_multicast(writer, word, *transport, *multicast);
     } else if (!add_unicast(writer, word, *transport)) {
         logWarn("%s:%d Unsupported transport \n", __FILE__, __LINE__);
-        return generate_error_reply(461);
+        return generate_error_reply(RTSP_STATUS_UNSUPPORTED_TRANSPORT);
     }
     if (transport->ssrc != 0) {
         writer.Add(";ssrc=", text_hex8{transport->ssrc});
@@ -95,7 +99,7 @@ const char* CRtspRspParser::generate_setup_reply(const transport_info* transport
 }
 
 const char* CRtspRspParser::generate_play_reply(const rtp_info_entry* entries, int count, double begin, double end) {
-    char range[1024];
+    char range[MAX_RANGE_LINE + 1];
     CTextWriter line(range, sizeof range);
     if (begin != NPT_NOT_GIVEN) {
         line.Add("Range: npt=", text_fixed{begin, FRACTION_DIGITS}, "-");
@@ -109,7 +113,7 @@ const char* CRtspRspParser::generate_play_reply(const rtp_info_entry* entries, i
 
 const char* CRtspRspParser::generate_play_reply_clock(const rtp_info_entry* entries, int count, const UtcTime* begin,
                                                       const UtcTime* end) {
-    char range[1024];
+    char range[MAX_RANGE_LINE + 1];
     range[0] = '\0';
     if (begin != nullptr && begin->year != 0) {
         format_clock_range(range, sizeof range, begin, end != nullptr && end->year != 0 ? end : nullptr);
@@ -121,30 +125,35 @@ const char* CRtspRspParser::generate_play_tail(const rtp_info_entry* entries, in
     if (entries == nullptr || count < 1) {
         return nullptr;
     }
-    char headers[1024];
-    CTextWriter line(headers, sizeof headers);
-    line.Add("RTP-Info: ");
+    char headers[MAX_RTP_INFO_LINE + MAX_RANGE_LINE + 1];
+    CTextWriter lines(headers, sizeof headers);
+    lines.Add("RTP-Info: ");
+    const char* separator = "";
     for (int i = 0; i < count; ++i) {
         const rtp_info_entry& entry = entries[i];
         char part[sizeof entry.url + 64];
         CTextWriter text(part, sizeof part);
-        text.Add("url=", std::string_view(entry.url, strnlen(entry.url, sizeof entry.url)), ";seq=", entry.seq,
-                 ";rtptime=", entry.rtptime, i + 1 < count ? "," : "\r\n");
-        if (text.Length() > line.Room()) {
-            // What doesn't fit is left out, and with the last entry goes the line's end: the Range then follows the
-            // comma. Peers with so many tracks have always got it so.
-            break;
+        text.Add(separator, "url=", std::string_view(entry.url, strnlen(entry.url, sizeof entry.url)),
+                 ";seq=", entry.seq, ";rtptime=", entry.rtptime);
+        if (lines.Length() + text.Length() + LINE_END_SIZE > MAX_RTP_INFO_LINE) {
+            break;  // a track more than fits is left out, and so are those behind it
         }
-        line.Add(part);
+        lines.Add(part);
+        separator = ",";
     }
-    line.Add(range);
-    return generate_reply(headers, 200, nullptr);
+    if (separator[0] == '\0') {
+        lines.CutBack(0);
+    } else {
+        lines.Add(LINE_END);
+    }
+    lines.Add(range);
+    return generate_reply(headers, RTSP_STATUS_OK, nullptr);
 }
 
 const char* CRtspRspParser::generate_auth_reply(const char* challenge) {
     char headers[RTSP_MAX_MESSAGE];
     CTextWriter(headers, sizeof headers).Add("WWW-Authenticate: ", challenge, "\r\n");
-    return generate_reply(headers, 401, nullptr);
+    return generate_reply(headers, RTSP_STATUS_UNAUTHORIZED, nullptr);
 }
 
 const char* CRtspRspParser::generate_error_reply(int status) {
@@ -152,20 +161,23 @@ const char* CRtspRspParser::generate_error_reply(int status) {
 }
 
 const char* CRtspRspParser::generate_reply(const char* headers, int status, const char* body) {
-    std::string extra;
-    if (status == 200) {
-        build_ext_headers(m_method, extra);
-    }
-    CTextWriter out(m_out_msg, sizeof m_out_msg);
-    out.Add("RTSP/", text_fixed{m_version, 1}, " ");
     const char* reason = RtspReason(status);
     if (reason == nullptr) {
         logWarn("%s:%d Bad Request !\n", __FILE__, __LINE__);
-        out.Add("400 Bad Request\r\nServer: ", m_product, "\r\nCSeq: ", m_cseq, "\r\n", m_session, "\r\n");
-        return m_out_msg;
+        return generate_reply(nullptr, RTSP_STATUS_BAD_REQUEST, nullptr);
     }
-    out.Add(status, " ", reason, "\r\nServer: ", m_product, "\r\nCSeq: ", m_cseq, "\r\n", m_session,
-            std::string_view(extra), headers, "\r\n", body);
+    std::string extra;
+    if (status == RTSP_STATUS_OK) {
+        build_ext_headers(m_method, extra);
+    }
+    CTextWriter head(m_out_msg, sizeof m_out_msg - LINE_END_SIZE);
+    head.Add("RTSP/", text_fixed{m_version, 1}, " ", status, " ", reason, "\r\nServer: ", m_product);
+    head.Add("\r\nCSeq: ", m_cseq, LINE_END, m_session, std::string_view(extra), headers);
+    if (head.Needed() > head.Length()) {
+        // A header that doesn't fit is left out, and so are those behind it: the headers always end.
+        head.CutBack(std::string_view(m_out_msg, head.Length()).rfind(LINE_END) + LINE_END_SIZE);
+    }
+    CTextWriter(m_out_msg + head.Length(), sizeof m_out_msg - head.Length()).Add(LINE_END, body);
     return m_out_msg;
 }
 

@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "Tramel/TextSearch.h"
 #include "Vidora/Types.h"
 
 namespace Kavio {
@@ -79,6 +80,11 @@ const char* RtspReason(int status) {
         }
     }
     return nullptr;
+}
+
+const char* RtspFindScheme(const char* text) {
+    const size_t found = Tramel::FindTextCase(text, std::strlen(text), RTSP_SCHEME, RTSP_SCHEME_SIZE);
+    return found != Tramel::TEXT_NOT_FOUND ? text + found : nullptr;
 }
 
 }  // namespace Vidora

@@ -16,6 +16,20 @@ struct rtsp_status_row {
     const char* reason;
 };
 
+// Statuses that the codecs themselves write or look at.
+enum rtsp_status_t {
+    RTSP_STATUS_OK = 200,
+    RTSP_STATUS_MOVED_PERMANENTLY = 301,
+    RTSP_STATUS_MOVED_TEMPORARILY = 302,
+    RTSP_STATUS_USE_PROXY = 305,
+    RTSP_STATUS_BAD_REQUEST = 400,
+    RTSP_STATUS_UNAUTHORIZED = 401,
+    RTSP_STATUS_UNSUPPORTED_TRANSPORT = 461
+};
+
+const char RTSP_SCHEME[] = "rtsp://";
+const int RTSP_SCHEME_SIZE = sizeof RTSP_SCHEME - 1;
+
 // The tables, ended by a row with a null name and by a row with code 0.
 extern const rtsp_method_row RTSP_METHODS[];
 extern const rtsp_status_row RTSP_STATUSES[];
@@ -26,6 +40,8 @@ const char* RtspMethodName(int method);
 int RtspMethodOf(const char* name);
 // The reason phrase, or null for a status outside the table. Any thread.
 const char* RtspReason(int status);
+// The first "rtsp://" of a text, in any case (RFC 3986 3.1); null if it has none. Any thread.
+const char* RtspFindScheme(const char* text);
 
 }  // namespace Vidora
 }  // namespace Kavio

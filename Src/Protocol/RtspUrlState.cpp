@@ -4,6 +4,7 @@
 #include <cstring>
 
 #include "Protocol/LogQuote.h"
+#include "Protocol/RtspTables.h"
 #include "Protocol/TextWriter.h"
 
 namespace Kavio {
@@ -11,8 +12,6 @@ namespace Vidora {
 
 namespace {
 
-const char SCHEME[] = "rtsp://";
-const int SCHEME_LENGTH = 7;
 const int DEFAULT_PORT = 554;
 
 const char KEY_LIVE[] = "cam/realmonitor?channel=";
@@ -78,14 +77,14 @@ CRtspUrlParser::CState::peer_t CRtspUrlParser::CState::peer(int index) {
 
 bool CRtspUrlParser::CState::parse_url(const char* url, unsigned int length) {
     CStrParser parser(url, length);
-    const int scheme = parser.LocateStringCase(SCHEME);
+    const int scheme = parser.LocateStringCase(RTSP_SCHEME);
     if (scheme < 0) {
         return false;
     }
     // The host begins at the eighth byte, wherever the scheme was found: text in front of the scheme is no URL of ours,
     // and ends in a host that can't be read.
-    int position = SCHEME_LENGTH;
-    const int after_scheme = scheme + SCHEME_LENGTH;
+    int position = RTSP_SCHEME_SIZE;
+    const int after_scheme = scheme + RTSP_SCHEME_SIZE;
     if (find_credentials(parser, after_scheme) > 0) {
         parser.LocateOffset(after_scheme);
         if (parser_auth_info(parser, m_user, m_password) < 0) {
@@ -436,7 +435,7 @@ void CRtspUrlParser::CState::write_proxy(CTextWriter& writer) const {
 char* CRtspUrlParser::CState::generate_url(const char* content) {
     char url[URL_SIZE];
     CTextWriter writer(url, sizeof(url));
-    writer.Add(SCHEME);
+    writer.Add(RTSP_SCHEME);
     if (m_has_auth[0]) {
         writer.Add(m_user.c_str()).Add(":").Add(m_password.c_str()).Add("@");
     }
@@ -470,7 +469,7 @@ char* CRtspUrlParser::CState::generate_proxy_url() {
     const size_t left = std::strlen(m_raw_content) - static_cast<size_t>(host_start);
     const size_t host_length = std::min(left, static_cast<size_t>(has_length ? length : 255));
     CTextWriter(m_proxy_url, sizeof(m_proxy_url))
-        .Add(SCHEME)
+        .Add(RTSP_SCHEME)
         .Add(std::string_view(m_raw_content + host_start, host_length))
         .Add("/")
         .Add(std::string_view(m_raw_content, static_cast<size_t>(separator)));

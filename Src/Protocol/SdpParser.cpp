@@ -12,6 +12,7 @@ namespace Vidora {
 namespace {
 
 const char MULTI_LINE_LETTERS[] = "cam";
+const char CONTROL[] = "control";
 
 bool fill_connection(sdp_connection_t& connection, const char* address, uint8_t ttl, int address_count,
                      const char* network_type, const char* address_type) {
@@ -218,11 +219,11 @@ int CSdpParser::add_media(const char* type, unsigned int port, int port_count, c
 int CSdpParser::number_tracks() {
     int number = 0;
     for (sdp_media_t& media : m_session->media) {
-        const sdp_attribute_t* control = SdpFindAttribute(media.attributes, "control");
+        const sdp_attribute_t* control = SdpFindAttribute(media.attributes, CONTROL);
         if (control == nullptr || control->value == nullptr) {
             char text[32];
             std::snprintf(text, sizeof(text), "trackID=%d", number);
-            if (!SdpSetAttribute(media.attributes, "control", text)) {
+            if (!SdpSetAttribute(media.attributes, CONTROL, text)) {
                 return -1;
             }
             SdpSetControl(media, text);
@@ -261,11 +262,13 @@ int CSdpParser::clear_media_connections(int track_id) {
 
 int CSdpParser::set_media_attribute(int track_id, const char* name, const char* value) {
     sdp_media_t* media = find_media(track_id);
+    const bool is_control = name != nullptr && std::strcmp(name, CONTROL) == 0;
     if (media == nullptr || name == nullptr || !SdpSetAttribute(media->attributes, name, value)) {
         return -1;
     }
-    if (std::strcmp(name, "control") == 0) {
-        SdpSetControl(*media, value);
+    if (is_control) {
+        // From its new place: `value` may be the text that it had before, or the control text itself.
+        SdpSetControl(*media, SdpFindAttribute(media->attributes, CONTROL)->value);
     }
     return 0;
 }

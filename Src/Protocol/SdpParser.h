@@ -38,8 +38,9 @@ const unsigned int SDP_STREAM_SIZE = 2048;  // room of a description's text, its
 // track or no memory, and then change nothing.
 //
 // THREADING  No lock: an object belongs to its owner, who guards it if it is shared.
-// OWNERSHIP  Arguments are copied. Texts that are handed out lie in the tree: valid until it changes.
-// Memory: a parsed text is held in records of a few times its length, and its first 2047 bytes once more.
+// OWNERSHIP  Arguments are copied; they may be texts of this same tree. Texts that are handed out lie in the tree:
+// valid until it changes. Memory: a parsed text is held in records of a few times its length, and its first 2047 bytes
+// once more.
 class CSdpParser {
 public:
     CSdpParser();
@@ -120,7 +121,7 @@ public:
     int get_payload_type(int index) const;
     // The encoding name of the rtpmap attribute, which the caller frees with free().
     char* get_payload_name(int index) const;
-    // Clock rate and channel count of the rtpmap attribute; the count is 1 if it has none.
+    // Clock rate and channel count of the rtpmap attribute; values below 1 count as absent, and the count is 1 then.
     int get_sample_rate(int index) const;
     int get_channel_count(int index) const;
     int get_media_port(int track_id) const;
@@ -135,8 +136,8 @@ public:
     int get_packet_kind() const;
     // Length in microseconds, by the session attribute "range"; 0 if it isn't known.
     int64_t get_duration() const;
-    // Frames a second of the first video track, rounded, by its attribute "framerate"; -1 if unknown. `payload_type`
-    // takes that track's payload type, and stays if there is no video.
+    // Frames a second of the first video track, rounded, by its attribute "framerate"; -1 if unknown or below 1.
+    // `payload_type` takes that track's payload type, and stays if there is no video.
     int get_frame_rate(int* payload_type) const;
 
 private:

@@ -212,7 +212,7 @@ int CSdpParser::get_sample_rate(int index) const {
     }
     CStrParser parser(rtpmap);
     const int rate = read_rate(parser);
-    return parser.GetStatus() == 0 ? rate : -1;
+    return parser.GetStatus() == 0 && rate > 0 ? rate : -1;
 }
 
 int CSdpParser::get_channel_count(int index) const {
@@ -228,7 +228,7 @@ int CSdpParser::get_channel_count(int index) const {
     read_rate(parser);
     parser.Expect('/');
     const int count = parser.ConsumeInt32();
-    return parser.GetStatus() == 0 ? count : 1;
+    return parser.GetStatus() == 0 && count > 0 ? count : 1;
 }
 
 int CSdpParser::get_media_port(int track_id) const {
@@ -328,11 +328,12 @@ int64_t CSdpParser::get_duration() const {
     }
     begin *= MICROSECONDS;
     end *= MICROSECONDS;
-    if (std::fabs(begin) > MAX_MICROSECONDS || std::fabs(end) > MAX_MICROSECONDS || end - begin > MAX_MICROSECONDS) {
+    // A range that ends before it begins has no length; with one that doesn't, neither cast nor difference overflows.
+    if (std::fabs(begin) > MAX_MICROSECONDS || std::fabs(end) > MAX_MICROSECONDS || end < begin ||
+        end - begin > MAX_MICROSECONDS) {
         return 0;
     }
-    const int64_t duration = static_cast<int64_t>(end) - static_cast<int64_t>(begin);
-    return duration > 0 ? duration : 0;
+    return static_cast<int64_t>(end) - static_cast<int64_t>(begin);
 }
 
 int CSdpParser::get_frame_rate(int* payload_type) const {
@@ -350,7 +351,8 @@ int CSdpParser::get_frame_rate(int* payload_type) const {
         std::string_view text(attribute.value);
         double rate = 0;
         if (scan_number(text, rate)) {
-            return std::fabs(rate) < INT_MAX ? static_cast<int>(std::lround(rate)) : -1;
+            const double rounded = std::round(rate);
+            return rounded >= 1 && rounded < INT_MAX ? static_cast<int>(rounded) : -1;
         }
     }
     return -1;

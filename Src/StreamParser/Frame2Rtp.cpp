@@ -21,6 +21,8 @@ constexpr uint8_t RTP_MARKER = 0x80;
 constexpr unsigned int JPEG_EXTRA_EXTENSION = 4;
 constexpr uint16_t JPEG_EXTENSION_WORDS = 4;
 
+constexpr int64_t MS_PER_SEC = 1000;
+
 // Every byte of a frame must be countable, headers included, in the int that the interface gives.
 constexpr unsigned int MAX_FRAME_LEN = INT_MAX / 2;
 
@@ -178,7 +180,12 @@ unsigned int CFrame2Rtp::GetExtensionSize() const {
 }
 
 uint32_t CFrame2Rtp::timestamp() const {
-    return m_timestamp + static_cast<uint32_t>(m_pts_delta) * m_ticks_per_ms;  // wraps, as it is to
+    // By whole seconds and the rest, which no distance overflows; a frame in front of the first one counts back.
+    const auto distance_ms = static_cast<int64_t>(m_pts_delta);
+    const int64_t rest_ms = (distance_ms % MS_PER_SEC + MS_PER_SEC) % MS_PER_SEC;
+    const int64_t seconds = (distance_ms - rest_ms) / MS_PER_SEC;
+    const auto rest_ticks = static_cast<uint32_t>(rest_ms * m_clock_rate / MS_PER_SEC);
+    return m_timestamp + static_cast<uint32_t>(seconds) * m_clock_rate + rest_ticks;  // wraps, as it is to
 }
 
 int CFrame2Rtp::NextPacket() {
@@ -208,7 +215,6 @@ void CFrame2Rtp::SetRtpInfo(uint32_t ssrc, uint8_t payload_type, uint16_t sequen
     m_sequence = sequence;
     m_timestamp = timestamp;
     m_clock_rate = clock_rate;
-    m_ticks_per_ms = clock_rate / 1000;
     m_first_pts = 0;
     // GetRtpInfo gives `timestamp` from now on: owners read the state and set it again, several times in a row at a
     // pause or a change of format, and the time line must not move on by that.

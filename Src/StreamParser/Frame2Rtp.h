@@ -39,8 +39,8 @@ public:
     // packet is left then. False if they don't fit, with some of them written.
     bool GetFrame(CByteWriter& out, const uint8_t* interleave);
 
-    // Begins a new timeline: the next packet has `sequence`, the next frame `timestamp`. Ticks are counted by whole
-    // numbers a millisecond, so a clock that isn't a multiple of 1000 Hz runs at the next lower multiple.
+    // Begins a new timeline: the next packet has `sequence`, the next frame `timestamp`. Each frame's ticks are the
+    // product of its distance from the first one and the clock, cut to a whole number, so that no clock drifts.
     void SetRtpInfo(uint32_t ssrc, uint8_t payload_type, uint16_t sequence, uint32_t timestamp, uint32_t clock_rate);
     // Where the track stands: the next sequence number, and the time stamp of the frame in work.
     void GetRtpInfo(RtpEncParam& param) const;
@@ -63,7 +63,6 @@ private:
     uint16_t m_sequence = 0;
     uint32_t m_timestamp = 0;  // of the first frame
     uint32_t m_clock_rate = 90000;
-    uint32_t m_ticks_per_ms = 90;
     uint64_t m_pts_delta = 0;  // of this frame from the first, milliseconds
     uint64_t m_first_pts = 0;
     CRtpPacketList m_nodes;

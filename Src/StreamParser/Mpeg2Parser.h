@@ -8,7 +8,7 @@ namespace Kavio {
 namespace Vidora {
 
 // Start code values behind 00 00 01 (ISO 13818-2 table 6-1).
-enum mpeg2_start_t { MPEG2_PICTURE = 0x00, MPEG2_SEQUENCE = 0xB3 };
+enum mpeg2_start_t { MPEG2_PICTURE = 0x00, MPEG2_SLICE_FIRST = 0x01, MPEG2_SLICE_LAST = 0xAF, MPEG2_SEQUENCE = 0xB3 };
 
 struct Mpeg2Sequence {
     uint32_t width = 0;

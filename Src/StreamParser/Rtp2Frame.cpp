@@ -1,10 +1,8 @@
 #include "StreamParser/Rtp2Frame.h"
 
-#include <new>
-
 #include "StreamParser/PrintLevel.h"
 #include "StreamParser/StreamParser.h"
-#include "Vidora/KXFrame.h"
+#include "StreamParser/TsTable.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Ostra/ByteWriter.h"
@@ -14,43 +12,46 @@ namespace Vidora {
 
 namespace {
 
-constexpr int VIDEO_TICKS_PER_MS = 90;
-constexpr uint32_t MPEG_AUDIO_HEADER_LEN = 4;  // RFC 2250 3.5
-constexpr uint32_t ASSIST_HEADER_LEN = 8;
+constexpr uint32_t VIDEO_CLOCK = 90000;
+constexpr int PACKET_REFUSED = -2;  // inside, for a packet that can't be taken
+
+void print_packet(const RtpHeader& header, size_t len) {
+    if (IsPrinted(PRINT_INPUT)) {
+        R3Printf("Input RTP: ssrc[%08x] pt[%d] m[%d] seq[%04x] ts[%08x] len = %d\n", header.ssrc, header.payload_type,
+                 header.marker ? 1 : 0, header.sequence, header.timestamp, static_cast<int>(len));
+    }
+}
 
 }  // namespace
 
 int CRtp2Frame::Init(int enc_type, uint8_t payload_type, uint32_t clock_rate) {
-    m_enc_type = enc_type;
     m_payload_type = payload_type;
     m_clock_rate = clock_rate != 0 ? clock_rate : m_clock_rate;
-    if (enc_type != ENC_TYPE_MPEG2TS) {
-        m_ts2frame.reset();
-    } else if (m_ts2frame == nullptr) {
-        m_ts2frame.reset(new (std::nothrow) Ts2Frame);
-        return m_ts2frame != nullptr ? 0 : -1;
+    // Audio counts in its own clock, everything else in 90 kHz whatever its clock is said to be.
+    m_time.SetRate(enc_type == ENC_TYPE_AUDIO ? m_clock_rate : VIDEO_CLOCK);
+    if (enc_type == m_enc_type && m_rule != nullptr) {
+        return 0;
     }
-    return 0;
+    Clear();
+    m_enc_type = enc_type;
+    m_rule = IRtpFrameRule::Create(enc_type, m_work);
+    return m_rule != nullptr || !IRtpFrameRule::HasRule(enc_type) ? 0 : -1;
 }
 
 int CRtp2Frame::SetMpeg4Config(const unsigned char* data, int len) {
-    if (data == nullptr || len < 1 || len >= static_cast<int>(CONFIG_SIZE)) {
-        return -1;
-    }
-    CByteWriter config(m_config, CONFIG_SIZE);
-    config.WriteBytes(data, static_cast<size_t>(len));
-    m_config_len = static_cast<uint32_t>(config.Offset());
-    return 0;
+    const bool good = data != nullptr && len >= 1;
+    return good && m_work.config.Set(data, static_cast<size_t>(len)) ? 0 : -1;
 }
 
 int CRtp2Frame::SetH264Config(const unsigned char* sps, int sps_len, const unsigned char* pps, int pps_len) {
     if (sps == nullptr || pps == nullptr || sps_len < 1 || pps_len < 1) {
         return -1;
     }
-    return set_h264_config({sps, static_cast<uint32_t>(sps_len)}, {pps, static_cast<uint32_t>(pps_len)});
+    return m_work.config.SetH264({sps, static_cast<uint32_t>(sps_len)}, {pps, static_cast<uint32_t>(pps_len)}) ? 0 : -1;
 }
 
 int CRtp2Frame::PutPacket(const unsigned char* buffer, int len) {
+    m_dropped = false;
     CByteReader packet(buffer, len > 0 ? static_cast<size_t>(len) : 0);
     if (packet.PeekU8() == '$' && packet.Remaining() > RTP_TCP_HEADER_LEN) {
         packet.Skip(RTP_TCP_HEADER_LEN);
@@ -60,41 +61,13 @@ int CRtp2Frame::PutPacket(const unsigned char* buffer, int len) {
         return refuse_packet(packet);
     }
     if (header.payload_type != m_payload_type) {
-        return put_foreign(header.sequence);
-    }
-    if (header.timestamp != m_last_ts) {
-        m_damaged = false;
-    }
-    if (IsPrinted(PRINT_INPUT)) {
-        R3Printf("Input RTP: ssrc[%08x] pt[%d] m[%d] seq[%04x] ts[%08x] len = %d\n", header.ssrc, header.payload_type,
-                 header.marker ? 1 : 0, header.sequence, header.timestamp, static_cast<int>(packet.Remaining()));
-    }
-    watch_sequence(header);
-    if (m_packets == 0) {
-        m_last_ts = header.timestamp;
-    }
-    probe_shared_sequence(header.sequence);
-    if (m_nodes.Count() > 0 && header.timestamp != m_last_ts) {
-        // The frame ended without a marker, whatever it holds.
-        return make_frame() < 0 ? FRAME_FAILED : FRAME_COMPLETE_NEXT;
-    }
-    if (!store_packet(header)) {
-        return refuse_packet(packet);
-    }
-    advance_time(header.timestamp);
-    m_last_ts = header.timestamp;
-    m_last_ssrc = header.ssrc;
-    m_last_seq = header.sequence;
-    ++m_packets;
-    if (m_damaged && m_drop_damaged) {
-        Clear();  // and so with all that follow with this time stamp
+        m_damaged = !m_watch.TakeForeign(header.sequence) || m_damaged;
         return FRAME_MORE;
     }
-    if (!header.marker) {
-        return FRAME_MORE;
-    }
-    const int ret = make_frame();
-    return ret < 0 ? FRAME_FAILED : ret == FRAME_COMPLETE ? FRAME_COMPLETE : FRAME_MORE;
+    print_packet(header, packet.Remaining());
+    const bool is_stream = m_rule != nullptr && !m_rule->IsFramedByRtp();
+    const int ret = is_stream ? put_stream(header) : put_framed(header);
+    return ret == PACKET_REFUSED ? refuse_packet(packet) : ret;
 }
 
 int CRtp2Frame::refuse_packet(const CByteReader& packet) const {
@@ -103,79 +76,100 @@ int CRtp2Frame::refuse_packet(const CByteReader& packet) const {
     return FRAME_FAILED;
 }
 
-// A packet of another payload type: of a sender, perhaps, that interleaves its tracks in one session and counts the
-// packets of all of them with one sequence. If so it takes part in the search for gaps, but for one that follows the
-// own number 0: that stands for "none yet", so this packet isn't counted and the next own one looks like a gap.
-int CRtp2Frame::put_foreign(uint16_t sequence) {
-    if (m_last_seq != 0 && m_shared_seq) {
-        if (static_cast<uint16_t>(sequence - m_last_seq) != 1) {
-            m_damaged = true;
+// A packet of a frame that is what has its time stamp.
+int CRtp2Frame::put_framed(const RtpHeader& header) {
+    m_last_ts = m_watch.IsFresh() ? header.timestamp : m_last_ts;
+    const bool new_time = header.timestamp != m_last_ts;
+    m_damaged = m_damaged && !new_time;
+    const bool joins = watch_sequence(header);
+    m_watch.Probe(header.sequence);
+    if (GetPacketCount() > 0 && new_time) {
+        // The frame ended without a marker, whatever it holds.
+        if (make_frame() >= 0) {
+            m_complete = true;
+            return FRAME_COMPLETE_NEXT;
         }
-        m_last_seq = sequence;
-    } else if (!m_probed) {
-        m_probe_armed = true;
-        m_probe_seq = sequence;
+        drop_packets();
     }
-    return FRAME_MORE;
+    if (GetPacketCount() == 0 && m_rule != nullptr && !m_rule->CanBegin(header, joins)) {
+        m_damaged = true;
+    }
+    if (!store_packet(header)) {
+        return PACKET_REFUSED;
+    }
+    take_packet(header);
+    m_work.frame_ms = m_time.Ms();
+    if (m_damaged && m_drop_damaged) {
+        drop_packets();  // and so with all that follow with this time stamp
+        return FRAME_MORE;
+    }
+    const int ret = header.marker ? make_frame() : FRAME_MORE;
+    m_complete = ret == FRAME_COMPLETE;
+    return ret;
 }
 
-// Tells SSRC changes and gaps, and marks the frame that suffers from them.
-void CRtp2Frame::watch_sequence(const RtpHeader& header) {
-    if (header.ssrc != m_last_ssrc) {
-        // The first packet of a session comes here too, which is nothing to warn of.
-        const auto log = m_packets == 0 ? logInfo : logWarn;
-        log(">>> RTP SSRC CHANGES from [%08x] to [%08x]\n", m_last_ssrc, header.ssrc);
-        if (m_notify != nullptr) {
-            m_notify->OnSsrcChanged(m_last_ssrc, header.ssrc);
-        }
-        return;
+// Marks the frame that suffers from a gap. Is the packet the first one of its sender?
+bool CRtp2Frame::watch_sequence(const RtpHeader& header) {
+    const rtp_order_t order = m_watch.Look(header);
+    if (order == RTP_ORDER_JOINS) {
+        m_damaged = m_damaged || (GetPacketCount() > 0 && header.timestamp == m_last_ts);
+        return true;
     }
-    if (static_cast<uint16_t>(header.sequence - m_last_seq) == 1) {
-        return;
+    if (order == RTP_ORDER_NEXT) {
+        return false;
     }
-    logInfo(">>> RTP SEQ DISORDER! last[%d] now[%d]\n", m_last_seq, header.sequence);
     bool clean = false;
     if (header.timestamp != m_last_ts) {
         // The loss lies between frames, in the tail of the last one or in the head of this one.
-        clean = opens_cleanly(header);
-        if (m_nodes.Count() > 0) {
-            notify_disorder(header.sequence);
+        clean = m_rule != nullptr && m_rule->OpensCleanly(header);
+        if (GetPacketCount() > 0) {
+            m_watch.NotifyGap(header);
         }
-        Clear();
+        drop_packets();
     }
     if (!clean) {
-        notify_disorder(header.sequence);
+        m_watch.NotifyGap(header);
         m_damaged = true;
     }
+    return false;
 }
 
-void CRtp2Frame::notify_disorder(uint16_t sequence) {
-    if (m_notify != nullptr) {
-        m_notify->OnSequenceDisorder(m_last_seq, sequence);
+// A packet of a stream that tells its frames itself. One that was left out is put again for the rest of its payload.
+int CRtp2Frame::put_stream(const RtpHeader& header) {
+    const bool again = m_left_out && header.sequence == GetLastSeq() && header.ssrc == GetSsrc();
+    m_left_out = false;
+    if (!again) {
+        watch_stream(header);
+        m_work.used = 0;
     }
-}
-
-// Does the packet look like the first of an H.264 frame: a slice or a parameter set of its own? The test takes four
-// bits of the NAL unit type. An FU-A (12 in four bits) never counts, not even with its start bit set, so a loss in
-// front of one always marks the frame.
-bool CRtp2Frame::opens_cleanly(const RtpHeader& header) const {
-    const int bits = CByteReader(header.payload, header.payload_len).PeekU8() & 0x0F;
-    return m_enc_type == ENC_TYPE_H264 && (bits == 1 || bits == 5 || bits == 7);
-}
-
-// The first packet of this track behind one of another payload type tells whether both count together.
-void CRtp2Frame::probe_shared_sequence(uint16_t sequence) {
-    if (!m_probed && m_probe_armed) {
-        m_shared_seq = static_cast<uint16_t>(sequence - m_probe_seq) == 1;
-        m_probed = true;
+    m_work.packet_ms = m_time.Ms();
+    m_work.marker = header.marker;
+    m_work.Clear();
+    if (!store_packet(header)) {
+        return PACKET_REFUSED;
     }
-    m_probe_armed = false;
+    const int ret = make_frame();
+    m_left_out = ret == FRAME_COMPLETE_NEXT;
+    return ret;
+}
+
+void CRtp2Frame::watch_stream(const RtpHeader& header) {
+    m_last_ts = m_watch.IsFresh() ? header.timestamp : m_last_ts;
+    const rtp_order_t order = m_watch.Look(header);
+    m_watch.Probe(header.sequence);
+    if (order == RTP_ORDER_GAP) {
+        m_watch.NotifyGap(header);
+    }
+    if (order == RTP_ORDER_JOINS || (order == RTP_ORDER_GAP && m_drop_damaged)) {
+        drop_packets();  // what is left of the frame in work doesn't begin one
+    }
+    take_packet(header);
 }
 
 bool CRtp2Frame::store_packet(const RtpHeader& header) {
     RtpPacketNode* node = nullptr;
-    if (header.payload != nullptr && m_nodes.Count() < MAX_PACKETS) {
-        node = m_nodes.Append();
+    if (header.payload != nullptr && GetPacketCount() < MAX_PACKETS) {
+        node = m_work.nodes.Append();
     }
     if (node == nullptr) {
         return false;
@@ -185,168 +179,67 @@ bool CRtp2Frame::store_packet(const RtpHeader& header) {
     return true;
 }
 
-// Audio counts in its own clock, everything else in 90 kHz whatever its clock is said to be. Each step is rounded
-// toward zero to whole milliseconds.
-void CRtp2Frame::advance_time(uint32_t timestamp) {
-    const int64_t delta = static_cast<int32_t>(timestamp - m_last_ts);
-    const int64_t step = m_enc_type == ENC_TYPE_AUDIO ? delta * 1000 / m_clock_rate : delta / VIDEO_TICKS_PER_MS;
-    m_pts += static_cast<uint64_t>(step);
+void CRtp2Frame::take_packet(const RtpHeader& header) {
+    m_time.Advance(static_cast<int32_t>(header.timestamp - m_last_ts));
+    m_last_ts = header.timestamp;
+    m_watch.Take(header);
 }
 
 // Turns the packets held into a frame. A frame_result_t; FRAME_MORE: there is no picture among them yet.
 int CRtp2Frame::make_frame() {
-    const int ret = make_frame_by_type();
+    int ret = FRAME_FAILED;
+    if (m_rule != nullptr) {
+        ret = m_rule->Make();
+    } else {
+        logError("CRtp2Frame enc_type[%d] not right!\n", m_enc_type);
+    }
     if (ret < 0) {
         logError("CRtp2Frame::PutPacket make_frame[enc_type=%d] fail, ret = %d.\n", m_enc_type, ret);
+        return FRAME_FAILED;
     }
     return ret;
-}
-
-int CRtp2Frame::make_frame_by_type() {
-    switch (m_enc_type) {
-        case ENC_TYPE_H264:
-            return make_h264();
-        case ENC_TYPE_MPEG4:
-            return make_mpeg4();
-        case ENC_TYPE_JPEG:
-            return make_jpeg();
-        case ENC_TYPE_MPEG2TS:
-            return make_ts();
-        case ENC_TYPE_MPEG_AUDIO:
-            return cut_front(MPEG_AUDIO_HEADER_LEN, false);
-        case ENC_TYPE_AUDIO:
-            return cut_front(0, false);
-        case ENC_TYPE_ASSIST:
-            return cut_front(ASSIST_HEADER_LEN, true);
-        default:
-            logError("CRtp2Frame enc_type[%d] not right!\n", m_enc_type);
-            return -1;
-    }
-}
-
-// The next packet of the frame that make_frame hasn't looked at yet, or null.
-RtpPacketNode* CRtp2Frame::next_node() {
-    if (m_walk.count >= m_nodes.Count()) {
-        return nullptr;
-    }
-    m_walk.node = m_walk.count == 0 ? m_nodes.Head() : m_walk.node->next;
-    ++m_walk.count;
-    return m_walk.node;
-}
-
-// The payloads without their first `len` bytes, or only the first one without them. The first byte of an assist
-// frame's header is its type.
-int CRtp2Frame::cut_front(uint32_t len, bool first_only) {
-    while (RtpPacketNode* node = next_node()) {
-        CByteReader payload(node->raw, node->raw_len);
-        const bool first = m_walk.count == 1;
-        if (first && m_enc_type == ENC_TYPE_ASSIST) {
-            m_assist_type = payload.PeekU8();
-        }
-        if ((first || !first_only) && !payload.Skip(len)) {
-            return -1;
-        }
-        node->body = payload.Rest();
-        node->body_len = static_cast<uint32_t>(payload.Remaining());
-    }
-    return FRAME_COMPLETE;
-}
-
-// Feeds the transport packets to the demultiplexer (RFC 2250 2); the last one ends the frame.
-int CRtp2Frame::make_ts() {
-    while (m_walk.ts_result == FRAME_MORE) {
-        RtpPacketNode* node = next_node();
-        if (node == nullptr) {
-            break;
-        }
-        CByteReader payload(node->raw, node->raw_len);
-        while (m_walk.ts_result == FRAME_MORE && payload.Remaining() >= TS_PACK_LEN) {
-            const unsigned char* packet = payload.ReadBytes(TS_PACK_LEN);
-            const bool last = m_walk.count == m_nodes.Count() && payload.Remaining() < TS_PACK_LEN;
-            m_walk.ts_result = m_ts2frame->PutPacket(packet, TS_PACK_LEN, last);
-        }
-    }
-    return m_walk.ts_result;
-}
-
-void CRtp2Frame::set_config_prefix() {
-    RtpPacketNode* head = m_nodes.Head();
-    head->prefix = m_config;
-    head->prefix_len = m_config_len;
-}
-
-uint32_t CRtp2Frame::GetFrameSize() const {
-    if (m_ts2frame != nullptr) {
-        return m_ts2frame->GetFrameSize();
-    }
-    uint32_t size = 0;
-    const RtpPacketNode* node = m_nodes.Head();
-    for (uint32_t i = 0; i < m_nodes.Count(); ++i, node = node->next) {
-        size += node->Size();
-    }
-    return size;
 }
 
 uint32_t CRtp2Frame::GetFrame(unsigned char* buffer, uint32_t capacity) const {
     if (buffer == nullptr) {
         return 0;
     }
-    uint32_t size = 0;
-    if (m_ts2frame != nullptr) {
-        size = m_ts2frame->GetFrame(buffer, capacity);
-    } else {
-        CByteWriter writer(buffer, capacity);
-        const RtpPacketNode* node = m_nodes.Head();
-        for (uint32_t i = 0; i < m_nodes.Count(); ++i, node = node->next) {
-            node->Write(writer);
-        }
-        size = writer.Ok() ? static_cast<uint32_t>(writer.Offset()) : 0;
-    }
+    CByteWriter writer(buffer, capacity);
+    m_work.WriteFrame(writer);
+    const uint32_t size = writer.Ok() ? static_cast<uint32_t>(writer.Offset()) : 0;
     if (IsPrinted(PRINT_OUTPUT)) {
-        R3Printf("Output Frame[%s]: ts[%08x] len = %d\n", enc_type_name(m_enc_type), static_cast<unsigned>(m_pts),
+        R3Printf("Output Frame[%s]: ts[%08x] len = %d\n", enc_type_name(m_enc_type), static_cast<unsigned>(GetPts()),
                  static_cast<int>(size));
     }
     return size;
 }
 
-int CRtp2Frame::GetFrameType() const {
-    if (m_ts2frame != nullptr) {
-        return m_ts2frame->GetFrameType();
-    }
-    switch (m_enc_type) {
-        case ENC_TYPE_ASSIST:
-            return FRAME_TYPE_ASSIST;
-        case ENC_TYPE_MPEG_AUDIO:
-        case ENC_TYPE_AUDIO:
-            return FRAME_TYPE_AUDIO;
-        case ENC_TYPE_JPEG:
-            return m_key_frame ? FRAME_TYPE_JPEG : FRAME_TYPE_P;
-        default:
-            return m_key_frame ? FRAME_TYPE_I : FRAME_TYPE_P;
-    }
-}
-
 int CRtp2Frame::GetTsEncodeType() const {
-    const int kind = m_ts2frame != nullptr ? m_ts2frame->GetKind() : STREAM_KIND_NONE;
-    switch (kind) {
-        case STREAM_KIND_MPEG4:
-            return KX_VIDEO_MPEG4;
-        case STREAM_KIND_H264:
-            return KX_VIDEO_H264;
-        case STREAM_KIND_MPEG2:
-            return KX_VIDEO_MPEG2;
-        default:
-            logError("%s %d do not support type: %d\n", __FILE__, __LINE__, kind);
-            return -1;
+    const int code = kx_code_of_kind(m_work.stream_kind);
+    if (code < 0) {
+        logError("%s %d do not support type: %d\n", __FILE__, __LINE__, m_work.stream_kind);
     }
+    return code;
 }
 
 void CRtp2Frame::Clear() {
-    if (m_ts2frame != nullptr) {
-        m_ts2frame->Clear();
+    // What comes of a frame that is dropped in its middle doesn't begin one.
+    m_damaged = m_damaged || (GetPacketCount() > 0 && !m_complete);
+    clear_work();
+}
+
+// Drops the packets without their owner's word.
+void CRtp2Frame::drop_packets() {
+    m_dropped = true;
+    clear_work();
+}
+
+void CRtp2Frame::clear_work() {
+    m_complete = false;
+    m_work.Clear();
+    if (m_rule != nullptr) {
+        m_rule->Clear();
     }
-    m_nodes.Clear();
-    m_walk = Walk();
 }
 
 }  // namespace Vidora

@@ -42,70 +42,104 @@ int CStreamDecRtp::InputFrame(const Flumen::CMediaFrame& frame) {
     if (m_rtp2frame == nullptr) {
         return PARSER_NO_ENGINE;
     }
-    if (m_packet_count >= MAX_PACKETS) {
-        logError("frame packet count exceed %d! clean to go ahead.\n", m_packet_count);
-        Clean();
-    }
+    make_room(frame);
+    return take_input(frame, 0);
+}
+
+void CStreamDecRtp::make_room(const Flumen::CMediaFrame& input) {
     if (m_status > FRAME_MORE) {
         logError("frame not taken yet, take it first.  %s:%d \n", __FILE__, __LINE__);
+    }
+    while (m_status > FRAME_MORE) {
+        go_on();  // what belongs to the next frame isn't lost with the one that nobody takes
+    }
+    if (m_packets.size() >= MAX_PACKETS || m_held_bytes + input.size() > MAX_BYTES) {
+        logError("frame packet count exceed %d! clean to go ahead.\n", static_cast<int>(m_packets.size()));
         Clean();
     }
-    m_status = feed(frame.getBuffer(), static_cast<int>(frame.size()));
+}
+
+// Feeds an input, which may have been fed up to `from` before.
+int CStreamDecRtp::take_input(const Flumen::CMediaFrame& input, size_t from) {
+    const uint32_t before = m_rtp2frame->GetPacketCount();
+    const Feed fed = feed(input.getBuffer(), input.size(), from);
+    m_status = fed.status;
     m_shown_ssrc = m_rtp2frame->GetSsrc();
     m_shown_last_seq = m_rtp2frame->GetLastSeq();
-    if (m_status < FRAME_MORE) {
+    if (fed.dropped) {
+        release();
+    }
+    // The packets of a transport stream are copied, but all of them are handed back, tables too.
+    const bool is_wanted = m_dst_type == STREAM_TYPE_RTP && m_param.enc_type == ENC_TYPE_MPEG2TS;
+    const bool is_borrowed = m_rtp2frame->GetPacketCount() > (fed.dropped ? 0 : before);
+    bool good = m_status >= FRAME_MORE;
+    if (good && m_status > FRAME_MORE && fed.end < input.size()) {
+        m_rest = input;
+        m_rest_at = fed.end;
+    } else if (good && (is_wanted || is_borrowed)) {
+        good = hold(input);
+    }
+    if (!good) {
         Clean();
         return PARSER_FAILED;
     }
-    m_packets[m_packet_count++] = frame;
     return m_status > FRAME_MORE ? PARSER_FRAME_READY : PARSER_OK;
 }
 
-int CStreamDecRtp::feed(const unsigned char* data, int len) {
+CStreamDecRtp::Feed CStreamDecRtp::feed(const unsigned char* data, size_t len, size_t from) {
     if (data != nullptr && len > 0 && data[0] == '$') {
-        return feed_run(data, len);
+        return feed_run(data, len, from);
     }
-    return m_rtp2frame->PutPacket(data, len);
+    const int ret = m_rtp2frame->PutPacket(data, static_cast<int>(len));
+    return {ret, ret == FRAME_COMPLETE_NEXT ? 0 : len, m_rtp2frame->WasDropped()};
 }
 
-// Feeds the packets of a run one by one. A frame may end with the last packet, or in front of the first one, which is
-// then fed again with the whole run; a run that belongs to two frames otherwise isn't what a sender of runs makes.
-int CStreamDecRtp::feed_run(const unsigned char* data, int orig_len) {
-    CByteReader reader(data, static_cast<size_t>(orig_len));
-    while (reader.Remaining() > sizeof(struct rtptcphdr)) {
-        const int len = static_cast<int>(reader.Remaining());
+// Feeds the packets of a run one by one, up to the end of a frame: behind the last packet put, or in front of it.
+CStreamDecRtp::Feed CStreamDecRtp::feed_run(const unsigned char* data, size_t len, size_t from) {
+    Feed fed = {FRAME_MORE, len, false};
+    CByteReader reader(data, len);
+    reader.Skip(from);
+    while (fed.status == FRAME_MORE && reader.Remaining() > sizeof(struct rtptcphdr)) {
+        const size_t begin = reader.Offset();
         CByteReader header(reader.Rest(), sizeof(struct rtptcphdr));
         const bool framed = header.ReadU8() == '$';
         header.Skip(1);
-        const uint16_t rtp_len = header.ReadU16();
-        const unsigned char* packet = reader.ReadBytes(sizeof(struct rtptcphdr) + rtp_len);
+        const size_t packet_len = sizeof(struct rtptcphdr) + header.ReadU16();
+        const unsigned char* packet = reader.ReadBytes(packet_len);
         if (!framed || packet == nullptr) {
-            logWarn("%s:%d run of RTP packets broken, %d of %d bytes left\n", __FILE__, __LINE__, len, orig_len);
-            return FRAME_FAILED;
+            logWarn("%s:%d run of RTP packets broken, %d of %d bytes left\n", __FILE__, __LINE__,
+                    static_cast<int>(len - begin), static_cast<int>(len));
+            fed.status = FRAME_FAILED;
+            break;
         }
-        const int ret = m_rtp2frame->PutPacket(packet, static_cast<int>(sizeof(struct rtptcphdr) + rtp_len));
-        if (ret < 0) {
-            return ret;
-        }
-        // The text of the assertion is kept as it is.
-        // clang-format off
-        if (ret != 0) {
-            if (!OSTRA_ASSERT(( (ret == 1) && ( len == (int)(rtp_len + sizeof(struct rtptcphdr)) ) ) || ( (ret == 2) && ( len == orig_len ) ))) {
-                return FRAME_FAILED;
-            }
-            return ret;
-        }
-        // clang-format on
+        fed.status = m_rtp2frame->PutPacket(packet, static_cast<int>(packet_len));
+        fed.dropped = fed.dropped || m_rtp2frame->WasDropped();
+        fed.end = fed.status == FRAME_COMPLETE_NEXT ? begin : fed.status == FRAME_COMPLETE ? reader.Offset() : len;
     }
-    return FRAME_MORE;
+    return fed;
+}
+
+bool CStreamDecRtp::hold(const Flumen::CMediaFrame& input) {
+    try {
+        m_packets.push_back(input);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    m_held_bytes += input.size();
+    return true;
+}
+
+void CStreamDecRtp::release() {
+    m_packets.clear();
+    m_held_bytes = 0;
 }
 
 Flumen::CMediaFrame CStreamDecRtp::OutputFrame() {
-    if (m_rtp2frame == nullptr || m_status <= FRAME_MORE) {
-        return Flumen::CMediaFrame();
+    Flumen::CMediaFrame out;
+    while (m_rtp2frame != nullptr && m_status > FRAME_MORE && !out.valid()) {
+        out = put_out(m_packets.data(), m_packets.size());
     }
-    const int count = m_status == FRAME_COMPLETE_NEXT ? m_packet_count - 1 : m_packet_count;
-    return put_out(m_packets, static_cast<size_t>(count));
+    return out;
 }
 
 DecodedFrame CStreamDecRtp::describe_frame() const {
@@ -136,23 +170,21 @@ uint32_t CStreamDecRtp::read_payload(unsigned char* buffer, uint32_t capacity) {
 }
 
 void CStreamDecRtp::go_on() {
-    if (m_status != FRAME_COMPLETE_NEXT) {
-        Clean();
-        return;
-    }
-    const Flumen::CMediaFrame kept = m_packets[m_packet_count - 1];
+    const Flumen::CMediaFrame rest = m_rest;
+    const size_t from = m_rest_at;
     Clean();
-    InputFrame(kept);
+    if (rest.valid()) {
+        take_input(rest, from);
+    }
 }
 
 void CStreamDecRtp::Clean() {
     if (m_rtp2frame != nullptr) {
         m_rtp2frame->Clear();
     }
-    for (int i = 0; i < m_packet_count; ++i) {
-        m_packets[i] = Flumen::CMediaFrame();
-    }
-    m_packet_count = 0;
+    release();
+    m_rest = Flumen::CMediaFrame();
+    m_rest_at = 0;
     m_status = FRAME_MORE;
     m_output_index = 0;
 }

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <vector>
 
 #include "StreamParser/Rtp2Frame.h"
 #include "StreamParser/RtpNotify.h"
@@ -28,11 +29,16 @@ private:
 
 // CStreamDecRtp: RTP packets of one track to frames, or back to the packets of each frame.
 //
-// An input is one packet, bare or behind its interleave header, or a run of packets that each stand behind one. Packets
-// are held by shared handle until their frame is taken, at most MAX_PACKETS inputs; one more drops them all.
+// An input is one packet, bare or behind its interleave header, or a run of packets that each stand behind one. A frame
+// may end anywhere in a run or in a packet: the rest goes on when it has been taken. Packets that are handed back come
+// once each, an input that frames share with the last of them.
+//
+// MEMORY     Inputs are held by shared handle until their frame is taken: at most MAX_PACKETS of them and MAX_BYTES;
+//            one more drops them all, and what else comes of their frame with them if damaged frames are dropped.
 class CStreamDecRtp final : public CStreamDec {
 public:
-    static constexpr int MAX_PACKETS = 1024;
+    static constexpr size_t MAX_PACKETS = CRtp2Frame::MAX_PACKETS;
+    static constexpr size_t MAX_BYTES = 8 * 1024 * 1024;
 
     CStreamDecRtp(int src_type, int dst_type);
     ~CStreamDecRtp() override;
@@ -47,16 +53,29 @@ public:
 private:
     friend class CStreamDecRtpNotify;
 
-    int feed(const unsigned char* data, int len);
-    int feed_run(const unsigned char* data, int orig_len);
+    // What an input brought.
+    struct Feed {
+        int status;    // frame_result_t
+        size_t end;    // where its rest begins
+        bool dropped;  // the packets that were held before are needed no longer
+    };
+
+    void make_room(const Flumen::CMediaFrame& input);
+    int take_input(const Flumen::CMediaFrame& input, size_t from);
+    Feed feed(const unsigned char* data, size_t len, size_t from);
+    Feed feed_run(const unsigned char* data, size_t len, size_t from);
+    bool hold(const Flumen::CMediaFrame& input);
+    void release();
     DecodedFrame describe_frame() const override;
     uint32_t read_payload(unsigned char* buffer, uint32_t capacity) override;
     void go_on() override;
 
     std::unique_ptr<CRtp2Frame> m_rtp2frame;
-    Flumen::CMediaFrame m_packets[MAX_PACKETS];  // the packets of the frame in work
-    int m_packet_count = 0;
-    int m_status = FRAME_MORE;  // frame_result_t of the last packet
+    std::vector<Flumen::CMediaFrame> m_packets;  // the inputs of the frame in work
+    size_t m_held_bytes = 0;
+    Flumen::CMediaFrame m_rest;  // the input in which the completed frame ended
+    size_t m_rest_at = 0;        // from where on it goes on
+    int m_status = FRAME_MORE;   // frame_result_t of the last packet
     CStreamDecRtpNotify m_notify;
     RtpDecParam m_param;
 

@@ -11,22 +11,13 @@ namespace {
 
 constexpr uint8_t FALLBACK_RATE = 25;
 
-struct KindRow {
-    int kind;
-    uint8_t code;
-};
-
-constexpr KindRow KIND_CODES[] = {
-    {STREAM_KIND_MPEG4, KX_VIDEO_MPEG4}, {STREAM_KIND_H264, KX_VIDEO_H264}, {STREAM_KIND_MPEG2, KX_VIDEO_MPEG2}};
-
 uint8_t encode_code(int kind) {
-    for (const KindRow& row : KIND_CODES) {
-        if (row.kind == kind) {
-            return row.code;
-        }
+    const int code = kx_code_of_kind(kind);
+    if (code < 0) {
+        logError("%s:%d unsported encode_type:%d\n", __FILE__, __LINE__, kind);
+        return 0;
     }
-    logError("%s:%d unsported encode_type:%d\n", __FILE__, __LINE__, kind);
-    return 0;
+    return static_cast<uint8_t>(code);
 }
 
 }  // namespace

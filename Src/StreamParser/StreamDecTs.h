@@ -16,7 +16,7 @@ namespace Vidora {
 class CStreamDecTs final : public CStreamDec {
 public:
     // Packets of one frame that are kept when they are to be handed back: more than the frame's buffer takes.
-    static constexpr size_t MAX_PACKETS = 4096;
+    static constexpr size_t MAX_PACKETS = 16384;
 
     CStreamDecTs(int src_type, int dst_type);
     ~CStreamDecTs() override;

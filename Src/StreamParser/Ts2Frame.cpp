@@ -20,6 +20,7 @@ namespace {
 constexpr int SDT_PID = 17;            // service descriptions: no media even if a program map names it
 constexpr uint32_t PES_FIXED_LEN = 9;  // up to the header length, inclusive
 constexpr uint32_t MIN_H264_KEY = 65;  // a shorter frame isn't searched for a parameter set
+constexpr size_t CODE_PREFIX_LEN = 3;  // of a start code, without the byte behind it
 constexpr int APPEND_OVERFLOW = -2;
 
 // Where the elementary stream begins in the first bytes of a PES packet: at the first start code of a NAL unit of type
@@ -35,26 +36,38 @@ size_t h264_begin(const unsigned char* data, size_t len) {
     return 0;
 }
 
-// The NAL unit type of the first slice behind a four-byte start code, 0 without one. Three-byte codes don't count here,
-// as they never have, so a key frame that has no other is called a P frame.
-int first_slice(const unsigned char* data, size_t len) {
-    CByteReader frame(data, len);
-    for (size_t at = find_start_code4(data, len); at != NO_START_CODE; at = find_start_code4(data, len, at + 4)) {
-        const int type = h264_nal_type(frame.PeekU8(at + 4));
-        if (type == H264_NAL_SLICE || type == H264_NAL_IDR) {
-            return type;
+// The start code values that open a picture, or a part of one.
+struct PictureRow {
+    int kind;
+    uint8_t first, last;  // start code values; NAL unit types in H.264
+    uint8_t mask;         // what of the byte behind the start code counts
+};
+
+constexpr PictureRow PICTURES[] = {
+    {STREAM_KIND_H264, H264_NAL_SLICE, H264_NAL_IDR, 0x1F},
+    {STREAM_KIND_MPEG4, MPEG4_VOP, MPEG4_VOP, 0xFF},
+    {STREAM_KIND_MPEG2, MPEG2_PICTURE, MPEG2_PICTURE, 0xFF},
+};
+
+const PictureRow* find_row(int kind) {
+    for (const PictureRow& row : PICTURES) {
+        if (row.kind == kind) {
+            return &row;
         }
     }
-    return 0;
+    return nullptr;
+}
+
+// Is the slice behind a NAL unit header the first one of its picture? first_mb_in_slice is an Exp-Golomb code: 0 is the
+// bit 1.
+bool is_first_slice(uint8_t behind_header) {
+    return (behind_header & 0x80) != 0;
 }
 
 }  // namespace
 
 int Ts2Frame::PutPacket(const unsigned char* packet, int len, bool last) {
-    if (!alloc_buffer()) {
-        return FRAME_FAILED;
-    }
-    if (!OSTRA_ASSERT(len == TS_PACK_LEN) || packet == nullptr) {
+    if (!OSTRA_ASSERT(len == TS_PACK_LEN) || packet == nullptr || (m_frame_buf == nullptr && !reserve(TS_PACK_LEN))) {
         return FRAME_FAILED;
     }
     const int ret = ts_demux(m_demux, packet);
@@ -62,11 +75,27 @@ int Ts2Frame::PutPacket(const unsigned char* packet, int len, bool last) {
         logError("%s:%d _ts_stream.demux ret:%d \n", __FILE__, __LINE__, ret);
         return FRAME_FAILED;
     }
-    if (ret == TS_DEMUX_UNKNOWN_PID || !m_demux.is_media || m_demux.program != 0 || m_demux.track != 0) {
+    if (ret == TS_DEMUX_UNKNOWN_PID || !m_demux.is_media || m_demux.program != 0 || m_demux.track != 0 ||
+        m_demux.packet.pid == SDT_PID) {
         return FRAME_MORE;
     }
-    if (!last && m_demux.new_frame && m_frame_len > 0) {
-        return finish_frame(FRAME_COMPLETE_NEXT);
+    return put_media(packet, last);
+}
+
+int Ts2Frame::put_media(const unsigned char* packet, bool last) {
+    CByteReader payload(packet, TS_PACK_LEN);
+    payload.Skip(static_cast<size_t>(m_demux.packet.payload_offset));
+    if (m_demux.packet.unit_start) {
+        if (m_frame_len > 0 && ends_frame(payload)) {
+            if (!is_rest()) {
+                return finish_frame(FRAME_COMPLETE_NEXT);
+            }
+            begin_frame();
+        }
+        m_in_frame = true;
+    }
+    if (!m_in_frame) {
+        return FRAME_MORE;
     }
     m_frame_pts = m_demux.pcr_ms;
     const int appended = append_payload(packet);
@@ -74,37 +103,106 @@ int Ts2Frame::PutPacket(const unsigned char* packet, int len, bool last) {
         logError("%s:%d _ts_stream.dec ret:%d \n", __FILE__, __LINE__, appended);
         return FRAME_FAILED;
     }
+    if (last && is_rest()) {
+        Clear();
+        return FRAME_MORE;
+    }
     return last ? finish_frame(FRAME_COMPLETE) : FRAME_MORE;
 }
 
-bool Ts2Frame::alloc_buffer() {
-    if (m_frame_buf == nullptr) {
-        m_frame_buf.reset(new (std::nothrow) unsigned char[STREAM_BUFFER_LEN]);
-        if (m_frame_buf == nullptr) {
-            logError("%s:%d new failed \n", __FILE__, __LINE__);
-            return false;
-        }
-        m_frame_capacity = STREAM_BUFFER_LEN;
+// Does the PES packet that opens in `payload` begin the next picture, as far as this packet shows it? One that doesn't
+// begin with a start code goes on with what the last one began, and so does one with a later slice.
+bool Ts2Frame::ends_frame(CByteReader payload) const {
+    if (m_picture == NO_START_CODE) {
+        return false;
     }
+    payload.Skip(PES_FIXED_LEN - 1);
+    payload.Skip(payload.ReadU8());
+    int zeros = 0;
+    while (payload.Remaining() > 0 && payload.PeekU8() == 0) {
+        payload.Skip(1);
+        ++zeros;
+    }
+    if (payload.Remaining() < 3) {
+        return true;  // too little to tell
+    }
+    if (zeros < 2 || payload.ReadU8() != 1) {
+        return false;
+    }
+    const uint8_t code = payload.ReadU8();
+    const int type = h264_nal_type(code);
+    switch (track_kind()) {
+        case STREAM_KIND_H264:
+            return (type != H264_NAL_SLICE && type != H264_NAL_IDR) || is_first_slice(payload.ReadU8());
+        case STREAM_KIND_MPEG2:
+            return code < MPEG2_SLICE_FIRST || code > MPEG2_SLICE_LAST;
+        default:
+            return true;
+    }
+}
+
+// Is the frame in work the rest of one whose first slices came before the first packet?
+bool Ts2Frame::is_rest() const {
+    CByteReader frame(m_frame_buf.get(), m_frame_len);
+    return m_joined && track_kind() == STREAM_KIND_H264 && m_picture != NO_START_CODE && frame.Skip(m_picture + 4) &&
+           frame.Remaining() > 0 && !is_first_slice(frame.PeekU8());
+}
+
+// Makes room for `len` bytes behind those of the frame.
+bool Ts2Frame::reserve(uint32_t len) {
+    if (len <= m_frame_capacity - m_frame_len) {
+        return true;
+    }
+    const uint32_t capacity = m_frame_capacity == 0 ? STREAM_BUFFER_LEN : 2 * m_frame_capacity;
+    std::unique_ptr<unsigned char[]> larger;
+    if (capacity <= MAX_FRAME_LEN) {
+        larger.reset(new (std::nothrow) unsigned char[capacity]);
+        if (larger == nullptr) {
+            logError("%s:%d new failed \n", __FILE__, __LINE__);
+        }
+    }
+    if (larger == nullptr) {
+        return false;
+    }
+    GetFrame(larger.get(), capacity);
+    m_frame_buf = std::move(larger);
+    m_frame_capacity = capacity;
     return true;
 }
 
 int Ts2Frame::append_payload(const unsigned char* packet) {
-    if (m_demux.packet.pid == SDT_PID) {
-        return 0;
-    }
     CByteReader payload(packet, TS_PACK_LEN);
     payload.Skip(static_cast<size_t>(m_demux.packet.payload_offset));
     payload.Skip(skip_pes_header(payload.Rest(), static_cast<uint32_t>(payload.Remaining())));
-    if (payload.Remaining() > m_frame_capacity - m_frame_len) {
+    if (!reserve(static_cast<uint32_t>(payload.Remaining()))) {
         return APPEND_OVERFLOW;
     }
+    const uint32_t before = m_frame_len;
     CByteWriter frame(m_frame_buf.get(), m_frame_capacity);
     frame.Reserve(m_frame_len);
     frame.WriteBytes(payload.Rest(), payload.Remaining());
     m_frame_len = static_cast<uint32_t>(frame.Offset());
-    ++m_frame_packets;
+    find_picture(before);
     return 0;
+}
+
+// Looks for the first picture of the frame in the bytes from `from` on, and in a start code that began before them.
+void Ts2Frame::find_picture(uint32_t from) {
+    const PictureRow* row = m_picture == NO_START_CODE ? find_row(track_kind()) : nullptr;
+    if (row == nullptr) {
+        return;
+    }
+    const size_t begin = from > CODE_PREFIX_LEN ? from - CODE_PREFIX_LEN : 0;
+    CByteReader frame(m_frame_buf.get(), m_frame_len);
+    frame.Seek(begin);
+    StartCodeScan scan(frame.Rest(), frame.Remaining());
+    while (scan.Next()) {
+        const int value = scan.Value() & row->mask;
+        if (value >= row->first && value <= row->last) {
+            m_picture = begin + scan.Offset();
+            return;
+        }
+    }
 }
 
 // How many bytes at the front of a payload aren't elementary stream: the PES header, which may go on in the next
@@ -119,7 +217,7 @@ uint32_t Ts2Frame::skip_pes_header(const unsigned char* payload, uint32_t len) {
     }
     const uint32_t skipped = std::min(m_pes_skip, len);
     m_pes_skip -= skipped;
-    if (m_pes_skip > 0 || m_demux.table.tracks[0].kind != STREAM_KIND_H264) {
+    if (m_pes_skip > 0 || track_kind() != STREAM_KIND_H264) {
         return skipped;
     }
     reader.Seek(skipped);
@@ -132,12 +230,13 @@ int Ts2Frame::finish_frame(int result) {
         logError("%s:%d _ts_stream.dec ret:%d \n", __FILE__, __LINE__, ret);
         return FRAME_FAILED;
     }
+    m_complete = true;
     return result;
 }
 
 // Finds out type and size of the whole frame.
 int Ts2Frame::decode_frame() {
-    m_kind = m_demux.table.tracks[0].kind;
+    m_kind = track_kind();
     switch (m_kind) {
         case STREAM_KIND_H264:
             decode_h264();
@@ -155,8 +254,11 @@ int Ts2Frame::decode_frame() {
 }
 
 void Ts2Frame::decode_h264() {
-    m_frame_type = first_slice(m_frame_buf.get(), m_frame_len) == H264_NAL_IDR ? FRAME_TYPE_I : FRAME_TYPE_P;
-    if (m_frame_type != FRAME_TYPE_I || m_frame_len < MIN_H264_KEY) {
+    CByteReader picture(m_frame_buf.get(), m_frame_len);
+    const bool found = m_picture != NO_START_CODE && picture.Skip(m_picture + 3);
+    const bool key = found && h264_nal_type(picture.PeekU8()) == H264_NAL_IDR;
+    m_frame_type = key ? FRAME_TYPE_I : FRAME_TYPE_P;
+    if (!key || m_frame_len < MIN_H264_KEY) {
         return;
     }
     CByteReader frame(m_frame_buf.get(), m_frame_len);
@@ -214,9 +316,17 @@ uint32_t Ts2Frame::GetFrame(unsigned char* buffer, uint32_t capacity) const {
 }
 
 void Ts2Frame::Clear() {
+    begin_frame();
+    // Behind a frame that was told the next one follows without a gap.
+    m_joined = !m_complete;
+    m_complete = false;
+    m_in_frame = false;
+}
+
+void Ts2Frame::begin_frame() {
     m_frame_len = 0;
-    m_frame_packets = 0;
     m_pes_skip = 0;
+    m_picture = NO_START_CODE;
 }
 
 }  // namespace Vidora

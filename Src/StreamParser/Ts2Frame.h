@@ -6,19 +6,25 @@
 
 #include "StreamParser/FrameResult.h"
 #include "StreamParser/TsDemux.h"
+#include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/StartCode.h"
 
 namespace Kavio {
 namespace Vidora {
 
 // Ts2Frame: rebuilds the frames of the first track of a transport stream.
 //
-// H.264 frames end where the next one begins; all other kinds end only with a packet that is put with `last` set (the
-// marker bit, if the stream comes in RTP). A frame's time stamp is the last program clock reference, not the PES one.
-// Memory: one buffer of 512 KiB, allocated at the first packet and kept.
+// A frame begins with a PES packet; packets in front of the first one, or behind a Clear, are left out. It ends with a
+// packet that is put with `last` set (the marker bit, if the stream comes in RTP), or where a PES packet begins the
+// next picture: parameter sets and further slices may come in PES packets of their own. A frame's time stamp is the
+// last program clock reference, not the PES one.
 //
+// MEMORY     One buffer, of 512 KiB at the first packet, which grows with the frames up to MAX_FRAME_LEN and is kept.
 // THREADING  No lock: one thread at a time.
 class Ts2Frame {
 public:
+    static constexpr uint32_t MAX_FRAME_LEN = 2 * 1024 * 1024;  // a frame that gets longer fails
+
     Ts2Frame() = default;
     Ts2Frame(const Ts2Frame&) = delete;
     Ts2Frame& operator=(const Ts2Frame&) = delete;
@@ -29,6 +35,8 @@ public:
 
     // Bytes of the frame in work.
     uint32_t GetFrameSize() const { return m_frame_len; }
+    // They stay until the next PutPacket; null before the first one.
+    const unsigned char* GetData() const { return m_frame_buf.get(); }
     // Copies the frame into `buffer` of `capacity` bytes. Its size; 0 if it doesn't fit.
     uint32_t GetFrame(unsigned char* buffer, uint32_t capacity) const;
     // Milliseconds.
@@ -48,25 +56,34 @@ public:
     void Clear();
 
 private:
-    bool alloc_buffer();
+    bool reserve(uint32_t len);
+    int put_media(const unsigned char* packet, bool last);
+    bool ends_frame(Ostra::CByteReader payload) const;
+    bool is_rest() const;
     int append_payload(const unsigned char* packet);
     uint32_t skip_pes_header(const unsigned char* payload, uint32_t len);
+    void find_picture(uint32_t from);
     int finish_frame(int result);
     int decode_frame();
     void decode_h264();
     void decode_mpeg4();
     void decode_mpeg2();
     void set_size(uint32_t width, uint32_t height);
+    int track_kind() const { return m_demux.table.tracks[0].kind; }
+    void begin_frame();
 
     TsDemuxState m_demux;
 
     // The frame in work.
     std::unique_ptr<unsigned char[]> m_frame_buf;
     uint32_t m_frame_capacity = 0;
-    uint32_t m_frame_packets = 0;
     uint32_t m_frame_len = 0;
     uint32_t m_pes_skip = 0;  // bytes of a PES header still to skip
     uint64_t m_frame_pts = 0;
+    bool m_complete = false;           // it was told
+    bool m_in_frame = false;           // its first packet has been seen
+    bool m_joined = true;              // nothing is known of what came before it
+    size_t m_picture = NO_START_CODE;  // where its first picture or slice begins
 
     // What is known of the last frame that was completed.
     int m_kind = STREAM_KIND_NONE;

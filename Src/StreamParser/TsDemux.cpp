@@ -2,8 +2,6 @@
 
 #include <algorithm>
 
-#include "StreamParser/StartCodeScan.h"
-#include "Vidora/H264Parser.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
 
@@ -22,7 +20,6 @@ constexpr size_t SECTION_HEAD_LEN = 8;  // what all sections have in common
 constexpr size_t PMT_HEAD_LEN = 12;     // taken as if there were no program descriptors
 constexpr size_t PMT_ENTRY_LEN = 5;
 constexpr size_t CRC_LEN = 4;
-constexpr size_t PES_FIXED_LEN = 9;  // up to the header length, inclusive
 constexpr uint64_t TICKS_PER_MS = 90;
 
 // The adaptation field, of which only the clock reference matters (ISO 13818-1 2.4.3.4).
@@ -88,37 +85,13 @@ int find_track(const TsProgramTable& table, int pid) {
     return -1;
 }
 
-// Does the PES packet that opens in `payload` begin with a slice, as far as this TS packet shows?
-bool opens_with_slice(CByteReader payload) {
-    payload.Skip(PES_FIXED_LEN - 1);
-    payload.Skip(payload.ReadU8());
-    if (!payload.Ok()) {
-        return false;
-    }
-    StartCodeScan scan(payload.Rest(), payload.Remaining());
-    while (scan.Next()) {
-        const int type = h264_nal_type(scan.Value());
-        if (type >= H264_NAL_SLICE && type <= H264_NAL_IDR) {
-            return true;
-        }
-    }
-    return false;
-}
-
-int read_media(TsDemuxState& state, CByteReader& payload) {
+int read_media(TsDemuxState& state, CByteReader payload) {
     if (state.packet.has_pcr) {
         state.pcr_ms = state.packet.pcr_base / TICKS_PER_MS;
     }
-    if (state.packet.unit_start) {
-        CByteReader start = payload;
-        if (start.ReadU24() != 0x000001) {
-            logError("%s:%d, invalid pes header.\n", __FILE__, __LINE__);
-            return TS_DEMUX_FAILED;
-        }
-        if (state.table.tracks[state.track].kind == STREAM_KIND_H264 && opens_with_slice(payload)) {
-            state.new_frame = state.seen_slice;
-            state.seen_slice = true;
-        }
+    if (state.packet.unit_start && payload.ReadU24() != 0x000001) {
+        logError("%s:%d, invalid pes header.\n", __FILE__, __LINE__);
+        return TS_DEMUX_FAILED;
     }
     state.is_media = true;
     return TS_DEMUX_OK;
@@ -152,7 +125,6 @@ bool ts_parse_packet(const unsigned char packet[TS_PACK_LEN], TsPacketInfo& info
 
 int ts_demux(TsDemuxState& state, const unsigned char packet[TS_PACK_LEN]) {
     state.is_media = false;
-    state.new_frame = false;
     if (!ts_parse_packet(packet, state.packet)) {
         return TS_DEMUX_FAILED;
     }

@@ -26,12 +26,10 @@ struct TsPacketInfo {
 // What the demultiplexer knows of the stream and found in the last packet.
 struct TsDemuxState {
     TsProgramTable table;
-    uint64_t pcr_ms = 0;      // the last program clock reference, in milliseconds
-    bool seen_slice = false;  // a first slice has been seen
+    uint64_t pcr_ms = 0;  // the last program clock reference, in milliseconds
     // Of the last packet.
     TsPacketInfo packet;
-    bool is_media = false;   // it belongs to a track
-    bool new_frame = false;  // it begins a new frame; H.264 only
+    bool is_media = false;  // it belongs to a track
     int32_t program = 0;
     int32_t track = 0;
 };
@@ -40,7 +38,7 @@ struct TsDemuxState {
 // packet leaves no payload.
 bool ts_parse_packet(const unsigned char packet[TS_PACK_LEN], TsPacketInfo& info);
 
-// Reads one packet into `state`: PAT and PMT, the clock, and where frames begin. A ts_demux_result_t.
+// Reads one packet into `state`: PAT and PMT, the clock, and which track it belongs to. A ts_demux_result_t.
 //
 // One program is read, with up to two tracks. Only whole sections are understood, and only program maps without program
 // descriptors: with some, entries are read from the wrong place. Transport errors and gaps in the continuity counters

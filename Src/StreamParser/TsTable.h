@@ -31,6 +31,9 @@ int stream_kind_of_type(uint8_t stream_type);
 // Of an enc_type_t: the kind that a multiplexer gives it.
 int stream_kind_of_enc_type(int enc_type);
 
+// The encode code of the private frame header for a kind of video; -1 for a kind without one.
+int kx_code_of_kind(int kind);
+
 inline bool is_video_kind(int kind) {
     return kind < STREAM_KIND_AUDIO;
 }

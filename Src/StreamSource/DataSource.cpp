@@ -4,13 +4,26 @@
 #include <new>
 
 #include "StreamSource/KXDataSrc.h"
+#include "StreamSource/SourceGate.h"
 #include "Vidora/RtspUrlParser.h"
 
 namespace Kavio {
 namespace Vidora {
 
-CDataSource::CDataSource() = default;
-CDataSource::~CDataSource() = default;
+CDataSource::CDataSource() : m_gate(CSourceGate::Create(this)) {}
+
+CDataSource::~CDataSource() {
+    if (m_gate != nullptr) {
+        m_gate->End();
+    }
+}
+
+void CDataSource::Close() {
+    const std::shared_ptr<CSourceGate> gate = m_gate;
+    if (gate == nullptr || gate->End()) {
+        CNetHandler::Close();
+    }
+}
 
 namespace {
 
@@ -62,6 +75,9 @@ int CDataSource::EnableStreamTrack(int) {
 }
 int CDataSource::DisableStreamTrack(int) {
     return -1;
+}
+int CDataSource::StopFeeding(packet_type_t packet_type, CMediaBuffer*) {
+    return StopStreaming(packet_type);
 }
 
 }  // namespace Vidora

@@ -35,10 +35,20 @@ CKXDataReceiver::CKXDataReceiver() {
     for (int i = 0; i < MAX_TRACK; ++i) {
         m_track[i].ssrc = random_draw32();
         m_track[i].sequence = random_draw();
+        m_src_info.SetSsrc(i, m_track[i].ssrc);
     }
 }
 
 CKXDataReceiver::~CKXDataReceiver() = default;
+
+CKXDataReceiver::CUse::CUse(CKXDataReceiver* receiver)
+    : m_receiver(receiver != nullptr && receiver->m_use.Enter() ? receiver : nullptr) {}
+
+CKXDataReceiver::CUse::~CUse() {
+    if (m_receiver != nullptr && m_receiver->m_use.Leave()) {
+        m_receiver->end();
+    }
+}
 
 int CKXDataReceiver::Init(const char* content, long notify_id, int ext) {
     m_notify_id = notify_id;
@@ -56,7 +66,6 @@ int CKXDataReceiver::Init(const char* content, long notify_id, int ext) {
         return -1;
     }
     // Both stand before the source's Init, which may post MSG_STREAM_INFO at once; the message waits for its end.
-    CGuard start_guard(m_start_mutex);
     m_src_type = source->GetSrcType();
     m_stream_source = source;
     if (source->Init(GetID(), ext) < 0) {
@@ -64,6 +73,11 @@ int CKXDataReceiver::Init(const char* content, long notify_id, int ext) {
         source->Close();
         logError("%s:%d stream source init fail!\n", __FILE__, __LINE__);
         return -1;
+    }
+    CGuard guard(m_mutex);
+    m_begun = true;
+    if (m_info_early) {
+        Notify(GetID(), MSG_STREAM_INFO, 0);
     }
     return 0;
 }
@@ -76,14 +90,10 @@ int CKXDataReceiver::handle_message(long, unsigned int msg, long) {
         Notify(m_notify_id, msg, 0);
         return 0;
     }
-    {
-        CGuard start_guard(m_start_mutex);
-        if (m_stream_source == nullptr) {
-            return 0;  // it told its format, and then failed to begin
-        }
-    }
     CGuard guard(m_mutex);
-    if (!m_info_ready) {
+    if (!m_begun) {
+        m_info_early = true;  // the source's Init still runs, or has failed
+    } else if (!m_info_ready) {
         guard.Leave();
         on_first_info();
     } else if (check_info_locked() != 0) {
@@ -175,10 +185,9 @@ void CKXDataReceiver::build_tracks_locked() {
         m_over_tcp[i].dollar = '$';
         m_over_tcp[i].channel = static_cast<uint8_t>(2 * i);
         m_over_tcp[i].merge_frame = 1;
-        m_src_info[i].seq = m_track[i].sequence;
-        m_src_info[i].octets = 0;
-        m_src_info[i].packets = 0;
+        m_src_info.Begin(i, m_track[i].sequence);
     }
+    m_src_info.SetCount(m_channel_num);
 }
 
 void CKXDataReceiver::add_track_locked(int enc_type, int payload_type, int clock_rate) {
@@ -193,12 +202,11 @@ void CKXDataReceiver::reset_tracks_locked() {
     for (int i = 0; i < MAX_TRACK; ++i) {
         if (!m_rtp_parser[i]) {
             m_track[i].timestamp = random_draw32();
-            m_src_info[i].timestamp = m_track[i].timestamp;
+            m_src_info.SetTimestamp(i, m_track[i].timestamp);
             continue;
         }
         m_rtp_parser[i]->GetParam(m_track[i]);
-        m_src_info[i].timestamp = m_track[i].timestamp;
-        m_src_info[i].seq = m_track[i].sequence;
+        m_src_info.SetPlace(i, m_track[i].timestamp, m_track[i].sequence);
         m_rtp_parser[i]->SetParam(m_track[i]);
     }
 }
@@ -270,23 +278,16 @@ int CKXDataReceiver::GetAudioFormat(StreamAudioFormat& format) {
 }
 
 int CKXDataReceiver::GetVideoSpecificInfo(char* buf, int len) {
+    CGuard start_guard(m_start_mutex);
     return m_stream_source == nullptr ? -1 : m_stream_source->GetVideoSpecificInfo(buf, len);
 }
 
 int CKXDataReceiver::GetSrcInfo(SrcInfo& info, int index) {
-    CGuard guard(m_mutex);
-    if (index < 0 || index >= m_channel_num) {
-        logError("%s:%d GetSrcInfo, channel_id out of, channel_id:%d m_channel_num:%d\n", __FILE__, __LINE__, index,
-                 m_channel_num);
-        return -1;
-    }
-    info = m_src_info[index];
-    return 0;
+    return m_src_info.Get(index, info);
 }
 
 unsigned int CKXDataReceiver::GetSSRC(int index) {
-    CGuard guard(m_mutex);
-    return index < 0 || index >= MAX_TRACK ? 0 : m_track[index].ssrc;
+    return m_src_info.GetSsrc(index);
 }
 
 int CKXDataReceiver::UpdataStreamInfo(long arg) {
@@ -294,6 +295,7 @@ int CKXDataReceiver::UpdataStreamInfo(long arg) {
         return -1;
     }
     logDebug("%s:%d UpdataStreamInfo\n", __FILE__, __LINE__);
+    CGuard start_guard(m_start_mutex);
     {
         CGuard guard(m_mutex);
         m_info_ready = false;
@@ -306,10 +308,9 @@ int CKXDataReceiver::UpdataStreamInfo(long arg) {
 }
 
 int CKXDataReceiver::EnableStreamTrack(int track_kind) {
-    CGuard guard(m_mutex);
     if (track_kind == STREAM_TRACK_ASSIST) {
-        ++m_assist_count;
-        logInfo("%s %d Add STREAM_TRACK_ASSIST:%d\n", __FILE__, __LINE__, m_assist_count);
+        const int count = ++m_assist_count;
+        logInfo("%s %d Add STREAM_TRACK_ASSIST:%d\n", __FILE__, __LINE__, count);
     } else {
         logWarn("%s %d StreamTrack:%d is not support!\n", __FILE__, __LINE__, track_kind);
     }
@@ -317,11 +318,12 @@ int CKXDataReceiver::EnableStreamTrack(int track_kind) {
 }
 
 int CKXDataReceiver::DisableStreamTrack(int track_kind) {
-    CGuard guard(m_mutex);
     if (track_kind != STREAM_TRACK_ASSIST) {
         logWarn("%s %d StreamTrack:%d is not support!\n", __FILE__, __LINE__, track_kind);
-    } else if (m_assist_count > 0) {
-        --m_assist_count;
+        return 0;
+    }
+    int count = m_assist_count.load();
+    while (count > 0 && !m_assist_count.compare_exchange_weak(count, count - 1)) {
     }
     return 0;
 }
@@ -345,11 +347,18 @@ void CKXDataReceiver::Close() {
 }
 
 int CKXDataReceiver::handle_close(CNetHandler*) {
+    if (m_use.End()) {
+        end();
+    }
+    return 0;
+}
+
+// Nobody is inside any more, nor comes.
+void CKXDataReceiver::end() {
     if (m_stream_source != nullptr) {
         m_stream_source->Close();
     }
     delete this;
-    return 0;
 }
 
 }  // namespace Vidora

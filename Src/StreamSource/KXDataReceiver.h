@@ -1,10 +1,14 @@
 #ifndef VIDORA_STREAMSOURCE_KXDATARECEIVER_H
 #define VIDORA_STREAMSOURCE_KXDATARECEIVER_H
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
 #include "StreamParser/StreamParser.h"
+#include "StreamSource/BufferTable.h"
+#include "StreamSource/SrcInfoTable.h"
+#include "StreamSource/UseCount.h"
 #include "Vidora/Flumen/MediaFrame.h"
 #include "Vidora/Names.h"
 #include "Vidora/StreamSource.h"
@@ -15,24 +19,43 @@ namespace Kavio {
 namespace Vidora {
 
 // CKXDataReceiver: the media path of the server. It takes each frame of one host source, finds its track, and puts it
-// into up to three media buffers: as RTP, as MPEG-TS and as a private frame. It starts, pauses and stops the source by
-// counting the clients of each packet form, keeps the play window of a file, and notices changes of format.
+// into the media buffers that it was given, in up to three forms: as RTP, as MPEG-TS and as a private frame. It starts,
+// pauses and stops the source by counting the clients of each packet form, keeps the play window of a file, and notices
+// changes of format.
 //
 // Results are 0, or -1 with a log line.
 //
 // THREADING  frame_proc: the host's frame thread, under m_mutex from beginning to end. m_mutex guards all that the
 //            callback reads: counts, buffers, tracks, formats, the play window. It is held over the source's format
 //            queries, as in the callback itself, but never over Start, Stop, Pause, Resume or a seek, which may wait
-//            for the callback. m_start_mutex puts those calls of several sessions in a row, and holds the source's
-//            first message until its Init has returned; it stands above m_mutex.
-// OWNERSHIP  Owns the source, which it closes in handle_close. Keeps references of the media buffers: a channel that
-//            shares the source may end, and its buffers with it, while the clients of another keep the source
-//            running.
+//            for the callback. m_start_mutex puts those calls of several sessions in a row; it stands above m_mutex.
+//            GetSrcInfo, GetSSRC and the two operations on tracks take neither, and so never wait for the host.
+// OWNERSHIP  Owns the source, which it closes at its end. Keeps references of the media buffers: a channel that shares
+//            the source may end, and its buffers with it, while the clients of another keep the source running. Who
+//            calls it from outside its strand holds a CUse; it ends when it is closed and the last of them, and the
+//            last frame, has left it.
 class CKXDataReceiver : public CNetHandler {
 public:
     typedef CStreamSource* (*create_src_fun_t)(const char* content);
 
     CKXDataReceiver();
+
+    // A call into the receiver from outside, for its time.
+    class CUse {
+    public:
+        // `receiver` isn't closed yet, nor while this runs, or is null.
+        explicit CUse(CKXDataReceiver* receiver);
+        ~CUse();
+        CUse(const CUse&) = delete;
+        CUse& operator=(const CUse&) = delete;
+        CKXDataReceiver* operator->() const { return m_receiver; }
+        CKXDataReceiver& operator*() const { return *m_receiver; }
+        // False if there is no receiver.
+        explicit operator bool() const { return m_receiver != nullptr; }
+
+    private:
+        CKXDataReceiver* m_receiver;
+    };
 
     void set_create_src_fun(create_src_fun_t create_src_fun) { m_create_src_fun = create_src_fun; }
     // Makes the source for `content` and begins it; messages go to `notify_id`.
@@ -42,10 +65,12 @@ public:
     int Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale);
     int Play(const UtcTime& start, const UtcTime& end, float speed, bool is_scale);
     int Pause();
-    // Counts a client of that packet form in, and starts or resumes the source. `cseq` goes into the replay extension.
+    // Counts a client of that packet form and buffer in, and starts or resumes the source. `cseq` goes into the replay
+    // extension. A client for which the source doesn't start isn't counted.
     int StartStreaming(packet_type_t packet_type, CMediaBuffer* buffer, int cseq);
-    // Counts a client out. -1 also while others are left, since the source runs on.
-    int StopStreaming(packet_type_t packet_type);
+    // Counts a client out: of `buffer`, or with null of the one that was given last. -1 also while others are left,
+    // since the source runs on.
+    int StopStreaming(packet_type_t packet_type, const CMediaBuffer* buffer);
 
     bool HasVideo();
     bool HasAudio();
@@ -69,7 +94,7 @@ public:
     void Close() override;
 
 private:
-    static const int MAX_TRACK = 8;
+    static const int MAX_TRACK = CSrcInfoTable::MAX_TRACK;
     static const unsigned int REPLAY_EXT_SIZE = 16;
 
     ~CKXDataReceiver() override;
@@ -97,9 +122,11 @@ private:
     bool has_range() const;
     int start_source();
     int resume_source();
+    void end();
 
     // The road of a frame (KXDataReceiverFrame.cpp).
     void frame_proc(const Flumen::CMediaFrame& frame);
+    void take_frame(const Flumen::CMediaFrame& frame);
     bool is_at_end_locked() VIDORA_REQUIRES(m_mutex);
     bool is_outside_file_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
     int check_format_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
@@ -109,10 +136,10 @@ private:
     bool make_rtp_parser_locked(int track) VIDORA_REQUIRES(m_mutex);
     unsigned int send_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
     int put_ts_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
-    void put_kx_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
+    static void put_kx(const CMediaBufferRef& buffer, const Flumen::CMediaFrame& frame, int track, int tag);
     void set_replay_ext_locked(const Flumen::CMediaFrame& frame, int track) VIDORA_REQUIRES(m_mutex);
 
-    // Constant after Init; messages that come while it runs look at the source under m_start_mutex.
+    // Constant after Init; messages that come while it runs wait for its end.
     long m_notify_id = 0;
     src_type_t m_src_type = SRC_TYPE_NONE;
     CStreamSource* m_stream_source = nullptr;
@@ -124,6 +151,8 @@ private:
     bool m_has_audio VIDORA_GUARDED_BY(m_mutex) = false;
     StreamVideoFormat m_video_format VIDORA_GUARDED_BY(m_mutex);
     StreamAudioFormat m_audio_format VIDORA_GUARDED_BY(m_mutex);
+    bool m_begun VIDORA_GUARDED_BY(m_mutex) = false;       // the source's Init has succeeded
+    bool m_info_early VIDORA_GUARDED_BY(m_mutex) = false;  // MSG_STREAM_INFO came before
     bool m_info_ready VIDORA_GUARDED_BY(m_mutex) = false;  // the format was read after MSG_STREAM_INFO
 
     // The play window of a file.
@@ -135,9 +164,7 @@ private:
     CTime m_start_time VIDORA_GUARDED_BY(m_mutex);
     CTime m_end_time VIDORA_GUARDED_BY(m_mutex);
 
-    // Clients and buffers by packet_type_t.
-    int m_client_count[PACKET_TYPE_NONE] VIDORA_GUARDED_BY(m_mutex) = {0, 0, 0};
-    CMediaBufferRef m_media_buffer[PACKET_TYPE_NONE] VIDORA_GUARDED_BY(m_mutex);  // the last one given
+    CBufferTable m_buffers VIDORA_GUARDED_BY(m_mutex);
     bool m_started VIDORA_GUARDED_BY(m_mutex) = false;  // Start of the source runs, or has succeeded
     bool m_paused VIDORA_GUARDED_BY(m_mutex) = false;   // the client counts stay as they are when streaming resumes
     int m_cseq VIDORA_GUARDED_BY(m_mutex) = -1;         // of the last StartStreaming
@@ -146,7 +173,6 @@ private:
     int m_channel_num VIDORA_GUARDED_BY(m_mutex) = 0;
     RtpEncParam m_track[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex);
     RtpOverTcpParam m_over_tcp[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex);
-    SrcInfo m_src_info[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex);
     std::shared_ptr<CStreamParser> m_rtp_parser[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex);
     TsEncParam m_ts_param VIDORA_GUARDED_BY(m_mutex);
     std::shared_ptr<CStreamParser> m_ts_parser VIDORA_GUARDED_BY(m_mutex);
@@ -154,10 +180,13 @@ private:
     // The running stream.
     bool m_video_changed VIDORA_GUARDED_BY(m_mutex) = false;  // a frame of that kind had a new format
     bool m_audio_changed VIDORA_GUARDED_BY(m_mutex) = false;
-    int m_assist_count VIDORA_GUARDED_BY(m_mutex) = 0;   // clients that want assist frames
     int m_packet_state VIDORA_GUARDED_BY(m_mutex) = 0;   // of the last frame
     double m_last_utc VIDORA_GUARDED_BY(m_mutex) = 0.0;  // of the last frame on the replay road, seconds
     unsigned char m_replay_ext[REPLAY_EXT_SIZE] VIDORA_GUARDED_BY(m_mutex) = {};
+
+    CSrcInfoTable m_src_info;
+    std::atomic<int> m_assist_count{0};  // clients that want assist frames
+    CUseCount m_use;
 };
 
 }  // namespace Vidora

@@ -6,6 +6,7 @@
 #include "FrameInfo.h"
 #include "MediaFrame.h"
 #include "StreamSource/KXDataReceiver.h"
+#include "StreamSource/SourceGate.h"
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Ostra/ByteWriter.h"
 #include "Vidora/Tramel/MediaBuffer.h"
@@ -71,6 +72,14 @@ void put_info(const CMediaBufferRef& buffer, const Flumen::CMediaFrame& frame, i
 }  // namespace
 
 void CKXDataReceiver::frame_proc(const Flumen::CMediaFrame& frame) {
+    const CSourceGate::CFrameScope scope;
+    const CUse use(this);  // the host may close all that it has while it is inside
+    if (use) {
+        take_frame(frame);
+    }
+}
+
+void CKXDataReceiver::take_frame(const Flumen::CMediaFrame& frame) {
     CGuard guard(m_mutex);
     if (!m_started) {
         return;
@@ -114,18 +123,16 @@ int CKXDataReceiver::put_frame_locked(const Flumen::CMediaFrame& frame) {
     }
     const int tag = (track << TAG_TRACK_SHIFT) | (type == FRAME_TYPE_I ? TAG_KEY_FRAME : TAG_OTHER_FRAME);
     const bool format_ok = check_format_locked(frame) >= 0;
-    if (format_ok && m_client_count[PACKET_TYPE_RTP] > 0 && m_media_buffer[PACKET_TYPE_RTP].IsValid() &&
-        put_rtp_locked(frame, track, tag) < 0) {
+    if (format_ok && m_buffers.Size(PACKET_TYPE_RTP) > 0 && put_rtp_locked(frame, track, tag) < 0) {
         return -1;
     }
     // Audio doesn't reach the transport stream by this road.
-    if (format_ok && m_client_count[PACKET_TYPE_TS] > 0 && m_media_buffer[PACKET_TYPE_TS].IsValid() && is_video(type) &&
-        put_ts_locked(frame, track, tag) < 0) {
+    if (format_ok && m_buffers.Size(PACKET_TYPE_TS) > 0 && is_video(type) && put_ts_locked(frame, track, tag) < 0) {
         return -1;
     }
     // Private frames describe themselves, so that a change of format doesn't hold them up.
-    if (m_client_count[PACKET_TYPE_KX] > 0 && m_media_buffer[PACKET_TYPE_KX].IsValid()) {
-        put_kx_locked(frame, track, tag);
+    for (size_t i = 0; i < m_buffers.Size(PACKET_TYPE_KX); ++i) {
+        put_kx(CMediaBufferRef(m_buffers.At(PACKET_TYPE_KX, i)), frame, track, tag);
     }
     return 0;
 }
@@ -182,10 +189,8 @@ int CKXDataReceiver::put_rtp_locked(const Flumen::CMediaFrame& frame, int track,
     }
     const unsigned int bytes = send_rtp_locked(frame, track, tag);
     m_rtp_parser[track]->GetParam(m_track[track]);
-    m_src_info[track].timestamp = m_track[track].timestamp;
-    m_src_info[track].seq = m_track[track].sequence;
-    m_src_info[track].octets += bytes;
-    m_src_info[track].packets += (bytes + COUNTED_PACKET_SIZE - 1) / COUNTED_PACKET_SIZE;
+    m_src_info.SetPlace(track, m_track[track].timestamp, m_track[track].sequence);
+    m_src_info.AddPackets(track, bytes, (bytes + COUNTED_PACKET_SIZE - 1) / COUNTED_PACKET_SIZE);
     return 0;
 }
 
@@ -199,7 +204,7 @@ bool CKXDataReceiver::make_rtp_parser_locked(int track) {
     return true;
 }
 
-// Cuts the frame into packets and puts them as one merged packet. The bytes put, 0 on failure.
+// Cuts the frame into packets and puts them as one merged packet into each buffer. The bytes put, 0 on failure.
 unsigned int CKXDataReceiver::send_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) {
     CStreamParser& parser = *m_rtp_parser[track];
     const int result = parser.InputFrame(frame);
@@ -215,8 +220,13 @@ unsigned int CKXDataReceiver::send_rtp_locked(const Flumen::CMediaFrame& frame, 
         logError("%s:%d MediaFrame Input fail, type=%c.\n", __FILE__, __LINE__, frame.getType());
         return 0;
     }
-    put_info(m_media_buffer[PACKET_TYPE_RTP], frame, track, RTP_INFO_LENGTH);
-    return put_media(m_media_buffer[PACKET_TYPE_RTP], packets, 1, tag) ? packets.size() : 0;
+    bool put = false;
+    for (size_t i = 0; i < m_buffers.Size(PACKET_TYPE_RTP); ++i) {
+        const CMediaBufferRef buffer = m_buffers.At(PACKET_TYPE_RTP, i);
+        put_info(buffer, frame, track, RTP_INFO_LENGTH);
+        put = put_media(buffer, packets, 1, tag) || put;
+    }
+    return put ? packets.size() : 0;
 }
 
 void CKXDataReceiver::set_replay_ext_locked(const Flumen::CMediaFrame& frame, int track) {
@@ -272,13 +282,14 @@ int CKXDataReceiver::put_ts_locked(const Flumen::CMediaFrame& frame, int track, 
         logError("%s:%d MediaFrame Input fail\n", __FILE__, __LINE__);
         return 0;
     }
-    put_media(m_media_buffer[PACKET_TYPE_TS], packets, 1, tag);
+    for (size_t i = 0; i < m_buffers.Size(PACKET_TYPE_TS); ++i) {
+        put_media(CMediaBufferRef(m_buffers.At(PACKET_TYPE_TS, i)), packets, 1, tag);
+    }
     return 0;
 }
 
 // A six-byte header and the frame as it is, as two packets that travel together.
-void CKXDataReceiver::put_kx_locked(const Flumen::CMediaFrame& frame, int track, int tag) {
-    const CMediaBufferRef& buffer = m_media_buffer[PACKET_TYPE_KX];
+void CKXDataReceiver::put_kx(const CMediaBufferRef& buffer, const Flumen::CMediaFrame& frame, int track, int tag) {
     CMediaFrame* packet = new (std::nothrow) CMediaFrame(frame);
     const Flumen::CMediaFrame kx_hdr_pkt(KX_HEADER_SIZE);
     if (packet == nullptr || !kx_hdr_pkt.valid()) {

@@ -29,6 +29,7 @@ int CKXDataReceiver::Play(uint64_t start_us, uint64_t end_us, float speed, bool 
     if (!is_seekable()) {
         return check_seekable();
     }
+    CGuard start_guard(m_start_mutex);
     CTime begin;
     {
         CGuard guard(m_mutex);
@@ -44,6 +45,7 @@ int CKXDataReceiver::Play(const UtcTime& start, const UtcTime& end, float speed,
     if (!is_seekable()) {
         return check_seekable();
     }
+    CGuard start_guard(m_start_mutex);
     return set_play(to_time(start), to_time(end), speed, is_scale);
 }
 
@@ -161,6 +163,7 @@ int CKXDataReceiver::Pause() {
 int CKXDataReceiver::StartStreaming(packet_type_t packet_type, CMediaBuffer* buffer, int cseq) {
     CGuard start_guard(m_start_mutex);
     bool started = false;
+    bool counted = false;
     {
         CGuard guard(m_mutex);
         m_cseq = cseq;
@@ -173,18 +176,20 @@ int CKXDataReceiver::StartStreaming(packet_type_t packet_type, CMediaBuffer* buf
             logError("%s:%d nonsupport this packet type[%d] \n", __FILE__, __LINE__, packet_type);
             return -1;
         }
-        if (!m_paused) {  // a resume doesn't count its client a second time
-            ++m_client_count[packet_type];
+        counted = !m_paused || m_buffers.Clients() == 0;  // a resume doesn't count its client a second time
+        if (counted && !m_buffers.Add(packet_type, buffer)) {
+            return -1;
         }
-        m_media_buffer[packet_type] = CMediaBufferRef(buffer);
         started = m_started;
     }
-    if ((started ? resume_source() : start_source()) < 0) {
-        return -1;
-    }
+    const int result = started ? resume_source() : start_source();
     CGuard guard(m_mutex);
-    m_paused = false;
-    return 0;
+    if (result >= 0) {
+        m_paused = false;
+    } else if (counted) {
+        m_buffers.Remove(packet_type, buffer);
+    }
+    return result;
 }
 
 // Frames count from the call on: a source gives its first one, the key frame that every client needs, while Start runs.
@@ -211,7 +216,7 @@ int CKXDataReceiver::resume_source() {
     return 0;
 }
 
-int CKXDataReceiver::StopStreaming(packet_type_t packet_type) {
+int CKXDataReceiver::StopStreaming(packet_type_t packet_type, const CMediaBuffer* buffer) {
     CGuard start_guard(m_start_mutex);
     {
         CGuard guard(m_mutex);
@@ -219,17 +224,18 @@ int CKXDataReceiver::StopStreaming(packet_type_t packet_type) {
             logError("%s:%d nonsupport this packet type[%d] \n", __FILE__, __LINE__, packet_type);
             return -1;
         }
-        if (m_client_count[packet_type] > 0) {
-            --m_client_count[packet_type];
-        }
-        if (m_client_count[PACKET_TYPE_RTP] < 1) {
+        m_buffers.Remove(packet_type, buffer);
+        const int rtp_count = m_buffers.Clients(PACKET_TYPE_RTP);
+        if (rtp_count < 1) {
             reset_tracks_locked();
         }
-        if (m_client_count[PACKET_TYPE_RTP] + m_client_count[PACKET_TYPE_TS] + m_client_count[PACKET_TYPE_KX] > 0) {
+        if (m_buffers.Clients() > 0) {
             logInfo("%s:%d, have't stop streamsource already., rtp_client=%d, ts_client=%d, kx_client=%d.\n", __FILE__,
-                    __LINE__, m_client_count[PACKET_TYPE_RTP], m_client_count[PACKET_TYPE_TS],
-                    m_client_count[PACKET_TYPE_KX]);
+                    __LINE__, rtp_count, m_buffers.Clients(PACKET_TYPE_TS), m_buffers.Clients(PACKET_TYPE_KX));
             return -1;  // tells the caller that the source runs on
+        }
+        if (!m_started) {
+            return 0;  // the host hears of no stop without a start
         }
     }
     if (is_seekable()) {  // only paused: m_started stays, so that the next StartStreaming resumes

@@ -5,17 +5,46 @@
 #include <new>
 
 #include "Protocol/SdpParser.h"
-#include "StreamSource/KXDataReceiver.h"
+#include "StreamSource/SourceGate.h"
 
 namespace Kavio {
 namespace Vidora {
 
+class CKXDataSrc::CMethodJob : public CSourceJob {
+public:
+    typedef void (CKXDataSrc::*method_t)();
+
+    explicit CMethodJob(method_t method) : m_method(method) {}
+    void Run(CDataSource& source) override { (static_cast<CKXDataSrc&>(source).*m_method)(); }
+
+private:
+    const method_t m_method;
+};
+
 CKXDataSrc::CKXDataSrc(const char* content) {
     std::snprintf(m_content, sizeof(m_content), "%s", content);
+    try {
+        m_describe_job = std::make_shared<CMethodJob>(&CKXDataSrc::describe);
+        m_end_job = std::make_shared<CMethodJob>(&CKXDataSrc::end);
+    } catch (const std::bad_alloc&) {
+        logError("%s:%d no memory\n", __FILE__, __LINE__);
+    }
 }
 
-CKXDataSrc::~CKXDataSrc() {
-    delete m_sdp;
+CKXDataSrc::~CKXDataSrc() = default;
+
+void CKXDataSrc::run(const std::shared_ptr<CSourceJob>& job) {
+    const std::shared_ptr<CSourceGate> gate = CSourceGate::Of(this);
+    if (gate != nullptr && job != nullptr) {
+        gate->Do(job);
+    } else if (job != nullptr) {
+        job->Run(*this);
+    }
+}
+
+CKXDataReceiver::CUse CKXDataSrc::enter() {
+    CGuard guard(m_recvr_mutex);
+    return CKXDataReceiver::CUse(m_recvr);
 }
 
 void CKXDataSrc::SetConfig(const CRtspSvrConfig& config) {
@@ -34,13 +63,14 @@ int CKXDataSrc::Init(long notify_id, int ext) {
         logError("%s:%d CKXDataSrc::Init new CKXDataReceiver fail\n", __FILE__, __LINE__);
         return -1;
     }
-    // The pointer stands before the receiver's first message can come.
-    CGuard guard(m_recvr_mutex);
-    m_recvr = recvr;
     recvr->set_create_src_fun(m_config.GetSrcFunc());
-    if (recvr->Init(m_content, GetID(), ext) < 0) {
-        m_recvr = nullptr;
-        recvr->Close();
+    {
+        CGuard guard(m_recvr_mutex);
+        m_recvr = recvr;  // before its first message can come
+    }
+    const CKXDataReceiver::CUse use = enter();
+    if (!use || use->Init(m_content, GetID(), ext) < 0) {
+        close_receiver();
         logError("%s:%d CKXDataSrc::Init m_recvr->Init fail\n", __FILE__, __LINE__);
         return -1;
     }
@@ -65,7 +95,6 @@ void CKXDataSrc::notify_all(unsigned int msg) {
 }
 
 int CKXDataSrc::handle_message(long, unsigned int msg, long) {
-    CGuard guard(m_close_mutex);
     if (m_closed) {
         return 0;
     }
@@ -75,11 +104,8 @@ int CKXDataSrc::handle_message(long, unsigned int msg, long) {
             break;
         case MSG_STREAM_INFO:
         case MSG_SDP_UPDATE:
-            if (build_sdp() < 0) {
-                notify_all(MSG_SRC_FAIL);
-            } else {
-                notify_all(msg == MSG_SDP_UPDATE ? MSG_SDP_UPDATE : MSG_SRC_READY);
-            }
+            m_to_tell |= msg == MSG_SDP_UPDATE ? DESCRIBED_UPDATE : DESCRIBED_READY;
+            run(m_describe_job);
             break;
         default:
             notify_all(msg);
@@ -88,9 +114,39 @@ int CKXDataSrc::handle_message(long, unsigned int msg, long) {
     return 0;
 }
 
+// Messages that came while the source was busy are answered by one description.
+void CKXDataSrc::describe() {
+    const unsigned int to_tell = m_to_tell.exchange(0);
+    if (m_closed) {
+        return;
+    }
+    if (!build_description()) {
+        notify_all(MSG_SRC_FAIL);
+        return;
+    }
+    if ((to_tell & DESCRIBED_READY) != 0) {
+        notify_all(MSG_SRC_READY);
+    }
+    if ((to_tell & DESCRIBED_UPDATE) != 0) {
+        notify_all(MSG_SDP_UPDATE);
+    }
+}
+
+// A format that can't be described leaves the description as it was.
+bool CKXDataSrc::build_description() {
+    const CKXDataReceiver::CUse use = enter();
+    std::unique_ptr<CKXDescription> made(new (std::nothrow) CKXDescription);
+    if (!use || made == nullptr || made->Build(*use, m_src_type) < 0) {
+        return false;
+    }
+    CGuard guard(m_sdp_mutex);
+    m_description.swap(made);
+    return true;
+}
+
 int CKXDataSrc::Play(const UtcTime& start, const UtcTime& end, float speed, bool is_scale) {
-    CGuard guard(m_recvr_mutex);
-    if (m_recvr == nullptr || m_recvr->Play(start, end, speed, is_scale) < 0) {
+    const CKXDataReceiver::CUse use = enter();
+    if (!use || use->Play(start, end, speed, is_scale) < 0) {
         notify_all(MSG_SRC_FAIL);
         // The text begins with a "d" where a year is meant; readers of the log know it so.
         logError(
@@ -105,8 +161,8 @@ int CKXDataSrc::Play(const UtcTime& start, const UtcTime& end, float speed, bool
 }
 
 int CKXDataSrc::Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale) {
-    CGuard guard(m_recvr_mutex);
-    if (m_recvr == nullptr || m_recvr->Play(start_us, end_us, speed, is_scale) < 0) {
+    const CKXDataReceiver::CUse use = enter();
+    if (!use || use->Play(start_us, end_us, speed, is_scale) < 0) {
         notify_all(MSG_SRC_FAIL);
         logError("%s:%d CKXDataSrc::Play fail, start_time_us:%lld end_time_us:%lld speed:%lf\n", __FILE__, __LINE__,
                  static_cast<long long>(start_us), static_cast<long long>(end_us), static_cast<double>(speed));
@@ -117,8 +173,8 @@ int CKXDataSrc::Play(uint64_t start_us, uint64_t end_us, float speed, bool is_sc
 }
 
 int CKXDataSrc::Pause() {
-    CGuard guard(m_recvr_mutex);
-    if (m_recvr == nullptr || m_recvr->Pause() < 0) {
+    const CKXDataReceiver::CUse use = enter();
+    if (!use || use->Pause() < 0) {
         notify_all(MSG_SRC_FAIL);
         logError("%s:%d CKXDataSrc::Pause fail\n", __FILE__, __LINE__);
         return -1;
@@ -128,44 +184,70 @@ int CKXDataSrc::Pause() {
 }
 
 int CKXDataSrc::StartStreaming(packet_type_t packet_type, CMediaBuffer* buffer, int cseq) {
-    CGuard guard(m_recvr_mutex);
-    return m_recvr == nullptr ? -1 : m_recvr->StartStreaming(packet_type, buffer, cseq);
+    const CKXDataReceiver::CUse use = enter();
+    return !use ? -1 : use->StartStreaming(packet_type, buffer, cseq);
 }
 
 int CKXDataSrc::StopStreaming(packet_type_t packet_type) {
-    CGuard guard(m_recvr_mutex);
-    return m_recvr == nullptr ? -1 : m_recvr->StopStreaming(packet_type);
+    const CKXDataReceiver::CUse use = enter();
+    return !use ? -1 : use->StopStreaming(packet_type, nullptr);
+}
+
+int CKXDataSrc::StopFeeding(packet_type_t packet_type, CMediaBuffer* buffer) {
+    const CKXDataReceiver::CUse use = enter();
+    return !use ? -1 : use->StopStreaming(packet_type, buffer);
 }
 
 int CKXDataSrc::GetPlayRange(UtcTime& start, UtcTime& end) {
-    CGuard guard(m_recvr_mutex);
-    return m_recvr == nullptr ? -1 : m_recvr->GetPlayRange(start, end);
+    const CKXDataReceiver::CUse use = enter();
+    return !use ? -1 : use->GetPlayRange(start, end);
 }
 
 int CKXDataSrc::GetPlayRange(uint64_t& start_us, uint64_t& end_us) {
-    CGuard guard(m_recvr_mutex);
-    return m_recvr == nullptr ? -1 : m_recvr->GetPlayRange(start_us, end_us);
+    const CKXDataReceiver::CUse use = enter();
+    return !use ? -1 : use->GetPlayRange(start_us, end_us);
 }
 
 // The medium's index of an SDP track number, or -1.
 int CKXDataSrc::find_track(int track_id) {
     CGuard guard(m_sdp_mutex);
-    for (int i = 0; i < m_track_num && i < MAX_TRACK; ++i) {
-        if (m_track_ids[i] == track_id) {
-            return i;
-        }
+    return m_description == nullptr ? -1 : m_description->FindTrack(track_id);
+}
+
+// A channel looks before the source has told its format, which is no fault: hence no error line.
+int CKXDataSrc::GetSdp(CSdpParser& sdp) {
+    CGuard guard(m_sdp_mutex);
+    if (m_description == nullptr) {
+        logInfo("%s:%d CKXDataSrc::GetSdp fail\n", __FILE__, __LINE__);
+        return -1;
     }
-    return -1;
+    sdp = m_description->GetSdp();
+    return 0;
+}
+
+// The assist medium is never in the source's own SDP: who wants it asks for it, and the source then knows its track.
+int CKXDataSrc::GetSdp(CSdpParser& sdp, int ext_info) {
+    CGuard guard(m_sdp_mutex);
+    if (m_description == nullptr) {
+        logError("%s:%d CKXDataSrc::GetSdp fail\n", __FILE__, __LINE__);
+        return -1;
+    }
+    sdp = m_description->GetSdp();
+    if (ext_info != 1) {
+        logError("%s %d do not support ext_info:%d\n", __FILE__, __LINE__, ext_info);
+        return -1;
+    }
+    return m_description->AddAssist(sdp);
 }
 
 int CKXDataSrc::GetSrcInfo(SrcInfo& info, int track_id) {
     const int index = find_track(track_id);
-    CGuard guard(m_recvr_mutex);
-    if (index < 0 || m_recvr == nullptr) {
+    const CKXDataReceiver::CUse use = enter();
+    if (index < 0 || !use) {
         logError("%s:%d CKXDataSrc::GetSrcInfo fail, track_id:%d\n", __FILE__, __LINE__, track_id);
         return -1;
     }
-    const int result = m_recvr->GetSrcInfo(info, index);
+    const int result = use->GetSrcInfo(info, index);
     info.track_id = track_id;
     return result;
 }
@@ -178,43 +260,56 @@ int CKXDataSrc::GetTcpChannel(int track_id) {
 
 unsigned int CKXDataSrc::GetSSRC(int track_id) {
     const int index = find_track(track_id);
-    CGuard guard(m_recvr_mutex);
-    return index < 0 || m_recvr == nullptr ? 0 : m_recvr->GetSSRC(index);
+    const CKXDataReceiver::CUse use = enter();
+    return index < 0 || !use ? 0 : use->GetSSRC(index);
 }
 
 int CKXDataSrc::UpdataDataSrc(long arg) {
-    CGuard guard(m_recvr_mutex);
-    return m_recvr == nullptr ? -1 : m_recvr->UpdataStreamInfo(arg);
+    const CKXDataReceiver::CUse use = enter();
+    return !use ? -1 : use->UpdataStreamInfo(arg);
 }
 
 int CKXDataSrc::EnableStreamTrack(int track_kind) {
-    CGuard guard(m_recvr_mutex);
-    if (m_recvr == nullptr) {
+    const CKXDataReceiver::CUse use = enter();
+    if (!use) {
         logError("%s %d KXDataReceiver is NULL!\n", __FILE__, __LINE__);
         return -1;
     }
-    return m_recvr->EnableStreamTrack(track_kind);
+    return use->EnableStreamTrack(track_kind);
 }
 
 int CKXDataSrc::DisableStreamTrack(int track_kind) {
-    CGuard guard(m_recvr_mutex);
-    if (m_recvr == nullptr) {
+    const CKXDataReceiver::CUse use = enter();
+    if (!use) {
         logError("%s %d KXDataReceiver is NULL!\n", __FILE__, __LINE__);
         return -1;
     }
-    return m_recvr->DisableStreamTrack(track_kind);
+    return use->DisableStreamTrack(track_kind);
 }
 
+// From now on messages are dropped. The rest waits for a call of a channel that is inside the host.
 void CKXDataSrc::Close() {
-    {
-        CGuard guard(m_close_mutex);
-        m_closed = true;  // from now on messages are dropped
+    if (m_closed.exchange(true)) {
+        return;
     }
+    if (m_end_job == nullptr) {
+        end();
+    } else {
+        run(m_end_job);
+    }
+}
+
+void CKXDataSrc::end() {
     {
         CGuard guard(m_sdp_mutex);
-        delete m_sdp;
-        m_sdp = nullptr;
+        m_description = nullptr;
     }
+    close_receiver();
+    notify_all(MSG_SOURCE_CLOSED);
+    CDataSource::Close();
+}
+
+void CKXDataSrc::close_receiver() {
     CKXDataReceiver* recvr = nullptr;
     {
         CGuard guard(m_recvr_mutex);
@@ -224,8 +319,6 @@ void CKXDataSrc::Close() {
     if (recvr != nullptr) {
         recvr->Close();
     }
-    notify_all(MSG_SOURCE_CLOSED);
-    CNetHandler::Close();
 }
 
 int CKXDataSrc::handle_close(CNetHandler*) {

@@ -1,7 +1,12 @@
 #ifndef VIDORA_STREAMSOURCE_KXDATASRC_H
 #define VIDORA_STREAMSOURCE_KXDATASRC_H
 
+#include <atomic>
+#include <memory>
+
 #include "StreamSource/IdList.h"
+#include "StreamSource/KXDataReceiver.h"
+#include "StreamSource/KXDescription.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/RtspSvrConfig.h"
 #include "Vidora/StreamSource.h"
@@ -9,15 +14,14 @@
 namespace Kavio {
 namespace Vidora {
 
-class CKXDataReceiver;
-class CSdpParser;
+class CSourceJob;
 
 // CKXDataSrc: the data source for all that the host itself feeds. It holds one receiver, the list of handlers that want
 // its messages, and the SDP, which is built anew each time the stream's formats change.
 //
-// THREADING  Any thread. Lock order: m_close_mutex, m_recvr_mutex, m_sdp_mutex, m_notify_mutex. m_recvr_mutex is held
-//            over the calls into the receiver, so that Close, which clears the pointer under it, never ends a
-//            receiver that another thread is in. The frame callback takes none of them.
+// THREADING  Any thread. The three locks are never nested and held over no call into the receiver, whose end waits for
+//            the calls that are inside. The SDP is built, and the source ended, in jobs of the source's gate: one at a
+//            time, and beside no Start or Stop of a channel.
 class CKXDataSrc : public CDataSource {
 public:
     // `content`: at most 255 characters are kept.
@@ -32,6 +36,7 @@ public:
     int Pause() override;
     int StartStreaming(packet_type_t packet_type, CMediaBuffer* buffer, int cseq) override;
     int StopStreaming(packet_type_t packet_type) override;
+    int StopFeeding(packet_type_t packet_type, CMediaBuffer* buffer) override;
     int GetSdp(CSdpParser& sdp, int ext_info) override;
     int GetSdp(CSdpParser& sdp) override;
     int GetSrcInfo(SrcInfo& info, int track_id) override;
@@ -49,40 +54,38 @@ public:
 
 private:
     static const int MAX_CONTENT = 256;
-    static const int MAX_TRACK = 8;
+
+    // What the describing job is to tell when it is done.
+    enum described_t { DESCRIBED_READY = 1, DESCRIBED_UPDATE = 2 };
+
+    class CMethodJob;
 
     ~CKXDataSrc() override;
 
     void notify_all(unsigned int msg);
     int find_track(int track_id);
-
-    // The SDP (KXDataSrcSdp.cpp).
-    int build_sdp();
-    void read_formats_locked() VIDORA_REQUIRES(m_recvr_mutex, m_sdp_mutex);
-    int build_session_locked() VIDORA_REQUIRES(m_recvr_mutex, m_sdp_mutex);
-    int build_video_locked() VIDORA_REQUIRES(m_recvr_mutex, m_sdp_mutex);
-    int build_audio_locked() VIDORA_REQUIRES(m_recvr_mutex, m_sdp_mutex);
-    int make_h264_fmtp_locked(char* fmtp, unsigned int size) VIDORA_REQUIRES(m_recvr_mutex);
-    int make_mpeg4_fmtp_locked(char* fmtp, unsigned int size) VIDORA_REQUIRES(m_recvr_mutex);
-    int add_track_locked(CSdpParser& sdp, const char* type, const char* format) VIDORA_REQUIRES(m_sdp_mutex);
+    void run(const std::shared_ptr<CSourceJob>& job);
+    void describe();
+    bool build_description();
+    void end();
+    void close_receiver();
+    // A call into the receiver; empty if there is none.
+    CKXDataReceiver::CUse enter();
 
     char m_content[MAX_CONTENT];
     CRtspSvrConfig m_config;  // constant after Init
+    // Constant; null if memory was short.
+    std::shared_ptr<CSourceJob> m_describe_job;
+    std::shared_ptr<CSourceJob> m_end_job;
 
-    CMutex m_close_mutex;
-    bool m_closed VIDORA_GUARDED_BY(m_close_mutex) = false;
+    std::atomic<bool> m_closed{false};
+    std::atomic<unsigned int> m_to_tell{0};  // described_t
 
     CMutex m_recvr_mutex;
     CKXDataReceiver* m_recvr VIDORA_GUARDED_BY(m_recvr_mutex) = nullptr;  // closed, not deleted, by this class
 
     CMutex m_sdp_mutex;
-    CSdpParser* m_sdp VIDORA_GUARDED_BY(m_sdp_mutex) = nullptr;
-    bool m_has_video VIDORA_GUARDED_BY(m_sdp_mutex) = false;
-    bool m_has_audio VIDORA_GUARDED_BY(m_sdp_mutex) = false;
-    StreamVideoFormat m_video_format VIDORA_GUARDED_BY(m_sdp_mutex);
-    StreamAudioFormat m_audio_format VIDORA_GUARDED_BY(m_sdp_mutex);
-    int m_track_num VIDORA_GUARDED_BY(m_sdp_mutex) = 0;              // media of the SDP
-    int m_track_ids[MAX_TRACK] VIDORA_GUARDED_BY(m_sdp_mutex) = {};  // SDP track number of each medium
+    std::unique_ptr<CKXDescription> m_description VIDORA_GUARDED_BY(m_sdp_mutex);  // null without an SDP
 
     CMutex m_notify_mutex;
     CIdList m_notify_list VIDORA_GUARDED_BY(m_notify_mutex);

@@ -1,5 +1,6 @@
 #include "StreamSource/MulticastOutput.h"
 
+#include <algorithm>
 #include <new>
 
 #include "Protocol/SdpParser.h"
@@ -13,6 +14,8 @@ namespace {
 
 const int SENDER_MEDIA_NUM = 8;
 const int CONNECTION_TTL = 4;
+const int PORTS_PER_TRACK = 2;
+const int MAX_PORT = 65535;
 
 }  // namespace
 
@@ -44,24 +47,24 @@ int CMulticastOutput::Add(const CSockAddrStorage& group, const char* local_ip, i
     return 0;
 }
 
-// One pair of ports for the first track, and one for each medium behind it: one more than there are tracks, and the
-// last may fail. The first pair is opened before the interface is known to the sender and leaves by the system's own
-// choice.
+// One pair of ports for the first track, and one for each medium behind it: one more than there are tracks, which is
+// left out where it can't be had.
 bool CMulticastOutput::open_ports(Destination& destination, int media_count) {
     CRtpUdpSender& sender = *destination.sender;
-    sender.Init(SENDER_MEDIA_NUM);
-    sender.SetRemote(destination.group);
     const int base_port = destination.group.GetPort();
-    int local_port = 0;
-    if (sender.OpenPair(&local_port, base_port, 0) < 0) {
+    const int tracks = std::max(media_count, 1);
+    if (base_port + PORTS_PER_TRACK * tracks - 1 > MAX_PORT) {
+        logError("%s:%d base port %d has no room for the ports of %d tracks\n", __FILE__, __LINE__, base_port, tracks);
         return false;
     }
-    if (!destination.local_ip.empty()) {
-        sender.SetMulticastIF(destination.local_ip.c_str());
-    }
-    for (int i = 1; i <= media_count; ++i) {
-        if (sender.OpenPair(&local_port, base_port + 2 * i, 2 * i) < 0 && i < media_count) {
-            return false;
+    sender.Init(SENDER_MEDIA_NUM);
+    sender.SetRemote(destination.group);
+    sender.SetMulticastIF(destination.local_ip.c_str());
+    for (int i = 0; i <= media_count; ++i) {
+        int local_port = 0;
+        const int remote_port = base_port + PORTS_PER_TRACK * i;
+        if (remote_port >= MAX_PORT || sender.OpenPair(&local_port, remote_port, PORTS_PER_TRACK * i) < 0) {
+            return i >= tracks;
         }
     }
     return true;

@@ -1,5 +1,6 @@
 #include "Vidora/Ostra/Log.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <atomic>
@@ -25,16 +26,42 @@ std::mutex g_sink_mutex;
 log_sink_t g_sink = nullptr;
 void* g_sink_data = nullptr;
 
-// `line` begins with the tag and has room for one more byte and a NUL behind `size` bytes. One write a line keeps the
-// lines of several threads, and of the host's own log, whole.
-void write_to_stderr(char* line, size_t size) {
-    if (line[size - 1] != '\n') {
-        line[size++] = '\n';
-    }
+// Lines that found standard error full, and weren't told yet.
+std::mutex g_stderr_mutex;  // held over a write that doesn't wait: lines of several threads stay whole
+unsigned long g_dropped = 0;
+
+// Is there room for a line? A pipe that nobody reads, and a terminal that is stopped, have none. Another process that
+// fills the same pipe between this look and the write can still hold one line up.
+bool has_room() {
+    pollfd item = {STDERR_FILENO, POLLOUT, 0};
+    return poll(&item, 1, 0) > 0 && (item.revents & POLLOUT) != 0;
+}
+
+// One write a line.
+void write_whole(const char* line, size_t size) {
     ssize_t written = 0;
     do {
         written = write(STDERR_FILENO, line, size);
     } while (written < 0 && errno == EINTR);
+}
+
+// `line` begins with the tag and has room for one more byte and a NUL behind `size` bytes.
+void write_to_stderr(char* line, size_t size) {
+    if (line[size - 1] != '\n') {
+        line[size++] = '\n';
+    }
+    const std::lock_guard<std::mutex> guard(g_stderr_mutex);
+    if (g_dropped > 0 && has_room()) {
+        char told[64];
+        const int length = std::snprintf(told, sizeof(told), "%s%lu lines dropped\n", TAG, g_dropped);
+        write_whole(told, static_cast<size_t>(length));
+        g_dropped = 0;
+    }
+    if (g_dropped > 0 || !has_room()) {
+        ++g_dropped;
+        return;
+    }
+    write_whole(line, size);
 }
 
 // Lines quote what peers have sent. Control characters in it could steer the terminal that shows the log.

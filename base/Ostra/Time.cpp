@@ -1,6 +1,9 @@
 #include "Vidora/Ostra/Time.h"
 
+#include <atomic>
 #include <ctime>
+
+#include "Ostra/Clock.h"
 
 namespace Kavio {
 namespace Ostra {
@@ -8,6 +11,9 @@ namespace Ostra {
 namespace {
 
 const int64_t SECONDS_OF_DAY = 86400;
+const uint64_t MICROS_PER_SECOND = 1000000;
+
+std::atomic<uint64_t> shift{0};  // of CClock, in microseconds
 
 // Days from 1970-01-01 to the first day of a month of the Gregorian calendar. The year is taken to begin in March, so
 // that the leap day is its last one; 400 such years have 146097 days.
@@ -121,7 +127,7 @@ CTime CTime::operator-(int64_t seconds) const {
 }
 
 CTime CTime::getCurrentTime() {
-    return CTime(static_cast<uint64_t>(time(nullptr)));
+    return CTime(static_cast<uint64_t>(time(nullptr)) + CClock::Shift() / MICROS_PER_SECOND);
 }
 
 uint64_t CTime::getCurrentMilliSecond() {
@@ -131,7 +137,16 @@ uint64_t CTime::getCurrentMilliSecond() {
 uint64_t CTime::getCurrentMicroSecond() {
     timespec now = {};
     clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+    return static_cast<uint64_t>(now.tv_sec) * MICROS_PER_SECOND + static_cast<uint64_t>(now.tv_nsec) / 1000 +
+           CClock::Shift();
+}
+
+uint64_t CClock::Shift() {
+    return shift.load(std::memory_order_relaxed);
+}
+
+void CClock::Advance(uint64_t microseconds) {
+    shift.fetch_add(microseconds);
 }
 
 }  // namespace Ostra

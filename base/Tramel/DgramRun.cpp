@@ -17,12 +17,17 @@ namespace Tramel {
 
 namespace {
 
-// Makes the kernel cut a message into datagrams of `size` bytes, the last one shorter.
-void set_segment_size(struct msghdr& message, unsigned char* control, size_t control_size, unsigned int size) {
-    std::memset(control, 0, control_size);
+// Makes the kernel cut a message into datagrams of `size` bytes, the last one shorter. `control` has room for what
+// controls the message already, and for this.
+void set_segment_size(struct msghdr& message, unsigned char* control, unsigned int size) {
+    const size_t others = message.msg_controllen;
+    if (others > 0) {
+        std::memcpy(control, message.msg_control, others);
+    }
+    std::memset(control + others, 0, CMSG_SPACE(sizeof(unsigned short)));
     message.msg_control = control;
-    message.msg_controllen = control_size;
-    struct cmsghdr* header = CMSG_FIRSTHDR(&message);
+    message.msg_controllen = others + CMSG_SPACE(sizeof(unsigned short));
+    struct cmsghdr* header = reinterpret_cast<struct cmsghdr*>(control + others);
     header->cmsg_level = SOL_UDP;
     header->cmsg_type = UDP_SEGMENT;
     header->cmsg_len = CMSG_LEN(sizeof(unsigned short));
@@ -72,9 +77,9 @@ unsigned int CDgramRun::plan(unsigned int first_part) {
         std::memset(&message, 0, sizeof(message));
         message.msg_iov = &m_parts[part];
         message.msg_iovlen = message_parts(part);
+        m_target.Fill(message);
         if (message.msg_iovlen > 1) {
-            set_segment_size(message, m_controls[count], sizeof(m_controls[count]),
-                             static_cast<unsigned int>(m_parts[part].iov_len));
+            set_segment_size(message, m_controls[count], static_cast<unsigned int>(m_parts[part].iov_len));
         }
         part += static_cast<unsigned int>(message.msg_iovlen);
     }

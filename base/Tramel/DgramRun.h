@@ -6,10 +6,12 @@
 
 #include <cstddef>
 
+#include "Tramel/DgramTarget.h"
+
 namespace Kavio {
 namespace Tramel {
 
-// CDgramRun: collects datagrams for a connected UDP socket and sends them in few system calls.
+// CDgramRun: collects datagrams for a UDP socket and sends them in few system calls.
 //
 // Datagrams of equal size in a row, and a shorter one behind them, leave as one message that the kernel cuts
 // (UDP_SEGMENT: at most MAX_SEGMENTS datagrams, MAX_MESSAGE_BYTES in all); many messages leave in one sendmmsg. A
@@ -23,8 +25,10 @@ public:
     static const unsigned int MAX_SEGMENTS = 64;          // UDP_MAX_SEGMENTS of all kernels that have the option
     static const unsigned int MAX_MESSAGE_BYTES = 65507;  // payload of the largest IPv4 datagram
 
-    // `offload_limit`: segments below that size may be cut by the kernel; lowered when it refuses.
-    CDgramRun(int fd, unsigned int& offload_limit) : m_fd(fd), m_offload_limit(offload_limit) {}
+    // `target`: where they go, unless the socket is connected. `offload_limit`: segments below that size may be cut by
+    // the kernel; lowered when it refuses. Both are borrowed.
+    CDgramRun(int fd, const CDgramTarget& target, unsigned int& offload_limit)
+        : m_fd(fd), m_target(target), m_offload_limit(offload_limit) {}
 
     // Adds a datagram; sends those before it when there is no more place.
     void Add(const unsigned char* data, unsigned int length);
@@ -44,7 +48,10 @@ private:
     int transmit(unsigned int message_count);
     bool recover(int error, unsigned int first_part);
 
+    static const size_t CONTROL_SIZE = CDgramTarget::CONTROL_SIZE + CMSG_SPACE(sizeof(unsigned short));
+
     int m_fd;
+    const CDgramTarget& m_target;
     unsigned int& m_offload_limit;
     bool m_failed = false;
     bool m_full = false;
@@ -54,7 +61,7 @@ private:
     unsigned int m_part_count = 0;
     struct iovec m_parts[MAX_PARTS];
     struct mmsghdr m_messages[MAX_MESSAGES];
-    alignas(struct cmsghdr) unsigned char m_controls[MAX_MESSAGES][CMSG_SPACE(sizeof(unsigned short))];
+    alignas(struct cmsghdr) unsigned char m_controls[MAX_MESSAGES][CONTROL_SIZE];
 };
 
 }  // namespace Tramel

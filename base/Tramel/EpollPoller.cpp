@@ -9,6 +9,7 @@
 #include <cerrno>
 #include <initializer_list>
 
+#include "Ostra/Clock.h"
 #include "Vidora/Ostra/Time.h"
 
 namespace Kavio {
@@ -117,9 +118,11 @@ void CEpollPoller::Wake() {
 }
 
 void CEpollPoller::SetAlarm(uint64_t time_us) {
+    const uint64_t shift = Ostra::CClock::Shift();
+    const uint64_t system_us = time_us > shift ? time_us - shift : 1;  // 0 would be no alarm at all
     itimerspec alarm = {};
-    alarm.it_value.tv_sec = static_cast<time_t>(time_us / MICROS_PER_SECOND);
-    alarm.it_value.tv_nsec = static_cast<long>(time_us % MICROS_PER_SECOND * NANOS_PER_MICRO);
+    alarm.it_value.tv_sec = static_cast<time_t>(system_us / MICROS_PER_SECOND);
+    alarm.it_value.tv_nsec = static_cast<long>(system_us % MICROS_PER_SECOND * NANOS_PER_MICRO);
     ::timerfd_settime(m_alarm_fd, TFD_TIMER_ABSTIME, &alarm, nullptr);
 }
 

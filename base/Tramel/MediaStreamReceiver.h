@@ -4,7 +4,6 @@
 #include <atomic>
 #include <cstdint>
 
-#include "Vidora/Export.h"
 #include "Vidora/Tramel/NetHandler.h"
 
 namespace Kavio {
@@ -15,7 +14,7 @@ namespace Tramel {
 //
 // THREADING  StartReceive, StopReceive, WaitException, Close: any thread. The other operations run as callbacks of this
 //            handler. A derived class registers the sockets itself, before StartReceive or behind it.
-class VIDORA_API CMediaStreamReceiver : public CNetHandler {
+class CMediaStreamReceiver : public CNetHandler {
 public:
     CMediaStreamReceiver();
 

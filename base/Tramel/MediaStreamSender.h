@@ -4,7 +4,6 @@
 #include <cstdint>
 
 #include "Tramel/SockSender.h"
-#include "Vidora/Export.h"
 #include "Vidora/Ostra/Function.h"
 
 namespace Kavio {
@@ -21,7 +20,7 @@ class CUnitBatch;
 // THREADING  See CSockSender. The send procedure runs on the thread that writes for the buffer: one of the pool's, or
 //            the putting one while the pool is busy; not twice at once for one sender, and with no lock held.
 // OWNERSHIP  See CSockSender. Must have left every buffer (CMediaBuffer::DelSender) before Close.
-class VIDORA_API CMediaStreamSender : public CSockSender {
+class CMediaStreamSender : public CSockSender {
 public:
     // A sender on the heap, or null.
     static CMediaStreamSender* Create();
@@ -29,8 +28,9 @@ public:
     // Sends on `sock`, a CSockStream, which stays its owner's, and lets go of a former one. 0, or -1: a null or invalid
     // socket, or one that has a media sender already.
     int Attach(CSock* sock);
-    // Seconds without progress after which a full socket counts as failed; 0, the default, for never. It is noticed at
-    // most one second late.
+    // Seconds after which a socket that was full counts as failed if the peer's system has acknowledged nothing
+    // meanwhile; 0, the default, for never. A peer that takes something now and then, however little, goes on. It is
+    // noticed at most two seconds late.
     void SetSendTimeout(unsigned int seconds);
     // Bounds of the queue: bytes of media that wait (default 4 MiB) and milliseconds that the oldest may wait (default
     // 10000); 0 leaves a bound as it is.

@@ -60,7 +60,11 @@ long CNetHandler::GetID() const {
 }
 
 int CNetHandler::RegisterSock(CSock& sock, unsigned int mask, int64_t timeout_us) {
-    return m_core == nullptr ? -1 : m_core->RegisterSock(sock.GetHandle(), mask, timeout_us);
+    if (m_core == nullptr || m_core->RegisterSock(sock.GetHandle(), mask, timeout_us) < 0) {
+        return -1;
+    }
+    sock.OnRegistered();
+    return 0;
 }
 
 int CNetHandler::UnregisterSock(CSock& sock, unsigned int mask) {

@@ -1,7 +1,6 @@
 #ifndef VIDORA_TRAMEL_SOCKACCEPTOR_H
 #define VIDORA_TRAMEL_SOCKACCEPTOR_H
 
-#include "Vidora/Export.h"
 #include "Vidora/Tramel/Sock.h"
 
 namespace Kavio {
@@ -10,7 +9,7 @@ namespace Tramel {
 class CSockStream;
 
 // CSockAcceptor: a listening TCP socket. An IPv6 wildcard listens on both families.
-class VIDORA_API CSockAcceptor : public CSock {
+class CSockAcceptor : public CSock {
 public:
     CSockAcceptor();
     ~CSockAcceptor() override;

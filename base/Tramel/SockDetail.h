@@ -25,6 +25,13 @@ inline int SetOption(int fd, int level, int name, int value) {
     return ::setsockopt(fd, level, name, &value, sizeof(value)) == 0 ? 0 : -1;
 }
 
+// The option's value, or -1.
+inline int GetOption(int fd, int level, int name) {
+    int value = -1;
+    socklen_t length = sizeof(value);
+    return ::getsockopt(fd, level, name, &value, &length) == 0 ? value : -1;
+}
+
 inline int ClampInt(unsigned int value) {
     return value > INT_MAX ? INT_MAX : static_cast<int>(value);
 }

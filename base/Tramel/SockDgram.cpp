@@ -91,7 +91,22 @@ int CSockDgram::Open(const CSockAddr* local) {
 
 int CSockDgram::SetRemote(const CSockAddr* remote) {
     const CSockAddrStorage to = ToStorage(remote).ForFamily(family_of(m_fd));
-    return to.IsValid() && ::connect(m_fd, to.Native(), static_cast<socklen_t>(to.GetAddrLen())) == 0 ? 0 : -1;
+    const auto connect_to = [this](const struct sockaddr* addr, size_t length) {
+        return ::connect(m_fd, addr, static_cast<socklen_t>(length)) == 0;
+    };
+    const size_t length = static_cast<size_t>(to.GetAddrLen());
+    if (!to.IsValid() || connect_to(to.Native(), length)) {
+        return to.IsValid() ? 0 : -1;
+    }
+    // A socket that was connected before keeps the address that it sent from, which this host may have lost.
+    const struct sockaddr none = {};  // AF_UNSPEC
+    return connect_to(&none, sizeof(none)) && connect_to(to.Native(), length) ? 0 : -1;
+}
+
+int CSockDgram::SetTarget(const CSockAddrStorage& remote, unsigned int interface_index,
+                          const CSockAddrStorage& source) {
+    m_offload_limit = ANY_SIZE;  // another road may have another MTU
+    return m_target.Set(remote.ForFamily(family_of(m_fd)), interface_index, source);
 }
 
 int CSockDgram::Recv(char* buf, unsigned int len, CSockAddr* from) {
@@ -115,19 +130,19 @@ int CSockDgram::Recv(char* buf, unsigned int len, CSockAddr* from) {
 }
 
 int CSockDgram::Send(const char* buf, unsigned int len, const CSockAddr* to) {
-    CSockAddrStorage target;
-    if (to != nullptr) {
-        target = ToStorage(to).ForFamily(family_of(m_fd));
-        if (!target.IsValid()) {
-            return -1;
-        }
+    CDgramTarget target = m_target;
+    if (to != nullptr && target.Set(ToStorage(to).ForFamily(family_of(m_fd)), 0, CSockAddrStorage()) != 0) {
+        return -1;
     }
+    struct iovec part = {const_cast<char*>(buf), ClampLength(len)};
+    struct msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    target.Fill(message);
     // An ICMP error that an earlier datagram met is told by the next call, and then gone; it says nothing about this
     // one.
     for (int attempt = 0;; ++attempt) {
-        const ssize_t count =
-            ::sendto(m_fd, buf, ClampLength(len), MSG_NOSIGNAL, to == nullptr ? nullptr : target.Native(),
-                     static_cast<socklen_t>(target.GetAddrLen()));
+        const ssize_t count = ::sendmsg(m_fd, &message, MSG_NOSIGNAL);
         if (count >= 0) {
             return static_cast<int>(count);
         }

@@ -1,7 +1,7 @@
 #ifndef VIDORA_TRAMEL_SOCKDGRAM_H
 #define VIDORA_TRAMEL_SOCKDGRAM_H
 
-#include "Vidora/Export.h"
+#include "Tramel/DgramTarget.h"
 #include "Vidora/Tramel/Sock.h"
 
 namespace Kavio {
@@ -17,15 +17,20 @@ struct DgramSlice {
 //
 // THREADING  No lock. Opened, set up and closed by one thread while nothing else runs; in between one thread may send
 //            while another receives.
-class VIDORA_API CSockDgram : public CSock {
+class CSockDgram : public CSock {
 public:
     CSockDgram() = default;
 
     // Opens and binds at `local`; null: an unbound IPv4 socket. On a multicast address: binds there with address reuse
     // and joins the group. The receive buffer is raised to at least 1 MiB as far as the system allows. 0 or -1.
     int Open(const CSockAddr* local);
-    // Sets where Send with a null address goes (connects the socket). 0 or -1.
+    // Sets where Send with a null address goes (connects the socket), also once more. 0 or -1.
     int SetRemote(const CSockAddr* remote);
+    // The same without connecting: the route, and the address to send from, are found anew for each datagram, and what
+    // others send is received as well. `interface_index` above 0: datagrams leave by that interface, with the address
+    // `source` if it is valid. Not after SetRemote. 0 or -1.
+    int SetTarget(const CSockAddrStorage& remote, unsigned int interface_index = 0,
+                  const CSockAddrStorage& source = CSockAddrStorage());
     // Reads one datagram without blocking: its size, cut at `len`; 0 when nothing is there; -1 on failure. `from` may
     // be null.
     int Recv(char* buf, unsigned int len, CSockAddr* from);
@@ -36,7 +41,7 @@ public:
     // ("$", channel, 16-bit length, RFC 2326 10.12), as one datagram a packet without the headers, to the remote. What
     // is on the wire is what one Send a packet gives; the system calls are few (see CDgramRun). Gives the number of
     // datagrams sent; those that the socket had no room for are lost. -1 if the run is cut short (the packets in front
-    // of the fault are sent) or the socket fails.
+    // of the fault are sent) or the socket fails, with errno set.
     int SendMerged(const unsigned char* data, unsigned int length);
     // Sends `count` datagrams to the remote in the same way. The number sent, or -1.
     int SendBatch(const DgramSlice* slices, unsigned int count);
@@ -52,7 +57,10 @@ public:
     int SetMulticastIF(const char* ip);
 
 private:
-    unsigned int m_offload_limit = 65536;  // datagrams below that size may leave by segmentation offload
+    static const unsigned int ANY_SIZE = 65536;
+
+    CDgramTarget m_target;                    // unless the socket is connected
+    unsigned int m_offload_limit = ANY_SIZE;  // datagrams below that size may leave by segmentation offload
 };
 
 }  // namespace Tramel

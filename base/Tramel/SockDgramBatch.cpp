@@ -38,7 +38,7 @@ int CSockDgram::SendMerged(const unsigned char* data, unsigned int length) {
     if (m_fd < 0 || data == nullptr) {
         return -1;
     }
-    CDgramRun run(m_fd, m_offload_limit);
+    CDgramRun run(m_fd, m_target, m_offload_limit);
     Ostra::CByteReader reader(data, length);
     while (reader.Remaining() > 0 && !run.Stopped()) {
         reader.Skip(MARK_SIZE);
@@ -54,6 +54,9 @@ int CSockDgram::SendMerged(const unsigned char* data, unsigned int length) {
     tally.Sent(static_cast<uint64_t>(run.Sent()), run.Bytes());
     tally.Dropped(run.Stopped() ? 1 : 0);
     tally.Tell();
+    if (!reader.Ok()) {
+        errno = EBADMSG;
+    }
     return reader.Ok() && !run.Failed() ? run.Sent() : -1;
 }
 
@@ -61,7 +64,7 @@ int CSockDgram::SendBatch(const DgramSlice* slices, unsigned int count) {
     if (m_fd < 0 || slices == nullptr) {
         return -1;
     }
-    CDgramRun run(m_fd, m_offload_limit);
+    CDgramRun run(m_fd, m_target, m_offload_limit);
     for (unsigned int i = 0; i < count && !run.Stopped(); ++i) {
         run.Add(slices[i].data, slices[i].length);
     }

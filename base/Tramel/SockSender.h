@@ -5,7 +5,6 @@
 #include <memory>
 
 #include "Tramel/StreamOutput.h"
-#include "Vidora/Export.h"
 #include "Vidora/Ostra/Mutex.h"
 #include "Vidora/Tramel/NetHandler.h"
 
@@ -20,7 +19,7 @@ class CSock;
 // THREADING  All operations: any thread; they lock for themselves. Attach (of the derived classes), Detach and Close of
 //            one sender come from one thread at a time. Lock order: m_mutex, then the queue's, then the reactor's.
 // OWNERSHIP  Borrows the socket, and the handler that waits for room in it, until Detach or Close returns.
-class VIDORA_API CSockSender : public CNetHandler, private COutputFace {
+class CSockSender : public CNetHandler, private COutputFace {
 public:
     // On a send failure, or no progress for the queue's send time-out, message 2 goes to that handler, once; at once if
     // the socket has failed already.

@@ -3,7 +3,6 @@
 
 #include <memory>
 
-#include "Vidora/Export.h"
 #include "Vidora/Tramel/Sock.h"
 
 namespace Kavio {
@@ -15,7 +14,7 @@ class CStreamOutput;  // the one output queue of a stream socket; see StreamOutp
 //
 // THREADING  The owner's thread. What its output queue sends goes out on any thread, also while the owner reads, and
 //            has ended for this socket when Close or Detach returns.
-class VIDORA_API CSockStream : public CSock {
+class CSockStream : public CSock {
 public:
     CSockStream();
     ~CSockStream() override;
@@ -47,6 +46,7 @@ public:
 
 protected:
     void OnRelease() override;
+    void OnRegistered() override;
 
 private:
     std::shared_ptr<CStreamOutput> m_output;

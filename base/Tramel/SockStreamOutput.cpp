@@ -21,6 +21,12 @@ void CSockStream::OnRelease() {
     }
 }
 
+void CSockStream::OnRegistered() {
+    if (m_output != nullptr) {
+        m_output->OnRegistered();
+    }
+}
+
 std::shared_ptr<CStreamOutput> CSockStream::GetOutput() {
     if (m_output == nullptr) {
         try {

@@ -3,8 +3,6 @@
 
 #include <cstdint>
 
-#include "Vidora/Export.h"
-
 namespace Kavio {
 namespace Tramel {
 
@@ -13,7 +11,7 @@ namespace Tramel {
 // Every Consume moves the cursor; a failed one sets the status (negative, sticky until ResetAll or Attach), moves
 // nothing, and gives a negative length or the number 0. White space is blank and tab in the InLine forms, and CR, LF,
 // VT, FF as well in the others. A line ends in LF, or CR LF. Used by one thread at a time.
-class VIDORA_API CStrParser {
+class CStrParser {
 public:
     CStrParser() = default;
     explicit CStrParser(const char* text);

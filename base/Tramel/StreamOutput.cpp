@@ -1,6 +1,8 @@
 #include "Tramel/StreamOutput.h"
 
 #include <linux/sockios.h>
+#include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <sys/ioctl.h>
 #include <sys/socket.h>
 
@@ -326,6 +328,7 @@ int64_t CStreamOutput::write_locked(const struct iovec* parts, unsigned int coun
         sent = ::sendmsg(m_sock->GetHandle(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
     } while (sent < 0 && errno == EINTR);
     if (sent >= 0) {
+        m_written += sent;
         return sent;
     }
     if (IsWouldBlock(errno)) {
@@ -340,9 +343,22 @@ uint64_t CStreamOutput::Unsent() {
     if (m_failed) {
         return 0;
     }
-    int in_socket = 0;
-    ioctl(m_sock->GetHandle(), SIOCOUTQ, &in_socket);  // left at 0 on failure
-    return m_media_cost + m_text_cost - m_begun + static_cast<uint64_t>(in_socket);
+    return m_media_cost + m_text_cost - m_begun + static_cast<uint64_t>(in_socket_locked());
+}
+
+// Bytes that the peer's system hasn't acknowledged.
+int64_t CStreamOutput::in_socket_locked() {
+    int bytes = 0;
+    ioctl(m_sock->GetHandle(), SIOCOUTQ, &bytes);  // left at 0 on failure
+    return bytes;
+}
+
+void CStreamOutput::OnRegistered() {
+    CGuard guard(m_mutex);
+    if (m_full && !m_failed) {
+        m_watching = nullptr;
+        watch_locked();
+    }
 }
 
 void CStreamOutput::OnWritable() {
@@ -435,34 +451,53 @@ void CStreamOutput::watch_locked() {
     }
 }
 
+// The system's own time-out (RFC 5482) rests meanwhile: it takes a window that is closed most of the time for one that
+// never opens, and would cut a peer that reads slowly.
 void CStreamOutput::start_timer_locked() {
     if (m_timeout_s == 0 || m_timer_face != nullptr || m_faces == nullptr || m_failed) {
         return;
     }
     const int64_t quarter_us = static_cast<int64_t>(m_timeout_s) * 1000000 / 4;
     m_timer_id = m_faces->StartTimer(quarter_us < MAX_TIMER_PERIOD_US ? quarter_us : MAX_TIMER_PERIOD_US);
-    m_timer_face = m_timer_id != 0 ? m_faces : nullptr;
-}
-
-void CStreamOutput::stop_timer_locked() {
-    if (m_timer_face != nullptr) {
-        m_timer_face->StopTimer(m_timer_id);
-        m_timer_face = nullptr;
-        m_timer_id = 0;
+    if (m_timer_id == 0) {
+        return;
+    }
+    m_timer_face = m_faces;
+    m_peer_timeout_ms = GetOption(m_sock->GetHandle(), IPPROTO_TCP, TCP_USER_TIMEOUT);
+    if (m_peer_timeout_ms > 0) {
+        SetOption(m_sock->GetHandle(), IPPROTO_TCP, TCP_USER_TIMEOUT, 0);
     }
 }
 
-// The timer outlives short waits, so that a client at its limit costs no timer operations for each of them.
+void CStreamOutput::stop_timer_locked() {
+    if (m_timer_face == nullptr) {
+        return;
+    }
+    m_timer_face->StopTimer(m_timer_id);
+    m_timer_face = nullptr;
+    m_timer_id = 0;
+    if (m_peer_timeout_ms > 0) {
+        SetOption(m_sock->GetHandle(), IPPROTO_TCP, TCP_USER_TIMEOUT, m_peer_timeout_ms);
+    }
+}
+
+// The timer outlives short waits, so that a client at its limit costs no timer operations for each of them, and it
+// follows what the socket was full of to the last byte.
 void CStreamOutput::OnTimer(long timer_id) {
     CGuard guard(m_mutex);
     if (timer_id != m_timer_id || m_timer_face == nullptr) {
         return;
     }
-    if (!m_full || m_failed) {
+    const uint64_t now_ms = CTime::getCurrentMilliSecond();
+    const int64_t acked = m_written - in_socket_locked();
+    if (acked > m_acked) {
+        m_acked = acked;
+        m_progress_ms = now_ms;
+    }
+    if (!m_full && acked >= m_written) {
         stop_timer_locked();
         return;
     }
-    const uint64_t now_ms = CTime::getCurrentMilliSecond();
     if (now_ms - m_progress_ms >= static_cast<uint64_t>(m_timeout_s) * 1000) {
         fail_locked();
         return;

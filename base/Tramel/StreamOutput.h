@@ -49,8 +49,10 @@ private:
 //            waits is bounded in bytes and in age. A unit that finds no room is dropped whole; so are waiting ones that
 //            have grown too old and aren't begun. From then on the track drops until its next key frame; one that never
 //            carried a key frame goes on as soon as there is room. An empty queue takes a unit of any size.
-// FAILURE    A broken socket, and a socket that takes nothing for the send time-out while units wait, end the queue: it
-//            drops what it has and all that comes, and message 2 goes out once to each handler named by a face.
+// FAILURE    A broken socket, and one whose peer acknowledges nothing for the send time-out while bytes wait, here or
+// in
+//            the socket since it was full, end the queue: it drops what it has and all that comes, and message 2 goes
+//            out once to each handler named by a face. The socket is asked what was acknowledged by the timer alone.
 // THREADING  All operations: any thread; they lock for themselves. The lock is held over sendmsg, which never blocks,
 //            and over calls to the reactor; it is never held over a callback of a handler. Lock order: a sender's lock,
 //            this one, the reactor's.
@@ -93,6 +95,8 @@ public:
     // A watch that a face began has ended: there is room to write. A call too many does no harm.
     void OnWritable();
     void OnTimer(long timer_id);
+    // The socket was registered with the reactor anew; a watch that a face began may have ended before.
+    void OnRegistered();
     // The descriptor is about to be closed or given away; the socket isn't touched again.
     void OnSockGone();
 
@@ -118,6 +122,7 @@ private:
     bool flush_once_locked() VIDORA_REQUIRES(m_mutex);
     void begin_waiting_locked() VIDORA_REQUIRES(m_mutex);
     void watch_locked() VIDORA_REQUIRES(m_mutex);
+    int64_t in_socket_locked() VIDORA_REQUIRES(m_mutex);
     void start_timer_locked() VIDORA_REQUIRES(m_mutex);
     void stop_timer_locked() VIDORA_REQUIRES(m_mutex);
     void fail_locked() VIDORA_REQUIRES(m_mutex);
@@ -136,7 +141,10 @@ private:
     // also when the ring has run empty because its units grew too old.
     bool m_full VIDORA_GUARDED_BY(m_mutex) = false;
     bool m_failed VIDORA_GUARDED_BY(m_mutex) = false;
-    uint64_t m_progress_ms VIDORA_GUARDED_BY(m_mutex) = 0;  // while full: when the socket last took something
+    uint64_t m_progress_ms VIDORA_GUARDED_BY(m_mutex) = 0;   // while the timer runs: when the last progress was seen
+    int64_t m_written VIDORA_GUARDED_BY(m_mutex) = 0;        // bytes that the socket took, in all
+    int64_t m_acked VIDORA_GUARDED_BY(m_mutex) = INT64_MIN;  // of those, by the timer's last look
+    int m_peer_timeout_ms VIDORA_GUARDED_BY(m_mutex) = 0;    // the system's own, which rests while the timer runs
 
     COutputFace* m_faces VIDORA_GUARDED_BY(m_mutex) = nullptr;       // the media face first
     COutputFace* m_watching VIDORA_GUARDED_BY(m_mutex) = nullptr;    // the face that watches for room, if any does

@@ -2,7 +2,6 @@
 #define VIDORA_TRAMEL_STREAMSENDER_H
 
 #include "Tramel/SockSender.h"
-#include "Vidora/Export.h"
 
 namespace Kavio {
 namespace Tramel {
@@ -12,7 +11,7 @@ namespace Tramel {
 // Text is never dropped and never lands inside a media packet (see CStreamOutput).
 //
 // THREADING and OWNERSHIP  See CSockSender.
-class VIDORA_API CStreamSender : public CSockSender {
+class CStreamSender : public CSockSender {
 public:
     // A sender on the heap, or null.
     static CStreamSender* Create();

@@ -2,6 +2,7 @@
 #define VIDORA_DATASOURCE_H
 
 #include <cstdint>
+#include <memory>
 
 #include "Vidora/Export.h"
 #include "Vidora/Names.h"
@@ -12,6 +13,7 @@ namespace Vidora {
 
 class CRtspSvrConfig;
 class CSdpParser;
+class CSourceGate;
 
 // CDataSource: what a channel or a session holds of a stream: it describes itself in SDP, starts and stops, and fills
 // media buffers.
@@ -21,7 +23,13 @@ class CSdpParser;
 // MSG_SRC_END, MSG_SDP_UPDATE, and MSG_SOURCE_CLOSED at the end. Results are 0, or -1 on failure, unless said
 // otherwise.
 //
-// THREADING  Any thread; the classes behind it lock for themselves.
+// THREADING  Any thread; the classes behind it lock for themselves. Those who share a source through channels call
+//            Play, StartStreaming, StopStreaming, StopFeeding, GetSdp without an extension and UpdataDataSrc one at a
+//            time, with no lock held; so these may take their time. All other operations are called on the threads of
+//            clients and answer at once.
+// OWNERSHIP  It dies by Close, from any thread and at any time, also while channels have it and while calls run inside
+//            it: it ends when the last of them has left, and no channel calls it any more. A derived class ends its
+//            Close with CDataSource::Close.
 class VIDORA_API CDataSource : public CNetHandler {
 public:
     CDataSource();
@@ -46,15 +54,17 @@ public:
     virtual int Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale) = 0;
     // Pauses, upon which MSG_SRC_PAUSED follows. -1 for a source that can't, such as a live one.
     virtual int Pause() = 0;
-    // Packets of that form go into `buffer`, the last one given. It may end before the source is stopped, when the
-    // channel that it belongs to is deleted: a source keeps a CMediaBufferRef of it. `cseq`: the CSeq of the PLAY, or
-    // -1.
+    // Counts a client in: packets of that form go into `buffer` from now on, beside the buffers that were given for
+    // other clients. It may end before the source is stopped, when the channel that it belongs to is deleted: a source
+    // keeps a CMediaBufferRef of it. `cseq`: the CSeq of the PLAY, or -1. On failure nothing is counted.
     virtual int StartStreaming(packet_type_t packet_type, CMediaBuffer* buffer, int cseq) = 0;
-    // Ends it for one client of that form. -1 also says that others keep the stream running.
+    // Ends it for one client of that form, of the buffer that was given last. -1 also says that others keep the stream
+    // running.
     virtual int StopStreaming(packet_type_t packet_type) = 0;
-    // The SDP with an extension: `ext_info` 1 adds the assist track. The base gives -1.
+    // The SDP with an extension: `ext_info` 1 adds the assist track. The base returns -1.
     virtual int GetSdp(CSdpParser& sdp, int ext_info);
-    // A copy of the SDP (RFC 4566); -1 before MSG_SRC_READY.
+    // A copy of the SDP (RFC 4566); -1 before MSG_SRC_READY, and for a source that couldn't be described. One whose new
+    // format can't be described keeps the SDP that it had.
     virtual int GetSdp(CSdpParser& sdp) = 0;
     // The running state of a track of the SDP.
     virtual int GetSrcInfo(SrcInfo& info, int track_id) = 0;
@@ -70,9 +80,17 @@ public:
     // Counts a client of a stream_track_t in or out. The base gives -1.
     virtual int EnableStreamTrack(int track_kind);
     virtual int DisableStreamTrack(int track_kind);
+    // StopStreaming for a client of that very buffer. The base calls StopStreaming.
+    virtual int StopFeeding(packet_type_t packet_type, CMediaBuffer* buffer);
+
+    void Close() override;
 
 protected:
     src_type_t m_src_type = SRC_TYPE_NONE;  // set by Create
+
+private:
+    friend class CSourceGate;
+    std::shared_ptr<CSourceGate> m_gate;  // outlives the source; null if memory was short
 };
 
 }  // namespace Vidora

@@ -36,9 +36,12 @@ public:
     // Gives the channel its source, which has been through Init, and starts it; null takes it away. Gives the former
     // source, which is the caller's again, or null. `arg` is kept and read by nothing.
     CDataSource* AddDataSrc(CDataSource* src, uint64_t arg);
-    // Adds a multicast destination: `dest_ip` is the group and the base port, `local_ip` the address of the interface
-    // to send from, or null. RTP uses a pair of ports for each track that the SDP has by then, from the base port on:
-    // call it when the source has told its format. For RTP the host also calls StartStreaming(PACKET_TYPE_RTP).
+    // Adds a multicast destination: `dest_ip` is the group and the base port, `local_ip` an address or the name of the
+    // interface to send from; null: by the system's routes. The interface need not be there yet, and may get another
+    // address later: each frame tries anew, and the log tells once when nothing can be sent, and when it goes on. RTP
+    // uses a pair of ports for each track that the SDP has by then, from the base port on: call it when the source has
+    // told its format. For RTP the host also calls StartStreaming(PACKET_TYPE_RTP). -1 also if a track's ports would
+    // pass 65535, or the configured range has none left to send from.
     int AddTransfDst(CSockAddrStorage& dest_ip, const char* local_ip);
     int DelTransfDst(CSockAddrStorage& dest_ip, const char* local_ip);
     // Whether the SDP describes unicast (as at the start) or the multicast destinations. In the latter case sessions
@@ -79,7 +82,7 @@ public:
     void Close() override;
 
 private:
-    struct Internal;
+    struct VIDORA_LOCAL Internal;
     CLiveChannel();
     ~CLiveChannel() override;
 

@@ -64,7 +64,7 @@ public:
 
 private:
     friend class CLiveSvrRef;  // counts the users that outlast Close
-    struct Internal;
+    struct VIDORA_LOCAL Internal;
     CLiveSvr();
     ~CLiveSvr() override;
 

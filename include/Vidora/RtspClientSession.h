@@ -180,7 +180,7 @@ public:
     int handle_close(CNetHandler* handler) override;
 
 private:
-    struct Internal;
+    struct VIDORA_LOCAL Internal;
     CRtspClientSession();
     ~CRtspClientSession() override;
 

@@ -79,7 +79,7 @@ public:
     static void GetStatistics(RtspSvrStatistics& statistics);
 
 private:
-    struct Internal;
+    struct VIDORA_LOCAL Internal;
     CRtspSvr();
     ~CRtspSvr() override;
 

@@ -101,7 +101,7 @@ public:
     rtsp_event_func_t GetEventFunc() const;
 
 private:
-    struct Record;
+    struct VIDORA_LOCAL Record;
     static const Record& defaults();
     const Record& record() const;
 

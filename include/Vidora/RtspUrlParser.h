@@ -114,7 +114,7 @@ public:
     char* GetFileName() const;
 
 private:
-    class CState;
+    class VIDORA_LOCAL CState;
 
     CState* m_state;  // null when memory was short
 };

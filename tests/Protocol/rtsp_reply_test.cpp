@@ -83,6 +83,7 @@ TEST(RtspClientRequest, SetupUrlsAndTransports) {
     } rows[] = {
         {"", 0, 0, false, "rtsp://h/live/", "RTP/AVP/TCP;unicast;interleaved=6-7"},
         {"rtsp://other/t", 1, 0, true, "rtsp://other/t", "RTP/AVP;unicast;client_port=6-7"},
+        {"RTSP://other/t", 0, 0, true, "RTSP://other/t", "RTP/AVP/TCP;unicast;interleaved=6-7"},
         {"t", 1, 1, true, "rtsp://h/live/t", "RTP/AVP;multicast;destination=232.1.1.1;port=6-7;ttl=5 "},
         {"t", 1, 1, false, "rtsp://h/live/t", "RTP/AVP;multicast;client_port=6-7 "},
     };
@@ -140,6 +141,8 @@ TEST(RtspClientRequest, PlayUrlFollowsTheBase) {
         {"rtsp://h/live", "rtsp://10.0.0.1/", "rtsp://h/live", "rtsp://h/live"},
         {"rtsp://h/live", "sub", "rtsp://h/sub", "rtsp://h/sub"},
         {"rtsp://h/live", "/top/", "rtsp://h/top", "rtsp://h/top"},
+        {"rtsp://h/live", "RTSP://10.0.0.1/live/", "RTSP://10.0.0.1/live/", "RTSP://10.0.0.1/live"},
+        {"RTSP://h/live", "sub", "RTSP://h/sub", "RTSP://h/sub"},
         {"rtsp://h", "sub", "rtsp://h", "rtsp://h"},  // no path to put it behind
     };
     for (const auto& row : rows) {
@@ -241,6 +244,7 @@ TEST(RtspClientReply, RepliesFindTheirRequestsOnce) {
     EXPECT_EQ(read(parser, "RTSP/1.0 200 OK\nCSeq: 1\n\n"), 0);
     EXPECT_EQ(parser.get_method(), RTSP_METHOD_UNKNOWN);
     EXPECT_EQ(log.Count("unknow method!\nrecv:RTSP/1.0 200 OK\r\nCSeq: 1\r\n\r\n\n"), 1);
+    EXPECT_EQ(read(parser, "RTSP/1.0 200 OK\nCSeq: 2147483647\n\n"), 0);  // nobody asked for it
     EXPECT_EQ(parser.generate_pause(), request("PAUSE ", 3));
     // check_message uses the request up; its triple brings the method to the reader.
     const std::string reply = Crlf("RTSP/1.0 200 OK\nCSeq: 3\n\n");

@@ -200,12 +200,24 @@ TEST(RtspReply, PlayWithItsTracksAndRange) {
     EXPECT_EQ(parser.generate_play_reply_clock(entries, 1, &none, &begin), Crlf(frame + one + "\n\n"));
     EXPECT_EQ(parser.generate_play_reply(entries, 0, 0, 0), nullptr);
     EXPECT_EQ(parser.generate_play_reply(nullptr, 1, 0, 0), nullptr);
-    // 19 entries fill 979 of the 1023 characters; the rest are left out, and so is the line's end.
-    std::string many = frame;
-    for (int i = 0; i < 19; ++i) {
-        many += one + ",";
+    // 19 entries fill 979 of the 1023 characters; the rest are left out.
+    std::string many = frame + one;
+    for (int i = 1; i < 19; ++i) {
+        many += "," + one;
     }
-    EXPECT_EQ(parser.generate_play_reply(entries, 40, 0, -1.0), Crlf(many + "Range: npt=0.000000-\n\n"));
+    EXPECT_EQ(parser.generate_play_reply(entries, 40, 0, -1.0), Crlf(many + "\nRange: npt=0.000000-\n\n"));
+    std::memset(entries[0].url, 'u', sizeof entries[0].url);
+    const std::string bare = frame.substr(0, frame.find("RTP-Info"));
+    EXPECT_EQ(parser.generate_play_reply(entries, 2, 0, -1.0), Crlf(bare + "Range: npt=0.000000-\n\n"));
+    // Headers that don't fit into the message leave whole lines, and the end of the headers.
+    for (size_t size = 3900; size < 4100; ++size) {
+        parser.set_ext_key(RTSP_METHOD_PLAY, "A", std::string(size, 'a').c_str());
+        const std::string reply = parser.generate_play_reply(entries + 1, 1, 0, -1.0);
+        const std::string kept = "A: " + std::string(size, 'a') + "\r\n";
+        EXPECT_LE(reply.size(), 4096U);
+        EXPECT_EQ(reply.substr(reply.size() - 4), "\r\n\r\n") << size;
+        EXPECT_TRUE(reply.size() < 100 || reply.find(kept) != std::string::npos) << size;
+    }
 }
 
 // A thousand sessions each hold a codec: a conversation must not make its rarely used buffers resident.

@@ -293,6 +293,12 @@ TEST(SdpParser, ReadsValuesOfAttributes) {
          "1 tracks, kind 0, encoding 3, 3598500000 us, 25 fps\n-1 - 1 1 -/-1/1 2\n"},
         {"a=range:npt=inf-nan\r\nm=video 0 x 1\r\na=framerate:inf\r\n",
          "1 tracks, kind 0, encoding 3, 0 us, -1 fps\n-1 - 1 1 -/-1/1 2\n"},
+        {"a=range:npt=9000000000000--9000000000000\r\nm=video 0 x 1\r\na=framerate:0.4\r\na=rtpmap:96 H264/0/0\r\n",
+         "1 tracks, kind 0, encoding 0, 0 us, -1 fps\n-1 - 1 1 H264/-1/1 2\n"},
+        {"a=range:npt=-9000000000000-0\r\nm=video 0 x 1\r\na=framerate:-25\r\na=rtpmap:96 PCMU/-8000/-2\r\n",
+         "1 tracks, kind 0, encoding 3, 9000000000000000000 us, -1 fps\n-1 - 1 1 PCMU/-1/1 2\n"},
+        {"m=video 0 x 1\r\na=rtpmap:96 H264/90000\r\na=control:cut in the line's end\r",
+         "1 tracks, kind 0, encoding 0, 0 us, -1 fps\n1 cut in the line's end 1 1 H264/90000/1 2\n"},
         {"a=range:clock=1-2\r\na=packetization-supported:RTP\r\nm=video 0 x 1\r\na=rtpmap:H264/90000\r\n",
          "1 tracks, kind 3, encoding 0, 0 us, -1 fps\n-1 - 1 1 H264/-1/1 2\n"},
     };
@@ -328,6 +334,25 @@ TEST(SdpParser, KeepsLongTextsWithinItsStore) {
     const std::string written = sdp.get_stream();
     EXPECT_LE(written.size(), 2047U);
     EXPECT_EQ(written.substr(written.size() - 2), "\r\n");  // no half line
+}
+
+TEST(SdpParser, TakesItsOwnTextsAsArguments) {
+    CSdpParser sdp;
+    ASSERT_EQ(sdp.add_media("video", 0, 1, "RTP/AVP", "96"), 1);
+    const std::string control = "a control text that is long enough to be seen when its memory is used again";
+    ASSERT_EQ(sdp.set_media_attribute(1, "control", control.c_str()), 0);
+    EXPECT_EQ(sdp.set_media_attribute(1, "control", sdp.get_media_attribute(1, "control")), 0);
+    EXPECT_EQ(sdp.get_control(0), control);
+    EXPECT_EQ(sdp.set_media_attribute(1, "control", sdp.get_control(0) + 2), 0);
+    EXPECT_EQ(sdp.get_control(0), control.substr(2));
+    ASSERT_EQ(sdp.set_media_attribute(1, "fmtp", "control"), 0);
+    EXPECT_EQ(sdp.set_media_attribute(1, sdp.get_media_attribute(1, "fmtp"), "new"), 0);
+    EXPECT_STREQ(sdp.get_control(0), "new");
+    ASSERT_EQ(sdp.set_session_attribute("name", "name"), 0);
+    const sdp_attribute_t* attribute = sdp.get_session()->attributes.first();
+    EXPECT_EQ(sdp.set_session_attribute(attribute->value, attribute->name), 0);
+    EXPECT_STREQ(attribute->value, "name");
+    EXPECT_EQ(sdp.remove_session_attribute(attribute->name), 0);
 }
 
 TEST(SdpParser, CopiesTheTextAndNotTheTree) {

@@ -262,19 +262,19 @@ TEST(Frame2Rtp, HeaderExtensionRidesOnTheFirstPacketOfEachFrame) {
 
 TEST(Frame2Rtp, TimeLineBeginsAnewAndReportsWhereItStands) {
     CFrame2Rtp packer;
-    packer.SetRtpInfo(7, 8, 100, 5000, 44100);  // 44 ticks a millisecond
+    packer.SetRtpInfo(7, 8, 100, 5000, 44100);  // 441 ticks in ten milliseconds
     EXPECT_EQ(cut(packer, {1}, ENC_TYPE_AUDIO, 1700000001000)[0].header.timestamp, 5000u);
-    EXPECT_EQ(cut(packer, {1}, ENC_TYPE_AUDIO, 1700000001010)[0].header.timestamp, 5440u);
+    EXPECT_EQ(cut(packer, {1}, ENC_TYPE_AUDIO, 1700000001010)[0].header.timestamp, 5441u);
     RtpEncParam param;
     packer.GetRtpInfo(param);
-    EXPECT_EQ(param.timestamp, 5440u);
+    EXPECT_EQ(param.timestamp, 5441u);
     EXPECT_EQ(param.sequence, 102);
     EXPECT_EQ(param.ssrc, 7u);
     EXPECT_EQ(param.clock_rate, 44100u);
     for (int i = 0; i < 2; ++i) {  // an owner reads the state and sets it again, with no frame in between
         packer.SetRtpInfo(param.ssrc, 8, param.sequence, param.timestamp, 8000);
         packer.GetRtpInfo(param);
-        EXPECT_EQ(param.timestamp, 5440u);
+        EXPECT_EQ(param.timestamp, 5441u);
     }
     packer.SetRtpInfo(7, 8, 200, 9000, 8000);
     EXPECT_EQ(cut(packer, {1}, ENC_TYPE_AUDIO, 77777)[0].header.timestamp, 9000u);

@@ -2,6 +2,8 @@
 
 #include <gtest/gtest.h>
 
+#include <set>
+
 #include "StreamParser/Frame2Ts.h"
 #include "support/Capture.h"
 #include "support/Depacketiser.h"
@@ -133,9 +135,11 @@ TEST(Rtp2Frame, ForeignPacketsMayShareTheSequence) {
             EXPECT_EQ(frame == row.lost ? 0 : 1, put(own, frame * 100, true)) << row.start << " " << frame;
         }
         EXPECT_EQ(0, put(own, 2000, false));
-        ++foreign_count;  // a loss in front of the foreign packet
-        EXPECT_EQ(0, put(foreign, 0, true));
-        EXPECT_EQ(row.shared ? 0 : 1, put(own, 2000, true));
+        for (const uint32_t timestamp : {2000u, 2100u}) {  // the rest of that frame, and perhaps of the next one
+            ++foreign_count;                               // a loss in front of the foreign packet
+            EXPECT_EQ(0, put(foreign, 0, true));
+            EXPECT_EQ(row.shared ? 0 : 1, put(own, timestamp, true)) << timestamp;
+        }
     }
 }
 
@@ -361,15 +365,61 @@ TEST(Rtp2Frame, TransportStreamsGiveTheFramesOfTheirFirstTrack) {
             in.Put(MakeRtp(fields, fields.marker ? unit + Bytes(20, 0x47) : unit));
             ++fields.sequence;
         }
-        // Sound comes out empty, when the next frame's time stamp ends it.
-        frames.push_back(audio ? Bytes() : frame);
+        if (!audio) {
+            frames.push_back(frame);
+        }
     }
-    frames.pop_back();
     EXPECT_EQ(frames, in.m_frames);
     EXPECT_EQ(640, in.Engine().GetWidth());
     EXPECT_EQ(368, in.Engine().GetHeight());
     EXPECT_EQ(2, in.Engine().GetTsEncodeType());
     EXPECT_EQ(-1, in.Put(MakeRtp(fields, Bytes(188, 0x48))));
+}
+
+// As others send it: seven packets each, whatever frames they belong to, time stamps that change inside frames, and no
+// marker. A packet may bring several frames, and one that is lost costs the frames that it held a part of.
+TEST(Rtp2Frame, TransportStreamsAreCutAnywhere) {
+    for (const size_t per_packet : {1, 7, 40}) {
+        for (const size_t lost : {SIZE_MAX, size_t{6}}) {
+            CFrame2Ts packer;
+            packer.SetTsInfo(STREAM_KIND_H264, STREAM_KIND_AUDIO, 1);
+            Depacketiser in(ENC_TYPE_MPEG2TS, true);
+            std::vector<Bytes> frames;
+            std::vector<std::pair<Bytes, size_t>> units;  // with the frame that each belongs to
+            for (size_t i = 0; i < 40; ++i) {
+                Bytes frame = i % 8 == 0 ? CODE + SPS + CODE + PPS + CODE + FromHex("658884") : CODE + FromHex("61e0");
+                frame.resize(frame.size() + i * 67, static_cast<uint8_t>(0x80 | i));
+                for (const Bytes& unit : Pack(packer, frame, ENC_TYPE_H264, i)) {
+                    units.emplace_back(unit, i);
+                }
+                frames.push_back(frame);
+            }
+            RtpFields fields;
+            std::set<size_t> touched = {frames.size() - 1};  // it isn't known to be over
+            for (size_t at = 0; at < units.size(); at += per_packet, ++fields.sequence, fields.timestamp += 90) {
+                Bytes run;
+                for (size_t k = at; k < std::min(at + per_packet, units.size()); ++k) {
+                    run = run + units[k].first;
+                    if (fields.sequence == lost) {
+                        touched.insert(units[k].second);
+                    }
+                }
+                if (fields.sequence == lost) {
+                    touched.insert(at == 0 ? 0 : units[at - 1].second);
+                } else {
+                    in.Put(MakeRtp(fields, run));
+                }
+            }
+            std::vector<Bytes> whole;
+            for (size_t i = 0; i < frames.size(); ++i) {
+                if (touched.count(i) == 0) {
+                    whole.push_back(frames[i]);
+                }
+            }
+            EXPECT_EQ(whole.size(), in.m_frames.size()) << per_packet << " " << lost;
+            EXPECT_TRUE(whole == in.m_frames) << per_packet << " " << lost;
+        }
+    }
 }
 
 }  // namespace

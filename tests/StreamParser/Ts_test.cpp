@@ -304,8 +304,12 @@ TEST(Ts2Frame, BrokenPacketsAreRefusedOrIgnored) {
         EXPECT_EQ(row.result, demuxer.Put(row.packet)) << row.name;
         EXPECT_EQ(row.result == 0 ? 7u : 0u, demuxer.in.GetFrameSize()) << row.name;  // a failure drops the frame
         EXPECT_EQ(*row.log != 0 ? 1 : 0, log.Count(row.log)) << row.name;
-        EXPECT_EQ(1, demuxer.Put(ts_packet(0x111, false, FromHex("bb")), true)) << row.name;
-        EXPECT_EQ(row.result == 0 ? "0000000161e0aabb" : "bb", ToHex(demuxer.frames.back())) << row.name;
+        // The rest of a frame that was dropped isn't one.
+        EXPECT_EQ(row.result == 0 ? 1 : 0, demuxer.Put(ts_packet(0x111, false, FromHex("bb")), true)) << row.name;
+        EXPECT_EQ(row.result == 0 ? 1u : 0u, demuxer.frames.size()) << row.name;
+        EXPECT_EQ(1, demuxer.Put(ts_packet(0x111, true, SLICE), true)) << row.name;
+        EXPECT_EQ("0000000161e0aa", ToHex(demuxer.frames.back())) << row.name;
+        EXPECT_EQ(row.result == 0 ? "0000000161e0aabb" : "0000000161e0aa", ToHex(demuxer.frames[0])) << row.name;
     }
     CAssertCapture asserts;
     EXPECT_EQ(-1, Demuxer().in.PutPacket(PAT.data(), 187, false));
@@ -332,19 +336,89 @@ TEST(Ts2Frame, PesHeadersMayGoOnInTheNextPacket) {
     }
 }
 
+// Pictures end where the next one begins, as encoders and multiplexers of all kinds write that.
+TEST(Ts2Frame, PicturesEndWhereTheNextOneBegins) {
+    const std::string sei = "00000106ff" + std::string(600, '5') + "80";  // longer than a packet
+    const std::string sps = "0000016742c01eda078239", pps = "00000168ce3c80";
+    const std::string idr =
+        "0000016588842222222222222222222222222222222222222222222222222222222222222222222222222222"
+        "22222222222222222222222222222222222222222222222222222222222222222222222222222222222222";
+    const std::string p = "00000141e0aa", p2 = "0000014160bb";  // the first slice of a picture, a later one
+    const std::string vos = "000001b001000001b509000001000000012000845d4c28582120a31f";
+    const std::string sequence = "000001b32d024033ffffe018";
+    const struct {
+        const char* name;
+        const char* kind;              // stream_type
+        std::vector<std::string> pes;  // payloads of the PES packets
+        std::vector<std::string> frames;
+        std::string letters;
+        int width;
+    } rows[] = {
+        {"three-byte codes", "1b", {sps + pps + idr, p, p, p}, {sps + pps + idr, p, p}, "IPP", 480},
+        {"behind long SEI",
+         "1b",
+         {sps + pps + sei + idr, sei + p, sei + sei + p, p},
+         {sps + pps + sei + idr, sei + p, sei + sei + p},
+         "IPP",
+         480},
+        {"sets in PES packets of their own",
+         "1b",
+         {sps, pps, idr, p, sps + pps, idr, p},
+         {sps + pps + idr, p, sps + pps + idr},
+         "IPI",
+         480},
+        {"slices in PES packets of their own", "1b", {p, p2, p2, p, p2, p}, {p + p2 + p2, p + p2}, "PP", 0},
+        {"a PES packet that goes on inside a slice", "1b", {p, "aabbccdd", p, p}, {p + "aabbccdd", p}, "PP", 0},
+        {"joined inside a picture", "1b", {p2, p2, p, p2, p}, {p + p2}, "P", 0},
+        {"MPEG-4",
+         "10",
+         {vos + "000001b61011", "000001b65011", "000001b65012", "000001b61011"},
+         {vos + "000001b61011", "000001b65011", "000001b65012"},
+         "IPP",
+         352},
+        {"MPEG-2",
+         "02",
+         {sequence + "00000100000fffff00000101aa", "000001000017ffff00000101bb", "00000102cc", "00000100001fffff",
+          "00000100"},
+         {sequence + "00000100000fffff00000101aa", "000001000017ffff00000101bb00000102cc", "00000100001fffff"},
+         "IPB",
+         720},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        Demuxer demuxer({PAT, ts_packet(0x20, true,
+                                        FromHex("00 02b012 0001 c1 0000 e111 f000 " + std::string(row.kind) +
+                                                " e111 f000 00000000"))});
+        for (const std::string& payload : row.pes) {
+            const Bytes pes = FromHex("000001e0 0000 800000" + payload);
+            for (size_t at = 0; at < pes.size(); at += 183) {
+                EXPECT_EQ(0, demuxer.Put(ts_packet(0x111, at == 0, Part(pes, at, 183))));
+            }
+        }
+        ASSERT_EQ(row.frames.size(), demuxer.frames.size());
+        for (size_t i = 0; i < row.frames.size(); ++i) {
+            EXPECT_EQ(row.frames[i], ToHex(demuxer.frames[i]));
+        }
+        EXPECT_EQ(row.letters, demuxer.letters);
+        EXPECT_EQ(row.width, demuxer.in.GetWidth());
+    }
+}
+
 TEST(Ts2Frame, AFrameBeyondTheBufferFails) {
     Demuxer demuxer({PAT, PMT});
     CLogCapture log;
     const Bytes packet = ts_packet(0x111, false, Bytes(183, 0x55));
-    int ret = 0;
+    int ret = demuxer.Put(ts_packet(0x111, true, SLICE));
     uint32_t size = 0;
-    for (int i = 0; i < 4000 && ret == 0; ++i) {
+    for (int i = 0; i < 20000 && ret == 0; ++i) {
         size = demuxer.in.GetFrameSize();
         ret = demuxer.Put(packet);
     }
     EXPECT_EQ(-1, ret);
-    EXPECT_GT(size + 183, STREAM_BUFFER_LEN);
+    EXPECT_LE(size, Ts2Frame::MAX_FRAME_LEN);
+    EXPECT_GT(size + 183, Ts2Frame::MAX_FRAME_LEN);
     EXPECT_EQ(1, log.Count(" _ts_stream.dec ret:-2 \n"));
+    EXPECT_EQ(0, demuxer.Put(packet, true));
     EXPECT_EQ(1, demuxer.Put(ts_packet(0x111, true, SLICE), true));
 }
 

@@ -57,6 +57,34 @@ TEST(Day, RtpToFrame) {
     EXPECT_EQ(1u, in.m_events.size());  // the SSRC of the first packet
 }
 
+// Steps that aren't whole milliseconds: what is left over is carried, both ways, whatever the clock.
+TEST(Day, NoClockDrifts) {
+    const struct {
+        int enc_type;
+        uint32_t clock, ticks;  // of a frame
+    } rows[] = {{ENC_TYPE_H264, 90000, 3003}, {ENC_TYPE_AUDIO, 44100, 1024}, {ENC_TYPE_AUDIO, 11025, 160}};
+    for (const auto& row : rows) {
+        Depacketiser in(row.enc_type, true, row.clock);
+        CFrame2Rtp packer;
+        packer.SetRtpInfo(1, 96, 0, 77, row.clock);
+        RtpFields fields;
+        fields.marker = true;
+        const uint64_t frames = uint64_t{DAY_SEC} * row.clock / row.ticks;
+        for (uint64_t i = 0; i < frames; ++i, ++fields.sequence, fields.timestamp += row.ticks) {
+            const Bytes packet = MakeRtp(fields, {0x61, 0xE0});
+            ASSERT_EQ(1, in.Engine().PutPacket(packet.data(), static_cast<int>(packet.size())));
+            ASSERT_EQ(i * row.ticks * 1000 / row.clock, in.Engine().GetPts()) << row.clock;
+            in.Engine().Clear();
+            const unsigned char byte = 1;
+            const uint64_t ms = i * row.ticks * 1000 / row.clock;
+            ASSERT_EQ(0, packer.PutFrame(&byte, 1, ENC_TYPE_AUDIO, 1700000000000 + ms, 0));
+            RtpEncParam param;
+            packer.GetRtpInfo(param);
+            ASSERT_EQ(77 + static_cast<uint32_t>(ms * row.clock / 1000), param.timestamp) << row.clock;
+        }
+    }
+}
+
 // The 33-bit clock wraps after 26.5 hours, so the day begins four hours before that.
 TEST(Day, FrameToTsToFrame) {
     CFrame2Ts packer;

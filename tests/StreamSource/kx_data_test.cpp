@@ -381,6 +381,68 @@ TEST(DataSource, ContentDecidesTheClass) {
     EXPECT_EQ(1, log.Count("content parse fail!"));
 }
 
+// As of two channels that share the source.
+TEST_F(KXDataTest, EveryBufferGetsEveryFrameUntilItsOwnLastClientLeaves) {
+    OpenReady();
+    CMediaBuffer others[3];
+    CKeepingSink sinks[3];
+    for (const packet_type_t type : ALL_TYPES) {
+        others[type].EnableAutoSend();
+        others[type].AddLevel2Buffer(&sinks[type]);
+        ASSERT_EQ(0, Start(type));
+        ASSERT_EQ(0, m_source->StartStreaming(type, &others[type], -1));
+    }
+    ASSERT_TRUE(Host().Give(Picture(true, 3000)));
+    for (const packet_type_t type : ALL_TYPES) {
+        ASSERT_FALSE(Given(type).empty()) << type;
+        ASSERT_EQ(Given(type).size(), sinks[type].m_items.size()) << type;
+        EXPECT_EQ(Given(type).back().bytes, sinks[type].m_items.back().bytes) << type;
+        EXPECT_EQ(-1, m_source->StopFeeding(type, &m_buffer[type])) << type;  // the other one is left
+        m_sink[type].m_items.clear();
+    }
+    ASSERT_TRUE(Host().Give(Picture(false, 100)));
+    for (const packet_type_t type : ALL_TYPES) {
+        EXPECT_TRUE(Given(type).empty()) << type;
+        EXPECT_GT(sinks[type].m_items.size(), 1u) << type;
+        EXPECT_EQ(0, Host().CountCalls("Stop"));
+        EXPECT_EQ(type == ALL_TYPES[2] ? 0 : -1, m_source->StopFeeding(type, &others[type])) << type;
+    }
+    EXPECT_EQ(1, Host().CountCalls("Stop"));
+}
+
+TEST_F(KXDataTest, AStartThatFailedIsNeitherCountedNorStopped) {
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.start_fails = true;
+    OpenReady(settings);
+    EXPECT_EQ(-1, Start(PACKET_TYPE_RTP));
+    EXPECT_EQ(0, m_source->StopStreaming(PACKET_TYPE_RTP));
+    EXPECT_EQ(-1, Start(PACKET_TYPE_KX));
+    EXPECT_EQ(2, Host().CountCalls("Start"));
+    EXPECT_EQ(0, Host().CountCalls("Stop"));
+}
+
+TEST_F(KXDataTest, AFormatThatCannotBeDescribedBringsNoEmptyDescription) {
+    const StreamVideoFormat good = CFakeStreamSource::LiveVideo().video;
+    StreamVideoFormat unknown = good;
+    unknown.encode_type = 77;
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.video = unknown;
+    Open(settings);
+    CSdpParser sdp;
+    ASSERT_TRUE(WaitFor(MSG_SRC_FAIL));
+    EXPECT_EQ(-1, m_source->GetSdp(sdp));
+    EXPECT_EQ(-1, m_source->GetSdp(sdp, 1));
+    Host().SetVideo(good);
+    Host().Tell(MSG_STREAM_INFO);
+    ASSERT_TRUE(WaitFor(MSG_SDP_UPDATE));
+    ASSERT_EQ(0, m_source->GetSdp(sdp));
+    Host().SetVideo(unknown);
+    Host().Tell(MSG_STREAM_INFO);
+    ASSERT_TRUE(WaitFor(MSG_SRC_FAIL, 2));
+    ASSERT_EQ(0, m_source->GetSdp(sdp));  // the one that it had
+    EXPECT_EQ(1, sdp.get_media_count());
+}
+
 }  // namespace
 }  // namespace Vidora
 }  // namespace Kavio

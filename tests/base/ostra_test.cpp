@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <atomic>
 #include <cerrno>
 #include <cstring>
@@ -58,6 +59,38 @@ TEST(Log, ControlCharactersOfAPeerAreMasked) {
 TEST(Log, LongLineIsCutAndStillEnds) {
     const std::string text = stderr_of([] { logError("%s\n", std::string(5000, 'x').c_str()); });
     EXPECT_EQ("[Vidora] " + std::string(2048, 'x') + "\n", text);
+}
+
+TEST(Log, UnreadStandardErrorDropsLinesAndCountsThem) {
+    int ends[2];
+    ASSERT_EQ(0, pipe(ends));
+    const int kept = dup(STDERR_FILENO);
+    dup2(ends[1], STDERR_FILENO);
+    const std::string text(2000, 'x');
+    const int lines = 100;  // more than a pipe holds
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 2; ++i) {
+        threads.emplace_back([&] {
+            for (int k = 0; k < lines / 2; ++k) {
+                logError("%s\n", text.c_str());
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    std::string first(1 << 20, '\0');
+    first.resize(static_cast<size_t>(read(ends[0], first.data(), first.size())));
+    logError("last\n");
+    dup2(kept, STDERR_FILENO);
+    close(kept);
+    close(ends[1]);
+    std::string then(1 << 20, '\0');
+    then.resize(static_cast<size_t>(read(ends[0], then.data(), then.size())));
+    close(ends[0]);
+    const auto written = std::count(first.begin(), first.end(), '\n');
+    EXPECT_EQ('\n', first.back());
+    EXPECT_EQ("[Vidora] " + std::to_string(lines - written) + " lines dropped\n[Vidora] last\n", then);
 }
 
 TEST(Log, SinkMayChangeWhileThreadsLog) {

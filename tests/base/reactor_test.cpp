@@ -6,6 +6,8 @@
 #include <memory>
 #include <thread>
 
+#include "Vidora/Ostra/Time.h"
+#include "support/TestClock.h"
 #include "support/TestHandler.h"
 
 namespace Kavio {
@@ -124,6 +126,25 @@ TEST(Reactor, HandlerMayCloseOrDeleteItselfInACallback) {
     EXPECT_EQ(1, closed.load());
     CTestHandler other;  // the socket is free for another
     EXPECT_EQ(0, other.RegisterSock(ends[0], SOCK_EVENT_READ, 0));
+}
+
+// Timers and quiet times of an hour come due at once when the clock is moved, and wall time moves along.
+TEST(Reactor, TimeFollowsTheOneClock) {
+    CPool pool;
+    std::atomic<int> closed{0}, fired{0}, silent{0};
+    CSockStream one, other;
+    ASSERT_TRUE(Support::MakeSockPair(one, other));
+    CTestHandler* handler = CTestHandler::Make(&closed);
+    handler->on_timeout = [&](long) { return fired.fetch_add(1); };
+    handler->on_input_timeout = [&](int) { return silent.fetch_add(1); };
+    ASSERT_EQ(0, handler->RegisterSock(one, SOCK_EVENT_READ, 3600000000));
+    ASSERT_LT(0, handler->SetTimer(3600000000));
+    const Ostra::CTime before = Ostra::CTime::getCurrentTime();
+    Support::AdvanceClock(3600000);
+    EXPECT_TRUE(WaitUntil([&] { return fired == 1 && silent == 1; }));
+    EXPECT_LE(3600, Ostra::CTime::getCurrentTime() - before);
+    handler->Close();
+    EXPECT_TRUE(WaitUntil([&] { return closed.load() == 1; }));
 }
 
 TEST(Reactor, TimerRepeatsWhateverItsResultUntilDestroyed) {

@@ -4,9 +4,11 @@
 
 #include "Tramel/MediaCounters.h"
 #include "Tramel/MediaStreamSender.h"
+#include "Tramel/SockDetail.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StreamSender.h"
 #include "support/StreamPeer.h"
+#include "support/TestClock.h"
 
 using namespace Kavio::Tramel;
 using namespace Kavio::Support;
@@ -202,6 +204,46 @@ TEST_F(QueueTest, UnreadTextIsBoundedAndFailureIsToldOncePerHandler) {
     EXPECT_EQ(-1, m_queue.SendText("x", 1));
 }
 
+// Nothing is handed to the socket meanwhile: what the peer's system acknowledges is progress. The system's own
+// time-out, which would cut such a peer, rests until all is out.
+TEST_F(QueueTest, APeerThatReadsSlowlyGoesOnAndOneThatStopsIsCut) {
+    const auto user_timeout = [this] { return GetOption(m_sock.GetHandle(), IPPROTO_TCP, TCP_USER_TIMEOUT); };
+    ASSERT_EQ(0, m_sock.WatchPeer(60, true));
+    ASSERT_EQ(0, m_sock.SetSockSendBuf(100000));
+    m_queue.OnWritable();  // some 200 kB are in the socket now
+    ASSERT_EQ(0, SendText(TextBytes(1, 400000)));
+    m_queue.SetSendTimeout(60);
+    EXPECT_EQ(0, user_timeout());
+    const auto wait_a_while = [this] {
+        AdvanceClock(50000);
+        m_queue.OnTimer(m_face.timers);
+    };
+    std::vector<char> bytes(8192);
+    for (int i = 0; i < 4; ++i) {
+        const uint64_t unsent = m_queue.Unsent();
+        ASSERT_TRUE(WaitUntil([&] {
+            recv(m_pair.far_fd, bytes.data(), bytes.size() / 8, MSG_DONTWAIT);
+            return m_queue.Unsent() < unsent;
+        }));
+        wait_a_while();
+        ASSERT_TRUE(m_face.failures.empty()) << i;
+    }
+    wait_a_while();
+    EXPECT_TRUE(m_face.failures.empty());
+    wait_a_while();
+    EXPECT_EQ((std::vector<long>{7}), m_face.failures);
+}
+
+TEST_F(QueueTest, TheTimerFollowsWhatTheSocketWasFullOf) {
+    ASSERT_EQ(0, m_sock.WatchPeer(60, true));
+    m_queue.SetSendTimeout(60);
+    Drain(1);
+    ASSERT_TRUE(WaitUntil([&] { return m_queue.Unsent() == 0; }));
+    m_queue.OnTimer(m_face.timers);
+    EXPECT_EQ(1, m_face.stopped_timers);
+    EXPECT_EQ(60000, GetOption(m_sock.GetHandle(), IPPROTO_TCP, TCP_USER_TIMEOUT));
+}
+
 // A merged frame of three packets counts as three, once it is out; what is dropped on the way counts as units.
 TEST_F(QueueTest, CountersTellWhatWentOutWholeAndWhatWasDropped) {
     struct Figures {
@@ -260,6 +302,8 @@ public:
         delete this;
         return 0;
     }
+    using CNetHandler::RegisterSock;
+    using CNetHandler::RemoveSock;
 
 private:
     ~Owner() override { m_sender->Close(); }
@@ -311,6 +355,26 @@ TEST(Senders, TextOfBothFacesStaysWholeOnASocketThatIsAlwaysFull) {
         EXPECT_EQ(nullptr, media->Detach());
     }
     media->Close();
+    owner->Close();
+}
+
+TEST(Senders, TextGoesOnAfterTheOwnerTookTheSocketOutOfTheReactorAndPutItBack) {
+    const CPool pool(2);
+    TcpPair pair(4096);
+    Owner* owner = new Owner;
+    {
+        CSockStream sock;
+        sock.Attach(pair.near_fd);
+        ASSERT_EQ(0, owner->m_sender->Attach(owner, &sock));
+        ASSERT_EQ(0, owner->RegisterSock(sock, SOCK_EVENT_READ, 0));
+        ASSERT_EQ(0, put(owner->m_sender, TextBytes(0, 300000)));
+        ASSERT_EQ(0, owner->RemoveSock(sock));
+        ASSERT_EQ(0, owner->RegisterSock(sock, SOCK_EVENT_READ, 0));
+        WireReader reader;
+        EXPECT_TRUE(WaitUntil([&] { return (reader.Read(pair.far_fd), reader.Units().size() == 1); }));
+        owner->m_sender->Detach();
+        owner->RemoveSock(sock);
+    }
     owner->Close();
 }
 

@@ -15,7 +15,6 @@ void check_packet(TsDemuxState& state, const unsigned char* packet) {
     Fuzz::Require(state.table.pmt_pid >= -1 && state.table.pmt_pid < 0x2000);
     Fuzz::Require(state.packet.payload_offset >= 4 && state.packet.payload_offset <= TS_PACK_LEN);
     Fuzz::Require(!state.is_media || (ret == TS_DEMUX_OK && state.track >= 0 && state.track < state.table.track_count));
-    Fuzz::Require(!state.new_frame || (state.is_media && state.seen_slice));
     Fuzz::Require(state.pcr_ms <= (uint64_t{1} << 33) / 90);
 }
 

@@ -23,12 +23,12 @@ def main():
 class Host:
     """vidora-host on a free port of loopback; its output is kept in `lines`."""
 
-    def __init__(self, *options, live=True):
+    def __init__(self, *options, live=True, recordings=MEDIA):
         self.port = free_port()
         command = [HOST, "--listen", f"127.0.0.1:{self.port}"]
         if live:
             command += ["--live", f"{LIVE}={MEDIA}/clip.h264,{MEDIA}/clip.alaw",
-                        "--live", f"{JPEG}={MEDIA}/clip.mjpeg", "--recordings", MEDIA]
+                        "--live", f"{JPEG}={MEDIA}/clip.mjpeg", "--recordings", recordings]
         self.process = subprocess.Popen(command + list(options), stdout=subprocess.PIPE, stderr=subprocess.STDOUT,
                                         text=True)
         self.lines = []

@@ -3,10 +3,11 @@
 
 Argument: the path of convert_streams.
 """
+import re
 import sys
 
 from peers import Folder, check, ffmpeg, frame_digests, gst, run
-from streams import (H264, JPEG, MPEG4, ffmpeg_rtp, frame_packets, h264_frames, jpeg_images, jpeg_scan, make_h264,
+from streams import (H264, JPEG, MPEG2TS, MPEG4, ffmpeg_rtp, frame_packets, h264_frames, jpeg_images, jpeg_scan, make_h264,
                      make_mpeg4, make_video, mpeg4_frames, packets_of, unpack_frames)
 
 
@@ -126,6 +127,27 @@ def test_mpeg4(program, folder):
         check_pictures(folder, f"MPEG-4 {name}", "m4v", rebuilt, clip)
 
 
+def check_ts(program, folder, name, packets, frames, demuxer="h264"):
+    """The frames of a transport stream, byte for byte, and the pictures that they decode to."""
+    check(any(packet[12 + 188 * 3 + 1] & 0x40 for packet in packets), f"{name}: frames begin inside packets")
+    got = [frame for _, _, frame in rebuild(program, packets, MPEG2TS)]
+    # The last frame's end shows only when another one begins. GStreamer keeps what doesn't fill a packet to itself.
+    begun = len(re.findall(rb"(?s)\x00\x00\x01\xe0..[\x80-\x8f]", b"".join(packet[12:] for packet in packets)))
+    check(begun > len(frames) - 3 and len(got) == begun - 1, f"{name}: {begun - 1} frames")
+    check(got == frames[:begun - 1], f"{name}: byte for byte")
+    check_pictures(folder, name, demuxer, b"".join(got), b"".join(frames[:begun - 1]))
+
+
+def test_ts(program, folder):
+    frames = h264_frames(make_h264(folder))
+    clip_in = ["-fflags", "+genpts", "-r", "25", "-i", folder("clip.h264")]
+    check_ts(program, folder, "TS FFmpeg", ffmpeg_rtp(clip_in + times(3600), "rtp_mpegts"), frames)
+    ffmpeg(*clip_in, *times(40), folder("clip.mkv"))
+    packets = gst_rtp(folder, ["filesrc", "location=" + folder("clip.mkv"), "!", "matroskademux", "!", "h264parse", "!",
+                               "mpegtsmux", "!", "rtpmp2tpay", "pt=96"])
+    check_ts(program, folder, "TS GStreamer", packets, frames)
+
+
 with Folder() as temporary:
-    for test in (test_h264, test_jpeg, test_mpeg4):
+    for test in (test_h264, test_jpeg, test_mpeg4, test_ts):
         test(sys.argv[1], temporary)

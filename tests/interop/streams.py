@@ -6,7 +6,7 @@ import threading
 
 from peers import ffmpeg
 
-H264, MPEG4, JPEG, MPEG_AUDIO, AUDIO, MP3 = 1, 2, 3, 5, 6, 9
+H264, MPEG4, JPEG, MPEG2TS, MPEG_AUDIO, AUDIO, MP3 = 1, 2, 3, 4, 5, 6, 9
 
 
 def make_video(folder, name, codec_words, frames=30, size="320x240"):
@@ -96,17 +96,21 @@ def packets_of(framed):
     return packets
 
 
-def ffmpeg_rtp(words):
+def ffmpeg_rtp(words, muxer="rtp"):
     """The RTP packets that FFmpeg sends; `words` are its input and codec."""
     for _ in range(5):
-        packets = receive_rtp(words)
+        packets = [with_type_96(packet) for packet in receive_rtp(words, muxer)]
         numbers = [struct.unpack_from(">H", packet, 2)[0] for packet in packets]
         if all((after - before) & 0xFFFF == 1 for before, after in zip(numbers, numbers[1:])):
             return packets
     raise AssertionError("the machine is too busy to receive a few packets")
 
 
-def receive_rtp(words):
+def with_type_96(packet):
+    return packet[:1] + bytes([packet[1] & 0x80 | 96]) + packet[2:]
+
+
+def receive_rtp(words, muxer):
     packets = []
     done = threading.Event()
 
@@ -127,7 +131,7 @@ def receive_rtp(words):
         try:
             # RTCP goes where nobody listens.
             url = f"rtp://127.0.0.1:{sock.getsockname()[1]}?pkt_size=1200&rtcpport=9"
-            ffmpeg(*words, "-f", "rtp", "-payload_type", "96", url)
+            ffmpeg(*words, "-f", muxer, url)
         finally:
             done.set()
             thread.join()

@@ -7,8 +7,8 @@ import json
 import sys
 
 from peers import Folder, check, ffmpeg, frame_digests, gst, run
-from streams import (H264, MP3, MPEG4, h264_frames, make_audio, make_h264, make_mpeg4, mpeg4_frames, pack_frames,
-                     unpack_frames)
+from streams import (H264, MP3, MPEG4, h264_frames, make_audio, make_h264, make_mpeg4, make_video, mpeg4_frames,
+                     pack_frames, unpack_frames)
 
 
 def probe(path, what):
@@ -86,6 +86,15 @@ def test_input(program, folder):
     gst("filesrc", "location=" + folder("clip.ts"), "!", "tsdemux", "!", "h264parse", "!", "mpegtsmux", "!",
         "filesink", "location=" + folder("gst.ts"))
     check_input(program, "GStreamer", folder("gst.ts"), frames)
+    # Streams as encoders write them: three-byte start codes, long SEI in front of key frames, other codecs.
+    for demuxer, words in (("h264", ["-c:v", "libx264", "-preset", "veryfast", "-threads", "1"]),
+                           ("m4v", ["-c:v", "mpeg4"]), ("mpegvideo", ["-c:v", "mpeg2video"])):
+        make_video(folder, "clip.es", [*words, "-bf", "0", "-g", "10", "-f", "mpegts"])
+        got = unpack_frames(run(program, "ts", data=folder.read("clip.es")))
+        check(b"".join(letter for letter, _, _ in got) == (b"IPPPPPPPPP" * 3)[:-1], f"{demuxer}: types")
+        path = folder.write("got." + demuxer, b"".join(frame for _, _, frame in got))
+        want = frame_digests("-f", "mpegts", "-i", folder("clip.es"))[0]
+        check(frame_digests("-f", demuxer, "-i", path)[0] == want[:-1], f"{demuxer}: {len(want) - 1} pictures")
     # And what we write ourselves, with the time stamps that its clock references tell.
     packed = pack_frames(video_frames(frames, has_sps))
     got = unpack_frames(run(program, "ts", data=run(program, "to_ts", str(H264), str(MP3), data=packed)))

@@ -3,6 +3,7 @@
 #include "Vidora/AuthModule.h"
 #include "server/ServerFixture.h"
 #include "support/Loopback.h"
+#include "support/TestClock.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -75,7 +76,10 @@ TEST_F(Intake, ConnectionsHaveFiveSecondsForTheirFirstRequest) {
     Support::CLogCapture log;
     CRtspTestClient silent(m_port), partial(m_port), slow(m_port);
     partial.Send("OPTIONS * RTSP/1.0\r\n");
-    EXPECT_TRUE(Support::WaitUntil([&] { return !slow.Send("O") || slow.Closed(100); }));
+    EXPECT_TRUE(Support::WaitUntil([&] {
+        Support::AdvanceClock(100);
+        return !slow.Send("O") || slow.Closed(1);
+    }));
     EXPECT_TRUE(silent.Closed());
     EXPECT_TRUE(partial.Closed());
     EXPECT_EQ(3, log.Count("handle_input_timeout error, fd:"));

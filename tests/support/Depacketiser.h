@@ -25,10 +25,11 @@ public:
         m_rtp2frame.SetDropDamaged(drop);
     }
 
-    // The results, joined when a packet was fed twice: 20 for a frame before the packet, which was then taken.
+    // The results, joined when a packet was fed twice: 20 for a frame before the packet, which was then taken. A packet
+    // of a transport stream may bring more of them.
     int Put(const Bytes& packet) {
         int all = 0;
-        for (int round = 0; round < 2; ++round) {
+        for (size_t round = 0; round <= packet.size(); ++round) {
             m_held.push_back(packet);  // the engine borrows it until Clear
             const Bytes& held = m_held.back();
             const int ret = m_rtp2frame.PutPacket(held.data(), static_cast<int>(held.size()));
@@ -39,7 +40,7 @@ public:
                 m_rtp2frame.Clear();
                 m_held.clear();
             }
-            all = all * 10 + ret;
+            all = all % 1000 * 10 + ret;
             if (ret != FRAME_COMPLETE_NEXT) {
                 break;
             }

@@ -264,10 +264,14 @@ TEST_F(UdpSender, KeeperReportsOneSilentIntervalOfAnyTrackOnce) {
         return 0;
     };
     Open(2);
+    // RTCP of the peer comes from the port that it named, and from another one. Another host's says nothing.
     CUdpPeer first, second;
-    // The peer's RTCP comes from the port that the sender is connected to.
     const int port = OpenPair(m_sender, first.Port() - 1, 0);
-    const int quiet_port = OpenPair(m_sender, second.Port() - 1, 2);
+    const int quiet_port = OpenPair(m_sender, 4000, 2);
+    CSockDgram stranger;
+    const CSockAddrStorage stranger_addr("127.0.0.2", 0);
+    ASSERT_EQ(0, stranger.Open(&stranger_addr));
+    const CSockAddrStorage quiet_addr("127.0.0.1", static_cast<unsigned short>(quiet_port + 1));
     ASSERT_EQ(0, m_sender.StartKeepAlive(listener.GetID(), 1));
     const auto begin = std::chrono::steady_clock::now();
     Support::CLogCapture log;
@@ -276,6 +280,7 @@ TEST_F(UdpSender, KeeperReportsOneSilentIntervalOfAnyTrackOnce) {
     };
     while (lapses == 0 && elapsed() < 10) {
         first.Send("report", port + 1);
+        stranger.Send("report", 6, &quiet_addr);
         if (elapsed() < 1.5) {
             second.Send("report", quiet_port + 1);
         }

@@ -1,8 +1,8 @@
 #include "Catalog.h"
 
 #include <cstring>
-#include <filesystem>
 #include <fstream>
+#include <new>
 
 #include "FrameMaker.h"
 #include "RecordingSource.h"
@@ -10,7 +10,6 @@
 #include "Vidora/RtspUrlParser.h"
 
 using namespace Kavio::Vidora;
-namespace fs = std::filesystem;
 
 namespace {
 
@@ -32,19 +31,31 @@ std::shared_ptr<const LiveClip> load_clip(const LiveOption& option, double fps, 
     return clip;
 }
 
-// The file of that name below the folder, or an empty path if it would lie outside.
-fs::path inside(const fs::path& folder, const std::string& name) {
-    std::error_code code;
-    const fs::path root = fs::weakly_canonical(folder, code);
-    const fs::path file = fs::weakly_canonical(root / fs::path(name).relative_path(), code);
-    const fs::path relative = file.lexically_relative(root);
-    return code || relative.empty() || *relative.begin() == ".." ? fs::path() : file;
+// What a content asks of a folder of recordings; false if it is no name of a recording.
+bool read_query(const char* content, RecordingQuery& query) {
+    CRtspUrlParser parser;
+    unsigned int length = static_cast<unsigned int>(std::strlen(content));
+    if (!parser.ParseContent(content, length)) {
+        return false;
+    }
+    if (const playback_info* playback = parser.GetPlayback_info()) {
+        query.channel = playback->channel;
+        query.subtype = playback->subtype;
+        query.interval.begin_sec = playback->start.makeTime();
+        query.interval.end_sec = playback->end.makeTime();
+        return true;
+    }
+    const char* name = parser.GetFileName();
+    query.name = name == nullptr ? "" : name;
+    return !query.name.empty();
 }
 
 }  // namespace
 
 bool Catalog::Load(const Options& options, std::string& error) {
-    m_recordings = options.recordings;
+    if (!options.recordings.empty()) {
+        m_recordings = std::make_unique<RecordingStore>(options.recordings);
+    }
     for (const LiveOption& option : options.live) {
         m_live[option.content] = load_clip(option, options.fps, error);
         if (!m_live[option.content]) {
@@ -59,32 +70,16 @@ CStreamSource* Catalog::MakeSource(const char* content) const {
     if (live != m_live.end()) {
         return new (std::nothrow) LiveSource(live->second);
     }
+    RecordingQuery query;
     std::string error;
-    Interval interval;
-    const std::shared_ptr<const Recording> recording = find_recording(content, interval, error);
-    if (!recording) {
+    if (m_recordings == nullptr || !read_query(content, query)) {
+        error = "nothing is published under that name";
+    }
+    if (!error.empty() || m_recordings->IsRefused(query, error)) {
         Kavio::Ostra::logWarn("%s: %s\n", content, error.c_str());
         return nullptr;
     }
-    return new (std::nothrow) RecordingSource(recording, interval);
-}
-
-std::shared_ptr<const Recording> Catalog::find_recording(const char* content, Interval& interval,
-                                                         std::string& error) const {
-    error = "nothing is published under that name";
-    CRtspUrlParser parser;
-    unsigned int length = static_cast<unsigned int>(std::strlen(content));
-    if (m_recordings.empty() || !parser.ParseContent(content, length)) {
-        return nullptr;
-    }
-    if (const playback_info* playback = parser.GetPlayback_info()) {
-        interval.begin_sec = playback->start.makeTime();
-        interval.end_sec = playback->end.makeTime();
-        return Recording::Find(m_recordings, playback->channel, playback->subtype, interval, error);
-    }
-    const char* name = parser.GetFileName();
-    const fs::path path = name == nullptr ? fs::path() : inside(m_recordings, name);
-    return path.empty() ? nullptr : Recording::Open(path.string(), error);
+    return new (std::nothrow) RecordingSource(*m_recordings, query, content);
 }
 
 bool Catalog::WriteKav(const std::string& content, const std::string& path, std::string& error) const {

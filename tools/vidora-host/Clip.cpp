@@ -3,7 +3,8 @@
 #include <algorithm>
 
 #include "AnnexB.h"
-#include "FrameFile.h"
+#include "FileBytes.h"
+#include "FrameCursor.h"
 #include "Vidora/JpegParser.h"
 #include "Vidora/KXFrame.h"
 #include "Vidora/Mpeg4Parser.h"
@@ -262,12 +263,13 @@ bool Clip::cut_mjpeg(std::string& error) {
 bool Clip::cut_kav(bool audio, std::string& error) {
     const std::vector<unsigned char> source = std::move(m_bytes);
     m_bytes.clear();
-    std::vector<FrameEntry> entries;
-    ScanFrames(source.data(), source.size(), entries);
-    for (const FrameEntry& entry : entries) {
+    const MemoryBytes bytes(source.data(), source.size());
+    FrameCursor cursor(bytes);
+    FrameEntry entry;
+    for (FrameCursor::step_t step = cursor.Next(entry); step != FrameCursor::STEP_END; step = cursor.Next(entry)) {
         const bool wanted =
             audio ? entry.letter == 'A' : entry.letter == 'I' || entry.letter == 'P' || entry.letter == 'B';
-        if (!wanted || (m_units.empty() && !audio && entry.letter != 'I')) {
+        if (step != FrameCursor::STEP_FRAME || !wanted || (m_units.empty() && !audio && entry.letter != 'I')) {
             continue;
         }
         if (m_units.empty()) {
@@ -281,7 +283,7 @@ bool Clip::cut_kav(bool audio, std::string& error) {
             return false;
         }
         add_unit(offset, m_bytes.size() - offset, entry.letter);
-        m_units.back().time_ms = static_cast<double>(entry.time_ms);
+        m_units.back().time_ms = static_cast<double>(entry.place.time_ms);
     }
     if (m_units.empty()) {
         error = audio ? "" : "holds no video";

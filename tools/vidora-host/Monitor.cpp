@@ -1,8 +1,11 @@
 #include "Monitor.h"
 
-#include <cinttypes>
-#include <cstdio>
+#include <unistd.h>
 
+#include <cstdio>
+#include <initializer_list>
+
+#include "Vidora/Ostra/Log.h"
 #include "Vidora/Ostra/Time.h"
 
 using namespace Kavio::Vidora;
@@ -15,51 +18,98 @@ std::string time_text() {
     return text;
 }
 
+// One thing that a line tells: its name in JSON, what stands in front of it in text, and its value.
+struct Item {
+    const char* name;
+    const char* words;
+    std::string value;
+    bool is_number;
+};
+
+Item text_item(const char* name, const char* words, const std::string& value) {
+    return Item{name, words, value, false};
+}
+
+template <typename Number>
+Item number_item(const char* name, const char* words, Number value) {
+    return Item{name, words, std::to_string(value), true};
+}
+
+// Peers can have their part in a text: what could end it, or steer a terminal, is shown as "?".
+std::string masked(const std::string& text) {
+    std::string result = text;
+    for (char& c : result) {
+        const unsigned char code = static_cast<unsigned char>(c);
+        c = code < 0x20 || code > 0x7E || c == '"' || c == '\\' ? '?' : c;
+    }
+    return result;
+}
+
+std::string make_line(bool json, std::initializer_list<Item> items) {
+    std::string line = json ? "{\"time\":\"" + time_text() + "\"" : time_text();
+    for (const Item& item : items) {
+        const std::string value = masked(item.value);
+        const std::string quote = item.is_number ? "" : "\"";
+        line += json ? ",\"" + std::string(item.name) + "\":" + quote + value + quote : item.words + value;
+    }
+    return line + (json ? "}\n" : "\n");
+}
+
+std::string dropped_text(uint64_t count) {
+    return make_line(false, {number_item("dropped", " lines dropped: ", count)});
+}
+
+std::string dropped_json(uint64_t count) {
+    return make_line(true, {text_item("event", "", "lines dropped"), number_item("lines", "", count)});
+}
+
+void write_log(void* writer, Kavio::Ostra::log_level_t, const char* text, size_t length) {
+    std::string line = "[Vidora] " + std::string(text, length);
+    if (line.back() != '\n') {
+        line += '\n';
+    }
+    static_cast<LineWriter*>(writer)->Write(std::move(line));
+}
+
 }  // namespace
+
+Monitor::Monitor(bool json)
+    : m_json(json), m_output(STDOUT_FILENO, json ? dropped_json : dropped_text), m_errors(STDERR_FILENO, dropped_text) {
+    Kavio::Ostra::SetLogSink(write_log, &m_errors);
+}
+
+Monitor::~Monitor() {
+    Kavio::Ostra::SetLogSink(nullptr, nullptr);
+}
 
 void Monitor::Listening(const std::string& ip, int port) {
     const std::string host = ip.find(':') == std::string::npos ? ip : "[" + ip + "]";
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    if (m_json) {
-        std::printf("{\"time\":\"%s\",\"event\":\"listening on\",\"address\":\"%s:%d\"}\n", time_text().c_str(),
-                    host.c_str(), port);
-    } else {
-        std::printf("listening on %s:%d\n", host.c_str(), port);
-    }
-    std::fflush(stdout);
+    const std::string address = host + ":" + std::to_string(port);
+    m_output.Write(m_json ? make_line(true, {text_item("event", "", "listening on"), text_item("address", "", address)})
+                          : "listening on " + address + "\n");
 }
 
 void Monitor::PrintFigures(double seconds) {
     RtspSvrStatistics now;
     CRtspSvr::GetStatistics(now);
-    const uint64_t packets = now.packets - m_last.packets;
-    const uint64_t dropped = now.dropped - m_last.dropped;
-    const double mbit = static_cast<double>(now.bytes - m_last.bytes) * 8.0 / 1e6 / seconds;
+    char mbit[32];
+    std::snprintf(mbit, sizeof(mbit), "%.3f", static_cast<double>(now.bytes - m_last.bytes) * 8.0 / 1e6 / seconds);
+    m_output.Write(make_line(m_json, {number_item("sessions", " sessions ", now.sessions),
+                                      number_item("packets", " packets ", now.packets - m_last.packets),
+                                      Item{"mbit_per_s", " Mbit/s ", mbit, true},
+                                      number_item("drops", " drops ", now.dropped - m_last.dropped)}));
     m_last = now;
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    if (m_json) {
-        std::printf("{\"time\":\"%s\",\"sessions\":%u,\"packets\":%" PRIu64 ",\"mbit_per_s\":%.3f,\"drops\":%" PRIu64
-                    "}\n",
-                    time_text().c_str(), now.sessions, packets, mbit, dropped);
-    } else {
-        std::printf("%s sessions %u packets %" PRIu64 " Mbit/s %.3f drops %" PRIu64 "\n", time_text().c_str(),
-                    now.sessions, packets, mbit, dropped);
-    }
-    std::fflush(stdout);
 }
 
 void Monitor::Event(event_type_t event, const void* data, int length) {
-    const std::lock_guard<std::mutex> guard(m_mutex);
     if (event == EVENT_LOST_PACKET) {
         const LostPacketEvent& lost = *static_cast<const LostPacketEvent*>(data);
-        std::printf(m_json ? "{\"time\":\"%s\",\"event\":\"lost packet\",\"peer\":\"%s:%d\",\"session\":%ld}\n"
-                           : "%s lost packet, peer %s:%d session %ld\n",
-                    time_text().c_str(), lost.ip, lost.port, lost.session);
-    } else {
-        const std::string peer(static_cast<const char*>(data), static_cast<size_t>(length));
-        const char* name = event == EVENT_CLIENT_CONNECTED ? "connect" : "disconnect";
-        std::printf(m_json ? "{\"time\":\"%s\",\"event\":\"%s\",\"peer\":\"%s\"}\n" : "%s %s, peer %s\n",
-                    time_text().c_str(), name, peer.c_str());
+        const std::string peer = std::string(lost.ip) + ":" + std::to_string(lost.port);
+        m_output.Write(make_line(m_json, {text_item("event", " ", "lost packet"), text_item("peer", ", peer ", peer),
+                                          number_item("session", " session ", lost.session)}));
+        return;
     }
-    std::fflush(stdout);
+    const std::string peer(static_cast<const char*>(data), static_cast<size_t>(length));
+    const char* name = event == EVENT_CLIENT_CONNECTED ? "connect" : "disconnect";
+    m_output.Write(make_line(m_json, {text_item("event", " ", name), text_item("peer", ", peer ", peer)}));
 }

@@ -1,18 +1,21 @@
 #ifndef VIDORA_HOST_MONITOR_H
 #define VIDORA_HOST_MONITOR_H
 
-#include <mutex>
 #include <string>
 
+#include "LineWriter.h"
 #include "Vidora/RtspSvr.h"
 #include "Vidora/RtspSvrConfig.h"
 
-// Monitor: prints figures and events on standard output, as text or as JSON, one line each.
+// Monitor: figures and events on standard output, as text or as JSON, one line each, and the library's log on standard
+// error. Neither keeps a thread of the library waiting when nobody reads.
 //
-// THREADING  Event: any thread. The others: the main thread.
+// THREADING  Event and the log: any thread. The others: the main thread. Events must have ended before the monitor
+// does.
 class Monitor {
 public:
-    explicit Monitor(bool json) : m_json(json) {}
+    explicit Monitor(bool json);
+    ~Monitor();
 
     // Tells that clients can come.
     void Listening(const std::string& ip, int port);
@@ -23,7 +26,8 @@ public:
 
 private:
     const bool m_json;
-    std::mutex m_mutex;  // one line at a time
+    LineWriter m_output;
+    LineWriter m_errors;
     Kavio::Vidora::RtspSvrStatistics m_last;
 };
 

@@ -143,9 +143,11 @@ bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
     app.add_option("--fps", options.fps, "frame rate of .h264, .m4v and .mjpeg files")
         ->check(CLI::Range(0.1, 240.0))
         ->capture_default_str();
-    app.add_option("--recordings", options.recordings,
-                   "folder of recordings: NAME.kav is served as NAME.kav, C_S_*.kav also as "
-                   "cam/playback?channel=C&subtype=S&starttime=T&endtime=T, T being UTC as 2020_09_13_12_26_40")
+    app.add_option(
+           "--recordings", options.recordings,
+           "folder of recordings: NAME.kav is served as NAME.kav, C_S_*.kav also as "
+           "cam/playback?channel=C&subtype=S&starttime=T&endtime=T, T being UTC as 2020_09_13_12_26_40; links out of "
+           "the folder are refused")
         ->check(CLI::ExistingDirectory);
     app.add_option("--user", users, "NAME:PASSWORD, repeatable: asks every client for Digest or Basic authentication")
         ->allow_extra_args(false);
@@ -160,7 +162,7 @@ bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
         ->allow_extra_args(false);
     app.add_option("--multicast-if", options.multicast_if, "address of the interface that multicast leaves by");
     app.add_option("--stats", options.stats_sec, "prints figures every SECONDS")->check(CLI::Range(0, 86400));
-    app.add_flag("--json", options.json, "prints figures and events as JSON");
+    app.add_flag("--json", options.json, "prints figures and events as JSON lines, and nothing else");
     app.add_option("--log", options.log_level, "what is logged")
         ->check(CLI::IsMember({"error", "warn", "info", "debug", "trace"}))
         ->capture_default_str();

@@ -1,169 +1,178 @@
 #include "Recording.h"
 
-#include <fcntl.h>
-#include <sys/mman.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
 #include <algorithm>
-#include <filesystem>
-#include <map>
-#include <mutex>
 
 #include "AnnexB.h"
 #include "Clip.h"
+#include "Vidora/KXFrame.h"
+#include "Vidora/Ostra/ByteReader.h"
 
 using namespace Kavio::Vidora;
 
 namespace {
 
-// What tells two states of a file apart.
-struct FileState {
-    off_t size = 0;
-    time_t changed_sec = 0;
-    long changed_ns = 0;
+bool is_played(const FrameEntry& entry) {
+    return entry.letter != 0 && entry.letter != FRAME_TYPE_ASSIST;
+}
 
-    bool operator==(const FileState& other) const {
-        return size == other.size && changed_sec == other.changed_sec && changed_ns == other.changed_ns;
-    }
-};
-
-struct CachedIndex {
-    FileState state;
-    std::shared_ptr<const Recording> recording;
-};
-
-std::mutex g_cache_mutex;
-std::map<std::string, CachedIndex> g_cache;
-
-bool read_state(const std::string& path, FileState& state) {
-    struct stat info = {};
-    if (stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode)) {
-        return false;
-    }
-    state.size = info.st_size;
-    state.changed_sec = info.st_mtim.tv_sec;
-    state.changed_ns = info.st_mtim.tv_nsec;
-    return true;
+// The frame at an offset, if there is a whole one.
+bool read_at(const FileBytes& file, uint64_t offset, FrameEntry& entry) {
+    FrameCursor cursor(file);
+    cursor.SkipTo(offset);
+    return cursor.Next(entry) == FrameCursor::STEP_FRAME;
 }
 
 }  // namespace
 
-std::shared_ptr<const Recording> Recording::Open(const std::string& path, std::string& error) {
-    FileState state;
-    if (!read_state(path, state)) {
-        error = path + ": cannot be read";
-        return nullptr;
-    }
-    // Held over the indexing, so that a second player waits for the index instead of building its own.
-    const std::lock_guard<std::mutex> guard(g_cache_mutex);
-    const auto cached = g_cache.find(path);
-    if (cached != g_cache.end() && cached->second.state == state) {
-        return cached->second.recording;
-    }
-    const std::shared_ptr<Recording> recording(new Recording);
-    if (!recording->load(path, error)) {
-        g_cache.erase(path);
-        return nullptr;
-    }
-    g_cache[path] = CachedIndex{state, recording};
-    return recording;
+bool ReadBody(const IBytes& bytes, const FrameEntry& frame, std::vector<unsigned char>& body) {
+    body.resize(frame.body_size);
+    return bytes.ReadAt(frame.body_offset, body.data(), body.size()) == body.size();
 }
 
-std::shared_ptr<const Recording> Recording::Find(const std::string& dir, int channel, int subtype,
-                                                 const Interval& interval, std::string& error) {
-    // The files that can't be read are passed over.
-    const std::string prefix = std::to_string(channel) + "_" + std::to_string(subtype) + "_";
-    std::vector<std::string> names;
-    std::error_code code;
-    const auto options = std::filesystem::directory_options::skip_permission_denied;
-    std::filesystem::recursive_directory_iterator entry(dir, options, code);
-    for (; !code && entry != std::filesystem::recursive_directory_iterator(); entry.increment(code)) {
-        const std::string name = entry->path().filename().string();
-        if (name.compare(0, prefix.size(), prefix) == 0 && HasEnding(name, ".kav")) {
-            names.push_back(entry->path().string());
-        }
-    }
-    std::shared_ptr<const Recording> best;
-    for (const std::string& name : names) {
-        const std::shared_ptr<const Recording> recording = Open(name, error);
-        const bool fits = recording && recording->EndSec() > interval.begin_sec &&
-                          (interval.end_sec == 0 || recording->BeginSec() <= interval.end_sec);
-        if (fits && (!best || recording->BeginSec() < best->BeginSec())) {
-            best = recording;
-        }
-    }
-    if (!best) {
-        error = dir + ": no recording of channel " + std::to_string(channel) + ", subtype " + std::to_string(subtype) +
-                " at that time";
-    }
-    return best;
-}
-
-Recording::~Recording() {
-    if (m_fd >= 0) {
-        close(m_fd);
-    }
-}
-
-bool Recording::load(const std::string& path, std::string& error) {
-    m_fd = open(path.c_str(), O_RDONLY | O_CLOEXEC);
-    struct stat info = {};
-    if (m_fd < 0 || fstat(m_fd, &info) != 0 || info.st_size <= 0) {
-        error = path + ": cannot be read";
+// The trailer tells the length of the last frame.
+bool ReadSpan(const FileBytes& file, Interval& span) {
+    unsigned char trailer[KX_TRAILER_LEN];
+    if (file.Size() < sizeof(trailer) ||
+        file.ReadAt(file.Size() - sizeof(trailer), trailer, sizeof(trailer)) != sizeof(trailer)) {
         return false;
     }
-    const size_t size = static_cast<size_t>(info.st_size);
-    void* data = mmap(nullptr, size, PROT_READ, MAP_PRIVATE, m_fd, 0);
-    if (data == MAP_FAILED) {
-        error = path + ": cannot be mapped";
+    Kavio::Ostra::CByteReader reader(trailer, sizeof(trailer));
+    reader.Skip(4);
+    const uint32_t last_size = reader.ReadU32Le();
+    FrameEntry first;
+    FrameEntry last;
+    if (last_size > file.Size() || !read_at(file, 0, first) || !read_at(file, file.Size() - last_size, last) ||
+        last.size != last_size || !is_played(first) || !is_played(last)) {
         return false;
     }
-    ScanFrames(static_cast<const unsigned char*>(data), size, m_frames);
-    munmap(data, size);
-    m_frames.erase(std::remove_if(m_frames.begin(), m_frames.end(),
-                                  [](const FrameEntry& entry) { return entry.letter == 'W' || entry.letter == 0; }),
-                   m_frames.end());
-    const auto key =
-        std::find_if(m_frames.begin(), m_frames.end(), [](const FrameEntry& entry) { return entry.letter == 'I'; });
-    if (key == m_frames.end()) {
-        error = path + ": holds no key frame";
-        return false;
-    }
-    std::vector<unsigned char> picture;
-    if (!ReadBody(*key, picture)) {
-        error = path + ": cannot be read";
-        return false;
-    }
-    if (key->encode_code == STREAM_VIDEO_H264) {
-        if (const char* why = WhyNotSent(picture.data(), picture.size())) {
-            error = path + ": " + why;
-            return false;
-        }
-    }
-    m_video.width = key->width;
-    m_video.height = key->height;
-    m_video.encode_type = key->encode_code;
-    m_video.frame_rate = key->frame_rate;
-    m_specific_info = FindSpecificInfo(picture.data(), picture.size(), key->encode_code);
-    const auto sound =
-        std::find_if(m_frames.begin(), m_frames.end(), [](const FrameEntry& entry) { return entry.letter == 'A'; });
-    if (sound != m_frames.end()) {
-        m_audio.encode_type = sound->encode_code;
-        m_audio.sample_rate = sound->sample_rate;
-    }
+    span.begin_sec = first.place.utc_sec;
+    span.end_sec = static_cast<uint64_t>(last.place.utc_sec) + 1;
     return true;
 }
 
-bool Recording::ReadBody(const FrameEntry& frame, std::vector<unsigned char>& body) const {
-    body.resize(frame.body_size);
-    return pread(m_fd, body.data(), body.size(), static_cast<off_t>(frame.body_offset)) ==
-           static_cast<ssize_t>(body.size());
+std::shared_ptr<const Recording> Recording::Index(const FileBytes& file, const Recording* former,
+                                                  const std::atomic<bool>& stop) {
+    const bool goes_on = former != nullptr && former->goes_on(file);
+    const std::shared_ptr<Recording> recording(goes_on ? new Recording(*former) : new Recording);
+    recording->m_state = file.State();
+    FrameCursor cursor(file);
+    if (recording->m_has_frames) {
+        cursor.Seek(recording->m_last);
+    }
+    cursor.SkipTo(recording->m_next_offset);
+    FrameEntry entry;
+    for (FrameCursor::step_t step = cursor.Next(entry); step != FrameCursor::STEP_END; step = cursor.Next(entry)) {
+        if (stop) {
+            return nullptr;
+        }
+        if (step == FrameCursor::STEP_FRAME && is_played(entry)) {
+            recording->add(entry);
+        }
+    }
+    recording->m_next_offset = cursor.ResumeOffset();
+    recording->m_keys.shrink_to_fit();
+    recording->describe(file);
+    return recording;
 }
 
-uint64_t Recording::BeginSec() const {
-    return m_frames.front().utc_sec;
+// Is this the indexed file, grown? A file that was written anew has other bytes where the last key frame stood.
+bool Recording::goes_on(const FileBytes& file) const {
+    FrameEntry entry;
+    const bool grew = m_state.IsSameFile(file.State()) && file.Size() >= m_state.size;
+    return grew && (m_keys.empty() || (read_at(file, m_keys.back().offset, entry) && entry.letter == FRAME_TYPE_I &&
+                                       entry.place.utc_sec == m_keys.back().utc_sec &&
+                                       entry.place.time_stamp == m_keys.back().time_stamp));
 }
-uint64_t Recording::EndSec() const {
-    return m_frames.back().utc_sec + 1;
+
+void Recording::add(const FrameEntry& entry) {
+    if (!m_has_frames) {
+        m_begin_sec = entry.place.utc_sec;
+        m_has_frames = true;
+    }
+    m_last = entry.place;
+    m_end_offset = entry.place.offset + entry.size;
+    if (entry.letter == FRAME_TYPE_I) {
+        if (m_key_count == 0) {
+            m_first_key = entry;
+        }
+        add_key(entry.place);
+    }
+    if (entry.letter == FRAME_TYPE_AUDIO && m_audio.encode_type == 0) {
+        m_audio.encode_type = entry.encode_code;
+        m_audio.sample_rate = entry.sample_rate;
+    }
+}
+
+void Recording::add_key(const FramePlace& place) {
+    if (m_key_count++ % m_key_step != 0) {
+        return;
+    }
+    if (m_keys.size() == MAX_KEYS) {
+        for (size_t i = 0; i < MAX_KEYS / 2; ++i) {
+            m_keys[i] = m_keys[2 * i];
+        }
+        m_keys.resize(MAX_KEYS / 2);
+        m_key_step *= 2;
+    }
+    m_keys.push_back(place);
+}
+
+// The formats, and whether the recording can be sent, by its first key frame.
+void Recording::describe(const FileBytes& file) {
+    std::vector<unsigned char> picture;
+    m_fault.clear();
+    if (m_keys.empty()) {
+        m_fault = "holds no key frame";
+    } else if (!ReadBody(file, m_first_key, picture)) {
+        m_fault = "cannot be read";
+    } else if (m_first_key.encode_code == STREAM_VIDEO_H264) {
+        const char* why = WhyNotSent(picture.data(), picture.size());
+        m_fault = why != nullptr ? why : "";
+    }
+    m_video.width = m_first_key.width;
+    m_video.height = m_first_key.height;
+    m_video.encode_type = m_first_key.encode_code;
+    m_video.frame_rate = m_first_key.frame_rate;
+    m_specific_info = FindSpecificInfo(picture.data(), picture.size(), m_first_key.encode_code);
+}
+
+// The first key frame of that second or a later one: pictures in front of it would have nothing to refer to.
+size_t Recording::FindKey(uint64_t utc_sec, size_t first, size_t last) const {
+    size_t key = first;
+    while (key < last && m_keys[key].utc_sec < utc_sec) {
+        ++key;
+    }
+    return key;
+}
+
+PlayWindow Recording::Cut(const FileBytes& file, const Interval& interval) const {
+    PlayWindow window;
+    window.last_key = m_keys.size() - 1;
+    window.end_offset = m_end_offset;
+    window.last = m_last;
+    if (interval.begin_sec > m_begin_sec) {
+        window.first_key = FindKey(interval.begin_sec, 0, window.last_key);
+    }
+    if (interval.end_sec == 0 || m_last.utc_sec <= interval.end_sec) {
+        return window;
+    }
+    while (window.last_key > window.first_key && m_keys[window.last_key].utc_sec > interval.end_sec) {
+        --window.last_key;
+    }
+    // From there to the last frame in time.
+    FrameCursor cursor(file);
+    cursor.Seek(m_keys[window.last_key]);
+    window.last = m_keys[window.last_key];
+    window.end_offset = window.last.offset + 1;
+    FrameEntry entry;
+    for (FrameCursor::step_t step = cursor.Next(entry); step != FrameCursor::STEP_END; step = cursor.Next(entry)) {
+        if (step == FrameCursor::STEP_FRAME && is_played(entry) && entry.place.utc_sec > interval.end_sec) {
+            break;
+        }
+        if (step == FrameCursor::STEP_FRAME) {
+            window.last = entry.place;
+        }
+        window.end_offset = cursor.Offset();
+    }
+    return window;
 }

@@ -7,6 +7,7 @@
 
 #include "AnnexB.h"
 #include "FrameMaker.h"
+#include "Vidora/Ostra/Log.h"
 
 using namespace Kavio::Vidora;
 using std::chrono::duration;
@@ -17,49 +18,90 @@ namespace {
 // Above this rate, and backwards, only key frames go out.
 const float MAX_FULL_SPEED = 4.0F;
 
+// From a thread of the store to the source's strand: what was asked for has been opened, or not.
+const unsigned int MSG_OPENED = 0x7001;
+
 }  // namespace
 
-RecordingSource::RecordingSource(std::shared_ptr<const Recording> recording, const Interval& interval)
-    : m_recording(std::move(recording)), m_last(static_cast<long>(m_recording->Frames().size()) - 1) {
-    if (interval.begin_sec > m_recording->BeginSec()) {
-        m_first = find_key_frame(interval.begin_sec);
+// What the store hands over, held by both sides, so that either may go first.
+class RecordingSource::Answer : public CNetHandler {
+public:
+    explicit Answer(long source_id) : m_source_id(source_id) {}
+
+    void Set(std::unique_ptr<OpenRecording> open) {
+        {
+            const std::lock_guard<std::mutex> guard(m_mutex);
+            m_open = std::move(open);
+        }
+        Notify(m_source_id, MSG_OPENED, 0);
     }
-    while (interval.end_sec != 0 && m_last > m_first && frame(m_last).utc_sec > interval.end_sec) {
-        --m_last;
+    std::unique_ptr<OpenRecording> Take() {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return std::move(m_open);
     }
-    m_index = m_first;
-}
+
+private:
+    const long m_source_id;
+    std::mutex m_mutex;
+    std::unique_ptr<OpenRecording> m_open;
+};
+
+RecordingSource::RecordingSource(RecordingStore& store, RecordingQuery query, std::string content)
+    : m_store(store), m_query(std::move(query)), m_content(std::move(content)) {}
+
+RecordingSource::~RecordingSource() = default;
 
 int RecordingSource::Init(long receiver_id, int) {
     m_receiver_id = receiver_id;
-    Notify(receiver_id, MSG_STREAM_INFO, 0);
+    m_answer = std::make_shared<Answer>(GetID());
+    m_store.Open(m_query, [answer = m_answer](std::unique_ptr<OpenRecording> open) { answer->Set(std::move(open)); });
+    return 0;
+}
+
+int RecordingSource::handle_message(long, unsigned int msg, long) {
+    if (msg != MSG_OPENED) {
+        return 0;
+    }
+    std::unique_ptr<OpenRecording> open = m_answer->Take();
+    if (!open || !open->error.empty()) {
+        Kavio::Ostra::logWarn("%s: %s\n", m_content.c_str(), open ? open->error.c_str() : "not enough memory");
+        Notify(m_receiver_id, MSG_STREAM_FAIL, 0);
+        return 0;
+    }
+    m_open = std::move(open);
+    m_cursor = std::make_unique<FrameCursor>(m_open->file);
+    m_cursor->Seek(first());
+    m_now_sec = first().utc_sec;
+    Notify(m_receiver_id, MSG_STREAM_INFO, 0);
     return 0;
 }
 
 int RecordingSource::GetVideoSpecificInfo(char* buf, int len) {
-    const std::string& info = m_recording->SpecificInfo();
+    const std::string& info = recording().SpecificInfo();
     std::memcpy(buf, info.data(), std::min(info.size(), static_cast<size_t>(len)));
     return static_cast<int>(info.size());
 }
 
 int RecordingSource::UpdataStreamInfo(long) {
-    Notify(m_receiver_id, MSG_STREAM_INFO, 0);
+    Notify(m_receiver_id, m_open ? MSG_STREAM_INFO : MSG_STREAM_FAIL, 0);
     return 0;
 }
 
-bool RecordingSource::Start(frame_proc_t proc) {
+template <typename Change>
+bool RecordingSource::order(Change change) {
     {
         const std::lock_guard<std::mutex> guard(m_mutex);
-        const Clock::time_point now = Clock::now();
-        if (!m_begun) {
-            m_begin = now;
-            m_begun = true;
-        }
-        m_proc = proc;
-        m_paused = false;
-        set_anchor_locked(now);
+        m_orders.is_new = true;
+        change(m_orders);
     }
-    return m_pump.Start([this](Clock::time_point now) { return step(now); });
+    m_pump.Wake();
+    return true;
+}
+
+bool RecordingSource::Start(frame_proc_t proc) {
+    m_proc = proc;
+    order([](Orders& orders) { orders.paused = false; });
+    return m_open && m_pump.Start([this](Clock::time_point now) { return step(now); });
 }
 
 bool RecordingSource::Stop(frame_proc_t) {
@@ -67,81 +109,45 @@ bool RecordingSource::Stop(frame_proc_t) {
 }
 
 bool RecordingSource::Pause() {
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    m_paused = true;
-    return true;
+    return order([](Orders& orders) { orders.paused = true; });
 }
 
 bool RecordingSource::Resume() {
-    {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        m_paused = false;
-        set_anchor_locked(Clock::now());
-    }
-    m_pump.Wake();
-    return true;
+    return order([](Orders& orders) { orders.paused = false; });
 }
 
 bool RecordingSource::SetSpeed(float speed) {
-    if (!std::isfinite(speed) || speed == 0.0F) {
-        return false;
-    }
-    {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        m_speed = speed;
-        set_anchor_locked(Clock::now());
-    }
-    m_pump.Wake();
-    return true;
+    return std::isfinite(speed) && speed != 0.0F && order([speed](Orders& orders) { orders.speed = speed; });
 }
 
 bool RecordingSource::GetSpeed(float& speed) {
     const std::lock_guard<std::mutex> guard(m_mutex);
-    speed = m_speed;
+    speed = m_orders.speed;
     return true;
-}
-
-// The first key frame of that second or a later one: pictures in front of it would have nothing to refer to. Behind the
-// last key frame it is that one.
-long RecordingSource::find_key_frame(uint64_t utc_sec) const {
-    long found = m_first;
-    for (long i = m_first; i <= m_last; ++i) {
-        if (frame(i).letter == FRAME_TYPE_I) {
-            found = i;
-            if (frame(i).utc_sec >= utc_sec) {
-                break;
-            }
-        }
-    }
-    return found;
 }
 
 bool RecordingSource::SeekByTime(const CTime& time) {
-    const long target = find_key_frame(time.makeTime());
-    {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        m_index = target;
-        m_ended = false;
-        set_anchor_locked(Clock::now());
-    }
-    m_pump.Wake();
-    return true;
+    const size_t key = recording().FindKey(time.makeTime(), window().first_key, window().last_key);
+    m_now_sec = recording().Keys()[key].utc_sec;
+    return order([key](Orders& orders) {
+        orders.seeks = true;
+        orders.seek_key = key;
+    });
 }
 
 bool RecordingSource::GetTime(CTime& time) {
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    time = CTime(frame(std::min(std::max(m_index, m_first), m_last)).utc_sec);
+    time = CTime(m_now_sec);
     return true;
 }
 
 bool RecordingSource::GetFileRange(CTime& begin, CTime& end) {
-    begin = CTime(frame(m_first).utc_sec);
-    end = CTime(frame(m_last).utc_sec + 1);  // the second behind the last frame
+    begin = CTime(first().utc_sec);
+    end = CTime(static_cast<uint64_t>(window().last.utc_sec) + 1);  // the second behind the last frame
     return true;
 }
 
 bool RecordingSource::GetFileRange(uint64_t& length_us) {
-    length_us = (std::max(frame(m_last).time_ms, frame(m_first).time_ms) - frame(m_first).time_ms) * 1000;
+    length_us = static_cast<uint64_t>(std::max<int64_t>(0, window().last.time_ms - first().time_ms)) * 1000;
     return true;
 }
 
@@ -156,81 +162,145 @@ int RecordingSource::handle_close(CNetHandler*) {
     return 0;
 }
 
-bool RecordingSource::is_at_end_locked() const {
-    return m_index < m_first || m_index > m_last;
+bool RecordingSource::is_keys_only() const {
+    return m_speed < 0.0F || m_speed > MAX_FULL_SPEED;
 }
 
-bool RecordingSource::is_sent_locked(const FrameEntry& entry) const {
-    if (m_speed < 0.0F || m_speed > MAX_FULL_SPEED) {
-        return entry.letter == FRAME_TYPE_I;
+bool RecordingSource::is_sent(const FrameEntry& entry) const {
+    if (entry.letter == 0 || entry.letter == FRAME_TYPE_ASSIST) {
+        return false;
     }
     return entry.letter != FRAME_TYPE_AUDIO || m_speed == 1.0F;  // sound makes sense at its own rate only
 }
 
-void RecordingSource::skip_unsent_locked() {
-    const long direction = m_speed < 0.0F ? -1 : 1;
-    while (!is_at_end_locked() && !is_sent_locked(frame(m_index))) {
-        m_index += direction;
+// From now on the next frame is due at once and the others follow it at the rate that is wanted.
+void RecordingSource::take_orders(const Orders& orders, Clock::time_point now) {
+    if (!m_begun) {
+        m_begin = now;
+        m_begun = true;
+    }
+    if (m_has_next) {
+        m_cursor->Seek(m_next.place);  // it may be no frame that the new rate sends
+        m_has_next = false;
+    }
+    if (orders.seeks) {
+        m_cursor->Seek(recording().Keys()[orders.seek_key]);
+        m_ended = false;
+    }
+    m_speed = orders.speed;
+    m_has_anchor = false;
+    m_anchor_time = now;
+    find_next_key();
+}
+
+// The next key frame in the playing direction.
+void RecordingSource::find_next_key() {
+    const std::vector<FramePlace>& keys = recording().Keys();
+    const auto at = std::lower_bound(keys.begin(), keys.end(), m_cursor->Offset(),
+                                     [](const FramePlace& key, uint64_t offset) { return key.offset < offset; });
+    m_key = static_cast<size_t>(at - keys.begin());
+    const bool is_on_key = at != keys.end() && at->offset == m_cursor->Offset();
+    if (m_speed < 0.0F && !is_on_key) {
+        --m_key;  // the one in front; wraps at the beginning, behind every window
     }
 }
 
-// From now on the next frame is due at once and the others follow it at the present rate.
-void RecordingSource::set_anchor_locked(Clock::time_point now) {
-    m_anchor_time = now;
-    if (!is_at_end_locked()) {
-        m_anchor_ms = static_cast<double>(frame(m_index).time_ms);
+// Reads the next frame that goes out; false at an end of the window, or of a file that has become shorter.
+bool RecordingSource::fetch() {
+    if (!m_has_next) {
+        m_has_next = is_keys_only() ? fetch_key() : fetch_in_row();
     }
+    return m_has_next;
+}
+
+bool RecordingSource::fetch_key() {
+    if (m_key < window().first_key || m_key > window().last_key) {
+        return false;
+    }
+    m_cursor->Seek(recording().Keys()[m_key]);
+    m_key += m_speed < 0.0F ? SIZE_MAX : 1;  // backwards by one, wrapping
+    return m_cursor->Next(m_next) == FrameCursor::STEP_FRAME && m_next.letter == FRAME_TYPE_I;
+}
+
+bool RecordingSource::fetch_in_row() {
+    while (m_cursor->Offset() < window().end_offset) {
+        const FrameCursor::step_t met = m_cursor->Next(m_next);
+        if (met == FrameCursor::STEP_END) {
+            return false;
+        }
+        if (met == FrameCursor::STEP_FRAME && is_sent(m_next)) {
+            return true;
+        }
+    }
+    return false;
 }
 
 // When a frame is due, in milliseconds from m_begin.
-double RecordingSource::play_ms_locked(const FrameEntry& entry) const {
+double RecordingSource::play_ms(const FrameEntry& entry) const {
     const double anchor = duration<double, std::milli>(m_anchor_time - m_begin).count();
-    return anchor + (static_cast<double>(entry.time_ms) - m_anchor_ms) / static_cast<double>(m_speed);
+    return anchor + (static_cast<double>(entry.place.time_ms) - m_anchor_ms) / static_cast<double>(m_speed);
 }
 
 RecordingSource::Clock::time_point RecordingSource::step(Clock::time_point now) {
     const Clock::time_point far_away = now + std::chrono::hours(1);
-    std::unique_lock<std::mutex> lock(m_mutex);
     for (;;) {
-        if (m_paused) {
-            return far_away;
-        }
-        skip_unsent_locked();
-        if (is_at_end_locked()) {
-            if (!m_ended) {
-                m_ended = true;
-                const double pts_ms = m_last_pts_ms + 1.0;
-                lock.unlock();
-                give(frame(m_last), pts_ms, true);
+        Orders orders;
+        {
+            const std::lock_guard<std::mutex> guard(m_mutex);
+            orders = m_orders;
+            if (orders.paused) {
+                return far_away;
             }
+            m_orders.is_new = false;
+            m_orders.seeks = false;
+        }
+        if (orders.is_new) {
+            take_orders(orders, now);
+        }
+        if (!fetch()) {
+            give_end();
             return far_away;
         }
-        const FrameEntry& entry = frame(m_index);
-        const double due_ms = play_ms_locked(entry);
+        if (!m_has_anchor) {
+            m_anchor_ms = static_cast<double>(m_next.place.time_ms);
+            m_has_anchor = true;
+        }
+        const double due_ms = play_ms(m_next);
         const Clock::time_point due = m_begin + duration_cast<Clock::duration>(duration<double, std::milli>(due_ms));
         if (due > now) {
             return due;
         }
-        m_index += m_speed < 0.0F ? -1 : 1;
+        m_has_next = false;
         m_last_pts_ms = due_ms;
-        lock.unlock();
-        give(entry, due_ms, false);
-        lock.lock();
+        m_now_sec = m_next.place.utc_sec;
+        give(m_next, due_ms);
     }
 }
 
-// The frame that tells the end isn't sent on.
-void RecordingSource::give(const FrameEntry& entry, double pts_ms, bool is_end) {
+void RecordingSource::give(const FrameEntry& entry, double pts_ms) {
+    if (!read_body(entry)) {
+        return;
+    }
     const bool is_audio = entry.letter == FRAME_TYPE_AUDIO;
     FrameFacts facts;
     facts.letter = entry.letter;
     facts.sequence = m_sequence[is_audio ? 1 : 0]++;
     facts.pts_ms = static_cast<uint64_t>(std::max(pts_ms, 0.0) + 1.5);  // above 0, which would mean "no time yet"
-    facts.utc = static_cast<double>(entry.utc_sec);
-    if (!m_recording->ReadBody(entry, m_body) && !is_end) {
-        return;
+    facts.utc = static_cast<double>(entry.place.utc_sec);
+    const Kavio::Flumen::CMediaFrame media =
+        is_audio ? MakeAudioFrame(facts, recording().AudioFormat(), m_body.data(), m_body.size())
+                 : MakeVideoFrame(facts, recording().VideoFormat(), m_body.data(), m_body.size());
+    if (media.valid()) {
+        m_packet_state = 0;
+        m_proc(media);
     }
-    if (!is_audio && m_recording->VideoFormat().encode_type == STREAM_VIDEO_H264 &&
+}
+
+bool RecordingSource::read_body(const FrameEntry& entry) {
+    if (!ReadBody(m_open->file, entry, m_body)) {
+        return false;
+    }
+    if (entry.letter != FRAME_TYPE_AUDIO && recording().VideoFormat().encode_type == STREAM_VIDEO_H264 &&
         HasShortStartCode(m_body.data(), m_body.size())) {
         m_short_body.swap(m_body);
         m_body.clear();
@@ -238,11 +308,22 @@ void RecordingSource::give(const FrameEntry& entry, double pts_ms, bool is_end) 
             AppendNalUnit(m_body, nal);
         }
     }
-    const Kavio::Flumen::CMediaFrame media =
-        is_audio ? MakeAudioFrame(facts, m_recording->AudioFormat(), m_body.data(), m_body.size())
-                 : MakeVideoFrame(facts, m_recording->VideoFormat(), m_body.data(), m_body.size());
+    return true;
+}
+
+// Tells the end, once, with a frame that isn't sent on.
+void RecordingSource::give_end() {
+    if (m_ended) {
+        return;
+    }
+    m_ended = true;
+    FrameFacts facts;
+    facts.pts_ms = static_cast<uint64_t>(std::max(m_last_pts_ms, 0.0) + 2.5);
+    facts.utc = static_cast<double>(window().last.utc_sec);
+    const unsigned char nothing[1] = {};
+    const Kavio::Flumen::CMediaFrame media = MakeVideoFrame(facts, recording().VideoFormat(), nothing, sizeof(nothing));
     if (media.valid()) {
-        m_packet_state = is_end ? 1 : 0;
+        m_packet_state = 1;
         m_proc(media);
     }
 }

@@ -1,6 +1,8 @@
 // vidora-host: publishes files as live RTSP streams and serves recordings, on the library's exported headers only.
 #include <sys/resource.h>
 
+#include <algorithm>
+#include <chrono>
 #include <csignal>
 #include <cstdio>
 #include <cstring>
@@ -19,8 +21,7 @@ using namespace Kavio::Vidora;
 namespace {
 
 // How long the sessions may take to end.
-const int END_WAIT_MS = 10000;
-const int END_POLL_MS = 10;
+const std::chrono::milliseconds END_WAIT{300};
 
 // What the library's callbacks, which are plain functions, need.
 const Catalog* g_catalog = nullptr;
@@ -81,19 +82,23 @@ const MulticastOption* find_multicast(const Options& options, const std::string&
 // Everything that is open, closed in order by the destructor.
 class Host {
 public:
-    // From the outside in: no new connections; then the streams end, which ends their sessions; then the registry,
-    // which the sessions need to the last.
+    // From the outside in: no new connections; then all sessions end, together; then the streams and the registry.
     ~Host() {
         for (CRtspSvr* server : m_servers) {
+            server->Stop();
+            server->EndSessions(0);
+        }
+        const auto end = std::chrono::steady_clock::now() + END_WAIT;
+        for (CRtspSvr* server : m_servers) {
+            const auto left = end - std::chrono::steady_clock::now();
+            const auto left_ms = std::chrono::duration_cast<std::chrono::milliseconds>(left).count();
+            server->EndSessions(static_cast<unsigned int>(std::max<int64_t>(left_ms, 0)));
             server->Close();
         }
         for (const std::string& content : m_published) {
             m_live_svr->DelLiveChannel(content.c_str());
         }
-        for (int i = 0; i < END_WAIT_MS / END_POLL_MS && CRtspSvr::GetSessionCount() > 0; ++i) {
-            CThread::sleep(END_POLL_MS);
-        }
-        if (m_live_svr != nullptr && CRtspSvr::GetSessionCount() == 0) {
+        if (m_live_svr != nullptr) {
             m_live_svr->Close();
         }
         CNetThread::DestroyThreadPool();
@@ -198,7 +203,9 @@ private:
     std::vector<std::string> m_published;
 };
 
+// Readers of our output may go, which writes then tell.
 sigset_t block_signals() {
+    std::signal(SIGPIPE, SIG_IGN);
     sigset_t signals;
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
@@ -255,13 +262,13 @@ int main(int argc, char** argv) {
     }
     Credentials credentials;
     credentials.Set(options.users, options.realm, options.nonce_sec);
-    Monitor monitor(options.json);
     g_catalog = &catalog;
     g_credentials = &credentials;
-    g_monitor = &monitor;
 
     // Blocked before any thread starts, so that only the wait below sees them.
     const sigset_t signals = block_signals();
+    Monitor monitor(options.json);
+    g_monitor = &monitor;
     {
         Host host;
         if (!host.Open(options, error)) {
@@ -274,6 +281,8 @@ int main(int argc, char** argv) {
             std::fprintf(stderr, "vidora-host: nothing is published: see --live and --recordings\n");
         }
         wait_for_end(signals, options.stats_sec, monitor);
+        // A second signal ends the process at once.
+        pthread_sigmask(SIG_UNBLOCK, &signals, nullptr);
     }
     return 0;
 }

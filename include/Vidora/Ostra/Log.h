@@ -24,7 +24,9 @@ enum log_level_t {
 typedef void (*log_sink_t)(void* user_data, log_level_t level, const char* text, size_t length);
 
 // Sets where lines go. A null sink restores the default: one write to standard error a line, behind the tag
-// "[Vidora]". Any thread, at any time. On return the former sink is not called again by lines that begin later; a
+// "[Vidora]"; while standard error has no room (a pipe that nobody reads), lines are dropped, and their number is told
+// before the next one that gets through. A sink should not wait either: it holds up the thread that logs, which may be
+// one of the pool. Any thread, at any time. On return the former sink is not called again by lines that begin later; a
 // line that another thread is writing just now may still be in it.
 VIDORA_API void SetLogSink(log_sink_t sink, void* user_data);
 

@@ -43,7 +43,7 @@ public:
     unsigned int getExtraSize() const;
 
 private:
-    struct Block;
+    struct VIDORA_LOCAL Block;
     void release();
 
     Block* m_block = nullptr;

@@ -61,7 +61,7 @@ public:
 private:
     friend class CMediaBufferRef;
 
-    class CImpl;
+    class VIDORA_LOCAL CImpl;
     std::shared_ptr<CImpl> m_impl;  // null if memory was short
 };
 

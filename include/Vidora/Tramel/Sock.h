@@ -7,6 +7,8 @@
 namespace Kavio {
 namespace Tramel {
 
+class CNetHandler;
+
 // CSock: owns a descriptor, which is non-blocking and close-on-exec from Attach or Open on.
 //
 // THREADING  Used from the callbacks of the handler that holds it; the senders lock for themselves.
@@ -35,10 +37,13 @@ protected:
     // The descriptor is about to be closed or given away: nothing may be written to it through this object any more,
     // since its number can stand for another file at once. The base does nothing.
     virtual void OnRelease() {}
+    // A handler has registered the socket with the reactor, perhaps after having taken it out. The base does nothing.
+    virtual void OnRegistered() {}
 
     int m_fd = -1;
 
 private:
+    friend class CNetHandler;
     int get_addr(int (*query)(int, struct sockaddr*, socklen_t*), CSockAddr* addr) const;
 };
 

@@ -1,13 +1,11 @@
-// The H.264 rule of CRtp2Frame (RFC 6184): packets to a byte stream with start codes.
+#include "StreamParser/RtpH264Rule.h"
 
 #include <algorithm>
 
-#include "StreamParser/Rtp2Frame.h"
 #include "StreamParser/StartCodeScan.h"
-#include "Vidora/H264Parser.h"
 #include "Vidora/Names.h"
-#include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Ostra/ByteWriter.h"
+#include "Vidora/Types.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -21,8 +19,14 @@ constexpr uint8_t FU_START = 0x80;
 constexpr uint32_t FU_HEADER_LEN = 2;    // indicator and header
 constexpr uint32_t SLICE_TYPE_LEN = 3;   // bytes behind the NAL header in which the slice type is looked for
 constexpr uint32_t SLICE_HEAD_LEN = 64;  // more than a slice header needs up to field_pic_flag
+constexpr uint8_t FIRST_MB_0 = 0x80;     // first_mb_in_slice 0 as Exp-Golomb code, at the front of a slice
 constexpr int ERROR_SHORT = -1;
 constexpr int ERROR_NAL_TYPE = -2;
+
+struct FirstNal {
+    int type;
+    RtpIov rest;  // the bytes behind its header, as far as they are in the packet
+};
 
 bool has_start_code(CByteReader reader) {
     return reader.ReadU32() == 0x00000001 && reader.Ok();
@@ -34,47 +38,95 @@ bool is_inner_code(const StartCodeScan& scan) {
     return scan.Before() == 0x00 || scan.Before() == 0x80;
 }
 
-}  // namespace
-
-int CRtp2Frame::set_h264_config(const Piece& sps, const Piece& pps) {
-    if (uint64_t{sps.len} + pps.len + 2 * START_CODE_LEN >= CONFIG_SIZE) {
-        return -1;
-    }
-    CByteWriter config(m_config, CONFIG_SIZE);
-    for (const Piece& set : {sps, pps}) {
-        if (!has_start_code(CByteReader(set.data, set.len))) {
-            config.WriteBytes(START_CODE, START_CODE_LEN);
+// The first NAL unit that a packet brings or begins; a type of 0 without one, and of -1 for the middle of a unit.
+FirstNal first_nal(const RtpHeader& packet) {
+    CByteReader payload(packet.payload, packet.payload_len);
+    const uint8_t head = payload.ReadU8();
+    int type = h264_nal_type(head);
+    if (type == H264_NAL_STAP_A) {
+        uint16_t len = payload.ReadU16();
+        while (payload.Ok() && len == 0) {
+            len = payload.ReadU16();
         }
-        config.WriteBytes(set.data, set.len);
+        CByteReader unit = payload.SubReader(len);
+        type = payload.Ok() ? h264_nal_type(unit.ReadU8()) : -1;
+        return {type, {unit.Rest(), static_cast<uint32_t>(unit.Remaining())}};
     }
-    m_config_len = static_cast<uint32_t>(config.Offset());
-    return 0;
+    if (type == H264_NAL_FU_A) {
+        const uint8_t header = payload.ReadU8();
+        type = (header & FU_START) != 0 ? h264_nal_type(header) : -1;
+    }
+    return {type, {payload.Rest(), static_cast<uint32_t>(payload.Remaining())}};
 }
 
-int CRtp2Frame::make_h264() {
-    while (RtpPacketNode* node = next_node()) {
-        const int ret = place_h264_node(*node);
+}  // namespace
+
+bool CRtpH264Rule::CanBegin(const RtpHeader& packet, bool joining) const {
+    const FirstNal first = first_nal(packet);
+    const bool is_slice = first.type == H264_NAL_SLICE || first.type == H264_NAL_IDR;
+    return first.type >= 0 && (!joining || !is_slice || opens_picture(first.type, first.rest));
+}
+
+// Only a slice or a sequence parameter set of its own does. An FU-A never counts, not even with its start bit set, so a
+// loss in front of one always marks the frame.
+bool CRtpH264Rule::OpensCleanly(const RtpHeader& packet) const {
+    const int type = h264_nal_type(CByteReader(packet.payload, packet.payload_len).PeekU8());
+    if (type != H264_NAL_SLICE && type != H264_NAL_IDR) {
+        return type == H264_NAL_SPS;
+    }
+    return opens_picture(type, first_nal(packet).rest);
+}
+
+// Is the slice the first one of its picture? Slices come in order but in profiles that nobody streams. The second field
+// of a frame begins anew; only an IDR slice of a field is surely one of the first (ISO 14496-10 7.4.1.2.4).
+bool CRtpH264Rule::opens_picture(int nal_type, const RtpIov& rest) const {
+    if ((CByteReader(rest.data, rest.len).PeekU8() & FIRST_MB_0) == 0) {
+        return false;
+    }
+    H264Sps sps;
+    H264Slice slice;
+    const bool is_field = nal_type == H264_NAL_SLICE && find_sps(sps) && !sps.frame_mbs_only &&
+                          h264_parse_field_pic(rest.data, std::min(rest.len, SLICE_HEAD_LEN), sps, slice) &&
+                          slice.field_pic;
+    return !is_field;
+}
+
+// The sequence parameter set in force. False if there is none that can be read.
+bool CRtpH264Rule::find_sps(H264Sps& sps) const {
+    CByteReader config(m_work.config.bytes, m_work.config.len);
+    StartCodeScan scan(m_work.config.bytes, m_work.config.len);
+    bool found = false;
+    while (!found && scan.Next()) {
+        found = h264_nal_type(scan.Value()) == H264_NAL_SPS;
+    }
+    return found && config.Skip(scan.Offset() + 3) && h264_parse_sps(config.Rest(), config.Remaining(), sps);
+}
+
+int CRtpH264Rule::Make() {
+    while (RtpPacketNode* node = m_work.NextNode()) {
+        const int ret = place_node(*node);
         if (ret < 0) {
             return ret;
         }
     }
-    m_key_frame = m_walk.kind == KIND_KEY;
-    if (m_walk.kind == KIND_NONE) {
+    const bool key = m_found.kind == KIND_KEY;
+    m_work.frame_type = key ? FRAME_TYPE_I : FRAME_TYPE_P;
+    if (m_found.kind == KIND_NONE) {
         return FRAME_MORE;  // parameter sets or side data so far; the picture is still to come
     }
-    if (m_key_frame) {
+    if (key) {
         search_parameter_sets();
-        const bool found = m_walk.sps.data != nullptr && m_walk.pps.data != nullptr;
-        if (!found || set_h264_config(m_walk.sps, m_walk.pps) < 0) {
-            set_config_prefix();
+        const bool found = m_found.sps.data != nullptr && m_found.pps.data != nullptr;
+        if (!found || !m_work.config.SetH264(m_found.sps, m_found.pps)) {
+            m_work.SetConfigPrefix();
         }
     }
-    take_h264_facts();
+    take_facts();
     return FRAME_COMPLETE;
 }
 
 // Settles what of a packet goes into the frame and what stands in front of it.
-int CRtp2Frame::place_h264_node(RtpPacketNode& node) {
+int CRtpH264Rule::place_node(RtpPacketNode& node) {
     CByteReader payload(node.raw, node.raw_len);
     if (payload.Remaining() < FU_HEADER_LEN) {
         return ERROR_SHORT;
@@ -101,16 +153,16 @@ int CRtp2Frame::place_h264_node(RtpPacketNode& node) {
         take_parameter_set(node.raw, node.raw_len);
     }
     payload.Skip(1);
-    set_h264_kind(type, {payload.Rest(), static_cast<uint32_t>(payload.Remaining())}, {node.raw, node.raw_len});
+    set_kind(type, {payload.Rest(), static_cast<uint32_t>(payload.Remaining())}, {node.raw, node.raw_len});
     return 0;
 }
 
 // RFC 6184 5.7.1: a byte, then NAL units, each behind its 16-bit length. One that overruns the packet ends the walk.
-int CRtp2Frame::place_stap_a(RtpPacketNode& node) {
+int CRtpH264Rule::place_stap_a(RtpPacketNode& node) {
     CByteReader payload(node.raw, node.raw_len);
     payload.Skip(1);
     int type = 0;
-    Piece rest = {nullptr, 0};
+    RtpIov rest = {nullptr, 0};
     uint32_t count = 0;
     while (payload.Remaining() > 0) {
         const uint16_t len = payload.ReadU16();
@@ -132,17 +184,17 @@ int CRtp2Frame::place_stap_a(RtpPacketNode& node) {
             rest = {unit.Rest(), static_cast<uint32_t>(unit.Remaining())};
         }
     }
-    set_h264_kind(type, rest, {node.raw, node.raw_len});
+    set_kind(type, rest, {node.raw, node.raw_len});
     return 0;
 }
 
 // RFC 6184 5.8: the indicator with F and NRI, a header with start bit, end bit and type, then a piece of the NAL unit.
-void CRtp2Frame::place_fu_a(RtpPacketNode& node) {
+void CRtpH264Rule::place_fu_a(RtpPacketNode& node) {
     CByteReader payload(node.raw, node.raw_len);
     const uint8_t indicator = payload.ReadU8();
     const uint8_t header = payload.ReadU8();
     const int type = h264_nal_type(header);
-    const Piece rest = {payload.Rest(), static_cast<uint32_t>(payload.Remaining())};
+    const RtpIov rest = {payload.Rest(), static_cast<uint32_t>(payload.Remaining())};
     if ((header & FU_START) != 0) {
         CByteWriter fixed(node.fixed, RtpPacketNode::FIXED_SIZE);
         fixed.WriteBytes(START_CODE, START_CODE_LEN);
@@ -156,16 +208,16 @@ void CRtp2Frame::place_fu_a(RtpPacketNode& node) {
     }
     node.body = payload.Rest();
     node.body_len = static_cast<uint32_t>(payload.Remaining());
-    set_h264_kind(type, rest, {node.raw, node.raw_len});
+    set_kind(type, rest, {node.raw, node.raw_len});
 }
 
 // While the frame's kind isn't known: looks for it in a NAL unit of type `nal_type` with the bytes `rest` behind its
 // header, or else at the start codes inside the payload.
-void CRtp2Frame::set_h264_kind(int nal_type, const Piece& rest, const Piece& payload) {
-    if (m_walk.kind != KIND_NONE) {
+void CRtpH264Rule::set_kind(int nal_type, const RtpIov& rest, const RtpIov& payload) {
+    if (m_found.kind != KIND_NONE) {
         return;
     }
-    m_walk.slice = rest;
+    m_found.slice = rest;
     StartCodeScan scan(payload.data, payload.len);
     while (nal_type != H264_NAL_IDR && nal_type != H264_NAL_SLICE) {
         if (!scan.Next()) {
@@ -174,27 +226,27 @@ void CRtp2Frame::set_h264_kind(int nal_type, const Piece& rest, const Piece& pay
         nal_type = h264_nal_type(scan.Value());
         CByteReader inner(payload.data, payload.len);
         inner.Skip(scan.Offset() + 4);
-        m_walk.slice = {inner.Rest(), static_cast<uint32_t>(inner.Remaining())};
+        m_found.slice = {inner.Rest(), static_cast<uint32_t>(inner.Remaining())};
     }
     if (nal_type == H264_NAL_IDR) {
-        m_walk.kind = KIND_KEY;
+        m_found.kind = KIND_KEY;
         return;
     }
     // ISO 14496-10 table 7-6; an I slice makes a key frame of it, as far as a decoder can join there.
-    static const uint8_t KINDS[] = {KIND_P, KIND_B, KIND_KEY, KIND_P, KIND_KEY,
-                                    KIND_P, KIND_B, KIND_KEY, KIND_P, KIND_KEY};
+    static const kind_t KINDS[] = {KIND_P, KIND_B, KIND_KEY, KIND_P, KIND_KEY,
+                                   KIND_P, KIND_B, KIND_KEY, KIND_P, KIND_KEY};
     H264Slice slice;
-    if (h264_parse_slice_type(m_walk.slice.data, std::min(m_walk.slice.len, SLICE_TYPE_LEN), slice) &&
-        slice.slice_type < sizeof(KINDS)) {
-        m_walk.kind = KINDS[slice.slice_type];
+    if (h264_parse_slice_type(m_found.slice.data, std::min(m_found.slice.len, SLICE_TYPE_LEN), slice) &&
+        slice.slice_type < sizeof(KINDS) / sizeof(KINDS[0])) {
+        m_found.kind = KINDS[slice.slice_type];
     }
 }
 
 // Looks for the parameter sets that didn't come as packets of their own.
-void CRtp2Frame::search_parameter_sets() {
-    const RtpPacketNode* node = m_nodes.Head();
-    for (uint32_t i = 0; i < m_nodes.Count(); ++i, node = node->next) {
-        if (m_walk.sps.data != nullptr && m_walk.pps.data != nullptr) {
+void CRtpH264Rule::search_parameter_sets() {
+    const RtpPacketNode* node = m_work.nodes.Head();
+    for (uint32_t i = 0; i < m_work.nodes.Count(); ++i, node = node->next) {
+        if (m_found.sps.data != nullptr && m_found.pps.data != nullptr) {
             return;
         }
         if (node->iov_count == 0) {
@@ -206,7 +258,7 @@ void CRtp2Frame::search_parameter_sets() {
     }
 }
 
-void CRtp2Frame::search_inner_sets(const RtpPacketNode& node) {
+void CRtpH264Rule::search_inner_sets(const RtpPacketNode& node) {
     StartCodeScan scan(node.raw, node.raw_len);
     while (scan.Next()) {
         if (is_inner_code(scan)) {
@@ -219,9 +271,9 @@ void CRtp2Frame::search_inner_sets(const RtpPacketNode& node) {
 
 // Remembers the first sequence and the first picture parameter set of the frame. The unit ends at `len`, or in front of
 // a start code, which can't be part of it.
-void CRtp2Frame::take_parameter_set(const unsigned char* nal, uint32_t len) {
+void CRtpH264Rule::take_parameter_set(const unsigned char* nal, uint32_t len) {
     const int type = h264_nal_type(CByteReader(nal, len).PeekU8());
-    Piece& set = type == H264_NAL_SPS ? m_walk.sps : m_walk.pps;
+    RtpIov& set = type == H264_NAL_SPS ? m_found.sps : m_found.pps;
     if ((type != H264_NAL_SPS && type != H264_NAL_PPS) || set.data != nullptr) {
         return;
     }
@@ -234,27 +286,18 @@ void CRtp2Frame::take_parameter_set(const unsigned char* nal, uint32_t len) {
 
 // Takes the picture size and the kind of scan from the parameter set in force: when the frame brings one, and while the
 // size isn't known.
-void CRtp2Frame::take_h264_facts() {
-    if (m_walk.sps.data == nullptr && (m_config_len < 1 || m_width != 0)) {
-        return;
-    }
-    CByteReader config(m_config, m_config_len);
-    StartCodeScan scan(m_config, m_config_len);
-    bool found = false;
-    while (!found && scan.Next()) {
-        found = h264_nal_type(scan.Value()) == H264_NAL_SPS;
-    }
+void CRtpH264Rule::take_facts() {
     H264Sps sps;
-    if (!found || !config.Skip(scan.Offset() + 3) || !h264_parse_sps(config.Rest(), config.Remaining(), sps)) {
+    if ((m_found.sps.data == nullptr && m_work.width != 0) || !find_sps(sps)) {
         return;
     }
-    m_width = static_cast<uint16_t>(sps.width);
-    m_height = static_cast<uint16_t>(sps.height);  // of both fields if the pictures are fields
-    m_progressive = sps.frame_mbs_only ? 1 : 0;
+    m_work.width = static_cast<uint16_t>(sps.width);
+    m_work.height = static_cast<uint16_t>(sps.height);  // of both fields if the pictures are fields
+    m_work.progressive = sps.frame_mbs_only ? 1 : 0;
     H264Slice slice;
-    if (m_key_frame && !sps.frame_mbs_only &&
-        h264_parse_field_pic(m_walk.slice.data, std::min(m_walk.slice.len, SLICE_HEAD_LEN), sps, slice)) {
-        m_progressive = slice.field_pic ? 0 : 1;
+    if (m_found.kind == KIND_KEY && !sps.frame_mbs_only &&
+        h264_parse_field_pic(m_found.slice.data, std::min(m_found.slice.len, SLICE_HEAD_LEN), sps, slice)) {
+        m_work.progressive = slice.field_pic ? 0 : 1;
     }
 }
 

@@ -1,10 +1,9 @@
-// The JPEG rule of CRtp2Frame (RFC 2435): scan data to a JFIF image.
+#include "StreamParser/RtpJpegRule.h"
 
-#include "StreamParser/JpegTables.h"
-#include "StreamParser/Rtp2Frame.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Ostra/ByteWriter.h"
+#include "Vidora/Types.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -47,7 +46,7 @@ void write_scan_header(CByteWriter& writer) {
 // The main header of each packet (RFC 2435 3.1):
 //     type-specific, fragment offset (3), type, Q, width / 8, height / 8
 // then a restart header of four bytes if bit 6 of the type says so, and in the first packet the quantisation tables.
-struct CRtp2Frame::JpegHeader {
+struct CRtpJpegRule::Header {
     uint32_t offset = 0;
     uint8_t type = 0;
     uint8_t q = 0;
@@ -57,29 +56,36 @@ struct CRtp2Frame::JpegHeader {
     uint16_t restart_interval = 0;
 };
 
-int CRtp2Frame::make_jpeg() {
-    while (RtpPacketNode* node = next_node()) {
+// The packet with the first byte of the scan; the fragment offset says which that is.
+bool CRtpJpegRule::CanBegin(const RtpHeader& packet, bool) const {
+    CByteReader payload(packet.payload, packet.payload_len);
+    payload.Skip(1);
+    return payload.ReadU24() == 0;
+}
+
+int CRtpJpegRule::Make() {
+    while (RtpPacketNode* node = m_work.NextNode()) {
         CByteReader payload(node->raw, node->raw_len);
-        JpegHeader header;
-        if (!read_jpeg_header(payload, header)) {
+        Header header;
+        if (!read_header(payload, header)) {
             return -1;
         }
-        if (m_walk.count == 1) {
-            if (!read_jpeg_tables(payload, header) || !write_jpeg_header(header)) {
+        if (m_work.done == 1) {
+            if (!read_tables(payload, header) || !write_image_header(header)) {
                 return -1;
             }
-            set_config_prefix();
-            m_width = static_cast<uint16_t>(header.width * BLOCK);
-            m_height = static_cast<uint16_t>(header.height * BLOCK);
+            m_work.SetConfigPrefix();
+            m_work.width = static_cast<uint16_t>(header.width * BLOCK);
+            m_work.height = static_cast<uint16_t>(header.height * BLOCK);
         }
         node->body = payload.Rest();
         node->body_len = static_cast<uint32_t>(payload.Remaining());
     }
-    m_key_frame = true;
+    m_work.frame_type = FRAME_TYPE_JPEG;  // each picture is a key frame
     return FRAME_COMPLETE;
 }
 
-bool CRtp2Frame::read_jpeg_header(CByteReader& payload, JpegHeader& header) {
+bool CRtpJpegRule::read_header(CByteReader& payload, Header& header) {
     const uint8_t specific = payload.ReadU8();
     header.offset = payload.ReadU24();
     const uint8_t type = payload.ReadU8();
@@ -95,14 +101,14 @@ bool CRtp2Frame::read_jpeg_header(CByteReader& payload, JpegHeader& header) {
     return payload.Ok() && specific == 0 && header.type <= TYPE_420;
 }
 
-// Settles m_jpeg_tables for the frame. Below 128 they are made from Q. From 128 on they stand in the packet that has
+// Settles m_tables for the frame. Below 128 they are made from Q. From 128 on they stand in the packet that has
 // the first byte of the scan; a sender may leave them out again while a Q below 255 stays (RFC 2435 3.1.8).
-bool CRtp2Frame::read_jpeg_tables(CByteReader& payload, const JpegHeader& header) {
-    uint8_t* const luma = m_jpeg_tables;
-    uint8_t* const chroma = m_jpeg_tables + JPEG_TABLE_LEN;
+bool CRtpJpegRule::read_tables(CByteReader& payload, const Header& header) {
+    uint8_t* const luma = m_tables;
+    uint8_t* const chroma = m_tables + JPEG_TABLE_LEN;
     if (header.q < Q_IN_BAND) {
         jpeg_make_quantisers(header.q, luma, chroma);
-        m_jpeg_q = 0;
+        m_q = 0;
         return true;
     }
     uint16_t len = 0;
@@ -115,7 +121,7 @@ bool CRtp2Frame::read_jpeg_tables(CByteReader& payload, const JpegHeader& header
         }
     }
     if (len == 0) {
-        return m_jpeg_q == header.q && header.q != Q_PER_FRAME;
+        return m_q == header.q && header.q != Q_PER_FRAME;
     }
     CByteReader tables = payload.SubReader(len);
     if (!payload.Ok() || (len != JPEG_TABLE_LEN && len != 2 * JPEG_TABLE_LEN)) {
@@ -124,16 +130,16 @@ bool CRtp2Frame::read_jpeg_tables(CByteReader& payload, const JpegHeader& header
     CByteReader only = tables;
     tables.Read(luma, JPEG_TABLE_LEN);
     (len == JPEG_TABLE_LEN ? only : tables).Read(chroma, JPEG_TABLE_LEN);  // one table serves for both
-    m_jpeg_q = header.q;
+    m_q = header.q;
     return true;
 }
 
-// Makes the image's header in m_config.
-bool CRtp2Frame::write_jpeg_header(const JpegHeader& header) {
-    CByteWriter writer(m_config, CONFIG_SIZE);
+// Makes the image's header in the configuration.
+bool CRtpJpegRule::write_image_header(const Header& header) {
+    CByteWriter writer(m_work.config.bytes, RtpCodecConfig::SIZE);
     writer.WriteU16(0xFF00 | JPEG_SOI);
-    write_quantiser(writer, 0, m_jpeg_tables);
-    write_quantiser(writer, 1, m_jpeg_tables + JPEG_TABLE_LEN);
+    write_quantiser(writer, 0, m_tables);
+    write_quantiser(writer, 1, m_tables + JPEG_TABLE_LEN);
     writer.WriteU16(0xFF00 | JPEG_SOF0);
     writer.WriteU16(17);
     writer.WriteU8(8);  // bits a sample
@@ -150,7 +156,7 @@ bool CRtp2Frame::write_jpeg_header(const JpegHeader& header) {
         writer.WriteU16(header.restart_interval);
     }
     write_scan_header(writer);
-    m_config_len = static_cast<uint32_t>(writer.Offset());
+    m_work.config.len = static_cast<uint32_t>(writer.Offset());
     return writer.Ok();
 }
 

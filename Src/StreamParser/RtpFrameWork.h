@@ -1,0 +1,69 @@
+#ifndef VIDORA_STREAMPARSER_RTPFRAMEWORK_H
+#define VIDORA_STREAMPARSER_RTPFRAMEWORK_H
+
+#include <cstddef>
+#include <cstdint>
+
+#include "StreamParser/RtpPacketNode.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// RtpCodecConfig: what goes in front of key frames that bring nothing of their own: H.264 parameter sets with start
+// codes, an MPEG-4 configuration, a JPEG header. Owned bytes.
+struct RtpCodecConfig {
+    static constexpr uint32_t SIZE = 1024;
+
+    unsigned char bytes[SIZE] = {};
+    uint32_t len = 0;
+
+    // Takes `size` bytes, fewer than SIZE. False with no change if there are more.
+    bool Set(const unsigned char* data, size_t size);
+    // Takes an H.264 sequence and picture parameter set, each with or without its start code. False with no change if
+    // they are too long together.
+    bool SetH264(const RtpIov& sps, const RtpIov& pps);
+};
+
+// RtpFrameWork: the frame that CRtp2Frame has in work, and what is known of its track. CRtp2Frame puts packets in; the
+// rule of the codec turns them into a frame. Packets are borrowed until Clear.
+struct RtpFrameWork {
+    static constexpr uint8_t ASSIST_TYPE_NONE = 0xFF;
+
+    // The packets, and how far the rule's walk over them has come: each is looked at once only, also if a frame turns
+    // out to go on behind its marker.
+    CRtpPacketList nodes;
+    RtpPacketNode* node = nullptr;  // last node done
+    uint32_t done = 0;              // nodes done
+    // Of the packet in work, for a rule that finds the frames by itself: its time, whether it has the marker, and how
+    // many bytes of its payload are used up.
+    uint64_t packet_ms = 0;
+    bool marker = false;
+    size_t used = 0;
+
+    // Of the frame completed last, kept over Clear.
+    int frame_type = 0;     // frame_type_t letter
+    uint64_t frame_ms = 0;  // its time
+
+    // Of the track.
+    RtpCodecConfig config;
+    uint16_t width = 0;  // the last size that could be read
+    uint16_t height = 0;
+    int progressive = 0;  // 1 if frames aren't field-coded
+    uint8_t assist_type = ASSIST_TYPE_NONE;
+    int stream_kind = 0;  // stream_kind_t of what a transport stream holds
+
+    // The next packet that the rule hasn't looked at yet, or null.
+    RtpPacketNode* NextNode();
+    // Puts the configuration in front of the frame.
+    void SetConfigPrefix();
+    // The frame's bytes.
+    uint32_t FrameSize() const;
+    void WriteFrame(Ostra::CByteWriter& writer) const;
+    // Lets all packets go.
+    void Clear();
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_STREAMPARSER_RTPFRAMEWORK_H

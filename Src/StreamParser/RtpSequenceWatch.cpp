@@ -1,0 +1,65 @@
+#include "StreamParser/RtpSequenceWatch.h"
+
+#include "Vidora/Names.h"
+
+namespace Kavio {
+namespace Vidora {
+
+rtp_order_t CRtpSequenceWatch::Look(const RtpHeader& header) const {
+    if (header.ssrc != m_last_ssrc || IsFresh()) {
+        // The first packet of a session comes here too, which is nothing to warn of.
+        const auto log = IsFresh() ? logInfo : logWarn;
+        if (header.ssrc != m_last_ssrc) {
+            log(">>> RTP SSRC CHANGES from [%08x] to [%08x]\n", m_last_ssrc, header.ssrc);
+            if (m_notify != nullptr) {
+                m_notify->OnSsrcChanged(m_last_ssrc, header.ssrc);
+            }
+        }
+        return RTP_ORDER_JOINS;
+    }
+    if (static_cast<uint16_t>(header.sequence - m_last_seq) == 1 && !m_foreign_gap) {
+        return RTP_ORDER_NEXT;
+    }
+    logInfo(">>> RTP SEQ DISORDER! last[%d] now[%d]\n", m_last_seq, header.sequence);
+    return RTP_ORDER_GAP;
+}
+
+void CRtpSequenceWatch::NotifyGap(const RtpHeader& header) const {
+    if (m_notify != nullptr) {
+        m_notify->OnSequenceDisorder(m_last_seq, header.sequence);
+    }
+}
+
+void CRtpSequenceWatch::Take(const RtpHeader& header) {
+    m_last_ssrc = header.ssrc;
+    m_last_seq = header.sequence;
+    m_foreign_gap = false;
+    ++m_packets;
+}
+
+// One that follows the own number 0 isn't counted, as that stands for "none yet", and the next own one looks like a
+// gap.
+bool CRtpSequenceWatch::TakeForeign(uint16_t sequence) {
+    if (m_last_seq != 0 && m_shared_seq) {
+        const bool follows = static_cast<uint16_t>(sequence - m_last_seq) == 1;
+        m_foreign_gap = m_foreign_gap || !follows;
+        m_last_seq = sequence;
+        return follows;
+    }
+    if (!m_probed) {
+        m_probe_armed = true;
+        m_probe_seq = sequence;
+    }
+    return true;
+}
+
+void CRtpSequenceWatch::Probe(uint16_t sequence) {
+    if (!m_probed && m_probe_armed) {
+        m_shared_seq = static_cast<uint16_t>(sequence - m_probe_seq) == 1;
+        m_probed = true;
+    }
+    m_probe_armed = false;
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,44 @@
+#ifndef VIDORA_STREAMSOURCE_SRCINFOTABLE_H
+#define VIDORA_STREAMSOURCE_SRCINFOTABLE_H
+
+#include <cstdint>
+
+#include "Vidora/Names.h"
+#include "Vidora/Types.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// CSrcInfoTable: what clients ask about the running tracks of a source.
+//
+// THREADING  Any thread. A lock of its own, held over nothing else: a PLAY that asks waits neither for a frame that is
+//            converted nor for the host.
+class CSrcInfoTable {
+public:
+    static const int MAX_TRACK = 8;
+
+    // The table of tracks was built anew: the first `count` are in use.
+    void SetCount(int count);
+    // The track begins to count at this sequence number.
+    void Begin(int index, uint16_t seq);
+    void SetSsrc(int index, unsigned int ssrc);
+    // Where the track stands now.
+    void SetTimestamp(int index, uint32_t timestamp);
+    void SetPlace(int index, uint32_t timestamp, uint16_t seq);
+    void AddPackets(int index, unsigned int bytes, unsigned int packets);
+
+    // -1, with a log line, for a track that isn't in use.
+    int Get(int index, SrcInfo& info);
+    unsigned int GetSsrc(int index);
+
+private:
+    CMutex m_mutex;
+    int m_count VIDORA_GUARDED_BY(m_mutex) = 0;
+    SrcInfo m_info[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex);
+    unsigned int m_ssrc[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex) = {};
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_STREAMSOURCE_SRCINFOTABLE_H

@@ -1,0 +1,77 @@
+#include "LineWriter.h"
+
+#include <unistd.h>
+
+#include <cerrno>
+#include <chrono>
+#include <system_error>
+#include <thread>
+#include <utility>
+
+namespace {
+
+// Writes all of it, however long that takes; a descriptor that is closed takes nothing.
+void write_all(int fd, const std::string& text) {
+    size_t done = 0;
+    while (done < text.size()) {
+        const ssize_t written = write(fd, text.data() + done, text.size() - done);
+        if (written < 0 && errno != EINTR) {
+            return;
+        }
+        done += written > 0 ? static_cast<size_t>(written) : 0;
+    }
+}
+
+}  // namespace
+
+LineWriter::LineWriter(int fd, dropped_line_t dropped_line) : m_state(std::make_shared<State>()) {
+    m_state->fd = fd;
+    m_state->dropped_line = dropped_line;
+    try {
+        std::thread([state = m_state] { run(state); }).detach();
+    } catch (const std::system_error&) {
+        m_state->done = true;
+    }
+}
+
+LineWriter::~LineWriter() {
+    std::unique_lock<std::mutex> lock(m_state->mutex);
+    m_state->stopping = true;
+    m_state->changed.notify_all();
+    m_state->changed.wait_for(lock, std::chrono::milliseconds(END_WAIT_MS), [this] { return m_state->done; });
+}
+
+void LineWriter::Write(std::string line) {
+    const std::lock_guard<std::mutex> guard(m_state->mutex);
+    if (m_state->bytes + line.size() > MAX_BYTES) {
+        ++m_state->dropped;
+        return;
+    }
+    m_state->bytes += line.size();
+    m_state->lines.push_back(std::move(line));
+    m_state->changed.notify_one();
+}
+
+void LineWriter::run(const std::shared_ptr<State>& state) {
+    std::unique_lock<std::mutex> lock(state->mutex);
+    while (!state->stopping || !state->lines.empty() || state->dropped > 0) {
+        if (state->lines.empty() && state->dropped == 0) {
+            state->changed.wait(lock);
+            continue;
+        }
+        // The dropped ones came behind those that are queued.
+        const bool tells_dropped = state->lines.empty();
+        const std::string line = tells_dropped ? state->dropped_line(state->dropped) : std::move(state->lines.front());
+        if (tells_dropped) {
+            state->dropped = 0;
+        } else {
+            state->bytes -= line.size();
+            state->lines.pop_front();
+        }
+        lock.unlock();
+        write_all(state->fd, line);
+        lock.lock();
+    }
+    state->done = true;
+    state->changed.notify_all();
+}

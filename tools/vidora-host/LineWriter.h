@@ -1,0 +1,52 @@
+#ifndef VIDORA_HOST_LINEWRITER_H
+#define VIDORA_HOST_LINEWRITER_H
+
+#include <condition_variable>
+#include <cstdint>
+#include <deque>
+#include <memory>
+#include <mutex>
+#include <string>
+
+// LineWriter: lines for a descriptor whose reader may be slow, or gone. They wait in a queue of at most MAX_BYTES and
+// are written by a thread of their own; what finds no room is dropped and counted, and the count is told when lines get
+// through again.
+//
+// THREADING  Write: any thread; it never waits for the descriptor.
+class LineWriter {
+public:
+    static constexpr size_t MAX_BYTES = 64u << 10;
+    static constexpr int END_WAIT_MS = 200;
+
+    // Makes the line that tells how many were dropped.
+    typedef std::string (*dropped_line_t)(uint64_t count);
+
+    LineWriter(int fd, dropped_line_t dropped_line);
+    // Waits up to END_WAIT_MS for what is queued to be written.
+    ~LineWriter();
+    LineWriter(const LineWriter&) = delete;
+    LineWriter& operator=(const LineWriter&) = delete;
+
+    // Queues a line that ends in a newline.
+    void Write(std::string line);
+
+private:
+    // Shared with the thread, which a reader that is stuck may hold for longer than the writer lives.
+    struct State {
+        int fd = -1;
+        dropped_line_t dropped_line = nullptr;
+        std::mutex mutex;  // guards all below
+        std::condition_variable changed;
+        std::deque<std::string> lines;
+        size_t bytes = 0;
+        uint64_t dropped = 0;
+        bool stopping = false;
+        bool done = false;
+    };
+
+    static void run(const std::shared_ptr<State>& state);
+
+    const std::shared_ptr<State> m_state;
+};
+
+#endif  // VIDORA_HOST_LINEWRITER_H
