@@ -88,6 +88,20 @@ public:
     // and the user data come as the pointer's value. 0 or -1.
     int GetConfig(rtsp_svr_config_t item, void* value, int& len) const;
 
+    // The same items by their types. 0, or -1 with no change for a value out of the range that the item's line above
+    // names, whatever stands, or if memory was short. A null function takes the former one away.
+    int SetAuthType(rtsp_auth_t type);
+    int SetHttpAuthType(rtsp_auth_t type);
+    int SetDscp(int dscp);
+    int SetTimeout(int seconds);
+    int SetRtpPort(const RtpPortRange& range);
+    int SetUrlFunc(rtsp_url_func_t function);
+    int SetSrcFunc(rtsp_src_func_t function);
+    int SetAuthFunc(rtsp_auth_func_t function);
+    int SetEventFunc(rtsp_event_func_t function);
+    int SetUserData(void* data);
+    int SetOnvifUserGlobal(bool enable);
+
     rtsp_auth_t GetRtspAuthType() const;
     rtsp_auth_t GetRtspOverHttpAuthType() const;
     int GetDSCP() const;
@@ -102,8 +116,11 @@ public:
 
 private:
     struct VIDORA_LOCAL Record;
+    struct VIDORA_LOCAL Item;
     static const Record& defaults();
     const Record& record() const;
+    template <typename Value>
+    VIDORA_LOCAL int store(Value Record::*member, const Value& value, bool is_good = true);
 
     Record* m_record;
 };

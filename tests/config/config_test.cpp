@@ -88,10 +88,33 @@ TEST(RtspSvrConfig, FunctionsAndPointersGoInAsTheValueItself) {
         EXPECT_EQ(0, config.SetConfig(row.item, row.value, row.len));
         EXPECT_EQ(row.value, get<void*>(config, row.item));
     }
-    EXPECT_EQ(&rewrite, config.GetUrlFunc());
-    EXPECT_EQ(&make_source, config.GetSrcFunc());
-    EXPECT_EQ(&make_auth, config.GetAuthFunc());
-    EXPECT_EQ(&on_event, config.GetEventFunc());
+    const auto has_functions = [](const CRtspSvrConfig& c) {
+        return c.GetUrlFunc() == rewrite && c.GetSrcFunc() == make_source && c.GetAuthFunc() == make_auth &&
+               c.GetEventFunc() == on_event;
+    };
+    EXPECT_TRUE(has_functions(config));
+    CRtspSvrConfig typed;
+    EXPECT_EQ(0, typed.SetUrlFunc(rewrite) | typed.SetSrcFunc(make_source) | typed.SetAuthFunc(make_auth) |
+                     typed.SetEventFunc(on_event) | typed.SetUserData(&config));
+    EXPECT_TRUE(has_functions(typed));
+    EXPECT_EQ(&config, get<void*>(typed, RTSP_SVR_CONFIG_USER_DATA));
+    EXPECT_EQ(0, typed.SetSrcFunc(nullptr));
+    EXPECT_EQ(nullptr, typed.GetSrcFunc());
+}
+
+TEST(RtspSvrConfig, TypedSettersTestTheNewValue) {
+    CRtspSvrConfig config;
+    set(config, RTSP_SVR_CONFIG_DSCP, 100);
+    set(config, RTSP_SVR_CONFIG_TIMEOUT, -1);
+    EXPECT_EQ(0, config.SetDscp(63) | config.SetTimeout(0) | config.SetRtpPort({1, 65535}));
+    EXPECT_EQ(0, config.SetAuthType(4) | config.SetHttpAuthType(5) | config.SetOnvifUserGlobal(true));
+    EXPECT_EQ(-1, config.SetDscp(64) & config.SetDscp(-1) & config.SetTimeout(-1) & config.SetRtpPort({2, 2}));
+    EXPECT_EQ(63, config.GetDSCP());
+    EXPECT_EQ(0, config.GetKeepAliveTimeout());
+    EXPECT_EQ(1, get<RtpPortRange>(config, RTSP_SVR_CONFIG_RTP_PORT).min_local_port);
+    EXPECT_EQ(4, config.GetRtspAuthType());
+    EXPECT_EQ(5, config.GetRtspOverHttpAuthType());
+    EXPECT_EQ(1, get<OnvifUserGlobalConfig>(config, RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL).enable);
 }
 
 TEST(RtspSvrConfig, WrongLengthAssertsForEveryItemButTheUserData) {
