@@ -35,6 +35,7 @@ int CRtp2Frame::Init(int enc_type, uint8_t payload_type, uint32_t clock_rate) {
     Clear();
     m_enc_type = enc_type;
     m_rule = IRtpFrameRule::Create(enc_type, m_work);
+    m_is_stream = m_rule != nullptr && !m_rule->IsFramedByRtp();
     return m_rule != nullptr || !IRtpFrameRule::HasRule(enc_type) ? 0 : -1;
 }
 
@@ -65,8 +66,7 @@ int CRtp2Frame::PutPacket(const unsigned char* buffer, int len) {
         return FRAME_MORE;
     }
     print_packet(header, packet.Remaining());
-    const bool is_stream = m_rule != nullptr && !m_rule->IsFramedByRtp();
-    const int ret = is_stream ? put_stream(header) : put_framed(header);
+    const int ret = m_is_stream ? put_stream(header) : put_framed(header);
     return ret == PACKET_REFUSED ? refuse_packet(packet) : ret;
 }
 

@@ -106,6 +106,7 @@ private:
 
     RtpFrameWork m_work;
     std::unique_ptr<IRtpFrameRule> m_rule;  // null for a type without one
+    bool m_is_stream = false;               // the rule finds the frames itself
     bool m_damaged = false;                 // the frame of the last time stamp lost a packet, or its beginning
     bool m_complete = false;                // the packets held are a frame that was told
     bool m_left_out = false;                // the last packet was to be put again

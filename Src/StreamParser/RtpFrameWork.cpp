@@ -41,15 +41,6 @@ bool RtpCodecConfig::SetH264(const RtpIov& sps, const RtpIov& pps) {
     return true;
 }
 
-RtpPacketNode* RtpFrameWork::NextNode() {
-    if (done >= nodes.Count()) {
-        return nullptr;
-    }
-    node = done == 0 ? nodes.Head() : node->next;
-    ++done;
-    return node;
-}
-
 void RtpFrameWork::SetConfigPrefix() {
     RtpPacketNode* head = nodes.Head();
     head->prefix = config.bytes;
@@ -70,12 +61,6 @@ void RtpFrameWork::WriteFrame(Ostra::CByteWriter& writer) const {
     for (uint32_t i = 0; i < nodes.Count(); ++i, each = each->next) {
         each->Write(writer);
     }
-}
-
-void RtpFrameWork::Clear() {
-    nodes.Clear();
-    node = nullptr;
-    done = 0;
 }
 
 }  // namespace Vidora

@@ -53,14 +53,25 @@ struct RtpFrameWork {
     int stream_kind = 0;  // stream_kind_t of what a transport stream holds
 
     // The next packet that the rule hasn't looked at yet, or null.
-    RtpPacketNode* NextNode();
+    RtpPacketNode* NextNode() {
+        if (done >= nodes.Count()) {
+            return nullptr;
+        }
+        node = done == 0 ? nodes.Head() : node->next;
+        ++done;
+        return node;
+    }
     // Puts the configuration in front of the frame.
     void SetConfigPrefix();
     // The frame's bytes.
     uint32_t FrameSize() const;
     void WriteFrame(Ostra::CByteWriter& writer) const;
     // Lets all packets go.
-    void Clear();
+    void Clear() {
+        nodes.Clear();
+        node = nullptr;
+        done = 0;
+    }
 };
 
 }  // namespace Vidora

@@ -5,7 +5,8 @@
 namespace Kavio {
 namespace Vidora {
 
-rtp_order_t CRtpSequenceWatch::Look(const RtpHeader& header) const {
+// A packet that isn't the next one.
+rtp_order_t CRtpSequenceWatch::look_closer(const RtpHeader& header) const {
     if (header.ssrc != m_last_ssrc || IsFresh()) {
         // The first packet of a session comes here too, which is nothing to warn of.
         const auto log = IsFresh() ? logInfo : logWarn;
@@ -17,9 +18,6 @@ rtp_order_t CRtpSequenceWatch::Look(const RtpHeader& header) const {
         }
         return RTP_ORDER_JOINS;
     }
-    if (static_cast<uint16_t>(header.sequence - m_last_seq) == 1 && !m_foreign_gap) {
-        return RTP_ORDER_NEXT;
-    }
     logInfo(">>> RTP SEQ DISORDER! last[%d] now[%d]\n", m_last_seq, header.sequence);
     return RTP_ORDER_GAP;
 }
@@ -28,13 +26,6 @@ void CRtpSequenceWatch::NotifyGap(const RtpHeader& header) const {
     if (m_notify != nullptr) {
         m_notify->OnSequenceDisorder(m_last_seq, header.sequence);
     }
-}
-
-void CRtpSequenceWatch::Take(const RtpHeader& header) {
-    m_last_ssrc = header.ssrc;
-    m_last_seq = header.sequence;
-    m_foreign_gap = false;
-    ++m_packets;
 }
 
 // One that follows the own number 0 isn't counted, as that stands for "none yet", and the next own one looks like a
@@ -53,8 +44,8 @@ bool CRtpSequenceWatch::TakeForeign(uint16_t sequence) {
     return true;
 }
 
-void CRtpSequenceWatch::Probe(uint16_t sequence) {
-    if (!m_probed && m_probe_armed) {
+void CRtpSequenceWatch::settle_probe(uint16_t sequence) {
+    if (!m_probed) {
         m_shared_seq = static_cast<uint16_t>(sequence - m_probe_seq) == 1;
         m_probed = true;
     }

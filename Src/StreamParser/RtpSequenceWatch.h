@@ -31,16 +31,28 @@ public:
 
     // Looks at a packet of the track, which isn't taken by that. Tells a new synchronisation source; a gap is logged
     // only, see NotifyGap.
-    rtp_order_t Look(const RtpHeader& header) const;
+    rtp_order_t Look(const RtpHeader& header) const {
+        const bool follows = header.sequence == static_cast<uint16_t>(m_last_seq + 1) && !m_foreign_gap;
+        return follows && header.ssrc == m_last_ssrc && !IsFresh() ? RTP_ORDER_NEXT : look_closer(header);
+    }
     // Tells of the gap in front of a packet.
     void NotifyGap(const RtpHeader& header) const;
     // Takes a packet: the next one is expected to follow it.
-    void Take(const RtpHeader& header);
+    void Take(const RtpHeader& header) {
+        m_last_ssrc = header.ssrc;
+        m_last_seq = header.sequence;
+        m_foreign_gap = false;
+        ++m_packets;
+    }
     // Takes the number of a packet of another payload type. False if a packet was lost in front of it: the next own
     // packet is behind a gap then.
     bool TakeForeign(uint16_t sequence);
     // To be called for each own packet: settles whether foreign packets count, if one came since the last call.
-    void Probe(uint16_t sequence);
+    void Probe(uint16_t sequence) {
+        if (m_probe_armed) {
+            settle_probe(sequence);
+        }
+    }
 
     // No packet was taken yet.
     bool IsFresh() const { return m_packets == 0; }
@@ -49,6 +61,9 @@ public:
     uint16_t GetLastSeq() const { return m_last_seq; }
 
 private:
+    rtp_order_t look_closer(const RtpHeader& header) const;
+    void settle_probe(uint16_t sequence);
+
     IRtpNotify* m_notify = nullptr;
     uint32_t m_last_ssrc = 0;
     uint16_t m_last_seq = 0;

@@ -19,6 +19,9 @@ public:
     }
     // Moves on by `ticks`, or back.
     void Advance(int32_t ticks) {
+        if (ticks == 0) {
+            return;  // most packets of a frame
+        }
         const int64_t sum = m_rest + int64_t{ticks} * MS_PER_SEC;
         m_ms += static_cast<uint64_t>(sum / m_rate);
         m_rest = sum % m_rate;
