@@ -165,7 +165,7 @@ CFrameMerger* CStreamReceiver::merger_of(int track) {
     if (m_mergers == nullptr) {
         m_mergers.reset(new (std::nothrow) CFrameMerger[RECEIVER_MERGED_TRACKS + 1]);
     }
-    const int index = track < RECEIVER_MERGED_TRACKS ? track : RECEIVER_MERGED_TRACKS;
+    const auto index = static_cast<size_t>(track < RECEIVER_MERGED_TRACKS ? track : RECEIVER_MERGED_TRACKS);
     return m_mergers != nullptr ? &m_mergers[index] : nullptr;
 }
 
