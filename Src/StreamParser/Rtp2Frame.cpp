@@ -76,6 +76,25 @@ int CRtp2Frame::refuse_packet(const CByteReader& packet) const {
     return FRAME_FAILED;
 }
 
+bool CRtp2Frame::store_packet(const RtpHeader& header) {
+    RtpPacketNode* node = nullptr;
+    if (header.payload != nullptr && GetPacketCount() < MAX_PACKETS) {
+        node = m_work.nodes.Append();
+    }
+    if (node == nullptr) {
+        return false;
+    }
+    node->raw = header.payload;
+    node->raw_len = header.payload_len;
+    return true;
+}
+
+void CRtp2Frame::take_packet(const RtpHeader& header) {
+    m_time.Advance(static_cast<int32_t>(header.timestamp - m_last_ts));
+    m_last_ts = header.timestamp;
+    m_watch.Take(header);
+}
+
 // A packet of a frame that is what has its time stamp.
 int CRtp2Frame::put_framed(const RtpHeader& header) {
     m_last_ts = m_watch.IsFresh() ? header.timestamp : m_last_ts;
@@ -164,25 +183,6 @@ void CRtp2Frame::watch_stream(const RtpHeader& header) {
         drop_packets();  // what is left of the frame in work doesn't begin one
     }
     take_packet(header);
-}
-
-bool CRtp2Frame::store_packet(const RtpHeader& header) {
-    RtpPacketNode* node = nullptr;
-    if (header.payload != nullptr && GetPacketCount() < MAX_PACKETS) {
-        node = m_work.nodes.Append();
-    }
-    if (node == nullptr) {
-        return false;
-    }
-    node->raw = header.payload;
-    node->raw_len = header.payload_len;
-    return true;
-}
-
-void CRtp2Frame::take_packet(const RtpHeader& header) {
-    m_time.Advance(static_cast<int32_t>(header.timestamp - m_last_ts));
-    m_last_ts = header.timestamp;
-    m_watch.Take(header);
 }
 
 // Turns the packets held into a frame. A frame_result_t; FRAME_MORE: there is no picture among them yet.

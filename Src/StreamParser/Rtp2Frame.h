@@ -93,8 +93,8 @@ private:
     bool watch_sequence(const RtpHeader& header);
     int put_stream(const RtpHeader& header);
     void watch_stream(const RtpHeader& header);
-    bool store_packet(const RtpHeader& header);
-    void take_packet(const RtpHeader& header);
+    inline bool store_packet(const RtpHeader& header);
+    inline void take_packet(const RtpHeader& header);
     int make_frame();
     void drop_packets();
     void clear_work();

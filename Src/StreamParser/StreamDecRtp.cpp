@@ -42,18 +42,18 @@ int CStreamDecRtp::InputFrame(const Flumen::CMediaFrame& frame) {
     if (m_rtp2frame == nullptr) {
         return PARSER_NO_ENGINE;
     }
-    make_room(frame);
+    make_room();
     return take_input(frame, 0);
 }
 
-void CStreamDecRtp::make_room(const Flumen::CMediaFrame& input) {
+void CStreamDecRtp::make_room() {
     if (m_status > FRAME_MORE) {
         logError("frame not taken yet, take it first.  %s:%d \n", __FILE__, __LINE__);
     }
     while (m_status > FRAME_MORE) {
         go_on();  // what belongs to the next frame isn't lost with the one that nobody takes
     }
-    if (m_packets.size() >= MAX_PACKETS || m_held_bytes + input.size() > MAX_BYTES) {
+    if (m_packets.size() >= MAX_PACKETS || m_held_bytes >= MAX_BYTES) {
         logError("frame packet count exceed %d! clean to go ahead.\n", static_cast<int>(m_packets.size()));
         Clean();
     }
@@ -62,7 +62,8 @@ void CStreamDecRtp::make_room(const Flumen::CMediaFrame& input) {
 // Feeds an input, which may have been fed up to `from` before.
 int CStreamDecRtp::take_input(const Flumen::CMediaFrame& input, size_t from) {
     const uint32_t before = m_rtp2frame->GetPacketCount();
-    const Feed fed = feed(input.getBuffer(), input.size(), from);
+    const size_t len = input.size();
+    const Feed fed = feed(input.getBuffer(), len, from);
     m_status = fed.status;
     m_shown_ssrc = m_rtp2frame->GetSsrc();
     m_shown_last_seq = m_rtp2frame->GetLastSeq();
@@ -73,11 +74,11 @@ int CStreamDecRtp::take_input(const Flumen::CMediaFrame& input, size_t from) {
     const bool is_wanted = m_dst_type == STREAM_TYPE_RTP && m_param.enc_type == ENC_TYPE_MPEG2TS;
     const bool is_borrowed = m_rtp2frame->GetPacketCount() > (fed.dropped ? 0 : before);
     bool good = m_status >= FRAME_MORE;
-    if (good && m_status > FRAME_MORE && fed.end < input.size()) {
+    if (good && m_status > FRAME_MORE && fed.end < len) {
         m_rest = input;
         m_rest_at = fed.end;
     } else if (good && (is_wanted || is_borrowed)) {
-        good = hold(input);
+        good = hold(input, len);
     }
     if (!good) {
         Clean();
@@ -119,13 +120,13 @@ CStreamDecRtp::Feed CStreamDecRtp::feed_run(const unsigned char* data, size_t le
     return fed;
 }
 
-bool CStreamDecRtp::hold(const Flumen::CMediaFrame& input) {
+bool CStreamDecRtp::hold(const Flumen::CMediaFrame& input, size_t len) {
     try {
         m_packets.push_back(input);
     } catch (const std::bad_alloc&) {
         return false;
     }
-    m_held_bytes += input.size();
+    m_held_bytes += len;
     return true;
 }
 

@@ -33,8 +33,9 @@ private:
 // may end anywhere in a run or in a packet: the rest goes on when it has been taken. Packets that are handed back come
 // once each, an input that frames share with the last of them.
 //
-// MEMORY     Inputs are held by shared handle until their frame is taken: at most MAX_PACKETS of them and MAX_BYTES;
-//            one more drops them all, and what else comes of their frame with them if damaged frames are dropped.
+// MEMORY     Inputs are held by shared handle until their frame is taken: at most MAX_PACKETS of them, and none
+//            behind MAX_BYTES; one more drops them all, and what else comes of their frame with them if damaged frames
+//            are dropped.
 class CStreamDecRtp final : public CStreamDec {
 public:
     static constexpr size_t MAX_PACKETS = CRtp2Frame::MAX_PACKETS;
@@ -60,11 +61,11 @@ private:
         bool dropped;  // the packets that were held before are needed no longer
     };
 
-    void make_room(const Flumen::CMediaFrame& input);
+    void make_room();
     int take_input(const Flumen::CMediaFrame& input, size_t from);
     Feed feed(const unsigned char* data, size_t len, size_t from);
     Feed feed_run(const unsigned char* data, size_t len, size_t from);
-    bool hold(const Flumen::CMediaFrame& input);
+    bool hold(const Flumen::CMediaFrame& input, size_t len);
     void release();
     DecodedFrame describe_frame() const override;
     uint32_t read_payload(unsigned char* buffer, uint32_t capacity) override;

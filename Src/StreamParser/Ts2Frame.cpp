@@ -98,7 +98,7 @@ int Ts2Frame::put_media(const unsigned char* packet, bool last) {
         return FRAME_MORE;
     }
     m_frame_pts = m_demux.pcr_ms;
-    const int appended = append_payload(packet);
+    const int appended = append_payload(payload);
     if (appended < 0) {
         logError("%s:%d _ts_stream.dec ret:%d \n", __FILE__, __LINE__, appended);
         return FRAME_FAILED;
@@ -170,10 +170,10 @@ bool Ts2Frame::reserve(uint32_t len) {
     return true;
 }
 
-int Ts2Frame::append_payload(const unsigned char* packet) {
-    CByteReader payload(packet, TS_PACK_LEN);
-    payload.Skip(static_cast<size_t>(m_demux.packet.payload_offset));
-    payload.Skip(skip_pes_header(payload.Rest(), static_cast<uint32_t>(payload.Remaining())));
+int Ts2Frame::append_payload(CByteReader payload) {
+    if (m_demux.packet.unit_start || m_pes_skip > 0) {
+        payload.Skip(skip_pes_header(payload.Rest(), static_cast<uint32_t>(payload.Remaining())));
+    }
     if (!reserve(static_cast<uint32_t>(payload.Remaining()))) {
         return APPEND_OVERFLOW;
     }
@@ -182,13 +182,15 @@ int Ts2Frame::append_payload(const unsigned char* packet) {
     frame.Reserve(m_frame_len);
     frame.WriteBytes(payload.Rest(), payload.Remaining());
     m_frame_len = static_cast<uint32_t>(frame.Offset());
-    find_picture(before);
+    if (m_picture == NO_START_CODE) {
+        find_picture(before);
+    }
     return 0;
 }
 
 // Looks for the first picture of the frame in the bytes from `from` on, and in a start code that began before them.
 void Ts2Frame::find_picture(uint32_t from) {
-    const PictureRow* row = m_picture == NO_START_CODE ? find_row(track_kind()) : nullptr;
+    const PictureRow* row = find_row(track_kind());
     if (row == nullptr) {
         return;
     }

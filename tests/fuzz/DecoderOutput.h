@@ -14,18 +14,21 @@ inline int Destination(uint8_t choice) {
     return DESTINATIONS[choice % 3];
 }
 
-// Feeds a decoder and takes all that it gives: private frames have a header that fits them. The decoder's result.
-inline int Decode(CStreamParser& parser, const Bytes& input, int dst_type) {
+// Feeds a decoder and takes all that it gives: private frames have a header that fits them, and no more inputs are
+// handed back than went in. `balance` counts these, from 0 on. The decoder's result.
+inline int Decode(CStreamParser& parser, const Bytes& input, int dst_type, int& balance) {
     const int ret = parser.InputFrame(MakeFrame(input));
     Require(ret == PARSER_OK || ret == PARSER_FRAME_READY || ret == PARSER_FAILED);
     int taken = 0;
     for (Flumen::CMediaFrame frame = parser.OutputFrame(); frame.valid(); frame = parser.OutputFrame()) {
         KXHeader header;
         Require(++taken < 100000);
+        Require(dst_type != STREAM_TYPE_RTP || taken <= balance + 1);
         Require(dst_type != STREAM_TYPE_PRIVATE_FRAME ||
                 (kx_read_header(frame.getBuffer(), frame.size(), header) && header.total_length == frame.size() &&
                  header.checksum == kx_header_checksum(frame.getBuffer())));
     }
+    balance += 1 - (dst_type == STREAM_TYPE_RTP ? taken : 0);
     return ret;
 }
 

@@ -19,12 +19,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
 
     Fuzz::RtpSender sender;
     Fuzz::Record record;
+    int balance = 0;
     Fuzz::Bytes run;  // packets behind interleave headers go in together, up to a marker
     while (Fuzz::ReadRecord(input, record)) {
         const Fuzz::Bytes packet = sender.Make(record);
         run.insert(run.end(), packet.begin(), packet.end());
         if ((record.control & 0x48) != 0x40) {
-            Fuzz::Decode(*parser, run, dst_type);
+            Fuzz::Decode(*parser, run, dst_type, balance);
             run.clear();
         }
     }
