@@ -30,6 +30,10 @@ struct RtspSvrStatistics {
 // seconds. A peer whose machine or link has gone, whatever it was doing, is noticed after the configured time-out, 60
 // seconds at most.
 //
+// To count viewers ask CountSessions. The events of the configuration name an address and no session, and the one of a
+// disconnection comes twice for a session of a live channel (when it begins to end, and when it is gone) and once for
+// one of a recording, so that comings and goings can't be balanced from them.
+//
 // THREADING  All operations: any thread, also in a callback; none from inside a lock that a callback of the host's
 //            needs. Call Close once; the pointer is dead after it.
 // OWNERSHIP  The server and its sessions keep the CLiveSvr allocated; the host may close it before or after the server.

@@ -14,11 +14,16 @@ class CMediaStreamSender;
 
 // CMediaBuffer: fans packets out from one source to many sinks without a copy per sink.
 //
-// Senders are spread over groups. Few of them are written by the putting thread itself, as to wake another one would
-// cost about as much. Otherwise a put hands each group the packet, wakes one thread of the pool and returns; that
-// thread writes the groups, and leaves those that it hasn't reached after 2 ms to all threads. Packets that come
-// meanwhile leave in one vectored write a sender. While there is no pool, or it doesn't keep up, the putting thread
-// writes as well.
+// Senders are spread over groups of 16, or more when there are 32 groups. If all are in one group of at most 16 the
+// putting thread writes them itself, as to wake another one would cost about as much. Otherwise a put hands each group
+// the packet, wakes one thread of the pool and returns; that thread writes the groups, and leaves those that it hasn't
+// reached after 2 ms to all threads. Packets that come meanwhile leave in one vectored write a sender. While there is
+// no pool, or it doesn't keep up, the putting thread writes as well.
+//
+// So a send procedure may run on the putting thread, which is the host's frame thread of the source, and does so with
+// few senders. The senders of a group are written one after another: a procedure that is slow holds up all of its group
+// (their packets wait, and above 512 units or 8 MiB are dropped up to the next key frame), but no other group, and the
+// putting thread once: after a write of more than 5 ms the pool does it for a second.
 //
 // A packet and the header put in front of it (flag 0) are one unit: sent or dropped together by a sender. A sender or
 // level-2 sink gets only what is put after it was added, beginning at any unit.
