@@ -13,7 +13,9 @@ int CRtpTsRule::Make() {
         return FRAME_MORE;
     }
     CByteReader payload(packet->raw, packet->raw_len);
-    payload.Skip(m_work.used);
+    if (!payload.Skip(m_work.used)) {
+        return complete(FRAME_FAILED);  // another packet than the one that was left out, with its number
+    }
     while (payload.Remaining() >= TS_PACK_LEN) {
         const bool last = m_work.marker && payload.Remaining() < 2 * TS_PACK_LEN;
         const bool idle = m_ts2frame.GetFrameSize() == 0;

@@ -119,12 +119,11 @@ bool Ts2Frame::ends_frame(CByteReader payload) const {
     payload.Skip(PES_FIXED_LEN - 1);
     payload.Skip(payload.ReadU8());
     int zeros = 0;
-    while (payload.Remaining() > 0 && payload.PeekU8() == 0) {
-        payload.Skip(1);
+    while (payload.Remaining() > 0 && payload.PeekU8() == 0 && payload.Skip(1)) {
         ++zeros;
     }
-    if (payload.Remaining() < 3) {
-        return true;  // too little to tell
+    if (!payload.Ok() || payload.Remaining() < 3) {
+        return true;  // too little to tell: the header may go on in the next packet
     }
     if (zeros < 2 || payload.ReadU8() != 1) {
         return false;

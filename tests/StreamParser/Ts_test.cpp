@@ -332,6 +332,10 @@ TEST(Ts2Frame, PesHeadersMayGoOnInTheNextPacket) {
             // Whole if the first start code stood in the packet that ends the header; otherwise with what was before.
             ASSERT_EQ(0u, ToHex(delimiter + frame).find(ToHex(demuxer.frames[0])) % 12) << header << " " << room;
             ASSERT_GE(demuxer.frames[0].size(), frame.size());
+            // Behind a picture it ends that one, also if nothing but its header is in sight.
+            EXPECT_EQ(0, demuxer.Put(ts_packet(0x111, true, SLICE)));
+            EXPECT_EQ(0, demuxer.Put(ts_packet(0x111, true, Part(pes, 0, room))));
+            ASSERT_EQ(2u, demuxer.frames.size());
         }
     }
 }
