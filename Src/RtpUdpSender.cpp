@@ -8,7 +8,9 @@
 #include <new>
 
 #include "RtpUdpKeeper.h"
+#include "Tramel/Interleave.h"
 #include "Tramel/IpText.h"
+#include "Tramel/MediaTag.h"
 #include "UdpSockPair.h"
 #include "Vidora/RtspSvrConfig.h"
 
@@ -17,7 +19,6 @@ namespace Vidora {
 
 namespace {
 
-const int INTERLEAVE_HEADER_SIZE = 4;
 const uint64_t REPORT_INTERVAL_MS = 1000;
 const unsigned TRACK_COUNT = 8;
 
@@ -57,12 +58,12 @@ CRtpUdpSender::~CRtpUdpSender() {
 }
 
 int CRtpUdpSender::Put(CMediaPacket* packet, int length, int /*flag*/, int tag) {
-    const unsigned track = static_cast<unsigned>(tag) >> 24;
+    const unsigned track = Tramel::MediaTag::Unpack(tag).track;
     if (track >= TRACK_COUNT || ((m_track_mask.load(std::memory_order_relaxed) >> track) & 1U) == 0) {
         return 0;
     }
     const unsigned char* data = packet == nullptr ? nullptr : packet->GetData();
-    if (data == nullptr || length < INTERLEAVE_HEADER_SIZE) {
+    if (data == nullptr || length < static_cast<int>(Tramel::INTERLEAVE_HEADER_SIZE)) {
         return -1;
     }
     CGuard guard(m_mutex);

@@ -6,6 +6,7 @@
 #include "FrameMerger.h"
 #include "MediaFrame.h"
 #include "RtpRun.h"
+#include "Tramel/MediaTag.h"
 #include "Vidora/KXFrame.h"
 #include "Vidora/Ostra/ByteWriter.h"
 
@@ -14,13 +15,12 @@ namespace Vidora {
 
 namespace {
 
-const int TAG_TRACK_SHIFT = 24;
-const int TAG_KEY_FRAME = 1;
-const int TAG_OTHER_FRAME = 5;  // may be skipped
-const int KX_UNIT_HEADER = 6;   // "$", channel, 32-bit length
+const int KX_UNIT_HEADER = 6;  // "$", channel, 32-bit length
 
 int tag_of(int channel, bool key) {
-    return (channel / 2) << TAG_TRACK_SHIFT | (key ? TAG_KEY_FRAME : TAG_OTHER_FRAME);
+    return Tramel::MediaTag{static_cast<uint8_t>(channel / 2),
+                            key ? Tramel::MediaTag::KEY_FRAME : Tramel::MediaTag::SKIPPABLE_FRAME}
+        .Pack();
 }
 
 }  // namespace

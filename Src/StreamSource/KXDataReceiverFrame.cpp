@@ -7,6 +7,7 @@
 #include "MediaFrame.h"
 #include "StreamSource/KXDataReceiver.h"
 #include "StreamSource/SourceGate.h"
+#include "Tramel/MediaTag.h"
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Ostra/ByteWriter.h"
 #include "Vidora/Tramel/MediaBuffer.h"
@@ -16,9 +17,6 @@ namespace Vidora {
 
 namespace {
 
-const int TAG_TRACK_SHIFT = 24;
-const int TAG_KEY_FRAME = 1;
-const int TAG_OTHER_FRAME = 5;          // may be skipped
 const unsigned int INDEX_OFFSET = 8;    // of the sequence number in the private frame header
 const unsigned int KX_HEADER_SIZE = 6;  // "$", channel, 32-bit length
 const unsigned int COUNTED_PACKET_SIZE = 1440;
@@ -121,7 +119,8 @@ int CKXDataReceiver::put_frame_locked(const Flumen::CMediaFrame& frame) {
     if (track < 0) {
         return 0;
     }
-    const int tag = (track << TAG_TRACK_SHIFT) | (type == FRAME_TYPE_I ? TAG_KEY_FRAME : TAG_OTHER_FRAME);
+    const uint8_t kind = type == FRAME_TYPE_I ? Tramel::MediaTag::KEY_FRAME : Tramel::MediaTag::SKIPPABLE_FRAME;
+    const int tag = Tramel::MediaTag{static_cast<uint8_t>(track), kind}.Pack();
     const bool format_ok = check_format_locked(frame) >= 0;
     if (format_ok && m_buffers.Size(PACKET_TYPE_RTP) > 0 && put_rtp_locked(frame, track, tag) < 0) {
         return -1;

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 
+#include "Tramel/MediaTag.h"
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Tramel/MediaPacket.h"
 
@@ -10,8 +11,6 @@ namespace Kavio {
 namespace Tramel {
 
 namespace {
-
-const unsigned int CHANNEL_KEY_FRAME = 1;  // value of the low byte of a channel word
 
 // One step a packet, once for all sinks.
 unsigned int count_interleaved(const unsigned char* data, unsigned int length) {
@@ -60,10 +59,9 @@ COutputUnit* COutputUnit::CreateMedia(int channel, uint64_t sequence, uint64_t n
 }
 
 void COutputUnit::set_channel(int channel) {
-    const unsigned int word = static_cast<unsigned int>(channel);
-    const unsigned int track = word >> 24;
-    m_slot = static_cast<uint8_t>(track < OTHER_SLOT ? track : OTHER_SLOT);
-    m_key = (word & 0xff) == CHANNEL_KEY_FRAME;
+    const MediaTag tag = MediaTag::Unpack(channel);
+    m_slot = static_cast<uint8_t>(tag.track < OTHER_SLOT ? tag.track : OTHER_SLOT);
+    m_key = tag.IsKey();
 }
 
 void COutputUnit::AddPacket(CMediaPacket* packet, unsigned int length, int channel) {

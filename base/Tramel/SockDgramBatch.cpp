@@ -6,6 +6,7 @@
 #include <cstring>
 
 #include "Tramel/DgramRun.h"
+#include "Tramel/Interleave.h"
 #include "Tramel/MediaCounters.h"
 #include "Tramel/SockDetail.h"
 #include "Tramel/SockDgram.h"
@@ -16,8 +17,8 @@ namespace Tramel {
 
 namespace {
 
-const size_t MARK_SIZE = 2;                 // "$" and the channel, in front of the length
-const unsigned int MAX_RECV_MESSAGES = 64;  // of one system call
+const size_t MARK_SIZE = INTERLEAVE_HEADER_SIZE - 2;  // "$" and the channel, in front of the length
+const unsigned int MAX_RECV_MESSAGES = 64;            // of one system call
 
 int recv_messages(int fd, struct mmsghdr* messages, unsigned int count) {
     // A peer's ICMP answer to what was sent from here is reported once and says nothing about what has arrived.
