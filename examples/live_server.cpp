@@ -89,10 +89,9 @@ int main(int argc, char** argv) {
         server->SetConfig(config);
         std::cout << "listening on 127.0.0.1; an empty line ends" << std::endl;
         std::cin.get();
-        server->Close();  // no new sessions
-    }
-    live->DelLiveChannel(content);  // the stream ends, and its sessions with it
-    for (; CRtspSvr::GetSessionCount() > 0; CThread::sleep(10)) {
+        server->Stop();  // no new sessions
+        server->EndSessions(1000);
+        server->Close();
     }
     live->Close();
     CNetThread::DestroyThreadPool();

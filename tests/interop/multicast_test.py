@@ -1,11 +1,10 @@
 #!/usr/bin/env python3
 """Multicast of vidora-host, read by FFmpeg in a network namespace of its own: multicast_test.py HOST MEDIA."""
-import os
 import sys
 import unittest
 
 from host_support import LIVE, MEDIA, Host, is_run_of_loop, main
-from peers import frame_digests, run
+from peers import frame_digests, in_namespace_of_its_own
 
 
 class Multicast(unittest.TestCase):
@@ -27,9 +26,5 @@ class Multicast(unittest.TestCase):
 
 
 if __name__ == "__main__":
-    if os.environ.get("VIDORA_IN_NAMESPACE") != "1":
-        environment = dict(os.environ, VIDORA_IN_NAMESPACE="1")
-        os.execvpe("unshare", ["unshare", "-n", sys.executable] + sys.argv, environment)
-    for command in ("ip link set lo up multicast on", "ip route add 224.0.0.0/4 dev lo src 127.0.0.1"):
-        run(*command.split())
+    in_namespace_of_its_own(sys.argv)
     main()

@@ -3,6 +3,7 @@ import os
 import random
 import socket
 import subprocess
+import sys
 import tempfile
 import time
 
@@ -60,6 +61,20 @@ def wait_for(condition, what):
         time.sleep(0.005)
 
 
+def in_namespace_of_its_own(command):
+    """Runs the script with these arguments anew, where loopback is all the network there is and carries multicast."""
+    if os.environ.get("VIDORA_IN_NAMESPACE") != "1":
+        environment = dict(os.environ, VIDORA_IN_NAMESPACE="1")
+        os.execvpe("unshare", ["unshare", "-n", sys.executable] + command, environment)
+    for setting in ("ip link set lo up multicast on", "ip route add 224.0.0.0/4 dev lo src 127.0.0.1"):
+        run(*setting.split())
+
+
+def read_file(path):
+    with open(path, "rb") as file:
+        return file.read()
+
+
 def free_port():
     with socket.socket() as sock:
         sock.bind(("127.0.0.1", 0))
@@ -89,8 +104,7 @@ class Folder(tempfile.TemporaryDirectory):
         return os.path.join(self.name, name)
 
     def read(self, name):
-        with open(self(name), "rb") as file:
-            return file.read()
+        return read_file(self(name))
 
     def write(self, name, data):
         with open(self(name), "wb") as file:
