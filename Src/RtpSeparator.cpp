@@ -43,7 +43,9 @@ CBufferedSeparator::step_t CRTPSeparator::parse_step(CByteReader& reader) {
     if (reader.PeekU8() == '$') {
         return cut_interleaved(reader);
     }
-    logWarn("%s:%d rtp over rtsp stream error \n", __FILE__, __LINE__);
+    if (m_lost_log.Pass()) {
+        logWarn("%s:%d rtp over rtsp stream error \n", __FILE__, __LINE__);
+    }
     return resynchronise(reader);
 }
 
@@ -93,6 +95,7 @@ void CRTPSeparator::put_out(Channel& channel) {
 // Throws away up to the next unit of a known source; if there is none, up to the next "$" among the last bytes, which
 // may begin one.
 CBufferedSeparator::step_t CRTPSeparator::resynchronise(CByteReader& reader) {
+    const size_t from = reader.Offset();
     reader.Skip(1);
     while (reader.Remaining() >= RESYNC_UNIT && !is_known_unit(reader)) {
         reader.Skip(1);
@@ -100,6 +103,7 @@ CBufferedSeparator::step_t CRTPSeparator::resynchronise(CByteReader& reader) {
     while (reader.Remaining() > 0 && reader.PeekU8() != '$') {
         reader.Skip(1);
     }
+    m_skipped += reader.Offset() - from;
     return STEP_DONE;
 }
 

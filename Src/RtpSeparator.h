@@ -3,6 +3,7 @@
 
 #include "BufferedSeparator.h"
 #include "FrameMerger.h"
+#include "LogGate.h"
 #include "RtpRun.h"
 
 namespace Kavio {
@@ -18,6 +19,8 @@ namespace Vidora {
 class CRTPSeparator final : public CBufferedSeparator {
 public:
     int SetChannel(int video_channel, int audio_channel) override;
+    // Bytes that were thrown away where the stream had lost its place.
+    uint64_t SkippedBytes() const { return m_skipped; }
 
 private:
     static constexpr int MERGED = 2;
@@ -38,6 +41,8 @@ private:
     Channel* find_channel(int number);
 
     Channel m_channels[MERGED];  // video, audio
+    uint64_t m_skipped = 0;
+    CLogGate m_lost_log;
 };
 
 }  // namespace Vidora
