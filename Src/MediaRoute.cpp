@@ -29,7 +29,9 @@ int enter(const LivePlace& place, Sink* sink) {
 template <typename Sink>
 void leave(const LivePlace& place, Sink* sink) {
     CMediaBuffer* buffer = place.channel->GetMediaBuffer(place.type);
-    place.registry->LeaveLiveChannel(place.name, sink, place.type);
+    if (place.registry->LeaveLiveChannel(place.name, sink, place.type) < 0) {
+        place.channel->StopStreaming(place.type);
+    }
     if (buffer != nullptr) {
         take_off(*buffer, sink);
     }

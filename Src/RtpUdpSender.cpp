@@ -192,18 +192,15 @@ int CRtpUdpSender::OpenPairAt(int local_port, int remote_port, int channel) {
     return 0;
 }
 
-// The next slot that was never used, or else the one that has the channel.
+// The slot that has the channel, whose track is set up anew; or else the next one that was never used.
 CRtpUdpSender::Slot* CRtpUdpSender::free_slot_locked(int channel) {
-    if (m_next_slot < m_slot_count) {
-        return &m_slots[static_cast<size_t>(m_next_slot)];
-    }
-    for (int i = 0; i < m_slot_count; ++i) {
+    for (int i = 0; i < m_next_slot; ++i) {
         Slot& slot = m_slots[static_cast<size_t>(i)];
         if (slot.channel == channel) {
             return &slot;
         }
     }
-    return nullptr;
+    return m_next_slot < m_slot_count ? &m_slots[static_cast<size_t>(m_next_slot)] : nullptr;
 }
 
 void CRtpUdpSender::take_slot_locked(Slot* slot, const std::shared_ptr<CUdpSockPair>& pair, int remote_port,
@@ -214,7 +211,7 @@ void CRtpUdpSender::take_slot_locked(Slot* slot, const std::shared_ptr<CUdpSockP
     set_ttl_locked(*slot);
     slot->aimed = false;
     aim_locked(*slot);  // or else with the first packet
-    if (m_next_slot < m_slot_count) {
+    if (slot == m_slots.get() + m_next_slot) {
         ++m_next_slot;
     }
 }

@@ -50,8 +50,8 @@ public:
     int SetRemote(CSockAddrStorage addr);
     // Opens the sockets of one track at a free pair of ports of the configured range, and gives the lower one.
     // `remote_port`: the peer's RTP port, its RTCP port is the next one. `channel`: the RTP channel in the packets'
-    // headers, RTCP has the next one. When all room is taken, the track that has `channel` already is opened anew.
-    // 0, or -1 if there is no room, or no free pair (with a log line).
+    // headers, RTCP has the next one; the track that has it already is opened anew, and takes no further room. 0, or -1
+    // if there is no room, or no free pair (with a log line).
     int OpenPair(int* local_port, int remote_port, int channel);
     // The same at the local port that the peer was told, without a search and marking. 0, also if a socket can't be
     // opened; -1 if there is no room.

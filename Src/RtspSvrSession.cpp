@@ -1,6 +1,7 @@
 #include "RtspSvrSession.h"
 
 #include <algorithm>
+#include <atomic>
 #include <cstring>
 
 #include "Tramel/SockStream.h"
@@ -25,60 +26,45 @@ void watch_peer(CSockStream& sock, int keep_alive_sec) {
     sock.WatchPeer(std::clamp(timeout, MIN_PEER_TIMEOUT_SEC, MAX_PEER_TIMEOUT_SEC), keep_alive_sec > 0);
 }
 
+bool checks_onvif_urls(const CRtspSvrConfig& config) {
+    OnvifUserGlobalConfig item = {};
+    int length = sizeof(item);
+    return config.GetConfig(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, &item, length) == 0 && item.enable != 0;
+}
+
 }  // namespace
 
 CRtspSvrSession::CRtspSvrSession() {
-    m_live_count = &session_count;
     ++session_count;
 }
-
-CRtspSvrSession::~CRtspSvrSession() = default;
 
 unsigned int CRtspSvrSession::GetCount() {
     return session_count;
 }
 
-int CRtspSvrSession::Enter(const std::shared_ptr<CSessionRoll>& roll) {
-    m_entry = CSessionEntry::Create(roll, GetID(), MSG_SESSION_END, MSG_SESSION_BROKEN);
-    return m_entry != nullptr ? 0 : -1;
-}
-
 void CRtspSvrSession::Start(CSockStream* sock, const char* buf, int len) {
     m_sock = sock;
-    if (OSTRA_ASSERT(len <= RTSP_BUF_LEN) && len > 0) {
-        memcpy(m_recv_buffer, buf, static_cast<size_t>(len));
-        m_recv_len = len;
-    }
-    Notify(GetID(), MSG_SESSION_INIT, 0);
+    const int count = OSTRA_ASSERT(len <= m_requests.Room()) && len > 0 ? len : 0;
+    memcpy(m_requests.Free(), buf, static_cast<size_t>(count));
+    Notify(GetID(), MSG_SESSION_INIT, count);
 }
 
-int CRtspSvrSession::Init() {
-    const rtsp_auth_t auth_type = m_config.GetRtspAuthType();
-    const rtsp_auth_func_t auth_func = m_config.GetAuthFunc();
-    bool checks_onvif = false;
-    OnvifUserGlobalConfig onvif = {};
-    int length = sizeof(onvif);
-    if (m_config.GetConfig(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, &onvif, length) == 0) {
-        checks_onvif = onvif.enable != 0;
-    }
-    m_gate.Open(auth_type != 0 && auth_func != nullptr ? auth_func(auth_type) : nullptr, checks_onvif);
+int CRtspSvrSession::Init(int count) {
+    const CRtspSvrConfig& config = m_conversation.Config();
+    const int timeout = config.GetKeepAliveTimeout();
+    m_conversation.OpenGate(config.GetRtspAuthType(), checks_onvif_urls(config));
     m_sock->SetSockSendBuf(SEND_BUFFER_SIZE);
-    watch_peer(*m_sock, m_config.GetKeepAliveTimeout());
-    m_stream_sender = CStreamSender::Create();
-    if (m_stream_sender != nullptr) {
-        m_stream_sender->WaitException(GetID());
-        m_stream_sender->Attach(this, m_sock);
-    }
-    m_sock->GetRemoteAddr(&m_peer_addr);
-    give_address_event(EVENT_CLIENT_CONNECTED);
-    if (parse_request() < 0) {
-        put_asyn_msg(MSG_SRC_FAIL);
+    watch_peer(*m_sock, timeout);
+    open_sender();
+    CSockAddrStorage peer;
+    GetPeer(peer);
+    m_conversation.Welcome(peer);
+    if (take_requests(count) < 0) {
         return -1;
     }
     // Only now: the first request is taken in before any further byte is read.
-    const int timeout = m_config.GetKeepAliveTimeout();
     if (RegisterSock(*m_sock, Tramel::SOCK_EVENT_READ, timeout > 0 ? timeout * US_PER_SECOND : 0) < 0) {
-        put_asyn_msg(MSG_SESSION_BROKEN);
+        m_conversation.End(MSG_SESSION_BROKEN);
         return -1;
     }
     return 0;
@@ -89,24 +75,19 @@ int CRtspSvrSession::handle_input(int fd) {
         return 0;
     }
     // A message that fills the buffer and still isn't whole can't be completed: no room counts as a broken connection.
-    const int room = RTSP_BUF_LEN - m_recv_len;
-    const int count = room > 0 ? m_sock->Recv(m_recv_buffer + m_recv_len, static_cast<unsigned int>(room)) : -1;
+    const int room = m_requests.Room();
+    const int count = room > 0 ? m_sock->Recv(m_requests.Free(), static_cast<unsigned int>(room)) : -1;
     if (count < 0) {
         RemoveSock(*m_sock);
-        put_asyn_msg(MSG_SESSION_BROKEN);
+        m_conversation.End(MSG_SESSION_BROKEN);
         return -1;
     }
-    m_recv_len += count;
-    if (parse_request() < 0) {
-        put_asyn_msg(MSG_SRC_FAIL);
-        return -1;
-    }
-    return 0;
+    return take_requests(count);
 }
 
-int CRtspSvrSession::handle_close(CNetHandler* /*handler*/) {
-    const std::unique_ptr<CSessionEntry> entry = std::move(m_entry);  // leaves when nothing of the session is left
-    delete this;
+int CRtspSvrSession::handle_close(CNetHandler* handler) {
+    CSvrSessionCore::handle_close(handler);
+    --session_count;  // the session has gone
     return 0;
 }
 

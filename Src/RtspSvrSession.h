@@ -1,9 +1,6 @@
 #ifndef VIDORA_RTSPSVRSESSION_H
 #define VIDORA_RTSPSVRSESSION_H
 
-#include <memory>
-
-#include "SessionRoll.h"
 #include "SvrSessionCore.h"
 
 namespace Kavio {
@@ -14,27 +11,23 @@ class CRtspSvrSession : public CSvrSessionCore {
 public:
     CRtspSvrSession();
 
-    // Enters the session in the roll of its server; before Start. 0, or -1 if no session may begin: Close it then.
-    int Enter(const std::shared_ptr<CSessionRoll>& roll);
     // Takes `sock` over with the `len` bytes, at most 4096, that were read from it. They are served on the session's
     // strand; this call doesn't wait, and the session may be gone when it returns. Called once, when all is set.
     void Start(CSockStream* sock, const char* buf, int len);
 
     int handle_input(int fd) override;
     int handle_close(CNetHandler* handler) override;
+    bool SendsReports() const override { return true; }
 
     // Sessions that live now, in the whole process.
     static unsigned int GetCount();
 
 protected:
-    int Init() override;
+    int Init(int count) override;
     void close_session() override;
-    bool SendsReports() const override { return true; }
 
 private:
-    ~CRtspSvrSession() override;
-
-    std::unique_ptr<CSessionEntry> m_entry;
+    ~CRtspSvrSession() override = default;
 };
 
 }  // namespace Vidora

@@ -6,6 +6,7 @@
 #include <cstring>
 #include <new>
 
+#include "FrameWatch.h"
 #include "HttpRefuser.h"
 #include "NatIntake.h"
 #include "RtspSvrSession.h"
@@ -89,7 +90,9 @@ private:
 };
 
 CSvrSessionManager::CSvrSessionManager()
-    : m_roll(CSessionRoll::Create()), m_http_manager(new (std::nothrow) CHttpRefuser) {}
+    : m_roll(CSessionRoll::Create()), m_http_manager(new (std::nothrow) CHttpRefuser) {
+    CFrameWatch::RegisterConsole();
+}
 
 CSvrSessionManager::~CSvrSessionManager() = default;
 

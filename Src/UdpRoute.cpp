@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "Protocol/RtspTables.h"
 #include "TrackTable.h"
 #include "Vidora/RtspSvrConfig.h"
 #include "Vidora/Tramel/MediaBuffer.h"
@@ -12,7 +13,6 @@ namespace Vidora {
 namespace {
 
 const int MAX_RTP_PORT = 65534;  // as RTCP has the next one
-const int STATUS_UNSUPPORTED_TRANSPORT = 461;
 
 // The address of a numeric text; invalid for any other, so that no name of a peer's choice is ever resolved.
 CSockAddrStorage numeric_address(const char* text) {
@@ -64,11 +64,11 @@ std::unique_ptr<IMediaRoute> CUdpRoute::Create(const CSockAddrStorage& peer, con
 int CUdpRoute::SetUp(const CTrack& /*track*/, int channel, transport_info& transport) {
     int port = 0;
     if ((transport.multicast != 0) != m_to_group) {
-        return STATUS_UNSUPPORTED_TRANSPORT;  // all tracks go to one place
+        return RTSP_STATUS_UNSUPPORTED_TRANSPORT;  // all tracks go to one place
     }
     if (transport.rtp_port < 1 || transport.rtp_port > MAX_RTP_PORT || channel < 0 || channel > MAX_ROUTE_CHANNEL ||
         m_sender.OpenPair(&port, transport.rtp_port, channel) < 0) {
-        return STATUS_UNSUPPORTED_TRANSPORT;
+        return RTSP_STATUS_UNSUPPORTED_TRANSPORT;
     }
     transport.server_rtp_port = port;
     transport.server_rtcp_port = port + 1;

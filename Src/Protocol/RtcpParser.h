@@ -47,11 +47,11 @@ public:
     // Empties the table and all that was set to be sent.
     void reset();
 
-    // What the next reports say: three numbers; null does nothing.
-    // Fraction lost, cumulative lost, extended highest sequence number: for the first block of the next RR.
+    // What the next reports say. Three numbers, null does nothing: fraction lost, cumulative lost, extended highest
+    // sequence number: for the first block of the next RR.
     void set_report_info(const int* info);
-    // Sender's packet count, octet count, RTP time stamp: for the next SR.
-    void set_sender_info(const int* info);
+    // For the next SR: the sender's packets and octets so far, and its RTP time stamp now.
+    void set_sender_info(uint32_t packets, uint32_t octets, uint32_t timestamp);
     // Appends a report block about `ssrc` with the three numbers of set_report_info. 0, or -1 for null, without memory,
     // or when there are 31 already.
     int add_report_block(unsigned int ssrc, const int* info);
@@ -117,7 +117,11 @@ private:
     rtcp_pack m_packets[MAX_PACKETS];
     int m_packet_count;
     int m_report_info[3];
-    int m_sender_info[3];
+    struct SenderInfo {
+        uint32_t packets;
+        uint32_t octets;
+        uint32_t timestamp;
+    } m_sender_info;
     rtcp_report* m_report_list;
     bool m_has_whole_block = false;  // by set_report_block
     rtcp_pack* m_sdes;

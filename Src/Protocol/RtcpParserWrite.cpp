@@ -55,7 +55,7 @@ void CRtcpParser::reset() {
     m_sdes = nullptr;
     m_bye = nullptr;
     std::memset(m_report_info, 0, sizeof(m_report_info));
-    std::memset(m_sender_info, 0, sizeof(m_sender_info));
+    m_sender_info = {};
 }
 
 void CRtcpParser::set_report_info(const int* info) {
@@ -64,10 +64,8 @@ void CRtcpParser::set_report_info(const int* info) {
     }
 }
 
-void CRtcpParser::set_sender_info(const int* info) {
-    if (info != nullptr) {
-        std::memcpy(m_sender_info, info, sizeof(m_sender_info));
-    }
+void CRtcpParser::set_sender_info(uint32_t packets, uint32_t octets, uint32_t timestamp) {
+    m_sender_info = {packets, octets, timestamp};
 }
 
 int CRtcpParser::add_report_block(unsigned int ssrc, const int* info) {
@@ -326,9 +324,9 @@ void CRtcpParser::write_sr(CByteWriter& writer) const {
     // without a fraction, so they stay so.
     writer.WriteU32(static_cast<uint32_t>(CTime::getCurrentTime().makeTime()));
     writer.WriteU32(0);
-    writer.WriteU32(static_cast<uint32_t>(m_sender_info[2]));
-    writer.WriteU32(static_cast<uint32_t>(m_sender_info[0]));
-    writer.WriteU32(static_cast<uint32_t>(m_sender_info[1]));
+    writer.WriteU32(m_sender_info.timestamp);
+    writer.WriteU32(m_sender_info.packets);
+    writer.WriteU32(m_sender_info.octets);
     write_reports(writer, m_report_list);
     end_packet(writer, start);
 }

@@ -11,6 +11,9 @@
 namespace Kavio {
 namespace Vidora {
 
+// Form of a Range header (RFC 2326 3.6, 3.7).
+enum range_type_t { RANGE_TYPE_NPT = 0, RANGE_TYPE_CLOCK = 1 };
+
 // A Transport header (RFC 2326 12.39), for reading and for generating.
 struct transport_info {
     char url[1024];        // control URL of the track

@@ -112,7 +112,7 @@ public:
     const char* get_content_type(int* content_length) const;
     const transport_info* get_transport() const { return &m_transport; }
     const multicast_info* get_multicast() const { return &m_multicast; }
-    // 0 npt, 1 clock.
+    // A range_type_t.
     int get_range_type() const { return m_range_type; }
     // Seconds; -1.0 is "not given". 0.
     int get_npt_range(double* begin, double* end) const;
@@ -149,7 +149,7 @@ protected:
     const char* m_product = "";  // value of Server or User-Agent, set at construction
     int m_content_length = 0;
     int m_body_length = 0;  // bytes in m_body
-    int m_range_type = 0;
+    int m_range_type = RANGE_TYPE_NPT;
     UtcTime m_begin_utc;
     UtcTime m_end_utc;
     double m_npt_begin = -1.0;

@@ -90,7 +90,7 @@ int CRtspParser::parse_range_speed(CStrParser& text) {
 void CRtspParser::read_range(CStrParser& text) {
     text.ResetAll();
     if (text.LocateStringCase("Range: npt=") >= 0) {
-        m_range_type = 0;
+        m_range_type = RANGE_TYPE_NPT;
         text.ConsumeUntilDigit();  // over a word such as "now", and on to any later digit
         m_npt_begin = text.ConsumeDouble();
         m_npt_end = -1.0;
@@ -102,12 +102,12 @@ void CRtspParser::read_range(CStrParser& text) {
         return;
     }
     if (text.LocateStringCase("Range: clock=") < 0) {
-        m_range_type = 0;
+        m_range_type = RANGE_TYPE_NPT;
         m_npt_begin = -1.0;
         m_npt_end = -1.0;
         return;
     }
-    m_range_type = 1;
+    m_range_type = RANGE_TYPE_CLOCK;
     m_begin_utc = UtcTime();
     m_end_utc = UtcTime();
     text.ConsumeUntilDigit();

@@ -16,7 +16,7 @@ struct rtsp_status_row {
     const char* reason;
 };
 
-// Statuses that the codecs themselves write or look at.
+// Statuses that the codecs and their users write or look at.
 enum rtsp_status_t {
     RTSP_STATUS_OK = 200,
     RTSP_STATUS_MOVED_PERMANENTLY = 301,
@@ -24,7 +24,10 @@ enum rtsp_status_t {
     RTSP_STATUS_USE_PROXY = 305,
     RTSP_STATUS_BAD_REQUEST = 400,
     RTSP_STATUS_UNAUTHORIZED = 401,
-    RTSP_STATUS_UNSUPPORTED_TRANSPORT = 461
+    RTSP_STATUS_NOT_FOUND = 404,
+    RTSP_STATUS_WRONG_STATE = 455,
+    RTSP_STATUS_UNSUPPORTED_TRANSPORT = 461,
+    RTSP_STATUS_UNAVAILABLE = 503
 };
 
 const char RTSP_SCHEME[] = "rtsp://";

@@ -216,7 +216,7 @@ TEST(RtcpParser, WritesPacketsInTheOrderOfTheirTypes) {
 TEST(RtcpParser, WritesNothingThatDoesNotFit) {
     CRtcpParser parser(1);
     const int sender[3] = {10, 2000, 30};
-    parser.set_sender_info(sender);
+    parser.set_sender_info(10, 2000, 30);
     ASSERT_EQ(parser.add_sdes_item(1, 3, "abc"), 0);
     EXPECT_EQ(parser.add_sdes_item(1, 0, "abc"), -1);
     EXPECT_EQ(parser.add_sdes_item(1, 3, nullptr), -1);

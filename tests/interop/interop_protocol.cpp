@@ -37,8 +37,7 @@ void write_rtcp() {
 
     // 1: what a server sends. 2: what a client sends.
     CRtcpParser server(0x11223344);
-    const int sender[3] = {1000, 1400000, 90000};
-    server.set_sender_info(sender);
+    server.set_sender_info(1000, 1400000, 90000);
     put(server.get_sr_compound(buffer, &length), length);
     CRtcpParser client(0x55667788);
     const int report[3] = {25, 300, 0x10002};

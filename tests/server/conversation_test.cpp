@@ -1,3 +1,5 @@
+#include <map>
+
 #include "Protocol/SdpParser.h"
 #include "server/ServerFixture.h"
 #include "support/UdpPeer.h"
@@ -127,6 +129,8 @@ TEST_F(Conversation, SetupRefusesWhatItCantServe) {
         {"/trackID=0", "RTP/AVP;unicast;client_port=99999-100000", 461},
         {"/trackID=0", "RTP/AVP;unicast", 461},
         {"/trackID=0", "RTP/AVP;multicast", 461},
+        {"/trackID=0", "RTP/AVP/TCP;multicast", 461},
+        {"/trackID=0", "RTP/AVP/TCP;multicast;interleaved=0-1", 461},
         {"/trackID=0", "RTP/AVP;multicast;destination=127.0.0.1;port=4000-4001;ttl=1", 461},
         {"/trackID=0", "RAW/XYZ", 0},
         {"/trackID=5", "RTP/AVP/TCP;unicast;interleaved=0-1", 0},
@@ -242,7 +246,9 @@ TEST_F(Conversation, MulticastChannelIsOfferedAsSuch) {
     const RtspReply description = client.Ask("DESCRIBE", Url());
     ASSERT_EQ(200, description.status);
     EXPECT_NE(std::string::npos, description.body.find("m=video 41000 RTP/AVP 96"));
-    EXPECT_EQ(461, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
+    for (const char* transport : {INTERLEAVED, "Transport: RTP/AVP/TCP;multicast\r\n"}) {
+        EXPECT_EQ(461, client.Ask("SETUP", Url() + "/trackID=0", transport).status);
+    }
     const RtspReply reply = client.Ask("SETUP", Url() + "/trackID=0", "Transport: RTP/AVP;multicast\r\n");
     ASSERT_EQ(200, reply.status);
     EXPECT_EQ(0u, reply.Header("Transport").find("RTP/AVP;multicast;destination=239.1.2.3;port=41000-41001;ttl=4"));
@@ -328,6 +334,127 @@ TEST_F(Conversation, DescribeWithoutSdpOrSourceIsNotFound) {
         EXPECT_EQ(404, client.Ask("DESCRIBE", Url(content)).status) << content;
     }
     EXPECT_EQ(404, never.Reply().status);
+}
+
+// PLAY is overtaken by what comes with it, and the next one starts the media all the same.
+TEST_F(Conversation, APauseInTheSameWriteAsThePlay) {
+    StartServer();
+    CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
+    const std::string url = Url(FILE_CONTENT);
+    CRtspTestClient client(m_port);
+    ASSERT_EQ(200, client.Ask("DESCRIBE", url).status);
+    ASSERT_EQ(200, client.Ask("SETUP", url + "/trackID=0", INTERLEAVED).status);
+    for (int round = 0; round < 2; ++round) {
+        client.Send(client.Request("PLAY", url) + client.Request("PAUSE", url));
+        EXPECT_EQ(200, client.Reply().status);
+        EXPECT_EQ(200, client.Reply().status);
+        EXPECT_EQ(200, client.Ask("PLAY", url).status);
+        ASSERT_TRUE(Give(CFakeStreamSource::Last(), 10));
+        EXPECT_EQ(0, client.Frame().channel);
+        EXPECT_EQ(200, client.Ask("PAUSE", url).status);
+    }
+}
+
+// A track that comes back counts anew: what its client didn't ask for is no loss.
+TEST_F(Conversation, ATrackThatIsSetUpAgainHasLostNothing) {
+    SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, &CEventLog::OnEvent);
+    CFakeStreamSource* source = StartWithChannel();
+    CRtspTestClient client(m_port);
+    PlayInterleaved(client);
+    unsigned int sequence = 10;
+    for (int round = 0; round < 3; ++round) {
+        for (int i = 0; i < 5; ++i) {
+            ASSERT_TRUE(Give(source, sequence++));
+        }
+        EXPECT_EQ(0, client.Frame().channel);
+        ASSERT_EQ(200, client.Ask("TEARDOWN", Url() + "/trackID=0").status);
+        for (int i = 0; i < 5; ++i) {
+            ASSERT_TRUE(Give(source, sequence++));
+        }
+        ASSERT_EQ(200, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
+        ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
+    }
+    client.Close();
+    EXPECT_TRUE(SessionsGone());
+    for (const std::string& event : CEventLog::All()) {
+        EXPECT_NE(0u, event.find("lost")) << event;
+    }
+}
+
+// The last SETUP of a track counts, and takes no room from the others.
+TEST_F(Conversation, AUdpTrackThatIsSetUpTwice) {
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.has_audio = true;
+    settings.audio.encode_type = STREAM_AUDIO_PCMA;
+    settings.audio.sample_rate = 8000;
+    StartServer();
+    CFakeStreamSource* source = AddChannel(LIVE_NAME, settings);
+    CRtspTestClient client(m_port);
+    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
+    CUdpPeer first, last, audio;
+    ASSERT_EQ(200, client.Ask("SETUP", Url() + "/trackID=0", UdpTransport(first.Port())).status);
+    const RtspReply reply = client.Ask("SETUP", Url() + "/trackID=0", UdpTransport(last.Port()));
+    ASSERT_EQ(200, reply.status);
+    ASSERT_EQ(200, client.Ask("SETUP", Url() + "/trackID=1", UdpTransport(audio.Port())).status);
+    ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
+    ASSERT_TRUE(Give(source, 10));
+    int from = 0;
+    EXPECT_LT(12u, last.Recv(5000, &from).size());
+    const std::string transport = reply.Header("Transport");
+    EXPECT_EQ(atoi(transport.c_str() + transport.find("server_port=") + 12), from);
+    EXPECT_EQ("", first.Recv(50));
+}
+
+// RFC 2326 12.33: both numbers name one packet, also to a client that joins a stream.
+TEST_F(Conversation, RtpInfoNamesOnePacket) {
+    CFakeStreamSource* source = StartWithChannel();
+    CRtspTestClient viewer(m_port);
+    std::map<unsigned int, unsigned int> timestamps;  // by sequence number
+    const auto play = [&](CRtspTestClient& client) {
+        EXPECT_EQ(200, client.Ask("DESCRIBE", Url()).status);
+        EXPECT_EQ(200, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
+        return client.Ask("PLAY", Url()).Header("RTP-Info");
+    };
+    const auto read_frame = [&] {
+        for (unsigned int marker = 0; marker == 0;) {
+            const RtspFrame frame = viewer.Frame();
+            ASSERT_LT(12u, frame.data.size());
+            const auto byte = [&](size_t i) { return static_cast<unsigned int>(static_cast<uint8_t>(frame.data[i])); };
+            timestamps[byte(2) << 8 | byte(3)] = byte(4) << 24 | byte(5) << 16 | byte(6) << 8 | byte(7);
+            marker = byte(1) >> 7;
+        }
+    };
+    std::vector<std::string> infos = {play(viewer)};
+    for (unsigned int sequence = 10; sequence < 14; ++sequence) {
+        ASSERT_TRUE(Give(source, sequence, 5000));
+        read_frame();
+        if (sequence == 12) {
+            CRtspTestClient joining(m_port);
+            infos.push_back(play(joining));
+        }
+    }
+    for (const std::string& info : infos) {
+        unsigned int seq = 0;
+        unsigned int rtptime = 0;
+        ASSERT_EQ(2, sscanf(info.c_str(), "url=trackID=0;seq=%u;rtptime=%u", &seq, &rtptime)) << info;
+        ASSERT_EQ(1u, timestamps.count(seq)) << info;
+        EXPECT_EQ(timestamps[seq], rtptime) << info;
+    }
+}
+
+// The channel that a client has stays its own, whatever is published under the name that it asked for.
+TEST_F(Conversation, AClientLeavesTheChannelThatItEntered) {
+    StartServer();
+    CFakeStreamSource* source = AddChannel("cam/realmonitor");
+    CRtspTestClient client(m_port);
+    PlayInterleaved(client);
+    ASSERT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Start") == 1; }));
+    CFakeStreamSource* other = AddChannel(LIVE_NAME);
+    ASSERT_TRUE(Give(source, 10));
+    EXPECT_EQ(0, client.Frame().channel);
+    EXPECT_EQ(200, client.Ask("TEARDOWN", Url()).status);
+    EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Stop") == 1; }));
+    EXPECT_EQ(0, other->CountCalls("Stop"));
 }
 
 }  // namespace

@@ -1,0 +1,48 @@
+#ifndef VIDORA_FRAMEWATCH_H
+#define VIDORA_FRAMEWATCH_H
+
+#include <atomic>
+
+#include "SvrLink.h"
+#include "TrackTable.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// CFrameWatch: sees which frames go to one client, and so which it loses; and prints their delay, if told to.
+//
+// THREADING  OnFrame: the thread that writes for the sink, not twice at once. All others: the conversation's strand,
+//            which hears of losses by a message.
+class CFrameWatch {
+public:
+    // `msg` goes to the link when frames were lost.
+    CFrameWatch(ISvrLink& link, unsigned int msg) : m_link(link), m_msg(msg) {}
+
+    // 1 prints the delay of every frame to the debug console, for all sessions of the process; 0, the default, doesn't.
+    // The console command "rtspdelay 0|1", which RegisterConsole adds once, does the same. Any thread.
+    static void SetDelayLog(int on);
+    static void RegisterConsole();
+
+    // Before the first frame: the client, for the lines of the log.
+    void SetPeer(const CSockAddrStorage& peer) { m_peer = peer; }
+    // The track that is switched by `send_channel` counts anew: its next frame is no loss.
+    void Forget(int send_channel);
+    void ForgetAll();
+    // How many gaps there were since the last call.
+    unsigned int TakeLosses() { return m_losses.exchange(0); }
+
+    // A send procedure of CMediaStreamSender.
+    void OnFrame(CMediaPacket* packet, int length, int unused);
+
+private:
+    ISvrLink& m_link;
+    const unsigned int m_msg;
+    CSockAddrStorage m_peer;
+    std::atomic<unsigned int> m_last[CTrackTable::MAX_TRACKS] = {};  // frame number by track; 0: none yet
+    std::atomic<unsigned int> m_losses{0};
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_FRAMEWATCH_H

@@ -1,0 +1,42 @@
+#ifndef VIDORA_SENDERREPORTS_H
+#define VIDORA_SENDERREPORTS_H
+
+#include "LinkTimer.h"
+#include "SessionSource.h"
+#include "TrackTable.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// CSenderReports: the RTCP sender reports of one conversation (RFC 3550 6.4.1), one every five seconds for each track
+// that plays.
+class CSenderReports {
+public:
+    CSenderReports(ISvrLink& link, CSessionSource& source, CTrackTable& tracks)
+        : m_link(link), m_source(source), m_tracks(tracks), m_timer(link) {}
+
+    // No reports by the timer from now on: a client of private frames wants none.
+    void Forbid() { m_forbidden = true; }
+    // The five seconds begin now, if this client gets reports at all.
+    void Restart();
+    void Stop() { m_timer.Stop(); }
+    bool Is(long timer_id) const { return m_timer.Is(timer_id); }
+
+    // Sends the reports of all tracks that play, or of that one alone (-1 stands for all), over `route`; with a BYE
+    // behind them if they are the last (RFC 3550 6.6). 0 or -1.
+    int Send(IMediaRoute* route, int track_filter, bool with_bye);
+
+private:
+    int send_one(IMediaRoute& route, const CTrack& track, bool with_bye);
+
+    ISvrLink& m_link;
+    CSessionSource& m_source;
+    CTrackTable& m_tracks;
+    CLinkTimer m_timer;
+    bool m_forbidden = false;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_SENDERREPORTS_H

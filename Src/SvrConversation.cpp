@@ -1,0 +1,328 @@
+// Messages: from a text to the machine, the replies that need no source, and how a conversation ends.
+
+#include "SvrConversation.h"
+
+#include <cstring>
+
+#include "Protocol/LogQuote.h"
+#include "Protocol/RtcpParser.h"
+#include "Protocol/RtspTables.h"
+
+namespace Kavio {
+namespace Vidora {
+
+CSvrConversation::CSvrConversation(ISvrLink& link) : m_link(link) {
+    init_rtsp_states(m_machine, this);
+}
+
+CSvrConversation::~CSvrConversation() = default;
+
+void CSvrConversation::OpenGate(rtsp_auth_t type, bool checks_onvif) {
+    const rtsp_auth_func_t make_module = m_config.GetAuthFunc();
+    m_gate.Open(type != 0 && make_module != nullptr ? make_module(type) : nullptr, checks_onvif);
+}
+
+void CSvrConversation::Welcome(const CSockAddrStorage& peer) {
+    m_peer = peer;
+    m_frames.SetPeer(peer);
+    give_address_event(EVENT_CLIENT_CONNECTED);
+}
+
+int CSvrConversation::TakeMessage(const char* text, int length) {
+    rtsp_msg_info info;
+    const int size = m_codec.check_message(text, static_cast<unsigned int>(length), &info);
+    if (size == RTSP_INCOMPLETE) {
+        return 0;
+    }
+    if (size < 0) {
+        logError("%s:%d ret:%d recv_buf:%s\n", __FILE__, __LINE__, size,
+                 CLogQuote(Ostra::LOG_LEVEL_ERROR, text).Text());
+        return -1;
+    }
+    CSockAddrStorage peer;
+    if (m_gate.Guards()) {
+        m_link.GetPeer(peer);
+    }
+    const int passed = m_gate.Check(info, text, size, peer);
+    if (passed < 0) {
+        logError("%s:%d recv_buf:%s, check_authority ret -1\n", __FILE__, __LINE__,
+                 CLogQuote(Ostra::LOG_LEVEL_ERROR, text).Text());
+        return -1;
+    }
+    if (passed > 0 && !m_machine.put_rx_event(info, text, static_cast<uint32_t>(size), 0)) {
+        logError("%s:%d, putevent failed, recv_buf=%s.\n", __FILE__, __LINE__,
+                 CLogQuote(Ostra::LOG_LEVEL_ERROR, text).Text());
+        return -1;
+    }
+    return size;
+}
+
+bool CSvrConversation::PassRequest(const rtsp_msg_info& info, const char* text, unsigned int length) {
+    return m_machine.put_rx_event(info, text, length, 0);
+}
+
+bool CSvrConversation::SendChallenge(const char* request, unsigned int length, const char* challenge) {
+    m_codec.parse_request(request, length, nullptr);  // for its CSeq
+    return m_machine.put_tx_event(REPLY_KIND_AUTH, m_codec.generate_auth_reply(challenge), 0, 0);
+}
+
+// Reports of the client are taken in and have no effect: not even a BYE (RFC 3550 6.6) ends anything.
+void CSvrConversation::TakeReport(const unsigned char* data, unsigned int length, int channel) {
+    const int index = channel / 2;
+    if (index >= m_tracks.Count() || !m_tracks.At(index).reports) {
+        return;
+    }
+    CRtcpParser parser(m_tracks.At(index).ssrc);
+    parser.ParseData(data, &length, true);
+    int count = 0;
+    const rtcp_pack* packets = parser.get_packets(&count);
+    for (int i = 0; i < count; ++i) {
+        if (packets[i].common.pt == CRtcpParser::RTCP_TYPE_BYE) {
+            logTrace("%s:%d RTCP BYE on channel %d, this:%p\n", __FILE__, __LINE__, channel, static_cast<void*>(this));
+        }
+    }
+}
+
+void CSvrConversation::ForgetMessages() {
+    if (m_machine.forget_events()) {
+        m_codec.forget_texts();
+    }
+}
+
+// Every operation of the machine begins with this reading of its request. 0 or negative.
+int CSvrConversation::parse_event(const StateEvent& event) {
+    rtsp_msg_info info = event.info();
+    return m_codec.parse_request(event.text(), event.length, &info);
+}
+
+int CSvrConversation::refuse_parse(const StateEvent& event) {
+    logError("%s:%d, parse data failed., data=%s.\n", __FILE__, __LINE__,
+             CLogQuote(Ostra::LOG_LEVEL_ERROR, event.text()).Text());
+    return -1;
+}
+
+// Failures of delivery come back as MSG_SOCK_EXCEPTION and not here: always 0.
+int CSvrConversation::send_data(const char* text, int length) {
+    m_link.SendText(text, length);
+    return 0;
+}
+
+// Null sends nothing.
+int CSvrConversation::send_text(const char* text) {
+    return text == nullptr ? 0 : send_data(text, static_cast<int>(strlen(text)));
+}
+
+int CSvrConversation::send_error(int status) {
+    return send_text(m_codec.generate_error_reply(status));
+}
+
+// As a reply event with a status above 299 leaves the machine in its state; sent at once it would enter the next one.
+int CSvrConversation::refuse_here(const StateEvent& event) {
+    const char* reply = m_codec.generate_error_reply(RTSP_STATUS_WRONG_STATE);
+    return m_machine.put_tx_event(REPLY_KIND_REFUSAL, reply, RTSP_STATUS_WRONG_STATE, event.id) ? 1 : -1;
+}
+
+int CSvrConversation::on_options(const StateEvent& event) {
+    if (parse_event(event) < 0) {
+        return -1;
+    }
+    send_text(m_codec.generate_options_reply());
+    return 0;
+}
+
+// Nothing in the library reads a parameter's body; the request counts as a sign of life.
+int CSvrConversation::on_set_parameter(const StateEvent& event) {
+    return parse_event(event) < 0 ? refuse_parse(event) : send_error(RTSP_STATUS_OK);
+}
+
+// Clients use it to keep a session alive.
+int CSvrConversation::on_get_parameter(const StateEvent& event) {
+    if (parse_event(event) < 0) {
+        return refuse_parse(event);
+    }
+    if (m_codec.get_body()[0] != '\0') {
+        int length = 0;
+        const char* type = m_codec.get_content_type(&length);
+        logDebug("%s:%d type:%s len:%d  \n", __FILE__, __LINE__, type, length);
+        logDebug("%s:%d Content: %s\n", __FILE__, __LINE__,
+                 CLogQuote(Ostra::LOG_LEVEL_DEBUG, m_codec.get_body()).Text());
+    }
+    return send_error(RTSP_STATUS_OK);
+}
+
+int CSvrConversation::on_unsupported(const StateEvent& event) {
+    if (parse_event(event) < 0) {
+        return refuse_parse(event);
+    }
+    const char* reply = m_codec.generate_error_reply(RTSP_STATUS_WRONG_STATE);
+    if (reply == nullptr) {
+        logError("%s:%d, get reply 455 failed.\n", __FILE__, __LINE__);
+    }
+    return send_text(reply);
+}
+
+void CSvrConversation::OnTimer(long timer_id) {
+    if (m_sdp_wait.Is(timer_id)) {
+        if (retry_describe() < 0) {
+            End(MSG_SRC_READY);
+        }
+    } else if (m_drain.Is(timer_id)) {
+        on_source_end();
+    } else if (m_reports.Is(timer_id) && m_reports.Send(m_route, -1, false) < 0) {
+        End(MSG_SRC_FAIL);
+    }
+}
+
+// The control connection was silent for the keep-alive time.
+void CSvrConversation::OnControlSilence() {
+    if (m_source.IsLive() && m_sdp_result == SDP_MULTICAST) {
+        return;  // a multicast viewer may be silent
+    }
+    if (m_silence.ControlIsSilent()) {
+        logWarn("Rtsp Server Session timeout, this:%p.!\n", static_cast<void*>(this));
+        End(MSG_SESSION_BROKEN);
+    }
+}
+
+void CSvrConversation::OnLinkError() {
+    logWarn("%s:%d, handle_exception this:%p.\n", __FILE__, __LINE__, static_cast<void*>(this));
+    m_source.Stop(m_packet_type);
+    End(MSG_SESSION_BROKEN);
+}
+
+void CSvrConversation::OnMessage(unsigned int msg, long param) {
+    if (dispatch(msg, param) < 0) {
+        End(msg);
+    }
+}
+
+// Negative if the conversation has to end for it.
+int CSvrConversation::dispatch(unsigned int msg, long param) {
+    switch (msg) {
+        case MSG_SESSION_AUTH:
+            return m_gate.TakeAnswer(), 0;
+        case MSG_SESSION_LOST:
+            return give_lost_events(), 0;
+        case MSG_SESSION_END:
+            return End(static_cast<unsigned int>(param)), 0;
+        case MSG_SOURCE_CLOSED:
+            return m_machine.put_asyn_msg(MSG_SOURCE_CLOSED, m_wait_id), 0;
+        case MSG_SOCK_EXCEPTION:
+            return End(MSG_SESSION_BROKEN), 0;
+        case MSG_SRC_READY:
+            return on_source_ready();
+        case MSG_PLAY_READY:
+            return reply_play();
+        case MSG_SRC_PAUSED:
+            return reply_pause();
+        case MSG_SRC_END:
+            return m_drain.Runs() ? 0 : on_source_end();  // a source may tell its end with every frame
+        case MSG_SRC_FAIL:
+            return -1;
+        case MSG_SDP_UPDATE:
+            return on_sdp_update();
+        case MSG_KEEPALIVE_TIMEOUT:
+            return on_peer_silence();
+        default:
+            return 0;
+    }
+}
+
+int CSvrConversation::on_source_ready() {
+    if (m_source.IsOpen()) {
+        read_sdp();
+    }
+    return reply_describe();
+}
+
+int CSvrConversation::on_source_end() {
+    if (!m_drain.Waits(m_source)) {
+        End(MSG_SRC_END);
+    }
+    return 0;
+}
+
+int CSvrConversation::on_peer_silence() {
+    return m_silence.PeerIsSilent() ? -1 : 0;
+}
+
+// A change of the stream's format ends an RTP session, whose description would be false; private frames carry the
+// change themselves. A DESCRIBE that waits for the description may have it now.
+int CSvrConversation::on_sdp_update() {
+    if (m_sdp_wait.Runs()) {
+        return m_source.IsOpen() && !read_sdp() ? 0 : reply_describe();  // the tries are the timer's
+    }
+    // A source that becomes ready reports that as an update as well. It may overtake the DESCRIBE that has just been
+    // answered with this very description. Later on not even an equal one says that the pictures are as before.
+    const bool nothing_set_up = m_packet_type == PACKET_TYPE_NONE;
+    if (m_packet_type != PACKET_TYPE_KX && m_described && !(nothing_set_up && has_same_sdp())) {
+        End(MSG_SDP_UPDATE);
+    }
+    return 0;
+}
+
+void CSvrConversation::give_address_event(event_type_t event) {
+    const rtsp_event_func_t tell = m_config.GetEventFunc();
+    if (tell == nullptr) {
+        return;
+    }
+    char text[64];
+    m_peer.GetIpStr(text, sizeof(text));
+    tell(event, text, static_cast<int>(strlen(text)));
+}
+
+// One event for each gap.
+void CSvrConversation::give_lost_events() {
+    const rtsp_event_func_t tell = m_config.GetEventFunc();
+    char peer[64];
+    m_peer.GetIpStr(peer, sizeof(peer));
+    LostPacketEvent record = {peer, m_peer.GetPort(), m_source.Channel(), m_source.Subtype(), m_link.HandlerId()};
+    for (unsigned int count = m_frames.TakeLosses(); count > 0 && tell != nullptr; --count) {
+        tell(EVENT_LOST_PACKET, &record, static_cast<int>(sizeof(record)));
+    }
+}
+
+// The end begins here, whatever its reason: the media stops, the source is released, the link closes. A source of the
+// session's own is waited for: its last message, MSG_SOURCE_CLOSED, comes here again.
+void CSvrConversation::on_asyn_msg(const StateEvent& event) {
+    const bool source_is_closed = event.method == MSG_SOURCE_CLOSED;
+    if (source_is_closed && !m_closed) {
+        m_closed = true;
+        m_link.CloseLink();
+        return;
+    }
+    m_link.StopSending();
+    m_wait_id = event.id;
+    if (!release(true) && !m_closed) {
+        m_closed = true;
+        m_link.CloseLink();
+    }
+    if (m_closed) {
+        give_address_event(EVENT_CLIENT_DISCONNECTED);
+    }
+}
+
+void CSvrConversation::Release() {
+    m_gate.Release();
+    release(false);
+}
+
+// What a DESCRIBE has brought, and all that came of it, goes. `hears_end`: see CSessionSource::Release.
+bool CSvrConversation::release(bool hears_end) {
+    m_sdp_wait.Stop();
+    m_drain.Stop();
+    stop_media();
+    const bool waits = m_source.Release(m_link.HandlerId(), hears_end);
+    m_route = nullptr;
+    for (std::unique_ptr<IMediaRoute>& route : m_routes) {
+        route.reset();
+    }
+    m_tracks.Clear();
+    m_frames.ForgetAll();  // another source counts anew
+    m_silence.ForgetPeer();
+    m_sdp_result = SDP_UNICAST;
+    return waits;
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,180 @@
+#ifndef VIDORA_SVRCONVERSATION_H
+#define VIDORA_SVRCONVERSATION_H
+
+#include "AuthGate.h"
+#include "FrameWatch.h"
+#include "MachineKeeper.h"
+#include "Protocol/RtspRspParser.h"
+#include "Protocol/SdpParser.h"
+#include "RtspState.h"
+#include "SdpWait.h"
+#include "SenderReports.h"
+#include "SessionSource.h"
+#include "SilenceRule.h"
+#include "SourceDrain.h"
+#include "SvrLink.h"
+#include "TrackTable.h"
+#include "Vidora/RtspSvrConfig.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// Messages that a conversation sends to itself, and by which others end it.
+enum conversation_message_t {
+    MSG_SESSION_AUTH = 0x1f02,  // the authentication module has answered
+    MSG_SESSION_LOST = 0x1f03,  // frames were lost
+    MSG_SESSION_END = 0x1f04    // ends the session; the parameter goes to the machine
+};
+
+// CSvrConversation: one RTSP conversation on the server (RFC 2326), over whatever connection lies under it.
+//
+// The owner of the connection gives it whole messages. The gate passes each one, the machine calls the on_... operation
+// of its method, which asks the source, finds the track, gets a route from the link, and answers by the link. A live
+// channel answers at once; a source of the session's own by a message later, upon which the reply_... operation goes
+// on. See docs/architecture.md.
+//
+// THREADING  The strand of the link's handler, and so no field has a lock. What comes on other threads only leaves a
+//            note and a message for the strand. The machine is thus driven from one thread at a time. Functions of the
+//            host are called with no lock held; whatever they close or delete tells this conversation by a message.
+// OWNERSHIP  A value inside the object that is the link, and that calls Release before it dies.
+// MEMORY     What outlives a message lies first, the codec with its texts last; see CRtspParser. A peer can make it
+// keep
+//            the machine's ten messages and the gate's one.
+class CSvrConversation : private IAuthGateOwner {
+public:
+    explicit CSvrConversation(ISvrLink& link);
+    ~CSvrConversation() override;
+    CSvrConversation(const CSvrConversation&) = delete;
+    CSvrConversation& operator=(const CSvrConversation&) = delete;
+
+    // Before the first message.
+    void SetConfig(const CRtspSvrConfig& config) { m_config = config; }
+    void SetLiveSvr(const CLiveSvrRef& live_svr) { m_source.SetLiveSvr(live_svr); }
+    const CRtspSvrConfig& Config() const { return m_config; }
+    // Puts the host's module of that type in front; see CAuthGate::Open.
+    void OpenGate(rtsp_auth_t type, bool checks_onvif);
+    // Tells the host of its client, which its events and lines of the log name from then on.
+    void Welcome(const CSockAddrStorage& peer);
+
+    // Serves the message at the start of `length` bytes, behind which a NUL stands: the bytes that it takes, 0 if it
+    // isn't whole, negative if the conversation has to end.
+    int TakeMessage(const char* text, int length);
+    // Takes an RTCP packet of the client in (RFC 2326 10.12).
+    void TakeReport(const unsigned char* data, unsigned int length, int channel);
+    // Whether media flow: nothing may come for a long time.
+    bool IsStreaming() const { return m_streaming; }
+    // Gives back what the last messages have left in memory, unless their replies are still to be made of it.
+    void ForgetMessages();
+
+    // What the handler is told: its messages, its timers, a time-out of its control connection, an error of it.
+    void OnMessage(unsigned int msg, long param);
+    void OnTimer(long timer_id);
+    void OnControlSilence();
+    void OnLinkError();
+
+    // Ends it by an asynchronous message to the machine, here and now unless an event is being served.
+    void End(unsigned int msg) { m_machine.put_asyn_msg(msg, 0); }
+    // Lets all go that it holds of others; before the link dies.
+    void Release();
+    // Tells the host that its client has gone.
+    void Farewell() { give_address_event(EVENT_CLIENT_DISCONNECTED); }
+
+private:
+    friend struct RtspServerOwner<CSvrConversation>;
+
+    // Kinds of the replies that the machine is given. Nothing looks at them.
+    enum reply_kind_t {
+        REPLY_KIND_DESCRIBE = 1,
+        REPLY_KIND_REFUSAL = 1,
+        REPLY_KIND_PLAY = 3,
+        REPLY_KIND_PAUSE = 4,
+        REPLY_KIND_AUTH = 8
+    };
+    enum route_kind_t { ROUTE_INTERLEAVED, ROUTE_UDP, ROUTE_CHANNEL, ROUTE_KINDS };
+
+    // Texts in and out.
+    int parse_event(const StateEvent& event);
+    int refuse_parse(const StateEvent& event);
+    int send_data(const char* text, int length);
+    int send_text(const char* text);
+    int send_error(int status);
+    int refuse_here(const StateEvent& event);
+    int on_options(const StateEvent& event);
+    int on_set_parameter(const StateEvent& event);
+    int on_get_parameter(const StateEvent& event);
+    int on_unsupported(const StateEvent& event);
+
+    // For the gate.
+    bool PassRequest(const rtsp_msg_info& info, const char* text, unsigned int length) override;
+    bool SendChallenge(const char* request, unsigned int length, const char* challenge) override;
+    void BreakOff() override { End(MSG_SRC_FAIL); }
+    void WakeGate() override { m_link.Post(MSG_SESSION_AUTH, 0); }
+
+    // DESCRIBE and SETUP.
+    int on_describe(const StateEvent& event);
+    int open_source(const char* content, int proto);
+    int describe_live();
+    bool read_sdp();
+    int retry_describe();
+    int reply_describe();
+    bool has_same_sdp();
+    int on_setup(const StateEvent& event);
+    IMediaRoute* find_route(const transport_info& transport);
+    int setup_track(CTrack& track, transport_info& transport);
+
+    // PLAY, PAUSE and TEARDOWN.
+    int on_play(const StateEvent& event);
+    int on_replay(const StateEvent& event);
+    int play_own_source(const StateEvent& event);
+    int reply_play();
+    int warn_play();
+    int build_rtp_info(const CTrack* single, rtp_info_entry* table, int* count);
+    const char* generate_play_reply(const rtp_info_entry* entries, int count);
+    int start_media(const CTrack* single, int cseq);
+    int enter_route();
+    int on_pause(const StateEvent& event);
+    int reply_pause();
+    int on_teardown(const StateEvent& event);
+    int teardown_track(CTrack& track);
+    void stop_media();
+
+    // Messages and the end.
+    int dispatch(unsigned int msg, long param);
+    int on_source_ready();
+    int on_source_end();
+    int on_sdp_update();
+    int on_peer_silence();
+    void give_address_event(event_type_t event);
+    void give_lost_events();
+    bool release(bool hears_end);
+    void on_asyn_msg(const StateEvent& event);
+
+    ISvrLink& m_link;
+    CRtspSvrConfig m_config;
+    CSockAddrStorage m_peer;
+    CAuthGate m_gate{*this};
+    CSessionSource m_source;
+    CTrackTable m_tracks{m_sdp};
+    std::unique_ptr<IMediaRoute> m_routes[ROUTE_KINDS];
+    IMediaRoute* m_route = nullptr;                  // of the last SETUP
+    packet_type_t m_packet_type = PACKET_TYPE_NONE;  // of the last SETUP
+    int m_sdp_result = SDP_UNICAST;                  // of the last GetSdp
+    bool m_described = false;
+    bool m_streaming = false;       // from the end of a PLAY to a PAUSE or whole TEARDOWN
+    bool m_closed = false;          // CloseLink was called
+    unsigned int m_play_round = 0;  // counts what ends a PLAY, for a reply that is overtaken by it
+    uint64_t m_wait_id = 0;         // the event that a late reply answers
+    CSilenceRule m_silence;
+    CSdpWait m_sdp_wait{m_link};
+    CSourceDrain m_drain{m_link};
+    CSenderReports m_reports{m_link, m_source, m_tracks};
+    CFrameWatch m_frames{m_link, MSG_SESSION_LOST};
+    CMachineKeeper m_machine;
+    CSdpParser m_sdp;
+    CRtspRspParser m_codec;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_SVRCONVERSATION_H

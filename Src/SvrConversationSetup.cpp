@@ -1,0 +1,210 @@
+// DESCRIBE and SETUP: finding the source, describing it, and making the way for its media.
+
+#include <cstdio>
+#include <cstring>
+
+#include "ChannelRoute.h"
+#include "Protocol/LogQuote.h"
+#include "Protocol/RtspTables.h"
+#include "SvrConversation.h"
+#include "Vidora/RtspUrlParser.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const int MAX_CONTENT_SIZE = 256;  // of the host's rewriting
+
+// The description behind its origin line; RFC 4566 5 puts v= first and o= second.
+const char* behind_origin(const char* sdp) {
+    const char* origin = strstr(sdp, "\no=");
+    const char* end = origin == nullptr ? nullptr : strchr(origin + 1, '\n');
+    return end == nullptr ? sdp : end;
+}
+
+src_type_t source_type(const char* content) {
+    CRtspUrlParser parser;
+    unsigned int length = static_cast<unsigned int>(strlen(content));
+    parser.ParseContent(content, length);
+    return parser.GetSrcType();
+}
+
+// Types that no live channel serves.
+bool is_own_type(src_type_t type) {
+    return type == SRC_TYPE_PROXY || type == SRC_TYPE_PROXY_LIVE || type == SRC_TYPE_PROXY_FILE ||
+           type == SRC_TYPE_TOKEN;
+}
+
+}  // namespace
+
+int CSvrConversation::on_describe(const StateEvent& event) {
+    if (parse_event(event) < 0) {
+        return refuse_parse(event);
+    }
+    const char* url = m_codec.get_url();
+    CRtspUrlParser url_parser;  // three kilobytes that nothing needs later
+    if (!url_parser.ParseUrl(url, static_cast<unsigned int>(strlen(url)))) {
+        logError("%s:%d, parse url failed., url=%s.\n", __FILE__, __LINE__,
+                 CLogQuote(Ostra::LOG_LEVEL_ERROR, url).Text());
+        return -1;
+    }
+    const char* content = url_parser.GetContent();
+    char rewritten[MAX_CONTENT_SIZE] = {};
+    const rtsp_url_func_t rewrite = m_config.GetUrlFunc();
+    if (rewrite != nullptr && rewrite(content == nullptr ? "" : content, rewritten, MAX_CONTENT_SIZE) != nullptr) {
+        rewritten[MAX_CONTENT_SIZE - 1] = '\0';
+        content = rewritten;
+    }
+    release(false);  // what an earlier DESCRIBE brought
+    m_wait_id = event.id;
+    return open_source(content == nullptr ? "" : content, url_parser.GetLocalStreamProto());
+}
+
+int CSvrConversation::open_source(const char* content, int proto) {
+    const src_type_t type = source_type(content);
+    if (type == SRC_TYPE_TOKEN) {
+        logInfo("%s:%d, create onvif playback file src.\n", __FILE__, __LINE__);
+    }
+    if (!is_own_type(type) && m_source.HasChannel(content)) {
+        return m_source.OpenLive(content, proto, m_link.HandlerId()) < 0 ? -1 : describe_live();
+    }
+    // A content that is no live channel may be a source of its own, which answers with MSG_SRC_READY.
+    if (m_source.OpenOwn(content, proto, m_config, m_link.HandlerId()) < 0) {
+        send_error(RTSP_STATUS_NOT_FOUND);
+        return -1;
+    }
+    return 1;
+}
+
+// Answers through the machine, at once if the channel has its description.
+int CSvrConversation::describe_live() {
+    m_sdp_wait.Begin();
+    if (m_source.IsOpen() && !read_sdp() && m_sdp_wait.Again()) {
+        return 1;
+    }
+    return reply_describe() < 0 ? -1 : 1;
+}
+
+// Takes the source's description. False if there is none.
+bool CSvrConversation::read_sdp() {
+    m_sdp_result = m_source.GetSdp(m_sdp);
+    return m_sdp_result >= 0;
+}
+
+// The next try of a DESCRIBE that waits.
+int CSvrConversation::retry_describe() {
+    if (m_source.IsOpen() && !read_sdp() && m_sdp_wait.Again()) {
+        return 0;
+    }
+    return reply_describe();
+}
+
+// Answers DESCRIBE with the description that was read, or without one.
+int CSvrConversation::reply_describe() {
+    m_sdp_wait.Stop();
+    if (!m_source.IsOpen()) {
+        logError("%s:%d, invalid parameter.\n", __FILE__, __LINE__);
+        return -1;
+    }
+    if (m_sdp_result < 0) {
+        m_machine.put_tx_event(REPLY_KIND_DESCRIBE, m_codec.generate_error_reply(RTSP_STATUS_NOT_FOUND),
+                               RTSP_STATUS_NOT_FOUND, m_wait_id);
+    } else {
+        m_tracks.Build();
+        m_sdp.GetStream();
+        const char* sdp = m_sdp.get_stream();
+        char reply[RTSP_MAX_MESSAGE + SDP_STREAM_SIZE];
+        snprintf(reply, sizeof(reply), "%s%s", m_codec.generate_describe_reply(static_cast<int>(strlen(sdp))), sdp);
+        m_machine.put_tx_event(REPLY_KIND_DESCRIBE, reply, RTSP_STATUS_OK, m_wait_id);
+    }
+    m_described = true;
+    return 0;
+}
+
+// Whether the source's description is what DESCRIBE gave, but for the origin line, which has the time of its making.
+bool CSvrConversation::has_same_sdp() {
+    CSdpParser now;
+    if (!m_source.IsOpen() || m_source.GetSdp(now) < 0) {
+        return false;
+    }
+    now.GetStream();
+    return strcmp(behind_origin(now.get_stream()), behind_origin(m_sdp.get_stream())) == 0;
+}
+
+int CSvrConversation::on_setup(const StateEvent& event) {
+    if (parse_event(event) < 0) {
+        return refuse_parse(event);
+    }
+    if (!m_source.IsOpen()) {
+        logError("%s:%d, reply setup, invalid param.\n", __FILE__, __LINE__);
+        return -1;
+    }
+    transport_info transport = *m_codec.get_transport();
+    transport.timeout = m_config.GetKeepAliveTimeout();
+    m_packet_type = static_cast<packet_type_t>(transport.packet_kx);
+    if (m_packet_type == PACKET_TYPE_KX) {
+        m_reports.Forbid();
+    }
+    const int track_id = m_tracks.IdOfUrl(m_codec.get_url());
+    if (track_id < 0) {
+        logError("%s %d url: %s get track id failed!\n", __FILE__, __LINE__,
+                 CLogQuote(Ostra::LOG_LEVEL_ERROR, m_codec.get_url()).Text());
+        return -1;
+    }
+    CTrack* track = m_tracks.Find(track_id);
+    if (track == nullptr) {
+        logError("%s %d client process crushed!\n", __FILE__, __LINE__);
+        return -1;
+    }
+    return track->sends ? setup_track(*track, transport) : send_error(RTSP_STATUS_UNAVAILABLE);
+}
+
+// A refusal leaves the way of the tracks that are set up already as it was, and makes clients fall back to another one.
+int CSvrConversation::setup_track(CTrack& track, transport_info& transport) {
+    track.set_up = true;
+    IMediaRoute* route = find_route(transport);
+    const int channel = m_source.GetTcpChannel(track.track_id);
+    const int result = route == nullptr ? RTSP_STATUS_UNSUPPORTED_TRANSPORT : route->SetUp(track, channel, transport);
+    if (result != 0) {
+        return result < 0 ? -1 : send_error(result);
+    }
+    m_route = route;
+    transport.ssrc = m_source.GetSSRC(track.track_id);
+    track.send_channel = channel / 2;
+    m_frames.Forget(track.send_channel);  // what it didn't ask for is no loss
+    m_route->Switch(track, true);
+    if (!track.reports) {
+        track.reports = true;
+        track.ssrc = transport.ssrc;
+    }
+    const char* reply = m_codec.generate_setup_reply(&transport, m_route->Group());
+    if (reply == nullptr) {
+        logError("%s:%d, get %s setup reply failed.\n", __FILE__, __LINE__,
+                 m_sdp_result == SDP_MULTICAST ? "MULTICAST" : "unicast");
+        return -1;
+    }
+    return send_text(reply);
+}
+
+// A way for what the client wants; null if there is none.
+IMediaRoute* CSvrConversation::find_route(const transport_info& transport) {
+    const bool over_udp = transport.transport == RTP_OVER_UDP;
+    if (transport.multicast != 0 ? !over_udp : m_sdp_result == SDP_MULTICAST) {
+        return nullptr;
+    }
+    const bool by_channel = m_sdp_result == SDP_MULTICAST;
+    std::unique_ptr<IMediaRoute>& route = m_routes[by_channel ? ROUTE_CHANNEL
+                                                   : over_udp ? ROUTE_UDP
+                                                              : ROUTE_INTERLEAVED];
+    if (!route && by_channel) {
+        route = CChannelRoute::Create(m_sdp);
+    } else if (!route) {
+        route = m_link.MakeRoute({transport, *m_codec.get_multicast(), m_config, m_tracks.Count(),
+                                  TFunction3<void, CMediaPacket*, int, int>(&m_frames, &CFrameWatch::OnFrame)});
+    }
+    return route.get();
+}
+
+}  // namespace Vidora
+}  // namespace Kavio
