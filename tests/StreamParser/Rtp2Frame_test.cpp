@@ -376,6 +376,25 @@ TEST(Rtp2Frame, TransportStreamsGiveTheFramesOfTheirFirstTrack) {
     EXPECT_EQ(-1, in.Put(MakeRtp(fields, Bytes(188, 0x48))));
 }
 
+// The owner clears at a seek, and what comes next has the number of the packet that was to be put again.
+TEST(Rtp2Frame, APacketThatWasLeftOutMayBeReplaced) {
+    CFrame2Ts packer;
+    packer.SetTsInfo(STREAM_KIND_H264, STREAM_KIND_AUDIO, 1);
+    Bytes run;
+    for (int i = 0; i < 4; ++i) {
+        for (const Bytes& unit : Pack(packer, FromHex("0000000161e0"), ENC_TYPE_H264, 1)) {
+            run = run + unit;
+        }
+    }
+    CRtp2Frame engine;
+    engine.Init(ENC_TYPE_MPEG2TS, 96, 90000);
+    const Bytes packet = MakeRtp(RtpFields(), run), shorter = MakeRtp(RtpFields(), Bytes(190, 0x47));
+    EXPECT_EQ(FRAME_COMPLETE_NEXT, engine.PutPacket(packet.data(), static_cast<int>(packet.size())));
+    engine.Clear();
+    EXPECT_EQ(FRAME_FAILED, engine.PutPacket(shorter.data(), static_cast<int>(shorter.size())));
+    EXPECT_EQ(0u, engine.GetFrameSize());
+}
+
 // As others send it: seven packets each, whatever frames they belong to, time stamps that change inside frames, and no
 // marker. A packet may bring several frames, and one that is lost costs the frames that it held a part of.
 TEST(Rtp2Frame, TransportStreamsAreCutAnywhere) {
