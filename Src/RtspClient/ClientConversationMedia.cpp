@@ -174,6 +174,7 @@ void CClientConversation::publish_tracks() {
         }
         client_track_facts& fact = facts[count++];
         fact.track_id = track.track_id;
+        fact.media_index = track.media_index;
         fact.media_type = m_sdp != nullptr ? m_sdp->parser.get_media_type(track.track_id) : SDP_MEDIA_VIDEO;
         fact.rtp_channel = track.rtp_channel;
         fact.clock_rate = track.clock_rate;

@@ -63,9 +63,13 @@ bool CClientView::TrackByType(int media_type, client_track_facts& facts) {
     return find([media_type](const client_track_facts& track) { return track.media_type == media_type; }, facts);
 }
 
-int CClientView::TrackCount() {
+bool CClientView::TrackAt(int place, client_track_facts& facts) {
     CGuard guard(m_mutex);
-    return m_track_count;
+    if (place < 0 || place >= m_track_count) {
+        return false;
+    }
+    facts = m_tracks[place];
+    return true;
 }
 
 client_play_range CClientView::Range() {

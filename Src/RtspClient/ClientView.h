@@ -24,6 +24,7 @@ struct client_sdp {
 // What others may know of a track.
 struct client_track_facts {
     int track_id = -1;
+    int media_index = -1;  // its place in the description
     int media_type = SDP_MEDIA_UNKNOWN;
     int rtp_channel = -1;
     uint32_t clock_rate = 0;
@@ -57,7 +58,8 @@ public:
     // The track of a description's track_id, or the first one of a sdp_media_type_t. False if there is none.
     bool TrackById(int track_id, client_track_facts& facts);
     bool TrackByType(int media_type, client_track_facts& facts);
-    int TrackCount();
+    // By its place among those that deliver, from 0.
+    bool TrackAt(int place, client_track_facts& facts);
     client_play_range Range();
     rtsp_client_failure_t Failure();
     std::string Redirect();

@@ -1,0 +1,75 @@
+#include "StreamSource/ProxyDescription.h"
+
+#include <string_view>
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const char NEUTRAL_CONNECTION[] = "c=IN IP4 0.0.0.0\r\n";
+
+bool starts_with(std::string_view line, std::string_view prefix) {
+    return line.substr(0, prefix.size()) == prefix;
+}
+
+bool is_one_of(std::string_view line, std::initializer_list<std::string_view> prefixes) {
+    for (const std::string_view prefix : prefixes) {
+        if (starts_with(line, prefix)) {
+            return true;
+        }
+    }
+    return false;
+}
+
+// Lines that a player sets its decoders up by.
+bool is_essential(std::string_view line) {
+    return !starts_with(line, "a=") ||
+           is_one_of(line,
+                     {"a=rtpmap:", "a=fmtp:", "a=range:", "a=framerate:", "a=recvonly", "a=sendonly", "a=sendrecv"});
+}
+
+// "m=video 5004 RTP/AVP 96" at port 0.
+void add_media(std::string& out, std::string_view line, int track) {
+    const size_t type_end = line.find(' ');
+    const size_t port_end = type_end == std::string_view::npos ? type_end : line.find(' ', type_end + 1);
+    out.append(line.substr(0, type_end)).append(" 0");
+    out.append(port_end == std::string_view::npos ? std::string_view() : line.substr(port_end)).append("\r\n");
+    out.append("a=control:trackID=").append(std::to_string(track)).append("\r\n");
+}
+
+}  // namespace
+
+std::string ProxyDescription(const std::string& text, const bool* keeps, int count, bool lean) {
+    std::string out;
+    std::string_view rest(text);
+    int media = -1;
+    int track = -1;
+    bool has_connection = false;
+    while (!rest.empty()) {
+        const size_t end = rest.find_first_of("\r\n");
+        const std::string_view line = rest.substr(0, end);
+        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+        if (starts_with(line, "m=")) {
+            if (!has_connection) {
+                out.append(NEUTRAL_CONNECTION);
+                has_connection = true;
+            }
+            ++media;
+            if (media < count && keeps[media]) {
+                add_media(out, line, ++track);
+            }
+            continue;
+        }
+        const bool is_kept = media < 0 || (media < count && keeps[media]);
+        const bool is_local = is_one_of(line, {"c=", "a=control:", "a=packetization-supported", "a=source-filter"});
+        const bool is_spare = lean && (!is_essential(line) || is_one_of(line, {"i=", "u=", "e=", "p=", "b=", "k="}));
+        if (is_kept && !is_local && !is_spare && !line.empty()) {
+            out.append(line).append("\r\n");
+        }
+    }
+    return out;
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,291 @@
+#include "StreamSource/RtspProxySrc.h"
+
+#include <cstdio>
+#include <new>
+
+#include "Protocol/TextWriter.h"
+#include "StreamSource/ProxyDescription.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const uint64_t NOT_GIVEN = ~uint64_t{0};
+const double US_PER_SECOND = 1000000.0;
+const int OCTETS_PER_PACKET = 1440;  // as SrcInfo counts
+
+float to_seconds(uint64_t time_us) {
+    return time_us == NOT_GIVEN ? -1.0F : static_cast<float>(static_cast<double>(time_us) / US_PER_SECOND);
+}
+
+}  // namespace
+
+CRtspProxySrc::CRtspProxySrc(const char* url) {
+    CTextWriter(m_url, sizeof(m_url)).Add(url);
+    m_input.AddLevel2Buffer(&m_relay);
+}
+
+CRtspProxySrc::~CRtspProxySrc() {
+    m_input.DelLevel2Buffer(&m_relay);
+}
+
+int CRtspProxySrc::Init(long notify_id, int) {
+    AddNotify(notify_id);
+    CGuard guard(m_mutex);
+    if (m_closed || m_has_engine) {
+        return -1;
+    }
+    CRtspClient* client = CRtspClient::Create(GetID());
+    if (client == nullptr) {
+        return -1;
+    }
+    m_has_engine = true;
+    client->Conversation().SetBuffer(&m_input);
+    int result = -1;
+    try {
+        client_settings settings;
+        settings.packet_type = PACKET_TYPE_RTP;
+        result = client->Start(m_url, settings);
+    } catch (const std::bad_alloc&) {
+        result = -1;
+    }
+    if (result < 0) {
+        client->Close();
+        logError("%s:%d RtspClient Start Fail\n", __FILE__, __LINE__);
+        return -1;
+    }
+    m_client = client;
+    return 0;
+}
+
+void CRtspProxySrc::AddNotify(long notify_id) {
+    CGuard guard(m_notify_mutex);
+    m_notify_list.Append(notify_id);
+}
+
+void CRtspProxySrc::DelNotify(long notify_id) {
+    CGuard guard(m_notify_mutex);
+    m_notify_list.Remove(notify_id);
+}
+
+void CRtspProxySrc::notify_all(unsigned int msg) {
+    CGuard guard(m_notify_mutex);
+    for (const long id : m_notify_list) {
+        Notify(id, msg, 0);
+    }
+}
+
+// A channel plays at once, before the server has answered: that is made up for.
+int CRtspProxySrc::play(const client_play& wish) {
+    CGuard guard(m_mutex);
+    if (m_client == nullptr) {
+        return -1;
+    }
+    if (!m_ready) {
+        m_wants_play = true;
+        m_wish = wish;
+        return 0;
+    }
+    return m_client->Conversation().Play(wish);
+}
+
+int CRtspProxySrc::Play(const UtcTime& start, const UtcTime& end, float speed, bool is_scale) {
+    client_play wish;
+    wish.form = client_play::CLOCK;
+    wish.has_begin = start.year != 0;
+    wish.has_end = end.year != 0;
+    wish.clock[0] = start;
+    wish.clock[1] = end;
+    wish.speed = speed;
+    wish.scale = is_scale;
+    return play(wish);
+}
+
+int CRtspProxySrc::Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale) {
+    client_play wish;
+    wish.begin = to_seconds(start_us);
+    wish.end = to_seconds(end_us);
+    wish.speed = speed;
+    wish.scale = is_scale;
+    return play(wish);
+}
+
+int CRtspProxySrc::Pause() {
+    CGuard guard(m_mutex);
+    return m_client != nullptr ? m_client->Conversation().Pause() : -1;
+}
+
+int CRtspProxySrc::StartStreaming(packet_type_t packet_type, CMediaBuffer* buffer, int) {
+    if (packet_type != PACKET_TYPE_RTP) {
+        logError("%s:%d nonsupport this packet type[%d] \n", __FILE__, __LINE__, packet_type);
+        return -1;
+    }
+    return m_relay.Add(buffer);
+}
+
+int CRtspProxySrc::StopStreaming(packet_type_t packet_type) {
+    return StopFeeding(packet_type, nullptr);
+}
+
+int CRtspProxySrc::StopFeeding(packet_type_t packet_type, CMediaBuffer* buffer) {
+    const int left = packet_type == PACKET_TYPE_RTP ? m_relay.Remove(buffer) : -1;
+    return left > 0 ? -1 : 0;
+}
+
+int CRtspProxySrc::GetSdp(CSdpParser& sdp) {
+    CGuard guard(m_mutex);
+    const std::shared_ptr<client_sdp> upstream = m_client != nullptr ? m_client->Conversation().View().Sdp() : nullptr;
+    if (upstream == nullptr) {
+        return -1;
+    }
+    CClientView& view = m_client->Conversation().View();
+    bool keeps[CLIENT_MAX_TRACKS] = {};
+    client_track_facts facts;
+    for (int i = 0; view.TrackAt(i, facts); ++i) {
+        if (facts.media_index >= 0 && facts.media_index < CLIENT_MAX_TRACKS) {
+            keeps[facts.media_index] = true;
+        }
+    }
+    try {
+        // A description is held in SDP_STREAM_SIZE bytes: rather without the lines that nobody needs than cut.
+        std::string text = ProxyDescription(upstream->text, keeps, CLIENT_MAX_TRACKS, false);
+        if (text.size() >= SDP_STREAM_SIZE) {
+            text = ProxyDescription(upstream->text, keeps, CLIENT_MAX_TRACKS, true);
+        }
+        return sdp.Parse(text.c_str(), 0);
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+}
+
+// The tracks here are numbered by their places in the description.
+bool CRtspProxySrc::find_track(int track_id, client_track_facts& facts, reception_stats_t& stats) {
+    CGuard guard(m_mutex);
+    if (m_client == nullptr || !m_client->Conversation().View().TrackAt(track_id - 1, facts)) {
+        return false;
+    }
+    m_client->Conversation().Receive().GetStats(facts.rtp_channel, stats);
+    return true;
+}
+
+int CRtspProxySrc::GetSrcInfo(SrcInfo& info, int track_id) {
+    client_track_facts facts;
+    reception_stats_t stats;
+    if (!find_track(track_id, facts, stats)) {
+        logWarn("%s:%d WARNING!! find no ssrc!\n", __FILE__, __LINE__);
+        return -1;
+    }
+    info.track_id = track_id;
+    info.octets = stats.octets;
+    info.packets = (stats.octets + OCTETS_PER_PACKET - 1) / OCTETS_PER_PACKET;
+    // Until somebody is fed, what counts is where the server begins; then, where it is.
+    const bool from_server = facts.has_rtp_info && (!m_relay.Feeds() || stats.have_seq == 0);
+    info.seq = from_server ? facts.seq : static_cast<uint16_t>(stats.last_seq);
+    info.timestamp = from_server ? facts.rtptime : stats.timestamp;
+    return 0;
+}
+
+int CRtspProxySrc::GetPlayRange(UtcTime& start, UtcTime& end) {
+    CGuard guard(m_mutex);
+    if (m_client == nullptr) {
+        return -1;
+    }
+    const client_play_range range = m_client->Conversation().View().Range();
+    start = range.clock_begin;
+    end = range.clock_end;
+    return 0;
+}
+
+int CRtspProxySrc::GetPlayRange(uint64_t& start_us, uint64_t& end_us) {
+    CGuard guard(m_mutex);
+    if (m_client == nullptr) {
+        return -1;
+    }
+    const client_play_range range = m_client->Conversation().View().Range();
+    start_us = range.begin >= 0 ? static_cast<uint64_t>(range.begin * US_PER_SECOND) : 0;
+    end_us = range.end > 0 ? static_cast<uint64_t>(range.end * US_PER_SECOND) : NOT_GIVEN;
+    return 0;
+}
+
+int CRtspProxySrc::GetTcpChannel(int track_id) {
+    client_track_facts facts;
+    reception_stats_t stats;
+    return find_track(track_id, facts, stats) ? facts.rtp_channel : -1;
+}
+
+unsigned int CRtspProxySrc::GetSSRC(int track_id) {
+    client_track_facts facts;
+    reception_stats_t stats;
+    if (!find_track(track_id, facts, stats)) {
+        return 0;
+    }
+    return stats.have_seq != 0 ? stats.ssrc : facts.ssrc;
+}
+
+int CRtspProxySrc::handle_message(long, unsigned int msg, long) {
+    if (msg == MSG_SOURCE_CLOSED) {
+        finish();
+        return 0;
+    }
+    {
+        CGuard guard(m_mutex);
+        if (m_closed || m_client == nullptr) {
+            return 0;
+        }
+        m_ready = m_ready || msg == MSG_SRC_READY;
+        if (msg == MSG_SRC_READY && m_wants_play) {
+            m_wants_play = false;
+            m_client->Conversation().Play(m_wish);
+        }
+    }
+    notify_all(msg);
+    return 0;
+}
+
+// The engine has gone.
+void CRtspProxySrc::finish() {
+    {
+        CGuard guard(m_mutex);
+        m_has_engine = false;
+        if (!m_closed) {
+            return;
+        }
+    }
+    notify_all(MSG_SOURCE_CLOSED);
+    CDataSource::Close();
+}
+
+void CRtspProxySrc::Close() {
+    CRtspClient* client = nullptr;
+    bool waits = false;
+    {
+        CGuard guard(m_mutex);
+        if (m_closed) {
+            return;
+        }
+        m_closed = true;
+        client = m_client;
+        m_client = nullptr;
+        waits = m_has_engine;
+        if (waits) {
+            Tramel::CReactor::CountAsEnding(*this);
+        }
+        if (client != nullptr) {
+            client->Close();
+        }
+    }
+    m_relay.Close();
+    if (!waits) {
+        notify_all(MSG_SOURCE_CLOSED);
+        CDataSource::Close();
+    }
+}
+
+int CRtspProxySrc::handle_close(CNetHandler*) {
+    delete this;
+    return 0;
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

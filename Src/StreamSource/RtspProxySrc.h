@@ -1,0 +1,80 @@
+#ifndef VIDORA_STREAMSOURCE_RTSPPROXYSRC_H
+#define VIDORA_STREAMSOURCE_RTSPPROXYSRC_H
+
+#include <string>
+
+#include "RtspClient/RtspClient.h"
+#include "StreamSource/IdList.h"
+#include "StreamSource/ProxyRelay.h"
+#include "Vidora/DataSource.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// CRtspProxySrc: the data source that relays another RTSP server: "<content>?proxy=host:port" pulls that content from
+// there, as RTP over TCP, and feeds it to the clients here. It has one client engine, whose messages go on to those who
+// have registered.
+//
+// A client chooses the server by its URL: with this source every client can make the process connect anywhere. A host
+// that doesn't want that rewrites or refuses such contents by RTSP_SVR_CONFIG_URL_FUNC.
+//
+// THREADING  Any thread. m_mutex keeps the engine while it is called, which answers at once; above the engine's locks.
+//            m_notify_mutex is a leaf.
+// OWNERSHIP  The engine feeds m_input, and the relay takes that on. Both live until the engine has gone, which is when
+//            the source, closed before, ends.
+class CRtspProxySrc final : public CDataSource {
+public:
+    // `url`: of the other server, at most 255 characters; null gives a source whose Init fails.
+    explicit CRtspProxySrc(const char* url);
+
+    int Init(long notify_id, int ext) override;
+    void AddNotify(long notify_id) override;
+    void DelNotify(long notify_id) override;
+    int Play(const UtcTime& start, const UtcTime& end, float speed, bool is_scale) override;
+    int Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale) override;
+    int Pause() override;
+    int StartStreaming(packet_type_t packet_type, CMediaBuffer* buffer, int cseq) override;
+    int StopStreaming(packet_type_t packet_type) override;
+    int StopFeeding(packet_type_t packet_type, CMediaBuffer* buffer) override;
+    using CDataSource::GetSdp;
+    int GetSdp(CSdpParser& sdp) override;
+    int GetSrcInfo(SrcInfo& info, int track_id) override;
+    int GetPlayRange(UtcTime& start, UtcTime& end) override;
+    int GetPlayRange(uint64_t& start_us, uint64_t& end_us) override;
+    int GetTcpChannel(int track_id) override;
+    unsigned int GetSSRC(int track_id) override;
+
+    int handle_message(long sender_id, unsigned int msg, long param) override;
+    int handle_close(CNetHandler* handler) override;
+    void Close() override;
+
+private:
+    static const size_t MAX_URL = 255;
+
+    ~CRtspProxySrc() override;
+
+    int play(const client_play& wish);
+    void notify_all(unsigned int msg);
+    void finish();
+    bool find_track(int track_id, client_track_facts& facts, reception_stats_t& stats);
+
+    char m_url[MAX_URL + 1];
+    CMediaBuffer m_input;
+    CProxyRelay m_relay;
+
+    CMutex m_mutex;
+    CRtspClient* m_client VIDORA_GUARDED_BY(m_mutex) = nullptr;  // null again once closed; frees itself
+    bool m_has_engine VIDORA_GUARDED_BY(m_mutex) = false;        // one was made, and hasn't gone
+    bool m_closed VIDORA_GUARDED_BY(m_mutex) = false;
+    bool m_ready VIDORA_GUARDED_BY(m_mutex) = false;       // the tracks are set up
+    bool m_wants_play VIDORA_GUARDED_BY(m_mutex) = false;  // Play came before that
+    client_play m_wish VIDORA_GUARDED_BY(m_mutex);
+
+    CMutex m_notify_mutex;
+    CIdList m_notify_list VIDORA_GUARDED_BY(m_notify_mutex);
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_STREAMSOURCE_RTSPPROXYSRC_H

@@ -1,0 +1,141 @@
+// An edge relays what an origin serves.
+
+#include <gtest/gtest.h>
+
+#include "Protocol/SdpParser.h"
+#include "StreamSource/ProxyDescription.h"
+#include "StreamSource/ProxyRelay.h"
+#include "server/ServerFixture.h"
+#include "support/ClientHost.h"
+#include "support/StreamPeer.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+using Support::CClientHost;
+using Support::WaitUntil;
+
+// An edge server of its own registry, beside the fixture's origin.
+class CEdge {
+public:
+    explicit CEdge(const CRtspSvrConfig& config) {
+        m_live_svr = CLiveSvr::Create(0);
+        m_port = Support::CBoundSocket(SOCK_STREAM).Port();
+        CSockAddrStorage addr("127.0.0.1", static_cast<unsigned short>(m_port));
+        m_svr = CRtspSvr::Create(addr);
+        m_svr->SetLiveSvr(m_live_svr);
+        m_svr->SetConfig(config);
+    }
+    ~CEdge() {
+        m_svr->Close();
+        m_live_svr->Close();
+    }
+    std::string Url(int origin) const {
+        return "rtsp://127.0.0.1:" + std::to_string(m_port) + "/" + LIVE_NAME +
+               "?proxy=127.0.0.1:" + std::to_string(origin);
+    }
+
+private:
+    int m_port = 0;
+    CLiveSvr* m_live_svr = nullptr;
+    CRtspSvr* m_svr = nullptr;
+};
+
+class CProxyTest : public CServerTest {};
+
+TEST_F(CProxyTest, TwoEdgesRelayOneOriginToTheirPlayers) {
+    CFakeStreamSource* source = StartWithChannel();
+    CEdge first(m_config);
+    CEdge second(m_config);
+    {
+        CClientHost tcp;
+        CClientHost udp;
+        ASSERT_EQ(0, tcp.Start(first.Url(m_port)));
+        ASSERT_EQ(0, udp.Start(second.Url(m_port), RTP_OVER_UDP));
+        ASSERT_TRUE(tcp.WaitFor(MSG_RTSP_PLAY_READY));
+        ASSERT_TRUE(udp.WaitFor(MSG_RTSP_PLAY_READY));
+        unsigned int sequence = 0;
+        EXPECT_TRUE(WaitUntil([&] {
+            GiveVideo(source, sequence++, 3000);
+            return tcp.sink.Count() > 20 && udp.sink.Count() > 20;
+        }));
+        EXPECT_EQ(0, tcp.Count(MSG_RTSP_TEARDOWN));
+        // The player that leaves takes its source at the edge, and that one's session at the origin, along.
+        tcp.Close();
+        EXPECT_TRUE(WaitUntil([] { return CRtspSvr::GetSessionCount() <= 2; }));
+        const int before = udp.sink.Count();
+        EXPECT_TRUE(WaitUntil([&] {
+            GiveVideo(source, sequence++, 3000);
+            return udp.sink.Count() > before + 10;
+        }));
+    }
+    EXPECT_TRUE(SessionsGone());
+}
+
+TEST_F(CProxyTest, AnOriginThatIsNotThereEndsTheRequest) {
+    StartServer();
+    CRtspTestClient client(m_port);
+    const int nobody = Support::CBoundSocket(SOCK_STREAM).Port();
+    client.Send(client.Request("DESCRIBE", Url(std::string(LIVE_NAME) + "?proxy=127.0.0.1:" + std::to_string(nobody))));
+    EXPECT_TRUE(client.Closed());
+}
+
+TEST(ProxyDescription, HidesTheServerAndKeepsWhatDecodersNeed) {
+    const std::string text =
+        "v=0\r\no=- 1 1 IN IP4 10.0.0.9\r\ns=x\r\nc=IN IP4 239.1.1.1/16\r\nt=0 0\r\na=control:rtsp://10.0.0.9/x\r\n"
+        "a=packetization-supported:KX\r\nm=video 5004 RTP/AVP 96\r\nc=IN IP4 "
+        "239.1.1.2/16\r\na=control:rtsp://10.0.0.9/v\r\n"
+        "a=rtpmap:96 H264/90000\r\na=x-odd:1\r\nm=text 0 RTP/AVP 98\r\na=control:t\r\nm=audio 5006 RTP/AVP 8\r\n"
+        "a=control:a\r\n";
+    const bool keeps[] = {true, false, true};
+    CSdpParser sdp;
+    ASSERT_EQ(0, sdp.Parse(ProxyDescription(text, keeps, 3, false).c_str(), 0));
+    EXPECT_EQ(2, sdp.get_media_count());
+    EXPECT_STREQ("trackID=1", sdp.get_control(1));
+    EXPECT_EQ(SDP_MEDIA_AUDIO, sdp.get_media_type_at(1));
+    EXPECT_EQ(0, sdp.get_packet_kind());
+    const std::string whole = sdp.get_stream();
+    for (const char* secret : {"239.", "rtsp://", "5004", "text"}) {
+        EXPECT_EQ(std::string::npos, whole.find(secret)) << secret;
+    }
+    const std::string lean = ProxyDescription(text, keeps, 3, true);
+    EXPECT_EQ(std::string::npos, lean.find("x-odd"));
+    EXPECT_NE(std::string::npos, lean.find("a=rtpmap:96"));
+}
+
+TEST(ProxyRelay, HoldsWhatComesBeforeTheFirstBufferAndFeedsAllThen) {
+    Support::CPacketSink sinks[2];
+    CMediaBuffer buffers[2];
+    CProxyRelay relay;
+    buffers[0].AddLevel2Buffer(&sinks[0]);
+    buffers[1].AddLevel2Buffer(&sinks[1]);
+    const auto put = [&relay](size_t size) {
+        Support::CountedPacket packet(std::string(size, 'x'));
+        relay.Put(&packet, static_cast<int>(size), 1, 1);
+    };
+    for (int i = 0; i < 40; ++i) {
+        put(100000);  // twice what is held
+    }
+    EXPECT_EQ(0, relay.Add(&buffers[0]));
+    EXPECT_EQ(20, sinks[0].Count());
+    EXPECT_EQ(0, relay.Add(&buffers[1]));
+    EXPECT_EQ(0, relay.Add(&buffers[1]));
+    put(10);
+    EXPECT_EQ(21, sinks[0].Count());
+    EXPECT_EQ(1, sinks[1].Count());
+    EXPECT_EQ(2, relay.Remove(nullptr));                   // of the last one
+    sinks[0].on_put = [&] { relay.Remove(&buffers[0]); };  // from inside
+    put(10);
+    put(10);
+    EXPECT_EQ(22, sinks[0].Count());
+    EXPECT_EQ(3, sinks[1].Count());
+    relay.Close();
+    put(10);
+    EXPECT_EQ(3, sinks[1].Count());
+    EXPECT_EQ(-1, relay.Add(&buffers[0]));
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio
