@@ -2,35 +2,21 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstdint>
 #include <cstring>
 #include <list>
 #include <new>
 #include <string>
 
-#include "StreamSource/IdList.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/LiveChannel.h"
-#include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
 namespace Vidora {
 
 namespace {
 
-// What differs between the two kinds of sink; the log lines differ by a comma.
-void attach(CMediaBuffer& buffer, CMediaStreamSender* sink) {
-    buffer.AddSender(sink);
-}
-void attach(CMediaBuffer& buffer, CLevel2Buffer_IF* sink) {
-    buffer.AddLevel2Buffer(sink);
-}
-void detach(CMediaBuffer& buffer, CMediaStreamSender* sink) {
-    buffer.DelSender(sink);
-}
-void detach(CMediaBuffer& buffer, CLevel2Buffer_IF* sink) {
-    buffer.DelLevel2Buffer(sink);
-}
-
+// The log lines of the two kinds of sink differ by a comma.
 void log_no_channel(const CMediaStreamSender*, const char* content) {
     logError("%s:%d EnterLiveChannel failed, this live channel beingless!channel_name=%s \n", __FILE__, __LINE__,
              content);
@@ -76,39 +62,57 @@ int string_list_cmpare(const std::list<std::string>& attr_params, const std::lis
 
 }  // namespace
 
+// A channel that was found, kept allocated while it is used outside the table's lock.
+class CLiveSvr::CFound {
+public:
+    explicit CFound(CLiveChannel* channel) : m_channel(channel) {
+        if (m_channel != nullptr) {
+            m_channel->hold();
+        }
+    }
+    ~CFound() {
+        if (m_channel != nullptr) {
+            m_channel->let_go();
+        }
+    }
+    CFound(const CFound&) = delete;
+    CFound& operator=(const CFound&) = delete;
+    CLiveChannel* operator->() const { return m_channel; }
+    bool Is(const CLiveChannel* only) const { return only == nullptr || m_channel == only; }
+    explicit operator bool() const { return m_channel != nullptr; }
+
+private:
+    CLiveChannel* const m_channel;
+};
+
 struct CLiveSvr::Internal {
-    // One published name.
+    // One published name. A channel that the host has closed by itself stays until the name is deleted, and isn't
+    // found.
     struct channel_attr {
         std::string name;               // the content string up to the first "?"
         std::list<std::string> params;  // the parts of the query, in their order
         CLiveChannel* live_channel = nullptr;
-        std::list<long> users;  // sinks now attached, as pointer values; null sinks too
     };
-
-    // One source with the names that are published from it, never empty while it stands in the table.
-    struct channel_comp {
-        CDataSource* data_src = nullptr;
-        std::list<channel_attr> attr_list;
-    };
+    typedef std::list<channel_attr> attr_list_t;
 
     channel_attr* get_channel_attr_locked(const char* content) VIDORA_REQUIRES(m_mutex);
     channel_attr* find_attr_locked(const std::string& name, const std::list<std::string>& req, const char* content)
         VIDORA_REQUIRES(m_mutex);
-    CLiveChannel* remove_live_ch_user_locked(const char* content, long user) VIDORA_REQUIRES(m_mutex);
-    void add_locked(std::list<channel_comp>& entry, long svr_id) VIDORA_REQUIRES(m_mutex);
-    bool delete_locked(const char* channel_name) VIDORA_REQUIRES(m_mutex);
+    attr_list_t::iterator place_locked(const CDataSource* src) VIDORA_REQUIRES(m_mutex);
+    void take_out_locked(const char* channel_name, attr_list_t& taken) VIDORA_REQUIRES(m_mutex);
+    CFound find(const char* content);
+    CFound find_user(const char* content, const void* sink);
     template <typename Sink>
-    int enter_locked(const char* content, Sink* sink, packet_type_t packet_type, const CLiveChannel* only)
-        VIDORA_REQUIRES(m_mutex);
+    int enter(const char* content, Sink* sink, packet_type_t packet_type, const CLiveChannel* only);
     template <typename Sink>
-    int leave_locked(const char* content, Sink* sink, packet_type_t packet_type) VIDORA_REQUIRES(m_mutex);
+    int leave(const char* content, Sink* sink, packet_type_t packet_type);
 
     long m_notify_id = 0;             // constant after Create
     std::atomic<int> m_ref_count{1};  // users, and one until handle_close
 
     CMutex m_mutex;
-    bool m_closed VIDORA_GUARDED_BY(m_mutex) = false;  // nothing is added any more
-    std::list<channel_comp> m_comp_list VIDORA_GUARDED_BY(m_mutex);
+    bool m_closed VIDORA_GUARDED_BY(m_mutex) = false;    // nothing is added any more
+    attr_list_t m_attr_list VIDORA_GUARDED_BY(m_mutex);  // names of one source beside each other
 };
 
 CLiveSvr* CLiveSvr::Create(long notify_id) {
@@ -153,37 +157,35 @@ CLiveSvr::Internal::channel_attr* CLiveSvr::Internal::find_attr_locked(const std
                                                                        const char* content) {
     channel_attr* best = nullptr;
     int best_count = -1;
-    for (channel_comp& comp : m_comp_list) {
-        for (channel_attr& attr : comp.attr_list) {
-            if (attr.name != name) {
-                continue;
-            }
-            const int count = static_cast<int>(attr.params.size());
-            if (req.empty()) {
-                if (count == 0) {
-                    return &attr;
-                }
-                if (best_count < 0 || best_count > count) {
-                    best_count = count;
-                    best = &attr;
-                }
-                continue;
-            }
+    for (channel_attr& attr : m_attr_list) {
+        if (attr.name != name || attr.live_channel->is_closed()) {
+            continue;
+        }
+        const int count = static_cast<int>(attr.params.size());
+        if (req.empty()) {
             if (count == 0) {
-                if (best_count < 0) {
-                    best = &attr;
-                }
-                continue;
-            }
-            const int match = string_list_cmpare(attr.params, req);
-            if (match == 0) {
                 return &attr;
             }
-            if (match > 0) {
-                best_count = std::max(best_count, count);
-            } else {
-                logDebug("%s:%d, channel:[%s] is not find in live server\n", __FILE__, __LINE__, content);
+            if (best_count < 0 || best_count > count) {
+                best_count = count;
+                best = &attr;
             }
+            continue;
+        }
+        if (count == 0) {
+            if (best_count < 0) {
+                best = &attr;
+            }
+            continue;
+        }
+        const int match = string_list_cmpare(attr.params, req);
+        if (match == 0) {
+            return &attr;
+        }
+        if (match > 0) {
+            best_count = std::max(best_count, count);
+        } else {
+            logDebug("%s:%d, channel:[%s] is not find in live server\n", __FILE__, __LINE__, content);
         }
     }
     return best;
@@ -195,37 +197,37 @@ int CLiveSvr::AddLiveChannel(const char* channel_name, CLiveChannel* channel, CD
                  channel_name == nullptr ? "" : channel_name, static_cast<void*>(channel), static_cast<void*>(src));
         return -1;
     }
-    std::list<Internal::channel_comp> entry;
+    Internal::attr_list_t entry;
     try {
         entry.emplace_back();
-        entry.back().data_src = src;
-        std::list<Internal::channel_attr>& attr_list = entry.back().attr_list;
-        attr_list.emplace_back();
-        attr_list.back().live_channel = channel;
-        get_param(channel_name, attr_list.back().name, attr_list.back().params);
+        entry.back().live_channel = channel;
+        get_param(channel_name, entry.back().name, entry.back().params);
     } catch (const std::bad_alloc&) {
         logError("%s:%d no memory\n", __FILE__, __LINE__);
         return -1;
     }
-    CGuard guard(m_internal->m_mutex);
-    if (m_internal->m_closed) {
-        logError("%s:%d, the registry is closed, channel_name:%s\n", __FILE__, __LINE__, channel_name);
+    if (channel->publish(GetID(), src) < 0) {
+        logError("%s:%d, the channel is closed or stands in a table already, channel_name:%s\n", __FILE__, __LINE__,
+                 channel_name);
         return -1;
     }
-    m_internal->add_locked(entry, GetID());
-    return 0;
-}
-
-// `entry`: a list of one source with one name.
-void CLiveSvr::Internal::add_locked(std::list<channel_comp>& entry, long svr_id) {
-    for (channel_comp& comp : m_comp_list) {
-        if (comp.data_src == entry.back().data_src) {
-            comp.attr_list.splice(comp.attr_list.end(), entry.back().attr_list);
-            return;
+    {
+        CGuard guard(m_internal->m_mutex);
+        if (!m_internal->m_closed) {
+            m_internal->m_attr_list.splice(m_internal->place_locked(src), entry);
+            return 0;
         }
     }
-    entry.back().data_src->AddNotify(svr_id);
-    m_comp_list.splice(m_comp_list.end(), entry);
+    logError("%s:%d, the registry is closed, channel_name:%s\n", __FILE__, __LINE__, channel_name);
+    channel->unpublish(false);
+    return -1;
+}
+
+// Behind the last name of that source.
+CLiveSvr::Internal::attr_list_t::iterator CLiveSvr::Internal::place_locked(const CDataSource* src) {
+    const auto last = std::find_if(m_attr_list.rbegin(), m_attr_list.rend(),
+                                   [src](const channel_attr& attr) { return attr.live_channel->is_kept(src); });
+    return last == m_attr_list.rend() ? m_attr_list.end() : last.base();
 }
 
 int CLiveSvr::DelLiveChannel(const char* channel_name) {
@@ -234,40 +236,39 @@ int CLiveSvr::DelLiveChannel(const char* channel_name) {
         logError("%s:%d parameter error, channel_name:%s\n", __FILE__, __LINE__, "");
         return -1;
     }
-    CGuard guard(m_internal->m_mutex);
+    Internal::attr_list_t taken;
     try {
-        if (m_internal->delete_locked(channel_name)) {
-            return 0;
-        }
+        CGuard guard(m_internal->m_mutex);
+        m_internal->take_out_locked(channel_name, taken);
     } catch (const std::bad_alloc&) {
         logError("%s:%d no memory\n", __FILE__, __LINE__);
         return -1;
     }
-    logError("%s:%d do not find this channel name:%s\n", __FILE__, __LINE__, channel_name);
-    return -1;
+    if (taken.empty()) {
+        logError("%s:%d do not find this channel name:%s\n", __FILE__, __LINE__, channel_name);
+        return -1;
+    }
+    logInfo("%s:%d, close channel, name=%s \n", __FILE__, __LINE__, channel_name);
+    taken.back().live_channel->unpublish(true);
+    return 0;
 }
 
-bool CLiveSvr::Internal::delete_locked(const char* channel_name) {
+void CLiveSvr::Internal::take_out_locked(const char* channel_name, attr_list_t& taken) {
     std::string name;
     std::list<std::string> params;
     get_param(channel_name, name, params);
-    for (auto comp = m_comp_list.begin(); comp != m_comp_list.end(); ++comp) {
-        const auto attr = std::find_if(comp->attr_list.begin(), comp->attr_list.end(), [&](const channel_attr& entry) {
-            return entry.name == name && string_list_cmpare(entry.params, params) == 0;
-        });
-        if (attr == comp->attr_list.end()) {
-            continue;
-        }
-        logInfo("%s:%d, close channel, name=%s \n", __FILE__, __LINE__, channel_name);
-        attr->live_channel->Close();
-        comp->attr_list.erase(attr);
-        if (comp->attr_list.empty()) {
-            comp->data_src->Close();
-            m_comp_list.erase(comp);
-        }
-        return true;
+    const auto attr = std::find_if(m_attr_list.begin(), m_attr_list.end(), [&](const channel_attr& entry) {
+        return entry.name == name && string_list_cmpare(entry.params, params) == 0;
+    });
+    if (attr != m_attr_list.end()) {
+        taken.splice(taken.end(), m_attr_list, attr);
     }
-    return false;
+}
+
+CLiveSvr::CFound CLiveSvr::Internal::find(const char* content) {
+    CGuard guard(m_mutex);
+    const channel_attr* attr = get_channel_attr_locked(content);
+    return CFound(attr == nullptr ? nullptr : attr->live_channel);
 }
 
 int CLiveSvr::QueryLiveChannel(const char* content) {
@@ -296,91 +297,74 @@ int CLiveSvr::EnterLiveChannel(const char* content, CLevel2Buffer_IF* sink, pack
 
 int CLiveSvr::EnterLiveChannel(const char* content, CMediaStreamSender* sink, packet_type_t packet_type,
                                const CLiveChannel* only) {
-    CGuard guard(m_internal->m_mutex);
-    return m_internal->enter_locked(content, sink, packet_type, only);
+    return m_internal->enter(content, sink, packet_type, only);
 }
 
 int CLiveSvr::EnterLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type,
                                const CLiveChannel* only) {
-    CGuard guard(m_internal->m_mutex);
-    return m_internal->enter_locked(content, sink, packet_type, only);
+    return m_internal->enter(content, sink, packet_type, only);
 }
 
-// The user stands in the list first: what can fail for want of memory comes before what has an effect.
 template <typename Sink>
-int CLiveSvr::Internal::enter_locked(const char* content, Sink* sink, packet_type_t packet_type,
-                                     const CLiveChannel* only) {
+int CLiveSvr::Internal::enter(const char* content, Sink* sink, packet_type_t packet_type, const CLiveChannel* only) {
     if (content == nullptr) {
         return -1;
     }
-    channel_attr* attr = get_channel_attr_locked(content);
-    if (attr == nullptr || (only != nullptr && attr->live_channel != only)) {
+    const CFound channel = find(content);
+    if (!channel || !channel.Is(only) || channel->Enter(sink, packet_type) < 0) {
         log_no_channel(sink, content);
         return -1;
     }
-    if (!AppendId(attr->users, reinterpret_cast<long>(sink))) {
-        return -1;
-    }
-    CMediaBuffer* buffer = sink == nullptr ? nullptr : attr->live_channel->GetMediaBuffer(packet_type);
-    if (buffer != nullptr) {
-        attach(*buffer, sink);
-    }
-    attr->live_channel->StartStreaming(packet_type);
     return 0;
 }
 
 int CLiveSvr::LeaveLiveChannel(const char* content, CMediaStreamSender* sink, packet_type_t packet_type) {
-    CGuard guard(m_internal->m_mutex);
-    return m_internal->leave_locked(content, sink, packet_type);
+    return m_internal->leave(content, sink, packet_type);
 }
 
 int CLiveSvr::LeaveLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type) {
-    CGuard guard(m_internal->m_mutex);
-    return m_internal->leave_locked(content, sink, packet_type);
+    return m_internal->leave(content, sink, packet_type);
 }
 
 template <typename Sink>
-int CLiveSvr::Internal::leave_locked(const char* content, Sink* sink, packet_type_t packet_type) {
-    CLiveChannel* channel = remove_live_ch_user_locked(content, reinterpret_cast<long>(sink));
-    if (channel == nullptr) {
+int CLiveSvr::Internal::leave(const char* content, Sink* sink, packet_type_t packet_type) {
+    const CFound channel = find_user(content, sink);
+    if (!channel || channel->Leave(sink, packet_type) < 0) {
         logWarn("%s:%d LeaveLiveChannel failed, this live channel beingless!channel_name=%s \n", __FILE__, __LINE__,
                 content == nullptr ? "" : content);
         return -1;
     }
-    CMediaBuffer* buffer = sink == nullptr ? nullptr : channel->GetMediaBuffer(packet_type);
-    if (buffer != nullptr) {
-        detach(*buffer, sink);
-    }
-    channel->StopStreaming(packet_type);
     return 0;
 }
 
-// Takes a sink off its channel's list and gives the channel. User 0 gives the channel without a search, and so never
-// takes a null user off.
-CLiveChannel* CLiveSvr::Internal::remove_live_ch_user_locked(const char* content, long user) {
-    channel_attr* attr = get_channel_attr_locked(content);
+// The channel that a sink leaves by this content: the one that fits, or another of that name where the sink stands, as
+// a name that fits better may have been published since it entered. A null sink leaves the one that fits.
+CLiveSvr::CFound CLiveSvr::Internal::find_user(const char* content, const void* sink) {
+    CGuard guard(m_mutex);
+    const channel_attr* attr = get_channel_attr_locked(content);
     if (attr == nullptr) {
         logError("%s:%d, get_channel_attr return NULL., channel_name=%s. \n", __FILE__, __LINE__,
                  content == nullptr ? "" : content);
-        return nullptr;
+        return CFound(nullptr);
     }
-    if (user == 0) {
-        return attr->live_channel;
+    if (sink == nullptr || attr->live_channel->has_entered(sink)) {
+        return CFound(attr->live_channel);
     }
-    const auto entry = std::find(attr->users.begin(), attr->users.end(), user);
-    if (entry == attr->users.end()) {
-        logError("%s:%d, remove_live_ch_user, usr=0x%x.\n", __FILE__, __LINE__, static_cast<unsigned int>(user));
-        return nullptr;
+    const auto other = std::find_if(m_attr_list.begin(), m_attr_list.end(), [&](const channel_attr& entry) {
+        return entry.name == attr->name && entry.live_channel->has_entered(sink);
+    });
+    if (other == m_attr_list.end()) {
+        logError("%s:%d, remove_live_ch_user, usr=0x%x.\n", __FILE__, __LINE__,
+                 static_cast<unsigned int>(reinterpret_cast<uintptr_t>(sink)));
+        return CFound(nullptr);
     }
-    attr->users.erase(entry);
-    return attr->live_channel;
+    return CFound(other->live_channel);
 }
 
 int CLiveSvr::UpdataLiveChannel(const char* content, long arg) {
-    CGuard guard(m_internal->m_mutex);
     logInfo("%s:%d UpdataLiveChannel, channel name:%s\n", __FILE__, __LINE__, content == nullptr ? "" : content);
-    Internal::channel_attr* attr = m_internal->get_channel_attr_locked(content);
-    return attr == nullptr ? -1 : attr->live_channel->UpdataLiveChannel(arg);
+    const CFound channel = m_internal->find(content);
+    return channel ? channel->UpdataLiveChannel(arg) : -1;
 }
 
 int CLiveSvr::handle_message(long, unsigned int msg, long param) {
@@ -395,16 +379,14 @@ int CLiveSvr::handle_message(long, unsigned int msg, long param) {
 }
 
 void CLiveSvr::Close() {
+    Internal::attr_list_t taken;
     {
         CGuard guard(m_internal->m_mutex);
         m_internal->m_closed = true;
-        for (Internal::channel_comp& comp : m_internal->m_comp_list) {
-            for (Internal::channel_attr& attr : comp.attr_list) {
-                attr.live_channel->Close();
-            }
-            comp.data_src->Close();
-        }
-        m_internal->m_comp_list.clear();
+        taken.swap(m_internal->m_attr_list);
+    }
+    for (const Internal::channel_attr& attr : taken) {
+        attr.live_channel->unpublish(true);
     }
     CNetHandler::Close();
 }

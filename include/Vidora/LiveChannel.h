@@ -19,11 +19,16 @@ class CSdpParser;
 // The host makes one with Create, SetConfig, Init, AddDataSrc, and hands it to CLiveSvr::AddLiveChannel, which owns it
 // from then on. Results are 0, or -1 with a log line, unless said otherwise.
 //
-// THREADING  Any thread. Two locks of its own, never nested: one for the source, the SDP and the destinations, which
-//            is held over calls into the source; and one for the references.
+// What may run the source's code is done at once if the source is free. If it is busy with a call, for this channel or
+// another one, nobody waits: the wish is noted, the operation returns 0, and it is done when that call has ended.
+//
+// THREADING  Any thread, also inside a source's Start or Stop and inside a frame callback. Locks of its own are held
+// over
+//            no call into the source.
 // OWNERSHIP  Owns its buffers and its multicast senders, and borrows the source. It dies by Close, never by delete,
 //            and then only when the last reference has gone; sinks that are attached to its buffers until then are
-//            taken off, not ended.
+//            taken off, not ended. Both it and its source may be closed by the host at any time, also while it is
+//            published.
 class VIDORA_API CLiveChannel : public CNetHandler {
 public:
     static CLiveChannel* Create();
@@ -33,8 +38,12 @@ public:
     // `channel_name`: at most 255 characters are kept. `notify_id`: the handler that gets the channel's messages, 0 for
     // none. `transf_type`: how it sends to multicast destinations.
     int Init(const char* channel_name, long notify_id, transf_type_t transf_type);
-    // Gives the channel its source, which has been through Init, and starts it; null takes it away. Gives the former
-    // source, which is the caller's again, or null. `arg` is kept and read by nothing.
+    // Gives the channel its source, which has been through Init, and starts it; null takes it away. Returns the former
+    // source, which is the caller's again and may be closed at once, or null. `arg` is kept and read by nothing.
+    //
+    // On a published channel the sources change places: the new one is the registry's from now on. Clients that play
+    // see it go on with the frames of the new source, and what they had started in the former one is stopped. Its first
+    // description is told to them if it differs from the former source's, as a change of format is.
     CDataSource* AddDataSrc(CDataSource* src, uint64_t arg);
     // Adds a multicast destination: `dest_ip` is the group and the base port, `local_ip` an address or the name of the
     // interface to send from; null: by the system's routes. The interface need not be there yet, and may get another
@@ -49,17 +58,26 @@ public:
     int SetUnicast(bool unicast);
 
     // References of sessions, by handler id; each AddRef wants a DelRef. A user gets the channel's messages with a
-    // pointer to its name, which stays good. A channel that was closed lives until the last reference goes. 0; AddRef
-    // gives -1 if memory is short.
+    // pointer to its name, which may be read while the channel lives, and then until 1024 other channels have gone. A
+    // channel that was closed lives until the last reference goes. 0; AddRef returns -1 if it is closed, or memory is
+    // short.
     int AddRef(long user);
     int DelRef(long user);
 
     // The buffer that packets of that form go into; the channel's. Null for another type.
     CMediaBuffer* GetMediaBuffer(packet_type_t packet_type);
-    // Counts a client of that form in or out; the source gives frames while there is one. -1 of StopStreaming also says
-    // that others are left.
+    // Counts a client of that form in or out; the source gives frames while there is one. A start that failed, -1, is
+    // not counted, and a stop without a start does nothing, -1. -1 of StopStreaming also says that others are left.
     int StartStreaming(packet_type_t packet_type);
     int StopStreaming(packet_type_t packet_type);
+    // Attaches a sink to the buffer of that form and counts it in; and detaches it, in whatever form it has entered.
+    // For who holds a reference on the channel, or is sure of its life otherwise. A null sink counts as a client
+    // without one. A sink leaves before it dies, also when the channel is closed. -1: the channel is closed, and
+    // nothing is attached; or the sink hasn't entered.
+    int Enter(CMediaStreamSender* sink, packet_type_t packet_type);
+    int Enter(CLevel2Buffer_IF* sink, packet_type_t packet_type);
+    int Leave(CMediaStreamSender* sink, packet_type_t packet_type);
+    int Leave(CLevel2Buffer_IF* sink, packet_type_t packet_type);
 
     // A copy of the SDP: 1 for a multicast channel, 0 for a unicast one, -1 if there is none.
     int GetSdp(CSdpParser& sdp);
@@ -82,11 +100,22 @@ public:
     void Close() override;
 
 private:
+    friend class CLiveSvr;
     struct VIDORA_LOCAL Internal;
     CLiveChannel();
     ~CLiveChannel() override;
 
     void notify_session(unsigned int msg);
+    // Of the registry: takes it into a table, with a source that the registry has from now on; -1 if it stands in one
+    // already, or is closed. And takes it off, with both closed or as they were.
+    int publish(long registry_id, CDataSource* src);
+    void unpublish(bool closes);
+    bool is_kept(const CDataSource* src);
+    bool is_closed();
+    bool has_entered(const void* sink);
+    // Keeps the object allocated.
+    void hold();
+    void let_go();
 
     Internal* m_internal;
 };

@@ -16,14 +16,14 @@ class CLiveChannel;
 // A channel is published under a content string, "name" or "name?a=1&b=2"; the order of the parameters doesn't matter.
 // One source may feed several channels. Results are 0, or -1 with a log line.
 //
-// THREADING  Any thread; one lock over the whole table, above the locks of CLiveChannel and held over its calls into
-//            the source. So a stream source must not call the registry from its operations on another thread and
-//            wait.
+// THREADING  Any thread, also inside a source's Start or Stop and inside a frame callback. One lock over the table,
+// held
+//            over no call into a source: a source that takes its time to start or to stop holds up its own channels'
+//            clients and nobody else. See CLiveChannel.
 // OWNERSHIP  From a successful AddLiveChannel on the registry owns channel and source and closes them: the channel at
 //            DelLiveChannel, the source with its last channel, and all of them at Close. Sinks are borrowed: who
-//            enters leaves before the sink dies, and takes it off the channel's buffer itself if the channel was
-//            deleted meanwhile, under the reference that it holds. So it enters no channel but the one that it has the
-//            reference on.
+//            enters leaves before the sink dies. Who holds a reference on the channel leaves by CLiveChannel::Leave,
+//            which also serves when the channel was deleted meanwhile.
 // THE END    A registry dies by Close, never by delete. The host may close it at any time, before or after the servers
 //            that were given it by SetLiveSvr, also while clients play, and doesn't touch it any more. Servers and
 //            sessions that still use it keep it allocated until the last of them has gone; they find it empty, and
@@ -34,7 +34,9 @@ public:
     // parameter where a channel sent it; 0 for none.
     static CLiveSvr* Create(long notify_id);
 
-    // Publishes `channel` as `channel_name`. A name that stands already is not refused: the first one is found.
+    // Publishes `channel` as `channel_name`. A name that stands already is not refused: the first one is found. A
+    // channel that stands in a table already, of this registry or another, is refused, -1, and so is one that was
+    // closed; channel and source stay the caller's then.
     int AddLiveChannel(const char* channel_name, CLiveChannel* channel, CDataSource* src);
     // Takes the first channel of exactly that name and parameters away; its sessions end.
     int DelLiveChannel(const char* channel_name);
@@ -42,8 +44,9 @@ public:
     int QueryLiveChannel(const char* content);
     // The channel that fits, with a reference for the handler `user`, who owes it a DelRef; or null.
     CLiveChannel* GetLiveChannel(const char* content, long user);
-    // Attaches a sink to the channel's buffer of that packet type and starts streaming; and detaches it. A null sink
-    // counts as a user without a sink.
+    // Attaches a sink to the channel's buffer of that packet type and starts streaming; and detaches it from the
+    // channel that it has entered, also if another one fits the content better by now. A null sink counts as a user
+    // without a sink. If the source is busy with another call the start or stop follows it.
     int EnterLiveChannel(const char* content, CMediaStreamSender* sink, packet_type_t packet_type);
     int EnterLiveChannel(const char* content, CLevel2Buffer_IF* sink, packet_type_t packet_type);
     int LeaveLiveChannel(const char* content, CMediaStreamSender* sink, packet_type_t packet_type);
@@ -64,6 +67,7 @@ public:
 
 private:
     friend class CLiveSvrRef;  // counts the users that outlast Close
+    class VIDORA_LOCAL CFound;
     struct VIDORA_LOCAL Internal;
     CLiveSvr();
     ~CLiveSvr() override;
