@@ -13,7 +13,6 @@ namespace Vidora {
 namespace {
 
 const uint64_t NOT_GIVEN = ~uint64_t{0};
-const double NPT_NOT_GIVEN = -1.0;
 const double US_PER_SECOND = 1000000.0;
 const double MAX_NPT_SECONDS = 1e12;  // beyond any recording; its microseconds fit 64 bits
 

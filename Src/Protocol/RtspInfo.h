@@ -14,6 +14,8 @@ namespace Vidora {
 // Form of a Range header (RFC 2326 3.6, 3.7).
 enum range_type_t { RANGE_TYPE_NPT = 0, RANGE_TYPE_CLOCK = 1 };
 
+const double NPT_NOT_GIVEN = -1.0;  // an end of a range in seconds that isn't there
+
 // A Transport header (RFC 2326 12.39), for reading and for generating.
 struct transport_info {
     char url[1024];        // control URL of the track

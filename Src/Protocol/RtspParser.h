@@ -112,9 +112,8 @@ public:
     const char* get_content_type(int* content_length) const;
     const transport_info* get_transport() const { return &m_transport; }
     const multicast_info* get_multicast() const { return &m_multicast; }
-    // A range_type_t.
-    int get_range_type() const { return m_range_type; }
-    // Seconds; -1.0 is "not given". 0.
+    range_type_t get_range_type() const { return m_range_type; }
+    // Seconds, or NPT_NOT_GIVEN. 0.
     int get_npt_range(double* begin, double* end) const;
     int get_clock_range(UtcTime* begin, UtcTime* end) const;
     // The rate asked for, 1.0 if none; `is_scale` (may be null) tells whether a Scale header was ever read.
@@ -149,11 +148,11 @@ protected:
     const char* m_product = "";  // value of Server or User-Agent, set at construction
     int m_content_length = 0;
     int m_body_length = 0;  // bytes in m_body
-    int m_range_type = RANGE_TYPE_NPT;
+    range_type_t m_range_type = RANGE_TYPE_NPT;
     UtcTime m_begin_utc;
     UtcTime m_end_utc;
-    double m_npt_begin = -1.0;
-    double m_npt_end = -1.0;
+    double m_npt_begin = NPT_NOT_GIVEN;
+    double m_npt_end = NPT_NOT_GIVEN;
     float m_speed = 1.0F;
     uint8_t m_is_scale = 0;  // set by the first Scale header and never cleared
     int m_back_channel = 0;

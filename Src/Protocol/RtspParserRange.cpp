@@ -93,18 +93,18 @@ void CRtspParser::read_range(CStrParser& text) {
         m_range_type = RANGE_TYPE_NPT;
         text.ConsumeUntilDigit();  // over a word such as "now", and on to any later digit
         m_npt_begin = text.ConsumeDouble();
-        m_npt_end = -1.0;
+        m_npt_end = NPT_NOT_GIVEN;
         if (text.GetStatus() == 0 && text.Expect('-') == 0) {
             const double end = text.ConsumeDouble();
             // "0-" has no end: that is "not given", and not the second 0 at which a file would stop at once.
-            m_npt_end = text.GetStatus() == 0 ? end : -1.0;
+            m_npt_end = text.GetStatus() == 0 ? end : NPT_NOT_GIVEN;
         }
         return;
     }
     if (text.LocateStringCase("Range: clock=") < 0) {
         m_range_type = RANGE_TYPE_NPT;
-        m_npt_begin = -1.0;
-        m_npt_end = -1.0;
+        m_npt_begin = NPT_NOT_GIVEN;
+        m_npt_end = NPT_NOT_GIVEN;
         return;
     }
     m_range_type = RANGE_TYPE_CLOCK;

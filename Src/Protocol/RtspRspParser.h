@@ -42,7 +42,7 @@ public:
     const char* generate_describe_reply(int content_length);
     // Null for a null `transport`, and for multicast over UDP with a null `multicast`; a 461 for an unknown transport.
     const char* generate_setup_reply(const transport_info* transport, const multicast_info* multicast);
-    // Seconds; a `begin` of -1.0 leaves the Range out, an `end` of -1.0 leaves it open. Null without entries.
+    // Seconds; NPT_NOT_GIVEN as `begin` leaves the Range out, as `end` it leaves it open. Null without entries.
     const char* generate_play_reply(const rtp_info_entry* entries, int count, double begin, double end);
     // The same with year 0 for "not given".
     const char* generate_play_reply_clock(const rtp_info_entry* entries, int count, const UtcTime* begin,

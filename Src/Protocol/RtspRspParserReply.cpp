@@ -12,7 +12,6 @@ namespace Vidora {
 namespace {
 
 const int DEFAULT_TIMEOUT_S = 60;  // RFC 2326 12.37
-const double NPT_NOT_GIVEN = -1.0;
 const int FRACTION_DIGITS = 6;
 const char LINE_END[] = "\r\n";
 const size_t LINE_END_SIZE = sizeof LINE_END - 1;

@@ -11,7 +11,6 @@ namespace Vidora {
 
 namespace {
 
-const char MULTI_LINE_LETTERS[] = "cam";
 const char CONTROL[] = "control";
 
 bool fill_connection(sdp_connection_t& connection, const char* address, uint8_t ttl, int address_count,
@@ -49,11 +48,8 @@ int remove_attribute(sdp_list<sdp_attribute_t>& list, const char* name) {
 
 }  // namespace
 
-CSdpParser::CSdpParser() : m_session(new (std::nothrow) sdp_session_t), m_multi_line() {
+CSdpParser::CSdpParser() : m_session(new (std::nothrow) sdp_session_t) {
     m_stream[0] = '\0';  // no more: a server holds one of these for each session
-    for (const char* letter = MULTI_LINE_LETTERS; *letter != '\0'; ++letter) {
-        m_multi_line[*letter - 'a'] = 1;
-    }
 }
 
 CSdpParser::CSdpParser(const CSdpParser& other) : CSdpParser() {
@@ -63,7 +59,6 @@ CSdpParser::CSdpParser(const CSdpParser& other) : CSdpParser() {
 // The text is what is copied, not the tree: an SDP that was built is copied as its last GetStream wrote it.
 CSdpParser& CSdpParser::operator=(const CSdpParser& other) {
     if (this != &other) {
-        std::memcpy(m_multi_line, other.m_multi_line, sizeof(m_multi_line));
         std::memcpy(m_stream, other.m_stream, std::strlen(other.m_stream) + 1);
         Parse(m_stream, 0);
     }

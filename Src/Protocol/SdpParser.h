@@ -172,9 +172,6 @@ private:
 
     sdp_session_t* m_session;  // owned; null when memory was short
     char m_stream[SDP_STREAM_SIZE];
-    // One flag for each line letter, set for those that may stand more than once. It goes along with an assignment; the
-    // readers have their own rules.
-    unsigned char m_multi_line[26];
 };
 
 }  // namespace Vidora
