@@ -1,11 +1,13 @@
 #!/usr/bin/env python3
 """vidora-pull against vidora-host, in a network namespace of its own: pull_test.py HOST MEDIA PULL [unittest arguments]."""
+import contextlib
 import json
 import os
 import signal
 import socket
 import subprocess
 import sys
+import threading
 import unittest
 
 from peers import Folder, frame_digests, free_port, in_namespace_of_its_own, outcome, read_file, wait_for
@@ -54,7 +56,7 @@ class Pulling(unittest.TestCase):
     def test_live_by_every_road(self):
         path = self.folder("out.h264")
         with Host() as host:
-            for options in (("--transport", "tcp"), ("--transport", "udp"), ("--kind", "kx")):
+            for options in (("--kind", "rtp"), ("--transport", "udp"), ("--kind", "kx")):
                 with self.subTest(options=options):
                     summary = self.check_pull(host.url(), "--seconds", "4", "--out", path, *options)
                     self.assertGreater(summary["frames"]["A"], 50)
@@ -161,6 +163,64 @@ class Failing(unittest.TestCase):
                 host.process.send_signal(signal.SIGCONT)
                 self.assertIn("idle", json.loads(output)["failure"])
                 self.assertEqual(puller.returncode, 1)
+
+
+class Camera(threading.Thread):
+    """A server with a loudspeaker and nothing else: keeps the datagrams that reach the port of its back channel."""
+
+    SDP = ("v=0\r\no=- 1 1 IN IP4 127.0.0.1\r\ns=camera\r\nt=0 0\r\na=control:*\r\n"
+           "m=video 0 RTP/AVP 26\r\na=control:track0\r\n"
+           "m=audio 0 RTP/AVP 8\r\na=control:track1\r\na=sendonly\r\n")
+
+    def __init__(self):
+        super().__init__(daemon=True)
+        self.listener = socket.create_server(("127.0.0.1", 0))
+        self.speaker = socket.socket(socket.AF_INET, socket.SOCK_DGRAM)
+        self.speaker.bind(("127.0.0.1", 0))
+        self.url = f"rtsp://127.0.0.1:{self.listener.getsockname()[1]}/camera"
+        self.requests = []
+
+    def run(self):
+        connection = self.listener.accept()[0]
+        with contextlib.suppress(ConnectionError), connection, connection.makefile("r", newline="\r\n") as text:
+            for line in text:
+                head = [line] + list(iter(text.readline, "\r\n"))
+                self.requests.append("".join(head))
+                connection.sendall(self.reply(head).encode())
+
+    def reply(self, head):
+        extra, body = "", ""
+        if head[0].startswith("DESCRIBE"):
+            body = self.SDP
+            extra = f"Content-Type: application/sdp\r\nContent-Length: {len(body)}\r\n"
+        if head[0].startswith("SETUP"):
+            transport = next(line for line in head if line.startswith("Transport:")).strip()
+            port = self.speaker.getsockname()[1]
+            extra = f"{transport};server_port={port}-{port + 1}\r\n"
+        cseq = next(line for line in head if line.startswith("CSeq:"))
+        return f"RTSP/1.0 200 OK\r\n{cseq}Session: 1\r\n{extra}\r\n{body}"
+
+
+class BackChannel(unittest.TestCase):
+    def test_file_reaches_the_loudspeaker(self):
+        sound = read_file(f"{MEDIA}/clip.alaw")[:4000]
+        camera = Camera()
+        camera.start()
+        camera.speaker.settimeout(30)
+        with Folder() as folder:
+            puller = subprocess.Popen([PULL, camera.url, "--transport", "udp", "--back-channel",
+                                       folder.write("a.alaw", sound), "--json"], stdout=subprocess.PIPE)
+            heard = b""
+            while len(heard) < len(sound):
+                packet = camera.speaker.recv(2048)
+                if packet[1] & 0x7F == 8:  # A-law; reports come to the same port
+                    heard += packet[12:]
+            puller.send_signal(signal.SIGTERM)
+            summary = json.loads(puller.communicate(timeout=30)[0])
+        self.assertEqual(heard, sound)
+        asked = next(request for request in camera.requests if request.startswith("DESCRIBE"))
+        self.assertIn("Require: www.onvif.org/ver20/backchannel", asked)
+        self.assertEqual((puller.returncode, summary["failure"]), (1, "no media came"))
 
 
 if __name__ == "__main__":
