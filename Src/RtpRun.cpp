@@ -42,14 +42,6 @@ run_kind_t aggregate_kind(CByteReader& payload) {
 
 }  // namespace
 
-bool ReadInterleavedUnit(CByteReader& run, interleaved_unit_t& unit) {
-    const bool framed = run.ReadU8() == '$';
-    unit.channel = run.ReadU8();
-    unit.length = run.ReadU16();
-    unit.data = run.ReadBytes(unit.length);
-    return run.Ok() && framed;
-}
-
 run_kind_t H264PayloadKind(const unsigned char* payload, size_t length) {
     CByteReader reader(payload, length);
     const int type = reader.ReadU8() & NAL_TYPE_MASK;

@@ -18,7 +18,13 @@ struct interleaved_unit_t {
 };
 
 // Reads the next unit of a run, header and all. False at its end, or if what is left is no whole unit.
-bool ReadInterleavedUnit(Ostra::CByteReader& run, interleaved_unit_t& unit);
+inline bool ReadInterleavedUnit(Ostra::CByteReader& run, interleaved_unit_t& unit) {
+    const uint32_t header = run.ReadU32();
+    unit.channel = static_cast<uint8_t>(header >> 16);
+    unit.length = static_cast<uint16_t>(header);
+    unit.data = run.ReadBytes(unit.length);
+    return run.Ok() && header >> 24 == '$';
+}
 
 // What the packets of a frame tell of its kind.
 enum run_kind_t { RUN_KIND_UNDECIDED = 0, RUN_KIND_KEY = 1, RUN_KIND_OTHER = 2 };

@@ -12,6 +12,7 @@ namespace Vidora {
 
 namespace {
 
+const size_t RTP_SEQUENCE_OFFSET = 2;
 const unsigned int KX_UNIT_HEADER = 6;  // "$", channel, 32-bit length
 
 // The first `length` bytes of a packet as a frame: shared if the packet carries one of just that size, otherwise
@@ -165,10 +166,12 @@ CRtpFrameBufferCore::Track* CRtpFrameBufferCore::find_track(int channel) {
 void CRtpFrameBufferCore::count_packets(CSequenceCount& count, const Flumen::CMediaFrame& run) {
     CByteReader reader(run.getBuffer(), run.size());
     interleaved_unit_t unit;
-    RtpHeader header;
     while (ReadInterleavedUnit(reader, unit)) {
-        if (rtp_parse_header(unit.data, unit.length, header)) {
-            count.Count(header.sequence);
+        CByteReader packet(unit.data, unit.length);
+        packet.Skip(RTP_SEQUENCE_OFFSET);
+        const uint16_t sequence = packet.ReadU16();
+        if (packet.Ok()) {
+            count.Count(sequence);
         }
     }
 }
