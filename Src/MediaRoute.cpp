@@ -1,40 +1,21 @@
 #include "MediaRoute.h"
 
 #include "Vidora/LiveChannel.h"
-#include "Vidora/LiveSvr.h"
-#include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
 namespace Vidora {
 
 namespace {
 
-void take_off(CMediaBuffer& buffer, CMediaStreamSender* sink) {
-    buffer.DelSender(sink);
-}
-
-void take_off(CMediaBuffer& buffer, CLevel2Buffer_IF* sink) {
-    buffer.DelLevel2Buffer(sink);
-}
-
-// Only the channel that the session holds a reference on: one that was published anew under its name since DESCRIBE
-// could go, with its buffer, while the sink stands there.
+// The very channel that the session holds a reference on, whatever stands in the registry by now.
 template <typename Sink>
 int enter(const LivePlace& place, Sink* sink) {
-    return place.registry->EnterLiveChannel(place.name, sink, place.type, place.channel);
+    return place.channel->Enter(sink, place.type);
 }
 
-// Leaves by the channel's name, and takes the sink off the channel itself as well: the registry may have dropped it, or
-// have another one of that name by now.
 template <typename Sink>
 void leave(const LivePlace& place, Sink* sink) {
-    CMediaBuffer* buffer = place.channel->GetMediaBuffer(place.type);
-    if (place.registry->LeaveLiveChannel(place.name, sink, place.type) < 0) {
-        place.channel->StopStreaming(place.type);
-    }
-    if (buffer != nullptr) {
-        take_off(*buffer, sink);
-    }
+    place.channel->Leave(sink, place.type);
 }
 
 }  // namespace

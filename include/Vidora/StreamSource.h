@@ -32,7 +32,8 @@ enum stream_audio_encode_t {
 };
 
 struct StreamVideoFormat {
-    int32_t width = 0;  // samples; the library doesn't read width and height
+    // Samples. A change of either one is a change of format; the library reads them for nothing else.
+    int32_t width = 0;
     int32_t height = 0;
     int32_t encode_type = 0;  // stream_video_encode_t
     int32_t frame_rate = 0;   // frames a second, for the SDP only
@@ -52,9 +53,12 @@ struct StreamAudioFormat {
 //
 // A frame is a Flumen::CMediaFrame in the private frame format, with setType (a frame_type_t), setSequence, setPts
 // (PTS_TYPE_MS, milliseconds) and setUtc (wall time in seconds) set, and setNewFormat(1) on the first frame of a new
-// format. H.264 frames hold NAL units behind four-byte start codes, a key frame its parameter sets first, and one
-// slice: what stands behind it is sent as a part of it. JPEG images are baseline 4:2:0 with the Huffman tables of ISO
-// 10918-1 K.3 (RFC 2435). B pictures are given in decoding order, with the time at which each one is shown.
+// format. The first time stamp of a stream is above 0, as 0 stands for none yet: a stream that begins at 0 has its
+// first two frames at one time. H.264 frames hold NAL units behind start codes of four bytes, 00 00 00 01, never three,
+// a key frame its parameter sets first, and one slice: what stands behind it is sent as a part of it. JPEG images are
+// baseline 4:2:0 with the Huffman tables of ISO 10918-1 K.3 (RFC 2435); each is a key frame (FRAME_TYPE_I), as a frame
+// of FRAME_TYPE_JPEG counts as side data. B pictures are given in decoding order, with the time at which each one is
+// shown.
 //
 // THREADING  The operations come from pool threads and from the host's own calls into the library. Start, Stop, Pause
 //            and Resume come one after another; the format queries (HasVideo, HasAudio, GetVideoFormat,
@@ -62,8 +66,8 @@ struct StreamAudioFormat {
 //            inside the frame callback. Frames may be given from any one thread at a time; the callback runs the
 //            conversion to packets and must not be called with a lock held that the operations also take. Stop
 //            returns only when no callback runs any more, and so must not wait for a lock that the frame thread needs
-//            to end. Locks of channel and registry are held over the operations: they must not wait for another
-//            thread that calls either.
+//            to end. No lock of a channel or registry is held over the operations: they may take their time, which
+//            holds up this source's own clients and nobody else, and may call channel and registry.
 // OWNERSHIP  The library owns the source from the factory on and gives it back with Close; handle_close then ends it,
 //            as with every CNetHandler (`delete this`).
 class VIDORA_API CStreamSource : public CNetHandler {

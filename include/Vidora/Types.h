@@ -119,9 +119,9 @@ struct SmpteTime {
 struct SrcInfo {
     int32_t track_id = 0;    // SDP track number
     uint32_t timestamp = 0;  // the last RTP time stamp
-    uint16_t seq = 0;        // the last RTP sequence number
-    uint32_t octets = 0;     // payload bytes so far
-    uint32_t packets = 0;    // packets so far, counted as size / 1440, rounded up
+    uint16_t seq = 0;        // the RTP sequence number of the packet that comes next
+    uint32_t octets = 0;     // bytes so far, with the headers of RTP and of interleaving
+    uint32_t packets = 0;    // packets so far, counted for each frame as its bytes / 1440, rounded up
 };
 
 // Messages between the handlers of the library and the host's sources (CNetHandler::Notify). The third argument is 0
