@@ -55,6 +55,23 @@ class Playing(unittest.TestCase):
             digests = frame_digests("-rtsp_transport", "tcp", "-i", host.url(content))
             self.assertEqual(digests[0], self.pictures[25:75])
 
+    def test_edges_relay_an_origin_that_they_may_go_to(self):
+        with Host() as origin:
+            content = f"{LIVE}?proxy=127.0.0.1:{origin.port}"
+            allowed = f"127.0.0.1:{origin.port}"
+            with Host("--proxy-to", allowed, live=False) as first, Host("--proxy-to", "127.0.0.1", live=False) as second:
+                players = [subprocess.Popen(["ffmpeg", "-v", "error", "-rtsp_transport", "tcp", "-i", edge.url(content),
+                                             "-t", "3", "-map", "0:v", "-f", "framemd5", "-"],
+                                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
+                           for edge in (first, second)]
+                for player in players:
+                    output = player.communicate(timeout=120)[0]
+                    digests = [line.split(",")[-1].strip() for line in output.splitlines() if line[0] != "#"]
+                    self.assertGreater(len(digests), 40)
+                    self.assertTrue(is_run_of_loop(digests, self.pictures))
+            with Host(live=False) as closed, Rtsp(closed) as peer:
+                self.assertNotEqual(peer.ask("DESCRIBE", "Accept: application/sdp", url=closed.url(content))[0], 200)
+
     def test_private_frames_on_the_control_connection(self):
         kinds = set()
         with Host() as host, Rtsp(host) as peer:

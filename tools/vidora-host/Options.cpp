@@ -84,6 +84,19 @@ UserOption parse_user(const std::string& text) {
     return option;
 }
 
+ProxyOption parse_proxy(const std::string& text) {
+    ProxyOption option;
+    std::string port;
+    const bool is_bare_ipv6 = text.front() != '[' && std::count(text.begin(), text.end(), ':') > 1;
+    if (is_bare_ipv6 || !split_last(text, ':', option.host, port) || option.host.back() == ':') {
+        option.host = text;
+    } else if (!parse_port(port, option.port)) {
+        option.host = text;
+    }
+    option.host = strip_brackets(option.host);
+    return option;
+}
+
 void parse_ports(const std::string& text, Options& options) {
     std::string low;
     std::string high;
@@ -125,6 +138,7 @@ bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
     std::vector<std::string> live;
     std::vector<std::string> multicast;
     std::vector<std::string> users;
+    std::vector<std::string> proxy_to;
     std::string ports;
     app.add_option("--listen", listen, "ADDR:PORT to listen on, repeatable (default [::]:8554)")
         ->allow_extra_args(false);
@@ -150,6 +164,10 @@ bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
            "the folder are refused")
         ->check(CLI::ExistingDirectory);
     app.add_option("--user", users, "NAME:PASSWORD, repeatable: asks every client for Digest or Basic authentication")
+        ->allow_extra_args(false);
+    app.add_option("--proxy-to", proxy_to,
+                   "HOST[:PORT], repeatable: clients may ask for CONTENT?proxy=HOST:PORT, which relays that server; "
+                   "none without this option")
         ->allow_extra_args(false);
     app.add_option("--realm", options.realm, "realm of the authentication")->capture_default_str();
     app.add_option("--nonce-lifetime", options.nonce_sec, "seconds that a nonce is good for")
@@ -180,6 +198,9 @@ bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
         }
         for (const std::string& text : users) {
             options.users.push_back(parse_user(text));
+        }
+        for (const std::string& text : proxy_to) {
+            options.proxy_to.push_back(parse_proxy(text));
         }
         if (!ports.empty()) {
             parse_ports(ports, options);

@@ -31,11 +31,18 @@ struct UserOption {
     std::string password;
 };
 
+// One --proxy-to option; port 0: any.
+struct ProxyOption {
+    std::string host;
+    unsigned short port = 0;
+};
+
 struct Options {
     std::vector<ListenOption> listen;
     std::vector<LiveOption> live;
     std::vector<MulticastOption> multicast;
     std::vector<UserOption> users;
+    std::vector<ProxyOption> proxy_to;
     std::string recordings;  // folder, empty for none
     std::string realm = "Vidora";
     std::string multicast_if;  // address of the interface, empty for the system's choice

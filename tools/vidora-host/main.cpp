@@ -14,6 +14,7 @@
 #include "Credentials.h"
 #include "Monitor.h"
 #include "Options.h"
+#include "ProxyRule.h"
 #include "Vidora/Vidora.h"
 
 using namespace Kavio::Vidora;
@@ -64,6 +65,9 @@ void fill_config(const Options& options, CRtspSvrConfig& config) {
     config.SetConfig(RTSP_SVR_CONFIG_AUTH_TYPE, &auth_type, sizeof(auth_type));
     config.SetConfig(RTSP_SVR_CONFIG_HTTP_AUTH_TYPE, &auth_type, sizeof(auth_type));
     config.SetConfig(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, &no_free_urls, sizeof(no_free_urls));
+    SetProxyRule(options.proxy_to);
+    config.SetConfig(RTSP_SVR_CONFIG_URL_FUNC, reinterpret_cast<const void*>(&RefuseOtherProxies),
+                     sizeof(&RefuseOtherProxies));
     config.SetConfig(RTSP_SVR_CONFIG_SRC_FUNC, reinterpret_cast<const void*>(&make_source), sizeof(&make_source));
     config.SetConfig(RTSP_SVR_CONFIG_AUTH_FUNC, reinterpret_cast<const void*>(&make_auth_module),
                      sizeof(&make_auth_module));
