@@ -79,7 +79,7 @@ protected:
         EXPECT_TRUE(WaitUntil([&] { return gone == held; }));
     }
 
-    static const unsigned int POOL_THREADS = 2;
+    static constexpr unsigned int POOL_THREADS = 2;
     const long m_handlers;
     std::atomic<bool> m_reached{false};
     std::atomic<bool> m_closed{false};
