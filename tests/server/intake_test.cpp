@@ -1,4 +1,5 @@
 #include <fcntl.h>
+#include <netinet/tcp.h>
 
 #include "Vidora/AuthModule.h"
 #include "server/ServerFixture.h"
@@ -126,6 +127,13 @@ TEST_F(Intake, HandedInConnections) {
     EXPECT_EQ(0, m_svr->AddNewConnect(pair.server, "OPTIONS * RT", 12, 0));
     pair.client->Send(OPTIONS_TEXT);
     EXPECT_EQ(200, pair.client->Reply().status);
+    // A peer that vanishes is noticed after the time-out of the configuration.
+    int probes = 0, user_timeout = 0;
+    socklen_t length = sizeof(int);
+    EXPECT_EQ(0, getsockopt(pair.server, SOL_SOCKET, SO_KEEPALIVE, &probes, &length));
+    EXPECT_EQ(0, getsockopt(pair.server, IPPROTO_TCP, TCP_USER_TIMEOUT, &user_timeout, &length));
+    EXPECT_EQ(1, probes);
+    EXPECT_EQ(60000, user_timeout);
 
     const struct {
         std::string buf;
