@@ -23,13 +23,10 @@ def read_clip():
 
 
 def describe(host, content):
-    """The status and body of the answer on a connection of its own; a connection that is closed counts as 404."""
+    """The status and body of the answer on a connection of its own."""
     with Rtsp(host) as peer:
-        try:
-            status, _, body = peer.ask("DESCRIBE", url=host.url(content))
-            return status, body
-        except (EOFError, ConnectionError):
-            return 404, ""
+        status, _, body = peer.ask("DESCRIBE", url=host.url(content))
+        return status, body
 
 
 def is_alive(host):
@@ -69,12 +66,12 @@ class Recordings(unittest.TestCase):
             wait_for(lambda: any("hole.kav" in path for path in open_files(host)), "the scan begins")
             for name in ("long.kav", "hole.kav"):
                 os.truncate(self.folder(name), 50)
-            for peer in (player, asker):  # what was read before, and then the end
-                while True:
-                    try:
-                        peer.take(1)
-                    except (EOFError, ConnectionError):
-                        break
+            self.assertEqual(asker._reply()[0], 404)
+            while True:  # what was read before, and then the end
+                try:
+                    player.take(1)
+                except (EOFError, ConnectionError):
+                    break
             self.assertEqual(describe(host, "long.kav")[0], 404)
             self.assertTrue(is_alive(host))
 
@@ -135,6 +132,18 @@ class Recordings(unittest.TestCase):
                 lengths.append(sdp.split("a=range:")[1].split("\r\n")[0])
         self.assertEqual(lengths[-1], wanted)
         self.assertLess(float(lengths[0].split("-")[1]), float(wanted.split("-")[1]))
+
+    def test_clients_that_go_on_after_a_refusal_do_no_harm(self):
+        self.folder.write("1_0_bad.kav", read_clip()[1000:2000])
+        with self.host() as host:
+            for content in ("1_0_bad.kav", "cam/playback?channel=1&subtype=0&starttime=2020_09_13_12_26_41"):
+                for method in ("SETUP", "PLAY", "PAUSE"):
+                    with Rtsp(host) as peer:
+                        head = f"DESCRIBE {host.url(content)} RTSP/1.0\r\nCSeq: 1\r\n\r\n"
+                        go_on = f"{method} {host.url(content)} RTSP/1.0\r\nCSeq: 2\r\nRange: clock=20200913T122641Z-\r\n"
+                        peer.sock.sendall((head + go_on + "Transport: RTP/AVP/TCP;interleaved=0-1\r\n\r\n").encode())
+                        self.assertEqual(peer._reply()[0], 404)
+            self.assertTrue(is_alive(host))
 
     def test_memory_of_an_index_is_bounded(self):
         blocks = bytes((0x81, 0, 5, 25, 0x80, 0, 40, 30))

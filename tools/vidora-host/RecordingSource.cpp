@@ -65,7 +65,9 @@ int RecordingSource::handle_message(long, unsigned int msg, long) {
     std::unique_ptr<OpenRecording> open = m_answer->Take();
     if (!open || !open->error.empty()) {
         Kavio::Ostra::logWarn("%s: %s\n", m_content.c_str(), open ? open->error.c_str() : "not enough memory");
-        Notify(m_receiver_id, MSG_STREAM_FAIL, 0);
+        // Ready, without a description: DESCRIBE is answered with 404. MSG_STREAM_FAIL would end the client's
+        // connection without an answer.
+        Notify(m_receiver_id, MSG_SRC_READY, 0);
         return 0;
     }
     m_open = std::move(open);
@@ -76,7 +78,18 @@ int RecordingSource::handle_message(long, unsigned int msg, long) {
     return 0;
 }
 
+void RecordingSource::GetAudioFormat(StreamAudioFormat& format) {
+    format = m_open ? recording().AudioFormat() : StreamAudioFormat();
+}
+
+void RecordingSource::GetVideoFormat(StreamVideoFormat& format) {
+    format = m_open ? recording().VideoFormat() : StreamVideoFormat();
+}
+
 int RecordingSource::GetVideoSpecificInfo(char* buf, int len) {
+    if (!m_open) {
+        return 0;
+    }
     const std::string& info = recording().SpecificInfo();
     std::memcpy(buf, info.data(), std::min(info.size(), static_cast<size_t>(len)));
     return static_cast<int>(info.size());
@@ -127,6 +140,9 @@ bool RecordingSource::GetSpeed(float& speed) {
 }
 
 bool RecordingSource::SeekByTime(const CTime& time) {
+    if (!m_open) {
+        return false;
+    }
     const size_t key = recording().FindKey(time.makeTime(), window().first_key, window().last_key);
     m_now_sec = recording().Keys()[key].utc_sec;
     return order([key](Orders& orders) {
@@ -141,12 +157,18 @@ bool RecordingSource::GetTime(CTime& time) {
 }
 
 bool RecordingSource::GetFileRange(CTime& begin, CTime& end) {
+    if (!m_open) {
+        return false;
+    }
     begin = CTime(first().utc_sec);
     end = CTime(static_cast<uint64_t>(window().last.utc_sec) + 1);  // the second behind the last frame
     return true;
 }
 
 bool RecordingSource::GetFileRange(uint64_t& length_us) {
+    if (!m_open) {
+        return false;
+    }
     length_us = static_cast<uint64_t>(std::max<int64_t>(0, window().last.time_ms - first().time_ms)) * 1000;
     return true;
 }

@@ -26,10 +26,10 @@ public:
 
     int Init(long receiver_id, int ext) override;
     Kavio::Vidora::src_type_t GetSrcType() override { return Kavio::Vidora::SRC_TYPE_FILE; }
-    bool HasVideo() override { return true; }
-    bool HasAudio() override { return recording().HasAudio(); }
-    void GetAudioFormat(Kavio::Vidora::StreamAudioFormat& format) override { format = recording().AudioFormat(); }
-    void GetVideoFormat(Kavio::Vidora::StreamVideoFormat& format) override { format = recording().VideoFormat(); }
+    bool HasVideo() override { return m_open != nullptr; }
+    bool HasAudio() override { return m_open && recording().HasAudio(); }
+    void GetAudioFormat(Kavio::Vidora::StreamAudioFormat& format) override;
+    void GetVideoFormat(Kavio::Vidora::StreamVideoFormat& format) override;
     int GetVideoSpecificInfo(char* buf, int len) override;
     int UpdataStreamInfo(long arg) override;
     bool Start(frame_proc_t proc) override;
@@ -86,7 +86,7 @@ private:
     const std::string m_content;
     long m_receiver_id = 0;
     std::shared_ptr<Answer> m_answer;
-    std::unique_ptr<OpenRecording> m_open;  // null until the format is told
+    std::unique_ptr<OpenRecording> m_open;  // null until the format is told, and for good if there is nothing to play
     frame_proc_t m_proc;
     FramePump m_pump;
     std::atomic<uint64_t> m_now_sec{0};  // the playing position
