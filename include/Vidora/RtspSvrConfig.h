@@ -18,8 +18,10 @@ struct RtpPortRange {
     int max_local_port = 0;
 };
 
-// The byte of RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL. 1: a URL that holds "proto=" and "Onvif" needs authentication as well;
-// 0: such a URL is free.
+// The byte of RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL. 1: a URL that holds "proto=" and "Onvif" needs authentication as well,
+// by the users of IAuthModule::ProcessChallenge's other table. 0, the default: such a URL is free, and one request with
+// it frees its whole connection: whatever URL the client asks for from then on, nothing is checked. A client chooses
+// its URLs, so a host that wants authentication at all sets this item, unless it serves such URLs alone.
 struct OnvifUserGlobalConfig {
     uint8_t enable;
 };
