@@ -281,8 +281,8 @@ int main(int argc, char** argv) {
         for (const ListenOption& listen : options.listen) {
             monitor.Listening(listen.ip, listen.port);
         }
-        if (options.live.empty() && options.recordings.empty()) {
-            std::fprintf(stderr, "vidora-host: nothing is published: see --live and --recordings\n");
+        if (options.live.empty() && options.recordings.empty() && options.proxy_to.empty()) {
+            std::fprintf(stderr, "vidora-host: nothing is published: see --live, --recordings and --proxy-to\n");
         }
         wait_for_end(signals, options.stats_sec, monitor);
         // A second signal ends the process at once.
