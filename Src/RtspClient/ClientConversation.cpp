@@ -62,10 +62,9 @@ int CClientConversation::SendExtMsg(const client_request& request, char* out, in
         return -1;
     }
     const auto send = [this, request, slot] {
-        client_request with_slot(request);
-        with_slot.slot = slot;
-        if (send_application(with_slot) < 0) {
+        if (send_application(request, slot) < 0) {
             m_slots.Drop(slot);
+            tell_request_failure(RTSP_CLIENT_CODE_CONNECTION);
         }
     };
     if (m_work.Put(send, request.body.size()) < 0) {
@@ -73,6 +72,12 @@ int CClientConversation::SendExtMsg(const client_request& request, char* out, in
         return -1;
     }
     return 0;
+}
+
+void CClientConversation::tell_request_failure(long code) {
+    if (!IsEnded()) {
+        m_handler.Notify(m_owner_id, MSG_RTSP_PARAMETER_REPLY, code);
+    }
 }
 
 int CClientConversation::SetExtKey(rtsp_method_t method, const std::string& key, const std::string& value) {

@@ -44,7 +44,6 @@ struct client_request {
     rtsp_method_t method = RTSP_METHOD_GET_PARAMETER;
     bool has_body = false;
     std::string body;
-    int slot = 0;  // of CReplySlots
 };
 
 // CClientConversation: one RTSP conversation of a client (RFC 2326), over whatever link its owner has: it asks for
@@ -131,7 +130,8 @@ private:
     int send_keepalive();
     int send_setup(client_track& track);
     int send_play();
-    int send_application(const client_request& request);
+    int send_application(const client_request& request, int slot);
+    void tell_request_failure(long code);
     void send_teardown();
     int begin_conversation();
     int transmit(const char* text, rtsp_method_t method);

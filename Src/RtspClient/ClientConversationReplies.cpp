@@ -76,7 +76,7 @@ int CClientConversation::send_keepalive() {
     return queue(method, text, REQUEST_KEEPALIVE);
 }
 
-int CClientConversation::send_application(const client_request& request) {
+int CClientConversation::send_application(const client_request& request, int slot) {
     if (IsEnded() || !m_link.IsUp()) {
         return -1;
     }
@@ -85,7 +85,7 @@ int CClientConversation::send_application(const client_request& request) {
     if (text == nullptr) {
         return -1;
     }
-    m_slots.Bind(request.slot, m_parser.get_cseq());
+    m_slots.Bind(slot, m_parser.get_cseq());
     return queue(request.method, text, REQUEST_APPLICATION, request.body);
 }
 
@@ -157,7 +157,7 @@ void CClientConversation::take_refusal(const pending_request& request, int statu
             break;
         case REQUEST_APPLICATION:
             m_slots.DropCSeq(request.cseq);
-            m_handler.Notify(m_owner_id, MSG_RTSP_PARAMETER_REPLY, code);
+            tell_request_failure(code);
             break;
         default:
             if (request.method == RTSP_METHOD_SETUP && status != STATUS_UNAUTHORIZED) {
@@ -240,7 +240,7 @@ void CClientConversation::take_success(const pending_request& request, const cha
     if (request.kind == REQUEST_MAIN) {
         Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);
     } else if (request.kind == REQUEST_APPLICATION) {
-        m_handler.Notify(m_owner_id, MSG_RTSP_PARAMETER_REPLY, RTSP_CLIENT_CODE_PROTOCOL);
+        tell_request_failure(RTSP_CLIENT_CODE_PROTOCOL);
     }
 }
 

@@ -24,8 +24,7 @@ CRtspClient* CRtspClient::Create(long owner_id) {
     return client;
 }
 
-// Checks the URL, and takes the user and password that it names.
-bool CRtspClient::read_url(const std::string& url, client_settings& settings, client_host& host) {
+bool CRtspClient::ReadUrl(const std::string& url, client_settings& settings, client_host& host) {
     CRtspUrlParser parser;
     char user[AUTH_TEXT_SIZE] = "";
     char password[AUTH_TEXT_SIZE] = "";
@@ -68,7 +67,7 @@ int CRtspClient::start(const std::string& url, const client_settings& settings, 
     try {
         client_settings own(settings);
         client_host host;
-        if (!read_url(url, own, host)) {
+        if (!ReadUrl(url, own, host)) {
             return -1;
         }
         return m_conversation.PutWork([this, url, own, host, sock] { begin(url, own, host, sock); });

@@ -28,6 +28,9 @@ public:
     // Null if memory is short.
     static CRtspClient* Create(long owner_id);
 
+    // Checks a URL, and takes its host and the user and password that it names. False, with a log line, if it is none.
+    static bool ReadUrl(const std::string& url, client_settings& settings, client_host& host);
+
     // Connects to the server of `url`. 0, or -1 with a log line: not an RTSP URL, or memory short. Once.
     int Start(const std::string& url, const client_settings& settings);
     // The same over a connected socket, which is the engine's if the result is 0.
@@ -49,7 +52,6 @@ private:
     explicit CRtspClient(long owner_id);
     ~CRtspClient() override;
 
-    static bool read_url(const std::string& url, client_settings& settings, client_host& host);
     int start(const std::string& url, const client_settings& settings, std::shared_ptr<CSockStream> sock);
     void begin(const std::string& url, const client_settings& settings, const client_host& host,
                const std::shared_ptr<CSockStream>& sock);

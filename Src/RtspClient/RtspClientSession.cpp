@@ -113,7 +113,7 @@ int CRtspClientSession::start(const char* url, long notify_id, rtp_protocol_t tr
         const std::string text(url);
         self.m_settings.transport = transport;
         self.m_notify_id = notify_id;
-        if (!self.m_origin.Reads(text)) {
+        if (!CRtspClient::ReadUrl(text, self.m_settings, self.m_origin)) {
             return -1;
         }
         return sock < 0 ? self.m_client->Start(text, self.m_settings)
@@ -440,6 +440,7 @@ void CRtspClientSession::follow_redirect(long param) {
         const CLogQuote quote(Ostra::LOG_LEVEL_WARN, self.m_redirect_url.c_str());
         logWarn("%s:%d redirect failed %s \n", __FILE__, __LINE__, quote.Text());
         finish(param);
+        self.m_failure = RTSP_CLIENT_FAILURE_PROTOCOL;
     }
 }
 

@@ -27,7 +27,8 @@ enum rtsp_client_message_t {
     MSG_RTSP_PLAY_READY = 0x1004,      // PLAY is answered
     MSG_RTSP_PAUSE_READY = 0x1008,     // PAUSE is answered
     MSG_RTSP_TEARDOWN = 0x1010,        // the session is over: the last notification. `param` is a rtsp_client_code_t
-    MSG_RTSP_PARAMETER_REPLY = 0x1014  // a SET_PARAMETER is answered with a body
+    MSG_RTSP_PARAMETER_REPLY = 0x1014  // a SET_PARAMETER is answered with a body; or, with a rtsp_client_code_t as
+                                       // `param`, a request of SendExtMsg was refused or could not be sent
 };
 
 // How a session ended. A reply with an error status gives RTSP_CLIENT_CODE_STATUS plus that status: 0x10090191 is 401,
@@ -90,8 +91,9 @@ struct RtspClientStatistics {
 // OWNERSHIP  The session owns its media buffer and frees itself after Close: the pointer to it, the buffer and the SDP
 //            view are dead when Close has returned. Calls of other threads that have begun by then are waited for. When
 //            the thread pool is destroyed after Close, the session still ends; without a pool it ends at the next one.
-// MEMORY     About 100 kB while it connects, 200 kB over TCP with private frames added as large as they come (16 MiB
-//            at most). A server can make a session keep 64 requests, 64 kB of replies and its description.
+// MEMORY     About 50 kB before the media come, of which the message buffers, 40 kB, are touched as they are used; then
+//            what the receiver takes, 64 kB for RTP over TCP, and private frames as large as they come (16 MiB at
+//            most). A server can make a session keep its description, 64 kB of replies and 16 kB of reports.
 class VIDORA_API CRtspClientSession : public CNetHandler {
 public:
     // A session; null if memory is short.
@@ -139,9 +141,10 @@ public:
     int SetCmdExtKey(rtsp_method_t method, const char* key, const char* value);
     // Sends a request of `method`, usually SET_PARAMETER or GET_PARAMETER, with `body` as text/parameters; null for
     // none. When it is answered with a body, `out` (may be null) gets the first `out_length` - 1 bytes of that and a
-    // NUL. It is written once at most: before MSG_RTSP_PARAMETER_REPLY, which comes for SET_PARAMETER only, and never
-    // after MSG_RTSP_TEARDOWN is posted or Close has returned; it must live until then. 0; -1: an unknown method, a
-    // body that doesn't fit a message, not connected, or 64 requests wait for their reply.
+    // NUL. It is written once at most: before MSG_RTSP_PARAMETER_REPLY, which a successful GET_PARAMETER doesn't bring,
+    // and never after MSG_RTSP_TEARDOWN is posted or Close has returned; it must live until then. A refusal ends that
+    // request only. 0; -1: an unknown method, a body that doesn't fit a message, before Start or after Close, or 64
+    // requests wait for their reply.
     int SendExtMsg(rtsp_method_t method, const char* body, char* out, int out_length);
     // The user and password for the server's challenges; before Start. They go to the host and port of the URL of Start
     // only, and never into the log. A null password is empty. 0, or -1 for a null user.

@@ -213,6 +213,33 @@ TEST_F(CSessionTest, RedirectsAreFollowedAndTakeNoPasswordAlong) {
     EXPECT_EQ(0, log.Count("dXNlcjpzZWNyZXQ="));
 }
 
+// Each request but the last is challenged once: a nonce is good for one answer.
+TEST_F(CSessionTest, ByConformanceEachMethodAnswersItsChallenge) {
+    std::atomic<int> signed_teardowns{0};
+    CScriptedServer server([&](const ServerRequest& request) {
+        const size_t place = request.text.find("nonce=\"");
+        const std::string nonce = place == std::string::npos ? "" : request.text.substr(place + 7, 4);
+        if (request.method == "TEARDOWN") {
+            signed_teardowns += nonce.empty() ? 0 : 1;
+            return std::string();
+        }
+        const std::string wanted = request.method.substr(0, 4);
+        return nonce == wanted ? Server::Answer(request)
+                               : Server::Reply(request, "401 No",
+                                               "WWW-Authenticate: Digest realm=\"r\", nonce=\"" + wanted + "\"\r\n");
+    });
+    CClientHost host;
+    host.session->SetAuthInfo("user", "secret");
+    host.session->SetConformance(true);
+    ASSERT_EQ(0, host.Start(server.Url()));
+    EXPECT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    EXPECT_EQ(2, server.Count("SETUP"));
+    host.session->Pause();
+    EXPECT_TRUE(host.WaitFor(MSG_RTSP_PAUSE_READY));
+    host.Close();
+    EXPECT_TRUE(WaitUntil([&] { return signed_teardowns == 1; }));
+}
+
 TEST_F(CSessionTest, CloseEndsARingOfRedirects) {
     CScriptedServer* self = nullptr;
     CScriptedServer server([&](const ServerRequest& request) {

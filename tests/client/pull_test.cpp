@@ -5,6 +5,7 @@
 #include "Vidora/SdpInfo.h"
 #include "server/ServerFixture.h"
 #include "support/ClientHost.h"
+#include "support/Loopback.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -59,6 +60,45 @@ INSTANTIATE_TEST_SUITE_P(Ways, CPullTest,
                                          Way{"Private", RTP_OVER_RTSP, PACKET_TYPE_KX, false},
                                          Way{"Udp", RTP_OVER_UDP, PACKET_TYPE_NONE, false}),
                          [](const auto& info) { return info.param.name; });
+
+class CPullRulesTest : public CServerTest {};
+
+TEST_F(CPullRulesTest, SlowSinkHoldsUpItsOwnSessionOnly) {
+    CFakeStreamSource* source = StartWithChannel();
+    std::atomic<bool> holds{true};
+    std::atomic<int> held{0};
+    {
+        CClientHost slow;
+        CClientHost quick;
+        slow.sink.on_put = [&] {
+            ++held;
+            WaitUntil([&] { return !holds; });
+        };
+        for (CClientHost* host : {&slow, &quick}) {
+            ASSERT_EQ(0, host->Start(Url()));
+            ASSERT_TRUE(host->WaitFor(MSG_RTSP_PLAY_READY));
+        }
+        EXPECT_TRUE(GiveUntil(source, [&] { return held > 0 && quick.sink.Count() > 50; }));
+        EXPECT_EQ(1, held);
+        holds = false;
+    }
+    EXPECT_TRUE(SessionsGone());
+}
+
+TEST_F(CPullRulesTest, MulticastIsJoinedOnTheInterfaceOfTheConnection) {
+    CFakeStreamSource* source = StartWithChannel();
+    CLiveChannel* channel = m_channels.back();
+    const int port = Support::CBoundSocket(SOCK_DGRAM).Port() & ~1;
+    CSockAddrStorage group("239.255.77.1", static_cast<unsigned short>(port));
+    ASSERT_EQ(0, channel->AddTransfDst(group, "127.0.0.1"));
+    channel->SetUnicast(false);
+    ASSERT_EQ(0, channel->StartStreaming(PACKET_TYPE_RTP));
+    CClientHost host;
+    ASSERT_EQ(0, host.Start(Url(), RTP_OVER_UDP));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    EXPECT_TRUE(GiveUntil(source, [&] { return host.sink.Count() > 20; }));
+    channel->StopStreaming(PACKET_TYPE_RTP);
+}
 
 }  // namespace
 }  // namespace Vidora
