@@ -66,7 +66,8 @@ void CClientBackChannel::Put(const std::string& audio) {
     frame.resize(0);
     frame.putBuffer(audio.data(), static_cast<unsigned int>(audio.size()));
     frame.setType(FRAME_TYPE_AUDIO);
-    frame.setPts(m_samples / PCMA_SAMPLES_PER_MS, Flumen::PTS_TYPE_MS);
+    // A time stamp of 0 is none.
+    frame.setPts(1 + m_samples / PCMA_SAMPLES_PER_MS, Flumen::PTS_TYPE_MS);
     m_samples += audio.size();
     const int result = m_stream->InputFrame(frame);
     if (result != PARSER_FRAME_READY) {

@@ -35,6 +35,7 @@ CClientConversation::CClientConversation(CClientHandler& handler, IClientLink& l
       m_link(link),
       m_owner_id(owner_id),
       m_work(handler, MSG_WORK, CLIENT_MAX_WORK, MAX_WORK_BYTES),
+      m_audio(handler, MSG_WORK, CLIENT_MAX_WORK, CLIENT_MAX_BACK_BYTES),
       m_receive(handler, MSG_REPLIES, *this),
       m_auth(m_parser) {
     init_rtsp_states(m_machine, this);
@@ -46,6 +47,7 @@ void CClientConversation::Cut() {
     m_receive.DropBuffer();
     m_slots.Close();
     m_work.Close();
+    m_audio.Close();
 }
 
 int CClientConversation::Play(const client_play& play) {
@@ -96,7 +98,7 @@ int CClientConversation::SetIdleTimeout(unsigned int ms) {
 int CClientConversation::PutBackChannel(const unsigned char* data, int length) {
     try {
         const std::string audio(reinterpret_cast<const char*>(data), static_cast<size_t>(length));
-        return m_work.Put([this, audio] { m_back_channel.Put(audio); }, audio.size());
+        return m_audio.Put([this, audio] { m_back_channel.Put(audio); }, audio.size());
     } catch (const std::bad_alloc&) {
         return -1;
     }
@@ -126,6 +128,7 @@ void CClientConversation::OnMessage(long sender_id, unsigned int msg) {
     switch (msg) {
         case MSG_WORK:
             m_work.Run();
+            m_audio.Run();
             break;
         case MSG_REPLIES:
             m_receive.RunWork();

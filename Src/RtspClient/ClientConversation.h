@@ -179,7 +179,8 @@ private:
 
     CClientView m_view;  // any thread, as the next two
     CReplySlots m_slots;
-    CClientMailbox m_work;  // of the application
+    CClientMailbox m_work;   // of the application,
+    CClientMailbox m_audio;  // and its back channel data
     CClientReceive m_receive;
 
     long m_timer = 0;

@@ -1,0 +1,106 @@
+// The parts of a client's conversation by themselves.
+
+#include <gtest/gtest.h>
+
+#include "RtspClient/ClientBackChannel.h"
+#include "RtspClient/ClientKeepAlive.h"
+#include "RtspClient/ClientPorts.h"
+#include "RtspClient/ClientReports.h"
+#include "support/Loopback.h"
+#include "support/TestHandler.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+uint32_t Word(const unsigned char* bytes) {
+    return static_cast<uint32_t>(bytes[0]) << 24 | static_cast<uint32_t>(bytes[1]) << 16 |
+           static_cast<uint32_t>(bytes[2]) << 8 | bytes[3];
+}
+
+TEST(ClientBackChannel, SendsAudioWithAClockOfItsOwn) {
+    const Support::CBoundSocket device(SOCK_DGRAM);
+    const CSockAddrStorage peer("127.0.0.1", 0);
+    client_track track;
+    track.transport.transport = RTP_OVER_UDP;
+    ASSERT_EQ(0, OpenClientPorts(track, peer));
+    EXPECT_EQ(0, track.transport.rtp_port % 2);
+    track.transport.server_rtp_port = device.Port();
+    CClientBackChannel back;
+    back.Put("nobody");  // not open yet
+    ASSERT_EQ(0, back.Open(track, peer));
+    unsigned char packets[2][512];
+    for (auto& packet : packets) {
+        back.Put(std::string(160, 'a'));
+        ASSERT_TRUE(Support::WaitUntil([&] { return ::recv(device.Fd(), packet, 512, MSG_DONTWAIT) == 172; }));
+    }
+    EXPECT_EQ(8, packets[0][1] & 0x7f);
+    EXPECT_EQ(1, static_cast<uint16_t>((Word(packets[1]) & 0xffff) - (Word(packets[0]) & 0xffff)));
+    EXPECT_EQ(160u, Word(packets[1] + 4) - Word(packets[0] + 4));
+}
+
+TEST(ClientReports, ByConformanceHoldTheWholeBlockOfTheMedia) {
+    reception_stats_t stats;
+    stats.have_seq = 1;
+    stats.ssrc = 0x11223344;
+    stats.last_seq = 7;
+    stats.highest_seq = 0x10007;
+    stats.lost = 3;
+    stats.lost_total = 5;
+    stats.fraction = 9;
+    stats.cumulative_lost = -2;
+    stats.jitter = 77;
+    stats.last_sr = 88;
+    stats.delay_last_sr = 99;
+    for (const bool conformance : {false, true}) {
+        CClientReports reports;
+        reports.SetConformance(conformance);
+        ASSERT_EQ(0, reports.Add(3, stats.ssrc));
+        EXPECT_EQ(-1, reports.Add(32, 0));
+        unsigned char packet[512];
+        unsigned int length = sizeof(packet);
+        ASSERT_NE(nullptr, reports.Write(3, stats, packet, &length));
+        EXPECT_EQ(0x81c90007, Word(packet));  // one block
+        EXPECT_NE(stats.ssrc, Word(packet + 4));
+        EXPECT_EQ(conformance ? stats.ssrc : Word(packet + 4), Word(packet + 8));
+        EXPECT_EQ(conformance ? 0x09fffffeu : 0x03000005u, Word(packet + 12));
+        EXPECT_EQ(conformance ? 0x10007u : 7u, Word(packet + 16));
+        EXPECT_EQ(conformance ? 77u : 0u, Word(packet + 20));
+        EXPECT_EQ(conformance ? 99u : 0u, Word(packet + 28));
+        const std::string bye("\x80\xc9\0\1\0\0\0\5\x81\xcb\0\1\x11\x22\x33\x44", 16);
+        const uint32_t other = 5;
+        EXPECT_TRUE(reports.ReadBye(3, bye, nullptr));
+        EXPECT_TRUE(reports.ReadBye(3, bye, &stats.ssrc));
+        EXPECT_FALSE(reports.ReadBye(3, bye, &other));
+        EXPECT_FALSE(reports.ReadBye(3, bye.substr(8), nullptr));
+        EXPECT_FALSE(reports.ReadBye(1, bye, nullptr));
+    }
+}
+
+TEST(ClientKeepAlive, KeepsWithinTheServersTimeoutAndGivesUpWhatIsRefused) {
+    const auto due = [](CClientKeepAlive& clock, int ticks) {
+        int count = 0;
+        for (int i = 0; i < ticks; ++i) {
+            clock.Tick();
+            count += clock.IsDue() ? 1 : 0;
+        }
+        return count;
+    };
+    CClientKeepAlive usual;
+    EXPECT_EQ(2, due(usual, 60));
+    CClientKeepAlive hurried;
+    hurried.SetServerTimeout(10);
+    EXPECT_EQ(12, due(hurried, 60));
+    CClientKeepAlive off;
+    off.SetMethod(RTSP_METHOD_PAUSE);
+    EXPECT_EQ(0, due(off, 60));
+    usual.Offer(RTSP_METHOD_GET_PARAMETER);
+    EXPECT_EQ(RTSP_METHOD_GET_PARAMETER, usual.Method());
+    usual.Refuse();
+    usual.Offer(RTSP_METHOD_GET_PARAMETER);
+    EXPECT_EQ(RTSP_METHOD_OPTIONS, usual.Method());
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio
