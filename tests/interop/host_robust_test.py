@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """vidora-host with files that change, links, long scans and output that nobody reads: host_robust_test.py HOST MEDIA."""
+import contextlib
 import fcntl
 import json
 import os
@@ -36,7 +37,11 @@ def is_alive(host):
 
 def open_files(host):
     folder = f"/proc/{host.process.pid}/fd"
-    return [os.readlink(os.path.join(folder, name)) for name in os.listdir(folder)]
+    paths = []
+    for name in os.listdir(folder):
+        with contextlib.suppress(FileNotFoundError):  # closed meanwhile
+            paths.append(os.readlink(os.path.join(folder, name)))
+    return paths
 
 
 def proc_value(host, name, key):
