@@ -5,7 +5,6 @@
 #include "StreamParser/TsTable.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
-#include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -100,7 +99,10 @@ int CRtp2Frame::put_framed(const RtpHeader& header) {
     m_last_ts = m_watch.IsFresh() ? header.timestamp : m_last_ts;
     const bool new_time = header.timestamp != m_last_ts;
     m_damaged = m_damaged && !new_time;
-    const bool joins = watch_sequence(header);
+    const rtp_order_t order = m_watch.Look(header);
+    if (order != RTP_ORDER_NEXT) {
+        mark_gap(header, order);
+    }
     m_watch.Probe(header.sequence);
     if (GetPacketCount() > 0 && new_time) {
         // The frame ended without a marker, whatever it holds.
@@ -110,7 +112,7 @@ int CRtp2Frame::put_framed(const RtpHeader& header) {
         }
         drop_packets();
     }
-    if (GetPacketCount() == 0 && m_rule != nullptr && !m_rule->CanBegin(header, joins)) {
+    if (GetPacketCount() == 0 && m_rule != nullptr && !m_rule->CanBegin(header, order == RTP_ORDER_JOINS)) {
         m_damaged = true;
     }
     if (!store_packet(header)) {
@@ -127,15 +129,11 @@ int CRtp2Frame::put_framed(const RtpHeader& header) {
     return ret;
 }
 
-// Marks the frame that suffers from a gap. Is the packet the first one of its sender?
-bool CRtp2Frame::watch_sequence(const RtpHeader& header) {
-    const rtp_order_t order = m_watch.Look(header);
+// Marks the frame that suffers from a packet that isn't the next one.
+void CRtp2Frame::mark_gap(const RtpHeader& header, rtp_order_t order) {
     if (order == RTP_ORDER_JOINS) {
         m_damaged = m_damaged || (GetPacketCount() > 0 && header.timestamp == m_last_ts);
-        return true;
-    }
-    if (order == RTP_ORDER_NEXT) {
-        return false;
+        return;
     }
     bool clean = false;
     if (header.timestamp != m_last_ts) {
@@ -150,20 +148,22 @@ bool CRtp2Frame::watch_sequence(const RtpHeader& header) {
         m_watch.NotifyGap(header);
         m_damaged = true;
     }
-    return false;
 }
 
 // A packet of a stream that tells its frames itself. One that was left out is put again for the rest of its payload.
 int CRtp2Frame::put_stream(const RtpHeader& header) {
     const bool again = m_left_out && header.sequence == GetLastSeq() && header.ssrc == GetSsrc();
-    m_left_out = false;
     if (!again) {
+        if (m_left_out) {
+            drop_packets();  // the rest of that one is lost, and with it the beginning of a frame
+        }
         watch_stream(header);
         m_work.used = 0;
     }
     m_work.packet_ms = m_time.Ms();
     m_work.marker = header.marker;
     m_work.Clear();
+    m_left_out = false;
     if (!store_packet(header)) {
         return PACKET_REFUSED;
     }
@@ -204,9 +204,7 @@ uint32_t CRtp2Frame::GetFrame(unsigned char* buffer, uint32_t capacity) const {
     if (buffer == nullptr) {
         return 0;
     }
-    CByteWriter writer(buffer, capacity);
-    m_work.WriteFrame(writer);
-    const uint32_t size = writer.Ok() ? static_cast<uint32_t>(writer.Offset()) : 0;
+    const uint32_t size = m_work.WriteFrame(buffer, capacity);
     if (IsPrinted(PRINT_OUTPUT)) {
         R3Printf("Output Frame[%s]: ts[%08x] len = %d\n", enc_type_name(m_enc_type), static_cast<unsigned>(GetPts()),
                  static_cast<int>(size));

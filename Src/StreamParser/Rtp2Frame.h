@@ -90,7 +90,7 @@ public:
 private:
     int refuse_packet(const Ostra::CByteReader& packet) const;
     int put_framed(const RtpHeader& header);
-    bool watch_sequence(const RtpHeader& header);
+    void mark_gap(const RtpHeader& header, rtp_order_t order);
     int put_stream(const RtpHeader& header);
     void watch_stream(const RtpHeader& header);
     inline bool store_packet(const RtpHeader& header);

@@ -1,5 +1,7 @@
 #include "StreamParser/RtpFrameWork.h"
 
+#include <cstring>
+
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
 
@@ -20,9 +22,12 @@ bool RtpCodecConfig::Set(const unsigned char* data, size_t size) {
     if (size >= SIZE) {
         return false;
     }
-    CByteWriter writer(bytes, SIZE);
-    writer.WriteBytes(data, size);
-    len = static_cast<uint32_t>(writer.Offset());
+    if (size != len || std::memcmp(bytes, data, size) != 0) {
+        CByteWriter writer(bytes, SIZE);
+        writer.WriteBytes(data, size);
+        len = static_cast<uint32_t>(size);
+        ++changes;
+    }
     return true;
 }
 
@@ -30,15 +35,15 @@ bool RtpCodecConfig::SetH264(const RtpIov& sps, const RtpIov& pps) {
     if (uint64_t{sps.len} + pps.len + 2 * sizeof(START_CODE) >= SIZE) {
         return false;
     }
-    CByteWriter writer(bytes, SIZE);
+    unsigned char both[SIZE];
+    CByteWriter writer(both, SIZE);
     for (const RtpIov& set : {sps, pps}) {
         if (!has_start_code(CByteReader(set.data, set.len))) {
             writer.WriteBytes(START_CODE, sizeof(START_CODE));
         }
         writer.WriteBytes(set.data, set.len);
     }
-    len = static_cast<uint32_t>(writer.Offset());
-    return true;
+    return Set(both, writer.Offset());
 }
 
 void RtpFrameWork::SetConfigPrefix() {
@@ -56,11 +61,13 @@ uint32_t RtpFrameWork::FrameSize() const {
     return size;
 }
 
-void RtpFrameWork::WriteFrame(Ostra::CByteWriter& writer) const {
+uint32_t RtpFrameWork::WriteFrame(unsigned char* buffer, uint32_t capacity) const {
+    CByteWriter writer(buffer, capacity);
     const RtpPacketNode* each = nodes.Head();
     for (uint32_t i = 0; i < nodes.Count(); ++i, each = each->next) {
         each->Write(writer);
     }
+    return writer.Ok() ? static_cast<uint32_t>(writer.Offset()) : 0;
 }
 
 }  // namespace Vidora

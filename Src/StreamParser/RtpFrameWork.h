@@ -16,6 +16,7 @@ struct RtpCodecConfig {
 
     unsigned char bytes[SIZE] = {};
     uint32_t len = 0;
+    uint32_t changes = 0;  // how often other bytes were set than there were
 
     // Takes `size` bytes, fewer than SIZE. False with no change if there are more.
     bool Set(const unsigned char* data, size_t size);
@@ -63,9 +64,10 @@ struct RtpFrameWork {
     }
     // Puts the configuration in front of the frame.
     void SetConfigPrefix();
-    // The frame's bytes.
+    // The frame's bytes. The second puts them into `buffer` of `capacity` bytes and gives their size, 0 if they don't
+    // fit.
     uint32_t FrameSize() const;
-    void WriteFrame(Ostra::CByteWriter& writer) const;
+    uint32_t WriteFrame(unsigned char* buffer, uint32_t capacity) const;
     // Lets all packets go.
     void Clear() {
         nodes.Clear();

@@ -102,6 +102,15 @@ bool CRtpH264Rule::find_sps(H264Sps& sps) const {
     return found && config.Skip(scan.Offset() + 3) && h264_parse_sps(config.Rest(), config.Remaining(), sps);
 }
 
+// Keeps it in m_sps, which most key frames only repeat.
+bool CRtpH264Rule::know_sps() {
+    if (m_sps_changes != m_work.config.changes) {
+        m_sps_changes = m_work.config.changes;
+        m_has_sps = find_sps(m_sps);
+    }
+    return m_has_sps;
+}
+
 int CRtpH264Rule::Make() {
     while (RtpPacketNode* node = m_work.NextNode()) {
         const int ret = place_node(*node);
@@ -287,16 +296,15 @@ void CRtpH264Rule::take_parameter_set(const unsigned char* nal, uint32_t len) {
 // Takes the picture size and the kind of scan from the parameter set in force: when the frame brings one, and while the
 // size isn't known.
 void CRtpH264Rule::take_facts() {
-    H264Sps sps;
-    if ((m_found.sps.data == nullptr && m_work.width != 0) || !find_sps(sps)) {
+    if ((m_found.sps.data == nullptr && m_work.width != 0) || !know_sps()) {
         return;
     }
-    m_work.width = static_cast<uint16_t>(sps.width);
-    m_work.height = static_cast<uint16_t>(sps.height);  // of both fields if the pictures are fields
-    m_work.progressive = sps.frame_mbs_only ? 1 : 0;
+    m_work.width = static_cast<uint16_t>(m_sps.width);
+    m_work.height = static_cast<uint16_t>(m_sps.height);  // of both fields if the pictures are fields
+    m_work.progressive = m_sps.frame_mbs_only ? 1 : 0;
     H264Slice slice;
-    if (m_found.kind == KIND_KEY && !sps.frame_mbs_only &&
-        h264_parse_field_pic(m_found.slice.data, std::min(m_found.slice.len, SLICE_HEAD_LEN), sps, slice)) {
+    if (m_found.kind == KIND_KEY && !m_sps.frame_mbs_only &&
+        h264_parse_field_pic(m_found.slice.data, std::min(m_found.slice.len, SLICE_HEAD_LEN), m_sps, slice)) {
         m_work.progressive = slice.field_pic ? 0 : 1;
     }
 }

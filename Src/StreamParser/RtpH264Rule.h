@@ -35,6 +35,7 @@ private:
 
     bool opens_picture(int nal_type, const RtpIov& rest) const;
     bool find_sps(H264Sps& sps) const;
+    bool know_sps();
     int place_node(RtpPacketNode& node);
     int place_stap_a(RtpPacketNode& node);
     void place_fu_a(RtpPacketNode& node);
@@ -46,6 +47,10 @@ private:
 
     RtpFrameWork& m_work;
     Found m_found;
+    // The sequence parameter set of the configuration after so many changes.
+    H264Sps m_sps;
+    bool m_has_sps = false;
+    uint32_t m_sps_changes = 0;
 };
 
 }  // namespace Vidora

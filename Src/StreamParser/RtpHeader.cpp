@@ -13,16 +13,18 @@ namespace Vidora {
 //  |                     CSRC, CC words                            |
 //  |       profile (X)             |        length in words        |
 bool rtp_parse_header(const unsigned char* data, size_t len, RtpHeader& header) {
-    header = RtpHeader();
     CByteReader reader(data, len);
-    const uint8_t flags = reader.ReadU8();
-    const uint8_t type = reader.ReadU8();
-    header.sequence = reader.ReadU16();
-    header.timestamp = reader.ReadU32();
-    header.ssrc = reader.ReadU32();
+    CByteReader fixed(reader.ReadBytes(RTP_HEADER_LEN), RTP_HEADER_LEN);  // all of it is there, or nothing
     if (!reader.Ok()) {
         return false;
     }
+    const uint8_t flags = fixed.ReadU8();
+    const uint8_t type = fixed.ReadU8();
+    header.sequence = fixed.ReadU16();
+    header.timestamp = fixed.ReadU32();
+    header.ssrc = fixed.ReadU32();
+    header.payload = nullptr;
+    header.payload_len = 0;
     header.marker = (type & 0x80) != 0;
     header.payload_type = type & 0x7F;
 

@@ -22,8 +22,8 @@ struct RtpHeader {
     uint32_t payload_len = 0;
 };
 
-// Reads the header of the packet in `data`; the payload stays where it is. False if there aren't 12 bytes. The version
-// isn't looked at: devices are about that leave it 0.
+// Reads the header of the packet in `data`; the payload stays where it is. False, with `header` as it was, if there
+// aren't 12 bytes. The version isn't looked at: devices are about that leave it 0.
 bool rtp_parse_header(const unsigned char* data, size_t len, RtpHeader& header);
 
 }  // namespace Vidora

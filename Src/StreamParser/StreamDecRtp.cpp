@@ -42,21 +42,40 @@ int CStreamDecRtp::InputFrame(const Flumen::CMediaFrame& frame) {
     if (m_rtp2frame == nullptr) {
         return PARSER_NO_ENGINE;
     }
-    make_room();
-    return take_input(frame, 0);
-}
-
-void CStreamDecRtp::make_room() {
     if (m_status > FRAME_MORE) {
-        logError("frame not taken yet, take it first.  %s:%d \n", __FILE__, __LINE__);
-    }
-    while (m_status > FRAME_MORE) {
-        go_on();  // what belongs to the next frame isn't lost with the one that nobody takes
+        skip_frame();
     }
     if (m_packets.size() >= MAX_PACKETS || m_held_bytes >= MAX_BYTES) {
         logError("frame packet count exceed %d! clean to go ahead.\n", static_cast<int>(m_packets.size()));
         Clean();
     }
+    return take_input(frame, 0);
+}
+
+// Drops a frame that nobody took; what belongs to the next one isn't lost with it.
+void CStreamDecRtp::skip_frame() {
+    logError("frame not taken yet, take it first.  %s:%d \n", __FILE__, __LINE__);
+    while (m_status > FRAME_MORE) {
+        go_on();
+    }
+}
+
+inline CStreamDecRtp::Feed CStreamDecRtp::feed(const unsigned char* data, size_t len, size_t from) {
+    if (data != nullptr && len > 0 && data[0] == '$') {
+        return feed_run(data, len, from);
+    }
+    const int ret = m_rtp2frame->PutPacket(data, static_cast<int>(len));
+    return {ret, ret == FRAME_COMPLETE_NEXT ? 0 : len, m_rtp2frame->WasDropped()};
+}
+
+inline bool CStreamDecRtp::hold(const Flumen::CMediaFrame& input, size_t len) {
+    try {
+        m_packets.push_back(input);
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    m_held_bytes += len;
+    return true;
 }
 
 // Feeds an input, which may have been fed up to `from` before.
@@ -87,14 +106,6 @@ int CStreamDecRtp::take_input(const Flumen::CMediaFrame& input, size_t from) {
     return m_status > FRAME_MORE ? PARSER_FRAME_READY : PARSER_OK;
 }
 
-CStreamDecRtp::Feed CStreamDecRtp::feed(const unsigned char* data, size_t len, size_t from) {
-    if (data != nullptr && len > 0 && data[0] == '$') {
-        return feed_run(data, len, from);
-    }
-    const int ret = m_rtp2frame->PutPacket(data, static_cast<int>(len));
-    return {ret, ret == FRAME_COMPLETE_NEXT ? 0 : len, m_rtp2frame->WasDropped()};
-}
-
 // Feeds the packets of a run one by one, up to the end of a frame: behind the last packet put, or in front of it.
 CStreamDecRtp::Feed CStreamDecRtp::feed_run(const unsigned char* data, size_t len, size_t from) {
     Feed fed = {FRAME_MORE, len, false};
@@ -118,16 +129,6 @@ CStreamDecRtp::Feed CStreamDecRtp::feed_run(const unsigned char* data, size_t le
         fed.end = fed.status == FRAME_COMPLETE_NEXT ? begin : fed.status == FRAME_COMPLETE ? reader.Offset() : len;
     }
     return fed;
-}
-
-bool CStreamDecRtp::hold(const Flumen::CMediaFrame& input, size_t len) {
-    try {
-        m_packets.push_back(input);
-    } catch (const std::bad_alloc&) {
-        return false;
-    }
-    m_held_bytes += len;
-    return true;
 }
 
 void CStreamDecRtp::release() {

@@ -61,11 +61,11 @@ private:
         bool dropped;  // the packets that were held before are needed no longer
     };
 
-    void make_room();
+    void skip_frame();
     int take_input(const Flumen::CMediaFrame& input, size_t from);
-    Feed feed(const unsigned char* data, size_t len, size_t from);
+    inline Feed feed(const unsigned char* data, size_t len, size_t from);
     Feed feed_run(const unsigned char* data, size_t len, size_t from);
-    bool hold(const Flumen::CMediaFrame& input, size_t len);
+    inline bool hold(const Flumen::CMediaFrame& input, size_t len);
     void release();
     DecodedFrame describe_frame() const override;
     uint32_t read_payload(unsigned char* buffer, uint32_t capacity) override;

@@ -86,13 +86,14 @@ int Ts2Frame::put_media(const unsigned char* packet, bool last) {
     CByteReader payload(packet, TS_PACK_LEN);
     payload.Skip(static_cast<size_t>(m_demux.packet.payload_offset));
     if (m_demux.packet.unit_start) {
-        if (m_frame_len > 0 && ends_frame(payload)) {
+        const bool opens = opens_picture(payload);
+        if (m_picture != NO_START_CODE && opens) {
             if (!is_rest()) {
                 return finish_frame(FRAME_COMPLETE_NEXT);
             }
             begin_frame();
         }
-        m_in_frame = true;
+        m_in_frame = m_in_frame || opens || !m_joined;
     }
     if (!m_in_frame) {
         return FRAME_MORE;
@@ -110,12 +111,9 @@ int Ts2Frame::put_media(const unsigned char* packet, bool last) {
     return last ? finish_frame(FRAME_COMPLETE) : FRAME_MORE;
 }
 
-// Does the PES packet that opens in `payload` begin the next picture, as far as this packet shows it? One that doesn't
-// begin with a start code goes on with what the last one began, and so does one with a later slice.
-bool Ts2Frame::ends_frame(CByteReader payload) const {
-    if (m_picture == NO_START_CODE) {
-        return false;
-    }
+// Does the PES packet that begins in `payload` begin a picture, as far as this packet shows it? One that doesn't begin
+// with a start code goes on with what the last one began, and so does one with a later slice.
+bool Ts2Frame::opens_picture(CByteReader payload) const {
     payload.Skip(PES_FIXED_LEN - 1);
     payload.Skip(payload.ReadU8());
     int zeros = 0;
@@ -218,7 +216,8 @@ uint32_t Ts2Frame::skip_pes_header(const unsigned char* payload, uint32_t len) {
     }
     const uint32_t skipped = std::min(m_pes_skip, len);
     m_pes_skip -= skipped;
-    if (m_pes_skip > 0 || track_kind() != STREAM_KIND_H264) {
+    // A PES packet in the middle of a frame may go on inside a slice.
+    if (m_pes_skip > 0 || m_frame_len > 0 || track_kind() != STREAM_KIND_H264) {
         return skipped;
     }
     reader.Seek(skipped);

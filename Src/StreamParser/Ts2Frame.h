@@ -58,7 +58,7 @@ public:
 private:
     bool reserve(uint32_t len);
     int put_media(const unsigned char* packet, bool last);
-    bool ends_frame(Ostra::CByteReader payload) const;
+    bool opens_picture(Ostra::CByteReader payload) const;
     bool is_rest() const;
     int append_payload(Ostra::CByteReader payload);
     uint32_t skip_pes_header(const unsigned char* payload, uint32_t len);

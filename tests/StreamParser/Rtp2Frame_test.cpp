@@ -376,7 +376,8 @@ TEST(Rtp2Frame, TransportStreamsGiveTheFramesOfTheirFirstTrack) {
     EXPECT_EQ(-1, in.Put(MakeRtp(fields, Bytes(188, 0x48))));
 }
 
-// The owner clears at a seek, and what comes next has the number of the packet that was to be put again.
+// The owner clears at a seek. What comes next may have the number of the packet that was to be put again, or the one
+// behind it: the frame that began in that packet is lost then.
 TEST(Rtp2Frame, APacketThatWasLeftOutMayBeReplaced) {
     CFrame2Ts packer;
     packer.SetTsInfo(STREAM_KIND_H264, STREAM_KIND_AUDIO, 1);
@@ -393,6 +394,15 @@ TEST(Rtp2Frame, APacketThatWasLeftOutMayBeReplaced) {
     engine.Clear();
     EXPECT_EQ(FRAME_FAILED, engine.PutPacket(shorter.data(), static_cast<int>(shorter.size())));
     EXPECT_EQ(0u, engine.GetFrameSize());
+    engine.Clear();
+
+    EXPECT_EQ(FRAME_COMPLETE_NEXT, engine.PutPacket(packet.data(), static_cast<int>(packet.size())));
+    engine.Clear();
+    RtpFields fields;
+    fields.sequence = static_cast<uint16_t>(RtpFields().sequence + 1);
+    fields.marker = true;
+    const Bytes later = MakeRtp(fields, Pack(packer, FromHex("000000014160bb"), ENC_TYPE_H264, 2).back());
+    EXPECT_EQ(FRAME_MORE, engine.PutPacket(later.data(), static_cast<int>(later.size())));
 }
 
 // As others send it: seven packets each, whatever frames they belong to, time stamps that change inside frames, and no

@@ -233,6 +233,7 @@ TEST(Ts2Frame, TablesOfOthersAreRead) {
         Bytes pat, pmt;
         int tracks;
         int result;  // of a slice on PID 0x111 put as the last of its frame
+        Bytes media = SLICE;
     };
     const auto pmt = [](const char* hex) { return ts_packet(0x20, true, FromHex(hex)); };
     const Row rows[] = {
@@ -252,14 +253,15 @@ TEST(Ts2Frame, TablesOfOthersAreRead) {
          pmt("00 02b017 0001 c1 0000 e111 f005 0500000000 1b e111 f000 00000000"), 2, 0},
         {"one track of another kind", PAT, pmt("00 02b012 0001 c1 0000 e111 f000 06 e111 f000 00000000"), 1, -1},
         {"MPEG-4", PAT, pmt("00 02b012 0001 c1 0000 e111 f000 10 e111 f000 00000000"), 1, 1},
-        {"MPEG-2", PAT, pmt("00 02b012 0001 c1 0000 e111 f000 02 e111 f000 00000000"), 1, 1},
+        {"MPEG-2", PAT, pmt("00 02b012 0001 c1 0000 e111 f000 02 e111 f000 00000000"), 1, 1,
+         FromHex("000001e0 0000 800000 00000100000f")},
     };
     for (const Row& row : rows) {
         SCOPED_TRACE(row.name);
         CLogCapture log;
         Demuxer demuxer({row.pat, row.pmt});
         EXPECT_EQ(row.tracks, demuxer.in.GetTable().track_count);
-        EXPECT_EQ(row.result, demuxer.Put(ts_packet(0x111, true, SLICE), true));
+        EXPECT_EQ(row.result, demuxer.Put(ts_packet(0x111, true, row.media), true));
         EXPECT_EQ(row.result < 0, log.Count(", unsupported encode type, 5.\n"));
         EXPECT_EQ(row.result < 0, log.Count(" _ts_stream.dec ret:-1 \n"));
         // A good program after it is read as ever.
@@ -373,6 +375,8 @@ TEST(Ts2Frame, PicturesEndWhereTheNextOneBegins) {
          480},
         {"slices in PES packets of their own", "1b", {p, p2, p2, p, p2, p}, {p + p2 + p2, p + p2}, "PP", 0},
         {"a PES packet that goes on inside a slice", "1b", {p, "aabbccdd", p, p}, {p + "aabbccdd", p}, "PP", 0},
+        {"and ends it in front of a later one", "1b", {p, "aabb" + p2, p}, {p + "aabb" + p2}, "P", 0},
+        {"joined inside a slice", "1b", {"aabb", "aabb" + p2, p, p}, {p}, "P", 0},
         {"joined inside a picture", "1b", {p2, p2, p, p2, p}, {p + p2}, "P", 0},
         {"MPEG-4",
          "10",
@@ -387,6 +391,12 @@ TEST(Ts2Frame, PicturesEndWhereTheNextOneBegins) {
          {sequence + "00000100000fffff00000101aa", "000001000017ffff00000101bb00000102cc", "00000100001fffff"},
          "IPB",
          720},
+        {"MPEG-2 joined inside a picture",
+         "02",
+         {"00000102cc", "000001000017ffff", "00000100"},
+         {"000001000017ffff"},
+         "P",
+         0},
     };
     for (const auto& row : rows) {
         SCOPED_TRACE(row.name);
