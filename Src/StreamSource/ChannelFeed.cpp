@@ -12,8 +12,6 @@ namespace Vidora {
 
 namespace {
 
-const uint64_t NOT_GIVEN = ~uint64_t{0};
-
 // RFC 4566 5.3: the session's name stands behind the origin, which has the time of the making.
 const char* behind_origin(const CSdpParser& sdp) {
     const char* name = std::strstr(sdp.get_stream(), "\r\ns=");
@@ -176,7 +174,7 @@ CChannelFeed::Step CChannelFeed::next_step_locked() {
 void CChannelFeed::do_step(CDataSource& source, const Step& step) {
     switch (step.kind) {
         case STEP_PLAY:
-            source.Play(NOT_GIVEN, NOT_GIVEN, 1.0F, false);
+            source.Play(TIME_NOT_GIVEN, TIME_NOT_GIVEN, 1.0F, false);
             break;
         case STEP_DESCRIBE:
             describe(source);

@@ -116,11 +116,7 @@ void CKXDataReceiver::on_first_info() {
         return;
     }
     if (is_seekable()) {
-        m_file_length_us = length_us;
-        m_file_begin_time = begin;
-        m_file_end_time = end;
-        m_start_time = begin;
-        m_end_time = end;
+        m_window.Open(begin, end, length_us);
     }
     read_video_format_locked();
     read_audio_format_locked();

@@ -7,6 +7,7 @@
 
 #include "StreamParser/StreamParser.h"
 #include "StreamSource/BufferTable.h"
+#include "StreamSource/PlayWindow.h"
 #include "StreamSource/SrcInfoTable.h"
 #include "StreamSource/UseCount.h"
 #include "Vidora/Flumen/MediaFrame.h"
@@ -62,8 +63,8 @@ public:
     int Init(const char* content, long notify_id, int ext);
 
     // See CDataSource::Play. Live kinds: 0 with nothing done.
-    int Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale);
-    int Play(const UtcTime& start, const UtcTime& end, float speed, bool is_scale);
+    int Play(uint64_t start_us, uint64_t end_us, float speed);
+    int Play(const UtcTime& start, const UtcTime& end, float speed);
     int Pause();
     // Counts a client of that packet form and buffer in, and starts or resumes the source. `cseq` goes into the replay
     // extension. A client for which the source doesn't start isn't counted.
@@ -114,10 +115,8 @@ private:
     bool video_changed_locked() VIDORA_REQUIRES(m_mutex);
 
     // Starting, stopping and the play window (KXDataReceiverPlay.cpp).
-    int set_play(const CTime& start, const CTime& end, float speed, bool is_scale);
-    int set_reverse_window(const CTime& start, const CTime& end, const CTime& now);
-    int set_forward_window(const CTime& start, const CTime& end, const CTime& now);
-    bool window_is_inside_locked() VIDORA_REQUIRES(m_mutex);
+    int set_play(const CTime& start, const CTime& end, float speed);
+    bool seek(const CTime& start, const CTime& end, bool backwards);
     int check_seekable() const;
     bool has_range() const;
     int start_source();
@@ -128,7 +127,7 @@ private:
     void frame_proc(const Flumen::CMediaFrame& frame);
     void take_frame(const Flumen::CMediaFrame& frame);
     bool is_at_end_locked() VIDORA_REQUIRES(m_mutex);
-    bool is_outside_file_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
+    bool is_outside_window_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
     int check_format_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
     int put_frame_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
     int find_track_locked(int type) VIDORA_REQUIRES(m_mutex);
@@ -155,15 +154,7 @@ private:
     bool m_info_early VIDORA_GUARDED_BY(m_mutex) = false;  // MSG_STREAM_INFO came before
     bool m_info_ready VIDORA_GUARDED_BY(m_mutex) = false;  // the format was read after MSG_STREAM_INFO
 
-    // The play window of a file.
-    uint64_t m_file_length_us VIDORA_GUARDED_BY(m_mutex) = 0;
-    float m_speed VIDORA_GUARDED_BY(m_mutex) = 1.0F;
-    bool m_is_scale VIDORA_GUARDED_BY(m_mutex) = false;
-    CTime m_file_begin_time VIDORA_GUARDED_BY(m_mutex);
-    CTime m_file_end_time VIDORA_GUARDED_BY(m_mutex);
-    CTime m_start_time VIDORA_GUARDED_BY(m_mutex);
-    CTime m_end_time VIDORA_GUARDED_BY(m_mutex);
-
+    CPlayWindow m_window VIDORA_GUARDED_BY(m_mutex);  // of a file or token
     CBufferTable m_buffers VIDORA_GUARDED_BY(m_mutex);
     bool m_started VIDORA_GUARDED_BY(m_mutex) = false;  // Start of the source runs, or has succeeded
     bool m_paused VIDORA_GUARDED_BY(m_mutex) = false;   // the client counts stay as they are when streaming resumes

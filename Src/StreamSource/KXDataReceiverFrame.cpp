@@ -91,7 +91,7 @@ void CKXDataReceiver::take_frame(const Flumen::CMediaFrame& frame) {
             Notify(m_notify_id, MSG_SRC_END, 0);
             return;
         }
-        if (is_outside_file_locked(frame)) {
+        if (is_outside_window_locked(frame)) {
             logWarn("%s:%d out of file range.\n", __FILE__, __LINE__);
             return;
         }
@@ -106,11 +106,9 @@ bool CKXDataReceiver::is_at_end_locked() {
     return m_packet_state == 1;
 }
 
-bool CKXDataReceiver::is_outside_file_locked(const Flumen::CMediaFrame& frame) {
+bool CKXDataReceiver::is_outside_window_locked(const Flumen::CMediaFrame& frame) {
     const double utc = frame.getUtc();
-    const CTime time(utc > 0.0 ? static_cast<uint64_t>(utc) : 0);
-    return time > m_end_time || (m_speed > 0.0F && time >= m_file_end_time) || time < m_start_time ||
-           (m_speed < 0.0F && time <= m_file_begin_time);
+    return m_window.Excludes(CTime(utc > 0.0 ? static_cast<uint64_t>(utc) : 0));
 }
 
 int CKXDataReceiver::put_frame_locked(const Flumen::CMediaFrame& frame) {

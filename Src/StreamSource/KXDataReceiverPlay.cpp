@@ -6,9 +6,6 @@ namespace Vidora {
 
 namespace {
 
-const uint64_t NOT_GIVEN_US = ~uint64_t{0};
-const uint64_t US_PER_SECOND = 1000000;
-
 CTime to_time(const UtcTime& utc) {
     return utc.year == 0 ? CTime() : CTime(utc.year, utc.month, utc.day, utc.hour, utc.minute, utc.second);
 }
@@ -19,34 +16,26 @@ UtcTime to_utc(const CTime& time) {
     return utc;
 }
 
-bool is_given(const CTime& time) {
-    return time.makeTime() > 0;
-}
-
 }  // namespace
 
-int CKXDataReceiver::Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale) {
+int CKXDataReceiver::Play(uint64_t start_us, uint64_t end_us, float speed) {
     if (!is_seekable()) {
         return check_seekable();
     }
     CGuard start_guard(m_start_mutex);
-    CTime begin;
-    {
-        CGuard guard(m_mutex);
-        begin = m_file_begin_time;
-    }
-    // Whole seconds: the source seeks by CTime.
-    const CTime start = start_us == NOT_GIVEN_US ? CTime() : begin + static_cast<int64_t>(start_us / US_PER_SECOND);
-    const CTime end = end_us == NOT_GIVEN_US ? CTime() : begin + static_cast<int64_t>(end_us / US_PER_SECOND);
-    return set_play(start, end, speed, is_scale);
+    CGuard guard(m_mutex);
+    const CTime start = m_window.At(start_us);
+    const CTime end = m_window.At(end_us);
+    guard.Leave();
+    return set_play(start, end, speed);
 }
 
-int CKXDataReceiver::Play(const UtcTime& start, const UtcTime& end, float speed, bool is_scale) {
+int CKXDataReceiver::Play(const UtcTime& start, const UtcTime& end, float speed) {
     if (!is_seekable()) {
         return check_seekable();
     }
     CGuard start_guard(m_start_mutex);
-    return set_play(to_time(start), to_time(end), speed, is_scale);
+    return set_play(to_time(start), to_time(end), speed);
 }
 
 // A live kind has nothing to set and plays; any other that isn't seekable can't.
@@ -62,19 +51,12 @@ int CKXDataReceiver::check_seekable() const {
     }
 }
 
-int CKXDataReceiver::set_play(const CTime& start, const CTime& end, float speed, bool is_scale) {
+int CKXDataReceiver::set_play(const CTime& start, const CTime& end, float speed) {
     if (speed == 0.0F) {
         logError("%s:%d speed == 0.0\n", __FILE__, __LINE__);
         return -1;
     }
-    CTime now;
-    if (!m_stream_source->GetTime(now)) {
-        logError("%s:%d getTime fail\n", __FILE__, __LINE__);
-        return -1;
-    }
-    const int result = speed < 0.0F ? set_reverse_window(start, end, now) : set_forward_window(start, end, now);
-    if (result < 0) {
-        logError("%s:%d seekByTime fail\n", __FILE__, __LINE__);
+    if (!seek(start, end, speed < 0.0F)) {
         return -1;
     }
     if (!m_stream_source->SetSpeed(speed)) {
@@ -83,65 +65,39 @@ int CKXDataReceiver::set_play(const CTime& start, const CTime& end, float speed,
     }
     CGuard guard(m_mutex);
     // The seek has happened by now, and stays.
-    if (!window_is_inside_locked()) {
+    if (!m_window.IsValid()) {
         logError("%s:%d  out of file range\n", __FILE__, __LINE__);
         return -1;
     }
-    const CTime window_start = m_start_time;
-    const CTime window_end = m_end_time;
+    const CPlayWindow window = m_window;
     guard.Leave();
-    if (m_src_type == SRC_TYPE_TOKEN && !m_stream_source->Limit(window_start, window_end)) {
+    if (m_src_type == SRC_TYPE_TOKEN && !m_stream_source->Limit(window.GetStart(), window.GetEnd())) {
         logError("%s:%d Limit Fail\n", __FILE__, __LINE__);
     }
     CGuard store_guard(m_mutex);
-    m_speed = speed;
-    m_is_scale = is_scale;
+    m_window.SetSpeed(speed);
     return 0;
 }
 
-// Backwards the end is where playing begins. Without one it goes on from the present position, with no seek. After a
-// seek that failed the other bound is as it was, here and forwards.
-int CKXDataReceiver::set_reverse_window(const CTime& start, const CTime& end, const CTime& now) {
-    CTime seek_to;
-    {
-        CGuard guard(m_mutex);
-        m_end_time = !is_given(end) ? now : end < m_file_end_time ? end : m_file_end_time;
-        seek_to = m_end_time;
+// Sets the window and seeks to where it begins; without a time for that playing goes on from the present position.
+// After a seek that failed the bound at which playing ends is as it was.
+bool CKXDataReceiver::seek(const CTime& start, const CTime& end, bool backwards) {
+    CTime now;
+    if (!m_stream_source->GetTime(now)) {
+        logError("%s:%d getTime fail\n", __FILE__, __LINE__);
+        return false;
     }
-    if (is_given(end) && !m_stream_source->SeekByTime(seek_to)) {
-        return -1;
-    }
+    const CTime& first = backwards ? end : start;
     CGuard guard(m_mutex);
-    m_start_time = is_given(start) && start >= m_file_begin_time ? start : m_file_begin_time;
-    return 0;
-}
-
-int CKXDataReceiver::set_forward_window(const CTime& start, const CTime& end, const CTime& now) {
-    CTime seek_to;
-    {
-        CGuard guard(m_mutex);
-        m_start_time = !is_given(start) ? now : start > m_file_begin_time ? start : m_file_begin_time;
-        seek_to = m_start_time;
+    const CTime seek_to = m_window.SetFirst(backwards, first, now);
+    guard.Leave();
+    if (first != CTime() && !m_stream_source->SeekByTime(seek_to)) {
+        logError("%s:%d seekByTime fail\n", __FILE__, __LINE__);
+        return false;
     }
-    if (is_given(start) && !m_stream_source->SeekByTime(seek_to)) {
-        return -1;
-    }
-    CGuard guard(m_mutex);
-    m_end_time = is_given(end) && end <= m_file_end_time ? end : m_file_end_time;
-    return 0;
-}
-
-bool CKXDataReceiver::window_is_inside_locked() {
-    char texts[4][32] = {};
-    if (Ostra::GetLogLevel() >= Ostra::LOG_LEVEL_TRACE) {
-        const CTime* times[4] = {&m_start_time, &m_file_begin_time, &m_end_time, &m_file_end_time};
-        for (int i = 0; i < 4; ++i) {
-            times[i]->format(texts[i], "%Y-%m-%d %H:%M:%S", sizeof(texts[i]));
-        }
-    }
-    logTrace("%s:%d,m_start_time %s,m_file_begin_time %s,m_end_time %s,m_file_end_time %s\n", __FILE__, __LINE__,
-             texts[0], texts[1], texts[2], texts[3]);
-    return m_start_time <= m_end_time && m_start_time >= m_file_begin_time && m_end_time <= m_file_end_time;
+    CGuard last_guard(m_mutex);
+    m_window.SetLast(backwards, backwards ? start : end);
+    return true;
 }
 
 int CKXDataReceiver::Pause() {
@@ -267,7 +223,7 @@ int CKXDataReceiver::GetFileRange(uint64_t& length_us) {
         return -1;
     }
     CGuard guard(m_mutex);
-    length_us = m_file_length_us;
+    length_us = m_window.GetLength();
     return 0;
 }
 
@@ -276,8 +232,8 @@ int CKXDataReceiver::GetFileRange(UtcTime& begin, UtcTime& end) {
         return -1;
     }
     CGuard guard(m_mutex);
-    begin = to_utc(m_file_begin_time);
-    end = to_utc(m_file_end_time);
+    begin = to_utc(m_window.GetFileBegin());
+    end = to_utc(m_window.GetFileEnd());
     return 0;
 }
 
@@ -286,8 +242,8 @@ int CKXDataReceiver::GetPlayRange(uint64_t& start_us, uint64_t& end_us) {
         return -1;
     }
     CGuard guard(m_mutex);
-    start_us = static_cast<uint64_t>(m_start_time - m_file_begin_time) * US_PER_SECOND;
-    end_us = static_cast<uint64_t>(m_end_time - m_file_begin_time) * US_PER_SECOND;
+    start_us = m_window.GetStartOffset();
+    end_us = m_window.GetEndOffset();
     return 0;
 }
 
@@ -296,8 +252,8 @@ int CKXDataReceiver::GetPlayRange(UtcTime& start, UtcTime& end) {
         return -1;
     }
     CGuard guard(m_mutex);
-    start = to_utc(m_start_time);
-    end = to_utc(m_end_time);
+    start = to_utc(m_window.GetStart());
+    end = to_utc(m_window.GetEnd());
     return 0;
 }
 

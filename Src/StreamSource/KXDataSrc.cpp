@@ -144,9 +144,9 @@ bool CKXDataSrc::build_description() {
     return true;
 }
 
-int CKXDataSrc::Play(const UtcTime& start, const UtcTime& end, float speed, bool is_scale) {
+int CKXDataSrc::Play(const UtcTime& start, const UtcTime& end, float speed, bool) {
     const CKXDataReceiver::CUse use = enter();
-    if (!use || use->Play(start, end, speed, is_scale) < 0) {
+    if (!use || use->Play(start, end, speed) < 0) {
         notify_all(MSG_SRC_FAIL);
         // The text begins with a "d" where a year is meant; readers of the log know it so.
         logError(
@@ -160,9 +160,9 @@ int CKXDataSrc::Play(const UtcTime& start, const UtcTime& end, float speed, bool
     return 0;
 }
 
-int CKXDataSrc::Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale) {
+int CKXDataSrc::Play(uint64_t start_us, uint64_t end_us, float speed, bool) {
     const CKXDataReceiver::CUse use = enter();
-    if (!use || use->Play(start_us, end_us, speed, is_scale) < 0) {
+    if (!use || use->Play(start_us, end_us, speed) < 0) {
         notify_all(MSG_SRC_FAIL);
         logError("%s:%d CKXDataSrc::Play fail, start_time_us:%lld end_time_us:%lld speed:%lf\n", __FILE__, __LINE__,
                  static_cast<long long>(start_us), static_cast<long long>(end_us), static_cast<double>(speed));

@@ -9,8 +9,6 @@ namespace Vidora {
 
 namespace {
 
-const uint64_t NOT_GIVEN = ~uint64_t{0};
-
 void leave_notify_list(const std::shared_ptr<CSourceGate>& gate, long id) {
     const CSourceGate::CCall call(gate);
     if (call) {
@@ -317,7 +315,7 @@ unsigned int CLiveChannel::GetSSRC(int track_id) {
 
 int CLiveChannel::GetPlayRange(uint64_t& start, uint64_t& end) {
     start = 0;
-    end = NOT_GIVEN;
+    end = TIME_NOT_GIVEN;
     return 0;
 }
 

@@ -11,12 +11,11 @@ namespace Vidora {
 
 namespace {
 
-const uint64_t NOT_GIVEN = ~uint64_t{0};
 const double US_PER_SECOND = 1000000.0;
 const int OCTETS_PER_PACKET = 1440;  // as SrcInfo counts
 
 float to_seconds(uint64_t time_us) {
-    return time_us == NOT_GIVEN ? -1.0F : static_cast<float>(static_cast<double>(time_us) / US_PER_SECOND);
+    return time_us == TIME_NOT_GIVEN ? -1.0F : static_cast<float>(static_cast<double>(time_us) / US_PER_SECOND);
 }
 
 }  // namespace
@@ -204,7 +203,7 @@ int CRtspProxySrc::GetPlayRange(uint64_t& start_us, uint64_t& end_us) {
     }
     const client_play_range range = m_client->Conversation().View().Range();
     start_us = range.begin >= 0 ? static_cast<uint64_t>(range.begin * US_PER_SECOND) : 0;
-    end_us = range.end > 0 ? static_cast<uint64_t>(range.end * US_PER_SECOND) : NOT_GIVEN;
+    end_us = range.end > 0 ? static_cast<uint64_t>(range.end * US_PER_SECOND) : TIME_NOT_GIVEN;
     return 0;
 }
 

@@ -15,6 +15,9 @@ class CRtspSvrConfig;
 class CSdpParser;
 class CSourceGate;
 
+// In the place of a time in microseconds that isn't given, or of an end that isn't known.
+constexpr uint64_t TIME_NOT_GIVEN = ~uint64_t{0};
+
 // CDataSource: what a channel or a session holds of a stream: it describes itself in SDP, starts and stops, and fills
 // media buffers.
 //
@@ -50,7 +53,7 @@ public:
     // MSG_PLAY_READY follows, or MSG_SRC_FAIL. `is_scale`: the rate came from a Scale header (RFC 2326 12.34) and not
     // from Speed (12.35).
     virtual int Play(const UtcTime& start, const UtcTime& end, float speed, bool is_scale) = 0;
-    // The same in microseconds from the start of the file; all ones means not given.
+    // The same in microseconds from the start of the file, or TIME_NOT_GIVEN.
     virtual int Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale) = 0;
     // Pauses, upon which MSG_SRC_PAUSED follows. -1 for a source that can't, such as a live one.
     virtual int Pause() = 0;

@@ -27,7 +27,6 @@ using Support::FrameSpec;
 using Support::H264Picture;
 using Support::WaitUntil;
 
-const uint64_t NOT_GIVEN = ~uint64_t{0};
 const packet_type_t ALL_TYPES[] = {PACKET_TYPE_RTP, PACKET_TYPE_KX, PACKET_TYPE_TS};
 
 // Keeps a copy of what a buffer gives.
@@ -302,12 +301,12 @@ TEST_F(KXDataTest, FilePlaysInsideItsWindow) {
     EXPECT_EQ(0, Host().CountCalls("Stop"));  // a file is only paused
     // Backwards without an end: from where it stands, no seek.
     const size_t calls = Host().Calls().size();
-    EXPECT_EQ(0, m_source->Play(NOT_GIVEN, NOT_GIVEN, -1.0F, true));
+    EXPECT_EQ(0, m_source->Play(TIME_NOT_GIVEN, TIME_NOT_GIVEN, -1.0F, true));
     EXPECT_EQ(calls + 1, Host().Calls().size());
     EXPECT_EQ("SetSpeed -1.000000", Host().Calls().back());
-    EXPECT_EQ(-1, m_source->Play(NOT_GIVEN, NOT_GIVEN, 0.0F, false));
-    EXPECT_EQ(-1, m_source->Play(uint64_t{20000000}, NOT_GIVEN, 1.0F, false));  // behind the end
-    ASSERT_EQ(0, m_source->Play(uint64_t{0}, NOT_GIVEN, 1.0F, false));
+    EXPECT_EQ(-1, m_source->Play(TIME_NOT_GIVEN, TIME_NOT_GIVEN, 0.0F, false));
+    EXPECT_EQ(-1, m_source->Play(uint64_t{20000000}, TIME_NOT_GIVEN, 1.0F, false));  // behind the end
+    ASSERT_EQ(0, m_source->Play(uint64_t{0}, TIME_NOT_GIVEN, 1.0F, false));
     ASSERT_EQ(0, Start(PACKET_TYPE_KX));
     m_sink[PACKET_TYPE_KX].m_items.clear();
     Host().SetPacketState(1);
@@ -359,7 +358,7 @@ TEST_F(KXDataTest, SourceThatFailsAtAnyStepIsReported) {
     Open(settings);
     EXPECT_EQ(-1, m_init_result);
     EXPECT_EQ(-1, Start(PACKET_TYPE_RTP));
-    EXPECT_EQ(-1, m_source->Play(NOT_GIVEN, NOT_GIVEN, 1.0F, false));
+    EXPECT_EQ(-1, m_source->Play(TIME_NOT_GIVEN, TIME_NOT_GIVEN, 1.0F, false));
     EXPECT_TRUE(WaitFor(MSG_SRC_FAIL));
 }
 
@@ -368,7 +367,7 @@ TEST_F(KXDataTest, ParameterSetsWithoutStartCodeFailTheSource) {
     settings.specific_info = "no start code";
     Open(settings);
     EXPECT_TRUE(WaitFor(MSG_SRC_FAIL));
-    EXPECT_EQ(0, m_source->Play(NOT_GIVEN, NOT_GIVEN, 1.0F, false));  // nothing to do for a live source
+    EXPECT_EQ(0, m_source->Play(TIME_NOT_GIVEN, TIME_NOT_GIVEN, 1.0F, false));  // nothing to do for a live source
     EXPECT_EQ(-1, m_source->Pause());
 }
 
