@@ -16,16 +16,28 @@ class Player:
     """rtspsrc with its streams decoded; counts what comes out and keeps the errors."""
 
     def __init__(self, url, protocols, extra=""):
-        branches = "".join(
-            f" src. ! application/x-rtp,media={kind} ! decodebin ! {kind}convert ! "
-            f"fakesink name={kind} sync=false async=false signal-handoffs=true" for kind in ("video", "audio"))
-        self.pipeline = Gst.parse_launch(
-            f'rtspsrc name=src location="{url}" protocols={protocols} latency=100 {extra}{branches}')
+        source = Gst.parse_launch(f'rtspsrc name=src location="{url}" protocols={protocols} latency=100 {extra}')
+        self.pipeline = Gst.Pipeline.new(None)
+        self.pipeline.add(source)
+        self.branches = {}
+        for kind in ("video", "audio"):
+            branch = Gst.parse_bin_from_description(
+                f"decodebin name=entry ! {kind}convert ! "
+                f"fakesink name={kind} sync=false async=false signal-handoffs=true", False)
+            branch.add_pad(Gst.GhostPad.new("sink", branch.get_by_name("entry").get_static_pad("sink")))
+            self.pipeline.add(branch)
+            self.branches[kind] = branch
+        source.connect("pad-added", self.link)
         self.times = {"video": [], "audio": []}
         for kind, times in self.times.items():
             sink = self.pipeline.get_by_name(kind)
             sink.connect("handoff", lambda _sink, buffer, _pad, times=times: times.append(buffer.pts))
         self.bus = self.pipeline.get_bus()
+
+    def link(self, _source, pad):
+        """Each stream has its branch: links by a description's words, made for two pads at once, at times lose one."""
+        kind = (pad.get_current_caps() or pad.query_caps()).get_structure(0).get_string("media")
+        pad.link(self.branches[kind].get_static_pad("sink"))
 
     def __enter__(self):
         self.set_state(Gst.State.PLAYING)
