@@ -37,16 +37,16 @@ int CChannelRoute::SetUp(const CTrack& track, int /*channel*/, transport_info& t
     return 0;
 }
 
-// The registry counts sinks alone.
-int CChannelRoute::EnterLive(const LivePlace& place) {
-    logInfo("%s:%d, start streaming now. m_packet_type=%d. this=%p. \n", __FILE__, __LINE__, place.type,
+// PLAY is answered also where the source can't start.
+int CChannelRoute::EnterLive(CLiveChannel& channel, packet_type_t type) {
+    logInfo("%s:%d, start streaming now. m_packet_type=%d. this=%p. \n", __FILE__, __LINE__, type,
             static_cast<void*>(this));
-    place.channel->StartStreaming(place.type);
+    channel.StartStreaming(type);
     return 0;
 }
 
-void CChannelRoute::LeaveLive(const LivePlace& place) {
-    place.channel->StopStreaming(place.type);
+void CChannelRoute::LeaveLive(CLiveChannel& channel, packet_type_t type) {
+    channel.StopStreaming(type);
 }
 
 silence_rule_t CChannelRoute::Watch(long /*handler_id*/, int /*timeout_s*/) {

@@ -3,8 +3,10 @@
 #include <new>
 
 #include "TrackTable.h"
+#include "Tramel/Interleave.h"
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/SockStream.h"
+#include "Vidora/LiveChannel.h"
 #include "Vidora/Ostra/ByteWriter.h"
 #include "Vidora/RtspSvrConfig.h"
 #include "Vidora/Tramel/MediaBuffer.h"
@@ -13,7 +15,6 @@ namespace Kavio {
 namespace Vidora {
 
 namespace {
-const size_t INTERLEAVE_HEADER_SIZE = 4;
 const size_t MAX_REPORT_SIZE = 2048;
 }  // namespace
 
@@ -57,6 +58,14 @@ void CInterleavedRoute::Switch(const CTrack& track, bool on) {
     on ? m_sender->SetSendChannel(track.send_channel) : m_sender->DisableSendChannel(track.send_channel);
 }
 
+int CInterleavedRoute::EnterLive(CLiveChannel& channel, packet_type_t type) {
+    return channel.Enter(m_sender, type);
+}
+
+void CInterleavedRoute::LeaveLive(CLiveChannel& channel, packet_type_t type) {
+    channel.Leave(m_sender, type);
+}
+
 void CInterleavedRoute::EnterBuffer(CMediaBuffer& buffer) {
     buffer.AddSender(m_sender);
 }
@@ -71,16 +80,16 @@ silence_rule_t CInterleavedRoute::Watch(long /*handler_id*/, int /*timeout_s*/) 
 }
 
 int CInterleavedRoute::SendReport(const unsigned char* report, unsigned int length, int channel) {
-    unsigned char frame[INTERLEAVE_HEADER_SIZE + MAX_REPORT_SIZE];
+    unsigned char frame[Tramel::INTERLEAVE_HEADER_SIZE + MAX_REPORT_SIZE];
     CByteWriter writer(frame, sizeof(frame));
-    writer.WriteU8('$');
+    writer.WriteU8(Tramel::INTERLEAVE_MARK);
     writer.WriteU8(static_cast<uint8_t>(channel));
     writer.WriteU16(static_cast<uint16_t>(length));
     writer.WriteBytes(report, length);
     if (!writer.Ok()) {
         return -1;
     }
-    m_sender->SendOtherData(reinterpret_cast<char*>(frame), static_cast<int>(INTERLEAVE_HEADER_SIZE + length));
+    m_sender->SendOtherData(reinterpret_cast<char*>(frame), static_cast<int>(Tramel::INTERLEAVE_HEADER_SIZE + length));
     return 0;
 }
 

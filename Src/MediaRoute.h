@@ -11,16 +11,7 @@ namespace Kavio {
 namespace Vidora {
 
 class CLiveChannel;
-class CLiveSvr;
 struct CTrack;
-
-// A live channel as a route enters it, and leaves it again.
-struct LivePlace {
-    CLiveSvr* registry;
-    const char* name;
-    CLiveChannel* channel;  // a reference on it is held
-    packet_type_t type;
-};
 
 // Which silence ends a session.
 enum silence_rule_t {
@@ -49,9 +40,9 @@ public:
     // Lets the packets of a track that was set up pass, or not.
     virtual void Switch(const CTrack& track, bool on) = 0;
 
-    // Stands in a live channel, which is started for it; and no longer. 0 or -1.
-    virtual int EnterLive(const LivePlace& place) = 0;
-    virtual void LeaveLive(const LivePlace& place) = 0;
+    // Stands in a live channel, which a reference is held on, and which is started for it; and no longer. 0 or -1.
+    virtual int EnterLive(CLiveChannel& channel, packet_type_t type) = 0;
+    virtual void LeaveLive(CLiveChannel& channel, packet_type_t type) = 0;
     // The same for the buffer of a session's own source, which somebody else starts.
     virtual void EnterBuffer(CMediaBuffer& buffer) = 0;
     virtual void LeaveBuffer(CMediaBuffer& buffer) = 0;
@@ -67,12 +58,6 @@ public:
 
 // Channels that a route can carry: those of eight tracks.
 const int MAX_ROUTE_CHANNEL = 15;
-
-// Enter and leave `place` with a sink of either kind, for routes that have one.
-int EnterLiveWith(const LivePlace& place, CMediaStreamSender* sink);
-int EnterLiveWith(const LivePlace& place, CLevel2Buffer_IF* sink);
-void LeaveLiveWith(const LivePlace& place, CMediaStreamSender* sink);
-void LeaveLiveWith(const LivePlace& place, CLevel2Buffer_IF* sink);
 
 }  // namespace Vidora
 }  // namespace Kavio

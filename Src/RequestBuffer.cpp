@@ -5,6 +5,7 @@
 
 #include "Ostra/PageMemory.h"
 #include "SvrConversation.h"
+#include "Tramel/Interleave.h"
 #include "Vidora/Ostra/ByteReader.h"
 
 namespace Kavio {
@@ -12,7 +13,6 @@ namespace Vidora {
 
 namespace {
 const size_t PAGE = 4096;
-const int INTERLEAVE_HEADER_SIZE = 4;
 const int MIN_INTERLEAVED_FRAME = 5;
 }  // namespace
 
@@ -33,7 +33,7 @@ int CRequestBuffer::Take(int count, CSvrConversation& conversation) {
     const char* cursor = m_bytes;
     bool had_messages = false;
     while (m_length != 0) {
-        const bool is_frame = *cursor == '$';
+        const bool is_frame = *cursor == Tramel::INTERLEAVE_MARK;
         const int taken = is_frame ? take_frame(cursor, conversation) : conversation.TakeMessage(cursor, m_length);
         if (taken < 0) {
             return -1;
@@ -86,7 +86,7 @@ int CRequestBuffer::take_frame(const char* cursor, CSvrConversation& conversatio
         return 0;
     }
     conversation.TakeReport(data, length, channel);
-    return static_cast<int>(length) + INTERLEAVE_HEADER_SIZE;
+    return static_cast<int>(length + Tramel::INTERLEAVE_HEADER_SIZE);
 }
 
 }  // namespace Vidora

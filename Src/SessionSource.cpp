@@ -42,17 +42,12 @@ int CSessionSource::OpenLive(const char* content, int proto, long user) {
     m_is_live = true;
     m_wants_assist = proto == STREAM_PROTO_KAVIO;
     m_channel = m_live_svr->GetLiveChannel(content, user);
-    try {
-        m_name = content;
-    } catch (const std::bad_alloc&) {
-        return -1;
-    }
-    return read_channel_name();
+    return read_channel_name(content);
 }
 
 // A live channel's name must hold both words; the numbers serve the event of lost packets.
-int CSessionSource::read_channel_name() {
-    CStrParser name(m_name.data(), static_cast<unsigned int>(m_name.size()));
+int CSessionSource::read_channel_name(const char* text) {
+    CStrParser name(text, static_cast<unsigned int>(strlen(text)));
     bool found = false;
     if (!read_number(name, "channel=", &m_channel_number, &found)) {
         if (found) {
@@ -164,7 +159,7 @@ int CSessionSource::Enter(IMediaRoute& route, packet_type_t type) {
     enable_assist();
     if (!m_is_live) {
         route.EnterBuffer(*m_buffer);
-    } else if (route.EnterLive(place(type)) < 0) {
+    } else if (route.EnterLive(*m_channel, type) < 0) {
         return -1;
     }
     m_route = &route;
@@ -189,14 +184,10 @@ void CSessionSource::Leave() {
     IMediaRoute& route = *m_route;
     m_route = nullptr;
     if (m_channel != nullptr) {
-        route.LeaveLive(place(m_route_type));
+        route.LeaveLive(*m_channel, m_route_type);
     } else if (m_buffer != nullptr) {
         route.LeaveBuffer(*m_buffer);
     }
-}
-
-LivePlace CSessionSource::place(packet_type_t type) const {
-    return {m_live_svr.get(), m_name.c_str(), m_channel, type};
 }
 
 void CSessionSource::enable_assist() {

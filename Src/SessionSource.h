@@ -2,7 +2,6 @@
 #define VIDORA_SESSIONSOURCE_H
 
 #include <memory>
-#include <string>
 
 #include "MediaRoute.h"
 #include "StreamSource/LiveSvrRef.h"
@@ -82,18 +81,16 @@ private:
     auto of_source(Call call) {
         return m_channel != nullptr ? call(*m_channel) : call(*m_own);
     }
-    int read_channel_name();
+    int read_channel_name(const char* name);
     bool make_buffer();
     void enable_assist();
     void disable_assist();
-    LivePlace place(packet_type_t type) const;
 
     CLiveSvrRef m_live_svr;
     CLiveChannel* m_channel = nullptr;       // a reference on it is held
     CDataSource* m_own = nullptr;            // closed, never deleted
     std::unique_ptr<CMediaBuffer> m_buffer;  // that m_own fills
-    std::string m_name;                      // content of the live URL,
-    int m_channel_number = 0;                // and its numbers
+    int m_channel_number = 0;                // in the live channel's name
     int m_subtype = 0;
     bool m_is_live = false;
     bool m_wants_assist = false;

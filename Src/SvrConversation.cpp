@@ -191,13 +191,13 @@ void CSvrConversation::OnLinkError() {
 }
 
 void CSvrConversation::OnMessage(unsigned int msg, long param) {
-    if (dispatch(msg, param) < 0) {
+    if (take_own_message(msg, param) < 0 || take_source_message(msg) < 0) {
         End(msg);
     }
 }
 
-// Negative if the conversation has to end for it.
-int CSvrConversation::dispatch(unsigned int msg, long param) {
+// Of the conversation's own parts. Negative if it has to end for it.
+int CSvrConversation::take_own_message(unsigned int msg, long param) {
     switch (msg) {
         case MSG_SESSION_AUTH:
             return m_gate.TakeAnswer(), 0;
@@ -205,10 +205,20 @@ int CSvrConversation::dispatch(unsigned int msg, long param) {
             return give_lost_events(), 0;
         case MSG_SESSION_END:
             return End(static_cast<unsigned int>(param)), 0;
-        case MSG_SOURCE_CLOSED:
-            return m_machine.put_asyn_msg(MSG_SOURCE_CLOSED, m_wait_id), 0;
         case MSG_SOCK_EXCEPTION:
             return End(MSG_SESSION_BROKEN), 0;
+        case MSG_KEEPALIVE_TIMEOUT:
+            return m_silence.PeerIsSilent() ? -1 : 0;
+        default:
+            return 0;
+    }
+}
+
+// Of the source. Negative if the conversation has to end for it.
+int CSvrConversation::take_source_message(unsigned int msg) {
+    switch (msg) {
+        case MSG_SOURCE_CLOSED:
+            return m_machine.put_asyn_msg(MSG_SOURCE_CLOSED, m_wait_id), 0;
         case MSG_SRC_READY:
             return on_source_ready();
         case MSG_PLAY_READY:
@@ -221,8 +231,6 @@ int CSvrConversation::dispatch(unsigned int msg, long param) {
             return -1;
         case MSG_SDP_UPDATE:
             return on_sdp_update();
-        case MSG_KEEPALIVE_TIMEOUT:
-            return on_peer_silence();
         default:
             return 0;
     }
@@ -240,10 +248,6 @@ int CSvrConversation::on_source_end() {
         End(MSG_SRC_END);
     }
     return 0;
-}
-
-int CSvrConversation::on_peer_silence() {
-    return m_silence.PeerIsSilent() ? -1 : 0;
 }
 
 // A change of the stream's format ends an RTP session, whose description would be false; private frames carry the

@@ -139,11 +139,11 @@ private:
     void stop_media();
 
     // Messages and the end.
-    int dispatch(unsigned int msg, long param);
+    int take_own_message(unsigned int msg, long param);
+    int take_source_message(unsigned int msg);
     int on_source_ready();
     int on_source_end();
     int on_sdp_update();
-    int on_peer_silence();
     void give_address_event(event_type_t event);
     void give_lost_events();
     bool release(bool hears_end);

@@ -4,6 +4,7 @@
 
 #include "Protocol/RtspTables.h"
 #include "TrackTable.h"
+#include "Vidora/LiveChannel.h"
 #include "Vidora/RtspSvrConfig.h"
 #include "Vidora/Tramel/MediaBuffer.h"
 
@@ -77,6 +78,14 @@ int CUdpRoute::SetUp(const CTrack& /*track*/, int channel, transport_info& trans
 
 void CUdpRoute::Switch(const CTrack& track, bool on) {
     on ? m_sender.EnableTrack(track.send_channel) : m_sender.DisableTrack(track.send_channel);
+}
+
+int CUdpRoute::EnterLive(CLiveChannel& channel, packet_type_t type) {
+    return channel.Enter(&m_sender, type);
+}
+
+void CUdpRoute::LeaveLive(CLiveChannel& channel, packet_type_t type) {
+    channel.Leave(&m_sender, type);
 }
 
 void CUdpRoute::EnterBuffer(CMediaBuffer& buffer) {

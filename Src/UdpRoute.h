@@ -18,8 +18,8 @@ public:
     int SetUp(const CTrack& track, int channel, transport_info& transport) override;
     const multicast_info* Group() const override { return m_to_group ? &m_group : nullptr; }
     void Switch(const CTrack& track, bool on) override;
-    int EnterLive(const LivePlace& place) override { return EnterLiveWith(place, &m_sender); }
-    void LeaveLive(const LivePlace& place) override { LeaveLiveWith(place, &m_sender); }
+    int EnterLive(CLiveChannel& channel, packet_type_t type) override;
+    void LeaveLive(CLiveChannel& channel, packet_type_t type) override;
     void EnterBuffer(CMediaBuffer& buffer) override;
     void LeaveBuffer(CMediaBuffer& buffer) override;
     silence_rule_t Watch(long handler_id, int timeout_s) override;

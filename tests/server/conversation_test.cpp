@@ -1,6 +1,7 @@
 #include <map>
 
 #include "Protocol/SdpParser.h"
+#include "Vidora/Ostra/Console.h"
 #include "server/ServerFixture.h"
 #include "support/UdpPeer.h"
 
@@ -170,6 +171,26 @@ TEST_F(Conversation, ARefusedTransportLeavesTheOneThatWasSetUp) {
     ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
     ASSERT_TRUE(Give(source, 10));
     EXPECT_EQ(0, client.Frame().channel);
+}
+
+// The console's own words, as a host gets them.
+std::atomic<int> g_delay_lines{0};
+
+void count_delay_line(void*, const char* text, unsigned int) {
+    g_delay_lines += strstr(text, "frame index[11]") != nullptr ? 1 : 0;
+}
+
+TEST_F(Conversation, TheConsoleShowsTheDelayOfFrames) {
+    CFakeStreamSource* source = StartWithChannel();
+    CRtspTestClient client(m_port);
+    PlayInterleaved(client);
+    g_delay_lines = 0;
+    Ostra::R3SetOutput(&count_delay_line, nullptr);
+    EXPECT_EQ(0, Ostra::R3Execute("rtspdelay 1"));
+    ASSERT_TRUE(Give(source, 10) && Give(source, 11));
+    EXPECT_TRUE(Support::WaitUntil([] { return g_delay_lines == 1; }));
+    EXPECT_EQ(0, Ostra::R3Execute("rtspdelay 0"));
+    Ostra::R3SetOutput(nullptr, nullptr);
 }
 
 TEST_F(Conversation, PrivateFramesTravelWithTheirOwnHeader) {
@@ -443,12 +464,11 @@ TEST_F(Conversation, RtpInfoNamesOnePacket) {
 }
 
 // The channel that a client has stays its own, whatever is published under the name that it asked for.
-TEST_F(Conversation, AClientLeavesTheChannelThatItEntered) {
+TEST_F(Conversation, AClientEntersAndLeavesTheChannelThatItHas) {
     StartServer();
     CFakeStreamSource* source = AddChannel("cam/realmonitor");
     CRtspTestClient client(m_port);
     PlayInterleaved(client);
-    ASSERT_TRUE(Support::WaitUntil([&] { return source->CountCalls("Start") == 1; }));
     CFakeStreamSource* other = AddChannel(LIVE_NAME);
     ASSERT_TRUE(Give(source, 10));
     EXPECT_EQ(0, client.Frame().channel);
