@@ -100,6 +100,7 @@ int CStreamTcpReceiver::handle_stream_input() {
     const CTurn turn(*this);
     mark_arrival();
     set_channels();
+    m_emptied = false;
     int handled = 0;
     int count = m_separator->Input(0);
     while (count >= 0 && take_records(handled) >= 0) {
@@ -128,19 +129,25 @@ void CStreamTcpReceiver::set_channels() {
     m_separator->SetChannel(channel(0), channel(1));
 }
 
-// 1: `count` records have come. 0: nothing more is there just now. -1: the end of the connection or of the stream.
+// 1: `count` records have come. 0: nothing more is there just now. -1: the end of the connection or of the stream. A
+// read that leaves room has emptied the socket: asking again would be a system call for nothing, and what has come
+// meanwhile, the end of the connection too, is an event of its own.
 int CStreamTcpReceiver::read(int& count) {
+    if (m_emptied) {
+        return 0;
+    }
     int space = 0;
     char* place = m_separator->GetBuffer(&space);
     if (place == nullptr) {
         logError("%s:%d m_sep->GetBuffer buf_len 0, data error or parser state error \n", __FILE__, __LINE__);
         return -1;
     }
-    const int length =
-        m_fed_length > 0 ? read_fed(place, space) : m_sock->Recv(place, static_cast<unsigned int>(space));
+    const bool is_fed = m_fed_length > 0;
+    const int length = is_fed ? read_fed(place, space) : m_sock->Recv(place, static_cast<unsigned int>(space));
     if (length <= 0) {
         return length;
     }
+    m_emptied = !is_fed && length < space;
     count = m_separator->Input(length);
     if (count < 0) {
         logError("%s:%d state_code:%d m_sep->Separate failed\n", __FILE__, __LINE__, count);

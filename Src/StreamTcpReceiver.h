@@ -59,7 +59,8 @@ private:
     std::unique_ptr<CStreamSeparator> m_separator;
     std::unique_ptr<char[]> m_fed;  // made by the first Feed
     int m_fed_length = 0;
-    int m_kx_channel = 0;  // of the last private header
+    int m_kx_channel = 0;    // of the last private header
+    bool m_emptied = false;  // the socket, in this turn
     std::atomic<bool> m_turn_due{false};
 };
 

@@ -23,9 +23,9 @@
 #include "RtpRun.h"
 #include "RtpSeparator.h"
 #include "RtspClient/SdpInfoAccess.h"
-#include "StreamParser/StreamParser.h"
 #include "Tramel/SockStream.h"
 #include "Vidora/RtpFrameBuffer.h"
+#include "support/H264Runs.h"
 #include "support/Loopback.h"
 #include "support/PairedRow.h"
 
@@ -47,32 +47,6 @@ void check(bool good) {
         std::fprintf(stderr, "bench_frame_buffer: something failed\n");
         std::exit(1);
     }
-}
-
-// Runs of packets behind interleave headers, a run a frame.
-std::vector<Flumen::CMediaFrame> make_runs() {
-    const CStreamParserPtr parser = CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_RTP);
-    RtpEncParam param;
-    param.enc_type = ENC_TYPE_H264;
-    param.payload_type = 96;
-    param.ssrc = 1;
-    parser->SetParam(param);
-    RtpOverTcpParam over_tcp;
-    over_tcp.use_header = 1;
-    over_tcp.merge_frame = 1;
-    parser->SetParam(over_tcp);
-    std::vector<Flumen::CMediaFrame> runs;
-    for (size_t i = 0; i < FRAMES; ++i) {
-        Flumen::CMediaFrame frame(FRAME_SIZE);
-        std::fill_n(frame.getBuffer(), FRAME_SIZE, static_cast<unsigned char>(0x55 + i % 7));
-        const unsigned char head[] = {0, 0, 0, 1, 0x41, 0x9a};
-        std::copy(std::begin(head), std::end(head), frame.getBuffer());
-        frame.setType(FRAME_TYPE_P);
-        frame.setPts(1000 + i * 40, Flumen::PTS_TYPE_MS);
-        check(parser->InputFrame(frame) == PARSER_FRAME_READY);
-        runs.push_back(parser->OutputFrame());
-    }
-    return runs;
 }
 
 // The frame buffer of a session with one H.264 track.
@@ -297,7 +271,7 @@ void bench_alone(const std::vector<Flumen::CMediaFrame>& runs) {
 
 int main() {
     Kavio::Ostra::SetLogLevel(Kavio::Ostra::LOG_LEVEL_NONE);
-    const std::vector<Flumen::CMediaFrame> runs = make_runs();
+    const std::vector<Flumen::CMediaFrame> runs = MakeH264Runs(FRAMES, FRAME_SIZE);
     bench_alone(runs);
     bench_tcp(runs);
     bench_udp(runs);

@@ -47,7 +47,7 @@ private:
     void close_peer(int fd);
     void start(int fd, CPeer& peer);
     void send_frame();
-    static void write_whole(const CBareFrame& frame, int fd);
+    std::string next_frame();
 
     const Recording& m_recording;
     const bool m_udp;
@@ -55,6 +55,7 @@ private:
     const int m_timer;
     const int m_epoll;
     size_t m_frame = 0;
+    unsigned int m_sequence = 0;
     std::map<int, CPeer> m_peers;
     std::vector<int> m_players;
 };
@@ -159,7 +160,7 @@ void CBareLoop::send_frame() {
     if (m_players.empty()) {
         return;
     }
-    CBareFrame frame(m_recording.frames[m_frame++ % m_recording.frames.size()], m_udp);
+    CBareFrame frame(next_frame(), m_udp);
     if (m_udp) {
         for (int fd : m_players) {
             frame.SendUdp(fd);
@@ -173,6 +174,21 @@ void CBareLoop::send_frame() {
             std::fprintf(stderr, "the bare loop's peer is full: the machine is too busy to measure\n");
         }
     }
+}
+
+// With its own sequence numbers and time stamp (RFC 3550 5.1, 90 kHz).
+std::string CBareLoop::next_frame() {
+    std::string frame = m_recording.frames[m_frame % m_recording.frames.size()];
+    const size_t time = m_frame++ * (90000 / FRAMES_PER_SECOND);
+    const auto at = [&frame](size_t place) { return static_cast<unsigned char>(frame[place]); };
+    for (size_t i = 0; i + 12 <= frame.size(); i += 4 + at(i + 2) * 256u + at(i + 3)) {
+        frame[i + 6] = static_cast<char>(m_sequence >> 8);
+        frame[i + 7] = static_cast<char>(m_sequence++);
+        for (size_t k = 0; k < 4; ++k) {
+            frame[i + 8 + k] = static_cast<char>(time >> (24 - 8 * k));
+        }
+    }
+    return frame;
 }
 
 int open_listener(uint16_t* port) {

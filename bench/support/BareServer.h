@@ -23,7 +23,8 @@ Recording Record(uint16_t port, size_t frames);
 
 // CBareServer: the floor, as a child process with one thread. It answers the four round trips of each connection with
 // the texts of a recording, without a look at the requests (but for the port of UDP), and from then on sends the
-// recorded frames, one each 40 ms: a loop of writev, or of sendmmsg with segmentation offload.
+// recorded frames, one each 40 ms: a loop of writev, or of sendmmsg with segmentation offload. Behind the last frame
+// comes the first one again, with sequence numbers and times that go on.
 class CBareServer {
 public:
     CBareServer(const Recording& recording, bool udp);

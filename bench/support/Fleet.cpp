@@ -51,8 +51,12 @@ uint64_t dropped_by(int fd) {
 
 }  // namespace
 
-CFleet::CFleet(FleetFigures& figures, uint16_t port_base)
-    : m_figures(figures), m_port_base(port_base), m_epoll(::epoll_create1(EPOLL_CLOEXEC)), m_room(ROOM_SIZE) {}
+CFleet::CFleet(FleetFigures& figures, uint16_t port_base, fleet_media_t media)
+    : m_figures(figures),
+      m_port_base(port_base),
+      m_media(media),
+      m_epoll(::epoll_create1(EPOLL_CLOEXEC)),
+      m_room(ROOM_SIZE) {}
 
 CFleet::~CFleet() {
     Close();
@@ -198,7 +202,7 @@ void CFleet::on_control(CClient& client) {
     do {
         got = ::recv(client.control, m_room.data(), m_room.size(), 0);
         if (got > 0) {
-            take_bytes(client, m_room.data(), static_cast<size_t>(got));
+            on_media(client, m_room.data(), static_cast<size_t>(got));
         }
     } while (got == static_cast<ssize_t>(m_room.size()));
     if (got == 0 || (got < 0 && errno != EAGAIN)) {
@@ -209,6 +213,14 @@ void CFleet::on_control(CClient& client) {
         end_setup(client, false);
         ::close(client.control);
         client.control = -1;
+    }
+}
+
+void CFleet::on_media(CClient& client, const unsigned char* data, size_t size) {
+    if (m_media == FLEET_DISCARDS && client.over) {
+        m_bytes += size;
+    } else {
+        take_bytes(client, data, size);
     }
 }
 
@@ -271,7 +283,11 @@ void CFleet::on_rtp(CClient& client) {
     }
     const int count = ::recvmmsg(client.rtp, messages, DATAGRAMS, MSG_DONTWAIT, nullptr);
     for (int i = 0; i < count; ++i) {
-        count_packet(client, static_cast<const unsigned char*>(parts[i].iov_base), messages[i].msg_len);
+        if (m_media == FLEET_DISCARDS) {
+            m_bytes += messages[i].msg_len;
+        } else {
+            count_packet(client, static_cast<const unsigned char*>(parts[i].iov_base), messages[i].msg_len);
+        }
     }
 }
 

@@ -12,7 +12,7 @@
 namespace Bench {
 
 // What a fleet counts, in memory that processes share. All counts run on over all rounds but `up` and `failed`, which
-// belong to the sessions that are open.
+// belong to the sessions that are open. A fleet leaves what it can't know at 0.
 struct FleetFigures {
     std::atomic<uint64_t> up{0};
     std::atomic<uint64_t> failed{0};
@@ -20,21 +20,39 @@ struct FleetFigures {
     std::atomic<uint64_t> bytes{0};     // of media: RTP packets, without interleave headers
     std::atomic<uint64_t> gaps{0};      // packets whose sequence number isn't the one before plus 1
     std::atomic<uint64_t> drops{0};     // datagrams that this side's sockets had no room for, when the fleet was closed
+    std::atomic<uint64_t> frames{0};    // whole ones
+    std::atomic<uint64_t> damaged{0};   // frames that were dropped for what is missing
     std::atomic<uint64_t> setup_ns{0};  // from the first connect to the last PLAY's reply of the last round
 };
 
-// CFleet: many RTSP clients on one thread and one epoll set.
-class CFleet {
+// Many RTSP clients, whatever they are made of.
+class ILoad {
+public:
+    virtual ~ILoad() = default;
+
+    // Begins to set `count` sessions up at 127.0.0.1.
+    virtual void Open(uint16_t port, unsigned int count, bool udp) = 0;
+    virtual void Close() = 0;
+    // Serves the sessions that have something, until `wake_fd` is readable.
+    virtual void Run(int wake_fd) = 0;
+};
+
+// What a fleet does with the media of a session that is up.
+enum fleet_media_t {
+    FLEET_COUNTS,   // finds the packets, counts them and the gaps
+    FLEET_DISCARDS  // reads and throws away: the floor. Counts the bytes as they come, with interleave headers
+};
+
+// CFleet: many RTSP clients on one thread and one epoll set; sets WINDOW up at a time.
+class CFleet : public ILoad {
 public:
     // `port_base`: from there up the clients' UDP ports are searched.
-    CFleet(FleetFigures& figures, uint16_t port_base);
-    ~CFleet();
+    CFleet(FleetFigures& figures, uint16_t port_base, fleet_media_t media = FLEET_COUNTS);
+    ~CFleet() override;
 
-    // Begins to set `count` sessions up, WINDOW at a time.
-    void Open(uint16_t port, unsigned int count, bool udp);
-    void Close();
-    // Serves the sessions that have something, until `wake_fd` is readable.
-    void Run(int wake_fd);
+    void Open(uint16_t port, unsigned int count, bool udp) override;
+    void Close() override;
+    void Run(int wake_fd) override;
 
 private:
     static const unsigned int WINDOW = 32;
@@ -63,11 +81,13 @@ private:
     void on_control(CClient& client);
     void take_bytes(CClient& client, const unsigned char* data, size_t size);
     size_t take_text(CClient& client, const unsigned char* data, size_t size);
+    void on_media(CClient& client, const unsigned char* data, size_t size);
     void on_rtp(CClient& client);
     void count_packet(CClient& client, const unsigned char* rtp, uint64_t size);
 
     FleetFigures& m_figures;
     uint16_t m_port_base;
+    fleet_media_t m_media;
     uint16_t m_next_udp = 0;
     int m_epoll = -1;
     bool m_udp = false;

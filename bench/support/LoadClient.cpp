@@ -24,7 +24,11 @@ void pause_ms(int ms) {
 
 }  // namespace
 
-CLoadClient::CLoadClient(uint16_t udp_port_base) {
+CLoadClient::CLoadClient(uint16_t udp_port_base)
+    : CLoadClient([udp_port_base](FleetFigures& figures) { return std::make_unique<CFleet>(figures, udp_port_base); }) {
+}
+
+CLoadClient::CLoadClient(const maker_t& maker) {
     void* memory = ::mmap(nullptr, sizeof(CShared), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
     int ends[2];
     if (memory == MAP_FAILED || ::pipe(ends) != 0) {
@@ -39,7 +43,7 @@ CLoadClient::CLoadClient(uint16_t udp_port_base) {
     if (m_child == 0) {
         ::prctl(PR_SET_PDEATHSIG, SIGKILL);
         ::close(ends[1]);
-        run(ends[0], udp_port_base);
+        run(ends[0], maker);
     }
     ::close(ends[0]);
 }
@@ -51,18 +55,18 @@ CLoadClient::~CLoadClient() {
     ::munmap(m_shared, sizeof(CShared));
 }
 
-void CLoadClient::run(int commands, uint16_t udp_port_base) {
-    CFleet fleet(*m_figures, udp_port_base);
+void CLoadClient::run(int commands, const maker_t& maker) {
+    const std::unique_ptr<ILoad> fleet = maker(*m_figures);
     CCommand command = {};
     while (true) {
-        fleet.Run(commands);
+        fleet->Run(commands);
         if (::read(commands, &command, sizeof(command)) != static_cast<ssize_t>(sizeof(command))) {
             ::_exit(0);
         }
         if (command.count > 0) {
-            fleet.Open(command.port, command.count, command.udp);
+            fleet->Open(command.port, command.count, command.udp);
         } else {
-            fleet.Close();
+            fleet->Close();
         }
         m_shared->done = command.number;
     }

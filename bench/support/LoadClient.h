@@ -4,6 +4,8 @@
 #include <sys/types.h>
 
 #include <cstdint>
+#include <functional>
+#include <memory>
 
 #include "support/Fleet.h"
 
@@ -12,7 +14,10 @@ namespace Bench {
 // CLoadClient: a fleet in a child process, so that its processor time is nobody else's. Make it before any thread.
 class CLoadClient {
 public:
+    typedef std::function<std::unique_ptr<ILoad>(FleetFigures&)> maker_t;  // called in the child
+
     explicit CLoadClient(uint16_t udp_port_base);
+    explicit CLoadClient(const maker_t& maker);
     ~CLoadClient();
     CLoadClient(const CLoadClient&) = delete;
     CLoadClient& operator=(const CLoadClient&) = delete;
@@ -23,6 +28,7 @@ public:
     // Waits until nothing more comes.
     void Settle() const;
     const FleetFigures& Figures() const { return *m_figures; }
+    pid_t Pid() const { return m_child; }
 
 private:
     struct CCommand {
@@ -33,7 +39,7 @@ private:
     };
 
     void send(uint16_t port, unsigned int count, bool udp);
-    [[noreturn]] void run(int commands, uint16_t udp_port_base);
+    [[noreturn]] void run(int commands, const maker_t& maker);
 
     struct CShared {
         FleetFigures figures;
