@@ -5,8 +5,10 @@
 #include "Protocol/SdpParser.h"
 #include "StreamSource/ProxyDescription.h"
 #include "StreamSource/ProxyRelay.h"
+#include "Tramel/Reactor.h"
 #include "server/ServerFixture.h"
 #include "support/ClientHost.h"
+#include "support/ScriptedServer.h"
 #include "support/StreamPeer.h"
 
 namespace Kavio {
@@ -79,6 +81,50 @@ TEST_F(CProxyTest, AnOriginThatIsNotThereEndsTheRequest) {
     const int nobody = Support::CBoundSocket(SOCK_STREAM).Port();
     client.Send(client.Request("DESCRIBE", Url(std::string(LIVE_NAME) + "?proxy=127.0.0.1:" + std::to_string(nobody))));
     EXPECT_TRUE(client.Closed());
+}
+
+// Closed at each step of its server, before or after the pool ends; the session's buffer goes right after the Close.
+TEST(ProxyEnd, LeavesNothing) {
+    const long handlers = Tramel::CReactor::Instance().CountHandlers();
+    for (const std::string step : {"", "OPTIONS", "DESCRIBE", "SETUP", "PLAY", "-"}) {
+        for (const bool stops_pool : {false, true}) {
+            SCOPED_TRACE(step);
+            std::atomic<bool> reached{step.empty()};
+            Support::CScriptedServer server([&](const Support::ServerRequest& request) {
+                reached = reached || request.method == step || (step == "-" && request.method == "PLAY");
+                return request.method == step ? std::string()
+                                              : Support::CScriptedServer::Answer(request) +
+                                                    (request.method == "PLAY" ? Support::CScriptedServer::Rtp(1) : "");
+            });
+            auto pool = std::make_unique<Support::CPool>(2);
+            std::atomic<int> ended{0};
+            Support::CTestHandler* user = Support::CTestHandler::Make();
+            CDataSource* source =
+                CDataSource::Create(("movie?proxy=127.0.0.1:" + std::to_string(server.Port())).c_str());
+            ASSERT_NE(nullptr, source);
+            auto buffer = std::make_unique<CMediaBuffer>();
+            user->on_message = [&](long, unsigned int msg, long) {
+                ended += msg == MSG_SOURCE_CLOSED ? 1 : 0;
+                return 0;
+            };
+            EXPECT_EQ(0, source->Init(user->GetID(), 0));
+            EXPECT_EQ(0, source->Play(~uint64_t{0}, ~uint64_t{0}, 1.0F, false));  // as a channel does, at once
+            EXPECT_EQ(0, source->StartStreaming(PACKET_TYPE_RTP, buffer.get(), -1));
+            EXPECT_EQ(-1, source->StartStreaming(PACKET_TYPE_TS, buffer.get(), -1));
+            EXPECT_TRUE(WaitUntil([&] { return reached.load(); }));
+            source->Close();
+            buffer.reset();
+            if (stops_pool) {
+                pool.reset();
+                EXPECT_EQ(handlers + 1, Tramel::CReactor::Instance().CountHandlers());
+                pool = std::make_unique<Support::CPool>(2);
+            } else {
+                EXPECT_TRUE(WaitUntil([&] { return ended == 1; }));
+            }
+            user->Close();
+            EXPECT_TRUE(WaitUntil([&] { return Tramel::CReactor::Instance().CountHandlers() == handlers; }));
+        }
+    }
 }
 
 TEST(ProxyDescription, HidesTheServerAndKeepsWhatDecodersNeed) {
