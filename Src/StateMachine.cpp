@@ -260,10 +260,11 @@ StateEvent* CStateMachine::next_event_locked() {
     if (m_asyn_mask != 0) {
         return m_hold_count < 1 ? pop_asyn_locked() : nullptr;
     }
-    if (m_wait_id != 0) {
-        StateEvent* event = m_matched_event;
-        m_matched_event = nullptr;
-        return event;
+    // What was awaited when it came runs, also if the wait has ended since: nobody else would ever take it.
+    StateEvent* matched = m_matched_event;
+    m_matched_event = nullptr;
+    if (matched != nullptr || m_wait_id != 0) {
+        return matched;
     }
     return m_rx_list.Pop();
 }
