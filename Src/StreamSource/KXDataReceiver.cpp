@@ -96,9 +96,8 @@ int CKXDataReceiver::handle_message(long, unsigned int msg, long) {
     } else if (!m_info_ready) {
         guard.Leave();
         on_first_info();
-    } else if (check_info_locked() != 0) {
-        logWarn("%s:%d sdp info need updata\n", __FILE__, __LINE__);
-        Notify(m_notify_id, MSG_SDP_UPDATE, 0);
+    } else {
+        update_formats_locked();
     }
     return 0;
 }
@@ -118,27 +117,10 @@ void CKXDataReceiver::on_first_info() {
     if (is_seekable()) {
         m_window.Open(begin, end, length_us);
     }
-    read_video_format_locked();
-    read_audio_format_locked();
+    m_formats.Read(*m_stream_source);
     update_tracks_locked();
     reset_tracks_locked();
     Notify(m_notify_id, MSG_STREAM_INFO, 0);
-}
-
-void CKXDataReceiver::read_video_format_locked() {
-    m_video_format = StreamVideoFormat();
-    m_has_video = m_stream_source->HasVideo();
-    if (m_has_video) {
-        m_stream_source->GetVideoFormat(m_video_format);
-    }
-}
-
-void CKXDataReceiver::read_audio_format_locked() {
-    m_audio_format = StreamAudioFormat();
-    m_has_audio = m_stream_source->HasAudio();
-    if (m_has_audio) {
-        m_stream_source->GetAudioFormat(m_audio_format);
-    }
 }
 
 // Running numbers of the converters are read back first, so that they carry over into the new table.
@@ -163,16 +145,17 @@ void CKXDataReceiver::build_tracks_locked() {
     m_channel_num = 0;
     m_ts_param.video_enc_type = ENC_TYPE_NONE;
     m_ts_param.audio_enc_type = ENC_TYPE_NONE;
-    if (m_has_video) {
-        const int enc_type = video_enc_type(m_video_format.encode_type);
+    if (m_formats.HasVideo()) {
+        const int enc_type = video_enc_type(m_formats.GetVideo().encode_type);
         m_ts_param.video_enc_type = enc_type;
         add_track_locked(enc_type, enc_type == ENC_TYPE_JPEG ? JPEG_PAYLOAD : DYNAMIC_VIDEO_PAYLOAD, VIDEO_CLOCK);
     }
-    if (m_has_audio) {
-        const AudioPayload* payload = FindAudioPayload(m_audio_format.encode_type, m_audio_format.sample_rate);
-        add_track_locked(m_audio_format.encode_type == STREAM_AUDIO_MPEG ? ENC_TYPE_MPEG_AUDIO : ENC_TYPE_AUDIO,
+    if (m_formats.HasAudio()) {
+        const AudioPayload* payload =
+            FindAudioPayload(m_formats.GetAudio().encode_type, m_formats.GetAudio().sample_rate);
+        add_track_locked(m_formats.GetAudio().encode_type == STREAM_AUDIO_MPEG ? ENC_TYPE_MPEG_AUDIO : ENC_TYPE_AUDIO,
                          payload == nullptr ? DYNAMIC_AUDIO_PAYLOAD : payload->payload_type,
-                         m_audio_format.sample_rate);
+                         m_formats.GetAudio().sample_rate);
     }
     add_track_locked(ENC_TYPE_ASSIST, 0, VIDEO_CLOCK);
     add_track_locked(ENC_TYPE_ONVIF_METADATA, ONVIF_METADATA_PAYLOAD, VIDEO_CLOCK);
@@ -207,69 +190,45 @@ void CKXDataReceiver::reset_tracks_locked() {
     }
 }
 
-// Compares the source with what is held: 0 for no change, -1 for a change, upon which the tracks are rebuilt.
-int CKXDataReceiver::check_info_locked() {
-    const bool has_audio = m_stream_source->HasAudio();
-    const bool has_video = m_stream_source->HasVideo();
-    bool changed = has_audio != m_has_audio || has_video != m_has_video;
-    m_has_audio = has_audio;
-    m_has_video = has_video;
-    if (m_has_audio && audio_changed_locked()) {
-        read_audio_format_locked();
-        changed = true;
-    }
-    if (m_has_video && video_changed_locked()) {
-        read_video_format_locked();
-        changed = true;
-    }
-    if (!changed) {
-        return 0;
+// Compares the source with what is described. True for a change, upon which the tracks are rebuilt and the owner hears
+// of it.
+bool CKXDataReceiver::update_formats_locked() {
+    if (!m_formats.Update(*m_stream_source)) {
+        return false;
     }
     update_tracks_locked();
-    return -1;
-}
-
-bool CKXDataReceiver::audio_changed_locked() {
-    StreamAudioFormat format;
-    m_stream_source->GetAudioFormat(format);
-    return format.encode_type != m_audio_format.encode_type || format.sample_rate != m_audio_format.sample_rate;
-}
-
-// The frame rate is for the SDP only and is no change by itself.
-bool CKXDataReceiver::video_changed_locked() {
-    StreamVideoFormat format;
-    m_stream_source->GetVideoFormat(format);
-    return format.width != m_video_format.width || format.height != m_video_format.height ||
-           format.encode_type != m_video_format.encode_type;
+    logWarn("%s:%d sdp info need updata\n", __FILE__, __LINE__);
+    Notify(m_notify_id, MSG_SDP_UPDATE, 0);
+    return true;
 }
 
 bool CKXDataReceiver::HasVideo() {
     CGuard guard(m_mutex);
-    return m_has_video;
+    return m_formats.HasVideo();
 }
 
 bool CKXDataReceiver::HasAudio() {
     CGuard guard(m_mutex);
-    return m_has_audio;
+    return m_formats.HasAudio();
 }
 
 int CKXDataReceiver::GetVideoFormat(StreamVideoFormat& format) {
     CGuard guard(m_mutex);
-    if (!m_has_video) {
+    if (!m_formats.HasVideo()) {
         logError("%s:%d do not have video\n", __FILE__, __LINE__);
         return -1;
     }
-    format = m_video_format;
+    format = m_formats.GetVideo();
     return 0;
 }
 
 int CKXDataReceiver::GetAudioFormat(StreamAudioFormat& format) {
     CGuard guard(m_mutex);
-    if (!m_has_audio) {
+    if (!m_formats.HasAudio()) {
         logError("%s:%d do not have audio\n", __FILE__, __LINE__);
         return -1;
     }
-    format = m_audio_format;
+    format = m_formats.GetAudio();
     return 0;
 }
 

@@ -7,6 +7,7 @@
 
 #include "StreamParser/StreamParser.h"
 #include "StreamSource/BufferTable.h"
+#include "StreamSource/FormatWatch.h"
 #include "StreamSource/PlayWindow.h"
 #include "StreamSource/SrcInfoTable.h"
 #include "StreamSource/UseCount.h"
@@ -104,15 +105,11 @@ private:
 
     // The stream's information (KXDataReceiver.cpp).
     void on_first_info();
-    void read_video_format_locked() VIDORA_REQUIRES(m_mutex);
-    void read_audio_format_locked() VIDORA_REQUIRES(m_mutex);
     void build_tracks_locked() VIDORA_REQUIRES(m_mutex);
     void add_track_locked(int enc_type, int payload_type, int clock_rate) VIDORA_REQUIRES(m_mutex);
     void update_tracks_locked() VIDORA_REQUIRES(m_mutex);
     void reset_tracks_locked() VIDORA_REQUIRES(m_mutex);
-    int check_info_locked() VIDORA_REQUIRES(m_mutex);
-    bool audio_changed_locked() VIDORA_REQUIRES(m_mutex);
-    bool video_changed_locked() VIDORA_REQUIRES(m_mutex);
+    bool update_formats_locked() VIDORA_REQUIRES(m_mutex);
 
     // Starting, stopping and the play window (KXDataReceiverPlay.cpp).
     int set_play(const CTime& start, const CTime& end, float speed);
@@ -128,7 +125,7 @@ private:
     void take_frame(const Flumen::CMediaFrame& frame);
     bool is_at_end_locked() VIDORA_REQUIRES(m_mutex);
     bool is_outside_window_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
-    int check_format_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
+    bool is_described_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
     int put_frame_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
     int find_track_locked(int type) VIDORA_REQUIRES(m_mutex);
     int put_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
@@ -146,10 +143,7 @@ private:
 
     CMutex m_start_mutex;
     CMutex m_mutex;
-    bool m_has_video VIDORA_GUARDED_BY(m_mutex) = false;
-    bool m_has_audio VIDORA_GUARDED_BY(m_mutex) = false;
-    StreamVideoFormat m_video_format VIDORA_GUARDED_BY(m_mutex);
-    StreamAudioFormat m_audio_format VIDORA_GUARDED_BY(m_mutex);
+    CFormatWatch m_formats VIDORA_GUARDED_BY(m_mutex);
     bool m_begun VIDORA_GUARDED_BY(m_mutex) = false;       // the source's Init has succeeded
     bool m_info_early VIDORA_GUARDED_BY(m_mutex) = false;  // MSG_STREAM_INFO came before
     bool m_info_ready VIDORA_GUARDED_BY(m_mutex) = false;  // the format was read after MSG_STREAM_INFO
@@ -169,8 +163,6 @@ private:
     std::shared_ptr<CStreamParser> m_ts_parser VIDORA_GUARDED_BY(m_mutex);
 
     // The running stream.
-    bool m_video_changed VIDORA_GUARDED_BY(m_mutex) = false;  // a frame of that kind had a new format
-    bool m_audio_changed VIDORA_GUARDED_BY(m_mutex) = false;
     int m_packet_state VIDORA_GUARDED_BY(m_mutex) = 0;   // of the last frame
     double m_last_utc VIDORA_GUARDED_BY(m_mutex) = 0.0;  // of the last frame on the replay road, seconds
     unsigned char m_replay_ext[REPLAY_EXT_SIZE] VIDORA_GUARDED_BY(m_mutex) = {};

@@ -119,12 +119,12 @@ int CKXDataReceiver::put_frame_locked(const Flumen::CMediaFrame& frame) {
     }
     const uint8_t kind = type == FRAME_TYPE_I ? Tramel::MediaTag::KEY_FRAME : Tramel::MediaTag::SKIPPABLE_FRAME;
     const int tag = Tramel::MediaTag{static_cast<uint8_t>(track), kind}.Pack();
-    const bool format_ok = check_format_locked(frame) >= 0;
-    if (format_ok && m_buffers.Size(PACKET_TYPE_RTP) > 0 && put_rtp_locked(frame, track, tag) < 0) {
+    const bool is_described = is_described_locked(frame);
+    if (is_described && m_buffers.Size(PACKET_TYPE_RTP) > 0 && put_rtp_locked(frame, track, tag) < 0) {
         return -1;
     }
     // Audio doesn't reach the transport stream by this road.
-    if (format_ok && m_buffers.Size(PACKET_TYPE_TS) > 0 && is_video(type) && put_ts_locked(frame, track, tag) < 0) {
+    if (is_described && m_buffers.Size(PACKET_TYPE_TS) > 0 && is_video(type) && put_ts_locked(frame, track, tag) < 0) {
         return -1;
     }
     // Private frames describe themselves, so that a change of format doesn't hold them up.
@@ -138,42 +138,27 @@ int CKXDataReceiver::put_frame_locked(const Flumen::CMediaFrame& frame) {
 // the letter of JPEG among them: a host sends pictures as key frames.
 int CKXDataReceiver::find_track_locked(int type) {
     if (type == FRAME_TYPE_AUDIO) {
-        return !m_has_audio ? -1 : m_has_video ? 1 : 0;
+        return !m_formats.HasAudio() ? -1 : m_formats.HasVideo() ? 1 : 0;
     }
     if (is_video(type)) {
-        return m_has_video ? 0 : -1;
+        return m_formats.HasVideo() ? 0 : -1;
     }
-    return m_assist_count <= 0 ? -1 : m_has_video && m_has_audio ? 2 : 1;
+    return m_assist_count <= 0 ? -1 : m_formats.HasVideo() && m_formats.HasAudio() ? 2 : 1;
 }
 
-// -1 for a frame that must not go into RTP and TS, since its format isn't in the SDP yet.
-int CKXDataReceiver::check_format_locked(const Flumen::CMediaFrame& frame) {
+// False for a frame that must not go into RTP and TS, since its format isn't in the SDP yet.
+bool CKXDataReceiver::is_described_locked(const Flumen::CMediaFrame& frame) {
     if (!m_info_ready) {
-        return -1;
+        return false;
     }
-    const int type = frame.getType();
-    if (frame.getNewFormat() != 0) {
-        logInfo("%s:%d check_format, getNewFormat():%d type:%c\n", __FILE__, __LINE__, frame.getNewFormat(), type);
-        (type == FRAME_TYPE_AUDIO ? m_audio_changed : m_video_changed) = true;
+    switch (m_formats.Look(frame)) {
+        case CFormatWatch::FRAME_PASSES:
+            return true;
+        case CFormatWatch::FRAME_HELD:
+            return false;
+        default:  // the audio frame that ends a change is held back as well
+            return !update_formats_locked() && frame.getType() != FRAME_TYPE_AUDIO;
     }
-    const bool ends_audio_change = m_audio_changed && type == FRAME_TYPE_AUDIO;
-    if (m_audio_changed && !ends_audio_change) {
-        return -1;
-    }
-    if (!ends_audio_change && !(m_video_changed && type == FRAME_TYPE_I)) {
-        return 0;  // while video waits for its key frame other frames pass
-    }
-    const bool changed = check_info_locked() != 0;
-    if (changed) {
-        logWarn("%s:%d sdp info need updata\n", __FILE__, __LINE__);
-        Notify(m_notify_id, MSG_SDP_UPDATE, 0);
-    }
-    if (ends_audio_change) {  // this frame is held back as well
-        m_audio_changed = false;
-        return -1;
-    }
-    m_video_changed = false;
-    return changed ? -1 : 0;
 }
 
 int CKXDataReceiver::put_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) {
