@@ -1,43 +1,7 @@
 #include "StreamSource/KXDataReceiver.h"
 
-#include "StreamParser/RandomDraw.h"
-#include "StreamSource/AudioTable.h"
-
 namespace Kavio {
 namespace Vidora {
-
-namespace {
-
-const int VIDEO_CLOCK = 90000;  // RFC 3551 5
-const int DYNAMIC_VIDEO_PAYLOAD = 96;
-const int JPEG_PAYLOAD = 26;  // RFC 3551 table 5
-const int DYNAMIC_AUDIO_PAYLOAD = 97;
-const int ONVIF_METADATA_PAYLOAD = 107;
-const int TS_PACKETS_PER_OUTPUT = 7;  // 7 x 188 bytes fit one Ethernet frame
-
-int video_enc_type(int encode_type) {
-    switch (encode_type) {
-        case STREAM_VIDEO_MPEG4:
-            return ENC_TYPE_MPEG4;
-        case STREAM_VIDEO_H264:
-            return ENC_TYPE_H264;
-        case STREAM_VIDEO_JPEG:
-            return ENC_TYPE_JPEG;
-        default:
-            return ENC_TYPE_NONE;
-    }
-}
-
-}  // namespace
-
-CKXDataReceiver::CKXDataReceiver() {
-    m_ts_param.packets_per_output = TS_PACKETS_PER_OUTPUT;
-    for (int i = 0; i < MAX_TRACK; ++i) {
-        m_track[i].ssrc = random_draw32();
-        m_track[i].sequence = random_draw();
-        m_src_info.SetSsrc(i, m_track[i].ssrc);
-    }
-}
 
 CKXDataReceiver::~CKXDataReceiver() = default;
 
@@ -118,76 +82,9 @@ void CKXDataReceiver::on_first_info() {
         m_window.Open(begin, end, length_us);
     }
     m_formats.Read(*m_stream_source);
-    update_tracks_locked();
-    reset_tracks_locked();
+    m_encoders.Build(m_formats);
+    m_encoders.Reset();
     Notify(m_notify_id, MSG_STREAM_INFO, 0);
-}
-
-// Running numbers of the converters are read back first, so that they carry over into the new table.
-void CKXDataReceiver::update_tracks_locked() {
-    for (int i = 0; i < MAX_TRACK; ++i) {
-        if (m_rtp_parser[i]) {
-            m_rtp_parser[i]->GetParam(m_track[i]);
-        }
-    }
-    build_tracks_locked();
-    for (int i = 0; i < MAX_TRACK; ++i) {
-        if (m_rtp_parser[i]) {
-            m_rtp_parser[i]->SetParam(m_track[i]);
-        }
-    }
-    if (m_ts_parser) {
-        m_ts_parser->SetParam(m_ts_param);
-    }
-}
-
-void CKXDataReceiver::build_tracks_locked() {
-    m_channel_num = 0;
-    m_ts_param.video_enc_type = ENC_TYPE_NONE;
-    m_ts_param.audio_enc_type = ENC_TYPE_NONE;
-    if (m_formats.HasVideo()) {
-        const int enc_type = video_enc_type(m_formats.GetVideo().encode_type);
-        m_ts_param.video_enc_type = enc_type;
-        add_track_locked(enc_type, enc_type == ENC_TYPE_JPEG ? JPEG_PAYLOAD : DYNAMIC_VIDEO_PAYLOAD, VIDEO_CLOCK);
-    }
-    if (m_formats.HasAudio()) {
-        const AudioPayload* payload =
-            FindAudioPayload(m_formats.GetAudio().encode_type, m_formats.GetAudio().sample_rate);
-        add_track_locked(m_formats.GetAudio().encode_type == STREAM_AUDIO_MPEG ? ENC_TYPE_MPEG_AUDIO : ENC_TYPE_AUDIO,
-                         payload == nullptr ? DYNAMIC_AUDIO_PAYLOAD : payload->payload_type,
-                         m_formats.GetAudio().sample_rate);
-    }
-    add_track_locked(ENC_TYPE_ASSIST, 0, VIDEO_CLOCK);
-    add_track_locked(ENC_TYPE_ONVIF_METADATA, ONVIF_METADATA_PAYLOAD, VIDEO_CLOCK);
-    for (int i = 0; i < MAX_TRACK; ++i) {
-        m_over_tcp[i].use_header = 1;
-        m_over_tcp[i].dollar = '$';
-        m_over_tcp[i].channel = static_cast<uint8_t>(2 * i);
-        m_over_tcp[i].merge_frame = 1;
-        m_src_info.Begin(i, m_track[i].sequence);
-    }
-    m_src_info.SetCount(m_channel_num);
-}
-
-void CKXDataReceiver::add_track_locked(int enc_type, int payload_type, int clock_rate) {
-    RtpEncParam& track = m_track[m_channel_num++];
-    track.enc_type = enc_type;
-    track.payload_type = static_cast<uint8_t>(payload_type);
-    track.clock_rate = static_cast<uint32_t>(clock_rate);
-}
-
-// A track that has not run yet begins at a random time stamp (RFC 3550 5.1); the others show where they stand.
-void CKXDataReceiver::reset_tracks_locked() {
-    for (int i = 0; i < MAX_TRACK; ++i) {
-        if (!m_rtp_parser[i]) {
-            m_track[i].timestamp = random_draw32();
-            m_src_info.SetTimestamp(i, m_track[i].timestamp);
-            continue;
-        }
-        m_rtp_parser[i]->GetParam(m_track[i]);
-        m_src_info.SetPlace(i, m_track[i].timestamp, m_track[i].sequence);
-        m_rtp_parser[i]->SetParam(m_track[i]);
-    }
 }
 
 // Compares the source with what is described. True for a change, upon which the tracks are rebuilt and the owner hears
@@ -196,7 +93,7 @@ bool CKXDataReceiver::update_formats_locked() {
     if (!m_formats.Update(*m_stream_source)) {
         return false;
     }
-    update_tracks_locked();
+    m_encoders.Build(m_formats);
     logWarn("%s:%d sdp info need updata\n", __FILE__, __LINE__);
     Notify(m_notify_id, MSG_SDP_UPDATE, 0);
     return true;

@@ -5,11 +5,12 @@
 #include <cstdint>
 #include <memory>
 
-#include "StreamParser/StreamParser.h"
 #include "StreamSource/BufferTable.h"
 #include "StreamSource/FormatWatch.h"
 #include "StreamSource/PlayWindow.h"
+#include "StreamSource/ReplayExtension.h"
 #include "StreamSource/SrcInfoTable.h"
+#include "StreamSource/TrackEncoders.h"
 #include "StreamSource/UseCount.h"
 #include "Vidora/Flumen/MediaFrame.h"
 #include "Vidora/Names.h"
@@ -40,7 +41,7 @@ class CKXDataReceiver : public CNetHandler {
 public:
     typedef CStreamSource* (*create_src_fun_t)(const char* content);
 
-    CKXDataReceiver();
+    CKXDataReceiver() : m_encoders(m_src_info) {}
 
     // A call into the receiver from outside, for its time.
     class CUse {
@@ -96,19 +97,12 @@ public:
     void Close() override;
 
 private:
-    static const int MAX_TRACK = CSrcInfoTable::MAX_TRACK;
-    static const unsigned int REPLAY_EXT_SIZE = 16;
-
     ~CKXDataReceiver() override;
 
     bool is_seekable() const { return m_src_type == SRC_TYPE_FILE || m_src_type == SRC_TYPE_TOKEN; }
 
     // The stream's information (KXDataReceiver.cpp).
     void on_first_info();
-    void build_tracks_locked() VIDORA_REQUIRES(m_mutex);
-    void add_track_locked(int enc_type, int payload_type, int clock_rate) VIDORA_REQUIRES(m_mutex);
-    void update_tracks_locked() VIDORA_REQUIRES(m_mutex);
-    void reset_tracks_locked() VIDORA_REQUIRES(m_mutex);
     bool update_formats_locked() VIDORA_REQUIRES(m_mutex);
 
     // Starting, stopping and the play window (KXDataReceiverPlay.cpp).
@@ -120,7 +114,7 @@ private:
     int resume_source();
     void end();
 
-    // The road of a frame (KXDataReceiverFrame.cpp).
+    // The path of a frame (KXDataReceiverFrame.cpp).
     void frame_proc(const Flumen::CMediaFrame& frame);
     void take_frame(const Flumen::CMediaFrame& frame);
     bool is_at_end_locked() VIDORA_REQUIRES(m_mutex);
@@ -129,11 +123,9 @@ private:
     int put_frame_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
     int find_track_locked(int type) VIDORA_REQUIRES(m_mutex);
     int put_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
-    bool make_rtp_parser_locked(int track) VIDORA_REQUIRES(m_mutex);
     unsigned int send_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
     int put_ts_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
     static void put_kx(const CMediaBufferRef& buffer, const Flumen::CMediaFrame& frame, int track, int tag);
-    void set_replay_ext_locked(const Flumen::CMediaFrame& frame, int track) VIDORA_REQUIRES(m_mutex);
 
     // Constant after Init; messages that come while it runs wait for its end.
     long m_notify_id = 0;
@@ -154,20 +146,12 @@ private:
     bool m_paused VIDORA_GUARDED_BY(m_mutex) = false;   // the client counts stay as they are when streaming resumes
     int m_cseq VIDORA_GUARDED_BY(m_mutex) = -1;         // of the last StartStreaming
 
-    // Tracks. A converter is empty until its track's first frame.
-    int m_channel_num VIDORA_GUARDED_BY(m_mutex) = 0;
-    RtpEncParam m_track[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex);
-    RtpOverTcpParam m_over_tcp[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex);
-    std::shared_ptr<CStreamParser> m_rtp_parser[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex);
-    TsEncParam m_ts_param VIDORA_GUARDED_BY(m_mutex);
-    std::shared_ptr<CStreamParser> m_ts_parser VIDORA_GUARDED_BY(m_mutex);
-
     // The running stream.
-    int m_packet_state VIDORA_GUARDED_BY(m_mutex) = 0;   // of the last frame
-    double m_last_utc VIDORA_GUARDED_BY(m_mutex) = 0.0;  // of the last frame on the replay road, seconds
-    unsigned char m_replay_ext[REPLAY_EXT_SIZE] VIDORA_GUARDED_BY(m_mutex) = {};
+    CSrcInfoTable m_src_info;  // has a lock of its own
+    CTrackEncoders m_encoders VIDORA_GUARDED_BY(m_mutex);
+    int m_packet_state VIDORA_GUARDED_BY(m_mutex) = PACKET_STATE_RUNS;  // of the last frame
+    CReplayExtension m_replay VIDORA_GUARDED_BY(m_mutex);               // of a token
 
-    CSrcInfoTable m_src_info;
     std::atomic<int> m_assist_count{0};  // clients that want assist frames
     CUseCount m_use;
 };

@@ -1,6 +1,4 @@
-// The road of a frame through CKXDataReceiver: from the host's callback to up to three media buffers.
-#include <cmath>
-#include <cstring>
+// The path of a frame through CKXDataReceiver: from the host's callback to up to three media buffers.
 #include <new>
 
 #include "FrameInfo.h"
@@ -19,24 +17,14 @@ namespace {
 
 const unsigned int INDEX_OFFSET = 8;    // of the sequence number in the private frame header
 const unsigned int KX_HEADER_SIZE = 6;  // "$", channel, 32-bit length
-const unsigned int COUNTED_PACKET_SIZE = 1440;
 const int RTP_INFO_LENGTH = 32;
 const int KX_INFO_LENGTH = 4;
-
-// The extension of the ONVIF Streaming Specification, 6.3 (RTP header extension of replay).
-const uint16_t REPLAY_EXT_PROFILE = 0xABAC;
-const uint16_t REPLAY_EXT_WORDS = 3;
-const double NTP_OFFSET = 2208988800.0;  // seconds from 1900 to 1970
-const uint8_t REPLAY_CLEAN_POINT = 0x80;
-const uint8_t REPLAY_END = 0x40;
-const uint8_t REPLAY_DISCONTINUITY = 0x20;
-const unsigned int REPLAY_FLAGS_OFFSET = 12;
 
 bool is_video(int type) {
     return type == FRAME_TYPE_I || type == FRAME_TYPE_P || type == FRAME_TYPE_B;
 }
 
-// Gives a packet to a buffer, which takes it over unless memory is short or it is empty: then it ends here.
+// Puts a packet into a buffer, which takes it over unless memory is short or it is empty: then it ends here.
 bool put_packet(const CMediaBufferRef& buffer, CMediaPacket* packet, unsigned int size, int flag, int tag) {
     if (buffer.Put(packet, static_cast<int>(size), flag, tag) < 0) {
         packet->Release();
@@ -100,10 +88,10 @@ void CKXDataReceiver::take_frame(const Flumen::CMediaFrame& frame) {
 }
 
 bool CKXDataReceiver::is_at_end_locked() {
-    m_packet_state = 0;
+    m_packet_state = PACKET_STATE_RUNS;
     m_stream_source->getPacketType(m_packet_state);
     logTrace("%s:%d m_packet_state %d\n", __FILE__, __LINE__, m_packet_state);
-    return m_packet_state == 1;
+    return m_packet_state == PACKET_STATE_END;
 }
 
 bool CKXDataReceiver::is_outside_window_locked(const Flumen::CMediaFrame& frame) {
@@ -123,7 +111,7 @@ int CKXDataReceiver::put_frame_locked(const Flumen::CMediaFrame& frame) {
     if (is_described && m_buffers.Size(PACKET_TYPE_RTP) > 0 && put_rtp_locked(frame, track, tag) < 0) {
         return -1;
     }
-    // Audio doesn't reach the transport stream by this road.
+    // Audio doesn't reach the transport stream by this path.
     if (is_described && m_buffers.Size(PACKET_TYPE_TS) > 0 && is_video(type) && put_ts_locked(frame, track, tag) < 0) {
         return -1;
     }
@@ -162,43 +150,27 @@ bool CKXDataReceiver::is_described_locked(const Flumen::CMediaFrame& frame) {
 }
 
 int CKXDataReceiver::put_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) {
-    if (!m_rtp_parser[track] && !make_rtp_parser_locked(track)) {
+    if (!m_encoders.BeginRtp(track)) {
         logError("%s:%d rtp stream parser create fail\n", __FILE__, __LINE__);
         return -1;
     }
     if (m_src_type == SRC_TYPE_TOKEN) {
-        set_replay_ext_locked(frame, track);
+        m_replay.Write(frame, m_packet_state, m_cseq);
+        m_encoders.SetExtension(track, m_replay);
     }
-    const unsigned int bytes = send_rtp_locked(frame, track, tag);
-    m_rtp_parser[track]->GetParam(m_track[track]);
-    m_src_info.SetPlace(track, m_track[track].timestamp, m_track[track].sequence);
-    m_src_info.AddPackets(track, bytes, (bytes + COUNTED_PACKET_SIZE - 1) / COUNTED_PACKET_SIZE);
+    m_encoders.CountRtp(track, send_rtp_locked(frame, track, tag));
     return 0;
-}
-
-bool CKXDataReceiver::make_rtp_parser_locked(int track) {
-    m_rtp_parser[track] = CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_RTP);
-    if (!m_rtp_parser[track]) {
-        return false;
-    }
-    m_rtp_parser[track]->SetParam(m_over_tcp[track]);
-    m_rtp_parser[track]->SetParam(m_track[track]);
-    return true;
 }
 
 // Cuts the frame into packets and puts them as one merged packet into each buffer. The bytes put, 0 on failure.
 unsigned int CKXDataReceiver::send_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) {
-    CStreamParser& parser = *m_rtp_parser[track];
-    const int result = parser.InputFrame(frame);
-    if (result != PARSER_FRAME_READY) {
-        parser.Clean();
-        logError("%s:%d MediaFrame Input fail, ret:%d, frame_type = %c .\n", __FILE__, __LINE__, result,
+    const CTrackEncoders::Converted rtp = m_encoders.ToRtp(track, frame);
+    if (rtp.result != PARSER_FRAME_READY) {
+        logError("%s:%d MediaFrame Input fail, ret:%d, frame_type = %c .\n", __FILE__, __LINE__, rtp.result,
                  frame.getType());
         return 0;
     }
-    const Flumen::CMediaFrame packets = parser.OutputFrame();
-    if (!packets.valid()) {
-        parser.Clean();
+    if (!rtp.packets.valid()) {
         logError("%s:%d MediaFrame Input fail, type=%c.\n", __FILE__, __LINE__, frame.getType());
         return 0;
     }
@@ -206,66 +178,27 @@ unsigned int CKXDataReceiver::send_rtp_locked(const Flumen::CMediaFrame& frame, 
     for (size_t i = 0; i < m_buffers.Size(PACKET_TYPE_RTP); ++i) {
         const CMediaBufferRef buffer = m_buffers.At(PACKET_TYPE_RTP, i);
         put_info(buffer, frame, track, RTP_INFO_LENGTH);
-        put = put_media(buffer, packets, 1, tag) || put;
+        put = put_media(buffer, rtp.packets, 1, tag) || put;
     }
-    return put ? packets.size() : 0;
-}
-
-void CKXDataReceiver::set_replay_ext_locked(const Flumen::CMediaFrame& frame, int track) {
-    const double utc = frame.getUtc();
-    const int type = frame.getType();
-    uint8_t flags = static_cast<uint8_t>(m_replay_ext[REPLAY_FLAGS_OFFSET] & REPLAY_END);
-    if (m_packet_state == 0 || m_packet_state == 1) {  // any other state leaves the bit as it was
-        flags = m_packet_state == 1 ? REPLAY_END : 0;
-    }
-    if (type == FRAME_TYPE_I || type == FRAME_TYPE_JPEG) {
-        flags = static_cast<uint8_t>(flags | REPLAY_CLEAN_POINT);
-    }
-    if (std::fabs(utc - m_last_utc) > 1.0) {
-        flags = static_cast<uint8_t>(flags | REPLAY_DISCONTINUITY);
-    }
-    m_last_utc = utc;
-
-    CByteWriter writer(m_replay_ext, sizeof(m_replay_ext));
-    writer.WriteU16(REPLAY_EXT_PROFILE);
-    writer.WriteU16(REPLAY_EXT_WORDS);
-    // The 32-bit seconds of RFC 5905 wrap in 2036: kept modulo 2^32.
-    writer.WriteU32(static_cast<uint32_t>(static_cast<uint64_t>(utc > 0.0 ? utc + NTP_OFFSET : NTP_OFFSET)));
-    writer.WriteU32(0);
-    writer.WriteU8(flags);
-    writer.WriteU8(static_cast<uint8_t>(m_cseq));
-    writer.WriteU16(0);
-
-    m_track[track].flags |= RTP_FLAG_EXTENSION;
-    static_assert(sizeof(m_track[track].extension) == sizeof(m_replay_ext), "one extension record");
-    std::memcpy(m_track[track].extension, m_replay_ext, sizeof(m_replay_ext));
-    m_rtp_parser[track]->SetParam(m_track[track]);
+    return put ? rtp.packets.size() : 0;
 }
 
 int CKXDataReceiver::put_ts_locked(const Flumen::CMediaFrame& frame, int track, int tag) {
-    if (!m_ts_parser) {
-        m_ts_parser = CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_TS);
-        if (!m_ts_parser) {
-            logError("%s:%d ts stream parser create fail\n", __FILE__, __LINE__);
-            return -1;
-        }
-        m_ts_parser->SetParam(m_over_tcp[track]);
-        m_ts_parser->SetParam(m_ts_param);
+    if (!m_encoders.BeginTs(track)) {
+        logError("%s:%d ts stream parser create fail\n", __FILE__, __LINE__);
+        return -1;
     }
-    const int result = m_ts_parser->InputFrame(frame);
-    if (result != PARSER_FRAME_READY) {
-        m_ts_parser->Clean();
-        logError("%s:%d MediaFrame Input fail, ret%d\n", __FILE__, __LINE__, result);
+    const CTrackEncoders::Converted ts = m_encoders.ToTs(frame);
+    if (ts.result != PARSER_FRAME_READY) {
+        logError("%s:%d MediaFrame Input fail, ret%d\n", __FILE__, __LINE__, ts.result);
         return 0;
     }
-    const Flumen::CMediaFrame packets = m_ts_parser->OutputFrame();
-    if (!packets.valid()) {
-        m_ts_parser->Clean();
+    if (!ts.packets.valid()) {
         logError("%s:%d MediaFrame Input fail\n", __FILE__, __LINE__);
         return 0;
     }
     for (size_t i = 0; i < m_buffers.Size(PACKET_TYPE_TS); ++i) {
-        put_media(CMediaBufferRef(m_buffers.At(PACKET_TYPE_TS, i)), packets, 1, tag);
+        put_media(CMediaBufferRef(m_buffers.At(PACKET_TYPE_TS, i)), ts.packets, 1, tag);
     }
     return 0;
 }

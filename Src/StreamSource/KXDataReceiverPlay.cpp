@@ -112,7 +112,7 @@ int CKXDataReceiver::Pause() {
     }
     CGuard guard(m_mutex);
     m_paused = true;
-    reset_tracks_locked();
+    m_encoders.Reset();
     return 0;
 }
 
@@ -183,7 +183,7 @@ int CKXDataReceiver::StopStreaming(packet_type_t packet_type, const CMediaBuffer
         m_buffers.Remove(packet_type, buffer);
         const int rtp_count = m_buffers.Clients(PACKET_TYPE_RTP);
         if (rtp_count < 1) {
-            reset_tracks_locked();
+            m_encoders.Reset();
         }
         if (m_buffers.Clients() > 0) {
             logInfo("%s:%d, have't stop streamsource already., rtp_client=%d, ts_client=%d, kx_client=%d.\n", __FILE__,

@@ -5,6 +5,7 @@
 
 #include "Protocol/TextWriter.h"
 #include "StreamSource/ProxyDescription.h"
+#include "StreamSource/SrcInfoTable.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -12,7 +13,6 @@ namespace Vidora {
 namespace {
 
 const double US_PER_SECOND = 1000000.0;
-const int OCTETS_PER_PACKET = 1440;  // as SrcInfo counts
 
 float to_seconds(uint64_t time_us) {
     return time_us == TIME_NOT_GIVEN ? -1.0F : static_cast<float>(static_cast<double>(time_us) / US_PER_SECOND);
@@ -177,7 +177,7 @@ int CRtspProxySrc::GetSrcInfo(SrcInfo& info, int track_id) {
     }
     info.track_id = track_id;
     info.octets = stats.octets;
-    info.packets = (stats.octets + OCTETS_PER_PACKET - 1) / OCTETS_PER_PACKET;
+    info.packets = (stats.octets + CSrcInfoTable::COUNTED_PACKET_SIZE - 1) / CSrcInfoTable::COUNTED_PACKET_SIZE;
     // Until somebody is fed, what counts is where the server begins; then, where it is.
     const bool from_server = facts.has_rtp_info && (!m_relay.Feeds() || stats.have_seq == 0);
     info.seq = from_server ? facts.seq : static_cast<uint16_t>(stats.last_seq);

@@ -16,6 +16,7 @@ namespace Vidora {
 class CSrcInfoTable {
 public:
     static const int MAX_TRACK = 8;
+    static const unsigned int COUNTED_PACKET_SIZE = 1440;  // SrcInfo counts packets by their bytes
 
     // The table of tracks was built anew: the first `count` are in use.
     void SetCount(int count);

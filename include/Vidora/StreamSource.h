@@ -31,6 +31,12 @@ enum stream_audio_encode_t {
     STREAM_AUDIO_MPEG = 31  // MPEG audio layer 2
 };
 
+// States of CStreamSource::getPacketType; others are left to the host.
+enum packet_state_t {
+    PACKET_STATE_RUNS = 0,
+    PACKET_STATE_END = 1  // the end of the recording
+};
+
 struct StreamVideoFormat {
     // Samples. A change of either one is a change of format; the library reads them for nothing else.
     int32_t width = 0;
@@ -116,8 +122,8 @@ public:
     // Bounds of a token source.
     virtual bool Limit(CTime start, CTime end);
     virtual void RePlay();
-    // State of the frame just given: 1 means the end of the file; that frame is not sent. The result is ignored. Called
-    // inside the frame callback.
+    // State of the frame just given, a packet_state_t; the frame that comes with the end of a file is not sent. The
+    // result is ignored. Called inside the frame callback.
     virtual bool getPacketType(int& packet_state);
 };
 

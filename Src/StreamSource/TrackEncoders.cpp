@@ -1,0 +1,173 @@
+#include "StreamSource/TrackEncoders.h"
+
+#include <cstring>
+
+#include "StreamParser/RandomDraw.h"
+#include "StreamSource/AudioTable.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const int VIDEO_CLOCK = 90000;  // RFC 3551 5
+const int DYNAMIC_VIDEO_PAYLOAD = 96;
+const int JPEG_PAYLOAD = 26;  // RFC 3551 table 5
+const int DYNAMIC_AUDIO_PAYLOAD = 97;
+const int ONVIF_METADATA_PAYLOAD = 107;
+const int TS_PACKETS_PER_OUTPUT = 7;  // 7 x 188 bytes fit one Ethernet frame
+
+int video_enc_type(int encode_type) {
+    switch (encode_type) {
+        case STREAM_VIDEO_MPEG4:
+            return ENC_TYPE_MPEG4;
+        case STREAM_VIDEO_H264:
+            return ENC_TYPE_H264;
+        case STREAM_VIDEO_JPEG:
+            return ENC_TYPE_JPEG;
+        default:
+            return ENC_TYPE_NONE;
+    }
+}
+
+}  // namespace
+
+CTrackEncoders::CTrackEncoders(CSrcInfoTable& info) : m_info(info) {
+    m_ts_param.packets_per_output = TS_PACKETS_PER_OUTPUT;
+    for (int i = 0; i < MAX_TRACK; ++i) {
+        Track& track = m_tracks[i];
+        track.param.ssrc = random_draw32();
+        track.param.sequence = random_draw();
+        track.over_tcp.use_header = 1;
+        track.over_tcp.channel = static_cast<uint8_t>(2 * i);  // RTP on the even ones (RFC 2326 10.12)
+        track.over_tcp.merge_frame = 1;
+        m_info.SetSsrc(i, track.param.ssrc);
+    }
+}
+
+// Running numbers of the converters are read back first, so that they carry over into the new table.
+void CTrackEncoders::Build(const CFormatWatch& formats) {
+    for (Track& track : m_tracks) {
+        if (track.rtp) {
+            track.rtp->GetParam(track.param);
+        }
+    }
+    add_tracks(formats);
+    for (int i = 0; i < MAX_TRACK; ++i) {
+        m_info.Begin(i, m_tracks[i].param.sequence);
+    }
+    m_info.SetCount(m_count);
+    for (const Track& track : m_tracks) {
+        if (track.rtp) {
+            track.rtp->SetParam(track.param);
+        }
+    }
+    if (m_ts) {
+        m_ts->SetParam(m_ts_param);
+    }
+}
+
+void CTrackEncoders::add_tracks(const CFormatWatch& formats) {
+    m_count = 0;
+    m_ts_param.video_enc_type = ENC_TYPE_NONE;
+    m_ts_param.audio_enc_type = ENC_TYPE_NONE;
+    if (formats.HasVideo()) {
+        const int enc_type = video_enc_type(formats.GetVideo().encode_type);
+        m_ts_param.video_enc_type = enc_type;
+        add(enc_type, enc_type == ENC_TYPE_JPEG ? JPEG_PAYLOAD : DYNAMIC_VIDEO_PAYLOAD, VIDEO_CLOCK);
+    }
+    if (formats.HasAudio()) {
+        const StreamAudioFormat& audio = formats.GetAudio();
+        const AudioPayload* payload = FindAudioPayload(audio.encode_type, audio.sample_rate);
+        add(audio.encode_type == STREAM_AUDIO_MPEG ? ENC_TYPE_MPEG_AUDIO : ENC_TYPE_AUDIO,
+            payload == nullptr ? DYNAMIC_AUDIO_PAYLOAD : payload->payload_type, audio.sample_rate);
+    }
+    add(ENC_TYPE_ASSIST, 0, VIDEO_CLOCK);
+    add(ENC_TYPE_ONVIF_METADATA, ONVIF_METADATA_PAYLOAD, VIDEO_CLOCK);
+}
+
+void CTrackEncoders::add(int enc_type, int payload_type, int clock_rate) {
+    RtpEncParam& param = m_tracks[m_count++].param;
+    param.enc_type = enc_type;
+    param.payload_type = static_cast<uint8_t>(payload_type);
+    param.clock_rate = static_cast<uint32_t>(clock_rate);
+}
+
+void CTrackEncoders::Reset() {
+    for (int i = 0; i < MAX_TRACK; ++i) {
+        Track& track = m_tracks[i];
+        if (!track.rtp) {
+            track.param.timestamp = random_draw32();
+            m_info.SetTimestamp(i, track.param.timestamp);
+            continue;
+        }
+        track.rtp->GetParam(track.param);
+        m_info.SetPlace(i, track.param.timestamp, track.param.sequence);
+        track.rtp->SetParam(track.param);
+    }
+}
+
+bool CTrackEncoders::BeginRtp(int index) {
+    Track& track = m_tracks[index];
+    if (track.rtp) {
+        return true;
+    }
+    track.rtp = CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_RTP);
+    if (!track.rtp) {
+        return false;
+    }
+    track.rtp->SetParam(track.over_tcp);
+    track.rtp->SetParam(track.param);
+    return true;
+}
+
+bool CTrackEncoders::BeginTs(int track) {
+    if (m_ts) {
+        return true;
+    }
+    m_ts = CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_TS);
+    if (!m_ts) {
+        return false;
+    }
+    m_ts->SetParam(m_tracks[track].over_tcp);
+    m_ts->SetParam(m_ts_param);
+    return true;
+}
+
+void CTrackEncoders::SetExtension(int track, const CReplayExtension& extension) {
+    RtpEncParam& param = m_tracks[track].param;
+    param.flags |= RTP_FLAG_EXTENSION;
+    static_assert(sizeof(param.extension) == CReplayExtension::SIZE, "one extension record");
+    std::memcpy(param.extension, extension.GetBytes(), sizeof(param.extension));
+    m_tracks[track].rtp->SetParam(param);
+}
+
+CTrackEncoders::Converted CTrackEncoders::ToRtp(int track, const Flumen::CMediaFrame& frame) {
+    return convert(*m_tracks[track].rtp, frame);
+}
+
+CTrackEncoders::Converted CTrackEncoders::ToTs(const Flumen::CMediaFrame& frame) {
+    return convert(*m_ts, frame);
+}
+
+CTrackEncoders::Converted CTrackEncoders::convert(CStreamParser& parser, const Flumen::CMediaFrame& frame) {
+    Converted converted{parser.InputFrame(frame), {}};
+    if (converted.result == PARSER_FRAME_READY) {
+        converted.packets = parser.OutputFrame();
+    }
+    if (!converted.packets.valid()) {
+        parser.Clean();
+    }
+    return converted;
+}
+
+void CTrackEncoders::CountRtp(int index, unsigned int bytes) {
+    Track& track = m_tracks[index];
+    track.rtp->GetParam(track.param);
+    m_info.SetPlace(index, track.param.timestamp, track.param.sequence);
+    m_info.AddPackets(index, bytes,
+                      (bytes + CSrcInfoTable::COUNTED_PACKET_SIZE - 1) / CSrcInfoTable::COUNTED_PACKET_SIZE);
+}
+
+}  // namespace Vidora
+}  // namespace Kavio
