@@ -109,7 +109,7 @@ private:
     double m_anchor_ms = 0.0;
     double m_last_pts_ms = 0.0;
     uint32_t m_sequence[2] = {0, 0};  // of video and audio
-    int m_packet_state = PACKET_STATE_RUNS;
+    int m_packet_state = Kavio::Vidora::PACKET_STATE_RUNS;
     std::vector<unsigned char> m_body;        // of the frame in work
     std::vector<unsigned char> m_short_body;  // the same as the file has it, where it has three-byte start codes
 };
