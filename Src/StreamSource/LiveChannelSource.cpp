@@ -35,7 +35,7 @@ CDataSource* CLiveChannel::AddDataSrc(CDataSource* src, uint64_t arg) {
         CGuard guard(self.m_mutex);
         if (self.m_closed || (src != nullptr && feed == nullptr)) {
             logError("%s:%d the channel is closed, or memory is short\n", __FILE__, __LINE__);
-            return nullptr;
+            return src;
         }
         old = self.m_feed;
         self.m_feed = feed;
@@ -48,8 +48,12 @@ CDataSource* CLiveChannel::AddDataSrc(CDataSource* src, uint64_t arg) {
     }
     CDataSource* given_back = Internal::leave_source(old, GetID());
     if (kept != nullptr) {
-        const bool is_callers = old != nullptr && kept == old->Gate();
-        if (kept->Release(!is_callers) && is_callers) {
+        const bool was_fed_by_it = old != nullptr && kept == old->Gate();
+        // One that the registry goes on having isn't the caller's, nor one that another call has given back.
+        if (was_fed_by_it && (kept == gate || !kept->HandBack())) {
+            given_back = nullptr;
+        }
+        if (kept->Release(!was_fed_by_it)) {
             leave_notify_list(kept, registry_id);
         }
     }
@@ -157,7 +161,7 @@ void CLiveChannel::unpublish(bool closes) {
         registry_id = m_internal->m_registry_id;
         m_internal->m_registry_id = 0;
     }
-    if (kept != nullptr && kept->Release(closes) && !closes) {
+    if (kept != nullptr && kept->Release(closes)) {
         leave_notify_list(kept, registry_id);
     }
     let_go();

@@ -115,6 +115,14 @@ bool CSourceGate::rest() {
 void CSourceGate::Keep() {
     CGuard guard(m_mutex);
     ++m_keepers;
+    m_handed_back = false;
+}
+
+bool CSourceGate::HandBack() {
+    CGuard guard(m_mutex);
+    const bool first = !m_handed_back;
+    m_handed_back = true;
+    return first;
 }
 
 bool CSourceGate::Release(bool closes) {
@@ -123,11 +131,12 @@ bool CSourceGate::Release(bool closes) {
         if (--m_keepers > 0) {
             return false;
         }
+        closes = closes && !m_handed_back;
     }
     if (closes) {
         Do(m_close_job);
     }
-    return true;
+    return !closes;
 }
 
 }  // namespace Vidora

@@ -82,8 +82,12 @@ public:
     // The source, for comparisons and to be given back; it may have gone.
     CDataSource* Source() const { return m_source; }
 
+    // A registry has it from now on, also if it was handed back before.
     void Keep();
-    // `closes`: the source is closed if nobody keeps it any more. True if nobody does.
+    // The host has it again, whoever keeps it: no registry closes it. False if it was handed back already.
+    bool HandBack();
+    // `closes`: the source is closed if nobody keeps it any more and it wasn't handed back. True if it lives on and
+    // nobody keeps it.
     bool Release(bool closes);
 
 private:
@@ -102,6 +106,7 @@ private:
     std::shared_ptr<CSourceJob> m_first VIDORA_GUARDED_BY(m_mutex);
     CSourceJob* m_last VIDORA_GUARDED_BY(m_mutex) = nullptr;
     int m_keepers VIDORA_GUARDED_BY(m_mutex) = 0;
+    bool m_handed_back VIDORA_GUARDED_BY(m_mutex) = false;
 };
 
 }  // namespace Vidora

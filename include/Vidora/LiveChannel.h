@@ -23,8 +23,7 @@ class CSdpParser;
 // another one, nobody waits: the wish is noted, the operation returns 0, and it is done when that call has ended.
 //
 // THREADING  Any thread, also inside a source's Start or Stop and inside a frame callback. Locks of its own are held
-// over
-//            no call into the source.
+//            over no call into the source.
 // OWNERSHIP  Owns its buffers and its multicast senders, and borrows the source. It dies by Close, never by delete,
 //            and then only when the last reference has gone; sinks that are attached to its buffers until then are
 //            taken off, not ended. Both it and its source may be closed by the host at any time, also while it is
@@ -39,11 +38,14 @@ public:
     // none. `transf_type`: how it sends to multicast destinations.
     int Init(const char* channel_name, long notify_id, transf_type_t transf_type);
     // Gives the channel its source, which has been through Init, and starts it; null takes it away. Returns the former
-    // source, which is the caller's again and may be closed at once, or null. `arg` is kept and read by nothing.
+    // source, which is the caller's again and may be closed at once, or null. A channel that is closed, or has no
+    // memory for it, returns `src` itself, which stays the caller's. `arg` is kept and read by nothing.
     //
     // On a published channel the sources change places: the new one is the registry's from now on. Clients that play
     // see it go on with the frames of the new source, and what they had started in the former one is stopped. Its first
-    // description is told to them if it differs from the former source's, as a change of format is.
+    // description is told to them if it differs from the former source's, as a change of format is. A former source
+    // that feeds other channels as well is returned once, by the first of them; it goes on feeding the others until the
+    // caller closes it, and the registry doesn't.
     CDataSource* AddDataSrc(CDataSource* src, uint64_t arg);
     // Adds a multicast destination: `dest_ip` is the group and the base port, `local_ip` an address or the name of the
     // interface to send from; null: by the system's routes. The interface need not be there yet, and may get another

@@ -17,13 +17,12 @@ class CLiveChannel;
 // One source may feed several channels. Results are 0, or -1 with a log line.
 //
 // THREADING  Any thread, also inside a source's Start or Stop and inside a frame callback. One lock over the table,
-// held
-//            over no call into a source: a source that takes its time to start or to stop holds up its own channels'
-//            clients and nobody else. See CLiveChannel.
+//            held over no call into a source: a source that takes its time to start or to stop holds up its own
+//            channels' clients and nobody else. See CLiveChannel.
 // OWNERSHIP  From a successful AddLiveChannel on the registry owns channel and source and closes them: the channel at
-//            DelLiveChannel, the source with its last channel, and all of them at Close. Sinks are borrowed: who
-//            enters leaves before the sink dies. Who holds a reference on the channel leaves by CLiveChannel::Leave,
-//            which also serves when the channel was deleted meanwhile.
+//            DelLiveChannel, the source with its last channel unless AddDataSrc has given it back, and all of them at
+//            Close. Sinks are borrowed: who enters leaves before the sink dies. Who holds a reference on the channel
+//            leaves by CLiveChannel::Leave, which also serves when the channel was deleted meanwhile.
 // THE END    A registry dies by Close, never by delete. The host may close it at any time, before or after the servers
 //            that were given it by SetLiveSvr, also while clients play, and doesn't touch it any more. Servers and
 //            sessions that still use it keep it allocated until the last of them has gone; they find it empty, and

@@ -321,6 +321,30 @@ TEST_F(SharedSource, SourcesChangePlacesUnderAPlayingClient) {
     m_slow = next;  // the registry's by now
 }
 
+TEST_F(SharedSource, AFormerSourceOfTwoChannelsIsGivenBackOnce) {
+    CLiveChannel* const first = m_svr->GetLiveChannel("slow", 1);
+    CLiveChannel* const second = make_channel("second", m_slow);
+    second->AddRef(1);
+    ASSERT_EQ(0, m_svr->AddLiveChannel("second", second, m_slow));
+    CSink sink;
+    EXPECT_EQ(0, second->Enter(&sink, PACKET_TYPE_RTP));
+    EXPECT_EQ(nullptr, first->AddDataSrc(m_slow, 0));  // the registry has it still
+    EXPECT_EQ(m_slow, first->AddDataSrc(m_quick, 0));
+    EXPECT_EQ(1, m_slow->m_running);
+    EXPECT_EQ(nullptr, second->AddDataSrc(m_quick, 0));
+    EXPECT_EQ(0, m_slow->m_running);
+    EXPECT_EQ(0u, m_slow->Notified());
+    EXPECT_EQ(1, m_quick->m_running);
+    second->Leave(&sink, PACKET_TYPE_RTP);
+    EXPECT_EQ(0, m_svr->DelLiveChannel("second"));
+    EXPECT_EQ(m_slow, second->AddDataSrc(m_slow, 0));  // refused, as the channel is closed
+    second->DelRef(1);
+    first->DelRef(1);
+    m_slow->Close();
+    EXPECT_TRUE(WaitUntil([&] { return m_closed == 1; }));
+    m_slow = m_quick;
+}
+
 TEST_F(SharedSource, ASourceMayBeClosedWhileACallIsInside) {
     CSink sink;
     m_slow->m_door.Set(false);
