@@ -9,8 +9,6 @@ namespace Bench {
 
 namespace {
 
-const char CONTENT[] = "cam/realmonitor?channel=1&subtype=0";
-
 // The text between `begin` and the line's end, behind the position of `after`.
 std::string line_value(const std::string& text, const char* after, const char* begin) {
     const size_t from = text.find(after);
@@ -37,8 +35,8 @@ std::string HeaderValue(const std::string& text, const char* name) {
     return std::string();
 }
 
-CRtspDialogue::CRtspDialogue(uint16_t server_port, uint16_t client_port)
-    : m_client_port(client_port), m_url("rtsp://127.0.0.1:" + std::to_string(server_port) + "/" + CONTENT) {}
+CRtspDialogue::CRtspDialogue(uint16_t server_port, uint16_t client_port, const std::string& content)
+    : m_client_port(client_port), m_url("rtsp://127.0.0.1:" + std::to_string(server_port) + "/" + content) {}
 
 std::string CRtspDialogue::Request() const {
     static const char* const METHODS[] = {"OPTIONS", "DESCRIBE", "SETUP", "PLAY"};

@@ -9,12 +9,14 @@ namespace Bench {
 // The four round trips of a session: OPTIONS, DESCRIBE, SETUP of the first media, PLAY.
 const int DIALOGUE_STEPS = 4;
 
+const char FIRST_CHANNEL[] = "cam/realmonitor?channel=1&subtype=0";
+
 // CRtspDialogue: the client's side of the four round trips, as text.
 class CRtspDialogue {
 public:
     CRtspDialogue() = default;
-    // `client_port`: the RTP port for UDP, 0 for interleaved.
-    CRtspDialogue(uint16_t server_port, uint16_t client_port);
+    // `client_port`: the RTP port for UDP, 0 for interleaved. `content`: what is asked for, behind the URL's host.
+    CRtspDialogue(uint16_t server_port, uint16_t client_port, const std::string& content = FIRST_CHANNEL);
 
     bool Done() const { return m_step == DIALOGUE_STEPS; }
     // The request of the step that is due.
