@@ -99,7 +99,7 @@ int Ts2Frame::put_media(const unsigned char* packet, bool last) {
         return FRAME_MORE;
     }
     m_frame_pts = m_demux.pcr_ms;
-    const int appended = append_payload(payload);
+    const int appended = append_payload(payload.Rest(), static_cast<uint32_t>(payload.Remaining()));
     if (appended < 0) {
         logError("%s:%d _ts_stream.dec ret:%d \n", __FILE__, __LINE__, appended);
         return FRAME_FAILED;
@@ -167,17 +167,18 @@ bool Ts2Frame::reserve(uint32_t len) {
     return true;
 }
 
-int Ts2Frame::append_payload(CByteReader payload) {
+int Ts2Frame::append_payload(const unsigned char* payload, uint32_t len) {
+    CByteReader reader(payload, len);
     if (m_demux.packet.unit_start || m_pes_skip > 0) {
-        payload.Skip(skip_pes_header(payload.Rest(), static_cast<uint32_t>(payload.Remaining())));
+        reader.Skip(skip_pes_header(payload, len));
     }
-    if (!reserve(static_cast<uint32_t>(payload.Remaining()))) {
+    if (!reserve(static_cast<uint32_t>(reader.Remaining()))) {
         return APPEND_OVERFLOW;
     }
     const uint32_t before = m_frame_len;
     CByteWriter frame(m_frame_buf.get(), m_frame_capacity);
     frame.Reserve(m_frame_len);
-    frame.WriteBytes(payload.Rest(), payload.Remaining());
+    frame.WriteBytes(reader.Rest(), reader.Remaining());
     m_frame_len = static_cast<uint32_t>(frame.Offset());
     if (m_picture == NO_START_CODE) {
         find_picture(before);

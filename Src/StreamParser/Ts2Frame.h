@@ -60,7 +60,7 @@ private:
     int put_media(const unsigned char* packet, bool last);
     bool opens_picture(Ostra::CByteReader payload) const;
     bool is_rest() const;
-    int append_payload(Ostra::CByteReader payload);
+    int append_payload(const unsigned char* payload, uint32_t len);
     uint32_t skip_pes_header(const unsigned char* payload, uint32_t len);
     void find_picture(uint32_t from);
     int finish_frame(int result);

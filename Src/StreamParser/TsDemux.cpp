@@ -85,7 +85,7 @@ int find_track(const TsProgramTable& table, int pid) {
     return -1;
 }
 
-int read_media(TsDemuxState& state, CByteReader payload) {
+int read_media(TsDemuxState& state, CByteReader& payload) {
     if (state.packet.has_pcr) {
         state.pcr_ms = state.packet.pcr_base / TICKS_PER_MS;
     }

@@ -42,9 +42,9 @@ struct TFrameBufferStatis {
 // THREADING  No lock: one thread at a time, usually the one that puts.
 // OWNERSHIP  A copy, and a buffer that is assigned to, shares the contents of the other, as with CSdpInfo; the last one
 //            ends them. Nothing is borrowed between the calls: Init copies what it needs of the description.
-// MEMORY     At most some 1000 packets, or 16 MiB of a private frame in pieces, of the frames in work, and 4 frames
-// held
-//            back while the rate is measured.
+// MEMORY     At most 8 MiB of packets for each track, or 16 MiB of a private frame in pieces, of the frames in work,
+// and
+//            4 frames held back while the rate is measured.
 class VIDORA_API CRtpFrameBuffer {
 public:
     CRtpFrameBuffer();
