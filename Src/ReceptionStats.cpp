@@ -61,9 +61,14 @@ uint32_t CReceptionStats::Count(uint16_t seq, uint32_t timestamp, uint32_t ssrc,
 
 // The first packet, another source, or a source that began anew.
 void CReceptionStats::restart(uint16_t seq, uint32_t ssrc) {
-    if (ssrc != m_stats.ssrc && m_stats.have_seq != 0) {
-        m_stats.last_sr = 0;
+    if (ssrc != m_stats.ssrc) {
         m_jitter = 0;
+    }
+    // A report may come before the media; one about another source says nothing of it.
+    if (ssrc != m_sr_ssrc) {
+        m_stats.last_sr = 0;
+        m_stats.sr_ntp = 0;
+        m_stats.sr_rtp = 0;
     }
     m_stats.have_seq = 1;
     m_stats.ssrc = ssrc;
@@ -132,6 +137,7 @@ void CReceptionStats::TakeRtcp(const unsigned char* data, size_t length, uint64_
     m_stats.sr_rtp = rtp;
     m_stats.last_sr = static_cast<uint32_t>(ntp >> 16);
     m_sr_arrival_us = arrival_us;
+    m_sr_ssrc = ssrc;
 }
 
 reception_stats_t CReceptionStats::Get(uint64_t now_us) const {

@@ -78,6 +78,7 @@ private:
     bool m_have_transit = false;
     double m_jitter = 0;
     uint64_t m_sr_arrival_us = 0;
+    uint32_t m_sr_ssrc = 0;  // valid with last_sr
     Interval m_interval;
 };
 

@@ -60,7 +60,8 @@ run_kind_t H264RunKind(const unsigned char* run, size_t length) {
     interleaved_unit_t unit;
     RtpHeader header;
     while (ReadInterleavedUnit(reader, unit) && rtp_parse_header(unit.data, unit.length, header)) {
-        const run_kind_t kind = H264PayloadKind(header.payload, header.payload_len);
+        const run_kind_t kind =
+            header.is_empty ? RUN_KIND_UNDECIDED : H264PayloadKind(header.payload, header.payload_len);
         if (kind != RUN_KIND_UNDECIDED) {
             return kind;
         }

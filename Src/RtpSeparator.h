@@ -3,7 +3,7 @@
 
 #include "BufferedSeparator.h"
 #include "FrameMerger.h"
-#include "LogGate.h"
+#include "Ostra/LogGate.h"
 #include "RtpRun.h"
 
 namespace Kavio {
@@ -42,7 +42,7 @@ private:
 
     Channel m_channels[MERGED];  // video, audio
     uint64_t m_skipped = 0;
-    CLogGate m_lost_log;
+    Ostra::CLogGate m_lost_log;
 };
 
 }  // namespace Vidora

@@ -2,6 +2,7 @@
 
 #include <cstdio>
 #include <new>
+#include <utility>
 
 #include "FrameMerger.h"
 #include "MediaFrame.h"
@@ -37,15 +38,20 @@ int CStreamReceiver::SetTracks(const receiver_tracks_t& tracks) {
     return 0;
 }
 
+// The former buffer's contents, if this is the last user, end outside the lock.
 void CStreamReceiver::DropMediaBuffer() {
+    CMediaBufferRef former;
     CGuard guard(m_put_mutex);
-    m_buffer = CMediaBufferRef();
+    std::swap(m_buffer, former);
 }
 
+// Puts into the new buffer that begin meanwhile aren't waited for.
 int CStreamReceiver::SetMediaBuffer(CMediaBuffer* buffer) {
+    CMediaBufferRef former(buffer);
     CGuard guard(m_put_mutex);
-    m_buffer = CMediaBufferRef(buffer);
-    while (m_putting && m_put_thread != std::this_thread::get_id()) {
+    std::swap(m_buffer, former);
+    const uint64_t put = m_put_count;
+    while (m_putting && m_put_count == put && m_put_thread != std::this_thread::get_id()) {
         m_put_wait.Wait(m_put_mutex);
     }
     return 0;
@@ -303,13 +309,16 @@ int CStreamReceiver::put_packet(const CMediaBufferRef& buffer, CMediaPacket* pac
 }
 
 CMediaBufferRef CStreamReceiver::begin_put() {
+    m_busy.store(true);
     CGuard guard(m_put_mutex);
     m_putting = true;
+    ++m_put_count;
     m_put_thread = std::this_thread::get_id();
     return m_buffer;
 }
 
 void CStreamReceiver::end_put() {
+    m_busy.store(false);
     CGuard guard(m_put_mutex);
     m_putting = false;
     m_put_wait.Wake();

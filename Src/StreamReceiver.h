@@ -6,7 +6,7 @@
 #include <memory>
 #include <thread>
 
-#include "LogGate.h"
+#include "Ostra/LogGate.h"
 #include "ReceptionStats.h"
 #include "Tramel/CallWait.h"
 #include "Tramel/MediaStreamReceiver.h"
@@ -43,7 +43,7 @@ struct receiver_tracks_t {
 // Whether media still comes.
 struct receiver_life_t {
     uint64_t units = 0;  // RTP packets and private frames so far
-    bool busy = false;   // input is being handled just now, perhaps in a host's slow callback: that isn't silence
+    bool busy = false;   // media is being put just now, perhaps into a host's slow callback: that isn't silence
 };
 
 // CStreamReceiver: the media input of a client session. What the sockets bring goes to four places: RTP, as runs of
@@ -131,14 +131,11 @@ protected:
     const receiver_tracks_t& tracks() const { return m_tracks; }
     const char* url() const { return m_url; }
 
-    // Marks the receiver as busy while input is handled.
+    // Publishes the statistics of a turn at its end.
     class CTurn {
     public:
-        explicit CTurn(CStreamReceiver& receiver) : m_receiver(receiver) { m_receiver.m_busy.store(true); }
-        ~CTurn() {
-            m_receiver.publish_stats();
-            m_receiver.m_busy.store(false);
-        }
+        explicit CTurn(CStreamReceiver& receiver) : m_receiver(receiver) {}
+        ~CTurn() { m_receiver.publish_stats(); }
         CTurn(const CTurn&) = delete;
         CTurn& operator=(const CTurn&) = delete;
 
@@ -169,7 +166,7 @@ private:
     CReceptionStats m_reception[RECEIVER_MAX_TRACKS];
     uint64_t m_arrival_us = 0;
     uint32_t m_changed = 0;  // tracks with statistics to be published
-    CLogGate m_loss_log;
+    Ostra::CLogGate m_loss_log;
 
     std::atomic<uint64_t> m_units{0};
     std::atomic<bool> m_busy{false};
@@ -181,6 +178,7 @@ private:
     Tramel::CCallWait m_put_wait;  // used with m_put_mutex
     CMediaBufferRef m_buffer VIDORA_GUARDED_BY(m_put_mutex);
     bool m_putting VIDORA_GUARDED_BY(m_put_mutex) = false;
+    uint64_t m_put_count VIDORA_GUARDED_BY(m_put_mutex) = 0;
     std::thread::id m_put_thread VIDORA_GUARDED_BY(m_put_mutex);
 };
 

@@ -148,6 +148,7 @@ int CStreamTcpReceiver::read(int& count) {
         return length;
     }
     m_emptied = !is_fed && length < space;
+    mark_arrival();
     count = m_separator->Input(length);
     if (count < 0) {
         logError("%s:%d state_code:%d m_sep->Separate failed\n", __FILE__, __LINE__, count);

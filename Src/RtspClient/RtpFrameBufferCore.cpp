@@ -213,18 +213,17 @@ Flumen::CMediaFrame CRtpFrameBufferCore::get_video() {
     return frame;
 }
 
-// The next frame that isn't held back for the rate, or else one that was.
+// A frame that was held back for the rate, or else the next one that isn't: so they keep their order, also with a host
+// that calls Get once for each Put.
 Flumen::CMediaFrame CRtpFrameBufferCore::get_rated_video() {
-    Flumen::CMediaFrame frame = output_of(CDecoderParams::TRACK_VIDEO);
-    while (frame.valid()) {
-        m_rate_repair.Modify(frame);
-        if (frame.valid()) {
-            repair_time(frame);
+    Flumen::CMediaFrame frame = m_rate_repair.Release();
+    while (!frame.valid()) {
+        frame = output_of(CDecoderParams::TRACK_VIDEO);
+        if (!frame.valid()) {
             return frame;
         }
-        frame = output_of(CDecoderParams::TRACK_VIDEO);
+        m_rate_repair.Modify(frame);
     }
-    frame = m_rate_repair.Release();
     repair_time(frame);
     return frame;
 }

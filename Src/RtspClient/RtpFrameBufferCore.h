@@ -3,7 +3,7 @@
 
 #include <atomic>
 
-#include "LogGate.h"
+#include "Ostra/LogGate.h"
 #include "RtspClient/DecoderParams.h"
 #include "RtspClient/FrameRateRepair.h"
 #include "RtspClient/FrameTimeRepair.h"
@@ -83,7 +83,7 @@ private:
     CSequenceCount m_video_count;  // assist packets too
     CFrameRateRepair m_rate_repair;
     CFrameTimeRepair m_time_repair;
-    CLogGate m_channel_log;
+    Ostra::CLogGate m_channel_log;
 };
 
 }  // namespace Vidora

@@ -57,11 +57,15 @@ int CRtp2Frame::PutPacket(const unsigned char* buffer, int len) {
         packet.Skip(RTP_TCP_HEADER_LEN);
     }
     RtpHeader header;
-    if (packet.Remaining() <= RTP_HEADER_LEN || !rtp_parse_header(packet.Rest(), packet.Remaining(), header)) {
+    if (!rtp_parse_header(packet.Rest(), packet.Remaining(), header)) {
         return refuse_packet(packet);
     }
     if (header.payload_type != m_payload_type) {
         m_damaged = !m_watch.TakeForeign(header.sequence) || m_damaged;
+        return FRAME_MORE;
+    }
+    if (header.is_empty) {
+        m_watch.TakeEmpty(header);
         return FRAME_MORE;
     }
     print_packet(header, packet.Remaining());
@@ -69,9 +73,11 @@ int CRtp2Frame::PutPacket(const unsigned char* buffer, int len) {
     return ret == PACKET_REFUSED ? refuse_packet(packet) : ret;
 }
 
-int CRtp2Frame::refuse_packet(const CByteReader& packet) const {
-    logError("CRtp2Frame::PutPacket input invalid. buf[%p] len[%d]\n", static_cast<const void*>(packet.Rest()),
-             static_cast<int>(packet.Remaining()));
+int CRtp2Frame::refuse_packet(const CByteReader& packet) {
+    if (m_refused_log.Pass()) {
+        logError("CRtp2Frame::PutPacket input invalid. buf[%p] len[%d]\n", static_cast<const void*>(packet.Rest()),
+                 static_cast<int>(packet.Remaining()));
+    }
     return FRAME_FAILED;
 }
 
@@ -187,17 +193,17 @@ void CRtp2Frame::watch_stream(const RtpHeader& header) {
 
 // Turns the packets held into a frame. A frame_result_t; FRAME_MORE: there is no picture among them yet.
 int CRtp2Frame::make_frame() {
-    int ret = FRAME_FAILED;
-    if (m_rule != nullptr) {
-        ret = m_rule->Make();
-    } else {
-        logError("CRtp2Frame enc_type[%d] not right!\n", m_enc_type);
+    const int ret = m_rule != nullptr ? m_rule->Make() : FRAME_FAILED;
+    if (ret >= 0) {
+        return ret;
     }
-    if (ret < 0) {
+    if (m_failed_log.Pass()) {
+        if (m_rule == nullptr) {
+            logError("CRtp2Frame enc_type[%d] not right!\n", m_enc_type);
+        }
         logError("CRtp2Frame::PutPacket make_frame[enc_type=%d] fail, ret = %d.\n", m_enc_type, ret);
-        return FRAME_FAILED;
     }
-    return ret;
+    return FRAME_FAILED;
 }
 
 uint32_t CRtp2Frame::GetFrame(unsigned char* buffer, uint32_t capacity) const {

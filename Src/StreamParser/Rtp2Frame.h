@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "Ostra/LogGate.h"
 #include "StreamParser/FrameResult.h"
 #include "StreamParser/RtpFrameRule.h"
 #include "StreamParser/RtpFrameWork.h"
@@ -88,7 +89,7 @@ public:
     void Clear();
 
 private:
-    int refuse_packet(const Ostra::CByteReader& packet) const;
+    int refuse_packet(const Ostra::CByteReader& packet);
     int put_framed(const RtpHeader& header);
     void mark_gap(const RtpHeader& header, rtp_order_t order);
     int put_stream(const RtpHeader& header);
@@ -116,6 +117,10 @@ private:
     CRtpSequenceWatch m_watch;
     CTickTime m_time{8000};
     uint32_t m_last_ts = 0;
+
+    // What a peer can cause with each packet.
+    Ostra::CLogGate m_refused_log;
+    Ostra::CLogGate m_failed_log;
 };
 
 }  // namespace Vidora

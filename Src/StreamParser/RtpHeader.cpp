@@ -35,6 +35,7 @@ bool rtp_parse_header(const unsigned char* data, size_t len, RtpHeader& header) 
     }
     // The last byte of a padded packet counts the padding, itself included.
     const size_t padding = (flags & 0x20) != 0 ? reader.PeekU8(reader.Remaining() - 1) : 0;
+    header.is_empty = reader.Ok() && reader.Remaining() == padding;
     if (reader.Ok() && reader.Remaining() > padding) {
         header.payload_len = static_cast<uint32_t>(reader.Remaining() - padding);
         header.payload = reader.ReadBytes(header.payload_len);

@@ -20,6 +20,8 @@ struct RtpHeader {
     // The payload without CSRC list, extension and padding; null if these reach the end of the packet.
     const unsigned char* payload = nullptr;
     uint32_t payload_len = 0;
+    // The packet is whole and brings no payload (RFC 6263 4.3: to keep the way through a NAT open).
+    bool is_empty = false;
 };
 
 // Reads the header of the packet in `data`; the payload stays where it is. False, with `header` as it was, if there

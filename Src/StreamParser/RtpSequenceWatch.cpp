@@ -6,12 +6,14 @@ namespace Kavio {
 namespace Vidora {
 
 // A packet that isn't the next one.
-rtp_order_t CRtpSequenceWatch::look_closer(const RtpHeader& header) const {
+rtp_order_t CRtpSequenceWatch::look_closer(const RtpHeader& header) {
     if (header.ssrc != m_last_ssrc || IsFresh()) {
         // The first packet of a session comes here too, which is nothing to warn of.
         const auto log = IsFresh() ? logInfo : logWarn;
         if (header.ssrc != m_last_ssrc) {
-            log(">>> RTP SSRC CHANGES from [%08x] to [%08x]\n", m_last_ssrc, header.ssrc);
+            if (m_ssrc_log.Pass()) {
+                log(">>> RTP SSRC CHANGES from [%08x] to [%08x]\n", m_last_ssrc, header.ssrc);
+            }
             if (m_notify != nullptr) {
                 m_notify->OnSsrcChanged(m_last_ssrc, header.ssrc);
             }
@@ -42,6 +44,16 @@ bool CRtpSequenceWatch::TakeForeign(uint16_t sequence) {
         m_probe_seq = sequence;
     }
     return true;
+}
+
+void CRtpSequenceWatch::TakeEmpty(const RtpHeader& header) {
+    Probe(header.sequence);
+    const int step = static_cast<int16_t>(header.sequence - m_last_seq);
+    if (IsFresh() || header.ssrc != m_last_ssrc || step <= 0) {
+        return;
+    }
+    m_foreign_gap = m_foreign_gap || step > 1;
+    m_last_seq = header.sequence;
 }
 
 void CRtpSequenceWatch::settle_probe(uint16_t sequence) {

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "Ostra/LogGate.h"
 #include "StreamParser/RtpHeader.h"
 #include "StreamParser/RtpNotify.h"
 
@@ -31,7 +32,7 @@ public:
 
     // Looks at a packet of the track, which isn't taken by that. Tells a new synchronisation source; a gap is logged
     // only, see NotifyGap.
-    rtp_order_t Look(const RtpHeader& header) const {
+    rtp_order_t Look(const RtpHeader& header) {
         const bool follows = header.sequence == static_cast<uint16_t>(m_last_seq + 1) && !m_foreign_gap;
         return follows && header.ssrc == m_last_ssrc && !IsFresh() ? RTP_ORDER_NEXT : look_closer(header);
     }
@@ -47,6 +48,9 @@ public:
     // Takes the number of a packet of another payload type. False if a packet was lost in front of it: the next own
     // packet is behind a gap then.
     bool TakeForeign(uint16_t sequence);
+    // Takes the number of a packet without payload, which isn't part of a frame. If packets were lost in front of it
+    // the next one is behind a gap. One of another source, or one that comes late, says nothing.
+    void TakeEmpty(const RtpHeader& header);
     // To be called for each own packet: settles whether foreign packets count, if one came since the last call.
     void Probe(uint16_t sequence) {
         if (m_probe_armed) {
@@ -61,14 +65,15 @@ public:
     uint16_t GetLastSeq() const { return m_last_seq; }
 
 private:
-    rtp_order_t look_closer(const RtpHeader& header) const;
+    rtp_order_t look_closer(const RtpHeader& header);
     void settle_probe(uint16_t sequence);
 
     IRtpNotify* m_notify = nullptr;
+    Ostra::CLogGate m_ssrc_log;
     uint32_t m_last_ssrc = 0;
     uint16_t m_last_seq = 0;
     uint64_t m_packets = 0;      // packets taken in all
-    bool m_foreign_gap = false;  // packets were lost among the foreign ones since the last own one
+    bool m_foreign_gap = false;  // packets were lost among foreign or empty ones since the last own one
 
     // Whether foreign packets share this track's sequence numbers.
     bool m_probed = false;

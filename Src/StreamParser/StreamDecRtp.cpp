@@ -119,8 +119,10 @@ CStreamDecRtp::Feed CStreamDecRtp::feed_run(const unsigned char* data, size_t le
         const size_t packet_len = sizeof(struct rtptcphdr) + header.ReadU16();
         const unsigned char* packet = reader.ReadBytes(packet_len);
         if (!framed || packet == nullptr) {
-            logWarn("%s:%d run of RTP packets broken, %d of %d bytes left\n", __FILE__, __LINE__,
-                    static_cast<int>(len - begin), static_cast<int>(len));
+            if (m_broken_log.Pass()) {
+                logWarn("%s:%d run of RTP packets broken, %d of %d bytes left\n", __FILE__, __LINE__,
+                        static_cast<int>(len - begin), static_cast<int>(len));
+            }
             fed.status = FRAME_FAILED;
             break;
         }

@@ -5,6 +5,7 @@
 #include <memory>
 #include <vector>
 
+#include "Ostra/LogGate.h"
 #include "StreamParser/Rtp2Frame.h"
 #include "StreamParser/RtpNotify.h"
 #include "StreamParser/StreamDec.h"
@@ -79,6 +80,7 @@ private:
     int m_status = FRAME_MORE;   // frame_result_t of the last packet
     CStreamDecRtpNotify m_notify;
     RtpDecParam m_param;
+    Ostra::CLogGate m_broken_log;
 
     CShownValue<int> m_shown_enc_type;
     CShownValue<int> m_shown_payload_type;

@@ -1,5 +1,6 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstring>
 #include <memory>
 
@@ -215,6 +216,24 @@ TEST(RtpFrameBuffer, HoldsTheFirstFramesUntilTheRateIsKnown) {
         }
     }
     EXPECT_EQ(out, (std::vector<size_t>{0, 0, 0, 4, 1, 1}));
+}
+
+TEST(RtpFrameBuffer, KeepsTheOrderOfHeldFramesWithOneGetForEachPut) {
+    View view(TRACKS);
+    CRtpFrameBuffer buffer;
+    buffer.SetFramePolicy(0);
+    ASSERT_EQ(buffer.Init(&view.info, 0, 0), 0);
+    CTrackSender video(ENC_TYPE_H264, 96, 90000, VIDEO_CHANNEL);
+    std::vector<uint64_t> out;
+    for (uint64_t i = 0; i < 8; ++i) {
+        ASSERT_EQ(put(buffer, video.Make(video_frame('I', i * 50))), 1);
+        const Flumen::CMediaFrame frame = buffer.Get();
+        if (frame.valid()) {
+            out.push_back(frame.getPts(Flumen::PTS_TYPE_MS));
+        }
+    }
+    ASSERT_GE(out.size(), 5u);
+    EXPECT_TRUE(std::is_sorted(out.begin(), out.end()));
 }
 
 TEST(RtpFrameBuffer, TakesPrivateFramesAsTheyAre) {

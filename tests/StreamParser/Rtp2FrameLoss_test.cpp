@@ -239,11 +239,59 @@ TEST(Rtp2FrameLoss, NotificationsTellWhatAGapCosts) {
     }
 }
 
+// Packets without payload keep a way through the network open: they belong to no frame, and cost none.
+TEST(Rtp2FrameLoss, EmptyPacketsAreCountedAndPassedOver) {
+    const Stream stream = make_stream();
+    for (size_t at = 1; at <= stream.pieces.size(); ++at) {
+        for (const bool lost : {false, true}) {  // the packet in front of the empty one
+            std::vector<Piece> pieces;
+            for (size_t i = 0; i < stream.pieces.size(); ++i) {
+                Bytes packet = stream.pieces[i].packet;
+                const int sequence = packet[2] << 8 | packet[3];
+                const auto number = [&packet](int value) {
+                    packet[2] = static_cast<uint8_t>(value >> 8);
+                    packet[3] = static_cast<uint8_t>(value);
+                };
+                number(sequence + (i >= at ? 1 : 0));
+                if (!lost || i + 1 != at) {
+                    pieces.push_back({stream.pieces[i].frame, packet});
+                }
+                if (i + 1 == at) {
+                    packet.resize(12);
+                    number(sequence + 1);
+                    packet[4] ^= at % 2 == 0 ? 0x55 : 0;  // of the frame's time, or another
+                    if (at % 3 == 0) {                    // nothing but padding
+                        packet[0] |= 0x20;
+                        packet = packet + Bytes{0, 0, 0, 4};
+                    }
+                    pieces.push_back({stream.pieces[i].frame, packet});
+                }
+            }
+            std::set<size_t> touched = lost ? around(stream.pieces, at) : std::set<size_t>();
+            check(stream, pieces, touched, (lost ? "behind a loss at " : "at ") + std::to_string(at));
+        }
+    }
+}
+
+// A source that calls itself 0 is one like others.
+TEST(Rtp2FrameLoss, TakesTheFirstFrameOfSourceZero) {
+    Stream stream = make_stream();
+    for (Piece& piece : stream.pieces) {
+        std::fill(piece.packet.begin() + 8, piece.packet.begin() + 12, uint8_t{0});
+    }
+    Depacketiser in(ENC_TYPE_H264, true);
+    in.Engine().SetH264Config(SPS.data(), static_cast<int>(SPS.size()), PPS.data(), static_cast<int>(PPS.size()));
+    for (const Piece& piece : stream.pieces) {
+        in.Put(piece.packet);
+    }
+    EXPECT_EQ(in.m_frames, stream.frames);
+}
+
 TEST(Rtp2FrameLoss, CutBeforeThePayload) {
     const Stream stream = make_stream();
     for (size_t i = 0; i < stream.pieces.size(); ++i) {
         std::vector<Piece> pieces = stream.pieces;
-        for (long len = 0; len <= 13; ++len) {  // with 13 the one byte makes the whole frame fail
+        for (long len : {0, 4, 11, 13}) {  // with 13 the one byte makes the whole frame fail; 12 is a whole packet
             pieces[i].packet = Bytes(stream.pieces[i].packet.begin(), stream.pieces[i].packet.begin() + len);
             check(stream, pieces, around(pieces, i + 1), "cut " + std::to_string(i) + " to " + std::to_string(len));
         }

@@ -91,6 +91,18 @@ TEST(ReceptionStats, MeasuresJitter) {
     EXPECT_NEAR(stats.Get(0).jitter, 900, 1);
 }
 
+// A report may come before the media, also one about something else.
+TEST(ReceptionStats, ForgetsAnEarlyReportOfAnotherSource) {
+    for (const uint32_t reported : {SSRC, SSRC + 1}) {
+        CReceptionStats stats;
+        const Bytes report = sender_report(reported);
+        stats.TakeRtcp(report.data(), report.size(), 1000000);
+        stats.Count(1, 0, SSRC, 1, 0, CLOCK);
+        EXPECT_EQ(stats.Get(2000000).last_sr, reported == SSRC ? 0x456789abu : 0u);
+        EXPECT_EQ(stats.Get(2000000).sr_ntp, reported == SSRC ? 0xe123456789abcdefu : 0u);
+    }
+}
+
 TEST(ReceptionStats, MapsTheSendersClock) {
     CReceptionStats stats;
     stats.Count(1, 0, SSRC, 1, 0, CLOCK);

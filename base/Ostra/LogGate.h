@@ -1,12 +1,12 @@
-#ifndef VIDORA_LOGGATE_H
-#define VIDORA_LOGGATE_H
+#ifndef VIDORA_OSTRA_LOGGATE_H
+#define VIDORA_OSTRA_LOGGATE_H
 
 #include <cstdint>
 
-#include "Vidora/Names.h"
+#include "Vidora/Ostra/Time.h"
 
 namespace Kavio {
-namespace Vidora {
+namespace Ostra {
 
 // CLogGate: lets a log line about what a peer sends through once a second, however often that comes. One thread.
 class CLogGate {
@@ -28,7 +28,7 @@ private:
     uint64_t m_last_ms = 0;
 };
 
-}  // namespace Vidora
+}  // namespace Ostra
 }  // namespace Kavio
 
-#endif  // VIDORA_LOGGATE_H
+#endif  // VIDORA_OSTRA_LOGGATE_H
