@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <utility>
 
+#include "Tramel/Interleave.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteWriter.h"
 
@@ -17,20 +18,21 @@ const uint32_t ROOM_SHARE = 8;  // spare room, and what the room loses of the pa
 }  // namespace
 
 bool CFrameMerger::EndsBefore(const RtpHeader& header, uint32_t length) const {
-    return m_run.valid() && (header.timestamp != m_timestamp || length + RTP_TCP_HEADER_LEN > MAX_RUN - m_run.size());
+    return m_run.valid() &&
+           (header.timestamp != m_timestamp || length + Tramel::INTERLEAVE_HEADER_SIZE > MAX_RUN - m_run.size());
 }
 
 int CFrameMerger::Append(uint8_t channel, const unsigned char* data, uint32_t length, const RtpHeader& header) {
     const uint32_t size = m_run.size();
-    if (!make_room(length + RTP_TCP_HEADER_LEN)) {
+    if (!make_room(length + Tramel::INTERLEAVE_HEADER_SIZE)) {
         Clear();
         return -1;
     }
     m_timestamp = header.timestamp;
-    m_run.resize(size + length + RTP_TCP_HEADER_LEN);
+    m_run.resize(size + length + Tramel::INTERLEAVE_HEADER_SIZE);
     CByteWriter writer(m_run.getBuffer(), m_run.size());
     writer.Reserve(size);
-    writer.WriteU8('$');
+    writer.WriteU8(Tramel::INTERLEAVE_MARK);
     writer.WriteU8(channel);
     writer.WriteU16(static_cast<uint16_t>(length));
     writer.WriteBytes(data, length);

@@ -1,4 +1,5 @@
 #include "KXSeparator.h"
+#include "Tramel/Interleave.h"
 
 #include <algorithm>
 #include <cctype>
@@ -8,7 +9,6 @@ namespace Vidora {
 
 namespace {
 
-const int KX_UNIT_HEADER = 6;
 const int RECORDS_A_FRAME = 2;
 const int MIN_DIRECT = 8192;  // for less than that a read of its own isn't worth it
 
@@ -40,13 +40,13 @@ CBufferedSeparator::step_t CKXSeparator::parse_step(CByteReader& reader) {
     if (m_cur.packet.valid()) {
         return fill_frame(reader);
     }
-    if (reader.Remaining() < KX_UNIT_HEADER) {
+    if (reader.Remaining() < Tramel::PRIVATE_HEADER_SIZE) {
         return STEP_SHORT;
     }
     if (std::tolower(reader.PeekU8()) == 'r') {
         return cut_reply(reader);
     }
-    if (reader.PeekU8() == '$') {
+    if (reader.PeekU8() == Tramel::INTERLEAVE_MARK) {
         return begin_frame(reader);
     }
     logError("%s:%d stream error\n", __FILE__, __LINE__);
@@ -69,7 +69,7 @@ CBufferedSeparator::step_t CKXSeparator::begin_frame(CByteReader& reader) {
     if (row_room() < RECORDS_A_FRAME) {
         return STEP_FULL;
     }
-    CByteReader header(reader.Rest(), KX_UNIT_HEADER);
+    CByteReader header(reader.Rest(), Tramel::PRIVATE_HEADER_SIZE);
     header.Skip(1);
     const int channel = header.ReadU8();
     const uint32_t length = header.ReadU32();
@@ -88,7 +88,7 @@ CBufferedSeparator::step_t CKXSeparator::begin_frame(CByteReader& reader) {
     m_cur.channel = channel;
     m_cur.length = static_cast<int32_t>(length);
     m_cur.kind = SEPARATOR_KX;
-    return cut_unit(reader, KX_UNIT_HEADER, channel, SEPARATOR_KX);
+    return cut_unit(reader, Tramel::PRIVATE_HEADER_SIZE, channel, SEPARATOR_KX);
 }
 
 }  // namespace Vidora

@@ -5,6 +5,7 @@
 #include <cstdint>
 
 #include "StreamParser/RtpHeader.h"
+#include "Tramel/Interleave.h"
 #include "Vidora/Ostra/ByteReader.h"
 
 namespace Kavio {
@@ -23,7 +24,7 @@ inline bool ReadInterleavedUnit(Ostra::CByteReader& run, interleaved_unit_t& uni
     unit.channel = static_cast<uint8_t>(header >> 16);
     unit.length = static_cast<uint16_t>(header);
     unit.data = run.ReadBytes(unit.length);
-    return run.Ok() && header >> 24 == '$';
+    return run.Ok() && header >> 24 == Tramel::INTERLEAVE_MARK;
 }
 
 // What the packets of a frame tell of its kind.

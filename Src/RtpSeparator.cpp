@@ -1,4 +1,5 @@
 #include "RtpSeparator.h"
+#include "Tramel/Interleave.h"
 
 #include <cctype>
 
@@ -40,7 +41,7 @@ CBufferedSeparator::step_t CRTPSeparator::parse_step(CByteReader& reader) {
     if (is_letter(reader.PeekU8(), 'r') && is_letter(reader.PeekU8(1), 't')) {
         return cut_reply(reader);
     }
-    if (reader.PeekU8() == '$') {
+    if (reader.PeekU8() == Tramel::INTERLEAVE_MARK) {
         return cut_interleaved(reader);
     }
     if (m_lost_log.Pass()) {
@@ -57,7 +58,7 @@ CBufferedSeparator::step_t CRTPSeparator::cut_interleaved(CByteReader& reader) {
         logError("%s:%d rtp over rtsp stream error, len %d\n", __FILE__, __LINE__, 0);
         return STEP_FAILED;
     }
-    const int size = unit.length + RTP_TCP_HEADER_LEN;
+    const int size = unit.length + Tramel::INTERLEAVE_HEADER_SIZE;
     if (!whole) {
         want_room(size);
         return STEP_SHORT;
@@ -80,7 +81,7 @@ CBufferedSeparator::step_t CRTPSeparator::merge(CByteReader& reader, Channel& ch
     if (channel.merger.Append(unit.channel, unit.data, unit.length, header) < 0) {
         return STEP_FAILED;
     }
-    reader.Skip(static_cast<size_t>(unit.length) + RTP_TCP_HEADER_LEN);
+    reader.Skip(static_cast<size_t>(unit.length) + Tramel::INTERLEAVE_HEADER_SIZE);
     if (header.marker) {
         put_out(channel);
     }
@@ -100,7 +101,7 @@ CBufferedSeparator::step_t CRTPSeparator::resynchronise(CByteReader& reader) {
     while (reader.Remaining() >= RESYNC_UNIT && !is_known_unit(reader)) {
         reader.Skip(1);
     }
-    while (reader.Remaining() > 0 && reader.PeekU8() != '$') {
+    while (reader.Remaining() > 0 && reader.PeekU8() != Tramel::INTERLEAVE_MARK) {
         reader.Skip(1);
     }
     m_skipped += reader.Offset() - from;
@@ -108,7 +109,7 @@ CBufferedSeparator::step_t CRTPSeparator::resynchronise(CByteReader& reader) {
 }
 
 bool CRTPSeparator::is_known_unit(CByteReader reader) const {
-    if (reader.PeekU8() != '$') {
+    if (reader.PeekU8() != Tramel::INTERLEAVE_MARK) {
         return false;
     }
     const int number = reader.PeekU8(CHANNEL_OFFSET);

@@ -7,6 +7,7 @@
 #include "FrameMerger.h"
 #include "MediaFrame.h"
 #include "RtpRun.h"
+#include "Tramel/Interleave.h"
 #include "Tramel/MediaTag.h"
 #include "Vidora/KXFrame.h"
 #include "Vidora/Ostra/ByteWriter.h"
@@ -15,8 +16,6 @@ namespace Kavio {
 namespace Vidora {
 
 namespace {
-
-const int KX_UNIT_HEADER = 6;  // "$", channel, 32-bit length
 
 int tag_of(int channel, bool key) {
     return Tramel::MediaTag{static_cast<uint8_t>(channel / 2),
@@ -191,8 +190,8 @@ int CStreamReceiver::take_run(int track, const Flumen::CMediaFrame& run) {
     if (!counted) {
         return 0;
     }
-    tell_rtp(run.getBuffer() + RTP_TCP_HEADER_LEN, static_cast<int>(run.size()) - RTP_TCP_HEADER_LEN,
-             m_tracks.tracks[track].rtp_channel);
+    tell_rtp(run.getBuffer() + Tramel::INTERLEAVE_HEADER_SIZE,
+             static_cast<int>(run.size()) - Tramel::INTERLEAVE_HEADER_SIZE, m_tracks.tracks[track].rtp_channel);
     return put_run(track, run);
 }
 
@@ -202,7 +201,7 @@ int CStreamReceiver::take_kx_frame(int channel, const Flumen::CMediaFrame& frame
     KXHeader header;
     const bool known = kx_read_header(frame.getBuffer(), frame.size(), header);
     const int tag = tag_of(channel, known && header.frame_type == KX_TYPE_I);
-    CMediaFrame* head = new (std::nothrow) CMediaFrame(KX_UNIT_HEADER);
+    CMediaFrame* head = new (std::nothrow) CMediaFrame(Tramel::PRIVATE_HEADER_SIZE);
     CMediaFrame* body = new (std::nothrow) CMediaFrame(frame);
     if (head == nullptr || !head->valid() || body == nullptr) {
         logError("%s:%d CMediaFrame alloc failed\n", __FILE__, __LINE__);
@@ -210,12 +209,12 @@ int CStreamReceiver::take_kx_frame(int channel, const Flumen::CMediaFrame& frame
         delete body;
         return -1;
     }
-    CByteWriter writer(head->getBuffer(), KX_UNIT_HEADER);
-    writer.WriteU8('$');
+    CByteWriter writer(head->getBuffer(), Tramel::PRIVATE_HEADER_SIZE);
+    writer.WriteU8(Tramel::INTERLEAVE_MARK);
     writer.WriteU8(static_cast<uint8_t>(channel));
     writer.WriteU32(frame.size());
     const CMediaBufferRef buffer = begin_put();
-    if (put_packet(buffer, head, KX_UNIT_HEADER, 0, tag) == 0) {
+    if (put_packet(buffer, head, Tramel::PRIVATE_HEADER_SIZE, 0, tag) == 0) {
         put_packet(buffer, body, frame.size(), 1, tag);
     } else {
         delete body;

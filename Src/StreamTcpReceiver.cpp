@@ -6,6 +6,7 @@
 
 #include "KXSeparator.h"
 #include "RtpSeparator.h"
+#include "Tramel/Interleave.h"
 #include "Tramel/SockStream.h"
 
 namespace Kavio {
@@ -185,7 +186,7 @@ int CStreamTcpReceiver::take_record(const separator_record_t& record) {
         case SEPARATOR_RTP:
             return take_rtp(record);
         default:
-            if (data[0] == '$') {
+            if (data[0] == Tramel::INTERLEAVE_MARK) {
                 m_kx_channel = record.channel;
                 return 0;
             }
@@ -196,7 +197,8 @@ int CStreamTcpReceiver::take_record(const separator_record_t& record) {
 int CStreamTcpReceiver::take_rtp(const separator_record_t& record) {
     const int rtcp_track = find_rtcp_track(record.channel);
     if (rtcp_track >= 0) {
-        take_rtcp(rtcp_track, record.packet.getBuffer() + RTP_TCP_HEADER_LEN, record.length - RTP_TCP_HEADER_LEN);
+        take_rtcp(rtcp_track, record.packet.getBuffer() + Tramel::INTERLEAVE_HEADER_SIZE,
+                  record.length - Tramel::INTERLEAVE_HEADER_SIZE);
         return 0;
     }
     const int rtp_track = find_rtp_track(record.channel);

@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "MediaFrame.h"
+#include "Tramel/Interleave.h"
 #include "Vidora/KXFrame.h"
 
 namespace Kavio {
@@ -13,7 +14,6 @@ namespace Vidora {
 namespace {
 
 const size_t RTP_SEQUENCE_OFFSET = 2;
-const unsigned int KX_UNIT_HEADER = 6;  // "$", channel, 32-bit length
 
 // The first `length` bytes of a packet as a frame: shared if the packet carries one of just that size, otherwise
 // copied.
@@ -88,7 +88,7 @@ int CRtpFrameBufferCore::make_decoders(const CDecoderParams& params) {
 // ---- in ----
 
 int CRtpFrameBufferCore::Put(CMediaPacket* packet, int length) {
-    m_damaged = packet == nullptr || length < RTP_TCP_HEADER_LEN;
+    m_damaged = packet == nullptr || length < static_cast<int>(Tramel::INTERLEAVE_HEADER_SIZE);
     if (m_damaged) {
         return -1;
     }
@@ -114,7 +114,7 @@ int CRtpFrameBufferCore::put_pieces(const Flumen::CMediaFrame& run) {
 }
 
 int CRtpFrameBufferCore::put_private(const Flumen::CMediaFrame& frame) {
-    if (frame.size() >= KX_UNIT_HEADER && first_byte(frame) == '$') {
+    if (frame.size() >= Tramel::PRIVATE_HEADER_SIZE && first_byte(frame) == Tramel::INTERLEAVE_MARK) {
         return 0;  // the header in front of the frame
     }
     KXHeader header;
@@ -134,7 +134,7 @@ int CRtpFrameBufferCore::put_private(const Flumen::CMediaFrame& frame) {
 }
 
 int CRtpFrameBufferCore::put_rtp(const Flumen::CMediaFrame& run) {
-    m_damaged = first_byte(run) != '$';
+    m_damaged = first_byte(run) != Tramel::INTERLEAVE_MARK;
     if (m_damaged) {
         return -1;
     }

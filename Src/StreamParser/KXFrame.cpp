@@ -2,6 +2,7 @@
 
 #include <cstring>
 
+#include "StreamParser/KXLayout.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Ostra/ByteWriter.h"
@@ -18,19 +19,6 @@ static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the words are read in 
 constexpr char MAGIC[] = {'K', 'X', 'A', 'V'};
 constexpr char TRAILER_MAGIC[] = {'k', 'x', 'a', 'v'};
 constexpr size_t MAGIC_LEN = sizeof(MAGIC);
-
-// Offsets in the header.
-enum {
-    AT_FRAME_TYPE = 4,
-    AT_SUB_TYPE = 5,
-    AT_CHANNEL = 6,
-    AT_SEQUENCE = 8,
-    AT_TOTAL_LENGTH = 12,
-    AT_DATE_TIME = 16,
-    AT_TIME_STAMP = 20,
-    AT_EXT_LENGTH = 22,
-    AT_CHECKSUM = 23
-};
 
 // From this width or height on, or if one of them isn't a multiple of 8, a size doesn't fit into the block 0x80.
 constexpr unsigned WIDE_SIZE = 2048;
@@ -60,34 +48,34 @@ CKXFrame::CKXFrame() : m_header(), m_ext81(), m_ext82(), m_ext83(), m_ext88(), m
 }
 
 void CKXFrame::SetChannel(uint8_t channel) {
-    m_header[AT_CHANNEL] = channel;
+    m_header[KX_AT_CHANNEL] = channel;
 }
 uint8_t CKXFrame::GetChannel() const {
-    return m_header[AT_CHANNEL];
+    return m_header[KX_AT_CHANNEL];
 }
 void CKXFrame::SetFrameType(int letter) {
-    m_header[AT_FRAME_TYPE] = kx_type_of_letter(letter);
+    m_header[KX_AT_FRAME_TYPE] = kx_type_of_letter(letter);
 }
 void CKXFrame::GetFrameType(int& letter) const {
-    letter = kx_letter_of_type(m_header[AT_FRAME_TYPE]);
+    letter = kx_letter_of_type(m_header[KX_AT_FRAME_TYPE]);
 }
 void CKXFrame::SetSequence(uint32_t sequence) {
-    put32(m_header + AT_SEQUENCE, sequence);
+    put32(m_header + KX_AT_SEQUENCE, sequence);
 }
 uint32_t CKXFrame::GetSequence() const {
-    return get32(m_header + AT_SEQUENCE);
+    return get32(m_header + KX_AT_SEQUENCE);
 }
 void CKXFrame::SetTimeStamp(uint16_t time_stamp) {
-    put16(m_header + AT_TIME_STAMP, time_stamp);
+    put16(m_header + KX_AT_TIME_STAMP, time_stamp);
 }
 uint16_t CKXFrame::GetTimeStamp() const {
-    return get16(m_header + AT_TIME_STAMP);
+    return get16(m_header + KX_AT_TIME_STAMP);
 }
 void CKXFrame::SetDateTime(uint64_t seconds) {
-    put32(m_header + AT_DATE_TIME, kx_pack_date_time(seconds));
+    put32(m_header + KX_AT_DATE_TIME, kx_pack_date_time(seconds));
 }
 void CKXFrame::GetDateTime(uint64_t& seconds) const {
-    seconds = kx_unpack_date_time(get32(m_header + AT_DATE_TIME));
+    seconds = kx_unpack_date_time(get32(m_header + KX_AT_DATE_TIME));
 }
 
 void CKXFrame::SetImageSize(uint16_t width, uint16_t height) {
@@ -108,15 +96,15 @@ uint8_t CKXFrame::GetFrameRate() const {
 }
 
 void CKXFrame::SetEncodeType(uint8_t code) {
-    (m_header[AT_FRAME_TYPE] == KX_TYPE_AUDIO ? m_ext83 : m_ext81)[2] = code;
+    (m_header[KX_AT_FRAME_TYPE] == KX_TYPE_AUDIO ? m_ext83 : m_ext81)[2] = code;
 }
 
 uint8_t CKXFrame::GetEncodeType() const {
-    return (m_header[AT_FRAME_TYPE] == KX_TYPE_AUDIO ? m_ext83 : m_ext81)[2];
+    return (m_header[KX_AT_FRAME_TYPE] == KX_TYPE_AUDIO ? m_ext83 : m_ext81)[2];
 }
 
 void CKXFrame::SetSubType(uint8_t sub_type) {
-    m_header[AT_SUB_TYPE] = sub_type;
+    m_header[KX_AT_SUB_TYPE] = sub_type;
 }
 void CKXFrame::SetImageType(uint8_t image_type) {
     m_ext82[1] = image_type;
@@ -133,7 +121,7 @@ void CKXFrame::GetAudioInfo(uint8_t& channels, uint8_t& sample_rate_code) const 
 }
 
 bool CKXFrame::has_size() const {
-    return m_header[AT_FRAME_TYPE] == KX_TYPE_I || m_header[AT_FRAME_TYPE] == KX_TYPE_JPEG;
+    return m_header[KX_AT_FRAME_TYPE] == KX_TYPE_I || m_header[KX_AT_FRAME_TYPE] == KX_TYPE_JPEG;
 }
 
 bool CKXFrame::needs_wide_size() const {
@@ -145,7 +133,7 @@ bool CKXFrame::needs_wide_size() const {
 
 uint32_t CKXFrame::ext_length() const {
     uint32_t length = 8;  // the checksum's block, which all frames have
-    if (m_header[AT_FRAME_TYPE] == KX_TYPE_AUDIO) {
+    if (m_header[KX_AT_FRAME_TYPE] == KX_TYPE_AUDIO) {
         length += 4;
     } else if (has_size()) {
         length += needs_wide_size() ? 4 + 8 : 4 + 4;
@@ -161,17 +149,17 @@ uint32_t CKXFrame::GetFrameSize(uint32_t payload_len, uint32_t& payload_offset) 
     }
     const uint32_t total = payload_offset + payload_len + KX_TRAILER_LEN;
     m_payload_len = payload_len;
-    m_header[AT_EXT_LENGTH] = static_cast<unsigned char>(extension);
-    put32(m_header + AT_TOTAL_LENGTH, total);
+    m_header[KX_AT_EXT_LENGTH] = static_cast<unsigned char>(extension);
+    put32(m_header + KX_AT_TOTAL_LENGTH, total);
     return total;
 }
 
 int CKXFrame::WriteFrame(unsigned char* buffer, uint32_t frame_len) {
-    const uint32_t total = get32(m_header + AT_TOTAL_LENGTH);
-    if (buffer == nullptr || total == 0 || frame_len != total || m_header[AT_EXT_LENGTH] != ext_length()) {
+    const uint32_t total = get32(m_header + KX_AT_TOTAL_LENGTH);
+    if (buffer == nullptr || total == 0 || frame_len != total || m_header[KX_AT_EXT_LENGTH] != ext_length()) {
         return -1;
     }
-    m_header[AT_CHECKSUM] = kx_header_checksum(m_header);
+    m_header[KX_AT_CHECKSUM] = kx_header_checksum(m_header);
     CByteWriter writer(buffer, frame_len);
     writer.WriteBytes(m_header, sizeof(m_header));
     if (has_size()) {
@@ -188,7 +176,7 @@ int CKXFrame::WriteFrame(unsigned char* buffer, uint32_t frame_len) {
             writer.WriteU8(static_cast<uint8_t>(width >> 3));
             writer.WriteU8(static_cast<uint8_t>(height >> 3));
         }
-    } else if (m_header[AT_FRAME_TYPE] == KX_TYPE_AUDIO) {
+    } else if (m_header[KX_AT_FRAME_TYPE] == KX_TYPE_AUDIO) {
         writer.WriteBytes(m_ext83, sizeof(m_ext83));
     }
     put32(m_ext88 + 1, kx_payload_checksum(buffer + writer.Offset() + sizeof(m_ext88), m_payload_len));
@@ -227,14 +215,14 @@ bool kx_patch_time_stamp(unsigned char* buffer, size_t len, uint16_t time_stamp)
     if (len < KX_HEADER_LEN || !kx_has_magic(buffer, len)) {
         return false;
     }
-    put16(buffer + AT_TIME_STAMP, time_stamp);
-    buffer[AT_CHECKSUM] = kx_header_checksum(buffer);
+    put16(buffer + KX_AT_TIME_STAMP, time_stamp);
+    buffer[KX_AT_CHECKSUM] = kx_header_checksum(buffer);
     return true;
 }
 
 uint8_t kx_header_checksum(const unsigned char* header) {
     unsigned sum = 0;
-    for (int i = 0; i < AT_CHECKSUM; ++i) {
+    for (int i = 0; i < KX_AT_CHECKSUM; ++i) {
         sum += header[i];
     }
     return static_cast<uint8_t>(sum);
@@ -267,7 +255,7 @@ int get_frame_body(const unsigned char* buffer, int len, int& remaining) {
         remaining = len;
         return 0;
     }
-    const int ext_length = len > AT_EXT_LENGTH ? buffer[AT_EXT_LENGTH] : 0;
+    const int ext_length = len > KX_AT_EXT_LENGTH ? buffer[KX_AT_EXT_LENGTH] : 0;
     const int offset = KX_HEADER_LEN + ext_length;
     remaining = len - offset - KX_TRAILER_LEN;
     if (remaining < 0) {

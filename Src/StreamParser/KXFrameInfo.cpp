@@ -1,6 +1,7 @@
 // The tables of the private frame, and the functions that look into one for others.
 #include <strings.h>
 
+#include "StreamParser/KXLayout.h"
 #include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
@@ -49,10 +50,7 @@ struct VideoRow {
 constexpr VideoRow VIDEO_CODES[] = {
     {KX_VIDEO_MPEG4, ENC_TYPE_MPEG4}, {KX_VIDEO_H264, ENC_TYPE_H264}, {KX_VIDEO_JPEG, ENC_TYPE_JPEG}};
 
-// Where the size of a header's extension stands, and what of a frame parser_video_info needs at least.
-constexpr int AT_TYPE = 4;
-constexpr int AT_EXT_LENGTH = 22;
-constexpr int AT_AUDIO_CODE = 26;
+constexpr int AT_AUDIO_CODE = KX_HEADER_LEN + 2;  // where the audio block comes first
 
 // The bytes that the walk steps over for the block at `offset` behind the header, whose first four bytes are there if
 // it is a variable one; 0 for a type that it doesn't know, and for a variable block that claims to be empty, which
@@ -77,7 +75,7 @@ int block_length(const unsigned char* buffer, int len, int offset) {
 
 // Walks the blocks to the audio block. All of them lie in the buffer: its length was held against ext_length.
 int walk_to_audio(const unsigned char* buffer, int len) {
-    const int ext_length = buffer[AT_EXT_LENGTH];
+    const int ext_length = buffer[KX_AT_EXT_LENGTH];
     int offset = 0;
     while (offset < ext_length) {
         const uint8_t type = buffer[KX_HEADER_LEN + offset];
@@ -188,7 +186,7 @@ uint8_t kx_video_code(int enc_type) {
 }
 
 int parser_video_info(const unsigned char* buffer, int len) {
-    if (buffer == nullptr || len < KX_HEADER_LEN || len < buffer[AT_EXT_LENGTH] + KX_HEADER_LEN) {
+    if (buffer == nullptr || len < KX_HEADER_LEN || len < buffer[KX_AT_EXT_LENGTH] + KX_HEADER_LEN) {
         return -1;
     }
     // The other way round than the message says; kept, because it is what outside users of the format have.
@@ -196,8 +194,9 @@ int parser_video_info(const unsigned char* buffer, int len) {
         logError("%s:%d parser_video_info not valid kxav tag \n", __FILE__, __LINE__);
         return -1;
     }
-    if (buffer[AT_TYPE] != KX_TYPE_AUDIO) {
-        logError("%s:%d parser_video_info not supported frame type:%d \n", __FILE__, __LINE__, buffer[AT_TYPE]);
+    if (buffer[KX_AT_FRAME_TYPE] != KX_TYPE_AUDIO) {
+        logError("%s:%d parser_video_info not supported frame type:%d \n", __FILE__, __LINE__,
+                 buffer[KX_AT_FRAME_TYPE]);
         return -1;
     }
     return walk_to_audio(buffer, len);

@@ -3,6 +3,7 @@
 #include "StreamParser/PrintLevel.h"
 #include "StreamParser/StreamParser.h"
 #include "StreamParser/TsTable.h"
+#include "Tramel/Interleave.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
 
@@ -53,8 +54,8 @@ int CRtp2Frame::SetH264Config(const unsigned char* sps, int sps_len, const unsig
 int CRtp2Frame::PutPacket(const unsigned char* buffer, int len) {
     m_dropped = false;
     CByteReader packet(buffer, len > 0 ? static_cast<size_t>(len) : 0);
-    if (packet.PeekU8() == '$' && packet.Remaining() > RTP_TCP_HEADER_LEN) {
-        packet.Skip(RTP_TCP_HEADER_LEN);
+    if (packet.PeekU8() == Tramel::INTERLEAVE_MARK && packet.Remaining() > Tramel::INTERLEAVE_HEADER_SIZE) {
+        packet.Skip(Tramel::INTERLEAVE_HEADER_SIZE);
     }
     RtpHeader header;
     if (!rtp_parse_header(packet.Rest(), packet.Remaining(), header)) {

@@ -8,7 +8,6 @@ namespace Kavio {
 namespace Vidora {
 
 constexpr int RTP_HEADER_LEN = 12;
-constexpr int RTP_TCP_HEADER_LEN = 4;  // the interleave header of RFC 2326 10.12: '$', channel, length
 
 // The header of a received RTP packet (RFC 3550 5.1).
 struct RtpHeader {

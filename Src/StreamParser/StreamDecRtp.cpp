@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "Tramel/Interleave.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
 
@@ -9,13 +10,6 @@ namespace Kavio {
 namespace Vidora {
 
 namespace {
-
-// The interleave header of RFC 2326 10.12.
-struct rtptcphdr {
-    uint8_t dollar;
-    uint8_t channel;
-    uint8_t length[2];  // high byte first
-};
 
 constexpr uint8_t DEFAULT_RATE_CODE = 2;
 constexpr uint32_t DEFAULT_CLOCK = 8000;
@@ -61,7 +55,7 @@ void CStreamDecRtp::skip_frame() {
 }
 
 inline CStreamDecRtp::Feed CStreamDecRtp::feed(const unsigned char* data, size_t len, size_t from) {
-    if (data != nullptr && len > 0 && data[0] == '$') {
+    if (data != nullptr && len > 0 && data[0] == Tramel::INTERLEAVE_MARK) {
         return feed_run(data, len, from);
     }
     const int ret = m_rtp2frame->PutPacket(data, static_cast<int>(len));
@@ -111,12 +105,12 @@ CStreamDecRtp::Feed CStreamDecRtp::feed_run(const unsigned char* data, size_t le
     Feed fed = {FRAME_MORE, len, false};
     CByteReader reader(data, len);
     reader.Skip(from);
-    while (fed.status == FRAME_MORE && reader.Remaining() > sizeof(struct rtptcphdr)) {
+    while (fed.status == FRAME_MORE && reader.Remaining() > Tramel::INTERLEAVE_HEADER_SIZE) {
         const size_t begin = reader.Offset();
-        CByteReader header(reader.Rest(), sizeof(struct rtptcphdr));
-        const bool framed = header.ReadU8() == '$';
+        CByteReader header(reader.Rest(), Tramel::INTERLEAVE_HEADER_SIZE);
+        const bool framed = header.ReadU8() == Tramel::INTERLEAVE_MARK;
         header.Skip(1);
-        const size_t packet_len = sizeof(struct rtptcphdr) + header.ReadU16();
+        const size_t packet_len = Tramel::INTERLEAVE_HEADER_SIZE + header.ReadU16();
         const unsigned char* packet = reader.ReadBytes(packet_len);
         if (!framed || packet == nullptr) {
             if (m_broken_log.Pass()) {

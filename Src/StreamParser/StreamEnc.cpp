@@ -7,6 +7,7 @@
 #include "StreamParser/Frame2Ts.h"
 #include "StreamParser/RandomDraw.h"
 #include "StreamParser/RtpHeader.h"
+#include "Tramel/Interleave.h"
 #include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteWriter.h"
@@ -143,7 +144,7 @@ void CStreamEnc::end_packet() {
 
 Flumen::CMediaFrame CStreamEnc::output_single() {
     const unsigned int packet_len = next_packet_len();
-    Flumen::CMediaFrame out(m_over_tcp.use_header != 0 ? packet_len + RTP_TCP_HEADER_LEN : packet_len);
+    Flumen::CMediaFrame out(m_over_tcp.use_header != 0 ? packet_len + Tramel::INTERLEAVE_HEADER_SIZE : packet_len);
     if (!out.valid()) {
         end_packet();  // so that a caller who takes packets until there is none comes to an end
         return out;
@@ -157,8 +158,9 @@ Flumen::CMediaFrame CStreamEnc::output_single() {
 
 Flumen::CMediaFrame CStreamEnc::output_merged() {
     const unsigned int extension = m_rtp_packer != nullptr ? m_rtp_packer->GetExtensionSize() : 0;
-    const unsigned int headers =
-        m_over_tcp.use_header != 0 ? static_cast<unsigned int>(m_packer->GetPacketCount()) * RTP_TCP_HEADER_LEN : 0;
+    const unsigned int headers = m_over_tcp.use_header != 0 ? static_cast<unsigned int>(m_packer->GetPacketCount()) *
+                                                                  Tramel::INTERLEAVE_HEADER_SIZE
+                                                            : 0;
     Flumen::CMediaFrame out(static_cast<unsigned int>(m_packer->GetTotalSize()) + extension + headers);
     CByteWriter writer(out.getBuffer(), out.size());
     bool ok = out.valid();

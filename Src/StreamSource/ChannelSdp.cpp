@@ -8,8 +8,6 @@ namespace Vidora {
 
 namespace {
 
-const int MEDIA_VIDEO = 1;  // of CSdpParser::get_media_type_at
-const int MEDIA_AUDIO = 0;
 const int PORTS_PER_TRACK = 2;
 const char TS_RTPMAP[] = "33 MP2T/90000";
 const char LIVE_RANGE[] = "npt=now-";
@@ -34,7 +32,7 @@ void set_ts_map(CSdpParser& sdp, int index) {
 void FinishUnicastSdp(CSdpParser& sdp, transf_type_t transf_type) {
     sdp.set_session_attribute("range", LIVE_RANGE);
     for (int i = 0; transf_type == TRANSF_TYPE_TS && i < sdp.get_media_count(); ++i) {
-        if (sdp.get_media_type_at(i) == MEDIA_VIDEO) {
+        if (sdp.get_media_type_at(i) == SDP_MEDIA_VIDEO) {
             set_ts_map(sdp, i);
             break;
         }
@@ -46,12 +44,12 @@ void FinishMulticastSdp(CSdpParser& sdp, transf_type_t transf_type, const CMulti
     const int base_port = describe_destinations(sdp, output);
     for (int i = 0; i < sdp.get_media_count(); ++i) {
         const int media_type = sdp.get_media_type_at(i);
-        if (media_type == MEDIA_VIDEO) {
+        if (media_type == SDP_MEDIA_VIDEO) {
             set_port(sdp, i, base_port);
             if (transf_type == TRANSF_TYPE_TS) {
                 set_ts_map(sdp, i);
             }
-        } else if (media_type == MEDIA_AUDIO && transf_type == TRANSF_TYPE_RTP) {
+        } else if (media_type == SDP_MEDIA_AUDIO && transf_type == TRANSF_TYPE_RTP) {
             set_port(sdp, i, base_port + PORTS_PER_TRACK);
         }
     }
@@ -62,7 +60,7 @@ void FinishExtendedSdp(CSdpParser& sdp, transf_type_t transf_type, const CMultic
     const int base_port = describe_destinations(sdp, output);
     const bool is_ts = transf_type == TRANSF_TYPE_TS;
     for (int i = 0; i < sdp.get_media_count(); ++i) {
-        if (is_ts && sdp.get_media_type_at(i) != MEDIA_VIDEO) {
+        if (is_ts && sdp.get_media_type_at(i) != SDP_MEDIA_VIDEO) {
             continue;
         }
         set_port(sdp, i, base_port + PORTS_PER_TRACK * i);

@@ -3,8 +3,10 @@
 
 #include "FrameInfo.h"
 #include "MediaFrame.h"
+#include "StreamParser/KXLayout.h"
 #include "StreamSource/KXDataReceiver.h"
 #include "StreamSource/SourceGate.h"
+#include "Tramel/Interleave.h"
 #include "Tramel/MediaTag.h"
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Ostra/ByteWriter.h"
@@ -15,8 +17,6 @@ namespace Vidora {
 
 namespace {
 
-const unsigned int INDEX_OFFSET = 8;    // of the sequence number in the private frame header
-const unsigned int KX_HEADER_SIZE = 6;  // "$", channel, 32-bit length
 const int RTP_INFO_LENGTH = 32;
 const int KX_INFO_LENGTH = 4;
 
@@ -45,7 +45,7 @@ void put_info(const CMediaBufferRef& buffer, const Flumen::CMediaFrame& frame, i
         return;
     }
     CByteReader reader(frame.getBuffer(), frame.size());
-    reader.Skip(INDEX_OFFSET);
+    reader.Skip(KX_AT_SEQUENCE);
     info->m_track = static_cast<uint32_t>(track);
     info->m_frame_index = reader.ReadU32Le();
     info->m_frame_type = frame.getType();
@@ -206,14 +206,14 @@ int CKXDataReceiver::put_ts_locked(const Flumen::CMediaFrame& frame, int track, 
 // A six-byte header and the frame as it is, as two packets that travel together.
 void CKXDataReceiver::put_kx(const CMediaBufferRef& buffer, const Flumen::CMediaFrame& frame, int track, int tag) {
     CMediaFrame* packet = new (std::nothrow) CMediaFrame(frame);
-    const Flumen::CMediaFrame kx_hdr_pkt(KX_HEADER_SIZE);
+    const Flumen::CMediaFrame kx_hdr_pkt(Tramel::PRIVATE_HEADER_SIZE);
     if (packet == nullptr || !kx_hdr_pkt.valid()) {
         delete packet;
         logError("%s:%d kx_hdr_pkt invalid\n", __FILE__, __LINE__);
         return;
     }
-    CByteWriter writer(kx_hdr_pkt.getBuffer(), KX_HEADER_SIZE);
-    writer.WriteU8('$');
+    CByteWriter writer(kx_hdr_pkt.getBuffer(), Tramel::PRIVATE_HEADER_SIZE);
+    writer.WriteU8(Tramel::INTERLEAVE_MARK);
     writer.WriteU8(static_cast<uint8_t>(track * 2));
     writer.WriteU32(frame.size());
     if (!put_media(buffer, kx_hdr_pkt, 0, tag)) {

@@ -10,6 +10,11 @@ namespace Tramel {
 const unsigned int INTERLEAVE_HEADER_SIZE = 4;
 const unsigned char INTERLEAVE_MARK = '$';
 
+// The header of private frames, which fit no 16-bit length:
+//
+//  |      '$'      |    channel    |                    length, 32 bits, high byte first           |
+const unsigned int PRIVATE_HEADER_SIZE = 6;
+
 }  // namespace Tramel
 }  // namespace Kavio
 

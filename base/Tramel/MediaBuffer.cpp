@@ -4,6 +4,7 @@
 #include <new>
 #include <thread>
 
+#include "Tramel/Interleave.h"
 #include "Tramel/Level2List.h"
 #include "Tramel/OutputUnit.h"
 #include "Tramel/SinkGroup.h"
@@ -36,8 +37,6 @@ const int MAX_YIELDS = 3;
 const size_t FEW_SINKS = 16;
 const uint64_t HAND_OVER_AFTER_US = 5000;  // more than another program's turn on the processor usually takes
 const uint64_t HAND_OVER_US = 1000000;
-
-const int PAIR_HEADER_LENGTH = 6;  // "$", channel, 32-bit length: the header of a private frame
 
 }  // namespace
 
@@ -151,7 +150,7 @@ bool CMediaBuffer::CImpl::is_header_locked(CMediaPacket* packet, int length, int
         return true;
     }
     const unsigned char* data = packet->GetData();
-    return length == PAIR_HEADER_LENGTH && data != nullptr && data[0] == '$';
+    return length == static_cast<int>(PRIVATE_HEADER_SIZE) && data != nullptr && data[0] == INTERLEAVE_MARK;
 }
 
 // Keeps a header for its frame. The unit, with a reference for the caller, or null.

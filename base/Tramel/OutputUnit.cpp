@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 
+#include "Tramel/Interleave.h"
 #include "Tramel/MediaTag.h"
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Tramel/MediaPacket.h"
@@ -17,7 +18,7 @@ unsigned int count_interleaved(const unsigned char* data, unsigned int length) {
     Ostra::CByteReader reader(data, length);
     unsigned int count = 0;
     while (reader.Remaining() > 0) {
-        const bool marked = reader.ReadU8() == '$';
+        const bool marked = reader.ReadU8() == INTERLEAVE_MARK;
         reader.Skip(1);  // channel
         reader.Skip(reader.ReadU16());
         if (!marked || !reader.Ok()) {

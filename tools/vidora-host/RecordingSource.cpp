@@ -313,7 +313,7 @@ void RecordingSource::give(const FrameEntry& entry, double pts_ms) {
         is_audio ? MakeAudioFrame(facts, recording().AudioFormat(), m_body.data(), m_body.size())
                  : MakeVideoFrame(facts, recording().VideoFormat(), m_body.data(), m_body.size());
     if (media.valid()) {
-        m_packet_state = Kavio::Vidora::PACKET_STATE_RUNS;
+        m_packet_state = PACKET_STATE_RUNS;
         m_proc(media);
     }
 }
@@ -345,7 +345,7 @@ void RecordingSource::give_end() {
     const unsigned char nothing[1] = {};
     const Kavio::Flumen::CMediaFrame media = MakeVideoFrame(facts, recording().VideoFormat(), nothing, sizeof(nothing));
     if (media.valid()) {
-        m_packet_state = Kavio::Vidora::PACKET_STATE_END;
+        m_packet_state = PACKET_STATE_END;
         m_proc(media);
     }
 }
