@@ -40,13 +40,14 @@ public:
         reader.Skip((control & 0x40) != 0 ? 4 : 0);
         RtpHeader header;
         m_known = m_known && (control & 0x90) == 0;
-        if (rtp_parse_header(reader.Rest(), reader.Remaining(), header) && header.payload != nullptr) {
+        m_added = rtp_parse_header(reader.Rest(), reader.Remaining(), header) && header.payload != nullptr;
+        if (m_added) {
             m_packets.push_back(header);
         }
     }
     // Checks the frame that ends with the last packet, or in front of it.
     void CheckFrame(int enc_type, bool in_front) const {
-        size_t at = m_packets.size() - (in_front ? 1 : 0);
+        size_t at = m_packets.size() - (in_front && m_added ? 1 : 0);
         if (!m_known || at == 0 || at > m_packets.size()) {
             return;
         }
@@ -65,6 +66,7 @@ private:
 
     std::deque<RtpHeader> m_packets;
     bool m_known = true;
+    bool m_added = false;  // the last packet, which may end a frame and have no payload itself
 };
 
 }  // namespace
