@@ -17,6 +17,8 @@ namespace Vidora {
 
 namespace {
 
+const int RTCP_HEADER_LEN = 4;  // RFC 3550 6.4.1, without the SSRC: a BYE may name nobody
+
 int tag_of(int channel, bool key) {
     return Tramel::MediaTag{static_cast<uint8_t>(channel / 2),
                             key ? Tramel::MediaTag::KEY_FRAME : Tramel::MediaTag::SKIPPABLE_FRAME}
@@ -224,6 +226,9 @@ int CStreamReceiver::take_kx_frame(int channel, const Flumen::CMediaFrame& frame
 }
 
 void CStreamReceiver::take_rtcp(int track, const unsigned char* data, int length) {
+    if (length < RTCP_HEADER_LEN) {
+        return;
+    }
     m_reception[track].TakeRtcp(data, static_cast<size_t>(length), m_arrival_us);
     m_changed |= 1u << track;
     if (m_rtcp_proc) {

@@ -291,6 +291,7 @@ TEST_F(CReceiverTest, UdpTakesAllTracksFromTheServersAddressOnly) {
     send(Rtp(1, true, {1}, 120), 4);  // not the payload type of the group
     send(FromHex("0062000100000001000000ff"), 4);
     send({1, 2, 3}, 0);  // too short
+    send({}, 1);         // as well
     send(rtcp, 1);
     send(rtcp, 5);
     send(Rtp(1, true, {1}, 98), 4);
