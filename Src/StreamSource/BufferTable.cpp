@@ -32,6 +32,16 @@ void CBufferTable::Remove(packet_type_t packet_type, const CMediaBuffer* buffer)
     }
 }
 
+void CBufferTable::Cut(const CMediaBuffer* buffer) {
+    for (std::vector<Entry>& entries : m_entries) {
+        for (Entry& entry : entries) {
+            if (entry.buffer == buffer) {
+                entry.ref = CMediaBufferRef(nullptr);
+            }
+        }
+    }
+}
+
 CBufferTable::Entry* CBufferTable::find(packet_type_t packet_type, const CMediaBuffer* buffer) {
     for (Entry& entry : m_entries[packet_type]) {
         if (entry.buffer == buffer) {

@@ -25,6 +25,9 @@ public:
     // nothing changes.
     void Remove(packet_type_t packet_type, const CMediaBuffer* buffer);
 
+    // Puts nothing into `buffer` any more until it is added again. Its clients stay counted.
+    void Cut(const CMediaBuffer* buffer);
+
     int Clients(packet_type_t packet_type) const;
     int Clients() const;
     size_t Size(packet_type_t packet_type) const { return m_entries[packet_type].size(); }

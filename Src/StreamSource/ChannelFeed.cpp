@@ -49,14 +49,19 @@ void CChannelFeed::SetClients(packet_type_t packet_type, int clients, bool joine
     }
 }
 
-void CChannelFeed::Quit() {
-    CGuard guard(m_mutex);
-    for (Form& form : m_forms) {
-        form.clients = 0;
+void CChannelFeed::Quit(CDataSource& source) {
+    {
+        CGuard guard(m_mutex);
+        for (Form& form : m_forms) {
+            form.clients = 0;
+        }
+        m_play_due = false;
+        m_describe_due = false;
+        m_update_due = false;
     }
-    m_play_due = false;
-    m_describe_due = false;
-    m_update_due = false;
+    for (const CMediaBuffer& buffer : m_buffers->buffer) {
+        source.CutFeeding(&buffer);
+    }
 }
 
 void CChannelFeed::WantBegin() {
@@ -74,6 +79,7 @@ void CChannelFeed::WantDescription(bool told) {
 void CChannelFeed::WantUpdate(long arg) {
     CGuard guard(m_mutex);
     m_sdp = nullptr;
+    m_describe_due = false;  // by what is to be read anew
     m_update_due = true;
     m_update_arg = arg;
     m_update_result = 0;

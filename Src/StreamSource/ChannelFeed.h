@@ -44,8 +44,9 @@ public:
 
     // The channel has that many clients of a form now. `joined`: one of them is new, and needs a key frame soon.
     void SetClients(packet_type_t packet_type, int clients, bool joined);
-    // No clients any more.
-    void Quit();
+    // No clients any more: `source`, which is the gate's, puts nothing into the channel's buffers from the return on,
+    // also while it is too busy to be stopped.
+    void Quit(CDataSource& source);
     // Begins to play and describes itself.
     void WantBegin();
     // Describes itself anew. `told`: the channel gets MSG_CHANNEL_DESCRIBED. For the first description behind another

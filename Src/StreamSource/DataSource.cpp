@@ -33,6 +33,7 @@ int CDataSource::EnableStreamTrack(int) {
 int CDataSource::DisableStreamTrack(int) {
     return -1;
 }
+void CDataSource::CutFeeding(const CMediaBuffer*) {}
 int CDataSource::StopFeeding(packet_type_t packet_type, CMediaBuffer*) {
     return StopStreaming(packet_type);
 }

@@ -74,6 +74,8 @@ public:
     // Counts a client out: of `buffer`, or with null of the one that was given last. -1 also while others are left,
     // since the source runs on.
     int StopStreaming(packet_type_t packet_type, const CMediaBuffer* buffer);
+    // Puts nothing into `buffer` any more, while its clients stay counted. Waits for a frame on its way only.
+    void CutFeeding(const CMediaBuffer* buffer);
 
     bool HasVideo();
     bool HasAudio();

@@ -172,6 +172,11 @@ int CKXDataReceiver::resume_source() {
     return 0;
 }
 
+void CKXDataReceiver::CutFeeding(const CMediaBuffer* buffer) {
+    CGuard guard(m_mutex);
+    m_buffers.Cut(buffer);
+}
+
 int CKXDataReceiver::StopStreaming(packet_type_t packet_type, const CMediaBuffer* buffer) {
     CGuard start_guard(m_start_mutex);
     {

@@ -198,6 +198,13 @@ int CKXDataSrc::StopFeeding(packet_type_t packet_type, CMediaBuffer* buffer) {
     return !use ? -1 : use->StopStreaming(packet_type, buffer);
 }
 
+void CKXDataSrc::CutFeeding(const CMediaBuffer* buffer) {
+    const CKXDataReceiver::CUse use = enter();
+    if (use) {
+        use->CutFeeding(buffer);
+    }
+}
+
 int CKXDataSrc::GetPlayRange(UtcTime& start, UtcTime& end) {
     const CKXDataReceiver::CUse use = enter();
     return !use ? -1 : use->GetPlayRange(start, end);

@@ -37,6 +37,7 @@ public:
     int StartStreaming(packet_type_t packet_type, CMediaBuffer* buffer, int cseq) override;
     int StopStreaming(packet_type_t packet_type) override;
     int StopFeeding(packet_type_t packet_type, CMediaBuffer* buffer) override;
+    void CutFeeding(const CMediaBuffer* buffer) override;
     int GetSdp(CSdpParser& sdp, int ext_info) override;
     int GetSdp(CSdpParser& sdp) override;
     int GetSrcInfo(SrcInfo& info, int track_id) override;

@@ -117,7 +117,9 @@ int CLiveChannel::StopStreaming(packet_type_t packet_type) {
     {
         CGuard guard(m_internal->m_mutex);
         feed = m_internal->m_feed;
-        if (!can_stream(feed, packet_type) || !m_internal->uncall_locked(packet_type)) {
+        // What was started before the source was taken away is counted out as well.
+        const bool counted = is_packet_type(packet_type) && m_internal->uncall_locked(packet_type);
+        if (!can_stream(feed, packet_type) || !counted) {
             return -1;
         }
     }
@@ -213,12 +215,13 @@ int CLiveChannel::AddRef(long user) {
     return 0;
 }
 
+// A reference that nobody had is given back all the same, so the count may be below 0.
 int CLiveChannel::DelRef(long user) {
     CGuard guard(m_internal->m_ref_mutex);
     --m_internal->m_ref_cont;
     logInfo("%s:%d, m_ref_cont = %d\n", __FILE__, __LINE__, m_internal->m_ref_cont);
     m_internal->m_users.Remove(user);
-    const bool last = m_internal->m_close_flag && m_internal->m_ref_cont == 0 && m_internal->m_holds == 0;
+    const bool last = m_internal->m_close_flag && m_internal->m_ref_cont <= 0 && m_internal->m_holds == 0;
     if (last) {
         logInfo("%s:%d, start to close,name=%s.\n", __FILE__, __LINE__, m_internal->m_channel_name.Get());
     }
@@ -237,7 +240,7 @@ void CLiveChannel::hold() {
 void CLiveChannel::let_go() {
     CGuard guard(m_internal->m_ref_mutex);
     --m_internal->m_holds;
-    const bool last = m_internal->m_close_flag && m_internal->m_ref_cont == 0 && m_internal->m_holds == 0;
+    const bool last = m_internal->m_close_flag && m_internal->m_ref_cont <= 0 && m_internal->m_holds == 0;
     guard.Leave();
     if (last) {
         CNetHandler::Close();

@@ -83,7 +83,7 @@ CDataSource* CLiveChannel::Internal::leave_source(const std::shared_ptr<CChannel
         return nullptr;
     }
     call->DelNotify(channel_id);
-    feed->Quit();
+    feed->Quit(*call);
     feed->Settle();
     return &*call;
 }

@@ -85,6 +85,10 @@ public:
     virtual int DisableStreamTrack(int track_kind);
     // StopStreaming for a client of that very buffer. The base calls StopStreaming.
     virtual int StopFeeding(packet_type_t packet_type, CMediaBuffer* buffer);
+    // From the return on nothing goes into `buffer` any more, in no form, until it is given to StartStreaming again.
+    // StopFeeding follows for each of its clients, perhaps much later. It waits for a frame on its way, and for nothing
+    // else. The base does nothing.
+    virtual void CutFeeding(const CMediaBuffer* buffer);
 
     void Close() override;
 

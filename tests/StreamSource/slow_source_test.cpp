@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "Protocol/SdpParser.h"
+#include "Tramel/Reactor.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/LiveChannel.h"
 #include "Vidora/LiveSvr.h"
@@ -406,6 +407,68 @@ TEST(SharedHostSource, AChannelMayGoFromInsideItsFrameCallback) {
     ASSERT_TRUE(host->Give(frame));
     EXPECT_TRUE(WaitUntil([] { return CFakeStreamSource::LiveCount() == 0; }));
     svr->Close();
+}
+
+// A channel gets another source inside a frame callback, and the pool can't stop the former one yet.
+TEST(SharedHostSource, AFormerSourceGivesNothingFromTheChangeOn) {
+    CPool pool(1);
+    const int handlers = Tramel::CReactor::Instance().CountHandlers();
+    CFakeStreamSource::SetNext(CFakeStreamSource::LiveVideo());
+    CRtspSvrConfig config;
+    config.SetSrcFunc(&CFakeStreamSource::Factory);
+    CDataSource* sources[2];
+    CFakeStreamSource* hosts[2];
+    for (const int i : {0, 1}) {
+        sources[i] = CDataSource::Create(CONTENT);
+        sources[i]->SetConfig(config);
+        ASSERT_EQ(0, sources[i]->Init(0, 0));
+        hosts[i] = CFakeStreamSource::Last();
+    }
+    CLiveChannel* const channel = make_channel("a", sources[0]);
+    CSdpParser sdp;
+    ASSERT_TRUE(WaitUntil([&] { return channel->GetSdp(sdp) == 0; }));
+    CSink sink;
+    ASSERT_EQ(0, channel->Enter(&sink, PACKET_TYPE_RTP));
+    sink.on_put = [&] {
+        if (sink.m_count == 1) {
+            EXPECT_EQ(sources[0], channel->AddDataSrc(sources[1], 0));
+        }
+    };
+    CDoor door;
+    door.Set(false);
+    CTestHandler* const keeper = CTestHandler::Make();  // of the pool's one thread
+    keeper->on_message = [&door](long, unsigned int, long) {
+        door.Pass();
+        return 0;
+    };
+    keeper->Notify(keeper->GetID(), 5000, 0);
+    ASSERT_TRUE(WaitUntil([&] { return door.Waiting() == 1; }));
+    Support::FrameSpec fields;
+    fields.type = 'I';
+    fields.payload = Support::H264Picture(true, 500, 7);
+    const Flumen::CMediaFrame frame = Support::BuildFrame(fields);
+    ASSERT_TRUE(hosts[0]->Give(frame));
+    ASSERT_TRUE(hosts[0]->Give(frame));
+    EXPECT_EQ(1, sink.m_count);
+    door.Set(true);
+    EXPECT_TRUE(WaitUntil([&] { return hosts[1]->Give(frame); }));
+    EXPECT_EQ(2, sink.m_count);
+    EXPECT_TRUE(WaitUntil([&] { return hosts[0]->CountCalls("Stop") == 1; }));
+    // What is started while it has a source and stopped while it has none is started no more.
+    EXPECT_EQ(0, channel->Leave(&sink, PACKET_TYPE_RTP));
+    EXPECT_EQ(0, channel->StartStreaming(PACKET_TYPE_RTP));
+    EXPECT_EQ(sources[1], channel->AddDataSrc(nullptr, 0));
+    EXPECT_EQ(-1, channel->StopStreaming(PACKET_TYPE_RTP));
+    EXPECT_EQ(nullptr, channel->AddDataSrc(sources[1], 0));
+    EXPECT_EQ(hosts[1]->CountCalls("Start"), hosts[1]->CountCalls("Stop"));
+    channel->DelRef(1);  // nobody's: the channel ends all the same
+    channel->Close();
+    keeper->Close();
+    for (CDataSource* source : sources) {
+        source->Close();
+    }
+    EXPECT_TRUE(WaitUntil([] { return CFakeStreamSource::LiveCount() == 0; }));
+    EXPECT_TRUE(WaitUntil([=] { return Tramel::CReactor::Instance().CountHandlers() <= handlers; }));
 }
 
 }  // namespace
