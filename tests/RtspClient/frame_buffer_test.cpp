@@ -266,7 +266,8 @@ TEST(RtpFrameBuffer, SharesItsContentsWithCopies) {
         CRtpFrameBuffer first;
         ASSERT_EQ(first.Init(&view.info, 0, 0), 0);
         second = first;
-        second = second;
+        const CRtpFrameBuffer& same = second;
+        second = same;
         const CRtpFrameBuffer third(second);
     }
     CTrackSender audio(ENC_TYPE_AUDIO, 8, 8000, AUDIO_CHANNEL);

@@ -76,7 +76,7 @@ protected:
         m_owner->Close();
     }
 
-    void SetUp(CStreamReceiver* receiver) {
+    void Prepare(CStreamReceiver* receiver) {
         m_receiver = receiver;
         ASSERT_NE(receiver, nullptr);
         ASSERT_EQ(receiver->SetTracks(m_tracks), 0);
@@ -88,7 +88,7 @@ protected:
         m_sock = std::make_shared<CSockStream>();
         EXPECT_TRUE(MakeSockPair(m_peer, *m_sock));
         CStreamTcpReceiver* receiver = CStreamTcpReceiver::Create(m_sock, m_owner->GetID(), protocol);
-        SetUp(receiver);
+        Prepare(receiver);
         return receiver;
     }
     void Send(const Bytes& bytes) {
@@ -278,7 +278,7 @@ TEST_F(CReceiverTest, UdpTakesAllTracksFromTheServersAddressOnly) {
     }
     socks.tracks[1].source = CSockAddrStorage("127.0.0.7", 1);
     socks.tracks[2].source = CSockAddrStorage();  // judged by version and payload type
-    SetUp(CStreamUdpReceiver::Create(socks, m_owner->GetID()));
+    Prepare(CStreamUdpReceiver::Create(socks, m_owner->GetID()));
     ASSERT_EQ(m_receiver->Start(0, 1.0F), 0);
 
     CUdpPeer server;
