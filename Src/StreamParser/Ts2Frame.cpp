@@ -72,7 +72,9 @@ int Ts2Frame::PutPacket(const unsigned char* packet, int len, bool last) {
     }
     const int ret = ts_demux(m_demux, packet);
     if (ret == TS_DEMUX_FAILED) {
-        logError("%s:%d _ts_stream.demux ret:%d \n", __FILE__, __LINE__, ret);
+        if (m_demux_log.Pass()) {
+            logError("%s:%d _ts_stream.demux ret:%d \n", __FILE__, __LINE__, ret);
+        }
         return FRAME_FAILED;
     }
     if (ret == TS_DEMUX_UNKNOWN_PID || !m_demux.is_media || m_demux.program != 0 || m_demux.track != 0 ||
@@ -101,7 +103,9 @@ int Ts2Frame::put_media(const unsigned char* packet, bool last) {
     m_frame_pts = m_demux.pcr_ms;
     const int appended = append_payload(payload.Rest(), static_cast<uint32_t>(payload.Remaining()));
     if (appended < 0) {
-        logError("%s:%d _ts_stream.dec ret:%d \n", __FILE__, __LINE__, appended);
+        if (m_dec_log.Pass()) {
+            logError("%s:%d _ts_stream.dec ret:%d \n", __FILE__, __LINE__, appended);
+        }
         return FRAME_FAILED;
     }
     if (last && is_rest()) {
@@ -228,7 +232,9 @@ uint32_t Ts2Frame::skip_pes_header(const unsigned char* payload, uint32_t len) {
 int Ts2Frame::finish_frame(int result) {
     const int ret = decode_frame();
     if (ret < 0) {
-        logError("%s:%d _ts_stream.dec ret:%d \n", __FILE__, __LINE__, ret);
+        if (m_dec_log.Pass()) {
+            logError("%s:%d _ts_stream.dec ret:%d \n", __FILE__, __LINE__, ret);
+        }
         return FRAME_FAILED;
     }
     m_complete = true;
@@ -249,7 +255,9 @@ int Ts2Frame::decode_frame() {
             decode_mpeg2();
             return 0;
         default:
-            logError("%s:%d, unsupported encode type, %d.\n", __FILE__, __LINE__, m_kind);
+            if (m_kind_log.Pass()) {
+                logError("%s:%d, unsupported encode type, %d.\n", __FILE__, __LINE__, m_kind);
+            }
             return -1;
     }
 }

@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "Ostra/LogGate.h"
 #include "StreamParser/FrameResult.h"
 #include "StreamParser/TsDemux.h"
 #include "Vidora/Ostra/ByteReader.h"
@@ -91,6 +92,11 @@ private:
     uint16_t m_width = 0;
     uint16_t m_height = 0;
     int m_interlace = 1;
+
+    // What a peer can cause with each packet.
+    Ostra::CLogGate m_demux_log;
+    Ostra::CLogGate m_dec_log;
+    Ostra::CLogGate m_kind_log;
 };
 
 }  // namespace Vidora

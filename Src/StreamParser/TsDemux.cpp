@@ -32,12 +32,12 @@ void read_adaptation(CByteReader& field, TsPacketInfo& info) {
 }
 
 // The section behind the pointer field, without its CRC; a failed reader if it doesn't lie whole in the packet.
-CByteReader read_section(CByteReader& payload, uint8_t table_id) {
+CByteReader read_section(CByteReader& payload, uint8_t table_id, Ostra::CLogGate& log) {
     payload.Skip(payload.ReadU8());
     CByteReader peek = payload;
     const uint8_t id = peek.ReadU8();
     const size_t len = peek.ReadU16() & 0x0FFFu;
-    if (peek.Ok() && (len > peek.Remaining() || len < CRC_LEN)) {
+    if (peek.Ok() && (len > peek.Remaining() || len < CRC_LEN) && log.Pass()) {
         logWarn("%s:%d, invalid section length.\n", __FILE__, __LINE__);
     }
     const bool good = peek.Ok() && id == table_id && len >= CRC_LEN;
@@ -45,8 +45,8 @@ CByteReader read_section(CByteReader& payload, uint8_t table_id) {
 }
 
 // ISO 13818-1 2.4.4.3. Only the first program is taken.
-void read_pat(TsProgramTable& table, CByteReader& payload) {
-    CByteReader section = read_section(payload, PAT_TABLE);
+void read_pat(TsProgramTable& table, CByteReader& payload, Ostra::CLogGate& log) {
+    CByteReader section = read_section(payload, PAT_TABLE, log);
     if (!section.Skip(SECTION_HEAD_LEN)) {
         return;
     }
@@ -58,8 +58,8 @@ void read_pat(TsProgramTable& table, CByteReader& payload) {
 }
 
 // ISO 13818-1 2.4.4.8.
-void read_pmt(TsProgramTable& table, CByteReader& payload) {
-    CByteReader section = read_section(payload, PMT_TABLE);
+void read_pmt(TsProgramTable& table, CByteReader& payload, Ostra::CLogGate& log) {
+    CByteReader section = read_section(payload, PMT_TABLE, log);
     if (!section.Skip(PMT_HEAD_LEN)) {
         return;
     }
@@ -90,7 +90,9 @@ int read_media(TsDemuxState& state, CByteReader& payload) {
         state.pcr_ms = state.packet.pcr_base / TICKS_PER_MS;
     }
     if (state.packet.unit_start && payload.ReadU24() != 0x000001) {
-        logError("%s:%d, invalid pes header.\n", __FILE__, __LINE__);
+        if (state.logs[TS_FAULT_PES].Pass()) {
+            logError("%s:%d, invalid pes header.\n", __FILE__, __LINE__);
+        }
         return TS_DEMUX_FAILED;
     }
     state.is_media = true;
@@ -112,7 +114,7 @@ bool ts_parse_packet(const unsigned char packet[TS_PACK_LEN], TsPacketInfo& info
     if ((control & 0x20) != 0) {
         CByteReader field = reader.SubReader(reader.ReadU8());
         if (!reader.Ok()) {
-            logWarn("%s:%d, invalid adaptation length.\n", __FILE__, __LINE__);
+            info.bad_adaptation = true;
             return true;
         }
         read_adaptation(field, info);
@@ -128,18 +130,21 @@ int ts_demux(TsDemuxState& state, const unsigned char packet[TS_PACK_LEN]) {
     if (!ts_parse_packet(packet, state.packet)) {
         return TS_DEMUX_FAILED;
     }
+    if (state.packet.bad_adaptation && state.logs[TS_FAULT_ADAPTATION].Pass()) {
+        logWarn("%s:%d, invalid adaptation length.\n", __FILE__, __LINE__);
+    }
     CByteReader payload(packet, TS_PACK_LEN);
     payload.Skip(static_cast<size_t>(state.packet.payload_offset));
     const bool section_start = state.packet.unit_start && payload.Remaining() > 0;
     if (state.packet.pid == PAT_PID) {
         if (section_start) {
-            read_pat(state.table, payload);
+            read_pat(state.table, payload, state.logs[TS_FAULT_SECTION]);
         }
         return TS_DEMUX_OK;
     }
     if (state.packet.pid == state.table.pmt_pid) {
         if (section_start) {
-            read_pmt(state.table, payload);
+            read_pmt(state.table, payload, state.logs[TS_FAULT_SECTION]);
         }
         return TS_DEMUX_OK;
     }

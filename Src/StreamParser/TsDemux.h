@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "Ostra/LogGate.h"
 #include "StreamParser/TsTable.h"
 
 namespace Kavio {
@@ -20,8 +21,12 @@ struct TsPacketInfo {
     bool unit_start = false;
     int payload_offset = TS_PACK_LEN;  // TS_PACK_LEN: it carries no payload
     bool has_pcr = false;
-    uint64_t pcr_base = 0;  // 33 bits, 90 kHz
+    uint64_t pcr_base = 0;        // 33 bits, 90 kHz
+    bool bad_adaptation = false;  // the adaptation field is longer than the packet
 };
+
+// What is wrong with a packet and worth a log line.
+enum ts_fault_t { TS_FAULT_SECTION, TS_FAULT_ADAPTATION, TS_FAULT_PES, TS_FAULT_COUNT };
 
 // What the demultiplexer knows of the stream and found in the last packet.
 struct TsDemuxState {
@@ -32,6 +37,7 @@ struct TsDemuxState {
     bool is_media = false;  // it belongs to a track
     int32_t program = 0;
     int32_t track = 0;
+    Ostra::CLogGate logs[TS_FAULT_COUNT];  // a line a second for each
 };
 
 // Takes one packet apart. False if it doesn't begin with the sync byte. An adaptation field that is longer than the

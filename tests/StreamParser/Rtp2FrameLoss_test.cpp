@@ -8,6 +8,7 @@
 #include <string>
 #include <vector>
 
+#include "support/Capture.h"
 #include "support/Depacketiser.h"
 
 namespace Kavio {
@@ -285,6 +286,23 @@ TEST(Rtp2FrameLoss, TakesTheFirstFrameOfSourceZero) {
         in.Put(piece.packet);
     }
     EXPECT_EQ(in.m_frames, stream.frames);
+}
+
+// Whatever a peer sends with each packet doesn't fill the log. A slow machine may take some seconds for it.
+TEST(Rtp2FrameLoss, FaultsOfAPeerDoNotFillTheLog) {
+    const int packets = 2000;
+    for (const int enc_type : {ENC_TYPE_H264, ENC_TYPE_JPEG, ENC_TYPE_MPEG2TS}) {
+        const CLogCapture log(Ostra::LOG_LEVEL_WARN);
+        Depacketiser in(enc_type);
+        RtpFields fields;
+        fields.marker = true;
+        for (int i = 0; i < packets; ++i) {
+            in.Put(MakeRtp(fields, Bytes(188, i % 3 == 0 ? uint8_t{0x47} : uint8_t{0xff})));
+            in.Put({0x80});
+            ++fields.ssrc;
+        }
+        EXPECT_LT(log.Count(""), packets / 4) << enc_type;
+    }
 }
 
 TEST(Rtp2FrameLoss, CutBeforeThePayload) {
