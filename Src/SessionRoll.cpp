@@ -44,23 +44,28 @@ unsigned int CSessionRoll::EndAll(unsigned int wait_ms) {
 
 std::unique_ptr<CSessionEntry> CSessionEntry::Create(const std::shared_ptr<CSessionRoll>& roll, long id,
                                                      unsigned int msg, long param) {
-    std::unique_ptr<CSessionEntry> entry;
-    const std::lock_guard<std::mutex> lock(roll->m_mutex);
-    if (!roll->m_shut) {
-        entry.reset(new (std::nothrow) CSessionEntry(roll, id, msg, param));
+    return std::unique_ptr<CSessionEntry>(new (std::nothrow) CSessionEntry(roll, id, msg, param));
+}
+
+bool CSessionEntry::Enter() {
+    const std::lock_guard<std::mutex> lock(m_roll->m_mutex);
+    if (m_roll->m_shut) {
+        return false;
     }
-    if (entry != nullptr) {
-        entry->next = &roll->m_ring;
-        entry->before = roll->m_ring.before;
-        entry->before->next = entry.get();
-        entry->next->before = entry.get();
-        ++roll->m_count;
-    }
-    return entry;
+    next = &m_roll->m_ring;
+    before = m_roll->m_ring.before;
+    before->next = this;
+    next->before = this;
+    m_entered = true;
+    ++m_roll->m_count;
+    return true;
 }
 
 CSessionEntry::~CSessionEntry() {
     const std::lock_guard<std::mutex> lock(m_roll->m_mutex);
+    if (!m_entered) {
+        return;
+    }
     before->next = next;
     next->before = before;
     --m_roll->m_count;

@@ -50,15 +50,17 @@ private:
     bool m_shut = false;
 };
 
-// CSessionEntry: a session's place in the roll of its server, from its construction to its end. A session lets go of
-// its entry as the very last thing, after its own destructor.
+// CSessionEntry: a session's place in the roll of its server, from its beginning on its strand to its end. A session
+// lets go of its entry as the very last thing, after its own destructor.
 class CSessionEntry : private CSessionRoll::CLink {
 public:
-    // Enters the handler `id`, which ends by the message (`msg`, `param`). Null if no session may begin any more, or
-    // memory is short.
+    // For the handler `id`, which ends by the message (`msg`, `param`). Null if memory is short.
     static std::unique_ptr<CSessionEntry> Create(const std::shared_ptr<CSessionRoll>& roll, long id, unsigned int msg,
                                                  long param);
     ~CSessionEntry();
+    // Once, and only when the handler is whole: from now on it may be told to end. False if no session may begin any
+    // more.
+    bool Enter();
     CSessionEntry(const CSessionEntry&) = delete;
     CSessionEntry& operator=(const CSessionEntry&) = delete;
 
@@ -72,7 +74,9 @@ private:
     const long m_id;
     const unsigned int m_msg;
     const long m_param;
-    bool m_ending = false;  // guarded by the roll's lock, as the links
+    // Guarded by the roll's lock, as the links.
+    bool m_entered = false;
+    bool m_ending = false;
 };
 
 }  // namespace Vidora

@@ -24,8 +24,15 @@ void CSvrConversation::OpenGate(rtsp_auth_t type, bool checks_onvif) {
 
 void CSvrConversation::Welcome(const CSockAddrStorage& peer) {
     m_peer = peer;
+    m_welcomed = true;
     m_frames.SetPeer(peer);
     give_address_event(EVENT_CLIENT_CONNECTED);
+}
+
+void CSvrConversation::Farewell() {
+    if (m_welcomed) {
+        give_address_event(EVENT_CLIENT_DISCONNECTED);
+    }
 }
 
 int CSvrConversation::TakeMessage(const char* text, int length) {
@@ -302,7 +309,7 @@ void CSvrConversation::on_asyn_msg(const StateEvent& event) {
         m_link.CloseLink();
     }
     if (m_closed) {
-        give_address_event(EVENT_CLIENT_DISCONNECTED);
+        Farewell();
     }
 }
 

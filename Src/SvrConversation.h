@@ -76,8 +76,8 @@ public:
     void End(unsigned int msg) { m_machine.put_asyn_msg(msg, 0); }
     // Lets all go that it holds of others; before the link dies.
     void Release();
-    // Tells the host that its client has gone.
-    void Farewell() { give_address_event(EVENT_CLIENT_DISCONNECTED); }
+    // Tells the host that the client has gone whom it was told of.
+    void Farewell();
 
 private:
     friend struct RtspServerOwner<CSvrConversation>;
@@ -159,6 +159,7 @@ private:
     IMediaRoute* m_route = nullptr;                  // of the last SETUP
     packet_type_t m_packet_type = PACKET_TYPE_NONE;  // of the last SETUP
     int m_sdp_result = SDP_UNICAST;                  // of the last GetSdp
+    bool m_welcomed = false;                         // the host was told of its client
     bool m_described = false;
     bool m_streaming = false;       // from the end of a PLAY to a PAUSE or whole TEARDOWN
     bool m_closed = false;          // CloseLink was called

@@ -36,7 +36,7 @@ CSvrSessionCore::~CSvrSessionCore() {
     logInfo("%s %s this:%p\n", __FILE__, "Vidora::CSvrSessionCore::~CSvrSessionCore", static_cast<void*>(this));
 }
 
-int CSvrSessionCore::Enter(const std::shared_ptr<CSessionRoll>& roll) {
+int CSvrSessionCore::SetRoll(const std::shared_ptr<CSessionRoll>& roll) {
     m_entry = CSessionEntry::Create(roll, GetID(), MSG_SESSION_END, MSG_SESSION_BROKEN);
     return m_entry != nullptr ? 0 : -1;
 }
@@ -104,11 +104,20 @@ int64_t CSvrSessionCore::handle_timeout(long timer_id) {
 
 int CSvrSessionCore::handle_message(long /*sender_id*/, unsigned int msg, long param) {
     if (msg == MSG_SESSION_INIT) {
-        Init(static_cast<int>(param));
+        begin(static_cast<int>(param));
     } else {
         m_conversation.OnMessage(msg, param);
     }
     return 0;
+}
+
+// A session whose server was stopped meanwhile goes unheard: its host counts on hearing nothing more.
+void CSvrSessionCore::begin(int count) {
+    if (m_entry == nullptr || m_entry->Enter()) {
+        Init(count);
+    } else {
+        close_session();
+    }
 }
 
 // While the session is whole: what it holds may call back until it is let go.

@@ -36,8 +36,9 @@ public:
     // Before the session starts.
     void SetConfig(const CRtspSvrConfig& config) { m_conversation.SetConfig(config); }
     void SetLiveSvr(const CLiveSvrRef& live_svr) { m_conversation.SetLiveSvr(live_svr); }
-    // Enters the session in the roll of its server. 0, or -1 if no session may begin: Close it then.
-    int Enter(const std::shared_ptr<CSessionRoll>& roll);
+    // Gives the session its place in the roll of its server, which it enters when it begins: an end that came earlier
+    // would find it half made. 0, or -1 if memory is short: Close it then.
+    int SetRoll(const std::shared_ptr<CSessionRoll>& roll);
 
     int handle_output(int fd) override;
     int handle_exception(int fd) override;
@@ -64,7 +65,7 @@ protected:
 
     // Ends the session in the derived class's way. Called once.
     virtual void close_session() = 0;
-    // Begins, with `count` bytes in m_requests; on the session's strand.
+    // Begins, with `count` bytes in m_requests; on the session's strand, and in the roll.
     virtual int Init(int count) = 0;
 
     // Takes `count` bytes that were read to m_requests. Negative: the session is ending.
@@ -73,6 +74,8 @@ protected:
     void open_sender();
 
 private:
+    void begin(int count);
+
     CStreamSender* m_stream_sender = nullptr;
     std::unique_ptr<CSessionEntry> m_entry;
 

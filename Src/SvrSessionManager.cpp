@@ -292,7 +292,7 @@ void CSvrSessionManager::hand_on(CSockStream* sock, const char* buf, int len, bo
 
 void CSvrSessionManager::start_rtsp_session(CSockStream* sock, const char* buf, int len, long extra) {
     CRtspSvrSession* session = new (std::nothrow) CRtspSvrSession;
-    if (session == nullptr || session->Enter(m_roll) < 0) {
+    if (session == nullptr || session->SetRoll(m_roll) < 0) {
         delete sock;
         if (session != nullptr) {
             session->Close();

@@ -1,5 +1,7 @@
 #include "StreamSource/KXDataReceiver.h"
 
+#include "Protocol/LogQuote.h"
+
 namespace Kavio {
 namespace Vidora {
 
@@ -26,7 +28,8 @@ int CKXDataReceiver::Init(const char* content, long notify_id, int ext) {
     }
     CStreamSource* source = m_create_src_fun(content);
     if (source == nullptr) {
-        logError("%s:%d get stream source fail, content:%s!\n", __FILE__, __LINE__, content);
+        logError("%s:%d get stream source fail, content:%s!\n", __FILE__, __LINE__,
+                 CLogQuote(Ostra::LOG_LEVEL_ERROR, content).Text());
         return -1;
     }
     // Both stand before the source's Init, which may post MSG_STREAM_INFO at once; the message waits for its end.

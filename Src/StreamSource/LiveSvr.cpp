@@ -8,6 +8,7 @@
 #include <new>
 #include <string>
 
+#include "Protocol/LogQuote.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/LiveChannel.h"
 
@@ -185,7 +186,8 @@ CLiveSvr::Internal::channel_attr* CLiveSvr::Internal::find_attr_locked(const std
         if (match > 0) {
             best_count = std::max(best_count, count);
         } else {
-            logDebug("%s:%d, channel:[%s] is not find in live server\n", __FILE__, __LINE__, content);
+            logDebug("%s:%d, channel:[%s] is not find in live server\n", __FILE__, __LINE__,
+                     CLogQuote(Ostra::LOG_LEVEL_DEBUG, content).Text());
         }
     }
     return best;
@@ -281,7 +283,7 @@ CLiveChannel* CLiveSvr::GetLiveChannel(const char* content, long user) {
     Internal::channel_attr* attr = m_internal->get_channel_attr_locked(content);
     if (attr == nullptr || attr->live_channel->AddRef(user) < 0) {
         logError("%s:%d, get channel failed, channel_name =%s.\n", __FILE__, __LINE__,
-                 content == nullptr ? "" : content);
+                 CLogQuote(Ostra::LOG_LEVEL_ERROR, content).Text());
         return nullptr;
     }
     return attr->live_channel;

@@ -350,6 +350,33 @@ TEST_F(Lifecycle, AServerEndsItsSessionsInACallbackOfOneOfThem) {
     EXPECT_TRUE(client.Closed());
 }
 
+// Told to end at any moment of its beginning: nothing is half made then, and the host hears of both its ends or of
+// none.
+TEST_F(Lifecycle, SessionsEndWhileTheyBegin) {
+    SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, &CEventLog::OnEvent);
+    StartServer();
+    std::atomic<int> running{3};
+    std::vector<std::thread> threads;
+    for (int i = 0; i < 3; ++i) {
+        threads.emplace_back([&] {
+            for (int round = 0; round < 60; ++round) {
+                CRtspTestClient client(m_port);
+                client.Ask("OPTIONS", "*");
+            }
+            --running;
+        });
+    }
+    while (running > 0) {
+        m_svr->EndSessions(0);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(0u, m_svr->EndSessions(20000));
+    EXPECT_TRUE(SessionsGone());
+    EXPECT_EQ(2 * CEventLog::Count("connected 127.0.0.1"), CEventLog::Count("disconnected 127.0.0.1"));
+}
+
 TEST_F(Lifecycle, AFormatChangeEndsRtpAndNotPrivateSessions) {
     CFakeStreamSource* source = StartWithChannel();
     CRtspTestClient rtp(m_port), kx(m_port);
