@@ -4,6 +4,7 @@
 
 #include "Protocol/RtcpParser.h"
 #include "support/Capture.h"
+#include "support/SampleTable.h"
 #include "support/StreamBytes.h"
 
 namespace Kavio {
@@ -12,6 +13,8 @@ namespace Support {
 using namespace Vidora;
 
 namespace {
+
+const char TABLES[] = VIDORA_TEST_DATA "/rtcp.txt";
 
 // A parser, and the bytes that its table leads into.
 struct Parsed {
@@ -94,39 +97,19 @@ TEST(RtcpParser, DecodesReportsOfAnotherImplementation) {
 
 TEST(RtcpParser, RecordsWhatIsGoodInFrontOfTheFirstFault) {
     const std::string rr = "80c9000100000001";
-    const std::string bad_header = "invalid rtcp packet, checkout rtcp header failed! \n";
-    std::string many;
+    std::vector<std::vector<std::string>> rows = ReadTable(TABLES, "faults", 4);
+    rows.push_back({"", "compound", "32", ":ParseData compound packet is beyond max number:32! \n"});
     for (int i = 0; i < 33; ++i) {
-        many += rr;
+        rows.back()[0] += rr;
     }
-    struct {
-        std::string hex;
-        bool compound;
-        int count;
-        std::string log;  // empty: no line
-    } const rows[] = {
-        {"", true, 0, ""},
-        {"81ca000100000001" + rr, true, 0, ":ParseData invalid compound rule!\n"},
-        {"81ca000100000001" + rr, false, 2, ""},
-        {many, true, 32, ":ParseData compound packet is beyond max number:32! \n"},
-        {rr + "81cb000100000001" + rr, true, 2, ""},  // nothing behind a BYE is looked at
-        {rr + "81cb000100000001" + rr, false, 3, ""},
-        {rr + "81cc000100000001", true, 2, ""},          // an application packet takes an entry
-        {rr + "a0c9000100000001", true, 1, bad_header},  // padding
-        {rr + "40c9000100000001", true, 1, bad_header},  // version 1
-        {"8060000100000001", true, 0, bad_header},       // RTP
-        {rr + "80c900", true, 1, bad_header},
-        {"80c80006000000010000000200000003", true, 0, "rtcp packet length error, expect:28, actual:16!\n"},
-        {rr + "80c9000200000001", true, 1, "rtcp packet length error, expect:12, actual:8!\n"},
-    };
     for (const auto& row : rows) {
-        SCOPED_TRACE(row.hex);
+        SCOPED_TRACE(row[0]);
         const CLogCapture log;
-        const Parsed parsed(row.hex, row.compound);
-        EXPECT_EQ(parsed.count, row.count);
-        EXPECT_EQ(parsed.good, row.count > 0);
-        EXPECT_EQ(log.Lines().size(), row.log.empty() ? 0U : 1U);
-        EXPECT_EQ(log.Count(row.log), row.log.empty() ? 0 : 1);
+        const Parsed parsed(row[0], row[1] == "compound");
+        EXPECT_EQ(std::to_string(parsed.count), row[2]);
+        EXPECT_EQ(parsed.good, row[2] != "0");
+        EXPECT_EQ(log.Lines().size(), row[3].empty() ? 0U : 1U);
+        EXPECT_EQ(log.Count(row[3]), row[3].empty() ? 0 : 1);
     }
     CRtcpParser parser(1);
     const unsigned int length = 8;
@@ -135,34 +118,11 @@ TEST(RtcpParser, RecordsWhatIsGoodInFrontOfTheFirstFault) {
 }
 
 TEST(RtcpParser, DecodersStayInsideTheirPacket) {
-    const std::string sr = "000000010000000200000003000000040000000500000006";
-    const std::string block = "000000a10100000200000003000000040000000500000006";
-    struct {
-        std::string hex;
-        const char* decoded;
-    } const rows[] = {
-        // A count of 2 with one block, and with the begin of another; less than the fixed part.
-        {"82c8000c" + sr + block, "-1 SR 1 3 4 5 6 [a1 1 2 3 4 5 6]"},
-        {"82c8000d" + sr + block + "000000b1", "-1 SR 1 3 4 5 6 [a1 1 2 3 4 5 6]"},
-        {"80c80001000000ff", "-1 SR ff 0 0 0 0"},
-        {"82c9000700000001" + block, "-1 RR 1 [a1 1 2 3 4 5 6]"},
-        {"80c90000", "-1 RR 0"},
-        // A reason; none; one of 255 bytes, which isn't kept; one that runs out; fewer sources than counted; none.
-        {"82cb000400000001000000020461626364000000", "0 BYE 1 2 [abcd]"},
-        {"82cb0003000000010000000200616263", "0 BYE 1 2 []"},
-        {"82cb00030000000100000002ff616263", "0 BYE 1 2 []"},
-        {"82cb000300000001000000020f616263", "0 BYE 1 2 [abc]"},
-        {"83cb00020000000100000002", "0 BYE 1 2 0 []"},
-        {"80cb000103616263", "0 BYE [abc]"},
-        // Two chunks of a count of 3, with an item of no text; an item that runs out.
-        {"83ca0006000000010103616263000000000000020200010178000000", "0 SDES 1 [1 abc] SDES 2 [2 ] [1 x]"},
-        {"81ca00030000000101ff616263646566", "0 SDES 1"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.hex);
-        Parsed parsed(row.hex, false);
+    for (const auto& row : ReadTable(TABLES, "decoded", 2)) {
+        SCOPED_TRACE(row[0]);
+        Parsed parsed(row[0], false);
         ASSERT_EQ(parsed.count, 1);
-        EXPECT_EQ(decoded(parsed.packs[0]), row.decoded);
+        EXPECT_EQ(decoded(parsed.packs[0]), row[1]);
     }
     Parsed wrong("80c9000100000001");
     wrong.packs[0].common.pt = CRtcpParser::RTCP_TYPE_SR;

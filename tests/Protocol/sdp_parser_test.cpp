@@ -9,13 +9,19 @@
 
 #include "Protocol/SdpParser.h"
 #include "support/Capture.h"
+#include "support/RtspText.h"
+#include "support/SampleTable.h"
 #include "support/SdpTree.h"
 
 using namespace Kavio::Vidora;
 using Kavio::Support::CLogCapture;
+using Kavio::Support::Crlf;
 using Kavio::Support::CSdpTree;
+using Kavio::Support::ReadTable;
 
 namespace {
+
+const char TABLES[] = VIDORA_TEST_DATA "/sdp.txt";
 
 std::string read_sample(const std::string& name) {
     std::ifstream file(VIDORA_TEST_DATA "/../fuzz/corpus/sdp/" + name + ".sdp", std::ios::binary);
@@ -48,60 +54,18 @@ std::string summary(const CSdpParser& sdp) {
     return out.str();
 }
 
-struct sample_t {
-    const char* name;
-    const char* summary;
-    bool is_canonical = false;  // in the order of RFC 4566, with nothing that is dropped: written as it came
-};
-
-const sample_t SAMPLES[] = {
-    {"ffmpeg_rtp_h264", "1 tracks, kind 0, encoding 0, 0 us, -1 fps\n-1 - 1 96 H264/90000/1 2\n", true},
-    {"ffmpeg_rtsp_announce",
-     "2 tracks, kind 0, encoding 0, 0 us, -1 fps\n"
-     "1 streamid=0 1 96 H264/90000/1 2\n2 streamid=1 0 97 MPEG4-GENERIC/44100/2 2\n",
-     true},
-    {"ffmpeg_multicast_pcmu", "1 tracks, kind 0, encoding 3, 0 us, -1 fps\n-1 - 0 0 -/-1/1 2\n"},
-    {"ffmpeg_ipv6_mpeg4", "1 tracks, kind 0, encoding 1, 0 us, -1 fps\n-1 - 1 96 MP4V-ES/90000/1 2\n", true},
-    {"gstreamer_server",
-     "2 tracks, kind 0, encoding 0, 0 us, 30 fps\n"
-     "1 stream=0 1 96 H264/90000/1 2\n2 stream=1 0 97 OPUS/48000/2 2\n"},
-    {"camera_live_onvif",
-     "3 tracks, kind 1, encoding 0, 0 us, 25 fps\n1 trackID=0 1 96 H264/90000/1 1\n"
-     "2 trackID=1 0 8 PCMA/8000/1 1\n3 trackID=2 3 107 vnd.onvif.metadata/90000/1 1\n",
-     true},
-    {"camera_backchannel",
-     "3 tracks, kind 0, encoding 3, 0 us, 13 fps\n"
-     "1 rtsp://192.0.2.20/Streaming/Channels/101/trackID=1 1 26 -/-1/1 1\n"
-     "2 rtsp://192.0.2.20/Streaming/Channels/101/trackID=2 0 0 -/-1/1 1\n"
-     "3 rtsp://192.0.2.20/Streaming/Channels/101/trackID=3 0 0 PCMU/8000/1 0\n",
-     true},
-    {"camera_recording_mpegts", "1 tracks, kind 0, encoding 2, 70000000 us, -1 fps\n1 track1 1 33 MP2T/90000/1 2\n",
-     true},
-    {"public_server_vod",
-     "2 tracks, kind 0, encoding 0, 634625000 us, 24 fps\n"
-     "1 track1 0 96 mpeg4-generic/12000/2 2\n2 track2 1 97 H264/90000/1 2\n"},
-    {"rfc4566_example",
-     "2 tracks, kind 0, encoding 3, 0 us, -1 fps\n-1 - 0 0 -/-1/1 2\n-1 - 1 32 h263-1998/90000/1 2\n"},
-    // Odd ones.
-    {"lf_only", "1 tracks, kind 0, encoding 3, 0 us, -1 fps\n1 x 1 96 -/-1/1 2\n"},
-    {"no_line_end", "1 tracks, kind 0, encoding 3, 0 us, -1 fps\n-1 - 0 8 -/-1/1 2\n"},
-    {"bad_lines", "0 tracks, kind 0, encoding 3, 0 us, -1 fps\n"},
-    {"cr_and_tabs", "1 tracks, kind 0, encoding 3, 0 us, -1 fps\n1 c 2 13 -/-1/1 2\n"},
-    {"nul", "0 tracks, kind 0, encoding 3, 0 us, -1 fps\n"},
-};
-
 }  // namespace
 
 TEST(SdpParser, ReadsWholeDescriptionsAndWritesThemBack) {
-    for (const sample_t& sample : SAMPLES) {
-        SCOPED_TRACE(sample.name);
+    for (const auto& row : ReadTable(TABLES, "samples", 3)) {
+        SCOPED_TRACE(row[0]);
         const CLogCapture log;
         CSdpParser sdp;
-        const std::string text = read_sample(sample.name);
+        const std::string text = read_sample(row[0]);
         ASSERT_EQ(parse(sdp, text), 0);
-        EXPECT_EQ(summary(sdp), sample.summary);
+        EXPECT_EQ(summary(sdp), row[2]);
         ASSERT_EQ(sdp.GetStream(), 0);
-        EXPECT_TRUE(!sample.is_canonical || sdp.get_stream() == text) << sdp.get_stream();
+        EXPECT_TRUE(row[1] != "same" || sdp.get_stream() == text) << sdp.get_stream();
         const std::string tree = CSdpTree::Dump(*sdp.get_session());
         CSdpParser again;
         ASSERT_EQ(again.Parse(sdp.get_stream(), 0), 0);
@@ -276,37 +240,14 @@ TEST(SdpParser, UnknownTracksAndNullArgumentsAreRefused) {
 }
 
 TEST(SdpParser, ReadsValuesOfAttributes) {
-    struct {
-        const char* lines;
-        const char* summary;
-    } const rows[] = {
-        {"a=range:npt=0-\r\nm=video 0 x 1\r\na=framerate:25\r\na=rtpmap:96 H264\r\n",
-         "1 tracks, kind 0, encoding 0, 0 us, 25 fps\n-1 - 1 1 H264/-1/1 2\n"},
-        {"a=range:npt=0-10.5\r\nm=video 0 x 1\r\na=framerate:x\r\na=framerate:14.5\r\na=rtpmap:96  /\r\n",
-         "1 tracks, kind 0, encoding 3, 10500000 us, 15 fps\n-1 - 1 1 -/-1/1 2\n"},
-        {"a=range:npt=10-4\r\na=range:npt=0-4\r\nm=video 0 x 1\r\na=rtpmap\r\na=rtpmapping:96 PCMU/8000/x\r\n",
-         "1 tracks, kind 0, encoding 3, 0 us, -1 fps\n-1 - 1 1 PCMU/8000/1 2\n"},
-        {"a=range:npt=0-99999999999999999999\r\na=packetization-supported:KXAV\r\nm=video 0 x 1\r\n"
-         "a=framerate:99999999999\r\na=rtpmap:0 PCMU/8000/2\r\n",
-         "1 tracks, kind 1, encoding 3, 0 us, -1 fps\n-1 - 1 1 PCMU/8000/2 2\n"},
-        {"a=range:npt=+1.5e0- 3.6e+03\r\nm=video 0 x 1\r\na=framerate: 2.5e1\r\n",
-         "1 tracks, kind 0, encoding 3, 3598500000 us, 25 fps\n-1 - 1 1 -/-1/1 2\n"},
-        {"a=range:npt=inf-nan\r\nm=video 0 x 1\r\na=framerate:inf\r\n",
-         "1 tracks, kind 0, encoding 3, 0 us, -1 fps\n-1 - 1 1 -/-1/1 2\n"},
-        {"a=range:npt=9000000000000--9000000000000\r\nm=video 0 x 1\r\na=framerate:0.4\r\na=rtpmap:96 H264/0/0\r\n",
-         "1 tracks, kind 0, encoding 0, 0 us, -1 fps\n-1 - 1 1 H264/-1/1 2\n"},
-        {"a=range:npt=-9000000000000-0\r\nm=video 0 x 1\r\na=framerate:-25\r\na=rtpmap:96 PCMU/-8000/-2\r\n",
-         "1 tracks, kind 0, encoding 3, 9000000000000000000 us, -1 fps\n-1 - 1 1 PCMU/-1/1 2\n"},
-        {"m=video 0 x 1\r\na=rtpmap:96 H264/90000\r\na=control:cut in the line's end\r",
-         "1 tracks, kind 0, encoding 0, 0 us, -1 fps\n1 cut in the line's end 1 1 H264/90000/1 2\n"},
-        {"a=range:clock=1-2\r\na=packetization-supported:RTP\r\nm=video 0 x 1\r\na=rtpmap:H264/90000\r\n",
-         "1 tracks, kind 3, encoding 0, 0 us, -1 fps\n-1 - 1 1 H264/-1/1 2\n"},
-    };
-    for (const auto& row : rows) {
+    for (const auto& row : ReadTable(TABLES, "attributes", 2)) {
         CSdpParser sdp;
-        ASSERT_EQ(parse(sdp, row.lines), 0);
-        EXPECT_EQ(summary(sdp), row.summary);
+        ASSERT_EQ(parse(sdp, Crlf(row[0])), 0);
+        EXPECT_EQ(summary(sdp), row[1]);
     }
+    CSdpParser sdp;
+    ASSERT_EQ(parse(sdp, "m=video 0 x 1\r\na=rtpmap:96 H264/90000\r\na=control:cut in the line's end\r"), 0);
+    EXPECT_EQ(text_or(sdp.get_control(0)), "cut in the line's end");
 }
 
 TEST(SdpParser, KeepsLongTextsWithinItsStore) {

@@ -6,9 +6,11 @@
 
 #include "Vidora/RtspUrlParser.h"
 #include "support/Capture.h"
+#include "support/SampleTable.h"
 
 using namespace Kavio::Vidora;
 using Kavio::Support::CLogCapture;
+using Kavio::Support::ReadTable;
 
 namespace {
 
@@ -47,7 +49,7 @@ std::string time_of(const CTime& time) {
 }
 
 // All that was found; the content only if it isn't the text itself.
-std::string found(CRtspUrlParser& parser, const char* text) {
+std::string found(CRtspUrlParser& parser, const std::string& text) {
     static const char* const TYPES[] = {"proxy", "live", "file", "proxied live", "proxied file", "token", "none"};
     std::ostringstream out;
     out << TYPES[parser.GetSrcType()];
@@ -77,42 +79,15 @@ std::string found(CRtspUrlParser& parser, const char* text) {
     return out.str();
 }
 
-struct Row {
-    const char* text;
-    const char* found;
-};
-
 }  // namespace
 
 TEST(RtspUrlParser, SplitsUrlIntoCredentialsHostAndContent) {
-    const Row rows[] = {
-        {"rtsp://user:pw@127.0.0.1:8554/cam/realmonitor?channel=1&subtype=0",
-         "live [cam/realmonitor?channel=1&subtype=0] as user:pw at 127.0.0.1:8554 channel 1/0"},
-        {"RtSp://127.0.0.1/dir/x.kav", "file [dir/x.kav] at 127.0.0.1:554 file dir/x.kav"},
-        {"rtsp://[::1]:8554/x.kav", "file [x.kav] at ::1:8554 file x.kav"},
-        {"rtsp://127.0.0.1/", "none [] at 127.0.0.1:554"},
-        {"rtsp://127.0.0.1", "none [] at 127.0.0.1:554"},
-        {"rtsp://user:@127.0.0.1/", "none [] as user: at 127.0.0.1:554"},
-        {"rtsp://:pw@127.0.0.1/", "none [(null)]"},
-        // An "@" in the path isn't the end of credentials, and a "proxy" in front of one has its own.
-        {"rtsp://127.0.0.1/u:p@x.kav", "file [u:p@x.kav] at 127.0.0.1:554 file u:p@x.kav"},
-        {"rtsp://proxy:x@127.0.0.1/a", "none [a]"},
-        // No host but a file name with an "@" in it: the port isn't a number, and no path follows.
-        {"rtsp://user:pw@x.kav", "none [(null)]"},
-        // A host that can't be read doesn't end the parse, a port out of range leaves the address empty.
-        {"rtsp://?/x.kav", "file [x.kav] file x.kav"},
-        {"rtsp://127.0.0.1:99999/x.kav", "file [x.kav] file x.kav"},
-        // Text in front of the scheme: the host is looked for at the eighth byte all the same.
-        {"xrtsp://127.0.0.1/x.kav", "file [127.0.0.1/x.kav] file 127.0.0.1/x.kav"},
-        {"http://127.0.0.1/x.kav", "none [(null)]"},
-        {"", "none [(null)]"},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.text);
+    for (const auto& row : ReadTable(VIDORA_TEST_DATA "/urls.txt", "urls", 2)) {
+        SCOPED_TRACE(row[0]);
         CRtspUrlParser parser;
-        const bool good = parse_url(parser, row.text);
+        const bool good = parse_url(parser, row[0]);
         EXPECT_EQ(good, parser.GetContent() != nullptr);
-        EXPECT_EQ(found(parser, row.text), row.found);
+        EXPECT_EQ(found(parser, row[0]), row[1]);
     }
     const CLogCapture log;
     CRtspUrlParser parser;
@@ -122,58 +97,16 @@ TEST(RtspUrlParser, SplitsUrlIntoCredentialsHostAndContent) {
 }
 
 TEST(RtspUrlParser, ClassifiesContentAndReadsWhatItNames) {
-    const Row rows[] = {
-        {"cam/realmonitor?channel=1&subtype=0", "live channel 1/0"},
-        // One character of subtype is all that the test of the type admits, but the identifier is there.
-        {"cam/realmonitor?channel=3&subtype=12", "none channel 3/12"},
-        {"cam/realmonitor?channel=3&subtype=12&x=1", "none channel 3/12"},
-        {"cam/realmonitor?channel=1&subtype=", "none"},
-        {"a&unicast=true&proto=Onvif", "none [a] protocol 2"},
-        {"cam/realmonitor?channel=1&authbasic=QQ==&proto=Kavio3&subtype=0",
-         "live [cam/realmonitor?channel=1&subtype=0] protocol 1 channel 1/0"},
-        // The later test wins.
-        {"a&proto=Kavio3Onvif", "none [a] protocol 2"},
-        // A parameter at the very front leaves its "&", or nothing.
-        {"authbasic=QQ==&x.kav", "file [&x.kav] file &x.kav"},
-        {"unicast=true", "none []"},
-        {"cam/playback?token=abc", "token token abc"},
-        {"dir/x.kav?from=1", "none file dir/x.kav"},
-        {"dir/x.kav?y", "none file dir/x.kav"},
-        {".kav", "none file .kav"},
-        {"x.kav ServiceType=vod&y", "file file x.kav service vod&y"},
-        {"x.kav?ServiceType=vod&y a", "file file x.kav service vod&y"},
-        // Something behind the times: they are answered all the same.
-        {"cam/playback?channel=1&starttime=2020_1_2_3_4_5", "file from 2020-01-02T03:04:05 channel 1/0"},
-        {"cam/playback?channel=2&subtype=1&starttime=2020_01_02_03_04_05&endtime=2020_1_2_4_0_0",
-         "file from 2020-01-02T03:04:05 to 2020-01-02T04:00:00 channel 2/1"},
-        {"cam/playback?channel=2&starttime=2020_1_2_3_4_5&x=1", "file from 2020-01-02T03:04:05 channel 2/0"},
-        {"cam/playback?channel=2&starttime=2020_1_2_3_4", "file"},
-        {"cam/playback?channel=2", "file"},
-        {"cam/playback?channel=x&starttime=2020_1_2_3_4_5", "file"},
-        // With a proxy "proto=" stays in the content and tells the kind of source; in front of "proxy=" it isn't seen.
-        {"live/1?proxy=127.0.0.2:8554", "proxy through rtsp://127.0.0.2:8554/live/1 at 127.0.0.2:8554"},
-        {"cam/realmonitor?channel=1&subtype=0&proxy=u:p@127.0.0.2&proto=Kavio3",
-         "proxied live through rtsp://u:p@127.0.0.2/cam/realmonitor?channel=1&subtype=0 as u:p at 127.0.0.2:554 "
-         "channel 1/0"},
-        {"x.kav?proxy=127.0.0.2&proto=Kavio3&unicast=true",
-         "proxied file [x.kav?proxy=127.0.0.2&proto=Kavio3] through rtsp://127.0.0.2/x.kav at 127.0.0.2:554 file "
-         "x.kav"},
-        {"x?proxy=127.0.0.2&proto=Kavio3", "none through rtsp://127.0.0.2/x at 127.0.0.2:554"},
-        {"x.kav?proto=Kavio3&proxy=127.0.0.2",
-         "proxy through rtsp://127.0.0.2/x.kav?proto=Kavio3 at 127.0.0.2:554 file x.kav"},
-        {"x?proxy=", "none [(null)]"},
-        {"x?proxy=:p@127.0.0.2", "none [(null)]"},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.text);
+    for (const auto& row : ReadTable(VIDORA_TEST_DATA "/urls.txt", "contents", 2)) {
+        SCOPED_TRACE(row[0]);
         CRtspUrlParser parser;
         testing::internal::CaptureStdout();
         const Kavio::Support::CLogCapture log;
-        const bool good = parse_content(parser, row.text);
+        const bool good = parse_content(parser, row[0]);
         EXPECT_EQ(testing::internal::GetCapturedStdout(), "");  // the host's
         EXPECT_EQ(log.Count("failed.") == 0, good);
         EXPECT_EQ(good, parser.GetContent() != nullptr);
-        EXPECT_EQ(found(parser, row.text), row.found);
+        EXPECT_EQ(found(parser, row[0]), row[1]);
     }
     CRtspUrlParser token;
     ASSERT_TRUE(parse_content(token, "cam/playback?token=" + std::string(300, 't') + "&x"));

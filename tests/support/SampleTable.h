@@ -1,0 +1,53 @@
+#ifndef VIDORA_TESTS_SUPPORT_SAMPLETABLE_H
+#define VIDORA_TESTS_SUPPORT_SAMPLETABLE_H
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <fstream>
+#include <string>
+#include <vector>
+
+namespace Kavio {
+namespace Support {
+
+// The parts of a text between marks, without the blanks around them.
+inline std::vector<std::string> SplitText(const std::string& text, char mark) {
+    std::vector<std::string> parts;
+    for (size_t at = 0; at <= text.size();) {
+        const size_t end = std::min(text.find(mark, at), text.size());
+        const std::string part = text.substr(at, end - at);
+        const size_t first = part.find_first_not_of(' ');
+        parts.push_back(first == std::string::npos ? "" : part.substr(first, part.find_last_not_of(' ') - first + 1));
+        at = end + 1;
+    }
+    return parts;
+}
+
+// The rows of one table in a file of samples: "[name]" begins a table, "#" a comment, "|" stands between the fields,
+// of which every row has as many, and "\n" in a field is a line feed.
+inline std::vector<std::vector<std::string>> ReadTable(const std::string& path, const std::string& name,
+                                                       size_t fields) {
+    std::vector<std::vector<std::string>> rows;
+    std::ifstream file(path);
+    std::string table;
+    for (std::string line; std::getline(file, line);) {
+        if (line[0] == '[') {
+            table = line.substr(1, line.size() - 2);
+        } else if (table == name && line[0] != '#' && !line.empty()) {
+            for (size_t at = line.find("\\n"); at != std::string::npos; at = line.find("\\n")) {
+                line.replace(at, 2, "\n");
+            }
+            rows.push_back(SplitText(line, '|'));
+            EXPECT_EQ(fields, rows.back().size()) << line;
+            rows.back().resize(fields);
+        }
+    }
+    EXPECT_FALSE(rows.empty()) << name << " in " << path;
+    return rows;
+}
+
+}  // namespace Support
+}  // namespace Kavio
+
+#endif  // VIDORA_TESTS_SUPPORT_SAMPLETABLE_H
