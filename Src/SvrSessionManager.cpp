@@ -42,6 +42,15 @@ int bounded_length(const char* buf) {
     return buf == nullptr ? 0 : static_cast<int>(strnlen(buf, 1024));
 }
 
+// The record that `extra` of AddNewConnect leads to, if it is that of a NAT stream; otherwise null.
+const ConnectRecord* nat_record(long extra) {
+    if (extra == 0 || extra == 1) {
+        return nullptr;
+    }
+    const ConnectRecord* record = reinterpret_cast<const ConnectRecord*>(extra);
+    return record->kind == CONNECT_KIND_NAT ? record : nullptr;
+}
+
 }  // namespace
 
 // A connection whose kind isn't known yet.
@@ -114,7 +123,6 @@ void CSvrSessionManager::SetConfig(const CRtspSvrConfig& config) {
 
 void CSvrSessionManager::set_ip_type(int ip_type) {
     CGuard guard(m_mutex);
-    m_ip_type = ip_type;
     if (m_http_manager != nullptr) {
         m_http_manager->set_ip_type(ip_type);
     }
@@ -141,11 +149,9 @@ int CSvrSessionManager::AddNewConnect(int fd, const char* buf, int len, long ext
         logError("%s %d AddNewConnect Failed!len: %d\n", __FILE__, __LINE__, len);
         return -1;  // fd stays the caller's
     }
-    if (extra != 0 && extra != 1) {
-        const ConnectRecord* record = reinterpret_cast<const ConnectRecord*>(extra);
-        if (record->kind == CONNECT_KIND_NAT) {
-            return add_nat_stream(fd, buf, record->values);
-        }
+    const ConnectRecord* nat = nat_record(extra);
+    if (nat != nullptr) {
+        return add_nat_stream(fd, buf, nat->values);
     }
     std::unique_ptr<CSockStream> sock(new (std::nothrow) CSockStream);
     if (sock == nullptr || sock->Attach(fd) < 0) {

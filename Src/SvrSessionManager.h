@@ -68,7 +68,6 @@ private:
     bool m_stopped VIDORA_GUARDED_BY(m_mutex) = false;
     CLiveSvrRef m_live_svr VIDORA_GUARDED_BY(m_mutex);
     CRtspSvrConfig m_config VIDORA_GUARDED_BY(m_mutex);
-    int m_ip_type VIDORA_GUARDED_BY(m_mutex) = 2;
     connections_t m_connections VIDORA_GUARDED_BY(m_mutex);  // by socket handle
     IHttpIntake* m_http_manager VIDORA_GUARDED_BY(m_mutex);
 };

@@ -73,6 +73,31 @@ bool is_header_good(const rtcp_common& common) {
     return common.flags >> VERSION_SHIFT == VERSION && (common.flags & PADDING_BIT) == 0 && common.pt >= LOWEST_TYPE;
 }
 
+// RFC 3550 6.1: a compound begins with a report.
+bool may_begin_compound(const rtcp_common& common) {
+    return common.pt == CRtcpParser::RTCP_TYPE_SR || common.pt == CRtcpParser::RTCP_TYPE_RR;
+}
+
+// The reason of a BYE, as far as it is there. False without memory.
+bool read_reason(CByteReader& reader, rtcp_bye& bye) {
+    const uint8_t length = reader.PeekU8();
+    if (length == 0 || length == RTCP_NO_REASON) {
+        return true;
+    }
+    reader.Skip(1);
+    const size_t kept = length < reader.Remaining() ? length : reader.Remaining();
+    if (kept == 0) {
+        return true;
+    }
+    bye.reason = new (std::nothrow) uint8_t[kept];
+    if (bye.reason == nullptr) {
+        return false;
+    }
+    reader.Read(bye.reason, kept);
+    bye.reason_length = static_cast<uint8_t>(kept);
+    return true;
+}
+
 }  // namespace
 
 bool CRtcpParser::ParseData(const unsigned char* buffer, const unsigned int* length, bool compound) {
@@ -92,8 +117,7 @@ bool CRtcpParser::ParseData(const unsigned char* buffer, const unsigned int* len
             logInfo("%s:%d:%s invalid rtcp packet, checkout rtcp header failed! \n", __FILE__, __LINE__, __func__);
             break;
         }
-        // RFC 3550 6.1: a compound begins with a report.
-        if (compound && m_packet_count == 0 && common.pt != RTCP_TYPE_SR && common.pt != RTCP_TYPE_RR) {
+        if (compound && m_packet_count == 0 && !may_begin_compound(common)) {
             logWarn("%s:%d:%s invalid compound rule!\n", __FILE__, __LINE__, __func__);
             break;
         }
@@ -271,18 +295,7 @@ int CRtcpParser::parse_bye_pack(rtcp_pack* pack) {
     for (int i = 0; i < count && reader.Remaining() > 0; ++i) {
         pack->bye.ssrcs[i] = reader.ReadU32();
     }
-    const uint8_t length = reader.PeekU8();
-    if (length == 0 || length == RTCP_NO_REASON) {
-        return 0;
-    }
-    reader.Skip(1);
-    const size_t kept = length < reader.Remaining() ? length : reader.Remaining();
-    pack->bye.reason = kept > 0 ? new (std::nothrow) uint8_t[kept] : nullptr;
-    if (pack->bye.reason != nullptr) {
-        reader.Read(pack->bye.reason, kept);
-        pack->bye.reason_length = static_cast<uint8_t>(kept);
-    }
-    return kept == 0 || pack->bye.reason != nullptr ? 0 : -1;
+    return read_reason(reader, pack->bye) ? 0 : -1;
 }
 
 void CRtcpParser::free_bye_pack(rtcp_pack* pack) {

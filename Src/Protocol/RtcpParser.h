@@ -96,6 +96,7 @@ private:
     static void free_rr_pack(rtcp_pack* pack);
     static void free_sdes_pack(rtcp_pack* pack);
     static void free_bye_pack(rtcp_pack* pack);
+    static rtcp_pack* make_bye(int ssrc_count, uint8_t reason_length);
 
     // Each makes ready what its packet says. 0; 1 if there is nothing to send; -1 without memory.
     int prepare_sr();

@@ -40,6 +40,24 @@ rtcp_pack* make_pack(int pt) {
 
 }  // namespace
 
+// A BYE with room for that many SSRCs and for a reason of that length; null without memory.
+rtcp_pack* CRtcpParser::make_bye(int ssrc_count, uint8_t reason_length) {
+    rtcp_pack* pack = make_pack(RTCP_TYPE_BYE);
+    if (pack == nullptr) {
+        return nullptr;
+    }
+    pack->common.flags = static_cast<uint8_t>(VERSION_FLAGS | ssrc_count);
+    pack->bye.ssrcs = new (std::nothrow) uint32_t[static_cast<size_t>(ssrc_count)];
+    pack->bye.reason = new (std::nothrow) uint8_t[size_t{reason_length} + 1];
+    pack->bye.reason_length = reason_length;
+    if (pack->bye.ssrcs == nullptr || pack->bye.reason == nullptr) {
+        free_bye_pack(pack);
+        delete pack;
+        return nullptr;
+    }
+    return pack;
+}
+
 void CRtcpParser::reset() {
     reset_table();
     RtcpFreeReports(m_report_list);
@@ -108,26 +126,17 @@ int CRtcpParser::set_bye(const unsigned int* ssrcs, unsigned char count, const v
     // 31 others and the own SSRC would be one more than the header's five bits can count.
     const int total = count < MAX_COUNT ? count + 1 : MAX_COUNT;
     const uint8_t kept = reason != nullptr && reason_length != RTCP_NO_REASON ? reason_length : uint8_t{0};
-    rtcp_pack* pack = make_pack(RTCP_TYPE_BYE);
-    uint32_t* sources = new (std::nothrow) uint32_t[static_cast<size_t>(total)];
-    uint8_t* text = new (std::nothrow) uint8_t[size_t{kept} + 1];
-    if (pack == nullptr || sources == nullptr || text == nullptr) {
-        delete pack;
-        delete[] sources;
-        delete[] text;
+    rtcp_pack* pack = make_bye(total, kept);
+    if (pack == nullptr) {
         return -1;
     }
-    sources[0] = m_ssrc;
+    pack->bye.ssrcs[0] = m_ssrc;
     for (int i = 1; i < total; ++i) {
-        sources[i] = ssrcs[i - 1];
+        pack->bye.ssrcs[i] = ssrcs[i - 1];
     }
     if (kept > 0) {
-        std::memcpy(text, reason, kept);
+        std::memcpy(pack->bye.reason, reason, kept);
     }
-    pack->common.flags = static_cast<uint8_t>(VERSION_FLAGS | total);
-    pack->bye.ssrcs = sources;
-    pack->bye.reason = text;
-    pack->bye.reason_length = kept;
     if (m_bye != nullptr) {
         free_bye_pack(m_bye);
         delete m_bye;

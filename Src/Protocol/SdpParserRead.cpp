@@ -128,6 +128,20 @@ bool step_over(CStrParser& line, char c) {
     return line.GetCurChar() == c && line.Expect(c) == 0;
 }
 
+// "224.2.1.1/127/3": address, ttl and count. The ttl is kept in eight bits, whatever the line says.
+bool read_address(CStrParser& line, sdp_connection_t& connection) {
+    const int address_length = distance_to(line, "/");
+    if (address_length < 0) {
+        return take_word(line, FIELD_SIZE, connection.address);
+    }
+    if (!take(line, address_length, FIELD_SIZE, connection.address) || line.Expect('/') != 0) {
+        return false;
+    }
+    connection.ttl = static_cast<uint8_t>(line.ConsumeUint16());
+    connection.address_count = step_over(line, '/') ? line.ConsumeInt32() : 0;
+    return true;
+}
+
 // For a line that may stand once: a further one is passed over, and isn't wrong.
 int read_once(CStrParser& line, CSdpText& field, int at_least) {
     return field != nullptr || take_rest(line, FIELD_SIZE, field, at_least) ? 0 : -1;
@@ -198,26 +212,12 @@ int CSdpParser::sdp_parse_phone(CStrParser& line) {
     return read_into_list(line, m_session->phones);
 }
 
-// "IN IP4 224.2.1.1/127/3": address, ttl and count. The ttl is kept in eight bits, whatever the line says.
+// "IN IP4" and an address.
 int CSdpParser::sdp_parse_connection(CStrParser& line) {
     sdp_connection_t connection;
     if (!take_word(line, FIELD_SIZE, connection.network_type) || line.Expect(' ') != 0 ||
-        !take_word(line, FIELD_SIZE, connection.address_type) || line.Expect(' ') != 0) {
-        return -1;
-    }
-    const int address_length = distance_to(line, "/");
-    if (address_length < 0) {
-        if (!take_word(line, FIELD_SIZE, connection.address)) {
-            return -1;
-        }
-    } else {
-        if (!take(line, address_length, FIELD_SIZE, connection.address) || line.Expect('/') != 0) {
-            return -1;
-        }
-        connection.ttl = static_cast<uint8_t>(line.ConsumeUint16());
-        connection.address_count = step_over(line, '/') ? line.ConsumeInt32() : 0;
-    }
-    if (line.GetStatus() != 0) {
+        !take_word(line, FIELD_SIZE, connection.address_type) || line.Expect(' ') != 0 ||
+        !read_address(line, connection) || line.GetStatus() != 0) {
         return -1;
     }
     sdp_media_t* media = m_session->media.last();

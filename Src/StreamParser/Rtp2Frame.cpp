@@ -119,7 +119,7 @@ int CRtp2Frame::put_framed(const RtpHeader& header) {
         }
         drop_packets();
     }
-    if (GetPacketCount() == 0 && m_rule != nullptr && !m_rule->CanBegin(header, order == RTP_ORDER_JOINS)) {
+    if (!begins_well(header, order)) {
         m_damaged = true;
     }
     if (!store_packet(header)) {
@@ -134,6 +134,11 @@ int CRtp2Frame::put_framed(const RtpHeader& header) {
     const int ret = header.marker ? make_frame() : FRAME_MORE;
     m_complete = ret == FRAME_COMPLETE;
     return ret;
+}
+
+// False for the first packet of a frame that can't begin one.
+inline bool CRtp2Frame::begins_well(const RtpHeader& header, rtp_order_t order) const {
+    return GetPacketCount() > 0 || m_rule == nullptr || m_rule->CanBegin(header, order == RTP_ORDER_JOINS);
 }
 
 // Marks the frame that suffers from a packet that isn't the next one.

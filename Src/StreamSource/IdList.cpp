@@ -2,8 +2,6 @@
 
 #include <new>
 
-#include "Vidora/Names.h"
-
 namespace Kavio {
 namespace Vidora {
 
@@ -42,6 +40,16 @@ void CIdList::Remove(long id) {
         m_ids.erase(place->second);
         m_places.erase(place);
     }
+}
+
+bool CNotifyList::Add(long id) {
+    CGuard guard(m_mutex);
+    return m_ids.Append(id);
+}
+
+void CNotifyList::Remove(long id) {
+    CGuard guard(m_mutex);
+    m_ids.Remove(id);
 }
 
 }  // namespace Vidora

@@ -4,6 +4,8 @@
 #include <list>
 #include <unordered_map>
 
+#include "Vidora/Names.h"
+
 namespace Kavio {
 namespace Vidora {
 
@@ -27,6 +29,28 @@ public:
 private:
     std::list<long> m_ids;
     std::unordered_map<long, std::list<long>::iterator> m_places;
+};
+
+// CNotifyList: the handlers that want a source's messages.
+//
+// THREADING  Any thread. Its lock is a leaf: a message is only posted.
+class CNotifyList {
+public:
+    // False, with a log line, if memory is short.
+    bool Add(long id);
+    void Remove(long id);
+    // Calls `post` with each, under the lock.
+    template <class Post>
+    void ForEach(Post post) {
+        CGuard guard(m_mutex);
+        for (const long id : m_ids) {
+            post(id);
+        }
+    }
+
+private:
+    CMutex m_mutex;
+    CIdList m_ids VIDORA_GUARDED_BY(m_mutex);
 };
 
 }  // namespace Vidora

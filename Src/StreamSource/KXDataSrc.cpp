@@ -52,11 +52,8 @@ void CKXDataSrc::SetConfig(const CRtspSvrConfig& config) {
 }
 
 int CKXDataSrc::Init(long notify_id, int ext) {
-    {
-        CGuard guard(m_notify_mutex);
-        if (!m_notify_list.Append(notify_id)) {
-            return -1;
-        }
+    if (!m_notify_list.Add(notify_id)) {
+        return -1;
     }
     CKXDataReceiver* recvr = new (std::nothrow) CKXDataReceiver;
     if (recvr == nullptr) {
@@ -78,20 +75,15 @@ int CKXDataSrc::Init(long notify_id, int ext) {
 }
 
 void CKXDataSrc::AddNotify(long notify_id) {
-    CGuard guard(m_notify_mutex);
-    m_notify_list.Append(notify_id);
+    m_notify_list.Add(notify_id);
 }
 
 void CKXDataSrc::DelNotify(long notify_id) {
-    CGuard guard(m_notify_mutex);
     m_notify_list.Remove(notify_id);
 }
 
 void CKXDataSrc::notify_all(unsigned int msg) {
-    CGuard guard(m_notify_mutex);
-    for (const long id : m_notify_list) {
-        Notify(id, msg, 0);
-    }
+    m_notify_list.ForEach([this, msg](long id) { Notify(id, msg, 0); });
 }
 
 int CKXDataSrc::handle_message(long, unsigned int msg, long) {

@@ -19,7 +19,7 @@ class CSourceJob;
 // CKXDataSrc: the data source for all that the host itself feeds. It holds one receiver, the list of handlers that want
 // its messages, and the SDP, which is built anew each time the stream's formats change.
 //
-// THREADING  Any thread. The three locks are never nested and held over no call into the receiver, whose end waits for
+// THREADING  Any thread. The locks are never nested and held over no call into the receiver, whose end waits for
 //            the calls that are inside. The SDP is built, and the source ended, in jobs of the source's gate: one at a
 //            time, and beside no Start or Stop of a channel.
 class CKXDataSrc : public CDataSource {
@@ -88,8 +88,7 @@ private:
     CMutex m_sdp_mutex;
     std::unique_ptr<CKXDescription> m_description VIDORA_GUARDED_BY(m_sdp_mutex);  // null without an SDP
 
-    CMutex m_notify_mutex;
-    CIdList m_notify_list VIDORA_GUARDED_BY(m_notify_mutex);
+    CNotifyList m_notify_list;
 };
 
 }  // namespace Vidora

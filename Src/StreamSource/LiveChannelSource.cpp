@@ -23,11 +23,7 @@ void leave_notify_list(const std::shared_ptr<CSourceGate>& gate, long id) {
 CDataSource* CLiveChannel::AddDataSrc(CDataSource* src, uint64_t arg) {
     Internal& self = *m_internal;
     const std::shared_ptr<CSourceGate> gate = CSourceGate::Of(src);
-    const std::shared_ptr<CChannelFeed> former = self.feed();
-    std::shared_ptr<CChannelFeed> feed;
-    if (gate != nullptr) {
-        feed = CChannelFeed::Create(gate, self.m_buffers, GetID(), former == nullptr ? "" : former->GetText());
-    }
+    const std::shared_ptr<CChannelFeed> feed = self.make_feed(gate, GetID());
     std::shared_ptr<CChannelFeed> old;
     std::shared_ptr<CSourceGate> kept;
     long registry_id = 0;
@@ -59,6 +55,16 @@ CDataSource* CLiveChannel::AddDataSrc(CDataSource* src, uint64_t arg) {
     }
     Internal::enter_source(feed, GetID(), registry_id);
     return given_back;
+}
+
+// Begins with the text of the source before it. Null without a source, or if memory is short.
+std::shared_ptr<CChannelFeed> CLiveChannel::Internal::make_feed(const std::shared_ptr<CSourceGate>& gate,
+                                                                long channel_id) {
+    if (gate == nullptr) {
+        return nullptr;
+    }
+    const std::shared_ptr<CChannelFeed> former = feed();
+    return CChannelFeed::Create(gate, m_buffers, channel_id, former == nullptr ? "" : former->GetText());
 }
 
 // Of a published channel: the registry has its source from now on. Gives the one that it had.

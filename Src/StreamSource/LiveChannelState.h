@@ -58,6 +58,7 @@ struct CLiveChannel::Internal {
     // source; null if it is closed, or there is none.
     static CDataSource* leave_source(const std::shared_ptr<CChannelFeed>& feed, long channel_id);
     static void enter_source(const std::shared_ptr<CChannelFeed>& feed, long channel_id, long registry_id);
+    std::shared_ptr<CChannelFeed> make_feed(const std::shared_ptr<CSourceGate>& gate, long channel_id);
     std::shared_ptr<CSourceGate> swap_kept_locked(const std::shared_ptr<CSourceGate>& gate) VIDORA_REQUIRES(m_mutex);
     int enter(const ChannelSink& sink);
     int leave(const ChannelSink& sink);

@@ -38,6 +38,23 @@ void add_media(std::string& out, std::string_view line, int track) {
     out.append("a=control:trackID=").append(std::to_string(track)).append("\r\n");
 }
 
+// Whether a line of what is kept goes on: not one that is the relayed server's own, and of what no decoder is set up by
+// none in a lean description.
+bool is_passed_on(std::string_view line, bool lean) {
+    if (line.empty() || is_one_of(line, {"c=", "a=control:", "a=packetization-supported", "a=source-filter"})) {
+        return false;
+    }
+    return !lean || (is_essential(line) && !is_one_of(line, {"i=", "u=", "e=", "p=", "b=", "k="}));
+}
+
+// Takes the first line off.
+std::string_view take_line(std::string_view& rest) {
+    const size_t end = rest.find_first_of("\r\n");
+    const std::string_view line = rest.substr(0, end);
+    rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+    return line;
+}
+
 }  // namespace
 
 std::string ProxyDescription(const std::string& text, const bool* keeps, int count, bool lean) {
@@ -47,9 +64,7 @@ std::string ProxyDescription(const std::string& text, const bool* keeps, int cou
     int track = -1;
     bool has_connection = false;
     while (!rest.empty()) {
-        const size_t end = rest.find_first_of("\r\n");
-        const std::string_view line = rest.substr(0, end);
-        rest.remove_prefix(end == std::string_view::npos ? rest.size() : end + 1);
+        const std::string_view line = take_line(rest);
         if (starts_with(line, "m=")) {
             if (!has_connection) {
                 out.append(NEUTRAL_CONNECTION);
@@ -62,9 +77,7 @@ std::string ProxyDescription(const std::string& text, const bool* keeps, int cou
             continue;
         }
         const bool is_kept = media < 0 || (media < count && keeps[media]);
-        const bool is_local = is_one_of(line, {"c=", "a=control:", "a=packetization-supported", "a=source-filter"});
-        const bool is_spare = lean && (!is_essential(line) || is_one_of(line, {"i=", "u=", "e=", "p=", "b=", "k="}));
-        if (is_kept && !is_local && !is_spare && !line.empty()) {
+        if (is_kept && is_passed_on(line, lean)) {
             out.append(line).append("\r\n");
         }
     }

@@ -59,20 +59,15 @@ int CRtspProxySrc::Init(long notify_id, int) {
 }
 
 void CRtspProxySrc::AddNotify(long notify_id) {
-    CGuard guard(m_notify_mutex);
-    m_notify_list.Append(notify_id);
+    m_notify_list.Add(notify_id);
 }
 
 void CRtspProxySrc::DelNotify(long notify_id) {
-    CGuard guard(m_notify_mutex);
     m_notify_list.Remove(notify_id);
 }
 
 void CRtspProxySrc::notify_all(unsigned int msg) {
-    CGuard guard(m_notify_mutex);
-    for (const long id : m_notify_list) {
-        Notify(id, msg, 0);
-    }
+    m_notify_list.ForEach([this, msg](long id) { Notify(id, msg, 0); });
 }
 
 // A channel plays at once, before the server has answered: that is made up for.

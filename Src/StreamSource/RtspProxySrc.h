@@ -19,7 +19,6 @@ namespace Vidora {
 // that doesn't want that rewrites or refuses such contents by RTSP_SVR_CONFIG_URL_FUNC.
 //
 // THREADING  Any thread. m_mutex keeps the engine while it is called, which answers at once; above the engine's locks.
-//            m_notify_mutex is a leaf.
 // OWNERSHIP  The engine feeds m_input, and the relay takes that on. Both live until the engine has gone, which is when
 //            the source, closed before, ends.
 class CRtspProxySrc final : public CDataSource {
@@ -70,8 +69,7 @@ private:
     bool m_wants_play VIDORA_GUARDED_BY(m_mutex) = false;  // Play came before that
     client_play m_wish VIDORA_GUARDED_BY(m_mutex);
 
-    CMutex m_notify_mutex;
-    CIdList m_notify_list VIDORA_GUARDED_BY(m_notify_mutex);
+    CNotifyList m_notify_list;
 };
 
 }  // namespace Vidora
