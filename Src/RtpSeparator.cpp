@@ -58,7 +58,7 @@ CBufferedSeparator::step_t CRTPSeparator::cut_interleaved(CByteReader& reader) {
         logError("%s:%d rtp over rtsp stream error, len %d\n", __FILE__, __LINE__, 0);
         return STEP_FAILED;
     }
-    const int size = unit.length + Tramel::INTERLEAVE_HEADER_SIZE;
+    const int size = static_cast<int>(unit.length + Tramel::INTERLEAVE_HEADER_SIZE);
     if (!whole) {
         want_room(size);
         return STEP_SHORT;

@@ -193,7 +193,7 @@ int CStreamReceiver::take_run(int track, const Flumen::CMediaFrame& run) {
         return 0;
     }
     tell_rtp(run.getBuffer() + Tramel::INTERLEAVE_HEADER_SIZE,
-             static_cast<int>(run.size()) - Tramel::INTERLEAVE_HEADER_SIZE, m_tracks.tracks[track].rtp_channel);
+             static_cast<int>(run.size() - Tramel::INTERLEAVE_HEADER_SIZE), m_tracks.tracks[track].rtp_channel);
     return put_run(track, run);
 }
 

@@ -198,7 +198,7 @@ int CStreamTcpReceiver::take_rtp(const separator_record_t& record) {
     const int rtcp_track = find_rtcp_track(record.channel);
     if (rtcp_track >= 0) {
         take_rtcp(rtcp_track, record.packet.getBuffer() + Tramel::INTERLEAVE_HEADER_SIZE,
-                  record.length - Tramel::INTERLEAVE_HEADER_SIZE);
+                  record.length - static_cast<int>(Tramel::INTERLEAVE_HEADER_SIZE));
         return 0;
     }
     const int rtp_track = find_rtp_track(record.channel);
