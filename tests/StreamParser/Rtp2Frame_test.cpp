@@ -8,6 +8,7 @@
 #include "support/Capture.h"
 #include "support/Depacketiser.h"
 #include "support/PackerUnits.h"
+#include "support/SampleTable.h"
 #include "support/StreamBytes.h"
 
 namespace Kavio {
@@ -21,9 +22,9 @@ const Bytes SPS = FromHex("6742c01eda0280be40");
 const Bytes PPS = FromHex("68ce3c80");
 const Bytes CODE = FromHex("00000001");
 
-std::vector<Bytes> all_from_hex(const std::vector<const char*>& texts) {
+std::vector<Bytes> all_from_hex(const std::vector<std::string>& texts) {
     std::vector<Bytes> all;
-    for (const char* text : texts) {
+    for (const std::string& text : texts) {
         all.push_back(FromHex(text));
     }
     return all;
@@ -146,47 +147,14 @@ TEST(Rtp2Frame, ForeignPacketsMayShareTheSequence) {
 }
 
 TEST(Rtp2Frame, H264PayloadsBecomeAByteStream) {
-    struct Row {
-        const char* name;
-        std::vector<const char*> payloads;
-        int result;  // of the last packet, which has the marker
-        const char* frame;
-        char letter;
-    };
-    // Slice bytes: e0 is first_mb 0, slice type 0 (P); a0 is type 1 (B); 88 is type 7 (I); 80 00 00 ends in a bad code.
-    const Row rows[] = {
-        {"P slice", {"61e0aa"}, 1, "0000000161e0aa", 'P'},
-        {"B slice is a P letter", {"41a0aa"}, 1, "0000000141a0aa", 'P'},
-        {"I slice makes a key frame", {"6188aa"}, 1, "000000016188aa", 'I'},
-        {"slice type beyond three bytes", {"61800000ff"}, 0, "", 0},
-        {"IDR", {"6511"}, 1, "000000016511", 'I'},
-        {"parameter sets go on collecting", {"6742", "68ce", "6511"}, 1, "000000016742 0000000168ce 000000016511", 'I'},
-        {"no picture", {"0930", "0605"}, 0, "", 0},
-        {"FU-A", {"7c8511", "7c0522", "7c4533"}, 1, "00000001651122 33", 'I'},
-        {"FU-A of a P slice", {"5c81e0", "5c4122"}, 1, "0000000141e022", 'P'},
-        {"FU-A of one packet", {"7cc511"}, 1, "000000016511", 'I'},
-        {"FU-A that brings a start code", {"7c80000001651122", "7c4033"}, 1, "00000001651122 33", 'I'},
-        {"FU-A with that header and nothing of it", {"7c800000026511"}, 0, "", 0},
-        {"STAP-A", {"7800026742000268ce00026511"}, 1, "000000016742 0000000168ce 000000016511", 'I'},
-        {"STAP-A with a P slice behind SEI", {"38000206050002 61e0"}, 1, "000000010605 0000000161e0", 'P'},
-        {"STAP-A whose last unit overruns", {"78000261e0000961"}, 1, "0000000161e0", 'P'},
-        {"STAP-A with an empty unit", {"780000000261e0"}, 1, "0000000161e0", 'P'},
-        {"type 0 with a start code of its own", {"00000001 6511"}, 1, "00000001 6511", 'I'},
-        {"type 0 without", {"00112233"}, 0, "", 0},
-        {"inner start code tells the kind", {"0930 00000001 41e0"}, 1, "00000001 0930 00000001 41e0", 'P'},
-        {"one byte", {"65"}, -1, "", 0},
-        {"STAP-B", {"79001100026511"}, -1, "", 0},
-        {"FU-B", {"7d851122"}, -1, "", 0},
-        {"type 30", {"7e1122"}, -1, "", 0},
-    };
-    for (const Row& row : rows) {
+    for (const auto& row : ReadTable(VIDORA_TEST_DATA "/rtp_payloads.txt", "h264", 5)) {
         Depacketiser in(ENC_TYPE_H264);
         CLogCapture log;
-        const int result = in.PutFrame(all_from_hex(row.payloads));
-        EXPECT_EQ(row.result, result) << row.name;
-        EXPECT_EQ(ToHex(FromHex(row.frame)), ToHex(in.Last())) << row.name;
-        EXPECT_EQ(std::string(row.letter != 0 ? 1 : 0, row.letter), in.m_letters) << row.name;
-        EXPECT_EQ(result < 0, log.Count("CRtp2Frame::PutPacket make_frame[enc_type=1] fail, ret = -")) << row.name;
+        const int result = in.PutFrame(all_from_hex(SplitText(row[1], ',')));
+        EXPECT_EQ(row[2], std::to_string(result)) << row[0];
+        EXPECT_EQ(ToHex(FromHex(row[3])), ToHex(in.Last())) << row[0];
+        EXPECT_EQ(row[4], in.m_letters) << row[0];
+        EXPECT_EQ(result < 0, log.Count("CRtp2Frame::PutPacket make_frame[enc_type=1] fail, ret = -")) << row[0];
     }
 }
 
@@ -277,7 +245,7 @@ TEST(Rtp2Frame, Mpeg4KeyFramesHaveAConfiguration) {
 TEST(Rtp2Frame, AudioAndAssistHeadersAreCut) {
     const struct {
         int enc_type;
-        std::vector<const char*> payloads;
+        std::vector<std::string> payloads;
         const char* frame;  // none: refused
         const char* letters;
     } rows[] = {

@@ -1,6 +1,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,7 @@
 #include "Vidora/Types.h"
 #include "support/Capture.h"
 #include "support/PackerUnits.h"
+#include "support/SampleTable.h"
 #include "support/StreamBytes.h"
 
 namespace Kavio {
@@ -18,6 +20,8 @@ namespace Support {
 using namespace Vidora;
 
 namespace {
+
+const char TABLES[] = VIDORA_TEST_DATA "/ts.txt";
 
 // The TS packets of a frame; empty if it wasn't taken.
 std::vector<Bytes> packets_of(CFrame2Ts& packer, const Bytes& frame, int enc_type, uint64_t pts) {
@@ -228,42 +232,15 @@ const Bytes PMT =
 const Bytes SLICE = FromHex("000001e0 0000 800000 0000000161e0aa");
 
 TEST(Ts2Frame, TablesOfOthersAreRead) {
-    struct Row {
-        const char* name;
-        Bytes pat, pmt;
-        int tracks;
-        int result;  // of a slice on PID 0x111 put as the last of its frame
-        Bytes media = SLICE;
-    };
-    const auto pmt = [](const char* hex) { return ts_packet(0x20, true, FromHex(hex)); };
-    const Row rows[] = {
-        {"descriptors", PAT, PMT, 2, 1},
-        {"pointer field", ts_packet(0, true, FromHex("02aabb 00b00d 0001 c1 0000 0001 e020 00000000")), PMT, 2, 1},
-        {"two programs: the first one", ts_packet(0, true, FromHex("00 00b011 0001 c10000 0001e020 0002e030 00000000")),
-         PMT, 2, 1},
-        {"no program", ts_packet(0, true, FromHex("00 00b009 0001 c1 0000 00000000")), PMT, 0, 0},
-        {"section longer than the packet", ts_packet(0, true, FromHex("00 00b0ff 0001 c1 0000 0001 e020 00000000")),
-         PMT, 0, 0},
-        {"pointer beyond the packet", ts_packet(0, true, FromHex("ff 00b00d 0001 c1 0000 0001 e020 00000000")), PMT, 0,
-         0},
-        {"program map cut", PAT, pmt("00 02b0ff 0001 c1 0000 e111 f000 1b e111 f000 00000000"), 0, 0},
-        {"program map without tracks", PAT, pmt("00 02b00d 0001 c1 0000 e111 f000 00000000"), 0, 0},
-        // Entries are read from where they'd stand without program descriptors: 1b e111 is taken from behind these.
-        {"program descriptors are misread", PAT,
-         pmt("00 02b017 0001 c1 0000 e111 f005 0500000000 1b e111 f000 00000000"), 2, 0},
-        {"one track of another kind", PAT, pmt("00 02b012 0001 c1 0000 e111 f000 06 e111 f000 00000000"), 1, -1},
-        {"MPEG-4", PAT, pmt("00 02b012 0001 c1 0000 e111 f000 10 e111 f000 00000000"), 1, 1},
-        {"MPEG-2", PAT, pmt("00 02b012 0001 c1 0000 e111 f000 02 e111 f000 00000000"), 1, 1,
-         FromHex("000001e0 0000 800000 00000100000f")},
-    };
-    for (const Row& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& row : ReadTable(TABLES, "tables", 6)) {
+        SCOPED_TRACE(row[0]);
         CLogCapture log;
-        Demuxer demuxer({row.pat, row.pmt});
-        EXPECT_EQ(row.tracks, demuxer.in.GetTable().track_count);
-        EXPECT_EQ(row.result, demuxer.Put(ts_packet(0x111, true, row.media), true));
-        EXPECT_EQ(row.result < 0, log.Count(", unsupported encode type, 5.\n"));
-        EXPECT_EQ(row.result < 0, log.Count(" _ts_stream.dec ret:-1 \n"));
+        Demuxer demuxer({ts_packet(0, true, FromHex(row[1])), ts_packet(0x20, true, FromHex(row[2]))});
+        EXPECT_EQ(row[3], std::to_string(demuxer.in.GetTable().track_count));
+        const int result = demuxer.Put(ts_packet(0x111, true, FromHex(row[5])), true);
+        EXPECT_EQ(row[4], std::to_string(result));
+        EXPECT_EQ(result < 0, log.Count(", unsupported encode type, 5.\n"));
+        EXPECT_EQ(result < 0, log.Count(" _ts_stream.dec ret:-1 \n"));
         // A good program after it is read as ever.
         demuxer.Put(PAT);
         demuxer.Put(PMT);
@@ -342,79 +319,43 @@ TEST(Ts2Frame, PesHeadersMayGoOnInTheNextPacket) {
     }
 }
 
+// Elementary streams of a table, parted by commas: hexadecimal digits, and names of the pieces below.
+std::vector<Bytes> pieces_of(const std::string& texts) {
+    static const std::map<std::string, std::string> PIECES = {
+        {"$sei", "00000106ff" + std::string(600, '5') + "80"},  // longer than a packet
+        {"$sps", "0000016742c01eda078239"},
+        {"$pps", "00000168ce3c80"},
+        {"$idr", "000001658884" + std::string(162, '2')},
+        {"$p", "00000141e0aa"},  // the first slice of a picture, and a later one
+        {"$p2", "0000014160bb"},
+        {"$vos", "000001b001000001b509000001000000012000845d4c28582120a31f"},
+        {"$sequence", "000001b32d024033ffffe018"}};
+    std::vector<Bytes> all;
+    for (const std::string& text : SplitText(texts, ',')) {
+        all.emplace_back();
+        for (const std::string& piece : SplitText(text, ' ')) {
+            all.back() = all.back() + FromHex(piece[0] == '$' ? PIECES.at(piece) : piece);
+        }
+    }
+    return all;
+}
+
 // Pictures end where the next one begins, as encoders and multiplexers of all kinds write that.
 TEST(Ts2Frame, PicturesEndWhereTheNextOneBegins) {
-    const std::string sei = "00000106ff" + std::string(600, '5') + "80";  // longer than a packet
-    const std::string sps = "0000016742c01eda078239", pps = "00000168ce3c80";
-    const std::string idr =
-        "0000016588842222222222222222222222222222222222222222222222222222222222222222222222222222"
-        "22222222222222222222222222222222222222222222222222222222222222222222222222222222222222";
-    const std::string p = "00000141e0aa", p2 = "0000014160bb";  // the first slice of a picture, a later one
-    const std::string vos = "000001b001000001b509000001000000012000845d4c28582120a31f";
-    const std::string sequence = "000001b32d024033ffffe018";
-    const struct {
-        const char* name;
-        const char* kind;              // stream_type
-        std::vector<std::string> pes;  // payloads of the PES packets
-        std::vector<std::string> frames;
-        std::string letters;
-        int width;
-    } rows[] = {
-        {"three-byte codes", "1b", {sps + pps + idr, p, p, p}, {sps + pps + idr, p, p}, "IPP", 480},
-        {"behind long SEI",
-         "1b",
-         {sps + pps + sei + idr, sei + p, sei + sei + p, p},
-         {sps + pps + sei + idr, sei + p, sei + sei + p},
-         "IPP",
-         480},
-        {"sets in PES packets of their own",
-         "1b",
-         {sps, pps, idr, p, sps + pps, idr, p},
-         {sps + pps + idr, p, sps + pps + idr},
-         "IPI",
-         480},
-        {"slices in PES packets of their own", "1b", {p, p2, p2, p, p2, p}, {p + p2 + p2, p + p2}, "PP", 0},
-        {"a PES packet that goes on inside a slice", "1b", {p, "aabbccdd", p, p}, {p + "aabbccdd", p}, "PP", 0},
-        {"and ends it in front of a later one", "1b", {p, "aabb" + p2, p}, {p + "aabb" + p2}, "P", 0},
-        {"joined inside a slice", "1b", {"aabb", "aabb" + p2, p, p}, {p}, "P", 0},
-        {"joined inside a picture", "1b", {p2, p2, p, p2, p}, {p + p2}, "P", 0},
-        {"MPEG-4",
-         "10",
-         {vos + "000001b61011", "000001b65011", "000001b65012", "000001b61011"},
-         {vos + "000001b61011", "000001b65011", "000001b65012"},
-         "IPP",
-         352},
-        {"MPEG-2",
-         "02",
-         {sequence + "00000100000fffff00000101aa", "000001000017ffff00000101bb", "00000102cc", "00000100001fffff",
-          "00000100"},
-         {sequence + "00000100000fffff00000101aa", "000001000017ffff00000101bb00000102cc", "00000100001fffff"},
-         "IPB",
-         720},
-        {"MPEG-2 joined inside a picture",
-         "02",
-         {"00000102cc", "000001000017ffff", "00000100"},
-         {"000001000017ffff"},
-         "P",
-         0},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        Demuxer demuxer({PAT, ts_packet(0x20, true,
-                                        FromHex("00 02b012 0001 c1 0000 e111 f000 " + std::string(row.kind) +
-                                                " e111 f000 00000000"))});
-        for (const std::string& payload : row.pes) {
-            const Bytes pes = FromHex("000001e0 0000 800000" + payload);
+    for (const auto& row : ReadTable(TABLES, "pictures", 6)) {
+        SCOPED_TRACE(row[0]);
+        Demuxer demuxer(
+            {PAT,
+             ts_packet(0x20, true, FromHex("00 02b012 0001 c1 0000 e111 f000 " + row[1] + " e111 f000 00000000"))});
+        for (const Bytes& payload : pieces_of(row[2])) {
+            const Bytes pes = FromHex("000001e0 0000 800000") + payload;
             for (size_t at = 0; at < pes.size(); at += 183) {
                 EXPECT_EQ(0, demuxer.Put(ts_packet(0x111, at == 0, Part(pes, at, 183))));
             }
         }
-        ASSERT_EQ(row.frames.size(), demuxer.frames.size());
-        for (size_t i = 0; i < row.frames.size(); ++i) {
-            EXPECT_EQ(row.frames[i], ToHex(demuxer.frames[i]));
-        }
-        EXPECT_EQ(row.letters, demuxer.letters);
-        EXPECT_EQ(row.width, demuxer.in.GetWidth());
+        EXPECT_EQ(pieces_of(row[3]), demuxer.frames);
+        EXPECT_EQ(row[4], demuxer.letters);
+        EXPECT_EQ(row[5], std::to_string(demuxer.in.GetWidth()));
     }
 }
 
