@@ -304,25 +304,19 @@ TEST_P(MediaBufferTest, SinksComeAndGoWhileTheSourcePuts) {
             std::this_thread::yield();
         }
     });
-    std::thread guests[2];
-    for (std::thread& guest : guests) {
-        guest = std::thread([&] {
-            for (int round = 0; round < 60; ++round) {
-                Sink sink(4096);
-                m_buffer->AddSender(sink.sender);
-                sink.Say(TextBytes(7));
-                sink.Gets(3);
-                EXPECT_FALSE(sink.reader.Broken());
-                if (round % 3 == 0) {
-                    sink.pair.CloseFar();
-                }
-                m_buffer->DelSender(sink.sender);
+    RunTogether(2, [&] {
+        for (int round = 0; round < 60; ++round) {
+            Sink sink(4096);
+            m_buffer->AddSender(sink.sender);
+            sink.Say(TextBytes(7));
+            sink.Gets(3);
+            EXPECT_FALSE(sink.reader.Broken());
+            if (round % 3 == 0) {
+                sink.pair.CloseFar();
             }
-        });
-    }
-    for (std::thread& guest : guests) {
-        guest.join();
-    }
+            m_buffer->DelSender(sink.sender);
+        }
+    });
     stop = true;
     source.join();
 }

@@ -17,37 +17,46 @@
 #include "Vidora/Ostra/Md5.h"
 #include "Vidora/Ostra/Time.h"
 #include "support/Capture.h"
+#include "support/TestHandler.h"
 
 namespace Kavio {
 namespace Ostra {
 namespace {
 
-// What a piece of code writes to standard error, which is a pipe meanwhile.
-template <typename Code>
-std::string stderr_of(Code code) {
-    int ends[2];
-    EXPECT_EQ(0, pipe(ends));
-    const int saved = dup(STDERR_FILENO);
-    dup2(ends[1], STDERR_FILENO);
-    code();
-    dup2(saved, STDERR_FILENO);
-    close(saved);
-    close(ends[1]);
-    char text[8192];
-    const ssize_t size = read(ends[0], text, sizeof(text));
-    close(ends[0]);
-    return std::string(text, size > 0 ? static_cast<size_t>(size) : 0);
-}
+// Makes standard error a pipe while it lives.
+class CStderrPipe {
+public:
+    CStderrPipe() : m_former(dup(STDERR_FILENO)) {
+        EXPECT_EQ(0, pipe(m_ends));
+        dup2(m_ends[1], STDERR_FILENO);
+    }
+    ~CStderrPipe() {
+        dup2(m_former, STDERR_FILENO);
+        for (const int fd : {m_former, m_ends[0], m_ends[1]}) {
+            close(fd);
+        }
+    }
+    // What was written, which must be something.
+    std::string Read() const {
+        std::string text(1 << 20, '\0');
+        text.resize(static_cast<size_t>(read(m_ends[0], text.data(), text.size())));
+        return text;
+    }
+
+private:
+    int m_former;
+    int m_ends[2];
+};
 
 TEST(Log, DefaultSinkTagsLinesKeepsErrnoAndHidesWhatIsBelowTheLevel) {
-    const std::string text = stderr_of([] {
-        errno = EAGAIN;
-        logWarn("%s:%d first\n", "A.cpp", 7);
-        EXPECT_EQ(EAGAIN, errno);
-        logInfo("hidden\n");
-        logError("no newline");
-    });
-    EXPECT_EQ("[Vidora] A.cpp:7 first\n[Vidora] no newline\n", text);
+    const CStderrPipe output;
+    errno = EAGAIN;
+    logWarn("%s:%d first\n", "A.cpp", 7);
+    EXPECT_EQ(EAGAIN, errno);
+    logInfo("hidden\n");
+    logError("no newline");
+    logError("%s\n", std::string(5000, 'x').c_str());  // is cut and still ends
+    EXPECT_EQ("[Vidora] A.cpp:7 first\n[Vidora] no newline\n[Vidora] " + std::string(2048, 'x') + "\n", output.Read());
 }
 
 TEST(Log, ControlCharactersOfAPeerAreMasked) {
@@ -56,38 +65,18 @@ TEST(Log, ControlCharactersOfAPeerAreMasked) {
     EXPECT_EQ("a?[2J?\tb\r\n\xc3\xa9", log.Lines().at(0));
 }
 
-TEST(Log, LongLineIsCutAndStillEnds) {
-    const std::string text = stderr_of([] { logError("%s\n", std::string(5000, 'x').c_str()); });
-    EXPECT_EQ("[Vidora] " + std::string(2048, 'x') + "\n", text);
-}
-
 TEST(Log, UnreadStandardErrorDropsLinesAndCountsThem) {
-    int ends[2];
-    ASSERT_EQ(0, pipe(ends));
-    const int kept = dup(STDERR_FILENO);
-    dup2(ends[1], STDERR_FILENO);
+    const CStderrPipe output;
     const std::string text(2000, 'x');
     const int lines = 100;  // more than a pipe holds
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 2; ++i) {
-        threads.emplace_back([&] {
-            for (int k = 0; k < lines / 2; ++k) {
-                logError("%s\n", text.c_str());
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
-    std::string first(1 << 20, '\0');
-    first.resize(static_cast<size_t>(read(ends[0], first.data(), first.size())));
+    Support::RunTogether(2, [&] {
+        for (int k = 0; k < lines / 2; ++k) {
+            logError("%s\n", text.c_str());
+        }
+    });
+    const std::string first = output.Read();
     logError("last\n");
-    dup2(kept, STDERR_FILENO);
-    close(kept);
-    close(ends[1]);
-    std::string then(1 << 20, '\0');
-    then.resize(static_cast<size_t>(read(ends[0], then.data(), then.size())));
-    close(ends[0]);
+    const std::string then = output.Read();
     const auto written = std::count(first.begin(), first.end(), '\n');
     EXPECT_EQ('\n', first.back());
     EXPECT_EQ("[Vidora] " + std::to_string(lines - written) + " lines dropped\n[Vidora] last\n", then);
@@ -208,18 +197,12 @@ TEST(Packet, CopiesShareTheBlock) {
 
 TEST(Packet, CountHoldsWhenThreadsCopyAndDrop) {
     const Memory::CPacket packet(100);
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&packet] {
-            for (int n = 0; n < 2000; ++n) {
-                Memory::CPacket copy(packet);
-                Memory::CPacket other(static_cast<Memory::CPacket&&>(copy));
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    Support::RunTogether(4, [&packet] {
+        for (int n = 0; n < 2000; ++n) {
+            Memory::CPacket copy(packet);
+            Memory::CPacket other(static_cast<Memory::CPacket&&>(copy));
+        }
+    });
     EXPECT_TRUE(packet.valid());  // a wrong count shows as a leak or a use after free under AddressSanitizer
 }
 

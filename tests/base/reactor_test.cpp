@@ -95,7 +95,7 @@ TEST(Reactor, CloseWaitsForTheRunningCallbackAndDropsWhatWaits) {
     handler->Close();
     EXPECT_EQ(0, closed.load());
     is_closing.store(true);
-    EXPECT_TRUE(WaitUntil([&] { return closed.load() == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return closed == 1; }));
     CReactor::Instance().Post(0, id, 3, 0);
     EXPECT_FALSE(was_running.load());
     EXPECT_EQ(1, messages.load());
@@ -144,7 +144,7 @@ TEST(Reactor, TimeFollowsTheOneClock) {
     EXPECT_TRUE(WaitUntil([&] { return fired == 1 && silent == 1; }));
     EXPECT_LE(3600, Ostra::CTime::getCurrentTime() - before);
     handler->Close();
-    EXPECT_TRUE(WaitUntil([&] { return closed.load() == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return closed == 1; }));
 }
 
 TEST(Reactor, TimerRepeatsWhateverItsResultUntilDestroyed) {
@@ -172,7 +172,7 @@ TEST(Reactor, TimerRepeatsWhateverItsResultUntilDestroyed) {
     EXPECT_EQ(CTimerQueue::NO_DEADLINE, CReactor::Instance().Timers().FirstDeadline());
     handler->SetTimer(1000);
     handler->Close();
-    EXPECT_TRUE(WaitUntil([&] { return closed.load() == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return closed == 1; }));
     EXPECT_EQ(CTimerQueue::NO_DEADLINE, CReactor::Instance().Timers().FirstDeadline());
 }
 
@@ -210,7 +210,7 @@ TEST(Reactor, PoolMayBeCreatedAndDestroyedInAnyOrder) {
     }
     CPool pool;
     handler->Close();
-    EXPECT_TRUE(WaitUntil([&] { return closed.load() == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return closed == 1; }));
 }
 
 // A handler that closes another one from its handle_close, as owners do, needs all of them delivered; a handler that is
@@ -257,18 +257,12 @@ TEST(Strand, EachScheduleIsFollowedByATurn) {
     };
     CPool pool;
     const auto counter = std::make_shared<CCounter>();
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 3; ++i) {
-        threads.emplace_back([counter] {
-            for (int turn = 0; turn < 5000; ++turn) {
-                counter->asked.fetch_add(1);
-                counter->Schedule();
-            }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+    Support::RunTogether(3, [counter] {
+        for (int turn = 0; turn < 5000; ++turn) {
+            counter->asked.fetch_add(1);
+            counter->Schedule();
+        }
+    });
     EXPECT_TRUE(WaitUntil([&] { return counter->seen.load() == 15000; }));
     EXPECT_EQ(0, counter->faults.load());
 }
@@ -321,24 +315,18 @@ TEST(Reactor, StressOfEverythingAtOnce) {
         handler->on_close = [&faults, party] { faults.fetch_add(party->inside.load()); };
         CReactor::Instance().Post(0, handler->GetID(), 1, 0);
     };
-    std::vector<std::thread> hosts;
-    for (int host = 0; host < HOSTS; ++host) {
-        hosts.emplace_back([&] {
-            for (int i = 0; i < HANDLERS / HOSTS; ++i) {
-                CTestHandler* handler = CTestHandler::Make(&closed);
-                const long id = handler->GetID();
-                if (first_id.load() == 0) {
-                    first_id.store(id);
-                }
-                begin(handler);
-                CReactor::Instance().Post(0, id, 1, 0);
-                CReactor::Instance().Post(0, first_id.load() + i, 1, 0);
+    Support::RunTogether(HOSTS, [&] {
+        for (int i = 0; i < HANDLERS / HOSTS; ++i) {
+            CTestHandler* handler = CTestHandler::Make(&closed);
+            const long id = handler->GetID();
+            if (first_id.load() == 0) {
+                first_id.store(id);
             }
-        });
-    }
-    for (std::thread& host : hosts) {
-        host.join();
-    }
+            begin(handler);
+            CReactor::Instance().Post(0, id, 1, 0);
+            CReactor::Instance().Post(0, first_id.load() + i, 1, 0);
+        }
+    });
     EXPECT_TRUE(WaitUntil([&] { return closed.load() == HANDLERS / HOSTS * HOSTS; }, 60000));
     EXPECT_EQ(0, faults.load());
     EXPECT_EQ(alive, CReactor::Instance().CountHandlers());

@@ -16,6 +16,7 @@
 #include "StateMachine.h"
 #include "Vidora/Types.h"
 #include "support/Capture.h"
+#include "support/TestHandler.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -455,21 +456,15 @@ TEST(StateMachine, OperationsNeverOverlapAndNothingIsLost) {
         --in_flight;
     };
     std::atomic<int> taken{0};
-    std::vector<std::thread> threads;
-    for (int t = 0; t < 4; ++t) {
-        threads.emplace_back([&] {
-            for (int i = 0; i < 2000; ++i) {
-                while (++in_flight > 8) {  // below the ten events that the machine holds
-                    --in_flight;
-                    std::this_thread::yield();
-                }
-                taken += owner.Put(RTSP_METHOD_OPTIONS) ? 1 : 0;
+    Support::RunTogether(4, [&] {
+        for (int i = 0; i < 2000; ++i) {
+            while (++in_flight > 8) {  // below the ten events that the machine holds
+                --in_flight;
+                std::this_thread::yield();
             }
-        });
-    }
-    for (std::thread& thread : threads) {
-        thread.join();
-    }
+            taken += owner.Put(RTSP_METHOD_OPTIONS) ? 1 : 0;
+        }
+    });
     EXPECT_EQ(0, overlaps);
     EXPECT_EQ(8000, taken);
     EXPECT_EQ(8000u, owner.Take().size());

@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <functional>
 #include <thread>
+#include <vector>
 
 #include "Tramel/SockDgram.h"
 #include "Tramel/SockStream.h"
@@ -28,6 +29,18 @@ bool WaitUntil(TCondition done, int limit_ms = 20000) {
         std::this_thread::sleep_for(std::chrono::milliseconds(1));
     }
     return true;
+}
+
+// Runs `code` on that many threads at once, and waits for their ends.
+template <typename TCode>
+void RunTogether(int count, TCode code) {
+    std::vector<std::thread> threads;
+    for (int i = 0; i < count; ++i) {
+        threads.emplace_back(code);
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
 }
 
 // A pool of threads for a scope.
