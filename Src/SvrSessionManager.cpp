@@ -160,6 +160,10 @@ int CSvrSessionManager::AddNewConnect(int fd, const char* buf, int len, long ext
     }
     {
         CGuard guard(m_mutex);
+        if (m_stopped) {
+            sock->Detach();
+            return -1;  // fd stays the caller's
+        }
         mark_locked(*sock);
         if (buf == nullptr || strstr(buf, HEAD_END) == nullptr) {
             // Bytes of a request that isn't whole are dropped: the record starts empty.
@@ -263,7 +267,7 @@ int CSvrSessionManager::wait_for_rest_locked(connections_t::iterator it) {
         logWarn("%s:%d handle_input_timeout error, fd:%d \n", __FILE__, __LINE__, it->first);
         return drop_locked(it);
     }
-    return RegisterSock(*it->second->sock, Tramel::SOCK_EVENT_READ, left_us);
+    return RegisterSock(*it->second->sock, Tramel::SOCK_EVENT_READ, left_us) < 0 ? drop_locked(it) : 0;
 }
 
 int CSvrSessionManager::handle_input_timeout(int fd) {

@@ -30,11 +30,12 @@ void* g_sink_data = nullptr;
 std::mutex g_stderr_mutex;  // held over a write that doesn't wait: lines of several threads stay whole
 unsigned long g_dropped = 0;
 
-// Is there room for a line? A pipe that nobody reads, and a terminal that is stopped, have none. Another process that
-// fills the same pipe between this look and the write can still hold one line up.
+// Is there room for a line? A pipe that nobody reads, and a terminal that is stopped, have none, and a pipe whose
+// reader has gone would end the process by SIGPIPE. Another process that fills the same pipe between this look and the
+// write can still hold one line up.
 bool has_room() {
     pollfd item = {STDERR_FILENO, POLLOUT, 0};
-    return poll(&item, 1, 0) > 0 && (item.revents & POLLOUT) != 0;
+    return poll(&item, 1, 0) > 0 && item.revents == POLLOUT;
 }
 
 // One write a line.

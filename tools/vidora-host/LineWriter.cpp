@@ -1,5 +1,6 @@
 #include "LineWriter.h"
 
+#include <poll.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -10,12 +11,19 @@
 
 namespace {
 
+// Waits for room on a descriptor that somebody else has made non-blocking. False: it was no lack of room that the write
+// has met.
+bool wait_for_room(int fd) {
+    pollfd item = {fd, POLLOUT, 0};
+    return errno == EINTR || (errno == EAGAIN && (poll(&item, 1, -1) > 0 || errno == EINTR));
+}
+
 // Writes all of it, however long that takes; a descriptor that is closed takes nothing.
 void write_all(int fd, const std::string& text) {
     size_t done = 0;
     while (done < text.size()) {
         const ssize_t written = write(fd, text.data() + done, text.size() - done);
-        if (written < 0 && errno != EINTR) {
+        if (written < 0 && !wait_for_room(fd)) {
             return;
         }
         done += written > 0 ? static_cast<size_t>(written) : 0;

@@ -15,6 +15,9 @@ using std::chrono::duration_cast;
 
 namespace {
 
+// No frame is due later: a client may ask for a rate of next to nothing, and a file may tell any time.
+const double MAX_PLAY_MS = 1e12;
+
 // Above this rate, and backwards, only key frames go out.
 const float MAX_FULL_SPEED = 4.0F;
 
@@ -260,7 +263,8 @@ bool RecordingSource::fetch_in_row() {
 // When a frame is due, in milliseconds from m_begin.
 double RecordingSource::play_ms(const FrameEntry& entry) const {
     const double anchor = duration<double, std::milli>(m_anchor_time - m_begin).count();
-    return anchor + (static_cast<double>(entry.place.time_ms) - m_anchor_ms) / static_cast<double>(m_speed);
+    const double due = anchor + (static_cast<double>(entry.place.time_ms) - m_anchor_ms) / static_cast<double>(m_speed);
+    return std::clamp(due, -MAX_PLAY_MS, MAX_PLAY_MS);
 }
 
 RecordingSource::Clock::time_point RecordingSource::step(Clock::time_point now) {

@@ -125,6 +125,10 @@ void RecordingStore::finish(const std::string& path, const Interval& interval, c
         done(make_failure(path + ": " + recording->Fault()));
         return;
     }
+    if (!result->file.State().IsSameFile(recording->State())) {
+        done(make_failure(path + ": was replaced while it was read"));
+        return;
+    }
     result->recording = recording;
     result->window = recording->Cut(result->file, interval);
     done(std::move(result));
