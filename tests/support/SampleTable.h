@@ -24,15 +24,15 @@ inline std::vector<std::string> SplitText(const std::string& text, char mark) {
     return parts;
 }
 
-// The rows of one table in a file of samples: "[name]" begins a table, "#" a comment, "|" stands between the fields,
-// of which every row has as many, and "\n" in a field is a line feed.
+// The rows of one table in a file of samples: a line "[name]" begins a table, "#" a comment, "|" stands between the
+// fields, of which every row has as many and at least two, and "\n" in a field is a line feed.
 inline std::vector<std::vector<std::string>> ReadTable(const std::string& path, const std::string& name,
                                                        size_t fields) {
     std::vector<std::vector<std::string>> rows;
     std::ifstream file(path);
     std::string table;
     for (std::string line; std::getline(file, line);) {
-        if (line[0] == '[') {
+        if (line[0] == '[' && line.find('|') == std::string::npos) {
             table = line.substr(1, line.size() - 2);
         } else if (table == name && line[0] != '#' && !line.empty()) {
             for (size_t at = line.find("\\n"); at != std::string::npos; at = line.find("\\n")) {
