@@ -38,8 +38,7 @@ enum conversation_message_t {
 //            host are called with no lock held; whatever they close or delete tells this conversation by a message.
 // OWNERSHIP  A value inside the object that is the link, and that calls Release before it dies.
 // MEMORY     What outlives a message lies first, the codec with its texts last; see CRtspParser. A peer can make it
-// keep
-//            the machine's ten messages and the gate's one.
+//            keep the machine's ten messages and the gate's one.
 class CSvrConversation : private IAuthGateOwner {
 public:
     explicit CSvrConversation(ISvrLink& link);

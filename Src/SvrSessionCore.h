@@ -19,11 +19,9 @@ namespace Vidora {
 // in common. A derived class reads the bytes of requests into m_requests.
 //
 // THREADING  Everything runs on the session's strand, that is, in its reactor callbacks. A derived class that is
-// reached
-//            from another handler must do the same: Notify, with MSG_SESSION_END.
+//            reached from another handler must do the same: Notify, with MSG_SESSION_END.
 // OWNERSHIP  Owns the socket, the sender on it and the conversation. It dies by Close, in handle_close, and nowhere
-// else;
-//            a session in a roll leaves that as the very last thing.
+//            else; a session in a roll leaves that as the very last thing.
 // MEMORY     Taken from the system as untouched pages; what a session doesn't use takes no memory. A session that
 //            streams has one page resident, in which everything lies that outlives a message, and some 5 kB of the
 //            heap. A peer can make it keep 4 kB of unread bytes and what the conversation keeps.

@@ -50,9 +50,9 @@ private:
 //            have grown too old and aren't begun. From then on the track drops until its next key frame; one that never
 //            carried a key frame goes on as soon as there is room. An empty queue takes a unit of any size.
 // FAILURE    A broken socket, and one whose peer acknowledges nothing for the send time-out while bytes wait, here or
-// in
-//            the socket since it was full, end the queue: it drops what it has and all that comes, and message 2 goes
-//            out once to each handler named by a face. The socket is asked what was acknowledged by the timer alone.
+//            in the socket since it was full, end the queue: it drops what it has and all that comes, and message 2
+//            goes out once to each handler named by a face. The socket is asked what was acknowledged by the timer
+//            alone.
 // THREADING  All operations: any thread; they lock for themselves. The lock is held over sendmsg, which never blocks,
 //            and over calls to the reactor; it is never held over a callback of a handler. Lock order: a sender's lock,
 //            this one, the reactor's.

@@ -43,8 +43,7 @@ struct TFrameBufferStatis {
 // OWNERSHIP  A copy, and a buffer that is assigned to, shares the contents of the other, as with CSdpInfo; the last one
 //            ends them. Nothing is borrowed between the calls: Init copies what it needs of the description.
 // MEMORY     At most 8 MiB of packets for each track, or 16 MiB of a private frame in pieces, of the frames in work,
-// and
-//            4 frames held back while the rate is measured.
+//            and 4 frames held back while the rate is measured.
 class VIDORA_API CRtpFrameBuffer {
 public:
     CRtpFrameBuffer();

@@ -92,8 +92,7 @@ struct RtspClientStatistics {
 //            view are dead when Close has returned. Calls of other threads that have begun by then are waited for. When
 //            the thread pool is destroyed after Close, the session still ends; without a pool it ends at the next one.
 // MEMORY     About 70 kB before the media come, of which 40 kB are message buffers that few sessions touch; then what
-// the
-//            receiver takes, 64 kB for RTP over TCP, and private frames as large as they come (16 MiB at most). A
+//            the receiver takes, 64 kB for RTP over TCP, and private frames as large as they come (16 MiB at most). A
 //            server can make a session keep its description, 64 kB of replies and 16 kB of reports.
 class VIDORA_API CRtspClientSession : public CNetHandler {
 public:
