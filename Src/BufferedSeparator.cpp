@@ -1,7 +1,9 @@
 #include "BufferedSeparator.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
+#include <string_view>
 
 #include "Tramel/StrParser.h"
 
@@ -18,6 +20,12 @@ size_t head_length(const char* text, size_t length) {
     const void* end = ::memmem(text, length, HEAD_END, HEAD_END_LEN);
     return end == nullptr ? 0 : static_cast<size_t>(static_cast<const char*>(end) - text) + HEAD_END_LEN;
 }
+
+// How a server's own request begins (RFC 2326 10); REDIRECT and RECORD look like replies to the derived classes as
+// well.
+const std::string_view REQUEST_STARTS[] = {"OPTIONS ",       "DESCRIBE ", "ANNOUNCE ", "SETUP ",
+                                           "PLAY ",          "PAUSE ",    "TEARDOWN ", "GET_PARAMETER ",
+                                           "SET_PARAMETER ", "REDIRECT ", "RECORD "};
 
 // The value of Content-Length; 0 without the header or a number, more than any reply has if it is too large to read.
 uint64_t body_length(const char* head, size_t length) {
@@ -82,7 +90,14 @@ separator_record_t* CBufferedSeparator::GetRecords(int* count) {
     return m_records;
 }
 
-CBufferedSeparator::step_t CBufferedSeparator::cut_reply(CByteReader& reader) {
+bool CBufferedSeparator::may_be_request(const CByteReader& reader) {
+    const std::string_view text(reinterpret_cast<const char*>(reader.Rest()), reader.Remaining());
+    return std::any_of(std::begin(REQUEST_STARTS), std::end(REQUEST_STARTS), [text](std::string_view start) {
+        return text.substr(0, start.size()) == start.substr(0, text.size());
+    });
+}
+
+CBufferedSeparator::step_t CBufferedSeparator::cut_text(CByteReader& reader) {
     const char* text = reinterpret_cast<const char*>(reader.Rest());
     const size_t head = head_length(text, reader.Remaining());
     if (head == 0) {

@@ -10,8 +10,8 @@
 namespace Kavio {
 namespace Vidora {
 
-// CBufferedSeparator: what the separators have in common: the receive buffer, the row of records, and the RTSP replies,
-// a head up to its empty line and a body of Content-Length bytes.
+// CBufferedSeparator: what the separators have in common: the receive buffer, the row of records, and the RTSP replies
+// and requests of the server's own, a head up to its empty line and a body of Content-Length bytes.
 //
 // MEMORY  The buffer, RSP_BUF_LEN bytes, or the size of the largest unit that a derived class asks room for; and the
 // row.
@@ -41,8 +41,10 @@ protected:
     // Cuts the message at the reader's place, and moves the reader behind it.
     virtual step_t parse_step(CByteReader& reader) = 0;
 
-    // The reply at the reader's place.
-    step_t cut_reply(CByteReader& reader);
+    // Whether what is there of the bytes at the reader's place is how a request of the server's own begins.
+    static bool may_be_request(const CByteReader& reader);
+    // The reply or request at the reader's place.
+    step_t cut_text(CByteReader& reader);
     // A record of the next `length` bytes; STEP_FAILED, with a log line, without memory.
     step_t cut_unit(CByteReader& reader, int length, int channel, int kind);
     // The row must have room.

@@ -43,8 +43,8 @@ CBufferedSeparator::step_t CKXSeparator::parse_step(CByteReader& reader) {
     if (reader.Remaining() < Tramel::PRIVATE_HEADER_SIZE) {
         return STEP_SHORT;
     }
-    if (std::tolower(reader.PeekU8()) == 'r') {
-        return cut_reply(reader);
+    if (std::tolower(reader.PeekU8()) == 'r' || may_be_request(reader)) {
+        return cut_text(reader);
     }
     if (reader.PeekU8() == Tramel::INTERLEAVE_MARK) {
         return begin_frame(reader);

@@ -38,8 +38,8 @@ CBufferedSeparator::step_t CRTPSeparator::parse_step(CByteReader& reader) {
     if (reader.Remaining() < MIN_UNIT) {
         return STEP_SHORT;
     }
-    if (is_letter(reader.PeekU8(), 'r') && is_letter(reader.PeekU8(1), 't')) {
-        return cut_reply(reader);
+    if ((is_letter(reader.PeekU8(), 'r') && is_letter(reader.PeekU8(1), 't')) || may_be_request(reader)) {
+        return cut_text(reader);
     }
     if (reader.PeekU8() == Tramel::INTERLEAVE_MARK) {
         return cut_interleaved(reader);

@@ -9,7 +9,8 @@
 namespace Kavio {
 namespace Vidora {
 
-// CRTPSeparator: interleaved RTP and RTCP (RFC 2326 10.12) and RTSP replies, which begin with "Rt" in any case.
+// CRTPSeparator: interleaved RTP and RTCP (RFC 2326 10.12), RTSP replies, which begin with "Rt" in any case, and
+// requests of the server's own, which begin with a method.
 //
 // The packets of two RTP channels come out merged to the runs of their frames (CFrameMerger), all other units as they
 // are, among them units on those two channels that are too short for RTP. A stream that lost its place is entered again

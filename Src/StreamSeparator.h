@@ -9,7 +9,7 @@ namespace Kavio {
 namespace Vidora {
 
 enum separator_kind_t {
-    SEPARATOR_RTSP = 1,  // an RTSP reply
+    SEPARATOR_RTSP = 1,  // an RTSP reply, or a request of the server's own
     SEPARATOR_RTP = 2,   // RTP or RTCP: a unit, or a run of units of one channel, each with its 4 header bytes
     SEPARATOR_KX = 3     // a private header (6 bytes, "$" first) or frame
 };

@@ -158,7 +158,7 @@ int CClientConversation::begin_conversation() {
     if (m_start_mode == CLIENT_START_DESCRIBE) {
         return queue(RTSP_METHOD_DESCRIBE, m_parser.generate_describe(), REQUEST_MAIN);
     }
-    if (m_settings.packet_type == PACKET_TYPE_NONE) {
+    if (m_settings.packet_type == PACKET_TYPE_NONE || m_settings.transport == RTP_OVER_UDP) {
         m_settings.packet_type = PACKET_TYPE_RTP;
     }
     return m_tracks.BuildSingle(m_settings.transport, m_settings.packet_type) < 0 ? -1 : set_up_next();

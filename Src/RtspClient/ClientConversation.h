@@ -138,7 +138,7 @@ private:
     void leave(bool teardown);
 
     // Replies.
-    int server_request_size(const char* text, unsigned int length);
+    void answer_request(const char* text, unsigned int length);
     void take_reply(const char* text, unsigned int length, const rtsp_msg_info& info);
     void take_refusal(const pending_request& request, int status);
     void take_challenge(const pending_request& request, const char* text, unsigned int length, rtsp_msg_info info);

@@ -48,6 +48,9 @@ int CClientConversation::take_sdp() {
         }
         // A single media needs no control attribute: it is the whole.
         if (sdp.get_media_count() == 1 && sdp.get_track_id(0) <= 0) {
+            if (!m_sdp->text.empty() && m_sdp->text.back() != '\n') {
+                m_sdp->text += "\r\n";
+            }
             m_sdp->text += WHOLE_CONTROL;
             sdp.Parse(m_sdp->text.c_str(), 0);
         }
@@ -233,12 +236,14 @@ int CClientConversation::send_play() {
     return queue(RTSP_METHOD_PLAY, text, REQUEST_MAIN);
 }
 
-// A stream that doesn't run is as it was asked for; nothing need be sent.
+// A stream that doesn't run is as it was asked for; nothing need be sent. Nor for one that is about to be held: servers
+// refuse a second PAUSE, and the answer to the first one is both calls'.
 void CClientConversation::pause() {
-    if (IsEnded() || m_state == CLIENT_INIT) {
+    const rtsp_method_t last = m_requests.LastOfPlay();
+    if (IsEnded() || m_state == CLIENT_INIT || last == RTSP_METHOD_PAUSE) {
         return;
     }
-    if (m_state != CLIENT_PLAYING && !m_requests.Waits(RTSP_METHOD_PLAY)) {
+    if (m_state != CLIENT_PLAYING && last != RTSP_METHOD_PLAY) {
         m_handler.Notify(m_owner_id, MSG_RTSP_PAUSE_READY, 0);
     } else if (queue(RTSP_METHOD_PAUSE, m_parser.generate_pause(), REQUEST_MAIN) < 0) {
         Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);

@@ -1,9 +1,13 @@
 // Requests and their replies.
+#include <algorithm>
+#include <cstdio>
 #include <cstring>
 #include <new>
+#include <string_view>
 
 #include "Protocol/LogQuote.h"
 #include "RtspClient/ClientConversation.h"
+#include "Tramel/StrParser.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -18,6 +22,8 @@ enum status_t {
     STATUS_UNAUTHORIZED = 401,
     STATUS_SESSION_NOT_FOUND = 454
 };
+
+const size_t MAX_OWN_REPLY = 128;  // the answer to a request of the server's
 
 bool is_redirect(int status) {
     return status == STATUS_MOVED_PERMANENTLY || status == STATUS_MOVED_TEMPORARILY;
@@ -96,8 +102,8 @@ int CClientConversation::TakeMessage(const char* text, unsigned int length) {
     }
     const int request_size = CRtspReqParser::request_size(text, length);
     if (request_size != 0) {
-        logInfo("%s:%d request of the server passed over\n", __FILE__, __LINE__);
-        return request_size < 0 ? 0 : request_size;
+        answer_request(text, static_cast<unsigned int>(std::max(request_size, 0)));
+        return std::max(request_size, 0);
     }
     rtsp_msg_info info;
     const int size = m_parser.check_message(text, length, &info);
@@ -112,6 +118,29 @@ int CClientConversation::TakeMessage(const char* text, unsigned int length) {
     }
     take_reply(text, static_cast<unsigned int>(size), info);
     return IsEnded() ? -1 : size;
+}
+
+// A request of the server's own (RFC 2326 10), which is passed over; by conformance with an answer: yes to a server
+// that only looks whether we are there.
+void CClientConversation::answer_request(const char* text, unsigned int length) {
+    static const std::string_view LOOKS[] = {"OPTIONS ", "GET_PARAMETER "};
+    if (length == 0) {
+        return;  // it isn't there whole
+    }
+    logInfo("%s:%d request of the server passed over\n", __FILE__, __LINE__);
+    CStrParser parser(text, length);
+    if (!m_settings.conformance || parser.LocateStringCase("\nCSeq:") < 0 || parser.ConsumeUntilDigit() < 0) {
+        return;
+    }
+    const unsigned int cseq = parser.ConsumeUint32();
+    const std::string_view request = std::string_view(text, length).substr(std::strspn(text, "\r\n "));
+    const bool is_look = std::any_of(std::begin(LOOKS), std::end(LOOKS), [request](std::string_view look) {
+        return request.substr(0, look.size()) == look;
+    });
+    char reply[MAX_OWN_REPLY];
+    const int size = std::snprintf(reply, sizeof(reply), "RTSP/1.0 %s\r\nCSeq: %u\r\n\r\n",
+                                   is_look ? "200 OK" : "501 Not Implemented", cseq);
+    m_link.Send(reply, static_cast<unsigned int>(size));
 }
 
 void CClientConversation::OnReceivedReply(const std::string& text) {
@@ -192,8 +221,16 @@ bool CClientConversation::repeat(const pending_request& request) {
     if (request.kind == REQUEST_APPLICATION) {
         const char* body = request.body.empty() ? nullptr : request.body.c_str();
         const char* message = m_parser.generate_parameter(request.method, body, nullptr);
-        m_slots.Move(request.cseq, m_parser.get_cseq());
-        return queue(request.method, message, request.kind, request.body) == 0;
+        if (message == nullptr) {
+            return false;
+        }
+        const int cseq = m_parser.get_cseq();
+        m_slots.Move(request.cseq, cseq);
+        if (queue(request.method, message, request.kind, request.body) < 0) {
+            m_slots.DropCSeq(cseq);
+            return false;
+        }
+        return true;
     }
     switch (request.method) {
         case RTSP_METHOD_OPTIONS:
@@ -287,6 +324,7 @@ int CClientConversation::on_play_reply(const StateEvent& event) {
     }
     m_reply_result = 0;
     m_state = CLIENT_PLAYING;
+    m_keepalive.Lives();  // the silence of a pause isn't the stream's
     publish_range();
     publish_tracks();
     m_handler.Notify(m_owner_id, MSG_RTSP_PLAY_READY, 0);

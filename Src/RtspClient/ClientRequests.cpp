@@ -42,6 +42,19 @@ bool CClientRequests::Waits(rtsp_method_t method) const {
                        [method](const pending_request& waiting) { return waiting.method == method; });
 }
 
+rtsp_method_t CClientRequests::LastOfPlay() const {
+    rtsp_method_t method = RTSP_METHOD_UNKNOWN;
+    int cseq = 0;
+    for (const pending_request& waiting : m_requests) {
+        const bool is_play = waiting.method == RTSP_METHOD_PLAY || waiting.method == RTSP_METHOD_PAUSE;
+        if (is_play && waiting.kind == REQUEST_MAIN && waiting.cseq > cseq) {
+            method = waiting.method;
+            cseq = waiting.cseq;
+        }
+    }
+    return method;
+}
+
 int CReplySlots::Reserve(char* out, int length) {
     CGuard guard(m_mutex);
     for (slot_t& slot : m_slots) {

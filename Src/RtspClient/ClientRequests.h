@@ -40,6 +40,8 @@ public:
     // Takes the oldest out if it was sent `age_ms` ago or earlier.
     bool TakeOlder(uint64_t now_ms, unsigned int age_ms, pending_request& request);
     bool Waits(rtsp_method_t method) const;
+    // The method of the last PLAY or PAUSE of the conversation that waits; unknown if there is none.
+    rtsp_method_t LastOfPlay() const;
 
 private:
     std::vector<pending_request> m_requests;

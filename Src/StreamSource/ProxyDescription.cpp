@@ -1,6 +1,8 @@
 #include "StreamSource/ProxyDescription.h"
 
+#include <algorithm>
 #include <string_view>
+#include <vector>
 
 namespace Kavio {
 namespace Vidora {
@@ -55,9 +57,9 @@ std::string_view take_line(std::string_view& rest) {
     return line;
 }
 
-}  // namespace
-
-std::string ProxyDescription(const std::string& text, const bool* keeps, int count, bool lean) {
+// Of the media those that `keeps` says. `lean`: without the lines that players don't need.
+std::string rewrite(const std::string& text, const std::vector<bool>& keeps, bool lean) {
+    const int count = static_cast<int>(keeps.size());
     std::string out;
     std::string_view rest(text);
     int media = -1;
@@ -71,17 +73,34 @@ std::string ProxyDescription(const std::string& text, const bool* keeps, int cou
                 has_connection = true;
             }
             ++media;
-            if (media < count && keeps[media]) {
+            if (media < count && keeps[static_cast<size_t>(media)]) {
                 add_media(out, line, ++track);
             }
             continue;
         }
-        const bool is_kept = media < 0 || (media < count && keeps[media]);
+        const bool is_kept = media < 0 || (media < count && keeps[static_cast<size_t>(media)]);
         if (is_kept && is_passed_on(line, lean)) {
             out.append(line).append("\r\n");
         }
     }
     return out;
+}
+
+}  // namespace
+
+std::string ProxyDescription(const std::string& text, const bool* keeps, int count, size_t limit) {
+    std::vector<bool> kept(keeps, keeps + count);
+    std::string out = rewrite(text, kept, false);
+    bool has_media = true;
+    while (out.size() > limit && has_media) {
+        out = rewrite(text, kept, true);
+        const auto last = std::find(kept.rbegin(), kept.rend(), true);
+        has_media = last != kept.rend();
+        if (has_media) {
+            *last = false;
+        }
+    }
+    return has_media ? out : std::string();
 }
 
 }  // namespace Vidora

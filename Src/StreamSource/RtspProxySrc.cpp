@@ -12,6 +12,8 @@ namespace Vidora {
 
 namespace {
 
+// Room for the lines that a description must have (RFC 4566 5), which the parser adds where they are missing.
+const size_t ADDED_LINES_SIZE = 128;
 const double US_PER_SECOND = 1000000.0;
 
 float to_seconds(uint64_t time_us) {
@@ -142,12 +144,9 @@ int CRtspProxySrc::GetSdp(CSdpParser& sdp) {
         }
     }
     try {
-        // A description is held in SDP_STREAM_SIZE bytes: rather without the lines that nobody needs than cut.
-        std::string text = ProxyDescription(upstream->text, keeps, CLIENT_MAX_TRACKS, false);
-        if (text.size() >= SDP_STREAM_SIZE) {
-            text = ProxyDescription(upstream->text, keeps, CLIENT_MAX_TRACKS, true);
-        }
-        return sdp.Parse(text.c_str(), 0);
+        const std::string text =
+            ProxyDescription(upstream->text, keeps, CLIENT_MAX_TRACKS, SDP_STREAM_SIZE - ADDED_LINES_SIZE);
+        return text.empty() ? -1 : sdp.Parse(text.c_str(), 0);
     } catch (const std::bad_alloc&) {
         return -1;
     }

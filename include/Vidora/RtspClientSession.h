@@ -127,7 +127,8 @@ public:
     // The same by wall time (RFC 2326 3.7), and by SMPTE time (3.5). Null: not given.
     int Play(UtcTime* begin, UtcTime* end, float speed, bool scale);
     int Play(SmpteTime* begin, SmpteTime* end, float speed, bool scale);
-    // Holds the stream until the next Play; nothing before MSG_RTSP_SETUP_READY. MSG_RTSP_PAUSE_READY follows.
+    // Holds the stream until the next Play; nothing before MSG_RTSP_SETUP_READY. MSG_RTSP_PAUSE_READY follows,
+    // one for all calls that come before the server's answer.
     void Pause();
 
     // What the session is going to deliver; null before MSG_RTSP_SETUP_READY, and for a stream without a description.
@@ -161,7 +162,8 @@ public:
     int SetStreamIdleTimeout(unsigned int ms);
     // True: as the RFCs have it, where the default differs for older peers: receiver reports with loss, jitter, LSR and
     // DLSR and an SSRC of their own (RFC 3550 6.4), a BYE of all tracks ends the stream in order, every request but
-    // TEARDOWN is repeated after a challenge and TEARDOWN is signed (RFC 2617). Before Start.
+    // TEARDOWN is repeated after a challenge and TEARDOWN is signed (RFC 2617), and requests of the server's own are
+    // answered, OPTIONS and GET_PARAMETER by 200 and others by 501 (RFC 2326 10). Before Start.
     void SetConformance(bool on);
 
     // Sends `length` bytes of A-law audio (8000 Hz mono) over the device's back channel: one packet each. Nothing

@@ -169,6 +169,111 @@ TEST_F(CSessionTest, RepliesMayComeInPiecesWithStrangersBetween) {
     }
 }
 
+// Before PLAY, between the media and in pieces: a server may look whether we are there, or tell something.
+TEST_F(CSessionTest, RequestsOfTheServerAreAnsweredByConformanceAndPassedOverOtherwise) {
+    const std::string look = "GET_PARAMETER rtsp://x/ RTSP/1.0\r\nCSeq: 31\r\nSession: $7$\r\n\r\n";
+    const std::string tells =
+        "ANNOUNCE rtsp://x/ RTSP/1.0\r\nCSeq: 32\r\nContent-Length: 9\r\n\r\nv=0\r\n$\x01\x05\x06";
+    for (const packet_type_t kind : {PACKET_TYPE_RTP, PACKET_TYPE_KX}) {
+        for (const bool conformance : {false, true}) {
+            SCOPED_TRACE(std::to_string(kind) + (conformance ? " by conformance" : ""));
+            const std::string media =
+                kind == PACKET_TYPE_RTP ? Server::Rtp(1) : std::string("$\0\0\0\0\x10", 6) + std::string(16, 'x');
+            CScriptedServer server(
+                [&](const ServerRequest& request) {
+                    const std::string ours = request.method == "SETUP" ? look : "";
+                    return request.method == "PLAY" ? Server::Answer(request) + media + look + media + tells + media
+                                                    : ours + Server::Answer(request);
+                },
+                11);
+            CClientHost host;
+            host.session->SetPacketType(kind);
+            host.session->SetConformance(conformance);
+            ASSERT_EQ(0, host.Start(server.Url()));
+            ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+            EXPECT_TRUE(WaitUntil([&] {
+                server.SendAll(media);
+                return host.sink.Count() > 6;
+            }));
+            host.session->Pause();
+            EXPECT_TRUE(host.WaitFor(MSG_RTSP_PAUSE_READY));
+            EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
+            EXPECT_EQ(conformance, server.Holds("RTSP/1.0 200 OK\r\nCSeq: 31\r\n"));
+            EXPECT_EQ(conformance, server.Holds("RTSP/1.0 501 Not Implemented\r\nCSeq: 32\r\n"));
+        }
+    }
+}
+
+// In any order and as often as it likes: what makes no sense just now does no harm.
+TEST_F(CSessionTest, PlayAndPauseMayBeCalledInAnyOrder) {
+    CScriptedServer server(Server::Answer);
+    CClientHost host;
+    host.play_at_ready = false;
+    EXPECT_EQ(-1, host.session->Play(0.0F, 0.0F, 1.0F, false));
+    ASSERT_EQ(0, host.Start(server.Url()));
+    host.session->Pause();
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_SETUP_READY));
+    host.session->Pause();
+    EXPECT_TRUE(host.WaitFor(MSG_RTSP_PAUSE_READY));
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(0, host.session->Play(0.0F, 0.0F, 1.0F, false));
+        EXPECT_EQ(0, host.session->Play(3.0F, 0.0F, 1.0F, false));
+        host.session->Pause();
+        host.session->Pause();
+    }
+    EXPECT_EQ(0, host.session->Play(-1.0F, 0.0F, 1.0F, false));
+    EXPECT_TRUE(WaitUntil([&] { return host.Count(MSG_RTSP_PLAY_READY) == 11; }));
+    EXPECT_LE(6, host.Count(MSG_RTSP_PAUSE_READY));
+    EXPECT_GE(5, server.Count("PAUSE"));
+    EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
+}
+
+TEST_F(CSessionTest, ServerMayMoveTheClientsPort) {
+    const int moved = Support::CBoundSocket(SOCK_DGRAM).Port();
+    Support::CBoundSocket sender(SOCK_DGRAM);
+    CScriptedServer server([&](const ServerRequest& request) {
+        return request.method != "SETUP"
+                   ? Server::Answer(request)
+                   : Server::Reply(request, "200 OK",
+                                   "Session: 1\r\nTransport: RTP/AVP;unicast;client_port=" + std::to_string(moved) +
+                                       ";server_port=" + std::to_string(sender.Port()) + "-1\r\n");
+    });
+    CClientHost host;
+    ASSERT_EQ(0, host.Start(server.Url(), RTP_OVER_UDP));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    sockaddr_in to = {};
+    to.sin_family = AF_INET;
+    to.sin_port = htons(static_cast<uint16_t>(moved));
+    to.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+    unsigned int sequence = 0;
+    EXPECT_TRUE(WaitUntil([&] {
+        const std::string packet = Server::Rtp(++sequence).substr(4);
+        ::sendto(sender.Fd(), packet.data(), packet.size(), 0, reinterpret_cast<sockaddr*>(&to), sizeof(to));
+        return host.sink.Count() > 3;
+    }));
+}
+
+TEST_F(CSessionTest, WallTimeIsThatOfTheServersLastReport) {
+    CScriptedServer server(Server::Answer);
+    CClientHost host;
+    ASSERT_EQ(0, host.Start(server.Url()));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    int64_t utc_us = 0;
+    EXPECT_EQ(-1, host.session->GetWallTime('V', 0, utc_us));
+    EXPECT_EQ(-1, host.session->GetWallTime('A', 0, utc_us));
+    // Half a second past 2026-01-01, at time stamp 2^32 - 45000.
+    std::string report("$\x01\0\x1c\x80\xc8\0\6\0\0\0\5\0\0\0\0\x80\0\0\0\xff\xff\x50\x38\0\0\0\1\0\0\0\1", 32);
+    const uint32_t seconds = 2208988800u + 1767225600u;
+    for (int i = 0; i < 4; ++i) {
+        report[12 + static_cast<size_t>(i)] = static_cast<char>(seconds >> (24 - 8 * i));
+    }
+    server.SendAll(Server::Rtp(1) + report + Server::Rtp(2) + Server::Rtp(3));
+    EXPECT_TRUE(WaitUntil([&] { return host.session->GetWallTime('V', 45000, utc_us) == 0; }));
+    EXPECT_EQ(1767225601500000, utc_us);
+    EXPECT_EQ(0, host.session->GetWallTime('V', 0xffff5038u - 90000, utc_us));
+    EXPECT_EQ(1767225599500000, utc_us);
+}
+
 TEST_F(CSessionTest, OneTrackThatIsSetUpSuffices) {
     const std::string two =
         "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:v\r\n"
@@ -238,6 +343,31 @@ TEST_F(CSessionTest, ByConformanceEachMethodAnswersItsChallenge) {
     EXPECT_TRUE(host.WaitFor(MSG_RTSP_PAUSE_READY));
     host.Close();
     EXPECT_TRUE(WaitUntil([&] { return signed_teardowns == 1; }));
+}
+
+TEST_F(CSessionTest, RedirectToTheSameServerKeepsUserAndPassword) {
+    CScriptedServer* self = nullptr;
+    CScriptedServer server([&](const ServerRequest& request) {
+        const bool has_auth = request.text.find("Authorization: Basic dXNlcjpzZWNyZXQ=") != std::string::npos;
+        if (!has_auth) {
+            return Server::Reply(request, "401 No", "WWW-Authenticate: Basic realm=\"r\"\r\n");
+        }
+        const bool moves = request.method == "DESCRIBE" && request.url.find("other") == std::string::npos;
+        return moves ? Server::Reply(request, "302 Moved", "Location: " + self->Url("other") + "\r\n")
+                     : Server::Answer(request);
+    });
+    self = &server;
+    for (const bool in_url : {false, true}) {
+        CClientHost host;
+        std::string url = server.Url();
+        if (in_url) {
+            url.insert(7, "user:secret@");
+        } else {
+            host.session->SetAuthInfo("user", "secret");
+        }
+        ASSERT_EQ(0, host.Start(url));
+        EXPECT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    }
 }
 
 TEST_F(CSessionTest, CloseEndsARingOfRedirects) {

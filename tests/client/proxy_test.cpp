@@ -136,7 +136,7 @@ TEST(ProxyDescription, HidesTheServerAndKeepsWhatDecodersNeed) {
         "a=control:a\r\n";
     const bool keeps[] = {true, false, true};
     CSdpParser sdp;
-    ASSERT_EQ(0, sdp.Parse(ProxyDescription(text, keeps, 3, false).c_str(), 0));
+    ASSERT_EQ(0, sdp.Parse(ProxyDescription(text, keeps, 3, text.size()).c_str(), 0));
     EXPECT_EQ(2, sdp.get_media_count());
     EXPECT_STREQ("trackID=1", sdp.get_control(1));
     EXPECT_EQ(SDP_MEDIA_AUDIO, sdp.get_media_type_at(1));
@@ -145,9 +145,14 @@ TEST(ProxyDescription, HidesTheServerAndKeepsWhatDecodersNeed) {
     for (const char* secret : {"239.", "rtsp://", "5004", "text"}) {
         EXPECT_EQ(std::string::npos, whole.find(secret)) << secret;
     }
-    const std::string lean = ProxyDescription(text, keeps, 3, true);
+    const std::string lean = ProxyDescription(text, keeps, 3, whole.size() - 1);
     EXPECT_EQ(std::string::npos, lean.find("x-odd"));
     EXPECT_NE(std::string::npos, lean.find("a=rtpmap:96"));
+    EXPECT_NE(std::string::npos, lean.find("m=audio"));
+    const std::string shorter = ProxyDescription(text, keeps, 3, lean.size() - 1);
+    EXPECT_NE(std::string::npos, shorter.find("a=rtpmap:96 H264/90000\r\n"));
+    EXPECT_EQ(std::string::npos, shorter.find("m=audio"));
+    EXPECT_EQ("", ProxyDescription(text, keeps, 3, 50));
 }
 
 TEST(ProxyRelay, HoldsWhatComesBeforeTheFirstBufferAndFeedsAllThen) {

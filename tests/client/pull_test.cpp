@@ -63,6 +63,26 @@ INSTANTIATE_TEST_SUITE_P(Ways, CPullTest,
 
 class CPullRulesTest : public CServerTest {};
 
+TEST_F(CPullRulesTest, MediaComesOverIPv6) {
+    StartServer();
+    const int port = Support::CBoundSocket(SOCK_STREAM).Port();
+    CSockAddrStorage addr("::1", static_cast<unsigned short>(port));
+    CRtspSvr* svr = CRtspSvr::Create(addr);
+    if (svr == nullptr) {
+        GTEST_SKIP() << "no IPv6 here";
+    }
+    svr->SetLiveSvr(m_live_svr);
+    svr->SetConfig(m_config);
+    CFakeStreamSource* source = AddChannel();
+    for (const rtp_protocol_t transport : {RTP_OVER_RTSP, RTP_OVER_UDP}) {
+        CClientHost host;
+        ASSERT_EQ(0, host.Start("rtsp://[::1]:" + std::to_string(port) + "/" + LIVE_NAME, transport));
+        ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY)) << transport;
+        EXPECT_TRUE(GiveUntil(source, [&] { return host.sink.Count() > 20; })) << transport;
+    }
+    svr->Close();
+}
+
 TEST_F(CPullRulesTest, SlowSinkHoldsUpItsOwnSessionOnly) {
     CFakeStreamSource* source = StartWithChannel();
     std::atomic<bool> holds{true};

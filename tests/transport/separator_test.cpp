@@ -107,6 +107,19 @@ TEST(RtpSeparator, MergesTheFramesOfTwoChannelsAmongReplies) {
                      "1 -1 rtsp/1.0 404 Not Found\r\n\r\n"}));
 }
 
+// A server may ask as well; what it says can hold what begins a unit.
+TEST(RtpSeparator, CutsRequestsOfTheServerOut) {
+    const Bytes media = rtp(VIDEO, 1, 100, true);
+    for (const std::string method : {"OPTIONS", "GET_PARAMETER", "ANNOUNCE", "REDIRECT", "RECORD", "PAUSE"}) {
+        const std::string request =
+            method + " rtsp://x/a RTSP/1.0\r\nSession: $1$\r\nContent-Length: 5\r\n\r\n$\x01\xff\xff$";
+        EXPECT_EQ(FeedAtEveryCut(media + text(request) + media, separate<CRTPSeparator>),
+                  (Lines{line(2, VIDEO, media), "1 -1 " + request, line(2, VIDEO, media)}));
+        const Bytes frame = {'$', 0, 0, 0, 0, 1, 7};
+        EXPECT_EQ(FeedAtEveryCut(frame + text(request) + frame, separate<CKXSeparator>).size(), 5u);
+    }
+}
+
 TEST(RtpSeparator, FindsItsPlaceAtAKnownSource) {
     const CLogCapture log;
     const Bytes known = rtp(VIDEO, 1, 100, true);

@@ -18,7 +18,8 @@ bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
         ->capture_default_str();
     app.add_option("--kind", options.kind,
                    "rtp, kx (private frames, over tcp only), or auto: what the server's description offers")
-        ->transform(CLI::CheckedTransformer(kinds))
+        ->transform(CLI::CheckedTransformer(kinds).description(""))
+        ->type_name("TEXT:{auto,rtp,kx}")
         ->default_str("auto");
     app.add_option("--user", options.user, "user, if the server asks for one");
     app.add_option("--password", options.password, "and the password");

@@ -1,7 +1,9 @@
 #include "Puller.h"
 
 #include <algorithm>
+#include <cerrno>
 #include <cmath>
+#include <cstring>
 #include <fstream>
 #include <iterator>
 
@@ -130,7 +132,7 @@ void Puller::Stop() {
         m_sink.reset();
     }
     if (!m_writer.Close()) {
-        end(m_options.out + ": cannot be written");
+        end_unwritten();
     }
     end("");
 }
@@ -234,8 +236,12 @@ void Puller::take_frame(const unsigned char* data, unsigned int size) {
         ++m_figures.frames[letter];
     }
     if (!m_writer.Write(letter, data, size)) {
-        end(m_options.out + ": cannot be written");
+        end_unwritten();
     }
+}
+
+void Puller::end_unwritten() {
+    end(m_options.out + ": cannot be written: " + std::strerror(errno));
 }
 
 void Puller::on_teardown(long code) {

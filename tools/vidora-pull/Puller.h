@@ -60,6 +60,7 @@ private:
     void on_teardown(long code);
     bool has_come_whole();
     void end(const std::string& failure);
+    void end_unwritten();
     bool read_back_channel(std::string& error);
 
     const Options m_options;
