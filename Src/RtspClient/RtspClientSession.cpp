@@ -1,6 +1,9 @@
 #include "Vidora/RtspClientSession.h"
 
+#include <strings.h>
+
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <new>
 #include <string>
@@ -39,6 +42,13 @@ bool is_method(int method) {
 
 bool is_header_text(const char* text, size_t limit) {
     return std::strlen(text) <= limit && std::strpbrk(text, "\r\n") == nullptr;
+}
+
+// Header names are the same in any case.
+void erase_authorization(CRtspParser::ext_keys_t& keys) {
+    for (auto row = keys.begin(); row != keys.end();) {
+        row = strcasecmp(row->first.c_str(), "Authorization") == 0 ? keys.erase(row) : std::next(row);
+    }
 }
 
 }  // namespace
@@ -425,7 +435,7 @@ void CRtspClientSession::follow_redirect(long param) {
             settings.user.clear();
             settings.password.clear();
             for (CRtspParser::ext_keys_t& keys : settings.ext_keys) {
-                keys.erase("Authorization");
+                erase_authorization(keys);
             }
         }
         if (make_engine() < 0) {

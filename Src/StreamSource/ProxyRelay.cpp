@@ -163,18 +163,18 @@ bool CProxyRelay::Feeds() {
 }
 
 void CProxyRelay::begin_locked() {
-    m_putting = true;
+    ++m_putting;
     m_put_thread = std::this_thread::get_id();
 }
 
 void CProxyRelay::end() {
     CGuard guard(m_mutex);
-    m_putting = false;
+    --m_putting;
     m_wait.Wake();
 }
 
 void CProxyRelay::wait_locked() {
-    while (m_putting && m_put_thread != std::this_thread::get_id()) {
+    while (m_putting > 0 && m_put_thread != std::this_thread::get_id()) {
         m_wait.Wait(m_mutex);
     }
 }

@@ -63,7 +63,7 @@ private:
     size_t m_held_bytes VIDORA_GUARDED_BY(m_mutex) = 0;
     bool m_began VIDORA_GUARDED_BY(m_mutex) = false;  // a buffer was there: nothing is held any more
     bool m_closed VIDORA_GUARDED_BY(m_mutex) = false;
-    bool m_putting VIDORA_GUARDED_BY(m_mutex) = false;
+    int m_putting VIDORA_GUARDED_BY(m_mutex) = 0;  // 2: an Add from inside a Put
     std::thread::id m_put_thread VIDORA_GUARDED_BY(m_mutex);
 };
 
