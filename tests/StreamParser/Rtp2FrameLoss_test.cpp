@@ -18,10 +18,6 @@ using namespace Vidora;
 
 namespace {
 
-const Bytes CODE = FromHex("00000001");
-const Bytes SPS = FromHex("6742c01eda0280be40");
-const Bytes PPS = FromHex("68ce3c80");
-
 struct Piece {
     size_t frame;
     Bytes packet;

@@ -18,10 +18,6 @@ using namespace Vidora;
 
 namespace {
 
-const Bytes SPS = FromHex("6742c01eda0280be40");
-const Bytes PPS = FromHex("68ce3c80");
-const Bytes CODE = FromHex("00000001");
-
 std::vector<Bytes> all_from_hex(const std::vector<std::string>& texts) {
     std::vector<Bytes> all;
     for (const std::string& text : texts) {

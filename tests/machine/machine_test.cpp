@@ -85,6 +85,15 @@ void go(COwner& owner, const std::vector<int>& road) {
     owner.Take();
 }
 
+// A request that runs on, so that its node is free again, and others that wait for it.
+void describe_and_queue(COwner& owner, int waiting) {
+    owner.result = 1;
+    EXPECT_TRUE(owner.Put(RTSP_METHOD_DESCRIBE));
+    for (int i = 0; i < waiting; ++i) {
+        EXPECT_TRUE(owner.Put(RTSP_METHOD_OPTIONS));
+    }
+}
+
 // The state, by the operations that PLAY and PAUSE lead to: a refused method ends the machine's work, so each probe is
 // the machine's last request.
 std::string state_of(COwner& owner) {
@@ -197,11 +206,7 @@ TEST(StateMachine, UnknownMethodCallsNothingAndHoldsNothing) {
 TEST(StateMachine, EleventhWaitingRequestEndsTheSession) {
     const Support::CLogCapture log;
     COwner owner;
-    owner.result = 1;
-    EXPECT_TRUE(owner.Put(RTSP_METHOD_DESCRIBE));  // runs, and its node is free again
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_TRUE(owner.Put(RTSP_METHOD_OPTIONS));
-    }
+    describe_and_queue(owner, 10);
     EXPECT_EQ(Calls{"describe"}, owner.Take());
     EXPECT_FALSE(owner.Put(RTSP_METHOD_OPTIONS));
     EXPECT_EQ(Calls{"asyn 4096"}, owner.Take());
@@ -243,11 +248,7 @@ TEST(StateMachine, MessagesArriveThoughThePoolIsEmptyAndAnOperationRuns) {
 // message that broke it still runs; a full pool mustn't make the answer look like a later message, which is shed.
 TEST(StateMachine, AnswerToAFatalMessageIsKnownThoughThePoolWasFull) {
     COwner owner;
-    owner.result = 1;
-    EXPECT_TRUE(owner.Put(RTSP_METHOD_DESCRIBE));
-    for (int i = 0; i < 9; ++i) {
-        EXPECT_TRUE(owner.Put(RTSP_METHOD_OPTIONS));
-    }
+    describe_and_queue(owner, 9);
     owner.Take();
     owner.hook = [&](const std::string& name) {
         if (name == "asyn 8190") {
@@ -426,11 +427,7 @@ TEST(StateMachine, DestructionInsideAHoldWaitsForTheOperationThatRunsAndForNothi
 TEST(StateMachine, MessagesOfTheEndAreNotOverwritten) {
     const Support::CLogCapture log;
     COwner owner;
-    owner.result = 1;
-    EXPECT_TRUE(owner.Put(RTSP_METHOD_DESCRIBE));
-    for (int i = 0; i < 10; ++i) {
-        EXPECT_TRUE(owner.Put(RTSP_METHOD_OPTIONS));
-    }
+    describe_and_queue(owner, 10);
     owner.hook = [&](const std::string& name) {
         for (int i = 0; name == "asyn 4096" && i < 10; ++i) {
             owner.keeper->put_asyn_msg(MSG_SRC_END, 0);  // these have the nodes of the dropped requests

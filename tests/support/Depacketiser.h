@@ -15,6 +15,11 @@ namespace Support {
 
 using namespace Vidora;
 
+// Parameter sets of a picture of 640 x 368, and what stands in front of each in a byte stream.
+inline const Bytes CODE = FromHex("00000001");
+inline const Bytes SPS = FromHex("6742c01eda0280be40");
+inline const Bytes PPS = FromHex("68ce3c80");
+
 // Feeds packets as an owner does: takes each frame that is complete, clears, and feeds a packet again that was left
 // out.
 class Depacketiser : public IRtpNotify {
