@@ -250,6 +250,8 @@ void CRtspProxySrc::finish() {
 }
 
 void CRtspProxySrc::Close() {
+    // First: once the engine is closed, its strand may end this source at any moment.
+    m_relay.Close();
     CRtspClient* client = nullptr;
     bool waits = false;
     {
@@ -268,7 +270,6 @@ void CRtspProxySrc::Close() {
             client->Close();
         }
     }
-    m_relay.Close();
     if (!waits) {
         notify_all(MSG_SOURCE_CLOSED);
         CDataSource::Close();
