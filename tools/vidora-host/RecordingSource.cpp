@@ -26,7 +26,7 @@ const unsigned int MSG_OPENED = 0x7001;
 
 }  // namespace
 
-// What the store hands over, held by both sides, so that either may go first.
+// What the store hands over. The source holds it, the store only while it hands over, so that either may go first.
 class RecordingSource::Answer : public CNetHandler {
 public:
     explicit Answer(long source_id) : m_source_id(source_id) {}
@@ -57,7 +57,11 @@ RecordingSource::~RecordingSource() = default;
 int RecordingSource::Init(long receiver_id, int) {
     m_receiver_id = receiver_id;
     m_answer = std::make_shared<Answer>(GetID());
-    m_store.Open(m_query, [answer = m_answer](std::unique_ptr<OpenRecording> open) { answer->Set(std::move(open)); });
+    m_store.Open(m_query, m_answer, [asker = std::weak_ptr<Answer>(m_answer)](std::unique_ptr<OpenRecording> open) {
+        if (const std::shared_ptr<Answer> answer = asker.lock()) {
+            answer->Set(std::move(open));
+        }
+    });
     return 0;
 }
 

@@ -7,6 +7,7 @@ namespace fs = std::filesystem;
 // A search in work: on one thread at a time, as each step posts the next one.
 struct RecordingStore::Search {
     RecordingQuery query;
+    asker_t asker;
     done_t done;
     std::vector<std::string> files;                         // that haven't been looked at
     std::vector<std::pair<uint64_t, std::string>> fitting;  // by their beginnings, the latest first when all are known
@@ -46,10 +47,13 @@ bool RecordingStore::IsRefused(const RecordingQuery& query, std::string& error) 
     return !error.empty();
 }
 
-void RecordingStore::Open(const RecordingQuery& query, done_t done) {
-    m_workers.Post([this, query, done] {
+void RecordingStore::Open(const RecordingQuery& query, const asker_t& asker, done_t done) {
+    m_workers.Post([this, query, asker, done] {
+        if (asker.expired()) {
+            return;
+        }
         if (query.name.empty()) {
-            start_search(query, done);
+            start_search(query, asker, done);
             return;
         }
         const std::string path = inside(fs::path(query.name).relative_path());
@@ -134,9 +138,10 @@ void RecordingStore::finish(const std::string& path, const Interval& interval, c
     done(std::move(result));
 }
 
-void RecordingStore::start_search(const RecordingQuery& query, done_t done) {
+void RecordingStore::start_search(const RecordingQuery& query, const asker_t& asker, done_t done) {
     const auto search = std::make_shared<Search>();
     search->query = query;
+    search->asker = asker;
     search->done = std::move(done);
     list_files(*search);
     look_at_files(search);
@@ -162,7 +167,7 @@ void RecordingStore::list_files(Search& search) const {
 // Takes the times of the files from their ends; a file that is damaged there is indexed first, and the search goes on
 // with it.
 void RecordingStore::look_at_files(const std::shared_ptr<Search>& search) {
-    while (!search->files.empty() && !m_workers.Stopping()) {
+    while (!search->files.empty() && !search->asker.expired() && !m_workers.Stopping()) {
         const std::string path = search->files.back();
         search->files.pop_back();
         Interval span;
@@ -208,6 +213,9 @@ bool RecordingStore::read_span(const std::string& path, Interval& span) {
 
 // The first that can be played.
 void RecordingStore::open_first(const std::shared_ptr<Search>& search) {
+    if (search->asker.expired()) {
+        return;
+    }
     if (search->fitting.empty()) {
         search->done(make_failure("no recording of channel " + std::to_string(search->query.channel) + ", subtype " +
                                   std::to_string(search->query.subtype) + " at that time"));

@@ -45,13 +45,15 @@ public:
     static constexpr size_t MAX_THREADS = 8;
 
     typedef std::function<void(std::unique_ptr<OpenRecording>)> done_t;
+    typedef std::weak_ptr<const void> asker_t;
 
     explicit RecordingStore(std::string folder);
 
     // Can't that be opened, as far as two looks into the folder and what is known of the file tell? `error` says why.
     bool IsRefused(const RecordingQuery& query, std::string& error);
-    // Calls `done` on a thread of the store, unless the store ends before.
-    void Open(const RecordingQuery& query, done_t done);
+    // Calls `done` on a thread of the store, unless the store ends before. A search whose asker has gone is given up,
+    // so that clients that come and go leave no work behind for those that stay.
+    void Open(const RecordingQuery& query, const asker_t& asker, done_t done);
 
 private:
     typedef std::shared_ptr<const Recording> recording_t;
@@ -68,7 +70,7 @@ private:
     recording_t read_index(const std::string& path);
     recording_t kept_index(const std::string& path);
     void finish(const std::string& path, const Interval& interval, const recording_t& recording, const done_t& done);
-    void start_search(const RecordingQuery& query, done_t done);
+    void start_search(const RecordingQuery& query, const asker_t& asker, done_t done);
     void list_files(Search& search) const;
     void look_at_files(const std::shared_ptr<Search>& search);
     bool read_span(const std::string& path, Interval& span);
