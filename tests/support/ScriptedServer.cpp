@@ -99,6 +99,7 @@ bool CScriptedServer::cut(std::string& bytes, int number, int fd) {
 }
 
 void CScriptedServer::send(int fd, const std::string& bytes) {
+    const std::lock_guard<std::mutex> sending(m_send_mutex);
     const size_t piece = m_piece > 0 ? m_piece : std::max<size_t>(bytes.size(), 1);
     for (size_t place = 0; place < bytes.size(); place += piece) {
         ::send(fd, bytes.data() + place, std::min(piece, bytes.size() - place), MSG_NOSIGNAL);
@@ -106,6 +107,7 @@ void CScriptedServer::send(int fd, const std::string& bytes) {
 }
 
 void CScriptedServer::SendAll(const std::string& bytes) {
+    const std::lock_guard<std::mutex> sending(m_send_mutex);
     const std::lock_guard<std::mutex> guard(m_mutex);
     for (const int fd : m_fds) {
         ::send(fd, bytes.data(), bytes.size(), MSG_NOSIGNAL | MSG_DONTWAIT);

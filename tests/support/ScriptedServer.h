@@ -71,6 +71,7 @@ private:
     size_t m_piece;
     CBoundSocket m_listener{SOCK_STREAM};
     std::atomic<bool> m_stops{false};
+    std::mutex m_send_mutex;  // nothing comes between the pieces of an answer; above m_mutex
     std::mutex m_mutex;
     std::vector<int> m_fds;
     std::list<std::thread> m_threads;
