@@ -138,7 +138,7 @@ private:
         error = content + ": cannot be published";
         CDataSource* source = CDataSource::Create(content.c_str());
         if (source == nullptr) {
-            error = content + ": a live content reads NAME?...&subtype=N or cam/realmonitor?channel=N&subtype=N";
+            error = content + ": a live content reads cam/realmonitor?channel=N&subtype=D, D being one digit";
             return false;
         }
         source->SetConfig(m_config);
