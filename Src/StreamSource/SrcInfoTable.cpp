@@ -31,8 +31,10 @@ void CSrcInfoTable::SetPlace(int index, uint32_t timestamp, uint16_t seq) {
     m_info[index].seq = seq;
 }
 
-void CSrcInfoTable::AddPackets(int index, unsigned int bytes, unsigned int packets) {
+void CSrcInfoTable::AddFrame(int index, uint32_t timestamp, uint16_t seq, unsigned int bytes, unsigned int packets) {
     CGuard guard(m_mutex);
+    m_info[index].timestamp = timestamp;
+    m_info[index].seq = seq;
     m_info[index].octets += bytes;
     m_info[index].packets += packets;
 }

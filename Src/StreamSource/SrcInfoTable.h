@@ -26,7 +26,8 @@ public:
     // Where the track stands now.
     void SetTimestamp(int index, uint32_t timestamp);
     void SetPlace(int index, uint32_t timestamp, uint16_t seq);
-    void AddPackets(int index, unsigned int bytes, unsigned int packets);
+    // The same behind a frame of so many bytes and packets: a viewer that joins sees both or neither.
+    void AddFrame(int index, uint32_t timestamp, uint16_t seq, unsigned int bytes, unsigned int packets);
 
     // -1, with a log line, for a track that isn't in use.
     int Get(int index, SrcInfo& info);

@@ -164,9 +164,8 @@ CTrackEncoders::Converted CTrackEncoders::convert(CStreamParser& parser, const F
 void CTrackEncoders::CountRtp(int index, unsigned int bytes) {
     Track& track = m_tracks[index];
     track.rtp->GetParam(track.param);
-    m_info.SetPlace(index, track.param.timestamp, track.param.sequence);
-    m_info.AddPackets(index, bytes,
-                      (bytes + CSrcInfoTable::COUNTED_PACKET_SIZE - 1) / CSrcInfoTable::COUNTED_PACKET_SIZE);
+    const unsigned int packets = (bytes + CSrcInfoTable::COUNTED_PACKET_SIZE - 1) / CSrcInfoTable::COUNTED_PACKET_SIZE;
+    m_info.AddFrame(index, track.param.timestamp, track.param.sequence, bytes, packets);
 }
 
 }  // namespace Vidora
