@@ -13,6 +13,7 @@
 #include "Vidora/LiveChannel.h"
 #include "Vidora/LiveSvr.h"
 #include "Vidora/Mpeg4Parser.h"
+#include "Vidora/MulticastStreamClient.h"
 #include "Vidora/Names.h"
 #include "Vidora/NodePool.h"
 #include "Vidora/Ostra/Assert.h"

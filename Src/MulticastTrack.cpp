@@ -1,0 +1,148 @@
+#include "MulticastTrack.h"
+
+#include <new>
+
+#include "DgramBatch.h"
+#include "StreamParser/TsTable.h"
+#include "Vidora/KXFrame.h"
+#include "Vidora/Ostra/ByteReader.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const uint8_t TS_SYNC = 0x47;
+const uint8_t VIDEO_PAYLOAD_TYPE = 96;
+const uint8_t AUDIO_PAYLOAD_TYPE = 8;
+const int RTP_VERSION = 2;
+const int VERSION_SHIFT = 6;
+const uint8_t TYPE_MASK = 0x7f;
+
+// The encode code of a track's frames: for what has none of its own the one that audio has without a description.
+uint8_t encode_code(int encode) {
+    switch (encode) {
+        case ENC_TYPE_H264:
+            return KX_VIDEO_H264;
+        case ENC_TYPE_MPEG4:
+            return KX_VIDEO_MPEG4;
+        case ENC_TYPE_JPEG:
+            return KX_VIDEO_JPEG;
+        default:
+            return KX_AUDIO_PCMU;
+    }
+}
+
+}  // namespace
+
+std::shared_ptr<CMulticastTrack> CMulticastTrack::create(const frame_proc_t& proc, int stream_type) {
+    try {
+        std::shared_ptr<CMulticastTrack> track(new CMulticastTrack(proc));
+        track->m_parser = CStreamParser::Create(stream_type, STREAM_TYPE_PRIVATE_FRAME);
+        return track->m_parser != nullptr ? track : nullptr;
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+std::shared_ptr<CMulticastTrack> CMulticastTrack::CreateTs(const frame_proc_t& proc) {
+    const std::shared_ptr<CMulticastTrack> track = create(proc, STREAM_TYPE_TS);
+    if (track == nullptr) {
+        return nullptr;
+    }
+    track->m_packet = Flumen::CMediaFrame(TS_PACK_LEN);
+    if (!track->m_packet.valid()) {
+        logError("%s:%d pkt invalid \n", __FILE__, __LINE__);
+        return nullptr;
+    }
+    return track;
+}
+
+std::shared_ptr<CMulticastTrack> CMulticastTrack::CreateRtp(const frame_proc_t& proc,
+                                                            const multicast_track_info_t& info) {
+    const std::shared_ptr<CMulticastTrack> track = create(proc, STREAM_TYPE_RTP);
+    if (track == nullptr) {
+        return nullptr;
+    }
+    track->m_payload_type = info.encode <= ENC_TYPE_JPEG ? VIDEO_PAYLOAD_TYPE : AUDIO_PAYLOAD_TYPE;
+    RtpDecParam param;
+    param.enc_type = info.encode;
+    param.payload_type = track->m_payload_type;
+    param.kx_encode_type = encode_code(info.encode);
+    param.sample_rate_code = kx_sample_rate_code(info.sample_rate);
+    return track->m_parser->SetParam(param) == PARSER_OK ? track : nullptr;
+}
+
+// What is left behind the batch comes with the next event, so that others of the thread have their turn.
+int CMulticastTrack::Receive() {
+    CDgramBatch* batch = CDgramBatch::OfThread();
+    const int count = batch != nullptr ? batch->Recv(m_sock) : -1;
+    if (count < 0) {
+        logError("%s:%d m_stream_sock.Recv  -1 \n", __FILE__, __LINE__);
+        return -1;
+    }
+    for (int i = 0; i < count && m_live; ++i) {
+        Take(batch->Datagram(i).data, batch->Datagram(i).length);
+    }
+    return 0;
+}
+
+void CMulticastTrack::Take(const unsigned char* data, unsigned int length) {
+    const bool used = m_packet.valid() ? take_ts(data, length) : take_rtp(data, length);
+    m_dropped += used ? 0 : 1;
+}
+
+// A packet without its sync byte would only make the decoder forget the frame in the making. The decoder holds a packet
+// until its frames are taken, so that one packet's memory serves for all.
+bool CMulticastTrack::take_ts(const unsigned char* data, unsigned int length) {
+    CByteReader reader(data, length);
+    bool used = length > 0;
+    while (reader.Remaining() >= TS_PACK_LEN && m_live) {
+        const uint8_t* bytes = reader.ReadBytes(TS_PACK_LEN);
+        m_packet.resize(0);
+        m_packet.putBuffer(bytes, TS_PACK_LEN);
+        used = bytes[0] == TS_SYNC && decode(m_packet) && used;
+    }
+    return used && reader.Remaining() == 0;
+}
+
+// What isn't of the stream must not reach the decoder, which would forget the frame in the making.
+bool CMulticastTrack::take_rtp(const unsigned char* data, unsigned int length) {
+    CByteReader reader(data, length);
+    const bool is_rtp = reader.ReadU8() >> VERSION_SHIFT == RTP_VERSION;
+    if ((reader.ReadU8() & TYPE_MASK) != m_payload_type || !is_rtp || !reader.Ok()) {
+        return false;
+    }
+    Flumen::CMediaFrame packet(length);
+    if (!packet.valid()) {
+        logError("%s:%d, pkt invalid, possible reason: insufficient memory.\n ", __FILE__, __LINE__);
+        return false;
+    }
+    packet.resize(0);
+    packet.putBuffer(data, length);
+    return decode(packet);
+}
+
+bool CMulticastTrack::decode(const Flumen::CMediaFrame& packet) {
+    const int result = m_parser->InputFrame(packet);
+    if (result == PARSER_NOT_TAKEN) {
+        m_parser->Clean();  // a frame that could not be made has hidden the one behind it
+    }
+    if (result != PARSER_FRAME_READY) {
+        return result == PARSER_OK;
+    }
+    for (Flumen::CMediaFrame frame = m_parser->OutputFrame(); frame.valid() && m_live;
+         frame = m_parser->OutputFrame()) {
+        m_proc(frame);
+    }
+    return true;
+}
+
+void CMulticastTrack::End() {
+    if (Detach()) {
+        m_proc(Flumen::CMediaFrame());
+    }
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,379 @@
+// The multicast client over sockets of the loopback address, to which the stream comes by unicast.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <functional>
+#include <future>
+#include <mutex>
+
+#include "MulticastStreamClient.h"
+#include "Vidora/KXFrame.h"
+#include "support/Capture.h"
+#include "support/FrameBuilder.h"
+#include "support/StreamBytes.h"
+#include "support/TestHandler.h"
+#include "support/UdpPeer.h"
+
+using namespace Kavio;
+using namespace Kavio::Vidora;
+using namespace Kavio::Support;
+
+namespace {
+
+const size_t TS_LEN = 188;
+const char LOOPBACK[] = "127.0.0.1";
+
+std::string text_of(const Bytes& bytes) {
+    return std::string(bytes.begin(), bytes.end());
+}
+
+// The bare bytes of a picture, of `size` bytes in its slice, as they come out again.
+std::string picture(int number, unsigned int size = 2000) {
+    return H264Picture(true, size, static_cast<uint8_t>(number + 2));
+}
+
+// Pictures as TS packets, one string for each picture.
+std::vector<std::string> transport_stream(int count) {
+    const CStreamParserPtr encoder = CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_TS);
+    TsEncParam param;
+    param.video_enc_type = ENC_TYPE_H264;
+    param.packets_per_output = 1;
+    encoder->SetParam(param);
+    std::vector<std::string> pictures;
+    for (int i = 0; i < count; ++i) {
+        FrameSpec facts;
+        facts.type = 'I';
+        facts.pts_ms = 40 + 40 * static_cast<uint64_t>(i);
+        facts.payload = picture(i);
+        std::string packets;
+        if (encoder->InputFrame(BuildFrame(facts)) == PARSER_FRAME_READY) {
+            for (Flumen::CMediaFrame out = encoder->OutputFrame(); out.valid(); out = encoder->OutputFrame()) {
+                packets.append(reinterpret_cast<const char*>(out.getBuffer()), out.size());
+            }
+        }
+        pictures.push_back(packets);
+    }
+    return pictures;
+}
+
+// A G.711 packet whose samples are all `number`.
+std::string audio_packet(int number, uint8_t payload_type = 8) {
+    RtpFields fields;
+    fields.sequence = static_cast<uint16_t>(number);
+    fields.timestamp = static_cast<uint32_t>(160 * number);
+    fields.payload_type = payload_type;
+    fields.marker = true;
+    return text_of(MakeRtp(fields, Bytes(160, static_cast<uint8_t>(number))));
+}
+
+multicast_track_info_t track_info(int encode) {
+    multicast_track_info_t info;
+    info.encode = encode;
+    info.sample_rate = 8000;
+    return info;
+}
+
+// A client with what its callback was given, and the sender.
+class CReceived {
+public:
+    explicit CReceived(ClientType type) : m_client(IMulticastStreamClient::Create(type)) {}
+    ~CReceived() { Stop(); }
+
+    // Receives at any free port, which it gives; 0 on failure.
+    int Start(const multicast_track_info_t* info = nullptr) {
+        for (int attempt = 0; attempt < 50; ++attempt) {
+            const int port = CUdpPeer().Port();
+            if (StartAt(port, info) == 0) {
+                return port;
+            }
+        }
+        return 0;
+    }
+    int StartAt(int port, const multicast_track_info_t* info = nullptr) {
+        return m_client.load()->Start(LOOPBACK, port, IMulticastStreamClient::frame_proc_t(this, &CReceived::on_frame),
+                                      info);
+    }
+    void Stop() {
+        IMulticastStreamClient* client = m_client.exchange(nullptr);
+        if (client != nullptr) {
+            client->Stop();
+        }
+    }
+    void Send(const std::string& datagram, int port) { m_peer.Send(datagram, port); }
+    // Waits for so many frames in all; their bare bytes.
+    std::vector<std::string> Frames(size_t count) {
+        EXPECT_TRUE(WaitUntil([&] { return frames().size() >= count; }));
+        return frames();
+    }
+    CMulticastStreamClient* Client() { return static_cast<CMulticastStreamClient*>(m_client.load()); }
+
+    std::function<void()> on_call;  // set before the first frame may come
+    std::atomic<int> ends{0};
+    std::atomic<int> returned{0};  // calls that have come to their end
+
+private:
+    void on_frame(const Flumen::CMediaFrame& frame) {
+        if (frame.valid()) {
+            int length = 0;
+            const int offset = get_frame_body(frame.getBuffer(), static_cast<int>(frame.size()), length);
+            const std::lock_guard<std::mutex> guard(m_mutex);
+            m_frames.emplace_back(reinterpret_cast<const char*>(frame.getBuffer()) + offset,
+                                  static_cast<size_t>(length));
+        }
+        ends += frame.valid() ? 0 : 1;
+        if (on_call) {
+            on_call();
+        }
+        ++returned;
+    }
+    std::vector<std::string> frames() {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return m_frames;
+    }
+
+    std::atomic<IMulticastStreamClient*> m_client;
+    CUdpPeer m_peer;
+    std::mutex m_mutex;
+    std::vector<std::string> m_frames;
+};
+
+// The descriptor that is bound to a UDP port of the loopback address besides the caller's own; -1 if there is none.
+int descriptor_at(int port) {
+    for (int fd = 3; fd < 1024; ++fd) {
+        sockaddr_in address = {};
+        socklen_t length = sizeof(address);
+        if (::getsockname(fd, reinterpret_cast<sockaddr*>(&address), &length) == 0 && address.sin_family == AF_INET &&
+            ntohs(address.sin_port) == port) {
+            return fd;
+        }
+    }
+    return -1;
+}
+
+TEST(MulticastClient, RefusesWhatItCannotReceive) {
+    const CPool pool;
+    CReceived ts(ClientType_TS);
+    CReceived rtp(ClientType_RTP);
+    const IMulticastStreamClient::frame_proc_t proc([](const Flumen::CMediaFrame&) {});
+    const multicast_track_info_t good = track_info(ENC_TYPE_AUDIO);
+    const multicast_track_info_t low = track_info(ENC_TYPE_NONE);
+    const multicast_track_info_t high = track_info(ENC_TYPE_ASSIST);
+    const struct {
+        CReceived& client;
+        const char* address;
+        int port;
+        IMulticastStreamClient::frame_proc_t proc;
+        const multicast_track_info_t* info;
+        const char* text;
+    } rows[] = {
+        {ts, nullptr, 5000, proc, nullptr, " Param error \n"},
+        {ts, LOOPBACK, 0, proc, nullptr, " Param error \n"},
+        {ts, LOOPBACK, 5000, {}, nullptr, " Param error \n"},
+        {ts, "239.1.2", 5000, proc, nullptr, " dest_addr.SetAddr error multicast_addr:239.1.2 multicast_port:5000 \n"},
+        {ts, LOOPBACK, 65536, proc, nullptr, " dest_addr.SetAddr error multicast_addr:127.0.0.1 multicast_port:65536"},
+        {rtp, LOOPBACK, 5000, proc, nullptr, ", src type error, expect ClientType_TS, in fact it's 1.\n"},
+        {ts, LOOPBACK, 5000, proc, &good, ", src type error, expect ClientType_RTP, in fact it's 2.\n"},
+        {rtp, LOOPBACK, 5000, proc, &low, ", encode invalid, shoud in range of (0-7) \n"},
+        {rtp, LOOPBACK, 5000, proc, &high, ", encode invalid, shoud in range of (0-7) \n"},
+        {ts, "192.0.2.1", 5000, proc, nullptr,
+         ", video sock open failed, multicast_addr:192.0.2.1 multicast_port:5000"},
+        {rtp, "192.0.2.1", 5000, proc, &good, " audio sock Open failed,  multicast_addr:192.0.2.1 multicast_port:5000"},
+    };
+    for (const auto& row : rows) {
+        CLogCapture log;
+        EXPECT_EQ(row.client.Client()->Start(row.address, row.port, row.proc, row.info), -1) << row.text;
+        EXPECT_EQ(log.Count(row.text), 1) << row.text;
+    }
+}
+
+// Foreign datagrams between its own cost the stream nothing, and of a cut one the whole packets count.
+TEST(MulticastClient, ReceivesATransportStreamBesideStrangers) {
+    const CPool pool;
+    CReceived received(ClientType_TS);
+    const int port = received.Start();
+    ASSERT_GT(port, 0);
+    size_t count = 0;  // sent in steps, so that the socket's room is enough
+    for (const std::string& packets : transport_stream(6)) {
+        for (size_t at = 0; at < packets.size(); at += 2 * TS_LEN) {
+            received.Send(packets.substr(at, 2 * TS_LEN) + std::string(at % 100, 'G'), port);
+            received.Send(audio_packet(1), port);
+            received.Send(std::string(TS_LEN, '\0'), port);
+            received.Send(std::string(), port);
+        }
+        received.Send("G", port);
+        received.Frames(count++);  // the last is out when the next begins
+    }
+    const std::vector<std::string> frames = received.Frames(5);
+    ASSERT_EQ(frames.size(), 5u);
+    for (int i = 0; i < 5; ++i) {
+        EXPECT_EQ(frames.at(static_cast<size_t>(i)), picture(i));
+    }
+    EXPECT_EQ(received.ends, 0);
+}
+
+TEST(MulticastClient, ReceivesBothTracksOfRtpBesideStrangers) {
+    const CPool pool;
+    CReceived received(ClientType_RTP);
+    const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
+    const multicast_track_info_t video = track_info(ENC_TYPE_H264);
+    const int audio_port = received.Start(&audio);
+    const int video_port = received.Start(&video);
+    ASSERT_GT(audio_port, 0);
+    ASSERT_GT(video_port, 0);
+    for (int i = 1; i <= 4; ++i) {
+        received.Send(audio_packet(i), audio_port);
+        received.Send(audio_packet(100, 96), audio_port);
+        received.Send("\x80", audio_port);
+        received.Send(std::string("$\0\0\x4zzzz", 8), audio_port);
+        received.Send(std::string(65507, '\xff'), audio_port);
+        received.Frames(static_cast<size_t>(i));
+    }
+    const std::vector<std::string> frames = received.Frames(4);
+    ASSERT_EQ(frames.size(), 4u);
+    for (int i = 1; i <= 4; ++i) {
+        EXPECT_EQ(frames.at(static_cast<size_t>(i - 1)), std::string(160, static_cast<char>(i)));
+    }
+    RtpFields fields;
+    fields.marker = true;
+    const Bytes slice = {0x65, 0x88, 0x80, 0x10};
+    received.Send(text_of(MakeRtp(fields, slice)), video_port);
+    EXPECT_NE(received.Frames(5).at(4).find(text_of(slice)), std::string::npos);
+}
+
+TEST(MulticastClient, StopsInsideItsCallback) {
+    const CPool pool;
+    CReceived received(ClientType_RTP);
+    const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
+    received.on_call = [&] { received.Stop(); };
+    const int port = received.Start(&audio);
+    ASSERT_GT(port, 0);
+    for (int i = 1; i <= 100; ++i) {
+        received.Send(audio_packet(i), port);
+    }
+    ASSERT_TRUE(WaitUntil([&] { return received.returned == 1; }));
+    EXPECT_LT(descriptor_at(port), 0);
+    EXPECT_EQ(received.Frames(1).size(), 1u);
+}
+
+// Another thread's Stop returns when the callback has, and none comes after it.
+TEST(MulticastClient, StopWaitsForACallbackOfAnotherThread) {
+    const CPool pool;
+    std::promise<void> entered, go_on;
+    std::atomic<int> calls{0};
+    std::atomic<bool> done{false};
+    CReceived received(ClientType_RTP);
+    const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
+    received.on_call = [&] {
+        if (++calls == 1) {
+            entered.set_value();
+            go_on.get_future().wait();
+            done = true;
+        }
+    };
+    const int port = received.Start(&audio);
+    ASSERT_GT(port, 0);
+    for (int i = 1; i <= 100; ++i) {
+        received.Send(audio_packet(i), port);
+    }
+    entered.get_future().wait();
+    std::future<bool> stopped = std::async(std::launch::async, [&] {
+        received.Stop();
+        return done.load();
+    });
+    EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+    go_on.set_value();
+    EXPECT_TRUE(stopped.get());
+    EXPECT_EQ(calls, 1);
+}
+
+// Also inside the callback, and at the port of the first.
+TEST(MulticastClient, AnotherStartReplacesTheTrack) {
+    const CPool pool;
+    std::atomic<int> port{0}, restarted{-1}, calls{0};
+    CReceived received(ClientType_RTP);
+    const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
+    received.on_call = [&] {
+        if (++calls == 1) {
+            restarted = received.StartAt(port, &audio);
+        }
+    };
+    port = received.Start(&audio);
+    ASSERT_GT(port, 0);
+    received.Send(audio_packet(1), port);
+    ASSERT_TRUE(WaitUntil([&] { return restarted != -1; }));
+    received.Send(audio_packet(2), port);
+    EXPECT_EQ(received.Frames(2).at(1), std::string(160, '\2'));
+    const int other = received.Start(&audio);
+    ASSERT_GT(other, 0);
+    EXPECT_LT(descriptor_at(port), 0);
+    received.Send(audio_packet(3), other);
+    EXPECT_EQ(received.Frames(3).at(2), std::string(160, '\3'));
+}
+
+// Each track gets one empty frame; a Stop inside the first takes the second's away.
+TEST(MulticastClient, TellsTheEndWhenASocketFails) {
+    for (const bool stops : {false, true}) {
+        const CPool pool;
+        std::atomic<bool> fails{false};
+        CReceived received(ClientType_RTP);
+        const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
+        const multicast_track_info_t video = track_info(ENC_TYPE_H264);
+        received.on_call = [&] {
+            if (fails && stops) {
+                received.Stop();
+            }
+        };
+        const int port = received.Start(&audio);
+        ASSERT_GT(port, 0);
+        ASSERT_GT(received.Start(&video), 0);
+        // A pipe can't be received from; the socket that the reactor watches lives on in another descriptor.
+        const int fd = descriptor_at(port);
+        ASSERT_GE(fd, 0);
+        const int watched = ::dup(fd);
+        int pipe_ends[2];
+        ASSERT_EQ(::pipe2(pipe_ends, O_CLOEXEC), 0);
+        ASSERT_EQ(::dup2(pipe_ends[0], fd), fd);
+        fails = true;
+        received.Send(audio_packet(1), port);
+        const int calls = stops ? 1 : 2;
+        EXPECT_TRUE(WaitUntil([&] { return received.returned == calls; }));
+        EXPECT_EQ(received.ends, calls);
+        ::close(watched);
+        if (!stops) {
+            EXPECT_GT(received.Start(&audio), 0);  // it can begin anew
+        }
+        ::close(pipe_ends[0]);
+        ::close(pipe_ends[1]);
+    }
+}
+
+TEST(MulticastClient, EndsAlsoWithoutAPool) {
+    CReceived received(ClientType_TS);
+    EXPECT_EQ(received.StartAt(CUdpPeer().Port()), -1);
+    received.Stop();
+    const CPool pool;
+}
+
+// Starts and stops while datagrams come in.
+TEST(MulticastClient, ComesAndGoesUnderLoad) {
+    const CPool pool;
+    const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
+    CUdpPeer sender;
+    for (int round = 0; round < 30; ++round) {
+        CReceived received(ClientType_RTP);
+        const int port = received.Start(&audio);
+        ASSERT_GT(port, 0);
+        for (int i = 0; i < 50; ++i) {
+            sender.Send(audio_packet(i), port);
+        }
+        if (round % 4 == 1) {
+            received.StartAt(port, &audio);
+        }
+        if (round % 2 == 0) {
+            received.Frames(1);
+        }
+    }
+}
+
+}  // namespace
