@@ -26,7 +26,9 @@ public:
         const std::string text(bytes, length);
         const size_t cseq = text.find("\r\nCSeq: ");
         Fuzz::Require(cseq != std::string::npos && text.find("\r\n\r\n") != std::string::npos);
-        Fuzz::Require(text.find(" RTSP/1.0\r\n") < cseq && text.find('\0') == std::string::npos);
+        const bool is_reply = text.rfind("RTSP/1.0 ", 0) == 0;  // to a request of the server
+        Fuzz::Require(is_reply || text.find(" RTSP/1.0\r\n") < cseq);
+        Fuzz::Require(text.find('\0') == std::string::npos);
         return 0;
     }
     CSockAddrStorage Peer() const override { return CSockAddrStorage(); }

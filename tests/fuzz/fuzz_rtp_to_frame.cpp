@@ -42,7 +42,13 @@ public:
         m_known = m_known && (control & 0x90) == 0;
         m_added = rtp_parse_header(reader.Rest(), reader.Remaining(), header) && header.payload != nullptr;
         if (m_added) {
-            m_packets.push_back(header);
+            m_packets.push_back({header.timestamp, !m_gap && step(header) == 1});
+            m_sequence = header.sequence;
+            m_gap = false;
+        } else if (header.is_empty && !m_packets.empty() && step(header) > 0) {
+            // No part of a frame, but one more number.
+            m_gap = m_gap || step(header) > 1;
+            m_sequence = header.sequence;
         }
     }
     // Checks the frame that ends with the last packet, or in front of it.
@@ -54,17 +60,21 @@ public:
         const uint32_t timestamp = m_packets[--at].timestamp;
         bool whole = true;
         for (; at > 0 && m_packets[at - 1].timestamp == timestamp; --at) {
-            whole = whole && follows(at);
+            whole = whole && m_packets[at].follows;
         }
-        Fuzz::Require(whole && (at == 0 || enc_type == ENC_TYPE_H264 || follows(at)));
+        Fuzz::Require(whole && (at == 0 || enc_type == ENC_TYPE_H264 || m_packets[at].follows));
     }
 
 private:
-    bool follows(size_t at) const {
-        return static_cast<uint16_t>(m_packets[at].sequence - m_packets[at - 1].sequence) == 1;
-    }
+    struct Packet {
+        uint32_t timestamp;
+        bool follows;  // the one before, with nothing lost between them
+    };
+    int step(const RtpHeader& header) const { return static_cast<int16_t>(header.sequence - m_sequence); }
 
-    std::deque<RtpHeader> m_packets;
+    std::deque<Packet> m_packets;
+    uint16_t m_sequence = 0;
+    bool m_gap = false;  // something was lost behind the last one
     bool m_known = true;
     bool m_added = false;  // the last packet, which may end a frame and have no payload itself
 };
