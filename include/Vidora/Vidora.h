@@ -30,6 +30,7 @@
 #include "Vidora/Ostra/Thread.h"
 #include "Vidora/Ostra/ThreadAnnotations.h"
 #include "Vidora/Ostra/Time.h"
+#include "Vidora/RTPUdpTransmiter.h"
 #include "Vidora/RtpFrameBuffer.h"
 #include "Vidora/RtspClientBuffer.h"
 #include "Vidora/RtspClientSession.h"
