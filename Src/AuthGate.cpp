@@ -138,6 +138,14 @@ void CAuthGate::on_challenge_result(IAuthModule::auth_result_t result, const cha
     m_owner.WakeGate();
 }
 
+void CAuthGate::Rearm() {
+    if (m_saved_request.empty()) {
+        m_state = AUTH_IDLE;
+    } else {
+        m_passes_once = true;
+    }
+}
+
 void CAuthGate::TakeAnswer() {
     Answer answer;
     {
@@ -203,6 +211,7 @@ void CAuthGate::challenge_saved_request() {
     std::string request;
     request.swap(m_saved_request);
     m_state = AUTH_IDLE;
+    m_passes_once = false;
     if (!m_owner.SendChallenge(request.data(), static_cast<unsigned int>(request.size()), m_challenge.c_str())) {
         m_owner.BreakOff();
     }
@@ -210,7 +219,8 @@ void CAuthGate::challenge_saved_request() {
 
 // Authorised for the rest of the connection.
 void CAuthGate::pass_saved_request() {
-    m_state = AUTH_PASSED;
+    m_state = m_passes_once ? AUTH_IDLE : AUTH_PASSED;
+    m_passes_once = false;
     std::string request;
     request.swap(m_saved_request);
     if (!m_owner.PassRequest(m_saved_info, request.c_str(), static_cast<unsigned int>(request.size()))) {

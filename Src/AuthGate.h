@@ -55,6 +55,8 @@ public:
     int Check(const rtsp_msg_info& info, const char* buffer, int length, const CSockAddrStorage& peer);
     // Whether Check would look at a message at all.
     bool Guards() const { return m_module != nullptr && m_state != AUTH_PASSED; }
+    // What comes from now on, on another connection of the same client, is judged like the first request.
+    void Rearm();
     // Serves an answer that waits.
     void TakeAnswer();
 
@@ -86,7 +88,8 @@ private:
     IAuthModule* m_module = nullptr;
     bool m_checks_onvif = false;
     state_t m_state = AUTH_IDLE;
-    std::string m_challenge;  // for a 401
+    bool m_passes_once = false;  // the request that is judged frees itself alone
+    std::string m_challenge;     // for a 401
     rtsp_msg_info m_saved_info;
     std::string m_saved_request;                               // held while the module thinks
     std::atomic<std::thread::id> m_caller{std::thread::id()};  // the thread that is inside the module now

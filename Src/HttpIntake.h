@@ -1,6 +1,8 @@
 #ifndef VIDORA_HTTPINTAKE_H
 #define VIDORA_HTTPINTAKE_H
 
+#include <cstdint>
+
 namespace Kavio {
 
 namespace Tramel {
@@ -24,8 +26,9 @@ public:
     virtual void SetConfig(const CRtspSvrConfig& config) = 0;
     virtual void set_ip_type(int ip_type) = 0;
     // Takes `sock` over, also on failure, with the `len` bytes at `buf` that were read from it: a whole request head,
-    // and what came behind it. 0, or -1 if the connection was refused.
-    virtual int add_connection(Tramel::CSockStream* sock, const char* buf, int len) = 0;
+    // and what came behind it. `deadline_us`, of CTime::getCurrentMicroSecond: until then it may wait for its other
+    // half. 0, or -1 if the connection was refused.
+    virtual int add_connection(Tramel::CSockStream* sock, const char* buf, int len, uint64_t deadline_us) = 0;
     virtual void Close() = 0;
 
 protected:

@@ -38,12 +38,6 @@ int CRequestBuffer::Take(int count, CSvrConversation& conversation) {
         if (taken < 0) {
             return -1;
         }
-        if (taken == 0 && is_frame) {
-            // The frame isn't whole. Its bytes stay where they are, and the next read goes behind m_length bytes of the
-            // buffer's start all the same: a frame that was cut by a read is completed only if it stands at the start.
-            // Kept: clients send their few reports one in a write, and the order of these steps is fixed.
-            return 0;
-        }
         if (taken == 0) {
             break;
         }

@@ -4,7 +4,7 @@
 #include <cstring>
 #include <new>
 
-#include "RtspSvrSession.h"
+#include "SvrSessionCore.h"
 #include "SvrSessionManager.h"
 #include "Tramel/MediaCounters.h"
 #include "Tramel/SockAcceptor.h"
@@ -134,7 +134,7 @@ int CRtspSvr::handle_close(CNetHandler* /*handler*/) {
 }
 
 unsigned int CRtspSvr::GetSessionCount() {
-    return CRtspSvrSession::GetCount();
+    return CSvrSessionCore::GetCount();
 }
 
 void CRtspSvr::GetStatistics(RtspSvrStatistics& statistics) {

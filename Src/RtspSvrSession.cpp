@@ -1,7 +1,5 @@
 #include "RtspSvrSession.h"
 
-#include <algorithm>
-#include <atomic>
 #include <cstring>
 
 #include "Tramel/SockStream.h"
@@ -12,35 +10,9 @@ namespace Vidora {
 
 namespace {
 
-const unsigned int SEND_BUFFER_SIZE = 204800;
 const int64_t US_PER_SECOND = 1000000;
-const unsigned int MAX_PEER_TIMEOUT_SEC = 60;
-const unsigned int MIN_PEER_TIMEOUT_SEC = 10;  // a few retransmissions on a bad line
-
-std::atomic<unsigned int> session_count{0};
-
-// Notices a peer whose machine or link has gone: a player that is silent by right, in a pause or while it watches, has
-// no other end then. One that lives and doesn't read is cut only if there is a keep-alive time.
-void watch_peer(CSockStream& sock, int keep_alive_sec) {
-    const unsigned int timeout = keep_alive_sec > 0 ? static_cast<unsigned int>(keep_alive_sec) : MAX_PEER_TIMEOUT_SEC;
-    sock.WatchPeer(std::clamp(timeout, MIN_PEER_TIMEOUT_SEC, MAX_PEER_TIMEOUT_SEC), keep_alive_sec > 0);
-}
-
-bool checks_onvif_urls(const CRtspSvrConfig& config) {
-    OnvifUserGlobalConfig item = {};
-    int length = sizeof(item);
-    return config.GetConfig(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, &item, length) == 0 && item.enable != 0;
-}
 
 }  // namespace
-
-CRtspSvrSession::CRtspSvrSession() {
-    ++session_count;
-}
-
-unsigned int CRtspSvrSession::GetCount() {
-    return session_count;
-}
 
 void CRtspSvrSession::Start(CSockStream* sock, const char* buf, int len) {
     m_sock = sock;
@@ -52,10 +24,7 @@ void CRtspSvrSession::Start(CSockStream* sock, const char* buf, int len) {
 int CRtspSvrSession::Init(int count) {
     const CRtspSvrConfig& config = m_conversation.Config();
     const int timeout = config.GetKeepAliveTimeout();
-    m_conversation.OpenGate(config.GetRtspAuthType(), checks_onvif_urls(config));
-    m_sock->SetSockSendBuf(SEND_BUFFER_SIZE);
-    watch_peer(*m_sock, timeout);
-    open_sender();
+    open_connection(config.GetRtspAuthType());
     CSockAddrStorage peer;
     GetPeer(peer);
     m_conversation.Welcome(peer);
@@ -83,12 +52,6 @@ int CRtspSvrSession::handle_input(int fd) {
         return -1;
     }
     return take_requests(count);
-}
-
-int CRtspSvrSession::handle_close(CNetHandler* handler) {
-    CSvrSessionCore::handle_close(handler);
-    --session_count;  // the session has gone
-    return 0;
 }
 
 void CRtspSvrSession::close_session() {

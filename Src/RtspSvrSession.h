@@ -9,18 +9,12 @@ namespace Vidora {
 // CRtspSvrSession: an RTSP session on a TCP connection of its own. See CSvrSessionCore.
 class CRtspSvrSession : public CSvrSessionCore {
 public:
-    CRtspSvrSession();
-
     // Takes `sock` over with the `len` bytes, at most 4096, that were read from it. They are served on the session's
     // strand; this call doesn't wait, and the session may be gone when it returns. Called once, when all is set.
     void Start(CSockStream* sock, const char* buf, int len);
 
     int handle_input(int fd) override;
-    int handle_close(CNetHandler* handler) override;
     bool SendsReports() const override { return true; }
-
-    // Sessions that live now, in the whole process.
-    static unsigned int GetCount();
 
 protected:
     int Init(int count) override;

@@ -52,6 +52,8 @@ public:
     const CRtspSvrConfig& Config() const { return m_config; }
     // Puts the host's module of that type in front; see CAuthGate::Open.
     void OpenGate(rtsp_auth_t type, bool checks_onvif);
+    // The client goes on by another connection: the gate judges it anew.
+    void RearmGate() { m_gate.Rearm(); }
     // Tells the host of its client, which its events and lines of the log name from then on.
     void Welcome(const CSockAddrStorage& peer);
 

@@ -1,5 +1,7 @@
 #include "SvrSessionCore.h"
 
+#include <algorithm>
+#include <atomic>
 #include <utility>
 
 #include "InterleavedRoute.h"
@@ -11,6 +13,22 @@
 namespace Kavio {
 namespace Vidora {
 
+namespace {
+
+const unsigned int SEND_BUFFER_SIZE = 204800;
+const unsigned int MAX_PEER_TIMEOUT_SEC = 60;
+const unsigned int MIN_PEER_TIMEOUT_SEC = 10;  // a few retransmissions on a bad line
+
+std::atomic<unsigned int> session_count{0};
+
+bool checks_onvif_urls(const CRtspSvrConfig& config) {
+    OnvifUserGlobalConfig item = {};
+    int length = sizeof(item);
+    return config.GetConfig(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, &item, length) == 0 && item.enable != 0;
+}
+
+}  // namespace
+
 void* CSvrSessionCore::operator new(std::size_t size, const std::nothrow_t&) noexcept {
     return Ostra::NewPages(size);
 }
@@ -21,6 +39,11 @@ void CSvrSessionCore::operator delete(void* memory, std::size_t size) noexcept {
 
 CSvrSessionCore::CSvrSessionCore() : m_conversation(*this) {
     m_requests.SetSpace(m_request_space);
+    ++session_count;
+}
+
+unsigned int CSvrSessionCore::GetCount() {
+    return session_count;
 }
 
 CSvrSessionCore::~CSvrSessionCore() {
@@ -47,6 +70,21 @@ void CSvrSessionCore::open_sender() {
         m_stream_sender->WaitException(GetID());
         m_stream_sender->Attach(this, m_sock);
     }
+}
+
+void CSvrSessionCore::open_connection(rtsp_auth_t auth_type) {
+    m_conversation.OpenGate(auth_type, checks_onvif_urls(m_conversation.Config()));
+    m_sock->SetSockSendBuf(SEND_BUFFER_SIZE);
+    watch_peer(*m_sock);
+    open_sender();
+}
+
+// Notices a peer whose machine or link has gone: a player that is silent by right, in a pause or while it watches, has
+// no other end then. One that lives and doesn't read is cut only if there is a keep-alive time.
+void CSvrSessionCore::watch_peer(CSockStream& sock) const {
+    const int keep_alive_sec = m_conversation.Config().GetKeepAliveTimeout();
+    const unsigned int timeout = keep_alive_sec > 0 ? static_cast<unsigned int>(keep_alive_sec) : MAX_PEER_TIMEOUT_SEC;
+    sock.WatchPeer(std::clamp(timeout, MIN_PEER_TIMEOUT_SEC, MAX_PEER_TIMEOUT_SEC), keep_alive_sec > 0);
 }
 
 int CSvrSessionCore::take_requests(int count) {
@@ -122,9 +160,11 @@ void CSvrSessionCore::begin(int count) {
 
 // While the session is whole: what it holds may call back until it is let go.
 int CSvrSessionCore::handle_close(CNetHandler* /*handler*/) {
-    const std::unique_ptr<CSessionEntry> entry = std::move(m_entry);  // leaves when nothing of the session is left
+    std::unique_ptr<CSessionEntry> entry = std::move(m_entry);  // leaves when nothing of the session is left
     m_conversation.Release();
     delete this;
+    entry.reset();
+    --session_count;
     return 0;
 }
 

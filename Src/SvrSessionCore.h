@@ -27,6 +27,8 @@ namespace Vidora {
 //            heap. A peer can make it keep 4 kB of unread bytes and what the conversation keeps.
 class CSvrSessionCore : public CNetHandler, public ISvrLink {
 public:
+    // Sessions that live now, in the whole process.
+    static unsigned int GetCount();
     // Only the form without exceptions: `new (std::nothrow)`.
     static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
     static void operator delete(void* memory, std::size_t size) noexcept;
@@ -70,6 +72,10 @@ protected:
     int take_requests(int count);
     // Sends texts on m_sock from now on.
     void open_sender();
+    // Prepares m_sock, and puts the host's module of that type in front.
+    void open_connection(rtsp_auth_t auth_type);
+    // Lets the system break a connection whose peer has gone.
+    void watch_peer(CSockStream& sock) const;
 
 private:
     void begin(int count);

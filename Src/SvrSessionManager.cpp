@@ -7,12 +7,12 @@
 #include <new>
 
 #include "FrameWatch.h"
-#include "HttpRefuser.h"
 #include "NatIntake.h"
+#include "RtspOverHttp/HttpParser.h"
+#include "RtspOverHttp/RtspOverHttpSessionManager.h"
 #include "RtspSvrSession.h"
 #include "Tramel/SockDgram.h"
 #include "Tramel/SockStream.h"
-#include "Tramel/StrParser.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -31,11 +31,8 @@ int mark_stream_sock(int /*fd*/, int /*dscp*/) {
     return 0;
 }
 
-// Whether `text` stands anywhere in the bytes, in any case.
-bool holds(const char* buf, int len, const char* text) {
-    unsigned char* bytes = reinterpret_cast<unsigned char*>(const_cast<char*>(buf));
-    unsigned char* needle = reinterpret_cast<unsigned char*>(const_cast<char*>(text));
-    return CStrParser::MemMemCase(bytes, len, needle, static_cast<int>(strlen(text))) != nullptr;
+bool is_http(const char* buf, int len) {
+    return CHttpParser::IsHttp(std::string_view(buf, static_cast<size_t>(len)));
 }
 
 int bounded_length(const char* buf) {
@@ -99,7 +96,7 @@ private:
 };
 
 CSvrSessionManager::CSvrSessionManager()
-    : m_roll(CSessionRoll::Create()), m_http_manager(new (std::nothrow) CHttpRefuser) {
+    : m_roll(CSessionRoll::Create()), m_http_manager(new (std::nothrow) CRtspOverHttpSessionManager(m_roll)) {
     CFrameWatch::RegisterConsole();
 }
 
@@ -175,12 +172,12 @@ int CSvrSessionManager::AddNewConnect(int fd, const char* buf, int len, long ext
         }
     }
     const int bytes = std::clamp(len, 0, MAX_HANDED_LEN);
-    if (holds(buf, text_len, "GET /") || holds(buf, bytes, "POST /")) {
+    if (is_http(buf, bytes)) {
         logInfo("%s %d HTTP Add New Connect!\n", __FILE__, __LINE__);
-        hand_on(sock.release(), buf, bytes, true, extra);
+        hand_on_http(sock.release(), buf, bytes, CTime::getCurrentMicroSecond() + IDENTIFY_TIMEOUT_US);
     } else {
         logInfo("%s %d RTSP Add New Connect!\n", __FILE__, __LINE__);
-        hand_on(sock.release(), buf, text_len, false, extra);
+        start_rtsp_session(sock.release(), buf, text_len, extra);
     }
     return 0;
 }
@@ -255,8 +252,11 @@ int CSvrSessionManager::handle_input(int fd) {
     guard.Leave();
     // A connection that starts with neither is RTSP: garbage ends up in the RTSP parser, and dies there.
     const char* buf = known->buf.get();
-    const bool http = holds(buf, known->len, "GET /") || holds(buf, known->len, "POST /");
-    hand_on(known->sock.release(), buf, known->len, http, known->extra);
+    if (is_http(buf, known->len)) {
+        hand_on_http(known->sock.release(), buf, known->len, known->deadline_us);
+    } else {
+        start_rtsp_session(known->sock.release(), buf, known->len, known->extra);
+    }
     return 0;
 }
 
@@ -286,15 +286,10 @@ int CSvrSessionManager::drop_locked(connections_t::iterator it) {
     return -1;
 }
 
-// Gives a connection whose first request is whole to those that serve it.
-void CSvrSessionManager::hand_on(CSockStream* sock, const char* buf, int len, bool http, long extra) {
-    if (!http) {
-        start_rtsp_session(sock, buf, len, extra);
-        return;
-    }
+void CSvrSessionManager::hand_on_http(CSockStream* sock, const char* buf, int len, uint64_t deadline_us) {
     CGuard guard(m_mutex);
     if (m_http_manager != nullptr) {
-        m_http_manager->add_connection(sock, buf, len);
+        m_http_manager->add_connection(sock, buf, len, deadline_us);
     } else {
         delete sock;
     }

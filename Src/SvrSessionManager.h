@@ -59,7 +59,7 @@ private:
     int wait_for_rest_locked(connections_t::iterator it) VIDORA_REQUIRES(m_mutex);
     int drop_locked(connections_t::iterator it) VIDORA_REQUIRES(m_mutex);
     bool is_stopped();
-    void hand_on(CSockStream* sock, const char* buf, int len, bool http, long extra);
+    void hand_on_http(CSockStream* sock, const char* buf, int len, uint64_t deadline_us);
     void start_rtsp_session(CSockStream* sock, const char* buf, int len, long extra);
 
     const std::shared_ptr<CSessionRoll> m_roll;

@@ -43,9 +43,9 @@ TEST_F(Intake, FirstBytesDecideWhatAConnectionIs) {
         std::string bytes;
         const char* log;
     } rows[] = {
-        {"GET /x HTTP/1.0\r\n\r\n", "RTSP over HTTP is not served"},
-        {"some get /x\r\n\r\n", "RTSP over HTTP is not served"},  // anywhere, in any case
-        {"POST /x HTTP/1.0\r\n\r\n", "RTSP over HTTP is not served"},
+        {"GET /x HTTP/1.0\r\n\r\n", "http parse failed"},
+        {"some GET /x\r\n\r\n", "RTSP_WRONG_FORMAT"},  // only at the start, in this case
+        {"POST /x HTTP/1.0\r\n\r\n", "http parse failed"},
         {std::string(4096, 'x') + "\r\n\r\n", "Request max buf reached, error, fd:"},
         {"hello\r\n\r\n", "RTSP_WRONG_FORMATA:"},
         {std::string("\0\1\2$\xff\xff\r\n\r\n", 10), ""},

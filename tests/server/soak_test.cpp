@@ -2,7 +2,6 @@
 // sources change their format. Nothing may be left: no session, no handler, no descriptor, no source. The sanitizers
 // see to leaks and races. VIDORA_SOAK_SESSIONS raises the number of sessions.
 
-#include <dirent.h>
 #include <poll.h>
 #include <sys/socket.h>
 
@@ -14,6 +13,7 @@
 #include "Tramel/Reactor.h"
 
 #include "server/ServerFixture.h"
+#include "support/Descriptors.h"
 #include "support/UdpPeer.h"
 
 namespace Kavio {
@@ -40,16 +40,6 @@ enum leave_t {
     LEAVE_KINDS
 };
 enum road_t { ROAD_TCP, ROAD_UDP, ROAD_PRIVATE, ROAD_KINDS };
-
-int count_descriptors() {
-    int count = 0;
-    DIR* dir = opendir("/proc/self/fd");
-    while (dir != nullptr && readdir(dir) != nullptr) {
-        ++count;
-    }
-    closedir(dir);
-    return count;
-}
 
 CFakeStreamSource::Settings sound_and_pictures(bool is_file) {
     CFakeStreamSource::Settings settings = is_file ? CFakeStreamSource::FileVideo() : CFakeStreamSource::LiveVideo();
@@ -285,7 +275,7 @@ TEST_F(Soak, NothingIsLeftOfSessionsThatGoInEveryWay) {
     StartServer();
     Support::CLogCapture log(Ostra::LOG_LEVEL_WARN);
     const long handlers = Tramel::CReactor::Instance().CountHandlers();
-    const int descriptors = count_descriptors();
+    const int descriptors = Support::CountDescriptors();
     for (int number = 1; number <= ALL_CHANNELS; ++number) {
         PublishNumber(number, false);
     }
@@ -326,8 +316,8 @@ TEST_F(Soak, NothingIsLeftOfSessionsThatGoInEveryWay) {
     EXPECT_TRUE(Support::WaitUntil([] { return CFakeStreamSource::LiveCount() == 0; }));
     EXPECT_TRUE(Support::WaitUntil([&] { return Tramel::CReactor::Instance().CountHandlers() == handlers; }))
         << Tramel::CReactor::Instance().CountHandlers() << " handlers, " << handlers << " at the start";
-    EXPECT_TRUE(Support::WaitUntil([&] { return count_descriptors() == descriptors; }))
-        << count_descriptors() << " descriptors, " << descriptors << " at the start";
+    EXPECT_TRUE(Support::WaitUntil([&] { return Support::CountDescriptors() == descriptors; }))
+        << Support::CountDescriptors() << " descriptors, " << descriptors << " at the start";
     EXPECT_GT(m_played, sessions / 5);
     const int connected = CEventLog::Count("connected 127.0.0.1");
     EXPECT_LE(connected, CEventLog::Count("disconnected 127.0.0.1"));

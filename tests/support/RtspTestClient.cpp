@@ -1,5 +1,6 @@
 #include "support/RtspTestClient.h"
 
+#include <arpa/inet.h>
 #include <poll.h>
 
 #include <chrono>
@@ -40,7 +41,12 @@ std::string RtspReply::Header(const std::string& name) const {
     return head.substr(value, head.find("\r\n", value) - value);
 }
 
-CRtspTestClient::CRtspTestClient(int port) : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+CRtspTestClient::CRtspTestClient(int port, const char* from) : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
+    if (from != nullptr) {
+        sockaddr_in local = LoopbackAddress(0);
+        inet_pton(AF_INET, from, &local.sin_addr);
+        bind(m_fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local));
+    }
     const sockaddr_in addr = LoopbackAddress(port);
     if (connect(m_fd, reinterpret_cast<const sockaddr*>(&addr), sizeof(addr)) < 0) {
         Close();

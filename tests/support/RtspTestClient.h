@@ -29,8 +29,8 @@ struct RtspFrame {
 // It knows nothing of the library. One thread at a time.
 class CRtspTestClient {
 public:
-    // Connects to the loopback address.
-    explicit CRtspTestClient(int port);
+    // Connects to the loopback address, from the address `from` unless null.
+    explicit CRtspTestClient(int port, const char* from = nullptr);
     ~CRtspTestClient();
     CRtspTestClient(const CRtspTestClient&) = delete;
     CRtspTestClient& operator=(const CRtspTestClient&) = delete;
