@@ -62,10 +62,12 @@ int CSdpParser::Parse(const char* text, int length) {
 void CSdpParser::read_lines(CStrParser& text) {
     while (text.GetStringLen() > 1) {
         // A reader gets its own line and no more, so that a bad line costs only that line.
-        const unsigned int length = text.GetCurLinelength();
-        // A text that was cut between CR and LF leaves a CR, which is no part of the line.
-        const bool has_cr = length > 0 && text.GetString()[length - 1] == '\r';
-        CStrParser line(text.GetString(), length - (has_cr ? 1 : 0));
+        unsigned int length = text.GetCurLinelength();
+        // A text that was cut between CR and LF leaves a CR, which is no part of the line, as none in front of it is.
+        while (length > 0 && text.GetString()[length - 1] == '\r') {
+            --length;
+        }
+        CStrParser line(text.GetString(), length);
         read_line(line);
         if (text.ConsumeUntilNextLine() < 0) {
             break;
