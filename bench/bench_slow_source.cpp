@@ -161,7 +161,10 @@ bool run_row(const char* name, uint16_t port, int clients, const Options& option
     const uint64_t own = Bench::ProcessTimeUs();
     const uint64_t all = Bench::MachineTimeUs();
     const Figures figures = ask_for_the_other(port, options.seconds);
-    const uint64_t others = Bench::MachineTimeUs() - all - (Bench::ProcessTimeUs() - own);
+    // The two clocks have other grains: a quiet machine may give less than nothing.
+    const uint64_t machine = Bench::MachineTimeUs() - all;
+    const uint64_t process = Bench::ProcessTimeUs() - own;
+    const uint64_t others = machine > process ? machine - process : 0;
     stop = true;
     for (std::thread& thread : threads) {
         thread.join();
