@@ -2,7 +2,7 @@
 
     /h264       H.264 of MEDIA/clip.h264, once, from the start for each client
     /jpeg       JPEG pictures
-    /mpeg4      MPEG-4 part 2, once
+    /mpeg4      MPEG-4 pictures, once
     /both       H.264 with G.711 A-law
     /shared     H.264 of one encoder, for all clients (with --groups over multicast as well)
 
