@@ -29,6 +29,7 @@ struct CRtspSvrConfig::Record {
     rtsp_auth_func_t m_auth_func = nullptr;
     rtsp_event_func_t m_event_func = nullptr;
     OnvifUserGlobalConfig m_onvif_user_global{0};
+    int m_conformance = 0;
     void* m_user_data = nullptr;
 
     // Range tests of the typed setters, which look at the new value.
@@ -73,6 +74,11 @@ struct CRtspSvrConfig::Item {
     static int copy_over_good(Record& record, const void* value) {
         return IsGood(record.*Member) ? copy_in<Member>(record, value) : -1;
     }
+    static int copy_conformance(Record& record, const void* value) {
+        int on = 0;
+        std::memcpy(&on, value, sizeof(on));
+        return on == 0 || on == 1 ? copy_in<&Record::m_conformance>(record, value) : -1;
+    }
     static int copy_port_range(Record& record, const void* value) {
         RtpPortRange range;
         std::memcpy(&range, value, sizeof(range));
@@ -107,6 +113,8 @@ const CRtspSvrConfig::Item* CRtspSvrConfig::Item::Find(rtsp_svr_config_t item) {
         {RTSP_SVR_CONFIG_USER_DATA, "", 0, &take_pointer<&R::m_user_data>, &copy_out<&R::m_user_data>},
         {RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, "len == sizeof(struct OnvifUserGlobalConfig)",
          sizeof(OnvifUserGlobalConfig), &copy_in<&R::m_onvif_user_global>, &copy_out<&R::m_onvif_user_global>},
+        {RTSP_SVR_CONFIG_CONFORMANCE, "len == sizeof(m_conformance)", sizeof(int), &copy_conformance,
+         &copy_out<&R::m_conformance>},
     };
     for (const Item& row : ITEMS) {
         if (row.item == item) {
@@ -224,6 +232,10 @@ int CRtspSvrConfig::SetOnvifUserGlobal(bool enable) {
     return store(&Record::m_onvif_user_global, OnvifUserGlobalConfig{static_cast<uint8_t>(enable ? 1 : 0)});
 }
 
+int CRtspSvrConfig::SetConformance(bool on) {
+    return store(&Record::m_conformance, on ? 1 : 0);
+}
+
 rtsp_auth_t CRtspSvrConfig::GetRtspAuthType() const {
     return record().m_rtsp_auth_type;
 }
@@ -259,6 +271,10 @@ rtsp_auth_func_t CRtspSvrConfig::GetAuthFunc() const {
 
 rtsp_event_func_t CRtspSvrConfig::GetEventFunc() const {
     return record().m_event_func;
+}
+
+bool CRtspSvrConfig::GetConformance() const {
+    return record().m_conformance != 0;
 }
 
 }  // namespace Vidora

@@ -28,17 +28,21 @@ struct OnvifUserGlobalConfig {
 
 // Items of SetConfig and GetConfig, with the form of `value` and the `len` that each wants.
 enum rtsp_svr_config_t : int {
-    RTSP_SVR_CONFIG_AUTH_TYPE = 1,          // rtsp_auth_t: plain RTSP
-    RTSP_SVR_CONFIG_HTTP_AUTH_TYPE = 2,     // rtsp_auth_t: RTSP in an HTTP tunnel
-    RTSP_SVR_CONFIG_DSCP = 3,               // int: marking of UDP media (RFC 2474), 1 to 63, 0 for none
-    RTSP_SVR_CONFIG_TIMEOUT = 4,            // int: keep-alive time-out in seconds, 0 for none
-    RTSP_SVR_CONFIG_RTP_PORT = 5,           // RtpPortRange: 1 to 65535, the lower bound below the upper one
-    RTSP_SVR_CONFIG_URL_FUNC = 6,           // the function itself as `value`, len sizeof a function pointer
-    RTSP_SVR_CONFIG_SRC_FUNC = 7,           // as 6
-    RTSP_SVR_CONFIG_AUTH_FUNC = 8,          // as 6
-    RTSP_SVR_CONFIG_EVENT_FUNC = 9,         // as 6
-    RTSP_SVR_CONFIG_USER_DATA = 10,         // the pointer itself as `value`, any len above 0
-    RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL = 11  // OnvifUserGlobalConfig
+    RTSP_SVR_CONFIG_AUTH_TYPE = 1,           // rtsp_auth_t: plain RTSP
+    RTSP_SVR_CONFIG_HTTP_AUTH_TYPE = 2,      // rtsp_auth_t: RTSP in an HTTP tunnel
+    RTSP_SVR_CONFIG_DSCP = 3,                // int: marking of UDP media (RFC 2474), 1 to 63, 0 for none
+    RTSP_SVR_CONFIG_TIMEOUT = 4,             // int: keep-alive time-out in seconds, 0 for none
+    RTSP_SVR_CONFIG_RTP_PORT = 5,            // RtpPortRange: 1 to 65535, the lower bound below the upper one
+    RTSP_SVR_CONFIG_URL_FUNC = 6,            // the function itself as `value`, len sizeof a function pointer
+    RTSP_SVR_CONFIG_SRC_FUNC = 7,            // as 6
+    RTSP_SVR_CONFIG_AUTH_FUNC = 8,           // as 6
+    RTSP_SVR_CONFIG_EVENT_FUNC = 9,          // as 6
+    RTSP_SVR_CONFIG_USER_DATA = 10,          // the pointer itself as `value`, any len above 0
+    RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL = 11,  // OnvifUserGlobalConfig
+    // int: 0, the default: everything on the wire as this server has always done it. 1: where that differs from the
+    // standards (RFC 2326, 2250, 3550, 3551, 6184) their way is taken, by the server, its sessions and its channels.
+    // Any player then has all that it expects, so new hosts set it.
+    RTSP_SVR_CONFIG_CONFORMANCE = 12
 };
 
 // Events that the server reports to the host.
@@ -103,6 +107,7 @@ public:
     int SetEventFunc(rtsp_event_func_t function);
     int SetUserData(void* data);
     int SetOnvifUserGlobal(bool enable);
+    int SetConformance(bool on);
 
     rtsp_auth_t GetRtspAuthType() const;
     rtsp_auth_t GetRtspOverHttpAuthType() const;
@@ -115,6 +120,7 @@ public:
     rtsp_src_func_t GetSrcFunc() const;
     rtsp_auth_func_t GetAuthFunc() const;
     rtsp_event_func_t GetEventFunc() const;
+    bool GetConformance() const;
 
 private:
     struct VIDORA_LOCAL Record;

@@ -112,6 +112,10 @@ TEST(RtspSvrConfig, TypedSettersTestTheNewValue) {
     EXPECT_EQ(63, config.GetDSCP());
     EXPECT_EQ(0, config.GetKeepAliveTimeout());
     EXPECT_EQ(1, get<RtpPortRange>(config, RTSP_SVR_CONFIG_RTP_PORT).min_local_port);
+    EXPECT_EQ(-1, set(config, RTSP_SVR_CONFIG_CONFORMANCE, 2));
+    EXPECT_FALSE(config.GetConformance());
+    EXPECT_EQ(0, config.SetConformance(true));
+    EXPECT_EQ(1, get<int>(config, RTSP_SVR_CONFIG_CONFORMANCE));
     EXPECT_EQ(4, config.GetRtspAuthType());
     EXPECT_EQ(5, config.GetRtspOverHttpAuthType());
     EXPECT_EQ(1, get<OnvifUserGlobalConfig>(config, RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL).enable);
@@ -123,7 +127,7 @@ TEST(RtspSvrConfig, WrongLengthAssertsForEveryItemButTheUserData) {
     for (const rtsp_svr_config_t item :
          {RTSP_SVR_CONFIG_AUTH_TYPE, RTSP_SVR_CONFIG_HTTP_AUTH_TYPE, RTSP_SVR_CONFIG_DSCP, RTSP_SVR_CONFIG_TIMEOUT,
           RTSP_SVR_CONFIG_RTP_PORT, RTSP_SVR_CONFIG_URL_FUNC, RTSP_SVR_CONFIG_SRC_FUNC, RTSP_SVR_CONFIG_AUTH_FUNC,
-          RTSP_SVR_CONFIG_EVENT_FUNC, RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL}) {
+          RTSP_SVR_CONFIG_EVENT_FUNC, RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, RTSP_SVR_CONFIG_CONFORMANCE}) {
         const Support::CAssertCapture asserts;
         int len = 3;
         EXPECT_EQ(-1, config.SetConfig(item, value, len));
@@ -142,9 +146,9 @@ TEST(RtspSvrConfig, UnknownItemsAreLogged) {
     CRtspSvrConfig config;
     int value = 0;
     int len = sizeof(value);
-    EXPECT_EQ(-1, config.SetConfig(static_cast<rtsp_svr_config_t>(12), &value, len));
+    EXPECT_EQ(-1, config.SetConfig(static_cast<rtsp_svr_config_t>(13), &value, len));
     EXPECT_EQ(-1, config.GetConfig(static_cast<rtsp_svr_config_t>(99), &value, len));
-    EXPECT_EQ(1, log.Count("Vidora::CRtspSvrConfig::SetConfig config:12 unknown\n"));
+    EXPECT_EQ(1, log.Count("Vidora::CRtspSvrConfig::SetConfig config:13 unknown\n"));
     EXPECT_EQ(1, log.Count("Vidora::CRtspSvrConfig::GetConfig config:99 unknown\n"));
     EXPECT_EQ(2, log.Count("RtspSvrConfig.cpp:"));
 }
