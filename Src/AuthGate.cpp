@@ -58,6 +58,10 @@ int CAuthGate::Check(const rtsp_msg_info& info, const char* buffer, int length, 
     if (!Guards() || strncmp(buffer, ANY_OPTIONS, sizeof(ANY_OPTIONS) - 1) == 0) {
         return 1;
     }
+    return judge_request(info, buffer, length, peer);
+}
+
+int CAuthGate::judge_request(const rtsp_msg_info& info, const char* buffer, int length, const CSockAddrStorage& peer) {
     std::unique_ptr<CRtspRspParser> parser(new (std::nothrow) CRtspRspParser);
     if (!parser || parser->parse_request(buffer, static_cast<unsigned int>(length), nullptr) != 0) {
         return -1;

@@ -73,6 +73,7 @@ private:
         std::string text;
     };
 
+    int judge_request(const rtsp_msg_info& info, const char* buffer, int length, const CSockAddrStorage& peer);
     int ask_challenge(const char* url, const CSockAddrStorage& peer);
     int ask_verdict(const char* response, bool onvif);
     int repeat_challenge(const char* buffer, int length);

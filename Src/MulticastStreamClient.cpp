@@ -13,6 +13,14 @@ const size_t AUDIO_TRACK = 1;
 const int FIRST_ENCODE = ENC_TYPE_H264;
 const int LAST_ENCODE = ENC_TYPE_AUDIO;
 
+bool read_group(const char* ip, int port, CSockAddrIPv4& address) {
+    if (port > MAX_PORT || address.SetAddr(ip, static_cast<unsigned short>(port)) < 0) {
+        logError("%s:%d dest_addr.SetAddr error multicast_addr:%s multicast_port:%d \n", __FILE__, __LINE__, ip, port);
+        return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 IMulticastStreamClient::IMulticastStreamClient() = default;
@@ -29,12 +37,7 @@ int CMulticastStreamClient::Start(const char* multicast_addr, int multicast_port
         return -1;
     }
     CSockAddrIPv4 address;
-    if (multicast_port > MAX_PORT || address.SetAddr(multicast_addr, static_cast<unsigned short>(multicast_port)) < 0) {
-        logError("%s:%d dest_addr.SetAddr error multicast_addr:%s multicast_port:%d \n", __FILE__, __LINE__,
-                 multicast_addr, multicast_port);
-        return -1;
-    }
-    if (check_kind(info) < 0) {
+    if (!read_group(multicast_addr, multicast_port, address) || check_kind(info) < 0) {
         return -1;
     }
     const bool is_audio = info != nullptr && info->encode > ENC_TYPE_JPEG;

@@ -186,6 +186,54 @@ void bench_tcp(const std::vector<Flumen::CMediaFrame>& runs) {
     close(in);
 }
 
+// The RTP packets of interleaved runs. They stay in the runs' memory.
+std::vector<DgramSlice> packets_of(const std::vector<Flumen::CMediaFrame>& runs) {
+    std::vector<DgramSlice> packets;
+    for (const Flumen::CMediaFrame& run : runs) {
+        CByteReader reader(run.getBuffer(), run.size());
+        interleaved_unit_t unit;
+        while (ReadInterleavedUnit(reader, unit)) {
+            packets.push_back({const_cast<unsigned char*>(unit.data), unit.length});
+        }
+    }
+    return packets;
+}
+
+// Takes a datagram as the client's receiver of datagrams does.
+void take_datagram(const DgramSlice& datagram, CFrameMerger& merger, CTaker& taker) {
+    RtpHeader header;
+    check(rtp_parse_header(datagram.data, datagram.length, header));
+    if (merger.EndsBefore(header, datagram.length)) {
+        taker.Take(merger.Take());
+    }
+    merger.Append(0, datagram.data, datagram.length, header);
+    if (header.marker) {
+        taker.Take(merger.Take());
+    }
+}
+
+// Reads `BURST` datagrams, and calls `take` for each.
+template <typename Take>
+uint64_t read_burst(CSockDgram& in, Take take) {
+    CDgramBatch* batch = CDgramBatch::OfThread();
+    uint64_t bytes = 0;
+    for (int left = BURST; left > 0;) {
+        const int count = batch->Recv(in);
+        check(count >= 0);
+        for (int i = 0; i < count; ++i) {
+            bytes += batch->Datagram(i).length;
+            take(batch->Datagram(i));
+        }
+        left -= count;
+        if (count == 0) {
+            char byte;
+            recv(in.GetHandle(), &byte, 1, MSG_PEEK | MSG_TRUNC);
+            usleep(20);
+        }
+    }
+    return bytes;
+}
+
 void bench_udp(const std::vector<Flumen::CMediaFrame>& runs) {
     CSockDgram out;
     CSockDgram in;
@@ -195,14 +243,7 @@ void bench_udp(const std::vector<Flumen::CMediaFrame>& runs) {
     check(out.SetRemote(&address) == 0);
     int tokens[2];
     check(pipe(tokens) == 0);
-    std::vector<DgramSlice> packets;
-    for (const Flumen::CMediaFrame& run : runs) {
-        CByteReader reader(run.getBuffer(), run.size());
-        interleaved_unit_t unit;
-        while (ReadInterleavedUnit(reader, unit)) {
-            packets.push_back({const_cast<unsigned char*>(unit.data), unit.length});
-        }
-    }
+    std::vector<DgramSlice> packets = packets_of(runs);
     size_t next = 0;
     const CSender sender([&] {
         char token = 0;
@@ -215,41 +256,16 @@ void bench_udp(const std::vector<Flumen::CMediaFrame>& runs) {
     });
     CFrameMerger merger;
     CTaker taker;
-    CDgramBatch* batch = CDgramBatch::OfThread();
-    const auto take = [&](const DgramSlice& datagram) {
-        RtpHeader header;
-        check(rtp_parse_header(datagram.data, datagram.length, header));
-        if (merger.EndsBefore(header, datagram.length)) {
-            taker.Take(merger.Take());
-        }
-        merger.Append(0, datagram.data, datagram.length, header);
-        if (header.marker) {
-            taker.Take(merger.Take());
-        }
+    const auto ask_burst = [&] { check(write(tokens[1], "t", 1) == 1); };
+    const reader_t frames = [&] {
+        ask_burst();
+        return read_burst(in, [&](const DgramSlice& datagram) { take_datagram(datagram, merger, taker); });
     };
-    const auto read_burst = [&](bool to_frames) {
-        uint64_t bytes = 0;
-        check(write(tokens[1], "t", 1) == 1);
-        for (int left = BURST; left > 0;) {
-            const int count = batch->Recv(in);
-            check(count >= 0);
-            for (int i = 0; i < count; ++i) {
-                bytes += batch->Datagram(i).length;
-                if (to_frames) {
-                    take(batch->Datagram(i));
-                }
-            }
-            left -= count;
-            if (count == 0) {
-                char byte;
-                recv(in.GetHandle(), &byte, 1, MSG_PEEK | MSG_TRUNC);
-                usleep(20);
-            }
-        }
-        return bytes;
+    const reader_t bare = [&] {
+        ask_burst();
+        return read_burst(in, [](const DgramSlice&) {});
     };
-    compare_readers(
-        "UDP", [&] { return read_burst(true); }, [&] { return read_burst(false); }, taker);
+    compare_readers("UDP", frames, bare, taker);
 }
 
 void bench_alone(const std::vector<Flumen::CMediaFrame>& runs) {

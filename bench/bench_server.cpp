@@ -252,22 +252,27 @@ bool run_row(const Options& options, const Bench::Recording& recording, Row row,
     return up == row.clients && gaps == 0 && bare_up == row.clients;
 }
 
+// False if `word` is no option that has a value.
+bool take_value(const std::string& word, const char* value, Options& options) {
+    if (word == "--clients") {
+        options.clients = {static_cast<unsigned int>(std::atoi(value))};
+    } else if (word == "--slices") {
+        options.slices = std::max(1, std::atoi(value));
+    } else if (word == "--threads") {
+        options.threads = std::atoi(value);
+    } else if (word == "--clip") {
+        options.clip = value;
+    } else {
+        return false;
+    }
+    return true;
+}
+
 Options parse(int argc, char** argv) {
     Options options;
     for (int i = 1; i < argc; ++i) {
         const std::string word = argv[i];
-        const char* value = i + 1 < argc ? argv[i + 1] : "0";
-        if (word == "--clients") {
-            options.clients = {static_cast<unsigned int>(std::atoi(value))};
-            ++i;
-        } else if (word == "--slices") {
-            options.slices = std::max(1, std::atoi(value));
-            ++i;
-        } else if (word == "--threads") {
-            options.threads = std::atoi(value);
-            ++i;
-        } else if (word == "--clip") {
-            options.clip = value;
+        if (take_value(word, i + 1 < argc ? argv[i + 1] : "0", options)) {
             ++i;
         } else if (word == "--tcp" || word == "--udp") {
             options.tcp = word == "--tcp";

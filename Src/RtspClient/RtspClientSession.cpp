@@ -9,6 +9,7 @@
 #include <string>
 
 #include "Protocol/LogQuote.h"
+#include "Protocol/RtspTables.h"
 #include "RtspClient/RtspClient.h"
 #include "Vidora/SdpInfo.h"
 #include "Vidora/Tramel/MediaBuffer.h"
@@ -19,6 +20,8 @@ namespace Vidora {
 namespace {
 
 const int FAST_REDIRECTS = 8;  // in a row; further ones wait
+const long CODE_MOVED_PERMANENTLY = RTSP_CLIENT_CODE_STATUS + RTSP_STATUS_MOVED_PERMANENTLY;
+const long CODE_MOVED_TEMPORARILY = RTSP_CLIENT_CODE_STATUS + RTSP_STATUS_MOVED_TEMPORARILY;
 const int MAX_KEPT_VIEWS = 8;  // of descriptions that the host has asked for
 const size_t MAX_KEY_SIZE = 256;
 const size_t MAX_VALUE_SIZE = 1024;
@@ -34,6 +37,10 @@ int guarded(Operation operation) {
     } catch (const std::bad_alloc&) {
         return -1;
     }
+}
+
+bool is_redirect(long param) {
+    return param == CODE_MOVED_PERMANENTLY || param == CODE_MOVED_TEMPORARILY;
 }
 
 bool is_method(int method) {
@@ -371,18 +378,26 @@ int CRtspClientSession::handle_message(long sender_id, unsigned int msg, long pa
     if (self.m_client == nullptr || self.m_client->GetID() != sender_id) {
         return 0;  // of an engine that was replaced
     }
-    if (msg == MSG_SRC_FAIL && (param == RTSP_CLIENT_CODE_STATUS + 301 || param == RTSP_CLIENT_CODE_STATUS + 302)) {
+    if (msg == MSG_SRC_FAIL && is_redirect(param)) {
         redirect(param);
     } else if (msg == MSG_SRC_FAIL || msg == MSG_SOCK_EXCEPTION || msg == MSG_SRC_END) {
         finish(param);
     } else {
-        self.m_ready = self.m_ready || msg == MSG_RTSP_SETUP_READY;
-        self.m_redirects = msg == MSG_RTSP_PLAY_READY ? 0 : self.m_redirects;
-        if (self.m_notify_id != 0) {
-            Notify(self.m_notify_id, msg, param);
-        }
+        report_progress(msg, param);
     }
     return 0;
+}
+
+void CRtspClientSession::report_progress(unsigned int msg, long param) {
+    Internal& self = *m_internal;
+    if (msg == MSG_RTSP_SETUP_READY) {
+        self.m_ready = true;
+    } else if (msg == MSG_RTSP_PLAY_READY) {
+        self.m_redirects = 0;
+    }
+    if (self.m_notify_id != 0) {
+        Notify(self.m_notify_id, msg, param);
+    }
 }
 
 // The one last notification.
@@ -416,7 +431,7 @@ int64_t CRtspClientSession::handle_timeout(long timer_id) {
     DestroyTimer(timer_id);
     if (timer_id == m_internal->m_redirect_timer && m_internal->m_client != nullptr) {
         m_internal->m_redirect_timer = 0;
-        follow_redirect(RTSP_CLIENT_CODE_STATUS + 302);
+        follow_redirect(CODE_MOVED_TEMPORARILY);
     }
     return -1;
 }

@@ -34,7 +34,21 @@ bool read_address(const char* ip, unsigned short port, CSockAddrStorage& address
            address.SetSockAddr(any, static_cast<unsigned int>(found.GetAddrLen())) == 0;
 }
 
-// The host's descriptor: the last one who lets go leaves it open. Null if `fd` can't be used or memory is short.
+bool is_direction(int mode) {
+    return mode >= IRTPUdpTransmiter::REMOTE_SEND && mode <= IRTPUdpTransmiter::REMOTE_BOTH;
+}
+
+// Who may send: null is any address.
+udp_stream_remote_t sender_at(const CSockAddrStorage* address, int port) {
+    udp_stream_remote_t remote;
+    remote.port = port;
+    if (address != nullptr) {
+        address->GetIpStr(remote.ip, sizeof(remote.ip));
+    }
+    return remote;
+}
+
+// The host's descriptor: the last owner's release leaves it open. Null if `fd` can't be used or memory is short.
 std::shared_ptr<CSockDgram> borrow_sock(int fd) {
     if (!is_udp_sock(fd)) {
         return nullptr;
@@ -168,26 +182,22 @@ bool CRTPUdpTransmiter::exchange_sock(int fd) {
 
 bool CRTPUdpTransmiter::SetRemote(const char* ip, int port, int mode) {
     const CShare share(*this);
-    if (ip == nullptr || mode < REMOTE_SEND || mode > REMOTE_BOTH) {
+    if (ip == nullptr || !is_direction(mode)) {
         return false;
     }
     const bool sends = mode != REMOTE_RECV;
     CSockAddrStorage address;
     const bool has_address = read_address(ip, static_cast<unsigned short>(port), address);
-    const bool is_any = *ip == '\0' && !sends;
-    if ((!has_address && !is_any) || (!is_port(port) && (sends || port != ANY_PORT))) {
+    const bool takes_any = !sends && *ip == '\0';
+    const bool takes_any_port = !sends && port == ANY_PORT;
+    if (!(has_address || takes_any) || !(is_port(port) || takes_any_port)) {
         return false;
     }
     if (sends) {
         m_sender.SetRemote(address);
     }
     if (mode != REMOTE_SEND) {
-        udp_stream_remote_t remote;
-        remote.port = port;
-        if (has_address) {
-            address.GetIpStr(remote.ip, sizeof(remote.ip));
-        }
-        m_receiver->SetRemote(remote);
+        m_receiver->SetRemote(sender_at(has_address ? &address : nullptr, port));
     }
     return true;
 }

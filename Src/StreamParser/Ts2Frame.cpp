@@ -87,15 +87,8 @@ int Ts2Frame::PutPacket(const unsigned char* packet, int len, bool last) {
 int Ts2Frame::put_media(const unsigned char* packet, bool last) {
     CByteReader payload(packet, TS_PACK_LEN);
     payload.Skip(static_cast<size_t>(m_demux.packet.payload_offset));
-    if (m_demux.packet.unit_start) {
-        const bool opens = opens_picture(payload);
-        if (m_picture != NO_START_CODE && opens) {
-            if (!is_rest()) {
-                return finish_frame(FRAME_COMPLETE_NEXT);
-            }
-            begin_frame();
-        }
-        m_in_frame = m_in_frame || opens || !m_joined;
+    if (m_demux.packet.unit_start && !begin_pes(opens_picture(payload))) {
+        return finish_frame(FRAME_COMPLETE_NEXT);
     }
     if (!m_in_frame) {
         return FRAME_MORE;
@@ -113,6 +106,18 @@ int Ts2Frame::put_media(const unsigned char* packet, bool last) {
         return FRAME_MORE;
     }
     return last ? finish_frame(FRAME_COMPLETE) : FRAME_MORE;
+}
+
+// A PES packet begins, and with it a picture if it `opens` one. False if the frame in work is complete without it.
+bool Ts2Frame::begin_pes(bool opens) {
+    if (m_picture != NO_START_CODE && opens) {
+        if (!is_rest()) {
+            return false;
+        }
+        begin_frame();
+    }
+    m_in_frame = m_in_frame || opens || !m_joined;
+    return true;
 }
 
 // Does the PES packet that begins in `payload` begin a picture, as far as this packet shows it? One that doesn't begin

@@ -59,6 +59,7 @@ public:
 private:
     bool reserve(uint32_t len);
     int put_media(const unsigned char* packet, bool last);
+    bool begin_pes(bool opens);
     bool opens_picture(Ostra::CByteReader payload) const;
     bool is_rest() const;
     int append_payload(const unsigned char* payload, uint32_t len);

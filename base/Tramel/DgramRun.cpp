@@ -35,6 +35,15 @@ void set_segment_size(struct msghdr& message, unsigned char* control, unsigned i
     std::memcpy(CMSG_DATA(header), &segment, sizeof(segment));
 }
 
+// The kernel or the interface can't cut messages.
+bool cuts_no_size(int error) {
+    return error == EIO || error == ENOPROTOOPT || error == EOPNOTSUPP;
+}
+
+bool cuts_not_this_size(int error) {
+    return error == EINVAL || error == EMSGSIZE;
+}
+
 }  // namespace
 
 void CDgramRun::Add(const unsigned char* data, unsigned int length) {
@@ -134,9 +143,12 @@ bool CDgramRun::recover(int error, unsigned int first_part) {
         return true;
     }
     const bool cut = m_messages[0].msg_hdr.msg_iovlen > 1;
-    if (cut && (error == EINVAL || error == EMSGSIZE || error == EIO || error == ENOPROTOOPT || error == EOPNOTSUPP)) {
-        const bool any_size = error == EIO || error == ENOPROTOOPT || error == EOPNOTSUPP;
-        m_offload_limit = any_size ? 0 : static_cast<unsigned int>(m_parts[first_part].iov_len);
+    if (cut && cuts_no_size(error)) {
+        m_offload_limit = 0;
+        return true;
+    }
+    if (cut && cuts_not_this_size(error)) {
+        m_offload_limit = static_cast<unsigned int>(m_parts[first_part].iov_len);
         return true;
     }
     m_failed = true;

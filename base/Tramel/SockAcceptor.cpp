@@ -22,6 +22,10 @@ constexpr int ACCEPT_FLAGS = SOCK_CLOEXEC | SOCK_NONBLOCK;
 // How long a thread rests when it could not even refuse a connection.
 constexpr int REFUSAL_PAUSE_MS = 10;
 
+bool is_shortage(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
 int open_spare() {
     return ::open("/dev/null", O_RDONLY | O_CLOEXEC);
 }
@@ -62,12 +66,8 @@ int CSockAcceptor::Open(const CSockAddr& local) {
 int CSockAcceptor::Accept(CSockStream& out, CSockAddr* peer) {
     sockaddr_storage native = {};
     socklen_t length = sizeof(native);
-    int fd = -1;
-    do {
-        length = sizeof(native);
-        fd = ::accept4(m_fd, reinterpret_cast<sockaddr*>(&native), &length, ACCEPT_FLAGS);
-    } while (fd < 0 && (errno == EINTR || errno == ECONNABORTED));
-    if (fd < 0 && (errno == EMFILE || errno == ENFILE || errno == ENOBUFS || errno == ENOMEM)) {
+    const int fd = take_one(native, length);
+    if (fd < 0 && is_shortage(errno)) {
         refuse_one();
     }
     if (fd < 0) {
@@ -85,6 +85,16 @@ int CSockAcceptor::Accept(CSockStream& out, CSockAddr* peer) {
         peer->SetSockAddr(reinterpret_cast<const sockaddr*>(&native), length);
     }
     return 0;
+}
+
+// A descriptor, or -1 with errno set.
+int CSockAcceptor::take_one(sockaddr_storage& native, socklen_t& length) {
+    int fd = -1;
+    do {
+        length = sizeof(native);
+        fd = ::accept4(m_fd, reinterpret_cast<sockaddr*>(&native), &length, ACCEPT_FLAGS);
+    } while (fd < 0 && (errno == EINTR || errno == ECONNABORTED));
+    return fd;
 }
 
 // With no descriptor left a waiting connection would stay readable for ever. The spare one makes room to take it and

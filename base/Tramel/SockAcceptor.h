@@ -1,6 +1,8 @@
 #ifndef VIDORA_TRAMEL_SOCKACCEPTOR_H
 #define VIDORA_TRAMEL_SOCKACCEPTOR_H
 
+#include <sys/socket.h>
+
 #include "Vidora/Tramel/Sock.h"
 
 namespace Kavio {
@@ -22,6 +24,7 @@ public:
     int Accept(CSockStream& out, CSockAddr* peer);
 
 private:
+    int take_one(sockaddr_storage& native, socklen_t& length);
     void refuse_one();
 
     int m_spare_fd = -1;  // kept open to be given up when descriptors are exhausted

@@ -192,6 +192,7 @@ private:
     int make_engine();
     int start(const char* url, long notify_id, rtp_protocol_t transport, int sock);
     int play(const client_play& play);
+    void report_progress(unsigned int msg, long param);
     void finish(long param);
     void redirect(long param);
     void follow_redirect(long param);

@@ -19,7 +19,8 @@ namespace {
 const size_t G711_BLOCK = 320;  // 40 ms at 8 kHz
 const double G711_BLOCK_MS = 40.0;
 const int G711_RATE = 8000;
-const int MAX_JPEG_SIDE = 2040;  // RFC 2435 3.1.5: eight bits count eights
+const double LONE_FRAME_MS = 40.0;  // how long a recording of one frame lasts
+const int MAX_JPEG_SIDE = 2040;     // RFC 2435 3.1.5: eight bits count eights
 const char B_PICTURES[] = "has B pictures, whose order of time stamps a raw stream does not tell: encode without them";
 
 // An MPEG audio frame header (ISO 11172-3 2.4.1.3), layer II.
@@ -161,9 +162,8 @@ bool Clip::cut_h264(std::string& error) {
     size_t unit_begin = 0;
     for (const NalUnit& nal : SplitNalUnits(source.data(), source.size())) {
         const int type = h264_nal_type(nal.data[0]);
-        if (type == H264_NAL_SPS && h264_parse_sps(nal.data, nal.size, sps) && m_video.width == 0) {
-            m_video.width = static_cast<int32_t>(sps.width);
-            m_video.height = static_cast<int32_t>(sps.height);
+        if (type == H264_NAL_SPS && h264_parse_sps(nal.data, nal.size, sps)) {
+            take_size(sps);
         }
         has_pps = has_pps || type == H264_NAL_PPS;
         H264Slice slice;
@@ -191,6 +191,14 @@ bool Clip::cut_h264(std::string& error) {
         m_specific_info = FindSpecificInfo(m_bytes.data(), m_units.front().size, STREAM_VIDEO_H264);
     }
     return true;
+}
+
+// The first size is the stream's.
+void Clip::take_size(const H264Sps& sps) {
+    if (m_video.width == 0) {
+        m_video.width = static_cast<int32_t>(sps.width);
+        m_video.height = static_cast<int32_t>(sps.height);
+    }
 }
 
 // A unit runs from behind one VOP to the end of the next, the headers in front of it included (ISO 14496-2 6.2).
@@ -267,23 +275,13 @@ bool Clip::cut_kav(bool audio, std::string& error) {
     FrameCursor cursor(bytes);
     FrameEntry entry;
     for (FrameCursor::step_t step = cursor.Next(entry); step != FrameCursor::STEP_END; step = cursor.Next(entry)) {
-        const bool wanted =
-            audio ? entry.letter == 'A' : entry.letter == 'I' || entry.letter == 'P' || entry.letter == 'B';
-        if (step != FrameCursor::STEP_FRAME || !wanted || (m_units.empty() && !audio && entry.letter != 'I')) {
+        if (step != FrameCursor::STEP_FRAME || !is_wanted(entry, audio)) {
             continue;
         }
-        if (m_units.empty()) {
-            take_kav_format(entry);
-        }
-        const size_t offset = m_bytes.size();
-        const char* why =
-            append_body(source.data() + entry.body_offset, entry.body_size, audio ? 0 : m_video.encode_type);
-        if (why != nullptr) {
+        if (const char* why = append_kav(entry, source.data() + entry.body_offset)) {
             error = why;
             return false;
         }
-        add_unit(offset, m_bytes.size() - offset, entry.letter);
-        m_units.back().time_ms = static_cast<double>(entry.place.time_ms);
     }
     if (m_units.empty()) {
         error = audio ? "" : "holds no video";
@@ -296,14 +294,40 @@ bool Clip::cut_kav(bool audio, std::string& error) {
             return false;
         }
     }
-    // The last frame lasts as long as the mean of the others. B pictures stand behind the picture that they precede.
+    set_kav_duration();
+    return true;
+}
+
+// Video begins with a key frame.
+bool Clip::is_wanted(const FrameEntry& entry, bool audio) const {
+    if (audio || m_units.empty()) {
+        return entry.letter == (audio ? 'A' : 'I');
+    }
+    return entry.letter == 'I' || entry.letter == 'P' || entry.letter == 'B';
+}
+
+// Returns why the frame can't be sent, or null.
+const char* Clip::append_kav(const FrameEntry& entry, const unsigned char* body) {
+    if (m_units.empty()) {
+        take_kav_format(entry);
+    }
+    const size_t offset = m_bytes.size();
+    const char* why = append_body(body, entry.body_size, entry.letter == 'A' ? 0 : m_video.encode_type);
+    if (why == nullptr) {
+        add_unit(offset, m_bytes.size() - offset, entry.letter);
+        m_units.back().time_ms = static_cast<double>(entry.place.time_ms);
+    }
+    return why;
+}
+
+// The last frame lasts as long as the mean of the others. B pictures follow the picture that they precede.
+void Clip::set_kav_duration() {
     const auto last = std::max_element(m_units.begin(), m_units.end(), [](const ClipUnit& left, const ClipUnit& right) {
         return left.time_ms < right.time_ms;
     });
     const double span = last->time_ms - m_units.front().time_ms;
-    const double mean = m_units.size() > 1 ? span / static_cast<double>(m_units.size() - 1) : 40.0;
+    const double mean = m_units.size() > 1 ? span / static_cast<double>(m_units.size() - 1) : LONE_FRAME_MS;
     m_duration_ms = last->time_ms + mean;
-    return true;
 }
 
 void Clip::take_kav_format(const FrameEntry& first) {
@@ -318,8 +342,8 @@ void Clip::take_kav_format(const FrameEntry& first) {
     m_video.frame_rate = first.frame_rate == 0 ? 25 : first.frame_rate;
 }
 
-// A recording comes from elsewhere, so its pictures are looked at as those of a raw stream are. Gives why one can't be
-// sent, or null.
+// A recording comes from elsewhere, so its pictures are looked at as those of a raw stream are. Returns why one can't
+// be sent, or null.
 const char* Clip::append_body(const unsigned char* body, size_t size, int video_encode_type) {
     if (video_encode_type == STREAM_VIDEO_H264) {
         const char* why = WhyNotSent(body, size);

@@ -7,6 +7,12 @@
 
 #include "Vidora/StreamSource.h"
 
+namespace Kavio {
+namespace Vidora {
+struct H264Sps;
+}  // namespace Vidora
+}  // namespace Kavio
+
 struct FrameEntry;
 
 // One access unit of a clip, ready to go into a private frame.
@@ -42,10 +48,14 @@ public:
 
 private:
     bool cut_h264(std::string& error);
+    void take_size(const Kavio::Vidora::H264Sps& sps);
     bool cut_mpeg4(std::string& error);
     bool cut_mjpeg(std::string& error);
     bool cut_kav(bool audio, std::string& error);
+    bool is_wanted(const FrameEntry& entry, bool audio) const;
+    const char* append_kav(const FrameEntry& entry, const unsigned char* body);
     void take_kav_format(const FrameEntry& first);
+    void set_kav_duration();
     const char* append_body(const unsigned char* body, size_t size, int video_encode_type);
     bool cut_g711(int encode_type);
     bool cut_mpeg_audio(std::string& error);

@@ -1,5 +1,6 @@
 #include "Credentials.h"
 
+#include <algorithm>
 #include <cctype>
 #include <cstdio>
 #include <cstdlib>
@@ -39,37 +40,45 @@ bool equals_in_constant_time(const std::string& left, const std::string& right) 
     return difference == 0;
 }
 
+// The text from `at` up to one of `ends`, which `at` is moved to.
+std::string read_until(const std::string& text, size_t& at, const char* ends) {
+    const size_t begin = at;
+    at = std::min(text.find_first_of(ends, begin), text.size());
+    return text.substr(begin, at - begin);
+}
+
+// The text between quotes, the first of which is at `at`; a backslash lets any sign be part of it. `at` is moved behind
+// it.
+std::string read_quoted(const std::string& text, size_t& at) {
+    std::string value;
+    for (++at; at < text.size() && text[at] != '"'; ++at) {
+        if (text[at] == '\\' && at + 1 < text.size()) {
+            ++at;
+        }
+        value.push_back(text[at]);
+    }
+    ++at;
+    return value;
+}
+
+std::string to_lower(std::string text) {
+    std::transform(text.begin(), text.end(), text.begin(),
+                   [](unsigned char sign) { return static_cast<char>(std::tolower(sign)); });
+    return text;
+}
+
 // Reads name="value" or name=value pairs with commas between them (RFC 2617 1.2).
 std::map<std::string, std::string> read_fields(const std::string& text) {
     std::map<std::string, std::string> fields;
-    size_t at = 0;
-    while (at < text.size()) {
-        while (at < text.size() && (text[at] == ' ' || text[at] == ',' || text[at] == '\t')) {
-            ++at;
-        }
-        std::string name;
-        while (at < text.size() && text[at] != '=' && text[at] != ',') {
-            name.push_back(static_cast<char>(std::tolower(static_cast<unsigned char>(text[at++]))));
-        }
+    for (size_t at = 0; at < text.size();) {
+        at = std::min(text.find_first_not_of(" ,\t", at), text.size());
+        const std::string name = to_lower(read_until(text, at, "=,"));
         if (at >= text.size() || text[at] != '=') {
             continue;
         }
         ++at;
-        std::string value;
-        if (at < text.size() && text[at] == '"') {
-            for (++at; at < text.size() && text[at] != '"'; ++at) {
-                if (text[at] == '\\' && at + 1 < text.size()) {
-                    ++at;
-                }
-                value.push_back(text[at]);
-            }
-            ++at;
-        } else {
-            while (at < text.size() && text[at] != ',' && text[at] != ' ') {
-                value.push_back(text[at++]);
-            }
-        }
-        fields.emplace(name, value);
+        const bool is_quoted = at < text.size() && text[at] == '"';
+        fields.emplace(name, is_quoted ? read_quoted(text, at) : read_until(text, at, ", "));
     }
     return fields;
 }

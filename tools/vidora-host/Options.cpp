@@ -2,6 +2,7 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <iterator>
 
 namespace {
 
@@ -110,6 +111,84 @@ void parse_ports(const std::string& text, Options& options) {
     options.max_rtp_port = max_port;
 }
 
+// Options whose values have a form of their own, as they are given.
+struct FormedOptions {
+    std::vector<std::string> listen;
+    std::vector<std::string> live;
+    std::vector<std::string> multicast;
+    std::vector<std::string> users;
+    std::vector<std::string> proxy_to;
+    std::string ports;
+};
+
+void add_server_options(CLI::App& app, Options& options, FormedOptions& formed) {
+    app.add_option("--listen", formed.listen, "ADDR:PORT to listen on, repeatable (default [::]:8554)")
+        ->allow_extra_args(false);
+    app.add_option("--threads", options.threads, "threads of the reactor")
+        ->check(CLI::Range(1, 256))
+        ->capture_default_str();
+    app.add_option("--timeout", options.timeout_sec, "seconds of silence after which a session ends, 0 for never")
+        ->check(CLI::Range(0, 86400))
+        ->capture_default_str();
+    app.add_option("--rtp-ports", formed.ports, "MIN-MAX, local ports for UDP media (default 20000-40000)");
+    app.add_option("--dscp", options.dscp, "DSCP value of UDP media, 0 for none")->check(CLI::Range(0, 63));
+}
+
+void add_content_options(CLI::App& app, Options& options, FormedOptions& formed) {
+    app.add_option("--live", formed.live,
+                   "CONTENT=FILE[,AUDIOFILE], repeatable: FILE (.h264 .m4v .mjpeg .kav) with AUDIOFILE (.alaw .ulaw "
+                   ".mp2) in a loop in real time")
+        ->allow_extra_args(false);
+    app.add_option("--fps", options.fps, "frame rate of .h264, .m4v and .mjpeg files")
+        ->check(CLI::Range(0.1, 240.0))
+        ->capture_default_str();
+    app.add_option(
+           "--recordings", options.recordings,
+           "folder of recordings: NAME.kav is served as NAME.kav, C_S_*.kav also as "
+           "cam/playback?channel=C&subtype=S&starttime=T&endtime=T, T being UTC as 2020_09_13_12_26_40; links out of "
+           "the folder are refused")
+        ->check(CLI::ExistingDirectory);
+}
+
+void add_access_options(CLI::App& app, Options& options, FormedOptions& formed) {
+    app.add_option("--user", formed.users,
+                   "NAME:PASSWORD, repeatable: asks every client for Digest or Basic authentication")
+        ->allow_extra_args(false);
+    app.add_option("--proxy-to", formed.proxy_to,
+                   "HOST[:PORT], repeatable: clients may ask for CONTENT?proxy=HOST:PORT, which relays that server; "
+                   "none without this option")
+        ->allow_extra_args(false);
+    app.add_option("--realm", options.realm, "realm of the authentication")->capture_default_str();
+    app.add_option("--nonce-lifetime", options.nonce_sec, "seconds that a nonce is good for")
+        ->check(CLI::Range(1, 86400))
+        ->capture_default_str();
+}
+
+void add_multicast_options(CLI::App& app, Options& options, FormedOptions& formed) {
+    app.add_option(
+           "--multicast", formed.multicast,
+           "CONTENT=GROUP:PORT[,rtp|ts], repeatable: sends a live stream to a group (default rtp); its content is "
+           "then served by multicast only")
+        ->allow_extra_args(false);
+    app.add_option("--multicast-if", options.multicast_if, "address of the interface that multicast leaves by");
+}
+
+void add_output_options(CLI::App& app, Options& options) {
+    app.add_option("--stats", options.stats_sec, "prints figures every SECONDS")->check(CLI::Range(0, 86400));
+    app.add_flag("--json", options.json, "prints figures and events as JSON lines, and nothing else");
+    app.add_option("--log", options.log_level, "what is logged")
+        ->check(CLI::IsMember({"error", "warn", "info", "debug", "trace"}))
+        ->capture_default_str();
+    app.add_option("--make-kav", options.make_kav, "writes the stream of the one --live option to this file and ends");
+}
+
+template <typename Option>
+std::vector<Option> read_each(const std::vector<std::string>& texts, Option (*read)(const std::string&)) {
+    std::vector<Option> values;
+    std::transform(texts.begin(), texts.end(), std::back_inserter(values), read);
+    return values;
+}
+
 bool is_live(const Options& options, const std::string& content) {
     return std::any_of(options.live.begin(), options.live.end(),
                        [&](const LiveOption& live) { return live.content == content; });
@@ -130,81 +209,30 @@ void check_contents(const Options& options) {
     }
 }
 
+void read_formed(const FormedOptions& formed, Options& options) {
+    options.listen = read_each(formed.listen, parse_listen);
+    options.live = read_each(formed.live, parse_live);
+    options.multicast = read_each(formed.multicast, parse_multicast);
+    options.users = read_each(formed.users, parse_user);
+    options.proxy_to = read_each(formed.proxy_to, parse_proxy);
+    if (!formed.ports.empty()) {
+        parse_ports(formed.ports, options);
+    }
+}
+
 }  // namespace
 
 bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
     CLI::App app("vidora-host: publishes files as live RTSP streams and serves recordings.", "vidora-host");
-    std::vector<std::string> listen;
-    std::vector<std::string> live;
-    std::vector<std::string> multicast;
-    std::vector<std::string> users;
-    std::vector<std::string> proxy_to;
-    std::string ports;
-    app.add_option("--listen", listen, "ADDR:PORT to listen on, repeatable (default [::]:8554)")
-        ->allow_extra_args(false);
-    app.add_option("--threads", options.threads, "threads of the reactor")
-        ->check(CLI::Range(1, 256))
-        ->capture_default_str();
-    app.add_option("--timeout", options.timeout_sec, "seconds of silence after which a session ends, 0 for never")
-        ->check(CLI::Range(0, 86400))
-        ->capture_default_str();
-    app.add_option("--rtp-ports", ports, "MIN-MAX, local ports for UDP media (default 20000-40000)");
-    app.add_option("--dscp", options.dscp, "DSCP value of UDP media, 0 for none")->check(CLI::Range(0, 63));
-    app.add_option("--live", live,
-                   "CONTENT=FILE[,AUDIOFILE], repeatable: FILE (.h264 .m4v .mjpeg .kav) with AUDIOFILE (.alaw .ulaw "
-                   ".mp2) in a loop in real time")
-        ->allow_extra_args(false);
-    app.add_option("--fps", options.fps, "frame rate of .h264, .m4v and .mjpeg files")
-        ->check(CLI::Range(0.1, 240.0))
-        ->capture_default_str();
-    app.add_option(
-           "--recordings", options.recordings,
-           "folder of recordings: NAME.kav is served as NAME.kav, C_S_*.kav also as "
-           "cam/playback?channel=C&subtype=S&starttime=T&endtime=T, T being UTC as 2020_09_13_12_26_40; links out of "
-           "the folder are refused")
-        ->check(CLI::ExistingDirectory);
-    app.add_option("--user", users, "NAME:PASSWORD, repeatable: asks every client for Digest or Basic authentication")
-        ->allow_extra_args(false);
-    app.add_option("--proxy-to", proxy_to,
-                   "HOST[:PORT], repeatable: clients may ask for CONTENT?proxy=HOST:PORT, which relays that server; "
-                   "none without this option")
-        ->allow_extra_args(false);
-    app.add_option("--realm", options.realm, "realm of the authentication")->capture_default_str();
-    app.add_option("--nonce-lifetime", options.nonce_sec, "seconds that a nonce is good for")
-        ->check(CLI::Range(1, 86400))
-        ->capture_default_str();
-    app.add_option(
-           "--multicast", multicast,
-           "CONTENT=GROUP:PORT[,rtp|ts], repeatable: sends a live stream to a group (default rtp); its content is "
-           "then served by multicast only")
-        ->allow_extra_args(false);
-    app.add_option("--multicast-if", options.multicast_if, "address of the interface that multicast leaves by");
-    app.add_option("--stats", options.stats_sec, "prints figures every SECONDS")->check(CLI::Range(0, 86400));
-    app.add_flag("--json", options.json, "prints figures and events as JSON lines, and nothing else");
-    app.add_option("--log", options.log_level, "what is logged")
-        ->check(CLI::IsMember({"error", "warn", "info", "debug", "trace"}))
-        ->capture_default_str();
-    app.add_option("--make-kav", options.make_kav, "writes the stream of the one --live option to this file and ends");
+    FormedOptions formed;
+    add_server_options(app, options, formed);
+    add_content_options(app, options, formed);
+    add_access_options(app, options, formed);
+    add_multicast_options(app, options, formed);
+    add_output_options(app, options);
     try {
         app.parse(argc, argv);
-        for (const std::string& text : listen) {
-            options.listen.push_back(parse_listen(text));
-        }
-        for (const std::string& text : live) {
-            options.live.push_back(parse_live(text));
-        }
-        for (const std::string& text : multicast) {
-            options.multicast.push_back(parse_multicast(text));
-        }
-        for (const std::string& text : users) {
-            options.users.push_back(parse_user(text));
-        }
-        for (const std::string& text : proxy_to) {
-            options.proxy_to.push_back(parse_proxy(text));
-        }
-        if (!ports.empty()) {
-            parse_ports(ports, options);
-        }
+        read_formed(formed, options);
         check_contents(options);
         if (!options.make_kav.empty() && options.live.size() != 1) {
             throw CLI::ValidationError("--make-kav", "wants exactly one --live");
