@@ -7,17 +7,14 @@ endif()
 set(VIDORA_ALL_LAYERS "" CACHE INTERNAL "")
 
 # vidora_layer(name [DIRS dir...] [EXCEPT path...] [PATHS path...] [FILES stem...] [DEPS layer...])
-# DIRS are searched for sources but EXCEPT some; PATHS are sources by themselves, both without their endings. FILES are
-# stems of files at the top of Src, and * takes all that no layer before took.
+# DIRS are searched for sources. FILES are stems of files at the top of Src, and * takes all that no layer before took.
+# Of both those that EXCEPT names are left out; PATHS are sources by themselves, both without their endings.
 function(vidora_layer name)
     cmake_parse_arguments(ARG "" "" "DIRS;EXCEPT;PATHS;FILES;DEPS" ${ARGN})
     set(sources)
     foreach(dir IN LISTS ARG_DIRS)
         file(GLOB_RECURSE found CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${dir}/*.cpp ${PROJECT_SOURCE_DIR}/${dir}/*.h)
         list(APPEND sources ${found})
-    endforeach()
-    foreach(path IN LISTS ARG_EXCEPT)
-        list(REMOVE_ITEM sources ${PROJECT_SOURCE_DIR}/${path}.cpp ${PROJECT_SOURCE_DIR}/${path}.h)
     endforeach()
     foreach(path IN LISTS ARG_PATHS)
         file(GLOB found CONFIGURE_DEPENDS ${PROJECT_SOURCE_DIR}/${path}.cpp ${PROJECT_SOURCE_DIR}/${path}.h)
@@ -31,6 +28,9 @@ function(vidora_layer name)
             list(APPEND sources ${file})
             set_property(GLOBAL APPEND PROPERTY VIDORA_TAKEN_FILES ${file})
         endif()
+    endforeach()
+    foreach(path IN LISTS ARG_EXCEPT)
+        list(REMOVE_ITEM sources ${PROJECT_SOURCE_DIR}/${path}.cpp ${PROJECT_SOURCE_DIR}/${path}.h)
     endforeach()
 
     set(closure)

@@ -1,0 +1,102 @@
+#include "rendezvous/Meeting.h"
+
+namespace rendezvous {
+
+namespace {
+
+const std::chrono::milliseconds ASK_PERIOD{500};
+const std::chrono::milliseconds PUNCH_PERIOD{200};
+const int MAX_OPENS = 5;  // the last of them may have opened the way, whether or not the answer comes through
+const int DONE_COPIES = 3;
+
+}  // namespace
+
+Meeting::state_t Meeting::Step(instant_t now) {
+    std::string datagram;
+    Address from;
+    while (m_sock.Receive(datagram, from)) {
+        take(datagram, from);
+    }
+    if (m_state < MET && now >= m_deadline) {
+        m_state = FAILED;
+    }
+    if (m_state < MET && now >= m_next_send) {
+        send_due(now);
+    }
+    return m_state;
+}
+
+// Once the peer is known, anything else that comes from there is its library's first word: the way is open.
+void Meeting::take(const std::string& datagram, const Address& from) {
+    const words_t words = ParseMessage(datagram);
+    if (words.size() >= 2 && words[1] == m_key) {
+        take_words(words, from);
+    } else if (words.empty() && from == m_peer && (m_state == PUNCHES || m_state == OPENS)) {
+        enter(MET);
+    }
+}
+
+// A translation may give the peer another outer address than the point has seen: the key tells that it is him.
+void Meeting::take_words(const words_t& words, const Address& from) {
+    const std::string& verb = words[0];
+    if (from == m_point) {
+        if (verb == "NONE" && m_state == ASKS) {
+            enter(FAILED);
+        } else if (verb == "PEER" && words.size() > 2 && m_state == ASKS) {
+            m_peer = Address::Parse(words[2], true);
+            enter(m_peer.IsValid() ? PUNCHES : ASKS);
+        }
+        return;
+    }
+    const bool is_last = verb == (is_viewer() ? "DONE" : "OPEN");
+    if (m_state < MET && (verb == "PUNCH" || is_last)) {
+        m_peer = from;
+        if (is_last) {
+            enter(MET);
+        } else if (is_viewer() && m_state != OPENS) {
+            enter(OPENS);
+        }
+    }
+}
+
+void Meeting::enter(state_t state) {
+    m_state = state;
+    m_next_send = {};
+    if (state == MET && !is_viewer()) {
+        for (int i = 0; i < DONE_COPIES; ++i) {
+            m_sock.Send({"DONE", m_key}, m_peer);
+        }
+    }
+}
+
+void Meeting::send_due(instant_t now) {
+    switch (m_state) {
+        case ASKS:
+            m_sock.Send(is_viewer() ? words_t{"MEET", m_key, m_name} : words_t{"JOIN", m_key}, m_point);
+            m_next_send = now + ASK_PERIOD;
+            return;
+        case PUNCHES:
+            m_sock.Send({"PUNCH", m_key}, m_peer);
+            m_next_send = now + PUNCH_PERIOD;
+            return;
+        case OPENS:
+            if (m_opens++ >= MAX_OPENS) {
+                enter(MET);
+                return;
+            }
+            m_sock.Send({"OPEN", m_key}, m_peer);
+            m_next_send = now + PUNCH_PERIOD;
+            return;
+        default:
+            return;
+    }
+}
+
+PunchedSocket Meeting::Take() {
+    PunchedSocket met;
+    met.peer = m_peer.Text();
+    met.fd = m_sock.Release();
+    return met;
+}
+
+}  // namespace rendezvous
