@@ -29,6 +29,8 @@ public:
     // and what came behind it. `deadline_us`, of CTime::getCurrentMicroSecond: until then it may wait for its other
     // half. 0, or -1 if the connection was refused.
     virtual int add_connection(Tramel::CSockStream* sock, const char* buf, int len, uint64_t deadline_us) = 0;
+    // Drops the connections that wait for their other half.
+    virtual void Stop() = 0;
     virtual void Close() = 0;
 
 protected:

@@ -31,6 +31,8 @@ public:
     // Takes `count` more bytes, and serves what is whole; the rest moves to the front. The count that is left;
     // negative: the conversation has to end.
     int Take(int count, CSvrConversation& conversation);
+    // Forgets what waits.
+    void Clear() { m_length = 0; }
 
 private:
     int take_frame(const char* cursor, CSvrConversation& conversation) const;

@@ -72,7 +72,8 @@ protected:
     int take_requests(int count);
     // Sends texts on m_sock from now on.
     void open_sender();
-    // Prepares m_sock, and puts the host's module of that type in front.
+    // Prepares m_sock, and puts the host's module of that type in front. Whether URLs of ONVIF are judged by it is what
+    // the configuration says, on every kind of connection: none is a way round it.
     void open_connection(rtsp_auth_t auth_type);
     // Lets the system break a connection whose peer has gone.
     void watch_peer(CSockStream& sock) const;

@@ -171,7 +171,7 @@ int CSvrSessionManager::AddNewConnect(int fd, const char* buf, int len, long ext
             return result;
         }
     }
-    const int bytes = std::clamp(len, 0, MAX_HANDED_LEN);
+    const int bytes = std::clamp(len, 0, text_len);  // base64 holds no NUL, and who counts wrong has no more
     if (is_http(buf, bytes)) {
         logInfo("%s %d HTTP Add New Connect!\n", __FILE__, __LINE__);
         hand_on_http(sock.release(), buf, bytes, CTime::getCurrentMicroSecond() + IDENTIFY_TIMEOUT_US);
@@ -288,7 +288,7 @@ int CSvrSessionManager::drop_locked(connections_t::iterator it) {
 
 void CSvrSessionManager::hand_on_http(CSockStream* sock, const char* buf, int len, uint64_t deadline_us) {
     CGuard guard(m_mutex);
-    if (m_http_manager != nullptr) {
+    if (m_http_manager != nullptr && !m_stopped) {
         m_http_manager->add_connection(sock, buf, len, deadline_us);
     } else {
         delete sock;
@@ -323,6 +323,9 @@ void CSvrSessionManager::Stop() {
     m_stopped = true;
     while (!m_connections.empty()) {
         drop_locked(m_connections.begin());
+    }
+    if (m_http_manager != nullptr) {
+        m_http_manager->Stop();
     }
 }
 

@@ -70,6 +70,10 @@ CHttpParser::result_t CHttpParser::parse(std::string_view bytes) {
         logError("%s:%d no %s error\n", __FILE__, __LINE__, "x-sessioncookie: ");
         return HTTP_NO_COOKIE;
     }
+    if (!m_rest.empty()) {
+        logInfo("%s:%d Rtsp Request recved in first GET:%s, m_recvLen:%d \n", __FILE__, __LINE__, "***",
+                static_cast<int>(m_rest.size()));
+    }
     return HTTP_OK;
 }
 

@@ -63,6 +63,7 @@ private:
 enum tunnel_message_t {
     MSG_TUNNEL_ARRIVAL = 0x1f11,  // to the manager itself: a connection has come
     MSG_TUNNEL_POST = 0x1f12,     // to the session: a POST is offered
+    MSG_TUNNEL_STOP = 0x1f13,     // to the manager itself: who waits is dropped
     MSG_TUNNEL_ENDED = 0x1000     // to the manager: the sender has gone
 };
 

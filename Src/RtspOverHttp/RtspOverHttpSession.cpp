@@ -43,7 +43,6 @@ int CRtspOverHttpSession::Init(int /*count*/) {
 // What came with its head is taken in before any further byte is read.
 int CRtspOverHttpSession::set_post_stream(std::unique_ptr<HttpPost> post) {
     m_post = std::move(post);
-    m_base64 = CBase64Stream();
     watch_peer(*m_post->sock);
     if (decode_post_data(m_post->Rest()) < 0) {
         return -1;
@@ -101,11 +100,18 @@ int CRtspOverHttpSession::read_post() {
     return decode_post_data(std::string_view(text, static_cast<size_t>(count))) < 0 ? -1 : count;
 }
 
+// A body that has come whole may end within a request, which goes on in the next one. Of one that broke off the client
+// can't know how much has come: it says its request again.
 int CRtspOverHttpSession::drop_post() {
-    if (m_post != nullptr) {
-        RemoveSock(*m_post->sock);
-        m_post.reset();
+    if (m_post == nullptr) {
+        return -1;
     }
+    RemoveSock(*m_post->sock);
+    if (!m_post->IsUsedUp()) {
+        m_base64 = CBase64Stream();
+        m_requests.Clear();
+    }
+    m_post.reset();
     return -1;
 }
 
@@ -127,12 +133,16 @@ int CRtspOverHttpSession::decode_post_data(std::string_view text) {
     m_last_byte_us = text.empty() ? m_last_byte_us : CTime::getCurrentMicroSecond();
     const size_t length = text.size();
     while (!text.empty()) {
-        const int count = m_base64.Decode(text, m_requests.Free(), m_requests.Room());
-        if (count < 0 || (count == 0 && m_requests.Room() == 0)) {
-            logError("%s:%d base64 text of %zu bytes refused\n", __FILE__, __LINE__, length);
+        const int room = m_requests.Room();
+        const int count = m_base64.Decode(text, m_requests.Free(), room);
+        if (count < 0 || room == 0) {
+            const char* why = room == 0 ? "%s:%d m_buf_base64:%zu bytes too long, refused\n"
+                                        : "%s:%d m_buf_base64:%zu bytes of no base64, refused\n";
+            logError(why, __FILE__, __LINE__, length);
             m_conversation.End(MSG_SRC_FAIL);
             return -1;
         }
+        logDebug("%s:%d m_recv_buffer:%d bytes\n", __FILE__, __LINE__, count);
         if (count > 0 && take_requests(count) < 0) {
             logError("%s:%d, parse_request failed.\n", __FILE__, __LINE__);
             return -1;

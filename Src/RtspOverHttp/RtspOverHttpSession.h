@@ -17,7 +17,10 @@ namespace Vidora {
 // keep-alive time, which runs from the last byte of a body. What comes on a later POST is judged by the gate anew: who
 // knows the cookie alone can do nothing.
 //
-// The host hears no connect event of it, and so no disconnect event; by RTCP it hears nothing either.
+// A new POST goes on in the middle of a request only if the former one came to the length that its head spoke of.
+//
+// The host hears no connect event of it, and so no disconnect event. The client gets sender reports if the
+// configuration asks for the standards' way.
 //
 // OWNERSHIP  Owns both connections; shares the tunnel with the manager, which it tells of its end by a message.
 class CRtspOverHttpSession : public CSvrSessionCore {
@@ -32,7 +35,7 @@ public:
     int handle_input(int fd) override;
     int64_t handle_timeout(long timer_id) override;
     int handle_message(long sender_id, unsigned int msg, long param) override;
-    bool SendsReports() const override { return false; }
+    bool SendsReports() const override { return m_conversation.Config().GetConformance(); }
 
 protected:
     int Init(int count) override;

@@ -1,9 +1,11 @@
 #include "RtspOverHttp/RtspOverHttpSessionManager.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 #include <utility>
 
+#include "Protocol/LogQuote.h"
 #include "RtspOverHttp/HttpParser.h"
 #include "RtspOverHttp/RtspOverHttpSession.h"
 #include "SvrConversation.h"
@@ -13,9 +15,12 @@ namespace Vidora {
 
 namespace {
 
-const char GET_REPLY[] =
+const std::string_view GET_REPLY =
     "HTTP/1.0 200 OK\r\nServer: Rtsp Server/2.0\r\nContent-Type: application/x-rtsp-tunnelled\r\n\r\n";
-const int GET_REPLY_LENGTH = sizeof(GET_REPLY) - 1;
+// What caches on the way have to know (RFC 7234).
+const std::string_view UNCACHED_GET_REPLY =
+    "HTTP/1.0 200 OK\r\nServer: Rtsp Server/2.0\r\nConnection: close\r\nCache-Control: no-store\r\n"
+    "Pragma: no-cache\r\nContent-Type: application/x-rtsp-tunnelled\r\n\r\n";
 const size_t DROP_READ_SIZE = 32768;
 const int LOGGED_COOKIE = 4;  // characters
 const size_t MAX_ADDRESS = 128;
@@ -26,6 +31,11 @@ std::string address_of(const CSockStream& sock) {
     sock.GetRemoteAddr(&peer);
     peer.GetIpStr(text, sizeof(text));
     return text;
+}
+
+// The first line of a request, as a line of the log may show it.
+CLogQuote first_line(const char* bytes, size_t length) {
+    return CLogQuote(Ostra::LOG_LEVEL_ERROR, bytes, std::min(std::string_view(bytes, length).find("\r\n"), length));
 }
 
 struct SessionCloser {
@@ -84,9 +94,9 @@ int CRtspOverHttpSessionManager::add_connection(CSockStream* sock, const char* b
 }
 
 int CRtspOverHttpSessionManager::handle_message(long sender_id, unsigned int msg, long /*param*/) {
-    if (msg == MSG_TUNNEL_ARRIVAL) {
+    if (msg == MSG_TUNNEL_ARRIVAL || msg == MSG_TUNNEL_STOP) {
         take_arrivals();
-        return 0;
+        return msg == MSG_TUNNEL_STOP ? drop_waiting(), 0 : 0;
     }
     const auto it = m_running.find(sender_id);
     if (msg == MSG_TUNNEL_ENDED && it != m_running.end()) {
@@ -107,7 +117,8 @@ void CRtspOverHttpSessionManager::take_arrivals() {
     for (const std::unique_ptr<TArrival>& arrival : arrivals) {
         CHttpParser parser;
         if (parser.parse(std::string_view(arrival->bytes.get(), arrival->length)) != CHttpParser::HTTP_OK) {
-            logError("%s:%d http parse failed, req of %zu bytes\n", __FILE__, __LINE__, arrival->length);
+            logError("%s:%d http parse failed, req:%s\n", __FILE__, __LINE__,
+                     first_line(arrival->bytes.get(), arrival->length).Text());
             continue;
         }
         int result = -1;
@@ -116,7 +127,8 @@ void CRtspOverHttpSessionManager::take_arrivals() {
         } catch (const std::bad_alloc&) {
         }
         if (result < 0) {
-            logError("%s:%d handle_http_request failed, req of %zu bytes\n", __FILE__, __LINE__, arrival->length);
+            logError("%s:%d handle_http_request failed, req:%s\n", __FILE__, __LINE__,
+                     first_line(arrival->bytes.get(), arrival->length).Text());
         }
     }
 }
@@ -144,11 +156,17 @@ int CRtspOverHttpSessionManager::handle_http_request(TArrival& arrival, const CH
     return start_session(it, arrival, parser);
 }
 
+std::string_view CRtspOverHttpSessionManager::get_reply() {
+    CGuard guard(m_mutex);
+    return m_config.GetConformance() ? UNCACHED_GET_REPLY : GET_REPLY;
+}
+
 // Bytes behind its head are of no use.
 int CRtspOverHttpSessionManager::take_get(TArrival& arrival, const CHttpParser& parser) {
-    if (arrival.sock->Send(GET_REPLY, GET_REPLY_LENGTH) != GET_REPLY_LENGTH) {
-        logError("%s:%d new_sock->Send failed, resp.c_str():%s size:%d\n", __FILE__, __LINE__, GET_REPLY,
-                 GET_REPLY_LENGTH);
+    const std::string_view reply = get_reply();
+    const int size = static_cast<int>(reply.size());
+    if (arrival.sock->Send(reply.data(), static_cast<unsigned int>(size)) != size) {
+        logError("%s:%d new_sock->Send failed, resp.c_str():%s size:%d\n", __FILE__, __LINE__, reply.data(), size);
         return -1;
     }
     const auto place = m_sessions.try_emplace(std::string(parser.cookie())).first;
@@ -181,6 +199,12 @@ int CRtspOverHttpSessionManager::drop_get(nodes_t::iterator place) {
     m_waiting.erase(sock.GetHandle());
     m_sessions.erase(place);
     return -1;
+}
+
+void CRtspOverHttpSessionManager::drop_waiting() {
+    while (!m_waiting.empty()) {
+        drop_get(m_waiting.begin()->second);
+    }
 }
 
 int CRtspOverHttpSessionManager::start_session(nodes_t::iterator place, TArrival& arrival, const CHttpParser& parser) {
@@ -240,6 +264,10 @@ int CRtspOverHttpSessionManager::handle_input_timeout(int fd) {
     }
     logInfo("%s:%d GET Request Timeout\n", __FILE__, __LINE__);
     return drop_get(it->second);
+}
+
+void CRtspOverHttpSessionManager::Stop() {
+    Notify(GetID(), MSG_TUNNEL_STOP, 0);
 }
 
 void CRtspOverHttpSessionManager::Close() {

@@ -5,6 +5,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <string_view>
 
 #include "HttpIntake.h"
 #include "RtspOverHttp/HttpTunnel.h"
@@ -40,6 +41,7 @@ public:
     int handle_input_timeout(int fd) override;
     int handle_message(long sender_id, unsigned int msg, long param) override;
     int handle_close(CNetHandler* handler) override;
+    void Stop() override;
     void Close() override;
 
 private:
@@ -62,7 +64,9 @@ private:
 
     ~CRtspOverHttpSessionManager() override = default;
 
+    std::string_view get_reply();
     void take_arrivals();
+    void drop_waiting();
     int handle_http_request(TArrival& arrival, const CHttpParser& parser);
     int take_get(TArrival& arrival, const CHttpParser& parser);
     int start_session(nodes_t::iterator place, TArrival& arrival, const CHttpParser& parser);

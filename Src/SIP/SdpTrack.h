@@ -16,6 +16,8 @@ public:
     // Once. False, with a log line, if it has no medium that could be sent or received.
     bool Read(const char* sdp);
 
+    // An enc_type_t; audio is ENC_TYPE_AUDIO whatever its codec, but for MPEG audio, which has a payload format of its
+    // own (RFC 2250).
     int EncType() const { return m_decoder.enc_type; }
     uint8_t PayloadType() const { return m_decoder.payload_type; }
     // RTP ticks a second.

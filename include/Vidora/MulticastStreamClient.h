@@ -49,8 +49,10 @@ struct multicast_track_info_t {
 //            clients of a thread share what datagrams are read into.
 class VIDORA_API IMulticastStreamClient {
 public:
-    // Gets each frame; the handle may be kept. An invalid frame says that a socket failed: it is the last call for the
-    // track, and Stop or another Start is what is left.
+    // Gets each frame; the handle may be kept. As there is no description, an audio frame bears the encode code 10
+    // (KX_AUDIO_PCMU) whatever its samples are; those are the payload as it came, by the payload type 8 A-law (RFC
+    // 3551). A host that knows its group reads them by what it knows, not by that code. An invalid frame says that a
+    // socket failed: it is the last call for the track, and Stop or another Start is what is left.
     typedef TFunction1<void, const Flumen::CMediaFrame&> frame_proc_t;
 
     // For the client itself: hosts call Stop.

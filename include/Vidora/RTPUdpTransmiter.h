@@ -60,6 +60,11 @@ public:
     IRTPUdpTransmiter(const IRTPUdpTransmiter& other);
     IRTPUdpTransmiter& operator=(const IRTPUdpTransmiter& other);
 
+protected:
+    // First of the virtual operations, whose order hosts that derive from this class rely on.
+    virtual ~IRTPUdpTransmiter();
+
+public:
     // Ends it: gives the socket up, so that no callback starts and nothing is sent any more, and frees the object.
     virtual void Close();
     // Tells the track of a direction: the first medium of `sdp`, audio (any payload name: G.711, ...) or video (H264,
@@ -88,9 +93,6 @@ public:
     virtual int Detach();
     // What was received.
     virtual void GetStatistics(RtpUdpStatistics& statistics);
-
-protected:
-    virtual ~IRTPUdpTransmiter();
 };
 
 }  // namespace Vidora

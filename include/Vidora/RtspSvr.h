@@ -77,7 +77,7 @@ public:
     int handle_message(long sender_id, unsigned int msg, long param) override;
     int handle_close(CNetHandler* handler) override;
 
-    // Plain RTSP sessions that live now, in the whole process.
+    // Sessions that live now, in the whole process, on whatever kind of connection.
     static unsigned int GetSessionCount();
     // Figures of the whole process; cheap, any thread.
     static void GetStatistics(RtspSvrStatistics& statistics);

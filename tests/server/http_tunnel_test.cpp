@@ -35,7 +35,7 @@ struct Tunnel {
     explicit Tunnel(int port, const std::string& name = COOKIE, const std::string& body = "")
         : get(port), cookie(name) {
         get.Send(Head("GET", cookie));
-        EXPECT_EQ(HEAD_REPLY, get.Reply().head);
+        EXPECT_EQ("application/x-rtsp-tunnelled", get.Reply().Header("Content-Type"));
         Post(port, body);
     }
     void Post(int port, const std::string& body = "", const std::string& headers = "", const char* from = nullptr) {
@@ -227,6 +227,46 @@ TEST_F(HttpTunnel, BodiesAreReadAsTheyCome) {
     }
 }
 
+// A proxy ends a body where its announced length ends, wherever that is; a body that broke off is forgotten.
+TEST_F(HttpTunnel, ABodyGoesOnInTheNextOneIfItCameWhole) {
+    StartWithChannel();
+    const std::string text = Encode(OPTIONS_TEXT);
+    Tunnel tunnel(m_port, COOKIE, text);
+    EXPECT_EQ(200, tunnel.get.Reply().status);
+    for (size_t cut = 1; cut < text.size(); cut += 5) {
+        tunnel.EndPost();
+        tunnel.Post(m_port, text.substr(0, cut));
+        tunnel.EndPost();
+        tunnel.Post(m_port, text.substr(0, cut), "Content-Length: " + std::to_string(cut) + "\r\n");
+        tunnel.EndPost();
+        tunnel.Post(m_port, text.substr(cut));
+        ASSERT_EQ(200, tunnel.get.Reply().status) << cut;
+        EXPECT_TRUE(tunnel.get.Silent(0));
+    }
+}
+
+TEST_F(HttpTunnel, TheStandardsWayTellsCachesAndSendsReports) {
+    Set(RTSP_SVR_CONFIG_CONFORMANCE, 1);
+    CFakeStreamSource* source = StartWithChannel();
+    CRtspTestClient waiting(m_port);
+    waiting.Send(Head("GET", "waiting"));
+    const RtspReply reply = waiting.Reply();
+    EXPECT_EQ("no-store", reply.Header("Cache-Control"));
+    EXPECT_EQ("no-cache", reply.Header("Pragma"));
+    EXPECT_EQ("close", reply.Header("Connection"));
+    EXPECT_EQ("application/x-rtsp-tunnelled", reply.Header("Content-Type"));
+    Tunnel tunnel(m_port);
+    tunnel.Play(Url());
+    ASSERT_TRUE(Give(source, 0));
+    EXPECT_EQ(0, tunnel.get.Frame().channel);
+    Support::AdvanceClock(5000);
+    RtspFrame frame = tunnel.get.Frame();
+    while (frame.channel == 0) {
+        frame = tunnel.get.Frame();
+    }
+    EXPECT_EQ(1, frame.channel);
+}
+
 TEST_F(HttpTunnel, BadBodiesEndTheirSession) {
     StartWithChannel();
     for (const std::string& body : {std::string("!!!!"), std::string("=AAAA"), Encode("hello\r\n\r\n"),
@@ -277,11 +317,13 @@ TEST_F(HttpTunnel, StrangersAreRefused) {
 
 TEST_F(HttpTunnel, EveryPostIsJudgedByTheGate) {
     Set(RTSP_SVR_CONFIG_HTTP_AUTH_TYPE, rtsp_auth_t{1});
+    Set(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, OnvifUserGlobalConfig{1});
     SetFunction(RTSP_SVR_CONFIG_AUTH_FUNC, &CTunnelModule::Make);
     StartWithChannel();
     const char good[] = "Authorization: Basic good\r\n";
     Tunnel tunnel(m_port);
     EXPECT_EQ(401, tunnel.Ask("DESCRIBE", Url()).status);
+    EXPECT_EQ(401, tunnel.Ask("DESCRIBE", Url() + "&proto=Onvif").status);
     for (int i = 0; i < 3; ++i) {
         EXPECT_EQ(401, tunnel.Ask("DESCRIBE", Url(), "Authorization: Basic bad\r\n").status);
         EXPECT_EQ(200, tunnel.Ask("DESCRIBE", Url(), good).status);
@@ -322,10 +364,12 @@ TEST_F(HttpTunnel, TunnelsEndWithTheirServer) {
     EXPECT_EQ(HEAD_REPLY, waiting.Reply().head);
     Tunnel running(m_port, "running", Encode(OPTIONS_TEXT));
     EXPECT_EQ(200, running.get.Reply().status);
+    m_svr->Stop();
+    EXPECT_TRUE(waiting.Closed());
+    EXPECT_EQ(200, running.Ask("OPTIONS", "*").status);
     m_svr->Close();
     m_svr = nullptr;
     EXPECT_TRUE(running.get.Closed());
-    EXPECT_TRUE(waiting.Closed());
 }
 
 TEST_F(HttpTunnel, ThousandsOfHalvesLeaveNothing) {
