@@ -129,7 +129,7 @@ int CStreamReceiver::find_rtcp_track(int channel) const {
 
 int CStreamReceiver::find_payload_track(int payload_type) const {
     for (int i = 0; i < m_tracks.count; ++i) {
-        if (m_tracks.tracks[i].payload_type == payload_type) {
+        if (m_tracks.tracks[i].payload_type == payload_type || m_tracks.tracks[i].payload_type < 0) {
             return i;
         }
     }

@@ -112,6 +112,7 @@ protected:
     // Index of the track with this channel, or -1.
     int find_rtp_track(int channel) const;
     int find_rtcp_track(int channel) const;
+    // The first track that takes this payload type.
     int find_payload_track(int payload_type) const;
     // The time that counts as the arrival of what is handled next: once a read.
     void mark_arrival();

@@ -238,6 +238,7 @@ bool CClientConversation::check_requests() {
     while (m_requests.TakeOlder(now, ClientTiming().reply_ms, request)) {
         m_parser.forget_request(request.cseq);
         m_slots.DropCSeq(request.cseq);
+        m_link.OnAnswered(request.cseq);
         // A server that stops answering while it plays isn't punished for that alone.
         if (m_state != CLIENT_PLAYING) {
             logError("%s:%d rtsp keepalive failed, timeout:%d seconds \n", __FILE__, __LINE__,

@@ -37,6 +37,15 @@ struct client_play {
     SmpteTime smpte[2];
     float speed = 1.0F;
     bool scale = false;
+
+    static client_play Npt(float begin, float end, float speed, bool scale) {
+        client_play play;
+        play.begin = begin;
+        play.end = end;
+        play.speed = speed;
+        play.scale = scale;
+        return play;
+    }
 };
 
 // A request of the application.
@@ -104,6 +113,7 @@ public:
     // ILinkUser and IReceiveUser.
     void OnLinkUp() override;
     int TakeMessage(const char* text, unsigned int length) override;
+    void TakeDatagram(const char* text, unsigned int length) override;
     void OnLinkFlooded() override;
     void OnLinkFailed(rtsp_client_failure_t failure) override;
     void OnReceivedReply(const std::string& text) override;

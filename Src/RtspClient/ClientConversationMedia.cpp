@@ -291,6 +291,9 @@ int CClientConversation::open_back_channel() {
 }
 
 int CClientConversation::send_reports() {
+    if (!m_link.SendsReports()) {
+        return 0;
+    }
     for (const client_track& track : m_tracks.All()) {
         if (!CClientTracks::Delivers(track)) {
             continue;

@@ -72,7 +72,8 @@ int CClientConversation::transmit(const char* text, rtsp_method_t method) {
         }
         text = is_signed.c_str();
     }
-    return m_link.Send(text, static_cast<unsigned int>(std::strlen(text)));
+    const unsigned int length = static_cast<unsigned int>(std::strlen(text));
+    return method == RTSP_METHOD_TEARDOWN ? m_link.Send(text, length) : m_link.SendRequest(text, length);
 }
 
 int CClientConversation::send_keepalive() {
@@ -144,11 +145,14 @@ void CClientConversation::answer_request(const char* text, unsigned int length) 
 }
 
 void CClientConversation::OnReceivedReply(const std::string& text) {
-    const unsigned int length = static_cast<unsigned int>(text.size());
-    if (IsEnded() || TakeMessage(text.c_str(), length) == static_cast<int>(length) || IsEnded()) {
+    TakeDatagram(text.c_str(), static_cast<unsigned int>(text.size()));
+}
+
+void CClientConversation::TakeDatagram(const char* text, unsigned int length) {
+    if (IsEnded() || TakeMessage(text, length) == static_cast<int>(length) || IsEnded()) {
         return;
     }
-    const CLogQuote quote(Ostra::LOG_LEVEL_ERROR, text.c_str(), length);
+    const CLogQuote quote(Ostra::LOG_LEVEL_ERROR, text, length);
     logError("%s:%d recv_buf:%s\n", __FILE__, __LINE__, quote.Text());
     Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_REPLY, RTSP_CLIENT_FAILURE_PROTOCOL);
 }
@@ -162,7 +166,10 @@ void CClientConversation::take_reply(const char* text, unsigned int length, cons
     if (info.status >= STATUS_PROVISIONAL && info.status < STATUS_SUCCESS) {
         m_parser.expect_reply(request.cseq, request.method);
         m_requests.Add(request);
-    } else if (info.status == STATUS_UNAUTHORIZED) {
+        return;
+    }
+    m_link.OnAnswered(request.cseq);
+    if (info.status == STATUS_UNAUTHORIZED) {
         take_challenge(request, text, length, info);
     } else if (is_redirect(info.status) && request.kind == REQUEST_MAIN) {
         take_redirect(text, length, info);

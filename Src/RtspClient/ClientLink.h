@@ -17,6 +17,8 @@ public:
     // Bytes at whose start a message stands. How many of them it takes; 0 while it isn't there whole; -1: no more
     // input, the link is closed.
     virtual int TakeMessage(const char* text, unsigned int length) = 0;
+    // The same for a link whose every datagram is one whole message: text with a NUL behind it.
+    virtual void TakeDatagram(const char* text, unsigned int length) = 0;
     // The input can't hold a message, being full without one.
     virtual void OnLinkFlooded() = 0;
     // There is no link, or it broke.
@@ -34,8 +36,14 @@ public:
     virtual ~IClientLink() = default;
 
     virtual bool IsUp() const = 0;
-    // Sends a request, or a packet behind its interleave header, whole and in order. 0 or -1.
+    // Sends a message that needs no reply, or a packet behind its interleave header, whole and in order. 0 or -1.
     virtual int Send(const char* bytes, unsigned int length) = 0;
+    // Sends a request, which a link that may lose it repeats until OnAnswered. 0 or -1.
+    virtual int SendRequest(const char* text, unsigned int length) { return Send(text, length); }
+    // The reply to the request with that CSeq has come, or isn't waited for any more.
+    virtual void OnAnswered(int /*cseq*/) {}
+    // Whether receiver reports (RFC 3550 6.4.2) may travel on it.
+    virtual bool SendsReports() const { return true; }
     // The addresses of the two ends; invalid while it isn't up.
     virtual CSockAddrStorage Peer() const = 0;
     virtual CSockAddrStorage Local() const = 0;

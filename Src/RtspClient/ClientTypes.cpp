@@ -4,6 +4,8 @@
 
 #include <cstring>
 
+#include "Protocol/LogQuote.h"
+#include "Tramel/IpText.h"
 #include "Vidora/RtspUrlParser.h"
 
 namespace Kavio {
@@ -25,8 +27,48 @@ bool client_host::Reads(const std::string& url) {
     return true;
 }
 
+CSockAddrStorage client_host::Address() const {
+    sockaddr_storage native = {};
+    CSockAddrStorage addr;
+    if (Tramel::ParseIpText(name.c_str(), native)) {
+        addr.SetSockAddr(reinterpret_cast<const sockaddr*>(&native), sizeof(native));
+        addr.SetPort(port);
+    }
+    return addr;
+}
+
 bool client_host::operator==(const client_host& other) const {
     return port == other.port && strcasecmp(name.c_str(), other.name.c_str()) == 0;
+}
+
+bool ReadClientUrl(const std::string& url, client_settings& settings, client_host& host) {
+    CRtspUrlParser parser;
+    char user[AUTH_TEXT_SIZE] = "";
+    char password[AUTH_TEXT_SIZE] = "";
+    auth_info_tc auth = {user, password};
+    const unsigned int length = static_cast<unsigned int>(url.size());
+    if (url.size() > RTSP_MAX_TEXT || !parser.ParseUrl(url.c_str(), length) || !host.Reads(url)) {
+        const CLogQuote quote(Ostra::LOG_LEVEL_WARN, url.c_str());
+        logWarn("%s:%d invalid rtsp url: %s\n", __FILE__, __LINE__, quote.Text());
+        return false;
+    }
+    if (parser.GetAuthInfo(auth, 0) == 0) {
+        settings.user = user;
+        settings.password = password;
+        settings.has_auth = true;
+    }
+    return true;
+}
+
+int client_settings::SetUser(const char* name, const char* secret) {
+    if (name == nullptr) {
+        logWarn("%s:%d return -1\n", __FILE__, __LINE__);
+        return -1;
+    }
+    user = name;
+    password = secret != nullptr ? secret : "";
+    has_auth = true;
+    return 0;
 }
 
 }  // namespace Vidora

@@ -2,9 +2,11 @@
 #define VIDORA_RTSPCLIENT_CLIENTTYPES_H
 
 #include <cstdint>
+#include <new>
 #include <string>
 
 #include "Protocol/RtspParser.h"
+#include "Vidora/Names.h"
 #include "Vidora/RtspClientSession.h"
 #include "Vidora/Types.h"
 
@@ -43,6 +45,9 @@ struct client_settings {
     unsigned int idle_ms = 0;
     bool conformance = false;
     CRtspParser::ext_keys_t ext_keys[RTSP_METHOD_COUNT];
+
+    // A null password is empty. 0, or -1 for a null user.
+    int SetUser(const char* name, const char* secret);
 };
 
 // The periods and limits of all clients, here in one place so that tests can shorten them.
@@ -53,8 +58,10 @@ struct client_timing {
     unsigned int reply_ms = 31000;    // for a request
     int keepalive_ticks = 30;
     int report_ticks = 5;
-    unsigned int peer_seconds = 60;  // without an acknowledgement of the server's system
-    int64_t redirect_us = 1000000;   // between redirects in a row, from the ninth on
+    unsigned int peer_seconds = 60;      // without an acknowledgement of the server's system
+    int64_t redirect_us = 1000000;       // between redirects in a row, from the ninth on
+    unsigned int nat_connect_ticks = 5;  // for a hello through a NAT
+    unsigned int nat_hello_ticks = 5;    // between two hellos that keep the way open
 };
 client_timing& ClientTiming();
 
@@ -68,8 +75,23 @@ struct client_host {
     unsigned short port = 0;
 
     bool Reads(const std::string& url);
+    // Its address; invalid if it has a name.
+    CSockAddrStorage Address() const;
     bool operator==(const client_host& other) const;
 };
+
+// Checks a URL, and takes its host and the user and password that it names. False, with a log line, if it is none.
+bool ReadClientUrl(const std::string& url, client_settings& settings, client_host& host);
+
+// An operation of a facade: allocation that fails is its failure.
+template <typename Operation>
+int GuardedCall(Operation operation) {
+    try {
+        return operation();
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+}
 
 }  // namespace Vidora
 }  // namespace Kavio

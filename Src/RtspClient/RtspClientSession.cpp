@@ -29,16 +29,6 @@ const size_t MAX_HEAD_SIZE = 1024;           // what a request has besides its U
 const int64_t SECONDS_TO_1970 = 2208988800;  // from 1900, where NTP time begins
 const int64_t US_PER_SECOND = 1000000;
 
-// Allocation that fails is the operation's failure.
-template <typename Operation>
-int guarded(Operation operation) {
-    try {
-        return operation();
-    } catch (const std::bad_alloc&) {
-        return -1;
-    }
-}
-
 bool is_redirect(long param) {
     return param == CODE_MOVED_PERMANENTLY || param == CODE_MOVED_TEMPORARILY;
 }
@@ -126,11 +116,11 @@ int CRtspClientSession::Start(const char* url, long notify_id, int sock) {
 int CRtspClientSession::start(const char* url, long notify_id, rtp_protocol_t transport, int sock) {
     Internal& self = *m_internal;
     const bool is_valid = url != nullptr && (transport == RTP_OVER_RTSP || transport == RTP_OVER_UDP);
-    const int result = !is_valid || self.m_client == nullptr || self.m_started ? -1 : guarded([&] {
+    const int result = !is_valid || self.m_client == nullptr || self.m_started ? -1 : GuardedCall([&] {
         const std::string text(url);
         self.m_settings.transport = transport;
         self.m_notify_id = notify_id;
-        if (!CRtspClient::ReadUrl(text, self.m_settings, self.m_origin)) {
+        if (!ReadClientUrl(text, self.m_settings, self.m_origin)) {
             return -1;
         }
         return sock < 0 ? self.m_client->Start(text, self.m_settings)
@@ -182,16 +172,11 @@ int CRtspClientSession::play(const client_play& play) {
     if (m_internal->m_client == nullptr || !m_internal->m_ready) {
         return -1;
     }
-    return guarded([&] { return m_internal->m_client->Conversation().Play(play); });
+    return GuardedCall([&] { return m_internal->m_client->Conversation().Play(play); });
 }
 
 int CRtspClientSession::Play(float begin, float end, float speed, bool scale) {
-    client_play wish;
-    wish.begin = begin;
-    wish.end = end;
-    wish.speed = speed;
-    wish.scale = scale;
-    return play(wish);
+    return play(client_play::Npt(begin, end, speed, scale));
 }
 
 int CRtspClientSession::Play(UtcTime* begin, UtcTime* end, float speed, bool scale) {
@@ -221,7 +206,7 @@ int CRtspClientSession::Play(SmpteTime* begin, SmpteTime* end, float speed, bool
 void CRtspClientSession::Pause() {
     CGuard guard(m_internal->m_mutex);
     if (m_internal->m_client != nullptr && m_internal->m_ready) {
-        guarded([&] { return m_internal->m_client->Conversation().Pause(); });
+        GuardedCall([&] { return m_internal->m_client->Conversation().Pause(); });
     }
 }
 
@@ -254,7 +239,7 @@ int CRtspClientSession::SetCmdExtKey(rtsp_method_t method, const char* key, cons
     if (self.m_client == nullptr) {
         return -1;
     }
-    return guarded([&] {
+    return GuardedCall([&] {
         self.m_settings.ext_keys[method][key] = text;
         return self.m_started ? self.m_client->Conversation().SetExtKey(method, key, text) : 0;
     });
@@ -271,7 +256,7 @@ int CRtspClientSession::SendExtMsg(rtsp_method_t method, const char* body, char*
     if (self.m_client == nullptr || !self.m_started) {
         return -1;
     }
-    return guarded([&] {
+    return GuardedCall([&] {
         client_request request;
         request.method = method;
         request.has_body = body != nullptr;
@@ -281,25 +266,15 @@ int CRtspClientSession::SendExtMsg(rtsp_method_t method, const char* body, char*
 }
 
 int CRtspClientSession::SetAuthInfo(const char* user, const char* password) {
-    if (user == nullptr) {
-        logWarn("%s:%d return -1\n", __FILE__, __LINE__);
-        return -1;
-    }
     CGuard guard(m_internal->m_mutex);
-    client_settings& settings = m_internal->m_settings;
-    return guarded([&] {
-        settings.user = user;
-        settings.password = password != nullptr ? password : "";
-        settings.has_auth = true;
-        return 0;
-    });
+    return GuardedCall([&] { return m_internal->m_settings.SetUser(user, password); });
 }
 
 int CRtspClientSession::SetKeepAlive(rtsp_method_t method) {
     CGuard guard(m_internal->m_mutex);
     m_internal->m_settings.keepalive = method;
     if (m_internal->m_client != nullptr && m_internal->m_started) {
-        guarded([&] { return m_internal->m_client->Conversation().SetKeepAlive(method); });
+        GuardedCall([&] { return m_internal->m_client->Conversation().SetKeepAlive(method); });
     }
     return 0;
 }
@@ -314,7 +289,7 @@ int CRtspClientSession::SetStreamIdleTimeout(unsigned int ms) {
     CGuard guard(m_internal->m_mutex);
     m_internal->m_settings.idle_ms = ms;
     if (m_internal->m_client != nullptr && m_internal->m_started) {
-        guarded([&] { return m_internal->m_client->Conversation().SetIdleTimeout(ms); });
+        GuardedCall([&] { return m_internal->m_client->Conversation().SetIdleTimeout(ms); });
     }
     return 0;
 }
@@ -441,7 +416,7 @@ void CRtspClientSession::follow_redirect(long param) {
     Internal& self = *m_internal;
     CRtspClient* former = self.m_client;
     former->Conversation().Receive().GetTotals(self.m_former);
-    const int result = guarded([&] {
+    const int result = GuardedCall([&] {
         client_settings settings(self.m_settings);
         client_host host;
         // The user, the password and what the host has set in their place are for the first server only.

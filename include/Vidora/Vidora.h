@@ -30,6 +30,7 @@
 #include "Vidora/Ostra/Thread.h"
 #include "Vidora/Ostra/ThreadAnnotations.h"
 #include "Vidora/Ostra/Time.h"
+#include "Vidora/P2PClientSession.h"
 #include "Vidora/RTPUdpTransmiter.h"
 #include "Vidora/RtpFrameBuffer.h"
 #include "Vidora/RtspClientBuffer.h"

@@ -54,30 +54,33 @@ private:
     std::vector<int> m_channels;
 };
 
-// CClientHost: an application with one client session: it plays as soon as the tracks are set up, unless told
+// TClientHost: an application with one client session: it plays as soon as the tracks are set up, unless told
 // otherwise, and keeps the notifications. The handler of the notifications belongs to it; the session ends with it, and
 // it waits for nothing.
-class CClientHost {
+template <typename Session>
+class TClientHost {
 public:
     bool play_at_ready = true;
     // Called on the handler's strand; set before Start.
     std::function<void(const ClientNote&)> on_note;
 
-    CClientHost() : session(Vidora::CRtspClientSession::Create()), m_handler(CTestHandler::Make(&m_handler_closed)) {
+    TClientHost() : session(Session::Create()), m_handler(CTestHandler::Make(&m_handler_closed)) {
         m_handler->on_message = [this](long, unsigned int msg, long param) {
             take(ClientNote{msg, param});
             return 0;
         };
     }
-    ~CClientHost() {
+    ~TClientHost() {
         Close();
         m_handler->Close();
         WaitUntil([this] { return m_handler_closed > 0; });
     }
 
-    int Start(const std::string& url, Vidora::rtp_protocol_t transport = Vidora::RTP_OVER_RTSP) {
+    // `way`: the last argument of the session's Start.
+    template <typename Way>
+    int StartBy(const std::string& url, Way way) {
         session->GetMediaBuffer()->AddLevel2Buffer(&sink);
-        return session->Start(url.c_str(), m_handler->GetID(), transport);
+        return session->Start(url.c_str(), m_handler->GetID(), way);
     }
     void Close() {
         if (!m_closed.exchange(true)) {
@@ -109,7 +112,7 @@ public:
         return Notes().back().param;
     }
 
-    Vidora::CRtspClientSession* session;
+    Session* session;
     CPacketSink sink;
 
 private:
@@ -131,6 +134,13 @@ private:
     CTestHandler* m_handler;
     std::mutex m_mutex;
     std::vector<ClientNote> m_notes;
+};
+
+class CClientHost : public TClientHost<Vidora::CRtspClientSession> {
+public:
+    int Start(const std::string& url, Vidora::rtp_protocol_t transport = Vidora::RTP_OVER_RTSP) {
+        return StartBy(url, transport);
+    }
 };
 
 }  // namespace Support

@@ -9,6 +9,17 @@ namespace Support {
 
 const char* const CScriptedServer::CLOSE = "(close)";
 
+ServerRequest ServerRequest::Read(const std::string& text) {
+    ServerRequest request;
+    request.text = text;
+    request.method = text.substr(0, text.find(' '));
+    const size_t url = std::min(request.method.size() + 1, text.size());
+    request.url = text.substr(url, text.find(' ', url) - url);
+    const size_t cseq = text.find("CSeq: ");
+    request.cseq = cseq == std::string::npos ? "0" : text.substr(cseq + 6, text.find('\r', cseq) - cseq - 6);
+    return request;
+}
+
 CScriptedServer::CScriptedServer(answer_t answer, size_t piece) : m_answer(std::move(answer)), m_piece(piece) {
     ::listen(m_listener.Fd(), 128);
     m_accepter = std::thread([this] { accept_all(); });
@@ -76,14 +87,8 @@ bool CScriptedServer::cut(std::string& bytes, int number, int fd) {
     end += 4;
     const size_t length = bytes.find("Content-Length: ");
     end += length < end ? static_cast<size_t>(std::stoul(bytes.substr(length + 16))) : 0;
-    ServerRequest request;
-    request.text = bytes.substr(0, end);
+    ServerRequest request = ServerRequest::Read(bytes.substr(0, end));
     request.connection = number;
-    request.method = bytes.substr(0, bytes.find(' '));
-    const size_t url = request.method.size() + 1;
-    request.url = bytes.substr(url, bytes.find(' ', url) - url);
-    const size_t cseq = bytes.find("CSeq: ");
-    request.cseq = cseq == std::string::npos ? "0" : bytes.substr(cseq + 6, bytes.find('\r', cseq) - cseq - 6);
     bytes.erase(0, end);
     {
         const std::lock_guard<std::mutex> guard(m_mutex);

@@ -21,6 +21,8 @@ struct ServerRequest {
     std::string cseq;
     std::string text;
     int connection = 0;  // from 0
+
+    static ServerRequest Read(const std::string& text);
 };
 
 // CScriptedServer: an RTSP server on the loopback address that answers what a test tells it to: it knows nothing of the

@@ -5,6 +5,7 @@
 #include "RtspClient/ClientTypes.h"
 #include "Tramel/Reactor.h"
 #include "support/ClientHost.h"
+#include "support/NatPeer.h"
 #include "support/ScriptedServer.h"
 
 namespace Kavio {
@@ -19,6 +20,7 @@ using Tramel::CReactor;
 
 // How far the conversation gets before the server falls silent, goes, or the session is closed.
 enum step_t { AT_OPTIONS, AT_DESCRIBE, AT_SETUP, AT_PLAY, AT_MEDIA, STEP_COUNT };
+enum road_t { OVER_TCP, THROUGH_NAT };
 enum server_t { IS_SILENT, IS_SLOW, GOES, SERVER_COUNT };
 // Who calls Close.
 enum closer_t {
@@ -33,14 +35,14 @@ enum closer_t {
     CLOSER_COUNT
 };
 
-class CSessionEndTest : public testing::TestWithParam<std::tuple<step_t, server_t, closer_t>> {
+class CSessionEndTest : public testing::TestWithParam<std::tuple<step_t, server_t, closer_t, road_t>> {
 protected:
     CSessionEndTest() : m_handlers(CReactor::Instance().CountHandlers()) {}
 
     CScriptedServer::answer_t Answer() {
         return [this](const ServerRequest& request) {
             static const char* const METHODS[] = {"OPTIONS", "DESCRIBE", "SETUP", "PLAY", "-"};
-            const auto [step, server, closer] = GetParam();
+            const auto [step, server, closer, road] = GetParam();
             const std::string media = CScriptedServer::Rtp(1) + CScriptedServer::Rtp(2) + CScriptedServer::Rtp(3);
             const bool reached = request.method == METHODS[step] || (step == AT_MEDIA && request.method == "PLAY");
             const std::string answer = CScriptedServer::Answer(request) + (request.method == "PLAY" ? media : "");
@@ -60,7 +62,8 @@ protected:
         };
     }
 
-    void Close(CClientHost& host) {
+    template <typename Host>
+    void Close(Host& host) {
         std::atomic<int> held{0};
         std::atomic<int> gone{0};
         for (unsigned int i = 0; std::get<2>(GetParam()) == WHILE_POOL_IS_BUSY && i < POOL_THREADS; ++i) {
@@ -79,20 +82,24 @@ protected:
         EXPECT_TRUE(WaitUntil([&] { return gone == held; }));
     }
 
+    template <typename Server, typename Host>
+    void Run();
+
     static constexpr unsigned int POOL_THREADS = 2;
     const long m_handlers;
     std::atomic<bool> m_reached{false};
     std::atomic<bool> m_closed{false};
 };
 
-TEST_P(CSessionEndTest, LeavesNothing) {
-    const auto [step, server_kind, closer] = GetParam();
+template <typename Server, typename Host>
+void CSessionEndTest::Run() {
+    const auto [step, server_kind, closer, road] = GetParam();
     int notes_after = 0;
     {
-        CScriptedServer server(Answer());
+        Server server(Answer());
         auto pool = std::make_unique<Support::CPool>(POOL_THREADS);
         {
-            CClientHost host;
+            Host host;
             const bool by_note = closer == BY_NOTE;
             std::atomic<int> after_close{0};
             host.on_note = [&, by_note](const Support::ClientNote&) {
@@ -138,11 +145,20 @@ TEST_P(CSessionEndTest, LeavesNothing) {
     EXPECT_LE(notes_after, 1);  // one that was on its way
 }
 
+TEST_P(CSessionEndTest, LeavesNothing) {
+    if (std::get<road_t>(GetParam()) == OVER_TCP) {
+        Run<CScriptedServer, CClientHost>();
+    } else {
+        Run<Support::CNatPeer, Support::CNatHost>();
+    }
+}
+
 INSTANTIATE_TEST_SUITE_P(Ends, CSessionEndTest,
                          testing::Combine(testing::Values(AT_OPTIONS, AT_DESCRIBE, AT_SETUP, AT_PLAY, AT_MEDIA),
                                           testing::Values(IS_SILENT, IS_SLOW, GOES),
                                           testing::Values(BY_OTHER_THREAD, WHILE_POOL_IS_BUSY, BY_NOTE, BY_SINK,
-                                                          AT_ONCE, BEFORE_START, BEFORE_POOL_STOPS, AFTER_POOL_STOPS)));
+                                                          AT_ONCE, BEFORE_START, BEFORE_POOL_STOPS, AFTER_POOL_STOPS),
+                                          testing::Values(OVER_TCP, THROUGH_NAT)));
 
 }  // namespace
 }  // namespace Vidora

@@ -1,0 +1,86 @@
+#include "Nat/P2PUdpReceiver.h"
+
+#include <new>
+
+#include "DgramBatch.h"
+#include "Nat/NatHello.h"
+#include "Protocol/RtspParser.h"
+#include "Vidora/Ostra/ByteReader.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+const unsigned int MIN_DATAGRAM = 12;  // the header of RTP (RFC 3550 5.1)
+const uint8_t TEXT_MARK = 'R';         // of a reply, "RTSP/1.0 ..."
+const uint8_t PAYLOAD_TYPE_MASK = 0x7f;
+
+}  // namespace
+
+CP2PUdpReceiver* CP2PUdpReceiver::Create(const std::shared_ptr<CSockDgram>& sock, const CSockAddrStorage& server,
+                                         long owner_id) {
+    CP2PUdpReceiver* receiver = sock != nullptr ? new (std::nothrow) CP2PUdpReceiver(sock, server) : nullptr;
+    if (receiver != nullptr) {
+        receiver->SetNotifyId(owner_id);
+        receiver->WaitException(owner_id);
+    }
+    return receiver;
+}
+
+int CP2PUdpReceiver::Start(uint64_t period_us, float speed) {
+    const int result = RegisterSock(*m_sock, Tramel::SOCK_EVENT_READ, 0);
+    if (result == 0) {
+        StartReceive(static_cast<int64_t>(period_us), speed);
+    }
+    return result;
+}
+
+int CP2PUdpReceiver::Stop() {
+    UnregisterSock(*m_sock, Tramel::SOCK_EVENT_READ);
+    StopReceive();
+    return 0;
+}
+
+// A failing read, such as a peer's ICMP answer, is silence.
+int CP2PUdpReceiver::handle_stream_input() {
+    const CTurn turn(*this);
+    CDgramBatch* batch = CDgramBatch::OfThread();
+    if (batch == nullptr || input_fd() != m_sock->GetHandle()) {
+        return -1;
+    }
+    const int count = batch->Recv(*m_sock);
+    mark_arrival();
+    for (int i = 0; i < count; ++i) {
+        if (batch->From(i) == m_server && take(batch->Datagram(i)) < 0) {
+            return -1;
+        }
+    }
+    return count > 0 ? count : 0;
+}
+
+int CP2PUdpReceiver::take(const DgramSlice& datagram) {
+    if (datagram.length < MIN_DATAGRAM) {
+        return 0;
+    }
+    CByteReader reader(datagram.data, datagram.length);
+    if (reader.ReadU8() == TEXT_MARK) {
+        take_text(datagram);
+        return 0;
+    }
+    const int track = find_payload_track(reader.ReadU8() & PAYLOAD_TYPE_MASK);
+    const bool is_known = track >= 0 && track < RECEIVER_MERGED_TRACKS;
+    return is_known ? take_datagram(track, datagram.data, static_cast<int>(datagram.length)) : 0;
+}
+
+// The batch has room for a NUL behind each datagram.
+void CP2PUdpReceiver::take_text(const DgramSlice& datagram) {
+    const char* text = reinterpret_cast<const char*>(datagram.data);
+    if (datagram.length <= RTSP_MAX_MESSAGE && !IsNatHello({text, datagram.length}, NAT_SERVER_HELLO)) {
+        datagram.data[datagram.length] = '\0';
+        take_rtsp(text, static_cast<int>(datagram.length));
+    }
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

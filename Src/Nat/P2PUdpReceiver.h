@@ -1,0 +1,45 @@
+#ifndef VIDORA_NAT_P2PUDPRECEIVER_H
+#define VIDORA_NAT_P2PUDPRECEIVER_H
+
+#include <memory>
+
+#include "StreamReceiver.h"
+#include "Tramel/SockDgram.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// CP2PUdpReceiver: reads the one UDP socket of a NAT session, see CStreamReceiver. A datagram is an RTSP message, which
+// begins with "R", or an RTP packet, whose payload type tells the track: the first two can be told, and what belongs to
+// neither is dropped. So is a hello of the server, what others than the server send, and what is shorter than an RTP
+// header. A turn takes 64 datagrams at most.
+class CP2PUdpReceiver final : public CStreamReceiver {
+public:
+    // Shares `sock`, on which `server` sends. `owner_id` as in CStreamTcpReceiver::Create. Null if memory is short.
+    static CP2PUdpReceiver* Create(const std::shared_ptr<CSockDgram>& sock, const CSockAddrStorage& server,
+                                   long owner_id);
+
+    int Start(uint64_t period_us, float speed) override;
+    int Stop() override;
+
+    int handle_stream_input() override;
+
+protected:
+    void release_socks() override { m_sock.reset(); }
+
+private:
+    CP2PUdpReceiver(const std::shared_ptr<CSockDgram>& sock, const CSockAddrStorage& server)
+        : m_sock(sock), m_server(server) {}
+    ~CP2PUdpReceiver() override = default;
+
+    int take(const DgramSlice& datagram);
+    void take_text(const DgramSlice& datagram);
+
+    std::shared_ptr<CSockDgram> m_sock;
+    const CSockAddrStorage m_server;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_NAT_P2PUDPRECEIVER_H

@@ -1,0 +1,247 @@
+// A client through NATs, against a server that says what the test tells it, on a network that loses, repeats and
+// forges.
+
+#include <fcntl.h>
+#include <gtest/gtest.h>
+
+#include <set>
+
+#include "RtspClient/ClientTypes.h"
+#include "Vidora/SdpInfo.h"
+#include "support/NatPeer.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+using Support::CNatHost;
+using Support::CNatPeer;
+using Support::CScriptedServer;
+using Support::ServerRequest;
+using Support::WaitUntil;
+
+const char PICTURE_LOST_END[] = "\x80\x60\0\x01\0\0\x10\0\0\0\0\x05\x65\x88\x80\x10";  // without its marker
+const size_t PACKET_SIZE = 16;
+
+class CNatTest : public testing::Test {
+protected:
+    CNatTest() {
+        ClientTiming().tick_us = 20000;
+        ClientTiming().nat_connect_ticks = 1000;
+    }
+    ~CNatTest() override { ClientTiming() = m_usual; }
+
+    static bool IsOpen(int fd) { return ::fcntl(fd, F_GETFD) >= 0; }
+
+    const client_timing m_usual = ClientTiming();
+    Support::CPool m_pool{2};
+};
+
+// An address of the loopback net that the URL doesn't name.
+class CStranger {
+public:
+    explicit CStranger(const char* ip) {
+        sockaddr_in local = Support::LoopbackAddress(0);
+        ::inet_pton(AF_INET, ip, &local.sin_addr);
+        ::bind(m_sock.fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local));
+    }
+    void Send(std::string_view datagram, int port) {
+        const sockaddr_in to = Support::LoopbackAddress(port);
+        ::sendto(m_sock.fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
+    }
+
+private:
+    struct CSock {
+        CSock() : fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
+        ~CSock() { ::close(fd); }
+        const int fd;
+    };
+    CSock m_sock;
+};
+
+TEST_F(CNatTest, MediaComesAsRunsAndWhatIsNoMediaIsDropped) {
+    CNatPeer peer(&CScriptedServer::Answer);
+    CNatHost host;
+    ASSERT_EQ(0, host.Start(peer.Url()));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    ASSERT_EQ(1u, peer.Requests("SETUP").size());
+    EXPECT_NE(std::string::npos, peer.Requests("SETUP")[0].text.find("RTP/AVP/TCP;unicast;interleaved=0-1"));
+    CSdpInfo* sdp = host.session->GetSdpInfo();
+    ASSERT_NE(nullptr, sdp);
+    EXPECT_STREQ("H264", sdp->GetPayloadNameEx('V'));
+
+    std::string foreign = CNatPeer::Rtp(1);
+    foreign[1] = static_cast<char>(0x80 | 97);
+    for (const std::string& datagram :
+         {std::string(Vidora::NAT_SERVER_HELLO), std::string(), std::string("\x80\xe0", 2), foreign, std::string("R"),
+          std::string(65000, 'R')}) {
+        peer.Send(datagram);
+    }
+    peer.Send(std::string(PICTURE_LOST_END, PACKET_SIZE));
+    peer.Send(CNatPeer::Rtp(2));
+    ASSERT_TRUE(WaitUntil([&] { return host.sink.Count() == 2; }));
+    const std::vector<std::string> packets = host.sink.Packets();
+    EXPECT_EQ(std::string("$\0\0\x10", 4) + std::string(PICTURE_LOST_END, PACKET_SIZE), packets[0]);
+    EXPECT_EQ(CScriptedServer::Rtp(2), packets[1]);
+    RtspClientStatistics statistics;
+    host.session->GetStatistics(statistics);
+    EXPECT_EQ(2u, statistics.packets);
+    EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
+    host.Close();
+    EXPECT_TRUE(WaitUntil([&] { return peer.Requests("TEARDOWN").size() == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return !IsOpen(host.sock); }));
+}
+
+// The first time that a hello, a request or a reply is on its way.
+TEST_F(CNatTest, EachDatagramMayGetLost) {
+    std::set<std::string> seen;
+    CNatPeer peer(&CScriptedServer::Answer, [&seen](const std::string& datagram, bool) {
+        return datagram[0] != '\x80' && seen.insert(datagram).second;
+    });
+    CNatHost host;
+    ASSERT_EQ(0, host.Start(peer.Url()));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    peer.Send(CNatPeer::Rtp(1));
+    ASSERT_TRUE(WaitUntil([&] { return host.sink.Count() > 0; }));
+    for (const char* method : {"OPTIONS", "DESCRIBE", "SETUP", "PLAY"}) {
+        const std::vector<ServerRequest> requests = peer.Requests(method);
+        ASSERT_GE(requests.size(), 2u) << method;
+        EXPECT_EQ(requests[0].text, requests[1].text);
+    }
+    // And the way is kept open.
+    const int hellos = peer.Hellos();
+    EXPECT_TRUE(WaitUntil([&] { return peer.Hellos() > hellos + 1; }));
+}
+
+TEST_F(CNatTest, RequestsLeaveOneByOne) {
+    std::atomic<bool> answers{false};
+    CNatPeer peer([&answers](const ServerRequest& request) {
+        const bool is_silent = request.method == "PAUSE" && !answers;
+        return is_silent ? std::string() : CScriptedServer::Answer(request);
+    });
+    CNatHost host;
+    ASSERT_EQ(0, host.Start(peer.Url()));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    host.session->Pause();
+    host.session->Play(0.0F, 0.0F, 1.0F, false);
+    ASSERT_TRUE(WaitUntil([&] { return peer.Requests("PAUSE").size() > 2; }));
+    EXPECT_EQ(1u, peer.Requests("PLAY").size());
+    answers = true;
+    EXPECT_TRUE(WaitUntil([&] { return host.Count(MSG_RTSP_PLAY_READY) == 2; }));
+    EXPECT_EQ(1, host.Count(MSG_RTSP_PAUSE_READY));
+}
+
+TEST_F(CNatTest, StrangersAreNotHeard) {
+    std::atomic<bool> hears{false};
+    CNatPeer peer(&CScriptedServer::Answer, [&hears](const std::string&, bool) { return !hears; });
+    CStranger other_host("127.0.0.2");
+    CStranger other_port("127.0.0.1");
+    CNatHost host;
+    ASSERT_EQ(0, host.Start(peer.Url()));
+    const int port = host.port;
+    other_host.Send(NAT_SERVER_HELLO, port);
+    other_host.Send("garbage that would end it", port);
+    hears = true;
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    for (CStranger* stranger : {&other_host, &other_port}) {
+        stranger->Send("RTSP garbage that would end it", port);
+        stranger->Send(CNatPeer::Rtp(1), port);
+        stranger->Send(NAT_SERVER_HELLO, port);
+    }
+    peer.Send(CNatPeer::Rtp(7));
+    ASSERT_TRUE(WaitUntil([&] { return host.sink.Count() > 0; }));
+    EXPECT_EQ(CScriptedServer::Rtp(7), host.sink.Packets()[0]);
+    EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
+}
+
+// A NAT may have given the server another port than the one that the rendezvous saw.
+TEST_F(CNatTest, TheFirstHelloTellsThePort) {
+    CNatPeer silent(&CScriptedServer::Answer, [](const std::string&, bool) { return true; });
+    CNatPeer real(&CScriptedServer::Answer);
+    CNatHost host;
+    ASSERT_EQ(0, host.Start(silent.Url()));
+    real.SendTo(std::string(NAT_SERVER_HELLO), host.port);
+    EXPECT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    EXPECT_EQ(0u, silent.Requests("OPTIONS").size());
+}
+
+struct silence_row {
+    const char* name;
+    const char* method;  // that gets no answer any more; "-": hellos
+    bool goes;           // the server's socket is closed as well
+    rtsp_client_code_t code;
+    rtsp_client_failure_t failure;
+};
+
+class CNatSilenceTest : public CNatTest, public testing::WithParamInterface<silence_row> {};
+
+TEST_P(CNatSilenceTest, EndsTheSession) {
+    const silence_row& row = GetParam();
+    const bool is_deaf = row.method[0] == '-';
+    ClientTiming().nat_connect_ticks = is_deaf ? 5 : 1000;
+    ClientTiming().reply_ms = row.failure == RTSP_CLIENT_FAILURE_NO_REPLY ? 500 : 20000;
+    std::atomic<int> hellos{0};
+    CNatPeer peer(
+        [&row](const ServerRequest& request) {
+            const std::string silence = row.goes ? CScriptedServer::CLOSE : "";
+            return request.method == row.method ? silence : CScriptedServer::Answer(request);
+        },
+        [&](const std::string&, bool from_client) {
+            hellos += from_client ? 1 : 0;
+            return is_deaf;
+        });
+    CNatHost host;
+    host.session->SetStreamIdleTimeout(1000);
+    ASSERT_EQ(0, host.Start(peer.Url()));
+    EXPECT_EQ(row.code, host.EndCode());
+    EXPECT_EQ(row.failure, host.session->GetFailure());
+    EXPECT_EQ(1, host.Count(MSG_RTSP_TEARDOWN));
+    EXPECT_GE(hellos, is_deaf ? 2 : 1);
+}
+
+INSTANTIATE_TEST_SUITE_P(
+    At, CNatSilenceTest,
+    testing::Values(silence_row{"Hello", "-", false, RTSP_CLIENT_CODE_CONNECTION, RTSP_CLIENT_FAILURE_TIMEOUT},
+                    silence_row{"Describe", "DESCRIBE", false, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_NO_REPLY},
+                    silence_row{"Refused", "SETUP", true, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_NO_REPLY},
+                    silence_row{"Media", "none", false, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_IDLE}),
+    [](const auto& info) { return std::string(info.param.name); });
+
+TEST_F(CNatTest, GarbageOfTheServerEndsTheSession) {
+    for (const char* garbage : {"RTSP garbage, no reply", "RTSP/1.0 200 OK\r\nCSeq: 9"}) {
+        CNatPeer peer(&CScriptedServer::Answer);
+        CNatHost host;
+        ASSERT_EQ(0, host.Start(peer.Url()));
+        ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+        peer.Send(garbage);
+        EXPECT_NE(RTSP_CLIENT_CODE_ENDED, host.EndCode());
+        EXPECT_EQ(RTSP_CLIENT_FAILURE_PROTOCOL, host.session->GetFailure());
+        EXPECT_TRUE(WaitUntil([&] { return peer.Requests("TEARDOWN").size() == 1; }));
+    }
+}
+
+// Nothing is sent, and the socket is still the host's.
+TEST_F(CNatTest, AStartThatFailsLeavesTheSocket) {
+    Support::CBoundSocket datagrams(SOCK_DGRAM);
+    Support::CBoundSocket stream(SOCK_STREAM);
+    const struct {
+        const char* url;
+        int sock;
+    } rows[] = {{nullptr, datagrams.Fd()},
+                {"http://127.0.0.1:9/a", datagrams.Fd()},
+                {"rtsp://a-name.invalid:9/a", datagrams.Fd()},
+                {"rtsp://127.0.0.1:9/a", stream.Fd()},
+                {"rtsp://127.0.0.1:9/a", -1}};
+    for (const auto& row : rows) {
+        CP2PClientSession* session = CP2PClientSession::Create();
+        EXPECT_EQ(-1, session->Start(row.url, 0, row.sock));
+        EXPECT_TRUE(row.sock < 0 || IsOpen(row.sock));
+        EXPECT_EQ(-1, session->Play(0.0F, 0.0F, 1.0F, false));
+        EXPECT_EQ(nullptr, session->GetSdpInfo());
+        session->Close();
+    }
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio

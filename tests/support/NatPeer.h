@@ -1,0 +1,137 @@
+#ifndef VIDORA_TESTS_SUPPORT_NATPEER_H
+#define VIDORA_TESTS_SUPPORT_NATPEER_H
+
+#include <atomic>
+#include <functional>
+#include <memory>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+#include "Nat/NatHello.h"
+#include "Vidora/P2PClientSession.h"
+#include "support/ClientHost.h"
+#include "support/ScriptedServer.h"
+#include "support/UdpPeer.h"
+
+namespace Kavio {
+namespace Support {
+
+// CNatPeer: the server's end of a NAT session: it answers hellos, and requests by what a test's CScriptedServer would
+// say, as one datagram for the reply and one for each packet behind it.
+//
+// THREADING  The answer and `drops` run on its thread.
+class CNatPeer {
+public:
+    typedef std::function<bool(const std::string& datagram, bool from_client)> drops_t;
+
+    // `drops`: whether the network loses a datagram.
+    explicit CNatPeer(CScriptedServer::answer_t answer, drops_t drops = nullptr)
+        : m_answer(std::move(answer)), m_drops(std::move(drops)), m_thread([this] { run(); }) {}
+    ~CNatPeer() {
+        m_stops = true;
+        m_thread.join();
+    }
+
+    int Port() const { return m_port; }
+    std::string Url() const { return "rtsp://127.0.0.1:" + std::to_string(m_port) + "/stream"; }
+    int Hellos() const { return m_hellos; }
+    // To the client that was heard last, or to another port.
+    void Send(const std::string& datagram) { SendTo(datagram, m_client_port); }
+    void SendTo(const std::string& datagram, int port) {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        if (m_sock != nullptr) {
+            m_sock->Send(datagram, port);
+        }
+    }
+    std::vector<ServerRequest> Requests(const std::string& method) {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        std::vector<ServerRequest> found;
+        for (const ServerRequest& request : m_requests) {
+            if (request.method == method) {
+                found.push_back(request);
+            }
+        }
+        return found;
+    }
+    // A packet of CScriptedServer::Rtp as it is on the wire.
+    static std::string Rtp(unsigned int sequence) { return CScriptedServer::Rtp(sequence).substr(4); }
+
+private:
+    void run() {
+        while (!m_stops) {
+            int port = 0;
+            const std::string datagram = m_sock->Recv(20, &port);
+            if (datagram.empty() || (m_drops && m_drops(datagram, true))) {
+                continue;
+            }
+            m_client_port = port;
+            if (Vidora::IsNatHello(datagram, Vidora::NAT_CLIENT_HELLO)) {
+                ++m_hellos;
+                reply(std::string(Vidora::NAT_SERVER_HELLO));
+            } else if (!answer(ServerRequest::Read(datagram))) {
+                break;
+            }
+        }
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        m_sock.reset();
+    }
+    bool answer(const ServerRequest& request) {
+        {
+            const std::lock_guard<std::mutex> guard(m_mutex);
+            m_requests.push_back(request);
+        }
+        const std::string answer = m_answer(request);
+        size_t place = answer.find("\r\n\r\n");
+        place += place == std::string::npos ? 0 : 4;
+        const size_t length = answer.find("Content-Length: ");
+        place += length < place ? std::stoul(answer.substr(length + 16)) : 0;
+        reply(answer.substr(0, place));
+        while (place < answer.size()) {
+            const size_t size = static_cast<unsigned char>(answer[place + 3]);
+            reply(answer.substr(place + 4, size));
+            place += 4 + size;
+        }
+        return answer != CScriptedServer::CLOSE;
+    }
+    void reply(const std::string& datagram) {
+        if (!datagram.empty() && datagram != CScriptedServer::CLOSE && !(m_drops && m_drops(datagram, false))) {
+            Send(datagram);
+        }
+    }
+
+    const CScriptedServer::answer_t m_answer;
+    const drops_t m_drops;
+    std::mutex m_mutex;
+    std::vector<ServerRequest> m_requests;
+    std::unique_ptr<CUdpPeer> m_sock = std::make_unique<CUdpPeer>();  // until it goes
+    const int m_port = m_sock->Port();
+    std::atomic<int> m_client_port{0};
+    std::atomic<int> m_hellos{0};
+    std::atomic<bool> m_stops{false};
+    std::thread m_thread;
+};
+
+// An application with a NAT session.
+class CNatHost : public TClientHost<Vidora::CP2PClientSession> {
+public:
+    int Start(const std::string& url) {
+        sockaddr_in local = LoopbackAddress(0);
+        socklen_t length = sizeof(local);
+        sock = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        ::bind(sock, reinterpret_cast<const sockaddr*>(&local), length);
+        ::getsockname(sock, reinterpret_cast<sockaddr*>(&local), &length);
+        port = ntohs(local.sin_port);
+        return StartBy(url, sock);
+    }
+
+    int sock = -1;  // the session's after Start
+    int port = 0;
+};
+
+}  // namespace Support
+}  // namespace Kavio
+
+#endif  // VIDORA_TESTS_SUPPORT_NATPEER_H
