@@ -93,7 +93,7 @@ public:
     virtual void GetVideoFormat(StreamVideoFormat& format) = 0;
     // Codec configuration into `buf` of `len` bytes: for H.264 the sequence and picture parameter sets, each behind
     // 00 00 00 01; for MPEG-4 the headers up to the first VOP. Gives its whole size, which may be above `len`; 0 or
-    // less for none.
+    // less for none, without which streams of these two codecs can't be described.
     virtual int GetVideoSpecificInfo(char* buf, int len) = 0;
     // Asks for the stream information anew, upon which MSG_STREAM_INFO follows. Non-zero on failure.
     virtual int UpdataStreamInfo(long arg) = 0;
