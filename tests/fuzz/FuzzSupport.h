@@ -7,30 +7,29 @@
 #include <cstdlib>
 
 #include "Vidora/Flumen/MediaFrame.h"
+#include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
-#include "Vidora/Ostra/Assert.h"
 #include "Vidora/Ostra/ByteReader.h"
-#include "Vidora/Ostra/Log.h"
 
 #include "../support/StreamBytes.h"
 
 namespace Kavio {
 namespace Vidora {
+
+using Support::operator+;
+
 namespace Fuzz {
 
 using Support::Bytes;
+
+// What each program's file defines: feeds one input to the code under attack.
+void Target(const uint8_t* data, size_t size);
 
 // What must hold of a target's output, in every build.
 inline void Require(bool holds) {
     if (!holds) {
         std::abort();
     }
-}
-
-// No log; assertions take the failure path, as in a release build.
-inline void Quiet() {
-    Ostra::SetLogLevel(Ostra::LOG_LEVEL_NONE);
-    Ostra::SetAssertHandler([](const char*, const char*, int) {});
 }
 
 struct Record {
@@ -64,6 +63,13 @@ inline Flumen::CMediaFrame MakeFrame(const Bytes& bytes) {
     frame.resize(0);
     frame.putBuffer(bytes.data(), static_cast<unsigned int>(bytes.size()));
     return frame;
+}
+
+// The private frame has a header that fits it.
+inline bool HeaderFits(const Flumen::CMediaFrame& frame) {
+    KXHeader header;
+    return kx_read_header(frame.getBuffer(), frame.size(), header) && header.total_length == frame.size() &&
+           header.checksum == kx_header_checksum(frame.getBuffer());
 }
 
 // The sender of a track: turns records into RTP packets. Bits of the control byte: 0-1 what the sequence number gains

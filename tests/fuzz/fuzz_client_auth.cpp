@@ -6,8 +6,7 @@
 
 using namespace Kavio::Vidora;
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Fuzz::Quiet();
+void Fuzz::Target(const uint8_t* data, size_t size) {
     const std::string challenge(reinterpret_cast<const char*>(data), size);
     CRtspClientAuth auth;
     auth.set_user("user", "password");
@@ -24,5 +23,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         Fuzz::Require(value.rfind(basic ? "Basic " : "Digest username=\"user\", realm=\"", 0) == 0);
         Fuzz::Require(value.size() <= 2048 + 256 + 3 * challenge.size());
     }
-    return 0;
 }

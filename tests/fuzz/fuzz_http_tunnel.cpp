@@ -33,8 +33,7 @@ std::string decode(std::string_view text, size_t size, int room) {
 
 }  // namespace
 
-extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
-    Fuzz::Quiet();
+void Fuzz::Target(const uint8_t* data, size_t size) {
     const std::string_view bytes(reinterpret_cast<const char*>(data), size);
     CHttpParser parser;
     std::string_view body = bytes;
@@ -51,5 +50,4 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
         const std::string other = decode(body, static_cast<size_t>(room) * 2, room);
         Fuzz::Require((other == whole) || (other.back() == '!' && whole.back() == '!'));
     }
-    return 0;
 }
