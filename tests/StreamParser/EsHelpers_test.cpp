@@ -1,14 +1,12 @@
-// The helpers that read elementary streams: start codes, parameter sets, CRC, JPEG tables and images.
+// The helpers that read elementary streams: start codes, parameter sets, CRC, and pictures' sizes.
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <random>
 #include <string>
 #include <vector>
 
 #include "StreamParser/Crc32.h"
-#include "StreamParser/JpegTables.h"
 #include "StreamParser/Mpeg2Parser.h"
 #include "Vidora/H264Parser.h"
 #include "Vidora/Mpeg4Parser.h"
@@ -86,24 +84,6 @@ TEST(H264ParserTest, ReadsRealParameterSetsAndNoneOfTheirPieces) {
     }
 }
 
-TEST(H264ParserTest, ReadsSliceHeadsUpToTheFieldFlag) {
-    // first_mb 0 "1", slice_type 7 "0001000", pps 0 "1", frame_num 0000, field_pic 1, bottom 0
-    const Bytes slice = {0x88, 0x84, 0x20};
-    H264Sps sps;
-    sps.frame_mbs_only = false;
-    H264Slice read;
-    ASSERT_TRUE(h264_parse_slice_type(slice.data(), 1, read));
-    EXPECT_EQ(read.slice_type, 7u);
-    ASSERT_TRUE(h264_parse_field_pic(slice.data(), slice.size(), sps, read));
-    EXPECT_TRUE(read.field_pic);
-    sps.frame_mbs_only = true;  // then the flag isn't there
-    ASSERT_TRUE(h264_parse_field_pic(slice.data(), slice.size(), sps, read));
-    EXPECT_FALSE(read.field_pic);
-    const Bytes bad_type = {0x85, 0x80};  // slice_type 10
-    EXPECT_FALSE(h264_parse_slice_type(bad_type.data(), bad_type.size(), read));
-    EXPECT_FALSE(h264_parse_slice_type(slice.data(), 0, read));
-}
-
 TEST(Mpeg4ParserTest, ReadsARealVolBehindOtherHeaders) {
     const Bytes config = FromHex("000001b001000001b58913000001000000012000c48d8800cd0b04241443000001b24c617663");
     Mpeg4Vol vol;
@@ -125,25 +105,9 @@ TEST(Mpeg2ParserTest, ReadsARealSequenceHeader) {
     EXPECT_EQ(sequence.width, 720u);
     EXPECT_EQ(sequence.height, 576u);
     EXPECT_EQ(sequence.frame_rate, 25);
-    EXPECT_EQ(sequence.aspect_code, 1);
     EXPECT_EQ(mpeg2_picture_type(data.data(), data.size()), 1);
     EXPECT_EQ(mpeg2_picture_type(data.data(), 20), 0);
     EXPECT_FALSE(mpeg2_parse_sequence(data.data(), 7, sequence));
-    EXPECT_EQ(mpeg2_frame_rate(4), 30);
-    EXPECT_EQ(mpeg2_frame_rate(9), 25);
-}
-
-// Pictures that are rebuilt with the tables of other qualities are compared with another implementation's.
-TEST(JpegTablesTest, QualityIsTakenFrom1To99) {
-    uint8_t luma[JPEG_TABLE_LEN];
-    uint8_t chroma[JPEG_TABLE_LEN];
-    jpeg_make_quantisers(50, luma, chroma);
-    EXPECT_EQ(std::memcmp(luma, JPEG_LUMA_QUANTISER, sizeof(luma)), 0);
-    EXPECT_EQ(std::memcmp(chroma, JPEG_CHROMA_QUANTISER, sizeof(chroma)), 0);
-    jpeg_make_quantisers(0, luma, chroma);
-    EXPECT_EQ(*std::min_element(luma, luma + 64), 255);
-    jpeg_make_quantisers(100, luma, chroma);
-    EXPECT_EQ(luma[0], 1);
 }
 
 }  // namespace

@@ -5,7 +5,6 @@
 #include "StreamParser/Frame2Ps.h"
 #include "StreamParser/Frame2Rtp.h"
 #include "StreamParser/Frame2Ts.h"
-#include "StreamParser/RtpHeader.h"
 #include "StreamParser/Ts2Frame.h"
 #include "Vidora/Types.h"
 #include "support/Depacketiser.h"
@@ -20,22 +19,6 @@ namespace {
 
 const uint32_t DAY_SEC = 24 * 3600;
 
-TEST(Day, FrameToRtp) {
-    CFrame2Rtp packer;
-    packer.SetRtpInfo(1, 96, 65000, 0xF0000000, 90000);
-    const unsigned char frame[] = {0, 0, 0, 1, 0x41, 1, 2};
-    unsigned char buffer[64];
-    RtpHeader header;
-    for (uint64_t i = 0; i < DAY_SEC * uint64_t{25}; ++i) {
-        // Milliseconds as a source has them: since 1970, 40 apart.
-        ASSERT_EQ(packer.PutFrame(frame, sizeof(frame), ENC_TYPE_H264, 1700000000000 + i * 40, 0), 0);
-        ASSERT_EQ(packer.GetPacket(buffer, sizeof(buffer)), 15);
-        ASSERT_TRUE(rtp_parse_header(buffer, 15, header));
-        ASSERT_EQ(header.sequence, static_cast<uint16_t>(65000 + i));
-        ASSERT_EQ(header.timestamp, static_cast<uint32_t>(0xF0000000 + i * 3600));
-    }
-}
-
 void renumber(Bytes& packet, uint16_t sequence, uint32_t timestamp) {
     packet[2] = static_cast<uint8_t>(sequence >> 8);
     packet[3] = static_cast<uint8_t>(sequence);
@@ -44,27 +27,15 @@ void renumber(Bytes& packet, uint16_t sequence, uint32_t timestamp) {
     }
 }
 
-TEST(Day, RtpToFrame) {
-    Depacketiser in(ENC_TYPE_H264, true);
-    RtpFields first;
-    first.marker = true;
-    first.timestamp = 0x80000000;
-    Bytes packet = MakeRtp(first, FromHex("61e0e1e2"));
-    for (uint32_t i = 0; i < DAY_SEC * 25; ++i) {
-        renumber(packet, static_cast<uint16_t>(i + 60000), 0x80000000 + i * 3600);
-        ASSERT_EQ(1, in.Engine().PutPacket(packet.data(), static_cast<int>(packet.size()))) << i;
-        ASSERT_EQ(uint64_t{i} * 40, in.Engine().GetPts());
-        in.Engine().Clear();
-    }
-    EXPECT_EQ(1u, in.m_events.size());  // the SSRC of the first packet
-}
-
 // Steps that aren't whole milliseconds: what is left over is carried, both ways, whatever the clock.
 TEST(Day, NoClockDrifts) {
     const struct {
         int enc_type;
         uint32_t clock, ticks;  // of a frame
-    } rows[] = {{ENC_TYPE_H264, 90000, 3003}, {ENC_TYPE_AUDIO, 44100, 1024}, {ENC_TYPE_AUDIO, 11025, 1024}};
+    } rows[] = {{ENC_TYPE_H264, 90000, 3600},
+                {ENC_TYPE_H264, 90000, 3003},
+                {ENC_TYPE_AUDIO, 44100, 1024},
+                {ENC_TYPE_AUDIO, 11025, 1024}};
     for (const auto& row : rows) {
         Depacketiser in(row.enc_type, true, row.clock);
         CFrame2Rtp packer;
@@ -74,7 +45,7 @@ TEST(Day, NoClockDrifts) {
         const uint64_t frames = uint64_t{DAY_SEC} * row.clock / row.ticks;
         Bytes packet = MakeRtp(fields, {0x61, 0xE0});
         for (uint64_t i = 0; i < frames; ++i) {
-            renumber(packet, static_cast<uint16_t>(i), static_cast<uint32_t>(i * row.ticks));
+            renumber(packet, static_cast<uint16_t>(i), static_cast<uint32_t>(0x80000000 + i * row.ticks));
             ASSERT_EQ(1, in.Engine().PutPacket(packet.data(), static_cast<int>(packet.size())));
             ASSERT_EQ(i * row.ticks * 1000 / row.clock, in.Engine().GetPts()) << row.clock;
             in.Engine().Clear();
