@@ -164,15 +164,6 @@ TEST(RtspExtraHeaders, TablesKeepTheirOrderAndBounds) {
     EXPECT_EQ(lines_of(RTSP_METHOD_PLAY), "0X-A: \r\nX-B: 2\r\n");
 }
 
-TEST(RtspTables, NoRowHidesAnother) {
-    for (int method = 0; method < RTSP_METHOD_COUNT; ++method) {
-        EXPECT_EQ(RtspMethodOf(RtspMethodName(method)), method);
-    }
-    for (const rtsp_status_row* row = RTSP_STATUSES; row->code != 0; ++row) {
-        EXPECT_STREQ(RtspReason(row->code), row->reason) << row->code;
-    }
-}
-
 }  // namespace
 }  // namespace Vidora
 }  // namespace Kavio

@@ -59,7 +59,7 @@ struct Encoder {
 Bytes join(const std::vector<Bytes>& packets) {
     Bytes all;
     for (const Bytes& packet : packets) {
-        all = all + packet;
+        all.insert(all.end(), packet.begin(), packet.end());
     }
     return all;
 }
@@ -91,7 +91,7 @@ Bytes pes_payloads(const Bytes& stream, size_t at) {
         const size_t told = static_cast<size_t>(stream[at + 4] << 8 | stream[at + 5]);
         const size_t length = told == 0 ? left : told + 6;
         Fuzz::Require(length > PES_HEADER_LEN && length <= left && (told > 0 || left > 0xFFFF));
-        frame = frame + Support::Part(stream, at + PES_HEADER_LEN, length - PES_HEADER_LEN);
+        frame.insert(frame.end(), &stream[at + PES_HEADER_LEN], &stream[at] + length);
         at += length;
     }
     return frame;
@@ -101,10 +101,11 @@ Bytes ts_payloads(const Bytes& stream) {
     Fuzz::Require(stream.size() % TS_PACK_LEN == 0);
     Bytes pes;
     for (size_t at = 0; at < stream.size(); at += TS_PACK_LEN) {
-        const Bytes packet = Support::Part(stream, at, TS_PACK_LEN);
+        const unsigned char* packet = stream.data() + at;
         Fuzz::Require(packet[0] == 0x47 && (packet[3] & 0xF0) == 0x30 && packet[4] >= 1 && packet[4] <= 182);
         const int pid = (packet[1] & 0x1F) << 8 | packet[2];
-        pes = pes + (pid == 0x100 || pid == 0x101 ? Support::Part(packet, 5u + packet[4]) : Bytes());
+        pes.insert(pes.end(), packet + (pid == 0x100 || pid == 0x101 ? 5 + packet[4] : TS_PACK_LEN),
+                   packet + TS_PACK_LEN);
     }
     return pes_payloads(pes, 0);
 }
@@ -123,7 +124,7 @@ void Fuzz::Target(const uint8_t* data, size_t size) {
     uint16_t sequence = 65530;
     Record record;
     for (uint64_t pts = (uint64_t{1} << 33) / 90 - 100; ReadRecord(reader, record); pts += 40) {
-        const Bytes bytes = Repeated(record, static_cast<size_t>(1 + setting % 3000));
+        const Bytes bytes = Repeated(record, static_cast<size_t>(1 + setting % 600));
         const int enc_type = record.control & 15;
         Flumen::CMediaFrame frame = MakeFrame(bytes);
         frame.setType(enc_type >= ENC_TYPE_AUDIO ? 'A' : 'P');
@@ -138,7 +139,7 @@ void Fuzz::Target(const uint8_t* data, size_t size) {
         if (is_bare && (enc_type == ENC_TYPE_MPEG4 || enc_type == ENC_TYPE_AUDIO)) {
             Require(payloads == bytes);
         }
-        if (is_bare && bytes.size() < 500000) {  // larger ones may be refused
+        if (is_bare) {
             Require(ts_payloads(join(packets[1])) == bytes);
             Require(pes_payloads(join(packets[2]), bytes.empty() ? 0 : PS_HEADERS_LEN) == bytes);
         }
