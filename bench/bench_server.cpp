@@ -1,6 +1,6 @@
 // Load on the live server, beside a bare loop that does the same work in the same run. README.md says how it measures.
 //
-//   bench_server VIDORA_HOST [--clients N] [--tcp | --udp] [--slices K] [--threads T] [--clip FILE.h264]
+//   bench_server VIDORA_HOST [--clients N] [--tcp | --udp | --http] [--slices K] [--threads T] [--clip FILE.h264]
 
 #include <unistd.h>
 
@@ -33,12 +33,26 @@ const unsigned int FIRST_SESSIONS = 8;  // that are there when memory is measure
 // A host that was halted for longer than two seconds goes on from where it is instead of catching up.
 const std::chrono::milliseconds SLICE(2200);
 
+// How sessions come and their media leave. The bare loop has TCP in the place of a tunnel.
+struct Road {
+    const char* name;
+    const char* option;
+    bool udp;
+    Bench::fleet_link_t link;
+    std::vector<unsigned int> clients;
+};
+
+const Road ROADS[] = {
+    {"TCP", "--tcp", false, Bench::FLEET_PLAIN, {10, 100, 500, 1000}},
+    {"UDP", "--udp", true, Bench::FLEET_PLAIN, {10, 100, 500, 1000}},
+    {"HTTP", "--http", false, Bench::FLEET_TUNNELS, {100, 500}},
+};
+
 struct Options {
     std::string host;
     std::string clip;
-    std::vector<unsigned int> clients = {10, 100, 500, 1000};
-    bool tcp = true;
-    bool udp = true;
+    std::vector<unsigned int> clients;  // empty: those of the road
+    const Road* road = nullptr;         // null: all
     int slices = 4;
     int threads = 0;  // the host's own choice
 };
@@ -61,7 +75,7 @@ struct Side {
 
 struct Row {
     unsigned int clients;
-    bool udp;
+    const Road& road;
     uint64_t resident_before = 0;
     uint64_t resident_after = 0;
 
@@ -148,7 +162,7 @@ std::unique_ptr<Bench::CProgram> start_host(const Options& options, uint16_t por
 // Sets all sessions up, and takes them down again unless it is the last round.
 void set_up(Side& side, const Row& row, bool last) {
     side.Go();
-    side.setup_s.push_back(side.client->Open(side.port, row.clients, row.udp));
+    side.setup_s.push_back(side.client->Open(side.port, row.clients, row.road.udp));
     if (!last) {
         side.client->Close();
         std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the other end notices
@@ -177,8 +191,8 @@ void print_row(const Row& row, const Side& server, const Side& bare, uint64_t pa
         ratios.push_back(server.cost[i] / bare.cost[i]);
     }
     const auto ends = std::minmax_element(ratios.begin(), ratios.end());
-    std::printf("%5u %s %5llu %9llu %5llu %8.1f %8.4f %8.4f %6.2f %6.2f (%.2f-%.2f) %7.1f %7.3f %7.3f %5.2f\n",
-                row.clients, row.udp ? "UDP" : "TCP", static_cast<unsigned long long>(up),
+    std::printf("%5u %-4s %5llu %9llu %5llu %8.1f %8.4f %8.4f %6.2f %6.2f (%.2f-%.2f) %7.1f %7.3f %7.3f %5.2f\n",
+                row.clients, row.road.name, static_cast<unsigned long long>(up),
                 static_cast<unsigned long long>(packets), static_cast<unsigned long long>(gaps),
                 static_cast<double>(server.bytes) * 8 / 1e6 / server.seconds, server.Cost(), bare.Cost(),
                 server.Cost() / bare.Cost(), median(ratios), *ends.first, *ends.second, row.SessionKb(),
@@ -189,18 +203,24 @@ void print_row(const Row& row, const Side& server, const Side& bare, uint64_t pa
 // The row as README.md shows it.
 std::string readme_line(const Row& row, const Side& server, const Side& bare, uint64_t gaps) {
     char line[160];
-    std::snprintf(line, sizeof(line), "| %s | %u | %llu | %.3f | %.3f | %.2f | %.1f | %.2f |", row.udp ? "UDP" : "TCP",
+    std::snprintf(line, sizeof(line), "| %s | %u | %llu | %.3f | %.3f | %.2f | %.1f | %.2f |", row.road.name,
                   row.clients, static_cast<unsigned long long>(gaps), server.Cost(), bare.Cost(),
                   server.Cost() / bare.Cost(), row.SessionKb(), median(server.setup_s) / median(bare.setup_s));
     return line;
 }
 
+std::unique_ptr<Bench::CLoadClient> fleet(const Road& road, uint16_t udp_port_base) {
+    return std::make_unique<Bench::CLoadClient>([&road, udp_port_base](Bench::FleetFigures& figures) {
+        return std::make_unique<Bench::CFleet>(figures, udp_port_base, Bench::FLEET_COUNTS, road.link);
+    });
+}
+
 bool run_row(const Options& options, const Bench::Recording& recording, Row row, std::vector<std::string>& readme) {
     Side server;
     Side bare;
-    server.client = std::make_unique<Bench::CLoadClient>(SERVER_UDP_BASE);
+    server.client = fleet(row.road, SERVER_UDP_BASE);
     bare.client = std::make_unique<Bench::CLoadClient>(BARE_UDP_BASE);
-    const Bench::CBareServer bare_process(recording, row.udp);
+    const Bench::CBareServer bare_process(recording, row.road.udp);
     bare.process = bare_process.Pid();
     bare.port = bare_process.Port();
     bare.Stop();
@@ -208,12 +228,12 @@ bool run_row(const Options& options, const Bench::Recording& recording, Row row,
     const auto host = start_host(options, server.port);
     server.process = host->Pid();
 
-    Bench::CLoadClient first(FIRST_UDP_BASE);
+    const auto first = fleet(row.road, FIRST_UDP_BASE);
     const auto resident = [&first, &server, &row] {
-        first.Open(server.port, FIRST_SESSIONS, row.udp);
+        first->Open(server.port, FIRST_SESSIONS, row.road.udp);
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
         const uint64_t bytes = Bench::ResidentBytes(server.process);
-        first.Close();
+        first->Close();
         return bytes;
     };
     row.resident_before = resident();
@@ -268,15 +288,20 @@ bool take_value(const std::string& word, const char* value, Options& options) {
     return true;
 }
 
+const Road* find_road(const std::string& option) {
+    const Road* end = std::end(ROADS);
+    const Road* found = std::find_if(ROADS, end, [&](const Road& road) { return option == road.option; });
+    return found != end ? found : nullptr;
+}
+
 Options parse(int argc, char** argv) {
     Options options;
     for (int i = 1; i < argc; ++i) {
         const std::string word = argv[i];
         if (take_value(word, i + 1 < argc ? argv[i + 1] : "0", options)) {
             ++i;
-        } else if (word == "--tcp" || word == "--udp") {
-            options.tcp = word == "--tcp";
-            options.udp = !options.tcp;
+        } else if (const Road* road = find_road(word)) {
+            options.road = road;
         } else if (word[0] != '-' && options.host.empty()) {
             options.host = word;
         } else {
@@ -285,9 +310,10 @@ Options parse(int argc, char** argv) {
         }
     }
     if (options.host.empty()) {
-        std::fprintf(stderr,
-                     "usage: bench_server VIDORA_HOST [--clients N] [--tcp | --udp] [--slices K] [--threads T] "
-                     "[--clip FILE.h264]\n");
+        std::fprintf(
+            stderr,
+            "usage: bench_server VIDORA_HOST [--clients N] [--tcp | --udp | --http] [--slices K] [--threads T] "
+            "[--clip FILE.h264]\n");
         std::exit(2);
     }
     if (options.clip.empty()) {
@@ -329,11 +355,12 @@ int main(int argc, char** argv) {
         "ratio\n");
     bool good = true;
     std::vector<std::string> readme;
-    for (int udp = 0; udp < 2; ++udp) {
-        for (unsigned int clients : options.clients) {
-            if (udp != 0 ? options.udp : options.tcp) {
-                good = run_row(options, recording, Row{clients, udp != 0, 0, 0}, readme) && good;
-            }
+    for (const Road& road : ROADS) {
+        if (options.road != nullptr && options.road != &road) {
+            continue;
+        }
+        for (unsigned int clients : options.clients.empty() ? road.clients : options.clients) {
+            good = run_row(options, recording, Row{clients, road, 0, 0}, readme) && good;
         }
     }
     for (const std::string& line : readme) {

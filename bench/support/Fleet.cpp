@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 
+#include "Vidora/Ostra/Base64.h"
 #include "support/Loopback.h"
 
 namespace Bench {
@@ -51,10 +52,11 @@ uint64_t dropped_by(int fd) {
 
 }  // namespace
 
-CFleet::CFleet(FleetFigures& figures, uint16_t port_base, fleet_media_t media)
+CFleet::CFleet(FleetFigures& figures, uint16_t port_base, fleet_media_t media, fleet_link_t link)
     : m_figures(figures),
       m_port_base(port_base),
       m_media(media),
+      m_link(link),
       m_epoll(::epoll_create1(EPOLL_CLOEXEC)),
       m_room(ROOM_SIZE) {}
 
@@ -80,7 +82,7 @@ void CFleet::Open(uint16_t port, unsigned int count, bool udp) {
 void CFleet::Close() {
     for (const auto& client : m_clients) {
         m_figures.drops += client->rtp >= 0 ? dropped_by(client->rtp) : 0;
-        for (int fd : {client->control, client->rtp, client->rtcp}) {
+        for (int fd : {client->control, client->post, client->rtp, client->rtcp}) {
             if (fd >= 0) {
                 ::close(fd);
             }
@@ -109,14 +111,8 @@ bool CFleet::open_client(unsigned int index) {
         return false;
     }
     client.dialogue = CRtspDialogue(m_server_port, rtp_port);
-    client.control = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    const int no_delay = 1;
-    ::setsockopt(client.control, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof(no_delay));
-    const sockaddr_in address = loopback(m_server_port);
-    // On loopback the connection stands at once, unless the kernel is behind with its packets.
-    pollfd stands = {client.control, POLLOUT, 0};
-    if (::connect(client.control, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
-        (errno != EINPROGRESS || ::poll(&stands, 1, CONNECT_LIMIT_MS) != 1)) {
+    client.control = connect_to_server();
+    if (client.control < 0) {
         return false;
     }
     watch(client.control, index, KIND_CONTROL);
@@ -124,8 +120,34 @@ bool CFleet::open_client(unsigned int index) {
         watch(client.rtp, index, KIND_RTP);
         watch(client.rtcp, index, KIND_RTCP);
     }
-    send_request(client);
+    if (m_link == FLEET_TUNNELS) {
+        send_text(client, client.control, tunnel_head("GET", client));
+    } else {
+        send_request(client);
+    }
     return true;
+}
+
+// Negative on failure.
+int CFleet::connect_to_server() const {
+    const int fd = ::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    const int no_delay = 1;
+    ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &no_delay, sizeof(no_delay));
+    const sockaddr_in address = loopback(m_server_port);
+    // On loopback the connection stands at once, unless the kernel is behind with its packets.
+    pollfd stands = {fd, POLLOUT, 0};
+    if (::connect(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) != 0 &&
+        (errno != EINPROGRESS || ::poll(&stands, 1, CONNECT_LIMIT_MS) != 1)) {
+        ::close(fd);
+        return -1;
+    }
+    return fd;
+}
+
+// A cookie that no other tunnel has: the round's clients are not those of the last round.
+std::string CFleet::tunnel_head(const char* method, const CClient& client) const {
+    return std::string(method) + " / HTTP/1.0\r\nx-sessioncookie: " + std::to_string(m_start_ns) + "-" +
+           std::to_string(client.control) + "\r\n\r\n";
 }
 
 bool CFleet::open_udp(CClient& client, uint16_t* rtp_port) {
@@ -154,7 +176,19 @@ void CFleet::watch(int fd, unsigned int index, kind_t kind) const {
 
 void CFleet::send_request(CClient& client) {
     const std::string text = client.dialogue.Request();
-    if (::send(client.control, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
+    if (m_link == FLEET_PLAIN) {
+        send_text(client, client.control, text);
+        return;
+    }
+    const int length = static_cast<int>(text.size());
+    std::string encoded(static_cast<size_t>(Kavio::Ostra::base64EncodeLen(length)), '\0');
+    Kavio::Ostra::base64Encode(&encoded[0], text.data(), length);
+    encoded.pop_back();  // the NUL
+    send_text(client, client.post, encoded);
+}
+
+void CFleet::send_text(CClient& client, int fd, const std::string& text) {
+    if (::send(fd, text.data(), text.size(), MSG_NOSIGNAL) != static_cast<ssize_t>(text.size())) {
         end_setup(client, false);
     }
 }
@@ -261,16 +295,24 @@ size_t CFleet::take_text(CClient& client, const unsigned char* data, size_t size
     }
     client.text.resize(whole);
     if (!client.over) {
-        if (!client.dialogue.Take(client.text)) {
-            end_setup(client, false);
-        } else if (client.dialogue.Done()) {
-            end_setup(client, true);
-        } else {
-            send_request(client);
-        }
+        on_reply(client);
     }
     client.text.clear();
     return whole - before;
+}
+
+void CFleet::on_reply(CClient& client) {
+    if (m_link == FLEET_TUNNELS && client.post < 0) {
+        client.post = connect_to_server();  // the GET was answered
+        send_text(client, client.post, tunnel_head("POST", client));
+        send_request(client);
+    } else if (!client.dialogue.Take(client.text)) {
+        end_setup(client, false);
+    } else if (client.dialogue.Done()) {
+        end_setup(client, true);
+    } else {
+        send_request(client);
+    }
 }
 
 void CFleet::on_rtp(CClient& client) {

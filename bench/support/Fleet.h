@@ -43,11 +43,18 @@ enum fleet_media_t {
     FLEET_DISCARDS  // reads and throws away: the floor. Counts the bytes as they come, with interleave headers
 };
 
+// How a fleet's clients reach their server.
+enum fleet_link_t {
+    FLEET_PLAIN,
+    FLEET_TUNNELS  // by the two connections of an HTTP tunnel: requests go in base64 on a POST, and all comes on a GET
+};
+
 // CFleet: many RTSP clients on one thread and one epoll set; sets WINDOW up at a time.
 class CFleet : public ILoad {
 public:
     // `port_base`: from there up the clients' UDP ports are searched.
-    CFleet(FleetFigures& figures, uint16_t port_base, fleet_media_t media = FLEET_COUNTS);
+    CFleet(FleetFigures& figures, uint16_t port_base, fleet_media_t media = FLEET_COUNTS,
+           fleet_link_t link = FLEET_PLAIN);
     ~CFleet() override;
 
     void Open(uint16_t port, unsigned int count, bool udp) override;
@@ -60,6 +67,7 @@ private:
 
     struct CClient {
         int control = -1;
+        int post = -1;  // where the requests of a tunnel go, once the GET is answered
         int rtp = -1;
         int rtcp = -1;
         bool over = false;  // up or failed
@@ -74,6 +82,10 @@ private:
 
     void start_next();
     bool open_client(unsigned int index);
+    int connect_to_server() const;
+    std::string tunnel_head(const char* method, const CClient& client) const;
+    void send_text(CClient& client, int fd, const std::string& text);
+    void on_reply(CClient& client);
     bool open_udp(CClient& client, uint16_t* rtp_port);
     void watch(int fd, unsigned int index, kind_t kind) const;
     void send_request(CClient& client);
@@ -88,6 +100,7 @@ private:
     FleetFigures& m_figures;
     uint16_t m_port_base;
     fleet_media_t m_media;
+    fleet_link_t m_link;
     uint16_t m_next_udp = 0;
     int m_epoll = -1;
     bool m_udp = false;
