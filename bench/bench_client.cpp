@@ -1,7 +1,8 @@
 // What it costs to pull streams into whole frames, beside a bare loop that reads as many sockets of the same sender and
 // throws the bytes away, in the same run. README.md says how it measures.
 //
-//   bench_client [--streams N] [--tcp | --udp] [--slices K] [--threads T] [--frame-size BYTES] [--profile SECONDS]
+//   bench_client [--streams N] [--tcp | --udp | --group | --track] [--slices K] [--threads T] [--frame-size BYTES]
+//   [--profile SECONDS]
 
 #include <algorithm>
 #include <chrono>
@@ -19,6 +20,7 @@
 #include "support/Machine.h"
 #include "support/Process.h"
 #include "support/PullFleet.h"
+#include "support/SideFleet.h"
 
 namespace {
 
@@ -31,10 +33,39 @@ const int DEFAULT_SLICES = 6;
 const std::chrono::milliseconds SLICE(2000);
 const std::chrono::milliseconds FIRST_MEDIA(1000);  // that nobody measures
 
+// What receives in the library.
+struct Road {
+    const char* name;
+    const char* option;
+    bool udp;
+    std::unique_ptr<Bench::ILoad> (*make)(Bench::FleetFigures& figures, unsigned int threads);
+};
+
+std::unique_ptr<Bench::ILoad> make_pulls(Bench::FleetFigures& figures, unsigned int threads) {
+    return std::make_unique<Bench::CPullFleet>(figures, threads);
+}
+
+template <std::unique_ptr<Bench::ISideReceiver> (*Make)(Bench::FleetFigures&)>
+std::unique_ptr<Bench::ILoad> make_sides(Bench::FleetFigures& figures, unsigned int threads) {
+    return std::make_unique<Bench::CSideFleet>(figures, threads, Make);
+}
+
+const Road ROADS[] = {
+    {"TCP", "--tcp", false, &make_pulls},
+    {"UDP", "--udp", true, &make_pulls},
+    {"multicast client", "--group", true, &make_sides<&Bench::MakeMulticastClient>},
+    {"single track", "--track", true, &make_sides<&Bench::MakeSingleTrack>},
+};
+
+const Road* find_road(const std::string& option) {
+    const Road* end = std::end(ROADS);
+    const Road* found = std::find_if(ROADS, end, [&](const Road& road) { return option == road.option; });
+    return found != end ? found : nullptr;
+}
+
 struct Options {
     std::vector<unsigned int> streams = {1, 100, 500};
-    bool tcp = true;
-    bool udp = true;
+    const Road* road = nullptr;  // null: all
     int slices = DEFAULT_SLICES;
     unsigned int threads = 2;
     size_t frame_size = 10000;
@@ -120,30 +151,30 @@ uint64_t first_resident(Bench::CLoadClient& client, uint16_t port, bool udp) {
     return bytes;
 }
 
-void print_row(unsigned int streams, bool udp, const Side& ours, const Side& bare, double kilobytes) {
+void print_row(unsigned int streams, const Road& road, const Side& ours, const Side& bare, double kilobytes) {
     std::vector<double> ratios;
     for (size_t i = 0; i < ours.cost.size(); ++i) {
         ratios.push_back(ours.cost[i] / bare.cost[i]);
     }
     const auto ends = std::minmax_element(ratios.begin(), ratios.end());
     const Bench::FleetFigures& figures = ours.client->Figures();
-    std::printf("| %s | %u | %llu | %llu | %.3f | %.3f | %.2f | %.2f (%.2f to %.2f) | %.0f |\n", udp ? "UDP" : "TCP",
-                streams, static_cast<unsigned long long>(figures.gaps),
-                static_cast<unsigned long long>(figures.damaged), ours.Cost(), bare.Cost(), ours.Cost() / bare.Cost(),
-                Bench::Percentile(ratios, 0.5), *ends.first, *ends.second, kilobytes);
+    std::printf("| %s | %u | %llu | %llu | %.3f | %.3f | %.2f | %.2f (%.2f to %.2f) | %.0f |\n", road.name, streams,
+                static_cast<unsigned long long>(figures.gaps), static_cast<unsigned long long>(figures.damaged),
+                ours.Cost(), bare.Cost(), ours.Cost() / bare.Cost(), Bench::Percentile(ratios, 0.5), *ends.first,
+                *ends.second, kilobytes);
     std::fflush(stdout);
 }
 
-bool run_row(const Options& options, unsigned int streams, bool udp) {
+bool run_row(const Options& options, unsigned int streams, const Road& road) {
+    const bool udp = road.udp;
     const Media media = make_media(options, udp);
     Side ours;
     Side bare;
     for (Side* side : {&ours, &bare}) {
         side->sender = std::make_unique<Bench::CBareServer>(media.recording, udp);
     }
-    ours.client = std::make_unique<Bench::CLoadClient>([&options](Bench::FleetFigures& figures) {
-        return std::make_unique<Bench::CPullFleet>(figures, options.threads);
-    });
+    ours.client = std::make_unique<Bench::CLoadClient>(
+        [&options, &road](Bench::FleetFigures& figures) { return road.make(figures, options.threads); });
     bare.client = std::make_unique<Bench::CLoadClient>([](Bench::FleetFigures& figures) {
         return std::make_unique<Bench::CFleet>(figures, BARE_UDP_BASE, Bench::FLEET_DISCARDS);
     });
@@ -169,7 +200,7 @@ bool run_row(const Options& options, unsigned int streams, bool udp) {
     const bool all_up = ours.client->Figures().up == streams && bare.client->Figures().up == streams;
     const double more = static_cast<double>(streams) - FIRST_STREAMS;
     ours.client->Close();
-    print_row(streams, udp, ours, bare, more > 0 ? added / 1024 / more : 0);
+    print_row(streams, road, ours, bare, more > 0 ? added / 1024 / more : 0);
     if (!all_up) {
         std::printf("not all sessions came up or stayed: no comparison\n");
     }
@@ -180,11 +211,10 @@ Options parse(int argc, char** argv) {
     Options options;
     for (int i = 1; i < argc; ++i) {
         const std::string word = argv[i];
-        const bool is_transport = word == "--tcp" || word == "--udp";
-        const int value = is_transport || i + 1 == argc ? 0 : std::atoi(argv[++i]);
-        if (is_transport) {
-            options.tcp = word == "--tcp";
-            options.udp = !options.tcp;
+        const Road* road = find_road(word);
+        const int value = road != nullptr || i + 1 == argc ? 0 : std::atoi(argv[++i]);
+        if (road != nullptr) {
+            options.road = road;
         } else if (word == "--streams") {
             options.streams = {static_cast<unsigned int>(value)};
         } else if (word == "--slices") {
@@ -196,9 +226,10 @@ Options parse(int argc, char** argv) {
         } else if (word == "--profile") {
             options.profile_s = value;
         } else {
-            std::fprintf(stderr,
-                         "usage: bench_client [--streams N] [--tcp | --udp] [--slices K] [--threads T] "
-                         "[--frame-size BYTES] [--profile SECONDS]\n");
+            std::fprintf(
+                stderr,
+                "usage: bench_client [--streams N] [--tcp | --udp | --group | --track] [--slices K] [--threads T] "
+                "[--frame-size BYTES] [--profile SECONDS]\n");
             std::exit(2);
         }
     }
@@ -216,10 +247,10 @@ int main(int argc, char** argv) {
                 options.frame_size);
     std::printf("| | streams | lost | damaged | library | bare | ratio | median of slices | kB/session |\n");
     bool good = true;
-    for (const bool udp : {false, true}) {
+    for (const Road& road : ROADS) {
         for (const unsigned int streams : options.streams) {
-            if (udp ? options.udp : options.tcp) {
-                good = run_row(options, streams, udp) && good;
+            if (options.road == nullptr || options.road == &road) {
+                good = run_row(options, streams, road) && good;
             }
         }
     }

@@ -20,6 +20,7 @@
 #include <map>
 
 #include "support/BareFrame.h"
+#include "support/BlockingPeer.h"
 #include "support/Loopback.h"
 
 namespace Bench {
@@ -204,78 +205,16 @@ int open_listener(uint16_t* port) {
     return fd;
 }
 
-// A blocking stream of replies and interleaved packets.
-class CRecorder {
-public:
-    explicit CRecorder(uint16_t port) : m_fd(::socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
-        const sockaddr_in address = loopback(port);
-        const timeval limit = {10, 0};
-        ::setsockopt(m_fd, SOL_SOCKET, SO_RCVTIMEO, &limit, sizeof(limit));
-        m_good = ::connect(m_fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
-    }
-    ~CRecorder() { ::close(m_fd); }
-
-    bool Ask(const std::string& request, std::string& reply) {
-        m_good = m_good && ::send(m_fd, request.data(), request.size(), MSG_NOSIGNAL) > 0;
-        size_t size = 0;
-        while (m_good && (size = CRtspDialogue::ReplySize(m_bytes)) == 0) {
-            more();
-        }
-        reply = m_bytes.substr(0, size);
-        m_bytes.erase(0, size);
-        return m_good;
-    }
-
-    // The packets up to the one with the marker bit (RFC 6184 5.1), reports left out.
-    bool Frame(std::string& frame) {
-        frame.clear();
-        bool last = false;
-        while (!last) {
-            while (m_good && (m_bytes.size() < 4 || m_bytes.size() < packet_size())) {
-                more();
-            }
-            if (!m_good || m_bytes[0] != '$') {
-                return false;
-            }
-            const size_t size = packet_size();
-            if (m_bytes[1] == 0) {
-                frame += m_bytes.substr(0, size);
-                last = (m_bytes[5] & 0x80) != 0;
-            }
-            m_bytes.erase(0, size);
-        }
-        return true;
-    }
-
-private:
-    size_t packet_size() const {
-        return 4 + static_cast<unsigned char>(m_bytes[2]) * 256u + static_cast<unsigned char>(m_bytes[3]);
-    }
-    void more() {
-        char room[65536];
-        const ssize_t got = ::recv(m_fd, room, sizeof(room), 0);
-        m_good = got > 0;
-        m_bytes.append(room, got > 0 ? static_cast<size_t>(got) : 0);
-    }
-
-    int m_fd;
-    bool m_good = false;
-    std::string m_bytes;
-};
-
 }  // namespace
 
 Recording Record(uint16_t port, size_t frames) {
     Recording recording;
-    CRecorder recorder(port);
-    CRtspDialogue dialogue(port, 0);
-    for (std::string& reply : recording.replies) {
-        if (!recorder.Ask(dialogue.Request(), reply) || !dialogue.Take(reply)) {
-            return recording;
-        }
+    CBlockingPeer peer(port);
+    if (!peer.Play(CRtspDialogue(port, 0), recording.replies)) {
+        return recording;
     }
     std::string frame;
-    while (recording.frames.size() < frames && recorder.Frame(frame)) {
+    while (recording.frames.size() < frames && peer.Frame(frame)) {
         recording.frames.push_back(frame);
     }
     recording.good = recording.frames.size() == frames;

@@ -1,21 +1,16 @@
 #include "support/PullFleet.h"
 
-#include <poll.h>
-
 #include <chrono>
-#include <cstdio>
-#include <cstdlib>
 #include <string>
 
 #include "Vidora/RtspClientBuffer.h"
 #include "Vidora/RtspClientSession.h"
 #include "Vidora/Tramel/MediaBuffer.h"
-#include "Vidora/Tramel/NetThread.h"
+#include "support/LibraryPool.h"
 
 namespace Bench {
 
 using namespace Kavio::Vidora;
-using Kavio::Tramel::CNetThread;
 
 namespace {
 
@@ -88,18 +83,14 @@ private:
 };
 
 CPullFleet::CPullFleet(FleetFigures& figures, unsigned int threads) : m_figures(figures) {
-    Kavio::Ostra::SetLogLevel(Kavio::Ostra::LOG_LEVEL_NONE);
-    if (CNetThread::CreateThreadPool(threads, false) != 0) {
-        std::fprintf(stderr, "no thread pool\n");
-        std::exit(1);
-    }
+    StartLibraryPool(threads);
     m_handler = new CPullHandler(*this);
 }
 
 CPullFleet::~CPullFleet() {
     Close();
     m_handler->Close();
-    CNetThread::DestroyThreadPool();
+    EndLibraryPool();
 }
 
 void CPullFleet::Open(uint16_t port, unsigned int count, bool udp) {
@@ -127,9 +118,7 @@ void CPullFleet::Close() {
 }
 
 void CPullFleet::Run(int wake_fd) {
-    pollfd wake = {wake_fd, POLLIN, 0};
-    while (::poll(&wake, 1, -1) != 1) {
-    }
+    WaitForCommand(wake_fd);
 }
 
 void CPullFleet::on_note(long session_id, unsigned int msg) {

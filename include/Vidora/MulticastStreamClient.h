@@ -6,6 +6,7 @@
 #include "Vidora/Export.h"
 #include "Vidora/Flumen/MediaFrame.h"
 #include "Vidora/Names.h"
+#include "Vidora/Types.h"
 
 namespace Kavio {
 namespace Vidora {
