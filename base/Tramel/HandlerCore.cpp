@@ -45,7 +45,7 @@ std::shared_ptr<CHandlerCore> CHandlerCore::self() {
 }
 
 int CHandlerCore::RegisterSock(int fd, unsigned int mask, int64_t timeout_us) {
-    if (fd < 0 || timeout_us < 0 || !m_reactor.IsRunning()) {
+    if (fd < 0 || timeout_us < 0 || !m_reactor.TakesHandlers()) {
         return -1;
     }
     const uint64_t timeout = std::min(static_cast<uint64_t>(timeout_us), MAX_PERIOD_US);
@@ -80,7 +80,7 @@ int CHandlerCore::RemoveSock(int fd) {
 }
 
 int CHandlerCore::RequestOutput(int fd) {
-    if (fd < 0 || !m_reactor.IsRunning()) {
+    if (fd < 0 || !m_reactor.TakesHandlers()) {
         return -1;
     }
     Ostra::CGuard guard(m_mutex);
@@ -95,7 +95,7 @@ void CHandlerCore::Resume() {
 }
 
 long CHandlerCore::SetTimer(int64_t period_us) {
-    if (period_us < 1 || !m_reactor.IsRunning()) {
+    if (period_us < 1 || !m_reactor.TakesHandlers()) {
         return 0;
     }
     CTimer timer = {};

@@ -89,11 +89,11 @@ int CReactor::Stop() {
     if (!m_running.load() || t_is_pool_thread) {
         return -1;
     }
-    m_running.store(false);
     std::shared_ptr<CEpollPoller> poller;
     {
         Ostra::CGuard guard(m_mutex);
         m_stopping.store(true);
+        m_running.store(false);
         poller = m_poller;
     }
     poller->Wake();  // each thread that ends wakes the next

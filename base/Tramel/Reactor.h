@@ -54,6 +54,8 @@ public:
     bool IsRunning() const { return m_running.load(); }
     // Stop waits: only handlers that close get their turn.
     bool IsStopping() const { return m_stopping.load(); }
+    // Handlers may register. Those whose callback runs into a Stop may as well: it holds for the next pool.
+    bool TakesHandlers() const { return m_stopping.load() || m_running.load(); }
     // Whether the caller runs on a thread of the pool.
     static bool IsPoolThread();
 

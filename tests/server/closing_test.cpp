@@ -3,6 +3,8 @@
 
 #include "Tramel/Reactor.h"
 #include "server/ServerFixture.h"
+#include "support/Descriptors.h"
+#include "support/Loopback.h"
 #include "support/UdpPeer.h"
 
 namespace Kavio {
@@ -11,15 +13,18 @@ namespace {
 
 using Support::CUdpPeer;
 using Tramel::CNetThread;
+using Tramel::CReactor;
 
 const char MULTICAST[] = "cam/realmonitor?channel=2&subtype=0";
 const char TO_GROUP[] = "Transport: RTP/AVP;multicast\r\n";
-const int BUSY_FRAME = 30000;  // a client that doesn't read is stalled after a few
+const unsigned int BUSY_FRAME = 30000;  // a client that doesn't read is stalled after a few
+
+const unsigned int SMALL_FRAME = 1000;
 
 // The host's thread, which gives frames to all its sources until it is told to end.
 class CHostThread {
 public:
-    CHostThread() : m_thread([this] { run(); }) {}
+    explicit CHostThread(unsigned int size = BUSY_FRAME) : m_size(size), m_thread([this] { run(); }) {}
     ~CHostThread() {
         m_stop = true;
         m_thread.join();
@@ -28,11 +33,12 @@ public:
 private:
     void run() {
         for (unsigned int sequence = 0; !m_stop; ++sequence) {
-            CFakeStreamSource::ForEach([&](CFakeStreamSource& source) { GiveVideo(&source, sequence, BUSY_FRAME); });
+            CFakeStreamSource::ForEach([&](CFakeStreamSource& source) { GiveVideo(&source, sequence, m_size); });
             std::this_thread::sleep_for(std::chrono::milliseconds(2));
         }
     }
 
+    const unsigned int m_size;
     std::atomic<bool> m_stop{false};
     std::thread m_thread;
 };
@@ -147,7 +153,124 @@ TEST_F(Closing, TheDocumentedOrderLeavesNothing) {
     EXPECT_EQ(0, CNetThread::DestroyThreadPool());
     EXPECT_EQ(0, CFakeStreamSource::LiveCount());
     EXPECT_EQ(0u, CRtspSvr::GetSessionCount());
-    EXPECT_EQ(0, Tramel::CReactor::Instance().CountHandlers());
+    EXPECT_EQ(0, CReactor::Instance().CountHandlers());
+}
+
+// A client that plays over TCP, and one that plays over UDP.
+struct Players {
+    explicit Players(int port) : tcp(port), udp(port) {}
+    // Nobody else's frames are in front of these: what had come before is read first.
+    bool ReceiveMore() {
+        while (tcp.Frame(1).channel >= 0) {
+        }
+        while (!rtp.Recv(0).empty()) {
+        }
+        return tcp.Frame().channel == 0 && !rtp.Recv().empty();
+    }
+    CRtspTestClient tcp, udp;
+    CUdpPeer rtp;
+};
+
+class LivingOn : public CServerTest {
+protected:
+    void Begin(Players& players) {
+        PlayInterleaved(players.tcp);
+        Play(players.udp, UdpTransport(players.rtp.Port()));
+    }
+};
+
+// The pool is destroyed and made again: who plays goes on playing, also without a pool, and nobody who is just coming
+// is lost.
+TEST_F(LivingOn, APoolIsMadeAgainUnderItsHandlers) {
+    StartWithChannel();
+    const CHostThread host(SMALL_FRAME);
+    CRtspTestClient idle(m_port);
+    ASSERT_EQ(200, idle.Ask("OPTIONS", "*").status);
+    Players players(m_port);
+    Begin(players);
+    std::atomic<bool> over{false};
+    std::thread visitors([&] {
+        for (bool last = false; !last;) {
+            last = over;
+            Players visitor(m_port);
+            Begin(visitor);
+            EXPECT_TRUE(visitor.ReceiveMore());
+        }
+    });
+    for (int round = 0; round < 20; ++round) {
+        EXPECT_EQ(0, CNetThread::DestroyThreadPool());
+        EXPECT_TRUE(round > 2 || players.ReceiveMore());
+        EXPECT_EQ(0, CNetThread::CreateThreadPool(4, false));
+        EXPECT_EQ(200, idle.Ask("OPTIONS", "*").status);
+        EXPECT_EQ(200, players.udp.Ask("OPTIONS", "*").status);
+    }
+    EXPECT_TRUE(players.ReceiveMore());
+    over = true;
+    visitors.join();
+    EXPECT_EQ(0u, m_svr->EndSessions(20000));
+}
+
+// Connections that have sent nothing, half a request, or the first half of a tunnel; and those that nobody has accepted
+// yet.
+TEST_F(LivingOn, AServerIsClosedWithConnectionsInItsIntake) {
+    const long handlers = CReactor::Instance().CountHandlers();
+    const int descriptors = Support::CountDescriptors();
+    const char* sent[] = {"", "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n", "GET / HTTP/1.0\r\n",
+                          "GET / HTTP/1.0\r\nx-sessioncookie: "};
+    for (const bool accepted : {true, false}) {
+        StartServer();
+        std::vector<std::unique_ptr<CRtspTestClient>> clients;
+        for (int i = 0; i < 100; ++i) {
+            clients.push_back(std::make_unique<CRtspTestClient>(m_port));
+            const bool whole = i % 4 == 3;
+            clients.back()->Send(sent[i % 4] + (whole ? std::to_string(i) + "\r\n\r\n" : std::string()));
+            EXPECT_TRUE(!whole || !accepted || clients.back()->Reply().status == 200);
+        }
+        EXPECT_TRUE(!accepted || Support::WaitUntil([=] { return Support::CountDescriptors() > descriptors + 200; }));
+        m_svr->Close();
+        m_svr = nullptr;
+        for (const auto& client : clients) {
+            EXPECT_TRUE(client->Closed());
+        }
+        clients.clear();
+        EXPECT_EQ(0u, CRtspSvr::GetSessionCount());
+        EXPECT_TRUE(Support::WaitUntil([=] { return CReactor::Instance().CountHandlers() == handlers; }));
+        EXPECT_TRUE(Support::WaitUntil([=] { return Support::CountDescriptors() == descriptors; }));
+    }
+}
+
+// Two servers on one registry: the one goes with its players, whichever it is, and those of the other play on. What
+// plays when the last server closes plays on until the registry does.
+TEST_F(LivingOn, OneOfTwoServersGoes) {
+    for (const int leaving : {0, 1}) {
+        CRtspSvr* servers[2];
+        std::unique_ptr<Players> players[2];
+        for (int i = 0; i < 2; ++i) {
+            StartServer();
+            servers[i] = m_svr;
+            players[i] = std::make_unique<Players>(m_port);
+        }
+        AddChannel();
+        const CHostThread host(SMALL_FRAME);
+        Begin(*players[0]);
+        Begin(*players[1]);
+        CRtspSvr* gone = servers[leaving];
+        CRtspSvr* kept = servers[1 - leaving];
+        Players& staying = *players[1 - leaving];
+        gone->Stop();
+        EXPECT_EQ(0u, gone->EndSessions(20000));
+        gone->Close();
+        EXPECT_TRUE(players[leaving]->tcp.Closed() && players[leaving]->udp.Closed());
+        EXPECT_TRUE(staying.ReceiveMore());
+        EXPECT_EQ(2u, kept->CountSessions());
+        kept->Close();
+        m_svr = nullptr;
+        EXPECT_TRUE(staying.ReceiveMore());
+        m_live_svr->Close();
+        EXPECT_TRUE(staying.tcp.Closed() && staying.udp.Closed());
+        EXPECT_TRUE(SessionsGone());
+        m_live_svr = CLiveSvr::Create(0);
+    }
 }
 
 }  // namespace

@@ -13,8 +13,9 @@ public:
     // with no change, if a pool runs already; -1 if `threads` is out of range or the system gives no thread or
     // descriptor (nothing is left behind then). Call from one thread, not from a callback.
     static int CreateThreadPool(unsigned int threads, bool reserved);
-    // Delivers what is already due to closing handlers, then stops and joins the threads. Handlers that live on get no
-    // more events until a pool is created again. 0, or -1 if there is no pool or the caller is one of its threads.
+    // Delivers what is already due to closing handlers, then stops and joins the threads. Handlers that live on keep
+    // what they have registered, and get no more events until a pool is created again, which then tells them what has
+    // come meanwhile. 0, or -1 if there is no pool or the caller is one of its threads.
     static int DestroyThreadPool();
 };
 
