@@ -41,6 +41,7 @@
 #include "Vidora/SdpInfo.h"
 #include "Vidora/SeqList.h"
 #include "Vidora/StartCode.h"
+#include "Vidora/StreamClientWrapper.h"
 #include "Vidora/StreamSource.h"
 #include "Vidora/Tramel/Level2Buffer.h"
 #include "Vidora/Tramel/MediaBuffer.h"

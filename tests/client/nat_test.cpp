@@ -8,6 +8,7 @@
 
 #include "RtspClient/ClientTypes.h"
 #include "Vidora/SdpInfo.h"
+#include "Vidora/StreamClientWrapper.h"
 #include "support/NatPeer.h"
 
 namespace Kavio {
@@ -240,6 +241,101 @@ TEST_F(CNatTest, AStartThatFailsLeavesTheSocket) {
         EXPECT_EQ(nullptr, session->GetSdpInfo());
         session->Close();
     }
+}
+
+// How the host of the flat layer ends its client.
+enum flat_end_t { FROM_OUTSIDE, FROM_TWO_THREADS, INSIDE_A_FRAME, INSIDE_THE_END, AT_ONCE, WITHOUT_START };
+
+class CFlatTest : public testing::TestWithParam<flat_end_t> {
+protected:
+    static void on_frame(const unsigned char*, unsigned int, void* user) {
+        CFlatTest& test = *static_cast<CFlatTest*>(user);
+        ++test.m_frames;
+        test.on_call(INSIDE_A_FRAME);
+    }
+    static void on_error(int code, void* user) {
+        CFlatTest& test = *static_cast<CFlatTest*>(user);
+        test.m_ends += code == 1 ? 1 : 0;
+        test.on_call(code == 1 ? INSIDE_THE_END : WITHOUT_START);
+    }
+    void on_call(flat_end_t where) {
+        EXPECT_FALSE(m_stopped);
+        EXPECT_EQ(-1, stream_client_startup());
+        EXPECT_EQ(-1, stream_client_cleanup());
+        const play_params params = {0.0F, 0.0F, 0, 1.0F};
+        EXPECT_TRUE(m_frames != 1 || stream_client_play(m_client, &params) == 0);
+        if (where == GetParam()) {
+            m_stopped = true;
+            stream_client_stop(m_client);
+            stream_client_destroy(m_client);
+            m_client = nullptr;
+        }
+    }
+
+    std::atomic<stream_client*> m_client{nullptr};
+    std::atomic<int> m_frames{0};
+    std::atomic<int> m_ends{0};
+    std::atomic<bool> m_stopped{false};
+};
+
+TEST_P(CFlatTest, EndsInAnyOrder) {
+    CNatPeer peer([](const ServerRequest& request) {
+        std::string media;
+        for (unsigned int i = 1; i < 6 && request.method == "PLAY"; ++i) {
+            media += CScriptedServer::Rtp(i);
+        }
+        return CScriptedServer::Answer(request) + media;
+    });
+    ASSERT_EQ(0, stream_client_startup());
+    EXPECT_EQ(0, stream_client_startup());
+    Support::CUdpPeer sock;
+    stream_client_params params = {};
+    std::snprintf(params.url, sizeof(params.url), "%s", peer.Url().c_str());
+    params.sock_handle = ::dup(sock.Fd());
+    m_client = stream_client_create(&params, this);
+    ASSERT_NE(nullptr, m_client);
+    EXPECT_EQ(this, stream_client_get_arg(m_client));
+    EXPECT_EQ(-1, stream_client_start(m_client, nullptr));
+    const stream_client_callbacks callbacks = {&on_frame, &on_error, this};
+    const flat_end_t end = GetParam();
+    if (end == WITHOUT_START) {
+        EXPECT_EQ(-1, stream_client_pause(m_client));
+        ::close(params.sock_handle);
+    } else {
+        EXPECT_EQ(0, stream_client_start(m_client, &callbacks));
+    }
+    if (end != WITHOUT_START && end != AT_ONCE) {
+        EXPECT_TRUE(WaitUntil([this] { return m_frames > 0; }));
+    }
+    if (end == INSIDE_THE_END) {
+        peer.Send("RTSP garbage, no reply");
+    }
+    if (end == INSIDE_A_FRAME || end == INSIDE_THE_END) {
+        EXPECT_TRUE(WaitUntil([this] { return m_client == nullptr; }));
+    }
+    if (stream_client* client = m_client) {
+        Support::RunTogether(end == FROM_TWO_THREADS ? 2 : 1, [client] { EXPECT_EQ(0, stream_client_stop(client)); });
+        m_stopped = true;
+        EXPECT_EQ(-1, stream_client_start(client, &callbacks));
+        EXPECT_EQ(0, stream_client_destroy(client));
+    }
+    EXPECT_EQ(end == INSIDE_THE_END ? 1 : 0, m_ends);
+    EXPECT_EQ(0, stream_client_cleanup());
+    EXPECT_EQ(-1, stream_client_cleanup());
+}
+
+INSTANTIATE_TEST_SUITE_P(At, CFlatTest,
+                         testing::Values(FROM_OUTSIDE, FROM_TWO_THREADS, INSIDE_A_FRAME, INSIDE_THE_END, AT_ONCE,
+                                         WITHOUT_START));
+
+TEST(FlatTest, NullIsRefused) {
+    EXPECT_EQ(nullptr, stream_client_create(nullptr, nullptr));
+    EXPECT_EQ(nullptr, stream_client_get_arg(nullptr));
+    EXPECT_EQ(-1, stream_client_start(nullptr, nullptr));
+    EXPECT_EQ(-1, stream_client_play(nullptr, nullptr));
+    EXPECT_EQ(-1, stream_client_pause(nullptr));
+    EXPECT_EQ(-1, stream_client_stop(nullptr));
+    EXPECT_EQ(-1, stream_client_destroy(nullptr));
 }
 
 }  // namespace
