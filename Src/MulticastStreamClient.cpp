@@ -32,6 +32,36 @@ IMulticastStreamClient* IMulticastStreamClient::Create(ClientType type) {
 
 int CMulticastStreamClient::Start(const char* multicast_addr, int multicast_port, frame_proc_t proc,
                                   const multicast_track_info_t* info) {
+    if (!begin_call(false)) {
+        return -1;
+    }
+    const int result = start(multicast_addr, multicast_port, proc, info);
+    end_call();
+    return result;
+}
+
+// False if the client is ending.
+bool CMulticastStreamClient::begin_call(bool stops) {
+    const CGuard guard(m_mutex);
+    if (m_stopping) {
+        return false;
+    }
+    m_stopping = stops;
+    ++m_calls;
+    return true;
+}
+
+void CMulticastStreamClient::end_call() {
+    CGuard guard(m_mutex);
+    const bool is_last = --m_calls == 0 && m_stopping;
+    guard.Leave();
+    if (is_last) {
+        CNetHandler::Close();
+    }
+}
+
+int CMulticastStreamClient::start(const char* multicast_addr, int multicast_port, const frame_proc_t& proc,
+                                  const multicast_track_info_t* info) {
     if (multicast_addr == nullptr || multicast_port < 1 || proc.empty()) {
         logError("%s:%d Param error \n", __FILE__, __LINE__);
         return -1;
@@ -69,28 +99,25 @@ int CMulticastStreamClient::check_kind(const multicast_track_info_t* info) const
     return 0;
 }
 
-// The track is stored before its socket is watched, since its first datagram may come before RegisterSock returns. The
-// former one must have left the port.
+// The former track must have left the port.
 int CMulticastStreamClient::receive_at(size_t place, const CSockAddrIPv4& address, const track_ptr& track) {
     drop(place);
-    if (track->Open(address) < 0 || !store(place, track)) {
+    return track->Open(address) < 0 ? -1 : store(place, track);
+}
+
+// The track is stored and its socket watched as one: its first datagram finds it, and who takes it out finds its socket
+// watched. 0, or -1: the client is ending, another call has been quicker, or there is no pool.
+int CMulticastStreamClient::store(size_t place, const track_ptr& track) {
+    const CGuard guard(m_mutex);
+    if (m_stopping || m_tracks[place] != nullptr) {
         return -1;
     }
     logInfo("%s:%d, RegisterSock sock[%d]\n", __FILE__, __LINE__, track->Sock().GetHandle());
     if (RegisterSock(track->Sock(), Tramel::SOCK_EVENT_READ, 0) < 0) {
-        drop(place);
         return -1;
     }
-    return 0;
-}
-
-bool CMulticastStreamClient::store(size_t place, const track_ptr& track) {
-    const CGuard guard(m_mutex);
-    if (m_stopping || m_tracks[place] != nullptr) {
-        return false;
-    }
     m_tracks[place] = track;
-    return true;
+    return 0;
 }
 
 // Takes a track out, and waits until no other thread is in it.
@@ -110,7 +137,7 @@ void CMulticastStreamClient::drop(size_t place) {
     track->Close();
 }
 
-// Only the turn that runs now can be in a track that has been taken out; later ones don't find it.
+// Only the turn that runs now can be in a track that has been taken out, by whomever; later ones don't find it.
 void CMulticastStreamClient::wait_for_turn() {
     const CGuard guard(m_mutex);
     const uint64_t turn = m_turn;
@@ -119,17 +146,15 @@ void CMulticastStreamClient::wait_for_turn() {
     }
 }
 
+// The last wait is for a callback whose own Start has taken its track out.
 void CMulticastStreamClient::Close() {
-    {
-        const CGuard guard(m_mutex);
-        if (m_stopping) {
-            return;
-        }
-        m_stopping = true;
+    if (!begin_call(true)) {
+        return;
     }
     drop(VIDEO_TRACK);
     drop(AUDIO_TRACK);
-    CNetHandler::Close();
+    wait_for_turn();
+    end_call();
 }
 
 int CMulticastStreamClient::handle_close(CNetHandler*) {

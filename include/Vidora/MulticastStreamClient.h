@@ -38,16 +38,17 @@ struct multicast_track_info_t {
 // Whoever may send to the group is heard, there is no filter of senders. Silence is no end: a group may rest for any
 // time.
 //
-// THREADING  Create: any thread. Start: any thread, also inside the callback, one call at a time. Stop: any thread,
-//            also inside the callback, once, and no other call during it or after it. The callback runs on a thread of
-//            the pool, one at a time for all tracks of the client; a slow one holds up its own client only. Start and
-//            Stop wait for a callback that runs on another thread: hold no lock then that the callback takes, and
-//            let no two clients' callbacks stop each other.
+// THREADING  Create: any thread. Start: any thread, also inside the callback; of two at once for one kind of track one
+//            may fail. Stop: any thread, also inside the callback, once, and no call begins after it; a Start that runs
+//            by then fails, or its track ends at once. The callback runs on a thread of the pool, one at a time for all
+//            tracks of the client; a slow one holds up its own client only. Start and Stop wait for a callback that
+//            runs on another thread: hold no lock then that the callback takes, and let no two clients' callbacks stop
+//            each other.
 // OWNERSHIP  The client frees itself after Stop and is never deleted by the host. When the thread pool is destroyed
 //            after Stop, or there is none, it ends at the next one. What `proc` binds is borrowed until Stop returns;
 //            if Stop is called inside the callback, until that callback returns.
-// MEMORY     For each track a socket with 1 MiB of room in the system and a frame in the making, at most 2 MiB; all
-//            clients of a thread share what datagrams are read into.
+// MEMORY     For each track a socket with 1 MiB of room in the system and a frame in the making, at most 2 MiB of a
+//            transport stream and 8 MiB of RTP; all clients of a thread share what datagrams are read into.
 class VIDORA_API IMulticastStreamClient {
 public:
     // Gets each frame; the handle may be kept. As there is no description, an audio frame bears the encode code 10

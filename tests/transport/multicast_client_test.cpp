@@ -90,8 +90,8 @@ public:
         }
         return 0;
     }
-    int StartAt(int port, const multicast_track_info_t* info = nullptr) {
-        return m_client.load()->Start(LOOPBACK, port, IMulticastStreamClient::frame_proc_t(this, &CReceived::on_frame),
+    int StartAt(int port, const multicast_track_info_t* info = nullptr, const char* address = LOOPBACK) {
+        return m_client.load()->Start(address, port, IMulticastStreamClient::frame_proc_t(this, &CReceived::on_frame),
                                       info);
     }
     void Stop() {
@@ -256,35 +256,63 @@ TEST(MulticastClient, StopsInsideItsCallback) {
     EXPECT_EQ(received.Frames(1).size(), 1u);
 }
 
-// Another thread's Stop returns when the callback has, and none comes after it.
+// Another thread's Stop returns when the callback has, also when that has ended its track by a Start that failed, and
+// none comes after it.
 TEST(MulticastClient, StopWaitsForACallbackOfAnotherThread) {
-    const CPool pool;
-    std::promise<void> entered, go_on;
-    std::atomic<int> calls{0};
-    std::atomic<bool> done{false};
-    CReceived received(ClientType_RTP);
-    const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
-    received.on_call = [&] {
-        if (++calls == 1) {
-            entered.set_value();
-            go_on.get_future().wait();
-            done = true;
+    for (const bool has_track : {true, false}) {
+        const CPool pool;
+        std::promise<void> entered, go_on;
+        std::atomic<int> calls{0};
+        std::atomic<bool> done{false};
+        CReceived received(ClientType_RTP);
+        const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
+        received.on_call = [&] {
+            if (++calls == 1) {
+                EXPECT_EQ(has_track ? 0 : -1, has_track ? 0 : received.StartAt(5000, &audio, "192.0.2.1"));
+                entered.set_value();
+                go_on.get_future().wait();
+                done = true;
+            }
+        };
+        const int port = received.Start(&audio);
+        ASSERT_GT(port, 0);
+        for (int i = 1; i <= 100; ++i) {
+            received.Send(audio_packet(i), port);
         }
-    };
-    const int port = received.Start(&audio);
-    ASSERT_GT(port, 0);
-    for (int i = 1; i <= 100; ++i) {
-        received.Send(audio_packet(i), port);
+        entered.get_future().wait();
+        std::future<bool> stopped = std::async(std::launch::async, [&] {
+            received.Stop();
+            return done.load();
+        });
+        EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
+        go_on.set_value();
+        EXPECT_TRUE(stopped.get());
+        EXPECT_EQ(calls, 1);
     }
-    entered.get_future().wait();
-    std::future<bool> stopped = std::async(std::launch::async, [&] {
+}
+
+// Start inside the callback while another thread stops.
+TEST(MulticastClient, StartsMeetAStop) {
+    const CPool pool;
+    const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
+    for (int round = 0; round < 50; ++round) {
+        std::atomic<int> port{0};
+        std::atomic<bool> entered{false};
+        CReceived received(ClientType_RTP);
+        IMulticastStreamClient* client = received.Client();
+        const IMulticastStreamClient::frame_proc_t proc([](const Flumen::CMediaFrame&) {});
+        received.on_call = [&] {
+            entered = true;
+            client->Start(LOOPBACK, port, proc, &audio);
+        };
+        port = received.Start(&audio);
+        ASSERT_GT(port, 0);
+        received.Send(audio_packet(1), port);
+        ASSERT_TRUE(WaitUntil([&] { return entered.load(); }));
         received.Stop();
-        return done.load();
-    });
-    EXPECT_EQ(stopped.wait_for(std::chrono::milliseconds(50)), std::future_status::timeout);
-    go_on.set_value();
-    EXPECT_TRUE(stopped.get());
-    EXPECT_EQ(calls, 1);
+        EXPECT_EQ(1, received.returned);
+        EXPECT_LT(descriptor_at(port), 0);
+    }
 }
 
 // Also inside the callback, and at the port of the first.
