@@ -1,7 +1,6 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
 #include <mutex>
 #include <string>
 #include <vector>
@@ -11,6 +10,7 @@
 #include "Vidora/RtspSvrConfig.h"
 #include "Vidora/Tramel/MediaBuffer.h"
 #include "support/Capture.h"
+#include "support/CollectingSink.h"
 #include "support/FakeStreamSource.h"
 #include "support/FrameBuilder.h"
 #include "support/TestHandler.h"
@@ -20,30 +20,16 @@ namespace Vidora {
 namespace {
 
 using Support::BuildFrame;
+using Support::BuildPicture;
+using Support::Bytes;
+using Support::CCollectingSink;
 using Support::CFakeStreamSource;
 using Support::CPool;
 using Support::CTestHandler;
 using Support::FrameSpec;
-using Support::H264Picture;
 using Support::WaitUntil;
 
 const packet_type_t ALL_TYPES[] = {PACKET_TYPE_RTP, PACKET_TYPE_KX, PACKET_TYPE_TS};
-
-// Keeps a copy of what a buffer gives.
-class CKeepingSink : public CLevel2Buffer_IF {
-public:
-    struct Item {
-        std::string bytes;
-        int flag;
-        int channel;
-    };
-    int Put(CMediaPacket* packet, int length, int flag, int channel) override {
-        m_items.push_back(
-            Item{std::string(reinterpret_cast<char*>(packet->GetData()), static_cast<size_t>(length)), flag, channel});
-        return length;
-    }
-    std::vector<Item> m_items;
-};
 
 // One data source over a fake host source, with the messages that its holder gets.
 class KXDataTest : public testing::Test {
@@ -52,8 +38,7 @@ protected:
               const char* content = "cam/realmonitor?channel=1&subtype=0") {
         CFakeStreamSource::SetNext(settings);
         CRtspSvrConfig config;
-        config.SetConfig(RTSP_SVR_CONFIG_SRC_FUNC, reinterpret_cast<const void*>(&CFakeStreamSource::Factory),
-                         sizeof(&CFakeStreamSource::Factory));
+        config.SetSrcFunc(&CFakeStreamSource::Factory);
         m_holder = CTestHandler::Make();
         m_holder->on_message = [this](long, unsigned int msg, long) {
             const std::lock_guard<std::mutex> guard(m_mutex);
@@ -96,19 +81,19 @@ protected:
         return WaitUntil([=] { return Count(msg) >= count; });
     }
     // What the buffer of a type has given so far.
-    const std::vector<CKeepingSink::Item>& Given(packet_type_t type) const { return m_sink[type].m_items; }
+    std::vector<CCollectingSink::Item> Given(packet_type_t type) const { return m_sink[type].Items(); }
+    std::string Sdp() {
+        CSdpParser sdp;
+        return m_source->GetSdp(sdp) == 0 ? sdp.get_stream() : "";
+    }
     CFakeStreamSource& Host() { return *CFakeStreamSource::Last(); }
     int Start(packet_type_t type) { return m_source->StartStreaming(type, &m_buffer[type], 7); }
 
-    // A picture of the running stream, and its frame.
+    // The next picture of the running stream.
     Flumen::CMediaFrame Picture(bool key, unsigned int size, int new_format = 0) {
-        FrameSpec fields;
-        fields.type = key ? 'I' : 'P';
-        fields.sequence = ++m_sequence;
-        fields.pts_ms = 40 * m_sequence;
-        fields.payload = H264Picture(key, size, 7);
-        fields.new_format = new_format;
-        return BuildFrame(fields);
+        Flumen::CMediaFrame frame = BuildPicture(key, size, ++m_sequence);
+        frame.setNewFormat(new_format);
+        return frame;
     }
 
     CPool m_pool;
@@ -116,7 +101,7 @@ protected:
     CDataSource* m_source = nullptr;
     int m_init_result = 0;
     CMediaBuffer m_buffer[3];
-    CKeepingSink m_sink[3];
+    CCollectingSink m_sink[3];
     std::mutex m_mutex;
     std::vector<unsigned int> m_messages;
     uint32_t m_sequence = 0;
@@ -133,23 +118,20 @@ TEST_F(KXDataTest, OneFrameFeedsAllThreeForms) {
 
     // RTP: one merged packet, each piece behind its interleave header, key frame of track 0.
     ASSERT_EQ(1u, Given(PACKET_TYPE_RTP).size());
-    const CKeepingSink::Item& rtp = Given(PACKET_TYPE_RTP)[0];
+    const CCollectingSink::Item rtp = Given(PACKET_TYPE_RTP)[0];
     EXPECT_EQ(1, rtp.flag);
     EXPECT_EQ(1, rtp.channel);
-    EXPECT_EQ('$', rtp.bytes[0]);
-    EXPECT_EQ(0, rtp.bytes[1]);
-    EXPECT_EQ('\x80', rtp.bytes[4]);
+    EXPECT_EQ((Bytes{'$', 0}), Support::Part(rtp.bytes, 0, 2));
+    EXPECT_EQ(0x80, rtp.bytes[4]);
     EXPECT_EQ(96, rtp.bytes[5] & 0x7F);
     // Private: a header of six bytes and the frame as it is.
     ASSERT_EQ(2u, Given(PACKET_TYPE_KX).size());
-    const CKeepingSink::Item& header = Given(PACKET_TYPE_KX)[0];
-    EXPECT_EQ(0, header.flag);
-    EXPECT_EQ(
-        std::string({'$', '\0', '\0', '\0', static_cast<char>(frame.size() >> 8), static_cast<char>(frame.size())}),
-        header.bytes);
-    EXPECT_EQ(std::string(reinterpret_cast<const char*>(frame.getBuffer()), frame.size()),
-              Given(PACKET_TYPE_KX)[1].bytes);
-    EXPECT_EQ(1, Given(PACKET_TYPE_KX)[1].flag);
+    const std::vector<CCollectingSink::Item> kx = Given(PACKET_TYPE_KX);
+    EXPECT_EQ(0, kx[0].flag);
+    EXPECT_EQ((Bytes{'$', 0, 0, 0, static_cast<uint8_t>(frame.size() >> 8), static_cast<uint8_t>(frame.size())}),
+              kx[0].bytes);
+    EXPECT_EQ(Bytes(frame.getBuffer(), frame.getBuffer() + frame.size()), kx[1].bytes);
+    EXPECT_EQ(1, kx[1].flag);
     EXPECT_FALSE(Given(PACKET_TYPE_TS).empty());
 
     Host().Give(Picture(false, 100));
@@ -203,8 +185,7 @@ TEST_F(KXDataTest, FramesBeforeTheFormatGoNowhere) {
     ASSERT_EQ(0, Start(PACKET_TYPE_KX));
     Host().Give(Picture(true, 10));
     EXPECT_TRUE(Given(PACKET_TYPE_KX).empty());
-    CSdpParser sdp;
-    EXPECT_EQ(-1, m_source->GetSdp(sdp));
+    EXPECT_EQ("", Sdp());
     Host().Tell(MSG_STREAM_INFO);
     ASSERT_TRUE(WaitFor(MSG_SRC_READY));
     Host().Give(Picture(true, 10));
@@ -249,9 +230,7 @@ TEST_F(KXDataTest, ChangeOfFormatHoldsTheKeyFrameBackAndUpdatesTheSdp) {
     EXPECT_EQ(1u, Given(PACKET_TYPE_RTP).size());
     EXPECT_EQ(4u, Given(PACKET_TYPE_KX).size());  // private frames describe themselves
     ASSERT_TRUE(WaitFor(MSG_SDP_UPDATE));
-    CSdpParser sdp;
-    ASSERT_EQ(0, m_source->GetSdp(sdp));
-    EXPECT_NE(nullptr, std::strstr(sdp.get_stream(), "a=framerate:50.000000\r\n"));
+    EXPECT_NE(std::string::npos, Sdp().find("a=framerate:50.000000\r\n"));
     Host().Give(Picture(true, 10));
     EXPECT_EQ(2u, Given(PACKET_TYPE_RTP).size());
     // The rate by itself is no change.
@@ -268,9 +247,7 @@ TEST_F(KXDataTest, ChangeOfFormatHoldsTheKeyFrameBackAndUpdatesTheSdp) {
 
 TEST_F(KXDataTest, FilePlaysInsideItsWindow) {
     OpenReady(CFakeStreamSource::FileVideo(), "clip.kav");
-    CSdpParser sdp;
-    ASSERT_EQ(0, m_source->GetSdp(sdp));
-    EXPECT_NE(nullptr, std::strstr(sdp.get_stream(), "a=range:npt=0-12.500000\r\n"));
+    EXPECT_NE(std::string::npos, Sdp().find("a=range:npt=0-12.500000\r\n"));
     ASSERT_EQ(0, m_source->Play(uint64_t{3000000}, uint64_t{6999999}, 1.0F, false));
     ASSERT_TRUE(WaitFor(MSG_PLAY_READY));
     EXPECT_EQ(1, Host().CountCalls("Seek 1600000003"));
@@ -285,12 +262,10 @@ TEST_F(KXDataTest, FilePlaysInsideItsWindow) {
         bool sent;
     } frames[] = {{1600000002.9, false}, {1600000003.0, true}, {1600000006.9, true}, {1600000007.0, false}};
     for (const auto& row : frames) {
-        m_sink[PACKET_TYPE_KX].m_items.clear();
-        FrameSpec fields;
-        fields.type = 'I';
-        fields.payload = H264Picture(true, 10, 7);
-        fields.utc = row.utc;
-        Host().Give(BuildFrame(fields));
+        m_sink[PACKET_TYPE_KX].Clear();
+        Flumen::CMediaFrame frame = Picture(true, 10);
+        frame.setUtc(row.utc);
+        Host().Give(frame);
         EXPECT_EQ(row.sent, !Given(PACKET_TYPE_KX).empty()) << row.utc;
     }
     // Pause keeps the count, so that one stop is enough after a resume.
@@ -308,7 +283,7 @@ TEST_F(KXDataTest, FilePlaysInsideItsWindow) {
     EXPECT_EQ(-1, m_source->Play(uint64_t{20000000}, TIME_NOT_GIVEN, 1.0F, false));  // behind the end
     ASSERT_EQ(0, m_source->Play(uint64_t{0}, TIME_NOT_GIVEN, 1.0F, false));
     ASSERT_EQ(0, Start(PACKET_TYPE_KX));
-    m_sink[PACKET_TYPE_KX].m_items.clear();
+    m_sink[PACKET_TYPE_KX].Clear();
     Host().SetPacketState(1);
     Host().Give(Picture(true, 10));
     EXPECT_TRUE(WaitFor(MSG_SRC_END));
@@ -342,17 +317,14 @@ TEST_F(KXDataTest, TokenStreamCarriesTheReplayExtension) {
     Host().Give(Picture(true, 10));
     Host().Give(Picture(false, 10));
     ASSERT_EQ(2u, Given(PACKET_TYPE_RTP).size());
-    const std::string& first = Given(PACKET_TYPE_RTP)[0].bytes;
-    EXPECT_EQ('\x90', first[4]);  // extension bit
-    EXPECT_EQ(std::string("\xAB\xAC\0\3", 4), first.substr(16, 4));
-    const uint32_t ntp = 1600000000u + 2208988800u;
-    EXPECT_EQ(std::string({static_cast<char>(ntp >> 24), static_cast<char>(ntp >> 16), static_cast<char>(ntp >> 8),
-                           static_cast<char>(ntp), 0, 0, 0, 0, '\xA0', 7, 0, 0}),
-              first.substr(20, 12));  // clean point and discontinuity, CSeq 7
-    EXPECT_EQ('\0', Given(PACKET_TYPE_RTP)[1].bytes[28]);
+    const Bytes first = Given(PACKET_TYPE_RTP)[0].bytes;
+    EXPECT_EQ(0x90, first[4]);  // extension bit
+    // 1600000000 in NTP seconds, clean point and discontinuity, CSeq 7.
+    EXPECT_EQ(Support::FromHex("abac0003 e3088e80 00000000 a0070000"), Support::Part(first, 16, 16));
+    EXPECT_EQ(0, Given(PACKET_TYPE_RTP)[1].bytes[28]);
 }
 
-TEST_F(KXDataTest, SourceThatFailsAtAnyStepIsReported) {
+TEST_F(KXDataTest, ASourceThatDoesNotBegin) {
     CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
     settings.init_fails = true;
     Open(settings);
@@ -383,7 +355,7 @@ TEST(DataSource, ContentDecidesTheClass) {
 TEST_F(KXDataTest, EveryBufferGetsEveryFrameUntilItsOwnLastClientLeaves) {
     OpenReady();
     CMediaBuffer others[3];
-    CKeepingSink sinks[3];
+    CCollectingSink sinks[3];
     for (const packet_type_t type : ALL_TYPES) {
         others[type].EnableAutoSend();
         others[type].AddLevel2Buffer(&sinks[type]);
@@ -393,15 +365,15 @@ TEST_F(KXDataTest, EveryBufferGetsEveryFrameUntilItsOwnLastClientLeaves) {
     ASSERT_TRUE(Host().Give(Picture(true, 3000)));
     for (const packet_type_t type : ALL_TYPES) {
         ASSERT_FALSE(Given(type).empty()) << type;
-        ASSERT_EQ(Given(type).size(), sinks[type].m_items.size()) << type;
-        EXPECT_EQ(Given(type).back().bytes, sinks[type].m_items.back().bytes) << type;
+        ASSERT_EQ(Given(type).size(), sinks[type].Count()) << type;
+        EXPECT_EQ(Given(type).back().bytes, sinks[type].Items().back().bytes) << type;
         EXPECT_EQ(-1, m_source->StopFeeding(type, &m_buffer[type])) << type;  // the other one is left
-        m_sink[type].m_items.clear();
+        m_sink[type].Clear();
     }
     ASSERT_TRUE(Host().Give(Picture(false, 100)));
     for (const packet_type_t type : ALL_TYPES) {
         EXPECT_TRUE(Given(type).empty()) << type;
-        EXPECT_GT(sinks[type].m_items.size(), 1u) << type;
+        EXPECT_GT(sinks[type].Count(), 1u) << type;
         EXPECT_EQ(0, Host().CountCalls("Stop"));
         EXPECT_EQ(type == ALL_TYPES[2] ? 0 : -1, m_source->StopFeeding(type, &others[type])) << type;
     }

@@ -66,7 +66,7 @@ TEST_F(CProxyTest, TwoEdgesRelayOneOriginToTheirPlayers) {
         // The player that leaves takes its source at the edge, and that one's session at the origin, along.
         tcp.Close();
         EXPECT_TRUE(WaitUntil([] { return CRtspSvr::GetSessionCount() <= 2; }));
-        const int before = udp.sink.Count();
+        const size_t before = udp.sink.Count();
         EXPECT_TRUE(WaitUntil([&] {
             GiveVideo(source, sequence++, 3000);
             return udp.sink.Count() > before + 10;
@@ -156,7 +156,7 @@ TEST(ProxyDescription, HidesTheServerAndKeepsWhatDecodersNeed) {
 }
 
 TEST(ProxyRelay, HoldsWhatComesBeforeTheFirstBufferAndFeedsAllThen) {
-    Support::CPacketSink sinks[2];
+    Support::CCollectingSink sinks[2];
     CMediaBuffer buffers[2];
     CProxyRelay relay;
     buffers[0].AddLevel2Buffer(&sinks[0]);
@@ -169,21 +169,21 @@ TEST(ProxyRelay, HoldsWhatComesBeforeTheFirstBufferAndFeedsAllThen) {
         put(100000);  // twice what is held
     }
     EXPECT_EQ(0, relay.Add(&buffers[0]));
-    EXPECT_EQ(20, sinks[0].Count());
+    EXPECT_EQ(20u, sinks[0].Count());
     EXPECT_EQ(0, relay.Add(&buffers[1]));
     EXPECT_EQ(0, relay.Add(&buffers[1]));
     put(10);
-    EXPECT_EQ(21, sinks[0].Count());
-    EXPECT_EQ(1, sinks[1].Count());
+    EXPECT_EQ(21u, sinks[0].Count());
+    EXPECT_EQ(1u, sinks[1].Count());
     EXPECT_EQ(2, relay.Remove(nullptr));                   // of the last one
     sinks[0].on_put = [&] { relay.Remove(&buffers[0]); };  // from inside
     put(10);
     put(10);
-    EXPECT_EQ(22, sinks[0].Count());
-    EXPECT_EQ(3, sinks[1].Count());
+    EXPECT_EQ(22u, sinks[0].Count());
+    EXPECT_EQ(3u, sinks[1].Count());
     relay.Close();
     put(10);
-    EXPECT_EQ(3, sinks[1].Count());
+    EXPECT_EQ(3u, sinks[1].Count());
     EXPECT_EQ(-1, relay.Add(&buffers[0]));
 }
 

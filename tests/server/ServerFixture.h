@@ -4,9 +4,11 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <functional>
 #include <memory>
 #include <mutex>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "Vidora/DataSource.h"
@@ -15,6 +17,7 @@
 #include "Vidora/RtspSvr.h"
 #include "Vidora/RtspSvrConfig.h"
 #include "support/Capture.h"
+#include "support/FakeAuthModule.h"
 #include "support/FakeStreamSource.h"
 #include "support/FrameBuilder.h"
 #include "support/RtspTestClient.h"
@@ -42,12 +45,28 @@ inline std::string UdpTransport(int client_port) {
     return "Transport: RTP/AVP;unicast;client_port=" + std::to_string(client_port) + "\r\n";
 }
 
+// The port from which the server's media come by a reply to SETUP.
+inline int ServerPort(const RtspReply& reply) {
+    return atoi(reply.head.c_str() + reply.head.find("server_port=") + 12);
+}
+
 // Gives a video frame to a source; every tenth is a key frame. False if the source doesn't run.
 bool GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100);
 // The same as soon as the source runs, which is shortly after the reply to PLAY.
 inline bool Give(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100) {
     return Support::WaitUntil([=] { return GiveVideo(source, sequence, size); });
 }
+
+// The host's thread, which gives frames until it goes: `give` is called with rising numbers from 0 on.
+class CFramePump {
+public:
+    CFramePump(int interval_ms, const std::function<void(unsigned int sequence)>& give);
+    ~CFramePump();
+
+private:
+    std::atomic<bool> m_stop{false};
+    std::thread m_thread;
+};
 
 // Events that the server has reported, as text.
 class CEventLog {
@@ -69,6 +88,12 @@ protected:
     // Publishes a channel of a fake source, and gives the source.
     CFakeStreamSource* AddChannel(const std::string& name = LIVE_NAME,
                                   const CFakeStreamSource::Settings& settings = CFakeStreamSource::LiveVideo());
+    // One whose SDP doesn't come by itself: a DESCRIBE of it holds the session's machine.
+    CFakeStreamSource* AddUnreadyChannel(const std::string& name) {
+        CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+        settings.tells_info = false;
+        return AddChannel(name, settings);
+    }
     CFakeStreamSource* StartWithChannel() {
         StartServer();
         return AddChannel();
@@ -85,11 +110,17 @@ protected:
     void SetFunction(rtsp_svr_config_t item, F* function) {
         ASSERT_EQ(0, m_config.SetConfig(item, reinterpret_cast<const void*>(function), sizeof(function)));
     }
+    // Has clients authenticated by CFakeAuthModule.
+    void UseAuthModule(rtsp_auth_t kind, rtsp_svr_config_t item = RTSP_SVR_CONFIG_AUTH_TYPE);
+    // The reply to what was sent, or none if the connection ends, while time runs fast for the server.
+    static RtspReply LateReply(CRtspTestClient& client);
     // DESCRIBE, SETUP of the first track and PLAY. Gives the reply to SETUP.
     RtspReply Play(CRtspTestClient& client, const std::string& transport, const std::string& content = LIVE_NAME);
     void PlayInterleaved(CRtspTestClient& client, const std::string& content = LIVE_NAME) {
         Play(client, INTERLEAVED, content);
     }
+    // Packets that were dropped for clients that don't read.
+    static uint64_t CountDropped();
     // Waits for the sessions to end.
     static bool SessionsGone(unsigned int left = 0);
     CLiveChannel* MakeChannel(const std::string& name);

@@ -5,6 +5,7 @@
 #include <algorithm>
 
 #include "support/Loopback.h"
+#include "support/TestClock.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -21,7 +22,8 @@ void CEventLog::OnEvent(event_type_t event, void* data, int length) {
     if (event == EVENT_LOST_PACKET) {
         const LostPacketEvent& record = *static_cast<const LostPacketEvent*>(data);
         g_events.push_back("lost " + std::string(record.ip) + " channel " + std::to_string(record.channel) +
-                           " subtype " + std::to_string(record.subtype) + " size " + std::to_string(length));
+                           " subtype " + std::to_string(record.subtype));
+        EXPECT_EQ(sizeof(record), static_cast<size_t>(length));
     } else {
         g_events.push_back(std::string(event == EVENT_CLIENT_CONNECTED ? "connected " : "disconnected ") +
                            std::string(static_cast<const char*>(data), static_cast<size_t>(length)));
@@ -41,6 +43,19 @@ int CEventLog::Count(const std::string& text) {
 void CEventLog::Clear() {
     const std::lock_guard<std::mutex> guard(g_event_mutex);
     g_events.clear();
+}
+
+CFramePump::CFramePump(int interval_ms, const std::function<void(unsigned int sequence)>& give)
+    : m_thread([=] {
+          for (unsigned int sequence = 0; !m_stop; ++sequence) {
+              give(sequence);
+              std::this_thread::sleep_for(std::chrono::milliseconds(interval_ms));
+          }
+      }) {}
+
+CFramePump::~CFramePump() {
+    m_stop = true;
+    m_thread.join();
 }
 
 CServerTest::CServerTest() {
@@ -107,6 +122,22 @@ std::string CServerTest::Url(const std::string& content) const {
     return "rtsp://127.0.0.1:" + std::to_string(m_port) + "/" + content;
 }
 
+void CServerTest::UseAuthModule(rtsp_auth_t kind, rtsp_svr_config_t item) {
+    Support::CFakeAuthModule::All().Reset();
+    Set(item, kind);
+    SetFunction(RTSP_SVR_CONFIG_AUTH_FUNC, &Support::CFakeAuthModule::Make);
+}
+
+RtspReply CServerTest::LateReply(CRtspTestClient& client) {
+    RtspReply reply;
+    EXPECT_TRUE(Support::WaitUntil([&] {
+        Support::AdvanceClock(300);  // so often it is looked for a description
+        reply = client.Reply(5);
+        return reply.status != 0 || client.Ended();
+    }));
+    return reply;
+}
+
 RtspReply CServerTest::Play(CRtspTestClient& client, const std::string& transport, const std::string& content) {
     EXPECT_EQ(200, client.Ask("DESCRIBE", Url(content)).status);
     const RtspReply reply = client.Ask("SETUP", Url(content) + "/trackID=0", transport);
@@ -116,13 +147,13 @@ RtspReply CServerTest::Play(CRtspTestClient& client, const std::string& transpor
 }
 
 bool GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size) {
-    const bool key = sequence % 10 == 0;
-    Support::FrameSpec fields;
-    fields.type = key ? 'I' : 'P';
-    fields.sequence = sequence;
-    fields.pts_ms = sequence * 40;
-    fields.payload = Support::H264Picture(key, size, static_cast<uint8_t>(sequence));
-    return source->Give(Support::BuildFrame(fields));
+    return source->Give(Support::BuildPicture(sequence % 10 == 0, size, sequence));
+}
+
+uint64_t CServerTest::CountDropped() {
+    RtspSvrStatistics statistics;
+    CRtspSvr::GetStatistics(statistics);
+    return statistics.dropped;
 }
 
 bool CServerTest::SessionsGone(unsigned int left) {

@@ -1,133 +1,51 @@
-#include <atomic>
-#include <thread>
-
-#include "Vidora/AuthModule.h"
 #include "server/ServerFixture.h"
 
 namespace Kavio {
 namespace Vidora {
 namespace {
 
-const char CHALLENGE[] = "Basic realm=\"test\"";
+using Support::CFakeAuthModule;
+
 const char GOOD[] = "Authorization: Basic good\r\n";
 const char BAD[] = "Authorization: Basic bad\r\n";
 
-// How the modules that the factory makes behave, and what they have seen.
-struct ModuleState {
-    std::atomic<int> delay_ms{-1};  // -1: answers inside the call; -2: inside Release
-    std::atomic<int> first{IAuthModule::AUTH_RESULT_CHALLENGE};
-    std::atomic<int> challenges{0};
-    std::atomic<int> responses{0};
-    std::atomic<int> released{0};
-    std::mutex mutex;
-    std::string url, peer, response;
-} g_module;
-
-class CTestModule : public IAuthModule {
-public:
-    ~CTestModule() override {
-        if (m_thread.joinable()) {
-            m_thread.join();
-        }
-    }
-    void Release() override {
-        if (!m_late.empty()) {
-            m_late(AUTH_RESULT_OK, nullptr);
-        }
-        ++g_module.released;
-        delete this;
-    }
-    int GetChallenge(const char* url, result_proc_t result, const char* info, int kind) override {
-        EXPECT_EQ(2000, kind);
-        ++g_module.challenges;
-        {
-            const std::lock_guard<std::mutex> guard(g_module.mutex);
-            g_module.url = url;
-            g_module.peer = info;
-        }
-        return answer(result, static_cast<auth_result_t>(g_module.first.load()), CHALLENGE);
-    }
-    int ProcessChallenge(const char* response, result_proc_t result, int kind) override {
-        EXPECT_EQ(2000, kind);
-        ++g_module.responses;
-        const std::lock_guard<std::mutex> guard(g_module.mutex);
-        g_module.response = response;
-        const bool good = g_module.response.find("Basic good") == 0;
-        return answer(result, good ? AUTH_RESULT_OK : AUTH_RESULT_DENIED, nullptr);
-    }
-
-private:
-    int answer(result_proc_t result, auth_result_t value, const char* text) {
-        const int delay = g_module.delay_ms;
-        if (delay == -2) {
-            m_late = result;
-            return 0;
-        }
-        if (delay < 0) {
-            result(value, text);
-            return 0;
-        }
-        if (m_thread.joinable()) {
-            m_thread.join();
-        }
-        m_thread = std::thread([=] {
-            std::this_thread::sleep_for(std::chrono::milliseconds(delay));
-            result(value, text);
-        });
-        return 0;
-    }
-    std::thread m_thread;
-    result_proc_t m_late;
-};
-
-IAuthModule* MakeModule(rtsp_auth_t type) {
-    return type == 3 ? new CTestModule : nullptr;
-}
-
 class Authentication : public CServerTest {
 protected:
-    void Start(rtsp_auth_t type = 3) {
-        g_module.delay_ms = -1;
-        g_module.first = IAuthModule::AUTH_RESULT_CHALLENGE;
-        g_module.challenges = g_module.responses = g_module.released = 0;
-        Set(RTSP_SVR_CONFIG_AUTH_TYPE, type);
-        SetFunction(RTSP_SVR_CONFIG_AUTH_FUNC, &MakeModule);
-        StartServer();
-        AddChannel();
+    void Start(rtsp_auth_t kind = 3) {
+        UseAuthModule(kind);
+        StartWithChannel();
     }
+
+    CFakeAuthModule::Common& m_module = CFakeAuthModule::All();
 };
 
 TEST_F(Authentication, ChallengeRefusalAndPassage) {
-    for (const int delay_ms : {-1, 20}) {
-        if (m_svr == nullptr) {
-            Start();
-        }
-        g_module.delay_ms = delay_ms;
-        g_module.challenges = g_module.responses = g_module.released = 0;
+    Start();
+    for (const CFakeAuthModule::answer_t answer : {CFakeAuthModule::AT_ONCE, CFakeAuthModule::LATER}) {
+        m_module.Reset();
+        m_module.answer = answer;
         CRtspTestClient client(m_port);
         EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
         EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);  // free before and after
-        EXPECT_EQ(0, g_module.challenges);
+        EXPECT_EQ(0, m_module.Count("challenge"));
         RtspReply reply = client.Ask("OPTIONS", Url());
         EXPECT_EQ(401, reply.status);
-        EXPECT_EQ(CHALLENGE, reply.Header("WWW-Authenticate"));
+        EXPECT_EQ("Basic realm=\"test\"", reply.Header("WWW-Authenticate"));
         EXPECT_EQ(std::to_string(client.LastCSeq()), reply.Header("CSeq"));
-        EXPECT_EQ(Url(), g_module.url);
-        EXPECT_EQ("127.0.0.1", g_module.peer);
+        EXPECT_EQ(Url() + " 127.0.0.1", m_module.LastText());
 
         reply = client.Ask("DESCRIBE", Url());  // still without credentials: the same challenge, unasked
         EXPECT_EQ(401, reply.status);
         EXPECT_EQ(std::to_string(client.LastCSeq()), reply.Header("CSeq"));
         EXPECT_EQ(401, client.Ask("DESCRIBE", Url(), BAD).status);
-        EXPECT_EQ(1, g_module.challenges);
+        EXPECT_EQ(1, m_module.Count("challenge"));
         EXPECT_EQ(200, client.Ask("DESCRIBE", Url(), GOOD).status);
-        EXPECT_EQ("Basic good", g_module.response);
-        EXPECT_EQ(2, g_module.responses);
+        EXPECT_EQ("Basic good", m_module.LastText());
         EXPECT_EQ(200, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);  // not examined any more
-        EXPECT_EQ(2, g_module.responses);
+        EXPECT_EQ(2, m_module.Count("response"));
         client.Close();
         EXPECT_TRUE(SessionsGone());
-        EXPECT_EQ(1, g_module.released);
+        EXPECT_EQ(1, m_module.Count("release"));
     }
 }
 
@@ -138,8 +56,9 @@ TEST_F(Authentication, PipelinedRequestsWaitOnlyForAModuleThatAnswersAtOnce) {
     EXPECT_EQ(200, client.Reply().status);
     EXPECT_EQ(200, client.Reply().status);
 
-    g_module.delay_ms = 100;
-    Support::CLogCapture log;
+    m_module.answer = CFakeAuthModule::LATER;
+    m_module.delay_ms = 100;
+    CLogCapture log;
     CRtspTestClient hasty(m_port);
     hasty.Send(hasty.Request("DESCRIBE", Url(), GOOD) + hasty.Request("OPTIONS", Url()));
     EXPECT_TRUE(hasty.Closed());
@@ -149,12 +68,12 @@ TEST_F(Authentication, PipelinedRequestsWaitOnlyForAModuleThatAnswersAtOnce) {
 
 TEST_F(Authentication, AnswersOfTheFirstContact) {
     Start();
-    g_module.first = IAuthModule::AUTH_RESULT_OK;
+    m_module.first = IAuthModule::AUTH_RESULT_OK;
     CRtspTestClient free_client(m_port);
     EXPECT_EQ(200, free_client.Ask("DESCRIBE", Url()).status);
 
-    g_module.first = IAuthModule::AUTH_RESULT_DENIED;
-    Support::CLogCapture log;
+    m_module.first = IAuthModule::AUTH_RESULT_DENIED;
+    CLogCapture log;
     CRtspTestClient denied(m_port);
     denied.Send(denied.Request("DESCRIBE", Url()));
     EXPECT_TRUE(denied.Closed());
@@ -166,7 +85,7 @@ TEST_F(Authentication, OnvifUrlsAreFreeUnlessTheHostSaysOtherwise) {
     Start();
     CRtspTestClient client(m_port);
     EXPECT_EQ(200, client.Ask("DESCRIBE", Url(onvif)).status);
-    EXPECT_EQ(0, g_module.challenges);
+    EXPECT_EQ(0, m_module.Count("challenge"));
 
     OnvifUserGlobalConfig global;
     global.enable = 1;
@@ -175,7 +94,7 @@ TEST_F(Authentication, OnvifUrlsAreFreeUnlessTheHostSaysOtherwise) {
     CRtspTestClient checked(m_port);
     EXPECT_EQ(401, checked.Ask("DESCRIBE", Url(onvif)).status);
     EXPECT_EQ(200, checked.Ask("DESCRIBE", Url(onvif), GOOD).status);
-    EXPECT_EQ("Basic good.OnvifInterDomain", g_module.response);
+    EXPECT_EQ("Basic good.OnvifInterDomain", m_module.LastText());
 }
 
 TEST_F(Authentication, AFactoryWithoutAModuleLeavesTheSessionFree) {
@@ -186,14 +105,15 @@ TEST_F(Authentication, AFactoryWithoutAModuleLeavesTheSessionFree) {
 
 TEST_F(Authentication, AConnectionThatGoesWhileTheModuleThinks) {
     Start();
+    m_module.delay_ms = 50;
     for (int i = 0; i < 10; ++i) {
-        g_module.delay_ms = i % 2 == 0 ? 50 : -2;
+        m_module.answer = i % 2 == 0 ? CFakeAuthModule::LATER : CFakeAuthModule::INSIDE_RELEASE;
         CRtspTestClient client(m_port);
         client.Send(client.Request("DESCRIBE", Url()));
-        Support::WaitUntil([&] { return g_module.challenges > i; });
+        Support::WaitUntil([&] { return m_module.Count("challenge") > i; });
     }
     EXPECT_TRUE(SessionsGone());
-    EXPECT_EQ(10, g_module.released);
+    EXPECT_EQ(10, m_module.Count("release"));
 }
 
 }  // namespace

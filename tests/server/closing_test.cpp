@@ -15,52 +15,32 @@ using Support::CUdpPeer;
 using Tramel::CNetThread;
 using Tramel::CReactor;
 
-const char MULTICAST[] = "cam/realmonitor?channel=2&subtype=0";
 const char TO_GROUP[] = "Transport: RTP/AVP;multicast\r\n";
-const unsigned int BUSY_FRAME = 30000;  // a client that doesn't read is stalled after a few
-
+const unsigned int BUSY_FRAME = 300000;  // a client that doesn't read is stalled after a few
 const unsigned int SMALL_FRAME = 1000;
 
-// The host's thread, which gives frames to all its sources until it is told to end.
-class CHostThread {
-public:
-    explicit CHostThread(unsigned int size = BUSY_FRAME) : m_size(size), m_thread([this] { run(); }) {}
-    ~CHostThread() {
-        m_stop = true;
-        m_thread.join();
-    }
-
-private:
-    void run() {
-        for (unsigned int sequence = 0; !m_stop; ++sequence) {
-            CFakeStreamSource::ForEach([&](CFakeStreamSource& source) { GiveVideo(&source, sequence, m_size); });
-            std::this_thread::sleep_for(std::chrono::milliseconds(2));
-        }
-    }
-
-    const unsigned int m_size;
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
-};
+void GiveToAll(unsigned int sequence, unsigned int size) {
+    CFakeStreamSource::ForEach([=](CFakeStreamSource& source) { GiveVideo(&source, sequence, size); });
+}
 
 // A host that closes what it has while clients are in every state and its frames go on.
 class Closing : public CServerTest {
 protected:
     void SetUp() override {
         StartWithChannel();
-        AddChannel(MULTICAST);
+        AddChannel(ChannelName(2));
         CSockAddrStorage group("239.1.2.3", 41000);
         ASSERT_EQ(0, m_channels[1]->AddTransfDst(group, "127.0.0.1"));
         m_channels[1]->SetUnicast(false);
         CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
-        m_host = std::make_unique<CHostThread>();
+        m_host = std::make_unique<CFramePump>(2, [](unsigned int sequence) { GiveToAll(sequence, BUSY_FRAME); });
         CRtspTestClient& idle = Connect();
         ASSERT_EQ(200, idle.Ask("OPTIONS", "*").status);
         ASSERT_EQ(200, Connect().Ask("DESCRIBE", Url()).status);
         PlayInterleaved(Connect());
         Play(Connect(), PRIVATE);
         Play(Connect(), UdpTransport(m_rtp.Port()));
-        Play(Connect(), TO_GROUP, MULTICAST);
+        Play(Connect(), TO_GROUP, ChannelName(2));
         CRtspTestClient& paused = Connect();
         PlayInterleaved(paused, FILE_CONTENT);
         ASSERT_EQ(200, paused.Ask("PAUSE", Url(FILE_CONTENT)).status);
@@ -69,13 +49,8 @@ protected:
         waiting.Send("OPTIONS * RTSP/1.0\r\n");
         ASSERT_EQ(8u, m_svr->CountSessions());
         // The players don't read any more: they are stalled as soon as the sockets are full.
-        const auto dropped = [] {
-            RtspSvrStatistics statistics;
-            CRtspSvr::GetStatistics(statistics);
-            return statistics.dropped;
-        };
-        const uint64_t before = dropped();
-        ASSERT_TRUE(Support::WaitUntil([&] { return dropped() > before; }));
+        const uint64_t before = CountDropped();
+        ASSERT_TRUE(Support::WaitUntil([&] { return CountDropped() > before; }));
     }
 
     CRtspTestClient& Connect() {
@@ -93,7 +68,7 @@ protected:
     }
     void DeleteChannels() {
         EXPECT_EQ(0, m_live_svr->DelLiveChannel(LIVE_NAME));
-        EXPECT_EQ(0, m_live_svr->DelLiveChannel(MULTICAST));
+        EXPECT_EQ(0, m_live_svr->DelLiveChannel(ChannelName(2).c_str()));
     }
 
     void TearDown() override {
@@ -106,7 +81,7 @@ protected:
 
     CUdpPeer m_rtp;
     std::vector<std::unique_ptr<CRtspTestClient>> m_clients;
-    std::unique_ptr<CHostThread> m_host;
+    std::unique_ptr<CFramePump> m_host;
 };
 
 // Acts by their letters: the Server and the Registry are closed, the Channels deleted, the Pool destroyed. A registry
@@ -132,7 +107,7 @@ TEST_P(ClosingOrder, IsSafe) {
                 break;
         }
         if (at_leisure) {
-            std::this_thread::sleep_for(std::chrono::milliseconds(30));  // or else the acts overlap in their effects
+            std::this_thread::sleep_for(std::chrono::milliseconds(10));  // or else the acts overlap in their effects
         }
     }
 }
@@ -183,7 +158,7 @@ protected:
 // is lost.
 TEST_F(LivingOn, APoolIsMadeAgainUnderItsHandlers) {
     StartWithChannel();
-    const CHostThread host(SMALL_FRAME);
+    const CFramePump host(2, [](unsigned int sequence) { GiveToAll(sequence, SMALL_FRAME); });
     CRtspTestClient idle(m_port);
     ASSERT_EQ(200, idle.Ask("OPTIONS", "*").status);
     Players players(m_port);
@@ -251,7 +226,7 @@ TEST_F(LivingOn, OneOfTwoServersGoes) {
             players[i] = std::make_unique<Players>(m_port);
         }
         AddChannel();
-        const CHostThread host(SMALL_FRAME);
+        const CFramePump host(2, [](unsigned int sequence) { GiveToAll(sequence, SMALL_FRAME); });
         Begin(*players[0]);
         Begin(*players[1]);
         CRtspSvr* gone = servers[leaving];

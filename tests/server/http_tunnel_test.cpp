@@ -1,6 +1,5 @@
 #include "RtspOverHttp/Base64Stream.h"
 #include "RtspOverHttp/HttpParser.h"
-#include "Vidora/AuthModule.h"
 #include "Vidora/Ostra/Base64.h"
 #include "server/ServerFixture.h"
 #include "support/Descriptors.h"
@@ -55,20 +54,6 @@ struct Tunnel {
         EXPECT_EQ(200, Ask("DESCRIBE", url).status);
         EXPECT_EQ(200, Ask("SETUP", url + "/trackID=0", INTERLEAVED).status);
         EXPECT_EQ(200, Ask("PLAY", url).status);
-    }
-};
-
-class CTunnelModule : public IAuthModule {
-public:
-    static IAuthModule* Make(rtsp_auth_t) { return new CTunnelModule; }
-    void Release() override { delete this; }
-    int GetChallenge(const char*, result_proc_t result, const char*, int) override {
-        result(AUTH_RESULT_CHALLENGE, "Basic realm=\"x\"");
-        return 0;
-    }
-    int ProcessChallenge(const char* response, result_proc_t result, int) override {
-        result(std::string(response) == "Basic good" ? AUTH_RESULT_OK : AUTH_RESULT_DENIED, nullptr);
-        return 0;
     }
 };
 
@@ -316,9 +301,8 @@ TEST_F(HttpTunnel, StrangersAreRefused) {
 }
 
 TEST_F(HttpTunnel, EveryPostIsJudgedByTheGate) {
-    Set(RTSP_SVR_CONFIG_HTTP_AUTH_TYPE, rtsp_auth_t{1});
+    UseAuthModule(1, RTSP_SVR_CONFIG_HTTP_AUTH_TYPE);
     Set(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, OnvifUserGlobalConfig{1});
-    SetFunction(RTSP_SVR_CONFIG_AUTH_FUNC, &CTunnelModule::Make);
     StartWithChannel();
     const char good[] = "Authorization: Basic good\r\n";
     Tunnel tunnel(m_port);

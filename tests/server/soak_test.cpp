@@ -59,44 +59,24 @@ CStreamSource* make_source(const char* content) {
     return CFakeStreamSource::Make(sound_and_pictures(is_file));
 }
 
-// The host's thread that gives frames to all sources, all the time.
-class CFramePump {
-public:
-    CFramePump() : m_thread([this] { run(); }) {}
-    ~CFramePump() {
-        m_stop = true;
-        m_thread.join();
-    }
-
-private:
-    void run() {
-        for (unsigned int sequence = 1; !m_stop; ++sequence) {
-            const bool key = sequence % 10 == 0;
-            Support::FrameSpec video;
-            video.type = key ? 'I' : 'P';
-            video.sequence = sequence;
-            video.pts_ms = sequence * 40;
-            video.width = 64 + (sequence / 1000 % 2) * 64;  // the frames themselves tell of another format at times
-            video.payload = Support::H264Picture(key, key ? 30000 : 3000, static_cast<uint8_t>(sequence));
-            Support::FrameSpec audio;
-            audio.type = 'A';
-            audio.sequence = sequence;
-            audio.pts_ms = sequence * 40;
-            audio.encode_code = 14;
-            audio.payload = std::string(320, 'a');
-            const Flumen::CMediaFrame frames[] = {Support::BuildFrame(video), Support::BuildFrame(audio)};
-            CFakeStreamSource::ForEach([&](CFakeStreamSource& source) {
-                for (const Flumen::CMediaFrame& frame : frames) {
-                    source.Give(frame);
-                }
-            });
-            std::this_thread::sleep_for(std::chrono::milliseconds(4));
+// Gives pictures and sound to all sources. The frames themselves tell of another format at times.
+void give_to_all(unsigned int sequence) {
+    Support::FrameSpec video, audio;
+    video.type = sequence % 10 == 0 ? 'I' : 'P';
+    video.sequence = audio.sequence = sequence;
+    video.pts_ms = audio.pts_ms = sequence * 40;
+    video.width = 64 + (sequence / 1000 % 2) * 64;
+    video.payload = Support::H264Picture(video.type == 'I', video.type == 'I' ? 30000 : 3000, 7);
+    audio.type = 'A';
+    audio.encode_code = 14;
+    audio.payload = std::string(320, 'a');
+    const Flumen::CMediaFrame frames[] = {Support::BuildFrame(video), Support::BuildFrame(audio)};
+    CFakeStreamSource::ForEach([&](CFakeStreamSource& source) {
+        for (const Flumen::CMediaFrame& frame : frames) {
+            source.Give(frame);
         }
-    }
-
-    std::atomic<bool> m_stop{false};
-    std::thread m_thread;
-};
+    });
+}
 
 class Soak : public CServerTest {
 protected:
@@ -167,9 +147,13 @@ protected:
         const std::string url =
             Url(is_file ? FILE_CONTENT : ChannelName(1 + static_cast<int>(random() % ALL_CHANNELS)));
         if (random() % 5 == 0) {  // says all at once, and leaves in the middle of it
-            client->Send(client->Request("DESCRIBE", url) +
-                         client->Request("SETUP", url + "/trackID=0", Transport(*rtp, road)) +
-                         client->Request("PLAY", url) + client->Request("TEARDOWN", url));
+            std::string bytes = client->Request("DESCRIBE", url) +
+                                client->Request("SETUP", url + "/trackID=0", Transport(*rtp, road)) +
+                                client->Request("PLAY", url) + client->Request("TEARDOWN", url);
+            for (unsigned int damage = random() % 4; damage > 0; --damage) {
+                bytes[random() % bytes.size()] = static_cast<char>(random());
+            }
+            client->Send(bytes);
             std::this_thread::sleep_for(std::chrono::microseconds(random() % 3000));
             Leave(std::move(client), std::move(rtp), random() % 2 == 0 ? LEAVE_CLOSE : LEAVE_RESET, url);
             return;
@@ -281,7 +265,7 @@ TEST_F(Soak, NothingIsLeftOfSessionsThatGoInEveryWay) {
     }
 
     {
-        CFramePump pump;
+        CFramePump pump(4, &give_to_all);
         std::atomic<bool> stop{false};
         std::thread churn([&] {
             for (std::mt19937 random(1); !stop;) {

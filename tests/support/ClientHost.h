@@ -9,6 +9,7 @@
 
 #include "Vidora/RtspClientSession.h"
 #include "Vidora/Tramel/MediaBuffer.h"
+#include "support/CollectingSink.h"
 #include "support/TestHandler.h"
 
 namespace Kavio {
@@ -18,40 +19,6 @@ namespace Support {
 struct ClientNote {
     unsigned int msg = 0;
     long param = 0;
-};
-
-// A sink that keeps what it gets, up to a limit.
-class CPacketSink : public Tramel::CLevel2Buffer_IF {
-public:
-    std::function<void()> on_put;  // set before it is added
-
-    int Put(Tramel::CMediaPacket* packet, int length, int, int channel) override {
-        if (on_put) {
-            on_put();
-        }
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        ++m_count;
-        if (m_packets.size() < 1000) {
-            m_packets.emplace_back(reinterpret_cast<const char*>(packet->GetData()), static_cast<size_t>(length));
-            m_channels.push_back(channel);
-        }
-        return 0;
-    }
-    int Count() const { return m_count; }
-    std::vector<std::string> Packets() {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        return m_packets;
-    }
-    std::vector<int> Channels() {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        return m_channels;
-    }
-
-private:
-    std::atomic<int> m_count{0};
-    std::mutex m_mutex;
-    std::vector<std::string> m_packets;
-    std::vector<int> m_channels;
 };
 
 // TClientHost: an application with one client session: it plays as soon as the tracks are set up, unless told
@@ -113,7 +80,7 @@ public:
     }
 
     Session* session;
-    CPacketSink sink;
+    CCollectingSink sink;
 
 private:
     void take(const ClientNote& note) {

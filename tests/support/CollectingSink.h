@@ -3,6 +3,7 @@
 
 #include <functional>
 #include <mutex>
+#include <string>
 #include <vector>
 
 #include "Vidora/Tramel/Level2Buffer.h"
@@ -36,9 +37,21 @@ public:
         const std::lock_guard<std::mutex> guard(m_mutex);
         return m_items;
     }
+    // The bytes of each as text.
+    std::vector<std::string> Packets() const {
+        std::vector<std::string> packets;
+        for (const Item& item : Items()) {
+            packets.emplace_back(item.bytes.begin(), item.bytes.end());
+        }
+        return packets;
+    }
     size_t Count() const {
         const std::lock_guard<std::mutex> guard(m_mutex);
         return m_items.size();
+    }
+    void Clear() {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        m_items.clear();
     }
 
 private:

@@ -31,6 +31,15 @@ Flumen::CMediaFrame BuildFrame(const FrameSpec& fields) {
     return frame;
 }
 
+Flumen::CMediaFrame BuildPicture(bool key, unsigned int size, uint32_t sequence) {
+    FrameSpec fields;
+    fields.type = key ? 'I' : 'P';
+    fields.sequence = sequence;
+    fields.pts_ms = sequence * 40;
+    fields.payload = H264Picture(key, size, static_cast<uint8_t>(sequence));
+    return BuildFrame(fields);
+}
+
 std::string H264ParameterSets() {
     // 64 x 48, baseline.
     static const unsigned char bytes[] = {0,    0,    0,    1, 0x67, 0x42, 0xC0, 0x0A, 0xDA, 0x44, 0x36, 0xC0,

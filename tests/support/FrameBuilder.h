@@ -24,6 +24,9 @@ struct FrameSpec {
 // A private frame in a media frame whose facts are set.
 Flumen::CMediaFrame BuildFrame(const FrameSpec& fields);
 
+// A private frame of H264Picture with that number, 40 ms behind the one before it.
+Flumen::CMediaFrame BuildPicture(bool key, unsigned int size, uint32_t sequence);
+
 // Elementary stream of one H.264 picture with `size` bytes in its slice; a key picture has its parameter sets first.
 std::string H264Picture(bool key, unsigned int size, uint8_t fill);
 // The parameter sets of H264Picture, each behind a start code.

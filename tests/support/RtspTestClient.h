@@ -51,6 +51,8 @@ public:
     RtspFrame Frame(int timeout_ms = 10000);
     // Whether the server closes the connection in that time. What comes before is dropped.
     bool Closed(int timeout_ms = 10000);
+    // Whether the server is known to have closed it.
+    bool Ended() const { return m_eof; }
     // Whether nothing at all comes in that time, the connection being open.
     bool Silent(int timeout_ms);
     // Ends the connection.

@@ -1,0 +1,124 @@
+#ifndef VIDORA_TESTS_SUPPORT_FAKEAUTHMODULE_H
+#define VIDORA_TESTS_SUPPORT_FAKEAUTHMODULE_H
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <functional>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "Vidora/AuthModule.h"
+
+namespace Kavio {
+namespace Support {
+
+// CFakeAuthModule: asks each client for credentials, of which only "Basic good" are right, and records the calls.
+//
+// THREADING  Calls of the library: any thread; the record is guarded. What All() gives is set before clients come.
+class CFakeAuthModule : public Vidora::IAuthModule {
+public:
+    enum answer_t { AT_ONCE, LATER, INSIDE_RELEASE };
+
+    // What all modules have in common.
+    struct Common {
+        std::atomic<answer_t> answer{AT_ONCE};
+        std::atomic<int> delay_ms{0};  // of what is answered later
+        std::atomic<auth_result_t> first{AUTH_RESULT_CHALLENGE};
+        // Called at the beginning of each call: its name as in Count, and its text.
+        std::function<void(const std::string& call, const std::string& text)> on_call;
+
+        // Calls of a name: "factory", "challenge", "response" and "release".
+        int Count(const std::string& call) {
+            const std::lock_guard<std::mutex> guard(m_mutex);
+            return static_cast<int>(std::count(m_calls.begin(), m_calls.end(), call));
+        }
+        // The text of the last call that had one: the URL and the client's address, or the credentials.
+        std::string LastText() {
+            const std::lock_guard<std::mutex> guard(m_mutex);
+            return m_last_text;
+        }
+        // Forgets the calls, and answers at once with a challenge from now on.
+        void Reset() {
+            answer = AT_ONCE;
+            first = AUTH_RESULT_CHALLENGE;
+            on_call = nullptr;
+            const std::lock_guard<std::mutex> guard(m_mutex);
+            m_calls.clear();
+        }
+        void Record(const std::string& call, const std::string& text = std::string()) {
+            if (on_call) {
+                on_call(call, text);
+            }
+            const std::lock_guard<std::mutex> guard(m_mutex);
+            m_calls.push_back(call);
+            m_last_text = text.empty() ? m_last_text : text;
+        }
+
+    private:
+        std::mutex m_mutex;
+        std::vector<std::string> m_calls;
+        std::string m_last_text;
+    };
+    static Common& All() {
+        static Common common;
+        return common;
+    }
+
+    // A factory for CRtspSvrConfig; there is no module for kind 4.
+    static Vidora::IAuthModule* Make(Vidora::rtsp_auth_t kind) {
+        All().Record("factory");
+        return kind == 4 ? nullptr : new CFakeAuthModule;
+    }
+    void Release() override {
+        All().Record("release");
+        if (!m_held.empty()) {
+            m_held(AUTH_RESULT_OK, nullptr);
+        }
+        delete this;
+    }
+    int GetChallenge(const char* url, result_proc_t result, const char* info, int kind) override {
+        EXPECT_EQ(2000, kind);
+        All().Record("challenge", std::string(url) + " " + info);
+        return give(result, All().first, "Basic realm=\"test\"");
+    }
+    int ProcessChallenge(const char* response, result_proc_t result, int kind) override {
+        EXPECT_EQ(2000, kind);
+        All().Record("response", response);
+        const bool good = std::string(response).find("Basic good") == 0;
+        return give(result, good ? AUTH_RESULT_OK : AUTH_RESULT_DENIED, nullptr);
+    }
+
+private:
+    ~CFakeAuthModule() override { join(); }
+    void join() {
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+    int give(const result_proc_t& result, auth_result_t value, const char* text) {
+        join();
+        if (All().answer == AT_ONCE) {
+            result(value, text);
+        } else if (All().answer == INSIDE_RELEASE) {
+            m_held = result;
+        } else {
+            m_thread = std::thread([=] {
+                std::this_thread::sleep_for(std::chrono::milliseconds(All().delay_ms));
+                result(value, text);
+            });
+        }
+        return 0;
+    }
+
+    std::thread m_thread;
+    result_proc_t m_held;
+};
+
+}  // namespace Support
+}  // namespace Kavio
+
+#endif  // VIDORA_TESTS_SUPPORT_FAKEAUTHMODULE_H
