@@ -63,8 +63,11 @@ int CAuthGate::Check(const rtsp_msg_info& info, const char* buffer, int length, 
 
 int CAuthGate::judge_request(const rtsp_msg_info& info, const char* buffer, int length, const CSockAddrStorage& peer) {
     std::unique_ptr<CRtspRspParser> parser(new (std::nothrow) CRtspRspParser);
-    if (!parser || parser->parse_request(buffer, static_cast<unsigned int>(length), nullptr) != 0) {
+    if (!parser) {
         return -1;
+    }
+    if (parser->parse_request(buffer, static_cast<unsigned int>(length), nullptr) != 0) {
+        return UNREAD;
     }
     const bool onvif = is_onvif_url(parser->get_url());
     if (onvif && !m_checks_onvif) {
@@ -74,7 +77,7 @@ int CAuthGate::judge_request(const rtsp_msg_info& info, const char* buffer, int 
     if (m_state != AUTH_IDLE) {
         // A client mustn't send a second request before the first has been judged.
         logError("%s:%d auth check processing, new request arrive, state error, refused\n", __FILE__, __LINE__);
-        return -1;
+        return BUSY;
     }
     const bool first_contact = m_challenge.empty() && !holds_text(buffer, length, CREDENTIALS);
     if (!first_contact && parser->get_auth()[0] == '\0') {

@@ -51,7 +51,14 @@ public:
     // Gives the module back. No answer is taken after it.
     void Release();
 
-    // 1: the message passes. 0: the gate has taken it. -1: the conversation has to end. `peer` is the client's address.
+    // What Check can't judge.
+    enum failure_t {
+        UNREAD = -2,  // the request can't be read
+        BUSY = -3     // another one is being judged
+    };
+
+    // 1: the message passes. 0: the gate has taken it. A failure_t, or -1: the conversation has to end. `peer` is the
+    // client's address.
     int Check(const rtsp_msg_info& info, const char* buffer, int length, const CSockAddrStorage& peer);
     // Whether Check would look at a message at all.
     bool Guards() const { return m_module != nullptr && m_state != AUTH_PASSED; }

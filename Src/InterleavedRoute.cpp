@@ -58,6 +58,10 @@ void CInterleavedRoute::Switch(const CTrack& track, bool on) {
     on ? m_sender->SetSendChannel(track.send_channel) : m_sender->DisableSendChannel(track.send_channel);
 }
 
+void CInterleavedRoute::Pause(const CTrack& track) {
+    m_sender->PauseSendChannel(track.send_channel);
+}
+
 int CInterleavedRoute::EnterLive(CLiveChannel& channel, packet_type_t type) {
     return channel.Enter(m_sender, type);
 }

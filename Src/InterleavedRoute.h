@@ -16,6 +16,7 @@ public:
 
     int SetUp(const CTrack& track, int channel, transport_info& transport) override;
     void Switch(const CTrack& track, bool on) override;
+    void Pause(const CTrack& track) override;
     int EnterLive(CLiveChannel& channel, packet_type_t type) override;
     void LeaveLive(CLiveChannel& channel, packet_type_t type) override;
     void EnterBuffer(CMediaBuffer& buffer) override;

@@ -39,6 +39,8 @@ public:
     virtual const multicast_info* Group() const { return nullptr; }
     // Lets the packets of a track that was set up pass, or not.
     virtual void Switch(const CTrack& track, bool on) = 0;
+    // Stops the packets of a track; once it is switched on again they go on with a key frame, where the route can tell.
+    virtual void Pause(const CTrack& track) { Switch(track, false); }
 
     // Stands in a live channel, which a reference is held on, and which is started for it; and no longer. 0 or -1.
     virtual int EnterLive(CLiveChannel& channel, packet_type_t type) = 0;

@@ -57,9 +57,21 @@ CRtpUdpSender::~CRtpUdpSender() {
     }
 }
 
-int CRtpUdpSender::Put(CMediaPacket* packet, int length, int /*flag*/, int tag) {
-    const unsigned track = Tramel::MediaTag::Unpack(tag).track;
+bool CRtpUdpSender::passes(unsigned int track, bool is_key) {
     if (track >= TRACK_COUNT || ((m_track_mask.load(std::memory_order_relaxed) >> track) & 1U) == 0) {
+        return false;
+    }
+    const uint8_t bit = static_cast<uint8_t>(1U << track);
+    if (is_key) {
+        m_key_tracks |= bit;
+        m_rested &= static_cast<uint8_t>(~bit);
+    }
+    return (m_rested.load(std::memory_order_relaxed) & m_key_tracks.load(std::memory_order_relaxed) & bit) == 0;
+}
+
+int CRtpUdpSender::Put(CMediaPacket* packet, int length, int /*flag*/, int tag) {
+    const Tramel::MediaTag media = Tramel::MediaTag::Unpack(tag);
+    if (!passes(media.track, media.IsKey())) {
         return 0;
     }
     const unsigned char* data = packet == nullptr ? nullptr : packet->GetData();
@@ -304,6 +316,13 @@ void CRtpUdpSender::EnableTrack(int track) {
     const unsigned bit = 1U << track;
     const unsigned mask = m_track_mask;
     m_track_mask = static_cast<uint8_t>((mask == 0xff ? 0 : mask) | bit);
+}
+
+void CRtpUdpSender::PauseTrack(int track) {
+    DisableTrack(track);
+    if (track >= 0 && track < static_cast<int>(TRACK_COUNT)) {
+        m_rested |= static_cast<uint8_t>(1U << track);
+    }
 }
 
 void CRtpUdpSender::DisableTrack(int channel) {

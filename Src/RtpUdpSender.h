@@ -73,6 +73,8 @@ public:
     // Switches tracks, 0 to 7. All are on at first; the first EnableTrack leaves only its own on. -1: all on.
     void EnableTrack(int track);
     void DisableTrack(int channel);
+    // Switches a track off as well; once it is on again it goes on with its next key frame, if it has such frames.
+    void PauseTrack(int track);
 
 private:
     // One track.
@@ -104,7 +106,11 @@ private:
     long m_keeper_notify_id = 0;
     int m_keeper_timeout_s = 0;
 
+    bool passes(unsigned int track, bool is_key);
+
     std::atomic<uint8_t> m_track_mask{0xff};  // bit n: track n may be sent
+    std::atomic<uint8_t> m_key_tracks{0};     // has had a key frame
+    std::atomic<uint8_t> m_rested{0};         // waits for a key frame since it was paused
 
     CMutex m_mutex;
     std::unique_ptr<Slot[]> m_slots VIDORA_GUARDED_BY(m_mutex);

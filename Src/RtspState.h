@@ -27,6 +27,10 @@ namespace Vidora {
 //     int on_unsupported(const StateEvent&)    ANNOUNCE, RECORD, REDIRECT
 //     int send_data(const char* text, int length)
 //     void on_asyn_msg(const StateEvent&)
+// It may have these as well:
+//     int on_unknown(const StateEvent&)        a method that isn't in the table
+//     int on_refused(const StateEvent&, int result)  after a refusal, by a state (STATE_RESULT_FAIL) or with the
+//                                              negative result of one of the above: 0 if it has answered
 template <typename T>
 struct RtspServerOwner {
     static int describe(T& owner, const StateEvent& event) { return owner.on_describe(event); }
@@ -40,10 +44,32 @@ struct RtspServerOwner {
     static int set_parameter(T& owner, const StateEvent& event) { return owner.on_set_parameter(event); }
     static int get_parameter(T& owner, const StateEvent& event) { return owner.on_get_parameter(event); }
     static int unsupported(T& owner, const StateEvent& event) { return owner.on_unsupported(event); }
+    static int unknown(T& owner, const StateEvent& event) { return unknown_of(owner, event, 0); }
+    static int refused(T& owner, const StateEvent& event, int result) { return refused_of(owner, event, result, 0); }
     static int send(T& owner, const char* text, uint32_t length) {
         return owner.send_data(text, static_cast<int>(length));
     }
     static void asyn_msg(T& owner, const StateEvent& event) { owner.on_asyn_msg(event); }
+
+private:
+    // The last argument prefers the owner's own operation.
+    template <typename Owner>
+    static auto unknown_of(Owner& owner, const StateEvent& event, int) -> decltype(owner.on_unknown(event)) {
+        return owner.on_unknown(event);
+    }
+    template <typename Owner>
+    static int unknown_of(Owner&, const StateEvent&, long) {
+        return 0;
+    }
+    template <typename Owner>
+    static auto refused_of(Owner& owner, const StateEvent& event, int result, int)
+        -> decltype(owner.on_refused(event, result)) {
+        return owner.on_refused(event, result);
+    }
+    template <typename Owner>
+    static int refused_of(Owner&, const StateEvent&, int result, long) {
+        return result;
+    }
 };
 
 // A client has these (public, or with `friend struct RtspClientOwner<T>`); each gets the reply to its method. An
@@ -69,6 +95,8 @@ struct RtspClientOwner {
     static int set_parameter(T& owner, const StateEvent& event) { return owner.on_set_parameter_reply(event); }
     static int get_parameter(T& owner, const StateEvent& event) { return owner.on_get_parameter_reply(event); }
     static int unsupported(T& owner, const StateEvent& event) { return owner.on_unsupported(event); }
+    static int unknown(T&, const StateEvent&) { return 0; }
+    static int refused(T&, const StateEvent&, int result) { return result; }
     static int send(T& owner, const char* text, uint32_t length) {
         return owner.send_request(text, static_cast<int>(length));
     }
@@ -80,9 +108,9 @@ struct RtspClientOwner {
 template <typename T>
 struct RtspStateOwner : RtspServerOwner<T> {};
 
-// The state_result_t of an owner's result.
+// The state_result_t of an owner's result; a refusal stays as it is.
 inline int state_result(int result, int done, int later) {
-    return result < 0 ? STATE_RESULT_FAIL : result == 0 ? done : later;
+    return result < 0 ? result : result == 0 ? done : later;
 }
 
 // CInitState: no stream is set up. PLAY and PAUSE are refused, and the peer gets no answer.
@@ -158,30 +186,46 @@ public:
     CRtspState(T* owner, IState* state) : m_owner(owner), m_state(state) {}
     ~CRtspState() override { delete m_state; }
 
-    int describe(const StateEvent& event) override { return m_state->describe(event); }
-    int setup(const StateEvent& event) override { return m_state->setup(event); }
-    int play(const StateEvent& event) override { return m_state->play(event); }
-    int pause(const StateEvent& event) override { return m_state->pause(event); }
+    int describe(const StateEvent& event) override { return settle(event, m_state->describe(event)); }
+    int setup(const StateEvent& event) override { return settle(event, m_state->setup(event)); }
+    int play(const StateEvent& event) override { return settle(event, m_state->play(event)); }
+    int pause(const StateEvent& event) override { return settle(event, m_state->pause(event)); }
     int teardown(const StateEvent& event) override {
-        return state_result(RtspStateOwner<T>::teardown(*m_owner, event), STATE_RESULT_INIT, STATE_RESULT_INIT);
+        const int result = RtspStateOwner<T>::teardown(*m_owner, event);
+        return settle(event, state_result(result, STATE_RESULT_INIT, STATE_RESULT_INIT));
     }
-    int announce(const StateEvent& event) override { return stay(RtspStateOwner<T>::unsupported(*m_owner, event)); }
-    int record(const StateEvent& event) override { return stay(RtspStateOwner<T>::unsupported(*m_owner, event)); }
-    int redirect(const StateEvent& event) override { return stay(RtspStateOwner<T>::unsupported(*m_owner, event)); }
-    int options(const StateEvent& event) override { return stay(RtspStateOwner<T>::options(*m_owner, event)); }
+    int announce(const StateEvent& event) override {
+        return stay(event, RtspStateOwner<T>::unsupported(*m_owner, event));
+    }
+    int record(const StateEvent& event) override {
+        return stay(event, RtspStateOwner<T>::unsupported(*m_owner, event));
+    }
+    int redirect(const StateEvent& event) override {
+        return stay(event, RtspStateOwner<T>::unsupported(*m_owner, event));
+    }
+    int options(const StateEvent& event) override { return stay(event, RtspStateOwner<T>::options(*m_owner, event)); }
     int set_parameter(const StateEvent& event) override {
-        return stay(RtspStateOwner<T>::set_parameter(*m_owner, event));
+        return stay(event, RtspStateOwner<T>::set_parameter(*m_owner, event));
     }
     int get_parameter(const StateEvent& event) override {
-        return stay(RtspStateOwner<T>::get_parameter(*m_owner, event));
+        return stay(event, RtspStateOwner<T>::get_parameter(*m_owner, event));
     }
     int send(const char* text, uint32_t length) override {
-        return stay(RtspStateOwner<T>::send(*m_owner, text, length));
+        return state_result(RtspStateOwner<T>::send(*m_owner, text, length), STATE_RESULT_STAY, STATE_RESULT_STAY);
     }
     void asyn_msg(const StateEvent& event) override { RtspStateOwner<T>::asyn_msg(*m_owner, event); }
+    int unknown(const StateEvent& event) override { return stay(event, RtspStateOwner<T>::unknown(*m_owner, event)); }
 
 private:
-    static int stay(int result) { return state_result(result, STATE_RESULT_STAY, STATE_RESULT_STAY); }
+    int stay(const StateEvent& event, int result) {
+        return settle(event, state_result(result, STATE_RESULT_STAY, STATE_RESULT_STAY));
+    }
+    // A refusal that the owner answers leaves everything as it was.
+    int settle(const StateEvent& event, int result) {
+        return result >= 0                                               ? result
+               : RtspStateOwner<T>::refused(*m_owner, event, result) < 0 ? result
+                                                                         : STATE_RESULT_STAY;
+    }
 
     T* m_owner;
     IState* m_state;

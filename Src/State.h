@@ -71,6 +71,8 @@ public:
     // Hands a prepared text to the transport.
     virtual int send(const char*, uint32_t) { return STATE_RESULT_FAIL; }
     virtual void asyn_msg(const StateEvent&) {}
+    // A method that isn't in the table.
+    virtual int unknown(const StateEvent&) { return STATE_RESULT_STAY; }
 };
 
 }  // namespace Vidora

@@ -314,10 +314,9 @@ int CStateMachine::process_rx_msg_event(StateEvent& event) {
     return 0;
 }
 
-// Gives the event to the current state; an unknown method calls nothing.
 int CStateMachine::dispatch(const StateEvent& event) {
     if (event.method == RTSP_METHOD_UNKNOWN) {
-        return STATE_RESULT_STAY;
+        return m_state != nullptr ? m_state->unknown(event) : STATE_RESULT_STAY;
     }
     const state_slot_t slot = STATE_SLOTS[event.method];
     return m_state != nullptr ? (m_state->*slot)(event) : STATE_RESULT_FAIL;

@@ -3,6 +3,7 @@
 #include "SvrConversation.h"
 
 #include <cstring>
+#include <random>
 
 #include "Protocol/LogQuote.h"
 #include "Protocol/RtcpParser.h"
@@ -11,11 +12,31 @@
 namespace Kavio {
 namespace Vidora {
 
+namespace {
+
+// RFC 2326 3.4 wants identifiers that nobody guesses.
+uint64_t random_session_id() {
+    std::random_device draw;
+    const uint64_t high = draw();
+    const uint64_t id = high << 32 | draw();
+    return id != 0 ? id : 1;
+}
+
+}  // namespace
+
 CSvrConversation::CSvrConversation(ISvrLink& link) : m_link(link) {
     init_rtsp_states(m_machine, this);
 }
 
 CSvrConversation::~CSvrConversation() = default;
+
+void CSvrConversation::SetConfig(const CRtspSvrConfig& config) {
+    m_config = config;
+    m_codec.SetConformance(config.GetConformance());
+    if (config.GetConformance()) {
+        m_codec.set_session_id(random_session_id());
+    }
+}
 
 void CSvrConversation::OpenGate(rtsp_auth_t type, bool checks_onvif) {
     const rtsp_auth_func_t make_module = m_config.GetAuthFunc();
@@ -50,7 +71,10 @@ int CSvrConversation::TakeMessage(const char* text, int length) {
     if (m_gate.Guards()) {
         m_link.GetPeer(peer);
     }
-    const int passed = m_gate.Check(info, text, size, peer);
+    int passed = m_gate.Check(info, text, size, peer);
+    if (passed < 0 && m_config.GetConformance()) {
+        passed = take_refused(passed, text, size);
+    }
     if (passed < 0) {
         logError("%s:%d recv_buf:%s, check_authority ret -1\n", __FILE__, __LINE__,
                  CLogQuote(Ostra::LOG_LEVEL_ERROR, text).Text());
@@ -105,7 +129,7 @@ int CSvrConversation::parse_event(const StateEvent& event) {
 int CSvrConversation::refuse_parse(const StateEvent& event) {
     logError("%s:%d, parse data failed., data=%s.\n", __FILE__, __LINE__,
              CLogQuote(Ostra::LOG_LEVEL_ERROR, event.text()).Text());
-    return -1;
+    return REFUSED_UNREAD;
 }
 
 // Failures of delivery come back as MSG_SOCK_EXCEPTION and not here: always 0.
@@ -131,7 +155,7 @@ int CSvrConversation::refuse_here(const StateEvent& event) {
 
 int CSvrConversation::on_options(const StateEvent& event) {
     if (parse_event(event) < 0) {
-        return -1;
+        return REFUSED_UNREAD;
     }
     send_text(m_codec.generate_options_reply());
     return 0;
@@ -157,6 +181,57 @@ int CSvrConversation::on_get_parameter(const StateEvent& event) {
     return send_error(RTSP_STATUS_OK);
 }
 
+// By the standards' way what the gate can't judge is answered and not the end. What it couldn't read is passed on,
+// since the machine can't read it either; a request that comes while another one is judged has come too early.
+int CSvrConversation::take_refused(int refusal, const char* text, int size) {
+    if (refusal == CAuthGate::UNREAD) {
+        return 1;
+    }
+    if (refusal == CAuthGate::BUSY && m_codec.parse_request(text, static_cast<unsigned int>(size), nullptr) >= 0) {
+        return send_error(RTSP_STATUS_UNAVAILABLE);
+    }
+    return -1;
+}
+
+// A request that isn't served. By the standards' way it is answered and leaves everything as it was. Otherwise the
+// client hears nothing, but of a source that can't be made, and the machine waits on; see CStateMachine.
+int CSvrConversation::on_refused(const StateEvent& event, int refusal) {
+    if (!m_config.GetConformance()) {
+        if (refusal == REFUSED_SOURCE) {
+            send_error(RTSP_STATUS_NOT_FOUND);
+        }
+        return -1;
+    }
+    if (refusal == REFUSED_ANSWERED) {
+        End(MSG_SRC_FAIL);
+        return 0;
+    }
+    if (refusal == REFUSED_BY_STATE) {
+        parse_event(event);  // for its CSeq: nothing may have read it yet
+    }
+    return send_error(refusal == REFUSED_UNREAD ? m_codec.get_refusal() : RefusalStatus(refusal));
+}
+
+// The same for a request that its source fails to serve later: false if none waits, or the conversation has to end.
+bool CSvrConversation::refuse_awaited(int refusal) {
+    if (m_awaited == 0 || !m_config.GetConformance()) {
+        return false;
+    }
+    const int status = RefusalStatus(refusal == REFUSED_BY_STATE ? m_awaited : refusal);
+    if (m_awaited == REFUSED_CONTENT) {
+        release(false);
+    }
+    m_awaited = 0;
+    if (!m_machine.put_tx_event(REPLY_KIND_REFUSAL, m_codec.generate_error_reply(status), status, m_wait_id)) {
+        return false;
+    }
+    return !m_streaming || start_media(nullptr, m_codec.get_range_cseq()) >= 0;  // a seek that failed
+}
+
+int CSvrConversation::on_unknown(const StateEvent& event) {
+    return m_config.GetConformance() && parse_event(event) < 0 ? REFUSED_UNREAD : 0;
+}
+
 int CSvrConversation::on_unsupported(const StateEvent& event) {
     if (parse_event(event) < 0) {
         return refuse_parse(event);
@@ -170,7 +245,8 @@ int CSvrConversation::on_unsupported(const StateEvent& event) {
 
 void CSvrConversation::OnTimer(long timer_id) {
     if (m_sdp_wait.Is(timer_id)) {
-        if (retry_describe() < 0) {
+        const int result = retry_describe();
+        if (result < 0 && !refuse_awaited(result)) {
             End(MSG_SRC_READY);
         }
     } else if (m_drain.Is(timer_id)) {
@@ -198,7 +274,9 @@ void CSvrConversation::OnLinkError() {
 }
 
 void CSvrConversation::OnMessage(unsigned int msg, long param) {
-    if (take_own_message(msg, param) < 0 || take_source_message(msg) < 0) {
+    const int own = take_own_message(msg, param);
+    const int result = own < 0 ? own : take_source_message(msg);
+    if (own < 0 || (result < 0 && !refuse_awaited(result))) {
         End(msg);
     }
 }

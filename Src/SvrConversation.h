@@ -6,6 +6,7 @@
 #include "MachineKeeper.h"
 #include "Protocol/RtspRspParser.h"
 #include "Protocol/SdpParser.h"
+#include "Refusal.h"
 #include "RtspState.h"
 #include "SdpWait.h"
 #include "SenderReports.h"
@@ -47,7 +48,7 @@ public:
     CSvrConversation& operator=(const CSvrConversation&) = delete;
 
     // Before the first message.
-    void SetConfig(const CRtspSvrConfig& config) { m_config = config; }
+    void SetConfig(const CRtspSvrConfig& config);
     void SetLiveSvr(const CLiveSvrRef& live_svr) { m_source.SetLiveSvr(live_svr); }
     const CRtspSvrConfig& Config() const { return m_config; }
     // Puts the host's module of that type in front; see CAuthGate::Open.
@@ -104,6 +105,10 @@ private:
     int on_set_parameter(const StateEvent& event);
     int on_get_parameter(const StateEvent& event);
     int on_unsupported(const StateEvent& event);
+    int on_unknown(const StateEvent& event);
+    int on_refused(const StateEvent& event, int refusal);
+    bool refuse_awaited(int refusal);
+    int take_refused(int refusal, const char* text, int size);
 
     // For the gate.
     bool PassRequest(const rtsp_msg_info& info, const char* text, unsigned int length) override;
@@ -127,13 +132,17 @@ private:
     int on_play(const StateEvent& event);
     int on_replay(const StateEvent& event);
     int play_own_source(const StateEvent& event);
+    bool names_no_track() const;
+    bool turns_round(float speed) const;
+    bool plays_from_edge() const;
     int reply_play();
-    int warn_play();
+    int warn_play(refusal_t refusal);
     int build_rtp_info(const CTrack* single, rtp_info_entry* table, int* count);
     const char* generate_play_reply(const rtp_info_entry* entries, int count);
     int start_media(const CTrack* single, int cseq);
     int enter_route();
     int on_pause(const StateEvent& event);
+    int pause_live();
     int reply_pause();
     int on_teardown(const StateEvent& event);
     int teardown_track(CTrack& track);
@@ -162,10 +171,12 @@ private:
     int m_sdp_result = SDP_UNICAST;                  // of the last GetSdp
     bool m_welcomed = false;                         // the host was told of its client
     bool m_described = false;
+    bool m_has_played = false;      // since the DESCRIBE
     bool m_streaming = false;       // from the end of a PLAY to a PAUSE or whole TEARDOWN
     bool m_closed = false;          // CloseLink was called
     unsigned int m_play_round = 0;  // counts what ends a PLAY, for a reply that is overtaken by it
     uint64_t m_wait_id = 0;         // the event that a late reply answers
+    int m_awaited = 0;              // the refusal_t of the request that waits for its source to answer; 0: none waits
     CSilenceRule m_silence;
     CSdpWait m_sdp_wait{m_link};
     CSourceDrain m_drain{m_link};

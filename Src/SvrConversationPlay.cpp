@@ -1,6 +1,8 @@
 // PLAY, PAUSE and TEARDOWN: the replies, and the start and the end of the media.
 
 #include <cstdio>
+#include <functional>
+#include <tuple>
 
 #include "ChannelRoute.h"
 #include "Protocol/RtspTables.h"
@@ -28,6 +30,23 @@ double us_to_npt(uint64_t us) {
     return us == NOT_GIVEN ? NPT_NOT_GIVEN : static_cast<double>(us) / US_PER_SECOND;
 }
 
+// A source plays backwards from its later time to its earlier one.
+template <typename Time, typename IsGiven, typename IsBefore>
+void turn_round(Time& begin, Time& end, IsGiven given, IsBefore before) {
+    if (given(begin) && !(given(end) && before(begin, end))) {
+        std::swap(begin, end);
+    }
+}
+
+bool is_given(const UtcTime& time) {
+    return time.year != 0;
+}
+
+bool is_before(const UtcTime& a, const UtcTime& b) {
+    return std::tie(a.year, a.month, a.day, a.hour, a.minute, a.second) <
+           std::tie(b.year, b.month, b.day, b.hour, b.minute, b.second);
+}
+
 // The sequence number of the packet that has the time stamp of a channel that runs: the last one. Until there was one
 // both are those of the first.
 uint16_t last_seq(const SrcInfo& info) {
@@ -40,8 +59,14 @@ int CSvrConversation::on_play(const StateEvent& event) {
     if (parse_event(event) < 0) {
         return refuse_parse(event);
     }
+    if (names_no_track()) {
+        return REFUSED_TRACK;
+    }
     if (!m_tracks.AnySetUp()) {
         return refuse_here(event);  // every SETUP was refused
+    }
+    if (m_codec.get_play_fault() != 0) {
+        return send_error(m_codec.get_play_fault());
     }
     return m_source.IsLive() ? reply_play() : play_own_source(event);
 }
@@ -50,29 +75,57 @@ int CSvrConversation::on_play(const StateEvent& event) {
 int CSvrConversation::play_own_source(const StateEvent& event) {
     CDataSource* source = m_source.Own();
     if (source == nullptr) {
-        return -1;
+        return REFUSED_BY_STATE;
     }
     m_wait_id = event.id;
+    m_awaited = REFUSED_RANGE;
     bool is_scale = false;
     const float speed = m_codec.get_speed(&is_scale);
     if (m_codec.get_range_type() == RANGE_TYPE_CLOCK) {
         UtcTime begin;
         UtcTime end;
         m_codec.get_clock_range(&begin, &end);
+        if (turns_round(speed)) {
+            turn_round(begin, end, is_given, is_before);
+        }
         source->Play(begin, end, speed, is_scale);
     } else {
         double begin = NPT_NOT_GIVEN;
         double end = NPT_NOT_GIVEN;
         m_codec.get_npt_range(&begin, &end);
+        if (turns_round(speed)) {
+            begin = begin == NPT_NOT_GIVEN && plays_from_edge() ? MAX_NPT_SECONDS : begin;
+            turn_round(
+                begin, end, [](double seconds) { return seconds >= 0; }, std::less<double>());
+        }
         source->Play(npt_to_us(begin), npt_to_us(end), speed, is_scale);
     }
     return 1;
+}
+
+// An unknown track is no track at all by the standards' way, and stands for all of them otherwise.
+bool CSvrConversation::names_no_track() const {
+    return m_config.GetConformance() && m_tracks.NamesNone(m_codec.get_url());
+}
+
+// By the standards' way a range that is played backwards begins with its first time (RFC 2326 12.34).
+bool CSvrConversation::turns_round(float speed) const {
+    return m_config.GetConformance() && speed < 0.0F;
+}
+
+// A range without a beginning begins at the recording's edge, and so does the first PLAY without a range. Later on
+// "no range" means where the recording was left.
+bool CSvrConversation::plays_from_edge() const {
+    return m_codec.has_open_start() || !m_has_played;
 }
 
 // PLAY while playing: nothing to change on a live channel, a seek on a source of the session's own.
 int CSvrConversation::on_replay(const StateEvent& event) {
     if (parse_event(event) < 0) {
         return refuse_parse(event);
+    }
+    if (names_no_track()) {
+        return REFUSED_TRACK;
     }
     if (m_source.IsLive()) {
         const char* reply = m_codec.generate_error_reply(RTSP_STATUS_OK);
@@ -81,47 +134,51 @@ int CSvrConversation::on_replay(const StateEvent& event) {
         }
         return send_text(reply);
     }
+    if (m_codec.get_play_fault() != 0) {
+        return send_error(m_codec.get_play_fault());
+    }
     for (CTrack& track : m_tracks) {
         track.playing = false;
     }
-    return m_source.Stop(m_packet_type) < 0 ? -1 : play_own_source(event);
+    return m_source.Stop(m_packet_type) < 0 ? REFUSED_FAILURE : play_own_source(event);
 }
 
 // Answers PLAY and starts the media: in the request itself on a live channel, on MSG_PLAY_READY on a source of its own.
 int CSvrConversation::reply_play() {
     if (!m_source.IsOpen()) {
-        return warn_play();
+        return warn_play(REFUSED_CONTENT);
     }
     const int track_id = m_tracks.IdOfUrl(m_codec.get_url());  // -1: all tracks
     const CTrack* single = track_id < 0 ? nullptr : m_tracks.Find(track_id);
     if (track_id >= 0 && (single == nullptr || !single->set_up)) {
         logError("%s %d client process crushed!\n", __FILE__, __LINE__);
-        return -1;
+        return single == nullptr ? REFUSED_TRACK : REFUSED_BY_STATE;
     }
     rtp_info_entry entries[CTrackTable::MAX_TRACKS];
     int count = 0;
     const char* reply = build_rtp_info(single, entries, &count) < 0 ? nullptr : generate_play_reply(entries, count);
     if (reply == nullptr) {
-        return warn_play();
+        return warn_play(REFUSED_FAILURE);
     }
+    m_awaited = 0;
     m_reports.Restart();
     const int cseq = m_codec.get_range_cseq();
     if (m_source.IsLive()) {
         send_text(reply);
-        return start_media(single, cseq);
+        return start_media(single, cseq) < 0 ? REFUSED_ANSWERED : 0;
     }
     // This can run the requests that waited behind PLAY. One that ends the play again has the last word.
     const unsigned int round = m_play_round;
     m_machine.put_tx_event(REPLY_KIND_PLAY, reply, RTSP_STATUS_OK, m_wait_id);
     if (!m_source.IsOwn()) {
-        return warn_play();
+        return warn_play(REFUSED_ANSWERED);
     }
     return round != m_play_round ? 0 : start_media(single, cseq);
 }
 
-int CSvrConversation::warn_play() {
+int CSvrConversation::warn_play(refusal_t refusal) {
     logWarn("%s:%d, this:%p.\n", "Vidora::CSvrSessionCore::reply_play", __LINE__, static_cast<void*>(this));
-    return -1;
+    return refusal;
 }
 
 // One entry for each track that was set up, or for the one, with where its stream is now (RFC 2326 12.33).
@@ -145,20 +202,36 @@ int CSvrConversation::build_rtp_info(const CTrack* single, rtp_info_entry* table
 }
 
 const char* CSvrConversation::generate_play_reply(const rtp_info_entry* entries, int count) {
+    const bool is_turned = m_source.IsOwn() && turns_round(m_codec.get_speed(nullptr));
+    if (m_source.IsLive()) {
+        m_codec.keep_own_rate();
+    }
     if (m_codec.get_range_type() == RANGE_TYPE_CLOCK) {
         UtcTime begin;
         UtcTime end;
         m_source.GetPlayRange(begin, end);
+        if (is_turned) {
+            std::swap(begin, end);
+        }
         return m_codec.generate_play_reply_clock(entries, count, &begin, &end);
     }
     uint64_t begin = NOT_GIVEN;
     uint64_t end = NOT_GIVEN;
     m_source.GetPlayRange(begin, end);
+    if (is_turned) {
+        std::swap(begin, end);
+    }
     return m_codec.generate_play_reply(entries, count, us_to_npt(begin), us_to_npt(end));
 }
 
 // `single`: the one track that the PLAY named, or null for all.
 int CSvrConversation::start_media(const CTrack* single, int cseq) {
+    const auto is_named = [single](const CTrack& track) { return single == nullptr || single == &track; };
+    for (CTrack& track : m_tracks) {
+        if (track.set_up && !track.playing && is_named(track) && m_route != nullptr) {
+            m_route->Switch(track, true);  // it may have been paused
+        }
+    }
     if (!m_source.IsEntered() && enter_route() < 0) {
         return -1;
     }
@@ -166,9 +239,10 @@ int CSvrConversation::start_media(const CTrack* single, int cseq) {
         return -1;
     }
     for (CTrack& track : m_tracks) {
-        track.playing = track.playing || (track.sends && (single == nullptr || single == &track));
+        track.playing = track.playing || (track.sends && is_named(track));
     }
     m_streaming = true;
+    m_has_played = true;
     return 0;
 }
 
@@ -194,8 +268,12 @@ int CSvrConversation::on_pause(const StateEvent& event) {
     if (parse_event(event) < 0) {
         return refuse_parse(event);
     }
+    if (names_no_track()) {
+        return REFUSED_TRACK;
+    }
     if (!m_source.IsOwn()) {
-        return refuse_here(event);  // a channel that others share can't be paused
+        // A channel that others share can't be paused; its session can rest.
+        return m_config.GetConformance() ? pause_live() : refuse_here(event);
     }
     const int track_id = m_tracks.IdOfUrl(m_codec.get_url());  // -1: all tracks
     for (CTrack& track : m_tracks) {
@@ -203,13 +281,35 @@ int CSvrConversation::on_pause(const StateEvent& event) {
     }
     ++m_play_round;
     m_wait_id = event.id;
+    m_awaited = REFUSED_BY_STATE;
     m_source.Pause();
     return 1;
+}
+
+// The channel runs on without this session, which enters it anew with the next PLAY, and so begins with a key frame.
+int CSvrConversation::pause_live() {
+    const int track_id = m_tracks.IdOfUrl(m_codec.get_url());  // -1: all tracks
+    bool any_plays = false;
+    for (CTrack& track : m_tracks) {
+        const bool pauses = track.playing && (track_id < 0 || track.track_id == track_id);
+        if (pauses && m_route != nullptr) {
+            m_route->Pause(track);
+        }
+        track.playing = track.playing && !pauses;
+        any_plays = any_plays || track.playing;
+    }
+    if (!any_plays) {
+        stop_media();
+        m_frames.ForgetAll();  // what passes meanwhile is no loss
+        m_streaming = false;
+    }
+    return send_error(RTSP_STATUS_OK);
 }
 
 // The source has paused.
 int CSvrConversation::reply_pause() {
     m_streaming = false;
+    m_awaited = 0;
     const char* reply = m_codec.generate_reply(nullptr, RTSP_STATUS_OK, nullptr);
     return m_machine.put_tx_event(REPLY_KIND_PAUSE, reply, RTSP_STATUS_OK, m_wait_id) ? 0 : -1;
 }
@@ -218,6 +318,9 @@ int CSvrConversation::reply_pause() {
 int CSvrConversation::on_teardown(const StateEvent& event) {
     if (parse_event(event) < 0) {
         return refuse_parse(event);
+    }
+    if (names_no_track()) {
+        return REFUSED_TRACK;
     }
     const int track_id = m_tracks.IdOfUrl(m_codec.get_url());
     ++m_play_round;

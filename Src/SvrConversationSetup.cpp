@@ -47,7 +47,7 @@ int CSvrConversation::on_describe(const StateEvent& event) {
     if (!url_parser.ParseUrl(url, static_cast<unsigned int>(strlen(url)))) {
         logError("%s:%d, parse url failed., url=%s.\n", __FILE__, __LINE__,
                  CLogQuote(Ostra::LOG_LEVEL_ERROR, url).Text());
-        return -1;
+        return REFUSED_UNREAD;
     }
     const char* content = url_parser.GetContent();
     char rewritten[MAX_CONTENT_SIZE] = {};
@@ -57,8 +57,12 @@ int CSvrConversation::on_describe(const StateEvent& event) {
         content = rewritten;
     }
     release(false);  // what an earlier DESCRIBE brought
+    m_has_played = false;
     m_wait_id = event.id;
-    return open_source(content == nullptr ? "" : content, url_parser.GetLocalStreamProto());
+    m_awaited = REFUSED_CONTENT;
+    const int result = open_source(content == nullptr ? "" : content, url_parser.GetLocalStreamProto());
+    m_awaited = result < 0 ? 0 : m_awaited;
+    return result;
 }
 
 int CSvrConversation::open_source(const char* content, int proto) {
@@ -67,12 +71,11 @@ int CSvrConversation::open_source(const char* content, int proto) {
         logInfo("%s:%d, create onvif playback file src.\n", __FILE__, __LINE__);
     }
     if (!is_own_type(type) && m_source.HasChannel(content)) {
-        return m_source.OpenLive(content, proto, m_link.HandlerId()) < 0 ? -1 : describe_live();
+        return m_source.OpenLive(content, proto, m_link.HandlerId()) < 0 ? REFUSED_CONTENT : describe_live();
     }
     // A content that is no live channel may be a source of its own, which answers with MSG_SRC_READY.
     if (m_source.OpenOwn(content, proto, m_config, m_link.HandlerId()) < 0) {
-        send_error(RTSP_STATUS_NOT_FOUND);
-        return -1;
+        return REFUSED_SOURCE;
     }
     return 1;
 }
@@ -83,7 +86,8 @@ int CSvrConversation::describe_live() {
     if (m_source.IsOpen() && !read_sdp() && m_sdp_wait.Again()) {
         return 1;
     }
-    return reply_describe() < 0 ? -1 : 1;
+    const int result = reply_describe();
+    return result < 0 ? result : 1;
 }
 
 // Takes the source's description. False if there is none.
@@ -105,7 +109,7 @@ int CSvrConversation::reply_describe() {
     m_sdp_wait.Stop();
     if (!m_source.IsOpen()) {
         logError("%s:%d, invalid parameter.\n", __FILE__, __LINE__);
-        return -1;
+        return REFUSED_CONTENT;
     }
     if (m_sdp_result < 0) {
         m_machine.put_tx_event(REPLY_KIND_DESCRIBE, m_codec.generate_error_reply(RTSP_STATUS_NOT_FOUND),
@@ -118,6 +122,7 @@ int CSvrConversation::reply_describe() {
         snprintf(reply, sizeof(reply), "%s%s", m_codec.generate_describe_reply(static_cast<int>(strlen(sdp))), sdp);
         m_machine.put_tx_event(REPLY_KIND_DESCRIBE, reply, RTSP_STATUS_OK, m_wait_id);
     }
+    m_awaited = 0;
     m_described = true;
     return 0;
 }
@@ -138,7 +143,7 @@ int CSvrConversation::on_setup(const StateEvent& event) {
     }
     if (!m_source.IsOpen()) {
         logError("%s:%d, reply setup, invalid param.\n", __FILE__, __LINE__);
-        return -1;
+        return REFUSED_BY_STATE;
     }
     transport_info transport = *m_codec.get_transport();
     transport.timeout = m_config.GetKeepAliveTimeout();
@@ -150,12 +155,12 @@ int CSvrConversation::on_setup(const StateEvent& event) {
     if (track_id < 0) {
         logError("%s %d url: %s get track id failed!\n", __FILE__, __LINE__,
                  CLogQuote(Ostra::LOG_LEVEL_ERROR, m_codec.get_url()).Text());
-        return -1;
+        return m_tracks.NamesNone(m_codec.get_url()) ? REFUSED_TRACK : REFUSED_AGGREGATE;
     }
     CTrack* track = m_tracks.Find(track_id);
     if (track == nullptr) {
         logError("%s %d client process crushed!\n", __FILE__, __LINE__);
-        return -1;
+        return REFUSED_TRACK;
     }
     return track->sends ? setup_track(*track, transport) : send_error(RTSP_STATUS_UNAVAILABLE);
 }
@@ -167,7 +172,7 @@ int CSvrConversation::setup_track(CTrack& track, transport_info& transport) {
     const int channel = m_source.GetTcpChannel(track.track_id);
     const int result = route == nullptr ? RTSP_STATUS_UNSUPPORTED_TRANSPORT : route->SetUp(track, channel, transport);
     if (result != 0) {
-        return result < 0 ? -1 : send_error(result);
+        return result < 0 ? REFUSED_TRANSPORT : send_error(result);
     }
     m_route = route;
     transport.ssrc = m_source.GetSSRC(track.track_id);
@@ -182,7 +187,7 @@ int CSvrConversation::setup_track(CTrack& track, transport_info& transport) {
     if (reply == nullptr) {
         logError("%s:%d, get %s setup reply failed.\n", __FILE__, __LINE__,
                  m_sdp_result == SDP_MULTICAST ? "MULTICAST" : "unicast");
-        return -1;
+        return REFUSED_FAILURE;
     }
     return send_text(reply);
 }

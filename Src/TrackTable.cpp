@@ -44,6 +44,11 @@ int CTrackTable::IdOfUrl(const char* url) const {
     return -1;
 }
 
+bool CTrackTable::NamesNone(const char* url) const {
+    CStrParser text(url, static_cast<unsigned int>(strlen(url)));
+    return IdOfUrl(url) < 0 && text.LocateStringInLineCase("/trackID=") > 0;
+}
+
 bool CTrackTable::AnySetUp() const {
     return std::any_of(m_tracks, m_tracks + m_count, [](const CTrack& track) { return track.set_up; });
 }

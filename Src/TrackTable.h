@@ -38,6 +38,8 @@ public:
     // TEARDOWN take as all tracks, for none. A control that is a prefix of another one matches the first media of the
     // two. It reads the description, also when the table is empty.
     int IdOfUrl(const char* url) const;
+    // Whether the URL names a track that the description doesn't have.
+    bool NamesNone(const char* url) const;
     bool AnySetUp() const;
 
     int Count() const { return m_count; }

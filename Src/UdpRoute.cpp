@@ -80,6 +80,10 @@ void CUdpRoute::Switch(const CTrack& track, bool on) {
     on ? m_sender.EnableTrack(track.send_channel) : m_sender.DisableTrack(track.send_channel);
 }
 
+void CUdpRoute::Pause(const CTrack& track) {
+    m_sender.PauseTrack(track.send_channel);
+}
+
 int CUdpRoute::EnterLive(CLiveChannel& channel, packet_type_t type) {
     return channel.Enter(&m_sender, type);
 }

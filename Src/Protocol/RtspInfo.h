@@ -14,6 +14,9 @@ namespace Vidora {
 // Form of a Range header (RFC 2326 3.6, 3.7).
 enum range_type_t { RANGE_TYPE_NPT = 0, RANGE_TYPE_CLOCK = 1 };
 
+// The header by which a PLAY asked for its rate (RFC 2326 12.34, 12.35).
+enum rate_header_t { RATE_HEADER_NONE, RATE_HEADER_SPEED, RATE_HEADER_SCALE };
+
 const double NPT_NOT_GIVEN = -1.0;  // an end of a range in seconds that isn't there
 
 // A Transport header (RFC 2326 12.39), for reading and for generating.

@@ -94,6 +94,10 @@ public:
     // The header lines of a method in the order of their keys. -1, with an empty `out`, for a method outside 0 to 7.
     int build_ext_headers(int method, std::string& out) const;
 
+    // Reads ranges and rates as RFC 2326 3.6, 12.29, 12.34 and 12.35 have them: a range without a beginning, "now",
+    // hours:minutes:seconds, headers without a blank. Otherwise they are searched for as older peers write them.
+    void SetConformance(bool on) { m_conformance = on; }
+
     // Gives the memory of the last message's texts back, for a connection that will be quiet for seconds: all but the
     // Session line may be empty then, until the next message.
     void forget_texts();
@@ -119,6 +123,14 @@ public:
     // The rate asked for, 1.0 if none; `is_scale` (may be null) tells whether a Scale header was ever read.
     float get_speed(bool* is_scale) const;
     int get_range_cseq() const { return m_range_cseq; }
+    // With conformance: which header gave the rate, and the status that refuses a PLAY whose range or rate can't be
+    // read; 0 if there is nothing to refuse.
+    rate_header_t get_rate_header() const { return m_rate_header; }
+    int get_play_fault() const { return m_play_fault; }
+    // With conformance: whether there was a range in seconds that has no beginning, not even "now".
+    bool has_open_start() const { return m_has_open_start; }
+    // The rate of the next reply to PLAY: a live stream has its own, whatever was asked for.
+    void keep_own_rate() { m_speed = 1.0F; }
     // 1 asks the client's codec for the ONVIF back channel.
     void set_back_channel(int back_channel) { m_back_channel = back_channel; }
 
@@ -155,11 +167,16 @@ protected:
     double m_npt_end = NPT_NOT_GIVEN;
     float m_speed = 1.0F;
     uint8_t m_is_scale = 0;  // set by the first Scale header and never cleared
+    bool m_conformance = false;
+    rate_header_t m_rate_header = RATE_HEADER_NONE;
+    int m_play_fault = 0;
+    bool m_has_open_start = false;
     int m_back_channel = 0;
     int m_range_cseq = 0;
     // Of the server's codec alone. Here and not in its class, as they would lie behind the body and touch its pages.
     uint64_t m_session_id = 0;
     int m_client_kind = 0;
+    int m_refusal = 0;
     multicast_info m_multicast;
     ext_keys_t m_ext_keys[RTSP_METHOD_COUNT];
 
@@ -176,6 +193,11 @@ protected:
 private:
     void read_rate(CStrParser& text, const char* key);
     void read_range(CStrParser& text);
+    void read_standard_rate(CStrParser& text);
+    bool read_rate_of(CStrParser& text, const char* key, rate_header_t header);
+    void read_standard_range(CStrParser& text);
+    void read_npt(CStrParser& text);
+    static double read_npt_time(CStrParser& text);
 };
 
 }  // namespace Vidora

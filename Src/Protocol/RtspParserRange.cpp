@@ -1,10 +1,12 @@
 // The readers and writers of play ranges and rates (RFC 2326 3.5 to 3.7, 12.29, 12.34, 12.35).
 #include <algorithm>
 #include <cfloat>
+#include <cmath>
 #include <cstdio>
 #include <cstring>
 
 #include "Protocol/RtspParser.h"
+#include "Protocol/RtspTables.h"
 #include "Protocol/TextWriter.h"
 #include "Tramel/StrParser.h"
 
@@ -32,6 +34,10 @@ int parse_utc_time(const char* text, unsigned int length, UtcTime* t) {
     }
     std::sscanf(copy + UTC_SIZE - 1, ".%03d", &t->millisecond);
     return UTC_MILLI_SIZE;
+}
+
+bool is_digit(char c) {
+    return c >= '0' && c <= '9';
 }
 
 void add_time(CTextWriter& out, const UtcTime& t) {
@@ -70,6 +76,15 @@ char* format_range(char* out, unsigned int size, const char* key, const Time* be
 }  // namespace
 
 int CRtspParser::parse_range_speed(CStrParser& text) {
+    m_rate_header = RATE_HEADER_NONE;
+    m_play_fault = 0;
+    m_has_open_start = false;
+    if (m_conformance) {
+        read_standard_range(text);
+        read_standard_rate(text);
+        m_range_cseq = parse_cseq(text);
+        return RTSP_OK;
+    }
     read_range(text);
 
     // The first of the three that is present counts, even if its number cannot be read.
@@ -122,6 +137,83 @@ void CRtspParser::read_rate(CStrParser& text, const char* key) {
     if (text.GetStatus() == 0) {
         m_speed = static_cast<float>(std::min(rate, double{FLT_MAX})) * sign;
     }
+}
+
+void CRtspParser::read_standard_range(CStrParser& text) {
+    m_range_type = RANGE_TYPE_NPT;
+    m_npt_begin = NPT_NOT_GIVEN;
+    m_npt_end = NPT_NOT_GIVEN;
+    const char KEY[] = "\nRange:";
+    if (!find_header(text, KEY)) {
+        return;
+    }
+    text.ConsumeLength(sizeof KEY - 1, nullptr, 0);
+    if (text.LocateStringInLineCase("npt=") >= 0) {
+        text.ConsumeLength(sizeof "npt=" - 1, nullptr, 0);
+        read_npt(text);
+    } else if (text.LocateStringInLineCase("clock=") >= 0) {
+        m_range_type = RANGE_TYPE_CLOCK;
+        m_begin_utc = UtcTime();
+        m_end_utc = UtcTime();
+        text.ConsumeLength(sizeof "clock=" - 1, nullptr, 0);
+        if (parse_clock_range(text.GetString(), text.GetCurLinelength(), &m_begin_utc, &m_end_utc) < 0) {
+            m_play_fault = RTSP_STATUS_INVALID_RANGE;
+        }
+    } else {
+        m_play_fault = RTSP_STATUS_INVALID_RANGE;
+    }
+}
+
+// "10-20", "10-", "-20" and "now-", with 10 as seconds or as 0:00:10.
+void CRtspParser::read_npt(CStrParser& text) {
+    char word[sizeof "now"];
+    const bool from_now = text.GetCurChar() == 'n' && text.ConsumeLength(sizeof word - 1, word, sizeof word) >= 0;
+    m_npt_begin = from_now ? NPT_NOT_GIVEN : read_npt_time(text);
+    m_has_open_start = !from_now && m_npt_begin == NPT_NOT_GIVEN;
+    const bool ranges = text.GetCurChar() == '-' && text.Expect('-') == 0;
+    m_npt_end = ranges ? read_npt_time(text) : NPT_NOT_GIVEN;
+    if (!ranges || text.GetStatus() != 0) {
+        m_play_fault = RTSP_STATUS_INVALID_RANGE;
+    }
+}
+
+// NPT_NOT_GIVEN where no number stands.
+double CRtspParser::read_npt_time(CStrParser& text) {
+    const int SEXAGESIMAL = 60;
+    if (!is_digit(text.GetCurChar())) {
+        return NPT_NOT_GIVEN;
+    }
+    double seconds = text.ConsumeDouble();
+    while (text.GetCurChar() == ':' && text.Expect(':') == 0) {
+        seconds = seconds * SEXAGESIMAL + text.ConsumeDouble();
+    }
+    return seconds;
+}
+
+void CRtspParser::read_standard_rate(CStrParser& text) {
+    m_speed = 1.0F;
+    if (!read_rate_of(text, "\nSpeed:", RATE_HEADER_SPEED) && !read_rate_of(text, "\nScale:", RATE_HEADER_SCALE) &&
+        find_header(text, "\nRate-Control: no")) {
+        m_speed = RATE_CONTROL_NO_SPEED;
+    }
+}
+
+// False if the header isn't there. A rate of 0, or none, is a fault of the request.
+bool CRtspParser::read_rate_of(CStrParser& text, const char* key, rate_header_t header) {
+    if (!find_header(text, key)) {
+        return false;
+    }
+    text.ConsumeLength(static_cast<unsigned int>(std::strlen(key)), nullptr, 0);
+    text.ConsumeWhitespaceInLine();
+    const double rate = text.ConsumeDouble();
+    m_rate_header = header;
+    m_is_scale = m_is_scale != 0 || header == RATE_HEADER_SCALE ? 1 : 0;
+    if (text.GetStatus() != 0 || !(std::abs(rate) > 0.0 && std::abs(rate) <= double{FLT_MAX})) {
+        m_play_fault = RTSP_STATUS_BAD_REQUEST;
+        return true;
+    }
+    m_speed = static_cast<float>(rate);
+    return true;
 }
 
 int CRtspParser::parse_clock_range(const char* text, unsigned int length, UtcTime* begin, UtcTime* end) {

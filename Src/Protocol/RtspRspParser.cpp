@@ -37,6 +37,7 @@ int CRtspRspParser::parse_request(const char* buffer, unsigned int length, rtsp_
     if (buffer == nullptr || length == 0) {
         return RTSP_OK;
     }
+    m_refusal = RTSP_STATUS_BAD_REQUEST;
     if (parse_message(buffer, length, info) < 0) {
         return RTSP_BAD_MESSAGE;
     }
@@ -61,6 +62,7 @@ std::pair<int, int> CRtspRspParser::parse_start_line(CStrParser& text) {
 
 int CRtspRspParser::read_request(CStrParser& text) {
     if (!check_session(text)) {
+        m_refusal = RTSP_STATUS_SESSION_NOT_FOUND;
         return RTSP_BAD_MESSAGE;
     }
     // PLAY is read in two steps: without a URL nothing more of it is, the client's kind included.
@@ -104,6 +106,7 @@ int CRtspRspParser::read_by_method(CStrParser& text) {
         case RTSP_METHOD_GET_PARAMETER:
             return parse_body(text);
         default:
+            m_refusal = RTSP_STATUS_NOT_IMPLEMENTED;
             report_unknown(text);
             return RTSP_UNKNOWN_METHOD;
     }
@@ -148,6 +151,7 @@ int CRtspRspParser::read_transport(CStrParser& text) {
         return RTSP_OK;  // interleaved RTP, channels 0 and 0
     }
     if (!read_transport_kind(text)) {
+        m_refusal = RTSP_STATUS_UNSUPPORTED_TRANSPORT;
         return RTSP_BAD_MESSAGE;
     }
     m_transport.multicast = find_header(text, "multicast") ? 1 : 0;

@@ -32,16 +32,22 @@ public:
     virtual int parse_request(const char* buffer, unsigned int length, rtsp_msg_info* info);
     std::pair<int, int> parse_start_line(CStrParser& text) override;
 
+    // The status by which a request that parse_request refused last is answered (RFC 2326 11).
+    int get_refusal() const { return m_refusal; }
+
     // client_kind_t; once known it stays.
     int get_client_kind() const { return m_client_kind; }
     // The identifier that this connection's Session lines carry.
     uint64_t get_session_id() const { return m_session_id; }
+    // Before the first request.
+    void set_session_id(uint64_t session_id) { m_session_id = session_id; }
 
     const char* generate_options_reply();
     // Headers only: the caller sends `content_length` bytes of SDP behind them.
     const char* generate_describe_reply(int content_length);
     // Null for a null `transport`, and for multicast over UDP with a null `multicast`; a 461 for an unknown transport.
     const char* generate_setup_reply(const transport_info* transport, const multicast_info* multicast);
+    // With conformance the rate that is played follows, if the request asked for one.
     // Seconds; NPT_NOT_GIVEN as `begin` leaves the Range out, as `end` it leaves it open. Null without entries.
     const char* generate_play_reply(const rtp_info_entry* entries, int count, double begin, double end);
     // The same with year 0 for "not given".

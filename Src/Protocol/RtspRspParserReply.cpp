@@ -17,6 +17,8 @@ const char LINE_END[] = "\r\n";
 const size_t LINE_END_SIZE = sizeof LINE_END - 1;
 const size_t MAX_RTP_INFO_LINE = 1023;
 const size_t MAX_RANGE_LINE = 1023;
+const size_t MAX_RATE_LINE = 63;
+const int RATE_DIGITS = 3;
 
 bool add_unicast(CTextWriter& line, const char* word, const transport_info& t) {
     if (t.transport == RTP_OVER_RTSP) {
@@ -124,7 +126,7 @@ const char* CRtspRspParser::generate_play_tail(const rtp_info_entry* entries, in
     if (entries == nullptr || count < 1) {
         return nullptr;
     }
-    char headers[MAX_RTP_INFO_LINE + MAX_RANGE_LINE + 1];
+    char headers[MAX_RTP_INFO_LINE + MAX_RANGE_LINE + MAX_RATE_LINE + 1];
     CTextWriter lines(headers, sizeof headers);
     lines.Add("RTP-Info: ");
     const char* separator = "";
@@ -146,6 +148,10 @@ const char* CRtspRspParser::generate_play_tail(const rtp_info_entry* entries, in
         lines.Add(LINE_END);
     }
     lines.Add(range);
+    if (m_rate_header != RATE_HEADER_NONE) {
+        lines.Add(m_rate_header == RATE_HEADER_SCALE ? "Scale: " : "Speed: ", text_fixed{m_speed, RATE_DIGITS},
+                  LINE_END);
+    }
     return generate_reply(headers, RTSP_STATUS_OK, nullptr);
 }
 

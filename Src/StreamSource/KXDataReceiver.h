@@ -61,6 +61,8 @@ public:
     };
 
     void set_create_src_fun(create_src_fun_t create_src_fun) { m_create_src_fun = create_src_fun; }
+    // Before Init: plays ranges and time lines as RFC 2326 has them.
+    void SetConformance(bool on);
     // Makes the source for `content` and begins it; messages go to `notify_id`.
     int Init(const char* content, long notify_id, int ext);
 

@@ -18,6 +18,12 @@ UtcTime to_utc(const CTime& time) {
 
 }  // namespace
 
+void CKXDataReceiver::SetConformance(bool on) {
+    CGuard guard(m_mutex);
+    m_window.SetExactEnd(on);
+    m_encoders.SetConformance(on);
+}
+
 int CKXDataReceiver::Play(uint64_t start_us, uint64_t end_us, float speed) {
     if (!is_seekable()) {
         return check_seekable();

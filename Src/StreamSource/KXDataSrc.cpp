@@ -61,6 +61,7 @@ int CKXDataSrc::Init(long notify_id, int ext) {
         return -1;
     }
     recvr->set_create_src_fun(m_config.GetSrcFunc());
+    recvr->SetConformance(m_config.GetConformance());
     {
         CGuard guard(m_recvr_mutex);
         m_recvr = recvr;  // before its first message can come

@@ -67,7 +67,8 @@ bool CPlayWindow::IsValid() const {
 }
 
 bool CPlayWindow::Excludes(const CTime& time) const {
-    return time > m_end || (m_speed > 0.0F && time >= m_file_end) || time < m_start ||
+    const bool is_end = m_exact_end && time == m_end && m_end < m_file_end;
+    return time > m_end || is_end || (m_speed > 0.0F && time >= m_file_end) || time < m_start ||
            (m_speed < 0.0F && time <= m_file_begin);
 }
 

@@ -14,6 +14,8 @@ namespace Vidora {
 // THREADING  None of its own: its owner guards it.
 class CPlayWindow {
 public:
+    // Whether the second that a range ends with is outside, as RFC 2326 3.6 has it, or is played too.
+    void SetExactEnd(bool on) { m_exact_end = on; }
     // The whole of a recording from `begin` to `end`, `length_us` microseconds long.
     void Open(const CTime& begin, const CTime& end, uint64_t length_us);
     // The wall time at a distance from the begin, in whole seconds, since a source seeks by them; zero for
@@ -48,6 +50,7 @@ private:
 
     uint64_t m_length_us = 0;
     float m_speed = 1.0F;
+    bool m_exact_end = false;
     CTime m_file_begin;
     CTime m_file_end;
     CTime m_start;

@@ -15,7 +15,8 @@ const int DYNAMIC_VIDEO_PAYLOAD = 96;
 const int JPEG_PAYLOAD = 26;  // RFC 3551 table 5
 const int DYNAMIC_AUDIO_PAYLOAD = 97;
 const int ONVIF_METADATA_PAYLOAD = 107;
-const int TS_PACKETS_PER_OUTPUT = 7;  // 7 x 188 bytes fit one Ethernet frame
+const uint32_t PICTURES_PER_SECOND = 25;  // a usual distance of two time stamps
+const int TS_PACKETS_PER_OUTPUT = 7;      // 7 x 188 bytes fit one Ethernet frame
 
 int video_enc_type(int encode_type) {
     switch (encode_type) {
@@ -102,6 +103,10 @@ void CTrackEncoders::Reset() {
             continue;
         }
         track.rtp->GetParam(track.param);
+        if (m_conformance && track.has_sent) {
+            track.param.timestamp += track.param.clock_rate / PICTURES_PER_SECOND;
+        }
+        track.has_sent = false;
         m_info.SetPlace(i, track.param.timestamp, track.param.sequence);
         track.rtp->SetParam(track.param);
     }
@@ -163,6 +168,7 @@ CTrackEncoders::Converted CTrackEncoders::convert(CStreamParser& parser, const F
 
 void CTrackEncoders::CountRtp(int index, unsigned int bytes) {
     Track& track = m_tracks[index];
+    track.has_sent = true;
     track.rtp->GetParam(track.param);
     const unsigned int packets = (bytes + CSrcInfoTable::COUNTED_PACKET_SIZE - 1) / CSrcInfoTable::COUNTED_PACKET_SIZE;
     m_info.AddFrame(index, track.param.timestamp, track.param.sequence, bytes, packets);

@@ -30,6 +30,8 @@ public:
     // Draws SSRCs and sequence numbers (RFC 3550 5.1). `info` lives longer.
     explicit CTrackEncoders(CSrcInfoTable& info);
 
+    // Whether a time line that begins anew begins behind the last time stamp of the former one, or with it.
+    void SetConformance(bool on) { m_conformance = on; }
     // Builds the tracks for these formats; what runs goes on.
     void Build(const CFormatWatch& formats);
     // Puts the running tracks into the table as they are now; the others begin at a random time stamp (RFC 3550 5.1).
@@ -50,6 +52,7 @@ private:
         RtpEncParam param;
         RtpOverTcpParam over_tcp;
         CStreamParserPtr rtp;
+        bool has_sent = false;  // since the time line began
     };
 
     void add_tracks(const CFormatWatch& formats);
@@ -57,6 +60,7 @@ private:
     static Converted convert(CStreamParser& parser, const Flumen::CMediaFrame& frame);
 
     CSrcInfoTable& m_info;
+    bool m_conformance = false;
     int m_count = 0;
     Track m_tracks[MAX_TRACK];
     TsEncParam m_ts_param;

@@ -61,6 +61,14 @@ void CMediaStreamSender::DisableSendChannel(int channel) {
     }
 }
 
+void CMediaStreamSender::PauseSendChannel(int channel) {
+    DisableSendChannel(channel);
+    CGuard guard(m_mutex);
+    if (m_output != nullptr && channel >= 0 && channel < static_cast<int>(SWITCHED_TRACKS)) {
+        m_output->RestTrack(static_cast<unsigned int>(channel));
+    }
+}
+
 void CMediaStreamSender::SendOtherData(const char* data, int length) {
     const std::shared_ptr<CStreamOutput> queue = output();
     if (queue != nullptr && data != nullptr && length > 0) {

@@ -43,6 +43,8 @@ public:
     // track (the top byte of its channel word) is dropped for this sender. Tracks above 7 can't be switched.
     void SetSendChannel(int channel);
     void DisableSendChannel(int channel);
+    // Switches a track off as well; once it is on again it goes on with its next key frame, if it has such frames.
+    void PauseSendChannel(int channel);
     // Slips control text between media packets, never inside one; it is never dropped.
     void SendOtherData(const char* data, int length);
     // About how many bytes the peer's system hasn't taken yet; 0 if it never will. A connection that is closed while

@@ -106,6 +106,11 @@ void CStreamOutput::SetLimit(unsigned int bytes, unsigned int age_ms) {
     m_limit_age_ms = age_ms != 0 ? age_ms : m_limit_age_ms;
 }
 
+void CStreamOutput::RestTrack(unsigned int slot) {
+    CGuard guard(m_mutex);
+    m_gate.Rest(slot);
+}
+
 int CStreamOutput::SendText(const char* text, unsigned int length) {
     CGuard guard(m_mutex);
     flush_unwatched_locked();

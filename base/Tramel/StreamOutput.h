@@ -80,6 +80,8 @@ public:
     void SetExceptionId(COutputFace* face, long handler_id);
     void SetSendTimeout(unsigned int seconds);
     void SetLimit(unsigned int bytes, unsigned int age_ms);
+    // Lets a track go on with its next key frame only.
+    void RestTrack(unsigned int slot);
 
     // Queues control text and sends what the socket takes. 0, or -1: failed, or memory short.
     int SendText(const char* text, unsigned int length);

@@ -1,0 +1,181 @@
+// What the item RTSP_SVR_CONFIG_CONFORMANCE changes in a conversation; what it leaves is in conversation_test.
+#include <set>
+
+#include "server/ServerFixture.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+class Conformance : public CServerTest {
+protected:
+    Conformance() { Set(RTSP_SVR_CONFIG_CONFORMANCE, 1); }
+};
+
+TEST_F(Conformance, EveryRequestIsAnsweredAndTheConversationGoesOn) {
+    StartWithChannel();
+    CFakeStreamSource::Settings none;
+    none.null_source = true;
+    CFakeStreamSource::SetNext(none);
+    const std::string track = Url() + "/trackID=0";
+    const struct {
+        const char* setting;  // d: described, s: set up, p: playing
+        const char* method;
+        std::string url;
+        const char* headers;
+        int status;
+    } rows[] = {
+        {"", "PLAY", Url(), "", 455},
+        {"", "PAUSE", Url(), "", 455},
+        {"", "SETUP", track, INTERLEAVED, 455},
+        {"", "RECORD", Url(), "", 501},
+        {"", "DESCRIBE", "*", "", 400},
+        {"", "DESCRIBE", Url("cam/realmonitor"), "", 404},
+        {"", "DESCRIBE", Url("cam/realmonitor?subtype=0&channel=1"), "", 404},
+        {"", "DESCRIBE", Url("nothing.kav"), "", 404},
+        {"d", "SETUP", Url() + "/trackID=7", INTERLEAVED, 404},
+        {"d", "SETUP", Url(), INTERLEAVED, 459},
+        {"d", "SETUP", track, "Transport: RAW/RAW/UDP\r\n", 461},
+        {"d", "PLAY", Url(), "", 455},
+        {"ds", "DESCRIBE", Url(), "", 455},
+        {"ds", "PLAY", Url() + "/trackID=7", "", 404},
+        {"ds", "PLAY", Url(), "Range: smpte=0:10:00-\r\n", 457},
+        {"ds", "PLAY", Url(), "Range: npt=soon\r\n", 457},
+        {"ds", "PLAY", Url(), "Scale: 0\r\n", 400},
+        {"ds", "PLAY", Url(), "Scale: nan\r\n", 400},
+        {"ds", "PLAY", Url(), "Session: 17\r\n", 454},
+        {"dsp", "SETUP", Url() + "/trackID=7", INTERLEAVED, 404},
+        {"dsp", "DESCRIBE", Url(), "", 455},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(std::string(row.setting) + " " + row.method + " " + row.url + " " + row.headers);
+        CRtspTestClient client(m_port);
+        const std::string setting = row.setting;
+        const auto go_on = [&](size_t from, size_t to) {
+            static const char* METHODS[] = {"DESCRIBE", "SETUP", "PLAY"};
+            for (size_t i = from; i < to; ++i) {
+                EXPECT_EQ(200, client.Ask(METHODS[i], i == 1 ? track : Url(), i == 1 ? INTERLEAVED : "").status);
+            }
+        };
+        go_on(0, setting.size());
+        const bool own_session = std::string(row.headers).find("Session") != std::string::npos;
+        if (own_session) {
+            client.Send(std::string(row.method) + " " + row.url + " RTSP/1.0\r\nCSeq: 9\r\n" + row.headers + "\r\n");
+            EXPECT_EQ(row.status, client.Reply().status);
+        } else {
+            const RtspReply reply = client.Ask(row.method, row.url, row.headers);
+            EXPECT_EQ(row.status, reply.status);
+            EXPECT_EQ(std::to_string(client.LastCSeq()), reply.Header("CSeq"));
+        }
+        go_on(setting.size(), 3);
+    }
+}
+
+// Gives a key frame of that second of a recording.
+bool GiveAt(CFakeStreamSource* source, unsigned int second) {
+    Support::FrameSpec fields;
+    fields.type = 'I';
+    fields.utc += second;
+    fields.pts_ms = second * 1000;
+    fields.payload = Support::H264Picture(true, 100, 0);
+    return source->Give(Support::BuildFrame(fields));
+}
+
+// The RTP times of the media that come until none does for some time.
+std::set<std::string> TimesOf(CRtspTestClient& client, int first_wait_ms = 200) {
+    std::set<std::string> times;
+    for (RtspFrame frame = client.Frame(first_wait_ms); frame.channel >= 0; frame = client.Frame(200)) {
+        times.insert(frame.channel == 0 ? frame.data.substr(4, 4) : "");
+    }
+    times.erase("");
+    return times;
+}
+
+TEST_F(Conformance, ALiveSessionPausesAndGoesOnWithAKeyFrame) {
+    CFakeStreamSource* source = StartWithChannel();
+    CRtspTestClient other(m_port);
+    PlayInterleaved(other);
+    // The client stands in the channel shortly after the reply to PLAY.
+    const auto first_packet = [source](CRtspTestClient& client) {
+        RtspFrame frame;
+        Support::WaitUntil([&] {
+            Give(source, 11);  // of no use without a key frame
+            Give(source, 20);
+            frame = client.Frame(50);
+            return frame.channel == 0;
+        });
+        return frame.data.size() > 12 ? frame.data[12] & 31 : 0;
+    };
+    for (const std::string& url : {Url(), Url() + "/trackID=0"}) {
+        SCOPED_TRACE(url);
+        CRtspTestClient client(m_port);
+        PlayInterleaved(client);
+        first_packet(client);
+        EXPECT_EQ(200, client.Ask("PAUSE", url).status);
+        TimesOf(client);
+        ASSERT_TRUE(Give(source, 20));
+        EXPECT_TRUE(TimesOf(client, 100).empty());
+        const RtspReply reply = client.Ask("PLAY", url, "Scale: 2\r\n");
+        EXPECT_EQ(200, reply.status);
+        EXPECT_EQ("1.000", reply.Header("Scale"));
+        EXPECT_EQ(7, first_packet(client)) << "no parameter set";
+    }
+    EXPECT_EQ(1, source->CountCalls("Start"));
+    EXPECT_EQ(0, source->CountCalls("Stop"));
+}
+
+TEST_F(Conformance, RangesRatesAndTimesOfARecording) {
+    StartServer();
+    CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
+    const std::string url = Url(FILE_CONTENT);
+    const struct {
+        const char* headers;
+        const char* seek;   // what the source is asked for
+        const char* range;  // of the reply
+        const char* rate;
+    } rows[] = {
+        {"Range: npt=3-5\r\nSpeed: 2\r\n", "Seek 1600000003", "npt=3.000000-5.000000", "2.000"},
+        {"Range: npt=0:00:03-\r\n", "Seek 1600000003", "npt=3.000000-12.000000", ""},
+        {"Scale:-1\r\n", "Seek 1600000012", "npt=12.000000-0.000000", "-1.000"},
+        {"Range: npt=-4\r\nScale: -2\r\n", "Seek 1600000012", "npt=12.000000-4.000000", "-2.000"},
+        {"Range: npt=9-4\r\nScale: -1\r\n", "Seek 1600000009", "npt=9.000000-4.000000", "-1.000"},
+        {"Range: npt=9-\r\nScale: -1\r\n", "Seek 1600000009", "npt=9.000000-0.000000", "-1.000"},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.headers);
+        CRtspTestClient client(m_port);
+        EXPECT_EQ(200, client.Ask("DESCRIBE", url).status);
+        EXPECT_EQ(200, client.Ask("SETUP", url + "/trackID=0", INTERLEAVED).status);
+        EXPECT_EQ(457, client.Ask("PLAY", url, "Range: npt=9-4\r\n").status);
+        const RtspReply reply = client.Ask("PLAY", url, row.headers);
+        EXPECT_EQ(200, reply.status);
+        EXPECT_EQ(row.range, reply.Header("Range"));
+        EXPECT_EQ(row.rate, reply.Header("Scale") + reply.Header("Speed"));
+        EXPECT_LT(0, CFakeStreamSource::Last()->CountCalls(row.seek));
+    }
+}
+
+TEST_F(Conformance, ARangeEndsAndNoTimeComesTwice) {
+    StartServer();
+    CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
+    const std::string url = Url(FILE_CONTENT);
+    CRtspTestClient client(m_port);
+    EXPECT_EQ(200, client.Ask("DESCRIBE", url).status);
+    EXPECT_EQ(200, client.Ask("SETUP", url + "/trackID=0", INTERLEAVED).status);
+    std::set<std::string> seen;
+    for (const char* range : {"Range: npt=3-5\r\n", "Range: npt=1-5\r\n"}) {
+        SCOPED_TRACE(range);
+        EXPECT_EQ(200, client.Ask("PLAY", url, range).status);
+        for (const unsigned int second : {3u, 4u, 5u}) {
+            ASSERT_TRUE(Support::WaitUntil([=] { return GiveAt(CFakeStreamSource::Last(), second); }));
+        }
+        std::set<std::string> times = TimesOf(client, 10000);
+        EXPECT_EQ(2u, times.size());  // the second 5 is outside
+        seen.merge(times);
+        EXPECT_TRUE(times.empty()) << "a time came twice";
+    }
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio
