@@ -1,5 +1,6 @@
 #include <climits>
 #include <cstring>
+#include <memory>
 
 #include "Protocol/SdpParser.h"
 #include "Tramel/StrParser.h"
@@ -39,6 +40,8 @@ const CSdpParser::line_row CSdpParser::LINES[] = {
 };
 
 int CSdpParser::Parse(const char* text, int length) {
+    const std::unique_ptr<sdp_session_t> former(m_session);  // `text` may be one of its texts
+    m_session = nullptr;
     const int cleared = Clear();
     if (text == nullptr) {
         return 0;

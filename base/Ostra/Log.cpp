@@ -65,13 +65,16 @@ void write_to_stderr(char* line, size_t size) {
     write_whole(line, size);
 }
 
-// Lines quote what peers have sent. Control characters in it could steer the terminal that shows the log.
+// Lines quote what peers have sent. Control characters in it could steer the terminal that shows the log; those of ISO
+// 6429's second set as well, which UTF-8 writes as C2 and a byte below A0.
 void mask_controls(char* text, size_t size) {
+    unsigned char before = 0;
     for (size_t i = 0; i < size; ++i) {
         const unsigned char c = static_cast<unsigned char>(text[i]);
-        if ((c < 0x20 && c != '\t' && c != '\r' && c != '\n') || c == 0x7f) {
-            text[i] = '?';
-        }
+        const bool is_c0 = (c < 0x20 && c != '\t' && c != '\r' && c != '\n') || c == 0x7f;
+        const bool is_c1 = before == 0xc2 && c >= 0x80 && c < 0xa0;
+        text[i] = is_c0 || is_c1 ? '?' : text[i];
+        before = c;
     }
 }
 

@@ -280,6 +280,9 @@ TEST(SdpParser, TakesItsOwnTextsAsArguments) {
     EXPECT_EQ(sdp.set_session_attribute(attribute->value, attribute->name), 0);
     EXPECT_STREQ(attribute->value, "name");
     EXPECT_EQ(sdp.remove_session_attribute(attribute->name), 0);
+    ASSERT_EQ(sdp.set_session_attribute("text", ("v=0\r\ns=" + control).c_str()), 0);
+    EXPECT_EQ(sdp.Parse(sdp.get_session()->attributes.first()->value, 0), 0);
+    EXPECT_EQ(sdp.get_session()->name.Get(), control);
 }
 
 TEST(SdpParser, CopiesTheTextAndNotTheTree) {
