@@ -163,9 +163,13 @@ TEST_F(Conformance, ARangeEndsAndNoTimeComesTwice) {
     EXPECT_EQ(200, client.Ask("DESCRIBE", url).status);
     EXPECT_EQ(200, client.Ask("SETUP", url + "/trackID=0", INTERLEAVED).status);
     std::set<std::string> seen;
+    int resumes = 0;
     for (const char* range : {"Range: npt=3-5\r\n", "Range: npt=1-5\r\n"}) {
         SCOPED_TRACE(range);
         EXPECT_EQ(200, client.Ask("PLAY", url, range).status);
+        // The second one resumes the source, shortly after the reply.
+        ASSERT_TRUE(Support::WaitUntil([=] { return CFakeStreamSource::Last()->CountCalls("Resume") == resumes; }));
+        ++resumes;
         for (const unsigned int second : {3u, 4u, 5u}) {
             ASSERT_TRUE(Support::WaitUntil([=] { return GiveAt(CFakeStreamSource::Last(), second); }));
         }
