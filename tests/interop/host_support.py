@@ -21,11 +21,13 @@ def main():
 
 
 class Host:
-    """vidora-host on a free port of loopback; its output is kept in `lines`."""
+    """vidora-host on a free port of loopback, or of another `address`; its output is kept in `lines`. What is `inside`
+    stands in front of the command."""
 
-    def __init__(self, *options, live=True, recordings=MEDIA):
+    def __init__(self, *options, live=True, recordings=MEDIA, address="127.0.0.1", inside=()):
+        self.address = address
         self.port = free_port()
-        command = [HOST, "--listen", f"127.0.0.1:{self.port}"]
+        command = [*inside, HOST, "--listen", f"{address}:{self.port}"]
         if live:
             command += ["--live", f"{LIVE}={MEDIA}/clip.h264,{MEDIA}/clip.alaw",
                         "--live", f"{JPEG}={MEDIA}/clip.mjpeg", "--recordings", recordings]
@@ -52,7 +54,7 @@ class Host:
 
     def url(self, content=LIVE, user=None):
         login = f"{user}@" if user else ""
-        return f"rtsp://{login}127.0.0.1:{self.port}/{content}"
+        return f"rtsp://{login}{self.address}:{self.port}/{content}"
 
     def stop(self, how=signal.SIGTERM):
         """Ends the host as its user would and gives the exit code."""

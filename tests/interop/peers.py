@@ -3,7 +3,6 @@ import os
 import random
 import socket
 import subprocess
-import sys
 import tempfile
 import time
 
@@ -39,12 +38,13 @@ def read_digests(text):
     return digests
 
 
-def frame_digests(*source, joins=False):
+def frame_digests(*source, joins=False, inside=()):
     """Digests of the decoded frames of an FFmpeg source by stream.
 
     Decoding errors fail, unless the reader `joins` a stream that runs, whose first pictures refer to others.
     """
-    code, text, errors = outcome("ffmpeg", "-nostdin", "-hide_banner", "-v", "error", *source, "-f", "framemd5", "-")
+    code, text, errors = outcome(*inside, "ffmpeg", "-nostdin", "-hide_banner", "-v", "error", *source, "-f", "framemd5",
+                                 "-")
     assert code == 0 and (joins or not errors.strip()), (code, errors[-2000:])
     return read_digests(text)
 
@@ -59,15 +59,6 @@ def wait_for(condition, what):
     while not condition():
         assert time.monotonic() < deadline, "waited too long: " + what
         time.sleep(0.005)
-
-
-def in_namespace_of_its_own(command):
-    """Runs the script with these arguments anew, where loopback is all the network there is and carries multicast."""
-    if os.environ.get("VIDORA_IN_NAMESPACE") != "1":
-        environment = dict(os.environ, VIDORA_IN_NAMESPACE="1")
-        os.execvpe("unshare", ["unshare", "-n", sys.executable] + command, environment)
-    for setting in ("ip link set lo up multicast on", "ip route add 224.0.0.0/4 dev lo src 127.0.0.1"):
-        run(*setting.split())
 
 
 def read_file(path):
