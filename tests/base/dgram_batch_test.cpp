@@ -5,6 +5,7 @@
 
 #include "Tramel/MediaCounters.h"
 #include "Tramel/SockDgram.h"
+#include "support/Interleave.h"
 #include "support/TestHandler.h"
 
 using namespace Kavio::Tramel;
@@ -36,11 +37,7 @@ Datagrams Make(const std::vector<std::pair<size_t, size_t>>& runs) {
 std::string Merge(const Datagrams& packets) {
     std::string merged;
     for (const std::string& packet : packets) {
-        merged += '$';
-        merged += '\0';
-        merged += static_cast<char>(packet.size() >> 8);
-        merged += static_cast<char>(packet.size() & 0xff);
-        merged += packet;
+        merged += Kavio::Support::Interleaved(0, packet);
     }
     return merged;
 }

@@ -3,11 +3,10 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <map>
 #include <memory>
-#include <thread>
+#include <random>
 
-#include "Vidora/Ostra/Time.h"
-#include "support/TestClock.h"
 #include "support/TestHandler.h"
 
 namespace Kavio {
@@ -43,29 +42,6 @@ TEST(Reactor, MessagesOfOneSenderArriveInOrderAndNeverInsideTheCall) {
     EXPECT_EQ(0, faults.load());
     sender->Close();
     receiver->Close();
-    EXPECT_TRUE(WaitUntil([&] { return closed.load() == 2; }));
-}
-
-TEST(Reactor, BlockedHandlerHoldsOneThreadOnly) {
-    CPool pool(2);
-    std::atomic<int> closed{0}, passed{0};
-    CTestHandler* blocked = CTestHandler::Make(&closed);
-    CTestHandler* other = CTestHandler::Make(&closed);
-    other->on_message = [&](long, unsigned int, long) { return passed.fetch_add(1); };
-    blocked->on_message = [&](long, unsigned int, long) {
-        // Each of these needs the other thread, which may have gone to sleep meanwhile.
-        for (int i = 0; i < 100; ++i) {
-            blocked->Notify(other->GetID(), 1, 0);
-            if (!WaitUntil([&] { return passed.load() == i + 1; })) {
-                return -1;
-            }
-        }
-        return 0;
-    };
-    blocked->Notify(blocked->GetID(), 1, 0);
-    EXPECT_TRUE(WaitUntil([&] { return passed.load() == 100; }));
-    blocked->Close();
-    other->Close();
     EXPECT_TRUE(WaitUntil([&] { return closed.load() == 2; }));
 }
 
@@ -126,25 +102,6 @@ TEST(Reactor, HandlerMayCloseOrDeleteItselfInACallback) {
     EXPECT_EQ(1, closed.load());
     CTestHandler other;  // the socket is free for another
     EXPECT_EQ(0, other.RegisterSock(ends[0], SOCK_EVENT_READ, 0));
-}
-
-// Timers and quiet times of an hour come due at once when the clock is moved, and wall time moves along.
-TEST(Reactor, TimeFollowsTheOneClock) {
-    CPool pool;
-    std::atomic<int> closed{0}, fired{0}, silent{0};
-    CSockStream one, other;
-    ASSERT_TRUE(Support::MakeSockPair(one, other));
-    CTestHandler* handler = CTestHandler::Make(&closed);
-    handler->on_timeout = [&](long) { return fired.fetch_add(1); };
-    handler->on_input_timeout = [&](int) { return silent.fetch_add(1); };
-    ASSERT_EQ(0, handler->RegisterSock(one, SOCK_EVENT_READ, 3600000000));
-    ASSERT_LT(0, handler->SetTimer(3600000000));
-    const Ostra::CTime before = Ostra::CTime::getCurrentTime();
-    Support::AdvanceClock(3600000);
-    EXPECT_TRUE(WaitUntil([&] { return fired == 1 && silent == 1; }));
-    EXPECT_LE(3600, Ostra::CTime::getCurrentTime() - before);
-    handler->Close();
-    EXPECT_TRUE(WaitUntil([&] { return closed == 1; }));
 }
 
 TEST(Reactor, TimerRepeatsWhateverItsResultUntilDestroyed) {
@@ -331,6 +288,55 @@ TEST(Reactor, StressOfEverythingAtOnce) {
     EXPECT_EQ(0, faults.load());
     EXPECT_EQ(alive, CReactor::Instance().CountHandlers());
     EXPECT_EQ(CTimerQueue::NO_DEADLINE, CReactor::Instance().Timers().FirstDeadline());
+}
+
+// Against an ordered map: every deadline comes once, in order, unless moved or cancelled; handles of the dead are dead.
+TEST(TimerQueue, BehavesLikeAnOrderedMap) {
+    CTimerQueue queue;
+    std::mt19937 random(7);
+    std::map<uint64_t, std::pair<uint64_t, uint64_t>> alive;  // serial to handle and deadline
+    std::vector<uint64_t> dead;
+    uint64_t now = 0;
+    uint64_t next_serial = 1;
+    for (int step = 0; step < 20000; ++step) {
+        const unsigned int what = random() % 8;
+        auto some = alive.lower_bound(next_serial == 1 ? 0 : random() % next_serial);
+        if (what < 3 || some == alive.end()) {
+            const uint64_t deadline = now + random() % 1000;
+            const uint64_t handle = queue.Add(deadline, CTimerTarget{nullptr, -1, next_serial});
+            ASSERT_NE(0U, handle);
+            alive[next_serial++] = {handle, deadline};
+        } else if (what < 5) {
+            some->second.second = now + random() % 1000;
+            ASSERT_TRUE(queue.Rearm(some->second.first, some->second.second));
+        } else if (what < 6) {
+            ASSERT_TRUE(queue.Cancel(some->second.first));
+            dead.push_back(some->second.first);
+            alive.erase(some);
+        } else {
+            now += random() % 100;
+            CTimerTarget due[16];
+            uint64_t last = 0;
+            const size_t count = queue.TakeDue(now, due, 16);
+            for (size_t i = 0; i < count; ++i) {
+                auto& taken = alive.at(due[i].serial);
+                ASSERT_LE(taken.second, now);
+                ASSERT_LE(last, taken.second);
+                last = taken.second;
+                taken.second = now + 1 + random() % 1000;
+                ASSERT_TRUE(queue.Rearm(taken.first, taken.second));
+            }
+            uint64_t first = CTimerQueue::NO_DEADLINE;
+            for (const auto& entry : alive) {
+                first = std::min(first, entry.second.second);
+            }
+            ASSERT_EQ(first, queue.FirstDeadline());
+        }
+    }
+    for (const uint64_t handle : dead) {
+        ASSERT_FALSE(queue.Cancel(handle));
+        ASSERT_FALSE(queue.Rearm(handle, 0));
+    }
 }
 
 }  // namespace

