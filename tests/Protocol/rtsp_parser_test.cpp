@@ -1,14 +1,15 @@
-// What both codecs share: the boundary rule, ranges and rates, bodies, extra headers.
+// What both codecs share: the boundary rule, ranges and rates, bodies, extra headers; and what of it is logged.
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <memory>
 
+#include "Protocol/LogQuote.h"
 #include "Protocol/RtspRspParser.h"
-#include "Protocol/RtspTables.h"
 #include "Tramel/StrParser.h"
 #include "support/Capture.h"
 #include "support/RtspText.h"
+#include "support/SampleTable.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -162,6 +163,17 @@ TEST(RtspExtraHeaders, TablesKeepTheirOrderAndBounds) {
     EXPECT_EQ(lines_of(RTSP_METHOD_PLAY), "0");
     parser.set_ext_keys(tables);
     EXPECT_EQ(lines_of(RTSP_METHOD_PLAY), "0X-A: \r\nX-B: 2\r\n");
+}
+
+TEST(LogQuote, HidesPasswordsAndAuthorizationValuesAndNothingElse) {
+    for (const auto& row : Support::ReadTable(VIDORA_TEST_DATA "/log_texts.txt", "texts", 2)) {
+        EXPECT_EQ(Support::Crlf(row[1]), CLogQuote(Ostra::LOG_LEVEL_WARN, Support::Crlf(row[0]).c_str()).Text());
+    }
+    EXPECT_STREQ("", CLogQuote(Ostra::LOG_LEVEL_WARN, nullptr).Text());
+    EXPECT_STREQ("", CLogQuote(Ostra::LOG_LEVEL_TRACE, "not shown").Text());
+    EXPECT_STREQ("abc", CLogQuote(Ostra::LOG_LEVEL_WARN, "abcd", 3).Text());
+    const std::string longer(5000, 'a');
+    EXPECT_EQ(longer.substr(0, 2047), CLogQuote(Ostra::LOG_LEVEL_WARN, longer.c_str()).Text());
 }
 
 }  // namespace

@@ -10,6 +10,7 @@
 #include "Protocol/RtspTables.h"
 #include "support/Capture.h"
 #include "support/RtspText.h"
+#include "support/SampleTable.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -73,35 +74,21 @@ TEST(RtspClientRequest, EveryRequestAsItIsSent) {
 }
 
 TEST(RtspClientRequest, SetupUrlsAndTransports) {
-    const struct {
-        const char* track;
-        int transport;
-        int multicast;
-        bool with_info;
-        const char* url;
-        const char* line;
-    } rows[] = {
-        {"", 0, 0, false, "rtsp://h/live/", "RTP/AVP/TCP;unicast;interleaved=6-7"},
-        {"rtsp://other/t", 1, 0, true, "rtsp://other/t", "RTP/AVP;unicast;client_port=6-7"},
-        {"RTSP://other/t", 0, 0, true, "RTSP://other/t", "RTP/AVP/TCP;unicast;interleaved=6-7"},
-        {"t", 1, 1, true, "rtsp://h/live/t", "RTP/AVP;multicast;destination=232.1.1.1;port=6-7;ttl=5 "},
-        {"t", 1, 1, false, "rtsp://h/live/t", "RTP/AVP;multicast;client_port=6-7 "},
-    };
-    for (const auto& row : rows) {
+    for (const auto& row : Support::ReadTable(VIDORA_TEST_DATA "/rtsp_urls.txt", "setup", 6)) {
         CRtspReqParser parser;
         parser.set_url("rtsp://h/live");
         parser.set_back_channel(1);
         transport_info t;
-        std::strcpy(t.url, row.track);
-        t.transport = row.transport;
-        t.multicast = static_cast<uint8_t>(row.multicast);
+        std::strcpy(t.url, row[0].c_str());
+        t.transport = std::stoi(row[1]);
+        t.multicast = static_cast<uint8_t>(std::stoi(row[2]));
         t.rtp_port = 6;
         t.rtcp_port = 7;
         multicast_info m;
-        std::strcpy(m.addr, "232.1.1.1");
+        std::strcpy(m.addr, row[3].c_str());
         m.ttl = 5;
-        EXPECT_EQ(parser.generate_setup(&t, row.with_info ? &m : nullptr, true),
-                  request(std::string("SETUP ") + row.url, 1, std::string("Transport: ") + row.line + "\n" + TAG));
+        EXPECT_EQ(parser.generate_setup(&t, row[3].empty() ? nullptr : &m, true),
+                  request("SETUP " + row[4], 1, "Transport: " + row[5] + (t.multicast != 0 ? " \n" : "\n") + TAG));
     }
     CRtspReqParser parser;
     transport_info t;
@@ -127,32 +114,13 @@ TEST(RtspClientRequest, PlayRangesAndRates) {
 }
 
 TEST(RtspClientRequest, PlayUrlFollowsTheBase) {
-    const struct {
-        const char* url;
-        const char* base;
-        const char* play;
-        const char* again;
-    } rows[] = {
-        {"rtsp://h/live", "", "rtsp://h/live", "rtsp://h/live"},
-        {"rtsp://h/live", "rtsp://10.0.0.1:554/live/", "rtsp://10.0.0.1:554/live/", "rtsp://10.0.0.1:554/live"},
-        {"rtsp://h/live?a=1", "rtsp://10.0.0.1/live/", "rtsp://10.0.0.1/live/?a=1", "rtsp://10.0.0.1/live/?a=1"},
-        {"rtsp://h/live/sub", "rtsp://10.0.0.1/live", "rtsp://10.0.0.1/live/sub", "rtsp://10.0.0.1/live/sub"},
-        {"rtsp://h/live", "rtsp://10.0.0.1/else/", "rtsp://10.0.0.1/else", "rtsp://10.0.0.1/else"},
-        {"rtsp://h/live", "rtsp://10.0.0.1/", "rtsp://h/live", "rtsp://h/live"},
-        {"rtsp://h/live", "sub", "rtsp://h/sub", "rtsp://h/sub"},
-        {"rtsp://h/live", "/top/", "rtsp://h/top", "rtsp://h/top"},
-        {"rtsp://h/live", "RTSP://10.0.0.1/live/", "RTSP://10.0.0.1/live/", "RTSP://10.0.0.1/live"},
-        {"RTSP://h/live", "sub", "RTSP://h/sub", "RTSP://h/sub"},
-        {"rtsp://h", "sub", "rtsp://h", "rtsp://h"},  // no path to put it behind
-    };
-    for (const auto& row : rows) {
+    for (const auto& row : Support::ReadTable(VIDORA_TEST_DATA "/rtsp_urls.txt", "play", 4)) {
         CRtspReqParser parser;
-        parser.set_url(row.url);
+        parser.set_url(row[0].c_str());
         parser.generate_describe();
-        const std::string reply = std::string("RTSP/1.0 200 OK\nCSeq: 1\nContent-Base: ") + row.base + "\n\n";
-        EXPECT_EQ(read(parser, reply), 0);
-        EXPECT_EQ(parser.generate_play(-1, 0, 1, true), request(std::string("PLAY ") + row.play, 2)) << row.base;
-        EXPECT_EQ(parser.generate_play(-1, 0, 1, true), request(std::string("PLAY ") + row.again, 3)) << row.base;
+        EXPECT_EQ(read(parser, "RTSP/1.0 200 OK\nCSeq: 1\nContent-Base: " + row[1] + "\n\n"), 0);
+        EXPECT_EQ(parser.generate_play(-1, 0, 1, true), request("PLAY " + row[2], 2)) << row[1];
+        EXPECT_EQ(parser.generate_play(-1, 0, 1, true), request("PLAY " + row[3], 3)) << row[1];
     }
 }
 

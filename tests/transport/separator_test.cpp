@@ -144,32 +144,21 @@ TEST(RtpSeparator, TakesUnitsUpToTheLargestAndMoreThanOneRow) {
 }
 
 TEST(RtpSeparator, LetsAnOverLongFrameOutInParts) {
-    CRTPSeparator separator;
-    separator.SetChannel(VIDEO, AUDIO);
-    const int units = 70;
-    size_t bytes = 0;
-    int records = 0;
+    const uint16_t units = 70;
+    Bytes stream;
     for (uint16_t i = 0; i < units; ++i) {
         const Bytes unit = rtp(VIDEO, i, 1, i == units - 1, Ramp(65000));
-        size_t done = 0;
-        while (done < unit.size()) {
-            int space = 0;
-            char* place = separator.GetBuffer(&space);
-            const size_t length = std::min(unit.size() - done, static_cast<size_t>(space));
-            std::memcpy(place, unit.data() + done, length);
-            done += length;
-            ASSERT_GE(separator.Input(static_cast<int>(length)), 0);
-            int count = 0;
-            const separator_record_t* out = separator.GetRecords(&count);
-            for (int j = 0; j < count; ++j) {
-                EXPECT_LE(out[j].packet.size(), CFrameMerger::MAX_RUN);
-                bytes += out[j].packet.size();
-                ++records;
-            }
-        }
+        stream.insert(stream.end(), unit.begin(), unit.end());
     }
-    EXPECT_EQ(bytes, static_cast<size_t>(units) * (65000 + 16));
-    EXPECT_EQ(records, 3);
+    const Lines lines = separate<CRTPSeparator>({stream});
+    EXPECT_EQ(lines.size(), 3u);
+    size_t bytes = 0;
+    for (const std::string& each : lines) {
+        const size_t length = (each.size() - line(2, VIDEO, {}).size()) / 2;
+        EXPECT_LE(length, CFrameMerger::MAX_RUN);
+        bytes += length;
+    }
+    EXPECT_EQ(bytes, stream.size());
 }
 
 TEST(RtpSeparator, RefusesWhatCannotBeRead) {
