@@ -2,12 +2,14 @@
 
 #include "SvrConversation.h"
 
+#include <sys/random.h>
+
 #include <cstring>
-#include <random>
 
 #include "Protocol/LogQuote.h"
 #include "Protocol/RtcpParser.h"
 #include "Protocol/RtspTables.h"
+#include "StreamParser/RandomDraw.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -16,9 +18,10 @@ namespace {
 
 // RFC 2326 3.4 wants identifiers that nobody guesses.
 uint64_t random_session_id() {
-    std::random_device draw;
-    const uint64_t high = draw();
-    const uint64_t id = high << 32 | draw();
+    uint64_t id = 0;
+    if (::getrandom(&id, sizeof(id), GRND_NONBLOCK) != static_cast<ssize_t>(sizeof(id))) {
+        id = uint64_t{random_draw32()} << 32 | random_draw32();  // the system has none to give yet
+    }
     return id != 0 ? id : 1;
 }
 

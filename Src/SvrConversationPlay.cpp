@@ -292,7 +292,7 @@ int CSvrConversation::pause_live() {
     bool any_plays = false;
     for (CTrack& track : m_tracks) {
         const bool pauses = track.playing && (track_id < 0 || track.track_id == track_id);
-        if (pauses && m_route != nullptr) {
+        if (pauses && m_route != nullptr && track.send_channel >= 0) {
             m_route->Pause(track);
         }
         track.playing = track.playing && !pauses;

@@ -2,6 +2,7 @@
 #include <set>
 
 #include "server/ServerFixture.h"
+#include "support/UdpPeer.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -122,6 +123,22 @@ TEST_F(Conformance, ALiveSessionPausesAndGoesOnWithAKeyFrame) {
     }
     EXPECT_EQ(1, source->CountCalls("Start"));
     EXPECT_EQ(0, source->CountCalls("Stop"));
+}
+
+// A track that was never set up has no channel that could be paused.
+TEST_F(Conformance, OnlyWhatWasSetUpIsPaused) {
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.has_audio = true;
+    settings.audio.encode_type = STREAM_AUDIO_PCMA;
+    settings.audio.sample_rate = 8000;
+    StartServer();
+    AddChannel(LIVE_NAME, settings);
+    CRtspTestClient client(m_port);
+    Support::CUdpPeer rtp;
+    Play(client, UdpTransport(rtp.Port()));
+    CLogCapture log(Ostra::LOG_LEVEL_ERROR);
+    EXPECT_EQ(200, client.Ask("PAUSE", Url()).status);
+    EXPECT_TRUE(log.Lines().empty()) << log.Lines().front();
 }
 
 TEST_F(Conformance, RangesRatesAndTimesOfARecording) {
