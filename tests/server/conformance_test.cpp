@@ -107,6 +107,7 @@ TEST_F(Conformance, ALiveSessionPausesAndGoesOnWithAKeyFrame) {
         });
         return frame.data.size() > 12 ? frame.data[12] & 31 : 0;
     };
+    first_packet(other);
     for (const std::string& url : {Url(), Url() + "/trackID=0"}) {
         SCOPED_TRACE(url);
         CRtspTestClient client(m_port);
