@@ -5,19 +5,6 @@
 namespace Kavio {
 namespace Vidora {
 
-namespace {
-
-// Gives what `read` gives for the backing that there is, or a zero.
-template <typename Result, typename Read>
-Result read_of(const Flumen::CMediaFrame* shared, const CRawMemory* raw, Read read) {
-    if (shared != nullptr) {
-        return read(*shared);
-    }
-    return raw != nullptr ? read(*raw) : Result();
-}
-
-}  // namespace
-
 CMediaFrame::CMediaFrame(uint32_t size, int mode) : m_mode(mode) {
     if (mode == MEDIA_FRAME_SHARED) {
         m_frame = Flumen::CMediaFrame(size);
@@ -49,7 +36,7 @@ CMediaFrame& CMediaFrame::operator=(const CMediaFrame& other) {
     return *this;
 }
 
-// Shares the other's memory, or lets go of the own one if there is none.
+// Shares the other's memory, or releases the own one if there is none.
 void CMediaFrame::assign_raw(const CRawMemory* other) {
     if (other == nullptr) {
         delete m_raw;
@@ -72,10 +59,6 @@ Flumen::CMediaFrame* CMediaFrame::shared() {
     return m_mode == MEDIA_FRAME_SHARED && m_frame.valid() ? &m_frame : nullptr;
 }
 
-bool CMediaFrame::valid() const {
-    return read_of<bool>(shared(), raw(), [](const auto& backing) { return backing.valid(); });
-}
-
 Memory::CPacket* CMediaFrame::getPacket() {
     if (m_mode == MEDIA_FRAME_SHARED) {
         return &m_frame;
@@ -90,23 +73,11 @@ int CMediaFrame::putBuffer(const void* data, uint32_t length) {
     return raw() != nullptr ? raw()->putBuffer(data, length) : -1;
 }
 
-unsigned char* CMediaFrame::getBuffer() const {
-    return read_of<unsigned char*>(shared(), raw(), [](const auto& backing) { return backing.getBuffer(); });
-}
-
 int CMediaFrame::resize(uint32_t size) {
     if (Flumen::CMediaFrame* frame = shared()) {
         return frame->resize(size) ? 0 : -1;
     }
     return raw() != nullptr ? raw()->resize(size) : -1;
-}
-
-uint32_t CMediaFrame::size() const {
-    return read_of<uint32_t>(shared(), raw(), [](const auto& backing) { return backing.size(); });
-}
-
-uint32_t CMediaFrame::capacity() const {
-    return read_of<uint32_t>(shared(), raw(), [](const auto& backing) { return backing.capacity(); });
 }
 
 const MediaFrameInfo* CMediaFrame::facts() const {

@@ -2,6 +2,7 @@
 #define VIDORA_MEDIAFRAME_H
 
 #include <cstdint>
+#include <utility>
 
 #include "Flumen/FrameFacts.h"
 #include "RawMemory.h"
@@ -38,24 +39,40 @@ public:
 
     unsigned char* GetData() override { return getBuffer(); }
 
-    bool valid() const;
+    bool valid() const {
+        return read([](const auto& backing) { return backing.valid(); });
+    }
     // The frame of shared mode; an invalid one otherwise.
     Flumen::CMediaFrame GetShared() const { return m_mode == MEDIA_FRAME_SHARED ? m_frame : Flumen::CMediaFrame(); }
     // The contents as a packet, owned by this object; null if there are none.
     Memory::CPacket* getPacket();
     // Appends as many of the bytes as fit and gives their number.
     int putBuffer(const void* data, uint32_t length);
-    unsigned char* getBuffer() const;
+    unsigned char* getBuffer() const {
+        return read([](const auto& backing) { return backing.getBuffer(); });
+    }
     // Sets the bytes in use. 0 or -1.
     int resize(uint32_t size);
-    uint32_t size() const;
-    uint32_t capacity() const;
+    uint32_t size() const {
+        return read([](const auto& backing) { return backing.size(); });
+    }
+    uint32_t capacity() const {
+        return read([](const auto& backing) { return backing.capacity(); });
+    }
 
     // For CFrameFacts: the record of the facts of the backing in force, or null.
     const MediaFrameInfo* facts() const;
     MediaFrameInfo* changed_facts();
 
 private:
+    // What `read_backing` returns for the backing in force, or a zero.
+    template <typename Read>
+    auto read(Read read_backing) const -> decltype(read_backing(std::declval<const CRawMemory&>())) {
+        if (const Flumen::CMediaFrame* frame = shared()) {
+            return read_backing(*frame);
+        }
+        return raw() != nullptr ? read_backing(*raw()) : 0;
+    }
     // The backing in force, or null.
     const Flumen::CMediaFrame* shared() const;
     Flumen::CMediaFrame* shared();

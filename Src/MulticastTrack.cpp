@@ -3,6 +3,7 @@
 #include <new>
 
 #include "DgramBatch.h"
+#include "StreamParser/RtpHeader.h"
 #include "StreamParser/TsTable.h"
 #include "Vidora/KXFrame.h"
 #include "Vidora/Ostra/ByteReader.h"
@@ -12,25 +13,11 @@ namespace Vidora {
 
 namespace {
 
-const uint8_t TS_SYNC = 0x47;
 const uint8_t VIDEO_PAYLOAD_TYPE = 96;
 const uint8_t AUDIO_PAYLOAD_TYPE = 8;
-const int RTP_VERSION = 2;
-const int VERSION_SHIFT = 6;
-const uint8_t TYPE_MASK = 0x7f;
 
-// The encode code of a track's frames: for what has none of its own the one that audio has without a description.
-uint8_t encode_code(int encode) {
-    switch (encode) {
-        case ENC_TYPE_H264:
-            return KX_VIDEO_H264;
-        case ENC_TYPE_MPEG4:
-            return KX_VIDEO_MPEG4;
-        case ENC_TYPE_JPEG:
-            return KX_VIDEO_JPEG;
-        default:
-            return KX_AUDIO_PCMU;
-    }
+bool is_video(int encode) {
+    return encode <= ENC_TYPE_JPEG;
 }
 
 }  // namespace
@@ -64,11 +51,11 @@ std::shared_ptr<CMulticastTrack> CMulticastTrack::CreateRtp(const frame_proc_t& 
     if (track == nullptr) {
         return nullptr;
     }
-    track->m_payload_type = info.encode <= ENC_TYPE_JPEG ? VIDEO_PAYLOAD_TYPE : AUDIO_PAYLOAD_TYPE;
+    track->m_payload_type = is_video(info.encode) ? VIDEO_PAYLOAD_TYPE : AUDIO_PAYLOAD_TYPE;
     RtpDecParam param;
     param.enc_type = info.encode;
     param.payload_type = track->m_payload_type;
-    param.kx_encode_type = encode_code(info.encode);
+    param.kx_encode_type = is_video(info.encode) ? kx_video_code(info.encode) : uint8_t{KX_AUDIO_PCMU};
     param.sample_rate_code = kx_sample_rate_code(info.sample_rate);
     return track->m_parser->SetParam(param) == PARSER_OK ? track : nullptr;
 }
@@ -101,16 +88,14 @@ bool CMulticastTrack::take_ts(const unsigned char* data, unsigned int length) {
         const uint8_t* bytes = reader.ReadBytes(TS_PACK_LEN);
         m_packet.resize(0);
         m_packet.putBuffer(bytes, TS_PACK_LEN);
-        used = bytes[0] == TS_SYNC && decode(m_packet) && used;
+        used = bytes[0] == TS_SYNC_BYTE && decode(m_packet) && used;
     }
     return used && reader.Remaining() == 0;
 }
 
 // What isn't of the stream must not reach the decoder, which would forget the frame in the making.
 bool CMulticastTrack::take_rtp(const unsigned char* data, unsigned int length) {
-    CByteReader reader(data, length);
-    const bool is_rtp = reader.ReadU8() >> VERSION_SHIFT == RTP_VERSION;
-    if ((reader.ReadU8() & TYPE_MASK) != m_payload_type || !is_rtp || !reader.Ok()) {
+    if (rtp_peek_payload_type(data, length) != m_payload_type) {
         return false;
     }
     Flumen::CMediaFrame packet(length);

@@ -1,5 +1,6 @@
 #include "RtpRun.h"
 
+#include "Vidora/H264Parser.h"
 #include "Vidora/Names.h"
 
 namespace Kavio {
@@ -7,32 +8,18 @@ namespace Vidora {
 
 namespace {
 
-// NAL unit types of H.264, and the packet types of RFC 6184 5.2.
-enum nal_type_t {
-    NAL_IDR = 5,
-    NAL_SEI = 6,
-    NAL_SPS = 7,
-    NAL_PPS = 8,
-    NAL_DELIMITER = 9,
-    NAL_STAP_A = 24,
-    NAL_FU_A = 28
-};
-
-const uint8_t NAL_TYPE_MASK = 0x1f;
-const uint8_t FU_START = 0x80;
-
 run_kind_t nal_kind(int type) {
-    if (type == NAL_IDR || type == NAL_SPS || type == NAL_PPS) {
+    if (type == H264_NAL_IDR || type == H264_NAL_SPS || type == H264_NAL_PPS) {
         return RUN_KIND_KEY;
     }
-    return type == NAL_SEI || type == NAL_DELIMITER ? RUN_KIND_UNDECIDED : RUN_KIND_OTHER;
+    return type == H264_NAL_SEI || type == H264_NAL_DELIMITER ? RUN_KIND_UNDECIDED : RUN_KIND_OTHER;
 }
 
 // RFC 6184 5.7.1: units behind their 16-bit sizes.
 run_kind_t aggregate_kind(CByteReader& payload) {
     while (payload.Remaining() > 0) {
         CByteReader unit = payload.SubReader(payload.ReadU16());
-        const run_kind_t kind = nal_kind(unit.ReadU8() & NAL_TYPE_MASK);
+        const run_kind_t kind = nal_kind(h264_nal_type(unit.ReadU8()));
         if (!unit.Ok() || kind != RUN_KIND_UNDECIDED) {
             return unit.Ok() ? kind : RUN_KIND_OTHER;
         }
@@ -44,13 +31,13 @@ run_kind_t aggregate_kind(CByteReader& payload) {
 
 run_kind_t H264PayloadKind(const unsigned char* payload, size_t length) {
     CByteReader reader(payload, length);
-    const int type = reader.ReadU8() & NAL_TYPE_MASK;
-    if (type == NAL_STAP_A) {
+    const int type = h264_nal_type(reader.ReadU8());
+    if (type == H264_NAL_STAP_A) {
         return aggregate_kind(reader);
     }
-    if (type == NAL_FU_A) {
+    if (type == H264_NAL_FU_A) {
         const uint8_t header = reader.ReadU8();
-        return (header & FU_START) != 0 ? nal_kind(header & NAL_TYPE_MASK) : RUN_KIND_OTHER;
+        return (header & H264_FU_START) != 0 ? nal_kind(h264_nal_type(header)) : RUN_KIND_OTHER;
     }
     return reader.Ok() ? nal_kind(type) : RUN_KIND_OTHER;
 }

@@ -4,7 +4,7 @@
 #include <new>
 
 #include "DgramBatch.h"
-#include "Vidora/Ostra/ByteReader.h"
+#include "StreamParser/RtpHeader.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -12,9 +12,6 @@ namespace Vidora {
 namespace {
 
 const int MAX_BATCHES = 4;  // of one turn
-const int RTP_VERSION = 2;
-const int VERSION_SHIFT = 6;
-const uint8_t PAYLOAD_TYPE_MASK = 0x7f;
 const unsigned int MAX_IP_LEN = 64;
 
 bool is_same_host(const CSockAddrStorage& one, const CSockAddrStorage& other) {
@@ -133,11 +130,9 @@ bool CStreamUdpReceiver::is_wanted(const sock_row_t& row, const DgramSlice& data
 }
 
 bool CStreamUdpReceiver::has_right_form(const sock_row_t& row, const DgramSlice& datagram) const {
-    CByteReader reader(datagram.data, datagram.length);
-    const int version = reader.ReadU8() >> VERSION_SHIFT;
-    const int type = reader.ReadU8() & PAYLOAD_TYPE_MASK;
+    const int type = rtp_peek_payload_type(datagram.data, datagram.length);
     const int wanted = tracks().tracks[row.track].payload_type;
-    return reader.Ok() && version == RTP_VERSION && (row.rtcp || wanted < 0 || type == wanted);
+    return type >= 0 && (row.rtcp || wanted < 0 || type == wanted);
 }
 
 }  // namespace Vidora

@@ -4,7 +4,9 @@
 #include <cstring>
 #include <exception>
 #include <new>
+#include <utility>
 
+#include "Ostra/Counted.h"
 #include "Protocol/RtspUrlState.h"
 #include "Protocol/TextWriter.h"
 
@@ -44,25 +46,17 @@ CRtspUrlParser::CRtspUrlParser() : m_state(new (std::nothrow) CState) {
     }
 }
 
-CRtspUrlParser::CRtspUrlParser(const CRtspUrlParser& other) : m_state(other.m_state) {
-    if (m_state != nullptr) {
-        ++m_state->m_ref_count;
-    }
-}
+CRtspUrlParser::CRtspUrlParser(const CRtspUrlParser& other) : m_state(Ostra::ShareCounted(other.m_state)) {}
 
 // Assigned objects share their state: only the pointer is copied. Counting who holds it makes that safe to destroy.
 CRtspUrlParser& CRtspUrlParser::operator=(const CRtspUrlParser& other) {
     CRtspUrlParser shared(other);
-    CState* mine = m_state;
-    m_state = shared.m_state;
-    shared.m_state = mine;
+    std::swap(m_state, shared.m_state);
     return *this;
 }
 
 CRtspUrlParser::~CRtspUrlParser() {
-    if (m_state != nullptr && --m_state->m_ref_count == 0) {
-        delete m_state;
-    }
+    Ostra::ReleaseCounted(m_state);
 }
 
 bool CRtspUrlParser::ParseUrl(const char* url, const unsigned& length) {

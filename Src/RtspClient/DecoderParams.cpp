@@ -6,6 +6,7 @@
 #include <cctype>
 #include <cstring>
 
+#include "Vidora/H264Parser.h"
 #include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/Base64.h"
@@ -17,9 +18,6 @@ namespace Vidora {
 namespace {
 
 const int DEFAULT_FRAME_RATE = 25;
-const uint8_t NAL_TYPE_MASK = 0x1f;
-const uint8_t NAL_SPS = 7;
-const uint8_t NAL_PPS = 8;
 const uint32_t START_CODE = 1;
 const size_t START_CODE_LEN = 4;
 const size_t MAX_SET_LEN = 2048;      // of one parameter set, decoded
@@ -159,8 +157,8 @@ void CDecoderParams::take_parameter_set(const char* text, size_t length) {
     if (size < 1 || static_cast<size_t>(size) > CONFIG_SIZE - START_CODE_LEN) {
         return;
     }
-    const int type = decoded[0] & NAL_TYPE_MASK;
-    Config* config = type == NAL_SPS ? &m_config1 : type == NAL_PPS ? &m_config2 : nullptr;
+    const int type = h264_nal_type(static_cast<unsigned char>(decoded[0]));
+    Config* config = type == H264_NAL_SPS ? &m_config1 : type == H264_NAL_PPS ? &m_config2 : nullptr;
     if (config != nullptr) {
         CByteWriter writer(config->data, CONFIG_SIZE);
         writer.WriteU32(START_CODE);

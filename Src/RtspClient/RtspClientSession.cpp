@@ -41,6 +41,15 @@ bool is_header_text(const char* text, size_t limit) {
     return std::strlen(text) <= limit && std::strpbrk(text, "\r\n") == nullptr;
 }
 
+// Null is an end that isn't given.
+template <typename Time>
+void set_range(const Time* begin, const Time* end, client_play& wish, Time (&range)[2]) {
+    wish.has_begin = begin != nullptr;
+    wish.has_end = end != nullptr;
+    range[0] = begin != nullptr ? *begin : Time();
+    range[1] = end != nullptr ? *end : Time();
+}
+
 // Header names are the same in any case.
 void erase_authorization(CRtspParser::ext_keys_t& keys) {
     for (auto row = keys.begin(); row != keys.end();) {
@@ -182,10 +191,7 @@ int CRtspClientSession::Play(float begin, float end, float speed, bool scale) {
 int CRtspClientSession::Play(UtcTime* begin, UtcTime* end, float speed, bool scale) {
     client_play wish;
     wish.form = client_play::CLOCK;
-    wish.has_begin = begin != nullptr;
-    wish.has_end = end != nullptr;
-    wish.clock[0] = begin != nullptr ? *begin : UtcTime();
-    wish.clock[1] = end != nullptr ? *end : UtcTime();
+    set_range(begin, end, wish, wish.clock);
     wish.speed = speed;
     wish.scale = scale;
     return play(wish);
@@ -194,10 +200,7 @@ int CRtspClientSession::Play(UtcTime* begin, UtcTime* end, float speed, bool sca
 int CRtspClientSession::Play(SmpteTime* begin, SmpteTime* end, float speed, bool scale) {
     client_play wish;
     wish.form = client_play::SMPTE;
-    wish.has_begin = begin != nullptr;
-    wish.has_end = end != nullptr;
-    wish.smpte[0] = begin != nullptr ? *begin : SmpteTime();
-    wish.smpte[1] = end != nullptr ? *end : SmpteTime();
+    set_range(begin, end, wish, wish.smpte);
     wish.speed = speed;
     wish.scale = scale;
     return play(wish);

@@ -4,7 +4,9 @@
 #include <cstdlib>
 #include <cstring>
 #include <new>
+#include <utility>
 
+#include "Ostra/Counted.h"
 #include "Protocol/StaticPayload.h"
 #include "RtspClient/SdpInfoAccess.h"
 
@@ -22,26 +24,17 @@ CSdpInfo::CSdpInfo() : CSdpInfo(nullptr) {}
 
 CSdpInfo::CSdpInfo(CSdpParser* sdp) : m_data(new (std::nothrow) sdp_info_data(sdp)) {}
 
-CSdpInfo::CSdpInfo(const CSdpInfo& other) : m_data(other.m_data) {
-    if (m_data != nullptr) {
-        ++m_data->m_ref_count;
-    }
-}
+CSdpInfo::CSdpInfo(const CSdpInfo& other) : m_data(Ostra::ShareCounted(other.m_data)) {}
 
 // Assigned objects share their contents: only the pointer is copied. Counting who holds it makes that safe to destroy.
 CSdpInfo& CSdpInfo::operator=(const CSdpInfo& other) {
     CSdpInfo shared(other);
-    sdp_info_data* mine = m_data;
-    m_data = shared.m_data;
-    shared.m_data = mine;
+    std::swap(m_data, shared.m_data);
     return *this;
 }
 
 CSdpInfo::~CSdpInfo() {
-    if (m_data != nullptr && --m_data->m_ref_count == 0) {
-        delete m_data;
-    }
-    m_data = nullptr;
+    Ostra::ReleaseCounted(m_data);
 }
 
 // The place of the media of a kind that is delivered, or else of the first one, -1 if there is none.

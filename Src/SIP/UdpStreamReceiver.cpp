@@ -8,17 +8,12 @@
 #include <new>
 
 #include "DgramBatch.h"
-#include "Vidora/Ostra/ByteReader.h"
+#include "StreamParser/RtpHeader.h"
 
 namespace Kavio {
 namespace Vidora {
 
 namespace {
-
-const int VERSION_SHIFT = 6;
-const int RTP_VERSION = 2;
-const uint8_t PAYLOAD_TYPE_MASK = 0x7f;
-const unsigned int RTP_FIXED_LEN = 12;
 
 // A socket that gave nothing: is that for ever? A peer's ICMP answer, or a road that is missing for a while, says
 // nothing about the socket.
@@ -228,9 +223,7 @@ bool CUdpStreamReceiver::is_wanted(const CSockAddrStorage& from) {
 
 // The decoder would take more, such as what begins like an interleaved packet.
 bool CUdpStreamReceiver::has_right_form(const DgramSlice& datagram) const {
-    CByteReader reader(datagram.data, datagram.length);
-    const bool is_rtp = reader.ReadU8() >> VERSION_SHIFT == RTP_VERSION;
-    return is_rtp && (reader.ReadU8() & PAYLOAD_TYPE_MASK) == m_payload_type && datagram.length >= RTP_FIXED_LEN;
+    return datagram.length >= RTP_HEADER_LEN && rtp_peek_payload_type(datagram.data, datagram.length) == m_payload_type;
 }
 
 int CUdpStreamReceiver::process_data(const DgramSlice& datagram) {

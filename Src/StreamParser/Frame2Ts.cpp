@@ -42,7 +42,7 @@ struct PacketHead {
 //     0x47, flags and PID (2), 0x3c, adaptation length, adaptation flags, [clock reference (6)], 0xFF up to the payload
 void write_packet_head(CByteWriter& writer, const PacketHead& head) {
     CByteWriter fixed(writer.Reserve(FIXED_LEN), FIXED_LEN);  // of constant size: checked once
-    fixed.WriteU8(0x47);
+    fixed.WriteU8(TS_SYNC_BYTE);
     fixed.WriteU16(static_cast<uint16_t>((head.unit_start ? 0x4000 : 0) | head.pid));
     fixed.WriteU8(static_cast<uint8_t>(0x30 | (head.continuity & 0x0F)));  // adaptation field and payload
     fixed.WriteU8(static_cast<uint8_t>(183 - head.payload_len));

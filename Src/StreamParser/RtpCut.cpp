@@ -14,8 +14,6 @@ namespace {
 constexpr size_t START_CODE_LEN = 4;
 constexpr uint32_t FU_HEADER_LEN = 2;
 constexpr uint32_t FU_BODY_LEN = RTP_MAX_PAYLOAD - FU_HEADER_LEN;
-constexpr unsigned char FU_START = 0x80;
-constexpr unsigned char FU_END = 0x40;
 
 bool append_body(const unsigned char* body, uint32_t len, CRtpPacketList& list) {
     RtpPacketNode* node = list.Append();
@@ -38,10 +36,10 @@ bool append_fragments(const unsigned char* nal, uint32_t len, CRtpPacketList& li
         }
         unsigned char header = type;
         if (offset == 1) {
-            header |= FU_START;
+            header |= H264_FU_START;
         }
         if (offset + body_len == len) {
-            header |= FU_END;
+            header |= H264_FU_END;
         }
         list.Last()->fixed[0] = indicator;
         list.Last()->fixed[1] = header;

@@ -15,7 +15,7 @@ constexpr uint32_t ASSIST_HEADER_LEN = 8;
 }  // namespace
 
 CRtpCutRule::CRtpCutRule(RtpFrameWork& work, int frame_type, uint32_t first_len, uint32_t other_len)
-    : m_work(work), m_frame_type(frame_type), m_first_len(first_len), m_other_len(other_len) {}
+    : IRtpFrameRule(work), m_frame_type(frame_type), m_first_len(first_len), m_other_len(other_len) {}
 
 int CRtpCutRule::Make() {
     m_work.frame_type = m_frame_type;

@@ -18,8 +18,6 @@ protected:
     // the frame_type_t letter.
     CRtpCutRule(RtpFrameWork& work, int frame_type, uint32_t first_len, uint32_t other_len);
 
-    RtpFrameWork& m_work;
-
 private:
     const int m_frame_type;
     const uint32_t m_first_len;

@@ -14,6 +14,7 @@ namespace Vidora {
 // RtpFrameWork, which outlives it.
 class IRtpFrameRule {
 public:
+    explicit IRtpFrameRule(RtpFrameWork& work) : m_work(work) {}
     virtual ~IRtpFrameRule() = default;
 
     // The rule for an enc_type_t. False if there is none for it, or memory is short.
@@ -33,6 +34,9 @@ public:
     virtual int Make() = 0;
     // The frame in work is dropped: forgets what Make has found in it.
     virtual void Clear() {}
+
+protected:
+    RtpFrameWork& m_work;
 };
 
 }  // namespace Vidora

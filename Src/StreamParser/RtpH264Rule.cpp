@@ -15,7 +15,6 @@ namespace {
 const unsigned char START_CODE[] = {0, 0, 0, 1};
 constexpr uint32_t START_CODE_LEN = 4;
 constexpr int MAX_SINGLE_NAL = 23;
-constexpr uint8_t FU_START = 0x80;
 constexpr uint32_t FU_HEADER_LEN = 2;    // indicator and header
 constexpr uint32_t SLICE_TYPE_LEN = 3;   // bytes behind the NAL header in which the slice type is looked for
 constexpr uint32_t SLICE_HEAD_LEN = 64;  // more than a slice header needs up to field_pic_flag
@@ -54,7 +53,7 @@ FirstNal first_nal(const RtpHeader& packet) {
     }
     if (type == H264_NAL_FU_A) {
         const uint8_t header = payload.ReadU8();
-        type = (header & FU_START) != 0 ? h264_nal_type(header) : -1;
+        type = (header & H264_FU_START) != 0 ? h264_nal_type(header) : -1;
     }
     return {type, {payload.Rest(), static_cast<uint32_t>(payload.Remaining())}};
 }
@@ -204,11 +203,11 @@ void CRtpH264Rule::place_fu_a(RtpPacketNode& node) {
     const uint8_t header = payload.ReadU8();
     const int type = h264_nal_type(header);
     const RtpIov rest = {payload.Rest(), static_cast<uint32_t>(payload.Remaining())};
-    if ((header & FU_START) != 0) {
+    if ((header & H264_FU_START) != 0) {
         CByteWriter fixed(node.fixed, RtpPacketNode::FIXED_SIZE);
         fixed.WriteBytes(START_CODE, START_CODE_LEN);
         CByteReader inside = payload;
-        if (header == FU_START && node.raw_len > 5 && inside.ReadU24() == 0x000001) {
+        if (header == H264_FU_START && node.raw_len > 5 && inside.ReadU24() == 0x000001) {
             payload.Skip(3);  // a sender that fragments the byte stream itself: the fragment brings its start code
         } else {
             fixed.WriteU8(static_cast<uint8_t>((indicator & 0xE0) | type));

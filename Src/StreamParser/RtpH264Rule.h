@@ -16,7 +16,7 @@ class CRtpH264Rule final : public IRtpFrameRule {
 public:
     static constexpr uint32_t MAX_AGGREGATED = 128;  // NAL units in one STAP-A packet; one more makes the frame fail
 
-    explicit CRtpH264Rule(RtpFrameWork& work) : m_work(work) {}
+    using IRtpFrameRule::IRtpFrameRule;
     bool CanBegin(const RtpHeader& packet, bool joining) const override;
     bool OpensCleanly(const RtpHeader& packet) const override;
     int Make() override;
@@ -45,7 +45,6 @@ private:
     void take_parameter_set(const unsigned char* nal, uint32_t len);
     void take_facts();
 
-    RtpFrameWork& m_work;
     Found m_found;
     // The sequence parameter set of the configuration after so many changes.
     H264Sps m_sps;

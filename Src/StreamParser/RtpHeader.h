@@ -27,6 +27,10 @@ struct RtpHeader {
 // aren't 12 bytes. The version isn't looked at: devices are about that leave it 0.
 bool rtp_parse_header(const unsigned char* data, size_t len, RtpHeader& header);
 
+// The payload type of what may be an RTP packet, by its first two bytes; -1 if these aren't there or show another
+// version than 2.
+int rtp_peek_payload_type(const unsigned char* data, size_t len);
+
 }  // namespace Vidora
 }  // namespace Kavio
 

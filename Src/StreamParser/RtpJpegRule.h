@@ -13,7 +13,7 @@ namespace Vidora {
 // CRtpJpegRule: JPEG (RFC 2435). Scan data becomes a JFIF image, whose header is made anew.
 class CRtpJpegRule final : public IRtpFrameRule {
 public:
-    explicit CRtpJpegRule(RtpFrameWork& work) : m_work(work) {}
+    using IRtpFrameRule::IRtpFrameRule;
     bool CanBegin(const RtpHeader& packet, bool joining) const override;
     int Make() override;
 
@@ -24,7 +24,6 @@ private:
     bool read_tables(Ostra::CByteReader& payload, const Header& header);
     bool write_image_header(const Header& header);
 
-    RtpFrameWork& m_work;
     uint8_t m_q = 0;  // of the quantisation tables kept below, 0 for none
     uint8_t m_tables[2 * JPEG_TABLE_LEN] = {};
 };

@@ -9,7 +9,7 @@ namespace Vidora {
 // CRtpMpeg4Rule: MPEG-4 video (RFC 3016, now 6416). Payloads are the stream itself; key frames get a configuration.
 class CRtpMpeg4Rule final : public IRtpFrameRule {
 public:
-    explicit CRtpMpeg4Rule(RtpFrameWork& work) : m_work(work) {}
+    using IRtpFrameRule::IRtpFrameRule;
     bool CanBegin(const RtpHeader& packet, bool joining) const override;
     int Make() override;
     void Clear() override { m_found = Found(); }
@@ -25,7 +25,6 @@ private:
     void find_config(const RtpPacketNode& node);
     void find_picture(const RtpPacketNode& node);
 
-    RtpFrameWork& m_work;
     Found m_found;
 };
 

@@ -14,7 +14,7 @@ namespace Vidora {
 // last packet of each frame.
 class CRtpTsRule final : public IRtpFrameRule {
 public:
-    explicit CRtpTsRule(RtpFrameWork& work) : m_work(work) {}
+    using IRtpFrameRule::IRtpFrameRule;
     bool IsFramedByRtp() const override { return false; }
     bool CanBegin(const RtpHeader&, bool) const override { return true; }
     int Make() override;
@@ -23,7 +23,6 @@ public:
 private:
     int complete(int result);
 
-    RtpFrameWork& m_work;
     Ts2Frame m_ts2frame;
 };
 

@@ -10,7 +10,6 @@ namespace Vidora {
 
 namespace {
 
-constexpr uint8_t SYNC_BYTE = 0x47;  // "G"
 constexpr int PAT_PID = 0;
 constexpr int PAT_TABLE = 0;
 constexpr int PMT_TABLE = 2;
@@ -104,7 +103,7 @@ int read_media(TsDemuxState& state, CByteReader& payload) {
 bool ts_parse_packet(const unsigned char packet[TS_PACK_LEN], TsPacketInfo& info) {
     info = TsPacketInfo();
     CByteReader reader(packet, TS_PACK_LEN);
-    if (reader.ReadU8() != SYNC_BYTE) {
+    if (reader.ReadU8() != TS_SYNC_BYTE) {
         return false;
     }
     const uint16_t flags = reader.ReadU16();

@@ -7,6 +7,7 @@ namespace Kavio {
 namespace Vidora {
 
 constexpr int TS_PACK_LEN = 188;
+constexpr uint8_t TS_SYNC_BYTE = 0x47;
 // Room for one frame in the multiplexers and in the demultiplexer.
 constexpr uint32_t STREAM_BUFFER_LEN = 0x80000;
 constexpr int TS_MAX_TRACKS = 2;

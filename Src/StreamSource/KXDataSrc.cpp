@@ -52,7 +52,7 @@ void CKXDataSrc::SetConfig(const CRtspSvrConfig& config) {
 }
 
 int CKXDataSrc::Init(long notify_id, int ext) {
-    if (!m_notify_list.Add(notify_id)) {
+    if (!add_notify(notify_id)) {
         return -1;
     }
     CKXDataReceiver* recvr = new (std::nothrow) CKXDataReceiver;
@@ -73,18 +73,6 @@ int CKXDataSrc::Init(long notify_id, int ext) {
         return -1;
     }
     return 0;
-}
-
-void CKXDataSrc::AddNotify(long notify_id) {
-    m_notify_list.Add(notify_id);
-}
-
-void CKXDataSrc::DelNotify(long notify_id) {
-    m_notify_list.Remove(notify_id);
-}
-
-void CKXDataSrc::notify_all(unsigned int msg) {
-    m_notify_list.ForEach([this, msg](long id) { Notify(id, msg, 0); });
 }
 
 int CKXDataSrc::handle_message(long, unsigned int msg, long) {

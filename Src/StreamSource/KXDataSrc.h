@@ -4,10 +4,9 @@
 #include <atomic>
 #include <memory>
 
-#include "StreamSource/IdList.h"
 #include "StreamSource/KXDataReceiver.h"
 #include "StreamSource/KXDescription.h"
-#include "Vidora/DataSource.h"
+#include "StreamSource/NotifyingSource.h"
 #include "Vidora/RtspSvrConfig.h"
 #include "Vidora/StreamSource.h"
 
@@ -22,15 +21,13 @@ class CSourceJob;
 // THREADING  Any thread. The locks are never nested and held over no call into the receiver, whose end waits for
 //            the calls that are inside. The SDP is built, and the source ended, in jobs of the source's gate: one at a
 //            time, and beside no Start or Stop of a channel.
-class CKXDataSrc : public CDataSource {
+class CKXDataSrc : public CNotifyingSource {
 public:
     // `content`: at most 255 characters are kept.
     explicit CKXDataSrc(const char* content);
 
     void SetConfig(const CRtspSvrConfig& config) override;
     int Init(long notify_id, int ext) override;
-    void AddNotify(long notify_id) override;
-    void DelNotify(long notify_id) override;
     int Play(const UtcTime& start, const UtcTime& end, float speed, bool is_scale) override;
     int Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale) override;
     int Pause() override;
@@ -63,7 +60,6 @@ private:
 
     ~CKXDataSrc() override;
 
-    void notify_all(unsigned int msg);
     int find_track(int track_id);
     void run(const std::shared_ptr<CSourceJob>& job);
     void describe();
@@ -87,8 +83,6 @@ private:
 
     CMutex m_sdp_mutex;
     std::unique_ptr<CKXDescription> m_description VIDORA_GUARDED_BY(m_sdp_mutex);  // null without an SDP
-
-    CNotifyList m_notify_list;
 };
 
 }  // namespace Vidora

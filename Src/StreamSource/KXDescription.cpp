@@ -1,5 +1,6 @@
 #include "StreamSource/KXDescription.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -63,20 +64,34 @@ unsigned int put_hex(char* text, unsigned int size, const char* bytes, unsigned 
     return length;
 }
 
+// What the log says of a codec's configuration.
+struct InfoTexts {
+    const char* missing;
+    const char* cut;
+};
+
+const InfoTexts H264_INFO_TEXTS = {"%s:%d H264 get video specific info faile\n",
+                                   "%s:%d sps pps info half-baked, info_len:%d buf_len:%d\n"};
+const InfoTexts MPEG4_INFO_TEXTS = {"%s:%d MPEG4 get video specific info faile\n",
+                                    "%s:%d vos info half-baked, info_len:%d buf_len:%d\n"};
+
+// The bytes of the configuration that `info` has room for; 0 if there is none.
+unsigned int read_info(CKXDataReceiver& receiver, char* info, int size, const InfoTexts& texts) {
+    const int length = receiver.GetVideoSpecificInfo(info, size);
+    if (length <= 0) {
+        logError(texts.missing, __FILE__, __LINE__);
+        return 0;
+    }
+    if (length > size) {
+        logWarn(texts.cut, __FILE__, __LINE__, length, size);
+    }
+    return static_cast<unsigned int>(std::min(length, size));
+}
+
 // RFC 6184 8.1: both parameter sets out of the codec configuration.
 int make_h264_fmtp(CKXDataReceiver& receiver, char* fmtp, unsigned int size) {
     char info[H264_INFO_SIZE];
-    int info_len = receiver.GetVideoSpecificInfo(info, H264_INFO_SIZE);
-    if (info_len <= 0) {
-        logError("%s:%d H264 get video specific info faile\n", __FILE__, __LINE__);
-        return -1;
-    }
-    if (info_len > H264_INFO_SIZE) {
-        logWarn("%s:%d sps pps info half-baked, info_len:%d buf_len:%d\n", __FILE__, __LINE__, info_len,
-                H264_INFO_SIZE);
-        info_len = H264_INFO_SIZE;
-    }
-    const unsigned int length = static_cast<unsigned int>(info_len);
+    const unsigned int length = read_info(receiver, info, H264_INFO_SIZE, H264_INFO_TEXTS);
     if (length < START_CODE_SIZE || std::memcmp(info, START_CODE, START_CODE_SIZE) != 0) {
         return -1;
     }
@@ -103,16 +118,11 @@ int make_h264_fmtp(CKXDataReceiver& receiver, char* fmtp, unsigned int size) {
 // them so.
 int make_mpeg4_fmtp(CKXDataReceiver& receiver, char* fmtp, unsigned int size) {
     char info[MPEG4_INFO_SIZE];
-    int info_len = receiver.GetVideoSpecificInfo(info, MPEG4_INFO_SIZE);
-    if (info_len <= 0) {
-        logError("%s:%d MPEG4 get video specific info faile\n", __FILE__, __LINE__);
+    const unsigned int length = read_info(receiver, info, MPEG4_INFO_SIZE, MPEG4_INFO_TEXTS);
+    if (length == 0) {
         return -1;
     }
-    if (info_len > MPEG4_INFO_SIZE) {
-        logWarn("%s:%d vos info half-baked, info_len:%d buf_len:%d\n", __FILE__, __LINE__, info_len, MPEG4_INFO_SIZE);
-        info_len = MPEG4_INFO_SIZE;
-    }
-    put_hex(fmtp, size < MPEG4_FMTP_SIZE ? size : MPEG4_FMTP_SIZE, info, static_cast<unsigned int>(info_len));
+    put_hex(fmtp, size < MPEG4_FMTP_SIZE ? size : MPEG4_FMTP_SIZE, info, length);
     return 0;
 }
 

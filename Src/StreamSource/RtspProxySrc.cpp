@@ -60,18 +60,6 @@ int CRtspProxySrc::Init(long notify_id, int) {
     return 0;
 }
 
-void CRtspProxySrc::AddNotify(long notify_id) {
-    m_notify_list.Add(notify_id);
-}
-
-void CRtspProxySrc::DelNotify(long notify_id) {
-    m_notify_list.Remove(notify_id);
-}
-
-void CRtspProxySrc::notify_all(unsigned int msg) {
-    m_notify_list.ForEach([this, msg](long id) { Notify(id, msg, 0); });
-}
-
 // A channel plays at once, before the server has answered: that is made up for.
 int CRtspProxySrc::play(const client_play& wish) {
     CGuard guard(m_mutex);

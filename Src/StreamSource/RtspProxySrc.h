@@ -4,9 +4,8 @@
 #include <string>
 
 #include "RtspClient/RtspClient.h"
-#include "StreamSource/IdList.h"
+#include "StreamSource/NotifyingSource.h"
 #include "StreamSource/ProxyRelay.h"
-#include "Vidora/DataSource.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -21,14 +20,12 @@ namespace Vidora {
 // THREADING  Any thread. m_mutex keeps the engine while it is called, which answers at once; above the engine's locks.
 // OWNERSHIP  The engine feeds m_input, and the relay takes that on. Both live until the engine has gone, which is when
 //            the source, closed before, ends.
-class CRtspProxySrc final : public CDataSource {
+class CRtspProxySrc final : public CNotifyingSource {
 public:
     // `url`: of the other server, at most 255 characters; null gives a source whose Init fails.
     explicit CRtspProxySrc(const char* url);
 
     int Init(long notify_id, int ext) override;
-    void AddNotify(long notify_id) override;
-    void DelNotify(long notify_id) override;
     int Play(const UtcTime& start, const UtcTime& end, float speed, bool is_scale) override;
     int Play(uint64_t start_us, uint64_t end_us, float speed, bool is_scale) override;
     int Pause() override;
@@ -53,7 +50,6 @@ private:
     ~CRtspProxySrc() override;
 
     int play(const client_play& wish);
-    void notify_all(unsigned int msg);
     void finish();
     bool find_track(int track_id, client_track_facts& facts, reception_stats_t& stats);
 
@@ -68,8 +64,6 @@ private:
     bool m_ready VIDORA_GUARDED_BY(m_mutex) = false;       // the tracks are set up
     bool m_wants_play VIDORA_GUARDED_BY(m_mutex) = false;  // Play came before that
     client_play m_wish VIDORA_GUARDED_BY(m_mutex);
-
-    CNotifyList m_notify_list;
 };
 
 }  // namespace Vidora

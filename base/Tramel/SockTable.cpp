@@ -244,30 +244,26 @@ void CSockTable::OnDeadline(const std::shared_ptr<CHandlerCore>& core, int fd, u
     }
 }
 
-CSockTable::CDelivery CSockTable::Begin(const CHandlerCore* core, int fd, uint64_t serial) {
+// What `look` returns for the watch; nothing to call without one.
+template <typename Look>
+CSockTable::CDelivery CSockTable::with_watch(const CHandlerCore* core, int fd, uint64_t serial, Look look) {
     CShard& shard = shard_of(fd);
     Ostra::CGuard guard(shard.mutex);
-    CDelivery delivery;
     CWatch* watch = find_watch_locked(shard, core, fd, serial);
-    if (watch != nullptr) {
-        delivery.events = watch->pending;
-        delivery.timeouts = watch->timed_out;
-        watch->timed_out = 0;
-        watch->queued = false;
-    }
-    return delivery;
+    return watch != nullptr ? look(*watch) : CDelivery{};
+}
+
+CSockTable::CDelivery CSockTable::Begin(const CHandlerCore* core, int fd, uint64_t serial) {
+    return with_watch(core, fd, serial, [](CWatch& watch) {
+        const CDelivery delivery = {watch.pending, watch.timed_out};
+        watch.timed_out = 0;
+        watch.queued = false;
+        return delivery;
+    });
 }
 
 CSockTable::CDelivery CSockTable::Still(const CHandlerCore* core, int fd, uint64_t serial) {
-    CShard& shard = shard_of(fd);
-    Ostra::CGuard guard(shard.mutex);
-    CDelivery delivery;
-    CWatch* watch = find_watch_locked(shard, core, fd, serial);
-    if (watch != nullptr) {
-        delivery.events = watch->pending;
-        delivery.timeouts = watch->mask;
-    }
-    return delivery;
+    return with_watch(core, fd, serial, [](const CWatch& watch) { return CDelivery{watch.pending, watch.mask}; });
 }
 
 void CSockTable::End(const CHandlerCore* core, int fd, uint64_t serial, unsigned int events) {

@@ -58,8 +58,8 @@ public:
     // The deadline of a watch has come: queues the time-outs that are really due and sets the next deadline.
     void OnDeadline(const std::shared_ptr<CHandlerCore>& core, int fd, uint64_t serial, uint64_t now);
 
-    // A core delivers: Begin gives what to call, Still what of it stands after a callback, and End closes the delivery
-    // of `events` and arms the poller again.
+    // A core delivers: Begin returns what to call, Still what of it is left after a callback, and End closes the
+    // delivery of `events` and arms the poller again.
     CDelivery Begin(const CHandlerCore* core, int fd, uint64_t serial);
     CDelivery Still(const CHandlerCore* core, int fd, uint64_t serial);
     void End(const CHandlerCore* core, int fd, uint64_t serial, unsigned int events);
@@ -106,6 +106,8 @@ private:
     CEntry* find_or_make_locked(CShard& shard, int fd) VIDORA_REQUIRES(shard.mutex);
     CWatch* find_watch_locked(CShard& shard, const CHandlerCore* core, int fd, uint64_t serial)
         VIDORA_REQUIRES(shard.mutex);
+    template <typename Look>
+    CDelivery with_watch(const CHandlerCore* core, int fd, uint64_t serial, Look look);
     CWatch* find_or_add_watch_locked(CShard& shard, const std::shared_ptr<CHandlerCore>& core, int fd)
         VIDORA_REQUIRES(shard.mutex);
     int set_timeout(CWatch& watch, int fd, uint64_t timeout, uint64_t now);

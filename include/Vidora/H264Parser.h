@@ -16,9 +16,14 @@ enum h264_nal_t {
     H264_NAL_SEI = 6,
     H264_NAL_SPS = 7,
     H264_NAL_PPS = 8,
+    H264_NAL_DELIMITER = 9,
     H264_NAL_STAP_A = 24,
     H264_NAL_FU_A = 28
 };
+
+// In the second byte of a FU-A packet (RFC 6184 5.8): it holds the first or the last fragment of its NAL unit.
+constexpr unsigned char H264_FU_START = 0x80;
+constexpr unsigned char H264_FU_END = 0x40;
 
 // The type of a NAL unit, from its first byte.
 inline int h264_nal_type(unsigned char header) {

@@ -21,8 +21,8 @@ public:
     // Bytes of the platform's address structure; 0 if invalid.
     virtual int GetAddrLen() const = 0;
     virtual bool IsValid() const = 0;
-    // Takes a platform address of `length` bytes, for instance one that accept() gave. 0, or -1 for a short length or a
-    // family that this class doesn't hold (the address is then invalid).
+    // Takes a platform address of `length` bytes, for instance one that accept() returned. 0, or -1 for a short length
+    // or a family that this class doesn't hold (the address is then invalid).
     virtual int SetSockAddr(const struct sockaddr* addr, unsigned int length) = 0;
 
     // The family: a sock_addr_type_t.
@@ -36,48 +36,50 @@ protected:
     int m_type;
 };
 
-// CSockAddrIPv4: an IPv4 address. An IPv4-mapped IPv6 text (RFC 4291 2.5.5.2) is accepted and printed plain.
-class VIDORA_API CSockAddrIPv4 : public CSockAddr {
+// CSockAddrFamily: an address of one family, which is constant.
+class VIDORA_API CSockAddrFamily : public CSockAddr {
 public:
-    CSockAddrIPv4();
-    CSockAddrIPv4(const char* ip, unsigned short port);
     int GetAddr(struct sockaddr* addr) const override;
     int GetAddrLen() const override;
     bool IsValid() const override { return m_valid; }
-    // An IPv4-mapped IPv6 address is taken as well.
+    // An address of the other family is accepted where this one has a form for it: an IPv4-mapped one as IPv4, an IPv4
+    // one as mapped.
     int SetSockAddr(const struct sockaddr* addr, unsigned int length) override;
 
-    // Sets the address from dotted text; null or empty means the wildcard. 0, or -1 (the address is then invalid).
+    // Sets the address from text; null or empty means the wildcard. 0, or -1 (the address is then invalid).
     int SetAddr(const char* ip, unsigned short port);
     unsigned short GetPort() const;
-    // Canonical text into `buf` of `size` bytes; gives `buf`, which is empty if invalid or too short.
+    // Canonical text into `buf` of `size` bytes; returns `buf`, which is empty if invalid or too short.
     char* GetIpStr(char* buf, unsigned int size) const;
 
+protected:
+    explicit CSockAddrFamily(sock_addr_type_t type) : CSockAddr(type), m_addr() {}
+
 private:
-    sockaddr_in m_addr;
+    union CNative {
+        sockaddr_in6 ipv6;
+        sockaddr_in ipv4;  // its port lies where that of ipv6 does
+        struct sockaddr any;
+    };
+
+    CNative m_addr;
     bool m_valid = false;
 };
 
-// CSockAddrIPv6: an IPv6 address, its text without brackets in the canonical form of RFC 5952.
-class VIDORA_API CSockAddrIPv6 : public CSockAddr {
+// CSockAddrIPv4: an IPv4 address in dotted text. An IPv4-mapped IPv6 text (RFC 4291 2.5.5.2) is accepted and printed
+// plain.
+class VIDORA_API CSockAddrIPv4 : public CSockAddrFamily {
 public:
-    CSockAddrIPv6();
-    CSockAddrIPv6(const char* ip, unsigned short port);
-    int GetAddr(struct sockaddr* addr) const override;
-    int GetAddrLen() const override;
-    bool IsValid() const override { return m_valid; }
-    // An IPv4 address is taken in its mapped form.
-    int SetSockAddr(const struct sockaddr* addr, unsigned int length) override;
+    CSockAddrIPv4() : CSockAddrFamily(SOCK_ADDR_IPV4) {}
+    CSockAddrIPv4(const char* ip, unsigned short port) : CSockAddrIPv4() { SetAddr(ip, port); }
+};
 
-    // Sets the address from text, with or without brackets and a %scope; null or empty means the wildcard. 0, or -1
-    // (the address is then invalid).
-    int SetAddr(const char* ip, unsigned short port);
-    unsigned short GetPort() const;
-    char* GetIpStr(char* buf, unsigned int size) const;
-
-private:
-    sockaddr_in6 m_addr;
-    bool m_valid = false;
+// CSockAddrIPv6: an IPv6 address, its text in the canonical form of RFC 5952 without brackets. SetAddr takes it with or
+// without brackets and a %scope.
+class VIDORA_API CSockAddrIPv6 : public CSockAddrFamily {
+public:
+    CSockAddrIPv6() : CSockAddrFamily(SOCK_ADDR_IPV6) {}
+    CSockAddrIPv6(const char* ip, unsigned short port) : CSockAddrIPv6() { SetAddr(ip, port); }
 };
 
 // CSockAddrStorage: holds an address of either family.
@@ -104,8 +106,8 @@ public:
     int SetIp(const char* ip);
     void SetPort(unsigned short port);
     unsigned short GetPort() const;
-    // Canonical text of the address without its scope, an IPv4-mapped one as plain IPv4. Gives `buf`, which is empty if
-    // the address is invalid or `size` too small.
+    // Canonical text of the address without its scope, an IPv4-mapped one as plain IPv4. Returns `buf`, which is empty
+    // if the address is invalid or `size` too small.
     char* GetIpStr(char* buf, unsigned int size) const;
 
     // 1 for IPv4, an IPv4-mapped IPv6 address included; 2 for IPv6; 0 if invalid.
