@@ -24,7 +24,6 @@ public:
     // As the operations of CSvrSessionManager.
     virtual void SetLiveSvr(CLiveSvr* live_svr) = 0;
     virtual void SetConfig(const CRtspSvrConfig& config) = 0;
-    virtual void set_ip_type(int ip_type) = 0;
     // Takes `sock` over, also on failure, with the `len` bytes at `buf` that were read from it: a whole request head,
     // and what came behind it. `deadline_us`, of CTime::getCurrentMicroSecond: until then it may wait for its other
     // half. 0, or -1 if the connection was refused.

@@ -96,13 +96,13 @@ void CMachineKeeper::put_asyn_msg(uint32_t msg, uint64_t id) {
     }
 }
 
-int CMachineKeeper::hold() {
-    return m_machine != nullptr ? m_machine->keep(1) : -1;
+bool CMachineKeeper::hold() {
+    return m_machine != nullptr && m_machine->hold();
 }
 
 void CMachineKeeper::release() {
     if (m_machine != nullptr) {
-        m_machine->keep(2);
+        m_machine->release();
     }
 }
 
@@ -111,14 +111,14 @@ bool CMachineKeeper::forget_events() {
 }
 
 CMachineGuard::CMachineGuard(CMachineKeeper* machine_keeper) {
-    if (OSTRA_ASSERT(machine_keeper) && machine_keeper->hold() == 0) {
+    if (OSTRA_ASSERT(machine_keeper) && machine_keeper->hold()) {
         m_machine = machine_keeper->m_machine;
     }
 }
 
 CMachineGuard::~CMachineGuard() {
     if (m_machine != nullptr) {
-        m_machine->keep(2);
+        m_machine->release();
     }
 }
 

@@ -53,9 +53,9 @@ public:
     // Posts an asynchronous message. From the first one on no message or reply gets into the machine.
     void put_asyn_msg(uint32_t msg, uint64_t id);
 
-    // Keeps asynchronous messages from running until release, which runs them. 0, or -1 if one came already: then there
+    // Keeps asynchronous messages from running until release, which runs them. False if one came already: then there
     // is nothing to release. Used through CMachineGuard.
-    int hold();
+    bool hold();
     void release();
 
     // Gives the memory of past events back, for a conversation that will be quiet for seconds. False, with nothing

@@ -13,7 +13,8 @@ namespace Vidora {
 
 namespace {
 const size_t PAGE = 4096;
-const int MIN_INTERLEAVED_FRAME = 5;
+// An empty frame is taken together with the first byte behind it.
+const int MIN_INTERLEAVED_FRAME = Tramel::INTERLEAVE_HEADER_SIZE + 1;
 }  // namespace
 
 void CRequestBuffer::SetSpace(void* space) {

@@ -59,7 +59,6 @@ CRtspSvr* CRtspSvr::Create(CSockAddrStorage& listen_addr) {
         svr->Close();
         return nullptr;
     }
-    svr->m_internal->m_manager->set_ip_type(listen_addr.GetRealType() == 1 ? 1 : 2);
     if (svr->RegisterSock(acceptor, Tramel::SOCK_EVENT_READ, 0) < 0) {
         logError("%s:%d open listen socket error %s\n", __FILE__, __LINE__, "no thread pool");
         acceptor.Close();  // the object goes with the next pool, and the address mustn't be taken until then

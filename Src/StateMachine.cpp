@@ -17,6 +17,8 @@ const uint64_t SPARE_EVENT_ID = 0x2011;
 const uint64_t END_EVENT_ID = 0x2010;
 const int NO_STATE = 4;  // stands in m_next_state only
 const int STATUS_OK = 200;
+const int LAST_SUCCESS = 299;
+const int FIRST_REFUSAL = 400;
 
 typedef int (IState::*state_slot_t)(const StateEvent&);
 
@@ -290,7 +292,7 @@ int CStateMachine::process_rx_msg_event(StateEvent& event) {
         if (event.status <= STATUS_OK && m_next_state != NO_STATE) {
             set_state(m_next_state);
         } else {
-            return event.status >= 400 ? logWarn("%s:%d status:%d\n", __FILE__, __LINE__, event.status) : -1;
+            return event.status >= FIRST_REFUSAL ? logWarn("%s:%d status:%d\n", __FILE__, __LINE__, event.status) : -1;
         }
     }
     set_wait_id(event.id);
@@ -326,7 +328,7 @@ int CStateMachine::process_tx_msg_event(StateEvent& event) {
     if (event.size < STATE_EVENT_TEXT_OFFSET) {
         return -1;
     }
-    if (event.status >= 1 && event.status <= 299 && m_next_state != NO_STATE) {
+    if (event.status > 0 && event.status <= LAST_SUCCESS && m_next_state != NO_STATE) {
         set_state(m_next_state);
     }
     set_wait_id(0);
@@ -381,26 +383,28 @@ void CStateMachine::destroy() {
     }
 }
 
-int CStateMachine::keep(int operation) {
+bool CStateMachine::hold() {
+    const CGuard guard(m_mutex);
+    if (m_asyn_mask != 0) {
+        return false;
+    }
+    ++m_hold_count;
+    return true;
+}
+
+void CStateMachine::release() {
     StateEvent* event = nullptr;
     {
         const CGuard guard(m_mutex);
-        if (operation == 1) {
-            if (m_asyn_mask != 0) {
-                return -1;
-            }
-            ++m_hold_count;
-            return 0;
-        }
         --m_hold_count;
         if (m_hold_count != 0 || m_busy || m_asyn_list.Empty()) {
-            return 0;
+            return;
         }
         logDebug("tracepoint: %s, %d.\n", __FILE__, __LINE__);
         set_busy_locked();
         event = pop_asyn_locked();
     }
-    return execute(event);
+    execute(event);
 }
 
 bool CStateMachine::forget_events() {

@@ -68,11 +68,12 @@ public:
     // the machine ends when the operation and the hold are over.
     void destroy();
 
-    // Operation 1 holds asynchronous messages back: 0, or -1 if one came already. Operation 2 ends one hold and runs
-    // what came meanwhile: 0. The machine may be gone then.
-    int keep(int operation);
+    // Holds asynchronous messages back. False if one came already.
+    bool hold();
+    // Ends one hold and runs what came meanwhile. The machine may be gone then.
+    void release();
 
-    // Gives the memory of the events back. False, with nothing done, if one is in flight or a reply is awaited.
+    // Releases the memory of the events. False, with nothing done, if one is in flight or a reply is awaited.
     bool forget_events();
 
 private:

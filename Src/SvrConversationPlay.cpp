@@ -14,20 +14,19 @@ namespace Vidora {
 
 namespace {
 
-const uint64_t NOT_GIVEN = ~uint64_t{0};
 const double US_PER_SECOND = 1000000.0;
 const double MAX_NPT_SECONDS = 1e12;  // beyond any recording; its microseconds fit 64 bits
 
 // Seconds of a Range header as microseconds; below 0 is "not given".
 uint64_t npt_to_us(double seconds) {
     if (!(seconds >= 0)) {
-        return NOT_GIVEN;
+        return TIME_NOT_GIVEN;
     }
     return static_cast<uint64_t>((seconds < MAX_NPT_SECONDS ? seconds : MAX_NPT_SECONDS) * US_PER_SECOND);
 }
 
 double us_to_npt(uint64_t us) {
-    return us == NOT_GIVEN ? NPT_NOT_GIVEN : static_cast<double>(us) / US_PER_SECOND;
+    return us == TIME_NOT_GIVEN ? NPT_NOT_GIVEN : static_cast<double>(us) / US_PER_SECOND;
 }
 
 // A source plays backwards from its later time to its earlier one.
@@ -215,8 +214,8 @@ const char* CSvrConversation::generate_play_reply(const rtp_info_entry* entries,
         }
         return m_codec.generate_play_reply_clock(entries, count, &begin, &end);
     }
-    uint64_t begin = NOT_GIVEN;
-    uint64_t end = NOT_GIVEN;
+    uint64_t begin = TIME_NOT_GIVEN;
+    uint64_t end = TIME_NOT_GIVEN;
     m_source.GetPlayRange(begin, end);
     if (is_turned) {
         std::swap(begin, end);

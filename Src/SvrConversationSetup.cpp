@@ -147,7 +147,7 @@ int CSvrConversation::on_setup(const StateEvent& event) {
     }
     transport_info transport = *m_codec.get_transport();
     transport.timeout = m_config.GetKeepAliveTimeout();
-    m_packet_type = static_cast<packet_type_t>(transport.packet_kx);
+    m_packet_type = transport.packet_type;
     if (m_packet_type == PACKET_TYPE_KX) {
         m_reports.Forbid();
     }
@@ -195,7 +195,7 @@ int CSvrConversation::setup_track(CTrack& track, transport_info& transport) {
 // A way for what the client wants; null if there is none.
 IMediaRoute* CSvrConversation::find_route(const transport_info& transport) {
     const bool over_udp = transport.transport == RTP_OVER_UDP;
-    if (transport.multicast != 0 ? !over_udp : m_sdp_result == SDP_MULTICAST) {
+    if (transport.multicast ? !over_udp : m_sdp_result == SDP_MULTICAST) {
         return nullptr;
     }
     const bool by_channel = m_sdp_result == SDP_MULTICAST;

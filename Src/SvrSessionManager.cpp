@@ -118,13 +118,6 @@ void CSvrSessionManager::SetConfig(const CRtspSvrConfig& config) {
     }
 }
 
-void CSvrSessionManager::set_ip_type(int ip_type) {
-    CGuard guard(m_mutex);
-    if (m_http_manager != nullptr) {
-        m_http_manager->set_ip_type(ip_type);
-    }
-}
-
 int CSvrSessionManager::add_connection(CSockStream* sock) {
     std::unique_ptr<CSockStream> owned(sock);
     CGuard guard(m_mutex);

@@ -37,7 +37,7 @@ CSockAddrStorage canonical_address(const CSockAddrStorage& addr) {
 }  // namespace
 
 std::unique_ptr<IMediaRoute> CUdpRoute::Create(const CSockAddrStorage& peer, const RouteWish& wish) {
-    const bool to_group = wish.transport.multicast != 0;
+    const bool to_group = wish.transport.multicast;
     const CSockAddrStorage remote = to_group ? numeric_address(wish.group.addr) : canonical_address(peer);
     // Only a group: an address of the client's choice would let it aim the stream at somebody else. RFC 2326 16.
     if (to_group && !remote.IsMulticast()) {
@@ -64,7 +64,7 @@ std::unique_ptr<IMediaRoute> CUdpRoute::Create(const CSockAddrStorage& peer, con
 
 int CUdpRoute::SetUp(const CTrack& /*track*/, int channel, transport_info& transport) {
     int port = 0;
-    if ((transport.multicast != 0) != m_to_group) {
+    if (transport.multicast != m_to_group) {
         return RTSP_STATUS_UNSUPPORTED_TRANSPORT;  // all tracks go to one place
     }
     if (transport.rtp_port < 1 || transport.rtp_port > MAX_RTP_PORT || channel < 0 || channel > MAX_ROUTE_CHANNEL ||

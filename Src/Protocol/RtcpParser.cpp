@@ -121,7 +121,7 @@ bool CRtcpParser::ParseData(const unsigned char* buffer, const unsigned int* len
             logWarn("%s:%d:%s invalid compound rule!\n", __FILE__, __LINE__, __func__);
             break;
         }
-        const size_t payload_size = size_t{common.length} * 4;
+        const size_t payload_size = size_t{common.length} * RTCP_WORD_LEN;
         const uint8_t* payload = reader.ReadBytes(payload_size);
         if (payload == nullptr) {
             logWarn("%s:%d:%s rtcp packet length error, expect:%lu, actual:%lu!\n", __FILE__, __LINE__, __func__,
@@ -173,7 +173,7 @@ int read_reports(CByteReader& reader, int count, rtcp_report** list) {
         rtcp_report block = {};
         block.ssrc = reader.ReadU32();
         block.fraction = reader.ReadU8();
-        block.lost = reader.ReadU24() & 0xffffff;
+        block.lost = reader.ReadU24() & RTCP_LOST_MASK;
         block.highest_seq = reader.ReadU32();
         block.jitter = reader.ReadU32();
         block.last_sr = reader.ReadU32();
@@ -269,7 +269,7 @@ int CRtcpParser::parse_sdes_pack(rtcp_pack* pack) {
         if (read_items(reader, &chunk->items) < 0) {
             break;
         }
-        reader.Seek((reader.Offset() + 3) / 4 * 4);
+        reader.Seek((reader.Offset() + RTCP_WORD_LEN - 1) / RTCP_WORD_LEN * RTCP_WORD_LEN);
     }
     return 0;
 }

@@ -47,14 +47,12 @@ public:
     // Empties the table and all that was set to be sent.
     void reset();
 
-    // What the next reports say. Three numbers, null does nothing: fraction lost, cumulative lost, extended highest
-    // sequence number: for the first block of the next RR.
-    void set_report_info(const int* info);
+    // For the first block of the next RR.
+    void set_report_info(const rtcp_loss_info& info);
     // For the next SR: the sender's packets and octets so far, and its RTP time stamp now.
     void set_sender_info(uint32_t packets, uint32_t octets, uint32_t timestamp);
-    // Appends a report block about `ssrc` with the three numbers of set_report_info. 0, or -1 for null, without memory,
-    // or when there are 31 already.
-    int add_report_block(unsigned int ssrc, const int* info);
+    // Appends a report block about `ssrc`. 0, or -1 without memory or when there are 31 already.
+    int add_report_block(unsigned int ssrc, const rtcp_loss_info& info);
     // Makes `block` the only one of the next reports, as it stands; null: they have none. 0, or -1 without memory.
     int set_report_block(const rtcp_report* block);
     // Sets the BYE of the own SSRC and `count` others, 0 to 31, with a reason of 0 to 254 bytes or null. A packet names
@@ -117,7 +115,7 @@ private:
     free_func_t m_free_funcs[MAX_PACKETS];
     rtcp_pack m_packets[MAX_PACKETS];
     int m_packet_count;
-    int m_report_info[3];
+    rtcp_loss_info m_report_info;
     struct SenderInfo {
         uint32_t packets;
         uint32_t octets;

@@ -9,15 +9,15 @@ namespace Vidora {
 
 namespace {
 
-const uint8_t VERSION_FLAGS = 0x80;          // version 2, no padding
-const size_t MAX_PACKET_SIZE = 0x10000 * 4;  // what the length field can say
-const uint8_t SDES_CNAME = 1;                // RFC 3550 6.5.1
+const uint8_t VERSION_FLAGS = 0x80;                      // version 2, no padding
+const size_t MAX_PACKET_SIZE = 0x10000 * RTCP_WORD_LEN;  // what the length field can say
+const uint8_t SDES_CNAME = 1;                            // RFC 3550 6.5.1
 const char DEFAULT_CNAME[] = "Private";
 
-void apply_info(rtcp_report& block, const int (&info)[3]) {
-    block.fraction = static_cast<unsigned int>(info[0]) & 0xff;
-    block.lost = static_cast<unsigned int>(info[1]) & 0xffffff;
-    block.highest_seq = static_cast<uint32_t>(info[2]);
+void apply_info(rtcp_report& block, const rtcp_loss_info& info) {
+    block.fraction = info.fraction & RTCP_FRACTION_MASK;
+    block.lost = info.lost & RTCP_LOST_MASK;
+    block.highest_seq = info.highest_seq;
 }
 
 int count_reports(const rtcp_report* list) {
@@ -72,22 +72,20 @@ void CRtcpParser::reset() {
     delete m_bye;
     m_sdes = nullptr;
     m_bye = nullptr;
-    std::memset(m_report_info, 0, sizeof(m_report_info));
+    m_report_info = {};
     m_sender_info = {};
 }
 
-void CRtcpParser::set_report_info(const int* info) {
-    if (info != nullptr) {
-        std::memcpy(m_report_info, info, sizeof(m_report_info));
-    }
+void CRtcpParser::set_report_info(const rtcp_loss_info& info) {
+    m_report_info = info;
 }
 
 void CRtcpParser::set_sender_info(uint32_t packets, uint32_t octets, uint32_t timestamp) {
     m_sender_info = {packets, octets, timestamp};
 }
 
-int CRtcpParser::add_report_block(unsigned int ssrc, const int* info) {
-    if (info == nullptr || count_reports(m_report_list) >= MAX_COUNT) {
+int CRtcpParser::add_report_block(unsigned int ssrc, const rtcp_loss_info& info) {
+    if (count_reports(m_report_list) >= MAX_COUNT) {
         return -1;
     }
     rtcp_report* block = new (std::nothrow) rtcp_report();
@@ -95,7 +93,7 @@ int CRtcpParser::add_report_block(unsigned int ssrc, const int* info) {
         return -1;
     }
     block->ssrc = ssrc;
-    apply_info(*block, {info[0], info[1], info[2]});
+    apply_info(*block, info);
     rtcp_report** place = &m_report_list;
     while (*place != nullptr) {
         place = &(*place)->next;
@@ -308,8 +306,8 @@ size_t begin_packet(CByteWriter& writer, int pt, int count) {
 
 // Pads to a 32-bit boundary and fills the length in: 32-bit words without the first one.
 void end_packet(CByteWriter& writer, size_t start) {
-    writer.Fill(0, (4 - (writer.Offset() - start) % 4) % 4);
-    writer.PatchU16(start + 2, static_cast<uint16_t>((writer.Offset() - start) / 4 - 1));
+    writer.Fill(0, (RTCP_WORD_LEN - (writer.Offset() - start) % RTCP_WORD_LEN) % RTCP_WORD_LEN);
+    writer.PatchU16(start + 2, static_cast<uint16_t>((writer.Offset() - start) / RTCP_WORD_LEN - 1));
 }
 
 void write_reports(CByteWriter& writer, const rtcp_report* list) {

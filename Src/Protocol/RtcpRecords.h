@@ -76,6 +76,17 @@ struct rtcp_pack {
     };
 };
 
+// What a report block without times says of a source (RFC 3550 6.4.1). The low 8 and 24 bits of the first two are sent.
+struct rtcp_loss_info {
+    uint32_t fraction;     // since the last report
+    uint32_t lost;         // in all
+    uint32_t highest_seq;  // extended
+};
+
+const unsigned int RTCP_FRACTION_MASK = 0xff;
+const unsigned int RTCP_LOST_MASK = 0xffffff;
+const unsigned int RTCP_WORD_LEN = 4;  // the unit of lengths
+
 // The count of a packet: of its report blocks, SDES chunks or BYE sources.
 const unsigned int RTCP_COUNT_MASK = 0x1f;
 inline int RtcpCount(const rtcp_pack& pack) {

@@ -8,6 +8,8 @@
 
 #include <cstdint>
 
+#include "Vidora/Types.h"
+
 namespace Kavio {
 namespace Vidora {
 
@@ -21,11 +23,11 @@ const double NPT_NOT_GIVEN = -1.0;  // an end of a range in seconds that isn't t
 
 // A Transport header (RFC 2326 12.39), for reading and for generating.
 struct transport_info {
-    char url[1024];        // control URL of the track
-    uint32_t ssrc;         // 0 if none
-    int packet_kx;         // 1 for the private framed stream ("KX"), 0 for RTP
-    int transport;         // rtp_protocol_t: 0 interleaved in the control connection, 1 UDP
-    uint8_t multicast;     // 1 for multicast
+    char url[1024];             // control URL of the track
+    uint32_t ssrc;              // 0 if none
+    packet_type_t packet_type;  // PACKET_TYPE_RTP, or PACKET_TYPE_KX for private frames
+    rtp_protocol_t transport;
+    bool multicast;
     int rtp_port;          // the client's RTP port, or the first interleaved channel
     int rtcp_port;         // the client's RTCP port, or the second interleaved channel
     int server_rtp_port;   // the server's RTP port; in a reply also the first channel that it granted
@@ -36,9 +38,9 @@ struct transport_info {
     void reset() {
         url[0] = '\0';
         ssrc = 0;
-        packet_kx = 0;
-        transport = 0;
-        multicast = 0;
+        packet_type = PACKET_TYPE_RTP;
+        transport = RTP_OVER_RTSP;
+        multicast = false;
         rtp_port = 0;
         rtcp_port = 0;
         server_rtp_port = 0;

@@ -165,7 +165,7 @@ void CRtspParser::read_number_pair(CStrParser& text, int* first, int* second) {
 }
 
 bool CRtspParser::read_transport_kind(CStrParser& text) {
-    m_transport.packet_kx = find_header(text, "Transport: KX") ? 1 : 0;
+    m_transport.packet_type = find_header(text, "Transport: KX") ? PACKET_TYPE_KX : PACKET_TYPE_RTP;
     // On from where the cursor stands: from the start, or from that match.
     if (text.LocateStringCase("AVP/TCP") >= 0) {
         m_transport.transport = RTP_OVER_RTSP;

@@ -131,8 +131,8 @@ public:
     bool has_open_start() const { return m_has_open_start; }
     // The rate of the next reply to PLAY: a live stream has its own, whatever was asked for.
     void keep_own_rate() { m_speed = 1.0F; }
-    // 1 asks the client's codec for the ONVIF back channel.
-    void set_back_channel(int back_channel) { m_back_channel = back_channel; }
+    // Asks the client's codec for the ONVIF back channel.
+    void set_back_channel(bool back_channel) { m_back_channel = back_channel; }
 
 protected:
     struct message_place {
@@ -171,7 +171,7 @@ protected:
     rate_header_t m_rate_header = RATE_HEADER_NONE;
     int m_play_fault = 0;
     bool m_has_open_start = false;
-    int m_back_channel = 0;
+    bool m_back_channel = false;
     int m_range_cseq = 0;
     // Of the server's codec alone. Here and not in its class, as they would lie behind the body and touch its pages.
     uint64_t m_session_id = 0;

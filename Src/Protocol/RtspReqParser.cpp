@@ -21,7 +21,7 @@ const int RATE_DIGITS = 3;
 
 // The Transport line; false for a transport that there is not.
 bool add_transport(CTextWriter& line, const transport_info& t, const multicast_info* m) {
-    const char* word = t.packet_kx == 1 ? "KX" : "RTP";
+    const char* word = t.packet_type == PACKET_TYPE_KX ? "KX" : "RTP";
     const unsigned int first = static_cast<unsigned int>(t.rtp_port);
     const unsigned int second = static_cast<unsigned int>(t.rtcp_port);
     line.Add("Transport: ", word);
@@ -33,7 +33,7 @@ bool add_transport(CTextWriter& line, const transport_info& t, const multicast_i
         return false;
     }
     // The blank in front of the line's end of both multicast forms has always been sent.
-    if (t.multicast == 0) {
+    if (!t.multicast) {
         line.Add("/AVP;unicast;client_port=", first, "-", second, "\r\n");
     } else if (m != nullptr) {
         line.Add("/AVP;multicast;destination=", m->addr, ";port=", first, "-", second, ";ttl=", m->ttl, " \r\n");
@@ -184,7 +184,7 @@ const char* CRtspReqParser::generate_parameter(int method, const char* body, con
 }
 
 const char* CRtspReqParser::back_channel_tag() const {
-    return m_back_channel == 1 ? BACK_CHANNEL_TAG : nullptr;
+    return m_back_channel ? BACK_CHANNEL_TAG : nullptr;
 }
 
 const char* CRtspReqParser::generate_request(int method, const char* url, const char* headers, const char* body,

@@ -238,14 +238,14 @@ void CRtspReqParser::read_ports(CStrParser& text) {
 // A reply is multicast by its word, or by the first octet of its destination.
 void CRtspReqParser::read_destination(CStrParser& text) {
     text.ResetAll();
-    m_transport.multicast = text.LocateStringCase("multicast") >= 0 ? 1 : 0;
+    m_transport.multicast = text.LocateStringCase("multicast") >= 0;
     if (find_header(text, "destination=")) {
         text.ConsumeUntilDigit();
         if (is_multicast_octet(text.ConsumeInt16())) {
-            m_transport.multicast = 1;
+            m_transport.multicast = true;
         }
     }
-    if (m_transport.multicast == 0 || !read_multicast_addr(text)) {
+    if (!m_transport.multicast || !read_multicast_addr(text)) {
         return;
     }
     if (text.LocateStringCase("port=") >= 0) {

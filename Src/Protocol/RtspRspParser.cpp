@@ -154,9 +154,9 @@ int CRtspRspParser::read_transport(CStrParser& text) {
         m_refusal = RTSP_STATUS_UNSUPPORTED_TRANSPORT;
         return RTSP_BAD_MESSAGE;
     }
-    m_transport.multicast = find_header(text, "multicast") ? 1 : 0;
+    m_transport.multicast = find_header(text, "multicast");
     read_client_ports(text);
-    if (m_transport.multicast != 0) {
+    if (m_transport.multicast) {
         read_destination(text);
     }
     if (m_session[0] == '\0') {

@@ -76,8 +76,8 @@ const char* CRtspRspParser::generate_setup_reply(const transport_info* transport
     }
     char line[RTSP_MAX_TEXT + 1];
     CTextWriter writer(line, sizeof line);
-    const char* word = transport->packet_kx == 1 ? "KX" : "RTP";
-    if (transport->transport == RTP_OVER_UDP && transport->multicast != 0) {
+    const char* word = transport->packet_type == PACKET_TYPE_KX ? "KX" : "RTP";
+    if (transport->transport == RTP_OVER_UDP && transport->multicast) {
         if (multicast == nullptr) {
             return nullptr;
         }

@@ -113,7 +113,7 @@ int CClientConversation::Begin(const std::string& url, const client_settings& se
     m_start_mode = start_of(url);
     m_parser.set_url((settings.options & RTSP_CLIENT_KEEP_CREDENTIALS) != 0 ? url.c_str() : m_url.c_str());
     m_parser.set_ext_keys(settings.ext_keys);
-    m_parser.set_back_channel((settings.options & RTSP_CLIENT_BACK_CHANNEL) != 0 ? 1 : 0);
+    m_parser.set_back_channel((settings.options & RTSP_CLIENT_BACK_CHANNEL) != 0);
     if (settings.has_auth) {
         m_auth.SetUser(settings.user.c_str(), settings.password.c_str());
     }

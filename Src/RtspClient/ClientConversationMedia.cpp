@@ -6,6 +6,7 @@
 #include "RtspClient/ClientConversation.h"
 #include "RtspClient/ClientPorts.h"
 #include "StreamUdpReceiver.h"
+#include "Tramel/Interleave.h"
 #include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
@@ -13,7 +14,6 @@ namespace Vidora {
 
 namespace {
 
-const unsigned int INTERLEAVE_HEADER_SIZE = 4;  // RFC 2326 10.12
 const char WHOLE_CONTROL[] = "a=control:*\r\n";
 
 CSockAddrStorage address_of(const char* text) {
@@ -71,13 +71,13 @@ int CClientConversation::set_up_next() {
     }
     m_cur_track = track;
     track->sent = true;
-    const bool needs_ports = m_settings.transport == RTP_OVER_UDP && track->transport.multicast == 0;
+    const bool needs_ports = m_settings.transport == RTP_OVER_UDP && !track->transport.multicast;
     if (needs_ports && OpenClientPorts(*track, m_link.Peer()) < 0) {
         fail_track(RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);
         return 0;
     }
     if (m_settings.transport == RTP_OVER_UDP && (m_settings.options & RTSP_CLIENT_MULTICAST) != 0) {
-        track->transport.multicast = 1;
+        track->transport.multicast = true;
     }
     if (track->transport.url[0] == '\0' && track->media_index >= 0) {
         CTextWriter(track->transport.url, sizeof(track->transport.url)).Add(m_parser.get_base_url());
@@ -86,7 +86,7 @@ int CClientConversation::set_up_next() {
 }
 
 int CClientConversation::send_setup(client_track& track) {
-    const bool has_group = track.transport.multicast != 0 && track.multicast.addr[0] != '\0';
+    const bool has_group = track.transport.multicast && track.multicast.addr[0] != '\0';
     const multicast_info* group = has_group ? &track.multicast : nullptr;
     return queue(RTSP_METHOD_SETUP, m_parser.generate_setup(&track.transport, group, track.back_channel), REQUEST_MAIN);
 }
@@ -149,7 +149,7 @@ int CClientConversation::follow_interleaved(client_track& track, const transport
 
 int CClientConversation::follow_udp(client_track& track, const transport_info& reply) {
     const CSockAddrStorage source = address_of(m_parser.get_source());
-    const bool is_multicast = m_parser.has_transport() ? reply.multicast != 0 : track.transport.multicast != 0;
+    const bool is_multicast = m_parser.has_transport() ? reply.multicast : track.transport.multicast;
     if (is_multicast) {
         return JoinGroup(track, reply, *m_parser.get_multicast(), source, m_link.Local(), m_settings.conformance);
     }
@@ -157,7 +157,7 @@ int CClientConversation::follow_udp(client_track& track, const transport_info& r
     if (track.rtp_sock == nullptr && OpenClientPorts(track, m_link.Peer()) < 0) {
         return -1;
     }
-    track.transport.multicast = 0;
+    track.transport.multicast = false;
     if (reply.server_rtp_port > 0) {
         track.transport.server_rtp_port = reply.server_rtp_port;
         track.transport.server_rtcp_port = reply.server_rtcp_port;
@@ -309,25 +309,25 @@ int CClientConversation::send_reports() {
 }
 
 int CClientConversation::send_report(const client_track& track) {
-    unsigned char packet[INTERLEAVE_HEADER_SIZE + CClientReports::MAX_REPORT_SIZE];
+    unsigned char packet[Tramel::INTERLEAVE_HEADER_SIZE + CClientReports::MAX_REPORT_SIZE];
     unsigned int length = CClientReports::MAX_REPORT_SIZE;
     reception_stats_t stats;
     if (!m_receive.TakeStats(track.rtp_channel, stats) ||
-        m_reports.Write(track.rtcp_channel, stats, packet + INTERLEAVE_HEADER_SIZE, &length) == nullptr) {
+        m_reports.Write(track.rtcp_channel, stats, packet + Tramel::INTERLEAVE_HEADER_SIZE, &length) == nullptr) {
         return -1;
     }
     const char* report = reinterpret_cast<const char*>(packet);
     if (m_settings.transport == RTP_OVER_RTSP) {
-        Ostra::CByteWriter header(packet, INTERLEAVE_HEADER_SIZE);
-        header.WriteU8('$');
+        Ostra::CByteWriter header(packet, Tramel::INTERLEAVE_HEADER_SIZE);
+        header.WriteU8(Tramel::INTERLEAVE_MARK);
         header.WriteU8(static_cast<uint8_t>(track.rtcp_channel));
         header.WriteU16(static_cast<uint16_t>(length));
-        return m_link.Send(report, INTERLEAVE_HEADER_SIZE + length);
+        return m_link.Send(report, Tramel::INTERLEAVE_HEADER_SIZE + length);
     }
     if (!track.report_to.IsValid() || track.rtcp_sock == nullptr) {
         return 0;
     }
-    return track.rtcp_sock->Send(report + INTERLEAVE_HEADER_SIZE, length, &track.report_to) < 0 ? -1 : 0;
+    return track.rtcp_sock->Send(report + Tramel::INTERLEAVE_HEADER_SIZE, length, &track.report_to) < 0 ? -1 : 0;
 }
 
 void CClientConversation::OnReceivedRtcp(const std::string& compound, int channel) {

@@ -146,7 +146,7 @@ int JoinGroup(client_track& track, const transport_info& reply, const multicast_
         return -1;
     }
     track.source = source;
-    track.transport.multicast = 1;
+    track.transport.multicast = true;
     track.transport.server_rtp_port = rtp_port;
     track.transport.server_rtcp_port = rtcp_port;
     if (reports) {

@@ -30,15 +30,13 @@ unsigned char* CClientReports::Write(int rtcp_channel, const reception_stats_t& 
         return nullptr;
     }
     if (!m_conformance) {
-        const int info[3] = {static_cast<int>(stats.lost), static_cast<int>(stats.lost_total),
-                             static_cast<int>(stats.last_seq)};
-        parser->set_report_info(info);
+        parser->set_report_info({stats.lost, stats.lost_total, stats.last_seq});
         return parser->get_rr_compound(buffer, length);
     }
     rtcp_report block = {};
     block.ssrc = stats.ssrc;
     block.fraction = stats.fraction;
-    block.lost = static_cast<uint32_t>(stats.cumulative_lost) & 0xffffff;
+    block.lost = static_cast<uint32_t>(stats.cumulative_lost) & RTCP_LOST_MASK;
     block.highest_seq = stats.highest_seq;
     block.jitter = stats.jitter;
     block.last_sr = stats.last_sr;

@@ -86,7 +86,7 @@ int CClientTracks::add(const CSdpParser& sdp, int index, rtp_protocol_t transpor
     track.clock_rate = clock_rate_of(sdp, index);
     track.rtp_channel = 2 * place;
     track.rtcp_channel = 2 * place + 1;
-    track.transport.packet_kx = packet_type == PACKET_TYPE_KX ? 1 : 0;
+    track.transport.packet_type = packet_type == PACKET_TYPE_KX ? PACKET_TYPE_KX : PACKET_TYPE_RTP;
     track.transport.transport = transport;
     track.transport.rtp_port = track.rtp_channel;
     track.transport.rtcp_port = track.rtcp_channel;
@@ -128,7 +128,7 @@ void CClientTracks::take_connection(const CSdpParser& sdp, client_track& track) 
     CTextWriter(track.multicast.addr, sizeof(track.multicast.addr)).Add(text.c_str());
     track.multicast.addr_type = group.GetRealType() == Tramel::SOCK_ADDR_IPV6 ? 6 : 4;
     track.multicast.ttl = connection.ttl;
-    track.transport.multicast = 1;
+    track.transport.multicast = true;
     track.transport.rtp_port = track.transport.server_rtp_port;
     track.transport.rtcp_port = track.transport.server_rtcp_port;
 }
@@ -136,7 +136,7 @@ void CClientTracks::take_connection(const CSdpParser& sdp, client_track& track) 
 int CClientTracks::BuildSingle(rtp_protocol_t transport, packet_type_t packet_type) {
     m_tracks.clear();
     client_track track;
-    track.transport.packet_kx = packet_type == PACKET_TYPE_KX ? 1 : 0;
+    track.transport.packet_type = packet_type == PACKET_TYPE_KX ? PACKET_TYPE_KX : PACKET_TYPE_RTP;
     track.transport.transport = transport;
     track.transport.rtp_port = 0;
     track.transport.rtcp_port = 1;
@@ -239,7 +239,7 @@ int CClientTracks::FillSdpInfo(CSdpInfo& info, CSdpParser* sdp, packet_type_t pa
     sdp_info_track rows[SDP_INFO_MAX_TRACKS];
     int count = 0;
     for (const client_track& track : m_tracks) {
-        rows[count++] = {track.track_id, track.rtp_channel, track.rtcp_channel, track.back_channel || !track.answered};
+        rows[count++] = {track.track_id, track.rtp_channel, track.back_channel || !track.answered};
     }
     return CSdpInfoAccess::Fill(info, sdp, rows, count, packet_type);
 }

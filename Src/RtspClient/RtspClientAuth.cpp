@@ -172,7 +172,6 @@ bool CRtspClientAuth::compute_response(std::string& response) {
     request.method = m_method;
     request.uri = m_uri;
     request.nonce = *m_nonce;
-    request.entity = m_entity;
     if (m_qop) {
         request.qop = *m_qop;
     }

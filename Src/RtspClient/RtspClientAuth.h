@@ -57,7 +57,6 @@ private:
     std::string m_password;
     std::string m_uri;
     std::string m_www_authenticate;
-    std::string m_entity;  // stays empty: no request with a body is signed over it
     std::string m_method;
     // Of the challenge.
     text_t m_realm;

@@ -13,13 +13,6 @@
 namespace Kavio {
 namespace Vidora {
 
-sdp_info_data::sdp_info_data(CSdpParser* sdp) : m_sdp(sdp) {
-    for (int i = 0; i < SDP_INFO_MAX_TRACKS; ++i) {
-        m_rtp_channels[i] = 2 * i;
-        m_rtcp_channels[i] = 2 * i + 1;
-    }
-}
-
 CSdpInfo::CSdpInfo() : CSdpInfo(nullptr) {}
 
 CSdpInfo::CSdpInfo(CSdpParser* sdp) : m_data(new (std::nothrow) sdp_info_data(sdp)) {}
@@ -125,14 +118,6 @@ const char* CSdpInfoAccess::MediaAttribute(CSdpInfo& info, char kind, const char
 
 namespace {
 
-// JPEG usually has its static payload type and no rtpmap: it counts as the encoding that an rtpmap would give.
-int encoding_of(const CSdpParser& sdp, int track_id) {
-    const int encoding = sdp.get_video_encoding();
-    const static_payload_t* row = FindStaticPayload(sdp.get_payload_type(sdp.get_index(track_id)));
-    const bool is_jpeg = row != nullptr && std::strcmp(row->name, "JPEG") == 0;
-    return encoding == SDP_ENCODING_UNKNOWN && is_jpeg ? static_cast<int>(SDP_ENCODING_MPEG4) : encoding;
-}
-
 // The first track of a kind is the one that is shown.
 bool take_first(int& channel, const sdp_info_track& track) {
     const bool first = channel < 0;
@@ -153,7 +138,6 @@ void take_track(sdp_info_data& data, const CSdpParser& sdp, const sdp_info_track
         case SDP_MEDIA_VIDEO:
             if (take_first(data.m_video_channel, track)) {
                 data.m_video_index = sdp.get_index(track.track_id);
-                data.m_encoding = encoding_of(sdp, track.track_id);
             }
             break;
         default:
@@ -174,8 +158,6 @@ int CSdpInfoAccess::Fill(CSdpInfo& info, CSdpParser* sdp, const sdp_info_track* 
             continue;
         }
         take_track(*data, *sdp, track);
-        data->m_rtp_channels[i] = track.rtp_channel;
-        data->m_rtcp_channels[i] = track.rtcp_channel;
     }
     data->m_sdp = sdp;
     data->m_packet_type = type;

@@ -14,7 +14,7 @@ const int SDP_INFO_MAX_TRACKS = 16;
 
 // The contents of CSdpInfo, shared by the objects that were assigned to one another.
 struct sdp_info_data {
-    explicit sdp_info_data(CSdpParser* sdp);
+    explicit sdp_info_data(CSdpParser* sdp) : m_sdp(sdp) {}
 
     CSdpParser* m_sdp;  // not owned; may be null
     // The media that are delivered, by their places in the description; -1: the first one of the kind.
@@ -23,10 +23,7 @@ struct sdp_info_data {
     int m_audio_channel = -1;
     int m_video_channel = -1;
     int m_app_channel = -1;
-    int m_encoding = -1;  // a sdp_encoding_t; -1 until set
     packet_type_t m_packet_type = PACKET_TYPE_RTP;
-    int m_rtp_channels[SDP_INFO_MAX_TRACKS];  // by a track's place; 0, 2, 4, ... by default
-    int m_rtcp_channels[SDP_INFO_MAX_TRACKS];
     char m_name[128] = "";  // the payload name given out last
     std::atomic<int> m_ref_count{1};
 };
@@ -35,7 +32,6 @@ struct sdp_info_data {
 struct sdp_info_track {
     int track_id;  // of the description
     int rtp_channel;
-    int rtcp_channel;
     bool back_channel;  // from the client to the server: not delivered, so not shown
 };
 

@@ -34,7 +34,6 @@ public:
 
     void SetLiveSvr(CLiveSvr* live_svr) override;
     void SetConfig(const CRtspSvrConfig& config) override;
-    void set_ip_type(int) override {}
     int add_connection(CSockStream* sock, const char* buf, int len, uint64_t deadline_us) override;
 
     int handle_input(int fd) override;

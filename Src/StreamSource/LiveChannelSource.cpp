@@ -20,7 +20,7 @@ void leave_notify_list(const std::shared_ptr<CSourceGate>& gate, long id) {
 
 // The source.
 
-CDataSource* CLiveChannel::AddDataSrc(CDataSource* src, uint64_t arg) {
+CDataSource* CLiveChannel::AddDataSrc(CDataSource* src, uint64_t) {
     Internal& self = *m_internal;
     const std::shared_ptr<CSourceGate> gate = CSourceGate::Of(src);
     const std::shared_ptr<CChannelFeed> feed = self.make_feed(gate, GetID());
@@ -35,7 +35,6 @@ CDataSource* CLiveChannel::AddDataSrc(CDataSource* src, uint64_t arg) {
         }
         old = self.m_feed;
         self.m_feed = feed;
-        self.m_src_arg = arg;
         for (int i = 0; i < PACKET_TYPE_NONE; ++i) {
             self.count_locked(static_cast<packet_type_t>(i), true);
         }

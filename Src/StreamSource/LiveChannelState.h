@@ -29,7 +29,6 @@ struct CLiveChannel::Internal {
 
     CMutex m_mutex;
     std::shared_ptr<CChannelFeed> m_feed VIDORA_GUARDED_BY(m_mutex);  // null without a source
-    uint64_t m_src_arg VIDORA_GUARDED_BY(m_mutex) = 0;                // kept, read by nothing
     long m_registry_id VIDORA_GUARDED_BY(m_mutex) = 0;                // of the registry that it was published in
     std::shared_ptr<CSourceGate> m_kept VIDORA_GUARDED_BY(m_mutex);   // the source that the registry has with it
     CMulticastOutput m_multicast VIDORA_GUARDED_BY(m_mutex);

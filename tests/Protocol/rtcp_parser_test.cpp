@@ -134,16 +134,11 @@ TEST(RtcpParser, DecodersStayInsideTheirPacket) {
 TEST(RtcpParser, WritesPacketsInTheOrderOfTheirTypes) {
     const std::string cname = "81ca000411223344010750726976617465000000";
     CRtcpParser parser(0x11223344);
-    const int report[3] = {0x102, 0x3000004, 5};
-    const int second[3] = {1, -1, 7};
-    const int newer[3] = {9, 8, 7};
-    parser.set_report_info(report);
-    parser.set_report_info(nullptr);
+    parser.set_report_info({0x102, 0x3000004, 5});
     // An RR without any block goes out with one for the own SSRC. The low 8 and 24 bits of the numbers are sent.
     EXPECT_EQ(written(parser, {201}), "81c9000711223344112233440200000400000005000000000000000000000000");
-    EXPECT_EQ(parser.add_report_block(0x55, second), 0);
-    EXPECT_EQ(parser.add_report_block(0x55, nullptr), -1);
-    parser.set_report_info(newer);
+    EXPECT_EQ(parser.add_report_block(0x55, {1, 0xffffffff, 7}), 0);
+    parser.set_report_info({9, 8, 7});
     EXPECT_EQ(written(parser, {201}),
               "82c9000d11223344112233440900000800000007000000000000000000000000"
               "0000005501ffffff00000007000000000000000000000000");
@@ -175,7 +170,6 @@ TEST(RtcpParser, WritesPacketsInTheOrderOfTheirTypes) {
 
 TEST(RtcpParser, WritesNothingThatDoesNotFit) {
     CRtcpParser parser(1);
-    const int sender[3] = {10, 2000, 30};
     parser.set_sender_info(10, 2000, 30);
     ASSERT_EQ(parser.add_sdes_item(1, 3, "abc"), 0);
     EXPECT_EQ(parser.add_sdes_item(1, 0, "abc"), -1);
@@ -192,12 +186,13 @@ TEST(RtcpParser, WritesNothingThatDoesNotFit) {
         EXPECT_EQ(written(parser, {200, 202, 203}, room).size(), whole == 0 ? 1 : whole * 2) << room;
     }
     for (int i = 0; i < CRtcpParser::MAX_COUNT; ++i) {
-        EXPECT_EQ(parser.add_report_block(2, sender), 0);
+        EXPECT_EQ(parser.add_report_block(2, {10, 2000, 30}), 0);
     }
-    EXPECT_EQ(parser.add_report_block(2, sender), -1);
+    EXPECT_EQ(parser.add_report_block(2, {10, 2000, 30}), -1);
     unsigned int length = sizeof(buffer);
     EXPECT_EQ(parser.get_rr_compound(nullptr, &length), nullptr);
-    EXPECT_EQ(parser.GetCompoundPacket(buffer, &length, sender, -1), nullptr);
+    const int types[] = {CRtcpParser::RTCP_TYPE_RR};
+    EXPECT_EQ(parser.GetCompoundPacket(buffer, &length, types, -1), nullptr);
     EXPECT_EQ(parser.GetCompoundPacket(buffer, &length, nullptr, 0), nullptr);
 }
 

@@ -56,7 +56,7 @@ TEST(RtspClientRequest, EveryRequestAsItIsSent) {
 
     const std::string kept = parser.generate_pause();
     char buffer[512];
-    parser.set_back_channel(1);
+    parser.set_back_channel(true);
     EXPECT_EQ(parser.generate_teardown(buffer, sizeof buffer), buffer);
     EXPECT_EQ(buffer, request("TEARDOWN rtsp://h:8554/live", 9, session + TAG));
     EXPECT_EQ(std::strlen(parser.generate_teardown(buffer, 40)), 39U);
@@ -77,11 +77,11 @@ TEST(RtspClientRequest, SetupUrlsAndTransports) {
     for (const auto& row : Support::ReadTable(VIDORA_TEST_DATA "/rtsp_urls.txt", "setup", 6)) {
         CRtspReqParser parser;
         parser.set_url("rtsp://h/live");
-        parser.set_back_channel(1);
+        parser.set_back_channel(true);
         transport_info t;
         std::strcpy(t.url, row[0].c_str());
-        t.transport = std::stoi(row[1]);
-        t.multicast = static_cast<uint8_t>(std::stoi(row[2]));
+        t.transport = static_cast<rtp_protocol_t>(std::stoi(row[1]));
+        t.multicast = row[2] == "1";
         t.rtp_port = 6;
         t.rtcp_port = 7;
         multicast_info m;
@@ -92,7 +92,7 @@ TEST(RtspClientRequest, SetupUrlsAndTransports) {
     }
     CRtspReqParser parser;
     transport_info t;
-    t.transport = 2;
+    t.transport = static_cast<rtp_protocol_t>(2);
     const Support::CAssertCapture asserts;
     EXPECT_EQ(parser.generate_setup(&t, nullptr, false), nullptr);
     EXPECT_EQ(asserts.Texts().size(), 1U);
@@ -108,7 +108,7 @@ TEST(RtspClientRequest, PlayRangesAndRates) {
     EXPECT_EQ(parser.generate_play(0, 0, 2, true), play(2, "Scale: 2.000\nRange: npt=0.000000-\n"));
     EXPECT_EQ(parser.generate_play(1.5F, 20, -0.5F, false), play(3, "Speed: -0.500\nRange: npt=1.500000-20.000000\n"));
     EXPECT_EQ(parser.generate_play_clock(&utc, nullptr, 1, false), play(4, "Range: clock=20200102T030405Z-\n"));
-    parser.set_back_channel(1);
+    parser.set_back_channel(true);
     EXPECT_EQ(parser.generate_play_smpte(&smpte, &smpte, 1, false),
               play(5, std::string("Range: smpte=01:02:03-01:02:03\n") + TAG));
 }

@@ -149,17 +149,17 @@ TEST(RtspReply, SetupOfEveryTransport) {
     t.server_rtcp_port = 3;
     t.ssrc = 0xab;
     EXPECT_EQ(parser.generate_setup_reply(&t, nullptr), reply("RTP/AVP/TCP;unicast;interleaved=2-3;ssrc=000000AB", 60));
-    t.packet_kx = 1;
+    t.packet_type = PACKET_TYPE_KX;
     t.timeout = 20;
     t.ssrc = 0;
     EXPECT_EQ(parser.generate_setup_reply(&t, nullptr), reply("KX/AVP/TCP;unicast;interleaved=2-3", 20));
-    t.packet_kx = 0;
+    t.packet_type = PACKET_TYPE_RTP;
     t.transport = RTP_OVER_UDP;
     t.rtp_port = 4000;
     t.rtcp_port = 4001;
     EXPECT_EQ(parser.generate_setup_reply(&t, nullptr),
               reply("RTP/AVP;unicast;client_port=4000-4001;server_port=2-3", 20));
-    t.multicast = 1;
+    t.multicast = true;
     EXPECT_EQ(parser.generate_setup_reply(&t, nullptr), nullptr);
     multicast_info m;
     std::strcpy(m.addr, "239.1.2.3");
@@ -170,7 +170,7 @@ TEST(RtspReply, SetupOfEveryTransport) {
     t.ssrc = 0xffffffff;
     EXPECT_EQ(parser.generate_setup_reply(&t, &m),
               reply("RTP/AVP;multicast;destination=239.1.2.3;port=4000;ttl=16;ssrc=FFFFFFFF", 20));
-    t.transport = 2;
+    t.transport = static_cast<rtp_protocol_t>(2);
     const Support::CLogCapture log;
     EXPECT_EQ(parser.generate_setup_reply(&t, &m),
               Crlf("RTSP/1.0 461 Unsupported transport\nServer: Rtsp Server/2.0\nCSeq: 3\n\n"));

@@ -95,7 +95,7 @@ void ask_everything(CRtspReqParser& parser) {
 void pull(const uint8_t* data, size_t size) {
     CRtspReqParser parser;
     parser.set_url("rtsp://192.0.2.1/live?a=1");
-    parser.set_back_channel(1);
+    parser.set_back_channel(true);
     ask_everything(parser);
     each_message(parser, data, size, [&](const char* message, unsigned int length, rtsp_msg_info& info) {
         const int result = parser.parse_message(message, length, &info);

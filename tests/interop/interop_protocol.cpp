@@ -40,14 +40,12 @@ void write_rtcp() {
     server.set_sender_info(1000, 1400000, 90000);
     put(server.get_sr_compound(buffer, &length), length);
     CRtcpParser client(0x55667788);
-    const int report[3] = {25, 300, 0x10002};
-    client.set_report_info(report);
+    client.set_report_info({25, 300, 0x10002});
     put(client.get_rr_compound(buffer, &length), length);
 
     // 3: a server's end, with blocks and items of every kind.
-    const int first[3] = {1, -1, 7};
-    const int second[3] = {255, 0x7fffff, -1};
-    need(server.add_report_block(0xaabbccdd, first) == 0 && server.add_report_block(0xeeff0011, second) == 0);
+    need(server.add_report_block(0xaabbccdd, {1, 0xffffffff, 7}) == 0 &&
+         server.add_report_block(0xeeff0011, {255, 0x7fffff, 0xffffffff}) == 0);
     need(server.add_sdes_item(1, 9, "user@host") == 0 && server.add_sdes_item(2, 4, "Name") == 0);
     need(server.set_bye(nullptr, 0, "End of Stream", 13) == 0);
     put(server.get_sr_compound(buffer, &length), length);

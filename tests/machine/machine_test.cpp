@@ -507,7 +507,7 @@ TEST(StateMachineDeathTest, WithoutMemoryEveryOperationFails) {
         CMachineKeeper keeper;
         keeper.put_asyn_msg(MSG_SRC_FAIL, 0);
         const bool refused = !keeper.valid() && !keeper.put_rx_event(rtsp_msg_info(), "a", 1, 0) &&
-                             !keeper.put_tx_event(0, "a", 0, 0) && keeper.hold() == -1 &&
+                             !keeper.put_tx_event(0, "a", 0, 0) && !keeper.hold() &&
                              keeper.set_state_obj(0, nullptr) == -1 && keeper.set_state(0) == -1;
         _exit(refused ? 0 : 1);
     };

@@ -21,7 +21,7 @@ inline std::string Crlf(const std::string& text) {
 
 // Packet kind, transport and the client's ports of a Transport header, as the samples write them.
 inline std::string TransportText(const Vidora::transport_info& t, const Vidora::multicast_info& m) {
-    std::string text = t.packet_kx == 1 ? " KX" : " RTP";
+    std::string text = t.packet_type == Vidora::PACKET_TYPE_KX ? " KX" : " RTP";
     text += t.transport == Vidora::RTP_OVER_UDP ? " udp " : " tcp ";
     if (t.multicast != 0) {
         text += "multicast " + std::string(m.addr) + " ttl " + std::to_string(m.ttl) + " ";
