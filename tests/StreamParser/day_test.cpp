@@ -2,7 +2,6 @@
 // ISO 13818-1) wraps without a trace in the frames' times.
 #include <gtest/gtest.h>
 
-#include "StreamParser/Frame2Ps.h"
 #include "StreamParser/Frame2Rtp.h"
 #include "StreamParser/Frame2Ts.h"
 #include "StreamParser/Ts2Frame.h"
@@ -79,32 +78,6 @@ TEST(Day, FrameToTsToFrame) {
         in.Clear();
     }
     EXPECT_EQ(static_cast<int>(DAY_SEC * 10), complete);
-}
-
-TEST(Day, FrameToPs) {
-    CFrame2Ps packer;
-    const unsigned char frame[] = {0, 0, 1, 0xB6};
-    const uint64_t mask = (uint64_t{1} << 33) - 1;
-    uint64_t pts = mask / 90 - 4 * 3600 * 1000;
-    const auto stamp = [](const unsigned char* at) {
-        return uint64_t{at[0] & 0x0Eu} << 29 | uint64_t{at[1]} << 22 | uint64_t{at[2] & 0xFEu} << 14 |
-               uint64_t{at[3]} << 7 | at[4] >> 1;
-    };
-    for (uint32_t i = 0; i < DAY_SEC * 10; ++i, pts += 100) {
-        ASSERT_EQ(0, packer.PutFrame(frame, sizeof(frame), ENC_TYPE_MPEG4, pts, 0));
-        unsigned char pack[14], pes[23];
-        ASSERT_EQ(14, packer.GetPacket(pack, sizeof(pack)));
-        while (packer.GetPacketSize() != sizeof(pes)) {
-            packer.NextPacket();
-        }
-        packer.GetPacket(pes, sizeof(pes));
-        const uint64_t reference = uint64_t{pack[4] & 0x38u} << 27 | uint64_t{pack[4] & 0x03u} << 28 |
-                                   uint64_t{pack[5]} << 20 | uint64_t{pack[6] & 0xF8u} << 12 |
-                                   uint64_t{pack[6] & 0x03u} << 13 | uint64_t{pack[7]} << 5 | pack[8] >> 3;
-        ASSERT_EQ(pts * 90 & mask, reference);
-        ASSERT_EQ(pts * 90 & mask, stamp(pes + 9));
-        ASSERT_EQ(pts * 90 & mask, stamp(pes + 14));
-    }
 }
 
 }  // namespace

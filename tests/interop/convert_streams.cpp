@@ -11,10 +11,12 @@
 //     convert_streams to_ps VIDEO_TYPE AUDIO_TYPE    frames to a program stream
 //
 // A frame is its type letter (1), time stamp in milliseconds (8, little-endian), size (4, little-endian) and bytes.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <iostream>
 #include <iterator>
+#include <map>
 
 #include "StreamParser/StreamParser.h"
 #include "StreamParser/TsTable.h"
@@ -36,8 +38,7 @@ Bytes read_input() {
 
 Flumen::CMediaFrame make_frame(const unsigned char* data, size_t len) {
     Flumen::CMediaFrame frame(static_cast<unsigned int>(len));
-    frame.resize(0);
-    frame.putBuffer(data, static_cast<unsigned int>(len));
+    std::copy(data, data + len, frame.getBuffer());
     return frame;
 }
 
@@ -93,32 +94,27 @@ int decode(bool rtp, int enc_type, int payload_type, const std::string& config_h
     return 0;
 }
 
-CStreamParserPtr make_multiplexer(int dst_type, int video_type, int audio_type) {
+CStreamParserPtr make_encoder(int dst_type, int first, int second, int clock_rate) {
     const CStreamParserPtr parser = CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, dst_type);
     TsEncParam ts;
-    ts.video_enc_type = video_type;
-    ts.audio_enc_type = audio_type;
-    parser->SetParam(ts);
     PsEncParam ps;
-    ps.video_enc_type = video_type;
-    ps.audio_enc_type = audio_type;
+    ts.video_enc_type = ps.video_enc_type = first;
+    ts.audio_enc_type = ps.audio_enc_type = second;
     ps.bit_rate = 4000000;
+    parser->SetParam(ts);
     parser->SetParam(ps);
-    return parser;
-}
-
-CStreamParserPtr make_packetiser(int enc_type, int payload_type, int clock_rate) {
-    const CStreamParserPtr parser = CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_RTP);
-    RtpEncParam param;
-    parser->GetParam(param);  // the random beginnings
-    param.enc_type = enc_type;
-    param.payload_type = static_cast<uint8_t>(payload_type);
-    param.clock_rate = static_cast<uint32_t>(clock_rate);
-    parser->SetParam(param);
-    RtpOverTcpParam over_tcp;
-    over_tcp.use_header = 1;
-    over_tcp.merge_frame = 1;
-    parser->SetParam(over_tcp);
+    if (dst_type == STREAM_TYPE_RTP) {
+        RtpEncParam param;
+        parser->GetParam(param);  // the random beginnings
+        param.enc_type = first;
+        param.payload_type = static_cast<uint8_t>(second);
+        param.clock_rate = static_cast<uint32_t>(clock_rate);
+        parser->SetParam(param);
+        RtpOverTcpParam over_tcp;
+        over_tcp.use_header = 1;
+        over_tcp.merge_frame = 1;
+        parser->SetParam(over_tcp);
+    }
     return parser;
 }
 
@@ -152,11 +148,10 @@ int main(int argc, char** argv) {
     if (mode == "rtp" || mode == "ts") {
         return decode(mode == "rtp", first, second, argc > 4 ? argv[4] : "");
     }
-    if (mode == "to_ts" || mode == "to_ps") {
-        return encode(make_multiplexer(mode == "to_ts" ? STREAM_TYPE_TS : STREAM_TYPE_PS, first, second));
-    }
-    if (mode == "to_rtp") {
-        return encode(make_packetiser(first, second, argc > 4 ? std::atoi(argv[4]) : 0));
+    const std::map<std::string, int> destinations = {
+        {"to_rtp", STREAM_TYPE_RTP}, {"to_ts", STREAM_TYPE_TS}, {"to_ps", STREAM_TYPE_PS}};
+    if (destinations.count(mode) != 0) {
+        return encode(make_encoder(destinations.at(mode), first, second, argc > 4 ? std::atoi(argv[4]) : 0));
     }
     std::fprintf(stderr, "unknown mode\n");
     return 2;
