@@ -1,5 +1,6 @@
 #include "MulticastTrack.h"
 
+#include <algorithm>
 #include <new>
 
 #include "DgramBatch.h"
@@ -75,7 +76,9 @@ int CMulticastTrack::Receive() {
 }
 
 void CMulticastTrack::Take(const unsigned char* data, unsigned int length) {
-    const bool used = m_packet.valid() ? take_ts(data, length) : take_rtp(data, length);
+    const bool is_ts = m_packet.valid();  // an RTP header tells one packet from another (RFC 3550 5.1)
+    const size_t telling = is_ts ? length : std::min<size_t>(length, RTP_HEADER_LEN);
+    const bool used = !m_last.IsAgain(data, telling) && (is_ts ? take_ts(data, length) : take_rtp(data, length));
     m_dropped += used ? 0 : 1;
 }
 

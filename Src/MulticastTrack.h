@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "LastDgram.h"
 #include "StreamParser/StreamParser.h"
 #include "Tramel/SockDgram.h"
 #include "Vidora/MulticastStreamClient.h"
@@ -54,6 +55,7 @@ private:
     CStreamParserPtr m_parser;
     Flumen::CMediaFrame m_packet;  // the TS packet that goes into the decoder; not valid for RTP
     uint8_t m_payload_type = 0;
+    CLastDgram m_last;
     std::atomic<bool> m_live{true};
     std::atomic<uint64_t> m_dropped{0};
 };

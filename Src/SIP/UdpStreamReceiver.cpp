@@ -168,6 +168,10 @@ bool CUdpStreamReceiver::take(const DgramSlice& datagram, const CSockAddrStorage
         ++m_statistics.foreign;
         return false;
     }
+    if (datagram.length >= RTP_HEADER_LEN && m_last.IsAgain(datagram.data, RTP_HEADER_LEN)) {
+        ++m_statistics.repeated;
+        return false;
+    }
     const int ret = has_right_form(datagram) ? process_data(datagram) : PARSER_FAILED;
     if (ret != PARSER_OK && ret != PARSER_FRAME_READY) {
         ++m_statistics.damaged;

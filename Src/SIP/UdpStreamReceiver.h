@@ -5,6 +5,7 @@
 #include <memory>
 #include <thread>
 
+#include "LastDgram.h"
 #include "Ostra/LogGate.h"
 #include "SIP/SdpTrack.h"
 #include "Tramel/CallWait.h"
@@ -89,6 +90,7 @@ private:
     bool m_shut VIDORA_GUARDED_BY(m_mutex) = false;
     udp_stream_remote_t m_remote VIDORA_GUARDED_BY(m_mutex);
     CSockAddrStorage m_known VIDORA_GUARDED_BY(m_mutex);  // the last sender that was accepted
+    CLastDgram m_last VIDORA_GUARDED_BY(m_mutex);
     RtpUdpStatistics m_statistics VIDORA_GUARDED_BY(m_mutex);
     Ostra::CLogGate m_log VIDORA_GUARDED_BY(m_mutex);
 

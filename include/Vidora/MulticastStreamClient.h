@@ -34,9 +34,9 @@ struct multicast_track_info_t {
 //     Stop
 //
 // Datagrams that are no part of the stream are dropped: what is not RTP of the track's payload type, and what does not
-// begin with the sync byte of a transport stream. Of a datagram that ends within a TS packet the whole packets count.
-// Whoever may send to the group is heard, there is no filter of senders. Silence is no end: a group may rest for any
-// time.
+// begin with the sync byte of a transport stream, and one that is the same as the one before. Of a datagram that ends
+// within a TS packet the whole packets count. Whoever may send to the group is heard, there is no filter of senders.
+// Silence is no end: a group may rest for any time.
 //
 // THREADING  Create: any thread. Start: any thread, also inside the callback; of two at once for one kind of track one
 //            may fail. Stop: any thread, also inside the callback, once, and no call begins after it; a Start that runs

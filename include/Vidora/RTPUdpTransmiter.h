@@ -12,10 +12,11 @@ namespace Vidora {
 
 // What a transmitter has received since Create.
 struct RtpUdpStatistics {
-    uint64_t packets = 0;  // RTP packets that were taken
-    uint64_t bytes = 0;    // of those, with their RTP headers
-    uint64_t foreign = 0;  // datagrams that another than the remote has sent: dropped
-    uint64_t damaged = 0;  // datagrams that are no RTP packet of the track, or that couldn't be decoded: dropped
+    uint64_t packets = 0;   // RTP packets that were taken
+    uint64_t bytes = 0;     // of those, with their RTP headers
+    uint64_t foreign = 0;   // datagrams that another than the remote has sent: dropped
+    uint64_t repeated = 0;  // RTP packets that came twice in a row: the second is dropped
+    uint64_t damaged = 0;   // datagrams that are no RTP packet of the track, or that couldn't be decoded: dropped
 };
 
 // IRTPUdpTransmiter: sends the frames of one track as RTP over UDP (RFC 3550), and receives such a track by the same

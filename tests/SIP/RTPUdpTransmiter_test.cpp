@@ -13,6 +13,7 @@
 #include "support/Capture.h"
 #include "support/FrameBuilder.h"
 #include "support/StreamBytes.h"
+#include "support/TestClock.h"
 #include "support/TestHandler.h"
 #include "support/UdpPeer.h"
 
@@ -260,6 +261,45 @@ TEST_F(CSingleTrackTest, StrangersAndDamageAreDroppedAndCounted) {
     stranger.Send(Audio("none"), track.sock.Port());
     EXPECT_TRUE(WaitUntil([&] { return track.Statistics().foreign == 2; }));
     EXPECT_EQ(2u, track.Bodies().size());
+}
+
+// What happens to one frame's packets costs no other frame, however long nothing comes in between.
+TEST_F(CSingleTrackTest, LossRepetitionAndSilenceCostNoOtherFrame) {
+    const struct {
+        std::vector<size_t> order;  // in which the packets of the second frame come
+        bool whole;
+    } rows[] = {
+        {{0, 1, 2, 3, 4}, true}, {{0, 0, 1, 1, 2, 2, 3, 3, 4, 4}, true},
+        {{0, 1, 3, 4}, false},   {{0, 1, 2, 4}, false},
+        {{0, 1, 2, 3}, false},   {{}, false},
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(&row - rows);
+        CTrack sender, receiver;
+        sender.Open(H264);
+        receiver.Open(H264);
+        EXPECT_TRUE(sender.object->SetRemote("127.0.0.1", m_peer.Port(), 0));
+        EXPECT_TRUE(receiver.Start());
+        std::vector<std::string> expected;
+        for (uint8_t i = 1; i <= 4; ++i) {
+            const CMediaFrame frame = MakeFrame('I', H264Picture(true, 3500, i), 40u * i);
+            ASSERT_TRUE(sender.object->Put(frame));
+            std::vector<std::string> packets;
+            for (bool last = false; !last; last = (packets.back().at(1) & 0x80) != 0) {
+                packets.push_back(m_peer.Recv(20000));
+            }
+            ASSERT_EQ(5u, packets.size());  // two parameter sets, and the slice in three
+            for (const size_t packet : i == 2 ? row.order : rows[0].order) {
+                m_peer.Send(packets[packet], receiver.sock.Port());
+            }
+            if (i != 2 || row.whole) {
+                expected.push_back(BodyOf(frame));
+            }
+            AdvanceClock(3600000);
+        }
+        ASSERT_TRUE(receiver.WaitFor(expected.size()));
+        EXPECT_EQ(expected, receiver.Bodies());
+    }
 }
 
 TEST_F(CSingleTrackTest, AFailedSocketEndsReceivingWithOneEmptyFrame) {

@@ -384,6 +384,8 @@ TEST_F(HttpTunnel, ThousandsOfHalvesLeaveNothing) {
         EXPECT_TRUE(Support::WaitUntil([&] { return Support::CountDescriptors() <= descriptors; }));
     }
     EXPECT_EQ(0U, CRtspSvr::GetSessionCount());
+    Tunnel again(m_port, "cookie 0", Encode(OPTIONS_TEXT));  // of which nothing is known any more
+    EXPECT_EQ(200, again.get.Reply().status);
 }
 
 }  // namespace

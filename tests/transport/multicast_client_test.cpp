@@ -14,6 +14,7 @@
 #include "support/FrameBuilder.h"
 #include "support/PackerUnits.h"
 #include "support/StreamBytes.h"
+#include "support/TestClock.h"
 #include "support/TestHandler.h"
 #include "support/UdpPeer.h"
 
@@ -188,7 +189,9 @@ TEST(MulticastClient, ReceivesATransportStreamBesideStrangers) {
     size_t count = 0;  // sent in steps, so that the socket's room is enough
     for (const std::string& packets : transport_stream(6)) {
         for (size_t at = 0; at < packets.size(); at += 2 * TS_LEN) {
-            received.Send(packets.substr(at, 2 * TS_LEN) + std::string(at % 100, 'G'), port);
+            for (int again = 0; again < 2; ++again) {
+                received.Send(packets.substr(at, 2 * TS_LEN) + std::string(at % 100, 'G'), port);
+            }
             received.Send(audio_packet(1), port);
             received.Send(std::string(TS_LEN, '\0'), port);
             received.Send(std::string(), port);
@@ -231,6 +234,22 @@ TEST(MulticastClient, ReceivesBothTracksOfRtpBesideStrangers) {
     const Bytes slice = {0x65, 0x88, 0x80, 0x10};
     received.Send(text_of(MakeRtp(fields, slice)), video_port);
     EXPECT_NE(received.Frames(5).at(4).find(text_of(slice)), std::string::npos);
+}
+
+TEST(MulticastClient, LossRepetitionAndSilenceEndNothing) {
+    const CPool pool;
+    CReceived received(ClientType_RTP);
+    const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
+    const int port = received.Start(&audio);
+    ASSERT_GT(port, 0);
+    for (const int number : {1, 2, 2, 5, 5, 6}) {
+        received.Send(audio_packet(number), port);
+        AdvanceClock(3600000);
+    }
+    const std::vector<std::string> frames = received.Frames(4);
+    ASSERT_EQ(frames.size(), 4u);
+    EXPECT_EQ(frames.at(3), std::string(160, '\6'));
+    EXPECT_EQ(received.ends, 0);
 }
 
 // Another thread's Stop returns when the callback has, also when that has ended its track by a Start that failed, and
