@@ -52,14 +52,14 @@ int CP2PUdpReceiver::handle_stream_input() {
     const int count = batch->Recv(*m_sock);
     mark_arrival();
     for (int i = 0; i < count; ++i) {
-        if (batch->From(i) == m_server && take(batch->Datagram(i)) < 0) {
+        if (batch->From(i) == m_server && Take(batch->Datagram(i)) < 0) {
             return -1;
         }
     }
     return count > 0 ? count : 0;
 }
 
-int CP2PUdpReceiver::take(const DgramSlice& datagram) {
+int CP2PUdpReceiver::Take(const DgramSlice& datagram) {
     if (datagram.length < MIN_DATAGRAM) {
         return 0;
     }
@@ -73,7 +73,6 @@ int CP2PUdpReceiver::take(const DgramSlice& datagram) {
     return is_known ? take_datagram(track, datagram.data, static_cast<int>(datagram.length)) : 0;
 }
 
-// The batch has room for a NUL behind each datagram.
 void CP2PUdpReceiver::take_text(const DgramSlice& datagram) {
     const char* text = reinterpret_cast<const char*>(datagram.data);
     if (datagram.length <= RTSP_MAX_MESSAGE && !IsNatHello({text, datagram.length}, NAT_SERVER_HELLO)) {

@@ -23,6 +23,8 @@ public:
     int Stop() override;
 
     int handle_stream_input() override;
+    // A datagram of the server, with room for a NUL behind it. Of the strand. 0, or -1 without memory.
+    int Take(const DgramSlice& datagram);
 
 protected:
     void release_socks() override { m_sock.reset(); }
@@ -32,7 +34,6 @@ private:
         : m_sock(sock), m_server(server) {}
     ~CP2PUdpReceiver() override = default;
 
-    int take(const DgramSlice& datagram);
     void take_text(const DgramSlice& datagram);
 
     std::shared_ptr<CSockDgram> m_sock;

@@ -21,6 +21,12 @@ bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
         ->transform(CLI::CheckedTransformer(kinds).description(""))
         ->type_name("TEXT:{auto,rtp,kx}")
         ->default_str("auto");
+    CLI::Option* point = app.add_option("--nat", options.nat_point,
+                                        "host:port of a rendezvous: meets a device behind a NAT there, and pulls RTP "
+                                        "through the way that they open; the URL's host and port don't matter then");
+    CLI::Option* name = app.add_option("--nat-name", options.nat_name, "and the name of the device");
+    point->needs(name);
+    name->needs(point);
     app.add_option("--user", options.user, "user, if the server asks for one");
     app.add_option("--password", options.password, "and the password");
     app.add_option("--seconds", options.seconds, "ends that long after the first frame (default: when the stream ends)")
@@ -49,6 +55,9 @@ bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
         app.parse(argc, argv);
         if (!options.back_channel.empty() && options.transport != "udp") {
             throw CLI::ValidationError("--back-channel", "goes over --transport udp only");
+        }
+        if (!options.nat_point.empty() && (options.transport != "tcp" || options.kind == PACKET_TYPE_KX)) {
+            throw CLI::ValidationError("--nat", "has a transport of its own, and carries RTP only");
         }
     } catch (const CLI::ParseError& error) {
         exit_code = app.exit(error);

@@ -9,6 +9,8 @@ struct Options {
     std::string url;
     std::string transport = "tcp";  // tcp, udp, multicast
     Kavio::Vidora::packet_type_t kind = Kavio::Vidora::PACKET_TYPE_NONE;
+    std::string nat_point;  // "host:port" of the rendezvous; empty: no NAT
+    std::string nat_name;   // of the device there
     std::string user;
     std::string password;
     double seconds = 0.0;  // of media, 0 for until it ends

@@ -81,25 +81,9 @@ bool Puller::Start(std::string& error) {
         return false;
     }
     m_begin = Clock::now();
-    m_session = CRtspClientSession::Create();
-    if (m_session == nullptr) {
-        error = "not enough memory";
-        return false;
-    }
-    if (!m_options.user.empty()) {
-        m_session->SetAuthInfo(m_options.user.c_str(), m_options.password.c_str());
-    }
-    m_session->SetConformance(true);
-    m_session->SetPacketType(m_options.kind);
-    m_session->SetStreamIdleTimeout(static_cast<unsigned int>(m_options.idle_sec * 1000.0));
-    m_session->SetOptions((m_options.transport == "multicast" ? RTSP_CLIENT_MULTICAST : 0) |
-                          (m_options.back_channel.empty() ? 0 : RTSP_CLIENT_BACK_CHANNEL));
-    const rtp_protocol_t transport = m_options.transport == "tcp" ? RTP_OVER_RTSP : RTP_OVER_UDP;
-    if (m_session->Start(m_options.url.c_str(), GetID(), transport) < 0) {
-        error = "that is no RTSP URL";
-        return false;
-    }
-    return true;
+    const std::lock_guard<std::mutex> guard(m_session_mutex);  // a notification waits until the session is known
+    m_session = StartSession(m_options, GetID(), error);
+    return m_session != nullptr;
 }
 
 bool Puller::read_back_channel(std::string& error) {
@@ -126,8 +110,7 @@ void Puller::Stop() {
         const std::lock_guard<std::mutex> guard(m_session_mutex);
         if (m_session != nullptr) {
             m_session->GetMediaBuffer()->DelLevel2Buffer(m_sink.get());
-            m_session->Close();
-            m_session = nullptr;
+            m_session.reset();
         }
         m_sink.reset();
     }
@@ -197,8 +180,7 @@ void Puller::on_setup_ready() {
     m_sink = std::move(sink);
     m_session->GetMediaBuffer()->AddLevel2Buffer(m_sink.get());
     const double begin = m_options.start < 0.0 && m_options.end > 0.0 ? 0.0 : m_options.start;
-    m_session->Play(static_cast<float>(begin), static_cast<float>(m_options.end), static_cast<float>(m_options.speed),
-                    true);
+    m_session->Play(static_cast<float>(begin), static_cast<float>(m_options.end), static_cast<float>(m_options.speed));
 }
 
 void Puller::on_play_ready() {

@@ -12,6 +12,7 @@
 
 #include "FrameWriter.h"
 #include "Options.h"
+#include "PullSession.h"
 #include "Vidora/RtspClientBuffer.h"
 #include "Vidora/RtspClientSession.h"
 
@@ -68,8 +69,8 @@ private:
     std::vector<unsigned char> m_back_channel;  // constant after Start
     FrameWriter m_writer;                       // of the thread that gives frames, once there is a sink
 
-    std::mutex m_session_mutex;                              // guards the five below
-    Kavio::Vidora::CRtspClientSession* m_session = nullptr;  // null before Start and after Stop
+    std::mutex m_session_mutex;              // guards the five below
+    std::unique_ptr<PullSession> m_session;  // null before Start and after Stop
     std::unique_ptr<Kavio::Vidora::CRtspClientBuffer> m_sink;
     double m_duration_sec = 0.0;  // of a recording, 0 for a live stream
     size_t m_back_offset = 0;
