@@ -30,8 +30,7 @@ const char TRACKS[] =
 struct View {
     explicit View(const std::string& text, packet_type_t type = PACKET_TYPE_RTP) {
         EXPECT_EQ(sdp.Parse(text.c_str(), 0), 0);
-        const sdp_info_track tracks[] = {{1, VIDEO_CHANNEL, VIDEO_CHANNEL + 1, false},
-                                         {2, AUDIO_CHANNEL, AUDIO_CHANNEL + 1, false}};
+        const sdp_info_track tracks[] = {{1, VIDEO_CHANNEL, false}, {2, AUDIO_CHANNEL, false}};
         EXPECT_EQ(CSdpInfoAccess::Fill(info, &sdp, tracks, sdp.get_media_count(), type), 0);
     }
     CSdpParser sdp;
