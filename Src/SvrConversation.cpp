@@ -413,6 +413,8 @@ bool CSvrConversation::release(bool hears_end) {
     m_frames.ForgetAll();  // another source counts anew
     m_silence.ForgetPeer();
     m_sdp_result = SDP_UNICAST;
+    m_awaited = 0;
+    m_streaming = false;
     return waits;
 }
 

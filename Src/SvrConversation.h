@@ -172,7 +172,7 @@ private:
     bool m_welcomed = false;                         // the host was told of its client
     bool m_described = false;
     bool m_has_played = false;      // since the DESCRIBE
-    bool m_streaming = false;       // from the end of a PLAY to a PAUSE or whole TEARDOWN
+    bool m_streaming = false;       // from the end of a PLAY to a PAUSE, a whole TEARDOWN or the source's release
     bool m_closed = false;          // CloseLink was called
     unsigned int m_play_round = 0;  // counts what ends a PLAY, for a reply that is overtaken by it
     uint64_t m_wait_id = 0;         // the event that a late reply answers

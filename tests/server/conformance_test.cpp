@@ -142,6 +142,23 @@ TEST_F(Conformance, OnlyWhatWasSetUpIsPaused) {
     EXPECT_TRUE(log.Lines().empty()) << log.Lines().front();
 }
 
+// What an earlier DESCRIBE had brought into play goes with it.
+TEST_F(Conformance, ADescribeThatFailsLateLeavesNothingPlaying) {
+    StartWithChannel();
+    CRtspTestClient client(m_port);
+    PlayInterleaved(client);
+    EXPECT_EQ(200, client.Ask("TEARDOWN", Url() + "/trackID=0").status);
+    CFakeStreamSource::Settings settings = CFakeStreamSource::FileVideo();
+    settings.tells_info = false;
+    CFakeStreamSource::SetNext(settings);
+    client.Send(client.Request("DESCRIBE", Url("movie.kav?proto=Kavio3")));
+    ASSERT_TRUE(Support::WaitUntil([] { return CFakeStreamSource::LiveCount() == 2; }));
+    CFakeStreamSource::Last()->Tell(MSG_SRC_FAIL);
+    EXPECT_EQ(404, client.Reply().status);
+    EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
+    PlayInterleaved(client);
+}
+
 TEST_F(Conformance, RangesRatesAndTimesOfARecording) {
     StartServer();
     CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
