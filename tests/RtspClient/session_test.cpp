@@ -4,11 +4,16 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+
 #include "RtspClient/ClientTypes.h"
 #include "Vidora/SdpInfo.h"
 #include "support/Capture.h"
 #include "support/ClientHost.h"
+#include "support/RtspText.h"
+#include "support/SampleTable.h"
 #include "support/ScriptedServer.h"
+#include "support/TestClock.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -19,8 +24,6 @@ using Support::CScriptedServer;
 using Support::ServerRequest;
 using Support::WaitUntil;
 using Server = CScriptedServer;
-
-const long REFUSED = RTSP_CLIENT_CODE_STATUS + 401;
 
 // Clocks that are a twentieth of the usual ones.
 class CSessionTest : public testing::Test {
@@ -38,106 +41,60 @@ private:
     const client_timing m_usual;
 };
 
-// A server's fault, and how the session ends by it.
-struct Fault {
-    const char* name;
-    Server::answer_t answer;  // empty text: as an orderly server
-    long code;
-    rtsp_client_failure_t failure;
-    bool conformance = false;
-};
-
-Server::answer_t On(const std::string& method, Server::answer_t answer) {
-    return [method, answer](const ServerRequest& request) {
-        return request.method == method ? answer(request) : Server::Answer(request);
-    };
-}
-Server::answer_t OnStatus(const std::string& method, const std::string& status, const std::string& headers = "") {
-    return On(method, [=](const ServerRequest& request) { return Server::Reply(request, status, headers); });
-}
-Server::answer_t OnText(const std::string& method, const std::string& text) {
-    return On(method, [=](const ServerRequest&) { return text; });
-}
-Server::answer_t OnMedia(const std::string& media) {
-    return On("DESCRIBE", [=](const ServerRequest& request) {
-        return Server::Reply(request, "200 OK", "Content-Type: application/sdp\r\n", Server::Sdp(media));
-    });
-}
-Server::answer_t OnChannels(const std::string& channels) {
-    return OnStatus("SETUP", "200 OK", "Session: 1\r\nTransport: RTP/AVP/TCP;unicast;interleaved=" + channels + "\r\n");
-}
-std::string WithBye(const ServerRequest& request) {
-    return Server::Answer(request) + std::string("$\x01\0\x10\x80\xc9\0\1\0\0\0\5\x81\xcb\0\1\0\0\0\5", 20);
-}
-
-std::vector<Fault> Faults() {
-    std::vector<Fault> faults = {
-        {"NotFound", OnStatus("DESCRIBE", "404 Not Found"), RTSP_CLIENT_CODE_STATUS + 404, RTSP_CLIENT_FAILURE_STATUS},
-        {"UnknownStatus", OnStatus("OPTIONS", "599 What"), RTSP_CLIENT_CODE_STATUS + 599, RTSP_CLIENT_FAILURE_STATUS},
-        {"OtherRedirect", OnStatus("DESCRIBE", "303 See"), RTSP_CLIENT_CODE_STATUS + 303, RTSP_CLIENT_FAILURE_STATUS},
-        {"SetupRefused", OnStatus("SETUP", "461 No"), RTSP_CLIENT_CODE_STATUS + 461, RTSP_CLIENT_FAILURE_STATUS},
-        {"PlayRefused", OnStatus("PLAY", "455 No"), RTSP_CLIENT_CODE_STATUS + 455, RTSP_CLIENT_FAILURE_STATUS},
-        {"RedirectToNowhere", OnStatus("DESCRIBE", "302 Moved", "Location: http://x/\r\n"), RTSP_CLIENT_CODE_PROTOCOL,
-         RTSP_CLIENT_FAILURE_PROTOCOL},
-        {"WrongCSeq", OnText("DESCRIBE", "RTSP/1.0 200 OK\r\nCSeq: 2147483647\r\n\r\n"), RTSP_CLIENT_CODE_PROTOCOL,
-         RTSP_CLIENT_FAILURE_NO_REPLY},
-        {"NoCSeq", OnText("DESCRIBE", "RTSP/1.0 200 OK\r\n\r\n"), RTSP_CLIENT_CODE_PROTOCOL,
-         RTSP_CLIENT_FAILURE_PROTOCOL},
-        {"Provisional", OnStatus("OPTIONS", "100 Continue"), RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_NO_REPLY},
-        {"NoTracks", OnMedia(""), RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL},
-        {"TracksOfOtherKinds", OnMedia("m=text 0 RTP/AVP 98\r\na=control:1\r\n"), RTSP_CLIENT_CODE_PROTOCOL,
-         RTSP_CLIENT_FAILURE_PROTOCOL},
-        {"NoDescription", OnStatus("DESCRIBE", "200 OK"), RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL},
-        {"ChannelTooHigh", OnChannels("32-33"), RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL},
-        {"ChannelTwice", OnChannels("4-4"), RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL},
-        {"OtherTransport", OnStatus("SETUP", "200 OK", "Transport: RTP/AVP;unicast;client_port=1-2\r\n"),
-         RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL},
-        {"LongHeader", OnText("OPTIONS", "RTSP/1.0 200 OK\r\nX: " + std::string(9000, 'x')), RTSP_CLIENT_CODE_PROTOCOL,
-         RTSP_CLIENT_FAILURE_PROTOCOL},
-        {"LyingLength",
-         OnText("DESCRIBE", "RTSP/1.0 200 OK\r\nCSeq: 2\r\nContent-Length: 9000\r\n\r\n" + std::string(8000, 'v')),
-         RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL},
-        {"Garbage", OnText("OPTIONS", "\x80\xff$\r\n\r\n"), RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL},
-        {"SessionGone", OnStatus("GET_PARAMETER", "454 Gone"), RTSP_CLIENT_CODE_STATUS + 454,
-         RTSP_CLIENT_FAILURE_STATUS},
-        {"ChallengesWithoutEnd", OnStatus("OPTIONS", "401 No", "WWW-Authenticate: Basic realm=\"r\"\r\n"), REFUSED,
-         RTSP_CLIENT_FAILURE_UNAUTHORISED},
-        {"UnknownScheme", OnStatus("DESCRIBE", "401 No", "WWW-Authenticate: Odd x=\"r\"\r\n"), REFUSED,
-         RTSP_CLIENT_FAILURE_UNAUTHORISED},
-        {"ChallengeAtSetup", OnStatus("SETUP", "401 No", "WWW-Authenticate: Basic realm=\"r\"\r\n"), REFUSED,
-         RTSP_CLIENT_FAILURE_UNAUTHORISED},
-        {"Bye", On("PLAY", WithBye), RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_NONE},
-        {"ByeByConformance", On("PLAY", WithBye), RTSP_CLIENT_CODE_ENDED, RTSP_CLIENT_FAILURE_NONE, true},
-    };
-    for (const char* step : {"OPTIONS", "DESCRIBE", "SETUP", "PLAY"}) {
-        faults.push_back({"Silence", OnText(step, ""), RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_NO_REPLY});
-        faults.push_back({"Close", OnText(step, Server::CLOSE), RTSP_CLIENT_CODE_CONNECTION, RTSP_CLIENT_FAILURE_LOST});
+// What a server says by a row of the faults.
+std::string FaultyAnswer(const ServerRequest& request, std::string text) {
+    if (text == "silence" || text == "close") {
+        return text == "silence" ? "" : Server::CLOSE;
     }
-    return faults;
+    if (text == "bye") {
+        return Server::Answer(request) + std::string("$\x01\0\x10\x80\xc9\0\1\0\0\0\5\x81\xcb\0\1\0\0\0\5", 20);
+    }
+    const size_t fill = text.find('{');
+    if (fill != std::string::npos) {
+        text = text.substr(0, fill) + std::string(std::stoul(text.substr(fill + 1)), 'x');
+    }
+    text = Support::Crlf(text);
+    if (text.find("RTSP/1.0") == 0) {
+        return text;
+    }
+    const size_t line = text.find("\r\n") + 2;
+    const size_t body = std::min(text.find("\r\n\r\n"), text.size() - 2) + 2;
+    return Server::Reply(request, text.substr(0, line - 2), text.substr(line, body - line),
+                         text.substr(std::min(body + 2, text.size())));
 }
 
 TEST_F(CSessionTest, EachFaultOfTheServerEndsInOneNotification) {
-    for (const Fault& fault : Faults()) {
-        SCOPED_TRACE(fault.name);
-        const Server::answer_t offers = [&](const ServerRequest& request) {
-            const std::string answer = fault.answer(request);
+    const std::map<std::string, rtsp_client_failure_t> failures = {
+        {"STATUS", RTSP_CLIENT_FAILURE_STATUS},     {"PROTOCOL", RTSP_CLIENT_FAILURE_PROTOCOL},
+        {"NO_REPLY", RTSP_CLIENT_FAILURE_NO_REPLY}, {"UNAUTHORISED", RTSP_CLIENT_FAILURE_UNAUTHORISED},
+        {"LOST", RTSP_CLIENT_FAILURE_LOST},         {"NONE", RTSP_CLIENT_FAILURE_NONE}};
+    const std::map<std::string, long> codes = {{"PROTOCOL", RTSP_CLIENT_CODE_PROTOCOL},
+                                               {"CONNECTION", RTSP_CLIENT_CODE_CONNECTION},
+                                               {"ENDED", RTSP_CLIENT_CODE_ENDED}};
+    for (const auto& row : Support::ReadTable(VIDORA_TEST_DATA "/faults.txt", "faults", 5)) {
+        SCOPED_TRACE(row[0]);
+        CScriptedServer server([&](const ServerRequest& request) {
+            std::string answer = request.method == row[1] ? FaultyAnswer(request, row[2]) : Server::Answer(request);
             const size_t place = answer.find("PAUSE, TEARDOWN");
-            return place == std::string::npos ? answer
-                                              : answer.substr(0, place) + "GET_PARAMETER, " + answer.substr(place);
-        };
-        CScriptedServer server(offers);
+            return place == std::string::npos ? answer : answer.insert(place, "GET_PARAMETER, ");
+        });
         CClientHost host;
         host.session->SetAuthInfo("user", "secret");
-        host.session->SetConformance(fault.conformance);
+        host.session->SetConformance(row[0] == "ByeByConformance");
         ASSERT_EQ(0, host.Start(server.Url()));
-        EXPECT_EQ(fault.code, host.EndCode());
-        EXPECT_EQ(fault.failure, host.session->GetFailure());
+        const bool is_silent = row[4] == "NO_REPLY";
+        EXPECT_TRUE(WaitUntil([&] {
+            // Time runs fast for whom nobody answers any more.
+            Support::AdvanceClock(is_silent && server.Count(row[1]) > 0 ? 200 : 0);
+            return host.Count(MSG_RTSP_TEARDOWN) > 0;
+        }));
+        EXPECT_EQ(codes.count(row[3]) > 0 ? codes.at(row[3]) : RTSP_CLIENT_CODE_STATUS + std::stol(row[3]),
+                  host.EndCode());
+        EXPECT_EQ(failures.at(row[4]), host.session->GetFailure());
         EXPECT_EQ(-1, host.session->Play(0.0F, 0.0F, 1.0F, false));
         host.Close();
         EXPECT_EQ(1, host.Count(MSG_RTSP_TEARDOWN));
-        if (std::string(fault.name) == "ChallengesWithoutEnd") {
-            EXPECT_EQ(9, server.Count("OPTIONS"));
-        }
+        EXPECT_TRUE(row[0] != "ChallengesWithoutEnd" || server.Count("OPTIONS") == 9);
     }
 }
 
@@ -280,7 +237,7 @@ TEST_F(CSessionTest, OneTrackThatIsSetUpSuffices) {
         "m=audio 0 RTP/AVP 8\r\na=control:a\r\nm=audio 0 RTP/AVP 0\r\na=control:b\r\n";
     CScriptedServer server([&](const ServerRequest& request) {
         if (request.method == "DESCRIBE") {
-            return OnMedia(two)(request);
+            return Server::Reply(request, "200 OK", "Content-Type: application/sdp\r\n", Server::Sdp(two));
         }
         return request.url.back() == 'v' ? Server::Reply(request, "404 No") : Server::Answer(request);
     });
@@ -442,8 +399,16 @@ TEST_F(CSessionTest, SilentStreamEndsUnlessAHostIsBusyWithIt) {
     };
     ASSERT_EQ(0, host.Start(server.Url()));
     ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
-    EXPECT_FALSE(WaitUntil([&] { return host.Count(MSG_RTSP_TEARDOWN) > 0; }, 1000));
+    const auto ends_in = [&](int rounds) {
+        while (rounds-- > 0 && host.Count(MSG_RTSP_TEARDOWN) == 0) {
+            Support::AdvanceClock(100);
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return host.Count(MSG_RTSP_TEARDOWN) > 0;
+    };
+    EXPECT_FALSE(ends_in(40));
     holds = false;
+    EXPECT_TRUE(ends_in(4000));
     EXPECT_EQ(RTSP_CLIENT_CODE_PROTOCOL, host.EndCode());
     EXPECT_EQ(RTSP_CLIENT_FAILURE_IDLE, host.session->GetFailure());
 }

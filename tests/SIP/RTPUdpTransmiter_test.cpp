@@ -431,6 +431,15 @@ TEST_F(CSingleTrackTest, CloseInTheCallbackMeetsADetachThatWaitsForIt) {
 TEST_F(CSingleTrackTest, EverythingAtOnce) {
     CTrack track;
     track.Open(PCMA);
+    const std::function<void(IRTPUdpTransmiter&, int)> calls[] = {
+        [](auto& object, int) { object.Detach(); },
+        [&](auto& object, int) { object.Attach(track.sock.Fd()); },
+        [&](auto& object, int step) { object.SetRemote("127.0.0.1", m_peer.Port(), step % 3); },
+        [](auto& object, int step) { object.SetSdpInfo(step % 2 == 0 ? SEND : RECV, PCMA); },
+        [](auto& object, int) { object.Put(MakeFrame('A', "media")); },
+        [&](auto&, int) { track.Start(); },
+        [&](auto&, int) { track.Statistics(); },
+    };
     std::atomic<int> next{0};
     std::atomic<bool> done{false};
     std::thread sender([&] {
@@ -441,28 +450,7 @@ TEST_F(CSingleTrackTest, EverythingAtOnce) {
     });
     RunTogether(4, [&] {
         for (int step = next++; step < 800; step = next++) {
-            IRTPUdpTransmiter& object = *track.object;
-            switch (step % 7) {
-                case 0:
-                    object.Detach();
-                    break;
-                case 1:
-                    object.Attach(track.sock.Fd());
-                    break;
-                case 2:
-                    object.SetRemote("127.0.0.1", m_peer.Port(), step % 3);
-                    break;
-                case 3:
-                    object.SetSdpInfo(step % 2 == 0 ? SEND : RECV, PCMA);
-                    break;
-                case 4:
-                    object.Put(MakeFrame('A', "media"));
-                    break;
-                default:
-                    track.Start();
-                    track.Statistics();
-                    break;
-            }
+            calls[static_cast<size_t>(step) % std::size(calls)](*track.object, step);
         }
     });
     track.object->Attach(track.sock.Fd());
