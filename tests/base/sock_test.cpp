@@ -261,7 +261,7 @@ TEST(PeerWatch, APeerWhoseLinkHasGoneBreaksTheConnection) {
         }
         TcpPair quiet, sending;
         for (CSockStream* sock : {&quiet.one, &sending.one}) {
-            EXPECT_EQ(0, sock->WatchPeer(2, true));
+            EXPECT_EQ(0, sock->WatchPeer(1, true));
         }
         ASSERT_TRUE(switch_loopback(false));
         sending.one.Send("x", 1);

@@ -433,6 +433,7 @@ TEST(Senders, BrokenAndStalledSocketsPostTheMessageOnce) {
         int result = put(owner->m_sender, TextBytes(1, 100000));
         EXPECT_TRUE(WaitUntil([&] {
             result = !stalled && result == 0 ? put(owner->m_sender, "x") : result;
+            AdvanceClock(stalled ? 100 : 0);
             return owner->Failures() > 0;
         })) << stalled;
         EXPECT_EQ(-1, owner->m_sender->Put("x", 1));

@@ -12,6 +12,7 @@
 #include "support/Capture.h"
 #include "support/Interleave.h"
 #include "support/StreamPeer.h"
+#include "support/TestClock.h"
 #include "support/UdpPeer.h"
 
 namespace Kavio {
@@ -267,27 +268,29 @@ TEST_F(UdpSender, KeeperReportsOneSilentIntervalOfAnyTrackOnce) {
     ASSERT_EQ(0, stranger.Open(&stranger_addr));
     const CSockAddrStorage quiet_addr("127.0.0.1", static_cast<unsigned short>(quiet_port + 1));
     ASSERT_EQ(0, m_sender.StartKeepAlive(listener.GetID(), 1));
-    const auto begin = std::chrono::steady_clock::now();
     Support::CLogCapture log;
-    const auto elapsed = [&] {
-        return std::chrono::duration<double>(std::chrono::steady_clock::now() - begin).count();
+    int elapsed_ms = 0;  // of the sender's clock
+    const auto let_time_pass = [&](int milliseconds) {
+        elapsed_ms += milliseconds;
+        Support::AdvanceClock(static_cast<uint64_t>(milliseconds));
+        usleep(50000);
     };
-    while (lapses == 0 && elapsed() < 10) {
+    while (lapses == 0 && elapsed_ms < 10000) {
         first.Send("report", port + 1);
         stranger.Send("report", 6, &quiet_addr);
-        if (elapsed() < 1.5) {
+        if (elapsed_ms < 1500) {
             second.Send("report", quiet_port + 1);
         }
-        usleep(100000);
+        let_time_pass(150);
     }
-    EXPECT_LT(2.0, elapsed());  // 1.5 seconds with signs of life, and one without
+    EXPECT_LT(2000, elapsed_ms);  // 1.5 seconds with signs of life, and one without
     EXPECT_EQ(1, lapses);
     EXPECT_EQ(1, log.Count("Keep-alive failed! timeout: 1 s "));
-    usleep(1300000);
+    let_time_pass(1300);
     EXPECT_EQ(1, lapses);  // the watch has ended
 
     ASSERT_EQ(0, m_sender.StartKeepAlive(listener.GetID(), 0));
-    usleep(100000);
+    let_time_pass(1300);
     EXPECT_EQ(1, lapses);
 }
 
