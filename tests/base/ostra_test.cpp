@@ -133,6 +133,7 @@ TEST(Time, CalendarBothWays) {
 
 TEST(Time, ArithmeticStopsAtTheEnds) {
     EXPECT_EQ(0u, (CTime(5) + -6).makeTime());
+    EXPECT_EQ(5u, (CTime(5) + 0).makeTime());
     EXPECT_EQ(15u, (CTime(5) - -10).makeTime());
     EXPECT_EQ(-10, CTime(5) - CTime(15));
     EXPECT_EQ(UINT64_MAX, (CTime(UINT64_MAX) + 1).makeTime());
