@@ -386,11 +386,7 @@ TEST(StreamParser, ConsoleCommandsShowConvertersAndPackets) {
     EXPECT_EQ(Ostra::R3Execute("spprt 2"), 0);
     convert(*encoder, make_frame(h264_frame(false, 50), 'P', 1040));
     EXPECT_EQ(out, "Output RTP: ssrc[11223344] pt[96] m[1] seq[000e] ts[000019c8] len = 62\n");
-    out.clear();
     EXPECT_EQ(Ostra::R3Execute("spprt"), 0);
-    convert(*encoder, make_frame(h264_frame(false, 50), 'P', 1080));
-    EXPECT_EQ(Ostra::R3Execute("help"), 0);
-    EXPECT_NE(out.find("spprt: \xC9\xE8"), std::string::npos);  // the help texts are GBK
     Ostra::R3SetOutput(nullptr, nullptr);
 }
 

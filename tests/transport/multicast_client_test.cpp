@@ -372,25 +372,4 @@ TEST(MulticastClient, TellsTheEndWhenASocketFails) {
     }
 }
 
-// Starts and stops while datagrams come in.
-TEST(MulticastClient, ComesAndGoesUnderLoad) {
-    const CPool pool;
-    const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
-    CUdpPeer sender;
-    for (int round = 0; round < 30; ++round) {
-        CReceived received(ClientType_RTP);
-        const int port = received.Start(&audio);
-        ASSERT_GT(port, 0);
-        for (int i = 0; i < 50; ++i) {
-            sender.Send(audio_packet(i), port);
-        }
-        if (round % 4 == 1) {
-            received.StartAt(port, &audio);
-        }
-        if (round % 2 == 0) {
-            received.Frames(1);
-        }
-    }
-}
-
 }  // namespace
