@@ -1,42 +1,33 @@
 #ifndef VIDORA_NATINTAKE_H
 #define VIDORA_NATINTAKE_H
 
+#include <memory>
+
+#include "Vidora/Names.h"
+#include "Vidora/RtspSvr.h"
+
 namespace Kavio {
-
-namespace Tramel {
-class CSockDgram;
-}
-
 namespace Vidora {
 
-class CLiveSvr;
+class CLiveSvrRef;
 class CRtspSvrConfig;
+class CSessionRoll;
 
-// What CRtspSvr::AddNewConnect says about a connection that is not an ordinary one.
-struct ConnectRecord {
-    int kind;       // CONNECT_KIND_NAT; any other value makes an ordinary connection
-    int values[4];  // go to the NAT session unchanged
-};
-const int CONNECT_KIND_NAT = 2;
-
-// INatIntake: what CSvrSessionManager hands NAT streams to. The layer of NAT sessions stands above the server, and so
-// installs its intake here; without one the connection is closed, with a log line.
+// INatIntake: what CSvrSessionManager hands NAT streams to. The layer of NAT sessions stands above the server, and the
+// entry, which stands above both, gives the manager its intake.
 //
-// THREADING  Any thread, with no lock held.
+// THREADING  Any thread, with no lock held; it doesn't wait.
+// OWNERSHIP  Borrowed, and lives as long as the process.
 class INatIntake {
 public:
+    // Takes `sock` over, also on failure. `peer` is the address that the host's rendezvous has found, as text. 0: the
+    // socket comes back by `socket_return`, once. -1: it is closed, and `socket_return` isn't called.
+    virtual int add_connection(std::unique_ptr<Tramel::CSockDgram> sock, const char* peer,
+                               const nat_return_t& socket_return, const CRtspSvrConfig& config,
+                               const CLiveSvrRef& live_svr, const std::shared_ptr<CSessionRoll>& roll) = 0;
+
+protected:
     virtual ~INatIntake() = default;
-
-    // Takes `sock` over, also on failure, with the `len` bytes at `buf` that were read from it (`buf` may be null with
-    // `len` 0). 0, or -1 if the connection was refused.
-    virtual int add_connection(Tramel::CSockDgram* sock, const char* buf, int len, const int (&values)[4],
-                               const CRtspSvrConfig& config, CLiveSvr* live_svr) = 0;
-
-    // Makes `intake` that of the process; null restores the refusal. It is borrowed, and must live as long as servers
-    // do.
-    static void Install(INatIntake* intake);
-    // Never null.
-    static INatIntake* Get();
 };
 
 }  // namespace Vidora

@@ -4,7 +4,8 @@
 #include <cstring>
 #include <new>
 
-#include "SvrSessionCore.h"
+#include "Nat/P2PSvrSession.h"
+#include "SvrHandler.h"
 #include "SvrSessionManager.h"
 #include "Tramel/MediaCounters.h"
 #include "Tramel/SockAcceptor.h"
@@ -27,7 +28,7 @@ struct CRtspSvr::Internal {
 
 CRtspSvr::CRtspSvr() : m_internal(new (std::nothrow) Internal) {
     if (m_internal != nullptr) {
-        m_internal->m_manager = new (std::nothrow) CSvrSessionManager;
+        m_internal->m_manager = new (std::nothrow) CSvrSessionManager(NatSessions());
     }
 }
 
@@ -133,7 +134,7 @@ int CRtspSvr::handle_close(CNetHandler* /*handler*/) {
 }
 
 unsigned int CRtspSvr::GetSessionCount() {
-    return CSvrSessionCore::GetCount();
+    return CSvrHandler::GetCount();
 }
 
 void CRtspSvr::GetStatistics(RtspSvrStatistics& statistics) {

@@ -54,9 +54,5 @@ int CRtspSvrSession::handle_input(int fd) {
     return take_requests(count);
 }
 
-void CRtspSvrSession::close_session() {
-    CNetHandler::Close();
-}
-
 }  // namespace Vidora
 }  // namespace Kavio

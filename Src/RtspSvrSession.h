@@ -18,7 +18,6 @@ public:
 
 protected:
     int Init(int count) override;
-    void close_session() override;
 
 private:
     ~CRtspSvrSession() override = default;

@@ -25,6 +25,12 @@ uint64_t random_session_id() {
     return id != 0 ? id : 1;
 }
 
+bool checks_onvif_urls(const CRtspSvrConfig& config) {
+    OnvifUserGlobalConfig item = {};
+    int length = sizeof(item);
+    return config.GetConfig(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, &item, length) == 0 && item.enable != 0;
+}
+
 }  // namespace
 
 CSvrConversation::CSvrConversation(ISvrLink& link) : m_link(link) {
@@ -41,9 +47,9 @@ void CSvrConversation::SetConfig(const CRtspSvrConfig& config) {
     }
 }
 
-void CSvrConversation::OpenGate(rtsp_auth_t type, bool checks_onvif) {
+void CSvrConversation::OpenGate(rtsp_auth_t type) {
     const rtsp_auth_func_t make_module = m_config.GetAuthFunc();
-    m_gate.Open(type != 0 && make_module != nullptr ? make_module(type) : nullptr, checks_onvif);
+    m_gate.Open(type != 0 && make_module != nullptr ? make_module(type) : nullptr, checks_onvif_urls(m_config));
 }
 
 void CSvrConversation::Welcome(const CSockAddrStorage& peer) {
@@ -59,10 +65,15 @@ void CSvrConversation::Farewell() {
     }
 }
 
+int CSvrConversation::LookAtMessage(const char* text, int length, rtsp_msg_info& info) {
+    const int size = m_codec.check_message(text, static_cast<unsigned int>(length), &info);
+    return size == RTSP_INCOMPLETE ? 0 : size;
+}
+
 int CSvrConversation::TakeMessage(const char* text, int length) {
     rtsp_msg_info info;
-    const int size = m_codec.check_message(text, static_cast<unsigned int>(length), &info);
-    if (size == RTSP_INCOMPLETE) {
+    const int size = LookAtMessage(text, length, info);
+    if (size == 0) {
         return 0;
     }
     if (size < 0) {

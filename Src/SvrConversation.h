@@ -52,12 +52,15 @@ public:
     void SetLiveSvr(const CLiveSvrRef& live_svr) { m_source.SetLiveSvr(live_svr); }
     const CRtspSvrConfig& Config() const { return m_config; }
     // Puts the host's module of that type in front; see CAuthGate::Open.
-    void OpenGate(rtsp_auth_t type, bool checks_onvif);
+    void OpenGate(rtsp_auth_t type);
     // The client goes on by another connection: the gate judges it anew.
     void RearmGate() { m_gate.Rearm(); }
     // Tells the host of its client, which its events and lines of the log name from then on.
     void Welcome(const CSockAddrStorage& peer);
 
+    // What the message at the start of `length` bytes is, as TakeMessage finds it: the bytes that it takes, 0 or
+    // negative. Nothing is served.
+    int LookAtMessage(const char* text, int length, rtsp_msg_info& info);
     // Serves the message at the start of `length` bytes, behind which a NUL stands: the bytes that it takes, 0 if it
     // isn't whole, negative if the conversation has to end.
     int TakeMessage(const char* text, int length);

@@ -1,11 +1,8 @@
 #include "SvrSessionCore.h"
 
 #include <algorithm>
-#include <atomic>
-#include <utility>
 
 #include "InterleavedRoute.h"
-#include "Ostra/PageMemory.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StreamSender.h"
 #include "UdpRoute.h"
@@ -19,31 +16,10 @@ const unsigned int SEND_BUFFER_SIZE = 204800;
 const unsigned int MAX_PEER_TIMEOUT_SEC = 60;
 const unsigned int MIN_PEER_TIMEOUT_SEC = 10;  // a few retransmissions on a bad line
 
-std::atomic<unsigned int> session_count{0};
-
-bool checks_onvif_urls(const CRtspSvrConfig& config) {
-    OnvifUserGlobalConfig item = {};
-    int length = sizeof(item);
-    return config.GetConfig(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, &item, length) == 0 && item.enable != 0;
-}
-
 }  // namespace
 
-void* CSvrSessionCore::operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return Ostra::NewPages(size);
-}
-
-void CSvrSessionCore::operator delete(void* memory, std::size_t size) noexcept {
-    Ostra::DeletePages(memory, size);
-}
-
-CSvrSessionCore::CSvrSessionCore() : m_conversation(*this) {
+CSvrSessionCore::CSvrSessionCore() : CSvrHandler(m_conversation), m_conversation(*this) {
     m_requests.SetSpace(m_request_space);
-    ++session_count;
-}
-
-unsigned int CSvrSessionCore::GetCount() {
-    return session_count;
 }
 
 CSvrSessionCore::~CSvrSessionCore() {
@@ -59,11 +35,6 @@ CSvrSessionCore::~CSvrSessionCore() {
     logInfo("%s %s this:%p\n", __FILE__, "Vidora::CSvrSessionCore::~CSvrSessionCore", static_cast<void*>(this));
 }
 
-int CSvrSessionCore::SetRoll(const std::shared_ptr<CSessionRoll>& roll) {
-    m_entry = CSessionEntry::Create(roll, GetID(), MSG_SESSION_END, MSG_SESSION_BROKEN);
-    return m_entry != nullptr ? 0 : -1;
-}
-
 void CSvrSessionCore::open_sender() {
     m_stream_sender = CStreamSender::Create();
     if (m_stream_sender != nullptr) {
@@ -73,7 +44,7 @@ void CSvrSessionCore::open_sender() {
 }
 
 void CSvrSessionCore::open_connection(rtsp_auth_t auth_type) {
-    m_conversation.OpenGate(auth_type, checks_onvif_urls(m_conversation.Config()));
+    m_conversation.OpenGate(auth_type);
     m_sock->SetSockSendBuf(SEND_BUFFER_SIZE);
     watch_peer(*m_sock);
     open_sender();
@@ -125,46 +96,8 @@ int CSvrSessionCore::handle_output(int fd) {
     return m_stream_sender == nullptr ? 0 : m_stream_sender->handle_output(fd);
 }
 
-int CSvrSessionCore::handle_exception(int /*fd*/) {
-    m_conversation.OnLinkError();
-    return 0;
-}
-
 int CSvrSessionCore::handle_input_timeout(int /*fd*/) {
     m_conversation.OnControlSilence();
-    return 0;
-}
-
-int64_t CSvrSessionCore::handle_timeout(long timer_id) {
-    m_conversation.OnTimer(timer_id);
-    return 0;
-}
-
-int CSvrSessionCore::handle_message(long /*sender_id*/, unsigned int msg, long param) {
-    if (msg == MSG_SESSION_INIT) {
-        begin(static_cast<int>(param));
-    } else {
-        m_conversation.OnMessage(msg, param);
-    }
-    return 0;
-}
-
-// A session whose server was stopped meanwhile goes unheard: its host counts on hearing nothing more.
-void CSvrSessionCore::begin(int count) {
-    if (m_entry == nullptr || m_entry->Enter()) {
-        Init(count);
-    } else {
-        close_session();
-    }
-}
-
-// While the session is whole: what it holds may call back until it is let go.
-int CSvrSessionCore::handle_close(CNetHandler* /*handler*/) {
-    std::unique_ptr<CSessionEntry> entry = std::move(m_entry);  // leaves when nothing of the session is left
-    m_conversation.Release();
-    delete this;
-    entry.reset();
-    --session_count;
     return 0;
 }
 

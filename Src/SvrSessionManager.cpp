@@ -1,5 +1,6 @@
 #include "SvrSessionManager.h"
 
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -40,12 +41,18 @@ int bounded_length(const char* buf) {
 }
 
 // The record that `extra` of AddNewConnect leads to, if it is that of a NAT stream; otherwise null.
-const ConnectRecord* nat_record(long extra) {
+const NatConnectRecord* nat_record(long extra) {
     if (extra == 0 || extra == 1) {
         return nullptr;
     }
-    const ConnectRecord* record = reinterpret_cast<const ConnectRecord*>(extra);
+    const NatConnectRecord* record = reinterpret_cast<const NatConnectRecord*>(extra);
     return record->kind == CONNECT_KIND_NAT ? record : nullptr;
+}
+
+bool is_dgram_sock(int fd) {
+    int type = 0;
+    socklen_t length = sizeof(type);
+    return getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &length) == 0 && type == SOCK_DGRAM;
 }
 
 }  // namespace
@@ -95,8 +102,10 @@ private:
     }
 };
 
-CSvrSessionManager::CSvrSessionManager()
-    : m_roll(CSessionRoll::Create()), m_http_manager(new (std::nothrow) CRtspOverHttpSessionManager(m_roll)) {
+CSvrSessionManager::CSvrSessionManager(INatIntake& nat_intake)
+    : m_nat_intake(nat_intake),
+      m_roll(CSessionRoll::Create()),
+      m_http_manager(new (std::nothrow) CRtspOverHttpSessionManager(m_roll)) {
     CFrameWatch::RegisterConsole();
 }
 
@@ -135,13 +144,14 @@ bool CSvrSessionManager::is_stopped() {
 
 int CSvrSessionManager::AddNewConnect(int fd, const char* buf, int len, long extra) {
     const int text_len = bounded_length(buf);
-    if (fd < 0 || text_len > MAX_HANDED_LEN || is_stopped()) {
+    const bool is_taken = fd >= 0 && text_len <= MAX_HANDED_LEN;
+    const NatConnectRecord* nat = is_taken ? nat_record(extra) : nullptr;
+    if (nat != nullptr) {
+        return add_nat_stream(fd, buf, nat->on_return);
+    }
+    if (!is_taken || is_stopped()) {
         logError("%s %d AddNewConnect Failed!len: %d\n", __FILE__, __LINE__, len);
         return -1;  // fd stays the caller's
-    }
-    const ConnectRecord* nat = nat_record(extra);
-    if (nat != nullptr) {
-        return add_nat_stream(fd, buf, nat->values);
     }
     std::unique_ptr<CSockStream> sock(new (std::nothrow) CSockStream);
     if (sock == nullptr || sock->Attach(fd) < 0) {
@@ -175,11 +185,10 @@ int CSvrSessionManager::AddNewConnect(int fd, const char* buf, int len, long ext
     return 0;
 }
 
-int CSvrSessionManager::add_nat_stream(int fd, const char* buf, const int (&values)[4]) {
-    CSockDgram* sock = new (std::nothrow) CSockDgram;
-    if (sock == nullptr || sock->Attach(fd) < 0) {
+int CSvrSessionManager::add_nat_stream(int fd, const char* peer, const nat_return_t& socket_return) {
+    std::unique_ptr<CSockDgram> sock(new (std::nothrow) CSockDgram);
+    if (is_stopped() || sock == nullptr || !is_dgram_sock(fd) || sock->Attach(fd) < 0) {
         logError("%s %d Attach Sock Failed!\n", __FILE__, __LINE__);
-        delete sock;
         close(fd);
         return -1;
     }
@@ -188,7 +197,7 @@ int CSvrSessionManager::add_nat_stream(int fd, const char* buf, const int (&valu
     const CRtspSvrConfig config(m_config);
     const CLiveSvrRef live_svr = m_live_svr;
     m_mutex.leave();
-    return INatIntake::Get()->add_connection(sock, buf, bounded_length(buf), values, config, live_svr.get());
+    return m_nat_intake.add_connection(std::move(sock), peer, socket_return, config, live_svr, m_roll);
 }
 
 void CSvrSessionManager::mark_locked(const CSockStream& sock) {

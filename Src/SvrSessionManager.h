@@ -7,6 +7,7 @@
 #include "SessionRoll.h"
 #include "StreamSource/LiveSvrRef.h"
 #include "Vidora/Names.h"
+#include "Vidora/RtspSvr.h"
 #include "Vidora/RtspSvrConfig.h"
 
 namespace Kavio {
@@ -14,6 +15,7 @@ namespace Vidora {
 
 class CLiveSvr;
 class IHttpIntake;
+class INatIntake;
 
 // CSvrSessionManager: holds each new connection until its first bytes tell what it is, and then makes the session.
 //
@@ -25,7 +27,7 @@ class IHttpIntake;
 // OWNERSHIP  Owns waiting connections; a session owns itself, and shares the roll. Ended with Close().
 class CSvrSessionManager : public CNetHandler {
 public:
-    CSvrSessionManager();
+    explicit CSvrSessionManager(INatIntake& nat_intake);
 
     void SetLiveSvr(CLiveSvr* live_svr);
     void SetConfig(const CRtspSvrConfig& config);
@@ -52,7 +54,7 @@ private:
 
     ~CSvrSessionManager() override;
 
-    int add_nat_stream(int fd, const char* buf, const int (&values)[4]);
+    int add_nat_stream(int fd, const char* peer, const nat_return_t& socket_return);
     int add_waiting_locked(std::unique_ptr<CSockStream> sock, long extra) VIDORA_REQUIRES(m_mutex);
     void mark_locked(const CSockStream& sock) VIDORA_REQUIRES(m_mutex);
     int wait_for_rest_locked(connections_t::iterator it) VIDORA_REQUIRES(m_mutex);
@@ -61,6 +63,7 @@ private:
     void hand_on_http(CSockStream* sock, const char* buf, int len, uint64_t deadline_us);
     void start_rtsp_session(CSockStream* sock, const char* buf, int len, long extra);
 
+    INatIntake& m_nat_intake;
     const std::shared_ptr<CSessionRoll> m_roll;
 
     CMutex m_mutex;

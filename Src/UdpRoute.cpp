@@ -4,9 +4,7 @@
 
 #include "Protocol/RtspTables.h"
 #include "TrackTable.h"
-#include "Vidora/LiveChannel.h"
 #include "Vidora/RtspSvrConfig.h"
-#include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -82,22 +80,6 @@ void CUdpRoute::Switch(const CTrack& track, bool on) {
 
 void CUdpRoute::Pause(const CTrack& track) {
     m_sender.PauseTrack(track.send_channel);
-}
-
-int CUdpRoute::EnterLive(CLiveChannel& channel, packet_type_t type) {
-    return channel.Enter(&m_sender, type);
-}
-
-void CUdpRoute::LeaveLive(CLiveChannel& channel, packet_type_t type) {
-    channel.Leave(&m_sender, type);
-}
-
-void CUdpRoute::EnterBuffer(CMediaBuffer& buffer) {
-    buffer.AddLevel2Buffer(&m_sender);
-}
-
-void CUdpRoute::LeaveBuffer(CMediaBuffer& buffer) {
-    buffer.DelLevel2Buffer(&m_sender);
 }
 
 // The control connection of a UDP client may be silent as long as its reports come.

@@ -1,7 +1,7 @@
 #ifndef VIDORA_UDPROUTE_H
 #define VIDORA_UDPROUTE_H
 
-#include "MediaRoute.h"
+#include "Level2Route.h"
 #include "RtpUdpSender.h"
 #include "SvrLink.h"
 
@@ -9,7 +9,7 @@ namespace Kavio {
 namespace Vidora {
 
 // CUdpRoute: media over a pair of UDP sockets a track, to the client or to a group that it has named.
-class CUdpRoute : public IMediaRoute {
+class CUdpRoute : public CLevel2Route {
 public:
     // A route to the client at `peer`, or to the group of its wish. Null if memory is short, or what it names is no
     // group.
@@ -19,15 +19,11 @@ public:
     const multicast_info* Group() const override { return m_to_group ? &m_group : nullptr; }
     void Switch(const CTrack& track, bool on) override;
     void Pause(const CTrack& track) override;
-    int EnterLive(CLiveChannel& channel, packet_type_t type) override;
-    void LeaveLive(CLiveChannel& channel, packet_type_t type) override;
-    void EnterBuffer(CMediaBuffer& buffer) override;
-    void LeaveBuffer(CMediaBuffer& buffer) override;
     silence_rule_t Watch(long handler_id, int timeout_s) override;
     int SendReport(const unsigned char* report, unsigned int length, int channel) override;
 
 private:
-    CUdpRoute() = default;
+    CUdpRoute() : CLevel2Route(m_sender) {}
 
     CRtpUdpSender m_sender;
     bool m_to_group = false;

@@ -99,8 +99,41 @@ int CSockDgram::SetRemote(const CSockAddr* remote) {
         return to.IsValid() ? 0 : -1;
     }
     // A socket that was connected before keeps the address that it sent from, which this host may have lost.
+    return ClearRemote() == 0 && connect_to(to.Native(), length) ? 0 : -1;
+}
+
+int CSockDgram::ClearRemote() {
+    CSockAddrStorage before;
+    CSockAddrStorage now;
     const struct sockaddr none = {};  // AF_UNSPEC
-    return connect_to(&none, sizeof(none)) && connect_to(to.Native(), length) ? 0 : -1;
+    if (GetLocalAddr(&before) != 0 || ::connect(m_fd, &none, sizeof(none)) != 0 || GetLocalAddr(&now) != 0) {
+        return -1;
+    }
+    if (now.GetPort() == before.GetPort()) {
+        return 0;
+    }
+    // The system takes a port away again that it has chosen itself.
+    now.SetPort(before.GetPort());
+    return ::bind(m_fd, now.Native(), static_cast<socklen_t>(now.GetAddrLen()));
+}
+
+// What the kernel makes of ICMP and ICMPv6 messages.
+bool CSockDgram::IsPeerError(int error) {
+    switch (error) {
+        case ECONNREFUSED:
+        case EHOSTUNREACH:
+        case EHOSTDOWN:
+        case ENETUNREACH:
+        case ENONET:
+        case ENOPROTOOPT:
+        case EOPNOTSUPP:
+        case EMSGSIZE:
+        case EPROTO:
+        case EACCES:
+            return true;
+        default:
+            return false;
+    }
 }
 
 int CSockDgram::SetTarget(const CSockAddrStorage& remote, unsigned int interface_index,

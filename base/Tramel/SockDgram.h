@@ -16,7 +16,7 @@ struct DgramSlice {
 // CSockDgram: a UDP socket.
 //
 // THREADING  No lock. Opened, set up and closed by one thread while nothing else runs; in between one thread may send
-//            while another receives.
+//            runs (SendMerged, SendBatch), another one single datagrams, and a third receive.
 class CSockDgram : public CSock {
 public:
     CSockDgram() = default;
@@ -26,9 +26,15 @@ public:
     int Open(const CSockAddr* local);
     // Sets where Send with a null address goes (connects the socket), also once more. 0 or -1.
     int SetRemote(const CSockAddr* remote);
-    // The same without connecting: the route, and the address to send from, are found anew for each datagram, and what
-    // others send is received as well. `interface_index` above 0: datagrams leave by that interface, with the address
-    // `source` if it is valid. Not after SetRemote. 0 or -1.
+    // Takes that back: the socket sends nowhere of itself, and receives from everybody; its port stays.
+    // 0 or -1.
+    int ClearRemote();
+    // Whether Recv or a send failed with an error, an errno, that ICMP has told of an earlier datagram: the socket goes
+    // on.
+    static bool IsPeerError(int error);
+    // As SetRemote, without connecting: the route, and the address to send from, are found anew for each datagram, and
+    // what others send is received as well. `interface_index` above 0: datagrams leave by that interface, with the
+    // address `source` if it is valid. Not after SetRemote. 0 or -1.
     int SetTarget(const CSockAddrStorage& remote, unsigned int interface_index = 0,
                   const CSockAddrStorage& source = CSockAddrStorage());
     // Reads one datagram without blocking: its size, cut at `len`; 0 when nothing is there; -1 on failure. `from` may

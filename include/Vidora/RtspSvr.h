@@ -21,6 +21,23 @@ struct RtspSvrStatistics {
     uint64_t dropped = 0;   // frames or packets dropped, once for each client whose queue or socket had no room
 };
 
+// How the socket of a NAT stream comes back to the host: called with NAT_SOCKET_RETURN, a pointer to the descriptor, an
+// int, which is good during the call only, and its size, 4.
+//
+// It is called once for each AddNewConnect that gave 0, on a thread of the pool, when the session has ended and the
+// server has let go of all else that belonged to it; the host may call anything there, CRtspSvr::Close included. The
+// descriptor is the host's from the call on, to use again or to close. It is bound as before and no longer connected to
+// any peer, and stays non-blocking. Without a pool (see CNetThread) it waits for the next one.
+typedef TFunction3<void, int, void*, int> nat_return_t;
+const int NAT_SOCKET_RETURN = 1;
+
+// What the `extra` of CRtspSvr::AddNewConnect points to for a NAT stream. It is copied inside the call.
+const int CONNECT_KIND_NAT = 2;
+struct NatConnectRecord {
+    int kind = CONNECT_KIND_NAT;
+    nat_return_t on_return;  // empty: the socket is closed at the end
+};
+
 // CRtspSvr: an RTSP server (RFC 2326) on one listening address.
 //
 // Order of use: CNetThread::CreateThreadPool, CRtspSvr::Create, SetLiveSvr, SetConfig; at the end Stop, EndSessions and
@@ -53,9 +70,18 @@ public:
     // Takes over a connection that the host has accepted, with the bytes it has read already: `buf` is null or a text
     // of at most 512 characters with `len` bytes. If `buf` doesn't hold a whole request head (up to an empty line) its
     // bytes are dropped. `extra`: 0 an ordinary connection; 1 one that is exempt from RTSP authentication; otherwise a
-    // pointer to five ints, a kind and four values, that describe a NAT stream (kind 2). Returns without waiting for
-    // the first request to be served. 0, or -1: bad arguments (`fd` stays the caller's), the server is closing, or `fd`
-    // can't be taken.
+    // pointer to a record that begins with an int, its kind, of which CONNECT_KIND_NAT alone has a meaning. Returns
+    // without waiting for the first request to be served. 0, or -1: bad arguments, the server is stopped, or `fd` can't
+    // be taken; it stays the caller's.
+    //
+    // With a NatConnectRecord `fd` is a UDP socket, bound and not connected, for which the host has found a way through
+    // the client's address translation, and `buf` is the address of the client as the host's rendezvous has seen it,
+    // "192.0.2.1:4000" or "[2001:db8::1]:4000", numeric. RTSP and RTP share the socket, each message a datagram (see
+    // CP2PClientSession for the other end). The client has to say hello from that address, whatever the port, and must
+    // not be silent for 15 seconds, or the session ends; CountSessions and EndSessions know it as any other. It gets no
+    // connect event and no disconnect event. 0: the socket comes back by `on_return`, once. -1: a negative `fd` and a
+    // text that is too long stay the caller's; otherwise (server stopped, no UDP socket, no address, memory short) `fd`
+    // is closed, and `on_return` isn't called.
     int AddNewConnect(int fd, const char* buf, int len, long extra);
 
     // Ends the listener and the connections that haven't sent their first request; no session begins any more. Those

@@ -2,6 +2,7 @@
 #include <thread>
 
 #include "Tramel/Reactor.h"
+#include "server/NatViewer.h"
 #include "server/ServerFixture.h"
 #include "support/Descriptors.h"
 #include "support/Loopback.h"
@@ -47,7 +48,10 @@ protected:
         PlayInterleaved(Connect(), FILE_CONTENT);
         CRtspTestClient& waiting = Connect();
         waiting.Send("OPTIONS * RTSP/1.0\r\n");
-        ASSERT_EQ(8u, m_svr->CountSessions());
+        ASSERT_EQ(0, m_viewer.HandIn(*m_svr));
+        ASSERT_EQ(SERVER_HELLO, m_viewer.Text());
+        ASSERT_TRUE(m_viewer.Play(Url()));
+        ASSERT_EQ(9u, m_svr->CountSessions());
         // The players don't read any more: they are stalled as soon as the sockets are full.
         const uint64_t before = CountDropped();
         ASSERT_TRUE(Support::WaitUntil([&] { return CountDropped() > before; }));
@@ -75,11 +79,15 @@ protected:
         m_host.reset();
         CNetThread::CreateThreadPool(4, false);  // what the acts left behind ends with its clients
         m_clients.clear();
+        m_viewer.Send("garbage");
         EXPECT_TRUE(SessionsGone());
+        EXPECT_TRUE(Support::WaitUntil([&] { return m_viewer.Returns() == 1; }));
+        EXPECT_TRUE(m_viewer.IsAsItWas());
         m_live_svr = m_live_svr != nullptr ? m_live_svr : CLiveSvr::Create(0);
     }
 
     CUdpPeer m_rtp;
+    CNatViewer m_viewer;
     std::vector<std::unique_ptr<CRtspTestClient>> m_clients;
     std::unique_ptr<CFramePump> m_host;
 };

@@ -1,0 +1,60 @@
+#ifndef VIDORA_P2PSESSIONCORE_H
+#define VIDORA_P2PSESSIONCORE_H
+
+#include <memory>
+
+#include "LinkTimer.h"
+#include "Nat/LastReply.h"
+#include "SvrHandler.h"
+#include "Tramel/SockDgram.h"
+
+namespace Kavio {
+namespace Vidora {
+
+// CP2PSessionCore: a conversation over one UDP socket: each text, and each packet of the media, is a datagram. It knows
+// the peer once that is fixed; how it comes to be is the derived class's.
+//
+// A request that comes again gets the reply that it has got. Seconds without a datagram of the peer, which repeats its
+// hello all the time, end the session. What ICMP tells is taken for silence.
+//
+// OWNERSHIP  Owns the socket and the conversation. The media's route borrows the socket.
+// MEMORY     A peer can make it keep one reply, and what the conversation keeps.
+class CP2PSessionCore : public CSvrHandler {
+public:
+    int64_t handle_timeout(long timer_id) override;
+
+    void SendText(const char* text, int length) override;
+    void StopSending() override { m_stopped = true; }
+    void GetPeer(CSockAddrStorage& peer) override { peer = m_remote; }
+    std::unique_ptr<IMediaRoute> MakeRoute(const RouteWish& wish) override;
+    bool SendsReports() const override { return false; }
+
+protected:
+    CP2PSessionCore();
+
+    // The time until the peer counts as silent begins now, for the first time or anew.
+    bool watch_silence();
+    void note_sign_of_life() { m_heard_us = CTime::getCurrentMicroSecond(); }
+    // Serves the datagram, behind which a NUL stands, as one whole request. 0, or -1: the session is ending.
+    int take_request(const char* text, int length);
+    void send(const char* text, size_t length) { m_sock->Send(text, static_cast<unsigned int>(length), nullptr); }
+    bool stopped() const { return m_stopped; }
+
+    std::unique_ptr<CSockDgram> m_sock;
+    CSockAddrStorage m_remote;  // the peer
+
+private:
+    bool m_stopped = false;
+    uint64_t m_heard_us = 0;  // of the peer
+    CLinkTimer m_silence{*this};
+    CLastReply m_last_reply;
+
+protected:
+    // Behind the few fields above: what it ends with are pages that stay untouched.
+    CSvrConversation m_conversation;
+};
+
+}  // namespace Vidora
+}  // namespace Kavio
+
+#endif  // VIDORA_P2PSESSIONCORE_H

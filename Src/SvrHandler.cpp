@@ -1,0 +1,77 @@
+#include "SvrHandler.h"
+
+#include <atomic>
+#include <utility>
+
+#include "Ostra/PageMemory.h"
+
+namespace Kavio {
+namespace Vidora {
+
+namespace {
+
+std::atomic<unsigned int> session_count{0};
+
+}  // namespace
+
+void* CSvrHandler::operator new(std::size_t size, const std::nothrow_t&) noexcept {
+    return Ostra::NewPages(size);
+}
+
+void CSvrHandler::operator delete(void* memory, std::size_t size) noexcept {
+    Ostra::DeletePages(memory, size);
+}
+
+CSvrHandler::CSvrHandler(CSvrConversation& conversation) : m_talk(conversation) {
+    ++session_count;
+}
+
+unsigned int CSvrHandler::GetCount() {
+    return session_count;
+}
+
+int CSvrHandler::SetRoll(const std::shared_ptr<CSessionRoll>& roll) {
+    m_entry = CSessionEntry::Create(roll, GetID(), MSG_SESSION_END, MSG_SESSION_BROKEN);
+    return m_entry != nullptr ? 0 : -1;
+}
+
+int CSvrHandler::handle_exception(int /*fd*/) {
+    m_talk.OnLinkError();
+    return 0;
+}
+
+int64_t CSvrHandler::handle_timeout(long timer_id) {
+    m_talk.OnTimer(timer_id);
+    return 0;
+}
+
+int CSvrHandler::handle_message(long /*sender_id*/, unsigned int msg, long param) {
+    if (msg == MSG_SESSION_INIT) {
+        begin(static_cast<int>(param));
+    } else {
+        m_talk.OnMessage(msg, param);
+    }
+    return 0;
+}
+
+// A session whose server was stopped meanwhile goes unheard: its host counts on hearing nothing more.
+void CSvrHandler::begin(int count) {
+    if (m_entry == nullptr || m_entry->Enter()) {
+        Init(count);
+    } else {
+        close_session();
+    }
+}
+
+// While the session is whole: what it holds may call back until it is let go.
+int CSvrHandler::handle_close(CNetHandler* /*handler*/) {
+    std::unique_ptr<CSessionEntry> entry = take_entry();  // leaves when nothing of the session is left
+    m_talk.Release();
+    delete this;
+    entry.reset();
+    --session_count;
+    return 0;
+}
+
+}  // namespace Vidora
+}  // namespace Kavio

@@ -1,0 +1,268 @@
+#include "Nat/P2PSvrSession.h"
+#include "Nat/P2PUdpSender.h"
+#include "server/NatViewer.h"
+#include "server/ServerFixture.h"
+#include "support/Descriptors.h"
+#include "support/StreamPeer.h"
+#include "support/TestClock.h"
+
+namespace Kavio {
+namespace Vidora {
+namespace {
+
+using Support::AdvanceClock;
+using Support::WaitUntil;
+
+int StatusOf(const std::string& reply) {
+    return reply.compare(0, 9, "RTSP/1.0 ") == 0 ? std::stoi(reply.substr(9)) : 0;
+}
+
+class NatServer : public CServerTest {
+protected:
+    void SetUp() override { m_source_of_channel = StartWithChannel(); }
+
+    // A session that plays, once it has greeted.
+    void Begin(CNatViewer& viewer) {
+        ASSERT_EQ(0, viewer.HandIn(*m_svr));
+        ASSERT_EQ(SERVER_HELLO, viewer.Text());
+        ASSERT_TRUE(viewer.Greet());
+        ASSERT_TRUE(viewer.Play(Url()));
+    }
+    static bool CameBackOnce(const CNatViewer& viewer) {
+        return WaitUntil([&] { return viewer.Returns() > 0; }) && SessionsGone() && viewer.Returns() == 1;
+    }
+
+    CFakeStreamSource* m_source_of_channel = nullptr;
+};
+
+TEST_F(NatServer, PlaysOverOneSocketAsPlainDatagrams) {
+    CNatViewer viewer;
+    ASSERT_EQ(0, viewer.HandIn(*m_svr));
+    EXPECT_EQ(SERVER_HELLO, viewer.Text());
+    EXPECT_TRUE(viewer.Greet());
+    EXPECT_EQ(200, StatusOf(viewer.Ask("DESCRIBE", Url())));
+    for (const std::string& refused :
+         {std::string("Transport: RTP/AVP;multicast\r\n"), UdpTransport(5000), std::string(PRIVATE)}) {
+        EXPECT_EQ(461, StatusOf(viewer.Ask("SETUP", Url() + "/trackID=0", refused))) << refused;
+    }
+    const std::string setup = viewer.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED);
+    EXPECT_NE(std::string::npos, setup.find("RTP/AVP/TCP;unicast;interleaved=0-1")) << setup;
+    EXPECT_EQ(461, StatusOf(viewer.Ask("SETUP", Url() + "/trackID=0", PRIVATE)));
+    EXPECT_EQ(200, StatusOf(viewer.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED)));
+    EXPECT_EQ(200, StatusOf(viewer.Ask("PLAY", Url())));
+    EXPECT_EQ(1u, m_svr->CountSessions());
+    for (unsigned int i = 0; i < 3; ++i) {
+        ASSERT_TRUE(Give(m_source_of_channel, i, 3000));
+    }
+    for (int i = 0; i < 6; ++i) {
+        EXPECT_EQ('\x80', viewer.Packet()[0]);
+    }
+    EXPECT_TRUE(viewer.Greet());
+    EXPECT_EQ(200, StatusOf(viewer.Ask("TEARDOWN", Url())));
+    EXPECT_EQ(0, viewer.Returns());
+    EXPECT_EQ(0u, m_svr->EndSessions(20000));
+    EXPECT_EQ(1, viewer.Returns());
+    EXPECT_TRUE(viewer.IsAsItWas());
+    EXPECT_EQ(std::vector<std::string>(), CEventLog::All());
+}
+
+// Each row: what comes before anything else, to a server that knows the viewer by `known`; whether it begins the
+// session.
+TEST_F(NatServer, OnlyAHelloOrARequestFromTheKnownAddressFixesThePeer) {
+    const struct {
+        const char* known;
+        std::string first;
+        bool fixes;
+    } rows[] = {
+        {"127.0.0.1:9", CLIENT_HELLO, true},  // a translation may show another port
+        {"127.0.0.1:9", std::string(CLIENT_HELLO) + "-2", true},
+        {"127.0.0.1:9", OPTIONS_TEXT, true},
+        {"127.0.0.9:9", CLIENT_HELLO, false},
+        {"127.0.0.9:9", OPTIONS_TEXT, false},
+        {"[::1]:9", CLIENT_HELLO, false},
+        {"127.0.0.1:9", "RTSP Client/2.0", false},
+        {"127.0.0.1:9", std::string(OPTIONS_TEXT, sizeof(OPTIONS_TEXT) - 3), false},
+        {"127.0.0.1:9", std::string(70000 / 2, 'x'), false},
+        {"127.0.0.1:9", std::string(1, '\0'), false},
+    };
+    for (const auto& row : rows) {
+        CNatViewer viewer;
+        ASSERT_EQ(0, viewer.HandIn(*m_svr, row.known));
+        viewer.Send("x");
+        ASSERT_TRUE(WaitUntil([&] { return viewer.IsRead(); }));  // the time runs
+        AdvanceClock(10000);
+        viewer.Send(row.first);
+        if (row.fixes) {
+            EXPECT_NE("", viewer.Text()) << row.known << row.first;
+        }
+        ASSERT_TRUE(WaitUntil([&] { return viewer.IsRead(); }));
+        AdvanceClock(6000);  // to the end of the time of those who had no sign of life from their peer
+        if (row.fixes) {
+            EXPECT_TRUE(viewer.Greet()) << row.first;
+            AdvanceClock(16000);
+        }
+        EXPECT_TRUE(CameBackOnce(viewer)) << row.known << row.first;
+        EXPECT_TRUE(viewer.IsAsItWas());
+    }
+}
+
+// What lies in the socket when it is connected is still read from it, whoever has sent it.
+TEST_F(NatServer, AStrangersDatagramThatCameBeforeThePeerWasFixedIsDropped) {
+    CNatViewer viewer;
+    Support::CUdpPeer stranger;
+    viewer.Send(CLIENT_HELLO);
+    stranger.Send("garbage", viewer.HostPort());
+    stranger.Send(CLIENT_HELLO, viewer.HostPort());
+    ASSERT_EQ(0, viewer.HandIn(*m_svr));
+    EXPECT_EQ(SERVER_HELLO, viewer.Text());
+    EXPECT_EQ(SERVER_HELLO, viewer.Text());
+    EXPECT_TRUE(viewer.Play(Url()));
+    EXPECT_EQ("", stranger.Recv(0));
+    viewer.Send("");  // as good as nothing
+    viewer.Send(std::string(4097, 'O'));
+    EXPECT_EQ(200, StatusOf(viewer.Ask("OPTIONS", "*")));
+    EXPECT_EQ(0u, m_svr->EndSessions(20000));
+}
+
+TEST_F(NatServer, ARequestThatComesAgainIsServedOnceAndAnsweredAgain) {
+    CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
+    CNatViewer viewer;
+    ASSERT_EQ(0, viewer.HandIn(*m_svr));
+    ASSERT_EQ(SERVER_HELLO, viewer.Text());
+    ASSERT_TRUE(viewer.Play(Url(FILE_CONTENT)));
+    CFakeStreamSource* file = CFakeStreamSource::Last();
+    ASSERT_TRUE(WaitUntil([&] { return file->CountCalls("Start") == 1; }));
+    const std::string reply = viewer.Repeat();
+    EXPECT_EQ(200, StatusOf(reply));
+    EXPECT_EQ(reply, viewer.Repeat());
+    EXPECT_EQ(1, file->CountCalls("Start"));
+    // A new one drives the kept reply out.
+    EXPECT_EQ(200, StatusOf(viewer.Ask("PAUSE", Url(FILE_CONTENT))));
+    EXPECT_EQ(viewer.Repeat(), viewer.Repeat());
+    EXPECT_EQ(1, file->CountCalls("Pause"));
+    EXPECT_EQ(0u, m_svr->EndSessions(20000));
+}
+
+TEST_F(NatServer, EveryEndGivesTheSocketBackOnce) {
+    const struct {
+        const char* name;
+        std::function<void(CNatViewer&)> end;
+    } rows[] = {
+        {"garbage", [](CNatViewer& viewer) { viewer.Send("garbage\r\n\r\n"); }},
+        {"no whole request", [](CNatViewer& viewer) { viewer.Send("OPTIONS * RTSP/1.0\r\n"); }},
+        {"silence", [](CNatViewer&) { AdvanceClock(16000); }},
+        {"sessions", [this](CNatViewer&) { EXPECT_EQ(0u, m_svr->EndSessions(20000)); }},
+        {"source", [this](CNatViewer&) { m_source_of_channel->Tell(MSG_SRC_FAIL); }},
+        {"channel", [this](CNatViewer&) { EXPECT_EQ(0, m_live_svr->DelLiveChannel(LIVE_NAME)); }},
+        {"server",
+         [this](CNatViewer& viewer) {
+             m_svr->Close();
+             viewer.Send("garbage\r\n\r\n");
+             m_svr = nullptr;
+         }},
+    };
+    for (const auto& row : rows) {
+        CNatViewer viewer;
+        Begin(viewer);
+        row.end(viewer);
+        EXPECT_TRUE(CameBackOnce(viewer)) << row.name;
+        EXPECT_TRUE(viewer.IsAsItWas()) << row.name;
+    }
+}
+
+TEST_F(NatServer, TheHostMayCloseAllInTheCallbackAndUseTheSocketAgain) {
+    CNatViewer viewer;
+    Begin(viewer);
+    viewer.on_came_back = [&] {
+        m_svr->Stop();
+        EXPECT_EQ(-1, CNetThread::DestroyThreadPool());
+        m_svr->Close();
+        m_svr = nullptr;
+    };
+    viewer.Send("garbage\r\n\r\n");
+    EXPECT_TRUE(CameBackOnce(viewer));
+    StartServer();
+    CNatViewer other;
+    ASSERT_EQ(0, other.HandIn(*m_svr));
+    m_svr->Stop();  // the session may have begun or not
+    EXPECT_EQ(0u, m_svr->EndSessions(20000));
+    EXPECT_TRUE(CameBackOnce(other));
+}
+
+TEST_F(NatServer, WhatIsNoNatStreamIsClosedOrStaysTheCallers) {
+    const int before = Support::CountDescriptors();
+    const char* no_peers[] = {
+        "",        "127.0.0.1",   ":80", "127.0.0.1:", "127.0.0.1:0", "127.0.0.1:65536", "localhost:80",
+        "::1]:80", "127.0.0.1:8o"};
+    for (const char* text : no_peers) {
+        CNatViewer viewer;
+        EXPECT_EQ(-1, viewer.HandIn(*m_svr, *text == '\0' ? "x" : text)) << text;
+        EXPECT_EQ(0, viewer.Returns());
+        EXPECT_EQ(-1, fcntl(viewer.HostFd(), F_GETFD)) << text;
+    }
+    CSockAddrStorage peer;
+    EXPECT_TRUE(CP2PSvrSession::ReadPeer("[2001:db8::1]:80", peer));
+    EXPECT_EQ(80, peer.GetPort());
+    NatConnectRecord record;
+    const long extra = reinterpret_cast<long>(&record);
+    EXPECT_EQ(-1, m_svr->AddNewConnect(socket(AF_INET, SOCK_STREAM, 0), "127.0.0.1:80", 12, extra));
+    EXPECT_EQ(-1, m_svr->AddNewConnect(-1, "127.0.0.1:80", 12, extra));
+    {
+        CNatViewer kept;
+        EXPECT_EQ(-1, kept.HandIn(*m_svr, std::string(513, '1')));
+        EXPECT_EQ(0, close(kept.HostFd()));
+    }
+    // Without a function the socket is closed at the end.
+    ASSERT_EQ(0, m_svr->AddNewConnect(socket(AF_INET, SOCK_DGRAM, 0), "127.0.0.1:80", 12, extra));
+    m_svr->Stop();
+    m_svr->EndSessions(20000);
+    EXPECT_EQ(-1, CNatViewer().HandIn(*m_svr));
+    EXPECT_TRUE(WaitUntil([&] { return Support::CountDescriptors() < before; }));  // the listener is closed as well
+}
+
+TEST(NatSender, SendsWholePacketsOfTheTracksThatAreOn) {
+    CSockDgram from;
+    CSockDgram to;
+    ASSERT_TRUE(Support::MakeDgramPair(from, to));
+    CP2PUdpSender sender;
+    sender.SetSock(&from);
+    const std::string run = std::string("$\0\0\3abc$\0\0\2de", 13);
+    const auto put = [&](const std::string& bytes, int track) {
+        Support::CountedPacket packet(bytes);
+        return sender.Put(&packet, packet.Size(), 1, track << 24 | 1);
+    };
+    const auto arrives = [&](const std::string& expected) {
+        std::string all;
+        char text[2048];
+        WaitUntil([&] {
+            const int count = to.Recv(text, sizeof(text), nullptr);
+            all += count > 0 ? std::string(text, static_cast<size_t>(count)) + "|" : "";
+            return all.size() >= expected.size();
+        });
+        return all;
+    };
+    EXPECT_EQ(13, put(run, 3));
+    sender.SetChannel(1);
+    sender.SetChannel(8);
+    EXPECT_EQ(0, put(run, 3));
+    EXPECT_EQ(13, put(run, 1));
+    sender.ClearChannel(1);
+    EXPECT_EQ(0, put(run, 1));
+    sender.SetChannel(-1);
+    EXPECT_EQ(13, put(run, 7));
+    EXPECT_EQ(0, put(run, 8));
+    EXPECT_EQ(-1, put(run + std::string("$\0\0\5abc", 7), 0));  // what is whole in front goes
+    EXPECT_EQ(-1, put("KXAV" + run, 0));
+    EXPECT_EQ("abc|de|abc|de|abc|de|abc|de|", arrives("abc|de|abc|de|abc|de|abc|de|"));
+    // A socket without room loses what it can't take, and nobody waits for it.
+    const int small = 1;
+    setsockopt(from.GetHandle(), SOL_SOCKET, SO_SNDBUF, &small, sizeof(small));
+    const std::string large = std::string("$\0\3\xe8", 4) + std::string(1000, 'x');
+    for (int i = 0; i < 200; ++i) {
+        EXPECT_EQ(static_cast<int>(large.size()), put(large, 0));
+    }
+}
+
+}  // namespace
+}  // namespace Vidora
+}  // namespace Kavio
