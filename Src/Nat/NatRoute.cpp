@@ -17,7 +17,7 @@ std::unique_ptr<IMediaRoute> CNatRoute::Create(CSockDgram* sock) {
 }
 
 int CNatRoute::SetUp(const CTrack& /*track*/, int channel, transport_info& transport) {
-    if (transport.packet_kx == PACKET_TYPE_KX || channel < 0 || channel > MAX_ROUTE_CHANNEL) {
+    if (transport.packet_type == PACKET_TYPE_KX || channel < 0 || channel > MAX_ROUTE_CHANNEL) {
         return RTSP_STATUS_UNSUPPORTED_TRANSPORT;
     }
     transport.server_rtp_port = channel;

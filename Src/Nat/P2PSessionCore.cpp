@@ -38,7 +38,7 @@ int CP2PSessionCore::take_request(const char* text, int length) {
     rtsp_msg_info info;
     if (m_conversation.LookAtMessage(text, length, info) > 0 && m_last_reply.IsRepeated(info)) {
         if (!m_last_reply.Text().empty()) {
-            send(m_last_reply.Text().data(), m_last_reply.Text().size());
+            send(m_last_reply.Text());
         }
         return 0;
     }
@@ -54,10 +54,10 @@ int CP2PSessionCore::take_request(const char* text, int length) {
 
 // What doesn't get through the client asks for again.
 void CP2PSessionCore::SendText(const char* text, int length) {
-    const size_t size = static_cast<size_t>(length);
+    const std::string_view reply(text, static_cast<size_t>(length));
     if (!m_stopped) {
-        m_last_reply.Keep(std::string_view(text, size));
-        send(text, size);
+        m_last_reply.Keep(reply);
+        send(reply);
     }
 }
 

@@ -2,6 +2,7 @@
 #define VIDORA_P2PSESSIONCORE_H
 
 #include <memory>
+#include <string_view>
 
 #include "LinkTimer.h"
 #include "Nat/LastReply.h"
@@ -37,7 +38,9 @@ protected:
     void note_sign_of_life() { m_heard_us = CTime::getCurrentMicroSecond(); }
     // Serves the datagram, behind which a NUL stands, as one whole request. 0, or -1: the session is ending.
     int take_request(const char* text, int length);
-    void send(const char* text, size_t length) { m_sock->Send(text, static_cast<unsigned int>(length), nullptr); }
+    void send(std::string_view datagram) {
+        m_sock->Send(datagram.data(), static_cast<unsigned int>(datagram.size()), nullptr);
+    }
     bool stopped() const { return m_stopped; }
 
     std::unique_ptr<CSockDgram> m_sock;

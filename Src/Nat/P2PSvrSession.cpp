@@ -5,9 +5,10 @@
 #include <cerrno>
 #include <cstring>
 #include <new>
-#include <string>
+#include <string_view>
 #include <utility>
 
+#include "Nat/NatHello.h"
 #include "Tramel/IpText.h"
 
 namespace Kavio {
@@ -15,17 +16,10 @@ namespace Vidora {
 
 namespace {
 
-const char SERVER_HELLO[] = "RTSP Server/2.0 NAT";
-const char CLIENT_HELLO[] = "RTSP Client/2.0 NAT";
-const size_t HELLO_LENGTH = sizeof(CLIENT_HELLO) - 1;
 const int MAX_DATAGRAM = 4096;
 const int MAX_DATAGRAMS_A_TURN = 16;
 const size_t MAX_ADDRESS = 64;
 const int MAX_PORT = 65535;
-
-bool is_hello(const char* text, int length) {
-    return static_cast<size_t>(length) >= HELLO_LENGTH && memcmp(text, CLIENT_HELLO, HELLO_LENGTH) == 0;
-}
 
 // The decimal port of a whole text; 0 if it is none.
 int read_port(const char* text) {
@@ -96,7 +90,7 @@ void CP2PSvrSession::Start(std::unique_ptr<CSockDgram> sock, const CSockAddrStor
 
 int CP2PSvrSession::Init(int /*count*/) {
     m_conversation.OpenGate(m_conversation.Config().GetRtspAuthType());
-    m_sock->Send(SERVER_HELLO, HELLO_LENGTH, &m_remote);
+    m_sock->Send(NAT_SERVER_HELLO.data(), static_cast<unsigned int>(NAT_SERVER_HELLO.size()), &m_remote);
     if (!watch_silence() || RegisterSock(*m_sock, Tramel::SOCK_EVENT_READ, 0) < 0) {
         return end_broken();
     }
@@ -137,14 +131,14 @@ int CP2PSvrSession::take_datagram(const char* text, int length, const CSockAddrS
         return 0;
     }
     rtsp_msg_info info;
-    const bool hello = is_hello(text, length);
+    const bool hello = IsNatHello(std::string_view(text, static_cast<size_t>(length)), NAT_CLIENT_HELLO);
     const bool counts = hello || m_remote_fixed || m_conversation.LookAtMessage(text, length, info) > 0;
     if (!counts || (!m_remote_fixed && !fix_peer(from))) {
         return 0;
     }
     note_sign_of_life();
     if (hello) {
-        send(SERVER_HELLO, HELLO_LENGTH);
+        send(NAT_SERVER_HELLO);
         return 0;
     }
     return take_request(text, length);
