@@ -40,9 +40,7 @@ void Meeting::take(const std::string& datagram, const Address& from) {
 void Meeting::take_words(const words_t& words, const Address& from) {
     const std::string& verb = words[0];
     if (from == m_point) {
-        if (verb == "NONE" && m_state == ASKS) {
-            enter(FAILED);
-        } else if (verb == "PEER" && words.size() > 2 && m_state == ASKS) {
+        if (verb == "PEER" && words.size() > 2 && m_state == ASKS) {
             m_peer = Address::Parse(words[2], true);
             enter(m_peer.IsValid() ? PUNCHES : ASKS);
         }

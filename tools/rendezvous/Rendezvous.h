@@ -21,7 +21,7 @@
 //   device -> point   VRP/1 DEVICE NAME          every 5 seconds
 //   point  -> device  VRP/1 KNOWN NAME
 //   viewer -> point   VRP/1 MEET KEY NAME        twice a second until it is answered
-//   point  -> viewer  VRP/1 NONE KEY             there is no such device
+//   point  -> viewer  VRP/1 NONE KEY             there is no such device yet; the viewer goes on asking
 //   point  -> device  VRP/1 VIEWER KEY
 //   device -> point   VRP/1 JOIN KEY             from its new socket, twice a second until it is answered
 //   point  -> both    VRP/1 PEER KEY ADDRESS     the outer address of the other side
@@ -44,8 +44,8 @@ struct PunchedSocket {
     std::string peer;  // ADDRESS, always numeric
 };
 
-// Meets the device as a viewer. Blocks until then, at most for the time-out. 0 and `out` is filled; -1: no address, no
-// such device, or it couldn't be reached in time. Any thread.
+// Meets the device as a viewer. Blocks until then, at most for the time-out. 0 and `out` is filled; -1: no address, or
+// no such device came or could be reached in time. Any thread.
 int MeetPeer(const RendezvousOptions& options, PunchedSocket& out);
 
 // RendezvousDevice: the device's side. It serves any number of viewers at once, up to 256 that are still meeting.

@@ -173,6 +173,16 @@ void add_multicast_options(CLI::App& app, Options& options, FormedOptions& forme
     app.add_option("--multicast-if", options.multicast_if, "address of the interface that multicast leaves by");
 }
 
+void add_nat_options(CLI::App& app, Options& options) {
+    CLI::Option* point =
+        app.add_option("--nat", options.nat_point,
+                       "HOST:PORT of a rendezvous, by which viewers behind address translation come in; see "
+                       "examples/nat_pair.cpp");
+    CLI::Option* name = app.add_option("--nat-name", options.nat_name, "name that viewers ask the rendezvous for");
+    point->needs(name);
+    name->needs(point);
+}
+
 void add_output_options(CLI::App& app, Options& options) {
     app.add_option("--stats", options.stats_sec, "prints figures every SECONDS")->check(CLI::Range(0, 86400));
     app.add_flag("--json", options.json, "prints figures and events as JSON lines, and nothing else");
@@ -229,6 +239,7 @@ bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
     add_content_options(app, options, formed);
     add_access_options(app, options, formed);
     add_multicast_options(app, options, formed);
+    add_nat_options(app, options);
     add_output_options(app, options);
     try {
         app.parse(argc, argv);

@@ -46,6 +46,8 @@ struct Options {
     std::string recordings;  // folder, empty for none
     std::string realm = "Vidora";
     std::string multicast_if;  // address of the interface, empty for the system's choice
+    std::string nat_point;     // "HOST:PORT" of a rendezvous, empty for none
+    std::string nat_name;      // there
     std::string log_level = "warn";
     std::string make_kav;  // write the one --live stream to this file and end
     int threads = 4;

@@ -7,12 +7,14 @@
 #include <cstdio>
 #include <cstring>
 #include <ctime>
+#include <memory>
 #include <string>
 #include <vector>
 
 #include "Catalog.h"
 #include "Credentials.h"
 #include "Monitor.h"
+#include "NatEntrance.h"
 #include "Options.h"
 #include "ProxyRule.h"
 #include "Vidora/Vidora.h"
@@ -88,6 +90,9 @@ class Host {
 public:
     // From the outside in: no new connections; then all sessions end, together; then the streams and the registry.
     ~Host() {
+        if (m_nat != nullptr) {
+            m_nat->Close();
+        }
         for (CRtspSvr* server : m_servers) {
             server->Stop();
             server->EndSessions(0);
@@ -129,7 +134,7 @@ public:
                 return false;
             }
         }
-        return true;
+        return options.nat_point.empty() || open_nat(options, error);
     }
 
 private:
@@ -201,9 +206,16 @@ private:
         return true;
     }
 
+    bool open_nat(const Options& options, std::string& error) {
+        m_nat = std::make_unique<NatEntrance>(*m_servers.front());
+        error = options.nat_point + ": cannot be registered at as " + options.nat_name;
+        return m_nat->Open(options.nat_point, options.nat_name);
+    }
+
     CRtspSvrConfig m_config;
     CLiveSvr* m_live_svr = nullptr;
     std::vector<CRtspSvr*> m_servers;
+    std::unique_ptr<NatEntrance> m_nat;
     std::vector<std::string> m_published;
 };
 
