@@ -9,6 +9,8 @@
 #include "RtspClient/ClientTypes.h"
 #include "Vidora/SdpInfo.h"
 #include "Vidora/StreamClientWrapper.h"
+#include "server/NatViewer.h"
+#include "server/ServerFixture.h"
 #include "support/NatPeer.h"
 
 namespace Kavio {
@@ -241,6 +243,109 @@ TEST_F(CNatTest, AStartThatFailsLeavesTheSocket) {
         EXPECT_EQ(nullptr, session->GetSdpInfo());
         session->Close();
     }
+}
+
+// A network between a client and the library's server, which loses datagrams on the way to either.
+class CLossyNetwork {
+public:
+    explicit CLossyNetwork(int server_port) : m_server_port(server_port), m_thread([this] { run(); }) {}
+    ~CLossyNetwork() {
+        m_stops = true;
+        m_thread.join();
+    }
+
+    // Loses each datagram of this number; 0: none.
+    void Lose(int every) { m_every = every; }
+    // Where the client, and where the server, takes the other to be.
+    int PortOfServer() const { return m_near.Port(); }
+    int PortOfClient() const { return m_far.Port(); }
+
+private:
+    void run() {
+        while (!m_stops) {
+            pollfd events[] = {{m_near.Fd(), POLLIN, 0}, {m_far.Fd(), POLLIN, 0}};
+            ::poll(events, 2, 20);
+            if (events[0].revents != 0) {
+                pass(m_near, m_client_port, m_far, m_server_port);
+            }
+            if (events[1].revents != 0) {
+                int port = 0;
+                pass(m_far, port, m_near, m_client_port);
+            }
+        }
+    }
+    void pass(Support::CUdpPeer& in, int& from, Support::CUdpPeer& out, int to) {
+        const std::string datagram = in.Recv(0, &from);
+        const bool is_lost = m_every > 0 && ++m_count % m_every == 0;
+        if (!datagram.empty() && !is_lost) {
+            out.Send(datagram, to);
+        }
+    }
+
+    Support::CUdpPeer m_near, m_far;
+    const int m_server_port;
+    int m_client_port = 0;
+    int m_count = 0;
+    std::atomic<int> m_every{0};
+    std::atomic<bool> m_stops{false};
+    std::thread m_thread;
+};
+
+class CNatServerTest : public CServerTest {
+protected:
+    CNatServerTest() {
+        ClientTiming().tick_us = 50000;
+        ClientTiming().nat_connect_ticks = 1000;
+    }
+    ~CNatServerTest() override { ClientTiming() = m_usual; }
+
+    static std::string UrlAt(const CLossyNetwork& network) {
+        return "rtsp://127.0.0.1:" + std::to_string(network.PortOfServer()) + "/" + LIVE_NAME;
+    }
+    int HandIn(CNatViewer& viewer, const CLossyNetwork& network) {
+        return viewer.HandIn(*m_svr, "127.0.0.1:" + std::to_string(network.PortOfClient()));
+    }
+
+    const client_timing m_usual = ClientTiming();
+};
+
+// A client that the network spares tells what must come.
+TEST_F(CNatServerTest, ThroughLossesTheStreamPlaysAndThenItsFramesAreWhole) {
+    CFakeStreamSource* source = StartWithChannel();
+    CNatViewer viewer;  // the server's end
+    CLossyNetwork network(viewer.HostPort());
+    network.Lose(3);
+    ASSERT_EQ(0, HandIn(viewer, network));
+    Support::CClientHost direct;
+    CNatHost host;
+    direct.session->SetPacketType(PACKET_TYPE_RTP);
+    ASSERT_EQ(0, direct.Start(Url()));
+    ASSERT_EQ(0, host.Start(UrlAt(network)));
+    ASSERT_TRUE(direct.WaitFor(MSG_RTSP_PLAY_READY));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    unsigned int sequence = 0;
+    EXPECT_TRUE(WaitUntil([&] {
+        RtspClientStatistics statistics;
+        host.session->GetStatistics(statistics);
+        GiveVideo(source, sequence++, 3000);
+        return statistics.lost > 5 && host.sink.Count() > 5;
+    }));
+    network.Lose(0);
+    const long frames = 20;
+    for (long i = 0; i < 2 * frames; ++i) {  // one by one, as no socket of the network is to overflow
+        const size_t before = host.sink.Count();
+        ASSERT_TRUE(GiveVideo(source, sequence++, 3000));
+        ASSERT_TRUE(WaitUntil([&] { return host.sink.Count() > before; }));
+    }
+    const auto last = [](const std::vector<std::string>& packets) {
+        return std::vector<std::string>(packets.end() - frames, packets.end());
+    };
+    EXPECT_TRUE(WaitUntil([&] { return last(host.sink.Packets()) == last(direct.sink.Packets()); }));
+    host.Close();
+    direct.Close();
+    EXPECT_EQ(0u, m_svr->EndSessions(20000));
+    EXPECT_EQ(1, viewer.Returns());
+    EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
 }
 
 // How the host of the flat layer ends its client.
