@@ -324,6 +324,8 @@ TEST_F(CSingleTrackTest, RefusedPacketsAreNoFailure) {
     CTrack track;
     track.Open(PCMA);
     ASSERT_EQ(0, ::connect(track.sock.Fd(), reinterpret_cast<const sockaddr*>(&late), sizeof(late)));
+    const int queues = 1;
+    ASSERT_EQ(0, ::setsockopt(track.sock.Fd(), IPPROTO_IP, IP_RECVERR, &queues, sizeof(queues)));
     EXPECT_TRUE(track.Start());
     for (uint64_t i = 1; i <= 100; ++i) {
         track.object->Put(MakeFrame('A', "refused", 20 * i));
@@ -336,6 +338,9 @@ TEST_F(CSingleTrackTest, RefusedPacketsAreNoFailure) {
     EXPECT_LT(0, peer.Send(answer.data(), static_cast<unsigned int>(answer.size()), &to));
     ASSERT_TRUE(track.WaitFor(1));
     EXPECT_EQ("answer", track.Bodies()[0]);
+    // Nothing is left that would be told without an end.
+    pollfd state = {track.sock.Fd(), 0, 0};
+    EXPECT_TRUE(WaitUntil([&] { return ::poll(&state, 1, 0) == 0; }));
 }
 
 // What a host may do with an object, here inside its callback.
