@@ -6,8 +6,7 @@ namespace {
 
 const std::chrono::milliseconds ASK_PERIOD{500};
 const std::chrono::milliseconds PUNCH_PERIOD{200};
-const int MAX_OPENS = 5;  // the last of them may have opened the way, whether or not the answer comes through
-const int DONE_COPIES = 3;
+const int MAX_OPENS = 10;  // one of them has come through by then, whether or not the answer has
 
 }  // namespace
 
@@ -61,9 +60,7 @@ void Meeting::enter(state_t state) {
     m_state = state;
     m_next_send = {};
     if (state == MET && !is_viewer()) {
-        for (int i = 0; i < DONE_COPIES; ++i) {
-            m_sock.Send({"DONE", m_key}, m_peer);
-        }
+        m_sock.Send({"DONE", m_key}, m_peer);  // once: what comes after it is for the viewer's library
     }
 }
 
@@ -92,6 +89,11 @@ void Meeting::send_due(instant_t now) {
 
 PunchedSocket Meeting::Take() {
     PunchedSocket met;
+    std::string datagram;
+    Address from;
+    while (is_viewer() && m_sock.Receive(datagram, from)) {
+        // the last of these datagrams; the device's library says hello again
+    }
     met.peer = m_peer.Text();
     met.fd = m_sock.Release();
     return met;
