@@ -1,29 +1,36 @@
 #!/usr/bin/env python3
-"""The example servers, read by FFmpeg and by the example client: example_test.py LIVE CLIENT PROXY RECORDING MEDIA."""
+"""The example servers, read by FFmpeg and by the example client: example_test.py LIVE CLIENT PROXY RECORDING NAT
+MEDIA."""
 import contextlib
 import subprocess
 import sys
 
 from peers import Folder, ffmpeg, frame_digests, free_port, outcome
 
-LIVE, CLIENT, PROXY, RECORDING, MEDIA = sys.argv[1:]
+LIVE, CLIENT, PROXY, RECORDING, NAT, MEDIA = sys.argv[1:]
 CHANNEL = "cam/realmonitor?channel=1&subtype=0"
 
 
 @contextlib.contextmanager
-def server(program, *arguments):
-    """Runs an example until an empty line ends it; gives its port and its process."""
-    port = free_port()
-    process = subprocess.Popen([program, str(port), *arguments], stdin=subprocess.PIPE, stdout=subprocess.PIPE,
-                               text=True)
+def listening(*command):
+    """Runs an example until an empty line ends it; gives its process."""
+    process = subprocess.Popen(command, stdin=subprocess.PIPE, stdout=subprocess.PIPE, text=True)
     try:
         assert "listening" in process.stdout.readline()
-        yield port, process
+        yield process
         if process.poll() is None:
             process.communicate("\n", timeout=20)
-        assert process.returncode == 0, (program, process.returncode)
+        assert process.returncode == 0, (command, process.returncode)
     finally:
         process.kill()
+
+
+@contextlib.contextmanager
+def server(program, *arguments):
+    """The same for an example that listens on a port; gives that too."""
+    port = free_port()
+    with listening(program, str(port), *arguments) as process:
+        yield port, process
 
 
 def url(port, content=CHANNEL):
@@ -45,6 +52,9 @@ with Folder() as folder:
     with server(LIVE, image) as (port, process), server(PROXY, f"127.0.0.1:{port}") as (proxy_port, _):
         check_live(port, picture)
         check_live(proxy_port, picture)
+        point = f"127.0.0.1:{free_port()}"
+        with listening(NAT, "point", point), listening(NAT, "device", point, "camera", f"127.0.0.1:{port}"):
+            assert outcome(NAT, "viewer", point, "camera", CHANNEL, "5")[0] == 0
         process.communicate("\n", timeout=20)
         code, _, errors = outcome(CLIENT, url(port), "5")
         assert code == 1 and "ended" in errors, (code, errors)

@@ -10,6 +10,8 @@ import subprocess
 import sys
 import unittest
 
+from peers import Folder, frame_digests
+
 HOST, MEDIA, PULL, PAIR = sys.argv[1:5]
 LIVE = "cam/realmonitor?channel=1&subtype=0"
 SKIPPED = 77  # the exit code that ctest knows
@@ -90,6 +92,20 @@ class BetweenHomes(unittest.TestCase):
         viewers = [self.view() for _ in range(4)]
         self.assertEqual([viewer.wait(60) for viewer in viewers], [0] * 4)
         self.assertIsNone(host.process.poll())
+
+    def test_whole_pictures_to_a_user_of_the_device(self):
+        self.start(DEVICE, HOST, "--listen", "127.0.0.1:8554", "--recordings", MEDIA, "--user", "admin:secret",
+                   "--nat", POINT, "--nat-name", "camera")
+        with Folder() as folder:
+            for password, code in (("wrong", 1), ("secret", 0)):
+                pull = subprocess.run(["ip", "netns", "exec", VIEWER, PULL, "--nat", POINT, "--nat-name", "camera",
+                                       "--user", "admin", "--password", password, "--seconds", "2", "--out",
+                                       folder("out.h264"), "rtsp://camera/1_0_clip.kav"], timeout=100, check=False)
+                self.assertEqual(pull.returncode, code)
+            pictures = frame_digests("-i", f"{MEDIA}/clip.h264")[0]
+            received = frame_digests("-i", folder("out.h264"))[0]
+            self.assertGreater(len(received), 20)
+            self.assertEqual(received, pictures[:len(received)])
 
     def test_the_example_shows_a_camera_at_home(self):
         self.start(DEVICE, HOST, "--listen", "127.0.0.1:8554", "--live", f"{LIVE}={MEDIA}/clip.h264")
