@@ -10,6 +10,8 @@ namespace Vidora {
 // and goes on so that the way through the NATs stays open. What follows the text in a datagram is not looked at.
 constexpr std::string_view NAT_CLIENT_HELLO = "RTSP Client/2.0 NAT";
 constexpr std::string_view NAT_SERVER_HELLO = "RTSP Server/2.0 NAT";
+// The first byte of both, and of a reply ("RTSP/1.0 ...").
+constexpr char NAT_TEXT_MARK = 'R';
 
 // Whether a datagram is that hello.
 inline bool IsNatHello(std::string_view datagram, std::string_view hello) {

@@ -85,12 +85,14 @@ bool CNatLink::is_server(CSockAddrStorage from) const {
     return from == m_server;
 }
 
-// The batch has room for a NUL behind each datagram.
+// Until the server's hello, what is left of the rendezvous may still be on its way. The batch has room for a NUL behind
+// each datagram.
 void CNatLink::take(const DgramSlice& datagram, const CSockAddrStorage& from) {
     const char* text = reinterpret_cast<const char*>(datagram.data);
+    const bool is_message = datagram.length > 0 && datagram.length <= RTSP_MAX_MESSAGE;
     if (IsNatHello({text, datagram.length}, NAT_SERVER_HELLO)) {
         rise(from);
-    } else if (datagram.length > 0 && datagram.length <= RTSP_MAX_MESSAGE) {
+    } else if (is_message && (m_up || text[0] == NAT_TEXT_MARK)) {
         datagram.data[datagram.length] = '\0';
         m_user.TakeDatagram(text, datagram.length);
     }

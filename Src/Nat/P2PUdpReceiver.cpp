@@ -13,7 +13,6 @@ namespace Vidora {
 namespace {
 
 const unsigned int MIN_DATAGRAM = 12;  // the header of RTP (RFC 3550 5.1)
-const uint8_t TEXT_MARK = 'R';         // of a reply, "RTSP/1.0 ..."
 const uint8_t PAYLOAD_TYPE_MASK = 0x7f;
 
 }  // namespace
@@ -64,7 +63,7 @@ int CP2PUdpReceiver::Take(const DgramSlice& datagram) {
         return 0;
     }
     CByteReader reader(datagram.data, datagram.length);
-    if (reader.ReadU8() == TEXT_MARK) {
+    if (reader.ReadU8() == NAT_TEXT_MARK) {
         take_text(datagram);
         return 0;
     }

@@ -143,7 +143,8 @@ TEST_F(CNatTest, StrangersAreNotHeard) {
     ASSERT_EQ(0, host.Start(peer.Url()));
     const int port = host.port;
     other_host.Send(NAT_SERVER_HELLO, port);
-    other_host.Send("garbage that would end it", port);
+    other_host.Send("RTSP garbage that would end it", port);
+    other_port.Send("VRP/1 DONE 0123456789abcdef", port);  // of the rendezvous
     hears = true;
     ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
     for (CStranger* stranger : {&other_host, &other_port}) {

@@ -215,6 +215,7 @@ void Puller::take_frame(const unsigned char* data, unsigned int size) {
             m_figures.first_frame_sec = duration<double>(m_first_frame - m_begin).count();
             m_changed.notify_all();
         }
+        m_last_frame = Clock::now();
         ++m_figures.frames[letter];
     }
     if (!m_writer.Write(letter, data, size)) {
@@ -228,16 +229,20 @@ void Puller::end_unwritten() {
 
 void Puller::on_teardown(long code) {
     const rtsp_client_failure_t failure = m_session->GetFailure();
-    const bool is_end = failure == RTSP_CLIENT_FAILURE_LOST && has_come_whole();
+    const bool may_be_end = failure == RTSP_CLIENT_FAILURE_LOST || failure == RTSP_CLIENT_FAILURE_IDLE;
+    const bool is_end = may_be_end && has_come_whole();
     end(is_end ? "" : failure_words(failure, code));
 }
 
-// Servers that send no BYE, and those of private frames, tell the end of a recording by closing the connection. Did
-// what was asked for play as long as it should? A server may begin a while later, with the next key frame.
+// Servers that send no BYE, and those of private frames, tell the end of a recording by closing the connection; through
+// NATs they fall silent. Did what was asked for play as long as it should? A server may begin a while later, with the
+// next key frame.
 bool Puller::has_come_whole() {
     const double end_sec = m_options.end > 0.0 ? std::min(m_options.end, m_duration_sec) : m_duration_sec;
     const double length_sec = (end_sec - std::max(m_options.start, 0.0)) / std::abs(m_options.speed);
-    return m_duration_sec > 0.0 && Figures().media_sec > length_sec - END_SLACK_SEC;
+    const std::lock_guard<std::mutex> guard(m_mutex);
+    const double played_sec = duration<double>(m_last_frame - m_first_frame).count();
+    return m_duration_sec > 0.0 && played_sec > length_sec - END_SLACK_SEC;
 }
 
 // The first failure counts.

@@ -81,6 +81,7 @@ private:
     bool m_ended = false;
     PullFigures m_figures;
     Clock::time_point m_first_frame;
+    Clock::time_point m_last_frame;
 };
 
 #endif  // VIDORA_PULL_PULLER_H
