@@ -90,12 +90,6 @@ TEST(RtspClientRequest, SetupUrlsAndTransports) {
         EXPECT_EQ(parser.generate_setup(&t, row[3].empty() ? nullptr : &m, true),
                   request("SETUP " + row[4], 1, "Transport: " + row[5] + (t.multicast != 0 ? " \n" : "\n") + TAG));
     }
-    CRtspReqParser parser;
-    transport_info t;
-    t.transport = static_cast<rtp_protocol_t>(2);
-    const Support::CAssertCapture asserts;
-    EXPECT_EQ(parser.generate_setup(&t, nullptr, false), nullptr);
-    EXPECT_EQ(asserts.Texts().size(), 1U);
 }
 
 TEST(RtspClientRequest, PlayRangesAndRates) {
