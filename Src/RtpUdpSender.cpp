@@ -21,6 +21,7 @@ namespace {
 
 const uint64_t REPORT_INTERVAL_MS = 1000;
 const unsigned TRACK_COUNT = 8;
+const int MAX_TTL = 255;
 
 // A group of 224.0.0.x, which stays on the link whatever its TTL (RFC 5771 4).
 bool is_link_local_group(const CSockAddrStorage& addr) {
@@ -228,13 +229,18 @@ void CRtpUdpSender::take_slot_locked(Slot* slot, const std::shared_ptr<CUdpSockP
     }
 }
 
+uint8_t CRtpUdpSender::GetTtl(const CSockAddrStorage& group) {
+    CGuard guard(m_mutex);
+    return static_cast<uint8_t>(is_link_local_group(group) ? 1 : std::min(m_ttl, MAX_TTL));
+}
+
 // Link-local groups keep the system's TTL.
 void CRtpUdpSender::set_ttl_locked(const Slot& slot) {
     if (!m_remote.IsMulticast() || is_link_local_group(m_remote)) {
         return;
     }
     CSockDgram* socks[] = {&slot.pair->Rtp(), &slot.pair->Rtcp()};
-    const int ttl = m_ttl < 255 ? m_ttl : 255;
+    const int ttl = std::min(m_ttl, MAX_TTL);
     for (int i = 0; i < 2; ++i) {
         if (socks[i]->SetMulticastTTL(static_cast<unsigned char>(ttl)) < 0) {
             logError("%s %d channel: %d set TTL Failed!\n", __FILE__, __LINE__, slot.channel + i);

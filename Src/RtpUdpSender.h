@@ -59,6 +59,8 @@ public:
     // Multicast TTL (default 64) for pairs opened later; values below 1 are ignored. Groups of 224.0.0.x keep the
     // system's, which is 1. 0.
     int SetTtl(int ttl);
+    // That with which a group is sent to.
+    uint8_t GetTtl(const CSockAddrStorage& group);
     // The interface that multicast leaves by: an address or the name of it, see CMulticastInterface. It need not be
     // there yet. Before OpenPair. 0, or -1 for null.
     int SetMulticastIF(const char* ip);

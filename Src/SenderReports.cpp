@@ -7,14 +7,54 @@ namespace Vidora {
 
 namespace {
 const int64_t PERIOD_US = 5000000;  // RFC 3550 6.2
+const int64_t EARLY_PERIOD_US = 20000;
+const int MAX_EARLY_TICKS = 250;
 const size_t MAX_REPORT_SIZE = 2044;
 const char BYE_REASON[] = "End of Stream";
 }  // namespace
 
 void CSenderReports::Restart() {
     m_timer.Stop();
+    for (CTrack& track : m_tracks) {
+        track.reported = false;
+    }
+    m_early_ticks = m_conformance ? MAX_EARLY_TICKS : 0;
     if (!m_forbidden && m_link.SendsReports()) {
+        m_timer.Start(m_conformance ? EARLY_PERIOD_US : PERIOD_US);
+    }
+}
+
+int CSenderReports::OnTimer(IMediaRoute* route) {
+    if (m_early_ticks == 0) {
+        return Send(route, -1, false);
+    }
+    bool all_reported = true;
+    for (CTrack& track : m_tracks) {
+        if (track.playing && !track.reported && has_media(track)) {
+            track.reported = true;
+            if (Send(route, track.track_id, false) < 0) {
+                return -1;
+            }
+        }
+        all_reported = all_reported && (track.reported || !track.playing || !track.set_up);
+    }
+    if (--m_early_ticks == 0 || all_reported) {
+        m_early_ticks = 0;
+        m_timer.Stop();
         m_timer.Start(PERIOD_US);
+    }
+    return 0;
+}
+
+// Whether a track has sent something since its time line began.
+bool CSenderReports::has_media(const CTrack& track) {
+    SrcInfo info;
+    return m_source.IsOpen() && m_source.GetSrcInfo(info, track.track_id) >= 0 && info.wall_us != 0;
+}
+
+void CSenderReports::SayBye(IMediaRoute* route) {
+    if (m_conformance && !m_forbidden && m_link.SendsReports()) {
+        Send(route, -1, true);
     }
 }
 
@@ -43,7 +83,12 @@ int CSenderReports::send_one(IMediaRoute& route, const CTrack& track, bool with_
     }
     const int channel = m_source.GetTcpChannel(track.track_id) + 1;
     CRtcpParser rtcp(track.ssrc);
-    rtcp.set_sender_info(info.packets, info.octets, info.timestamp);
+    if (m_conformance) {
+        rtcp.set_sender_info(info.rtp_packets, info.payload_octets, info.timestamp);
+        rtcp.set_sender_time(info.wall_us != 0 ? info.wall_us : CTime::getWallMicroSecond());
+    } else {
+        rtcp.set_sender_info(info.packets, info.octets, info.timestamp);
+    }
     if (with_bye) {
         rtcp.set_bye(nullptr, 0, BYE_REASON, sizeof(BYE_REASON) - 1);
     }

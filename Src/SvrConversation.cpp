@@ -42,6 +42,7 @@ CSvrConversation::~CSvrConversation() = default;
 void CSvrConversation::SetConfig(const CRtspSvrConfig& config) {
     m_config = config;
     m_codec.SetConformance(config.GetConformance());
+    m_reports.SetConformance(config.GetConformance());
     if (config.GetConformance()) {
         m_codec.set_session_id(random_session_id());
     }
@@ -265,7 +266,7 @@ void CSvrConversation::OnTimer(long timer_id) {
         }
     } else if (m_drain.Is(timer_id)) {
         on_source_end();
-    } else if (m_reports.Is(timer_id) && m_reports.Send(m_route, -1, false) < 0) {
+    } else if (m_reports.Is(timer_id) && m_reports.OnTimer(m_route) < 0) {
         End(MSG_SRC_FAIL);
     }
 }
@@ -303,6 +304,7 @@ int CSvrConversation::take_own_message(unsigned int msg, long param) {
         case MSG_SESSION_LOST:
             return give_lost_events(), 0;
         case MSG_SESSION_END:
+            say_bye();
             return End(static_cast<unsigned int>(param)), 0;
         case MSG_SOCK_EXCEPTION:
             return End(MSG_SESSION_BROKEN), 0;
@@ -385,6 +387,14 @@ void CSvrConversation::give_lost_events() {
     }
 }
 
+// Media that flow end here.
+void CSvrConversation::say_bye() {
+    if (m_streaming) {
+        m_reports.SayBye(m_route);
+        m_streaming = false;
+    }
+}
+
 // The end begins here, whatever its reason: the media stops, the source is released, the link closes. A source of the
 // session's own is waited for: its last message, MSG_SOURCE_CLOSED, comes here again.
 void CSvrConversation::on_asyn_msg(const StateEvent& event) {
@@ -393,6 +403,9 @@ void CSvrConversation::on_asyn_msg(const StateEvent& event) {
         m_closed = true;
         m_link.CloseLink();
         return;
+    }
+    if (event.method != MSG_SESSION_BROKEN) {
+        say_bye();
     }
     m_link.StopSending();
     m_wait_id = event.id;

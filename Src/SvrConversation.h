@@ -159,6 +159,7 @@ private:
     int on_sdp_update();
     void give_address_event(event_type_t event);
     void give_lost_events();
+    void say_bye();
     bool release(bool hears_end);
     void on_asyn_msg(const StateEvent& event);
 

@@ -14,6 +14,7 @@ struct CTrack {
     bool set_up = false;    // SETUP has named it, even if its transport was refused
     bool playing = false;
     bool reports = false;   // since its SETUP: reports are sent and taken in
+    bool reported = false;  // since its PLAY
     unsigned int ssrc = 0;  // under this source identifier
 };
 

@@ -51,6 +51,9 @@ public:
     void set_report_info(const rtcp_loss_info& info);
     // For the next SR: the sender's packets and octets so far, and its RTP time stamp now.
     void set_sender_info(uint32_t packets, uint32_t octets, uint32_t timestamp);
+    // The wall time of that time stamp, microseconds since 1970, for NTP time as RFC 3550 4 counts it. Without it, or
+    // with 0, the seconds of now go out.
+    void set_sender_time(uint64_t wall_us) { m_sender_wall_us = wall_us; }
     // Appends a report block about `ssrc`. 0, or -1 without memory or when there are 31 already.
     int add_report_block(unsigned int ssrc, const rtcp_loss_info& info);
     // Makes `block` the only one of the next reports, as it stands; null: they have none. 0, or -1 without memory.
@@ -121,6 +124,7 @@ private:
         uint32_t octets;
         uint32_t timestamp;
     } m_sender_info;
+    uint64_t m_sender_wall_us = 0;
     rtcp_report* m_report_list;
     bool m_has_whole_block = false;  // by set_report_block
     rtcp_pack* m_sdes;

@@ -1,6 +1,7 @@
 #include <cstring>
 #include <new>
 
+#include "Ostra/NtpTime.h"
 #include "Protocol/RtcpParser.h"
 #include "Vidora/Ostra/ByteWriter.h"
 
@@ -11,7 +12,8 @@ namespace {
 
 const uint8_t VERSION_FLAGS = 0x80;                      // version 2, no padding
 const size_t MAX_PACKET_SIZE = 0x10000 * RTCP_WORD_LEN;  // what the length field can say
-const uint8_t SDES_CNAME = 1;                            // RFC 3550 6.5.1
+const uint64_t US_PER_SECOND = 1000000;
+const uint8_t SDES_CNAME = 1;  // RFC 3550 6.5.1
 const char DEFAULT_CNAME[] = "Private";
 
 void apply_info(rtcp_report& block, const rtcp_loss_info& info) {
@@ -327,10 +329,15 @@ void write_reports(CByteWriter& writer, const rtcp_report* list) {
 void CRtcpParser::write_sr(CByteWriter& writer) const {
     const size_t start = begin_packet(writer, RTCP_TYPE_SR, count_reports(m_report_list));
     writer.WriteU32(m_ssrc);
-    // RFC 3550 4 counts NTP time from 1900. Receivers of this system take these seconds as they are, from 1970 and
-    // without a fraction, so they stay so.
-    writer.WriteU32(static_cast<uint32_t>(CTime::getCurrentTime().makeTime()));
-    writer.WriteU32(0);
+    if (m_sender_wall_us != 0) {
+        writer.WriteU32(static_cast<uint32_t>(m_sender_wall_us / US_PER_SECOND + Ostra::NTP_TO_UNIX_SECONDS));
+        writer.WriteU32(static_cast<uint32_t>(((m_sender_wall_us % US_PER_SECOND) << 32) / US_PER_SECOND));
+    } else {
+        // RFC 3550 4 counts NTP time from 1900. Receivers of this system take these seconds as they are, from 1970 and
+        // without a fraction, so they stay so.
+        writer.WriteU32(static_cast<uint32_t>(CTime::getCurrentTime().makeTime()));
+        writer.WriteU32(0);
+    }
     writer.WriteU32(m_sender_info.timestamp);
     writer.WriteU32(m_sender_info.packets);
     writer.WriteU32(m_sender_info.octets);

@@ -1,5 +1,6 @@
 #include <cstring>
 
+#include "Ostra/NtpTime.h"
 #include "Protocol/SdpParser.h"
 #include "Protocol/TextWriter.h"
 
@@ -8,8 +9,7 @@ namespace Vidora {
 
 namespace {
 
-const uint64_t NTP_EPOCH_SECONDS = 2208988800U;  // from 1900 to 1970 (RFC 5905 6)
-const int STREAM_LIMIT = 2038;                   // a longer text is reported, with some room to spare
+const int STREAM_LIMIT = 2038;  // a longer text is reported, with some room to spare
 
 // Writes lines into the store of a description. A line that doesn't fit is taken back whole, and all that follow it:
 // half a line would say something else, and a later one could go to the wrong media.
@@ -169,7 +169,7 @@ int CSdpParser::add_defaults() {
     if (m_session == nullptr) {
         return -1;
     }
-    const uint64_t now = CTime::getCurrentTime().makeTime() + NTP_EPOCH_SECONDS;
+    const uint64_t now = CTime::getCurrentTime().makeTime() + Ostra::NTP_TO_UNIX_SECONDS;
     if (m_session->origin.username == nullptr && set_origin("-", now, now, "IN", "IP4", "0.0.0.0") < 0) {
         return -1;
     }

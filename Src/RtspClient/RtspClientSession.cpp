@@ -8,6 +8,7 @@
 #include <new>
 #include <string>
 
+#include "Ostra/NtpTime.h"
 #include "Protocol/LogQuote.h"
 #include "Protocol/RtspTables.h"
 #include "RtspClient/RtspClient.h"
@@ -25,8 +26,8 @@ const long CODE_MOVED_TEMPORARILY = long{RTSP_CLIENT_CODE_STATUS} + RTSP_STATUS_
 const int MAX_KEPT_VIEWS = 8;  // of descriptions that the host has asked for
 const size_t MAX_KEY_SIZE = 256;
 const size_t MAX_VALUE_SIZE = 1024;
-const size_t MAX_HEAD_SIZE = 1024;           // what a request has besides its URL, the host's headers and its body
-const int64_t SECONDS_TO_1970 = 2208988800;  // from 1900, where NTP time begins
+const size_t MAX_HEAD_SIZE = 1024;  // what a request has besides its URL, the host's headers and its body
+const int64_t SECONDS_TO_1970 = static_cast<int64_t>(Ostra::NTP_TO_UNIX_SECONDS);
 const int64_t US_PER_SECOND = 1000000;
 
 bool is_redirect(long param) {

@@ -57,7 +57,7 @@ int CFrame2Rtp::cut(const unsigned char* data, uint32_t len, int enc_type, uint8
     }
     switch (enc_type) {
         case ENC_TYPE_H264:
-            return rtp_cut_h264(data, len, m_nodes);
+            return m_nal_units ? rtp_cut_nal_units(data, len, m_nodes) : rtp_cut_h264(data, len, m_nodes);
         case ENC_TYPE_MPEG4:  // no payload header (RFC 6416 5.1), so it can be cut anywhere
         case ENC_TYPE_AUDIO:
             return rtp_cut_plain(data, len, m_nodes);

@@ -42,6 +42,8 @@ public:
     // Begins a new timeline: the next packet has `sequence`, the next frame `timestamp`. Each frame's ticks are the
     // product of its distance from the first one and the clock, cut to a whole number, so that no clock drifts.
     void SetRtpInfo(uint32_t ssrc, uint8_t payload_type, uint16_t sequence, uint32_t timestamp, uint32_t clock_rate);
+    // Whether the NAL units of H.264 are told apart; see rtp_cut_nal_units.
+    void SetNalUnits(bool on) { m_nal_units = on; }
     // Where the track stands: the next sequence number, and the time stamp of the frame in work.
     void GetRtpInfo(RtpEncParam& param) const;
     // Adds to the flags. With RTP_FLAG_EXTENSION set, takes the extension for the first packet of each frame.
@@ -70,6 +72,7 @@ private:
     int m_count = 0;
     int m_index = 0;
     uint32_t m_flags = 0;
+    bool m_nal_units = false;
     uint8_t m_extension[RTP_EXTENSION_LEN] = {};
     unsigned char m_audio_headers[MPEG_AUDIO_HEADERS_LEN] = {};
     unsigned char m_quant_header[JPEG_QUANT_HEADER_LEN] = {};

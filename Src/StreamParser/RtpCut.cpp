@@ -12,6 +12,7 @@ namespace Vidora {
 namespace {
 
 constexpr size_t START_CODE_LEN = 4;
+constexpr size_t SHORT_START_CODE_LEN = 3;
 constexpr uint32_t FU_HEADER_LEN = 2;
 constexpr uint32_t FU_BODY_LEN = RTP_MAX_PAYLOAD - FU_HEADER_LEN;
 
@@ -102,6 +103,23 @@ int rtp_cut_plain(const unsigned char* data, uint32_t len, CRtpPacketList& list)
 int rtp_cut_h264(const unsigned char* data, uint32_t len, CRtpPacketList& list) {
     list.Clear();
     return cut_nals(data, len, list) ? static_cast<int>(list.Count()) : -1;
+}
+
+int rtp_cut_nal_units(const unsigned char* data, uint32_t len, CRtpPacketList& list) {
+    list.Clear();
+    size_t code = find_start_code3(data, len);
+    while (code != NO_START_CODE) {
+        const size_t start = code + SHORT_START_CODE_LEN;
+        code = find_start_code3(data, len, start);
+        size_t end = code == NO_START_CODE ? len : code;
+        while (end > start && data[end - 1] == 0) {
+            --end;  // a longer start code, or padding: no NAL unit ends with a zero
+        }
+        if (!append_nal(data + start, end - start, list)) {
+            return -1;
+        }
+    }
+    return static_cast<int>(list.Count());
 }
 
 int rtp_cut_mpeg_audio(const unsigned char* data, uint32_t len, unsigned char headers[MPEG_AUDIO_HEADERS_LEN],

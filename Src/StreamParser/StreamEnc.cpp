@@ -191,6 +191,7 @@ int CStreamEnc::SetParam(const RtpEncParam& param) {
     }
     m_rtp_param = param;
     if (m_rtp_packer != nullptr) {
+        m_rtp_packer->SetNalUnits((param.flags & RTP_FLAG_NAL_UNITS) != 0);
         if ((param.flags & RTP_FLAG_EXTENSION) != 0) {
             m_rtp_packer->SetRtpFlags(param.flags, param.extension);
         } else {

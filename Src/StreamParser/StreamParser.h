@@ -58,6 +58,8 @@ struct RtpDecParam {
 
 // Bit 0 of RtpEncParam::flags: the first packet of each frame carries the header extension.
 constexpr uint32_t RTP_FLAG_EXTENSION = 1;
+// Bit 1: each NAL unit of H.264 is sent as one of its own (RFC 6184 5.2).
+constexpr uint32_t RTP_FLAG_NAL_UNITS = 2;
 constexpr int RTP_EXTENSION_LEN = 16;
 
 struct RtpEncParam {

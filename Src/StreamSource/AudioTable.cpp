@@ -1,5 +1,8 @@
 #include "StreamSource/AudioTable.h"
 
+#include "Vidora/Names.h"
+#include "Vidora/StreamSource.h"
+
 namespace Kavio {
 namespace Vidora {
 
@@ -12,7 +15,68 @@ constexpr AudioPayload AUDIO_TABLE[] = {
     {26, 8000, 97, "AAC"}, {31, 16000, 14, "MPA"},
 };
 
+// By RFC 3551 4.5 and 6. AMR, AAC and the ADPCM of files have payload formats that bare frames don't follow (RFC 4867,
+// RFC 3640), and 8-bit linear samples of that kind have none at all.
+struct StandardRow {
+    int encode_type;
+    int sample_rate;  // at which the number is static; 0: it is dynamic
+    int payload_type;
+    int clock_rate;  // 0: that of the samples
+    const char* name;
+};
+
+constexpr int DYNAMIC_PAYLOAD = 97;
+
+constexpr StandardRow STANDARD_TABLE[] = {
+    {STREAM_AUDIO_PCMA, 8000, 8, 0, "PCMA"},
+    {STREAM_AUDIO_PCMA_14, 8000, 8, 0, "PCMA"},
+    {STREAM_AUDIO_PCMU, 8000, 0, 0, "PCMU"},
+    {STREAM_AUDIO_G729, 8000, 18, 0, "G729"},
+    {STREAM_AUDIO_DVI4, 8000, 5, 0, "DVI4"},
+    {STREAM_AUDIO_DVI4, 16000, 6, 0, "DVI4"},
+    {STREAM_AUDIO_G721, 0, DYNAMIC_PAYLOAD, 0, "G726-32"},  // the same coding under its later name
+    {STREAM_AUDIO_G7231, 8000, 4, 0, "G723"},
+    {STREAM_AUDIO_L16, 44100, 11, 0, "L16"},
+    {STREAM_AUDIO_MPEG, 0, 14, 90000, "MPA"},  // static at every rate: RFC 3551 4.5.13
+};
+
+// The row of the codec, that of its rate if there is one; null for none.
+const StandardRow* find_standard(int encode_type, int sample_rate) {
+    const StandardRow* found = nullptr;
+    for (const StandardRow& row : STANDARD_TABLE) {
+        if (row.encode_type == encode_type && (found == nullptr || row.sample_rate == sample_rate)) {
+            found = &row;
+        }
+    }
+    return found;
+}
+
+bool map_standard(int encode_type, int sample_rate, AudioMap& map) {
+    const StandardRow* row = find_standard(encode_type, sample_rate);
+    if (row == nullptr) {
+        logError("%s:%d audio codec %d has no RTP payload that players know\n", __FILE__, __LINE__, encode_type);
+        return false;
+    }
+    const bool is_static = row->sample_rate == 0 || row->sample_rate == sample_rate;
+    map = {is_static ? row->payload_type : DYNAMIC_PAYLOAD, row->clock_rate != 0 ? row->clock_rate : sample_rate,
+           row->name};
+    return true;
+}
+
 }  // namespace
+
+bool MapAudio(int encode_type, int sample_rate, bool standard, AudioMap& map) {
+    if (standard && sample_rate > 0) {
+        return map_standard(encode_type, sample_rate, map);
+    }
+    const AudioPayload* row = FindAudioPayload(encode_type, sample_rate);
+    if (row == nullptr || sample_rate <= 0) {
+        logError("%s:%d get_audio_playload faile\n", __FILE__, __LINE__);
+        return false;
+    }
+    map = {row->payload_type, sample_rate, row->name};
+    return true;
+}
 
 const AudioPayload* FindAudioPayload(int encode_type, int sample_rate) {
     const AudioPayload* first = nullptr;

@@ -16,6 +16,18 @@ struct AudioPayload {
 // none.
 const AudioPayload* FindAudioPayload(int encode_type, int sample_rate);
 
+// How a track of sound is announced and stamped.
+struct AudioMap {
+    int payload_type;  // RTP payload number
+    int clock_rate;    // of the time stamps, a second
+    const char* name;  // encoding name of the SDP
+};
+
+// Finds that for a codec at a rate in Hz. `standard`: by RFC 3551 alone, static payload numbers at their own rates and
+// dynamic ones otherwise; what has no RTP payload that players know is refused. Otherwise the rows above, at the rate
+// of the samples. False, with a log line, if there is none.
+bool MapAudio(int encode_type, int sample_rate, bool standard, AudioMap& map);
+
 }  // namespace Vidora
 }  // namespace Kavio
 

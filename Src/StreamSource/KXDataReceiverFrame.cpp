@@ -158,7 +158,8 @@ int CKXDataReceiver::put_rtp_locked(const Flumen::CMediaFrame& frame, int track,
         m_replay.Write(frame, m_packet_state, m_cseq);
         m_encoders.SetExtension(track, m_replay);
     }
-    m_encoders.CountRtp(track, send_rtp_locked(frame, track, tag));
+    const unsigned int sent = send_rtp_locked(frame, track, tag);
+    m_encoders.CountRtp(track, sent, frame.getPts(Flumen::PTS_TYPE_MS));
     return 0;
 }
 

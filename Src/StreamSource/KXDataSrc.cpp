@@ -117,6 +117,9 @@ void CKXDataSrc::describe() {
 bool CKXDataSrc::build_description() {
     const CKXDataReceiver::CUse use = enter();
     std::unique_ptr<CKXDescription> made(new (std::nothrow) CKXDescription);
+    if (made != nullptr) {
+        made->SetConformance(m_config.GetConformance());
+    }
     if (!use || made == nullptr || made->Build(*use, m_src_type) < 0) {
         return false;
     }

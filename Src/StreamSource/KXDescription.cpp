@@ -114,15 +114,18 @@ int make_h264_fmtp(CKXDataReceiver& receiver, char* fmtp, unsigned int size) {
     return 0;
 }
 
-// The bare digits of the configuration, with no payload number and no "config=" in front: clients of this system read
-// them so.
-int make_mpeg4_fmtp(CKXDataReceiver& receiver, char* fmtp, unsigned int size) {
+// The digits of the configuration behind `words`: none, with no payload number and no "config=", as clients of this
+// system read them; or those of RFC 6416 7.1.
+int make_mpeg4_fmtp(CKXDataReceiver& receiver, const char* words, char* fmtp, unsigned int size) {
     char info[MPEG4_INFO_SIZE];
     const unsigned int length = read_info(receiver, info, MPEG4_INFO_SIZE, MPEG4_INFO_TEXTS);
     if (length == 0) {
         return -1;
     }
-    put_hex(fmtp, size < MPEG4_FMTP_SIZE ? size : MPEG4_FMTP_SIZE, info, length);
+    CTextWriter text(fmtp, size);
+    text.Add(words);
+    const unsigned int room = size - static_cast<unsigned int>(text.Length());
+    put_hex(fmtp + text.Length(), room < MPEG4_FMTP_SIZE ? room : MPEG4_FMTP_SIZE, info, length);
     return 0;
 }
 
@@ -179,7 +182,8 @@ int CKXDescription::build_video(CKXDataReceiver& receiver, src_type_t src_type) 
         return -1;
     }
     char fmtp[FMTP_SIZE] = "";
-    if (row->encode_type == STREAM_VIDEO_MPEG4 && make_mpeg4_fmtp(receiver, fmtp, sizeof(fmtp)) < 0) {
+    const char* words = m_conformance ? "96 profile-level-id=1;config=" : "";
+    if (row->encode_type == STREAM_VIDEO_MPEG4 && make_mpeg4_fmtp(receiver, words, fmtp, sizeof(fmtp)) < 0) {
         logError("%s:%d MPEG4 make fmtp info fail\n", __FILE__, __LINE__);
         return -1;
     }
@@ -206,19 +210,18 @@ int CKXDescription::build_video(CKXDataReceiver& receiver, src_type_t src_type) 
 }
 
 int CKXDescription::build_audio(const StreamAudioFormat& audio, src_type_t src_type) {
-    const AudioPayload* payload = FindAudioPayload(audio.encode_type, audio.sample_rate);
-    if (payload == nullptr || audio.sample_rate <= 0) {
-        logError("%s:%d get_audio_playload faile\n", __FILE__, __LINE__);
+    AudioMap map;
+    if (!MapAudio(audio.encode_type, audio.sample_rate, m_conformance, map)) {
         return -1;
     }
     char format[16];
-    std::snprintf(format, sizeof(format), "%d", payload->payload_type);
+    std::snprintf(format, sizeof(format), "%d", map.payload_type);
     const int track_id = add_track(m_sdp, "audio", format);
     if (track_id < 0) {
         return -1;
     }
     char rtpmap[64];
-    std::snprintf(rtpmap, sizeof(rtpmap), "%s %s/%d", format, payload->name, audio.sample_rate);
+    std::snprintf(rtpmap, sizeof(rtpmap), "%s %s/%d", format, map.name, map.clock_rate);
     m_sdp.set_media_attribute(track_id, "rtpmap", rtpmap);
     m_sdp.set_media_attribute(track_id, "recvonly", nullptr);
     if (src_type == SRC_TYPE_TOKEN) {

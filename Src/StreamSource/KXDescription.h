@@ -17,6 +17,8 @@ class CKXDataReceiver;
 // THREADING  None of its own: its owner guards it. Build asks the host for its codec configuration.
 class CKXDescription {
 public:
+    // Before Build: whether sound and configurations are told by the RFCs alone; see MapAudio.
+    void SetConformance(bool on) { m_conformance = on; }
     // Describes the stream of a source of that type. 0, or -1 with a log line if it can't be described; the object is
     // of no use then.
     int Build(CKXDataReceiver& receiver, src_type_t src_type);
@@ -34,6 +36,7 @@ private:
     int build_audio(const StreamAudioFormat& audio, src_type_t src_type);
     int add_track(CSdpParser& sdp, const char* type, const char* format);
 
+    bool m_conformance = false;
     CSdpParser m_sdp;
     int m_track_num = 0;
     int m_track_ids[MAX_TRACK] = {};  // SDP track number of each medium

@@ -5,6 +5,7 @@
 
 #include "Protocol/SdpParser.h"
 #include "RtpUdpSender.h"
+#include "Vidora/RtspSvrConfig.h"
 #include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
@@ -13,7 +14,7 @@ namespace Vidora {
 namespace {
 
 const int SENDER_MEDIA_NUM = 8;
-const int CONNECTION_TTL = 4;
+const uint8_t CONNECTION_TTL = 4;  // what clients of this system know, whatever is sent with
 const int PORTS_PER_TRACK = 2;
 const int MAX_PORT = 65535;
 
@@ -39,6 +40,7 @@ int CMulticastOutput::Add(const CSockAddrStorage& group, const char* local_ip, i
         return -1;
     }
     destination.sender->SetConfig(&config);
+    destination.described_ttl = config.GetConformance() ? destination.sender->GetTtl(group) : CONNECTION_TTL;
     if (!open_ports(destination, media_count)) {
         return -1;
     }
@@ -102,7 +104,8 @@ int CMulticastOutput::DescribeIn(CSdpParser& sdp) const {
         destination.group.GetIpStr(ip, sizeof(ip));
         const int type = destination.group.GetRealType();
         if (type == Tramel::SOCK_ADDR_IPV4 || type == Tramel::SOCK_ADDR_IPV6) {
-            sdp.add_session_connection(ip, CONNECTION_TTL, 1, "IN", type == Tramel::SOCK_ADDR_IPV4 ? "IP4" : "IP6");
+            sdp.add_session_connection(ip, destination.described_ttl, 1, "IN",
+                                       type == Tramel::SOCK_ADDR_IPV4 ? "IP4" : "IP6");
         }
         if (base_port == 0) {
             base_port = destination.group.GetPort();

@@ -45,6 +45,7 @@ private:
     struct Destination {
         CSockAddrStorage group;
         std::string local_ip;  // empty if none was given
+        uint8_t described_ttl = 0;
         std::unique_ptr<CRtpUdpSender> sender;
 
         Destination();

@@ -2,6 +2,7 @@
 
 #include <cmath>
 
+#include "Ostra/NtpTime.h"
 #include "Vidora/Ostra/ByteWriter.h"
 #include "Vidora/StreamSource.h"
 
@@ -12,7 +13,7 @@ namespace {
 
 const uint16_t PROFILE = 0xABAC;
 const uint16_t LENGTH_WORDS = 3;
-const double NTP_OFFSET = 2208988800.0;  // seconds from 1900 to 1970
+const double NTP_OFFSET = static_cast<double>(Ostra::NTP_TO_UNIX_SECONDS);
 const uint8_t CLEAN_POINT = 0x80;
 const uint8_t END = 0x40;
 const uint8_t DISCONTINUITY = 0x20;

@@ -1,7 +1,14 @@
 #include "StreamSource/SrcInfoTable.h"
 
+#include <algorithm>
+
 namespace Kavio {
 namespace Vidora {
+
+namespace {
+const uint64_t US_PER_MS = 1000;
+const uint64_t MAX_OFF_US = 60000000;
+}  // namespace
 
 void CSrcInfoTable::SetCount(int count) {
     CGuard guard(m_mutex);
@@ -29,14 +36,34 @@ void CSrcInfoTable::SetPlace(int index, uint32_t timestamp, uint16_t seq) {
     CGuard guard(m_mutex);
     m_info[index].timestamp = timestamp;
     m_info[index].seq = seq;
+    m_info[index].wall_us = 0;
+    m_anchor = Anchor();
 }
 
-void CSrcInfoTable::AddFrame(int index, uint32_t timestamp, uint16_t seq, unsigned int bytes, unsigned int packets) {
+void CSrcInfoTable::AddFrame(int index, uint32_t timestamp, uint16_t seq, const Sent& sent) {
     CGuard guard(m_mutex);
-    m_info[index].timestamp = timestamp;
-    m_info[index].seq = seq;
-    m_info[index].octets += bytes;
-    m_info[index].packets += packets;
+    SrcInfo& info = m_info[index];
+    const uint16_t rtp_packets = static_cast<uint16_t>(seq - info.seq);
+    info.timestamp = timestamp;
+    info.seq = seq;
+    info.octets += sent.bytes;
+    info.packets += sent.packets;
+    info.rtp_packets += rtp_packets;
+    info.payload_octets += sent.bytes - std::min(sent.bytes, rtp_packets * sent.packet_header);
+    info.wall_us = wall_time_locked(sent.pts_ms);
+}
+
+// By the source's own clock, whose steps the RTP time makes as well: so the reports never step (RFC 3550 6.4.1). A
+// clock that has left the wall by far, as that of a source that stood still, is laid on anew.
+uint64_t CSrcInfoTable::wall_time_locked(uint64_t pts_ms) {
+    const uint64_t now = CTime::getWallMicroSecond();
+    const uint64_t wall = m_anchor.wall_us + (pts_ms - m_anchor.pts_ms) * US_PER_MS;
+    const uint64_t off = wall > now ? wall - now : now - wall;
+    if (m_anchor.wall_us != 0 && off < MAX_OFF_US) {
+        return wall;
+    }
+    m_anchor = {now, pts_ms};
+    return now;
 }
 
 int CSrcInfoTable::Get(int index, SrcInfo& info) {

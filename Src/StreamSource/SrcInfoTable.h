@@ -26,8 +26,15 @@ public:
     // Where the track stands now.
     void SetTimestamp(int index, uint32_t timestamp);
     void SetPlace(int index, uint32_t timestamp, uint16_t seq);
-    // The same behind a frame of so many bytes and packets: a viewer that joins sees both or neither.
-    void AddFrame(int index, uint32_t timestamp, uint16_t seq, unsigned int bytes, unsigned int packets);
+    // What a frame has sent, and its own time in milliseconds of the source's clock.
+    struct Sent {
+        unsigned int bytes = 0;
+        unsigned int packets = 0;        // by their bytes
+        unsigned int packet_header = 0;  // bytes in front of each packet's payload
+        uint64_t pts_ms = 0;
+    };
+    // The same behind a frame: a viewer that joins sees both or neither.
+    void AddFrame(int index, uint32_t timestamp, uint16_t seq, const Sent& sent);
 
     // -1, with a log line, for a track that isn't in use.
     int Get(int index, SrcInfo& info);
@@ -35,6 +42,15 @@ public:
 
 private:
     CMutex m_mutex;
+    uint64_t wall_time_locked(uint64_t pts_ms) VIDORA_REQUIRES(m_mutex);
+
+    // The wall time of one instant of the source's clock, from which all tracks count, so that they stay together.
+    struct Anchor {
+        uint64_t wall_us = 0;  // 0: none since the time lines began
+        uint64_t pts_ms = 0;
+    };
+
+    Anchor m_anchor VIDORA_GUARDED_BY(m_mutex);
     int m_count VIDORA_GUARDED_BY(m_mutex) = 0;
     SrcInfo m_info[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex);
     unsigned int m_ssrc[MAX_TRACK] VIDORA_GUARDED_BY(m_mutex) = {};

@@ -3,7 +3,9 @@
 #include <cstring>
 
 #include "StreamParser/RandomDraw.h"
+#include "StreamParser/RtpHeader.h"
 #include "StreamSource/AudioTable.h"
+#include "Tramel/Interleave.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -16,7 +18,8 @@ const int JPEG_PAYLOAD = 26;  // RFC 3551 table 5
 const int DYNAMIC_AUDIO_PAYLOAD = 97;
 const int ONVIF_METADATA_PAYLOAD = 107;
 const uint32_t PICTURES_PER_SECOND = 25;  // a usual distance of two time stamps
-const int TS_PACKETS_PER_OUTPUT = 7;      // 7 x 188 bytes fit one Ethernet frame
+const unsigned int PACKET_HEADER_SIZE = Tramel::INTERLEAVE_HEADER_SIZE + RTP_HEADER_LEN;
+const int TS_PACKETS_PER_OUTPUT = 7;  // 7 x 188 bytes fit one Ethernet frame
 
 int video_enc_type(int encode_type) {
     switch (encode_type) {
@@ -79,9 +82,10 @@ void CTrackEncoders::add_tracks(const CFormatWatch& formats) {
     }
     if (formats.HasAudio()) {
         const StreamAudioFormat& audio = formats.GetAudio();
-        const AudioPayload* payload = FindAudioPayload(audio.encode_type, audio.sample_rate);
-        add(audio.encode_type == STREAM_AUDIO_MPEG ? ENC_TYPE_MPEG_AUDIO : ENC_TYPE_AUDIO,
-            payload == nullptr ? DYNAMIC_AUDIO_PAYLOAD : payload->payload_type, audio.sample_rate);
+        AudioMap map = {DYNAMIC_AUDIO_PAYLOAD, audio.sample_rate, ""};
+        MapAudio(audio.encode_type, audio.sample_rate, m_conformance, map);
+        add(audio.encode_type == STREAM_AUDIO_MPEG ? ENC_TYPE_MPEG_AUDIO : ENC_TYPE_AUDIO, map.payload_type,
+            map.clock_rate);
     }
     add(ENC_TYPE_ASSIST, 0, VIDEO_CLOCK);
     add(ENC_TYPE_ONVIF_METADATA, ONVIF_METADATA_PAYLOAD, VIDEO_CLOCK);
@@ -92,6 +96,7 @@ void CTrackEncoders::add(int enc_type, int payload_type, int clock_rate) {
     param.enc_type = enc_type;
     param.payload_type = static_cast<uint8_t>(payload_type);
     param.clock_rate = static_cast<uint32_t>(clock_rate);
+    param.flags |= m_conformance ? RTP_FLAG_NAL_UNITS : 0;
 }
 
 void CTrackEncoders::Reset() {
@@ -166,12 +171,12 @@ CTrackEncoders::Converted CTrackEncoders::convert(CStreamParser& parser, const F
     return converted;
 }
 
-void CTrackEncoders::CountRtp(int index, unsigned int bytes) {
+void CTrackEncoders::CountRtp(int index, unsigned int bytes, uint64_t pts_ms) {
     Track& track = m_tracks[index];
     track.has_sent = true;
     track.rtp->GetParam(track.param);
     const unsigned int packets = (bytes + CSrcInfoTable::COUNTED_PACKET_SIZE - 1) / CSrcInfoTable::COUNTED_PACKET_SIZE;
-    m_info.AddFrame(index, track.param.timestamp, track.param.sequence, bytes, packets);
+    m_info.AddFrame(index, track.param.timestamp, track.param.sequence, {bytes, packets, PACKET_HEADER_SIZE, pts_ms});
 }
 
 }  // namespace Vidora

@@ -44,8 +44,8 @@ public:
     void SetExtension(int track, const CReplayExtension& extension);
     Converted ToRtp(int track, const Flumen::CMediaFrame& frame);
     Converted ToTs(const Flumen::CMediaFrame& frame);
-    // Shows in the table where the RTP of the track is, and counts the bytes that the last frame sent.
-    void CountRtp(int track, unsigned int bytes);
+    // Shows in the table where the RTP of the track is, and counts the bytes that the last frame, of that time, sent.
+    void CountRtp(int track, unsigned int bytes, uint64_t pts_ms);
 
 private:
     struct Track {

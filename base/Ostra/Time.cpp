@@ -126,8 +126,23 @@ CTime CTime::operator-(int64_t seconds) const {
     return seconds == INT64_MIN ? *this + INT64_MAX + 1 : *this + -seconds;
 }
 
+namespace {
+
+uint64_t read_clock(clockid_t clock) {
+    timespec now = {};
+    clock_gettime(clock, &now);
+    return static_cast<uint64_t>(now.tv_sec) * MICROS_PER_SECOND + static_cast<uint64_t>(now.tv_nsec) / 1000 +
+           CClock::Shift();
+}
+
+}  // namespace
+
 CTime CTime::getCurrentTime() {
     return CTime(static_cast<uint64_t>(time(nullptr)) + CClock::Shift() / MICROS_PER_SECOND);
+}
+
+uint64_t CTime::getWallMicroSecond() {
+    return read_clock(CLOCK_REALTIME);
 }
 
 uint64_t CTime::getCurrentMilliSecond() {
@@ -135,10 +150,7 @@ uint64_t CTime::getCurrentMilliSecond() {
 }
 
 uint64_t CTime::getCurrentMicroSecond() {
-    timespec now = {};
-    clock_gettime(CLOCK_MONOTONIC, &now);
-    return static_cast<uint64_t>(now.tv_sec) * MICROS_PER_SECOND + static_cast<uint64_t>(now.tv_nsec) / 1000 +
-           CClock::Shift();
+    return read_clock(CLOCK_MONOTONIC);
 }
 
 uint64_t CClock::Shift() {

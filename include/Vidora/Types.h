@@ -122,6 +122,10 @@ struct SrcInfo {
     uint16_t seq = 0;        // the RTP sequence number of the packet that comes next
     uint32_t octets = 0;     // bytes so far, with the headers of RTP and of interleaving
     uint32_t packets = 0;    // packets so far, counted for each frame as its bytes / 1440, rounded up
+    // What RFC 3550 6.4.1 wants of a sender report; 0 where the source doesn't know it.
+    uint64_t wall_us = 0;         // the wall time of `timestamp`, microseconds since 1970
+    uint32_t rtp_packets = 0;     // packets so far, as they are
+    uint32_t payload_octets = 0;  // bytes so far without any header
 };
 
 // Messages between the handlers of the library and the host's sources (CNetHandler::Notify). The third argument is 0

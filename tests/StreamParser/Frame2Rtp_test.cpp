@@ -72,6 +72,15 @@ std::vector<Bytes> collect_nals(const std::vector<Packet>& packets) {
     return nals;
 }
 
+TEST(Frame2Rtp, NalUnitsAreToldApartIfTheyAreToBe) {
+    const Bytes sps = nal(0x67, 20), first = nal(0x65, 3001), second = nal(0x65, 7);
+    const Bytes frame = Bytes{0, 0, 1} + sps + join({first}) + Bytes{0, 0, 0, 1, 0, 0, 1} + second + Bytes{0, 0, 0};
+    CFrame2Rtp packer;
+    packer.SetNalUnits(true);
+    EXPECT_EQ(collect_nals(cut(packer, frame, ENC_TYPE_H264)), (std::vector<Bytes>{sps, first, second}));
+    EXPECT_TRUE(cut(packer, Bytes{1, 2, 3, 4, 5}, ENC_TYPE_H264).empty());
+}
+
 TEST(Frame2Rtp, H264FrameSplitsAtParameterSetsAndNotAtSlices) {
     const Bytes sps = nal(0x67, 20), pps = nal(0x68, 5), idr = nal(0x65, 3000), slice = nal(0x41, 1440);
     const Bytes sei = nal(0x06, 1441);

@@ -6,6 +6,7 @@
 #include <vector>
 
 #include "Protocol/SdpParser.h"
+#include "StreamSource/AudioTable.h"
 #include "Vidora/DataSource.h"
 #include "Vidora/RtspSvrConfig.h"
 #include "Vidora/Tramel/MediaBuffer.h"
@@ -30,6 +31,31 @@ using Support::FrameSpec;
 using Support::WaitUntil;
 
 const packet_type_t ALL_TYPES[] = {PACKET_TYPE_RTP, PACKET_TYPE_KX, PACKET_TYPE_TS};
+
+TEST(AudioTable, ByTheStandardsAlone) {
+    const struct {
+        int encode_type, sample_rate, payload_type, clock_rate;
+        const char* name;
+    } rows[] = {
+        {STREAM_AUDIO_PCMA, 8000, 8, 8000, "PCMA"},     {STREAM_AUDIO_PCMA, 16000, 97, 16000, "PCMA"},
+        {STREAM_AUDIO_DVI4, 16000, 6, 16000, "DVI4"},   {STREAM_AUDIO_DVI4, 11025, 97, 11025, "DVI4"},
+        {STREAM_AUDIO_MPEG, 44100, 14, 90000, "MPA"},   {STREAM_AUDIO_L16, 44100, 11, 44100, "L16"},
+        {STREAM_AUDIO_L16, 8000, 97, 8000, "L16"},      {STREAM_AUDIO_G7231, 8000, 4, 8000, "G723"},
+        {STREAM_AUDIO_G721, 8000, 97, 8000, "G726-32"},
+    };
+    AudioMap map;
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.name);
+        ASSERT_TRUE(MapAudio(row.encode_type, row.sample_rate, true, map));
+        EXPECT_EQ(row.payload_type, map.payload_type);
+        EXPECT_EQ(row.clock_rate, map.clock_rate);
+        EXPECT_STREQ(row.name, map.name);
+    }
+    for (const int unplayable : {STREAM_AUDIO_PCM8, STREAM_AUDIO_MS_ADPCM, STREAM_AUDIO_AMR, STREAM_AUDIO_AAC}) {
+        EXPECT_FALSE(MapAudio(unplayable, 8000, true, map));
+        EXPECT_TRUE(MapAudio(unplayable, 8000, false, map));
+    }
+}
 
 // One data source over a fake host source, with the messages that its holder gets.
 class KXDataTest : public testing::Test {

@@ -1,7 +1,9 @@
 // What the item RTSP_SVR_CONFIG_CONFORMANCE changes in a conversation; what it leaves is in conversation_test.
 #include <set>
 
+#include "Vidora/Ostra/ByteReader.h"
 #include "server/ServerFixture.h"
+#include "support/TestClock.h"
 #include "support/UdpPeer.h"
 
 namespace Kavio {
@@ -213,6 +215,71 @@ TEST_F(Conformance, ARangeEndsAndNoTimeComesTwice) {
         seen.merge(times);
         EXPECT_TRUE(times.empty()) << "a time came twice";
     }
+}
+
+// The fields of a sender report (RFC 3550 6.4.1).
+struct Report {
+    uint64_t ntp = 0;
+    uint32_t rtp_time = 0;
+    uint32_t packets = 0;
+    uint32_t octets = 0;
+    bool bye = false;
+};
+
+// The next report that the client gets; `media` counts the packets and payload before it.
+Report NextReport(CRtspTestClient& client, Report& media) {
+    RtspFrame frame = client.Frame();
+    for (; frame.channel == 0; frame = client.Frame()) {
+        ++media.packets;
+        media.octets += static_cast<uint32_t>(frame.data.size()) - 12;
+        media.rtp_time = CByteReader(frame.data.data() + 4, 4).ReadU32();
+    }
+    Report report;
+    CByteReader reader(frame.data.data(), frame.data.size());
+    reader.Skip(8);
+    report.ntp = uint64_t{reader.ReadU32()} << 32;
+    report.ntp |= reader.ReadU32();
+    report.rtp_time = reader.ReadU32();
+    report.packets = reader.ReadU32();
+    report.octets = reader.ReadU32();
+    report.bye = frame.data.find("End of Stream") != std::string::npos;
+    EXPECT_TRUE(reader.Ok());
+    return report;
+}
+
+TEST_F(Conformance, ReportsFollowTheFirstMediaAndNeverStep) {
+    StartServer();
+    CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
+    CRtspTestClient client(m_port);
+    PlayInterleaved(client, FILE_CONTENT);
+    CFakeStreamSource* source = CFakeStreamSource::Last();
+    Report media;
+    ASSERT_TRUE(Support::WaitUntil([=] { return GiveAt(source, 3); }));
+    const Report first = NextReport(client, media);
+    EXPECT_EQ(media.rtp_time, first.rtp_time);
+    EXPECT_EQ(media.packets, first.packets);
+    EXPECT_EQ(media.octets, first.octets);
+    const uint64_t unix_s = (first.ntp >> 32) - 2208988800U;
+    EXPECT_GT(60u, CTime::getCurrentTime().makeTime() - unix_s);
+    ASSERT_TRUE(GiveAt(source, 5));
+    Support::AdvanceClock(5100);
+    const Report second = NextReport(client, media);
+    EXPECT_EQ(180000u, second.rtp_time - first.rtp_time);
+    EXPECT_NEAR(2.0, static_cast<double>(second.ntp - first.ntp) / 4294967296.0, 0.000001);
+    EXPECT_FALSE(first.bye || second.bye);
+    source->SetPacketState(PACKET_STATE_END);
+    GiveAt(source, 6);
+    EXPECT_TRUE(NextReport(client, media).bye);
+    EXPECT_TRUE(client.Closed());
+
+    CFakeStreamSource* live = AddChannel();
+    CRtspTestClient viewer(m_port);
+    PlayInterleaved(viewer);
+    ASSERT_TRUE(Give(live, 10));
+    EXPECT_FALSE(NextReport(viewer, media).bye);
+    m_svr->EndSessions(0);
+    EXPECT_TRUE(NextReport(viewer, media).bye);
+    EXPECT_TRUE(viewer.Closed());
 }
 
 }  // namespace

@@ -47,6 +47,8 @@ public:
 
     // The wall clock now.
     static CTime getCurrentTime();
+    // The same in microseconds since 1970.
+    static uint64_t getWallMicroSecond();
     // Monotonic milliseconds and microseconds, for intervals and time-outs; they never step back.
     static uint64_t getCurrentMilliSecond();
     static uint64_t getCurrentMicroSecond();
