@@ -25,7 +25,7 @@ struct View {
                                  "a=control:v\r\nm=audio 0 RTP/AVP 96\r\na=rtpmap:96 PCMA/8000\r\na=control:a\r\n"
                                  "m=application 0 RTP/AVP 0\r\na=control:x\r\n";
         sdp.Parse(text.c_str(), 0);
-        const sdp_info_track tracks[] = {{1, 0, 8, false}, {2, 1, 9, false}, {3, 2, 10, false}};
+        const sdp_info_track tracks[] = {{1, 0, false}, {2, 1, false}, {3, 2, false}};
         Fuzz::Require(CSdpInfoAccess::Fill(info, &sdp, tracks, 3, type) == 0);
     }
     CSdpParser sdp;
