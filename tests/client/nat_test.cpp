@@ -169,6 +169,23 @@ TEST_F(CNatTest, TheFirstHelloTellsThePort) {
     EXPECT_EQ(0u, silent.Requests("OPTIONS").size());
 }
 
+// It tells IPv4 senders in their mapped form.
+TEST_F(CNatTest, ADualStackSocketServesAsWell) {
+    CNatPeer peer(&CScriptedServer::Answer);
+    CNatHost host;
+    sockaddr_in6 local = {};
+    local.sin6_family = AF_INET6;
+    const int sock = ::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    if (::bind(sock, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0) {
+        ::close(sock);
+        GTEST_SKIP() << "no IPv6 here";
+    }
+    ASSERT_EQ(0, host.StartBy(peer.Url(), sock));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    peer.Send(CNatPeer::Rtp(1));
+    EXPECT_TRUE(WaitUntil([&] { return host.sink.Count() > 0; }));
+}
+
 struct silence_row {
     const char* name;
     const char* method;  // that gets no answer any more; "-": hellos
@@ -260,6 +277,13 @@ public:
     // Where the client, and where the server, takes the other to be.
     int PortOfServer() const { return m_near.Port(); }
     int PortOfClient() const { return m_far.Port(); }
+    // Datagrams that began so, whether or not they were lost.
+    int Count(const std::string& begin) {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return static_cast<int>(std::count_if(m_seen.begin(), m_seen.end(), [&begin](const std::string& datagram) {
+            return datagram.compare(0, begin.size(), begin) == 0;
+        }));
+    }
 
 private:
     void run() {
@@ -277,6 +301,10 @@ private:
     }
     void pass(Support::CUdpPeer& in, int& from, Support::CUdpPeer& out, int to) {
         const std::string datagram = in.Recv(0, &from);
+        {
+            const std::lock_guard<std::mutex> guard(m_mutex);
+            m_seen.push_back(datagram.substr(0, 20));
+        }
         const bool is_lost = m_every > 0 && ++m_count % m_every == 0;
         if (!datagram.empty() && !is_lost) {
             out.Send(datagram, to);
@@ -287,6 +315,8 @@ private:
     const int m_server_port;
     int m_client_port = 0;
     int m_count = 0;
+    std::mutex m_mutex;
+    std::vector<std::string> m_seen;  // their beginnings
     std::atomic<int> m_every{0};
     std::atomic<bool> m_stops{false};
     std::thread m_thread;
@@ -347,6 +377,26 @@ TEST_F(CNatServerTest, ThroughLossesTheStreamPlaysAndThenItsFramesAreWhole) {
     EXPECT_EQ(0u, m_svr->EndSessions(20000));
     EXPECT_EQ(1, viewer.Returns());
     EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
+}
+
+// The client asks again and again while the server's source gets ready: each request is served once.
+TEST_F(CNatServerTest, ASlowSourceIsWaitedFor) {
+    StartServer();
+    CFakeStreamSource* source = AddUnreadyChannel(LIVE_NAME);
+    CNatViewer viewer;
+    CLossyNetwork network(viewer.HostPort());
+    ASSERT_EQ(0, HandIn(viewer, network));
+    CNatHost host;
+    ASSERT_EQ(0, host.Start(UrlAt(network)));
+    ASSERT_TRUE(WaitUntil([&] { return network.Count("DESCRIBE ") > 3; }));
+    source->Tell(MSG_STREAM_INFO);
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    EXPECT_TRUE(Give(source, 0));
+    EXPECT_TRUE(WaitUntil([&] { return host.sink.Count() > 0; }));
+    EXPECT_EQ(1, host.Count(MSG_RTSP_SETUP_READY));
+    EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
+    host.Close();
+    EXPECT_EQ(0u, m_svr->EndSessions(20000));
 }
 
 // How the host of the flat layer ends its client.
