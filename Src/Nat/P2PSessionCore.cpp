@@ -48,8 +48,12 @@ int CP2PSessionCore::take_request(const char* text, int length) {
     }
     if (taken <= 0) {
         m_conversation.End(MSG_SRC_FAIL);
+        return -1;
     }
-    return taken > 0 ? 0 : -1;
+    if (m_conversation.IsStreaming()) {  // the next request is seconds away
+        m_conversation.ForgetMessages();
+    }
+    return 0;
 }
 
 // What doesn't get through the client asks for again.

@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <functional>
+#include <memory>
 #include <string>
 
 #include "Vidora/RtspSvr.h"
@@ -36,12 +37,12 @@ public:
     int HandIn(CRtspSvr& svr, const std::string& peer = "") {
         NatConnectRecord record;
         record.on_return = nat_return_t(this, &CNatViewer::on_return);
-        const std::string text = peer.empty() ? "127.0.0.1:" + std::to_string(m_sock.Port()) : peer;
+        const std::string text = peer.empty() ? "127.0.0.1:" + std::to_string(m_sock->Port()) : peer;
         return svr.AddNewConnect(m_host_fd, text.c_str(), static_cast<int>(text.size()),
                                  reinterpret_cast<long>(&record));
     }
 
-    void Send(const std::string& datagram) { m_sock.Send(datagram, m_host_port); }
+    void Send(const std::string& datagram) { m_sock->Send(datagram, m_host_port); }
     // The next datagram that is media, or one that is not.
     std::string Packet() { return next(true); }
     std::string Text() { return next(false); }
@@ -63,6 +64,8 @@ public:
         Send(CLIENT_HELLO);
         return Text() == SERVER_HELLO;
     }
+    // Closes the viewer's socket: its system refuses what the server sends.
+    void Leave() { m_sock.reset(); }
     // Whether the server has read all that was sent to it.
     bool IsRead() const {
         int unread = 0;
@@ -103,14 +106,14 @@ private:
     }
     std::string next(bool media) {
         for (;;) {
-            const std::string datagram = m_sock.Recv(20000);
+            const std::string datagram = m_sock->Recv(20000);
             if (datagram.empty() || (datagram.compare(0, 4, "RTSP") != 0) == media) {
                 return datagram;
             }
         }
     }
 
-    Support::CUdpPeer m_sock;
+    std::unique_ptr<Support::CUdpPeer> m_sock = std::make_unique<Support::CUdpPeer>();
     int m_host_port;
     int m_host_fd;
     int m_cseq = 0;

@@ -151,6 +151,15 @@ TEST_F(NatServer, EveryEndGivesTheSocketBackOnce) {
         {"garbage", [](CNatViewer& viewer) { viewer.Send("garbage\r\n\r\n"); }},
         {"no whole request", [](CNatViewer& viewer) { viewer.Send("OPTIONS * RTSP/1.0\r\n"); }},
         {"silence", [](CNatViewer&) { AdvanceClock(16000); }},
+        {"a viewer that has gone",
+         [this](CNatViewer& viewer) {
+             viewer.Leave();
+             for (unsigned int i = 0; i < 20; ++i) {
+                 EXPECT_TRUE(Give(m_source_of_channel, i));
+             }
+             EXPECT_EQ(1u, m_svr->CountSessions());  // what its system refuses is but silence
+             AdvanceClock(16000);
+         }},
         {"sessions", [this](CNatViewer&) { EXPECT_EQ(0u, m_svr->EndSessions(20000)); }},
         {"source", [this](CNatViewer&) { m_source_of_channel->Tell(MSG_SRC_FAIL); }},
         {"channel", [this](CNatViewer&) { EXPECT_EQ(0, m_live_svr->DelLiveChannel(LIVE_NAME)); }},
