@@ -200,6 +200,9 @@ TEST(RtspReply, PlayWithItsTracksAndRange) {
         many += "," + one;
     }
     EXPECT_EQ(parser.generate_play_reply(entries, 40, 0, -1.0), Crlf(many + "\nRange: npt=0.000000-\n\n"));
+    std::memset(entries[0].url, 'u', sizeof entries[0].url);  // nothing of it fits
+    const std::string bare = frame.substr(0, frame.find("RTP-Info"));
+    EXPECT_EQ(parser.generate_play_reply(entries, 2, 0, -1.0), Crlf(bare + "Range: npt=0.000000-\n\n"));
     // Headers that don't fit into the message leave whole lines, and the end of the headers.
     for (size_t size = 3900; size < 4100; ++size) {
         parser.set_ext_key(RTSP_METHOD_PLAY, "A", std::string(size, 'a').c_str());

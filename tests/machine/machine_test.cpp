@@ -174,6 +174,7 @@ TEST(StateMachine, ReplyFromInsideTheOperationRunsAfterIt) {
     owner.hook = [&](const std::string& name) {
         if (name == "setup") {
             owner.Put(RTSP_METHOD_OPTIONS);
+            EXPECT_FALSE(owner.keeper->forget_events());
             EXPECT_TRUE(owner.keeper->put_tx_event(2, "reply", 200, owner.last_id));
             owner.result = 0;
         }
