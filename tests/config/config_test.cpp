@@ -95,8 +95,8 @@ TEST(RtspSvrConfig, WrongLengthsAssertAndUnknownItemsAreLogged) {
     char value[16] = {};
     for (const rtsp_svr_config_t item :
          {RTSP_SVR_CONFIG_AUTH_TYPE, RTSP_SVR_CONFIG_HTTP_AUTH_TYPE, RTSP_SVR_CONFIG_DSCP, RTSP_SVR_CONFIG_TIMEOUT,
-          RTSP_SVR_CONFIG_RTP_PORT, RTSP_SVR_CONFIG_URL_FUNC, RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL,
-          RTSP_SVR_CONFIG_CONFORMANCE}) {
+          RTSP_SVR_CONFIG_RTP_PORT, RTSP_SVR_CONFIG_URL_FUNC, RTSP_SVR_CONFIG_SRC_FUNC, RTSP_SVR_CONFIG_AUTH_FUNC,
+          RTSP_SVR_CONFIG_EVENT_FUNC, RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, RTSP_SVR_CONFIG_CONFORMANCE}) {
         for (int len : {0, 3}) {
             const Support::CAssertCapture asserts;
             EXPECT_EQ(-1, config.SetConfig(item, value, len));
