@@ -17,7 +17,7 @@ namespace {
 const int AUTH_KIND = 2000;  // the last argument of the module's operations
 const char ANY_OPTIONS[] = "OPTIONS *";
 const char CREDENTIALS[] = "Authorization:";
-const char ONVIF_MARK[] = ".OnvifInterDomain";  // tells the module which table of users to look into
+const char ONVIF_MARK[] = ".OnvifInterDomain";  // shows the module which table of users to look into
 
 // False if memory is short.
 bool set_text(std::string& to, const char* text, size_t length) {

@@ -36,7 +36,7 @@ public:
 // THREADING  The conversation's strand, but for the module's answer: inside the module's operation it is served at
 //            once, so that a second request of the same read finds the first one judged. On any other thread it is
 //            stored, and the owner's strand takes it.
-// OWNERSHIP  Owns the module, and gives it back in Release, at the latest by its destructor. The owner outlives it.
+// OWNERSHIP  Owns the module, and releases it in Release, at the latest by its destructor. The owner outlives it.
 // MEMORY     A peer can make it keep one request, the module one challenge and one answer.
 class CAuthGate {
 public:
@@ -48,7 +48,7 @@ public:
     // Puts `module` in front; null leaves the conversation free. `checks_onvif`: whether a URL of ONVIF's form needs
     // authentication as well; otherwise the first request with one frees the whole connection.
     void Open(IAuthModule* module, bool checks_onvif);
-    // Gives the module back. No answer is taken after it.
+    // Releases the module. No answer is taken after it.
     void Release();
 
     // What Check can't judge.

@@ -22,7 +22,7 @@ public:
     CBufferedSeparator(const CBufferedSeparator&) = delete;
     CBufferedSeparator& operator=(const CBufferedSeparator&) = delete;
 
-    // False if memory was short; GetBuffer then gives null.
+    // False if memory was short; GetBuffer then returns null.
     bool IsValid() const { return m_recv_buf != nullptr; }
 
     char* GetBuffer(int* space) override;

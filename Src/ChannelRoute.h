@@ -8,7 +8,7 @@ namespace Vidora {
 
 class CSdpParser;
 
-// CChannelRoute: media that the channel's own multicast sockets send. The session has no sink: it only tells the client
+// CChannelRoute: media that the channel's own multicast sockets send. The session has no sink: it only shows the client
 // where, and is counted among those that keep the channel going. It is also the route of a client whose every SETUP was
 // refused and who plays all the same: its PLAY is answered, and nothing flows to it.
 class CChannelRoute : public IMediaRoute {

@@ -7,7 +7,7 @@ namespace Kavio {
 namespace Vidora {
 
 // CKXSeparator: private frames, RTSP replies, which begin with "R" or "r", and requests of the server's own. A frame
-// stands behind "$", its channel (track times 2) and its length in 4 bytes, high byte first; it comes out as two
+// follows "$", its channel (track times 2) and its length in 4 bytes, high byte first; it comes out as two
 // records, those 6 bytes and the frame.
 //
 // Most of a large frame is read from the socket straight into its place.

@@ -36,7 +36,7 @@ public:
 
     bool valid() const { return m_machine != nullptr; }
 
-    // Gives the machine its state `number`, 0 to 3; it owns `state` from then on, also on failure. 0 or -1.
+    // Sets the machine's state `number`, 0 to 3; it owns `state` from then on, also on failure. 0 or -1.
     int set_state_obj(int number, IState* state);
     // Enters a state. 0 or -1.
     int set_state(int number);
@@ -58,7 +58,7 @@ public:
     bool hold();
     void release();
 
-    // Gives the memory of past events back, for a conversation that will be quiet for seconds. False, with nothing
+    // Releases the memory of past events, for a conversation that will be quiet for seconds. False, with nothing
     // done, if one is in flight or its reply is still awaited.
     bool forget_events();
 

@@ -12,10 +12,10 @@
 namespace Kavio {
 namespace Vidora {
 
-// What a CMediaFrame stands on.
+// What a CMediaFrame is backed by.
 enum media_frame_mode_t : int { MEDIA_FRAME_RAW = 0, MEDIA_FRAME_SHARED = 1 };
 
-// CMediaFrame: a media packet that carries one frame or block of bytes through a CMediaBuffer. It stands on a
+// CMediaFrame: a media packet that carries one frame or block of bytes through a CMediaBuffer. It is backed by a
 // Flumen::CMediaFrame, whose contents it shares, or on a CRawMemory of its own, and forwards to that. Neither copies
 // nor assignments copy media bytes.
 //
@@ -23,7 +23,7 @@ enum media_frame_mode_t : int { MEDIA_FRAME_RAW = 0, MEDIA_FRAME_SHARED = 1 };
 // life the buffer governs.
 //
 // THREADING  One thread at a time; a buffer's sinks read it on several, after the last change.
-// Without contents, numbers and pointers are 0 or null, putBuffer and resize give -1, and setters do nothing.
+// Without contents, numbers and pointers are 0 or null, putBuffer and resize return -1, and setters do nothing.
 class CMediaFrame : public CMediaPacket, public Flumen::CFrameFacts<CMediaFrame> {
 public:
     // Shared mode, no contents.
@@ -46,7 +46,7 @@ public:
     Flumen::CMediaFrame GetShared() const { return m_mode == MEDIA_FRAME_SHARED ? m_frame : Flumen::CMediaFrame(); }
     // The contents as a packet, owned by this object; null if there are none.
     Memory::CPacket* getPacket();
-    // Appends as many of the bytes as fit and gives their number.
+    // Appends as many of the bytes as fit and returns their number.
     int putBuffer(const void* data, uint32_t length);
     unsigned char* getBuffer() const {
         return read([](const auto& backing) { return backing.getBuffer(); });

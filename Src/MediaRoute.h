@@ -24,7 +24,7 @@ enum silence_rule_t {
 // the channel's own sockets.
 //
 // SetUp comes first, for each track; then the route enters a live channel or a buffer, at most one at a time. It holds
-// the sink that stands there, which stays until the matching Leave.
+// the sink that is stored there, which stays until the matching Leave.
 //
 // THREADING  The conversation's strand. The sinks lock for themselves.
 // OWNERSHIP  Owns its sink; it borrows the place, and has left it before it dies.
@@ -33,16 +33,17 @@ public:
     virtual ~IMediaRoute() = default;
 
     // Makes the way for one track, with `channel` its interleaved channel by the source, and completes `transport` for
-    // the reply to SETUP. 0; a status to refuse with; or -1 if there is no reply to give.
+    // the reply to SETUP. 0; a status to refuse with; or -1 if there is no reply to send.
     virtual int SetUp(const CTrack& track, int channel, transport_info& transport) = 0;
     // The group that the reply to SETUP has to name; null for none.
     virtual const multicast_info* Group() const { return nullptr; }
     // Lets the packets of a track that was set up pass, or not.
     virtual void Switch(const CTrack& track, bool on) = 0;
-    // Stops the packets of a track; once it is switched on again they go on with a key frame, where the route can tell.
+    // Stops the packets of a track; once it is switched on again they go on with a key frame, where the route can find
+    // one.
     virtual void Pause(const CTrack& track) { Switch(track, false); }
 
-    // Stands in a live channel, which a reference is held on, and which is started for it; and no longer. 0 or -1.
+    // Is stored in a live channel, which a reference is held on, and which is started for it; and no longer. 0 or -1.
     virtual int EnterLive(CLiveChannel& channel, packet_type_t type) = 0;
     virtual void LeaveLive(CLiveChannel& channel, packet_type_t type) = 0;
     // The same for the buffer of a session's own source, which somebody else starts.

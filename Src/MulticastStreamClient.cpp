@@ -81,7 +81,7 @@ int CMulticastStreamClient::start(const char* multicast_addr, int multicast_port
     return 0;
 }
 
-// A transport stream tells its contents itself; a track of RTP must be told.
+// A transport stream describes itself; a track of RTP must be described.
 int CMulticastStreamClient::check_kind(const multicast_track_info_t* info) const {
     if (info == nullptr && m_client_type != ClientType_TS) {
         logError("%s:%d, src type error, expect ClientType_TS, in fact it's %d.\n", __FILE__, __LINE__, m_client_type);

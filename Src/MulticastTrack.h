@@ -36,7 +36,7 @@ public:
 
     // No callback starts any more. True the first time.
     bool Detach() { return m_live.exchange(false); }
-    // Tells the host the end by an empty frame, unless the track is detached.
+    // Reports the end to the host by an empty frame, unless the track is detached.
     void End();
     bool IsLive() const { return m_live; }
     // Datagrams that were not used, or not as a whole.

@@ -13,7 +13,7 @@ class CLiveSvrRef;
 class CRtspSvrConfig;
 class CSessionRoll;
 
-// INatIntake: what CSvrSessionManager hands NAT streams to. The layer of NAT sessions stands above the server, and the
+// INatIntake: what CSvrSessionManager hands NAT streams to. The layer of NAT sessions is above the server, and the
 // entry, which stands above both, gives the manager its intake.
 //
 // THREADING  Any thread, with no lock held; it doesn't wait.

@@ -24,7 +24,7 @@ struct RawCounter;
 //
 // THREADING  The count is atomic, so that copies of one block may live on several threads; all else is used by one
 //            thread at a time.
-// An operation on an invalid object gives 0, null or what it says, and does nothing.
+// An operation on an invalid object returns 0, null or what it says, and does nothing.
 class CRawMemory : public CMediaPacket, public Flumen::CFrameFacts<CRawMemory> {
 public:
     // No contents: invalid.
@@ -44,7 +44,7 @@ public:
     bool valid() const { return m_counter != nullptr; }
     // The packet image, brought up to date, owned by this object; null if invalid or if memory is short.
     Memory::CPacket* getPacket();
-    // Appends as many of the bytes as fit and gives their number; -1 if invalid.
+    // Appends as many of the bytes as fit and returns their number; -1 if invalid.
     int putBuffer(const void* data, uint32_t length);
     unsigned char* getBuffer() const;
     // Sets the bytes in use, at most to the capacity: 0, or -1 if invalid. It doesn't make the packet image stale.

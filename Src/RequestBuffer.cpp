@@ -54,7 +54,7 @@ int CRequestBuffer::Take(int count, CSvrConversation& conversation) {
     return m_length;
 }
 
-// Zeroes the `used` bytes. A session that streams is quiet for seconds: it gives that page back, and what its last
+// Zeroes the `used` bytes. A session that streams is quiet for seconds: it releases that page, and what its last
 // message left in others.
 void CRequestBuffer::empty(int used, bool had_messages, CSvrConversation& conversation) {
     memset(m_bytes, 0, static_cast<size_t>(used));

@@ -9,7 +9,7 @@ namespace Vidora {
 class CSvrConversation;
 
 // CRequestBuffer: what has come on a stream from one client and isn't served yet. It cuts the bytes into messages and
-// interleaved frames (RFC 2326 10.12), and gives them to the conversation.
+// interleaved frames (RFC 2326 10.12), and hands them to the conversation.
 //
 // THREADING  The conversation's strand.
 // OWNERSHIP  Borrows its memory, so that the owner can lay that where nothing else is: while nothing waits, and media

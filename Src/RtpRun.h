@@ -27,11 +27,11 @@ inline bool ReadInterleavedUnit(Ostra::CByteReader& run, interleaved_unit_t& uni
     return run.Ok() && header >> 24 == Tramel::INTERLEAVE_MARK;
 }
 
-// What the packets of a frame tell of its kind.
+// What the packets of a frame show of its kind.
 enum run_kind_t { RUN_KIND_UNDECIDED = 0, RUN_KIND_KEY = 1, RUN_KIND_OTHER = 2 };
 
 // The kind of an H.264 frame by the payload of one of its packets (RFC 6184): key frame for an IDR slice or a parameter
-// set, undecided for what stands in front of either kind. A later fragment of an IDR slice counts as other: nothing can
+// set, undecided for what precedes either kind. A later fragment of an IDR slice counts as other: nothing can
 // begin with it.
 run_kind_t H264PayloadKind(const unsigned char* payload, size_t length);
 

@@ -22,7 +22,7 @@ class CUdpSockPair;
 // byte, and sends each packet without its header.
 //
 // A group is sent to by the interface that was set, with that interface's address. A pair that can't be sent from (no
-// network yet, the interface gone or with another address) tries anew with each Put. The log tells once that sending
+// network yet, the interface gone or with another address) tries anew with each Put. The log says once that sending
 // fails, and once that it goes on.
 //
 // THREADING  Put: the source's thread. EnableTrack, DisableTrack: any thread. All others: the owner's, also while the
@@ -48,7 +48,7 @@ public:
     void Init(int media_num);
     // Where the packets go; the port is set by OpenPair. 0.
     int SetRemote(CSockAddrStorage addr);
-    // Opens the sockets of one track at a free pair of ports of the configured range, and gives the lower one.
+    // Opens the sockets of one track at a free pair of ports of the configured range, and returns the lower one.
     // `remote_port`: the peer's RTP port, its RTCP port is the next one. `channel`: the RTP channel in the packets'
     // headers, RTCP has the next one; the track that has it already is opened anew, and takes no further room. 0, or -1
     // if there is no room, or no free pair (with a log line).

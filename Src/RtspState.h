@@ -10,9 +10,9 @@
 namespace Kavio {
 namespace Vidora {
 
-// The states of an RTSP conversation, over the operations of an owner of type T. An owner's operation gives a negative
-// number on failure, 0 when it is done, and a positive number when the reply follows later as a tx event with the
-// event's identifier; the states turn that into a state_result_t.
+// The states of an RTSP conversation, over the operations of an owner of type T. An owner's operation returns a
+// negative number on failure, 0 when it is done, and a positive number when the reply follows later as a tx event with
+// the event's identifier; the states turn that into a state_result_t.
 //
 // A server session has these operations (public, or with `friend struct RtspServerOwner<T>`):
 //     int on_describe(const StateEvent&)       DESCRIBE in Init
@@ -73,7 +73,7 @@ private:
 };
 
 // A client has these (public, or with `friend struct RtspClientOwner<T>`); each gets the reply to its method. An
-// operation that sends the next request puts a tx event with identifier 0 and gives 0, since the machine runs that
+// operation that sends the next request puts a tx event with identifier 0 and returns 0, since the machine runs that
 // event as soon as the operation is over. A positive result would hold that event back, and after on_describe_reply the
 // machine would refuse the next reply.
 //     int on_describe_reply(const StateEvent&), on_setup_reply (Init), on_setup_reply_ready (Ready, Play),
@@ -171,7 +171,7 @@ private:
     T* m_owner;
 };
 
-// CRecordState: no road leads here, and every method is refused.
+// CRecordState: no path leads here, and every method is refused.
 template <typename T>
 class CRecordState : public IState {
 public:
@@ -231,7 +231,7 @@ private:
     IState* m_state;
 };
 
-// Gives the keeper's machine the state `number` around a new inner state. 0, or -1 if memory is short.
+// Sets the state `number` of the keeper's machine around a new inner state. 0, or -1 if memory is short.
 template <typename Inner, typename T>
 int add_rtsp_state(CMachineKeeper& keeper, int number, T* owner) {
     std::unique_ptr<IState> inner(new (std::nothrow) Inner(owner));

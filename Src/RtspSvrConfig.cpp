@@ -68,8 +68,8 @@ struct CRtspSvrConfig::Item {
         std::memcpy(&(record.*Member), &value, sizeof(value));
         return 0;
     }
-    // The value that stands is tested, not the new one: any value goes in, and after one that is out of range the item
-    // can't be set again. Hosts know it so, and it stays.
+    // The value that is stored is tested, not the new one: any value goes in, and after one that is out of range the
+    // item can't be set again. Hosts know it so, and it stays.
     template <auto Member, bool (*IsGood)(int)>
     static int copy_over_good(Record& record, const void* value) {
         return IsGood(record.*Member) ? copy_in<Member>(record, value) : -1;

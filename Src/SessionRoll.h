@@ -11,8 +11,8 @@ namespace Vidora {
 // CSessionRoll: the sessions of one server that live now, of whatever kind. The server and each of its sessions share
 // it, so that it is there as long as one of them: sessions outlive their server.
 //
-// A session stands in it through its CSessionEntry, from the moment before it takes its connection over until nothing
-// of it is left.
+// A session is stored in it through its CSessionEntry, from the moment before it takes its connection over until
+// nothing of it is left.
 //
 // THREADING  All operations: any thread. Messages are posted under its lock, which is a leaf: the handler that ends
 //            never waits for it.
@@ -27,7 +27,7 @@ public:
     // No session begins any more.
     void Shut();
     unsigned int Count();
-    // Posts to each session that stands here the message that ends it, once, and waits up to `wait_ms` milliseconds
+    // Posts to each session that is stored here the message that ends it, once, and waits up to `wait_ms` milliseconds
     // until those have gone; not at all on a thread of the pool, which may be the one that a session needs. How many of
     // all that were told to end are left.
     unsigned int EndAll(unsigned int wait_ms);
@@ -35,7 +35,7 @@ public:
 private:
     friend class CSessionEntry;
 
-    // The entries stand in a ring that begins and ends with m_ring.
+    // The entries form a ring that begins and ends with m_ring.
     struct CLink {
         CLink* next;
         CLink* before;
@@ -51,7 +51,7 @@ private:
 };
 
 // CSessionEntry: a session's place in the roll of its server, from its beginning on its strand to its end. A session
-// lets go of its entry as the very last thing, after its own destructor.
+// releases its entry as the very last thing, after its own destructor.
 class CSessionEntry : private CSessionRoll::CLink {
 public:
     // For the handler `id`, which ends by the message (`msg`, `param`). Null if memory is short.

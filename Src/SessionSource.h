@@ -23,7 +23,7 @@ class CSdpParser;
 //
 // THREADING  The conversation's strand.
 // OWNERSHIP  Holds a reference on its channel, and owns its data source, with the buffer that this one fills. The route
-//            that stands there is borrowed, and leaves at the latest in Release.
+//            that is stored there is borrowed, and leaves at the latest in Release.
 class CSessionSource {
 public:
     CSessionSource();
@@ -51,7 +51,7 @@ public:
     int Channel() const { return m_channel_number; }
     int Subtype() const { return m_subtype; }
 
-    // Of the source of either kind, which must be open; see CDataSource. GetSdp gives an sdp_result_t.
+    // Of the source of either kind, which must be open; see CDataSource. GetSdp returns an sdp_result_t.
     int GetSdp(CSdpParser& sdp);
     int GetSrcInfo(SrcInfo& info, int track_id);
     int GetTcpChannel(int track_id);
@@ -67,7 +67,7 @@ public:
     // Stops it for all tracks; `type` is the form of one that doesn't run. 0 or -1.
     int Stop(packet_type_t type);
 
-    // Lets the route stand in the channel, which is started, or in the buffer. 0 or -1.
+    // Stores the route in the channel, which is started, or in the buffer. 0 or -1.
     int Enter(IMediaRoute& route, packet_type_t type);
     void Leave();
     bool IsEntered() const { return m_route != nullptr; }
@@ -97,7 +97,7 @@ private:
     bool m_assist_enabled = false;                    // the assist track was counted in
     bool m_started = false;                           // m_own runs,
     packet_type_t m_started_type = PACKET_TYPE_NONE;  // in this form
-    IMediaRoute* m_route = nullptr;                   // that stands in the channel or the buffer,
+    IMediaRoute* m_route = nullptr;                   // that is stored in the channel or the buffer,
     packet_type_t m_route_type = PACKET_TYPE_NONE;    // of this form
 };
 

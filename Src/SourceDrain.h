@@ -7,8 +7,8 @@
 namespace Kavio {
 namespace Vidora {
 
-// CSourceDrain: the end of a recording waits for its client. A source gives its media faster than the client takes it:
-// the last pictures may still wait when its end is told, and the connection is kept for them as long as the client
+// CSourceDrain: the end of a recording waits for its client. A source delivers its media faster than the client takes
+// it: the last pictures may still wait when its end is told, and the connection is kept for them as long as the client
 // takes some, and for ten seconds more.
 class CSourceDrain {
 public:

@@ -48,7 +48,7 @@ enum state_result_t {
 };
 
 // IState: one state of a CStateMachine. The machine calls it on one thread at a time and without its lock. Every
-// operation gives a state_result_t; the defaults refuse.
+// operation returns a state_result_t; the defaults refuse.
 class IState {
 public:
     IState() = default;

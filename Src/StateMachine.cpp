@@ -15,7 +15,7 @@ namespace {
 const uint64_t FIRST_EVENT_ID = 0x2012;
 const uint64_t SPARE_EVENT_ID = 0x2011;
 const uint64_t END_EVENT_ID = 0x2010;
-const int NO_STATE = 4;  // stands in m_next_state only
+const int NO_STATE = 4;  // in m_next_state only
 const int STATUS_OK = 200;
 const int LAST_SUCCESS = 299;
 const int FIRST_REFUSAL = 400;
@@ -288,7 +288,7 @@ int CStateMachine::process_rx_msg_event(StateEvent& event) {
     }
     if (event.status > 0) {  // a reply from the peer, at a client
         // A success that finds NO_STATE here is refused like a redirection: a client's operation that sends the next
-        // request mustn't give STATE_RESULT_STAY_LATER. The order of these tests is fixed.
+        // request mustn't return STATE_RESULT_STAY_LATER. The order of these tests is fixed.
         if (event.status <= STATUS_OK && m_next_state != NO_STATE) {
             set_state(m_next_state);
         } else {

@@ -104,7 +104,7 @@ protected:
     CStreamReceiver();
     ~CStreamReceiver() override;
 
-    // Lets go of the sockets; called once, just before message 1.
+    // Releases the sockets; called once, just before message 1.
     virtual void release_socks() = 0;
 
     // For derived classes, all on the strand.

@@ -45,7 +45,7 @@ public:
     virtual separator_record_t* GetRecords(int* count) = 0;
     // The RTP channels whose packets are merged to frames; -1 for none. 0.
     virtual int SetChannel(int, int) { return 0; }
-    // The row was full: Input(0) may give more.
+    // The row was full: Input(0) may find more.
     virtual bool HasMore() const = 0;
 };
 

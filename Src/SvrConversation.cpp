@@ -327,7 +327,7 @@ int CSvrConversation::take_source_message(unsigned int msg) {
         case MSG_SRC_PAUSED:
             return reply_pause();
         case MSG_SRC_END:
-            return m_drain.Runs() ? 0 : on_source_end();  // a source may tell its end with every frame
+            return m_drain.Runs() ? 0 : on_source_end();  // a source may report its end with every frame
         case MSG_SRC_FAIL:
             return -1;
         case MSG_SDP_UPDATE:

@@ -29,14 +29,14 @@ enum conversation_message_t {
 
 // CSvrConversation: one RTSP conversation on the server (RFC 2326), over whatever connection lies under it.
 //
-// The owner of the connection gives it whole messages. The gate passes each one, the machine calls the on_... operation
+// The owner of the connection hands it whole messages. The gate passes each one, the machine calls the on_... operation
 // of its method, which asks the source, finds the track, gets a route from the link, and answers by the link. A live
 // channel answers at once; a source of the session's own by a message later, upon which the reply_... operation goes
 // on. See docs/architecture.md.
 //
 // THREADING  The strand of the link's handler, and so no field has a lock. What comes on other threads only leaves a
 //            note and a message for the strand. The machine is thus driven from one thread at a time. Functions of the
-//            host are called with no lock held; whatever they close or delete tells this conversation by a message.
+//            host are called with no lock held; whatever they close or delete notifies this conversation by a message.
 // OWNERSHIP  A value inside the object that is the link, and that calls Release before it dies.
 // MEMORY     What outlives a message lies first, the codec with its texts last; see CRtspParser. A peer can make it
 //            keep the machine's ten messages and the gate's one.
@@ -55,20 +55,20 @@ public:
     void OpenGate(rtsp_auth_t type);
     // The client goes on by another connection: the gate judges it anew.
     void RearmGate() { m_gate.Rearm(); }
-    // Tells the host of its client, which its events and lines of the log name from then on.
+    // Reports the client to the host, which its events and lines of the log name from then on.
     void Welcome(const CSockAddrStorage& peer);
 
     // What the message at the start of `length` bytes is, as TakeMessage finds it: the bytes that it takes, 0 or
     // negative. Nothing is served.
     int LookAtMessage(const char* text, int length, rtsp_msg_info& info);
-    // Serves the message at the start of `length` bytes, behind which a NUL stands: the bytes that it takes, 0 if it
+    // Serves the message at the start of `length` bytes, which a NUL follows: the bytes that it takes, 0 if it
     // isn't whole, negative if the conversation has to end.
     int TakeMessage(const char* text, int length);
     // Takes an RTCP packet of the client in (RFC 2326 10.12).
     void TakeReport(const unsigned char* data, unsigned int length, int channel);
     // Whether media flow: nothing may come for a long time.
     bool IsStreaming() const { return m_streaming; }
-    // Gives back what the last messages have left in memory, unless their replies are still to be made of it.
+    // Releases what the last messages have left in memory, unless their replies are still to be made of it.
     void ForgetMessages();
 
     // What the handler is told: its messages, its timers, a time-out of its control connection, an error of it.
@@ -81,7 +81,7 @@ public:
     void End(unsigned int msg) { m_machine.put_asyn_msg(msg, 0); }
     // Lets all go that it holds of others; before the link dies.
     void Release();
-    // Tells the host that the client has gone whom it was told of.
+    // Reports to the host that the client which it was told of has gone.
     void Farewell();
 
 private:

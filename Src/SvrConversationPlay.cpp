@@ -245,7 +245,7 @@ int CSvrConversation::start_media(const CTrack* single, int cseq) {
     return 0;
 }
 
-// Lets the route of the last SETUP stand where the source puts its media.
+// Stores the route of the last SETUP where the source puts its media.
 int CSvrConversation::enter_route() {
     if (m_route == nullptr) {  // every SETUP was refused
         m_routes[ROUTE_CHANNEL] = CChannelRoute::Create(m_sdp);

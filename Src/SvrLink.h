@@ -16,7 +16,7 @@ class CRtspSvrConfig;
 // What a route is wanted for.
 struct RouteWish {
     const transport_info& transport;  // the client's Transport header
-    const multicast_info& group;      // the group that stands in it, if any
+    const multicast_info& group;      // the group that is named in it, if any
     const CRtspSvrConfig& config;
     int track_count;
     TFunction3<void, CMediaPacket*, int, int> on_frame;  // the send procedure of a route that has one

@@ -17,7 +17,7 @@ class CLiveSvr;
 class IHttpIntake;
 class INatIntake;
 
-// CSvrSessionManager: holds each new connection until its first bytes tell what it is, and then makes the session.
+// CSvrSessionManager: holds each new connection until its first bytes show what it is, and then makes the session.
 //
 // MEMORY     A connection costs one record with room for 512 bytes while it waits, and one with room for 4096, the size
 //            of the largest request, once it has sent more than that. Five seconds after its beginning it is dropped,

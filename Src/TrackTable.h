@@ -35,7 +35,7 @@ public:
 
     // Null if it isn't known.
     CTrack* Find(int track_id);
-    // The number of the track whose control text stands in the URL, whatever precedes it; -1, which PLAY, PAUSE and
+    // The number of the track whose control text is in the URL, whatever precedes it; -1, which PLAY, PAUSE and
     // TEARDOWN take as all tracks, for none. A control that is a prefix of another one matches the first media of the
     // two. It reads the description, also when the table is empty.
     int IdOfUrl(const char* url) const;

@@ -13,8 +13,8 @@ namespace Vidora {
 // this process holds, and those that another program had a moment ago. With it the search for the lowest free pair
 // costs a fixed number of system calls, however many sessions this process and others serve.
 //
-// Another program's pair is remembered for 100 to 200 ms, for each address family by itself: an IPv6 socket may stand
-// in the way of IPv6 alone.
+// Another program's pair is remembered for 100 to 200 ms, for each address family by itself: an IPv6 socket may be
+// bound in the way of IPv6 alone.
 //
 // THREADING  Any thread; it locks for itself, and no system call runs under the lock.
 // MEMORY     20 kB, one table for the process.
@@ -29,7 +29,7 @@ public:
     // isn't held. A pair that another program had is passed over, unless `*retries` is above 0: that is taken down by 1
     // then. Its even port, or -1 if there is none.
     int Reserve(int first, int limit, int family, uint64_t now_ms, int* retries);
-    // Gives a reserved pair back. `taken`: because another program has it.
+    // Releases a reserved pair. `taken`: because another program has it.
     void Release(int port);
     void ReleaseTaken(int port, int family, uint64_t now_ms);
 

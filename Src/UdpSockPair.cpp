@@ -42,7 +42,7 @@ int CUdpSockPair::OpenInRange(int min_port, int max_port, int family, int* port)
     return walk(first, max_port, family, RETRIES, port) == 0 ? 0 : walk(first, max_port, family, INT_MAX, port);
 }
 
-// One walk up the range, so that it ends even while other threads give ports back.
+// One walk up the range, so that it ends even while other threads release ports.
 int CUdpSockPair::walk(int first, int max_port, int family, int retries, int* port) {
     CUdpPortTable& table = CUdpPortTable::Shared();
     const uint64_t now_ms = CTime::getCurrentMilliSecond();

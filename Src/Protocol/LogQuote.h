@@ -12,9 +12,9 @@ namespace Vidora {
 // CLogQuote: a message, a URL or a content as a log line may quote it: each secret in it is shown as "***".
 //
 // Secrets are what follows "Authorization" on its line and the folded lines behind it, in any case, wherever the word
-// stands; the values of parameters such as "password=" or "authbasic="; and passwords of "scheme://user:password@" and
+// is; the values of parameters such as "password=" or "authbasic="; and passwords of "scheme://user:password@" and
 // "proxy=user:password@". In doubt more is hidden than needed: a password may hold any character but a line end.
-// Control characters are the log's matter. Stands on the stack (2 kB, the length of a log line; longer text is cut).
+// Control characters are the log's matter. Lies on the stack (2 kB, the length of a log line; longer text is cut).
 class CLogQuote {
 public:
     // Reads nothing when the log doesn't show `level`. The bytes end at a NUL; a null `text` is an empty one.

@@ -56,7 +56,7 @@ public:
     void set_sender_time(uint64_t wall_us) { m_sender_wall_us = wall_us; }
     // Appends a report block about `ssrc`. 0, or -1 without memory or when there are 31 already.
     int add_report_block(unsigned int ssrc, const rtcp_loss_info& info);
-    // Makes `block` the only one of the next reports, as it stands; null: they have none. 0, or -1 without memory.
+    // Makes `block` the only one of the next reports, unchanged; null: they have none. 0, or -1 without memory.
     int set_report_block(const rtcp_report* block);
     // Sets the BYE of the own SSRC and `count` others, 0 to 31, with a reason of 0 to 254 bytes or null. A packet names
     // 31 sources at most: with `count` 31 the last one is left out. 0, or -1 for a larger count, null, or no memory.

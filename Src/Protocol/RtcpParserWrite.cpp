@@ -297,7 +297,7 @@ int CRtcpParser::prepare_bye() {
 
 namespace {
 
-// Writes the header with a length to be filled in, and gives its place.
+// Writes the header with a length to be filled in, and returns its place.
 size_t begin_packet(CByteWriter& writer, int pt, int count) {
     const size_t start = writer.Offset();
     writer.WriteU8(static_cast<uint8_t>(VERSION_FLAGS | count));

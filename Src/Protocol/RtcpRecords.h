@@ -96,7 +96,7 @@ inline int RtcpCount(const rtcp_pack& pack) {
 const unsigned int RTCP_HEADER_SIZE = 4;
 const uint8_t RTCP_NO_REASON = 255;  // a BYE's reason of this length is not kept
 
-// Lists of records. Freeing leaves an empty list; making gives null without memory.
+// Lists of records. Freeing leaves an empty list; making returns null without memory.
 void RtcpFreeReports(rtcp_report*& list);
 // An item and its text in one block. The text is copied; it may be null for a length of 0.
 rtcp_sdes_item* RtcpMakeItem(uint8_t type, uint8_t length, const void* text);

@@ -52,7 +52,7 @@ struct transport_info {
 // A multicast destination.
 struct multicast_info {
     char addr[128];     // dotted text
-    int addr_type = 0;  // 4, 6 or 1 for a host name, as CStrParser::ConsumeIpAddr gives it
+    int addr_type = 0;  // 4, 6 or 1 for a host name, as CStrParser::ConsumeIpAddr returns it
     int ttl = 0;
 
     multicast_info() { addr[0] = '\0'; }

@@ -61,7 +61,7 @@ int CRtspParser::parse_status_code(CStrParser&) {
     return 0;
 }
 
-// Where the message at the start of `length` bytes stands. False while it isn't there whole.
+// The place of the message at the start of `length` bytes. False while it isn't there whole.
 bool CRtspParser::measure(const char* buffer, unsigned int length, message_place& place) {
     place.skipped = count_leading_blanks(buffer, length);
     const char* message = buffer + place.skipped;
@@ -166,7 +166,7 @@ void CRtspParser::read_number_pair(CStrParser& text, int* first, int* second) {
 
 bool CRtspParser::read_transport_kind(CStrParser& text) {
     m_transport.packet_type = find_header(text, "Transport: KX") ? PACKET_TYPE_KX : PACKET_TYPE_RTP;
-    // On from where the cursor stands: from the start, or from that match.
+    // On from where the cursor is: from the start, or from that match.
     if (text.LocateStringCase("AVP/TCP") >= 0) {
         m_transport.transport = RTP_OVER_RTSP;
         return true;

@@ -35,7 +35,7 @@ enum rtsp_limit_t {
 // the application may add to what is generated.
 //
 // The grammar is deliberately loose, as the peers are: a header is not tokenised. A reader searches the whole message
-// for a key text, in any letter case, and the first match counts wherever it stands. Lines are not unfolded. Every
+// for a key text, in any letter case, and the first match counts wherever it is. Lines are not unfolded. Every
 // reader takes time linear in the message's length, looks at no byte behind the given length and allocates nothing.
 // A text that is too long for its buffer is cut.
 //
@@ -79,7 +79,7 @@ public:
     // Reads "20200102T030405Z" or "20200102T030405.678Z", and "-" with an end time if one follows; `end` may be null.
     // The length of what was read last, or -1.
     static int parse_clock_range(const char* text, unsigned int length, UtcTime* begin, UtcTime* end);
-    // Write a Range header line of up to `size` bytes, NUL included, and give `out`; null for a null `out`. A null
+    // Write a Range header line of up to `size` bytes, NUL included, and return `out`; null for a null `out`. A null
     // `end` leaves the range open.
     static char* format_clock_range(char* out, unsigned int size, const UtcTime* begin, const UtcTime* end);
     static char* format_smpte_range(char* out, unsigned int size, const SmpteTime* begin, const SmpteTime* end);
@@ -98,7 +98,7 @@ public:
     // hours:minutes:seconds, headers without a blank. Otherwise they are searched for as older peers write them.
     void SetConformance(bool on) { m_conformance = on; }
 
-    // Gives the memory of the last message's texts back, for a connection that will be quiet for seconds: all but the
+    // Releases the memory of the last message's texts, for a connection that will be quiet for seconds: all but the
     // Session line may be empty then, until the next message.
     void forget_texts();
 
@@ -120,7 +120,7 @@ public:
     // Seconds, or NPT_NOT_GIVEN. 0.
     int get_npt_range(double* begin, double* end) const;
     int get_clock_range(UtcTime* begin, UtcTime* end) const;
-    // The rate asked for, 1.0 if none; `is_scale` (may be null) tells whether a Scale header was ever read.
+    // The rate asked for, 1.0 if none; `is_scale` (may be null) says whether a Scale header was ever read.
     float get_speed(bool* is_scale) const;
     int get_range_cseq() const { return m_range_cseq; }
     // With conformance: which header gave the rate, and the status that refuses a PLAY whose range or rate can't be
@@ -141,7 +141,7 @@ protected:
         unsigned int size = 0;         // of header and body
     };
     static bool measure(const char* buffer, unsigned int length, message_place& place);
-    // Locates `key` from the start of the message; a match at the very start, where no header stands, does not count.
+    // Locates `key` from the start of the message; a match at the very start, where no header is, does not count.
     static bool find_header(CStrParser& text, const char* key);
     // Steps over `key` and white space and copies up to the line's end.
     static void read_value(CStrParser& text, const char* key, char* out, unsigned int size);

@@ -19,7 +19,7 @@ const unsigned int UTC_SIZE = 16;           // "20200102T030405Z"
 const unsigned int UTC_MILLI_SIZE = 20;     // "20200102T030405.678Z"
 const float RATE_CONTROL_NO_SPEED = 16.0F;  // as fast as the line carries it
 
-// The length of the time, or -1. With a fraction it is that of three digits and a "Z", whatever stands there.
+// The length of the time, or -1. With a fraction it is that of three digits and a "Z", whatever is there.
 int parse_utc_time(const char* text, unsigned int length, UtcTime* t) {
     if (length < UTC_SIZE) {
         return -1;
@@ -177,7 +177,7 @@ void CRtspParser::read_npt(CStrParser& text) {
     }
 }
 
-// NPT_NOT_GIVEN where no number stands.
+// NPT_NOT_GIVEN where there is no number.
 double CRtspParser::read_npt_time(CStrParser& text) {
     const int SEXAGESIMAL = 60;
     if (!is_digit(text.GetCurChar())) {

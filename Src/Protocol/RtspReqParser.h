@@ -15,8 +15,8 @@ namespace Vidora {
 // reply carries no method: it is matched to its request by CSeq (RFC 2326 12.17), for which the codec remembers the
 // method of each request that it wrote. A request that is never answered is remembered until the object ends.
 //
-// A generator gives the whole message in the object's own buffer, valid until the next generator runs; it is cut at
-// 4096 bytes. It gives null for a method outside 0 to 7 or if memory is short.
+// A generator returns the whole message in the object's own buffer, valid until the next generator runs; it is cut at
+// 4096 bytes. It returns null for a method outside 0 to 7 or if memory is short.
 //
 // THREADING  One generator at a time, and one reader (check_message, parse_message) at a time, but a generator may run
 //            while a reader does: the requests in flight are under m_pending_lock, and the CSeq counter, the session
@@ -50,14 +50,14 @@ public:
     // SET_PARAMETER or GET_PARAMETER; `body` and `content_type` (then text/parameters) may be null.
     const char* generate_parameter(int method, const char* body, const char* content_type);
 
-    // Reads one reply. `info` is what check_message gave, or null to have it judged here; what stands before "RTSP/"
+    // Reads one reply. `info` is what check_message found, or null to have it judged here; what precedes "RTSP/"
     // is skipped. 0 for a reply to use, RTSP_BAD_MESSAGE, RTSP_NO_HEADER, or RTSP_CHALLENGE.
     int parse_message(const char* buffer, unsigned int length, rtsp_msg_info* info) override;
     // Looks the method up by CSeq, and forgets the request.
     std::pair<int, int> parse_start_line(CStrParser& text) override;
     int parse_status_code(CStrParser& text) override;
 
-    // A server may send requests of its own (RFC 2326 10). If one stands at the start of `length` bytes: the number of
+    // A server may send requests of its own (RFC 2326 10). If one is at the start of `length` bytes: the number of
     // bytes that it takes, or RTSP_INCOMPLETE; 0 for anything else.
     static int request_size(const char* buffer, unsigned int length);
     // The reply with this CSeq was a provisional one: the request goes on waiting.
@@ -65,7 +65,7 @@ public:
     // No reply to the request is waited for any more.
     void forget_request(int cseq);
 
-    // Whether the last SETUP reply had a Transport header; get_transport and get_source tell of it. The time-out of
+    // Whether the last SETUP reply had a Transport header; get_transport and get_source report it. The time-out of
     // get_transport is that of its Session header, 0 if it names none.
     bool has_transport() const { return m_has_transport; }
     // Where the media come from, by that header; empty if it doesn't say.

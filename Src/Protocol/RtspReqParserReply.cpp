@@ -144,7 +144,7 @@ int CRtspReqParser::read_by_method(CStrParser& text) {
     }
 }
 
-// The list stands behind the first blank, wherever that is.
+// The list is behind the first blank, wherever that is.
 void CRtspReqParser::read_public(CStrParser& text) {
     if (!find_header(text, "Public:")) {
         return;

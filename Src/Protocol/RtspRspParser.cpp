@@ -16,7 +16,7 @@ struct client_row {
     int kind;
 };
 
-// Our own client stands first: its text is the longest. The current client's "Rtsp Client/2.0" is not among them, so it
+// Our own client is first: its text is the longest. The current client's "Rtsp Client/2.0" is not among them, so it
 // counts as unknown, as older servers have it.
 const client_row CLIENTS[] = {
     {"User-agent: Kavio Rtsp Client", CLIENT_KIND_OWN},
@@ -118,7 +118,7 @@ void CRtspRspParser::report_unknown(CStrParser& text) const {
     logWarn("%s:%d RTSP Command[%d]: %s not supported \n", __FILE__, __LINE__, m_method, quote.Text());
 }
 
-// The first "rtsp://" of the message, on whichever line it stands, up to white space.
+// The first "rtsp://" of the message, on whichever line it is, up to white space.
 int CRtspRspParser::read_url(CStrParser& text) {
     text.ResetAll();
     m_url[0] = '\0';
@@ -165,7 +165,7 @@ int CRtspRspParser::read_transport(CStrParser& text) {
     return RTSP_OK;
 }
 
-// Both numbers come from the next digits, wherever they stand: a single port takes its partner from what follows it.
+// Both numbers come from the next digits, wherever they are: a single port takes its partner from what follows it.
 void CRtspRspParser::read_client_ports(CStrParser& text) {
     text.ResetAll();
     bool found = false;

@@ -18,7 +18,7 @@ enum client_kind_t {
 
 // CRtspRspParser: the server's RTSP codec. It reads requests and writes replies; one object in each server session.
 //
-// A generator gives the whole message in the object's own buffer, valid until the next generator runs; it is cut at
+// A generator returns the whole message in the object's own buffer, valid until the next generator runs; it is cut at
 // 4096 bytes.
 //
 // THREADING  One thread at a time: the session's own.

@@ -22,7 +22,7 @@ const int RATE_DIGITS = 3;
 
 bool add_unicast(CTextWriter& line, const char* word, const transport_info& t) {
     if (t.transport == RTP_OVER_RTSP) {
-        // The channels that the session granted stand in the server's ports.
+        // The channels that the session granted are stored in the server's ports.
         line.Add("Transport: ", word, "/AVP/TCP;unicast;interleaved=", t.server_rtp_port, "-", t.server_rtcp_port);
         return true;
     }

@@ -15,7 +15,7 @@ namespace Vidora {
 
 namespace {
 
-// Runs `work` and gives its result; `failure` if a container finds no memory.
+// Runs `work` and returns its result; `failure` if a container finds no memory.
 template <typename Result, typename Work>
 Result guarded(Result failure, Work work) {
     try {
@@ -142,7 +142,7 @@ int CRtspUrlParser::AddConnection(int index, const char* addr, unsigned short po
         return -1;
     }
     const CState::peer_t peer = m_state->peer(index);
-    // RFC 3986 3.2.2: an IPv6 address stands in brackets, so that its colons can't be taken for the port's.
+    // RFC 3986 3.2.2: an IPv6 address is in brackets, so that its colons can't be taken for the port's.
     std::snprintf(peer.addr, sizeof(peer.addr), family == 6 ? "[%.125s]" : "%s", host);
     peer.port = port;
     peer.has_addr = true;

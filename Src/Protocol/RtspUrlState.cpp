@@ -37,7 +37,7 @@ bool step_over(CStrParser& parser, const char* key) {
     return found >= 0 && parser.LocateOffset(found + static_cast<int>(std::strlen(key))) == 0;
 }
 
-// The value behind the next `key`; -1 if the key is absent or no number stands there.
+// The value behind the next `key`; -1 if the key is absent or no number is there.
 int read_number(CStrParser& parser, const char* key, int& value) {
     if (!step_over(parser, key)) {
         return -1;
@@ -120,7 +120,7 @@ int CRtspUrlParser::CState::find_credentials(CStrParser& parser, int after_schem
     parser.LocateOffset(after_scheme);
     const int slash = parser.LocateString("/");
     if (slash >= 0 && slash < at) {
-        return -1;  // it stands in the path
+        return -1;  // it is in the path
     }
     char rest[256];
     parser.LocateOffset(at);
@@ -190,7 +190,7 @@ void CRtspUrlParser::CState::remove_expand_info() {
 
     CStrParser parser(m_raw_content);
     int position = -1;
-    // With a proxy "proto=" tells the kind of source and stays.
+    // With a proxy "proto=" names the kind of source and stays.
     if (parser.LocateString(KEY_PROXY) < 0 && (position = parser.LocateString(KEY_PROTO)) >= 0) {
         if (parser.LocateString("Kavio3") >= 0) {
             m_local_stream_proto = STREAM_PROTO_KAVIO;
@@ -267,7 +267,7 @@ bool ends_in_file_name(CStrParser& parser) {
 }  // namespace
 
 // The kinds of content without a proxy: the first key that is found decides, the test may still turn it down. The
-// parser stands at the key.
+// parser is at the key.
 struct CRtspUrlParser::CState::src_row {
     const char* key;
     bool (*accepts)(CStrParser& parser);  // null: always
@@ -295,7 +295,7 @@ void CRtspUrlParser::CState::parser_src_type(CStrParser& parser) {
     }
 }
 
-// The parser stands at "proxy=".
+// The parser is at "proxy=".
 void CRtspUrlParser::CState::parse_proxied_type(CStrParser& parser) {
     if (!step_over(parser, KEY_PROTO)) {
         m_src_type = SRC_TYPE_PROXY;
@@ -313,7 +313,7 @@ void CRtspUrlParser::CState::parse_proxied_type(CStrParser& parser) {
     }
 }
 
-// The forms of a content, the first that is found is read. The parser stands at the key.
+// The forms of a content, the first that is found is read. The parser is at the key.
 struct CRtspUrlParser::CState::form_row {
     const char* key;
     form_reader_t read;

@@ -78,7 +78,7 @@ public:
     sdp_list& operator=(const sdp_list&) = delete;
     ~sdp_list() { clear(); }
 
-    // Takes the record over and gives its place in the list; null without memory.
+    // Takes the record over and returns its place in the list; null without memory.
     T* append(T&& record) {
         node* added = new (std::nothrow) node(std::move(record));
         if (added == nullptr) {
@@ -226,7 +226,7 @@ struct sdp_session_t {
 // What reading and building share. False, or null, without memory; then nothing has changed.
 // The attribute of that name; null if there is none.
 const sdp_attribute_t* SdpFindAttribute(const sdp_list<sdp_attribute_t>& list, const char* name);
-// Gives the attribute of that name a new value in its place, or appends one; a null `value` makes a flag.
+// Sets the value of the attribute of that name in its place, or appends one; a null `value` makes a flag.
 bool SdpSetAttribute(sdp_list<sdp_attribute_t>& list, const char* name, const char* value);
 bool SdpAddText(sdp_list<CSdpText>& list, const char* text);
 // Appends a payload format; a numeric one becomes the media's payload type.

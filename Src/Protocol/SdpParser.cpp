@@ -273,7 +273,7 @@ int CSdpParser::remove_media_attribute(int track_id, const char* name) {
     return media != nullptr ? remove_attribute(media->attributes, name) : -1;
 }
 
-// The result is -1 in every case, as callers have always seen it: it tells nothing.
+// The result is -1 in every case, as callers have always seen it: it says nothing.
 int CSdpParser::set_media_port(int track_id, uint16_t port) {
     sdp_media_t* media = find_media(track_id);
     if (media != nullptr) {

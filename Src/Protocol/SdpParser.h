@@ -34,8 +34,8 @@ const unsigned int SDP_STREAM_SIZE = 2048;  // room of a description's text, its
 // CSdpParser: one session description (RFC 4566): a tree of records, its text, and what the library asks about tracks.
 //
 // A track is named by its `index`, its place in the media list from 0, or by its `track_id`, a number from 1 that the
-// media gets with its control attribute. Unless said otherwise operations give 0, or -1 for a null argument, an unknown
-// track or no memory, and then change nothing.
+// media gets with its control attribute. Unless said otherwise operations return 0, or -1 for a null argument, an
+// unknown track or no memory, and then change nothing.
 //
 // THREADING  No lock: an object belongs to its owner, who guards it if it is shared.
 // OWNERSHIP  Arguments are copied; they may be texts of this same tree. Texts that are handed out lie in the tree:
@@ -92,8 +92,8 @@ public:
 
     // Building, tracks.
     // Appends a media with the payload formats of `formats`, separated by white space; `port_count` from 1. Numbers all
-    // tracks anew by their places and gives each that has no control attribute one: "trackID=0" for track_id 1, and so
-    // on. The track_id, or -1.
+    // tracks anew by their places and adds to each that has no control attribute one: "trackID=0" for track_id 1, and
+    // so on. The track_id, or -1.
     int add_media(const char* type, unsigned int port, int port_count, const char* protocol, const char* formats);
     int remove_media(int track_id);
     int add_media_connection(int track_id, const char* address, uint8_t ttl, int address_count,
@@ -102,11 +102,11 @@ public:
     // As set_session_attribute. "control" sets the track's control text as well, at most 127 characters.
     int set_media_attribute(int track_id, const char* name, const char* value);
     int remove_media_attribute(int track_id, const char* name);
-    // Always gives -1, also when it has stored the port: don't test it.
+    // Always returns -1, also when it has stored the port: don't test it.
     int set_media_port(int track_id, uint16_t port);
     int set_media_key(int track_id, const char* method, const char* value);
 
-    // Queries. Numbers are -1 and texts null for an unknown track or if there is nothing to tell.
+    // Queries. Numbers are -1 and texts null for an unknown track or if there is nothing to report.
     int get_media_count() const;
     int get_track_id(int index) const;
     int get_index(int track_id) const;

@@ -83,7 +83,7 @@ const char* find_rtpmap(const sdp_media_t* media) {
     return media != nullptr ? find_value(media->attributes, "rtpmap") : nullptr;
 }
 
-// "96 H264/90000": moves behind the clock rate and gives it; the parser's status tells a failure.
+// "96 H264/90000": moves behind the clock rate and returns it; the parser's status shows a failure.
 int read_rate(CStrParser& rtpmap) {
     rtpmap.ConsumeInt32();
     rtpmap.Expect(' ');
@@ -304,7 +304,7 @@ bool scan_number(std::string_view& text, double& value) {
     return result.ec == std::errc() && std::isfinite(value);
 }
 
-// "npt=<begin>-<end>" (RFC 2326 3.6) with both numbers; an open end or "now" gives false.
+// "npt=<begin>-<end>" (RFC 2326 3.6) with both numbers; false for an open end or "now".
 bool read_npt_range(std::string_view range, double& begin, double& end) {
     if (range.substr(0, 4) != "npt=") {
         return false;

@@ -147,7 +147,7 @@ bool read_address(CStrParser& line, sdp_connection_t& connection) {
     return true;
 }
 
-// For a line that may stand once: a further one is passed over, and isn't wrong.
+// For a line that may come once: a further one is passed over, and isn't wrong.
 int read_once(CStrParser& line, CSdpText& field, int at_least) {
     return field != nullptr || take_rest(line, FIELD_SIZE, field, at_least) ? 0 : -1;
 }
@@ -312,7 +312,7 @@ int CSdpParser::sdp_parse_attribute(CStrParser& line) {
     return append(media->attributes, std::move(attribute));
 }
 
-// "video 5000/2 RTP/AVP 96 97". A format stands behind every blank: a line that ends in a blank is bad as a whole, and
+// "video 5000/2 RTP/AVP 96 97". A format follows every blank: a line that ends in a blank is bad as a whole, and
 // the lines that follow it belong to the media before.
 int CSdpParser::sdp_parse_media(CStrParser& line) {
     sdp_media_t media;

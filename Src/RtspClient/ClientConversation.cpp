@@ -14,7 +14,7 @@ namespace {
 const int MS_PER_SECOND = 1000;
 const size_t MAX_WORK_BYTES = 256 * 1024;  // of what the application's calls carry
 
-// Paths of servers that give no description.
+// Paths of servers that send no description.
 client_start_t start_of(const std::string& url) {
     const bool plain = url.find("/qms/") != std::string::npos || url.find("/monitor/") != std::string::npos;
     return plain ? CLIENT_START_SETUP : CLIENT_START_OPTIONS;

@@ -60,7 +60,7 @@ struct client_request {
 // received. It is no handler: a value inside the handler that owns the link, and runs on that handler's strand.
 //
 // Every failure ends it, with one message to the owner (see client_state_t in ClientTypes.h); a TEARDOWN leaves before
-// the end takes effect. A redirect is such a failure: the target stands in the view.
+// the end takes effect. A redirect is such a failure: the target is in the view.
 //
 // THREADING  "Any thread" operations check their arguments and leave the work for the strand; all others run there. The
 //            state machine, too, is driven by the strand alone, so that an event has run when the call that puts it is

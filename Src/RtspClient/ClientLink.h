@@ -12,9 +12,9 @@ class CStreamReceiver;
 // ILinkUser: the conversation as its link sees it. All on the strand.
 class ILinkUser {
 public:
-    // The link stands: requests may leave.
+    // The link is up: requests may leave.
     virtual void OnLinkUp() = 0;
-    // Bytes at whose start a message stands. How many of them it takes; 0 while it isn't there whole; -1: no more
+    // Bytes that begin with a message. How many of them it takes; 0 while it isn't there whole; -1: no more
     // input, the link is closed.
     virtual int TakeMessage(const char* text, unsigned int length) = 0;
     // The same for a link whose every datagram is one whole message: text with a NUL behind it.
@@ -52,7 +52,7 @@ public:
     virtual CStreamReceiver* MakeReceiver(packet_type_t packet_type, long owner_id) = 0;
     // Takes the link out of the reactor: nothing is read any more, and no failure reported.
     virtual void StopReading() = 0;
-    // Lets go of it; a receiver that was made keeps its share.
+    // Releases it; a receiver that was made keeps its share.
     virtual void CloseLink() = 0;
 };
 

@@ -13,7 +13,7 @@
 namespace Kavio {
 namespace Vidora {
 
-// Where a client conversation stands.
+// The progress of a client conversation.
 enum client_state_t {
     CLIENT_INIT = 0,
     CLIENT_READY = 1,    // the tracks are set up
@@ -29,9 +29,9 @@ enum client_start_t {
     CLIENT_START_SETUP = 2  // without a description, as one track
 };
 
-// What a client engine tells its owner besides rtsp_client_message_t. Of these, MSG_SRC_FAIL, MSG_SOCK_EXCEPTION and
-// MSG_SRC_END come once in all, with a rtsp_client_code_t, and end the conversation; MSG_SOURCE_CLOSED comes when the
-// engine itself has ended, after Close.
+// What a client engine reports to its owner besides rtsp_client_message_t. Of these, MSG_SRC_FAIL, MSG_SOCK_EXCEPTION
+// and MSG_SRC_END come once in all, with a rtsp_client_code_t, and end the conversation; MSG_SOURCE_CLOSED comes when
+// the engine itself has ended, after Close.
 
 // What an application asks of a client, kept by its facade so that a redirect's engine gets it too.
 struct client_settings {

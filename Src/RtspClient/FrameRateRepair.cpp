@@ -22,7 +22,7 @@ uint64_t pts_of(const Flumen::CMediaFrame& frame) {
     return frame.getPts(Flumen::PTS_TYPE_MS);
 }
 
-// Longer ones than a day tell nothing about a rate.
+// Longer ones than a day say nothing about a rate.
 int distance_ms(const Flumen::CMediaFrame& from, const Flumen::CMediaFrame& to) {
     const int64_t longest = 24 * 3600 * 1000;
     const int64_t distance = static_cast<int64_t>(pts_of(to) - pts_of(from));

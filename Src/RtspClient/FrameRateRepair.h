@@ -18,7 +18,7 @@ public:
     void SetRate(int rate) { m_rate = rate; }
     int Rate() const { return m_rate; }
 
-    // Gives the frame its rate, or takes it to hold it back: it is then empty, or an earlier frame stands in its place.
+    // Sets the frame's rate, or takes it to hold it back: it is then empty, or an earlier frame is in its place.
     // Frames without a whole private header stay as they are.
     void Modify(Flumen::CMediaFrame& frame);
     // The oldest frame that is held back, once the rate is known; empty otherwise.

@@ -20,7 +20,7 @@ namespace Vidora {
 class CHostResolver {
 public:
     CHostResolver() = default;
-    // Gives the look-up up.
+    // Abandons the look-up.
     ~CHostResolver() { Cancel(); }
     CHostResolver(const CHostResolver&) = delete;
     CHostResolver& operator=(const CHostResolver&) = delete;

@@ -10,7 +10,7 @@ namespace Vidora {
 // CHttpParser: reads of an HTTP request's head what an RTSP tunnel needs of it: the method, the header x-sessioncookie,
 // and Content-Length. Everything else is passed over.
 //
-// OWNERSHIP  Borrows the bytes: what it gives is good as long as they are.
+// OWNERSHIP  Borrows the bytes: what it returns is good as long as they are.
 class CHttpParser {
 public:
     enum result_t { HTTP_OK = 0, HTTP_INCOMPLETE = 1, HTTP_NO_COOKIE = 2, HTTP_BAD_METHOD = 3 };
@@ -29,7 +29,7 @@ public:
     std::string_view cookie() const { return m_cookie; }
     // -1: none, or none that can be read.
     int64_t content_length() const { return m_content_length; }
-    // What stands behind the head.
+    // What follows the head.
     std::string_view rest() const { return m_rest; }
 
 private:

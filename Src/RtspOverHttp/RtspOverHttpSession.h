@@ -22,7 +22,7 @@ namespace Vidora {
 // The host hears no connect event of it, and so no disconnect event. The client gets sender reports if the
 // configuration asks for the standards' way.
 //
-// OWNERSHIP  Owns both connections; shares the tunnel with the manager, which it tells of its end by a message.
+// OWNERSHIP  Owns both connections; shares the tunnel with the manager, which it notifies of its end by a message.
 class CRtspOverHttpSession : public CSvrSessionCore {
 public:
     CRtspOverHttpSession(const std::shared_ptr<CHttpTunnel>& tunnel, long manager_id)

@@ -26,7 +26,7 @@ class CHttpParser;
 // MEMORY     A waiting GET costs its descriptor and one record; a connection that has just come its first bytes, at
 //            most 4096, too. Cookies have at most 255 characters, and only their first four are logged.
 // THREADING  The operations of IHttpIntake: any thread; they only store what comes. All else runs on the manager's
-//            strand, with no lock held. Sessions are told, and tell, by messages.
+//            strand, with no lock held. Sessions and manager notify one another by messages.
 // OWNERSHIP  Owns the connections that wait. Ended with Close, which ends its sessions too.
 class CRtspOverHttpSessionManager : public CNetHandler, public IHttpIntake {
 public:

@@ -16,7 +16,7 @@ namespace Vidora {
 
 namespace {
 
-// A socket that gave nothing: is that for ever? A peer's ICMP answer, or a road that is missing for a while, says
+// A socket that gave nothing: is that for ever? A peer's ICMP answer, or a path that is missing for a while, says
 // nothing about the socket.
 bool has_failed(int fd, int error) {
     pollfd state = {fd, POLLRDHUP, 0};

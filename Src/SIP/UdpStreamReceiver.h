@@ -29,7 +29,7 @@ struct udp_stream_remote_t {
 // CUdpStreamReceiver: the receiving direction of a single track: RTP packets from the socket, and frames to the host.
 //
 // Each Start begins a run with a number of its own. A turn of the strand takes a batch of datagrams for the run that it
-// finds; as soon as another has begun, or none is left, it lets go of the rest.
+// finds; as soon as another has begun, or none is left, it leaves the rest alone.
 //
 // THREADING  Any thread. m_mutex is held over reading and decoding, never over the host's callback, and no lock but the
 //            reactor's own is taken under it. What ends or replaces a run doesn't wait for the callback: call
@@ -49,7 +49,7 @@ public:
     bool Attach(const std::shared_ptr<CSockDgram>& sock);
     // Begins a run with `proc`, once a callback of the former one has returned.
     bool Start(const frame_proc_t& proc);
-    // Ends the run and lets go of the socket: its handle, or -1.
+    // Ends the run and releases the socket: its handle, or -1.
     int Detach();
     // The same for good.
     void Shut();

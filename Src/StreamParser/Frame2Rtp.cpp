@@ -23,7 +23,7 @@ constexpr uint16_t JPEG_EXTENSION_WORDS = 4;
 
 constexpr int64_t MS_PER_SEC = 1000;
 
-// Every byte of a frame must be countable, headers included, in the int that the interface gives.
+// Every byte of a frame must be countable, headers included, in the int that the interface returns.
 constexpr unsigned int MAX_FRAME_LEN = INT_MAX / 2;
 
 constexpr uint32_t word_of(uint8_t first, uint8_t second, uint16_t rest) {
@@ -84,7 +84,7 @@ int CFrame2Rtp::GetPacketSize() {
 
 // What the headers of a frame's packets share.
 struct CFrame2Rtp::FrameHead {
-    bool framed;  // each packet stands behind an interleave header
+    bool framed;  // each packet follows an interleave header
     uint8_t dollar;
     uint8_t channel;
     uint8_t payload_type;
@@ -216,7 +216,7 @@ void CFrame2Rtp::SetRtpInfo(uint32_t ssrc, uint8_t payload_type, uint16_t sequen
     m_timestamp = timestamp;
     m_clock_rate = clock_rate;
     m_first_pts = 0;
-    // GetRtpInfo gives `timestamp` from now on: owners read the state and set it again, several times in a row at a
+    // GetRtpInfo returns `timestamp` from now on: owners read the state and set it again, several times in a row at a
     // pause or a change of format, and the time line must not move on by that.
     m_pts_delta = 0;
 }

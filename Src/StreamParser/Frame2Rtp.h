@@ -44,7 +44,7 @@ public:
     void SetRtpInfo(uint32_t ssrc, uint8_t payload_type, uint16_t sequence, uint32_t timestamp, uint32_t clock_rate);
     // Whether the NAL units of H.264 are told apart; see rtp_cut_nal_units.
     void SetNalUnits(bool on) { m_nal_units = on; }
-    // Where the track stands: the next sequence number, and the time stamp of the frame in work.
+    // Where the track is: the next sequence number, and the time stamp of the frame in work.
     void GetRtpInfo(RtpEncParam& param) const;
     // Adds to the flags. With RTP_FLAG_EXTENSION set, takes the extension for the first packet of each frame.
     void SetRtpFlags(uint32_t flags, const uint8_t extension[RTP_EXTENSION_LEN]);

@@ -58,7 +58,7 @@ void write_packet_head(CByteWriter& writer, const PacketHead& head) {
     writer.Fill(0xFF, stuffing);
 }
 
-// A table in one packet: the section gets its CRC and stands behind a pointer field of 0. Tables keep the continuity
+// A table in one packet: the section gets its CRC and follows a pointer field of 0. Tables keep the continuity
 // counter 0 in each repetition, as they always have; receivers take them for duplicates.
 void write_section(CByteWriter& writer, int pid, CByteWriter& section) {
     section.WriteU32(mpeg_crc32(section.Data(), section.Offset()));

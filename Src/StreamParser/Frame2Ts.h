@@ -14,7 +14,7 @@ namespace Vidora {
 // CFrame2Ts: puts frames into an MPEG-2 transport stream (ISO 13818-1) of one program with two tracks, 0 for video and
 // 1 for audio.
 //
-// Every tenth frame stands behind a PAT and a PMT, the first one too. Every frame is one PES packet and carries a clock
+// Every tenth frame follows a PAT and a PMT, the first one too. Every frame is one PES packet and carries a clock
 // reference. The output comes in units of some TS packets, 7 unless told otherwise (1316 bytes: one datagram).
 // Memory: one buffer of 512 KiB; a frame that needs more fails whole, and the next one is taken as ever.
 //
@@ -25,7 +25,7 @@ public:
     CFrame2Ts(const CFrame2Ts&) = delete;
     CFrame2Ts& operator=(const CFrame2Ts&) = delete;
 
-    // Kinds (stream_kind_t) of both tracks, and TS packets in an output unit; below 1 gives 7.
+    // Kinds (stream_kind_t) of both tracks, and TS packets in an output unit; below 1 means 7.
     void SetTsInfo(int video_kind, int audio_kind, int packets_per_output);
 
     // As in IFrame2Packet. `extra` has no meaning here. The bytes of the frame are copied at once.

@@ -9,7 +9,7 @@ using Ostra::CBitReader;
 
 namespace {
 
-constexpr size_t MAX_SPS_BYTES = 512;   // of a parameter set that are read; the size stands far in front of its end
+constexpr size_t MAX_SPS_BYTES = 512;   // of a parameter set that are read; the size is far in front of its end
 constexpr size_t MAX_SLICE_BYTES = 32;  // a slice header up to field_pic_flag takes 17 at most
 constexpr uint32_t MAX_SIDE = 16384;
 
@@ -28,7 +28,7 @@ size_t unescape(const unsigned char* in, size_t len, unsigned char* out, size_t 
     return written;
 }
 
-// Profiles whose parameter set tells the chroma format (7.3.2.1.1).
+// Profiles whose parameter set has the chroma format (7.3.2.1.1).
 bool has_chroma_format(uint8_t profile) {
     constexpr uint8_t PROFILES[] = {100, 110, 122, 244, 44, 83, 86, 118, 128, 138, 139, 134, 135};
     for (const uint8_t each : PROFILES) {

@@ -86,7 +86,7 @@ void read_huffman_tables(CByteReader segment, JpegImage& image) {
     }
 }
 
-// Reads one segment; `segment` stands behind the length. False if it lies about its contents.
+// Reads one segment; `segment` is behind the length. False if it lies about its contents.
 bool read_segment(uint8_t marker, CByteReader segment, JpegImage& image) {
     switch (marker) {
         case JPEG_SOF0:

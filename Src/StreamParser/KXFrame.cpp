@@ -12,7 +12,7 @@ namespace Vidora {
 
 namespace {
 
-// 32-bit words that the processor adds at once; they are little-endian as they stand.
+// 32-bit words that the processor adds at once; they are little-endian in memory.
 typedef uint32_t WordBlock __attribute__((vector_size(16)));
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the words are read in place");
 

@@ -22,7 +22,7 @@ struct Mpeg2Sequence {
 // there is none or it is truncated.
 bool mpeg2_parse_sequence(const unsigned char* data, size_t len, Mpeg2Sequence& sequence);
 
-// Finds the first picture header and gives its picture_coding_type: 1 I, 2 P, 3 B, 4 D; 0 if there is none.
+// Finds the first picture header and returns its picture_coding_type: 1 I, 2 P, 3 B, 4 D; 0 if there is none.
 int mpeg2_picture_type(const unsigned char* data, size_t len);
 
 // The mapping of frame_rate_code: 1 and 2 are 24, 4 and 5 are 30, 6 is 50, 7 and 8 are 60, 0 is 0, all others 25.

@@ -10,7 +10,7 @@
 namespace Kavio {
 namespace Vidora {
 
-// CObjectCount: the root of classes whose objects stand in a process-wide list, so that a console command shows them.
+// CObjectCount: the root of classes whose objects are in a process-wide list, so that a console command shows them.
 //
 // The list holds an object from its construction to its destruction. It is shown only between Publish() and
 // Withdraw(): before and after those the derived parts, on which the show depends, don't exist.

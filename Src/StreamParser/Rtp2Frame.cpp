@@ -162,7 +162,7 @@ void CRtp2Frame::mark_gap(const RtpHeader& header, rtp_order_t order) {
     }
 }
 
-// A packet of a stream that tells its frames itself. One that was left out is put again for the rest of its payload.
+// A packet of a stream that shows its frames itself. One that was left out is put again for the rest of its payload.
 int CRtp2Frame::put_stream(const RtpHeader& header) {
     const bool again = m_left_out && header.sequence == GetLastSeq() && header.ssrc == GetSsrc();
     if (!again) {

@@ -65,7 +65,7 @@ public:
     bool WasDropped() const { return m_dropped; }
 
     // Of the frame that PutPacket completed: its size in bytes, and its bytes into `buffer` of `capacity` bytes. The
-    // second gives the size, or 0 with nothing of use in `buffer` if it doesn't fit.
+    // second returns the size, or 0 with nothing of use in `buffer` if it doesn't fit.
     uint32_t GetFrameSize() const { return m_work.FrameSize(); }
     uint32_t GetFrame(unsigned char* buffer, uint32_t capacity) const;
     // Milliseconds since the first packet, kept over frames, losses and Clear; for a transport stream too.

@@ -8,7 +8,7 @@
 namespace Kavio {
 namespace Vidora {
 
-// CRtpCutRule: frames that are their packets' payloads without what stands in front of them.
+// CRtpCutRule: frames that are their packets' payloads without what precedes them.
 class CRtpCutRule : public IRtpFrameRule {
 public:
     int Make() override;

@@ -21,7 +21,7 @@ public:
     static bool HasRule(int enc_type);
     static std::unique_ptr<IRtpFrameRule> Create(int enc_type, RtpFrameWork& work);
 
-    // True: a frame's packets are those of one RTP time stamp up to the marker. False: time stamps tell nothing of
+    // True: a frame's packets are those of one RTP time stamp up to the marker. False: time stamps say nothing of
     // frames, and Make gets each packet by itself, once.
     virtual bool IsFramedByRtp() const { return true; }
     // Can a frame begin with this packet? `joining`: nothing is known of what came before it, so a packet that could

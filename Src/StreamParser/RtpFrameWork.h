@@ -64,7 +64,7 @@ struct RtpFrameWork {
     }
     // Puts the configuration in front of the frame.
     void SetConfigPrefix();
-    // The frame's bytes. The second puts them into `buffer` of `capacity` bytes and gives their size, 0 if they don't
+    // The frame's bytes. The second puts them into `buffer` of `capacity` bytes and returns their size, 0 if they don't
     // fit.
     uint32_t FrameSize() const;
     uint32_t WriteFrame(unsigned char* buffer, uint32_t capacity) const;

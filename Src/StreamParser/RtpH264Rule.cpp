@@ -31,7 +31,7 @@ bool has_start_code(CByteReader reader) {
     return reader.ReadU32() == 0x00000001 && reader.Ok();
 }
 
-// A start code that stands inside a payload: four bytes, or with 0x80 as its first byte, the way some senders damage
+// A start code inside a payload: four bytes, or with 0x80 as its first byte, the way some senders damage
 // it when they fragment a whole byte stream.
 bool is_inner_code(const StartCodeScan& scan) {
     return scan.Before() == 0x00 || scan.Before() == 0x80;
@@ -133,7 +133,7 @@ int CRtpH264Rule::Make() {
     return FRAME_COMPLETE;
 }
 
-// Settles what of a packet goes into the frame and what stands in front of it.
+// Settles what of a packet goes into the frame and what precedes it.
 int CRtpH264Rule::place_node(RtpPacketNode& node) {
     CByteReader payload(node.raw, node.raw_len);
     if (payload.Remaining() < FU_HEADER_LEN) {

@@ -101,7 +101,7 @@ bool CRtpJpegRule::read_header(CByteReader& payload, Header& header) {
     return payload.Ok() && specific == 0 && header.type <= TYPE_420;
 }
 
-// Settles m_tables for the frame. Below 128 they are made from Q. From 128 on they stand in the packet that has
+// Settles m_tables for the frame. Below 128 they are made from Q. From 128 on they are in the packet that has
 // the first byte of the scan; a sender may leave them out again while a Q below 255 stays (RFC 2435 3.1.8).
 bool CRtpJpegRule::read_tables(CByteReader& payload, const Header& header) {
     uint8_t* const luma = m_tables;

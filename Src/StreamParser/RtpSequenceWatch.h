@@ -13,11 +13,11 @@ namespace Vidora {
 // How a packet follows the one before it.
 enum rtp_order_t {
     RTP_ORDER_NEXT,   // it is the next one
-    RTP_ORDER_JOINS,  // it is the first one of its synchronisation source: nothing tells what came before it
+    RTP_ORDER_JOINS,  // it is the first one of its synchronisation source: nothing shows what came before it
     RTP_ORDER_GAP     // packets were lost, doubled or swapped in front of it
 };
 
-// CRtpSequenceWatch: watches the synchronisation source and the sequence numbers of one track, and tells the notify
+// CRtpSequenceWatch: watches the synchronisation source and the sequence numbers of one track, and calls the notify
 // what it finds.
 //
 // Packets of another payload type may be of a sender that interleaves its tracks in one session and counts the packets
@@ -30,13 +30,13 @@ public:
     // Who hears of changes and gaps; null for nobody.
     void SetNotify(IRtpNotify* notify) { m_notify = notify; }
 
-    // Looks at a packet of the track, which isn't taken by that. Tells a new synchronisation source; a gap is logged
+    // Looks at a packet of the track, which isn't taken by that. Reports a new synchronisation source; a gap is logged
     // only, see NotifyGap.
     rtp_order_t Look(const RtpHeader& header) {
         const bool follows = header.sequence == static_cast<uint16_t>(m_last_seq + 1) && !m_foreign_gap;
         return follows && header.ssrc == m_last_ssrc && !IsFresh() ? RTP_ORDER_NEXT : look_closer(header);
     }
-    // Tells of the gap in front of a packet.
+    // Reports the gap in front of a packet.
     void NotifyGap(const RtpHeader& header) const;
     // Takes a packet: the next one is expected to follow it.
     void Take(const RtpHeader& header) {

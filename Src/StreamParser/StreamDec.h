@@ -11,7 +11,7 @@
 namespace Kavio {
 namespace Vidora {
 
-// What a depacketiser tells of the frame that it completed.
+// What a depacketiser reports of the frame that it completed.
 struct DecodedFrame {
     uint32_t size = 0;  // payload bytes
     int type = 0;       // frame_type_t letter
@@ -39,7 +39,7 @@ public:
 protected:
     CStreamDec(int src_type, int dst_type) : m_src_type(src_type), m_dst_type(dst_type) {}
 
-    // Of the completed frame: what is known of it; and its payload into `buffer` of `capacity` bytes, which gives its
+    // Of the completed frame: what is known of it; and its payload into `buffer` of `capacity` bytes, which returns its
     // size, 0 if it doesn't fit.
     virtual DecodedFrame describe_frame() const = 0;
     virtual uint32_t read_payload(unsigned char* buffer, uint32_t capacity) = 0;
@@ -47,7 +47,7 @@ protected:
     // such.
     virtual void go_on() = 0;
 
-    // What OutputFrame gives of a completed frame: the frame, or the next of its `count` packets. Goes on after the
+    // What OutputFrame returns of a completed frame: the frame, or the next of its `count` packets. Goes on after the
     // last.
     Flumen::CMediaFrame put_out(const Flumen::CMediaFrame* packets, size_t count);
     // The last line of PrintInfo.
@@ -64,7 +64,7 @@ private:
     // The completed frame in the form of the destination, counted in the statistics. Empty, with nothing counted, if it
     // has no bytes or memory is short.
     Flumen::CMediaFrame build_frame(const DecodedFrame& decoded);
-    // Gives one of the frame's packets its facts. All packets have the frame's number; the first one is counted.
+    // Sets the facts of one of the frame's packets. All packets have the frame's number; the first one is counted.
     void hand_back(Flumen::CMediaFrame& packet, const DecodedFrame& decoded, bool first);
     Flumen::CMediaFrame build_private(const DecodedFrame& decoded);
     Flumen::CMediaFrame build_bare(const DecodedFrame& decoded);

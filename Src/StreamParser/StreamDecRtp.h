@@ -30,7 +30,7 @@ private:
 
 // CStreamDecRtp: RTP packets of one track to frames, or back to the packets of each frame.
 //
-// An input is one packet, bare or behind its interleave header, or a run of packets that each stand behind one. A frame
+// An input is one packet, bare or behind its interleave header, or a run of packets that each follow one. A frame
 // may end anywhere in a run or in a packet: the rest goes on when it has been taken. Packets that are handed back come
 // once each, an input that frames share with the last of them.
 //

@@ -31,7 +31,7 @@ enum parser_result_t {
     PARSER_NO_DATA = 3,        // the frame has no data
     PARSER_FAILED = 4,         // the data could not be converted; the state was cleaned
     PARSER_NOT_TAKEN = 5,      // the TS decoder still holds an untaken frame
-    PARSER_FRAME_READY = 1000  // taken; OutputFrame has something to give
+    PARSER_FRAME_READY = 1000  // taken; OutputFrame has something to return
 };
 
 // The names that logs and the console show; "Unknown" for a value without one.
@@ -88,7 +88,7 @@ struct PsEncParam {
 
 // How an encoder puts its packets out.
 struct RtpOverTcpParam {
-    int32_t use_header = 0;   // not 0: each packet stands behind its 4-byte interleave header (RFC 2326 10.12)
+    int32_t use_header = 0;   // not 0: each packet follows its 4-byte interleave header (RFC 2326 10.12)
     uint8_t dollar = '$';     // first byte of that header
     uint8_t channel = 0;      // its second byte
     uint8_t merge_frame = 0;  // not 0: all packets of a frame come out in one piece
@@ -100,11 +100,11 @@ typedef std::shared_ptr<CStreamParser> CStreamParserPtr;
 // CStreamParser: changes the form of a media stream.
 //
 // Decoders turn packets into frames, encoders frames into packets. Order of use: Create; SetParam with the blocks that
-// apply; then for each input InputFrame, and while it gives PARSER_FRAME_READY, OutputFrame until that gives an empty
-// frame. Clean at a seek or any other break of the stream. Bad data never throws: it gives a result code and a log
+// apply; then for each input InputFrame, and while it returns PARSER_FRAME_READY, OutputFrame until that returns an
+// empty frame. Clean at a seek or any other break of the stream. Bad data never throws: its result is a code and a log
 // line, and the next input starts afresh.
 //
-// The base operations log that they aren't supported and give PARSER_UNSUPPORTED, an empty frame, or nothing.
+// The base operations log that they aren't supported and return PARSER_UNSUPPORTED, an empty frame, or nothing.
 //
 // THREADING  No lock: one thread at a time. PrintInfo alone may run on any thread while the object is published; it
 //            shows figures that may be a moment old.

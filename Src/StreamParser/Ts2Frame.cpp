@@ -24,7 +24,7 @@ constexpr size_t CODE_PREFIX_LEN = 3;  // of a start code, without the byte behi
 constexpr int APPEND_OVERFLOW = -2;
 
 // Where the elementary stream begins in the first bytes of a PES packet: at the first start code of a NAL unit of type
-// 1 to 8, with the zero byte of a four-byte one. What stands in front, such as an access unit delimiter, is dropped.
+// 1 to 8, with the zero byte of a four-byte one. What precedes, such as an access unit delimiter, is dropped.
 size_t h264_begin(const unsigned char* data, size_t len) {
     StartCodeScan scan(data, len);
     while (scan.Next()) {
@@ -130,7 +130,7 @@ bool Ts2Frame::opens_picture(CByteReader payload) const {
         ++zeros;
     }
     if (!payload.Ok() || payload.Remaining() < 3) {
-        return true;  // too little to tell: the header may go on in the next packet
+        return true;  // too little to decide: the header may go on in the next packet
     }
     if (zeros < 2 || payload.ReadU8() != 1) {
         return false;

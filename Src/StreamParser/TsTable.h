@@ -29,7 +29,7 @@ uint8_t stream_type_of_kind(int kind);
 // The kind of a received stream_type; STREAM_KIND_AUDIO for all that aren't known.
 int stream_kind_of_type(uint8_t stream_type);
 
-// Of an enc_type_t: the kind that a multiplexer gives it.
+// Of an enc_type_t: its kind in a multiplexer.
 int stream_kind_of_enc_type(int enc_type);
 
 // The encode code of the private frame header for a kind of video; -1 for a kind without one.

@@ -12,7 +12,7 @@ namespace Vidora {
 
 namespace {
 
-// RFC 4566 5.3: the session's name stands behind the origin, which has the time of the making.
+// RFC 4566 5.3: the session's name follows the origin, which has the time of the making.
 const char* behind_origin(const CSdpParser& sdp) {
     const char* name = std::strstr(sdp.get_stream(), "\r\ns=");
     return name == nullptr ? "" : name;

@@ -19,13 +19,13 @@ struct ChannelBuffers {
     CMediaBuffer buffer[PACKET_TYPE_NONE];
 };
 
-// Posted to the channel when a description stands, or has failed, that it wanted to be told of.
+// Posted to the channel when a description is made, or has failed, that it wanted to hear of.
 const unsigned int MSG_CHANNEL_DESCRIBED = 0x1f10;
 
 // CChannelFeed: what one channel wants of its source, and how far the source has got with it.
 //
 // The channel says what it wants and calls Settle, which has the source do it: at once, or when the call has ended that
-// the source is busy with. Wishes that change meanwhile are met as they stand then: a client that came and went costs
+// the source is busy with. Wishes that change meanwhile are met as they are then: a client that came and went costs
 // the source nothing.
 //
 // THREADING  Any thread; a lock of its own, a leaf, held over no call into the source. Run: the source's gate.
@@ -54,7 +54,7 @@ public:
     void WantDescription(bool told);
     // Reads its stream information anew; there is no description until it has.
     void WantUpdate(long arg);
-    // True if it has happened when the call returns; the results then tell how.
+    // True if it has happened when the call returns; the results then say how.
     bool Settle() { return m_gate->Do(shared_from_this()); }
 
     // Of the last start and stop of a form, and of the last update.

@@ -12,7 +12,7 @@ const int PORTS_PER_TRACK = 2;
 const char TS_RTPMAP[] = "33 MP2T/90000";
 const char LIVE_RANGE[] = "npt=now-";
 
-// Gives the base port.
+// Returns the base port.
 int describe_destinations(CSdpParser& sdp, const CMulticastOutput& output) {
     sdp.remove_session_attribute("packetization-supported");
     sdp.set_session_attribute("range", LIVE_RANGE);

@@ -13,7 +13,7 @@ class CSdpParser;
 
 // For viewers with a way of their own.
 void FinishUnicastSdp(CSdpParser& sdp, transf_type_t transf_type);
-// For viewers of the multicast destinations. Audio has the base port + 2 wherever it stands.
+// For viewers of the multicast destinations. Audio has the base port + 2 at whatever place.
 void FinishMulticastSdp(CSdpParser& sdp, transf_type_t transf_type, const CMulticastOutput& output);
 // The same with an extension: here ports go by the medium's index.
 void FinishExtendedSdp(CSdpParser& sdp, transf_type_t transf_type, const CMulticastOutput& output);

@@ -32,7 +32,7 @@ int CKXDataReceiver::Init(const char* content, long notify_id, int ext) {
                  CLogQuote(Ostra::LOG_LEVEL_ERROR, content).Text());
         return -1;
     }
-    // Both stand before the source's Init, which may post MSG_STREAM_INFO at once; the message waits for its end.
+    // Both are set before the source's Init, which may post MSG_STREAM_INFO at once; the message waits for its end.
     m_src_type = source->GetSrcType();
     m_stream_source = source;
     if (source->Init(GetID(), ext) < 0) {

@@ -31,7 +31,7 @@ namespace Vidora {
 // THREADING  frame_proc: the host's frame thread, under m_mutex from beginning to end. m_mutex guards all that the
 //            callback reads: counts, buffers, tracks, formats, the play window. It is held over the source's format
 //            queries, as in the callback itself, but never over Start, Stop, Pause, Resume or a seek, which may wait
-//            for the callback. m_start_mutex puts those calls of several sessions in a row; it stands above m_mutex.
+//            for the callback. m_start_mutex puts those calls of several sessions in a row; it comes before m_mutex.
 //            GetSrcInfo, GetSSRC and the two operations on tracks take neither, and so never wait for the host.
 // OWNERSHIP  Owns the source, which it closes at its end. Keeps references of the media buffers: a channel that shares
 //            the source may end, and its buffers with it, while the clients of another keep the source running. Who

@@ -154,7 +154,8 @@ int CKXDataReceiver::StartStreaming(packet_type_t packet_type, CMediaBuffer* buf
     return result;
 }
 
-// Frames count from the call on: a source gives its first one, the key frame that every client needs, while Start runs.
+// Frames count from the call on: a source delivers its first one, the key frame that every client needs, while Start
+// runs.
 int CKXDataReceiver::start_source() {
     {
         CGuard guard(m_mutex);
@@ -199,7 +200,7 @@ int CKXDataReceiver::StopStreaming(packet_type_t packet_type, const CMediaBuffer
         if (m_buffers.Clients() > 0) {
             logInfo("%s:%d, have't stop streamsource already., rtp_client=%d, ts_client=%d, kx_client=%d.\n", __FILE__,
                     __LINE__, rtp_count, m_buffers.Clients(PACKET_TYPE_TS), m_buffers.Clients(PACKET_TYPE_KX));
-            return -1;  // tells the caller that the source runs on
+            return -1;  // shows the caller that the source runs on
         }
         if (!m_started) {
             return 0;  // the host hears of no stop without a start

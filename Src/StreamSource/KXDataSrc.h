@@ -53,7 +53,7 @@ public:
 private:
     static const int MAX_CONTENT = 256;
 
-    // What the describing job is to tell when it is done.
+    // What the describing job is to report when it is done.
     enum described_t { DESCRIBED_READY = 1, DESCRIBED_UPDATE = 2 };
 
     class CMethodJob;

@@ -152,7 +152,7 @@ int CLiveChannel::Leave(CLevel2Buffer_IF* sink, packet_type_t packet_type) {
 }
 
 // A client counts also while the channel has no source, or one that doesn't start: it may have another one later. The
-// sink stands in the list first: what can fail for want of memory comes before what has an effect.
+// sink is put into the list first: what can fail for want of memory comes before what has an effect.
 int CLiveChannel::Internal::enter(const ChannelSink& sink) {
     std::shared_ptr<CChannelFeed> to_settle;
     {

@@ -66,7 +66,7 @@ std::shared_ptr<CChannelFeed> CLiveChannel::Internal::make_feed(const std::share
     return CChannelFeed::Create(gate, m_buffers, channel_id, former == nullptr ? "" : former->GetText());
 }
 
-// Of a published channel: the registry has its source from now on. Gives the one that it had.
+// Of a published channel: the registry has its source from now on. Returns the one that it had.
 std::shared_ptr<CSourceGate> CLiveChannel::Internal::swap_kept_locked(const std::shared_ptr<CSourceGate>& gate) {
     if (m_registry_id == 0) {
         return nullptr;

@@ -15,7 +15,7 @@
 namespace Kavio {
 namespace Vidora {
 
-// What CLiveChannel holds; its operations stand in LiveChannel.cpp and LiveChannelSource.cpp.
+// What CLiveChannel holds; its operations are in LiveChannel.cpp and LiveChannelSource.cpp.
 //
 // THREADING  m_mutex and m_ref_mutex are leaves beside each other, but for the locks of the feed and of the gate. No
 //            call into the source is made under them.
@@ -47,7 +47,7 @@ struct CLiveChannel::Internal {
     std::shared_ptr<CSourceGate> gate();
     // The same for the operations on tracks, whose log line is another one.
     std::shared_ptr<CSourceGate> track_gate();
-    // Tells the source's feed how many clients there are.
+    // Reports to the source's feed how many clients there are.
     void count_locked(packet_type_t packet_type, bool joined) VIDORA_REQUIRES(m_mutex);
     bool uncall_locked(packet_type_t packet_type) VIDORA_REQUIRES(m_mutex);
     bool can_transfer_locked(const CSockAddrStorage& dest, const char* local_ip, int line) VIDORA_REQUIRES(m_mutex);

@@ -339,7 +339,7 @@ int CLiveSvr::Internal::leave(const char* content, Sink* sink, packet_type_t pac
     return 0;
 }
 
-// The channel that a sink leaves by this content: the one that fits, or another of that name where the sink stands, as
+// The channel that a sink leaves by this content: the one that fits, or another of that name where the sink is, as
 // a name that fits better may have been published since it entered. A null sink leaves the one that fits.
 CLiveSvr::CFound CLiveSvr::Internal::find_user(const char* content, const void* sink) {
     CGuard guard(m_mutex);

@@ -17,7 +17,7 @@ class CSdpParser;
 // CMulticastOutput: the multicast destinations of one channel, each with the sockets that feed it.
 //
 // THREADING  No lock of its own: the channel's guards it.
-// OWNERSHIP  Owns the senders. They stand in the buffer that Add was given, and Remove and RemoveFirst want that same
+// OWNERSHIP  Owns the senders. They are in the buffer that Add was given, and Remove and RemoveFirst want that same
 //            buffer; the owner removes all of them before this object ends.
 class CMulticastOutput {
 public:
@@ -37,8 +37,8 @@ public:
     // The same for the destination that was added first.
     bool RemoveFirst(CMediaBuffer& buffer);
 
-    // Gives `sdp` a connection line for each destination, in the place of those it has. Returns the base port: that of
-    // the first destination that has one, or 0.
+    // Sets in `sdp` a connection line for each destination, in the place of those it has. Returns the base port: that
+    // of the first destination that has one, or 0.
     int DescribeIn(CSdpParser& sdp) const;
 
 private:

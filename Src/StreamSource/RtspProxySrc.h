@@ -22,7 +22,7 @@ namespace Vidora {
 //            the source, closed before, ends.
 class CRtspProxySrc final : public CNotifyingSource {
 public:
-    // `url`: of the other server, at most 255 characters; null gives a source whose Init fails.
+    // `url`: of the other server, at most 255 characters; null makes a source whose Init fails.
     explicit CRtspProxySrc(const char* url);
 
     int Init(long notify_id, int ext) override;

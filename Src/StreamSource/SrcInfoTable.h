@@ -23,7 +23,7 @@ public:
     // The track begins to count at this sequence number.
     void Begin(int index, uint16_t seq);
     void SetSsrc(int index, unsigned int ssrc);
-    // Where the track stands now.
+    // Where the track is now.
     void SetTimestamp(int index, uint32_t timestamp);
     void SetPlace(int index, uint32_t timestamp, uint16_t seq);
     // What a frame has sent, and its own time in milliseconds of the source's clock.

@@ -14,7 +14,8 @@ namespace Flumen {
 //     const MediaFrameInfo* facts() const;   the record, or null
 //     MediaFrameInfo* changed_facts();       the same, which is about to be written
 //
-// The operations are those of CMediaFrame: without a record getters give 0, and setters do nothing. No lock of its own.
+// The operations are those of CMediaFrame: without a record getters return 0, and setters do nothing. No lock of its
+// own.
 template <typename Frame>
 class CFrameFacts {
 public:

@@ -8,7 +8,7 @@ namespace Kavio {
 namespace Flumen {
 
 // MediaFrameInfo: the facts of one frame, a fixed record of 80 bytes in the extra area of its memory. A host may read
-// the area as bytes, so the layout never changes; values stand in the machine's own byte order.
+// the area as bytes, so the layout never changes; values have the machine's own byte order.
 struct MediaFrameInfo {
     char kind;          // 'V' video, 'A' audio, 0 until a type was set
     uint8_t flag1;      // 1 from creation; read by nobody here
@@ -35,7 +35,7 @@ struct MediaFrameInfo {
     // Seconds, to the millisecond: what is finer is cut off. A time that isn't from 0 to 2^32 counts as the nearest.
     double GetUtc() const;
     void SetUtc(double seconds);
-    // Time stamp of a type from 0 to 5. Another type gives 0, and isn't written.
+    // Time stamp of a type from 0 to 5. Another type reads as 0, and isn't written.
     uint64_t GetPts(int type) const;
     void SetPts(uint64_t value, int type);
     static bool HasPts(int type);

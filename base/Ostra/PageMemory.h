@@ -12,9 +12,9 @@ namespace Ostra {
 
 // `size` bytes of zeros, aligned for a page; null if memory is short.
 void* NewPages(size_t size) noexcept;
-// Gives back what NewPages gave for that size.
+// Frees what NewPages returned for that size.
 void DeletePages(void* memory, size_t size) noexcept;
-// Gives the system back the whole pages among `size` bytes that nobody needs any more: they are zeros then, and take no
+// Returns to the system the whole pages among `size` bytes that nobody needs any more: they are zeros then, and take no
 // memory until they are touched again. The bytes outside whole pages stay. The memory is NewPages' or of the heap.
 void ForgetPages(void* memory, size_t size) noexcept;
 

@@ -27,7 +27,7 @@ public:
     void Clear() { m_addr_length = 0; }
     bool IsSet() const { return m_addr_length != 0; }
 
-    // Gives `message` the address and the control message, which borrow from this object. Nothing if it isn't set.
+    // Sets in `message` the address and the control message, which borrow from this object. Nothing if it isn't set.
     void Fill(struct msghdr& message) const;
 
 private:

@@ -42,7 +42,7 @@ public:
     CEpollPoller(const CEpollPoller&) = delete;
     CEpollPoller& operator=(const CEpollPoller&) = delete;
 
-    // 0, or -1 if the system gives no descriptor.
+    // 0, or -1 if the system has no descriptor.
     int Open();
 
     // Watches `fd` for one event of `events` (or an error). 0, or the negative errno.

@@ -15,7 +15,7 @@ namespace {
 // Callbacks of one handler in a row before others get their turn.
 constexpr int MAX_EVENTS_A_TURN = 16;
 
-// An emptied event queue with more room than this gives it back.
+// An emptied event queue with more room than this releases it.
 constexpr size_t MAX_IDLE_EVENTS = 256;
 
 // No period or time-out is longer; 30 years keep all sums far from the end of the number.

@@ -98,7 +98,7 @@ private:
     std::vector<CEvent> m_events VIDORA_GUARDED_BY(m_mutex);
     size_t m_first VIDORA_GUARDED_BY(m_mutex) = 0;  // of m_events that isn't taken yet
     std::vector<CTimer> m_timers VIDORA_GUARDED_BY(m_mutex);
-    // Descriptors that the table may hold for this core; one that was closed under it may stand here in vain.
+    // Descriptors that the table may hold for this core; one that was closed under it may be left here in vain.
     std::unordered_set<int> m_socks VIDORA_GUARDED_BY(m_mutex);
 };
 

@@ -19,7 +19,7 @@ int CHandlerRegistry::Add(long id, const std::shared_ptr<CHandlerCore>& core) {
 }
 
 void CHandlerRegistry::Remove(long id) {
-    std::shared_ptr<CHandlerCore> core;  // let go after the lock
+    std::shared_ptr<CHandlerCore> core;  // released after the lock
     CShard& shard = shard_of(id);
     Ostra::CGuard guard(shard.mutex);
     const auto found = shard.cores.find(id);

@@ -9,7 +9,7 @@ namespace Tramel {
 // An address or host name at the beginning of a text.
 struct HostText {
     int family = 0;           // 4 IPv4, 6 IPv6, 1 host name, 0 none of them
-    unsigned int skip = 0;    // 1 if the address stands in brackets, otherwise 0
+    unsigned int skip = 0;    // 1 if the address is in brackets, otherwise 0
     unsigned int length = 0;  // bytes of the address itself
 };
 

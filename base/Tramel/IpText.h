@@ -13,8 +13,8 @@ namespace Tramel {
 bool ParseIpText(const char* text, sockaddr_storage& addr);
 // Reads the first address of a host name; may block for the resolver. Port 0. False if it has none.
 bool ResolveHost(const char* name, sockaddr_storage& addr);
-// Writes the canonical text (RFC 5952 for IPv6) of the in_addr or in6_addr at `address`. Gives `buf`, empty for another
-// family or if `size` is too small.
+// Writes the canonical text (RFC 5952 for IPv6) of the in_addr or in6_addr at `address`. Returns `buf`, empty for
+// another family or if `size` is too small.
 char* WriteIpText(int family, const void* address, char* buf, unsigned int size);
 
 // Copies `addr` as IPv4; an IPv4-mapped IPv6 address (RFC 4291 2.5.5.2) is taken as what it maps. False otherwise.

@@ -19,9 +19,9 @@ class CMediaPacket;
 //            itself included. Remove waits for a call of that sink on another thread, not for one that it is made from.
 class CLevel2List {
 public:
-    // Calls each sink that stands in the list now.
+    // Calls each sink that is in the list now.
     void Put(CMediaPacket* packet, int length, int flag, int channel);
-    // A sink stands at most once. False if memory is short.
+    // A sink is stored at most once. False if memory is short.
     bool Add(CLevel2Buffer_IF* sink);
     void Remove(const CLevel2Buffer_IF* sink);
     void RemoveAll();

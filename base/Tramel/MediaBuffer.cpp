@@ -253,7 +253,7 @@ void CMediaBuffer::CImpl::start_writing() {
     }
 }
 
-// Gives the unit to all groups: the set of those that don't keep up.
+// Hands the unit to all groups: the set of those that don't keep up.
 uint32_t CMediaBuffer::CImpl::hand_out_locked(COutputUnit* unit) {
     uint32_t late = 0;
     for (unsigned int i = 0; i < m_group_count; ++i) {

@@ -78,7 +78,7 @@ int64_t CMediaStreamReceiver::handle_timeout(long timer_id) {
     return result < 0 ? -1 : 0;
 }
 
-// Tells the owner once for each StartReceive.
+// Notifies the owner once for each StartReceive.
 void CMediaStreamReceiver::fail() {
     const bool was_receiving = m_receiving.exchange(false);
     const long timer_id = m_timer_id.exchange(0);

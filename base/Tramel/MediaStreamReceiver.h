@@ -21,12 +21,12 @@ public:
     void Close() override;
 
     // Input is ready: reads and handles it. The number of units handled, or negative on failure: receiving then stops,
-    // and message 2 goes to the handler of WaitException, once. The base gives 0.
+    // and message 2 goes to the handler of WaitException, once. The base returns 0.
     virtual int handle_stream_input();
     // Passive reading: called every period of StartReceive. 0 to go on, negative on failure, with the same consequence.
-    // The base gives 0.
+    // The base returns 0.
     virtual int64_t handle_passive_input();
-    // Writing is possible. The base gives 0.
+    // Writing is possible. The base returns 0.
     virtual int handle_stream_write();
 
     // Begins to receive. `period_us` above 0: handle_passive_input is called that often; 0: by events only. `speed` is

@@ -25,7 +25,7 @@ public:
     // A sender on the heap, or null.
     static CMediaStreamSender* Create();
 
-    // Sends on `sock`, a CSockStream, which stays its owner's, and lets go of a former one. 0, or -1: a null or invalid
+    // Sends on `sock`, a CSockStream, which stays its owner's, and releases a former one. 0, or -1: a null or invalid
     // socket, or one that has a media sender already.
     int Attach(CSock* sock);
     // Seconds after which a socket that was full counts as failed if the peer's system has acknowledged nothing

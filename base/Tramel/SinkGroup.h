@@ -20,7 +20,7 @@ class CMediaStreamSender;
 
 // CSinkGroup: some of a media buffer's senders, which one thread of the pool writes one after another.
 //
-// Each turn takes the units that have come since, and gives every sender all of them in one call, so that units that
+// Each turn takes the units that have come since, and hands every sender all of them in one call, so that units that
 // pile up while the pool is busy join into one vectored write.
 //
 // LIMITS     At most MAX_PENDING units or MAX_PENDING_BYTES wait for a turn. Then units are dropped for the whole
@@ -36,7 +36,7 @@ public:
 
     CSinkGroup() = default;
 
-    // Keeps a unit for the senders that stand here until the group's next turn. True if turns don't keep up: the caller
+    // Keeps a unit for the senders that are here until the group's next turn. True if turns don't keep up: the caller
     // is to RunHere when it holds no locks.
     bool Put(COutputUnit* unit);
     // Makes a turn due if units wait for one.

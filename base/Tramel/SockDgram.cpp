@@ -138,7 +138,7 @@ bool CSockDgram::IsPeerError(int error) {
 
 int CSockDgram::SetTarget(const CSockAddrStorage& remote, unsigned int interface_index,
                           const CSockAddrStorage& source) {
-    m_offload_limit = ANY_SIZE;  // another road may have another MTU
+    m_offload_limit = ANY_SIZE;  // another path may have another MTU
     return m_target.Set(remote.ForFamily(family_of(m_fd)), interface_index, source);
 }
 

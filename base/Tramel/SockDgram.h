@@ -45,7 +45,7 @@ public:
 
     // Sends a merged frame: `length` bytes that are a run of packets, each behind its 4-byte interleave header
     // ("$", channel, 16-bit length, RFC 2326 10.12), as one datagram a packet without the headers, to the remote. What
-    // is on the wire is what one Send a packet gives; the system calls are few (see CDgramRun). Gives the number of
+    // is on the wire is what one Send a packet sends; the system calls are few (see CDgramRun). Returns the number of
     // datagrams sent; those that the socket had no room for are lost. -1 if the run is cut short (the packets in front
     // of the fault are sent) or the socket fails, with errno set.
     int SendMerged(const unsigned char* data, unsigned int length);

@@ -24,7 +24,7 @@ public:
     // On a send failure, or no progress for the queue's send time-out, message 2 goes to that handler, once; at once if
     // the socket has failed already.
     void WaitException(long handler_id);
-    // Lets go of the socket, and gives it back, or null. Media that is queued is dropped, except the rest of a packet
+    // Releases the socket and returns it, or null. Media that is queued is dropped, except the rest of a packet
     // that is half sent; control text stays with the socket for another sender.
     CSock* Detach();
 

@@ -40,7 +40,7 @@ public:
     int WatchPeer(unsigned int seconds, bool acknowledged);
 
     // The output queue of the present descriptor, made at the first call; null if memory is short. It lives until the
-    // last of the socket and its senders lets go, and fails silently when the descriptor is closed or given away: a
+    // last of the socket and its senders ends, and fails silently when the descriptor is closed or given away: a
     // sender is then to be attached anew. For the senders only.
     std::shared_ptr<CStreamOutput> GetOutput();
 

@@ -291,7 +291,7 @@ void CSockTable::End(const CHandlerCore* core, int fd, uint64_t serial, unsigned
     }
 }
 
-// The core had no memory for the event: the poller will tell it again.
+// The core had no memory for the event: the poller will report it again.
 void CSockTable::unqueue(const CHandlerCore* core, int fd, uint64_t serial) {
     CShard& shard = shard_of(fd);
     Ostra::CGuard guard(shard.mutex);

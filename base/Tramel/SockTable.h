@@ -84,7 +84,7 @@ private:
         uint64_t last[KINDS] = {};
     };
 
-    // Never without a watch while it stands in the table.
+    // Never without a watch while it is in the table.
     struct CEntry {
         int fd = -1;
         uint32_t generation = 0;

@@ -9,7 +9,7 @@ namespace Tramel {
 // CStrParser: a cursor over one text that it doesn't own. No call reads past the text's length or needs a final NUL.
 //
 // Every Consume moves the cursor; a failed one sets the status (negative, sticky until ResetAll or Attach), moves
-// nothing, and gives a negative length or the number 0. White space is blank and tab in the InLine forms, and CR, LF,
+// nothing, and returns a negative length or the number 0. White space is blank and tab in the InLine forms, and CR, LF,
 // VT, FF as well in the others. A line ends in LF, or CR LF. Used by one thread at a time.
 class CStrParser {
 public:
@@ -24,9 +24,9 @@ public:
     // 0 while no Consume or Expect failed.
     int GetStatus() const { return m_status; }
 
-    // Moves the cursor to the first match at or behind it and gives the match's offset in the text; negative, without a
-    // move and without touching the status, if there is none. The InLine forms look only up to the line's end; the Case
-    // forms ignore the case of ASCII letters.
+    // Moves the cursor to the first match at or behind it and returns the match's offset in the text; negative, without
+    // a move and without touching the status, if there is none. The InLine forms look only up to the line's end; the
+    // Case forms ignore the case of ASCII letters.
     int LocateString(const char* text);
     int LocateStringInLine(const char* text);
     int LocateStringCase(const char* text);
@@ -35,7 +35,7 @@ public:
     // Moves to an offset from 0 to the length. 0 or -1.
     int LocateOffset(int offset);
     int GetCurOffset() const { return static_cast<int>(m_offset); }
-    // The number of lines in the whole text, wherever the cursor stands: a bound for a loop over them. A last line
+    // The number of lines in the whole text, wherever the cursor is: a bound for a loop over them. A last line
     // without a line feed counts; an empty text has none.
     int GetLineNum() const;
     // Bytes from the cursor to the end of its line, without the line's end.
@@ -48,8 +48,8 @@ public:
     int GetStringLen() const;
 
     // Move the cursor forward to the first character that isn't white space, that is the given one, is a digit, a
-    // hexadecimal digit, or begins the next line. They give the number of bytes stepped over; negative with the status
-    // set if there is no such character (white space at the very end is no failure).
+    // hexadecimal digit, or begins the next line. They return the number of bytes stepped over; negative with the
+    // status set if there is no such character (white space at the very end is no failure).
     int ConsumeWhitespace();
     int ConsumeWhitespaceInLine();
     int ConsumeUntil(char c);
@@ -67,10 +67,10 @@ public:
     uint32_t ConsumeHexUint32();
     double ConsumeDouble();
 
-    // Copy into `buf` of `size` bytes, NUL-terminated and cut at the size, and give the length copied; what was cut off
-    // is stepped over as well. A null buffer just skips, and the length is that of the text skipped. A word runs to the
-    // next white space and may be empty. A sentence runs to any character of `delims`, which is stepped over, or to the
-    // text's end.
+    // Copy into `buf` of `size` bytes, NUL-terminated and cut at the size, and return the length copied; what was cut
+    // off is stepped over as well. A null buffer just skips, and the length is that of the text skipped. A word runs to
+    // the next white space and may be empty. A sentence runs to any character of `delims`, which is stepped over, or to
+    // the text's end.
     int ConsumeWord(char* buf, unsigned int size);
     int ConsumeSentence(const char* delims, char* buf, unsigned int size);
     // Exactly `n` bytes. Fewer left is a failure.
@@ -80,7 +80,7 @@ public:
     // and dots (of hexadecimal digits, colons and dots for IPv6), and fails as a whole: "10.0.0.256" is no address.
     int ConsumeIpAddr(char* buf, unsigned int size, int* family);
 
-    // Steps over `c` if it stands at the cursor: 0; otherwise -1 and the status is set.
+    // Steps over `c` if it is at the cursor: 0; otherwise -1 and the status is set.
     int Expect(char c);
     // 0 if the text at the cursor begins with `text`, with the case of ASCII letters ignored; otherwise non-zero. Moves
     // nothing, sets no status.

@@ -211,7 +211,7 @@ uint64_t CStreamOutput::send_batch_locked(const CUnitBatch& batch) {
     return taken;
 }
 
-// The slow road of an idle socket: some units aren't for this sink, or a track waits for its key frame.
+// The slow path of an idle socket: some units aren't for this sink, or a track waits for its key frame.
 uint64_t CStreamOutput::send_chosen_locked(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots) {
     CUnitBatch chosen;
     unsigned char index[CUnitBatch::MAX_UNITS];
@@ -322,7 +322,7 @@ void CStreamOutput::uncount_locked(const COutputUnit& unit) {
     }
 }
 
-// Gives the socket a vector: the bytes that it took, 0 if it is full, -1 if it is broken; the queue has failed then.
+// Hands the socket a vector: the bytes that it took, 0 if it is full, -1 if it is broken; the queue has failed then.
 int64_t CStreamOutput::write_locked(const struct iovec* parts, unsigned int count) {
     struct msghdr message;
     std::memset(&message, 0, sizeof(message));

@@ -16,7 +16,7 @@ public:
     // A sender on the heap, or null.
     static CStreamSender* Create();
 
-    // Queues for `sock`, a CSockStream, from now on, and lets go of a former one. Write interest is registered on
+    // Queues for `sock`, a CSockStream, from now on, and releases a former one. Write interest is registered on
     // behalf of `owner`, whose handle_output calls this sender's. 0, or -1 for a null or invalid argument.
     int Attach(CNetHandler* owner, CSock* sock);
     // Queues `len` bytes whole and in order, sending at once what the socket takes. 0, or -1: nothing attached, a

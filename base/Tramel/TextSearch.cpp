@@ -108,8 +108,8 @@ bool any(const Block& block) {
     return (halves[0] | halves[1]) != 0;
 }
 
-// Compares the needle only where its first and its last byte stand, which is seldom in real text. A haystack made of
-// such places would cost needle times haystack: when comparing has cost too much, two_way_search goes on instead, so
+// Compares the needle only where its first and its last byte are found, which is seldom in real text. A haystack made
+// of such places would cost needle times haystack: when comparing has cost too much, two_way_search goes on instead, so
 // that the whole stays linear.
 size_t block_search(const char* haystack, size_t haystack_size, const char* needle, size_t needle_size) {
     const CaseByte first(needle[0]);

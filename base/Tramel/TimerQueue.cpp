@@ -71,7 +71,7 @@ bool CTimerQueue::Rearm(uint64_t handle, uint64_t deadline) {
 }
 
 bool CTimerQueue::Cancel(uint64_t handle) {
-    CTimerTarget target;  // let go after the lock
+    CTimerTarget target;  // released after the lock
     Ostra::CGuard guard(m_mutex);
     CSlot* slot = find_locked(handle);
     if (slot == nullptr) {

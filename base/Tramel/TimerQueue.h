@@ -25,7 +25,7 @@ struct CTimerTarget {
 // CTimerQueue: deadlines in the order of time: a binary heap with places known, so that all operations are O(log n).
 //
 // A deadline that has come stays known by its handle, out of the heap, until Rearm or Cancel. Users whose deadline
-// moves with every packet don't tell the queue: they let it come, look at their own stamp and rearm.
+// moves with every packet don't call the queue: they let it come, look at their own stamp and rearm.
 //
 // THREADING  All operations: any thread. Times are microseconds of CEpollPoller::Now(), or any other for a queue
 //            without a poller.

@@ -53,7 +53,7 @@ bool CUnitRing::grow() {
     return true;
 }
 
-// A backlog that has gone gives its memory back.
+// A backlog that has gone releases its memory.
 void CUnitRing::trim() {
     if (m_count == 0) {
         m_first = 0;

@@ -24,9 +24,9 @@ public:
 
     // Appends `unit`, whose reference the ring takes. False, and nothing is taken, if memory is short.
     bool Push(COutputUnit* unit);
-    // Takes the front unit off and gives its reference to the caller. Not on an empty ring.
+    // Takes the front unit off and hands its reference to the caller. Not on an empty ring.
     COutputUnit* Pop();
-    // Keeps the units for which `keep` gives true, in order, and releases the others.
+    // Keeps the units for which `keep` returns true, in order, and releases the others.
     template <typename Keep>
     void Filter(Keep keep) {
         size_t kept = 0;

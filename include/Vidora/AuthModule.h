@@ -9,7 +9,7 @@ namespace Vidora {
 
 // IAuthModule: authentication of one session, implemented by the host.
 //
-// The server makes one for each session through the factory of CRtspSvrConfig (RTSP_SVR_CONFIG_AUTH_FUNC) and gives it
+// The server makes one for each session through the factory of CRtspSvrConfig (RTSP_SVR_CONFIG_AUTH_FUNC) and hands it
 // back with Release.
 //
 // THREADING  GetChallenge and ProcessChallenge run on a pool thread, never twice at once for one module. The result
@@ -38,12 +38,12 @@ public:
     // Asks for a challenge. `method_or_url`: the URL of the request; `info`: the peer's IP address as text; both are
     // valid during the call. `kind`: 2000. The answer goes to `result` with the value of a WWW-Authenticate header (RFC
     // 2617 3.2.1), or the reason of a refusal. 0, or negative on failure, which the session doesn't look at: a
-    // module that doesn't answer leaves the client waiting until its time-out. The base gives -1.
+    // module that doesn't answer leaves the client waiting until its time-out. The base returns -1.
     virtual int GetChallenge(const char* method_or_url, result_proc_t result, const char* info, int kind);
 
     // Judges a response. `response`: the value of the Authorization header (RFC 2617 3.2.2), with ".OnvifInterDomain"
     // behind it if the URL is of ONVIF's form: users of another table may be meant. Valid during the call. The method
-    // of the request is not told. `kind`: 2000. 0, or negative on failure. The base gives -1.
+    // of the request is not told. `kind`: 2000. 0, or negative on failure. The base returns -1.
     virtual int ProcessChallenge(const char* response, result_proc_t result, int kind);
 };
 

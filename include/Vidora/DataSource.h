@@ -46,7 +46,7 @@ public:
     virtual void SetConfig(const CRtspSvrConfig& config);
     // Makes the stream behind it; `notify_id` gets the messages. `ext` is 0.
     virtual int Init(long notify_id, int ext) = 0;
-    // Adds a handler that gets the messages; it stands at most once. And removes it.
+    // Adds a handler that gets the messages; it is stored at most once. And removes it.
     virtual void AddNotify(long notify_id) = 0;
     virtual void DelNotify(long notify_id) = 0;
     // Plays from `start` to `end`; a year of 0 means not given. `speed`: 1.0 real time, below 0 backwards, never 0.
@@ -78,9 +78,9 @@ public:
     // 0 for an unknown track).
     virtual int GetTcpChannel(int track_id) = 0;
     virtual unsigned int GetSSRC(int track_id) = 0;
-    // Asks the source to read its stream information anew. The base gives 0.
+    // Asks the source to read its stream information anew. The base returns 0.
     virtual int UpdataDataSrc(long arg);
-    // Counts a client of a stream_track_t in or out. The base gives -1.
+    // Counts a client of a stream_track_t in or out. The base returns -1.
     virtual int EnableStreamTrack(int track_kind);
     virtual int DisableStreamTrack(int track_kind);
     // StopStreaming for a client of that very buffer. The base calls StopStreaming.

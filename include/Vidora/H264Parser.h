@@ -30,7 +30,7 @@ inline int h264_nal_type(unsigned char header) {
     return header & 0x1F;
 }
 
-// What a sequence parameter set tells (ISO 14496-10 7.3.2.1).
+// What a sequence parameter set says (ISO 14496-10 7.3.2.1).
 struct H264Sps {
     uint8_t profile_idc = 0;
     uint8_t level_idc = 0;

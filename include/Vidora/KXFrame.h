@@ -71,7 +71,7 @@ enum kx_encode_t {
     KX_AUDIO_MPA = 31
 };
 
-// The fields of a header as they stand in it.
+// The fields of a header in its own units.
 struct KXHeader {
     uint8_t frame_type = 0;
     uint8_t sub_type = 0;
@@ -94,7 +94,7 @@ public:
 
     void SetChannel(uint8_t channel);
     uint8_t GetChannel() const;
-    // A frame type letter; one without a type byte gives the byte 0.
+    // A frame type letter; one without a type byte becomes the byte 0.
     void SetFrameType(int letter);
     // The letter of the type byte; 0 for a byte without one, 0xFB (JPEG) among them, which is one-way by design.
     void GetFrameType(int& letter) const;
@@ -121,7 +121,7 @@ public:
     // Settles the lengths for a payload of `payload_len` bytes. The length of the whole frame, and where its payload
     // begins; 0 if the length doesn't fit into the header.
     uint32_t GetFrameSize(uint32_t payload_len, uint32_t& payload_offset);
-    // Writes header, blocks and trailer around the payload that stands in `buffer` already. `frame_len` is what
+    // Writes header, blocks and trailer around the payload that is in `buffer` already. `frame_len` is what
     // GetFrameSize gave; 0, or -1 for null or another length, with nothing written.
     int WriteFrame(unsigned char* buffer, uint32_t frame_len);
 
@@ -140,10 +140,10 @@ private:
 };
 
 // Finds the payload of a frame. A buffer that begins with the magic: the payload's offset, and in `remaining` its
-// length, not below 0; an offset above `len` gives 0. Any other buffer is bare: 0, and `remaining` is `len`.
+// length, not below 0; 0 for an offset above `len`. Any other buffer is bare: 0, and `remaining` is `len`.
 VIDORA_API int get_frame_body(const unsigned char* buffer, int len, int& remaining);
 
-// Walks the extension blocks of a frame to the audio block and gives byte 26 of the buffer; -1 with a log line on
+// Walks the extension blocks of a frame to the audio block and returns byte 26 of the buffer; -1 with a log line on
 // failure. It refuses a buffer that does begin with the magic, and takes frame type 0xF0 only: so it has always been,
 // and outside users of the format rely on it.
 VIDORA_API int parser_video_info(const unsigned char* buffer, int len);
@@ -162,7 +162,7 @@ VIDORA_API uint8_t kx_header_checksum(const unsigned char* header);
 // 32-bit sum of the payload as little-endian words, the last one filled up with zeros.
 VIDORA_API uint32_t kx_payload_checksum(const unsigned char* payload, size_t len);
 
-// Type byte of a letter, 0 if it has none; and back, where 0xFB gives 0 too.
+// Type byte of a letter, 0 if it has none; and back, where 0xFB has none.
 VIDORA_API uint8_t kx_type_of_letter(int letter);
 VIDORA_API int kx_letter_of_type(uint8_t frame_type);
 

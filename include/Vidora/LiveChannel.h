@@ -37,7 +37,7 @@ public:
     // `channel_name`: at most 255 characters are kept. `notify_id`: the handler that gets the channel's messages, 0 for
     // none. `transf_type`: how it sends to multicast destinations.
     int Init(const char* channel_name, long notify_id, transf_type_t transf_type);
-    // Gives the channel its source, which has been through Init, and starts it; null takes it away. Returns the former
+    // Sets the channel's source, which has been through Init, and starts it; null takes it away. Returns the former
     // source, which is the caller's again and may be closed at once, or null. A channel that is closed, or has no
     // memory for it, returns `src` itself, which stays the caller's. `arg` is kept and read by nothing.
     //
@@ -49,7 +49,7 @@ public:
     CDataSource* AddDataSrc(CDataSource* src, uint64_t arg);
     // Adds a multicast destination: `dest_ip` is the group and the base port, `local_ip` an address or the name of the
     // interface to send from; null: by the system's routes. The interface need not be there yet, and may get another
-    // address later: each frame tries anew, and the log tells once when nothing can be sent, and when it goes on. RTP
+    // address later: each frame tries anew, and the log says once when nothing can be sent, and when it goes on. RTP
     // uses a pair of ports for each track that the SDP has by then, from the base port on: call it when the source has
     // told its format. For RTP the host also calls StartStreaming(PACKET_TYPE_RTP). -1 also if a track's ports would
     // pass 65535, or the configured range has none left to send from.
@@ -68,7 +68,7 @@ public:
 
     // The buffer that packets of that form go into; the channel's. Null for another type.
     CMediaBuffer* GetMediaBuffer(packet_type_t packet_type);
-    // Counts a client of that form in or out; the source gives frames while there is one. A start that failed, -1, is
+    // Counts a client of that form in or out; the source makes frames while there is one. A start that failed, -1, is
     // not counted, and a stop without a start does nothing, -1. -1 of StopStreaming also says that others are left.
     int StartStreaming(packet_type_t packet_type);
     int StopStreaming(packet_type_t packet_type);
@@ -108,8 +108,8 @@ private:
     ~CLiveChannel() override;
 
     void notify_session(unsigned int msg);
-    // Of the registry: takes it into a table, with a source that the registry has from now on; -1 if it stands in one
-    // already, or is closed. And takes it off, with both closed or as they were.
+    // Of the registry: takes it into a table, with a source that the registry has from now on; -1 if it is stored in
+    // one already, or is closed. And takes it off, with both closed or as they were.
     int publish(long registry_id, CDataSource* src);
     void unpublish(bool closes);
     bool is_kept(const CDataSource* src);

@@ -33,8 +33,8 @@ public:
     // parameter where a channel sent it; 0 for none.
     static CLiveSvr* Create(long notify_id);
 
-    // Publishes `channel` as `channel_name`. A name that stands already is not refused: the first one is found. A
-    // channel that stands in a table already, of this registry or another, is refused, -1, and so is one that was
+    // Publishes `channel` as `channel_name`. A name that is in use already is not refused: the first one is found. A
+    // channel that is in a table already, of this registry or another, is refused, -1, and so is one that was
     // closed; channel and source stay the caller's then.
     int AddLiveChannel(const char* channel_name, CLiveChannel* channel, CDataSource* src);
     // Takes the first channel of exactly that name and parameters away; its sessions end.

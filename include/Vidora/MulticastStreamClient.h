@@ -17,7 +17,7 @@ enum ClientType {
     ClientType_TS = 2    // packets of a transport stream of 188 bytes each (ISO 13818-1), without RTP
 };
 
-// What a client for RTP has to know of a track, since no description tells.
+// What a client for RTP has to know of a track, since there is no description.
 struct multicast_track_info_t {
     int32_t encode = 0;  // enc_type_t, 1 to 6: up to 3 the track is video, of payload type 96; from 4 on audio, of 8
     int32_t sample_rate = 0;  // audio, in hertz: a rate of kx_sample_rate; any other counts as 8000

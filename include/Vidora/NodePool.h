@@ -49,7 +49,7 @@ public:
         return nullptr;
     }
 
-    // Gives a node of this pool back.
+    // Returns a node to this pool.
     void Put(void* node) {
         if (!OSTRA_ASSERT(node)) {
             return;

@@ -10,7 +10,7 @@ namespace Vidora {
 
 // CP2PClientSession: pulls a stream through NATs: the RTSP conversation (RFC 2326) and the RTP packets (RFC 3550) share
 // one UDP socket, for which the host has opened the way to the server, by whatever rendezvous both have. It is used as
-// CRtspClientSession is, whose header tells the messages, codes and failures.
+// CRtspClientSession is, whose header lists the messages, codes and failures.
 //
 //     CP2PClientSession* session = CP2PClientSession::Create();
 //     session->Start("rtsp://192.0.2.7:40000/Live/Channel=1", GetID(), sock);  // this handler gets the notifications

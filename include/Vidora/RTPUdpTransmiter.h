@@ -51,7 +51,7 @@ public:
 
     // What a description is for.
     enum SDP_TYPE { SDP_TYPE_SEND = 0, SDP_TYPE_RECV = 1 };
-    // Whom SetRemote tells the address.
+    // Whom SetRemote sets the address of.
     enum remote_mode_t { REMOTE_SEND = 0, REMOTE_RECV = 1, REMOTE_BOTH = 2 };
 
     // A transmitter; null if memory is short.
@@ -66,9 +66,9 @@ protected:
     virtual ~IRTPUdpTransmiter();
 
 public:
-    // Ends it: gives the socket up, so that no callback starts and nothing is sent any more, and frees the object.
+    // Ends it: releases the socket, so that no callback starts and nothing is sent any more, and frees the object.
     virtual void Close();
-    // Tells the track of a direction: the first medium of `sdp`, audio (any payload name: G.711, ...) or video (H264,
+    // Sets the track of a direction: the first medium of `sdp`, audio (any payload name: G.711, ...) or video (H264,
     // MPEG4, MP4V-ES, JPEG, MP2T). Its addresses and ports are not used. A running direction goes on with it: packets
     // keep their numbers and SSRC; a frame that is half received is dropped. False, with a log line and nothing
     // changed: null, no such direction, no medium, or one that can't be sent or received.
@@ -76,7 +76,7 @@ public:
     // Uses the UDP socket `fd`, IPv4 or IPv6, bound as the host likes, which becomes non-blocking and close-on-exec. A
     // former one is given up as by Detach. False, with nothing changed, if it is no UDP socket.
     virtual bool Attach(int fd);
-    // Tells the remote's numeric address and port (1 to 65535): to the sending direction, which sends there; to the
+    // Sets the remote's numeric address and port (1 to 65535): to the sending direction, which sends there; to the
     // receiving one, which then drops what others send; or to both. When receiving, an empty `ip` and a `port` of -1
     // stand for any; without SetRemote anyone may send. False, with nothing changed: null, no address, another port,
     // or no remote_mode_t.
@@ -86,11 +86,11 @@ public:
     // then goes on), or no thread pool.
     virtual bool StartRecv(frame_proc_t proc);
     // Sends a frame, bare (H.264 with start codes) or in the private format, as packets of at most an Ethernet frame;
-    // its time stamp in milliseconds gives that of the packets. It returns when all are with the system: true. False,
+    // its time stamp in milliseconds becomes that of the packets. It returns when all are with the system: true. False,
     // with a log line once a second at most: the frame doesn't suit the track, there is no socket or no remote, or the
     // socket had no room for all of them; the rest of the frame is then lost.
     virtual bool Put(const Flumen::CMediaFrame& frame);
-    // Ends receiving and gives the socket back, non-blocking; -1 if there is none.
+    // Ends receiving and returns the socket, non-blocking; -1 if there is none.
     virtual int Detach();
     // What was received.
     virtual void GetStatistics(RtpUdpStatistics& statistics);

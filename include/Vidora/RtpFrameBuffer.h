@@ -19,7 +19,7 @@ using Tramel::CMediaPacket;
 class CSdpInfo;
 class CRtpFrameBufferCore;
 
-// What CRtpFrameBuffer::GetStatis tells of one kind of track.
+// What CRtpFrameBuffer::GetStatis reports of one kind of track.
 struct TFrameBufferStatis {
     int32_t packet_type = 0;  // packet_type_t of the session
     uint64_t received = 0;    // packets (private kind: frames) that followed the one before
@@ -27,9 +27,9 @@ struct TFrameBufferStatis {
     uint64_t bit_rate = 0;    // bits a second of the frames put out, rounded
 };
 
-// CRtpFrameBuffer: makes whole frames of the packets that a client session receives. It stands between the session's
+// CRtpFrameBuffer: makes whole frames of the packets that a client session receives. It lies between the session's
 // CMediaBuffer and its user: RTP packets behind interleave headers (RFC 2326 10.12) or private frames go in, frames
-// come out. It finds out the frame rate if nobody tells it, and repairs time stamps so that audio and video stay
+// come out. It finds out the frame rate if nobody sets it, and repairs time stamps so that audio and video stay
 // together.
 //
 //     CRtpFrameBuffer buffer;
@@ -57,8 +57,8 @@ public:
     int Init(CSdpInfo* sdp, int reserved1, int reserved2);
     // Takes the first `length` bytes of `packet`: one RTP packet behind its interleave header, or a run of them that
     // belong to one frame; for the private kind a frame, or its 6-byte header, which is dropped. The packet is lent for
-    // the call. 1: a frame is ready, call Get until it gives an empty one. 0: taken. -1: refused; a block for a channel
-    // that the description doesn't have, or one that isn't media; what was taken before stays.
+    // the call. 1: a frame is ready, call Get until it returns an empty one. 0: taken. -1: refused; a block for a
+    // channel that the description doesn't have, or one that isn't media; what was taken before stays.
     int Put(CMediaPacket* packet, int length);
     // The next frame, or an empty one. A private frame of mode 0 begins with the header of KXFrame.h; the facts of the
     // frame (type, sequence, time stamp, channel) are set in any case, except for a private session in mode 1.

@@ -12,7 +12,7 @@ namespace Vidora {
 
 using Tramel::CLevel2Buffer_IF;
 
-// CRtspClientBuffer: a sink of a client session's media buffer that gives whole frames to a host.
+// CRtspClientBuffer: a sink of a client session's media buffer that hands whole frames to a host.
 //
 //     CRtspClientBuffer sink(on_frame, on_error, user);
 //     sink.GetFrameBuffer().Init(session->GetSdpInfo(), 0, 0);      // after message 0x1002

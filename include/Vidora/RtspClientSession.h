@@ -23,7 +23,7 @@ enum rtsp_client_option_t {
 // Notifications of a session: handle_message(id of the session, one of these, param) at the host's handler. `param` is
 // 0 unless told.
 enum rtsp_client_message_t {
-    MSG_RTSP_SETUP_READY = 0x1002,     // the tracks are set up: Play may be called, GetSdpInfo gives the description
+    MSG_RTSP_SETUP_READY = 0x1002,     // the tracks are set up: Play may be called, GetSdpInfo returns the description
     MSG_RTSP_PLAY_READY = 0x1004,      // PLAY is answered
     MSG_RTSP_PAUSE_READY = 0x1008,     // PAUSE is answered
     MSG_RTSP_TEARDOWN = 0x1010,        // the session is over: the last notification. `param` is a rtsp_client_code_t
@@ -31,7 +31,7 @@ enum rtsp_client_message_t {
                                        // `param`, a request of SendExtMsg was refused or could not be sent
 };
 
-// How a session ended. A reply with an error status gives RTSP_CLIENT_CODE_STATUS plus that status: 0x10090191 is 401,
+// How a session ended. A reply with an error status is RTSP_CLIENT_CODE_STATUS plus that status: 0x10090191 is 401,
 // when the user and password were refused, 0x10090194 is 404.
 enum rtsp_client_code_t {
     RTSP_CLIENT_CODE_ENDED = 0,                // the server ended the stream
@@ -80,9 +80,9 @@ struct RtspClientStatistics {
 // A session is started once. It always ends by Close, also after MSG_RTSP_TEARDOWN and after a Start that failed, and
 // is never deleted by the host.
 //
-// The results 0 and -1 of the operations tell whether a call was accepted. What comes of it is told by notifications:
-// any number of the others, then one MSG_RTSP_TEARDOWN, and none after that or after Close. A redirect after PLAY
-// brings MSG_RTSP_SETUP_READY again; the host then calls Play again.
+// The results 0 and -1 of the operations report whether a call was accepted. What comes of it is reported by
+// notifications: any number of the others, then one MSG_RTSP_TEARDOWN, and none after that or after Close. A redirect
+// after PLAY brings MSG_RTSP_SETUP_READY again; the host then calls Play again.
 //
 // THREADING  All operations: any thread, also inside the callbacks of sinks and inside handle_message, also with locks
 //            of the host's held: they post their work and return. Notifications come on the strand of the host's

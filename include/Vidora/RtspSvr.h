@@ -88,7 +88,7 @@ public:
     // that run go on. The address is free again shortly after. More than once does no harm.
     void Stop();
     // Ends all sessions of this server that run now, players and idle ones alike, as a broken connection would: each
-    // stops its media, lets go of its source and closes its connection, on its own strand. The server goes on; new
+    // stops its media, releases its source and closes its connection, on its own strand. The server goes on; new
     // sessions may begin unless it was stopped. Waits up to `wait_ms` milliseconds (0: not at all) until nothing is
     // left of them, but never on a thread of the pool, that is, in a callback, where it returns at once. How many of
     // those that were told to end, now or before, are left.

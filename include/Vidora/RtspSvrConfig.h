@@ -72,14 +72,14 @@ typedef void (*rtsp_event_func_t)(event_type_t event, void* data, int length);
 
 // CRtspSvrConfig: the host's settings and callbacks.
 //
-// The host fills one and gives it to the server and to live channels, which copy it down to every session. A change
+// The host fills one and hands it to the server and to live channels, which copy it down to every session. A change
 // reaches only the sessions that start later.
 //
 // THREADING  A value without a lock: one thread at a time. The callbacks run on the library's threads, several at once.
 class VIDORA_API CRtspSvrConfig {
 public:
     // Defaults: ports 20000 to 40000, no authentication, no marking, time-out 60 seconds, no callbacks. If memory is
-    // short the object has no record: then SetConfig and GetConfig give -1, and the readers give the defaults.
+    // short the object has no record: then SetConfig and GetConfig return -1, and the readers the defaults.
     CRtspSvrConfig();
     ~CRtspSvrConfig();
     CRtspSvrConfig(const CRtspSvrConfig& other);
@@ -95,7 +95,7 @@ public:
     int GetConfig(rtsp_svr_config_t item, void* value, int& len) const;
 
     // The same items by their types. 0, or -1 with no change for a value out of the range that the item's line above
-    // names, whatever stands, or if memory was short. A null function takes the former one away.
+    // names, whatever is stored, or if memory was short. A null function takes the former one away.
     int SetAuthType(rtsp_auth_t type);
     int SetHttpAuthType(rtsp_auth_t type);
     int SetDscp(int dscp);

@@ -52,7 +52,7 @@ const unsigned int AUTH_TEXT_SIZE = 128;
 // THREADING  No lock: an object, and all objects that share its state, belong to one thread at a time.
 // OWNERSHIP  Texts and records that are handed out lie in the shared state: valid until the next call that fills them,
 //            or until the last object that shares the state dies.
-// Out of memory every operation gives its failure result.
+// Out of memory every operation returns its failure result.
 class VIDORA_API CRtspUrlParser {
 public:
     CRtspUrlParser();

@@ -20,7 +20,7 @@ struct sdp_info_data;
 // OWNERSHIP  Doesn't own the description, which must live longer.
 class VIDORA_API CSdpInfo {
 public:
-    // Without a description: every query gives -1 or null.
+    // Without a description: every query returns -1 or null.
     CSdpInfo();
     explicit CSdpInfo(CSdpParser* sdp);
     // Both share the contents of `other`, as with CRtspUrlParser.

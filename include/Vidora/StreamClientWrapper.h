@@ -6,8 +6,8 @@
 namespace Kavio {
 namespace Vidora {
 
-// The flat client layer: functions on a handle that play one stream through NATs (see CP2PClientSession) and give whole
-// frames to a callback.
+// The flat client layer: functions on a handle that play one stream through NATs (see CP2PClientSession) and deliver
+// whole frames to a callback.
 //
 //     stream_client_startup();
 //     stream_client* client = stream_client_create(&params, nullptr);
@@ -15,7 +15,7 @@ namespace Vidora {
 //     stream_client_destroy(client);
 //     stream_client_cleanup();
 //
-// All give 0, or -1 with a log line: a null argument, or what is told at each.
+// All return 0, or -1 with a log line: a null argument, or what each says.
 //
 // THREADING  stream_client_destroy ends the handle: nothing else may use it then or at the same time. The others: any
 //            thread, also inside the callbacks, stream_client_startup and stream_client_cleanup excepted. Callbacks

@@ -61,7 +61,7 @@ struct StreamAudioFormat {
 // (PTS_TYPE_MS, milliseconds) and setUtc (wall time in seconds) set, and setNewFormat(1) on the first frame of a new
 // format. The first time stamp of a stream is above 0, as 0 stands for none yet: a stream that begins at 0 has its
 // first two frames at one time. H.264 frames hold NAL units behind start codes of four bytes, 00 00 00 01, never three,
-// a key frame its parameter sets first, and one slice: what stands behind it is sent as a part of it. JPEG images are
+// a key frame its parameter sets first, and one slice: what follows it is sent as a part of it. JPEG images are
 // baseline 4:2:0 with the Huffman tables of ISO 10918-1 K.3 (RFC 2435); each is a key frame (FRAME_TYPE_I), as a frame
 // of FRAME_TYPE_JPEG counts as side data. B pictures are given in decoding order, with the time at which each one is
 // shown.
@@ -74,7 +74,7 @@ struct StreamAudioFormat {
 //            returns only when no callback runs any more, and so must not wait for a lock that the frame thread needs
 //            to end. No lock of a channel or registry is held over the operations: they may take their time, which
 //            holds up this source's own clients and nobody else, and may call channel and registry.
-// OWNERSHIP  The library owns the source from the factory on and gives it back with Close; handle_close then ends it,
+// OWNERSHIP  The library owns the source from the factory on and returns it with Close; handle_close then ends it,
 //            as with every CNetHandler (`delete this`).
 class VIDORA_API CStreamSource : public CNetHandler {
 public:
@@ -92,17 +92,17 @@ public:
     virtual void GetAudioFormat(StreamAudioFormat& format) = 0;
     virtual void GetVideoFormat(StreamVideoFormat& format) = 0;
     // Codec configuration into `buf` of `len` bytes: for H.264 the sequence and picture parameter sets, each behind
-    // 00 00 00 01; for MPEG-4 the headers up to the first VOP. Gives its whole size, which may be above `len`; 0 or
+    // 00 00 00 01; for MPEG-4 the headers up to the first VOP. Returns its whole size, which may be above `len`; 0 or
     // less for none, without which streams of these two codecs can't be described.
     virtual int GetVideoSpecificInfo(char* buf, int len) = 0;
     // Asks for the stream information anew, upon which MSG_STREAM_INFO follows. Non-zero on failure.
     virtual int UpdataStreamInfo(long arg) = 0;
-    // Begins to give frames to `proc`. False on failure.
+    // Begins to hand frames to `proc`. False on failure.
     virtual bool Start(frame_proc_t proc) = 0;
     // Ends it; `proc` equals the one given to Start. No call of it runs or starts after the return.
     virtual bool Stop(frame_proc_t proc) = 0;
 
-    // Of files and tokens. All are optional; the base gives false.
+    // Of files and tokens. All are optional; the base returns false.
     virtual bool Pause();
     virtual bool Resume();
     // Play rate: 1.0 real time, below 0 backwards, never 0.

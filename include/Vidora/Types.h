@@ -63,7 +63,7 @@ enum stream_proto_t {
     STREAM_PROTO_ONVIF = 2
 };
 
-// What GetSdp of a source or channel tells of its description.
+// What GetSdp of a source or channel reports of its description.
 enum sdp_result_t {
     SDP_FAILED = -1,  // there is none
     SDP_UNICAST = 0,
@@ -87,7 +87,7 @@ enum enc_type_t {
     ENC_TYPE_MP3 = 9
 };
 
-// Letters of the frame types, as Flumen::CMediaFrame::getType gives them.
+// Letters of the frame types, as Flumen::CMediaFrame::getType returns them.
 enum frame_type_t {
     FRAME_TYPE_I = 'I',      // video key frame
     FRAME_TYPE_P = 'P',      // predicted video frame

@@ -23,7 +23,7 @@ public:
     // Invalid if `size` is 0 or memory is short.
     explicit CMediaFrame(unsigned int size);
 
-    // All getters give 0, and all setters do nothing, on an invalid frame.
+    // All getters return 0, and all setters do nothing, on an invalid frame.
 
     // Frame type letter: 'I', 'P', 'B' video, 'J' JPEG, 'A' audio, 'W' assist frame.
     int getType() const;
@@ -39,7 +39,7 @@ public:
     // Wall time in seconds since the epoch, to the millisecond.
     double getUtc() const;
     void setUtc(double seconds);
-    // Time stamps; for PTS_TYPE_MS in milliseconds. A type above 5 gives 0 and is ignored on writing.
+    // Time stamps; for PTS_TYPE_MS in milliseconds. A type above 5 reads as 0 and is ignored on writing.
     uint64_t getPts(PtsType type) const;
     void setPts(uint64_t pts, PtsType type);
 };

@@ -7,7 +7,7 @@
 namespace Kavio {
 namespace Ostra {
 
-// CBitReader: bounded reading of bits, the most significant first. Failure is sticky and gives 0, as in CByteReader.
+// CBitReader: bounded reading of bits, the most significant first. Failure is sticky and reads as 0, as in CByteReader.
 class CBitReader {
 public:
     CBitReader(const void* data, size_t size)

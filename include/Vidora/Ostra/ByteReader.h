@@ -10,9 +10,9 @@ namespace Ostra {
 
 // CByteReader: bounded reading of a byte string that it doesn't own.
 //
-// Failure is sticky: the first read that lacks bytes fails, moves nothing, and every later one fails as well and gives
-// 0 or null. So a parser reads from top to bottom like its format's diagram and asks Ok() once. Network order unless
-// the name says Le (little-endian).
+// Failure is sticky: the first read that lacks bytes fails, moves nothing, and every later one fails as well and
+// returns 0 or null. So a parser reads from top to bottom like its format's diagram and asks Ok() once. Network order
+// unless the name says Le (little-endian).
 class CByteReader {
 public:
     CByteReader(const void* data, size_t size)

@@ -49,7 +49,7 @@ public:
         return m_ok;
     }
 
-    // Steps over `length` bytes to be filled later, and gives their place; null if they don't fit or when only
+    // Steps over `length` bytes to be filled later, and returns their place; null if they don't fit or when only
     // counting.
     uint8_t* Reserve(size_t length) {
         if (!m_ok || length > Remaining()) {

@@ -14,7 +14,7 @@ VIDORA_API void LogInvalidFunctionCall(unsigned int type, const char* type_name)
 
 // TFunction: a copyable callback object that binds a member function to an object, or holds a plain function. It
 // allocates nothing and borrows the object, which must outlive the calls. Two objects that hold the same binding are
-// equal. Calling an empty one logs an error and gives a default value. A value, no lock: calls may run at once on
+// equal. Calling an empty one logs an error and returns a default value. A value, no lock: calls may run at once on
 // several threads as far as the bound function allows.
 template <typename R, typename... Args>
 class TFunction {

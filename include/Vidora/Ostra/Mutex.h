@@ -21,7 +21,7 @@ public:
         return true;
     }
 
-    // Gives one entry back. Always true. The caller must hold the mutex.
+    // Releases one entry. Always true. The caller must hold the mutex.
     bool leave() VIDORA_RELEASE() {
         m_mutex.unlock();
         return true;

@@ -35,7 +35,7 @@ public:
     // Sets the bytes in use. False, and no change, if invalid or `size` is above the capacity.
     bool resize(unsigned int size);
 
-    // Appends at size() as many of the `length` bytes as fit, and gives their number; 0 if invalid.
+    // Appends at size() as many of the `length` bytes as fit, and returns their number; 0 if invalid.
     unsigned int putBuffer(const void* data, unsigned int length);
 
     // The extra area, or null if there is none.

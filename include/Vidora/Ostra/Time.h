@@ -29,7 +29,7 @@ public:
     void getFields(int* year, int* month, int* day, int* hour, int* minute, int* second) const;
 
     // Writes the time in the form of strftime's `format` into `buffer` of `size` bytes, always NUL-terminated, and
-    // gives the length; 0 if it doesn't fit or an argument is null.
+    // returns the length; 0 if it doesn't fit or an argument is null.
     int format(char* buffer, const char* format, int size) const;
 
     // A result before the epoch is the zero time.

@@ -46,16 +46,16 @@ public:
 
     // Packets go out to the senders as they are put, without a polling step. Before it, only level-2 sinks get them.
     void EnableAutoSend();
-    // Gives the first `length` bytes of `packet` to every sender and every level-2 sink. `flag`: 1, or 0 for a header
+    // Hands the first `length` bytes of `packet` to every sender and every level-2 sink. `flag`: 1, or 0 for a header
     // whose frame is the next put, whatever flag that has. `channel`: bits 0 to 7 are 1 for a key frame, 5 for a frame
     // that may be skipped, 0 otherwise; bits 24 to 31 are the track. 0, or -1 for a null packet, a length below 1, or
     // no memory.
     int Put(CMediaPacket* packet, int length, int flag, int channel);
-    // Gives a side packet to the send procedures of all senders that don't drop the packet that is put next. 0, or -1
+    // Hands a side packet to the send procedures of all senders that don't drop the packet that is put next. 0, or -1
     // for a null packet, a length below 1, or four side packets that wait for their packet already.
     int PutFrameInfo(CMediaPacket* packet, int length);
 
-    // A sink stands at most once; null is ignored.
+    // A sink is stored at most once; null is ignored.
     void AddSender(CMediaStreamSender* sender);
     void DelSender(CMediaStreamSender* sender);
     void AddLevel2Buffer(CLevel2Buffer_IF* buffer);
@@ -70,7 +70,7 @@ private:
     std::shared_ptr<CImpl> m_impl;  // null if memory was short
 };
 
-// CMediaBufferRef: what a source keeps of the buffer that it fills. The buffer may die before its source lets go of it:
+// CMediaBufferRef: what a source keeps of the buffer that it fills. The buffer may die before its source releases it:
 // what is put from then on reaches nobody.
 //
 // THREADING  A value: an object is used by one thread at a time. Put and PutFrameInfo as those of the buffer.

@@ -78,8 +78,8 @@ protected:
     // One that runs just now on another thread is not waited for. 0, or -1 if it isn't registered.
     int RemoveSock(CSock& sock);
 
-    // Starts a timer of `period_us` microseconds that fires until DestroyTimer, and gives its identifier, above 0; 0 on
-    // failure (period below 1, closed handler, no pool).
+    // Starts a timer of `period_us` microseconds that fires until DestroyTimer, and returns its identifier, above 0; 0
+    // on failure (period below 1, closed handler, no pool).
     long SetTimer(int64_t period_us);
     void DestroyTimer(long timer_id);
 

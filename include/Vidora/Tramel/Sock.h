@@ -21,7 +21,7 @@ public:
 
     // Takes `fd` over; a former descriptor is closed. 0, or -1 if `fd` is no open descriptor (it is then not owned).
     int Attach(int fd);
-    // Gives the descriptor away, or -1. Whoever watches it takes it out of the reactor first.
+    // Releases the descriptor and returns it, or -1. Whoever watches it takes it out of the reactor first.
     int Detach();
     // The descriptor, or -1.
     int GetHandle() const { return m_fd; }
