@@ -117,9 +117,9 @@ void CRtpUdpSender::report_failure_locked(const Slot& slot, int error) {
         return;
     }
     char ip[64];
-    const char* road = m_interface.Text()[0] == '\0' ? "the system's routes" : m_interface.Text();
+    const char* path = m_interface.Text()[0] == '\0' ? "the system's routes" : m_interface.Text();
     logError("%s:%d nothing can be sent to %s port %d by %s: %s\n", __FILE__, __LINE__,
-             m_remote.GetIpStr(ip, sizeof(ip)), slot.remote_port, road, std::strerror(error));
+             m_remote.GetIpStr(ip, sizeof(ip)), slot.remote_port, path, std::strerror(error));
 }
 
 void CRtpUdpSender::report_success_locked(const Slot& slot) {

@@ -57,12 +57,12 @@ void CSvrConversation::Welcome(const CSockAddrStorage& peer) {
     m_peer = peer;
     m_welcomed = true;
     m_frames.SetPeer(peer);
-    give_address_event(EVENT_CLIENT_CONNECTED);
+    report_address(EVENT_CLIENT_CONNECTED);
 }
 
 void CSvrConversation::Farewell() {
     if (m_welcomed) {
-        give_address_event(EVENT_CLIENT_DISCONNECTED);
+        report_address(EVENT_CLIENT_DISCONNECTED);
     }
 }
 
@@ -302,7 +302,7 @@ int CSvrConversation::take_own_message(unsigned int msg, long param) {
         case MSG_SESSION_AUTH:
             return m_gate.TakeAnswer(), 0;
         case MSG_SESSION_LOST:
-            return give_lost_events(), 0;
+            return report_losses(), 0;
         case MSG_SESSION_END:
             say_bye();
             return End(static_cast<unsigned int>(param)), 0;
@@ -355,7 +355,7 @@ int CSvrConversation::on_source_end() {
 // change themselves. A DESCRIBE that waits for the description may have it now.
 int CSvrConversation::on_sdp_update() {
     if (m_sdp_wait.Runs()) {
-        return m_source.IsOpen() && !read_sdp() ? 0 : reply_describe();  // the tries are the timer's
+        return take_awaited_sdp();
     }
     // A source that becomes ready reports that as an update as well. It may overtake the DESCRIBE that has just been
     // answered with this very description. Later on not even an equal one says that the pictures are as before.
@@ -366,24 +366,30 @@ int CSvrConversation::on_sdp_update() {
     return 0;
 }
 
-void CSvrConversation::give_address_event(event_type_t event) {
-    const rtsp_event_func_t tell = m_config.GetEventFunc();
-    if (tell == nullptr) {
+// A source that has no description yet is asked again by the timer.
+int CSvrConversation::take_awaited_sdp() {
+    const bool has_sdp = !m_source.IsOpen() || read_sdp();
+    return has_sdp ? reply_describe() : 0;
+}
+
+void CSvrConversation::report_address(event_type_t event) {
+    const rtsp_event_func_t report = m_config.GetEventFunc();
+    if (report == nullptr) {
         return;
     }
     char text[64];
     m_peer.GetIpStr(text, sizeof(text));
-    tell(event, text, static_cast<int>(strlen(text)));
+    report(event, text, static_cast<int>(strlen(text)));
 }
 
 // One event for each gap.
-void CSvrConversation::give_lost_events() {
-    const rtsp_event_func_t tell = m_config.GetEventFunc();
+void CSvrConversation::report_losses() {
+    const rtsp_event_func_t report = m_config.GetEventFunc();
     char peer[64];
     m_peer.GetIpStr(peer, sizeof(peer));
     LostPacketEvent record = {peer, m_peer.GetPort(), m_source.Channel(), m_source.Subtype(), m_link.HandlerId()};
-    for (unsigned int count = m_frames.TakeLosses(); count > 0 && tell != nullptr; --count) {
-        tell(EVENT_LOST_PACKET, &record, static_cast<int>(sizeof(record)));
+    for (unsigned int count = m_frames.TakeLosses(); count > 0 && report != nullptr; --count) {
+        report(EVENT_LOST_PACKET, &record, static_cast<int>(sizeof(record)));
     }
 }
 

@@ -73,7 +73,7 @@ int main(int argc, char** argv) {
     }
     CNetThread::CreateThreadPool(4, false);
     CRtspSvrConfig config;
-    config.SetConfig(RTSP_SVR_CONFIG_SRC_FUNC, reinterpret_cast<const void*>(&make_source), sizeof(&make_source));
+    config.SetSrcFunc(&make_source);
     CLiveSvr* live = CLiveSvr::Create(0);
     const char* content = "cam/realmonitor?channel=1&subtype=0";
     CDataSource* source = CDataSource::Create(content);

@@ -66,7 +66,7 @@ int CClientConversation::SendExtMsg(const client_request& request, char* out, in
     const auto send = [this, request, slot] {
         if (send_application(request, slot) < 0) {
             m_slots.Drop(slot);
-            tell_request_failure(RTSP_CLIENT_CODE_CONNECTION);
+            report_request_failure(RTSP_CLIENT_CODE_CONNECTION);
         }
     };
     if (m_work.Put(send, request.body.size()) < 0) {
@@ -76,7 +76,7 @@ int CClientConversation::SendExtMsg(const client_request& request, char* out, in
     return 0;
 }
 
-void CClientConversation::tell_request_failure(long code) {
+void CClientConversation::report_request_failure(long code) {
     if (!IsEnded()) {
         m_handler.Notify(m_owner_id, MSG_RTSP_PARAMETER_REPLY, code);
     }

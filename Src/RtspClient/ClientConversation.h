@@ -141,7 +141,7 @@ private:
     int send_setup(client_track& track);
     int send_play();
     int send_application(const client_request& request, int slot);
-    void tell_request_failure(long code);
+    void report_request_failure(long code);
     void send_teardown();
     int begin_conversation();
     int transmit(const char* text, rtsp_method_t method);

@@ -193,7 +193,7 @@ void CClientConversation::take_refusal(const pending_request& request, int statu
             break;
         case REQUEST_APPLICATION:
             m_slots.DropCSeq(request.cseq);
-            tell_request_failure(code);
+            report_request_failure(code);
             break;
         default:
             if (request.method == RTSP_METHOD_SETUP && status != STATUS_UNAUTHORIZED) {
@@ -284,7 +284,7 @@ void CClientConversation::take_success(const pending_request& request, const cha
     if (request.kind == REQUEST_MAIN) {
         Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);
     } else if (request.kind == REQUEST_APPLICATION) {
-        tell_request_failure(RTSP_CLIENT_CODE_PROTOCOL);
+        report_request_failure(RTSP_CLIENT_CODE_PROTOCOL);
     }
 }
 

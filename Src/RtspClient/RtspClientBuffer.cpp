@@ -29,12 +29,12 @@ int CRtspClientBuffer::Put(CMediaPacket* packet, int length, int, int) {
         report_error();
     }
     if (result == 1) {
-        give_frames();
+        deliver_frames();
     }
     return 0;
 }
 
-void CRtspClientBuffer::give_frames() {
+void CRtspClientBuffer::deliver_frames() {
     for (Flumen::CMediaFrame frame = m_frame_buffer.Get(); frame.valid(); frame = m_frame_buffer.Get()) {
         if (m_on_frame != nullptr && !m_stopped.load()) {
             m_on_frame(frame.getBuffer(), frame.size(), m_user);

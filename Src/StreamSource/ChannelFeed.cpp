@@ -206,13 +206,13 @@ void CChannelFeed::describe(CDataSource& source) {
         sdp->GetStream();  // a copy is made of the text
     }
     CGuard guard(m_mutex);
-    bool tells = m_told;
+    bool reports = m_told;
     if (sdp != nullptr && !m_former.empty()) {  // the clients know the description of the former source
-        tells = m_former != behind_origin(*sdp);
+        reports = m_former != behind_origin(*sdp);
         m_former.clear();
     }
     m_sdp.swap(sdp);
-    if (tells) {
+    if (reports) {
         Tramel::CReactor::Instance().Post(m_channel_id, m_channel_id, MSG_CHANNEL_DESCRIBED, 0);
     }
     m_told = false;

@@ -85,7 +85,7 @@ int CKXDataSrc::handle_message(long, unsigned int msg, long) {
             break;
         case MSG_STREAM_INFO:
         case MSG_SDP_UPDATE:
-            m_to_tell |= msg == MSG_SDP_UPDATE ? DESCRIBED_UPDATE : DESCRIBED_READY;
+            m_to_report |= msg == MSG_SDP_UPDATE ? DESCRIBED_UPDATE : DESCRIBED_READY;
             run(m_describe_job);
             break;
         default:
@@ -97,7 +97,7 @@ int CKXDataSrc::handle_message(long, unsigned int msg, long) {
 
 // Messages that came while the source was busy are answered by one description.
 void CKXDataSrc::describe() {
-    const unsigned int to_tell = m_to_tell.exchange(0);
+    const unsigned int to_report = m_to_report.exchange(0);
     if (m_closed) {
         return;
     }
@@ -105,10 +105,10 @@ void CKXDataSrc::describe() {
         notify_all(MSG_SRC_FAIL);
         return;
     }
-    if ((to_tell & DESCRIBED_READY) != 0) {
+    if ((to_report & DESCRIBED_READY) != 0) {
         notify_all(MSG_SRC_READY);
     }
-    if ((to_tell & DESCRIBED_UPDATE) != 0) {
+    if ((to_report & DESCRIBED_UPDATE) != 0) {
         notify_all(MSG_SDP_UPDATE);
     }
 }

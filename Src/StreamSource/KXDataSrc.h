@@ -76,7 +76,7 @@ private:
     std::shared_ptr<CSourceJob> m_end_job;
 
     std::atomic<bool> m_closed{false};
-    std::atomic<unsigned int> m_to_tell{0};  // described_t
+    std::atomic<unsigned int> m_to_report{0};  // described_t
 
     CMutex m_recvr_mutex;
     CKXDataReceiver* m_recvr VIDORA_GUARDED_BY(m_recvr_mutex) = nullptr;  // closed, not deleted, by this class

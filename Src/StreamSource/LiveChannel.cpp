@@ -237,7 +237,7 @@ void CLiveChannel::hold() {
     ++m_internal->m_holds;
 }
 
-void CLiveChannel::let_go() {
+void CLiveChannel::release() {
     CGuard guard(m_internal->m_ref_mutex);
     --m_internal->m_holds;
     const bool last = m_internal->m_close_flag && m_internal->m_ref_cont <= 0 && m_internal->m_holds == 0;
@@ -302,7 +302,7 @@ void CLiveChannel::Close() {
             __FILE__, __LINE__, m_internal->m_channel_name.Get());
     }
     Internal::leave_source(feed, GetID());
-    let_go();
+    release();
 }
 
 // The buffers may be kept by a call that is still inside the source; sinks that never left are taken off.

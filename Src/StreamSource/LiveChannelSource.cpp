@@ -169,7 +169,7 @@ void CLiveChannel::unpublish(bool closes) {
     if (kept != nullptr && kept->Release(closes)) {
         leave_notify_list(kept, registry_id);
     }
-    let_go();
+    release();
 }
 
 bool CLiveChannel::is_kept(const CDataSource* src) {

@@ -73,7 +73,7 @@ public:
     }
     ~CFound() {
         if (m_channel != nullptr) {
-            m_channel->let_go();
+            m_channel->release();
         }
     }
     CFound(const CFound&) = delete;
@@ -394,7 +394,7 @@ void CLiveSvr::Close() {
 }
 
 int CLiveSvr::handle_close(CNetHandler*) {
-    let_go();
+    release();
     return -1;
 }
 
@@ -402,7 +402,7 @@ void CLiveSvr::keep() {
     m_internal->m_ref_count.fetch_add(1);
 }
 
-void CLiveSvr::let_go() {
+void CLiveSvr::release() {
     if (m_internal->m_ref_count.fetch_sub(1) == 1) {
         delete this;
     }

@@ -21,7 +21,7 @@ CLiveSvrRef& CLiveSvrRef::operator=(const CLiveSvrRef& other) {
 
 CLiveSvrRef::~CLiveSvrRef() {
     if (m_live_svr != nullptr) {
-        m_live_svr->let_go();
+        m_live_svr->release();
     }
 }
 

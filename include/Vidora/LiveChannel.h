@@ -117,7 +117,7 @@ private:
     bool has_entered(const void* sink);
     // Keeps the object allocated.
     void hold();
-    void let_go();
+    void release();
 
     Internal* m_internal;
 };

@@ -72,7 +72,7 @@ private:
     ~CLiveSvr() override;
 
     void keep();
-    void let_go();
+    void release();
 
     Internal* m_internal;
 };

@@ -48,7 +48,7 @@ public:
     int Put(CMediaPacket* packet, int length, int flag, int channel) override;
 
 private:
-    void give_frames();
+    void deliver_frames();
     void report_error();
 
     CRtpFrameBuffer m_frame_buffer;

@@ -60,20 +60,17 @@ void set_log_level(const std::string& name) {
 void fill_config(const Options& options, CRtspSvrConfig& config) {
     const RtpPortRange ports = {options.min_rtp_port, options.max_rtp_port};
     const rtsp_auth_t auth_type = options.users.empty() ? 0 : 1;
-    const OnvifUserGlobalConfig no_free_urls = {1};  // the users are asked for whatever the URL says
-    config.SetConfig(RTSP_SVR_CONFIG_RTP_PORT, &ports, sizeof(ports));
-    config.SetConfig(RTSP_SVR_CONFIG_TIMEOUT, &options.timeout_sec, sizeof(options.timeout_sec));
-    config.SetConfig(RTSP_SVR_CONFIG_DSCP, &options.dscp, sizeof(options.dscp));
-    config.SetConfig(RTSP_SVR_CONFIG_AUTH_TYPE, &auth_type, sizeof(auth_type));
-    config.SetConfig(RTSP_SVR_CONFIG_HTTP_AUTH_TYPE, &auth_type, sizeof(auth_type));
-    config.SetConfig(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, &no_free_urls, sizeof(no_free_urls));
+    config.SetRtpPort(ports);
+    config.SetTimeout(options.timeout_sec);
+    config.SetDscp(options.dscp);
+    config.SetAuthType(auth_type);
+    config.SetHttpAuthType(auth_type);
+    config.SetOnvifUserGlobal(true);  // the users are asked for whatever the URL says
     SetProxyRule(options.proxy_to);
-    config.SetConfig(RTSP_SVR_CONFIG_URL_FUNC, reinterpret_cast<const void*>(&RefuseOtherProxies),
-                     sizeof(&RefuseOtherProxies));
-    config.SetConfig(RTSP_SVR_CONFIG_SRC_FUNC, reinterpret_cast<const void*>(&make_source), sizeof(&make_source));
-    config.SetConfig(RTSP_SVR_CONFIG_AUTH_FUNC, reinterpret_cast<const void*>(&make_auth_module),
-                     sizeof(&make_auth_module));
-    config.SetConfig(RTSP_SVR_CONFIG_EVENT_FUNC, reinterpret_cast<const void*>(&on_event), sizeof(&on_event));
+    config.SetUrlFunc(&RefuseOtherProxies);
+    config.SetSrcFunc(&make_source);
+    config.SetAuthFunc(&make_auth_module);
+    config.SetEventFunc(&on_event);
 }
 
 const MulticastOption* find_multicast(const Options& options, const std::string& content) {
