@@ -2,19 +2,20 @@
 
 #include <new>
 
+#include "Tramel/IpText.h"
+
 namespace Kavio {
 namespace Vidora {
 
 namespace {
 
-const int MAX_PORT = 65535;
 const size_t VIDEO_TRACK = 0;
 const size_t AUDIO_TRACK = 1;
 const int FIRST_ENCODE = ENC_TYPE_H264;
 const int LAST_ENCODE = ENC_TYPE_AUDIO;
 
 bool read_group(const char* ip, int port, CSockAddrIPv4& address) {
-    if (port > MAX_PORT || address.SetAddr(ip, static_cast<unsigned short>(port)) < 0) {
+    if (port > Tramel::MAX_PORT || address.SetAddr(ip, static_cast<unsigned short>(port)) < 0) {
         logError("%s:%d dest_addr.SetAddr error multicast_addr:%s multicast_port:%d \n", __FILE__, __LINE__, ip, port);
         return false;
     }

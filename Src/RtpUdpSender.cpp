@@ -313,7 +313,7 @@ int CRtpUdpSender::StartKeepAlive(long notify_id, int timeout_s) {
 void CRtpUdpSender::EnableTrack(int track) {
     CGuard guard(m_mutex);  // against other switches; Put reads the mask without it
     if (track < 0) {
-        m_track_mask = 0xff;
+        m_track_mask = ALL_TRACKS;
         return;
     }
     if (static_cast<unsigned>(track) >= TRACK_COUNT) {
@@ -321,7 +321,7 @@ void CRtpUdpSender::EnableTrack(int track) {
     }
     const unsigned bit = 1U << track;
     const unsigned mask = m_track_mask;
-    m_track_mask = static_cast<uint8_t>((mask == 0xff ? 0 : mask) | bit);
+    m_track_mask = static_cast<uint8_t>((mask == ALL_TRACKS ? 0 : mask) | bit);
 }
 
 void CRtpUdpSender::PauseTrack(int track) {
@@ -332,7 +332,7 @@ void CRtpUdpSender::PauseTrack(int track) {
 }
 
 void CRtpUdpSender::DisableTrack(int channel) {
-    if (!OSTRA_ASSERT(channel <= 7 && channel >= 0)) {
+    if (!OSTRA_ASSERT(channel <= MAX_SWITCH && channel >= 0)) {
         return;
     }
     CGuard guard(m_mutex);

@@ -110,9 +110,12 @@ private:
 
     bool passes(unsigned int track, bool is_key);
 
-    std::atomic<uint8_t> m_track_mask{0xff};  // bit n: track n may be sent
-    std::atomic<uint8_t> m_key_tracks{0};     // has had a key frame
-    std::atomic<uint8_t> m_rested{0};         // waits for a key frame since it was paused
+    static const uint8_t ALL_TRACKS = 0xff;  // until one is chosen
+    static const int MAX_SWITCH = 7;
+
+    std::atomic<uint8_t> m_track_mask{ALL_TRACKS};  // bit n: track n may be sent
+    std::atomic<uint8_t> m_key_tracks{0};           // has had a key frame
+    std::atomic<uint8_t> m_rested{0};               // waits for a key frame since it was paused
 
     CMutex m_mutex;
     std::unique_ptr<Slot[]> m_slots VIDORA_GUARDED_BY(m_mutex);

@@ -3,6 +3,7 @@
 #include <cstring>
 #include <new>
 
+#include "Tramel/IpText.h"
 #include "Vidora/Names.h"
 
 namespace Kavio {
@@ -14,7 +15,6 @@ const int DEFAULT_MIN_PORT = 20000;
 const int DEFAULT_MAX_PORT = 40000;
 const int DEFAULT_TIMEOUT_SEC = 60;
 const int MAX_DSCP = 63;  // RFC 2474 3: six bits
-const int MAX_PORT = 65535;
 
 }  // namespace
 
@@ -35,7 +35,7 @@ struct CRtspSvrConfig::Record {
     // Range tests of the typed setters, which look at the new value.
     static bool is_good(const RtpPortRange& range) {
         return range.min_local_port < range.max_local_port && range.min_local_port >= 1 &&
-               range.max_local_port <= MAX_PORT;
+               range.max_local_port <= Tramel::MAX_PORT;
     }
     static bool is_dscp(int dscp) { return dscp >= 0 && dscp <= MAX_DSCP; }
     static bool is_timeout(int seconds) { return seconds >= 0; }

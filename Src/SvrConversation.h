@@ -157,8 +157,9 @@ private:
     int on_source_ready();
     int on_source_end();
     int on_sdp_update();
-    void give_address_event(event_type_t event);
-    void give_lost_events();
+    int take_awaited_sdp();
+    void report_address(event_type_t event);
+    void report_losses();
     void say_bye();
     bool release(bool hears_end);
     void on_asyn_msg(const StateEvent& event);

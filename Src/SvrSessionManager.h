@@ -31,7 +31,6 @@ public:
 
     void SetLiveSvr(CLiveSvr* live_svr);
     void SetConfig(const CRtspSvrConfig& config);
-    // Address family of the listener: 1 IPv4, 2 IPv6.
 
     // The sessions made here; null if memory was short at construction.
     const std::shared_ptr<CSessionRoll>& Roll() const { return m_roll; }

@@ -9,6 +9,7 @@
 #include "Ostra/Counted.h"
 #include "Protocol/RtspUrlState.h"
 #include "Protocol/TextWriter.h"
+#include "Tramel/IpText.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -206,7 +207,7 @@ int CRtspUrlParser::GetConnection(int index, char* addr, unsigned int size, unsi
         return -1;
     }
     const CState::peer_t peer = m_state->peer(index);
-    if (!peer.has_addr || peer.port < 0 || peer.port > 65535) {
+    if (!peer.has_addr || peer.port < 0 || peer.port > Tramel::MAX_PORT) {
         return -1;
     }
     CTextWriter(addr, size).Add(static_cast<const char*>(peer.addr));
@@ -220,7 +221,7 @@ CSockAddrStorage CRtspUrlParser::GetAddr(int index) const {
         return address;
     }
     const CState::peer_t peer = m_state->peer(index);
-    if (peer.has_addr && peer.port >= 0 && peer.port <= 65535) {
+    if (peer.has_addr && peer.port >= 0 && peer.port <= Tramel::MAX_PORT) {
         address.SetAddr(peer.addr, static_cast<unsigned short>(peer.port));
     }
     return address;

@@ -7,6 +7,7 @@
 #include <string>
 
 #include "StreamParser/RandomDraw.h"
+#include "Tramel/IpText.h"
 #include "UdpSockPair.h"
 
 namespace Kavio {
@@ -17,7 +18,6 @@ namespace {
 const int FIRST_PORT = 20000;
 const int END_PORT = 40000;
 const int FIRST_USER_PORT = 1024;  // those below belong to the system's services
-const int LAST_PORT = 65535;
 
 std::shared_ptr<CUdpSockPair> make_pair() {
     try {
@@ -134,7 +134,7 @@ int JoinGroup(client_track& track, const transport_info& reply, const multicast_
     const int rtcp_port = reply.server_rtcp_port > 0 ? reply.server_rtcp_port : rtp_port + 1;
     track.rtp_sock = nullptr;
     track.rtcp_sock = nullptr;
-    if (!addr.IsMulticast() || rtp_port <= 0 || rtcp_port > LAST_PORT) {
+    if (!addr.IsMulticast() || rtp_port <= 0 || rtcp_port > Tramel::MAX_PORT) {
         logError("%s:%d open multicast failed\n", __FILE__, __LINE__);
         return -1;
     }

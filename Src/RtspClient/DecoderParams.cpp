@@ -11,6 +11,7 @@
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/Base64.h"
 #include "Vidora/Ostra/ByteWriter.h"
+#include "Vidora/StartCode.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -18,8 +19,6 @@ namespace Vidora {
 namespace {
 
 const int DEFAULT_FRAME_RATE = 25;
-const uint32_t START_CODE = 1;
-const size_t START_CODE_LEN = 4;
 const size_t MAX_SET_LEN = 2048;      // of one parameter set, decoded
 const size_t MAX_CONFIG_TEXT = 1023;  // of an MPEG-4 configuration
 const char CONFIG_ENDS[] = ",; \r\n";
@@ -154,14 +153,14 @@ void CDecoderParams::take_parameter_set(const char* text, size_t length) {
     std::memcpy(encoded, text, length);
     encoded[length] = '\0';
     const int size = Ostra::base64Decode(decoded, encoded);
-    if (size < 1 || static_cast<size_t>(size) > CONFIG_SIZE - START_CODE_LEN) {
+    if (size < 1 || static_cast<size_t>(size) > CONFIG_SIZE - START_CODE4_LEN) {
         return;
     }
     const int type = h264_nal_type(static_cast<unsigned char>(decoded[0]));
     Config* config = type == H264_NAL_SPS ? &m_config1 : type == H264_NAL_PPS ? &m_config2 : nullptr;
     if (config != nullptr) {
         CByteWriter writer(config->data, CONFIG_SIZE);
-        writer.WriteU32(START_CODE);
+        writer.WriteBytes(START_CODE4, START_CODE4_LEN);
         writer.WriteBytes(decoded, static_cast<size_t>(size));
         config->length = static_cast<int>(writer.Offset());
     }

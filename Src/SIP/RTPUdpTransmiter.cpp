@@ -2,16 +2,17 @@
 
 #include <new>
 
+#include "Tramel/IpText.h"
+
 namespace Kavio {
 namespace Vidora {
 
 namespace {
 
-const int MAX_PORT = 65535;
 const int ANY_PORT = -1;
 
 bool is_port(int port) {
-    return port > 0 && port <= MAX_PORT;
+    return port > 0 && port <= Tramel::MAX_PORT;
 }
 
 bool is_udp_sock(int fd) {

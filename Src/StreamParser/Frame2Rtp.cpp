@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <climits>
 
+#include "StreamParser/JpegTables.h"
 #include "StreamParser/PrintLevel.h"
 #include "StreamParser/RtpHeader.h"
 #include "Vidora/Ostra/ByteWriter.h"
@@ -101,7 +102,7 @@ inline CFrame2Rtp::FrameHead CFrame2Rtp::frame_head(const uint8_t* interleave) c
         head.dollar = interleave[0];
         head.channel = interleave[1];
     }
-    head.payload_type = m_payload_type & 0x7F;
+    head.payload_type = m_payload_type & RTP_PAYLOAD_TYPE_MASK;
     head.timestamp = timestamp();
     head.ssrc = m_ssrc;
     head.last = m_count - 1;
@@ -134,7 +135,7 @@ inline CFrame2Rtp::FrameHead CFrame2Rtp::frame_head(const uint8_t* interleave) c
         writer.WriteBytes(m_extension, sizeof(m_extension));
         if (extension > sizeof(m_extension)) {
             writer.PatchU16(start + 2, JPEG_EXTENSION_WORDS);
-            writer.WriteU16(0xFFD8);
+            writer.WriteU16(JPEG_MARKER | JPEG_SOI);
             writer.WriteU16(0x0002);
         }
     }

@@ -15,6 +15,8 @@ namespace Vidora {
 
 namespace {
 
+constexpr uint16_t RESERVED_AND_PID = 0xE000;
+constexpr uint16_t NO_DESCRIPTORS = 0xF000;  // reserved bits, and a length of 0
 constexpr int DEFAULT_PACKETS = 7;
 constexpr uint32_t TABLE_INTERVAL = 10;  // frames from one PAT and PMT to the next
 constexpr int PAT_PID = 0;
@@ -43,10 +45,10 @@ struct PacketHead {
 void write_packet_head(CByteWriter& writer, const PacketHead& head) {
     CByteWriter fixed(writer.Reserve(FIXED_LEN), FIXED_LEN);  // of constant size: checked once
     fixed.WriteU8(TS_SYNC_BYTE);
-    fixed.WriteU16(static_cast<uint16_t>((head.unit_start ? 0x4000 : 0) | head.pid));
-    fixed.WriteU8(static_cast<uint8_t>(0x30 | (head.continuity & 0x0F)));  // adaptation field and payload
+    fixed.WriteU16(static_cast<uint16_t>((head.unit_start ? TS_UNIT_START : 0) | head.pid));
+    fixed.WriteU8(static_cast<uint8_t>(TS_HAS_ADAPTATION | TS_HAS_PAYLOAD | (head.continuity & TS_CONTINUITY_MASK)));
     fixed.WriteU8(static_cast<uint8_t>(183 - head.payload_len));
-    fixed.WriteU8(head.has_pcr ? 0x10 : 0);
+    fixed.WriteU8(head.has_pcr ? TS_HAS_PCR : 0);
     uint32_t stuffing = MAX_PAYLOAD - head.payload_len;
     if (head.has_pcr) {
         // 33 bits of base, six reserved bits of 1, nine bits of extension (ISO 13818-1 2.4.3.4).
@@ -151,7 +153,7 @@ void CFrame2Ts::write_pat(CByteWriter& writer) const {
     CByteWriter section(bytes, sizeof(bytes));
     write_section_head(section, 0, 4 * m_table.program_count + 9, TRANSPORT_STREAM_ID);
     section.WriteU16(FIRST_PROGRAM);
-    section.WriteU16(static_cast<uint16_t>(0xE000 | m_table.pmt_pid));
+    section.WriteU16(static_cast<uint16_t>(RESERVED_AND_PID | m_table.pmt_pid));
     write_section(writer, PAT_PID, section);
 }
 
@@ -161,12 +163,12 @@ void CFrame2Ts::write_pmt(CByteWriter& writer) const {
     CByteWriter section(bytes, sizeof(bytes));
     const bool valid_pcr = m_table.pcr_track >= 0 && m_table.pcr_track < m_table.track_count;
     write_section_head(section, 2, 5 * m_table.track_count + 13, FIRST_PROGRAM);
-    section.WriteU16(static_cast<uint16_t>(0xE000 | m_table.tracks[valid_pcr ? m_table.pcr_track : 0].pid));
-    section.WriteU16(0xF000);  // no program descriptors
+    section.WriteU16(static_cast<uint16_t>(RESERVED_AND_PID | m_table.tracks[valid_pcr ? m_table.pcr_track : 0].pid));
+    section.WriteU16(NO_DESCRIPTORS);  // of the program
     for (int track = 0; track < m_table.track_count; ++track) {
         section.WriteU8(stream_type_of_kind(m_table.tracks[track].kind));
-        section.WriteU16(static_cast<uint16_t>(0xE000 | m_table.tracks[track].pid));
-        section.WriteU16(0xF000);  // no stream descriptors
+        section.WriteU16(static_cast<uint16_t>(RESERVED_AND_PID | m_table.tracks[track].pid));
+        section.WriteU16(NO_DESCRIPTORS);  // of the stream
     }
     write_section(writer, m_table.pmt_pid, section);
 }
@@ -195,7 +197,7 @@ void CFrame2Ts::write_media(CByteWriter& writer, const unsigned char* data, uint
         write_packet_head(writer, head);
         writer.WriteBytes(frame.ReadBytes(head.payload_len), head.payload_len);
     }
-    out.continuity &= 0x0F;
+    out.continuity &= TS_CONTINUITY_MASK;
 }
 
 int CFrame2Ts::GetPacketCount() {

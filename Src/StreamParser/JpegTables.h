@@ -10,6 +10,8 @@ namespace Vidora {
 constexpr size_t JPEG_TABLE_LEN = 64;
 constexpr size_t JPEG_HUFFMAN_LEN = 432;
 
+constexpr uint16_t JPEG_MARKER = 0xFF00;  // with one of these in the low byte
+
 // Markers, behind a byte 0xFF (ISO 10918-1 table B.1).
 enum jpeg_marker_t {
     JPEG_SOF0 = 0xC0,

@@ -3,6 +3,7 @@
 #include "StreamParser/TsTable.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteWriter.h"
+#include "Vidora/StartCode.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -35,7 +36,7 @@ uint8_t pes_stream_id(int kind, int track) {
 void pes_write_header(CByteWriter& writer, uint8_t stream_id, uint32_t payload_len, uint64_t clock) {
     // The packet length counts what follows it: two bytes of flags, the header length and the stamps.
     const uint64_t packet_len = uint64_t{payload_len} + 3 + STAMPS_LEN;
-    writer.WriteU24(0x000001);
+    writer.WriteU24(START_CODE3);
     writer.WriteU8(stream_id);
     writer.WriteU16(packet_len > 0xFFFF ? 0 : static_cast<uint16_t>(packet_len));
     writer.WriteU8(0x80);

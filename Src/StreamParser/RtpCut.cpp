@@ -11,8 +11,6 @@ namespace Vidora {
 
 namespace {
 
-constexpr size_t START_CODE_LEN = 4;
-constexpr size_t SHORT_START_CODE_LEN = 3;
 constexpr uint32_t FU_HEADER_LEN = 2;
 constexpr uint32_t FU_BODY_LEN = RTP_MAX_PAYLOAD - FU_HEADER_LEN;
 
@@ -63,7 +61,7 @@ bool is_slice(unsigned char header) {
 
 // The next start code with a NAL header byte behind it.
 size_t next_nal(const unsigned char* data, size_t len, size_t from) {
-    return len > START_CODE_LEN ? find_start_code4(data, len - 1, from) : NO_START_CODE;
+    return len > START_CODE4_LEN ? find_start_code4(data, len - 1, from) : NO_START_CODE;
 }
 
 bool cut_nals(const unsigned char* data, size_t len, CRtpPacketList& list) {
@@ -71,16 +69,16 @@ bool cut_nals(const unsigned char* data, size_t len, CRtpPacketList& list) {
     if (at == NO_START_CODE) {
         return true;
     }
-    if (is_slice(data[at + START_CODE_LEN])) {
+    if (is_slice(data[at + START_CODE4_LEN])) {
         // A frame that opens with its slice: all behind the first four bytes, wherever the start code was.
-        return append_nal(data + START_CODE_LEN, len - START_CODE_LEN, list);
+        return append_nal(data + START_CODE4_LEN, len - START_CODE4_LEN, list);
     }
-    size_t start = at + START_CODE_LEN;
+    size_t start = at + START_CODE4_LEN;
     while ((at = next_nal(data, len, start)) != NO_START_CODE) {
         if (!append_nal(data + start, at - start, list)) {
             return false;
         }
-        start = at + START_CODE_LEN;
+        start = at + START_CODE4_LEN;
         if (is_slice(data[start])) {
             break;
         }
@@ -109,7 +107,7 @@ int rtp_cut_nal_units(const unsigned char* data, uint32_t len, CRtpPacketList& l
     list.Clear();
     size_t code = find_start_code3(data, len);
     while (code != NO_START_CODE) {
-        const size_t start = code + SHORT_START_CODE_LEN;
+        const size_t start = code + START_CODE3_LEN;
         code = find_start_code3(data, len, start);
         size_t end = code == NO_START_CODE ? len : code;
         while (end > start && data[end - 1] == 0) {

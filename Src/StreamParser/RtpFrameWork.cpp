@@ -4,16 +4,15 @@
 
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/StartCode.h"
 
 namespace Kavio {
 namespace Vidora {
 
 namespace {
 
-const unsigned char START_CODE[] = {0, 0, 0, 1};
-
 bool has_start_code(CByteReader reader) {
-    return reader.ReadU32() == 0x00000001 && reader.Ok();
+    return reader.ReadU32() == START_CODE3 && reader.Ok();
 }
 
 }  // namespace
@@ -32,14 +31,14 @@ bool RtpCodecConfig::Set(const unsigned char* data, size_t size) {
 }
 
 bool RtpCodecConfig::SetH264(const RtpIov& sps, const RtpIov& pps) {
-    if (uint64_t{sps.len} + pps.len + 2 * sizeof(START_CODE) >= SIZE) {
+    if (uint64_t{sps.len} + pps.len + 2 * START_CODE4_LEN >= SIZE) {
         return false;
     }
     unsigned char both[SIZE];
     CByteWriter writer(both, SIZE);
     for (const RtpIov& set : {sps, pps}) {
         if (!has_start_code(CByteReader(set.data, set.len))) {
-            writer.WriteBytes(START_CODE, sizeof(START_CODE));
+            writer.WriteBytes(START_CODE4, START_CODE4_LEN);
         }
         writer.WriteBytes(set.data, set.len);
     }

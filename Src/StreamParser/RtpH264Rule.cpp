@@ -5,6 +5,7 @@
 #include "StreamParser/StartCodeScan.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteWriter.h"
+#include "Vidora/StartCode.h"
 #include "Vidora/Types.h"
 
 namespace Kavio {
@@ -12,8 +13,6 @@ namespace Vidora {
 
 namespace {
 
-const unsigned char START_CODE[] = {0, 0, 0, 1};
-constexpr uint32_t START_CODE_LEN = 4;
 constexpr int MAX_SINGLE_NAL = 23;
 constexpr uint32_t FU_HEADER_LEN = 2;    // indicator and header
 constexpr uint32_t SLICE_TYPE_LEN = 3;   // bytes behind the NAL header in which the slice type is looked for
@@ -28,7 +27,7 @@ struct FirstNal {
 };
 
 bool has_start_code(CByteReader reader) {
-    return reader.ReadU32() == 0x00000001 && reader.Ok();
+    return reader.ReadU32() == START_CODE3 && reader.Ok();
 }
 
 // A start code inside a payload: four bytes, or with 0x80 as its first byte, the way some senders damage
@@ -152,8 +151,8 @@ int CRtpH264Rule::place_node(RtpPacketNode& node) {
     }
     if (type != 0 || !has_start_code(payload)) {
         CByteWriter fixed(node.fixed, RtpPacketNode::FIXED_SIZE);
-        fixed.WriteBytes(START_CODE, START_CODE_LEN);
-        node.fixed_len = START_CODE_LEN;
+        fixed.WriteBytes(START_CODE4, START_CODE4_LEN);
+        node.fixed_len = START_CODE4_LEN;
     }
     node.body = node.raw;
     node.body_len = node.raw_len;
@@ -181,7 +180,7 @@ int CRtpH264Rule::place_stap_a(RtpPacketNode& node) {
         if (len == 0) {
             continue;
         }
-        if (++count > MAX_AGGREGATED || !node.AddIov(START_CODE, START_CODE_LEN) || !node.AddIov(nal, len)) {
+        if (++count > MAX_AGGREGATED || !node.AddIov(START_CODE4, START_CODE4_LEN) || !node.AddIov(nal, len)) {
             return ERROR_SHORT;
         }
         CByteReader unit(nal, len);
@@ -205,9 +204,9 @@ void CRtpH264Rule::place_fu_a(RtpPacketNode& node) {
     const RtpIov rest = {payload.Rest(), static_cast<uint32_t>(payload.Remaining())};
     if ((header & H264_FU_START) != 0) {
         CByteWriter fixed(node.fixed, RtpPacketNode::FIXED_SIZE);
-        fixed.WriteBytes(START_CODE, START_CODE_LEN);
+        fixed.WriteBytes(START_CODE4, START_CODE4_LEN);
         CByteReader inside = payload;
-        if (header == H264_FU_START && node.raw_len > 5 && inside.ReadU24() == 0x000001) {
+        if (header == H264_FU_START && node.raw_len > 5 && inside.ReadU24() == START_CODE3) {
             payload.Skip(3);  // a sender that fragments the byte stream itself: the fragment brings its start code
         } else {
             fixed.WriteU8(static_cast<uint8_t>((indicator & 0xE0) | type));

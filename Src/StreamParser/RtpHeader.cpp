@@ -14,7 +14,6 @@ constexpr uint8_t PADDING_BIT = 0x20;
 constexpr uint8_t EXTENSION_BIT = 0x10;
 constexpr uint8_t CSRC_COUNT_MASK = 0x0F;
 constexpr uint8_t MARKER_BIT = 0x80;
-constexpr uint8_t PAYLOAD_TYPE_MASK = 0x7F;
 constexpr size_t WORD_LEN = 4;
 constexpr size_t PROFILE_LEN = 2;  // what an extension begins with
 
@@ -40,7 +39,7 @@ bool rtp_parse_header(const unsigned char* data, size_t len, RtpHeader& header) 
     header.payload = nullptr;
     header.payload_len = 0;
     header.marker = (type & MARKER_BIT) != 0;
-    header.payload_type = type & PAYLOAD_TYPE_MASK;
+    header.payload_type = type & RTP_PAYLOAD_TYPE_MASK;
 
     reader.Skip((flags & CSRC_COUNT_MASK) * WORD_LEN);
     if ((flags & EXTENSION_BIT) != 0) {
@@ -61,7 +60,7 @@ int rtp_peek_payload_type(const unsigned char* data, size_t len) {
     CByteReader reader(data, len);
     const bool is_rtp = reader.ReadU8() >> VERSION_SHIFT == VERSION;
     const uint8_t type = reader.ReadU8();
-    return is_rtp && reader.Ok() ? type & PAYLOAD_TYPE_MASK : -1;
+    return is_rtp && reader.Ok() ? type & RTP_PAYLOAD_TYPE_MASK : -1;
 }
 
 }  // namespace Vidora

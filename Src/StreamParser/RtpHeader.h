@@ -8,6 +8,7 @@ namespace Kavio {
 namespace Vidora {
 
 constexpr int RTP_HEADER_LEN = 12;
+constexpr uint8_t RTP_PAYLOAD_TYPE_MASK = 0x7F;  // of the second byte
 
 // The header of a received RTP packet (RFC 3550 5.1).
 struct RtpHeader {

@@ -18,7 +18,7 @@ constexpr uint8_t Q_PER_FRAME = 255;  // the tables belong to this frame only
 constexpr uint16_t BLOCK = 8;         // sizes count in blocks of this many pixels
 
 void write_quantiser(CByteWriter& writer, uint8_t index, const uint8_t* table) {
-    writer.WriteU16(0xFF00 | JPEG_DQT);
+    writer.WriteU16(JPEG_MARKER | JPEG_DQT);
     writer.WriteU16(JPEG_TABLE_LEN + 3);
     writer.WriteU8(index);
     writer.WriteBytes(table, JPEG_TABLE_LEN);
@@ -32,7 +32,7 @@ void write_component(CByteWriter& writer, uint8_t id, uint8_t sampling, uint8_t 
 }
 
 void write_scan_header(CByteWriter& writer) {
-    writer.WriteU16(0xFF00 | JPEG_SOS);
+    writer.WriteU16(JPEG_MARKER | JPEG_SOS);
     writer.WriteU16(12);
     writer.WriteU8(3);
     writer.WriteU16(0x0100);  // component 1: tables 0
@@ -137,10 +137,10 @@ bool CRtpJpegRule::read_tables(CByteReader& payload, const Header& header) {
 // Makes the image's header in the configuration.
 bool CRtpJpegRule::write_image_header(const Header& header) {
     CByteWriter writer(m_work.config.bytes, RtpCodecConfig::SIZE);
-    writer.WriteU16(0xFF00 | JPEG_SOI);
+    writer.WriteU16(JPEG_MARKER | JPEG_SOI);
     write_quantiser(writer, 0, m_tables);
     write_quantiser(writer, 1, m_tables + JPEG_TABLE_LEN);
-    writer.WriteU16(0xFF00 | JPEG_SOF0);
+    writer.WriteU16(JPEG_MARKER | JPEG_SOF0);
     writer.WriteU16(17);
     writer.WriteU8(8);  // bits a sample
     writer.WriteU16(static_cast<uint16_t>(header.height * BLOCK));
@@ -151,7 +151,7 @@ bool CRtpJpegRule::write_image_header(const Header& header) {
     write_component(writer, 3, 0x11, 1);
     writer.WriteBytes(JPEG_HUFFMAN_SEGMENTS, JPEG_HUFFMAN_LEN);
     if (header.has_restart) {
-        writer.WriteU16(0xFF00 | JPEG_DRI);
+        writer.WriteU16(JPEG_MARKER | JPEG_DRI);
         writer.WriteU16(4);
         writer.WriteU16(header.restart_interval);
     }

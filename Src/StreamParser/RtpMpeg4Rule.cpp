@@ -4,6 +4,7 @@
 #include "Vidora/Mpeg4Parser.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/StartCode.h"
 #include "Vidora/Types.h"
 
 namespace Kavio {
@@ -11,7 +12,7 @@ namespace Vidora {
 
 // A frame begins with a start code; what goes on inside one has none in front, but for rare markers.
 bool CRtpMpeg4Rule::CanBegin(const RtpHeader& packet, bool joining) const {
-    return !joining || CByteReader(packet.payload, packet.payload_len).ReadU24() == 0x000001;
+    return !joining || CByteReader(packet.payload, packet.payload_len).ReadU24() == START_CODE3;
 }
 
 int CRtpMpeg4Rule::Make() {

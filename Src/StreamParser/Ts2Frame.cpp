@@ -10,6 +10,7 @@
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Ostra/ByteWriter.h"
+#include "Vidora/StartCode.h"
 #include "Vidora/Types.h"
 
 namespace Kavio {
@@ -218,7 +219,7 @@ void Ts2Frame::find_picture(uint32_t from) {
 // packet, and behind it what an H.264 frame doesn't begin with.
 uint32_t Ts2Frame::skip_pes_header(const unsigned char* payload, uint32_t len) {
     CByteReader reader(payload, len);
-    if (m_demux.packet.unit_start && reader.ReadU24() == 0x000001 && (reader.PeekU8() & 0x80) != 0) {
+    if (m_demux.packet.unit_start && reader.ReadU24() == START_CODE3 && (reader.PeekU8() & 0x80) != 0) {
         m_pes_skip = PES_FIXED_LEN + reader.PeekU8(PES_FIXED_LEN - 4);
     }
     if (m_pes_skip == 0) {

@@ -4,6 +4,7 @@
 
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/StartCode.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -18,6 +19,8 @@ constexpr size_t SECTION_LEN_END = 3;   // the section length counts from here
 constexpr size_t SECTION_HEAD_LEN = 8;  // what all sections have in common
 constexpr size_t PMT_HEAD_LEN = 12;     // taken as if there were no program descriptors
 constexpr size_t PMT_ENTRY_LEN = 5;
+constexpr size_t PAT_ENTRY_LEN = 4;
+constexpr size_t PROGRAM_NUMBER_LEN = 2;  // what an entry of the PAT begins with
 constexpr size_t CRC_LEN = 4;
 constexpr uint64_t TICKS_PER_MS = 90;
 
@@ -26,7 +29,7 @@ void read_adaptation(CByteReader& field, TsPacketInfo& info) {
     const uint8_t flags = field.ReadU8();
     const uint32_t high = field.ReadU32();
     const uint16_t low = field.ReadU16();
-    info.has_pcr = field.Ok() && (flags & 0x10) != 0;
+    info.has_pcr = field.Ok() && (flags & TS_HAS_PCR) != 0;
     info.pcr_base = uint64_t{high} << 1 | low >> 15;
 }
 
@@ -35,7 +38,7 @@ CByteReader read_section(CByteReader& payload, uint8_t table_id, Ostra::CLogGate
     payload.Skip(payload.ReadU8());
     CByteReader peek = payload;
     const uint8_t id = peek.ReadU8();
-    const size_t len = peek.ReadU16() & 0x0FFFu;
+    const size_t len = peek.ReadU16() & TS_SECTION_LEN_MASK;
     if (peek.Ok() && (len > peek.Remaining() || len < CRC_LEN) && log.Pass()) {
         logWarn("%s:%d, invalid section length.\n", __FILE__, __LINE__);
     }
@@ -49,10 +52,10 @@ void read_pat(TsProgramTable& table, CByteReader& payload, Ostra::CLogGate& log)
     if (!section.Skip(SECTION_HEAD_LEN)) {
         return;
     }
-    table.program_count = static_cast<int32_t>(std::min<size_t>(section.Remaining() / 4, MAX_PROGRAMS));
+    table.program_count = static_cast<int32_t>(std::min<size_t>(section.Remaining() / PAT_ENTRY_LEN, MAX_PROGRAMS));
     if (table.program_count > 0) {
-        section.Skip(2);
-        table.pmt_pid = section.ReadU16() & 0x1FFF;
+        section.Skip(PROGRAM_NUMBER_LEN);
+        table.pmt_pid = section.ReadU16() & TS_PID_MASK;
     }
 }
 
@@ -66,8 +69,8 @@ void read_pmt(TsProgramTable& table, CByteReader& payload, Ostra::CLogGate& log)
     while (count < TS_MAX_TRACKS && section.Remaining() >= PMT_ENTRY_LEN) {
         TsTrack& track = table.tracks[count++];
         track.kind = stream_kind_of_type(section.ReadU8());
-        track.pid = section.ReadU16() & 0x1FFF;
-        section.Skip(section.ReadU16() & 0x0FFFu);
+        track.pid = section.ReadU16() & TS_PID_MASK;
+        section.Skip(section.ReadU16() & TS_SECTION_LEN_MASK);
         if (!section.Ok()) {
             break;
         }
@@ -88,7 +91,7 @@ int read_media(TsDemuxState& state, CByteReader& payload) {
     if (state.packet.has_pcr) {
         state.pcr_ms = state.packet.pcr_base / TICKS_PER_MS;
     }
-    if (state.packet.unit_start && payload.ReadU24() != 0x000001) {
+    if (state.packet.unit_start && payload.ReadU24() != START_CODE3) {
         if (state.logs[TS_FAULT_PES].Pass()) {
             logError("%s:%d, invalid pes header.\n", __FILE__, __LINE__);
         }
@@ -107,10 +110,10 @@ bool ts_parse_packet(const unsigned char packet[TS_PACK_LEN], TsPacketInfo& info
         return false;
     }
     const uint16_t flags = reader.ReadU16();
-    info.unit_start = (flags & 0x4000) != 0;
-    info.pid = flags & 0x1FFF;
+    info.unit_start = (flags & TS_UNIT_START) != 0;
+    info.pid = flags & TS_PID_MASK;
     const uint8_t control = reader.ReadU8();
-    if ((control & 0x20) != 0) {
+    if ((control & TS_HAS_ADAPTATION) != 0) {
         CByteReader field = reader.SubReader(reader.ReadU8());
         if (!reader.Ok()) {
             info.bad_adaptation = true;
@@ -118,7 +121,7 @@ bool ts_parse_packet(const unsigned char packet[TS_PACK_LEN], TsPacketInfo& info
         }
         read_adaptation(field, info);
     }
-    if ((control & 0x10) != 0) {
+    if ((control & TS_HAS_PAYLOAD) != 0) {
         info.payload_offset = static_cast<int>(reader.Offset());
     }
     return true;

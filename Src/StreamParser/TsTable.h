@@ -8,6 +8,15 @@ namespace Vidora {
 
 constexpr int TS_PACK_LEN = 188;
 constexpr uint8_t TS_SYNC_BYTE = 0x47;
+// In the two bytes behind it, in the third one, and in the first byte of an adaptation field (ISO 13818-1 2.4.3.2).
+constexpr uint16_t TS_UNIT_START = 0x4000;
+constexpr uint16_t TS_PID_MASK = 0x1FFF;
+constexpr uint8_t TS_HAS_ADAPTATION = 0x20;
+constexpr uint8_t TS_HAS_PAYLOAD = 0x10;
+constexpr uint8_t TS_CONTINUITY_MASK = 0x0F;
+constexpr uint8_t TS_HAS_PCR = 0x10;
+// In the sections of tables.
+constexpr uint16_t TS_SECTION_LEN_MASK = 0x0FFF;
 // Room for one frame in the multiplexers and in the demultiplexer.
 constexpr uint32_t STREAM_BUFFER_LEN = 0x80000;
 constexpr int TS_MAX_TRACKS = 2;

@@ -224,7 +224,7 @@ int CKXDataSrc::GetSdp(CSdpParser& sdp, int ext_info) {
         return -1;
     }
     sdp = m_description->GetSdp();
-    if (ext_info != 1) {
+    if (ext_info != SDP_EXTENSION_ASSIST) {
         logError("%s %d do not support ext_info:%d\n", __FILE__, __LINE__, ext_info);
         return -1;
     }

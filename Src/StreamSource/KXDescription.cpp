@@ -8,6 +8,7 @@
 #include "StreamSource/AudioTable.h"
 #include "StreamSource/KXDataReceiver.h"
 #include "Vidora/Ostra/Base64.h"
+#include "Vidora/StartCode.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -18,8 +19,7 @@ const int H264_INFO_SIZE = 2048;
 const int MPEG4_INFO_SIZE = 1024;
 const unsigned int MPEG4_FMTP_SIZE = 2048;
 const unsigned int FMTP_SIZE = 2 * (H264_INFO_SIZE / 3 * 4 + 8) + 128;  // two base64 texts and the words around
-const unsigned int START_CODE_SIZE = 4;
-const char START_CODE[] = {0, 0, 0, 1};
+const unsigned int START_CODE_SIZE = START_CODE4_LEN;
 const char PROTOCOL[] = "RTP/AVP";
 const double US_PER_SECOND = 1000000.0;
 
@@ -47,7 +47,7 @@ const VideoRow* find_video_row(int encode_type) {
 
 // Offset of the next start code at or behind `from`; `size - 4` if there is none, as the scan ends there.
 unsigned int next_start_code(const char* info, unsigned int from, unsigned int size) {
-    while (from + START_CODE_SIZE < size && std::memcmp(info + from, START_CODE, START_CODE_SIZE) != 0) {
+    while (from + START_CODE_SIZE < size && std::memcmp(info + from, START_CODE4, START_CODE_SIZE) != 0) {
         ++from;
     }
     return from;
@@ -92,7 +92,7 @@ unsigned int read_info(CKXDataReceiver& receiver, char* info, int size, const In
 int make_h264_fmtp(CKXDataReceiver& receiver, char* fmtp, unsigned int size) {
     char info[H264_INFO_SIZE];
     const unsigned int length = read_info(receiver, info, H264_INFO_SIZE, H264_INFO_TEXTS);
-    if (length < START_CODE_SIZE || std::memcmp(info, START_CODE, START_CODE_SIZE) != 0) {
+    if (length < START_CODE_SIZE || std::memcmp(info, START_CODE4, START_CODE_SIZE) != 0) {
         return -1;
     }
     const unsigned int sps_end = next_start_code(info, START_CODE_SIZE, length);

@@ -5,6 +5,7 @@
 
 #include "Protocol/SdpParser.h"
 #include "RtpUdpSender.h"
+#include "Tramel/IpText.h"
 #include "Vidora/RtspSvrConfig.h"
 #include "Vidora/Tramel/MediaBuffer.h"
 
@@ -16,7 +17,6 @@ namespace {
 const int SENDER_MEDIA_NUM = 8;
 const uint8_t CONNECTION_TTL = 4;  // what clients of this system know, whatever is sent with
 const int PORTS_PER_TRACK = 2;
-const int MAX_PORT = 65535;
 
 }  // namespace
 
@@ -55,7 +55,7 @@ bool CMulticastOutput::open_ports(Destination& destination, int media_count) {
     CRtpUdpSender& sender = *destination.sender;
     const int base_port = destination.group.GetPort();
     const int tracks = std::max(media_count, 1);
-    if (base_port + PORTS_PER_TRACK * tracks - 1 > MAX_PORT) {
+    if (base_port + PORTS_PER_TRACK * tracks - 1 > Tramel::MAX_PORT) {
         logError("%s:%d base port %d has no room for the ports of %d tracks\n", __FILE__, __LINE__, base_port, tracks);
         return false;
     }
@@ -65,7 +65,7 @@ bool CMulticastOutput::open_ports(Destination& destination, int media_count) {
     for (int i = 0; i <= media_count; ++i) {
         int local_port = 0;
         const int remote_port = base_port + PORTS_PER_TRACK * i;
-        if (remote_port >= MAX_PORT || sender.OpenPair(&local_port, remote_port, PORTS_PER_TRACK * i) < 0) {
+        if (remote_port >= Tramel::MAX_PORT || sender.OpenPair(&local_port, remote_port, PORTS_PER_TRACK * i) < 0) {
             return i >= tracks;
         }
     }

@@ -7,6 +7,8 @@
 namespace Kavio {
 namespace Tramel {
 
+const int MAX_PORT = 65535;
+
 // Text and platform forms of addresses, for the address classes. No state, any thread.
 
 // Reads a numeric address: IPv4 dotted, or IPv6 with or without brackets and a %scope. Port 0. False if `text` is none.

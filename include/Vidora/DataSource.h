@@ -18,6 +18,9 @@ class CSourceGate;
 // In the place of a time in microseconds that isn't given, or of an end that isn't known.
 constexpr uint64_t TIME_NOT_GIVEN = ~uint64_t{0};
 
+// Of GetSdp: with the assist track.
+constexpr int SDP_EXTENSION_ASSIST = 1;
+
 // CDataSource: what a channel or a session holds of a stream: it describes itself in SDP, starts and stops, and fills
 // media buffers.
 //
@@ -64,7 +67,7 @@ public:
     // Ends it for one client of that form, of the buffer that was given last. -1 also says that others keep the stream
     // running.
     virtual int StopStreaming(packet_type_t packet_type) = 0;
-    // The SDP with an extension: `ext_info` 1 adds the assist track. The base returns -1.
+    // The SDP with an extension: SDP_EXTENSION_ASSIST adds the assist track. The base returns -1.
     virtual int GetSdp(CSdpParser& sdp, int ext_info);
     // A copy of the SDP (RFC 4566); -1 before MSG_SRC_READY, and for a source that couldn't be described. One whose new
     // format can't be described keeps the SDP that it had.

@@ -9,6 +9,12 @@
 namespace Kavio {
 namespace Vidora {
 
+// 00 00 01, which units of a codec and PES packets begin with, and the same with a zero byte in front.
+constexpr uint32_t START_CODE3 = 0x000001;
+constexpr size_t START_CODE3_LEN = 3;
+constexpr unsigned char START_CODE4[] = {0, 0, 0, 1};
+constexpr size_t START_CODE4_LEN = sizeof(START_CODE4);
+
 // No start code found.
 constexpr size_t NO_START_CODE = SIZE_MAX;
 
