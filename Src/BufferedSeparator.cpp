@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 #include <string_view>
+#include <utility>
 
 #include "Tramel/StrParser.h"
 
@@ -27,6 +28,17 @@ const std::string_view REQUEST_STARTS[] = {"OPTIONS ",       "DESCRIBE ", "ANNOU
                                            "PLAY ",          "PAUSE ",    "TEARDOWN ", "GET_PARAMETER ",
                                            "SET_PARAMETER ", "REDIRECT ", "RECORD "};
 
+constexpr int SHARED_ROOM = 128 * 1024;
+
+// The room that all separators of the calling thread read into; null if memory is short.
+char* shared_room() {
+    static thread_local std::unique_ptr<char[]> room;
+    if (room == nullptr) {
+        room.reset(new (std::nothrow) char[SHARED_ROOM]);
+    }
+    return room.get();
+}
+
 // The value of Content-Length; 0 without the header or a number, more than any reply has if it is too large to read.
 uint64_t body_length(const char* head, size_t length) {
     CStrParser parser(head, static_cast<unsigned int>(length));
@@ -47,14 +59,17 @@ Flumen::CMediaFrame MakeSeparatorFrame(int size) {
     return frame;
 }
 
-CBufferedSeparator::CBufferedSeparator() : m_recv_buf(new (std::nothrow) char[RSP_BUF_LEN]) {}
-
-CBufferedSeparator::~CBufferedSeparator() = default;
-
 char* CBufferedSeparator::GetBuffer(int* space) {
-    const bool usable = IsValid() && OSTRA_ASSERT(m_recv_len <= m_capacity) && m_recv_len < m_capacity;
-    *space = usable ? m_capacity - m_recv_len : 0;
-    return usable ? m_recv_buf.get() + m_recv_len : nullptr;
+    char* const shared = shared_room();
+    m_in_shared_room = m_rest_len <= COPIED_REST && shared != nullptr;
+    if (m_in_shared_room) {
+        std::copy_n(m_rest.get(), m_rest_len, shared);
+        *space = SHARED_ROOM - m_rest_len;
+        return shared + m_rest_len;
+    }
+    const bool usable = m_rest_len < m_wanted && make_room(m_wanted);
+    *space = usable ? m_rest_room - m_rest_len : 0;
+    return usable ? m_rest.get() + m_rest_len : nullptr;
 }
 
 int CBufferedSeparator::Input(int len) {
@@ -63,18 +78,30 @@ int CBufferedSeparator::Input(int len) {
     }
     m_out_count = 0;
     m_has_more = false;
-    if (!IsValid() || len < 0 || !OSTRA_ASSERT(len <= m_capacity - m_recv_len)) {
+    const bool in_shared_room = len > 0 && std::exchange(m_in_shared_room, false);
+    if (len < 0 || !OSTRA_ASSERT(len <= (in_shared_room ? SHARED_ROOM : m_rest_room) - m_rest_len)) {
         return -1;
     }
-    m_recv_len += len;
-    CByteReader reader(m_recv_buf.get(), static_cast<size_t>(m_recv_len));
+    m_rest_len += len;
+    CByteReader reader(in_shared_room ? shared_room() : m_rest.get(), static_cast<size_t>(m_rest_len));
     const step_t end = parse(reader);
-    if (reader.Offset() > 0 && reader.Remaining() > 0) {
-        std::memmove(m_recv_buf.get(), reader.Rest(), reader.Remaining());
-    }
-    m_recv_len = static_cast<int>(reader.Remaining());
     m_has_more = end == STEP_FULL;
-    return end == STEP_FAILED || !grow() ? -1 : m_out_count;
+    const bool kept = keep(reader.Rest(), static_cast<int>(reader.Remaining()));
+    return end == STEP_FAILED || !kept ? -1 : m_out_count;
+}
+
+// Takes over what is left in either room; none is held for nothing.
+bool CBufferedSeparator::keep(const unsigned char* rest, int length) {
+    if (length == 0) {
+        m_rest.reset();
+        m_rest_room = 0;
+    } else if (!make_room(length)) {
+        return false;
+    } else {
+        std::memmove(m_rest.get(), rest, static_cast<size_t>(length));
+    }
+    m_rest_len = length;
+    return true;
 }
 
 CBufferedSeparator::step_t CBufferedSeparator::parse(CByteReader& reader) {
@@ -101,7 +128,7 @@ CBufferedSeparator::step_t CBufferedSeparator::cut_text(CByteReader& reader) {
     const char* text = reinterpret_cast<const char*>(reader.Rest());
     const size_t head = head_length(text, reader.Remaining());
     if (head == 0) {
-        return STEP_SHORT;
+        return reader.Remaining() < RSP_BUF_LEN ? STEP_SHORT : STEP_FAILED;
     }
     const uint64_t total = head + body_length(text, head);
     if (total > RSP_BUF_LEN) {
@@ -139,18 +166,18 @@ void CBufferedSeparator::add_record(const Flumen::CMediaFrame& packet, int lengt
     record.kind = kind;
 }
 
-// Behind a parse, so that nothing points into the buffer.
-bool CBufferedSeparator::grow() {
-    if (m_wanted <= m_capacity) {
+// Room for `size` bytes in all, behind what is there. Nothing else points into it.
+bool CBufferedSeparator::make_room(int size) {
+    if (size <= m_rest_room) {
         return true;
     }
-    std::unique_ptr<char[]> larger(new (std::nothrow) char[static_cast<size_t>(m_wanted)]);
+    std::unique_ptr<char[]> larger(new (std::nothrow) char[static_cast<size_t>(size)]);
     if (larger == nullptr) {
         return false;
     }
-    std::memcpy(larger.get(), m_recv_buf.get(), static_cast<size_t>(m_recv_len));
-    m_recv_buf.swap(larger);
-    m_capacity = m_wanted;
+    std::copy_n(m_rest.get(), std::min(m_rest_len, m_rest_room), larger.get());
+    m_rest.swap(larger);
+    m_rest_room = size;
     return true;
 }
 

@@ -10,20 +10,21 @@
 namespace Kavio {
 namespace Vidora {
 
-// CBufferedSeparator: what the separators have in common: the receive buffer, the row of records, and the RTSP replies
-// and requests of the server's own, a head up to its empty line and a body of Content-Length bytes.
+// CBufferedSeparator: what the separators have in common: the room to read into, the row of records, and the RTSP
+// replies and requests of the server's own, a head up to its empty line and a body of Content-Length bytes.
 //
-// MEMORY  The buffer, RSP_BUF_LEN bytes, or the size of the largest unit that a derived class asks room for; and the
-// row.
+// All separators of a thread read into the same room, which so stays in the processor's cache; what is left of a
+// message at the end of an Input is kept by the separator itself. A large rest isn't carried there and back: the next
+// bytes are read behind it.
+//
+// MEMORY  The rest of a message: none between messages, at most RSP_BUF_LEN bytes, or the size of the largest unit that
+// a derived class asks room for; while HasMore what one read brought. The row. And 128 KiB a thread.
 class CBufferedSeparator : public CStreamSeparator {
 public:
-    CBufferedSeparator();
-    ~CBufferedSeparator() override;
+    CBufferedSeparator() = default;
+    ~CBufferedSeparator() override = default;
     CBufferedSeparator(const CBufferedSeparator&) = delete;
     CBufferedSeparator& operator=(const CBufferedSeparator&) = delete;
-
-    // False if memory was short; GetBuffer then returns null.
-    bool IsValid() const { return m_recv_buf != nullptr; }
 
     char* GetBuffer(int* space) override;
     int Input(int len) override;
@@ -50,17 +51,21 @@ protected:
     // The row must have room.
     void add_record(const Flumen::CMediaFrame& packet, int length, int channel, int kind);
     int row_room() const { return MAX_RECORDS - m_out_count; }
-    // Lets the buffer hold `size` bytes once this Input has ended.
+    // Lets the rest of a message be `size` bytes long.
     void want_room(int size) { m_wanted = size > m_wanted ? size : m_wanted; }
 
 private:
-    step_t parse(CByteReader& reader);
-    bool grow();
+    static constexpr int COPIED_REST = 4096;  // up to that size a rest is copied in front of the next bytes
 
-    std::unique_ptr<char[]> m_recv_buf;
-    int m_capacity = RSP_BUF_LEN;
+    step_t parse(CByteReader& reader);
+    bool keep(const unsigned char* rest, int length);
+    bool make_room(int size);
+
+    std::unique_ptr<char[]> m_rest;
+    int m_rest_room = 0;
+    int m_rest_len = 0;
+    bool m_in_shared_room = false;  // GetBuffer gave room of the thread's, with the rest in front of it
     int m_wanted = RSP_BUF_LEN;
-    int m_recv_len = 0;
     bool m_has_more = false;
     int m_out_count = 0;
     separator_record_t m_records[MAX_RECORDS];

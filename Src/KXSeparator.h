@@ -12,7 +12,7 @@ namespace Vidora {
 //
 // Most of a large frame is read from the socket straight into its place.
 //
-// MEMORY  The receive buffer and one frame of at most MAX_FRAME bytes.
+// MEMORY  The rest of an RTSP message and one frame of at most MAX_FRAME bytes.
 class CKXSeparator final : public CBufferedSeparator {
 public:
     static constexpr int MAX_FRAME = 16 * 1024 * 1024;

@@ -16,7 +16,7 @@ namespace Vidora {
 // are, among them units on those two channels that are too short for RTP. A stream that lost its place is entered again
 // at a unit of a known channel and source.
 //
-// MEMORY  The receive buffer grows to 65,540 bytes for units of that size; two runs.
+// MEMORY  A rest of at most 65,540 bytes, for units of that size; two runs.
 class CRTPSeparator final : public CBufferedSeparator {
 public:
     int SetChannel(int video_channel, int audio_channel) override;

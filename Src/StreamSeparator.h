@@ -32,10 +32,11 @@ struct separator_record_t {
 class CStreamSeparator {
 public:
     static constexpr int MAX_RECORDS = 32;     // of one Input
-    static constexpr int RSP_BUF_LEN = 32768;  // also the longest RTSP reply
+    static constexpr int RSP_BUF_LEN = 32768;  // the longest RTSP reply
 
     virtual ~CStreamSeparator() = default;
-    // The place to read into, and its free room; null and 0 when the buffer is full.
+    // The place to read into, and its free room; null and 0 when a message is too long. Not while HasMore. It may be
+    // room of the calling thread's, which another separator uses next: read and call Input at once, on that thread.
     virtual char* GetBuffer(int* space) = 0;
     // `len` bytes, at most the room, were written there; 0 goes on with what is left of the bytes before, when the row
     // was full. The number of new records, which end at the next call, or -1: the stream is beyond repair, and the

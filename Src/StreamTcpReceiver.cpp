@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "KXSeparator.h"
 #include "RtpSeparator.h"
@@ -18,13 +19,13 @@ const int MAX_HANDLED = 10;            // a turn that handled more messages ends
 const unsigned int MSG_TURN = 0x1f01;  // to itself: go on without an event
 
 std::unique_ptr<CStreamSeparator> make_separator(int protocol) {
-    std::unique_ptr<CBufferedSeparator> separator;
+    std::unique_ptr<CStreamSeparator> separator;
     if (protocol == RECEIVER_PROTOCOL_KX) {
         separator.reset(new (std::nothrow) CKXSeparator);
     } else {
         separator.reset(new (std::nothrow) CRTPSeparator);
     }
-    return separator != nullptr && separator->IsValid() ? std::move(separator) : nullptr;
+    return separator;
 }
 
 }  // namespace
@@ -165,12 +166,14 @@ int CStreamTcpReceiver::read_fed(char* place, int space) {
     return length;
 }
 
+// A record's memory goes at once, so that it is the next one's.
 int CStreamTcpReceiver::take_records(int& handled) {
     int count = 0;
-    const separator_record_t* records = m_separator->GetRecords(&count);
+    separator_record_t* records = m_separator->GetRecords(&count);
     for (int i = 0; i < count && records[i].packet.valid(); ++i) {
         ++handled;
-        if (take_record(records[i]) < 0) {
+        const separator_record_t record = std::exchange(records[i], separator_record_t());
+        if (take_record(record) < 0) {
             return -1;
         }
     }
