@@ -25,7 +25,7 @@ int CDgramBatch::Recv(CSockDgram& sock) {
         m_slices[i].data = m_memory.get() + i * STRIDE;
         m_slices[i].length = ROOM;
     }
-    return sock.RecvBatch(m_slices, MAX_DATAGRAMS, m_from);
+    return sock.RecvBatch(m_slices, MAX_DATAGRAMS, m_from, m_segments);
 }
 
 }  // namespace Vidora

@@ -22,8 +22,10 @@ public:
 
     // As CSockDgram::RecvBatch. What was read before ends.
     int Recv(CSockDgram& sock);
-    // Of the last Recv, `index` below its result.
+    // Of the last Recv, `index` below its result. Where the socket joins what it receives, a datagram may be several of
+    // Segment bytes, the last one shorter.
     const DgramSlice& Datagram(int index) const { return m_slices[index]; }
+    unsigned int Segment(int index) const { return m_segments[index]; }
     const CSockAddrStorage& From(int index) const { return m_from[index]; }
 
 private:
@@ -37,6 +39,7 @@ private:
     std::unique_ptr<unsigned char[]> m_memory;
     DgramSlice m_slices[MAX_DATAGRAMS] = {};
     CSockAddrStorage m_from[MAX_DATAGRAMS];
+    unsigned int m_segments[MAX_DATAGRAMS] = {};
 };
 
 }  // namespace Vidora

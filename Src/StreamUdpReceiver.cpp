@@ -1,5 +1,6 @@
 #include "StreamUdpReceiver.h"
 
+#include <algorithm>
 #include <cstring>
 #include <new>
 
@@ -37,7 +38,13 @@ CStreamUdpReceiver* CStreamUdpReceiver::Create(const udp_receiver_socks_t& socks
 
 int CStreamUdpReceiver::Start(uint64_t period_us, float speed) {
     for (const sock_row_t& row : rows()) {
-        if (row.sock != nullptr && RegisterSock(*row.sock, Tramel::SOCK_EVENT_READ, 0) < 0) {
+        if (row.sock == nullptr) {
+            continue;
+        }
+        if (!row.rtcp) {
+            row.sock->JoinReceived();  // an older system gives them one by one
+        }
+        if (RegisterSock(*row.sock, Tramel::SOCK_EVENT_READ, 0) < 0) {
             Stop();
             return -1;
         }
@@ -71,12 +78,20 @@ void CStreamUdpReceiver::release_socks() {
 
 int CStreamUdpReceiver::handle_stream_input() {
     const CTurn turn(*this);
-    for (const sock_row_t& row : rows()) {
-        if (row.sock != nullptr && row.sock->GetHandle() == input_fd() && row.track < tracks().count) {
-            return read_batches(row);
+    const sock_row_t row = row_of(input_fd());
+    return row.sock != nullptr && row.track < tracks().count ? read_batches(row) : 0;
+}
+
+// Without a socket if it is no track's.
+CStreamUdpReceiver::sock_row_t CStreamUdpReceiver::row_of(int fd) const {
+    for (int i = 0; i < m_socks.count; ++i) {
+        for (CSockDgram* sock : {m_socks.tracks[i].rtp_sock.get(), m_socks.tracks[i].rtcp_sock.get()}) {
+            if (sock != nullptr && sock->GetHandle() == fd) {
+                return {sock, i, sock != m_socks.tracks[i].rtp_sock.get()};
+            }
         }
     }
-    return 0;
+    return {nullptr, 0, false};
 }
 
 // What is left behind the last batch comes with the next event. An error of the socket, such as a peer's ICMP answer,
@@ -91,7 +106,7 @@ int CStreamUdpReceiver::read_batches(const sock_row_t& row) {
         const int count = batch->Recv(*row.sock);
         mark_arrival();
         for (int j = 0; j < count; ++j) {
-            if (is_wanted(row, batch->Datagram(j), batch->From(j)) && take(row, batch->Datagram(j)) < 0) {
+            if (take_joined(row, batch->Datagram(j), batch->Segment(j), batch->From(j)) < 0) {
                 return -1;
             }
         }
@@ -101,6 +116,20 @@ int CStreamUdpReceiver::read_batches(const sock_row_t& row) {
         }
     }
     return handled;
+}
+
+// One datagram, or several of `segment` bytes each but the last.
+int CStreamUdpReceiver::take_joined(const sock_row_t& row, const DgramSlice& joined, unsigned int segment,
+                                    const CSockAddrStorage& from) {
+    unsigned int done = 0;
+    do {
+        const DgramSlice datagram = {joined.data + done, std::min(segment, joined.length - done)};
+        if (is_wanted(row, datagram, from) && take(row, datagram) < 0) {
+            return -1;
+        }
+        done += datagram.length;
+    } while (done < joined.length);
+    return 0;
 }
 
 int CStreamUdpReceiver::take(const sock_row_t& row, const DgramSlice& datagram) {

@@ -54,7 +54,14 @@ public:
     // Reads up to `count` datagrams, at most 64, in one system call without blocking, each into its slice, whose
     // `length` is the room on entry and the size on return, cut at the room. The number read, 0 when nothing is there,
     // -1 on failure. `from` takes as many senders' addresses; it may be null.
-    int RecvBatch(DgramSlice* slices, unsigned int count, CSockAddrStorage* from = nullptr);
+    //
+    // With `segments` a slice may hold several datagrams of one sender that the system has joined (see JoinReceived):
+    // each of `segments[i]` bytes but the last, which may be shorter.
+    int RecvBatch(DgramSlice* slices, unsigned int count, CSockAddrStorage* from = nullptr,
+                  unsigned int* segments = nullptr);
+    // Lets the system join datagrams of one size that come in a row (UDP_GRO, Linux 5.0): a frame's packets cost little
+    // more than one. From now on everything is read by RecvBatch with `segments`. 0, or -1 if the system can't.
+    int JoinReceived();
 
     // Routers that multicast may pass (hops for IPv6). 0 or -1.
     int SetMulticastTTL(unsigned char ttl);

@@ -1,7 +1,10 @@
 // The batch operations of CSockDgram.
 
+#include <netinet/in.h>
+#include <netinet/udp.h>
 #include <sys/socket.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cstring>
 
@@ -11,6 +14,10 @@
 #include "Tramel/SockDetail.h"
 #include "Tramel/SockDgram.h"
 #include "Vidora/Ostra/ByteReader.h"
+
+#ifndef UDP_GRO
+#define UDP_GRO 104  // Linux 5.0
+#endif
 
 namespace Kavio {
 namespace Tramel {
@@ -32,6 +39,46 @@ int recv_messages(int fd, struct mmsghdr* messages, unsigned int count) {
         }
     }
 }
+
+// What one recvmmsg needs besides the rooms of the datagrams.
+struct RecvFrame {
+    // How the system tells what it joined.
+    struct Control {
+        alignas(struct cmsghdr) unsigned char bytes[CMSG_SPACE(sizeof(int))];
+    };
+
+    struct mmsghdr messages[MAX_RECV_MESSAGES];
+    struct iovec parts[MAX_RECV_MESSAGES];
+    sockaddr_storage senders[MAX_RECV_MESSAGES];
+    Control controls[MAX_RECV_MESSAGES];
+
+    void Prepare(const DgramSlice* slices, unsigned int count, bool with_senders, bool with_segments) {
+        for (unsigned int i = 0; i < count; ++i) {
+            parts[i] = {slices[i].data, slices[i].length};
+            struct msghdr& header = messages[i].msg_hdr;
+            header = {};
+            header.msg_iov = &parts[i];
+            header.msg_iovlen = 1;
+            header.msg_name = with_senders ? &senders[i] : nullptr;
+            header.msg_namelen = with_senders ? sizeof(senders[i]) : 0;
+            header.msg_control = with_segments ? &controls[i] : nullptr;
+            header.msg_controllen = with_segments ? sizeof(controls[i]) : 0;
+        }
+    }
+
+    // The size of the datagrams that message `index` was joined of, or of the one that it is.
+    unsigned int Segment(int index) {
+        struct msghdr& header = messages[index].msg_hdr;
+        for (struct cmsghdr* each = CMSG_FIRSTHDR(&header); each != nullptr; each = CMSG_NXTHDR(&header, each)) {
+            int size = 0;
+            if (each->cmsg_level == SOL_UDP && each->cmsg_type == UDP_GRO && each->cmsg_len >= CMSG_LEN(sizeof(size))) {
+                std::memcpy(&size, CMSG_DATA(each), sizeof(size));
+                return size > 0 ? static_cast<unsigned int>(size) : messages[index].msg_len;
+            }
+        }
+        return messages[index].msg_len;
+    }
+};
 
 }  // namespace
 
@@ -73,31 +120,29 @@ int CSockDgram::SendBatch(const DgramSlice* slices, unsigned int count) {
     return run.Failed() ? -1 : run.Sent();
 }
 
-int CSockDgram::RecvBatch(DgramSlice* slices, unsigned int count, CSockAddrStorage* from) {
+int CSockDgram::JoinReceived() {
+    return SetOption(m_fd, SOL_UDP, UDP_GRO, 1);
+}
+
+int CSockDgram::RecvBatch(DgramSlice* slices, unsigned int count, CSockAddrStorage* from, unsigned int* segments) {
     if (m_fd < 0 || slices == nullptr) {
         return -1;
     }
-    struct mmsghdr messages[MAX_RECV_MESSAGES];
-    struct iovec parts[MAX_RECV_MESSAGES];
-    sockaddr_storage senders[MAX_RECV_MESSAGES];
-    const unsigned int wanted = count < MAX_RECV_MESSAGES ? count : MAX_RECV_MESSAGES;
-    std::memset(messages, 0, wanted * sizeof(messages[0]));
-    for (unsigned int i = 0; i < wanted; ++i) {
-        parts[i].iov_base = slices[i].data;
-        parts[i].iov_len = slices[i].length;
-        messages[i].msg_hdr.msg_iov = &parts[i];
-        messages[i].msg_hdr.msg_iovlen = 1;
-        messages[i].msg_hdr.msg_name = from != nullptr ? &senders[i] : nullptr;
-        messages[i].msg_hdr.msg_namelen = from != nullptr ? sizeof(senders[i]) : 0;
-    }
-    const int received = recv_messages(m_fd, messages, wanted);
+    RecvFrame frame;
+    const unsigned int wanted = std::min(count, MAX_RECV_MESSAGES);
+    frame.Prepare(slices, wanted, from != nullptr, segments != nullptr);
+    const int received = recv_messages(m_fd, frame.messages, wanted);
     if (received < 0) {
         return IsWouldBlock(errno) ? 0 : -1;
     }
     for (int i = 0; i < received; ++i) {
-        slices[i].length = messages[i].msg_len;
+        slices[i].length = frame.messages[i].msg_len;
         if (from != nullptr) {
-            from[i].SetSockAddr(reinterpret_cast<const sockaddr*>(&senders[i]), messages[i].msg_hdr.msg_namelen);
+            from[i].SetSockAddr(reinterpret_cast<const sockaddr*>(&frame.senders[i]),
+                                frame.messages[i].msg_hdr.msg_namelen);
+        }
+        if (segments != nullptr) {
+            segments[i] = frame.Segment(i);
         }
     }
     return received;
