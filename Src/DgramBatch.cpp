@@ -20,12 +20,13 @@ bool CDgramBatch::allocate() {
     return m_memory != nullptr;
 }
 
-int CDgramBatch::Recv(CSockDgram& sock) {
-    for (size_t i = 0; i < MAX_DATAGRAMS; ++i) {
+int CDgramBatch::Recv(CSockDgram& sock, int limit) {
+    const size_t count = static_cast<size_t>(limit);
+    for (size_t i = 0; i < count; ++i) {
         m_slices[i].data = m_memory.get() + i * STRIDE;
         m_slices[i].length = ROOM;
     }
-    return sock.RecvBatch(m_slices, MAX_DATAGRAMS, m_from, m_segments);
+    return sock.RecvBatch(m_slices, static_cast<unsigned int>(count), m_from, m_segments);
 }
 
 }  // namespace Vidora

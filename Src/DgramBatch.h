@@ -20,8 +20,8 @@ public:
     // The calling thread's; null if memory is short.
     static CDgramBatch* OfThread();
 
-    // As CSockDgram::RecvBatch. What was read before ends.
-    int Recv(CSockDgram& sock);
+    // As CSockDgram::RecvBatch of up to `limit` datagrams. What was read before ends.
+    int Recv(CSockDgram& sock, int limit = MAX_DATAGRAMS);
     // Of the last Recv, `index` below its result. Where the socket joins what it receives, a datagram may be several of
     // Segment bytes, the last one shorter.
     const DgramSlice& Datagram(int index) const { return m_slices[index]; }

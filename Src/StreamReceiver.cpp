@@ -198,7 +198,7 @@ int CStreamReceiver::take_run(int track, const Flumen::CMediaFrame& run) {
 }
 
 int CStreamReceiver::take_kx_frame(int channel, const Flumen::CMediaFrame& frame) {
-    m_units.fetch_add(1);
+    count_unit();
     tell_rtp(frame.getBuffer(), static_cast<int>(frame.size()), channel);
     KXHeader header;
     const bool known = kx_read_header(frame.getBuffer(), frame.size(), header);
@@ -252,7 +252,7 @@ void CStreamReceiver::tell_rtp(const unsigned char* data, int length, int channe
 
 void CStreamReceiver::count_packet(int track, const RtpHeader& header, uint32_t length) {
     const uint32_t last = m_reception[track].LastSeq();
-    m_units.fetch_add(1, std::memory_order_relaxed);
+    count_unit();
     m_changed |= 1u << track;
     const uint32_t skipped = m_reception[track].Count(header.sequence, header.timestamp, header.ssrc, length,
                                                       m_arrival_us, m_tracks.tracks[track].clock_rate);
@@ -260,6 +260,10 @@ void CStreamReceiver::count_packet(int track, const RtpHeader& header, uint32_t 
         logWarn(">>> RTP SEQ DISORDER! last[%u] now[%u] url[%s]\n", last, static_cast<unsigned int>(header.sequence),
                 m_url);
     }
+}
+
+void CStreamReceiver::count_unit() {
+    m_units.store(m_units.load(std::memory_order_relaxed) + 1, std::memory_order_relaxed);
 }
 
 void CStreamReceiver::count_short(int track) {

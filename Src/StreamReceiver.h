@@ -147,6 +147,7 @@ protected:
 private:
     CFrameMerger* merger_of(int track);
     void tell_rtp(const unsigned char* data, int length, int channel);
+    void count_unit();
     void count_packet(int track, const RtpHeader& header, uint32_t length);
     int put_run(int track, const Flumen::CMediaFrame& run);
     int run_tag(int track, const Flumen::CMediaFrame& run) const;
@@ -169,7 +170,7 @@ private:
     uint32_t m_changed = 0;  // tracks with statistics to be published
     Ostra::CLogGate m_loss_log;
 
-    std::atomic<uint64_t> m_units{0};
+    std::atomic<uint64_t> m_units{0};  // written on the strand
     std::atomic<bool> m_busy{false};
 
     CMutex m_stats_mutex;  // a leaf, as the next one

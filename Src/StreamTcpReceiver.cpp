@@ -53,6 +53,9 @@ int CStreamTcpReceiver::Feed(const char* data, int length) {
     if (data == nullptr || length < 0 || length > MAX_FED - m_fed_length) {
         return -1;
     }
+    if (length == 0) {
+        return 0;
+    }
     if (m_fed == nullptr) {
         m_fed.reset(new (std::nothrow) char[MAX_FED]);
     }
@@ -100,11 +103,13 @@ int CStreamTcpReceiver::handle_message(long sender_id, unsigned int msg, long) {
 
 int CStreamTcpReceiver::handle_stream_input() {
     const CTurn turn(*this);
-    mark_arrival();
     set_channels();
     m_emptied = false;
     int handled = 0;
     int count = m_separator->Input(0);
+    if (count != 0) {
+        mark_arrival();
+    }
     while (count >= 0 && take_records(handled) >= 0) {
         if (handled > MAX_HANDLED) {
             if (m_separator->HasMore() || m_fed_length > 0) {
@@ -163,6 +168,9 @@ int CStreamTcpReceiver::read_fed(char* place, int space) {
     std::memcpy(place, m_fed.get(), static_cast<size_t>(length));
     std::memmove(m_fed.get(), m_fed.get() + length, static_cast<size_t>(m_fed_length - length));
     m_fed_length -= length;
+    if (m_fed_length == 0) {
+        m_fed.reset();
+    }
     return length;
 }
 

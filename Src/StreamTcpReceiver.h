@@ -57,7 +57,7 @@ private:
 
     std::shared_ptr<CSockStream> m_sock;
     std::unique_ptr<CStreamSeparator> m_separator;
-    std::unique_ptr<char[]> m_fed;  // made by the first Feed
+    std::unique_ptr<char[]> m_fed;  // made by the first Feed, gone when it is used up
     int m_fed_length = 0;
     int m_kx_channel = 0;    // of the last private header
     bool m_emptied = false;  // the socket, in this turn

@@ -12,7 +12,8 @@ namespace Vidora {
 
 namespace {
 
-const int MAX_BATCHES = 4;  // of one turn
+const int MAX_BATCHES = 4;    // of one turn
+const int FEW_DATAGRAMS = 8;  // asked for first: each that is asked for costs some, and a small frame has no more
 const unsigned int MAX_IP_LEN = 64;
 
 bool is_same_host(const CSockAddrStorage& one, const CSockAddrStorage& other) {
@@ -103,7 +104,8 @@ int CStreamUdpReceiver::read_batches(const sock_row_t& row) {
     }
     int handled = 0;
     for (int i = 0; i < MAX_BATCHES; ++i) {
-        const int count = batch->Recv(*row.sock);
+        const int limit = i == 0 ? FEW_DATAGRAMS : CDgramBatch::MAX_DATAGRAMS;
+        const int count = batch->Recv(*row.sock, limit);
         mark_arrival();
         for (int j = 0; j < count; ++j) {
             if (take_joined(row, batch->Datagram(j), batch->Segment(j), batch->From(j)) < 0) {
@@ -111,7 +113,7 @@ int CStreamUdpReceiver::read_batches(const sock_row_t& row) {
             }
         }
         handled += count > 0 ? count : 0;
-        if (count < CDgramBatch::MAX_DATAGRAMS) {
+        if (count < limit) {
             break;
         }
     }

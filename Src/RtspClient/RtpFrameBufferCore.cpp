@@ -151,7 +151,8 @@ int CRtpFrameBufferCore::put_rtp(const Flumen::CMediaFrame& run) {
     count_packets(*track->count, run);
     const int result = track->parser->InputFrame(run);
     m_damaged = result == PARSER_FAILED;
-    return result == PARSER_FRAME_READY ? 1 : 0;
+    track->ready = result == PARSER_FRAME_READY;
+    return track->ready ? 1 : 0;
 }
 
 CRtpFrameBufferCore::Track* CRtpFrameBufferCore::find_track(int channel) {
@@ -228,9 +229,15 @@ Flumen::CMediaFrame CRtpFrameBufferCore::get_rated_video() {
     return frame;
 }
 
-Flumen::CMediaFrame CRtpFrameBufferCore::output_of(CDecoderParams::track_t track) {
-    const CStreamParserPtr& parser = m_tracks[track].parser;
-    return parser != nullptr ? parser->OutputFrame() : Flumen::CMediaFrame();
+// A decoder without a frame isn't asked: with many sessions that alone would fetch it from memory.
+Flumen::CMediaFrame CRtpFrameBufferCore::output_of(CDecoderParams::track_t index) {
+    Track& track = m_tracks[index];
+    Flumen::CMediaFrame frame;
+    if (track.ready) {
+        frame = track.parser->OutputFrame();
+        track.ready = frame.valid();
+    }
+    return frame;
 }
 
 // Bare frames have no header with a stamp, whatever their bytes look like.
@@ -245,6 +252,7 @@ void CRtpFrameBufferCore::Clear() {
         if (track.parser != nullptr) {
             track.parser->Clean();
         }
+        track.ready = false;
     }
     m_pieces.Clear();
     m_pending = Flumen::CMediaFrame();

@@ -49,6 +49,7 @@ private:
         int channel = -1;
         CStreamParserPtr parser;
         CSequenceCount* count = nullptr;
+        bool ready = false;  // the decoder may have a frame
     };
 
     ~CRtpFrameBufferCore() = default;
@@ -63,7 +64,7 @@ private:
     Flumen::CMediaFrame get_rtp();
     Flumen::CMediaFrame get_video();
     Flumen::CMediaFrame get_rated_video();
-    Flumen::CMediaFrame output_of(CDecoderParams::track_t track);
+    Flumen::CMediaFrame output_of(CDecoderParams::track_t index);
     void repair_time(Flumen::CMediaFrame& frame);
     void fill_statis(CDecoderParams::track_t track, const CSequenceCount& count, TFrameBufferStatis& statis) const;
 

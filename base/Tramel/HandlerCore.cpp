@@ -288,12 +288,14 @@ void CHandlerCore::deliver_sock(int fd, uint64_t serial, CNetHandler* handler) {
     CSockTable& socks = m_reactor.Socks();
     const CSockTable::CDelivery due = socks.Begin(this, fd, serial);
     CSockTable::CDelivery left = due;
+    const bool is_one = due.timeouts == 0 && (due.events & (due.events - 1)) == 0;
     const auto call_if = [&](bool wanted, callback_t callback) {
-        if (wanted) {
-            (handler->*callback)(fd);
-            // The callback may have removed the socket, closed the handler or deleted it: each takes the watch away.
-            left = socks.Still(this, fd, serial);
+        if (!wanted) {
+            return;
         }
+        (handler->*callback)(fd);
+        // The callback may have removed the socket, closed the handler or deleted it: each takes the watch away.
+        left = is_one ? CSockTable::CDelivery() : socks.Still(this, fd, serial);
     };
     for (const auto& call : CALLS) {
         call_if((due.events & left.events & call.bit) != 0, call.event);
