@@ -181,13 +181,13 @@ TEST_F(NatServer, EveryEndGivesTheSocketBackOnce) {
 
 TEST_F(NatServer, TheHostMayCloseAllInTheCallbackAndUseTheSocketAgain) {
     CNatViewer viewer;
-    Begin(viewer);
     viewer.on_came_back = [&] {
         m_svr->Stop();
         EXPECT_EQ(-1, CNetThread::DestroyThreadPool());
         m_svr->Close();
         m_svr = nullptr;
     };
+    Begin(viewer);
     viewer.Send("garbage\r\n\r\n");
     EXPECT_TRUE(CameBackOnce(viewer));
     StartServer();
