@@ -50,6 +50,9 @@ inline int ServerPort(const RtspReply& reply) {
     return atoi(reply.head.c_str() + reply.head.find("server_port=") + 12);
 }
 
+// A source of H.264 and A-law, live or a recording.
+CFakeStreamSource::Settings SoundAndPictures(bool is_file = false);
+
 // Gives a video frame to a source; every tenth is a key frame. False if the source doesn't run.
 bool GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100);
 // The same as soon as the source runs, which is shortly after the reply to PLAY.

@@ -146,6 +146,14 @@ RtspReply CServerTest::Play(CRtspTestClient& client, const std::string& transpor
     return reply;
 }
 
+CFakeStreamSource::Settings SoundAndPictures(bool is_file) {
+    CFakeStreamSource::Settings settings = is_file ? CFakeStreamSource::FileVideo() : CFakeStreamSource::LiveVideo();
+    settings.has_audio = true;
+    settings.audio.encode_type = STREAM_AUDIO_PCMA;
+    settings.audio.sample_rate = 8000;
+    return settings;
+}
+
 bool GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size) {
     return source->Give(Support::BuildPicture(sequence % 10 == 0, size, sequence));
 }

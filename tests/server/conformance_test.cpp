@@ -4,7 +4,6 @@
 #include "Vidora/Ostra/ByteReader.h"
 #include "server/ServerFixture.h"
 #include "support/TestClock.h"
-#include "support/UdpPeer.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -14,65 +13,6 @@ class Conformance : public CServerTest {
 protected:
     Conformance() { Set(RTSP_SVR_CONFIG_CONFORMANCE, 1); }
 };
-
-TEST_F(Conformance, EveryRequestIsAnsweredAndTheConversationGoesOn) {
-    StartWithChannel();
-    CFakeStreamSource::Settings none;
-    none.null_source = true;
-    CFakeStreamSource::SetNext(none);
-    const std::string track = Url() + "/trackID=0";
-    const struct {
-        const char* setting;  // d: described, s: set up, p: playing
-        const char* method;
-        std::string url;
-        const char* headers;
-        int status;
-    } rows[] = {
-        {"", "PLAY", Url(), "", 455},
-        {"", "PAUSE", Url(), "", 455},
-        {"", "SETUP", track, INTERLEAVED, 455},
-        {"", "RECORD", Url(), "", 501},
-        {"", "DESCRIBE", "*", "", 400},
-        {"", "DESCRIBE", Url("cam/realmonitor"), "", 404},
-        {"", "DESCRIBE", Url("cam/realmonitor?subtype=0&channel=1"), "", 404},
-        {"", "DESCRIBE", Url("nothing.kav"), "", 404},
-        {"d", "SETUP", Url() + "/trackID=7", INTERLEAVED, 404},
-        {"d", "SETUP", Url(), INTERLEAVED, 459},
-        {"d", "SETUP", track, "Transport: RAW/RAW/UDP\r\n", 461},
-        {"d", "PLAY", Url(), "", 455},
-        {"ds", "DESCRIBE", Url(), "", 455},
-        {"ds", "PLAY", Url() + "/trackID=7", "", 404},
-        {"ds", "PLAY", Url(), "Range: smpte=0:10:00-\r\n", 457},
-        {"ds", "PLAY", Url(), "Range: npt=soon\r\n", 457},
-        {"ds", "PLAY", Url(), "Scale: 0\r\n", 400},
-        {"ds", "PLAY", Url(), "Scale: nan\r\n", 400},
-        {"ds", "PLAY", Url(), "Session: 17\r\n", 454},
-        {"dsp", "SETUP", Url() + "/trackID=7", INTERLEAVED, 404},
-        {"dsp", "DESCRIBE", Url(), "", 455},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(std::string(row.setting) + " " + row.method + " " + row.url + " " + row.headers);
-        CRtspTestClient client(m_port);
-        const std::string setting = row.setting;
-        const auto go_on = [&](size_t from, size_t to) {
-            static const char* METHODS[] = {"DESCRIBE", "SETUP", "PLAY"};
-            for (size_t i = from; i < to; ++i) {
-                EXPECT_EQ(200, client.Ask(METHODS[i], i == 1 ? track : Url(), i == 1 ? INTERLEAVED : "").status);
-            }
-        };
-        go_on(0, setting.size());
-        const bool own_session = std::string(row.headers).find("Session") != std::string::npos;
-        if (own_session) {
-            client.Send(std::string(row.method) + " " + row.url + " RTSP/1.0\r\nCSeq: 9\r\n" + row.headers + "\r\n");
-            EXPECT_EQ(row.status, client.Reply().status);
-        } else {
-            const RtspReply reply = client.Ask(row.method, row.url, row.headers);
-            EXPECT_EQ(row.status, reply.status);
-            EXPECT_EQ(std::to_string(client.LastCSeq()), reply.Header("CSeq"));
-        }
-        go_on(setting.size(), 3);
-    }
-}
 
 // Gives a key frame of that second of a recording.
 bool GiveAt(CFakeStreamSource* source, unsigned int second) {
@@ -128,22 +68,6 @@ TEST_F(Conformance, ALiveSessionPausesAndGoesOnWithAKeyFrame) {
     EXPECT_EQ(0, source->CountCalls("Stop"));
 }
 
-// A track that was never set up has no channel that could be paused.
-TEST_F(Conformance, OnlyWhatWasSetUpIsPaused) {
-    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-    settings.has_audio = true;
-    settings.audio.encode_type = STREAM_AUDIO_PCMA;
-    settings.audio.sample_rate = 8000;
-    StartServer();
-    AddChannel(LIVE_NAME, settings);
-    CRtspTestClient client(m_port);
-    Support::CUdpPeer rtp;
-    Play(client, UdpTransport(rtp.Port()));
-    CLogCapture log(Ostra::LOG_LEVEL_ERROR);
-    EXPECT_EQ(200, client.Ask("PAUSE", Url()).status);
-    EXPECT_TRUE(log.Lines().empty()) << log.Lines().front();
-}
-
 // What an earlier DESCRIBE had brought into play goes with it.
 TEST_F(Conformance, ADescribeThatFailsLateLeavesNothingPlaying) {
     StartWithChannel();
@@ -159,37 +83,6 @@ TEST_F(Conformance, ADescribeThatFailsLateLeavesNothingPlaying) {
     EXPECT_EQ(404, client.Reply().status);
     EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
     PlayInterleaved(client);
-}
-
-TEST_F(Conformance, RangesRatesAndTimesOfARecording) {
-    StartServer();
-    CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
-    const std::string url = Url(FILE_CONTENT);
-    const struct {
-        const char* headers;
-        const char* seek;   // what the source is asked for
-        const char* range;  // of the reply
-        const char* rate;
-    } rows[] = {
-        {"Range: npt=3-5\r\nSpeed: 2\r\n", "Seek 1600000003", "npt=3.000000-5.000000", "2.000"},
-        {"Range: npt=0:00:03-\r\n", "Seek 1600000003", "npt=3.000000-12.000000", ""},
-        {"Scale:-1\r\n", "Seek 1600000012", "npt=12.000000-0.000000", "-1.000"},
-        {"Range: npt=-4\r\nScale: -2\r\n", "Seek 1600000012", "npt=12.000000-4.000000", "-2.000"},
-        {"Range: npt=9-4\r\nScale: -1\r\n", "Seek 1600000009", "npt=9.000000-4.000000", "-1.000"},
-        {"Range: npt=9-\r\nScale: -1\r\n", "Seek 1600000009", "npt=9.000000-0.000000", "-1.000"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.headers);
-        CRtspTestClient client(m_port);
-        EXPECT_EQ(200, client.Ask("DESCRIBE", url).status);
-        EXPECT_EQ(200, client.Ask("SETUP", url + "/trackID=0", INTERLEAVED).status);
-        EXPECT_EQ(457, client.Ask("PLAY", url, "Range: npt=9-4\r\n").status);
-        const RtspReply reply = client.Ask("PLAY", url, row.headers);
-        EXPECT_EQ(200, reply.status);
-        EXPECT_EQ(row.range, reply.Header("Range"));
-        EXPECT_EQ(row.rate, reply.Header("Scale") + reply.Header("Speed"));
-        EXPECT_LT(0, CFakeStreamSource::Last()->CountCalls(row.seek));
-    }
 }
 
 TEST_F(Conformance, ARangeEndsAndNoTimeComesTwice) {

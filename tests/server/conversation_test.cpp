@@ -161,6 +161,18 @@ void Conversation::Run(const std::string& line) {
         {"delete", [](C c, W w) { EXPECT_EQ(0, c.m_live_svr->DelLiveChannel(w.all.c_str())); }},
         {"group", [](C c, W) { c.SetGroup(); }},
         {"listener", [](C c, W) { c.AddListener(); }},
+        {"sound", [](C c, W) { c.m_fake = c.AddChannel(LIVE_NAME, SoundAndPictures()); }},
+        {"conformance",
+         [](C c, W) {
+             c.Set(RTSP_SVR_CONFIG_CONFORMANCE, 1);
+             c.m_svr->SetConfig(c.m_config);
+         }},
+        {"no-source",
+         [](C, W) {
+             CFakeStreamSource::Settings none;
+             none.null_source = true;
+             CFakeStreamSource::SetNext(none);
+         }},
         {"file", [](C, W) { CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo()); }},
         {"give", [](C c, W w) { EXPECT_TRUE(Give(c.m_fake, static_cast<unsigned int>(w.number), 3000)); }},
         {"give-file", [](C, W) { EXPECT_TRUE(Give(CFakeStreamSource::Last(), 10)); }},
@@ -280,12 +292,8 @@ TEST_F(ConversationTest, DescribeWaitsForTheSdpWithoutHoldingOthers) {
 
 // Media leave by the port that SETUP announces. The last SETUP of a track counts, and takes no room from the others.
 TEST_F(ConversationTest, AUdpTrackThatIsSetUpTwice) {
-    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-    settings.has_audio = true;
-    settings.audio.encode_type = STREAM_AUDIO_PCMA;
-    settings.audio.sample_rate = 8000;
     StartServer();
-    CFakeStreamSource* source = AddChannel(LIVE_NAME, settings);
+    CFakeStreamSource* source = AddChannel(LIVE_NAME, SoundAndPictures());
     CRtspTestClient client(m_port);
     ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
     Support::CUdpPeer first, last, audio;

@@ -41,14 +41,6 @@ enum leave_t {
 };
 enum road_t { ROAD_TCP, ROAD_UDP, ROAD_PRIVATE, ROAD_KINDS };
 
-CFakeStreamSource::Settings sound_and_pictures(bool is_file) {
-    CFakeStreamSource::Settings settings = is_file ? CFakeStreamSource::FileVideo() : CFakeStreamSource::LiveVideo();
-    settings.has_audio = true;
-    settings.audio.encode_type = STREAM_AUDIO_PCMA;
-    settings.audio.sample_rate = 8000;
-    return settings;
-}
-
 // A recording takes its time to open, so that its client may have gone by then.
 CStreamSource* make_source(const char* content) {
     const bool is_file = std::string(content).find(FILE_CONTENT) != std::string::npos;
@@ -56,7 +48,7 @@ CStreamSource* make_source(const char* content) {
     if (is_file) {
         std::this_thread::sleep_for(std::chrono::milliseconds(opened++ % 4));
     }
-    return CFakeStreamSource::Make(sound_and_pictures(is_file));
+    return CFakeStreamSource::Make(SoundAndPictures(is_file));
 }
 
 // Gives pictures and sound to all sources. The frames themselves tell of another format at times.
