@@ -86,12 +86,12 @@ TEST_F(Lifecycle, TimeOutsAndReports) {
         server_rtcp = ServerPort(reply) + 1;
         ASSERT_EQ(200, client->Ask("PLAY", Url()).status);
     }
-    for (int i = 0; i < 3; ++i) {  // signs of life on RTCP alone
+    // Control silence alone ends what doesn't play, and UDP without reports; signs of life on RTCP suffice.
+    EXPECT_TRUE(Support::WaitUntil([&] {
         rtcp.Send("report", server_rtcp);
-        Support::AdvanceClock(40000);
-    }
-    EXPECT_TRUE(idle.Closed());  // control silence alone, before PLAY
-    EXPECT_TRUE(udp.Closed());   // control and RTCP silence
+        Support::AdvanceClock(10000);
+        return idle.Closed(30) && udp.Closed(30);
+    }));
     EXPECT_LE(2, log.Count("Rtsp Server Session timeout, this:") + log.Count("Keep-alive failed! timeout: 60 s "));
     EXPECT_FALSE(udp_reports.Closed(1));
     EXPECT_TRUE(Support::WaitUntil([&] {
