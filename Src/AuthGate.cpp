@@ -14,7 +14,8 @@ namespace Vidora {
 
 namespace {
 
-const int AUTH_KIND = 2000;  // the last argument of the module's operations
+const size_t MAX_METHOD_SIZE = 64;  // the rest of a longer word is not told: no method is
+const int AUTH_KIND = 2000;         // the last argument of the module's operations
 const char ANY_OPTIONS[] = "OPTIONS *";
 const char CREDENTIALS[] = "Authorization:";
 const char ONVIF_MARK[] = ".OnvifInterDomain";  // shows the module which table of users to look into
@@ -86,7 +87,16 @@ int CAuthGate::judge_request(const rtsp_msg_info& info, const char* buffer, int 
     if (!save_request(info, buffer, length)) {
         return -1;
     }
+    tell_request(buffer, length, parser->get_url());
     return first_contact ? ask_challenge(parser->get_url(), peer) : ask_verdict(parser->get_auth(), onvif);
+}
+
+void CAuthGate::tell_request(const char* buffer, int length, const char* url) {
+    CStrParser text(buffer, static_cast<unsigned int>(length));
+    text.ConsumeWhitespace();
+    char method[MAX_METHOD_SIZE];
+    text.ConsumeWord(method, sizeof(method));
+    m_module->SetRequest(method, url);
 }
 
 // The first contact.

@@ -81,6 +81,7 @@ private:
     };
 
     int judge_request(const rtsp_msg_info& info, const char* buffer, int length, const CSockAddrStorage& peer);
+    void tell_request(const char* buffer, int length, const char* url);
     int ask_challenge(const char* url, const CSockAddrStorage& peer);
     int ask_verdict(const char* response, bool onvif);
     int repeat_challenge(const char* buffer, int length);

@@ -12,5 +12,7 @@ int IAuthModule::ProcessChallenge(const char* /*response*/, result_proc_t /*resu
     return -1;
 }
 
+void IAuthModule::SetRequest(const char* /*method*/, const char* /*url*/) {}
+
 }  // namespace Vidora
 }  // namespace Kavio

@@ -42,9 +42,15 @@ public:
     virtual int GetChallenge(const char* method_or_url, result_proc_t result, const char* info, int kind);
 
     // Judges a response. `response`: the value of the Authorization header (RFC 2617 3.2.2), with ".OnvifInterDomain"
-    // behind it if the URL is of ONVIF's form: users of another table may be meant. Valid during the call. The method
-    // of the request is not told. `kind`: 2000. 0, or negative on failure. The base returns -1.
+    // behind it if the URL is of ONVIF's form: users of another table may be meant. Valid during the call. `kind`:
+    // 2000. 0, or negative on failure. The base returns -1.
     virtual int ProcessChallenge(const char* response, result_proc_t result, int kind);
+
+    // Tells which request the next GetChallenge or ProcessChallenge is for: right before each of them, on the same
+    // thread. A Digest response is good for one method and one URL (RFC 2617 3.2.2.3), so a module that judges them
+    // keeps both and compares. `method`: its name as it came, such as "DESCRIBE"; `url`: the request's URL as it came,
+    // empty if there is none. Both are valid until that operation returns. The base does nothing.
+    virtual void SetRequest(const char* method, const char* url);
 };
 
 }  // namespace Vidora

@@ -8,10 +8,12 @@ import select
 import signal
 import struct
 import subprocess
+import sys
+import time
 import types
 import unittest
 
-from host_support import HOST, LIVE, MEDIA, Host, Rtsp, main
+from host_support import HOST, JPEG, LIVE, MEDIA, Host, Rtsp, main
 from peers import Folder, free_port, wait_for
 
 CLIP = "1_0_clip.kav"
@@ -176,6 +178,58 @@ class Recordings(unittest.TestCase):
                                         ("../" + os.path.basename(outside.name) + "/secret.kav", 404),
                                         (at.format(2), 200), ("2_0_link.kav", 200)):
                     self.assertEqual(describe(host, content)[0], status, content)
+
+
+class Ending(unittest.TestCase):
+    def test_host_and_players_end_at_a_signal_whatever_is_played(self):
+        with Folder() as folder:
+            folder.write("long.kav", read_clip() * 50)
+            for content, way in ((LIVE, "tcp"), (LIVE, "udp"), (LIVE, "http"), ("long.kav", "tcp"), ("long.kav", "udp")):
+                with self.subTest(content=content, way=way), Host(recordings=folder.name) as host:
+                    player = subprocess.Popen(["ffmpeg", "-nostdin", "-v", "quiet", "-rtsp_transport", way, "-i",
+                                               host.url(content), "-c", "copy", "-f", "framecrc", "-flush_packets", "1", "-"],
+                                              stdout=subprocess.PIPE)
+                    self.addCleanup(player.kill)
+                    while not player.stdout.readline().startswith(b"0,"):
+                        pass
+                    begin = time.monotonic()
+                    self.assertEqual(host.stop(), 0, host.lines)
+                    host_sec = time.monotonic() - begin
+                    player.communicate(timeout=60)  # it ends by itself, since it is told
+                    print(f"host {host_sec:.2f} s, player {time.monotonic() - begin:.2f} s", file=sys.stderr)
+                    # Half a second on a machine that has nothing else to do; a wait for somebody is many.
+                    self.assertLess(host_sec, 5.0)
+
+    def test_players_of_a_group_are_told(self):
+        with Host("--multicast", f"{LIVE}=239.7.8.10:30100", "--multicast-if", "127.0.0.1") as host, Rtsp(host) as peer:
+            peer.play(1, "RTP/AVP;multicast")
+            self.assertEqual(host.stop(), 0, host.lines)
+            with self.assertRaises((EOFError, ConnectionError)):
+                peer.take(1)
+
+    def test_players_are_told(self):
+        with Host() as host, Rtsp(host) as peer:
+            peer.play(2)
+            peer.frame()
+            self.assertEqual(host.stop(), 0, host.lines)
+            last = {}
+            with contextlib.suppress(EOFError):
+                while True:
+                    channel, data = peer.frame()
+                    last[channel] = data
+        for channel in (1, 3):  # the last compound packet of each track holds a BYE (RFC 3550 6.6)
+            data = last[channel]
+            types = []
+            while data:
+                types.append(data[1])
+                data = data[4 + 4 * int.from_bytes(data[2:4], "big"):]
+            self.assertIn(203, types)
+
+    def test_second_signal_ends_it_at_once(self):
+        with Host() as host:
+            for number in (signal.SIGSTOP, signal.SIGTERM, signal.SIGINT, signal.SIGCONT):
+                host.process.send_signal(number)  # both are there when it goes on
+            self.assertIn(host.process.wait(30), (-signal.SIGTERM, -signal.SIGINT))
 
 
 class Output(unittest.TestCase):

@@ -119,6 +119,10 @@ class Login(unittest.TestCase):
                 challenge = headers["www-authenticate"]
                 # No kind of URL is free.
                 self.assertEqual(peer.ask("DESCRIBE", url=peer.url + "&proto=Onvif")[0], 401)
+                # An answer counts for its request alone.
+                for url, other in ((peer.url, "OPTIONS"), (f"{peer.url}0", "DESCRIBE"), (host.url(JPEG), "DESCRIBE")):
+                    header = digest_header(peer.url, "secret", challenge)
+                    self.assertEqual(peer.ask(other, header, url=url)[0], 401)
                 for password, status in (("wrong", 401), ("wrong", 401), ("wrong", 401), ("secret", 200)):
                     self.assertEqual(peer.ask("DESCRIBE", digest_header(peer.url, password, challenge))[0], status)
             with Rtsp(host) as peer:
@@ -185,7 +189,32 @@ class Ending(unittest.TestCase):
             code, _, errors = outcome(HOST, "--live", f"a?channel=1&subtype=0={MEDIA}/none.h264")
             self.assertEqual(code, 1)
             self.assertIn("none.h264: cannot be read", errors)
-        self.assertEqual(outcome(HOST, "--live", "nothing")[0], 105)
+        for wrong in ("nothing", "a#b=c.h264", "/a=c.h264"):
+            self.assertEqual(outcome(HOST, "--live", wrong)[0], 105)
+
+    def test_files_in_containers_play_under_any_name(self):
+        with Folder() as folder:
+            ffmpeg("-f", "lavfi", "-i", "testsrc=size=320x240:rate=25:duration=2", "-f", "lavfi", "-i",
+                   "sine=duration=2", "-c:v", "libx264", "-threads", "1", "-bf", "2", "-g", "25", folder("b.mp4"))
+            pictures = frame_digests("-i", folder("b.mp4"))[0]
+            options = []
+            for name, ending in (("front-door", "mp4"), ("gate/yard?side=left&n=2", "mkv"), ("x", "ts")):
+                ffmpeg("-i", folder("b.mp4"), "-c", "copy", folder(f"copy.{ending}"))
+                self.assertEqual(outcome(HOST, "--live", f"a={folder(f'copy.{ending}')}", "--make-kav",
+                                         folder(f"{ending}.kav"))[0], 0)
+                options += ["--live", f"{name}={folder(f'copy.{ending}')}"]
+            with Host(*options, live=False) as live, Host(recordings=folder.name) as recorded:
+                for name in ("front-door", "front-door/", "gate/yard?side=left&n=2", "x"):
+                    digests = frame_digests("-rtsp_transport", "tcp", "-i", live.url(name), "-t", "1")
+                    self.assertGreater(len(digests[1]), 15)
+                    self.assertTrue(is_run_of_loop(digests[0], pictures), name)
+                for ending in ("mp4", "mkv", "ts"):
+                    digests = frame_digests("-rtsp_transport", "tcp", "-i", recorded.url(f"{ending}.kav"))
+                    self.assertEqual(digests[0], pictures, ending)
+                self.assertNotEqual(outcome("ffprobe", "-v", "error", live.url("back-door"))[0], 0)
+            code, _, errors = outcome("env", "PATH=", HOST, "--live", f"a={folder('b.mp4')}", "--make-kav", folder("k"))
+            self.assertEqual(code, 1)
+            self.assertIn("needs the ffmpeg program", errors)
 
 
 if __name__ == "__main__":

@@ -49,6 +49,28 @@ TEST_F(Authentication, ChallengeRefusalAndPassage) {
     }
 }
 
+TEST_F(Authentication, TheModuleHearsOfEachRequestRightBeforeItsQuestion) {
+    Start();
+    std::mutex mutex;
+    std::string calls;
+    m_module.on_call = [&](const std::string& call, const std::string& text) {
+        const std::lock_guard<std::mutex> guard(mutex);
+        calls += call == "request" ? text + ", " : call + "\n";
+    };
+    CRtspTestClient client(m_port);
+    const std::string track = Url() + "/trackID=0";
+    EXPECT_EQ(401, client.Ask("OPTIONS", Url()).status);
+    EXPECT_EQ(401, client.Ask("DESCRIBE", Url()).status);  // is told the same challenge, unasked
+    EXPECT_EQ(401, client.Ask("SETUP", track, BAD).status);
+    EXPECT_EQ(200, client.Ask("DESCRIBE", Url(), GOOD).status);
+    client.Close();
+    EXPECT_TRUE(SessionsGone());
+    m_module.Reset();
+    EXPECT_EQ("factory\nOPTIONS " + Url() + ", challenge\nSETUP " + track + ", response\nDESCRIBE " + Url() +
+                  ", response\nrelease\n",
+              calls);
+}
+
 TEST_F(Authentication, PipelinedRequestsWaitOnlyForAModuleThatAnswersAtOnce) {
     Start();
     CRtspTestClient client(m_port);

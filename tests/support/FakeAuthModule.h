@@ -80,6 +80,9 @@ public:
         }
         delete this;
     }
+    void SetRequest(const char* method, const char* url) override {
+        All().Record("request", std::string(method) + " " + url);
+    }
     int GetChallenge(const char* url, result_proc_t result, const char* info, int kind) override {
         EXPECT_EQ(2000, kind);
         All().Record("challenge", std::string(url) + " " + info);

@@ -1,11 +1,14 @@
 #include "Catalog.h"
 
+#include <algorithm>
 #include <cstring>
 #include <fstream>
+#include <iterator>
 #include <new>
 
 #include "FrameMaker.h"
 #include "RecordingSource.h"
+#include "Unpacker.h"
 #include "Vidora/Ostra/Log.h"
 #include "Vidora/RtspUrlParser.h"
 
@@ -19,7 +22,7 @@ std::shared_ptr<const LiveClip> load_clip(const LiveOption& option, double fps, 
         return nullptr;
     }
     const std::string& audio_file = option.audio_file.empty() ? option.video_file : option.audio_file;
-    if (!option.audio_file.empty() || HasEnding(audio_file, ".kav")) {
+    if (!option.audio_file.empty() || HasEnding(audio_file, ".kav") || IsContainer(audio_file)) {
         clip->has_audio = clip->audio.LoadAudio(audio_file, error);
         if (!clip->has_audio && error.empty() && !option.audio_file.empty()) {
             error = audio_file + ": holds no audio";
@@ -50,6 +53,14 @@ bool read_query(const char* content, RecordingQuery& query) {
     return !query.name.empty();
 }
 
+// A content as the log may show it: without its query if that seems to hold a password.
+std::string shown(const std::string& content) {
+    static const char* const SIGNS[] = {"@", "pass", "pwd", "auth"};
+    const bool hides = std::any_of(std::begin(SIGNS), std::end(SIGNS),
+                                   [&](const char* sign) { return strcasestr(content.c_str(), sign) != nullptr; });
+    return hides ? content.substr(0, content.find('?')) + "?***" : content;
+}
+
 }  // namespace
 
 bool Catalog::Load(const Options& options, std::string& error) {
@@ -76,7 +87,7 @@ CStreamSource* Catalog::MakeSource(const char* content) const {
         error = "nothing is published under that name";
     }
     if (!error.empty() || m_recordings->IsRefused(query, error)) {
-        Kavio::Ostra::logWarn("%s: %s\n", content, error.c_str());
+        Kavio::Ostra::logWarn("%s: %s\n", shown(content).c_str(), error.c_str());
         return nullptr;
     }
     return new (std::nothrow) RecordingSource(*m_recordings, query, content);

@@ -5,6 +5,7 @@
 #include "AnnexB.h"
 #include "FileBytes.h"
 #include "FrameCursor.h"
+#include "Unpacker.h"
 #include "Vidora/JpegParser.h"
 #include "Vidora/KXFrame.h"
 #include "Vidora/Mpeg4Parser.h"
@@ -19,9 +20,12 @@ namespace {
 const size_t G711_BLOCK = 320;  // 40 ms at 8 kHz
 const double G711_BLOCK_MS = 40.0;
 const int G711_RATE = 8000;
+const unsigned H264_SLICE_B = 1;    // ISO 14496-10 table 7-6, modulo 5
 const double LONE_FRAME_MS = 40.0;  // how long a recording of one frame lasts
 const int MAX_JPEG_SIDE = 2040;     // RFC 2435 3.1.5: eight bits count eights
-const char B_PICTURES[] = "has B pictures, whose order of time stamps a raw stream does not tell: encode without them";
+const char B_PICTURES[] =
+    "has B pictures, whose times a raw stream does not carry: give them in an .mp4, .mkv, .ts or .kav file, or encode "
+    "without them";
 
 // An MPEG audio frame header (ISO 11172-3 2.4.1.3), layer II.
 struct AudioHeader {
@@ -54,6 +58,18 @@ int vop_letter(unsigned char byte) {
     return "IPBP"[byte >> 6];
 }
 
+// Of a whole picture.
+int h264_letter(const unsigned char* data, size_t size) {
+    for (const NalUnit& nal : SplitNalUnits(data, size)) {
+        H264Slice slice;
+        if (IsSlice(nal) && h264_parse_slice_type(nal.data + 1, nal.size - 1, slice)) {
+            const bool is_b = slice.slice_type % 5 == H264_SLICE_B;
+            return h264_nal_type(nal.data[0]) == H264_NAL_IDR ? 'I' : is_b ? 'B' : 'P';
+        }
+    }
+    return 'P';
+}
+
 // Why RFC 2435, as the packetiser fills it, can't carry an image; null if it can.
 const char* why_not_sent(const JpegImage& image) {
     if (!image.is_420) {
@@ -73,7 +89,8 @@ const char* why_not_sent(const JpegImage& image) {
 }  // namespace
 
 bool Clip::LoadVideo(const std::string& path, double fps, std::string& error) {
-    if (!ReadFile(path, m_bytes, error)) {
+    const bool is_container = IsContainer(path);
+    if (!is_container && !ReadFile(path, m_bytes, error)) {
         return false;
     }
     const struct {
@@ -83,8 +100,10 @@ bool Clip::LoadVideo(const std::string& path, double fps, std::string& error) {
     bool done = false;
     if (HasEnding(path, ".kav")) {
         done = cut_kav(false, error);
+    } else if (is_container) {
+        done = cut_container(path, error);
     } else {
-        error = "is no .h264, .m4v, .mjpeg or .kav file";
+        error = "is no .h264, .m4v, .mjpeg, .kav, .mp4, .mkv or .ts file";
         for (const auto& kind : kinds) {
             if (HasEnding(path, kind.ending)) {
                 error.clear();
@@ -109,11 +128,16 @@ bool Clip::LoadVideo(const std::string& path, double fps, std::string& error) {
 }
 
 bool Clip::LoadAudio(const std::string& path, std::string& error) {
-    if (!ReadFile(path, m_bytes, error)) {
+    const bool is_container = IsContainer(path);
+    if (is_container ? !UnpackAudio(path, m_bytes, error) : !ReadFile(path, m_bytes, error)) {
+        error = is_container ? path + ": " + error : error;
+        return false;
+    }
+    if (is_container && m_bytes.empty()) {
         return false;
     }
     bool done = false;
-    if (HasEnding(path, ".alaw")) {
+    if (is_container || HasEnding(path, ".alaw")) {
         done = cut_g711(STREAM_AUDIO_PCMA_14);
     } else if (HasEnding(path, ".ulaw")) {
         done = cut_g711(STREAM_AUDIO_PCMU);
@@ -179,7 +203,7 @@ bool Clip::cut_h264(std::string& error) {
             error = "has no parameter sets in front of its first picture";
             return false;
         }
-        if (slice.slice_type % 5 == 1) {
+        if (slice.slice_type % 5 == H264_SLICE_B) {
             error = B_PICTURES;
             return false;
         }
@@ -265,6 +289,49 @@ bool Clip::cut_mjpeg(std::string& error) {
         at = next;
     }
     m_video.encode_type = STREAM_VIDEO_JPEG;
+    return true;
+}
+
+bool Clip::cut_container(const std::string& path, std::string& error) {
+    UnpackedVideo video;
+    if (!UnpackVideo(path, video, error)) {
+        return false;
+    }
+    size_t end = 0;
+    for (const UnpackedVideo::Picture& picture : video.pictures) {
+        const unsigned char* body = video.bytes.data() + end;
+        end += picture.size;
+        const int letter = h264_letter(body, picture.size);
+        if (m_units.empty() && letter != 'I') {
+            continue;
+        }
+        const size_t offset = m_bytes.size();
+        if (const char* why = append_body(body, picture.size, STREAM_VIDEO_H264)) {
+            error = why;
+            return false;
+        }
+        add_unit(offset, m_bytes.size() - offset, letter);
+        m_units.back().time_ms = picture.time_ms;
+    }
+    return m_units.empty() || take_container_format(error);
+}
+
+bool Clip::take_container_format(std::string& error) {
+    m_specific_info = FindSpecificInfo(m_bytes.data(), m_units.front().size, STREAM_VIDEO_H264);
+    const auto* info = reinterpret_cast<const unsigned char*>(m_specific_info.data());
+    for (const NalUnit& nal : SplitNalUnits(info, m_specific_info.size())) {
+        H264Sps sps;
+        if (h264_nal_type(nal.data[0]) == H264_NAL_SPS && h264_parse_sps(nal.data, nal.size, sps)) {
+            take_size(sps);
+        }
+    }
+    if (m_video.width == 0) {
+        error = "has no parameter sets in its first key frame";
+        return false;
+    }
+    set_kav_duration();
+    m_video.encode_type = STREAM_VIDEO_H264;
+    m_video.frame_rate = static_cast<int>(static_cast<double>(m_units.size()) * 1000.0 / m_duration_ms + 0.5);
     return true;
 }
 

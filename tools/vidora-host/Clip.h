@@ -28,11 +28,11 @@ struct ClipUnit {
 class Clip {
 public:
     // Loads a video file by its ending: .h264 (Annex B), .m4v (MPEG-4 part 2), .mjpeg (a run of JPEG images) with `fps`
-    // frames a second, or the video of a .kav recording with its own times. False, with `error` saying why, if it can't
-    // be read or holds what can't be sent.
+    // frames a second; or the video of a .kav recording, or of a file that IsContainer tells, with its own times.
+    // False, with `error` saying why, if it can't be read or holds what can't be sent.
     bool LoadVideo(const std::string& path, double fps, std::string& error);
     // Loads an audio file: .alaw and .ulaw (G.711, 8 kHz, blocks of 40 ms), .mp2 (MPEG audio frames), or the audio of a
-    // .kav recording. False if there is none, with `error` empty for a .kav without audio.
+    // .kav recording or a container. False if there is none, with `error` empty for one of these without audio.
     bool LoadAudio(const std::string& path, std::string& error);
 
     const std::vector<ClipUnit>& Units() const { return m_units; }
@@ -51,6 +51,8 @@ private:
     void take_size(const Kavio::Vidora::H264Sps& sps);
     bool cut_mpeg4(std::string& error);
     bool cut_mjpeg(std::string& error);
+    bool cut_container(const std::string& path, std::string& error);
+    bool take_container_format(std::string& error);
     bool cut_kav(bool audio, std::string& error);
     bool is_wanted(const FrameEntry& entry, bool audio) const;
     const char* append_kav(const FrameEntry& entry, const unsigned char* body);

@@ -16,8 +16,6 @@ using Kavio::Ostra::CTime;
 
 namespace {
 
-const char* const METHODS[] = {"OPTIONS", "DESCRIBE", "SETUP",         "PLAY",
-                               "PAUSE",   "TEARDOWN", "SET_PARAMETER", "GET_PARAMETER"};
 // A URL of the ONVIF kind has this behind its answer.
 const char ONVIF_MARK[] = ".OnvifInterDomain";
 const size_t TIME_DIGITS = 8;
@@ -98,6 +96,17 @@ bool has_scheme(const std::string& text, const char* scheme, std::string& rest) 
     return true;
 }
 
+// What a URL asks for, its path and query: some clients name the whole URL in their answer, some that part alone, and
+// some end one of them in a slash.
+std::string path_of(const std::string& url) {
+    const size_t scheme = url.find("://");
+    const size_t slash = scheme == std::string::npos ? 0 : url.find('/', scheme + 3);
+    const size_t begin = url.find_first_not_of('/', slash);
+    const size_t end = url.find_last_not_of('/');
+    return slash == std::string::npos || begin == std::string::npos ? std::string()
+                                                                    : url.substr(begin, end + 1 - begin);
+}
+
 }  // namespace
 
 void Credentials::Set(const std::vector<UserOption>& users, const std::string& realm, int nonce_sec) {
@@ -139,7 +148,7 @@ std::string Credentials::MakeChallenge() const {
            "\"\r\nWWW-Authenticate: Basic realm=\"" + m_realm + "\"";
 }
 
-bool Credentials::IsAllowed(const std::string& authorization) const {
+bool Credentials::IsAllowed(const std::string& authorization, const AuthRequest& request) const {
     std::string value = authorization;
     const size_t mark = std::strlen(ONVIF_MARK);
     if (value.size() > mark && value.compare(value.size() - mark, mark, ONVIF_MARK) == 0) {
@@ -147,31 +156,28 @@ bool Credentials::IsAllowed(const std::string& authorization) const {
     }
     std::string rest;
     if (has_scheme(value, "digest", rest)) {
-        return is_digest_allowed(read_fields(rest));
+        return is_digest_allowed(read_fields(rest), request);
     }
     return has_scheme(value, "basic", rest) && is_basic_allowed(rest);
 }
 
 // RFC 2617 3.2.2.1, and RFC 2069 where there is no qop.
-bool Credentials::is_digest_allowed(const fields_t& fields) const {
+bool Credentials::is_digest_allowed(const fields_t& fields, const AuthRequest& request) const {
     const auto field = [&](const char* name) {
         const auto found = fields.find(name);
         return found == fields.end() ? std::string() : found->second;
     };
     const std::string nonce = field("nonce");
     const std::string* password = find_password(field("username"));
-    if (field("realm") != m_realm || !is_nonce_fresh(nonce)) {
+    if (field("realm") != m_realm || !is_nonce_fresh(nonce) || path_of(field("uri")) != path_of(request.url)) {
         return false;
     }
     // An unknown user costs as much as a known one.
     const std::string ha1 = md5(field("username") + ":" + m_realm + ":" + (password == nullptr ? m_secret : *password));
     const std::string qop = field("qop");
     const std::string middle = qop.empty() ? nonce : nonce + ":" + field("nc") + ":" + field("cnonce") + ":" + qop;
-    bool matches = false;
-    for (const char* method : METHODS) {
-        const std::string ha2 = md5(std::string(method) + ":" + field("uri"));
-        matches |= equals_in_constant_time(md5(ha1 + ":" + middle + ":" + ha2), field("response"));
-    }
+    const std::string ha2 = md5(request.method + ":" + field("uri"));
+    const bool matches = equals_in_constant_time(md5(ha1 + ":" + middle + ":" + ha2), field("response"));
     return matches && password != nullptr;
 }
 
@@ -196,7 +202,12 @@ int AuthModule::GetChallenge(const char*, result_proc_t result, const char*, int
 }
 
 int AuthModule::ProcessChallenge(const char* response, result_proc_t result, int) {
-    const bool allowed = response != nullptr && m_credentials.IsAllowed(response);
+    const bool allowed = response != nullptr && m_credentials.IsAllowed(response, m_request);
     result(allowed ? AUTH_RESULT_OK : AUTH_RESULT_DENIED, "");
     return 0;
+}
+
+void AuthModule::SetRequest(const char* method, const char* url) {
+    m_request.method = method;
+    m_request.url = url;
 }

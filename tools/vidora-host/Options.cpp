@@ -2,7 +2,12 @@
 
 #include <CLI/CLI.hpp>
 #include <algorithm>
+#include <cctype>
+#include <cstring>
 #include <iterator>
+#include <set>
+
+#include "Vidora/RtspUrlParser.h"
 
 namespace {
 
@@ -41,12 +46,12 @@ ListenOption parse_listen(const std::string& text) {
     return option;
 }
 
-// The last "=" separates, since a content may hold several.
+// The last "=" separates, since a name may hold several.
 LiveOption parse_live(const std::string& text) {
     LiveOption option;
     std::string files;
-    if (!split_last(text, '=', option.content, files)) {
-        throw CLI::ValidationError("--live", "wants CONTENT=FILE[,AUDIOFILE], not " + text);
+    if (!split_last(text, '=', option.name, files)) {
+        throw CLI::ValidationError("--live", "wants NAME=FILE[,AUDIOFILE], not " + text);
     }
     if (!split_last(files, ',', option.video_file, option.audio_file)) {
         option.video_file = files;
@@ -59,8 +64,8 @@ MulticastOption parse_multicast(const std::string& text) {
     std::string target;
     std::string kind;
     std::string port;
-    if (!split_last(text, '=', option.content, target)) {
-        throw CLI::ValidationError("--multicast", "wants CONTENT=GROUP:PORT[,rtp|ts], not " + text);
+    if (!split_last(text, '=', option.name, target)) {
+        throw CLI::ValidationError("--multicast", "wants NAME=GROUP:PORT[,rtp|ts], not " + text);
     }
     std::string address = target;
     if (split_last(target, ',', address, kind) && kind != "rtp" && kind != "ts") {
@@ -131,13 +136,17 @@ void add_server_options(CLI::App& app, Options& options, FormedOptions& formed) 
         ->check(CLI::Range(0, 86400))
         ->capture_default_str();
     app.add_option("--rtp-ports", formed.ports, "MIN-MAX, local ports for UDP media (default 20000-40000)");
+    app.add_flag("--as-described", options.as_described,
+                 "where the library's own ways on the wire differ from the standards, its own, for old clients of its "
+                 "kind; the standards' otherwise");
     app.add_option("--dscp", options.dscp, "DSCP value of UDP media, 0 for none")->check(CLI::Range(0, 63));
 }
 
 void add_content_options(CLI::App& app, Options& options, FormedOptions& formed) {
     app.add_option("--live", formed.live,
-                   "CONTENT=FILE[,AUDIOFILE], repeatable: FILE (.h264 .m4v .mjpeg .kav) with AUDIOFILE (.alaw .ulaw "
-                   ".mp2) in a loop in real time")
+                   "NAME=FILE[,AUDIOFILE], repeatable: FILE (.h264 .m4v .mjpeg .kav, and .mp4 .mkv .ts if the ffmpeg "
+                   "program is installed) with AUDIOFILE (.alaw .ulaw .mp2) in a loop in real time; NAME is what "
+                   "stands in URLs, for example front-door")
         ->allow_extra_args(false);
     app.add_option("--fps", options.fps, "frame rate of .h264, .m4v and .mjpeg files")
         ->check(CLI::Range(0.1, 240.0))
@@ -167,8 +176,8 @@ void add_access_options(CLI::App& app, Options& options, FormedOptions& formed) 
 void add_multicast_options(CLI::App& app, Options& options, FormedOptions& formed) {
     app.add_option(
            "--multicast", formed.multicast,
-           "CONTENT=GROUP:PORT[,rtp|ts], repeatable: sends a live stream to a group (default rtp); its content is "
-           "then served by multicast only")
+           "NAME=GROUP:PORT[,rtp|ts], repeatable: sends a live stream to a group (default rtp); it is then served by "
+           "multicast only")
         ->allow_extra_args(false);
     app.add_option("--multicast-if", options.multicast_if, "address of the interface that multicast leaves by");
 }
@@ -199,22 +208,55 @@ std::vector<Option> read_each(const std::vector<std::string>& texts, Option (*re
     return values;
 }
 
-bool is_live(const Options& options, const std::string& content) {
+bool is_live(const Options& options, const std::string& name) {
     return std::any_of(options.live.begin(), options.live.end(),
-                       [&](const LiveOption& live) { return live.content == content; });
+                       [&](const LiveOption& live) { return live.name == name; });
 }
 
-// Each content is published once, and what goes to a group is published.
-void check_contents(const Options& options) {
+// Signs of a path and a query (RFC 3986 3.3, 3.4); a slash at an end would be lost on the way.
+bool fits_url(const std::string& name) {
+    static const char OTHER_SIGNS[] = "-._~!$&'()*+,;=:@%/?";
+    return name.front() != '/' && name.back() != '/' && std::all_of(name.begin(), name.end(), [](char sign) {
+               return std::isalnum(static_cast<unsigned char>(sign)) != 0 || std::strchr(OTHER_SIGNS, sign) != nullptr;
+           });
+}
+
+// Each name is published once and can be asked for, and what goes to a group is published.
+void check_names(const Options& options) {
     for (const LiveOption& live : options.live) {
-        const auto same = [&](const LiveOption& other) { return other.content == live.content; };
+        const auto same = [&](const LiveOption& other) { return other.name == live.name; };
         if (std::count_if(options.live.begin(), options.live.end(), same) > 1) {
-            throw CLI::ValidationError("--live", "publishes " + live.content + " twice");
+            throw CLI::ValidationError("--live", "publishes " + live.name + " twice");
+        }
+        if (!fits_url(live.name)) {
+            throw CLI::ValidationError("--live", "wants a name that a URL can hold (others as %XX), not " + live.name);
         }
     }
     for (const MulticastOption& multicast : options.multicast) {
-        if (!is_live(options, multicast.content)) {
-            throw CLI::ValidationError("--multicast", "sends " + multicast.content + ", which no --live publishes");
+        if (!is_live(options, multicast.name)) {
+            throw CLI::ValidationError("--multicast", "sends " + multicast.name + ", which no --live publishes");
+        }
+    }
+}
+
+// Does a name read as the library wants the contents of channels?
+bool is_channel(const std::string& name) {
+    Kavio::Vidora::CRtspUrlParser parser;
+    unsigned int length = static_cast<unsigned int>(name.size());
+    return parser.ParseContent(name.c_str(), length) && parser.GetIdentifier() != nullptr;
+}
+
+// Any other name stands for a channel that no option names.
+void assign_channels(Options& options) {
+    std::set<std::string> taken;
+    for (const LiveOption& live : options.live) {
+        taken.insert(live.name);
+    }
+    int number = 0;
+    for (LiveOption& live : options.live) {
+        live.content = live.name;
+        while (!is_channel(live.name) && !taken.insert(live.content).second) {
+            live.content = "cam/realmonitor?channel=" + std::to_string(++number) + "&subtype=0";
         }
     }
 }
@@ -244,7 +286,8 @@ bool ParseOptions(int argc, char** argv, Options& options, int& exit_code) {
     try {
         app.parse(argc, argv);
         read_formed(formed, options);
-        check_contents(options);
+        check_names(options);
+        assign_channels(options);
         if (!options.make_kav.empty() && options.live.size() != 1) {
             throw CLI::ValidationError("--make-kav", "wants exactly one --live");
         }

@@ -4,16 +4,17 @@
 #include <string>
 #include <vector>
 
-// One --live option: CONTENT=FILE[,AUDIOFILE].
+// One --live option: NAME=FILE[,AUDIOFILE].
 struct LiveOption {
-    std::string content;
+    std::string name;     // what URLs call it
+    std::string content;  // what it is published as: the name itself, or a free channel's content
     std::string video_file;
     std::string audio_file;
 };
 
-// One --multicast option: CONTENT=GROUP:PORT[,rtp|ts].
+// One --multicast option: NAME=GROUP:PORT[,rtp|ts].
 struct MulticastOption {
-    std::string content;
+    std::string name;
     std::string group;
     unsigned short port = 0;
     bool is_ts = false;
@@ -59,6 +60,7 @@ struct Options {
     int stats_sec = 0;    // 0 for none
     int nonce_sec = 300;  // how long a nonce of Digest authentication lives
     bool json = false;
+    bool as_described = false;  // the library's own ways where they differ from the standards
 };
 
 // Reads the command line. True to go on; false to end with `exit_code` (help, or a mistake that was told).

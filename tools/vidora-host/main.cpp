@@ -12,11 +12,11 @@
 #include <vector>
 
 #include "Catalog.h"
+#include "ContentRule.h"
 #include "Credentials.h"
 #include "Monitor.h"
 #include "NatEntrance.h"
 #include "Options.h"
-#include "ProxyRule.h"
 #include "Vidora/Vidora.h"
 
 using namespace Kavio::Vidora;
@@ -66,16 +66,17 @@ void fill_config(const Options& options, CRtspSvrConfig& config) {
     config.SetAuthType(auth_type);
     config.SetHttpAuthType(auth_type);
     config.SetOnvifUserGlobal(true);  // the users are asked for whatever the URL says
-    SetProxyRule(options.proxy_to);
-    config.SetUrlFunc(&RefuseOtherProxies);
+    SetContentRule(options);
+    config.SetUrlFunc(&RewriteContent);
     config.SetSrcFunc(&make_source);
     config.SetAuthFunc(&make_auth_module);
     config.SetEventFunc(&on_event);
+    config.SetConformance(!options.as_described);
 }
 
-const MulticastOption* find_multicast(const Options& options, const std::string& content) {
+const MulticastOption* find_multicast(const Options& options, const std::string& name) {
     for (const MulticastOption& multicast : options.multicast) {
-        if (multicast.content == content) {
+        if (multicast.name == name) {
             return &multicast;
         }
     }
@@ -122,7 +123,7 @@ public:
             return false;
         }
         for (const LiveOption& live : options.live) {
-            if (!publish(options, live.content, error)) {
+            if (!publish(options, live, error)) {
                 return false;
             }
         }
@@ -135,12 +136,13 @@ public:
     }
 
 private:
-    bool publish(const Options& options, const std::string& content, std::string& error) {
-        const MulticastOption* multicast = find_multicast(options, content);
-        error = content + ": cannot be published";
+    bool publish(const Options& options, const LiveOption& live, std::string& error) {
+        const MulticastOption* multicast = find_multicast(options, live.name);
+        const std::string& content = live.content;
+        error = live.name + ": cannot be published";
         CDataSource* source = CDataSource::Create(content.c_str());
         if (source == nullptr) {
-            error = content + ": a live content reads cam/realmonitor?channel=N&subtype=D, D being one digit";
+            error = live.name + ": a channel reads cam/realmonitor?channel=N&subtype=D, D being one digit";
             return false;
         }
         source->SetConfig(m_config);
