@@ -70,6 +70,9 @@ int CNatLink::OnInput(int fd) {
     }
     // A failing read is silence. The conversation may end in the middle.
     const int count = batch->Recv(*m_sock);
+    if (count <= 0) {
+        m_sock->DropAnswers();
+    }
     for (int i = 0; i < count && m_reads; ++i) {
         if (is_server(batch->From(i))) {
             take(batch->Datagram(i), batch->From(i));

@@ -63,6 +63,9 @@ INatIntake& NatSessions() {
 
 bool CP2PSvrSession::ReadPeer(const char* text, CSockAddrStorage& peer) {
     const char* colon = text == nullptr ? nullptr : strrchr(text, ':');
+    if (colon == nullptr) {
+        logError("%s:%d pos != std::string::npos\n", __FILE__, __LINE__);
+    }
     const size_t length = colon == nullptr ? 0 : static_cast<size_t>(colon - text);
     const int port = colon == nullptr ? 0 : read_port(colon + 1);
     char host[MAX_ADDRESS] = "";
@@ -106,10 +109,11 @@ int CP2PSvrSession::handle_input(int fd) {
     CSockAddrStorage from;
     for (int i = 0; i < MAX_DATAGRAMS_A_TURN; ++i) {
         const int count = m_sock->Recv(text, MAX_DATAGRAM + 1, &from);
-        if (count < 0) {
-            return CSockDgram::IsPeerError(errno) ? 0 : end_broken();
+        if (count < 0 && !CSockDgram::IsPeerError(errno)) {
+            return end_broken();
         }
-        if (count == 0) {
+        if (count <= 0) {
+            m_sock->DropAnswers();
             return 0;
         }
         text[count] = '\0';

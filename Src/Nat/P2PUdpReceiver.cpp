@@ -49,6 +49,9 @@ int CP2PUdpReceiver::handle_stream_input() {
         return -1;
     }
     const int count = batch->Recv(*m_sock);
+    if (count <= 0) {
+        m_sock->DropAnswers();
+    }
     mark_arrival();
     for (int i = 0; i < count; ++i) {
         if (batch->From(i) == m_server && Take(batch->Datagram(i)) < 0) {

@@ -1,7 +1,6 @@
 #include "SIP/UdpStreamReceiver.h"
 
 #include <poll.h>
-#include <sys/socket.h>
 
 #include <algorithm>
 #include <cerrno>
@@ -22,15 +21,6 @@ bool has_failed(int fd, int error) {
     pollfd state = {fd, POLLRDHUP, 0};
     return error == EBADF || error == ENOTSOCK ||
            (::poll(&state, 1, 0) > 0 && (state.revents & (POLLRDHUP | POLLHUP | POLLNVAL)) != 0);
-}
-
-// A host may have its socket keep what peers' systems answer in a queue (IP_RECVERR, ip(7)). What stays there would be
-// told for ever.
-void drop_answers(int fd) {
-    msghdr nothing = {};
-    for (int i = 0; i < CDgramBatch::MAX_DATAGRAMS && ::recvmsg(fd, &nothing, MSG_ERRQUEUE | MSG_DONTWAIT) >= 0; ++i) {
-        nothing = {};
-    }
 }
 
 }  // namespace
@@ -167,7 +157,7 @@ int CUdpStreamReceiver::read(int fd, CDgramBatch& batch, uint64_t& run) {
         return -1;
     }
     if (count <= 0) {
-        drop_answers(fd);
+        m_sock->DropAnswers();
     }
     return std::max(count, 0);
 }

@@ -16,6 +16,7 @@ namespace Tramel {
 namespace {
 
 constexpr int MIN_RECV_BUFFER = 1 << 20;
+constexpr int MAX_ANSWERS = 64;
 
 // A burst of a key frame's packets must fit until a thread reads. The forced form passes the system's limit, but needs
 // the privilege.
@@ -133,6 +134,13 @@ bool CSockDgram::IsPeerError(int error) {
             return true;
         default:
             return false;
+    }
+}
+
+void CSockDgram::DropAnswers() {
+    msghdr nothing = {};
+    for (int i = 0; i < MAX_ANSWERS && ::recvmsg(m_fd, &nothing, MSG_ERRQUEUE | MSG_DONTWAIT) >= 0; ++i) {
+        nothing = {};
     }
 }
 

@@ -32,6 +32,9 @@ public:
     // Whether Recv or a send failed with an error, an errno, that ICMP has told of an earlier datagram: the socket goes
     // on.
     static bool IsPeerError(int error);
+    // Takes off what a host may have its socket keep of such answers (IP_RECVERR, ip(7)): what stays there makes it
+    // ready to be read for ever. At most 64 of them. For when nothing was read.
+    void DropAnswers();
     // As SetRemote, without connecting: the route, and the address to send from, are found anew for each datagram, and
     // what others send is received as well. `interface_index` above 0: datagrams leave by that interface, with the
     // address `source` if it is valid. Not after SetRemote. 0 or -1.

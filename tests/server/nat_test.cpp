@@ -153,10 +153,14 @@ TEST_F(NatServer, EveryEndGivesTheSocketBackOnce) {
         {"silence", [](CNatViewer&) { AdvanceClock(16000); }},
         {"a viewer that has gone",
          [this](CNatViewer& viewer) {
+             const int queues = 1;  // of a host that reads ICMP answers itself
+             EXPECT_EQ(0, setsockopt(viewer.HostFd(), IPPROTO_IP, IP_RECVERR, &queues, sizeof(queues)));
              viewer.Leave();
              for (unsigned int i = 0; i < 20; ++i) {
                  EXPECT_TRUE(Give(m_source_of_channel, i));
              }
+             pollfd state = {viewer.HostFd(), 0, 0};  // nothing is left that would be told without an end
+             EXPECT_TRUE(WaitUntil([&] { return poll(&state, 1, 0) == 0; }));
              EXPECT_EQ(1u, m_svr->CountSessions());  // what its system refuses is but silence
              AdvanceClock(16000);
          }},
@@ -196,6 +200,19 @@ TEST_F(NatServer, TheHostMayCloseAllInTheCallbackAndUseTheSocketAgain) {
     m_svr->Stop();  // the session may have begun or not
     EXPECT_EQ(0u, m_svr->EndSessions(20000));
     EXPECT_TRUE(CameBackOnce(other));
+}
+
+TEST_F(NatServer, TheSocketMayBeHandedInAgainInsideTheCallback) {
+    CNatViewer viewer;
+    Begin(viewer);
+    viewer.on_came_back = [&] { EXPECT_TRUE(viewer.Returns() > 0 || viewer.HandIn(*m_svr) == 0); };
+    viewer.Send("garbage\r\n\r\n");
+    ASSERT_EQ(SERVER_HELLO, viewer.Text());
+    EXPECT_TRUE(viewer.Greet());
+    EXPECT_TRUE(viewer.Play(Url()));
+    EXPECT_EQ(0u, m_svr->EndSessions(20000));
+    EXPECT_TRUE(WaitUntil([&] { return viewer.Returns() == 2; }));
+    EXPECT_TRUE(viewer.IsAsItWas());
 }
 
 TEST_F(NatServer, WhatIsNoNatStreamIsClosedOrStaysTheCallers) {
