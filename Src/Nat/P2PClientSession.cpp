@@ -17,7 +17,8 @@ struct CP2PClientSession::Internal {
     CMutex m_mutex;
     CMediaBuffer m_buffer;
     CP2PClient* m_client = nullptr;  // until it has gone
-    long m_notify_id = 0;            // 0: nothing is told any more
+    long m_client_id = 0;
+    long m_notify_id = 0;  // 0: nothing is told any more
     bool m_started = false;
     bool m_ready = false;
     bool m_closed = false;
@@ -45,6 +46,7 @@ CP2PClientSession* CP2PClientSession::Create() {
     }
     client->Conversation().SetBuffer(&session->m_internal->m_buffer);
     session->m_internal->m_client = client;
+    session->m_internal->m_client_id = client->GetID();
     return session;
 }
 
@@ -135,9 +137,13 @@ rtsp_client_failure_t CP2PClientSession::GetFailure() {
     return m_internal->m_failure;
 }
 
-int CP2PClientSession::handle_message(long, unsigned int msg, long param) {
+// Only the engine is listened to: it must have gone before the session does.
+int CP2PClientSession::handle_message(long sender_id, unsigned int msg, long param) {
     CGuard guard(m_internal->m_mutex);
     Internal& self = *m_internal;
+    if (sender_id != self.m_client_id) {
+        return 0;
+    }
     if (msg == MSG_SOURCE_CLOSED) {
         self.m_client = nullptr;
         CNetHandler::Close();

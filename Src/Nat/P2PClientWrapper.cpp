@@ -11,8 +11,8 @@ namespace Vidora {
 // A sink that lives until the call that is inside has returned, also when that call itself ends the stream.
 class CP2PClientWrapper::CFrameSink : public CLevel2Buffer_IF, public std::enable_shared_from_this<CFrameSink> {
 public:
-    CFrameSink(CRtspClientBuffer::frame_callback_t on_frame, CRtspClientBuffer::error_callback_t on_error, void* user)
-        : m_buffer(on_frame, on_error, user) {}
+    explicit CFrameSink(const std::shared_ptr<CHostCalls>& calls)
+        : m_calls(calls), m_buffer(&CHostCalls::OnFrame, &CHostCalls::OnError, calls.get()) {}
 
     CRtspClientBuffer& Buffer() { return m_buffer; }
     int Put(CMediaPacket* packet, int length, int flag, int channel) override {
@@ -21,12 +21,13 @@ public:
     }
 
 private:
+    const std::shared_ptr<CHostCalls> m_calls;
     CRtspClientBuffer m_buffer;
 };
 
 CP2PClientWrapper::CP2PClientWrapper(CRtspClientBuffer::frame_callback_t on_frame,
                                      CRtspClientBuffer::error_callback_t on_error, void* user)
-    : m_param(on_frame), m_callback(on_error), m_user(user) {
+    : m_calls(CHostCalls::Create(on_frame, on_error, user)) {
     logInfo("%s %s this: %p\n", __FILE__, __func__, static_cast<void*>(this));
 }
 
@@ -38,7 +39,8 @@ int CP2PClientWrapper::Start(const char* url, int sock_handle) {
         return -1;
     }
     CGuard guard(m_mutex);
-    CP2PClientSession* client = m_client == nullptr && !m_closed ? CP2PClientSession::Create() : nullptr;
+    const bool may_start = m_client == nullptr && !m_closed && m_calls != nullptr;
+    CP2PClientSession* client = may_start ? CP2PClientSession::Create() : nullptr;
     if (client == nullptr) {
         return -1;
     }
@@ -88,8 +90,8 @@ int CP2PClientWrapper::handle_message(long, unsigned int msg, long) {
         default:
             break;
     }
-    if (is_over) {
-        tell_over();
+    if (is_over && m_calls != nullptr) {
+        m_calls->TellOver();
     }
     return 0;
 }
@@ -100,7 +102,7 @@ bool CP2PClientWrapper::begin_frames_locked() {
         return true;
     }
     try {
-        m_frame_sink = std::make_shared<CFrameSink>(m_param, m_callback, m_user);
+        m_frame_sink = std::make_shared<CFrameSink>(m_calls);
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -111,23 +113,7 @@ bool CP2PClientWrapper::begin_frames_locked() {
     return m_client->Play(0.0F, 0.0F, 1.0F, false) == 0;
 }
 
-void CP2PClientWrapper::tell_over() {
-    {
-        CGuard guard(m_mutex);
-        if (m_closed || m_told || m_callback == nullptr) {
-            return;
-        }
-        m_told = true;
-        m_calling = true;
-        m_call_thread = std::this_thread::get_id();
-    }
-    m_callback(STREAM_OVER, m_user);
-    CGuard guard(m_mutex);
-    m_calling = false;
-    m_call_wait.Wake();
-}
-
-// The sink goes first, so that no frame is inside when the session has ended.
+// The callbacks stop and the sink goes first, so that no frame is inside when the session has ended.
 void CP2PClientWrapper::Close() {
     CP2PClientSession* client = nullptr;
     std::shared_ptr<CFrameSink> sink;
@@ -141,18 +127,14 @@ void CP2PClientWrapper::Close() {
         client = std::exchange(m_client, nullptr);
         sink.swap(m_frame_sink);
     }
+    if (m_calls != nullptr) {
+        m_calls->Stop();
+    }
     if (sink != nullptr) {
-        sink->Buffer().Stop();
         client->GetMediaBuffer()->DelLevel2Buffer(sink.get());
     }
     if (client != nullptr) {
         client->Close();
-    }
-    {
-        CGuard guard(m_mutex);
-        while (m_calling && m_call_thread != std::this_thread::get_id()) {
-            m_call_wait.Wait(m_mutex);
-        }
     }
     CNetHandler::Close();
 }

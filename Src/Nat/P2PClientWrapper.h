@@ -2,9 +2,8 @@
 #define VIDORA_NAT_P2PCLIENTWRAPPER_H
 
 #include <memory>
-#include <thread>
 
-#include "Tramel/CallWait.h"
+#include "Nat/HostCalls.h"
 #include "Vidora/Names.h"
 #include "Vidora/P2PClientSession.h"
 #include "Vidora/RtspClientBuffer.h"
@@ -19,12 +18,10 @@ namespace Vidora {
 //            `on_frame` and damaged media come on the thread that receives, the end of the stream on the own strand.
 class CP2PClientWrapper : public CNetHandler {
 public:
-    // What CRtspClientBuffer gets. `on_error` is also called with STREAM_OVER, once, when the stream has ended by
-    // itself. Each may be null.
+    // What CRtspClientBuffer gets. `on_error` is also called with CHostCalls::STREAM_OVER, once, when the stream has
+    // ended by itself. Each may be null.
     CP2PClientWrapper(CRtspClientBuffer::frame_callback_t on_frame, CRtspClientBuffer::error_callback_t on_error,
                       void* user);
-
-    enum { STREAM_OVER = 1 };
 
     // See CP2PClientSession::Start. The stream is played as soon as its tracks are set up. Once.
     int Start(const char* url, int sock_handle);
@@ -32,8 +29,10 @@ public:
     int Play(float begin, float end, float speed, bool scale);
     // 0, or -1 before Start.
     int Pause();
-    // Ends the session. When it returns no callback runs or will begin, but for one that it is called from.
+    // Ends the session, and stops Calls().
     void Close() override;
+    // The callbacks, for who has to wait for them when Close was called before; null if memory was short.
+    const std::shared_ptr<CHostCalls>& Calls() const { return m_calls; }
 
     int handle_message(long sender_id, unsigned int msg, long param) override;
     int handle_close(CNetHandler* handler) override;
@@ -43,20 +42,13 @@ private:
 
     ~CP2PClientWrapper() override;
     bool begin_frames_locked() VIDORA_REQUIRES(m_mutex);
-    void tell_over();
 
-    const CRtspClientBuffer::frame_callback_t m_param;
-    const CRtspClientBuffer::error_callback_t m_callback;
-    void* const m_user;
+    const std::shared_ptr<CHostCalls> m_calls;
 
     CMutex m_mutex;
-    Tramel::CCallWait m_call_wait;                                     // used with m_mutex
     CP2PClientSession* m_client VIDORA_GUARDED_BY(m_mutex) = nullptr;  // from Start to Close
     std::shared_ptr<CFrameSink> m_frame_sink VIDORA_GUARDED_BY(m_mutex);
     bool m_closed VIDORA_GUARDED_BY(m_mutex) = false;
-    bool m_told VIDORA_GUARDED_BY(m_mutex) = false;     // that the stream is over
-    bool m_calling VIDORA_GUARDED_BY(m_mutex) = false;  // the end is being told, on m_call_thread
-    std::thread::id m_call_thread VIDORA_GUARDED_BY(m_mutex);
 };
 
 }  // namespace Vidora

@@ -21,6 +21,7 @@ struct stream_client {
     CMutex m_mutex;
     stream_client_callbacks m_callbacks VIDORA_GUARDED_BY(m_mutex) = {};
     CP2PClientWrapper* m_wrapper VIDORA_GUARDED_BY(m_mutex) = nullptr;  // from start to stop
+    std::shared_ptr<CHostCalls> m_calls VIDORA_GUARDED_BY(m_mutex);     // from start on
     bool m_started VIDORA_GUARDED_BY(m_mutex) = false;                  // the socket is the library's
 };
 
@@ -104,6 +105,7 @@ int stream_client_start(stream_client* handle, const void* callbacks) {
         return fail_start(handle->m_params);
     }
     handle->m_wrapper = wrapper;
+    handle->m_calls = wrapper->Calls();
     handle->m_started = true;
     return 0;
 }
@@ -126,18 +128,23 @@ int stream_client_pause(stream_client* handle) {
     return handle->m_wrapper != nullptr ? handle->m_wrapper->Pause() : -1;
 }
 
-// Closing waits for callbacks, which may call back in: no lock is held.
+// Closing waits for callbacks, which may call back in: no lock is held. Who comes when it was closed already waits for
+// those that still run.
 int stream_client_stop(stream_client* handle) {
     if (!is_given(handle, __LINE__)) {
         return -1;
     }
     CP2PClientWrapper* wrapper = nullptr;
+    std::shared_ptr<CHostCalls> calls;
     {
         CGuard guard(handle->m_mutex);
         wrapper = std::exchange(handle->m_wrapper, nullptr);
+        calls = handle->m_calls;
     }
     if (wrapper != nullptr) {
         wrapper->Close();
+    } else if (calls != nullptr) {
+        calls->Stop();
     }
     return 0;
 }

@@ -70,8 +70,9 @@ VIDORA_API int stream_client_start(stream_client* handle, const void* callbacks)
 VIDORA_API int stream_client_play(stream_client* handle, const play_params* params);
 // Holds the stream until the next play. -1: it isn't started.
 VIDORA_API int stream_client_pause(stream_client* handle);
-// Ends the stream. When it returns no callback runs or will begin, but for one that it is called from. 0 also for a
-// client that doesn't run.
+// Ends the stream. When it returns no callback runs or will begin, also if another thread or a callback has stopped it
+// before, but for one that it is called from (and the other one, if both callbacks stop). 0 also for a client that
+// doesn't run.
 VIDORA_API int stream_client_stop(stream_client* handle);
 // The same, and frees the handle.
 VIDORA_API int stream_client_destroy(stream_client* handle);

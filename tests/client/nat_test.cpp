@@ -66,6 +66,7 @@ TEST_F(CNatTest, MediaComesAsRunsAndWhatIsNoMediaIsDropped) {
     CNatPeer peer(&CScriptedServer::Answer);
     CNatHost host;
     ASSERT_EQ(0, host.Start(peer.Url()));
+    host.session->handle_message(0, MSG_SOURCE_CLOSED, 0);  // not of its engine, which lives
     ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
     ASSERT_EQ(1u, peer.Requests("SETUP").size());
     EXPECT_NE(std::string::npos, peer.Requests("SETUP")[0].text.find("RTP/AVP/TCP;unicast;interleaved=0-1"));
@@ -400,7 +401,15 @@ TEST_F(CNatServerTest, ASlowSourceIsWaitedFor) {
 }
 
 // How the host of the flat layer ends its client.
-enum flat_end_t { FROM_OUTSIDE, FROM_TWO_THREADS, INSIDE_A_FRAME, INSIDE_THE_END, AT_ONCE, WITHOUT_START };
+enum flat_end_t {
+    FROM_OUTSIDE,
+    FROM_TWO_THREADS,
+    INSIDE_A_FRAME,
+    INSIDE_AND_OUTSIDE,
+    INSIDE_THE_END,
+    AT_ONCE,
+    WITHOUT_START
+};
 
 class CFlatTest : public testing::TestWithParam<flat_end_t> {
 protected:
@@ -420,6 +429,12 @@ protected:
         EXPECT_EQ(-1, stream_client_cleanup());
         const play_params params = {0.0F, 0.0F, 0, 1.0F};
         EXPECT_TRUE(m_frames != 1 || stream_client_play(m_client, &params) == 0);
+        if (where == INSIDE_A_FRAME && GetParam() == INSIDE_AND_OUTSIDE) {
+            stream_client_stop(m_client);
+            m_inside = true;
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));  // time for who doesn't wait to go on
+            m_left = true;
+        }
         if (where == GetParam()) {
             m_stopped = true;
             stream_client_stop(m_client);
@@ -432,6 +447,8 @@ protected:
     std::atomic<int> m_frames{0};
     std::atomic<int> m_ends{0};
     std::atomic<bool> m_stopped{false};
+    std::atomic<bool> m_inside{false};
+    std::atomic<bool> m_left{false};
 };
 
 TEST_P(CFlatTest, EndsInAnyOrder) {
@@ -469,8 +486,12 @@ TEST_P(CFlatTest, EndsInAnyOrder) {
     if (end == INSIDE_A_FRAME || end == INSIDE_THE_END) {
         EXPECT_TRUE(WaitUntil([this] { return m_client == nullptr; }));
     }
+    if (end == INSIDE_AND_OUTSIDE) {
+        EXPECT_TRUE(WaitUntil([this] { return m_inside.load(); }));
+    }
     if (stream_client* client = m_client) {
         Support::RunTogether(end == FROM_TWO_THREADS ? 2 : 1, [client] { EXPECT_EQ(0, stream_client_stop(client)); });
+        EXPECT_EQ(m_inside, m_left);
         m_stopped = true;
         EXPECT_EQ(-1, stream_client_start(client, &callbacks));
         EXPECT_EQ(0, stream_client_destroy(client));
@@ -481,8 +502,21 @@ TEST_P(CFlatTest, EndsInAnyOrder) {
 }
 
 INSTANTIATE_TEST_SUITE_P(At, CFlatTest,
-                         testing::Values(FROM_OUTSIDE, FROM_TWO_THREADS, INSIDE_A_FRAME, INSIDE_THE_END, AT_ONCE,
-                                         WITHOUT_START));
+                         testing::Values(FROM_OUTSIDE, FROM_TWO_THREADS, INSIDE_A_FRAME, INSIDE_AND_OUTSIDE,
+                                         INSIDE_THE_END, AT_ONCE, WITHOUT_START));
+
+TEST(FlatTest, WithoutAPoolAClientWaitsAndEnds) {
+    Support::CUdpPeer sock;
+    stream_client_params params = {"rtsp://127.0.0.1:9/stream", ::dup(sock.Fd())};
+    const stream_client_callbacks callbacks = {};
+    stream_client* client = stream_client_create(&params, nullptr);
+    EXPECT_EQ(0, stream_client_start(client, &callbacks));
+    EXPECT_EQ(0, stream_client_pause(client));
+    EXPECT_EQ(0, stream_client_destroy(client));
+    EXPECT_LT(::fcntl(params.sock_handle, F_GETFD), 0);
+    EXPECT_EQ(0, stream_client_startup());
+    EXPECT_EQ(0, stream_client_cleanup());
+}
 
 TEST(FlatTest, NullIsRefused) {
     EXPECT_EQ(nullptr, stream_client_create(nullptr, nullptr));
