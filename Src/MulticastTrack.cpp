@@ -5,6 +5,7 @@
 
 #include "DgramBatch.h"
 #include "StreamParser/RtpHeader.h"
+#include "StreamParser/TsRtpHeader.h"
 #include "StreamParser/TsTable.h"
 #include "Vidora/KXFrame.h"
 #include "Vidora/Ostra/ByteReader.h"
@@ -86,7 +87,10 @@ void CMulticastTrack::Take(const unsigned char* data, unsigned int length) {
 // until its frames are taken, so that one packet's memory serves for all.
 bool CMulticastTrack::take_ts(const unsigned char* data, unsigned int length) {
     CByteReader reader(data, length);
-    bool used = length > 0;
+    if (rtp_peek_payload_type(data, length) == CTsRtpHeader::PAYLOAD_TYPE) {
+        reader.Skip(RTP_HEADER_LEN);  // RFC 2250: bare packets begin with 0x47, which no RTP packet does
+    }
+    bool used = reader.Remaining() > 0;
     while (reader.Remaining() >= TS_PACK_LEN && m_live) {
         const uint8_t* bytes = reader.ReadBytes(TS_PACK_LEN);
         m_packet.resize(0);

@@ -282,6 +282,15 @@ int CSdpParser::set_media_port(int track_id, uint16_t port) {
     return -1;
 }
 
+int CSdpParser::set_media_format(int track_id, const char* format) {
+    sdp_media_t* media = find_media(track_id);
+    if (media == nullptr) {
+        return -1;
+    }
+    media->formats.clear();
+    return SdpAddFormat(*media, format) ? 0 : -1;
+}
+
 int CSdpParser::set_media_key(int track_id, const char* method, const char* value) {
     sdp_media_t* media = find_media(track_id);
     return media != nullptr ? set_key_once(media->key, method, value) : -1;

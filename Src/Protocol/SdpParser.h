@@ -104,6 +104,8 @@ public:
     int remove_media_attribute(int track_id, const char* name);
     // Always returns -1, also when it has stored the port: don't test it.
     int set_media_port(int track_id, uint16_t port);
+    // Leaves `format` as the only payload format of a medium. 0 or -1.
+    int set_media_format(int track_id, const char* format);
     int set_media_key(int track_id, const char* method, const char* value);
 
     // Queries. Numbers are -1 and texts null for an unknown track or if there is nothing to report.

@@ -28,6 +28,9 @@ public:
     // Kinds (stream_kind_t) of both tracks, and TS packets in an output unit; below 1 means 7.
     void SetTsInfo(int video_kind, int audio_kind, int packets_per_output);
 
+    // Whether the tables name the video track alone.
+    void SetVideoOnly(bool on) { m_table.track_count = on ? 1 : TS_MAX_TRACKS; }
+
     // As in IFrame2Packet. `extra` has no meaning here. The bytes of the frame are copied at once.
     int PutFrame(const unsigned char* data, unsigned int len, int enc_type, uint64_t pts, uint8_t extra) override;
     int GetPacketCount() override;

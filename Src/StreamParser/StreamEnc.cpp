@@ -75,6 +75,7 @@ int CStreamEnc::InputFrame(const Flumen::CMediaFrame& frame) {
         return PARSER_FAILED;
     }
     m_last_frame = frame;
+    m_ts_rtp.SetTime(frame.getPts(Flumen::PTS_TYPE_MS));
     count_frame(frame);
     return PARSER_FRAME_READY;
 }
@@ -123,13 +124,19 @@ unsigned int CStreamEnc::next_packet_len() const {
     return size > 0 ? static_cast<unsigned int>(size) + extension : 0;
 }
 
+// Bytes that stand in front of each packet of the engine's.
+unsigned int CStreamEnc::headers_len() const {
+    return (m_over_tcp.use_header != 0 ? Tramel::INTERLEAVE_HEADER_SIZE : 0) + m_ts_rtp.Size();
+}
+
 // Writes the packet in turn, behind its interleave header if there is to be one, and moves on.
 bool CStreamEnc::write_packet(CByteWriter& writer, unsigned int packet_len) {
     if (m_over_tcp.use_header != 0) {
         writer.WriteU8(m_over_tcp.dollar);
         writer.WriteU8(m_over_tcp.channel);
-        writer.WriteU16(static_cast<uint16_t>(packet_len));
+        writer.WriteU16(static_cast<uint16_t>(packet_len + m_ts_rtp.Size()));
     }
+    m_ts_rtp.Write(writer);
     unsigned char* place = writer.Reserve(packet_len);
     const int written = place == nullptr ? 0 : m_packer->GetPacket(place, packet_len);
     end_packet();
@@ -144,7 +151,7 @@ void CStreamEnc::end_packet() {
 
 Flumen::CMediaFrame CStreamEnc::output_single() {
     const unsigned int packet_len = next_packet_len();
-    Flumen::CMediaFrame out(m_over_tcp.use_header != 0 ? packet_len + Tramel::INTERLEAVE_HEADER_SIZE : packet_len);
+    Flumen::CMediaFrame out(packet_len + headers_len());
     if (!out.valid()) {
         end_packet();  // so that a caller who takes packets until there is none comes to an end
         return out;
@@ -158,9 +165,7 @@ Flumen::CMediaFrame CStreamEnc::output_single() {
 
 Flumen::CMediaFrame CStreamEnc::output_merged() {
     const unsigned int extension = m_rtp_packer != nullptr ? m_rtp_packer->GetExtensionSize() : 0;
-    const unsigned int headers = m_over_tcp.use_header != 0 ? static_cast<unsigned int>(m_packer->GetPacketCount()) *
-                                                                  Tramel::INTERLEAVE_HEADER_SIZE
-                                                            : 0;
+    const unsigned int headers = static_cast<unsigned int>(m_packer->GetPacketCount()) * headers_len();
     Flumen::CMediaFrame out(static_cast<unsigned int>(m_packer->GetTotalSize()) + extension + headers);
     CByteWriter writer(out.getBuffer(), out.size());
     bool ok = out.valid();
@@ -186,6 +191,9 @@ Flumen::CMediaFrame CStreamEnc::output_merged() {
 }
 
 int CStreamEnc::SetParam(const RtpEncParam& param) {
+    if (m_ts_param.over_rtp != 0) {
+        m_ts_rtp.Begin(param);
+    }
     if (m_dst_type != STREAM_TYPE_RTP) {
         return PARSER_OK;
     }
@@ -213,6 +221,7 @@ int CStreamEnc::SetParam(const TsEncParam& param) {
     if (m_ts_packer != nullptr) {
         m_ts_packer->SetTsInfo(stream_kind_of_enc_type(param.video_enc_type),
                                stream_kind_of_enc_type(param.audio_enc_type), param.packets_per_output);
+        m_ts_packer->SetVideoOnly(param.video_only != 0);
     }
     m_shown_video = param.video_enc_type;
     m_shown_audio = param.audio_enc_type;
@@ -242,6 +251,8 @@ int CStreamEnc::SetParam(const RtpOverTcpParam& param) {
 int CStreamEnc::GetParam(RtpEncParam& param) {
     if (m_rtp_packer != nullptr) {
         m_rtp_packer->GetRtpInfo(param);
+    } else if (m_ts_rtp.HasBegun()) {
+        m_ts_rtp.Get(param);
     }
     return PARSER_OK;
 }

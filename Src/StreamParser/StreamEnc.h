@@ -7,6 +7,7 @@
 #include "StreamParser/Frame2Packet.h"
 #include "StreamParser/ShownValue.h"
 #include "StreamParser/StreamParser.h"
+#include "StreamParser/TsRtpHeader.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -34,7 +35,8 @@ public:
     int SetParam(const PsEncParam& param) override;
     int SetParam(const TsEncParam& param) override;
     // With RTP_FLAG_EXTENSION clear: a new timeline from the block's values. With it set: the flags and the extension
-    // only, for the frames that follow.
+    // only, for the frames that follow. For a transport stream that goes over
+    // RTP: a new timeline as well.
     int SetParam(const RtpEncParam& param) override;
     int SetParam(const RtpOverTcpParam& param) override;
     int GetParam(RtpEncParam& param) override;
@@ -48,6 +50,7 @@ private:
     Flumen::CMediaFrame output_single();
     Flumen::CMediaFrame output_merged();
     unsigned int next_packet_len() const;
+    unsigned int headers_len() const;
     bool write_packet(CByteWriter& writer, unsigned int packet_len);
     void end_packet();
 
@@ -63,6 +66,7 @@ private:
     CFrame2Rtp* m_rtp_packer = nullptr;
     CFrame2Ts* m_ts_packer = nullptr;
     CFrame2Ps* m_ps_packer = nullptr;
+    CTsRtpHeader m_ts_rtp;
     ParserStatis m_statis;
 
     CShownValue<int> m_shown_enc_type;

@@ -10,7 +10,24 @@ namespace {
 
 const int PORTS_PER_TRACK = 2;
 const char TS_RTPMAP[] = "33 MP2T/90000";
+const char TS_FORMAT[] = "33";
 const char LIVE_RANGE[] = "npt=now-";
+
+// RFC 2250: one medium, payload type 33, with the sound inside it.
+void describe_ts_alone(CSdpParser& sdp) {
+    int at = 0;
+    while (at < sdp.get_media_count() && sdp.get_media_type_at(at) != SDP_MEDIA_VIDEO) {
+        ++at;
+    }
+    const int video = sdp.get_track_id(at);
+    for (int i = video < 0 ? -1 : sdp.get_media_count() - 1; i >= 0; --i) {
+        if (i != at) {
+            sdp.remove_media(sdp.get_track_id(i));
+        }
+    }
+    sdp.set_media_format(video, TS_FORMAT);
+    sdp.remove_media_attribute(video, "fmtp");
+}
 
 // Returns the base port.
 int describe_destinations(CSdpParser& sdp, const CMulticastOutput& output) {
@@ -29,7 +46,10 @@ void set_ts_map(CSdpParser& sdp, int index) {
 
 }  // namespace
 
-void FinishUnicastSdp(CSdpParser& sdp, transf_type_t transf_type) {
+void FinishUnicastSdp(CSdpParser& sdp, transf_type_t transf_type, bool standard) {
+    if (standard && transf_type == TRANSF_TYPE_TS) {
+        describe_ts_alone(sdp);
+    }
     sdp.set_session_attribute("range", LIVE_RANGE);
     for (int i = 0; transf_type == TRANSF_TYPE_TS && i < sdp.get_media_count(); ++i) {
         if (sdp.get_media_type_at(i) == SDP_MEDIA_VIDEO) {
@@ -40,7 +60,10 @@ void FinishUnicastSdp(CSdpParser& sdp, transf_type_t transf_type) {
     sdp.GetStream();
 }
 
-void FinishMulticastSdp(CSdpParser& sdp, transf_type_t transf_type, const CMulticastOutput& output) {
+void FinishMulticastSdp(CSdpParser& sdp, transf_type_t transf_type, bool standard, const CMulticastOutput& output) {
+    if (standard && transf_type == TRANSF_TYPE_TS) {
+        describe_ts_alone(sdp);
+    }
     const int base_port = describe_destinations(sdp, output);
     for (int i = 0; i < sdp.get_media_count(); ++i) {
         const int media_type = sdp.get_media_type_at(i);

@@ -128,7 +128,7 @@ private:
     int find_track_locked(int type) VIDORA_REQUIRES(m_mutex);
     int put_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
     unsigned int send_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
-    int put_ts_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
+    int put_ts_locked(const Flumen::CMediaFrame& frame, int track, uint8_t kind) VIDORA_REQUIRES(m_mutex);
     static void put_kx(const CMediaBufferRef& buffer, const Flumen::CMediaFrame& frame, int track, int tag);
 
     // Constant after Init; messages that come while it runs wait for its end.

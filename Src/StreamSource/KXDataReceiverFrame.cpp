@@ -111,8 +111,9 @@ int CKXDataReceiver::put_frame_locked(const Flumen::CMediaFrame& frame) {
     if (is_described && m_buffers.Size(PACKET_TYPE_RTP) > 0 && put_rtp_locked(frame, track, tag) < 0) {
         return -1;
     }
-    // Audio doesn't reach the transport stream by this path.
-    if (is_described && m_buffers.Size(PACKET_TYPE_TS) > 0 && is_video(type) && put_ts_locked(frame, track, tag) < 0) {
+    // Sound reaches the transport stream by the standards' way only.
+    const bool in_ts = is_video(type) || (type == FRAME_TYPE_AUDIO && m_encoders.TsHasSound());
+    if (is_described && m_buffers.Size(PACKET_TYPE_TS) > 0 && in_ts && put_ts_locked(frame, track, kind) < 0) {
         return -1;
     }
     // Private frames describe themselves, so that a change of format doesn't hold them up.
@@ -184,7 +185,8 @@ unsigned int CKXDataReceiver::send_rtp_locked(const Flumen::CMediaFrame& frame, 
     return put ? rtp.packets.size() : 0;
 }
 
-int CKXDataReceiver::put_ts_locked(const Flumen::CMediaFrame& frame, int track, int tag) {
+// All goes out as the first track.
+int CKXDataReceiver::put_ts_locked(const Flumen::CMediaFrame& frame, int track, uint8_t kind) {
     if (!m_encoders.BeginTs(track)) {
         logError("%s:%d ts stream parser create fail\n", __FILE__, __LINE__);
         return -1;
@@ -198,9 +200,11 @@ int CKXDataReceiver::put_ts_locked(const Flumen::CMediaFrame& frame, int track, 
         logError("%s:%d MediaFrame Input fail\n", __FILE__, __LINE__);
         return 0;
     }
+    const int tag = Tramel::MediaTag{static_cast<uint8_t>(is_video(frame.getType()) ? track : 0), kind}.Pack();
     for (size_t i = 0; i < m_buffers.Size(PACKET_TYPE_TS); ++i) {
         put_media(CMediaBufferRef(m_buffers.At(PACKET_TYPE_TS, i)), ts.packets, 1, tag);
     }
+    m_encoders.CountTs(ts.packets.size(), frame.getPts(Flumen::PTS_TYPE_MS));
     return 0;
 }
 

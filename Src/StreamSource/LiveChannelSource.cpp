@@ -269,10 +269,10 @@ int CLiveChannel::GetSdp(CSdpParser& sdp) {
     }
     CGuard guard(self.m_mutex);
     if (self.m_unicast) {
-        FinishUnicastSdp(sdp, self.m_transf_type);
+        FinishUnicastSdp(sdp, self.m_transf_type, self.m_config.GetConformance());
         return 0;
     }
-    FinishMulticastSdp(sdp, self.m_transf_type, self.m_multicast);
+    FinishMulticastSdp(sdp, self.m_transf_type, self.m_config.GetConformance(), self.m_multicast);
     return 1;
 }
 

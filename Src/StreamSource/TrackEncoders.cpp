@@ -75,6 +75,8 @@ void CTrackEncoders::add_tracks(const CFormatWatch& formats) {
     m_count = 0;
     m_ts_param.video_enc_type = ENC_TYPE_NONE;
     m_ts_param.audio_enc_type = ENC_TYPE_NONE;
+    m_ts_param.video_only = m_conformance ? 1 : 0;
+    m_ts_param.over_rtp = m_conformance ? 1 : 0;
     if (formats.HasVideo()) {
         const int enc_type = video_enc_type(formats.GetVideo().encode_type);
         m_ts_param.video_enc_type = enc_type;
@@ -84,6 +86,10 @@ void CTrackEncoders::add_tracks(const CFormatWatch& formats) {
         const StreamAudioFormat& audio = formats.GetAudio();
         AudioMap map = {DYNAMIC_AUDIO_PAYLOAD, audio.sample_rate, ""};
         MapAudio(audio.encode_type, audio.sample_rate, m_conformance, map);
+        if (m_conformance && audio.encode_type == STREAM_AUDIO_MPEG) {
+            m_ts_param.audio_enc_type = ENC_TYPE_MP3;
+            m_ts_param.video_only = 0;
+        }
         add(audio.encode_type == STREAM_AUDIO_MPEG ? ENC_TYPE_MPEG_AUDIO : ENC_TYPE_AUDIO, map.payload_type,
             map.clock_rate);
     }
@@ -102,19 +108,26 @@ void CTrackEncoders::add(int enc_type, int payload_type, int clock_rate) {
 void CTrackEncoders::Reset() {
     for (int i = 0; i < MAX_TRACK; ++i) {
         Track& track = m_tracks[i];
-        if (!track.rtp) {
+        if (track.rtp) {
+            begin_anew(i, *track.rtp, track.param, track.has_sent);
+        } else {
             track.param.timestamp = random_draw32();
             m_info.SetTimestamp(i, track.param.timestamp);
-            continue;
         }
-        track.rtp->GetParam(track.param);
-        if (m_conformance && track.has_sent) {
-            track.param.timestamp += track.param.clock_rate / PICTURES_PER_SECOND;
-        }
-        track.has_sent = false;
-        m_info.SetPlace(i, track.param.timestamp, track.param.sequence);
-        track.rtp->SetParam(track.param);
     }
+    if (m_ts && m_conformance) {
+        begin_anew(0, *m_ts, m_ts_rtp, m_ts_has_sent);
+    }
+}
+
+void CTrackEncoders::begin_anew(int index, CStreamParser& converter, RtpEncParam& param, bool& has_sent) {
+    converter.GetParam(param);
+    if (m_conformance && has_sent) {
+        param.timestamp += param.clock_rate / PICTURES_PER_SECOND;
+    }
+    has_sent = false;
+    m_info.SetPlace(index, param.timestamp, param.sequence);
+    converter.SetParam(param);
 }
 
 bool CTrackEncoders::BeginRtp(int index) {
@@ -139,8 +152,12 @@ bool CTrackEncoders::BeginTs(int track) {
     if (!m_ts) {
         return false;
     }
-    m_ts->SetParam(m_tracks[track].over_tcp);
+    m_ts->SetParam(m_tracks[m_conformance ? 0 : track].over_tcp);
     m_ts->SetParam(m_ts_param);
+    if (m_conformance) {
+        m_ts_rtp = m_tracks[0].param;
+        m_ts->SetParam(m_ts_rtp);
+    }
     return true;
 }
 
@@ -175,8 +192,20 @@ void CTrackEncoders::CountRtp(int index, unsigned int bytes, uint64_t pts_ms) {
     Track& track = m_tracks[index];
     track.has_sent = true;
     track.rtp->GetParam(track.param);
+    count(index, track.param, bytes, pts_ms);
+}
+
+void CTrackEncoders::CountTs(unsigned int bytes, uint64_t pts_ms) {
+    if (m_conformance && bytes > 0) {
+        m_ts_has_sent = true;
+        m_ts->GetParam(m_ts_rtp);
+        count(0, m_ts_rtp, bytes, pts_ms);
+    }
+}
+
+void CTrackEncoders::count(int index, const RtpEncParam& param, unsigned int bytes, uint64_t pts_ms) {
     const unsigned int packets = (bytes + CSrcInfoTable::COUNTED_PACKET_SIZE - 1) / CSrcInfoTable::COUNTED_PACKET_SIZE;
-    m_info.AddFrame(index, track.param.timestamp, track.param.sequence, {bytes, packets, PACKET_HEADER_SIZE, pts_ms});
+    m_info.AddFrame(index, param.timestamp, param.sequence, {bytes, packets, PACKET_HEADER_SIZE, pts_ms});
 }
 
 }  // namespace Vidora

@@ -44,8 +44,13 @@ public:
     void SetExtension(int track, const CReplayExtension& extension);
     Converted ToRtp(int track, const Flumen::CMediaFrame& frame);
     Converted ToTs(const Flumen::CMediaFrame& frame);
+    // Whether the transport stream takes sound: by the standards' way MPEG audio, which alone has a stream type of
+    // ISO 13818-1 table 2-34.
+    bool TsHasSound() const { return m_ts_param.audio_enc_type != ENC_TYPE_NONE; }
     // Shows in the table where the RTP of the track is, and counts the bytes that the last frame, of that time, sent.
     void CountRtp(int track, unsigned int bytes, uint64_t pts_ms);
+    // The same for a transport stream whose units are RTP packets of the first track.
+    void CountTs(unsigned int bytes, uint64_t pts_ms);
 
 private:
     struct Track {
@@ -57,6 +62,8 @@ private:
 
     void add_tracks(const CFormatWatch& formats);
     void add(int enc_type, int payload_type, int clock_rate);
+    void count(int index, const RtpEncParam& param, unsigned int bytes, uint64_t pts_ms);
+    void begin_anew(int index, CStreamParser& converter, RtpEncParam& param, bool& has_sent);
     static Converted convert(CStreamParser& parser, const Flumen::CMediaFrame& frame);
 
     CSrcInfoTable& m_info;
@@ -65,6 +72,8 @@ private:
     Track m_tracks[MAX_TRACK];
     TsEncParam m_ts_param;
     CStreamParserPtr m_ts;
+    RtpEncParam m_ts_rtp;  // with conformance: of the packets that the transport stream goes out in (RFC 2250)
+    bool m_ts_has_sent = false;
 };
 
 }  // namespace Vidora

@@ -65,6 +65,7 @@ protected:
         CFakeStreamSource::SetNext(settings);
         CRtspSvrConfig config;
         config.SetSrcFunc(&CFakeStreamSource::Factory);
+        config.SetConformance(m_conformance);
         m_holder = CTestHandler::Make();
         m_holder->on_message = [this](long, unsigned int msg, long) {
             const std::lock_guard<std::mutex> guard(m_mutex);
@@ -125,6 +126,7 @@ protected:
     CPool m_pool;
     CTestHandler* m_holder = nullptr;
     CDataSource* m_source = nullptr;
+    bool m_conformance = false;
     int m_init_result = 0;
     CMediaBuffer m_buffer[3];
     CCollectingSink m_sink[3];
@@ -132,6 +134,46 @@ protected:
     std::vector<unsigned int> m_messages;
     uint32_t m_sequence = 0;
 };
+
+// RFC 2250: units behind RTP headers of payload type 33, sound among them; all as the first track.
+TEST_F(KXDataTest, ATransportStreamIsRtpByTheStandards) {
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.has_audio = true;
+    settings.audio = {STREAM_AUDIO_MPEG, 44100};
+    m_conformance = true;
+    OpenReady(settings);
+    ASSERT_EQ(0, Start(PACKET_TYPE_TS));
+    ASSERT_TRUE(Host().Give(Picture(true, 3000)));
+    FrameSpec sound;
+    sound.type = 'A';
+    sound.pts_ms = 60;
+    sound.payload.assign(400, 'a');
+    ASSERT_TRUE(Host().Give(BuildFrame(sound)));
+    ASSERT_EQ(2u, Given(PACKET_TYPE_TS).size());
+    int last = -1;
+    unsigned int packets = 0;
+    for (const CCollectingSink::Item& item : Given(PACKET_TYPE_TS)) {
+        EXPECT_EQ(0, item.channel >> 8);
+        for (size_t at = 0; at < item.bytes.size(); ++packets) {
+            const uint8_t* unit = item.bytes.data() + at;
+            const int length = unit[2] << 8 | unit[3];
+            EXPECT_EQ((Bytes{'$', 0}), (Bytes{unit[0], unit[1]}));
+            EXPECT_EQ((Bytes{0x80, 33}), (Bytes{unit[4], unit[5]}));
+            EXPECT_EQ(0x47, unit[16]);
+            EXPECT_EQ(0, (length - 12) % 188);
+            const int sequence = unit[6] << 8 | unit[7];
+            EXPECT_TRUE(last < 0 || sequence == (last + 1) % 65536);
+            last = sequence;
+            at += static_cast<size_t>(length) + 4;
+        }
+    }
+    SrcInfo info;
+    CSdpParser sdp;
+    ASSERT_EQ(0, m_source->GetSdp(sdp));
+    ASSERT_EQ(0, m_source->GetSrcInfo(info, sdp.get_track_id(0)));
+    EXPECT_EQ(packets, info.rtp_packets);
+    EXPECT_EQ((last + 1) % 65536, info.seq);
+}
 
 TEST_F(KXDataTest, OneFrameFeedsAllThreeForms) {
     OpenReady();
