@@ -142,7 +142,10 @@ private:
     int warn_play(refusal_t refusal);
     int build_rtp_info(const CTrack* single, rtp_info_entry* table, int* count);
     const char* generate_play_reply(const rtp_info_entry* entries, int count);
+    int find_played(const CTrack*& single);
+    int answer_own_play(const char* reply, const CTrack* single);
     int start_media(const CTrack* single, int cseq);
+    void let_pass(const CTrack& track);
     int enter_route();
     int on_pause(const StateEvent& event);
     int pause_live();

@@ -147,11 +147,10 @@ int CSvrConversation::reply_play() {
     if (!m_source.IsOpen()) {
         return warn_play(REFUSED_CONTENT);
     }
-    const int track_id = m_tracks.IdOfUrl(m_codec.get_url());  // -1: all tracks
-    const CTrack* single = track_id < 0 ? nullptr : m_tracks.Find(track_id);
-    if (track_id >= 0 && (single == nullptr || !single->set_up)) {
-        logError("%s %d client process crushed!\n", __FILE__, __LINE__);
-        return single == nullptr ? REFUSED_TRACK : REFUSED_BY_STATE;
+    const CTrack* single = nullptr;
+    const int found = find_played(single);
+    if (found < 0) {
+        return found;
     }
     rtp_info_entry entries[CTrackTable::MAX_TRACKS];
     int count = 0;
@@ -161,11 +160,26 @@ int CSvrConversation::reply_play() {
     }
     m_awaited = 0;
     m_reports.Restart();
-    const int cseq = m_codec.get_range_cseq();
-    if (m_source.IsLive()) {
-        send_text(reply);
-        return start_media(single, cseq) < 0 ? REFUSED_ANSWERED : 0;
+    if (!m_source.IsLive()) {
+        return answer_own_play(reply, single);
     }
+    send_text(reply);
+    return start_media(single, m_codec.get_range_cseq()) < 0 ? REFUSED_ANSWERED : 0;
+}
+
+// Takes the track that the PLAY names, null for all of them. 0, or a refusal.
+int CSvrConversation::find_played(const CTrack*& single) {
+    const int track_id = m_tracks.IdOfUrl(m_codec.get_url());
+    single = track_id < 0 ? nullptr : m_tracks.Find(track_id);
+    if (track_id < 0 || (single != nullptr && single->set_up)) {
+        return 0;
+    }
+    logError("%s %d client process crushed!\n", __FILE__, __LINE__);
+    return single == nullptr ? REFUSED_TRACK : REFUSED_BY_STATE;
+}
+
+int CSvrConversation::answer_own_play(const char* reply, const CTrack* single) {
+    const int cseq = m_codec.get_range_cseq();
     // This can run the requests that waited behind PLAY. One that ends the play again has the last word.
     const unsigned int round = m_play_round;
     m_machine.put_tx_event(REPLY_KIND_PLAY, reply, RTSP_STATUS_OK, m_wait_id);
@@ -226,15 +240,12 @@ const char* CSvrConversation::generate_play_reply(const rtp_info_entry* entries,
 // `single`: the one track that the PLAY named, or null for all.
 int CSvrConversation::start_media(const CTrack* single, int cseq) {
     const auto is_named = [single](const CTrack& track) { return single == nullptr || single == &track; };
-    for (CTrack& track : m_tracks) {
-        if (track.set_up && !track.playing && is_named(track) && m_route != nullptr) {
-            m_route->Switch(track, true);  // it may have been paused
+    for (const CTrack& track : m_tracks) {
+        if (track.set_up && !track.playing && is_named(track)) {
+            let_pass(track);
         }
     }
-    if (!m_source.IsEntered() && enter_route() < 0) {
-        return -1;
-    }
-    if (m_source.IsOwn() && m_source.Start(m_packet_type, cseq) < 0) {
+    if ((!m_source.IsEntered() && enter_route() < 0) || (m_source.IsOwn() && m_source.Start(m_packet_type, cseq) < 0)) {
         return -1;
     }
     for (CTrack& track : m_tracks) {
@@ -243,6 +254,13 @@ int CSvrConversation::start_media(const CTrack* single, int cseq) {
     m_streaming = true;
     m_has_played = true;
     return 0;
+}
+
+// A track may have been paused.
+void CSvrConversation::let_pass(const CTrack& track) {
+    if (m_route != nullptr) {
+        m_route->Switch(track, true);
+    }
 }
 
 // Stores the route of the last SETUP where the source puts its media.
