@@ -332,7 +332,7 @@ void CRtpUdpSender::PauseTrack(int track) {
 }
 
 void CRtpUdpSender::DisableTrack(int channel) {
-    if (!OSTRA_ASSERT(channel <= MAX_SWITCH && channel >= 0)) {
+    if (!OSTRA_ASSERT(channel <= 7 && channel >= 0)) {
         return;
     }
     CGuard guard(m_mutex);

@@ -65,7 +65,7 @@ int CSvrConversation::on_play(const StateEvent& event) {
         return refuse_here(event);  // every SETUP was refused
     }
     if (m_codec.get_play_fault() != 0) {
-        return send_error(m_codec.get_play_fault());
+        return REFUSED_UNREAD;
     }
     return m_source.IsLive() ? reply_play() : play_own_source(event);
 }
@@ -126,15 +126,15 @@ int CSvrConversation::on_replay(const StateEvent& event) {
     if (names_no_track()) {
         return REFUSED_TRACK;
     }
+    if (m_codec.get_play_fault() != 0) {
+        return REFUSED_UNREAD;
+    }
     if (m_source.IsLive()) {
         const char* reply = m_codec.generate_error_reply(RTSP_STATUS_OK);
         if (reply == nullptr) {
             logError("%s:%d, get reply 200 failed.\n", __FILE__, __LINE__);
         }
         return send_text(reply);
-    }
-    if (m_codec.get_play_fault() != 0) {
-        return send_error(m_codec.get_play_fault());
     }
     for (CTrack& track : m_tracks) {
         track.playing = false;

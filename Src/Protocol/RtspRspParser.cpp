@@ -98,7 +98,9 @@ int CRtspRspParser::read_by_method(CStrParser& text) {
         case RTSP_METHOD_SETUP:
             return read_transport(text);
         case RTSP_METHOD_PLAY:
-            return parse_range_speed(text);
+            parse_range_speed(text);
+            m_refusal = get_play_fault();
+            return RTSP_OK;
         case RTSP_METHOD_PAUSE:
         case RTSP_METHOD_TEARDOWN:
             return read_url(text);

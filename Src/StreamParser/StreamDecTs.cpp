@@ -45,7 +45,7 @@ int CStreamDecTs::InputFrame(const Flumen::CMediaFrame& frame) {
         return PARSER_FAILED;
     }
     if (m_status > FRAME_MORE) {
-        if (!OSTRA_ASSERT(m_status == FRAME_COMPLETE_NEXT)) {  // no packet is ever said to be the last of its frame
+        if (!OSTRA_ASSERT(m_status == 2)) {  // no packet is ever said to be the last of its frame
             Clean();
             return PARSER_FAILED;
         }

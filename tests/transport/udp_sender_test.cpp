@@ -220,7 +220,7 @@ TEST_F(UdpSender, TrackMaskDropsSilently) {
     Support::CAssertCapture asserts;
     m_sender.DisableTrack(8);
     m_sender.Init(16);
-    EXPECT_EQ((std::vector<std::string>{"channel <= MAX_SWITCH && channel >= 0", "media_num < 16"}), asserts.Texts());
+    EXPECT_EQ((std::vector<std::string>{"channel <= 7 && channel >= 0", "media_num < 16"}), asserts.Texts());
 }
 
 TEST_F(UdpSender, ReportsRepeatedFailuresOnceASecond) {
