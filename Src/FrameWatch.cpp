@@ -63,7 +63,7 @@ void CFrameWatch::OnFrame(CMediaPacket* packet, int length, int /*unused*/) {
         return;
     }
     const bool lost = info.m_frame_index - last != 1;
-    if (lost) {
+    if (lost && m_lost_log.Pass()) {
         logError("%s %d The Event:Lost Packet Happened! Statis: last[%d] -> new[%d], frame type=%c. \n", __FILE__,
                  __LINE__, static_cast<int>(last), static_cast<int>(info.m_frame_index), info.m_frame_type);
     }

@@ -3,6 +3,7 @@
 
 #include <atomic>
 
+#include "Ostra/LogGate.h"
 #include "SvrLink.h"
 #include "TrackTable.h"
 
@@ -40,6 +41,7 @@ private:
     CSockAddrStorage m_peer;
     std::atomic<unsigned int> m_last[CTrackTable::MAX_TRACKS] = {};  // frame number by track; 0: none yet
     std::atomic<unsigned int> m_losses{0};
+    Ostra::CLogGate m_lost_log;  // of OnFrame
 };
 
 }  // namespace Vidora

@@ -6,6 +6,7 @@
 
 #include "FrameMerger.h"
 #include "MediaFrame.h"
+#include "Protocol/LogQuote.h"
 #include "RtpRun.h"
 #include "Tramel/Interleave.h"
 #include "Tramel/MediaTag.h"
@@ -257,8 +258,9 @@ void CStreamReceiver::count_packet(int track, const RtpHeader& header, uint32_t 
     const uint32_t skipped = m_reception[track].Count(header.sequence, header.timestamp, header.ssrc, length,
                                                       m_arrival_us, m_tracks.tracks[track].clock_rate);
     if (skipped > 0 && m_loss_log.Pass()) {
+        const CLogQuote quote(Ostra::LOG_LEVEL_WARN, m_url);
         logWarn(">>> RTP SEQ DISORDER! last[%u] now[%u] url[%s]\n", last, static_cast<unsigned int>(header.sequence),
-                m_url);
+                quote.Text());
     }
 }
 

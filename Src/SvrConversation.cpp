@@ -72,6 +72,7 @@ int CSvrConversation::LookAtMessage(const char* text, int length, rtsp_msg_info&
 }
 
 int CSvrConversation::TakeMessage(const char* text, int length) {
+    const Ostra::CLogLimit::CScope log(m_log);
     rtsp_msg_info info;
     const int size = LookAtMessage(text, length, info);
     if (size == 0) {
@@ -259,6 +260,7 @@ int CSvrConversation::on_unsupported(const StateEvent& event) {
 }
 
 void CSvrConversation::OnTimer(long timer_id) {
+    const Ostra::CLogLimit::CScope log(m_log);
     if (m_sdp_wait.Is(timer_id)) {
         const int result = retry_describe();
         if (result < 0 && !refuse_awaited(result)) {
@@ -289,6 +291,7 @@ void CSvrConversation::OnLinkError() {
 }
 
 void CSvrConversation::OnMessage(unsigned int msg, long param) {
+    const Ostra::CLogLimit::CScope log(m_log);
     const int own = take_own_message(msg, param);
     const int result = own < 0 ? own : take_source_message(msg);
     if (own < 0 || (result < 0 && !refuse_awaited(result))) {

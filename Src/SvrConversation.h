@@ -4,6 +4,7 @@
 #include "AuthGate.h"
 #include "FrameWatch.h"
 #include "MachineKeeper.h"
+#include "Ostra/LogLimit.h"
 #include "Protocol/RtspRspParser.h"
 #include "Protocol/SdpParser.h"
 #include "Refusal.h"
@@ -189,6 +190,7 @@ private:
     CSdpWait m_sdp_wait{m_link};
     CSourceDrain m_drain{m_link};
     CSenderReports m_reports{m_link, m_source, m_tracks};
+    Ostra::CLogLimit m_log;
     CFrameWatch m_frames{m_link, MSG_SESSION_LOST};
     CMachineKeeper m_machine;
     CSdpParser m_sdp;

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <memory>
 
+#include "Ostra/LogGate.h"
 #include "StreamSource/BufferTable.h"
 #include "StreamSource/FormatWatch.h"
 #include "StreamSource/PlayWindow.h"
@@ -154,7 +155,8 @@ private:
     CSrcInfoTable m_src_info;  // has a lock of its own
     CTrackEncoders m_encoders VIDORA_GUARDED_BY(m_mutex);
     int m_packet_state VIDORA_GUARDED_BY(m_mutex) = PACKET_STATE_RUNS;  // of the last frame
-    CReplayExtension m_replay VIDORA_GUARDED_BY(m_mutex);               // of a token
+    Ostra::CLogGate m_outside_log VIDORA_GUARDED_BY(m_mutex);
+    CReplayExtension m_replay VIDORA_GUARDED_BY(m_mutex);  // of a token
 
     std::atomic<int> m_assist_count{0};  // clients that want assist frames
     CUseCount m_use;

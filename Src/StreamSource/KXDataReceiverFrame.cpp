@@ -80,7 +80,9 @@ void CKXDataReceiver::take_frame(const Flumen::CMediaFrame& frame) {
             return;
         }
         if (is_outside_window_locked(frame)) {
-            logWarn("%s:%d out of file range.\n", __FILE__, __LINE__);
+            if (m_outside_log.Pass()) {
+                logWarn("%s:%d out of file range.\n", __FILE__, __LINE__);
+            }
             return;
         }
     }

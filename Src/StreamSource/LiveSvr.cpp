@@ -364,7 +364,8 @@ CLiveSvr::CFound CLiveSvr::Internal::find_user(const char* content, const void* 
 }
 
 int CLiveSvr::UpdataLiveChannel(const char* content, long arg) {
-    logInfo("%s:%d UpdataLiveChannel, channel name:%s\n", __FILE__, __LINE__, content == nullptr ? "" : content);
+    logInfo("%s:%d UpdataLiveChannel, channel name:%s\n", __FILE__, __LINE__,
+            CLogQuote(Ostra::LOG_LEVEL_INFO, content).Text());
     const CFound channel = m_internal->find(content);
     return channel ? channel->UpdataLiveChannel(arg) : -1;
 }

@@ -10,6 +10,8 @@
 #include <cstring>
 #include <mutex>
 
+#include "Ostra/LogLimit.h"
+
 namespace Kavio {
 namespace Ostra {
 
@@ -103,6 +105,26 @@ void log_line(log_level_t level, const char* format, va_list args) {
     errno = saved_errno;
 }
 
+void log_text(log_level_t level, const char* format, ...) {
+    va_list args;
+    va_start(args, format);
+    log_line(level, format, args);
+    va_end(args);
+}
+
+// `place`: where in the code the line comes from.
+bool passes_limit(log_level_t level, const void* place) {
+    CLogLimit* limit = level > LOG_LEVEL_INFO ? nullptr : CLogLimit::Current();
+    unsigned int passed_over = 0;
+    if (limit != nullptr && !limit->Passes(place, passed_over)) {
+        return false;
+    }
+    if (passed_over > 0) {
+        log_text(level, "%u more lines like the next one were passed over\n", passed_over);
+    }
+    return true;
+}
+
 }  // namespace
 
 void SetLogSink(log_sink_t sink, void* user_data) {
@@ -120,16 +142,16 @@ log_level_t GetLogLevel() {
 }
 
 // A variadic function can't hand its arguments to another one, hence one body for five names.
-#define VIDORA_DEFINE_LOG(name, level)                         \
-    int name(const char* format, ...) {                        \
-        if (g_level.load(std::memory_order_relaxed) < level) { \
-            return 0;                                          \
-        }                                                      \
-        va_list args;                                          \
-        va_start(args, format);                                \
-        log_line(level, format, args);                         \
-        va_end(args);                                          \
-        return 0;                                              \
+#define VIDORA_DEFINE_LOG(name, level)                                                                              \
+    int name(const char* format, ...) {                                                                             \
+        if (g_level.load(std::memory_order_relaxed) < level || !passes_limit(level, __builtin_return_address(0))) { \
+            return 0;                                                                                               \
+        }                                                                                                           \
+        va_list args;                                                                                               \
+        va_start(args, format);                                                                                     \
+        log_line(level, format, args);                                                                              \
+        va_end(args);                                                                                               \
+        return 0;                                                                                                   \
     }
 
 VIDORA_DEFINE_LOG(logError, LOG_LEVEL_ERROR)

@@ -11,24 +11,29 @@
 namespace Kavio {
 namespace Vidora {
 
-// Video codecs of StreamVideoFormat::encode_type.
+// Video codecs of StreamVideoFormat::encode_type. Ordinary players know all three.
 enum stream_video_encode_t { STREAM_VIDEO_MPEG4 = 1, STREAM_VIDEO_H264 = 2, STREAM_VIDEO_JPEG = 5 };
 
-// Audio codecs of StreamAudioFormat::encode_type.
+// Audio codecs of StreamAudioFormat::encode_type. "Plays": players know what the SDP announces, at any sample rate
+// where none is named, and with RTSP_SVR_CONFIG_CONFORMANCE on where that is said. Codecs that don't play are refused
+// with that item on; without it they are announced under a name and number of this system, which only its own clients
+// know. New hosts take G.711 or MPEG audio.
 enum stream_audio_encode_t {
-    STREAM_AUDIO_PCMA = 7,  // G.711 A-law
-    STREAM_AUDIO_G729 = 8,
-    STREAM_AUDIO_DVI4 = 9,   // IMA ADPCM
-    STREAM_AUDIO_PCMU = 10,  // G.711 mu-law
-    STREAM_AUDIO_G721 = 11,
-    STREAM_AUDIO_PCM8 = 12,
-    STREAM_AUDIO_MS_ADPCM = 13,
-    STREAM_AUDIO_PCMA_14 = 14,
-    STREAM_AUDIO_AMR = 15,
-    STREAM_AUDIO_L16 = 16,
-    STREAM_AUDIO_G7231 = 25,
-    STREAM_AUDIO_AAC = 26,
-    STREAM_AUDIO_MPEG = 31  // MPEG audio layer 2
+    STREAM_AUDIO_PCMA = 7,       // G.711 A-law. On the wire the same as 14, which is the one to take: clients of this
+                                 // library tell their hosts 14
+    STREAM_AUDIO_G729 = 8,       // plays, at 8000 Hz
+    STREAM_AUDIO_DVI4 = 9,       // IMA ADPCM in blocks of RFC 3551 4.5.1: plays, at 8000 and 16000 Hz
+    STREAM_AUDIO_PCMU = 10,      // G.711 mu-law: plays
+    STREAM_AUDIO_G721 = 11,      // G.726 at 32 kbit/s: plays with conformance on
+    STREAM_AUDIO_PCM8 = 12,      // doesn't play
+    STREAM_AUDIO_MS_ADPCM = 13,  // doesn't play
+    STREAM_AUDIO_PCMA_14 = 14,   // G.711 A-law: plays
+    STREAM_AUDIO_AMR = 15,       // doesn't play
+    STREAM_AUDIO_L16 = 16,       // linear, 16 bits, most significant byte first: plays with conformance on
+    STREAM_AUDIO_G7231 = 25,     // G.723.1: plays with conformance on, at 8000 Hz
+    STREAM_AUDIO_AAC = 26,       // doesn't play
+    STREAM_AUDIO_MPEG = 31  // MPEG audio layer II, whole frames: plays with conformance on; without it its clock is
+                            // announced at the sample rate, where players want 90000 Hz (RFC 2250)
 };
 
 // States of CStreamSource::getPacketType; others are left to the host.

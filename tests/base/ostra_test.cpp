@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "Flumen/MediaFrameInfo.h"
+#include "Ostra/LogLimit.h"
 #include "Vidora/Flumen/MediaFrame.h"
 #include "Vidora/Ostra/Base64.h"
 #include "Vidora/Ostra/Console.h"
@@ -17,6 +18,7 @@
 #include "Vidora/Ostra/Md5.h"
 #include "Vidora/Ostra/Time.h"
 #include "support/Capture.h"
+#include "support/TestClock.h"
 #include "support/TestHandler.h"
 
 namespace Kavio {
@@ -99,6 +101,37 @@ TEST(Log, SinkMayChangeWhileThreadsLog) {
         stop = true;
         writer.join();
     }
+}
+
+// One place in the code for each of its lines.
+[[gnu::noinline]] void log_some(int count) {
+    for (int i = 0; i < count; ++i) {
+        logError("first\n");
+        logInfo("second\n");
+        logDebug("free\n");
+    }
+}
+
+TEST(Log, ASessionsCausesPassOnceASecondEachAndTheirCountsAreTold) {
+    Support::CLogCapture log;
+    {
+        CLogLimit limit;
+        CLogLimit other;
+        const CLogLimit::CScope scope(limit);
+        log_some(5);
+        {
+            const CLogLimit::CScope inner(other);
+            log_some(1);
+        }
+        Support::AdvanceClock(CLogLimit::INTERVAL_MS);
+        log_some(3);
+    }
+    log_some(2);  // nobody's lines
+    EXPECT_EQ(5, log.Count("first"));
+    EXPECT_EQ(5, log.Count("second"));
+    EXPECT_EQ(11, log.Count("free"));
+    EXPECT_EQ(2, log.Count("4 more lines like the next one were passed over"));
+    EXPECT_EQ(1, log.Count("4 lines of a session that has gone were passed over"));
 }
 
 TEST(Time, CalendarBothWays) {

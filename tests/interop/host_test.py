@@ -1,5 +1,7 @@
 #!/usr/bin/env python3
 """vidora-host with FFmpeg and plain RTSP peers: host_test.py HOST MEDIA [unittest arguments]."""
+import base64
+import contextlib
 import re
 import signal
 import subprocess
@@ -54,6 +56,14 @@ class Playing(unittest.TestCase):
             content = "cam/playback?channel=1&subtype=0&starttime=2020_09_13_12_26_41&endtime=2020_09_13_12_26_42"
             digests = frame_digests("-rtsp_transport", "tcp", "-i", host.url(content))
             self.assertEqual(digests[0], self.pictures[25:75])
+
+    def test_standards_way_is_the_default(self):
+        for options, scale in (((), "2"), (("--as-described",), None)):
+            with Host(*options) as host, Rtsp(host) as peer:
+                peer.url = host.url("1_0_clip.kav")
+                peer.play(1)
+                told = peer.ask("PLAY", "Range: npt=0-", "Scale: 2.0")[1].get("scale")
+                self.assertEqual(told[:1] if told else None, scale)
 
     def test_edges_relay_an_origin_that_they_may_go_to(self):
         with Host() as origin:
@@ -136,6 +146,33 @@ class Login(unittest.TestCase):
             challenge = peer.ask("DESCRIBE")[1]["www-authenticate"]
             time.sleep(2.5)  # the nonce's own time, in whole seconds
             self.assertEqual(peer.ask("DESCRIBE", digest_header(peer.url, "secret", challenge))[0], 401)
+
+
+class Log(unittest.TestCase):
+    def test_no_secret_is_logged_and_no_line_repeats_without_pause(self):
+        secrets = ("s3cr3t-word", base64.b64encode(b"admin:s3cr3t-word").decode(), "response=\"")
+        with Host("--user", "admin:s3cr3t-word", "--log", "trace") as host:
+            with Rtsp(host) as peer:
+                challenge = peer.ask("DESCRIBE")[1]["www-authenticate"]
+                digest = digest_header(peer.url, "s3cr3t-word", challenge)
+                basic = f"Authorization: Basic {secrets[1]}"
+                self.assertEqual(peer.ask("WEIRD", basic)[0], 501)
+                self.assertEqual(peer.ask("DESCRIBE", digest)[0], 200)
+                for url in (host.url(user="admin:s3cr3t-word"), host.url("x?proxy=admin:s3cr3t-word@127.0.0.1:9"),
+                            host.url("none?password=s3cr3t-word"), host.url("a.kav?authbasic=" + secrets[1])):
+                    for method in ("DESCRIBE", "SETUP", "PLAY"):
+                        peer.ask(method, basic, url=url)
+                for _ in range(300):
+                    self.assertEqual(peer.ask("WEIRD", basic, digest)[0], 501)
+            with Rtsp(host) as peer:
+                with contextlib.suppress(EOFError, ConnectionError):
+                    peer.sock.sendall(f"GARBAGE {peer.url}\r\n{basic}\r\n\r\n\r\n".encode())
+                    peer.take(1)
+            self.assertEqual(host.stop(), 0)
+        self.assertEqual([line for line in host.lines if any(secret in line for secret in secrets)], [])
+        self.assertTrue(any("WEIRD" in line for line in host.lines))
+        self.assertLess(sum("WEIRD" in line for line in host.lines), 60)  # each takes milliseconds, not seconds
+        self.assertTrue(any(re.search(r"\d+ (more )?lines .*passed over", line) for line in host.lines))
 
 
 class Ending(unittest.TestCase):
