@@ -11,7 +11,7 @@ from peers import Folder, ffmpeg, outcome
 
 SECONDS = int(os.environ.get("RECORD_SECONDS", "12"))  # two sender reports and the first one
 NO_PTS = -2**63  # of pictures before FFmpeg knows how they are reordered
-START = 8  # those pictures, whose neighbours have a time
+EDGE = 8  # units at the beginning and the end, where pictures miss those that are shown between them
 PICTURE_MS, G711_MS, MPEG_AUDIO_MS = 40, 40, 24
 
 
@@ -59,7 +59,7 @@ class TimeStamps(unittest.TestCase):
                 if int(pts) != NO_PTS:
                     times.setdefault(stream, []).append(int(pts) * ticks[stream])
         ordered = {stream: sorted(values) for stream, values in times.items()}
-        return [[b - a for a, b in zip(values[START:], values[START + 1:])] for _, values in sorted(ordered.items())]
+        return [[b - a for a, b in zip(values[EDGE:-EDGE], values[EDGE + 1:-EDGE])] for _, values in sorted(ordered.items())]
 
     def test_recorded_time_stamps_have_even_steps_over_sender_reports(self):
         with contextlib.ExitStack() as stack:
