@@ -54,7 +54,7 @@ class CTaker {
 public:
     CTaker() {
         check(m_sdp.Parse("m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:v\r\n", 0) == 0);
-        const sdp_info_track track = {1, 0, 1, false};
+        const sdp_info_track track = {1, 0, false};
         check(CSdpInfoAccess::Fill(m_info, &m_sdp, &track, 1, PACKET_TYPE_RTP) == 0);
         check(m_buffer.Init(&m_info, 0, 0) == 0);
     }
