@@ -1,6 +1,7 @@
 // Load on the live server, beside a bare loop that does the same work in the same run. README.md says how it measures.
 //
-//   bench_server VIDORA_HOST [--clients N] [--tcp | --udp | --http] [--slices K] [--threads T] [--clip FILE.h264]
+//   bench_server VIDORA_HOST [--clients N] [--tcp | --udp | --http | --nat] [--slices K] [--threads T] [--clip
+//   FILE.h264]
 
 #include <unistd.h>
 
@@ -14,6 +15,7 @@
 #include <thread>
 #include <vector>
 
+#include "rendezvous/Rendezvous.h"
 #include "support/BareServer.h"
 #include "support/LoadClient.h"
 #include "support/Machine.h"
@@ -33,7 +35,7 @@ const unsigned int FIRST_SESSIONS = 8;  // that are there when memory is measure
 // A host that was halted for longer than two seconds goes on from where it is instead of catching up.
 const std::chrono::milliseconds SLICE(2200);
 
-// How sessions come and their media leave. The bare loop has TCP in the place of a tunnel.
+// How sessions come and their media leave. The bare loop has TCP in the place of a tunnel, and plain UDP for NAT.
 struct Road {
     const char* name;
     const char* option;
@@ -46,6 +48,7 @@ const Road ROADS[] = {
     {"TCP", "--tcp", false, Bench::FLEET_PLAIN, {10, 100, 500, 1000}},
     {"UDP", "--udp", true, Bench::FLEET_PLAIN, {10, 100, 500, 1000}},
     {"HTTP", "--http", false, Bench::FLEET_TUNNELS, {100, 500}},
+    {"NAT", "--nat", true, Bench::FLEET_NAT, {100, 500}},
 };
 
 struct Options {
@@ -137,7 +140,7 @@ void make_clip(const std::string& path) {
     }
 }
 
-std::unique_ptr<Bench::CProgram> start_host(const Options& options, uint16_t port) {
+std::unique_ptr<Bench::CProgram> start_host(const Options& options, uint16_t port, const std::string& point) {
     std::vector<std::string> command = {options.host,
                                         "--listen",
                                         "127.0.0.1:" + std::to_string(port),
@@ -147,6 +150,9 @@ std::unique_ptr<Bench::CProgram> start_host(const Options& options, uint16_t por
                                         "25",
                                         "--rtp-ports",
                                         RTP_PORTS};
+    if (!point.empty()) {
+        command.insert(command.end(), {"--nat", point, "--nat-name", Bench::NAT_NAME});
+    }
     if (options.threads > 0) {
         command.push_back("--threads");
         command.push_back(std::to_string(options.threads));
@@ -158,6 +164,27 @@ std::unique_ptr<Bench::CProgram> start_host(const Options& options, uint16_t por
     }
     return host;
 }
+
+// The point at which NAT sessions meet.
+class Meeting {
+public:
+    Meeting() { m_point.Open("127.0.0.1:0"); }
+    ~Meeting() {
+        m_point.Stop();
+        if (m_thread.joinable()) {
+            m_thread.join();
+        }
+    }
+    uint16_t Port() const { return static_cast<uint16_t>(m_point.Port()); }
+    // After all processes have been made.
+    void Begin() {
+        m_thread = std::thread([this] { m_point.Run(); });
+    }
+
+private:
+    RendezvousPoint m_point;
+    std::thread m_thread;
+};
 
 // Sets all sessions up, and takes them down again unless it is the last round.
 void set_up(Side& side, const Row& row, bool last) {
@@ -224,11 +251,15 @@ bool run_row(const Options& options, const Bench::Recording& recording, Row row,
     bare.process = bare_process.Pid();
     bare.port = bare_process.Port();
     bare.Stop();
-    server.port = Bench::FreePort();
-    const auto host = start_host(options, server.port);
+    Meeting meeting;
+    const bool meets = row.road.link == Bench::FLEET_NAT;
+    const uint16_t listener = Bench::FreePort();
+    server.port = meets ? meeting.Port() : listener;
+    const auto host = start_host(options, listener, meets ? "127.0.0.1:" + std::to_string(server.port) : "");
     server.process = host->Pid();
 
     const auto first = fleet(row.road, FIRST_UDP_BASE);
+    meeting.Begin();
     const auto resident = [&first, &server, &row] {
         first->Open(server.port, FIRST_SESSIONS, row.road.udp);
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
@@ -326,7 +357,7 @@ Options parse(int argc, char** argv) {
 
 Bench::Recording record(const Options& options) {
     const uint16_t port = Bench::FreePort();
-    const auto host = start_host(options, port);
+    const auto host = start_host(options, port, "");
     Bench::Recording recording = Bench::Record(port, CLIP_FRAMES);
     if (!recording.good) {
         std::fprintf(stderr, "the host doesn't play, see %s.host.log\n", options.clip.c_str());

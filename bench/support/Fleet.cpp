@@ -15,6 +15,7 @@
 #include <cstring>
 
 #include "Vidora/Ostra/Base64.h"
+#include "rendezvous/Rendezvous.h"
 #include "support/Loopback.h"
 
 namespace Bench {
@@ -26,6 +27,10 @@ const unsigned int DATAGRAMS = 32;  // of one system call
 const size_t DATAGRAM_ROOM = 2048;
 const int UDP_RECV_BUFFER = 1 << 20;
 const int CONNECT_LIMIT_MS = 5000;
+const char NAT_HELLO[] = "RTSP Client/2.0 NAT";
+const char NAT_ANSWER[] = "RTSP Server/2.0 NAT";
+const uint64_t HELLO_PERIOD_NS = 1000000000u;  // the server gives up after 15 seconds
+const int HELLO_CHECK_MS = 500;
 
 uint64_t now_ns() {
     timespec now = {};
@@ -106,6 +111,9 @@ void CFleet::start_next() {
 
 bool CFleet::open_client(unsigned int index) {
     CClient& client = *m_clients[index];
+    if (m_link == FLEET_NAT) {
+        return meet_server(client, index);
+    }
     uint16_t rtp_port = 0;
     if (m_udp && !open_udp(client, &rtp_port)) {
         return false;
@@ -126,6 +134,55 @@ bool CFleet::open_client(unsigned int index) {
         send_request(client);
     }
     return true;
+}
+
+bool CFleet::meet_server(CClient& client, unsigned int index) {
+    RendezvousOptions options;
+    options.point = "127.0.0.1:" + std::to_string(m_server_port);
+    options.name = NAT_NAME;
+    PunchedSocket way;
+    if (MeetPeer(options, way) < 0) {
+        return false;
+    }
+    client.rtp = way.fd;
+    client.dialogue = CRtspDialogue(m_server_port, 0);
+    ::setsockopt(way.fd, SOL_SOCKET, SO_RCVBUF, &UDP_RECV_BUFFER, sizeof(UDP_RECV_BUFFER));
+    const sockaddr_in peer = loopback(static_cast<uint16_t>(std::stoi(way.peer.substr(way.peer.rfind(':') + 1))));
+    if (::connect(way.fd, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer)) != 0) {
+        return false;
+    }
+    watch(client.rtp, index, KIND_RTP);
+    send_text(client, client.rtp, NAT_HELLO);
+    send_request(client);
+    return true;
+}
+
+// What the rendezvous has left on its way is passed over.
+void CFleet::take_datagram(CClient& client, const unsigned char* data, size_t size) {
+    const std::string text(reinterpret_cast<const char*>(data), std::min<size_t>(size, sizeof(NAT_ANSWER) - 1));
+    if (text.compare(0, 4, "RTSP") != 0) {
+        if (data[0] >> 6 == 2) {
+            count_packet(client, data, size);
+        }
+    } else if (text != NAT_ANSWER && !client.over) {
+        client.text.assign(reinterpret_cast<const char*>(data), size);
+        on_reply(client);
+    }
+}
+
+void CFleet::say_hello() {
+    if (m_link != FLEET_NAT || now_ns() - m_hello_ns < HELLO_PERIOD_NS) {
+        return;
+    }
+    m_hello_ns = now_ns();
+    for (const auto& client : m_clients) {
+        if (client->rtp >= 0) {
+            ::send(client->rtp, NAT_HELLO, sizeof(NAT_HELLO) - 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+        }
+        if (client->rtp >= 0 && !client->over) {
+            send_request(*client);  // datagrams may get lost
+        }
+    }
 }
 
 // Negative on failure.
@@ -176,8 +233,8 @@ void CFleet::watch(int fd, unsigned int index, kind_t kind) const {
 
 void CFleet::send_request(CClient& client) {
     const std::string text = client.dialogue.Request();
-    if (m_link == FLEET_PLAIN) {
-        send_text(client, client.control, text);
+    if (m_link != FLEET_TUNNELS) {
+        send_text(client, m_link == FLEET_NAT ? client.rtp : client.control, text);
         return;
     }
     const int length = static_cast<int>(text.size());
@@ -207,7 +264,8 @@ void CFleet::Run(int wake_fd) {
     watch(wake_fd, 0, KIND_WAKE);
     epoll_event events[256];
     for (bool woken = false; !woken;) {
-        const int count = ::epoll_wait(m_epoll, events, 256, -1);
+        const int count = ::epoll_wait(m_epoll, events, 256, m_link == FLEET_NAT ? HELLO_CHECK_MS : -1);
+        say_hello();
         for (int i = 0; i < count; ++i) {
             const kind_t kind = static_cast<kind_t>(events[i].data.u64 & 3);
             CClient* client = kind == KIND_WAKE ? nullptr : m_clients[events[i].data.u64 >> 2].get();
@@ -325,7 +383,9 @@ void CFleet::on_rtp(CClient& client) {
     }
     const int count = ::recvmmsg(client.rtp, messages, DATAGRAMS, MSG_DONTWAIT, nullptr);
     for (int i = 0; i < count; ++i) {
-        if (m_media == FLEET_DISCARDS) {
+        if (m_link == FLEET_NAT) {
+            take_datagram(client, static_cast<const unsigned char*>(parts[i].iov_base), messages[i].msg_len);
+        } else if (m_media == FLEET_DISCARDS) {
             m_bytes += messages[i].msg_len;
         } else {
             count_packet(client, static_cast<const unsigned char*>(parts[i].iov_base), messages[i].msg_len);

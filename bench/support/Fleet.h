@@ -44,8 +44,11 @@ enum fleet_media_t {
 };
 
 // How a fleet's clients reach their server.
+const char NAT_NAME[] = "bench";  // of the server at the rendezvous
+
 enum fleet_link_t {
     FLEET_PLAIN,
+    FLEET_NAT,     // by a rendezvous at the server's port; texts and media are datagrams of one socket
     FLEET_TUNNELS  // by the two connections of an HTTP tunnel: requests go in base64 on a POST, and all comes on a GET
 };
 
@@ -82,6 +85,9 @@ private:
 
     void start_next();
     bool open_client(unsigned int index);
+    bool meet_server(CClient& client, unsigned int index);
+    void take_datagram(CClient& client, const unsigned char* data, size_t size);
+    void say_hello();
     int connect_to_server() const;
     std::string tunnel_head(const char* method, const CClient& client) const;
     void send_text(CClient& client, int fd, const std::string& text);
@@ -108,7 +114,8 @@ private:
     unsigned int m_started = 0;
     unsigned int m_pending = 0;
     uint64_t m_start_ns = 0;
-    uint64_t m_packets = 0;  // of this wake-up, not told yet
+    uint64_t m_hello_ns = 0;  // when the NAT sessions said hello last
+    uint64_t m_packets = 0;   // of this wake-up, not told yet
     uint64_t m_bytes = 0;
     std::vector<std::unique_ptr<CClient>> m_clients;
     std::vector<unsigned char> m_room;
