@@ -204,8 +204,8 @@ TEST_F(NatServer, TheHostMayCloseAllInTheCallbackAndUseTheSocketAgain) {
 
 TEST_F(NatServer, TheSocketMayBeHandedInAgainInsideTheCallback) {
     CNatViewer viewer;
-    Begin(viewer);
     viewer.on_came_back = [&] { EXPECT_TRUE(viewer.Returns() > 0 || viewer.HandIn(*m_svr) == 0); };
+    Begin(viewer);
     viewer.Send("garbage\r\n\r\n");
     ASSERT_EQ(SERVER_HELLO, viewer.Text());
     EXPECT_TRUE(viewer.Greet());
