@@ -44,7 +44,7 @@ def enter_namespace(namespace):
 
 
 def kind_of(data):
-    return "ts" if data[0] == 0x47 else {96: "video", 8: "audio"}[data[1] & 0x7F]
+    return "ts" if data[0] == 0x47 else {96: "video", 8: "audio", 33: "ts"}[data[1] & 0x7F]
 
 
 class Listener:
@@ -111,9 +111,9 @@ class MulticastNetwork(PullTest):
             self.addCleanup(listener.socket.close)
         return listeners
 
-    def host(self, kind, local_ip, group=GROUP, address="127.0.0.1"):
+    def host(self, kind, local_ip, *words, group=GROUP, address="127.0.0.1"):
         """A host that sends pictures and sound to a group by one interface."""
-        words = ("--multicast-if", local_ip) if local_ip else ()
+        words += ("--multicast-if", local_ip) if local_ip else ()
         return self.enterContext(Host("--live", f"{LIVE}={MEDIA}/clip.h264,{MEDIA}/clip.alaw", "--multicast",
                                       f"{LIVE}={group}:{PORT},{kind}", *words, "--log", "warn", live=False,
                                       address=address, inside=IN_SERVER))
@@ -127,10 +127,10 @@ class MulticastNetwork(PullTest):
             self.assertRegex(line, "^type f[bcd], [1-9][0-9]* bytes$")
         self.assertGreater(len({line.split()[1] for line in lines}), 1)  # key frames and others
 
-    def check_players(self, kind, *source):
+    def check_players(self, kind, *source, words=()):
         """FFmpeg and the example client."""
         self.bring_up("s1")
-        host = self.host(kind, "s1", address=ADDRESS["s1"])
+        host = self.host(kind, "s1", *words, address=ADDRESS["s1"])
         digests = frame_digests(*(source or ("-rtsp_transport", "udp_multicast", "-i", host.url())), "-map", "0:v",
                                 "-t", "4", joins=kind == "ts", inside=IN_VIEWER)
         self.assertGreater(len(digests[0]), 60)
@@ -143,7 +143,10 @@ class MulticastNetwork(PullTest):
         self.check_pull(host.url(), "--transport", "multicast", "--seconds", "4", inside=IN_VIEWER)
 
     def test_players_of_a_transport_stream_in_bare_datagrams(self):
-        self.check_players("ts", "-i", f"udp://{GROUP}:{PORT}?localaddr=10.91.0.2")
+        self.check_players("ts", "-i", f"udp://{GROUP}:{PORT}?localaddr=10.91.0.2", words=["--as-described"])
+
+    def test_players_of_a_transport_stream_in_rtp(self):
+        self.check_players("ts")
 
     def test_client_of_ffmpeg(self):
         self.bring_up("s1")
@@ -174,7 +177,7 @@ class MulticastNetwork(PullTest):
                 with self.subTest(default_route=default_route, kind=kind, local_ip=local_ip, group=group):
                     wrong = self.listen("r0", PORT, AUDIO, group=group)
                     video, audio = self.listen("r1", PORT, AUDIO, group=group)
-                    host = self.host(kind, local_ip, group)
+                    host = self.host(kind, local_ip, group=group)
                     first = "ts" if kind == "ts" else "video"
                     self.assertEqual((first, ADDRESS["s1"], ttl), video.receive())
                     if kind == "rtp":

@@ -241,7 +241,7 @@ bool Puller::has_come_whole() {
     const double end_sec = m_options.end > 0.0 ? std::min(m_options.end, m_duration_sec) : m_duration_sec;
     const double length_sec = (end_sec - std::max(m_options.start, 0.0)) / std::abs(m_options.speed);
     const std::lock_guard<std::mutex> guard(m_mutex);
-    const double played_sec = duration<double>(m_last_frame - m_first_frame).count();
+    const double played_sec = duration<double>(m_last_frame - m_begin).count();
     return m_duration_sec > 0.0 && played_sec > length_sec - END_SLACK_SEC;
 }
 
