@@ -18,7 +18,9 @@ public:
     bool IsAgain(const unsigned char* bytes, size_t count) {
         const bool same = count > 0 && count == m_count && std::memcmp(bytes, m_bytes, count) == 0;
         m_count = count <= sizeof(m_bytes) ? count : 0;
-        std::memcpy(m_bytes, bytes, m_count);
+        if (m_count > 0) {  // no bytes may have no address
+            std::memcpy(m_bytes, bytes, m_count);
+        }
         return same;
     }
 
