@@ -390,15 +390,19 @@ TEST_F(CSessionTest, SilentStreamEndsUnlessAHostIsBusyWithIt) {
     CScriptedServer server(Server::Answer);
     CClientHost host;
     std::atomic<bool> holds{true};
+    std::atomic<bool> inside{false};
     host.session->SetStreamIdleTimeout(2000);  // two ticks of the test's clock
-    host.sink.on_put = [&] { WaitUntil([&] { return !holds; }); };
+    host.sink.on_put = [&] {
+        inside = true;
+        WaitUntil([&] { return !holds; });
+    };
     host.on_note = [&](const Support::ClientNote& note) {
         if (note.msg == MSG_RTSP_PLAY_READY) {
             server.SendAll(Server::Rtp(1) + Server::Rtp(2) + Server::Rtp(3));
         }
     };
     ASSERT_EQ(0, host.Start(server.Url()));
-    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    ASSERT_TRUE(WaitUntil([&] { return inside.load(); }));
     const auto ends_in = [&](int rounds) {
         while (rounds-- > 0 && host.Count(MSG_RTSP_TEARDOWN) == 0) {
             Support::AdvanceClock(100);
