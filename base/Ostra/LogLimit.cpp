@@ -1,7 +1,7 @@
 #include "Ostra/LogLimit.h"
 
 #include <algorithm>
-#include <iterator>
+#include <new>
 
 #include "Vidora/Ostra/Log.h"
 #include "Vidora/Ostra/Time.h"
@@ -28,8 +28,8 @@ CLogLimit* CLogLimit::Current() {
 }
 
 CLogLimit::~CLogLimit() {
-    for (const Row& row : m_rows) {
-        m_passed_over += row.passed_over;
+    for (int i = 0; m_rows != nullptr && i < MAX_CAUSES; ++i) {
+        m_passed_over += m_rows[i].passed_over;
     }
     if (m_passed_over > 0) {
         logWarn("%u lines of a session that has gone were passed over\n", m_passed_over);
@@ -58,12 +58,19 @@ bool CLogLimit::Passes(const void* cause, unsigned int& passed_over) {
 
 // The cause's own row, or one that is free or has been quiet for as long as a line has to wait; null if there is none.
 CLogLimit::Row* CLogLimit::find_row(const void* cause, uint64_t now) {
-    Row* row = std::find_if(std::begin(m_rows), std::end(m_rows), [&](const Row& each) { return each.cause == cause; });
-    if (row == std::end(m_rows)) {
-        row = std::find_if(std::begin(m_rows), std::end(m_rows),
+    if (m_rows == nullptr) {
+        m_rows.reset(new (std::nothrow) Row[MAX_CAUSES]);
+    }
+    if (m_rows == nullptr) {
+        return nullptr;
+    }
+    Row* const end = m_rows.get() + MAX_CAUSES;
+    Row* row = std::find_if(m_rows.get(), end, [&](const Row& each) { return each.cause == cause; });
+    if (row == end) {
+        row = std::find_if(m_rows.get(), end,
                            [&](const Row& each) { return each.cause == nullptr || now - each.last_ms >= INTERVAL_MS; });
     }
-    return row == std::end(m_rows) ? nullptr : row;
+    return row == end ? nullptr : row;
 }
 
 }  // namespace Ostra

@@ -2,6 +2,7 @@
 #define VIDORA_OSTRA_LOGLIMIT_H
 
 #include <cstdint>
+#include <memory>
 
 namespace Kavio {
 namespace Ostra {
@@ -11,7 +12,8 @@ namespace Ostra {
 // next line of that cause, or when the session goes.
 //
 // THREADING  The session's strand. The scope belongs to its thread.
-// MEMORY     MAX_CAUSES rows. A session that has more of them within a second loses the lines of the others.
+// MEMORY     MAX_CAUSES rows from the first line on; most sessions have none. A session that has more causes within a
+//            second loses the lines of the others.
 class CLogLimit {
 public:
     static constexpr int MAX_CAUSES = 16;
@@ -49,7 +51,7 @@ private:
 
     Row* find_row(const void* cause, uint64_t now);
 
-    Row m_rows[MAX_CAUSES];
+    std::unique_ptr<Row[]> m_rows;
     unsigned int m_passed_over = 0;  // of causes that have no row
 };
 
