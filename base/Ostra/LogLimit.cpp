@@ -28,8 +28,9 @@ CLogLimit* CLogLimit::Current() {
 }
 
 CLogLimit::~CLogLimit() {
-    for (int i = 0; m_rows != nullptr && i < MAX_CAUSES; ++i) {
-        m_passed_over += m_rows[i].passed_over;
+    if (m_rows != nullptr) {
+        std::for_each(m_rows.get(), m_rows.get() + MAX_CAUSES,
+                      [this](const Row& row) { m_passed_over += row.passed_over; });
     }
     if (m_passed_over > 0) {
         logWarn("%u lines of a session that has gone were passed over\n", m_passed_over);

@@ -26,17 +26,21 @@ using Support::WaitUntil;
 const char PICTURE_LOST_END[] = "\x80\x60\0\x01\0\0\x10\0\0\0\0\x05\x65\x88\x80\x10";  // without its marker
 const size_t PACKET_SIZE = 16;
 
-class CNatTest : public testing::Test {
-protected:
-    CNatTest() {
-        ClientTiming().tick_us = 20000;
+// Changes what the pool's threads read, and so has to live longer.
+struct CFastTiming {
+    explicit CFastTiming(int tick_us) {
+        ClientTiming().tick_us = tick_us;
         ClientTiming().nat_connect_ticks = 1000;
     }
-    ~CNatTest() override { ClientTiming() = m_usual; }
+    ~CFastTiming() { ClientTiming() = usual; }
+    const client_timing usual = ClientTiming();
+};
 
+class CNatTest : public testing::Test {
+protected:
     static bool IsOpen(int fd) { return ::fcntl(fd, F_GETFD) >= 0; }
 
-    const client_timing m_usual = ClientTiming();
+    const CFastTiming m_timing{20000};
     Support::CPool m_pool{2};
 };
 
@@ -323,13 +327,9 @@ private:
     std::thread m_thread;
 };
 
-class CNatServerTest : public CServerTest {
+class CNatServerTest : private CFastTiming, public CServerTest {
 protected:
-    CNatServerTest() {
-        ClientTiming().tick_us = 50000;
-        ClientTiming().nat_connect_ticks = 1000;
-    }
-    ~CNatServerTest() override { ClientTiming() = m_usual; }
+    CNatServerTest() : CFastTiming(50000) {}
 
     static std::string UrlAt(const CLossyNetwork& network) {
         return "rtsp://127.0.0.1:" + std::to_string(network.PortOfServer()) + "/" + LIVE_NAME;
@@ -337,8 +337,6 @@ protected:
     int HandIn(CNatViewer& viewer, const CLossyNetwork& network) {
         return viewer.HandIn(*m_svr, "127.0.0.1:" + std::to_string(network.PortOfClient()));
     }
-
-    const client_timing m_usual = ClientTiming();
 };
 
 // A client that the network spares tells what must come.
