@@ -50,7 +50,7 @@ void CSrcInfoTable::AddFrame(int index, uint32_t timestamp, uint16_t seq, const 
     info.packets += sent.packets;
     info.rtp_packets += rtp_packets;
     info.payload_octets += sent.bytes - std::min(sent.bytes, rtp_packets * sent.packet_header);
-    info.wall_us = wall_time_locked(sent.pts_ms);
+    info.wall_us = sent.is_dated ? wall_time_locked(sent.pts_ms) : 0;
 }
 
 // By the source's own clock, whose steps the RTP time makes as well: so the reports never step (RFC 3550 6.4.1). A

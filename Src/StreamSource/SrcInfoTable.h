@@ -32,6 +32,7 @@ public:
         unsigned int packets = 0;        // by their bytes
         unsigned int packet_header = 0;  // bytes in front of each packet's payload
         uint64_t pts_ms = 0;
+        bool is_dated = false;  // whether its wall time is wanted
     };
     // The same behind a frame: a viewer that joins sees both or neither.
     void AddFrame(int index, uint32_t timestamp, uint16_t seq, const Sent& sent);

@@ -205,7 +205,8 @@ void CTrackEncoders::CountTs(unsigned int bytes, uint64_t pts_ms) {
 
 void CTrackEncoders::count(int index, const RtpEncParam& param, unsigned int bytes, uint64_t pts_ms) {
     const unsigned int packets = (bytes + CSrcInfoTable::COUNTED_PACKET_SIZE - 1) / CSrcInfoTable::COUNTED_PACKET_SIZE;
-    m_info.AddFrame(index, param.timestamp, param.sequence, {bytes, packets, PACKET_HEADER_SIZE, pts_ms});
+    m_info.AddFrame(index, param.timestamp, param.sequence,
+                    {bytes, packets, PACKET_HEADER_SIZE, pts_ms, m_conformance});
 }
 
 }  // namespace Vidora
