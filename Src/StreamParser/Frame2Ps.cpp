@@ -1,7 +1,6 @@
 #include "StreamParser/Frame2Ps.h"
 
 #include <algorithm>
-#include <new>
 
 #include "StreamParser/MuxUnit.h"
 #include "StreamParser/PesHeader.h"
@@ -23,12 +22,7 @@ constexpr uint16_t SYSTEM_HEADER_LEN = 12;    // behind its length field
 
 }  // namespace
 
-CFrame2Ps::CFrame2Ps() : m_buffer(new (std::nothrow) unsigned char[STREAM_BUFFER_LEN]) {
-    if (m_buffer == nullptr) {
-        logError("CFrame2Ps::alloc_ps_buffer fail!!!\n");
-    } else {
-        m_capacity = STREAM_BUFFER_LEN;
-    }
+CFrame2Ps::CFrame2Ps() {
     m_track_kinds[0] = STREAM_KIND_MPEG4;
     m_track_kinds[1] = STREAM_KIND_AUDIO;
 }
@@ -41,67 +35,41 @@ void CFrame2Ps::SetPsInfo(int video_kind, int audio_kind, int max_pes, int bit_r
 }
 
 int CFrame2Ps::PutFrame(const unsigned char* data, unsigned int len, int enc_type, uint64_t pts, uint8_t /*extra*/) {
-    m_total = 0;
     m_unit_count = 0;
     m_unit_index = 0;
-    m_offset = 0;
+    m_left = 0;
     if (data == nullptr || len == 0) {
         return -1;
     }
     print_input_frame(enc_type, pts, len);
     const int track = mux_track_of_enc_type(enc_type);
-    CByteWriter writer(m_buffer.get(), m_capacity);
-    if (m_buffer == nullptr || !write_frame(writer, data, len, track, ts_clock_of_ms(pts))) {
-        m_total = 0;
-        m_unit_count = 0;
+    m_frame = data;
+    m_frame_len = len;
+    m_stream_id = pes_stream_id(m_track_kinds[track], track);
+    m_clock = ts_clock_of_ms(pts);
+    m_part = static_cast<uint32_t>(std::clamp<int64_t>(m_max_pes, MIN_PES, MAX_PES));
+    const uint64_t parts = (uint64_t{len} + m_part - 1) / m_part;
+    const uint64_t total = HEAD_LEN + len + parts * PES_HEADER_LEN;
+    if (total > STREAM_BUFFER_LEN || !write_head(m_clock)) {
         logError("CFrame2Ps::PutFrame PsStream fail\n");
         return -1;
     }
+    m_unit_count = HEAD_UNITS + static_cast<uint32_t>(parts);
+    m_left = static_cast<uint32_t>(total);
     return 0;
 }
 
-// False as soon as a unit doesn't fit.
-bool CFrame2Ps::write_frame(CByteWriter& writer, const unsigned char* data, uint32_t len, int track, uint64_t clock) {
+bool CFrame2Ps::write_head(uint64_t clock) {
+    CByteWriter writer(m_head, sizeof(m_head));
     write_pack_header(writer, clock);
-    if (!end_unit(writer)) {
-        return false;
-    }
     write_system_header(writer);
-    if (!end_unit(writer)) {
-        return false;
-    }
     write_map(writer);
-    if (!end_unit(writer)) {
-        return false;
-    }
-    // Each part repeats the time stamps of its frame.
-    const uint32_t part = static_cast<uint32_t>(std::clamp<int64_t>(m_max_pes, MIN_PES, MAX_PES));
-    const uint8_t stream_id = pes_stream_id(m_track_kinds[track], track);
-    CByteReader frame(data, len);
-    while (frame.Remaining() > 0) {
-        const uint32_t size = static_cast<uint32_t>(std::min<size_t>(frame.Remaining(), part));
-        pes_write_header(writer, stream_id, size, clock);
-        writer.WriteBytes(frame.ReadBytes(size), size);
-        if (!end_unit(writer)) {
-            return false;
-        }
-    }
-    return true;
-}
-
-// Records the size of what was written since the last unit.
-bool CFrame2Ps::end_unit(CByteWriter& writer) {
-    if (!writer.Ok() || m_unit_count >= MAX_UNITS) {
-        return false;
-    }
-    m_unit_sizes[m_unit_count++] = static_cast<uint32_t>(writer.Offset()) - m_total;
-    m_total = static_cast<uint32_t>(writer.Offset());
-    return true;
+    return writer.Ok() && writer.Remaining() == 0;
 }
 
 // ISO 13818-1 2.5.3.3: the system clock reference is split into 3, 15 and 15 bits before marker bits, then nine bits of
 // extension.
-void CFrame2Ps::write_pack_header(CByteWriter& writer, uint64_t clock) {
+void CFrame2Ps::write_pack_header(CByteWriter& writer, uint64_t clock) const {
     writer.WriteU32(START_PACK);
     const uint64_t reference = uint64_t{1} << 46 | (clock >> 30 & 0x7) << 43 | uint64_t{1} << 42 |
                                (clock >> 15 & 0x7FFF) << 27 | uint64_t{1} << 26 | (clock & 0x7FFF) << 11 |
@@ -113,7 +81,7 @@ void CFrame2Ps::write_pack_header(CByteWriter& writer, uint64_t clock) {
 }
 
 // ISO 13818-1 2.5.3.5.
-void CFrame2Ps::write_system_header(CByteWriter& writer) {
+void CFrame2Ps::write_system_header(CByteWriter& writer) const {
     uint8_t video = 0;
     uint8_t audio = 0;
     for (const int32_t kind : m_track_kinds) {
@@ -131,7 +99,7 @@ void CFrame2Ps::write_system_header(CByteWriter& writer) {
 
 // ISO 13818-1 2.5.4.1, but for two things that readers of this stream have got used to: the length leaves the four
 // bytes of the CRC out, and the CRC is 0.
-void CFrame2Ps::write_map(CByteWriter& writer) {
+void CFrame2Ps::write_map(CByteWriter& writer) const {
     constexpr uint16_t entries_len = 4 * TS_MAX_TRACKS;
     writer.WriteU32(START_MAP);
     writer.WriteU16(entries_len + 6);
@@ -151,24 +119,55 @@ int CFrame2Ps::GetPacketCount() {
     return static_cast<int>(m_unit_count);
 }
 
+// Bytes of the frame in the PES packet of this unit.
+uint32_t CFrame2Ps::part_len(uint32_t unit) const {
+    return std::min(m_part, m_frame_len - part_begin(unit));
+}
+
 int CFrame2Ps::GetPacketSize() {
-    return m_unit_index < m_unit_count ? static_cast<int>(m_unit_sizes[m_unit_index]) : 0;
+    if (m_unit_index >= m_unit_count) {
+        return 0;
+    }
+    return static_cast<int>(m_unit_index < HEAD_UNITS ? HEAD_SIZES[m_unit_index]
+                                                      : PES_HEADER_LEN + part_len(m_unit_index));
 }
 
 int CFrame2Ps::GetPacket(unsigned char* buffer, unsigned int capacity) {
-    return mux_copy_unit(m_buffer.get(), m_total, m_offset, GetPacketSize(), buffer, capacity, "PS");
+    const int size = GetPacketSize();
+    if (buffer == nullptr || static_cast<unsigned int>(size) > capacity) {
+        return 0;
+    }
+    CByteWriter writer(buffer, static_cast<size_t>(size));
+    write_unit(writer);
+    mux_print_unit("PS", size);
+    return writer.Ok() ? size : 0;
+}
+
+// Fills `writer` with the unit in turn. Each part of a frame repeats the frame's time stamps.
+void CFrame2Ps::write_unit(CByteWriter& writer) const {
+    if (m_unit_index < HEAD_UNITS) {
+        CByteReader head(m_head, sizeof(m_head));
+        for (uint32_t before = 0; before < m_unit_index; ++before) {
+            head.Skip(HEAD_SIZES[before]);
+        }
+        writer.WriteBytes(head.ReadBytes(writer.Remaining()), writer.Remaining());
+    } else if (m_unit_index < m_unit_count) {
+        CByteReader frame(m_frame, m_frame_len);
+        frame.Skip(part_begin(m_unit_index));
+        const uint32_t len = part_len(m_unit_index);
+        pes_write_header(writer, m_stream_id, len, m_clock);
+        writer.WriteBytes(frame.ReadBytes(len), len);
+    }
 }
 
 int CFrame2Ps::NextPacket() {
-    if (m_unit_index >= m_unit_count) {
-        return -1;
-    }
-    m_offset += m_unit_sizes[m_unit_index++];
+    m_left -= static_cast<uint32_t>(GetPacketSize());
+    m_unit_index = std::min(m_unit_index + 1, m_unit_count);
     return m_unit_index < m_unit_count ? 0 : -1;
 }
 
 int CFrame2Ps::GetTotalSize() {
-    return static_cast<int>(m_total - m_offset);
+    return static_cast<int>(m_left);
 }
 
 }  // namespace Vidora

@@ -1,7 +1,6 @@
 #include "StreamParser/Frame2Ts.h"
 
 #include <algorithm>
-#include <new>
 
 #include "StreamParser/Crc32.h"
 #include "StreamParser/MuxUnit.h"
@@ -18,6 +17,7 @@ namespace {
 constexpr uint16_t RESERVED_AND_PID = 0xE000;
 constexpr uint16_t NO_DESCRIPTORS = 0xF000;  // reserved bits, and a length of 0
 constexpr int DEFAULT_PACKETS = 7;
+constexpr uint32_t TABLE_PACKETS = 2;
 constexpr uint32_t TABLE_INTERVAL = 10;  // frames from one PAT and PMT to the next
 constexpr int PAT_PID = 0;
 constexpr int PMT_PID_BASE = 0x1000;  // plus the program number, which counts from 1
@@ -26,10 +26,10 @@ constexpr uint16_t TRANSPORT_STREAM_ID = 16;
 constexpr int FIRST_PROGRAM = 1;
 constexpr int MAX_SECTION = 64;
 
-constexpr uint32_t TABLES_LEN = 2 * TS_PACK_LEN;
-constexpr uint32_t FIXED_LEN = 6;        // packet header, adaptation length and flags
-constexpr uint32_t MAX_PAYLOAD = 182;    // every packet has an adaptation field of two bytes or more
-constexpr uint32_t FIRST_PAYLOAD = 176;  // beside the clock reference
+constexpr uint32_t FIXED_LEN = 6;              // packet header, adaptation length and flags
+constexpr uint32_t MAX_PAYLOAD = 182;          // every packet has an adaptation field of two bytes or more
+constexpr uint32_t FIRST_PAYLOAD = 176;        // beside the clock reference
+constexpr uint16_t LEAST_ADAPTATION = 0x0100;  // length 1, no flags
 
 struct PacketHead {
     int pid = 0;
@@ -58,6 +58,15 @@ void write_packet_head(CByteWriter& writer, const PacketHead& head) {
         stuffing -= 6;
     }
     writer.Fill(0xFF, stuffing);
+}
+
+// Writes a packet without a clock reference that the next bytes of the frame fill, MAX_PAYLOAD of them.
+inline void write_full_packet(CByteWriter& writer, const PacketHead& head, CByteReader& frame) {
+    CByteWriter packet(writer.Reserve(TS_PACK_LEN), TS_PACK_LEN);  // of constant size: checked once
+    packet.WriteU32(uint32_t{TS_SYNC_BYTE} << 24 | static_cast<uint32_t>(head.pid) << 8 | TS_HAS_ADAPTATION |
+                    TS_HAS_PAYLOAD | (static_cast<uint32_t>(head.continuity) & TS_CONTINUITY_MASK));
+    packet.WriteU16(LEAST_ADAPTATION);
+    packet.WriteBytes(frame.ReadBytes(MAX_PAYLOAD), MAX_PAYLOAD);
 }
 
 // A table in one packet: the section gets its CRC and follows a pointer field of 0. Tables keep the continuity
@@ -89,12 +98,7 @@ uint64_t media_packets(uint32_t len) {
 
 }  // namespace
 
-CFrame2Ts::CFrame2Ts() : m_buffer(new (std::nothrow) unsigned char[STREAM_BUFFER_LEN]) {
-    if (m_buffer == nullptr) {
-        logError("CFrame2Ts::alloc_ts_buffer fail!!!\n");
-    } else {
-        m_capacity = STREAM_BUFFER_LEN;
-    }
+CFrame2Ts::CFrame2Ts() {
     m_table.program_count = 1;
     m_table.track_count = TS_MAX_TRACKS;
     m_table.pmt_pid = PMT_PID_BASE + FIRST_PROGRAM;
@@ -118,8 +122,7 @@ int CFrame2Ts::PutFrame(const unsigned char* data, unsigned int len, int enc_typ
         return -1;
     }
     print_input_frame(enc_type, pts, len);
-    const int track = mux_track_of_enc_type(enc_type);
-    if (!write_frame(data, len, track, ts_clock_of_ms(pts))) {
+    if (!write_head(data, len, mux_track_of_enc_type(enc_type), ts_clock_of_ms(pts))) {
         logError("CFrame2Ts::PutFrame TsStream fail\n");
         return -1;
     }
@@ -128,22 +131,32 @@ int CFrame2Ts::PutFrame(const unsigned char* data, unsigned int len, int enc_typ
 
 // Nothing changes unless there is room for the whole frame: so one that is too big costs neither tables nor a step in
 // the continuity counters.
-bool CFrame2Ts::write_frame(const unsigned char* data, uint32_t len, int track, uint64_t clock) {
+bool CFrame2Ts::write_head(const unsigned char* data, uint32_t len, int track, uint64_t clock) {
     const bool with_tables = m_frame_count % TABLE_INTERVAL == 0;
-    if ((with_tables ? TABLES_LEN : 0) + media_packets(len) * TS_PACK_LEN > m_capacity) {
+    const uint64_t packets = media_packets(len);
+    const uint64_t total = ((with_tables ? TABLE_PACKETS : 0) + packets) * TS_PACK_LEN;
+    if (total > STREAM_BUFFER_LEN) {
         return false;
     }
     ++m_frame_count;
     if (m_table.pcr_track == -1) {
         m_table.pcr_track = track;
     }
-    CByteWriter writer(m_buffer.get(), m_capacity);
+    CByteWriter writer(m_head, sizeof(m_head));
     if (with_tables) {
         write_pat(writer);
         write_pmt(writer);
     }
-    write_media(writer, data, len, track, clock);
-    m_total = writer.Ok() ? static_cast<uint32_t>(writer.Offset()) : 0;
+    CByteReader frame(data, len);
+    frame.Skip(write_first(writer, data, len, track, clock));
+    m_head_len = static_cast<uint32_t>(writer.Offset());
+    m_rest = frame.Rest();
+    m_rest_len = static_cast<uint32_t>(frame.Remaining());
+    TsTrack& out = m_table.tracks[track];
+    m_pid = out.pid;
+    m_continuity = out.continuity + 1;
+    out.continuity = static_cast<int>((static_cast<uint64_t>(out.continuity) + packets) & TS_CONTINUITY_MASK);
+    m_total = writer.Ok() ? static_cast<uint32_t>(total) : 0;
     return m_total > 0;
 }
 
@@ -173,31 +186,48 @@ void CFrame2Ts::write_pmt(CByteWriter& writer) const {
     write_section(writer, m_table.pmt_pid, section);
 }
 
-// One PES packet: its header and the frame's first bytes beside the clock reference, then full packets, and the rest in
-// a last one that is stuffed.
-void CFrame2Ts::write_media(CByteWriter& writer, const unsigned char* data, uint32_t len, int track, uint64_t clock) {
-    TsTrack& out = m_table.tracks[track];
-    CByteReader frame(data, len);
+// The first packet of the frame's one PES packet: the clock reference, the PES header and the frame's first bytes,
+// whose number it returns.
+uint32_t CFrame2Ts::write_first(CByteWriter& writer, const unsigned char* data, uint32_t len, int track,
+                                uint64_t clock) const {
+    const TsTrack& out = m_table.tracks[track];
     PacketHead head;
     head.pid = out.pid;
     head.has_pcr = true;
     head.clock = clock;
     head.payload_len = static_cast<uint32_t>(std::min<uint64_t>(uint64_t{len} + PES_HEADER_LEN, FIRST_PAYLOAD));
-    head.continuity = out.continuity++;
+    head.continuity = out.continuity;
     write_packet_head(writer, head);
     pes_write_header(writer, pes_stream_id(out.kind, track), len, clock);
     const uint32_t first = head.payload_len - PES_HEADER_LEN;
-    writer.WriteBytes(frame.ReadBytes(first), first);
+    writer.WriteBytes(data, first);
+    return first;
+}
 
-    head.has_pcr = false;
+// Fills `writer` with the packets from m_offset on: what is left of the head, then full packets, and the rest of the
+// frame in a last one that is stuffed.
+void CFrame2Ts::write_unit(CByteWriter& writer) const {
+    CByteReader written(m_head, m_head_len);
+    written.Skip(std::min(m_offset, m_head_len));
+    const size_t from_head = std::min(written.Remaining(), writer.Remaining());
+    writer.WriteBytes(written.ReadBytes(from_head), from_head);
+
+    const uint32_t behind_head = m_offset > m_head_len ? m_offset - m_head_len : 0;
+    const uint32_t index = behind_head / TS_PACK_LEN;
+    CByteReader frame(m_rest, m_rest_len);
+    frame.Skip(size_t{index} * MAX_PAYLOAD);
+    PacketHead head;
+    head.pid = m_pid;
     head.unit_start = false;
-    while (frame.Remaining() > 0) {
-        head.payload_len = static_cast<uint32_t>(std::min<size_t>(frame.Remaining(), MAX_PAYLOAD));
-        head.continuity = out.continuity++;
+    head.continuity = m_continuity + static_cast<int>(index);
+    for (; writer.Remaining() >= TS_PACK_LEN && frame.Remaining() >= MAX_PAYLOAD; ++head.continuity) {
+        write_full_packet(writer, head, frame);
+    }
+    if (writer.Remaining() > 0) {
+        head.payload_len = static_cast<uint32_t>(frame.Remaining());
         write_packet_head(writer, head);
         writer.WriteBytes(frame.ReadBytes(head.payload_len), head.payload_len);
     }
-    out.continuity &= TS_CONTINUITY_MASK;
 }
 
 int CFrame2Ts::GetPacketCount() {
@@ -211,7 +241,14 @@ int CFrame2Ts::GetPacketSize() {
 }
 
 int CFrame2Ts::GetPacket(unsigned char* buffer, unsigned int capacity) {
-    return mux_copy_unit(m_buffer.get(), m_total, m_offset, GetPacketSize(), buffer, capacity, "TS");
+    const int size = GetPacketSize();
+    if (buffer == nullptr || static_cast<unsigned int>(size) > capacity) {
+        return 0;
+    }
+    CByteWriter writer(buffer, static_cast<size_t>(size));
+    write_unit(writer);
+    mux_print_unit("TS", size);
+    return writer.Ok() ? size : 0;
 }
 
 int CFrame2Ts::NextPacket() {

@@ -2,7 +2,6 @@
 #define VIDORA_STREAMPARSER_FRAME2TS_H
 
 #include <cstdint>
-#include <memory>
 
 #include "StreamParser/Frame2Packet.h"
 #include "StreamParser/TsTable.h"
@@ -16,10 +15,12 @@ namespace Vidora {
 //
 // Every tenth frame follows a PAT and a PMT, the first one too. Every frame is one PES packet and carries a clock
 // reference. The output comes in units of some TS packets, 7 unless told otherwise (1316 bytes: one datagram).
-// Memory: one buffer of 512 KiB; a frame that needs more fails whole, and the next one is taken as ever.
+//
+// PutFrame makes what comes in front of the frame's second TS packet; GetPacket does the one copy of the rest. A frame
+// that takes more than STREAM_BUFFER_LEN bytes fails whole, and the next one is taken as ever.
 //
 // THREADING  No lock: one thread at a time.
-class CFrame2Ts : public IFrame2Packet {
+class CFrame2Ts final : public IFrame2Packet {
 public:
     CFrame2Ts();
     CFrame2Ts(const CFrame2Ts&) = delete;
@@ -31,7 +32,7 @@ public:
     // Whether the tables name the video track alone.
     void SetVideoOnly(bool on) { m_table.track_count = on ? 1 : TS_MAX_TRACKS; }
 
-    // As in IFrame2Packet. `extra` has no meaning here. The bytes of the frame are copied at once.
+    // As in IFrame2Packet. `extra` has no meaning here.
     int PutFrame(const unsigned char* data, unsigned int len, int enc_type, uint64_t pts, uint8_t extra) override;
     int GetPacketCount() override;
     int GetPacketSize() override;
@@ -40,18 +41,29 @@ public:
     int GetTotalSize() override;
 
 private:
-    bool write_frame(const unsigned char* data, uint32_t len, int track, uint64_t clock);
+    // PAT, PMT and the frame's first packet.
+    static constexpr uint32_t MAX_HEAD_LEN = 3 * TS_PACK_LEN;
+
+    bool write_head(const unsigned char* data, uint32_t len, int track, uint64_t clock);
     void write_pat(Ostra::CByteWriter& writer) const;
     void write_pmt(Ostra::CByteWriter& writer) const;
-    void write_media(Ostra::CByteWriter& writer, const unsigned char* data, uint32_t len, int track, uint64_t clock);
+    uint32_t write_first(Ostra::CByteWriter& writer, const unsigned char* data, uint32_t len, int track,
+                         uint64_t clock) const;
+    void write_unit(Ostra::CByteWriter& writer) const;
 
-    std::unique_ptr<unsigned char[]> m_buffer;
-    uint32_t m_capacity = 0;
     int32_t m_packets_per_output = 0;
     uint32_t m_frame_count = 0;  // frames taken so far
-    uint32_t m_total = 0;        // bytes written for this frame
-    uint32_t m_offset = 0;       // bytes of them fetched already
     TsProgramTable m_table;
+
+    // The frame in work.
+    unsigned char m_head[MAX_HEAD_LEN];
+    uint32_t m_head_len = 0;
+    const unsigned char* m_rest = nullptr;  // the bytes of the frame behind those in the head; borrowed
+    uint32_t m_rest_len = 0;
+    int m_pid = 0;
+    int m_continuity = 0;   // of the first packet behind the head
+    uint32_t m_total = 0;   // bytes of all its packets
+    uint32_t m_offset = 0;  // bytes of them fetched already
 };
 
 }  // namespace Vidora

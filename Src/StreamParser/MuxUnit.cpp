@@ -2,7 +2,6 @@
 
 #include "StreamParser/PrintLevel.h"
 #include "Vidora/Names.h"
-#include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Types.h"
 
 namespace Kavio {
@@ -12,17 +11,10 @@ int mux_track_of_enc_type(int enc_type) {
     return enc_type >= ENC_TYPE_AUDIO ? 1 : 0;
 }
 
-int mux_copy_unit(const unsigned char* written, uint32_t total, uint32_t offset, int size, unsigned char* buffer,
-                  unsigned int capacity, const char* name) {
-    const uint32_t len = static_cast<uint32_t>(size);
-    CByteReader reader(written, total);
-    if (buffer == nullptr || len > capacity || !reader.Skip(offset) || !reader.Read(buffer, len)) {
-        return 0;
-    }
+void mux_print_unit(const char* name, int size) {
     if (IsPrinted(PRINT_OUTPUT)) {
         R3Printf("Output %s packet: len = %d\n", name, size);
     }
-    return size;
 }
 
 }  // namespace Vidora

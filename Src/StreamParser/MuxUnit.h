@@ -12,10 +12,8 @@ namespace Vidora {
 // expect it there.
 int mux_track_of_enc_type(int enc_type);
 
-// Copies a unit, `size` bytes at `offset` of the `total` bytes in `written`, into `buffer` of `capacity` bytes, and
-// prints a line with the `name` of the stream at level 2. Its size, or 0 if it doesn't fit or isn't there.
-int mux_copy_unit(const unsigned char* written, uint32_t total, uint32_t offset, int size, unsigned char* buffer,
-                  unsigned int capacity, const char* name);
+// Prints a line about a unit of `size` bytes of the stream with this name, at level 2.
+void mux_print_unit(const char* name, int size);
 
 }  // namespace Vidora
 }  // namespace Kavio
