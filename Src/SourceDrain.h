@@ -9,17 +9,22 @@ namespace Vidora {
 
 // CSourceDrain: the end of a recording waits for its client. A source delivers its media faster than the client takes
 // it: the last pictures may still wait when its end is told, and the connection is kept for them as long as the client
-// takes some, and for ten seconds more.
+// takes some, and for ten seconds more. With conformance it is also kept for as long as the last picture is looked at:
+// players that see the BYE while the picture's packets still wait in their own sockets, which is where those that read
+// RTCP first see it, would drop them.
 class CSourceDrain {
 public:
     explicit CSourceDrain(ISvrLink& link) : m_timer(link) {}
+
+    void SetConformance(bool on) { m_conformance = on; }
 
     // Whether the end has to wait on; the timer asks again.
     bool Waits(CSessionSource& source) {
         uint64_t unsent = 0;
         if (!source.HasMediaToSend(unsent)) {
-            return false;
+            return m_conformance && m_rests++ < MAX_RESTS && m_timer.Start(PERIOD_US);
         }
+        m_rests = 0;
         if (unsent != m_unsent) {
             m_unsent = unsent;
             m_tries = 0;
@@ -29,6 +34,7 @@ public:
     void Stop() {
         m_timer.Stop();
         m_tries = 0;
+        m_rests = 0;
         m_unsent = 0;
     }
     bool Runs() const { return m_timer.Runs(); }
@@ -37,9 +43,12 @@ public:
 private:
     static const int64_t PERIOD_US = 20000;
     static const int MAX_TRIES = 500;
+    static const int MAX_RESTS = 5;
 
     CLinkTimer m_timer;
+    bool m_conformance = false;
     int m_tries = 0;  // since the client took something
+    int m_rests = 0;  // since all was sent
     uint64_t m_unsent = 0;
 };
 

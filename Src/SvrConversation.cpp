@@ -43,6 +43,7 @@ void CSvrConversation::SetConfig(const CRtspSvrConfig& config) {
     m_config = config;
     m_codec.SetConformance(config.GetConformance());
     m_reports.SetConformance(config.GetConformance());
+    m_drain.SetConformance(config.GetConformance());
     if (config.GetConformance()) {
         m_codec.set_session_id(random_session_id());
     }

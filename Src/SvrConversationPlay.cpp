@@ -76,6 +76,7 @@ int CSvrConversation::play_own_source(const StateEvent& event) {
     if (source == nullptr) {
         return REFUSED_BY_STATE;
     }
+    m_drain.Stop();  // it plays on
     m_wait_id = event.id;
     m_awaited = REFUSED_RANGE;
     bool is_scale = false;

@@ -220,7 +220,7 @@ class Ending(unittest.TestCase):
                     ("own_tables.mjpeg", "Huffman", mjpeg + ("-pix_fmt", "yuvj420p", "-huffman", "optimal")),
                     ("sampling.mjpeg", "4:2:0", mjpeg + ("-pix_fmt", "yuvj422p", "-huffman", "default"))):
                 ffmpeg("-f", "lavfi", "-i", "testsrc=size=320x240:duration=0.4", *options, folder(name))
-                code, _, errors = outcome(HOST, "--live", f"a={folder(name)}")
+                code, _, errors = outcome(HOST, "--as-described", "--live", f"a={folder(name)}")
                 self.assertEqual(code, 1)
                 self.assertIn(reason, errors)
             code, _, errors = outcome(HOST, "--live", f"a?channel=1&subtype=0={MEDIA}/none.h264")
@@ -232,7 +232,8 @@ class Ending(unittest.TestCase):
     def test_files_in_containers_play_under_any_name(self):
         with Folder() as folder:
             ffmpeg("-f", "lavfi", "-i", "testsrc=size=320x240:rate=25:duration=2", "-f", "lavfi", "-i",
-                   "sine=duration=2", "-c:v", "libx264", "-threads", "1", "-bf", "2", "-g", "25", folder("b.mp4"))
+                   "sine=duration=2", "-c:v", "libx264", "-threads", "1", "-bf", "2", "-g", "25", "-x264-params",
+                   "slices=3", folder("b.mp4"))
             pictures = frame_digests("-i", folder("b.mp4"))[0]
             options = []
             for name, ending in (("front-door", "mp4"), ("gate/yard?side=left&n=2", "mkv"), ("x", "ts")):
@@ -240,13 +241,18 @@ class Ending(unittest.TestCase):
                 self.assertEqual(outcome(HOST, "--live", f"a={folder(f'copy.{ending}')}", "--make-kav",
                                          folder(f"{ending}.kav"))[0], 0)
                 options += ["--live", f"{name}={folder(f'copy.{ending}')}"]
+            ffmpeg("-i", folder("b.mp4"), "-c:v", "libx264", "-bf", "0", "-x264-params", "slices=3:aud=1:threads=1",
+                   folder("raw.h264"))
+            options += ["--live", f"raw={folder('raw.h264')}"]
             with Host(*options, live=False) as live, Host(recordings=folder.name) as recorded:
+                digests = frame_digests("-rtsp_transport", "udp", "-i", live.url("raw"), "-t", "1")
+                self.assertTrue(is_run_of_loop(digests[0], frame_digests("-i", folder("raw.h264"))[0]))
                 for name in ("front-door", "front-door/", "gate/yard?side=left&n=2", "x"):
                     digests = frame_digests("-rtsp_transport", "tcp", "-i", live.url(name), "-t", "1")
                     self.assertGreater(len(digests[1]), 15)
                     self.assertTrue(is_run_of_loop(digests[0], pictures), name)
-                for ending in ("mp4", "mkv", "ts"):
-                    digests = frame_digests("-rtsp_transport", "tcp", "-i", recorded.url(f"{ending}.kav"))
+                for ending, transport in (("mp4", "tcp"), ("mkv", "udp"), ("ts", "udp")):
+                    digests = frame_digests("-rtsp_transport", transport, "-i", recorded.url(f"{ending}.kav"))
                     self.assertEqual(digests[0], pictures, ending)
                 self.assertNotEqual(outcome("ffprobe", "-v", "error", live.url("back-door"))[0], 0)
             code, _, errors = outcome("env", "PATH=", HOST, "--live", f"a={folder('b.mp4')}", "--make-kav", folder("k"))

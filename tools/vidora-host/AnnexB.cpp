@@ -9,6 +9,9 @@ namespace {
 const unsigned char START_CODE[] = {0, 0, 0, 1};
 const int LAST_PARTITION = 4;      // data partitions are the types between a slice and an IDR slice
 const int FIRST_UNSPECIFIED = 24;  // ISO 14496-10 table 7-1; type 0 is unspecified as well
+const int FIRST_RESERVED = 14;     // to LAST_RESERVED: types that stand in front of a picture
+const int LAST_RESERVED = 18;
+const unsigned SLICE_TYPE_B = 1;  // table 7-6, modulo 5
 
 }  // namespace
 
@@ -49,7 +52,16 @@ bool IsSlice(const NalUnit& nal) {
     return type == H264_NAL_SLICE || type == H264_NAL_IDR;
 }
 
-const char* WhyNotSent(const NalUnit& nal, const H264Sps& sps, H264Slice& slice) {
+bool IsBSlice(const H264Slice& slice) {
+    return slice.slice_type % 5 == SLICE_TYPE_B;
+}
+
+bool BeginsPicture(const NalUnit& nal) {
+    const int type = h264_nal_type(nal.data[0]);
+    return (type >= H264_NAL_SEI && type <= H264_NAL_DELIMITER) || (type >= FIRST_RESERVED && type <= LAST_RESERVED);
+}
+
+const char* WhyNotSent(const NalUnit& nal, const H264Sps& sps, H264Slice& slice, slices_t slices) {
     const int type = h264_nal_type(nal.data[0]);
     if (type == 0 || type >= FIRST_UNSPECIFIED) {
         return "is no H.264 stream";
@@ -63,16 +75,17 @@ const char* WhyNotSent(const NalUnit& nal, const H264Sps& sps, H264Slice& slice)
     if (!h264_parse_slice_type(nal.data + 1, nal.size - 1, slice)) {
         return "has a damaged slice";
     }
-    if (slice.first_mb != 0) {
-        return "has several slices in a picture; only the first would be sent whole: encode with one slice a picture";
+    if (slice.first_mb != 0 && slices == ONE_SLICE) {
+        return "has several slices in a picture, of which --as-described sends only the first whole: leave that option "
+               "away, or encode with one slice a picture";
     }
     if (!sps.frame_mbs_only && h264_parse_field_pic(nal.data + 1, nal.size - 1, sps, slice) && slice.field_pic) {
-        return "codes pictures as two fields, which are two slices: encode whole frames";
+        return "codes pictures as two fields: encode whole frames";
     }
     return nullptr;
 }
 
-const char* WhyNotSent(const unsigned char* picture, size_t size) {
+const char* WhyNotSent(const unsigned char* picture, size_t size, slices_t slices) {
     H264Sps sps;
     const char* why = nullptr;
     for (const NalUnit& nal : SplitNalUnits(picture, size)) {
@@ -80,7 +93,7 @@ const char* WhyNotSent(const unsigned char* picture, size_t size) {
             h264_parse_sps(nal.data, nal.size, sps);
         }
         H264Slice slice;
-        why = why == nullptr ? WhyNotSent(nal, sps, slice) : why;
+        why = why == nullptr ? WhyNotSent(nal, sps, slice, slices) : why;
     }
     return why;
 }

@@ -16,9 +16,9 @@ using namespace Kavio::Vidora;
 
 namespace {
 
-std::shared_ptr<const LiveClip> load_clip(const LiveOption& option, double fps, std::string& error) {
+std::shared_ptr<const LiveClip> load_clip(const LiveOption& option, double fps, slices_t slices, std::string& error) {
     const auto clip = std::make_shared<LiveClip>();
-    if (!clip->video.LoadVideo(option.video_file, fps, error)) {
+    if (!clip->video.LoadVideo(option.video_file, fps, slices, error)) {
         return nullptr;
     }
     const std::string& audio_file = option.audio_file.empty() ? option.video_file : option.audio_file;
@@ -64,11 +64,12 @@ std::string shown(const std::string& content) {
 }  // namespace
 
 bool Catalog::Load(const Options& options, std::string& error) {
+    const slices_t slices = options.as_described ? ONE_SLICE : ANY_SLICES;
     if (!options.recordings.empty()) {
-        m_recordings = std::make_unique<RecordingStore>(options.recordings);
+        m_recordings = std::make_unique<RecordingStore>(options.recordings, slices);
     }
     for (const LiveOption& option : options.live) {
-        m_live[option.content] = load_clip(option, options.fps, error);
+        m_live[option.content] = load_clip(option, options.fps, slices, error);
         if (!m_live[option.content]) {
             return false;
         }

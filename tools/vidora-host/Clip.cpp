@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "AnnexB.h"
 #include "FileBytes.h"
 #include "FrameCursor.h"
 #include "Unpacker.h"
@@ -20,7 +19,6 @@ namespace {
 const size_t G711_BLOCK = 320;  // 40 ms at 8 kHz
 const double G711_BLOCK_MS = 40.0;
 const int G711_RATE = 8000;
-const unsigned H264_SLICE_B = 1;    // ISO 14496-10 table 7-6, modulo 5
 const double LONE_FRAME_MS = 40.0;  // how long a recording of one frame lasts
 const int MAX_JPEG_SIDE = 2040;     // RFC 2435 3.1.5: eight bits count eights
 const char B_PICTURES[] =
@@ -58,13 +56,12 @@ int vop_letter(unsigned char byte) {
     return "IPBP"[byte >> 6];
 }
 
-// Of a whole picture.
+// Of a whole picture, by its first slice.
 int h264_letter(const unsigned char* data, size_t size) {
     for (const NalUnit& nal : SplitNalUnits(data, size)) {
         H264Slice slice;
         if (IsSlice(nal) && h264_parse_slice_type(nal.data + 1, nal.size - 1, slice)) {
-            const bool is_b = slice.slice_type % 5 == H264_SLICE_B;
-            return h264_nal_type(nal.data[0]) == H264_NAL_IDR ? 'I' : is_b ? 'B' : 'P';
+            return h264_nal_type(nal.data[0]) == H264_NAL_IDR ? 'I' : IsBSlice(slice) ? 'B' : 'P';
         }
     }
     return 'P';
@@ -88,7 +85,8 @@ const char* why_not_sent(const JpegImage& image) {
 
 }  // namespace
 
-bool Clip::LoadVideo(const std::string& path, double fps, std::string& error) {
+bool Clip::LoadVideo(const std::string& path, double fps, slices_t slices, std::string& error) {
+    m_slices = slices;
     const bool is_container = IsContainer(path);
     if (!is_container && !ReadFile(path, m_bytes, error)) {
         return false;
@@ -176,45 +174,73 @@ void Clip::set_frame_times(double fps) {
     m_duration_ms = static_cast<double>(m_units.size()) * 1000.0 / fps;
 }
 
-// Every NAL unit goes behind a four-byte start code. With one slice a picture an access unit ends behind its slice (ISO
-// 14496-10 7.4.1.2.3).
+// The picture that Clip::cut_h264 is at.
+struct Clip::Access {
+    H264Sps sps;
+    bool has_pps = false;
+    size_t begin = 0;                   // in the clip's bytes
+    size_t next_begin = NO_START_CODE;  // of the picture behind it, once its first NAL unit has come
+    int letter = 0;                     // 0 until it has a slice
+};
+
+// Every NAL unit goes behind a four-byte start code.
 bool Clip::cut_h264(std::string& error) {
     const std::vector<unsigned char> source = std::move(m_bytes);
     m_bytes.clear();
-    H264Sps sps;
-    bool has_pps = false;
-    size_t unit_begin = 0;
+    Access access;
     for (const NalUnit& nal : SplitNalUnits(source.data(), source.size())) {
-        const int type = h264_nal_type(nal.data[0]);
-        if (type == H264_NAL_SPS && h264_parse_sps(nal.data, nal.size, sps)) {
-            take_size(sps);
-        }
-        has_pps = has_pps || type == H264_NAL_PPS;
-        H264Slice slice;
-        if (const char* why = WhyNotSent(nal, sps, slice)) {
+        if (const char* why = add_nal(nal, access)) {
             error = why;
             return false;
         }
-        AppendNalUnit(m_bytes, nal);
-        if (!IsSlice(nal)) {
-            continue;
-        }
-        if (m_video.width == 0 || !has_pps) {
-            error = "has no parameter sets in front of its first picture";
-            return false;
-        }
-        if (slice.slice_type % 5 == H264_SLICE_B) {
-            error = B_PICTURES;
-            return false;
-        }
-        add_unit(unit_begin, m_bytes.size() - unit_begin, type == H264_NAL_IDR ? 'I' : 'P');
-        unit_begin = m_bytes.size();
     }
+    end_picture(m_bytes.size(), access);
     m_video.encode_type = STREAM_VIDEO_H264;
     if (!m_units.empty()) {
         m_specific_info = FindSpecificInfo(m_bytes.data(), m_units.front().size, STREAM_VIDEO_H264);
     }
     return true;
+}
+
+// Returns why it can't be sent, or null, as add_slice does.
+const char* Clip::add_nal(const NalUnit& nal, Access& access) {
+    const int type = h264_nal_type(nal.data[0]);
+    if (type == H264_NAL_SPS && h264_parse_sps(nal.data, nal.size, access.sps)) {
+        take_size(access.sps);
+    }
+    access.has_pps = access.has_pps || type == H264_NAL_PPS;
+    H264Slice slice;
+    const char* why = WhyNotSent(nal, access.sps, slice, m_slices);
+    if (why == nullptr && IsSlice(nal)) {
+        why = add_slice(nal, slice, access);
+    } else if (access.next_begin == NO_START_CODE && BeginsPicture(nal)) {
+        access.next_begin = m_bytes.size();
+    }
+    AppendNalUnit(m_bytes, nal);
+    return why;
+}
+
+// A picture begins with its first macroblock; what stands in front of it may be its own.
+const char* Clip::add_slice(const NalUnit& nal, const H264Slice& slice, Access& access) {
+    if (m_video.width == 0 || !access.has_pps) {
+        return "has no parameter sets in front of its first picture";
+    }
+    if (IsBSlice(slice)) {
+        return B_PICTURES;
+    }
+    if (slice.first_mb == 0) {
+        end_picture(std::min(access.next_begin, m_bytes.size()), access);
+        access.letter = h264_nal_type(nal.data[0]) == H264_NAL_IDR ? 'I' : 'P';
+    }
+    access.next_begin = NO_START_CODE;
+    return access.letter == 0 ? "begins in the middle of a picture" : nullptr;
+}
+
+void Clip::end_picture(size_t end, Access& access) {
+    if (access.letter != 0) {
+        add_unit(access.begin, end - access.begin, access.letter);
+        access.begin = end;
+    }
 }
 
 // The first size is the stream's.
@@ -413,7 +439,7 @@ void Clip::take_kav_format(const FrameEntry& first) {
 // be sent, or null.
 const char* Clip::append_body(const unsigned char* body, size_t size, int video_encode_type) {
     if (video_encode_type == STREAM_VIDEO_H264) {
-        const char* why = WhyNotSent(body, size);
+        const char* why = WhyNotSent(body, size, m_slices);
         for (const NalUnit& nal : SplitNalUnits(body, size)) {
             AppendNalUnit(m_bytes, nal);
         }

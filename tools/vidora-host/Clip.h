@@ -5,13 +5,8 @@
 #include <string>
 #include <vector>
 
+#include "AnnexB.h"
 #include "Vidora/StreamSource.h"
-
-namespace Kavio {
-namespace Vidora {
-struct H264Sps;
-}  // namespace Vidora
-}  // namespace Kavio
 
 struct FrameEntry;
 
@@ -28,9 +23,10 @@ struct ClipUnit {
 class Clip {
 public:
     // Loads a video file by its ending: .h264 (Annex B), .m4v (MPEG-4 part 2), .mjpeg (a run of JPEG images) with `fps`
-    // frames a second; or the video of a .kav recording, or of a file that IsContainer tells, with its own times.
-    // False, with `error` saying why, if it can't be read or holds what can't be sent.
-    bool LoadVideo(const std::string& path, double fps, std::string& error);
+    // frames a second, H.264 with as many slices a picture as `slices` says; or the video of a .kav recording, or of a
+    // file that IsContainer tells, with its own times. False, with `error` saying why, if it can't be read or holds
+    // what can't be sent.
+    bool LoadVideo(const std::string& path, double fps, slices_t slices, std::string& error);
     // Loads an audio file: .alaw and .ulaw (G.711, 8 kHz, blocks of 40 ms), .mp2 (MPEG audio frames), or the audio of a
     // .kav recording or a container. False if there is none, with `error` empty for one of these without audio.
     bool LoadAudio(const std::string& path, std::string& error);
@@ -48,6 +44,10 @@ public:
 
 private:
     bool cut_h264(std::string& error);
+    struct Access;
+    const char* add_nal(const NalUnit& nal, Access& access);
+    const char* add_slice(const NalUnit& nal, const Kavio::Vidora::H264Slice& slice, Access& access);
+    void end_picture(size_t end, Access& access);
     void take_size(const Kavio::Vidora::H264Sps& sps);
     bool cut_mpeg4(std::string& error);
     bool cut_mjpeg(std::string& error);
@@ -64,6 +64,7 @@ private:
     void add_unit(size_t offset, size_t size, int letter);
     void set_frame_times(double fps);
 
+    slices_t m_slices = ONE_SLICE;
     std::vector<unsigned char> m_bytes;
     std::vector<ClipUnit> m_units;
     double m_duration_ms = 0.0;

@@ -2,7 +2,6 @@
 
 #include <algorithm>
 
-#include "AnnexB.h"
 #include "Clip.h"
 #include "Vidora/KXFrame.h"
 #include "Vidora/Ostra/ByteReader.h"
@@ -50,7 +49,7 @@ bool ReadSpan(const FileBytes& file, Interval& span) {
     return true;
 }
 
-std::shared_ptr<const Recording> Recording::Index(const FileBytes& file, const Recording* former,
+std::shared_ptr<const Recording> Recording::Index(const FileBytes& file, const Recording* former, slices_t slices,
                                                   const std::atomic<bool>& stop) {
     const bool goes_on = former != nullptr && former->goes_on(file);
     const std::shared_ptr<Recording> recording(goes_on ? new Recording(*former) : new Recording);
@@ -71,7 +70,7 @@ std::shared_ptr<const Recording> Recording::Index(const FileBytes& file, const R
     }
     recording->m_next_offset = cursor.ResumeOffset();
     recording->m_keys.shrink_to_fit();
-    recording->describe(file);
+    recording->describe(file, slices);
     return recording;
 }
 
@@ -118,7 +117,7 @@ void Recording::add_key(const FramePlace& place) {
 }
 
 // The formats, and whether the recording can be sent, by its first key frame.
-void Recording::describe(const FileBytes& file) {
+void Recording::describe(const FileBytes& file, slices_t slices) {
     std::vector<unsigned char> picture;
     m_fault.clear();
     if (m_keys.empty()) {
@@ -126,7 +125,7 @@ void Recording::describe(const FileBytes& file) {
     } else if (!ReadBody(file, m_first_key, picture)) {
         m_fault = "cannot be read";
     } else if (m_first_key.encode_code == STREAM_VIDEO_H264) {
-        const char* why = WhyNotSent(picture.data(), picture.size());
+        const char* why = WhyNotSent(picture.data(), picture.size(), slices);
         m_fault = why != nullptr ? why : "";
     }
     m_video.width = m_first_key.width;

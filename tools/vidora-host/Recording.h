@@ -7,6 +7,7 @@
 #include <string>
 #include <vector>
 
+#include "AnnexB.h"
 #include "FileBytes.h"
 #include "FrameCursor.h"
 #include "Vidora/StreamSource.h"
@@ -32,8 +33,8 @@ public:
     static constexpr size_t MAX_KEYS = 128u << 10;
 
     // Indexes a file, and only what has come since if it goes on behind `former`, its earlier index (or null). Null if
-    // `stop` was set meanwhile.
-    static std::shared_ptr<const Recording> Index(const FileBytes& file, const Recording* former,
+    // `stop` was set meanwhile. `slices` is what may be sent.
+    static std::shared_ptr<const Recording> Index(const FileBytes& file, const Recording* former, slices_t slices,
                                                   const std::atomic<bool>& stop);
 
     // Why it can't be played; empty if it can. Only then is there what follows.
@@ -63,7 +64,7 @@ private:
     bool goes_on(const FileBytes& file) const;
     void add(const FrameEntry& entry);
     void add_key(const FramePlace& place);
-    void describe(const FileBytes& file);
+    void describe(const FileBytes& file, slices_t slices);
 
     FileState m_state;
     std::string m_fault;

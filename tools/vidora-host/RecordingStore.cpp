@@ -27,8 +27,12 @@ std::unique_ptr<OpenRecording> make_failure(const std::string& error) {
 
 }  // namespace
 
-RecordingStore::RecordingStore(std::string folder)
-    : m_folder(std::move(folder)), m_indexes(INDEX_BYTES), m_spans(SPAN_BYTES), m_workers(MAX_THREADS) {}
+RecordingStore::RecordingStore(std::string folder, slices_t slices)
+    : m_folder(std::move(folder)),
+      m_slices(slices),
+      m_indexes(INDEX_BYTES),
+      m_spans(SPAN_BYTES),
+      m_workers(MAX_THREADS) {}
 
 bool RecordingStore::IsRefused(const RecordingQuery& query, std::string& error) {
     if (query.name.empty()) {
@@ -108,7 +112,8 @@ RecordingStore::recording_t RecordingStore::read_index(const std::string& path) 
     if (is_open && former && former->State() == file.State()) {
         return former;
     }
-    const recording_t recording = is_open ? Recording::Index(file, former.get(), m_workers.Stopping()) : recording_t();
+    const recording_t recording =
+        is_open ? Recording::Index(file, former.get(), m_slices, m_workers.Stopping()) : recording_t();
     const std::lock_guard<std::mutex> guard(m_mutex);
     if (recording) {
         m_indexes.Put(path, recording, recording->MemorySize());

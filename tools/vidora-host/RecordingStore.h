@@ -47,7 +47,7 @@ public:
     typedef std::function<void(std::unique_ptr<OpenRecording>)> done_t;
     typedef std::weak_ptr<const void> asker_t;
 
-    explicit RecordingStore(std::string folder);
+    RecordingStore(std::string folder, slices_t slices);
 
     // Can't that be opened, as far as two looks into the folder and what is known of the file tell? `error` says why.
     bool IsRefused(const RecordingQuery& query, std::string& error);
@@ -77,6 +77,7 @@ private:
     void open_first(const std::shared_ptr<Search>& search);
 
     const std::filesystem::path m_folder;
+    const slices_t m_slices;
 
     std::mutex m_mutex;  // guards the three below; not held while a file is read
     LruCache<recording_t> m_indexes;
