@@ -6,6 +6,7 @@
 #include <memory>
 
 #include "MulticastInterface.h"
+#include "Tramel/PooledSink.h"
 #include "Vidora/Names.h"
 
 namespace Kavio {
@@ -25,12 +26,13 @@ class CUdpSockPair;
 // network yet, the interface gone or with another address) tries anew with each Put. The log says once that sending
 // fails, and once that it goes on.
 //
-// THREADING  Put: the source's thread. EnableTrack, DisableTrack: any thread. All others: the owner's, also while the
+// THREADING  Put: the thread that writes for the buffer, not twice at once. EnableTrack, DisableTrack: any thread. All
+// others: the owner's, also while the
 //            sender is attached to a buffer; a lock keeps them apart from Put.
 // OWNERSHIP  The owner takes the sender off the buffer and then deletes it. The configuration is borrowed and must
 //            outlive the sender. The keeper is the sender's; both share the sockets, so that neither waits for the
 //            other's end.
-class CRtpUdpSender : public CLevel2Buffer_IF {
+class CRtpUdpSender : public Tramel::CPooledSink {
 public:
     CRtpUdpSender();
     ~CRtpUdpSender() override;

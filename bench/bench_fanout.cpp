@@ -23,9 +23,9 @@
 #include <vector>
 
 #include "Tramel/MediaStreamSender.h"
+#include "Tramel/PooledSink.h"
 #include "Tramel/SockDgram.h"
 #include "Tramel/SockStream.h"
-#include "Vidora/Tramel/Level2Buffer.h"
 #include "Vidora/Tramel/MediaBuffer.h"
 #include "Vidora/Tramel/MediaPacket.h"
 #include "Vidora/Tramel/NetThread.h"
@@ -183,7 +183,7 @@ std::unique_ptr<CSockDgram> connected_dgram(uint16_t port) {
     return sock;
 }
 
-// The library's way on UDP: level-2 sinks, by the batch send or by one send a packet.
+// The library's way on UDP: sinks as the server's, by the batch send or by one send a packet.
 class CBufferUdp : public CBufferWay {
 public:
     CBufferUdp(const Bench::CDrain& drain, unsigned int clients, const std::string& frame, bool batch)
@@ -196,7 +196,7 @@ public:
     const char* Name() const override { return m_batch ? "CMediaBuffer, SendMerged" : "CMediaBuffer, Send a packet"; }
 
 private:
-    struct CSink : CLevel2Buffer_IF {
+    struct CSink : CPooledSink {
         CSink(std::unique_ptr<CSockDgram> socket, bool by_batch) : sock(std::move(socket)), batch(by_batch) {}
         int Put(CMediaPacket* packet, int length, int, int) override {
             const unsigned char* data = packet->GetData();

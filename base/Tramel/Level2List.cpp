@@ -60,6 +60,11 @@ bool CLevel2List::Add(CLevel2Buffer_IF* sink) {
     return true;
 }
 
+bool CLevel2List::Has(const CLevel2Buffer_IF* sink) {
+    CGuard guard(m_mutex);
+    return std::find(m_sinks.begin(), m_sinks.end(), sink) != m_sinks.end();
+}
+
 void CLevel2List::Remove(const CLevel2Buffer_IF* sink) {
     CGuard guard(m_mutex);
     const auto found = std::find(m_sinks.begin(), m_sinks.end(), sink);

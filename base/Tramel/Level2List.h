@@ -23,6 +23,7 @@ public:
     void Put(CMediaPacket* packet, int length, int flag, int channel);
     // A sink is stored at most once. False if memory is short.
     bool Add(CLevel2Buffer_IF* sink);
+    bool Has(const CLevel2Buffer_IF* sink);
     void Remove(const CLevel2Buffer_IF* sink);
     void RemoveAll();
 

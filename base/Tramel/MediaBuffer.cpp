@@ -7,6 +7,7 @@
 #include "Tramel/Interleave.h"
 #include "Tramel/Level2List.h"
 #include "Tramel/OutputUnit.h"
+#include "Tramel/PooledSink.h"
 #include "Tramel/SinkGroup.h"
 #include "Tramel/Strand.h"
 #include "Vidora/Ostra/Log.h"
@@ -52,10 +53,11 @@ public:
     void EnableAutoSend();
     int Put(CMediaPacket* packet, int length, int flag, int channel);
     int PutFrameInfo(CMediaPacket* packet, int length);
-    void AddSender(CMediaStreamSender* sender);
-    void DelSender(CMediaStreamSender* sender);
+    void AddSink(CGroupSink sink);
+    void DelSink(CGroupSink sink);
+    void AddLevel2(CLevel2Buffer_IF* buffer);
+    void DelLevel2(CLevel2Buffer_IF* buffer);
     bool IsIdle();
-    CLevel2List& Level2() { return m_level2; }
     void Close();
 
 protected:
@@ -75,11 +77,12 @@ private:
 
     bool is_header_locked(CMediaPacket* packet, int length, int flag) VIDORA_REQUIRES(m_mutex);
     COutputUnit* open_pair_locked(CMediaPacket* packet, int length, int channel) VIDORA_REQUIRES(m_mutex);
-    COutputUnit* finish_unit_locked(CMediaPacket* packet, int length, int channel, bool& whole)
+    COutputUnit* finish_unit_locked(CMediaPacket* packet, int length, int flag, int channel, bool& whole)
         VIDORA_REQUIRES(m_mutex);
     void drop_open_locked() VIDORA_REQUIRES(m_mutex);
     void drop_sides_locked() VIDORA_REQUIRES(m_mutex);
     uint32_t hand_out_locked(COutputUnit* unit) VIDORA_REQUIRES(m_mutex);
+    void add_sink_locked(CGroupSink sink) VIDORA_REQUIRES(m_mutex);
     CSinkGroup* pick_group_locked() VIDORA_REQUIRES(m_mutex);
     bool are_few_locked() VIDORA_REQUIRES(m_mutex);
     void write_few();
@@ -116,7 +119,7 @@ int CMediaBuffer::CImpl::Put(CMediaPacket* packet, int length, int flag, int cha
             unit = open_pair_locked(packet, length, channel);
         } else {
             bool whole = true;
-            unit = finish_unit_locked(packet, length, channel, whole);
+            unit = finish_unit_locked(packet, length, flag, channel, whole);
             handed_out = unit != nullptr && whole && m_auto_send && m_group_count > 0;
             if (handed_out) {
                 late = hand_out_locked(unit);
@@ -162,7 +165,7 @@ COutputUnit* CMediaBuffer::CImpl::open_pair_locked(CMediaPacket* packet, int len
         return nullptr;
     }
     ++m_sequence;
-    unit->AddPacket(packet, static_cast<unsigned int>(length), channel);
+    unit->AddPacket(packet, static_cast<unsigned int>(length), 0, channel);
     unit->AddRef();
     m_open = unit;
     m_pair = PAIR_OPEN;
@@ -171,7 +174,8 @@ COutputUnit* CMediaBuffer::CImpl::open_pair_locked(CMediaPacket* packet, int len
 
 // Makes the unit of a packet, with the header and the side packets that wait for it; the reference is the caller's.
 // `whole` becomes false if its header is missing. Null if memory is short.
-COutputUnit* CMediaBuffer::CImpl::finish_unit_locked(CMediaPacket* packet, int length, int channel, bool& whole) {
+COutputUnit* CMediaBuffer::CImpl::finish_unit_locked(CMediaPacket* packet, int length, int flag, int channel,
+                                                     bool& whole) {
     COutputUnit* unit = m_open;
     whole = m_pair != PAIR_BROKEN;
     m_open = nullptr;
@@ -184,7 +188,7 @@ COutputUnit* CMediaBuffer::CImpl::finish_unit_locked(CMediaPacket* packet, int l
         drop_sides_locked();
         return nullptr;
     }
-    unit->AddPacket(packet, static_cast<unsigned int>(length), channel);
+    unit->AddPacket(packet, static_cast<unsigned int>(length), flag, channel);
     for (unsigned int i = 0; i < m_side_count; ++i) {
         unit->AddSide(m_sides[i].packet, m_sides[i].length);
     }
@@ -291,17 +295,36 @@ void CMediaBuffer::CImpl::EnableAutoSend() {
     m_auto_send = true;
 }
 
-void CMediaBuffer::CImpl::AddSender(CMediaStreamSender* sender) {
+void CMediaBuffer::CImpl::AddSink(CGroupSink sink) {
     CGuard guard(m_mutex);
+    add_sink_locked(sink);
+}
+
+void CMediaBuffer::CImpl::add_sink_locked(CGroupSink sink) {
     for (unsigned int i = 0; i < m_group_count; ++i) {
-        if (m_groups[i]->Has(sender)) {
+        if (m_groups[i]->Has(sink)) {
             return;
         }
     }
     CSinkGroup* group = pick_group_locked();
-    if (group == nullptr || !group->Add(sender, m_sequence)) {
-        logError("%s:%d no memory for a sender\n", __FILE__, __LINE__);
+    if (group == nullptr || !group->Add(sink, m_sequence)) {
+        logError("%s:%d no memory for a sink\n", __FILE__, __LINE__);
     }
+}
+
+void CMediaBuffer::CImpl::AddLevel2(CLevel2Buffer_IF* buffer) {
+    CGuard guard(m_mutex);
+    const bool may_wait = m_auto_send && dynamic_cast<CPooledSink*>(buffer) != nullptr;
+    if (may_wait && !m_level2.Has(buffer)) {
+        add_sink_locked(CGroupSink(buffer));
+    } else if (!m_level2.Add(buffer)) {
+        logError("%s:%d no memory for a level-2 buffer\n", __FILE__, __LINE__);
+    }
+}
+
+void CMediaBuffer::CImpl::DelLevel2(CLevel2Buffer_IF* buffer) {
+    m_level2.Remove(buffer);
+    DelSink(CGroupSink(buffer));
 }
 
 // The smallest group, or a new one if all have enough.
@@ -326,14 +349,14 @@ CSinkGroup* CMediaBuffer::CImpl::pick_group_locked() {
     return m_groups[best].get();
 }
 
-// Outside the lock: the group waits for a call of the sender, which may use the buffer.
-void CMediaBuffer::CImpl::DelSender(CMediaStreamSender* sender) {
+// Outside the lock: the group waits for a call of the sink, which may use the buffer.
+void CMediaBuffer::CImpl::DelSink(CGroupSink sink) {
     for (unsigned int i = 0; i < MAX_GROUPS; ++i) {
         const std::shared_ptr<CSinkGroup> candidate = group(i);
         if (candidate == nullptr) {
             return;
         }
-        candidate->Remove(sender);
+        candidate->Remove(sink);
     }
 }
 
@@ -418,14 +441,14 @@ int CMediaBuffer::PutFrameInfo(CMediaPacket* packet, int length) {
 
 void CMediaBuffer::AddSender(CMediaStreamSender* sender) {
     if (m_impl != nullptr && sender != nullptr) {
-        m_impl->AddSender(sender);
+        m_impl->AddSink(CGroupSink(sender));
     }
 }
 
 void CMediaBuffer::DelSender(CMediaStreamSender* sender) {
     const std::shared_ptr<CImpl> impl = m_impl;
     if (impl != nullptr && sender != nullptr) {
-        impl->DelSender(sender);
+        impl->DelSink(CGroupSink(sender));
     }
 }
 
@@ -434,15 +457,15 @@ bool CMediaBuffer::IsIdle() {
 }
 
 void CMediaBuffer::AddLevel2Buffer(CLevel2Buffer_IF* buffer) {
-    if (m_impl != nullptr && buffer != nullptr && !m_impl->Level2().Add(buffer)) {
-        logError("%s:%d no memory for a level-2 buffer\n", __FILE__, __LINE__);
+    if (m_impl != nullptr && buffer != nullptr) {
+        m_impl->AddLevel2(buffer);
     }
 }
 
 void CMediaBuffer::DelLevel2Buffer(CLevel2Buffer_IF* buffer) {
     const std::shared_ptr<CImpl> impl = m_impl;
     if (impl != nullptr && buffer != nullptr) {
-        impl->Level2().Remove(buffer);
+        impl->DelLevel2(buffer);
     }
 }
 

@@ -6,6 +6,7 @@
 #include "Tramel/Interleave.h"
 #include "Tramel/MediaTag.h"
 #include "Vidora/Ostra/ByteReader.h"
+#include "Vidora/Tramel/Level2Buffer.h"
 #include "Vidora/Tramel/MediaPacket.h"
 
 namespace Kavio {
@@ -65,9 +66,9 @@ void COutputUnit::set_channel(int channel) {
     m_key = tag.IsKey();
 }
 
-void COutputUnit::AddPacket(CMediaPacket* packet, unsigned int length, int channel) {
+void COutputUnit::AddPacket(CMediaPacket* packet, unsigned int length, int flag, int channel) {
     set_channel(channel);
-    m_packets[m_part_count] = packet;
+    m_packets[m_part_count] = {packet, flag, channel};
     m_parts[m_part_count].iov_base = packet->GetData();
     m_parts[m_part_count].iov_len = length;
     m_packet_number = m_part_count == 0 ? count_interleaved(packet->GetData(), length) : 1;
@@ -85,6 +86,11 @@ bool COutputUnit::AddSide(CMediaPacket* packet, int length) {
     return true;
 }
 
+void COutputUnit::PutPart(unsigned int index, CLevel2Buffer_IF& sink) const {
+    const PutPacket& put = m_packets[index];
+    sink.Put(put.packet, static_cast<int>(m_parts[index].iov_len), put.flag, put.channel);
+}
+
 CMediaPacket* COutputUnit::Side(unsigned int index, int* length) const {
     *length = m_sides[index].length;
     return m_sides[index].packet;
@@ -97,9 +103,9 @@ void COutputUnit::Release() {
 }
 
 COutputUnit::~COutputUnit() {
-    for (CMediaPacket* packet : m_packets) {
-        if (packet != nullptr) {
-            packet->Release();
+    for (const PutPacket& put : m_packets) {
+        if (put.packet != nullptr) {
+            put.packet->Release();
         }
     }
     for (unsigned int i = 0; i < m_side_count; ++i) {

@@ -9,6 +9,7 @@
 namespace Kavio {
 namespace Tramel {
 
+class CLevel2Buffer_IF;
 class CMediaPacket;
 
 // COutputUnit: what goes to a stream socket as a whole or not at all: one control text, or one media packet together
@@ -30,8 +31,9 @@ public:
     // An empty media unit for packets of `channel` (see CMediaBuffer::Put), or null. `sequence` numbers the puts.
     static COutputUnit* CreateMedia(int channel, uint64_t sequence, uint64_t now_ms);
 
-    // Appends a packet and takes it over; at most two. The second one is the frame, whose channel word counts.
-    void AddPacket(CMediaPacket* packet, unsigned int length, int channel);
+    // Appends a packet and takes it over; at most two. The second one is the frame, whose channel word counts. `flag`
+    // and `channel` as given to CMediaBuffer::Put.
+    void AddPacket(CMediaPacket* packet, unsigned int length, int flag, int channel);
     // Takes a side packet over. False, and nothing is taken, if there are MAX_SIDE already.
     bool AddSide(CMediaPacket* packet, int length);
     // The track is one that has carried a key frame, now or before.
@@ -53,6 +55,8 @@ public:
     uint64_t TimeMs() const { return m_time_ms; }
     const struct iovec* Parts() const { return m_parts; }
     unsigned int PartCount() const { return m_part_count; }
+    // Gives the packet of a part to a sink, as it was put.
+    void PutPart(unsigned int index, CLevel2Buffer_IF& sink) const;
     unsigned int SideCount() const { return m_side_count; }
     CMediaPacket* Side(unsigned int index, int* length) const;
 
@@ -61,6 +65,11 @@ private:
     ~COutputUnit();
     void set_channel(int channel);
 
+    struct PutPacket {
+        CMediaPacket* packet;
+        int flag;
+        int channel;
+    };
     struct SidePacket {
         CMediaPacket* packet;
         int length;
@@ -78,7 +87,7 @@ private:
     bool m_key = false;
     bool m_key_track = false;
     struct iovec m_parts[2] = {};
-    CMediaPacket* m_packets[2] = {};
+    PutPacket m_packets[2] = {};
     SidePacket m_sides[MAX_SIDE] = {};
     char* m_text_bytes = nullptr;
 };

@@ -46,8 +46,12 @@ bool CSinkGroup::RunTurn() {
     }
     uint64_t from_sequence = 0;
     size_t index = 0;
-    for (; CMediaStreamSender* sender = next_sink(index, sink_count, from_sequence); ++index) {
-        write_sink(batch, index, sender, from_sequence);
+    for (CGroupSink sink = nullptr; (sink = next_sink(index, sink_count, from_sequence)) != nullptr; ++index) {
+        if (sink.Sender() != nullptr) {
+            write_sender(batch, index, *sink.Sender(), from_sequence);
+        } else {
+            write_level2(batch, index, *sink.Level2(), from_sequence);
+        }
     }
     for (unsigned int i = 0; i < batch.Count(); ++i) {
         batch.Unit(i)->Release();
@@ -81,26 +85,27 @@ bool CSinkGroup::take_pending(CUnitBatch& batch, size_t& sink_count) {
     return true;
 }
 
-// Ends the call of the sender before and marks the one at or behind `index` as called; null at the end. Those that came
+// Ends the call of the sink before and marks the one at or behind `index` as called; null at the end. Those that came
 // during the turn are behind the end: they get none of its units.
-CMediaStreamSender* CSinkGroup::next_sink(size_t& index, size_t sink_count, uint64_t& from_sequence) {
+CGroupSink CSinkGroup::next_sink(size_t& index, size_t sink_count, uint64_t& from_sequence) {
     CGuard guard(m_mutex);
     m_current = nullptr;
     m_wait.Wake();
-    while (index < sink_count && m_sinks[index].sender == nullptr) {
+    while (index < sink_count && m_sinks[index].sink == nullptr) {
         ++index;
     }
     if (index >= sink_count) {
         return nullptr;
     }
-    m_current = m_sinks[index].sender;
+    m_current = m_sinks[index].sink;
     from_sequence = m_sinks[index].from_sequence;
-    return m_sinks[index].sender;
+    return m_sinks[index].sink;
 }
 
-void CSinkGroup::write_sink(const CUnitBatch& batch, size_t index, CMediaStreamSender* sender, uint64_t from_sequence) {
+void CSinkGroup::write_sender(const CUnitBatch& batch, size_t index, CMediaStreamSender& sender,
+                              uint64_t from_sequence) {
     CMediaStreamSender::send_proc_t proc;
-    const uint64_t taken = sender->send_batch(batch, from_sequence, proc);
+    const uint64_t taken = sender.send_batch(batch, from_sequence, proc);
     if (!batch.HasSides() || taken == 0) {
         return;
     }
@@ -113,7 +118,7 @@ void CSinkGroup::write_sink(const CUnitBatch& batch, size_t index, CMediaStreamS
         for (unsigned int side = 0; side < unit->SideCount(); ++side) {
             int length = 0;
             CMediaPacket* packet = unit->Side(side, &length);
-            if (called && !stands_at(index, sender)) {
+            if (called && !stands_at(index, CGroupSink(&sender))) {
                 return;  // the procedure took its own sender away
             }
             proc(packet, length, 0);
@@ -122,9 +127,24 @@ void CSinkGroup::write_sink(const CUnitBatch& batch, size_t index, CMediaStreamS
     }
 }
 
-bool CSinkGroup::stands_at(size_t index, const CMediaStreamSender* sender) {
+void CSinkGroup::write_level2(const CUnitBatch& batch, size_t index, CLevel2Buffer_IF& level2, uint64_t from_sequence) {
+    bool called = false;
+    for (unsigned int i = 0; i < batch.Count(); ++i) {
+        const COutputUnit* unit = batch.Unit(i);
+        const unsigned int parts = unit->Sequence() < from_sequence ? 0 : unit->PartCount();
+        for (unsigned int part = 0; part < parts; ++part) {
+            if (called && !stands_at(index, CGroupSink(&level2))) {
+                return;  // it has been taken away
+            }
+            unit->PutPart(part, level2);
+            called = true;
+        }
+    }
+}
+
+bool CSinkGroup::stands_at(size_t index, CGroupSink sink) {
     CGuard guard(m_mutex);
-    return m_sinks[index].sender == sender;
+    return m_sinks[index].sink == sink;
 }
 
 // True if units came meanwhile.
@@ -132,15 +152,15 @@ bool CSinkGroup::end_turn() {
     CGuard guard(m_mutex);
     m_running = false;
     m_sinks.erase(
-        std::remove_if(m_sinks.begin(), m_sinks.end(), [](const CSink& sink) { return sink.sender == nullptr; }),
+        std::remove_if(m_sinks.begin(), m_sinks.end(), [](const CEntry& entry) { return entry.sink == nullptr; }),
         m_sinks.end());
     return !m_pending.Empty();
 }
 
-bool CSinkGroup::Add(CMediaStreamSender* sender, uint64_t from_sequence) {
+bool CSinkGroup::Add(CGroupSink sink, uint64_t from_sequence) {
     CGuard guard(m_mutex);
     try {
-        m_sinks.push_back(CSink{sender, from_sequence});
+        m_sinks.push_back(CEntry{sink, from_sequence});
     } catch (const std::bad_alloc&) {
         return false;
     }
@@ -148,39 +168,39 @@ bool CSinkGroup::Add(CMediaStreamSender* sender, uint64_t from_sequence) {
     return true;
 }
 
-bool CSinkGroup::Has(const CMediaStreamSender* sender) {
+bool CSinkGroup::Has(CGroupSink sink) {
     CGuard guard(m_mutex);
-    return std::any_of(m_sinks.begin(), m_sinks.end(), [sender](const CSink& sink) { return sink.sender == sender; });
+    return std::any_of(m_sinks.begin(), m_sinks.end(), [sink](const CEntry& entry) { return entry.sink == sink; });
 }
 
-void CSinkGroup::Remove(const CMediaStreamSender* sender) {
+void CSinkGroup::Remove(CGroupSink sink) {
     CGuard guard(m_mutex);
     for (size_t i = 0; i < m_sinks.size(); ++i) {
-        if (m_sinks[i].sender == sender) {
+        if (m_sinks[i].sink == sink) {
             remove_at_locked(i);
             break;
         }
     }
-    wait_locked(sender);
+    wait_locked(sink);
 }
 
 void CSinkGroup::RemoveAll() {
     CGuard guard(m_mutex);
     while (m_count > 0) {
         size_t index = 0;
-        while (m_sinks[index].sender == nullptr) {
+        while (m_sinks[index].sink == nullptr) {
             ++index;
         }
-        const CMediaStreamSender* sender = m_sinks[index].sender;
+        const CGroupSink sink = m_sinks[index].sink;
         remove_at_locked(index);
-        wait_locked(sender);
+        wait_locked(sink);
     }
 }
 
 void CSinkGroup::remove_at_locked(size_t index) {
     --m_count;
     if (m_running) {
-        m_sinks[index].sender = nullptr;
+        m_sinks[index].sink = nullptr;
     } else {
         m_sinks.erase(m_sinks.begin() + static_cast<std::ptrdiff_t>(index));
     }
@@ -191,8 +211,8 @@ void CSinkGroup::remove_at_locked(size_t index) {
     }
 }
 
-void CSinkGroup::wait_locked(const CMediaStreamSender* sender) {
-    while (m_current == sender && m_runner != std::this_thread::get_id()) {
+void CSinkGroup::wait_locked(CGroupSink sink) {
+    while (m_current == sink && m_runner != std::this_thread::get_id()) {
         m_wait.Wait(m_mutex);
     }
 }

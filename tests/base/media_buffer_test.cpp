@@ -4,8 +4,11 @@
 
 #include <memory>
 #include <mutex>
+#include <set>
+#include <thread>
 
 #include "Tramel/MediaStreamSender.h"
+#include "Tramel/PooledSink.h"
 #include "Tramel/SockStream.h"
 #include "Vidora/Tramel/Level2Buffer.h"
 #include "support/StreamPeer.h"
@@ -188,6 +191,132 @@ TEST_P(MediaBufferTest, Level2SinksGetEverythingAsItWasPutAndMayRemoveAnySink) {
     EXPECT_EQ(-1, manual.Put(nullptr, 1, 1, 0));
     sink.Read();
     EXPECT_TRUE(sink.reader.Units().empty());
+}
+
+// A sink of the library's own that sends datagrams: it notes what it is called with, and by whom.
+struct PooledSink : CPooledSink {
+    int Put(CMediaPacket* packet, int length, int flag, int channel) override {
+        const std::string bytes(reinterpret_cast<char*>(packet->GetData()), static_cast<size_t>(length));
+        EXPECT_FALSE(inside.exchange(true)) << "one call at a time";
+        {
+            std::lock_guard<std::mutex> guard(mutex);
+            calls.push_back(bytes.substr(0, 6) + ' ' + std::to_string(flag) + ' ' + std::to_string(channel));
+            callers.insert(std::this_thread::get_id());
+        }
+        if (action) {
+            action();
+        }
+        inside = false;
+        return length;
+    }
+    size_t Count() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return calls.size();
+    }
+    std::mutex mutex;
+    std::vector<std::string> calls;
+    std::set<std::thread::id> callers;
+    std::function<void()> action;
+    std::atomic<bool> inside{false};
+};
+
+TEST_P(MediaBufferTest, PooledSinksGetAllThatIsPutInOrderAndOnThePutThreadOnlyIfTheyAreFewOrThereIsNoPool) {
+    for (const size_t count : {3u, 40u}) {
+        CMediaBuffer buffer;
+        PooledSink early;
+        buffer.AddLevel2Buffer(&early);  // before auto-send: called inside the put, and once
+        buffer.EnableAutoSend();
+        buffer.AddLevel2Buffer(&early);
+        std::vector<PooledSink> sinks(count);
+        for (PooledSink& sink : sinks) {
+            buffer.AddLevel2Buffer(&sink);
+        }
+        std::vector<std::string> expected;
+        for (int i = 0; i < 30; ++i) {
+            const std::string number = std::to_string(100000 + i);
+            Put(buffer, "$header", 0, 7);
+            Put(buffer, number, 1, i << 24 | KEY);
+            expected.push_back("$heade 0 7");
+            expected.push_back(number + " 1 " + std::to_string(i << 24 | KEY));
+            EXPECT_EQ(expected.size(), early.calls.size());
+        }
+        for (PooledSink& sink : sinks) {
+            EXPECT_TRUE(WaitUntil([&] { return sink.Count() >= expected.size(); }));
+            buffer.DelLevel2Buffer(&sink);
+            EXPECT_EQ(expected, sink.calls);
+            EXPECT_EQ(GetParam() == 0 || count == 3, sink.callers.count(std::this_thread::get_id()) != 0);
+        }
+        EXPECT_EQ(expected, early.calls);
+    }
+}
+
+TEST_P(MediaBufferTest, PooledSinksLeaveFromAnyThreadAndInsideTheirOwnCallWhileOthersAreWritten) {
+    std::atomic<bool> stop{false};
+    std::vector<PooledSink> others(30);
+    for (PooledSink& other : others) {
+        m_buffer->AddLevel2Buffer(&other);
+    }
+    std::thread source([&] {
+        for (unsigned int i = 0; !stop; ++i) {
+            Put(*m_buffer, MediaBytes(0, i, i % 5 == 0, 500), 1, i % 5 == 0 ? KEY : SKIPPABLE);
+            std::this_thread::yield();
+        }
+    });
+    RunTogether(2, [&] {
+        for (int round = 0; round < 60; ++round) {
+            auto sink = std::make_unique<PooledSink>();
+            std::atomic<bool> left{false};
+            if (round % 2 == 0) {
+                sink->action = [&] {
+                    m_buffer->DelLevel2Buffer(sink.get());
+                    left = true;
+                };
+            }
+            m_buffer->AddLevel2Buffer(sink.get());
+            EXPECT_TRUE(WaitUntil([&] { return round % 2 == 0 ? left.load() : sink->Count() > 1; }));
+            m_buffer->DelLevel2Buffer(sink.get());
+            EXPECT_FALSE(sink->inside) << "the removal waits";
+            EXPECT_TRUE(round % 2 != 0 || sink->calls.size() == 1) << "none begins behind it";
+        }
+    });
+    stop = true;
+    source.join();
+    m_buffer.reset();
+}
+
+TEST(MediaBufferPool, APutWaitsForNoPooledSinkAndWhatWaitsForOneIsBounded) {
+    const CPool pool(2);
+    CMediaBuffer buffer;
+    buffer.EnableAutoSend();
+    std::vector<PooledSink> sinks(40);
+    std::atomic<bool> blocked{false}, goes_on{false};
+    sinks[0].action = [&] {
+        blocked = true;
+        WaitUntil([&] { return goes_on.load(); });
+    };
+    for (PooledSink& sink : sinks) {
+        buffer.AddLevel2Buffer(&sink);
+    }
+    const size_t size = 1 << 20;  // 8 of them fill a group
+    const auto put_until = [&](const std::function<bool()>& done) {
+        return WaitUntil([&] { return (Put(buffer, "small!", 1, KEY), done()); });
+    };
+    EXPECT_TRUE(put_until([&] { return blocked.load(); }));
+    size_t before = sinks[39].Count();
+    EXPECT_TRUE(put_until([&] { return sinks[39].Count() > before + 1; })) << "the others go on without that thread";
+    before = sinks[39].Count();
+    const int held = CountedPacket::Alive();
+    for (unsigned int i = 0; i < 40; ++i) {
+        EXPECT_TRUE(WaitUntil([&] { return sinks[39].Count() >= before + i; })) << "its group isn't held up";
+        Put(buffer, std::string(size, 'x'), 1, KEY);
+        EXPECT_GE(held + 12, CountedPacket::Alive());
+    }
+    goes_on = true;
+    EXPECT_TRUE(WaitUntil([&] { return CountedPacket::Alive() == 0; }));
+    EXPECT_GT(sinks[39].Count(), sinks[0].Count()) << "only the blocked one's group has lost some";
+    for (PooledSink& sink : sinks) {
+        buffer.DelLevel2Buffer(&sink);
+    }
 }
 
 TEST_P(MediaBufferTest, DeletingTheBufferInsideItsOwnCallIsSafe) {

@@ -58,7 +58,7 @@ protected:
         m_key_tracks |= key ? 1 << (row.track - '0') : 0;
         COutputUnit* unit = COutputUnit::CreateMedia(channel, 1, row.time_ms);
         CountedPacket* packet = new CountedPacket(MediaBytes(row.track - '0', m_number++, key, size - 4));
-        unit->AddPacket(packet, size, channel);
+        unit->AddPacket(packet, size, 1, channel);
         if ((m_key_tracks & (1 << (row.track - '0'))) != 0) {
             unit->MarkKeyTrack();
         }
@@ -131,7 +131,7 @@ TEST_F(QueueTest, BatchThatTheSocketTakesInPartGoesOnWhereItStopped) {
         numbers.push_back(batch.Count());
         COutputUnit* unit = COutputUnit::CreateMedia(1, 1, 1);
         CountedPacket* packet = new CountedPacket(MediaBytes(0, batch.Count(), true, 3000));
-        unit->AddPacket(packet, static_cast<unsigned int>(packet->Size()), 1);
+        unit->AddPacket(packet, static_cast<unsigned int>(packet->Size()), 1, 1);
         batch.Add(unit);
     }
     EXPECT_EQ(~uint64_t{0}, m_queue.SendMedia(batch, 0, ~0U));
@@ -268,9 +268,9 @@ TEST_F(QueueTest, CountersTellWhatWentOutWholeAndWhatWasDropped) {
         const std::string bytes = pair ? one : one + one + one;
         COutputUnit* unit = COutputUnit::CreateMedia(1, 1, 1);
         const unsigned int first = pair ? 6 : static_cast<unsigned int>(bytes.size());
-        unit->AddPacket(new CountedPacket(bytes.substr(0, first)), first, 1);
+        unit->AddPacket(new CountedPacket(bytes.substr(0, first)), first, 0, 1);
         if (pair) {
-            unit->AddPacket(new CountedPacket(bytes.substr(first)), 94, 1);
+            unit->AddPacket(new CountedPacket(bytes.substr(first)), 94, 1, 1);
         }
         CUnitBatch batch;
         batch.Add(unit);
