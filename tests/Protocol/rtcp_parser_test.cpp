@@ -7,11 +7,7 @@
 #include "support/SampleTable.h"
 #include "support/StreamBytes.h"
 
-namespace Kavio {
-namespace Support {
-
-using namespace Vidora;
-
+namespace Kavio::Support {
 namespace {
 
 const char TABLES[] = VIDORA_TEST_DATA "/rtcp.txt";
@@ -197,5 +193,4 @@ TEST(RtcpParser, WritesNothingThatDoesNotFit) {
 }
 
 }  // namespace
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support

@@ -11,8 +11,7 @@
 #include "support/RtspText.h"
 #include "support/SampleTable.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 using Support::Crlf;
@@ -177,5 +176,4 @@ TEST(LogQuote, HidesPasswordsAndAuthorizationValuesAndNothingElse) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

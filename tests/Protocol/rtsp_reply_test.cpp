@@ -12,8 +12,7 @@
 #include "support/RtspText.h"
 #include "support/SampleTable.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 using Support::Crlf;
@@ -243,5 +242,4 @@ TEST(RtspClientThreads, GeneratorBesideReader) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

@@ -13,8 +13,7 @@
 #include "support/Capture.h"
 #include "support/RtspText.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 using Support::Crlf;
@@ -244,5 +243,4 @@ TEST(RtspMemory, ConversationTouchesFewPages) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

@@ -11,13 +11,10 @@
 #include "Vidora/H264Parser.h"
 #include "Vidora/Mpeg4Parser.h"
 #include "Vidora/StartCode.h"
+#include "support/SampleTable.h"
 #include "support/StreamBytes.h"
 
-namespace Kavio {
-namespace Support {
-
-using namespace Vidora;
-
+namespace Kavio::Support {
 namespace {
 
 size_t naive_find(const Bytes& data, size_t from, const Bytes& code) {
@@ -54,27 +51,13 @@ TEST(Crc32Test, MatchesThePublishedCheckValueAndCancelsItself) {
 }
 
 TEST(H264ParserTest, ReadsRealParameterSetsAndNoneOfTheirPieces) {
-    const struct {
-        const char* name;
-        const char* hex;  // made by an independent encoder
-        uint32_t width, height, field_height;
-        bool frame_mbs_only;
-    } rows[] = {
-        {"high profile", "6764001eacd940a03db011000003000100000300320f162d96", 640, 480, 480, true},
-        {"cropped at the bottom", "67640028acd940780227e5c044000003000400000300c83c60c658", 1920, 1080, 1080, true},
-        // 34 map units of two fields, cropped by 2 units of 2 lines: (544 - 4) x 2.
-        {"field coding", "67640028acd94078044fde0220000003002000000643e2c5b2c0", 1920, 1080, 540, false},
-        {"baseline profile", "6742c01ed900b4126c0440000003004000000c83c58b92", 720, 576, 576, true},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        const Bytes nal = FromHex(row.hex);
+    for (const auto& row : ReadTable(VIDORA_TEST_DATA "/frames.txt", "SPS", 3)) {
+        SCOPED_TRACE(row[0]);
+        const Bytes nal = FromHex(row[1]);
         H264Sps sps;
         ASSERT_TRUE(h264_parse_sps(nal.data(), nal.size(), sps));
-        EXPECT_EQ(sps.width, row.width);
-        EXPECT_EQ(sps.height, row.height);
-        EXPECT_EQ(sps.field_height, row.field_height);
-        EXPECT_EQ(sps.frame_mbs_only, row.frame_mbs_only);
+        EXPECT_EQ((std::vector<uint32_t>{sps.width, sps.height, sps.field_height, sps.frame_mbs_only}),
+                  Numbers<uint32_t>(row[2]));
         // What is needed stands in the first 9 bytes at least; shorter cuts must not give a size.
         for (size_t len = 0; len < 9; ++len) {
             H264Sps none;
@@ -111,5 +94,4 @@ TEST(Mpeg2ParserTest, ReadsARealSequenceHeader) {
 }
 
 }  // namespace
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support

@@ -5,14 +5,13 @@
 #include "StreamParser/RtpHeader.h"
 #include "support/Capture.h"
 #include "support/PackerUnits.h"
+#include "support/SampleTable.h"
 #include "support/StreamBytes.h"
 
-namespace Kavio {
-namespace Support {
-
-using namespace Vidora;
-
+namespace Kavio::Support {
 namespace {
+
+const char TABLES[] = VIDORA_TEST_DATA "/frames.txt";
 
 struct Packet {
     Bytes bytes, payload;
@@ -117,36 +116,21 @@ TEST(Frame2Rtp, H264FrameSplitsAtParameterSetsAndNotAtSlices) {
 }
 
 TEST(Frame2Rtp, PlainAudioAndAssistFramesAreCutBySize) {
-    struct {
-        int enc_type;
-        size_t len;
-        std::vector<size_t> sizes;  // payloads, headers included
-    } rows[] = {
-        {ENC_TYPE_MPEG4, 1440, {1440}},
-        {ENC_TYPE_MPEG4, 1441, {1440, 1}},
-        {ENC_TYPE_AUDIO, 160, {160}},
-        {ENC_TYPE_MPEG_AUDIO, 1436, {1440}},
-        {ENC_TYPE_MPEG_AUDIO, 1437, {1440, 5}},
-        {ENC_TYPE_MPEG_AUDIO, 1436 * 8, std::vector<size_t>(8, 1440)},
-        {ENC_TYPE_ASSIST, 1432, {1440}},
-        {ENC_TYPE_ASSIST, 1433, {1440, 1}},
-        {ENC_TYPE_ASSIST, 2873, {1440, 1440, 1}},
-    };
     CFrame2Rtp packer;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(std::to_string(row.enc_type) + ", " + std::to_string(row.len));
-        const Bytes frame = nal(1, row.len);
-        const std::vector<Packet> packets = cut(packer, frame, row.enc_type, 1, 0x42);
-        ASSERT_EQ(packets.size(), row.sizes.size());
+    for (const auto& row : ReadTable(TABLES, "cuts", 3)) {
+        SCOPED_TRACE(row[0]);
+        const std::vector<int> codec_and_size = Numbers(row[0]), sizes = Numbers(row[2]);
+        const int enc_type = codec_and_size[0];
+        const Bytes frame = nal(1, static_cast<size_t>(codec_and_size[1]));
+        const std::vector<Packet> packets = cut(packer, frame, enc_type, 1, 0x42);
+        ASSERT_EQ(packets.size(), sizes.size());
         Bytes media;
         for (size_t i = 0; i < packets.size(); ++i) {
             const Bytes& payload = packets[i].payload;
-            EXPECT_EQ(payload.size(), row.sizes[i]);
-            Bytes header;
-            if (row.enc_type == ENC_TYPE_MPEG_AUDIO) {  // RFC 2250 3.5
+            EXPECT_EQ(payload.size(), static_cast<size_t>(sizes[i]));
+            Bytes header = i == 0 ? FromHex(row[1]) : Bytes();
+            if (enc_type == ENC_TYPE_MPEG_AUDIO) {  // RFC 2250 3.5
                 header = {0, 0, static_cast<uint8_t>(media.size() >> 8), static_cast<uint8_t>(media.size())};
-            } else if (row.enc_type == ENC_TYPE_ASSIST && i == 0) {
-                header = {0x42, 0, 0, 0, 0, 0, 0, 0};
             }
             EXPECT_EQ(Part(payload, 0, header.size()), header);
             media = media + Part(payload, header.size());
@@ -207,34 +191,13 @@ TEST(Frame2Rtp, JpegHeadersFollowTheImage) {
 }
 
 TEST(Frame2Rtp, BadFramesFailWithALogLineAndLeaveThePackerUsable) {
-    const Bytes image = jpeg(64, 48, dqt(132, 0, 129), 0);
-    struct {
-        const char* name;
-        int enc_type;
-        Bytes frame;
-        const char* log;
-    } rows[] = {
-        {"H.264 without a start code", ENC_TYPE_H264, nal(0x65, 100), "error (enc type = 1)"},
-        {"H.264 that ends in its start code", ENC_TYPE_H264, {0, 0, 0, 1}, "error (enc type = 1)"},
-        {"empty audio", ENC_TYPE_AUDIO, {}, "error (enc type = 6)"},
-        {"MPEG audio of nine pieces", ENC_TYPE_MPEG_AUDIO, nal(1, 1436 * 8 + 1), "error (enc type = 5)"},
-        {"metadata", ENC_TYPE_ONVIF_METADATA, {1, 2}, "enc_type[8] unknown!"},
-        {"not a JPEG", ENC_TYPE_JPEG, nal(1, 100), "parse jpeg failed."},
-        {"JPEG cut in SOS", ENC_TYPE_JPEG, Part(image, 0, image.size() - 4), "parse jpeg failed."},
-        {"JPEG without tables", ENC_TYPE_JPEG, jpeg(64, 48, {}, 10), "parse jpeg failed."},
-        {"JPEG table longer than its segment", ENC_TYPE_JPEG, jpeg(64, 48, dqt(80, 0, 129), 10), "parse jpeg failed."},
-        {"JPEG segment longer than the rest", ENC_TYPE_JPEG, jpeg(64, 48, {0xFF, 0xE0, 0xFF, 0xFF}, 10), "parse jpeg"},
-        {"JPEG segment of length 1", ENC_TYPE_JPEG, jpeg(64, 48, {0xFF, 0xE0, 0, 1}, 10), "parse jpeg failed."},
-        {"JPEG of fill bytes", ENC_TYPE_JPEG, Bytes(100, 0xFF), "parse jpeg failed."},
-        {"JPEG scan beyond 24 bits", ENC_TYPE_JPEG, jpeg(64, 48, dqt(132, 0, 129), 0x1000000), "parse jpeg failed."},
-    };
     CFrame2Rtp packer;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& row : ReadTable(TABLES, "bad frames", 4)) {
+        SCOPED_TRACE(row[0]);
         CLogCapture log;
-        EXPECT_TRUE(cut(packer, row.frame, row.enc_type).empty());
-        EXPECT_EQ(log.Count(row.log), 1);
-        EXPECT_EQ(log.Count("CFrame2Rtp::PutFrame error (enc type = " + std::to_string(row.enc_type) + ")\n"), 1);
+        EXPECT_TRUE(cut(packer, FromHex(row[2]), std::stoi(row[1])).empty());
+        EXPECT_EQ(log.Count(row[3]), 1);
+        EXPECT_EQ(log.Count("CFrame2Rtp::PutFrame error (enc type = " + row[1] + ")\n"), 1);
         EXPECT_EQ(cut(packer, {1, 2, 3}, ENC_TYPE_AUDIO).size(), 1u);
     }
     EXPECT_EQ(packer.PutFrame(nullptr, 5, ENC_TYPE_AUDIO, 0, 0), -1);
@@ -291,5 +254,4 @@ TEST(Frame2Rtp, TimeLineBeginsAnewAndReportsWhereItStands) {
 }
 
 }  // namespace
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support

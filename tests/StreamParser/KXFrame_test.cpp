@@ -5,14 +5,13 @@
 #include "Vidora/Names.h"
 #include "Vidora/Types.h"
 #include "support/Capture.h"
+#include "support/SampleTable.h"
 #include "support/StreamBytes.h"
 
-namespace Kavio {
-namespace Support {
-
-using namespace Vidora;
-
+namespace Kavio::Support {
 namespace {
+
+const char TABLES[] = VIDORA_TEST_DATA "/frames.txt";
 
 Bytes write_frame(CKXFrame& frame, const Bytes& payload) {
     uint32_t offset = 0;
@@ -23,25 +22,17 @@ Bytes write_frame(CKXFrame& frame, const Bytes& payload) {
 }
 
 TEST(KXFrame, ExtensionFollowsTypeAndSize) {
-    const struct {
-        char letter;
-        uint16_t width, height;
-        uint8_t ext_length;
-    } rows[] = {
-        {'I', 640, 480, 16},  {'I', 1920, 1080, 16}, {'J', 640, 480, 16},  {'I', 2048, 480, 20},
-        {'I', 640, 1084, 20}, {'I', 644, 480, 20},   {'I', 640, 2048, 20}, {'P', 640, 480, 8},
-        {'B', 640, 480, 8},   {'W', 0, 0, 8},        {'A', 0, 0, 12},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(std::string(1, row.letter) + std::to_string(row.width));
+    for (const auto& row : ReadTable(TABLES, "extensions", 2)) {
+        SCOPED_TRACE(row[0] + " " + row[1]);
+        const std::vector<int> sizes = Numbers(row[1]);
         CKXFrame frame;
-        frame.SetFrameType(row.letter);
-        frame.SetImageSize(row.width, row.height);
+        frame.SetFrameType(row[0][0]);
+        frame.SetImageSize(static_cast<uint16_t>(sizes[0]), static_cast<uint16_t>(sizes[1]));
         const Bytes out = write_frame(frame, {1, 0, 0, 0, 2});
-        ASSERT_EQ(out.size(), 24u + row.ext_length + 5 + 8);
-        EXPECT_EQ(out[22], row.ext_length);
+        ASSERT_EQ(out.size(), 24u + static_cast<size_t>(sizes[2]) + 5 + 8);
+        EXPECT_EQ(out[22], sizes[2]);
         int remaining = 0;
-        EXPECT_EQ(get_frame_body(out.data(), static_cast<int>(out.size()), remaining), 24 + row.ext_length);
+        EXPECT_EQ(get_frame_body(out.data(), static_cast<int>(out.size()), remaining), 24 + sizes[2]);
         EXPECT_EQ(remaining, 5);
         // The block with the payload's checksum is the last one; behind the payload the trailer repeats the length.
         const Bytes trailer = FromHex("6b786176") + Part(out, 12, 4);
@@ -107,60 +98,26 @@ TEST(KXFrame, ChecksumsAndTables) {
 }
 
 TEST(KXFrame, BodyOfBareShortAndLyingBuffers) {
-    const auto claims = [](uint8_t ext_length) {  // 40 bytes with the magic
-        return FromHex("4b584156") + Bytes(18, 0) + Bytes{ext_length} + Bytes(17, 0);
-    };
-    const struct {
-        Bytes data;
-        int offset, remaining;
-    } rows[] = {{{0, 0, 0, 1, 0x65}, 0, 5}, {{}, 0, 0},
-                {{'K', 'X', 'A'}, 0, 3},    {{'K', 'X', 'A', 'V'}, 0, 0},  // an offset above the length
-                {claims(8), 32, 0},                                        // nothing between blocks and trailer
-                {claims(12), 36, 0},                                       // the trailer cut
-                {claims(255), 0, 0}};
-    for (const auto& row : rows) {
+    for (const auto& row : ReadTable(TABLES, "bodies", 3)) {
+        SCOPED_TRACE(row[0]);
+        const Bytes data = FromHex(row[0]);
         int remaining = -5;
-        EXPECT_EQ(get_frame_body(row.data.data(), static_cast<int>(row.data.size()), remaining), row.offset);
-        EXPECT_EQ(remaining, row.remaining);
+        EXPECT_EQ(std::to_string(get_frame_body(data.data(), static_cast<int>(data.size()), remaining)), row[1]);
+        EXPECT_EQ(std::to_string(remaining), row[2]);
     }
 }
 
-// An audio frame whose magic is damaged, which is what parser_video_info takes, with these extension blocks.
-Bytes audio_with_blocks(const Bytes& blocks) {
-    return FromHex("00000000 f0") + Bytes(17, 0) + Bytes{static_cast<uint8_t>(blocks.size()), 0} + blocks;
-}
-
 TEST(KXFrame, VideoInfoWalksTheBlocksWithItsOldPolarity) {
-    struct {
-        const char* name;
-        Bytes data;
-        int result;
-        const char* log;
-    } rows[] = {
-        {"audio block first", audio_with_blocks({0x83, 1, 14, 2, 0x88, 0, 0, 0, 0, 0, 0, 0}), 14, ""},
-        // Byte 26 of the buffer whichever block stands there.
-        {"behind others", audio_with_blocks({0x81, 0, 9, 0, 0x80, 0, 0, 0, 0x83, 1, 14, 2}), 9, ""},
-        {"variable block", audio_with_blocks({0x84, 0, 0, 6, 0, 0, 0x83, 1, 14, 2}), 0, ""},
-        {"no audio block", audio_with_blocks({0x88, 0, 0, 0, 0, 0, 0, 0}), -1, ""},
-        {"variable block of length 0", audio_with_blocks({0x84, 0, 0, 0, 0x83, 1, 14, 2}), -1, "error ext_type:0x84"},
-        {"variable block cut", audio_with_blocks({0x84, 0}), -1, "error len:26"},
-        {"audio block cut", audio_with_blocks({0x82, 0, 0, 0, 0, 0, 0, 0, 0x83, 1}), -1, "error len:34"},
-        {"unknown block", audio_with_blocks({0x90, 0, 0, 0}), -1, "error ext_type:0x90"},
-        {"too short", Bytes(23, 0), -1, ""},
-        {"whole magic", FromHex("4b584156") + Part(audio_with_blocks({0x83, 1, 14, 2}), 4), -1,
-         "parser_video_info not valid kxav tag \n"},
-        {"video", FromHex("00000000 fd") + Bytes(19, 0), -1, "parser_video_info not supported frame type:253 \n"},
-    };
-    for (auto& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& row : ReadTable(TABLES, "video info", 4)) {
+        SCOPED_TRACE(row[0]);
+        const Bytes data = FromHex(row[1]);
         CLogCapture log;
-        EXPECT_EQ(parser_video_info(row.data.data(), static_cast<int>(row.data.size())), row.result);
-        EXPECT_EQ(log.Lines().size(), row.log[0] == 0 ? 0u : 1u);
-        EXPECT_EQ(static_cast<size_t>(log.Count(row.log)), log.Lines().size());
+        EXPECT_EQ(std::to_string(parser_video_info(data.data(), static_cast<int>(data.size()))), row[2]);
+        EXPECT_EQ(log.Lines().size(), row[3].empty() ? 0u : 1u);
+        EXPECT_EQ(static_cast<size_t>(log.Count(row[3])), log.Lines().size());
     }
     EXPECT_EQ(parser_video_info(nullptr, 100), -1);
 }
 
 }  // namespace
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support

@@ -10,13 +10,12 @@
 
 #include "support/Capture.h"
 #include "support/Depacketiser.h"
+#include "support/SampleTable.h"
 
-namespace Kavio {
-namespace Support {
-
-using namespace Vidora;
-
+namespace Kavio::Support {
 namespace {
+
+const char TABLES[] = VIDORA_TEST_DATA "/rtp_payloads.txt";
 
 struct Piece {
     size_t frame;
@@ -61,12 +60,10 @@ Stream make_stream() {
         }
         stream.frames.push_back(whole);
         for (const Bytes& payload : payloads) {
-            RtpFields fields;
-            fields.ssrc = 0;  // a source that calls itself so is one like others
-            fields.sequence = sequence++;
-            fields.timestamp = 0xFFFFE000 + static_cast<uint32_t>(frame) * 3600;
-            fields.marker = &payload == &payloads.back();
-            stream.pieces.push_back({frame, MakeRtp(fields, payload)});
+            const uint32_t timestamp = 0xFFFFE000 + static_cast<uint32_t>(frame) * 3600;
+            const bool marker = &payload == &payloads.back();
+            const uint32_t ssrc = 0;  // a source that calls itself so is one like others
+            stream.pieces.push_back({frame, MakeRtp({sequence++, timestamp, marker, 96, ssrc}, payload)});
         }
     }
     return stream;
@@ -148,24 +145,10 @@ TEST(Rtp2FrameLoss, LostDoubledAndMovedAtEveryPosition) {
 // Whoever joins in the middle of a frame, at the start or when the sender changes, waits for the next one; so does
 // whoever clears in the middle of one.
 TEST(Rtp2FrameLoss, TheRestOfAFrameNeverComesOut) {
-    const struct {
-        int enc_type;
-        const char* first;  // packet of a frame
-        const char* other;
-    } rows[] = {
-        {ENC_TYPE_H264, "65b8", "6578"},
-        {ENC_TYPE_H264, "7c85b8", "7c05b8"},
-        {ENC_TYPE_H264, "7c85b8", "7c8578"},  // the start of a later slice
-        {ENC_TYPE_H264, "78000265b8", "7800026578"},
-        {ENC_TYPE_MPEG4, "000001b610", "b6b6b6b6"},
-        {ENC_TYPE_JPEG, "00000000 01 32 50 3c aa", "00000001 01 32 50 3c aa"},
-        {ENC_TYPE_MPEG_AUDIO, "00000000 aa", "00000001 aa"},
-        {ENC_TYPE_ASSIST, "0700000000000000 aa", "0700000000000001 aa"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(std::to_string(row.enc_type) + " " + row.other);
-        const Bytes first = FromHex(row.first), other = FromHex(row.other);
-        Depacketiser in(row.enc_type, true);
+    for (const auto& row : ReadTable(TABLES, "first packets", 3)) {
+        SCOPED_TRACE(row[0] + " " + row[2]);
+        const Bytes first = FromHex(row[1]), other = FromHex(row[2]);
+        Depacketiser in(std::stoi(row[0]), true);
         RtpFields fields;
         const auto put = [&](const Bytes& payload, bool marker) {
             fields.marker = marker;
@@ -194,12 +177,8 @@ TEST(Rtp2FrameLoss, ALaterFieldBeginsNoFrame) {
     for (const auto& row : {std::make_pair("618886", 0), std::make_pair("618882", 1), std::make_pair("658886", 1)}) {
         Depacketiser in(ENC_TYPE_H264, true);
         in.Engine().SetH264Config(sps.data(), static_cast<int>(sps.size()), PPS.data(), static_cast<int>(PPS.size()));
-        RtpFields fields;
-        fields.marker = true;
-        EXPECT_EQ(row.second, in.Put(MakeRtp(fields, FromHex(row.first)))) << row.first;
-        fields.sequence += 2;
-        fields.timestamp += 3600;
-        EXPECT_EQ(row.second, in.Put(MakeRtp(fields, FromHex(row.first)))) << row.first;
+        EXPECT_EQ(row.second, in.Put(MakeRtp({1, 3600, true}, FromHex(row.first)))) << row.first;
+        EXPECT_EQ(row.second, in.Put(MakeRtp({3, 7200, true}, FromHex(row.first)))) << row.first;
     }
 }
 
@@ -217,23 +196,14 @@ TEST(Rtp2FrameLoss, AMalformedFrameCostsOnlyItself) {
 
 // A gap is told once for the packets that were held and are dropped, and once for the frame that it damages.
 TEST(Rtp2FrameLoss, NotificationsTellWhatAGapCosts) {
-    const struct {
-        bool held, same_frame;
-        const char* payload;
-        size_t count;
-    } rows[] = {{true, true, "61e0", 1},  {true, false, "61e0", 1},  {true, false, "7c81e0", 2},
-                {false, true, "61e0", 1}, {false, false, "61e0", 0}, {false, false, "7c81e0", 1}};
-    for (const auto& row : rows) {
+    for (const auto& row : ReadTable(TABLES, "gaps", 4)) {
+        SCOPED_TRACE(row[0] + ", " + row[1] + ", " + row[2]);
         Depacketiser in(ENC_TYPE_H264);
-        RtpFields fields;
-        fields.marker = !row.held;
-        in.Put(MakeRtp(fields, FromHex("61e0")));
-        fields.sequence += 2;
-        fields.timestamp += row.same_frame ? 0 : 3600;
-        in.Put(MakeRtp(fields, FromHex(row.payload)));
-        std::vector<std::string> events(row.count, "seq 1 3");
+        in.Put(MakeRtp({1, 3600, row[0] == "taken"}, FromHex("61e0")));
+        in.Put(MakeRtp({3, row[1] == "same" ? 3600u : 7200u, row[0] == "taken"}, FromHex(row[2])));
+        std::vector<std::string> events(std::stoul(row[3]), "seq 1 3");
         events.insert(events.begin(), "ssrc 0 287454020");
-        EXPECT_EQ(events, in.m_events) << row.held << row.same_frame << row.payload;
+        EXPECT_EQ(events, in.m_events);
     }
 }
 
@@ -300,5 +270,4 @@ TEST(Rtp2FrameLoss, CutBeforeThePayload) {
 }
 
 }  // namespace
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support

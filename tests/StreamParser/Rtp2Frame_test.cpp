@@ -11,77 +11,43 @@
 #include "support/SampleTable.h"
 #include "support/StreamBytes.h"
 
-namespace Kavio {
-namespace Support {
-
-using namespace Vidora;
-
+namespace Kavio::Support {
 namespace {
 
-std::vector<Bytes> all_from_hex(const std::vector<std::string>& texts) {
+const char TABLES[] = VIDORA_TEST_DATA "/rtp_payloads.txt";
+
+// Payloads in hexadecimal digits, parted by commas.
+std::vector<Bytes> payloads_of(const std::string& texts) {
     std::vector<Bytes> all;
-    for (const std::string& text : texts) {
+    for (const std::string& text : SplitText(texts, ',')) {
         all.push_back(FromHex(text));
     }
     return all;
 }
 
 TEST(Rtp2Frame, TakesPayloadsAndRefusesHeadersThatLie) {
-    const std::string rest = "e00001 00000e10 11223344";  // of a header, behind the byte with its flags
-    const std::string csrc = "cccccccc cccccccc", words = "eeeeeeee eeeeeeee eeeeeeee", payload = "0102030405060708";
-    const std::string empty = "-";
-    const struct {
-        const char* name;
-        std::string packet, frame;  // no frame: refused, or passed over as empty
-    } rows[] = {
-        {"null", "", ""},
-        {"twelve bytes", "80" + rest, empty},
-        {"one byte of payload", "80" + rest + "01", "01"},
-        {"interleave header", "24000014 80" + rest + payload, payload},
-        {"interleave header and nothing behind", "2400000c 80" + rest, empty},
-        {"CSRC list", "82" + rest + csrc + payload, payload},
-        {"CSRC list to the end", "82" + rest + csrc, empty},
-        {"extension", "90" + rest + "bede0003" + words + payload, payload},
-        {"extension to the end", "90" + rest + "bede0003" + words, empty},
-        {"extension beyond the end", "90" + rest + "bede00c8" + words, ""},
-        {"padding", "a0" + rest + payload + "00000004", payload},
-        {"padding over the payload", "a0" + rest + payload + "0000000d", ""},
-        {"padding of all the payload", "a0" + rest + payload + "0000000c", empty},
-        {"padding of zero bytes", "a0" + rest + payload + "00000000", payload + "00000000"},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& row : ReadTable(TABLES, "packets", 4)) {
+        SCOPED_TRACE(row[0]);
         Depacketiser in(ENC_TYPE_AUDIO);
         CLogCapture log;
-        const bool is_empty = row.frame == empty;
-        EXPECT_EQ(is_empty ? 0 : row.frame.empty() ? -1 : 1, in.Put(FromHex(row.packet)));
-        EXPECT_EQ(row.frame.empty(), log.Count("CRtp2Frame::PutPacket input invalid. buf["));
-        EXPECT_EQ(is_empty ? "" : row.frame, ToHex(in.Last()));
-        EXPECT_EQ(1, in.Put(FromHex("80" + rest + payload)));  // still in use
+        const int result = in.Put(FromHex(row[1]));
+        EXPECT_EQ(row[2], std::to_string(result));
+        EXPECT_EQ(result < 0, log.Count("CRtp2Frame::PutPacket input invalid. buf["));
+        EXPECT_EQ(row[3], ToHex(in.Last()));
+        EXPECT_EQ(1, in.Put(MakeRtp({1, 3600, true}, Ramp(8))));  // still in use
     }
     EXPECT_EQ(-1, CRtp2Frame().PutPacket(nullptr, 100));
 }
 
 TEST(Rtp2Frame, TimeRunsInTheClockOfAudioAndIn90KhzElsewhere) {
-    const struct {
-        int enc_type;
-        uint32_t clock, step;
-        uint64_t ms;
-    } rows[] = {{ENC_TYPE_AUDIO, 0, 160, 20},
-                {ENC_TYPE_AUDIO, 44100, 441, 10},
-                {ENC_TYPE_JPEG, 8000, 3600, 40},
-                {ENC_TYPE_MPEG_AUDIO, 44100, 3600, 40},
-                {ENC_TYPE_ASSIST, 1000, 3003, 33}};
-    for (const auto& row : rows) {
-        Depacketiser in(row.enc_type, false, row.clock);
-        RtpFields fields;
-        fields.timestamp = 0xFFFFFF00;
-        in.Put(MakeRtp(fields, Bytes(20, 0)));
+    for (const auto& row : ReadTable(TABLES, "times", 2)) {
+        SCOPED_TRACE(row[0]);
+        const std::vector<int> numbers = Numbers(row[0]);
+        Depacketiser in(numbers[0], false, static_cast<uint32_t>(numbers[1]));
+        in.Put(MakeRtp({1, 0xFFFFFF00}, Bytes(20, 0)));
         EXPECT_EQ(0u, in.Engine().GetPts());
-        fields.timestamp += row.step;
-        ++fields.sequence;
-        in.Put(MakeRtp(fields, Bytes(20, 0)));
-        EXPECT_EQ(row.ms, in.Engine().GetPts()) << row.enc_type;
+        in.Put(MakeRtp({2, 0xFFFFFF00 + static_cast<uint32_t>(numbers[2])}, Bytes(20, 0)));
+        EXPECT_EQ(row[1], std::to_string(in.Engine().GetPts()));
     }
 }
 
@@ -133,10 +99,10 @@ TEST(Rtp2Frame, ForeignPacketsMayShareTheSequence) {
 }
 
 TEST(Rtp2Frame, H264PayloadsBecomeAByteStream) {
-    for (const auto& row : ReadTable(VIDORA_TEST_DATA "/rtp_payloads.txt", "h264", 5)) {
+    for (const auto& row : ReadTable(TABLES, "h264", 5)) {
         Depacketiser in(ENC_TYPE_H264);
         CLogCapture log;
-        const int result = in.PutFrame(all_from_hex(SplitText(row[1], ',')));
+        const int result = in.PutFrame(payloads_of(row[1]));
         EXPECT_EQ(row[2], std::to_string(result)) << row[0];
         EXPECT_EQ(ToHex(FromHex(row[3])), ToHex(in.Last())) << row[0];
         EXPECT_EQ(row[4], in.m_letters) << row[0];
@@ -147,52 +113,32 @@ TEST(Rtp2Frame, H264PayloadsBecomeAByteStream) {
 // Key frames go out with parameter sets: their own if they have both, in whatever packets, or the known ones.
 TEST(Rtp2Frame, H264KeyFramesHaveParameterSets) {
     const Bytes known = CODE + SPS + CODE + PPS;
-    const Bytes other_sps = FromHex("6742c01eda078239");
-    const Bytes other = CODE + other_sps + CODE + PPS;
+    const Bytes other = CODE + FromHex("6742c01eda078239") + CODE + PPS;
     const Bytes idr = FromHex("65888421");
-    const auto unit = [](const Bytes& nal) {
-        return Bytes{static_cast<uint8_t>(nal.size() >> 8), static_cast<uint8_t>(nal.size())} + nal;
-    };
-    const struct {
-        const char* name;
-        std::vector<Bytes> payloads;
-        bool own;  // the frame has both sets
-    } rows[] = {
-        {"none", {idr}, false},
-        {"only one", {other_sps, idr}, false},
-        {"packets of their own", {other_sps, PPS, idr}, true},
-        {"STAP-A in front", {FromHex("78") + unit(other_sps) + unit(PPS), idr}, true},
-        {"STAP-A with all", {FromHex("78") + unit(other_sps) + unit(PPS) + unit(idr)}, true},
-        {"inside one payload", {other_sps + CODE + PPS + CODE + idr}, true},
-        {"damaged start code", {FromHex("0600") + FromHex("80000001") + other_sps + CODE + PPS, idr}, true},
-        {"too long for the configuration", {other_sps + Bytes(1010, 0x55), PPS, idr}, false},
-    };
-    for (const auto& row : rows) {
+    for (const auto& row : ReadTable(TABLES, "key frames", 3)) {
+        SCOPED_TRACE(row[0]);
+        const bool own = row[2] == "own";
         Depacketiser in(ENC_TYPE_H264);
         ASSERT_EQ(0, in.Engine().SetH264Config(SPS.data(), static_cast<int>(SPS.size()), PPS.data(),
                                                static_cast<int>(PPS.size())));
-        in.PutFrame(row.payloads);
-        ASSERT_EQ("I", in.m_letters) << row.name;
+        in.PutFrame(payloads_of(row[1]));
+        ASSERT_EQ("I", in.m_letters);
         const std::string first = ToHex(in.Last());
-        EXPECT_EQ(row.own ? std::string::npos : 0, first.find(ToHex(known))) << row.name;
+        EXPECT_EQ(own ? std::string::npos : 0, first.find(ToHex(known)));
         in.PutFrame({idr});  // and what is known from now on
-        EXPECT_EQ(ToHex((row.own ? other : known) + CODE + idr), ToHex(in.Last())) << row.name;
-        EXPECT_EQ(row.own ? 480 : 640, in.Engine().GetWidth()) << row.name;
-        EXPECT_EQ(row.own ? 272 : 368, in.Engine().GetHeight()) << row.name;
-        EXPECT_EQ(1, in.Engine().GetProgressive()) << row.name;
+        EXPECT_EQ(ToHex((own ? other : known) + CODE + idr), ToHex(in.Last()));
+        EXPECT_EQ(own ? 480 : 640, in.Engine().GetWidth());
+        EXPECT_EQ(own ? 272 : 368, in.Engine().GetHeight());
+        EXPECT_EQ(1, in.Engine().GetProgressive());
     }
 }
 
 // A parameter set of 64 pixels by two fields of 16 lines; IDR slices with field_pic_flag 1 and 0.
 TEST(Rtp2Frame, FieldPicturesAreToldFromInterlacedFrames) {
-    const struct {
-        const char* slice;
-        int progressive;
-    } rows[] = {{"658886", 0}, {"658882", 1}};
-    for (const auto& row : rows) {
+    for (const char* slice : {"658886", "658882"}) {
         Depacketiser in(ENC_TYPE_H264);
-        EXPECT_EQ(1, in.PutFrame({FromHex("6742c01eda1248"), PPS, FromHex(row.slice)}));
-        EXPECT_EQ(row.progressive, in.Engine().GetProgressive()) << row.slice;
+        EXPECT_EQ(1, in.PutFrame({FromHex("6742c01eda1248"), PPS, FromHex(slice)}));
+        EXPECT_EQ(slice[5] == '2', in.Engine().GetProgressive()) << slice;
         EXPECT_EQ(32, in.Engine().GetHeight());
     }
 }
@@ -226,63 +172,32 @@ TEST(Rtp2Frame, Mpeg4KeyFramesHaveAConfiguration) {
 }
 
 TEST(Rtp2Frame, AudioAndAssistHeadersAreCut) {
-    const struct {
-        int enc_type;
-        std::vector<std::string> payloads;
-        const char* frame;  // none: refused
-        const char* letters;
-    } rows[] = {
-        {ENC_TYPE_MPEG_AUDIO, {"00000000 a1a2", "00000002 a3"}, "a1a2a3", "A"},
-        {ENC_TYPE_MPEG_AUDIO, {"000000"}, "", ""},
-        {ENC_TYPE_AUDIO, {"a1a2", "a3"}, "a1a2a3", "A"},
-        {ENC_TYPE_ASSIST, {"0700000000000000 b1", "b2b3b4b5b6b7b8b9ba"}, "b1b2b3b4b5b6b7b8b9ba", "W"},
-        {ENC_TYPE_ASSIST, {"07000000000000"}, "", ""},
-        {ENC_TYPE_ONVIF_METADATA, {"aa"}, "", ""},
-    };
-    for (const auto& row : rows) {
-        Depacketiser in(row.enc_type);
+    for (const auto& row : ReadTable(TABLES, "audio and assist", 4)) {
+        SCOPED_TRACE(row[1]);
+        const int enc_type = std::stoi(row[0]);
+        Depacketiser in(enc_type);
         CLogCapture log;
         EXPECT_EQ(CRtp2Frame::ASSIST_TYPE_NONE, in.Engine().GetAssistType());
-        EXPECT_EQ(*row.frame != '\0' ? 1 : -1, in.PutFrame(all_from_hex(row.payloads))) << row.enc_type;
-        EXPECT_EQ(row.frame, ToHex(in.Last())) << row.enc_type;
-        EXPECT_EQ(row.letters, in.m_letters) << row.enc_type;
-        EXPECT_EQ(row.enc_type == ENC_TYPE_ASSIST, in.Engine().GetAssistType() == 7) << row.enc_type;
-        EXPECT_EQ(row.enc_type == ENC_TYPE_ONVIF_METADATA, log.Count("CRtp2Frame enc_type[8] not right!\n"));
+        EXPECT_EQ(row[2].empty() ? -1 : 1, in.PutFrame(payloads_of(row[1])));
+        EXPECT_EQ(row[2], ToHex(in.Last()));
+        EXPECT_EQ(row[3], in.m_letters);
+        EXPECT_EQ(enc_type == ENC_TYPE_ASSIST, in.Engine().GetAssistType() == 7);
+        EXPECT_EQ(enc_type == ENC_TYPE_ONVIF_METADATA, log.Count("CRtp2Frame enc_type[8] not right!\n"));
     }
 }
 
 TEST(Rtp2Frame, JpegHeadersAreRebuilt) {
-    const std::string tables(256, '3');
-    struct Row {
-        const char* name;
-        std::string payload;
-        size_t header_len;  // of the image; 0: refused
-    };
-    const std::string main = "00000000 01 32 50 3c";  // type 1, Q 50, 640 x 480
-    const std::string in_band = "00000000 00 80 50 3c";
-    const Row rows[] = {
-        {"Q 50", main + "aabb", 605},
-        {"restart header", "00000000 41 32 50 3c 0014 ffff aabb", 611},
-        {"tables in band", in_band + "00000080" + tables + "aabb", 605},
-        {"one table for both", in_band + "00000040" + tables.substr(128) + "aabb", 605},
-        {"no tables yet", in_band + "00000000 aabb", 0},
-        {"tables longer than the packet", in_band + "00000080" + tables.substr(2), 0},
-        {"16-bit tables", in_band + "00010080" + tables + "aabb", 0},
-        {"type-specific", "01000000 01 32 50 3c aabb", 0},
-        {"type 2", "00000000 02 32 50 3c aabb", 0},
-        {"seven bytes", "00000000 01 32 50", 0},
-        {"cut restart header", "00000000 41 32 50 3c 0014", 0},
-    };
-    for (const Row& row : rows) {
+    for (const auto& row : ReadTable(TABLES, "jpeg", 3)) {
+        SCOPED_TRACE(row[0]);
         Depacketiser in(ENC_TYPE_JPEG);
-        SCOPED_TRACE(row.name);
-        EXPECT_EQ(row.header_len > 0 ? 1 : -1, in.PutFrame({FromHex(row.payload)}));
-        if (row.header_len > 0) {
+        const size_t header_len = std::stoul(row[2]);
+        EXPECT_EQ(header_len > 0 ? 1 : -1, in.PutFrame({FromHex(row[1])}));
+        if (header_len > 0) {
             const std::string image = ToHex(in.Last());
-            EXPECT_EQ(row.header_len + 2, in.Last().size());
+            EXPECT_EQ(header_len + 2, in.Last().size());
             EXPECT_EQ("ffd8ffdb004300", image.substr(0, 14));
             EXPECT_EQ("aabb", image.substr(image.size() - 4));
-            EXPECT_EQ(row.header_len == 611, image.find("ffdd00040014ffda") != std::string::npos);
+            EXPECT_EQ(header_len == 611, image.find("ffdd00040014ffda") != std::string::npos);
             EXPECT_NE(std::string::npos, image.find("ffc000110801e0028003"));
             EXPECT_EQ("J", in.m_letters);
             EXPECT_EQ(640, in.Engine().GetWidth());
@@ -293,7 +208,7 @@ TEST(Rtp2Frame, JpegHeadersAreRebuilt) {
     for (const char* q : {"80", "ff"}) {
         Depacketiser in(ENC_TYPE_JPEG);
         const std::string head = std::string("00000000 00") + q + "503c";
-        EXPECT_EQ(1, in.PutFrame({FromHex(head + "00000080" + tables + "aabb")}));
+        EXPECT_EQ(1, in.PutFrame({FromHex(head + "00000080 33*128 aabb")}));
         EXPECT_EQ(std::string(q) == "ff" ? -1 : 1, in.PutFrame({FromHex(head + "00000000 ccdd")}));
     }
 }
@@ -320,10 +235,7 @@ TEST(Rtp2Frame, APacketThatWasLeftOutMayBeReplaced) {
 
     EXPECT_EQ(FRAME_COMPLETE_NEXT, engine.PutPacket(packet.data(), static_cast<int>(packet.size())));
     engine.Clear();
-    RtpFields fields;
-    fields.sequence = static_cast<uint16_t>(RtpFields().sequence + 1);
-    fields.marker = true;
-    const Bytes later = MakeRtp(fields, Pack(packer, FromHex("000000014160bb"), ENC_TYPE_H264, 2).back());
+    const Bytes later = MakeRtp({2, 3600, true}, Pack(packer, FromHex("000000014160bb"), ENC_TYPE_H264, 2).back());
     EXPECT_EQ(FRAME_MORE, engine.PutPacket(later.data(), static_cast<int>(later.size())));
 }
 
@@ -374,5 +286,4 @@ TEST(Rtp2Frame, TransportStreamsAreCutAnywhere) {
 }
 
 }  // namespace
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support

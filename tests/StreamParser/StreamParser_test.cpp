@@ -9,14 +9,11 @@
 #include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
 #include "support/Capture.h"
+#include "support/SampleTable.h"
 #include "support/StreamBytes.h"
 #include "support/TestHandler.h"
 
-namespace Kavio {
-namespace Support {
-
-using namespace Vidora;
-
+namespace Kavio::Support {
 namespace {
 
 Flumen::CMediaFrame make_frame(const Bytes& bytes, int type = 'I', uint64_t pts = 1000, int sequence = 1) {
@@ -109,26 +106,11 @@ Frames convert(CStreamParser& parser, const Flumen::CMediaFrame& input) {
 }
 
 TEST(StreamParser, FactoryMakesItsPairsAndRefusesTheRest) {
-    const struct {
-        int src, dst;
-        bool made;
-        const char* log;
-    } rows[] = {
-        {1, 1, true, "CStreamDec::Create [RTP] -> [RTP]\n"},
-        {1, 5, true, "CStreamDec::Create [RTP] -> [Raw Frame]\n"},
-        {2, 6, true, "CStreamDec::Create [TS] -> [Private Frame]\n"},
-        {7, 3, true, "CStreamEnc::Create [Frame Auto] -> [PS]\n"},
-        {1, 2, false, "CStreamDec::Create dst_type[TS] unsupported!\n"},
-        {2, 8, false, "CStreamDec::Create dst_type[Unknown] unsupported!\n"},
-        {7, 5, false, "CStreamEnc::Create dst_type[Raw Frame] unsupported!\n"},
-        {7, 4, false, "CStreamEnc::Create dst_type[Private] unsupported!\n"},
-        {3, 1, false, "CStreamParser::Create dst_type[1] unsupported!\n"},
-        {0, 6, false, "CStreamParser::Create dst_type[6] unsupported!\n"},
-    };
-    for (const auto& row : rows) {
+    for (const auto& row : ReadTable(VIDORA_TEST_DATA "/frames.txt", "converters", 3)) {
         CLogCapture log;
-        EXPECT_EQ(CStreamParser::Create(row.src, row.dst) != nullptr, row.made);
-        EXPECT_EQ(log.Lines(), std::vector<std::string>{row.log});
+        const std::vector<int> types = Numbers(row[0]);
+        EXPECT_EQ(CStreamParser::Create(types[0], types[1]) != nullptr, row[1] == "made") << row[0];
+        EXPECT_EQ(log.Lines(), std::vector<std::string>{row[2]});
     }
     EXPECT_STREQ(enc_type_name(9), "Mp3");
     EXPECT_STREQ(enc_type_name(10), "Unknown");
@@ -215,11 +197,7 @@ TEST(StreamParser, DecodersGiveFramesAndPacketsBack) {
 }
 
 Flumen::CMediaFrame rtp_packet(uint16_t sequence, uint32_t timestamp, bool marker, const Bytes& payload) {
-    RtpFields fields;
-    fields.sequence = sequence;
-    fields.timestamp = timestamp;
-    fields.marker = marker;
-    return make_frame(MakeRtp(fields, payload), 0, 0, 0);
+    return make_frame(MakeRtp({sequence, timestamp, marker}, payload), 0, 0, 0);
 }
 
 TEST(StreamParser, RtpDecoderCleansUpAfterBadCallersAndBadBytes) {
@@ -415,5 +393,4 @@ TEST(StreamParser, ConsoleShowsConvertersThatComeAndGo) {
 }
 
 }  // namespace
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support

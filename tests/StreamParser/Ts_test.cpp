@@ -11,15 +11,12 @@
 #include "StreamParser/Ts2Frame.h"
 #include "Vidora/Types.h"
 #include "support/Capture.h"
+#include "support/Depacketiser.h"
 #include "support/PackerUnits.h"
 #include "support/SampleTable.h"
 #include "support/StreamBytes.h"
 
-namespace Kavio {
-namespace Support {
-
-using namespace Vidora;
-
+namespace Kavio::Support {
 namespace {
 
 const char TABLES[] = VIDORA_TEST_DATA "/ts.txt";
@@ -84,26 +81,19 @@ TEST(Frame2Ts, FramesFillPacketsToTheLastByte) {
 }
 
 TEST(Frame2Ts, TracksTablesAndClockOverManyFrames) {
-    const struct {
-        std::vector<int> enc_types;
-        int pcr_pid;
-        std::vector<int> pids;
-    } rows[] = {{{ENC_TYPE_H264, ENC_TYPE_AUDIO}, 0x100, {0x100, 0x101}},
-                {{ENC_TYPE_AUDIO, ENC_TYPE_H264}, 0x101, {0x101, 0x100}},
-                {{ENC_TYPE_MP3}, 0x101, {0x101}},
-                {{ENC_TYPE_MPEG_AUDIO}, 0x100, {0x100}}};
-    for (const auto& row : rows) {
+    for (const auto& row : ReadTable(TABLES, "tracks", 2)) {
+        const std::vector<int> enc_types = Numbers(row[0]), pids = Numbers(row[1]);
         CFrame2Ts packer;
         for (size_t i = 0; i < 25; ++i) {
-            const size_t turn = i % row.enc_types.size();
-            const std::vector<Bytes> packets = packets_of(packer, Bytes(10, 1), row.enc_types[turn], i);
+            const size_t turn = i % enc_types.size();
+            const std::vector<Bytes> packets = packets_of(packer, Bytes(10, 1), enc_types[turn], i);
             ASSERT_EQ(i % 10 == 0 ? 3u : 1u, packets.size()) << i;
-            EXPECT_EQ(row.pids[turn], pid_of(packets.back())) << i;
+            EXPECT_EQ(pids[turn], pid_of(packets.back())) << i;
             EXPECT_EQ(0x10, packets.back()[5]);
-            EXPECT_EQ(row.pids[turn] == 0x101 ? 0xC1 : 0xE0, payload_of(packets.back())[3]);
+            EXPECT_EQ(pids[turn] == 0x101 ? 0xC1 : 0xE0, payload_of(packets.back())[3]);
             if (i % 10 == 0) {
                 const Bytes pmt = payload_of(packets[1]);
-                EXPECT_EQ(row.pcr_pid, (pmt[9] & 0x1F) << 8 | pmt[10]);
+                EXPECT_EQ(pids[0], (pmt[9] & 0x1F) << 8 | pmt[10]);
                 EXPECT_EQ(0x30, packets[1][3]);  // tables keep the continuity counter 0
             }
         }
@@ -130,68 +120,35 @@ TEST(Frame2Ts, UnitsAndRefusals) {
 }
 
 TEST(Frame2Ps, HeadersAreAsReadersExpectThem) {
-    const struct {
-        int video, audio, bit_rate, enc_type;
-        const char* pack;    // behind the clock
-        const char* system;  // behind the start code
-        const char* map;
-        const char* pes;
-    } rows[] = {
-        {STREAM_KIND_H264, STREAM_KIND_MP3, 4000000, ENC_TYPE_H264, "009c47 f8", "000c 804e23 04 e1 ff b8c040 b9e200",
-         "000e e0ff 0000 0008 1be00000 03c10000 00000000", "e0"},
-        {STREAM_KIND_H264, STREAM_KIND_AUDIO, 4000000, ENC_TYPE_AUDIO, "009c47 f8",
-         "000c 804e23 04 e1 ff b8c040 b9e200", "000e e0ff 0000 0008 1be00000 00c10000 00000000", "c1"},
-        {STREAM_KIND_MPEG4, STREAM_KIND_MPEG_AUDIO, 0, ENC_TYPE_MPEG_AUDIO, "000007 f8",
-         "000c 800003 00 e2 ff b8c040 b9e200", "000e e0ff 0000 0008 10e00000 00e10000 00000000", "e0"},
-    };
-    const Bytes frame = FromHex("00000001 6588");
-    for (const auto& row : rows) {
+    for (const auto& row : ReadTable(TABLES, "program stream", 6)) {
+        SCOPED_TRACE(row[0]);
         CFrame2Ps packer;
-        packer.SetPsInfo(row.video, row.audio, 8000, row.bit_rate);
-        const std::vector<Bytes> units = Pack(packer, frame, row.enc_type, 1000);
+        const std::vector<int> info = Numbers(row[1]);
+        if (info.size() == 5) {
+            packer.SetPsInfo(info[2], info[3], 8000, info[4]);
+        }
+        const std::vector<Bytes> units =
+            Pack(packer, FromHex("00000001 6588"), info[0], static_cast<uint64_t>(info[1]));
         ASSERT_EQ(4u, units.size());
-        // 90000 ticks.
-        EXPECT_EQ(ToHex(FromHex("000001ba 440016fc8401") + FromHex(row.pack)), ToHex(units[0]));
-        EXPECT_EQ(ToHex(FromHex("000001bb") + FromHex(row.system)), ToHex(units[1]));
-        EXPECT_EQ(ToHex(FromHex("000001bc") + FromHex(row.map)), ToHex(units[2]));
-        EXPECT_EQ(ToHex(FromHex("000001") + FromHex(row.pes) + FromHex("0013 80c00a 310005bf21 110005bf21") + frame),
-                  ToHex(units[3]));
+        for (size_t i = 0; i < 4; ++i) {
+            EXPECT_EQ(ToHex(FromHex(row[2 + i])), ToHex(units[i]));
+        }
     }
-    // The 33-bit clock in front of its end and behind it.
-    const struct {
-        uint64_t pts;
-        const char* reference;
-        const char* stamps;
-    } clocks[] = {{95443717, "7ffffffe1401", "3fffffff85 1fffffff85"},
-                  {95443718, "44000400e401", "3100010039 1100010039"}};
-    for (const auto& clock : clocks) {
-        CFrame2Ps packer;
-        const std::vector<Bytes> units = Pack(packer, frame, ENC_TYPE_H264, clock.pts);
-        EXPECT_EQ(ToHex(FromHex(clock.reference)), ToHex(Part(units[0], 4, 6)));
-        EXPECT_EQ(ToHex(FromHex(clock.stamps)), ToHex(Part(units[3], 9, 10)));
-    }
-    CFrame2Ps unset;
-    EXPECT_EQ("000001ba440004000401000003f8", ToHex(Pack(unset, frame, ENC_TYPE_H264, 0)[0]));  // no rate told
 }
 
 TEST(Frame2Ps, FramesAreCutIntoPesPackets) {
-    const struct {
-        int max_pes;
-        uint32_t len;
-        std::vector<size_t> parts;
-    } rows[] = {{8000, 8000, {8000}},        {8000, 8001, {8000, 1}},    {500, 1001, {1000, 1}},
-                {-5, 1001, {1000, 1}},       {70000, 65001, {65000, 1}}, {1500, 4000, {1500, 1500, 1000}},
-                {65000, 65535, {65000, 535}}};
-    for (const auto& row : rows) {
+    for (const auto& row : ReadTable(TABLES, "PES packets", 2)) {
+        SCOPED_TRACE(row[0]);
+        const std::vector<int> sizes = Numbers(row[0]);
         CFrame2Ps packer;
-        packer.SetPsInfo(STREAM_KIND_H264, STREAM_KIND_AUDIO, row.max_pes, 1000000);
-        const Bytes frame = Ramp(row.len);
-        const std::vector<Bytes> units = Pack(packer, frame, ENC_TYPE_H264);
-        ASSERT_EQ(row.parts.size() + 3, units.size());
-        for (size_t i = 0; i < row.parts.size(); ++i) {
-            EXPECT_EQ(row.parts[i] + 19, units[3 + i].size()) << row.max_pes;
-            EXPECT_EQ(row.parts[i] + 13, static_cast<size_t>(units[3 + i][4] << 8 | units[3 + i][5]));
+        packer.SetPsInfo(STREAM_KIND_H264, STREAM_KIND_AUDIO, sizes[0], 1000000);
+        const std::vector<Bytes> units = Pack(packer, Ramp(static_cast<size_t>(sizes[1])), ENC_TYPE_H264);
+        std::vector<int> parts;
+        for (size_t i = 3; i < units.size(); ++i) {
+            parts.push_back(static_cast<int>(units[i].size()) - 19);
+            EXPECT_EQ(parts.back() + 13, units[i][4] << 8 | units[i][5]);
         }
+        EXPECT_EQ(Numbers(row[1]), parts);
     }
 }
 
@@ -223,10 +180,7 @@ struct Demuxer {
         for (int round = 0; round < 2 && ret == FRAME_COMPLETE_NEXT; ++round) {
             ret = in.PutPacket(packet.data(), static_cast<int>(packet.size()), last);
             if (ret > FRAME_MORE) {
-                Bytes frame(in.GetFrameSize());
-                EXPECT_EQ(0u, frame.empty() ? 0 : in.GetFrame(frame.data(), static_cast<uint32_t>(frame.size() - 1)));
-                EXPECT_EQ(frame.size(), in.GetFrame(frame.data(), static_cast<uint32_t>(frame.size())));
-                frames.push_back(frame);
+                frames.push_back(TakeFrame(in));
                 letters += static_cast<char>(in.GetFrameType());
             }
             if (ret != FRAME_MORE) {
@@ -280,34 +234,16 @@ TEST(Ts2Frame, TablesOfOthersAreRead) {
 
 // One of these between the packets of a frame either costs it or isn't seen.
 TEST(Ts2Frame, BrokenPacketsAreRefusedOrIgnored) {
-    const struct {
-        const char* name;
-        int pid;
-        bool start;
-        const char* payload;
-        std::pair<size_t, uint8_t> change;  // of one byte in the packet's head
-        bool costs;
-    } rows[] = {
-        {"no sync byte", 0x111, true, "000001e0", {0, 0x48}, true},
-        {"adaptation beyond the packet", 0x111, false, "aa", {4, 184}, false},
-        {"the same with unit start", 0x111, true, "aa", {4, 184}, true},
-        {"no PES start", 0x111, true, "000002e0", {0, 0x47}, true},
-        {"unknown PID", 0x300, false, "aa", {0, 0x47}, false},
-        {"PID 17", 0x11, true, "000001e0", {0, 0x47}, false},
-        {"second track", 0x112, true, "000001e0 0000 800000 0000000161e0aa", {0, 0x47}, false},
-        {"adaptation only", 0x111, false, "aa", {3, 0x20}, false},
-        {"reserved adaptation control", 0x111, false, "aa", {3, 0}, false},
-    };
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
+    for (const auto& row : ReadTable(TABLES, "broken packets", 4)) {
+        SCOPED_TRACE(row[0]);
+        const bool costs = row[3] == "costs it";
         Demuxer demuxer({PAT, PMT, ts_packet(0x111, true, SLICE)});
-        Bytes packet = ts_packet(row.pid, row.start, FromHex(row.payload));
-        packet[row.change.first] = row.change.second;
-        EXPECT_EQ(row.costs ? -1 : 0, demuxer.Put(packet));
-        EXPECT_EQ(row.costs ? 0 : 1, demuxer.Put(ts_packet(0x111, false, FromHex("bb")), true));  // the frame's rest
+        const Bytes head = FromHex(row[1]);
+        EXPECT_EQ(costs ? -1 : 0, demuxer.Put(head + Part(ts_packet(0x111, true, FromHex(row[2])), head.size())));
+        EXPECT_EQ(costs ? 0 : 1, demuxer.Put(ts_packet(0x111, false, FromHex("bb")), true));  // the frame's rest
         EXPECT_EQ(1, demuxer.Put(ts_packet(0x111, true, SLICE), true));
-        EXPECT_EQ(row.costs ? 1u : 2u, demuxer.frames.size());
-        EXPECT_EQ(row.costs ? "0000000161e0aa" : "0000000161e0aabb", ToHex(demuxer.frames[0]));
+        EXPECT_EQ(costs ? 1u : 2u, demuxer.frames.size());
+        EXPECT_EQ(costs ? "0000000161e0aa" : "0000000161e0aabb", ToHex(demuxer.frames[0]));
         EXPECT_EQ("0000000161e0aa", ToHex(demuxer.frames.back()));
     }
     CAssertCapture asserts;
@@ -341,10 +277,10 @@ TEST(Ts2Frame, PesHeadersMayGoOnInTheNextPacket) {
 // Elementary streams of a table, parted by commas: hexadecimal digits, and names of the pieces below.
 std::vector<Bytes> pieces_of(const std::string& texts) {
     static const std::map<std::string, std::string> PIECES = {
-        {"$sei", "00000106ff" + std::string(600, '5') + "80"},  // longer than a packet
+        {"$sei", "00000106ff 55*300 80"},  // longer than a packet
         {"$sps", "0000016742c01eda078239"},
         {"$pps", "00000168ce3c80"},
-        {"$idr", "000001658884" + std::string(162, '2')},
+        {"$idr", "000001658884 22*81"},
         {"$p", "00000141e0aa"},  // the first slice of a picture, and a later one
         {"$p2", "0000014160bb"},
         {"$vos", "000001b001000001b509000001000000012000845d4c28582120a31f"},
@@ -397,5 +333,4 @@ TEST(Ts2Frame, AFrameBeyondTheBufferFails) {
 }
 
 }  // namespace
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support

@@ -9,11 +9,7 @@
 #include "support/Depacketiser.h"
 #include "support/StreamBytes.h"
 
-namespace Kavio {
-namespace Support {
-
-using namespace Vidora;
-
+namespace Kavio::Support {
 namespace {
 
 const uint32_t DAY_SEC = 24 * 3600;
@@ -81,5 +77,4 @@ TEST(Day, FrameToTsToFrame) {
 }
 
 }  // namespace
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support

@@ -6,8 +6,7 @@
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Ostra/ByteWriter.h"
 
-namespace Kavio {
-namespace Ostra {
+namespace Kavio::Ostra {
 namespace {
 
 // Every kind of value, written and read back in the same order.
@@ -122,5 +121,4 @@ TEST(Bits, RunsOverBytesAndExpGolombCodes) {
 }
 
 }  // namespace
-}  // namespace Ostra
-}  // namespace Kavio
+}  // namespace Kavio::Ostra

@@ -21,8 +21,7 @@
 #include "support/TestClock.h"
 #include "support/TestHandler.h"
 
-namespace Kavio {
-namespace Ostra {
+namespace Kavio::Ostra {
 namespace {
 
 // Makes standard error a pipe while it lives.
@@ -334,5 +333,4 @@ TEST(Console, RunsCommandsAndPrintsLongTexts) {
 }
 
 }  // namespace
-}  // namespace Ostra
-}  // namespace Kavio
+}  // namespace Kavio::Ostra

@@ -9,8 +9,7 @@
 
 #include "support/TestHandler.h"
 
-namespace Kavio {
-namespace Tramel {
+namespace Kavio::Tramel {
 namespace {
 
 using Support::CPool;
@@ -340,5 +339,4 @@ TEST(TimerQueue, BehavesLikeAnOrderedMap) {
 }
 
 }  // namespace
-}  // namespace Tramel
-}  // namespace Kavio
+}  // namespace Kavio::Tramel

@@ -12,8 +12,7 @@
 #include "Tramel/SockDgram.h"
 #include "support/TestHandler.h"
 
-namespace Kavio {
-namespace Tramel {
+namespace Kavio::Tramel {
 namespace {
 
 using Support::CPool;
@@ -363,5 +362,4 @@ TEST_F(SockEvents, ReceiverReportsABrokenInputOnceAndRests) {
 }
 
 }  // namespace
-}  // namespace Tramel
-}  // namespace Kavio
+}  // namespace Kavio::Tramel

@@ -19,8 +19,7 @@
 #include "support/SampleTable.h"
 #include "support/TestHandler.h"
 
-namespace Kavio {
-namespace Tramel {
+namespace Kavio::Tramel {
 namespace {
 
 using Support::WaitUntil;
@@ -275,5 +274,4 @@ TEST(PeerWatch, APeerWhoseLinkHasGoneBreaksTheConnection) {
 }
 
 }  // namespace
-}  // namespace Tramel
-}  // namespace Kavio
+}  // namespace Kavio::Tramel

@@ -10,8 +10,7 @@
 #include "Tramel/TextSearch.h"
 #include "support/SampleTable.h"
 
-namespace Kavio {
-namespace Tramel {
+namespace Kavio::Tramel {
 namespace {
 
 TEST(StrParser, SearchesMoveToTheFirstMatchOrStay) {
@@ -200,5 +199,4 @@ TEST(TextSearch, FindsWhatANaiveSearchFinds) {
 }
 
 }  // namespace
-}  // namespace Tramel
-}  // namespace Kavio
+}  // namespace Kavio::Tramel

@@ -13,8 +13,7 @@
 
 #include "../support/StreamBytes.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 
 using Support::operator+;
 
@@ -104,7 +103,6 @@ private:
 };
 
 }  // namespace Fuzz
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora
 
 #endif  // VIDORA_TESTS_FUZZ_FUZZSUPPORT_H

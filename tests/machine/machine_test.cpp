@@ -23,8 +23,7 @@
 #include "support/SampleTable.h"
 #include "support/TestHandler.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 
 namespace {
 
@@ -518,5 +517,4 @@ TEST(StateMachineDeathTest, WithoutMemoryEveryOperationFails) {
 #endif
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

@@ -8,8 +8,7 @@
 #include "RawMemory.h"
 #include "support/Capture.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 const PtsType NO_PTS_TYPE = static_cast<PtsType>(6);
@@ -156,5 +155,4 @@ TEST(MediaFrame, EveryPairOfModesAssignsAndShares) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

@@ -20,6 +20,16 @@ inline const Bytes CODE = FromHex("00000001");
 inline const Bytes SPS = FromHex("6742c01eda0280be40");
 inline const Bytes PPS = FromHex("68ce3c80");
 
+// Takes a complete frame, which a buffer that is a byte too small doesn't get.
+template <typename Engine>
+Bytes TakeFrame(Engine& engine) {
+    const uint32_t size = engine.GetFrameSize();
+    Bytes frame(size);
+    EXPECT_EQ(0u, size == 0 ? 0 : engine.GetFrame(frame.data(), size - 1));
+    EXPECT_EQ(size, engine.GetFrame(frame.data(), size));
+    return frame;
+}
+
 // Feeds packets as an owner does: takes each frame that is complete, clears, and feeds a packet again that was left
 // out.
 class Depacketiser : public IRtpNotify {
@@ -73,12 +83,7 @@ public:
 
 private:
     void take() {
-        Bytes frame(m_rtp2frame.GetFrameSize());
-        if (!frame.empty()) {
-            EXPECT_EQ(0u, m_rtp2frame.GetFrame(frame.data(), static_cast<uint32_t>(frame.size() - 1)));
-        }
-        EXPECT_EQ(frame.size(), m_rtp2frame.GetFrame(frame.data(), static_cast<uint32_t>(frame.size())));
-        m_frames.push_back(frame);
+        m_frames.push_back(TakeFrame(m_rtp2frame));
         m_letters += static_cast<char>(m_rtp2frame.GetFrameType());
     }
     void OnSsrcChanged(uint32_t old_ssrc, uint32_t new_ssrc) override {

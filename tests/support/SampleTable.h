@@ -5,6 +5,8 @@
 
 #include <algorithm>
 #include <fstream>
+#include <iterator>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -22,6 +24,13 @@ inline std::vector<std::string> SplitText(const std::string& text, char mark) {
         at = end + 1;
     }
     return parts;
+}
+
+// The whole numbers of a field, parted by blanks.
+template <typename Number = int>
+std::vector<Number> Numbers(const std::string& text) {
+    std::istringstream in(text);
+    return std::vector<Number>(std::istream_iterator<Number>(in), std::istream_iterator<Number>());
 }
 
 // The rows of one table in a file of samples: a line "[name]" begins a table, "#" a comment, "|" stands between the

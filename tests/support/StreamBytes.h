@@ -4,6 +4,7 @@
 #include <algorithm>
 #include <cstdint>
 #include <cstdlib>
+#include <sstream>
 #include <string>
 #include <vector>
 
@@ -15,17 +16,16 @@ using namespace Vidora;
 
 typedef std::vector<uint8_t> Bytes;
 
-// Bytes of hexadecimal digits; blanks are skipped.
+// Bytes of words of hexadecimal digits; a word that ends in "*" and a number has its last byte so many times.
 inline Bytes FromHex(const std::string& text) {
     Bytes bytes;
-    std::string digits;
-    for (const char c : text) {
-        if (c != ' ') {
-            digits += c;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        const size_t star = std::min(word.find('*'), word.size());
+        for (size_t i = 0; i < star; i += 2) {
+            bytes.push_back(static_cast<uint8_t>(std::strtoul(word.substr(i, 2).c_str(), nullptr, 16)));
         }
-    }
-    for (size_t i = 0; i + 1 < digits.size(); i += 2) {
-        bytes.push_back(static_cast<uint8_t>(std::strtoul(digits.substr(i, 2).c_str(), nullptr, 16)));
+        bytes.resize(bytes.size() + (star < word.size() ? std::stoul(word.substr(star + 1)) - 1 : 0), bytes.back());
     }
     return bytes;
 }
@@ -38,6 +38,14 @@ inline std::string ToHex(const Bytes& bytes) {
         text += DIGITS[byte & 15];
     }
     return text;
+}
+
+inline Bytes FromText(const std::string& text) {
+    return Bytes(text.begin(), text.end());
+}
+
+inline std::string ToText(const Bytes& bytes) {
+    return std::string(bytes.begin(), bytes.end());
 }
 
 inline Bytes operator+(Bytes left, const Bytes& right) {

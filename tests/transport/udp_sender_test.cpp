@@ -15,8 +15,7 @@
 #include "support/TestClock.h"
 #include "support/UdpPeer.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 using Support::CUdpPeer;
@@ -295,5 +294,4 @@ TEST_F(UdpSender, KeeperReportsOneSilentIntervalOfAnyTrackOnce) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora
