@@ -2,6 +2,7 @@
 #define VIDORA_TESTS_SERVER_NATVIEWER_H
 
 #include <fcntl.h>
+#include <gtest/gtest.h>
 #include <sys/ioctl.h>
 
 #include <atomic>
@@ -10,6 +11,7 @@
 #include <string>
 
 #include "Vidora/RtspSvr.h"
+#include "support/TestHandler.h"
 #include "support/UdpPeer.h"
 
 namespace Kavio {
@@ -26,8 +28,10 @@ public:
         m_host_port = host.Port();
         m_host_fd = dup(host.Fd());
     }
+    // Waits for the socket, also in a test that has failed: a session's silence ends it.
     ~CNatViewer() {
-        if (m_returns > 0) {
+        if (m_handed_in > 0) {
+            EXPECT_TRUE(Support::WaitUntil([this] { return m_returns == m_handed_in; }, 60000));
             close(m_host_fd);
         }
     }
@@ -38,8 +42,11 @@ public:
         NatConnectRecord record;
         record.on_return = nat_return_t(this, &CNatViewer::on_return);
         const std::string text = peer.empty() ? "127.0.0.1:" + std::to_string(m_sock->Port()) : peer;
-        return svr.AddNewConnect(m_host_fd, text.c_str(), static_cast<int>(text.size()),
-                                 reinterpret_cast<long>(&record));
+        ++m_handed_in;  // it may come back before the call returns
+        const int result =
+            svr.AddNewConnect(m_host_fd, text.c_str(), static_cast<int>(text.size()), reinterpret_cast<long>(&record));
+        m_handed_in -= result == 0 ? 0 : 1;
+        return result;
     }
 
     void Send(const std::string& datagram) { m_sock->Send(datagram, m_host_port); }
@@ -120,6 +127,7 @@ private:
     std::string m_session;  // the header, once there is one
     std::string m_last_request;
     std::atomic<bool> m_ok{false};
+    std::atomic<int> m_handed_in{0};
     std::atomic<int> m_returns{0};
 };
 
