@@ -34,13 +34,13 @@ void put_reports(std::ostringstream& out, const rtcp_report* list) {
     }
 }
 
-// What the packet's decoder gives and finds, in hexadecimal; the NTP seconds of an SR are left out.
+// What the packet's decoder gives and finds, in hexadecimal.
 std::string decoded(rtcp_pack& pack) {
     std::ostringstream out;
     out << std::hex << (pack.parse(&pack) == 0 ? "0" : "-1");
     if (pack.common.pt == CRtcpParser::RTCP_TYPE_SR) {
-        out << " SR " << pack.sr.ssrc << ' ' << pack.sr.ntp_frac << ' ' << pack.sr.rtp_ts << ' ' << pack.sr.packet_count
-            << ' ' << pack.sr.octet_count;
+        out << " SR " << pack.sr.ssrc << ' ' << pack.sr.ntp_sec << ' ' << pack.sr.ntp_frac << ' ' << pack.sr.rtp_ts
+            << ' ' << pack.sr.packet_count << ' ' << pack.sr.octet_count;
         put_reports(out, pack.sr.reports);
     } else if (pack.common.pt == CRtcpParser::RTCP_TYPE_RR) {
         out << " RR " << pack.rr.ssrc;
@@ -72,25 +72,6 @@ std::string written(CRtcpParser& parser, const std::vector<int>& types, unsigned
     return done ? ToHex(Part(buffer, 0, room)) : "-";
 }
 
-// Sent by GStreamer's rtpbin: a receiver report, and the last report of a sender.
-TEST(RtcpParser, DecodesReportsOfAnotherImplementation) {
-    Parsed rr(
-        "81c90007b78ff88c4019e96a00ffffff000017f200000005cc9e3abf0000386481ca000cb78ff88c011c75736572323531373430373132"
-        "3140686f73742d636538613161343506094753747265616d6572000000");
-    ASSERT_EQ(rr.count, 2);
-    EXPECT_EQ(decoded(rr.packs[0]), "0 RR b78ff88c [4019e96a 0 ffffff 17f2 5 cc9e3abf 3864]");
-    EXPECT_EQ(decoded(rr.packs[1]), "0 SDES b78ff88c [1 user2517407121@host-ce8a1a45] [6 GStreamer]");
-
-    Parsed bye(
-        "80c800064019e96aeeabcca54478316a982e7d41000000700001c00081ca000c4019e96a011c75736572313235313631393436"
-        "3440686f73742d373339633039323206094753747265616d657200000081cb00014019e96a");
-    ASSERT_EQ(bye.count, 3);
-    EXPECT_EQ(decoded(bye.packs[0]), "0 SR 4019e96a 4478316a 982e7d41 70 1c000");
-    EXPECT_EQ(bye.packs[0].sr.ntp_sec, 0xeeabcca5U);
-    EXPECT_EQ(decoded(bye.packs[1]), "0 SDES 4019e96a [1 user1251619464@host-739c0922] [6 GStreamer]");
-    EXPECT_EQ(decoded(bye.packs[2]), "0 BYE 4019e96a []");
-}
-
 TEST(RtcpParser, RecordsWhatIsGoodInFrontOfTheFirstFault) {
     const std::string rr = "80c9000100000001";
     std::vector<std::vector<std::string>> rows = ReadTable(TABLES, "faults", 4);
@@ -117,8 +98,11 @@ TEST(RtcpParser, DecodersStayInsideTheirPacket) {
     for (const auto& row : ReadTable(TABLES, "decoded", 2)) {
         SCOPED_TRACE(row[0]);
         Parsed parsed(row[0], false);
-        ASSERT_EQ(parsed.count, 1);
-        EXPECT_EQ(decoded(parsed.packs[0]), row[1]);
+        std::string all;
+        for (int i = 0; i < parsed.count; ++i) {
+            all += (i > 0 ? ", " : "") + decoded(parsed.packs[i]);
+        }
+        EXPECT_EQ(all, row[1]);
     }
     Parsed wrong("80c9000100000001");
     wrong.packs[0].common.pt = CRtcpParser::RTCP_TYPE_SR;

@@ -1,6 +1,7 @@
 // What both codecs share: the boundary rule, ranges and rates, bodies, extra headers; and what of it is logged.
 #include <gtest/gtest.h>
 
+#include <cstdio>
 #include <cstring>
 #include <memory>
 
@@ -23,6 +24,7 @@ int check(CRtspParser& parser, const std::string& text, rtsp_msg_info* info) {
     return parser.check_message(exact.get() + 1, static_cast<unsigned int>(text.size()), info);
 }
 
+const char TABLES[] = VIDORA_TEST_DATA "/rtsp_messages.txt";
 const char SET_PARAMETER[] =
     "SET_PARAMETER rtsp://127.0.0.1/live RTSP/1.0\nCSeq: 9\ncontent-length:  5\nContent-type: text/parameters\n\n";
 
@@ -51,67 +53,43 @@ TEST(RtspBoundary, LimitIsOnTheBufferAndNotOnTheMessage) {
 }
 
 TEST(RtspBoundary, FirstLineAndLengthAreJudged) {
-    const struct {
-        const char* name;
-        std::string text;
-        int result;  // 0: the whole text
-        int logged;
-    } rows[] = {
-        {"unknown method with a CSeq", "RECORD * RTSP/1.0\nCSeq: 3\n\n", 0, 0},
-        {"known method with CSeq 0", "PLAY * RTSP/1.0\nCSeq: 0\n\n", 0, 0},
-        {"unknown method with CSeq 0", "RECORD * RTSP/1.0\nCSeq: 0\n\n", RTSP_BAD_MESSAGE, 1},
-        {"lower-case method, no CSeq", "play * RTSP/1.0\n\n", RTSP_BAD_MESSAGE, 1},
-        {"CSeq above 32 bits", "RECORD * RTSP/1.0\nCSeq: 4294967296\n\n", RTSP_BAD_MESSAGE, 1},
-        {"body length that 16 bits cannot hold counts as none", "PLAY * RTSP/1.0\nCSeq: 1\nContent-Length: 40000\n\n",
-         0, 0},
-        {"body length in the body", "PLAY * RTSP/1.0\nCSeq: 1\nContent-Length\n\nContent-Length: 9\n\n", 44, 0},
-        {"a NUL ends the text", std::string("PLAY * RTSP/1.0\nCSeq: 1\n\0\n\n", 27), RTSP_INCOMPLETE, 0},
-        {"blanks only", "\n\n  \n\n", RTSP_INCOMPLETE, 0},
-    };
+    std::vector<std::vector<std::string>> rows = Support::ReadTable(TABLES, "messages", 4);
+    rows.push_back({"a NUL ends the text", std::string("PLAY * RTSP/1.0\nCSeq: 1\n\0\n\n", 27), "-7", "0"});
     for (const auto& row : rows) {
+        SCOPED_TRACE(row[0]);
         CRtspRspParser parser;
         rtsp_msg_info info;
         const Support::CLogCapture log;
-        const std::string text = Crlf(row.text);
-        const int whole = static_cast<int>(text.size());
-        EXPECT_EQ(check(parser, text, &info), row.result == 0 ? whole : row.result) << row.name;
-        EXPECT_EQ(log.Count("RTSP_WRONG_FORMATA:"), row.logged) << row.name;
-        EXPECT_EQ(log.Count("recv_len:" + std::to_string(whole)), row.logged) << row.name;
+        const std::string text = Crlf(row[1]);
+        const std::string whole = std::to_string(text.size());
+        EXPECT_EQ(std::to_string(check(parser, text, &info)), row[2] == "whole" ? whole : row[2]);
+        EXPECT_EQ(std::to_string(log.Count("RTSP_WRONG_FORMATA:")), row[3]);
+        EXPECT_EQ(std::to_string(log.Count("recv_len:" + whole)), row[3]);
     }
 }
 
-bool operator==(const UtcTime& a, const UtcTime& b) {
-    return std::memcmp(&a, &b, sizeof a) == 0;
+std::string text_of(const UtcTime& time) {
+    char text[64];
+    std::snprintf(text, sizeof text, "%d-%d-%d %d:%d:%d.%d", time.year, time.month, time.day, time.hour, time.minute,
+                  time.second, time.millisecond);
+    return text;
 }
 
 TEST(RtspRange, ClockTimesAreReadAndWritten) {
-    const UtcTime whole = {2020, 1, 2, 3, 4, 5, 0};
-    const UtcTime fine = {2020, 1, 2, 3, 4, 5, 678};
-    const struct {
-        const char* text;
-        int result;
-        UtcTime begin;
-        UtcTime end;
-    } rows[] = {
-        {"20200102T030405Z-", 16, whole, {}},
-        {"20200102T030405Z-\r\n", 16, whole, {}},
-        {"20200102T030405.678Z-20200102T030405Z\r\n", 16, fine, whole},
-        {"20200102T030405Z-20200102T030405.678Z", 20, whole, fine},
-        {"20200102T030405Z-2020", -1, whole, {}},
-        {"20200102T030405.6", 20, {2020, 1, 2, 3, 4, 5, 6}, {}},  // ends before its 20 bytes do
-        {"20200102T03040", -1, {}, {}},
-        {"-", -1, {}, {}},
-    };
-    for (const auto& row : rows) {
-        UtcTime begin;
-        UtcTime end;
-        const std::vector<char> exact(row.text, row.text + std::strlen(row.text));
-        EXPECT_EQ(CRtspParser::parse_clock_range(exact.data(), static_cast<unsigned int>(exact.size()), &begin, &end),
-                  row.result)
-            << row.text;
-        EXPECT_TRUE(begin == row.begin && end == row.end) << row.text;
+    for (const auto& row : Support::ReadTable(TABLES, "clock ranges", 4)) {
+        SCOPED_TRACE(row[0]);
+        UtcTime begin, end;
+        const std::string text = Crlf(row[0]);
+        const std::vector<char> exact(text.begin(), text.end());
+        const int result =
+            CRtspParser::parse_clock_range(exact.data(), static_cast<unsigned int>(exact.size()), &begin, &end);
+        EXPECT_EQ(std::to_string(result), row[1]);
+        EXPECT_EQ(text_of(begin), row[2]);
+        EXPECT_EQ(text_of(end), row[3]);
     }
 
+    const UtcTime whole = {2020, 1, 2, 3, 4, 5, 0};
+    const UtcTime fine = {2020, 1, 2, 3, 4, 5, 678};
     char out[128];
     const UtcTime seven = {2020, 1, 2, 3, 4, 5, 7};
     EXPECT_STREQ(CRtspParser::format_clock_range(out, sizeof out, &seven, &fine),

@@ -12,6 +12,7 @@
 #include "Protocol/RtspTables.h"
 #include "support/Capture.h"
 #include "support/RtspText.h"
+#include "support/SampleTable.h"
 
 namespace Kavio::Vidora {
 namespace {
@@ -138,36 +139,26 @@ TEST(RtspReply, SetupOfEveryTransport) {
     CRtspRspParser parser;
     parser.set_ext_key(RTSP_METHOD_SETUP, "X-Ext", "never here");
     read(parser, "SETUP rtsp://h/x RTSP/1.0\nCSeq: 3\n\n");
-    const auto reply = [&](const std::string& transport, int timeout) {
-        return Crlf("RTSP/1.0 200 OK\nServer: Rtsp Server/2.0\nCSeq: 3\nSession: " + id_of(parser) +
-                    ";timeout=" + std::to_string(timeout) + "\nTransport: " + transport + "\nx-dynamic-rate: 1\n\n");
-    };
     transport_info t;
-    t.server_rtp_port = 2;
-    t.server_rtcp_port = 3;
-    t.ssrc = 0xab;
-    EXPECT_EQ(parser.generate_setup_reply(&t, nullptr), reply("RTP/AVP/TCP;unicast;interleaved=2-3;ssrc=000000AB", 60));
-    t.packet_type = PACKET_TYPE_KX;
-    t.timeout = 20;
-    t.ssrc = 0;
-    EXPECT_EQ(parser.generate_setup_reply(&t, nullptr), reply("KX/AVP/TCP;unicast;interleaved=2-3", 20));
-    t.packet_type = PACKET_TYPE_RTP;
-    t.transport = RTP_OVER_UDP;
-    t.rtp_port = 4000;
-    t.rtcp_port = 4001;
-    EXPECT_EQ(parser.generate_setup_reply(&t, nullptr),
-              reply("RTP/AVP;unicast;client_port=4000-4001;server_port=2-3", 20));
-    t.multicast = true;
-    EXPECT_EQ(parser.generate_setup_reply(&t, nullptr), nullptr);
-    multicast_info m;
-    std::strcpy(m.addr, "239.1.2.3");
-    m.ttl = 16;
-    EXPECT_EQ(parser.generate_setup_reply(&t, &m),
-              reply("RTP/AVP;multicast;destination=239.1.2.3;port=4000-4001;ttl=16", 20));
-    t.rtcp_port = 0;
-    t.ssrc = 0xffffffff;
-    EXPECT_EQ(parser.generate_setup_reply(&t, &m),
-              reply("RTP/AVP;multicast;destination=239.1.2.3;port=4000;ttl=16;ssrc=FFFFFFFF", 20));
+    for (const auto& row : Support::ReadTable(VIDORA_TEST_DATA "/rtsp_messages.txt", "setup replies", 4)) {
+        const std::vector<int> numbers = Support::Numbers(row[0]);
+        t.packet_type = static_cast<packet_type_t>(numbers[0]);
+        t.transport = static_cast<rtp_protocol_t>(numbers[1]);
+        t.rtp_port = numbers[2];
+        t.rtcp_port = numbers[3];
+        t.server_rtp_port = 2;
+        t.server_rtcp_port = 3;
+        t.ssrc = static_cast<uint32_t>(numbers[4]);
+        t.timeout = numbers[5];
+        t.multicast = !row[1].empty();
+        multicast_info m;
+        std::strcpy(m.addr, row[1].c_str());
+        m.ttl = 16;
+        EXPECT_EQ(parser.generate_setup_reply(&t, t.multicast ? &m : nullptr),
+                  Crlf("RTSP/1.0 200 OK\nServer: Rtsp Server/2.0\nCSeq: 3\nSession: " + id_of(parser) +
+                       ";timeout=" + row[2] + "\nTransport: " + row[3] + "\nx-dynamic-rate: 1\n\n"));
+    }
+    EXPECT_EQ(parser.generate_setup_reply(&t, nullptr), nullptr);  // of a multicast that isn't known
 }
 
 TEST(RtspReply, PlayWithItsTracksAndRange) {

@@ -12,6 +12,8 @@
 #include "Vidora/KXFrame.h"
 #include "support/Capture.h"
 #include "support/FrameBuilder.h"
+#include "support/RtspText.h"
+#include "support/SampleTable.h"
 #include "support/StreamBytes.h"
 #include "support/TestClock.h"
 #include "support/TestHandler.h"
@@ -23,6 +25,7 @@ using Kavio::Flumen::CMediaFrame;
 
 namespace {
 
+const char TABLES[] = VIDORA_TEST_DATA "/single_track.txt";
 const char H264[] = "v=0\r\nm=video 5000 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\n";
 const char PCMA[] = "v=0\r\nm=audio 5000 RTP/AVP 8\r\n";
 const auto SEND = IRTPUdpTransmiter::SDP_TYPE_SEND;
@@ -99,8 +102,7 @@ protected:
         m_fields.marker = true;
         ++m_fields.sequence;
         m_fields.timestamp += static_cast<uint32_t>(body.size());
-        const Bytes packet = MakeRtp(m_fields, Bytes(body.begin(), body.end()));
-        return std::string(packet.begin(), packet.end());
+        return ToText(MakeRtp(m_fields, FromText(body)));
     }
 
     CPool m_pool;
@@ -140,55 +142,26 @@ TEST_F(CSingleTrackTest, FramesTravelBothWays) {
 }
 
 TEST_F(CSingleTrackTest, ADescriptionIsReadWholeOrRefused) {
-    const std::string h264 = H264;
-    const struct {
-        std::string sdp;
-        bool good;
-    } rows[] = {
-        {h264, true},
-        {PCMA, true},
-        {"v=0\r\nm=video 0 RTP/AVP 26\r\n", true},
-        {"v=0\r\nm=audio 0 RTP/AVP 97\r\na=rtpmap:97 L16/44100/2\r\n", true},
-        {h264 + "m=audio 0 RTP/AVP 8\r\n", true},
-        {"", false},
-        {"v=0\r\ns=nothing\r\n", false},
-        {"v=0\r\nm=text 0 RTP/AVP 98\r\n" + h264.substr(5), false},
-        {"v=0\r\nm=video 0 RTP/AVP 96\r\na=rtpmap:96 VP8/90000\r\n", false},
-        {"v=0\r\nm=video 0 RTP/AVP 96\r\n", false},
-        {"v=0\r\nm=audio 0 RTP/AVP 97\r\n", false},
-        {"v=0\r\nm=audio 0 RTP/AVP 300\r\na=rtpmap:300 PCMA/8000\r\n", false},
-    };
     CTrack track;
-    for (const auto& row : rows) {
-        EXPECT_EQ(row.good, track.object->SetSdpInfo(SEND, row.sdp.c_str())) << row.sdp;
-        EXPECT_EQ(row.good, track.object->SetSdpInfo(RECV, row.sdp.c_str())) << row.sdp;
+    for (const auto& row : ReadTable(TABLES, "descriptions", 2)) {
+        for (const auto direction : {SEND, RECV}) {
+            EXPECT_EQ(row[1] == "read", track.object->SetSdpInfo(direction, Crlf(row[0]).c_str())) << row[0];
+        }
     }
     EXPECT_FALSE(track.object->SetSdpInfo(static_cast<IRTPUdpTransmiter::SDP_TYPE>(2), H264));
     EXPECT_FALSE(track.object->SetSdpInfo(SEND, nullptr));
 }
 
 TEST_F(CSingleTrackTest, ARemoteIsAnAddressAndAPort) {
-    const struct {
-        const char* ip;
-        int port;
-        bool good[3];  // by mode
-    } rows[] = {
-        {"127.0.0.1", 9, {true, true, true}},
-        {"::1", 9, {true, true, true}},
-        {"", -1, {false, true, false}},
-        {"127.0.0.1", -1, {false, true, false}},
-        {"", 9, {false, true, false}},
-        {"127.0.0.1", 0, {false, false, false}},
-        {"127.0.0.1", 65536, {}},
-        {"no address", 9, {}},
-        {nullptr, 9, {}},
-    };
     CTrack track;
-    for (const auto& row : rows) {
+    for (const auto& row : ReadTable(TABLES, "remotes", 3)) {
         for (int mode = 0; mode < 3; ++mode) {
-            EXPECT_EQ(row.good[mode], track.object->SetRemote(row.ip, row.port, mode)) << row.port << " " << mode;
+            EXPECT_EQ(row[2].find(std::to_string(mode)) != std::string::npos,
+                      track.object->SetRemote(row[0].c_str(), std::stoi(row[1]), mode))
+                << row[0] << " " << row[1] << " " << mode;
         }
     }
+    EXPECT_FALSE(track.object->SetRemote(nullptr, 9, 1));
     EXPECT_FALSE(track.object->SetRemote("127.0.0.1", 9, 3));
     EXPECT_FALSE(track.object->SetRemote("127.0.0.1", 9, -1));
 }

@@ -13,6 +13,7 @@
 #include "support/Capture.h"
 #include "support/FrameBuilder.h"
 #include "support/PackerUnits.h"
+#include "support/SampleTable.h"
 #include "support/StreamBytes.h"
 #include "support/TestClock.h"
 #include "support/TestHandler.h"
@@ -27,10 +28,6 @@ namespace {
 const size_t TS_LEN = 188;
 const char LOOPBACK[] = "127.0.0.1";
 
-std::string text_of(const Bytes& bytes) {
-    return std::string(bytes.begin(), bytes.end());
-}
-
 // The bare bytes of a picture, of `size` bytes in its slice, as they come out again.
 std::string picture(int number, unsigned int size = 2000) {
     return H264Picture(true, size, static_cast<uint8_t>(number + 2));
@@ -44,8 +41,8 @@ std::vector<std::string> transport_stream(int count) {
     for (int i = 0; i < count; ++i) {
         const std::string bytes = picture(i);
         pictures.emplace_back();
-        for (const Bytes& unit : Pack(packer, Bytes(bytes.begin(), bytes.end()), ENC_TYPE_H264, 40u + 40u * i)) {
-            pictures.back() += text_of(unit);
+        for (const Bytes& unit : Pack(packer, FromText(bytes), ENC_TYPE_H264, 40u + 40u * i)) {
+            pictures.back() += ToText(unit);
         }
     }
     return pictures;
@@ -53,12 +50,8 @@ std::vector<std::string> transport_stream(int count) {
 
 // A G.711 packet whose samples are all `number`.
 std::string audio_packet(int number, uint8_t payload_type = 8) {
-    RtpFields fields;
-    fields.sequence = static_cast<uint16_t>(number);
-    fields.timestamp = static_cast<uint32_t>(160 * number);
-    fields.payload_type = payload_type;
-    fields.marker = true;
-    return text_of(MakeRtp(fields, Bytes(160, static_cast<uint8_t>(number))));
+    const auto count = static_cast<uint16_t>(number);
+    return ToText(MakeRtp({count, 160u * count, true, payload_type}, Bytes(160, static_cast<uint8_t>(number))));
 }
 
 multicast_track_info_t track_info(int encode) {
@@ -150,34 +143,18 @@ TEST(MulticastClient, RefusesWhatItCannotReceive) {
     CReceived ts(ClientType_TS);
     CReceived rtp(ClientType_RTP);
     const IMulticastStreamClient::frame_proc_t proc([](const Flumen::CMediaFrame&) {});
-    const multicast_track_info_t good = track_info(ENC_TYPE_AUDIO);
-    const multicast_track_info_t low = track_info(ENC_TYPE_NONE);
-    const multicast_track_info_t high = track_info(ENC_TYPE_ASSIST);
-    const struct {
-        CReceived& client;
-        const char* address;
-        int port;
-        IMulticastStreamClient::frame_proc_t proc;
-        const multicast_track_info_t* info;
-        const char* text;
-    } rows[] = {
-        {ts, nullptr, 5000, proc, nullptr, " Param error \n"},
-        {ts, LOOPBACK, 5000, {}, nullptr, " Param error \n"},
-        {ts, "239.1.2", 5000, proc, nullptr, " dest_addr.SetAddr error multicast_addr:239.1.2 multicast_port:5000 \n"},
-        {ts, LOOPBACK, 65536, proc, nullptr, " dest_addr.SetAddr error multicast_addr:127.0.0.1 multicast_port:65536"},
-        {rtp, LOOPBACK, 5000, proc, nullptr, ", src type error, expect ClientType_TS, in fact it's 1.\n"},
-        {ts, LOOPBACK, 5000, proc, &good, ", src type error, expect ClientType_RTP, in fact it's 2.\n"},
-        {rtp, LOOPBACK, 5000, proc, &low, ", encode invalid, shoud in range of (0-7) \n"},
-        {rtp, LOOPBACK, 5000, proc, &high, ", encode invalid, shoud in range of (0-7) \n"},
-        {ts, "192.0.2.1", 5000, proc, nullptr,
-         ", video sock open failed, multicast_addr:192.0.2.1 multicast_port:5000"},
-        {rtp, "192.0.2.1", 5000, proc, &good, " audio sock Open failed,  multicast_addr:192.0.2.1 multicast_port:5000"},
-    };
-    for (const auto& row : rows) {
-        CLogCapture log;
-        EXPECT_EQ(row.client.Client()->Start(row.address, row.port, row.proc, row.info), -1) << row.text;
-        EXPECT_EQ(log.Count(row.text), 1) << row.text;
+    for (const auto& row : ReadTable(VIDORA_TEST_DATA "/transport.txt", "multicast starts", 5)) {
+        SCOPED_TRACE(row[4]);
+        const CLogCapture log;
+        const multicast_track_info_t info = track_info(row[3].empty() ? 0 : std::stoi(row[3]));
+        IMulticastStreamClient* client = row[0] == "ts" ? ts.Client() : rtp.Client();
+        EXPECT_EQ(client->Start(row[1].c_str(), std::stoi(row[2]), proc, row[3].empty() ? nullptr : &info), -1);
+        EXPECT_EQ(log.Count(row[4]), 1);
     }
+    const CLogCapture log;
+    EXPECT_EQ(ts.Client()->Start(nullptr, 5000, proc, nullptr), -1);
+    EXPECT_EQ(ts.Client()->Start(LOOPBACK, 5000, IMulticastStreamClient::frame_proc_t(), nullptr), -1);
+    EXPECT_EQ(log.Count(" Param error \n"), 2);
 }
 
 // Foreign datagrams between its own cost the stream nothing, and of a cut one the whole packets count.
@@ -229,11 +206,9 @@ TEST(MulticastClient, ReceivesBothTracksOfRtpBesideStrangers) {
     for (int i = 1; i <= 4; ++i) {
         EXPECT_EQ(frames.at(static_cast<size_t>(i - 1)), std::string(160, static_cast<char>(i)));
     }
-    RtpFields fields;
-    fields.marker = true;
     const Bytes slice = {0x65, 0x88, 0x80, 0x10};
-    received.Send(text_of(MakeRtp(fields, slice)), video_port);
-    EXPECT_NE(received.Frames(5).at(4).find(text_of(slice)), std::string::npos);
+    received.Send(ToText(MakeRtp({1, 3600, true}, slice)), video_port);
+    EXPECT_NE(received.Frames(5).at(4).find(ToText(slice)), std::string::npos);
 }
 
 TEST(MulticastClient, LossRepetitionAndSilenceEndNothing) {

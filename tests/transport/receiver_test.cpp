@@ -11,6 +11,7 @@
 #include "support/Capture.h"
 #include "support/CollectingSink.h"
 #include "support/Interleave.h"
+#include "support/SampleTable.h"
 #include "support/TestHandler.h"
 #include "support/UdpPeer.h"
 
@@ -101,11 +102,7 @@ protected:
     }
 
     static Bytes Rtp(uint16_t seq, bool marker, const Bytes& payload, uint8_t type = 96) {
-        RtpFields fields;
-        fields.sequence = seq;
-        fields.marker = marker;
-        fields.payload_type = type;
-        return MakeRtp(fields, payload);
+        return MakeRtp({seq, 3600, marker, type}, payload);
     }
 
     CPool m_pool;
@@ -120,10 +117,6 @@ protected:
     std::shared_ptr<CSockStream> m_sock;
     CStreamReceiver* m_receiver = nullptr;
 };
-
-Bytes text(const std::string& text) {
-    return Bytes(text.begin(), text.end());
-}
 
 const std::string REPLY = "RTSP/1.0 200 OK\r\n\r\n";
 
@@ -159,7 +152,7 @@ TEST_F(CReceiverTest, TcpPutsFramesWithTheirKindAndTrack) {
         {Interleaved(2, Rtp(1, true, {1})), 1 << 24 | TAG_KEY},
         {Interleaved(4, Rtp(1, false, {1})), 2 << 24 | TAG_KEY},
     };
-    Bytes stream = Interleaved(1, FromHex("80c80001 11223344")) + text(REPLY) + Interleaved(0, {1, 2, 3});
+    Bytes stream = Interleaved(1, FromHex("80c80001 11223344")) + FromText(REPLY) + Interleaved(0, {1, 2, 3});
     for (const auto& row : rows) {
         stream = stream + row.run;
     }
@@ -185,12 +178,12 @@ TEST_F(CReceiverTest, TcpPutsFramesWithTheirKindAndTrack) {
 TEST_F(CReceiverTest, TcpPutsPrivateFramesBehindTheirHeader) {
     CStreamTcpReceiver* receiver = MakeTcp(RECEIVER_PROTOCOL_KX);
     ASSERT_EQ(receiver->Start(0, 1.0F), 0);
-    const Bytes key = text("KXAV") + Bytes{0xFD} + Ramp(40000);
-    const Bytes other = text("KXAV") + Bytes{0xFC} + Ramp(40);
+    const Bytes key = FromText("KXAV") + Bytes{0xFD} + Ramp(40000);
+    const Bytes other = FromText("KXAV") + Bytes{0xFC} + Ramp(40);
     const auto header = [](const Bytes& frame) {
         return Bytes{'$', 2, 0, 0, static_cast<uint8_t>(frame.size() >> 8), static_cast<uint8_t>(frame.size())};
     };
-    Send(header(key) + key + text(REPLY) + header(other) + other);
+    Send(header(key) + key + FromText(REPLY) + header(other) + other);
     ASSERT_TRUE(WaitForPuts(4));
     const auto items = m_sink.Items();
     const Bytes expected[] = {header(key), key, header(other), other};
@@ -205,7 +198,7 @@ TEST_F(CReceiverTest, TcpPutsPrivateFramesBehindTheirHeader) {
 TEST_F(CReceiverTest, TcpTellsABrokenConnectionOnceAndKeepsItsSocketToTheEnd) {
     CStreamTcpReceiver* receiver = MakeTcp(RECEIVER_PROTOCOL_RTP);
     ASSERT_EQ(receiver->Start(0, 1.0F), 0);
-    Send(text(REPLY));
+    Send(FromText(REPLY));
     m_peer.Close();
     EXPECT_TRUE(WaitUntil([this] { return m_failed.load() == 1; }));
     EXPECT_EQ(m_procs.Count("rtsp"), 1);
@@ -283,9 +276,7 @@ TEST_F(CReceiverTest, UdpTakesAllTracksFromTheServersAddressOnly) {
     ASSERT_EQ(m_receiver->Start(0, 1.0F), 0);
 
     CUdpPeer server;
-    const auto send = [&](const Bytes& bytes, int place) {
-        server.Send(std::string(bytes.begin(), bytes.end()), ports[place]);
-    };
+    const auto send = [&](const Bytes& bytes, int place) { server.Send(ToText(bytes), ports[place]); };
     const Bytes rtcp = FromHex("80c80001 11223344");
     send(rtcp, 3);                    // a stranger to track 1
     send(Rtp(1, true, {1}), 2);       // as well
@@ -343,33 +334,16 @@ Bytes sender_report(uint32_t ssrc) {
 }  // namespace
 
 TEST(ReceptionStats, CountsGapsLateRepeatedAndWrappedNumbers) {
-    const struct {
-        const char* name;
-        std::vector<uint16_t> numbers;
-        uint32_t lost;       // as gaps are counted
-        int32_t cumulative;  // as a receiver report has it
-        uint32_t highest;
-    } rows[] = {
-        {"in order", {10, 11, 12}, 0, 0, 12},
-        {"gap", {10, 13}, 2, 2, 13},
-        {"late", {10, 12, 11, 13}, 2, 0, 13},
-        {"repeated", {10, 10, 11}, 0, -1, 11},
-        {"wrapped", {65534, 65535, 0, 1}, 0, 0, 65537},
-        {"lost over the wrap", {65534, 1}, 2, 2, 65537},
-        {"late over the wrap", {65535, 1, 0, 2}, 2, 0, 65538},
-        // Gaps are counted from the last number, whatever that was.
-        {"a single stray", {10, 40000, 11}, 25546, 0, 11},
-        {"began anew", {10, 40000, 40001, 40002}, 0, 0, 40002},
-    };
-    for (const auto& row : rows) {
+    for (const auto& row : ReadTable(VIDORA_TEST_DATA "/transport.txt", "sequences", 3)) {
+        SCOPED_TRACE(row[0]);
+        const auto numbers = Numbers<uint16_t>(row[1]);
         CReceptionStats running;
-        const reception_stats_t stats = stats_of(row.numbers, running);
-        EXPECT_EQ(stats.lost_total, row.lost) << row.name;
-        EXPECT_EQ(stats.cumulative_lost, row.cumulative) << row.name;
-        EXPECT_EQ(stats.highest_seq, row.highest) << row.name;
-        EXPECT_EQ(stats.packets, row.numbers.size()) << row.name;
-        EXPECT_EQ(stats.octets, 100 * row.numbers.size()) << row.name;
-        EXPECT_EQ(stats.last_seq, row.numbers.back()) << row.name;
+        const reception_stats_t stats = stats_of(numbers, running);
+        EXPECT_EQ((std::vector<int64_t>{stats.lost_total, stats.cumulative_lost, stats.highest_seq}),
+                  Numbers<int64_t>(row[2]));
+        EXPECT_EQ(stats.packets, numbers.size());
+        EXPECT_EQ(stats.octets, 100 * numbers.size());
+        EXPECT_EQ(stats.last_seq, numbers.back());
     }
 }
 

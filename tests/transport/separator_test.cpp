@@ -28,7 +28,7 @@ std::string line_of(const separator_record_t& record) {
     EXPECT_TRUE(!is_text || data[record.length] == 0);
     const Bytes bytes(data, data + record.length);
     return std::to_string(record.kind) + " " + std::to_string(record.channel) + " " +
-           (is_text ? std::string(bytes.begin(), bytes.end()) : ToHex(bytes));
+           (is_text ? ToText(bytes) : ToHex(bytes));
 }
 
 bool collect(CStreamSeparator& separator, int count, Lines& lines) {
@@ -71,16 +71,8 @@ Lines separate(const std::vector<Bytes>& pieces) {
     return lines;
 }
 
-Bytes text(const std::string& text) {
-    return Bytes(text.begin(), text.end());
-}
-
 Bytes rtp(int channel, uint16_t seq, uint32_t timestamp, bool marker, const Bytes& payload = {0x41, 1}) {
-    RtpFields fields;
-    fields.sequence = seq;
-    fields.timestamp = timestamp;
-    fields.marker = marker;
-    return Interleaved(channel, MakeRtp(fields, payload));
+    return Interleaved(channel, MakeRtp({seq, timestamp, marker}, payload));
 }
 
 std::string line(int kind, int channel, const Bytes& bytes) {
@@ -99,8 +91,8 @@ TEST(RtpSeparator, MergesTheFramesOfTwoChannelsAmongReplies) {
     const Bytes audio = rtp(AUDIO, 9, 7, true, {1});
     const Bytes rtcp = Interleaved(1, {0x80, 200, 0, 1, 0, 0, 0, 1});
     const Bytes runt = Interleaved(VIDEO, {0x80, 96, 0});
-    const Bytes stream = text(REPLY) + Part(first, 0, 18) + audio + Part(first, 18) + text(REPLY_BODY) + unmarked +
-                         rtcp + next + runt + text("rtsp/1.0 404 Not Found\r\n\r\n");
+    const Bytes stream = FromText(REPLY) + Part(first, 0, 18) + audio + Part(first, 18) + FromText(REPLY_BODY) +
+                         unmarked + rtcp + next + runt + FromText("rtsp/1.0 404 Not Found\r\n\r\n");
     EXPECT_EQ(FeedAtEveryCut(stream, separate<CRTPSeparator>),
               (Lines{"1 -1 " + REPLY, line(2, AUDIO, audio), line(2, VIDEO, first), "1 -1 " + REPLY_BODY,
                      line(2, 1, rtcp), line(2, VIDEO, unmarked), line(2, VIDEO, next), line(2, VIDEO, runt),
@@ -113,10 +105,10 @@ TEST(RtpSeparator, CutsRequestsOfTheServerOut) {
     for (const std::string method : {"OPTIONS", "GET_PARAMETER", "ANNOUNCE", "REDIRECT", "RECORD", "PAUSE"}) {
         const std::string request =
             method + " rtsp://x/a RTSP/1.0\r\nSession: $1$\r\nContent-Length: 5\r\n\r\n$\x01\xff\xff$";
-        EXPECT_EQ(FeedAtEveryCut(media + text(request) + media, separate<CRTPSeparator>),
+        EXPECT_EQ(FeedAtEveryCut(media + FromText(request) + media, separate<CRTPSeparator>),
                   (Lines{line(2, VIDEO, media), "1 -1 " + request, line(2, VIDEO, media)}));
         const Bytes frame = {'$', 0, 0, 0, 0, 1, 7};
-        EXPECT_EQ(FeedAtEveryCut(frame + text(request) + frame, separate<CKXSeparator>).size(), 5u);
+        EXPECT_EQ(FeedAtEveryCut(frame + FromText(request) + frame, separate<CKXSeparator>).size(), 5u);
     }
 }
 
@@ -126,7 +118,7 @@ TEST(RtpSeparator, FindsItsPlaceAtAKnownSource) {
     const Bytes stranger = rtp(AUDIO, 1, 1, true);
     const Bytes next = rtp(VIDEO, 2, 200, true);
     // The damage holds what looks like a unit, of a channel that brought nothing yet.
-    const Bytes stream = known + text("xx") + stranger + next;
+    const Bytes stream = known + FromText("xx") + stranger + next;
     EXPECT_EQ(separate<CRTPSeparator>({stream}), (Lines{line(2, VIDEO, known), line(2, VIDEO, next)}));
     EXPECT_EQ(log.Count("rtp over rtsp stream error"), 1);
 }
@@ -164,8 +156,9 @@ TEST(RtpSeparator, LetsAnOverLongFrameOutInParts) {
 TEST(RtpSeparator, RefusesWhatCannotBeRead) {
     const CLogCapture log;
     const std::string endless = "RTSP/1.0 200 OK\r\nContent-Length: ";
-    for (const Bytes& stream : {text("$") + Bytes{0, 0, 0}, text(endless + "40000\r\n\r\n"),
-                                text(endless + "99999999999999999999\r\n\r\n"), text("RTSP") + Bytes(40000, 'a')}) {
+    for (const Bytes& stream :
+         {FromText("$") + Bytes{0, 0, 0}, FromText(endless + "40000\r\n\r\n"),
+          FromText(endless + "99999999999999999999\r\n\r\n"), FromText("RTSP") + Bytes(40000, 'a')}) {
         EXPECT_EQ(separate<CRTPSeparator>({stream}), Lines{"failed"});
     }
 }
@@ -176,9 +169,13 @@ TEST(KXSeparator, CutsFramesAndReplies) {
                      0,   static_cast<uint8_t>(frame.size() >> 8), static_cast<uint8_t>(frame.size())} +
                frame;
     };
-    const Bytes stream = unit(0, {7}) + text(REPLY_BODY) + unit(2, text("RTSP")) + text("rtsp\r\n\r\n");
-    const Lines lines = {line(3, 0, Part(unit(0, {7}), 0, 6)),          line(3, 0, {7}),          "1 -1 " + REPLY_BODY,
-                         line(3, 2, Part(unit(2, text("RTSP")), 0, 6)), line(3, 2, text("RTSP")), "1 -1 rtsp\r\n\r\n"};
+    const Bytes stream = unit(0, {7}) + FromText(REPLY_BODY) + unit(2, FromText("RTSP")) + FromText("rtsp\r\n\r\n");
+    const Lines lines = {line(3, 0, Part(unit(0, {7}), 0, 6)),
+                         line(3, 0, {7}),
+                         "1 -1 " + REPLY_BODY,
+                         line(3, 2, Part(unit(2, FromText("RTSP")), 0, 6)),
+                         line(3, 2, FromText("RTSP")),
+                         "1 -1 rtsp\r\n\r\n"};
     EXPECT_EQ(FeedAtEveryCut(stream, separate<CKXSeparator>), lines);
 
     // A frame much larger than the receive buffer, among more small ones than a row holds.

@@ -11,6 +11,7 @@
 #include "Vidora/Types.h"
 #include "support/Capture.h"
 #include "support/Interleave.h"
+#include "support/SampleTable.h"
 #include "support/StreamPeer.h"
 #include "support/TestClock.h"
 #include "support/UdpPeer.h"
@@ -137,27 +138,13 @@ TEST(UdpPortTable, PassesOverWhatOthersHaveForAShortTimeAndByFamily) {
         ASSERT_EQ(port, reserve(5000, 6000, 1, 1000, 0));
         table.ReleaseTaken(port, 1, 1000);
     }
-    const struct {
-        int first;
-        int limit;
-        int family;
-        uint64_t now_ms;
-        int retries;
-        int port;
-    } rows[] = {
-        {5000, 6000, 1, 1000, 0, 5400},      {5000, 6000, 1, 1099, 1, 5000},  // tried all the same
-        {5000, 5400, 1, 1099, 0, -1},        {5398, 5398, 1, 1099, 0, -1},
-        {5398, 5398, 1, 1099, 1, 5398},  // the first pair, whatever the limit
-        {5000, 6000, 2, 1099, 0, 5000},  // IPv6
-        {5000, 6000, 1, 1199, 0, 5400},  // still remembered,
-        {5000, 6000, 1, 1300, 0, 5000},  // and forgotten
-        {65534, 1 << 30, 1, 1300, 0, 65534}, {0, 0, 1, 1300, 0, 0},
-    };
-    for (const auto& row : rows) {
-        const int port = reserve(row.first, row.limit, row.family, row.now_ms, row.retries);
-        EXPECT_EQ(row.port, port) << row.first << " at " << row.now_ms;
+    for (const auto& row : Support::ReadTable(VIDORA_TEST_DATA "/transport.txt", "port tables", 2)) {
+        SCOPED_TRACE(row[0]);
+        const std::vector<int> n = Support::Numbers(row[0]);
+        const int port = reserve(n[0], n[1], n[2], static_cast<uint64_t>(n[3]), n[4]);
+        EXPECT_EQ(row[1], std::to_string(port));
         if (port >= 0) {
-            EXPECT_EQ(-1, reserve(port, port, row.family, row.now_ms, 1)) << "not held";
+            EXPECT_EQ(-1, reserve(port, port, n[2], static_cast<uint64_t>(n[3]), 1)) << "not held";
             table.Release(port);
         }
     }
