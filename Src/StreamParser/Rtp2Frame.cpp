@@ -217,11 +217,24 @@ uint32_t CRtp2Frame::GetFrame(unsigned char* buffer, uint32_t capacity) const {
         return 0;
     }
     const uint32_t size = m_work.WriteFrame(buffer, capacity);
+    print_output(size);
+    return size;
+}
+
+Flumen::CMediaFrame CRtp2Frame::TakeFrame() {
+    const Flumen::CMediaFrame frame = m_rule != nullptr ? m_rule->TakeFrame() : Flumen::CMediaFrame();
+    if (frame.valid()) {
+        m_work.Clear();
+        print_output(frame.size());
+    }
+    return frame;
+}
+
+void CRtp2Frame::print_output(uint32_t size) const {
     if (IsPrinted(PRINT_OUTPUT)) {
         R3Printf("Output Frame[%s]: ts[%08x] len = %d\n", enc_type_name(m_enc_type), static_cast<unsigned>(GetPts()),
                  static_cast<int>(size));
     }
-    return size;
 }
 
 int CRtp2Frame::GetTsEncodeType() const {

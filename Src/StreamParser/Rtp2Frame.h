@@ -27,8 +27,8 @@ namespace Vidora {
 // swapped since: behind a loss, a Clear in its middle, or at the first packet of a sender, the rest of a frame that has
 // begun already is left out.
 //
-// OWNERSHIP  Media isn't copied before GetFrame: the packets of the frame in work are borrowed and must stay until
-//            Clear. The notify is borrowed too.
+// OWNERSHIP  Media isn't copied before GetFrame, but that of a transport stream: the packets of the frame in work are
+//            borrowed and must stay until Clear. The notify is borrowed too.
 // MEMORY     At most MAX_PACKETS nodes of a hundred bytes each, CRtpH264Rule::MAX_AGGREGATED pairs of pieces for each
 //            of them, and for a transport stream the buffer of Ts2Frame.
 // THREADING  No lock: one thread at a time.
@@ -68,6 +68,9 @@ public:
     // second returns the size, or 0 with nothing of use in `buffer` if it doesn't fit.
     uint32_t GetFrameSize() const { return m_work.FrameSize(); }
     uint32_t GetFrame(unsigned char* buffer, uint32_t capacity) const;
+    // Hands the frame over in memory of its own, with nothing left to take, if it lies in one piece; an empty frame
+    // otherwise.
+    Flumen::CMediaFrame TakeFrame();
     // Milliseconds since the first packet, kept over frames, losses and Clear; for a transport stream too.
     uint64_t GetPts() const { return m_work.frame_ms; }
     // A frame_type_t letter.
@@ -98,6 +101,7 @@ private:
     inline bool store_packet(const RtpHeader& header);
     inline void take_packet(const RtpHeader& header);
     int make_frame();
+    void print_output(uint32_t size) const;
     void drop_packets();
     void clear_work();
 

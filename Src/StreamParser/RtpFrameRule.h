@@ -6,6 +6,7 @@
 #include "StreamParser/FrameResult.h"
 #include "StreamParser/RtpFrameWork.h"
 #include "StreamParser/RtpHeader.h"
+#include "Vidora/Flumen/MediaFrame.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -32,6 +33,9 @@ public:
     // Turns the packets that came since the last call into a frame: a frame_result_t, where FRAME_MORE says that there
     // is no picture among them yet; or another negative number for a frame that is malformed, which is logged.
     virtual int Make() = 0;
+    // Hands over a frame that Make completed if the rule has it in one piece of memory of its own; an empty frame
+    // otherwise, with the frame in the work.
+    virtual Flumen::CMediaFrame TakeFrame() { return Flumen::CMediaFrame(); }
     // The frame in work is dropped: forgets what Make has found in it.
     virtual void Clear() {}
 

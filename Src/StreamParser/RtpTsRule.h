@@ -18,6 +18,7 @@ public:
     bool IsFramedByRtp() const override { return false; }
     bool CanBegin(const RtpHeader&, bool) const override { return true; }
     int Make() override;
+    Flumen::CMediaFrame TakeFrame() override { return m_ts2frame.TakeFrame(); }
     void Clear() override { m_ts2frame.Clear(); }
 
 private:

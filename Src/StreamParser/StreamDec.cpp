@@ -71,7 +71,8 @@ Flumen::CMediaFrame CStreamDec::build_frame(const DecodedFrame& decoded) {
     if (decoded.size == 0) {
         return Flumen::CMediaFrame();
     }
-    Flumen::CMediaFrame frame = m_dst_type == STREAM_TYPE_PRIVATE_FRAME ? build_private(decoded) : build_bare(decoded);
+    Flumen::CMediaFrame frame =
+        m_dst_type == STREAM_TYPE_PRIVATE_FRAME ? build_private(decoded) : take_payload(decoded.size);
     if (!frame.valid()) {
         logError("CStreamDecRtp::Output frame alloc failed!\n");  // one text for both decoders
         return frame;
@@ -101,9 +102,9 @@ Flumen::CMediaFrame CStreamDec::build_private(const DecodedFrame& decoded) {
     return frame;
 }
 
-Flumen::CMediaFrame CStreamDec::build_bare(const DecodedFrame& decoded) {
-    Flumen::CMediaFrame frame(decoded.size);
-    if (!frame.valid() || read_payload(frame.getBuffer(), decoded.size) != decoded.size) {
+Flumen::CMediaFrame CStreamDec::take_payload(uint32_t size) {
+    Flumen::CMediaFrame frame(size);
+    if (!frame.valid() || read_payload(frame.getBuffer(), size) != size) {
         return Flumen::CMediaFrame();
     }
     return frame;

@@ -43,6 +43,9 @@ protected:
     // size, 0 if it doesn't fit.
     virtual DecodedFrame describe_frame() const = 0;
     virtual uint32_t read_payload(unsigned char* buffer, uint32_t capacity) = 0;
+    // Its payload of `size` bytes in a frame of its own, which isn't there any more then; an empty frame if memory is
+    // short.
+    virtual Flumen::CMediaFrame take_payload(uint32_t size);
     // All of the frame was taken: begins the next one, with the packet that revealed the end of this one if there is
     // such.
     virtual void go_on() = 0;
@@ -67,7 +70,6 @@ private:
     // Sets the facts of one of the frame's packets. All packets have the frame's number; the first one is counted.
     void hand_back(Flumen::CMediaFrame& packet, const DecodedFrame& decoded, bool first);
     Flumen::CMediaFrame build_private(const DecodedFrame& decoded);
-    Flumen::CMediaFrame build_bare(const DecodedFrame& decoded);
     void fill_header(const DecodedFrame& decoded);
     void set_facts(Flumen::CMediaFrame& frame, const DecodedFrame& decoded, uint32_t sequence) const;
     void count_frame(const Flumen::CMediaFrame& frame);

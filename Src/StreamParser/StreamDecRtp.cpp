@@ -167,6 +167,11 @@ uint32_t CStreamDecRtp::read_payload(unsigned char* buffer, uint32_t capacity) {
     return m_rtp2frame->GetFrame(buffer, capacity);
 }
 
+Flumen::CMediaFrame CStreamDecRtp::take_payload(uint32_t size) {
+    const Flumen::CMediaFrame frame = m_rtp2frame->TakeFrame();
+    return frame.valid() ? frame : CStreamDec::take_payload(size);
+}
+
 void CStreamDecRtp::go_on() {
     const Flumen::CMediaFrame rest = m_rest;
     const size_t from = m_rest_at;

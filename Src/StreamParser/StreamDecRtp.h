@@ -70,6 +70,7 @@ private:
     void release();
     DecodedFrame describe_frame() const override;
     uint32_t read_payload(unsigned char* buffer, uint32_t capacity) override;
+    Flumen::CMediaFrame take_payload(uint32_t size) override;
     void go_on() override;
 
     std::unique_ptr<CRtp2Frame> m_rtp2frame;

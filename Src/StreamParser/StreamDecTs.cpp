@@ -97,6 +97,10 @@ uint32_t CStreamDecTs::read_payload(unsigned char* buffer, uint32_t capacity) {
     return m_ts2frame->GetFrame(buffer, capacity);
 }
 
+Flumen::CMediaFrame CStreamDecTs::take_payload(uint32_t) {
+    return m_ts2frame->TakeFrame();
+}
+
 void CStreamDecTs::go_on() {
     const Flumen::CMediaFrame kept = m_last;
     Clean();

@@ -30,6 +30,7 @@ private:
     bool keep_packet(const Flumen::CMediaFrame& packet);
     DecodedFrame describe_frame() const override;
     uint32_t read_payload(unsigned char* buffer, uint32_t capacity) override;
+    Flumen::CMediaFrame take_payload(uint32_t size) override;
     void go_on() override;
 
     std::unique_ptr<Ts2Frame> m_ts2frame;

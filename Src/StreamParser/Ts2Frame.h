@@ -2,11 +2,11 @@
 #define VIDORA_STREAMPARSER_TS2FRAME_H
 
 #include <cstdint>
-#include <memory>
 
 #include "Ostra/LogGate.h"
 #include "StreamParser/FrameResult.h"
 #include "StreamParser/TsDemux.h"
+#include "Vidora/Flumen/MediaFrame.h"
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/StartCode.h"
 
@@ -20,11 +20,14 @@ namespace Vidora {
 // next picture: parameter sets and further slices may come in PES packets of their own. A frame's time stamp is the
 // last program clock reference, not the PES one.
 //
-// MEMORY     One buffer, of 512 KiB at the first packet, which grows with the frames up to MAX_FRAME_LEN and is kept.
+// MEMORY     One buffer at most, in which the frame in work grows up to MAX_FRAME_LEN and which TakeFrame hands over.
+// It
+//            has the size that the PES packet tells, or else that of the largest frame so far, and FIRST_LEN at least.
 // THREADING  No lock: one thread at a time.
 class Ts2Frame {
 public:
     static constexpr uint32_t MAX_FRAME_LEN = 2 * 1024 * 1024;  // a frame that gets longer fails
+    static constexpr uint32_t FIRST_LEN = 64 * 1024;
 
     Ts2Frame() = default;
     Ts2Frame(const Ts2Frame&) = delete;
@@ -36,10 +39,13 @@ public:
 
     // Bytes of the frame in work.
     uint32_t GetFrameSize() const { return m_frame_len; }
-    // They stay until the next PutPacket; null before the first one.
-    const unsigned char* GetData() const { return m_frame_buf.get(); }
+    // They stay until the next PutPacket or TakeFrame; null before the first one.
+    const unsigned char* GetData() const { return m_data; }
     // Copies the frame into `buffer` of `capacity` bytes. Its size; 0 if it doesn't fit.
     uint32_t GetFrame(unsigned char* buffer, uint32_t capacity) const;
+    // Hands the frame over, with no bytes left here: its memory, or a copy if a good part of that is empty. An empty
+    // frame if there are no bytes or memory is short.
+    Flumen::CMediaFrame TakeFrame();
     // Milliseconds.
     uint64_t GetPts() const { return m_frame_pts; }
     // The letter (frame_type_t) of the frame that was completed last.
@@ -57,13 +63,18 @@ public:
     void Clear();
 
 private:
+    void expect(uint32_t told);
     bool reserve(uint32_t len);
+    bool resize(uint32_t capacity);
+    void hold(Flumen::CMediaFrame&& buffer);
+    inline bool append_plain(const unsigned char* packet);
     int put_media(const unsigned char* packet, bool last);
     bool begin_pes(bool opens);
     bool opens_picture(Ostra::CByteReader payload) const;
     bool is_rest() const;
     int append_payload(const unsigned char* payload, uint32_t len);
     uint32_t skip_pes_header(const unsigned char* payload, uint32_t len);
+    inline void append(const Ostra::CByteReader& bytes);
     void find_picture(uint32_t from);
     int finish_frame(int result);
     int decode_frame();
@@ -77,10 +88,13 @@ private:
     TsDemuxState m_demux;
 
     // The frame in work.
-    std::unique_ptr<unsigned char[]> m_frame_buf;
-    uint32_t m_frame_capacity = 0;
+    Flumen::CMediaFrame m_buffer;
+    unsigned char* m_data = nullptr;  // its bytes, and how many of them there are
+    uint32_t m_capacity = 0;
     uint32_t m_frame_len = 0;
-    uint32_t m_pes_skip = 0;  // bytes of a PES header still to skip
+    uint32_t m_largest = FIRST_LEN;  // what the largest frame so far took, and some more
+    uint32_t m_pes_skip = 0;         // bytes of a PES header still to skip
+    uint32_t m_plain_head = 0;       // that of the last packet if more like it can be appended as they are
     uint64_t m_frame_pts = 0;
     bool m_complete = false;           // it was told
     bool m_in_frame = false;           // its first packet has been seen

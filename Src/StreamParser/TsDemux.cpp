@@ -26,10 +26,12 @@ constexpr uint64_t TICKS_PER_MS = 90;
 
 // The adaptation field, of which only the clock reference matters (ISO 13818-1 2.4.3.4).
 void read_adaptation(CByteReader& field, TsPacketInfo& info) {
-    const uint8_t flags = field.ReadU8();
+    if ((field.ReadU8() & TS_HAS_PCR) == 0) {
+        return;
+    }
     const uint32_t high = field.ReadU32();
     const uint16_t low = field.ReadU16();
-    info.has_pcr = field.Ok() && (flags & TS_HAS_PCR) != 0;
+    info.has_pcr = field.Ok();
     info.pcr_base = uint64_t{high} << 1 | low >> 15;
 }
 
@@ -106,13 +108,14 @@ int read_media(TsDemuxState& state, CByteReader& payload) {
 bool ts_parse_packet(const unsigned char packet[TS_PACK_LEN], TsPacketInfo& info) {
     info = TsPacketInfo();
     CByteReader reader(packet, TS_PACK_LEN);
-    if (reader.ReadU8() != TS_SYNC_BYTE) {
+    const uint32_t head = reader.ReadU32();
+    if (head >> 24 != TS_SYNC_BYTE) {
         return false;
     }
-    const uint16_t flags = reader.ReadU16();
+    const uint32_t flags = head >> 8;
     info.unit_start = (flags & TS_UNIT_START) != 0;
-    info.pid = flags & TS_PID_MASK;
-    const uint8_t control = reader.ReadU8();
+    info.pid = static_cast<int>(flags & TS_PID_MASK);
+    const uint32_t control = head;  // its last byte
     if ((control & TS_HAS_ADAPTATION) != 0) {
         CByteReader field = reader.SubReader(reader.ReadU8());
         if (!reader.Ok()) {

@@ -17,7 +17,7 @@ constexpr uint8_t TS_CONTINUITY_MASK = 0x0F;
 constexpr uint8_t TS_HAS_PCR = 0x10;
 // In the sections of tables.
 constexpr uint16_t TS_SECTION_LEN_MASK = 0x0FFF;
-// Room for one frame in the multiplexers and in the demultiplexer.
+// The most bytes that a multiplexer makes of a frame.
 constexpr uint32_t STREAM_BUFFER_LEN = 0x80000;
 constexpr int TS_MAX_TRACKS = 2;
 

@@ -332,5 +332,45 @@ TEST(Ts2Frame, AFrameBeyondTheBufferFails) {
     EXPECT_EQ(1, demuxer.Put(ts_packet(0x111, true, SLICE), true));
 }
 
+// Frames of sizes that the PES packet tells, doesn't tell, or tells wrong, each after one of another size.
+TEST(Ts2Frame, FramesAreHandedOverWithoutMuchEmptyMemory) {
+    Demuxer demuxer({PAT, PMT});
+    for (const size_t len : {4, 300000, 20, 60000, 3000, 200000, 400000}) {
+        for (const size_t told : {len + 3, size_t{0}, size_t{40}, size_t{65535}}) {
+            const Bytes frame = FromHex("0000000161e0") + Bytes(len, 0x55);
+            const Bytes length = told > 65535 ? Bytes(2) : Bytes{uint8_t(told >> 8), uint8_t(told)};
+            const Bytes pes = FromHex("000001e0") + length + FromHex("800000") + frame;
+            int ret = FRAME_MORE;
+            for (size_t at = 0; at < pes.size(); at += 183) {
+                ret = demuxer.in.PutPacket(ts_packet(0x111, at == 0, Part(pes, at, 183)).data(), TS_PACK_LEN,
+                                           at + 183 >= pes.size());
+            }
+            ASSERT_EQ(FRAME_COMPLETE, ret);
+            const Flumen::CMediaFrame out = demuxer.in.TakeFrame();
+            EXPECT_EQ(frame, Bytes(out.getBuffer(), out.getBuffer() + out.size()));
+            EXPECT_LE(out.capacity(), out.size() / 3 * 4 + 2);
+            EXPECT_EQ(0u, demuxer.in.GetFrameSize());
+            demuxer.in.Clear();
+        }
+    }
+}
+
+// In the middle of a frame, where most packets are appended unseen: a clock reference counts, and so does a program map
+// that gives the track another PID.
+TEST(Ts2Frame, ClockAndTablesCountInTheMiddleOfAFrame) {
+    Demuxer demuxer({PAT, PMT, ts_packet(0x111, true, SLICE), ts_packet(0x111, false, FromHex("bb"))});
+    Bytes clock = ts_packet(0x111, false, FromHex("cc"));
+    const Bytes reference = FromHex("10 0000afc8 7e00");  // 90000 ticks
+    std::copy(reference.begin(), reference.end(), clock.begin() + 5);
+    EXPECT_EQ(0, demuxer.Put(clock));
+    EXPECT_EQ(1000u, demuxer.in.GetPts());
+    Bytes moved = PMT;
+    moved[moved.size() - 18] = 0x13;  // the low byte of the first PID
+    EXPECT_EQ(0, demuxer.Put(moved));
+    EXPECT_EQ(0, demuxer.Put(ts_packet(0x111, false, FromHex("dd"))));
+    EXPECT_EQ(1, demuxer.Put(ts_packet(0x113, false, FromHex("ee")), true));
+    EXPECT_EQ("0000000161e0aabbccee", ToHex(demuxer.frames.at(0)));
+}
+
 }  // namespace
 }  // namespace Kavio::Support
