@@ -17,12 +17,6 @@ namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Support::CNatHost;
-using Support::CNatPeer;
-using Support::CScriptedServer;
-using Support::ServerRequest;
-using Support::WaitUntil;
-
 const char PICTURE_LOST_END[] = "\x80\x60\0\x01\0\0\x10\0\0\0\0\x05\x65\x88\x80\x10";  // without its marker
 const size_t PACKET_SIZE = 16;
 
@@ -41,19 +35,19 @@ protected:
     static bool IsOpen(int fd) { return ::fcntl(fd, F_GETFD) >= 0; }
 
     const CFastTiming m_timing{20000};
-    Support::CPool m_pool{2};
+    CPool m_pool{2};
 };
 
 // An address of the loopback net that the URL doesn't name.
 class CStranger {
 public:
     explicit CStranger(const char* ip) {
-        sockaddr_in local = Support::LoopbackAddress(0);
+        sockaddr_in local = LoopbackAddress(0);
         ::inet_pton(AF_INET, ip, &local.sin_addr);
         ::bind(m_sock.fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local));
     }
     void Send(std::string_view datagram, int port) {
-        const sockaddr_in to = Support::LoopbackAddress(port);
+        const sockaddr_in to = LoopbackAddress(port);
         ::sendto(m_sock.fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
     }
 
@@ -248,8 +242,8 @@ TEST_F(CNatTest, GarbageOfTheServerEndsTheSession) {
 
 // Nothing is sent, and the socket is still the host's.
 TEST_F(CNatTest, AStartThatFailsLeavesTheSocket) {
-    Support::CBoundSocket datagrams(SOCK_DGRAM);
-    Support::CBoundSocket stream(SOCK_STREAM);
+    CBoundSocket datagrams(SOCK_DGRAM);
+    CBoundSocket stream(SOCK_STREAM);
     const struct {
         const char* url;
         int sock;
@@ -304,7 +298,7 @@ private:
             }
         }
     }
-    void pass(Support::CUdpPeer& in, int& from, Support::CUdpPeer& out, int to) {
+    void pass(CUdpPeer& in, int& from, CUdpPeer& out, int to) {
         const std::string datagram = in.Recv(0, &from);
         {
             const std::lock_guard<std::mutex> guard(m_mutex);
@@ -316,7 +310,7 @@ private:
         }
     }
 
-    Support::CUdpPeer m_near, m_far;
+    CUdpPeer m_near, m_far;
     const int m_server_port;
     int m_client_port = 0;
     int m_count = 0;
@@ -346,7 +340,7 @@ TEST_F(CNatServerTest, ThroughLossesTheStreamPlaysAndThenItsFramesAreWhole) {
     CLossyNetwork network(viewer.HostPort());
     network.Lose(3);
     ASSERT_EQ(0, HandIn(viewer, network));
-    Support::CClientHost direct;
+    CClientHost direct;
     CNatHost host;
     direct.session->SetPacketType(PACKET_TYPE_RTP);
     ASSERT_EQ(0, direct.Start(Url()));
@@ -459,7 +453,7 @@ TEST_P(CFlatTest, EndsInAnyOrder) {
     });
     ASSERT_EQ(0, stream_client_startup());
     EXPECT_EQ(0, stream_client_startup());
-    Support::CUdpPeer sock;
+    CUdpPeer sock;
     stream_client_params params = {};
     std::snprintf(params.url, sizeof(params.url), "%s", peer.Url().c_str());
     params.sock_handle = ::dup(sock.Fd());
@@ -488,7 +482,7 @@ TEST_P(CFlatTest, EndsInAnyOrder) {
         EXPECT_TRUE(WaitUntil([this] { return m_inside.load(); }));
     }
     if (stream_client* client = m_client) {
-        Support::RunTogether(end == FROM_TWO_THREADS ? 2 : 1, [client] { EXPECT_EQ(0, stream_client_stop(client)); });
+        RunTogether(end == FROM_TWO_THREADS ? 2 : 1, [client] { EXPECT_EQ(0, stream_client_stop(client)); });
         EXPECT_EQ(m_inside, m_left);
         m_stopped = true;
         EXPECT_EQ(-1, stream_client_start(client, &callbacks));
@@ -504,7 +498,7 @@ INSTANTIATE_TEST_SUITE_P(At, CFlatTest,
                                          INSIDE_THE_END, AT_ONCE, WITHOUT_START));
 
 TEST(FlatTest, WithoutAPoolAClientWaitsAndEnds) {
-    Support::CUdpPeer sock;
+    CUdpPeer sock;
     stream_client_params params = {"rtsp://127.0.0.1:9/stream", ::dup(sock.Fd())};
     const stream_client_callbacks callbacks = {};
     stream_client* client = stream_client_create(&params, nullptr);

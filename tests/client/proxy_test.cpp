@@ -15,15 +15,12 @@ namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Support::CClientHost;
-using Support::WaitUntil;
-
 // An edge server of its own registry, beside the fixture's origin.
 class CEdge {
 public:
     explicit CEdge(const CRtspSvrConfig& config) {
         m_live_svr = CLiveSvr::Create(0);
-        m_port = Support::CBoundSocket(SOCK_STREAM).Port();
+        m_port = CBoundSocket(SOCK_STREAM).Port();
         CSockAddrStorage addr("127.0.0.1", static_cast<unsigned short>(m_port));
         m_svr = CRtspSvr::Create(addr);
         m_svr->SetLiveSvr(m_live_svr);
@@ -78,7 +75,7 @@ TEST_F(CProxyTest, TwoEdgesRelayOneOriginToTheirPlayers) {
 TEST_F(CProxyTest, AnOriginThatIsNotThereEndsTheRequest) {
     StartServer();
     CRtspTestClient client(m_port);
-    const int nobody = Support::CBoundSocket(SOCK_STREAM).Port();
+    const int nobody = CBoundSocket(SOCK_STREAM).Port();
     client.Send(client.Request("DESCRIBE", Url(std::string(LIVE_NAME) + "?proxy=127.0.0.1:" + std::to_string(nobody))));
     EXPECT_TRUE(client.Closed());
 }
@@ -90,15 +87,15 @@ TEST(ProxyEnd, LeavesNothing) {
         for (const bool stops_pool : {false, true}) {
             SCOPED_TRACE(step);
             std::atomic<bool> reached{step.empty()};
-            Support::CScriptedServer server([&](const Support::ServerRequest& request) {
+            CScriptedServer server([&](const ServerRequest& request) {
                 reached = reached || request.method == step || (step == "-" && request.method == "PLAY");
                 return request.method == step ? std::string()
-                                              : Support::CScriptedServer::Answer(request) +
-                                                    (request.method == "PLAY" ? Support::CScriptedServer::Rtp(1) : "");
+                                              : CScriptedServer::Answer(request) +
+                                                    (request.method == "PLAY" ? CScriptedServer::Rtp(1) : "");
             });
-            auto pool = std::make_unique<Support::CPool>(2);
+            auto pool = std::make_unique<CPool>(2);
             std::atomic<int> ended{0};
-            Support::CTestHandler* user = Support::CTestHandler::Make();
+            CTestHandler* user = CTestHandler::Make();
             CDataSource* source =
                 CDataSource::Create(("movie?proxy=127.0.0.1:" + std::to_string(server.Port())).c_str());
             ASSERT_NE(nullptr, source);
@@ -117,7 +114,7 @@ TEST(ProxyEnd, LeavesNothing) {
             if (stops_pool) {
                 pool.reset();
                 EXPECT_EQ(handlers + 1, Tramel::CReactor::Instance().CountHandlers());
-                pool = std::make_unique<Support::CPool>(2);
+                pool = std::make_unique<CPool>(2);
             } else {
                 EXPECT_TRUE(WaitUntil([&] { return ended == 1; }));
             }
@@ -156,13 +153,13 @@ TEST(ProxyDescription, HidesTheServerAndKeepsWhatDecodersNeed) {
 }
 
 TEST(ProxyRelay, HoldsWhatComesBeforeTheFirstBufferAndFeedsAllThen) {
-    Support::CCollectingSink sinks[2];
+    CCollectingSink sinks[2];
     CMediaBuffer buffers[2];
     CProxyRelay relay;
     buffers[0].AddLevel2Buffer(&sinks[0]);
     buffers[1].AddLevel2Buffer(&sinks[1]);
     const auto put = [&relay](size_t size) {
-        Support::CountedPacket packet(std::string(size, 'x'));
+        CountedPacket packet(std::string(size, 'x'));
         relay.Put(&packet, static_cast<int>(size), 1, 1);
     };
     for (int i = 0; i < 40; ++i) {

@@ -11,9 +11,6 @@ namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Support::CClientHost;
-using Support::WaitUntil;
-
 struct Way {
     const char* name;
     rtp_protocol_t transport;
@@ -65,7 +62,7 @@ class CPullRulesTest : public CServerTest {};
 
 TEST_F(CPullRulesTest, MediaComesOverIPv6) {
     StartServer();
-    const int port = Support::CBoundSocket(SOCK_STREAM).Port();
+    const int port = CBoundSocket(SOCK_STREAM).Port();
     CSockAddrStorage addr("::1", static_cast<unsigned short>(port));
     CRtspSvr* svr = CRtspSvr::Create(addr);
     if (svr == nullptr) {
@@ -108,7 +105,7 @@ TEST_F(CPullRulesTest, SlowSinkHoldsUpItsOwnSessionOnly) {
 TEST_F(CPullRulesTest, MulticastIsJoinedOnTheInterfaceOfTheConnection) {
     CFakeStreamSource* source = StartWithChannel();
     CLiveChannel* channel = m_channels.back();
-    const int port = Support::CBoundSocket(SOCK_DGRAM).Port() & ~1;
+    const int port = CBoundSocket(SOCK_DGRAM).Port() & ~1;
     CSockAddrStorage group("239.255.77.1", static_cast<unsigned short>(port));
     ASSERT_EQ(0, channel->AddTransfDst(group, "127.0.0.1"));
     channel->SetUnicast(false);

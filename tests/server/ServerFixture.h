@@ -26,11 +26,7 @@
 namespace Kavio {
 namespace Vidora {
 
-using Support::CFakeStreamSource;
-using Support::CLogCapture;
-using Support::CRtspTestClient;
-using Support::RtspFrame;
-using Support::RtspReply;
+using namespace Support;
 
 const char LIVE_NAME[] = "cam/realmonitor?channel=1&subtype=0";
 const char INTERLEAVED[] = "Transport: RTP/AVP/TCP;unicast;interleaved=0-1\r\n";
@@ -57,7 +53,7 @@ CFakeStreamSource::Settings SoundAndPictures(bool is_file = false);
 bool GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100);
 // The same as soon as the source runs, which is shortly after the reply to PLAY.
 inline bool Give(CFakeStreamSource* source, unsigned int sequence, unsigned int size = 100) {
-    return Support::WaitUntil([=] { return GiveVideo(source, sequence, size); });
+    return WaitUntil([=] { return GiveVideo(source, sequence, size); });
 }
 
 // The host's thread, which gives frames until it goes: `give` is called with rising numbers from 0 on.
@@ -132,7 +128,7 @@ protected:
     CDataSource* m_source = nullptr;  // of the last AddChannel; the registry's
     int m_port = 0;
     CRtspSvrConfig m_config;
-    Support::CPool m_pool{4};
+    CPool m_pool{4};
     CLiveSvr* m_live_svr = nullptr;
     CRtspSvr* m_svr = nullptr;
     std::vector<CLiveChannel*> m_channels;

@@ -70,11 +70,11 @@ CServerTest::~CServerTest() {
     }
     EXPECT_TRUE(SessionsGone());
     m_live_svr->Close();
-    EXPECT_TRUE(Support::WaitUntil([] { return CFakeStreamSource::LiveCount() == 0; }));
+    EXPECT_TRUE(WaitUntil([] { return CFakeStreamSource::LiveCount() == 0; }));
 }
 
 void CServerTest::StartServer() {
-    m_port = Support::CBoundSocket(SOCK_STREAM).Port();  // free again
+    m_port = CBoundSocket(SOCK_STREAM).Port();  // free again
     CSockAddrStorage addr("127.0.0.1", static_cast<unsigned short>(m_port));
     m_svr = CRtspSvr::Create(addr);
     ASSERT_NE(nullptr, m_svr);
@@ -88,7 +88,7 @@ CFakeStreamSource* CServerTest::AddChannel(const std::string& name, const CFakeS
     CFakeStreamSource::SetNext(settings);
     CLiveChannel* channel = MakeChannel(name);
     const auto updates = std::make_shared<std::atomic<int>>(0);
-    Support::CTestHandler* user = Support::CTestHandler::Make();
+    CTestHandler* user = CTestHandler::Make();
     user->on_message = [updates](long, unsigned int msg, long) {
         *updates += msg == MSG_SDP_UPDATE ? 1 : 0;
         return 0;
@@ -99,7 +99,7 @@ CFakeStreamSource* CServerTest::AddChannel(const std::string& name, const CFakeS
     EXPECT_EQ(0, m_source->Init(channel->GetID(), 0));
     CFakeStreamSource* fake = CFakeStreamSource::Last();
     Publish(name, channel);
-    EXPECT_TRUE(!settings.tells_info || Support::WaitUntil([&] { return *updates > 0; }));
+    EXPECT_TRUE(!settings.tells_info || WaitUntil([&] { return *updates > 0; }));
     channel->DelRef(user->GetID());
     user->Close();
     return fake;
@@ -123,15 +123,15 @@ std::string CServerTest::Url(const std::string& content) const {
 }
 
 void CServerTest::UseAuthModule(rtsp_auth_t kind, rtsp_svr_config_t item) {
-    Support::CFakeAuthModule::All().Reset();
+    CFakeAuthModule::All().Reset();
     Set(item, kind);
-    SetFunction(RTSP_SVR_CONFIG_AUTH_FUNC, &Support::CFakeAuthModule::Make);
+    SetFunction(RTSP_SVR_CONFIG_AUTH_FUNC, &CFakeAuthModule::Make);
 }
 
 RtspReply CServerTest::LateReply(CRtspTestClient& client) {
     RtspReply reply;
-    EXPECT_TRUE(Support::WaitUntil([&] {
-        Support::AdvanceClock(300);  // so often it is looked for a description
+    EXPECT_TRUE(WaitUntil([&] {
+        AdvanceClock(300);  // so often it is looked for a description
         reply = client.Reply(5);
         return reply.status != 0 || client.Ended();
     }));
@@ -155,7 +155,7 @@ CFakeStreamSource::Settings SoundAndPictures(bool is_file) {
 }
 
 bool GiveVideo(CFakeStreamSource* source, unsigned int sequence, unsigned int size) {
-    return source->Give(Support::BuildPicture(sequence % 10 == 0, size, sequence));
+    return source->Give(BuildPicture(sequence % 10 == 0, size, sequence));
 }
 
 uint64_t CServerTest::CountDropped() {
@@ -165,7 +165,7 @@ uint64_t CServerTest::CountDropped() {
 }
 
 bool CServerTest::SessionsGone(unsigned int left) {
-    return Support::WaitUntil([left] { return CRtspSvr::GetSessionCount() <= left; });
+    return WaitUntil([left] { return CRtspSvr::GetSessionCount() <= left; });
 }
 
 }  // namespace Vidora

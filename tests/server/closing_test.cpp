@@ -12,7 +12,6 @@ namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Support::CUdpPeer;
 using Tramel::CNetThread;
 using Tramel::CReactor;
 
@@ -54,7 +53,7 @@ protected:
         ASSERT_EQ(9u, m_svr->CountSessions());
         // The players don't read any more: they are stalled as soon as the sockets are full.
         const uint64_t before = CountDropped();
-        ASSERT_TRUE(Support::WaitUntil([&] { return CountDropped() > before; }));
+        ASSERT_TRUE(WaitUntil([&] { return CountDropped() > before; }));
     }
 
     CRtspTestClient& Connect() {
@@ -81,7 +80,7 @@ protected:
         m_clients.clear();
         m_viewer.Send("garbage");
         EXPECT_TRUE(SessionsGone());
-        EXPECT_TRUE(Support::WaitUntil([&] { return m_viewer.Returns() == 1; }));
+        EXPECT_TRUE(WaitUntil([&] { return m_viewer.Returns() == 1; }));
         EXPECT_TRUE(m_viewer.IsAsItWas());
         m_live_svr = m_live_svr != nullptr ? m_live_svr : CLiveSvr::Create(0);
     }
@@ -197,7 +196,7 @@ TEST_F(LivingOn, APoolIsMadeAgainUnderItsHandlers) {
 // yet.
 TEST_F(LivingOn, AServerIsClosedWithConnectionsInItsIntake) {
     const long handlers = CReactor::Instance().CountHandlers();
-    const int descriptors = Support::CountDescriptors();
+    const int descriptors = CountDescriptors();
     const char* sent[] = {"", "OPTIONS * RTSP/1.0\r\nCSeq: 1\r\n", "GET / HTTP/1.0\r\n",
                           "GET / HTTP/1.0\r\nx-sessioncookie: "};
     for (const bool accepted : {true, false}) {
@@ -209,7 +208,7 @@ TEST_F(LivingOn, AServerIsClosedWithConnectionsInItsIntake) {
             clients.back()->Send(sent[i % 4] + (whole ? std::to_string(i) + "\r\n\r\n" : std::string()));
             EXPECT_TRUE(!whole || !accepted || clients.back()->Reply().status == 200);
         }
-        EXPECT_TRUE(!accepted || Support::WaitUntil([=] { return Support::CountDescriptors() > descriptors + 200; }));
+        EXPECT_TRUE(!accepted || WaitUntil([=] { return CountDescriptors() > descriptors + 200; }));
         m_svr->Close();
         m_svr = nullptr;
         for (const auto& client : clients) {
@@ -217,8 +216,8 @@ TEST_F(LivingOn, AServerIsClosedWithConnectionsInItsIntake) {
         }
         clients.clear();
         EXPECT_EQ(0u, CRtspSvr::GetSessionCount());
-        EXPECT_TRUE(Support::WaitUntil([=] { return CReactor::Instance().CountHandlers() == handlers; }));
-        EXPECT_TRUE(Support::WaitUntil([=] { return Support::CountDescriptors() == descriptors; }));
+        EXPECT_TRUE(WaitUntil([=] { return CReactor::Instance().CountHandlers() == handlers; }));
+        EXPECT_TRUE(WaitUntil([=] { return CountDescriptors() == descriptors; }));
     }
 }
 

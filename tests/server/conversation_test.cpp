@@ -3,6 +3,7 @@
 #include <fstream>
 #include <map>
 
+#include "Vidora/Ostra/Base64.h"
 #include "Vidora/Ostra/Console.h"
 #include "server/ServerFixture.h"
 #include "support/FakeDataSource.h"
@@ -32,27 +33,39 @@ std::vector<Script> read_scripts() {
     return scripts;
 }
 
-// "\r", "\n" and "\xHH" of a script as bytes.
-std::string unescaped(const std::string& text) {
-    std::string bytes;
-    for (size_t i = 0; i < text.size(); ++i) {
-        if (text[i] != '\\') {
-            bytes += text[i];
-        } else if (text[++i] == 'x') {
-            bytes += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
-            i += 2;
-        } else {
-            bytes += text[i] == 'r' ? '\r' : '\n';
-        }
-    }
-    return bytes;
-}
-
 // What stands in front of the first blank, and behind it.
 std::pair<std::string, std::string> split_word(const std::string& text) {
     const size_t blank = std::min(text.find(' '), text.size());
     return {text.substr(0, blank), text.substr(std::min(blank + 1, text.size()))};
 }
+
+std::string encoded(const std::string& text) {
+    std::string out(static_cast<size_t>(Ostra::base64EncodeLen(static_cast<int>(text.size()))), '\0');
+    Ostra::base64Encode(&out[0], text.data(), static_cast<int>(text.size()));
+    out.pop_back();
+    return out;
+}
+
+// What may be wrong with a recording, by the words of the step "file".
+const std::map<std::string, void (*)(CFakeStreamSource::Settings&)> FAULTS = {
+    {"", [](auto&) {}},
+    {"that is none", [](auto& source) { source.null_source = true; }},
+    {"that doesn't begin", [](auto& source) { source.init_fails = true; }},
+    {"that tells no format", [](auto& source) { source.tells_info = false; }},
+    {"without tracks", [](auto& source) { source.has_video = false; }},
+    {"of no kind", [](auto& source) { source.type = SRC_TYPE_NONE; }},
+    {"that can't seek", [](auto& source) { source.seek_fails = true; }},
+    {"that doesn't start", [](auto& source) { source.start_fails = true; }},
+    {"with an empty range", [](auto& source) { source.end = source.begin - 10; }},
+};
+const std::map<std::string, unsigned int> MESSAGES = {{"fails", MSG_SRC_FAIL},
+                                                      {"fails late", MSG_STREAM_FAIL},
+                                                      {"ends", MSG_SRC_END},
+                                                      {"format", MSG_STREAM_INFO},
+                                                      {"what it may not", 0x7777}};
+const std::map<std::string, CFakeAuthModule::answer_t> ANSWERS = {{"at-once", CFakeAuthModule::AT_ONCE},
+                                                                  {"later", CFakeAuthModule::LATER},
+                                                                  {"inside-release", CFakeAuthModule::INSIDE_RELEASE}};
 
 class Conversation : public CServerTest, public testing::WithParamInterface<Script> {
 protected:
@@ -64,33 +77,60 @@ protected:
         int number;
         std::string rest;
     };
-    // One client, and what it has yet to send.
+    // One client, and what it has yet to send: in a tunnel, by the last of its POSTs.
     struct Client {
-        explicit Client(int port) : rtsp(port) {}
+        Client(int port, const std::string& from) : rtsp(port, from.empty() ? nullptr : from.c_str()) {}
         CRtspTestClient rtsp;
-        Support::CUdpPeer rtp;
+        CUdpPeer rtp;
         std::string unsent;
+        std::string cookie;
+        std::vector<std::unique_ptr<CRtspTestClient>> posts;
     };
 
     Client& Speaker() {
         std::unique_ptr<Client>& client = m_clients[m_name];
         if (client == nullptr) {
-            client = std::make_unique<Client>(m_port);
+            client = std::make_unique<Client>(m_port, m_from);
         }
         return *client;
     }
     CRtspTestClient& Flushed() {
         Client& client = Speaker();
-        client.rtsp.Send(client.unsent);
+        CRtspTestClient& way = client.posts.empty() ? client.rtsp : *client.posts.back();
+        for (size_t at = 0; at < client.unsent.size(); at += m_piece) {
+            way.Send(client.unsent.substr(at, m_piece));
+            usleep(m_piece < client.unsent.size() ? 500 : 0);  // so that the server mostly reads each by itself
+        }
         client.unsent.clear();
         return client.rtsp;
+    }
+    void Say(const std::string& bytes) { Speaker().unsent += Speaker().posts.empty() ? bytes : encoded(bytes); }
+    void Post(const std::string& headers) {
+        Client& client = Speaker();
+        client.posts.push_back(std::make_unique<CRtspTestClient>(m_port));
+        client.posts.back()->Send("POST / HTTP/1.0\r\nx-sessioncookie: " + client.cookie + "\r\n" + HeadersOf(headers) +
+                                  "\r\n");
+    }
+    void OpenTunnel(const std::string& cookie) {
+        Speaker().cookie = cookie;
+        Speaker().rtsp.Send("GET / HTTP/1.0\r\nx-sessioncookie: " + cookie + "\r\n\r\n");
+        EXPECT_EQ("application/x-rtsp-tunnelled", Speaker().rtsp.Reply().Header("Content-Type"));
+        Post("");
+    }
+    // Returns when the server has seen it.
+    void EndPost() {
+        const char line[] = "m_post_stream Recv -1";
+        const int before = m_log.Count(line);
+        Flushed();
+        Speaker().posts.back()->Close();
+        EXPECT_TRUE(WaitUntil([&] { return m_log.Count(line) == before + 1; }));
     }
     std::string UrlOf(const std::string& word) const {
         return word == "*" ? word : Url(word[0] == '/' ? m_content + word : word == "." ? m_content : word);
     }
     std::string HeadersOf(const std::string& text) {
         std::string headers;
-        for (const std::string& header : Support::SplitText(text, '|')) {
+        for (const std::string& header : SplitText(text, '|')) {
             headers += header == "tcp"   ? INTERLEAVED
                        : header == "kx"  ? PRIVATE
                        : header == "udp" ? UdpTransport(Speaker().rtp.Port())
@@ -102,12 +142,19 @@ protected:
     void Request(const std::string& words) {
         const auto [method, more] = split_word(words);
         const auto [place, headers] = split_word(more);
-        Speaker().unsent += Speaker().rtsp.Request(method, UrlOf(place), HeadersOf(headers));
+        Say(Speaker().rtsp.Request(method, UrlOf(place), HeadersOf(headers)));
+    }
+    void Play(const std::string& headers) {
+        for (const std::string& request :
+             {std::string("DESCRIBE ."), "SETUP /trackID=0 " + headers, std::string("PLAY .")}) {
+            Request(request);
+            ExpectReply(Words("200"));
+        }
     }
     void ExpectReply(const Words& words) {
         const RtspReply reply = Flushed().Reply();
         EXPECT_EQ(words.number, reply.status);
-        for (const std::string& text : Support::SplitText(words.rest, '|')) {
+        for (const std::string& text : SplitText(words.rest, '|')) {
             const bool wanted = text[0] != '!';
             const size_t place = (reply.head + reply.body).find(text.substr(wanted ? 0 : 1));
             EXPECT_EQ(wanted, place != std::string::npos) << text << " in " << reply.head << reply.body;
@@ -129,23 +176,44 @@ protected:
     }
     void ExpectCalls(const Words& words) {
         CFakeStreamSource* source = m_content == FILE_CONTENT ? CFakeStreamSource::Last() : m_fake;
-        EXPECT_TRUE(Support::WaitUntil([&] { return source->CountCalls(words.rest) == words.number; }));
+        EXPECT_TRUE(WaitUntil([&] { return source->CountCalls(words.rest) == words.number; }));
+    }
+    void UseModule(rtsp_auth_t kind, rtsp_svr_config_t item) {
+        UseAuthModule(kind, item);
+        m_svr->SetConfig(m_config);
+    }
+    // What the authentication modules were asked since the last such step, in which "." stands for the content's URL.
+    void ExpectQuestions(const Words& words) {
+        std::string questions;
+        for (const std::string& call : CFakeAuthModule::All().TakeCalls()) {
+            questions += (questions.empty() ? "" : " | ") + call;
+        }
+        for (size_t at = questions.find(Url(m_content)); at != std::string::npos; at = questions.find(Url(m_content))) {
+            questions.replace(at, Url(m_content).size(), ".");
+        }
+        EXPECT_EQ(words.all, questions);
+    }
+    static CFakeStreamSource::Settings Faulty(CFakeStreamSource::Settings settings, const std::string& fault) {
+        FAULTS.at(fault)(settings);
+        return settings;
     }
     void AddListener() {
-        auto* source = new Support::CFakeDataSource;
+        auto* source = new CFakeDataSource;
         source->sdp = "v=0\r\nm=audio 0 RTP/AVP 8\r\na=control:trackID=0\r\na=sendonly\r\n";
         m_source = source;
         ShareChannel(LIVE_NAME);
     }
     void SetGroup() {
         CSockAddrStorage group("239.1.2.3", 41000);
-        ASSERT_TRUE(Support::WaitUntil([&] { return m_channels[0]->AddTransfDst(group, "127.0.0.1") == 0; }));
+        ASSERT_TRUE(WaitUntil([&] { return m_channels[0]->AddTransfDst(group, "127.0.0.1") == 0; }));
         ASSERT_EQ(0, m_channels[0]->SetUnicast(false));
     }
     void Run(const std::string& line);
 
     std::string m_content = LIVE_NAME;
     std::string m_name;  // of the client that speaks
+    std::string m_from;  // the address of those who come, any if empty
+    size_t m_piece = SIZE_MAX;
     std::map<std::string, std::unique_ptr<Client>> m_clients;
     CFakeStreamSource* m_fake = nullptr;  // of the last channel
     CLogCapture m_log;
@@ -154,7 +222,6 @@ protected:
 void Conversation::Run(const std::string& line) {
     typedef Conversation& C;
     typedef const Words& W;
-    using Support::WaitUntil;
     static const std::map<std::string, void (*)(C, W)> steps = {
         // The server's side.
         {"channel", [](C c, W w) { c.m_fake = c.AddChannel(w.all.empty() ? LIVE_NAME : w.all); }},
@@ -167,17 +234,35 @@ void Conversation::Run(const std::string& line) {
              c.Set(RTSP_SVR_CONFIG_CONFORMANCE, 1);
              c.m_svr->SetConfig(c.m_config);
          }},
-        {"no-source",
-         [](C, W) {
-             CFakeStreamSource::Settings none;
-             none.null_source = true;
-             CFakeStreamSource::SetNext(none);
+        {"faulty", [](C c, W w) { c.m_fake = c.AddChannel(LIVE_NAME, Faulty(CFakeStreamSource::LiveVideo(), w.all)); }},
+        {"file", [](C, W w) { CFakeStreamSource::SetNext(Faulty(CFakeStreamSource::FileVideo(), w.all)); }},
+        {"sources", [](C, W w) { EXPECT_TRUE(WaitUntil([&] { return CFakeStreamSource::LiveCount() == w.number; })); }},
+        {"tell", [](C c, W w) { c.m_fake->Tell(MESSAGES.at(w.all)); }},
+        {"tell-file", [](C, W w) { CFakeStreamSource::Last()->Tell(MESSAGES.at(w.all)); }},
+        {"auth", [](C c, W w) { c.UseModule(w.number, RTSP_SVR_CONFIG_AUTH_TYPE); }},
+        {"auth-http", [](C c, W w) { c.UseModule(w.number, RTSP_SVR_CONFIG_HTTP_AUTH_TYPE); }},
+        {"auth-onvif",
+         [](C c, W) {
+             c.Set(RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL, OnvifUserGlobalConfig{1});
+             c.m_svr->SetConfig(c.m_config);
          }},
-        {"file", [](C, W) { CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo()); }},
+        {"first", [](C, W w) { CFakeAuthModule::All().first = static_cast<IAuthModule::auth_result_t>(w.number); }},
+        {"answers",
+         [](C, W w) {
+             const auto [when, delay_ms] = split_word(w.all);
+             CFakeAuthModule::All().delay_ms = atoi(delay_ms.c_str());
+             CFakeAuthModule::All().answer = ANSWERS.at(when);
+         }},
+        {"asked",
+         [](C, W w) { EXPECT_TRUE(WaitUntil([&] { return CFakeAuthModule::All().Count(w.rest) == w.number; })); }},
+        {"questions", [](C c, W w) { c.ExpectQuestions(w); }},
+        {"end-sessions", [](C c, W) { EXPECT_EQ(0u, c.m_svr->EndSessions(20000)); }},
+        {"stop", [](C c, W) { c.m_svr->Stop(); }},
+        {"close-server", [](C c, W) { std::exchange(c.m_svr, nullptr)->Close(); }},
         {"give", [](C c, W w) { EXPECT_TRUE(Give(c.m_fake, static_cast<unsigned int>(w.number), 3000)); }},
         {"give-file", [](C, W) { EXPECT_TRUE(Give(CFakeStreamSource::Last(), 10)); }},
         {"format", [](C c, W w) { c.Change(w.number); }},
-        {"clock", [](C, W w) { Support::AdvanceClock(static_cast<uint64_t>(w.number)); }},
+        {"clock", [](C, W w) { AdvanceClock(static_cast<uint64_t>(w.number)); }},
         {"calls", [](C c, W w) { c.ExpectCalls(w); }},
         {"events", [](C, W w) { EXPECT_TRUE(WaitUntil([&] { return CEventLog::Count(w.rest) == w.number; })); }},
         {"log", [](C c, W w) { EXPECT_TRUE(WaitUntil([&] { return c.m_log.Count(w.rest) == w.number; })) << w.all; }},
@@ -185,7 +270,7 @@ void Conversation::Run(const std::string& line) {
         {"expire",
          [](C, W) {
              EXPECT_TRUE(WaitUntil([] {
-                 Support::AdvanceClock(61000);
+                 AdvanceClock(61000);
                  return CRtspSvr::GetSessionCount() == 0;
              }));
          }},
@@ -193,16 +278,24 @@ void Conversation::Run(const std::string& line) {
         {"client", [](C c, W w) { c.m_name = w.all; }},
         {"content", [](C c, W w) { c.m_content = w.all; }},
         {">", [](C c, W w) { c.Request(w.all); }},
-        {"raw", [](C c, W w) { c.Speaker().unsent += unescaped(w.all); }},
-        {"fill", [](C c, W w) { c.Speaker().unsent.append(static_cast<size_t>(w.number), 'x'); }},
+        {"from", [](C c, W w) { c.m_from = w.all; }},
+        {"raw", [](C c, W w) { c.Say(Unescaped(w.all)); }},
+        {"fill", [](C c, W w) { c.Say(std::string(static_cast<size_t>(w.number), 'x')); }},
+        {"piece", [](C c, W w) { c.m_piece = static_cast<size_t>(w.number); }},
+        {"tunnel", [](C c, W w) { c.OpenTunnel(w.all); }},
+        {"post", [](C c, W w) { c.Post(w.all); }},
+        {"encoded", [](C c, W w) { c.Speaker().unsent += Unescaped(w.all); }},
+        {"end-post", [](C c, W) { c.EndPost(); }},
+        {"replaced", [](C c, W) { EXPECT_TRUE(c.Speaker().posts.end()[-2]->Closed()); }},
         {"send", [](C c, W) { c.Flushed(); }},
         {"wait", [](C, W w) { usleep(static_cast<useconds_t>(w.number) * 1000); }},
         {"<", [](C c, W w) { c.ExpectReply(w); }},
+        {"late", [](C c, W w) { EXPECT_EQ(w.number, LateReply(c.Flushed()).status); }},
         {"frame", [](C c, W w) { c.ExpectFrame(w); }},
         {"silent", [](C c, W w) { EXPECT_TRUE(c.Flushed().Silent(w.number)); }},
         {"closed", [](C c, W) { EXPECT_TRUE(c.Flushed().Closed()); }},
         {"close", [](C c, W) { c.m_clients.erase(c.m_name); }},
-        {"play", [](C c, W w) { c.Play(c.Flushed(), c.HeadersOf(w.all), c.m_content); }},
+        {"play", [](C c, W w) { c.Play(w.all); }},
     };
     SCOPED_TRACE(m_name + ": " + line);
     const auto [step, words] = split_word(line);
@@ -242,7 +335,7 @@ TEST_F(ConversationTest, TheConsoleShowsTheDelayOfFrames) {
                        nullptr);
     EXPECT_EQ(0, Ostra::R3Execute("rtspdelay 1"));
     ASSERT_TRUE(Give(source, 10) && Give(source, 11));
-    EXPECT_TRUE(Support::WaitUntil([] { return g_delay_lines == 1; }));
+    EXPECT_TRUE(WaitUntil([] { return g_delay_lines == 1; }));
     EXPECT_EQ(0, Ostra::R3Execute("rtspdelay 0"));
     Ostra::R3SetOutput(nullptr, nullptr);
 }
@@ -268,35 +361,13 @@ TEST_F(ConversationTest, TheLastPictureComesWhole) {
     EXPECT_TRUE(client.Closed());
 }
 
-TEST_F(ConversationTest, DescribeWaitsForTheSdpWithoutHoldingOthers) {
-    StartServer();
-    CFakeStreamSource* source = AddUnreadyChannel(LIVE_NAME);
-    AddChannel(ChannelName(2));
-    std::vector<std::unique_ptr<CRtspTestClient>> waiting;
-    for (int i = 0; i < 12; ++i) {  // more than the pool has threads
-        waiting.push_back(std::make_unique<CRtspTestClient>(m_port));
-        waiting.back()->Send(waiting.back()->Request("DESCRIBE", Url()));
-    }
-    CRtspTestClient other(m_port);
-    EXPECT_EQ(200, other.Ask("DESCRIBE", Url(ChannelName(2))).status);
-    for (size_t i = 0; i < 6; ++i) {
-        waiting[i]->Close();  // gone before the answer
-    }
-    EXPECT_TRUE(waiting[6]->Silent(50));
-    source->Tell(MSG_STREAM_INFO);
-    for (size_t i = 6; i < waiting.size(); ++i) {
-        EXPECT_EQ(200, waiting[i]->Reply().status);
-    }
-    EXPECT_EQ(200, waiting[7]->Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
-}
-
 // Media leave by the port that SETUP announces. The last SETUP of a track counts, and takes no room from the others.
 TEST_F(ConversationTest, AUdpTrackThatIsSetUpTwice) {
     StartServer();
     CFakeStreamSource* source = AddChannel(LIVE_NAME, SoundAndPictures());
     CRtspTestClient client(m_port);
     ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
-    Support::CUdpPeer first, last, audio;
+    CUdpPeer first, last, audio;
     ASSERT_EQ(200, client.Ask("SETUP", Url() + "/trackID=0", UdpTransport(first.Port())).status);
     const RtspReply reply = client.Ask("SETUP", Url() + "/trackID=0", UdpTransport(last.Port()));
     EXPECT_TRUE(reply.Holds("RTP/AVP;unicast;client_port=" + std::to_string(last.Port()) + "-"));
@@ -310,7 +381,7 @@ TEST_F(ConversationTest, AUdpTrackThatIsSetUpTwice) {
     EXPECT_EQ(ServerPort(reply), from);
     EXPECT_EQ("", first.Recv(20));
     EXPECT_EQ(200, client.Ask("TEARDOWN", Url()).status);
-    EXPECT_TRUE(Support::WaitUntil([&] { return !GiveVideo(source, 11); }));
+    EXPECT_TRUE(WaitUntil([&] { return !GiveVideo(source, 11); }));
 }
 
 // RFC 2326 12.33: both numbers name one packet, also to a client that joins a stream.

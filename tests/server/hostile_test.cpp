@@ -33,13 +33,13 @@ public:
     // Waits until `count` more frames have come.
     bool ReceivesMore(int count) {
         const int wanted = m_received + count;
-        return Support::WaitUntil([&] { return m_received >= wanted; });
+        return WaitUntil([&] { return m_received >= wanted; });
     }
     // Ends the feeding and waits for what was given.
     void Stop() {
         m_pump.reset();
         if (m_reader.joinable()) {
-            EXPECT_TRUE(Support::WaitUntil([&] { return m_received >= m_given; })) << m_received << " of " << m_given;
+            EXPECT_TRUE(WaitUntil([&] { return m_received >= m_given; })) << m_received << " of " << m_given;
             m_client->Send("OPTIONS * RTSP/1.0\r\nCSeq: 99\r\n\r\n");
             m_done = true;
             m_reader.join();
@@ -80,7 +80,7 @@ std::atomic<int> g_held{0};
 void wait_while_held(const char* text, const char* key) {
     if (g_hold && strstr(text, key) != nullptr) {
         ++g_held;
-        Support::WaitUntil([] { return !g_hold; });
+        WaitUntil([] { return !g_hold; });
     }
 }
 char* url_that_waits(const char* content, char*, int) {
@@ -156,8 +156,8 @@ TEST_F(Hostile, HostFunctionsThatBlockHoldTheirOwnSession) {
     SetFunction(RTSP_SVR_CONFIG_URL_FUNC, &url_that_waits);
     SetFunction(RTSP_SVR_CONFIG_SRC_FUNC, &source_that_waits);
     UseAuthModule(7);
-    Support::CFakeAuthModule::All().first = IAuthModule::AUTH_RESULT_OK;
-    Support::CFakeAuthModule::All().on_call = [](const std::string&, const std::string& text) {
+    CFakeAuthModule::All().first = IAuthModule::AUTH_RESULT_OK;
+    CFakeAuthModule::All().on_call = [](const std::string&, const std::string& text) {
         wait_while_held(text.c_str(), "held-module");
     };
     Begin();
@@ -171,7 +171,7 @@ TEST_F(Hostile, HostFunctionsThatBlockHoldTheirOwnSession) {
             held.push_back(std::make_unique<CRtspTestClient>(m_port));
             held.back()->Send(held.back()->Request("DESCRIBE", Url(content)));
         }
-        ASSERT_TRUE(Support::WaitUntil([] { return g_held == 3; }));
+        ASSERT_TRUE(WaitUntil([] { return g_held == 3; }));
         CRtspTestClient other(m_port);
         EXPECT_EQ(200, other.Ask("DESCRIBE", Url()).status);
         EXPECT_TRUE(m_bystander->ReceivesMore(20));
@@ -184,77 +184,6 @@ TEST_F(Hostile, HostFunctionsThatBlockHoldTheirOwnSession) {
         }
     }
     EXPECT_TRUE(SessionsGone(1));
-}
-
-// A source of the session's own that fails at one step after the other.
-TEST_F(Hostile, SourcesThatFail) {
-    Begin();
-    typedef CFakeStreamSource::Settings& S;
-    const struct {
-        const char* what;
-        void (*spoil)(S settings);
-        unsigned int message;  // told after the last reply, if not 0
-        int describe, play;    // status; 0: no reply, -1: not asked
-        bool ends;
-    } rows[] = {
-        {"none", [](S s) { s.null_source = true; }, 0, 404, -1, true},
-        {"doesn't begin", [](S s) { s.init_fails = true; }, 0, 404, -1, true},
-        {"never tells its format", [](S s) { s.tells_info = false; }, 0, 0, -1, true},
-        {"has no tracks", [](S s) { s.has_video = false; }, 0, 200, -1, true},
-        {"is of no kind", [](S s) { s.type = SRC_TYPE_NONE; }, 0, 0, -1, true},
-        {"can't seek", [](S s) { s.seek_fails = true; }, 0, 200, 0, true},
-        {"doesn't start", [](S s) { s.start_fails = true; }, 0, 200, 200, true},
-        {"has an empty range", [](S s) { s.end = s.begin - 10; }, 0, 200, 0, true},
-        {"fails", [](S) {}, MSG_SRC_FAIL, 200, 200, true},
-        {"fails late", [](S) {}, MSG_STREAM_FAIL, 200, 200, true},
-        {"ends", [](S) {}, MSG_SRC_END, 200, 200, true},
-        {"says what it may not", [](S) {}, 0x7777, 200, 200, false},
-        {"tells the same again", [](S) {}, MSG_STREAM_INFO, 200, 200, false},
-    };
-    const std::string url = Url(FILE_CONTENT);
-    std::vector<std::unique_ptr<CRtspTestClient>> clients;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.what);
-        CFakeStreamSource::Settings settings = CFakeStreamSource::FileVideo();
-        row.spoil(settings);
-        CFakeStreamSource::SetNext(settings);
-        clients.push_back(std::make_unique<CRtspTestClient>(m_port));
-        CRtspTestClient& client = *clients.back();
-        client.Send(client.Request("DESCRIBE", url));
-        EXPECT_EQ(row.describe, client.Reply(row.describe == 0 ? 50 : 20000).status);
-        if (row.play >= 0) {
-            ASSERT_EQ(200, client.Ask("SETUP", url + "/trackID=0", INTERLEAVED).status);
-            EXPECT_EQ(row.play, client.Ask("PLAY", url, "Range: npt=2-\r\n").status);
-        }
-        if (row.message != 0) {
-            ASSERT_NE(nullptr, CFakeStreamSource::Last());
-            CFakeStreamSource::Last()->Tell(row.message);
-        }
-        EXPECT_TRUE(row.ends || !client.Closed(20));
-    }
-    EXPECT_TRUE(m_bystander->ReceivesMore(10));
-
-    // A live channel whose source doesn't start plays nothing. Its failure is told to the host, who ends the channel.
-    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-    settings.start_fails = true;
-    const std::string name = ChannelName(5);
-    CFakeStreamSource* source = AddChannel(name, settings);
-    CRtspTestClient client(m_port);
-    PlayInterleaved(client, name);
-    EXPECT_TRUE(client.Silent(50));
-    source->Tell(MSG_SRC_FAIL);
-    EXPECT_TRUE(client.Silent(50));
-    EXPECT_EQ(0, m_live_svr->DelLiveChannel(name.c_str()));
-    EXPECT_TRUE(client.Closed());
-
-    m_bystander->Stop();
-    Support::AdvanceClock(61000);  // for those who have only to wait
-    for (size_t i = 0; i < clients.size(); ++i) {
-        EXPECT_TRUE(!rows[i].ends || clients[i]->Closed()) << rows[i].what;
-    }
-    clients.clear();
-    EXPECT_TRUE(SessionsGone(1));
-    EXPECT_TRUE(Support::WaitUntil([] { return CFakeStreamSource::LiveCount() == 1; }));
 }
 
 // Callbacks of the host, in one of which it does something, once.
@@ -290,8 +219,8 @@ void event_that_acts(event_type_t event, void*, int) {
 // A host may delete the channel, or close all that it has, inside any of its callbacks.
 TEST_F(Hostile, CallbacksInWhichTheHostClosesEverything) {
     UseAuthModule(7);
-    Support::CFakeAuthModule::All().first = IAuthModule::AUTH_RESULT_OK;
-    Support::CFakeAuthModule::All().on_call = [](const std::string& call, const std::string&) { act_at(call.c_str()); };
+    CFakeAuthModule::All().first = IAuthModule::AUTH_RESULT_OK;
+    CFakeAuthModule::All().on_call = [](const std::string& call, const std::string&) { act_at(call.c_str()); };
     SetFunction(RTSP_SVR_CONFIG_URL_FUNC, &url_that_acts);
     SetFunction(RTSP_SVR_CONFIG_SRC_FUNC, &source_that_acts);
     SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, &event_that_acts);
@@ -327,10 +256,10 @@ TEST_F(Hostile, CallbacksInWhichTheHostClosesEverything) {
                 for (const unsigned int sequence : {10u, 11u, 20u}) {
                     EXPECT_TRUE(Give(source, sequence));
                 }
-                EXPECT_TRUE(strcmp(place, "lost") != 0 || Support::WaitUntil([] { return g_acted.load(); }));
+                EXPECT_TRUE(strcmp(place, "lost") != 0 || WaitUntil([] { return g_acted.load(); }));
             }
             client.Close();
-            EXPECT_TRUE(Support::WaitUntil([] { return g_acted.load(); }));
+            EXPECT_TRUE(WaitUntil([] { return g_acted.load(); }));
             EXPECT_TRUE(SessionsGone());
             if (i == 0) {
                 m_svr->Close();

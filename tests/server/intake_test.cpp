@@ -15,7 +15,7 @@ struct Connection {
     std::unique_ptr<CRtspTestClient> client;
 
     Connection() {
-        const Support::CBoundSocket listener(SOCK_STREAM);
+        const CBoundSocket listener(SOCK_STREAM);
         listen(listener.Fd(), 1);
         client = std::make_unique<CRtspTestClient>(listener.Port());
         server = accept(listener.Fd(), nullptr, nullptr);
@@ -27,37 +27,16 @@ class Intake : public CServerTest {};
 // From the accept on, not from the last byte.
 TEST_F(Intake, ConnectionsHaveFiveSecondsForTheirFirstRequest) {
     StartServer();
-    Support::CLogCapture log;
+    CLogCapture log;
     CRtspTestClient silent(m_port), partial(m_port), slow(m_port);
     partial.Send("OPTIONS * RTSP/1.0\r\n");
-    EXPECT_TRUE(Support::WaitUntil([&] {
-        Support::AdvanceClock(100);
+    EXPECT_TRUE(WaitUntil([&] {
+        AdvanceClock(100);
         return !slow.Send("O") || slow.Closed(1);
     }));
     EXPECT_TRUE(silent.Closed());
     EXPECT_TRUE(partial.Closed());
     EXPECT_EQ(3, log.Count("handle_input_timeout error, fd:"));
-}
-
-// The first one of a connection, which the intake reads, and a later one.
-TEST_F(Intake, RequestsOf4096BytesAreServed) {
-    StartServer();
-    CRtspTestClient client(m_port);
-    for (const size_t size : {4096u, 4096u, 513u}) {
-        std::string request = client.Request("OPTIONS", "*", "X: \r\n");
-        request.insert(request.size() - 4, size - request.size(), 'x');
-        ASSERT_EQ(size, request.size());
-        ASSERT_TRUE(client.Send(request));
-        EXPECT_EQ(200, client.Reply().status) << size;
-    }
-    CRtspTestClient cut(m_port);
-    std::string request = cut.Request("OPTIONS", "*", "X: \r\n");
-    request.insert(request.size() - 4, 4096 - request.size(), 'x');
-    for (size_t at = 0; at < request.size(); at += 511) {
-        cut.Send(request.substr(at, 511));
-        usleep(1000);
-    }
-    EXPECT_EQ(200, cut.Reply().status);
 }
 
 TEST_F(Intake, HandedInConnections) {
@@ -122,7 +101,7 @@ std::atomic<int> g_blocked{0};
 void BlockOnConnect(event_type_t event, void*, int) {
     if (event == EVENT_CLIENT_CONNECTED && g_block.exchange(false)) {
         ++g_blocked;
-        Support::WaitUntil([] { return g_blocked == 0; });
+        WaitUntil([] { return g_blocked == 0; });
     }
 }
 
@@ -132,11 +111,11 @@ TEST_F(Intake, AHostThatBlocksInOneSessionHoldsNobodyElse) {
     CRtspTestClient held(m_port);
     g_block = true;
     held.Send(OPTIONS_TEXT);
-    ASSERT_TRUE(Support::WaitUntil([] { return g_blocked == 1; }));
+    ASSERT_TRUE(WaitUntil([] { return g_blocked == 1; }));
     g_block = true;
     Connection handed_in;  // the caller's thread isn't held either
     EXPECT_EQ(0, m_svr->AddNewConnect(handed_in.server, OPTIONS_TEXT, sizeof(OPTIONS_TEXT) - 1, 0));
-    ASSERT_TRUE(Support::WaitUntil([] { return g_blocked == 2; }));
+    ASSERT_TRUE(WaitUntil([] { return g_blocked == 2; }));
     CRtspTestClient other(m_port);
     EXPECT_EQ(200, other.Ask("OPTIONS", "*").status);
     EXPECT_TRUE(held.Silent(1));
@@ -154,7 +133,7 @@ TEST_F(Intake, AServerNeedsAnAddressOfThisMachine) {
     m_svr->Stop();
     m_svr->Stop();
     EXPECT_EQ(-1, m_svr->AddNewConnect(0, nullptr, 0, 0));
-    EXPECT_TRUE(Support::WaitUntil([&] { return !CRtspTestClient(m_port).Connected(); }));
+    EXPECT_TRUE(WaitUntil([&] { return !CRtspTestClient(m_port).Connected(); }));
 }
 
 }  // namespace

@@ -10,9 +10,6 @@ namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Support::AdvanceClock;
-using Support::WaitUntil;
-
 int StatusOf(const std::string& reply) {
     return reply.compare(0, 9, "RTSP/1.0 ") == 0 ? std::stoi(reply.substr(9)) : 0;
 }
@@ -109,7 +106,7 @@ TEST_F(NatServer, OnlyAHelloOrARequestFromTheKnownAddressFixesThePeer) {
 // What lies in the socket when it is connected is still read from it, whoever has sent it.
 TEST_F(NatServer, AStrangersDatagramThatCameBeforeThePeerWasFixedIsDropped) {
     CNatViewer viewer;
-    Support::CUdpPeer stranger;
+    CUdpPeer stranger;
     viewer.Send(CLIENT_HELLO);
     stranger.Send("garbage", viewer.HostPort());
     stranger.Send(CLIENT_HELLO, viewer.HostPort());
@@ -216,7 +213,7 @@ TEST_F(NatServer, TheSocketMayBeHandedInAgainInsideTheCallback) {
 }
 
 TEST_F(NatServer, WhatIsNoNatStreamIsClosedOrStaysTheCallers) {
-    const int before = Support::CountDescriptors();
+    const int before = CountDescriptors();
     const char* no_peers[] = {
         "",        "127.0.0.1",   ":80", "127.0.0.1:", "127.0.0.1:0", "127.0.0.1:65536", "localhost:80",
         "::1]:80", "127.0.0.1:8o"};
@@ -243,18 +240,18 @@ TEST_F(NatServer, WhatIsNoNatStreamIsClosedOrStaysTheCallers) {
     m_svr->Stop();
     m_svr->EndSessions(20000);
     EXPECT_EQ(-1, CNatViewer().HandIn(*m_svr));
-    EXPECT_TRUE(WaitUntil([&] { return Support::CountDescriptors() < before; }));  // the listener is closed as well
+    EXPECT_TRUE(WaitUntil([&] { return CountDescriptors() < before; }));  // the listener is closed as well
 }
 
 TEST(NatSender, SendsWholePacketsOfTheTracksThatAreOn) {
     CSockDgram from;
     CSockDgram to;
-    ASSERT_TRUE(Support::MakeDgramPair(from, to));
+    ASSERT_TRUE(MakeDgramPair(from, to));
     CP2PUdpSender sender;
     sender.SetSock(&from);
     const std::string run = std::string("$\0\0\3abc$\0\0\2de", 13);
     const auto put = [&](const std::string& bytes, int track) {
-        Support::CountedPacket packet(bytes);
+        CountedPacket packet(bytes);
         return sender.Put(&packet, packet.Size(), 1, track << 24 | 1);
     };
     const auto arrives = [&](const std::string& expected) {

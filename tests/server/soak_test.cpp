@@ -20,8 +20,6 @@ namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Support::CUdpPeer;
-
 const int DEFAULT_SESSIONS = 420;
 const int CLIENT_THREADS = 6;
 const size_t MAX_PARKED = 120;  // silent and stalled clients at one time
@@ -53,16 +51,16 @@ CStreamSource* make_source(const char* content) {
 
 // Gives pictures and sound to all sources. The frames themselves tell of another format at times.
 void give_to_all(unsigned int sequence) {
-    Support::FrameSpec video, audio;
+    FrameSpec video, audio;
     video.type = sequence % 10 == 0 ? 'I' : 'P';
     video.sequence = audio.sequence = sequence;
     video.pts_ms = audio.pts_ms = sequence * 40;
     video.width = 64 + (sequence / 1000 % 2) * 64;
-    video.payload = Support::H264Picture(video.type == 'I', video.type == 'I' ? 30000 : 3000, 7);
+    video.payload = H264Picture(video.type == 'I', video.type == 'I' ? 30000 : 3000, 7);
     audio.type = 'A';
     audio.encode_code = 14;
     audio.payload = std::string(320, 'a');
-    const Flumen::CMediaFrame frames[] = {Support::BuildFrame(video), Support::BuildFrame(audio)};
+    const Flumen::CMediaFrame frames[] = {BuildFrame(video), BuildFrame(audio)};
     CFakeStreamSource::ForEach([&](CFakeStreamSource& source) {
         for (const Flumen::CMediaFrame& frame : frames) {
             source.Give(frame);
@@ -218,7 +216,7 @@ protected:
             setsockopt(client->Fd(), SOL_SOCKET, SO_LINGER, &hard, sizeof(hard));
         } else if (how == LEAVE_HALF_CLOSE) {
             shutdown(client->Fd(), SHUT_WR);
-            const bool ends = Support::WaitUntil([&] { return !Swallow(client->Fd(), 5000); });
+            const bool ends = WaitUntil([&] { return !Swallow(client->Fd(), 5000); });
             EXPECT_TRUE(ends);
         } else if (how == LEAVE_MID_REQUEST) {
             client->Send("SETUP " + url + "/trackID=0 RTSP/1.0\r\nCSeq: 7\r\nTransp");
@@ -249,9 +247,9 @@ TEST_F(Soak, NothingIsLeftOfSessionsThatGoInEveryWay) {
     SetFunction(RTSP_SVR_CONFIG_SRC_FUNC, &make_source);
     SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, &CEventLog::OnEvent);
     StartServer();
-    Support::CLogCapture log(Ostra::LOG_LEVEL_WARN);
+    CLogCapture log(Ostra::LOG_LEVEL_WARN);
     const long handlers = Tramel::CReactor::Instance().CountHandlers();
-    const int descriptors = Support::CountDescriptors();
+    const int descriptors = CountDescriptors();
     for (int number = 1; number <= ALL_CHANNELS; ++number) {
         PublishNumber(number, false);
     }
@@ -289,11 +287,11 @@ TEST_F(Soak, NothingIsLeftOfSessionsThatGoInEveryWay) {
     }
     const size_t parked = m_parked.size();
     m_parked.clear();
-    EXPECT_TRUE(Support::WaitUntil([] { return CFakeStreamSource::LiveCount() == 0; }));
-    EXPECT_TRUE(Support::WaitUntil([&] { return Tramel::CReactor::Instance().CountHandlers() == handlers; }))
+    EXPECT_TRUE(WaitUntil([] { return CFakeStreamSource::LiveCount() == 0; }));
+    EXPECT_TRUE(WaitUntil([&] { return Tramel::CReactor::Instance().CountHandlers() == handlers; }))
         << Tramel::CReactor::Instance().CountHandlers() << " handlers, " << handlers << " at the start";
-    EXPECT_TRUE(Support::WaitUntil([&] { return Support::CountDescriptors() == descriptors; }))
-        << Support::CountDescriptors() << " descriptors, " << descriptors << " at the start";
+    EXPECT_TRUE(WaitUntil([&] { return CountDescriptors() == descriptors; }))
+        << CountDescriptors() << " descriptors, " << descriptors << " at the start";
     EXPECT_GT(m_played, sessions / 5);
     const int connected = CEventLog::Count("connected 127.0.0.1");
     EXPECT_LE(connected, CEventLog::Count("disconnected 127.0.0.1"));

@@ -9,6 +9,7 @@
 #include <mutex>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 #include "Vidora/AuthModule.h"
@@ -31,15 +32,18 @@ public:
         // Called at the beginning of each call: its name as in Count, and its text.
         std::function<void(const std::string& call, const std::string& text)> on_call;
 
-        // Calls of a name: "factory", "challenge", "response" and "release".
-        int Count(const std::string& call) {
+        // Calls of a name: "factory", "request", "challenge", "response" and "release".
+        int Count(const std::string& name) {
             const std::lock_guard<std::mutex> guard(m_mutex);
-            return static_cast<int>(std::count(m_calls.begin(), m_calls.end(), call));
+            return static_cast<int>(std::count_if(m_calls.begin(), m_calls.end(), [&](const std::string& call) {
+                return call.compare(0, name.size(), name) == 0;
+            }));
         }
-        // The text of the last call that had one: the URL and the client's address, or the credentials.
-        std::string LastText() {
+        // The calls so far, which are forgotten; behind a name its text: method and URL, the URL and the client's
+        // address, or the credentials.
+        std::vector<std::string> TakeCalls() {
             const std::lock_guard<std::mutex> guard(m_mutex);
-            return m_last_text;
+            return std::exchange(m_calls, {});
         }
         // Forgets the calls, and answers at once with a challenge from now on.
         void Reset() {
@@ -54,14 +58,12 @@ public:
                 on_call(call, text);
             }
             const std::lock_guard<std::mutex> guard(m_mutex);
-            m_calls.push_back(call);
-            m_last_text = text.empty() ? m_last_text : text;
+            m_calls.push_back(text.empty() ? call : call + " " + text);
         }
 
     private:
         std::mutex m_mutex;
         std::vector<std::string> m_calls;
-        std::string m_last_text;
     };
     static Common& All() {
         static Common common;

@@ -33,6 +33,25 @@ std::vector<Number> Numbers(const std::string& text) {
     return std::vector<Number>(std::istream_iterator<Number>(in), std::istream_iterator<Number>());
 }
 
+// The bytes for which "\r", "\n", "\xHH" and "{N}", for so many "x", stand in a text.
+inline std::string Unescaped(const std::string& text) {
+    std::string bytes;
+    for (size_t i = 0; i < text.size(); ++i) {
+        if (text[i] == '{') {
+            bytes.append(std::stoul(text.substr(i + 1)), 'x');
+            i = text.find('}', i);
+        } else if (text[i] != '\\') {
+            bytes += text[i];
+        } else if (text[++i] == 'x') {
+            bytes += static_cast<char>(std::stoi(text.substr(i + 1, 2), nullptr, 16));
+            i += 2;
+        } else {
+            bytes += text[i] == 'r' ? '\r' : '\n';
+        }
+    }
+    return bytes;
+}
+
 // The rows of one table in a file of samples: a line "[name]" begins a table, "#" a comment, "|" stands between the
 // fields, of which every row has as many and at least two, and "\n" in a field is a line feed.
 inline std::vector<std::vector<std::string>> ReadTable(const std::string& path, const std::string& name,
