@@ -84,24 +84,36 @@ std::vector<unsigned int> Range(unsigned int first, unsigned int end) {
     return numbers;
 }
 
-// Records calls, and runs an action inside them.
-struct Level2Sink : CLevel2Buffer_IF {
-    int Put(CMediaPacket*, int length, int flag, int channel) override {
-        calls.push_back({length, flag, channel});
+// A level-2 sink that notes what it is called with, and by whom, and runs an action inside its calls.
+template <typename Base>
+struct RecordingSink : Base {
+    int Put(CMediaPacket* packet, int length, int flag, int channel) override {
+        const std::string bytes(reinterpret_cast<char*>(packet->GetData()), static_cast<size_t>(length));
+        EXPECT_FALSE(inside.exchange(true)) << "one call at a time";
+        {
+            std::lock_guard<std::mutex> guard(mutex);
+            calls.push_back(bytes.substr(0, 6) + ' ' + std::to_string(flag) + ' ' + std::to_string(channel));
+            callers.insert(std::this_thread::get_id());
+        }
         if (action) {
             action();
         }
+        inside = false;
         return -1;  // which the buffer ignores
     }
-    struct Call {
-        int length, flag, channel;
-        bool operator==(const Call& other) const {
-            return length == other.length && flag == other.flag && channel == other.channel;
-        }
-    };
-    std::vector<Call> calls;
+    size_t Count() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return calls.size();
+    }
+    std::mutex mutex;
+    std::vector<std::string> calls;
+    std::set<std::thread::id> callers;
     std::function<void()> action;
+    std::atomic<bool> inside{false};
 };
+
+typedef RecordingSink<CLevel2Buffer_IF> Level2Sink;
+typedef RecordingSink<CPooledSink> PooledSink;  // one of the library's own that sends datagrams
 
 class MediaBufferTest : public ::testing::TestWithParam<unsigned int> {
 protected:
@@ -181,44 +193,17 @@ TEST_P(MediaBufferTest, Level2SinksGetEverythingAsItWasPutAndMayRemoveAnySink) {
         manual.DelLevel2Buffer(&second);
         manual.AddLevel2Buffer(&third);
     };
-    Put(manual, std::string("$\001\000\000\000\004", 6), 0, 9);
+    Put(manual, "header", 0, 9);
     Put(manual, "data", 1, 1 << 24 | KEY);
-    EXPECT_EQ((std::vector<Level2Sink::Call>{{6, 0, 9}}), first.calls);
+    EXPECT_EQ(std::vector<std::string>{"header 0 9"}, first.calls);
     EXPECT_TRUE(second.calls.empty());
-    EXPECT_EQ((std::vector<Level2Sink::Call>{{4, 1, 1 << 24 | KEY}}), third.calls);
+    EXPECT_EQ(std::vector<std::string>{"data 1 " + std::to_string(1 << 24 | KEY)}, third.calls);
     CountedPacket refused("x");
     EXPECT_EQ(-1, manual.Put(&refused, 0, 1, 0));
     EXPECT_EQ(-1, manual.Put(nullptr, 1, 1, 0));
     sink.Read();
     EXPECT_TRUE(sink.reader.Units().empty());
 }
-
-// A sink of the library's own that sends datagrams: it notes what it is called with, and by whom.
-struct PooledSink : CPooledSink {
-    int Put(CMediaPacket* packet, int length, int flag, int channel) override {
-        const std::string bytes(reinterpret_cast<char*>(packet->GetData()), static_cast<size_t>(length));
-        EXPECT_FALSE(inside.exchange(true)) << "one call at a time";
-        {
-            std::lock_guard<std::mutex> guard(mutex);
-            calls.push_back(bytes.substr(0, 6) + ' ' + std::to_string(flag) + ' ' + std::to_string(channel));
-            callers.insert(std::this_thread::get_id());
-        }
-        if (action) {
-            action();
-        }
-        inside = false;
-        return length;
-    }
-    size_t Count() {
-        std::lock_guard<std::mutex> guard(mutex);
-        return calls.size();
-    }
-    std::mutex mutex;
-    std::vector<std::string> calls;
-    std::set<std::thread::id> callers;
-    std::function<void()> action;
-    std::atomic<bool> inside{false};
-};
 
 TEST_P(MediaBufferTest, PooledSinksGetAllThatIsPutInOrderAndOnThePutThreadOnlyIfTheyAreFewOrThereIsNoPool) {
     for (const size_t count : {3u, 40u}) {

@@ -18,11 +18,14 @@
 #include "Vidora/Ostra/Md5.h"
 #include "Vidora/Ostra/Time.h"
 #include "support/Capture.h"
+#include "support/SampleTable.h"
 #include "support/TestClock.h"
 #include "support/TestHandler.h"
 
 namespace Kavio::Ostra {
 namespace {
+
+const char TABLES[] = VIDORA_TEST_DATA "/base.txt";
 
 // Makes standard error a pipe while it lives.
 class CStderrPipe {
@@ -134,25 +137,17 @@ TEST(Log, ASessionsCausesPassOnceASecondEachAndTheirCountsAreTold) {
 }
 
 TEST(Time, CalendarBothWays) {
-    const struct {
-        int fields[6];
-        uint64_t seconds;
-        const char* text;
-    } rows[] = {
-        {{1970, 1, 1, 0, 0, 0}, 0, "1970-01-01 00:00:00"},
-        {{2000, 2, 29, 23, 59, 59}, 951868799, "2000-02-29 23:59:59"},
-        {{2024, 12, 31, 0, 0, 0}, 1735603200, "2024-12-31 00:00:00"},
-        {{2100, 3, 1, 0, 0, 0}, 4107542400, "2100-03-01 00:00:00"},  // 2100 is no leap year
-    };
-    for (const auto& row : rows) {
-        const CTime time(row.fields[0], row.fields[1], row.fields[2], row.fields[3], row.fields[4], row.fields[5]);
-        EXPECT_EQ(row.seconds, time.makeTime());
-        int f[6];
+    for (const auto& row : Support::ReadTable(TABLES, "calendar", 3)) {
+        SCOPED_TRACE(row[2]);
+        const std::vector<int> fields = Support::Numbers(row[0]);
+        const CTime time(fields[0], fields[1], fields[2], fields[3], fields[4], fields[5]);
+        EXPECT_EQ(row[1], std::to_string(time.makeTime()));
+        std::vector<int> f(6);
         time.getFields(&f[0], &f[1], &f[2], &f[3], &f[4], &f[5]);
-        EXPECT_EQ(0, std::memcmp(f, row.fields, sizeof(f))) << row.text;
+        EXPECT_EQ(fields, f);
         char text[32];
         EXPECT_EQ(19, time.format(text, "%Y-%m-%d %H:%M:%S", sizeof(text)));
-        EXPECT_STREQ(row.text, text);
+        EXPECT_EQ(row[2], text);
         EXPECT_EQ(0, time.format(text, "%Y-%m-%d", 10));
         EXPECT_STREQ("", text);
     }
@@ -259,50 +254,32 @@ TEST(MediaFrame, OddTimesAreBounded) {
 }
 
 TEST(Md5, DigestsOfTheRfcAndAnyCut) {
-    const struct {
-        const char* text;
-        const char* hex;
-    } rows[] = {
-        // RFC 1321 A.5
-        {"", "d41d8cd98f00b204e9800998ecf8427e"},
-        {"abc", "900150983cd24fb0d6963f7d28e17f72"},
-        {"abcdefghijklmnopqrstuvwxyz", "c3fcd3d76192e4007dfb496cca67e13b"},
-        // Lengths of 55, 56 and 64: the padding just fits, takes one more block, begins a block.
-        {"aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", "ef1772b6dff9a122358552954ad0df65"},
-        {"aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", "3b0c8ac703f828b04c6c197006d17218"},
-        {"aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa", "014842d480b571495a4a0363793f7367"},
-        {"12345678901234567890123456789012345678901234567890123456789012345678901234567890",
-         "57edf4a22be3c955ac49da2e2107b67a"},
-    };
-    for (const auto& row : rows) {
-        const auto* bytes = reinterpret_cast<const unsigned char*>(row.text);
-        const unsigned size = static_cast<unsigned>(std::strlen(row.text));
+    for (const auto& row : Support::ReadTable(TABLES, "MD5", 2)) {
+        const auto* bytes = reinterpret_cast<const unsigned char*>(row[0].data());
+        const unsigned size = static_cast<unsigned>(row[0].size());
         for (unsigned cut = 0; cut <= size; ++cut) {
             Utils::CMd5 md5;
             md5.update(bytes, cut);
             md5.update(bytes + cut, size - cut);
             char hex[33];
             md5.hex(hex);
-            ASSERT_STREQ(row.hex, hex) << cut;
+            ASSERT_EQ(row[1], hex) << cut;
         }
     }
 }
 
 TEST(Base64, RfcVectorsAndTextThatBreaksOff) {
-    const struct {
-        const char* plain;
-        const char* text;
-    } rows[] = {
-        {"", ""}, {"foob", "Zm9vYg=="}, {"fooba", "Zm9vYmE="}, {"foobar", "Zm9vYmFy"}, {"\xff\xfe\xfd", "//79"}};
+    std::vector<std::vector<std::string>> rows = Support::ReadTable(TABLES, "base64", 2);
+    rows.push_back({"\xff\xfe\xfd", "//79"});
     for (const auto& row : rows) {
         char text[16];
-        const int size = static_cast<int>(std::strlen(row.plain));
-        EXPECT_EQ(base64EncodeLen(size), base64Encode(text, row.plain, size));
-        EXPECT_STREQ(row.text, text);
+        const int size = static_cast<int>(row[0].size());
+        EXPECT_EQ(base64EncodeLen(size), base64Encode(text, row[0].data(), size));
+        EXPECT_EQ(row[1], text);
         char plain[16];
-        EXPECT_EQ(size, base64Decode(plain, row.text));
-        EXPECT_STREQ(row.plain, plain);
-        EXPECT_EQ(size + 1, base64DecodeLen(row.text));
+        EXPECT_EQ(size, base64Decode(plain, row[1].c_str()));
+        EXPECT_EQ(row[0], plain);
+        EXPECT_EQ(size + 1, base64DecodeLen(row[1].c_str()));
     }
     char plain[16];
     EXPECT_EQ(3, base64Decode(plain, "Zm9v!Zm9v"));

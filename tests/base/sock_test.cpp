@@ -15,9 +15,8 @@
 #include "Tramel/SockAcceptor.h"
 #include "Tramel/SockDgram.h"
 #include "Tramel/SockStream.h"
-#include "support/Loopback.h"
 #include "support/SampleTable.h"
-#include "support/TestHandler.h"
+#include "support/StreamPeer.h"
 
 namespace Kavio::Tramel {
 namespace {
@@ -31,7 +30,7 @@ std::string text_of(const Address& addr) {
 }
 
 TEST(SockAddr, TextsOfAllForms) {
-    for (const auto& row : Support::ReadTable(VIDORA_TEST_DATA "/addresses.txt", "socket addresses", 5)) {
+    for (const auto& row : Support::ReadTable(VIDORA_TEST_DATA "/base.txt", "socket addresses", 5)) {
         SCOPED_TRACE(row[0]);
         CSockAddrStorage addr(row[0].c_str(), 554);
         EXPECT_EQ(row[1], addr.IsValid() ? text_of(addr) : "invalid");
@@ -238,18 +237,6 @@ bool switch_loopback(bool on) {
     return ioctl(any.Fd(), SIOCSIFFLAGS, &request) == 0;
 }
 
-struct TcpPair {
-    CSockStream one, other;
-
-    TcpPair() {
-        const Support::CBoundSocket listener(SOCK_STREAM);
-        listen(listener.Fd(), 1);
-        const CSockAddrIPv4 to("127.0.0.1", static_cast<unsigned short>(listener.Port()));
-        EXPECT_EQ(0, one.Connect(to, nullptr));
-        EXPECT_EQ(0, other.Attach(accept4(listener.Fd(), nullptr, nullptr, SOCK_CLOEXEC)));
-    }
-};
-
 // In a network of the thread's own, whose only link goes down while nothing is under way, and while bytes are.
 TEST(PeerWatch, APeerWhoseLinkHasGoneBreaksTheConnection) {
     bool skipped = false;
@@ -258,15 +245,16 @@ TEST(PeerWatch, APeerWhoseLinkHasGoneBreaksTheConnection) {
             skipped = true;
             return;
         }
-        TcpPair quiet, sending;
-        for (CSockStream* sock : {&quiet.one, &sending.one}) {
-            EXPECT_EQ(0, sock->WatchPeer(1, true));
-        }
+        Support::TcpPair pairs[2];
+        CSockStream quiet, sending;
+        quiet.Attach(pairs[0].near_fd);
+        sending.Attach(pairs[1].near_fd);
+        EXPECT_EQ(0, quiet.WatchPeer(1, true) + sending.WatchPeer(1, true));
         ASSERT_TRUE(switch_loopback(false));
-        sending.one.Send("x", 1);
+        sending.Send("x", 1);
         char byte = 0;
-        EXPECT_TRUE(Support::WaitUntil([&] { return quiet.one.Recv(&byte, 1) < 0; }));
-        EXPECT_TRUE(Support::WaitUntil([&] { return sending.one.Recv(&byte, 1) < 0; }));
+        EXPECT_TRUE(WaitUntil([&] { return quiet.Recv(&byte, 1) < 0; }));
+        EXPECT_TRUE(WaitUntil([&] { return sending.Recv(&byte, 1) < 0; }));
     }).join();
     if (skipped) {
         GTEST_SKIP() << "needs the right to make a network namespace";

@@ -7,6 +7,7 @@
 #include "Tramel/SockDetail.h"
 #include "Tramel/SockStream.h"
 #include "Tramel/StreamSender.h"
+#include "support/SampleTable.h"
 #include "support/StreamPeer.h"
 #include "support/TestClock.h"
 
@@ -31,13 +32,6 @@ struct FakeFace : COutputFace {
     std::vector<long> failures;
 };
 
-struct Row {
-    char track;  // '0', '1': video and audio
-    bool key;
-    uint64_t time_ms;
-    bool taken;
-};
-
 // A queue on a socket that has been filled up with one long text.
 class QueueTest : public ::testing::Test {
 protected:
@@ -51,15 +45,17 @@ protected:
         return m_queue.SendText(text.data(), static_cast<unsigned int>(text.size()));
     }
 
-    bool Put(const Row& row) {
+    // Puts a frame: 'V' a key frame of the video track, 'v' another one, 'a' audio. Whether it was taken.
+    bool Put(char kind, uint64_t time_ms = 1) {
         const unsigned int size = 1000;
-        const bool key = row.key;
-        const int channel = (row.track - '0') << 24 | (key ? 1 : 5);
-        m_key_tracks |= key ? 1 << (row.track - '0') : 0;
-        COutputUnit* unit = COutputUnit::CreateMedia(channel, 1, row.time_ms);
-        CountedPacket* packet = new CountedPacket(MediaBytes(row.track - '0', m_number++, key, size - 4));
+        const bool key = kind == 'V';
+        const int track = kind == 'a' ? 1 : 0;
+        const int channel = track << 24 | (key ? 1 : 5);
+        m_key_tracks |= key ? 1 << track : 0;
+        COutputUnit* unit = COutputUnit::CreateMedia(channel, 1, time_ms);
+        CountedPacket* packet = new CountedPacket(MediaBytes(track, m_number++, key, size - 4));
         unit->AddPacket(packet, size, 1, channel);
-        if ((m_key_tracks & (1 << (row.track - '0'))) != 0) {
+        if ((m_key_tracks & (1 << track)) != 0) {
             unit->MarkKeyTrack();
         }
         CUnitBatch batch;
@@ -69,9 +65,11 @@ protected:
         return taken;
     }
 
-    void Expect(const std::vector<Row>& rows) {
-        for (size_t i = 0; i < rows.size(); ++i) {
-            EXPECT_EQ(rows[i].taken, Put(rows[i])) << "row " << i;
+    // Puts frames, written as "V500+": the kind, the time if it isn't 1, and whether it is taken.
+    void Expect(const std::string& frames) {
+        for (const std::string& frame : SplitText(frames, ' ')) {
+            const std::string time = frame.substr(1, frame.size() - 2);
+            EXPECT_EQ(frame.back() == '+', Put(frame[0], time.empty() ? 1 : std::stoull(time))) << frame;
         }
     }
 
@@ -102,14 +100,10 @@ const unsigned int COST = 1000 + CStreamOutput::UNIT_COST;
 
 TEST_F(QueueTest, FullQueueDropsATrackUntilItsKeyFrame) {
     m_queue.SetLimit(3 * COST, 0);
-    Expect({{'0', true, 1, true},
-            {'0', false, 1, true},
-            {'1', false, 1, true},
-            {'0', false, 1, false},    // no room: video waits for a key frame
-            {'0', true, 1, false},     // also a key frame needs room
-            {'1', false, 1, false}});  // audio never carried one
+    Expect("V+ v+ a+ v-");  // no room: video waits for a key frame
+    Expect("V- a-");        // which needs room as well; audio never carried one
     Drain(4);
-    Expect({{'1', false, 1, true}, {'0', false, 1, false}, {'0', true, 1, true}, {'0', false, 1, true}});
+    Expect("a+ v- V+ v+");
     Drain(7);
     EXPECT_EQ((std::vector<unsigned int>{0, 1, 8, 9}), m_reader.Numbers(0));
     EXPECT_EQ((std::vector<unsigned int>{2, 6}), m_reader.Numbers(1));
@@ -118,7 +112,7 @@ TEST_F(QueueTest, FullQueueDropsATrackUntilItsKeyFrame) {
 
 TEST_F(QueueTest, EmptyQueueTakesAUnitAboveItsLimit) {
     m_queue.SetLimit(100, 0);
-    Expect({{'0', true, 1, true}, {'0', false, 1, false}});
+    Expect("V+ v-");
     Drain(2);
     EXPECT_EQ((std::vector<unsigned int>{0}), m_reader.Numbers(0));
 }
@@ -144,13 +138,9 @@ TEST_F(QueueTest, BatchThatTheSocketTakesInPartGoesOnWhereItStopped) {
 
 TEST_F(QueueTest, AgedMediaGoesUpToAKeyFrameAndTextStays) {
     m_queue.SetLimit(0, 1000);
-    Expect({{'0', true, 0, true}, {'0', false, 500, true}});
+    Expect("V0+ v500+");
     EXPECT_EQ(0, SendText(TextBytes(1)));
-    Expect({{'1', false, 600, true},
-            {'0', false, 900, true},
-            {'0', true, 1000, true},
-            {'0', false, 1400, true},
-            {'0', false, 1550, true}});  // units up to 500 are too old now, and 900 can't be shown without them
+    Expect("a600+ v900+ V1000+ v1400+ v1550+");  // units up to 500 are too old now, and 900 can't be shown without them
     Drain(6);
     EXPECT_EQ((std::vector<unsigned int>{4, 5, 6}), m_reader.Numbers(0));
     EXPECT_EQ((std::vector<unsigned int>{2}), m_reader.Numbers(1));
@@ -159,14 +149,14 @@ TEST_F(QueueTest, AgedMediaGoesUpToAKeyFrameAndTextStays) {
 
 TEST_F(QueueTest, AllGoneWithAgeTheTrackWaitsAndTheSocketStillCountsAsFull) {
     m_queue.SetLimit(0, 1000);
-    Expect({{'0', true, 0, true}, {'0', false, 5000, false}});
+    Expect("V0+ v5000-");
     EXPECT_EQ(1, m_face.watches) << "no second watch while the first one stands";
     Drain(1);
-    Expect({{'0', false, 5000, false}, {'0', true, 5000, true}});
+    Expect("v5000- V5000+");
 }
 
 TEST_F(QueueTest, DetachedMediaGoesButTextAndTheBegunUnitStay) {
-    Expect({{'0', true, 1, true}});
+    Expect("V+");
     FakeFace control;
     ASSERT_EQ(0, m_queue.Attach(&control, false, 8));
     FakeFace second;
@@ -180,7 +170,7 @@ TEST_F(QueueTest, DetachedMediaGoesButTextAndTheBegunUnitStay) {
 
 TEST_F(QueueTest, ClearedTextLeavesTheBegunOneWhole) {
     EXPECT_EQ(0, SendText(TextBytes(1)));
-    Expect({{'0', true, 1, true}});
+    Expect("V+");
     m_queue.ClearText();
     Drain(2);
     EXPECT_EQ((std::vector<unsigned int>{0}), m_reader.Numbers(-1));
@@ -200,7 +190,7 @@ TEST_F(QueueTest, UnreadTextIsBoundedAndFailureIsToldOncePerHandler) {
     m_queue.SetExceptionId(&control, 8);
     m_queue.SetExceptionId(&control, 8);
     EXPECT_EQ((std::vector<long>{8}), control.failures) << "one that asks late is told at once";
-    EXPECT_FALSE(Put({'0', true, 1, false}));
+    Expect("V-");
     EXPECT_EQ(-1, m_queue.SendText("x", 1));
 }
 
@@ -257,11 +247,11 @@ TEST_F(QueueTest, CountersTellWhatWentOutWholeAndWhatWasDropped) {
     };
     const Figures start;
     m_queue.SetLimit(2 * COST, 1000);
-    Expect({{'0', true, 1, true}, {'0', false, 1, true}, {'0', false, 1, false}, {'0', true, 1, false}});
+    Expect("V+ v+ v- V-");
     EXPECT_EQ((std::vector<uint64_t>{0, 0, 2}), since(start)) << "what waits isn't sent";
     Drain(3);
     EXPECT_EQ((std::vector<uint64_t>{2, 2000, 2}), since(start)) << "text doesn't count";
-    Expect({{'0', false, 1, false}});  // on an idle socket as well: its track waits
+    Expect("v-");  // on an idle socket as well: its track waits
     EXPECT_EQ((std::vector<uint64_t>{2, 2000, 3}), since(start));
     const std::string one = MediaBytes(0, m_number++, true, 96);
     for (const bool pair : {false, true}) {
@@ -281,7 +271,7 @@ TEST_F(QueueTest, CountersTellWhatWentOutWholeAndWhatWasDropped) {
 }
 
 TEST_F(QueueTest, GoneSocketIsNotTouched) {
-    Expect({{'0', true, 1, true}});
+    Expect("V+");
     m_queue.OnSockGone();
     EXPECT_EQ(-1, m_queue.SendText("x", 1));
     m_queue.OnWritable();
