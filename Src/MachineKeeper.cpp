@@ -34,12 +34,7 @@ bool deliver_or_end(CStateMachine& machine, StateEvent* event) {
 
 }  // namespace
 
-CMachineKeeper::CMachineKeeper() : m_machine(new (std::nothrow) CStateMachine) {
-    if (m_machine != nullptr && !m_machine->valid()) {
-        delete m_machine;
-        m_machine = nullptr;
-    }
-}
+CMachineKeeper::CMachineKeeper() : m_machine(new (std::nothrow) CStateMachine) {}
 
 CMachineKeeper::~CMachineKeeper() {
     if (m_machine != nullptr) {
@@ -106,8 +101,8 @@ void CMachineKeeper::release() {
     }
 }
 
-bool CMachineKeeper::forget_events() {
-    return m_machine != nullptr && m_machine->forget_events();
+bool CMachineKeeper::idle() {
+    return m_machine != nullptr && m_machine->idle();
 }
 
 CMachineGuard::CMachineGuard(CMachineKeeper* machine_keeper) {

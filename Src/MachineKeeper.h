@@ -58,9 +58,8 @@ public:
     bool hold();
     void release();
 
-    // Releases the memory of past events, for a conversation that will be quiet for seconds. False, with nothing
-    // done, if one is in flight or its reply is still awaited.
-    bool forget_events();
+    // Whether no event runs or waits, and no reply is awaited.
+    bool idle();
 
 private:
     friend class CMachineGuard;

@@ -1,9 +1,7 @@
 #include "RequestBuffer.h"
 
 #include <cstring>
-#include <memory>
 
-#include "Ostra/PageMemory.h"
 #include "SvrConversation.h"
 #include "Tramel/Interleave.h"
 #include "Vidora/Ostra/ByteReader.h"
@@ -12,76 +10,74 @@ namespace Kavio {
 namespace Vidora {
 
 namespace {
-const size_t PAGE = 4096;
 // An empty frame is taken together with the first byte behind it.
 const int MIN_INTERLEAVED_FRAME = Tramel::INTERLEAVE_HEADER_SIZE + 1;
 }  // namespace
 
-void CRequestBuffer::SetSpace(void* space) {
-    size_t room = SPACE;
-    m_bytes = static_cast<char*>(std::align(PAGE, SIZE + 1, space, room));
-    m_bytes[0] = '\0';
+char* CRequestBuffer::Free() {
+    CMessageMemory* memory = m_conversation.OpenMemory();
+    return memory != nullptr ? memory->received + memory->received_length : nullptr;
 }
 
-int CRequestBuffer::Take(int count, CSvrConversation& conversation) {
-    m_length += count;
-    if (m_length > SIZE) {
+int CRequestBuffer::Room() {
+    const CMessageMemory* memory = m_conversation.OpenMemory();
+    return memory != nullptr ? SIZE - memory->received_length : 0;
+}
+
+void CRequestBuffer::Clear() {
+    if (CMessageMemory* memory = m_conversation.OpenMemory()) {
+        memory->received_length = 0;
+    }
+}
+
+int CRequestBuffer::Take(int count) {
+    CMessageMemory* memory = m_conversation.OpenMemory();
+    if (memory == nullptr || count > SIZE - memory->received_length) {
         logError("%s:%d, parse_request parameter invalid.\n", __FILE__, __LINE__);
         return -1;
     }
-    const int received = m_length;
-    m_bytes[received] = '\0';
-    const char* cursor = m_bytes;
-    bool had_messages = false;
-    while (m_length != 0) {
+    memory->received_length += count;
+    const int left = serve(*memory);
+    m_conversation.ReleaseMemory();
+    return left;
+}
+
+// The count that is left, or negative.
+int CRequestBuffer::serve(CMessageMemory& memory) {
+    int& length = memory.received_length;
+    memory.received[length] = '\0';
+    const char* cursor = memory.received;
+    while (length != 0) {
         const bool is_frame = *cursor == Tramel::INTERLEAVE_MARK;
-        const int taken = is_frame ? take_frame(cursor, conversation) : conversation.TakeMessage(cursor, m_length);
+        const int taken = is_frame ? take_frame(cursor, length) : m_conversation.TakeMessage(cursor, length);
         if (taken < 0) {
             return -1;
         }
         if (taken == 0) {
             break;
         }
-        had_messages = had_messages || !is_frame;
         cursor += taken;
-        m_length -= taken;
+        length -= taken;
     }
-    if (m_length == 0) {
-        empty(received, had_messages, conversation);
-    } else {
-        memmove(m_bytes, cursor, static_cast<size_t>(m_length));
-    }
-    return m_length;
-}
-
-// Zeroes the `used` bytes. A session that streams is quiet for seconds: it releases that page, and what its last
-// message left in others.
-void CRequestBuffer::empty(int used, bool had_messages, CSvrConversation& conversation) {
-    memset(m_bytes, 0, static_cast<size_t>(used));
-    if (!conversation.IsStreaming()) {
-        return;
-    }
-    Ostra::ForgetPages(m_bytes, SIZE);
-    if (had_messages) {
-        conversation.ForgetMessages();
-    }
+    memmove(memory.received, cursor, static_cast<size_t>(length));
+    return length;
 }
 
 // The bytes that the frame takes, or 0 if it isn't whole.
-int CRequestBuffer::take_frame(const char* cursor, CSvrConversation& conversation) const {
-    if (m_length < MIN_INTERLEAVED_FRAME) {
+int CRequestBuffer::take_frame(const char* cursor, int length) const {
+    if (length < MIN_INTERLEAVED_FRAME) {
         return 0;
     }
-    CByteReader reader(cursor, static_cast<size_t>(m_length));
+    CByteReader reader(cursor, static_cast<size_t>(length));
     reader.Skip(1);
     const int channel = reader.ReadU8();
-    const unsigned int length = reader.ReadU16();
-    const unsigned char* data = reader.ReadBytes(length);
+    const unsigned int size = reader.ReadU16();
+    const unsigned char* data = reader.ReadBytes(size);
     if (!reader.Ok()) {
         return 0;
     }
-    conversation.TakeReport(data, length, channel);
-    return static_cast<int>(length + Tramel::INTERLEAVE_HEADER_SIZE);
+    m_conversation.TakeReport(data, size, channel);
+    return static_cast<int>(size + Tramel::INTERLEAVE_HEADER_SIZE);
 }
 
 }  // namespace Vidora

@@ -1,7 +1,7 @@
 #ifndef VIDORA_REQUESTBUFFER_H
 #define VIDORA_REQUESTBUFFER_H
 
-#include <cstddef>
+#include "Protocol/MessageMemory.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -9,37 +9,32 @@ namespace Vidora {
 class CSvrConversation;
 
 // CRequestBuffer: what has come on a stream from one client and isn't served yet. It cuts the bytes into messages and
-// interleaved frames (RFC 2326 10.12), and hands them to the conversation.
+// interleaved frames (RFC 2326 10.12), and hands them to the conversation, in whose memory they wait.
 //
 // THREADING  The conversation's strand.
-// OWNERSHIP  Borrows its memory, so that the owner can lay that where nothing else is: while nothing waits, and media
-//            flow, it is given back to the system.
+// OWNERSHIP  Lives as long as its conversation, which it doesn't use before the first call.
 class CRequestBuffer {
 public:
-    static const int SIZE = 4096;  // the largest request
-    static const size_t SPACE = size_t{3} * 4096;
+    static const int SIZE = RTSP_MAX_MESSAGE;  // the largest request
 
-    CRequestBuffer() = default;
+    explicit CRequestBuffer(CSvrConversation& conversation) : m_conversation(conversation) {}
     CRequestBuffer(const CRequestBuffer&) = delete;
     CRequestBuffer& operator=(const CRequestBuffer&) = delete;
 
-    // Before anything else: the memory, SPACE zeros.
-    void SetSpace(void* space);
-    // Where the next bytes go, and how many at most.
-    char* Free() { return m_bytes + m_length; }
-    int Room() const { return SIZE - m_length; }
+    // Where the next bytes go, and how many at most: none as well if memory is short.
+    char* Free();
+    int Room();
     // Takes `count` more bytes, and serves what is whole; the rest moves to the front. The count that is left;
     // negative: the conversation has to end.
-    int Take(int count, CSvrConversation& conversation);
-    // Forgets what waits.
-    void Clear() { m_length = 0; }
+    int Take(int count);
+    // Drops what waits.
+    void Clear();
 
 private:
-    int take_frame(const char* cursor, CSvrConversation& conversation) const;
-    void empty(int used, bool had_messages, CSvrConversation& conversation);
+    int serve(CMessageMemory& memory);
+    int take_frame(const char* cursor, int length) const;
 
-    char* m_bytes = nullptr;  // SIZE, and a NUL
-    int m_length = 0;         // that wait
+    CSvrConversation& m_conversation;
 };
 
 }  // namespace Vidora

@@ -16,7 +16,7 @@ enum state_event_t {
     STATE_EVENT_REFUSED = 3  // the number of kinds
 };
 
-// StateEvent: one event, at the beginning of a node of the machine's pool. It is valid during the call that gets it.
+// StateEvent: one event, with its text behind it. It is valid during the call that gets it.
 struct StateEvent {
     int type;         // state_event_t
     uint32_t size;    // of the whole record: header and text, or 24 for STATE_EVENT_ASYN, which ends with `method`

@@ -1,9 +1,10 @@
 #include "StateMachine.h"
 
+#include <algorithm>
 #include <condition_variable>
 #include <mutex>
+#include <new>
 
-#include "Ostra/PageMemory.h"
 #include "Vidora/Types.h"
 
 namespace Kavio {
@@ -11,7 +12,7 @@ namespace Vidora {
 
 namespace {
 
-// An event with a smaller identifier doesn't go back to the pool.
+// An event with a smaller identifier is the machine's own.
 const uint64_t FIRST_EVENT_ID = 0x2012;
 const uint64_t SPARE_EVENT_ID = 0x2011;
 const uint64_t END_EVENT_ID = 0x2010;
@@ -50,21 +51,19 @@ CStateMachine::CStateMachine()
     : m_next_id(FIRST_EVENT_ID),
       m_spare_event{STATE_EVENT_ASYN, STATE_EVENT_ASYN_SIZE, SPARE_EVENT_ID, 0, 0, 0, 0},
       m_end_event{STATE_EVENT_ASYN, STATE_EVENT_ASYN_SIZE, END_EVENT_ID, 0, 0, 0, 0},
-      m_spare_copy(m_spare_event),
-      m_pool_memory(Ostra::NewPages(POOL_BYTES)) {
+      m_spare_copy(m_spare_event) {
     m_rx_list.Init(m_rx_nodes, LIST_SIZE);
     m_asyn_list.Init(m_asyn_nodes, LIST_SIZE);
-    if (m_pool_memory != nullptr) {
-        m_pool.Init(m_pool_memory, POOL_SIZE, NODE_SIZE);
-    }
 }
 
 CStateMachine::~CStateMachine() {
+    const CGuard guard(m_mutex);
+    drop_messages_locked();
+    while (StateEvent* event = m_asyn_list.Pop()) {
+        free_event(event);
+    }
     for (IState* state : m_states) {
         delete state;
-    }
-    if (m_pool_memory != nullptr) {
-        Ostra::DeletePages(m_pool_memory, POOL_BYTES);
     }
 }
 
@@ -87,11 +86,20 @@ int CStateMachine::set_state(int number) {
     return 0;
 }
 
+StateEvent* CStateMachine::new_event(uint32_t event_size) {
+    const size_t size = std::max(size_t{event_size}, sizeof(StateEvent)) + 1;  // a NUL follows the text
+    void* memory = m_events_in_flight++ < MAX_EVENTS ? ::operator new(size, std::nothrow) : nullptr;
+    if (memory == nullptr) {
+        --m_events_in_flight;
+    }
+    return static_cast<StateEvent*>(memory);
+}
+
 StateEvent* CStateMachine::GetEvent(int type, uint32_t event_size, uint64_t id) {
     if (!OSTRA_ASSERT(event_size <= MAX_EVT_SIZE)) {
         return nullptr;
     }
-    StateEvent* event = static_cast<StateEvent*>(m_pool.Get());
+    StateEvent* event = new_event(event_size);
     if (event == nullptr) {
         if (type == STATE_EVENT_ASYN) {
             return &m_spare_event;
@@ -110,7 +118,11 @@ StateEvent* CStateMachine::GetEvent(int type, uint32_t event_size, uint64_t id) 
 }
 
 int CStateMachine::deliver(StateEvent* event) {
-    if (event == nullptr || event->type < STATE_EVENT_RX || event->type >= STATE_EVENT_REFUSED) {
+    if (event == nullptr) {
+        return 0;
+    }
+    if (event->type < STATE_EVENT_RX || event->type >= STATE_EVENT_REFUSED) {
+        free_event(event);
         return 0;
     }
     return admit(event) < 0 ? 0 : execute(event);
@@ -161,9 +173,9 @@ int CStateMachine::deliver_asyn(StateEvent* event, uint32_t msg) {
 
 // The event if the caller is to run it; null if it is queued or dropped.
 StateEvent* CStateMachine::admit_asyn_locked(StateEvent* event, uint32_t msg) {
-    // After a fatal message later ones are shed, but for an answer to the one that ran last. Their nodes stay taken:
-    // the session is ending.
+    // After a fatal message later ones are shed, but for an answer to the one that ran last.
     if (msg != MSG_MACHINE_DESTROY && m_asyn_mask >= MSG_SESSION_BROKEN && event->id != m_wait_id) {
+        free_event(event);
         return nullptr;
     }
     if (m_asyn_mask == 0) {
@@ -182,8 +194,8 @@ StateEvent* CStateMachine::admit_asyn_locked(StateEvent* event, uint32_t msg) {
     return runnable_locked(event);
 }
 
-// From the first asynchronous message on none of these can run. Their nodes are for the messages to come: with a node a
-// message has the identifier that it was given, by which an answer is known after a fatal one.
+// From the first asynchronous message on none of these can run. Their places are for the messages to come: with an
+// event of its own a message has the identifier that it was given, by which an answer is known after a fatal one.
 void CStateMachine::drop_messages_locked() {
     if (m_matched_event != nullptr) {
         free_event(m_matched_event);
@@ -194,7 +206,7 @@ void CStateMachine::drop_messages_locked() {
     }
 }
 
-// The list has room for the whole pool, m_end_event, and m_spare_event once.
+// The list has room for ten events, m_end_event, and m_spare_event once.
 void CStateMachine::queue_asyn_locked(StateEvent* event) {
     const bool spare = event == &m_spare_event;
     if (!spare || !m_spare_waits) {
@@ -273,7 +285,8 @@ StateEvent* CStateMachine::next_event_locked() {
 
 void CStateMachine::free_event(StateEvent* event) {
     if (event->id >= FIRST_EVENT_ID) {
-        m_pool.Put(event);
+        ::operator delete(event);
+        --m_events_in_flight;
     }
 }
 
@@ -407,14 +420,9 @@ void CStateMachine::release() {
     execute(event);
 }
 
-bool CStateMachine::forget_events() {
-    {
-        const CGuard guard(m_mutex);
-        if (m_busy || m_wait_id != 0) {
-            return false;
-        }
-    }
-    return m_pool.Clear(Ostra::ForgetPages);
+bool CStateMachine::idle() {
+    const CGuard guard(m_mutex);
+    return !m_busy && m_wait_id == 0 && m_events_in_flight == 0;
 }
 
 }  // namespace Vidora

@@ -1,20 +1,18 @@
 #ifndef VIDORA_STATEMACHINE_H
 #define VIDORA_STATEMACHINE_H
 
-#include <cstddef>
+#include <atomic>
 #include <cstdint>
 #include <thread>
 
 #include "State.h"
 #include "Vidora/Names.h"
-#include "Vidora/NodePool.h"
 #include "Vidora/SeqList.h"
 
 namespace Kavio {
 namespace Vidora {
 
-// The largest event: its header, and the largest RTSP message as its text. Each node of the pool has room for the
-// text's NUL behind it.
+// The largest event: its header, and the largest RTSP message as its text.
 const uint32_t MAX_MESSAGE_SIZE = 4096;
 const uint32_t MAX_EVT_SIZE = STATE_EVENT_TEXT_OFFSET + MAX_MESSAGE_SIZE;
 
@@ -31,8 +29,8 @@ const uint32_t MAX_EVT_SIZE = STATE_EVENT_TEXT_OFFSET + MAX_MESSAGE_SIZE;
 // Owns its states. It deletes itself when MSG_MACHINE_DESTROY runs, the only way that it ends.
 //
 // MEMORY
-// The events lie in 40 kB of untouched pages: a machine that serves one short request at a time has two of them
-// resident, and none after forget_events. A peer can make it keep ten messages of 4 kB; the eleventh ends the session.
+// An event is on the heap, with its text, while it waits or runs. A peer can make it keep ten messages of 4 kB; the
+// eleventh ends the session.
 class CStateMachine {
 public:
     CStateMachine();
@@ -40,16 +38,14 @@ public:
     CStateMachine(const CStateMachine&) = delete;
     CStateMachine& operator=(const CStateMachine&) = delete;
 
-    // False if there was no memory for events.
-    bool valid() const { return m_pool_memory != nullptr; }
-
     // Before the first event. set_state_obj takes the state over, also on failure; 0, or -1 for a number outside 0
     // to 3. set_state enters 0 to 4, where 4 is "no state"; 0 or -1.
     int set_state_obj(int number, IState* state);
     int set_state(int number);
 
-    // Takes an event of `event_size` bytes in all from the pool, with a new identifier if `id` is 0. Null when all ten
-    // are in flight; but an asynchronous message then gets m_spare_event with its own identifier, and so never null.
+    // An event of `event_size` bytes in all, behind which there is room for a NUL, with a new identifier if `id` is 0.
+    // Null when ten are in flight, or memory is short; but an asynchronous message then gets m_spare_event with its own
+    // identifier, and so never null.
     StateEvent* GetEvent(int type, uint32_t event_size, uint64_t id);
 
     // Runs or queues an event of type rx or tx. 0, or negative on failure. The machine may be gone on return.
@@ -73,8 +69,8 @@ public:
     // Ends one hold and runs what came meanwhile. The machine may be gone then.
     void release();
 
-    // Releases the memory of the events. False, with nothing done, if one is in flight or a reply is awaited.
-    bool forget_events();
+    // Whether no event is in flight, and no reply is awaited.
+    bool idle();
 
 private:
     typedef int (CStateMachine::*event_handler_t)(StateEvent&);
@@ -82,10 +78,9 @@ private:
 
     static const int STATE_COUNT = 4;
     static const int LIST_SIZE = 20;
-    static const int POOL_SIZE = 10;
-    static const uint16_t NODE_SIZE = MAX_EVT_SIZE + 16;
-    static const size_t POOL_BYTES = size_t{POOL_SIZE} * NODE_SIZE;
+    static const int MAX_EVENTS = 10;
 
+    StateEvent* new_event(uint32_t event_size);
     int admit(StateEvent* event);
     StateEvent* admit_asyn_locked(StateEvent* event, uint32_t msg) VIDORA_REQUIRES(m_mutex);
     void set_busy_locked() VIDORA_REQUIRES(m_mutex);
@@ -129,8 +124,7 @@ private:
     IState* m_state = nullptr;
     int m_next_state = 0;  // the state's number, or that of the state to enter when the awaited event comes
 
-    NodePool m_pool;
-    void* const m_pool_memory;  // may be null
+    std::atomic<int> m_events_in_flight{0};
 };
 
 }  // namespace Vidora

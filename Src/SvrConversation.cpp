@@ -131,9 +131,10 @@ void CSvrConversation::TakeReport(const unsigned char* data, unsigned int length
     }
 }
 
-void CSvrConversation::ForgetMessages() {
-    if (m_machine.forget_events()) {
-        m_codec.forget_texts();
+void CSvrConversation::ReleaseMemory() {
+    const CMessageMemory* memory = m_codec.memory();
+    if (memory != nullptr && memory->received_length == 0 && m_machine.idle()) {
+        m_codec.release_memory();
     }
 }
 
@@ -272,6 +273,7 @@ void CSvrConversation::OnTimer(long timer_id) {
     } else if (m_reports.Is(timer_id) && m_reports.OnTimer(m_route) < 0) {
         End(MSG_SRC_FAIL);
     }
+    ReleaseMemory();
 }
 
 // The control connection was silent for the keep-alive time.
@@ -298,6 +300,7 @@ void CSvrConversation::OnMessage(unsigned int msg, long param) {
     if (own < 0 || (result < 0 && !refuse_awaited(result))) {
         End(msg);
     }
+    ReleaseMemory();
 }
 
 // Of the conversation's own parts. Negative if it has to end for it.

@@ -39,8 +39,9 @@ enum conversation_message_t {
 //            note and a message for the strand. The machine is thus driven from one thread at a time. Functions of the
 //            host are called with no lock held; whatever they close or delete notifies this conversation by a message.
 // OWNERSHIP  A value inside the object that is the link, and that calls Release before it dies.
-// MEMORY     What outlives a message lies first, the codec with its texts last; see CRtspParser. A peer can make it
-//            keep the machine's ten messages and the gate's one.
+// MEMORY     Some 2 kB, the description on the heap, and a CMessageMemory while a request comes, is served or
+// waits
+//            for its answer. A peer can make it keep the machine's ten messages and the gate's one.
 class CSvrConversation : private IAuthGateOwner {
 public:
     explicit CSvrConversation(ISvrLink& link);
@@ -69,8 +70,10 @@ public:
     void TakeReport(const unsigned char* data, unsigned int length, int channel);
     // Whether media flow: nothing may come for a long time.
     bool IsStreaming() const { return m_streaming; }
-    // Releases what the last messages have left in memory, unless their replies are still to be made of it.
-    void ForgetMessages();
+    // The memory of what comes now. Null if memory is short: end it then.
+    CMessageMemory* OpenMemory() { return m_codec.open_memory(); }
+    // Releases that memory, unless a part of a message waits in it, or a reply is still to be made of it.
+    void ReleaseMemory();
 
     // What the handler is told: its messages, its timers, a time-out of its control connection, an error of it.
     void OnMessage(unsigned int msg, long param);

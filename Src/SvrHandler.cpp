@@ -3,8 +3,6 @@
 #include <atomic>
 #include <utility>
 
-#include "Ostra/PageMemory.h"
-
 namespace Kavio {
 namespace Vidora {
 
@@ -13,14 +11,6 @@ namespace {
 std::atomic<unsigned int> session_count{0};
 
 }  // namespace
-
-void* CSvrHandler::operator new(std::size_t size, const std::nothrow_t&) noexcept {
-    return Ostra::NewPages(size);
-}
-
-void CSvrHandler::operator delete(void* memory, std::size_t size) noexcept {
-    Ostra::DeletePages(memory, size);
-}
 
 CSvrHandler::CSvrHandler(CSvrConversation& conversation) : m_talk(conversation) {
     ++session_count;

@@ -1,9 +1,7 @@
 #ifndef VIDORA_SVRHANDLER_H
 #define VIDORA_SVRHANDLER_H
 
-#include <cstddef>
 #include <memory>
-#include <new>
 
 #include "SessionRoll.h"
 #include "SvrConversation.h"
@@ -20,14 +18,10 @@ namespace Vidora {
 //            reached from another handler must do the same: Notify, with MSG_SESSION_END.
 // OWNERSHIP  It dies by Close, in handle_close, and nowhere else; a session in a roll leaves that as the very last
 //            thing.
-// MEMORY     Taken from the system as untouched pages; what a session doesn't use takes no memory.
 class CSvrHandler : public CNetHandler, public ISvrLink {
 public:
     // Sessions that live now, in the whole process.
     static unsigned int GetCount();
-    // Only the form without exceptions: `new (std::nothrow)`.
-    static void* operator new(std::size_t size, const std::nothrow_t&) noexcept;
-    static void operator delete(void* memory, std::size_t size) noexcept;
 
     // Before the session starts.
     void SetConfig(const CRtspSvrConfig& config) { m_talk.SetConfig(config); }

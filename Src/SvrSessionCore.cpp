@@ -18,9 +18,7 @@ const unsigned int MIN_PEER_TIMEOUT_SEC = 10;  // a few retransmissions on a bad
 
 }  // namespace
 
-CSvrSessionCore::CSvrSessionCore() : CSvrHandler(m_conversation), m_conversation(*this) {
-    m_requests.SetSpace(m_request_space);
-}
+CSvrSessionCore::CSvrSessionCore() : CSvrHandler(m_conversation), m_conversation(*this) {}
 
 CSvrSessionCore::~CSvrSessionCore() {
     if (m_sock != nullptr) {
@@ -59,7 +57,7 @@ void CSvrSessionCore::watch_peer(CSockStream& sock) const {
 }
 
 int CSvrSessionCore::take_requests(int count) {
-    if (m_requests.Take(count, m_conversation) < 0) {
+    if (m_requests.Take(count) < 0) {
         m_conversation.End(MSG_SRC_FAIL);
         return -1;
     }

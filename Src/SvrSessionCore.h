@@ -14,8 +14,9 @@ namespace Vidora {
 // in common. A derived class reads the bytes of requests into m_requests.
 //
 // OWNERSHIP  Owns the socket, the sender on it and the conversation.
-// MEMORY     A session that streams has one page resident, in which everything lies that outlives a message, and some
-//            5 kB of the heap. A peer can make it keep 4 kB of unread bytes and what the conversation keeps.
+// MEMORY     A peer can make it keep one CMessageMemory for bytes of a request that never ends, and what the
+// conversation
+//            keeps.
 class CSvrSessionCore : public CSvrHandler {
 public:
     int handle_output(int fd) override;
@@ -45,12 +46,8 @@ private:
 
 protected:
     CSockStream* m_sock = nullptr;  // texts and media leave here; owned
-    CRequestBuffer m_requests;
-    // Behind the few fields above: what it ends with are pages that stay untouched.
+    CRequestBuffer m_requests{m_conversation};
     CSvrConversation m_conversation;
-
-private:
-    char m_request_space[CRequestBuffer::SPACE];  // last: untouched while it is empty
 };
 
 }  // namespace Vidora

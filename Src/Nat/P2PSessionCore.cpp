@@ -50,9 +50,7 @@ int CP2PSessionCore::take_request(const char* text, int length) {
         m_conversation.End(MSG_SRC_FAIL);
         return -1;
     }
-    if (m_conversation.IsStreaming()) {  // the next request is seconds away
-        m_conversation.ForgetMessages();
-    }
+    m_conversation.ReleaseMemory();
     return 0;
 }
 

@@ -53,7 +53,6 @@ private:
     CLastReply m_last_reply;
 
 protected:
-    // Behind the few fields above: what it ends with are pages that stay untouched.
     CSvrConversation m_conversation;
 };
 

@@ -3,8 +3,7 @@
 
 // Records that the RTSP codecs and their users exchange.
 //
-// A record that holds long texts is emptied by the first byte of each: it is a member of every session, and clearing
-// its arrays whole would make pages resident that few sessions ever use. Nothing reads behind a text's NUL.
+// A record that holds long texts is emptied by the first byte of each. Nothing reads behind a text's NUL.
 
 #include <cstdint>
 
@@ -12,6 +11,12 @@
 
 namespace Kavio {
 namespace Vidora {
+
+enum rtsp_limit_t {
+    RTSP_MAX_MESSAGE = 4096,  // headers and body together
+    RTSP_MAX_TEXT = 1024,     // characters of a URL, a session line, a header value
+    RTSP_METHOD_COUNT = 8
+};
 
 // Form of a Range header (RFC 2326 3.6, 3.7).
 enum range_type_t { RANGE_TYPE_NPT = 0, RANGE_TYPE_CLOCK = 1 };

@@ -4,7 +4,6 @@
 #include <cstring>
 #include <new>
 
-#include "Ostra/PageMemory.h"
 #include "Protocol/LogQuote.h"
 #include "Protocol/TextWriter.h"
 #include "Tramel/StrParser.h"
@@ -28,20 +27,9 @@ unsigned int count_leading_blanks(const char* text, unsigned int length) {
 
 }  // namespace
 
-// The arrays are emptied, not cleared: see MEMORY in the header.
-CRtspParser::CRtspParser() {
-    for (char* text : {m_session, m_public, m_url, m_auth, m_content_type, m_out_msg}) {
-        text[0] = '\0';
-    }
-}
+CRtspParser::CRtspParser() = default;
 
 CRtspParser::~CRtspParser() = default;
-
-void CRtspParser::forget_texts() {
-    char* end = m_body + sizeof(m_body);
-    char* begin = m_session + std::strlen(m_session) + 1;
-    Ostra::ForgetPages(begin, static_cast<size_t>(end - begin));
-}
 
 int CRtspParser::parse_message(const char* buffer, unsigned int length, rtsp_msg_info* info) {
     rtsp_msg_info own;
@@ -134,14 +122,14 @@ int CRtspParser::parse_body(CStrParser& text) {
     }
     if (text.LocateString(HEADER_END) > 0) {
         text.ConsumeLength(HEADER_END_SIZE, nullptr, 0);
-        m_body_length =
-            std::max(text.ConsumeLength(static_cast<unsigned int>(m_content_length), m_body, sizeof m_body), 0);
+        m_body_length = std::max(
+            text.ConsumeLength(static_cast<unsigned int>(m_content_length), m_texts->body, sizeof m_texts->body), 0);
     }
 
     text.ResetAll();
-    m_content_type[0] = '\0';
+    m_texts->content_type[0] = '\0';
     if (text.LocateStringCase("Content-Type") >= 0) {
-        read_value(text, "Content-Type:", m_content_type, sizeof m_content_type);
+        read_value(text, "Content-Type:", m_texts->content_type, sizeof m_texts->content_type);
     }
     return RTSP_OK;
 }
@@ -165,14 +153,14 @@ void CRtspParser::read_number_pair(CStrParser& text, int* first, int* second) {
 }
 
 bool CRtspParser::read_transport_kind(CStrParser& text) {
-    m_transport.packet_type = find_header(text, "Transport: KX") ? PACKET_TYPE_KX : PACKET_TYPE_RTP;
+    m_texts->transport.packet_type = find_header(text, "Transport: KX") ? PACKET_TYPE_KX : PACKET_TYPE_RTP;
     // On from where the cursor is: from the start, or from that match.
     if (text.LocateStringCase("AVP/TCP") >= 0) {
-        m_transport.transport = RTP_OVER_RTSP;
+        m_texts->transport.transport = RTP_OVER_RTSP;
         return true;
     }
     if (text.LocateStringCase("AVP") >= 0) {
-        m_transport.transport = RTP_OVER_UDP;
+        m_texts->transport.transport = RTP_OVER_UDP;
         return true;
     }
     return false;
@@ -281,7 +269,7 @@ const char* CRtspParser::get_content_type(int* content_length) const {
     if (content_length != nullptr) {
         *content_length = m_content_length;
     }
-    return m_content_type;
+    return m_texts != nullptr ? m_texts->content_type : "";
 }
 
 int CRtspParser::get_npt_range(double* begin, double* end) const {

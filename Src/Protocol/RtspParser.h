@@ -6,6 +6,7 @@
 #include <string>
 #include <utility>
 
+#include "Protocol/MessageMemory.h"
 #include "Protocol/RtspInfo.h"
 #include "Protocol/RtspMsgInfo.h"
 #include "Vidora/Names.h"
@@ -24,12 +25,6 @@ enum rtsp_result_t {
     RTSP_CHALLENGE = -8        // a 401 reply; get_auth() has the challenge
 };
 
-enum rtsp_limit_t {
-    RTSP_MAX_MESSAGE = 4096,  // headers and body together
-    RTSP_MAX_TEXT = 1024,     // characters of a URL, a session line, a header value
-    RTSP_METHOD_COUNT = 8
-};
-
 // CRtspParser: what the server's and the client's RTSP codec share (RFC 2326): the buffers of one message, the rule
 // that finds a message's end in a byte stream, the readers of headers that both sides get, and the extra headers that
 // the application may add to what is generated.
@@ -43,8 +38,7 @@ enum rtsp_limit_t {
 // one written; after a failed read the fields hold whatever the message reached.
 //
 // THREADING  None of its own: one thread at a time. See CRtspReqParser for the client's two threads.
-// MEMORY     About 16 kB, of which construction and ordinary messages touch the first 10 kB: only the first byte of a
-//            text is cleared, and the rarely used body lies behind the rest.
+// MEMORY     The texts are the derived class's: the client keeps its own, the server has them for a message at a time.
 class CRtspParser {
 public:
     typedef std::map<std::string, std::string> ext_keys_t;
@@ -98,23 +92,20 @@ public:
     // hours:minutes:seconds, headers without a blank. Otherwise they are searched for as older peers write them.
     void SetConformance(bool on) { m_conformance = on; }
 
-    // Releases the memory of the last message's texts, for a connection that will be quiet for seconds: all but the
-    // Session line may be empty then, until the next message.
-    void forget_texts();
-
-    // Pointers stay valid as long as the object; their text changes with the next message.
+    // Pointers stay valid until the next message or the release of the texts, that of get_session as long as the
+    // object.
     int get_method() const { return m_method; }
     int get_cseq() const { return m_cseq; }
     int get_status() const { return m_status; }
     // The whole Session line, header word and line end included; empty before there is a session.
     const char* get_session() const { return m_session; }
-    const char* get_url() const { return m_url; }
-    const char* get_body() const { return m_body_length > 0 ? m_body : ""; }
+    const char* get_url() const { return m_texts != nullptr ? m_texts->url : ""; }
+    const char* get_body() const { return m_body_length > 0 ? m_texts->body : ""; }
     // The value of Authorization (server) or WWW-Authenticate (client).
-    const char* get_auth() const { return m_auth; }
+    const char* get_auth() const { return m_texts != nullptr ? m_texts->auth : ""; }
     // `content_length` may be null.
     const char* get_content_type(int* content_length) const;
-    const transport_info* get_transport() const { return &m_transport; }
+    const transport_info* get_transport() const { return &m_texts->transport; }
     const multicast_info* get_multicast() const { return &m_multicast; }
     range_type_t get_range_type() const { return m_range_type; }
     // Seconds, or NPT_NOT_GIVEN. 0.
@@ -173,22 +164,11 @@ protected:
     bool m_has_open_start = false;
     bool m_back_channel = false;
     int m_range_cseq = 0;
-    // Of the server's codec alone. Here and not in its class, as they would lie behind the body and touch its pages.
-    uint64_t m_session_id = 0;
-    int m_client_kind = 0;
-    int m_refusal = 0;
     multicast_info m_multicast;
     ext_keys_t m_ext_keys[RTSP_METHOD_COUNT];
 
-    // Texts, NUL-terminated, empty at construction. What outlives the message lies first, what few messages use last.
-    char m_session[RTSP_MAX_TEXT + 1];
-    char m_public[RTSP_MAX_TEXT + 1];  // the methods that the server offers
-    char m_url[RTSP_MAX_TEXT + 1];
-    char m_auth[RTSP_MAX_TEXT + 1];
-    char m_content_type[RTSP_MAX_TEXT + 1];
-    transport_info m_transport;
-    char m_out_msg[RTSP_MAX_MESSAGE + 1];  // the last generated message
-    char m_body[RTSP_MAX_MESSAGE + 1];     // valid for m_body_length bytes
+    rtsp_texts* m_texts = nullptr;  // the derived class's; while it reads or writes a message never null
+    const char* m_session = "";     // the derived class's as well
 
 private:
     void read_rate(CStrParser& text, const char* key);

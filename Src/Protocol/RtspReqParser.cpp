@@ -47,6 +47,7 @@ bool add_transport(CTextWriter& line, const transport_info& t, const multicast_i
 
 CRtspReqParser::CRtspReqParser() {
     m_speed = 0.0F;
+    m_texts = &m_own_texts;
     m_base_url[0] = '\0';
     m_redirect_url[0] = '\0';
     m_source[0] = '\0';
@@ -60,7 +61,7 @@ void CRtspReqParser::set_url(const char* url) {
     }
     // clang-format on
     CGuard guard(m_shared_lock);
-    CTextWriter(m_url, sizeof m_url).Add(url);
+    CTextWriter(m_texts->url, sizeof m_texts->url).Add(url);
     CTextWriter(m_base_url, sizeof m_base_url).Add(url);
 }
 
@@ -70,13 +71,14 @@ void CRtspReqParser::set_next_cseq(unsigned int n) {
 }
 
 const char* CRtspReqParser::generate_options() {
-    return generate_request(RTSP_METHOD_OPTIONS, m_url[0] != '\0' ? m_url : "*", nullptr, nullptr, nullptr, 0);
+    return generate_request(RTSP_METHOD_OPTIONS, m_texts->url[0] != '\0' ? m_texts->url : "*", nullptr, nullptr,
+                            nullptr, 0);
 }
 
 const char* CRtspReqParser::generate_describe() {
     char headers[128];
     CTextWriter(headers, sizeof headers).Add("Accept: application/sdp\r\n", back_channel_tag());
-    return generate_request(RTSP_METHOD_DESCRIBE, m_url, headers, nullptr, nullptr, 0);
+    return generate_request(RTSP_METHOD_DESCRIBE, m_texts->url, headers, nullptr, nullptr, 0);
 }
 
 const char* CRtspReqParser::generate_setup(const transport_info* t, const multicast_info* m, bool back_channel) {
@@ -149,10 +151,11 @@ void CRtspReqParser::build_play_url(char* out, unsigned int size) {
     const char* host = std::strstr(m_base_url, "://");
     const char* path = host != nullptr ? std::strchr(host + 3, '/') : nullptr;
     if (path == nullptr) {
-        url.Add(m_url);
+        url.Add(m_texts->url);
         return;
     }
-    const char* found = std::strlen(m_url) >= RTSP_SCHEME_SIZE ? std::strstr(m_url + RTSP_SCHEME_SIZE, path) : nullptr;
+    const char* found =
+        std::strlen(m_texts->url) >= RTSP_SCHEME_SIZE ? std::strstr(m_texts->url + RTSP_SCHEME_SIZE, path) : nullptr;
     url.Add(m_base_url);
     if (found == nullptr) {
         return;
@@ -166,11 +169,11 @@ void CRtspReqParser::build_play_url(char* out, unsigned int size) {
 }
 
 const char* CRtspReqParser::generate_pause() {
-    return generate_request(RTSP_METHOD_PAUSE, m_url, nullptr, nullptr, nullptr, 0);
+    return generate_request(RTSP_METHOD_PAUSE, m_texts->url, nullptr, nullptr, nullptr, 0);
 }
 
 const char* CRtspReqParser::generate_teardown(char* buffer, int size) {
-    return generate_request(RTSP_METHOD_TEARDOWN, m_url, back_channel_tag(), nullptr, buffer, size);
+    return generate_request(RTSP_METHOD_TEARDOWN, m_texts->url, back_channel_tag(), nullptr, buffer, size);
 }
 
 const char* CRtspReqParser::generate_parameter(int method, const char* body, const char* content_type) {
@@ -180,7 +183,7 @@ const char* CRtspReqParser::generate_parameter(int method, const char* body, con
         lines.Add("Content-Length: ", static_cast<int>(std::strlen(body)),
                   "\r\nContent-Type: ", content_type != nullptr ? content_type : "text/parameters", "\r\n");
     }
-    return generate_request(method, m_url, headers, body, nullptr, 0);
+    return generate_request(method, m_texts->url, headers, body, nullptr, 0);
 }
 
 const char* CRtspReqParser::back_channel_tag() const {
@@ -195,13 +198,13 @@ const char* CRtspReqParser::generate_request(int method, const char* url, const 
         return nullptr;
     }
     const bool given = buffer != nullptr && size > 0;
-    char* message = given ? buffer : m_out_msg;
+    char* message = given ? buffer : m_texts->written;
     unsigned int cseq = 0;
     {
         CGuard guard(m_shared_lock);
         cseq = static_cast<unsigned int>(m_cseq) + 1;
         m_cseq = static_cast<int>(cseq);
-        CTextWriter(message, given ? static_cast<size_t>(size) : sizeof m_out_msg)
+        CTextWriter(message, given ? static_cast<size_t>(size) : sizeof m_texts->written)
             .Add(name, " ", url, " RTSP/", text_fixed{m_version, 1}, "\r\nUser-Agent: ", m_product)
             .Add("\r\nCSeq: ", cseq, "\r\n", m_session, std::string_view(extra), headers, "\r\n", body);
     }

@@ -72,7 +72,7 @@ public:
     const char* get_source() const { return m_source; }
 
     // The methods that the server offered.
-    const char* get_public() const { return m_public; }
+    const char* get_public() const { return m_own_texts.methods; }
     const char* get_base_url() const { return m_base_url; }
     // Target of a 301 or 302.
     const char* get_redirect_url() const { return m_redirect_url; }
@@ -119,6 +119,8 @@ private:
     std::unique_ptr<rtp_info_entry[], CFree> m_rtp_info;
     int m_rtp_info_count = 0;
     bool m_has_transport = false;
+    rtsp_texts m_own_texts;
+    char m_session_line[RTSP_MAX_TEXT + 1];
     char m_source[128];
     char m_base_url[RTSP_MAX_TEXT + 1];
     char m_redirect_url[RTSP_MAX_TEXT];

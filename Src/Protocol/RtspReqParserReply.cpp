@@ -103,7 +103,7 @@ int CRtspReqParser::parse_status_code(CStrParser& text) {
 int CRtspReqParser::read_challenge(CStrParser& text) {
     text.ResetAll();
     if (text.LocateStringCase("WWW-Authenticate:") >= 0) {
-        read_value(text, "WWW-Authenticate:", m_auth, sizeof m_auth);
+        read_value(text, "WWW-Authenticate:", m_texts->auth, sizeof m_texts->auth);
     }
     return RTSP_CHALLENGE;
 }
@@ -151,7 +151,7 @@ void CRtspReqParser::read_public(CStrParser& text) {
     }
     text.ConsumeUntil(' ');
     text.ConsumeWhitespace();
-    text.ConsumeSentence("\r\n", m_public, sizeof m_public);
+    text.ConsumeSentence("\r\n", m_texts->methods, sizeof m_texts->methods);
 }
 
 int CRtspReqParser::read_describe(CStrParser& text) {
@@ -182,7 +182,7 @@ void CRtspReqParser::read_content_base(CStrParser& text) {
     if (RtspFindScheme(value) != nullptr) {
         url.Add(value);
     } else {
-        const char* start = RtspFindScheme(m_url);
+        const char* start = RtspFindScheme(m_texts->url);
         const char* path = start != nullptr ? std::strchr(start + RTSP_SCHEME_SIZE, '/') : nullptr;
         if (path == nullptr) {
             return;
@@ -194,7 +194,7 @@ void CRtspReqParser::read_content_base(CStrParser& text) {
 }
 
 int CRtspReqParser::read_transport(CStrParser& text) {
-    m_transport.reset();
+    m_texts->transport.reset();
     text.ResetAll();
     m_has_transport = text.LocateStringCase("Transport:") >= 0;
     m_source[0] = '\0';
@@ -212,7 +212,7 @@ int CRtspReqParser::read_transport(CStrParser& text) {
     if (text.LocateStringCase("ssrc") >= 0) {
         text.ConsumeLength(sizeof "ssrc" - 1, nullptr, 0);
         text.ConsumeUntilHexDigit();
-        m_transport.ssrc = text.ConsumeHexUint32();
+        m_texts->transport.ssrc = text.ConsumeHexUint32();
     }
     read_source(text);
     return RTSP_OK;
@@ -220,36 +220,36 @@ int CRtspReqParser::read_transport(CStrParser& text) {
 
 void CRtspReqParser::read_ports(CStrParser& text) {
     text.ResetAll();
-    if (m_transport.transport == RTP_OVER_RTSP) {
+    if (m_texts->transport.transport == RTP_OVER_RTSP) {
         if (text.LocateStringCase("interleaved") >= 0) {
-            read_number_pair(text, &m_transport.server_rtp_port, &m_transport.server_rtcp_port);
+            read_number_pair(text, &m_texts->transport.server_rtp_port, &m_texts->transport.server_rtcp_port);
         }
         return;
     }
     if (text.LocateStringCase("server_port") >= 0) {
-        read_number_pair(text, &m_transport.server_rtp_port, &m_transport.server_rtcp_port);
+        read_number_pair(text, &m_texts->transport.server_rtp_port, &m_texts->transport.server_rtcp_port);
     }
     text.ResetAll();
     if (text.LocateStringCase("client_port") >= 0) {
-        read_number_pair(text, &m_transport.rtp_port, &m_transport.rtcp_port);
+        read_number_pair(text, &m_texts->transport.rtp_port, &m_texts->transport.rtcp_port);
     }
 }
 
 // A reply is multicast by its word, or by the first octet of its destination.
 void CRtspReqParser::read_destination(CStrParser& text) {
     text.ResetAll();
-    m_transport.multicast = text.LocateStringCase("multicast") >= 0;
+    m_texts->transport.multicast = text.LocateStringCase("multicast") >= 0;
     if (find_header(text, "destination=")) {
         text.ConsumeUntilDigit();
         if (is_multicast_octet(text.ConsumeInt16())) {
-            m_transport.multicast = true;
+            m_texts->transport.multicast = true;
         }
     }
-    if (!m_transport.multicast || !read_multicast_addr(text)) {
+    if (!m_texts->transport.multicast || !read_multicast_addr(text)) {
         return;
     }
     if (text.LocateStringCase("port=") >= 0) {
-        read_number_pair(text, &m_transport.server_rtp_port, &m_transport.server_rtcp_port);
+        read_number_pair(text, &m_texts->transport.server_rtp_port, &m_texts->transport.server_rtcp_port);
     }
     read_multicast_ttl(text);
 }
@@ -273,15 +273,16 @@ void CRtspReqParser::read_session(CStrParser& text) {
     CStrParser timeout(parameters);
     if (timeout.LocateStringCase("timeout=") >= 0) {
         timeout.ConsumeUntilDigit();
-        m_transport.timeout = timeout.ConsumeUint16();
+        m_texts->transport.timeout = timeout.ConsumeUint16();
     }
     if (m_session[0] != '\0') {
         return;
     }
-    char line[sizeof m_session - 2];  // room for the line's end
+    char line[sizeof m_session_line - 2];  // room for the line's end
     text.ConsumeSentence(";\r\n", line, sizeof line);
     CGuard guard(m_shared_lock);
-    CTextWriter(m_session, sizeof m_session).Add(line, "\r\n");
+    CTextWriter(m_session_line, sizeof m_session_line).Add(line, "\r\n");
+    m_session = m_session_line;
 }
 
 int CRtspReqParser::read_rtp_info(CStrParser& text) {

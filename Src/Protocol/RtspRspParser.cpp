@@ -28,9 +28,23 @@ const client_row CLIENTS[] = {
 
 CRtspRspParser::CRtspRspParser() {
     m_session_id = CTime::getCurrentMicroSecond();
-    m_client_kind = CLIENT_KIND_UNKNOWN;
+    open_memory();
     m_speed = 1.0F;
     m_product = "Rtsp Server/2.0";
+}
+
+CMessageMemory* CRtspRspParser::open_memory() {
+    if (m_memory == nullptr) {
+        m_memory = CMessageMemory::Take();
+        m_texts = m_memory != nullptr ? &m_memory->texts : nullptr;
+    }
+    return m_memory.get();
+}
+
+void CRtspRspParser::release_memory() {
+    m_body_length = 0;
+    m_texts = nullptr;
+    m_memory.reset();
 }
 
 int CRtspRspParser::parse_request(const char* buffer, unsigned int length, rtsp_msg_info* info) {
@@ -38,12 +52,12 @@ int CRtspRspParser::parse_request(const char* buffer, unsigned int length, rtsp_
         return RTSP_OK;
     }
     m_refusal = RTSP_STATUS_BAD_REQUEST;
-    if (parse_message(buffer, length, info) < 0) {
+    if (open_memory() == nullptr || parse_message(buffer, length, info) < 0) {
         return RTSP_BAD_MESSAGE;
     }
     CStrParser text(buffer, length);
     if (find_header(text, "Authorization:")) {
-        read_value(text, "Authorization:", m_auth, sizeof m_auth);
+        read_value(text, "Authorization:", m_texts->auth, sizeof m_texts->auth);
     }
     return read_request(text);
 }
@@ -123,11 +137,11 @@ void CRtspRspParser::report_unknown(CStrParser& text) const {
 // The first "rtsp://" of the message, on whichever line it is, up to white space.
 int CRtspRspParser::read_url(CStrParser& text) {
     text.ResetAll();
-    m_url[0] = '\0';
+    m_texts->url[0] = '\0';
     if (text.LocateStringCase("rtsp://") < 0) {
         return RTSP_BAD_MESSAGE;
     }
-    text.ConsumeWord(m_url, sizeof m_url);
+    text.ConsumeWord(m_texts->url, sizeof m_texts->url);
     return RTSP_OK;
 }
 
@@ -147,7 +161,7 @@ int CRtspRspParser::read_transport(CStrParser& text) {
     if (read_url(text) < 0) {
         return RTSP_BAD_MESSAGE;
     }
-    m_transport.reset();
+    m_texts->transport.reset();
     text.ResetAll();
     if (text.LocateStringCase("Transport:") < 0) {
         return RTSP_OK;  // interleaved RTP, channels 0 and 0
@@ -156,13 +170,14 @@ int CRtspRspParser::read_transport(CStrParser& text) {
         m_refusal = RTSP_STATUS_UNSUPPORTED_TRANSPORT;
         return RTSP_BAD_MESSAGE;
     }
-    m_transport.multicast = find_header(text, "multicast");
+    m_texts->transport.multicast = find_header(text, "multicast");
     read_client_ports(text);
-    if (m_transport.multicast) {
+    if (m_texts->transport.multicast) {
         read_destination(text);
     }
     if (m_session[0] == '\0') {
-        CTextWriter(m_session, sizeof m_session).Add("Session: ", m_session_id, "\r\n");
+        CTextWriter(m_session_line, sizeof m_session_line).Add("Session: ", m_session_id, "\r\n");
+        m_session = m_session_line;
     }
     return RTSP_OK;
 }
@@ -171,14 +186,14 @@ int CRtspRspParser::read_transport(CStrParser& text) {
 void CRtspRspParser::read_client_ports(CStrParser& text) {
     text.ResetAll();
     bool found = false;
-    if (m_transport.transport == RTP_OVER_RTSP) {
+    if (m_texts->transport.transport == RTP_OVER_RTSP) {
         found = text.LocateStringCase("interleaved") >= 0;
     } else if (text.LocateStringCase("Transport") >= 0) {
         text.ConsumeLength(sizeof "Transport" - 1, nullptr, 0);  // it holds "port" itself
         found = text.LocateStringCase("client_port") >= 0 || text.LocateStringCase("port") >= 0;
     }
     if (found) {
-        read_number_pair(text, &m_transport.rtp_port, &m_transport.rtcp_port);
+        read_number_pair(text, &m_texts->transport.rtp_port, &m_texts->transport.rtcp_port);
     }
 }
 
@@ -189,8 +204,8 @@ void CRtspRspParser::read_destination(CStrParser& text) {
     }
     if (text.LocateStringCase("port=") >= 0) {
         text.ConsumeUntilDigit();
-        m_transport.rtp_port = text.ConsumeUint16();
-        m_transport.rtcp_port = text.Expect('-') == 0 ? text.ConsumeUint16() : 0;
+        m_texts->transport.rtp_port = text.ConsumeUint16();
+        m_texts->transport.rtcp_port = text.Expect('-') == 0 ? text.ConsumeUint16() : 0;
     }
     read_multicast_ttl(text);
 }

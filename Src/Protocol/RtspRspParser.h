@@ -22,9 +22,18 @@ enum client_kind_t {
 // 4096 bytes.
 //
 // THREADING  One thread at a time: the session's own.
+// MEMORY     Some 700 bytes, and a CMessageMemory from construction to release_memory, and from the next message on.
 class CRtspRspParser : public CRtspParser {
 public:
     CRtspRspParser();
+
+    // The memory of the message that is read, served and answered now: taken from the spare ones if there is none. Null
+    // if memory is short; reading then fails, and what is generated is null.
+    CMessageMemory* open_memory();
+    // The same without taking one; null if there is none.
+    const CMessageMemory* memory() const { return m_memory.get(); }
+    // Nothing of the last message is needed any more: all texts but the Session line are empty until the next one.
+    void release_memory();
 
     // Reads one request of `length` bytes. `info` is what check_message gave, or null to have it judged here. 0, also
     // for a null buffer or no bytes; -1 for a bad message, a Session header of another session, a request without an
@@ -75,6 +84,12 @@ private:
     void read_destination(CStrParser& text);
 
     const char* generate_play_tail(const rtp_info_entry* entries, int count, const char* range);
+
+    CMessageMemory::pointer_t m_memory;
+    uint64_t m_session_id;
+    int m_client_kind = CLIENT_KIND_UNKNOWN;
+    int m_refusal = 0;
+    char m_session_line[sizeof "Session: 18446744073709551615\r\n"];
 };
 
 }  // namespace Vidora

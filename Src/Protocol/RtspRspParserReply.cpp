@@ -45,8 +45,11 @@ void add_multicast(CTextWriter& line, const char* word, const transport_info& t,
 }  // namespace
 
 const char* CRtspRspParser::generate_options_reply() {
-    if (m_public[0] == '\0') {
-        CTextWriter list(m_public, sizeof m_public);
+    if (open_memory() == nullptr) {
+        return nullptr;
+    }
+    if (m_texts->methods[0] == '\0') {
+        CTextWriter list(m_texts->methods, sizeof m_texts->methods);
         for (const rtsp_method_row* row = RTSP_METHODS; row->name != nullptr; ++row) {
             if (row->enabled) {
                 list.Add(list.Length() > 0 ? "," : "", row->name);
@@ -54,14 +57,14 @@ const char* CRtspRspParser::generate_options_reply() {
         }
     }
     char headers[RTSP_MAX_TEXT + 64];
-    CTextWriter(headers, sizeof headers).Add("Public: ", m_public, "\r\n");
+    CTextWriter(headers, sizeof headers).Add("Public: ", m_texts->methods, "\r\n");
     return generate_reply(headers, RTSP_STATUS_OK, nullptr);
 }
 
 const char* CRtspRspParser::generate_describe_reply(int content_length) {
     char headers[RTSP_MAX_TEXT + 256];
     CTextWriter(headers, sizeof headers)
-        .Add("Content-Base: ", m_url, "\r\n")  // as it came: no slash is added
+        .Add("Content-Base: ", get_url(), "\r\n")  // as it came: no slash is added
         .Add("Content-Type: ", "application/sdp", "\r\n")
         .Add("Content-Length: ", content_length, "\r\n")
         .Add("Cache-Control: must-revalidate\r\n")
@@ -71,7 +74,7 @@ const char* CRtspRspParser::generate_describe_reply(int content_length) {
 
 // Not through the common frame: no extra headers, and the version does not follow m_version.
 const char* CRtspRspParser::generate_setup_reply(const transport_info* transport, const multicast_info* multicast) {
-    if (!OSTRA_ASSERT(transport != nullptr)) {
+    if (!OSTRA_ASSERT(transport != nullptr) || open_memory() == nullptr) {
         return nullptr;
     }
     char line[RTSP_MAX_TEXT + 1];
@@ -91,12 +94,12 @@ const char* CRtspRspParser::generate_setup_reply(const transport_info* transport
     }
 
     const int timeout = transport->timeout < 1 ? DEFAULT_TIMEOUT_S : transport->timeout;
-    CTextWriter(m_out_msg, sizeof m_out_msg)
+    CTextWriter(m_texts->written, sizeof m_texts->written)
         .Add("RTSP/1.0 200 OK\r\nServer: ", m_product, "\r\nCSeq: ", m_cseq, "\r\n")
         .Add("Session: ", m_session_id, ";timeout=", timeout, "\r\n")
         .Add(line, "\r\n")
         .Add("x-dynamic-rate: 1\r\n\r\n");
-    return m_out_msg;
+    return m_texts->written;
 }
 
 const char* CRtspRspParser::generate_play_reply(const rtp_info_entry* entries, int count, double begin, double end) {
@@ -166,6 +169,9 @@ const char* CRtspRspParser::generate_error_reply(int status) {
 }
 
 const char* CRtspRspParser::generate_reply(const char* headers, int status, const char* body) {
+    if (open_memory() == nullptr) {
+        return nullptr;
+    }
     const char* reason = RtspReason(status);
     if (reason == nullptr) {
         logWarn("%s:%d Bad Request !\n", __FILE__, __LINE__);
@@ -175,15 +181,15 @@ const char* CRtspRspParser::generate_reply(const char* headers, int status, cons
     if (status == RTSP_STATUS_OK) {
         build_ext_headers(m_method, extra);
     }
-    CTextWriter head(m_out_msg, sizeof m_out_msg - LINE_END_SIZE);
+    CTextWriter head(m_texts->written, sizeof m_texts->written - LINE_END_SIZE);
     head.Add("RTSP/", text_fixed{m_version, 1}, " ", status, " ", reason, "\r\nServer: ", m_product);
     head.Add("\r\nCSeq: ", m_cseq, LINE_END, m_session, std::string_view(extra), headers);
     if (head.Needed() > head.Length()) {
         // A header that doesn't fit is left out, and so are those behind it: the headers always end.
-        head.CutBack(std::string_view(m_out_msg, head.Length()).rfind(LINE_END) + LINE_END_SIZE);
+        head.CutBack(std::string_view(m_texts->written, head.Length()).rfind(LINE_END) + LINE_END_SIZE);
     }
-    CTextWriter(m_out_msg + head.Length(), sizeof m_out_msg - head.Length()).Add(LINE_END, body);
-    return m_out_msg;
+    CTextWriter(m_texts->written + head.Length(), sizeof m_texts->written - head.Length()).Add(LINE_END, body);
+    return m_texts->written;
 }
 
 }  // namespace Vidora

@@ -48,9 +48,7 @@ int remove_attribute(sdp_list<sdp_attribute_t>& list, const char* name) {
 
 }  // namespace
 
-CSdpParser::CSdpParser() : m_session(new (std::nothrow) sdp_session_t) {
-    m_stream[0] = '\0';  // no more: a server holds one of these for each session
-}
+CSdpParser::CSdpParser() : m_session(new (std::nothrow) sdp_session_t) {}
 
 CSdpParser::CSdpParser(const CSdpParser& other) : CSdpParser() {
     *this = other;
@@ -59,8 +57,7 @@ CSdpParser::CSdpParser(const CSdpParser& other) : CSdpParser() {
 // The text is what is copied, not the tree: an SDP that was built is copied as its last GetStream wrote it.
 CSdpParser& CSdpParser::operator=(const CSdpParser& other) {
     if (this != &other) {
-        std::memcpy(m_stream, other.m_stream, std::strlen(other.m_stream) + 1);
-        Parse(m_stream, 0);
+        Parse(other.get_stream(), 0);
     }
     return *this;
 }

@@ -62,7 +62,7 @@ public:
     // -1 without memory.
     int GetStream();
     // The text of the last Parse or GetStream; never null.
-    const char* get_stream() const { return m_stream; }
+    const char* get_stream() const { return m_stream != nullptr ? m_stream.Get() : ""; }
     // The tree, for reading; null without memory.
     const sdp_session_t* get_session() const { return m_session; }
 
@@ -173,7 +173,7 @@ private:
     const sdp_media_t* media_at(int index) const;
 
     sdp_session_t* m_session;  // owned; null when memory was short
-    char m_stream[SDP_STREAM_SIZE];
+    CSdpText m_stream;
 };
 
 }  // namespace Vidora

@@ -1,3 +1,4 @@
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <memory>
@@ -56,9 +57,10 @@ int CSdpParser::Parse(const char* text, int length) {
         return -1;
     }
     read_lines(parser);
-    const size_t kept = size < sizeof(m_stream) - 1 ? size : sizeof(m_stream) - 1;
-    std::memmove(m_stream, text, kept);  // an assignment parses m_stream itself
-    m_stream[kept] = '\0';
+    if (!m_stream.Set(text, std::min(size, size_t{SDP_STREAM_SIZE} - 1))) {
+        Clear();
+        return -1;
+    }
     return 0;
 }
 

@@ -189,14 +189,15 @@ int CSdpParser::GetStream() {
     if (add_defaults() < 0) {
         return -1;
     }
-    CSdpLines lines(m_stream, sizeof(m_stream));
+    char text[SDP_STREAM_SIZE];
+    CSdpLines lines(text, sizeof(text));
     write_session(lines, *m_session);
     const int size = static_cast<int>(lines.Needed()) + 4;
     if (size > STREAM_LIMIT) {
         logWarn("CSdpParser::GetStream() error, buffer too small. data size:%d is bigger than buffer size:%d\n", size,
                 STREAM_LIMIT);
     }
-    return 0;
+    return m_stream.Set(text) ? 0 : -1;
 }
 
 }  // namespace Vidora

@@ -63,20 +63,6 @@ public:
         }
     }
 
-    // If every node is free, calls `forget(memory, bytes)` with the memory of all of them, whose contents nobody needs.
-    // It runs with the pool locked. Whether it was called.
-    template <typename Forget>
-    bool Clear(Forget forget) {
-        const Ostra::CGuard guard(m_mutex);
-        if (m_pool == nullptr || m_free < m_node_num) {
-            return false;
-        }
-        m_head = nullptr;
-        m_fresh = 0;
-        forget(m_pool, size_t{m_node_size} * m_node_num);
-        return true;
-    }
-
     // Nodes that are free, and the fewest that there ever were.
     int FreeCount() const {
         const Ostra::CGuard guard(m_mutex);
