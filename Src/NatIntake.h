@@ -14,7 +14,7 @@ class CRtspSvrConfig;
 class CSessionRoll;
 
 // INatIntake: what CSvrSessionManager hands NAT streams to. The layer of NAT sessions is above the server, and the
-// entry, which stands above both, gives the manager its intake.
+// entry, which is above both, passes the manager its intake.
 //
 // THREADING  Any thread, with no lock held; it doesn't wait.
 // OWNERSHIP  Borrowed, and lives as long as the process.

@@ -28,7 +28,7 @@ public:
     void SayBye(IMediaRoute* route);
     bool Is(long timer_id) const { return m_timer.Is(timer_id); }
 
-    // Sends the reports of all tracks that play, or of that one alone (-1 stands for all), over `route`; with a BYE
+    // Sends the reports of all tracks that play, or of that one alone (-1 means all), over `route`; with a BYE
     // behind them if they are the last (RFC 3550 6.6). 0 or -1.
     int Send(IMediaRoute* route, int track_filter, bool with_bye);
 

@@ -43,7 +43,7 @@ int CStreamUdpReceiver::Start(uint64_t period_us, float speed) {
             continue;
         }
         if (!row.rtcp) {
-            row.sock->JoinReceived();  // an older system gives them one by one
+            row.sock->JoinReceived();  // an older system returns them one by one
         }
         if (RegisterSock(*row.sock, Tramel::SOCK_EVENT_READ, 0) < 0) {
             Stop();

@@ -149,6 +149,7 @@ private:
     int find_played(const CTrack*& single);
     int answer_own_play(const char* reply, const CTrack* single);
     int start_media(const CTrack* single, int cseq);
+    int open_media(int cseq);
     void let_pass(const CTrack& track);
     int enter_route();
     int on_pause(const StateEvent& event);

@@ -103,7 +103,7 @@ int CSvrConversation::play_own_source(const StateEvent& event) {
     return 1;
 }
 
-// An unknown track is no track at all by the standards' way, and stands for all of them otherwise.
+// An unknown track is no track at all by the standards' way, and means all of them otherwise.
 bool CSvrConversation::names_no_track() const {
     return m_config.GetConformance() && m_tracks.NamesNone(m_codec.get_url());
 }
@@ -246,7 +246,7 @@ int CSvrConversation::start_media(const CTrack* single, int cseq) {
             let_pass(track);
         }
     }
-    if ((!m_source.IsEntered() && enter_route() < 0) || (m_source.IsOwn() && m_source.Start(m_packet_type, cseq) < 0)) {
+    if (open_media(cseq) < 0) {
         return -1;
     }
     for (CTrack& track : m_tracks) {
@@ -255,6 +255,14 @@ int CSvrConversation::start_media(const CTrack* single, int cseq) {
     m_streaming = true;
     m_has_played = true;
     return 0;
+}
+
+// 0, or -1 if the route can't be entered, or the session's own source doesn't start.
+int CSvrConversation::open_media(int cseq) {
+    if (!m_source.IsEntered() && enter_route() < 0) {
+        return -1;
+    }
+    return m_source.IsOwn() && m_source.Start(m_packet_type, cseq) < 0 ? -1 : 0;
 }
 
 // A track may have been paused.

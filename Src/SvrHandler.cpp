@@ -53,7 +53,7 @@ void CSvrHandler::begin(int count) {
     }
 }
 
-// While the session is whole: what it holds may call back until it is let go.
+// While the session is whole: what it holds may call back until it is released.
 int CSvrHandler::handle_close(CNetHandler* /*handler*/) {
     std::unique_ptr<CSessionEntry> entry = take_entry();  // leaves when nothing of the session is left
     m_talk.Release();

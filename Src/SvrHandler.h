@@ -26,7 +26,7 @@ public:
     // Before the session starts.
     void SetConfig(const CRtspSvrConfig& config) { m_talk.SetConfig(config); }
     void SetLiveSvr(const CLiveSvrRef& live_svr) { m_talk.SetLiveSvr(live_svr); }
-    // Gives the session its place in the roll of its server, which it enters when it begins: an end that came earlier
+    // Reserves the session's place in the roll of its server, which it enters when it begins: an end that came earlier
     // would find it half made. 0, or -1 if memory is short: Close it then.
     int SetRoll(const std::shared_ptr<CSessionRoll>& roll);
 

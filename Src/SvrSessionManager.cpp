@@ -158,15 +158,21 @@ int CSvrSessionManager::AddNewConnect(int fd, const char* buf, int len, long ext
         logError("%s %d Attach Sock Failed!\n", __FILE__, __LINE__);
         return -1;  // unlike a NAT stream's, this fd stays open and the caller's
     }
+    const int bytes = std::clamp(len, 0, text_len);  // base64 holds no NUL, and who counts wrong has no more
+    return add_stream(std::move(sock), buf, bytes, extra);
+}
+
+// `len` bytes came already, and count only if they end the head of a request: otherwise they are dropped. -1: the
+// descriptor stays the caller's.
+int CSvrSessionManager::add_stream(std::unique_ptr<CSockStream> sock, const char* buf, int len, long extra) {
     {
         CGuard guard(m_mutex);
         if (m_stopped) {
             sock->Detach();
-            return -1;  // fd stays the caller's
+            return -1;
         }
         mark_locked(*sock);
         if (buf == nullptr || strstr(buf, HEAD_END) == nullptr) {
-            // Bytes of a request that isn't whole are dropped: the record starts empty.
             const int result = add_waiting_locked(std::move(sock), extra);
             if (result < 0) {
                 logError("%s %d TNewConnection bad_alloc!\n", __FILE__, __LINE__);
@@ -174,13 +180,12 @@ int CSvrSessionManager::AddNewConnect(int fd, const char* buf, int len, long ext
             return result;
         }
     }
-    const int bytes = std::clamp(len, 0, text_len);  // base64 holds no NUL, and who counts wrong has no more
-    if (is_http(buf, bytes)) {
+    if (is_http(buf, len)) {
         logInfo("%s %d HTTP Add New Connect!\n", __FILE__, __LINE__);
-        hand_on_http(sock.release(), buf, bytes, CTime::getCurrentMicroSecond() + IDENTIFY_TIMEOUT_US);
+        hand_on_http(sock.release(), buf, len, CTime::getCurrentMicroSecond() + IDENTIFY_TIMEOUT_US);
     } else {
         logInfo("%s %d RTSP Add New Connect!\n", __FILE__, __LINE__);
-        start_rtsp_session(sock.release(), buf, text_len, extra);
+        start_rtsp_session(sock.release(), buf, bounded_length(buf), extra);
     }
     return 0;
 }

@@ -54,7 +54,7 @@ private:
         }
         return 0;
     }
-    // A private frame: its header tells the type, and where the codec's own bytes are.
+    // A private frame: its header says the type, and where the codec's own bytes are.
     static void on_frame(const unsigned char* data, unsigned int size, void* user) {
         KXHeader header;
         int body_size = 0;

@@ -10,7 +10,7 @@
 using namespace Kavio::Vidora;
 std::string g_image;
 
-// The host's part of a stream: it tells the format, and gives frames while it is started.
+// The host's part of a stream: it reports the format, and delivers frames while it is started.
 class CSlideShow : public CStreamSource {
 public:
     int Init(long receiver_id, int) override {

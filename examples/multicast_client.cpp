@@ -17,7 +17,7 @@ public:
         const std::lock_guard<std::mutex> guard(m_mutex);
         m_failed = m_failed || !frame.valid();
         if (frame.valid() && m_left > 0) {
-            // A private frame: its header tells the type, and where the codec's own bytes are.
+            // A private frame: its header says the type, and where the codec's own bytes are.
             KXHeader header;
             int body_size = 0;
             kx_read_header(frame.getBuffer(), frame.size(), header);

@@ -75,7 +75,7 @@ const Frame* first_audio() {
     return nullptr;
 }
 
-// One player's recording: a thread gives the frames when they are due.
+// One player's recording: a thread delivers the frames when they are due.
 class CPlayer : public CStreamSource {
 public:
     int Init(long receiver_id, int) override {
@@ -183,7 +183,7 @@ private:
             lock.lock();
         }
     }
-    // The frame that tells the end isn't sent.
+    // The frame that marks the end isn't sent.
     void give(const frame_proc_t& proc, const Frame& frame, milliseconds time) {
         Kavio::Flumen::CMediaFrame media(frame.header.total_length);
         if (!media.valid()) {

@@ -1,6 +1,7 @@
 // One track by SDP, passed on: example_single_track FILE.sdp PORT REMOTE_PORT
-// It receives on PORT what the description tells, and sends each frame to REMOTE_PORT of this host, as packets of its
-// own, until its input ends; both ports are of 127.0.0.1. It then prints how many packets came, and how many frames.
+// It receives on PORT what the description announces, and sends each frame to REMOTE_PORT of this host, as packets of
+// its own, until its input ends; both ports are of 127.0.0.1. It then prints how many packets came, and how many
+// frames.
 #include <arpa/inet.h>
 #include <netinet/in.h>
 #include <sys/socket.h>

@@ -27,7 +27,7 @@ CNatLink::~CNatLink() {
 
 void CNatLink::Open(const CSockAddrStorage& server, const std::shared_ptr<CSockDgram>& sock) {
     m_sock = sock;
-    // In the form in which the socket tells senders.
+    // In the form in which the socket reports senders.
     m_server = server.ForFamily(Local().GetType());
     m_reads = m_handler.RegisterSock(*m_sock, Tramel::SOCK_EVENT_READ, 0) == 0;
     if (m_reads) {

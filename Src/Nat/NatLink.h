@@ -13,8 +13,8 @@ namespace Kavio {
 namespace Vidora {
 
 // CNatLink: a client's way to its server through NATs: one UDP socket, on which a datagram is a message or an RTP
-// packet. It stands when the server has answered a hello. Hellos go on until its end, since the server, and the NATs
-// between, take a silent client for gone.
+// packet. It is connected when the server has answered a hello. Hellos go on until its end, since the server, and the
+// NATs between, take a silent client for gone.
 //
 // Datagrams get lost, so a request is repeated each tick under its CSeq until it is answered. The next one leaves only
 // then: a server keeps its last reply alone, and what is repeated must not overtake what came behind it.

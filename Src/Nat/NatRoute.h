@@ -10,7 +10,7 @@ namespace Kavio {
 namespace Vidora {
 
 // CNatRoute: media on the one socket of a NAT session, between its texts. The client asks for interleaved channels, and
-// gets their numbers; on the wire stand the bare packets, which it tells apart by their payload types. So there is no
+// gets their numbers; on the wire are the bare packets, which it distinguishes by their payload types. So there is no
 // place for private frames, which have none, and RTCP isn't sent.
 class CNatRoute : public CLevel2Route {
 public:

@@ -11,7 +11,7 @@
 namespace Kavio {
 namespace Vidora {
 
-// CP2PClientWrapper: plays a stream through NATs and gives its frames to two callbacks: a CP2PClientSession with the
+// CP2PClientWrapper: plays a stream through NATs and passes its frames to two callbacks: a CP2PClientSession with the
 // handler and the sink that it needs. Made by new, ended by Close, after which it deletes itself.
 //
 // THREADING  Start, Play, Pause, Close: any thread, also inside the callbacks; no callback runs with a lock held.

@@ -16,7 +16,7 @@ namespace Vidora {
 // the peer once that is fixed; how it comes to be is the derived class's.
 //
 // A request that comes again gets the reply that it has got. Seconds without a datagram of the peer, which repeats its
-// hello all the time, end the session. What ICMP tells is taken for silence.
+// hello all the time, end the session. What ICMP reports is taken for silence.
 //
 // OWNERSHIP  Owns the socket and the conversation. The media's route borrows the socket.
 // MEMORY     A peer can make it keep one reply, and what the conversation keeps.
@@ -36,7 +36,7 @@ protected:
     // The time until the peer counts as silent begins now, for the first time or anew.
     bool watch_silence();
     void note_sign_of_life() { m_heard_us = CTime::getCurrentMicroSecond(); }
-    // Serves the datagram, behind which a NUL stands, as one whole request. 0, or -1: the session is ending.
+    // Serves the datagram, which a NUL follows, as one whole request. 0, or -1: the session is ending.
     int take_request(const char* text, int length);
     void send(std::string_view datagram) {
         m_sock->Send(datagram.data(), static_cast<unsigned int>(datagram.size()), nullptr);

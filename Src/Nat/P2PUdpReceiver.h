@@ -10,9 +10,9 @@ namespace Kavio {
 namespace Vidora {
 
 // CP2PUdpReceiver: reads the one UDP socket of a NAT session, see CStreamReceiver. A datagram is an RTSP message, which
-// begins with "R", or an RTP packet, whose payload type tells the track: the first two can be told, and what belongs to
-// neither is dropped. So is a hello of the server, what others than the server send, and what is shorter than an RTP
-// header. A turn takes 64 datagrams at most.
+// begins with "R", or an RTP packet, whose payload type names the track: the first two can be recognised, and what
+// belongs to neither is dropped. So is a hello of the server, what others than the server send, and what is shorter
+// than an RTP header. A turn takes 64 datagrams at most.
 class CP2PUdpReceiver final : public CStreamReceiver {
 public:
     // Shares `sock`, on which `server` sends. `owner_id` as in CStreamTcpReceiver::Create. Null if memory is short.

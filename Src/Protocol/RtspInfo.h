@@ -37,7 +37,7 @@ struct transport_info {
     int rtcp_port;         // the client's RTCP port, or the second interleaved channel
     int server_rtp_port;   // the server's RTP port; in a reply also the first channel that it granted
     int server_rtcp_port;  // the server's RTCP port; in a reply also the second channel that it granted
-    int timeout;           // seconds that a SETUP reply announces; below 1 stands for 60
+    int timeout;           // seconds that a SETUP reply announces; below 1 means 60
 
     transport_info() { reset(); }
     void reset() {

@@ -74,7 +74,7 @@ public:
     int set_uri(const char* text);
     int add_email(const char* text);
     int add_phone(const char* text);
-    // Appends a connection; a null `network_type` stands for "IN", a null `address_type` for "IP4".
+    // Appends a connection; a null `network_type` means "IN", a null `address_type` "IP4".
     int add_session_connection(const char* address, uint8_t ttl, int address_count, const char* network_type,
                                const char* address_type);
     int clear_session_connections();

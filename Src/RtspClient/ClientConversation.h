@@ -157,6 +157,8 @@ private:
     int parse(const StateEvent& event);
     int take_parameter(const StateEvent& event);
     bool repeat(const pending_request& request);
+    bool repeat_parameter(const pending_request& request);
+    bool repeat_own(const pending_request& request);
     static long status_code(int status) { return static_cast<long>(RTSP_CLIENT_CODE_STATUS) + status; }
 
     // Set-up and media.

@@ -225,20 +225,26 @@ bool CClientConversation::repeat(const pending_request& request) {
     if (!m_settings.conformance && request.method != RTSP_METHOD_OPTIONS && request.method != RTSP_METHOD_DESCRIBE) {
         return false;
     }
-    if (request.kind == REQUEST_APPLICATION) {
-        const char* body = request.body.empty() ? nullptr : request.body.c_str();
-        const char* message = m_parser.generate_parameter(request.method, body, nullptr);
-        if (message == nullptr) {
-            return false;
-        }
-        const int cseq = m_parser.get_cseq();
-        m_slots.Move(request.cseq, cseq);
-        if (queue(request.method, message, request.kind, request.body) < 0) {
-            m_slots.DropCSeq(cseq);
-            return false;
-        }
-        return true;
+    return request.kind == REQUEST_APPLICATION ? repeat_parameter(request) : repeat_own(request);
+}
+
+// What the host asked for keeps the place where its reply goes.
+bool CClientConversation::repeat_parameter(const pending_request& request) {
+    const char* body = request.body.empty() ? nullptr : request.body.c_str();
+    const char* message = m_parser.generate_parameter(request.method, body, nullptr);
+    if (message == nullptr) {
+        return false;
     }
+    const int cseq = m_parser.get_cseq();
+    m_slots.Move(request.cseq, cseq);
+    if (queue(request.method, message, request.kind, request.body) < 0) {
+        m_slots.DropCSeq(cseq);
+        return false;
+    }
+    return true;
+}
+
+bool CClientConversation::repeat_own(const pending_request& request) {
     switch (request.method) {
         case RTSP_METHOD_OPTIONS:
             return queue(request.method, m_parser.generate_options(), request.kind) == 0;

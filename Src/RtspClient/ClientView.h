@@ -31,7 +31,7 @@ struct client_track_facts {
     uint32_t ssrc = 0;  // as the server's SETUP reply told it; 0 if it didn't
     bool has_rtp_info = false;
     uint16_t seq = 0;      // of the first packet after the last PLAY
-    uint32_t rtptime = 0;  // that stands for the beginning of the range
+    uint32_t rtptime = 0;  // at the beginning of the range
 };
 
 struct client_play_range {

@@ -22,10 +22,10 @@ public:
 
     // Null is empty.
     void set_user(const char* user, const char* password) noexcept;
-    // The request that the next digest is for: its URI as in its first line (empty stands for "/") and its method.
+    // The request that the next digest is for: its URI as in its first line (empty means "/") and its method.
     void set_uri(const std::string& uri) noexcept;
     void set_method(const std::string& method) noexcept;
-    // The same by number; any value outside 0 to 7 stands for OPTIONS.
+    // The same by number; any value outside 0 to 7 means OPTIONS.
     void set_method_id(rtsp_method_t method) noexcept;
     // The value of WWW-Authenticate.
     void set_challenge(const std::string& challenge) noexcept;

@@ -7,7 +7,7 @@ namespace Kavio {
 namespace Vidora {
 
 // CSequenceCount: counts 16-bit running numbers that came in sequence, and what gaps are worth: the distance from the
-// last number to the next one. A last number of 0 stands for none, so that a gap behind it isn't seen.
+// last number to the next one. A last number of 0 means none, so that a gap behind it isn't seen.
 class CSequenceCount {
 public:
     void Count(uint16_t number) {

@@ -12,7 +12,7 @@ struct ParserStatis {
     float fps = 0;       // frames a second; carries a fraction over, see Count
 
     // The measuring itself.
-    uint64_t m_start_pts = 0;  // milliseconds; 0 stands for "none yet"
+    uint64_t m_start_pts = 0;  // milliseconds; 0 means "none yet"
     int32_t m_frames = 0;
     uint32_t m_bytes = 0;
     int32_t m_last_sequence = 0;

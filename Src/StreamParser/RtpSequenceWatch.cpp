@@ -30,7 +30,7 @@ void CRtpSequenceWatch::NotifyGap(const RtpHeader& header) const {
     }
 }
 
-// One that follows the own number 0 isn't counted, as that stands for "none yet", and the next own one looks like a
+// One that follows the own number 0 isn't counted, as that means "none yet", and the next own one looks like a
 // gap.
 bool CRtpSequenceWatch::TakeForeign(uint16_t sequence) {
     if (m_last_seq != 0 && m_shared_seq) {

@@ -126,6 +126,7 @@ private:
     bool is_outside_window_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
     bool is_described_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
     int put_frame_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
+    bool has_place_in_ts(int type) const VIDORA_REQUIRES(m_mutex);
     int find_track_locked(int type) VIDORA_REQUIRES(m_mutex);
     int put_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
     unsigned int send_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);

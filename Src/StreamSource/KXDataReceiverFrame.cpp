@@ -109,13 +109,10 @@ int CKXDataReceiver::put_frame_locked(const Flumen::CMediaFrame& frame) {
     }
     const uint8_t kind = type == FRAME_TYPE_I ? Tramel::MediaTag::KEY_FRAME : Tramel::MediaTag::SKIPPABLE_FRAME;
     const int tag = Tramel::MediaTag{static_cast<uint8_t>(track), kind}.Pack();
-    const bool is_described = is_described_locked(frame);
-    if (is_described && m_buffers.Size(PACKET_TYPE_RTP) > 0 && put_rtp_locked(frame, track, tag) < 0) {
-        return -1;
-    }
-    // Sound reaches the transport stream by the standards' way only.
-    const bool in_ts = is_video(type) || (type == FRAME_TYPE_AUDIO && m_encoders.TsHasSound());
-    if (is_described && m_buffers.Size(PACKET_TYPE_TS) > 0 && in_ts && put_ts_locked(frame, track, kind) < 0) {
+    const bool wants_rtp = m_buffers.Size(PACKET_TYPE_RTP) > 0;
+    const bool wants_ts = m_buffers.Size(PACKET_TYPE_TS) > 0 && has_place_in_ts(type);
+    if (is_described_locked(frame) &&
+        ((wants_rtp && put_rtp_locked(frame, track, tag) < 0) || (wants_ts && put_ts_locked(frame, track, kind) < 0))) {
         return -1;
     }
     // Private frames describe themselves, so that a change of format doesn't hold them up.
@@ -123,6 +120,11 @@ int CKXDataReceiver::put_frame_locked(const Flumen::CMediaFrame& frame) {
         put_kx(CMediaBufferRef(m_buffers.At(PACKET_TYPE_KX, i)), frame, track, tag);
     }
     return 0;
+}
+
+// Sound reaches the transport stream by the standards' way only.
+bool CKXDataReceiver::has_place_in_ts(int type) const {
+    return is_video(type) || (type == FRAME_TYPE_AUDIO && m_encoders.TsHasSound());
 }
 
 // The place in the track table; negative for a frame that goes nowhere. All but video and audio count as assist frames,

@@ -9,7 +9,7 @@
 namespace Kavio {
 namespace Ostra {
 
-// CLogGate: lets a log line about what a peer sends through once a second, however often that comes, and tells before
+// CLogGate: lets a log line about what a peer sends through once a second, however often that comes, and reports before
 // it how many were passed over. One thread.
 class CLogGate {
 public:

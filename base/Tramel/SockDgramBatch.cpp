@@ -42,7 +42,7 @@ int recv_messages(int fd, struct mmsghdr* messages, unsigned int count) {
 
 // What one recvmmsg needs besides the rooms of the datagrams.
 struct RecvFrame {
-    // How the system tells what it joined.
+    // How the system reports what it joined.
     struct Control {
         alignas(struct cmsghdr) unsigned char bytes[CMSG_SPACE(sizeof(int))];
     };

@@ -25,7 +25,7 @@ CSockStream::CSockStream() = default;
 
 int CSockStream::Recv(char* buf, unsigned int len) {
     if (len == 0) {
-        return 0;  // recv would return 0 as well, which stands for the end of the stream
+        return 0;  // recv would return 0 as well, which means the end of the stream
     }
     for (;;) {
         const ssize_t count = ::recv(m_fd, buf, ClampLength(len), 0);

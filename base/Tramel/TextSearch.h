@@ -6,7 +6,7 @@
 namespace Kavio {
 namespace Tramel {
 
-// Offset that stands for "not found".
+// Offset that means "not found".
 const size_t TEXT_NOT_FOUND = static_cast<size_t>(-1);
 
 // The first offset of `needle` in `haystack`, any bytes allowed; an empty needle is found at 0. No memory is taken.

@@ -46,7 +46,7 @@ public:
     // 2000. 0, or negative on failure. The base returns -1.
     virtual int ProcessChallenge(const char* response, result_proc_t result, int kind);
 
-    // Tells which request the next GetChallenge or ProcessChallenge is for: right before each of them, on the same
+    // Says which request the next GetChallenge or ProcessChallenge is for: right before each of them, on the same
     // thread. A Digest response is good for one method and one URL (RFC 2617 3.2.2.3), so a module that judges them
     // keeps both and compares. `method`: its name as it came, such as "DESCRIBE"; `url`: the request's URL as it came,
     // empty if there is none. Both are valid until that operation returns. The base does nothing.

@@ -78,7 +78,7 @@ public:
     virtual bool Attach(int fd);
     // Sets the remote's numeric address and port (1 to 65535): to the sending direction, which sends there; to the
     // receiving one, which then drops what others send; or to both. When receiving, an empty `ip` and a `port` of -1
-    // stand for any; without SetRemote anyone may send. False, with nothing changed: null, no address, another port,
+    // mean any; without SetRemote anyone may send. False, with nothing changed: null, no address, another port,
     // or no remote_mode_t.
     virtual bool SetRemote(const char* ip, int port, int mode);
     // Begins to receive, or goes on with another callback. What `proc` is bound to must live until Detach or Close has

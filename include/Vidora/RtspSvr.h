@@ -24,8 +24,8 @@ struct RtspSvrStatistics {
 // How the socket of a NAT stream comes back to the host: called with NAT_SOCKET_RETURN, a pointer to the descriptor, an
 // int, which is good during the call only, and its size, 4.
 //
-// It is called once for each AddNewConnect that gave 0, on a thread of the pool, when the session has ended and the
-// server has let go of all else that belonged to it; the host may call anything there, CRtspSvr::Close included. The
+// It is called once for each AddNewConnect that returned 0, on a thread of the pool, when the session has ended and the
+// server has released all else that belonged to it; the host may call anything there, CRtspSvr::Close included. The
 // descriptor is the host's from the call on, to use again or to close. It is bound as before and no longer connected to
 // any peer, and stays non-blocking. Without a pool (see CNetThread) it waits for the next one.
 typedef TFunction3<void, int, void*, int> nat_return_t;

@@ -64,7 +64,7 @@ struct StreamAudioFormat {
 //
 // A frame is a Flumen::CMediaFrame in the private frame format, with setType (a frame_type_t), setSequence, setPts
 // (PTS_TYPE_MS, milliseconds) and setUtc (wall time in seconds) set, and setNewFormat(1) on the first frame of a new
-// format. The first time stamp of a stream is above 0, as 0 stands for none yet: a stream that begins at 0 has its
+// format. The first time stamp of a stream is above 0, as 0 means none yet: a stream that begins at 0 has its
 // first two frames at one time. H.264 frames hold NAL units behind start codes, a key frame its parameter sets first.
 // Without RTSP_SVR_CONFIG_CONFORMANCE the start codes have four bytes, 00 00 00 01, never three, and a picture has one
 // slice: what follows it is sent as a part of it. JPEG images are baseline 4:2:0 with the Huffman tables of ISO 10918-1

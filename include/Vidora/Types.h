@@ -97,7 +97,7 @@ enum frame_type_t {
     FRAME_TYPE_ASSIST = 'W'  // side data that travels with the video
 };
 
-// A calendar time in UTC; a year of 0 stands for "not given".
+// A calendar time in UTC; a year of 0 means "not given".
 struct UtcTime {
     int year = 0;
     int month = 0;

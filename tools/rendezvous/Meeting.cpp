@@ -35,14 +35,19 @@ void Meeting::take(const std::string& datagram, const Address& from) {
     }
 }
 
-// A translation may give the peer another outer address than the point has seen: the key tells that it is him.
+// The point names the peer: "PEER", the key and the address.
+void Meeting::take_peer(const words_t& words) {
+    if (words[0] == "PEER" && words.size() > 2 && m_state == ASKS) {
+        m_peer = Address::Parse(words[2], true);
+        enter(m_peer.IsValid() ? PUNCHES : ASKS);
+    }
+}
+
+// A translation may give the peer another outer address than the point has seen: it is known by the key.
 void Meeting::take_words(const words_t& words, const Address& from) {
     const std::string& verb = words[0];
     if (from == m_point) {
-        if (verb == "PEER" && words.size() > 2 && m_state == ASKS) {
-            m_peer = Address::Parse(words[2], true);
-            enter(m_peer.IsValid() ? PUNCHES : ASKS);
-        }
+        take_peer(words);
         return;
     }
     const bool is_last = verb == (is_viewer() ? "DONE" : "OPEN");

@@ -33,6 +33,7 @@ public:
 private:
     bool is_viewer() const { return !m_name.empty(); }
     void take(const std::string& datagram, const Address& from);
+    void take_peer(const words_t& words);
     void take_words(const words_t& words, const Address& from);
     void enter(state_t state);
     void send_due(instant_t now);

@@ -42,7 +42,7 @@ public:
     // Binds at `local`, or at any address of its family if `any`.
     bool Open(const Address& local, bool any);
     void Close();
-    // Gives the descriptor away.
+    // Releases the descriptor to the caller.
     int Release();
     int Fd() const { return m_fd; }
     Address Local() const;

@@ -11,7 +11,7 @@ namespace Ostra {
 // CTime: a point of wall time in whole seconds since 1970-01-01 00:00:00 UTC. A value, no lock.
 //
 // Calendar fields are UTC, as in the clock ranges of RFC 2326 3.7, so that they don't depend on the host's time zone.
-// The zero time stands for "not given" wherever the library takes a CTime.
+// The zero time means "not given" wherever the library takes a CTime.
 class VIDORA_API CTime {
 public:
     // The zero time.
