@@ -52,10 +52,8 @@ bool CSenderReports::has_media(const CTrack& track) {
     return m_source.IsOpen() && m_source.GetSrcInfo(info, track.track_id) >= 0 && info.wall_us != 0;
 }
 
-void CSenderReports::SayBye(IMediaRoute* route) {
-    if (m_conformance && !m_forbidden && m_link.SendsReports()) {
-        Send(route, -1, true);
-    }
+bool CSenderReports::SayBye(IMediaRoute* route) {
+    return m_conformance && !m_forbidden && m_link.SendsReports() && Send(route, -1, true) >= 0;
 }
 
 int CSenderReports::Send(IMediaRoute* route, int track_filter, bool with_bye) {

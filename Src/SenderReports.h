@@ -24,8 +24,8 @@ public:
     void Stop() { m_timer.Stop(); }
     // The timer has fired: sends what is due. 0 or -1.
     int OnTimer(IMediaRoute* route);
-    // The last reports before a conversation ends, if there is one that hears them.
-    void SayBye(IMediaRoute* route);
+    // The last reports before a conversation ends, if there is one that hears them. Whether there is.
+    bool SayBye(IMediaRoute* route);
     bool Is(long timer_id) const { return m_timer.Is(timer_id); }
 
     // Sends the reports of all tracks that play, or of that one alone (-1 means all), over `route`; with a BYE

@@ -21,6 +21,9 @@ public:
     // Whether the end has to wait on; the timer asks again.
     bool Waits(CSessionSource& source) {
         uint64_t unsent = 0;
+        if (m_leaves) {
+            return false;
+        }
         if (!source.HasMediaToSend(unsent)) {
             return m_conformance && m_rests++ < MAX_RESTS && m_timer.Start(PERIOD_US);
         }
@@ -31,8 +34,16 @@ public:
         }
         return m_tries++ < MAX_TRIES && m_timer.Start(PERIOD_US);
     }
+    // The client has been told of the end: it may take leave by itself, or go back in the recording. Whether the end
+    // has to wait on.
+    bool WaitsForLeave() {
+        m_leaves = true;
+        m_timer.Stop();
+        return m_timer.Start(LEAVE_US);
+    }
     void Stop() {
         m_timer.Stop();
+        m_leaves = false;
         m_tries = 0;
         m_rests = 0;
         m_unsent = 0;
@@ -42,6 +53,7 @@ public:
 
 private:
     static const int64_t PERIOD_US = 20000;
+    static const int64_t LEAVE_US = 5000000;  // players show first what they hold back against jitter
     static const int MAX_TRIES = 500;
     static const int MAX_RESTS = 5;
 
@@ -49,6 +61,7 @@ private:
     bool m_conformance = false;
     int m_tries = 0;  // since the client took something
     int m_rests = 0;  // since all was sent
+    bool m_leaves = false;
     uint64_t m_unsent = 0;
 };
 

@@ -352,7 +352,11 @@ int CSvrConversation::on_source_ready() {
 }
 
 int CSvrConversation::on_source_end() {
-    if (!m_drain.Waits(m_source)) {
+    if (m_drain.Waits(m_source)) {
+        return 0;
+    }
+    const bool is_told = say_bye();
+    if (!is_told || !m_source.IsOwn() || !m_drain.WaitsForLeave()) {
         End(MSG_SRC_END);
     }
     return 0;
@@ -400,12 +404,14 @@ void CSvrConversation::report_losses() {
     }
 }
 
-// Media that flow end here.
-void CSvrConversation::say_bye() {
-    if (m_streaming) {
-        m_reports.SayBye(m_route);
-        m_streaming = false;
+// Media that flow end here. Whether the client is told.
+bool CSvrConversation::say_bye() {
+    const bool is_told = m_streaming && m_reports.SayBye(m_route);
+    m_streaming = false;
+    for (CTrack& track : m_tracks) {
+        track.playing = track.playing && !is_told;
     }
+    return is_told;
 }
 
 // The end begins here, whatever its reason: the media stops, the source is released, the link closes. A source of the
@@ -439,7 +445,6 @@ void CSvrConversation::Release() {
 // What a DESCRIBE has brought, and all that came of it, goes. `hears_end`: see CSessionSource::Release.
 bool CSvrConversation::release(bool hears_end) {
     m_sdp_wait.Stop();
-    m_drain.Stop();
     stop_media();
     const bool waits = m_source.Release(m_link.HandlerId(), hears_end);
     m_route = nullptr;

@@ -168,7 +168,7 @@ private:
     int take_awaited_sdp();
     void report_address(event_type_t event);
     void report_losses();
-    void say_bye();
+    bool say_bye();
     bool release(bool hears_end);
     void on_asyn_msg(const StateEvent& event);
 

@@ -306,6 +306,7 @@ int CSvrConversation::on_pause(const StateEvent& event) {
         track.playing = track.playing && track_id >= 0 && track.track_id != track_id;
     }
     ++m_play_round;
+    m_drain.Stop();  // the client is there and may go on elsewhere in the recording
     m_wait_id = event.id;
     m_awaited = REFUSED_BY_STATE;
     m_source.Pause();
@@ -380,6 +381,7 @@ int CSvrConversation::teardown_track(CTrack& track) {
 
 // The reports end, and the sink leaves its buffer.
 void CSvrConversation::stop_media() {
+    m_drain.Stop();
     m_reports.Stop();
     m_silence.Reset();
     m_source.Leave();

@@ -1,5 +1,6 @@
 #!/usr/bin/env python3
 """vidora-host with GStreamer's rtspsrc: gst_test.py HOST MEDIA [unittest arguments]."""
+import subprocess
 import unittest
 
 import gi
@@ -8,6 +9,7 @@ gi.require_version("Gst", "1.0")
 from gi.repository import Gst  # noqa: E402
 
 from host_support import Host, main  # noqa: E402
+from relay import Relay  # noqa: E402
 
 SECOND = Gst.SECOND
 
@@ -86,6 +88,22 @@ class GStreamer(unittest.TestCase):
             self.assertTrue(player.pipeline.seek_simple(Gst.Format.TIME, Gst.SeekFlags.FLUSH, 0))
             # From the start again there are more pictures than were left.
             player.wait_for_pictures(len(player.times["video"]) + 70)
+
+    def test_programs_end_well_with_a_password(self):
+        with Host("--user", "admin:secret") as host, \
+                Relay(host.port, words=(b"WWW-Authenticate: Digest", b"X-Authenticate-: Digest-")) as basic:
+            recording = host.url("1_0_clip.kav")
+            rows = [(url, protocols, end) for protocols in ("tcp", "udp")
+                    for url, end in ((host.url(), "num-buffers=50"), (recording, ""),
+                                     (recording.replace(str(host.port), str(basic.port)), ""))]
+            programs = [subprocess.Popen(
+                ["gst-launch-1.0", "-q", *f"rtspsrc location={url} user-id=admin user-pw=secret protocols={protocols} "
+                 f"name=source source. ! rtph264depay ! avdec_h264 ! fakesink {end} "
+                 f"source. ! rtppcmadepay ! alawdec ! fakesink {end}".split()], stderr=subprocess.PIPE)
+                for url, protocols, end in rows]
+            for row, program in zip(rows, programs):
+                with self.subTest(row=row):
+                    self.assertEqual((b"", 0), (program.communicate(timeout=60)[1], program.returncode))
 
     def test_wrong_password_is_an_error(self):
         with Host("--user", "admin:secret") as host:

@@ -1,4 +1,4 @@
-"""A plain TCP relay in front of a server, which cuts what clients send."""
+"""A plain TCP relay in front of a server, which cuts what clients send and changes what they get."""
 import itertools
 import socket
 import threading
@@ -8,11 +8,13 @@ PAUSE = 0.0003  # between two pieces, so that the server mostly reads each by it
 
 
 class Relay:
-    """Listens on a free port of loopback; what clients send goes on in pieces of the `sizes`, which are repeated."""
+    """Listens on a free port of loopback; what clients send goes on in pieces of the `sizes`, which are repeated, and
+    of what they get `words` are replaced by others of the same length."""
 
-    def __init__(self, port, sizes):
+    def __init__(self, port, sizes=(65536,), words=(b"", b"")):
         self.server = ("127.0.0.1", port)
         self.sizes = sizes
+        self.words = words
         self.listener = socket.create_server(("127.0.0.1", 0))
         self.port = self.listener.getsockname()[1]
         self.socks = [self.listener]
@@ -57,7 +59,7 @@ class Relay:
                     target.sendall(data[:size])
                     data = data[size:]
                     time.sleep(PAUSE)
-                target.sendall(data)
+                target.sendall(data.replace(*self.words) if self.words[0] else data)
         except OSError:
             pass  # one side has gone
         self._end(source)

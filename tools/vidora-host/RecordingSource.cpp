@@ -214,8 +214,8 @@ void RecordingSource::take_orders(const Orders& orders, Clock::time_point now) {
     }
     if (orders.seeks) {
         m_cursor->Seek(recording().Keys()[orders.seek_key]);
-        m_ended = false;
     }
+    m_ended = false;  // one that goes on at its end is told of it again
     m_speed = orders.speed;
     m_has_anchor = false;
     m_anchor_time = now;
