@@ -80,6 +80,7 @@ private:
     static const int LIST_SIZE = 20;
     static const int MAX_EVENTS = 10;
 
+    // Results: the event that is to run, null for none; 0 or negative. admit: 0 if the caller is to run the event.
     StateEvent* new_event(uint32_t event_size);
     int admit(StateEvent* event);
     StateEvent* admit_asyn_locked(StateEvent* event, uint32_t msg) VIDORA_REQUIRES(m_mutex);

@@ -101,7 +101,12 @@ private:
     };
     enum route_kind_t { ROUTE_INTERLEAVED, ROUTE_UDP, ROUTE_CHANNEL, ROUTE_KINDS };
 
-    // Texts in and out.
+    // Results, where an operation doesn't say otherwise: of an on_... and of what it is made of, 0 when it is answered,
+    // 1 when the source answers later, a refusal_t when it isn't served; of a reply_..., 0 or a refusal_t; of the
+    // senders of texts always 0. What else returns an int: 0, or negative, which ends the session.
+
+    // Texts in and out. parse_event: negative if the request can't be read. refuse_awaited, take_refused: whether the
+    // refusal was sent; 1 of the latter lets the machine refuse it.
     int parse_event(const StateEvent& event);
     int refuse_parse(const StateEvent& event);
     int send_data(const char* text, int length);
@@ -117,13 +122,14 @@ private:
     bool refuse_awaited(int refusal);
     int take_refused(int refusal, const char* text, int size);
 
-    // For the gate.
+    // For the gate: false if the machine takes no more.
     bool PassRequest(const rtsp_msg_info& info, const char* text, unsigned int length) override;
     bool SendChallenge(const char* request, unsigned int length, const char* challenge) override;
     void BreakOff() override { End(MSG_SRC_FAIL); }
     void WakeGate() override { m_link.Post(MSG_SESSION_AUTH, 0); }
 
-    // DESCRIBE and SETUP.
+    // DESCRIBE and SETUP. read_sdp: whether there is a description. find_route: the table's; null refuses the
+    // transport.
     int on_describe(const StateEvent& event);
     int open_source(const char* content, int proto);
     int describe_live();
@@ -135,7 +141,8 @@ private:
     IMediaRoute* find_route(const transport_info& transport);
     int setup_track(CTrack& track, transport_info& transport);
 
-    // PLAY, PAUSE and TEARDOWN.
+    // PLAY, PAUSE and TEARDOWN. warn_play: its refusal. generate_play_reply: the codec's text, or null. build_rtp_info:
+    // -1 if the source knows nothing of a track.
     int on_play(const StateEvent& event);
     int on_replay(const StateEvent& event);
     int play_own_source(const StateEvent& event);
@@ -159,7 +166,7 @@ private:
     int teardown_track(CTrack& track);
     void stop_media();
 
-    // Messages and the end.
+    // Messages and the end. release: whether the end waits for MSG_SOURCE_CLOSED.
     int take_own_message(unsigned int msg, long param);
     int take_source_message(unsigned int msg);
     int on_source_ready();

@@ -135,6 +135,9 @@ public:
     void on_async_msg(const StateEvent&) {}
 
 private:
+    // Results of those that return an int: 0, or -1 when the request isn't sent or the reply ends the session, which is
+    // notified then.
+
     // Requests.
     int queue(rtsp_method_t method, const char* text, request_kind_t kind, const std::string& body = std::string());
     int send_keepalive();
@@ -147,7 +150,7 @@ private:
     int transmit(const char* text, rtsp_method_t method);
     void leave(bool teardown);
 
-    // Replies.
+    // Replies. repeat...: whether the request was sent anew.
     void answer_request(const char* text, unsigned int length);
     void take_reply(const char* text, unsigned int length, const rtsp_msg_info& info);
     void take_refusal(const pending_request& request, int status);
@@ -177,7 +180,7 @@ private:
     void play(const client_play& play);
     void pause();
 
-    // Liveness.
+    // Liveness. check_...: false if the session has ended.
     bool check_requests();
     bool check_reports();
     bool check_idle();

@@ -110,7 +110,7 @@ private:
     void on_first_info();
     bool update_formats_locked() VIDORA_REQUIRES(m_mutex);
 
-    // Starting, stopping and the play window (KXDataReceiverPlay.cpp).
+    // Starting, stopping and the play window (KXDataReceiverPlay.cpp). Results: 0 or negative, or what the name asks.
     int set_play(const CTime& start, const CTime& end, float speed);
     bool seek(const CTime& start, const CTime& end, bool backwards);
     int check_seekable() const;
@@ -119,7 +119,8 @@ private:
     int resume_source();
     void end();
 
-    // The path of a frame (KXDataReceiverFrame.cpp).
+    // The path of a frame (KXDataReceiverFrame.cpp). put_..._locked: 0, or -1 for a frame that can't be converted.
+    // find_track_locked: negative for a frame that goes nowhere. send_rtp_locked: the bytes put, 0 on failure.
     void frame_proc(const Flumen::CMediaFrame& frame);
     void take_frame(const Flumen::CMediaFrame& frame);
     bool is_at_end_locked() VIDORA_REQUIRES(m_mutex);
