@@ -1,9 +1,7 @@
 #include <gtest/gtest.h>
-#include <unistd.h>
 
 #include <atomic>
 #include <memory>
-#include <mutex>
 #include <vector>
 
 #include "Tramel/MediaStreamReceiver.h"

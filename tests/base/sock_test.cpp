@@ -1,4 +1,3 @@
-#include <arpa/inet.h>
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <net/if.h>
@@ -8,7 +7,6 @@
 #include <unistd.h>
 
 #include <chrono>
-#include <csignal>
 #include <string>
 #include <vector>
 

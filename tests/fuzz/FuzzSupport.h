@@ -10,8 +10,7 @@
 #include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
-
-#include "../support/StreamBytes.h"
+#include "support/StreamBytes.h"
 
 namespace Kavio::Vidora {
 
@@ -31,6 +30,13 @@ inline void Require(bool holds) {
     }
 }
 
+// The next bytes, as far as there are so many, in a block of their exact size.
+inline Bytes ReadBytes(Ostra::CByteReader& reader, size_t want) {
+    const size_t length = std::min(want, reader.Remaining());
+    const uint8_t* bytes = reader.ReadBytes(length);
+    return Bytes(bytes, bytes + length);
+}
+
 struct Record {
     uint8_t control = 0;
     Bytes bytes;
@@ -42,9 +48,7 @@ inline bool ReadRecord(Ostra::CByteReader& reader, Record& record) {
     }
     record.control = reader.ReadU8();
     const size_t want = reader.ReadU8();
-    const size_t len = want < reader.Remaining() ? want : reader.Remaining();
-    const uint8_t* bytes = reader.ReadBytes(len);
-    record.bytes.assign(bytes, bytes + len);
+    record.bytes = ReadBytes(reader, want);
     return true;
 }
 

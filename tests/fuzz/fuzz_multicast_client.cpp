@@ -1,7 +1,5 @@
 // What a multicast client's socket gives it. First byte: 0 a transport stream, otherwise the encode type of a track of
 // RTP; then datagrams, each behind two bytes with its length, the last one shorter.
-#include <algorithm>
-
 #include "FuzzSupport.h"
 #include "MulticastTrack.h"
 
@@ -18,10 +16,9 @@ void Fuzz::Target(const uint8_t* data, size_t size) {
         info.encode == ENC_TYPE_NONE ? CMulticastTrack::CreateTs(on_frame) : CMulticastTrack::CreateRtp(on_frame, info);
     uint64_t count = 0;
     while (input.Remaining() > 2) {
-        const size_t length = std::min<size_t>(input.ReadU16(), input.Remaining());
-        const uint8_t* bytes = input.ReadBytes(length);
-        const Bytes datagram(bytes, bytes + length);  // of its exact size
-        track->Take(datagram.data(), static_cast<unsigned int>(length));
+        const size_t length = input.ReadU16();
+        const Bytes datagram = ReadBytes(input, length);
+        track->Take(datagram.data(), static_cast<unsigned int>(datagram.size()));
         Require(track->Dropped() <= ++count);
     }
 }

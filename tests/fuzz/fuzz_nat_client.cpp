@@ -1,6 +1,5 @@
 // What the socket of a NAT client's receiver gives it. First byte: bits 0-1 the number of tracks, bit 2 the payload
 // type of the first one isn't known; then datagrams, each behind two bytes with its length, the last one shorter.
-#include <algorithm>
 #include <memory>
 
 #include "FuzzSupport.h"
@@ -61,11 +60,10 @@ void Fuzz::Target(const uint8_t* data, size_t size) {
     receiver->SetMediaBuffer(&buffer);
     receiver->SetProcs(CStreamReceiver::unit_proc_t(), CStreamReceiver::rtsp_proc_t(&on_text));
     while (input.Remaining() > 2) {
-        const size_t length = std::min<size_t>(input.ReadU16(), input.Remaining());
-        const uint8_t* bytes = input.ReadBytes(length);
-        Bytes datagram(bytes, bytes + length);  // of its exact size
-        datagram.push_back(0xff);               // the room for a NUL
-        Require(receiver->Take({datagram.data(), static_cast<unsigned int>(length)}) == 0);
+        const size_t length = input.ReadU16();
+        Bytes datagram = ReadBytes(input, length);
+        datagram.push_back(0xff);  // the room for a NUL
+        Require(receiver->Take({datagram.data(), static_cast<unsigned int>(datagram.size() - 1)}) == 0);
     }
     receiver->handle_close(receiver);
 }

@@ -57,13 +57,12 @@ void write_and_read(CRtcpParser& mirror, unsigned int room) {
 }  // namespace
 
 void Fuzz::Target(const uint8_t* data, size_t size) {
-    if (size < 1) {
-        return;
-    }
-    const unsigned int length = static_cast<unsigned int>(size - 1);
+    Ostra::CByteReader input(data, size);
+    const bool compound = (input.ReadU8() & 1) != 0;
+    const unsigned int length = static_cast<unsigned int>(input.Remaining());
     CRtcpParser parser(1);
     CRtcpParser mirror(2);
-    const bool good = parser.ParseData(data + 1, &length, (data[0] & 1) != 0);
+    const bool good = parser.ParseData(input.Rest(), &length, compound);
     int count = 0;
     rtcp_pack* packs = parser.get_packets(&count);
     Require(good == (count > 0) && count <= CRtcpParser::MAX_PACKETS);

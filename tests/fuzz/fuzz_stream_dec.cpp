@@ -1,8 +1,6 @@
 // The decoders of RTP and of transport streams, to each destination. First byte: encode type of an RTP track, bit 7 to
 // drop damaged frames; or bit 6 for a transport stream. Second byte: destination. Then records of RTP, or packets of
 // 188 bytes, the last one shorter.
-#include <algorithm>
-
 #include "FuzzSupport.h"
 #include "StreamParser/StreamParser.h"
 #include "StreamParser/TsDemux.h"
@@ -59,12 +57,10 @@ void check_demux(TsDemuxState& state, const uint8_t* packet) {
 void decode_ts(CDecoder& decoder, Ostra::CByteReader& input) {
     TsDemuxState state;
     while (input.Remaining() > 0) {
-        const size_t len = std::min<size_t>(input.Remaining(), TS_PACK_LEN);
-        const uint8_t* bytes = input.ReadBytes(len);
-        const Fuzz::Bytes packet(bytes, bytes + len);  // of its exact size
+        const Fuzz::Bytes packet = Fuzz::ReadBytes(input, TS_PACK_LEN);
         const int ret = decoder.Put(packet);
-        Fuzz::Require(len == TS_PACK_LEN || ret == PARSER_FAILED);
-        if (len == TS_PACK_LEN) {
+        Fuzz::Require(packet.size() == TS_PACK_LEN || ret == PARSER_FAILED);
+        if (packet.size() == TS_PACK_LEN) {
             check_demux(state, packet.data());
         }
     }

@@ -2,13 +2,11 @@
 
 #include <gtest/gtest.h>
 
-#include <condition_variable>
 #include <string>
 
 #include "ReceptionStats.h"
 #include "StreamTcpReceiver.h"
 #include "StreamUdpReceiver.h"
-#include "support/Capture.h"
 #include "support/CollectingSink.h"
 #include "support/Interleave.h"
 #include "support/SampleTable.h"
