@@ -22,17 +22,13 @@ namespace {
 const int KEY = 1;
 const int SKIPPABLE = 5;
 
-// One client: a sender on a socket, its peer's end, and the numbers that its send procedure was given.
-struct Sink {
-    explicit Sink(int buffer_bytes = 65536) : pair(buffer_bytes), sender(CMediaStreamSender::Create()) {
-        sock.Attach(pair.near_fd);
+// One client, with the numbers that its send procedure was given.
+struct Sink : SendingEnd {
+    explicit Sink(int buffer_bytes = 65536) : SendingEnd(buffer_bytes) {
         sender->Attach(&sock);
         sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(this, &Sink::OnInfo));
     }
-    ~Sink() {
-        sender->Detach();
-        sender->Close();
-    }
+    ~Sink() { sender->Detach(); }
     void OnInfo(CMediaPacket* packet, int length, int) {
         std::lock_guard<std::mutex> guard(mutex);
         infos.push_back(static_cast<unsigned int>(
@@ -42,17 +38,6 @@ struct Sink {
         std::lock_guard<std::mutex> guard(mutex);
         return infos;
     }
-    bool Read() { return reader.Read(pair.far_fd); }
-    void Say(const std::string& text) { sender->SendOtherData(text.data(), static_cast<int>(text.size())); }
-    // Waits until that many units have come.
-    bool Gets(size_t units) {
-        return WaitUntil([&] { return (Read(), reader.Units().size() >= units); });
-    }
-
-    TcpPair pair;
-    CSockStream sock;
-    CMediaStreamSender* sender;
-    WireReader reader;
     std::mutex mutex;
     std::vector<unsigned int> infos;
 };

@@ -303,103 +303,84 @@ int put(CStreamSender* sender, const std::string& text) {
     return sender->Put(text.data(), static_cast<unsigned int>(text.size()));
 }
 
-void say(CMediaStreamSender* sender, const std::string& text) {
-    sender->SendOtherData(text.data(), static_cast<int>(text.size()));
-}
+// A socket for both of a session's senders.
+struct Session : SendingEnd {
+    Session() : SendingEnd(4096) {}
+    ~Session() { owner->Close(); }
+
+    Owner* owner = new Owner;
+};
 
 }  // namespace
 
 TEST(Senders, TextOfBothFacesStaysWholeOnASocketThatIsAlwaysFull) {
     const CPool pool(2);
-    TcpPair pair(4096);
-    Owner* owner = new Owner;
-    CMediaStreamSender* media = CMediaStreamSender::Create();
-    {
-        CSockStream sock;
-        sock.Attach(pair.near_fd);
-        ASSERT_EQ(-1, owner->m_sender->Put("x", 1)) << "nothing attached";
-        ASSERT_EQ(0, owner->m_sender->Attach(owner, &sock));
-        ASSERT_EQ(0, media->Attach(&sock));
-        const unsigned int count = 300;
-        std::thread writer([&] {
-            for (unsigned int i = 0; i < count; ++i) {
-                say(media, TextBytes(count + i, i * 7 % 3000));
-            }
-        });
+    Session session;
+    CStreamSender* control = session.owner->m_sender;
+    ASSERT_EQ(-1, control->Put("x", 1)) << "nothing attached";
+    ASSERT_EQ(0, control->Attach(session.owner, &session.sock));
+    ASSERT_EQ(0, session.sender->Attach(&session.sock));
+    const unsigned int count = 300;
+    std::thread writer([&] {
         for (unsigned int i = 0; i < count; ++i) {
-            ASSERT_EQ(0, put(owner->m_sender, TextBytes(i, i * 11 % 3000)));
+            session.Say(TextBytes(count + i, i * 7 % 3000));
         }
-        WireReader reader;
-        EXPECT_TRUE(WaitUntil([&] {
-            reader.Read(pair.far_fd);
-            return reader.Units().size() == 2 * count || reader.Broken();
-        }));
-        writer.join();
-        EXPECT_FALSE(reader.Broken());
-        unsigned int next[2] = {0, count};
-        for (unsigned int number : reader.Numbers(-1)) {
-            EXPECT_EQ(next[number / count]++, number) << "order of one sender";
-        }
-        EXPECT_EQ(&sock, media->Detach());
-        EXPECT_EQ(&sock, owner->m_sender->Detach());
-        EXPECT_EQ(nullptr, media->Detach());
+    });
+    for (unsigned int i = 0; i < count; ++i) {
+        ASSERT_EQ(0, put(control, TextBytes(i, i * 11 % 3000)));
     }
-    media->Close();
-    owner->Close();
+    EXPECT_TRUE(session.Gets(2 * count));
+    writer.join();
+    EXPECT_FALSE(session.reader.Broken());
+    unsigned int next[2] = {0, count};
+    for (unsigned int number : session.reader.Numbers(-1)) {
+        EXPECT_EQ(next[number / count]++, number) << "order of one sender";
+    }
+    EXPECT_EQ(&session.sock, session.sender->Detach());
+    EXPECT_EQ(&session.sock, control->Detach());
+    EXPECT_EQ(nullptr, session.sender->Detach());
 }
 
 TEST(Senders, TextGoesOnAfterTheOwnerTookTheSocketOutOfTheReactorAndPutItBack) {
     const CPool pool(2);
-    TcpPair pair(4096);
-    Owner* owner = new Owner;
-    {
-        CSockStream sock;
-        sock.Attach(pair.near_fd);
-        ASSERT_EQ(0, owner->m_sender->Attach(owner, &sock));
-        ASSERT_EQ(0, owner->RegisterSock(sock, SOCK_EVENT_READ, 0));
-        ASSERT_EQ(0, put(owner->m_sender, TextBytes(0, 300000)));
-        ASSERT_EQ(0, owner->RemoveSock(sock));
-        ASSERT_EQ(0, owner->RegisterSock(sock, SOCK_EVENT_READ, 0));
-        WireReader reader;
-        EXPECT_TRUE(WaitUntil([&] { return (reader.Read(pair.far_fd), reader.Units().size() == 1); }));
-        owner->m_sender->Detach();
-        owner->RemoveSock(sock);
-    }
-    owner->Close();
+    Session session;
+    Owner* owner = session.owner;
+    ASSERT_EQ(0, owner->m_sender->Attach(owner, &session.sock));
+    ASSERT_EQ(0, owner->RegisterSock(session.sock, SOCK_EVENT_READ, 0));
+    ASSERT_EQ(0, put(owner->m_sender, TextBytes(0, 300000)));
+    ASSERT_EQ(0, owner->RemoveSock(session.sock));
+    ASSERT_EQ(0, owner->RegisterSock(session.sock, SOCK_EVENT_READ, 0));
+    EXPECT_TRUE(session.Gets(1));
+    owner->m_sender->Detach();
+    owner->RemoveSock(session.sock);
 }
 
 // The number of a closed descriptor is given out again at once. What was queued for the old connection, and a sender
 // that nobody told, must not write to the new one; nor may the old one's end be the new one's.
 TEST(Senders, ReusedSocketObjectBeginsWithAQueueOfItsOwn) {
     const CPool pool(2);
-    CMediaStreamSender* media = CMediaStreamSender::Create();
     CStreamSender* left = CStreamSender::Create();
     MessageCounter owner;
     {
-        TcpPair first(4096);
-        CSockStream sock;
-        const int number = first.near_fd;
-        sock.Attach(first.near_fd);
-        ASSERT_EQ(0, left->Attach(&owner, &sock));
+        SendingEnd end(4096);
+        const int number = end.pair.near_fd;
+        ASSERT_EQ(0, left->Attach(&owner, &end.sock));
         left->WaitException(owner.GetID());
         ASSERT_EQ(0, put(left, TextBytes(1, 300000)));
-        sock.Close();
+        end.sock.Close();
         TcpPair second(4096);
         ASSERT_TRUE(second.near_fd == number || second.far_fd == number);
-        sock.Attach(second.near_fd);
+        std::swap(end.pair.far_fd, second.far_fd);
+        end.sock.Attach(second.near_fd);
         left->handle_output(second.near_fd);
         EXPECT_EQ(-1, left->Put("x", 1));
-        ASSERT_EQ(0, media->Attach(&sock));
-        say(media, TextBytes(2));
-        WireReader reader;
-        EXPECT_TRUE(
-            WaitUntil([&] { return (reader.Read(second.far_fd), !reader.Units().empty() || reader.Broken()); }));
-        EXPECT_EQ((std::vector<unsigned int>{2}), reader.Numbers(-1));
-        EXPECT_FALSE(reader.Broken());
-        EXPECT_FALSE(reader.Partial());
-        media->Detach();
+        ASSERT_EQ(0, end.sender->Attach(&end.sock));
+        end.Say(TextBytes(2));
+        EXPECT_TRUE(end.Gets(1));
+        EXPECT_EQ((std::vector<unsigned int>{2}), end.reader.Numbers(-1));
+        EXPECT_FALSE(end.reader.Broken() || end.reader.Partial());
+        end.sender->Detach();
     }
-    media->Close();
     left->Close();
     EXPECT_EQ(0, owner.Failures()) << "who closes the socket knows";
 }
@@ -407,18 +388,15 @@ TEST(Senders, ReusedSocketObjectBeginsWithAQueueOfItsOwn) {
 TEST(Senders, BrokenAndStalledSocketsPostTheMessageOnce) {
     const CPool pool(2);
     for (const bool stalled : {false, true}) {
-        TcpPair pair(4096);
-        Owner* owner = new Owner;
-        CMediaStreamSender* media = CMediaStreamSender::Create();
-        CSockStream sock;
-        sock.Attach(pair.near_fd);
+        Session session;
+        Owner* owner = session.owner;
         owner->m_sender->WaitException(owner->GetID());
-        media->WaitException(owner->GetID());
-        media->SetSendTimeout(1);
-        ASSERT_EQ(0, owner->m_sender->Attach(owner, &sock));
-        ASSERT_EQ(0, media->Attach(&sock));
+        session.sender->WaitException(owner->GetID());
+        session.sender->SetSendTimeout(1);
+        ASSERT_EQ(0, owner->m_sender->Attach(owner, &session.sock));
+        ASSERT_EQ(0, session.sender->Attach(&session.sock));
         if (!stalled) {
-            pair.CloseFar();
+            session.pair.CloseFar();
         }
         int result = put(owner->m_sender, TextBytes(1, 100000));
         EXPECT_TRUE(WaitUntil([&] {
@@ -428,8 +406,6 @@ TEST(Senders, BrokenAndStalledSocketsPostTheMessageOnce) {
         })) << stalled;
         EXPECT_EQ(-1, owner->m_sender->Put("x", 1));
         EXPECT_EQ(1, owner->Failures());
-        media->Close();
         owner->m_sender->Detach();
-        owner->Close();
     }
 }

@@ -8,8 +8,7 @@
 #include "Vidora/Ostra/Assert.h"
 #include "Vidora/Ostra/Log.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // Collects the log's lines of all levels up to `level` while it lives. One at a time; any thread may log.
 class CLogCapture {
@@ -83,7 +82,6 @@ private:
     static inline std::vector<std::string> s_texts;
 };
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_CAPTURE_H

@@ -12,8 +12,7 @@
 #include "support/CollectingSink.h"
 #include "support/TestHandler.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // A notification of a client session.
 struct ClientNote {
@@ -110,7 +109,6 @@ public:
     }
 };
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_CLIENTHOST_H

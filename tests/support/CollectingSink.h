@@ -10,8 +10,7 @@
 #include "Vidora/Tramel/MediaPacket.h"
 #include "support/StreamBytes.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // CCollectingSink: keeps a copy of all that a media buffer gives it. Any thread.
 class CCollectingSink : public Tramel::CLevel2Buffer_IF {
@@ -59,7 +58,6 @@ private:
     std::vector<Item> m_items;
 };
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_COLLECTINGSINK_H

@@ -10,8 +10,7 @@
 #include "StreamParser/Rtp2Frame.h"
 #include "support/StreamBytes.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 using namespace Vidora;
 
@@ -99,7 +98,6 @@ private:
     CRtp2Frame m_rtp2frame;
 };
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_DEPACKETISER_H

@@ -3,8 +3,7 @@
 
 #include <dirent.h>
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // Entries of the process's list of open descriptors: good for comparing with an earlier count.
 inline int CountDescriptors() {
@@ -19,7 +18,6 @@ inline int CountDescriptors() {
     return count;
 }
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_DESCRIPTORS_H

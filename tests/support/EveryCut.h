@@ -7,8 +7,7 @@
 
 #include "support/StreamBytes.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // Gives a stream to `run`, a function of the pieces in order that gives what a fresh parser made of them: whole, byte
 // by byte, with empty pieces, and in two pieces cut at every place. All must give the same, which is the result.
@@ -27,7 +26,6 @@ auto FeedAtEveryCut(const Bytes& stream, Run run) {
     return whole;
 }
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_EVERYCUT_H

@@ -14,8 +14,7 @@
 
 #include "Vidora/AuthModule.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // CFakeAuthModule: asks each client for credentials, of which only "Basic good" are right, and records the calls.
 //
@@ -123,7 +122,6 @@ private:
     result_proc_t m_held;
 };
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_FAKEAUTHMODULE_H

@@ -11,8 +11,7 @@
 #include "Vidora/DataSource.h"
 #include "support/TestHandler.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // A door that callers wait at while it is shut.
 class CDoor {
@@ -110,7 +109,6 @@ private:
     std::vector<long> m_notified;
 };
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_FAKEDATASOURCE_H

@@ -5,8 +5,7 @@
 
 #include "support/FrameBuilder.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 using namespace Vidora;
 
@@ -172,5 +171,4 @@ int CFakeStreamSource::handle_close(CNetHandler*) {
     return 0;
 }
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support

@@ -9,8 +9,7 @@
 #include "Vidora/Names.h"
 #include "Vidora/StreamSource.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // CFakeStreamSource: a host source that a test drives by hand: it gives frames when Give is called, fails where it is
 // told to, and records the calls that it gets.
@@ -100,7 +99,6 @@ private:
     std::atomic<int> m_packet_state{0};
 };
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_FAKESTREAMSOURCE_H

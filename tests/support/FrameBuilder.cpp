@@ -4,8 +4,7 @@
 
 #include "Vidora/KXFrame.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 Flumen::CMediaFrame BuildFrame(const FrameSpec& fields) {
     Vidora::CKXFrame writer;
@@ -57,5 +56,4 @@ std::string H264Picture(bool key, unsigned int size, uint8_t fill) {
     return picture;
 }
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support

@@ -6,8 +6,7 @@
 
 #include "Vidora/Flumen/MediaFrame.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // What a private frame is made of.
 struct FrameSpec {
@@ -32,7 +31,6 @@ std::string H264Picture(bool key, unsigned int size, uint8_t fill);
 // The parameter sets of H264Picture, each behind a start code.
 std::string H264ParameterSets();
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_FRAMEBUILDER_H

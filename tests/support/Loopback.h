@@ -8,8 +8,7 @@
 
 #include <cstdint>
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 inline sockaddr_in LoopbackAddress(int port) {
     sockaddr_in addr = {};
@@ -44,7 +43,6 @@ private:
     bool m_bound = false;
 };
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_LOOPBACK_H

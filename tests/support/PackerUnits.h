@@ -8,8 +8,7 @@
 #include "StreamParser/Frame2Packet.h"
 #include "support/StreamBytes.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 using namespace Vidora;
 
@@ -44,7 +43,6 @@ inline std::vector<Bytes> Pack(IFrame2Packet& packer, const Bytes& frame, int en
     return UnitsOf(packer);
 }
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_PACKERUNITS_H

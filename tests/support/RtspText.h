@@ -7,8 +7,7 @@
 
 #include "Protocol/RtspParser.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // A message written with plain line feeds, with CR LF as on the wire.
 inline std::string Crlf(const std::string& text) {
@@ -53,7 +52,6 @@ inline std::vector<RtspSample> ReadRtspSamples(const std::string& path) {
     return samples;
 }
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_RTSPTEXT_H

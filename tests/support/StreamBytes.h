@@ -8,9 +8,8 @@
 #include <string>
 #include <vector>
 
-namespace Kavio {
-namespace Vidora {}
-namespace Support {
+namespace Kavio::Vidora {}
+namespace Kavio::Support {
 
 using namespace Vidora;
 
@@ -90,7 +89,6 @@ inline Bytes MakeRtp(const RtpFields& fields, const Bytes& payload) {
     return packet + payload;
 }
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_STREAMBYTES_H

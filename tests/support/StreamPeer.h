@@ -8,13 +8,13 @@
 #include <string>
 #include <vector>
 
+#include "Tramel/MediaStreamSender.h"
 #include "Vidora/Tramel/MediaPacket.h"
 #include "support/Interleave.h"
 #include "support/Loopback.h"
 #include "support/TestHandler.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // A connected pair of stream sockets on loopback TCP with small buffers, so that a peer that doesn't read is noticed
 // soon. `near_fd` is for the code under test, `far_fd` is the peer's end, non-blocking.
@@ -159,6 +159,24 @@ private:
     bool m_broken = false;
 };
 
+// A media sender and the socket for it, and what the peer has read.
+struct SendingEnd {
+    explicit SendingEnd(int buffer_bytes) : pair(buffer_bytes) { sock.Attach(pair.near_fd); }
+    ~SendingEnd() { sender->Close(); }
+
+    bool Read() { return reader.Read(pair.far_fd); }
+    void Say(const std::string& text) { sender->SendOtherData(text.data(), static_cast<int>(text.size())); }
+    // Waits until that many units have come.
+    bool Gets(size_t units) {
+        return WaitUntil([&] { return (Read(), reader.Units().size() >= units || reader.Broken()); });
+    }
+
+    TcpPair pair;
+    Tramel::CSockStream sock;
+    Tramel::CMediaStreamSender* sender = Tramel::CMediaStreamSender::Create();
+    WireReader reader;
+};
+
 // A handler that counts the failures of sockets that it is told.
 class MessageCounter : public Tramel::CNetHandler {
 public:
@@ -172,7 +190,6 @@ private:
     std::atomic<int> m_failures{0};
 };
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_STREAMPEER_H

@@ -6,8 +6,7 @@
 #include "Ostra/Clock.h"
 #include "Tramel/Reactor.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // Moves the library's clock, so that timers and time-outs of the process come due without waiting. What repeats fires
 // once for all the time that was jumped over.
@@ -16,7 +15,6 @@ inline void AdvanceClock(uint64_t milliseconds) {
     Tramel::CReactor::Instance().Timers().ResetAlarm();
 }
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_TESTCLOCK_H

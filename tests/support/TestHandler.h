@@ -15,8 +15,7 @@
 #include "Vidora/Tramel/NetHandler.h"
 #include "Vidora/Tramel/NetThread.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // Waits until `done` holds; false when it doesn't within `limit_ms`, which is long enough for a slow sanitizer build.
 template <typename TCondition>
@@ -119,7 +118,6 @@ inline bool MakeSockPair(Tramel::CSockStream& one, Tramel::CSockStream& other) {
            other.Attach(fds[1]) == 0;
 }
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_TESTHANDLER_H

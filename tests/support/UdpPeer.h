@@ -7,8 +7,7 @@
 
 #include "support/Loopback.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // CUdpPeer: a blocking UDP socket on the loopback address, for a test's end of a conversation.
 class CUdpPeer : public CBoundSocket {
@@ -36,7 +35,6 @@ public:
     }
 };
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_UDPPEER_H
