@@ -6,6 +6,7 @@
 #include "StreamParser/JpegTables.h"
 #include "StreamParser/PrintLevel.h"
 #include "StreamParser/RtpHeader.h"
+#include "Tramel/Interleave.h"
 #include "Vidora/Ostra/ByteWriter.h"
 
 namespace Kavio {
@@ -13,9 +14,10 @@ namespace Vidora {
 
 namespace {
 
+// In the first word of an RTP header.
 constexpr uint8_t RTP_VERSION_2 = 0x80;
-constexpr uint8_t RTP_EXTENSION_BIT = 0x10;
-constexpr uint8_t RTP_MARKER = 0x80;
+constexpr uint32_t RTP_EXTENSION_BIT = 0x10000000;
+constexpr uint32_t RTP_MARKER = 0x00800000;
 
 // A JPEG picture's extension carries one word more: an SOI marker and the head of what a reader of the replay
 // extension expects behind it.
@@ -35,7 +37,6 @@ constexpr uint32_t word_of(uint8_t first, uint8_t second, uint16_t rest) {
 
 int CFrame2Rtp::PutFrame(const unsigned char* data, unsigned int len, int enc_type, uint64_t pts, uint8_t extra) {
     print_input_frame(enc_type, pts, len);
-    m_current = nullptr;
     m_index = 0;
     m_count = cut(data, len, enc_type, extra);
     if (m_count < 1) {
@@ -44,7 +45,6 @@ int CFrame2Rtp::PutFrame(const unsigned char* data, unsigned int len, int enc_ty
         return -1;
     }
     m_enc_type = enc_type;
-    m_current = m_nodes.Head();
     if (m_first_pts == 0) {
         m_first_pts = pts;
     }
@@ -80,79 +80,93 @@ int CFrame2Rtp::GetPacketCount() {
 }
 
 int CFrame2Rtp::GetPacketSize() {
-    return m_current == nullptr ? 0 : RTP_HEADER_LEN + static_cast<int>(m_current->Size());
+    return current() == nullptr ? 0 : RTP_HEADER_LEN + static_cast<int>(current()->Size());
 }
 
 // What the headers of a frame's packets share.
-struct CFrame2Rtp::FrameHead {
-    bool framed;  // each packet follows an interleave header
-    uint8_t dollar;
-    uint8_t channel;
-    uint8_t payload_type;
-    uint32_t timestamp;
-    uint32_t ssrc;
-    int last;                // index of the packet with the marker
-    unsigned int extension;  // bytes of the first packet's header extension
-};
-
-inline CFrame2Rtp::FrameHead CFrame2Rtp::frame_head(const uint8_t* interleave) const {
-    FrameHead head = {};
-    if (interleave != nullptr) {
-        head.framed = true;
-        head.dollar = interleave[0];
-        head.channel = interleave[1];
-    }
-    head.payload_type = m_payload_type & RTP_PAYLOAD_TYPE_MASK;
-    head.timestamp = timestamp();
-    head.ssrc = m_ssrc;
-    head.last = m_count - 1;
-    head.extension = GetExtensionSize();
-    return head;
-}
-
-// Writes one packet, behind its interleave header if there is to be one. Inline throughout, so that the writer, which
-// is a variable of the caller's, lives in registers.
 //
 //  |      '$'      |    channel    |            length             |     RFC 2326 10.12
 //  |V=2|P|X|  CC   |M|     PT      |       sequence number         |
 //  |                           timestamp                           |
 //  |                             SSRC                              |     RFC 3550 5.1
-[[gnu::always_inline]] inline void CFrame2Rtp::write_packet(CByteWriter& writer, const FrameHead& head,
-                                                            const RtpPacketNode& node, int index,
+struct CFrame2Rtp::FrameHead {
+    uint32_t framing;     // bytes of each packet's interleave header, 0 without
+    uint32_t interleave;  // that header without its length
+    uint32_t first_word;  // version and payload type
+    unsigned char time_and_source[8];
+    int last;            // index of the packet with the marker
+    uint32_t extension;  // bytes of the first packet's header extension
+    bool printed;
+};
+
+inline CFrame2Rtp::FrameHead CFrame2Rtp::frame_head(const uint8_t* interleave) const {
+    FrameHead head = {};
+    if (interleave != nullptr) {
+        head.framing = Tramel::INTERLEAVE_HEADER_SIZE;
+        head.interleave = word_of(interleave[0], interleave[1], 0);
+    }
+    head.first_word = word_of(RTP_VERSION_2, m_payload_type & RTP_PAYLOAD_TYPE_MASK, 0);
+    CByteWriter(head.time_and_source, sizeof(head.time_and_source)).WriteU64(uint64_t{timestamp()} << 32 | m_ssrc);
+    head.last = m_count - 1;
+    head.extension = GetExtensionSize();
+    head.printed = IsPrinted(PRINT_OUTPUT);
+    return head;
+}
+
+// Writes one packet, behind its interleave header if there is to be one. One check for all of it. Inline throughout, so
+// that the writer, which is a variable of the caller's, lives in registers.
+[[gnu::always_inline]] inline void CFrame2Rtp::write_packet(CByteWriter& writer, const FrameHead& head, int index,
                                                             uint16_t sequence) const {
-    const unsigned int extension = index == 0 ? head.extension : 0;
+    const RtpPacketNode& node = m_nodes.begin()[index];
+    const uint32_t extension = index == 0 ? head.extension : 0;
     const uint32_t len = RTP_HEADER_LEN + extension + node.Size();
-    if (head.framed) {
-        writer.WriteU32(word_of(head.dollar, head.channel, static_cast<uint16_t>(len)));
+    unsigned char* place = writer.Reserve(head.framing + len);
+    if (place == nullptr) {
+        return;
     }
-    const uint8_t marker = index == head.last ? RTP_MARKER : 0;
-    writer.WriteU32(word_of(extension > 0 ? RTP_VERSION_2 | RTP_EXTENSION_BIT : RTP_VERSION_2,
-                            head.payload_type | marker, sequence));
-    writer.WriteU32(head.timestamp);
-    writer.WriteU32(head.ssrc);
-    if (extension > 0) {  // RFC 3550 5.3.1, as it was given; of a JPEG picture with a word more
-        const size_t start = writer.Offset();
-        writer.WriteBytes(m_extension, sizeof(m_extension));
-        if (extension > sizeof(m_extension)) {
-            writer.PatchU16(start + 2, JPEG_EXTENSION_WORDS);
-            writer.WriteU16(JPEG_MARKER | JPEG_SOI);
-            writer.WriteU16(0x0002);
-        }
+    const uint32_t flags = (index == head.last ? RTP_MARKER : 0) | (extension > 0 ? RTP_EXTENSION_BIT : 0);
+    const uint32_t first_word = head.first_word | flags | sequence;
+    if (head.framing > 0) {
+        CByteWriter(place, 8).WriteU64(uint64_t{head.interleave | (len & 0xFFFF)} << 32 | first_word);
+        place += Tramel::INTERLEAVE_HEADER_SIZE;
+    } else {
+        CByteWriter(place, 4).WriteU32(first_word);
     }
-    node.Write(writer);
-    if (IsPrinted(PRINT_OUTPUT)) {
-        R3Printf("Output RTP: ssrc[%08x] pt[%d] m[%d] seq[%04x] ts[%08x] len = %d\n", head.ssrc, head.payload_type,
-                 marker != 0 ? 1 : 0, sequence, head.timestamp, static_cast<int>(len));
+    std::memcpy(place + 4, head.time_and_source, 8);
+    place += RTP_HEADER_LEN;
+    if (extension > 0) {
+        write_extension(CByteWriter(place, extension));
+        place += extension;
+    }
+    node.Store(place);
+    if (head.printed) {
+        print_packet(index, sequence, len);
+    }
+}
+
+void CFrame2Rtp::print_packet(int index, uint16_t sequence, uint32_t len) const {
+    R3Printf("Output RTP: ssrc[%08x] pt[%d] m[%d] seq[%04x] ts[%08x] len = %d\n", m_ssrc,
+             m_payload_type & RTP_PAYLOAD_TYPE_MASK, index == m_count - 1 ? 1 : 0, sequence, timestamp(),
+             static_cast<int>(len));
+}
+
+// RFC 3550 5.3.1, as it was given; of a JPEG picture with a word more.
+void CFrame2Rtp::write_extension(CByteWriter writer) const {
+    writer.WriteBytes(m_extension, sizeof(m_extension));
+    if (writer.Remaining() > 0) {
+        writer.PatchU16(2, JPEG_EXTENSION_WORDS);
+        writer.WriteU16(JPEG_MARKER | JPEG_SOI);
+        writer.WriteU16(0x0002);
     }
 }
 
 int CFrame2Rtp::GetPacket(unsigned char* buffer, unsigned int capacity) {
-    if (buffer == nullptr || m_current == nullptr ||
-        capacity < RTP_HEADER_LEN + GetExtensionSize() + m_current->Size()) {
+    const RtpPacketNode* node = current();
+    if (buffer == nullptr || node == nullptr || capacity < RTP_HEADER_LEN + GetExtensionSize() + node->Size()) {
         return 0;
     }
     CByteWriter writer(buffer, capacity);
-    write_packet(writer, frame_head(nullptr), *m_current, m_index, m_sequence);
+    write_packet(writer, frame_head(nullptr), m_index, m_sequence);
     ++m_sequence;
     return static_cast<int>(writer.Offset());
 }
@@ -161,20 +175,18 @@ int CFrame2Rtp::GetPacket(unsigned char* buffer, unsigned int capacity) {
 bool CFrame2Rtp::GetFrame(CByteWriter& out, const uint8_t* interleave) {
     const FrameHead head = frame_head(interleave);
     CByteWriter writer = out;
-    const RtpPacketNode* node = m_current;
     uint16_t sequence = m_sequence;
-    for (int index = m_index; node != nullptr && index < m_count; ++index, ++sequence) {
-        write_packet(writer, head, *node, index, sequence);
-        node = node->next;
+    for (int index = m_index; index < m_count; ++index, ++sequence) {
+        write_packet(writer, head, index, sequence);
     }
-    m_current = nullptr;
+    m_index = m_count;
     m_sequence = sequence;
     out = writer;
     return writer.Ok();
 }
 
 unsigned int CFrame2Rtp::GetExtensionSize() const {
-    if ((m_flags & RTP_FLAG_EXTENSION) == 0 || m_current == nullptr || m_index != 0) {
+    if ((m_flags & RTP_FLAG_EXTENSION) == 0 || m_count == 0 || m_index != 0) {
         return 0;
     }
     return m_enc_type == ENC_TYPE_JPEG ? RTP_EXTENSION_LEN + JPEG_EXTRA_EXTENSION : RTP_EXTENSION_LEN;
@@ -190,21 +202,14 @@ uint32_t CFrame2Rtp::timestamp() const {
 }
 
 int CFrame2Rtp::NextPacket() {
-    if (m_current == nullptr || m_index + 1 >= m_count) {
-        m_current = nullptr;
-        return -1;
-    }
-    m_current = m_current->next;
-    ++m_index;
-    return 0;
+    m_index = std::min(m_index + 1, m_count);
+    return m_index < m_count ? 0 : -1;
 }
 
 int CFrame2Rtp::GetTotalSize() {
     int total = 0;
-    const RtpPacketNode* node = m_current;
-    for (int i = m_index; node != nullptr && i < m_count; ++i) {
+    for (const RtpPacketNode* node = m_nodes.begin() + m_index; node != m_nodes.begin() + m_count; ++node) {
         total += RTP_HEADER_LEN + static_cast<int>(node->Size());
-        node = node->next;
     }
     return total;
 }

@@ -55,9 +55,11 @@ private:
     int cut(const unsigned char* data, uint32_t len, int enc_type, uint8_t extra);
     struct FrameHead;
     FrameHead frame_head(const uint8_t* interleave) const;
-    void write_packet(CByteWriter& writer, const FrameHead& head, const RtpPacketNode& node, int index,
-                      uint16_t sequence) const;
+    void write_packet(CByteWriter& writer, const FrameHead& head, int index, uint16_t sequence) const;
+    [[gnu::cold]] void write_extension(CByteWriter writer) const;
+    [[gnu::cold]] void print_packet(int index, uint16_t sequence, uint32_t len) const;
     uint32_t timestamp() const;
+    const RtpPacketNode* current() const { return m_index < m_count ? m_nodes.begin() + m_index : nullptr; }
 
     int m_enc_type = ENC_TYPE_NONE;
     uint32_t m_ssrc = 0;
@@ -68,9 +70,8 @@ private:
     uint64_t m_pts_delta = 0;  // of this frame from the first, milliseconds
     uint64_t m_first_pts = 0;
     CRtpPacketList m_nodes;
-    const RtpPacketNode* m_current = nullptr;
-    int m_count = 0;
-    int m_index = 0;
+    int m_count = 0;  // packets of the frame
+    int m_index = 0;  // the current one; m_count behind the last
     uint32_t m_flags = 0;
     bool m_nal_units = false;
     uint8_t m_extension[RTP_EXTENSION_LEN] = {};

@@ -29,7 +29,7 @@ namespace Vidora {
 //
 // OWNERSHIP  Media isn't copied before GetFrame, but that of a transport stream: the packets of the frame in work are
 //            borrowed and must stay until Clear. The notify is borrowed too.
-// MEMORY     At most MAX_PACKETS nodes of a hundred bytes each, CRtpH264Rule::MAX_AGGREGATED pairs of pieces for each
+// MEMORY     At most MAX_PACKETS nodes of 64 bytes each, CRtpH264Rule::MAX_AGGREGATED pairs of pieces for each
 //            of them, and for a transport stream the buffer of Ts2Frame.
 // THREADING  No lock: one thread at a time.
 class CRtp2Frame {

@@ -14,14 +14,14 @@ namespace {
 constexpr uint32_t FU_HEADER_LEN = 2;
 constexpr uint32_t FU_BODY_LEN = RTP_MAX_PAYLOAD - FU_HEADER_LEN;
 
-bool append_body(const unsigned char* body, uint32_t len, CRtpPacketList& list) {
+// The packet that was added, or null.
+RtpPacketNode* append_body(const unsigned char* body, uint32_t len, CRtpPacketList& list) {
     RtpPacketNode* node = list.Append();
-    if (node == nullptr) {
-        return false;
+    if (node != nullptr) {
+        node->body = body;
+        node->body_len = len;
     }
-    node->body = body;
-    node->body_len = len;
-    return true;
+    return node;
 }
 
 // FU-A (RFC 6184 5.8): the NAL unit's header byte is told by the two bytes in front of each fragment.
@@ -30,7 +30,8 @@ bool append_fragments(const unsigned char* nal, uint32_t len, CRtpPacketList& li
     const auto type = static_cast<unsigned char>(h264_nal_type(nal[0]));
     for (uint32_t offset = 1; offset < len; offset += FU_BODY_LEN) {
         const uint32_t body_len = std::min(len - offset, FU_BODY_LEN);
-        if (!append_body(nal + offset, body_len, list)) {
+        RtpPacketNode* node = append_body(nal + offset, body_len, list);
+        if (node == nullptr) {
             return false;
         }
         unsigned char header = type;
@@ -40,9 +41,9 @@ bool append_fragments(const unsigned char* nal, uint32_t len, CRtpPacketList& li
         if (offset + body_len == len) {
             header |= H264_FU_END;
         }
-        list.Last()->fixed[0] = indicator;
-        list.Last()->fixed[1] = header;
-        list.Last()->fixed_len = FU_HEADER_LEN;
+        node->fixed[0] = indicator;
+        node->fixed[1] = header;
+        node->fixed_len = FU_HEADER_LEN;
     }
     return true;
 }
@@ -52,7 +53,7 @@ bool append_nal(const unsigned char* nal, size_t len, CRtpPacketList& list) {
         return true;  // two start codes in a row
     }
     const auto size = static_cast<uint32_t>(len);
-    return size <= RTP_MAX_PAYLOAD ? append_body(nal, size, list) : append_fragments(nal, size, list);
+    return size <= RTP_MAX_PAYLOAD ? append_body(nal, size, list) != nullptr : append_fragments(nal, size, list);
 }
 
 bool is_slice(unsigned char header) {
@@ -91,7 +92,7 @@ bool cut_nals(const unsigned char* data, size_t len, CRtpPacketList& list) {
 int rtp_cut_plain(const unsigned char* data, uint32_t len, CRtpPacketList& list) {
     list.Clear();
     for (uint32_t offset = 0; offset < len; offset += RTP_MAX_PAYLOAD) {
-        if (!append_body(data + offset, std::min(len - offset, RTP_MAX_PAYLOAD), list)) {
+        if (append_body(data + offset, std::min(len - offset, RTP_MAX_PAYLOAD), list) == nullptr) {
             return -1;
         }
     }
@@ -132,8 +133,8 @@ int rtp_cut_mpeg_audio(const unsigned char* data, uint32_t len, unsigned char he
         const unsigned char* header = headers + writer.Offset();
         writer.WriteU16(0);
         writer.WriteU16(static_cast<uint16_t>(offset));
-        if (!append_body(data + offset, std::min(len - offset, PIECE), list) ||
-            !list.Last()->AddIov(header, MPEG_AUDIO_HEADER_LEN)) {
+        RtpPacketNode* node = append_body(data + offset, std::min(len - offset, PIECE), list);
+        if (node == nullptr || !node->AddIov(header, MPEG_AUDIO_HEADER_LEN)) {
             return -1;
         }
     }

@@ -51,7 +51,7 @@ bool CRtpAssistRule::CanBegin(const RtpHeader& packet, bool joining) const {
 
 int CRtpAssistRule::Make() {
     if (m_work.done == 0 && m_work.nodes.Count() > 0) {
-        const RtpPacketNode* head = m_work.nodes.Head();
+        const RtpPacketNode* head = m_work.nodes.begin();
         m_work.assist_type = CByteReader(head->raw, head->raw_len).PeekU8();
     }
     return CRtpCutRule::Make();

@@ -45,26 +45,19 @@ bool RtpCodecConfig::SetH264(const RtpIov& sps, const RtpIov& pps) {
     return Set(both, writer.Offset());
 }
 
-void RtpFrameWork::SetConfigPrefix() {
-    RtpPacketNode* head = nodes.Head();
-    head->prefix = config.bytes;
-    head->prefix_len = config.len;
-}
-
 uint32_t RtpFrameWork::FrameSize() const {
-    uint32_t size = 0;
-    const RtpPacketNode* each = nodes.Head();
-    for (uint32_t i = 0; i < nodes.Count(); ++i, each = each->next) {
-        size += each->Size();
+    uint32_t size = prefix_len;
+    for (const RtpPacketNode& node : nodes) {
+        size += node.Size();
     }
     return size;
 }
 
 uint32_t RtpFrameWork::WriteFrame(unsigned char* buffer, uint32_t capacity) const {
     CByteWriter writer(buffer, capacity);
-    const RtpPacketNode* each = nodes.Head();
-    for (uint32_t i = 0; i < nodes.Count(); ++i, each = each->next) {
-        each->Write(writer);
+    writer.WriteBytes(config.bytes, prefix_len);
+    for (const RtpPacketNode& node : nodes) {
+        node.Write(writer);
     }
     return writer.Ok() ? static_cast<uint32_t>(writer.Offset()) : 0;
 }

@@ -33,8 +33,8 @@ struct RtpFrameWork {
     // The packets, and how far the rule's walk over them has come: each is looked at once only, also if a frame turns
     // out to go on behind its marker.
     CRtpPacketList nodes;
-    RtpPacketNode* node = nullptr;  // last node done
-    uint32_t done = 0;              // nodes done
+    uint32_t done = 0;        // nodes done
+    uint32_t prefix_len = 0;  // bytes of the configuration in front of them
     // Of the packet in work, for a rule that finds the frames by itself: its time, whether it has the marker, and how
     // many bytes of its payload are used up.
     uint64_t packet_ms = 0;
@@ -54,16 +54,9 @@ struct RtpFrameWork {
     int stream_kind = 0;  // stream_kind_t of what a transport stream holds
 
     // The next packet that the rule hasn't looked at yet, or null.
-    RtpPacketNode* NextNode() {
-        if (done >= nodes.Count()) {
-            return nullptr;
-        }
-        node = done == 0 ? nodes.Head() : node->next;
-        ++done;
-        return node;
-    }
+    RtpPacketNode* NextNode() { return done < nodes.Count() ? nodes.begin() + done++ : nullptr; }
     // Puts the configuration in front of the frame.
-    void SetConfigPrefix();
+    void SetConfigPrefix() { prefix_len = config.len; }
     // The frame's bytes. The second puts them into `buffer` of `capacity` bytes and returns their size, 0 if they don't
     // fit.
     uint32_t FrameSize() const;
@@ -71,8 +64,8 @@ struct RtpFrameWork {
     // Lets all packets go.
     void Clear() {
         nodes.Clear();
-        node = nullptr;
         done = 0;
+        prefix_len = 0;
     }
 };
 

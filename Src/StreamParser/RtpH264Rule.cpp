@@ -251,16 +251,15 @@ void CRtpH264Rule::set_kind(int nal_type, const RtpIov& rest, const RtpIov& payl
 
 // Looks for the parameter sets that didn't come as packets of their own.
 void CRtpH264Rule::search_parameter_sets() {
-    const RtpPacketNode* node = m_work.nodes.Head();
-    for (uint32_t i = 0; i < m_work.nodes.Count(); ++i, node = node->next) {
+    for (const RtpPacketNode& node : m_work.nodes) {
         if (m_found.sps.data != nullptr && m_found.pps.data != nullptr) {
             return;
         }
-        if (node->iov_count == 0) {
-            search_inner_sets(*node);
+        if (node.iov_count == 0) {
+            search_inner_sets(node);
         }
-        for (uint32_t piece = 1; piece < node->iov_count; piece += 2) {
-            take_parameter_set(node->iov[piece].data, node->iov[piece].len);
+        for (uint32_t piece = 1; piece < node.iov_count; piece += 2) {
+            take_parameter_set(node.iov[piece].data, node.iov[piece].len);
         }
     }
 }

@@ -6,11 +6,13 @@
 namespace Kavio {
 namespace Vidora {
 
-bool RtpPacketNode::ReserveIov(uint32_t count) {
+static_assert(sizeof(RtpPacketNode) == 64, "a node has one cache line");
+
+bool RtpPacketNode::ReserveIov(uint16_t count) {
     if (count <= iov_capacity) {
         return true;
     }
-    const uint32_t capacity = count + 4;
+    const auto capacity = static_cast<uint16_t>(count + 4);
     RtpIov* larger = new (std::nothrow) RtpIov[capacity];
     if (larger == nullptr) {
         return false;
@@ -23,7 +25,7 @@ bool RtpPacketNode::ReserveIov(uint32_t count) {
 }
 
 bool RtpPacketNode::AddIov(const unsigned char* data, uint32_t len) {
-    if (!ReserveIov(iov_count + 1)) {
+    if (!ReserveIov(static_cast<uint16_t>(iov_count + 1))) {
         return false;
     }
     iov[iov_count].data = data;
@@ -32,36 +34,25 @@ bool RtpPacketNode::AddIov(const unsigned char* data, uint32_t len) {
     return true;
 }
 
-struct CRtpPacketList::Block {
-    RtpPacketNode nodes[BLOCK_NODES];
-    Block* older = nullptr;
-};
-
 CRtpPacketList::~CRtpPacketList() {
-    while (m_blocks != nullptr) {
-        Block* block = m_blocks;
-        m_blocks = block->older;
-        for (RtpPacketNode& node : block->nodes) {
-            delete[] node.iov;
-        }
-        delete block;
+    for (uint32_t i = 0; i < m_capacity; ++i) {
+        delete[] m_nodes[i].iov;
     }
+    delete[] m_nodes;
 }
 
-// Puts one more block behind the last node; its first node, or null.
-RtpPacketNode* CRtpPacketList::grow() {
-    Block* block = new (std::nothrow) Block;
-    if (block == nullptr) {
-        return nullptr;
+// Makes room for as many nodes again.
+bool CRtpPacketList::grow() {
+    const uint32_t capacity = m_capacity == 0 ? FIRST_NODES : 2 * m_capacity;
+    RtpPacketNode* larger = new (std::nothrow) RtpPacketNode[capacity]();
+    if (larger == nullptr) {
+        return false;
     }
-    block->older = m_blocks;
-    m_blocks = block;
-    for (uint32_t i = 0; i + 1 < BLOCK_NODES; ++i) {
-        block->nodes[i].next = &block->nodes[i + 1];
-    }
-    (m_tail == nullptr ? m_head : m_tail->next) = &block->nodes[0];
-    m_tail = &block->nodes[BLOCK_NODES - 1];
-    return &block->nodes[0];
+    std::copy(m_nodes, m_nodes + m_count, larger);
+    delete[] m_nodes;
+    m_nodes = larger;
+    m_capacity = capacity;
+    return true;
 }
 
 }  // namespace Vidora

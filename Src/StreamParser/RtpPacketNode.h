@@ -15,29 +15,24 @@ struct RtpIov {
     uint32_t len;
 };
 
-// RtpPacketNode: what one packet is made of, without its bytes. All pointers are borrowed.
+// RtpPacketNode: what one packet is made of, without its bytes, in one cache line. All pointers are borrowed.
 //
-// Order of the bytes: prefix, fixed, the iov pieces in order, body.
-struct RtpPacketNode {
+// Order of the bytes: fixed, the iov pieces in order, body.
+struct alignas(64) RtpPacketNode {
     static constexpr uint32_t FIXED_SIZE = 16;
 
-    const unsigned char* prefix = nullptr;  // data ahead of all else; the depacketiser only
-    uint32_t prefix_len = 0;
-    unsigned char fixed[FIXED_SIZE] = {};  // a small payload header of this packet
-    uint32_t fixed_len = 0;
-    RtpIov* iov = nullptr;  // further pieces; the array is owned and kept from frame to frame
-    uint32_t iov_capacity = 0;
-    uint32_t iov_count = 0;
-    const unsigned char* body = nullptr;  // the media bytes, inside the frame
-    uint32_t body_len = 0;
-    const unsigned char* raw = nullptr;  // the received payload; the depacketiser only
-    uint32_t raw_len = 0;
-    RtpPacketNode* next = nullptr;
+    unsigned char fixed[FIXED_SIZE];  // a small payload header of this packet
+    const unsigned char* body;        // the media bytes, inside the frame
+    const unsigned char* raw;         // the received payload; the depacketiser only
+    uint32_t body_len;
+    uint32_t raw_len;
+    uint32_t fixed_len;
+    uint16_t iov_count;
+    uint16_t iov_capacity;
+    RtpIov* iov;  // further pieces; the array is owned by the list and kept from frame to frame
 
-    // Empties the node; the iov array and `next` stay.
+    // Empties the node; the iov array stays.
     void Reset() {
-        prefix = nullptr;
-        prefix_len = 0;
         fixed_len = 0;
         iov_count = 0;
         body = nullptr;
@@ -46,13 +41,13 @@ struct RtpPacketNode {
         raw_len = 0;
     }
     // Makes room for `count` iov pieces in all; grows to count + 4. False if memory is short, with no change.
-    bool ReserveIov(uint32_t count);
+    bool ReserveIov(uint16_t count);
     // Appends a piece. False if memory is short.
     bool AddIov(const unsigned char* data, uint32_t len);
 
     // Bytes of the packet behind its RTP header.
     uint32_t Size() const {
-        uint32_t size = prefix_len + fixed_len + body_len;
+        uint32_t size = fixed_len + body_len;
         for (uint32_t i = 0; i < iov_count; ++i) {
             size += iov[i].len;
         }
@@ -60,67 +55,62 @@ struct RtpPacketNode {
     }
     // Writes those bytes; check writer.Ok().
     void Write(Ostra::CByteWriter& writer) const {
-        if (prefix_len > 0) {
-            writer.WriteBytes(prefix, prefix_len);
+        if (unsigned char* place = writer.Reserve(Size())) {
+            Store(place);
         }
-        if (body_len >= FIXED_SIZE && writer.Remaining() >= FIXED_SIZE && writer.Ok() && writer.Data() != nullptr) {
+    }
+    // The same without a check: `place` has room for Size() bytes.
+    void Store(unsigned char* place) const {
+        if (body_len >= FIXED_SIZE) {
             // All of it in one move of known size; what is too much is overwritten by what follows in this packet.
-            std::memcpy(writer.Reserve(fixed_len), fixed, FIXED_SIZE);
+            std::memcpy(place, fixed, FIXED_SIZE);
         } else {
-            writer.WriteBytes(fixed, fixed_len);
+            std::memcpy(place, fixed, fixed_len);
         }
+        place += fixed_len;
         for (uint32_t i = 0; i < iov_count; ++i) {
-            writer.WriteBytes(iov[i].data, iov[i].len);
+            std::memcpy(place, iov[i].data, iov[i].len);
+            place += iov[i].len;
         }
-        writer.WriteBytes(body, body_len);
+        if (body_len > 0) {
+            std::memcpy(place, body, body_len);
+        }
     }
 };
 
-// CRtpPacketList: a list of nodes that is filled from the front, again for each frame. It grows by blocks of 16 nodes
-// and keeps them, so that a steady stream allocates nothing. One thread at a time.
+// CRtpPacketList: nodes in a row that are filled from the front, again for each frame. Their memory grows by doubling
+// and is kept, so that a steady stream allocates nothing. One thread at a time.
 class CRtpPacketList {
 public:
-    static constexpr uint32_t BLOCK_NODES = 16;
+    static constexpr uint32_t FIRST_NODES = 16;
 
     CRtpPacketList() = default;
     ~CRtpPacketList();
     CRtpPacketList(const CRtpPacketList&) = delete;
     CRtpPacketList& operator=(const CRtpPacketList&) = delete;
 
-    // The next free node, emptied and now in use; null if memory is short.
+    // The next free node, emptied and now in use; null if memory is short. Pointers to other nodes end with it.
     RtpPacketNode* Append() {
-        RtpPacketNode* node = m_count == 0 ? m_head : m_last->next;
-        if (node == nullptr) {
-            node = grow();
-            if (node == nullptr) {
-                return nullptr;
-            }
+        if (m_count == m_capacity && !grow()) {
+            return nullptr;
         }
+        RtpPacketNode* node = m_nodes + m_count++;
         node->Reset();
-        m_last = node;
-        ++m_count;
         return node;
     }
     // No node is in use any more.
-    void Clear() {
-        m_count = 0;
-        m_last = nullptr;
-    }
+    void Clear() { m_count = 0; }
     uint32_t Count() const { return m_count; }
-    // The first node in use, or null. A node's `next` leads on; it may lead to nodes that aren't in use, so walk
-    // Count() nodes.
-    RtpPacketNode* Head() const { return m_count > 0 ? m_head : nullptr; }
-    RtpPacketNode* Last() const { return m_last; }
+    // The nodes in use, from the first to behind the last.
+    RtpPacketNode* begin() const { return m_nodes; }
+    RtpPacketNode* end() const { return m_nodes + m_count; }
 
 private:
-    struct Block;
-    RtpPacketNode* grow();
+    bool grow();
 
-    Block* m_blocks = nullptr;        // all blocks, the newest first
-    RtpPacketNode* m_head = nullptr;  // first node
-    RtpPacketNode* m_tail = nullptr;  // last node of the newest block
-    RtpPacketNode* m_last = nullptr;  // last node in use
+    RtpPacketNode* m_nodes = nullptr;
     uint32_t m_count = 0;
+    uint32_t m_capacity = 0;
 };
 
 }  // namespace Vidora

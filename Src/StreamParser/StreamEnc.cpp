@@ -59,24 +59,29 @@ CStreamEnc::~CStreamEnc() {
 }
 
 int CStreamEnc::InputFrame(const Flumen::CMediaFrame& frame) {
-    if (frame.getBuffer() == nullptr || frame.size() == 0) {
+    const unsigned char* data = frame.getBuffer();
+    const unsigned int len = frame.size();
+    if (data == nullptr || len == 0) {
         return PARSER_NO_DATA;
     }
     if (m_packer == nullptr) {
         return PARSER_NO_ENGINE;
     }
     int body_len = 0;
-    const int body = get_frame_body(frame.getBuffer(), static_cast<int>(frame.size()), body_len);
+    const int body = get_frame_body(data, static_cast<int>(len), body_len);
     const int enc_type = enc_type_of(frame);
-    const int ret = m_packer->PutFrame(frame.getBuffer() + body, static_cast<unsigned int>(body_len), enc_type,
-                                       frame.getPts(Flumen::PTS_TYPE_MS), extra_of(frame, enc_type));
+    const uint64_t pts = frame.getPts(Flumen::PTS_TYPE_MS);
+    const int ret =
+        m_packer->PutFrame(data + body, static_cast<unsigned int>(body_len), enc_type, pts, extra_of(frame, enc_type));
     if (ret != 0) {
         m_last_frame = Flumen::CMediaFrame();
         return PARSER_FAILED;
     }
     m_last_frame = frame;
-    m_ts_rtp.SetTime(frame.getPts(Flumen::PTS_TYPE_MS));
-    count_frame(frame);
+    m_ts_rtp.SetTime(pts);
+    m_statis.Count(pts, len, frame.getSequence());
+    m_shown_fps = m_statis.fps;
+    m_shown_bit_rate = m_statis.bit_rate;
     return PARSER_FRAME_READY;
 }
 
@@ -98,12 +103,6 @@ uint8_t CStreamEnc::extra_of(const Flumen::CMediaFrame& frame, int enc_type) con
         return static_cast<uint8_t>(get_assist_type(frame.getBuffer(), static_cast<int>(frame.size())));
     }
     return static_cast<uint8_t>(frame.getType());
-}
-
-void CStreamEnc::count_frame(const Flumen::CMediaFrame& frame) {
-    m_statis.Count(frame.getPts(Flumen::PTS_TYPE_MS), frame.size(), frame.getSequence());
-    m_shown_fps = m_statis.fps;
-    m_shown_bit_rate = m_statis.bit_rate;
 }
 
 Flumen::CMediaFrame CStreamEnc::OutputFrame() {

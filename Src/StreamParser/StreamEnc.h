@@ -46,7 +46,6 @@ public:
 private:
     int enc_type_of(const Flumen::CMediaFrame& frame) const;
     uint8_t extra_of(const Flumen::CMediaFrame& frame, int enc_type) const;
-    void count_frame(const Flumen::CMediaFrame& frame);
     Flumen::CMediaFrame output_single();
     Flumen::CMediaFrame output_merged();
     unsigned int next_packet_len() const;

@@ -23,15 +23,14 @@ void Fuzz::Target(const uint8_t* data, size_t size) {
     Require(inside(image.luma_table, JPEG_TABLE_LEN) && inside(image.chroma_table, JPEG_TABLE_LEN));
     Require(inside(image.scan, image.scan_len) && count == static_cast<int>(list.Count()) && count > 0);
     Bytes scan;
-    const RtpPacketNode* node = list.Head();
-    for (uint32_t i = 0; i < list.Count(); ++i, node = node->next) {
-        const size_t offset = node->fixed[1] << 16 | node->fixed[2] << 8 | node->fixed[3];
-        Require(offset == scan.size() && node->Size() <= 1440 && node->body_len > 0);
-        Bytes bytes(node->Size());
+    for (const RtpPacketNode& node : list) {
+        const size_t offset = node.fixed[1] << 16 | node.fixed[2] << 8 | node.fixed[3];
+        Require(offset == scan.size() && node.Size() <= 1440 && node.body_len > 0);
+        Bytes bytes(node.Size());
         Ostra::CByteWriter writer(bytes.data(), bytes.size());
-        node->Write(writer);
+        node.Write(writer);
         Require(writer.Ok() && writer.Offset() == bytes.size());
-        scan.insert(scan.end(), bytes.end() - static_cast<long>(node->body_len), bytes.end());
+        scan.insert(scan.end(), bytes.end() - static_cast<long>(node.body_len), bytes.end());
     }
     Require(scan == Bytes(image.scan, image.scan + image.scan_len));
 }

@@ -28,7 +28,13 @@ public:
     bool WriteU16(uint16_t value) { return write_be(value, 2); }
     bool WriteU24(uint32_t value) { return write_be(value, 3); }
     bool WriteU32(uint32_t value) { return write_be(value, 4); }
-    bool WriteU64(uint64_t value) { return write_be(value, 8); }
+    bool WriteU64(uint64_t value) {
+        uint8_t* place = Reserve(8);
+        if (place != nullptr) {
+            store_be64(place, value);
+        }
+        return m_ok;
+    }
     bool WriteU16Le(uint16_t value) { return write_le(value, 2); }
     bool WriteU32Le(uint32_t value) { return write_le(value, 4); }
     bool WriteU64Le(uint64_t value) { return write_le(value, 8); }
@@ -97,6 +103,18 @@ private:
         for (size_t i = 0; i < length; ++i) {
             place[i] = static_cast<uint8_t>(value >> (8 * (length - 1 - i)));
         }
+    }
+
+    // Without a loop, which compilers don't unroll for eight bytes: so they make one store of it.
+    static void store_be64(uint8_t* place, uint64_t value) {
+        place[0] = static_cast<uint8_t>(value >> 56);
+        place[1] = static_cast<uint8_t>(value >> 48);
+        place[2] = static_cast<uint8_t>(value >> 40);
+        place[3] = static_cast<uint8_t>(value >> 32);
+        place[4] = static_cast<uint8_t>(value >> 24);
+        place[5] = static_cast<uint8_t>(value >> 16);
+        place[6] = static_cast<uint8_t>(value >> 8);
+        place[7] = static_cast<uint8_t>(value);
     }
 
     uint8_t* m_data;
