@@ -69,12 +69,12 @@ inline void write_full_packet(CByteWriter& writer, const PacketHead& head, CByte
     packet.WriteBytes(frame.ReadBytes(MAX_PAYLOAD), MAX_PAYLOAD);
 }
 
-// A table in one packet: the section gets its CRC and follows a pointer field of 0. Tables keep the continuity
-// counter 0 in each repetition, as they always have; receivers take them for duplicates.
-void write_section(CByteWriter& writer, int pid, CByteWriter& section) {
+// A table in one packet: the section gets its CRC and follows a pointer field of 0.
+void write_section(CByteWriter& writer, int pid, int continuity, CByteWriter& section) {
     section.WriteU32(mpeg_crc32(section.Data(), section.Offset()));
     PacketHead head;
     head.pid = pid;
+    head.continuity = continuity;
     head.payload_len = static_cast<uint32_t>(section.Offset()) + 1;
     write_packet_head(writer, head);
     writer.WriteU8(0);
@@ -146,6 +146,7 @@ bool CFrame2Ts::write_head(const unsigned char* data, uint32_t len, int track, u
     if (with_tables) {
         write_pat(writer);
         write_pmt(writer);
+        m_table_continuity = m_counts_tables ? (m_table_continuity + 1) & TS_CONTINUITY_MASK : 0;
     }
     CByteReader frame(data, len);
     frame.Skip(write_first(writer, data, len, track, clock));
@@ -167,7 +168,7 @@ void CFrame2Ts::write_pat(CByteWriter& writer) const {
     write_section_head(section, 0, 4 * m_table.program_count + 9, TRANSPORT_STREAM_ID);
     section.WriteU16(FIRST_PROGRAM);
     section.WriteU16(static_cast<uint16_t>(RESERVED_AND_PID | m_table.pmt_pid));
-    write_section(writer, PAT_PID, section);
+    write_section(writer, PAT_PID, m_table_continuity, section);
 }
 
 // ISO 13818-1 2.4.4.8.
@@ -183,7 +184,7 @@ void CFrame2Ts::write_pmt(CByteWriter& writer) const {
         section.WriteU16(static_cast<uint16_t>(RESERVED_AND_PID | m_table.tracks[track].pid));
         section.WriteU16(NO_DESCRIPTORS);  // of the stream
     }
-    write_section(writer, m_table.pmt_pid, section);
+    write_section(writer, m_table.pmt_pid, m_table_continuity, section);
 }
 
 // The first packet of the frame's one PES packet: the clock reference, the PES header and the frame's first bytes,

@@ -32,6 +32,10 @@ public:
     // Whether the tables name the video track alone.
     void SetVideoOnly(bool on) { m_table.track_count = on ? 1 : TS_MAX_TRACKS; }
 
+    // Whether the tables' packets are counted as all others are (ISO 13818-1 2.4.3.3). Without it they have the counter
+    // 0 in each repetition, as they always had, and strict receivers take them for duplicates.
+    void SetCountedTables(bool on) { m_counts_tables = on; }
+
     // As in IFrame2Packet. `extra` has no meaning here.
     int PutFrame(const unsigned char* data, unsigned int len, int enc_type, uint64_t pts, uint8_t extra) override;
     int GetPacketCount() override;
@@ -54,6 +58,8 @@ private:
     int32_t m_packets_per_output = 0;
     uint32_t m_frame_count = 0;  // frames taken so far
     TsProgramTable m_table;
+    bool m_counts_tables = false;
+    int m_table_continuity = 0;  // of both tables, which always come together
 
     // The frame in work.
     unsigned char m_head[MAX_HEAD_LEN];

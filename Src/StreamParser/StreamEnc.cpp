@@ -221,6 +221,7 @@ int CStreamEnc::SetParam(const TsEncParam& param) {
         m_ts_packer->SetTsInfo(stream_kind_of_enc_type(param.video_enc_type),
                                stream_kind_of_enc_type(param.audio_enc_type), param.packets_per_output);
         m_ts_packer->SetVideoOnly(param.video_only != 0);
+        m_ts_packer->SetCountedTables(param.counted_tables != 0);
     }
     m_shown_video = param.video_enc_type;
     m_shown_audio = param.audio_enc_type;

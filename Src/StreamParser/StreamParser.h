@@ -78,6 +78,7 @@ struct TsEncParam {
     int32_t audio_enc_type = ENC_TYPE_NONE;
     int32_t packets_per_output = 7;  // TS packets in one output
     uint8_t video_only = 0;          // not 0: the tables name no second track
+    uint8_t counted_tables = 0;      // not 0: the tables' packets are counted as the standard has it
     uint8_t over_rtp = 0;            // not 0: RtpEncParam begins RTP headers (RFC 2250 2) in front of the outputs
 };
 

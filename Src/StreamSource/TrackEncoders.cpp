@@ -76,6 +76,7 @@ void CTrackEncoders::add_tracks(const CFormatWatch& formats) {
     m_ts_param.video_enc_type = ENC_TYPE_NONE;
     m_ts_param.audio_enc_type = ENC_TYPE_NONE;
     m_ts_param.video_only = m_conformance ? 1 : 0;
+    m_ts_param.counted_tables = m_conformance ? 1 : 0;
     m_ts_param.over_rtp = m_conformance ? 1 : 0;
     if (formats.HasVideo()) {
         const int enc_type = video_enc_type(formats.GetVideo().encode_type);

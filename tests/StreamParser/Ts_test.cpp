@@ -81,9 +81,11 @@ TEST(Frame2Ts, FramesFillPacketsToTheLastByte) {
 }
 
 TEST(Frame2Ts, TracksTablesAndClockOverManyFrames) {
+    bool is_counted = false;
     for (const auto& row : ReadTable(TABLES, "tracks", 2)) {
         const std::vector<int> enc_types = Numbers(row[0]), pids = Numbers(row[1]);
         CFrame2Ts packer;
+        packer.SetCountedTables(is_counted = !is_counted);
         for (size_t i = 0; i < 25; ++i) {
             const size_t turn = i % enc_types.size();
             const std::vector<Bytes> packets = packets_of(packer, Bytes(10, 1), enc_types[turn], i);
@@ -94,7 +96,8 @@ TEST(Frame2Ts, TracksTablesAndClockOverManyFrames) {
             if (i % 10 == 0) {
                 const Bytes pmt = payload_of(packets[1]);
                 EXPECT_EQ(pids[0], (pmt[9] & 0x1F) << 8 | pmt[10]);
-                EXPECT_EQ(0x30, packets[1][3]);  // tables keep the continuity counter 0
+                EXPECT_EQ(0x30 | (is_counted ? i / 10 : 0), packets[1][3]);
+                EXPECT_EQ(packets[0][3], packets[1][3]);
             }
         }
     }
