@@ -37,22 +37,6 @@ std::vector<Packet> cut(CFrame2Rtp& packer, const Bytes& frame, int enc_type, ui
     return packets;
 }
 
-// A NAL unit of `size` bytes with no start code inside.
-Bytes nal(uint8_t header, size_t size) {
-    Bytes bytes = Ramp(size);
-    bytes[0] = header;
-    return bytes;
-}
-
-// NAL units, each behind a start code.
-Bytes join(const std::vector<Bytes>& nals) {
-    Bytes all;
-    for (const Bytes& each : nals) {
-        all = all + Bytes{0, 0, 0, 1} + each;
-    }
-    return all;
-}
-
 // The NAL units in the packets, by RFC 6184.
 std::vector<Bytes> collect_nals(const std::vector<Packet>& packets) {
     std::vector<Bytes> nals;
@@ -72,45 +56,22 @@ std::vector<Bytes> collect_nals(const std::vector<Packet>& packets) {
 }
 
 TEST(Frame2Rtp, NalUnitsAreToldApartIfTheyAreToBe) {
-    const Bytes sps = nal(0x67, 20), first = nal(0x65, 3001), second = nal(0x65, 7);
-    const Bytes frame = Bytes{0, 0, 1} + sps + join({first}) + Bytes{0, 0, 0, 1, 0, 0, 1} + second + Bytes{0, 0, 0};
     CFrame2Rtp packer;
     packer.SetNalUnits(true);
-    EXPECT_EQ(collect_nals(cut(packer, frame, ENC_TYPE_H264)), (std::vector<Bytes>{sps, first, second}));
+    const Bytes frame = FromHex("000001 67 ~19 00000001 65 ~3000 00000001 000001 65 ~6 000000");
+    EXPECT_EQ(collect_nals(cut(packer, frame, ENC_TYPE_H264)), UnitsFromHex("67 ~19, 65 ~3000, 65 ~6"));
     EXPECT_TRUE(cut(packer, Bytes{1, 2, 3, 4, 5}, ENC_TYPE_H264).empty());
 }
 
 TEST(Frame2Rtp, H264FrameSplitsAtParameterSetsAndNotAtSlices) {
-    const Bytes sps = nal(0x67, 20), pps = nal(0x68, 5), idr = nal(0x65, 3000), slice = nal(0x41, 1440);
-    const Bytes sei = nal(0x06, 1441);
-    const Bytes slices = join({slice, slice});
-    const Bytes late = Bytes{9, 9} + join({slice});                 // a start code that isn't at the front
-    const Bytes three = nal(0x67, 8) + Bytes{0, 0, 1, 0x65, 7, 7};  // and a slice behind one that isn't seen
-    struct {
-        const char* name;
-        Bytes frame;
-        std::vector<Bytes> nals;
-        std::vector<size_t> sizes;
-    } rows[] = {
-        {"key frame", join({sps, pps, idr}), {sps, pps, idr}, {20, 5, 1440, 1440, 125}},
-        {"single slice", join({slice}), {slice}, {1440}},
-        {"one byte more", join({nal(0x41, 1441)}), {nal(0x41, 1441)}, {1440, 4}},
-        {"FU-A boundary", join({nal(0x41, 2877)}), {nal(0x41, 2877)}, {1440, 1440}},
-        {"FU-A in front of others", join({sei, pps, idr}), {sei, pps, idr}, {1440, 4, 5, 1440, 1440, 125}},
-        {"all slices in one", slices, {Part(slices, 4)}, {}},
-        {"code not in front", late, {Part(late, 4)}, {}},
-        {"three-byte code", join({three}), {three}, {}},
-        {"no slice at all", join({sps, pps}), {sps, pps}, {20, 5}},
-        {"two codes in a row", join({sps, {}, idr}), {sps, idr}, {}},
-        {"last NAL of one byte", join({sps, {0x65}}), {sps, {0x65}}, {20, 1}},
-    };
     CFrame2Rtp packer;
-    for (auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        const std::vector<Packet> packets = cut(packer, row.frame, ENC_TYPE_H264);
-        EXPECT_EQ(collect_nals(packets), row.nals);
-        for (size_t i = 0; i < row.sizes.size() && i < packets.size(); ++i) {
-            EXPECT_EQ(packets[i].header.payload_len, row.sizes[i]) << i;
+    for (const auto& row : ReadTable(TABLES, "h264", 4)) {
+        SCOPED_TRACE(row[0]);
+        const std::vector<Packet> packets = cut(packer, FromHex(row[1]), ENC_TYPE_H264);
+        EXPECT_EQ(collect_nals(packets), UnitsFromHex(row[2]));
+        const std::vector<size_t> sizes = Numbers<size_t>(row[3]);
+        for (size_t i = 0; i < sizes.size() && i < packets.size(); ++i) {
+            EXPECT_EQ(packets[i].header.payload_len, sizes[i]) << i;
         }
     }
 }
@@ -121,7 +82,7 @@ TEST(Frame2Rtp, PlainAudioAndAssistFramesAreCutBySize) {
         SCOPED_TRACE(row[0]);
         const std::vector<int> codec_and_size = Numbers(row[0]), sizes = Numbers(row[2]);
         const int enc_type = codec_and_size[0];
-        const Bytes frame = nal(1, static_cast<size_t>(codec_and_size[1]));
+        const Bytes frame = Ramp(static_cast<size_t>(codec_and_size[1]));
         const std::vector<Packet> packets = cut(packer, frame, enc_type, 1, 0x42);
         ASSERT_EQ(packets.size(), sizes.size());
         Bytes media;
@@ -139,55 +100,24 @@ TEST(Frame2Rtp, PlainAudioAndAssistFramesAreCutBySize) {
     }
 }
 
-// A baseline image with these segments in front of the scan.
-Bytes jpeg(unsigned width, unsigned height, const Bytes& segments, size_t scan_len) {
-    const auto word = [](unsigned value) {
-        return Bytes{static_cast<uint8_t>(value >> 8), static_cast<uint8_t>(value)};
-    };
-    return FromHex("ffd8 ffc0 000b 08") + word(height) + word(width) + FromHex("01011100") + segments +
-           FromHex("ffda 0008 0101 0000 3f00") + Ramp(scan_len);
-}
-
-Bytes dqt(uint8_t length, uint8_t destination, size_t present) {
-    return Bytes{0xFF, 0xDB, 0, length, destination} + Ramp(present);
-}
-
 TEST(Frame2Rtp, JpegHeadersFollowTheImage) {
-    const Bytes both = dqt(132, 0, 129);
-    const Bytes restart = both + FromHex("ffdd 0004 0102");
-    const Bytes split = dqt(67, 1, 64) + dqt(67, 0, 64);
-    struct {
-        const char* name;
-        Bytes image;
-        Bytes head;  // main and restart header
-        size_t scan_len;
-    } rows[] = {
-        {"both tables in one segment", jpeg(640, 480, both, 3000), {0, 0, 0, 0, 1, 128, 80, 60}, 3000},
-        {"a table a segment", jpeg(640, 480, split, 10), {0, 0, 0, 0, 1, 128, 80, 60}, 10},
-        {"one table for all", jpeg(640, 480, dqt(67, 0, 64), 10), {0, 0, 0, 0, 1, 128, 80, 60}, 10},
-        {"2048 wide", jpeg(2048, 1084, both, 1), {0, 0, 0, 0, 1, 128, 255, 135}, 1},
-        {"restart markers", jpeg(64, 48, restart, 3000), {0, 0, 0, 0, 65, 128, 8, 6, 1, 2, 0xFF, 0xFF}, 3000},
-    };
     CFrame2Rtp packer;
-    for (auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        const std::vector<Packet> packets = cut(packer, row.image, ENC_TYPE_JPEG);
+    for (const auto& row : ReadTable(TABLES, "jpeg", 4)) {
+        SCOPED_TRACE(row[0]);
+        const std::vector<Packet> packets = cut(packer, FromHex(row[1] + " " + row[3]), ENC_TYPE_JPEG);
         ASSERT_FALSE(packets.empty());
-        Bytes scan;
+        Bytes scan, header = FromHex(row[2]);
         for (const Packet& packet : packets) {
-            row.head[2] = static_cast<uint8_t>(scan.size() >> 8);
-            row.head[3] = static_cast<uint8_t>(scan.size());
+            header[2] = static_cast<uint8_t>(scan.size() >> 8);
+            header[3] = static_cast<uint8_t>(scan.size());
             // Behind the first header stand the tables: 128 bytes, the first one's zeroth among them.
-            const Bytes head = row.head + (scan.empty() ? Bytes{0, 0, 0, 128, 2} : Bytes());
+            const Bytes head = header + (scan.empty() ? Bytes{0, 0, 0, 128, 2} : Bytes());
             EXPECT_EQ(Part(packet.payload, 0, head.size()), head);
+            EXPECT_TRUE(packet.payload.size() == header.size() + 1428 || packet.header.marker);
             scan = scan + Part(packet.payload, head.size() + (scan.empty() ? 127 : 0));
         }
-        EXPECT_EQ(scan, Ramp(row.scan_len));
+        EXPECT_EQ(scan, FromHex(row[3]));
     }
-    // Sizes of the pieces: 1428 bytes of scan a packet, less the tables in the first.
-    const std::vector<Packet> packets = cut(packer, rows[0].image, ENC_TYPE_JPEG);
-    EXPECT_EQ(packets[0].header.payload_len, 8u + 132 + 1296);
-    EXPECT_EQ(packets[1].header.payload_len, 8u + 1428);
 }
 
 TEST(Frame2Rtp, BadFramesFailWithALogLineAndLeaveThePackerUsable) {
@@ -211,10 +141,10 @@ TEST(Frame2Rtp, HeaderExtensionRidesOnTheFirstPacketOfEachFrame) {
     CFrame2Rtp packer;
     packer.SetRtpInfo(0x01020304, 96 | 0x80, 65535, 0xFFFFFFFF, 90000);
     packer.SetRtpFlags(0, extension);
-    EXPECT_EQ(cut(packer, nal(1, 10), ENC_TYPE_MPEG4, 1)[0].bytes.size(), 22u);
+    EXPECT_EQ(cut(packer, Ramp(10), ENC_TYPE_MPEG4, 1)[0].bytes.size(), 22u);
     packer.SetRtpFlags(RTP_FLAG_EXTENSION, extension);
     packer.SetRtpFlags(0, extension);  // flags are only added
-    std::vector<Packet> packets = cut(packer, nal(1, 1441), ENC_TYPE_MPEG4, 2);
+    std::vector<Packet> packets = cut(packer, Ramp(1441), ENC_TYPE_MPEG4, 2);
     ASSERT_EQ(packets.size(), 2u);
     // Sequence 0 behind 65535; a millisecond is 90 ticks.
     EXPECT_EQ(Part(packets[0].bytes, 0, 28),
@@ -222,7 +152,8 @@ TEST(Frame2Rtp, HeaderExtensionRidesOnTheFirstPacketOfEachFrame) {
     EXPECT_EQ(packets[0].header.payload_len, 1440u);
     EXPECT_EQ(packets[1].bytes[0], 0x80);
     // A JPEG picture's extension is a word longer.
-    packets = cut(packer, jpeg(64, 48, dqt(132, 0, 129), 10), ENC_TYPE_JPEG, 3);
+    const std::string image = "ffd8 ffc0 000b 08 0030 0040 01011100 ffdb 0084 00 ~129 ffda 0008 0101 0000 3f00 ~10";
+    packets = cut(packer, FromHex(image), ENC_TYPE_JPEG, 3);
     EXPECT_EQ(Part(packets[0].bytes, 12, 4), FromHex("abac0004"));
     EXPECT_EQ(Part(packets[0].bytes, 28, 4), FromHex("ffd80002"));
     EXPECT_EQ(packets[0].header.payload_len, 8u + 132 + 10);

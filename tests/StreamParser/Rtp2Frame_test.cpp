@@ -16,15 +16,6 @@ namespace {
 
 const char TABLES[] = VIDORA_TEST_DATA "/rtp_payloads.txt";
 
-// Payloads in hexadecimal digits, parted by commas.
-std::vector<Bytes> payloads_of(const std::string& texts) {
-    std::vector<Bytes> all;
-    for (const std::string& text : SplitText(texts, ',')) {
-        all.push_back(FromHex(text));
-    }
-    return all;
-}
-
 TEST(Rtp2Frame, TakesPayloadsAndRefusesHeadersThatLie) {
     for (const auto& row : ReadTable(TABLES, "packets", 4)) {
         SCOPED_TRACE(row[0]);
@@ -102,7 +93,7 @@ TEST(Rtp2Frame, H264PayloadsBecomeAByteStream) {
     for (const auto& row : ReadTable(TABLES, "h264", 5)) {
         Depacketiser in(ENC_TYPE_H264);
         CLogCapture log;
-        const int result = in.PutFrame(payloads_of(row[1]));
+        const int result = in.PutFrame(UnitsFromHex(row[1]));
         EXPECT_EQ(row[2], std::to_string(result)) << row[0];
         EXPECT_EQ(ToHex(FromHex(row[3])), ToHex(in.Last())) << row[0];
         EXPECT_EQ(row[4], in.m_letters) << row[0];
@@ -121,7 +112,7 @@ TEST(Rtp2Frame, H264KeyFramesHaveParameterSets) {
         Depacketiser in(ENC_TYPE_H264);
         ASSERT_EQ(0, in.Engine().SetH264Config(SPS.data(), static_cast<int>(SPS.size()), PPS.data(),
                                                static_cast<int>(PPS.size())));
-        in.PutFrame(payloads_of(row[1]));
+        in.PutFrame(UnitsFromHex(row[1]));
         ASSERT_EQ("I", in.m_letters);
         const std::string first = ToHex(in.Last());
         EXPECT_EQ(own ? std::string::npos : 0, first.find(ToHex(known)));
@@ -178,7 +169,7 @@ TEST(Rtp2Frame, AudioAndAssistHeadersAreCut) {
         Depacketiser in(enc_type);
         CLogCapture log;
         EXPECT_EQ(CRtp2Frame::ASSIST_TYPE_NONE, in.Engine().GetAssistType());
-        EXPECT_EQ(row[2].empty() ? -1 : 1, in.PutFrame(payloads_of(row[1])));
+        EXPECT_EQ(row[2].empty() ? -1 : 1, in.PutFrame(UnitsFromHex(row[1])));
         EXPECT_EQ(row[2], ToHex(in.Last()));
         EXPECT_EQ(row[3], in.m_letters);
         EXPECT_EQ(enc_type == ENC_TYPE_ASSIST, in.Engine().GetAssistType() == 7);

@@ -144,42 +144,38 @@ TEST(StateMachine, Transitions) {
     }
 }
 
-// What is put in, step by step, and what is called.
-TEST(StateMachine, ConversationsOfATable) {
-    const Support::CLogCapture log;
-    for (const auto& row : Support::ReadTable(TABLES, "conversations", 3)) {
-        COwner owner;
-        for (const std::string& step : Support::SplitText(row[1], ' ')) {
-            const std::string name = step.substr(0, step.find(':'));
-            const int number = step == name ? 0 : std::stoi(step.substr(name.size() + 1));
-            if (name == "result") {
-                owner.result = number;
-            } else if (name == "message") {
-                owner.keeper->put_asyn_msg(static_cast<unsigned int>(number), number == 1 ? owner.last_id : 0);
-            } else if (name == "reply" || name == "other") {
-                EXPECT_TRUE(owner.keeper->put_tx_event(5, name.c_str(), number, name == "reply" ? owner.last_id : 0));
-            } else {
-                EXPECT_TRUE(owner.Put(RtspMethodOf(name.c_str()), number, number > 0 ? owner.last_id : 0));
-            }
+// Puts in what the steps say.
+void run_steps(COwner& owner, const std::string& steps) {
+    for (const std::string& step : Support::SplitText(steps, ' ')) {
+        const std::string name = step.substr(0, step.find(':'));
+        const int number = step == name ? 0 : std::stoi(step.substr(name.size() + 1));
+        if (name == "result") {
+            owner.result = number;
+        } else if (name == "message") {
+            owner.keeper->put_asyn_msg(static_cast<unsigned int>(number), number == 1 ? owner.last_id : 0);
+        } else if (name == "reply" || name == "other") {
+            EXPECT_TRUE(owner.keeper->put_tx_event(5, name.c_str(), number, name == "reply" ? owner.last_id : 0));
+        } else {
+            EXPECT_TRUE(owner.Put(RtspMethodOf(name.c_str()), number, number > 0 ? owner.last_id : 0));
         }
-        EXPECT_EQ(Support::SplitText(row[2], ','), owner.Take()) << row[0];
     }
 }
 
-TEST(StateMachine, ReplyFromInsideTheOperationRunsAfterIt) {
-    COwner owner;
-    owner.result = 1;
-    owner.hook = [&](const std::string& name) {
-        if (name == "setup") {
-            owner.Put(RTSP_METHOD_OPTIONS);
-            EXPECT_FALSE(owner.keeper->idle());
-            EXPECT_TRUE(owner.keeper->put_tx_event(2, "reply", 200, owner.last_id));
-            owner.result = 0;
-        }
-    };
-    EXPECT_TRUE(owner.Put(RTSP_METHOD_SETUP));
-    EXPECT_EQ((Calls{"setup", "send reply", "options"}), owner.Take());
-    EXPECT_EQ("ready", state_of(owner));
+// What is put in, also from inside a call, and what is called.
+TEST(StateMachine, ConversationsOfATable) {
+    const Support::CLogCapture log;
+    for (const auto& row : Support::ReadTable(TABLES, "conversations", 5)) {
+        SCOPED_TRACE(row[0]);
+        COwner owner;
+        owner.hook = [&](const std::string& call) {
+            if (call == row[2]) {
+                EXPECT_FALSE(owner.keeper->idle());
+                run_steps(owner, row[3]);
+            }
+        };
+        run_steps(owner, row[1]);
+        EXPECT_EQ(Support::SplitText(row[4], ','), owner.Take());
+    }
 }
 
 TEST(StateMachine, EleventhWaitingRequestEndsTheSession) {
@@ -221,21 +217,6 @@ TEST(StateMachine, MessagesArriveThoughThePoolIsEmptyAndAnOperationRuns) {
     expected.insert(expected.end(), 9, "asyn 4096");
     EXPECT_EQ(expected, owner.Take());
     EXPECT_EQ(0, log.Count("list size isn't enough"));
-}
-
-// The source that a broken session closes answers with that session's identifier, from another thread, while the
-// message that broke it still runs; a full pool mustn't make the answer look like a later message, which is shed.
-TEST(StateMachine, AnswerToAFatalMessageIsKnownThoughThePoolWasFull) {
-    COwner owner;
-    describe_and_queue(owner, 9);
-    owner.Take();
-    owner.hook = [&](const std::string& name) {
-        if (name == "asyn 8190") {
-            owner.keeper->put_asyn_msg(MSG_SOURCE_CLOSED, owner.last_id);
-        }
-    };
-    owner.keeper->put_asyn_msg(MSG_SESSION_BROKEN, 0);  // takes the last node
-    EXPECT_EQ((Calls{"asyn 8190", "asyn 1"}), owner.Take());
 }
 
 TEST(StateMachine, HoldKeepsMessagesBackUntilRelease) {
@@ -361,28 +342,6 @@ TEST(StateMachine, DestructionInsideAHoldWaitsForTheOperationThatRunsAndForNothi
     }
     runner.join();
     EXPECT_EQ(Calls{"options"}, owner.Take());
-}
-
-// With an empty pool every message goes through the spare event: neither the fatal one that waits there nor the
-// message of the end may be lost to one that comes after it as the answer to the message that ran last.
-TEST(StateMachine, MessagesOfTheEndAreNotOverwritten) {
-    const Support::CLogCapture log;
-    COwner owner;
-    describe_and_queue(owner, 10);
-    owner.hook = [&](const std::string& name) {
-        for (int i = 0; name == "asyn 4096" && i < 10; ++i) {
-            owner.keeper->put_asyn_msg(MSG_SRC_END, 0);  // these have the nodes of the dropped requests
-        }
-        if (name == "asyn 4096") {
-            owner.keeper->put_asyn_msg(MSG_SESSION_BROKEN, 0);
-            owner.keeper->put_asyn_msg(MSG_SOURCE_CLOSED, owner.last_id);
-        }
-    };
-    owner.keeper->put_asyn_msg(MSG_SRC_FAIL, 0);  // in the spare event
-    Calls expected = {"describe", "asyn 4096"};
-    expected.insert(expected.end(), 10, "asyn 4112");
-    expected.push_back("asyn 8190");
-    EXPECT_EQ(expected, owner.Take());
 }
 
 TEST(StateMachine, OperationsNeverOverlapAndNothingIsLost) {

@@ -6,11 +6,21 @@
 #include <vector>
 
 #include "StreamParser/Frame2Packet.h"
+#include "support/SampleTable.h"
 #include "support/StreamBytes.h"
 
 namespace Kavio::Support {
 
 using namespace Vidora;
+
+// Units in hexadecimal digits, parted by commas.
+inline std::vector<Bytes> UnitsFromHex(const std::string& texts) {
+    std::vector<Bytes> units;
+    for (const std::string& text : SplitText(texts, ',')) {
+        units.push_back(FromHex(text));
+    }
+    return units;
+}
 
 // The output of a packer for one frame, unit by unit, the first of them with `extra` bytes that its size leaves out;
 // checks that its counts agree and that it keeps to the capacity.

@@ -15,20 +15,6 @@ using namespace Vidora;
 
 typedef std::vector<uint8_t> Bytes;
 
-// Bytes of words of hexadecimal digits; a word that ends in "*" and a number has its last byte so many times.
-inline Bytes FromHex(const std::string& text) {
-    Bytes bytes;
-    std::istringstream words(text);
-    for (std::string word; words >> word;) {
-        const size_t star = std::min(word.find('*'), word.size());
-        for (size_t i = 0; i < star; i += 2) {
-            bytes.push_back(static_cast<uint8_t>(std::strtoul(word.substr(i, 2).c_str(), nullptr, 16)));
-        }
-        bytes.resize(bytes.size() + (star < word.size() ? std::stoul(word.substr(star + 1)) - 1 : 0), bytes.back());
-    }
-    return bytes;
-}
-
 inline std::string ToHex(const Bytes& bytes) {
     static const char DIGITS[] = "0123456789abcdef";
     std::string text;
@@ -63,6 +49,25 @@ inline Bytes Ramp(size_t len) {
     Bytes bytes(len);
     for (size_t i = 0; i < len; ++i) {
         bytes[i] = static_cast<uint8_t>(i % 254 + 2);
+    }
+    return bytes;
+}
+
+// Bytes of words of hexadecimal digits; a word that ends in "*" and a number has its last byte so many times, and "~"
+// with a number stands for so many bytes of Ramp.
+inline Bytes FromHex(const std::string& text) {
+    Bytes bytes;
+    std::istringstream words(text);
+    for (std::string word; words >> word;) {
+        if (word[0] == '~') {
+            bytes = bytes + Ramp(std::stoul(word.substr(1)));
+            continue;
+        }
+        const size_t star = std::min(word.find('*'), word.size());
+        for (size_t i = 0; i < star; i += 2) {
+            bytes.push_back(static_cast<uint8_t>(std::strtoul(word.substr(i, 2).c_str(), nullptr, 16)));
+        }
+        bytes.resize(bytes.size() + (star < word.size() ? std::stoul(word.substr(star + 1)) - 1 : 0), bytes.back());
     }
     return bytes;
 }

@@ -61,13 +61,16 @@ multicast_track_info_t track_info(int encode) {
     return info;
 }
 
+const multicast_track_info_t AUDIO = track_info(ENC_TYPE_AUDIO);
+const multicast_track_info_t VIDEO = track_info(ENC_TYPE_H264);
+
 // A client with what its callback was given, and the sender.
 class CReceived {
 public:
     explicit CReceived(ClientType type) : m_client(IMulticastStreamClient::Create(type)) {}
     ~CReceived() { Stop(); }
 
-    // Receives at any free port, which it gives; 0 on failure.
+    // Receives at any free port, which it gives.
     int Start(const multicast_track_info_t* info = nullptr) {
         for (int attempt = 0; attempt < 50; ++attempt) {
             const int port = CUdpPeer().Port();
@@ -75,6 +78,7 @@ public:
                 return port;
             }
         }
+        ADD_FAILURE() << "no port is free";
         return 0;
     }
     int StartAt(int port, const multicast_track_info_t* info = nullptr, const char* address = LOOPBACK) {
@@ -138,8 +142,12 @@ int descriptor_at(int port) {
     return -1;
 }
 
-TEST(MulticastClient, RefusesWhatItCannotReceive) {
-    const CPool pool;
+class MulticastClient : public testing::Test {
+protected:
+    CPool m_pool;
+};
+
+TEST_F(MulticastClient, RefusesWhatItCannotReceive) {
     CReceived ts(ClientType_TS);
     CReceived rtp(ClientType_RTP);
     const IMulticastStreamClient::frame_proc_t proc([](const Flumen::CMediaFrame&) {});
@@ -158,11 +166,9 @@ TEST(MulticastClient, RefusesWhatItCannotReceive) {
 }
 
 // Foreign datagrams between its own cost the stream nothing, and of a cut one the whole packets count.
-TEST(MulticastClient, ReceivesATransportStreamBesideStrangers) {
-    const CPool pool;
+TEST_F(MulticastClient, ReceivesATransportStreamBesideStrangers) {
     CReceived received(ClientType_TS);
     const int port = received.Start();
-    ASSERT_GT(port, 0);
     size_t count = 0;  // sent in steps, so that the socket's room is enough
     for (const std::string& packets : transport_stream(6)) {
         for (size_t at = 0; at < packets.size(); at += 2 * TS_LEN) {
@@ -184,15 +190,10 @@ TEST(MulticastClient, ReceivesATransportStreamBesideStrangers) {
     EXPECT_EQ(received.ends, 0);
 }
 
-TEST(MulticastClient, ReceivesBothTracksOfRtpBesideStrangers) {
-    const CPool pool;
+TEST_F(MulticastClient, ReceivesBothTracksOfRtpBesideStrangers) {
     CReceived received(ClientType_RTP);
-    const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
-    const multicast_track_info_t video = track_info(ENC_TYPE_H264);
-    const int audio_port = received.Start(&audio);
-    const int video_port = received.Start(&video);
-    ASSERT_GT(audio_port, 0);
-    ASSERT_GT(video_port, 0);
+    const int audio_port = received.Start(&AUDIO);
+    const int video_port = received.Start(&VIDEO);
     for (int i = 1; i <= 4; ++i) {
         received.Send(audio_packet(i), audio_port);
         received.Send(audio_packet(100, 96), audio_port);
@@ -211,12 +212,9 @@ TEST(MulticastClient, ReceivesBothTracksOfRtpBesideStrangers) {
     EXPECT_NE(received.Frames(5).at(4).find(ToText(slice)), std::string::npos);
 }
 
-TEST(MulticastClient, LossRepetitionAndSilenceEndNothing) {
-    const CPool pool;
+TEST_F(MulticastClient, LossRepetitionAndSilenceEndNothing) {
     CReceived received(ClientType_RTP);
-    const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
-    const int port = received.Start(&audio);
-    ASSERT_GT(port, 0);
+    const int port = received.Start(&AUDIO);
     for (const int number : {1, 2, 2, 5, 5, 6}) {
         received.Send(audio_packet(number), port);
         AdvanceClock(3600000);
@@ -229,24 +227,21 @@ TEST(MulticastClient, LossRepetitionAndSilenceEndNothing) {
 
 // Another thread's Stop returns when the callback has, also when that has ended its track by a Start that failed, and
 // none comes after it.
-TEST(MulticastClient, StopWaitsForACallbackOfAnotherThread) {
+TEST_F(MulticastClient, StopWaitsForACallbackOfAnotherThread) {
     for (const bool has_track : {true, false}) {
-        const CPool pool;
         std::promise<void> entered, go_on;
         std::atomic<int> calls{0};
         std::atomic<bool> done{false};
         CReceived received(ClientType_RTP);
-        const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
         received.on_call = [&] {
             if (++calls == 1) {
-                EXPECT_EQ(has_track ? 0 : -1, has_track ? 0 : received.StartAt(5000, &audio, "192.0.2.1"));
+                EXPECT_EQ(has_track ? 0 : -1, has_track ? 0 : received.StartAt(5000, &AUDIO, "192.0.2.1"));
                 entered.set_value();
                 go_on.get_future().wait();
                 done = true;
             }
         };
-        const int port = received.Start(&audio);
-        ASSERT_GT(port, 0);
+        const int port = received.Start(&AUDIO);
         for (int i = 1; i <= 100; ++i) {
             received.Send(audio_packet(i), port);
         }
@@ -263,9 +258,7 @@ TEST(MulticastClient, StopWaitsForACallbackOfAnotherThread) {
 }
 
 // Start inside the callback while another thread stops.
-TEST(MulticastClient, StartsMeetAStop) {
-    const CPool pool;
-    const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
+TEST_F(MulticastClient, StartsMeetAStop) {
     for (int round = 0; round < 50; ++round) {
         std::atomic<int> port{0};
         std::atomic<bool> entered{false};
@@ -274,10 +267,9 @@ TEST(MulticastClient, StartsMeetAStop) {
         const IMulticastStreamClient::frame_proc_t proc([](const Flumen::CMediaFrame&) {});
         received.on_call = [&] {
             entered = true;
-            client->Start(LOOPBACK, port, proc, &audio);
+            client->Start(LOOPBACK, port, proc, &AUDIO);
         };
-        port = received.Start(&audio);
-        ASSERT_GT(port, 0);
+        port = received.Start(&AUDIO);
         received.Send(audio_packet(1), port);
         ASSERT_TRUE(WaitUntil([&] { return entered.load(); }));
         received.Stop();
@@ -287,45 +279,37 @@ TEST(MulticastClient, StartsMeetAStop) {
 }
 
 // Also inside the callback, and at the port of the first.
-TEST(MulticastClient, AnotherStartReplacesTheTrack) {
-    const CPool pool;
+TEST_F(MulticastClient, AnotherStartReplacesTheTrack) {
     std::atomic<int> port{0}, restarted{-1}, calls{0};
     CReceived received(ClientType_RTP);
-    const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
     received.on_call = [&] {
         if (++calls == 1) {
-            restarted = received.StartAt(port, &audio);
+            restarted = received.StartAt(port, &AUDIO);
         }
     };
-    port = received.Start(&audio);
-    ASSERT_GT(port, 0);
+    port = received.Start(&AUDIO);
     received.Send(audio_packet(1), port);
     ASSERT_TRUE(WaitUntil([&] { return restarted != -1; }));
     received.Send(audio_packet(2), port);
     EXPECT_EQ(received.Frames(2).at(1), std::string(160, '\2'));
-    const int other = received.Start(&audio);
-    ASSERT_GT(other, 0);
+    const int other = received.Start(&AUDIO);
     EXPECT_LT(descriptor_at(port), 0);
     received.Send(audio_packet(3), other);
     EXPECT_EQ(received.Frames(3).at(2), std::string(160, '\3'));
 }
 
 // Each track gets one empty frame; a Stop inside the first takes the second's away.
-TEST(MulticastClient, TellsTheEndWhenASocketFails) {
+TEST_F(MulticastClient, TellsTheEndWhenASocketFails) {
     for (const bool stops : {false, true}) {
-        const CPool pool;
         std::atomic<bool> fails{false};
         CReceived received(ClientType_RTP);
-        const multicast_track_info_t audio = track_info(ENC_TYPE_AUDIO);
-        const multicast_track_info_t video = track_info(ENC_TYPE_H264);
         received.on_call = [&] {
             if (fails && stops) {
                 received.Stop();
             }
         };
-        const int port = received.Start(&audio);
-        ASSERT_GT(port, 0);
-        ASSERT_GT(received.Start(&video), 0);
+        const int port = received.Start(&AUDIO);
+        received.Start(&VIDEO);
         // A pipe can't be received from; the socket that the reactor watches lives on in another descriptor.
         const int fd = descriptor_at(port);
         ASSERT_GE(fd, 0);
@@ -340,7 +324,7 @@ TEST(MulticastClient, TellsTheEndWhenASocketFails) {
         EXPECT_EQ(received.ends, calls);
         ::close(watched);
         if (!stops) {
-            EXPECT_GT(received.Start(&audio), 0);  // it can begin anew
+            received.Start(&AUDIO);  // it can begin anew
         }
         ::close(pipe_ends[0]);
         ::close(pipe_ends[1]);

@@ -59,10 +59,10 @@ protected:
             (msg == 1 ? m_closed : m_failed).fetch_add(1);
             return 0;
         };
-        for (int i = 0; i < 3; ++i) {
+        for (int i = 0; i < RECEIVER_MAX_TRACKS; ++i) {
             m_tracks.tracks[i].rtp_channel = static_cast<uint8_t>(2 * i);
             m_tracks.tracks[i].rtcp_channel = static_cast<uint8_t>(2 * i + 1);
-            m_tracks.tracks[i].payload_type = static_cast<int16_t>(96 + i);
+            m_tracks.tracks[i].payload_type = static_cast<int16_t>(i < 3 ? 96 + i : -1);
         }
         m_tracks.count = 3;
         m_tracks.tracks[0].enc_type = ENC_TYPE_H264;
@@ -89,6 +89,11 @@ protected:
         EXPECT_TRUE(MakeSockPair(m_peer, *m_sock));
         CStreamTcpReceiver* receiver = CStreamTcpReceiver::Create(m_sock, m_owner->GetID(), protocol);
         Prepare(receiver);
+        return receiver;
+    }
+    CStreamTcpReceiver* StartTcp(int protocol) {
+        CStreamTcpReceiver* receiver = MakeTcp(protocol);
+        EXPECT_EQ(receiver->Start(0, 1.0F), 0);
         return receiver;
     }
     void Send(const Bytes& bytes) {
@@ -134,8 +139,7 @@ TEST_F(CReceiverTest, TcpHandlesTheFormerReadersBytesWithoutFurtherOnes) {
 }
 
 TEST_F(CReceiverTest, TcpPutsFramesWithTheirKindAndTrack) {
-    CStreamTcpReceiver* receiver = MakeTcp(RECEIVER_PROTOCOL_RTP);
-    ASSERT_EQ(receiver->Start(0, 1.0F), 0);
+    CStreamTcpReceiver* receiver = StartTcp(RECEIVER_PROTOCOL_RTP);
     const Bytes parameter_sets = {0x78, 0, 2, 0x09, 0xf0, 0, 2, 0x67, 1};  // aggregated behind a delimiter
     const struct {
         Bytes run;
@@ -174,8 +178,7 @@ TEST_F(CReceiverTest, TcpPutsFramesWithTheirKindAndTrack) {
 }
 
 TEST_F(CReceiverTest, TcpPutsPrivateFramesBehindTheirHeader) {
-    CStreamTcpReceiver* receiver = MakeTcp(RECEIVER_PROTOCOL_KX);
-    ASSERT_EQ(receiver->Start(0, 1.0F), 0);
+    StartTcp(RECEIVER_PROTOCOL_KX);
     const Bytes key = FromText("KXAV") + Bytes{0xFD} + Ramp(40000);
     const Bytes other = FromText("KXAV") + Bytes{0xFC} + Ramp(40);
     const auto header = [](const Bytes& frame) {
@@ -194,8 +197,7 @@ TEST_F(CReceiverTest, TcpPutsPrivateFramesBehindTheirHeader) {
 }
 
 TEST_F(CReceiverTest, TcpTellsABrokenConnectionOnceAndKeepsItsSocketToTheEnd) {
-    CStreamTcpReceiver* receiver = MakeTcp(RECEIVER_PROTOCOL_RTP);
-    ASSERT_EQ(receiver->Start(0, 1.0F), 0);
+    StartTcp(RECEIVER_PROTOCOL_RTP);
     Send(FromText(REPLY));
     m_peer.Close();
     EXPECT_TRUE(WaitUntil([this] { return m_failed.load() == 1; }));
@@ -222,8 +224,7 @@ TEST_F(CReceiverTest, TakingTheBufferAwayWaitsForAPutOnAnotherThreadOnly) {
             m_receiver->SetMediaBuffer(nullptr);  // inside its own call
         }
     };
-    CStreamTcpReceiver* receiver = MakeTcp(RECEIVER_PROTOCOL_RTP);
-    ASSERT_EQ(receiver->Start(0, 1.0F), 0);
+    CStreamTcpReceiver* receiver = StartTcp(RECEIVER_PROTOCOL_RTP);
     Send(Interleaved(0, Rtp(1, true, KEY_SLICE)));
     ASSERT_TRUE(WaitUntil([&] { return entered.load() == 1; }));
     EXPECT_TRUE(receiver->GetLife().busy);
@@ -262,8 +263,6 @@ TEST_F(CReceiverTest, UdpTakesAllTracksFromTheServersAddressOnly) {
         port = local.GetPort();
     };
     for (int i = 0; i < RECEIVER_MAX_TRACKS; ++i) {
-        m_tracks.tracks[i].rtp_channel = static_cast<uint8_t>(2 * i);
-        m_tracks.tracks[i].rtcp_channel = static_cast<uint8_t>(2 * i + 1);
         open(socks.tracks[i].rtp_sock, ports[2 * i]);
         open(socks.tracks[i].rtcp_sock, ports[2 * i + 1]);
         socks.tracks[i].source = CSockAddrStorage("127.0.0.1", 1);
