@@ -4,6 +4,7 @@
 
 #include "RtspClient/DigestResponse.h"
 #include "support/Capture.h"
+#include "support/SampleTable.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -57,69 +58,36 @@ TEST(ClientAuth, BasicIsTheEncodedPair) {
 
 // Which parameters the challenge has decides which the answer has, and over what it is computed.
 TEST(ClientAuth, DigestOfEveryKind) {
-    const struct {
-        const char* params;
-        const char* tail;  // behind the response, with CNONCE for the made one
-        const char* qop;   // as the response uses it
-        bool session_key;
-    } rows[] = {
-        {"", "", "", false},
-        {", stale=FALSE", "", "", false},
-        {", algorithm=md5", ", algorithm=\"md5\", ", "", false},
-        {", qop=\"auth\"", ", cnonce=\"CNONCE\", qop=\"auth\", nc=\"00000001\"", "auth", false},
-        {", qop=\"AUTH-INT\"", ", cnonce=\"CNONCE\", qop=\"AUTH-INT\", nc=\"00000001\"", "AUTH-INT", false},
-        {", qop=\"auth,auth-int\"", ", qop=\"auth,auth-int\", ", "", false},  // repeated, and not used
-        {", qop=auth", "", "", false},                                        // without quotes it isn't seen
-        {", algorithm=MD5-sess", ", algorithm=\"MD5-sess\", cnonce=\"CNONCE\", nc=\"00000001\"", "", true},
-        {", opaque=\"o\", qop=\"auth\", algorithm=MD5-sess",
-         ", algorithm=\"MD5-sess\", cnonce=\"CNONCE\", opaque=\"o\", qop=\"auth\", nc=\"00000001\"", "auth", true},
-    };
-    for (const auto& row : rows) {
-        const std::string value = answer(std::string("Digest realm=\"r\", nonce=\"n\"") + row.params);
-        const bool made = std::string(row.tail).find("CNONCE") != std::string::npos;
+    for (const auto& row : Support::ReadTable(VIDORA_TEST_DATA "/auth.txt", "digests", 4)) {
+        const std::string &params = row[0], &qop = row[2];
+        const std::string tail = Support::Unescaped(row[1]);
+        const std::string value = answer("Digest realm=\"r\", nonce=\"n\"" + params);
+        const bool made = tail.find("CNONCE") != std::string::npos;
         const std::string cnonce = made ? field(value, "cnonce") : "";
-        EXPECT_EQ(cnonce.size(), made ? 32U : 0U) << row.params;
+        EXPECT_EQ(cnonce.size(), made ? 32U : 0U) << params;
 
         digest_request request;
         request.method = "GET";
         request.uri = "/dir/index.html";
         request.nonce = "n";
-        request.qop = row.qop;
+        request.qop = qop;
         request.cnonce = cnonce;
         request.nc = 1;
         std::string ha1 = DigestHash({"Mufasa", "r", "CircleOfLife"});
-        if (row.session_key) {
+        if (row[3] == "session") {
             ha1 = DigestHash({ha1, "n", cnonce});
         }
-        std::string tail = row.tail;
-        if (made) {
-            tail.replace(tail.find("CNONCE"), 6, cnonce);
-        }
         EXPECT_EQ(value, "Digest username=\"Mufasa\", realm=\"r\", nonce=\"n\", uri=\"/dir/index.html\", response=\"" +
-                             DigestResponse(ha1, request) + "\"" + tail);
+                             DigestResponse(ha1, request) + "\"" + Support::Replaced(tail, "CNONCE", cnonce));
     }
 }
 
 TEST(ClientAuth, ChallengesThatCannotBeAnswered) {
-    const struct {
-        const char* challenge;
-        const char* user;
-        const char* logged;
-    } rows[] = {
-        {"Digest realm=\"r\", nonce=\"n\", algorithm=SHA-256", "u", "invalid auth from algorithm svr:Digest"},
-        {"Digest realm=\"r\", nonce=\"n\", algorithm=\"MD5\"", "u", "invalid auth from algorithm svr:"},
-        {"Digest realm=\"r\", nonce=\"n\", algorithm=md5-sess", "u", "invalid auth from algorithm svr:"},
-        {"Digest nonce=\"n\"", "u", "invalid auth from svr:Digest nonce"},
-        {"Digest realm=\"r\"", "u", "invalid auth from svr:"},
-        {"Bearer realm=\"r\"", "u", "WWWAuthenticate info error:Bearer"},
-        {"", "u", "WWWAuthenticate info error:\n"},
-        {"Basic realm=\"r\"", "", "user info not set, error."},
-    };
-    for (const auto& row : rows) {
+    for (const auto& row : Support::ReadTable(VIDORA_TEST_DATA "/auth.txt", "refusals", 3)) {
         const Support::CLogCapture log;
-        EXPECT_EQ(answer(row.challenge, false, row.user), "");
+        EXPECT_EQ(answer(row[0], false, row[1].c_str()), "");
         EXPECT_EQ(log.Lines().size(), 1U);
-        EXPECT_EQ(log.Count(row.logged), 1) << row.challenge;
+        EXPECT_EQ(log.Count(row[2]), 1) << row[0];
     }
 }
 

@@ -4,15 +4,15 @@
 #include <cstring>
 #include <memory>
 
-#include "MediaFrame.h"
 #include "RtspClient/DecoderParams.h"
-#include "StreamParser/StreamParser.h"
 #include "Vidora/KXFrame.h"
 #include "Vidora/RtpFrameBuffer.h"
 #include "Vidora/RtspClientBuffer.h"
 #include "support/Capture.h"
 #include "support/FrameBuilder.h"
-#include "support/Interleave.h"
+#include "support/RtspText.h"
+#include "support/SampleTable.h"
+#include "support/TrackSender.h"
 
 using namespace Kavio::Vidora;
 using namespace Kavio::Support;
@@ -41,37 +41,11 @@ struct View {
 class CHostPacket : public CMediaPacket {
 public:
     explicit CHostPacket(const Bytes& bytes) : m_bytes(bytes) {}
+    explicit CHostPacket(const std::string& bytes) : m_bytes(bytes.begin(), bytes.end()) {}
     unsigned char* GetData() override { return m_bytes.data(); }
 
 private:
     Bytes m_bytes;
-};
-
-// Makes the packets of a track: the library's own encoder, a run a frame.
-class CTrackSender {
-public:
-    CTrackSender(int enc_type, int payload_type, uint32_t clock_rate, int channel)
-        : m_parser(CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_RTP)) {
-        RtpEncParam param;
-        param.enc_type = enc_type;
-        param.payload_type = static_cast<uint8_t>(payload_type);
-        param.clock_rate = clock_rate;
-        param.sequence = 100;
-        param.ssrc = 0x11223344;
-        m_parser->SetParam(param);
-        RtpOverTcpParam over_tcp;
-        over_tcp.use_header = 1;
-        over_tcp.channel = static_cast<uint8_t>(channel);
-        over_tcp.merge_frame = 1;
-        m_parser->SetParam(over_tcp);
-    }
-    Flumen::CMediaFrame Make(const Flumen::CMediaFrame& frame) {
-        EXPECT_EQ(m_parser->InputFrame(frame), PARSER_FRAME_READY);
-        return m_parser->OutputFrame();
-    }
-
-private:
-    CStreamParserPtr m_parser;
 };
 
 Flumen::CMediaFrame video_frame(int type, uint64_t pts, unsigned int size = 5000) {
@@ -103,21 +77,10 @@ int put(CRtpFrameBuffer& buffer, const Flumen::CMediaFrame& run) {
     return buffer.Put(&packet, static_cast<int>(run.size()));
 }
 
-std::vector<Bytes> units_of(const Flumen::CMediaFrame& run) {
-    std::vector<Bytes> units;
-    for (unsigned int at = 0; at < run.size();) {
-        const unsigned char* unit = run.getBuffer() + at;
-        const unsigned int size = 4u + (static_cast<unsigned int>(unit[2]) << 8) + unit[3];
-        units.push_back(Bytes(unit, unit + size));
-        at += size;
-    }
-    return units;
-}
-
 // The packets of a run one by one, as a host might put them.
 int put_single(CRtpFrameBuffer& buffer, const Flumen::CMediaFrame& run) {
     int result = 0;
-    for (const Bytes& unit : units_of(run)) {
+    for (const std::string& unit : PacketsOf(run)) {
         CHostPacket packet(unit);
         result = buffer.Put(&packet, static_cast<int>(unit.size()));
     }
@@ -141,7 +104,7 @@ TEST(RtpFrameBuffer, MakesTheFramesOfBothTracks) {
             for (uint64_t i = 0; i < 10; ++i) {
                 const Flumen::CMediaFrame in = video_frame(i == 0 ? 'I' : 'P', i * 40);
                 const Flumen::CMediaFrame run = video.Make(in);
-                packets += units_of(run).size();
+                packets += PacketsOf(run).size();
                 ASSERT_EQ(feed(buffer, run), 1);
                 const Flumen::CMediaFrame out = buffer.Get();
                 EXPECT_EQ(payload_of(out), payload_of(in));
@@ -176,7 +139,7 @@ TEST(RtpFrameBuffer, DropsDamagedFramesAndPassesOverOtherChannels) {
         const bool cut = i % 5 == 2;
         if (cut) {  // the first packet is lost
             const Bytes all(run.getBuffer(), run.getBuffer() + run.size());
-            const Bytes rest = Part(all, units_of(run)[0].size());
+            const Bytes rest = Part(all, PacketsOf(run)[0].size());
             run = Flumen::CMediaFrame(static_cast<unsigned int>(rest.size()));
             std::copy(rest.begin(), rest.end(), run.getBuffer());
         }
@@ -275,38 +238,20 @@ TEST(RtpFrameBuffer, SharesItsContentsWithCopies) {
 }
 
 TEST(RtpFrameBuffer, ReadsTheDescription) {
-    struct Row {
-        const char* sdp;
-        int enc_type;
-        uint8_t kx_code;
-        const char* config1;
-        const char* config2;
-    };
-    const std::string head = "m=video 0 RTP/AVP 97\r\na=control:v\r\na=rtpmap:97 ";
-    const Row rows[] = {
-        {"h264/90000\r\na=fmtp:97 packetization-mode=1;sprop-parameter-sets=Z0LAHtoCgL5A,aM48gA==;x=1\r\n",
-         ENC_TYPE_H264, 2, "000000016742c01eda0280be40", "0000000168ce3c80"},
-        {"H264/90000\r\na=fmtp:97 sprop-parameter-sets=,aM48gA==,!,\r\n", ENC_TYPE_H264, 2, "", "0000000168ce3c80"},
-        {"H264/90000\r\n", ENC_TYPE_H264, 2, "", ""},
-        {"MP4V-ES/90000\r\na=fmtp:97 profile-level-id=1; config=000001B0f; x\r\n", ENC_TYPE_MPEG4, 1, "000001b0", ""},
-        {"MPEG4/90000\r\na=fmtp:97 config=zz\r\n", ENC_TYPE_MPEG4, 1, "", ""},
-        {"jpeg/90000\r\n", ENC_TYPE_JPEG, 5, "", ""},
-        {"MP2T/90000\r\n", ENC_TYPE_MPEG2TS, 9, "", ""},
-        {"H265/90000\r\n", ENC_TYPE_NONE, 0, "", ""},
-    };
     const CLogCapture log;
-    for (const Row& row : rows) {
-        View view(head + row.sdp);
+    for (const auto& row : ReadTable(VIDORA_TEST_DATA "/frames.txt", "descriptions", 5)) {
+        SCOPED_TRACE(row[0]);
+        View view("m=video 0 RTP/AVP 97\r\na=control:v\r\na=rtpmap:97 " + Crlf(row[0]) + "\r\n");
         CDecoderParams params;
-        ASSERT_EQ(params.Read(view.info), 0) << row.sdp;
+        ASSERT_EQ(params.Read(view.info), 0);
         const CDecoderParams::Track& video = params.Get(CDecoderParams::TRACK_VIDEO);
         EXPECT_EQ(video.channel, VIDEO_CHANNEL);
         EXPECT_EQ(video.param.payload_type, 97);
-        EXPECT_EQ(video.param.enc_type, row.enc_type) << row.sdp;
-        EXPECT_EQ(video.param.kx_encode_type, row.kx_code) << row.sdp;
+        EXPECT_EQ(std::to_string(video.param.enc_type), row[1]);
+        EXPECT_EQ(std::to_string(video.param.kx_encode_type), row[2]);
         const auto hex = [](const unsigned char* data, int size) { return ToHex(Bytes(data, data + size)); };
-        EXPECT_EQ(hex(video.param.config1, video.param.config1_len), row.config1) << row.sdp;
-        EXPECT_EQ(hex(video.param.config2, video.param.config2_len), row.config2) << row.sdp;
+        EXPECT_EQ(hex(video.param.config1, video.param.config1_len), row[3]);
+        EXPECT_EQ(hex(video.param.config2, video.param.config2_len), row[4]);
     }
     EXPECT_EQ(log.Count(":Not Support Video ForMat:H265"), 1);
 

@@ -10,6 +10,7 @@
 #include "support/Capture.h"
 #include "support/FrameBuilder.h"
 #include "support/Interleave.h"
+#include "support/SampleTable.h"
 
 using namespace Kavio::Vidora;
 using namespace Kavio::Support;
@@ -43,33 +44,14 @@ KXHeader header_of(const Flumen::CMediaFrame& frame) {
 }  // namespace
 
 TEST(FrameTimeRepair, KeepsAudioNearVideoAndStampsInOrder) {
-    struct Step {
-        char type;
-        uint64_t in;
-        uint64_t out;
-    };
-    const struct {
-        const char* name;
-        std::vector<Step> steps;
-    } rows[] = {
-        {"audio 101 ms off is moved, 100 ms off isn't", {{'I', 5000, 5000}, {'A', 4899, 5000}}},
-        {"audio 100 ms off stays", {{'I', 5000, 5000}, {'A', 5100, 5100}}},
-        {"audio alone keeps its own time", {{'A', 20, 20}, {'A', 40, 40}, {'A', 400, 400}, {'A', 3000, 3000}}},
-        {"audio after a second without video is free", {{'A', 0, 0}, {'I', 0, 0}, {'A', 90, 90}, {'A', 1001, 1001}}},
-        {"audio far off the video follows it", {{'I', 100, 100}, {'A', 9000, 100}, {'P', 140, 140}, {'A', 9040, 140}}},
-        {"audio that steps back", {{'A', 300, 300}, {'A', 290, 345}}},
-        {"video that steps back", {{'I', 300, 300}, {'P', 299, 345}, {'P', 360, 360}}},
-        {"50 frames a second over the wrap",
-         {{'I', 65510, 65510}, {'A', 65520, 65520}, {'P', 65530, 65530}, {'P', 65550, 65550}, {'A', 65560, 65560}}},
-        {"a new beginning", {{'I', 20000, 20000}, {'P', 1000, 1000}, {'P', 1040, 1040}}},
-    };
-    for (const auto& row : rows) {
+    for (const auto& row : ReadTable(VIDORA_TEST_DATA "/frames.txt", "times", 2)) {
         CFrameTimeRepair repair;
-        for (const Step& step : row.steps) {
-            Flumen::CMediaFrame frame = private_frame(step.type, step.in);
+        for (const std::string& step : SplitText(row[1], ',')) {
+            const std::vector<uint64_t> times = Numbers<uint64_t>(step.substr(1));
+            Flumen::CMediaFrame frame = private_frame(step[0], times.at(0));
             repair.Modify(frame);
-            EXPECT_EQ(pts_of(frame), step.out) << row.name;
-            EXPECT_EQ(header_of(frame).time_stamp, static_cast<uint16_t>(step.out)) << row.name;
+            EXPECT_EQ(pts_of(frame), times.at(1)) << row[0];
+            EXPECT_EQ(header_of(frame).time_stamp, static_cast<uint16_t>(times[1])) << row[0];
         }
     }
 }
@@ -85,44 +67,30 @@ TEST(FrameTimeRepair, LeavesOtherBytesAlone) {
 }
 
 TEST(FrameRateRepair, MeasuresOnTheFirstFrames) {
-    struct Row {
-        const char* name;
-        std::vector<uint64_t> pts;
-        std::vector<uint32_t> sequences;
-        int rate;         // 0: not known yet
-        size_t given;     // frames that came out by Modify
-        size_t released;  // and by Release
-    };
-    const Row rows[] = {
-        {"25 a second", {0, 40, 80, 120}, {1, 2, 3, 4}, 25, 1, 3},
-        {"60 a second, uneven", {0, 17, 33, 50, 67}, {1, 2, 3, 4, 5}, 59, 2, 3},
-        {"three frames don't tell", {0, 40, 80}, {1, 2, 3}, 0, 0, 0},
-        {"a frame is missing", {0, 40, 120, 160}, {1, 2, 4, 5}, 25, 1, 3},
-        {"the first is missing its next", {0, 80, 120, 160}, {1, 3, 4, 5}, 25, 1, 3},
-        {"no time passes", {7, 7, 7, 7}, {1, 2, 3, 4}, 25, 1, 3},
-        {"time runs back", {120, 80, 40, 0}, {1, 2, 3, 4}, 25, 1, 3},
-        {"one a second, the frame in hand is dropped", {0, 1000, 2000}, {1, 2, 3}, 1, 1, 1},
-        {"one in an hour", {0, 3600000}, {1, 2}, 25, 1, 0},
-    };
     const CLogCapture log;
-    for (const Row& row : rows) {
+    for (const auto& row : ReadTable(VIDORA_TEST_DATA "/frames.txt", "rates", 4)) {
+        SCOPED_TRACE(row[0]);
+        const std::vector<uint64_t> pts = Numbers<uint64_t>(row[1]);
+        const std::vector<uint32_t> sequences = Numbers<uint32_t>(row[2]);
+        const std::vector<size_t> expected = Numbers<size_t>(row[3]);
         CFrameRateRepair repair;
         std::vector<Flumen::CMediaFrame> out;
-        for (size_t i = 0; i < row.pts.size(); ++i) {
-            Flumen::CMediaFrame frame = private_frame('I', row.pts[i], row.sequences[i]);
+        for (size_t i = 0; i < pts.size(); ++i) {
+            Flumen::CMediaFrame frame = private_frame('I', pts[i], sequences.at(i));
             repair.Modify(frame);
             if (frame.valid()) {
                 out.push_back(frame);
             }
         }
-        EXPECT_EQ(out.size(), row.given) << row.name;
+        EXPECT_EQ(out.size(), expected.at(1));
         for (Flumen::CMediaFrame frame = repair.Release(); frame.valid(); frame = repair.Release()) {
             out.push_back(frame);
         }
-        EXPECT_EQ(out.size(), row.given + row.released) << row.name;
-        EXPECT_EQ(repair.Rate(), row.rate) << row.name;
+        EXPECT_EQ(out.size(), expected[1] + expected.at(2));
+        const int rate = static_cast<int>(expected[0]);
+        EXPECT_EQ(repair.Rate(), rate);
         for (const Flumen::CMediaFrame& frame : out) {
-            EXPECT_EQ(frame.getBuffer()[RATE_OFFSET], row.rate) << row.name;
+            EXPECT_EQ(frame.getBuffer()[RATE_OFFSET], rate);
         }
     }
 }

@@ -9,23 +9,18 @@
 #include <string>
 #include <vector>
 
-#include "MediaFrame.h"
-#include "RtpRun.h"
-#include "StreamParser/StreamParser.h"
 #include "Vidora/RtspClientBuffer.h"
 #include "support/ClientHost.h"
 #include "support/FrameBuilder.h"
 #include "support/ScriptedServer.h"
+#include "support/TrackSender.h"
 #include "support/UdpPeer.h"
 
 namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Support::CClientHost;
-using Support::CScriptedServer;
-using Support::ServerRequest;
-using Support::WaitUntil;
+using namespace Support;
 
 const size_t FRAMES = 1500;
 const size_t PICTURE_SIZE = 4000;  // some three packets
@@ -44,33 +39,17 @@ struct Stream {
 };
 
 Stream make_stream() {
-    const CStreamParserPtr encoder = CStreamParser::Create(STREAM_TYPE_FRAME_AUTO, STREAM_TYPE_RTP);
-    RtpEncParam param;
-    param.enc_type = ENC_TYPE_H264;
-    param.payload_type = 96;
-    param.ssrc = 7;
-    encoder->SetParam(param);
-    RtpOverTcpParam over_tcp;
-    over_tcp.use_header = 1;
-    over_tcp.merge_frame = 1;
-    encoder->SetParam(over_tcp);
+    CTrackSender sender(ENC_TYPE_H264, 96, 90000, 0);
     Stream stream;
     for (size_t i = 0; i < FRAMES; ++i) {
         const bool key = i % KEY_INTERVAL == 0;
-        stream.frames.push_back(Support::H264Picture(key, PICTURE_SIZE, static_cast<uint8_t>(1 + i % 251)));
-        const std::string& picture = stream.frames.back();
-        Flumen::CMediaFrame frame(static_cast<unsigned int>(picture.size()));
-        frame.resize(0);
-        frame.putBuffer(reinterpret_cast<const unsigned char*>(picture.data()),
-                        static_cast<unsigned int>(picture.size()));
-        frame.setType(key ? FRAME_TYPE_I : FRAME_TYPE_P);
-        frame.setPts(1000 + i * 40, Flumen::PTS_TYPE_MS);
-        EXPECT_EQ(PARSER_FRAME_READY, encoder->InputFrame(frame));
-        const Flumen::CMediaFrame run = encoder->OutputFrame();
-        CByteReader reader(run.getBuffer(), run.size());
-        interleaved_unit_t unit;
-        while (ReadInterleavedUnit(reader, unit)) {
-            stream.packets.push_back({i, std::string(reinterpret_cast<const char*>(unit.data), unit.length)});
+        FrameSpec fields;
+        fields.type = key ? 'I' : 'P';
+        fields.pts_ms = 1000 + i * 40;
+        fields.payload = H264Picture(key, PICTURE_SIZE, static_cast<uint8_t>(1 + i % 251));
+        stream.frames.push_back(fields.payload);
+        for (const std::string& packet : PacketsOf(sender.Make(BuildFrame(fields)))) {
+            stream.packets.push_back({i, packet.substr(4)});
         }
     }
     return stream;
@@ -187,7 +166,7 @@ RtspClientStatistics statistics_of(const CClientHost& host) {
 
 // Sends all, never more than fits, and waits until the session has counted it.
 bool send_all(const std::vector<Packet>& packets, int port, const CClientHost& host) {
-    Support::CUdpPeer peer;
+    CUdpPeer peer;
     for (size_t i = 0; i < packets.size();) {
         const size_t end = std::min(i + SENT_AT_ONCE, packets.size());
         for (; i < end; ++i) {
@@ -218,7 +197,7 @@ TEST(CLossTest, NoDamagedFrameComesOutAndTheStreamGoesOn) {
     ASSERT_GT(arrival.dropped, 20u);
     ASSERT_GT(arrival.repeated, 20u);
     ASSERT_GT(arrival.moved, 20u);
-    const Support::CPool pool;
+    const CPool pool;
     CUdpServer udp;
     CFrames frames;
     CClientHost host;

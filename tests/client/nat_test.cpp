@@ -38,28 +38,6 @@ protected:
     CPool m_pool{2};
 };
 
-// An address of the loopback net that the URL doesn't name.
-class CStranger {
-public:
-    explicit CStranger(const char* ip) {
-        sockaddr_in local = LoopbackAddress(0);
-        ::inet_pton(AF_INET, ip, &local.sin_addr);
-        ::bind(m_sock.fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local));
-    }
-    void Send(std::string_view datagram, int port) {
-        const sockaddr_in to = LoopbackAddress(port);
-        ::sendto(m_sock.fd, datagram.data(), datagram.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
-    }
-
-private:
-    struct CSock {
-        CSock() : fd(::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0)) {}
-        ~CSock() { ::close(fd); }
-        const int fd;
-    };
-    CSock m_sock;
-};
-
 TEST_F(CNatTest, MediaComesAsRunsAndWhatIsNoMediaIsDropped) {
     CNatPeer peer(&CScriptedServer::Answer);
     CNatHost host;
@@ -136,8 +114,7 @@ TEST_F(CNatTest, RequestsLeaveOneByOne) {
 TEST_F(CNatTest, StrangersAreNotHeard) {
     std::atomic<bool> hears{false};
     CNatPeer peer(&CScriptedServer::Answer, [&hears](const std::string&, bool) { return !hears; });
-    CStranger other_host("127.0.0.2");
-    CStranger other_port("127.0.0.1");
+    CUdpPeer other_host(0, "127.0.0.2"), other_port;
     CNatHost host;
     ASSERT_EQ(0, host.Start(peer.Url()));
     const int port = host.port;
@@ -146,7 +123,7 @@ TEST_F(CNatTest, StrangersAreNotHeard) {
     other_port.Send("VRP/1 DONE 0123456789abcdef", port);  // of the rendezvous
     hears = true;
     ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
-    for (CStranger* stranger : {&other_host, &other_port}) {
+    for (CUdpPeer* stranger : {&other_host, &other_port}) {
         stranger->Send("RTSP garbage that would end it", port);
         stranger->Send(CNatPeer::Rtp(1), port);
         stranger->Send(NAT_SERVER_HELLO, port);

@@ -12,10 +12,7 @@ namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Support::CClientHost;
-using Support::CScriptedServer;
-using Support::ServerRequest;
-using Support::WaitUntil;
+using namespace Support;
 using Tramel::CReactor;
 
 // How far the conversation gets before the server falls silent, goes, or the session is closed.
@@ -67,7 +64,7 @@ protected:
         std::atomic<int> held{0};
         std::atomic<int> gone{0};
         for (unsigned int i = 0; std::get<2>(GetParam()) == WHILE_POOL_IS_BUSY && i < POOL_THREADS; ++i) {
-            Support::CTestHandler* handler = Support::CTestHandler::Make(&gone);
+            CTestHandler* handler = CTestHandler::Make(&gone);
             handler->on_message = [&, handler](long, unsigned int, long) {
                 ++held;
                 WaitUntil([this] { return m_closed.load(); });
@@ -97,12 +94,12 @@ void CSessionEndTest::Run() {
     int notes_after = 0;
     {
         Server server(Answer());
-        auto pool = std::make_unique<Support::CPool>(POOL_THREADS);
+        auto pool = std::make_unique<CPool>(POOL_THREADS);
         {
             Host host;
             const bool by_note = closer == BY_NOTE;
             std::atomic<int> after_close{0};
-            host.on_note = [&, by_note](const Support::ClientNote&) {
+            host.on_note = [&, by_note](const ClientNote&) {
                 after_close += m_closed ? 1 : 0;
                 if (by_note && !m_closed) {
                     host.Close();
@@ -136,7 +133,7 @@ void CSessionEndTest::Run() {
                 EXPECT_EQ(m_handlers + 1, CReactor::Instance().CountHandlers());
             }
             if (pool == nullptr) {
-                pool = std::make_unique<Support::CPool>(POOL_THREADS);
+                pool = std::make_unique<CPool>(POOL_THREADS);
             }
             notes_after = by_note ? 0 : after_close.load();
         }
@@ -149,7 +146,7 @@ TEST_P(CSessionEndTest, LeavesNothing) {
     if (std::get<road_t>(GetParam()) == OVER_TCP) {
         Run<CScriptedServer, CClientHost>();
     } else {
-        Run<Support::CNatPeer, Support::CNatHost>();
+        Run<CNatPeer, CNatHost>();
     }
 }
 

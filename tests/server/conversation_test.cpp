@@ -1,6 +1,5 @@
 // Conversations that are written down in conversations.txt: what clients say, and what they get.
 
-#include <fstream>
 #include <map>
 
 #include "Vidora/Ostra/Base64.h"
@@ -14,30 +13,6 @@
 namespace Kavio {
 namespace Vidora {
 namespace {
-
-struct Script {
-    std::string name;
-    std::vector<std::string> lines;
-};
-
-std::vector<Script> read_scripts() {
-    std::vector<Script> scripts;
-    std::ifstream file(VIDORA_TEST_DATA "/conversations.txt");
-    for (std::string line; std::getline(file, line);) {
-        if (line[0] == '[') {
-            scripts.push_back({line.substr(1, line.size() - 2), {}});
-        } else if (!line.empty() && line[0] != '#') {
-            scripts.back().lines.push_back(line);
-        }
-    }
-    return scripts;
-}
-
-// What stands in front of the first blank, and behind it.
-std::pair<std::string, std::string> split_word(const std::string& text) {
-    const size_t blank = std::min(text.find(' '), text.size());
-    return {text.substr(0, blank), text.substr(std::min(blank + 1, text.size()))};
-}
 
 std::string encoded(const std::string& text) {
     std::string out(static_cast<size_t>(Ostra::base64EncodeLen(static_cast<int>(text.size()))), '\0');
@@ -69,14 +44,6 @@ const std::map<std::string, CFakeAuthModule::answer_t> ANSWERS = {{"at-once", CF
 
 class Conversation : public CServerTest, public testing::WithParamInterface<Script> {
 protected:
-    // What is behind the name of a step: all of it, and if it begins with a number, that and what follows.
-    struct Words {
-        explicit Words(const std::string& text)
-            : all(text), number(atoi(text.c_str())), rest(split_word(text).second) {}
-        std::string all;
-        int number;
-        std::string rest;
-    };
     // One client, and what it has yet to send: in a tunnel, by the last of its POSTs.
     struct Client {
         Client(int port, const std::string& from) : rtsp(port, from.empty() ? nullptr : from.c_str()) {}
@@ -140,18 +107,18 @@ protected:
         return headers;
     }
     void Request(const std::string& words) {
-        const auto [method, more] = split_word(words);
-        const auto [place, headers] = split_word(more);
+        const auto [method, more] = SplitWord(words);
+        const auto [place, headers] = SplitWord(more);
         Say(Speaker().rtsp.Request(method, UrlOf(place), HeadersOf(headers)));
     }
     void Play(const std::string& headers) {
         for (const std::string& request :
              {std::string("DESCRIBE ."), "SETUP /trackID=0 " + headers, std::string("PLAY .")}) {
             Request(request);
-            ExpectReply(Words("200"));
+            ExpectReply(ScriptWords("200"));
         }
     }
-    void ExpectReply(const Words& words) {
+    void ExpectReply(const ScriptWords& words) {
         const RtspReply reply = Flushed().Reply();
         EXPECT_EQ(words.number, reply.status);
         for (const std::string& text : SplitText(words.rest, '|')) {
@@ -160,7 +127,7 @@ protected:
             EXPECT_EQ(wanted, place != std::string::npos) << text << " in " << reply.head << reply.body;
         }
     }
-    void ExpectFrame(const Words& words) {
+    void ExpectFrame(const ScriptWords& words) {
         RtspFrame frame = Flushed().Frame();
         while (frame.channel >= 0 && frame.channel != words.number) {
             frame = Speaker().rtsp.Frame();
@@ -174,7 +141,7 @@ protected:
         m_fake->SetVideo(format);
         m_fake->Tell(MSG_STREAM_INFO);
     }
-    void ExpectCalls(const Words& words) {
+    void ExpectCalls(const ScriptWords& words) {
         CFakeStreamSource* source = m_content == FILE_CONTENT ? CFakeStreamSource::Last() : m_fake;
         EXPECT_TRUE(WaitUntil([&] { return source->CountCalls(words.rest) == words.number; }));
     }
@@ -183,15 +150,12 @@ protected:
         m_svr->SetConfig(m_config);
     }
     // What the authentication modules were asked since the last such step, in which "." stands for the content's URL.
-    void ExpectQuestions(const Words& words) {
+    void ExpectQuestions(const ScriptWords& words) {
         std::string questions;
         for (const std::string& call : CFakeAuthModule::All().TakeCalls()) {
             questions += (questions.empty() ? "" : " | ") + call;
         }
-        for (size_t at = questions.find(Url(m_content)); at != std::string::npos; at = questions.find(Url(m_content))) {
-            questions.replace(at, Url(m_content).size(), ".");
-        }
-        EXPECT_EQ(words.all, questions);
+        EXPECT_EQ(words.all, Replaced(questions, Url(m_content), "."));
     }
     static CFakeStreamSource::Settings Faulty(CFakeStreamSource::Settings settings, const std::string& fault) {
         FAULTS.at(fault)(settings);
@@ -221,7 +185,7 @@ protected:
 
 void Conversation::Run(const std::string& line) {
     typedef Conversation& C;
-    typedef const Words& W;
+    typedef const ScriptWords& W;
     static const std::map<std::string, void (*)(C, W)> steps = {
         // The server's side.
         {"channel", [](C c, W w) { c.m_fake = c.AddChannel(w.all.empty() ? LIVE_NAME : w.all); }},
@@ -249,7 +213,7 @@ void Conversation::Run(const std::string& line) {
         {"first", [](C, W w) { CFakeAuthModule::All().first = static_cast<IAuthModule::auth_result_t>(w.number); }},
         {"answers",
          [](C, W w) {
-             const auto [when, delay_ms] = split_word(w.all);
+             const auto [when, delay_ms] = SplitWord(w.all);
              CFakeAuthModule::All().delay_ms = atoi(delay_ms.c_str());
              CFakeAuthModule::All().answer = ANSWERS.at(when);
          }},
@@ -298,9 +262,9 @@ void Conversation::Run(const std::string& line) {
         {"play", [](C c, W w) { c.Play(w.all); }},
     };
     SCOPED_TRACE(m_name + ": " + line);
-    const auto [step, words] = split_word(line);
+    const auto [step, words] = SplitWord(line);
     ASSERT_EQ(1u, steps.count(step));
-    steps.at(step)(*this, Words(words));
+    steps.at(step)(*this, ScriptWords(words));
 }
 
 TEST_P(Conversation, RunsAsWritten) {
@@ -317,7 +281,7 @@ TEST_P(Conversation, RunsAsWritten) {
     }
 }
 
-INSTANTIATE_TEST_SUITE_P(Script, Conversation, testing::ValuesIn(read_scripts()),
+INSTANTIATE_TEST_SUITE_P(Script, Conversation, testing::ValuesIn(ReadScripts(VIDORA_TEST_DATA "/conversations.txt")),
                          [](const auto& info) { return info.param.name; });
 
 class ConversationTest : public CServerTest {};

@@ -21,9 +21,11 @@ inline sockaddr_in LoopbackAddress(int port) {
 // CBoundSocket: a socket of the system (SOCK_STREAM or SOCK_DGRAM) that is bound to a port of the loopback address.
 class CBoundSocket {
 public:
-    // Port 0 takes any.
-    explicit CBoundSocket(int type, int port = 0) : m_fd(socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
+    // Port 0 takes any; `ip` is one of the loopback net.
+    explicit CBoundSocket(int type, int port = 0, const char* ip = "127.0.0.1")
+        : m_fd(socket(AF_INET, type | SOCK_CLOEXEC, 0)) {
         sockaddr_in addr = LoopbackAddress(port);
+        inet_pton(AF_INET, ip, &addr.sin_addr);
         socklen_t length = sizeof(addr);
         m_bound = bind(m_fd, reinterpret_cast<sockaddr*>(&addr), length) == 0;
         getsockname(m_fd, reinterpret_cast<sockaddr*>(&addr), &length);

@@ -13,6 +13,7 @@
 #include "Nat/NatHello.h"
 #include "Vidora/P2PClientSession.h"
 #include "support/ClientHost.h"
+#include "support/Interleave.h"
 #include "support/ScriptedServer.h"
 #include "support/UdpPeer.h"
 
@@ -83,21 +84,17 @@ private:
             const std::lock_guard<std::mutex> guard(m_mutex);
             m_requests.push_back(request);
         }
-        const std::string answer = m_answer(request);
-        size_t place = answer.find("\r\n\r\n");
-        place += place == std::string::npos ? 0 : 4;
-        const size_t length = answer.find("Content-Length: ");
-        place += length < place ? std::stoul(answer.substr(length + 16)) : 0;
-        reply(answer.substr(0, place));
-        while (place < answer.size()) {
-            const size_t size = static_cast<unsigned char>(answer[place + 3]);
-            reply(answer.substr(place + 4, size));
-            place += 4 + size;
+        std::string answer = m_answer(request);
+        if (answer == CScriptedServer::CLOSE) {
+            return false;
         }
-        return answer != CScriptedServer::CLOSE;
+        for (const std::string& unit : TakeUnits(answer)) {
+            reply(unit.substr(unit[0] == '$' ? 4 : 0));
+        }
+        return true;
     }
     void reply(const std::string& datagram) {
-        if (!datagram.empty() && datagram != CScriptedServer::CLOSE && !(m_drops && m_drops(datagram, false))) {
+        if (!(m_drops && m_drops(datagram, false))) {
             Send(datagram);
         }
     }
@@ -118,12 +115,9 @@ private:
 class CNatHost : public TClientHost<Vidora::CP2PClientSession> {
 public:
     int Start(const std::string& url) {
-        sockaddr_in local = LoopbackAddress(0);
-        socklen_t length = sizeof(local);
-        sock = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        ::bind(sock, reinterpret_cast<const sockaddr*>(&local), length);
-        ::getsockname(sock, reinterpret_cast<sockaddr*>(&local), &length);
-        port = ntohs(local.sin_port);
+        const CBoundSocket bound(SOCK_DGRAM);
+        port = bound.Port();
+        sock = ::dup(bound.Fd());
         return StartBy(url, sock);
     }
 

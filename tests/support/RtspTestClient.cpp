@@ -3,42 +3,20 @@
 #include <arpa/inet.h>
 #include <poll.h>
 
-#include <chrono>
+#include <algorithm>
 #include <cstdlib>
 
+#include "support/Interleave.h"
 #include "support/Loopback.h"
+#include "support/TestHandler.h"
 
 namespace Kavio {
 namespace Support {
 
-namespace {
-
-const char HEAD_END[] = "\r\n\r\n";
-
-// Milliseconds that are left until a deadline.
-class CDeadline {
-public:
-    explicit CDeadline(int timeout_ms)
-        : m_end(std::chrono::steady_clock::now() + std::chrono::milliseconds(timeout_ms)) {}
-    int Left() const {
-        const auto left =
-            std::chrono::duration_cast<std::chrono::milliseconds>(m_end - std::chrono::steady_clock::now()).count();
-        return left > 0 ? static_cast<int>(left) : 0;
-    }
-
-private:
-    std::chrono::steady_clock::time_point m_end;
-};
-
-}  // namespace
+const int POLL_MS = 10;
 
 std::string RtspReply::Header(const std::string& name) const {
-    const size_t line = head.find("\r\n" + name + ": ");
-    if (line == std::string::npos) {
-        return std::string();
-    }
-    const size_t value = line + name.size() + 4;
-    return head.substr(value, head.find("\r\n", value) - value);
+    return HeaderOf(head, name);
 }
 
 CRtspTestClient::CRtspTestClient(int port, const char* from) : m_fd(socket(AF_INET, SOCK_STREAM | SOCK_CLOEXEC, 0)) {
@@ -94,11 +72,16 @@ RtspReply CRtspTestClient::Ask(const std::string& method, const std::string& url
     return Send(Request(method, url, headers, body)) ? Reply() : RtspReply();
 }
 
+// Reads until `done` holds, the time is over or the connection has ended.
+template <typename Done>
+void CRtspTestClient::read_until(Done done, int timeout_ms) {
+    const auto over = [&] { return m_eof || done(); };
+    WaitUntil([&] { return over() || (receive(std::min(timeout_ms, POLL_MS)) && over()); }, timeout_ms);
+}
+
 template <typename T>
 T CRtspTestClient::next(std::deque<T>& queue, int timeout_ms) {
-    const CDeadline deadline(timeout_ms);
-    while (queue.empty() && receive(deadline.Left())) {
-    }
+    read_until([&] { return !queue.empty(); }, timeout_ms);
     T item;
     if (!queue.empty()) {
         item = queue.front();
@@ -121,11 +104,9 @@ RtspFrame CRtspTestClient::Frame(int timeout_ms) {
 }
 
 bool CRtspTestClient::Closed(int timeout_ms) {
-    const CDeadline deadline(timeout_ms);
-    while (!m_eof && receive(deadline.Left())) {
-        m_replies.clear();
-        m_frames.clear();
-    }
+    read_until([] { return false; }, timeout_ms);
+    m_replies.clear();
+    m_frames.clear();
     return m_eof;
 }
 
@@ -146,47 +127,15 @@ bool CRtspTestClient::receive(int timeout_ms) {
         return false;
     }
     m_bytes.append(buf, static_cast<size_t>(count));
-    cut();
-    return true;
-}
-
-void CRtspTestClient::cut() {
-    while (!m_bytes.empty() && (m_bytes[0] == '$' ? cut_frame() : cut_reply())) {
+    for (const std::string& unit : TakeUnits(m_bytes)) {
+        if (unit[0] == '$') {
+            m_frames.push_back({static_cast<uint8_t>(unit[1]), unit.substr(4)});
+            continue;
+        }
+        const size_t head = unit.find("\r\n\r\n") + 4;
+        const size_t status = unit.find(' ');
+        m_replies.push_back({status < head ? atoi(&unit[status]) : -1, unit.substr(0, head), unit.substr(head)});
     }
-}
-
-bool CRtspTestClient::cut_frame() {
-    if (m_bytes.size() < 4) {
-        return false;
-    }
-    const size_t length = static_cast<size_t>(static_cast<uint8_t>(m_bytes[2])) << 8 | static_cast<uint8_t>(m_bytes[3]);
-    if (m_bytes.size() < length + 4) {
-        return false;
-    }
-    RtspFrame frame;
-    frame.channel = static_cast<uint8_t>(m_bytes[1]);
-    frame.data = m_bytes.substr(4, length);
-    m_frames.push_back(frame);
-    m_bytes.erase(0, length + 4);
-    return true;
-}
-
-bool CRtspTestClient::cut_reply() {
-    const size_t end = m_bytes.find(HEAD_END);
-    if (end == std::string::npos) {
-        return false;
-    }
-    RtspReply reply;
-    reply.head = m_bytes.substr(0, end + 4);
-    const size_t body = static_cast<size_t>(atoi(reply.Header("Content-Length").c_str()));
-    if (m_bytes.size() < end + 4 + body) {
-        return false;
-    }
-    reply.body = m_bytes.substr(end + 4, body);
-    const size_t status = reply.head.find(' ');
-    reply.status = status == std::string::npos ? -1 : atoi(reply.head.c_str() + status);
-    m_replies.push_back(reply);
-    m_bytes.erase(0, end + 4 + body);
     return true;
 }
 

@@ -63,9 +63,8 @@ private:
     bool receive(int timeout_ms);
     template <typename T>
     T next(std::deque<T>& queue, int timeout_ms);
-    void cut();
-    bool cut_reply();
-    bool cut_frame();
+    template <typename Done>
+    void read_until(Done done, int timeout_ms);
 
     int m_fd = -1;
     bool m_eof = false;

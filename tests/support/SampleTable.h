@@ -4,10 +4,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <fstream>
 #include <iterator>
 #include <sstream>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Kavio {
@@ -24,6 +26,14 @@ inline std::vector<std::string> SplitText(const std::string& text, char mark) {
         at = end + 1;
     }
     return parts;
+}
+
+// A text with `by` for each `what`.
+inline std::string Replaced(std::string text, const std::string& what, const std::string& by) {
+    for (size_t at = text.find(what); at != std::string::npos; at = text.find(what, at + by.size())) {
+        text.replace(at, what.size(), by);
+    }
+    return text;
 }
 
 // The whole numbers of a field, parted by blanks.
@@ -63,16 +73,47 @@ inline std::vector<std::vector<std::string>> ReadTable(const std::string& path, 
         if (line[0] == '[' && line.find('|') == std::string::npos) {
             table = line.substr(1, line.size() - 2);
         } else if (table == name && line[0] != '#' && !line.empty()) {
-            for (size_t at = line.find("\\n"); at != std::string::npos; at = line.find("\\n")) {
-                line.replace(at, 2, "\n");
-            }
-            rows.push_back(SplitText(line, '|'));
+            rows.push_back(SplitText(Replaced(line, "\\n", "\n"), '|'));
             EXPECT_EQ(fields, rows.back().size()) << line;
             rows.back().resize(fields);
         }
     }
     EXPECT_FALSE(rows.empty()) << name << " in " << path;
     return rows;
+}
+
+// What stands in front of the first blank, and behind it.
+inline std::pair<std::string, std::string> SplitWord(const std::string& text) {
+    const size_t blank = std::min(text.find(' '), text.size());
+    return {text.substr(0, blank), text.substr(std::min(blank + 1, text.size()))};
+}
+
+// What is behind the name of a script's step: all of it, and if it begins with a number, that and what follows.
+struct ScriptWords {
+    explicit ScriptWords(const std::string& text)
+        : all(text), number(atoi(text.c_str())), rest(SplitWord(text).second) {}
+    std::string all;
+    int number;
+    std::string rest;
+};
+
+struct Script {
+    std::string name;
+    std::vector<std::string> lines;
+};
+
+// A file of scripts: a line "[name]" begins one, "#" a comment, each other line is a step.
+inline std::vector<Script> ReadScripts(const std::string& path) {
+    std::vector<Script> scripts;
+    std::ifstream file(path);
+    for (std::string line; std::getline(file, line);) {
+        if (line[0] == '[') {
+            scripts.push_back({line.substr(1, line.size() - 2), {}});
+        } else if (!line.empty() && line[0] != '#') {
+            scripts.back().lines.push_back(line);
+        }
+    }
+    return scripts;
 }
 
 }  // namespace Support

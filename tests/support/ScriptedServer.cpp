@@ -4,6 +4,8 @@
 
 #include <algorithm>
 
+#include "support/Interleave.h"
+
 namespace Kavio {
 namespace Support {
 
@@ -15,8 +17,7 @@ ServerRequest ServerRequest::Read(const std::string& text) {
     request.method = text.substr(0, text.find(' '));
     const size_t url = std::min(request.method.size() + 1, text.size());
     request.url = text.substr(url, text.find(' ', url) - url);
-    const size_t cseq = text.find("CSeq: ");
-    request.cseq = cseq == std::string::npos ? "0" : text.substr(cseq + 6, text.find('\r', cseq) - cseq - 6);
+    request.cseq = HeaderOf(text, "CSeq");
     return request;
 }
 
@@ -61,8 +62,8 @@ void CScriptedServer::serve(int fd, int number) {
         const ssize_t count = ::recv(fd, buffer, sizeof(buffer), 0);
         open = count > 0;
         bytes.append(buffer, open ? static_cast<size_t>(count) : 0);
-        while (open && !bytes.empty() && cut(bytes, number, fd)) {
-            open = bytes != CLOSE;
+        for (const std::string& unit : TakeUnits(bytes)) {
+            open = open && (unit[0] == '$' || answer(unit, number, fd));
         }
     }
     const std::lock_guard<std::mutex> guard(m_mutex);
@@ -70,37 +71,19 @@ void CScriptedServer::serve(int fd, int number) {
     ::close(fd);
 }
 
-// Takes one request or packet off; `bytes` is CLOSE if the connection is to end.
-bool CScriptedServer::cut(std::string& bytes, int number, int fd) {
-    if (bytes[0] == '$') {
-        const size_t size =
-            bytes.size() < 4 ? 4
-                             : 4u + (static_cast<unsigned char>(bytes[2]) << 8) + static_cast<unsigned char>(bytes[3]);
-        const bool whole = bytes.size() >= size;
-        bytes.erase(0, whole ? size : 0);
-        return whole;
-    }
-    size_t end = bytes.find("\r\n\r\n");
-    if (end == std::string::npos) {
-        return false;
-    }
-    end += 4;
-    const size_t length = bytes.find("Content-Length: ");
-    end += length < end ? static_cast<size_t>(std::stoul(bytes.substr(length + 16))) : 0;
-    ServerRequest request = ServerRequest::Read(bytes.substr(0, end));
+// Whether the connection is to go on.
+bool CScriptedServer::answer(const std::string& text, int number, int fd) {
+    ServerRequest request = ServerRequest::Read(text);
     request.connection = number;
-    bytes.erase(0, end);
     {
         const std::lock_guard<std::mutex> guard(m_mutex);
         m_requests.push_back(request);
     }
     const std::string answer = m_answer(request);
-    if (answer == CLOSE) {
-        bytes = CLOSE;
-    } else {
+    if (answer != CLOSE) {
         send(fd, answer);
     }
-    return true;
+    return answer != CLOSE;
 }
 
 void CScriptedServer::send(int fd, const std::string& bytes) {

@@ -66,7 +66,7 @@ public:
 private:
     void accept_all();
     void serve(int fd, int number);
-    bool cut(std::string& bytes, int number, int fd);
+    bool answer(const std::string& text, int number, int fd);
     void send(int fd, const std::string& bytes);
 
     answer_t m_answer;

@@ -91,7 +91,10 @@ public:
         for (ssize_t count; (count = ::recv(fd, buffer, sizeof(buffer), MSG_DONTWAIT)) > 0; any = true) {
             m_rest.append(buffer, static_cast<size_t>(count));
         }
-        cut();
+        for (const std::string& unit : TakeUnits(m_rest)) {
+            take(unit);
+        }
+        m_broken = m_broken || (!m_rest.empty() && m_rest[0] != '$' && m_rest[0] != 'R');
         return any;
     }
     const std::vector<WireUnit>& Units() const { return m_units; }
@@ -109,47 +112,18 @@ public:
     }
 
 private:
-    void cut() {
-        size_t place = 0;
-        while (place < m_rest.size() && !m_broken) {
-            const size_t size = m_rest[place] == '$' ? media_size(place) : text_size(place);
-            if (size == 0 || size > m_rest.size() - place) {
-                break;
-            }
-            take(m_rest.substr(place, size));
-            place += size;
-        }
-        m_rest.erase(0, place);
-    }
-    size_t media_size(size_t place) const {
-        if (m_rest.size() - place < 4) {
-            return 0;
-        }
-        return 4u + (static_cast<unsigned char>(m_rest[place + 2]) << 8) +
-               static_cast<unsigned char>(m_rest[place + 3]);
-    }
-    size_t text_size(size_t place) {
-        if (m_rest[place] != 'R') {
-            m_broken = true;
-            return 0;
-        }
-        const size_t end = m_rest.find("\r\n\r\n", place);
-        return end == std::string::npos ? 0 : end + 4 - place;
-    }
     void take(const std::string& bytes) {
         WireUnit unit;
         unit.bytes = bytes;
         unit.text = bytes[0] != '$';
         if (unit.text) {
-            const size_t place = bytes.find("CSeq: ");
-            m_broken = place == std::string::npos;
-            unit.number = m_broken ? 0 : static_cast<unsigned int>(std::stoul(bytes.substr(place + 6)));
+            unit.number = static_cast<unsigned int>(strtoul(HeaderOf(bytes, "CSeq").c_str(), nullptr, 10));
             m_broken = m_broken || bytes != TextBytes(unit.number, bytes.size() - TextBytes(unit.number).size());
         } else {
             unit.channel = static_cast<unsigned char>(bytes[1]);
             unit.key = bytes[4] == 'K';
             std::memcpy(&unit.number, &bytes[5], sizeof(unit.number));
-            m_broken = bytes != MediaBytes(unit.channel, unit.number, unit.key, bytes.size() - 4);
+            m_broken = m_broken || bytes != MediaBytes(unit.channel, unit.number, unit.key, bytes.size() - 4);
         }
         m_units.push_back(unit);
     }

@@ -4,6 +4,7 @@
 #include <poll.h>
 
 #include <string>
+#include <string_view>
 
 #include "support/Loopback.h"
 
@@ -12,7 +13,7 @@ namespace Kavio::Support {
 // CUdpPeer: a blocking UDP socket on the loopback address, for a test's end of a conversation.
 class CUdpPeer : public CBoundSocket {
 public:
-    explicit CUdpPeer(int port = 0) : CBoundSocket(SOCK_DGRAM, port) {}
+    explicit CUdpPeer(int port = 0, const char* ip = "127.0.0.1") : CBoundSocket(SOCK_DGRAM, port, ip) {}
 
     // The next datagram; empty if none comes in `timeout_ms`. `from_port` (may be null) gets the sender's port.
     std::string Recv(int timeout_ms = 5000, int* from_port = nullptr) {
@@ -29,7 +30,7 @@ public:
         }
         return count > 0 ? std::string(buf, static_cast<size_t>(count)) : std::string();
     }
-    void Send(const std::string& bytes, int port) {
+    void Send(std::string_view bytes, int port) {
         const sockaddr_in to = LoopbackAddress(port);
         sendto(Fd(), bytes.data(), bytes.size(), 0, reinterpret_cast<const sockaddr*>(&to), sizeof(to));
     }
