@@ -3,8 +3,6 @@
 #include <cstdlib>
 #include <mutex>
 
-#include "FrameInfo.h"
-
 namespace Kavio {
 namespace Vidora {
 
@@ -50,27 +48,50 @@ void CFrameWatch::ForgetAll() {
     }
 }
 
-void CFrameWatch::OnFrame(CMediaPacket* packet, int length, int /*unused*/) {
+CFrameWatch::step_t CFrameWatch::take(CMediaPacket* packet, int length) {
+    step_t step;
     if (packet == nullptr || length < 1) {
+        return step;
+    }
+    step.info = static_cast<const CFrameInfo*>(packet);
+    if (step.info->m_track < static_cast<unsigned int>(CTrackTable::MAX_TRACKS)) {
+        step.last = m_last[step.info->m_track].exchange(step.info->m_frame_index);
+    }
+    return step;
+}
+
+void CFrameWatch::OnFrame(CMediaPacket* packet, int length, int /*unused*/) {
+    const step_t step = take(packet, length);
+    if (step.last == 0) {
         return;
     }
-    const CFrameInfo& info = *static_cast<const CFrameInfo*>(packet);
-    if (info.m_track >= static_cast<unsigned int>(CTrackTable::MAX_TRACKS)) {
-        return;
-    }
-    const unsigned int last = m_last[info.m_track].exchange(info.m_frame_index);
-    if (last == 0) {
-        return;
-    }
-    const bool lost = info.m_frame_index - last != 1;
-    if (lost && m_lost_log.Pass()) {
+    const CFrameInfo& info = *step.info;
+    if (step.IsLoss() && m_lost_log.Pass()) {
         logError("%s %d The Event:Lost Packet Happened! Statis: last[%d] -> new[%d], frame type=%c. \n", __FILE__,
-                 __LINE__, static_cast<int>(last), static_cast<int>(info.m_frame_index), info.m_frame_type);
+                 __LINE__, static_cast<int>(step.last), static_cast<int>(info.m_frame_index), info.m_frame_type);
     }
     if (delay_log.load(std::memory_order_relaxed)) {
         print_delay(m_peer, info, this);
     }
-    if (lost && m_losses.fetch_add(1) == 0) {
+    if (step.IsLoss()) {
+        tell_loss();
+    }
+}
+
+void CFrameWatch::OnDatagrams(CMediaPacket* packet, int length, int /*unused*/) {
+    const step_t step = take(packet, length);
+    if (!step.IsLoss()) {
+        return;
+    }
+    if (m_lost_log.Pass()) {
+        logError("%s %d The Event:Lost Packet Happened! Statis: last[%d] -> new[%d]\n", __FILE__, __LINE__,
+                 static_cast<int>(step.last), static_cast<int>(step.info->m_frame_index));
+    }
+    tell_loss();
+}
+
+void CFrameWatch::tell_loss() {
+    if (m_losses.fetch_add(1) == 0) {
         m_link.Post(m_msg, 0);
     }
 }

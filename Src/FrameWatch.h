@@ -3,6 +3,7 @@
 
 #include <atomic>
 
+#include "FrameInfo.h"
 #include "Ostra/LogGate.h"
 #include "SvrLink.h"
 #include "TrackTable.h"
@@ -12,7 +13,8 @@ namespace Vidora {
 
 // CFrameWatch: sees which frames go to one client, and so which it loses; and prints their delay, if told to.
 //
-// THREADING  OnFrame: the thread that writes for the sink, not twice at once. All others: the conversation's strand,
+// THREADING  OnFrame, OnDatagrams: the thread that writes for the sink, not twice at once. All others: the
+// conversation's strand,
 //            which hears of losses by a message.
 class CFrameWatch {
 public:
@@ -32,10 +34,21 @@ public:
     // How many gaps there were since the last call.
     unsigned int TakeLosses() { return m_losses.exchange(0); }
 
-    // A send procedure of CMediaStreamSender.
+    // A send procedure of CMediaStreamSender, and the one of datagrams, whose delay isn't traced.
     void OnFrame(CMediaPacket* packet, int length, int unused);
+    void OnDatagrams(CMediaPacket* packet, int length, int unused);
 
 private:
+    struct step_t {
+        unsigned int last = 0;             // 0: nothing to compare with
+        const CFrameInfo* info = nullptr;  // of the frame now
+
+        bool IsLoss() const { return last != 0 && info->m_frame_index - last != 1; }
+    };
+
+    step_t take(CMediaPacket* packet, int length);
+    void tell_loss();
+
     ISvrLink& m_link;
     const unsigned int m_msg;
     CSockAddrStorage m_peer;

@@ -20,7 +20,6 @@ namespace Vidora {
 namespace {
 
 const uint64_t REPORT_INTERVAL_MS = 1000;
-const unsigned TRACK_COUNT = 8;
 const int MAX_TTL = 255;
 
 // A group of 224.0.0.x, which stays on the link whatever its TTL (RFC 5771 4).
@@ -58,21 +57,9 @@ CRtpUdpSender::~CRtpUdpSender() {
     }
 }
 
-bool CRtpUdpSender::passes(unsigned int track, bool is_key) {
-    if (track >= TRACK_COUNT || ((m_track_mask.load(std::memory_order_relaxed) >> track) & 1U) == 0) {
-        return false;
-    }
-    const uint8_t bit = static_cast<uint8_t>(1U << track);
-    if (is_key) {
-        m_key_tracks |= bit;
-        m_rested &= static_cast<uint8_t>(~bit);
-    }
-    return (m_rested.load(std::memory_order_relaxed) & m_key_tracks.load(std::memory_order_relaxed) & bit) == 0;
-}
-
 int CRtpUdpSender::Put(CMediaPacket* packet, int length, int /*flag*/, int tag) {
     const Tramel::MediaTag media = Tramel::MediaTag::Unpack(tag);
-    if (!passes(media.track, media.IsKey())) {
+    if (!m_tracks.Passes(media.track, media.IsKey())) {
         return 0;
     }
     const unsigned char* data = packet == nullptr ? nullptr : packet->GetData();
@@ -310,33 +297,20 @@ int CRtpUdpSender::StartKeepAlive(long notify_id, int timeout_s) {
     return 0;
 }
 
+// The switches are kept apart from each other; Put reads them without the lock.
 void CRtpUdpSender::EnableTrack(int track) {
-    CGuard guard(m_mutex);  // against other switches; Put reads the mask without it
-    if (track < 0) {
-        m_track_mask = ALL_TRACKS;
-        return;
-    }
-    if (static_cast<unsigned>(track) >= TRACK_COUNT) {
-        return;
-    }
-    const unsigned bit = 1U << track;
-    const unsigned mask = m_track_mask;
-    m_track_mask = static_cast<uint8_t>((mask == ALL_TRACKS ? 0 : mask) | bit);
+    CGuard guard(m_mutex);
+    m_tracks.On(track);
 }
 
 void CRtpUdpSender::PauseTrack(int track) {
-    DisableTrack(track);
-    if (track >= 0 && track < static_cast<int>(TRACK_COUNT)) {
-        m_rested |= static_cast<uint8_t>(1U << track);
-    }
+    CGuard guard(m_mutex);
+    m_tracks.Pause(track);
 }
 
 void CRtpUdpSender::DisableTrack(int channel) {
-    if (!OSTRA_ASSERT(channel <= 7 && channel >= 0)) {
-        return;
-    }
     CGuard guard(m_mutex);
-    m_track_mask = static_cast<uint8_t>(m_track_mask & ~(1U << channel));
+    m_tracks.Off(channel);
 }
 
 }  // namespace Vidora

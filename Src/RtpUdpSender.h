@@ -1,11 +1,11 @@
 #ifndef VIDORA_RTPUDPSENDER_H
 #define VIDORA_RTPUDPSENDER_H
 
-#include <atomic>
 #include <cstdint>
 #include <memory>
 
 #include "MulticastInterface.h"
+#include "TrackSwitch.h"
 #include "Tramel/PooledSink.h"
 #include "Vidora/Names.h"
 
@@ -27,8 +27,7 @@ class CUdpSockPair;
 // fails, and once that it goes on.
 //
 // THREADING  Put: the thread that writes for the buffer, not twice at once. EnableTrack, DisableTrack: any thread. All
-// others: the owner's, also while the
-//            sender is attached to a buffer; a lock keeps them apart from Put.
+//            others: the owner's, also while the sender is attached to a buffer; a lock keeps them apart from Put.
 // OWNERSHIP  The owner takes the sender off the buffer and then deletes it. The configuration is borrowed and must
 //            outlive the sender. The keeper is the sender's; both share the sockets, so that neither waits for the
 //            other's end.
@@ -110,14 +109,7 @@ private:
     long m_keeper_notify_id = 0;
     int m_keeper_timeout_s = 0;
 
-    bool passes(unsigned int track, bool is_key);
-
-    static const uint8_t ALL_TRACKS = 0xff;  // until one is chosen
-    static const int MAX_SWITCH = 7;
-
-    std::atomic<uint8_t> m_track_mask{ALL_TRACKS};  // bit n: track n may be sent
-    std::atomic<uint8_t> m_key_tracks{0};           // has had a key frame
-    std::atomic<uint8_t> m_rested{0};               // waits for a key frame since it was paused
+    CTrackSwitch m_tracks;
 
     CMutex m_mutex;
     std::unique_ptr<Slot[]> m_slots VIDORA_GUARDED_BY(m_mutex);

@@ -396,9 +396,13 @@ void CSvrConversation::report_address(event_type_t event) {
 // One event for each gap.
 void CSvrConversation::report_losses() {
     const rtsp_event_func_t report = m_config.GetEventFunc();
+    CSockAddrStorage client = m_peer;
+    if (!m_welcomed) {
+        m_link.GetPeer(client);
+    }
     char peer[64];
-    m_peer.GetIpStr(peer, sizeof(peer));
-    LostPacketEvent record = {peer, m_peer.GetPort(), m_source.Channel(), m_source.Subtype(), m_link.HandlerId()};
+    client.GetIpStr(peer, sizeof(peer));
+    LostPacketEvent record = {peer, client.GetPort(), m_source.Channel(), m_source.Subtype(), m_link.HandlerId()};
     for (unsigned int count = m_frames.TakeLosses(); count > 0 && report != nullptr; --count) {
         report(EVENT_LOST_PACKET, &record, static_cast<int>(sizeof(record)));
     }

@@ -265,8 +265,9 @@ int CSvrConversation::open_media(int cseq) {
     return m_source.IsOwn() && m_source.Start(m_packet_type, cseq) < 0 ? -1 : 0;
 }
 
-// A track may have been paused.
+// A track may have been paused: what passed meanwhile is no loss.
 void CSvrConversation::let_pass(const CTrack& track) {
+    m_frames.Forget(track.send_channel);
     if (m_route != nullptr) {
         m_route->Switch(track, true);
     }

@@ -205,8 +205,10 @@ IMediaRoute* CSvrConversation::find_route(const transport_info& transport) {
     if (!route && by_channel) {
         route = CChannelRoute::Create(m_sdp);
     } else if (!route) {
-        route = m_link.MakeRoute({transport, *m_codec.get_multicast(), m_config, m_tracks.Count(),
-                                  TFunction3<void, CMediaPacket*, int, int>(&m_frames, &CFrameWatch::OnFrame)});
+        typedef TFunction3<void, CMediaPacket*, int, int> proc_t;
+        route =
+            m_link.MakeRoute({transport, *m_codec.get_multicast(), m_config, m_tracks.Count(),
+                              proc_t(&m_frames, &CFrameWatch::OnFrame), proc_t(&m_frames, &CFrameWatch::OnDatagrams)});
     }
     return route.get();
 }

@@ -19,7 +19,8 @@ struct RouteWish {
     const multicast_info& group;      // the group that is named in it, if any
     const CRtspSvrConfig& config;
     int track_count;
-    TFunction3<void, CMediaPacket*, int, int> on_frame;  // the send procedure of a route that has one
+    TFunction3<void, CMediaPacket*, int, int> on_frame;      // the send procedure of a route that has one,
+    TFunction3<void, CMediaPacket*, int, int> on_datagrams;  // and the one whose frames leave as datagrams
 };
 
 // ISvrLink: the connection under a server's conversation: one TCP socket, the two of an HTTP tunnel, one UDP socket. It

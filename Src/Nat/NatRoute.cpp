@@ -8,10 +8,11 @@
 namespace Kavio {
 namespace Vidora {
 
-std::unique_ptr<IMediaRoute> CNatRoute::Create(CSockDgram* sock) {
+std::unique_ptr<IMediaRoute> CNatRoute::Create(CSockDgram* sock, const RouteWish& wish) {
     std::unique_ptr<CNatRoute> route(new (std::nothrow) CNatRoute);
     if (route) {
         route->m_sender.SetSock(sock);
+        route->m_sender.SetFrameProc(wish.on_datagrams);
     }
     return route;
 }
@@ -27,6 +28,10 @@ int CNatRoute::SetUp(const CTrack& /*track*/, int channel, transport_info& trans
 
 void CNatRoute::Switch(const CTrack& track, bool on) {
     on ? m_sender.SetChannel(track.send_channel) : m_sender.ClearChannel(track.send_channel);
+}
+
+void CNatRoute::Pause(const CTrack& track) {
+    m_sender.PauseChannel(track.send_channel);
 }
 
 // The session watches its one socket itself.

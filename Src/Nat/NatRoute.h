@@ -5,6 +5,7 @@
 
 #include "Level2Route.h"
 #include "Nat/P2PUdpSender.h"
+#include "SvrLink.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -15,10 +16,11 @@ namespace Vidora {
 class CNatRoute : public CLevel2Route {
 public:
     // A route to the peer that `sock` is connected to. Null if memory is short.
-    static std::unique_ptr<IMediaRoute> Create(CSockDgram* sock);
+    static std::unique_ptr<IMediaRoute> Create(CSockDgram* sock, const RouteWish& wish);
 
     int SetUp(const CTrack& track, int channel, transport_info& transport) override;
     void Switch(const CTrack& track, bool on) override;
+    void Pause(const CTrack& track) override;
     silence_rule_t Watch(long handler_id, int timeout_s) override;
     int SendReport(const unsigned char* report, unsigned int length, int channel) override;
 

@@ -16,7 +16,8 @@ namespace Vidora {
 // the peer once that is fixed; how it comes to be is the derived class's.
 //
 // A request that comes again gets the reply that it has got. Seconds without a datagram of the peer, which repeats its
-// hello all the time, end the session. What ICMP reports is taken for silence.
+// hello all the time, end the session, and fewer of them once it has torn down what it played. What ICMP reports is
+// taken for silence.
 //
 // OWNERSHIP  Owns the socket and the conversation. The media's route borrows the socket.
 // MEMORY     A peer can make it keep one reply, and what the conversation keeps.
@@ -47,8 +48,11 @@ protected:
     CSockAddrStorage m_remote;  // the peer
 
 private:
+    void watch_leaving();
+
     bool m_stopped = false;
     uint64_t m_heard_us = 0;  // of the peer
+    uint64_t m_max_silence_us = 0;
     CLinkTimer m_silence{*this};
     CLastReply m_last_reply;
 

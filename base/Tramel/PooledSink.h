@@ -11,7 +11,11 @@ namespace Tramel {
 //
 // THREADING  Put: any thread, not twice at once; later than the packet was put, and in the order of the puts. A packet
 //            may be skipped when the pool doesn't keep up, see CSinkGroup.
-class CPooledSink : public CLevel2Buffer_IF {};
+class CPooledSink : public CLevel2Buffer_IF {
+public:
+    // A side packet (CMediaBuffer::PutFrameInfo) of the packet that was put just before; lent for the call.
+    virtual void PutInfo(CMediaPacket* /*packet*/, int /*length*/) {}
+};
 
 }  // namespace Tramel
 }  // namespace Kavio

@@ -5,6 +5,7 @@
 
 #include "Tramel/MediaCounters.h"
 #include "Tramel/MediaStreamSender.h"
+#include "Tramel/PooledSink.h"
 #include "Tramel/Reactor.h"
 
 namespace Kavio {
@@ -128,6 +129,7 @@ void CSinkGroup::write_sender(const CUnitBatch& batch, size_t index, CMediaStrea
 }
 
 void CSinkGroup::write_level2(const CUnitBatch& batch, size_t index, CLevel2Buffer_IF& level2, uint64_t from_sequence) {
+    CPooledSink* pooled = batch.HasSides() ? dynamic_cast<CPooledSink*>(&level2) : nullptr;
     bool called = false;
     for (unsigned int i = 0; i < batch.Count(); ++i) {
         const COutputUnit* unit = batch.Unit(i);
@@ -138,6 +140,14 @@ void CSinkGroup::write_level2(const CUnitBatch& batch, size_t index, CLevel2Buff
             }
             unit->PutPart(part, level2);
             called = true;
+        }
+        for (unsigned int side = 0; side < unit->SideCount() && pooled != nullptr && parts > 0; ++side) {
+            if (!stands_at(index, CGroupSink(&level2))) {
+                return;
+            }
+            int length = 0;
+            CMediaPacket* packet = unit->Side(side, &length);
+            pooled->PutInfo(packet, length);
         }
     }
 }

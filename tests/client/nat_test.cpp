@@ -369,6 +369,34 @@ TEST_F(CNatServerTest, ASlowSourceIsWaitedFor) {
     EXPECT_EQ(0u, m_svr->EndSessions(20000));
 }
 
+// The two ends of the library, without a network between them.
+TEST_F(CNatServerTest, AConversationOverIPv6) {
+    CFakeStreamSource* source = StartWithChannel();
+    int socks[2];
+    std::string at[2];
+    for (int i = 0; i < 2; ++i) {
+        sockaddr_in6 local = {};
+        local.sin6_family = AF_INET6;
+        local.sin6_addr = in6addr_loopback;
+        socklen_t length = sizeof(local);
+        socks[i] = ::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+        if (::bind(socks[i], reinterpret_cast<const sockaddr*>(&local), length) != 0) {
+            GTEST_SKIP() << "no IPv6 here";
+        }
+        ::getsockname(socks[i], reinterpret_cast<sockaddr*>(&local), &length);
+        at[i] = "[::1]:" + std::to_string(ntohs(local.sin6_port));
+    }
+    NatConnectRecord record;
+    ASSERT_EQ(0, m_svr->AddNewConnect(socks[0], at[1].c_str(), 0, reinterpret_cast<long>(&record)));
+    CNatHost host;
+    ASSERT_EQ(0, host.StartBy("rtsp://" + at[0] + "/" + LIVE_NAME, socks[1]));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    ASSERT_TRUE(Give(source, 0));
+    EXPECT_TRUE(WaitUntil([&] { return host.sink.Count() > 0; }));
+    host.Close();
+    EXPECT_EQ(0u, m_svr->EndSessions(20000));
+}
+
 // How the host of the flat layer ends its client.
 enum flat_end_t {
     FROM_OUTSIDE,

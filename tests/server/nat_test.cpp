@@ -56,11 +56,46 @@ TEST_F(NatServer, PlaysOverOneSocketAsPlainDatagrams) {
     }
     EXPECT_TRUE(viewer.Greet());
     EXPECT_EQ(200, StatusOf(viewer.Ask("TEARDOWN", Url())));
+    EXPECT_EQ(200, StatusOf(viewer.Repeat()));
     EXPECT_EQ(0, viewer.Returns());
-    EXPECT_EQ(0u, m_svr->EndSessions(20000));
-    EXPECT_EQ(1, viewer.Returns());
+    AdvanceClock(2000);
+    EXPECT_TRUE(CameBackOnce(viewer));
     EXPECT_TRUE(viewer.IsAsItWas());
     EXPECT_EQ(std::vector<std::string>(), CEventLog::All());
+}
+
+TEST_F(NatServer, ALossIsReportedAndAPausedTrackGoesOnWithAKeyFrame) {
+    CRtspTestClient other(m_port);  // for whom the source runs on
+    PlayInterleaved(other);
+    SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, &CEventLog::OnEvent);
+    m_config.SetConformance(true);
+    m_svr->SetConfig(m_config);
+    CNatViewer viewer;
+    Begin(viewer);
+    EXPECT_EQ(200, StatusOf(viewer.Ask("OPTIONS", "*")));  // it has entered the channel
+    ASSERT_TRUE(Give(m_source_of_channel, 10));
+    for (std::string packet(2, '\0'); packet.size() > 1 && (packet[1] & 0x80) == 0;) {
+        packet = viewer.Packet();  // until nothing is left to send
+    }
+    const uint64_t dropped = CountDropped();
+    viewer.Connect(false);
+    ASSERT_TRUE(Give(m_source_of_channel, 11));
+    EXPECT_TRUE(WaitUntil([dropped] { return CountDropped() > dropped; }));
+    viewer.Connect(true);
+    ASSERT_TRUE(Give(m_source_of_channel, 12));
+    const std::vector<std::string> loss = {"lost 127.0.0.1 channel 1 subtype 0"};
+    EXPECT_TRUE(WaitUntil([&loss] { return CEventLog::All() == loss; }));
+
+    EXPECT_EQ(200, StatusOf(viewer.Ask("PAUSE", Url())));
+    ASSERT_TRUE(Give(m_source_of_channel, 20));
+    EXPECT_EQ(200, StatusOf(viewer.Ask("PLAY", Url())));
+    EXPECT_EQ(200, StatusOf(viewer.Ask("OPTIONS", "*")));
+    for (unsigned int sequence : {21u, 30u, 31u}) {
+        ASSERT_TRUE(Give(m_source_of_channel, sequence));
+    }
+    EXPECT_EQ(7, (viewer.Packet() + std::string(13, '\0'))[12] & 31) << "no parameter set";
+    EXPECT_EQ(0u, m_svr->EndSessions(20000));
+    EXPECT_EQ(loss, CEventLog::All());
 }
 
 // Each row: what comes before anything else, to a server that knows the viewer by `known`; whether it begins the
