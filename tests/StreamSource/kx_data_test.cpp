@@ -14,42 +14,25 @@
 #include "support/CollectingSink.h"
 #include "support/FakeStreamSource.h"
 #include "support/FrameBuilder.h"
+#include "support/SampleTable.h"
 #include "support/TestHandler.h"
 
 namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Support::BuildFrame;
-using Support::BuildPicture;
-using Support::Bytes;
-using Support::CCollectingSink;
-using Support::CFakeStreamSource;
-using Support::CPool;
-using Support::CTestHandler;
-using Support::FrameSpec;
-using Support::WaitUntil;
+using namespace Support;
 
 const packet_type_t ALL_TYPES[] = {PACKET_TYPE_RTP, PACKET_TYPE_KX, PACKET_TYPE_TS};
 
 TEST(AudioTable, ByTheStandardsAlone) {
-    const struct {
-        int encode_type, sample_rate, payload_type, clock_rate;
-        const char* name;
-    } rows[] = {
-        {STREAM_AUDIO_PCMA, 8000, 8, 8000, "PCMA"},     {STREAM_AUDIO_PCMA, 16000, 97, 16000, "PCMA"},
-        {STREAM_AUDIO_DVI4, 16000, 6, 16000, "DVI4"},   {STREAM_AUDIO_DVI4, 11025, 97, 11025, "DVI4"},
-        {STREAM_AUDIO_MPEG, 44100, 14, 90000, "MPA"},   {STREAM_AUDIO_L16, 44100, 11, 44100, "L16"},
-        {STREAM_AUDIO_L16, 8000, 97, 8000, "L16"},      {STREAM_AUDIO_G7231, 8000, 4, 8000, "G723"},
-        {STREAM_AUDIO_G721, 8000, 97, 8000, "G726-32"},
-    };
     AudioMap map;
-    for (const auto& row : rows) {
-        SCOPED_TRACE(row.name);
-        ASSERT_TRUE(MapAudio(row.encode_type, row.sample_rate, true, map));
-        EXPECT_EQ(row.payload_type, map.payload_type);
-        EXPECT_EQ(row.clock_rate, map.clock_rate);
-        EXPECT_STREQ(row.name, map.name);
+    for (const auto& row : ReadTable(VIDORA_TEST_DATA "/sources.txt", "audio", 5)) {
+        SCOPED_TRACE(row[0]);
+        ASSERT_TRUE(MapAudio(std::stoi(row[1]), std::stoi(row[2]), true, map));
+        EXPECT_EQ(row[0], map.name);
+        EXPECT_EQ(row[3], std::to_string(map.payload_type));
+        EXPECT_EQ(row[4], std::to_string(map.clock_rate));
     }
     for (const int unplayable : {STREAM_AUDIO_PCM8, STREAM_AUDIO_MS_ADPCM, STREAM_AUDIO_AMR, STREAM_AUDIO_AAC}) {
         EXPECT_FALSE(MapAudio(unplayable, 8000, true, map));
@@ -189,7 +172,7 @@ TEST_F(KXDataTest, OneFrameFeedsAllThreeForms) {
     const CCollectingSink::Item rtp = Given(PACKET_TYPE_RTP)[0];
     EXPECT_EQ(1, rtp.flag);
     EXPECT_EQ(1, rtp.channel);
-    EXPECT_EQ((Bytes{'$', 0}), Support::Part(rtp.bytes, 0, 2));
+    EXPECT_EQ((Bytes{'$', 0}), Part(rtp.bytes, 0, 2));
     EXPECT_EQ(0x80, rtp.bytes[4]);
     EXPECT_EQ(96, rtp.bytes[5] & 0x7F);
     // Private: a header of six bytes and the frame as it is.
@@ -388,7 +371,7 @@ TEST_F(KXDataTest, TokenStreamCarriesTheReplayExtension) {
     const Bytes first = Given(PACKET_TYPE_RTP)[0].bytes;
     EXPECT_EQ(0x90, first[4]);  // extension bit
     // 1600000000 in NTP seconds, clean point and discontinuity, CSeq 7.
-    EXPECT_EQ(Support::FromHex("abac0003 e3088e80 00000000 a0070000"), Support::Part(first, 16, 16));
+    EXPECT_EQ(FromHex("abac0003 e3088e80 00000000 a0070000"), Part(first, 16, 16));
     EXPECT_EQ(0, Given(PACKET_TYPE_RTP)[1].bytes[28]);
 }
 
@@ -412,7 +395,7 @@ TEST_F(KXDataTest, ParameterSetsWithoutStartCodeFailTheSource) {
 }
 
 TEST(DataSource, ContentDecidesTheClass) {
-    Support::CLogCapture log;
+    CLogCapture log;
     EXPECT_EQ(nullptr, CDataSource::Create("nothing known"));
     EXPECT_EQ(1, log.Count("nonsupport this source type["));
     EXPECT_EQ(nullptr, CDataSource::Create(nullptr));

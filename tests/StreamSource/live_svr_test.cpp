@@ -16,16 +16,13 @@
 #include "support/FakeDataSource.h"
 #include "support/FakeStreamSource.h"
 #include "support/FrameBuilder.h"
+#include "support/SampleTable.h"
 
 namespace Kavio {
 namespace Vidora {
 namespace {
 
-using Support::CCollectingSink;
-using Support::CFakeDataSource;
-using Support::CFakeStreamSource;
-using Support::CTestHandler;
-using Support::WaitUntil;
+using namespace Support;
 
 const int POOL_THREADS = 3;
 CLevel2Buffer_IF* const NO_SINK = nullptr;
@@ -53,9 +50,9 @@ protected:
         return new CFakeDataSource(&m_closed);
     }
     // Registers channels of the source under these names.
-    void Publish(const std::vector<const char*>& names, CDataSource* source) {
-        for (const char* name : names) {
-            EXPECT_EQ(0, m_svr->AddLiveChannel(name, make_channel(name, source), source));
+    void Publish(const std::vector<std::string>& names, CDataSource* source) {
+        for (const std::string& name : names) {
+            EXPECT_EQ(0, m_svr->AddLiveChannel(name.c_str(), make_channel(name.c_str(), source), source));
         }
     }
     int Enter(const char* name, CLevel2Buffer_IF& sink) {
@@ -81,46 +78,27 @@ protected:
 
     std::atomic<int> m_closed{0};
     int m_sources = 0;
-    Support::CPool m_pool{POOL_THREADS};
+    CPool m_pool{POOL_THREADS};
     CLiveSvr* m_svr = CLiveSvr::Create(0);
     CFakeDataSource* m_slow = MakeSource();
     CFakeDataSource* m_quick = MakeSource();
 };
 
 TEST_F(LiveTest, LookupFollowsNameAndParameters) {
-    const struct {
-        std::vector<const char*> names;
-        const char* content;
-        int served_by;  // index of the name, -1 for none
-    } rows[] = {
-        {{"c?x=1"}, "c?x=1&y=2", -1},       // a partial match is never given
-        {{"c", "c?x=1"}, "c?x=1&y=2", 0},   // a plain name in front of it is
-        {{"c?x=1", "c"}, "c?x=1&y=2", -1},  // behind it, it is hidden
-        {{"c?x=1&y=2"}, "c?y=2&x=1", 0},    // order doesn't matter
-        {{"c?x=1&y=2", "c?x=1"}, "c", 1},   // the fewest parameters serve a plain request
-        {{"c?x=1", "c?y=2"}, "c", 0},       // the first of equals
-        {{"c?x=1", "c"}, "c", 1},           // a plain name at once
-        {{"c"}, "c?a", 0},                  // a last parameter of one character is dropped
-        {{"c?aa"}, "c?aa&", 0},             // a trailing "&" adds nothing
-        {{"c?xx&&y=1"}, "c?xx&y=1", -1},    // an empty parameter counts
-        {{"c", "c"}, "c", 0},               // the first of two equal names
-        {{"cam/realmonitor?channel=1&subtype=0", "cam/realmonitor?channel=1&subtype=1"},
-         "cam/realmonitor?channel=1&subtype=1",
-         1},
-        {{"c"}, "d", -1},
-    };
-    for (const auto& row : rows) {
-        Publish(row.names, m_quick);
-        CLiveChannel* const expected = row.served_by < 0 ? nullptr : m_svr->GetLiveChannel(row.names[row.served_by], 1);
-        CLiveChannel* const found = m_svr->GetLiveChannel(row.content, 2);
-        EXPECT_EQ(expected, found) << row.names[0] << " asked for " << row.content;
-        EXPECT_EQ(found == nullptr ? -1 : 0, m_svr->QueryLiveChannel(row.content)) << row.content;
+    for (const auto& row : ReadTable(VIDORA_TEST_DATA "/sources.txt", "names", 3)) {
+        const std::vector<std::string> names = SplitText(row[0], ',');
+        const char* const content = row[1].c_str();
+        Publish(names, m_quick);
+        CLiveChannel* const expected = row[2] == "none" ? nullptr : m_svr->GetLiveChannel(row[2].c_str(), 1);
+        CLiveChannel* const found = m_svr->GetLiveChannel(content, 2);
+        EXPECT_EQ(expected, found) << row[0] << " asked for " << content;
+        EXPECT_EQ(found == nullptr ? -1 : 0, m_svr->QueryLiveChannel(content)) << content;
         if (expected != nullptr) {
             expected->DelRef(1);
             found->DelRef(2);
         }
-        for (const char* name : row.names) {
-            EXPECT_EQ(0, m_svr->DelLiveChannel(name));
+        for (const std::string& name : names) {
+            EXPECT_EQ(0, m_svr->DelLiveChannel(name.c_str()));
         }
     }
 }
@@ -402,8 +380,8 @@ protected:
         ASSERT_EQ(0, channel->Enter(&sink, PACKET_TYPE_RTP));
     }
 
-    Support::CPool m_pool{1};
-    const Flumen::CMediaFrame m_frame = Support::BuildPicture(true, 500, 7);
+    CPool m_pool{1};
+    const Flumen::CMediaFrame m_frame = BuildPicture(true, 500, 7);
     CCollectingSink m_sinks[2];
 };
 
@@ -448,7 +426,7 @@ TEST_F(HostSourceTest, AFormerSourceGivesNothingFromTheChangeOn) {
             EXPECT_EQ(former.first, channel->AddDataSrc(next.first, 0));
         }
     };
-    Support::CDoor door;
+    CDoor door;
     door.Set(false);
     CTestHandler* const keeper = CTestHandler::Make();  // of the pool's one thread
     keeper->on_message = [&door](long, unsigned int, long) {
