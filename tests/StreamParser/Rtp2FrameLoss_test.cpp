@@ -198,12 +198,14 @@ TEST(Rtp2FrameLoss, AMalformedFrameCostsOnlyItself) {
 TEST(Rtp2FrameLoss, NotificationsTellWhatAGapCosts) {
     for (const auto& row : ReadTable(TABLES, "gaps", 4)) {
         SCOPED_TRACE(row[0] + ", " + row[1] + ", " + row[2]);
+        const CLogCapture log;
         Depacketiser in(ENC_TYPE_H264);
         in.Put(MakeRtp({1, 3600, row[0] == "taken"}, FromHex("61e0")));
         in.Put(MakeRtp({3, row[1] == "same" ? 3600u : 7200u, row[0] == "taken"}, FromHex(row[2])));
         std::vector<std::string> events(std::stoul(row[3]), "seq 1 3");
         events.insert(events.begin(), "ssrc 0 287454020");
         EXPECT_EQ(events, in.m_events);
+        EXPECT_EQ(1, log.Count(">>> RTP SSRC CHANGES from [00000000] to [11223344]\n"));
     }
 }
 

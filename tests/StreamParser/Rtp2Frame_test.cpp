@@ -42,16 +42,6 @@ TEST(Rtp2Frame, TimeRunsInTheClockOfAudioAndIn90KhzElsewhere) {
     }
 }
 
-TEST(Rtp2Frame, TheFirstPacketTellsItsSsrc) {
-    CLogCapture log;
-    Depacketiser in(ENC_TYPE_AUDIO);
-    in.Put(MakeRtp(RtpFields(), {1}));
-    EXPECT_EQ(1, log.Count(">>> RTP SSRC CHANGES from [00000000] to [11223344]\n"));
-    EXPECT_EQ(std::vector<std::string>{"ssrc 0 287454020"}, in.m_events);
-    EXPECT_EQ(0x11223344u, in.Engine().GetSsrc());
-    EXPECT_EQ(1, in.Engine().GetLastSeq());
-}
-
 // Packets of another payload type that take part in the sequence: after the first pair they are no gaps, and a real gap
 // beside one of them still marks the frame. One that follows the own number 0 isn't counted, as it never was.
 TEST(Rtp2Frame, ForeignPacketsMayShareTheSequence) {

@@ -29,17 +29,6 @@ Bytes bytes_of(const Flumen::CMediaFrame& frame) {
     return Bytes(frame.getBuffer(), frame.getBuffer() + frame.size());
 }
 
-Bytes private_frame(char letter, uint8_t sub_type, const Bytes& body) {
-    CKXFrame writer;
-    writer.SetFrameType(letter);
-    writer.SetSubType(sub_type);
-    uint32_t offset = 0;
-    Bytes bytes(writer.GetFrameSize(static_cast<uint32_t>(body.size()), offset));
-    std::copy(body.begin(), body.end(), bytes.begin() + offset);
-    EXPECT_EQ(writer.WriteFrame(bytes.data(), static_cast<uint32_t>(bytes.size())), 0);
-    return bytes;
-}
-
 // Parameter sets of a 64x48 picture and a slice of `size` bytes.
 Bytes h264_frame(bool key, size_t size) {
     const Bytes sets = FromHex("00000001 6742c00ad9047b0110000003001000000303 20f1226480 00000001 68cb83cb20");
@@ -69,13 +58,15 @@ CStreamParserPtr make_encoder(int enc_type, bool header, bool merge, int dst_typ
     return encoder;
 }
 
-CStreamParserPtr make_decoder(int dst_type, int src_type = STREAM_TYPE_RTP, int enc_type = ENC_TYPE_H264) {
+CStreamParserPtr make_decoder(int dst_type, int src_type = STREAM_TYPE_RTP, int enc_type = ENC_TYPE_H264,
+                              bool drop_damaged = false) {
     const CStreamParserPtr decoder = CStreamParser::Create(src_type, dst_type);
     RtpDecParam param;
     param.enc_type = enc_type;
     param.payload_type = 96;
     param.kx_encode_type = KX_VIDEO_H264;
     param.rate_or_channels = 12;
+    param.drop_damaged = drop_damaged ? 1 : 0;
     decoder->SetParam(param);
     return decoder;
 }
@@ -133,7 +124,9 @@ TEST(StreamParser, EncoderTellsItsResultsApartAndGoesOn) {
 }
 
 TEST(StreamParser, AssistFrameTakesItsTypeFromTheHeader) {
-    const Bytes wrapped = private_frame('W', 9, Bytes(5, 0x77));
+    // A private frame of sub-type 9 with five bytes.
+    const Bytes wrapped =
+        FromHex("4b584156 f1090000 00*4 2d000000 00*4 00000869 88ee7777 77000000 77*5 6b786176 2d000000");
     const CStreamParserPtr encoder = make_encoder(ENC_TYPE_ASSIST, false, true);
     const auto packets = convert(*encoder, make_frame(wrapped, 'W'));
     ASSERT_EQ(packets.size(), 1u);
@@ -280,12 +273,7 @@ TEST(StreamParser, LongFramesComeOutWholeOrNotAtAll) {
     } rows[] = {{1024, 1440, true}, {1025, 1440, true}, {8000, 262, true},
                 {8193, 20, false},  {20000, 20, false}, {300, 60000, false}};
     for (const auto& row : rows) {
-        const CStreamParserPtr decoder = CStreamParser::Create(STREAM_TYPE_RTP, STREAM_TYPE_RAW_FRAME);
-        RtpDecParam param;
-        param.enc_type = ENC_TYPE_H264;
-        param.payload_type = 96;
-        param.drop_damaged = 1;
-        decoder->SetParam(param);
+        const CStreamParserPtr decoder = make_decoder(STREAM_TYPE_RAW_FRAME, STREAM_TYPE_RTP, ENC_TYPE_H264, true);
         CLogCapture log;
         Frames out;
         uint16_t sequence = 1;
