@@ -52,9 +52,11 @@ public:
     CTrack() : object(IRTPUdpTransmiter::Create()) {}
     ~CTrack() { Close(); }
 
-    void Open(const char* sdp) {
+    // Takes the description and the socket; and starts, if there is a remote, both ways with that.
+    void Open(const char* sdp, int remote_port = 0) {
         EXPECT_TRUE(object->SetSdpInfo(SEND, sdp) && object->SetSdpInfo(RECV, sdp));
         EXPECT_TRUE(object->Attach(sock.Fd()));
+        EXPECT_TRUE(remote_port == 0 || (object->SetRemote("127.0.0.1", remote_port, 2) && Start()));
     }
     bool Start() { return object->StartRecv(Proc()); }
     IRTPUdpTransmiter::frame_proc_t Proc() { return {this, &CTrack::OnFrame}; }
@@ -122,9 +124,7 @@ TEST_F(CSingleTrackTest, FramesTravelBothWays) {
     for (const Row& row : rows) {
         CTrack tracks[2];
         for (int i = 0; i < 2; ++i) {
-            tracks[i].Open(row.sdp);
-            EXPECT_TRUE(tracks[i].object->SetRemote("127.0.0.1", tracks[1 - i].sock.Port(), 2));
-            EXPECT_TRUE(tracks[i].Start());
+            tracks[i].Open(row.sdp, tracks[1 - i].sock.Port());
         }
         for (CTrack& track : tracks) {
             for (const CMediaFrame& frame : row.frames) {
@@ -335,15 +335,13 @@ const EndRow ENDS[] = {
 TEST_F(CSingleTrackTest, AnyCallMayComeFromTheCallback) {
     for (const EndRow& row : ENDS) {
         CTrack track;
-        track.Open(PCMA);
-        EXPECT_TRUE(track.object->SetRemote("127.0.0.1", m_peer.Port(), 2));
         std::atomic<int> calls{0};
         track.on_frame = [&] {
             if (++calls == 1) {
                 row.run(track);
             }
         };
-        EXPECT_TRUE(track.Start());
+        track.Open(PCMA, m_peer.Port());
         m_peer.Send(Audio("one"), track.sock.Port());
         ASSERT_TRUE(track.WaitFor(1)) << row.name;
         m_peer.Send(Audio("two"), track.sock.Port());
@@ -388,8 +386,6 @@ TEST_F(CSingleTrackTest, OtherThreadsWaitForTheCallback) {
 // One thread waits for the callback in which the object ends.
 TEST_F(CSingleTrackTest, CloseInTheCallbackMeetsADetachThatWaitsForIt) {
     CTrack track;
-    track.Open(PCMA);
-    EXPECT_TRUE(track.object->SetRemote("127.0.0.1", m_peer.Port(), 2));
     std::atomic<bool> entered{false};
     track.on_frame = [&] {
         entered = true;
@@ -397,7 +393,7 @@ TEST_F(CSingleTrackTest, CloseInTheCallbackMeetsADetachThatWaitsForIt) {
         EXPECT_TRUE(WaitUntil([&] { return !track.object->Put(MakeFrame('A', "still there")); }));
         track.Close();
     };
-    EXPECT_TRUE(track.Start());
+    track.Open(PCMA, m_peer.Port());
     m_peer.Send(Audio("last"), track.sock.Port());
     ASSERT_TRUE(WaitUntil([&] { return entered.load(); }));
     IRTPUdpTransmiter* object = track.object;

@@ -187,7 +187,7 @@ TEST_P(MediaBufferTest, Level2SinksGetEverythingAsItWasPutAndMayRemoveAnySink) {
     EXPECT_EQ(-1, manual.Put(&refused, 0, 1, 0));
     EXPECT_EQ(-1, manual.Put(nullptr, 1, 1, 0));
     sink.Read();
-    EXPECT_TRUE(sink.reader.Units().empty());
+    EXPECT_EQ(0u, sink.reader.Count());
 }
 
 TEST_P(MediaBufferTest, PooledSinksGetAllThatIsPutInOrderAndOnThePutThreadOnlyIfTheyAreFewOrThereIsNoPool) {
@@ -384,7 +384,7 @@ TEST(MediaBufferPool, SendProcedureThatBlocksHoldsUpItsOwnGroupOnly) {
         PutFrame(buffer, number++, true, 100);
         number_at_block = blocker.calls == 0 ? number : number_at_block;
         sinks[39]->Read();
-        return blocker.calls > 0 && sinks[39]->reader.Units().size() >= number_at_block + 5;
+        return blocker.calls > 0 && sinks[39]->reader.Count() >= number_at_block + 5;
     }));
     EXPECT_FALSE(blocker.left);
     blocker.removing = true;

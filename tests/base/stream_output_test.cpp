@@ -78,7 +78,7 @@ protected:
         ASSERT_TRUE(WaitUntil([&] {
             m_reader.Read(m_pair.far_fd);
             m_queue.OnWritable();
-            return m_reader.Units().size() >= units;
+            return m_reader.Count() >= units;
         }));
         ASSERT_FALSE(m_reader.Broken());
         ASSERT_FALSE(m_reader.Partial());

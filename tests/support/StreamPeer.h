@@ -60,16 +60,8 @@ private:
     std::string m_bytes;
 };
 
-// One unit of the wire: an interleaved packet "$", channel, 16-bit length, whose payload tells its number and kind, or
-// a control text that ends in an empty line.
-struct WireUnit {
-    bool text = false;
-    int channel = 0;
-    unsigned int number = 0;
-    bool key = false;
-    std::string bytes;
-};
-
+// Units of the wire. An interleaved packet ("$", channel, 16-bit length) whose payload tells its number and kind, and a
+// control text that ends in an empty line.
 inline std::string MediaBytes(int channel, unsigned int number, bool key, size_t payload_size) {
     std::string payload(payload_size, static_cast<char>('a' + number % 23));
     payload[0] = key ? 'K' : 'P';
@@ -81,7 +73,7 @@ inline std::string TextBytes(unsigned int number, size_t padding = 0) {
     return "RTSP/1.0 200 OK\r\nCSeq: " + std::to_string(number) + "\r\nX: " + std::string(padding, 'x') + "\r\n\r\n";
 }
 
-// Reads the peer's end and cuts it into units; anything that is neither is a fault.
+// Reads the peer's end and cuts it into those units; anything else is a fault.
 class WireReader {
 public:
     // Takes what is there; false if that is nothing.
@@ -97,15 +89,15 @@ public:
         m_broken = m_broken || (!m_rest.empty() && m_rest[0] != '$' && m_rest[0] != 'R');
         return any;
     }
-    const std::vector<WireUnit>& Units() const { return m_units; }
+    size_t Count() const { return m_units.size(); }
     bool Broken() const { return m_broken; }
     bool Partial() const { return !m_rest.empty(); }
     // Numbers of the media units of a channel, or of the texts for -1.
     std::vector<unsigned int> Numbers(int channel) const {
         std::vector<unsigned int> numbers;
-        for (const WireUnit& unit : m_units) {
-            if (unit.text ? channel < 0 : unit.channel == channel) {
-                numbers.push_back(unit.number);
+        for (const auto& [unit_channel, number] : m_units) {
+            if (unit_channel == channel) {
+                numbers.push_back(number);
             }
         }
         return numbers;
@@ -113,23 +105,21 @@ public:
 
 private:
     void take(const std::string& bytes) {
-        WireUnit unit;
-        unit.bytes = bytes;
-        unit.text = bytes[0] != '$';
-        if (unit.text) {
-            unit.number = static_cast<unsigned int>(strtoul(HeaderOf(bytes, "CSeq").c_str(), nullptr, 10));
-            m_broken = m_broken || bytes != TextBytes(unit.number, bytes.size() - TextBytes(unit.number).size());
+        const bool media = bytes[0] == '$';
+        const int channel = media ? static_cast<unsigned char>(bytes[1]) : -1;
+        unsigned int number = 0;
+        if (media) {
+            std::memcpy(&number, &bytes[5], sizeof(number));
+            m_broken = m_broken || bytes != MediaBytes(channel, number, bytes[4] == 'K', bytes.size() - 4);
         } else {
-            unit.channel = static_cast<unsigned char>(bytes[1]);
-            unit.key = bytes[4] == 'K';
-            std::memcpy(&unit.number, &bytes[5], sizeof(unit.number));
-            m_broken = m_broken || bytes != MediaBytes(unit.channel, unit.number, unit.key, bytes.size() - 4);
+            number = static_cast<unsigned int>(strtoul(HeaderOf(bytes, "CSeq").c_str(), nullptr, 10));
+            m_broken = m_broken || bytes != TextBytes(number, bytes.size() - TextBytes(number).size());
         }
-        m_units.push_back(unit);
+        m_units.emplace_back(channel, number);
     }
 
     std::string m_rest;
-    std::vector<WireUnit> m_units;
+    std::vector<std::pair<int, unsigned int>> m_units;  // channel, -1 for a text, and number
     bool m_broken = false;
 };
 
@@ -142,7 +132,7 @@ struct SendingEnd {
     void Say(const std::string& text) { sender->SendOtherData(text.data(), static_cast<int>(text.size())); }
     // Waits until that many units have come.
     bool Gets(size_t units) {
-        return WaitUntil([&] { return (Read(), reader.Units().size() >= units || reader.Broken()); });
+        return WaitUntil([&] { return (Read(), reader.Count() >= units || reader.Broken()); });
     }
 
     TcpPair pair;
