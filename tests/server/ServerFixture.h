@@ -109,6 +109,10 @@ protected:
     void SetFunction(rtsp_svr_config_t item, F* function) {
         ASSERT_EQ(0, m_config.SetConfig(item, reinterpret_cast<const void*>(function), sizeof(function)));
     }
+    // Has `hook` called at the beginning of the host's functions, with the name of one, "url", "source", "connected",
+    // "disconnected" or "lost", and the content of the first two. Until the fixture goes; before StartServer.
+    typedef std::function<void(const std::string& name, const std::string& content)> host_hook_t;
+    void HookHost(const host_hook_t& hook);
     // Has clients authenticated by CFakeAuthModule.
     void UseAuthModule(rtsp_auth_t kind, rtsp_svr_config_t item = RTSP_SVR_CONFIG_AUTH_TYPE);
     // The reply to what was sent, or none if the connection ends, while time runs fast for the server.

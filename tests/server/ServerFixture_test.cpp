@@ -14,6 +14,7 @@ namespace {
 
 std::mutex g_event_mutex;
 std::vector<std::string> g_events;
+std::function<void(const std::string& name, const std::string& content)> g_hook;
 
 }  // namespace
 
@@ -120,6 +121,24 @@ void CServerTest::Publish(const std::string& name, CLiveChannel* channel) {
 
 std::string CServerTest::Url(const std::string& content) const {
     return "rtsp://127.0.0.1:" + std::to_string(m_port) + "/" + content;
+}
+
+void CServerTest::HookHost(const host_hook_t& hook) {
+    g_hook = hook;
+    char* (*const url)(const char*, char*, int) = [](const char* content, char*, int) {
+        g_hook("url", content);
+        return static_cast<char*>(nullptr);
+    };
+    CStreamSource* (*const source)(const char*) = [](const char* content) {
+        g_hook("source", content);
+        return CFakeStreamSource::Factory(content);
+    };
+    void (*const event)(event_type_t, void*, int) = [](event_type_t kind, void*, int) {
+        g_hook(kind == EVENT_LOST_PACKET ? "lost" : kind == EVENT_CLIENT_CONNECTED ? "connected" : "disconnected", "");
+    };
+    SetFunction(RTSP_SVR_CONFIG_URL_FUNC, url);
+    SetFunction(RTSP_SVR_CONFIG_SRC_FUNC, source);
+    SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, event);
 }
 
 void CServerTest::UseAuthModule(rtsp_auth_t kind, rtsp_svr_config_t item) {

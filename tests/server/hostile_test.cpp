@@ -73,24 +73,6 @@ private:
         3, [this](unsigned int sequence) { m_given += GiveVideo(m_source, sequence, 3000) ? 1 : 0; });
 };
 
-// Functions of the host that wait while they are told to.
-std::atomic<bool> g_hold{false};
-std::atomic<int> g_held{0};
-
-void wait_while_held(const char* text, const char* key) {
-    if (g_hold && strstr(text, key) != nullptr) {
-        ++g_held;
-        WaitUntil([] { return !g_hold; });
-    }
-}
-char* url_that_waits(const char* content, char*, int) {
-    wait_while_held(content, "held-url");
-    return nullptr;
-}
-CStreamSource* source_that_waits(const char* content) {
-    wait_while_held(content, "held-source");
-    return CFakeStreamSource::Factory(content);
-}
 class Hostile : public CServerTest {
 protected:
     void Begin() {
@@ -153,32 +135,37 @@ TEST_F(Hostile, FloodsAreBounded) {
 }
 
 TEST_F(Hostile, HostFunctionsThatBlockHoldTheirOwnSession) {
-    SetFunction(RTSP_SVR_CONFIG_URL_FUNC, &url_that_waits);
-    SetFunction(RTSP_SVR_CONFIG_SRC_FUNC, &source_that_waits);
+    static std::atomic<bool> hold{false};  // for calls that outlive the test
+    static std::atomic<int> held_calls{0};
+    const auto wait_in = [](const std::string& content, const std::string& name) {
+        if (content.find("held-" + name) != std::string::npos && hold) {
+            ++held_calls;
+            WaitUntil([] { return !hold; });
+        }
+    };
+    HookHost([=](const std::string& name, const std::string& content) { wait_in(content, name); });
     UseAuthModule(7);
     CFakeAuthModule::All().first = IAuthModule::AUTH_RESULT_OK;
-    CFakeAuthModule::All().on_call = [](const std::string&, const std::string& text) {
-        wait_while_held(text.c_str(), "held-module");
-    };
+    CFakeAuthModule::All().on_call = [=](const std::string&, const std::string& text) { wait_in(text, "module"); };
     Begin();
     CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
     const char* contents[] = {"held-url.kav", "held-source.kav", "held-module.kav"};  // the pool has one thread more
     for (const bool leaves : {false, true}) {
-        g_held = 0;
-        g_hold = true;
+        held_calls = 0;
+        hold = true;
         std::vector<std::unique_ptr<CRtspTestClient>> held;
         for (const char* content : contents) {
             held.push_back(std::make_unique<CRtspTestClient>(m_port));
             held.back()->Send(held.back()->Request("DESCRIBE", Url(content)));
         }
-        ASSERT_TRUE(WaitUntil([] { return g_held == 3; }));
+        ASSERT_TRUE(WaitUntil([] { return held_calls == 3; }));
         CRtspTestClient other(m_port);
         EXPECT_EQ(200, other.Ask("DESCRIBE", Url()).status);
         EXPECT_TRUE(m_bystander->ReceivesMore(20));
         if (leaves) {
             held.clear();
         }
-        g_hold = false;
+        hold = false;
         for (const auto& client : held) {
             EXPECT_EQ(200, client->Reply().status);
         }
@@ -186,44 +173,30 @@ TEST_F(Hostile, HostFunctionsThatBlockHoldTheirOwnSession) {
     EXPECT_TRUE(SessionsGone(1));
 }
 
-// Callbacks of the host, in one of which it does something, once.
-std::mutex g_act_mutex;
-std::string g_act_place;
-std::function<void()> g_act;
-std::atomic<bool> g_acted{false};
-
-void act_at(const char* place) {
-    std::function<void()> action;
-    {
-        const std::lock_guard<std::mutex> guard(g_act_mutex);
-        if (g_act && g_act_place == place) {
-            action.swap(g_act);
-        }
-    }
-    if (action) {
-        action();
-        g_acted = true;
-    }
-}
-char* url_that_acts(const char*, char*, int) {
-    act_at("url");
-    return nullptr;
-}
-CStreamSource* source_that_acts(const char* content) {
-    act_at("source");
-    return CFakeStreamSource::Factory(content);
-}
-void event_that_acts(event_type_t event, void*, int) {
-    act_at(event == EVENT_LOST_PACKET ? "lost" : event == EVENT_CLIENT_CONNECTED ? "connected" : "disconnected");
-}
 // A host may delete the channel, or close all that it has, inside any of its callbacks.
 TEST_F(Hostile, CallbacksInWhichTheHostClosesEverything) {
+    // One of them does something, once; also calls that outlive the test ask for it.
+    static std::mutex mutex;
+    static std::string act_in;
+    static std::function<void()> act;
+    static std::atomic<bool> acted{false};
+    const auto on_call = [](const std::string& name, const std::string&) {
+        std::function<void()> action;
+        {
+            const std::lock_guard<std::mutex> guard(mutex);
+            if (act && act_in == name) {
+                action.swap(act);
+            }
+        }
+        if (action) {
+            action();
+            acted = true;
+        }
+    };
     UseAuthModule(7);
     CFakeAuthModule::All().first = IAuthModule::AUTH_RESULT_OK;
-    CFakeAuthModule::All().on_call = [](const std::string& call, const std::string&) { act_at(call.c_str()); };
-    SetFunction(RTSP_SVR_CONFIG_URL_FUNC, &url_that_acts);
-    SetFunction(RTSP_SVR_CONFIG_SRC_FUNC, &source_that_acts);
-    SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, &event_that_acts);
+    CFakeAuthModule::All().on_call = on_call;
+    HookHost(on_call);
     const std::function<void()> actions[] = {
         [this] { m_live_svr->DelLiveChannel(LIVE_NAME); },
         [this] {
@@ -241,25 +214,25 @@ TEST_F(Hostile, CallbacksInWhichTheHostClosesEverything) {
             SCOPED_TRACE(std::string(place) + " " + std::to_string(i));
             CFakeStreamSource* source = StartWithChannel();
             CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
-            g_acted = false;
+            acted = false;
             {
-                const std::lock_guard<std::mutex> guard(g_act_mutex);
-                g_act_place = place;
-                g_act = actions[i];
+                const std::lock_guard<std::mutex> guard(mutex);
+                act_in = place;
+                act = actions[i];
             }
             CRtspTestClient client(m_port);
             const std::string url = Url(strcmp(place, "source") == 0 ? FILE_CONTENT : LIVE_NAME);
             client.Ask("DESCRIBE", url, strcmp(place, "response") == 0 ? "Authorization: Basic good\r\n" : "");
             client.Ask("SETUP", url + "/trackID=0", INTERLEAVED);
             client.Ask("PLAY", url);
-            if (!g_acted) {
+            if (!acted) {
                 for (const unsigned int sequence : {10u, 11u, 20u}) {
                     EXPECT_TRUE(Give(source, sequence));
                 }
-                EXPECT_TRUE(strcmp(place, "lost") != 0 || WaitUntil([] { return g_acted.load(); }));
+                EXPECT_TRUE(strcmp(place, "lost") != 0 || WaitUntil([] { return acted.load(); }));
             }
             client.Close();
-            EXPECT_TRUE(WaitUntil([] { return g_acted.load(); }));
+            EXPECT_TRUE(WaitUntil([] { return acted.load(); }));
             EXPECT_TRUE(SessionsGone());
             if (i == 0) {
                 m_svr->Close();

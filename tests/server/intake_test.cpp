@@ -95,31 +95,28 @@ TEST_F(Intake, HandedInConnections) {
     }
 }
 
-std::atomic<bool> g_block{false};
-std::atomic<int> g_blocked{0};
-
-void BlockOnConnect(event_type_t event, void*, int) {
-    if (event == EVENT_CLIENT_CONNECTED && g_block.exchange(false)) {
-        ++g_blocked;
-        WaitUntil([] { return g_blocked == 0; });
-    }
-}
-
 TEST_F(Intake, AHostThatBlocksInOneSessionHoldsNobodyElse) {
-    SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, &BlockOnConnect);
+    static std::atomic<bool> block{false};  // for calls that outlive the test
+    static std::atomic<int> blocked{0};
+    HookHost([](const std::string& name, const std::string&) {
+        if (name == "connected" && block.exchange(false)) {
+            ++blocked;
+            WaitUntil([] { return blocked == 0; });
+        }
+    });
     StartServer();
     CRtspTestClient held(m_port);
-    g_block = true;
+    block = true;
     held.Send(OPTIONS_TEXT);
-    ASSERT_TRUE(WaitUntil([] { return g_blocked == 1; }));
-    g_block = true;
+    ASSERT_TRUE(WaitUntil([] { return blocked == 1; }));
+    block = true;
     Connection handed_in;  // the caller's thread isn't held either
     EXPECT_EQ(0, m_svr->AddNewConnect(handed_in.server, OPTIONS_TEXT, sizeof(OPTIONS_TEXT) - 1, 0));
-    ASSERT_TRUE(WaitUntil([] { return g_blocked == 2; }));
+    ASSERT_TRUE(WaitUntil([] { return blocked == 2; }));
     CRtspTestClient other(m_port);
     EXPECT_EQ(200, other.Ask("OPTIONS", "*").status);
     EXPECT_TRUE(held.Silent(1));
-    g_blocked = 0;
+    blocked = 0;
     EXPECT_EQ(200, held.Reply().status);
     EXPECT_EQ(200, handed_in.client->Reply().status);
 }

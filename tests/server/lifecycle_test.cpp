@@ -84,18 +84,12 @@ TEST_F(Lifecycle, TimeOutsAndReports) {
     }));
 }
 
-CRtspSvr* g_svr_to_end = nullptr;
-
-void EndSessionsOnConnect(event_type_t event, void*, int) {
-    if (event == EVENT_CLIENT_CONNECTED) {
-        EXPECT_EQ(1u, g_svr_to_end->EndSessions(20000));  // its own session is one of those
-    }
-}
-
 TEST_F(Lifecycle, AServerEndsItsSessionsInACallbackOfOneOfThem) {
-    SetFunction(RTSP_SVR_CONFIG_EVENT_FUNC, &EndSessionsOnConnect);
+    HookHost([this](const std::string& name, const std::string&) {
+        // Its own session is one of those.
+        EXPECT_TRUE(name != "connected" || m_svr->EndSessions(20000) == 1);
+    });
     StartServer();
-    g_svr_to_end = m_svr;
     CRtspTestClient client(m_port);
     client.Send(OPTIONS_TEXT);
     EXPECT_TRUE(client.Closed());
