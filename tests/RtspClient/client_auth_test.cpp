@@ -6,8 +6,7 @@
 #include "support/Capture.h"
 #include "support/SampleTable.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 const char NONCE[] = "dcd98b7102dd2f0e8b11d0f600bfb0c093";
@@ -118,5 +117,4 @@ TEST(ClientAuth, RequestsAndChallengesFollowEachOther) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

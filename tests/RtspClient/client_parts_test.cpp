@@ -9,8 +9,7 @@
 #include "support/Loopback.h"
 #include "support/TestHandler.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 uint32_t Word(const unsigned char* bytes) {
@@ -102,5 +101,4 @@ TEST(ClientKeepAlive, KeepsWithinTheServersTimeoutAndGivesUpWhatIsRefused) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

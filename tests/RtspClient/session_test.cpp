@@ -16,8 +16,7 @@
 #include "support/TestClock.h"
 #include "support/UdpPeer.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 using namespace Support;
@@ -321,5 +320,4 @@ TEST_F(CSessionTest, SilentStreamEndsUnlessAHostIsBusyWithIt) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

@@ -18,8 +18,7 @@
 #include "support/FrameBuilder.h"
 #include "support/SampleTable.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 using namespace Support;
@@ -459,5 +458,4 @@ TEST_F(HostSourceTest, AFormerSourceGivesNothingFromTheChangeOn) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

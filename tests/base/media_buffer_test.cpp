@@ -61,6 +61,21 @@ void PutFrame(CMediaBuffer& buffer, unsigned int number, bool key, size_t size, 
     Put(buffer, MediaBytes(track * 2, number, key, size), 1, track << 24 | (key ? KEY : SKIPPABLE));
 }
 
+// Frames are put while two threads work.
+template <typename Work>
+void PutWhile(CMediaBuffer& buffer, Work work) {
+    std::atomic<bool> stop{false};
+    std::thread source([&] {
+        for (unsigned int i = 0; !stop; ++i) {
+            PutFrame(buffer, i, i % 5 == 0, 500);
+            std::this_thread::yield();
+        }
+    });
+    RunTogether(2, work);
+    stop = true;
+    source.join();
+}
+
 std::vector<unsigned int> Range(unsigned int first, unsigned int end) {
     std::vector<unsigned int> numbers;
     for (; first < end; ++first) {
@@ -221,18 +236,11 @@ TEST_P(MediaBufferTest, PooledSinksGetAllThatIsPutInOrderAndOnThePutThreadOnlyIf
 }
 
 TEST_P(MediaBufferTest, PooledSinksLeaveFromAnyThreadAndInsideTheirOwnCallWhileOthersAreWritten) {
-    std::atomic<bool> stop{false};
     std::vector<PooledSink> others(30);
     for (PooledSink& other : others) {
         m_buffer->AddLevel2Buffer(&other);
     }
-    std::thread source([&] {
-        for (unsigned int i = 0; !stop; ++i) {
-            Put(*m_buffer, MediaBytes(0, i, i % 5 == 0, 500), 1, i % 5 == 0 ? KEY : SKIPPABLE);
-            std::this_thread::yield();
-        }
-    });
-    RunTogether(2, [&] {
+    PutWhile(*m_buffer, [&] {
         for (int round = 0; round < 60; ++round) {
             auto sink = std::make_unique<PooledSink>();
             std::atomic<bool> left{false};
@@ -249,8 +257,6 @@ TEST_P(MediaBufferTest, PooledSinksLeaveFromAnyThreadAndInsideTheirOwnCallWhileO
             EXPECT_TRUE(round % 2 != 0 || sink->calls.size() == 1) << "none begins behind it";
         }
     });
-    stop = true;
-    source.join();
     m_buffer.reset();
 }
 
@@ -396,14 +402,7 @@ TEST(MediaBufferPool, SendProcedureThatBlocksHoldsUpItsOwnGroupOnly) {
 }
 
 TEST_P(MediaBufferTest, SinksComeAndGoWhileTheSourcePuts) {
-    std::atomic<bool> stop{false};
-    std::thread source([&] {
-        for (unsigned int i = 0; !stop; ++i) {
-            PutFrame(*m_buffer, i, i % 5 == 0, 500);
-            std::this_thread::yield();
-        }
-    });
-    RunTogether(2, [&] {
+    PutWhile(*m_buffer, [&] {
         for (int round = 0; round < 60; ++round) {
             Sink sink(4096);
             m_buffer->AddSender(sink.sender);
@@ -416,6 +415,4 @@ TEST_P(MediaBufferTest, SinksComeAndGoWhileTheSourcePuts) {
             m_buffer->DelSender(sink.sender);
         }
     });
-    stop = true;
-    source.join();
 }

@@ -58,6 +58,10 @@ protected:
         if ((m_key_tracks & (1 << track)) != 0) {
             unit->MarkKeyTrack();
         }
+        return Send(unit);
+    }
+    // Whether the unit, which it releases, was taken.
+    bool Send(COutputUnit* unit) {
         CUnitBatch batch;
         batch.Add(unit);
         const bool taken = m_queue.SendMedia(batch, 0, ~0U) == 1;
@@ -262,10 +266,7 @@ TEST_F(QueueTest, CountersTellWhatWentOutWholeAndWhatWasDropped) {
         if (pair) {
             unit->AddPacket(new CountedPacket(bytes.substr(first)), 94, 1, 1);
         }
-        CUnitBatch batch;
-        batch.Add(unit);
-        EXPECT_EQ(1u, m_queue.SendMedia(batch, 0, ~0U));
-        unit->Release();
+        EXPECT_TRUE(Send(unit));
     }
     EXPECT_EQ((std::vector<uint64_t>{6, 2400, 3}), since(start));
 }

@@ -16,8 +16,7 @@
 #include "support/TrackSender.h"
 #include "support/UdpPeer.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 using namespace Support;
@@ -231,5 +230,4 @@ TEST(CLossTest, NoDamagedFrameComesOutAndTheStreamGoesOn) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

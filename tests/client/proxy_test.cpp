@@ -11,8 +11,7 @@
 #include "support/ScriptedServer.h"
 #include "support/StreamPeer.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 // An edge server of its own registry, beside the fixture's origin.
@@ -185,5 +184,4 @@ TEST(ProxyRelay, HoldsWhatComesBeforeTheFirstBufferAndFeedsAllThen) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

@@ -7,8 +7,7 @@
 #include "support/ClientHost.h"
 #include "support/Loopback.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 struct Way {
@@ -118,5 +117,4 @@ TEST_F(CPullRulesTest, MulticastIsJoinedOnTheInterfaceOfTheConnection) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

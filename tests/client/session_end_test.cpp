@@ -8,8 +8,7 @@
 #include "support/NatPeer.h"
 #include "support/ScriptedServer.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 using namespace Support;
@@ -158,5 +157,4 @@ INSTANTIATE_TEST_SUITE_P(Ends, CSessionEndTest,
                                           testing::Values(OVER_TCP, THROUGH_NAT)));
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

@@ -6,8 +6,7 @@
 #include "Vidora/RtspSvrConfig.h"
 #include "support/Capture.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 char* rewrite(const char*, char* buffer, int) {
@@ -127,5 +126,4 @@ TEST(RtspSvrConfig, CopiesHaveRecordsOfTheirOwn) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

@@ -7,8 +7,7 @@
 
 #include "support/StreamBytes.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // A unit of an interleaved stream (RFC 2326 10.12), of bytes or characters.
 template <typename Unit = Bytes>
@@ -57,7 +56,6 @@ inline std::vector<std::string> TakeUnits(std::string& bytes) {
     return units;
 }
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_INTERLEAVE_H

@@ -17,8 +17,7 @@
 #include "support/ScriptedServer.h"
 #include "support/UdpPeer.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // CNatPeer: the server's end of a NAT session: it answers hellos, and requests by what a test's CScriptedServer would
 // say, as one datagram for the reply and one for each packet behind it.
@@ -125,7 +124,6 @@ public:
     int port = 0;
 };
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_NATPEER_H

@@ -10,8 +10,7 @@
 #include "support/Loopback.h"
 #include "support/TestHandler.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 const int POLL_MS = 10;
 
@@ -139,5 +138,4 @@ bool CRtspTestClient::receive(int timeout_ms) {
     return true;
 }
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support

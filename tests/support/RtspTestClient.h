@@ -5,8 +5,7 @@
 #include <deque>
 #include <string>
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // A reply as it came.
 struct RtspReply {
@@ -75,7 +74,6 @@ private:
     std::deque<RtspFrame> m_frames;
 };
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_RTSPTESTCLIENT_H

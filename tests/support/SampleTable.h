@@ -12,8 +12,7 @@
 #include <utility>
 #include <vector>
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // The parts of a text between marks, without the blanks around them.
 inline std::vector<std::string> SplitText(const std::string& text, char mark) {
@@ -116,7 +115,6 @@ inline std::vector<Script> ReadScripts(const std::string& path) {
     return scripts;
 }
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_SAMPLETABLE_H

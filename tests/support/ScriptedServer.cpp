@@ -6,8 +6,7 @@
 
 #include "support/Interleave.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 const char* const CScriptedServer::CLOSE = "(close)";
 
@@ -158,5 +157,4 @@ std::string CScriptedServer::Rtp(unsigned int sequence, int channel) {
     return bytes + packet;
 }
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support

@@ -11,8 +11,7 @@
 
 #include "support/Loopback.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // A request as it came.
 struct ServerRequest {
@@ -81,7 +80,6 @@ private:
     std::thread m_accepter;
 };
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_SCRIPTEDSERVER_H

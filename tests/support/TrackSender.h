@@ -10,8 +10,7 @@
 #include "StreamParser/StreamParser.h"
 #include "support/Interleave.h"
 
-namespace Kavio {
-namespace Support {
+namespace Kavio::Support {
 
 // Makes the packets of a track: the library's own encoder, a run a frame.
 class CTrackSender {
@@ -46,7 +45,6 @@ inline std::vector<std::string> PacketsOf(const Flumen::CMediaFrame& run) {
     return TakeUnits(bytes);
 }
 
-}  // namespace Support
-}  // namespace Kavio
+}  // namespace Kavio::Support
 
 #endif  // VIDORA_TESTS_SUPPORT_TRACKSENDER_H

@@ -25,13 +25,6 @@ using Support::Interleaved;
 const int TRACK_0 = 0x00000001;
 const int TRACK_1 = 0x01000001;
 
-CRtspSvrConfig RangeConfig(int min_port, int max_port) {
-    CRtspSvrConfig config;
-    const RtpPortRange range = {min_port, max_port};
-    EXPECT_EQ(0, config.SetConfig(RTSP_SVR_CONFIG_RTP_PORT, &range, sizeof(range)));
-    return config;
-}
-
 int PutTo(CRtpUdpSender& sender, const std::string& bytes, int tag) {
     Support::CountedPacket packet(bytes);
     return sender.Put(&packet, packet.Size(), 1, tag);
@@ -40,7 +33,8 @@ int PutTo(CRtpUdpSender& sender, const std::string& bytes, int tag) {
 class UdpSender : public testing::Test {
 protected:
     void Open(int media_num, int min_port = 31000, int max_port = 31100) {
-        m_config = RangeConfig(min_port, max_port);
+        const RtpPortRange range = {min_port, max_port};
+        EXPECT_EQ(0, m_config.SetConfig(RTSP_SVR_CONFIG_RTP_PORT, &range, sizeof(range)));
         Prepare(m_sender, media_num);
         m_sender.SetRemote(CSockAddrStorage("127.0.0.1", 0));
     }
