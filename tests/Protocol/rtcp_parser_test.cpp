@@ -73,13 +73,7 @@ std::string written(CRtcpParser& parser, const std::vector<int>& types, unsigned
 }
 
 TEST(RtcpParser, RecordsWhatIsGoodInFrontOfTheFirstFault) {
-    const std::string rr = "80c9000100000001";
-    std::vector<std::vector<std::string>> rows = ReadTable(TABLES, "faults", 4);
-    rows.push_back({"", "compound", "32", ":ParseData compound packet is beyond max number:32! \n"});
-    for (int i = 0; i < 33; ++i) {
-        rows.back()[0] += rr;
-    }
-    for (const auto& row : rows) {
+    for (const auto& row : ReadTable(TABLES, "faults", 4)) {
         SCOPED_TRACE(row[0]);
         const CLogCapture log;
         const Parsed parsed(row[0], row[1] == "compound");
@@ -91,7 +85,7 @@ TEST(RtcpParser, RecordsWhatIsGoodInFrontOfTheFirstFault) {
     CRtcpParser parser(1);
     const unsigned int length = 8;
     EXPECT_FALSE(parser.ParseData(nullptr, &length, true));
-    EXPECT_EQ(Parsed(rr + "81cc000100000001").packs[1].parse, nullptr);
+    EXPECT_EQ(Parsed("80c9000100000001 81cc000100000001").packs[1].parse, nullptr);
 }
 
 TEST(RtcpParser, DecodersStayInsideTheirPacket) {

@@ -266,28 +266,24 @@ TEST(StreamParser, FramesMayEndAnywhereInARun) {
 // A frame of two megabytes in many small packets comes out whole; one with more packets than are kept doesn't come out
 // at all, and costs no other frame.
 TEST(StreamParser, LongFramesComeOutWholeOrNotAtAll) {
-    const struct {
-        int packets;
-        size_t size;  // of each
-        bool whole;
-    } rows[] = {{1024, 1440, true}, {1025, 1440, true}, {8000, 262, true},
-                {8193, 20, false},  {20000, 20, false}, {300, 60000, false}};
-    for (const auto& row : rows) {
+    for (const auto& row : ReadTable(VIDORA_TEST_DATA "/frames.txt", "long frames", 2)) {
+        SCOPED_TRACE(row[0]);
+        const std::vector<size_t> numbers = Numbers<size_t>(row[0]);
+        const size_t count = numbers[0], size = numbers[1];
+        const bool whole = row[1] == "whole";
         const CStreamParserPtr decoder = make_decoder(STREAM_TYPE_RAW_FRAME, STREAM_TYPE_RTP, ENC_TYPE_H264, true);
         CLogCapture log;
         Frames out;
         uint16_t sequence = 1;
         convert(*decoder, rtp_packet(sequence++, 0, true, {0x65, 0xB8}), out);
-        for (int i = 0; i < row.packets; ++i) {
-            const uint8_t header = i == 0 ? 0x85 : i + 1 == row.packets ? 0x45 : 0x05;
-            convert(*decoder,
-                    rtp_packet(sequence++, 3600, i + 1 == row.packets, Bytes{0x7C, header} + Bytes(row.size - 2, 0xB8)),
+        for (size_t i = 0; i < count; ++i) {
+            const uint8_t header = i == 0 ? 0x85 : i + 1 == count ? 0x45 : 0x05;
+            convert(*decoder, rtp_packet(sequence++, 3600, i + 1 == count, Bytes{0x7C, header} + Bytes(size - 2, 0xB8)),
                     out);
         }
         convert(*decoder, rtp_packet(sequence++, 7200, true, {0x41, 0x9A}), out);
-        ASSERT_EQ(row.whole ? 3u : 2u, out.size()) << row.packets;
-        const size_t whole = 5 + static_cast<size_t>(row.packets) * (row.size - 2);
-        EXPECT_TRUE(!row.whole || out[1].size() == whole) << row.packets;
+        ASSERT_EQ(whole ? 3u : 2u, out.size());
+        EXPECT_TRUE(!whole || out[1].size() == 5 + count * (size - 2));
         EXPECT_EQ(bytes_of(out.back()), (Bytes{0, 0, 0, 1, 0x41, 0x9A}));
     }
 }
