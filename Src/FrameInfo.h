@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "Tramel/NumberedPacket.h"
 #include "Vidora/Names.h"
 
 namespace Kavio {
@@ -12,10 +13,12 @@ namespace Vidora {
 // lost frame and measure its delay.
 //
 // THREADING  Its maker fills the fields; after that it doesn't change, and any thread reads them.
-class CFrameInfo : public CMediaPacket {
+class CFrameInfo : public Tramel::CNumberedPacket {
 public:
     // The object's own fields, from m_track on.
     unsigned char* GetData() override { return reinterpret_cast<unsigned char*>(&m_track); }
+    uint32_t FrameTrack() const override { return m_track; }
+    uint32_t FrameNumber() const override { return m_frame_index; }
 
     uint32_t m_track = 0;        // track number
     uint32_t m_frame_index = 0;  // running number of the frame

@@ -3,6 +3,8 @@
 #include <cstdlib>
 #include <mutex>
 
+#include "Tramel/MediaStreamSender.h"
+
 namespace Kavio {
 namespace Vidora {
 
@@ -26,6 +28,7 @@ void print_delay(const CSockAddrStorage& peer, const CFrameInfo& info, const voi
 
 void CFrameWatch::SetDelayLog(int on) {
     delay_log = on != 0;
+    Tramel::CMediaStreamSender::TellAll(on != 0);
 }
 
 void CFrameWatch::RegisterConsole() {
@@ -60,11 +63,13 @@ CFrameWatch::step_t CFrameWatch::take(CMediaPacket* packet, int length) {
     return step;
 }
 
-void CFrameWatch::OnFrame(CMediaPacket* packet, int length, int /*unused*/) {
-    const step_t step = take(packet, length);
-    if (step.last == 0) {
+void CFrameWatch::OnFrame(CMediaPacket* packet, int length, int before) {
+    if (packet == nullptr || length < 1 || before == 0) {
         return;
     }
+    step_t step;
+    step.last = static_cast<unsigned int>(before);
+    step.info = static_cast<const CFrameInfo*>(packet);
     const CFrameInfo& info = *step.info;
     if (step.IsLoss() && m_lost_log.Pass()) {
         logError("%s %d The Event:Lost Packet Happened! Statis: last[%d] -> new[%d], frame type=%c. \n", __FILE__,

@@ -14,8 +14,7 @@ namespace Vidora {
 // CFrameWatch: sees which frames go to one client, and so which it loses; and prints their delay, if told to.
 //
 // THREADING  OnFrame, OnDatagrams: the thread that writes for the sink, not twice at once. All others: the
-// conversation's strand,
-//            which hears of losses by a message.
+//            conversation's strand, which hears of losses by a message.
 class CFrameWatch {
 public:
     // `msg` goes to the link when frames were lost.
@@ -34,8 +33,10 @@ public:
     // How many gaps there were since the last call.
     unsigned int TakeLosses() { return m_losses.exchange(0); }
 
-    // A send procedure of CMediaStreamSender, and the one of datagrams, whose delay isn't traced.
-    void OnFrame(CMediaPacket* packet, int length, int unused);
+    // A send procedure of CMediaStreamSender, which need hear of gaps alone: `before` is the frame that the client had
+    // last of the track, 0 for none.
+    void OnFrame(CMediaPacket* packet, int length, int before);
+    // The one of datagrams, which hears of every frame, and whose delay isn't traced.
     void OnDatagrams(CMediaPacket* packet, int length, int unused);
 
 private:

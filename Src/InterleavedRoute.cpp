@@ -32,7 +32,7 @@ std::unique_ptr<IMediaRoute> CInterleavedRoute::Create(CSockStream* sock, long h
     sender->WaitException(handler_id);
     const int timeout_s = wish.config.GetKeepAliveTimeout();
     sender->SetSendTimeout(static_cast<unsigned int>(timeout_s < 0 ? 0 : timeout_s));
-    sender->AttachSendProc(wish.on_frame);
+    sender->AttachSendProc(wish.on_frame, Tramel::TOLD_GAPS);
     for (int i = 0; i < CTrackTable::MAX_TRACKS; ++i) {
         sender->DisableSendChannel(i);
     }

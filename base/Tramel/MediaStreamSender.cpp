@@ -2,6 +2,8 @@
 
 #include <new>
 
+#include "Tramel/SinkGroup.h"
+
 namespace Kavio {
 namespace Tramel {
 
@@ -18,6 +20,8 @@ int CMediaStreamSender::Attach(CSock* sock) {
     }
     m_output->SetSendTimeout(m_timeout_s);
     m_output->SetLimit(m_limit_bytes, m_limit_age_ms);
+    m_output->SetTracks(m_slots, 0);
+    m_output->SetEntry(m_entry);
     return 0;
 }
 
@@ -38,26 +42,46 @@ void CMediaStreamSender::SetQueueLimit(unsigned int bytes, unsigned int age_ms) 
     }
 }
 
-bool CMediaStreamSender::AttachSendProc(Ostra::TFunction3<void, CMediaPacket*, int, int> proc) {
+bool CMediaStreamSender::AttachSendProc(send_proc_t proc, told_t told) {
     if (proc.empty()) {
         return false;
     }
     CGuard guard(m_mutex);
     m_proc = proc;
+    m_told = told;
+    if (m_entry != nullptr) {
+        const CTurnGuard turn(m_entry->turn);
+        m_entry->told = told;
+    }
     return true;
+}
+
+void CMediaStreamSender::TellAll(bool on) {
+    CSinkGroup::TellAll(on);
+}
+
+CMediaStreamSender::send_proc_t CMediaStreamSender::proc() {
+    CGuard guard(m_mutex);
+    return m_proc;
 }
 
 void CMediaStreamSender::SetSendChannel(int channel) {
     if (channel >= 0 && channel < static_cast<int>(SWITCHED_TRACKS)) {
-        CGuard guard(m_mutex);
-        m_slots |= 1U << channel;
+        switch_tracks(1U << channel, 0);
     }
 }
 
 void CMediaStreamSender::DisableSendChannel(int channel) {
     if (channel >= 0 && channel < static_cast<int>(SWITCHED_TRACKS)) {
-        CGuard guard(m_mutex);
-        m_slots &= ~(1U << channel);
+        switch_tracks(0, 1U << channel);
+    }
+}
+
+void CMediaStreamSender::switch_tracks(unsigned int on, unsigned int off) {
+    CGuard guard(m_mutex);
+    m_slots = (m_slots | on) & ~off;
+    if (m_output != nullptr) {
+        m_output->SetTracks(m_slots, on);
     }
 }
 
@@ -81,10 +105,28 @@ uint64_t CMediaStreamSender::Unsent() {
     return queue == nullptr ? 0 : queue->Unsent();
 }
 
-uint64_t CMediaStreamSender::send_batch(const CUnitBatch& batch, uint64_t from_sequence, send_proc_t& proc) {
+bool CMediaStreamSender::join(CSinkEntry& entry) {
     CGuard guard(m_mutex);
-    proc = m_proc;
-    return m_output != nullptr ? m_output->SendMedia(batch, from_sequence, m_slots) : 0;
+    if (m_entry != nullptr) {
+        return false;
+    }
+    m_entry = &entry;
+    {
+        const CTurnGuard turn(entry.turn);
+        entry.told = m_told;
+    }
+    if (m_output != nullptr) {
+        m_output->SetEntry(m_entry);
+    }
+    return true;
+}
+
+void CMediaStreamSender::leave() {
+    CGuard guard(m_mutex);
+    m_entry = nullptr;
+    if (m_output != nullptr) {
+        m_output->SetEntry(nullptr);
+    }
 }
 
 }  // namespace Tramel

@@ -10,12 +10,14 @@ namespace Kavio {
 namespace Tramel {
 
 class CMediaPacket;
-class CUnitBatch;
 
 // CMediaStreamSender: the media face of a stream socket's output queue; a sink of CMediaBuffer.
 //
 // The queue is bounded in bytes and age. When it is full whole media units are dropped, never control text, and the
 // track goes on being dropped until its next key frame; see CStreamOutput.
+//
+// While it is in a buffer its part in a put is an entry in an array (CSinkEntry), and this object is looked at only to
+// call the send procedure. It is in one buffer at a time.
 //
 // THREADING  See CSockSender. The send procedure runs on the thread that writes for the buffer: one of the pool's, or
 //            the putting one while the pool is busy; not twice at once for one sender, and with no lock held.
@@ -35,11 +37,15 @@ public:
     // Bounds of the queue: bytes of media that wait (default 4 MiB) and milliseconds that the oldest may wait (default
     // 10000); 0 leaves a bound as it is.
     void SetQueueLimit(unsigned int bytes, unsigned int age_ms);
-    // The callback that receives the packets of CMediaBuffer::PutFrameInfo, with the packet, its length and 0. It is
-    // called when the packet that follows the information is sent or queued, and not at all if this sender drops it: a
-    // gap in the frame numbers shows what its client lost. False for an empty one.
-    bool AttachSendProc(Ostra::TFunction3<void, CMediaPacket*, int, int> proc);
-    // Switches one of the tracks 0 to 7 on or off; all are on at first, others are ignored. A packet of a disabled
+    // The callback that receives the packets of CMediaBuffer::PutFrameInfo: the packet, its length, and for a numbered
+    // one (CNumberedPacket) the number of the track's frame that this sender took before, 0 for none. It is called when
+    // the packet that follows the information is sent or queued, and not at all if this sender drops it: a gap in the
+    // frame numbers shows what its client lost. With TOLD_GAPS only such gaps are told. False for an empty one.
+    bool AttachSendProc(Ostra::TFunction3<void, CMediaPacket*, int, int> proc, told_t told = TOLD_ALL);
+    // True: who hears of gaps alone hears of every frame, for the whole process. Any thread.
+    static void TellAll(bool on);
+    // Switches one of the tracks 0 to 7 on or off; all are on at first, others are ignored. Frame numbers of a track
+    // that is switched on count anew. A packet of a disabled
     // track (the top byte of its channel word) is dropped for this sender. Tracks above 7 can't be switched.
     void SetSendChannel(int channel);
     void DisableSendChannel(int channel);
@@ -60,12 +66,17 @@ private:
 
     typedef Ostra::TFunction3<void, CMediaPacket*, int, int> send_proc_t;
 
-    // For CMediaBuffer. Sends what of the batch is for this sink; the set of the units (bit by index) that it took, and
-    // the procedure that gets their side packets.
-    uint64_t send_batch(const CUnitBatch& batch, uint64_t from_sequence, send_proc_t& proc);
+    void switch_tracks(unsigned int on, unsigned int off);
 
+    // For a group. From join to leave `entry` is this sender's; false if it has one already.
+    bool join(CSinkEntry& entry);
+    void leave();
+    send_proc_t proc();
+
+    CSinkEntry* m_entry VIDORA_GUARDED_BY(m_mutex) = nullptr;
     unsigned int m_slots VIDORA_GUARDED_BY(m_mutex) = ~0U;  // tracks that are on, by COutputUnit::Slot
-    Ostra::TFunction3<void, CMediaPacket*, int, int> m_proc VIDORA_GUARDED_BY(m_mutex);
+    send_proc_t m_proc VIDORA_GUARDED_BY(m_mutex);
+    told_t m_told VIDORA_GUARDED_BY(m_mutex) = TOLD_NOTHING;
     unsigned int m_timeout_s VIDORA_GUARDED_BY(m_mutex) = 0;
     unsigned int m_limit_bytes VIDORA_GUARDED_BY(m_mutex) = CStreamOutput::DEFAULT_LIMIT_BYTES;
     unsigned int m_limit_age_ms VIDORA_GUARDED_BY(m_mutex) = CStreamOutput::DEFAULT_LIMIT_AGE_MS;

@@ -5,6 +5,7 @@
 
 #include "Tramel/Interleave.h"
 #include "Tramel/MediaTag.h"
+#include "Tramel/NumberedPacket.h"
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Tramel/Level2Buffer.h"
 #include "Vidora/Tramel/MediaPacket.h"
@@ -83,6 +84,11 @@ bool COutputUnit::AddSide(CMediaPacket* packet, int length) {
     m_sides[m_side_count].packet = packet;
     m_sides[m_side_count].length = length;
     ++m_side_count;
+    const CNumberedPacket* numbered = dynamic_cast<const CNumberedPacket*>(packet);
+    if (numbered != nullptr && numbered->FrameTrack() < OTHER_SLOT) {
+        m_number_track = static_cast<uint8_t>(numbered->FrameTrack());
+        m_number = numbered->FrameNumber();
+    }
     return true;
 }
 

@@ -59,6 +59,10 @@ public:
     void PutPart(unsigned int index, CLevel2Buffer_IF& sink) const;
     unsigned int SideCount() const { return m_side_count; }
     CMediaPacket* Side(unsigned int index, int* length) const;
+    // The number of the frame, if its only side packet has one (CNumberedPacket) and the track is one of 0 to 7.
+    bool IsNumbered() const { return m_side_count == 1 && m_number_track < OTHER_SLOT; }
+    uint32_t Number() const { return m_number; }
+    unsigned int NumberTrack() const { return m_number_track; }
 
 private:
     COutputUnit(uint64_t sequence, uint64_t now_ms) : m_sequence(sequence), m_time_ms(now_ms) {}
@@ -83,9 +87,11 @@ private:
     uint8_t m_slot = OTHER_SLOT;
     uint8_t m_part_count = 0;
     uint8_t m_side_count = 0;
+    uint8_t m_number_track = OTHER_SLOT;
     bool m_text = false;
     bool m_key = false;
     bool m_key_track = false;
+    uint32_t m_number = 0;
     struct iovec m_parts[2] = {};
     PutPacket m_packets[2] = {};
     SidePacket m_sides[MAX_SIDE] = {};

@@ -1,17 +1,22 @@
 #include "Tramel/SinkGroup.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <iterator>
 #include <new>
 
-#include "Tramel/MediaCounters.h"
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/PooledSink.h"
 #include "Tramel/Reactor.h"
+#include "Tramel/SockDetail.h"
+#include "Tramel/StreamOutput.h"
 
 namespace Kavio {
 namespace Tramel {
 
 using Ostra::CGuard;
+
+std::atomic<bool> CSinkGroup::s_tells_all{false};
 
 bool CSinkGroup::Put(COutputUnit* unit) {
     CGuard guard(m_mutex);
@@ -41,19 +46,19 @@ void CSinkGroup::Kick() {
 
 bool CSinkGroup::RunTurn() {
     CUnitBatch batch;
-    size_t sink_count = 0;
-    if (!take_pending(batch, sink_count)) {
+    size_t place_count = 0;
+    if (!take_pending(batch, place_count)) {
         return false;
     }
-    uint64_t from_sequence = 0;
-    size_t index = 0;
-    for (CGroupSink sink = nullptr; (sink = next_sink(index, sink_count, from_sequence)) != nullptr; ++index) {
-        if (sink.Sender() != nullptr) {
-            write_sender(batch, index, *sink.Sender(), from_sequence);
-        } else {
-            write_level2(batch, index, *sink.Level2(), from_sequence);
+    CMediaTally tally;
+    CBlock* block = &m_first;
+    for (size_t index = 0; index < place_count; ++index) {
+        if (index > 0 && index % BLOCK_ENTRIES == 0) {
+            block = block->next.get();
         }
+        write_entry(batch, index, block->entries[index % BLOCK_ENTRIES], tally);
     }
+    tally.Tell();
     for (unsigned int i = 0; i < batch.Count(); ++i) {
         batch.Unit(i)->Release();
     }
@@ -70,14 +75,15 @@ void CSinkGroup::RunHere() {
 }
 
 // Begins a turn. False if there is nothing to do, or another thread is at it; that one sees to what comes meanwhile.
-bool CSinkGroup::take_pending(CUnitBatch& batch, size_t& sink_count) {
+// Sinks that come during the turn get none of its units, as those were put before.
+bool CSinkGroup::take_pending(CUnitBatch& batch, size_t& place_count) {
     CGuard guard(m_mutex);
     if (m_running || m_pending.Empty()) {
         return false;
     }
     m_running = true;
     m_runner = std::this_thread::get_id();
-    sink_count = m_sinks.size();
+    place_count = m_places.size();
     while (!m_pending.Empty() && !batch.Full()) {
         COutputUnit* unit = m_pending.Pop();
         m_pending_bytes -= unit->Length();
@@ -86,50 +92,89 @@ bool CSinkGroup::take_pending(CUnitBatch& batch, size_t& sink_count) {
     return true;
 }
 
-// Ends the call of the sink before and marks the one at or behind `index` as called; null at the end. Those that came
-// during the turn are behind the end: they get none of its units.
-CGroupSink CSinkGroup::next_sink(size_t& index, size_t sink_count, uint64_t& from_sequence) {
-    CGuard guard(m_mutex);
-    m_current = nullptr;
-    m_wait.Wake();
-    while (index < sink_count && m_sinks[index].sink == nullptr) {
-        ++index;
+// A call of the sink begins before the turn is given, so that the sink can't leave in between.
+void CSinkGroup::write_entry(const CUnitBatch& batch, size_t index, CSinkEntry& entry, CMediaTally& tally) {
+    entry.turn.Take();
+    CNews news;
+    const bool calls_level2 = entry.level2 != nullptr;
+    if (!calls_level2) {
+        const uint64_t taken = send(batch, entry, tally);
+        if (taken != 0 && batch.HasSides() && entry.told != TOLD_NOTHING) {
+            count_frames(batch, taken, entry, news);
+        }
     }
-    if (index >= sink_count) {
-        return nullptr;
-    }
-    m_current = m_sinks[index].sink;
-    from_sequence = m_sinks[index].from_sequence;
-    return m_sinks[index].sink;
-}
-
-void CSinkGroup::write_sender(const CUnitBatch& batch, size_t index, CMediaStreamSender& sender,
-                              uint64_t from_sequence) {
-    CMediaStreamSender::send_proc_t proc;
-    const uint64_t taken = sender.send_batch(batch, from_sequence, proc);
-    if (!batch.HasSides() || taken == 0) {
+    const uint64_t from_sequence = entry.from_sequence;
+    const CGroupSink sink = calls_level2 || news.units != 0 ? begin_call(index) : CGroupSink(nullptr);
+    entry.turn.Give();
+    if (sink == nullptr) {
         return;
     }
+    if (calls_level2) {
+        put_level2(batch, index, static_cast<CPooledSink&>(*sink.Level2()), from_sequence);
+    } else {
+        tell(batch, index, *sink.Sender(), news);
+    }
+    end_call();
+}
+
+// The set of the units that the sender took.
+uint64_t CSinkGroup::send(const CUnitBatch& batch, CSinkEntry& entry, CMediaTally& tally) {
+    if (entry.output == nullptr || (entry.fd >= 0 && (batch.Slots() & entry.slots) == 0)) {
+        return 0;
+    }
+    const bool all = batch.Unit(0)->Sequence() >= entry.from_sequence && (batch.Slots() & ~entry.slots) == 0;
+    if (!all || entry.fd < 0) {
+        return entry.output->SendMediaInTurn(batch);
+    }
+    const int64_t written = WriteParts(entry.fd, batch.Parts(), batch.PartCount());
+    if (written != static_cast<int64_t>(batch.Bytes())) {
+        return entry.output->TakeRestInTurn(batch, written, errno);
+    }
+    entry.written += batch.Bytes();
+    tally.Sent(batch.Packets(), batch.Bytes());
+    return batch.All();
+}
+
+// Notes the numbers of the frames that were taken, and which of them the send procedure is to hear of.
+void CSinkGroup::count_frames(const CUnitBatch& batch, uint64_t taken, CSinkEntry& entry, CNews& news) {
+    const bool tells_all = entry.told == TOLD_ALL || s_tells_all.load(std::memory_order_relaxed);
+    for (unsigned int i = 0; i < batch.Count(); ++i) {
+        const COutputUnit& unit = *batch.Unit(i);
+        const uint64_t bit = static_cast<uint64_t>(1) << i;
+        if ((taken & bit) == 0 || unit.SideCount() == 0) {
+            continue;
+        }
+        news.last[i] = 0;
+        bool told = true;
+        if (unit.IsNumbered()) {
+            uint32_t& number = entry.numbers[unit.NumberTrack()];
+            news.last[i] = number;
+            told = tells_all || (number != 0 && unit.Number() - number != 1);
+            number = unit.Number();
+        }
+        news.units |= told ? bit : 0;
+    }
+}
+
+void CSinkGroup::tell(const CUnitBatch& batch, size_t index, CMediaStreamSender& sender, const CNews& news) {
+    const CMediaStreamSender::send_proc_t proc = sender.proc();
     bool called = false;
     for (unsigned int i = 0; i < batch.Count() && !proc.empty(); ++i) {
         const COutputUnit* unit = batch.Unit(i);
-        if ((taken & (static_cast<uint64_t>(1) << i)) == 0) {
-            continue;
-        }
-        for (unsigned int side = 0; side < unit->SideCount(); ++side) {
+        const bool told = (news.units & (static_cast<uint64_t>(1) << i)) != 0;
+        for (unsigned int side = 0; told && side < unit->SideCount(); ++side) {
             int length = 0;
             CMediaPacket* packet = unit->Side(side, &length);
             if (called && !stands_at(index, CGroupSink(&sender))) {
                 return;  // the procedure took its own sender away
             }
-            proc(packet, length, 0);
+            proc(packet, length, static_cast<int>(news.last[i]));
             called = true;
         }
     }
 }
 
-void CSinkGroup::write_level2(const CUnitBatch& batch, size_t index, CLevel2Buffer_IF& level2, uint64_t from_sequence) {
-    CPooledSink* pooled = batch.HasSides() ? dynamic_cast<CPooledSink*>(&level2) : nullptr;
+void CSinkGroup::put_level2(const CUnitBatch& batch, size_t index, CPooledSink& level2, uint64_t from_sequence) {
     bool called = false;
     for (unsigned int i = 0; i < batch.Count(); ++i) {
         const COutputUnit* unit = batch.Unit(i);
@@ -141,79 +186,161 @@ void CSinkGroup::write_level2(const CUnitBatch& batch, size_t index, CLevel2Buff
             unit->PutPart(part, level2);
             called = true;
         }
-        for (unsigned int side = 0; side < unit->SideCount() && pooled != nullptr && parts > 0; ++side) {
+        for (unsigned int side = 0; side < unit->SideCount() && parts > 0; ++side) {
             if (!stands_at(index, CGroupSink(&level2))) {
                 return;
             }
             int length = 0;
             CMediaPacket* packet = unit->Side(side, &length);
-            pooled->PutInfo(packet, length);
+            level2.PutInfo(packet, length);
         }
     }
 }
 
+// Marks the sink of a place as called; null if it leaves.
+CGroupSink CSinkGroup::begin_call(size_t index) {
+    CGuard guard(m_mutex);
+    const CPlace& place = m_places[index];
+    m_current = place.state == PLACE_USED ? place.sink : CGroupSink(nullptr);
+    return m_current;
+}
+
+void CSinkGroup::end_call() {
+    CGuard guard(m_mutex);
+    m_current = nullptr;
+    m_wait.Wake();
+}
+
 bool CSinkGroup::stands_at(size_t index, CGroupSink sink) {
     CGuard guard(m_mutex);
-    return m_sinks[index].sink == sink;
+    return m_places[index].state == PLACE_USED && m_places[index].sink == sink;
 }
 
 // True if units came meanwhile.
 bool CSinkGroup::end_turn() {
     CGuard guard(m_mutex);
     m_running = false;
-    m_sinks.erase(
-        std::remove_if(m_sinks.begin(), m_sinks.end(), [](const CEntry& entry) { return entry.sink == nullptr; }),
-        m_sinks.end());
+    for (size_t i = 0; m_any_left && i < m_places.size(); ++i) {
+        m_places[i].state = m_places[i].state == PLACE_LEFT ? PLACE_FREE : m_places[i].state;
+    }
+    m_any_left = false;
+    trim_locked();
     return !m_pending.Empty();
 }
 
 bool CSinkGroup::Add(CGroupSink sink, uint64_t from_sequence) {
-    CGuard guard(m_mutex);
-    try {
-        m_sinks.push_back(CEntry{sink, from_sequence});
-    } catch (const std::bad_alloc&) {
+    size_t index = 0;
+    CSinkEntry* entry = nullptr;
+    if (!reserve(index, entry)) {
         return false;
     }
-    ++m_count;
+    const bool entered = enter(sink, from_sequence, *entry);
+    CGuard guard(m_mutex);
+    CPlace& place = m_places[index];
+    place.sink = entered ? sink : CGroupSink(nullptr);
+    place.state = entered ? PLACE_USED : PLACE_FREE;
+    m_count += entered ? 1 : 0;
+    return entered;
+}
+
+// Takes a free place, or a new one behind the others. False if memory is short.
+bool CSinkGroup::reserve(size_t& index, CSinkEntry*& entry) {
+    CGuard guard(m_mutex);
+    index = 0;
+    while (index < m_places.size() && m_places[index].state != PLACE_FREE) {
+        ++index;
+    }
+    if (index == m_places.size()) {
+        CSinkEntry* behind = entry_behind_locked();
+        if (behind == nullptr) {
+            return false;
+        }
+        try {
+            m_places.push_back(CPlace{nullptr, PLACE_FREE, behind});
+        } catch (const std::bad_alloc&) {
+            return false;
+        }
+    }
+    m_places[index].state = PLACE_CHANGING;
+    entry = m_places[index].entry;
     return true;
+}
+
+CSinkEntry* CSinkGroup::entry_behind_locked() {
+    const size_t index = m_places.size();
+    CBlock* block = &m_first;
+    for (size_t first = BLOCK_ENTRIES; first <= index; first += BLOCK_ENTRIES) {
+        if (block->next == nullptr) {
+            block->next.reset(new (std::nothrow) CBlock);
+        }
+        if (block->next == nullptr) {
+            return nullptr;
+        }
+        block = block->next.get();
+    }
+    return &block->entries[index % BLOCK_ENTRIES];
+}
+
+bool CSinkGroup::enter(CGroupSink sink, uint64_t from_sequence, CSinkEntry& entry) {
+    {
+        const CTurnGuard turn(entry.turn);
+        entry.from_sequence = from_sequence;
+        entry.level2 = sink.Level2();
+        std::fill(std::begin(entry.numbers), std::end(entry.numbers), 0);
+    }
+    return sink.Sender() == nullptr || sink.Sender()->join(entry);
 }
 
 bool CSinkGroup::Has(CGroupSink sink) {
     CGuard guard(m_mutex);
-    return std::any_of(m_sinks.begin(), m_sinks.end(), [sink](const CEntry& entry) { return entry.sink == sink; });
+    return find_locked(sink) < m_places.size();
+}
+
+size_t CSinkGroup::find_locked(CGroupSink sink) {
+    size_t index = 0;
+    while (index < m_places.size() && (m_places[index].state != PLACE_USED || m_places[index].sink != sink)) {
+        ++index;
+    }
+    return index;
 }
 
 void CSinkGroup::Remove(CGroupSink sink) {
-    CGuard guard(m_mutex);
-    for (size_t i = 0; i < m_sinks.size(); ++i) {
-        if (m_sinks[i].sink == sink) {
-            remove_at_locked(i);
-            break;
+    size_t index = 0;
+    {
+        CGuard guard(m_mutex);
+        index = find_locked(sink);
+        if (index < m_places.size()) {
+            begin_removal_locked(index);
+        } else {
+            index = SIZE_MAX;
         }
     }
+    if (index != SIZE_MAX) {
+        end_removal(index, sink);
+    }
+    CGuard guard(m_mutex);
     wait_locked(sink);
 }
 
 void CSinkGroup::RemoveAll() {
-    CGuard guard(m_mutex);
-    while (m_count > 0) {
-        size_t index = 0;
-        while (m_sinks[index].sink == nullptr) {
-            ++index;
+    while (true) {
+        CGroupSink sink = nullptr;
+        {
+            CGuard guard(m_mutex);
+            for (const CPlace& place : m_places) {
+                sink = place.state == PLACE_USED ? place.sink : sink;
+            }
         }
-        const CGroupSink sink = m_sinks[index].sink;
-        remove_at_locked(index);
-        wait_locked(sink);
+        if (sink == nullptr) {
+            return;
+        }
+        Remove(sink);
     }
 }
 
-void CSinkGroup::remove_at_locked(size_t index) {
+void CSinkGroup::begin_removal_locked(size_t index) {
+    m_places[index].state = PLACE_CHANGING;
     --m_count;
-    if (m_running) {
-        m_sinks[index].sink = nullptr;
-    } else {
-        m_sinks.erase(m_sinks.begin() + static_cast<std::ptrdiff_t>(index));
-    }
     if (m_count == 0) {
         m_pending.Clear();
         m_pending_bytes = 0;
@@ -221,10 +348,49 @@ void CSinkGroup::remove_at_locked(size_t index) {
     }
 }
 
+// Waits for a write to the sink that runs; none begins behind it.
+void CSinkGroup::end_removal(size_t index, CGroupSink sink) {
+    m_mutex.enter();
+    CSinkEntry& entry = *m_places[index].entry;
+    m_mutex.leave();
+    if (sink.Sender() != nullptr) {
+        sink.Sender()->leave();
+    }
+    {
+        const CTurnGuard turn(entry.turn);
+        entry.level2 = nullptr;
+        entry.told = TOLD_NOTHING;
+    }
+    CGuard guard(m_mutex);
+    m_places[index].sink = nullptr;
+    m_places[index].state = m_running ? PLACE_LEFT : PLACE_FREE;
+    m_any_left = m_any_left || m_running;
+    trim_locked();
+    m_wait.Wake();
+}
+
+// Without a sink the memory goes.
+void CSinkGroup::trim_locked() {
+    bool all_free = m_count == 0 && !m_running;
+    for (size_t i = 0; all_free && i < m_places.size(); ++i) {
+        all_free = m_places[i].state == PLACE_FREE;
+    }
+    if (all_free) {
+        m_places.clear();
+        m_first.next.reset();
+    }
+}
+
+// Waits for another thread that removes the sink, and for one that calls it.
 void CSinkGroup::wait_locked(CGroupSink sink) {
-    while (m_current == sink && m_runner != std::this_thread::get_id()) {
+    while (changes_locked(sink) || (m_current == sink && m_runner != std::this_thread::get_id())) {
         m_wait.Wait(m_mutex);
     }
+}
+
+bool CSinkGroup::changes_locked(CGroupSink sink) {
+    return std::any_of(m_places.begin(), m_places.end(),
+                       [sink](const CPlace& place) { return place.state == PLACE_CHANGING && place.sink == sink; });
 }
 
 bool CSinkGroup::IsIdle() {

@@ -1,12 +1,16 @@
 #ifndef VIDORA_TRAMEL_SINKGROUP_H
 #define VIDORA_TRAMEL_SINKGROUP_H
 
+#include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <memory>
 #include <thread>
 #include <vector>
 
 #include "Tramel/CallWait.h"
+#include "Tramel/MediaCounters.h"
+#include "Tramel/SinkEntry.h"
 #include "Tramel/Strand.h"
 #include "Tramel/TrackGate.h"
 #include "Tramel/UnitBatch.h"
@@ -18,12 +22,13 @@ namespace Tramel {
 
 class CLevel2Buffer_IF;
 class CMediaStreamSender;
+class CPooledSink;
 
-// A sink of a group: one of both, or null for a place whose sink has left during a turn. A value.
+// A sink of a group: one of both, or null for a place without a sink. A value.
 class CGroupSink {
 public:
     explicit CGroupSink(CMediaStreamSender* sender) : m_sender(sender) {}
-    // A level-2 sink that may be called late, see CPooledSink.
+    // A CPooledSink, by its base: who removes it need not know what it is.
     explicit CGroupSink(CLevel2Buffer_IF* level2) : m_level2(level2) {}
     CGroupSink(std::nullptr_t) {}  // NOLINT: implicit on purpose
 
@@ -40,15 +45,18 @@ private:
 // CSinkGroup: some of a media buffer's sinks, senders and level-2 sinks, which one thread of the pool writes one after
 // another.
 //
-// Each turn takes the units that have come since, and hands every sender all of them in one call, so that units that
-// pile up while the pool is busy join into one vectored write. A level-2 sink is called with one packet after the
-// other.
+// Each turn takes the units that have come since, and hands every sender all of them in one write, so that units that
+// pile up while the pool is busy join into one vector. A level-2 sink is called with one packet after the other. Of a
+// sender that keeps up a turn touches its entry alone (see CSinkEntry); its queue is asked where something waits, and
+// the sender itself only for its send procedure.
 //
 // LIMITS     At most MAX_PENDING units or MAX_PENDING_BYTES wait for a turn. Then units are dropped for the whole
 //            group, by the rule of CStreamOutput: a track goes on at its next key frame. The putting thread helps out
-//            (RunHere) long before.
-// THREADING  All operations: any thread. Sinks are called with no lock held, by one thread at a time. Remove waits
-//            for a call of that sink on another thread, not for one that it is made from.
+//            (RunHere) long before. Places of sinks that have left are used again, and given back with the last sink.
+// THREADING  All operations: any thread. Sinks are called with no lock and no turn held, by one thread at a time.
+// Remove
+//            waits for a call of that sink on another thread, not for one that it is made from. Lock order: a sender's
+//            lock, its output's, an entry's turn, the group's own.
 class CSinkGroup final : public CStrand {
 public:
     static const size_t MAX_PENDING = 512;
@@ -66,7 +74,8 @@ public:
     // a turn on the pool; without a pool it is done here as well.
     void RunHere();
 
-    // `from_sequence`: the first unit that the sink gets. False if memory is short.
+    // `from_sequence`: the first unit that the sink gets. False if memory is short, or the sender is in a group
+    // already.
     bool Add(CGroupSink sink, uint64_t from_sequence);
     bool Has(CGroupSink sink);
     void Remove(CGroupSink sink);
@@ -75,28 +84,65 @@ public:
     // True if nothing waits for a turn and none runs.
     bool IsIdle();
 
+    // See CMediaStreamSender. For all groups.
+    static void TellAll(bool on) { s_tells_all.store(on); }
+
 protected:
     bool RunTurn() override;
 
 private:
-    struct CEntry {
+    static const size_t BLOCK_ENTRIES = 16;
+
+    // Entries don't move: outputs point to them.
+    struct CBlock {
+        CSinkEntry entries[BLOCK_ENTRIES];
+        std::unique_ptr<CBlock> next;
+    };
+    enum place_t {
+        PLACE_USED,
+        PLACE_CHANGING,  // an Add or a Remove is at it
+        PLACE_LEFT,      // free when the turn has ended that runs
+        PLACE_FREE
+    };
+    struct CPlace {
         CGroupSink sink;
-        uint64_t from_sequence;
+        place_t state;
+        CSinkEntry* entry;
+    };
+    // Side packets that a send procedure is to get.
+    struct CNews {
+        uint64_t units = 0;  // bit by index in the batch
+        uint32_t last[CUnitBatch::MAX_UNITS];
     };
 
-    bool take_pending(CUnitBatch& batch, size_t& sink_count);
-    CGroupSink next_sink(size_t& index, size_t sink_count, uint64_t& from_sequence);
-    void write_sender(const CUnitBatch& batch, size_t index, CMediaStreamSender& sender, uint64_t from_sequence);
-    void write_level2(const CUnitBatch& batch, size_t index, CLevel2Buffer_IF& level2, uint64_t from_sequence);
+    bool take_pending(CUnitBatch& batch, size_t& place_count);
+    void write_entry(const CUnitBatch& batch, size_t index, CSinkEntry& entry, CMediaTally& tally);
+    static uint64_t send(const CUnitBatch& batch, CSinkEntry& entry, CMediaTally& tally);
+    static void count_frames(const CUnitBatch& batch, uint64_t taken, CSinkEntry& entry, CNews& news);
+    void tell(const CUnitBatch& batch, size_t index, CMediaStreamSender& sender, const CNews& news);
+    void put_level2(const CUnitBatch& batch, size_t index, CPooledSink& level2, uint64_t from_sequence);
+    CGroupSink begin_call(size_t index);
+    void end_call();
     bool stands_at(size_t index, CGroupSink sink);
     bool end_turn();
-    void remove_at_locked(size_t index) VIDORA_REQUIRES(m_mutex);
+    bool reserve(size_t& index, CSinkEntry*& entry);
+    CSinkEntry* entry_behind_locked() VIDORA_REQUIRES(m_mutex);
+    static bool enter(CGroupSink sink, uint64_t from_sequence, CSinkEntry& entry);
+    size_t find_locked(CGroupSink sink) VIDORA_REQUIRES(m_mutex);
+    void begin_removal_locked(size_t index) VIDORA_REQUIRES(m_mutex);
+    void end_removal(size_t index, CGroupSink sink);
+    bool changes_locked(CGroupSink sink) VIDORA_REQUIRES(m_mutex);
+    void trim_locked() VIDORA_REQUIRES(m_mutex);
     void wait_locked(CGroupSink sink) VIDORA_REQUIRES(m_mutex);
 
+    static std::atomic<bool> s_tells_all;
+
+    CBlock m_first;
     Ostra::CMutex m_mutex;
     CCallWait m_wait;  // used with m_mutex
-    std::vector<CEntry> m_sinks VIDORA_GUARDED_BY(m_mutex);
-    size_t m_count VIDORA_GUARDED_BY(m_mutex) = 0;  // sinks without the gaps
+    std::vector<CPlace> m_places VIDORA_GUARDED_BY(m_mutex);
+    size_t m_count VIDORA_GUARDED_BY(m_mutex) = 0;  // of the used ones
+    bool m_any_left VIDORA_GUARDED_BY(m_mutex) = false;
     CUnitRing m_pending VIDORA_GUARDED_BY(m_mutex);
     size_t m_pending_bytes VIDORA_GUARDED_BY(m_mutex) = 0;
     CTrackGate m_gate VIDORA_GUARDED_BY(m_mutex);  // tracks that lost units behind the last pending one

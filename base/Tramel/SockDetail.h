@@ -2,10 +2,13 @@
 #define VIDORA_TRAMEL_SOCKDETAIL_H
 
 #include <sys/socket.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <climits>
 #include <cstddef>
+#include <cstdint>
 
 #include "Vidora/Tramel/Sock.h"
 #include "Vidora/Tramel/SockAddr.h"
@@ -30,6 +33,24 @@ inline int GetOption(int fd, int level, int name) {
     int value = -1;
     socklen_t length = sizeof(value);
     return ::getsockopt(fd, level, name, &value, &length) == 0 ? value : -1;
+}
+
+// As sendmsg, for a message that never blocks: without the C library's look at whether the thread is to be cancelled,
+// in front of each call and behind it.
+inline ssize_t SendNow(int fd, const struct msghdr& message) {
+    return static_cast<ssize_t>(syscall(SYS_sendmsg, fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT));
+}
+
+// Writes a vector to a stream socket: the bytes that it took, or -1 with errno set.
+inline int64_t WriteParts(int fd, const struct iovec* parts, unsigned int count) {
+    struct msghdr message = {};
+    message.msg_iov = const_cast<struct iovec*>(parts);
+    message.msg_iovlen = count;
+    ssize_t sent;
+    do {
+        sent = SendNow(fd, message);
+    } while (sent < 0 && errno == EINTR);
+    return sent;
 }
 
 inline int ClampInt(unsigned int value) {

@@ -31,8 +31,48 @@ uint64_t bit_of(unsigned int index) {
 
 }  // namespace
 
-int CStreamOutput::Attach(COutputFace* face, bool is_media, long exception_id) {
+void CStreamOutput::take_entry_locked() {
+    if (m_entry != nullptr) {
+        m_entry->turn.Take();
+        m_written += static_cast<int64_t>(m_entry->written);
+        m_entry->written = 0;
+    }
+}
+
+void CStreamOutput::give_entry_locked() {
+    if (m_entry != nullptr) {
+        publish_locked();
+        m_entry->turn.Give();
+    }
+}
+
+// Says whether a group's turn may write without asking this queue: while nothing waits, and no track for a key frame.
+void CStreamOutput::publish_locked() {
+    const bool keeps_up = m_sock != nullptr && !m_full && !m_failed && !m_gate.AnyWaiting();
+    m_entry->fd = keeps_up ? m_sock->GetHandle() : -1;
+    m_entry->slots = m_slots;
+}
+
+void CStreamOutput::SetEntry(CSinkEntry* entry) {
     CGuard guard(m_mutex);
+    if (m_entry != nullptr) {
+        take_entry_locked();
+        CSinkEntry& former = *m_entry;
+        m_entry = nullptr;
+        former.output = nullptr;
+        former.fd = -1;
+        former.turn.Give();
+    }
+    if (entry != nullptr) {
+        entry->turn.Take();
+        entry->output = this;
+        m_entry = entry;
+        give_entry_locked();
+    }
+}
+
+int CStreamOutput::Attach(COutputFace* face, bool is_media, long exception_id) {
+    const CHold hold(*this);
     if (m_sock == nullptr || (is_media && m_faces != nullptr && m_faces->m_is_media)) {
         return -1;
     }
@@ -42,6 +82,7 @@ int CStreamOutput::Attach(COutputFace* face, bool is_media, long exception_id) {
         face->m_next = m_faces;
         m_faces = face;
         m_gate = CTrackGate();
+        m_slots = ~0U;
     } else {
         COutputFace** place = &m_faces;
         while (*place != nullptr) {
@@ -59,7 +100,13 @@ int CStreamOutput::Attach(COutputFace* face, bool is_media, long exception_id) {
 }
 
 void CStreamOutput::Detach(COutputFace* face) {
-    CGuard guard(m_mutex);
+    {
+        CGuard guard(m_mutex);
+        if (face->m_is_media && face == m_faces) {
+            SetEntry(nullptr);
+        }
+    }
+    const CHold hold(*this);
     COutputFace** place = &m_faces;
     while (*place != nullptr && *place != face) {
         place = &(*place)->m_next;
@@ -84,7 +131,7 @@ void CStreamOutput::Detach(COutputFace* face) {
 }
 
 void CStreamOutput::SetExceptionId(COutputFace* face, long handler_id) {
-    CGuard guard(m_mutex);
+    const CHold hold(*this);
     face->m_exception_id = handler_id;
     if (m_failed) {
         tell_failure_locked(face);
@@ -92,7 +139,7 @@ void CStreamOutput::SetExceptionId(COutputFace* face, long handler_id) {
 }
 
 void CStreamOutput::SetSendTimeout(unsigned int seconds) {
-    CGuard guard(m_mutex);
+    const CHold hold(*this);
     m_timeout_s = seconds;
     stop_timer_locked();
     if (m_full) {
@@ -101,18 +148,18 @@ void CStreamOutput::SetSendTimeout(unsigned int seconds) {
 }
 
 void CStreamOutput::SetLimit(unsigned int bytes, unsigned int age_ms) {
-    CGuard guard(m_mutex);
+    const CHold hold(*this);
     m_limit_bytes = bytes != 0 ? bytes : m_limit_bytes;
     m_limit_age_ms = age_ms != 0 ? age_ms : m_limit_age_ms;
 }
 
 void CStreamOutput::RestTrack(unsigned int slot) {
-    CGuard guard(m_mutex);
+    const CHold hold(*this);
     m_gate.Rest(slot);
 }
 
 int CStreamOutput::SendText(const char* text, unsigned int length) {
-    CGuard guard(m_mutex);
+    const CHold hold(*this);
     flush_unwatched_locked();
     if (m_failed) {
         return -1;
@@ -157,44 +204,73 @@ int CStreamOutput::queue_text_locked(const char* text, unsigned int length, size
 }
 
 void CStreamOutput::ClearText() {
-    CGuard guard(m_mutex);
+    const CHold hold(*this);
     drop_waiting_locked(true, false);
 }
 
-uint64_t CStreamOutput::SendMedia(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots) {
-    CGuard guard(m_mutex);
-    const uint64_t taken = send_media_locked(batch, from_sequence, slots);
+void CStreamOutput::SetTracks(unsigned int slots, unsigned int anew) {
+    const CHold hold(*this);
+    m_slots = slots;
+    for (unsigned int i = 0; m_entry != nullptr && i < COutputUnit::OTHER_SLOT; ++i) {
+        m_entry->numbers[i] = (anew & (1U << i)) != 0 ? 0 : m_entry->numbers[i];
+    }
+}
+
+uint64_t CStreamOutput::SendMedia(const CUnitBatch& batch, uint64_t from_sequence) {
+    const CHold hold(*this);
+    return send_media_locked(batch, from_sequence);
+}
+
+uint64_t CStreamOutput::SendMediaInTurn(const CUnitBatch& batch) {
+    const uint64_t taken = send_media_locked(batch, m_entry->from_sequence);
+    publish_locked();
+    return taken;
+}
+
+uint64_t CStreamOutput::TakeRestInTurn(const CUnitBatch& batch, int64_t written, int error) {
+    const int64_t count = judge_locked(written, error);
+    const uint64_t taken = count < 0 ? 0 : take_rest_locked(batch, static_cast<size_t>(count));
+    m_tally.Tell();
+    publish_locked();
+    return taken;
+}
+
+uint64_t CStreamOutput::send_media_locked(const CUnitBatch& batch, uint64_t from_sequence) {
+    const uint64_t taken = choose_way_locked(batch, from_sequence);
     m_tally.Tell();
     return taken;
 }
 
-uint64_t CStreamOutput::send_media_locked(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots) {
+uint64_t CStreamOutput::choose_way_locked(const CUnitBatch& batch, uint64_t from_sequence) {
     flush_unwatched_locked();
     if (m_failed) {
         return 0;
     }
     if (m_full) {
-        return queue_chosen_locked(batch, from_sequence, slots);
+        return queue_chosen_locked(batch, from_sequence);
     }
-    const bool all = batch.Unit(0)->Sequence() >= from_sequence && (batch.Slots() & ~slots) == 0;
+    const bool all = batch.Unit(0)->Sequence() >= from_sequence && (batch.Slots() & ~m_slots) == 0;
     if (all && !m_gate.AnyWaiting()) {
         return send_batch_locked(batch);
     }
-    return send_chosen_locked(batch, from_sequence, slots);
+    return send_chosen_locked(batch, from_sequence);
 }
 
 // Sends on an idle socket; what it doesn't take begins the queue.
 uint64_t CStreamOutput::send_batch_locked(const CUnitBatch& batch) {
-    const uint64_t all = ~static_cast<uint64_t>(0) >> (CUnitBatch::MAX_UNITS - batch.Count());
     const int64_t count = write_locked(batch.Parts(), batch.PartCount());
     if (count < 0) {
         return 0;
     }
-    size_t sent = static_cast<size_t>(count);
-    if (sent == batch.Bytes()) {
+    if (static_cast<size_t>(count) == batch.Bytes()) {
         m_tally.Sent(batch.Packets(), batch.Bytes());
-        return all;
+        return batch.All();
     }
+    return take_rest_locked(batch, static_cast<size_t>(count));
+}
+
+// Queues what the socket hasn't taken of a batch.
+uint64_t CStreamOutput::take_rest_locked(const CUnitBatch& batch, size_t sent) {
     uint64_t taken = 0;
     for (unsigned int i = 0; i < batch.Count() && !m_failed; ++i) {
         COutputUnit* unit = batch.Unit(i);
@@ -212,12 +288,12 @@ uint64_t CStreamOutput::send_batch_locked(const CUnitBatch& batch) {
 }
 
 // The slow path of an idle socket: some units aren't for this sink, or a track waits for its key frame.
-uint64_t CStreamOutput::send_chosen_locked(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots) {
+uint64_t CStreamOutput::send_chosen_locked(const CUnitBatch& batch, uint64_t from_sequence) {
     CUnitBatch chosen;
     unsigned char index[CUnitBatch::MAX_UNITS];
     for (unsigned int i = 0; i < batch.Count(); ++i) {
         COutputUnit* unit = batch.Unit(i);
-        if (unit->Sequence() < from_sequence || (slots & (1U << unit->Slot())) == 0) {
+        if (unit->Sequence() < from_sequence || (m_slots & (1U << unit->Slot())) == 0) {
             continue;
         }
         if (!m_gate.Open(*unit)) {
@@ -239,12 +315,12 @@ uint64_t CStreamOutput::send_chosen_locked(const CUnitBatch& batch, uint64_t fro
     return taken;
 }
 
-uint64_t CStreamOutput::queue_chosen_locked(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots) {
+uint64_t CStreamOutput::queue_chosen_locked(const CUnitBatch& batch, uint64_t from_sequence) {
     drop_aged_locked(batch.Unit(batch.Count() - 1)->TimeMs());
     uint64_t taken = 0;
     for (unsigned int i = 0; i < batch.Count() && !m_failed; ++i) {
         COutputUnit* unit = batch.Unit(i);
-        if (unit->Sequence() >= from_sequence && (slots & (1U << unit->Slot())) != 0) {
+        if (unit->Sequence() >= from_sequence && (m_slots & (1U << unit->Slot())) != 0) {
             taken |= queue_media_locked(unit, 0) ? bit_of(i) : 0;
         }
     }
@@ -324,19 +400,17 @@ void CStreamOutput::uncount_locked(const COutputUnit& unit) {
 
 // Hands the socket a vector: the bytes that it took, 0 if it is full, -1 if it is broken; the queue has failed then.
 int64_t CStreamOutput::write_locked(const struct iovec* parts, unsigned int count) {
-    struct msghdr message;
-    std::memset(&message, 0, sizeof(message));
-    message.msg_iov = const_cast<struct iovec*>(parts);
-    message.msg_iovlen = count;
-    ssize_t sent;
-    do {
-        sent = ::sendmsg(m_sock->GetHandle(), &message, MSG_NOSIGNAL | MSG_DONTWAIT);
-    } while (sent < 0 && errno == EINTR);
-    if (sent >= 0) {
-        m_written += sent;
-        return sent;
+    const int64_t written = WriteParts(m_sock->GetHandle(), parts, count);
+    return judge_locked(written, errno);
+}
+
+// What a write, or its error, means: as of write_locked.
+int64_t CStreamOutput::judge_locked(int64_t written, int error) {
+    if (written >= 0) {
+        m_written += written;
+        return written;
     }
-    if (IsWouldBlock(errno)) {
+    if (IsWouldBlock(error)) {
         return 0;
     }
     fail_locked();
@@ -344,7 +418,7 @@ int64_t CStreamOutput::write_locked(const struct iovec* parts, unsigned int coun
 }
 
 uint64_t CStreamOutput::Unsent() {
-    CGuard guard(m_mutex);
+    const CHold hold(*this);
     if (m_failed) {
         return 0;
     }
@@ -359,7 +433,7 @@ int64_t CStreamOutput::in_socket_locked() {
 }
 
 void CStreamOutput::OnRegistered() {
-    CGuard guard(m_mutex);
+    const CHold hold(*this);
     if (m_full && !m_failed) {
         m_watching = nullptr;
         watch_locked();
@@ -367,7 +441,7 @@ void CStreamOutput::OnRegistered() {
 }
 
 void CStreamOutput::OnWritable() {
-    CGuard guard(m_mutex);
+    const CHold hold(*this);
     m_watching = nullptr;
     flush_unwatched_locked();
 }
@@ -489,7 +563,7 @@ void CStreamOutput::stop_timer_locked() {
 // The timer outlives short waits, so that a client at its limit costs no timer operations for each of them, and it
 // follows what the socket was full of to the last byte.
 void CStreamOutput::OnTimer(long timer_id) {
-    CGuard guard(m_mutex);
+    const CHold hold(*this);
     if (timer_id != m_timer_id || m_timer_face == nullptr) {
         return;
     }
@@ -512,7 +586,7 @@ void CStreamOutput::OnTimer(long timer_id) {
 }
 
 void CStreamOutput::OnSockGone() {
-    CGuard guard(m_mutex);
+    const CHold hold(*this);
     end_locked();
     m_sock = nullptr;
 }

@@ -4,6 +4,7 @@
 #include <cstdint>
 
 #include "Tramel/MediaCounters.h"
+#include "Tramel/SinkEntry.h"
 #include "Tramel/TrackGate.h"
 #include "Tramel/UnitBatch.h"
 #include "Tramel/UnitRing.h"
@@ -56,6 +57,9 @@ private:
 // THREADING  All operations: any thread; they lock for themselves. The lock is held over sendmsg, which never blocks,
 //            and over calls to the reactor; it is never held over a callback of a handler. Lock order: a sender's lock,
 //            this one, the reactor's.
+//            While the media face has a place in a group (SetEntry), the turn of that entry owns the state: who has the
+//            lock takes it as well, below the lock, and the group's turn takes nothing else. As long as nothing waits
+//            here the entry says so, and the group writes to the socket by itself.
 // OWNERSHIP  Shared by the socket and its senders. Borrows the socket, which says when it goes (OnSockGone), and the
 //            faces, from Attach to Detach.
 class CStreamOutput {
@@ -82,14 +86,23 @@ public:
     void SetLimit(unsigned int bytes, unsigned int age_ms);
     // Lets a track go on with its next key frame only.
     void RestTrack(unsigned int slot);
+    // The slots of the tracks that are on; all are when a media face is attached. Frame numbers of those of `anew`
+    // count anew.
+    void SetTracks(unsigned int slots, unsigned int anew);
+    // The place of the media face in a group; null for none.
+    void SetEntry(CSinkEntry* entry);
 
     // Queues control text and sends what the socket takes. 0, or -1: failed, or memory short.
     int SendText(const char* text, unsigned int length);
     // Drops the text that waits, except the rest of a unit that is begun.
     void ClearText();
-    // Sends, queues or drops the units of `batch` whose sequence is at least `from_sequence` and whose slot is in
-    // `slots`. The set of the units (bit by index) that were not dropped.
-    uint64_t SendMedia(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots);
+    // Sends, queues or drops the units of `batch` whose sequence is at least `from_sequence` and whose track is on. The
+    // set of the units (bit by index) that were not dropped.
+    uint64_t SendMedia(const CUnitBatch& batch, uint64_t from_sequence);
+    // The same for the holder of the entry's turn, with the entry's sequence; and what follows a bare write of the
+    // whole batch to the entry's socket that took `written` bytes, or failed with `error`.
+    uint64_t SendMediaInTurn(const CUnitBatch& batch) VIDORA_NO_THREAD_SAFETY_ANALYSIS;
+    uint64_t TakeRestInTurn(const CUnitBatch& batch, int64_t written, int error) VIDORA_NO_THREAD_SAFETY_ANALYSIS;
     // How much the peer's system hasn't taken: about the bytes that wait here, and those that the socket has. 0 if the
     // queue has failed.
     uint64_t Unsent();
@@ -105,13 +118,34 @@ public:
 private:
     static const unsigned int MAX_TOLD = 4;
 
-    uint64_t send_media_locked(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots)
-        VIDORA_REQUIRES(m_mutex);
+    // Owns the state for a scope: with the lock and, below it, the turn of the entry.
+    class VIDORA_SCOPED_CAPABILITY CHold {
+    public:
+        explicit CHold(CStreamOutput& output) VIDORA_ACQUIRE(output.m_mutex) : m_output(output) {
+            m_output.m_mutex.enter();
+            m_output.take_entry_locked();
+        }
+        ~CHold() VIDORA_RELEASE() {
+            m_output.give_entry_locked();
+            m_output.m_mutex.leave();
+        }
+        CHold(const CHold&) = delete;
+        CHold& operator=(const CHold&) = delete;
+
+    private:
+        CStreamOutput& m_output;
+    };
+
+    void take_entry_locked() VIDORA_REQUIRES(m_mutex);
+    void give_entry_locked() VIDORA_REQUIRES(m_mutex);
+    void publish_locked() VIDORA_REQUIRES(m_mutex);
+
+    uint64_t send_media_locked(const CUnitBatch& batch, uint64_t from_sequence) VIDORA_REQUIRES(m_mutex);
+    uint64_t choose_way_locked(const CUnitBatch& batch, uint64_t from_sequence) VIDORA_REQUIRES(m_mutex);
     uint64_t send_batch_locked(const CUnitBatch& batch) VIDORA_REQUIRES(m_mutex);
-    uint64_t send_chosen_locked(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots)
-        VIDORA_REQUIRES(m_mutex);
-    uint64_t queue_chosen_locked(const CUnitBatch& batch, uint64_t from_sequence, unsigned int slots)
-        VIDORA_REQUIRES(m_mutex);
+    uint64_t take_rest_locked(const CUnitBatch& batch, size_t sent) VIDORA_REQUIRES(m_mutex);
+    uint64_t send_chosen_locked(const CUnitBatch& batch, uint64_t from_sequence) VIDORA_REQUIRES(m_mutex);
+    uint64_t queue_chosen_locked(const CUnitBatch& batch, uint64_t from_sequence) VIDORA_REQUIRES(m_mutex);
     bool queue_media_locked(COutputUnit* unit, size_t sent) VIDORA_REQUIRES(m_mutex);
     int queue_text_locked(const char* text, unsigned int length, size_t sent) VIDORA_REQUIRES(m_mutex);
     void drop_aged_locked(uint64_t now_ms) VIDORA_REQUIRES(m_mutex);
@@ -119,6 +153,7 @@ private:
     void uncount_locked(const COutputUnit& unit) VIDORA_REQUIRES(m_mutex);
 
     int64_t write_locked(const struct iovec* parts, unsigned int count) VIDORA_REQUIRES(m_mutex);
+    int64_t judge_locked(int64_t written, int error) VIDORA_REQUIRES(m_mutex);
     void flush_unwatched_locked() VIDORA_REQUIRES(m_mutex);
     void flush_locked() VIDORA_REQUIRES(m_mutex);
     bool flush_once_locked() VIDORA_REQUIRES(m_mutex);
@@ -132,13 +167,15 @@ private:
     void tell_failure_locked(COutputFace* face) VIDORA_REQUIRES(m_mutex);
 
     Ostra::CMutex m_mutex;
-    CSock* m_sock VIDORA_GUARDED_BY(m_mutex);            // null: gone
-    CUnitRing m_ring VIDORA_GUARDED_BY(m_mutex);         // what waits
-    size_t m_begun VIDORA_GUARDED_BY(m_mutex) = 0;       // bytes of the front unit that are sent
-    size_t m_media_cost VIDORA_GUARDED_BY(m_mutex) = 0;  // media that waits, with UNIT_COST each
-    size_t m_text_cost VIDORA_GUARDED_BY(m_mutex) = 0;   // text that waits, likewise
-    CMediaTally m_tally VIDORA_GUARDED_BY(m_mutex);      // what the counters don't know yet
-    CTrackGate m_gate VIDORA_GUARDED_BY(m_mutex);        // tracks that lost units behind the queue's last
+    CSock* m_sock VIDORA_GUARDED_BY(m_mutex);     // null: gone
+    CUnitRing m_ring VIDORA_GUARDED_BY(m_mutex);  // what waits
+    CSinkEntry* m_entry VIDORA_GUARDED_BY(m_mutex) = nullptr;
+    unsigned int m_slots VIDORA_GUARDED_BY(m_mutex) = ~0U;  // tracks that are on, by COutputUnit::Slot
+    size_t m_begun VIDORA_GUARDED_BY(m_mutex) = 0;          // bytes of the front unit that are sent
+    size_t m_media_cost VIDORA_GUARDED_BY(m_mutex) = 0;     // media that waits, with UNIT_COST each
+    size_t m_text_cost VIDORA_GUARDED_BY(m_mutex) = 0;      // text that waits, likewise
+    CMediaTally m_tally VIDORA_GUARDED_BY(m_mutex);         // what the counters don't know yet
+    CTrackGate m_gate VIDORA_GUARDED_BY(m_mutex);           // tracks that lost units behind the queue's last
     // The socket took less than it was given, and no event has said since that there is room. Everything queues then,
     // also when the ring has run empty because its units grew too old.
     bool m_full VIDORA_GUARDED_BY(m_mutex) = false;

@@ -35,6 +35,8 @@ public:
     }
 
     unsigned int Count() const { return m_count; }
+    // The set of all units, bit by index. Not of an empty batch.
+    uint64_t All() const { return ~static_cast<uint64_t>(0) >> (MAX_UNITS - m_count); }
     COutputUnit* Unit(unsigned int index) const { return m_units[index]; }
     const struct iovec* Parts() const { return m_parts; }
     unsigned int PartCount() const { return m_part_count; }

@@ -8,6 +8,7 @@
 #include <thread>
 
 #include "Tramel/MediaStreamSender.h"
+#include "Tramel/NumberedPacket.h"
 #include "Tramel/PooledSink.h"
 #include "Tramel/SockStream.h"
 #include "Vidora/Tramel/Level2Buffer.h"
@@ -180,6 +181,80 @@ TEST_P(MediaBufferTest, DisabledTracksAndSidePackets) {
     m_buffer->DelSender(some.sender);
 }
 
+namespace {
+
+struct Numbered : CNumberedPacket {
+    Numbered(unsigned int frame_track, unsigned int frame_number) : track(frame_track), number(frame_number) {}
+    unsigned char* GetData() override { return reinterpret_cast<unsigned char*>(&number); }
+    uint32_t FrameTrack() const override { return track; }
+    uint32_t FrameNumber() const override { return number; }
+    uint32_t track, number;
+};
+
+// A sink that hears of gaps alone.
+struct GapSink : Sink {
+    GapSink() { sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(this, &GapSink::OnGap), TOLD_GAPS); }
+    void OnGap(CMediaPacket* packet, int, int before) {
+        std::lock_guard<std::mutex> guard(mutex);
+        told += std::to_string(before) + '>' + std::to_string(static_cast<Numbered*>(packet)->number) + ' ';
+    }
+    std::string Told() {
+        std::lock_guard<std::mutex> guard(mutex);
+        return told;
+    }
+    std::string told;
+};
+
+}  // namespace
+
+TEST_P(MediaBufferTest, OnlyGapsInTheNumbersOfFramesThatASinkTookAreTold) {
+    GapSink sink;
+    m_buffer->AddSender(sink.sender);
+    size_t units = 0;
+    const auto put_only = [&](unsigned int track, unsigned int number) {
+        ASSERT_EQ(0, m_buffer->PutFrameInfo(new Numbered(track, number), 4));
+        Put(*m_buffer, MediaBytes(static_cast<int>(track) * 2, number, false, 50), 1, static_cast<int>(track << 24));
+        EXPECT_TRUE(WaitUntil([&] { return m_buffer->IsIdle(); }));
+    };
+    const auto put = [&](unsigned int track, unsigned int number, bool taken = true) {
+        put_only(track, number);
+        units += taken ? 1 : 0;
+        EXPECT_TRUE(sink.Gets(units));
+    };
+    put(0, 5);
+    put(1, 90);
+    put(0, 6);
+    put(0, 8);  // of the source's own
+    put(1, 91);
+    sink.sender->DisableSendChannel(0);
+    put(0, 9, false);
+    sink.sender->SetSendChannel(0);
+    put(0, 11);  // what it didn't ask for is no gap
+    m_buffer->DelSender(sink.sender);
+    put(0, 12, false);
+    m_buffer->AddSender(sink.sender);
+    put(0, 14);
+    CMediaStreamSender::TellAll(true);
+    put(0, 15);
+    CMediaStreamSender::TellAll(false);
+    put(0, 16);
+    // A socket that takes nothing more: what is dropped is a gap when it goes on.
+    sink.sender->SetQueueLimit(1, 0);
+    sink.Say(TextBytes(1, 4 << 20));
+    put_only(0, 17);  // the queue takes one
+    put_only(0, 18);
+    put_only(0, 19);
+    units += 2;
+    EXPECT_TRUE(WaitUntil([&] {
+        sink.sender->handle_output(0);  // as a pool would
+        sink.Read();
+        return sink.reader.Count() >= units;
+    }));
+    put(0, 20);
+    EXPECT_EQ("6>8 14>15 17>20 ", sink.Told());
+    m_buffer->DelSender(sink.sender);
+}
+
 TEST_P(MediaBufferTest, Level2SinksGetEverythingAsItWasPutAndMayRemoveAnySink) {
     CMediaBuffer manual;  // without auto-send
     Sink sink;
@@ -203,6 +278,7 @@ TEST_P(MediaBufferTest, Level2SinksGetEverythingAsItWasPutAndMayRemoveAnySink) {
     EXPECT_EQ(-1, manual.Put(nullptr, 1, 1, 0));
     sink.Read();
     EXPECT_EQ(0u, sink.reader.Count());
+    manual.DelSender(sink.sender);
 }
 
 TEST_P(MediaBufferTest, PooledSinksGetAllThatIsPutInOrderAndOnThePutThreadOnlyIfTheyAreFewOrThereIsNoPool) {
@@ -398,6 +474,66 @@ TEST(MediaBufferPool, SendProcedureThatBlocksHoldsUpItsOwnGroupOnly) {
         EXPECT_TRUE(sink->Gets(number));
         EXPECT_EQ(Range(0, number), sink->reader.Numbers(0));
         buffer.DelSender(sink->sender);
+    }
+}
+
+// What a group's turn writes by itself and what others do with the same senders meanwhile.
+TEST_P(MediaBufferTest, SendersAreTalkedOnSwitchedMovedAndCutWhileTheyAreWritten) {
+    std::atomic<bool> stop{false};
+    std::vector<std::unique_ptr<Sink>> sinks;
+    for (int i = 0; i < 20; ++i) {
+        sinks.push_back(std::make_unique<Sink>(i % 2 == 0 ? 4096 : 65536));
+        m_buffer->AddSender(sinks.back()->sender);
+    }
+    std::atomic<unsigned int> frames{0}, next{0};
+    std::thread source([&] {
+        for (; !stop; ++frames) {
+            PutFrame(*m_buffer, frames, frames % 5 == 0, 700, static_cast<int>(frames % 2));
+            std::this_thread::yield();
+        }
+    });
+    RunTogether(2, [&] {
+        const size_t half = next++ * 10;
+        for (unsigned int step = 0; step < 600; ++step) {
+            EXPECT_TRUE(WaitUntil([&] { return frames >= step; }));
+            Sink& sink = *sinks[half + step % 10];
+            const auto take_out_and_in = [&] {
+                m_buffer->DelSender(sink.sender);
+                m_buffer->AddSender(sink.sender);
+            };
+            switch (step / 10 % 6) {
+                case 0:
+                    sink.Say(TextBytes(step, step * 10));
+                    break;
+                case 1:
+                    sink.sender->PauseSendChannel(1);
+                    break;
+                case 2:
+                    sink.sender->SetSendChannel(1);
+                    break;
+                case 3:
+                    take_out_and_in();
+                    break;
+                case 4:
+                    sink.sender->Attach(sink.sender->Detach());
+                    break;  // while it is in the buffer
+                default:
+                    EXPECT_GE(uint64_t{1} << 40, sink.sender->Unsent());
+            }
+            sink.Read();
+        }
+        sinks[half]->sock.Close();  // the group doesn't touch it again
+    });
+    for (size_t i = 0; i < sinks.size(); ++i) {
+        Sink& sink = *sinks[i];
+        const size_t units = sink.reader.Count();
+        EXPECT_TRUE(i % 10 == 0 || sink.Gets(units + 3)) << "it plays on";
+        EXPECT_FALSE(sink.reader.Broken());
+    }
+    stop = true;
+    source.join();
+    for (const auto& sink : sinks) {
+        m_buffer->DelSender(sink->sender);
     }
 }
 

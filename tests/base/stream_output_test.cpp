@@ -64,7 +64,7 @@ protected:
     bool Send(COutputUnit* unit) {
         CUnitBatch batch;
         batch.Add(unit);
-        const bool taken = m_queue.SendMedia(batch, 0, ~0U) == 1;
+        const bool taken = m_queue.SendMedia(batch, 0) == 1;
         unit->Release();
         return taken;
     }
@@ -132,7 +132,7 @@ TEST_F(QueueTest, BatchThatTheSocketTakesInPartGoesOnWhereItStopped) {
         unit->AddPacket(packet, static_cast<unsigned int>(packet->Size()), 1, 1);
         batch.Add(unit);
     }
-    EXPECT_EQ(~uint64_t{0}, m_queue.SendMedia(batch, 0, ~0U));
+    EXPECT_EQ(~uint64_t{0}, m_queue.SendMedia(batch, 0));
     for (unsigned int i = 0; i < batch.Count(); ++i) {
         batch.Unit(i)->Release();
     }

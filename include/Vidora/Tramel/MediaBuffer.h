@@ -19,8 +19,7 @@ class CMediaStreamSender;
 // the packet, wakes one thread of the pool and returns; that thread writes the groups, and leaves those that it hasn't
 // reached after 2 ms to all threads. Packets that come meanwhile leave in one vectored write a sender. While there is
 // no pool, or it doesn't keep up, the putting thread writes as well. The library's own senders over UDP, which are
-// level-2 sinks, are in these groups too, once EnableAutoSend was called; all other level-2 sinks are called inside
-// Put.
+// level-2 sinks, are in these groups too, once EnableAutoSend was called; all others are called inside Put.
 //
 // So a send procedure may run on the putting thread, which is the host's frame thread of the source, and does so with
 // few senders. The senders of a group are written one after another: a procedure that is slow holds up all of its group
@@ -30,9 +29,8 @@ class CMediaStreamSender;
 // A packet and the header put in front of it (flag 0) are one unit: sent or dropped together by a sender. A sender or
 // level-2 sink gets only what is put after it was added, beginning at any unit.
 //
-// THREADING  All operations: any thread; they lock for themselves. Sinks are called with no lock held: level-2 sinks of
-// a
-//            host on the putting thread, senders and their send procedures on the thread that writes.
+// THREADING  All operations: any thread; they lock for themselves. Sinks are called with no lock held: a host's level-2
+//            sinks on the putting thread, senders and their send procedures on the thread that writes.
 //            DelSender and DelLevel2Buffer wait for a call of that very sink that runs on another thread, and for no
 //            other. They may be called from inside any such call, also of the sink itself, which they then don't wait
 //            for. They may be called with locks held, as long as no level-2 sink and no send procedure takes those; and

@@ -1,0 +1,42 @@
+#ifndef VIDORA_TRAMEL_SINKENTRY_H
+#define VIDORA_TRAMEL_SINKENTRY_H
+
+#include <cstdint>
+
+#include "Tramel/OutputUnit.h"
+#include "Tramel/Turn.h"
+
+namespace Kavio {
+namespace Tramel {
+
+class CLevel2Buffer_IF;
+class CStreamOutput;
+
+// Which side packets a send procedure gets.
+enum told_t {
+    TOLD_NOTHING,
+    TOLD_GAPS,  // the numbered ones that don't follow the one before (see CNumberedPacket), and those without a number
+    TOLD_ALL
+};
+
+// CSinkEntry: what writing touches for a sink that keeps up. The entries of a group lie side by side, so that a turn
+// reads them one after another and nothing else of its sinks.
+//
+// THREADING  Who has the turn owns the entry, and the state of the output that it names. A group's turn takes nothing
+//            else; whoever wants the output on its own behalf takes the turn below the output's lock (CStreamOutput).
+struct CSinkEntry {
+    CTurn turn;
+    int fd = -1;             // 0 or above: the socket takes a whole batch by a bare write
+    unsigned int slots = 0;  // of the tracks that are on, while there is an output
+    told_t told = TOLD_NOTHING;
+    uint64_t from_sequence = 0;       // the first unit for this sink
+    uint64_t written = 0;             // bytes that have left by bare writes, and that the output hasn't counted yet
+    CStreamOutput* output = nullptr;  // null: it has no socket, or is a level-2 sink
+    CLevel2Buffer_IF* level2 = nullptr;
+    uint32_t numbers[COutputUnit::OTHER_SLOT] = {};  // of the last frame that it took, by track; 0: none yet
+};
+
+}  // namespace Tramel
+}  // namespace Kavio
+
+#endif  // VIDORA_TRAMEL_SINKENTRY_H
