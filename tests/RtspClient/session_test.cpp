@@ -126,6 +126,8 @@ struct Rule {
 // A session that sessions.txt tells, with replies that come whole or in pieces of so many bytes.
 class CSessionScriptTest : public CSessionTest, public testing::WithParamInterface<std::tuple<Script, size_t>> {
 protected:
+    CSessionScriptTest() { ClientTiming().reply_ms = 20000; }  // pieces take their time on a busy machine
+
     std::string Answer(const ServerRequest& request) {
         const auto rule =
             std::find_if(m_rules.begin(), m_rules.end(), [&](const Rule& each) { return each.Fits(request); });

@@ -1,4 +1,4 @@
-#include <algorithm>
+#include <map>
 #include <thread>
 
 #include "Tramel/Reactor.h"
@@ -98,21 +98,14 @@ class ClosingOrder : public Closing, public testing::WithParamInterface<std::tup
 TEST_P(ClosingOrder, IsSafe) {
     const std::string order = std::get<0>(GetParam());
     const bool at_leisure = std::get<1>(GetParam());
+    const std::map<char, std::function<void()>> acts = {
+        {'S', [this] { CloseServer(); }},
+        {'C', [this] { DeleteChannels(); }},
+        {'R', [this] { CloseRegistry(); }},
+        {'P', [] { EXPECT_EQ(0, CNetThread::DestroyThreadPool()); }},
+    };
     for (const char act : order) {
-        switch (act) {
-            case 'S':
-                CloseServer();
-                break;
-            case 'C':
-                DeleteChannels();
-                break;
-            case 'R':
-                CloseRegistry();
-                break;
-            default:
-                EXPECT_EQ(0, CNetThread::DestroyThreadPool());
-                break;
-        }
+        acts.at(act)();
         if (at_leisure) {
             std::this_thread::sleep_for(std::chrono::milliseconds(10));  // or else the acts overlap in their effects
         }

@@ -264,17 +264,11 @@ TEST_F(Soak, NothingIsLeftOfSessionsThatGoInEveryWay) {
             }
         });
         std::atomic<int> next{0};
-        std::vector<std::thread> clients;
-        for (int i = 0; i < CLIENT_THREADS; ++i) {
-            clients.emplace_back([&] {
-                for (int number = next++; number < sessions; number = next++) {
-                    RunSession(static_cast<unsigned int>(number));
-                }
-            });
-        }
-        for (std::thread& client : clients) {
-            client.join();
-        }
+        RunTogether(CLIENT_THREADS, [&] {
+            for (int number = next++; number < sessions; number = next++) {
+                RunSession(static_cast<unsigned int>(number));
+            }
+        });
         stop = true;
         churn.join();
         // The silent ones end by time-out, those that never read by their full sockets, which are still open here.
