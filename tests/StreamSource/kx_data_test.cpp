@@ -17,8 +17,7 @@
 #include "support/SampleTable.h"
 #include "support/TestHandler.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 using namespace Support;
@@ -465,5 +464,4 @@ TEST_F(KXDataTest, AFormatThatCannotBeDescribedBringsNoEmptyDescription) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

@@ -13,8 +13,7 @@
 #include "server/ServerFixture.h"
 #include "support/NatPeer.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 const char PICTURE_LOST_END[] = "\x80\x60\0\x01\0\0\x10\0\0\0\0\x05\x65\x88\x80\x10";  // without its marker
@@ -526,5 +525,4 @@ TEST(FlatTest, NullIsRefused) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

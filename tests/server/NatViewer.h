@@ -14,8 +14,7 @@
 #include "support/TestHandler.h"
 #include "support/UdpPeer.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 
 const char CLIENT_HELLO[] = "RTSP Client/2.0 NAT";
 const char SERVER_HELLO[] = "RTSP Server/2.0 NAT";
@@ -139,7 +138,6 @@ private:
     std::atomic<int> m_returns{0};
 };
 
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora
 
 #endif  // VIDORA_TESTS_SERVER_NATVIEWER_H

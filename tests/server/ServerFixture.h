@@ -23,8 +23,7 @@
 #include "support/RtspTestClient.h"
 #include "support/TestHandler.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 
 using namespace Support;
 
@@ -138,7 +137,6 @@ protected:
     std::vector<CLiveChannel*> m_channels;
 };
 
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora
 
 #endif  // VIDORA_TESTS_SERVER_SERVERFIXTURE_H

@@ -7,8 +7,7 @@
 #include "support/Loopback.h"
 #include "support/TestClock.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 
 namespace {
 
@@ -187,5 +186,4 @@ bool CServerTest::SessionsGone(unsigned int left) {
     return WaitUntil([left] { return CRtspSvr::GetSessionCount() <= left; });
 }
 
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

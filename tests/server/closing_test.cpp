@@ -8,8 +8,7 @@
 #include "support/Loopback.h"
 #include "support/UdpPeer.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 using Tramel::CNetThread;
@@ -249,5 +248,4 @@ TEST_F(LivingOn, OneOfTwoServersGoes) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

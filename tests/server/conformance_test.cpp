@@ -5,8 +5,7 @@
 #include "server/ServerFixture.h"
 #include "support/TestClock.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 class Conformance : public CServerTest {
@@ -171,5 +170,4 @@ TEST_F(Conformance, ReportsFollowTheFirstMediaAndNeverStep) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

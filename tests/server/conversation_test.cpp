@@ -10,8 +10,7 @@
 #include "support/TestClock.h"
 #include "support/UdpPeer.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 std::string encoded(const std::string& text) {
@@ -386,5 +385,4 @@ TEST_F(ConversationTest, RtpInfoNamesOnePacket) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

@@ -11,8 +11,7 @@
 #include "server/ServerFixture.h"
 #include "support/TestClock.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 std::string repeated(const char* text, int count) {
@@ -246,5 +245,4 @@ TEST_F(Hostile, CallbacksInWhichTheHostClosesEverything) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

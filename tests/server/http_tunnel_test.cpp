@@ -8,8 +8,7 @@
 #include "support/SampleTable.h"
 #include "support/TestClock.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 TEST(HttpHead, IsReadWithinItsBounds) {
@@ -88,5 +87,4 @@ TEST_F(HttpTunnel, ThousandsOfHalvesLeaveNothing) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

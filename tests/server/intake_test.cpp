@@ -5,8 +5,7 @@
 #include "support/Loopback.h"
 #include "support/TestClock.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 // A connection: the server's end is to be handed to it.
@@ -134,5 +133,4 @@ TEST_F(Intake, AServerNeedsAnAddressOfThisMachine) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

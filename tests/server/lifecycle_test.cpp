@@ -6,8 +6,7 @@
 #include "support/TestClock.h"
 #include "support/UdpPeer.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 class Lifecycle : public CServerTest {
@@ -123,5 +122,4 @@ TEST_F(Lifecycle, SessionsEndWhileTheyBegin) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

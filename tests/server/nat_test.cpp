@@ -6,8 +6,7 @@
 #include "support/StreamPeer.h"
 #include "support/TestClock.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 int StatusOf(const std::string& reply) {
@@ -322,5 +321,4 @@ TEST(NatSender, SendsWholePacketsOfTheTracksThatAreOn) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora

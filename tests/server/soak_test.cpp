@@ -16,8 +16,7 @@
 #include "support/Descriptors.h"
 #include "support/UdpPeer.h"
 
-namespace Kavio {
-namespace Vidora {
+namespace Kavio::Vidora {
 namespace {
 
 const int DEFAULT_SESSIONS = 420;
@@ -294,5 +293,4 @@ TEST_F(Soak, NothingIsLeftOfSessionsThatGoInEveryWay) {
 }
 
 }  // namespace
-}  // namespace Vidora
-}  // namespace Kavio
+}  // namespace Kavio::Vidora
