@@ -94,7 +94,7 @@ struct CFrame2Rtp::FrameHead {
     uint32_t interleave;  // that header without its length
     uint32_t first_word;  // version and payload type
     unsigned char time_and_source[8];
-    int last;            // index of the packet with the marker
+    int marked;          // index of the packet with the marker, -1 for none
     uint32_t extension;  // bytes of the first packet's header extension
     bool printed;
 };
@@ -107,7 +107,7 @@ inline CFrame2Rtp::FrameHead CFrame2Rtp::frame_head(const uint8_t* interleave) c
     }
     head.first_word = word_of(RTP_VERSION_2, m_payload_type & RTP_PAYLOAD_TYPE_MASK, 0);
     CByteWriter(head.time_and_source, sizeof(head.time_and_source)).WriteU64(uint64_t{timestamp()} << 32 | m_ssrc);
-    head.last = m_count - 1;
+    head.marked = m_marker ? m_count - 1 : -1;
     head.extension = GetExtensionSize();
     head.printed = IsPrinted(PRINT_OUTPUT);
     return head;
@@ -124,7 +124,8 @@ inline CFrame2Rtp::FrameHead CFrame2Rtp::frame_head(const uint8_t* interleave) c
     if (place == nullptr) {
         return;
     }
-    const uint32_t flags = (index == head.last ? RTP_MARKER : 0) | (extension > 0 ? RTP_EXTENSION_BIT : 0);
+    const bool marker = index == head.marked;
+    const uint32_t flags = (marker ? RTP_MARKER : 0) | (extension > 0 ? RTP_EXTENSION_BIT : 0);
     const uint32_t first_word = head.first_word | flags | sequence;
     if (head.framing > 0) {
         CByteWriter(place, 8).WriteU64(uint64_t{head.interleave | (len & 0xFFFF)} << 32 | first_word);
@@ -133,6 +134,9 @@ inline CFrame2Rtp::FrameHead CFrame2Rtp::frame_head(const uint8_t* interleave) c
         CByteWriter(place, 4).WriteU32(first_word);
     }
     std::memcpy(place + 4, head.time_and_source, 8);
+    if (m_bytes_per_tick > 0) {
+        CByteWriter(place + 4, 4).WriteU32(packet_timestamp(node));
+    }
     place += RTP_HEADER_LEN;
     if (extension > 0) {
         write_extension(CByteWriter(place, extension));
@@ -140,14 +144,18 @@ inline CFrame2Rtp::FrameHead CFrame2Rtp::frame_head(const uint8_t* interleave) c
     }
     node.Store(place);
     if (head.printed) {
-        print_packet(index, sequence, len);
+        print_packet(marker, sequence, len);
     }
 }
 
-void CFrame2Rtp::print_packet(int index, uint16_t sequence, uint32_t len) const {
+void CFrame2Rtp::print_packet(bool marker, uint16_t sequence, uint32_t len) const {
     R3Printf("Output RTP: ssrc[%08x] pt[%d] m[%d] seq[%04x] ts[%08x] len = %d\n", m_ssrc,
-             m_payload_type & RTP_PAYLOAD_TYPE_MASK, index == m_count - 1 ? 1 : 0, sequence, timestamp(),
-             static_cast<int>(len));
+             m_payload_type & RTP_PAYLOAD_TYPE_MASK, marker ? 1 : 0, sequence, timestamp(), static_cast<int>(len));
+}
+
+// Of the packet's first byte (RFC 3551 4.1).
+uint32_t CFrame2Rtp::packet_timestamp(const RtpPacketNode& node) const {
+    return timestamp() + static_cast<uint32_t>(node.body - m_nodes.begin()->body) / m_bytes_per_tick;
 }
 
 // RFC 3550 5.3.1, as it was given; of a JPEG picture with a word more.

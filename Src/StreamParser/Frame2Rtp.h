@@ -16,7 +16,8 @@ namespace Vidora {
 // CFrame2Rtp: cuts frames into RTP packets (RFC 3550) of one track.
 //
 // PutFrame makes descriptors only; GetPacket does the one copy. All packets of a frame carry one time stamp, the
-// timeline's start plus the frame's distance in milliseconds from the first frame, and the last one has the marker.
+// timeline's start plus the frame's distance in milliseconds from the first frame, and the last one has the marker; see
+// SetSound for where they don't.
 // A frame with a time stamp of 0 doesn't begin the timeline: the next one does.
 //
 // THREADING  No lock: one thread at a time.
@@ -44,6 +45,12 @@ public:
     void SetRtpInfo(uint32_t ssrc, uint8_t payload_type, uint16_t sequence, uint32_t timestamp, uint32_t clock_rate);
     // Whether the NAL units of H.264 are told apart; see rtp_cut_nal_units.
     void SetNalUnits(bool on) { m_nal_units = on; }
+    // Whether packets have the marker, and how many bytes of a frame take one tick of the clock: each packet has the
+    // time of its own first byte then. 0: all have that of the frame.
+    void SetSound(bool marker, uint32_t bytes_per_tick) {
+        m_marker = marker;
+        m_bytes_per_tick = bytes_per_tick;
+    }
     // Where the track is: the next sequence number, and the time stamp of the frame in work.
     void GetRtpInfo(RtpEncParam& param) const;
     // Adds to the flags. With RTP_FLAG_EXTENSION set, takes the extension for the first packet of each frame.
@@ -56,8 +63,9 @@ private:
     struct FrameHead;
     FrameHead frame_head(const uint8_t* interleave) const;
     void write_packet(CByteWriter& writer, const FrameHead& head, int index, uint16_t sequence) const;
+    uint32_t packet_timestamp(const RtpPacketNode& node) const;
     [[gnu::cold]] void write_extension(CByteWriter writer) const;
-    [[gnu::cold]] void print_packet(int index, uint16_t sequence, uint32_t len) const;
+    [[gnu::cold]] void print_packet(bool marker, uint16_t sequence, uint32_t len) const;
     uint32_t timestamp() const;
     const RtpPacketNode* current() const { return m_index < m_count ? m_nodes.begin() + m_index : nullptr; }
 
@@ -74,6 +82,8 @@ private:
     int m_index = 0;  // the current one; m_count behind the last
     uint32_t m_flags = 0;
     bool m_nal_units = false;
+    bool m_marker = true;
+    uint32_t m_bytes_per_tick = 0;
     uint8_t m_extension[RTP_EXTENSION_LEN] = {};
     unsigned char m_audio_headers[MPEG_AUDIO_HEADERS_LEN] = {};
     unsigned char m_quant_header[JPEG_QUANT_HEADER_LEN] = {};

@@ -25,6 +25,7 @@ constexpr int MEDIA_PID_BASE = 0x100;
 constexpr uint16_t TRANSPORT_STREAM_ID = 16;
 constexpr int FIRST_PROGRAM = 1;
 constexpr int MAX_SECTION = 64;
+constexpr int MAX_VERSION = 31;
 
 constexpr uint32_t FIXED_LEN = 6;              // packet header, adaptation length and flags
 constexpr uint32_t MAX_PAYLOAD = 182;          // every packet has an adaptation field of two bytes or more
@@ -82,12 +83,12 @@ void write_section(CByteWriter& writer, int pid, int continuity, CByteWriter& se
 }
 
 // What PAT and PMT have in common in front of their entries.
-void write_section_head(CByteWriter& section, uint8_t table_id, int section_len, int id) {
+void write_section_head(CByteWriter& section, uint8_t table_id, int section_len, int id, int version) {
     section.WriteU8(table_id);
     section.WriteU16(static_cast<uint16_t>(0xB000 | section_len));  // syntax 1, zero bit, reserved bits
     section.WriteU16(static_cast<uint16_t>(id));
-    section.WriteU8(0xC1);  // version 0, current
-    section.WriteU16(0);    // section 0 of 0
+    section.WriteU8(static_cast<uint8_t>(0xC1 | version << 1));  // current
+    section.WriteU16(0);                                         // section 0 of 0
 }
 
 // TS packets that a frame of `len` bytes takes.
@@ -109,10 +110,28 @@ CFrame2Ts::CFrame2Ts() {
 }
 
 void CFrame2Ts::SetTsInfo(int video_kind, int audio_kind, int packets_per_output) {
+    const TsProgramTable before = m_table;
     m_table.tracks[0].kind = video_kind;
     m_table.tracks[1].kind = audio_kind;
     const int max_packets = static_cast<int>(STREAM_BUFFER_LEN / TS_PACK_LEN);
     m_packets_per_output = packets_per_output < 1 ? DEFAULT_PACKETS : std::min(packets_per_output, max_packets);
+    change_tables(before);
+}
+
+void CFrame2Ts::SetVideoOnly(bool on) {
+    const TsProgramTable before = m_table;
+    m_table.track_count = on ? 1 : TS_MAX_TRACKS;
+    change_tables(before);
+}
+
+// Behind a change of what the PMT says: the next frame brings the new one.
+void CFrame2Ts::change_tables(const TsProgramTable& before) {
+    const bool changed = before.track_count != m_table.track_count || before.tracks[0].kind != m_table.tracks[0].kind ||
+                         before.tracks[1].kind != m_table.tracks[1].kind;
+    if (m_counts_tables && changed && m_frame_count > 0) {
+        m_version = (m_version + 1) & MAX_VERSION;
+        m_frame_count = 0;
+    }
 }
 
 int CFrame2Ts::PutFrame(const unsigned char* data, unsigned int len, int enc_type, uint64_t pts, uint8_t /*extra*/) {
@@ -165,7 +184,7 @@ bool CFrame2Ts::write_head(const unsigned char* data, uint32_t len, int track, u
 void CFrame2Ts::write_pat(CByteWriter& writer) const {
     unsigned char bytes[MAX_SECTION];
     CByteWriter section(bytes, sizeof(bytes));
-    write_section_head(section, 0, 4 * m_table.program_count + 9, TRANSPORT_STREAM_ID);
+    write_section_head(section, 0, 4 * m_table.program_count + 9, TRANSPORT_STREAM_ID, 0);
     section.WriteU16(FIRST_PROGRAM);
     section.WriteU16(static_cast<uint16_t>(RESERVED_AND_PID | m_table.pmt_pid));
     write_section(writer, PAT_PID, m_table_continuity, section);
@@ -176,7 +195,7 @@ void CFrame2Ts::write_pmt(CByteWriter& writer) const {
     unsigned char bytes[MAX_SECTION];
     CByteWriter section(bytes, sizeof(bytes));
     const bool valid_pcr = m_table.pcr_track >= 0 && m_table.pcr_track < m_table.track_count;
-    write_section_head(section, 2, 5 * m_table.track_count + 13, FIRST_PROGRAM);
+    write_section_head(section, 2, 5 * m_table.track_count + 13, FIRST_PROGRAM, m_version);
     section.WriteU16(static_cast<uint16_t>(RESERVED_AND_PID | m_table.tracks[valid_pcr ? m_table.pcr_track : 0].pid));
     section.WriteU16(NO_DESCRIPTORS);  // of the program
     for (int track = 0; track < m_table.track_count; ++track) {

@@ -30,10 +30,10 @@ public:
     void SetTsInfo(int video_kind, int audio_kind, int packets_per_output);
 
     // Whether the tables name the video track alone.
-    void SetVideoOnly(bool on) { m_table.track_count = on ? 1 : TS_MAX_TRACKS; }
-
-    // Whether the tables' packets are counted as all others are (ISO 13818-1 2.4.3.3). Without it they have the counter
-    // 0 in each repetition, as they always had, and strict receivers take them for duplicates.
+    void SetVideoOnly(bool on);
+    // Whether the tables' packets are counted as all others are (ISO 13818-1 2.4.3.3), and a PMT that changes has a new
+    // version (2.4.4.9). Without it they have the counter 0 in each repetition, as they always had, and strict
+    // receivers take them for duplicates.
     void SetCountedTables(bool on) { m_counts_tables = on; }
 
     // As in IFrame2Packet. `extra` has no meaning here.
@@ -49,6 +49,7 @@ private:
     static constexpr uint32_t MAX_HEAD_LEN = 3 * TS_PACK_LEN;
 
     bool write_head(const unsigned char* data, uint32_t len, int track, uint64_t clock);
+    void change_tables(const TsProgramTable& before);
     void write_pat(Ostra::CByteWriter& writer) const;
     void write_pmt(Ostra::CByteWriter& writer) const;
     uint32_t write_first(Ostra::CByteWriter& writer, const unsigned char* data, uint32_t len, int track,
@@ -56,7 +57,8 @@ private:
     void write_unit(Ostra::CByteWriter& writer) const;
 
     int32_t m_packets_per_output = 0;
-    uint32_t m_frame_count = 0;  // frames taken so far
+    uint32_t m_frame_count = 0;  // frames taken since the tables changed
+    int m_version = 0;           // of the PMT
     TsProgramTable m_table;
     bool m_counts_tables = false;
     int m_table_continuity = 0;  // of both tables, which always come together

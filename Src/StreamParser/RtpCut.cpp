@@ -60,6 +60,11 @@ bool is_slice(unsigned char header) {
     return h264_nal_type(header) == H264_NAL_SLICE || h264_nal_type(header) == H264_NAL_IDR;
 }
 
+// RFC 6184 5.2: types 0 and 24 to 31 stand for packets of other kinds, so that no unit with them can be sent as it is.
+bool has_packet_type(unsigned char header) {
+    return h264_nal_type(header) > 0 && h264_nal_type(header) < H264_NAL_STAP_A;
+}
+
 // The next start code with a NAL header byte behind it.
 size_t next_nal(const unsigned char* data, size_t len, size_t from) {
     return len > START_CODE4_LEN ? find_start_code4(data, len - 1, from) : NO_START_CODE;
@@ -114,7 +119,7 @@ int rtp_cut_nal_units(const unsigned char* data, uint32_t len, CRtpPacketList& l
         while (end > start && data[end - 1] == 0) {
             --end;  // a longer start code, or padding: no NAL unit ends with a zero
         }
-        if (!append_nal(data + start, end - start, list)) {
+        if (end > start && has_packet_type(data[start]) && !append_nal(data + start, end - start, list)) {
             return -1;
         }
     }

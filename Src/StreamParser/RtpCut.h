@@ -25,7 +25,8 @@ int rtp_cut_plain(const unsigned char* data, uint32_t len, CRtpPacketList& list)
 // and FU-A; no STAP.
 int rtp_cut_h264(const unsigned char* data, uint32_t len, CRtpPacketList& list);
 
-// The same with each NAL unit as one of its own, behind start codes of three or four bytes (ISO 14496-10 annex B).
+// The same with each NAL unit as one of its own, behind start codes of three or four bytes (ISO 14496-10 annex B), but
+// those of types that no packet of its own can have.
 int rtp_cut_nal_units(const unsigned char* data, uint32_t len, CRtpPacketList& list);
 
 // MPEG audio (RFC 2250 3.5): pieces of 1436 bytes behind the 4-byte header, which is kept in `headers`. A frame of more

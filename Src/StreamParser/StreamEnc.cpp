@@ -199,6 +199,7 @@ int CStreamEnc::SetParam(const RtpEncParam& param) {
     m_rtp_param = param;
     if (m_rtp_packer != nullptr) {
         m_rtp_packer->SetNalUnits((param.flags & RTP_FLAG_NAL_UNITS) != 0);
+        m_rtp_packer->SetSound((param.flags & RTP_FLAG_NO_MARKER) == 0, param.bytes_per_tick);
         if ((param.flags & RTP_FLAG_EXTENSION) != 0) {
             m_rtp_packer->SetRtpFlags(param.flags, param.extension);
         } else {

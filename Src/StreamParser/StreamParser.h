@@ -60,6 +60,8 @@ struct RtpDecParam {
 constexpr uint32_t RTP_FLAG_EXTENSION = 1;
 // Bit 1: each NAL unit of H.264 is sent as one of its own (RFC 6184 5.2).
 constexpr uint32_t RTP_FLAG_NAL_UNITS = 2;
+// Bit 2: sound as RFC 3551 4.1 has it: no packet has the marker, which would begin a talkspurt.
+constexpr uint32_t RTP_FLAG_NO_MARKER = 4;
 constexpr int RTP_EXTENSION_LEN = 16;
 
 struct RtpEncParam {
@@ -70,6 +72,7 @@ struct RtpEncParam {
     uint32_t ssrc = 0;
     uint32_t clock_rate = 90000;  // ticks a second
     uint32_t flags = 0;
+    uint32_t bytes_per_tick = 0;  // not 0: each packet has the time of its own first byte; 0: that of its frame
     uint8_t extension[RTP_EXTENSION_LEN] = {};  // profile, length in words, contents (RFC 3550 5.3.1), as sent
 };
 
@@ -78,7 +81,7 @@ struct TsEncParam {
     int32_t audio_enc_type = ENC_TYPE_NONE;
     int32_t packets_per_output = 7;  // TS packets in one output
     uint8_t video_only = 0;          // not 0: the tables name no second track
-    uint8_t counted_tables = 0;      // not 0: the tables' packets are counted as the standard has it
+    uint8_t counted_tables = 0;      // not 0: tables have numbers of packet and version; see CFrame2Ts
     uint8_t over_rtp = 0;            // not 0: RtpEncParam begins RTP headers (RFC 2250 2) in front of the outputs
 };
 

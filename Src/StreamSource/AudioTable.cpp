@@ -23,21 +23,24 @@ struct StandardRow {
     int payload_type;
     int clock_rate;  // 0: that of the samples
     const char* name;
+    int bytes_per_tick;
 };
 
 constexpr int DYNAMIC_PAYLOAD = 97;
 
 constexpr StandardRow STANDARD_TABLE[] = {
-    {STREAM_AUDIO_PCMA, 8000, 8, 0, "PCMA"},
-    {STREAM_AUDIO_PCMA_14, 8000, 8, 0, "PCMA"},
-    {STREAM_AUDIO_PCMU, 8000, 0, 0, "PCMU"},
-    {STREAM_AUDIO_G729, 8000, 18, 0, "G729"},
-    {STREAM_AUDIO_DVI4, 8000, 5, 0, "DVI4"},
-    {STREAM_AUDIO_DVI4, 16000, 6, 0, "DVI4"},
-    {STREAM_AUDIO_G721, 0, DYNAMIC_PAYLOAD, 0, "G726-32"},  // the same coding under its later name
-    {STREAM_AUDIO_G7231, 8000, 4, 0, "G723"},
-    {STREAM_AUDIO_L16, 44100, 11, 0, "L16"},
-    {STREAM_AUDIO_MPEG, 0, 14, 90000, "MPA"},  // static at every rate: RFC 3551 4.5.13
+    {STREAM_AUDIO_PCMA, 8000, 8, 0, "PCMA", 1},
+    {STREAM_AUDIO_PCMA_14, 8000, 8, 0, "PCMA", 1},
+    {STREAM_AUDIO_PCMU, 8000, 0, 0, "PCMU", 1},
+    {STREAM_AUDIO_G729, 8000, 18, 0, "G729", 0},
+    {STREAM_AUDIO_DVI4, 8000, 5, 0, "DVI4", 0},
+    {STREAM_AUDIO_DVI4, 16000, 6, 0, "DVI4", 0},
+    {STREAM_AUDIO_DVI4, 11025, 16, 0, "DVI4", 0},
+    {STREAM_AUDIO_DVI4, 22050, 17, 0, "DVI4", 0},
+    {STREAM_AUDIO_G721, 0, DYNAMIC_PAYLOAD, 0, "G726-32", 0},  // the same coding under its later name
+    {STREAM_AUDIO_G7231, 8000, 4, 0, "G723", 0},
+    {STREAM_AUDIO_L16, 44100, 11, 0, "L16", 2},   // one channel
+    {STREAM_AUDIO_MPEG, 0, 14, 90000, "MPA", 0},  // static at every rate: RFC 3551 4.5.13
 };
 
 // The row of the codec, that of its rate if there is one; null for none.
@@ -59,7 +62,7 @@ bool map_standard(int encode_type, int sample_rate, AudioMap& map) {
     }
     const bool is_static = row->sample_rate == 0 || row->sample_rate == sample_rate;
     map = {is_static ? row->payload_type : DYNAMIC_PAYLOAD, row->clock_rate != 0 ? row->clock_rate : sample_rate,
-           row->name};
+           row->name, row->bytes_per_tick};
     return true;
 }
 
@@ -74,7 +77,7 @@ bool MapAudio(int encode_type, int sample_rate, bool standard, AudioMap& map) {
         logError("%s:%d get_audio_playload faile\n", __FILE__, __LINE__);
         return false;
     }
-    map = {row->payload_type, sample_rate, row->name};
+    map = {row->payload_type, sample_rate, row->name, 0};
     return true;
 }
 

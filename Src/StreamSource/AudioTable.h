@@ -18,9 +18,10 @@ const AudioPayload* FindAudioPayload(int encode_type, int sample_rate);
 
 // How a track of sound is announced and stamped.
 struct AudioMap {
-    int payload_type;  // RTP payload number
-    int clock_rate;    // of the time stamps, a second
-    const char* name;  // encoding name of the SDP
+    int payload_type;    // RTP payload number
+    int clock_rate;      // of the time stamps, a second
+    const char* name;    // encoding name of the SDP
+    int bytes_per_tick;  // of that clock, where a frame may be cut into packets anywhere; 0 elsewhere
 };
 
 // Finds that for a codec at a rate in Hz. `standard`: by RFC 3551 alone, static payload numbers at their own rates and

@@ -85,25 +85,29 @@ void CTrackEncoders::add_tracks(const CFormatWatch& formats) {
     }
     if (formats.HasAudio()) {
         const StreamAudioFormat& audio = formats.GetAudio();
-        AudioMap map = {DYNAMIC_AUDIO_PAYLOAD, audio.sample_rate, ""};
+        AudioMap map = {DYNAMIC_AUDIO_PAYLOAD, audio.sample_rate, "", 0};
         MapAudio(audio.encode_type, audio.sample_rate, m_conformance, map);
         if (m_conformance && audio.encode_type == STREAM_AUDIO_MPEG) {
             m_ts_param.audio_enc_type = ENC_TYPE_MP3;
             m_ts_param.video_only = 0;
         }
-        add(audio.encode_type == STREAM_AUDIO_MPEG ? ENC_TYPE_MPEG_AUDIO : ENC_TYPE_AUDIO, map.payload_type,
-            map.clock_rate);
+        RtpEncParam& param = add(audio.encode_type == STREAM_AUDIO_MPEG ? ENC_TYPE_MPEG_AUDIO : ENC_TYPE_AUDIO,
+                                 map.payload_type, map.clock_rate);
+        param.flags |= m_conformance ? RTP_FLAG_NO_MARKER : 0;
+        param.bytes_per_tick = static_cast<uint32_t>(map.bytes_per_tick);
     }
     add(ENC_TYPE_ASSIST, 0, VIDEO_CLOCK);
     add(ENC_TYPE_ONVIF_METADATA, ONVIF_METADATA_PAYLOAD, VIDEO_CLOCK);
 }
 
-void CTrackEncoders::add(int enc_type, int payload_type, int clock_rate) {
+RtpEncParam& CTrackEncoders::add(int enc_type, int payload_type, int clock_rate) {
     RtpEncParam& param = m_tracks[m_count++].param;
     param.enc_type = enc_type;
     param.payload_type = static_cast<uint8_t>(payload_type);
     param.clock_rate = static_cast<uint32_t>(clock_rate);
-    param.flags |= m_conformance ? RTP_FLAG_NAL_UNITS : 0;
+    param.flags = (param.flags & RTP_FLAG_EXTENSION) | (m_conformance ? RTP_FLAG_NAL_UNITS : 0);
+    param.bytes_per_tick = 0;
+    return param;
 }
 
 void CTrackEncoders::Reset() {

@@ -61,7 +61,7 @@ private:
     };
 
     void add_tracks(const CFormatWatch& formats);
-    void add(int enc_type, int payload_type, int clock_rate);
+    RtpEncParam& add(int enc_type, int payload_type, int clock_rate);
     void count(int index, const RtpEncParam& param, unsigned int bytes, uint64_t pts_ms);
     void begin_anew(int index, CStreamParser& converter, RtpEncParam& param, bool& has_sent);
     static Converted convert(CStreamParser& parser, const Flumen::CMediaFrame& frame);

@@ -18,8 +18,9 @@ struct Packet {
     RtpHeader header;
 };
 
-// Cuts a frame into well-formed packets, the last of which has the marker.
-std::vector<Packet> cut(CFrame2Rtp& packer, const Bytes& frame, int enc_type, uint64_t pts = 1, uint8_t extra = 0) {
+// Cuts a frame into well-formed packets, the last of which has the marker if there is to be one.
+std::vector<Packet> cut(CFrame2Rtp& packer, const Bytes& frame, int enc_type, uint64_t pts = 1, uint8_t extra = 0,
+                        bool marked = true) {
     std::vector<Packet> packets;
     if (packer.PutFrame(frame.data(), static_cast<unsigned>(frame.size()), enc_type, pts, extra) != 0) {
         EXPECT_EQ(packer.GetPacketSize() + packer.GetTotalSize(), 0);
@@ -30,7 +31,7 @@ std::vector<Packet> cut(CFrame2Rtp& packer, const Bytes& frame, int enc_type, ui
         Packet packet;
         packet.bytes = unit;
         EXPECT_TRUE(rtp_parse_header(unit.data(), unit.size(), packet.header));
-        EXPECT_EQ(packet.header.marker, &unit == &units.back());
+        EXPECT_EQ(packet.header.marker, marked && &unit == &units.back());
         packet.payload = Part(unit, unit.size() - packet.header.payload_len);  // all headers stand in front
         packets.push_back(packet);
     }
@@ -58,7 +59,7 @@ std::vector<Bytes> collect_nals(const std::vector<Packet>& packets) {
 TEST(Frame2Rtp, NalUnitsAreToldApartIfTheyAreToBe) {
     CFrame2Rtp packer;
     packer.SetNalUnits(true);
-    const Bytes frame = FromHex("000001 67 ~19 00000001 65 ~3000 00000001 000001 65 ~6 000000");
+    const Bytes frame = FromHex("000001 67 ~19 00000001 7f ~9 00000001 65 ~3000 00000001 000001 65 ~6 000000");
     EXPECT_EQ(collect_nals(cut(packer, frame, ENC_TYPE_H264)), UnitsFromHex("67 ~19, 65 ~3000, 65 ~6"));
     EXPECT_TRUE(cut(packer, Bytes{1, 2, 3, 4, 5}, ENC_TYPE_H264).empty());
 }
@@ -72,6 +73,20 @@ TEST(Frame2Rtp, H264FrameSplitsAtParameterSetsAndNotAtSlices) {
         const std::vector<size_t> sizes = Numbers<size_t>(row[3]);
         for (size_t i = 0; i < sizes.size() && i < packets.size(); ++i) {
             EXPECT_EQ(packets[i].header.payload_len, sizes[i]) << i;
+        }
+    }
+}
+
+// RFC 3551 4.1: no marker within a talkspurt, and each packet has the time of its first sample.
+TEST(Frame2Rtp, PiecesOfSoundHaveTimesOfTheirOwn) {
+    CFrame2Rtp packer;
+    packer.SetRtpInfo(1, 11, 0, 5000, 44100);
+    packer.SetSound(false, 2);
+    for (const uint32_t start : {5000u, 5000u + 441 * 4}) {
+        const std::vector<Packet> packets = cut(packer, Ramp(3528), ENC_TYPE_AUDIO, start == 5000 ? 1 : 41, 0, false);
+        ASSERT_EQ(3u, packets.size());
+        for (size_t i = 0; i < packets.size(); ++i) {
+            EXPECT_EQ(start + 720 * i, packets[i].header.timestamp);
         }
     }
 }

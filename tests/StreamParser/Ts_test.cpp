@@ -103,6 +103,18 @@ TEST(Frame2Ts, TracksTablesAndClockOverManyFrames) {
     }
 }
 
+TEST(Frame2Ts, ChangedTablesComeAtOnceWithANewVersion) {
+    CFrame2Ts packer;
+    packer.SetCountedTables(true);
+    const int kinds[] = {STREAM_KIND_H264, STREAM_KIND_H264, STREAM_KIND_MPEG4};
+    const std::vector<Bytes> expected = {FromHex("c1"), {}, FromHex("c3")};  // version and current flag
+    for (size_t i = 0; i < 3; ++i) {
+        packer.SetTsInfo(kinds[i], STREAM_KIND_MP3, 7);
+        const std::vector<Bytes> packets = packets_of(packer, Bytes(100, 1), ENC_TYPE_H264, 0);
+        EXPECT_EQ(expected[i], packets.size() < 3 ? Bytes() : Part(payload_of(packets[1]), 6, 1));
+    }
+}
+
 TEST(Frame2Ts, UnitsAndRefusals) {
     const struct {
         int per_output, count;
