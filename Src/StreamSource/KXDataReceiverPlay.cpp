@@ -20,7 +20,7 @@ UtcTime to_utc(const CTime& time) {
 
 void CKXDataReceiver::SetConformance(bool on) {
     CGuard guard(m_mutex);
-    m_window.SetExactEnd(on);
+    m_window.SetExact(on);
     m_encoders.SetConformance(on);
 }
 
@@ -31,7 +31,7 @@ int CKXDataReceiver::Play(uint64_t start_us, uint64_t end_us, float speed) {
     CGuard start_guard(m_start_mutex);
     CGuard guard(m_mutex);
     const CTime start = m_window.At(start_us);
-    const CTime end = m_window.At(end_us);
+    const CTime end = m_window.EndAt(end_us);
     guard.Leave();
     return set_play(start, end, speed);
 }
@@ -101,7 +101,11 @@ bool CKXDataReceiver::seek(const CTime& start, const CTime& end, bool backwards)
         logError("%s:%d seekByTime fail\n", __FILE__, __LINE__);
         return false;
     }
+    if (first != CTime() && !m_stream_source->GetTime(now)) {
+        now = seek_to;
+    }
     CGuard last_guard(m_mutex);
+    m_window.BeginEarlier(backwards, now);
     m_window.SetLast(backwards, backwards ? start : end);
     return true;
 }

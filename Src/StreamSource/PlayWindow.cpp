@@ -10,6 +10,8 @@ namespace Vidora {
 namespace {
 
 const uint64_t US_PER_SECOND = 1000000;
+const uint64_t ROUNDING_US = 1000;        // a client's text of a length may be a little less than that
+const int64_t MAX_KEY_DISTANCE_SEC = 10;  // a source that tells a time further off tells that of its last frame
 
 bool is_given(const CTime& time) {
     return time.makeTime() > 0;
@@ -36,6 +38,13 @@ CTime CPlayWindow::At(uint64_t offset_us) const {
     return offset_us == TIME_NOT_GIVEN ? CTime() : m_file_begin + static_cast<int64_t>(offset_us / US_PER_SECOND);
 }
 
+CTime CPlayWindow::EndAt(uint64_t offset_us) const {
+    if (!m_exact || offset_us == TIME_NOT_GIVEN) {
+        return At(offset_us);
+    }
+    return offset_us + ROUNDING_US >= m_length_us ? m_file_end : At(offset_us + US_PER_SECOND - 1);
+}
+
 CTime CPlayWindow::SetFirst(bool backwards, const CTime& time, const CTime& now) {
     if (backwards) {
         m_end = is_given(time) ? std::min(time, m_file_end) : now;
@@ -43,6 +52,13 @@ CTime CPlayWindow::SetFirst(bool backwards, const CTime& time, const CTime& now)
     }
     m_start = is_given(time) ? std::max(time, m_file_begin) : now;
     return m_start;
+}
+
+void CPlayWindow::BeginEarlier(bool backwards, const CTime& time) {
+    const bool in_file = m_start <= m_file_end && time >= m_file_begin;
+    if (m_exact && !backwards && in_file && time < m_start && m_start - time <= MAX_KEY_DISTANCE_SEC) {
+        m_start = time;
+    }
 }
 
 void CPlayWindow::SetLast(bool backwards, const CTime& time) {
@@ -67,9 +83,13 @@ bool CPlayWindow::IsValid() const {
 }
 
 bool CPlayWindow::Excludes(const CTime& time) const {
-    const bool is_end = m_exact_end && time == m_end && m_end < m_file_end;
-    return time > m_end || is_end || (m_speed > 0.0F && time >= m_file_end) || time < m_start ||
-           (m_speed < 0.0F && time <= m_file_begin);
+    if (time > m_end || time < m_start) {
+        return true;
+    }
+    if (m_exact) {
+        return time == m_end && m_end < m_file_end;
+    }
+    return (m_speed > 0.0F && time >= m_file_end) || (m_speed < 0.0F && time <= m_file_begin);
 }
 
 uint64_t CPlayWindow::offset(const CTime& time) const {

@@ -114,7 +114,8 @@ public:
     virtual bool SetSpeed(float speed);
     virtual bool SeekByTime(const CTime& time);
     virtual bool StepFrame(int count, bool forward);
-    // The playing position as wall time.
+    // The playing position as wall time. With RTSP_SVR_CONFIG_CONFORMANCE it is asked for behind SeekByTime as well: a
+    // source that begins with a key frame up to ten seconds in front of what is sought tells the time of that.
     virtual bool GetTime(CTime& time);
     virtual bool GetSpeed(float& speed);
     // Wall times of the first and the last frame.

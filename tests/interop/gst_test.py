@@ -105,6 +105,12 @@ class GStreamer(unittest.TestCase):
                 with self.subTest(row=row):
                     self.assertEqual((b"", 0), (program.communicate(timeout=60)[1], program.returncode))
 
+    def test_recording_is_played_to_its_last_picture(self):
+        for options in ((), ("--as-described",)):
+            with Host(*options) as host, Player(host.url("1_0_clip.kav"), "tcp") as player:
+                self.assertIsNotNone(player.bus.timed_pop_filtered(60 * SECOND, Gst.MessageType.EOS))
+                self.assertEqual(100, len(player.times["video"]))
+
     def test_wrong_password_is_an_error(self):
         with Host("--user", "admin:secret") as host:
             with Player(host.url(), "tcp", "user-id=admin user-pw=secret") as player:

@@ -146,8 +146,13 @@ bool CFakeStreamSource::Stop(frame_proc_t proc) {
 }
 
 bool CFakeStreamSource::GetTime(CTime& time) {
-    time = m_settings.begin;
+    time = m_sought != 0 ? CTime(m_sought) : m_settings.begin;
     return true;
+}
+
+bool CFakeStreamSource::SeekByTime(const CTime& time) {
+    m_sought = time.makeTime() - time.makeTime() % m_settings.key_sec;
+    return record("Seek " + std::to_string(time.makeTime())) && !m_settings.seek_fails;
 }
 
 bool CFakeStreamSource::GetFileRange(CTime& begin, CTime& end) {

@@ -30,6 +30,7 @@ public:
         bool start_fails = false;
         bool seek_fails = false;
         bool null_source = false;  // the factory gives null
+        uint64_t key_sec = 1;      // begins with a second of which this is a divisor
         uint64_t length_us = 12500000;
         Vidora::CTime begin = Vidora::CTime(1600000000);
         Vidora::CTime end = Vidora::CTime(1600000012);
@@ -75,9 +76,7 @@ public:
     bool Pause() override { return record("Pause"); }
     bool Resume() override { return record("Resume"); }
     bool SetSpeed(float speed) override { return record("SetSpeed " + std::to_string(speed)); }
-    bool SeekByTime(const Vidora::CTime& time) override {
-        return record("Seek " + std::to_string(time.makeTime())) && !m_settings.seek_fails;
-    }
+    bool SeekByTime(const Vidora::CTime& time) override;
     bool GetTime(Vidora::CTime& time) override;
     bool GetFileRange(Vidora::CTime& begin, Vidora::CTime& end) override;
     bool GetFileRange(uint64_t& length_us) override;
@@ -91,6 +90,7 @@ private:
     bool record(const std::string& call);  // gives true
 
     Settings m_settings;
+    std::atomic<uint64_t> m_sought{0};
     std::atomic<long> m_receiver_id{0};
     Vidora::CMutex m_mutex;       // guards the record and the video format
     Vidora::CMutex m_give_mutex;  // held while a frame is given, so that Stop waits for it

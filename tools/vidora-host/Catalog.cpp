@@ -65,6 +65,7 @@ std::string shown(const std::string& content) {
 
 bool Catalog::Load(const Options& options, std::string& error) {
     const slices_t slices = options.as_described ? ONE_SLICE : ANY_SLICES;
+    m_seeks_before = !options.as_described;
     if (!options.recordings.empty()) {
         m_recordings = std::make_unique<RecordingStore>(options.recordings, slices);
     }
@@ -91,7 +92,7 @@ CStreamSource* Catalog::MakeSource(const char* content) const {
         Kavio::Ostra::logWarn("%s: %s\n", shown(content).c_str(), error.c_str());
         return nullptr;
     }
-    return new (std::nothrow) RecordingSource(*m_recordings, query, content);
+    return new (std::nothrow) RecordingSource(*m_recordings, query, content, m_seeks_before);
 }
 
 bool Catalog::WriteKav(const std::string& content, const std::string& path, std::string& error) const {

@@ -24,6 +24,7 @@ public:
 private:
     std::map<std::string, std::shared_ptr<const LiveClip>> m_live;
     std::unique_ptr<RecordingStore> m_recordings;  // null without a folder
+    bool m_seeks_before = false;                   // recordings begin with the key frame in front of what is sought
 };
 
 #endif  // VIDORA_HOST_CATALOG_H

@@ -18,6 +18,9 @@ namespace {
 // No frame is due later: a client may ask for a rate of next to nothing, and a file may tell any time.
 const double MAX_PLAY_MS = 1e12;
 
+const int64_t US_PER_SECOND = 1000000;
+const int64_t DEFAULT_RATE = 25;  // pictures a second, where a recording tells none
+
 // Above this rate, and backwards, only key frames go out.
 const float MAX_FULL_SPEED = 4.0F;
 
@@ -49,8 +52,8 @@ private:
     std::unique_ptr<OpenRecording> m_open;
 };
 
-RecordingSource::RecordingSource(RecordingStore& store, RecordingQuery query, std::string content)
-    : m_store(store), m_query(std::move(query)), m_content(std::move(content)) {}
+RecordingSource::RecordingSource(RecordingStore& store, RecordingQuery query, std::string content, bool begins_before)
+    : m_store(store), m_query(std::move(query)), m_content(std::move(content)), m_begins_before(begins_before) {}
 
 RecordingSource::~RecordingSource() = default;
 
@@ -150,7 +153,10 @@ bool RecordingSource::SeekByTime(const CTime& time) {
     if (!m_open) {
         return false;
     }
-    const size_t key = recording().FindKey(time.makeTime(), window().first_key, window().last_key);
+    size_t key = recording().FindKey(time.makeTime(), window().first_key, window().last_key);
+    if (m_begins_before && key > window().first_key && recording().Keys()[key].utc_sec > time.makeTime()) {
+        --key;
+    }
     m_now_sec = recording().Keys()[key].utc_sec;
     return order([key](Orders& orders) {
         orders.seeks = true;
@@ -176,7 +182,10 @@ bool RecordingSource::GetFileRange(uint64_t& length_us) {
     if (!m_open) {
         return false;
     }
-    length_us = static_cast<uint64_t>(std::max<int64_t>(0, window().last.time_ms - first().time_ms)) * 1000;
+    // The last picture is looked at, too.
+    const int64_t rate = recording().VideoFormat().frame_rate > 0 ? recording().VideoFormat().frame_rate : DEFAULT_RATE;
+    const int64_t span_us = std::max<int64_t>(0, window().last.time_ms - first().time_ms) * 1000;
+    length_us = static_cast<uint64_t>(span_us + US_PER_SECOND / rate);
     return true;
 }
 

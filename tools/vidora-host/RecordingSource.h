@@ -22,7 +22,7 @@
 class RecordingSource : public Kavio::Vidora::CStreamSource {
 public:
     // `content` is for the log. `store` outlives the source.
-    RecordingSource(RecordingStore& store, RecordingQuery query, std::string content);
+    RecordingSource(RecordingStore& store, RecordingQuery query, std::string content, bool begins_before);
 
     int Init(long receiver_id, int ext) override;
     Kavio::Vidora::src_type_t GetSrcType() override { return Kavio::Vidora::SRC_TYPE_FILE; }
@@ -84,6 +84,7 @@ private:
     RecordingStore& m_store;
     const RecordingQuery m_query;
     const std::string m_content;
+    const bool m_begins_before;
     long m_receiver_id = 0;
     std::shared_ptr<Answer> m_answer;
     std::unique_ptr<OpenRecording> m_open;  // null until the format is told, and for good if there is nothing to play
