@@ -110,8 +110,17 @@ bool CSvrConversation::PassRequest(const rtsp_msg_info& info, const char* text, 
 }
 
 bool CSvrConversation::SendChallenge(const char* request, unsigned int length, const char* challenge) {
-    m_codec.parse_request(request, length, nullptr);  // for its CSeq
-    return m_machine.put_tx_event(REPLY_KIND_AUTH, m_codec.generate_auth_reply(challenge), 0, 0);
+    CRtspRspParser codec;
+    read_aside(codec, request, length);
+    return m_machine.put_tx_event(REPLY_KIND_AUTH, codec.generate_auth_reply(challenge), 0, 0);
+}
+
+// Reads a request that isn't served, for its CSeq, by a codec of its own: m_codec may still hold one whose reply comes
+// later.
+int CSvrConversation::read_aside(CRtspRspParser& codec, const char* request, unsigned int length) const {
+    codec.SetConformance(m_config.GetConformance());
+    codec.set_session_id(m_codec.get_session_id());
+    return codec.parse_request(request, length, nullptr);
 }
 
 // Reports of the client are taken in and have no effect: not even a BYE (RFC 3550 6.6) ends anything.
@@ -205,10 +214,11 @@ int CSvrConversation::take_refused(int refusal, const char* text, int size) {
     if (refusal == CAuthGate::UNREAD) {
         return 1;
     }
-    if (refusal == CAuthGate::BUSY && m_codec.parse_request(text, static_cast<unsigned int>(size), nullptr) >= 0) {
-        return send_error(RTSP_STATUS_UNAVAILABLE);
-    }
-    return -1;
+    CRtspRspParser codec;
+    const bool is_early = refusal == CAuthGate::BUSY;
+    return is_early && read_aside(codec, text, static_cast<unsigned int>(size)) >= 0
+               ? send_text(codec.generate_error_reply(RTSP_STATUS_UNAVAILABLE))
+               : -1;
 }
 
 // A request that isn't served. By the standards' way it is answered and leaves everything as it was. Otherwise the

@@ -121,6 +121,7 @@ private:
     int on_refused(const StateEvent& event, int refusal);
     bool refuse_awaited(int refusal);
     int take_refused(int refusal, const char* text, int size);
+    int read_aside(CRtspRspParser& codec, const char* request, unsigned int length) const;
 
     // For the gate: false if the machine takes no more.
     bool PassRequest(const rtsp_msg_info& info, const char* text, unsigned int length) override;
@@ -138,6 +139,7 @@ private:
     int reply_describe();
     bool has_same_sdp();
     int on_setup(const StateEvent& event);
+    bool parts_from_others(const CTrack& track, const IMediaRoute& route);
     IMediaRoute* find_route(const transport_info& transport);
     int setup_track(CTrack& track, transport_info& transport);
 

@@ -1,5 +1,6 @@
 // DESCRIBE and SETUP: finding the source, describing it, and making the way for its media.
 
+#include <algorithm>
 #include <cstdio>
 #include <cstring>
 
@@ -170,7 +171,8 @@ int CSvrConversation::setup_track(CTrack& track, transport_info& transport) {
     track.set_up = true;
     IMediaRoute* route = find_route(transport);
     const int channel = m_source.GetTcpChannel(track.track_id);
-    const int result = route == nullptr ? RTSP_STATUS_UNSUPPORTED_TRANSPORT : route->SetUp(track, channel, transport);
+    const bool has_way = route != nullptr && !parts_from_others(track, *route);
+    const int result = has_way ? route->SetUp(track, channel, transport) : RTSP_STATUS_UNSUPPORTED_TRANSPORT;
     if (result != 0) {
         return result < 0 ? REFUSED_TRANSPORT : send_error(result);
     }
@@ -190,6 +192,16 @@ int CSvrConversation::setup_track(CTrack& track, transport_info& transport) {
         return REFUSED_FAILURE;
     }
     return send_text(reply);
+}
+
+// Whether the tracks that are set up go another way: all media of a session leave by one route. One that is set up
+// again may change over, and the others follow it.
+bool CSvrConversation::parts_from_others(const CTrack& track, const IMediaRoute& route) {
+    if (m_route == nullptr || m_route == &route || track.send_channel >= 0) {
+        return false;
+    }
+    return std::any_of(m_tracks.begin(), m_tracks.end(),
+                       [](const CTrack& other) { return other.set_up && other.send_channel >= 0; });
 }
 
 // A way for what the client wants; null if there is none.

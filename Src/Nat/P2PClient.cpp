@@ -58,6 +58,7 @@ int CP2PClient::start(const std::string& url, client_settings settings, int sock
 }
 
 int64_t CP2PClient::handle_timeout(long timer_id) {
+    const Ostra::CLogLimit::CScope log(m_log);
     if (!m_conversation.IsEnded()) {
         m_link.OnTick();
     }

@@ -247,6 +247,7 @@ bool CClientConversation::check_requests() {
             return false;
         }
     }
+    play_deferred();
     const bool due = m_state != CLIENT_INIT && m_keepalive.IsDue();
     if (due && send_keepalive() < 0) {
         logError("%s:%d send rtsp_keepalive fail\n", __FILE__, __LINE__);

@@ -2,6 +2,7 @@
 #define VIDORA_RTSPCLIENT_CLIENTCONVERSATION_H
 
 #include <atomic>
+#include <deque>
 #include <memory>
 #include <string>
 
@@ -135,6 +136,12 @@ public:
     void on_async_msg(const StateEvent&) {}
 
 private:
+    // A call of Play or Pause.
+    struct play_wish {
+        rtsp_method_t method;
+        client_play play;
+    };
+
     // Results of those that return an int: 0, or -1 when the request isn't sent or the reply ends the session, which is
     // notified then.
 
@@ -179,6 +186,10 @@ private:
     CStreamReceiver* make_receiver();
     void play(const client_play& play);
     void pause();
+    void play_now(const client_play& play);
+    void pause_now();
+    bool defer(const play_wish& wish);
+    void play_deferred();
 
     // Liveness. check_...: false if the session has ended.
     bool check_requests();
@@ -209,7 +220,8 @@ private:
     long m_track_code = 0;                // of the first track that failed
     rtsp_client_failure_t m_track_failure = RTSP_CLIENT_FAILURE_NONE;
     client_play m_play;
-    int m_reply_result = 0;  // of the operation that the last reply led to
+    std::deque<play_wish> m_wishes;  // asked for, and still to be sent
+    int m_reply_result = 0;          // of the operation that the last reply led to
     CClientRequests m_requests;
     CClientKeepAlive m_keepalive;
     CClientReports m_reports;

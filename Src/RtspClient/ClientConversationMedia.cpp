@@ -202,9 +202,12 @@ void CClientConversation::publish_range() {
 }
 
 void CClientConversation::play(const client_play& play) {
-    if (IsEnded() || m_state == CLIENT_INIT) {
-        return;
+    if (!IsEnded() && m_state != CLIENT_INIT && !defer({RTSP_METHOD_PLAY, play})) {
+        play_now(play);
     }
+}
+
+void CClientConversation::play_now(const client_play& play) {
     m_play = play;
     if (!m_receive.Exists() && start_media() < 0) {
         Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);
@@ -236,17 +239,52 @@ int CClientConversation::send_play() {
     return queue(RTSP_METHOD_PLAY, text, REQUEST_MAIN);
 }
 
-// A stream that doesn't run is as it was asked for; nothing need be sent. Nor for one that is about to be held: servers
-// refuse a second PAUSE, and the answer to the first one is both calls'.
+// Nothing is sent for a stream that is about to be held: servers refuse a second PAUSE, and the answer to the first one
+// is both calls'.
 void CClientConversation::pause() {
-    const rtsp_method_t last = m_requests.LastOfPlay();
-    if (IsEnded() || m_state == CLIENT_INIT || last == RTSP_METHOD_PAUSE) {
-        return;
+    const rtsp_method_t last = m_wishes.empty() ? m_requests.LastOfPlay() : m_wishes.back().method;
+    if (!IsEnded() && m_state != CLIENT_INIT && last != RTSP_METHOD_PAUSE && !defer({RTSP_METHOD_PAUSE, {}})) {
+        pause_now();
     }
+}
+
+// A stream that doesn't run is as it was asked for.
+void CClientConversation::pause_now() {
+    const rtsp_method_t last = m_requests.LastOfPlay();
     if (m_state != CLIENT_PLAYING && last != RTSP_METHOD_PLAY) {
         m_handler.Notify(m_owner_id, MSG_RTSP_PAUSE_READY, 0);
-    } else if (queue(RTSP_METHOD_PAUSE, m_parser.generate_pause(), REQUEST_MAIN) < 0) {
+    } else if (last != RTSP_METHOD_PAUSE && queue(RTSP_METHOD_PAUSE, m_parser.generate_pause(), REQUEST_MAIN) < 0) {
         Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);
+    }
+}
+
+// An application may ask faster than the server answers: with each frame. A server need not keep more than a few
+// requests; what comes behind them waits here, and of what is too much the last call counts. False for one that may be
+// sent.
+bool CClientConversation::defer(const play_wish& wish) {
+    if (m_wishes.empty() && m_requests.CountOfPlay() < CLIENT_MAX_PLAYS) {
+        return false;
+    }
+    if (m_wishes.size() == CLIENT_MAX_WISHES) {
+        m_wishes.pop_back();
+    }
+    try {
+        m_wishes.push_back(wish);
+    } catch (const std::bad_alloc&) {
+        return true;  // as if the server had refused it
+    }
+    return true;
+}
+
+void CClientConversation::play_deferred() {
+    while (!m_wishes.empty() && !IsEnded() && m_requests.CountOfPlay() < CLIENT_MAX_PLAYS) {
+        const play_wish wish = m_wishes.front();
+        m_wishes.pop_front();
+        if (wish.method == RTSP_METHOD_PLAY) {
+            play_now(wish.play);
+        } else {
+            pause_now();
+        }
     }
 }
 

@@ -178,6 +178,9 @@ void CClientConversation::take_reply(const char* text, unsigned int length, cons
     } else {
         take_success(request, text, length, info);
     }
+    if (request.IsOfPlay()) {
+        play_deferred();
+    }
 }
 
 void CClientConversation::take_refusal(const pending_request& request, int status) {

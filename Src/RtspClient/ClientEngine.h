@@ -4,6 +4,7 @@
 #include <new>
 #include <string>
 
+#include "Ostra/LogLimit.h"
 #include "RtspClient/ClientConversation.h"
 #include "RtspClient/ClientHandler.h"
 
@@ -34,8 +35,12 @@ public:
         Notify(GetID(), MSG_CLOSE, 0);
     }
 
-    int handle_input(int fd) override { return m_link.OnInput(fd); }
+    int handle_input(int fd) override {
+        const Ostra::CLogLimit::CScope log(m_log);
+        return m_link.OnInput(fd);
+    }
     int handle_message(long sender_id, unsigned int msg, long) override {
+        const Ostra::CLogLimit::CScope log(m_log);
         if (msg == MSG_CLOSE) {
             m_ending = true;
             m_conversation.End();
@@ -80,6 +85,7 @@ protected:
         });
     }
 
+    Ostra::CLogLimit m_log;  // each callback of the kinds that logs has its scope
     Link m_link;
     CClientConversation m_conversation;
 

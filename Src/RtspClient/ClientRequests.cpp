@@ -46,13 +46,17 @@ rtsp_method_t CClientRequests::LastOfPlay() const {
     rtsp_method_t method = RTSP_METHOD_UNKNOWN;
     int cseq = 0;
     for (const pending_request& waiting : m_requests) {
-        const bool is_play = waiting.method == RTSP_METHOD_PLAY || waiting.method == RTSP_METHOD_PAUSE;
-        if (is_play && waiting.kind == REQUEST_MAIN && waiting.cseq > cseq) {
+        if (waiting.IsOfPlay() && waiting.cseq > cseq) {
             method = waiting.method;
             cseq = waiting.cseq;
         }
     }
     return method;
+}
+
+unsigned int CClientRequests::CountOfPlay() const {
+    return static_cast<unsigned int>(std::count_if(m_requests.begin(), m_requests.end(),
+                                                   [](const pending_request& waiting) { return waiting.IsOfPlay(); }));
 }
 
 int CReplySlots::Reserve(char* out, int length) {

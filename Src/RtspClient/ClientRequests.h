@@ -24,6 +24,11 @@ struct pending_request {
     request_kind_t kind = REQUEST_MAIN;
     uint64_t sent_ms = 0;
     std::string body;  // of REQUEST_APPLICATION
+
+    // A PLAY or PAUSE of the conversation.
+    bool IsOfPlay() const {
+        return kind == REQUEST_MAIN && (method == RTSP_METHOD_PLAY || method == RTSP_METHOD_PAUSE);
+    }
 };
 
 // CClientRequests: the requests that wait for their reply, oldest first. Each is there, whatever the keep-alive.
@@ -40,8 +45,9 @@ public:
     // Takes the oldest out if it was sent `age_ms` ago or earlier.
     bool TakeOlder(uint64_t now_ms, unsigned int age_ms, pending_request& request);
     bool Waits(rtsp_method_t method) const;
-    // The method of the last PLAY or PAUSE of the conversation that waits; unknown if there is none.
+    // The method of the last PLAY or PAUSE of the conversation that waits; unknown if there is none. / How many wait.
     rtsp_method_t LastOfPlay() const;
+    unsigned int CountOfPlay() const;
 
 private:
     std::vector<pending_request> m_requests;

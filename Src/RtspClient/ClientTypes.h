@@ -66,6 +66,8 @@ struct client_timing {
 client_timing& ClientTiming();
 
 const unsigned int CLIENT_MAX_PENDING = 64;            // requests that wait for their reply
+const unsigned int CLIENT_MAX_PLAYS = 4;               // of these PLAY and PAUSE of the conversation
+const unsigned int CLIENT_MAX_WISHES = 16;             // calls that lead to such ones, and wait for those
 const unsigned int CLIENT_MAX_WORK = 256;              // calls of the application that wait for the strand
 const unsigned int CLIENT_MAX_BACK_BYTES = 64 * 1024;  // of back channel data that wait for the strand
 

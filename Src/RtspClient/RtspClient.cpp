@@ -74,18 +74,22 @@ void CRtspClient::on_resolved() {
 }
 
 int CRtspClient::handle_output(int fd) {
+    const Ostra::CLogLimit::CScope log(m_log);
     return m_link.OnOutput(fd);
 }
 
 int CRtspClient::handle_exception(int fd) {
+    const Ostra::CLogLimit::CScope log(m_log);
     return m_link.OnException(fd);
 }
 
 int CRtspClient::handle_output_timeout(int fd) {
+    const Ostra::CLogLimit::CScope log(m_log);
     return m_link.OnConnectTimeout(fd);
 }
 
 int64_t CRtspClient::handle_timeout(long timer_id) {
+    const Ostra::CLogLimit::CScope log(m_log);
     if (m_resolver.IsRunning() && ++m_resolve_ticks > ClientTiming().resolve_ticks) {
         m_resolver.Cancel();
         m_conversation.OnLinkFailed(RTSP_CLIENT_FAILURE_NAME);
@@ -94,6 +98,7 @@ int64_t CRtspClient::handle_timeout(long timer_id) {
 }
 
 int CRtspClient::handle_message(long sender_id, unsigned int msg, long param) {
+    const Ostra::CLogLimit::CScope log(m_log);
     if (msg == MSG_CLOSE) {
         m_resolver.Cancel();
     } else if (msg == MSG_RESOLVED) {

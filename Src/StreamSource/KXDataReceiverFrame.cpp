@@ -204,7 +204,7 @@ int CKXDataReceiver::put_ts_locked(const Flumen::CMediaFrame& frame, int track, 
         logError("%s:%d MediaFrame Input fail\n", __FILE__, __LINE__);
         return 0;
     }
-    const int tag = Tramel::MediaTag{static_cast<uint8_t>(is_video(frame.getType()) ? track : 0), kind}.Pack();
+    const int tag = Tramel::MediaTag{static_cast<uint8_t>(IsVideoLetter(frame.getType()) ? track : 0), kind}.Pack();
     for (size_t i = 0; i < m_buffers.Size(PACKET_TYPE_TS); ++i) {
         put_media(CMediaBufferRef(m_buffers.At(PACKET_TYPE_TS, i)), ts.packets, 1, tag);
     }

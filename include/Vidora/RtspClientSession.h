@@ -122,7 +122,7 @@ public:
     // Starts the stream, moves in a recording, or resumes after Pause. Seconds from the beginning of the recording; a
     // `begin` below 0: from where it is; an `end` of 0 or less: to its end. `speed`: 1.0 is real time; with `scale` it
     // is the Scale header (RFC 2326 12.34), otherwise Speed (12.35). 0, or -1 before MSG_RTSP_SETUP_READY or after the
-    // end. MSG_RTSP_PLAY_READY follows.
+    // end. MSG_RTSP_PLAY_READY follows; of more than 20 calls without an answer, the last one counts.
     int Play(float begin, float end, float speed, bool scale);
     // The same by wall time (RFC 2326 3.7), and by SMPTE time (3.5). Null: not given.
     int Play(UtcTime* begin, UtcTime* end, float speed, bool scale);

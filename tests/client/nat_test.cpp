@@ -110,6 +110,36 @@ TEST_F(CNatTest, RequestsLeaveOneByOne) {
     EXPECT_EQ(1, host.Count(MSG_RTSP_PAUSE_READY));
 }
 
+// As of a host that calls it with each frame.
+TEST_F(CNatTest, OfPlaysThatOvertakeTheServerTheLastCounts) {
+    std::atomic<bool> answers{true};
+    CNatPeer peer([&answers](const ServerRequest& request) {
+        const bool is_silent = request.method == "PLAY" && !answers;
+        return is_silent ? std::string() : CScriptedServer::Answer(request);
+    });
+    CNatHost host;
+    ASSERT_EQ(0, host.Start(peer.Url()));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    answers = false;
+    for (int i = 1; i <= 200; ++i) {
+        EXPECT_EQ(0, host.session->Play(static_cast<float>(i), 0.0F, 1.0F, false));
+    }
+    ASSERT_TRUE(WaitUntil([&] { return peer.Requests("PLAY").size() > 1; }));
+    answers = true;
+    EXPECT_TRUE(WaitUntil([&] { return peer.Requests("PLAY").back().text.find("npt=200") != std::string::npos; }));
+    // What the server says again and again is logged once a second.
+    const Support::CLogCapture log;
+    const int repeats = 40;
+    for (int i = 0; i < repeats; ++i) {
+        peer.Send("RTSP/1.0 200 OK\r\nCSeq: 9999\r\n\r\n");
+    }
+    host.session->Pause();
+    EXPECT_TRUE(host.WaitFor(MSG_RTSP_PAUSE_READY));
+    EXPECT_GT(log.Count("reply without request"), 0);
+    EXPECT_LT(log.Count("reply without request"), repeats / 2);
+    EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
+}
+
 TEST_F(CNatTest, StrangersAreNotHeard) {
     std::atomic<bool> hears{false};
     CNatPeer peer(&CScriptedServer::Answer, [&hears](const std::string&, bool) { return !hears; });
