@@ -18,7 +18,7 @@ namespace {
 const uint8_t VIDEO_PAYLOAD_TYPE = 96;
 const uint8_t AUDIO_PAYLOAD_TYPE = 8;
 
-bool is_video(int encode) {
+bool is_video_encoding(int encode) {
     return encode <= ENC_TYPE_JPEG;
 }
 
@@ -53,11 +53,11 @@ std::shared_ptr<CMulticastTrack> CMulticastTrack::CreateRtp(const frame_proc_t& 
     if (track == nullptr) {
         return nullptr;
     }
-    track->m_payload_type = is_video(info.encode) ? VIDEO_PAYLOAD_TYPE : AUDIO_PAYLOAD_TYPE;
+    track->m_payload_type = is_video_encoding(info.encode) ? VIDEO_PAYLOAD_TYPE : AUDIO_PAYLOAD_TYPE;
     RtpDecParam param;
     param.enc_type = info.encode;
     param.payload_type = track->m_payload_type;
-    param.kx_encode_type = is_video(info.encode) ? kx_video_code(info.encode) : uint8_t{KX_AUDIO_PCMU};
+    param.kx_encode_type = is_video_encoding(info.encode) ? kx_video_code(info.encode) : uint8_t{KX_AUDIO_PCMU};
     param.sample_rate_code = kx_sample_rate_code(info.sample_rate);
     return track->m_parser->SetParam(param) == PARSER_OK ? track : nullptr;
 }

@@ -3,10 +3,9 @@
 #include <atomic>
 #include <cstring>
 #include <fstream>
-#include <iostream>
 #include <thread>
 
-#include "Vidora/Vidora.h"
+#include "Serving.h"
 using namespace Kavio::Vidora;
 std::string g_image;
 
@@ -63,12 +62,15 @@ CStreamSource* make_source(const char*) {
     return new CSlideShow;
 }
 
-int main(int argc, char** argv) {
-    const int port = argc > 2 ? std::atoi(argv[1]) : 0;
-    std::ifstream file(argc > 2 ? argv[2] : "", std::ios::binary);
+bool load(const char* path) {
+    std::ifstream file(path, std::ios::binary);
     g_image.assign(std::istreambuf_iterator<char>(file), {});
-    if (port < 1 || port > 65535 || g_image.empty()) {
-        std::cerr << "usage: example_live_server PORT IMAGE.jpg" << std::endl;
+    return !g_image.empty();
+}
+
+int main(int argc, char** argv) {
+    const int port = port_of(argc, argv, "example_live_server PORT IMAGE.jpg", &load);
+    if (port == 0) {
         return 2;
     }
     CNetThread::CreateThreadPool(4, false);
@@ -83,16 +85,8 @@ int main(int argc, char** argv) {
     channel->Init(content, live->GetID(), TRANSF_TYPE_RTP);
     channel->AddDataSrc(source, 0);
     live->AddLiveChannel(content, channel, source);
-    CSockAddrStorage address("127.0.0.1", static_cast<unsigned short>(port));
-    if (CRtspSvr* server = CRtspSvr::Create(address)) {
-        server->SetLiveSvr(live);
-        server->SetConfig(config);
-        std::cout << "listening on 127.0.0.1; an empty line ends" << std::endl;
-        std::cin.get();
-        server->Stop();  // no new sessions
-        server->EndSessions(1000);
-        server->Close();
-    }
+    const bool served = serve(port, config, live);
     live->Close();
     CNetThread::DestroyThreadPool();
+    return served ? 0 : 1;
 }

@@ -6,13 +6,12 @@
 #include <condition_variable>
 #include <cstring>
 #include <fstream>
-#include <iostream>
 #include <iterator>
 #include <mutex>
 #include <thread>
 #include <vector>
 
-#include "Vidora/Vidora.h"
+#include "Serving.h"
 using namespace Kavio::Vidora;
 using Clock = std::chrono::steady_clock;
 using std::chrono::milliseconds;
@@ -212,23 +211,15 @@ CStreamSource* make_player(const char* content) {
 }
 
 int main(int argc, char** argv) {
-    const int port = argc > 2 ? std::atoi(argv[1]) : 0;
-    if (port < 1 || port > 65535 || !load(argv[2])) {
-        std::cerr << "usage: example_recording_server PORT FILE" << std::endl;
+    const int port = port_of(argc, argv, "example_recording_server PORT FILE", &load);
+    if (port == 0) {
         return 2;
     }
     CNetThread::CreateThreadPool(4, false);
     CRtspSvrConfig config;
     config.SetSrcFunc(&make_player);
     config.SetConformance(true);
-    CSockAddrStorage address("127.0.0.1", static_cast<unsigned short>(port));
-    if (CRtspSvr* server = CRtspSvr::Create(address)) {
-        server->SetConfig(config);
-        std::cout << "listening on 127.0.0.1; an empty line ends" << std::endl;
-        std::cin.get();
-        server->Stop();  // no new sessions
-        server->EndSessions(1000);
-        server->Close();
-    }
+    const bool served = serve(port, config, nullptr);
     CNetThread::DestroyThreadPool();
+    return served ? 0 : 1;
 }

@@ -37,11 +37,6 @@ void CNatLink::Open(const CSockAddrStorage& server, const std::shared_ptr<CSockD
     }
 }
 
-void CNatLink::fail(rtsp_client_failure_t failure) {
-    StopReading();
-    m_user.OnLinkFailed(failure);
-}
-
 void CNatLink::OnTick() {
     if (m_sock == nullptr) {
         return;

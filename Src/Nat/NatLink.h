@@ -5,7 +5,6 @@
 #include <memory>
 #include <string>
 
-#include "RtspClient/ClientHandler.h"
 #include "RtspClient/ClientLink.h"
 #include "Tramel/SockDgram.h"
 
@@ -24,12 +23,10 @@ namespace Vidora {
 //
 // THREADING  The strand of `handler`, but for the construction. While a receiver reads, this sends.
 // MEMORY     The requests that wait: CLIENT_MAX_PENDING, of 4 kB at most.
-class CNatLink final : public IClientLink {
+class CNatLink final : public CHandlerLink {
 public:
-    CNatLink(CClientHandler& handler, ILinkUser& user) : m_handler(handler), m_user(user) {}
+    using CHandlerLink::CHandlerLink;
     ~CNatLink() override;
-    CNatLink(const CNatLink&) = delete;
-    CNatLink& operator=(const CNatLink&) = delete;
 
     // Begins to say hello to `server`; OnLinkUp or OnLinkFailed follows, the latter also inside the call.
     void Open(const CSockAddrStorage& server, const std::shared_ptr<CSockDgram>& sock);
@@ -56,7 +53,6 @@ private:
         bool aged;  // a tick has passed since it left
     };
 
-    void fail(rtsp_client_failure_t failure);
     void say_hello();
     void repeat_request();
     void send_request();
@@ -64,8 +60,6 @@ private:
     void take(const DgramSlice& datagram, const CSockAddrStorage& from);
     void rise(const CSockAddrStorage& from);
 
-    CClientHandler& m_handler;
-    ILinkUser& m_user;
     std::shared_ptr<CSockDgram> m_sock;
     CSockAddrStorage m_server;  // as the URL has it, then where its hello came from
     bool m_up = false;

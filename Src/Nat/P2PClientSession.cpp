@@ -6,25 +6,17 @@
 
 #include "Nat/P2PClient.h"
 #include "Protocol/LogQuote.h"
+#include "RtspClient/ClientSessionState.h"
 #include "Vidora/SdpInfo.h"
-#include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
 namespace Vidora {
 
 // All under m_mutex, but for the buffer, which is constant.
-struct CP2PClientSession::Internal {
-    CMutex m_mutex;
-    CMediaBuffer m_buffer;
+struct CP2PClientSession::Internal : client_session_state {
     CP2PClient* m_client = nullptr;  // until it has gone
     long m_client_id = 0;
-    long m_notify_id = 0;  // 0: nothing is told any more
-    bool m_started = false;
-    bool m_ready = false;
-    bool m_closed = false;
-    client_settings m_settings;
     std::shared_ptr<client_sdp> m_sdp;  // what the host looks at
-    rtsp_client_failure_t m_failure = RTSP_CLIENT_FAILURE_NONE;
 
     // The conversation, unless it is over or Close was called.
     CClientConversation* Conversation() { return m_closed ? nullptr : &m_client->Conversation(); }
@@ -69,13 +61,9 @@ int CP2PClientSession::Start(const char* url, long handler_id, int sock_handle) 
 void CP2PClientSession::Close() {
     CGuard guard(m_internal->m_mutex);
     Internal& self = *m_internal;
-    if (self.m_closed) {
-        return;
+    if (self.BeginEnd(*this)) {
+        self.m_client->Close();
     }
-    self.m_closed = true;
-    self.m_notify_id = 0;
-    Tramel::CReactor::CountAsEnding(*this);  // it waits for its engine, also while the pool stops
-    self.m_client->Close();
 }
 
 CMediaBuffer* CP2PClientSession::GetMediaBuffer() {

@@ -1,6 +1,7 @@
 #ifndef VIDORA_RTSPCLIENT_CLIENTLINK_H
 #define VIDORA_RTSPCLIENT_CLIENTLINK_H
 
+#include "RtspClient/ClientHandler.h"
 #include "RtspClient/ClientTypes.h"
 #include "Vidora/Names.h"
 
@@ -54,6 +55,24 @@ public:
     virtual void StopReading() = 0;
     // Releases it; a receiver that was made keeps its share.
     virtual void CloseLink() = 0;
+};
+
+// CHandlerLink: what all links are made of: the handler whose sockets they watch, and who uses them.
+class CHandlerLink : public IClientLink {
+public:
+    CHandlerLink(CClientHandler& handler, ILinkUser& user) : m_handler(handler), m_user(user) {}
+    CHandlerLink(const CHandlerLink&) = delete;
+    CHandlerLink& operator=(const CHandlerLink&) = delete;
+
+protected:
+    // There is no link, or it broke: the conversation ends by it.
+    void fail(rtsp_client_failure_t failure) {
+        StopReading();
+        m_user.OnLinkFailed(failure);
+    }
+
+    CClientHandler& m_handler;
+    ILinkUser& m_user;
 };
 
 }  // namespace Vidora

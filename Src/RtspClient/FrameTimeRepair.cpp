@@ -2,6 +2,7 @@
 
 #include <cstdlib>
 
+#include "StreamParser/FrameLetter.h"
 #include "Vidora/KXFrame.h"
 
 namespace Kavio {
@@ -23,16 +24,12 @@ uint16_t in_order(bool known, uint16_t last, uint16_t value) {
     return known && step < 0 && step >= -NEW_BEGINNING_MS ? static_cast<uint16_t>(last + STEP_MS) : value;
 }
 
-bool is_video(uint8_t type) {
-    return type == KX_TYPE_I || type == KX_TYPE_P || type == KX_TYPE_B;
-}
-
 }  // namespace
 
 void CFrameTimeRepair::Modify(Flumen::CMediaFrame& frame) {
     KXHeader header;
     const bool known = kx_read_header(frame.getBuffer(), frame.size(), header);
-    if (!known || (header.frame_type != KX_TYPE_AUDIO && !is_video(header.frame_type))) {
+    if (!known || (header.frame_type != KX_TYPE_AUDIO && !IsVideoLetter(kx_letter_of_type(header.frame_type)))) {
         return;
     }
     const uint16_t value =

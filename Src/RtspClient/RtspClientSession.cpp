@@ -11,9 +11,9 @@
 #include "Ostra/NtpTime.h"
 #include "Protocol/LogQuote.h"
 #include "Protocol/RtspTables.h"
+#include "RtspClient/ClientSessionState.h"
 #include "RtspClient/RtspClient.h"
 #include "Vidora/SdpInfo.h"
-#include "Vidora/Tramel/MediaBuffer.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -61,21 +61,13 @@ void erase_authorization(CRtspParser::ext_keys_t& keys) {
 }  // namespace
 
 // All under m_mutex, but for the buffer, which is constant.
-struct CRtspClientSession::Internal {
-    CMutex m_mutex;
-    CMediaBuffer m_buffer;
+struct CRtspClientSession::Internal : client_session_state {
     CRtspClient* m_client = nullptr;  // null once closed; its strand frees it
     int m_engines = 0;                // that were made and haven't ended
-    long m_notify_id = 0;             // 0: nothing is told any more
-    bool m_started = false;
-    bool m_ready = false;
-    bool m_closed = false;
-    client_settings m_settings;
-    client_host m_origin;  // whose are the user and password
-    int m_redirects = 0;   // in a row
+    client_host m_origin;             // whose are the user and password
+    int m_redirects = 0;              // in a row
     long m_redirect_timer = 0;
     std::string m_redirect_url;
-    rtsp_client_failure_t m_failure = RTSP_CLIENT_FAILURE_NONE;
     RtspClientStatistics m_former;  // of engines that were replaced
     std::shared_ptr<client_sdp> m_views[MAX_KEPT_VIEWS];
     int m_next_view = 0;
@@ -153,17 +145,12 @@ int CRtspClientSession::SetOptions(int options) {
 void CRtspClientSession::Close() {
     CGuard guard(m_internal->m_mutex);
     Internal& self = *m_internal;
-    if (self.m_closed) {
+    if (!self.BeginEnd(*this)) {
         return;
     }
-    self.m_closed = true;
-    self.m_notify_id = 0;
-    self.m_ready = false;
     if (self.m_redirect_timer != 0) {
         DestroyTimer(self.m_redirect_timer);
     }
-    // It waits for its engines: also when the pool stops meanwhile.
-    Tramel::CReactor::CountAsEnding(*this);
     CRtspClient* client = self.m_client;
     self.m_client = nullptr;
     if (client != nullptr) {

@@ -68,11 +68,6 @@ void CTcpLink::watch_connect() {
     }
 }
 
-void CTcpLink::fail(rtsp_client_failure_t failure) {
-    StopReading();
-    m_user.OnLinkFailed(failure);
-}
-
 int CTcpLink::OnOutput(int fd) {
     if (m_sock == nullptr || fd != m_sock->GetHandle()) {
         return 0;

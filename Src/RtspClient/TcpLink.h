@@ -3,7 +3,6 @@
 
 #include <memory>
 
-#include "RtspClient/ClientHandler.h"
 #include "RtspClient/ClientLink.h"
 
 namespace Kavio {
@@ -13,12 +12,10 @@ namespace Vidora {
 //
 // THREADING  The strand of `handler`, but for the construction.
 // MEMORY     4 kB of input.
-class CTcpLink final : public IClientLink {
+class CTcpLink final : public CHandlerLink {
 public:
-    CTcpLink(CClientHandler& handler, ILinkUser& user) : m_handler(handler), m_user(user) {}
+    using CHandlerLink::CHandlerLink;
     ~CTcpLink() override;
-    CTcpLink(const CTcpLink&) = delete;
-    CTcpLink& operator=(const CTcpLink&) = delete;
 
     // Begins to connect; OnLinkUp or OnLinkFailed follows, the latter also inside the call.
     void Connect(const CSockAddrStorage& addr);
@@ -41,12 +38,9 @@ public:
 
 private:
     void watch_connect();
-    void fail(rtsp_client_failure_t failure);
     int finish_connect();
     int cut_messages();
 
-    CClientHandler& m_handler;
-    ILinkUser& m_user;
     std::shared_ptr<CSockStream> m_sock;
     CStreamSender* m_sender = nullptr;  // once connected; ended by its Close
     int m_received = 0;                 // bytes of m_buffer

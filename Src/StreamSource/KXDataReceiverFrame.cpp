@@ -3,6 +3,7 @@
 
 #include "FrameInfo.h"
 #include "MediaFrame.h"
+#include "StreamParser/FrameLetter.h"
 #include "StreamParser/KXLayout.h"
 #include "StreamSource/KXDataReceiver.h"
 #include "StreamSource/SourceGate.h"
@@ -19,10 +20,6 @@ namespace {
 
 const int RTP_INFO_LENGTH = 32;
 const int KX_INFO_LENGTH = 4;
-
-bool is_video(int type) {
-    return type == FRAME_TYPE_I || type == FRAME_TYPE_P || type == FRAME_TYPE_B;
-}
 
 // Puts a packet into a buffer, which takes it over unless memory is short or it is empty: then it ends here.
 bool put_packet(const CMediaBufferRef& buffer, CMediaPacket* packet, unsigned int size, int flag, int tag) {
@@ -124,7 +121,7 @@ int CKXDataReceiver::put_frame_locked(const Flumen::CMediaFrame& frame) {
 
 // Sound reaches the transport stream by the standards' way only.
 bool CKXDataReceiver::has_place_in_ts(int type) const {
-    return is_video(type) || (type == FRAME_TYPE_AUDIO && m_encoders.TsHasSound());
+    return IsVideoLetter(type) || (type == FRAME_TYPE_AUDIO && m_encoders.TsHasSound());
 }
 
 // The place in the track table; negative for a frame that goes nowhere. All but video and audio count as assist frames,
@@ -133,7 +130,7 @@ int CKXDataReceiver::find_track_locked(int type) {
     if (type == FRAME_TYPE_AUDIO) {
         return !m_formats.HasAudio() ? -1 : m_formats.HasVideo() ? 1 : 0;
     }
-    if (is_video(type)) {
+    if (IsVideoLetter(type)) {
         return m_formats.HasVideo() ? 0 : -1;
     }
     return m_assist_count <= 0 ? -1 : m_formats.HasVideo() && m_formats.HasAudio() ? 2 : 1;
@@ -230,7 +227,7 @@ void CKXDataReceiver::put_kx(const CMediaBufferRef& buffer, const Flumen::CMedia
         return;
     }
     const int type = frame.getType();
-    const bool is_media = is_video(type) || type == FRAME_TYPE_AUDIO;
+    const bool is_media = IsVideoLetter(type) || type == FRAME_TYPE_AUDIO;
     if (is_media) {
         put_info(buffer, frame, track, KX_INFO_LENGTH);
     }

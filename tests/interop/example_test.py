@@ -1,13 +1,13 @@
 #!/usr/bin/env python3
 """The example servers, read by FFmpeg and by the example client: example_test.py LIVE CLIENT PROXY RECORDING NAT
-MEDIA."""
+NAT_FRAMES MEDIA."""
 import contextlib
 import subprocess
 import sys
 
 from peers import Folder, ffmpeg, frame_digests, free_port, outcome
 
-LIVE, CLIENT, PROXY, RECORDING, NAT, MEDIA = sys.argv[1:]
+LIVE, CLIENT, PROXY, RECORDING, NAT, NAT_FRAMES, MEDIA = sys.argv[1:]
 CHANNEL = "cam/realmonitor?channel=1&subtype=0"
 
 
@@ -55,6 +55,8 @@ with Folder() as folder:
         point = f"127.0.0.1:{free_port()}"
         with listening(NAT, "point", point), listening(NAT, "device", point, "camera", f"127.0.0.1:{port}"):
             assert outcome(NAT, "viewer", point, "camera", CHANNEL, "5")[0] == 0
+            code, lines, errors = outcome(NAT_FRAMES, point, "camera", CHANNEL, "5")
+            assert code == 0 and lines.decode().count(" bytes") == 5, (code, lines, errors)
         process.communicate("\n", timeout=20)
         code, _, errors = outcome(CLIENT, url(port), "5")
         assert code == 1 and "ended" in errors, (code, errors)
