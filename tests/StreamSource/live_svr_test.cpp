@@ -201,6 +201,9 @@ TEST_F(LiveTest, ChannelDescribesUnicastAndMulticast) {
         EXPECT_EQ(std::string::npos, text.find("packetization-supported"));
         EXPECT_NE(std::string::npos, text.find("m=video 30000 RTP/AVP 96\r\n"));
         EXPECT_EQ(type == TRANSF_TYPE_RTP, text.find("m=audio 30002 RTP/AVP 8\r\n") != std::string::npos) << text;
+        ASSERT_EQ(1, channel->GetSdp(sdp, 1));  // with the tracks of private frames
+        const std::string whole = sdp.get_stream();
+        EXPECT_EQ(type == TRANSF_TYPE_RTP, whole.find("m=audio 30002 RTP/AVP 8\r\n") != std::string::npos) << whole;
         EXPECT_EQ(-1, channel->DelTransfDst(group, "127.0.0.1"));  // another interface is another destination
         EXPECT_EQ(0, channel->DelTransfDst(group, nullptr));
         EXPECT_EQ(0, source->running[PACKET_TYPE_RTP]);  // nobody had started it

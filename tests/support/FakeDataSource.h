@@ -76,11 +76,11 @@ public:
         --running[type];
         return Running() > 0 ? -1 : 0;
     }
-    using CDataSource::GetSdp;
     int GetSdp(Vidora::CSdpParser& parser) override {
         const CInside inside(*this);
         return parser.Parse(sdp.c_str(), 0);
     }
+    int GetSdp(Vidora::CSdpParser& parser, int) override { return GetSdp(parser); }
     int GetSrcInfo(Vidora::SrcInfo&, int) override { return 0; }
     int GetPlayRange(Vidora::UtcTime&, Vidora::UtcTime&) override { return -1; }
     int GetPlayRange(uint64_t&, uint64_t&) override { return -1; }
