@@ -152,6 +152,8 @@ private:
     bool turns_round(float speed) const;
     bool plays_from_edge() const;
     int reply_play();
+    int reply_live_replay();
+    const char* describe_play(const CTrack* single);
     int warn_play(refusal_t refusal);
     int build_rtp_info(const CTrack* single, rtp_info_entry* table, int* count);
     const char* generate_play_reply(const rtp_info_entry* entries, int count);

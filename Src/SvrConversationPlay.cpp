@@ -131,16 +131,22 @@ int CSvrConversation::on_replay(const StateEvent& event) {
         return REFUSED_UNREAD;
     }
     if (m_source.IsLive()) {
-        const char* reply = m_codec.generate_error_reply(RTSP_STATUS_OK);
-        if (reply == nullptr) {
-            logError("%s:%d, get reply 200 failed.\n", __FILE__, __LINE__);
-        }
-        return send_text(reply);
+        return reply_live_replay();
     }
     for (CTrack& track : m_tracks) {
         track.playing = false;
     }
     return m_source.Stop(m_packet_type) < 0 ? REFUSED_FAILURE : play_own_source(event);
+}
+
+// By the standards' way it says where the stream is and how fast it runs, as the first reply did.
+int CSvrConversation::reply_live_replay() {
+    const char* reply =
+        m_config.GetConformance() ? describe_play(nullptr) : m_codec.generate_error_reply(RTSP_STATUS_OK);
+    if (reply == nullptr) {
+        logError("%s:%d, get reply 200 failed.\n", __FILE__, __LINE__);
+    }
+    return send_text(reply);
 }
 
 // Answers PLAY and starts the media: in the request itself on a live channel, on MSG_PLAY_READY on a source of its own.
@@ -153,9 +159,7 @@ int CSvrConversation::reply_play() {
     if (found < 0) {
         return found;
     }
-    rtp_info_entry entries[CTrackTable::MAX_TRACKS];
-    int count = 0;
-    const char* reply = build_rtp_info(single, entries, &count) < 0 ? nullptr : generate_play_reply(entries, count);
+    const char* reply = describe_play(single);
     if (reply == nullptr) {
         return warn_play(REFUSED_FAILURE);
     }
@@ -193,6 +197,13 @@ int CSvrConversation::answer_own_play(const char* reply, const CTrack* single) {
 int CSvrConversation::warn_play(refusal_t refusal) {
     logWarn("%s:%d, this:%p.\n", "Vidora::CSvrSessionCore::reply_play", __LINE__, static_cast<void*>(this));
     return refusal;
+}
+
+// The reply to a PLAY of one track, or null for all; null if it can't be made.
+const char* CSvrConversation::describe_play(const CTrack* single) {
+    rtp_info_entry entries[CTrackTable::MAX_TRACKS];
+    int count = 0;
+    return build_rtp_info(single, entries, &count) < 0 ? nullptr : generate_play_reply(entries, count);
 }
 
 // One entry for each track that was set up, or for the one, with where its stream is now (RFC 2326 12.33).

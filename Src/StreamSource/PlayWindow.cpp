@@ -87,7 +87,7 @@ bool CPlayWindow::Excludes(const CTime& time) const {
         return true;
     }
     if (m_exact) {
-        return time == m_end && m_end < m_file_end;
+        return m_speed > 0.0F && time == m_end && m_end < m_file_end;
     }
     return (m_speed > 0.0F && time >= m_file_end) || (m_speed < 0.0F && time <= m_file_begin);
 }

@@ -76,7 +76,7 @@ TEST_F(Conformance, ARangeEndsAndNoTimeComesTwice) {
     EXPECT_EQ(200, client.Ask("SETUP", url + "/trackID=0", INTERLEAVED).status);
     std::set<std::string> seen;
     int resumes = 0;
-    for (const char* range : {"Range: npt=3-5\r\n", "Range: npt=1-5\r\n"}) {
+    for (const char* range : {"Range: npt=3-5\r\n", "Range: npt=1-5\r\n", "Range: npt=5-4\r\nScale: -1\r\n"}) {
         SCOPED_TRACE(range);
         EXPECT_EQ(200, client.Ask("PLAY", url, range).status);
         // The second one resumes the source, shortly after the reply.
@@ -86,7 +86,7 @@ TEST_F(Conformance, ARangeEndsAndNoTimeComesTwice) {
             ASSERT_TRUE(WaitUntil([=] { return GiveAt(CFakeStreamSource::Last(), second); }));
         }
         std::set<std::string> times = TimesOf(client, 10000);
-        EXPECT_EQ(2u, times.size());  // the second 5 is outside
+        EXPECT_EQ(2u, times.size());  // the second 5 is outside, or 3 backwards
         seen.merge(times);
         EXPECT_TRUE(times.empty()) << "a time came twice";
     }
