@@ -100,10 +100,8 @@ unsigned int CPacket::getExtraSize() const {
 }
 
 void CPacket::release() {
-    // Acquire-release: the last holder frees only after every other holder's reads and writes. Where this is the only
-    // one left, nobody can change the count, and a load does.
-    if (m_block != nullptr && (m_block->ref.load(std::memory_order_acquire) == 1 ||
-                               m_block->ref.fetch_sub(1, std::memory_order_acq_rel) == 1)) {
+    // Acquire-release: the last holder frees only after every other holder's reads and writes.
+    if (m_block != nullptr && m_block->ref.fetch_sub(1, std::memory_order_acq_rel) == 1) {
         m_block->~Block();
         ::operator delete(m_block);
     }

@@ -22,14 +22,15 @@ enum stream_audio_encode_t {
     STREAM_AUDIO_PCMA = 7,       // G.711 A-law. On the wire the same as 14, which is the one to take: clients of this
                                  // library tell their hosts 14
     STREAM_AUDIO_G729 = 8,       // plays, at 8000 Hz
-    STREAM_AUDIO_DVI4 = 9,       // IMA ADPCM in blocks of RFC 3551 4.5.1: plays, at 8000 and 16000 Hz
+    STREAM_AUDIO_DVI4 = 9,       // IMA ADPCM in blocks of RFC 3551 4.5.1: plays, at 8000 and 16000 Hz, and with
+                                 // conformance on at 11025 and 22050 Hz as well
     STREAM_AUDIO_PCMU = 10,      // G.711 mu-law: plays
     STREAM_AUDIO_G721 = 11,      // G.726 at 32 kbit/s: plays with conformance on
     STREAM_AUDIO_PCM8 = 12,      // doesn't play
     STREAM_AUDIO_MS_ADPCM = 13,  // doesn't play
     STREAM_AUDIO_PCMA_14 = 14,   // G.711 A-law: plays
     STREAM_AUDIO_AMR = 15,       // doesn't play
-    STREAM_AUDIO_L16 = 16,       // linear, 16 bits, most significant byte first: plays with conformance on
+    STREAM_AUDIO_L16 = 16,       // linear, 16 bits, most significant byte first, mono: plays with conformance on
     STREAM_AUDIO_G7231 = 25,     // G.723.1: plays with conformance on, at 8000 Hz
     STREAM_AUDIO_AAC = 26,       // doesn't play
     STREAM_AUDIO_MPEG = 31  // MPEG audio layer II, whole frames: plays with conformance on; without it its clock is
