@@ -7,6 +7,7 @@
 #include <thread>
 
 #include "Ostra/LogGate.h"
+#include "Ostra/LogLimit.h"
 #include "ReceptionStats.h"
 #include "Tramel/CallWait.h"
 #include "Tramel/MediaStreamReceiver.h"
@@ -132,16 +133,18 @@ protected:
     const receiver_tracks_t& tracks() const { return m_tracks; }
     const char* url() const { return m_url; }
 
-    // Publishes the statistics of a turn at its end.
+    // Publishes the statistics of a turn at its end, and keeps its lines of the log within bounds, those of the sinks
+    // included.
     class CTurn {
     public:
-        explicit CTurn(CStreamReceiver& receiver) : m_receiver(receiver) {}
+        explicit CTurn(CStreamReceiver& receiver) : m_receiver(receiver), m_log(receiver.m_log) {}
         ~CTurn() { m_receiver.publish_stats(); }
         CTurn(const CTurn&) = delete;
         CTurn& operator=(const CTurn&) = delete;
 
     private:
         CStreamReceiver& m_receiver;
+        const Ostra::CLogLimit::CScope m_log;
     };
 
 private:
@@ -169,6 +172,7 @@ private:
     uint64_t m_arrival_us = 0;
     uint32_t m_changed = 0;  // tracks with statistics to be published
     Ostra::CLogGate m_loss_log;
+    Ostra::CLogLimit m_log;
 
     std::atomic<uint64_t> m_units{0};  // written on the strand
     std::atomic<bool> m_busy{false};
