@@ -1,5 +1,6 @@
 #include "Tramel/EpollPoller.h"
 
+#include <fcntl.h>
 #include <sys/epoll.h>
 #include <sys/eventfd.h>
 #include <sys/timerfd.h>
@@ -56,28 +57,37 @@ int CEpollPoller::Open() {
     m_epoll_fd = ::epoll_create1(EPOLL_CLOEXEC);
     m_wake_fd = ::eventfd(0, EFD_CLOEXEC | EFD_NONBLOCK);
     m_alarm_fd = ::timerfd_create(CLOCK_MONOTONIC, TFD_CLOEXEC | TFD_NONBLOCK);
-    if (m_epoll_fd < 0 || m_wake_fd < 0 || m_alarm_fd < 0) {
-        return -1;
-    }
-    // Edge-triggered and never read: each write, and each expiry, is one event that one waiting thread gets.
+    return m_epoll_fd < 0 || m_wake_fd < 0 || m_alarm_fd < 0 ? -1 : watch_own(m_epoll_fd);
+}
+
+// Edge-triggered and never read: each write, and each expiry, is one event that one waiting thread gets.
+int CEpollPoller::watch_own(int epoll_fd) const {
     for (const int fd : {m_wake_fd, m_alarm_fd}) {
         epoll_event event = {};
         event.events = EPOLLIN | EPOLLET;
         event.data.u64 = pack_key(fd, OWN_GENERATION);
-        if (::epoll_ctl(m_epoll_fd, EPOLL_CTL_ADD, fd, &event) != 0) {
+        if (::epoll_ctl(epoll_fd, EPOLL_CTL_ADD, fd, &event) != 0) {
             return -1;
         }
     }
     return 0;
 }
 
-int CEpollPoller::Add(int fd, uint32_t generation, unsigned int events) {
-    const int result = control(EPOLL_CTL_ADD, fd, generation, events);
-    return result == -EEXIST ? control(EPOLL_CTL_MOD, fd, generation, events) : result;
+// The number of the set stays, so that other threads may go on using it.
+int CEpollPoller::Renew() {
+    int fresh = ::epoll_create1(EPOLL_CLOEXEC);
+    const bool made = fresh >= 0 && watch_own(fresh) == 0 && ::dup3(fresh, m_epoll_fd, O_CLOEXEC) >= 0;
+    close_fd(fresh);
+    return made ? 0 : -1;
 }
 
-int CEpollPoller::Modify(int fd, uint32_t generation, unsigned int events) {
-    return control(EPOLL_CTL_MOD, fd, generation, events);
+int CEpollPoller::Add(int fd, uint32_t generation, unsigned int events, poll_arming_t arming) {
+    const int result = control(EPOLL_CTL_ADD, fd, generation, events, arming);
+    return result == -EEXIST ? control(EPOLL_CTL_MOD, fd, generation, events, arming) : result;
+}
+
+int CEpollPoller::Modify(int fd, uint32_t generation, unsigned int events, poll_arming_t arming) {
+    return control(EPOLL_CTL_MOD, fd, generation, events, arming);
 }
 
 void CEpollPoller::Remove(int fd) {
@@ -85,9 +95,9 @@ void CEpollPoller::Remove(int fd) {
     ::epoll_ctl(m_epoll_fd, EPOLL_CTL_DEL, fd, &event);
 }
 
-int CEpollPoller::control(int operation, int fd, uint32_t generation, unsigned int events) {
+int CEpollPoller::control(int operation, int fd, uint32_t generation, unsigned int events, poll_arming_t arming) const {
     epoll_event event = {};
-    event.events = to_epoll(events) | static_cast<uint32_t>(EPOLLONESHOT);
+    event.events = to_epoll(events) | (arming == ARM_ONCE ? static_cast<uint32_t>(EPOLLONESHOT) : 0U);
     event.data.u64 = pack_key(fd, generation);
     return ::epoll_ctl(m_epoll_fd, operation, fd, &event) == 0 ? 0 : -errno;
 }
@@ -124,6 +134,11 @@ void CEpollPoller::SetAlarm(uint64_t time_us) {
     alarm.it_value.tv_sec = static_cast<time_t>(system_us / MICROS_PER_SECOND);
     alarm.it_value.tv_nsec = static_cast<long>(system_us % MICROS_PER_SECOND * NANOS_PER_MICRO);
     ::timerfd_settime(m_alarm_fd, TFD_TIMER_ABSTIME, &alarm, nullptr);
+}
+
+void CEpollPoller::ClearAlarm() {
+    const itimerspec none = {};
+    ::timerfd_settime(m_alarm_fd, TFD_TIMER_ABSTIME, &none, nullptr);
 }
 
 uint64_t CEpollPoller::Now() {

@@ -29,12 +29,18 @@ struct CPollBatch {
     bool alarm = false;  // the time of SetAlarm has come
 };
 
+// How long a descriptor is watched.
+enum poll_arming_t {
+    ARM_ONCE,   // one event, or an error: silent after that until Modify
+    ARM_LEVEL,  // each Wait tells what there is
+};
+
 // CEpollPoller: the system's side of the reactor: an epoll set, a wake-up and an alarm.
 //
-// Every descriptor is armed for one event: it is silent after that until Modify. So any number of threads may wait at
-// once (the kernel wakes one for one event) and an event isn't told twice while its handler is still busy with it.
+// Wake-ups and alarms are told once, to one waiting thread, and so is an event of a descriptor that is armed once. One
+// that is armed by level is told by each Wait as long as it lasts, but needs no call to be armed again.
 //
-// THREADING  All operations: any thread, Wait on many at once.
+// THREADING  All operations: any thread, Wait on many at once, but Renew: while nobody waits.
 class CEpollPoller {
 public:
     CEpollPoller() = default;
@@ -45,12 +51,15 @@ public:
     // 0, or -1 if the system has no descriptor.
     int Open();
 
-    // Watches `fd` for one event of `events` (or an error). 0, or the negative errno.
-    int Add(int fd, uint32_t generation, unsigned int events);
+    // Watches `fd` for `events` (or an error). 0, or the negative errno.
+    int Add(int fd, uint32_t generation, unsigned int events, poll_arming_t arming);
     // Arms `fd` anew. 0, or the negative errno: -ENOENT if the file that was added has been closed.
-    int Modify(int fd, uint32_t generation, unsigned int events);
+    int Modify(int fd, uint32_t generation, unsigned int events, poll_arming_t arming);
     // Takes `fd` out; an unknown one is ignored.
     void Remove(int fd);
+    // Forgets every descriptor, also those that were closed while the file lived on elsewhere, which nothing else takes
+    // out. 0, or -1 if the system has no descriptor: all stays as it is.
+    int Renew();
 
     // Gathers events, for as long as it takes if `block`, otherwise only what is there.
     void Wait(CPollBatch& batch, bool block);
@@ -58,12 +67,14 @@ public:
     void Wake();
     // One waiting thread returns at `time_us` of Now(); the former alarm is replaced.
     void SetAlarm(uint64_t time_us);
+    void ClearAlarm();
 
     // Monotonic microseconds: the clock of SetAlarm.
     static uint64_t Now();
 
 private:
-    int control(int operation, int fd, uint32_t generation, unsigned int events);
+    int watch_own(int epoll_fd) const;
+    int control(int operation, int fd, uint32_t generation, unsigned int events, poll_arming_t arming) const;
 
     int m_epoll_fd = -1;
     int m_wake_fd = -1;

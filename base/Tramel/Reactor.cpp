@@ -3,6 +3,7 @@
 #include <pthread.h>
 #include <signal.h>
 
+#include <algorithm>
 #include <new>
 #include <system_error>
 #include <utility>
@@ -15,15 +16,22 @@ namespace Tramel {
 
 namespace {
 
-// Turns that a thread runs before it looks at the poller again while there is no end of them.
-constexpr unsigned int MAX_TURNS_A_POLL = 8;
+// Turns that a thread runs before it looks at the poller again while there is no end of them: those that were due when
+// it looked last, since what comes now would be queued behind them, and this number at least.
+constexpr size_t MIN_TURNS_A_POLL = 8;
 
 // Deadlines taken from the queue at a time.
 constexpr size_t DEADLINES_A_TAKE = 64;
 
+// A thread that rests is called when the one that polled has been out for that long.
+constexpr uint64_t HELP_AFTER_US = 2000;
+
+// Polls in a row with an event of a descriptor that nobody watches, after which the poller is made anew.
+constexpr unsigned int MAX_STRANGE_POLLS = 16;
+
 thread_local bool t_is_pool_thread = false;
-// This thread is queueing what it gathered from the poller, and runs the first of it itself: no other need wake yet.
-thread_local bool t_is_gathering = false;
+// What this thread gathers from the poller, or null while it doesn't.
+thread_local CStrandQueue* t_gathered = nullptr;
 
 }  // namespace
 
@@ -45,19 +53,19 @@ int CReactor::Start(unsigned int threads) {
     if (m_running.load()) {
         return 0;
     }
-    std::shared_ptr<CEpollPoller> poller;
+    std::shared_ptr<CPollers> pollers;
     try {
-        poller = std::make_shared<CEpollPoller>();
+        pollers = std::make_shared<CPollers>();
         m_threads.reserve(threads);
     } catch (const std::bad_alloc&) {
         return -1;
     }
-    if (poller->Open() != 0) {
+    if (pollers->events.Open() != 0 || pollers->help.Open() != 0) {
         return -1;
     }
-    set_poller(poller);
+    set_pollers(pollers);
     m_running.store(true);
-    if (start_threads(threads, poller) != 0) {
+    if (start_threads(threads, pollers) != 0) {
         Stop();
         return -1;
     }
@@ -65,7 +73,7 @@ int CReactor::Start(unsigned int threads) {
 }
 
 // The threads take no signal: those are the host's.
-int CReactor::start_threads(unsigned int threads, const std::shared_ptr<CEpollPoller>& poller) {
+int CReactor::start_threads(unsigned int threads, const std::shared_ptr<CPollers>& pollers) {
     sigset_t all;
     sigset_t former;
     sigfillset(&all);
@@ -73,7 +81,7 @@ int CReactor::start_threads(unsigned int threads, const std::shared_ptr<CEpollPo
     int result = 0;
     try {
         for (unsigned int i = 0; i < threads; ++i) {
-            m_threads.emplace_back([this, poller] { work(poller); });
+            m_threads.emplace_back([this, pollers] { work(pollers); });
             pthread_setname_np(m_threads.back().native_handle(), "vidora");
         }
     } catch (const std::system_error&) {
@@ -89,31 +97,34 @@ int CReactor::Stop() {
     if (!m_running.load() || t_is_pool_thread) {
         return -1;
     }
-    std::shared_ptr<CEpollPoller> poller;
+    std::shared_ptr<CPollers> pollers;
     {
         Ostra::CGuard guard(m_mutex);
         m_stopping.store(true);
         m_running.store(false);
-        poller = m_poller;
+        pollers = m_pollers;
     }
-    poller->Wake();  // each thread that ends wakes the next
+    pollers->events.Wake();
+    pollers->help.Wake();  // each thread that ends wakes the next
     for (std::thread& thread : m_threads) {
         thread.join();
     }
     m_threads.clear();
-    set_poller(nullptr);
+    set_pollers(nullptr);
     m_stopping.store(false);
     return 0;
 }
 
-void CReactor::set_poller(const std::shared_ptr<CEpollPoller>& poller) {
+void CReactor::set_pollers(const std::shared_ptr<CPollers>& pollers) {
     {
         Ostra::CGuard guard(m_mutex);
-        m_poller = poller;
+        m_pollers = pollers;
         m_wake_sent = false;
+        m_help_at = 0;
     }
-    m_socks.SetPoller(poller);
-    m_timers.SetPoller(poller);
+    const std::shared_ptr<CEpollPoller> events(pollers, pollers != nullptr ? &pollers->events : nullptr);
+    m_socks.SetPoller(events);
+    m_timers.SetPoller(events);
 }
 
 void CReactor::Post(long sender_id, long target_id, unsigned int msg, long param) {
@@ -144,109 +155,149 @@ void CReactor::CountAsEnding(CNetHandler& owner) {
 }
 
 void CReactor::Enqueue(std::shared_ptr<CStrand> strand) {
-    std::shared_ptr<CEpollPoller> to_wake;
+    if (t_gathered != nullptr) {
+        t_gathered->Push(std::move(strand));
+        return;
+    }
+    std::shared_ptr<CPollers> to_wake;
     {
         Ostra::CGuard guard(m_mutex);
-        push_locked(std::move(strand));
-        if (!t_is_gathering && claim_wake_locked()) {
-            to_wake = m_poller;
+        m_queue.Push(std::move(strand));
+        if (m_asleep && !m_wake_sent) {
+            m_wake_sent = true;
+            to_wake = m_pollers;
         }
     }
     if (to_wake != nullptr) {
-        to_wake->Wake();
+        to_wake->events.Wake();
     }
 }
 
-void CReactor::work(const std::shared_ptr<CEpollPoller>& poller) {
+void CReactor::work(const std::shared_ptr<CPollers>& pollers) {
     t_is_pool_thread = true;
-    unsigned int turns = 0;
+    size_t turns = MIN_TURNS_A_POLL;
     while (!m_stopping.load()) {
-        bool sleeps = false;
-        const std::shared_ptr<CStrand> strand = turns < MAX_TURNS_A_POLL ? take_strand(*poller, sleeps) : nullptr;
-        if (strand != nullptr) {
-            ++turns;
+        std::shared_ptr<CStrand> strand;
+        const role_t role = next_role(*pollers, turns > 0, strand);
+        if (role == ROLE_RUN) {
             strand->run();
+            turns -= turns > 0 ? 1 : 0;
+        } else if (role == ROLE_REST) {
+            rest(*pollers);
+            turns = MIN_TURNS_A_POLL;
         } else {
-            turns = 0;
-            poll(*poller, sleeps);
+            turns = std::max(MIN_TURNS_A_POLL, poll(*pollers, role == ROLE_POLL));
         }
     }
     while (const std::shared_ptr<CStrand> strand = take_ending_strand()) {
         strand->run();
     }
-    poller->Wake();
+    pollers->events.Wake();
+    pollers->help.Wake();
 }
 
-// The next strand, having woken a thread for the one behind it. Null if there is none: `sleeps` is then true, and the
-// thread counts as idle until poll() has returned.
-std::shared_ptr<CStrand> CReactor::take_strand(CEpollPoller& poller, bool& sleeps) {
+// Enters the role that it returns; for ROLE_RUN with the next strand. `may_run` is false when it is time to look for
+// events again.
+CReactor::role_t CReactor::next_role(CPollers& pollers, bool may_run, std::shared_ptr<CStrand>& strand) {
     Ostra::CGuard guard(m_mutex);
-    if (m_head == nullptr) {
-        sleeps = !m_stopping.load();
-        m_idle += sleeps ? 1 : 0;
-        return nullptr;
+    const bool idle = m_queue.IsEmpty();
+    if (!idle && (may_run || m_polled)) {
+        strand = m_queue.Take();
+        if (!m_polled && m_resting > 0 && m_help_at == 0) {
+            set_help_locked(pollers, m_busy_since);
+        }
+        return ROLE_RUN;
     }
-    std::shared_ptr<CStrand> strand = std::move(m_head);
-    m_head = std::move(strand->m_next);
-    const bool wake = m_head != nullptr && claim_wake_locked();
-    guard.Leave();
-    if (wake) {
-        poller.Wake();
+    if (m_polled) {
+        ++m_resting;
+        return ROLE_REST;
     }
-    return strand;
+    m_polled = true;
+    m_asleep = idle && !m_stopping.load();
+    if (m_asleep && m_help_at != 0) {
+        m_help_at = 0;
+        pollers.help.ClearAlarm();
+    }
+    return m_asleep ? ROLE_POLL : ROLE_LOOK;
 }
 
-// While the pool ends: the next strand whose turn is to run all the same, or null.
 std::shared_ptr<CStrand> CReactor::take_ending_strand() {
     Ostra::CGuard guard(m_mutex);
-    CStrand* before = nullptr;
-    for (std::shared_ptr<CStrand>* link = &m_head; *link != nullptr; link = &(*link)->m_next) {
-        if ((*link)->IsEnding()) {
-            std::shared_ptr<CStrand> strand = std::move(*link);
-            *link = std::move(strand->m_next);
-            m_tail = *link == nullptr ? before : m_tail;
-            return strand;
-        }
-        before = link->get();
-    }
-    return nullptr;
+    return m_queue.TakeEnding();
 }
 
-void CReactor::push_locked(std::shared_ptr<CStrand> strand) {
-    std::shared_ptr<CStrand>& link = m_head == nullptr ? m_head : m_tail->m_next;
-    m_tail = strand.get();
-    link = std::move(strand);
+// The call for help of one that has been out since `from`.
+void CReactor::set_help_locked(CPollers& pollers, uint64_t from) {
+    m_help_at = from + HELP_AFTER_US;
+    pollers.help.SetAlarm(m_help_at);
 }
 
-// True if a thread sleeps and no wake-up is under way; the caller then owes the poller a Wake().
-bool CReactor::claim_wake_locked() {
-    if (m_idle == 0 || m_wake_sent) {
-        return false;
-    }
-    m_wake_sent = true;
-    return true;
-}
-
-void CReactor::poll(CEpollPoller& poller, bool sleeps) {
+// The number of strands that are due then.
+size_t CReactor::poll(CPollers& pollers, bool sleeps) {
     CPollBatch batch;
-    poller.Wait(batch, sleeps);
-    {
-        Ostra::CGuard guard(m_mutex);
-        m_idle -= sleeps ? 1 : 0;
-        m_wake_sent = m_wake_sent && !batch.woken;
-    }
-    if (batch.count == 0 && !batch.alarm) {
-        return;
-    }
+    m_socks.BeginPoll();
+    pollers.events.Wait(batch, sleeps);
     const uint64_t now = CEpollPoller::Now();
-    t_is_gathering = true;
+    CStrandQueue gathered;
+    t_gathered = &gathered;
+    gather(pollers, batch, now);
+    t_gathered = nullptr;
+    Ostra::CGuard guard(m_mutex);
+    m_polled = false;
+    m_asleep = false;
+    m_wake_sent = m_wake_sent && !batch.woken;
+    // A full batch is no sign that this thread has caught up.
+    m_busy_since = sleeps && batch.count < CPollBatch::MAX_EVENTS ? now : m_busy_since;
+    m_queue.Append(gathered);
+    return m_queue.Size();
+}
+
+void CReactor::gather(CPollers& pollers, const CPollBatch& batch, uint64_t now) {
+    bool strangers = false;
     for (int i = 0; i < batch.count; ++i) {
-        m_socks.OnEvent(batch.events[i], now);
+        strangers = !m_socks.OnEvent(batch.events[i], now) || strangers;
     }
     if (batch.alarm) {
         run_deadlines(now);
     }
-    t_is_gathering = false;
+    follow_strangers(pollers, strangers);
+}
+
+// A descriptor that was removed while its event was on the way is heard of once. One whose number was closed, while the
+// file lives on in another process, would be heard of for ever, and only a new poller knows nothing of it.
+void CReactor::follow_strangers(CPollers& pollers, bool came) {
+    m_strange_polls = came ? m_strange_polls + 1 : 0;
+    if (m_strange_polls == MAX_STRANGE_POLLS) {
+        m_strange_polls = 0;
+        std::shared_ptr<CPollers> ours;
+        {
+            Ostra::CGuard guard(m_mutex);
+            ours = m_pollers;
+        }
+        if (pollers.events.Renew() == 0) {
+            m_socks.SetPoller(std::shared_ptr<CEpollPoller>(ours, &ours->events));
+        }
+    }
+}
+
+// Waits until there is something to do for this thread: help, or the end of the pool.
+void CReactor::rest(CPollers& pollers) {
+    bool rests = true;
+    while (rests) {
+        CPollBatch batch;
+        pollers.help.Wait(batch, true);
+        const uint64_t now = CEpollPoller::Now();
+        Ostra::CGuard guard(m_mutex);
+        m_help_at = batch.alarm ? 0 : m_help_at;
+        rests = !m_stopping.load() && (m_polled || now < m_busy_since + HELP_AFTER_US);
+        if (rests && !m_polled && m_help_at == 0) {
+            set_help_locked(pollers, m_busy_since);
+        }
+        if (!rests) {
+            --m_resting;
+            m_busy_since = now;  // the next one is called in as much time again
+        }
+    }
 }
 
 void CReactor::run_deadlines(uint64_t now) {

@@ -22,11 +22,16 @@ class CNetHandler;
 
 // CReactor: the pool of threads and all that it runs.
 //
-// The threads are alike. Each takes the next strand (see CStrand) that has a turn due and runs it; one that finds none
-// waits in the poller, with any number of others. An event wakes one thread, which itself runs the callback: nothing is
-// handed over. A handler is a strand (CHandlerCore), so that
+// The threads are alike. Each takes the next strand (see CStrand) that has a turn due and runs it. Of those that find
+// none one polls: it waits in the poller for the sockets' events, the timers' deadlines and the strands of other
+// threads. The others rest. What has come the thread that polled handles by itself, one after the other, and polls
+// again: so the state of the handlers stays in one processor's cache, and nobody is woken for what is done in a moment.
+// While it is out and nobody polls, an alarm is set, which calls one that rests to its help: it then takes turns from
+// the same queue, polls when that is empty, and rests again once another thread polls. A handler is a strand
+// (CHandlerCore), so that
 //   - two callbacks of one handler never run at once, those of different handlers do;
-//   - a handler that blocks holds one thread and nobody else, as long as another thread is free.
+//   - a handler that blocks holds one thread, and others for HELP_AFTER_US at most, as long as another thread is free;
+//   - under load all threads work.
 //
 // Answers:
 //   1. Which thread runs a callback? Whichever is free, without a lock of the reactor. Never the caller's inside a
@@ -92,16 +97,27 @@ private:
     CReactor();
     ~CReactor() = delete;
 
+    // What a thread does next.
+    enum role_t { ROLE_RUN, ROLE_LOOK, ROLE_POLL, ROLE_REST };
+
+    // What the threads of a pool wait for: that polls, and those that rest.
+    struct CPollers {
+        CEpollPoller events;
+        CEpollPoller help;  // without a descriptor; its alarm calls for help
+    };
+
     void Enqueue(std::shared_ptr<CStrand> strand);
-    void set_poller(const std::shared_ptr<CEpollPoller>& poller);
-    int start_threads(unsigned int threads, const std::shared_ptr<CEpollPoller>& poller);
-    void work(const std::shared_ptr<CEpollPoller>& poller);
-    std::shared_ptr<CStrand> take_strand(CEpollPoller& poller, bool& sleeps);
+    void set_pollers(const std::shared_ptr<CPollers>& pollers);
+    int start_threads(unsigned int threads, const std::shared_ptr<CPollers>& pollers);
+    void work(const std::shared_ptr<CPollers>& pollers);
+    role_t next_role(CPollers& pollers, bool may_run, std::shared_ptr<CStrand>& strand);
     std::shared_ptr<CStrand> take_ending_strand();
-    void poll(CEpollPoller& poller, bool sleeps);
+    size_t poll(CPollers& pollers, bool sleeps);
+    void gather(CPollers& pollers, const CPollBatch& batch, uint64_t now);
+    void rest(CPollers& pollers);
     void run_deadlines(uint64_t now);
-    void push_locked(std::shared_ptr<CStrand> strand) VIDORA_REQUIRES(m_mutex);
-    bool claim_wake_locked() VIDORA_REQUIRES(m_mutex);
+    void follow_strangers(CPollers& pollers, bool came);
+    void set_help_locked(CPollers& pollers, uint64_t from) VIDORA_REQUIRES(m_mutex);
 
     CTimerQueue m_timers;
     CSockTable m_socks;
@@ -112,12 +128,17 @@ private:
 
     std::vector<std::thread> m_threads;  // of the thread that starts and stops
 
+    unsigned int m_strange_polls = 0;  // in a row, with an event of an unknown descriptor; of the thread that polls
+
     Ostra::CMutex m_mutex;
-    std::shared_ptr<CEpollPoller> m_poller VIDORA_GUARDED_BY(m_mutex);
-    std::shared_ptr<CStrand> m_head VIDORA_GUARDED_BY(m_mutex);  // strands with a turn due, first come first served
-    CStrand* m_tail VIDORA_GUARDED_BY(m_mutex) = nullptr;
-    unsigned int m_idle VIDORA_GUARDED_BY(m_mutex) = 0;   // threads that wait in the poller, or are about to
-    bool m_wake_sent VIDORA_GUARDED_BY(m_mutex) = false;  // a wake-up that no thread has taken yet
+    std::shared_ptr<CPollers> m_pollers VIDORA_GUARDED_BY(m_mutex);
+    CStrandQueue m_queue VIDORA_GUARDED_BY(m_mutex);      // strands with a turn due, first come first served
+    bool m_polled VIDORA_GUARDED_BY(m_mutex) = false;     // a thread polls
+    bool m_asleep VIDORA_GUARDED_BY(m_mutex) = false;     // it waits for as long as it takes, or is about to
+    bool m_wake_sent VIDORA_GUARDED_BY(m_mutex) = false;  // a wake-up that it hasn't taken yet
+    unsigned int m_resting VIDORA_GUARDED_BY(m_mutex) = 0;
+    uint64_t m_help_at VIDORA_GUARDED_BY(m_mutex) = 0;     // for which the alarm of `help` is set, or 0
+    uint64_t m_busy_since VIDORA_GUARDED_BY(m_mutex) = 0;  // when the thread that polled left its last sleep
 };
 
 }  // namespace Tramel

@@ -50,6 +50,7 @@ void CSockTable::SetPoller(const std::shared_ptr<CEpollPoller>& poller) {
         for (const auto& entry : shard.entries) {
             if (entry != nullptr) {
                 entry->polled = false;
+                entry->by_level = false;
                 entry->armed = 0;
                 if (poller != nullptr) {
                     arm_locked(shard, *entry, nullptr);
@@ -157,30 +158,38 @@ void CSockTable::Forget(int fd) {
     drop_if_unused_locked(shard, *entry);
 }
 
-void CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
+bool CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
     std::shared_ptr<CHandlerCore> cores[MAX_WATCHES];
     uint64_t serials[MAX_WATCHES];
     size_t core_count = 0;
+    bool is_news = false;
     {
         CShard& shard = shard_of(event.fd);
         Ostra::CGuard guard(shard.mutex);
         CEntry* entry = find_locked(shard, event.fd);
         if (entry == nullptr || entry->generation != event.generation) {
-            return;
+            return false;
         }
-        entry->armed = 0;
+        if (entry->by_level && entry->ended_poll == m_poll.load(std::memory_order_relaxed)) {
+            return true;  // perhaps what a callback has just read; the next Wait knows
+        }
+        entry->armed = entry->by_level ? entry->armed : 0;
         for (CWatch& watch : entry->watches) {
             const unsigned int fired =
                 wanted_of((watch.mask & ~watch.resting) | watch.once, event.events) & ~watch.pending;
             if (fired == 0) {
                 continue;
             }
+            is_news = true;
             note_event(watch, fired, event.events, now);
             if (!watch.queued) {
                 watch.queued = true;
                 cores[core_count] = watch.core;
                 serials[core_count++] = watch.serial;
             }
+        }
+        if (entry->by_level && !is_news) {
+            disarm_locked(shard, *entry);
         }
         arm_locked(shard, *entry, nullptr);
     }
@@ -189,6 +198,15 @@ void CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
             unqueue(cores[i].get(), event.fd, serials[i]);
         }
     }
+    return true;
+}
+
+// By level the poller would tell an event again and again that nobody takes. Of a disarmed descriptor it tells a
+// hang-up at most, once.
+void CSockTable::disarm_locked(CShard& shard, CEntry& entry) {
+    shard.poller->Modify(entry.fd, entry.generation, 0, ARM_ONCE);
+    entry.by_level = false;
+    entry.armed = 0;
 }
 
 // An error is told to the reader, whose next call takes it away, but is no input: an ICMP answer to what was sent to a
@@ -284,6 +302,7 @@ void CSockTable::End(const CHandlerCore* core, int fd, uint64_t serial, unsigned
     }
     watch->heard &= ~events;
     CEntry* entry = find_locked(shard, fd);
+    entry->ended_poll = m_poll.load(std::memory_order_relaxed);
     if (watch->mask == 0 && watch->once == 0 && watch->pending == 0) {
         drop_watch_locked(shard, *entry, watch);
     } else {
@@ -446,7 +465,8 @@ int CSockTable::arm_locked(CShard& shard, CEntry& entry, const CHandlerCore* reg
     if (shard.poller == nullptr || needed == 0 || (registering == nullptr && (needed & ~entry.armed) == 0)) {
         return 0;
     }
-    int result = entry.polled ? shard.poller->Modify(entry.fd, entry.generation, needed) : -ENOENT;
+    const poll_arming_t arming = (needed & POLL_WRITE) == 0 ? ARM_LEVEL : ARM_ONCE;
+    int result = entry.polled ? shard.poller->Modify(entry.fd, entry.generation, needed, arming) : -ENOENT;
     if (result == -ENOENT) {
         if (entry.polled && registering == nullptr) {
             // The descriptor was closed under its watches and its number given out again: they don't mean this file,
@@ -457,9 +477,10 @@ int CSockTable::arm_locked(CShard& shard, CEntry& entry, const CHandlerCore* reg
         if (entry.polled) {
             drop_others(entry, registering);
         }
-        result = shard.poller->Add(entry.fd, entry.generation, needed);
+        result = shard.poller->Add(entry.fd, entry.generation, needed, arming);
     }
     entry.polled = result == 0;
+    entry.by_level = arming == ARM_LEVEL;
     entry.armed = result == 0 ? needed : 0;
     return result;
 }

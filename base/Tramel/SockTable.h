@@ -18,10 +18,12 @@ class CHandlerCore;
 
 // CSockTable: who watches which descriptor.
 //
-// A descriptor has one entry, and one place in the poller with the union of what its watches want. Each event silences
-// the descriptor; it is armed again for what isn't being handled: at once for the watches that the event didn't
-// concern, after the callback for the others. Each watch has a serial that is never used again, so that a delivery that
-// is under way for a watch that has gone finds nothing.
+// A descriptor has one entry, and one place in the poller with the union of what its watches want. One that is wanted
+// for reading alone is armed by level, and stays so: usually the thread that polls has handled an event before it polls
+// again. An event that comes while a callback is busy with the last one, or that nobody wants any more, disarms it. All
+// others are armed for one event. What was disarmed is armed again for what isn't being handled: at once for the
+// watches that the event didn't concern, after the callback for the others. Each watch has a serial that is never used
+// again, so that a delivery that is under way for a watch that has gone finds nothing.
 //
 // THREADING  All operations: any thread. The table is cut into shards, each with its own lock. Cores are called with no
 //            lock held. Lock order: a core's mutex, then a shard's, then the timer queue's.
@@ -53,8 +55,11 @@ public:
     // Takes out all watches of a descriptor that is about to be closed.
     void Forget(int fd);
 
-    // An event of the poller: queues it with the cores that watch for it.
-    void OnEvent(const CPollEvent& event, uint64_t now);
+    // To be called before each Wait of the poller.
+    void BeginPoll() { m_poll.fetch_add(1); }
+    // An event of the last Wait: queues it with the cores that watch for it. False if the descriptor isn't known: it
+    // was removed just now, or closed by its owner while its file lives on elsewhere.
+    bool OnEvent(const CPollEvent& event, uint64_t now);
     // The deadline of a watch has come: queues the time-outs that are really due and sets the next deadline.
     void OnDeadline(const std::shared_ptr<CHandlerCore>& core, int fd, uint64_t serial, uint64_t now);
 
@@ -88,8 +93,10 @@ private:
     struct CEntry {
         int fd = -1;
         uint32_t generation = 0;
-        bool polled = false;     // the poller has it
-        unsigned int armed = 0;  // what the poller is armed for at least
+        bool polled = false;      // the poller has it
+        bool by_level = false;    // it is armed by level
+        unsigned int armed = 0;   // what the poller is armed for at least
+        uint64_t ended_poll = 0;  // the Wait during which the last delivery ended
         std::vector<CWatch> watches;
     };
 
@@ -117,11 +124,13 @@ private:
     int arm_new_locked(CShard& shard, const CHandlerCore* core, int fd) VIDORA_REQUIRES(shard.mutex);
     int arm_locked(CShard& shard, CEntry& entry, const CHandlerCore* registering) VIDORA_REQUIRES(shard.mutex);
     void unqueue(const CHandlerCore* core, int fd, uint64_t serial);
+    void disarm_locked(CShard& shard, CEntry& entry) VIDORA_REQUIRES(shard.mutex);
     static void note_event(CWatch& watch, unsigned int fired, unsigned int poll_events, uint64_t now);
 
     CTimerQueue& m_timers;
     std::atomic<uint64_t> m_next_serial{1};
     std::atomic<uint32_t> m_next_generation{1};
+    std::atomic<uint64_t> m_poll{1};  // counts the poller's Waits
     CShard m_shards[SHARDS];
 };
 

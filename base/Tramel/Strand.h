@@ -2,6 +2,7 @@
 #define VIDORA_TRAMEL_STRAND_H
 
 #include <atomic>
+#include <cstddef>
 #include <memory>
 
 namespace Kavio {
@@ -35,13 +36,33 @@ protected:
 
 private:
     friend class CReactor;
+    friend class CStrandQueue;
     enum state_t { IDLE, QUEUED, RUNNING, RUNNING_AGAIN };
 
     // Runs a turn and queues the next one if it is due.
     void run();
 
     std::atomic<int> m_state{IDLE};
-    std::shared_ptr<CStrand> m_next;  // in the reactor's queue, under its mutex
+    std::shared_ptr<CStrand> m_next;  // in a queue of the reactor
+};
+
+// CStrandQueue: strands with a turn due. No lock: one thread at a time.
+class CStrandQueue {
+public:
+    bool IsEmpty() const { return m_head == nullptr; }
+    size_t Size() const { return m_size; }
+    void Push(std::shared_ptr<CStrand> strand);
+    // The first one; not for an empty queue.
+    std::shared_ptr<CStrand> Take();
+    // The first one that is to run while the pool ends, or null.
+    std::shared_ptr<CStrand> TakeEnding();
+    // Moves all of `other` behind what is here.
+    void Append(CStrandQueue& other);
+
+private:
+    std::shared_ptr<CStrand> m_head;
+    CStrand* m_tail = nullptr;  // valid with a head
+    size_t m_size = 0;
 };
 
 }  // namespace Tramel

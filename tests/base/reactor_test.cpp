@@ -1,11 +1,17 @@
 #include "Tramel/Reactor.h"
 
 #include <gtest/gtest.h>
+#include <time.h>
+#include <unistd.h>
 
 #include <atomic>
+#include <chrono>
+#include <functional>
 #include <map>
 #include <memory>
 #include <random>
+#include <thread>
+#include <vector>
 
 #include "support/TestHandler.h"
 
@@ -195,6 +201,120 @@ TEST(Reactor, DestroyDeliversTheClosesThatAreDue) {
     EXPECT_EQ(0, CNetThread::DestroyThreadPool());
     EXPECT_EQ(100, closed.load());
     EXPECT_EQ(alive + 1, CReactor::Instance().CountHandlers());
+}
+
+// A handler with one end of a pair of sockets, which reads a byte at a time.
+class CReader {
+public:
+    explicit CReader(std::atomic<int>* closed) : m_handler(CTestHandler::Make(closed)) {
+        Support::MakeSockPair(m_ends[0], m_ends[1]);
+    }
+    void Start(std::function<void()> on_byte) {
+        m_handler->on_input = [this, on_byte](int) {
+            char byte = 0;
+            if (m_ends[0].Recv(&byte, 1) == 1) {
+                on_byte();
+            }
+            return 0;
+        };
+        m_handler->RegisterSock(m_ends[0], SOCK_EVENT_READ, 0);
+    }
+    void Send() { m_ends[1].Send("x", 1); }
+    CTestHandler& Handler() { return *m_handler; }
+    CSockStream& End() { return m_ends[0]; }
+
+private:
+    CTestHandler* const m_handler;
+    CSockStream m_ends[2];
+};
+
+// Whoever polls and blocks, before or behind others with an event: sockets, timers and messages go on while a thread is
+// left.
+TEST(Reactor, HandlersThatBlockHoldUpNobodyWhileAThreadIsLeft) {
+    for (const int threads : {2, 3, 5}) {
+        CPool pool(static_cast<unsigned int>(threads));
+        std::atomic<int> closed{0}, blocked{0}, bytes{0}, ticks{0}, messages{0};
+        std::atomic<bool> is_over{false};
+        std::vector<std::unique_ptr<CReader>> readers;
+        for (int i = 0; i < 2 * threads; ++i) {
+            readers.push_back(std::make_unique<CReader>(&closed));
+        }
+        CTestHandler& other = readers[0]->Handler();
+        other.on_message = [&](long, unsigned int, long) { return messages.fetch_add(1); };
+        other.on_timeout = [&](long) { return ticks.fetch_add(1); };
+        other.SetTimer(1000);
+        for (int i = 0; i < 2 * threads; ++i) {
+            CTestHandler& handler = readers[static_cast<size_t>(i)]->Handler();
+            readers[static_cast<size_t>(i)]->Start([&, i] {
+                handler.Notify(other.GetID(), 0, 0);
+                if (i % 2 == 0) {
+                    bytes.fetch_add(1);
+                } else {
+                    blocked.fetch_add(1);
+                    WaitUntil([&] { return is_over.load(); }, 60000);
+                }
+            });
+        }
+        for (int round = 0; round < threads; ++round) {
+            for (int i = 0; i < 2 * round; ++i) {
+                readers[static_cast<size_t>(i)]->Send();
+            }
+            EXPECT_TRUE(WaitUntil([&] { return blocked.load() == round && bytes.load() == round * (round + 1) / 2; }));
+            EXPECT_TRUE(WaitUntil([&, tick = ticks.load()] { return ticks.load() > tick + 2; }));
+            CReactor::Instance().Post(0, other.GetID(), 0, 0);
+            EXPECT_TRUE(WaitUntil([&] { return messages.load() == blocked.load() + bytes.load() + round + 1; }));
+        }
+        is_over.store(true);
+        for (const auto& reader : readers) {
+            reader->Handler().Close();
+        }
+        EXPECT_TRUE(WaitUntil([&] { return closed.load() == 2 * threads; }));
+    }
+}
+
+// The pool's threads sleep when there is nothing to do: also with a byte that nobody reads, before a handler that
+// rests, and on a descriptor that its owner closed while the file lives on.
+TEST(Reactor, WithNothingToDoNoThreadRuns) {
+    const auto processor_ns = [] {
+        timespec used = {};
+        ::clock_gettime(CLOCK_PROCESS_CPUTIME_ID, &used);
+        return used.tv_sec * 1000000000L + used.tv_nsec;
+    };
+    const auto goes_quiet = [&] {
+        return WaitUntil([&] {
+            const long before = processor_ns();
+            std::this_thread::sleep_for(std::chrono::milliseconds(100));
+            return processor_ns() - before < 10000000;
+        });
+    };
+    CPool pool(3);
+    std::atomic<int> closed{0}, bytes{0};
+    CReader reader(&closed), unread(&closed), stale(&closed);
+    for (CReader* one : {&reader, &unread, &stale}) {
+        one->Start([&] { bytes.fetch_add(1); });
+        one->Send();
+    }
+    EXPECT_TRUE(WaitUntil([&] { return bytes.load() == 3; }));
+    EXPECT_TRUE(goes_quiet());
+    CReactor::Instance().Rest(unread.Handler(), unread.End().GetHandle(), SOCK_EVENT_READ);
+    const int kept = ::dup(stale.End().GetHandle());
+    const int number = stale.End().GetHandle();
+    ::close(number);
+    unread.Send();
+    stale.Send();
+    reader.Send();
+    EXPECT_TRUE(WaitUntil([&] { return bytes.load() == 4; }));
+    CReactor::Instance().Forget(number);
+    EXPECT_TRUE(goes_quiet());
+    reader.Send();
+    CReactor::Instance().Resume(unread.Handler());
+    EXPECT_TRUE(WaitUntil([&] { return bytes.load() == 6; }));
+    EXPECT_EQ(number, ::dup2(kept, number));
+    ::close(kept);
+    for (CReader* one : {&reader, &unread, &stale}) {
+        one->Handler().Close();
+    }
+    EXPECT_TRUE(WaitUntil([&] { return closed.load() == 3; }));
 }
 
 // A strand counts to a number that many threads ask for: no turn may be lost, no two may run at once.
