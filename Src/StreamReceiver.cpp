@@ -18,6 +18,7 @@ namespace Vidora {
 
 namespace {
 
+const size_t MAX_URL = 1025;
 const int RTCP_HEADER_LEN = 4;  // RFC 3550 6.4.1, without the SSRC: a BYE may name nobody
 
 int tag_of(int channel, bool key) {
@@ -36,8 +37,9 @@ int CStreamReceiver::SetTracks(const receiver_tracks_t& tracks) {
     if (tracks.count < 1 || tracks.count > RECEIVER_MAX_TRACKS) {
         return -1;
     }
-    m_tracks = tracks;
-    return 0;
+    m_stats.reset(new (std::nothrow) track_stats_t[static_cast<size_t>(tracks.count)]);
+    m_tracks = m_stats != nullptr ? tracks : receiver_tracks_t();
+    return m_stats != nullptr ? 0 : -1;
 }
 
 // The former buffer's contents, if this is the last user, end outside the lock.
@@ -73,7 +75,11 @@ void CStreamReceiver::SetNotifyId(long handler_id) {
 }
 
 void CStreamReceiver::SetUrl(const char* url) {
-    std::snprintf(m_url, sizeof(m_url), "%s", url != nullptr ? url : "");
+    try {
+        m_url.assign(url != nullptr ? url : "", 0, MAX_URL);
+    } catch (const std::bad_alloc&) {
+        m_url.clear();
+    }
 }
 
 reception_stats_t CStreamReceiver::GetStats(int channel, bool clear) {
@@ -82,9 +88,9 @@ reception_stats_t CStreamReceiver::GetStats(int channel, bool clear) {
         return reception_stats_t();
     }
     CGuard guard(m_stats_mutex);
-    const reception_stats_t stats = m_published[track].Get(CTime::getCurrentMicroSecond());
+    const reception_stats_t stats = stats_of(track).published.Get(CTime::getCurrentMicroSecond());
     if (clear) {
-        m_published[track].Clear();
+        stats_of(track).published.Clear();
     }
     return stats;
 }
@@ -230,7 +236,7 @@ void CStreamReceiver::take_rtcp(int track, const unsigned char* data, int length
     if (length < RTCP_HEADER_LEN) {
         return;
     }
-    m_reception[track].TakeRtcp(data, static_cast<size_t>(length), m_arrival_us);
+    stats_of(track).reception.TakeRtcp(data, static_cast<size_t>(length), m_arrival_us);
     m_changed |= 1u << track;
     if (m_rtcp_proc) {
         m_rtcp_proc(data, length, m_tracks.tracks[track].rtcp_channel);
@@ -252,13 +258,13 @@ void CStreamReceiver::tell_rtp(const unsigned char* data, int length, int channe
 // ---- statistics ----
 
 void CStreamReceiver::count_packet(int track, const RtpHeader& header, uint32_t length) {
-    const uint32_t last = m_reception[track].LastSeq();
+    const uint32_t last = stats_of(track).reception.LastSeq();
     count_unit();
     m_changed |= 1u << track;
-    const uint32_t skipped = m_reception[track].Count(header.sequence, header.timestamp, header.ssrc, length,
-                                                      m_arrival_us, m_tracks.tracks[track].clock_rate);
+    const uint32_t skipped = stats_of(track).reception.Count(header.sequence, header.timestamp, header.ssrc, length,
+                                                             m_arrival_us, m_tracks.tracks[track].clock_rate);
     if (skipped > 0 && m_loss_log.Pass()) {
-        const CLogQuote quote(Ostra::LOG_LEVEL_WARN, m_url);
+        const CLogQuote quote(Ostra::LOG_LEVEL_WARN, m_url.c_str());
         logWarn(">>> RTP SEQ DISORDER! last[%u] now[%u] url[%s]\n", last, static_cast<unsigned int>(header.sequence),
                 quote.Text());
     }
@@ -269,7 +275,7 @@ void CStreamReceiver::count_unit() {
 }
 
 void CStreamReceiver::count_short(int track) {
-    m_reception[track].CountShort();
+    stats_of(track).reception.CountShort();
     m_changed |= 1u << track;
 }
 
@@ -280,7 +286,7 @@ void CStreamReceiver::publish_stats() {
     CGuard guard(m_stats_mutex);
     for (int i = 0; i < m_tracks.count; ++i) {
         if ((m_changed & 1u << i) != 0) {
-            m_published[i].Follow(m_reception[i]);
+            stats_of(i).published.Follow(stats_of(i).reception);
         }
     }
     m_changed = 0;

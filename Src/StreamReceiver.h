@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <memory>
+#include <string>
 #include <thread>
 
 #include "Ostra/LogGate.h"
@@ -65,7 +66,7 @@ struct receiver_life_t {
 //            strand with no lock held; bytes given to a procedure are valid for the call only.
 // OWNERSHIP  Shares its sockets. Borrows the media buffer, until SetMediaBuffer takes another one, and what the
 //            procedures are bound to, until message 1.
-// MEMORY     See the separators and CFrameMerger; statistics are fixed.
+// MEMORY     See the separators and CFrameMerger; the statistics of its tracks.
 class CStreamReceiver : public CMediaStreamReceiver {
 public:
     typedef TFunction3<void, const unsigned char*, int, int> unit_proc_t;  // data, length, channel
@@ -77,7 +78,7 @@ public:
     // Ends receiving; no callback for the sockets starts afterwards. Start may follow. 0.
     virtual int Stop() = 0;
 
-    // 0, or -1 for a count outside 1 to 16. Copied.
+    // 0, or -1 for a count outside 1 to 16, or if memory is short. Copied.
     int SetTracks(const receiver_tracks_t& tracks);
     // Where the media goes; null: nowhere. When it returns, no Put into the former buffer runs or will begin, so that
     // the caller may delete that: it waits for one that runs on another thread (call it with no lock held that a sink
@@ -131,7 +132,7 @@ protected:
     // Makes the statistics of this turn visible to GetStats.
     void publish_stats();
     const receiver_tracks_t& tracks() const { return m_tracks; }
-    const char* url() const { return m_url; }
+    const char* url() const { return m_url.c_str(); }
 
     // Publishes the statistics of a turn at its end, and keeps its lines of the log within bounds, those of the sinks
     // included.
@@ -148,6 +149,13 @@ protected:
     };
 
 private:
+    // What is counted of a track: on the strand, and as of the last turn.
+    struct track_stats_t {
+        CReceptionStats reception;
+        CReceptionStats published;  // under m_stats_mutex
+    };
+
+    track_stats_t& stats_of(int track) { return m_stats[static_cast<size_t>(track)]; }
     CFrameMerger* merger_of(int track);
     void tell_rtp(const unsigned char* data, int length, int channel);
     void count_unit();
@@ -164,11 +172,11 @@ private:
     unit_proc_t m_rtp_proc;
     rtsp_proc_t m_rtsp_proc;
     std::atomic<long> m_notify_id{0};
-    char m_url[1026] = {};
+    std::string m_url;
 
     // Of the strand.
     std::unique_ptr<CFrameMerger[]> m_mergers;  // of the merged tracks, made with the first datagram
-    CReceptionStats m_reception[RECEIVER_MAX_TRACKS];
+    std::unique_ptr<track_stats_t[]> m_stats;   // of the tracks
     uint64_t m_arrival_us = 0;
     uint32_t m_changed = 0;  // tracks with statistics to be published
     Ostra::CLogGate m_loss_log;
@@ -177,8 +185,7 @@ private:
     std::atomic<uint64_t> m_units{0};  // written on the strand
     std::atomic<bool> m_busy{false};
 
-    CMutex m_stats_mutex;  // a leaf, as the next one
-    CReceptionStats m_published[RECEIVER_MAX_TRACKS] VIDORA_GUARDED_BY(m_stats_mutex);
+    CMutex m_stats_mutex;  // over what is published; a leaf, as the next one
 
     CMutex m_put_mutex;
     Tramel::CCallWait m_put_wait;  // used with m_put_mutex

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <cstring>
 #include <new>
+#include <utility>
 
 #include "DgramBatch.h"
 #include "StreamParser/RtpHeader.h"
@@ -28,12 +29,18 @@ CStreamUdpReceiver* CStreamUdpReceiver::Create(const udp_receiver_socks_t& socks
     if (socks.count < 1 || socks.count > RECEIVER_MAX_TRACKS) {
         return nullptr;
     }
-    CStreamUdpReceiver* receiver = new (std::nothrow) CStreamUdpReceiver;
-    if (receiver != nullptr) {
-        receiver->m_socks = socks;
-        receiver->SetNotifyId(owner_id);
-        receiver->WaitException(owner_id);
+    std::unique_ptr<heard_track_t[]> heard(new (std::nothrow) heard_track_t[static_cast<size_t>(socks.count)]);
+    CStreamUdpReceiver* receiver = heard != nullptr ? new (std::nothrow) CStreamUdpReceiver : nullptr;
+    if (receiver == nullptr) {
+        return nullptr;
     }
+    for (int i = 0; i < socks.count; ++i) {
+        heard[static_cast<size_t>(i)].track = socks.tracks[i];
+    }
+    receiver->m_heard = std::move(heard);
+    receiver->m_count = socks.count;
+    receiver->SetNotifyId(owner_id);
+    receiver->WaitException(owner_id);
     return receiver;
 }
 
@@ -66,15 +73,17 @@ int CStreamUdpReceiver::Stop() {
 
 std::array<CStreamUdpReceiver::sock_row_t, 2 * RECEIVER_MAX_TRACKS> CStreamUdpReceiver::rows() const {
     std::array<sock_row_t, 2 * RECEIVER_MAX_TRACKS> rows = {};
-    for (int i = 0; i < m_socks.count; ++i) {
-        rows[static_cast<size_t>(2 * i)] = {m_socks.tracks[i].rtp_sock.get(), i, false};
-        rows[static_cast<size_t>(2 * i + 1)] = {m_socks.tracks[i].rtcp_sock.get(), i, true};
+    for (int i = 0; i < m_count; ++i) {
+        const udp_receiver_track_t& track = m_heard[static_cast<size_t>(i)].track;
+        rows[static_cast<size_t>(2 * i)] = {track.rtp_sock.get(), i, false};
+        rows[static_cast<size_t>(2 * i + 1)] = {track.rtcp_sock.get(), i, true};
     }
     return rows;
 }
 
 void CStreamUdpReceiver::release_socks() {
-    m_socks = udp_receiver_socks_t();
+    m_count = 0;
+    m_heard.reset();
 }
 
 int CStreamUdpReceiver::handle_stream_input() {
@@ -85,10 +94,11 @@ int CStreamUdpReceiver::handle_stream_input() {
 
 // Without a socket if it is no track's.
 CStreamUdpReceiver::sock_row_t CStreamUdpReceiver::row_of(int fd) const {
-    for (int i = 0; i < m_socks.count; ++i) {
-        for (CSockDgram* sock : {m_socks.tracks[i].rtp_sock.get(), m_socks.tracks[i].rtcp_sock.get()}) {
+    for (int i = 0; i < m_count; ++i) {
+        const udp_receiver_track_t& track = m_heard[static_cast<size_t>(i)].track;
+        for (CSockDgram* sock : {track.rtp_sock.get(), track.rtcp_sock.get()}) {
             if (sock != nullptr && sock->GetHandle() == fd) {
-                return {sock, i, sock != m_socks.tracks[i].rtp_sock.get()};
+                return {sock, i, sock != track.rtp_sock.get()};
             }
         }
     }
@@ -145,15 +155,15 @@ int CStreamUdpReceiver::take(const sock_row_t& row, const DgramSlice& datagram) 
 
 // Strangers can send to the port as well. The last sender that was found to be the right one is known by its address.
 bool CStreamUdpReceiver::is_wanted(const sock_row_t& row, const DgramSlice& datagram, const CSockAddrStorage& from) {
-    udp_receiver_track_t& track = m_socks.tracks[row.track];
-    if (!track.source.IsValid()) {
+    heard_track_t& heard = m_heard[static_cast<size_t>(row.track)];
+    if (!heard.track.source.IsValid()) {
         return has_right_form(row, datagram);
     }
-    CSockAddrStorage& known = m_known[2 * row.track + (row.rtcp ? 1 : 0)];
+    CSockAddrStorage& known = heard.known[row.rtcp ? 1 : 0];
     if (known == from) {
         return true;
     }
-    if (!is_same_host(from, track.source)) {
+    if (!is_same_host(from, heard.track.source)) {
         return false;
     }
     known = from;

@@ -62,8 +62,14 @@ private:
     bool is_wanted(const sock_row_t& row, const DgramSlice& datagram, const CSockAddrStorage& from);
     bool has_right_form(const sock_row_t& row, const DgramSlice& datagram) const;
 
-    udp_receiver_socks_t m_socks;
-    CSockAddrStorage m_known[2 * RECEIVER_MAX_TRACKS];  // by track, RTP and RTCP: the last sender that was accepted
+    // A track with the last senders that were accepted, of RTP and of RTCP.
+    struct heard_track_t {
+        udp_receiver_track_t track;
+        CSockAddrStorage known[2];
+    };
+
+    int m_count = 0;
+    std::unique_ptr<heard_track_t[]> m_heard;  // m_count of them
 };
 
 }  // namespace Vidora

@@ -47,9 +47,9 @@ bool add_transport(CTextWriter& line, const transport_info& t, const multicast_i
 
 CRtspReqParser::CRtspReqParser() {
     m_speed = 0.0F;
-    m_texts = &m_own_texts;
+    hold_texts();
+    m_request_url[0] = '\0';
     m_base_url[0] = '\0';
-    m_redirect_url[0] = '\0';
     m_source[0] = '\0';
     m_product = "Rtsp Client/2.0";
 }
@@ -61,7 +61,7 @@ void CRtspReqParser::set_url(const char* url) {
     }
     // clang-format on
     CGuard guard(m_shared_lock);
-    CTextWriter(m_texts->url, sizeof m_texts->url).Add(url);
+    CTextWriter(m_request_url, sizeof m_request_url).Add(url);
     CTextWriter(m_base_url, sizeof m_base_url).Add(url);
 }
 
@@ -71,14 +71,14 @@ void CRtspReqParser::set_next_cseq(unsigned int n) {
 }
 
 const char* CRtspReqParser::generate_options() {
-    return generate_request(RTSP_METHOD_OPTIONS, m_texts->url[0] != '\0' ? m_texts->url : "*", nullptr, nullptr,
+    return generate_request(RTSP_METHOD_OPTIONS, m_request_url[0] != '\0' ? m_request_url : "*", nullptr, nullptr,
                             nullptr, 0);
 }
 
 const char* CRtspReqParser::generate_describe() {
     char headers[128];
     CTextWriter(headers, sizeof headers).Add("Accept: application/sdp\r\n", back_channel_tag());
-    return generate_request(RTSP_METHOD_DESCRIBE, m_texts->url, headers, nullptr, nullptr, 0);
+    return generate_request(RTSP_METHOD_DESCRIBE, m_request_url, headers, nullptr, nullptr, 0);
 }
 
 const char* CRtspReqParser::generate_setup(const transport_info* t, const multicast_info* m, bool back_channel) {
@@ -151,11 +151,11 @@ void CRtspReqParser::build_play_url(char* out, unsigned int size) {
     const char* host = std::strstr(m_base_url, "://");
     const char* path = host != nullptr ? std::strchr(host + 3, '/') : nullptr;
     if (path == nullptr) {
-        url.Add(m_texts->url);
+        url.Add(m_request_url);
         return;
     }
     const char* found =
-        std::strlen(m_texts->url) >= RTSP_SCHEME_SIZE ? std::strstr(m_texts->url + RTSP_SCHEME_SIZE, path) : nullptr;
+        std::strlen(m_request_url) >= RTSP_SCHEME_SIZE ? std::strstr(m_request_url + RTSP_SCHEME_SIZE, path) : nullptr;
     url.Add(m_base_url);
     if (found == nullptr) {
         return;
@@ -169,11 +169,11 @@ void CRtspReqParser::build_play_url(char* out, unsigned int size) {
 }
 
 const char* CRtspReqParser::generate_pause() {
-    return generate_request(RTSP_METHOD_PAUSE, m_texts->url, nullptr, nullptr, nullptr, 0);
+    return generate_request(RTSP_METHOD_PAUSE, m_request_url, nullptr, nullptr, nullptr, 0);
 }
 
 const char* CRtspReqParser::generate_teardown(char* buffer, int size) {
-    return generate_request(RTSP_METHOD_TEARDOWN, m_texts->url, back_channel_tag(), nullptr, buffer, size);
+    return generate_request(RTSP_METHOD_TEARDOWN, m_request_url, back_channel_tag(), nullptr, buffer, size);
 }
 
 const char* CRtspReqParser::generate_parameter(int method, const char* body, const char* content_type) {
@@ -183,7 +183,7 @@ const char* CRtspReqParser::generate_parameter(int method, const char* body, con
         lines.Add("Content-Length: ", static_cast<int>(std::strlen(body)),
                   "\r\nContent-Type: ", content_type != nullptr ? content_type : "text/parameters", "\r\n");
     }
-    return generate_request(method, m_texts->url, headers, body, nullptr, 0);
+    return generate_request(method, m_request_url, headers, body, nullptr, 0);
 }
 
 const char* CRtspReqParser::back_channel_tag() const {
@@ -194,10 +194,10 @@ const char* CRtspReqParser::generate_request(int method, const char* url, const 
                                              char* buffer, int size) {
     const char* name = RtspMethodName(method);
     std::string extra;
-    if (name == nullptr || build_ext_headers(method, extra) < 0) {
+    const bool given = buffer != nullptr && size > 0;
+    if (name == nullptr || build_ext_headers(method, extra) < 0 || !(given || hold_texts())) {
         return nullptr;
     }
-    const bool given = buffer != nullptr && size > 0;
     char* message = given ? buffer : m_texts->written;
     unsigned int cseq = 0;
     {
@@ -209,6 +209,21 @@ const char* CRtspReqParser::generate_request(int method, const char* url, const 
             .Add("\r\nCSeq: ", cseq, "\r\n", m_session, std::string_view(extra), headers, "\r\n", body);
     }
     return remember_request(static_cast<int>(cseq), method) ? message : nullptr;
+}
+
+void CRtspReqParser::forget_reply() {
+    m_body_length = 0;
+    m_texts = nullptr;
+    m_own_texts.reset();
+}
+
+// False if memory is short.
+bool CRtspReqParser::hold_texts() {
+    if (m_own_texts == nullptr) {
+        m_own_texts.reset(new (std::nothrow) rtsp_texts);
+        m_texts = m_own_texts.get();
+    }
+    return m_texts != nullptr;
 }
 
 void CRtspReqParser::forget_request(int cseq) {

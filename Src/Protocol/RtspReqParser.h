@@ -62,6 +62,10 @@ public:
     static int request_size(const char* buffer, unsigned int length);
     // The reply with this CSeq was a provisional one: the request goes on waiting.
     void expect_reply(int cseq, int method) { remember_request(cseq, method); }
+    // Releases the texts of the last reply and of the last request, for a connection that will be quiet for seconds:
+    // what the get_ operations give of them is empty, and get_transport not to be called, until the next reply. For an
+    // object that one thread uses: the next reader or generator makes the memory anew.
+    void forget_reply();
     // No reply to the request is waited for any more.
     void forget_request(int cseq);
 
@@ -72,10 +76,10 @@ public:
     const char* get_source() const { return m_source; }
 
     // The methods that the server offered.
-    const char* get_public() const { return m_own_texts.methods; }
+    const char* get_public() const { return m_own_texts != nullptr ? m_own_texts->methods : ""; }
     const char* get_base_url() const { return m_base_url; }
     // Target of a 301 or 302.
-    const char* get_redirect_url() const { return m_redirect_url; }
+    const char* get_redirect_url() const { return m_redirect_url != nullptr ? m_redirect_url.get() : ""; }
     // The tracks of the last RTP-Info header; null before the first one. `count` may be null.
     const rtp_info_entry* get_rtp_info(int* count) const;
 
@@ -93,6 +97,7 @@ private:
     void build_setup_url(const char* track_url, char* out, unsigned int size);
     void build_play_url(char* out, unsigned int size);
 
+    bool hold_texts();
     int take_info(const char* message, unsigned int length, rtsp_msg_info* info);
     int read_challenge(CStrParser& text);
     int read_redirect(CStrParser& text);
@@ -119,11 +124,12 @@ private:
     std::unique_ptr<rtp_info_entry[], CFree> m_rtp_info;
     int m_rtp_info_count = 0;
     bool m_has_transport = false;
-    rtsp_texts m_own_texts;
+    std::unique_ptr<rtsp_texts> m_own_texts;  // m_texts; none after forget_reply
+    char m_request_url[RTSP_MAX_TEXT + 1];
     char m_session_line[RTSP_MAX_TEXT + 1];
     char m_source[128];
     char m_base_url[RTSP_MAX_TEXT + 1];
-    char m_redirect_url[RTSP_MAX_TEXT];
+    std::unique_ptr<char[]> m_redirect_url;  // RTSP_MAX_TEXT bytes, made for the first redirect
 };
 
 }  // namespace Vidora

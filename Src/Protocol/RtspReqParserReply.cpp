@@ -1,5 +1,6 @@
 // The reading half: replies.
 #include <cstring>
+#include <new>
 
 #include "Protocol/LogQuote.h"
 #include "Protocol/RtspReqParser.h"
@@ -30,7 +31,7 @@ int CRtspReqParser::parse_message(const char* buffer, unsigned int length, rtsp_
     }
     const char* message = text.GetString();
     const unsigned int message_length = static_cast<unsigned int>(text.GetStringLen());
-    if (take_info(message, message_length, info) < 0) {
+    if (!hold_texts() || take_info(message, message_length, info) < 0) {
         return RTSP_BAD_MESSAGE;
     }
 
@@ -110,11 +111,14 @@ int CRtspReqParser::read_challenge(CStrParser& text) {
 
 int CRtspReqParser::read_redirect(CStrParser& text) {
     text.ResetAll();
-    if (text.LocateStringCase(RTSP_SCHEME) < 0) {
+    if (m_redirect_url == nullptr) {
+        m_redirect_url.reset(new (std::nothrow) char[RTSP_MAX_TEXT]());
+    }
+    if (m_redirect_url == nullptr || text.LocateStringCase(RTSP_SCHEME) < 0) {
         m_status = RTSP_STATUS_BAD_REQUEST;
         return RTSP_BAD_MESSAGE;
     }
-    text.ConsumeSentence("\r\n", m_redirect_url, sizeof m_redirect_url);
+    text.ConsumeSentence("\r\n", m_redirect_url.get(), RTSP_MAX_TEXT);
     return RTSP_OK;
 }
 
@@ -182,7 +186,7 @@ void CRtspReqParser::read_content_base(CStrParser& text) {
     if (RtspFindScheme(value) != nullptr) {
         url.Add(value);
     } else {
-        const char* start = RtspFindScheme(m_texts->url);
+        const char* start = RtspFindScheme(m_request_url);
         const char* path = start != nullptr ? std::strchr(start + RTSP_SCHEME_SIZE, '/') : nullptr;
         if (path == nullptr) {
             return;

@@ -164,6 +164,7 @@ private:
     void take_challenge(const pending_request& request, const char* text, unsigned int length, rtsp_msg_info info);
     void take_redirect(const char* text, unsigned int length, rtsp_msg_info info);
     void take_success(const pending_request& request, const char* text, unsigned int length, const rtsp_msg_info& info);
+    void give_memory_back();
     int parse(const StateEvent& event);
     int take_parameter(const StateEvent& event);
     bool repeat(const pending_request& request);

@@ -118,6 +118,7 @@ int CClientConversation::TakeMessage(const char* text, unsigned int length) {
         return -1;
     }
     take_reply(text, static_cast<unsigned int>(size), info);
+    give_memory_back();
     return IsEnded() ? -1 : size;
 }
 
@@ -180,6 +181,14 @@ void CClientConversation::take_reply(const char* text, unsigned int length, cons
     }
     if (request.IsOfPlay()) {
         play_deferred();
+    }
+}
+
+// While it plays, seconds pass before the next request.
+void CClientConversation::give_memory_back() {
+    const bool plays = m_state == CLIENT_PLAYING || m_state == CLIENT_PAUSED;
+    if (plays) {
+        m_parser.forget_reply();
     }
 }
 

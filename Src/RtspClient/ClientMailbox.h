@@ -1,8 +1,8 @@
 #ifndef VIDORA_RTSPCLIENT_CLIENTMAILBOX_H
 #define VIDORA_RTSPCLIENT_CLIENTMAILBOX_H
 
-#include <deque>
 #include <functional>
+#include <list>
 #include <new>
 #include <utility>
 
@@ -37,7 +37,7 @@ public:
     }
     // What waits is dropped, and nothing more is taken.
     void Close() {
-        std::deque<item_t> dropped;
+        std::list<item_t> dropped;
         CGuard guard(m_mutex);
         m_closed = true;
         m_bytes = 0;
@@ -85,7 +85,7 @@ private:
     const size_t m_max_bytes;
 
     CMutex m_mutex;
-    std::deque<item_t> m_items VIDORA_GUARDED_BY(m_mutex);
+    std::list<item_t> m_items VIDORA_GUARDED_BY(m_mutex);
     size_t m_bytes VIDORA_GUARDED_BY(m_mutex) = 0;
     bool m_closed VIDORA_GUARDED_BY(m_mutex) = false;
 };

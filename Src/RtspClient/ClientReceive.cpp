@@ -1,5 +1,6 @@
 #include "RtspClient/ClientReceive.h"
 
+#include <algorithm>
 #include <new>
 
 namespace Kavio {
@@ -40,7 +41,8 @@ int CClientReceive::Begin(CStreamReceiver* receiver, const receiver_tracks_t& tr
     CGuard guard(m_mutex);
     m_receiver = receiver;
     m_receiver_id = receiver->GetID();
-    m_tracks = tracks;
+    m_counted.reset(new (std::nothrow) reception_stats_t[static_cast<size_t>(std::max(tracks.count, 0))]);
+    m_tracks = m_counted != nullptr ? tracks : receiver_tracks_t();
     receiver->SetUrl(url);
     receiver->SetMediaBuffer(m_buffer);
     receiver->SetProcs(CStreamReceiver::unit_proc_t(this, &CClientReceive::on_rtcp),
@@ -48,7 +50,7 @@ int CClientReceive::Begin(CStreamReceiver* receiver, const receiver_tracks_t& tr
     if (packet_type == PACKET_TYPE_KX) {
         receiver->SetRtpProc(CStreamReceiver::unit_proc_t(this, &CClientReceive::on_frame));
     }
-    return receiver->SetTracks(tracks) < 0 || receiver->Start(0, 1.0F) < 0 ? -1 : 0;
+    return receiver->SetTracks(m_tracks) < 0 || receiver->Start(0, 1.0F) < 0 ? -1 : 0;
 }
 
 void CClientReceive::Stop() {
@@ -128,7 +130,7 @@ void CClientReceive::GetTotals(RtspClientStatistics& totals) {
 void CClientReceive::count_locked() {
     for (int i = 0; m_receiver != nullptr && i < m_tracks.count; ++i) {
         const reception_stats_t now = m_receiver->GetStats(m_tracks.tracks[i].rtp_channel, false);
-        reception_stats_t& counted = m_counted[i];
+        reception_stats_t& counted = m_counted[static_cast<size_t>(i)];
         m_totals.packets += now.packets - counted.packets;
         m_totals.bytes += now.octets - counted.octets;
         m_totals.lost += now.lost_total - counted.lost_total;

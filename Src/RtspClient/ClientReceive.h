@@ -2,6 +2,7 @@
 #define VIDORA_RTSPCLIENT_CLIENTRECEIVE_H
 
 #include <atomic>
+#include <memory>
 #include <string>
 
 #include "RtspClient/ClientMailbox.h"
@@ -82,7 +83,7 @@ private:
     CMediaBuffer* m_buffer VIDORA_GUARDED_BY(m_mutex) = nullptr;
     bool m_dropped VIDORA_GUARDED_BY(m_mutex) = false;
     receiver_tracks_t m_tracks VIDORA_GUARDED_BY(m_mutex);
-    reception_stats_t m_counted[RECEIVER_MAX_TRACKS] VIDORA_GUARDED_BY(m_mutex);
+    std::unique_ptr<reception_stats_t[]> m_counted VIDORA_GUARDED_BY(m_mutex);  // of m_tracks
     RtspClientStatistics m_totals VIDORA_GUARDED_BY(m_mutex);
 };
 

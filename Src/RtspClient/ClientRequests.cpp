@@ -61,23 +61,28 @@ unsigned int CClientRequests::CountOfPlay() const {
 
 int CReplySlots::Reserve(char* out, int length) {
     CGuard guard(m_mutex);
-    for (slot_t& slot : m_slots) {
-        if (!slot.used && !m_closed) {
-            slot = slot_t{true, 0, out, length};
-            return static_cast<int>(&slot - m_slots) + 1;
-        }
+    const auto place = std::find_if(m_slots.begin(), m_slots.end(), [](const slot_t& slot) { return !slot.used; });
+    const auto index = place - m_slots.begin();
+    if (m_closed || index == CLIENT_MAX_PENDING) {
+        return 0;
     }
-    return 0;
+    try {
+        m_slots.resize(std::max(m_slots.size(), static_cast<size_t>(index) + 1));
+    } catch (const std::bad_alloc&) {
+        return 0;
+    }
+    m_slots[static_cast<size_t>(index)] = slot_t{true, 0, out, length};
+    return static_cast<int>(index) + 1;
 }
 
 void CReplySlots::Bind(int slot, int cseq) {
     CGuard guard(m_mutex);
-    m_slots[slot - 1].cseq = cseq;
+    m_slots[static_cast<size_t>(slot) - 1].cseq = cseq;
 }
 
 void CReplySlots::Drop(int slot) {
     CGuard guard(m_mutex);
-    m_slots[slot - 1] = slot_t{};
+    m_slots[static_cast<size_t>(slot) - 1] = slot_t{};
 }
 
 void CReplySlots::DropCSeq(int cseq) {

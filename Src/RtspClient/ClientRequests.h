@@ -81,7 +81,7 @@ private:
     };
 
     CMutex m_mutex;
-    slot_t m_slots[CLIENT_MAX_PENDING] VIDORA_GUARDED_BY(m_mutex);
+    std::vector<slot_t> m_slots VIDORA_GUARDED_BY(m_mutex);  // CLIENT_MAX_PENDING at most, as many as were ever used
     bool m_closed VIDORA_GUARDED_BY(m_mutex) = false;
 };
 

@@ -71,6 +71,10 @@ int CRtpFrameBufferCore::make_decoders(const CDecoderParams& params) {
     for (int i = 0; i < CDecoderParams::TRACK_COUNT; ++i) {
         const CDecoderParams::Track& described = params.Get(static_cast<CDecoderParams::track_t>(i));
         Track& track = m_tracks[i];
+        track = Track();
+        if (described.channel < 0) {
+            continue;  // nothing will come for it
+        }
         track.parser = CStreamParser::Create(STREAM_TYPE_RTP, destination);
         if (track.parser == nullptr) {
             logError("CRtpFrameBuffer::Init: CStreamParser::Create fail\n");

@@ -123,21 +123,29 @@ int CTcpLink::OnInput(int fd) {
     if (m_sock == nullptr || fd != m_sock->GetHandle()) {
         return 0;
     }
-    const int count = m_sock->Recv(m_buffer + m_received, static_cast<unsigned int>(RTSP_MAX_MESSAGE - m_received));
+    if (m_buffer == nullptr) {
+        m_buffer.reset(new (std::nothrow) char[RTSP_MAX_MESSAGE + 1]);
+    }
+    const unsigned int room = static_cast<unsigned int>(RTSP_MAX_MESSAGE - m_received);
+    const int count = m_buffer != nullptr ? m_sock->Recv(m_buffer.get() + m_received, room) : -1;
     if (count < 0) {
         logWarn("%s:%d return -1\n", __FILE__, __LINE__);
         fail(RTSP_CLIENT_FAILURE_LOST);
         return -1;
     }
     m_received += count;
-    return cut_messages();
+    const int result = cut_messages();
+    if (m_received <= 0) {
+        m_buffer.reset();
+    }
+    return result;
 }
 
 int CTcpLink::cut_messages() {
     m_buffer[m_received] = '\0';
     int place = 0;
     while (place < m_received) {
-        const int size = m_user.TakeMessage(m_buffer + place, static_cast<unsigned int>(m_received - place));
+        const int size = m_user.TakeMessage(m_buffer.get() + place, static_cast<unsigned int>(m_received - place));
         if (size < 0) {
             m_received = 0;
             return -1;
@@ -148,7 +156,7 @@ int CTcpLink::cut_messages() {
         place += size;
     }
     m_received -= place;
-    std::memmove(m_buffer, m_buffer + place, static_cast<size_t>(m_received));
+    std::memmove(m_buffer.get(), m_buffer.get() + place, static_cast<size_t>(m_received));
     if (m_received == RTSP_MAX_MESSAGE) {
         m_user.OnLinkFlooded();
         return -1;
@@ -183,7 +191,7 @@ CStreamReceiver* CTcpLink::MakeReceiver(packet_type_t packet_type, long owner_id
         return nullptr;
     }
     m_handler.UnregisterSock(*m_sock, Tramel::SOCK_EVENT_READ);
-    if (receiver->Feed(m_buffer, m_received) < 0) {
+    if (m_received > 0 && receiver->Feed(m_buffer.get(), m_received) < 0) {
         logWarn("%s:%d return -1\n", __FILE__, __LINE__);
     }
     m_received = 0;

@@ -11,7 +11,7 @@ namespace Vidora {
 // CTcpLink: a client's TCP connection to its server.
 //
 // THREADING  The strand of `handler`, but for the construction.
-// MEMORY     4 kB of input.
+// MEMORY     4 kB of input, while a part of a message waits for the rest.
 class CTcpLink final : public CHandlerLink {
 public:
     using CHandlerLink::CHandlerLink;
@@ -44,7 +44,7 @@ private:
     std::shared_ptr<CSockStream> m_sock;
     CStreamSender* m_sender = nullptr;  // once connected; ended by its Close
     int m_received = 0;                 // bytes of m_buffer
-    char m_buffer[RTSP_MAX_MESSAGE + 1];
+    std::unique_ptr<char[]> m_buffer;   // a whole message and a NUL; null without bytes
 };
 
 }  // namespace Vidora
