@@ -214,7 +214,8 @@ CReactor::role_t CReactor::next_role(CPollers& pollers, bool may_run, std::share
     }
     m_polled = true;
     m_asleep = idle && !m_stopping.load();
-    if (m_asleep && m_help_at != 0) {
+    // While it is called often, the alarm is left alone, and wakes a thread in vain each HELP_AFTER_US at most.
+    if (m_asleep && m_help_at != 0 && !m_called_often) {
         m_help_at = 0;
         pollers.help.ClearAlarm();
     }
@@ -247,7 +248,10 @@ size_t CReactor::poll(CPollers& pollers, bool sleeps) {
     m_asleep = false;
     m_wake_sent = m_wake_sent && !batch.woken;
     // A full batch is no sign that this thread has caught up.
-    m_busy_since = sleeps && batch.count < CPollBatch::MAX_EVENTS ? now : m_busy_since;
+    if (sleeps && batch.count < CPollBatch::MAX_EVENTS) {
+        m_called_often = now < m_busy_since + HELP_AFTER_US;
+        m_busy_since = now;
+    }
     m_queue.Append(gathered);
     return m_queue.Size();
 }

@@ -137,8 +137,9 @@ private:
     bool m_asleep VIDORA_GUARDED_BY(m_mutex) = false;     // it waits for as long as it takes, or is about to
     bool m_wake_sent VIDORA_GUARDED_BY(m_mutex) = false;  // a wake-up that it hasn't taken yet
     unsigned int m_resting VIDORA_GUARDED_BY(m_mutex) = 0;
-    uint64_t m_help_at VIDORA_GUARDED_BY(m_mutex) = 0;     // for which the alarm of `help` is set, or 0
-    uint64_t m_busy_since VIDORA_GUARDED_BY(m_mutex) = 0;  // when the thread that polled left its last sleep
+    uint64_t m_help_at VIDORA_GUARDED_BY(m_mutex) = 0;       // for which the alarm of `help` is set, or 0
+    bool m_called_often VIDORA_GUARDED_BY(m_mutex) = false;  // the last sleep ended soon after the one before
+    uint64_t m_busy_since VIDORA_GUARDED_BY(m_mutex) = 0;    // when the thread that polled left its last sleep
 };
 
 }  // namespace Tramel
