@@ -55,6 +55,9 @@ public:
     int Add(int fd, uint32_t generation, unsigned int events, poll_arming_t arming);
     // Arms `fd` anew. 0, or the negative errno: -ENOENT if the file that was added has been closed.
     int Modify(int fd, uint32_t generation, unsigned int events, poll_arming_t arming);
+    // Silences `fd` until Modify, but for a hang-up, which is told once. Its handler may be busy with it on another
+    // thread.
+    void Disarm(int fd, uint32_t generation);
     // Takes `fd` out; an unknown one is ignored.
     void Remove(int fd);
     // Forgets every descriptor, also those that were closed while the file lived on elsewhere, which nothing else takes

@@ -204,7 +204,7 @@ bool CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
 // By level the poller would tell an event again and again that nobody takes. Of a disarmed descriptor it tells a
 // hang-up at most, once.
 void CSockTable::disarm_locked(CShard& shard, CEntry& entry) {
-    shard.poller->Modify(entry.fd, entry.generation, 0, ARM_ONCE);
+    shard.poller->Disarm(entry.fd, entry.generation);
     entry.by_level = false;
     entry.armed = 0;
 }
