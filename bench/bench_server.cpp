@@ -34,6 +34,7 @@ const int SETUP_ROUNDS = 5;
 const unsigned int FIRST_SESSIONS = 8;  // that are there when memory is measured, for what the first ones bring
 // A host that was halted for longer than two seconds goes on from where it is instead of catching up.
 const std::chrono::milliseconds SLICE(2200);
+const std::chrono::milliseconds STAMPED(4000);
 
 // How sessions come and their media leave. The bare loop has TCP in the place of a tunnel, and plain UDP for NAT.
 struct Road {
@@ -45,8 +46,8 @@ struct Road {
 };
 
 const Road ROADS[] = {
-    {"TCP", "--tcp", false, Bench::FLEET_PLAIN, {10, 100, 500, 1000}},
-    {"UDP", "--udp", true, Bench::FLEET_PLAIN, {10, 100, 500, 1000}},
+    {"TCP", "--tcp", false, Bench::FLEET_PLAIN, {10, 100, 500, 1000, 5000}},
+    {"UDP", "--udp", true, Bench::FLEET_PLAIN, {10, 100, 500, 1000, 3000}},
     {"HTTP", "--http", false, Bench::FLEET_TUNNELS, {100, 500}},
     {"NAT", "--nat", true, Bench::FLEET_NAT, {100, 500}},
 };
@@ -70,6 +71,8 @@ struct Side {
     uint64_t cpu_ns = 0;
     uint64_t bytes = 0;
     double seconds = 0;
+    double spread_ms = 0;
+    double silence_ms = 0;
 
     double Cost() const { return static_cast<double>(cpu_ns) / (static_cast<double>(bytes) * 8); }
     void Stop() const { Bench::Halt(process); }
@@ -212,27 +215,42 @@ void run_slice(Side& side) {
     side.cost.push_back(static_cast<double>(used) / (static_cast<double>(sent) * 8));
 }
 
+// By the system's clock at the receiving sockets. Not in the slices that count: a stamp costs whoever sends.
+void measure_spread(Side& side) {
+    side.client->Stamp(true);
+    side.Go();
+    std::this_thread::sleep_for(STAMPED);
+    side.Stop();
+    side.client->Settle();
+    side.client->Stamp(false);
+    side.spread_ms = static_cast<double>(side.client->Figures().spread_ns) / 1e6;
+    side.silence_ms = static_cast<double>(side.client->Figures().silence_ns) / 1e6;
+}
+
 void print_row(const Row& row, const Side& server, const Side& bare, uint64_t packets, uint64_t gaps, uint64_t up) {
     std::vector<double> ratios;
     for (size_t i = 0; i < server.cost.size(); ++i) {
         ratios.push_back(server.cost[i] / bare.cost[i]);
     }
     const auto ends = std::minmax_element(ratios.begin(), ratios.end());
-    std::printf("%5u %-4s %5llu %9llu %5llu %8.1f %8.4f %8.4f %6.2f %6.2f (%.2f-%.2f) %7.1f %7.3f %7.3f %5.2f\n",
-                row.clients, row.road.name, static_cast<unsigned long long>(up),
-                static_cast<unsigned long long>(packets), static_cast<unsigned long long>(gaps),
-                static_cast<double>(server.bytes) * 8 / 1e6 / server.seconds, server.Cost(), bare.Cost(),
-                server.Cost() / bare.Cost(), median(ratios), *ends.first, *ends.second, row.SessionKb(),
-                median(server.setup_s), median(bare.setup_s), median(server.setup_s) / median(bare.setup_s));
+    std::printf(
+        "%5u %-4s %5llu %9llu %5llu %8.1f %8.4f %8.4f %6.2f %6.2f (%.2f-%.2f) %7.1f %7.3f %7.3f %5.2f %7.1f %6.1f "
+        "%6.0f\n",
+        row.clients, row.road.name, static_cast<unsigned long long>(up), static_cast<unsigned long long>(packets),
+        static_cast<unsigned long long>(gaps), static_cast<double>(server.bytes) * 8 / 1e6 / server.seconds,
+        server.Cost(), bare.Cost(), server.Cost() / bare.Cost(), median(ratios), *ends.first, *ends.second,
+        row.SessionKb(), median(server.setup_s), median(bare.setup_s), median(server.setup_s) / median(bare.setup_s),
+        server.spread_ms, bare.spread_ms, server.silence_ms);
     std::fflush(stdout);
 }
 
 // The row as README.md shows it.
 std::string readme_line(const Row& row, const Side& server, const Side& bare, uint64_t gaps) {
-    char line[160];
-    std::snprintf(line, sizeof(line), "| %s | %u | %llu | %.3f | %.3f | %.2f | %.1f | %.2f |", row.road.name,
-                  row.clients, static_cast<unsigned long long>(gaps), server.Cost(), bare.Cost(),
-                  server.Cost() / bare.Cost(), row.SessionKb(), median(server.setup_s) / median(bare.setup_s));
+    char line[200];
+    std::snprintf(line, sizeof(line), "| %s | %u | %llu | %.3f | %.3f | %.2f | %.1f | %.2f | %.1f (%.1f) | %.0f |",
+                  row.road.name, row.clients, static_cast<unsigned long long>(gaps), server.Cost(), bare.Cost(),
+                  server.Cost() / bare.Cost(), row.SessionKb(), median(server.setup_s) / median(bare.setup_s),
+                  server.spread_ms, bare.spread_ms, server.silence_ms);
     return line;
 }
 
@@ -288,6 +306,8 @@ bool run_row(const Options& options, const Bench::Recording& recording, Row row,
     const uint64_t bare_up = bare.client->Figures().up;
     const uint64_t gaps = figures.gaps;
     const uint64_t played = figures.packets - packets;
+    measure_spread(server);
+    measure_spread(bare);
     server.Go();
     row.resident_after = resident();
     print_row(row, server, bare, played, gaps, up);
@@ -383,7 +403,7 @@ int main(int argc, char** argv) {
         std::chrono::duration<double>(SLICE).count());
     std::printf(
         "    N        up   packets  gaps   Mbit/s   server     bare  ratio median (range)     kB/sess  set-up    bare "
-        "ratio\n");
+        "ratio  spread   bare  quiet\n");
     bool good = true;
     std::vector<std::string> readme;
     for (const Road& road : ROADS) {

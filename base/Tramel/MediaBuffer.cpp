@@ -1,5 +1,7 @@
 #include "Vidora/Tramel/MediaBuffer.h"
 
+#include <time.h>
+
 #include <atomic>
 #include <new>
 #include <thread>
@@ -29,8 +31,8 @@ namespace {
 const unsigned int MAX_GROUPS = 32;
 const size_t GROUP_SINKS = 16;  // a new group is made when all have that many, while there may be more groups
 
-const uint64_t SPREAD_AFTER_US = 2000;
-const uint64_t STUCK_AFTER_US = 20000;
+const uint64_t SPREAD_AFTER_US = 8000;
+const uint64_t STUCK_AFTER_US = 100000;
 const int MAX_YIELDS = 3;
 
 // So few senders are written by the putting thread: that costs it little more than to wake another one, and the process
@@ -39,14 +41,22 @@ const size_t FEW_SINKS = 16;
 const uint64_t HAND_OVER_AFTER_US = 5000;  // more than another program's turn on the processor usually takes
 const uint64_t HAND_OVER_US = 1000000;
 
+// Processor time of the calling thread: what others take of the processor meanwhile doesn't count.
+uint64_t own_time_us() {
+    timespec now = {};
+    clock_gettime(CLOCK_THREAD_CPUTIME_ID, &now);
+    return static_cast<uint64_t>(now.tv_sec) * 1000000 + static_cast<uint64_t>(now.tv_nsec) / 1000;
+}
+
 }  // namespace
 
 // The shared record: it outlives the buffer while a Put runs.
 //
-// As a strand it writes the groups one after another on one thread of the pool, and only when that takes longer than
-// SPREAD_AFTER_US makes turns of the others due, for all threads. So a put wakes one thread, as the last thing that it
-// does for its senders: threads that wake for more are unlikely to take the processor from a source inside Put, and a
-// socket's state isn't carried from one processor's cache to another's for the sake of a millisecond.
+// As a strand it writes the groups one after another on one thread of the pool, and only when that has taken more than
+// SPREAD_AFTER_US of its processor time makes turns of the others due, for all threads. Two threads that send at once
+// cost half as much again where there is no processor left for whoever receives. So a put wakes one thread, as the last
+// thing that it does for its senders: threads that wake for more are unlikely to take the processor from a source
+// inside Put, and a socket's state isn't carried from one processor's cache to another's for the sake of a millisecond.
 class CMediaBuffer::CImpl final : public CStrand {
 public:
     ~CImpl();
@@ -207,14 +217,14 @@ bool CMediaBuffer::CImpl::RunTurn() {
     for (int i = 0; i < MAX_YIELDS && m_waking.load() > 0; ++i) {
         std::this_thread::yield();
     }
-    const uint64_t begin = CTime::getCurrentMicroSecond();
-    m_turn_begin_us.store(begin);
+    m_turn_begin_us.store(CTime::getCurrentMicroSecond());
+    const uint64_t begin = own_time_us();
     for (unsigned int i = 0; i < MAX_GROUPS; ++i) {
         const std::shared_ptr<CSinkGroup> next = group(i);
         if (next == nullptr) {
             break;
         }
-        if (CTime::getCurrentMicroSecond() - begin < SPREAD_AFTER_US) {
+        if (own_time_us() - begin < SPREAD_AFTER_US) {
             next->RunHere();
         } else {
             next->Kick();

@@ -13,10 +13,12 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstring>
+#include <iterator>
 
 #include "Vidora/Ostra/Base64.h"
 #include "rendezvous/Rendezvous.h"
 #include "support/Loopback.h"
+#include "support/Machine.h"
 
 namespace Bench {
 
@@ -47,6 +49,20 @@ int bound_udp(uint16_t port) {
     }
     ::setsockopt(fd, SOL_SOCKET, SO_RCVBUF, &UDP_RECV_BUFFER, sizeof(UDP_RECV_BUFFER));
     return fd;
+}
+
+const size_t CONTROL_ROOM = CMSG_SPACE(sizeof(timespec)) + CMSG_SPACE(sizeof(timespec) * 3);
+
+// When the system got what a message has brought, by the wall clock; 0 if it doesn't say.
+uint64_t arrival_of(msghdr& message) {
+    for (cmsghdr* each = CMSG_FIRSTHDR(&message); each != nullptr; each = CMSG_NXTHDR(&message, each)) {
+        timespec time = {};
+        if (each->cmsg_level == SOL_SOCKET && each->cmsg_type == SCM_TIMESTAMPNS) {
+            std::memcpy(&time, CMSG_DATA(each), sizeof(time));
+            return static_cast<uint64_t>(time.tv_sec) * 1000000000u + static_cast<uint64_t>(time.tv_nsec);
+        }
+    }
+    return 0;
 }
 
 uint64_t dropped_by(int fd) {
@@ -96,6 +112,26 @@ void CFleet::Close() {
     m_clients.clear();
     m_started = m_pending = 0;
     m_figures.up = m_figures.failed = 0;
+}
+
+void CFleet::Stamp(bool on) {
+    m_stamps = on;
+    const int value = on ? 1 : 0;
+    for (const auto& client : m_clients) {
+        const int fd = m_udp || m_link == FLEET_NAT ? client->rtp : client->control;
+        ::setsockopt(fd, SOL_SOCKET, SO_TIMESTAMPNS, &value, sizeof(value));
+        client->last_ns = 0;
+    }
+    std::vector<uint64_t> spreads;
+    for (auto span = m_spans.begin(); span != m_spans.end(); ++span) {
+        if (span != m_spans.begin() && std::next(span) != m_spans.end()) {  // those at the ends may be cut
+            spreads.push_back(span->second.last_ns - span->second.first_ns);
+        }
+    }
+    m_figures.spread_ns = Percentile(spreads, 0.99);
+    m_figures.silence_ns = m_silence_ns;
+    m_spans.clear();
+    m_silence_ns = 0;
 }
 
 void CFleet::start_next() {
@@ -289,10 +325,27 @@ void CFleet::Run(int wake_fd) {
     ::epoll_ctl(m_epoll, EPOLL_CTL_DEL, wake_fd, nullptr);
 }
 
+// As recv. Of several packets in one read the last one's arrival counts.
+ssize_t CFleet::receive(int fd) {
+    if (!m_stamps) {
+        return ::recv(fd, m_room.data(), m_room.size(), 0);
+    }
+    alignas(cmsghdr) char control[CONTROL_ROOM];
+    iovec part = {m_room.data(), m_room.size()};
+    msghdr message = {};
+    message.msg_iov = &part;
+    message.msg_iovlen = 1;
+    message.msg_control = control;
+    message.msg_controllen = sizeof(control);
+    const ssize_t got = ::recvmsg(fd, &message, 0);
+    m_arrival_ns = arrival_of(message);
+    return got;
+}
+
 void CFleet::on_control(CClient& client) {
     ssize_t got = 0;
     do {
-        got = ::recv(client.control, m_room.data(), m_room.size(), 0);
+        got = receive(client.control);
         if (got > 0) {
             on_media(client, m_room.data(), static_cast<size_t>(got));
         }
@@ -336,7 +389,7 @@ void CFleet::take_bytes(CClient& client, const unsigned char* data, size_t size)
                 if (client.head[1] % 2 == 0) {
                     count_packet(client, client.head + 4, length);
                 }
-                client.skip = length - 4;
+                client.skip = length - (HEAD_SIZE - 4);
                 client.head_size = 0;
             }
         }
@@ -376,13 +429,17 @@ void CFleet::on_reply(CClient& client) {
 void CFleet::on_rtp(CClient& client) {
     mmsghdr messages[DATAGRAMS] = {};
     iovec parts[DATAGRAMS];
+    alignas(cmsghdr) char controls[DATAGRAMS][CONTROL_ROOM];
     for (unsigned int i = 0; i < DATAGRAMS; ++i) {
+        messages[i].msg_hdr.msg_control = m_stamps ? controls[i] : nullptr;
+        messages[i].msg_hdr.msg_controllen = m_stamps ? CONTROL_ROOM : 0;
         parts[i] = {m_room.data() + i * DATAGRAM_ROOM, DATAGRAM_ROOM};
         messages[i].msg_hdr.msg_iov = &parts[i];
         messages[i].msg_hdr.msg_iovlen = 1;
     }
     const int count = ::recvmmsg(client.rtp, messages, DATAGRAMS, MSG_DONTWAIT, nullptr);
     for (int i = 0; i < count; ++i) {
+        m_arrival_ns = m_stamps ? arrival_of(messages[i].msg_hdr) : 0;
         if (m_link == FLEET_NAT) {
             take_datagram(client, static_cast<const unsigned char*>(parts[i].iov_base), messages[i].msg_len);
         } else if (m_media == FLEET_DISCARDS) {
@@ -401,6 +458,22 @@ void CFleet::count_packet(CClient& client, const unsigned char* rtp, uint64_t si
     client.last_sequence = sequence;
     ++m_packets;
     m_bytes += size;
+    if (m_stamps && m_arrival_ns != 0) {
+        note_arrival(client, rtp);
+    }
+}
+
+void CFleet::note_arrival(CClient& client, const unsigned char* rtp) {
+    const uint64_t now = m_arrival_ns;
+    if (client.last_ns != 0 && now > client.last_ns) {
+        m_silence_ns = std::max(m_silence_ns, now - client.last_ns);
+    }
+    client.last_ns = now;
+    uint32_t time = 0;
+    std::memcpy(&time, rtp + 4, sizeof(time));
+    CSpan& span = m_spans.emplace(ntohl(time), CSpan{now, now}).first->second;
+    span.first_ns = std::min(span.first_ns, now);
+    span.last_ns = std::max(span.last_ns, now);
 }
 
 }  // namespace Bench

@@ -1,8 +1,11 @@
 #ifndef VIDORA_BENCH_SUPPORT_FLEET_H
 #define VIDORA_BENCH_SUPPORT_FLEET_H
 
+#include <sys/types.h>
+
 #include <atomic>
 #include <cstdint>
+#include <map>
 #include <memory>
 #include <string>
 #include <vector>
@@ -23,6 +26,10 @@ struct FleetFigures {
     std::atomic<uint64_t> frames{0};    // whole ones
     std::atomic<uint64_t> damaged{0};   // frames that were dropped for what is missing
     std::atomic<uint64_t> setup_ns{0};  // from the first connect to the last PLAY's reply of the last round
+    // Of the last time with stamps, see ILoad::Stamp.
+    std::atomic<uint64_t> spread_ns{
+        0};  // of a frame: from its first arrival at any client to its last, 99th percentile
+    std::atomic<uint64_t> silence_ns{0};  // the longest time between two arrivals at one client
 };
 
 // Many RTSP clients, whatever they are made of.
@@ -33,6 +40,8 @@ public:
     // Begins to set `count` sessions up at 127.0.0.1.
     virtual void Open(uint16_t port, unsigned int count, bool udp) = 0;
     virtual void Close() = 0;
+    // From now on lets the system note when each packet arrives, or ends that and tells what it showed.
+    virtual void Stamp(bool /*on*/) {}
     // Serves the sessions that have something, until `wake_fd` is readable.
     virtual void Run(int wake_fd) = 0;
 };
@@ -62,11 +71,12 @@ public:
 
     void Open(uint16_t port, unsigned int count, bool udp) override;
     void Close() override;
+    void Stamp(bool on) override;
     void Run(int wake_fd) override;
 
 private:
     static const unsigned int WINDOW = 32;
-    static const unsigned int HEAD_SIZE = 8;  // interleave header, and RTP up to its sequence number
+    static const unsigned int HEAD_SIZE = 12;  // interleave header, and RTP up to its time stamp
 
     struct CClient {
         int control = -1;
@@ -80,6 +90,11 @@ private:
         unsigned int head_size = 0;
         unsigned int skip = 0;  // bytes of the packet that still come
         int last_sequence = -1;
+        uint64_t last_ns = 0;  // of the last arrival; 0: none yet
+    };
+    struct CSpan {
+        uint64_t first_ns;
+        uint64_t last_ns;
     };
     enum kind_t { KIND_CONTROL, KIND_RTP, KIND_RTCP, KIND_WAKE };
 
@@ -96,12 +111,14 @@ private:
     void watch(int fd, unsigned int index, kind_t kind) const;
     void send_request(CClient& client);
     void end_setup(CClient& client, bool good);
+    ssize_t receive(int fd);
     void on_control(CClient& client);
     void take_bytes(CClient& client, const unsigned char* data, size_t size);
     size_t take_text(CClient& client, const unsigned char* data, size_t size);
     void on_media(CClient& client, const unsigned char* data, size_t size);
     void on_rtp(CClient& client);
     void count_packet(CClient& client, const unsigned char* rtp, uint64_t size);
+    void note_arrival(CClient& client, const unsigned char* rtp);
 
     FleetFigures& m_figures;
     uint16_t m_port_base;
@@ -115,7 +132,11 @@ private:
     unsigned int m_pending = 0;
     uint64_t m_start_ns = 0;
     uint64_t m_hello_ns = 0;  // when the NAT sessions said hello last
-    uint64_t m_packets = 0;   // of this wake-up, not told yet
+    bool m_stamps = false;
+    uint64_t m_arrival_ns = 0;  // of the packet that is taken
+    uint64_t m_silence_ns = 0;
+    std::map<uint32_t, CSpan> m_spans;  // by the time stamp of the frame
+    uint64_t m_packets = 0;             // of this wake-up, not told yet
     uint64_t m_bytes = 0;
     std::vector<std::unique_ptr<CClient>> m_clients;
     std::vector<unsigned char> m_room;

@@ -63,17 +63,23 @@ void CLoadClient::run(int commands, const maker_t& maker) {
         if (::read(commands, &command, sizeof(command)) != static_cast<ssize_t>(sizeof(command))) {
             ::_exit(0);
         }
-        if (command.count > 0) {
-            fleet->Open(command.port, command.count, command.udp);
-        } else {
-            fleet->Close();
-        }
+        obey(*fleet, command);
         m_shared->done = command.number;
     }
 }
 
-void CLoadClient::send(uint16_t port, unsigned int count, bool udp) {
-    const CCommand command = {port, count, udp, ++m_number};
+void CLoadClient::obey(ILoad& load, const CCommand& command) {
+    if (command.verb == VERB_OPEN) {
+        load.Open(command.port, command.count, command.udp);
+    } else if (command.verb == VERB_CLOSE) {
+        load.Close();
+    } else {
+        load.Stamp(command.verb == VERB_STAMP);
+    }
+}
+
+void CLoadClient::send(verb_t verb, uint16_t port, unsigned int count, bool udp) {
+    const CCommand command = {verb, port, count, udp, ++m_number};
     if (::write(m_commands, &command, sizeof(command)) != static_cast<ssize_t>(sizeof(command))) {
         std::perror("load client");
         std::exit(1);
@@ -85,7 +91,7 @@ void CLoadClient::send(uint16_t port, unsigned int count, bool udp) {
 
 double CLoadClient::Open(uint16_t port, unsigned int count, bool udp) {
     const auto start = std::chrono::steady_clock::now();
-    send(port, count, udp);
+    send(VERB_OPEN, port, count, udp);
     while (m_figures->up + m_figures->failed < count &&
            std::chrono::duration<double>(std::chrono::steady_clock::now() - start).count() < OPEN_LIMIT_S) {
         pause_ms(5);
@@ -94,7 +100,11 @@ double CLoadClient::Open(uint16_t port, unsigned int count, bool udp) {
 }
 
 void CLoadClient::Close() {
-    send(0, 0, false);
+    send(VERB_CLOSE);
+}
+
+void CLoadClient::Stamp(bool on) {
+    send(on ? VERB_STAMP : VERB_STAMP_END);
 }
 
 void CLoadClient::Settle() const {

@@ -25,20 +25,25 @@ public:
     // Sets `count` sessions up and returns when all are up or have failed, or after a minute: seconds that it took.
     double Open(uint16_t port, unsigned int count, bool udp);
     void Close();
+    // See ILoad.
+    void Stamp(bool on);
     // Waits until nothing more comes.
     void Settle() const;
     const FleetFigures& Figures() const { return *m_figures; }
     pid_t Pid() const { return m_child; }
 
 private:
+    enum verb_t { VERB_OPEN, VERB_CLOSE, VERB_STAMP, VERB_STAMP_END };
     struct CCommand {
+        verb_t verb;
         uint16_t port;
         unsigned int count;
         bool udp;
         uint64_t number;
     };
 
-    void send(uint16_t port, unsigned int count, bool udp);
+    void send(verb_t verb, uint16_t port = 0, unsigned int count = 0, bool udp = false);
+    static void obey(ILoad& load, const CCommand& command);
     [[noreturn]] void run(int commands, const maker_t& maker);
 
     struct CShared {

@@ -17,9 +17,10 @@ class CMediaStreamSender;
 // Senders are spread over groups of 16, or more when there are 32 groups. If all are in one group of at most 16 the
 // putting thread writes them itself, as to wake another one would cost about as much. Otherwise a put hands each group
 // the packet, wakes one thread of the pool and returns; that thread writes the groups, and leaves those that it hasn't
-// reached after 2 ms to all threads. Packets that come meanwhile leave in one vectored write a sender. While there is
-// no pool, or it doesn't keep up, the putting thread writes as well. The library's own senders over UDP, which are
-// level-2 sinks, are in these groups too, once EnableAutoSend was called; all others are called inside Put.
+// reached after 8 ms of its processor time to all threads. Packets that come meanwhile leave in one vectored write a
+// sender. While there is no pool, or it doesn't keep up, the putting thread writes as well. The library's own senders
+// over UDP, which are level-2 sinks, are in these groups too, once EnableAutoSend was called; all others are called
+// inside Put.
 //
 // So a send procedure may run on the putting thread, which is the host's frame thread of the source, and does so with
 // few senders. The senders of a group are written one after another: a procedure that is slow holds up all of its group
