@@ -350,18 +350,16 @@ TEST(MediaBufferPool, APutWaitsForNoPooledSinkAndWhatWaitsForOneIsBounded) {
         buffer.AddLevel2Buffer(&sink);
     }
     const size_t size = 1 << 20;  // 8 of them fill a group
+    int small = 0;
     const auto put_until = [&](const std::function<bool()>& done) {
-        return WaitUntil([&] { return (Put(buffer, "small!", 1, KEY), done()); });
+        return WaitUntil([&] { return (++small, Put(buffer, "small!", 1, KEY), done()); });
     };
     EXPECT_TRUE(put_until([&] { return blocked.load(); }));
-    size_t before = sinks[39].Count();
-    EXPECT_TRUE(put_until([&] { return sinks[39].Count() > before + 1; })) << "the others go on without that thread";
-    before = sinks[39].Count();
-    const int held = CountedPacket::Alive();
-    for (unsigned int i = 0; i < 40; ++i) {
-        EXPECT_TRUE(WaitUntil([&] { return sinks[39].Count() >= before + i; })) << "its group isn't held up";
+    for (int large = 1; large <= 40; ++large) {
         Put(buffer, std::string(size, 'x'), 1, KEY);
-        EXPECT_GE(held + 12, CountedPacket::Alive());
+        const size_t puts = static_cast<size_t>(small + large);
+        EXPECT_TRUE(put_until([&] { return sinks[39].Count() >= puts; })) << "its group isn't held up";
+        EXPECT_GE(small + 20, CountedPacket::Alive());
     }
     goes_on = true;
     EXPECT_TRUE(WaitUntil([&] { return CountedPacket::Alive() == 0; }));
