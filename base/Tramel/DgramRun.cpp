@@ -117,14 +117,14 @@ unsigned int CDgramRun::message_parts(unsigned int first_part) const {
     return end - first_part;
 }
 
-// Messages sent, at least 1, or -1 with errno set.
+// Messages sent, at least 1, or -1 with errno set. See SendNow for the bare call.
 int CDgramRun::transmit(unsigned int message_count) {
     int sent;
     do {
-        sent = ::sendmmsg(m_fd, m_messages, message_count, MSG_NOSIGNAL | MSG_DONTWAIT);
+        sent = static_cast<int>(syscall(SYS_sendmmsg, m_fd, m_messages, message_count, SEND_FLAGS));
     } while (sent < 0 && errno == EINTR);
     if (sent < 0 && errno == ENOSYS) {
-        const ssize_t bytes = ::sendmsg(m_fd, &m_messages[0].msg_hdr, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const ssize_t bytes = SendNow(m_fd, m_messages[0].msg_hdr);
         m_messages[0].msg_len = bytes < 0 ? 0 : static_cast<unsigned int>(bytes);
         sent = bytes < 0 ? -1 : 1;
     }

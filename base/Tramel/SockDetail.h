@@ -35,10 +35,12 @@ inline int GetOption(int fd, int level, int name) {
     return ::getsockopt(fd, level, name, &value, &length) == 0 ? value : -1;
 }
 
+const int SEND_FLAGS = MSG_NOSIGNAL | MSG_DONTWAIT;
+
 // As sendmsg, for a message that never blocks: without the C library's look at whether the thread is to be cancelled,
 // in front of each call and behind it.
 inline ssize_t SendNow(int fd, const struct msghdr& message) {
-    return static_cast<ssize_t>(syscall(SYS_sendmsg, fd, &message, MSG_NOSIGNAL | MSG_DONTWAIT));
+    return static_cast<ssize_t>(syscall(SYS_sendmsg, fd, &message, SEND_FLAGS));
 }
 
 // Writes a vector to a stream socket: the bytes that it took, or -1 with errno set.
