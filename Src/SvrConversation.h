@@ -39,9 +39,8 @@ enum conversation_message_t {
 //            note and a message for the strand. The machine is thus driven from one thread at a time. Functions of the
 //            host are called with no lock held; whatever they close or delete notifies this conversation by a message.
 // OWNERSHIP  A value inside the object that is the link, and that calls Release before it dies.
-// MEMORY     Some 2 kB, the description on the heap, and a CMessageMemory while a request comes, is served or
-// waits
-//            for its answer. A peer can make it keep the machine's ten messages and the gate's one.
+// MEMORY     Some 2 kB, the description on the heap, and a CMessageMemory while a request comes, is served or waits for
+//            its answer. A peer can make it keep the machine's ten messages and the gate's one.
 class CSvrConversation : private IAuthGateOwner {
 public:
     explicit CSvrConversation(ISvrLink& link);

@@ -21,8 +21,8 @@ namespace Vidora {
 // last program clock reference, not the PES one.
 //
 // MEMORY     One buffer at most, in which the frame in work grows up to MAX_FRAME_LEN and which TakeFrame hands over.
-// It
-//            has the size that the PES packet tells, or else that of the largest frame so far, and FIRST_LEN at least.
+//            It has the size that the PES packet tells, or else that of the largest frame so far, and FIRST_LEN at
+//            least.
 // THREADING  No lock: one thread at a time.
 class Ts2Frame {
 public:

@@ -45,8 +45,8 @@ public:
     // True: who hears of gaps alone hears of every frame, for the whole process. Any thread.
     static void TellAll(bool on);
     // Switches one of the tracks 0 to 7 on or off; all are on at first, others are ignored. Frame numbers of a track
-    // that is switched on count anew. A packet of a disabled
-    // track (the top byte of its channel word) is dropped for this sender. Tracks above 7 can't be switched.
+    // that is switched on count anew. A packet of a disabled track (the top byte of its channel word) is dropped for
+    // this sender. Tracks above 7 can't be switched.
     void SetSendChannel(int channel);
     void DisableSendChannel(int channel);
     // Switches a track off as well; once it is on again it goes on with its next key frame, if it has such frames.

@@ -54,9 +54,8 @@ private:
 //            group, by the rule of CStreamOutput: a track goes on at its next key frame. The putting thread helps out
 //            (RunHere) long before. Places of sinks that have left are used again, and given back with the last sink.
 // THREADING  All operations: any thread. Sinks are called with no lock and no turn held, by one thread at a time.
-// Remove
-//            waits for a call of that sink on another thread, not for one that it is made from. Lock order: a sender's
-//            lock, its output's, an entry's turn, the group's own.
+//            Remove waits for a call of that sink on another thread, not for one that it is made from. Lock order: a
+//            sender's lock, its output's, an entry's turn, the group's own.
 class CSinkGroup final : public CStrand {
 public:
     static const size_t MAX_PENDING = 512;
