@@ -142,7 +142,7 @@ int CTcpLink::OnInput(int fd) {
 }
 
 int CTcpLink::cut_messages() {
-    m_buffer[m_received] = '\0';
+    m_buffer.get()[m_received] = '\0';
     int place = 0;
     while (place < m_received) {
         const int size = m_user.TakeMessage(m_buffer.get() + place, static_cast<unsigned int>(m_received - place));
