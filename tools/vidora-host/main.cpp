@@ -173,9 +173,11 @@ private:
             error = multicast.group + ": is no multicast group";
             return false;
         }
-        // The destinations follow the tracks of the SDP, which the source's first message brings.
-        for (int i = 0; i < 100 && !IsDescribed(channel); ++i) {
+        // The destinations follow the tracks of the channel's description. It comes behind the source's first message,
+        // and a moment later than the source knows its tracks: so those must be there twice.
+        for (int i = 0, looks = 0; i < 100 && looks < 2; ++i) {
             CThread::sleep(20);
+            looks += IsDescribed(channel) ? 1 : 0;
         }
         if (channel.AddTransfDst(group, local_ip) < 0) {
             error = multicast.group + ": cannot be sent to";
