@@ -97,7 +97,7 @@ TEST(SdpParser, WritesEveryLineInItsOrder) {
                              sdp.set_session_key("prompt", nullptr),
                              sdp.set_session_attribute("control", "*"),
                              sdp.set_range(0, 10500000),
-                             sdp.set_session_attribute("control", "x"),  // keeps its place
+                             sdp.set_session_attribute("control", "x"),
                              sdp.add_media("video", 5000, 2, "RTP/AVP", " 96  97 x") - 1,
                              sdp.set_media_key(1, "clear", "k"),
                              sdp.add_media_connection(1, "10.0.0.1", 0, 0, nullptr, nullptr),

@@ -349,8 +349,8 @@ TEST(Reactor, StressOfEverythingAtOnce) {
     CPool pool;
     constexpr int HANDLERS = 200;
     constexpr int HOSTS = 3;
-    std::atomic<long> first_id{0};
-    std::atomic<int> closed{0}, faults{0};
+    std::atomic<long> ids[HANDLERS] = {};  // of those that are whole
+    std::atomic<int> made{0}, closed{0}, faults{0};
     struct CParty {
         std::atomic<int> inside{0};
         std::unique_ptr<CSockStream> socks[2];
@@ -359,10 +359,10 @@ TEST(Reactor, StressOfEverythingAtOnce) {
     };
     const auto begin = [&](CTestHandler* handler) {
         const auto party = std::make_shared<CParty>();
-        const auto step = [&faults, &first_id, handler, party] {
+        const auto step = [&faults, &ids, handler, party] {
             faults.fetch_add(party->inside.fetch_add(1));
             const long id = handler->GetID();
-            CReactor::Instance().Post(id, first_id.load() + id * 7 % HANDLERS, 1, 0);
+            CReactor::Instance().Post(id, ids[id * 7 % HANDLERS].load(), 1, 0);
             if (party->socks[0] == nullptr || ++party->steps % 3 == 0) {
                 if (party->socks[0] != nullptr && party->steps % 2 == 0) {
                     handler->RemoveSock(*party->socks[0]);
@@ -395,12 +395,10 @@ TEST(Reactor, StressOfEverythingAtOnce) {
         for (int i = 0; i < HANDLERS / HOSTS; ++i) {
             CTestHandler* handler = CTestHandler::Make(&closed);
             const long id = handler->GetID();
-            if (first_id.load() == 0) {
-                first_id.store(id);
-            }
             begin(handler);
+            ids[made.fetch_add(1)].store(id);
             CReactor::Instance().Post(0, id, 1, 0);
-            CReactor::Instance().Post(0, first_id.load() + i, 1, 0);
+            CReactor::Instance().Post(0, ids[i].load(), 1, 0);
         }
     });
     EXPECT_TRUE(WaitUntil([&] { return closed.load() == HANDLERS / HOSTS * HOSTS; }, 60000));

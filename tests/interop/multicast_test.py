@@ -16,7 +16,7 @@ from pulling import GstServer, PullTest
 CLIENT = sys.argv.pop(3)
 
 from host_support import HOST, LIVE, MEDIA, Host, is_run_of_loop, main  # noqa: E402
-from peers import Folder, frame_digests, free_port, free_udp_ports, outcome  # noqa: E402
+from peers import SKIPPED, Folder, frame_digests, free_port, free_udp_ports, ip, outcome  # noqa: E402
 
 SERVER, VIEWER = (f"vidora{os.getpid()}{side}" for side in "sv")
 IN_SERVER, IN_VIEWER = (("ip", "netns", "exec", namespace) for namespace in (SERVER, VIEWER))
@@ -25,13 +25,8 @@ AUDIO = PORT + 2
 ADDRESS = {"s0": "10.90.0.1", "s1": "10.91.0.1"}
 ADDRESS6 = "fd00:91::1"
 SO_BINDTODEVICE, IP_RECVTTL, IP_TTL = 25, 12, 2
-SKIPPED = 77  # the exit code that ctest knows
 HOME = open("/proc/self/ns/net", encoding="ascii")  # the test's own namespace
 LIBC = ctypes.CDLL(None, use_errno=True)
-
-
-def ip(*words, check=True):
-    return subprocess.run(["ip", *words], check=check, stderr=subprocess.PIPE, text=True).returncode
 
 
 def server_ip(command):

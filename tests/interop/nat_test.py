@@ -10,11 +10,10 @@ import subprocess
 import sys
 import unittest
 
-from peers import Folder, frame_digests
+from peers import SKIPPED, Folder, frame_digests, ip
 
 HOST, MEDIA, PULL, PAIR = sys.argv[1:5]
 LIVE = "cam/realmonitor?channel=1&subtype=0"
-SKIPPED = 77  # the exit code that ctest knows
 DEVICE, DEVICE_ROUTER, MIDDLE, VIEWER_ROUTER, VIEWER = NAMES = [f"vidora{os.getpid()}{side}" for side in "abcde"]
 POINT = "10.81.0.1:4000"
 
@@ -24,10 +23,6 @@ table ip vidora {
     chain guard { type filter hook input priority 0; iifname "out" ct state new drop; }
 }
 """
-
-
-def ip(*words, check=True):
-    return subprocess.run(["ip", *words], check=check, stderr=subprocess.PIPE, text=True).returncode
 
 
 def inside(namespace, *command, **named):

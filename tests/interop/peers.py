@@ -7,10 +7,24 @@ import tempfile
 import time
 
 
+SKIPPED = 77  # the exit code that ctest knows
+
+
 def outcome(*command, data=b"", limit=120):
     """Runs a program to its end: (exit code, output, errors as text)."""
     done = subprocess.run(command, input=data, stdout=subprocess.PIPE, stderr=subprocess.PIPE, timeout=limit)
     return done.returncode, done.stdout, done.stderr.decode(errors="replace")
+
+
+def ip(*words, check=True):
+    """The exit code of ip(8)."""
+    return subprocess.run(["ip", *words], check=check, stderr=subprocess.PIPE, text=True).returncode
+
+
+def is_whole_sdp(path):
+    """Has FFmpeg, at its leisure, written all of the description?"""
+    text = open(path, "rb").read() if os.path.exists(path) else b""
+    return b"\r\nm=" in text and text.endswith(b"\r\n")
 
 
 def run(*command, data=b""):

@@ -3,11 +3,10 @@
 
 Argument: the path of interop_protocol.
 """
-import os
 import subprocess
 import sys
 
-from peers import Folder, check, free_udp_ports, run, wait_for
+from peers import Folder, check, free_udp_ports, is_whole_sdp, run, wait_for
 
 VIDEO = ["-re", "-f", "lavfi", "-i", "testsrc=size=320x240:rate=25"]
 AUDIO = ["-re", "-f", "lavfi", "-i", "sine=sample_rate=48000"]
@@ -19,21 +18,12 @@ STREAMS = [
 ]
 
 
-def is_whole(path):
-    """Has FFmpeg, at its leisure, written all of the description?"""
-    if not os.path.exists(path):
-        return False
-    with open(path, "rb") as handle:
-        text = handle.read()
-    return b"\r\nm=" in text and text.endswith(b"\r\n")
-
-
 def receive(program, folder, options, address):
     made, written = folder("made.sdp"), folder("written.sdp")
     sender = subprocess.Popen(["ffmpeg", "-hide_banner", "-v", "error", "-nostdin", *options, "-t", "60", "-f", "rtp",
                                f"rtp://{address}:{free_udp_ports()}", "-sdp_file", made])
     try:
-        wait_for(lambda: is_whole(made), "FFmpeg writes its description")
+        wait_for(lambda: is_whole_sdp(made), "FFmpeg writes its description")
         run(program, "sdp", made, written)
         check(folder.read("written.sdp") == folder.read("made.sdp"), "the same description")
         return run("ffprobe", "-v", "error", "-protocol_whitelist", "file,rtp,udp", "-show_entries",

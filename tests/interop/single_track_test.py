@@ -8,14 +8,9 @@ import re
 import subprocess
 import sys
 
-from peers import Folder, check, ffmpeg, frame_digests, free_udp_ports, read_file, run, wait_for
+from peers import Folder, check, ffmpeg, frame_digests, free_udp_ports, is_whole_sdp, read_file, run, wait_for
 
 READ = ["ffmpeg", "-hide_banner", "-nostdin", "-v", "error", "-y", "-protocol_whitelist", "file,rtp,udp", "-i"]
-
-
-def is_whole(path):
-    text = read_file(path) if os.path.exists(path) else b""
-    return b"\r\nm=" in text and text.endswith(b"\r\n")
 
 
 def relayed(program, folder, source, result):
@@ -26,7 +21,7 @@ def relayed(program, folder, source, result):
                                "copy", "-f", "rtp", f"rtp://127.0.0.1:{to_us}", "-sdp_file", made])
     relay = None
     try:
-        wait_for(lambda: is_whole(made), "FFmpeg writes its description")
+        wait_for(lambda: is_whole_sdp(made), "FFmpeg writes its description")
         text = read_file(made).decode()
         folder.write("other.sdp", re.sub(r"(m=\w+) \d+", rf"\1 {to_them}", text).encode())
         relay = subprocess.Popen([program, made, str(to_us), str(to_them)], stdin=subprocess.PIPE,

@@ -5,8 +5,6 @@
 
 #include <atomic>
 #include <functional>
-#include <memory>
-#include <mutex>
 #include <string>
 #include <thread>
 #include <vector>

@@ -4,7 +4,6 @@
 #include <poll.h>
 
 #include <algorithm>
-#include <cstdlib>
 
 #include "support/Interleave.h"
 #include "support/Loopback.h"

@@ -1,7 +1,6 @@
 #ifndef VIDORA_TESTS_SUPPORT_RTSPTESTCLIENT_H
 #define VIDORA_TESTS_SUPPORT_RTSPTESTCLIENT_H
 
-#include <cstdint>
 #include <deque>
 #include <string>
 
