@@ -172,9 +172,11 @@ bool Ts2Frame::opens_picture(CByteReader payload) const {
     if (!payload.Ok() || payload.Remaining() < 3) {
         return true;  // too little to decide: the header may go on in the next packet
     }
-    if (zeros < 2 || payload.ReadU8() != 1) {
-        return false;
-    }
+    return zeros >= 2 && payload.ReadU8() == 1 && opens_picture_by_code(payload);
+}
+
+// The same by what is behind a start code's 00 00 01.
+bool Ts2Frame::opens_picture_by_code(CByteReader& payload) const {
     const uint8_t code = payload.ReadU8();
     const int type = h264_nal_type(code);
     switch (track_kind()) {

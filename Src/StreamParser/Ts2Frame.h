@@ -71,6 +71,7 @@ private:
     int put_media(const unsigned char* packet, bool last);
     bool begin_pes(bool opens);
     bool opens_picture(Ostra::CByteReader payload) const;
+    bool opens_picture_by_code(Ostra::CByteReader& payload) const;
     bool is_rest() const;
     int append_payload(const unsigned char* payload, uint32_t len);
     uint32_t skip_pes_header(const unsigned char* payload, uint32_t len);
