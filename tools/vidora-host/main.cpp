@@ -1,4 +1,5 @@
 // vidora-host: publishes files as live RTSP streams and serves recordings, on the library's exported headers only.
+#include <malloc.h>
 #include <sys/resource.h>
 
 #include <algorithm>
@@ -231,6 +232,14 @@ sigset_t block_signals() {
     return signals;
 }
 
+// Sessions come and go on all threads of the pool. With an arena of the heap for each thread every one of them would
+// grow to the size of all sessions, and none shrink.
+void share_one_heap() {
+#ifdef M_ARENA_MAX
+    mallopt(M_ARENA_MAX, 1);
+#endif
+}
+
 // A session takes a descriptor, and three over UDP; the usual soft limit is good for a few hundred.
 void raise_descriptor_limit() {
     rlimit limit = {};
@@ -268,6 +277,7 @@ int main(int argc, char** argv) {
         return exit_code;
     }
     set_log_level(options.log_level);
+    share_one_heap();
     raise_descriptor_limit();
     std::string error;
     Catalog catalog;
