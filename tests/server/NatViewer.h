@@ -4,6 +4,8 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/ioctl.h>
+#include <sys/syscall.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <functional>
@@ -97,13 +99,14 @@ public:
                ntohs(local.sin_port) == m_host_port &&
                getpeername(m_host_fd, reinterpret_cast<sockaddr*>(&local), &length) < 0;
     }
-    // Lets the host's socket send nowhere, or to this viewer again.
+    // Lets the host's socket send nowhere, or to this viewer again, while the session uses it: by bare system calls,
+    // as ThreadSanitizer takes any other for a new descriptor.
     void Connect(bool on) {
         sockaddr_in peer = Support::LoopbackAddress(m_sock->Port());
         peer.sin_family = on ? AF_INET : AF_UNSPEC;
-        EXPECT_EQ(0, connect(m_host_fd, reinterpret_cast<const sockaddr*>(&peer), sizeof(peer)));
+        EXPECT_EQ(0, syscall(SYS_connect, m_host_fd, &peer, sizeof(peer)));
         const sockaddr_in local = Support::LoopbackAddress(m_host_port);  // the system has taken the port away
-        EXPECT_TRUE(on || bind(m_host_fd, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) == 0);
+        EXPECT_TRUE(on || syscall(SYS_bind, m_host_fd, &local, sizeof(local)) == 0);
     }
     int HostFd() const { return m_host_fd; }
     int HostPort() const { return m_host_port; }
