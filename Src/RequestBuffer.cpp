@@ -27,6 +27,7 @@ int CRequestBuffer::Room() {
 void CRequestBuffer::Clear() {
     if (CMessageMemory* memory = m_conversation.OpenMemory()) {
         memory->received_length = 0;
+        m_conversation.ReleaseMemory();
     }
 }
 

@@ -17,7 +17,9 @@ const int64_t US_PER_SECOND = 1000000;
 void CRtspSvrSession::Start(CSockStream* sock, const char* buf, int len) {
     m_sock = sock;
     const int count = OSTRA_ASSERT(len <= m_requests.Room()) && len > 0 ? len : 0;
-    memcpy(m_requests.Free(), buf, static_cast<size_t>(count));
+    if (count > 0) {  // otherwise there may be no memory to copy to
+        memcpy(m_requests.Free(), buf, static_cast<size_t>(count));
+    }
     Notify(GetID(), MSG_SESSION_INIT, count);
 }
 

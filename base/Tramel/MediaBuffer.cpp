@@ -217,14 +217,17 @@ bool CMediaBuffer::CImpl::RunTurn() {
     for (int i = 0; i < MAX_YIELDS && m_waking.load() > 0; ++i) {
         std::this_thread::yield();
     }
-    m_turn_begin_us.store(CTime::getCurrentMicroSecond());
+    const uint64_t clock_begin = CTime::getCurrentMicroSecond();
+    m_turn_begin_us.store(clock_begin);
     const uint64_t begin = own_time_us();
     for (unsigned int i = 0; i < MAX_GROUPS; ++i) {
         const std::shared_ptr<CSinkGroup> next = group(i);
         if (next == nullptr) {
             break;
         }
-        if (own_time_us() - begin < SPREAD_AFTER_US) {
+        // The clock first, which takes no system call: a thread's own time is never ahead of it.
+        const bool is_early = CTime::getCurrentMicroSecond() - clock_begin < SPREAD_AFTER_US;
+        if (is_early || own_time_us() - begin < SPREAD_AFTER_US) {
             next->RunHere();
         } else {
             next->Kick();
