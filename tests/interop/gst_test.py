@@ -12,6 +12,9 @@ from host_support import Host, main  # noqa: E402
 from relay import Relay  # noqa: E402
 
 SECOND = Gst.SECOND
+# At the end of a stream rtspsrc may cut its PAUSE by its own TEARDOWN and take that for an error: the reply is there, and
+# its connection reports an end of file. One end in two hundred on a busy machine.
+OWN_RACE = b"gst_rtspsrc_pause"
 
 
 class Player:
@@ -63,6 +66,13 @@ class Player:
             assert message is None, message.parse_error()
 
 
+def play_with_password(url, protocols, end):
+    pipeline = (f"rtspsrc location={url} user-id=admin user-pw=secret protocols={protocols} name=source "
+                f"source. ! rtph264depay ! avdec_h264 ! fakesink {end} "
+                f"source. ! rtppcmadepay ! alawdec ! fakesink {end}")
+    return subprocess.Popen(["gst-launch-1.0", "-q", *pipeline.split()], stderr=subprocess.PIPE)
+
+
 class GStreamer(unittest.TestCase):
     def test_live_over_tcp_and_udp(self):
         with Host() as host:
@@ -96,14 +106,15 @@ class GStreamer(unittest.TestCase):
             rows = [(url, protocols, end) for protocols in ("tcp", "udp")
                     for url, end in ((host.url(), "num-buffers=50"), (recording, ""),
                                      (recording.replace(str(host.port), str(basic.port)), ""))]
-            programs = [subprocess.Popen(
-                ["gst-launch-1.0", "-q", *f"rtspsrc location={url} user-id=admin user-pw=secret protocols={protocols} "
-                 f"name=source source. ! rtph264depay ! avdec_h264 ! fakesink {end} "
-                 f"source. ! rtppcmadepay ! alawdec ! fakesink {end}".split()], stderr=subprocess.PIPE)
-                for url, protocols, end in rows]
+            programs = [play_with_password(*row) for row in rows]
             for row, program in zip(rows, programs):
                 with self.subTest(row=row):
-                    self.assertEqual((b"", 0), (program.communicate(timeout=60)[1], program.returncode))
+                    errors = program.communicate(timeout=60)[1]
+                    for _ in range(3):
+                        if OWN_RACE in errors:
+                            program = play_with_password(*row)
+                            errors = program.communicate(timeout=60)[1]
+                    self.assertEqual((b"", 0), (errors, program.returncode))
 
     def test_recording_is_played_to_its_last_picture(self):
         for options in ((), ("--as-described",)):
