@@ -172,7 +172,8 @@ void CRtspParser::read_npt(CStrParser& text) {
     m_has_open_start = !from_now && m_npt_begin == NPT_NOT_GIVEN;
     const bool ranges = text.GetCurChar() == '-' && text.Expect('-') == 0;
     m_npt_end = ranges ? read_npt_time(text) : NPT_NOT_GIVEN;
-    if (!ranges || text.GetStatus() != 0) {
+    const bool ends = std::strchr(" \t;\r\n", text.GetCurChar()) != nullptr;  // "-1-3" isn't a range up to 1
+    if (!ranges || !ends || text.GetStatus() != 0) {
         m_play_fault = RTSP_STATUS_INVALID_RANGE;
     }
 }
