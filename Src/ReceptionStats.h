@@ -41,6 +41,10 @@ public:
     uint32_t Count(uint16_t seq, uint32_t timestamp, uint32_t ssrc, size_t octets, uint64_t arrival_us,
                    uint32_t clock_rate);
     uint32_t LastSeq() const { return m_stats.last_seq; }
+    // Whether the packets are of that source; before the first one, whether the announced one is it (0: none was).
+    bool IsOf(uint32_t ssrc, uint32_t announced) const {
+        return m_stats.have_seq != 0 ? m_stats.ssrc == ssrc : announced != 0 && announced == ssrc;
+    }
     // A packet that was too short to be one.
     void CountShort() { ++m_stats.dropped; }
     // Takes the sender report that leads an RTCP compound, if one does.

@@ -143,6 +143,15 @@ int CStreamReceiver::find_payload_track(int payload_type) const {
     return -1;
 }
 
+int CStreamReceiver::find_source_track(uint32_t ssrc) const {
+    for (int i = 0; i < m_tracks.count; ++i) {
+        if (m_stats[static_cast<size_t>(i)].reception.IsOf(ssrc, m_tracks.tracks[i].ssrc)) {
+            return i;
+        }
+    }
+    return -1;
+}
+
 void CStreamReceiver::mark_arrival() {
     m_arrival_us = CTime::getCurrentMicroSecond();
 }

@@ -35,6 +35,7 @@ struct receiver_track_t {
     uint8_t enc_type = 0;       // enc_type_t: of H.264 the frame kinds are told to the media buffer
     int16_t payload_type = -1;  // the only one that is taken where the sender's address isn't known; -1: any
     uint32_t clock_rate = 0;    // ticks a second, for the jitter; 0 if not known
+    uint32_t ssrc = 0;          // that the server has announced; 0: none
 };
 
 struct receiver_tracks_t {
@@ -116,6 +117,9 @@ protected:
     int find_rtcp_track(int channel) const;
     // The first track that takes this payload type.
     int find_payload_track(int payload_type) const;
+    // The track whose packets have come from this source; of one that had none, whose source it is by the server's
+    // word.
+    int find_source_track(uint32_t ssrc) const;
     // The time that counts as the arrival of what is handled next: once a read.
     void mark_arrival();
     // Datagrams. `data` is one RTP packet of at least 12 bytes (shorter ones are dropped and counted): counts it, and

@@ -25,8 +25,9 @@ CNatLink::~CNatLink() {
     CloseLink();
 }
 
-void CNatLink::Open(const CSockAddrStorage& server, const std::shared_ptr<CSockDgram>& sock) {
+void CNatLink::Open(const CSockAddrStorage& server, const std::shared_ptr<CSockDgram>& sock, bool takes_rtcp) {
     m_sock = sock;
+    m_takes_rtcp = takes_rtcp;
     // In the form in which the socket reports senders.
     m_server = server.ForFamily(Local().GetType());
     m_reads = m_handler.RegisterSock(*m_sock, Tramel::SOCK_EVENT_READ, 0) == 0;
@@ -170,7 +171,7 @@ CSockAddrStorage CNatLink::Local() const {
 }
 
 CStreamReceiver* CNatLink::MakeReceiver(packet_type_t, long owner_id) {
-    CStreamReceiver* receiver = CP2PUdpReceiver::Create(m_sock, m_server, owner_id);
+    CStreamReceiver* receiver = CP2PUdpReceiver::Create(m_sock, m_server, m_takes_rtcp, owner_id);
     if (receiver != nullptr) {
         StopReading();
     }

@@ -28,8 +28,9 @@ public:
     using CHandlerLink::CHandlerLink;
     ~CNatLink() override;
 
-    // Begins to say hello to `server`; OnLinkUp or OnLinkFailed follows, the latter also inside the call.
-    void Open(const CSockAddrStorage& server, const std::shared_ptr<CSockDgram>& sock);
+    // Begins to say hello to `server`; OnLinkUp or OnLinkFailed follows, the latter also inside the call. `takes_rtcp`:
+    // the server's RTCP, which its receivers drop otherwise.
+    void Open(const CSockAddrStorage& server, const std::shared_ptr<CSockDgram>& sock, bool takes_rtcp);
     // A tick of the conversation has passed.
     void OnTick();
     int OnInput(int fd);
@@ -64,6 +65,7 @@ private:
     CSockAddrStorage m_server;  // as the URL has it, then where its hello came from
     bool m_up = false;
     bool m_reads = false;
+    bool m_takes_rtcp = false;
     unsigned int m_ticks = 0;
     std::deque<request_t> m_requests;  // the first one has left
 };

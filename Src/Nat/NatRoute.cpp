@@ -4,17 +4,20 @@
 
 #include "Protocol/RtspTables.h"
 #include "TrackTable.h"
+#include "Tramel/SockDgram.h"
+#include "Vidora/RtspSvrConfig.h"
 
 namespace Kavio {
 namespace Vidora {
 
 std::unique_ptr<IMediaRoute> CNatRoute::Create(CSockDgram* sock, const RouteWish& wish) {
-    std::unique_ptr<CNatRoute> route(new (std::nothrow) CNatRoute);
-    if (route) {
-        route->m_sender.SetSock(sock);
-        route->m_sender.SetFrameProc(wish.on_datagrams);
-    }
-    return route;
+    return std::unique_ptr<IMediaRoute>(new (std::nothrow) CNatRoute(sock, wish));
+}
+
+CNatRoute::CNatRoute(CSockDgram* sock, const RouteWish& wish)
+    : CLevel2Route(m_sender), m_sock(sock), m_reports(wish.config.GetConformance()) {
+    m_sender.SetSock(sock);
+    m_sender.SetFrameProc(wish.on_datagrams);
 }
 
 int CNatRoute::SetUp(const CTrack& /*track*/, int channel, transport_info& transport) {
@@ -39,7 +42,11 @@ silence_rule_t CNatRoute::Watch(long /*handler_id*/, int /*timeout_s*/) {
     return SILENCE_OF_NONE;
 }
 
-int CNatRoute::SendReport(const unsigned char* /*report*/, unsigned int /*length*/, int /*channel*/) {
+// What becomes of a datagram is no failure.
+int CNatRoute::SendReport(const unsigned char* report, unsigned int length, int /*channel*/) {
+    if (m_reports) {
+        m_sock->Send(reinterpret_cast<const char*>(report), length, nullptr);
+    }
     return 0;
 }
 

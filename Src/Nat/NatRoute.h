@@ -12,7 +12,8 @@ namespace Vidora {
 
 // CNatRoute: media on the one socket of a NAT session, between its texts. The client asks for interleaved channels, and
 // gets their numbers; on the wire are the bare packets, which it distinguishes by their payload types. So there is no
-// place for private frames, which have none, and RTCP isn't sent.
+// place for private frames, which have none. RTCP is sent with conformance alone, bare as well: its packet types are
+// none of RTP's payload types (RFC 5761 4), and the SSRC names the track.
 class CNatRoute : public CLevel2Route {
 public:
     // A route to the peer that `sock` is connected to. Null if memory is short.
@@ -25,8 +26,10 @@ public:
     int SendReport(const unsigned char* report, unsigned int length, int channel) override;
 
 private:
-    CNatRoute() : CLevel2Route(m_sender) {}
+    CNatRoute(CSockDgram* sock, const RouteWish& wish);
 
+    CSockDgram* const m_sock;
+    const bool m_reports;
     CP2PUdpSender m_sender;
 };
 

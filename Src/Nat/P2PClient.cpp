@@ -50,7 +50,9 @@ int CP2PClient::start(const std::string& url, client_settings settings, int sock
         logError("%s %d client attach failed!\n", __FILE__, __LINE__);
         return -1;
     }
-    const int result = put_start(url, settings, [this, server, sock] { m_link.Open(server, sock); });
+    const bool takes_rtcp = settings.conformance;
+    const int result =
+        put_start(url, settings, [this, server, sock, takes_rtcp] { m_link.Open(server, sock, takes_rtcp); });
     if (result < 0) {
         sock->Detach();  // it stays the caller's
     }

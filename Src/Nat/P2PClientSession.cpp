@@ -7,6 +7,7 @@
 #include "Nat/P2PClient.h"
 #include "Protocol/LogQuote.h"
 #include "RtspClient/ClientSessionState.h"
+#include "RtspClient/ClientWallTime.h"
 #include "Vidora/SdpInfo.h"
 
 namespace Kavio {
@@ -123,6 +124,17 @@ void CP2PClientSession::GetStatistics(RtspClientStatistics& statistics) {
 rtsp_client_failure_t CP2PClientSession::GetFailure() {
     CGuard guard(m_internal->m_mutex);
     return m_internal->m_failure;
+}
+
+void CP2PClientSession::SetConformance(bool on) {
+    CGuard guard(m_internal->m_mutex);
+    m_internal->m_settings.conformance = on;
+}
+
+int CP2PClientSession::GetWallTime(char kind, uint32_t rtp_timestamp, int64_t& utc_us) {
+    CGuard guard(m_internal->m_mutex);
+    CClientConversation* conversation = m_internal->Conversation();
+    return conversation != nullptr ? ClientWallTime(*conversation, kind, rtp_timestamp, utc_us) : -1;
 }
 
 // Only the engine is listened to: it must have gone before the session does.

@@ -29,7 +29,7 @@ public:
     void StopSending() override { m_stopped = true; }
     void GetPeer(CSockAddrStorage& peer) override { peer = m_remote; }
     std::unique_ptr<IMediaRoute> MakeRoute(const RouteWish& wish) override;
-    bool SendsReports() const override { return false; }
+    bool SendsReports() const override { return m_conversation.Config().GetConformance(); }
 
 protected:
     CP2PSessionCore();

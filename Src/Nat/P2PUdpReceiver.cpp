@@ -14,12 +14,16 @@ namespace {
 
 const unsigned int MIN_DATAGRAM = 12;  // the header of RTP (RFC 3550 5.1)
 const uint8_t PAYLOAD_TYPE_MASK = 0x7f;
+const uint8_t FIRST_RTCP_TYPE = 192;  // as the octet that holds marker and payload type (RFC 5761 4)
+const uint8_t LAST_RTCP_TYPE = 223;
+const size_t RTCP_SSRC_AT = 4;
 
 }  // namespace
 
 CP2PUdpReceiver* CP2PUdpReceiver::Create(const std::shared_ptr<CSockDgram>& sock, const CSockAddrStorage& server,
-                                         long owner_id) {
-    CP2PUdpReceiver* receiver = sock != nullptr ? new (std::nothrow) CP2PUdpReceiver(sock, server) : nullptr;
+                                         bool takes_rtcp, long owner_id) {
+    CP2PUdpReceiver* receiver =
+        sock != nullptr ? new (std::nothrow) CP2PUdpReceiver(sock, server, takes_rtcp) : nullptr;
     if (receiver != nullptr) {
         receiver->SetNotifyId(owner_id);
         receiver->WaitException(owner_id);
@@ -70,9 +74,25 @@ int CP2PUdpReceiver::Take(const DgramSlice& datagram) {
         take_text(datagram);
         return 0;
     }
-    const int track = find_payload_track(reader.ReadU8() & PAYLOAD_TYPE_MASK);
-    const bool is_known = track >= 0 && track < RECEIVER_MERGED_TRACKS;
-    return is_known ? take_datagram(track, datagram.data, static_cast<int>(datagram.length)) : 0;
+    const uint8_t type = reader.ReadU8();
+    const int track = find_payload_track(type & PAYLOAD_TYPE_MASK);
+    if (track >= 0 && track < RECEIVER_MERGED_TRACKS) {
+        return take_datagram(track, datagram.data, static_cast<int>(datagram.length));
+    }
+    if (m_takes_rtcp && type >= FIRST_RTCP_TYPE && type <= LAST_RTCP_TYPE) {
+        take_report(datagram);
+    }
+    return 0;
+}
+
+// A forger would have to know the media's SSRC.
+void CP2PUdpReceiver::take_report(const DgramSlice& datagram) {
+    CByteReader reader(datagram.data, datagram.length);
+    reader.Skip(RTCP_SSRC_AT);
+    const int track = find_source_track(reader.ReadU32());
+    if (track >= 0) {
+        take_rtcp(track, datagram.data, static_cast<int>(datagram.length));
+    }
 }
 
 void CP2PUdpReceiver::take_text(const DgramSlice& datagram) {

@@ -205,6 +205,7 @@ int CClientTracks::Describe(const CSdpParser* sdp, packet_type_t packet_type, re
         record.enc_type = static_cast<uint8_t>(encoding);
         record.payload_type = static_cast<int16_t>(track.payload_type);
         record.clock_rate = track.clock_rate;
+        record.ssrc = track.transport.ssrc;
     }
     return out.count > 0 ? 0 : -1;
 }

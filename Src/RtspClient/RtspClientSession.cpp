@@ -8,10 +8,10 @@
 #include <new>
 #include <string>
 
-#include "Ostra/NtpTime.h"
 #include "Protocol/LogQuote.h"
 #include "Protocol/RtspTables.h"
 #include "RtspClient/ClientSessionState.h"
+#include "RtspClient/ClientWallTime.h"
 #include "RtspClient/RtspClient.h"
 #include "Vidora/SdpInfo.h"
 
@@ -27,8 +27,6 @@ const int MAX_KEPT_VIEWS = 8;  // of descriptions that the host has asked for
 const size_t MAX_KEY_SIZE = 256;
 const size_t MAX_VALUE_SIZE = 1024;
 const size_t MAX_HEAD_SIZE = 1024;  // what a request has besides its URL, the host's headers and its body
-const int64_t SECONDS_TO_1970 = static_cast<int64_t>(Ostra::NTP_TO_UNIX_SECONDS);
-const int64_t US_PER_SECOND = 1000000;
 
 bool is_redirect(long param) {
     return param == CODE_MOVED_PERMANENTLY || param == CODE_MOVED_TEMPORARILY;
@@ -299,23 +297,9 @@ void CRtspClientSession::Put(unsigned char* data, int length) {
 
 int CRtspClientSession::GetWallTime(char kind, uint32_t rtp_timestamp, int64_t& utc_us) {
     CGuard guard(m_internal->m_mutex);
-    client_track_facts track;
-    reception_stats_t stats;
-    const int media_type = kind == 'V' ? SDP_MEDIA_VIDEO : kind == 'A' ? SDP_MEDIA_AUDIO : SDP_MEDIA_UNKNOWN;
-    if (m_internal->m_client == nullptr || media_type == SDP_MEDIA_UNKNOWN) {
-        return -1;
-    }
-    CClientConversation& conversation = m_internal->m_client->Conversation();
-    if (!conversation.View().TrackByType(media_type, track) || track.clock_rate == 0 ||
-        !conversation.Receive().GetStats(track.rtp_channel, stats) || stats.sr_ntp == 0) {
-        return -1;
-    }
-    // 32.32 seconds, and the signed distance of two 32-bit time stamps.
-    const int64_t seconds = static_cast<int64_t>(stats.sr_ntp >> 32) - SECONDS_TO_1970;
-    const int64_t fraction_us = static_cast<int64_t>(((stats.sr_ntp & 0xffffffff) * US_PER_SECOND) >> 32);
-    const int64_t ticks = static_cast<int32_t>(rtp_timestamp - stats.sr_rtp);
-    utc_us = seconds * US_PER_SECOND + fraction_us + ticks * US_PER_SECOND / track.clock_rate;
-    return 0;
+    return m_internal->m_client != nullptr
+               ? ClientWallTime(m_internal->m_client->Conversation(), kind, rtp_timestamp, utc_us)
+               : -1;
 }
 
 void CRtspClientSession::GetStatistics(RtspClientStatistics& statistics) {

@@ -62,6 +62,14 @@ public:
     // Why it ended; to be asked at MSG_RTSP_TEARDOWN.
     rtsp_client_failure_t GetFailure();
 
+    // True: as CRtspClientSession::SetConformance, and what the server sends of RTCP is read (RFC 3550 6, on the one
+    // socket as in RFC 5761): its BYE ends the session, with RTSP_CLIENT_CODE_ENDED when all tracks have had one, and
+    // its sender reports serve GetWallTime. Otherwise (the default) RTCP is dropped, and the end of a recording shows
+    // as silence alone. Before Start.
+    void SetConformance(bool on);
+    // See CRtspClientSession::GetWallTime.
+    int GetWallTime(char kind, uint32_t rtp_timestamp, int64_t& utc_us);
+
     // Of the library.
     int handle_message(long sender_id, unsigned int msg, long param) override;
     int handle_close(CNetHandler* handler) override;

@@ -398,6 +398,36 @@ TEST_F(CNatServerTest, ASlowSourceIsWaitedFor) {
     EXPECT_EQ(0u, m_svr->EndSessions(20000));
 }
 
+// With conformance at both ends. A track that was silent ends as well; its sender is the one that SETUP has announced.
+TEST_F(CNatServerTest, ARecordingEndsByItselfByConformance) {
+    for (const bool conformance : {true, false}) {
+        m_config.SetConformance(conformance);
+        m_svr == nullptr ? StartServer() : m_svr->SetConfig(m_config);
+        CFakeStreamSource::SetNext(SoundAndPictures(true));
+        CNatViewer viewer;
+        CLossyNetwork network(viewer.HostPort());
+        ASSERT_EQ(0, HandIn(viewer, network));
+        CNatHost host;
+        host.session->SetConformance(conformance);
+        const std::string at = "rtsp://127.0.0.1:" + std::to_string(network.PortOfServer()) + "/";
+        ASSERT_EQ(0, host.Start(at + FILE_CONTENT));
+        ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+        ASSERT_TRUE(Give(CFakeStreamSource::Last(), 0, 3000));
+        ASSERT_TRUE(WaitUntil([&] { return host.sink.Count() > 0; }));
+        const auto has_report = [&host] {
+            int64_t wall_us = 0;
+            return host.session->GetWallTime('V', 0, wall_us) == 0;
+        };
+        EXPECT_TRUE(!conformance || WaitUntil(has_report));
+        CFakeStreamSource::Last()->Tell(MSG_SRC_END);
+        EXPECT_TRUE(!conformance || host.EndCode() == RTSP_CLIENT_CODE_ENDED);
+        EXPECT_TRUE(SessionsGone());
+        EXPECT_EQ(conformance, network.Count("\x80\xc8") > 0) << "sender reports";
+        EXPECT_EQ(conformance ? 1 : 0, host.Count(MSG_RTSP_TEARDOWN));
+        host.Close();
+    }
+}
+
 // The two ends of the library, without a network between them.
 TEST_F(CNatServerTest, AConversationOverIPv6) {
     CFakeStreamSource* source = StartWithChannel();

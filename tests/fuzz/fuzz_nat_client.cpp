@@ -1,5 +1,6 @@
 // What the socket of a NAT client's receiver gives it. First byte: bits 0-1 the number of tracks, bit 2 the payload
-// type of the first one isn't known; then datagrams, each behind two bytes with its length, the last one shorter.
+// type of the first one isn't known, bit 3 RTCP is dropped; then datagrams, each behind two bytes with its length, the
+// last one shorter.
 #include <memory>
 
 #include "FuzzSupport.h"
@@ -55,7 +56,8 @@ void Fuzz::Target(const uint8_t* data, size_t size) {
     CRunSink sink;
     CMediaBuffer buffer;
     buffer.AddLevel2Buffer(&sink);
-    CP2PUdpReceiver* receiver = CP2PUdpReceiver::Create(std::make_shared<CSockDgram>(), CSockAddrStorage(), 0);
+    CP2PUdpReceiver* receiver =
+        CP2PUdpReceiver::Create(std::make_shared<CSockDgram>(), CSockAddrStorage(), (setting & 8) == 0, 0);
     receiver->SetTracks(tracks);
     receiver->SetMediaBuffer(&buffer);
     receiver->SetProcs(CStreamReceiver::unit_proc_t(), CStreamReceiver::rtsp_proc_t(&on_text));

@@ -94,13 +94,10 @@ class BetweenHomes(unittest.TestCase):
         with Folder() as folder:
             for password, code in (("wrong", 1), ("secret", 0)):
                 pull = subprocess.run(["ip", "netns", "exec", VIEWER, PULL, "--nat", POINT, "--nat-name", "camera",
-                                       "--user", "admin", "--password", password, "--seconds", "2", "--out",
-                                       folder("out.h264"), "rtsp://camera/1_0_clip.kav"], timeout=100, check=False)
-                self.assertEqual(pull.returncode, code)
-            pictures = frame_digests("-i", f"{MEDIA}/clip.h264")[0]
-            received = frame_digests("-i", folder("out.h264"))[0]
-            self.assertGreater(len(received), 20)
-            self.assertEqual(received, pictures[:len(received)])
+                                       "--user", "admin", "--password", password, "--out", folder("out.h264"),
+                                       "rtsp://camera/1_0_clip.kav"], timeout=100, check=False)
+                self.assertEqual(pull.returncode, code)  # the end of the recording is told
+            self.assertEqual(frame_digests("-i", folder("out.h264")), frame_digests("-i", f"{MEDIA}/clip.h264"))
 
     def test_the_example_shows_a_camera_at_home(self):
         self.start(DEVICE, HOST, "--listen", "127.0.0.1:8554", "--live", f"{LIVE}={MEDIA}/clip.h264")

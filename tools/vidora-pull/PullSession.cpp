@@ -43,6 +43,7 @@ std::unique_ptr<PullSession> prepare(Session* session, const Options& options, s
     if (!options.user.empty()) {
         session->SetAuthInfo(options.user.c_str(), options.password.c_str());
     }
+    session->SetConformance(true);
     session->SetStreamIdleTimeout(static_cast<unsigned int>(options.idle_sec * MS_PER_SECOND));
     return std::make_unique<SessionOf<Session>>(session);
 }
@@ -53,7 +54,6 @@ std::unique_ptr<PullSession> start_direct(const Options& options, long handler_i
     if (pull == nullptr) {
         return nullptr;
     }
-    session->SetConformance(true);
     session->SetPacketType(options.kind);
     session->SetOptions((options.transport == "multicast" ? RTSP_CLIENT_MULTICAST : 0) |
                         (options.back_channel.empty() ? 0 : RTSP_CLIENT_BACK_CHANNEL));
