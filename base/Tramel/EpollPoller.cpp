@@ -111,12 +111,12 @@ int CEpollPoller::control(int operation, int fd, uint32_t generation, unsigned i
     return ::epoll_ctl(m_epoll_fd, operation, fd, &event) == 0 ? 0 : -errno;
 }
 
-void CEpollPoller::Wait(CPollBatch& batch, bool block) {
+void CEpollPoller::Wait(CPollBatch& batch, int limit_ms) {
     batch.count = 0;
     batch.woken = false;
     batch.alarm = false;
     epoll_event events[CPollBatch::MAX_EVENTS];
-    const int count = ::epoll_wait(m_epoll_fd, events, CPollBatch::MAX_EVENTS, block ? -1 : 0);
+    const int count = ::epoll_wait(m_epoll_fd, events, CPollBatch::MAX_EVENTS, limit_ms);
     for (int i = 0; i < count; ++i) {
         const int fd = static_cast<int>(events[i].data.u64 & 0xffffffffU);
         const uint32_t generation = static_cast<uint32_t>(events[i].data.u64 >> 32);

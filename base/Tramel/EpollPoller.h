@@ -64,8 +64,9 @@ public:
     // out. 0, or -1 if the system has no descriptor: all stays as it is.
     int Renew();
 
-    // Gathers events, for as long as it takes if `block`, otherwise only what is there.
-    void Wait(CPollBatch& batch, bool block);
+    // Gathers events: only what is there for 0 ms, and for as long as it takes with FOREVER.
+    static constexpr int FOREVER = -1;
+    void Wait(CPollBatch& batch, int limit_ms);
     // Makes one waiting thread return, or the next one that would wait.
     void Wake();
     // One waiting thread returns at `time_us` of Now(); the former alarm is replaced.

@@ -26,12 +26,35 @@ constexpr size_t DEADLINES_A_TAKE = 64;
 // A thread that rests is called when the one that polled has been out for that long.
 constexpr uint64_t HELP_AFTER_US = 2000;
 
+// A spare thread is added when no thread has come out of its turn for that long, and none polls or rests.
+constexpr uint64_t HELD_UP_AFTER_US = 500000;
+
+// A thread that has rested for that long leaves while there are spare ones.
+constexpr int SPARE_IDLE_MS = 2000;
+constexpr uint64_t SPARE_IDLE_US = SPARE_IDLE_MS * 1000U;
+
 // Polls in a row with an event of a descriptor that nobody watches, after which the poller is made anew.
 constexpr unsigned int MAX_STRANGE_POLLS = 16;
 
 thread_local bool t_is_pool_thread = false;
 // What this thread gathers from the poller, or null while it doesn't.
 thread_local CStrandQueue* t_gathered = nullptr;
+
+// Threads that are made in its scope take no signal: those are the host's.
+class CNoSignals {
+public:
+    CNoSignals() {
+        sigset_t all;
+        sigfillset(&all);
+        pthread_sigmask(SIG_SETMASK, &all, &m_former);
+    }
+    ~CNoSignals() { pthread_sigmask(SIG_SETMASK, &m_former, nullptr); }
+    CNoSignals(const CNoSignals&) = delete;
+    CNoSignals& operator=(const CNoSignals&) = delete;
+
+private:
+    sigset_t m_former;
+};
 
 }  // namespace
 
@@ -50,17 +73,20 @@ int CReactor::Start(unsigned int threads) {
     if (threads < 1 || threads > MAX_THREADS) {
         return -1;
     }
-    if (m_running.load()) {
-        return 0;
+    if (t_is_pool_thread) {
+        return m_running.load() ? 0 : -1;
+    }
+    Ostra::CGuard guard(m_control);
+    if (m_running.load() || m_stopping.load()) {
+        return m_running.load() ? 0 : -1;
     }
     std::shared_ptr<CPollers> pollers;
     try {
         pollers = std::make_shared<CPollers>();
-        m_threads.reserve(threads);
     } catch (const std::bad_alloc&) {
         return -1;
     }
-    if (pollers->events.Open() != 0 || pollers->help.Open() != 0) {
+    if (pollers->events.Open() != 0 || pollers->help.Open() != 0 || pollers->watch.Open() != 0) {
         return -1;
     }
     set_pollers(pollers);
@@ -72,44 +98,67 @@ int CReactor::Start(unsigned int threads) {
     return 0;
 }
 
-// The threads take no signal: those are the host's.
 int CReactor::start_threads(unsigned int threads, const std::shared_ptr<CPollers>& pollers) {
-    sigset_t all;
-    sigset_t former;
-    sigfillset(&all);
-    pthread_sigmask(SIG_SETMASK, &all, &former);
-    int result = 0;
-    try {
-        for (unsigned int i = 0; i < threads; ++i) {
-            m_threads.emplace_back([this, pollers] { work(pollers); });
-            pthread_setname_np(m_threads.back().native_handle(), "vidora");
+    for (unsigned int i = 0; i < threads; ++i) {
+        if (!start_thread(pollers)) {
+            return -1;
         }
-    } catch (const std::system_error&) {
-        result = -1;
-    } catch (const std::bad_alloc&) {
-        result = -1;
     }
-    pthread_sigmask(SIG_SETMASK, &former, nullptr);
-    return result;
+    try {
+        const CNoSignals none;
+        m_watcher = std::thread([this, pollers] { watch(pollers); });
+    } catch (const std::system_error&) {
+        return -1;
+    } catch (const std::bad_alloc&) {
+        return -1;
+    }
+    pthread_setname_np(m_watcher.native_handle(), "vidora-watch");
+    return 0;
+}
+
+// False if the system has none.
+bool CReactor::start_thread(const std::shared_ptr<CPollers>& pollers) {
+    const CNoSignals none;
+    const size_t before = m_threads.size();
+    try {
+        m_threads.emplace_back();
+        CPoolThread& added = m_threads.back();
+        added.thread = std::thread([this, pollers, &added] { work(pollers, added.has_left); });
+        pthread_setname_np(added.thread.native_handle(), "vidora");
+        return true;
+    } catch (const std::system_error&) {
+    } catch (const std::bad_alloc&) {
+    }
+    m_threads.resize(before);
+    return false;
 }
 
 int CReactor::Stop() {
-    if (!m_running.load() || t_is_pool_thread) {
+    if (t_is_pool_thread) {
         return -1;
     }
     std::shared_ptr<CPollers> pollers;
     {
+        Ostra::CGuard control(m_control);
         Ostra::CGuard guard(m_mutex);
+        if (!m_running.load()) {
+            return -1;
+        }
         m_stopping.store(true);
         m_running.store(false);
         pollers = m_pollers;
     }
+    pollers->watch.Wake();
+    if (m_watcher.joinable()) {
+        m_watcher.join();
+    }
     pollers->events.Wake();
     pollers->help.Wake();  // each thread that ends wakes the next
-    for (std::thread& thread : m_threads) {
-        thread.join();
+    for (CPoolThread& ended : m_threads) {
+        ended.thread.join();
     }
     m_threads.clear();
+    m_spares.store(0);
     set_pollers(nullptr);
     m_stopping.store(false);
     return 0;
@@ -121,6 +170,7 @@ void CReactor::set_pollers(const std::shared_ptr<CPollers>& pollers) {
         m_pollers = pollers;
         m_wake_sent = false;
         m_help_at = 0;
+        m_watched = false;
     }
     const std::shared_ptr<CEpollPoller> events(pollers, pollers != nullptr ? &pollers->events : nullptr);
     m_socks.SetPoller(events);
@@ -173,7 +223,7 @@ void CReactor::Enqueue(std::shared_ptr<CStrand> strand) {
     }
 }
 
-void CReactor::work(const std::shared_ptr<CPollers>& pollers) {
+void CReactor::work(const std::shared_ptr<CPollers>& pollers, std::atomic<bool>& has_left) {
     t_is_pool_thread = true;
     size_t turns = MIN_TURNS_A_POLL;
     while (!m_stopping.load()) {
@@ -183,7 +233,11 @@ void CReactor::work(const std::shared_ptr<CPollers>& pollers) {
             strand->run();
             turns -= turns > 0 ? 1 : 0;
         } else if (role == ROLE_REST) {
-            rest(*pollers);
+            if (!rest(*pollers)) {
+                has_left.store(true);
+                pollers->watch.Wake();
+                return;
+            }
             turns = MIN_TURNS_A_POLL;
         } else {
             turns = std::max(MIN_TURNS_A_POLL, poll(*pollers, role == ROLE_POLL));
@@ -203,8 +257,9 @@ CReactor::role_t CReactor::next_role(CPollers& pollers, bool may_run, std::share
     const bool idle = m_queue.IsEmpty();
     if (!idle && (may_run || m_polled)) {
         strand = m_queue.Take();
-        if (!m_polled && m_resting > 0 && m_help_at == 0) {
-            set_help_locked(pollers, m_busy_since);
+        ++m_turns;
+        if (!m_polled) {
+            call_others_locked(pollers);
         }
         return ROLE_RUN;
     }
@@ -227,6 +282,15 @@ std::shared_ptr<CStrand> CReactor::take_ending_strand() {
     return m_queue.TakeEnding();
 }
 
+// A thread leaves for a turn, and nobody polls: sees to it that another one will, should that take long.
+void CReactor::call_others_locked(CPollers& pollers) {
+    if (m_resting == 0 && !m_watched) {
+        set_watch_locked(pollers);
+    } else if (m_resting > 0 && m_help_at == 0) {
+        set_help_locked(pollers, m_busy_since);
+    }
+}
+
 // The call for help of one that has been out since `from`.
 void CReactor::set_help_locked(CPollers& pollers, uint64_t from) {
     m_help_at = from + HELP_AFTER_US;
@@ -237,7 +301,7 @@ void CReactor::set_help_locked(CPollers& pollers, uint64_t from) {
 size_t CReactor::poll(CPollers& pollers, bool sleeps) {
     CPollBatch batch;
     m_socks.BeginPoll();
-    pollers.events.Wait(batch, sleeps);
+    pollers.events.Wait(batch, sleeps ? CEpollPoller::FOREVER : 0);
     const uint64_t now = CEpollPoller::Now();
     CStrandQueue gathered;
     t_gathered = &gathered;
@@ -284,24 +348,77 @@ void CReactor::follow_strangers(CPollers& pollers, bool came) {
     }
 }
 
-// Waits until there is something to do for this thread: help, or the end of the pool.
-void CReactor::rest(CPollers& pollers) {
-    bool rests = true;
-    while (rests) {
-        CPollBatch batch;
-        pollers.help.Wait(batch, true);
-        const uint64_t now = CEpollPoller::Now();
-        Ostra::CGuard guard(m_mutex);
-        m_help_at = batch.alarm ? 0 : m_help_at;
-        rests = !m_stopping.load() && (m_polled || now < m_busy_since + HELP_AFTER_US);
-        if (rests && !m_polled && m_help_at == 0) {
+// Waits until there is something to do for this thread: help, or the end of the pool. False if it is to leave.
+bool CReactor::rest(CPollers& pollers) {
+    const uint64_t since = CEpollPoller::Now();
+    bool leaves = false;
+    CPollBatch batch;
+    do {
+        pollers.help.Wait(batch, m_spares.load() > 0 ? SPARE_IDLE_MS : CEpollPoller::FOREVER);
+    } while (rest_goes_on(pollers, batch, since, leaves));
+    return !leaves;
+}
+
+bool CReactor::rest_goes_on(CPollers& pollers, const CPollBatch& batch, uint64_t since, bool& leaves) {
+    const uint64_t now = CEpollPoller::Now();
+    Ostra::CGuard guard(m_mutex);
+    m_help_at = batch.alarm ? 0 : m_help_at;
+    const bool is_called = m_stopping.load() || (!m_polled && now >= m_busy_since + HELP_AFTER_US);
+    leaves = !is_called && m_polled && m_spares.load() > 0 && now >= since + SPARE_IDLE_US;
+    if (!is_called && !leaves) {
+        if (!m_polled && m_help_at == 0) {
             set_help_locked(pollers, m_busy_since);
         }
-        if (!rests) {
-            --m_resting;
-            m_busy_since = now;  // the next one is called in as much time again
+        return true;
+    }
+    --m_resting;
+    if (leaves) {
+        m_spares.fetch_sub(1);
+    } else {
+        m_busy_since = now;  // the next one is called in as much time again
+    }
+    return false;
+}
+
+void CReactor::set_watch_locked(CPollers& pollers) {
+    m_watched = true;
+    m_turns_seen = m_turns;
+    pollers.watch.SetAlarm(CEpollPoller::Now() + HELD_UP_AFTER_US);
+}
+
+// The thread that watches: adds spare ones, and joins those that have left.
+void CReactor::watch(const std::shared_ptr<CPollers>& pollers) {
+    while (!m_stopping.load()) {
+        CPollBatch batch;
+        pollers->watch.Wait(batch, CEpollPoller::FOREVER);
+        join_left();
+        if (batch.alarm && needs_spare(*pollers) && !start_thread(pollers)) {
+            m_spares.fetch_sub(1);
         }
     }
+}
+
+// True if all threads are held up; the spare one is counted then. The alarm is set anew as long as nobody is free.
+bool CReactor::needs_spare(CPollers& pollers) {
+    Ostra::CGuard guard(m_mutex);
+    m_watched = false;
+    if (m_polled || m_resting > 0 || m_stopping.load()) {
+        return false;
+    }
+    const bool are_held_up = m_turns == m_turns_seen && m_spares.load() < MAX_SPARES;
+    m_spares.fetch_add(are_held_up ? 1 : 0);
+    set_watch_locked(pollers);
+    return are_held_up;
+}
+
+void CReactor::join_left() {
+    m_threads.remove_if([](CPoolThread& thread) {
+        const bool has_left = thread.has_left.load();
+        if (has_left) {
+            thread.thread.join();
+        }
+        return has_left;
+    });
 }
 
 void CReactor::run_deadlines(uint64_t now) {

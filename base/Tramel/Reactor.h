@@ -4,9 +4,9 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <list>
 #include <memory>
 #include <thread>
-#include <vector>
 
 #include "Tramel/EpollPoller.h"
 #include "Tramel/HandlerRegistry.h"
@@ -32,6 +32,9 @@ class CNetHandler;
 //   - two callbacks of one handler never run at once, those of different handlers do;
 //   - a handler that blocks holds one thread, and others for HELP_AFTER_US at most, as long as another thread is free;
 //   - under load all threads work.
+// Handlers that hang in a host's code may hold all threads. One more thread watches over that: when no thread has come
+// out of a turn for HELD_UP_AFTER_US, and none polls or rests, it adds a spare one, up to MAX_SPARES. A spare one is
+// like the others; when there are spare ones, a thread that has rested for SPARE_IDLE_MS leaves.
 //
 // Answers:
 //   1. Which thread runs a callback? Whichever is free, without a lock of the reactor. Never the caller's inside a
@@ -46,10 +49,11 @@ class CNetHandler;
 //
 // The reactor is made at first use and never destroyed, so that handlers of static lifetime may outlast main.
 //
-// THREADING  All operations: any thread, but Start and Stop: one thread, not one of the pool's.
+// THREADING  All operations: any thread. Stop waits for what runs on the pool, and Start for nothing.
 class CReactor {
 public:
     static constexpr unsigned int MAX_THREADS = 256;
+    static constexpr unsigned int MAX_SPARES = 32;
 
     static CReactor& Instance();
 
@@ -57,6 +61,8 @@ public:
     int Start(unsigned int threads);
     int Stop();
     bool IsRunning() const { return m_running.load(); }
+    // Threads beyond those that Start was asked for.
+    unsigned int Spares() const { return m_spares.load(); }
     // Stop waits: only handlers that close get their turn.
     bool IsStopping() const { return m_stopping.load(); }
     // Handlers may register. Those whose callback runs into a Stop may as well: it holds for the next pool.
@@ -100,24 +106,37 @@ private:
     // What a thread does next.
     enum role_t { ROLE_RUN, ROLE_LOOK, ROLE_POLL, ROLE_REST };
 
-    // What the threads of a pool wait for: that polls, and those that rest.
+    // What the threads of a pool wait for: the one that polls, those that rest, and the one that watches.
     struct CPollers {
         CEpollPoller events;
-        CEpollPoller help;  // without a descriptor; its alarm calls for help
+        CEpollPoller help;   // without a descriptor; its alarm calls for help
+        CEpollPoller watch;  // likewise; its alarm asks whether the others are held up
+    };
+
+    struct CPoolThread {
+        std::thread thread;
+        std::atomic<bool> has_left{false};  // it is about to return while the pool lives on
     };
 
     void Enqueue(std::shared_ptr<CStrand> strand);
     void set_pollers(const std::shared_ptr<CPollers>& pollers);
     int start_threads(unsigned int threads, const std::shared_ptr<CPollers>& pollers);
-    void work(const std::shared_ptr<CPollers>& pollers);
+    bool start_thread(const std::shared_ptr<CPollers>& pollers);
+    void watch(const std::shared_ptr<CPollers>& pollers);
+    bool needs_spare(CPollers& pollers);
+    void join_left();
+    void work(const std::shared_ptr<CPollers>& pollers, std::atomic<bool>& has_left);
     role_t next_role(CPollers& pollers, bool may_run, std::shared_ptr<CStrand>& strand);
     std::shared_ptr<CStrand> take_ending_strand();
     size_t poll(CPollers& pollers, bool sleeps);
     void gather(CPollers& pollers, const CPollBatch& batch, uint64_t now);
-    void rest(CPollers& pollers);
+    bool rest(CPollers& pollers);
+    bool rest_goes_on(CPollers& pollers, const CPollBatch& batch, uint64_t since, bool& leaves);
     void run_deadlines(uint64_t now);
     void follow_strangers(CPollers& pollers, bool came);
+    void call_others_locked(CPollers& pollers) VIDORA_REQUIRES(m_mutex);
     void set_help_locked(CPollers& pollers, uint64_t from) VIDORA_REQUIRES(m_mutex);
+    void set_watch_locked(CPollers& pollers) VIDORA_REQUIRES(m_mutex);
 
     CTimerQueue m_timers;
     CSockTable m_socks;
@@ -126,7 +145,10 @@ private:
     std::atomic<bool> m_running{false};
     std::atomic<bool> m_stopping{false};
 
-    std::vector<std::thread> m_threads;  // of the thread that starts and stops
+    Ostra::CMutex m_control;           // held over the beginning of a pool, and over that of its end
+    std::list<CPoolThread> m_threads;  // of the thread that starts, that which watches, and that which stops, in turn
+    std::thread m_watcher;             // of the threads that start and stop
+    std::atomic<unsigned int> m_spares{0};
 
     unsigned int m_strange_polls = 0;  // in a row, with an event of an unknown descriptor; of the thread that polls
 
@@ -140,6 +162,9 @@ private:
     uint64_t m_help_at VIDORA_GUARDED_BY(m_mutex) = 0;       // for which the alarm of `help` is set, or 0
     bool m_called_often VIDORA_GUARDED_BY(m_mutex) = false;  // the last sleep ended soon after the one before
     uint64_t m_busy_since VIDORA_GUARDED_BY(m_mutex) = 0;    // when the thread that polled left its last sleep
+    uint64_t m_turns VIDORA_GUARDED_BY(m_mutex) = 0;         // that were begun
+    uint64_t m_turns_seen VIDORA_GUARDED_BY(m_mutex) = 0;    // when the alarm of `watch` was set
+    bool m_watched VIDORA_GUARDED_BY(m_mutex) = false;       // that alarm is set
 };
 
 }  // namespace Tramel

@@ -170,6 +170,14 @@ TEST(Reactor, PoolMayBeCreatedAndDestroyedInAnyOrder) {
         EXPECT_EQ(0, CNetThread::DestroyThreadPool());
         handler->Notify(handler->GetID(), 0, 0);
     }
+    // By several threads at once, as hosts with two parts do that know nothing of each other.
+    Support::RunTogether(3, [&] {
+        for (int i = 0; i < 50; ++i) {
+            CNetThread::CreateThreadPool(2, false);
+            handler->Notify(handler->GetID(), 0, 0);
+            CNetThread::DestroyThreadPool();
+        }
+    });
     CPool pool;
     handler->Close();
     EXPECT_TRUE(WaitUntil([&] { return closed == 1; }));
@@ -270,6 +278,57 @@ TEST(Reactor, HandlersThatBlockHoldUpNobodyWhileAThreadIsLeft) {
         }
         EXPECT_TRUE(WaitUntil([&] { return closed.load() == 2 * threads; }));
     }
+}
+
+// Handlers of a host that hang, more than the pool has threads: others go on, on spare threads, which leave when they
+// aren't needed any more; the end of the pool waits for all that hang.
+TEST(Reactor, HandlersThatHangOnAllThreadsHoldUpNobody) {
+    constexpr int HANGING = 4;
+    std::atomic<int> closed{0}, hung{0}, bytes{0};
+    std::atomic<bool> is_over{false};
+    std::vector<std::unique_ptr<CReader>> readers;
+    auto pool = std::make_unique<CPool>(2);
+    for (int i = 0; i <= HANGING; ++i) {
+        readers.push_back(std::make_unique<CReader>(&closed));
+        readers.back()->Start([&, i] {
+            if (i == HANGING) {
+                bytes.fetch_add(1);
+                return;
+            }
+            hung.fetch_add(1);
+            EXPECT_TRUE(CReactor::IsPoolThread());
+            WaitUntil([&] { return is_over.load(); }, 60000);
+            hung.fetch_sub(1);
+        });
+    }
+    const auto hang_all = [&] {
+        is_over.store(false);
+        for (const auto& reader : readers) {
+            reader->Send();
+        }
+        EXPECT_TRUE(WaitUntil([&] { return hung.load() == HANGING; }));
+    };
+    hang_all();
+    readers.back()->Send();
+    EXPECT_TRUE(WaitUntil([&] { return bytes.load() == 2; }));
+    EXPECT_GT(CReactor::Instance().Spares(), 1U);
+    is_over.store(true);
+    EXPECT_TRUE(WaitUntil([&] { return hung.load() == 0 && CReactor::Instance().Spares() == 0; }));
+    hang_all();
+    for (const auto& reader : readers) {
+        reader->Handler().Close();
+    }
+    std::thread releaser([&] {
+        EXPECT_TRUE(WaitUntil([&] { return CReactor::Instance().IsStopping(); }));
+        EXPECT_EQ(-1, CNetThread::CreateThreadPool(1, false));
+        EXPECT_EQ(-1, CNetThread::DestroyThreadPool());
+        is_over.store(true);
+    });
+    pool.reset();
+    EXPECT_EQ(0, hung.load());
+    EXPECT_EQ(HANGING + 1, closed.load());
+    EXPECT_EQ(0U, CReactor::Instance().Spares());
+    releaser.join();
 }
 
 // The pool's threads sleep when there is nothing to do: also with a byte that nobody reads, before a handler that
