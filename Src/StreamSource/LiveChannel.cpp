@@ -261,6 +261,7 @@ int CLiveChannel::handle_message(long, unsigned int msg, long) {
             break;
         }
         case MSG_CHANNEL_DESCRIBED:
+            m_internal->follow_tracks();
             notify_session(MSG_SDP_UPDATE);
             break;
         case MSG_PLAY_READY:  // the channel started the source itself

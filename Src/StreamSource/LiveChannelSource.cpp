@@ -197,6 +197,7 @@ bool CLiveChannel::Internal::can_transfer_locked(const CSockAddrStorage& dest, c
 int CLiveChannel::AddTransfDst(CSockAddrStorage& dest_ip, const char* local_ip) {
     Internal& self = *m_internal;
     std::shared_ptr<CChannelFeed> feed;
+    bool waits_for_tracks = false;
     {
         CGuard guard(self.m_mutex);
         if (!self.can_transfer_locked(dest_ip, local_ip, __LINE__)) {
@@ -213,10 +214,18 @@ int CLiveChannel::AddTransfDst(CSockAddrStorage& dest_ip, const char* local_ip) 
             self.m_clients.Call(packet_type);
             self.count_locked(packet_type, true);
         }
+        waits_for_tracks = packet_type == PACKET_TYPE_RTP && media_count == 0;
     }
-    feed->WantDescription(false);
+    feed->WantDescription(waits_for_tracks);
     feed->Settle();
     return 0;
+}
+
+void CLiveChannel::Internal::follow_tracks() {
+    CGuard guard(m_mutex);
+    if (m_feed != nullptr && transf_packets() == PACKET_TYPE_RTP) {
+        m_multicast.Follow(m_feed->GetMediaCount());
+    }
 }
 
 int CLiveChannel::DelTransfDst(CSockAddrStorage& dest_ip, const char* local_ip) {

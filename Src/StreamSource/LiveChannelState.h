@@ -62,6 +62,8 @@ struct CLiveChannel::Internal {
     int enter(const ChannelSink& sink);
     int leave(const ChannelSink& sink);
     bool take_any_sink(ChannelSink& left);
+    // The source has told its tracks, or others: the destinations of RTP send them too.
+    void follow_tracks();
     void close_multicast_locked() VIDORA_REQUIRES(m_mutex);
 };
 

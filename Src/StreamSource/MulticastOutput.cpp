@@ -41,6 +41,9 @@ int CMulticastOutput::Add(const CSockAddrStorage& group, const char* local_ip, i
     }
     destination.sender->SetConfig(&config);
     destination.described_ttl = config.GetConformance() ? destination.sender->GetTtl(group) : CONNECTION_TTL;
+    destination.sender->Init(SENDER_MEDIA_NUM);
+    destination.sender->SetRemote(destination.group);
+    destination.sender->SetMulticastIF(destination.local_ip.c_str());
     if (!open_ports(destination, media_count)) {
         return -1;
     }
@@ -59,17 +62,23 @@ bool CMulticastOutput::open_ports(Destination& destination, int media_count) {
         logError("%s:%d base port %d has no room for the ports of %d tracks\n", __FILE__, __LINE__, base_port, tracks);
         return false;
     }
-    sender.Init(SENDER_MEDIA_NUM);
-    sender.SetRemote(destination.group);
-    sender.SetMulticastIF(destination.local_ip.c_str());
-    for (int i = 0; i <= media_count; ++i) {
+    for (int& pairs = destination.pairs; pairs <= media_count; ++pairs) {
         int local_port = 0;
-        const int remote_port = base_port + PORTS_PER_TRACK * i;
-        if (remote_port >= Tramel::MAX_PORT || sender.OpenPair(&local_port, remote_port, PORTS_PER_TRACK * i) < 0) {
-            return i >= tracks;
+        const int remote_port = base_port + PORTS_PER_TRACK * pairs;
+        if (remote_port >= Tramel::MAX_PORT || sender.OpenPair(&local_port, remote_port, PORTS_PER_TRACK * pairs) < 0) {
+            return pairs >= tracks;
         }
     }
     return true;
+}
+
+void CMulticastOutput::Follow(int media_count) {
+    for (Destination& destination : m_destinations) {
+        if (destination.pairs < media_count && !open_ports(destination, media_count)) {
+            logError("%s:%d base port %d: only %d of %d tracks can be sent\n", __FILE__, __LINE__,
+                     destination.group.GetPort(), destination.pairs, media_count);
+        }
+    }
 }
 
 bool CMulticastOutput::Remove(const CSockAddrStorage& group, const char* local_ip, CMediaBuffer& buffer) {

@@ -31,6 +31,9 @@ public:
     // if memory is short or the sockets of a track can't be opened.
     int Add(const CSockAddrStorage& group, const char* local_ip, int media_count, const CRtspSvrConfig& config,
             CMediaBuffer& buffer);
+    // The source describes `media_count` tracks now: opens the ports of those that a destination doesn't have yet. For
+    // RTP; ports that can't be had are told in the log.
+    void Follow(int media_count);
     // Takes the first destination with that address and interface (null: none given) off, and ends it. False if there
     // is none.
     bool Remove(const CSockAddrStorage& group, const char* local_ip, CMediaBuffer& buffer);
@@ -46,6 +49,7 @@ private:
         CSockAddrStorage group;
         std::string local_ip;  // empty if none was given
         uint8_t described_ttl = 0;
+        int pairs = 0;  // of ports, that are open
         std::unique_ptr<CRtpUdpSender> sender;
 
         Destination();

@@ -50,9 +50,9 @@ public:
     // Adds a multicast destination: `dest_ip` is the group and the base port, `local_ip` an address or the name of the
     // interface to send from; null: by the system's routes. The interface need not be there yet, and may get another
     // address later: each frame tries anew, and the log says once when nothing can be sent, and when it goes on. RTP
-    // uses a pair of ports for each track that the SDP has by then, from the base port on: call it when the source has
-    // told its format. For RTP the host also calls StartStreaming(PACKET_TYPE_RTP). -1 also if a track's ports would
-    // pass 65535, or the configured range has none left to send from.
+    // uses a pair of ports for each track, from the base port on; those of tracks that the source tells later are
+    // opened then. For RTP the host also calls StartStreaming(PACKET_TYPE_RTP). -1 also if a track's ports would pass
+    // 65535, or the configured range has none left to send from; for a later track the log says so.
     int AddTransfDst(CSockAddrStorage& dest_ip, const char* local_ip);
     int DelTransfDst(CSockAddrStorage& dest_ip, const char* local_ip);
     // Whether the SDP describes unicast (as at the start) or the multicast destinations. In the latter case sessions

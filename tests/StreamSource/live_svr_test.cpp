@@ -17,6 +17,8 @@
 #include "support/FakeStreamSource.h"
 #include "support/FrameBuilder.h"
 #include "support/SampleTable.h"
+#include "support/StreamPeer.h"
+#include "support/UdpPeer.h"
 
 namespace Kavio::Vidora {
 namespace {
@@ -215,6 +217,27 @@ TEST_F(LiveTest, ChannelDescribesUnicastAndMulticast) {
         channel->Close();
         source->Close();
     }
+}
+
+TEST_F(LiveTest, ADestinationFollowsTheTracksThatTheSourceTellsLater) {
+    CFakeDataSource* source = MakeSource();
+    const std::string described = source->sdp;
+    source->sdp = "not yet";
+    CLiveChannel* channel = make_channel("a", source);
+    CUdpPeer sound;
+    CSockAddrStorage group("127.0.0.1", static_cast<unsigned short>(sound.Port() - 2));
+    ASSERT_EQ(0, channel->AddTransfDst(group, nullptr));
+    source->sdp = described;
+    channel->handle_message(0, MSG_SDP_UPDATE, 0);
+    std::string came;
+    EXPECT_TRUE(WaitUntil([&] {
+        CountedPacket* packet = new CountedPacket(Interleaved(2, std::string("wave")));
+        channel->GetMediaBuffer(PACKET_TYPE_RTP)->Put(packet, packet->Size(), 1, 1 << 24);
+        came = sound.Recv(20);
+        return came == "wave";
+    }));
+    channel->Close();
+    source->Close();
 }
 
 TEST_F(LiveTest, ASlowHostHoldsUpOneThreadWhoeverComesAndGoes) {

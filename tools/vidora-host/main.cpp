@@ -174,8 +174,8 @@ private:
             error = multicast.group + ": is no multicast group";
             return false;
         }
-        // The destinations follow the tracks of the channel's description. It comes behind the source's first message,
-        // and a moment later than the source knows its tracks: so those must be there twice.
+        // A destination follows the channel's description; but a base port without room for the tracks is to be refused
+        // at the start. The description comes a moment behind the source's knowing them: so they must be there twice.
         for (int i = 0, looks = 0; i < 100 && looks < 2; ++i) {
             CThread::sleep(20);
             looks += IsDescribed(channel) ? 1 : 0;
