@@ -5,6 +5,7 @@
 
 #include <cerrno>
 #include <chrono>
+#include <climits>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -50,13 +51,19 @@ LineWriter::~LineWriter() {
 }
 
 void LineWriter::Write(std::string line) {
-    const std::lock_guard<std::mutex> guard(m_state->mutex);
-    if (m_state->bytes + line.size() > MAX_BYTES) {
-        ++m_state->dropped;
-        return;
+    {
+        const std::lock_guard<std::mutex> guard(m_state->mutex);
+        if (m_state->bytes + line.size() > MAX_BYTES) {
+            ++m_state->dropped;
+            return;
+        }
+        m_state->bytes += line.size();
+        m_state->lines.push_back(std::move(line));
+        if (m_state->bytes < m_state->wake_bytes) {
+            return;
+        }
+        m_state->wake_bytes = NEVER;
     }
-    m_state->bytes += line.size();
-    m_state->lines.push_back(std::move(line));
     m_state->changed.notify_one();
 }
 
@@ -64,22 +71,42 @@ void LineWriter::run(const std::shared_ptr<State>& state) {
     std::unique_lock<std::mutex> lock(state->mutex);
     while (!state->stopping || !state->lines.empty() || state->dropped > 0) {
         if (state->lines.empty() && state->dropped == 0) {
-            state->changed.wait(lock);
-            continue;
+            wait(*state, lock);
         }
-        // The dropped ones came behind those that are queued.
-        const bool tells_dropped = state->lines.empty();
-        const std::string line = tells_dropped ? state->dropped_line(state->dropped) : std::move(state->lines.front());
-        if (tells_dropped) {
-            state->dropped = 0;
-        } else {
-            state->bytes -= line.size();
-            state->lines.pop_front();
+        while (!state->lines.empty() || state->dropped > 0) {
+            const std::string text = take_lines(*state);
+            lock.unlock();
+            write_all(state->fd, text);
+            lock.lock();
         }
-        lock.unlock();
-        write_all(state->fd, line);
-        lock.lock();
+        state->wake_bytes = MAX_BYTES / 2;
+        state->changed.wait_for(lock, std::chrono::milliseconds(GATHER_MS),
+                                [&state] { return state->stopping || state->wake_bytes == NEVER; });
+        state->wake_bytes = NEVER;
     }
     state->done = true;
     state->changed.notify_all();
+}
+
+// Until there is a line, or the end.
+void LineWriter::wait(State& state, std::unique_lock<std::mutex>& lock) {
+    state.wake_bytes = 1;
+    state.changed.wait(lock, [&state] { return state.stopping || state.wake_bytes == NEVER; });
+    state.wake_bytes = NEVER;
+}
+
+// Whole lines, as many as a pipe takes in one piece, since another writer may have the same one. The dropped ones came
+// behind those that are queued.
+std::string LineWriter::take_lines(State& state) {
+    std::string text;
+    while (!state.lines.empty() && (text.empty() || text.size() + state.lines.front().size() <= PIPE_BUF)) {
+        text += state.lines.front();
+        state.lines.pop_front();
+    }
+    state.bytes -= text.size();
+    if (text.empty()) {
+        text = state.dropped_line(state.dropped);
+        state.dropped = 0;
+    }
+    return text;
 }
