@@ -41,7 +41,7 @@ void mark_sock(const CSockDgram& sock, int dscp, int family) {
 // Null if memory is short.
 std::shared_ptr<CUdpSockPair> make_sock_pair() {
     try {
-        return std::make_shared<CUdpSockPair>();
+        return std::make_shared<CUdpSockPair>(false);
     } catch (const std::bad_alloc&) {
         return nullptr;
     }

@@ -16,17 +16,10 @@ const int MAX_EVEN_PORT = CUdpPortTable::MAX_EVEN_PORT;
 // pair is found at once when it comes back.
 const int RETRIES = 4;
 
-int open_sock(CSockDgram& sock, int port, int family) {
-    const char* any = family == Tramel::SOCK_ADDR_IPV6 ? "::" : "0.0.0.0";
-    const CSockAddrStorage local(any, static_cast<unsigned short>(port));
-    return sock.Open(&local);
-}
-
 }  // namespace
 
 CUdpSockPair::~CUdpSockPair() {
-    m_rtp.Close();
-    m_rtcp.Close();
+    close_both();
     if (m_held_port >= 0) {
         CUdpPortTable::Shared().Release(m_held_port);
     }
@@ -39,7 +32,11 @@ int CUdpSockPair::OpenInRange(int min_port, int max_port, int family, int* port)
         return -1;
     }
     // What was passed over may be free by now: that is asked before the search fails.
-    return walk(first, max_port, family, RETRIES, port) == 0 ? 0 : walk(first, max_port, family, INT_MAX, port);
+    if (walk(first, max_port, family, RETRIES, port) == 0 || walk(first, max_port, family, INT_MAX, port) == 0) {
+        return 0;
+    }
+    close_both();
+    return -1;
 }
 
 // One walk up the range, so that it ends even while other threads release ports.
@@ -70,8 +67,12 @@ int CUdpSockPair::walk(int first, int max_port, int family, int retries, int* po
 
 void CUdpSockPair::OpenAt(int port, int family) {
     m_family = family;
-    open_sock(m_rtp, port, family);
-    open_sock(m_rtcp, port + 1, family);
+    if (bind_one(m_rtp, port) != 0) {
+        m_rtp.Close();
+    }
+    if (bind_one(m_rtcp, port + 1) != 0) {
+        m_rtcp.Close();
+    }
 }
 
 int CUdpSockPair::Aim(const CSockAddrStorage& remote, int port, unsigned int index, const CSockAddrStorage& source) {
@@ -83,15 +84,33 @@ int CUdpSockPair::Aim(const CSockAddrStorage& remote, int port, unsigned int ind
     return rtp == 0 ? rtcp : rtp;
 }
 
-// 0, or the error's number: then neither is open.
+// 0, or the error's number: then neither is bound.
 int CUdpSockPair::open_at(int port, int family) {
     m_family = family;
-    if (open_sock(m_rtp, port, family) == 0 && open_sock(m_rtcp, port + 1, family) == 0) {
+    if (bind_one(m_rtp, port) != 0) {
+        return errno;
+    }
+    if (bind_one(m_rtcp, port + 1) == 0) {
         return 0;
     }
     const int error = errno;
     m_rtp.Close();
     return error;
+}
+
+// To the wildcard address. A socket whose port another program has is kept for the next one: behind many of them the
+// search costs a call of bind each.
+int CUdpSockPair::bind_one(CSockDgram& sock, int port) const {
+    if (!sock.IsValid() && sock.OpenUnbound(m_family, m_receives) != 0) {
+        return -1;
+    }
+    const char* any = m_family == Tramel::SOCK_ADDR_IPV6 ? "::" : "0.0.0.0";
+    return sock.Bind(CSockAddrStorage(any, static_cast<unsigned short>(port)));
+}
+
+void CUdpSockPair::close_both() {
+    m_rtp.Close();
+    m_rtcp.Close();
 }
 
 }  // namespace Vidora

@@ -15,7 +15,8 @@ namespace Vidora {
 //            one thread; then one may send while another receives.
 class CUdpSockPair {
 public:
-    CUdpSockPair() = default;
+    // `receives`: both sockets have room for a burst of media, see CSockDgram::Open.
+    explicit CUdpSockPair(bool receives = true) : m_receives(receives) {}
     ~CUdpSockPair();
     CUdpSockPair(const CUdpSockPair&) = delete;
     CUdpSockPair& operator=(const CUdpSockPair&) = delete;
@@ -41,7 +42,10 @@ public:
 private:
     int walk(int first, int max_port, int family, int retries, int* port);
     int open_at(int port, int family);
+    int bind_one(CSockDgram& sock, int port) const;
+    void close_both();
 
+    const bool m_receives;
     CSockDgram m_rtp;
     CSockDgram m_rtcp;
     int m_held_port = -1;  // in the table

@@ -19,11 +19,15 @@ int CSock::Attach(int fd) {
         ::fcntl(fd, F_SETFD, flags | FD_CLOEXEC) != 0) {
         return -1;
     }
+    take(fd);
+    return 0;
+}
+
+void CSock::take(int fd) {
     if (fd != m_fd) {
         Close();
     }
     m_fd = fd;
-    return 0;
 }
 
 int CSock::Detach() {

@@ -47,9 +47,10 @@ int CSockAcceptor::Open(const CSockAddr& local) {
         return -1;
     }
     const int fd = ::socket(at.Native()->sa_family, SOCK_STREAM | ACCEPT_FLAGS, 0);
-    if (fd < 0 || Attach(fd) != 0) {
+    if (fd < 0) {
         return -1;
     }
+    take(fd);
     SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1);
     if (at.GetType() == SOCK_ADDR_IPV6) {
         SetOption(fd, IPPROTO_IPV6, IPV6_V6ONLY, 0);  // the wildcard listens on both families
@@ -76,10 +77,7 @@ int CSockAcceptor::Accept(CSockStream& out, CSockAddr* peer) {
     if (m_spare_fd < 0) {
         m_spare_fd = open_spare();  // lost while descriptors were short
     }
-    if (out.Attach(fd) != 0) {
-        ::close(fd);
-        return -1;
-    }
+    out.take(fd);
     SetOption(fd, IPPROTO_TCP, TCP_NODELAY, 1);  // replies and media units are written whole
     if (peer != nullptr) {
         peer->SetSockAddr(reinterpret_cast<const sockaddr*>(&native), length);

@@ -62,18 +62,13 @@ int CSockDgram::Open(const CSockAddr* local) {
         errno = EINVAL;
         return -1;
     }
-    const int fd =
-        ::socket(at.IsValid() ? at.Native()->sa_family : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0 || Attach(fd) != 0) {
+    if (OpenUnbound(at.IsValid() ? at.GetType() : static_cast<int>(SOCK_ADDR_IPV4), true) != 0) {
         return -1;
     }
-    raise_recv_buffer(fd);
     if (!at.IsValid()) {
         return 0;
     }
-    if (at.GetType() == SOCK_ADDR_IPV6) {
-        SetOption(fd, IPPROTO_IPV6, IPV6_V6ONLY, 0);
-    }
+    const int fd = m_fd;
     const bool is_group = at.IsMulticast();
     if (is_group) {
         SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1);  // several receivers of a group share its port
@@ -83,15 +78,37 @@ int CSockDgram::Open(const CSockAddr* local) {
         SetOption(fd, IPPROTO_IPV6, IPV6_MULTICAST_ALL, 0);
 #endif
     }
-    if (::bind(fd, at.Native(), static_cast<socklen_t>(at.GetAddrLen())) != 0 ||
-        (is_group && join(fd, at, 0, in_addr{}) != 0)) {
-        return FailOpen(*this);
+    return Bind(at) != 0 || (is_group && join(fd, at, 0, in_addr{}) != 0) ? FailOpen(*this) : 0;
+}
+
+int CSockDgram::OpenUnbound(int family, bool receives) {
+    const bool is_v6 = family == SOCK_ADDR_IPV6;
+    const int fd = ::socket(is_v6 ? AF_INET6 : AF_INET, SOCK_DGRAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
+    if (fd < 0) {
+        return -1;
+    }
+    take(fd);
+    m_family = is_v6 ? SOCK_ADDR_IPV6 : SOCK_ADDR_IPV4;
+    if (receives) {
+        raise_recv_buffer(fd);
+    }
+    if (is_v6) {
+        SetOption(fd, IPPROTO_IPV6, IPV6_V6ONLY, 0);
     }
     return 0;
 }
 
+int CSockDgram::Bind(const CSockAddrStorage& local) {
+    return ::bind(m_fd, local.Native(), static_cast<socklen_t>(local.GetAddrLen()));
+}
+
+// A socket that came from outside is asked for its family.
+int CSockDgram::family() const {
+    return m_family != 0 ? m_family : family_of(m_fd);
+}
+
 int CSockDgram::SetRemote(const CSockAddr* remote) {
-    const CSockAddrStorage to = ToStorage(remote).ForFamily(family_of(m_fd));
+    const CSockAddrStorage to = ToStorage(remote).ForFamily(family());
     const auto connect_to = [this](const struct sockaddr* addr, size_t length) {
         return ::connect(m_fd, addr, static_cast<socklen_t>(length)) == 0;
     };
@@ -147,7 +164,7 @@ void CSockDgram::DropAnswers() {
 int CSockDgram::SetTarget(const CSockAddrStorage& remote, unsigned int interface_index,
                           const CSockAddrStorage& source) {
     m_offload_limit = ANY_SIZE;  // another path may have another MTU
-    return m_target.Set(remote.ForFamily(family_of(m_fd)), interface_index, source);
+    return m_target.Set(remote.ForFamily(family()), interface_index, source);
 }
 
 int CSockDgram::Recv(char* buf, unsigned int len, CSockAddr* from) {
@@ -172,7 +189,7 @@ int CSockDgram::Recv(char* buf, unsigned int len, CSockAddr* from) {
 
 int CSockDgram::Send(const char* buf, unsigned int len, const CSockAddr* to) {
     CDgramTarget target = m_target;
-    if (to != nullptr && target.Set(ToStorage(to).ForFamily(family_of(m_fd)), 0, CSockAddrStorage()) != 0) {
+    if (to != nullptr && target.Set(ToStorage(to).ForFamily(family()), 0, CSockAddrStorage()) != 0) {
         return -1;
     }
     struct iovec part = {const_cast<char*>(buf), ClampLength(len)};
@@ -196,7 +213,7 @@ int CSockDgram::Send(const char* buf, unsigned int len, const CSockAddr* to) {
 // An IPv6 socket may send to IPv4 groups as well, for which it has options of their own.
 int CSockDgram::SetMulticastTTL(unsigned char ttl) {
     const int result = SetOption(m_fd, IPPROTO_IP, IP_MULTICAST_TTL, ttl);
-    return family_of(m_fd) == SOCK_ADDR_IPV6 ? SetOption(m_fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, ttl) : result;
+    return family() == SOCK_ADDR_IPV6 ? SetOption(m_fd, IPPROTO_IPV6, IPV6_MULTICAST_HOPS, ttl) : result;
 }
 
 int CSockDgram::SetMulticastIF(const char* ip) {

@@ -24,6 +24,10 @@ public:
     // Opens and binds at `local`; null: an unbound IPv4 socket. On a multicast address: binds there with address reuse
     // and joins the group. The receive buffer is raised to at least 1 MiB as far as the system allows. 0 or -1.
     int Open(const CSockAddr* local);
+    // Opens in two steps, the second of which may fail and be tried again at another address. An IPv6 socket takes both
+    // families. `receives`: with a receive buffer as by Open, otherwise with the system's.
+    int OpenUnbound(int family, bool receives);
+    int Bind(const CSockAddrStorage& local);
     // Sets where Send with a null address goes (connects the socket), also once more. 0 or -1.
     int SetRemote(const CSockAddr* remote);
     // Takes that back: the socket sends nowhere of itself, and receives from everybody; its port stays.
@@ -72,10 +76,16 @@ public:
     // well: by its IPv4 address, or its name for IPv6. 0 or -1.
     int SetMulticastIF(const char* ip);
 
+protected:
+    void OnRelease() override { m_family = 0; }
+
 private:
     static const unsigned int ANY_SIZE = 65536;
 
+    int family() const;
+
     CDgramTarget m_target;                    // unless the socket is connected
+    int m_family = 0;                         // a sock_addr_type_t; 0: not known
     unsigned int m_offload_limit = ANY_SIZE;  // datagrams below that size may leave by segmentation offload
 };
 

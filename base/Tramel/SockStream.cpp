@@ -61,9 +61,10 @@ int CSockStream::Connect(const CSockAddr& remote, CSockAddr* local) {
         return -1;
     }
     const int fd = ::socket(to.Native()->sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0);
-    if (fd < 0 || Attach(fd) != 0) {
+    if (fd < 0) {
         return -1;
     }
+    take(fd);
     const CSockAddrStorage from = ToStorage(local).ForFamily(to.GetType());
     if (local != nullptr && ::bind(m_fd, from.Native(), static_cast<socklen_t>(from.GetAddrLen())) != 0) {
         return FailOpen(*this);

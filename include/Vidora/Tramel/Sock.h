@@ -8,6 +8,7 @@ namespace Kavio {
 namespace Tramel {
 
 class CNetHandler;
+class CSockAcceptor;
 
 // CSock: owns a descriptor, which is non-blocking and close-on-exec from Attach or Open on.
 //
@@ -34,6 +35,8 @@ public:
     int GetLocalAddr(CSockAddr* addr) const;
 
 protected:
+    // Takes over a descriptor that was made non-blocking and close-on-exec; a former one is closed.
+    void take(int fd);
     // The descriptor is about to be closed or given away: nothing may be written to it through this object any more,
     // since its number can stand for another file at once. The base does nothing.
     virtual void OnRelease() {}
@@ -44,6 +47,7 @@ protected:
 
 private:
     friend class CNetHandler;
+    friend class CSockAcceptor;
     int get_addr(int (*query)(int, struct sockaddr*, socklen_t*), CSockAddr* addr) const;
 };
 
