@@ -35,6 +35,7 @@ const unsigned int FIRST_SESSIONS = 8;  // that are there when memory is measure
 // A host that was halted for longer than two seconds goes on from where it is instead of catching up.
 const std::chrono::milliseconds SLICE(2200);
 const std::chrono::milliseconds STAMPED(4000);
+const std::chrono::milliseconds CLOSING(300);  // in which the other end notices
 
 // How sessions come and their media leave. The bare loop has TCP in the place of a tunnel, and plain UDP for NAT.
 struct Road {
@@ -59,6 +60,7 @@ struct Options {
     const Road* road = nullptr;         // null: all
     int slices = 4;
     int threads = 0;  // the host's own choice
+    int setups = 0;   // rounds of a run that only sets up; 0: the whole benchmark
 };
 
 // The server or the bare loop, with its own clients: one of both runs, the other one is halted.
@@ -195,7 +197,7 @@ void set_up(Side& side, const Row& row, bool last) {
     side.setup_s.push_back(side.client->Open(side.port, row.clients, row.road.udp));
     if (!last) {
         side.client->Close();
-        std::this_thread::sleep_for(std::chrono::milliseconds(300));  // the other end notices
+        std::this_thread::sleep_for(CLOSING);
     }
 }
 
@@ -260,24 +262,35 @@ std::unique_ptr<Bench::CLoadClient> fleet(const Road& road, uint16_t udp_port_ba
     });
 }
 
-bool run_row(const Options& options, const Bench::Recording& recording, Row row, std::vector<std::string>& readme) {
+// Both sides of a row, made before any thread.
+struct Match {
     Side server;
     Side bare;
-    server.client = fleet(row.road, SERVER_UDP_BASE);
-    bare.client = std::make_unique<Bench::CLoadClient>(BARE_UDP_BASE);
-    const Bench::CBareServer bare_process(recording, row.road.udp);
-    bare.process = bare_process.Pid();
-    bare.port = bare_process.Port();
-    bare.Stop();
     Meeting meeting;
-    const bool meets = row.road.link == Bench::FLEET_NAT;
-    const uint16_t listener = Bench::FreePort();
-    server.port = meets ? meeting.Port() : listener;
-    const auto host = start_host(options, listener, meets ? "127.0.0.1:" + std::to_string(server.port) : "");
-    server.process = host->Pid();
+    std::unique_ptr<Bench::CBareServer> bare_process;
+    std::unique_ptr<Bench::CProgram> host;
 
+    Match(const Options& options, const Bench::Recording& recording, const Road& road) {
+        server.client = fleet(road, SERVER_UDP_BASE);
+        bare.client = std::make_unique<Bench::CLoadClient>(BARE_UDP_BASE);
+        bare_process = std::make_unique<Bench::CBareServer>(recording, road.udp);
+        bare.process = bare_process->Pid();
+        bare.port = bare_process->Port();
+        bare.Stop();
+        const bool meets = road.link == Bench::FLEET_NAT;
+        const uint16_t listener = Bench::FreePort();
+        server.port = meets ? meeting.Port() : listener;
+        host = start_host(options, listener, meets ? "127.0.0.1:" + std::to_string(server.port) : "");
+        server.process = host->Pid();
+    }
+};
+
+bool run_row(const Options& options, const Bench::Recording& recording, Row row, std::vector<std::string>& readme) {
+    Match match(options, recording, row.road);
+    Side& server = match.server;
+    Side& bare = match.bare;
     const auto first = fleet(row.road, FIRST_UDP_BASE);
-    meeting.Begin();
+    match.meeting.Begin();
     const auto resident = [&first, &server, &row] {
         first->Open(server.port, FIRST_SESSIONS, row.road.udp);
         std::this_thread::sleep_for(std::chrono::milliseconds(500));
@@ -323,6 +336,41 @@ bool run_row(const Options& options, const Bench::Recording& recording, Row row,
     return up == row.clients && gaps == 0 && bare_up == row.clients;
 }
 
+// Set-up alone, round by round in turn: wall time and processor time of a session.
+bool run_setups(const Options& options, const Bench::Recording& recording, const Row& row) {
+    Match match(options, recording, row.road);
+    match.meeting.Begin();
+    Side* const sides[] = {&match.server, &match.bare};
+    std::vector<double> cpu_us[2];
+    match.server.Stop();
+    bool good = true;
+    for (int i = 0; i < options.setups; ++i) {
+        for (int k = 0; k < 2; ++k) {
+            Side& side = *sides[k];
+            const uint64_t cpu = Bench::ProcessorNs(side.process);
+            side.Go();
+            side.setup_s.push_back(side.client->Open(side.port, row.clients, row.road.udp));
+            cpu_us[k].push_back(static_cast<double>(Bench::ProcessorNs(side.process) - cpu) / 1e3 / row.clients);
+            good = good && side.client->Figures().up == row.clients;
+            side.client->Close();
+            std::this_thread::sleep_for(CLOSING);
+            side.Stop();
+        }
+    }
+    std::vector<double> ratios;
+    for (size_t i = 0; i < match.server.setup_s.size(); ++i) {
+        ratios.push_back(match.server.setup_s[i] / match.bare.setup_s[i]);
+    }
+    std::printf(
+        "%5u %-4s set-up %7.1f ms, bare %7.1f ms, %5.2f; median of rounds %5.2f; processor %6.1f us, bare %6.1f us a "
+        "session, %5.2f\n",
+        row.clients, row.road.name, median(match.server.setup_s) * 1e3, median(match.bare.setup_s) * 1e3,
+        median(match.server.setup_s) / median(match.bare.setup_s), median(ratios), median(cpu_us[0]), median(cpu_us[1]),
+        median(cpu_us[0]) / median(cpu_us[1]));
+    std::fflush(stdout);
+    return good;
+}
+
 // False if `word` is no option that has a value.
 bool take_value(const std::string& word, const char* value, Options& options) {
     if (word == "--clients") {
@@ -331,6 +379,8 @@ bool take_value(const std::string& word, const char* value, Options& options) {
         options.slices = std::max(1, std::atoi(value));
     } else if (word == "--threads") {
         options.threads = std::atoi(value);
+    } else if (word == "--setups") {
+        options.setups = std::atoi(value);
     } else if (word == "--clip") {
         options.clip = value;
     } else {
@@ -411,7 +461,10 @@ int main(int argc, char** argv) {
             continue;
         }
         for (unsigned int clients : options.clients.empty() ? road.clients : options.clients) {
-            good = run_row(options, recording, Row{clients, road, 0, 0}, readme) && good;
+            const Row row{clients, road, 0, 0};
+            good =
+                (options.setups > 0 ? run_setups(options, recording, row) : run_row(options, recording, row, readme)) &&
+                good;
         }
     }
     for (const std::string& line : readme) {
