@@ -16,7 +16,7 @@ from pulling import GstServer, PullTest
 CLIENT = sys.argv.pop(3)
 
 from host_support import HOST, LIVE, MEDIA, Host, is_run_of_loop, main  # noqa: E402
-from peers import SKIPPED, Folder, frame_digests, free_port, free_udp_ports, ip, outcome  # noqa: E402
+from peers import SKIPPED, Folder, frame_digests, free_port, free_udp_ports, gst_outcome, ip, outcome  # noqa: E402
 
 SERVER, VIEWER = (f"vidora{os.getpid()}{side}" for side in "sv")
 IN_SERVER, IN_VIEWER = (("ip", "netns", "exec", namespace) for namespace in (SERVER, VIEWER))
@@ -133,15 +133,22 @@ class MulticastNetwork(PullTest):
         self.check_client(kind)
         return host
 
+    def check_gstreamer(self, url, *depayload):
+        """rtspsrc joins the group that the description names, and 50 pictures are decoded."""
+        pipeline = ("rtspsrc", f"location={url}", "protocols=udp-mcast", "!", *depayload, "!", "avdec_h264", "!",
+                    "fakesink", "num-buffers=50")
+        self.assertEqual(gst_outcome(*pipeline, inside=IN_VIEWER), (0, ""))
+
     def test_players_of_rtp(self):
         host = self.check_players("rtp")
         self.check_pull(host.url(), "--transport", "multicast", "--seconds", "4", inside=IN_VIEWER)
+        self.check_gstreamer(host.url(), "rtph264depay")
 
     def test_players_of_a_transport_stream_in_bare_datagrams(self):
         self.check_players("ts", "-i", f"udp://{GROUP}:{PORT}?localaddr=10.91.0.2", words=["--as-described"])
 
     def test_players_of_a_transport_stream_in_rtp(self):
-        self.check_players("ts")
+        self.check_gstreamer(self.check_players("ts").url(), "rtpmp2tdepay", "!", "tsdemux", "!", "h264parse")
 
     def test_client_of_ffmpeg(self):
         self.bring_up("s1")
