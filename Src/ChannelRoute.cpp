@@ -10,15 +10,15 @@
 namespace Kavio {
 namespace Vidora {
 
-std::unique_ptr<IMediaRoute> CChannelRoute::Create(const CSdpParser& sdp) {
+std::unique_ptr<IMediaRoute> CChannelRoute::Create(const std::shared_ptr<const CSdpParser>& sdp) {
     return std::unique_ptr<IMediaRoute>(new (std::nothrow) CChannelRoute(sdp));
 }
 
-CChannelRoute::CChannelRoute(const CSdpParser& sdp) : m_sdp(sdp) {}
+CChannelRoute::CChannelRoute(const std::shared_ptr<const CSdpParser>& sdp) : m_sdp(sdp) {}
 
 // A client may name the ports of the description, and no others.
 int CChannelRoute::SetUp(const CTrack& track, int /*channel*/, transport_info& transport) {
-    const int media_port = m_sdp.get_media_port(track.track_id);
+    const int media_port = m_sdp->get_media_port(track.track_id);
     if (transport.rtp_port != 0 && transport.rtp_port != media_port) {
         logError("%s:%d, setup.cli_rtp_channel=%d, sdp_rtp_channel=%d.\n", __FILE__, __LINE__, transport.rtp_port,
                  media_port);
@@ -29,7 +29,7 @@ int CChannelRoute::SetUp(const CTrack& track, int /*channel*/, transport_info& t
         transport.rtcp_port = media_port + 1;
     }
     sdp_connection_t connection;
-    if (m_sdp.get_connection(&connection) == 0) {
+    if (m_sdp->get_connection(&connection) == 0) {
         const char* address = connection.address.Get();
         snprintf(m_group.addr, sizeof(m_group.addr), "%s", address == nullptr ? "" : address);
         m_group.ttl = connection.ttl;

@@ -13,8 +13,8 @@ class CSdpParser;
 // refused and who plays all the same: its PLAY is answered, and nothing flows to it.
 class CChannelRoute : public IMediaRoute {
 public:
-    // `sdp` describes the channel, and outlives the route.
-    static std::unique_ptr<IMediaRoute> Create(const CSdpParser& sdp);
+    // `sdp` describes the channel.
+    static std::unique_ptr<IMediaRoute> Create(const std::shared_ptr<const CSdpParser>& sdp);
 
     int SetUp(const CTrack& track, int channel, transport_info& transport) override;
     const multicast_info* Group() const override { return &m_group; }
@@ -27,9 +27,9 @@ public:
     int SendReport(const unsigned char* report, unsigned int length, int channel) override;
 
 private:
-    explicit CChannelRoute(const CSdpParser& sdp);
+    explicit CChannelRoute(const std::shared_ptr<const CSdpParser>& sdp);
 
-    const CSdpParser& m_sdp;
+    const std::shared_ptr<const CSdpParser> m_sdp;
     multicast_info m_group;
 };
 

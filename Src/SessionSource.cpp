@@ -98,9 +98,21 @@ bool CSessionSource::Release(long user, bool hears_end) {
     return is_own && hears_end;
 }
 
-int CSessionSource::GetSdp(CSdpParser& sdp) {
-    return of_source(
-        [&](auto& source) { return m_wants_assist ? source.GetSdp(sdp, SDP_WITH_ASSIST) : source.GetSdp(sdp); });
+int CSessionSource::GetSdp(std::shared_ptr<const CSdpParser>& sdp) {
+    if (m_channel != nullptr && !m_wants_assist) {
+        return m_channel->GetSdp(sdp);
+    }
+    const std::shared_ptr<CSdpParser> own = CSdpParser::Make();
+    if (own == nullptr) {
+        return -1;
+    }
+    const int result = of_source(
+        [&](auto& source) { return m_wants_assist ? source.GetSdp(*own, SDP_WITH_ASSIST) : source.GetSdp(*own); });
+    if (result >= 0) {
+        own->GetStream();
+        sdp = own;
+    }
+    return result;
 }
 
 int CSessionSource::GetSrcInfo(SrcInfo& info, int track_id) {

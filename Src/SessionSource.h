@@ -51,8 +51,9 @@ public:
     int Channel() const { return m_channel_number; }
     int Subtype() const { return m_subtype; }
 
-    // Of the source of either kind, which must be open; see CDataSource. GetSdp returns an sdp_result_t.
-    int GetSdp(CSdpParser& sdp);
+    // Of the source of either kind, which must be open; see CDataSource. GetSdp returns an sdp_result_t, and leaves
+    // `sdp` as it is when that is negative; a live channel's description is shared by all its clients.
+    int GetSdp(std::shared_ptr<const CSdpParser>& sdp);
     int GetSrcInfo(SrcInfo& info, int track_id);
     int GetTcpChannel(int track_id);
     unsigned int GetSSRC(int track_id);

@@ -1,6 +1,8 @@
 #ifndef VIDORA_SVRCONVERSATION_H
 #define VIDORA_SVRCONVERSATION_H
 
+#include <memory>
+
 #include "AuthGate.h"
 #include "FrameWatch.h"
 #include "MachineKeeper.h"
@@ -39,8 +41,9 @@ enum conversation_message_t {
 //            note and a message for the strand. The machine is thus driven from one thread at a time. Functions of the
 //            host are called with no lock held; whatever they close or delete notifies this conversation by a message.
 // OWNERSHIP  A value inside the object that is the link, and that calls Release before it dies.
-// MEMORY     Some 2 kB, the description on the heap, and a CMessageMemory while a request comes, is served or waits for
-//            its answer. A peer can make it keep the machine's ten messages and the gate's one.
+// MEMORY     Some 2 kB, the description of a source of its own, a channel's being shared, and a CMessageMemory while a
+//            request comes, is served or waits for its answer. A peer can make it keep the machine's ten messages and
+//            the gate's one.
 class CSvrConversation : private IAuthGateOwner {
 public:
     explicit CSvrConversation(ISvrLink& link);
@@ -207,7 +210,7 @@ private:
     Ostra::CLogLimit m_log;
     CFrameWatch m_frames{m_link, MSG_SESSION_LOST};
     CMachineKeeper m_machine;
-    CSdpParser m_sdp;
+    std::shared_ptr<const CSdpParser> m_sdp = CSdpParser::None();
     CRtspRspParser m_codec;
 };
 

@@ -218,7 +218,7 @@ int CSvrConversation::build_rtp_info(const CTrack* single, rtp_info_entry* table
             return -1;
         }
         rtp_info_entry& entry = table[(*count)++];
-        const char* control = m_sdp.get_control_by_id(track.track_id);
+        const char* control = m_sdp->get_control_by_id(track.track_id);
         snprintf(entry.url, sizeof(entry.url), "%s", control == nullptr ? "" : control);
         entry.seq = m_source.IsLive() ? last_seq(info) : info.seq;
         entry.rtptime = info.timestamp;

@@ -117,8 +117,7 @@ int CSvrConversation::reply_describe() {
                                RTSP_STATUS_NOT_FOUND, m_wait_id);
     } else {
         m_tracks.Build();
-        m_sdp.GetStream();
-        const char* sdp = m_sdp.get_stream();
+        const char* sdp = m_sdp->get_stream();
         char reply[RTSP_MAX_MESSAGE + SDP_STREAM_SIZE];
         snprintf(reply, sizeof(reply), "%s%s", m_codec.generate_describe_reply(static_cast<int>(strlen(sdp))), sdp);
         m_machine.put_tx_event(REPLY_KIND_DESCRIBE, reply, RTSP_STATUS_OK, m_wait_id);
@@ -130,12 +129,11 @@ int CSvrConversation::reply_describe() {
 
 // Whether the source's description is what DESCRIBE gave, but for the origin line, which has the time of its making.
 bool CSvrConversation::has_same_sdp() {
-    CSdpParser now;
+    std::shared_ptr<const CSdpParser> now;
     if (!m_source.IsOpen() || m_source.GetSdp(now) < 0) {
         return false;
     }
-    now.GetStream();
-    return strcmp(behind_origin(now.get_stream()), behind_origin(m_sdp.get_stream())) == 0;
+    return strcmp(behind_origin(now->get_stream()), behind_origin(m_sdp->get_stream())) == 0;
 }
 
 int CSvrConversation::on_setup(const StateEvent& event) {

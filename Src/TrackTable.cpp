@@ -9,21 +9,21 @@ namespace Kavio {
 namespace Vidora {
 
 void CTrackTable::Build() {
-    const int count = m_sdp.get_media_count();
+    const int count = m_sdp->get_media_count();
     m_count = 0;
     if (count < 1) {
         logError("%s:%d, media_num <=0, media_num=%d\n", __FILE__, __LINE__, count);
         return;
     }
     for (int i = 0; i < count && m_count < MAX_TRACKS; ++i) {
-        const int track_id = m_sdp.get_track_id(i);
+        const int track_id = m_sdp->get_track_id(i);
         if (track_id < 0) {
             continue;
         }
         CTrack& track = m_tracks[m_count++];
         track = CTrack();
         track.track_id = track_id;
-        track.sends = m_sdp.get_direction(m_sdp.get_index(track_id)) != SDP_DIRECTION_SENDONLY;
+        track.sends = m_sdp->get_direction(m_sdp->get_index(track_id)) != SDP_DIRECTION_SENDONLY;
     }
 }
 
@@ -33,12 +33,12 @@ CTrack* CTrackTable::Find(int track_id) {
 }
 
 int CTrackTable::IdOfUrl(const char* url) const {
-    const int count = m_sdp.get_media_count();
+    const int count = m_sdp->get_media_count();
     for (int i = 0; i < count; ++i) {
-        const char* control = m_sdp.get_control(i);
+        const char* control = m_sdp->get_control(i);
         CStrParser text(url, static_cast<unsigned int>(strlen(url)));
         if (control != nullptr && text.LocateStringInLineCase(control) > 0) {
-            return m_sdp.get_track_id(i);
+            return m_sdp->get_track_id(i);
         }
     }
     return -1;

@@ -1,6 +1,8 @@
 #ifndef VIDORA_TRACKTABLE_H
 #define VIDORA_TRACKTABLE_H
 
+#include <memory>
+
 #include "Protocol/SdpParser.h"
 
 namespace Kavio {
@@ -21,12 +23,12 @@ struct CTrack {
 // CTrackTable: the tracks of one conversation, in the order of the description.
 //
 // THREADING  The conversation's strand.
-// OWNERSHIP  Borrows the description, which outlives it.
+// OWNERSHIP  Borrows its owner's pointer to the description, which is never null.
 class CTrackTable {
 public:
     static const int MAX_TRACKS = 8;  // channel pairs of a sink
 
-    explicit CTrackTable(const CSdpParser& sdp) : m_sdp(sdp) {}
+    explicit CTrackTable(const std::shared_ptr<const CSdpParser>& sdp) : m_sdp(sdp) {}
 
     // Takes the tracks of the description as it is now. Media beyond MAX_TRACKS can't be set up.
     void Build();
@@ -50,7 +52,7 @@ public:
     CTrack* end() { return m_tracks + m_count; }
 
 private:
-    const CSdpParser& m_sdp;
+    const std::shared_ptr<const CSdpParser>& m_sdp;
     int m_count = 0;
     CTrack m_tracks[MAX_TRACKS];
 };

@@ -48,6 +48,20 @@ int remove_attribute(sdp_list<sdp_attribute_t>& list, const char* name) {
 
 }  // namespace
 
+std::shared_ptr<CSdpParser> CSdpParser::Make() {
+    try {
+        return std::make_shared<CSdpParser>();
+    } catch (const std::bad_alloc&) {
+        return nullptr;
+    }
+}
+
+std::shared_ptr<const CSdpParser> CSdpParser::None() {
+    alignas(CSdpParser) static unsigned char room[sizeof(CSdpParser)];
+    static const CSdpParser* const none = new (room) CSdpParser;
+    return std::shared_ptr<const CSdpParser>(std::shared_ptr<const CSdpParser>(), none);  // counts nothing
+}
+
 CSdpParser::CSdpParser() : m_session(new (std::nothrow) sdp_session_t) {}
 
 CSdpParser::CSdpParser(const CSdpParser& other) : CSdpParser() {

@@ -1,6 +1,8 @@
 #ifndef VIDORA_PROTOCOL_SDPPARSER_H
 #define VIDORA_PROTOCOL_SDPPARSER_H
 
+#include <memory>
+
 #include "Protocol/SdpModel.h"
 #include "Vidora/Names.h"
 
@@ -37,12 +39,19 @@ const unsigned int SDP_STREAM_SIZE = 2048;  // room of a description's text, its
 // media gets with its control attribute. Unless said otherwise operations return 0, or -1 for a null argument, an
 // unknown track or no memory, and then change nothing.
 //
-// THREADING  No lock: an object belongs to its owner, who guards it if it is shared.
+// THREADING  No lock: an object belongs to its owner, who guards it if it is shared. What is constant may be read by
+// any
+//            number of threads.
 // OWNERSHIP  Arguments are copied; they may be texts of this same tree. Texts that are handed out lie in the tree:
 // valid until it changes. Memory: a parsed text is held in records of a few times its length, and its first 2047 bytes
 // once more.
 class CSdpParser {
 public:
+    // A new description, empty, for who shares it when it is done; null without memory.
+    static std::shared_ptr<CSdpParser> Make();
+    // An empty one that never ends, and takes no memory.
+    static std::shared_ptr<const CSdpParser> None();
+
     CSdpParser();
     // As the assignment.
     CSdpParser(const CSdpParser& other);

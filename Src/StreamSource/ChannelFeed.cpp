@@ -100,13 +100,9 @@ int CChannelFeed::UpdateResult() {
     return m_update_result;
 }
 
-bool CChannelFeed::GetSdp(CSdpParser& sdp) {
+std::shared_ptr<const CSdpParser> CChannelFeed::GetSdp() {
     CGuard guard(m_mutex);
-    if (m_sdp == nullptr) {
-        return false;
-    }
-    sdp = *m_sdp;
-    return true;
+    return m_sdp;
 }
 
 int CChannelFeed::GetMediaCount() {
@@ -198,20 +194,22 @@ void CChannelFeed::do_step(CDataSource& source, const Step& step) {
 }
 
 void CChannelFeed::describe(CDataSource& source) {
-    std::unique_ptr<CSdpParser> sdp(new (std::nothrow) CSdpParser);
+    std::shared_ptr<CSdpParser> sdp = CSdpParser::Make();
     if (sdp != nullptr && source.GetSdp(*sdp) < 0) {
         sdp = nullptr;
     }
     if (sdp != nullptr) {
         sdp->GetStream();  // a copy is made of the text
     }
+    std::shared_ptr<const CSdpParser> former;  // ends behind the lock
     CGuard guard(m_mutex);
+    former.swap(m_sdp);
     bool reports = m_told;
     if (sdp != nullptr && !m_former.empty()) {  // the clients know the description of the former source
         reports = m_former != behind_origin(*sdp);
         m_former.clear();
     }
-    m_sdp.swap(sdp);
+    m_sdp = std::move(sdp);
     if (reports) {
         Tramel::CReactor::Instance().Post(m_channel_id, m_channel_id, MSG_CHANNEL_DESCRIBED, 0);
     }

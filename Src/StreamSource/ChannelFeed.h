@@ -62,8 +62,8 @@ public:
     int StopResult(packet_type_t packet_type);
     int UpdateResult();
 
-    // A copy of the source's description. False if there is none.
-    bool GetSdp(CSdpParser& sdp);
+    // The source's description; null if there is none.
+    std::shared_ptr<const CSdpParser> GetSdp();
     int GetMediaCount();
     // The description as a text, but for the line that has the time of its making; empty if there is none.
     std::string GetText();
@@ -109,7 +109,7 @@ private:
     bool m_update_due VIDORA_GUARDED_BY(m_mutex) = false;
     long m_update_arg VIDORA_GUARDED_BY(m_mutex) = 0;
     int m_update_result VIDORA_GUARDED_BY(m_mutex) = 0;
-    std::unique_ptr<CSdpParser> m_sdp VIDORA_GUARDED_BY(m_mutex);
+    std::shared_ptr<const CSdpParser> m_sdp VIDORA_GUARDED_BY(m_mutex);
     std::string m_former VIDORA_GUARDED_BY(m_mutex);
 };
 

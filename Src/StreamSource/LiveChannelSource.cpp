@@ -270,19 +270,55 @@ int CLiveChannel::SetUnicast(bool unicast) {
 }
 
 int CLiveChannel::GetSdp(CSdpParser& sdp) {
+    std::shared_ptr<const CSdpParser> shared;
+    const int result = GetSdp(shared);
+    if (result >= 0) {
+        sdp = *shared;
+    }
+    return result;
+}
+
+int CLiveChannel::GetSdp(std::shared_ptr<const CSdpParser>& sdp) {
     Internal& self = *m_internal;
     const std::shared_ptr<CChannelFeed> feed = self.feed();
-    if (feed == nullptr || !feed->GetSdp(sdp)) {
+    const std::shared_ptr<const CSdpParser> source = feed != nullptr ? feed->GetSdp() : nullptr;
+    std::shared_ptr<const CSdpParser> finished;
+    bool unicast = false;
+    if (source != nullptr) {
+        CGuard guard(self.m_mutex);
+        unicast = self.m_unicast;
+        finished = unicast ? self.unicast_sdp_locked(source) : self.multicast_sdp_locked(*source);
+    }
+    if (finished == nullptr) {
         logError("%s:%d GetSdp fail\n", __FILE__, __LINE__);
         return -1;
     }
-    CGuard guard(self.m_mutex);
-    if (self.m_unicast) {
-        FinishUnicastSdp(sdp, self.m_transf_type, self.m_config.GetConformance());
-        return 0;
+    sdp = std::move(finished);
+    return unicast ? 0 : 1;
+}
+
+// It depends on what is constant, and so is made once for each description of the source.
+std::shared_ptr<const CSdpParser> CLiveChannel::Internal::unicast_sdp_locked(
+    const std::shared_ptr<const CSdpParser>& source) {
+    if (m_unicast_sdp == nullptr || m_source_sdp != source) {
+        const std::shared_ptr<CSdpParser> sdp = CSdpParser::Make();
+        if (sdp != nullptr) {
+            *sdp = *source;
+            FinishUnicastSdp(*sdp, m_transf_type, m_config.GetConformance());
+        }
+        m_source_sdp = source;
+        m_unicast_sdp = sdp;
     }
-    FinishMulticastSdp(sdp, self.m_transf_type, self.m_config.GetConformance(), self.m_multicast);
-    return 1;
+    return m_unicast_sdp;
+}
+
+std::shared_ptr<const CSdpParser> CLiveChannel::Internal::multicast_sdp_locked(const CSdpParser& source) {
+    std::shared_ptr<CSdpParser> sdp = CSdpParser::Make();
+    if (sdp != nullptr) {
+        *sdp = source;
+        FinishMulticastSdp(*sdp, m_transf_type, m_config.GetConformance(), m_multicast);
+    }
+    return sdp;
 }
 
 int CLiveChannel::GetSdp(CSdpParser& sdp, int ext_info) {

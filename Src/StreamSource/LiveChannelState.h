@@ -33,6 +33,8 @@ struct CLiveChannel::Internal {
     std::shared_ptr<CSourceGate> m_kept VIDORA_GUARDED_BY(m_mutex);   // the source that the registry has with it
     CMulticastOutput m_multicast VIDORA_GUARDED_BY(m_mutex);
     bool m_unicast VIDORA_GUARDED_BY(m_mutex) = true;
+    std::shared_ptr<const CSdpParser> m_source_sdp VIDORA_GUARDED_BY(m_mutex);   // of the feed, from which was made
+    std::shared_ptr<const CSdpParser> m_unicast_sdp VIDORA_GUARDED_BY(m_mutex);  // what clients get
     bool m_closed VIDORA_GUARDED_BY(m_mutex) = false;
     CChannelClients m_clients VIDORA_GUARDED_BY(m_mutex);
 
@@ -50,6 +52,10 @@ struct CLiveChannel::Internal {
     // Reports to the source's feed how many clients there are.
     void count_locked(packet_type_t packet_type, bool joined) VIDORA_REQUIRES(m_mutex);
     bool uncall_locked(packet_type_t packet_type) VIDORA_REQUIRES(m_mutex);
+    // The feed's description as clients of a unicast channel get it. Null if memory is short.
+    std::shared_ptr<const CSdpParser> unicast_sdp_locked(const std::shared_ptr<const CSdpParser>& source)
+        VIDORA_REQUIRES(m_mutex);
+    std::shared_ptr<const CSdpParser> multicast_sdp_locked(const CSdpParser& source) VIDORA_REQUIRES(m_mutex);
     bool can_transfer_locked(const CSockAddrStorage& dest, const char* local_ip, int line) VIDORA_REQUIRES(m_mutex);
     packet_type_t transf_packets() const { return m_transf_type == TRANSF_TYPE_TS ? PACKET_TYPE_TS : PACKET_TYPE_RTP; }
     CMediaBuffer& transf_buffer() { return m_buffers->buffer[transf_packets()]; }

@@ -2,6 +2,7 @@
 #define VIDORA_LIVECHANNEL_H
 
 #include <cstdint>
+#include <memory>
 
 #include "Vidora/Export.h"
 #include "Vidora/Names.h"
@@ -83,6 +84,8 @@ public:
 
     // A copy of the SDP: 1 for a multicast channel, 0 for a unicast one, -1 if there is none.
     int GetSdp(CSdpParser& sdp);
+    // The same without a copy: shared with all that ask, while it is the channel's.
+    int GetSdp(std::shared_ptr<const CSdpParser>& sdp);
     // The SDP with an extension. This and the next three: see CDataSource.
     int GetSdp(CSdpParser& sdp, int ext_info);
     int GetSrcInfo(SrcInfo& info, int track_id);
