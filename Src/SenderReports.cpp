@@ -60,7 +60,7 @@ int CSenderReports::Send(IMediaRoute* route, int track_filter, bool with_bye) {
     if (!m_source.IsOpen()) {
         return -1;
     }
-    for (const CTrack& track : m_tracks) {
+    for (CTrack& track : m_tracks) {
         if (!track.playing || (track_filter != -1 && track.track_id != track_filter)) {
             continue;
         }
@@ -74,12 +74,16 @@ int CSenderReports::Send(IMediaRoute* route, int track_filter, bool with_bye) {
     return 0;
 }
 
-int CSenderReports::send_one(IMediaRoute& route, const CTrack& track, bool with_bye) {
+int CSenderReports::send_one(IMediaRoute& route, CTrack& track, bool with_bye) {
     SrcInfo info;
-    if (m_source.GetSrcInfo(info, track.track_id) < 0) {
+    if (m_source.GetSrcInfo(info, track.track_id) >= 0) {
+        track.last_report = info;
+    } else if (with_bye && m_conformance) {
+        info = track.last_report;  // a live channel that was withdrawn
+    } else {
         return -1;
     }
-    const int channel = m_source.GetTcpChannel(track.track_id) + 1;
+    const int channel = 2 * track.send_channel + 1;
     CRtcpParser rtcp(track.ssrc);
     if (m_conformance) {
         rtcp.set_sender_info(info.rtp_packets, info.payload_octets, info.timestamp);

@@ -34,7 +34,7 @@ public:
 
 private:
     bool has_media(const CTrack& track);
-    int send_one(IMediaRoute& route, const CTrack& track, bool with_bye);
+    int send_one(IMediaRoute& route, CTrack& track, bool with_bye);
 
     ISvrLink& m_link;
     CSessionSource& m_source;

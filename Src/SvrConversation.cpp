@@ -366,7 +366,10 @@ int CSvrConversation::on_source_end() {
         return 0;
     }
     const bool is_told = say_bye();
-    if (!is_told || !m_source.IsOwn() || !m_drain.WaitsForLeave()) {
+    if (is_told && m_source.IsLive()) {
+        release(true);  // the channel has gone, and its name may be another's
+    }
+    if (!is_told || !m_drain.WaitsForLeave()) {
         End(MSG_SRC_END);
     }
     return 0;

@@ -130,6 +130,9 @@ int CSvrConversation::on_replay(const StateEvent& event) {
     if (m_codec.get_play_fault() != 0) {
         return REFUSED_UNREAD;
     }
+    if (!m_source.IsOpen()) {
+        return REFUSED_BY_STATE;  // its channel was withdrawn
+    }
     if (m_source.IsLive()) {
         return reply_live_replay();
     }

@@ -4,6 +4,7 @@
 #include <memory>
 
 #include "Protocol/SdpParser.h"
+#include "Vidora/Types.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -18,6 +19,7 @@ struct CTrack {
     bool reports = false;   // since its SETUP: reports are sent and taken in
     bool reported = false;  // since its PLAY
     unsigned int ssrc = 0;  // under this source identifier
+    SrcInfo last_report;    // what it said of the source, which may be gone when its BYE is due
 };
 
 // CTrackTable: the tracks of one conversation, in the order of the description.

@@ -159,14 +159,24 @@ TEST_F(Conformance, ReportsFollowTheFirstMediaAndNeverStep) {
     Support::AdvanceClock(5100);
     EXPECT_TRUE(client.Closed());
 
-    CFakeStreamSource* live = AddChannel();
-    CRtspTestClient viewer(m_port);
-    PlayInterleaved(viewer);
-    ASSERT_TRUE(Give(live, 10));
-    EXPECT_FALSE(NextReport(viewer, media).bye);
-    m_svr->EndSessions(0);
-    EXPECT_TRUE(NextReport(viewer, media).bye);
-    EXPECT_TRUE(viewer.Closed());
+    // A live channel that is withdrawn lets its viewers take leave, the host's end doesn't.
+    for (const bool is_withdrawn : {true, false}) {
+        CFakeStreamSource* live = AddChannel();
+        CRtspTestClient viewer(m_port);
+        PlayInterleaved(viewer);
+        ASSERT_TRUE(Give(live, 10));
+        EXPECT_FALSE(NextReport(viewer, media).bye);
+        if (!is_withdrawn) {
+            m_svr->EndSessions(0);
+            EXPECT_TRUE(NextReport(viewer, media).bye);
+        } else {
+            EXPECT_EQ(0, m_live_svr->DelLiveChannel(LIVE_NAME));
+            EXPECT_TRUE(NextReport(viewer, media).bye);
+            EXPECT_EQ(455, viewer.Ask("PLAY", Url()).status);
+            AdvanceClock(5100);
+        }
+        EXPECT_TRUE(viewer.Closed());
+    }
 }
 
 }  // namespace
