@@ -6,6 +6,7 @@
 #include <string_view>
 #include <utility>
 
+#include "Ostra/MemoryTrail.h"
 #include "Tramel/StrParser.h"
 
 namespace Kavio {
@@ -76,6 +77,8 @@ int CBufferedSeparator::Input(int len) {
     for (int i = 0; i < m_out_count; ++i) {
         m_records[i] = separator_record_t();
     }
+    Ostra::CMemoryTrail::Note(this, sizeof(*this) - sizeof(m_records));
+    Ostra::CMemoryTrail::Note(m_records[0]);
     m_out_count = 0;
     m_has_more = false;
     const bool in_shared_room = len > 0 && std::exchange(m_in_shared_room, false);

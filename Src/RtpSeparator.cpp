@@ -1,7 +1,9 @@
 #include "RtpSeparator.h"
-#include "Tramel/Interleave.h"
 
 #include <cctype>
+
+#include "Ostra/MemoryTrail.h"
+#include "Tramel/Interleave.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -68,6 +70,7 @@ CBufferedSeparator::step_t CRTPSeparator::cut_interleaved(CByteReader& reader) {
     if (channel == nullptr || !rtp_parse_header(unit.data, unit.length, header)) {
         return cut_unit(reader, size, unit.channel, SEPARATOR_RTP);
     }
+    Ostra::CMemoryTrail::Note(m_channels);
     channel->ssrc = channel->ssrc == 0 ? header.ssrc : channel->ssrc;
     return merge(reader, *channel, header, unit);
 }

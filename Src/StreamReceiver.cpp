@@ -47,6 +47,7 @@ void CStreamReceiver::DropMediaBuffer() {
     CMediaBufferRef former;
     CGuard guard(m_put_mutex);
     std::swap(m_buffer, former);
+    m_replaced = true;
 }
 
 // Puts into the new buffer that begin meanwhile aren't waited for.
@@ -54,6 +55,7 @@ int CStreamReceiver::SetMediaBuffer(CMediaBuffer* buffer) {
     CMediaBufferRef former(buffer);
     CGuard guard(m_put_mutex);
     std::swap(m_buffer, former);
+    m_replaced = true;
     const uint64_t put = m_put_count;
     while (m_putting && m_put_count == put && m_put_thread != std::this_thread::get_id()) {
         m_put_wait.Wait(m_put_mutex);
@@ -172,6 +174,7 @@ int CStreamReceiver::take_datagram(int track, const unsigned char* data, int len
     if (merger == nullptr) {
         return -1;
     }
+    Ostra::CMemoryTrail::Note(*merger);
     if (merger->EndsBefore(header, size) && put_run(track, merger->Take()) < 0) {
         return -1;
     }
@@ -231,13 +234,13 @@ int CStreamReceiver::take_kx_frame(int channel, const Flumen::CMediaFrame& frame
     writer.WriteU8(Tramel::INTERLEAVE_MARK);
     writer.WriteU8(static_cast<uint8_t>(channel));
     writer.WriteU32(frame.size());
-    const CMediaBufferRef buffer = begin_put();
+    CMediaBufferRef buffer = begin_put();
     if (put_packet(buffer, head, Tramel::PRIVATE_HEADER_SIZE, 0, tag) == 0) {
         put_packet(buffer, body, frame.size(), 1, tag);
     } else {
         delete body;
     }
-    end_put();
+    end_put(std::move(buffer));
     return 0;
 }
 
@@ -270,6 +273,7 @@ void CStreamReceiver::count_packet(int track, const RtpHeader& header, uint32_t 
     const uint32_t last = stats_of(track).reception.LastSeq();
     count_unit();
     m_changed |= 1u << track;
+    Ostra::CMemoryTrail::Note(stats_of(track));
     const uint32_t skipped = stats_of(track).reception.Count(header.sequence, header.timestamp, header.ssrc, length,
                                                              m_arrival_us, m_tracks.tracks[track].clock_rate);
     if (skipped > 0 && m_loss_log.Pass()) {
@@ -312,8 +316,9 @@ int CStreamReceiver::put_run(int track, const Flumen::CMediaFrame& run) {
         return -1;
     }
     packet->setChannel(track);
-    put_packet(begin_put(), packet, run.size(), 1, run_tag(track, run));
-    end_put();
+    CMediaBufferRef buffer = begin_put();
+    put_packet(buffer, packet, run.size(), 1, run_tag(track, run));
+    end_put(std::move(buffer));
     return 0;
 }
 
@@ -333,19 +338,24 @@ int CStreamReceiver::put_packet(const CMediaBufferRef& buffer, CMediaPacket* pac
     return 0;
 }
 
+// The buffer comes back by end_put: so its count of users isn't touched with each put.
 CMediaBufferRef CStreamReceiver::begin_put() {
     m_busy.store(true);
     CGuard guard(m_put_mutex);
     m_putting = true;
+    m_replaced = false;
     ++m_put_count;
     m_put_thread = std::this_thread::get_id();
-    return m_buffer;
+    return std::exchange(m_buffer, CMediaBufferRef());
 }
 
-void CStreamReceiver::end_put() {
+void CStreamReceiver::end_put(CMediaBufferRef buffer) {
     m_busy.store(false);
     CGuard guard(m_put_mutex);
     m_putting = false;
+    if (!m_replaced) {
+        std::swap(m_buffer, buffer);
+    }
     m_put_wait.Wake();
 }
 

@@ -9,6 +9,7 @@
 
 #include "Ostra/LogGate.h"
 #include "Ostra/LogLimit.h"
+#include "Ostra/MemoryTrail.h"
 #include "ReceptionStats.h"
 #include "Tramel/CallWait.h"
 #include "Tramel/MediaStreamReceiver.h"
@@ -138,16 +139,18 @@ protected:
     const receiver_tracks_t& tracks() const { return m_tracks; }
     const char* url() const { return m_url.c_str(); }
 
-    // Publishes the statistics of a turn at its end, and keeps its lines of the log within bounds, those of the sinks
-    // included.
+    // Fetches ahead what a turn goes through, publishes the statistics at its end, and keeps its lines of the log
+    // within bounds, those of the sinks included.
     class CTurn {
     public:
-        explicit CTurn(CStreamReceiver& receiver) : m_receiver(receiver), m_log(receiver.m_log) {}
+        explicit CTurn(CStreamReceiver& receiver)
+            : m_memory(receiver.m_trail), m_receiver(receiver), m_log(receiver.m_log) {}
         ~CTurn() { m_receiver.publish_stats(); }
         CTurn(const CTurn&) = delete;
         CTurn& operator=(const CTurn&) = delete;
 
     private:
+        const Ostra::CMemoryTrail::CTurn m_memory;
         CStreamReceiver& m_receiver;
         const Ostra::CLogLimit::CScope m_log;
     };
@@ -168,7 +171,9 @@ private:
     int run_tag(int track, const Flumen::CMediaFrame& run) const;
     static int put_packet(const CMediaBufferRef& buffer, CMediaPacket* packet, unsigned int length, int flag, int tag);
     CMediaBufferRef begin_put();
-    void end_put();
+    void end_put(CMediaBufferRef buffer);
+
+    Ostra::CMemoryTrail m_trail;  // of the strand
 
     // Constant after Start.
     receiver_tracks_t m_tracks;
@@ -192,8 +197,9 @@ private:
     CMutex m_stats_mutex;  // over what is published; a leaf, as the next one
 
     CMutex m_put_mutex;
-    Tramel::CCallWait m_put_wait;  // used with m_put_mutex
-    CMediaBufferRef m_buffer VIDORA_GUARDED_BY(m_put_mutex);
+    Tramel::CCallWait m_put_wait;                             // used with m_put_mutex
+    CMediaBufferRef m_buffer VIDORA_GUARDED_BY(m_put_mutex);  // with the put while one runs
+    bool m_replaced VIDORA_GUARDED_BY(m_put_mutex) = false;   // the buffer, since the put began
     bool m_putting VIDORA_GUARDED_BY(m_put_mutex) = false;
     uint64_t m_put_count VIDORA_GUARDED_BY(m_put_mutex) = 0;
     std::thread::id m_put_thread VIDORA_GUARDED_BY(m_put_mutex);

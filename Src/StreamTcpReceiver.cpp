@@ -103,6 +103,8 @@ int CStreamTcpReceiver::handle_message(long sender_id, unsigned int msg, long) {
 
 int CStreamTcpReceiver::handle_stream_input() {
     const CTurn turn(*this);
+    Ostra::CMemoryTrail::Note(*this);
+    Ostra::CMemoryTrail::Note(*m_sock);
     set_channels();
     m_emptied = false;
     int handled = 0;

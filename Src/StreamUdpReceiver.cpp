@@ -88,6 +88,7 @@ void CStreamUdpReceiver::release_socks() {
 
 int CStreamUdpReceiver::handle_stream_input() {
     const CTurn turn(*this);
+    Ostra::CMemoryTrail::Note(*this);
     const sock_row_t row = row_of(input_fd());
     return row.sock != nullptr && row.track < tracks().count ? read_batches(row) : 0;
 }
@@ -108,6 +109,8 @@ CStreamUdpReceiver::sock_row_t CStreamUdpReceiver::row_of(int fd) const {
 // What is left behind the last batch comes with the next event. An error of the socket, such as a peer's ICMP answer,
 // is no end of the stream.
 int CStreamUdpReceiver::read_batches(const sock_row_t& row) {
+    Ostra::CMemoryTrail::Note(m_heard[static_cast<size_t>(row.track)]);
+    Ostra::CMemoryTrail::Note(*row.sock);
     CDgramBatch* batch = CDgramBatch::OfThread();
     if (batch == nullptr) {
         return -1;

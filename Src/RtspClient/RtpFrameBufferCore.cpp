@@ -5,6 +5,7 @@
 #include <utility>
 
 #include "MediaFrame.h"
+#include "Ostra/MemoryTrail.h"
 #include "Tramel/Interleave.h"
 #include "Vidora/KXFrame.h"
 
@@ -92,6 +93,7 @@ int CRtpFrameBufferCore::make_decoders(const CDecoderParams& params) {
 // ---- in ----
 
 int CRtpFrameBufferCore::Put(CMediaPacket* packet, int length) {
+    Ostra::CMemoryTrail::Note(*this);
     m_damaged = packet == nullptr || length < static_cast<int>(Tramel::INTERLEAVE_HEADER_SIZE);
     if (m_damaged) {
         return -1;

@@ -110,7 +110,6 @@ private:
     uint32_t m_clock_rate = 8000;
     bool m_drop_damaged = false;
 
-    RtpFrameWork m_work;
     std::unique_ptr<IRtpFrameRule> m_rule;  // null for a type without one
     bool m_is_stream = false;               // the rule finds the frames itself
     bool m_damaged = false;                 // the frame of the last time stamp lost a packet, or its beginning
@@ -126,6 +125,8 @@ private:
     // What a peer can cause with each packet.
     Ostra::CLogGate m_refused_log;
     Ostra::CLogGate m_failed_log;
+
+    RtpFrameWork m_work;  // at the end, as its own end is large and seldom looked at
 };
 
 }  // namespace Vidora

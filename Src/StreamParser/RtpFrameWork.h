@@ -14,9 +14,9 @@ namespace Vidora {
 struct RtpCodecConfig {
     static constexpr uint32_t SIZE = 1024;
 
-    unsigned char bytes[SIZE] = {};
     uint32_t len = 0;
     uint32_t changes = 0;  // how often other bytes were set than there were
+    unsigned char bytes[SIZE] = {};
 
     // Takes `size` bytes, fewer than SIZE. False with no change if there are more.
     bool Set(const unsigned char* data, size_t size);
@@ -46,12 +46,12 @@ struct RtpFrameWork {
     uint64_t frame_ms = 0;  // its time
 
     // Of the track.
-    RtpCodecConfig config;
     uint16_t width = 0;  // the last size that could be read
     uint16_t height = 0;
     int progressive = 0;  // 1 if frames aren't field-coded
     uint8_t assist_type = ASSIST_TYPE_NONE;
     int stream_kind = 0;  // stream_kind_t of what a transport stream holds
+    RtpCodecConfig config;
 
     // The next packet that the rule hasn't looked at yet, or null.
     RtpPacketNode* NextNode() { return done < nodes.Count() ? nodes.begin() + done++ : nullptr; }

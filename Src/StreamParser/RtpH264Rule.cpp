@@ -2,6 +2,7 @@
 
 #include <algorithm>
 
+#include "Ostra/MemoryTrail.h"
 #include "StreamParser/StartCodeScan.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteWriter.h"
@@ -110,6 +111,7 @@ bool CRtpH264Rule::know_sps() {
 }
 
 int CRtpH264Rule::Make() {
+    Ostra::CMemoryTrail::Note(*this);
     while (RtpPacketNode* node = m_work.NextNode()) {
         const int ret = place_node(*node);
         if (ret < 0) {

@@ -2,6 +2,7 @@
 
 #include <new>
 
+#include "Ostra/MemoryTrail.h"
 #include "Tramel/Interleave.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/ByteReader.h"
@@ -36,6 +37,7 @@ int CStreamDecRtp::InputFrame(const Flumen::CMediaFrame& frame) {
     if (m_rtp2frame == nullptr) {
         return PARSER_NO_ENGINE;
     }
+    Ostra::CMemoryTrail::Note(*this);
     if (m_status > FRAME_MORE) {
         skip_frame();
     }
@@ -68,6 +70,7 @@ inline bool CStreamDecRtp::hold(const Flumen::CMediaFrame& input, size_t len) {
     } catch (const std::bad_alloc&) {
         return false;
     }
+    Ostra::CMemoryTrail::Note(m_packets.data(), m_packets.size() * sizeof(Flumen::CMediaFrame));
     m_held_bytes += len;
     return true;
 }

@@ -3,6 +3,7 @@
 #include <algorithm>
 #include <new>
 
+#include "Ostra/MemoryTrail.h"
 #include "Vidora/Tramel/Level2Buffer.h"
 
 namespace Kavio {
@@ -24,6 +25,8 @@ void CLevel2List::Put(CMediaPacket* packet, int length, int flag, int channel) {
         if (sink == nullptr) {
             continue;
         }
+        Ostra::CMemoryTrail::Note(m_sinks[i]);
+        Ostra::CMemoryTrail::Note(*sink);
         call.sink = sink;
         m_mutex.leave();
         sink->Put(packet, length, flag, channel);

@@ -6,6 +6,7 @@
 #include <new>
 #include <thread>
 
+#include "Ostra/MemoryTrail.h"
 #include "Tramel/Interleave.h"
 #include "Tramel/Level2List.h"
 #include "Tramel/OutputUnit.h"
@@ -107,7 +108,6 @@ private:
     std::atomic<int> m_waking{0};  // puts that are just making a turn due
 
     CMutex m_mutex;
-    std::shared_ptr<CSinkGroup> m_groups[MAX_GROUPS] VIDORA_GUARDED_BY(m_mutex);
     unsigned int m_group_count VIDORA_GUARDED_BY(m_mutex) = 0;
     bool m_auto_send VIDORA_GUARDED_BY(m_mutex) = false;
     uint64_t m_sequence VIDORA_GUARDED_BY(m_mutex) = 1;       // of the next unit
@@ -116,6 +116,7 @@ private:
     COutputUnit* m_open VIDORA_GUARDED_BY(m_mutex) = nullptr;
     CSide m_sides[COutputUnit::MAX_SIDE] VIDORA_GUARDED_BY(m_mutex) = {};  // of the packet that comes
     unsigned int m_side_count VIDORA_GUARDED_BY(m_mutex) = 0;
+    std::shared_ptr<CSinkGroup> m_groups[MAX_GROUPS] VIDORA_GUARDED_BY(m_mutex);
 };
 
 int CMediaBuffer::CImpl::Put(CMediaPacket* packet, int length, int flag, int channel) {
@@ -123,6 +124,7 @@ int CMediaBuffer::CImpl::Put(CMediaPacket* packet, int length, int flag, int cha
     uint32_t late = 0;
     bool handed_out = false;
     bool few = false;
+    Ostra::CMemoryTrail::Note(this, sizeof(*this) - sizeof(m_groups));
     {
         CGuard guard(m_mutex);
         if (is_header_locked(packet, length, flag)) {
