@@ -148,6 +148,7 @@ int CRtspOverHttpSession::decode_post_data(std::string_view text) {
             return -1;
         }
     }
+    m_conversation.ReleaseMemory();  // characters that made no byte have opened it in vain
     return 0;
 }
 

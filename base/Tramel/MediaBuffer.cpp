@@ -145,12 +145,11 @@ int CMediaBuffer::CImpl::Put(CMediaPacket* packet, int length, int flag, int cha
     if (handed_out && !few) {
         start_writing();
     }
-    m_level2.Put(packet, length, flag, channel);
     if (few) {
-        write_few();
-    } else {
-        help(late);
+        write_few();  // first: a host's own sink may be slow
     }
+    m_level2.Put(packet, length, flag, channel);
+    help(few ? 0 : late);
     unit->Release();
     return 0;
 }
@@ -488,7 +487,7 @@ CMediaBufferRef::CMediaBufferRef(const CMediaBuffer* buffer) : m_impl(buffer == 
 
 int CMediaBufferRef::Put(CMediaPacket* packet, int length, int flag, int channel) const {
     const std::shared_ptr<CMediaBuffer::CImpl> impl = m_impl;  // a sink may delete the buffer, or change this object
-    if (impl == nullptr || packet == nullptr || length < 1) {
+    if (impl == nullptr || packet == nullptr || length < 1 || packet->GetData() == nullptr) {
         return -1;
     }
     return impl->Put(packet, length, flag, channel);

@@ -40,7 +40,8 @@ public:
     // The callback that receives the packets of CMediaBuffer::PutFrameInfo: the packet, its length, and for a numbered
     // one (CNumberedPacket) the number of the track's frame that this sender took before, 0 for none. It is called when
     // the packet that follows the information is sent or queued, and not at all if this sender drops it: a gap in the
-    // frame numbers shows what its client lost. With TOLD_GAPS only such gaps are told. False for an empty one.
+    // frame numbers shows what its client lost. One that is dropped later, as it has grown old in the queue, makes a
+    // gap too. With TOLD_GAPS only such gaps are told. False for an empty one.
     bool AttachSendProc(Ostra::TFunction3<void, CMediaPacket*, int, int> proc, told_t told = TOLD_ALL);
     // True: who hears of gaps alone hears of every frame, for the whole process. Any thread.
     static void TellAll(bool on);

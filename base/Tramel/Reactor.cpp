@@ -26,7 +26,7 @@ constexpr size_t DEADLINES_A_TAKE = 64;
 // A thread that rests is called when the one that polled has been out for that long.
 constexpr uint64_t HELP_AFTER_US = 2000;
 
-// A spare thread is added when no thread has come out of its turn for that long, and none polls or rests.
+// A spare thread is added when nobody has polled for that long, and nobody rests.
 constexpr uint64_t HELD_UP_AFTER_US = 500000;
 
 // A thread that has rested for that long leaves while there are spare ones.
@@ -257,7 +257,6 @@ CReactor::role_t CReactor::next_role(CPollers& pollers, bool may_run, std::share
     const bool idle = m_queue.IsEmpty();
     if (!idle && (may_run || m_polled)) {
         strand = m_queue.Take();
-        ++m_turns;
         if (!m_polled) {
             call_others_locked(pollers);
         }
@@ -268,6 +267,7 @@ CReactor::role_t CReactor::next_role(CPollers& pollers, bool may_run, std::share
         return ROLE_REST;
     }
     m_polled = true;
+    ++m_polls;
     m_asleep = idle && !m_stopping.load();
     // While it is called often, the alarm is left alone, and wakes a thread in vain each HELP_AFTER_US at most.
     if (m_asleep && m_help_at != 0 && !m_called_often) {
@@ -382,7 +382,7 @@ bool CReactor::rest_goes_on(CPollers& pollers, const CPollBatch& batch, uint64_t
 
 void CReactor::set_watch_locked(CPollers& pollers) {
     m_watched = true;
-    m_turns_seen = m_turns;
+    m_polls_seen = m_polls;
     pollers.watch.SetAlarm(CEpollPoller::Now() + HELD_UP_AFTER_US);
 }
 
@@ -405,7 +405,7 @@ bool CReactor::needs_spare(CPollers& pollers) {
     if (m_polled || m_resting > 0 || m_stopping.load()) {
         return false;
     }
-    const bool are_held_up = m_turns == m_turns_seen && m_spares.load() < MAX_SPARES;
+    const bool are_held_up = m_polls == m_polls_seen && m_spares.load() < MAX_SPARES;
     m_spares.fetch_add(are_held_up ? 1 : 0);
     set_watch_locked(pollers);
     return are_held_up;

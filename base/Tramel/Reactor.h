@@ -32,8 +32,8 @@ class CNetHandler;
 //   - two callbacks of one handler never run at once, those of different handlers do;
 //   - a handler that blocks holds one thread, and others for HELP_AFTER_US at most, as long as another thread is free;
 //   - under load all threads work.
-// Handlers that hang in a host's code may hold all threads. One more thread watches over that: when no thread has come
-// out of a turn for HELD_UP_AFTER_US, and none polls or rests, it adds a spare one, up to MAX_SPARES. A spare one is
+// Handlers that hang in a host's code may hold all threads. One more thread watches over that: when none has come to
+// poll for HELD_UP_AFTER_US, and none rests, it adds a spare one, up to MAX_SPARES. A spare one is
 // like the others; when there are spare ones, a thread that has rested for SPARE_IDLE_MS leaves.
 //
 // Answers:
@@ -162,8 +162,8 @@ private:
     uint64_t m_help_at VIDORA_GUARDED_BY(m_mutex) = 0;       // for which the alarm of `help` is set, or 0
     bool m_called_often VIDORA_GUARDED_BY(m_mutex) = false;  // the last sleep ended soon after the one before
     uint64_t m_busy_since VIDORA_GUARDED_BY(m_mutex) = 0;    // when the thread that polled left its last sleep
-    uint64_t m_turns VIDORA_GUARDED_BY(m_mutex) = 0;         // that were begun
-    uint64_t m_turns_seen VIDORA_GUARDED_BY(m_mutex) = 0;    // when the alarm of `watch` was set
+    uint64_t m_polls VIDORA_GUARDED_BY(m_mutex) = 0;         // that were begun
+    uint64_t m_polls_seen VIDORA_GUARDED_BY(m_mutex) = 0;    // when the alarm of `watch` was set
     bool m_watched VIDORA_GUARDED_BY(m_mutex) = false;       // that alarm is set
 };
 

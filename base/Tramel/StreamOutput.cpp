@@ -330,6 +330,7 @@ bool CStreamOutput::queue_media_locked(COutputUnit* unit, size_t sent) {
             fail_locked();
         }
         m_gate.Dropped(*unit);
+        m_tally.Dropped();
         return false;
     }
     unit->AddRef();
@@ -362,10 +363,18 @@ void CStreamOutput::drop_aged_locked(uint64_t now_ms) {
         }
         gate.Dropped(*unit);
         m_tally.Dropped();
+        untake_locked(*unit);
         uncount_locked(*unit);
         return false;
     });
     m_gate.Merge(gate);
+}
+
+// The frame was noted as taken: the track's next one, whatever it is, doesn't follow the one that was taken last.
+void CStreamOutput::untake_locked(const COutputUnit& unit) {
+    if (m_entry != nullptr && unit.IsNumbered() && m_entry->numbers[unit.NumberTrack()] != 0) {
+        m_entry->numbers[unit.NumberTrack()] = unit.Number() - 1;
+    }
 }
 
 void CStreamOutput::drop_waiting_locked(bool text, bool media) {

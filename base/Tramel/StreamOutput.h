@@ -150,6 +150,7 @@ private:
     int queue_text_locked(const char* text, unsigned int length, size_t sent) VIDORA_REQUIRES(m_mutex);
     void drop_aged_locked(uint64_t now_ms) VIDORA_REQUIRES(m_mutex);
     void drop_waiting_locked(bool text, bool media) VIDORA_REQUIRES(m_mutex);
+    void untake_locked(const COutputUnit& unit) VIDORA_REQUIRES(m_mutex);
     void uncount_locked(const COutputUnit& unit) VIDORA_REQUIRES(m_mutex);
 
     int64_t write_locked(const struct iovec* parts, unsigned int count) VIDORA_REQUIRES(m_mutex);

@@ -61,6 +61,7 @@ void CStreamOutput::flush_unwatched_locked() {
     flush_locked();
     if (m_full) {
         watch_locked();
+        start_timer_locked();  // it may have become full while there was no pool
     }
 }
 

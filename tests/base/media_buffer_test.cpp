@@ -13,6 +13,7 @@
 #include "Tramel/SockStream.h"
 #include "Vidora/Tramel/Level2Buffer.h"
 #include "support/StreamPeer.h"
+#include "support/TestClock.h"
 
 using namespace Kavio::Tramel;
 using namespace Kavio::Support;
@@ -238,20 +239,26 @@ TEST_P(MediaBufferTest, OnlyGapsInTheNumbersOfFramesThatASinkTookAreTold) {
     put(0, 15);
     CMediaStreamSender::TellAll(false);
     put(0, 16);
-    // A socket that takes nothing more: what is dropped is a gap when it goes on.
+    // A socket that takes nothing more: what is dropped, at once or when it has grown old, is a gap when it goes on.
     sink.sender->SetQueueLimit(1, 0);
-    sink.Say(TextBytes(1, 4 << 20));
-    put_only(0, 17);  // the queue takes one
-    put_only(0, 18);
-    put_only(0, 19);
-    units += 2;
-    EXPECT_TRUE(WaitUntil([&] {
-        sink.sender->handle_output(0);  // as a pool would
-        sink.Read();
-        return sink.reader.Count() >= units;
-    }));
+    const auto put_all_full = [&](std::vector<unsigned int> numbers) {
+        sink.Say(TextBytes(1 + numbers[0], 4 << 20));
+        for (const unsigned int number : numbers) {
+            put_only(0, number);
+            AdvanceClock(numbers.size() == 2 ? 20000 : 0);
+        }
+        units += 2;  // the text, and the one that the queue takes
+        EXPECT_TRUE(WaitUntil([&] {
+            sink.sender->handle_output(0);  // as a pool would
+            sink.Read();
+            return sink.reader.Count() >= units;
+        }));
+    };
+    put_all_full({17, 18, 19});
     put(0, 20);
-    EXPECT_EQ("6>8 14>15 17>20 ", sink.Told());
+    put_all_full({21, 22});
+    put(0, 23);
+    EXPECT_EQ("6>8 14>15 17>20 20>22 ", sink.Told());
     m_buffer->DelSender(sink.sender);
 }
 

@@ -248,13 +248,14 @@ TEST(Reactor, HandlersThatBlockHoldUpNobodyWhileAThreadIsLeft) {
             readers.push_back(std::make_unique<CReader>(&closed));
         }
         CTestHandler& other = readers[0]->Handler();
+        const long other_id = other.GetID();
         other.on_message = [&](long, unsigned int, long) { return messages.fetch_add(1); };
         other.on_timeout = [&](long) { return ticks.fetch_add(1); };
         other.SetTimer(1000);
         for (int i = 0; i < 2 * threads; ++i) {
             CTestHandler& handler = readers[static_cast<size_t>(i)]->Handler();
-            readers[static_cast<size_t>(i)]->Start([&, i] {
-                handler.Notify(other.GetID(), 0, 0);
+            readers[static_cast<size_t>(i)]->Start([&, i, other_id] {
+                handler.Notify(other_id, 0, 0);
                 if (i % 2 == 0) {
                     bytes.fetch_add(1);
                 } else {

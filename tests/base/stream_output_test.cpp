@@ -23,9 +23,10 @@ struct FakeFace : COutputFace {
         return 0;
     }
     void PostFailure(long target) override { failures.push_back(target); }
-    long StartTimer(int64_t) override { return ++timers; }
+    long StartTimer(int64_t) override { return has_pool ? ++timers : 0; }
     void StopTimer(long) override { ++stopped_timers; }
 
+    bool has_pool = true;
     int watches = 0;
     long timers = 0;
     int stopped_timers = 0;
@@ -230,7 +231,11 @@ TEST_F(QueueTest, APeerThatReadsSlowlyGoesOnAndOneThatStopsIsCut) {
 
 TEST_F(QueueTest, TheTimerFollowsWhatTheSocketWasFullOf) {
     ASSERT_EQ(0, m_sock.WatchPeer(60, true));
+    m_face.has_pool = false;
     m_queue.SetSendTimeout(60);
+    m_face.has_pool = true;
+    m_queue.OnWritable();
+    EXPECT_EQ(1, m_face.timers) << "the socket was full before there was a pool";
     Drain(1);
     ASSERT_TRUE(WaitUntil([&] { return m_queue.Unsent() == 0; }));
     m_queue.OnTimer(m_face.timers);

@@ -50,8 +50,8 @@ public:
     void EnableAutoSend();
     // Hands the first `length` bytes of `packet` to every sender and every level-2 sink. `flag`: 1, or 0 for a header
     // whose frame is the next put, whatever flag that has. `channel`: bits 0 to 7 are 1 for a key frame, 5 for a frame
-    // that may be skipped, 0 otherwise; bits 24 to 31 are the track. 0, or -1 for a null packet, a length below 1, or
-    // no memory.
+    // that may be skipped, 0 otherwise; bits 24 to 31 are the track. 0, or -1 for a null packet, one without
+    // data, a length below 1, or no memory.
     int Put(CMediaPacket* packet, int length, int flag, int channel);
     // Hands a side packet to the send procedures of all senders that don't drop the packet that is put next. 0, or -1
     // for a null packet, a length below 1, or four side packets that wait for their packet already.

@@ -9,10 +9,11 @@ namespace Tramel {
 // CNetThread: the pool of threads that runs all handlers of the process.
 //
 // A host's code that hangs inside a callback (a stream source's Start, Stop, Pause or seek, an event, an authentication
-// module) holds the thread that called it. When all threads of the pool are held so for half a second, a spare one is
-// added, and again for each that is held after it, up to 32; spare ones leave once two seconds have passed without need
-// of them. They are threads of the pool in every other way: callbacks run on them, and the end of the pool waits for
-// them. One thread more, which runs no callback, watches over that; it sleeps as long as a thread is free.
+// module) holds the thread that called it. When no thread of the pool has been free to look for events for half a
+// second, a spare one is added, and again when that one is held as well, up to 32; spare ones leave once two seconds
+// have passed without need of them. They are threads of the pool in every other way: callbacks run on them, and the end
+// of the pool waits for them. One thread more, which runs no callback, watches over that; it sleeps as long as a thread
+// is free.
 //
 // THREADING  Both operations: any thread, several at once as well.
 class VIDORA_API CNetThread {
