@@ -27,6 +27,11 @@ int CRTPSeparator::SetChannel(int video_channel, int audio_channel) {
     return 0;
 }
 
+Flumen::CMediaFrame CRTPSeparator::TakeRest(int channel) {
+    Channel* found = find_channel(channel);
+    return found != nullptr ? found->merger.Take() : Flumen::CMediaFrame();
+}
+
 CRTPSeparator::Channel* CRTPSeparator::find_channel(int number) {
     for (Channel& channel : m_channels) {
         if (channel.number == number) {

@@ -20,6 +20,7 @@ namespace Vidora {
 class CRTPSeparator final : public CBufferedSeparator {
 public:
     int SetChannel(int video_channel, int audio_channel) override;
+    Flumen::CMediaFrame TakeRest(int channel) override;
     // Bytes that were thrown away where the stream had lost its place.
     uint64_t SkippedBytes() const { return m_skipped; }
 

@@ -19,12 +19,28 @@ namespace Vidora {
 namespace {
 
 const size_t MAX_URL = 1025;
+const uint8_t RTCP_TYPE_BYE = 203;
 const int RTCP_HEADER_LEN = 4;  // RFC 3550 6.4.1, without the SSRC: a BYE may name nobody
 
 int tag_of(int channel, bool key) {
     return Tramel::MediaTag{static_cast<uint8_t>(channel / 2),
                             key ? Tramel::MediaTag::KEY_FRAME : Tramel::MediaTag::SKIPPABLE_FRAME}
         .Pack();
+}
+
+// RFC 3550 6.4.1: each packet of a compound has its type in the second byte, and its length in words less one behind
+// it.
+bool has_bye(const unsigned char* data, size_t length) {
+    CByteReader compound(data, length);
+    while (compound.Skip(1)) {
+        const uint8_t type = compound.ReadU8();
+        const size_t words = compound.ReadU16();
+        if (compound.Ok() && type == RTCP_TYPE_BYE) {
+            return true;
+        }
+        compound.Skip(words * sizeof(uint32_t));
+    }
+    return false;
 }
 
 }  // namespace
@@ -250,8 +266,25 @@ void CStreamReceiver::take_rtcp(int track, const unsigned char* data, int length
     }
     stats_of(track).reception.TakeRtcp(data, static_cast<size_t>(length), m_arrival_us);
     m_changed |= 1u << track;
+    if (has_bye(data, static_cast<size_t>(length))) {
+        end_track(track);
+    }
     if (m_rtcp_proc) {
         m_rtcp_proc(data, length, m_tracks.tracks[track].rtcp_channel);
+    }
+}
+
+void CStreamReceiver::end_track(int track) {
+    put_rest(track);
+    CMediaBufferRef buffer = begin_put();
+    buffer.End(tag_of(m_tracks.tracks[track].rtp_channel, false));
+    end_put(std::move(buffer));
+}
+
+void CStreamReceiver::put_rest(int track) {
+    CFrameMerger* merger = m_mergers != nullptr ? merger_of(track) : nullptr;
+    if (merger != nullptr && !merger->IsEmpty()) {
+        put_run(track, merger->Take());
     }
 }
 

@@ -126,7 +126,12 @@ protected:
     // Datagrams. `data` is one RTP packet of at least 12 bytes (shorter ones are dropped and counted): counts it, and
     // puts it or appends it to the track's run. 0, or -1 without memory.
     int take_datagram(int track, const unsigned char* data, int length);
+    // RTCP. A BYE ends its track first.
     void take_rtcp(int track, const unsigned char* data, int length);
+    // Nothing more comes for a track: puts what is left of it and tells the buffer of its end.
+    void end_track(int track);
+    // Puts what came of a track and was to go on.
+    virtual void put_rest(int track);
     void take_rtsp(const char* text, int length);
     // A run of RTP packets behind their headers, or a single one: counts them and puts the run. 0, or -1.
     int take_run(int track, const Flumen::CMediaFrame& run);

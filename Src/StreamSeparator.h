@@ -48,6 +48,8 @@ public:
     virtual int SetChannel(int, int) { return 0; }
     // The row was full: Input(0) may find more.
     virtual bool HasMore() const = 0;
+    // Nothing more comes for this RTP channel: the run that was to go on, which is invalid if there is none.
+    virtual Flumen::CMediaFrame TakeRest(int /*channel*/) { return Flumen::CMediaFrame(); }
 };
 
 }  // namespace Vidora

@@ -129,8 +129,18 @@ int CStreamTcpReceiver::handle_stream_input() {
         }
         count = result < 0 ? result : count;
     }
+    for (int track = 0; track < tracks().count; ++track) {
+        end_track(track);
+    }
     logWarn("%s:%d ret -1\n", __FILE__, __LINE__);
     return -1;
+}
+
+void CStreamTcpReceiver::put_rest(int track) {
+    const Flumen::CMediaFrame rest = m_separator->TakeRest(tracks().tracks[track].rtp_channel);
+    if (rest.valid()) {
+        take_run(track, rest);
+    }
 }
 
 void CStreamTcpReceiver::set_channels() {

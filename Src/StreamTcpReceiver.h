@@ -40,6 +40,7 @@ public:
 
 protected:
     void release_socks() override;
+    void put_rest(int track) override;
 
 private:
     CStreamTcpReceiver(const std::shared_ptr<CSockStream>& sock, std::unique_ptr<CStreamSeparator> separator);

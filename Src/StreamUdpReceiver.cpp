@@ -13,6 +13,8 @@ namespace Vidora {
 
 namespace {
 
+const int MAX_REPORTS = 16;  // of one turn
+const size_t REPORT_ROOM = 4096;
 const int MAX_BATCHES = 4;    // of one turn
 const int FEW_DATAGRAMS = 8;  // asked for first: each that is asked for costs some, and a small frame has no more
 const unsigned int MAX_IP_LEN = 64;
@@ -90,7 +92,10 @@ int CStreamUdpReceiver::handle_stream_input() {
     const CTurn turn(*this);
     Ostra::CMemoryTrail::Note(*this);
     const sock_row_t row = row_of(input_fd());
-    return row.sock != nullptr && row.track < tracks().count ? read_batches(row) : 0;
+    if (row.sock == nullptr || row.track >= tracks().count) {
+        return 0;
+    }
+    return row.rtcp ? read_reports(row) : read_batches(row);
 }
 
 // Without a socket if it is no track's.
@@ -139,7 +144,8 @@ int CStreamUdpReceiver::take_joined(const sock_row_t& row, const DgramSlice& joi
     unsigned int done = 0;
     do {
         const DgramSlice datagram = {joined.data + done, std::min(segment, joined.length - done)};
-        if (is_wanted(row, datagram, from) && take(row, datagram) < 0) {
+        if (is_wanted(row, datagram, from) &&
+            take_datagram(row.track, datagram.data, static_cast<int>(datagram.length)) < 0) {
             return -1;
         }
         done += datagram.length;
@@ -147,13 +153,31 @@ int CStreamUdpReceiver::take_joined(const sock_row_t& row, const DgramSlice& joi
     return 0;
 }
 
-int CStreamUdpReceiver::take(const sock_row_t& row, const DgramSlice& datagram) {
-    const int length = static_cast<int>(datagram.length);
-    if (!row.rtcp) {
-        return take_datagram(row.track, datagram.data, length);
+int CStreamUdpReceiver::read_reports(const sock_row_t& row) {
+    unsigned char report[REPORT_ROOM];
+    CSockAddrStorage from;
+    int handled = 0;
+    while (handled < MAX_REPORTS) {
+        const int length = row.sock->Recv(reinterpret_cast<char*>(report), REPORT_ROOM, &from);
+        if (length <= 0) {
+            break;
+        }
+        mark_arrival();
+        ++handled;
+        if (is_wanted(row, {report, static_cast<unsigned int>(length)}, from)) {
+            take_rtcp(row.track, report, length);
+        }
     }
-    take_rtcp(row.track, datagram.data, length);
-    return 0;
+    return handled;
+}
+
+// What the server sent before its BYE lies in the other socket.
+void CStreamUdpReceiver::put_rest(int track) {
+    CSockDgram* sock = track < m_count ? m_heard[static_cast<size_t>(track)].track.rtp_sock.get() : nullptr;
+    if (sock != nullptr) {
+        read_batches({sock, track, false});
+    }
+    CStreamReceiver::put_rest(track);
 }
 
 // Strangers can send to the port as well. The last sender that was found to be the right one is known by its address.

@@ -41,6 +41,7 @@ public:
 
 protected:
     void release_socks() override;
+    void put_rest(int track) override;
 
 private:
     CStreamUdpReceiver() = default;
@@ -56,9 +57,9 @@ private:
     std::array<sock_row_t, 2 * RECEIVER_MAX_TRACKS> rows() const;
     sock_row_t row_of(int fd) const;
     int read_batches(const sock_row_t& row);
+    int read_reports(const sock_row_t& row);
     int take_joined(const sock_row_t& row, const DgramSlice& joined, unsigned int segment,
                     const CSockAddrStorage& from);
-    int take(const sock_row_t& row, const DgramSlice& datagram);
     bool is_wanted(const sock_row_t& row, const DgramSlice& datagram, const CSockAddrStorage& from);
     bool has_right_form(const sock_row_t& row, const DgramSlice& datagram) const;
 

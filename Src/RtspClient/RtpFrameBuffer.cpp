@@ -36,6 +36,10 @@ int CRtpFrameBuffer::Put(CMediaPacket* packet, int length) {
     return m_core != nullptr ? m_core->Put(packet, length) : -1;
 }
 
+int CRtpFrameBuffer::End(int channel) {
+    return m_core != nullptr ? m_core->End(channel) : 0;
+}
+
 Flumen::CMediaFrame CRtpFrameBuffer::Get() {
     return m_core != nullptr ? m_core->Get() : Flumen::CMediaFrame();
 }

@@ -7,6 +7,7 @@
 #include "MediaFrame.h"
 #include "Ostra/MemoryTrail.h"
 #include "Tramel/Interleave.h"
+#include "Tramel/MediaTag.h"
 #include "Vidora/KXFrame.h"
 
 namespace Kavio {
@@ -159,6 +160,18 @@ int CRtpFrameBufferCore::put_rtp(const Flumen::CMediaFrame& run) {
     m_damaged = result == PARSER_FAILED;
     track->ready = result == PARSER_FRAME_READY;
     return track->ready ? 1 : 0;
+}
+
+int CRtpFrameBufferCore::End(int channel) {
+    const int slot = Tramel::MediaTag::Unpack(channel).track;
+    bool ready = false;
+    for (Track& track : m_tracks) {
+        if (track.parser != nullptr && track.channel / 2 == slot) {
+            track.ready = track.parser->EndInput() == PARSER_FRAME_READY;
+            ready = ready || track.ready;
+        }
+    }
+    return ready ? 1 : 0;
 }
 
 CRtpFrameBufferCore::Track* CRtpFrameBufferCore::find_track(int channel) {

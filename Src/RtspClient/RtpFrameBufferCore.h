@@ -32,6 +32,7 @@ public:
 
     int Init(CSdpInfo* sdp);
     int Put(CMediaPacket* packet, int length);
+    int End(int channel);
     Flumen::CMediaFrame Get();
     void Clear();
     void SetFrameMode(int mode) { m_frame_mode = mode; }

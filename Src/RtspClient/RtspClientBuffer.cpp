@@ -36,6 +36,12 @@ int CRtspClientBuffer::Put(CMediaPacket* packet, int length, int, int) {
     return 0;
 }
 
+void CRtspClientBuffer::End(int channel) {
+    if (m_frame_buffer.End(channel) == 1) {
+        deliver_frames();
+    }
+}
+
 void CRtspClientBuffer::deliver_frames() {
     for (Flumen::CMediaFrame frame = m_frame_buffer.Get(); frame.valid(); frame = m_frame_buffer.Get()) {
         if (m_on_frame != nullptr && !m_stopped.load()) {

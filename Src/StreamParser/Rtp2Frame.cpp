@@ -116,6 +116,7 @@ int CRtp2Frame::put_framed(const RtpHeader& header) {
         // The frame ended without a marker, whatever it holds.
         if (make_frame() >= 0) {
             m_complete = true;
+            m_unmarked = m_unmarked || order == RTP_ORDER_NEXT;
             return FRAME_COMPLETE_NEXT;
         }
         drop_packets();
@@ -135,6 +136,12 @@ int CRtp2Frame::put_framed(const RtpHeader& header) {
     const int ret = header.marker ? make_frame() : FRAME_MORE;
     m_complete = ret == FRAME_COMPLETE;
     return ret;
+}
+
+int CRtp2Frame::End() {
+    const bool is_whole = m_unmarked && !m_is_stream && !m_damaged && !m_complete && GetPacketCount() > 0;
+    m_complete = m_complete || (is_whole && make_frame() == FRAME_COMPLETE);
+    return m_complete ? FRAME_COMPLETE : FRAME_MORE;
 }
 
 // False for the first packet of a frame that can't begin one.

@@ -59,6 +59,9 @@ public:
     // FRAME_COMPLETE_NEXT take the frame and Clear, after FRAME_FAILED (logged) Clear. FRAME_COMPLETE_NEXT: put the
     // same packet again then; one packet of a transport stream may bring several frames so.
     int PutPacket(const unsigned char* buffer, int len);
+    // No packet follows of the frame in work: FRAME_COMPLETE if it is a frame, FRAME_MORE if it isn't, or if its sender
+    // marks the ends of frames and hasn't marked this one.
+    int End();
     // Packets that are borrowed for the frame in work.
     uint32_t GetPacketCount() const { return m_work.nodes.Count(); }
     // Did the last PutPacket drop the packets that had been borrowed before it?
@@ -114,6 +117,7 @@ private:
     bool m_is_stream = false;               // the rule finds the frames itself
     bool m_damaged = false;                 // the frame of the last time stamp lost a packet, or its beginning
     bool m_complete = false;                // the packets held are a frame that was told
+    bool m_unmarked = false;                // a frame has ended by the next one's time stamp alone
     bool m_left_out = false;                // the last packet was to be put again
     bool m_dropped = false;
 

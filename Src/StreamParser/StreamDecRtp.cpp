@@ -48,6 +48,14 @@ int CStreamDecRtp::InputFrame(const Flumen::CMediaFrame& frame) {
     return take_input(frame, 0);
 }
 
+int CStreamDecRtp::EndInput() {
+    if (m_rtp2frame == nullptr) {
+        return PARSER_NO_ENGINE;
+    }
+    m_status = m_status > FRAME_MORE ? m_status : m_rtp2frame->End();
+    return m_status > FRAME_MORE ? PARSER_FRAME_READY : PARSER_OK;
+}
+
 // Drops a frame that nobody took; what belongs to the next one isn't lost with it.
 void CStreamDecRtp::skip_frame() {
     logError("frame not taken yet, take it first.  %s:%d \n", __FILE__, __LINE__);

@@ -47,6 +47,7 @@ public:
 
     using CStreamParser::SetParam;
     int InputFrame(const Flumen::CMediaFrame& frame) override;
+    int EndInput() override;
     Flumen::CMediaFrame OutputFrame() override;
     void Clean() override;
     int SetParam(const RtpDecParam& param) override;

@@ -12,6 +12,15 @@ namespace Tramel {
 using Ostra::CGuard;
 
 void CLevel2List::Put(CMediaPacket* packet, int length, int flag, int channel) {
+    call_each([=](CLevel2Buffer_IF& sink) { sink.Put(packet, length, flag, channel); });
+}
+
+void CLevel2List::End(int channel) {
+    call_each([=](CLevel2Buffer_IF& sink) { sink.End(channel); });
+}
+
+template <typename Call>
+void CLevel2List::call_each(Call call_sink) {
     m_mutex.enter();
     const size_t count = m_sinks.size();
     if (count == 0) {
@@ -29,7 +38,7 @@ void CLevel2List::Put(CMediaPacket* packet, int length, int flag, int channel) {
         Ostra::CMemoryTrail::Note(*sink);
         call.sink = sink;
         m_mutex.leave();
-        sink->Put(packet, length, flag, channel);
+        call_sink(*sink);
         m_mutex.enter();
         call.sink = nullptr;
         m_wait.Wake();

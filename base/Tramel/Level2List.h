@@ -21,6 +21,7 @@ class CLevel2List {
 public:
     // Calls each sink that is in the list now.
     void Put(CMediaPacket* packet, int length, int flag, int channel);
+    void End(int channel);
     // A sink is stored at most once. False if memory is short.
     bool Add(CLevel2Buffer_IF* sink);
     bool Has(const CLevel2Buffer_IF* sink);
@@ -35,6 +36,8 @@ private:
         CCall* next;
     };
 
+    template <typename Call>
+    void call_each(Call call_sink);
     void remove_at_locked(size_t index) VIDORA_REQUIRES(m_mutex);
     void wait_locked(const CLevel2Buffer_IF* sink) VIDORA_REQUIRES(m_mutex);
     bool called_elsewhere_locked(const CLevel2Buffer_IF* sink) VIDORA_REQUIRES(m_mutex);

@@ -64,6 +64,7 @@ public:
     void EnableAutoSend();
     int Put(CMediaPacket* packet, int length, int flag, int channel);
     int PutFrameInfo(CMediaPacket* packet, int length);
+    void End(int channel) { m_level2.End(channel); }
     void AddSink(CGroupSink sink);
     void DelSink(CGroupSink sink);
     void AddLevel2(CLevel2Buffer_IF* buffer);
@@ -491,6 +492,13 @@ int CMediaBufferRef::Put(CMediaPacket* packet, int length, int flag, int channel
         return -1;
     }
     return impl->Put(packet, length, flag, channel);
+}
+
+void CMediaBufferRef::End(int channel) const {
+    const std::shared_ptr<CMediaBuffer::CImpl> impl = m_impl;  // as above
+    if (impl != nullptr) {
+        impl->End(channel);
+    }
 }
 
 int CMediaBufferRef::PutFrameInfo(CMediaPacket* packet, int length) const {

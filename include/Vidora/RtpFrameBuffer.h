@@ -60,6 +60,9 @@ public:
     // the call. 1: a frame is ready, call Get until it returns an empty one. 0: taken. -1: refused; a block for a
     // channel that the description doesn't have, or one that isn't media; what was taken before stays.
     int Put(CMediaPacket* packet, int length);
+    // A track has ended, see CLevel2Buffer_IF::End: its last frame comes out, unless the sender marks the ends of its
+    // frames and this one has none. As Put: 1 or 0.
+    int End(int channel);
     // The next frame, or an empty one. A private frame of mode 0 begins with the header of KXFrame.h; the facts of the
     // frame (type, sequence, time stamp, channel) are set in any case, except for a private session in mode 1.
     Flumen::CMediaFrame Get();

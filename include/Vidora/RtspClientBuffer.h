@@ -46,6 +46,8 @@ public:
 
     // 0; -1 for a null packet or a negative length.
     int Put(CMediaPacket* packet, int length, int flag, int channel) override;
+    // The track's last frame, if it waited for what would follow it.
+    void End(int channel) override;
 
 private:
     void deliver_frames();

@@ -1,16 +1,24 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <atomic>
+#include <functional>
 
 #include "RtspClient/DecoderParams.h"
+#include "StreamTcpReceiver.h"
+#include "StreamUdpReceiver.h"
+#include "Tramel/SockStream.h"
 #include "Vidora/KXFrame.h"
 #include "Vidora/RtpFrameBuffer.h"
 #include "Vidora/RtspClientBuffer.h"
 #include "support/Capture.h"
 #include "support/FrameBuilder.h"
+#include "support/Interleave.h"
 #include "support/RtspText.h"
 #include "support/SampleTable.h"
+#include "support/TestHandler.h"
 #include "support/TrackSender.h"
+#include "support/UdpPeer.h"
 
 using namespace Kavio::Vidora;
 using namespace Kavio::Support;
@@ -251,6 +259,104 @@ TEST(RtpFrameBuffer, ReadsTheDescription) {
     CRtpFrameBuffer buffer;
     EXPECT_EQ(buffer.Init(&none.info, 0, 0), -1);
     EXPECT_EQ(log.Count("no Media info"), 1);
+}
+
+// A receiver over a real socket, whose frames are counted, also at the moment when a BYE is told.
+class CEndOfTrack {
+public:
+    std::atomic<int> frames{0};
+    std::atomic<int> at_bye{-1};
+    std::atomic<int> failed{0};
+
+    void Run(CStreamReceiver* receiver, const std::function<void()>& done) {
+        View view(TRACKS);
+        CRtspClientBuffer sink([](auto, auto, void* user) { ++static_cast<CEndOfTrack*>(user)->frames; }, nullptr,
+                               this);
+        ASSERT_EQ(sink.GetFrameBuffer().Init(&view.info, 0, 0), 0);
+        CMediaBuffer buffer;
+        buffer.AddLevel2Buffer(&sink);
+        receiver_tracks_t tracks;
+        tracks.count = 1;
+        tracks.tracks[0].rtp_channel = AUDIO_CHANNEL;
+        tracks.tracks[0].rtcp_channel = AUDIO_CHANNEL + 1;
+        ASSERT_EQ(receiver->SetTracks(tracks), 0);
+        receiver->SetMediaBuffer(&buffer);
+        receiver->SetProcs({this, &CEndOfTrack::on_rtcp}, {});
+        receiver->WaitException(m_owner->GetID());
+        receiver->SetNotifyId(m_owner->GetID());
+        ASSERT_EQ(receiver->Start(0, 1.0F), 0);
+        done();
+        receiver->Close();
+        EXPECT_TRUE(WaitUntil([this] { return m_closed.load() == 1; }));
+        buffer.DelLevel2Buffer(&sink);
+        m_owner->Close();
+    }
+
+private:
+    CTestHandler* make_owner() {
+        CTestHandler* owner = CTestHandler::Make();
+        owner->on_message = [this](long, unsigned int msg, long) {
+            (msg == 1 ? m_closed : failed).fetch_add(1);
+            return 0;
+        };
+        return owner;
+    }
+    void on_rtcp(const unsigned char*, int, int) { at_bye.store(frames.load()); }
+
+    CPool m_pool;
+    std::atomic<int> m_closed{0};
+    CTestHandler* m_owner = make_owner();
+};
+
+// Sound whose packets don't mark where a frame ends: the last frames come out with the end of their track, and before
+// that is told.
+TEST(RtspClientBuffer, GetsTheLastFramesOfATrackAtItsEnd) {
+    const Bytes bye = FromHex("80c9000100000005 81cb000100000005");
+    std::vector<Bytes> sound;
+    for (uint16_t i = 1; i <= 4; ++i) {
+        sound.push_back(MakeRtp({i, i * 320u, false, 8}, Bytes(320, 0xd5)));
+    }
+    {
+        SCOPED_TRACE("BYE over UDP, in front of the media");
+        CEndOfTrack end;
+        const CSockAddrIPv4 any("127.0.0.1", 0);
+        udp_receiver_socks_t socks;
+        socks.count = 1;
+        CUdpPeer server;
+        const auto open = [&](const std::vector<Bytes>& datagrams) {
+            auto sock = std::make_shared<CSockDgram>();
+            CSockAddrStorage local;
+            EXPECT_TRUE(sock->Open(&any) == 0 && sock->GetLocalAddr(&local) == 0);
+            for (const Bytes& datagram : datagrams) {
+                server.Send(ToText(datagram), local.GetPort());
+            }
+            return sock;
+        };
+        socks.tracks[0].rtcp_sock = open({bye});
+        socks.tracks[0].rtp_sock = open(sound);
+        socks.tracks[0].source = CSockAddrStorage("127.0.0.1", 1);
+        end.Run(CStreamUdpReceiver::Create(socks, 0), [&] { WaitUntil([&] { return end.at_bye.load() >= 0; }); });
+        EXPECT_EQ(end.at_bye.load(), 4);
+    }
+    for (const bool with_bye : {true, false}) {
+        SCOPED_TRACE(with_bye ? "BYE over TCP" : "end of the connection");
+        CEndOfTrack end;
+        CSockStream peer;
+        auto sock = std::make_shared<CSockStream>();
+        ASSERT_TRUE(MakeSockPair(peer, *sock));
+        Bytes stream;
+        for (const Bytes& packet : sound) {
+            stream = stream + Interleaved(AUDIO_CHANNEL, packet);
+        }
+        stream = with_bye ? stream + Interleaved(AUDIO_CHANNEL + 1, bye) : stream;
+        const unsigned int size = static_cast<unsigned int>(stream.size());
+        ASSERT_EQ(peer.Send(reinterpret_cast<const char*>(stream.data()), size), static_cast<int>(size));
+        peer.Close();
+        end.Run(CStreamTcpReceiver::Create(sock, 0, RECEIVER_PROTOCOL_RTP),
+                [&] { EXPECT_TRUE(WaitUntil([&] { return end.failed.load() == 1; })); });
+        EXPECT_EQ(end.frames.load(), 4);
+        EXPECT_EQ(end.at_bye.load(), with_bye ? 4 : -1);
+    }
 }
 
 TEST(RtspClientBuffer, GivesFramesAndTellsOfDamageOnly) {

@@ -15,6 +15,10 @@ public:
     // `packet` is lent for the call; its first `length` bytes are the data. `flag` and `channel` as given to
     // CMediaBuffer::Put. Negative on failure, which the buffer doesn't act on.
     virtual int Put(CMediaPacket* packet, int length, int flag, int channel) = 0;
+    // Nothing follows what was put of the track that `channel` names in bits 24 to 31: it has ended, by a BYE (RFC 3550
+    // 6.6) or with its connection. A sink that still waits for the end of a frame need wait no longer. May come more
+    // than once; the base does nothing.
+    virtual void End(int /*channel*/) {}
 };
 
 }  // namespace Tramel

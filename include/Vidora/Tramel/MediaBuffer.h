@@ -87,6 +87,8 @@ public:
     // See CMediaBuffer. -1 also if it names no buffer.
     int Put(CMediaPacket* packet, int length, int flag, int channel) const;
     int PutFrameInfo(CMediaPacket* packet, int length) const;
+    // Calls the End of the level-2 sinks that Put calls, on this thread.
+    void End(int channel) const;
 
 private:
     std::shared_ptr<CMediaBuffer::CImpl> m_impl;
