@@ -11,6 +11,7 @@
 #include "Tramel/Interleave.h"
 #include "Tramel/IpText.h"
 #include "Tramel/MediaTag.h"
+#include "Tramel/SinkEntry.h"
 #include "UdpSockPair.h"
 #include "Vidora/RtspSvrConfig.h"
 
@@ -58,27 +59,93 @@ CRtpUdpSender::~CRtpUdpSender() {
 }
 
 int CRtpUdpSender::Put(CMediaPacket* packet, int length, int /*flag*/, int tag) {
+    return PutRest(packet, 0, length, tag);
+}
+
+int CRtpUdpSender::PutRest(CMediaPacket* packet, int offset, int length, int tag) {
     const Tramel::MediaTag media = Tramel::MediaTag::Unpack(tag);
     if (!m_tracks.Passes(media.track, media.IsKey())) {
         return 0;
     }
     const unsigned char* data = packet == nullptr ? nullptr : packet->GetData();
-    if (data == nullptr || length < static_cast<int>(Tramel::INTERLEAVE_HEADER_SIZE)) {
+    if (data == nullptr || length - offset < static_cast<int>(Tramel::INTERLEAVE_HEADER_SIZE)) {
         return -1;
     }
     CGuard guard(m_mutex);
-    const Outlet outlet = find_outlet_locked(data[1], false);
+    const bool sent = send_locked(data + offset, static_cast<unsigned int>(length - offset));
+    publish_locked();
+    return sent ? length : -1;
+}
+
+bool CRtpUdpSender::send_locked(const unsigned char* data, unsigned int length) {
+    const Outlet outlet = find_outlet_locked(data[Tramel::INTERLEAVE_CHANNEL_AT], false);
     if (outlet.slot == nullptr) {
-        return -1;
+        return false;
     }
     const bool aimed = aim_locked(*outlet.slot);
-    if (!aimed || outlet.sock->SendMerged(data, static_cast<unsigned int>(length)) < 0) {
+    if (!aimed || outlet.sock->SendMerged(data, length) < 0) {
         report_failure_locked(*outlet.slot, errno);
         outlet.slot->aimed = false;  // the next frame tries another route
-        return -1;
+        return false;
     }
     report_success_locked(*outlet.slot);
-    return length;
+    return true;
+}
+
+void CRtpUdpSender::EnterPlace(Tramel::CSinkEntry& entry) {
+    CGuard guard(m_mutex);
+    if (m_entry == nullptr) {
+        m_entry = &entry;
+        publish_locked();
+    }
+}
+
+void CRtpUdpSender::LeavePlace(Tramel::CSinkEntry& entry) {
+    CGuard guard(m_mutex);
+    if (m_entry == &entry) {
+        const Tramel::CTurnGuard turn(entry.turn);
+        take_back_locked(entry);
+        m_entry = nullptr;
+    }
+}
+
+// Takes the sockets back, and notes what has left by them.
+void CRtpUdpSender::take_back_locked(Tramel::CSinkEntry& entry) {
+    m_tracks.KeysPassed(entry.key_slots);
+    entry.key_slots = 0;
+    entry.outlet_count = 0;
+}
+
+// Leaves in the entry what the group may send by.
+void CRtpUdpSender::publish_locked() {
+    switch_locked([](CTrackSwitch&) {});
+}
+
+// Changes the tracks' switches, which the entry has a copy of.
+template <typename Change>
+void CRtpUdpSender::switch_locked(Change change) {
+    if (m_entry == nullptr) {
+        change(m_tracks);
+        return;
+    }
+    const Tramel::CTurnGuard turn(m_entry->turn);
+    take_back_locked(*m_entry);
+    change(m_tracks);
+    m_entry->slots = m_tracks.Tracks();
+    if (!m_failing && !m_tracks.AnyWaiting() && !m_remote.IsMulticast()) {
+        fill_outlets_locked(*m_entry);
+    }
+}
+
+void CRtpUdpSender::fill_outlets_locked(Tramel::CSinkEntry& entry) {
+    for (int i = 0; i < m_next_slot && entry.outlet_count < Tramel::CSinkEntry::MAX_OUTLETS; ++i) {
+        const Slot& slot = m_slots[static_cast<size_t>(i)];
+        if (slot.pair && slot.aimed && slot.channel >= 0 && slot.channel <= UINT8_MAX) {
+            const CSockDgram& sock = slot.pair->Rtp();
+            entry.outlets[entry.outlet_count++] = {sock.GetHandle(), static_cast<uint16_t>(sock.MaxSegment()),
+                                                   static_cast<uint8_t>(slot.channel)};
+        }
+    }
 }
 
 // Sets where the slot's pair sends, unless it knows.
@@ -128,9 +195,10 @@ void CRtpUdpSender::Init(int media_num) {
         return;
     }
     CGuard guard(m_mutex);
+    m_next_slot = 0;
+    publish_locked();
     m_slots.reset(new (std::nothrow) Slot[static_cast<size_t>(media_num)]);
     m_slot_count = m_slots ? media_num : 0;
-    m_next_slot = 0;
 }
 
 int CRtpUdpSender::SetRemote(CSockAddrStorage addr) {
@@ -165,7 +233,7 @@ int CRtpUdpSender::OpenPair(int* local_port, int remote_port, int channel) {
     }
     RtpPortRange range;
     m_config->GetRtpPort(range);
-    slot->pair.reset();  // its ports are free for the search
+    close_pair_locked(*slot);  // its ports are free for the search
     if (pair->OpenInRange(range.min_local_port, range.max_local_port, m_remote.GetRealType(), local_port) < 0) {
         logError("%s:%d min_local_port:%d max_local_port:%d  error\n", __FILE__, __LINE__, range.min_local_port,
                  range.max_local_port);
@@ -186,7 +254,7 @@ int CRtpUdpSender::OpenPairAt(int local_port, int remote_port, int channel) {
     if (slot == nullptr || !pair) {
         return -1;
     }
-    slot->pair.reset();
+    close_pair_locked(*slot);
     pair->OpenAt(local_port, m_remote.GetRealType());
     take_slot_locked(slot, pair, remote_port, channel);
     return 0;
@@ -203,6 +271,12 @@ CRtpUdpSender::Slot* CRtpUdpSender::free_slot_locked(int channel) {
     return m_next_slot < m_slot_count ? &m_slots[static_cast<size_t>(m_next_slot)] : nullptr;
 }
 
+void CRtpUdpSender::close_pair_locked(Slot& slot) {
+    slot.aimed = false;
+    publish_locked();  // the group doesn't send by it any more
+    slot.pair.reset();
+}
+
 void CRtpUdpSender::take_slot_locked(Slot* slot, const std::shared_ptr<CUdpSockPair>& pair, int remote_port,
                                      int channel) {
     slot->pair = pair;
@@ -214,6 +288,7 @@ void CRtpUdpSender::take_slot_locked(Slot* slot, const std::shared_ptr<CUdpSockP
     if (slot == m_slots.get() + m_next_slot) {
         ++m_next_slot;
     }
+    publish_locked();
 }
 
 uint8_t CRtpUdpSender::GetTtl(const CSockAddrStorage& group) {
@@ -300,17 +375,17 @@ int CRtpUdpSender::StartKeepAlive(long notify_id, int timeout_s) {
 // The switches are kept apart from each other; Put reads them without the lock.
 void CRtpUdpSender::EnableTrack(int track) {
     CGuard guard(m_mutex);
-    m_tracks.On(track);
+    switch_locked([track](CTrackSwitch& tracks) { tracks.On(track); });
 }
 
 void CRtpUdpSender::PauseTrack(int track) {
     CGuard guard(m_mutex);
-    m_tracks.Pause(track);
+    switch_locked([track](CTrackSwitch& tracks) { tracks.Pause(track); });
 }
 
 void CRtpUdpSender::DisableTrack(int channel) {
     CGuard guard(m_mutex);
-    m_tracks.Off(channel);
+    switch_locked([channel](CTrackSwitch& tracks) { tracks.Off(channel); });
 }
 
 }  // namespace Vidora

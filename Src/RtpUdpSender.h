@@ -26,8 +26,12 @@ class CUdpSockPair;
 // network yet, the interface gone or with another address) tries anew with each Put. The log says once that sending
 // fails, and once that it goes on.
 //
+// A pair that is connected, and could send last, is left in the sender's entry (see CPooledSink): the group sends by it
+// without calling, as long as no track waits for a key frame.
+//
 // THREADING  Put: the thread that writes for the buffer, not twice at once. EnableTrack, DisableTrack: any thread. All
-//            others: the owner's, also while the sender is attached to a buffer; a lock keeps them apart from Put.
+//            others: the owner's, also while the sender is attached to a buffer; a lock keeps them apart from Put, and
+//            the entry's turn, below the lock, from the group.
 // OWNERSHIP  The owner takes the sender off the buffer and then deletes it. The configuration is borrowed and must
 //            outlive the sender. The keeper is the sender's; both share the sockets, so that neither waits for the
 //            other's end.
@@ -42,6 +46,9 @@ public:
     // track that is disabled count as sent: 0. `length`, or -1 if no socket has that channel, the packets are malformed
     // or the socket failed.
     int Put(CMediaPacket* packet, int length, int flag, int tag) override;
+    int PutRest(CMediaPacket* packet, int offset, int length, int tag) override;
+    void EnterPlace(Tramel::CSinkEntry& entry) override;
+    void LeavePlace(Tramel::CSinkEntry& entry) override;
 
     // Port range and marking. Before OpenPair.
     void SetConfig(const CRtspSvrConfig* config);
@@ -95,12 +102,19 @@ private:
     };
 
     Slot* free_slot_locked(int channel) VIDORA_REQUIRES(m_mutex);
+    void close_pair_locked(Slot& slot) VIDORA_REQUIRES(m_mutex);
     void take_slot_locked(Slot* slot, const std::shared_ptr<CUdpSockPair>& pair, int remote_port, int channel)
         VIDORA_REQUIRES(m_mutex);
     bool aim_locked(Slot& slot) VIDORA_REQUIRES(m_mutex);
     void set_ttl_locked(const Slot& slot) VIDORA_REQUIRES(m_mutex);
     void mark(CUdpSockPair& pair) const;
     Outlet find_outlet_locked(int channel, bool rtcp_first) VIDORA_REQUIRES(m_mutex);
+    bool send_locked(const unsigned char* data, unsigned int length) VIDORA_REQUIRES(m_mutex);
+    template <typename Change>
+    void switch_locked(Change change) VIDORA_REQUIRES(m_mutex);
+    void take_back_locked(Tramel::CSinkEntry& entry) VIDORA_REQUIRES(m_mutex);
+    void publish_locked() VIDORA_REQUIRES(m_mutex);
+    void fill_outlets_locked(Tramel::CSinkEntry& entry) VIDORA_REQUIRES(m_mutex);
     void report_failure_locked(const Slot& slot, int error) VIDORA_REQUIRES(m_mutex);
     void report_success_locked(const Slot& slot) VIDORA_REQUIRES(m_mutex);
 
@@ -109,9 +123,10 @@ private:
     long m_keeper_notify_id = 0;
     int m_keeper_timeout_s = 0;
 
-    CTrackSwitch m_tracks;
+    CTrackSwitch m_tracks;  // changed with the lock
 
     CMutex m_mutex;
+    Tramel::CSinkEntry* m_entry VIDORA_GUARDED_BY(m_mutex) = nullptr;  // where it may leave its sockets
     std::unique_ptr<Slot[]> m_slots VIDORA_GUARDED_BY(m_mutex);
     int m_slot_count VIDORA_GUARDED_BY(m_mutex) = 0;
     int m_next_slot VIDORA_GUARDED_BY(m_mutex) = 0;

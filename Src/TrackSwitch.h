@@ -12,7 +12,7 @@ namespace Vidora {
 // CTrackSwitch: which of a sink's tracks, 0 to 7, may be sent. One that was paused goes on with its next key frame, if
 // it has such frames.
 //
-// THREADING  Passes: the thread that sends. The others: another thread, one at a time.
+// THREADING  Passes: the thread that sends. On, Off, Pause: another thread, one at a time. The others: any thread.
 class CTrackSwitch {
 public:
     // All tracks are on at first; the first one that is switched on leaves only its own on. Negative: all on.
@@ -35,6 +35,14 @@ public:
             m_rested |= bit_of(track);
         }
     }
+    // The tracks that are on, bit n: track n; and those of them that wait for a key frame.
+    uint8_t Tracks() const { return m_on.load(std::memory_order_relaxed); }
+    bool AnyWaiting() const { return (m_on & m_rested & m_key_tracks) != 0; }
+    // Key frames of these tracks, bit n: track n, have been sent without a call of Passes.
+    void KeysPassed(uint8_t tracks) {
+        m_key_tracks |= tracks;
+        m_rested &= static_cast<uint8_t>(~tracks);
+    }
     // Whether the next frame of the track may be sent.
     bool Passes(unsigned int track, bool is_key) {
         const uint8_t bit = track <= MAX_TRACK ? bit_of(static_cast<int>(track)) : 0;
@@ -42,10 +50,9 @@ public:
             return false;
         }
         if (is_key) {
-            m_key_tracks |= bit;
-            m_rested &= static_cast<uint8_t>(~bit);
+            KeysPassed(bit);
         }
-        return (m_rested.load(std::memory_order_relaxed) & m_key_tracks & bit) == 0;
+        return (m_rested.load(std::memory_order_relaxed) & m_key_tracks.load(std::memory_order_relaxed) & bit) == 0;
     }
 
 private:
@@ -56,8 +63,8 @@ private:
 
     // Bit n: track n
     std::atomic<uint8_t> m_on{ALL};
-    std::atomic<uint8_t> m_rested{0};  // waits for a key frame since it was paused
-    uint8_t m_key_tracks = 0;          // has had a key frame; of the thread that sends
+    std::atomic<uint8_t> m_rested{0};      // waits for a key frame since it was paused
+    std::atomic<uint8_t> m_key_tracks{0};  // has had a key frame
 };
 
 }  // namespace Vidora

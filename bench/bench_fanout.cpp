@@ -24,6 +24,7 @@
 
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/PooledSink.h"
+#include "Tramel/SinkEntry.h"
 #include "Tramel/SockDgram.h"
 #include "Tramel/SockStream.h"
 #include "Vidora/Tramel/MediaBuffer.h"
@@ -183,25 +184,47 @@ std::unique_ptr<CSockDgram> connected_dgram(uint16_t port) {
     return sock;
 }
 
-// The library's way on UDP: sinks as the server's, by the batch send or by one send a packet.
+// How a sink of the library's way on UDP sends.
+enum udp_way_t {
+    UDP_OUTLETS,  // it leaves its socket in its entry, as the server's do
+    UDP_MERGED,
+    UDP_PACKETS
+};
+
+// The library's way on UDP.
 class CBufferUdp : public CBufferWay {
 public:
-    CBufferUdp(const Bench::CDrain& drain, unsigned int clients, const std::string& frame, bool batch)
-        : CBufferWay(frame), m_batch(batch) {
+    CBufferUdp(const Bench::CDrain& drain, unsigned int clients, const std::string& frame, udp_way_t way)
+        : CBufferWay(frame), m_way(way) {
         for (unsigned int i = 0; i < clients; ++i) {
-            m_sinks.push_back(std::make_unique<CSink>(connected_dgram(drain.UdpPorts()[i]), batch));
+            m_sinks.push_back(std::make_unique<CSink>(connected_dgram(drain.UdpPorts()[i]), way));
             m_buffer.AddLevel2Buffer(m_sinks.back().get());
         }
     }
-    const char* Name() const override { return m_batch ? "CMediaBuffer, SendMerged" : "CMediaBuffer, Send a packet"; }
+    ~CBufferUdp() override {
+        for (const auto& sink : m_sinks) {
+            m_buffer.DelLevel2Buffer(sink.get());
+        }
+    }
+    const char* Name() const override {
+        static const char* const names[] = {"CMediaBuffer, outlets", "CMediaBuffer, SendMerged",
+                                            "CMediaBuffer, Send a packet"};
+        return names[m_way];
+    }
 
 private:
     struct CSink : CPooledSink {
-        CSink(std::unique_ptr<CSockDgram> socket, bool by_batch) : sock(std::move(socket)), batch(by_batch) {}
+        CSink(std::unique_ptr<CSockDgram> socket, udp_way_t udp_way) : sock(std::move(socket)), way(udp_way) {}
+        void EnterPlace(CSinkEntry& entry) override {
+            const CTurnGuard turn(entry.turn);
+            entry.slots = ~0U;
+            entry.outlets[0] = {sock->GetHandle(), static_cast<uint16_t>(sock->MaxSegment()), 0};
+            entry.outlet_count = way == UDP_OUTLETS ? 1 : 0;
+        }
         int Put(CMediaPacket* packet, int length, int, int) override {
             const unsigned char* data = packet->GetData();
             const unsigned int size = static_cast<unsigned int>(length);
-            if (batch) {
+            if (way != UDP_PACKETS) {
                 return sock->SendMerged(data, size);
             }
             for (unsigned int at = 0; at + 4 <= size;) {
@@ -212,10 +235,10 @@ private:
             return length;
         }
         std::unique_ptr<CSockDgram> sock;
-        bool batch;
+        udp_way_t way;
     };
     std::vector<std::unique_ptr<CSink>> m_sinks;
-    bool m_batch;
+    udp_way_t m_way;
 };
 
 // The floor on UDP: one sendmmsg a client with a vector that is laid out once, cut by the kernel.
@@ -384,8 +407,9 @@ int main(int argc, char** argv) {
         }
         if (options.udp) {
             std::vector<std::unique_ptr<CWay>> ways;
-            ways.push_back(std::make_unique<CBufferUdp>(drain, clients, frame, true));
-            ways.push_back(std::make_unique<CBufferUdp>(drain, clients, frame, false));
+            for (const udp_way_t way : {UDP_OUTLETS, UDP_MERGED, UDP_PACKETS}) {
+                ways.push_back(std::make_unique<CBufferUdp>(drain, clients, frame, way));
+            }
             ways.push_back(std::make_unique<CBareOffload>(drain, clients, frame));
             compare("UDP", ways, drain, options.seconds, clients);
         }

@@ -6,6 +6,7 @@
 
 #include <cstddef>
 
+#include "Tramel/DgramMessage.h"
 #include "Tramel/DgramTarget.h"
 
 namespace Kavio {
@@ -13,17 +14,15 @@ namespace Tramel {
 
 // CDgramRun: collects datagrams for a UDP socket and sends them in few system calls.
 //
-// Datagrams of equal size in a row, and a shorter one behind them, leave as one message that the kernel cuts
-// (UDP_SEGMENT: at most MAX_SEGMENTS datagrams, MAX_MESSAGE_BYTES in all); many messages leave in one sendmmsg. A
-// kernel or a route that refuses a segment size (no such option, no checksum offload, a size above the path's MTU) is
-// remembered in `offload_limit`, and datagrams of that size and above go one a message. What the peer sees is the same
-// in all cases. Borrows the bytes until Flush. A value of one thread.
+// Datagrams of equal size in a row, and a shorter one behind them, leave as one message that the kernel cuts (see
+// CountSegments); many messages leave in one sendmmsg. A kernel or a route that refuses a segment size (no such option,
+// no checksum offload, a size above the path's MTU) is remembered in `offload_limit`, and datagrams of that size and
+// above go one a message. What the peer sees is the same in all cases. Borrows the bytes until Flush. A value of one
+// thread.
 class CDgramRun {
 public:
     static const unsigned int MAX_PARTS = 256;
     static const unsigned int MAX_MESSAGES = 64;
-    static const unsigned int MAX_SEGMENTS = 64;          // UDP_MAX_SEGMENTS of all kernels that have the option
-    static const unsigned int MAX_MESSAGE_BYTES = 65507;  // payload of the largest IPv4 datagram
 
     // `target`: where they go, unless the socket is connected. `offload_limit`: segments below that size may be cut by
     // the kernel; lowered when it refuses. Both are borrowed.
@@ -44,11 +43,9 @@ public:
 
 private:
     unsigned int plan(unsigned int first_part);
-    unsigned int message_parts(unsigned int first_part) const;
-    int transmit(unsigned int message_count);
     bool recover(int error, unsigned int first_part);
 
-    static const size_t CONTROL_SIZE = CDgramTarget::CONTROL_SIZE + CMSG_SPACE(sizeof(unsigned short));
+    static const size_t CONTROL_SIZE = CDgramTarget::CONTROL_SIZE + SEGMENT_CONTROL_SIZE;
 
     int m_fd;
     const CDgramTarget& m_target;

@@ -8,6 +8,8 @@ namespace Tramel {
 //
 //  |      '$'      |    channel    |            length             |
 const unsigned int INTERLEAVE_HEADER_SIZE = 4;
+const unsigned int INTERLEAVE_CHANNEL_AT = 1;
+const unsigned int INTERLEAVE_LENGTH_AT = 2;
 const unsigned char INTERLEAVE_MARK = '$';
 
 // The header of private frames, which fit no 16-bit length:

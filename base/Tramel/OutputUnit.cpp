@@ -6,6 +6,7 @@
 #include "Tramel/Interleave.h"
 #include "Tramel/MediaTag.h"
 #include "Tramel/NumberedPacket.h"
+#include "Tramel/PooledSink.h"
 #include "Vidora/Ostra/ByteReader.h"
 #include "Vidora/Tramel/Level2Buffer.h"
 #include "Vidora/Tramel/MediaPacket.h"
@@ -95,6 +96,11 @@ bool COutputUnit::AddSide(CMediaPacket* packet, int length) {
 void COutputUnit::PutPart(unsigned int index, CLevel2Buffer_IF& sink) const {
     const PutPacket& put = m_packets[index];
     sink.Put(put.packet, static_cast<int>(m_parts[index].iov_len), put.flag, put.channel);
+}
+
+void COutputUnit::PutRest(size_t offset, CPooledSink& sink) const {
+    const PutPacket& put = m_packets[0];
+    sink.PutRest(put.packet, static_cast<int>(offset), static_cast<int>(m_parts[0].iov_len), put.channel);
 }
 
 CMediaPacket* COutputUnit::Side(unsigned int index, int* length) const {

@@ -4,6 +4,7 @@
 #include <sys/uio.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 
 namespace Kavio {
@@ -11,6 +12,7 @@ namespace Tramel {
 
 class CLevel2Buffer_IF;
 class CMediaPacket;
+class CPooledSink;
 
 // COutputUnit: what goes to a stream socket as a whole or not at all: one control text, or one media packet together
 // with the header that was put in front of it.
@@ -57,6 +59,8 @@ public:
     unsigned int PartCount() const { return m_part_count; }
     // Gives the packet of a part to a sink, as it was put.
     void PutPart(unsigned int index, CLevel2Buffer_IF& sink) const;
+    // The same for the first part, of which `offset` bytes have gone.
+    void PutRest(size_t offset, CPooledSink& sink) const;
     unsigned int SideCount() const { return m_side_count; }
     CMediaPacket* Side(unsigned int index, int* length) const;
     // The number of the frame, if its only side packet has one (CNumberedPacket) and the track is one of 0 to 7.

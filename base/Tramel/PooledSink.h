@@ -6,15 +6,28 @@
 namespace Kavio {
 namespace Tramel {
 
+struct CSinkEntry;
+
 // CPooledSink: a level-2 sink that need not be called inside the put: one of the library's own, which sends datagrams.
 // A buffer that sends of itself (EnableAutoSend) calls it on the thread that writes for its senders.
 //
-// THREADING  Put: any thread, not twice at once; later than the packet was put, and in the order of the puts. A packet
-//            may be skipped when the pool doesn't keep up, see CSinkGroup.
+// While all goes well the group can send without it: the sink leaves its sockets (CDgramOutlet) and its tracks in its
+// entry, under the entry's turn, and takes them back in the same way before it closes a socket, or whenever it wants to
+// be called. Units that an outlet can't send to the end, and those of other channels, still come here; what finds no
+// room in the socket is lost.
+//
+// THREADING  Put, PutRest: any thread, not twice at once; later than the packet was put, and in the order of the puts.
+//            A packet may be skipped when the pool doesn't keep up, see CSinkGroup. EnterPlace, LeavePlace: any thread,
+//            also while the sink is called.
 class CPooledSink : public CLevel2Buffer_IF {
 public:
+    // A put whose first `offset` bytes have gone by an outlet. Only for a sink that has some.
+    virtual int PutRest(CMediaPacket* /*packet*/, int /*offset*/, int /*length*/, int /*tag*/) { return -1; }
     // A side packet (CMediaBuffer::PutFrameInfo) of the packet that was put just before; lent for the call.
     virtual void PutInfo(CMediaPacket* /*packet*/, int /*length*/) {}
+    // The sink's entry in a group, until LeavePlace has returned. A sink of two buffers has two of them.
+    virtual void EnterPlace(CSinkEntry& /*entry*/) {}
+    virtual void LeavePlace(CSinkEntry& /*entry*/) {}
 };
 
 }  // namespace Tramel

@@ -45,22 +45,21 @@ void CSinkGroup::Kick() {
 }
 
 bool CSinkGroup::RunTurn() {
-    CUnitBatch batch;
+    CLoad load;
     size_t place_count = 0;
-    if (!take_pending(batch, place_count)) {
+    if (!take_pending(load.batch, place_count)) {
         return false;
     }
-    CMediaTally tally;
     CBlock* block = &m_first;
     for (size_t index = 0; index < place_count; ++index) {
         if (index > 0 && index % BLOCK_ENTRIES == 0) {
             block = block->next.get();
         }
-        write_entry(batch, index, block->entries[index % BLOCK_ENTRIES], tally);
+        write_entry(load, index, block->entries[index % BLOCK_ENTRIES]);
     }
-    tally.Tell();
-    for (unsigned int i = 0; i < batch.Count(); ++i) {
-        batch.Unit(i)->Release();
+    load.tally.Tell();
+    for (unsigned int i = 0; i < load.batch.Count(); ++i) {
+        load.batch.Unit(i)->Release();
     }
     return end_turn();
 }
@@ -93,28 +92,38 @@ bool CSinkGroup::take_pending(CUnitBatch& batch, size_t& place_count) {
 }
 
 // A call of the sink begins before the turn is given, so that the sink can't leave in between.
-void CSinkGroup::write_entry(const CUnitBatch& batch, size_t index, CSinkEntry& entry, CMediaTally& tally) {
+void CSinkGroup::write_entry(CLoad& load, size_t index, CSinkEntry& entry) {
     entry.turn.Take();
-    CNews news;
-    const bool calls_level2 = entry.level2 != nullptr;
-    if (!calls_level2) {
-        const uint64_t taken = send(batch, entry, tally);
-        if (taken != 0 && batch.HasSides() && entry.told != TOLD_NOTHING) {
-            count_frames(batch, taken, entry, news);
-        }
-    }
-    const uint64_t from_sequence = entry.from_sequence;
-    const CGroupSink sink = calls_level2 || news.units != 0 ? begin_call(index) : CGroupSink(nullptr);
-    entry.turn.Give();
-    if (sink == nullptr) {
+    if (entry.level2 != nullptr) {
+        write_level2(load, index, entry);
         return;
     }
-    if (calls_level2) {
-        put_level2(batch, index, static_cast<CPooledSink&>(*sink.Level2()), from_sequence);
-    } else {
-        tell(batch, index, *sink.Sender(), news);
+    CNews news;
+    const uint64_t taken = send(load.batch, entry, load.tally);
+    if (taken != 0 && load.batch.HasSides() && entry.told != TOLD_NOTHING) {
+        count_frames(load.batch, taken, entry, news);
     }
-    end_call();
+    const CGroupSink sink = news.units != 0 ? begin_call(index) : CGroupSink(nullptr);
+    entry.turn.Give();
+    if (sink != nullptr) {
+        tell(load.batch, index, *sink.Sender(), news);
+        end_call();
+    }
+}
+
+// Gives the turn.
+void CSinkGroup::write_level2(CLoad& load, size_t index, CSinkEntry& entry) {
+    CDgramLayout::CRest rest = {0, 0};
+    if (entry.outlet_count > 0) {
+        rest = load.layout.Send(entry, load.tally);
+    }
+    const uint64_t from_sequence = entry.from_sequence;
+    const CGroupSink sink = rest.unit < load.batch.Count() ? begin_call(index) : CGroupSink(nullptr);
+    entry.turn.Give();
+    if (sink != nullptr) {
+        put_level2(load.batch, index, static_cast<CPooledSink&>(*sink.Level2()), from_sequence, rest);
+        end_call();
+    }
 }
 
 // The set of the units that the sender took.
@@ -174,16 +183,21 @@ void CSinkGroup::tell(const CUnitBatch& batch, size_t index, CMediaStreamSender&
     }
 }
 
-void CSinkGroup::put_level2(const CUnitBatch& batch, size_t index, CPooledSink& level2, uint64_t from_sequence) {
+void CSinkGroup::put_level2(const CUnitBatch& batch, size_t index, CPooledSink& level2, uint64_t from_sequence,
+                            CDgramLayout::CRest rest) {
     bool called = false;
-    for (unsigned int i = 0; i < batch.Count(); ++i) {
+    for (unsigned int i = rest.unit; i < batch.Count(); ++i) {
         const COutputUnit* unit = batch.Unit(i);
         const unsigned int parts = unit->Sequence() < from_sequence ? 0 : unit->PartCount();
         for (unsigned int part = 0; part < parts; ++part) {
             if (called && !stands_at(index, CGroupSink(&level2))) {
                 return;  // it has been taken away
             }
-            unit->PutPart(part, level2);
+            if (i == rest.unit && rest.offset > 0) {
+                unit->PutRest(rest.offset, level2);
+            } else {
+                unit->PutPart(part, level2);
+            }
             called = true;
         }
         for (unsigned int side = 0; side < unit->SideCount() && parts > 0; ++side) {
@@ -288,7 +302,11 @@ bool CSinkGroup::enter(CGroupSink sink, uint64_t from_sequence, CSinkEntry& entr
         entry.level2 = sink.Level2();
         std::fill(std::begin(entry.numbers), std::end(entry.numbers), 0);
     }
-    return sink.Sender() == nullptr || sink.Sender()->join(entry);
+    if (sink.Sender() != nullptr) {
+        return sink.Sender()->join(entry);
+    }
+    static_cast<CPooledSink*>(sink.Level2())->EnterPlace(entry);
+    return true;
 }
 
 bool CSinkGroup::Has(CGroupSink sink) {
@@ -355,10 +373,13 @@ void CSinkGroup::end_removal(size_t index, CGroupSink sink) {
     m_mutex.leave();
     if (sink.Sender() != nullptr) {
         sink.Sender()->leave();
+    } else {
+        static_cast<CPooledSink*>(sink.Level2())->LeavePlace(entry);
     }
     {
         const CTurnGuard turn(entry.turn);
         entry.level2 = nullptr;
+        entry.outlet_count = 0;
         entry.told = TOLD_NOTHING;
     }
     CGuard guard(m_mutex);

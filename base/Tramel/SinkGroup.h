@@ -9,6 +9,7 @@
 #include <vector>
 
 #include "Tramel/CallWait.h"
+#include "Tramel/DgramLayout.h"
 #include "Tramel/MediaCounters.h"
 #include "Tramel/SinkEntry.h"
 #include "Tramel/Strand.h"
@@ -48,7 +49,8 @@ private:
 // Each turn takes the units that have come since, and hands every sender all of them in one write, so that units that
 // pile up while the pool is busy join into one vector. A level-2 sink is called with one packet after the other. Of a
 // sender that keeps up a turn touches its entry alone (see CSinkEntry); its queue is asked where something waits, and
-// the sender itself only for its send procedure.
+// the sender itself only for its send procedure. Nor is a level-2 sink called that has left its sockets in its entry
+// (see CPooledSink), as long as they take what it is given.
 //
 // LIMITS     At most MAX_PENDING units or MAX_PENDING_BYTES wait for a turn. Then units are dropped for the whole
 //            group, by the rule of CStreamOutput: a track goes on at its next key frame. The putting thread helps out
@@ -114,12 +116,21 @@ private:
         uint32_t last[CUnitBatch::MAX_UNITS];
     };
 
+    // What a turn writes.
+    struct CLoad {
+        CUnitBatch batch;
+        CDgramLayout layout{batch};
+        CMediaTally tally;
+    };
+
     bool take_pending(CUnitBatch& batch, size_t& place_count);
-    void write_entry(const CUnitBatch& batch, size_t index, CSinkEntry& entry, CMediaTally& tally);
+    void write_entry(CLoad& load, size_t index, CSinkEntry& entry);
+    void write_level2(CLoad& load, size_t index, CSinkEntry& entry);
     static uint64_t send(const CUnitBatch& batch, CSinkEntry& entry, CMediaTally& tally);
     static void count_frames(const CUnitBatch& batch, uint64_t taken, CSinkEntry& entry, CNews& news);
     void tell(const CUnitBatch& batch, size_t index, CMediaStreamSender& sender, const CNews& news);
-    void put_level2(const CUnitBatch& batch, size_t index, CPooledSink& level2, uint64_t from_sequence);
+    void put_level2(const CUnitBatch& batch, size_t index, CPooledSink& level2, uint64_t from_sequence,
+                    CDgramLayout::CRest rest);
     CGroupSink begin_call(size_t index);
     void end_call();
     bool stands_at(size_t index, CGroupSink sink);

@@ -70,6 +70,9 @@ public:
     // more than one. From now on everything is read by RecvBatch with `segments`. 0, or -1 if the system can't.
     int JoinReceived();
 
+    // The largest size of datagrams that the system may cut a message into; 0 where it can't.
+    unsigned int MaxSegment() const { return m_offload_limit == 0 ? 0 : m_offload_limit - 1; }
+
     // Routers that multicast may pass (hops for IPv6). 0 or -1.
     int SetMulticastTTL(unsigned char ttl);
     // The interface that multicast leaves by and, if the socket is bound to a group, on which the group is joined as

@@ -24,8 +24,7 @@ namespace Tramel {
 
 namespace {
 
-const size_t MARK_SIZE = INTERLEAVE_HEADER_SIZE - 2;  // "$" and the channel, in front of the length
-const unsigned int MAX_RECV_MESSAGES = 64;            // of one system call
+const unsigned int MAX_RECV_MESSAGES = 64;  // of one system call
 
 int recv_messages(int fd, struct mmsghdr* messages, unsigned int count) {
     // A peer's ICMP answer to what was sent from here is reported once and says nothing about what has arrived.
@@ -89,7 +88,7 @@ int CSockDgram::SendMerged(const unsigned char* data, unsigned int length) {
     CDgramRun run(m_fd, m_target, m_offload_limit);
     Ostra::CByteReader reader(data, length);
     while (reader.Remaining() > 0 && !run.Stopped()) {
-        reader.Skip(MARK_SIZE);
+        reader.Skip(INTERLEAVE_LENGTH_AT);
         const unsigned int size = reader.ReadU16();
         const uint8_t* packet = reader.ReadBytes(size);
         if (!reader.Ok()) {

@@ -7,11 +7,15 @@
 #include <set>
 #include <thread>
 
+#include "Tramel/MediaCounters.h"
 #include "Tramel/MediaStreamSender.h"
 #include "Tramel/NumberedPacket.h"
 #include "Tramel/PooledSink.h"
+#include "Tramel/SinkEntry.h"
+#include "Tramel/SockDgram.h"
 #include "Tramel/SockStream.h"
 #include "Vidora/Tramel/Level2Buffer.h"
+#include "support/Interleave.h"
 #include "support/StreamPeer.h"
 #include "support/TestClock.h"
 
@@ -116,6 +120,40 @@ struct RecordingSink : Base {
 
 typedef RecordingSink<CLevel2Buffer_IF> Level2Sink;
 typedef RecordingSink<CPooledSink> PooledSink;  // one of the library's own that sends datagrams
+
+// A sink that leaves its socket in its entry, for channel 0 and track 0, and is called with what that can't send.
+struct OutletSink : PooledSink {
+    OutletSink() { EXPECT_TRUE(MakeDgramPair(sock, peer)); }
+    void EnterPlace(CSinkEntry& entry) override {
+        const CTurnGuard turn(entry.turn);
+        entry.slots = 1;
+        entry.outlets[0] = {out >= 0 ? out : sock.GetHandle(), static_cast<uint16_t>(sock.MaxSegment()), 0};
+        entry.outlet_count = 1;
+    }
+    int PutRest(CMediaPacket* packet, int offset, int length, int tag) override {
+        CountedPacket rest(
+            std::string(reinterpret_cast<char*>(packet->GetData()) + offset, static_cast<size_t>(length - offset)));
+        return PooledSink::Put(&rest, rest.Size(), offset, tag);
+    }
+    // The sizes of the datagrams that arrive, and then the calls; waits for as much as is expected.
+    std::string Heard(const std::string& expected) {
+        std::string heard;
+        std::vector<char> room(65536);
+        WaitUntil([&] {
+            for (int size = 0; (size = peer.Recv(room.data(), 65536, nullptr)) > 0;) {
+                heard += std::to_string(size) + ' ';
+            }
+            return heard.size() >= std::min(expected.size(), expected.find("call"));
+        });
+        for (const std::string& call : calls) {
+            heard += "call" + call.substr(6) + ' ';
+        }
+        calls.clear();
+        return heard;
+    }
+    CSockDgram sock, peer;
+    int out = -1;  // in the place of the socket
+};
 
 class MediaBufferTest : public ::testing::TestWithParam<unsigned int> {
 protected:
@@ -316,6 +354,84 @@ TEST_P(MediaBufferTest, PooledSinksGetAllThatIsPutInOrderAndOnThePutThreadOnlyIf
         }
         EXPECT_EQ(expected, early.calls);
     }
+}
+
+TEST(MediaBufferOutlets, ASinkIsCalledOnlyWithWhatItsSocketCannotSendAndLosesOnlyWhatFindsNoRoom) {
+    CMediaBuffer buffer;
+    buffer.EnableAutoSend();
+    OutletSink first, second;
+    buffer.AddLevel2Buffer(&first);
+    buffer.AddLevel2Buffer(&second);
+    const auto packets = [](int count, size_t size, int channel = 0) {
+        std::string run;
+        for (int i = 0; i < count; ++i) {
+            run += Interleaved(channel, std::string(size, 'p'));
+        }
+        return run;
+    };
+    const int track_1 = 1 << 24 | KEY;
+    const struct {
+        std::string run;
+        int tag;
+        std::string heard;
+    } rows[] = {
+        {packets(3, 100) + packets(1, 50) + packets(1, 70), KEY, "100 100 100 50 70 "},
+        {packets(1, 10), track_1, ""},                                      // the track is off
+        {packets(1, 10, 2), KEY, "call 1 1 "},                              // no socket has the channel
+        {packets(2, 10).substr(0, 20), KEY, "call 1 1 "},                   // cut short
+        {packets(2, 100) + packets(1, 65508), KEY, "100 100 call 208 1 "},  // from where it failed
+        {packets(520, 20), KEY, "call 1 1 "},                               // more than is laid out
+    };
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.heard.substr(0, 30));
+        Put(buffer, row.run, 1, row.tag);
+        EXPECT_EQ(row.heard, first.Heard(row.heard));
+        EXPECT_EQ(row.heard, second.Heard(row.heard));
+    }
+    // The kernel refuses to cut for one of them.
+    const int on = 1;
+    ::setsockopt(first.sock.GetHandle(), SOL_SOCKET, SO_NO_CHECK, &on, sizeof(on));
+    Put(buffer, packets(1, 100) + packets(2, 1000), 1, KEY);
+    EXPECT_EQ("100 call 104 1 ", first.Heard("100 call 104 1 "));
+    EXPECT_EQ("100 1000 1000 ", second.Heard("100 1000 1000 "));
+    // A socket without room; a local one is full while its peer doesn't read.
+    int fds[2];
+    ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0, fds));
+    OutletSink full;
+    full.out = fds[0];
+    buffer.AddLevel2Buffer(&full);
+    const CMediaCounters& counters = CMediaCounters::Instance();
+    const uint64_t sent = counters.Packets();
+    const uint64_t dropped = counters.Dropped();
+    char room[2000];
+    const auto arrived = [&] {
+        uint64_t count = 0;
+        for (; ::recv(fds[1], room, sizeof(room), 0) > 0; ++count) {
+        }
+        return count;
+    };
+    const uint64_t puts = 2000;
+    for (uint64_t i = 0; i < puts; ++i) {
+        Put(buffer, packets(1, 1000), 1, SKIPPABLE);
+        EXPECT_EQ("1000 ", first.Heard("1000 "));
+        EXPECT_EQ("1000 ", second.Heard("1000 "));
+    }
+    const uint64_t taken = arrived();
+    EXPECT_LT(taken, puts);
+    EXPECT_EQ(2 * puts + taken, counters.Packets() - sent);
+    EXPECT_EQ(puts - taken, counters.Dropped() - dropped);
+    Put(buffer, packets(1, 30), 1, SKIPPABLE);
+    EXPECT_EQ(1, arrived());
+    EXPECT_EQ("", full.Heard(""));
+    buffer.DelLevel2Buffer(&full);
+    ::close(fds[0]);
+    ::close(fds[1]);
+    EXPECT_EQ("30 ", first.Heard("30 "));
+    EXPECT_EQ("30 ", second.Heard("30 "));
+    buffer.DelLevel2Buffer(&first);
+    Put(buffer, packets(1, 31), 1, KEY);
+    EXPECT_EQ("", first.Heard(""));
+    EXPECT_EQ("31 ", second.Heard("31 "));
 }
 
 TEST_P(MediaBufferTest, PooledSinksLeaveFromAnyThreadAndInsideTheirOwnCallWhileOthersAreWritten) {

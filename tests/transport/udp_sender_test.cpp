@@ -2,12 +2,14 @@
 
 #include <atomic>
 #include <memory>
+#include <thread>
 #include <vector>
 
 #include "RtpUdpSender.h"
 #include "UdpPortTable.h"
 #include "UdpSockPair.h"
 #include "Vidora/RtspSvrConfig.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 #include "Vidora/Types.h"
 #include "support/Capture.h"
 #include "support/Interleave.h"
@@ -174,6 +176,76 @@ TEST_F(UdpSender, SendsEachPacketOfAMergedFrameToItsTracksPort) {
     ASSERT_LT(0, OpenPair(m_sender, moved.Port(), 0));
     PutTo(m_sender, Interleaved<std::string>(0, "moved"), TRACK_0);
     EXPECT_EQ("moved", moved.Recv());
+}
+
+// The packets of two tracks arrive, each in its order, while other threads switch them, pause them, open one anew and
+// take the sender off and put it back.
+TEST_F(UdpSender, IsSwitchedMovedAndRemovedWhileItsBufferSends) {
+    const Support::CPool pool(2);
+    Open(2, 31800, 31900);
+    CUdpPeer video, audio;
+    ASSERT_LT(0, OpenPair(m_sender, video.Port(), 0));
+    ASSERT_LT(0, OpenPair(m_sender, audio.Port(), 2));
+    std::vector<std::unique_ptr<CRtpUdpSender>> others;
+    CMediaBuffer buffer;
+    buffer.EnableAutoSend();
+    buffer.AddLevel2Buffer(&m_sender);
+    for (int i = 0; i < 20; ++i) {  // so that the pool sends
+        others.push_back(std::make_unique<CRtpUdpSender>());
+        Prepare(*others.back(), 1);
+        buffer.AddLevel2Buffer(others.back().get());
+    }
+    const auto put = [&buffer](int track, unsigned int number) {
+        const std::string bytes = Interleaved(2 * track, std::to_string(1000000 + number));
+        auto* packet = new Support::CountedPacket(bytes);
+        buffer.Put(packet, packet->Size(), 1, track == 0 && number % 8 == 0 ? TRACK_0 : track << 24 | 5);
+    };
+    const auto all_of = [](CUdpPeer& peer, const std::string& last) {
+        std::string before;
+        while (before.empty() || before != last) {
+            const std::string next = peer.Recv(last.empty() ? 0 : 5000);
+            if (next.empty()) {
+                break;
+            }
+            EXPECT_LT(before, next);
+            before = next;
+        }
+        return before;
+    };
+    unsigned int number = 0;
+    for (int round = 0; round < 40; ++round) {
+        std::thread source([&] {
+            for (int i = 0; i < 50; ++i) {
+                put(0, number);
+                put(1, number++);
+            }
+        });
+        Support::RunTogether(1, [&] {
+            m_sender.PauseTrack(0);
+            m_sender.DisableTrack(1);
+            EXPECT_LT(0, OpenPair(m_sender, audio.Port(), 2));
+            m_sender.EnableTrack(0);
+            m_sender.EnableTrack(1);
+            buffer.DelLevel2Buffer(&m_sender);
+            EXPECT_LT(0, OpenPair(m_sender, video.Port(), 0));
+            buffer.AddLevel2Buffer(&m_sender);
+        });
+        source.join();
+        all_of(video, "");
+        all_of(audio, "");
+    }
+    // It goes on by itself: with its next key frame, where it was paused.
+    m_sender.PauseTrack(0);
+    m_sender.EnableTrack(0);
+    number = 801;
+    put(0, number);
+    put(1, number);
+    EXPECT_EQ("1000801", all_of(audio, "1000801"));
+    EXPECT_EQ("", video.Recv(0));
+    put(0, 808);
+    put(0, 809);
+    EXPECT_EQ("1000809", all_of(video, "1000809"));
+    buffer.DelLevel2Buffer(&m_sender);
 }
 
 TEST_F(UdpSender, TrackMaskDropsSilently) {
