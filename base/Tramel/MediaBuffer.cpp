@@ -147,10 +147,11 @@ int CMediaBuffer::CImpl::Put(CMediaPacket* packet, int length, int flag, int cha
         start_writing();
     }
     if (few) {
-        write_few();  // first: a host's own sink may be slow
+        write_few();
+    } else {
+        help(late);
     }
-    m_level2.Put(packet, length, flag, channel);
-    help(few ? 0 : late);
+    m_level2.Put(packet, length, flag, channel);  // last: a host's own sink may be slow
     unit->Release();
     return 0;
 }

@@ -79,7 +79,8 @@ struct StreamAudioFormat {
 //            conversion to packets and must not be called with a lock held that the operations also take. Stop
 //            returns only when no callback runs any more, and so must not wait for a lock that the frame thread needs
 //            to end. No lock of a channel or registry is held over the operations: they may take their time, which
-//            holds up this source's own clients and nobody else, and may call channel and registry.
+//            holds up this source's own clients and nobody else (CNetThread says how many may hang at a time), and
+//            may call channel and registry.
 // OWNERSHIP  The library owns the source from the factory on and returns it with Close; handle_close then ends it,
 //            as with every CNetHandler (`delete this`).
 class VIDORA_API CStreamSource : public CNetHandler {

@@ -324,6 +324,14 @@ TEST_P(MediaBufferTest, Level2SinksGetEverythingAsItWasPutAndMayRemoveAnySink) {
     sink.Read();
     EXPECT_EQ(0u, sink.reader.Count());
     manual.DelSender(sink.sender);
+    // One that is slow: the senders have the packet nevertheless.
+    m_buffer->AddSender(sink.sender);
+    m_buffer->AddLevel2Buffer(&third);
+    third.action = [&] { EXPECT_TRUE(sink.Gets(1)); };
+    PutFrame(*m_buffer, 0, true, 100);
+    EXPECT_EQ(2u, third.calls.size());
+    m_buffer->DelLevel2Buffer(&third);
+    m_buffer->DelSender(sink.sender);
 }
 
 TEST_P(MediaBufferTest, PooledSinksGetAllThatIsPutInOrderAndOnThePutThreadOnlyIfTheyAreFewOrThereIsNoPool) {

@@ -112,6 +112,13 @@ TEST_F(Intake, AHostThatBlocksInOneSessionHoldsNobodyElse) {
     Connection handed_in;  // the caller's thread isn't held either
     EXPECT_EQ(0, m_svr->AddNewConnect(handed_in.server, OPTIONS_TEXT, sizeof(OPTIONS_TEXT) - 1, 0));
     ASSERT_TRUE(WaitUntil([] { return blocked == 2; }));
+    std::vector<std::unique_ptr<CRtspTestClient>> more;  // than the pool has threads
+    for (int i = 0; i < 4; ++i) {
+        block = true;
+        more.push_back(std::make_unique<CRtspTestClient>(m_port));
+        more.back()->Send(OPTIONS_TEXT);
+        ASSERT_TRUE(WaitUntil([=] { return blocked == 3 + i; }));
+    }
     CRtspTestClient other(m_port);
     EXPECT_EQ(200, other.Ask("OPTIONS", "*").status);
     EXPECT_TRUE(held.Silent(1));
