@@ -37,10 +37,12 @@ const uint64_t STUCK_AFTER_US = 100000;
 const int MAX_YIELDS = 3;
 
 // So few senders are written by the putting thread: that costs it little more than to wake another one, and the process
-// much less. After a write that was held up the pool does it for some time.
+// much less. After two writes in a row that were held up the pool does it for some time, and again after the next one:
+// other programs that take the processor seldom hit two in a row, and a send procedure that waits does.
 const size_t FEW_SINKS = 16;
 const uint64_t HAND_OVER_AFTER_US = 5000;  // more than another program's turn on the processor usually takes
 const uint64_t HAND_OVER_US = 1000000;
+const int HAND_OVER_AFTER_WRITES = 2;
 
 // Processor time of the calling thread: what others take of the processor meanwhile doesn't count.
 uint64_t own_time_us() {
@@ -105,6 +107,7 @@ private:
     CLevel2List m_level2;
     std::atomic<uint64_t> m_turn_begin_us{0};  // when the turn of this strand that runs began; 0 if none runs
     std::atomic<uint64_t> m_write_from_us{0};  // until then the putting thread leaves few senders to the pool as well
+    std::atomic<int> m_slow_writes{0};         // in a row
 
     std::atomic<int> m_waking{0};  // puts that are just making a turn due
 
@@ -249,7 +252,9 @@ void CMediaBuffer::CImpl::write_few() {
     const uint64_t begin = CTime::getCurrentMicroSecond();
     group(0)->RunHere();
     const uint64_t end = CTime::getCurrentMicroSecond();
-    if (end - begin > HAND_OVER_AFTER_US) {
+    if (end - begin <= HAND_OVER_AFTER_US) {
+        m_slow_writes.store(0, std::memory_order_relaxed);
+    } else if (m_slow_writes.fetch_add(1, std::memory_order_relaxed) + 1 >= HAND_OVER_AFTER_WRITES) {
         m_write_from_us.store(end + HAND_OVER_US, std::memory_order_relaxed);
     }
 }
