@@ -3,7 +3,7 @@
 #include <algorithm>
 #include <new>
 
-#include "DgramBatch.h"
+#include "DgramTurn.h"
 #include "StreamParser/RtpHeader.h"
 #include "StreamParser/TsRtpHeader.h"
 #include "StreamParser/TsTable.h"
@@ -62,16 +62,27 @@ std::shared_ptr<CMulticastTrack> CMulticastTrack::CreateRtp(const frame_proc_t& 
     return track->m_parser->SetParam(param) == PARSER_OK ? track : nullptr;
 }
 
-// What is left behind the batch comes with the next event, so that others of the thread have their turn.
+int CMulticastTrack::Open(const CSockAddr& address) {
+    const int result = m_sock.Open(&address);
+    if (result == 0) {
+        m_sock.JoinReceived();  // an older system returns them one by one
+    }
+    return result;
+}
+
 int CMulticastTrack::Receive() {
     CDgramBatch* batch = CDgramBatch::OfThread();
-    const int count = batch != nullptr ? batch->Recv(m_sock) : -1;
-    if (count < 0) {
-        logError("%s:%d m_stream_sock.Recv  -1 \n", __FILE__, __LINE__);
+    if (batch == nullptr) {
         return -1;
     }
-    for (int i = 0; i < count && m_live; ++i) {
-        Take(batch->Datagram(i).data, batch->Datagram(i).length);
+    CDgramTurn turn(*batch, m_sock);
+    DgramSlice datagram;
+    while (m_live && turn.Next(datagram)) {
+        Take(datagram.data, datagram.length);
+    }
+    if (turn.Failed()) {
+        logError("%s:%d m_stream_sock.Recv  -1 \n", __FILE__, __LINE__);
+        return -1;
     }
     return 0;
 }

@@ -25,11 +25,11 @@ public:
     static std::shared_ptr<CMulticastTrack> CreateTs(const frame_proc_t& proc);
     static std::shared_ptr<CMulticastTrack> CreateRtp(const frame_proc_t& proc, const multicast_track_info_t& info);
 
-    int Open(const CSockAddr& address) { return m_sock.Open(&address); }
+    int Open(const CSockAddr& address);
     void Close() { m_sock.Close(); }
     CSockDgram& Sock() { return m_sock; }
 
-    // Reads up to 64 datagrams and hands out the frames that they complete. 0, or -1 if the socket failed.
+    // Reads datagrams, see CDgramTurn, and hands out the frames that they complete. 0, or -1 if the socket failed.
     int Receive();
     // The same for one datagram that has been read.
     void Take(const unsigned char* data, unsigned int length);

@@ -17,7 +17,6 @@ namespace Vidora {
 namespace {
 
 const int MAX_DATAGRAM = 4096;
-const int MAX_DATAGRAMS_A_TURN = 16;
 const size_t MAX_ADDRESS = 64;
 const int MAX_PORT = 65535;
 
@@ -100,6 +99,7 @@ int CP2PSvrSession::Init(int /*count*/) {
     return 0;
 }
 
+// One datagram an event: a client sends a request at a time, and a hello now and then.
 int CP2PSvrSession::handle_input(int fd) {
     if (m_sock == nullptr || fd != m_sock->GetHandle()) {
         return 0;
@@ -107,21 +107,18 @@ int CP2PSvrSession::handle_input(int fd) {
     // With room for one byte more than a message has: what fills it was cut. Behind that a NUL.
     char text[MAX_DATAGRAM + 2];
     CSockAddrStorage from;
-    for (int i = 0; i < MAX_DATAGRAMS_A_TURN; ++i) {
-        const int count = m_sock->Recv(text, MAX_DATAGRAM + 1, &from);
-        if (count < 0 && !CSockDgram::IsPeerError(errno)) {
-            return end_broken();
-        }
-        if (count <= 0) {
-            m_sock->DropAnswers();
-            return 0;
-        }
-        text[count] = '\0';
-        if (!stopped() && count <= MAX_DATAGRAM && take_datagram(text, count, from) < 0) {
-            return -1;
-        }
+    const int count = m_sock->Recv(text, MAX_DATAGRAM + 1, &from);
+    if (count < 0 && !CSockDgram::IsPeerError(errno)) {
+        return end_broken();
     }
-    return 0;
+    if (count <= 0) {
+        m_sock->DropAnswers();
+    }
+    if (count <= 0 || count > MAX_DATAGRAM || stopped()) {
+        return 0;
+    }
+    text[count] = '\0';
+    return take_datagram(text, count, from);
 }
 
 int CP2PSvrSession::end_broken() {

@@ -1,8 +1,9 @@
 #include "Nat/P2PUdpReceiver.h"
 
 #include <new>
+#include <utility>
 
-#include "DgramBatch.h"
+#include "DgramTurn.h"
 #include "Nat/NatHello.h"
 #include "Protocol/RtspParser.h"
 #include "Vidora/Ostra/ByteReader.h"
@@ -32,6 +33,7 @@ CP2PUdpReceiver* CP2PUdpReceiver::Create(const std::shared_ptr<CSockDgram>& sock
 }
 
 int CP2PUdpReceiver::Start(uint64_t period_us, float speed) {
+    m_sock->JoinReceived();  // an older system returns them one by one
     const int result = RegisterSock(*m_sock, Tramel::SOCK_EVENT_READ, 0);
     if (result == 0) {
         StartReceive(static_cast<int64_t>(period_us), speed);
@@ -52,17 +54,18 @@ int CP2PUdpReceiver::handle_stream_input() {
     if (batch == nullptr || input_fd() != m_sock->GetHandle()) {
         return -1;
     }
-    const int count = batch->Recv(*m_sock);
-    if (count <= 0) {
-        m_sock->DropAnswers();
-    }
-    mark_arrival();
-    for (int i = 0; i < count; ++i) {
-        if (batch->From(i) == m_server && Take(batch->Datagram(i)) < 0) {
+    CDgramTurn datagrams(*batch, *m_sock);
+    DgramSlice datagram;
+    int count = 0;
+    for (mark_arrival(); datagrams.Next(datagram); ++count) {
+        if (datagrams.From() == m_server && Take(datagram) < 0) {
             return -1;
         }
     }
-    return count > 0 ? count : 0;
+    if (count == 0) {
+        m_sock->DropAnswers();
+    }
+    return count;
 }
 
 int CP2PUdpReceiver::Take(const DgramSlice& datagram) {
@@ -98,8 +101,10 @@ void CP2PUdpReceiver::take_report(const DgramSlice& datagram) {
 void CP2PUdpReceiver::take_text(const DgramSlice& datagram) {
     const char* text = reinterpret_cast<const char*>(datagram.data);
     if (datagram.length <= RTSP_MAX_MESSAGE && !IsNatHello({text, datagram.length}, NAT_SERVER_HELLO)) {
-        datagram.data[datagram.length] = '\0';
+        unsigned char& behind = datagram.data[datagram.length];
+        const unsigned char next = std::exchange(behind, uint8_t{0});
         take_rtsp(text, static_cast<int>(datagram.length));
+        behind = next;  // another datagram's, perhaps
     }
 }
 

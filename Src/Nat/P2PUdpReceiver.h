@@ -13,7 +13,7 @@ namespace Vidora {
 // begins with "R", or an RTP packet, whose payload type names the track: the first two can be recognised, and what
 // belongs to neither is dropped. So is a hello of the server, what others than the server send, and what is shorter
 // than an RTP header. RTCP, if it is taken at all, is known by its packet type (RFC 5761 4), and its track by the SSRC
-// of its sender. A turn takes 64 datagrams at most.
+// of its sender. A turn reads as CDgramTurn does.
 class CP2PUdpReceiver final : public CStreamReceiver {
 public:
     // Shares `sock`, on which `server` sends; `takes_rtcp`: or drops it. `owner_id` as in CStreamTcpReceiver::Create.
@@ -25,7 +25,8 @@ public:
     int Stop() override;
 
     int handle_stream_input() override;
-    // A datagram of the server, with room for a NUL behind it. Of the strand. 0, or -1 without memory.
+    // A datagram of the server, with room for a NUL behind it, for the time of the call. Of the strand. 0, or -1
+    // without memory.
     int Take(const DgramSlice& datagram);
 
 protected:

@@ -1,6 +1,5 @@
 #include "Nat/P2PUdpSender.h"
 
-#include "RtpRun.h"
 #include "Tramel/MediaTag.h"
 #include "Tramel/SockDgram.h"
 
@@ -10,23 +9,6 @@ namespace Vidora {
 namespace {
 
 const uint64_t REPORT_INTERVAL_MS = 1000;
-
-// The packets in front of the first that isn't whole.
-struct run_t {
-    unsigned int bytes = 0;
-    int packets = 0;
-};
-
-run_t whole_packets(const unsigned char* data, size_t length) {
-    CByteReader reader(data, length);
-    interleaved_unit_t unit;
-    run_t run;
-    while (reader.Remaining() > 0 && ReadInterleavedUnit(reader, unit)) {
-        run.bytes = static_cast<unsigned int>(length - reader.Remaining());
-        ++run.packets;
-    }
-    return run;
-}
 
 }  // namespace
 
@@ -40,13 +22,10 @@ int CP2PUdpSender::Put(CMediaPacket* packet, int length, int /*flag*/, int tag) 
     if (data == nullptr || length < 0 || m_sock == nullptr) {
         return -1;
     }
-    const run_t run = whole_packets(data, static_cast<size_t>(length));
-    const int count = m_sock->SendMerged(data, run.bytes);
-    const bool sent = count >= 0 && run.bytes == static_cast<unsigned int>(length);
+    const bool sent = m_sock->SendMerged(data, static_cast<unsigned int>(length), &m_sent_whole) >= 0;
     if (!sent) {
         report_failure();
     }
-    m_sent_whole = sent && count == run.packets;
     m_failing = !sent;
     return sent ? length : -1;
 }

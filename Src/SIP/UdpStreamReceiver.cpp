@@ -2,12 +2,11 @@
 
 #include <poll.h>
 
-#include <algorithm>
 #include <cerrno>
 #include <cstring>
 #include <new>
 
-#include "DgramBatch.h"
+#include "DgramTurn.h"
 #include "StreamParser/RtpHeader.h"
 
 namespace Kavio {
@@ -53,7 +52,7 @@ bool CUdpStreamReceiver::Attach(const std::shared_ptr<CSockDgram>& sock) {
     if (m_shut) {
         return false;
     }
-    end_run();
+    release_sock();
     m_sock = sock;
     return true;
 }
@@ -70,6 +69,7 @@ bool CUdpStreamReceiver::Start(const frame_proc_t& proc) {
         logError("%s:%d no socket, or no thread pool \n", __FILE__, __LINE__);
         return false;
     }
+    m_joins = m_sock->JoinReceived() == 0 || m_joins;  // an older system returns them one by one
     m_proc = proc;
     m_run = ++m_run_count;
     return true;
@@ -93,19 +93,27 @@ void CUdpStreamReceiver::end_run() {
     }
 }
 
+// The host's socket goes back as it came.
+void CUdpStreamReceiver::release_sock() {
+    end_run();
+    if (m_sock != nullptr && m_joins) {
+        m_sock->EndJoining();
+    }
+    m_joins = false;
+    m_sock.reset();
+}
+
 int CUdpStreamReceiver::Detach() {
     const CGuard guard(m_mutex);
     const int fd = m_sock != nullptr ? m_sock->GetHandle() : -1;
-    end_run();
-    m_sock.reset();
+    release_sock();
     return fd;
 }
 
 void CUdpStreamReceiver::Shut() {
     const CGuard guard(m_mutex);
     m_shut = true;
-    end_run();
-    m_sock.reset();
+    release_sock();
 }
 
 void CUdpStreamReceiver::WaitForCall() {
@@ -126,45 +134,58 @@ int CUdpStreamReceiver::handle_close(CNetHandler*) {
     return 0;
 }
 
-// One batch an event: what is left is told again, after the other handlers' turns.
 int CUdpStreamReceiver::handle_input(int fd) {
     CDgramBatch* batch = CDgramBatch::OfThread();
     uint64_t run = 0;
-    const int count = batch != nullptr ? read(fd, *batch, run) : 0;
-    call_t call;
-    if (count < 0 && fail(run, call)) {
-        run_calls(run, call);
-    }
-    for (int i = 0; i < count; ++i) {
-        if (take(batch->Datagram(i), batch->From(i), run, call)) {
-            run_calls(run, call);
-        }
-    }
-    return count < 0 ? -1 : 0;
-}
-
-// The number of datagrams, and the run that they are for; -1: the socket has failed.
-int CUdpStreamReceiver::read(int fd, CDgramBatch& batch, uint64_t& run) {
-    const CGuard guard(m_mutex);
-    if (m_run == 0 || m_sock->GetHandle() != fd) {
+    const std::shared_ptr<CSockDgram> sock = find_run(fd, run);
+    if (batch == nullptr || sock == nullptr) {
         return 0;
     }
-    run = m_run;
-    const int count = batch.Recv(*m_sock);
-    const int error = count < 0 ? errno : 0;
-    if (count <= 0 && has_failed(fd, error)) {
-        logError("%s:%d m_stream_sock.Recv  -1 \n", __FILE__, __LINE__);
-        return -1;
+    CDgramTurn turn(*batch, *sock);
+    call_t call;
+    bool has_ended = false;
+    while (next_call(turn, run, call)) {
+        has_ended = !call.frame.valid();
+        call.proc(call.frame);
     }
-    if (count <= 0) {
-        m_sock->DropAnswers();
-    }
-    return std::max(count, 0);
+    return has_ended ? -1 : 0;
 }
 
-bool CUdpStreamReceiver::take(const DgramSlice& datagram, const CSockAddrStorage& from, uint64_t run, call_t& call) {
+// The socket of the run that reads `fd`; null if there is none.
+std::shared_ptr<CSockDgram> CUdpStreamReceiver::find_run(int fd, uint64_t& run) {
     const CGuard guard(m_mutex);
-    if (m_run != run || datagram.length == 0) {
+    run = m_run;
+    return m_run != 0 && m_sock->GetHandle() == fd ? m_sock : nullptr;
+}
+
+// The callback that is due next: for the frames that the decoder has, and for those that the datagrams complete which
+// are left.
+bool CUdpStreamReceiver::next_call(CDgramTurn& turn, uint64_t run, call_t& call) {
+    const CGuard guard(m_mutex);
+    end_call(call);
+    if (m_run != run) {
+        return false;
+    }
+    bool is_due = begin_call(call);
+    DgramSlice datagram;
+    while (!is_due && turn.Next(datagram)) {
+        is_due = take(datagram, turn.From()) && begin_call(call);
+    }
+    return is_due || look_at_end(turn, call);
+}
+
+// The one before has returned, if there was one.
+void CUdpStreamReceiver::end_call(call_t& call) {
+    if (m_calling) {
+        m_calling = false;
+        m_wait.Wake();
+        call.frame = Flumen::CMediaFrame();
+    }
+}
+
+// Whether frames may be ready.
+bool CUdpStreamReceiver::take(const DgramSlice& datagram, const CSockAddrStorage& from) {
+    if (datagram.length == 0) {
         return false;
     }
     if (!is_wanted(from)) {
@@ -182,34 +203,23 @@ bool CUdpStreamReceiver::take(const DgramSlice& datagram, const CSockAddrStorage
     }
     ++m_statistics.packets;
     m_statistics.bytes += datagram.length;
-    return ret == PARSER_FRAME_READY && begin_call(call);
+    return ret == PARSER_FRAME_READY;
 }
 
-// The end of a run by its socket: one call with an empty frame.
-bool CUdpStreamReceiver::fail(uint64_t run, call_t& call) {
-    const CGuard guard(m_mutex);
-    if (m_run != run) {
+// A socket that has failed ends the run, by one call with an empty frame. Whether it is due.
+bool CUdpStreamReceiver::look_at_end(const CDgramTurn& turn, call_t& call) {
+    const int error = turn.Failed() ? errno : 0;
+    if (!turn.Failed() && !turn.IsEmpty()) {
         return false;
     }
-    call.frame = Flumen::CMediaFrame();
+    if (!has_failed(m_sock->GetHandle(), error)) {
+        m_sock->DropAnswers();
+        return false;
+    }
+    logError("%s:%d m_stream_sock.Recv  -1 \n", __FILE__, __LINE__);
     mark_call(call);
     end_run();
     return true;
-}
-
-void CUdpStreamReceiver::run_calls(uint64_t run, call_t& call) {
-    do {
-        call.proc(call.frame);
-    } while (go_on(run, call));
-}
-
-// A callback has returned: is there another frame?
-bool CUdpStreamReceiver::go_on(uint64_t run, call_t& call) {
-    const CGuard guard(m_mutex);
-    m_calling = false;
-    m_wait.Wake();
-    call.frame = Flumen::CMediaFrame();
-    return m_run == run && begin_call(call);
 }
 
 // The last sender that was found to be the right one is known by its address.

@@ -16,7 +16,7 @@
 namespace Kavio {
 namespace Vidora {
 
-class CDgramBatch;
+class CDgramTurn;
 
 // Who may send. The text is that of CSockAddrStorage::GetIpStr.
 struct udp_stream_remote_t {
@@ -28,8 +28,8 @@ struct udp_stream_remote_t {
 
 // CUdpStreamReceiver: the receiving direction of a single track: RTP packets from the socket, and frames to the host.
 //
-// Each Start begins a run with a number of its own. A turn of the strand takes a batch of datagrams for the run that it
-// finds; as soon as another has begun, or none is left, it leaves the rest alone.
+// Each Start begins a run with a number of its own. A turn of the strand takes datagrams for the run that it finds; as
+// soon as another has begun, or none is left, it leaves the rest alone.
 //
 // THREADING  Any thread. m_mutex is held over reading and decoding, never over the host's callback, and no lock but the
 //            reactor's own is taken under it. What ends or replaces a run doesn't wait for the callback: call
@@ -72,11 +72,12 @@ private:
 
     bool end_former(const frame_proc_t& proc);
     void end_run() VIDORA_REQUIRES(m_mutex);
-    int read(int fd, CDgramBatch& batch, uint64_t& run);
-    bool take(const DgramSlice& datagram, const CSockAddrStorage& from, uint64_t run, call_t& call);
-    bool fail(uint64_t run, call_t& call);
-    void run_calls(uint64_t run, call_t& call);
-    bool go_on(uint64_t run, call_t& call);
+    void release_sock() VIDORA_REQUIRES(m_mutex);
+    std::shared_ptr<CSockDgram> find_run(int fd, uint64_t& run);
+    bool next_call(CDgramTurn& turn, uint64_t run, call_t& call);
+    void end_call(call_t& call) VIDORA_REQUIRES(m_mutex);
+    bool take(const DgramSlice& datagram, const CSockAddrStorage& from) VIDORA_REQUIRES(m_mutex);
+    bool look_at_end(const CDgramTurn& turn, call_t& call) VIDORA_REQUIRES(m_mutex);
     bool is_wanted(const CSockAddrStorage& from) VIDORA_REQUIRES(m_mutex);
     bool has_right_form(const DgramSlice& datagram) const VIDORA_REQUIRES(m_mutex);
     int process_data(const DgramSlice& datagram) VIDORA_REQUIRES(m_mutex);
@@ -87,6 +88,7 @@ private:
     CStreamParserPtr m_parser VIDORA_GUARDED_BY(m_mutex);
     uint8_t m_payload_type VIDORA_GUARDED_BY(m_mutex) = 0;
     std::shared_ptr<CSockDgram> m_sock VIDORA_GUARDED_BY(m_mutex);
+    bool m_joins VIDORA_GUARDED_BY(m_mutex) = false;  // the system joins what the socket receives
     bool m_shut VIDORA_GUARDED_BY(m_mutex) = false;
     udp_stream_remote_t m_remote VIDORA_GUARDED_BY(m_mutex);
     CSockAddrStorage m_known VIDORA_GUARDED_BY(m_mutex);  // the last sender that was accepted

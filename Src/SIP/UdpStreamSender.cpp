@@ -1,25 +1,7 @@
 #include "SIP/UdpStreamSender.h"
 
-#include "Tramel/Interleave.h"
-#include "Vidora/Ostra/ByteReader.h"
-
 namespace Kavio {
 namespace Vidora {
-
-namespace {
-
-// Packets of a run, each behind its interleave header.
-int count_packets(const Flumen::CMediaFrame& run) {
-    CByteReader reader(run.getBuffer(), run.size());
-    int count = 0;
-    for (; reader.Remaining() > 0 && reader.Ok(); ++count) {
-        reader.Skip(Tramel::INTERLEAVE_HEADER_SIZE - sizeof(uint16_t));
-        reader.Skip(reader.ReadU16());
-    }
-    return count;
-}
-
-}  // namespace
 
 bool CUdpStreamSender::Init() {
     const CGuard guard(m_mutex);
@@ -84,8 +66,10 @@ bool CUdpStreamSender::Put(const Flumen::CMediaFrame& frame) {
 }
 
 bool CUdpStreamSender::send(const Flumen::CMediaFrame& run) {
-    const int sent = m_sock != nullptr ? m_sock->SendMerged(run.getBuffer(), run.size()) : -1;
-    const bool complete = sent >= count_packets(run);
+    bool complete = false;
+    if (m_sock != nullptr) {
+        m_sock->SendMerged(run.getBuffer(), run.size(), &complete);
+    }
     if (!complete && m_log.Pass()) {
         logWarn("%s:%d udp send failed, len:%d \n", __FILE__, __LINE__, static_cast<int>(run.size()));
     }

@@ -53,9 +53,10 @@ public:
     // Sends a merged frame: `length` bytes that are a run of packets, each behind its 4-byte interleave header
     // ("$", channel, 16-bit length, RFC 2326 10.12), as one datagram a packet without the headers, to the remote. What
     // is on the wire is what one Send a packet sends; the system calls are few (see CDgramRun). Returns the number of
-    // datagrams sent; those that the socket had no room for are lost. -1 if the run is cut short (the packets in front
-    // of the fault are sent) or the socket fails, with errno set.
-    int SendMerged(const unsigned char* data, unsigned int length);
+    // datagrams sent; those that the socket had no room for are lost. -1 if that is no run, or one that is cut short
+    // (the packets in front of the fault are sent), or the socket fails, with errno set. `all`, which may be null:
+    // whether all of it was sent.
+    int SendMerged(const unsigned char* data, unsigned int length, bool* all = nullptr);
     // Sends `count` datagrams to the remote in the same way. The number sent, or -1.
     int SendBatch(const DgramSlice* slices, unsigned int count);
     // Reads up to `count` datagrams, at most 64, in one system call without blocking, each into its slice, whose
@@ -69,6 +70,8 @@ public:
     // Lets the system join datagrams of one size that come in a row (UDP_GRO, Linux 5.0): a frame's packets cost little
     // more than one. From now on everything is read by RecvBatch with `segments`. 0, or -1 if the system can't.
     int JoinReceived();
+    // Takes that back. What is still unread is dropped, as another reader would take what was joined for one datagram.
+    void EndJoining();
 
     // The largest size of datagrams that the system may cut a message into; 0 where it can't.
     unsigned int MaxSegment() const { return m_offload_limit == 0 ? 0 : m_offload_limit - 1; }

@@ -24,7 +24,10 @@ namespace Tramel {
 
 namespace {
 
+const uint32_t MAX_UNIT_SIZE = 0xffff;  // the low half of an interleave header; "$" is its first byte
+const unsigned int MARK_SHIFT = 24;
 const unsigned int MAX_RECV_MESSAGES = 64;  // of one system call
+const int MAX_UNREAD = 1024;
 
 int recv_messages(int fd, struct mmsghdr* messages, unsigned int count) {
     // A peer's ICMP answer to what was sent from here is reported once and says nothing about what has arrived.
@@ -81,17 +84,22 @@ struct RecvFrame {
 
 }  // namespace
 
-int CSockDgram::SendMerged(const unsigned char* data, unsigned int length) {
+int CSockDgram::SendMerged(const unsigned char* data, unsigned int length, bool* all) {
+    if (all != nullptr) {
+        *all = false;
+    }
     if (m_fd < 0 || data == nullptr) {
         return -1;
     }
+    bool is_run = true;
     CDgramRun run(m_fd, m_target, m_offload_limit);
     Ostra::CByteReader reader(data, length);
     while (reader.Remaining() > 0 && !run.Stopped()) {
-        reader.Skip(INTERLEAVE_LENGTH_AT);
-        const unsigned int size = reader.ReadU16();
+        const uint32_t header = reader.ReadU32();
+        const unsigned int size = header & MAX_UNIT_SIZE;
         const uint8_t* packet = reader.ReadBytes(size);
-        if (!reader.Ok()) {
+        is_run = reader.Ok() && header >> MARK_SHIFT == INTERLEAVE_MARK;
+        if (!is_run) {
             break;
         }
         run.Add(packet, size);
@@ -101,10 +109,13 @@ int CSockDgram::SendMerged(const unsigned char* data, unsigned int length) {
     tally.Sent(static_cast<uint64_t>(run.Sent()), run.Bytes());
     tally.Dropped(run.Stopped() ? 1 : 0);
     tally.Tell();
-    if (!reader.Ok()) {
+    if (!is_run) {
         errno = EBADMSG;
     }
-    return reader.Ok() && !run.Failed() ? run.Sent() : -1;
+    if (all != nullptr) {
+        *all = is_run && !run.Stopped();
+    }
+    return is_run && !run.Failed() ? run.Sent() : -1;
 }
 
 int CSockDgram::SendBatch(const DgramSlice* slices, unsigned int count) {
@@ -121,6 +132,20 @@ int CSockDgram::SendBatch(const DgramSlice* slices, unsigned int count) {
 
 int CSockDgram::JoinReceived() {
     return SetOption(m_fd, SOL_UDP, UDP_GRO, 1);
+}
+
+// The socket is asked first: it may be a borrowed one, whose descriptor its owner has closed and the system has given
+// to something else. Systems before 5.18 don't tell.
+void CSockDgram::EndJoining() {
+    int joins = 0;
+    socklen_t length = sizeof(joins);
+    const bool knows = ::getsockopt(m_fd, SOL_UDP, UDP_GRO, &joins, &length) == 0;
+    if ((knows && joins == 0) || SetOption(m_fd, SOL_UDP, UDP_GRO, 0) != 0) {
+        return;
+    }
+    char first = 0;
+    for (int i = 0; i < MAX_UNREAD && ::recv(m_fd, &first, sizeof(first), MSG_DONTWAIT) >= 0; ++i) {
+    }
 }
 
 int CSockDgram::RecvBatch(DgramSlice* slices, unsigned int count, CSockAddrStorage* from, unsigned int* segments) {

@@ -5,6 +5,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <mutex>
 #include <string>
 #include <thread>
@@ -138,6 +139,17 @@ TEST_F(CSingleTrackTest, FramesTravelBothWays) {
             }
             EXPECT_EQ(0u, track.Statistics().damaged + track.Statistics().foreign);
         }
+        // The socket that comes back gives its host one packet after the other.
+        EXPECT_EQ(tracks[0].sock.Fd(), tracks[0].object->Detach());
+        EXPECT_TRUE(tracks[1].object->Put(row.frames[0]));
+        char packet[65536];
+        ssize_t sum = 0, largest = 0;
+        EXPECT_TRUE(WaitUntil([&] {
+            const ssize_t size = ::recv(tracks[0].sock.Fd(), packet, sizeof(packet), 0);
+            largest = std::max(largest, size);
+            return (sum += std::max<ssize_t>(size, 0)) >= static_cast<ssize_t>(BodyOf(row.frames[0]).size());
+        }));
+        EXPECT_LT(largest, 1500);
     }
 }
 

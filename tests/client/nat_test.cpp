@@ -4,6 +4,7 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
+#include <future>
 #include <set>
 
 #include "RtspClient/ClientTypes.h"
@@ -108,6 +109,26 @@ TEST_F(CNatTest, RequestsLeaveOneByOne) {
     answers = true;
     EXPECT_TRUE(WaitUntil([&] { return host.Count(MSG_RTSP_PLAY_READY) == 2; }));
     EXPECT_EQ(1, host.Count(MSG_RTSP_PAUSE_READY));
+}
+
+// Not with a tick, of which there is none here.
+TEST_F(CNatTest, TheNextRequestLeavesWithTheReplyToTheOneBefore) {
+    ClientTiming().tick_us = 3600000000;
+    std::promise<void> go_on;
+    CNatPeer peer([&go_on](const ServerRequest& request) {
+        if (request.method == "PAUSE") {
+            go_on.get_future().wait();
+        }
+        return CScriptedServer::Answer(request);
+    });
+    CNatHost host;
+    ASSERT_EQ(0, host.Start(peer.Url()));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    host.session->Pause();
+    host.session->Play(0.0F, 0.0F, 1.0F, false);
+    EXPECT_TRUE(WaitUntil([&] { return peer.Requests("PAUSE").size() == 1; }));
+    go_on.set_value();
+    EXPECT_TRUE(WaitUntil([&] { return host.Count(MSG_RTSP_PLAY_READY) == 2; }));
 }
 
 // As of a host that calls it with each frame.

@@ -64,8 +64,9 @@ void Fuzz::Target(const uint8_t* data, size_t size) {
     while (input.Remaining() > 2) {
         const size_t length = input.ReadU16();
         Bytes datagram = ReadBytes(input, length);
-        datagram.push_back(0xff);  // the room for a NUL
+        datagram.push_back(0xff);  // that is the room for a NUL, and perhaps another datagram's
         Require(receiver->Take({datagram.data(), static_cast<unsigned int>(datagram.size() - 1)}) == 0);
+        Require(datagram.back() == 0xff);
     }
     receiver->handle_close(receiver);
 }
