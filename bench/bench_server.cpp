@@ -1,8 +1,10 @@
 // Load on the live server, beside a bare loop that does the same work in the same run. README.md says how it measures.
 //
-//   bench_server VIDORA_HOST [--clients N] [--tcp | --udp | --http | --nat] [--slices K] [--threads T] [--clip
-//   FILE.h264]
+//   bench_server VIDORA_HOST [--clients N] [--tcp | --udp | --http | --nat] [--slices K] [--setups K]
+//   [--threads T] [--clip FILE.h264]
 
+#include <netinet/in.h>
+#include <sys/socket.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -10,6 +12,7 @@
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
+#include <iterator>
 #include <memory>
 #include <string>
 #include <thread>
@@ -18,6 +21,7 @@
 #include "rendezvous/Rendezvous.h"
 #include "support/BareServer.h"
 #include "support/LoadClient.h"
+#include "support/Loopback.h"
 #include "support/Machine.h"
 #include "support/Process.h"
 
@@ -25,11 +29,13 @@ namespace {
 
 const char CONTENT[] = "cam/realmonitor?channel=1&subtype=0";
 const size_t CLIP_FRAMES = 100;
-const char RTP_PORTS[] = "33000-41000";  // away from the default range, which another host may have
+// Blocks for the host's RTP ports, each enough for 3000 sessions: away from the default range, which another host may
+// have, and from the ports that the system gives out itself. Two benchmarks at once take different ones.
+const uint16_t RTP_BLOCKS[] = {1600, 7700, 13800};
+const uint16_t RTP_BLOCK_SIZE = 6100;
 const uint16_t SERVER_UDP_BASE = 42000;  // of the clients' ports
 const uint16_t BARE_UDP_BASE = 50000;
 const uint16_t FIRST_UDP_BASE = 58000;
-const unsigned int MANY_SESSIONS = 1000;  // from there on the set-up is repeated
 const int SETUP_ROUNDS = 5;
 const unsigned int FIRST_SESSIONS = 8;  // that are there when memory is measured, for what the first ones bring
 // A host that was halted for longer than two seconds goes on from where it is instead of catching up.
@@ -145,6 +151,25 @@ void make_clip(const std::string& path) {
     }
 }
 
+// The lowest port of a block is the first that a host takes.
+bool is_free(uint16_t port) {
+    const int fd = ::socket(AF_INET, SOCK_DGRAM | SOCK_CLOEXEC, 0);
+    const sockaddr_in address = Bench::loopback(port);
+    const bool free = ::bind(fd, reinterpret_cast<const sockaddr*>(&address), sizeof(address)) == 0;
+    ::close(fd);
+    return free;
+}
+
+std::string rtp_ports() {
+    const size_t blocks = std::size(RTP_BLOCKS);
+    const size_t first = static_cast<size_t>(::getpid()) % blocks;
+    size_t at = first;
+    for (size_t i = 0; i < blocks && !is_free(RTP_BLOCKS[at]); ++i) {
+        at = (at + 1) % blocks;
+    }
+    return std::to_string(RTP_BLOCKS[at]) + "-" + std::to_string(RTP_BLOCKS[at] + RTP_BLOCK_SIZE);
+}
+
 std::unique_ptr<Bench::CProgram> start_host(const Options& options, uint16_t port, const std::string& point) {
     std::vector<std::string> command = {options.host,
                                         "--listen",
@@ -154,7 +179,7 @@ std::unique_ptr<Bench::CProgram> start_host(const Options& options, uint16_t por
                                         "--fps",
                                         "25",
                                         "--rtp-ports",
-                                        RTP_PORTS};
+                                        rtp_ports()};
     if (!point.empty()) {
         command.insert(command.end(), {"--nat", point, "--nat-name", Bench::NAT_NAME});
     }
@@ -300,12 +325,11 @@ bool run_row(const Options& options, const Bench::Recording& recording, Row row,
     };
     row.resident_before = resident();
     server.Stop();
-    const int rounds = row.clients >= MANY_SESSIONS ? SETUP_ROUNDS : 1;
-    for (int i = 1; i <= rounds; ++i) {
+    for (int i = 1; i <= SETUP_ROUNDS; ++i) {
         std::this_thread::sleep_for(SLICE);
-        set_up(server, row, i == rounds);
+        set_up(server, row, i == SETUP_ROUNDS);
         server.Stop();
-        set_up(bare, row, i == rounds);
+        set_up(bare, row, i == SETUP_ROUNDS);
         bare.Stop();
     }
     std::this_thread::sleep_for(SLICE);
@@ -413,8 +437,8 @@ Options parse(int argc, char** argv) {
     if (options.host.empty()) {
         std::fprintf(
             stderr,
-            "usage: bench_server VIDORA_HOST [--clients N] [--tcp | --udp | --http] [--slices K] [--threads T] "
-            "[--clip FILE.h264]\n");
+            "usage: bench_server VIDORA_HOST [--clients N] [--tcp | --udp | --http | --nat] [--slices K] [--setups K] "
+            "[--threads T] [--clip FILE.h264]\n");
         std::exit(2);
     }
     if (options.clip.empty()) {
