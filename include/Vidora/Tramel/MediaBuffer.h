@@ -20,7 +20,7 @@ class CMediaStreamSender;
 // reached after 8 ms of its processor time to all threads. Packets that come meanwhile leave in one vectored write a
 // sender. While there is no pool, or it doesn't keep up, the putting thread writes as well. The library's own senders
 // over UDP, which are level-2 sinks, are in these groups too, once EnableAutoSend was called; all others are called
-// inside Put.
+// inside Put, at its end.
 //
 // So a send procedure may run on the putting thread, which is the host's frame thread of the source, and does so with
 // few senders. The senders of a group are written one after another: a procedure that is slow holds up all of its group
