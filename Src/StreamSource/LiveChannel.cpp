@@ -61,6 +61,7 @@ CLiveChannel::~CLiveChannel() {
 
 void CLiveChannel::SetConfig(const CRtspSvrConfig& config) {
     m_internal->m_config = config;
+    m_internal->forget_sdp();
 }
 
 int CLiveChannel::Init(const char* channel_name, long notify_id, transf_type_t transf_type) {
@@ -74,6 +75,7 @@ int CLiveChannel::Init(const char* channel_name, long notify_id, transf_type_t t
     }
     m_internal->m_notify_id = notify_id;
     m_internal->m_transf_type = transf_type;
+    m_internal->forget_sdp();
     return 0;
 }
 

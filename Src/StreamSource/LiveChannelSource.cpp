@@ -312,6 +312,12 @@ std::shared_ptr<const CSdpParser> CLiveChannel::Internal::unicast_sdp_locked(
     return m_unicast_sdp;
 }
 
+// The next client gets a new one.
+void CLiveChannel::Internal::forget_sdp() {
+    CGuard guard(m_mutex);
+    m_unicast_sdp = nullptr;
+}
+
 std::shared_ptr<const CSdpParser> CLiveChannel::Internal::multicast_sdp_locked(const CSdpParser& source) {
     std::shared_ptr<CSdpParser> sdp = CSdpParser::Make();
     if (sdp != nullptr) {

@@ -55,6 +55,7 @@ struct CLiveChannel::Internal {
     // The feed's description as clients of a unicast channel get it. Null if memory is short.
     std::shared_ptr<const CSdpParser> unicast_sdp_locked(const std::shared_ptr<const CSdpParser>& source)
         VIDORA_REQUIRES(m_mutex);
+    void forget_sdp();
     std::shared_ptr<const CSdpParser> multicast_sdp_locked(const CSdpParser& source) VIDORA_REQUIRES(m_mutex);
     bool can_transfer_locked(const CSockAddrStorage& dest, const char* local_ip, int line) VIDORA_REQUIRES(m_mutex);
     packet_type_t transf_packets() const { return m_transf_type == TRANSF_TYPE_TS ? PACKET_TYPE_TS : PACKET_TYPE_RTP; }

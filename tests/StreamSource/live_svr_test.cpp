@@ -185,6 +185,16 @@ TEST_F(LiveTest, ChannelDescribesUnicastAndMulticast) {
         EXPECT_NE(std::string::npos, unicast.find("a=range:npt=now-\r\n"));
         EXPECT_NE(std::string::npos, unicast.find("a=packetization-supported:KX\r\n"));
         EXPECT_EQ(type == TRANSF_TYPE_TS, unicast.find("33 MP2T/90000") != std::string::npos);
+        std::shared_ptr<const CSdpParser> shared[3];
+        for (std::shared_ptr<const CSdpParser>& one : shared) {
+            if (&one == &shared[2]) {
+                channel->SetUnicast(true);  // the source is asked for its description anew
+            }
+            ASSERT_EQ(0, channel->GetSdp(one));
+            EXPECT_EQ(unicast, one->get_stream());
+        }
+        EXPECT_EQ(shared[0], shared[1]);
+        EXPECT_NE(shared[0], shared[2]);
 
         CSockAddrStorage group("239.1.2.3", 30000);
         for (int tracks = type == TRANSF_TYPE_TS ? 2 : 1; tracks <= 2; ++tracks) {  // a pair of ports for each
