@@ -90,6 +90,7 @@ int CReactor::Start(unsigned int threads) {
         return -1;
     }
     set_pollers(pollers);
+    m_may_grow = threads > 1;
     m_running.store(true);
     if (start_threads(threads, pollers) != 0) {
         Stop();
@@ -103,6 +104,9 @@ int CReactor::start_threads(unsigned int threads, const std::shared_ptr<CPollers
         if (!start_thread(pollers)) {
             return -1;
         }
+    }
+    if (!m_may_grow) {
+        return 0;
     }
     try {
         const CNoSignals none;
@@ -284,7 +288,7 @@ std::shared_ptr<CStrand> CReactor::take_ending_strand() {
 
 // A thread leaves for a turn, and nobody polls: sees to it that another one will, should that take long.
 void CReactor::call_others_locked(CPollers& pollers) {
-    if (m_resting == 0 && !m_watched) {
+    if (m_resting == 0 && !m_watched && m_may_grow) {
         set_watch_locked(pollers);
     } else if (m_resting > 0 && m_help_at == 0) {
         set_help_locked(pollers, m_busy_since);

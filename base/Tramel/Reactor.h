@@ -33,8 +33,9 @@ class CNetHandler;
 //   - a handler that blocks holds one thread, and others for HELP_AFTER_US at most, as long as another thread is free;
 //   - under load all threads work.
 // Handlers that hang in a host's code may hold all threads. One more thread watches over that: when none has come to
-// poll for HELD_UP_AFTER_US, and none rests, it adds a spare one, up to MAX_SPARES. A spare one is
-// like the others; when there are spare ones, a thread that has rested for SPARE_IDLE_MS leaves.
+// poll for HELD_UP_AFTER_US, and none rests, it adds a spare one, up to MAX_SPARES. A spare one is like the others;
+// when there are spare ones, a thread that has rested for SPARE_IDLE_MS leaves. A pool of one thread has neither: its
+// callbacks never run at once, which its host may count on.
 //
 // Answers:
 //   1. Which thread runs a callback? Whichever is free, without a lock of the reactor. Never the caller's inside a
@@ -147,7 +148,8 @@ private:
 
     Ostra::CMutex m_control;           // held over the beginning of a pool, and over that of its end
     std::list<CPoolThread> m_threads;  // of the thread that starts, that which watches, and that which stops, in turn
-    std::thread m_watcher;             // of the threads that start and stop
+    std::thread m_watcher;             // of the threads that start and stop; none if the pool may not grow
+    bool m_may_grow = false;           // constant while threads run
     std::atomic<unsigned int> m_spares{0};
 
     unsigned int m_strange_polls = 0;  // in a row, with an event of an unknown descriptor; of the thread that polls

@@ -13,7 +13,7 @@ namespace Tramel {
 // second, a spare one is added, and again when that one is held as well, up to 32; spare ones leave once two seconds
 // have passed without need of them. They are threads of the pool in every other way: callbacks run on them, and the end
 // of the pool waits for them. One thread more, which runs no callback, watches over that; it sleeps as long as a thread
-// is free.
+// is free. A pool of one thread never grows: no two callbacks run at once there, and one that hangs holds all others.
 //
 // THREADING  Both operations: any thread, several at once as well.
 class VIDORA_API CNetThread {
