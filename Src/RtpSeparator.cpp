@@ -45,11 +45,11 @@ CBufferedSeparator::step_t CRTPSeparator::parse_step(CByteReader& reader) {
     if (reader.Remaining() < MIN_UNIT) {
         return STEP_SHORT;
     }
-    if ((is_letter(reader.PeekU8(), 'r') && is_letter(reader.PeekU8(1), 't')) || may_be_request(reader)) {
-        return cut_text(reader);
-    }
     if (reader.PeekU8() == Tramel::INTERLEAVE_MARK) {
         return cut_interleaved(reader);
+    }
+    if ((is_letter(reader.PeekU8(), 'r') && is_letter(reader.PeekU8(1), 't')) || may_be_request(reader)) {
+        return cut_text(reader);
     }
     if (m_lost_log.Pass()) {
         logWarn("%s:%d rtp over rtsp stream error \n", __FILE__, __LINE__);
