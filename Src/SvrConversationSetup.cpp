@@ -118,8 +118,12 @@ int CSvrConversation::reply_describe() {
     } else {
         m_tracks.Build();
         const char* sdp = m_sdp->get_stream();
+        const char* head = m_codec.generate_describe_reply(static_cast<int>(strlen(sdp)));
+        if (head == nullptr) {
+            return REFUSED_FAILURE;
+        }
         char reply[RTSP_MAX_MESSAGE + SDP_STREAM_SIZE];
-        snprintf(reply, sizeof(reply), "%s%s", m_codec.generate_describe_reply(static_cast<int>(strlen(sdp))), sdp);
+        snprintf(reply, sizeof(reply), "%s%s", head, sdp);
         m_machine.put_tx_event(REPLY_KIND_DESCRIBE, reply, RTSP_STATUS_OK, m_wait_id);
     }
     m_awaited = 0;

@@ -47,10 +47,10 @@ TEST_F(NatServer, PlaysOverOneSocketAsPlainDatagrams) {
     EXPECT_EQ(200, StatusOf(viewer.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED)));
     EXPECT_EQ(200, StatusOf(viewer.Ask("PLAY", Url())));
     EXPECT_EQ(1u, m_svr->CountSessions());
-    for (unsigned int i = 0; i < 3; ++i) {
+    for (unsigned int i = 0; i < 6; ++i) {
         ASSERT_TRUE(Give(m_source_of_channel, i, 3000));
     }
-    for (int i = 0; i < 6; ++i) {
+    for (int i = 0; i < 6; ++i) {  // half of them: a busy machine may lose some
         EXPECT_EQ('\x80', viewer.Packet()[0]);
     }
     EXPECT_TRUE(viewer.Greet());
