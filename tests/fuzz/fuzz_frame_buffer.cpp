@@ -51,6 +51,13 @@ public:
         }
     }
     void Clear() { m_buffer.Clear(); }
+    void End() {
+        const int result = m_buffer.End(0);  // of the first two channels
+        Fuzz::Require(result == 0 || result == 1);
+        if (result == 1) {
+            take();
+        }
+    }
 
 private:
     void take() {
@@ -82,6 +89,8 @@ void Fuzz::Target(const uint8_t* data, size_t size) {
         }
         if (channel == 0xFF) {
             target.Clear();
+        } else if (channel == 0xFE) {
+            target.End();
         }
         record.control |= (channel & 0x10) == 0 ? 0x40 : 0;  // an interleave header, nearly always
         Fuzz::Bytes packet = senders[channel % CHANNEL_COUNT].Make(record);
