@@ -19,6 +19,7 @@ struct CSinkEntry;
 // THREADING  Put, PutRest: any thread, not twice at once; later than the packet was put, and in the order of the puts.
 //            A packet may be skipped when the pool doesn't keep up, see CSinkGroup. EnterPlace, LeavePlace: any thread,
 //            also while the sink is called.
+// OWNERSHIP  Has left every buffer (CMediaBuffer::DelLevel2Buffer) before it dies.
 class CPooledSink : public CLevel2Buffer_IF {
 public:
     // A put whose first `offset` bytes have gone by an outlet. Only for a sink that has some.

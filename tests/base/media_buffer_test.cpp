@@ -440,6 +440,7 @@ TEST(MediaBufferOutlets, ASinkIsCalledOnlyWithWhatItsSocketCannotSendAndLosesOnl
     Put(buffer, packets(1, 31), 1, KEY);
     EXPECT_EQ("", first.Heard(""));
     EXPECT_EQ("31 ", second.Heard("31 "));
+    buffer.DelLevel2Buffer(&second);
 }
 
 TEST_P(MediaBufferTest, PooledSinksLeaveFromAnyThreadAndInsideTheirOwnCallWhileOthersAreWritten) {
