@@ -376,12 +376,15 @@ void CClientConversation::OnReceivedRtcp(const std::string& compound, int channe
     reception_stats_t stats;
     const bool has_media = m_receive.GetStats(track->rtp_channel, stats) && stats.have_seq != 0;
     const bool over_udp = m_settings.transport == RTP_OVER_UDP;
-    if (over_udp && !has_media) {
+    // Of a track that was silent it is the source that SETUP announced.
+    const uint32_t announced = m_settings.conformance ? track->transport.ssrc : 0;
+    const uint32_t source = has_media ? stats.ssrc : announced;
+    if (over_udp && source == 0) {
         return;
     }
     // A datagram is easily forged: it must know the source that it ends.
     const bool must_know = over_udp || (m_settings.conformance && has_media);
-    if (m_reports.ReadBye(channel, compound, must_know ? &stats.ssrc : nullptr)) {
+    if (m_reports.ReadBye(channel, compound, must_know ? &source : nullptr)) {
         take_bye(*track);
     }
 }

@@ -79,6 +79,23 @@ TEST_F(CPullRulesTest, MediaComesOverIPv6) {
     svr->Close();
 }
 
+TEST_F(CPullRulesTest, ARecordingWithASilentTrackEndsByItselfByConformance) {
+    m_config.SetConformance(true);
+    StartServer();
+    for (const rtp_protocol_t transport : {RTP_OVER_RTSP, RTP_OVER_UDP}) {
+        CFakeStreamSource::SetNext(SoundAndPictures(true));
+        CClientHost host;
+        host.session->SetConformance(true);
+        host.session->SetPacketType(PACKET_TYPE_RTP);
+        ASSERT_EQ(0, host.Start(Url(FILE_CONTENT), transport));
+        ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+        ASSERT_TRUE(Give(CFakeStreamSource::Last(), 0));
+        EXPECT_TRUE(WaitUntil([&] { return host.sink.Count() > 0; }));
+        CFakeStreamSource::Last()->Tell(MSG_SRC_END);
+        EXPECT_EQ(RTSP_CLIENT_CODE_ENDED, host.EndCode()) << transport;
+    }
+}
+
 TEST_F(CPullRulesTest, SlowSinkHoldsUpItsOwnSessionOnly) {
     CFakeStreamSource* source = StartWithChannel();
     std::atomic<bool> holds{true};
