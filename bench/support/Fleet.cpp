@@ -31,6 +31,8 @@ const int UDP_RECV_BUFFER = 1 << 20;
 const int CONNECT_LIMIT_MS = 5000;
 const char NAT_HELLO[] = "RTSP Client/2.0 NAT";
 const char NAT_ANSWER[] = "RTSP Server/2.0 NAT";
+const unsigned char FIRST_RTCP_TYPE = 192;  // on the one socket, of no RTP payload type with a marker (RFC 5761 4)
+const unsigned char LAST_RTCP_TYPE = 223;
 const uint64_t HELLO_PERIOD_NS = 1000000000u;  // the server gives up after 15 seconds
 const int HELLO_CHECK_MS = 500;
 
@@ -197,7 +199,8 @@ bool CFleet::meet_server(CClient& client, unsigned int index) {
 void CFleet::take_datagram(CClient& client, const unsigned char* data, size_t size) {
     const std::string text(reinterpret_cast<const char*>(data), std::min<size_t>(size, sizeof(NAT_ANSWER) - 1));
     if (text.compare(0, 4, "RTSP") != 0) {
-        if (data[0] >> 6 == 2) {
+        const bool is_rtcp = size > 1 && data[1] >= FIRST_RTCP_TYPE && data[1] <= LAST_RTCP_TYPE;
+        if (data[0] >> 6 == 2 && !is_rtcp) {
             count_packet(client, data, size);
         }
     } else if (text != NAT_ANSWER && !client.over) {
