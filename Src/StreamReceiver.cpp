@@ -7,6 +7,7 @@
 #include "FrameMerger.h"
 #include "MediaFrame.h"
 #include "Protocol/LogQuote.h"
+#include "Protocol/RtcpParser.h"
 #include "RtpRun.h"
 #include "Tramel/Interleave.h"
 #include "Tramel/MediaTag.h"
@@ -19,7 +20,6 @@ namespace Vidora {
 namespace {
 
 const size_t MAX_URL = 1025;
-const uint8_t RTCP_TYPE_BYE = 203;
 const int RTCP_HEADER_LEN = 4;  // RFC 3550 6.4.1, without the SSRC: a BYE may name nobody
 
 int tag_of(int channel, bool key) {
@@ -35,7 +35,7 @@ bool has_bye(const unsigned char* data, size_t length) {
     while (compound.Skip(1)) {
         const uint8_t type = compound.ReadU8();
         const size_t words = compound.ReadU16();
-        if (compound.Ok() && type == RTCP_TYPE_BYE) {
+        if (compound.Ok() && type == CRtcpParser::RTCP_TYPE_BYE) {
             return true;
         }
         compound.Skip(words * sizeof(uint32_t));

@@ -17,7 +17,7 @@ public:
     virtual int Put(CMediaPacket* packet, int length, int flag, int channel) = 0;
     // Nothing follows what was put of the track that `channel` names in bits 24 to 31: it has ended, by a BYE (RFC 3550
     // 6.6) or with its connection. A sink that still waits for the end of a frame need wait no longer. May come more
-    // than once; the base does nothing.
+    // than once, on the thread that puts and not during a put; the base does nothing.
     virtual void End(int /*channel*/) {}
 };
 
