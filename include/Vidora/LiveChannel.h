@@ -84,7 +84,8 @@ public:
 
     // A copy of the SDP: 1 for a multicast channel, 0 for a unicast one, -1 if there is none.
     int GetSdp(CSdpParser& sdp);
-    // The same without a copy: shared with all that ask, while it is the channel's.
+    // The same without a copy: a description that is shared with all that ask and never changes, also when the channel
+    // gets another one or goes. -1 leaves `sdp` as it is.
     int GetSdp(std::shared_ptr<const CSdpParser>& sdp);
     // The SDP with an extension. This and the next three: see CDataSource.
     int GetSdp(CSdpParser& sdp, int ext_info);
