@@ -1,7 +1,6 @@
 #include "RtspClient/FrameRateRepair.h"
 
 #include <algorithm>
-#include <utility>
 
 #include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
@@ -88,8 +87,9 @@ void CFrameRateRepair::hold(Flumen::CMediaFrame& frame) {
 void CFrameRateRepair::measure() {
     m_rate = mean_rate();
     if (m_rate == 0) {
+        const int shown = std::min(m_saved_count, MAX_SAVED - 1);
         logWarn("%s:%d frame abnormal, m_frame_rate default to %d\n", __FILE__, __LINE__, DEFAULT_RATE);
-        for (int i = 0; i < MAX_SAVED - 1; ++i) {
+        for (int i = 0; i < shown; ++i) {
             logWarn("%s %d seq:%d  ts:%llu\n", __FILE__, __LINE__, m_saved[i].getSequence(),
                     static_cast<unsigned long long>(pts_of(m_saved[i])));
         }
@@ -102,7 +102,7 @@ void CFrameRateRepair::measure() {
 int CFrameRateRepair::mean_rate() const {
     int sum = 0;
     int steps = 0;
-    for (int i = 0; i + 1 < MAX_SAVED && follows(m_saved[i], m_saved[i + 1]); ++i) {
+    for (int i = 0; i + 1 < m_saved_count && follows(m_saved[i], m_saved[i + 1]); ++i) {
         const int span = distance_ms(m_saved[i], m_saved[i + 1]);
         if (span == 0) {
             logWarn("%s:%d seq diff, but ts is the same, m_frame_rate default to %d\n", __FILE__, __LINE__,
@@ -125,18 +125,23 @@ void CFrameRateRepair::measure_slow() {
     set_saved_rates();
 }
 
-Flumen::CMediaFrame CFrameRateRepair::Release() {
-    return m_saved_count > 0 && m_rate > 0 ? take_first() : Flumen::CMediaFrame();
+void CFrameRateRepair::End() {
+    if (m_rate == 0 && m_saved_count > 0) {
+        measure();
+    }
 }
 
+Flumen::CMediaFrame CFrameRateRepair::Release() {
+    return HasFrames() ? take_first() : Flumen::CMediaFrame();
+}
+
+// There is one.
 Flumen::CMediaFrame CFrameRateRepair::take_first() {
-    for (Flumen::CMediaFrame& saved : m_saved) {
-        if (saved.valid()) {
-            --m_saved_count;
-            return std::exchange(saved, Flumen::CMediaFrame());
-        }
-    }
-    return Flumen::CMediaFrame();
+    const Flumen::CMediaFrame first = m_saved[0];
+    std::move(m_saved + 1, m_saved + m_saved_count, m_saved);
+    m_saved[--m_saved_count] = Flumen::CMediaFrame();
+    m_span_ms = m_saved_count > 0 ? m_span_ms : 0;
+    return first;
 }
 
 }  // namespace Vidora

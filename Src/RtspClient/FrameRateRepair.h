@@ -21,8 +21,11 @@ public:
     // Sets the frame's rate, or takes it to hold it back: it is then empty, or an earlier frame is in its place.
     // Frames without a whole private header stay as they are.
     void Modify(Flumen::CMediaFrame& frame);
+    // No more frames come: those that are held back tell the rate, as far as they can.
+    void End();
     // The oldest frame that is held back, once the rate is known; empty otherwise.
     Flumen::CMediaFrame Release();
+    bool HasFrames() const { return m_saved_count > 0 && m_rate > 0; }
 
 private:
     static constexpr int MAX_SAVED = 4;

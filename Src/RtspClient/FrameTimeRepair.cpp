@@ -46,8 +46,9 @@ uint16_t CFrameTimeRepair::repair_audio(uint16_t value) {
     if (!m_audio_at_video.known) {
         m_audio_at_video = {true, value};
     }
-    const bool video_is_near = m_last_video.known && distance(m_audio_at_video.value, value) <= MAX_VIDEO_AGE_MS;
-    if (video_is_near && std::abs(distance(m_last_video.value, value)) > MAX_AUDIO_OFFSET_MS) {
+    // Behind the second it stays so, whatever the distance is where the stamps wrap.
+    m_video_is_near = m_video_is_near && distance(m_audio_at_video.value, value) <= MAX_VIDEO_AGE_MS;
+    if (m_video_is_near && std::abs(distance(m_last_video.value, value)) > MAX_AUDIO_OFFSET_MS) {
         value = m_last_video.value;
     }
     value = in_order(m_last_audio.known, m_last_audio.value, value);
@@ -58,6 +59,7 @@ uint16_t CFrameTimeRepair::repair_audio(uint16_t value) {
 uint16_t CFrameTimeRepair::repair_video(uint16_t value) {
     value = in_order(m_last_video.known, m_last_video.value, value);
     m_last_video = {true, value};
+    m_video_is_near = true;
     m_audio_at_video = m_raw_audio;
     return value;
 }

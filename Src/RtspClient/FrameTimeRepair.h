@@ -33,6 +33,7 @@ private:
     uint16_t repair_video(uint16_t value);
 
     Stamp m_last_video;
+    bool m_video_is_near = false;  // the last video frame came within the last second of audio
     Stamp m_last_audio;
     Stamp m_raw_audio;       // the last audio frame's as it came
     Stamp m_audio_at_video;  // of the audio frame around the last video frame, as it came

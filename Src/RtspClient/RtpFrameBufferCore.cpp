@@ -171,6 +171,11 @@ int CRtpFrameBufferCore::End(int channel) {
             ready = ready || track.ready;
         }
     }
+    const Track& video = m_tracks[CDecoderParams::TRACK_VIDEO];
+    if (video.parser != nullptr && video.channel / 2 == slot) {
+        m_rate_repair.End();
+        ready = ready || m_rate_repair.HasFrames();
+    }
     return ready ? 1 : 0;
 }
 

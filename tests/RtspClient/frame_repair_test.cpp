@@ -83,6 +83,7 @@ TEST(FrameRateRepair, MeasuresOnTheFirstFrames) {
             }
         }
         EXPECT_EQ(out.size(), expected.at(1));
+        repair.End();
         for (Flumen::CMediaFrame frame = repair.Release(); frame.valid(); frame = repair.Release()) {
             out.push_back(frame);
         }
