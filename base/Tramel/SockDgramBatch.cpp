@@ -44,9 +44,10 @@ int recv_messages(int fd, struct mmsghdr* messages, unsigned int count) {
 
 // What one recvmmsg needs besides the rooms of the datagrams.
 struct RecvFrame {
-    // How the system reports what it joined.
+    // How the system reports what it joined; behind what a host may have its own socket report, such as three time
+    // stamps, a packet's interface and its overflows.
     struct Control {
-        alignas(struct cmsghdr) unsigned char bytes[CMSG_SPACE(sizeof(int))];
+        alignas(struct cmsghdr) unsigned char bytes[CMSG_SPACE(sizeof(int)) + 256];
     };
 
     struct mmsghdr messages[MAX_RECV_MESSAGES];
