@@ -7,6 +7,7 @@
 #include <memory>
 #include <new>
 #include <string>
+#include <utility>
 
 #include "Protocol/LogQuote.h"
 #include "Protocol/RtspTables.h"
@@ -60,11 +61,12 @@ void erase_authorization(CRtspParser::ext_keys_t& keys) {
 
 // All under m_mutex, but for the buffer, which is constant.
 struct CRtspClientSession::Internal : client_session_state {
-    CRtspClient* m_client = nullptr;  // null once closed; its strand frees it
+    CRtspClient* m_client = nullptr;  // null once closed, and between two engines; its strand frees it
     int m_engines = 0;                // that were made and haven't ended
     client_host m_origin;             // whose are the user and password
     int m_redirects = 0;              // in a row
     long m_redirect_timer = 0;
+    long m_redirect_code = 0;  // while a former engine ends; 0: none does
     std::string m_redirect_url;
     RtspClientStatistics m_former;  // of engines that were replaced
     std::shared_ptr<client_sdp> m_views[MAX_KEPT_VIEWS];
@@ -225,12 +227,13 @@ int CRtspClientSession::SetCmdExtKey(rtsp_method_t method, const char* key, cons
     }
     CGuard guard(m_internal->m_mutex);
     Internal& self = *m_internal;
-    if (self.m_client == nullptr) {
+    if (self.m_closed) {
         return -1;
     }
     return GuardedCall([&] {
         self.m_settings.ext_keys[method][key] = text;
-        return self.m_started ? self.m_client->Conversation().SetExtKey(method, key, text) : 0;
+        return self.m_started && self.m_client != nullptr ? self.m_client->Conversation().SetExtKey(method, key, text)
+                                                          : 0;
     });
 }
 
@@ -322,6 +325,8 @@ int CRtspClientSession::handle_message(long sender_id, unsigned int msg, long pa
         --self.m_engines;
         if (self.m_engines == 0 && self.m_closed) {
             CNetHandler::Close();
+        } else if (self.m_engines == 0 && self.m_redirect_code != 0) {
+            start_redirected();
         }
         return 0;
     }
@@ -354,7 +359,8 @@ void CRtspClientSession::report_progress(unsigned int msg, long param) {
 void CRtspClientSession::finish(long param) {
     Internal& self = *m_internal;
     self.m_ready = false;
-    self.m_failure = self.m_client->Conversation().View().Failure();
+    self.m_failure =
+        self.m_client != nullptr ? self.m_client->Conversation().View().Failure() : RTSP_CLIENT_FAILURE_NONE;
     if (self.m_notify_id != 0) {
         Notify(self.m_notify_id, MSG_RTSP_TEARDOWN, param);
         self.m_notify_id = 0;
@@ -386,11 +392,20 @@ int64_t CRtspClientSession::handle_timeout(long timer_id) {
     return -1;
 }
 
-// A new engine takes the place of the one that was sent away.
+// A new engine takes the place of the one that was sent away, when that has gone: what that one puts may still be in a
+// sink, which only one thread may be in.
 void CRtspClientSession::follow_redirect(long param) {
     Internal& self = *m_internal;
     CRtspClient* former = self.m_client;
     former->Conversation().Receive().GetTotals(self.m_former);
+    self.m_redirect_code = param;
+    self.m_client = nullptr;
+    former->Close();
+}
+
+void CRtspClientSession::start_redirected() {
+    Internal& self = *m_internal;
+    const long code = std::exchange(self.m_redirect_code, 0);
     const int result = GuardedCall([&] {
         client_settings settings(self.m_settings);
         client_host host;
@@ -408,13 +423,10 @@ void CRtspClientSession::follow_redirect(long param) {
         }
         return self.m_client->Start(self.m_redirect_url, settings);
     });
-    if (self.m_client != former) {
-        former->Close();
-    }
     if (result < 0) {
         const CLogQuote quote(Ostra::LOG_LEVEL_WARN, self.m_redirect_url.c_str());
         logWarn("%s:%d redirect failed %s \n", __FILE__, __LINE__, quote.Text());
-        finish(param);
+        finish(code);
         self.m_failure = RTSP_CLIENT_FAILURE_PROTOCOL;
     }
 }

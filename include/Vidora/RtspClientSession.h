@@ -196,6 +196,7 @@ private:
     void finish(long param);
     void redirect(long param);
     void follow_redirect(long param);
+    void start_redirected();
 
     Internal* m_internal;
 };

@@ -290,6 +290,32 @@ TEST_F(CSessionTest, ApplicationRequestsAnswerOnceAndFailAlone) {
     EXPECT_EQ(-1, host.session->SendExtMsg(RTSP_METHOD_SET_PARAMETER, std::string(5000, 'x').c_str(), nullptr, 0));
 }
 
+// A sink is called by one thread at a time, also when a server sends its client away while the sink is slow.
+TEST_F(CSessionTest, RedirectAtPlayDoesNotOvertakeASlowSink) {
+    const auto with_media = [](const ServerRequest& request) {
+        return Server::Answer(request) + (request.method == "PLAY" ? Server::Rtp(1) + Server::Rtp(2) : "");
+    };
+    CScriptedServer other(with_media);
+    CScriptedServer server([&](const ServerRequest& request) {
+        return request.method != "PLAY" ? Server::Answer(request)
+                                        : Server::Reply(request, "302 Moved", "Location: " + other.Url() + "\r\n") +
+                                              Server::Rtp(1) + Server::Rtp(2);
+    });
+    std::atomic<int> inside{0};
+    std::atomic<int> most{0};
+    CClientHost host;
+    host.sink.on_put = [&] {
+        most = std::max(most.load(), ++inside);
+        if (other.Count("PLAY") == 0) {
+            WaitUntil([&] { return inside.load() > 1; }, 1000);  // long enough for the other server's media
+        }
+        --inside;
+    };
+    ASSERT_EQ(0, host.Start(server.Url()));
+    EXPECT_TRUE(WaitUntil([&] { return other.Count("PLAY") == 1 && host.sink.Count() > 1; }));
+    EXPECT_EQ(1, most.load());
+}
+
 TEST_F(CSessionTest, SilentStreamEndsUnlessAHostIsBusyWithIt) {
     CScriptedServer server(Server::Answer);
     CClientHost host;
