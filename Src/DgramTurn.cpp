@@ -1,6 +1,7 @@
 #include "DgramTurn.h"
 
 #include <algorithm>
+#include <cerrno>
 
 namespace Kavio {
 namespace Vidora {
@@ -13,9 +14,9 @@ bool CDgramTurn::Next(DgramSlice& datagram) {
         ++m_index;
         m_done = 0;
     }
-    const DgramSlice& message = m_batch.Datagram(m_index);
+    const DgramSlice& message = m_batch->Datagram(m_index);
     datagram.data = message.data + m_done;
-    datagram.length = std::min(m_batch.Segment(m_index), message.length - m_done);
+    datagram.length = std::min(m_batch->Segment(m_index), message.length - m_done);
     m_done += datagram.length;
     m_more = m_done < message.length;
     return true;
@@ -28,8 +29,13 @@ bool CDgramTurn::read() {
         return false;
     }
     ++m_reads;
-    m_count = m_batch.Recv(m_sock, is_first ? FEW_DATAGRAMS : CDgramBatch::MAX_DATAGRAMS - FEW_DATAGRAMS);
     m_index = -1;
+    if (m_batch == nullptr) {
+        errno = ENOMEM;
+        m_count = -1;
+        return false;
+    }
+    m_count = m_batch->Recv(m_sock, is_first ? FEW_DATAGRAMS : CDgramBatch::MAX_DATAGRAMS - FEW_DATAGRAMS);
     return m_count > 0;
 }
 

@@ -1,8 +1,10 @@
 #include "KXSeparator.h"
-#include "Tramel/Interleave.h"
 
 #include <algorithm>
 #include <cctype>
+
+#include "Protocol/LogQuote.h"
+#include "Tramel/Interleave.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -44,13 +46,22 @@ CBufferedSeparator::step_t CKXSeparator::parse_step(CByteReader& reader) {
         return STEP_SHORT;
     }
     if (std::tolower(reader.PeekU8()) == 'r' || may_be_request(reader)) {
-        return cut_text(reader);
+        return cut_reply(reader);
     }
     if (reader.PeekU8() == Tramel::INTERLEAVE_MARK) {
         return begin_frame(reader);
     }
     logError("%s:%d stream error\n", __FILE__, __LINE__);
     return STEP_FAILED;
+}
+
+CBufferedSeparator::step_t CKXSeparator::cut_reply(CByteReader& reader) {
+    const step_t step = cut_text(reader);
+    if (step == STEP_SHORT) {
+        const CLogQuote quote(Ostra::LOG_LEVEL_DEBUG, reinterpret_cast<const char*>(reader.Rest()), reader.Remaining());
+        logDebug("%s:%d rtsp not complete,%s\n", __FILE__, __LINE__, quote.Text());
+    }
+    return step;
 }
 
 CBufferedSeparator::step_t CKXSeparator::fill_frame(CByteReader& reader) {

@@ -22,6 +22,7 @@ public:
 
 private:
     step_t parse_step(CByteReader& reader) override;
+    step_t cut_reply(CByteReader& reader);
     step_t fill_frame(CByteReader& reader);
     step_t begin_frame(CByteReader& reader);
     step_t put_out();

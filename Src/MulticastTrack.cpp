@@ -71,11 +71,7 @@ int CMulticastTrack::Open(const CSockAddr& address) {
 }
 
 int CMulticastTrack::Receive() {
-    CDgramBatch* batch = CDgramBatch::OfThread();
-    if (batch == nullptr) {
-        return -1;
-    }
-    CDgramTurn turn(*batch, m_sock);
+    CDgramTurn turn(m_sock);
     DgramSlice datagram;
     while (m_live && turn.Next(datagram)) {
         Take(datagram.data, datagram.length);

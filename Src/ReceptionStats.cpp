@@ -2,8 +2,7 @@
 
 #include <cstdlib>
 
-#include "Protocol/RtcpParser.h"
-#include "Vidora/Ostra/ByteReader.h"
+#include "RtcpDigest.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -116,28 +115,16 @@ void CReceptionStats::follow_jitter(uint32_t timestamp, uint64_t arrival_us, uin
     m_have_transit = true;
 }
 
-//  |V=2|P|    RC   |   PT=SR=200   |             length            |
-//  |                         SSRC of sender                        |
-//  |                        NTP, seconds                           |
-//  |                        NTP, fraction                          |
-//  |                         RTP time stamp                        |
-void CReceptionStats::TakeRtcp(const unsigned char* data, size_t length, uint64_t arrival_us) {
-    Ostra::CByteReader reader(data, length);
-    reader.Skip(1);
-    const uint8_t type = reader.ReadU8();
-    reader.Skip(2);
-    const uint32_t ssrc = reader.ReadU32();
-    const uint64_t ntp = reader.ReadU64();
-    const uint32_t rtp = reader.ReadU32();
-    const bool is_others = m_stats.have_seq != 0 && ssrc != m_stats.ssrc;
-    if (!reader.Ok() || type != CRtcpParser::RTCP_TYPE_SR || is_others) {
+void CReceptionStats::TakeReport(const rtcp_digest_t& digest, uint64_t arrival_us) {
+    const bool is_others = m_stats.have_seq != 0 && digest.ssrc != m_stats.ssrc;
+    if (!digest.has_report || is_others) {
         return;
     }
-    m_stats.sr_ntp = ntp;
-    m_stats.sr_rtp = rtp;
-    m_stats.last_sr = static_cast<uint32_t>(ntp >> 16);
+    m_stats.sr_ntp = digest.ntp;
+    m_stats.sr_rtp = digest.rtp;
+    m_stats.last_sr = static_cast<uint32_t>(digest.ntp >> 16);
     m_sr_arrival_us = arrival_us;
-    m_sr_ssrc = ssrc;
+    m_sr_ssrc = digest.ssrc;
 }
 
 reception_stats_t CReceptionStats::Get(uint64_t now_us) const {

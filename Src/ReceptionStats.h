@@ -7,6 +7,8 @@
 namespace Kavio {
 namespace Vidora {
 
+struct rtcp_digest_t;
+
 // What is known of the reception of one track.
 struct reception_stats_t {
     // Plain counters. A packet counts as lost for each number that a later one skips, whether it comes late or never.
@@ -47,8 +49,8 @@ public:
     }
     // A packet that was too short to be one.
     void CountShort() { ++m_stats.dropped; }
-    // Takes the sender report that leads an RTCP compound, if one does.
-    void TakeRtcp(const unsigned char* data, size_t length, uint64_t arrival_us);
+    // Takes the sender report of an RTCP compound, if it has one.
+    void TakeReport(const rtcp_digest_t& digest, uint64_t arrival_us);
 
     // The figures at `now_us`.
     reception_stats_t Get(uint64_t now_us) const;

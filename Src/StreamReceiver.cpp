@@ -1,13 +1,12 @@
 #include "StreamReceiver.h"
 
-#include <cstdio>
+#include <algorithm>
 #include <new>
 #include <utility>
 
 #include "FrameMerger.h"
 #include "MediaFrame.h"
 #include "Protocol/LogQuote.h"
-#include "Protocol/RtcpParser.h"
 #include "RtpRun.h"
 #include "Tramel/Interleave.h"
 #include "Tramel/MediaTag.h"
@@ -20,27 +19,11 @@ namespace Vidora {
 namespace {
 
 const size_t MAX_URL = 1025;
-const int RTCP_HEADER_LEN = 4;  // RFC 3550 6.4.1, without the SSRC: a BYE may name nobody
 
 int tag_of(int channel, bool key) {
     return Tramel::MediaTag{static_cast<uint8_t>(channel / 2),
                             key ? Tramel::MediaTag::KEY_FRAME : Tramel::MediaTag::SKIPPABLE_FRAME}
         .Pack();
-}
-
-// RFC 3550 6.4.1: each packet of a compound has its type in the second byte, and its length in words less one behind
-// it.
-bool has_bye(const unsigned char* data, size_t length) {
-    CByteReader compound(data, length);
-    while (compound.Skip(1)) {
-        const uint8_t type = compound.ReadU8();
-        const size_t words = compound.ReadU16();
-        if (compound.Ok() && type == CRtcpParser::RTCP_TYPE_BYE) {
-            return true;
-        }
-        compound.Skip(words * sizeof(uint32_t));
-    }
-    return false;
 }
 
 }  // namespace
@@ -79,7 +62,7 @@ int CStreamReceiver::SetMediaBuffer(CMediaBuffer* buffer) {
     return 0;
 }
 
-void CStreamReceiver::SetProcs(const unit_proc_t& rtcp_proc, const rtsp_proc_t& rtsp_proc) {
+void CStreamReceiver::SetProcs(const rtcp_proc_t& rtcp_proc, const rtsp_proc_t& rtsp_proc) {
     m_rtcp_proc = rtcp_proc;
     m_rtsp_proc = rtsp_proc;
 }
@@ -261,17 +244,27 @@ int CStreamReceiver::take_kx_frame(int channel, const Flumen::CMediaFrame& frame
 }
 
 void CStreamReceiver::take_rtcp(int track, const unsigned char* data, int length) {
-    if (length < RTCP_HEADER_LEN) {
+    rtcp_digest_t digest;
+    if (!ReadRtcp(data, static_cast<size_t>(length), digest)) {
         return;
     }
-    stats_of(track).reception.TakeRtcp(data, static_cast<size_t>(length), m_arrival_us);
+    stats_of(track).reception.TakeReport(digest, m_arrival_us);
     m_changed |= 1u << track;
-    if (has_bye(data, static_cast<size_t>(length))) {
+    if (digest.has_bye && is_end(track, digest)) {
         end_track(track);
     }
+    publish_stats();  // whoever hears of a BYE asks whose it is
     if (m_rtcp_proc) {
-        m_rtcp_proc(data, length, m_tracks.tracks[track].rtcp_channel);
+        m_rtcp_proc(digest, m_tracks.tracks[track].rtcp_channel);
     }
+}
+
+// Others may send from the server's address, and those who leave a group say BYE as well.
+bool CStreamReceiver::is_end(int track, const rtcp_digest_t& digest) {
+    read_rest(track);
+    const CReceptionStats& reception = stats_of(track).reception;
+    return std::any_of(digest.bye, digest.bye + digest.bye_count,
+                       [&](uint32_t source) { return reception.IsOf(source, m_tracks.tracks[track].ssrc); });
 }
 
 void CStreamReceiver::end_track(int track) {

@@ -11,6 +11,7 @@
 #include "Ostra/LogLimit.h"
 #include "Ostra/MemoryTrail.h"
 #include "ReceptionStats.h"
+#include "RtcpDigest.h"
 #include "Tramel/CallWait.h"
 #include "Tramel/MediaStreamReceiver.h"
 #include "Vidora/Flumen/MediaFrame.h"
@@ -73,6 +74,7 @@ class CStreamReceiver : public CMediaStreamReceiver {
 public:
     typedef TFunction3<void, const unsigned char*, int, int> unit_proc_t;  // data, length, channel
     typedef TFunction2<void, const char*, int> rtsp_proc_t;                // text with a NUL behind it, length
+    typedef TFunction2<void, const rtcp_digest_t&, int> rtcp_proc_t;       // what was read of a compound, channel
 
     // Begins to receive. Both arguments as in CMediaStreamReceiver::StartReceive. 0, or -1 if a socket can't be
     // watched.
@@ -88,8 +90,8 @@ public:
     int SetMediaBuffer(CMediaBuffer* buffer);
     // No Put begins any more when it returns; one that runs is not waited for, so that any lock may be held.
     void DropMediaBuffer();
-    // Each may be empty. RTCP compounds; RTSP replies.
-    void SetProcs(const unit_proc_t& rtcp_proc, const rtsp_proc_t& rtsp_proc);
+    // Each may be empty. RTCP compounds, when the statistics that GetStats returns know of them; RTSP replies.
+    void SetProcs(const rtcp_proc_t& rtcp_proc, const rtsp_proc_t& rtsp_proc);
     // RTP on the side: runs without the first interleave header over TCP, each datagram over UDP, private frames.
     void SetRtpProc(const unit_proc_t& rtp_proc);
     // Message 1 goes there when the receiver has ended. 0: to nobody.
@@ -126,8 +128,12 @@ protected:
     // Datagrams. `data` is one RTP packet of at least 12 bytes (shorter ones are dropped and counted): counts it, and
     // puts it or appends it to the track's run. 0, or -1 without memory.
     int take_datagram(int track, const unsigned char* data, int length);
-    // RTCP. A BYE ends its track first.
+    // RTCP. A BYE that counts ends its track first.
     void take_rtcp(int track, const unsigned char* data, int length);
+    // Whether the BYE in `digest` is that of the track's media.
+    virtual bool is_end(int track, const rtcp_digest_t& digest);
+    // Reads what has come of a track in front of its BYE, and lies elsewhere.
+    virtual void read_rest(int /*track*/) {}
     // Nothing more comes for a track: puts what is left of it and tells the buffer of its end.
     void end_track(int track);
     // Puts what came of a track and was to go on.
@@ -182,7 +188,7 @@ private:
 
     // Constant after Start.
     receiver_tracks_t m_tracks;
-    unit_proc_t m_rtcp_proc;
+    rtcp_proc_t m_rtcp_proc;
     unit_proc_t m_rtp_proc;
     rtsp_proc_t m_rtsp_proc;
     std::atomic<long> m_notify_id{0};

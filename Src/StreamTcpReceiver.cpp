@@ -15,7 +15,8 @@ namespace Vidora {
 
 namespace {
 
-const int MAX_HANDLED = 10;            // a turn that handled more messages ends
+const int MAX_HANDLED = 10;            // a turn that handled more messages ends,
+const int MAX_READS = 8;               // and one that read so often
 const unsigned int MSG_TURN = 0x1f01;  // to itself: go on without an event
 
 std::unique_ptr<CStreamSeparator> make_separator(int protocol) {
@@ -101,19 +102,21 @@ int CStreamTcpReceiver::handle_message(long sender_id, unsigned int msg, long) {
     return 0;
 }
 
+// What stands in front of a fault is handled all the same.
 int CStreamTcpReceiver::handle_stream_input() {
     const CTurn turn(*this);
     Ostra::CMemoryTrail::Note(*this);
     Ostra::CMemoryTrail::Note(*m_sock);
     set_channels();
     m_emptied = false;
+    m_reads = 0;
     int handled = 0;
     int count = m_separator->Input(0);
     if (count != 0) {
         mark_arrival();
     }
-    while (count >= 0 && take_records(handled) >= 0) {
-        if (handled > MAX_HANDLED) {
+    while (take_records(handled) >= 0 && count >= 0) {
+        if (is_turn_over(handled)) {
             if (m_separator->HasMore() || m_fed_length > 0) {
                 ask_for_turn();
             }
@@ -134,6 +137,15 @@ int CStreamTcpReceiver::handle_stream_input() {
     }
     logWarn("%s:%d ret -1\n", __FILE__, __LINE__);
     return -1;
+}
+
+bool CStreamTcpReceiver::is_turn_over(int handled) const {
+    return handled > MAX_HANDLED || m_reads >= MAX_READS;
+}
+
+// The connection is the server's own.
+bool CStreamTcpReceiver::is_end(int, const rtcp_digest_t&) {
+    return true;
 }
 
 void CStreamTcpReceiver::put_rest(int track) {
@@ -167,6 +179,7 @@ int CStreamTcpReceiver::read(int& count) {
         return length;
     }
     m_emptied = !is_fed && length < space;
+    ++m_reads;
     mark_arrival();
     count = m_separator->Input(length);
     if (count < 0) {

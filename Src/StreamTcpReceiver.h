@@ -19,8 +19,8 @@ enum receiver_protocol_t {
 
 // CStreamTcpReceiver: reads an RTSP connection on which media is interleaved, see CStreamReceiver.
 //
-// A turn ends after some ten messages, so that a busy connection doesn't hold its thread; what is left comes in a turn
-// of its own, with or without further bytes from the network.
+// A turn ends after some ten messages, or after eight reads that brought none, so that a busy connection doesn't hold
+// its thread; what is left comes in a turn of its own, with or without further bytes from the network.
 class CStreamTcpReceiver final : public CStreamReceiver {
 public:
     // Shares the connected `sock`. `owner_id`: messages 1 and 2 go there, as by SetNotifyId and WaitException; 0 for
@@ -28,8 +28,7 @@ public:
     static CStreamTcpReceiver* Create(const std::shared_ptr<CSockStream>& sock, long owner_id, int protocol);
 
     // Bytes of the connection that its former reader took from the socket and didn't use: handled before all that is
-    // read. Before Start; in several pieces or one. 0, or -1 if
-    // they are above 32 KiB in all, or memory is short.
+    // read. Before Start; in several pieces or one. 0, or -1 if they are above 32 KiB in all, or memory is short.
     int Feed(const char* data, int length);
 
     int Start(uint64_t period_us, float speed) override;
@@ -41,6 +40,7 @@ public:
 protected:
     void release_socks() override;
     void put_rest(int track) override;
+    bool is_end(int track, const rtcp_digest_t& digest) override;
 
 private:
     CStreamTcpReceiver(const std::shared_ptr<CSockStream>& sock, std::unique_ptr<CStreamSeparator> separator);
@@ -49,6 +49,7 @@ private:
     static constexpr int MAX_FED = 32768;
 
     void set_channels();
+    bool is_turn_over(int handled) const;
     int read(int& count);
     int read_fed(char* place, int space);
     int take_records(int& handled);
@@ -62,6 +63,7 @@ private:
     int m_fed_length = 0;
     int m_kx_channel = 0;    // of the last private header
     bool m_emptied = false;  // the socket, in this turn
+    int m_reads = 0;         // of this turn
     std::atomic<bool> m_turn_due{false};
 };
 

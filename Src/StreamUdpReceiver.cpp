@@ -1,11 +1,10 @@
 #include "StreamUdpReceiver.h"
 
-#include <algorithm>
 #include <cstring>
 #include <new>
 #include <utility>
 
-#include "DgramBatch.h"
+#include "DgramTurn.h"
 #include "StreamParser/RtpHeader.h"
 
 namespace Kavio {
@@ -15,8 +14,7 @@ namespace {
 
 const int MAX_REPORTS = 16;  // of one turn
 const size_t REPORT_ROOM = 4096;
-const int MAX_BATCHES = 4;    // of one turn
-const int FEW_DATAGRAMS = 8;  // asked for first: each that is asked for costs some, and a small frame has no more
+const int MAX_LAST_READS = 4;  // in front of a BYE: what a large frame may have left
 const unsigned int MAX_IP_LEN = 64;
 
 bool is_same_host(const CSockAddrStorage& one, const CSockAddrStorage& other) {
@@ -95,7 +93,7 @@ int CStreamUdpReceiver::handle_stream_input() {
     if (row.sock == nullptr || row.track >= tracks().count) {
         return 0;
     }
-    return row.rtcp ? read_reports(row) : read_batches(row);
+    return row.rtcp ? read_reports(row) : read_media(row);
 }
 
 // Without a socket if it is no track's.
@@ -111,46 +109,20 @@ CStreamUdpReceiver::sock_row_t CStreamUdpReceiver::row_of(int fd) const {
     return {nullptr, 0, false};
 }
 
-// What is left behind the last batch comes with the next event. An error of the socket, such as a peer's ICMP answer,
-// is no end of the stream.
-int CStreamUdpReceiver::read_batches(const sock_row_t& row) {
+// An error of the socket, such as a peer's ICMP answer, is no end of the stream.
+int CStreamUdpReceiver::read_media(const sock_row_t& row) {
     Ostra::CMemoryTrail::Note(m_heard[static_cast<size_t>(row.track)]);
     Ostra::CMemoryTrail::Note(*row.sock);
-    CDgramBatch* batch = CDgramBatch::OfThread();
-    if (batch == nullptr) {
-        return -1;
-    }
+    CDgramTurn turn(*row.sock);
+    DgramSlice datagram;
     int handled = 0;
-    for (int i = 0; i < MAX_BATCHES; ++i) {
-        const int limit = i == 0 ? FEW_DATAGRAMS : CDgramBatch::MAX_DATAGRAMS;
-        const int count = batch->Recv(*row.sock, limit);
-        mark_arrival();
-        for (int j = 0; j < count; ++j) {
-            if (take_joined(row, batch->Datagram(j), batch->Segment(j), batch->From(j)) < 0) {
-                return -1;
-            }
-        }
-        handled += count > 0 ? count : 0;
-        if (count < limit) {
-            break;
-        }
-    }
-    return handled;
-}
-
-// One datagram, or several of `segment` bytes each but the last.
-int CStreamUdpReceiver::take_joined(const sock_row_t& row, const DgramSlice& joined, unsigned int segment,
-                                    const CSockAddrStorage& from) {
-    unsigned int done = 0;
-    do {
-        const DgramSlice datagram = {joined.data + done, std::min(segment, joined.length - done)};
-        if (is_wanted(row, datagram, from) &&
+    for (mark_arrival(); turn.Next(datagram); ++handled) {
+        if (is_wanted(row, datagram, turn.From()) &&
             take_datagram(row.track, datagram.data, static_cast<int>(datagram.length)) < 0) {
             return -1;
         }
-        done += datagram.length;
-    } while (done < joined.length);
-    return 0;
+    }
+    return handled;
 }
 
 int CStreamUdpReceiver::read_reports(const sock_row_t& row) {
@@ -172,12 +144,12 @@ int CStreamUdpReceiver::read_reports(const sock_row_t& row) {
 }
 
 // What the server sent before its BYE lies in the other socket.
-void CStreamUdpReceiver::put_rest(int track) {
+void CStreamUdpReceiver::read_rest(int track) {
     CSockDgram* sock = track < m_count ? m_heard[static_cast<size_t>(track)].track.rtp_sock.get() : nullptr;
-    if (sock != nullptr) {
-        read_batches({sock, track, false});
+    bool has_more = sock != nullptr;
+    for (int i = 0; has_more && i < MAX_LAST_READS; ++i) {
+        has_more = read_media({sock, track, false}) > 0;
     }
-    CStreamReceiver::put_rest(track);
 }
 
 // Strangers can send to the port as well. The last sender that was found to be the right one is known by its address.

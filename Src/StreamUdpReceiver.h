@@ -25,8 +25,7 @@ struct udp_receiver_socks_t {
 };
 
 // CStreamUdpReceiver: reads the RTP and RTCP sockets of each track of a UDP session, unicast or multicast, see
-// CStreamReceiver. A turn reads a socket a few times, 64 datagrams at once, or as many rows of RTP packets that the
-// system has joined.
+// CStreamReceiver. A turn reads a socket as CDgramTurn does.
 class CStreamUdpReceiver final : public CStreamReceiver {
 public:
     // Shares the sockets. `owner_id` as in CStreamTcpReceiver::Create. Null if memory is short, or for a count outside
@@ -41,7 +40,7 @@ public:
 
 protected:
     void release_socks() override;
-    void put_rest(int track) override;
+    void read_rest(int track) override;
 
 private:
     CStreamUdpReceiver() = default;
@@ -56,10 +55,8 @@ private:
 
     std::array<sock_row_t, 2 * RECEIVER_MAX_TRACKS> rows() const;
     sock_row_t row_of(int fd) const;
-    int read_batches(const sock_row_t& row);
+    int read_media(const sock_row_t& row);
     int read_reports(const sock_row_t& row);
-    int take_joined(const sock_row_t& row, const DgramSlice& joined, unsigned int segment,
-                    const CSockAddrStorage& from);
     bool is_wanted(const sock_row_t& row, const DgramSlice& datagram, const CSockAddrStorage& from);
     bool has_right_form(const sock_row_t& row, const DgramSlice& datagram) const;
 

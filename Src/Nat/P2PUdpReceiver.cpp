@@ -50,11 +50,10 @@ int CP2PUdpReceiver::Stop() {
 // A failing read, such as a peer's ICMP answer, is silence.
 int CP2PUdpReceiver::handle_stream_input() {
     const CTurn turn(*this);
-    CDgramBatch* batch = CDgramBatch::OfThread();
-    if (batch == nullptr || input_fd() != m_sock->GetHandle()) {
+    if (input_fd() != m_sock->GetHandle()) {
         return -1;
     }
-    CDgramTurn datagrams(*batch, *m_sock);
+    CDgramTurn datagrams(*m_sock);
     DgramSlice datagram;
     int count = 0;
     for (mark_arrival(); datagrams.Next(datagram); ++count) {

@@ -118,7 +118,7 @@ public:
     void OnLinkFlooded() override;
     void OnLinkFailed(rtsp_client_failure_t failure) override;
     void OnReceivedReply(const std::string& text) override;
-    void OnReceivedRtcp(const std::string& compound, int channel) override;
+    void OnReceivedBye(const rtcp_digest_t& digest, int channel) override;
     void OnReplyFlood() override;
 
     // The state machine's: each gets the reply to its method, or what is to be sent. 0 or -1.
@@ -198,7 +198,8 @@ private:
     bool check_idle();
     int send_reports();
     int send_report(const client_track& track);
-    void take_bye(client_track& track);
+    void take_bye(client_track& track, uint32_t ssrc);
+    bool has_ended(const client_track& track);
 
     CClientHandler& m_handler;
     IClientLink& m_link;

@@ -368,7 +368,7 @@ int CClientConversation::send_report(const client_track& track) {
     return track.rtcp_sock->Send(report + Tramel::INTERLEAVE_HEADER_SIZE, length, &track.report_to) < 0 ? -1 : 0;
 }
 
-void CClientConversation::OnReceivedRtcp(const std::string& compound, int channel) {
+void CClientConversation::OnReceivedBye(const rtcp_digest_t& digest, int channel) {
     client_track* track = IsEnded() ? nullptr : m_tracks.ByRtcpChannel(channel);
     if (track == nullptr) {
         return;
@@ -384,13 +384,14 @@ void CClientConversation::OnReceivedRtcp(const std::string& compound, int channe
     }
     // A datagram is easily forged: it must know the source that it ends.
     const bool must_know = over_udp || (m_settings.conformance && has_media);
-    if (m_reports.ReadBye(channel, compound, must_know ? &source : nullptr)) {
-        take_bye(*track);
+    if (!must_know || digest.Ends(source)) {
+        take_bye(*track, stats.ssrc);
     }
 }
 
-void CClientConversation::take_bye(client_track& track) {
+void CClientConversation::take_bye(client_track& track, uint32_t ssrc) {
     track.said_bye = true;
+    track.bye_ssrc = ssrc;
     if (!m_settings.conformance) {
         logWarn("%s %d this:%p recv RTCP BYE Packet,Stop StateMachine!\n", __FILE__, __LINE__,
                 static_cast<void*>(this));
@@ -398,11 +399,18 @@ void CClientConversation::take_bye(client_track& track) {
         return;
     }
     for (const client_track& other : m_tracks.All()) {
-        if (CClientTracks::Delivers(other) && !other.said_bye) {
+        if (CClientTracks::Delivers(other) && !has_ended(other)) {
             return;
         }
     }
     Fail(MSG_SRC_END, RTSP_CLIENT_CODE_ENDED, RTSP_CLIENT_FAILURE_NONE);
+}
+
+// A sender that goes on with another source (RFC 3550 8.2) hasn't ended.
+bool CClientConversation::has_ended(const client_track& track) {
+    reception_stats_t stats;
+    m_receive.GetStats(track.rtp_channel, stats);
+    return track.said_bye && stats.ssrc == track.bye_ssrc;
 }
 
 }  // namespace Vidora

@@ -350,6 +350,7 @@ int CClientConversation::on_play_reply(const StateEvent& event) {
     m_reply_result = 0;
     m_state = CLIENT_PLAYING;
     m_keepalive.Lives();  // the silence of a pause isn't the stream's
+    m_tracks.ForgetByes();
     publish_range();
     publish_tracks();
     m_handler.Notify(m_owner_id, MSG_RTSP_PLAY_READY, 0);

@@ -8,17 +8,13 @@ namespace Vidora {
 
 namespace {
 
-const size_t MAX_REPLIES = 64;
-const size_t MAX_REPLY_BYTES = 64 * 1024;
-const size_t MAX_REPORTS = 64;
-const size_t MAX_REPORT_BYTES = 16 * 1024;
+const size_t MAX_ITEMS = 64;
+const size_t MAX_ITEM_BYTES = 64 * 1024;
 
 }  // namespace
 
 CClientReceive::CClientReceive(CClientHandler& handler, unsigned int work_msg, IReceiveUser& user)
-    : m_user(user),
-      m_replies(handler, work_msg, MAX_REPLIES, MAX_REPLY_BYTES),
-      m_reports(handler, work_msg, MAX_REPORTS, MAX_REPORT_BYTES) {}
+    : m_user(user), m_inbox(handler, work_msg, MAX_ITEMS, MAX_ITEM_BYTES) {}
 
 CClientReceive::~CClientReceive() = default;
 
@@ -45,7 +41,7 @@ int CClientReceive::Begin(CStreamReceiver* receiver, const receiver_tracks_t& tr
     m_tracks = m_counted != nullptr ? tracks : receiver_tracks_t();
     receiver->SetUrl(url);
     receiver->SetMediaBuffer(m_buffer);
-    receiver->SetProcs(CStreamReceiver::unit_proc_t(this, &CClientReceive::on_rtcp),
+    receiver->SetProcs(CStreamReceiver::rtcp_proc_t(this, &CClientReceive::on_rtcp),
                        CStreamReceiver::rtsp_proc_t(this, &CClientReceive::on_rtsp));
     if (packet_type == PACKET_TYPE_KX) {
         receiver->SetRtpProc(CStreamReceiver::unit_proc_t(this, &CClientReceive::on_frame));
@@ -60,8 +56,7 @@ void CClientReceive::Stop() {
 }
 
 void CClientReceive::End() {
-    m_replies.Close();
-    m_reports.Close();
+    m_inbox.Close();
     CGuard guard(m_mutex);
     if (m_receiver == nullptr) {
         return;
@@ -82,8 +77,7 @@ bool CClientReceive::OnClosed(long sender_id) {
 }
 
 void CClientReceive::RunWork() {
-    m_replies.Run();
-    m_reports.Run();
+    m_inbox.Run();
     if (m_flooded.load()) {
         m_user.OnReplyFlood();
     }
@@ -138,14 +132,10 @@ void CClientReceive::count_locked() {
     }
 }
 
-void CClientReceive::on_rtcp(const unsigned char* data, int length, int channel) {
-    try {
-        std::string compound(reinterpret_cast<const char*>(data), static_cast<size_t>(length));
-        const size_t size = compound.size();
-        m_reports.Put([this, compound = std::move(compound), channel] { m_user.OnReceivedRtcp(compound, channel); },
-                      size);
-    } catch (const std::bad_alloc&) {
-        return;  // as one that the network lost
+// One that isn't kept is as one that the network lost.
+void CClientReceive::on_rtcp(const rtcp_digest_t& digest, int channel) {
+    if (digest.has_bye) {
+        m_inbox.Put([this, digest, channel] { m_user.OnReceivedBye(digest, channel); }, sizeof(digest));
     }
 }
 
@@ -154,7 +144,7 @@ void CClientReceive::on_rtsp(const char* text, int length) {
     try {
         std::string reply(text, static_cast<size_t>(length));
         const size_t size = reply.size();
-        kept = m_replies.Put([this, reply = std::move(reply)] { m_user.OnReceivedReply(reply); }, size) == 0;
+        kept = m_inbox.Put([this, reply = std::move(reply)] { m_user.OnReceivedReply(reply); }, size) == 0;
     } catch (const std::bad_alloc&) {
         kept = false;
     }

@@ -17,7 +17,8 @@ class IReceiveUser {
 public:
     // A reply that came between the media, with a NUL behind it.
     virtual void OnReceivedReply(const std::string& text) = 0;
-    virtual void OnReceivedRtcp(const std::string& compound, int channel) = 0;
+    // An RTCP compound with a BYE.
+    virtual void OnReceivedBye(const rtcp_digest_t& digest, int channel) = 0;
     // More replies than are kept.
     virtual void OnReplyFlood() = 0;
 
@@ -25,13 +26,13 @@ protected:
     ~IReceiveUser() = default;
 };
 
-// CClientReceive: a client's receive path: its receiver, the way of replies and reports from that to the strand, and
-// what the session has received in all.
+// CClientReceive: a client's receive path: its receiver, the way of replies and BYEs from that to the strand, in their
+// order, and what the session has received in all.
 //
 // THREADING  SetBuffer, DropBuffer, GetStats, GetTotals: any thread. The others: the strand, but for the receiver's
 //            procedures, which run on its own and copy what they get.
 // OWNERSHIP  Lives until the receiver has said that it has gone (IsGone). Borrows the media buffer until DropBuffer.
-// MEMORY     64 kB of replies, 64 of them; 16 kB of reports, of which more are dropped.
+// MEMORY     64 kB of replies and BYEs, 64 of them; a BYE too many is dropped.
 class CClientReceive {
 public:
     CClientReceive(CClientHandler& handler, unsigned int work_msg, IReceiveUser& user);
@@ -53,7 +54,7 @@ public:
     // Message 1 came from `sender_id`. True if nothing is waited for any more.
     bool OnClosed(long sender_id);
     bool IsGone() const { return m_receiver_id == 0; }
-    // Replies and reports that have come.
+    // Replies and BYEs that have come.
     void RunWork();
     // Whether media came since the last call, or a sink is busy with what came.
     bool TakeLife();
@@ -64,14 +65,13 @@ public:
     void GetTotals(RtspClientStatistics& totals);
 
 private:
-    void on_rtcp(const unsigned char* data, int length, int channel);
+    void on_rtcp(const rtcp_digest_t& digest, int channel);
     void on_rtsp(const char* text, int length);
     void on_frame(const unsigned char* data, int length, int channel);
     void count_locked() VIDORA_REQUIRES(m_mutex);
 
     IReceiveUser& m_user;
-    CClientMailbox m_replies;
-    CClientMailbox m_reports;
+    CClientMailbox m_inbox;
     CStreamReceiver* m_receiver = nullptr;  // written by the strand, under m_mutex
     long m_receiver_id = 0;                 // until it has gone
     uint64_t m_last_units = 0;

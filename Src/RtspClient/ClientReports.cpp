@@ -48,31 +48,5 @@ unsigned char* CClientReports::Write(int rtcp_channel, const reception_stats_t& 
     return parser->get_rr_compound(buffer, length);
 }
 
-bool CClientReports::ReadBye(int rtcp_channel, const std::string& compound, const uint32_t* known) {
-    CRtcpParser* parser = parser_of(rtcp_channel);
-    const unsigned int length = static_cast<unsigned int>(compound.size());
-    if (parser == nullptr ||
-        !parser->ParseData(reinterpret_cast<const unsigned char*>(compound.data()), &length, true)) {
-        return false;
-    }
-    int count = 0;
-    rtcp_pack* packs = parser->get_packets(&count);
-    for (int i = 0; i < count; ++i) {
-        if (packs[i].common.pt != CRtcpParser::RTCP_TYPE_BYE) {
-            continue;
-        }
-        if (known == nullptr) {
-            return true;
-        }
-        const int sources = packs[i].parse(&packs[i]) == 0 ? RtcpCount(packs[i]) : 0;
-        for (int source = 0; source < sources; ++source) {
-            if (packs[i].bye.ssrcs[source] == *known) {
-                return true;
-            }
-        }
-    }
-    return false;
-}
-
 }  // namespace Vidora
 }  // namespace Kavio

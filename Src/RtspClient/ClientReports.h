@@ -3,7 +3,6 @@
 
 #include <cstdint>
 #include <memory>
-#include <string>
 
 #include "Protocol/RtcpParser.h"
 #include "ReceptionStats.h"
@@ -12,7 +11,7 @@
 namespace Kavio {
 namespace Vidora {
 
-// CClientReports: the RTCP (RFC 3550 6) of a client's tracks: its receiver reports, and the server's BYE.
+// CClientReports: the receiver reports (RFC 3550 6.4.2) of a client's tracks.
 //
 // A report is sent under a source identifier that isn't the media's. By default it holds one block, about that
 // identifier, with the three figures that servers of this kind read. With conformance the block is about the media's
@@ -25,14 +24,12 @@ public:
     static const unsigned int MAX_REPORT_SIZE = 2048;
 
     void SetConformance(bool on) { m_conformance = on; }
-    // Makes the parser of a track by its RTCP channel. `ssrc`: the media's, 0 if it isn't known. 0, or -1: a channel
+    // Makes the writer of a track by its RTCP channel. `ssrc`: the media's, 0 if it isn't known. 0, or -1: a channel
     // beyond 31, or memory short.
     int Add(int rtcp_channel, uint32_t ssrc);
     bool Has(int rtcp_channel) const { return parser_of(rtcp_channel) != nullptr; }
     // Writes a report on `stats` into `buffer`, which has room for `*length` bytes; null on failure.
     unsigned char* Write(int rtcp_channel, const reception_stats_t& stats, unsigned char* buffer, unsigned int* length);
-    // Reads a compound. True if it holds a BYE that counts: any one, or with `known` only one that names that source.
-    bool ReadBye(int rtcp_channel, const std::string& compound, const uint32_t* known);
 
 private:
     CRtcpParser* parser_of(int rtcp_channel) const;

@@ -180,6 +180,12 @@ client_track* CClientTracks::BackChannel() {
     return nullptr;
 }
 
+void CClientTracks::ForgetByes() {
+    for (client_track& track : m_tracks) {
+        track.said_bye = false;
+    }
+}
+
 bool CClientTracks::HasChannels(const client_track& track) const {
     return std::any_of(m_tracks.begin(), m_tracks.end(), [&track](const client_track& other) {
         return &other != &track && other.answered &&

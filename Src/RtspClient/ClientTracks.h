@@ -20,7 +20,8 @@ struct client_track {
     bool sent = false;      // its SETUP was sent
     bool answered = false;  // and accepted
     bool back_channel = false;
-    bool said_bye = false;  // the server has ended it
+    bool said_bye = false;  // the server has ended it, since the last PLAY,
+    uint32_t bye_ssrc = 0;  // with that source; 0: without media
     int track_id = -1;      // of the description
     int media_index = -1;   // its place there; -1 without a description
     transport_info transport;
@@ -55,6 +56,8 @@ public:
     // The track that is answered with this RTCP channel, or null.
     client_track* ByRtcpChannel(int channel);
     client_track* BackChannel();
+    // All of them may bring media again.
+    void ForgetByes();
     // Whether an answered track other than `track` has one of its channels.
     bool HasChannels(const client_track& track) const;
 

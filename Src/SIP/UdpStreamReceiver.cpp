@@ -135,13 +135,12 @@ int CUdpStreamReceiver::handle_close(CNetHandler*) {
 }
 
 int CUdpStreamReceiver::handle_input(int fd) {
-    CDgramBatch* batch = CDgramBatch::OfThread();
     uint64_t run = 0;
     const std::shared_ptr<CSockDgram> sock = find_run(fd, run);
-    if (batch == nullptr || sock == nullptr) {
+    if (sock == nullptr) {
         return 0;
     }
-    CDgramTurn turn(*batch, *sock);
+    CDgramTurn turn(*sock);
     call_t call;
     bool has_ended = false;
     while (next_call(turn, run, call)) {

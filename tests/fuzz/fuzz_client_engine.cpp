@@ -82,7 +82,10 @@ void Fuzz::Target(const uint8_t* data, size_t size) {
     client_track_facts facts;
     for (int i = 0; conversation.View().TrackAt(i, facts); ++i) {
         Fuzz::Require(facts.rtp_channel >= 0 && facts.rtp_channel <= 31);
-        conversation.OnReceivedRtcp(stream.substr(0, 256), facts.rtp_channel + 1);
+        rtcp_digest_t digest;
+        if (ReadRtcp(data, std::min<size_t>(size, 256), digest)) {
+            conversation.OnReceivedBye(digest, facts.rtp_channel + 1);
+        }
     }
     conversation.Play(client_play());
     conversation.OnMessage(0, CClientConversation::MSG_WORK);

@@ -26,7 +26,7 @@ const Bytes OTHER_SLICE = {0x41, 0x9a, 0x80};
 // What a receiver's procedures were given.
 class CProcs {
 public:
-    void OnRtcp(const unsigned char* data, int length, int channel) { add("rtcp", data, length, channel); }
+    void OnRtcp(const rtcp_digest_t&, int channel) { add("rtcp", nullptr, 1, channel); }
     void OnRtp(const unsigned char* data, int length, int channel) { add("rtp", data, length, channel); }
     void OnRtsp(const char* text, int length) {
         EXPECT_EQ(text[length], 0);
@@ -214,6 +214,33 @@ TEST_F(CReceiverTest, TcpTellsABrokenConnectionOnceAndKeepsItsSocketToTheEnd) {
     m_receiver = nullptr;
 }
 
+TEST_F(CReceiverTest, TcpHandsOutWhatStandsInFrontOfAFault) {
+    StartTcp(RECEIVER_PROTOCOL_RTP);
+    Send(FromText(REPLY) + Interleaved(0, Rtp(1, true, KEY_SLICE)) + Interleaved(0, {}));
+    EXPECT_TRUE(WaitUntil([this] { return m_failed.load() == 1; }));
+    EXPECT_EQ(m_procs.Count("rtsp"), 1);
+    EXPECT_EQ(m_sink.Count(), 1u);
+}
+
+// Bytes without a message in them, faster than they are read.
+TEST_F(CReceiverTest, TcpEndsItsTurnsUnderAFlood) {
+    StartTcp(RECEIVER_PROTOCOL_RTP);
+    std::atomic<bool> floods{true};
+    std::atomic<int> sent{0};
+    std::thread flood([&] {
+        const std::vector<char> bytes(200000, 'x');
+        while (floods.load()) {
+            sent += m_peer.Send(bytes.data(), static_cast<unsigned int>(bytes.size())) > 0 ? 1 : 0;
+        }
+    });
+    EXPECT_TRUE(WaitUntil([&] { return sent.load() > 10; }));
+    m_receiver->Close();
+    EXPECT_TRUE(WaitUntil([this] { return m_closed.load() == 1; }));
+    floods.store(false);
+    flood.join();
+    m_receiver = nullptr;
+}
+
 TEST_F(CReceiverTest, TakingTheBufferAwayWaitsForAPutOnAnotherThreadOnly) {
     std::atomic<int> entered{0};
     std::atomic<bool> go{false};
@@ -372,16 +399,21 @@ TEST(ReceptionStats, MapsTheSendersClock) {
             const std::string ssrc = known ? "00001234" : "00001235";
             const Bytes report = FromHex("80c80006 " + ssrc + " e1234567 89abcdef 00000e10 00000000 00000000");
             CReceptionStats stats;
+            const auto take = [&stats](const Bytes& compound, uint64_t arrival_us) {
+                rtcp_digest_t digest;
+                ReadRtcp(compound.data(), compound.size(), digest);
+                stats.TakeReport(digest, arrival_us);
+            };
             if (early) {
-                stats.TakeRtcp(report.data(), report.size(), 1000000);
+                take(report, 1000000);
             }
             stats.Count(1, 0, SSRC, 1, 0, CLOCK);
-            for (size_t length = 0; length < 20; ++length) {
-                stats.TakeRtcp(report.data(), length, 1500000);
+            for (size_t length = 0; length < report.size(); ++length) {
+                take(Part(report, 0, length), 1500000);
             }
             if (!early) {
                 EXPECT_EQ(stats.Get(2000000).last_sr, 0u);
-                stats.TakeRtcp(report.data(), report.size(), 1000000);
+                take(report, 1000000);
             }
             const reception_stats_t now = stats.Get(2500000);
             EXPECT_EQ(now.last_sr, known ? 0x456789abu : 0u);
@@ -389,5 +421,28 @@ TEST(ReceptionStats, MapsTheSendersClock) {
             EXPECT_EQ(now.sr_ntp, known ? 0xe123456789abcdefu : 0u);
             EXPECT_EQ(now.sr_rtp, known ? 3600u : 0u);
         }
+    }
+}
+
+TEST(RtcpDigest, FindsTheByeAndWhomItNames) {
+    const struct {
+        const char* compound;
+        bool is_one;
+        bool has_bye;
+        bool ends;
+    } rows[] = {{"80c90001 00000005 81cb0001 11223344", true, true, true},
+                {"80c90001 00000005 82cb0002 00000005 11223344", true, true, true},
+                {"80c90001 00000005 81ca0001 00000005 81cb0001 00000005", true, true, false},
+                {"80c90001 11223344 80cb0000", true, true, false},
+                {"80c90001 11223344 81cb0009 11223344", true, false, false},  // cut short
+                {"81cb0001 11223344", false, false, false},                   // no compound
+                {"", false, false, false}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.compound);
+        const Bytes bytes = FromHex(row.compound);
+        rtcp_digest_t digest;
+        EXPECT_EQ(ReadRtcp(bytes.data(), bytes.size(), digest), row.is_one);
+        EXPECT_EQ(digest.has_bye, row.has_bye);
+        EXPECT_EQ(digest.Ends(0x11223344), row.ends);
     }
 }
