@@ -41,7 +41,7 @@ uint8_t loss_fraction(uint32_t expected, uint32_t received) {
 
 uint32_t CReceptionStats::Count(uint16_t seq, uint32_t timestamp, uint32_t ssrc, size_t octets, uint64_t arrival_us,
                                 uint32_t clock_rate) {
-    m_stats.octets += static_cast<uint32_t>(octets);
+    m_stats.octets += octets;
     m_stats.timestamp = timestamp;
     ++m_stats.packets;
     uint32_t skipped = 0;

@@ -16,8 +16,8 @@ struct reception_stats_t {
     uint32_t lost_total = 0;
     uint32_t last_seq = 0;   // number of the last packet
     uint32_t timestamp = 0;  // of the last packet
-    uint32_t octets = 0;     // bytes of packets without interleave headers
-    uint32_t packets = 0;
+    uint64_t octets = 0;     // bytes of packets without interleave headers
+    uint64_t packets = 0;
     uint32_t have_seq = 0;  // the track had a packet
     uint32_t dropped = 0;   // packets that were too short
 

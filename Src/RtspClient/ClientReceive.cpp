@@ -120,7 +120,7 @@ void CClientReceive::GetTotals(RtspClientStatistics& totals) {
     totals.lost += m_totals.lost;
 }
 
-// Adds what came since the last call: the receiver's counters have 32 bits, which a fast stream fills in minutes.
+// Adds what came since the last call: the receiver's count of losses has 32 bits.
 void CClientReceive::count_locked() {
     for (int i = 0; m_receiver != nullptr && i < m_tracks.count; ++i) {
         const reception_stats_t now = m_receiver->GetStats(m_tracks.tracks[i].rtp_channel, false);

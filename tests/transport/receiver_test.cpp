@@ -337,10 +337,11 @@ namespace {
 
 const uint32_t SSRC = 0x1234;
 const uint32_t CLOCK = 90000;
+const uint64_t OCTETS = 3000000000;  // two of these are more than 32 bits hold
 
 reception_stats_t stats_of(const std::vector<uint16_t>& numbers, CReceptionStats& stats) {
     for (const uint16_t number : numbers) {
-        stats.Count(number, 0, SSRC, 100, 0, 0);
+        stats.Count(number, 0, SSRC, OCTETS, 0, 0);
     }
     return stats.Get(0);
 }
@@ -356,7 +357,7 @@ TEST(ReceptionStats, CountsGapsLateRepeatedAndWrappedNumbers) {
         EXPECT_EQ((std::vector<int64_t>{stats.lost_total, stats.cumulative_lost, stats.highest_seq}),
                   Numbers<int64_t>(row[2]));
         EXPECT_EQ(stats.packets, numbers.size());
-        EXPECT_EQ(stats.octets, 100 * numbers.size());
+        EXPECT_EQ(stats.octets, OCTETS * numbers.size());
         EXPECT_EQ(stats.last_seq, numbers.back());
     }
 }
