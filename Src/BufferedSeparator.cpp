@@ -77,8 +77,7 @@ int CBufferedSeparator::Input(int len) {
     for (int i = 0; i < m_out_count; ++i) {
         m_records[i] = separator_record_t();
     }
-    Ostra::CMemoryTrail::Note(this, sizeof(*this) - sizeof(m_records));
-    Ostra::CMemoryTrail::Note(m_records[0]);
+    Ostra::CMemoryTrail::NoteBytes(this, sizeof(*this) - sizeof(m_records) + sizeof(m_records[0]));
     m_out_count = 0;
     m_has_more = false;
     const bool in_shared_room = len > 0 && std::exchange(m_in_shared_room, false);

@@ -68,7 +68,7 @@ private:
     int m_wanted = RSP_BUF_LEN;
     bool m_has_more = false;
     int m_out_count = 0;
-    separator_record_t m_records[MAX_RECORDS];
+    separator_record_t m_records[MAX_RECORDS];  // the last field: most turns look at its beginning only
 };
 
 // A frame with room for `size` bytes, all counted as in use; invalid, with a log line, without memory.

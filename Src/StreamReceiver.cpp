@@ -299,7 +299,6 @@ void CStreamReceiver::count_packet(int track, const RtpHeader& header, uint32_t 
     const uint32_t last = stats_of(track).reception.LastSeq();
     count_unit();
     m_changed |= 1u << track;
-    Ostra::CMemoryTrail::Note(stats_of(track));
     const uint32_t skipped = stats_of(track).reception.Count(header.sequence, header.timestamp, header.ssrc, length,
                                                              m_arrival_us, m_tracks.tracks[track].clock_rate);
     if (skipped > 0 && m_loss_log.Pass()) {
@@ -325,6 +324,7 @@ void CStreamReceiver::publish_stats() {
     CGuard guard(m_stats_mutex);
     for (int i = 0; i < m_tracks.count; ++i) {
         if ((m_changed & 1u << i) != 0) {
+            Ostra::CMemoryTrail::Note(stats_of(i));
             stats_of(i).published.Follow(stats_of(i).reception);
         }
     }

@@ -154,15 +154,17 @@ protected:
     // within bounds, those of the sinks included.
     class CTurn {
     public:
-        explicit CTurn(CStreamReceiver& receiver)
-            : m_memory(receiver.m_trail), m_receiver(receiver), m_log(receiver.m_log) {}
+        // `objects`: what else the turn uses.
+        template <typename Receiver, typename... Objects>
+        explicit CTurn(Receiver& receiver, const Objects&... objects)
+            : m_receiver(receiver), m_memory(m_receiver.m_trail, receiver, objects...), m_log(m_receiver.m_log) {}
         ~CTurn() { m_receiver.publish_stats(); }
         CTurn(const CTurn&) = delete;
         CTurn& operator=(const CTurn&) = delete;
 
     private:
-        const Ostra::CMemoryTrail::CTurn m_memory;
         CStreamReceiver& m_receiver;
+        const Ostra::CMemoryTrail::CTurn m_memory;
         const Ostra::CLogLimit::CScope m_log;
     };
 

@@ -104,9 +104,7 @@ int CStreamTcpReceiver::handle_message(long sender_id, unsigned int msg, long) {
 
 // What stands in front of a fault is handled all the same.
 int CStreamTcpReceiver::handle_stream_input() {
-    const CTurn turn(*this);
-    Ostra::CMemoryTrail::Note(*this);
-    Ostra::CMemoryTrail::Note(*m_sock);
+    const CTurn turn(*this, *m_sock);
     set_channels();
     m_emptied = false;
     m_reads = 0;

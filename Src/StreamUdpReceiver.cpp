@@ -88,7 +88,6 @@ void CStreamUdpReceiver::release_socks() {
 
 int CStreamUdpReceiver::handle_stream_input() {
     const CTurn turn(*this);
-    Ostra::CMemoryTrail::Note(*this);
     const sock_row_t row = row_of(input_fd());
     if (row.sock == nullptr || row.track >= tracks().count) {
         return 0;
@@ -111,8 +110,7 @@ CStreamUdpReceiver::sock_row_t CStreamUdpReceiver::row_of(int fd) const {
 
 // An error of the socket, such as a peer's ICMP answer, is no end of the stream.
 int CStreamUdpReceiver::read_media(const sock_row_t& row) {
-    Ostra::CMemoryTrail::Note(m_heard[static_cast<size_t>(row.track)]);
-    Ostra::CMemoryTrail::Note(*row.sock);
+    Ostra::CMemoryTrail::Note(m_heard[static_cast<size_t>(row.track)], *row.sock);
     CDgramTurn turn(*row.sock);
     DgramSlice datagram;
     int handled = 0;

@@ -1,6 +1,5 @@
 #include "Vidora/RtspClientBuffer.h"
 
-#include "Ostra/MemoryTrail.h"
 #include "RtspClient/RtpFrameBufferCore.h"
 #include "Vidora/Names.h"
 
@@ -22,7 +21,6 @@ int CRtspClientBuffer::Put(CMediaPacket* packet, int length, int, int) {
         report_error();
         return -1;
     }
-    Ostra::CMemoryTrail::Note(*this);
     const int result = m_frame_buffer.Put(packet, length);
     if (m_frame_buffer.was_damaged()) {
         if (result < 0) {

@@ -207,8 +207,8 @@ void CRtp2Frame::watch_stream(const RtpHeader& header) {
 
 // Turns the packets held into a frame. A frame_result_t; FRAME_MORE: there is no picture among them yet.
 int CRtp2Frame::make_frame() {
-    Ostra::CMemoryTrail::Note(this, sizeof(*this) - sizeof(m_work.config.bytes));
-    Ostra::CMemoryTrail::Note(m_work.nodes.begin(), m_work.nodes.Count() * sizeof(RtpPacketNode));
+    Ostra::CMemoryTrail::NoteBytes(this, sizeof(*this) - sizeof(m_work.config.bytes));
+    Ostra::CMemoryTrail::NoteBytes(m_work.nodes.begin(), m_work.nodes.Count() * sizeof(RtpPacketNode));
     const int ret = m_rule != nullptr ? m_rule->Make() : FRAME_FAILED;
     if (ret >= 0) {
         return ret;

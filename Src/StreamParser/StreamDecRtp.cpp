@@ -78,7 +78,7 @@ inline bool CStreamDecRtp::hold(const Flumen::CMediaFrame& input, size_t len) {
     } catch (const std::bad_alloc&) {
         return false;
     }
-    Ostra::CMemoryTrail::Note(m_packets.data(), m_packets.size() * sizeof(Flumen::CMediaFrame));
+    Ostra::CMemoryTrail::NoteBytes(m_packets.data(), m_packets.size() * sizeof(Flumen::CMediaFrame));
     m_held_bytes += len;
     return true;
 }

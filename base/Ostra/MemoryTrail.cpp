@@ -46,7 +46,7 @@ void CMemoryTrail::begin_turn() {
     t_noting = turn < NOTING_TURNS ? this : nullptr;
 }
 
-void CMemoryTrail::Note(const void* place, size_t size) {
+void CMemoryTrail::NoteBytes(const void* place, size_t size) {
     if (t_noting == nullptr || size == 0) {
         return;
     }

@@ -11,8 +11,8 @@ namespace Ostra {
 // has left the processor's near caches when the next frame comes, and each first look at an object would wait for it.
 // A turn therefore begins by asking for all of it at once, and has it by the time that its system call returns.
 //
-//     const CMemoryTrail::CTurn turn(m_trail);     // in the strand's callback
-//     CMemoryTrail::Note(*this);                   // in each object that the turn passes
+//     const CMemoryTrail::CTurn turn(m_trail, *this, *m_sock);   // in the strand's callback
+//     CMemoryTrail::Note(*this);                                 // in an object that the turn comes to
 //
 // Places are noted in a few of many turns. They are only hints: one whose object has gone is as good as any other
 // address, as nothing is read or written there.
@@ -25,6 +25,11 @@ public:
 
     class CTurn {
     public:
+        // Uses these objects, besides those that are noted.
+        template <typename... Objects>
+        explicit CTurn(CMemoryTrail& trail, const Objects&... objects) : CTurn(trail) {
+            Note(objects...);
+        }
         explicit CTurn(CMemoryTrail& trail);
         ~CTurn();
         CTurn(const CTurn&) = delete;
@@ -34,12 +39,12 @@ public:
         CMemoryTrail* const m_outer;
     };
 
-    // The turn that runs, if there is one, uses these bytes.
-    static void Note(const void* place, size_t size);
-    template <typename T>
-    static void Note(const T& object) {
-        Note(&object, sizeof(object));
+    // The turn that runs, if there is one, uses these objects, or these bytes.
+    template <typename... Objects>
+    static void Note(const Objects&... objects) {
+        (NoteBytes(&objects, sizeof(objects)), ...);
     }
+    static void NoteBytes(const void* place, size_t size);
 
 private:
     void fetch() const;

@@ -11,6 +11,12 @@ namespace Tramel {
 
 using Ostra::CGuard;
 
+namespace {
+
+const size_t SINK_HEAD = 64;  // what a put is likely to look at of a sink, whatever class that is of
+
+}  // namespace
+
 void CLevel2List::Put(CMediaPacket* packet, int length, int flag, int channel) {
     call_each([=](CLevel2Buffer_IF& sink) { sink.Put(packet, length, flag, channel); });
 }
@@ -35,7 +41,7 @@ void CLevel2List::call_each(Call call_sink) {
             continue;
         }
         Ostra::CMemoryTrail::Note(m_sinks[i]);
-        Ostra::CMemoryTrail::Note(*sink);
+        Ostra::CMemoryTrail::NoteBytes(sink, SINK_HEAD);
         call.sink = sink;
         m_mutex.leave();
         call_sink(*sink);

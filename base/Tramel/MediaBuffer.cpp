@@ -128,7 +128,7 @@ int CMediaBuffer::CImpl::Put(CMediaPacket* packet, int length, int flag, int cha
     uint32_t late = 0;
     bool handed_out = false;
     bool few = false;
-    Ostra::CMemoryTrail::Note(this, sizeof(*this) - sizeof(m_groups));
+    Ostra::CMemoryTrail::NoteBytes(this, sizeof(*this) - sizeof(m_groups));
     {
         CGuard guard(m_mutex);
         if (is_header_locked(packet, length, flag)) {
