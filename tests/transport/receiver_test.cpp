@@ -222,25 +222,6 @@ TEST_F(CReceiverTest, TcpHandsOutWhatStandsInFrontOfAFault) {
     EXPECT_EQ(m_sink.Count(), 1u);
 }
 
-// Bytes without a message in them, faster than they are read.
-TEST_F(CReceiverTest, TcpEndsItsTurnsUnderAFlood) {
-    StartTcp(RECEIVER_PROTOCOL_RTP);
-    std::atomic<bool> floods{true};
-    std::atomic<int> sent{0};
-    std::thread flood([&] {
-        const std::vector<char> bytes(200000, 'x');
-        while (floods.load()) {
-            sent += m_peer.Send(bytes.data(), static_cast<unsigned int>(bytes.size())) > 0 ? 1 : 0;
-        }
-    });
-    EXPECT_TRUE(WaitUntil([&] { return sent.load() > 10; }));
-    m_receiver->Close();
-    EXPECT_TRUE(WaitUntil([this] { return m_closed.load() == 1; }));
-    floods.store(false);
-    flood.join();
-    m_receiver = nullptr;
-}
-
 TEST_F(CReceiverTest, TakingTheBufferAwayWaitsForAPutOnAnotherThreadOnly) {
     std::atomic<int> entered{0};
     std::atomic<bool> go{false};
