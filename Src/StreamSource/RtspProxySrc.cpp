@@ -158,8 +158,8 @@ int CRtspProxySrc::GetSrcInfo(SrcInfo& info, int track_id) {
         return -1;
     }
     info.track_id = track_id;
-    info.octets = stats.octets;
-    info.packets = (stats.octets + CSrcInfoTable::COUNTED_PACKET_SIZE - 1) / CSrcInfoTable::COUNTED_PACKET_SIZE;
+    info.octets = static_cast<uint32_t>(stats.octets);
+    info.packets = (info.octets + CSrcInfoTable::COUNTED_PACKET_SIZE - 1) / CSrcInfoTable::COUNTED_PACKET_SIZE;
     // Until somebody is fed, what counts is where the server begins; then, where it is.
     const bool from_server = facts.has_rtp_info && (!m_relay.Feeds() || stats.have_seq == 0);
     info.seq = from_server ? facts.seq : static_cast<uint16_t>(stats.last_seq);
