@@ -24,6 +24,15 @@ void print_delay(const CSockAddrStorage& peer, const CFrameInfo& info, const voi
              static_cast<unsigned long long>(CTime::getCurrentMilliSecond() - info.m_time_ms), session);
 }
 
+// Null if there is nothing to compare it with.
+const CFrameInfo* frame_of(CMediaPacket* packet, int length, int before) {
+    return packet != nullptr && length > 0 && before != 0 ? static_cast<const CFrameInfo*>(packet) : nullptr;
+}
+
+bool is_gap(const CFrameInfo& info, int before) {
+    return info.m_frame_index - static_cast<unsigned int>(before) != 1;
+}
+
 }  // namespace
 
 void CFrameWatch::SetDelayLog(int on) {
@@ -39,58 +48,32 @@ void CFrameWatch::RegisterConsole() {
     });
 }
 
-void CFrameWatch::Forget(int send_channel) {
-    if (send_channel >= 0 && send_channel < CTrackTable::MAX_TRACKS) {
-        m_last[send_channel] = 0;
-    }
-}
-
-void CFrameWatch::ForgetAll() {
-    for (std::atomic<unsigned int>& last : m_last) {
-        last = 0;
-    }
-}
-
-CFrameWatch::step_t CFrameWatch::take(CMediaPacket* packet, int length) {
-    step_t step;
-    if (packet == nullptr || length < 1) {
-        return step;
-    }
-    step.info = static_cast<const CFrameInfo*>(packet);
-    if (step.info->m_track < static_cast<unsigned int>(CTrackTable::MAX_TRACKS)) {
-        step.last = m_last[step.info->m_track].exchange(step.info->m_frame_index);
-    }
-    return step;
-}
-
 void CFrameWatch::OnFrame(CMediaPacket* packet, int length, int before) {
-    if (packet == nullptr || length < 1 || before == 0) {
+    const CFrameInfo* info = frame_of(packet, length, before);
+    if (info == nullptr) {
         return;
     }
-    step_t step;
-    step.last = static_cast<unsigned int>(before);
-    step.info = static_cast<const CFrameInfo*>(packet);
-    const CFrameInfo& info = *step.info;
-    if (step.IsLoss() && m_lost_log.Pass()) {
+    const bool is_loss = is_gap(*info, before);
+    if (is_loss && m_lost_log.Pass()) {
         logError("%s %d The Event:Lost Packet Happened! Statis: last[%d] -> new[%d], frame type=%c. \n", __FILE__,
-                 __LINE__, static_cast<int>(step.last), static_cast<int>(info.m_frame_index), info.m_frame_type);
+                 __LINE__, before, static_cast<int>(info->m_frame_index), info->m_frame_type);
     }
     if (delay_log.load(std::memory_order_relaxed)) {
-        print_delay(m_peer, info, this);
+        print_delay(m_peer, *info, this);
     }
-    if (step.IsLoss()) {
+    if (is_loss) {
         tell_loss();
     }
 }
 
-void CFrameWatch::OnDatagrams(CMediaPacket* packet, int length, int /*unused*/) {
-    const step_t step = take(packet, length);
-    if (!step.IsLoss()) {
+void CFrameWatch::OnDatagrams(CMediaPacket* packet, int length, int before) {
+    const CFrameInfo* info = frame_of(packet, length, before);
+    if (info == nullptr || !is_gap(*info, before)) {
         return;
     }
     if (m_lost_log.Pass()) {
-        logError("%s %d The Event:Lost Packet Happened! Statis: last[%d] -> new[%d]\n", __FILE__, __LINE__,
-                 static_cast<int>(step.last), static_cast<int>(step.info->m_frame_index));
+        logError("%s %d The Event:Lost Packet Happened! Statis: last[%d] -> new[%d]\n", __FILE__, __LINE__, before,
+                 static_cast<int>(info->m_frame_index));
     }
     tell_loss();
 }

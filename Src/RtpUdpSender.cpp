@@ -11,7 +11,6 @@
 #include "Tramel/Interleave.h"
 #include "Tramel/IpText.h"
 #include "Tramel/MediaTag.h"
-#include "Tramel/SinkEntry.h"
 #include "UdpSockPair.h"
 #include "Vidora/RtspSvrConfig.h"
 
@@ -58,10 +57,6 @@ CRtpUdpSender::~CRtpUdpSender() {
     }
 }
 
-int CRtpUdpSender::Put(CMediaPacket* packet, int length, int /*flag*/, int tag) {
-    return PutRest(packet, 0, length, tag);
-}
-
 int CRtpUdpSender::PutRest(CMediaPacket* packet, int offset, int length, int tag) {
     const Tramel::MediaTag media = Tramel::MediaTag::Unpack(tag);
     if (!m_tracks.Passes(media.track, media.IsKey())) {
@@ -92,53 +87,9 @@ bool CRtpUdpSender::send_locked(const unsigned char* data, unsigned int length) 
     return true;
 }
 
-void CRtpUdpSender::EnterPlace(Tramel::CSinkEntry& entry) {
-    CGuard guard(m_mutex);
-    if (m_entry == nullptr) {
-        m_entry = &entry;
-        publish_locked();
-    }
-}
-
-void CRtpUdpSender::LeavePlace(Tramel::CSinkEntry& entry) {
-    CGuard guard(m_mutex);
-    if (m_entry == &entry) {
-        const Tramel::CTurnGuard turn(entry.turn);
-        take_back_locked(entry);
-        m_entry = nullptr;
-    }
-}
-
-// Takes the sockets back, and notes what has left by them.
-void CRtpUdpSender::take_back_locked(Tramel::CSinkEntry& entry) {
-    m_tracks.KeysPassed(entry.key_slots);
-    entry.key_slots = 0;
-    entry.outlet_count = 0;
-}
-
-// Leaves in the entry what the group may send by.
-void CRtpUdpSender::publish_locked() {
-    switch_locked([](CTrackSwitch&) {});
-}
-
-// Changes the tracks' switches, which the entry has a copy of.
-template <typename Change>
-void CRtpUdpSender::switch_locked(Change change) {
-    if (m_entry == nullptr) {
-        change(m_tracks);
-        return;
-    }
-    const Tramel::CTurnGuard turn(m_entry->turn);
-    take_back_locked(*m_entry);
-    change(m_tracks);
-    m_entry->slots = m_tracks.Tracks();
-    if (!m_failing && !m_tracks.AnyWaiting() && !m_remote.IsMulticast()) {
-        fill_outlets_locked(*m_entry);
-    }
-}
-
-void CRtpUdpSender::fill_outlets_locked(Tramel::CSinkEntry& entry) {
-    for (int i = 0; i < m_next_slot && entry.outlet_count < Tramel::CSinkEntry::MAX_OUTLETS; ++i) {
+void CRtpUdpSender::fill_locked(Tramel::CSinkEntry& entry) {
+    const bool sends = !m_failing && !m_remote.IsMulticast();
+    for (int i = 0; sends && i < m_next_slot && entry.outlet_count < Tramel::CSinkEntry::MAX_OUTLETS; ++i) {
         const Slot& slot = m_slots[static_cast<size_t>(i)];
         if (slot.pair && slot.aimed && slot.channel >= 0 && slot.channel <= UINT8_MAX) {
             const CSockDgram& sock = slot.pair->Rtp();

@@ -5,8 +5,7 @@
 #include <memory>
 
 #include "MulticastInterface.h"
-#include "TrackSwitch.h"
-#include "Tramel/PooledSink.h"
+#include "OutletSink.h"
 #include "Vidora/Names.h"
 
 namespace Kavio {
@@ -35,7 +34,7 @@ class CUdpSockPair;
 // OWNERSHIP  The owner takes the sender off the buffer and then deletes it. The configuration is borrowed and must
 //            outlive the sender. The keeper is the sender's; both share the sockets, so that neither waits for the
 //            other's end.
-class CRtpUdpSender : public Tramel::CPooledSink {
+class CRtpUdpSender : public COutletSink {
 public:
     CRtpUdpSender();
     ~CRtpUdpSender() override;
@@ -45,10 +44,7 @@ public:
     // Sends the packets in the first `length` bytes of `packet`. The top byte of `tag` is the track; the packets of a
     // track that is disabled count as sent: 0. `length`, or -1 if no socket has that channel, the packets are malformed
     // or the socket failed.
-    int Put(CMediaPacket* packet, int length, int flag, int tag) override;
     int PutRest(CMediaPacket* packet, int offset, int length, int tag) override;
-    void EnterPlace(Tramel::CSinkEntry& entry) override;
-    void LeavePlace(Tramel::CSinkEntry& entry) override;
 
     // Port range and marking. Before OpenPair.
     void SetConfig(const CRtspSvrConfig* config);
@@ -110,11 +106,7 @@ private:
     void mark(CUdpSockPair& pair) const;
     Outlet find_outlet_locked(int channel, bool rtcp_first) VIDORA_REQUIRES(m_mutex);
     bool send_locked(const unsigned char* data, unsigned int length) VIDORA_REQUIRES(m_mutex);
-    template <typename Change>
-    void switch_locked(Change change) VIDORA_REQUIRES(m_mutex);
-    void take_back_locked(Tramel::CSinkEntry& entry) VIDORA_REQUIRES(m_mutex);
-    void publish_locked() VIDORA_REQUIRES(m_mutex);
-    void fill_outlets_locked(Tramel::CSinkEntry& entry) VIDORA_REQUIRES(m_mutex);
+    void fill_locked(Tramel::CSinkEntry& entry) VIDORA_REQUIRES(m_mutex) override;
     void report_failure_locked(const Slot& slot, int error) VIDORA_REQUIRES(m_mutex);
     void report_success_locked(const Slot& slot) VIDORA_REQUIRES(m_mutex);
 
@@ -123,10 +115,6 @@ private:
     long m_keeper_notify_id = 0;
     int m_keeper_timeout_s = 0;
 
-    CTrackSwitch m_tracks;  // changed with the lock
-
-    CMutex m_mutex;
-    Tramel::CSinkEntry* m_entry VIDORA_GUARDED_BY(m_mutex) = nullptr;  // where it may leave its sockets
     std::unique_ptr<Slot[]> m_slots VIDORA_GUARDED_BY(m_mutex);
     int m_slot_count VIDORA_GUARDED_BY(m_mutex) = 0;
     int m_next_slot VIDORA_GUARDED_BY(m_mutex) = 0;

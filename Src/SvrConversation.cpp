@@ -469,7 +469,6 @@ bool CSvrConversation::release(bool hears_end) {
         route.reset();
     }
     m_tracks.Clear();
-    m_frames.ForgetAll();  // another source counts anew
     m_silence.ForgetPeer();
     m_sdp_result = SDP_UNICAST;
     m_awaited = 0;

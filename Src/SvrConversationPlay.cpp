@@ -279,9 +279,8 @@ int CSvrConversation::open_media(int cseq) {
     return m_source.IsOwn() && m_source.Start(m_packet_type, cseq) < 0 ? -1 : 0;
 }
 
-// A track may have been paused: what passed meanwhile is no loss.
+// A track may have been paused: to its sink what passed meanwhile is no loss.
 void CSvrConversation::let_pass(const CTrack& track) {
-    m_frames.Forget(track.send_channel);
     if (m_route != nullptr) {
         m_route->Switch(track, true);
     }
@@ -342,7 +341,6 @@ int CSvrConversation::pause_live() {
     }
     if (!any_plays) {
         stop_media();
-        m_frames.ForgetAll();  // what passes meanwhile is no loss
         m_streaming = false;
     }
     return send_error(RTSP_STATUS_OK);

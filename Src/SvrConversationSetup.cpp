@@ -181,7 +181,6 @@ int CSvrConversation::setup_track(CTrack& track, transport_info& transport) {
     m_route = route;
     transport.ssrc = m_source.GetSSRC(track.track_id);
     track.send_channel = channel / 2;
-    m_frames.Forget(track.send_channel);  // what it didn't ask for is no loss
     m_route->Switch(track, true);
     if (!track.reports) {
         track.reports = true;

@@ -15,19 +15,19 @@ CDgramLayout::CRest CDgramLayout::Send(CSinkEntry& entry, CMediaTally& tally) {
     if (!m_is_laid_out) {
         lay_out();
     }
-    for (unsigned int i = 0; i < m_batch.Count(); ++i) {
-        const COutputUnit& unit = *m_batch.Unit(i);
+    CRest rest = {0, 0, 0};
+    for (; rest.unit < m_batch.Count(); ++rest.unit) {
+        const COutputUnit& unit = *m_batch.Unit(rest.unit);
         const unsigned int slot = 1U << unit.Slot();
         if (unit.Sequence() < entry.from_sequence || (entry.slots & slot) == 0) {
             continue;
         }
-        const size_t offset = send_unit(i, entry, tally);
-        if (offset < unit.Length()) {
-            return {i, offset};
+        if (!send_unit(rest, entry, tally)) {
+            break;
         }
         entry.key_slots |= static_cast<uint8_t>(unit.IsKey() ? slot : 0);
     }
-    return {m_batch.Count(), 0};
+    return rest;
 }
 
 void CDgramLayout::lay_out() {
@@ -44,7 +44,7 @@ void CDgramLayout::lay_out() {
     }
 }
 
-// False for a run that is cut short.
+// False for what is no run, or one that is cut short.
 bool CDgramLayout::take_packets(const COutputUnit& unit, CRun& run) {
     if (unit.PartCount() != 1) {
         return false;
@@ -52,10 +52,11 @@ bool CDgramLayout::take_packets(const COutputUnit& unit, CRun& run) {
     const uint8_t* data = static_cast<const uint8_t*>(unit.Parts()[0].iov_base);
     Ostra::CByteReader reader(data, unit.Parts()[0].iov_len);
     while (reader.Remaining() > 0) {
-        reader.Skip(INTERLEAVE_LENGTH_AT);
+        const bool is_packet = reader.ReadU8() == INTERLEAVE_MARK;
+        reader.Skip(INTERLEAVE_LENGTH_AT - 1);
         const unsigned int size = reader.ReadU16();
         const uint8_t* packet = reader.ReadBytes(size);
-        if (!reader.Ok() || m_part_count == MAX_PARTS) {
+        if (!is_packet || !reader.Ok() || m_part_count == MAX_PARTS) {
             return false;
         }
         m_parts[m_part_count++] = {const_cast<uint8_t*>(packet), size};
@@ -85,42 +86,46 @@ bool CDgramLayout::make_messages(unsigned int first_part, CRun& run) {
     return true;
 }
 
-// How much of the unit needs no Put.
-size_t CDgramLayout::send_unit(unsigned int index, const CSinkEntry& entry, CMediaTally& tally) {
-    const CRun& run = m_runs[index];
-    const COutputUnit& unit = *m_batch.Unit(index);
+// False if the unit is left for a Put.
+bool CDgramLayout::send_unit(CRest& rest, const CSinkEntry& entry, CMediaTally& tally) {
+    const CRun& run = m_runs[rest.unit];
     const int fd = socket_for(run, entry);
     if (fd < 0) {
-        return 0;
+        return false;
     }
     for (unsigned int done = 0; done < run.message_count;) {
         const int sent = SendMessages(fd, &m_messages[run.first_message + done], run.message_count - done);
         if (sent < 0) {
-            return stop(run, done, unit, errno, tally);
+            return stop(run, done, errno, rest, tally);
         }
         done += static_cast<unsigned int>(sent);
     }
     tally.Sent(run.packets, run.bytes);
-    return unit.Length();
+    rest.sent |= static_cast<uint64_t>(1) << rest.unit;
+    return true;
 }
 
 // After `sent` messages of the run. Anything but a full socket is for the sink to judge.
-size_t CDgramLayout::stop(const CRun& run, unsigned int sent, const COutputUnit& unit, int error,
-                          CMediaTally& tally) const {
+bool CDgramLayout::stop(const CRun& run, unsigned int sent, int error, CRest& rest, CMediaTally& tally) const {
     const struct mmsghdr* messages = &m_messages[run.first_message];
     for (unsigned int i = 0; i < sent; ++i) {
         tally.Sent(messages[i].msg_hdr.msg_iovlen, messages[i].msg_len);
     }
     if (IsFullSocket(error)) {
         tally.Dropped();
-        return unit.Length();
+        return true;
     }
     const uint8_t* next = static_cast<const uint8_t*>(messages[sent].msg_hdr.msg_iov->iov_base);
-    return static_cast<size_t>(next - static_cast<const uint8_t*>(unit.Parts()[0].iov_base)) - INTERLEAVE_HEADER_SIZE;
+    const uint8_t* begin = static_cast<const uint8_t*>(m_batch.Unit(rest.unit)->Parts()[0].iov_base);
+    rest.offset = static_cast<size_t>(next - begin) - INTERLEAVE_HEADER_SIZE;
+    return false;
 }
 
-// -1 if no outlet can send the run.
+// -1 if no socket can send the run.
 int CDgramLayout::socket_for(const CRun& run, const CSinkEntry& entry) {
+    if (entry.fd >= 0) {
+        return run.message_count > 0 && run.max_cut <= entry.max_segment ? entry.fd : -1;
+    }
     for (unsigned int i = 0; i < entry.outlet_count; ++i) {
         const CDgramOutlet& outlet = entry.outlets[i];
         if (outlet.channel == run.channel) {

@@ -25,11 +25,12 @@ public:
     struct CRest {
         unsigned int unit;
         size_t offset;
+        uint64_t sent;  // the set of the units that have gone whole, bit by index
     };
 
     explicit CDgramLayout(const CUnitBatch& batch) : m_batch(batch) {}
 
-    // Sends to the outlets of `entry` what is for it, up to the first unit that they can't send to its end, or to the
+    // Sends by the sockets of `entry` what is for it, up to the first unit that they can't send to its end, or to the
     // end of the batch. What a full socket has no room for is lost. For the holder of the entry's turn.
     CRest Send(CSinkEntry& entry, CMediaTally& tally);
 
@@ -50,8 +51,8 @@ private:
     void lay_out();
     bool take_packets(const COutputUnit& unit, CRun& run);
     bool make_messages(unsigned int first_part, CRun& run);
-    size_t send_unit(unsigned int index, const CSinkEntry& entry, CMediaTally& tally);
-    size_t stop(const CRun& run, unsigned int sent, const COutputUnit& unit, int error, CMediaTally& tally) const;
+    bool send_unit(CRest& rest, const CSinkEntry& entry, CMediaTally& tally);
+    bool stop(const CRun& run, unsigned int sent, int error, CRest& rest, CMediaTally& tally) const;
     static int socket_for(const CRun& run, const CSinkEntry& entry);
 
     const CUnitBatch& m_batch;

@@ -100,28 +100,30 @@ void CSinkGroup::write_entry(CLoad& load, size_t index, CSinkEntry& entry) {
     }
     CNews news;
     const uint64_t taken = send(load.batch, entry, load.tally);
-    if (taken != 0 && load.batch.HasSides() && entry.told != TOLD_NOTHING) {
-        count_frames(load.batch, taken, entry, news);
-    }
+    count_frames(load.batch, taken, entry, news);
     const CGroupSink sink = news.units != 0 ? begin_call(index) : CGroupSink(nullptr);
     entry.turn.Give();
     if (sink != nullptr) {
-        tell(load.batch, index, *sink.Sender(), news);
+        tell(load.batch, index, sink, news);
         end_call();
     }
 }
 
 // Gives the turn.
 void CSinkGroup::write_level2(CLoad& load, size_t index, CSinkEntry& entry) {
-    CDgramLayout::CRest rest = {0, 0};
-    if (entry.outlet_count > 0) {
+    CDgramLayout::CRest rest = {0, 0, 0};
+    if (entry.TakesDatagrams()) {
         rest = load.layout.Send(entry, load.tally);
     }
-    const uint64_t from_sequence = entry.from_sequence;
-    const CGroupSink sink = rest.unit < load.batch.Count() ? begin_call(index) : CGroupSink(nullptr);
+    CNews news;
+    count_frames(load.batch, rest.sent, entry, news);
+    const bool calls = news.units != 0 || rest.unit < load.batch.Count();
+    const CGroupSink sink = calls ? begin_call(index) : CGroupSink(nullptr);
     entry.turn.Give();
     if (sink != nullptr) {
-        put_level2(load.batch, index, static_cast<CPooledSink&>(*sink.Level2()), from_sequence, rest);
+        if (tell(load.batch, index, sink, news)) {
+            put_level2(load.batch, index, entry, static_cast<CPooledSink&>(*sink.Level2()), rest);
+        }
         end_call();
     }
 }
@@ -144,8 +146,11 @@ uint64_t CSinkGroup::send(const CUnitBatch& batch, CSinkEntry& entry, CMediaTall
     return batch.All();
 }
 
-// Notes the numbers of the frames that were taken, and which of them the send procedure is to hear of.
+// Notes the numbers of the frames that were taken, and which of them the sink is to hear of.
 void CSinkGroup::count_frames(const CUnitBatch& batch, uint64_t taken, CSinkEntry& entry, CNews& news) {
+    if (taken == 0 || !batch.HasSides() || entry.told == TOLD_NOTHING) {
+        return;
+    }
     const bool tells_all = entry.told == TOLD_ALL || s_tells_all.load(std::memory_order_relaxed);
     for (unsigned int i = 0; i < batch.Count(); ++i) {
         const COutputUnit& unit = *batch.Unit(i);
@@ -165,8 +170,13 @@ void CSinkGroup::count_frames(const CUnitBatch& batch, uint64_t taken, CSinkEntr
     }
 }
 
-void CSinkGroup::tell(const CUnitBatch& batch, size_t index, CMediaStreamSender& sender, const CNews& news) {
-    const CMediaStreamSender::send_proc_t proc = sender.proc();
+// False if the sink was taken away meanwhile, also by its own procedure.
+bool CSinkGroup::tell(const CUnitBatch& batch, size_t index, CGroupSink sink, const CNews& news) {
+    typedef CMediaStreamSender::send_proc_t proc_t;
+    const proc_t proc = news.units == 0 ? proc_t()
+                        : sink.Sender() != nullptr
+                            ? sink.Sender()->proc()
+                            : proc_t(static_cast<CPooledSink*>(sink.Level2()), &CPooledSink::PutInfo);
     bool called = false;
     for (unsigned int i = 0; i < batch.Count() && !proc.empty(); ++i) {
         const COutputUnit* unit = batch.Unit(i);
@@ -174,41 +184,50 @@ void CSinkGroup::tell(const CUnitBatch& batch, size_t index, CMediaStreamSender&
         for (unsigned int side = 0; told && side < unit->SideCount(); ++side) {
             int length = 0;
             CMediaPacket* packet = unit->Side(side, &length);
-            if (called && !stands_at(index, CGroupSink(&sender))) {
-                return;  // the procedure took its own sender away
+            if (called && !stands_at(index, sink)) {
+                return false;
             }
             proc(packet, length, static_cast<int>(news.last[i]));
             called = true;
         }
     }
+    return !called || stands_at(index, sink);
 }
 
-void CSinkGroup::put_level2(const CUnitBatch& batch, size_t index, CPooledSink& level2, uint64_t from_sequence,
+void CSinkGroup::put_level2(const CUnitBatch& batch, size_t index, CSinkEntry& entry, CPooledSink& level2,
                             CDgramLayout::CRest rest) {
-    bool called = false;
-    for (unsigned int i = rest.unit; i < batch.Count(); ++i) {
-        const COutputUnit* unit = batch.Unit(i);
-        const unsigned int parts = unit->Sequence() < from_sequence ? 0 : unit->PartCount();
-        for (unsigned int part = 0; part < parts; ++part) {
-            if (called && !stands_at(index, CGroupSink(&level2))) {
-                return;  // it has been taken away
-            }
-            if (i == rest.unit && rest.offset > 0) {
-                unit->PutRest(rest.offset, level2);
-            } else {
-                unit->PutPart(part, level2);
-            }
-            called = true;
+    for (unsigned int i = rest.unit; i < batch.Count(); ++i, rest.offset = 0) {
+        const COutputUnit& unit = *batch.Unit(i);
+        if (unit.Sequence() < entry.from_sequence) {
+            continue;
         }
-        for (unsigned int side = 0; side < unit->SideCount() && parts > 0; ++side) {
-            if (!stands_at(index, CGroupSink(&level2))) {
-                return;
-            }
-            int length = 0;
-            CMediaPacket* packet = unit->Side(side, &length);
-            level2.PutInfo(packet, length);
+        if (!put_unit(unit, index, level2, rest.offset)) {
+            return;
+        }
+        CNews news;
+        if (level2.SentWhole()) {
+            const CTurnGuard turn(entry.turn);
+            count_frames(batch, static_cast<uint64_t>(1) << i, entry, news);
+        }
+        if (!tell(batch, index, CGroupSink(&level2), news)) {
+            return;
         }
     }
+}
+
+// False if the sink was taken away meanwhile.
+bool CSinkGroup::put_unit(const COutputUnit& unit, size_t index, CPooledSink& level2, size_t offset) {
+    for (unsigned int part = 0; part < unit.PartCount(); ++part) {
+        if (offset > 0) {
+            unit.PutRest(offset, level2);
+        } else {
+            unit.PutPart(part, level2);
+        }
+        if (!stands_at(index, CGroupSink(&level2))) {
+            return false;
+        }
+    }
+    return true;
 }
 
 // Marks the sink of a place as called; null if it leaves.
@@ -379,7 +398,7 @@ void CSinkGroup::end_removal(size_t index, CGroupSink sink) {
     {
         const CTurnGuard turn(entry.turn);
         entry.level2 = nullptr;
-        entry.outlet_count = 0;
+        entry.CloseOutlets();
         entry.told = TOLD_NOTHING;
     }
     CGuard guard(m_mutex);

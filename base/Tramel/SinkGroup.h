@@ -50,7 +50,7 @@ private:
 // pile up while the pool is busy join into one vector. A level-2 sink is called with one packet after the other. Of a
 // sender that keeps up a turn touches its entry alone (see CSinkEntry); its queue is asked where something waits, and
 // the sender itself only for its send procedure. Nor is a level-2 sink called that has left its sockets in its entry
-// (see CPooledSink), as long as they take what it is given.
+// (see CPooledSink), as long as they take what it is given, but for frames that it is to be told of.
 //
 // LIMITS     At most MAX_PENDING units or MAX_PENDING_BYTES wait for a turn. Then units are dropped for the whole
 //            group, by the rule of CStreamOutput: a track goes on at its next key frame. The putting thread helps out
@@ -128,9 +128,10 @@ private:
     void write_level2(CLoad& load, size_t index, CSinkEntry& entry);
     static uint64_t send(const CUnitBatch& batch, CSinkEntry& entry, CMediaTally& tally);
     static void count_frames(const CUnitBatch& batch, uint64_t taken, CSinkEntry& entry, CNews& news);
-    void tell(const CUnitBatch& batch, size_t index, CMediaStreamSender& sender, const CNews& news);
-    void put_level2(const CUnitBatch& batch, size_t index, CPooledSink& level2, uint64_t from_sequence,
+    bool tell(const CUnitBatch& batch, size_t index, CGroupSink sink, const CNews& news);
+    void put_level2(const CUnitBatch& batch, size_t index, CSinkEntry& entry, CPooledSink& level2,
                     CDgramLayout::CRest rest);
+    bool put_unit(const COutputUnit& unit, size_t index, CPooledSink& level2, size_t offset);
     CGroupSink begin_call(size_t index);
     void end_call();
     bool stands_at(size_t index, CGroupSink sink);

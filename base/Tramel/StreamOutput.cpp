@@ -39,7 +39,7 @@ void CStreamOutput::give_entry_locked() {
 void CStreamOutput::publish_locked() {
     const bool keeps_up = m_sock != nullptr && !m_full && !m_failed && !m_gate.AnyWaiting();
     m_entry->fd = keeps_up ? m_sock->GetHandle() : -1;
-    m_entry->slots = m_slots;
+    m_entry->slots = static_cast<uint16_t>(m_slots);
 }
 
 void CStreamOutput::SetEntry(CSinkEntry* entry) {

@@ -1,5 +1,12 @@
+#include <sys/socket.h>
+
+#include <memory>
+#include <thread>
+
+#include "FrameInfo.h"
 #include "Nat/P2PSvrSession.h"
 #include "Nat/P2PUdpSender.h"
+#include "Vidora/Tramel/MediaBuffer.h"
 #include "server/NatViewer.h"
 #include "server/ServerFixture.h"
 #include "support/Descriptors.h"
@@ -317,6 +324,126 @@ TEST(NatSender, SendsWholePacketsOfTheTracksThatAreOn) {
     const std::string large = std::string("$\0\3\xe8", 4) + std::string(1000, 'x');
     for (int i = 0; i < 200; ++i) {
         EXPECT_EQ(static_cast<int>(large.size()), put(large, 0));
+    }
+}
+
+// A sender in a buffer whose pool sends, and the gaps that it was told of.
+struct CGapTeller {
+    explicit CGapTeller(CSockDgram& sock) {
+        buffer.EnableAutoSend();
+        sender.SetSock(&sock);
+        sender.SetFrameProc(CP2PUdpSender::frame_proc_t(this, &CGapTeller::on_gap));
+        buffer.AddLevel2Buffer(&sender);
+    }
+    ~CGapTeller() { buffer.DelLevel2Buffer(&sender); }
+    void Put(unsigned int track, unsigned int number, bool key = false) {
+        auto* info = new CFrameInfo;
+        info->m_track = track;
+        info->m_frame_index = number;
+        buffer.PutFrameInfo(info, 1);
+        auto* packet = new CountedPacket(std::string("$\0\0\4", 4) + std::to_string(1000 + number % 1000));
+        buffer.Put(packet, packet->Size(), 1, static_cast<int>(track << 24 | (key ? 1 : 5)));
+    }
+    std::string Told() {
+        EXPECT_TRUE(WaitUntil([this] { return buffer.IsIdle(); }));
+        return told;
+    }
+
+    CMediaBuffer buffer;
+    CP2PUdpSender sender;
+    std::string told;  // of the thread that writes
+
+private:
+    void on_gap(CMediaPacket* packet, int, int before) {
+        told += std::to_string(before) + '>' + std::to_string(static_cast<CFrameInfo*>(packet)->m_frame_index) + ' ';
+    }
+};
+
+// Without a call as long as none is missing; what it didn't ask for is no gap.
+TEST(NatSender, IsToldOfTheFramesThatItsSocketHadNoRoomFor) {
+    const CPool pool(2);
+    int fds[2];  // a local socket is full while its peer doesn't read
+    ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_DGRAM | SOCK_NONBLOCK, 0, fds));
+    CSockDgram sock, peer;
+    ASSERT_TRUE(sock.Attach(fds[0]) == 0 && peer.Attach(fds[1]) == 0);
+    CGapTeller teller(sock);
+    unsigned int number = 1;
+    const auto arrived = [&] {
+        teller.Told();
+        unsigned int count = 0;
+        for (char room[16]; peer.Recv(room, sizeof(room), nullptr) > 0; ++count) {
+        }
+        return count;
+    };
+    std::string expected;
+    for (const bool is_called : {false, true}) {  // a track that waits for its key frame has the sender called
+        if (is_called) {
+            teller.sender.PauseChannel(2);
+            teller.sender.SetChannel(2);
+        }
+        teller.Put(0, number, true);
+        teller.Put(2, number, !is_called);
+        EXPECT_EQ(is_called ? 1u : 2u, arrived());
+        const unsigned int first = number + 1;
+        while (number < first + 2000) {
+            teller.Put(0, ++number);
+            teller.Told();  // or the group could have no room itself
+        }
+        const unsigned int taken = arrived();
+        EXPECT_LT(taken, 2000u);
+        teller.Put(0, ++number);
+        EXPECT_EQ(1u, arrived());
+        expected += std::to_string(first + taken - 1) + '>' + std::to_string(number) + ' ';
+        teller.sender.ClearChannel(0);
+        teller.Put(0, number + 1);
+        teller.sender.SetChannel(0);
+        number += 2;
+        teller.Put(0, number);
+        EXPECT_EQ(1u, arrived());
+        ++number;
+    }
+    EXPECT_EQ(expected, teller.Told());
+    teller.sender.SetChannel(2);
+    teller.Put(2, number, true);  // and is left alone again
+    EXPECT_EQ(1u, arrived());
+}
+
+TEST(NatSender, IsSwitchedAndMovedWhileItsBufferSends) {
+    const CPool pool(2);
+    CSockDgram from, to;
+    ASSERT_TRUE(MakeDgramPair(from, to));
+    CGapTeller teller(from);
+    std::vector<std::unique_ptr<CP2PUdpSender>> others;
+    for (int i = 0; i < 20; ++i) {  // so that the pool sends
+        others.push_back(std::make_unique<CP2PUdpSender>());
+        teller.buffer.AddLevel2Buffer(others.back().get());
+    }
+    unsigned int number = 1;
+    for (int round = 0; round < 40; ++round) {
+        std::thread source([&] {
+            for (int i = 0; i < 50; ++i, ++number) {
+                teller.Put(0, number, number % 8 == 0);
+                teller.Put(1, number);
+            }
+        });
+        RunTogether(1, [&] {
+            teller.sender.PauseChannel(0);
+            teller.sender.ClearChannel(1);
+            teller.sender.SetChannel(0);
+            teller.sender.SetChannel(1);
+            teller.buffer.DelLevel2Buffer(&teller.sender);
+            teller.buffer.AddLevel2Buffer(&teller.sender);
+        });
+        source.join();
+        EXPECT_EQ("", teller.Told());
+    }
+    char room[16];
+    while (to.Recv(room, sizeof(room), nullptr) > 0) {
+    }
+    teller.Put(0, 2008, true);
+    EXPECT_TRUE(WaitUntil([&] { return to.Recv(room, sizeof(room), nullptr) == 4 && room[3] == '8'; }));
+    for (const auto& other : others) {
+        teller.buffer.DelLevel2Buffer(other.get());
     }
 }
 
