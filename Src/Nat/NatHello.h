@@ -1,6 +1,7 @@
 #ifndef VIDORA_NAT_NATHELLO_H
 #define VIDORA_NAT_NATHELLO_H
 
+#include <cstdint>
 #include <string_view>
 
 namespace Kavio {
@@ -12,6 +13,11 @@ constexpr std::string_view NAT_CLIENT_HELLO = "RTSP Client/2.0 NAT";
 constexpr std::string_view NAT_SERVER_HELLO = "RTSP Server/2.0 NAT";
 // The first byte of both, and of a reply ("RTSP/1.0 ...").
 constexpr char NAT_TEXT_MARK = 'R';
+
+// RTCP is known by its packet type among RTP, in the octet that holds RTP's marker and payload type (RFC 5761 4).
+inline bool IsNatRtcp(uint8_t type) {
+    return type >= 192 && type <= 223;
+}
 
 // Whether a datagram is that hello.
 inline bool IsNatHello(std::string_view datagram, std::string_view hello) {

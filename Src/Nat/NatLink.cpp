@@ -1,6 +1,8 @@
 #include "Nat/NatLink.h"
 
 #include <algorithm>
+#include <cerrno>
+#include <cstring>
 #include <new>
 
 #include "DgramBatch.h"
@@ -64,11 +66,14 @@ int CNatLink::OnInput(int fd) {
     if (batch == nullptr || m_sock == nullptr || fd != m_sock->GetHandle()) {
         return -1;
     }
-    // A failing read is silence. The conversation may end in the middle.
     const int count = batch->Recv(*m_sock);
-    if (count <= 0) {
-        m_sock->DropAnswers();
+    const int error = count < 0 ? errno : 0;
+    if (count <= 0 && !m_sock->GoesOn(error)) {
+        logWarn("%s:%d return -1 error: %s\n", __FILE__, __LINE__, strerror(error));
+        fail(RTSP_CLIENT_FAILURE_LOST);
+        return -1;
     }
+    // The conversation may end in the middle.
     for (int i = 0; i < count && m_reads; ++i) {
         if (is_server(batch->From(i))) {
             take(batch->Datagram(i), batch->From(i));

@@ -1,5 +1,6 @@
 #include "Nat/P2PSessionCore.h"
 
+#include "Nat/NatHello.h"
 #include "Nat/NatRoute.h"
 #include "Protocol/LogQuote.h"
 
@@ -8,6 +9,7 @@ namespace Vidora {
 
 namespace {
 
+const size_t MIN_RTCP = 8;
 const uint64_t MAX_SILENCE_US = 15000000;
 const uint64_t MAX_LEAVE_US = 2000000;  // for a client that misses the reply to its TEARDOWN, and sends that again
 
@@ -26,7 +28,9 @@ bool CP2PSessionCore::watch_silence() {
 void CP2PSessionCore::watch_leaving() {
     m_max_silence_us = MAX_LEAVE_US;
     m_silence.Stop();
-    m_silence.Start(MAX_LEAVE_US);
+    if (!m_silence.Start(MAX_LEAVE_US)) {
+        m_conversation.End(MSG_SESSION_BROKEN);
+    }
 }
 
 // The timer runs to the end of the time that was left when it was started; what came since makes it run on.
@@ -44,6 +48,12 @@ int64_t CP2PSessionCore::handle_timeout(long timer_id) {
     }
     m_conversation.End(MSG_SESSION_BROKEN);
     return -1;
+}
+
+// RFC 3550 6.4.1: version 2, then the packet type.
+bool CP2PSessionCore::is_report(std::string_view datagram) const {
+    return SendsReports() && datagram.size() >= MIN_RTCP && static_cast<uint8_t>(datagram[0]) >> 6 == 2 &&
+           IsNatRtcp(static_cast<uint8_t>(datagram[1]));
 }
 
 int CP2PSessionCore::take_request(const char* text, int length) {

@@ -37,6 +37,9 @@ protected:
     // The time until the peer counts as silent begins now, for the first time or anew.
     bool watch_silence();
     void note_sign_of_life() { m_heard_us = CTime::getCurrentMicroSecond(); }
+    // Whether a datagram of the peer is RTCP, to a session that sends reports itself: receivers of RTP report as well.
+    // They are signs of life.
+    bool is_report(std::string_view datagram) const;
     // Serves the datagram, which a NUL follows, as one whole request. 0, or -1: the session is ending.
     int take_request(const char* text, int length);
     void send(std::string_view datagram) {

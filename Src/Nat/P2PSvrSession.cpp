@@ -108,11 +108,8 @@ int CP2PSvrSession::handle_input(int fd) {
     char text[MAX_DATAGRAM + 2];
     CSockAddrStorage from;
     const int count = m_sock->Recv(text, MAX_DATAGRAM + 1, &from);
-    if (count < 0 && !CSockDgram::IsPeerError(errno)) {
+    if (count <= 0 && !m_sock->GoesOn(count < 0 ? errno : 0)) {
         return end_broken();
-    }
-    if (count <= 0) {
-        m_sock->DropAnswers();
     }
     if (count <= 0 || count > MAX_DATAGRAM || stopped()) {
         return 0;
@@ -132,7 +129,8 @@ int CP2PSvrSession::take_datagram(const char* text, int length, const CSockAddrS
         return 0;
     }
     rtsp_msg_info info;
-    const bool hello = IsNatHello(std::string_view(text, static_cast<size_t>(length)), NAT_CLIENT_HELLO);
+    const std::string_view datagram(text, static_cast<size_t>(length));
+    const bool hello = IsNatHello(datagram, NAT_CLIENT_HELLO);
     const bool counts = hello || m_remote_fixed || m_conversation.LookAtMessage(text, length, info) > 0;
     if (!counts || (!m_remote_fixed && !fix_peer(from))) {
         return 0;
@@ -142,7 +140,7 @@ int CP2PSvrSession::take_datagram(const char* text, int length, const CSockAddrS
         send(NAT_SERVER_HELLO);
         return 0;
     }
-    return take_request(text, length);
+    return is_report(datagram) ? 0 : take_request(text, length);
 }
 
 // What had come before the socket was connected is still read from it.

@@ -12,7 +12,7 @@ namespace Vidora {
 // It says hello to the address that the rendezvous has found. A translation may show another port here, so the peer is
 // fixed by the first datagram that is a client's hello or a request and comes from that address: the socket is
 // connected to it then. Before that all else is dropped unseen, and afterwards what comes from elsewhere; a datagram of
-// the peer that is neither ends the session. Each hello is answered.
+// the peer that is neither ends the session, reports of a receiver excepted by conformance. Each hello is answered.
 //
 // At its end the socket goes back to the host, as it came, but non-blocking. The host hears of no client connected, and
 // so of none disconnected.

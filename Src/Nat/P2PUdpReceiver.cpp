@@ -1,5 +1,6 @@
 #include "Nat/P2PUdpReceiver.h"
 
+#include <cerrno>
 #include <new>
 #include <utility>
 
@@ -15,8 +16,6 @@ namespace {
 
 const unsigned int MIN_DATAGRAM = 12;  // the header of RTP (RFC 3550 5.1)
 const uint8_t PAYLOAD_TYPE_MASK = 0x7f;
-const uint8_t FIRST_RTCP_TYPE = 192;  // as the octet that holds marker and payload type (RFC 5761 4)
-const uint8_t LAST_RTCP_TYPE = 223;
 const size_t RTCP_SSRC_AT = 4;
 
 }  // namespace
@@ -47,7 +46,6 @@ int CP2PUdpReceiver::Stop() {
     return 0;
 }
 
-// A failing read, such as a peer's ICMP answer, is silence.
 int CP2PUdpReceiver::handle_stream_input() {
     const CTurn turn(*this);
     if (input_fd() != m_sock->GetHandle()) {
@@ -61,10 +59,8 @@ int CP2PUdpReceiver::handle_stream_input() {
             return -1;
         }
     }
-    if (count == 0) {
-        m_sock->DropAnswers();
-    }
-    return count;
+    const int error = datagrams.Failed() ? errno : 0;
+    return count > 0 || m_sock->GoesOn(error) ? count : -1;
 }
 
 int CP2PUdpReceiver::Take(const DgramSlice& datagram) {
@@ -81,7 +77,7 @@ int CP2PUdpReceiver::Take(const DgramSlice& datagram) {
     if (track >= 0 && track < RECEIVER_MERGED_TRACKS) {
         return take_datagram(track, datagram.data, static_cast<int>(datagram.length));
     }
-    if (m_takes_rtcp && type >= FIRST_RTCP_TYPE && type <= LAST_RTCP_TYPE) {
+    if (m_takes_rtcp && IsNatRtcp(type)) {
         take_report(datagram);
     }
     return 0;

@@ -1,7 +1,5 @@
 #include "SIP/UdpStreamReceiver.h"
 
-#include <poll.h>
-
 #include <cerrno>
 #include <cstring>
 #include <new>
@@ -12,17 +10,7 @@
 namespace Kavio {
 namespace Vidora {
 
-namespace {
-
-// A socket that gave nothing: is that for ever? A peer's ICMP answer, or a path that is missing for a while, says
-// nothing about the socket.
-bool has_failed(int fd, int error) {
-    pollfd state = {fd, POLLRDHUP, 0};
-    return error == EBADF || error == ENOTSOCK ||
-           (::poll(&state, 1, 0) > 0 && (state.revents & (POLLRDHUP | POLLHUP | POLLNVAL)) != 0);
-}
-
-}  // namespace
+namespace {}  // namespace
 
 CUdpStreamReceiver* CUdpStreamReceiver::Create() {
     CStreamParserPtr parser = CStreamParser::Create(STREAM_TYPE_RTP, STREAM_TYPE_PRIVATE_FRAME);
@@ -211,8 +199,7 @@ bool CUdpStreamReceiver::look_at_end(const CDgramTurn& turn, call_t& call) {
     if (!turn.Failed() && !turn.IsEmpty()) {
         return false;
     }
-    if (!has_failed(m_sock->GetHandle(), error)) {
-        m_sock->DropAnswers();
+    if (m_sock->GoesOn(error)) {
         return false;
     }
     logError("%s:%d m_stream_sock.Recv  -1 \n", __FILE__, __LINE__);

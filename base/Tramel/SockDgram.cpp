@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <net/if.h>
 #include <netinet/in.h>
+#include <poll.h>
 #include <sys/socket.h>
 
 #include <cerrno>
@@ -52,6 +53,30 @@ int family_of(int fd) {
     socklen_t length = sizeof(domain);
     ::getsockopt(fd, SOL_SOCKET, SO_DOMAIN, &domain, &length);
     return domain == AF_INET6 ? SOCK_ADDR_IPV6 : SOCK_ADDR_IPV4;
+}
+
+// The error of a read says nothing about the next one: what the kernel makes of ICMP and ICMPv6 messages, and short
+// memory.
+bool passes_by(int error) {
+    switch (error) {
+        case 0:
+        case ENOMEM:
+        case ENOBUFS:
+        case ECONNREFUSED:
+        case EHOSTUNREACH:
+        case EHOSTDOWN:
+        case ENETUNREACH:
+        case ENETDOWN:
+        case ENONET:
+        case ENOPROTOOPT:
+        case EOPNOTSUPP:
+        case EMSGSIZE:
+        case EPROTO:
+        case EACCES:
+            return true;
+        default:
+            return false;
+    }
 }
 
 }  // namespace
@@ -135,30 +160,17 @@ int CSockDgram::ClearRemote() {
     return ::bind(m_fd, now.Native(), static_cast<socklen_t>(now.GetAddrLen()));
 }
 
-// What the kernel makes of ICMP and ICMPv6 messages.
-bool CSockDgram::IsPeerError(int error) {
-    switch (error) {
-        case ECONNREFUSED:
-        case EHOSTUNREACH:
-        case EHOSTDOWN:
-        case ENETUNREACH:
-        case ENONET:
-        case ENOPROTOOPT:
-        case EOPNOTSUPP:
-        case EMSGSIZE:
-        case EPROTO:
-        case EACCES:
-            return true;
-        default:
-            return false;
+bool CSockDgram::GoesOn(int error) {
+    pollfd state = {m_fd, POLLRDHUP, 0};
+    const bool is_shut = ::poll(&state, 1, 0) > 0 && (state.revents & (POLLRDHUP | POLLHUP | POLLNVAL)) != 0;
+    if (is_shut || !passes_by(error)) {
+        return false;
     }
-}
-
-void CSockDgram::DropAnswers() {
     msghdr nothing = {};
     for (int i = 0; i < MAX_ANSWERS && ::recvmsg(m_fd, &nothing, MSG_ERRQUEUE | MSG_DONTWAIT) >= 0; ++i) {
         nothing = {};
     }
+    return true;
 }
 
 int CSockDgram::SetTarget(const CSockAddrStorage& remote, unsigned int interface_index,

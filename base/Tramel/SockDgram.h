@@ -33,12 +33,11 @@ public:
     // Takes that back: the socket sends nowhere of itself, and receives from everybody; its port stays.
     // 0 or -1.
     int ClearRemote();
-    // Whether Recv or a send failed with an error, an errno, that ICMP has told of an earlier datagram: the socket goes
-    // on.
-    static bool IsPeerError(int error);
-    // Takes off what a host may have its socket keep of such answers (IP_RECVERR, ip(7)): what stays there makes it
-    // ready to be read for ever. At most 64 of them. For when nothing was read.
-    void DropAnswers();
+    // For when a read gave nothing, or failed with `error`, an errno, otherwise 0. False: nothing will be read any
+    // more, as the descriptor was closed, or shut down by who holds a duplicate of it; it stays ready to be read for
+    // ever. What ICMP tells of an earlier datagram is no such failure; of what a host may have its socket keep of that
+    // (IP_RECVERR, ip(7)), which makes it ready as well, 64 answers are taken off.
+    bool GoesOn(int error);
     // As SetRemote, without connecting: the route, and the address to send from, are found anew for each datagram, and
     // what others send is received as well. `interface_index` above 0: datagrams leave by that interface, with the
     // address `source` if it is valid. Not after SetRemote. 0 or -1.

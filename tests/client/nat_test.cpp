@@ -254,6 +254,21 @@ INSTANTIATE_TEST_SUITE_P(
                     silence_row{"Media", "none", false, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_IDLE}),
     [](const auto& info) { return std::string(info.param.name); });
 
+// By a host that keeps a duplicate: before the server was heard, and while it plays.
+TEST_F(CNatTest, ASocketThatIsShutDownEndsTheSession) {
+    for (const bool is_heard : {false, true}) {
+        CNatPeer peer(&CScriptedServer::Answer, [is_heard](const std::string&, bool) { return !is_heard; });
+        CNatHost host;
+        ASSERT_EQ(0, host.Start(peer.Url()));
+        EXPECT_TRUE(!is_heard || host.WaitFor(MSG_RTSP_PLAY_READY));
+        const int sock = ::dup(host.sock);
+        ::shutdown(sock, SHUT_RD);  // which tells of a socket that isn't connected, and works
+        EXPECT_EQ(RTSP_CLIENT_CODE_CONNECTION, host.EndCode());
+        EXPECT_EQ(RTSP_CLIENT_FAILURE_LOST, host.session->GetFailure());
+        ::close(sock);
+    }
+}
+
 TEST_F(CNatTest, GarbageOfTheServerEndsTheSession) {
     for (const char* garbage : {"RTSP garbage, no reply", "RTSP/1.0 200 OK\r\nCSeq: 9"}) {
         CNatPeer peer(&CScriptedServer::Answer);

@@ -16,6 +16,9 @@
 namespace Kavio::Vidora {
 namespace {
 
+// Of a receiver, without a block (RFC 3550 6.4.2).
+const std::string REPORT("\x80\xc9\0\1\0\0\0\1", 8);
+
 int StatusOf(const std::string& reply) {
     return reply.compare(0, 9, "RTSP/1.0 ") == 0 ? std::stoi(reply.substr(9)) : 0;
 }
@@ -78,6 +81,7 @@ TEST_F(NatServer, ALossIsReportedAndAPausedTrackGoesOnWithAKeyFrame) {
     m_svr->SetConfig(m_config);
     CNatViewer viewer;
     Begin(viewer);
+    viewer.Send(REPORT);
     EXPECT_EQ(200, StatusOf(viewer.Ask("OPTIONS", "*")));  // it has entered the channel
     ASSERT_TRUE(Give(m_source_of_channel, 10));
     for (std::string packet(2, '\0'); packet.size() > 1 && (packet[1] & 0x80) == 0;) {
@@ -190,6 +194,8 @@ TEST_F(NatServer, EveryEndGivesTheSocketBackOnce) {
         {"garbage", [](CNatViewer& viewer) { viewer.Send("garbage\r\n\r\n"); }},
         {"no whole request", [](CNatViewer& viewer) { viewer.Send("OPTIONS * RTSP/1.0\r\n"); }},
         {"silence", [](CNatViewer&) { AdvanceClock(16000); }},
+        {"a duplicate that was shut down", [](CNatViewer& viewer) { shutdown(viewer.HostFd(), SHUT_RD); }},
+        {"a report", [](CNatViewer& viewer) { viewer.Send(REPORT); }},
         {"a viewer that has gone",
          [this](CNatViewer& viewer) {
              const int queues = 1;  // of a host that reads ICMP answers itself
