@@ -33,8 +33,12 @@ const char NAT_HELLO[] = "RTSP Client/2.0 NAT";
 const char NAT_ANSWER[] = "RTSP Server/2.0 NAT";
 const unsigned char FIRST_RTCP_TYPE = 192;  // on the one socket, of no RTP payload type with a marker (RFC 5761 4)
 const unsigned char LAST_RTCP_TYPE = 223;
-const uint64_t HELLO_PERIOD_NS = 1000000000u;  // the server gives up after 15 seconds
-const int HELLO_CHECK_MS = 500;
+// As the library's client: hellos that keep the way open, each client's from its own beginning on, and requests that
+// are sent again until they are answered.
+const uint64_t HELLO_PERIOD_NS = 5000000000u;
+const uint64_t REPEAT_PERIOD_NS = 1000000000u;
+const uint64_t HELLO_CHECK_NS = 100000000u;
+const int HELLO_CHECK_MS = 100;
 
 uint64_t now_ns() {
     timespec now = {};
@@ -190,6 +194,7 @@ bool CFleet::meet_server(CClient& client, unsigned int index) {
         return false;
     }
     watch(client.rtp, index, KIND_RTP);
+    client.hello_ns = now_ns();
     send_text(client, client.rtp, NAT_HELLO);
     send_request(client);
     return true;
@@ -210,16 +215,20 @@ void CFleet::take_datagram(CClient& client, const unsigned char* data, size_t si
 }
 
 void CFleet::say_hello() {
-    if (m_link != FLEET_NAT || now_ns() - m_hello_ns < HELLO_PERIOD_NS) {
+    const uint64_t now = now_ns();
+    if (m_link != FLEET_NAT || now - m_hello_ns < HELLO_CHECK_NS) {
         return;
     }
-    m_hello_ns = now_ns();
+    m_hello_ns = now;
     for (const auto& client : m_clients) {
-        if (client->rtp >= 0) {
-            ::send(client->rtp, NAT_HELLO, sizeof(NAT_HELLO) - 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+        const uint64_t period = client->over ? HELLO_PERIOD_NS : REPEAT_PERIOD_NS;
+        if (client->rtp < 0 || now - client->hello_ns < period) {
+            continue;
         }
-        if (client->rtp >= 0 && !client->over) {
-            send_request(*client);  // datagrams may get lost
+        client->hello_ns = now;
+        ::send(client->rtp, NAT_HELLO, sizeof(NAT_HELLO) - 1, MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (!client->over) {
+            send_request(*client);
         }
     }
 }

@@ -90,7 +90,8 @@ private:
         unsigned int head_size = 0;
         unsigned int skip = 0;  // bytes of the packet that still come
         int last_sequence = -1;
-        uint64_t last_ns = 0;  // of the last arrival; 0: none yet
+        uint64_t last_ns = 0;   // of the last arrival; 0: none yet
+        uint64_t hello_ns = 0;  // when it said hello last
     };
     struct CSpan {
         uint64_t first_ns;
@@ -131,7 +132,7 @@ private:
     unsigned int m_started = 0;
     unsigned int m_pending = 0;
     uint64_t m_start_ns = 0;
-    uint64_t m_hello_ns = 0;  // when the NAT sessions said hello last
+    uint64_t m_hello_ns = 0;  // when NAT sessions that have to say hello were looked for last
     bool m_stamps = false;
     uint64_t m_arrival_ns = 0;  // of the packet that is taken
     uint64_t m_silence_ns = 0;
