@@ -8,6 +8,7 @@
 #include <new>
 
 #include "RtpUdpKeeper.h"
+#include "Tramel/DgramMessage.h"
 #include "Tramel/Interleave.h"
 #include "Tramel/IpText.h"
 #include "Tramel/MediaTag.h"
@@ -178,24 +179,38 @@ int CRtpUdpSender::SetMulticastIF(const char* ip) {
 int CRtpUdpSender::OpenPair(int* local_port, int remote_port, int channel) {
     CGuard guard(m_mutex);
     Slot* slot = free_slot_locked(channel);
-    const std::shared_ptr<CUdpSockPair> pair = make_sock_pair();
-    if (slot == nullptr || !pair || m_config == nullptr) {
+    if (slot == nullptr || m_config == nullptr) {
         return -1;
     }
-    RtpPortRange range;
-    m_config->GetRtpPort(range);
-    close_pair_locked(*slot);  // its ports are free for the search
-    if (pair->OpenInRange(range.min_local_port, range.max_local_port, m_remote.GetRealType(), local_port) < 0) {
-        logError("%s:%d min_local_port:%d max_local_port:%d  error\n", __FILE__, __LINE__, range.min_local_port,
-                 range.max_local_port);
+    // A track that is set up anew keeps its sockets, so that it isn't lost where there are no others.
+    const bool is_open = slot->pair && slot->pair->Port() >= 0;
+    const std::shared_ptr<CUdpSockPair> pair = is_open ? slot->pair : open_in_range_locked(local_port);
+    if (!pair) {
         return -1;
     }
-    mark(*pair);
+    *local_port = pair->Port();
     take_slot_locked(slot, pair, remote_port, channel);
     if (m_keeper != nullptr) {
         StartKeepAlive(m_keeper_notify_id, m_keeper_timeout_s);
     }
     return 0;
+}
+
+// Null if there is none, with a log line unless memory is short.
+std::shared_ptr<CUdpSockPair> CRtpUdpSender::open_in_range_locked(int* local_port) {
+    std::shared_ptr<CUdpSockPair> pair = make_sock_pair();
+    if (!pair) {
+        return nullptr;
+    }
+    RtpPortRange range;
+    m_config->GetRtpPort(range);
+    if (pair->OpenInRange(range.min_local_port, range.max_local_port, m_remote.GetRealType(), local_port) < 0) {
+        logError("%s:%d min_local_port:%d max_local_port:%d  error\n", __FILE__, __LINE__, range.min_local_port,
+                 range.max_local_port);
+        return nullptr;
+    }
+    mark(*pair);
+    return pair;
 }
 
 int CRtpUdpSender::OpenPairAt(int local_port, int remote_port, int channel) {
@@ -230,6 +245,7 @@ void CRtpUdpSender::close_pair_locked(Slot& slot) {
 
 void CRtpUdpSender::take_slot_locked(Slot* slot, const std::shared_ptr<CUdpSockPair>& pair, int remote_port,
                                      int channel) {
+    close_pair_locked(*slot);
     slot->pair = pair;
     slot->channel = channel;
     slot->remote_port = remote_port;
@@ -297,9 +313,11 @@ int CRtpUdpSender::SendRaw(const char* buf, int len, int channel) {
     }
     CGuard guard(m_mutex);
     const Outlet outlet = find_outlet_locked(channel, true);
-    return outlet.slot != nullptr && aim_locked(*outlet.slot)
-               ? outlet.sock->Send(buf, static_cast<unsigned int>(len), nullptr)
-               : -1;
+    if (outlet.slot == nullptr || !aim_locked(*outlet.slot)) {
+        return -1;
+    }
+    const int sent = outlet.sock->Send(buf, static_cast<unsigned int>(len), nullptr);
+    return sent < 0 && Tramel::IsFullSocket(errno) ? len : sent;  // what finds no room is lost, as media
 }
 
 int CRtpUdpSender::StartKeepAlive(long notify_id, int timeout_s) {

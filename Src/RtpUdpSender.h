@@ -54,8 +54,8 @@ public:
     int SetRemote(CSockAddrStorage addr);
     // Opens the sockets of one track at a free pair of ports of the configured range, and returns the lower one.
     // `remote_port`: the peer's RTP port, its RTCP port is the next one. `channel`: the RTP channel in the packets'
-    // headers, RTCP has the next one; the track that has it already is opened anew, and takes no further room. 0, or -1
-    // if there is no room, or no free pair (with a log line).
+    // headers, RTCP has the next one; the track that has it already sends to the new ports, by the sockets that it has.
+    // 0, or -1 if there is no room, or no free pair (with a log line).
     int OpenPair(int* local_port, int remote_port, int channel);
     // The same at the local port that the peer was told, without a search and marking. 0, also if a socket can't be
     // opened; -1 if there is no room.
@@ -69,7 +69,8 @@ public:
     // there yet. Before OpenPair. 0, or -1 for null.
     int SetMulticastIF(const char* ip);
 
-    // Sends `len` bytes as one datagram on the socket of `channel`. Its result, or -1 if no socket has it.
+    // Sends `len` bytes as one datagram on the socket of `channel`. `len`, also if the socket has no room for it, or -1
+    // if no socket has the channel or the socket failed.
     int SendRaw(const char* buf, int len, int channel);
 
     // Watches the RTCP sockets that are open: when one is silent for `timeout_s` seconds, MSG_KEEPALIVE_TIMEOUT goes to
@@ -98,6 +99,7 @@ private:
     };
 
     Slot* free_slot_locked(int channel) VIDORA_REQUIRES(m_mutex);
+    std::shared_ptr<CUdpSockPair> open_in_range_locked(int* local_port) VIDORA_REQUIRES(m_mutex);
     void close_pair_locked(Slot& slot) VIDORA_REQUIRES(m_mutex);
     void take_slot_locked(Slot* slot, const std::shared_ptr<CUdpSockPair>& pair, int remote_port, int channel)
         VIDORA_REQUIRES(m_mutex);

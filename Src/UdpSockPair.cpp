@@ -16,6 +16,11 @@ const int MAX_EVEN_PORT = CUdpPortTable::MAX_EVEN_PORT;
 // pair is found at once when it comes back.
 const int RETRIES = 4;
 
+// No other port is better.
+bool has_no_socket(int error) {
+    return error == EMFILE || error == ENFILE || error == ENOBUFS || error == ENOMEM;
+}
+
 }  // namespace
 
 CUdpSockPair::~CUdpSockPair() {
@@ -59,6 +64,9 @@ int CUdpSockPair::walk(int first, int max_port, int family, int retries, int* po
             table.ReleaseTaken(candidate, family, now_ms);
         } else {
             table.Release(candidate);
+        }
+        if (has_no_socket(error)) {
+            return -1;
         }
         candidate += 2;
     } while (candidate < max_port && candidate <= MAX_EVEN_PORT);

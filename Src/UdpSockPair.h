@@ -23,7 +23,7 @@ public:
 
     // Opens both sockets on the wildcard address of `family` (a sock_addr_type_t) at the lowest free pair from
     // `min_port` (rounded up to even) on, below `max_port`; the first pair is tried in any case. `port` gets the last
-    // port that was tried. 0, or -1 if no pair is free.
+    // port that was tried. 0, or -1 if no pair is free, or the system has no more sockets to give.
     int OpenInRange(int min_port, int max_port, int family, int* port);
     // Opens both sockets at `port` and the one above it. A socket that can't be opened stays invalid.
     void OpenAt(int port, int family);
@@ -34,6 +34,8 @@ public:
     // any port of its. May be called again while one thread receives. 0 or -1.
     int Aim(const CSockAddrStorage& remote, int port, unsigned int index, const CSockAddrStorage& source);
 
+    // The port that OpenInRange has found, or -1.
+    int Port() const { return m_held_port; }
     // The family of the last open: a sock_addr_type_t.
     int Family() const { return m_family; }
     CSockDgram& Rtp() { return m_rtp; }

@@ -1,4 +1,5 @@
 #include <gtest/gtest.h>
+#include <sys/resource.h>
 
 #include <atomic>
 #include <memory>
@@ -123,6 +124,29 @@ TEST_F(UdpSender, RefusesWhenTheRangeIsTakenAndRecoversWhenAPortIsFreed) {
     others[8].reset();
     EXPECT_EQ(0, pair.OpenInRange(31420, 31440, 1, &port));  // though it was just seen to be taken
     EXPECT_EQ(31436, port);
+}
+
+// With no descriptor left the search ends at once, and a track that is set up anew has its sockets.
+TEST_F(UdpSender, DescriptorExhaustionTakesNoTracksSockets) {
+    Open(1, 31500, 31598);
+    CUdpPeer moved;
+    const int port = OpenPair(m_sender, 4000, 0);
+    rlimit former = {};
+    ASSERT_EQ(0, getrlimit(RLIMIT_NOFILE, &former));
+    rlimit tight = former;
+    tight.rlim_cur = 0;
+    ASSERT_EQ(0, setrlimit(RLIMIT_NOFILE, &tight));
+    const int kept = OpenPair(m_sender, moved.Port(), 0);
+    CUdpSockPair pair;
+    int tried = 0;
+    const int result = pair.OpenInRange(31502, 31598, 1, &tried);
+    setrlimit(RLIMIT_NOFILE, &former);
+    EXPECT_EQ(port, kept);
+    EXPECT_EQ(-1, result);
+    EXPECT_EQ(31502, tried);
+    PutTo(m_sender, Interleaved<std::string>(0, "moved"), TRACK_0);
+    EXPECT_EQ("moved", moved.Recv());
+    EXPECT_EQ(0, pair.OpenInRange(31502, 31598, 1, &tried));
 }
 
 TEST(UdpPortTable, PassesOverWhatOthersHaveForAShortTimeAndByFamily) {
