@@ -98,6 +98,10 @@ bool CSessionSource::Release(long user, bool hears_end) {
     return is_own && hears_end;
 }
 
+long CSessionSource::SenderId() const {
+    return m_channel != nullptr ? m_channel->GetID() : m_own != nullptr ? m_own->GetID() : 0;
+}
+
 int CSessionSource::GetSdp(std::shared_ptr<const CSdpParser>& sdp) {
     if (m_channel != nullptr && !m_wants_assist) {
         return m_channel->GetSdp(sdp);

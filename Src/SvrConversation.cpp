@@ -303,10 +303,10 @@ void CSvrConversation::OnLinkError() {
     End(MSG_SESSION_BROKEN);
 }
 
-void CSvrConversation::OnMessage(unsigned int msg, long param) {
+void CSvrConversation::OnMessage(long sender_id, unsigned int msg, long param) {
     const Ostra::CLogLimit::CScope log(m_log);
     const int own = take_own_message(msg, param);
-    const int result = own < 0 ? own : take_source_message(msg);
+    const int result = own < 0 ? own : is_stale(sender_id, msg) ? 0 : take_source_message(msg);
     if (own < 0 || (result < 0 && !refuse_awaited(result))) {
         End(msg);
     }
@@ -330,6 +330,11 @@ int CSvrConversation::take_own_message(unsigned int msg, long param) {
         default:
             return 0;
     }
+}
+
+// Of a source that was released for another one while the message was on its way. Its close is told behind that.
+bool CSvrConversation::is_stale(long sender_id, unsigned int msg) const {
+    return sender_id != m_source.SenderId() && msg != MSG_SOURCE_CLOSED;
 }
 
 // Of the source. Negative if the conversation has to end for it.
@@ -471,6 +476,7 @@ bool CSvrConversation::release(bool hears_end) {
     m_tracks.Clear();
     m_silence.ForgetPeer();
     m_sdp_result = SDP_UNICAST;
+    m_packet_type = PACKET_TYPE_NONE;
     m_awaited = 0;
     m_streaming = false;
     return waits;

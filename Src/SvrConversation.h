@@ -77,8 +77,9 @@ public:
     // Releases that memory, unless a part of a message waits in it, or a reply is still to be made of it.
     void ReleaseMemory();
 
-    // What the handler is told: its messages, its timers, a time-out of its control connection, an error of it.
-    void OnMessage(unsigned int msg, long param);
+    // What the handler is told: its messages, with the handler that sent them, its timers, a time-out of its control
+    // connection, an error of it.
+    void OnMessage(long sender_id, unsigned int msg, long param);
     void OnTimer(long timer_id);
     void OnControlSilence();
     void OnLinkError();
@@ -174,6 +175,7 @@ private:
 
     // Messages and the end. release: whether the end waits for MSG_SOURCE_CLOSED.
     int take_own_message(unsigned int msg, long param);
+    bool is_stale(long sender_id, unsigned int msg) const;
     int take_source_message(unsigned int msg);
     int on_source_ready();
     int on_source_end();

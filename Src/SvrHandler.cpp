@@ -35,11 +35,11 @@ int64_t CSvrHandler::handle_timeout(long timer_id) {
     return 0;
 }
 
-int CSvrHandler::handle_message(long /*sender_id*/, unsigned int msg, long param) {
+int CSvrHandler::handle_message(long sender_id, unsigned int msg, long param) {
     if (msg == MSG_SESSION_INIT) {
         begin(static_cast<int>(param));
     } else {
-        m_talk.OnMessage(msg, param);
+        m_talk.OnMessage(sender_id, msg, param);
     }
     return 0;
 }

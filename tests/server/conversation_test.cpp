@@ -348,6 +348,30 @@ TEST_F(ConversationTest, AUdpTrackThatIsSetUpTwice) {
     EXPECT_TRUE(WaitUntil([&] { return !GiveVideo(source, 11); }));
 }
 
+// The channel that it has left ends while its next DESCRIBE is served, and that one's tells the description that it has
+// had: neither is of any concern to the session.
+TEST_F(ConversationTest, ASessionThatDescribesAnewHearsNothingOfWhatItHasLeft) {
+    const std::string left = ChannelName(2);
+    HookHost([&](const std::string& name, const std::string& content) {
+        EXPECT_TRUE(name != "url" || content == left || m_live_svr->DelLiveChannel(left.c_str()) == 0);
+    });
+    CFakeStreamSource* source = StartWithChannel();
+    AddChannel(left);
+    CRtspTestClient client(m_port);
+    PlayInterleaved(client, left);
+    EXPECT_EQ(200, client.Ask("TEARDOWN", Url(left)).status);
+    EXPECT_EQ(1, client.Frame().channel);  // its BYE
+    EXPECT_EQ(200, client.Ask("DESCRIBE", Url()).status);
+    m_channels[0]->handle_message(0, MSG_SDP_UPDATE, 0);
+    for (int i = 0; i < 20; ++i) {
+        EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
+    }
+    EXPECT_EQ(200, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
+    EXPECT_EQ(200, client.Ask("PLAY", Url()).status);
+    EXPECT_TRUE(Give(source, 10));
+    EXPECT_EQ(0, client.Frame().channel);
+}
+
 // RFC 2326 12.33: both numbers name one packet, also to a client that joins a stream.
 TEST_F(ConversationTest, RtpInfoNamesOnePacket) {
     CFakeStreamSource* source = StartWithChannel();
