@@ -11,16 +11,18 @@ namespace Vidora {
 namespace {
 
 const int64_t US_PER_SECOND = 1000000;
+const int NO_MEMORY = -1;  // in the place of a count of bytes
 
 }  // namespace
 
 void CRtspSvrSession::Start(CSockStream* sock, const char* buf, int len) {
     m_sock = sock;
-    const int count = OSTRA_ASSERT(len <= m_requests.Room()) && len > 0 ? len : 0;
-    if (count > 0) {  // otherwise there may be no memory to copy to
+    const int count = OSTRA_ASSERT(len <= CRequestBuffer::SIZE) && len > 0 ? len : 0;
+    const bool has_room = count <= m_requests.Room();
+    if (has_room && count > 0) {
         memcpy(m_requests.Free(), buf, static_cast<size_t>(count));
     }
-    Notify(GetID(), MSG_SESSION_INIT, count);
+    Notify(GetID(), MSG_SESSION_INIT, has_room ? count : NO_MEMORY);
 }
 
 int CRtspSvrSession::Init(int count) {
@@ -30,6 +32,10 @@ int CRtspSvrSession::Init(int count) {
     CSockAddrStorage peer;
     GetPeer(peer);
     m_conversation.Welcome(peer);
+    if (count == NO_MEMORY) {
+        m_conversation.End(MSG_SESSION_BROKEN);  // its client would wait for a reply
+        return -1;
+    }
     if (take_requests(count) < 0) {
         return -1;
     }

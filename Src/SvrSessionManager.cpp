@@ -134,7 +134,7 @@ int CSvrSessionManager::add_connection(CSockStream* sock) {
         return -1;
     }
     mark_locked(*sock);
-    return add_waiting_locked(std::move(owned), 0);
+    return add_waiting_locked(owned, 0);
 }
 
 bool CSvrSessionManager::is_stopped() {
@@ -173,9 +173,10 @@ int CSvrSessionManager::add_stream(std::unique_ptr<CSockStream> sock, const char
         }
         mark_locked(*sock);
         if (buf == nullptr || strstr(buf, HEAD_END) == nullptr) {
-            const int result = add_waiting_locked(std::move(sock), extra);
+            const int result = add_waiting_locked(sock, extra);
             if (result < 0) {
                 logError("%s %d TNewConnection bad_alloc!\n", __FILE__, __LINE__);
+                sock->Detach();
             }
             return result;
         }
@@ -212,22 +213,25 @@ void CSvrSessionManager::mark_locked(const CSockStream& sock) {
     }
 }
 
-int CSvrSessionManager::add_waiting_locked(std::unique_ptr<CSockStream> sock, long extra) {
+// 0; or -1, and the socket stays the caller's: memory is short, or nothing would watch it.
+int CSvrSessionManager::add_waiting_locked(std::unique_ptr<CSockStream>& sock, long extra) {
     std::unique_ptr<TNewConnection> connection(new (std::nothrow) TNewConnection);
     if (connection == nullptr || connection->buf == nullptr) {
         return -1;
     }
-    CSockStream& watched = *sock;
-    connection->sock = std::move(sock);
-    connection->extra = extra;
     connections_t::iterator place;
     try {
-        place = m_connections.insert_or_assign(watched.GetHandle(), std::move(connection)).first;
+        place = m_connections.insert_or_assign(sock->GetHandle(), std::move(connection)).first;
     } catch (const std::bad_alloc&) {
         return -1;
     }
-    // A connection that nothing watches would wait for ever.
-    return RegisterSock(watched, Tramel::SOCK_EVENT_READ, IDENTIFY_TIMEOUT_US) < 0 ? drop_locked(place) : 0;
+    if (RegisterSock(*sock, Tramel::SOCK_EVENT_READ, IDENTIFY_TIMEOUT_US) < 0) {
+        m_connections.erase(place);
+        return -1;
+    }
+    place->second->sock = std::move(sock);
+    place->second->extra = extra;
+    return 0;
 }
 
 int CSvrSessionManager::handle_input(int fd) {

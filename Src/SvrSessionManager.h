@@ -55,7 +55,7 @@ private:
 
     int add_stream(std::unique_ptr<CSockStream> sock, const char* buf, int len, long extra);
     int add_nat_stream(int fd, const char* peer, const nat_return_t& socket_return);
-    int add_waiting_locked(std::unique_ptr<CSockStream> sock, long extra) VIDORA_REQUIRES(m_mutex);
+    int add_waiting_locked(std::unique_ptr<CSockStream>& sock, long extra) VIDORA_REQUIRES(m_mutex);
     void mark_locked(const CSockStream& sock) VIDORA_REQUIRES(m_mutex);
     int wait_for_rest_locked(connections_t::iterator it) VIDORA_REQUIRES(m_mutex);
     int drop_locked(connections_t::iterator it) VIDORA_REQUIRES(m_mutex);

@@ -52,6 +52,9 @@ TEST_F(Intake, HandedInConnections) {
     const int closed_fd = dup(pair.server);
     close(closed_fd);
     EXPECT_EQ(-1, m_svr->AddNewConnect(closed_fd, nullptr, 0, 0));
+    const int unwatched = open("/dev/null", O_RDWR);
+    EXPECT_EQ(-1, m_svr->AddNewConnect(unwatched, nullptr, 0, 0));
+    EXPECT_EQ(0, close(unwatched));
 
     // Bytes of half a request are dropped; the next ones begin the record.
     EXPECT_EQ(0, m_svr->AddNewConnect(pair.server, "OPTIONS * RT", 12, 0));
