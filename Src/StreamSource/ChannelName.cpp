@@ -1,8 +1,8 @@
 #include "StreamSource/ChannelName.h"
 
 #include <cstring>
+#include <memory>
 #include <new>
-#include <utility>
 
 #include "Vidora/Names.h"
 
@@ -18,9 +18,11 @@ struct GoneNames {
     int next VIDORA_GUARDED_BY(mutex) = 0;
 };
 
-void keep_gone(std::unique_ptr<char[]>& text) {
+// `name` may be null.
+void keep_gone(char* name) {
+    std::unique_ptr<char[]> text(name);
     static GoneNames* const gone = new (std::nothrow) GoneNames;
-    if (gone == nullptr) {
+    if (text == nullptr || gone == nullptr) {
         text.release();  // rather lost than read when it is freed
         return;
     }
@@ -32,23 +34,18 @@ void keep_gone(std::unique_ptr<char[]>& text) {
 }  // namespace
 
 CChannelName::~CChannelName() {
-    if (m_text != nullptr) {
-        keep_gone(m_text);
-    }
+    keep_gone(m_text.load());
 }
 
 bool CChannelName::Set(const char* name) {
     const size_t length = strnlen(name, MAX_LENGTH);
-    std::unique_ptr<char[]> text(new (std::nothrow) char[length + 1]);
+    char* text = new (std::nothrow) char[length + 1];
     if (text == nullptr) {
         return false;
     }
-    std::memcpy(text.get(), name, length);
+    std::memcpy(text, name, length);
     text[length] = '\0';
-    m_text.swap(text);
-    if (text != nullptr) {
-        keep_gone(text);
-    }
+    keep_gone(m_text.exchange(text));
     return true;
 }
 

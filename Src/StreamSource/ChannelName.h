@@ -1,7 +1,7 @@
 #ifndef VIDORA_STREAMSOURCE_CHANNELNAME_H
 #define VIDORA_STREAMSOURCE_CHANNELNAME_H
 
-#include <memory>
+#include <atomic>
 
 namespace Kavio {
 namespace Vidora {
@@ -9,7 +9,7 @@ namespace Vidora {
 // CChannelName: the name of a channel, as its messages carry it: a pointer that may be read when the channel has gone.
 // Names of channels that have gone are kept until as many others have gone after them as KEPT says, and freed then.
 //
-// THREADING  A value: one object is used by one thread at a time.
+// THREADING  Set: one thread at a time. Get: any thread.
 // MEMORY     KEPT names of at most MAX_LENGTH bytes beside those of living channels.
 class CChannelName {
 public:
@@ -23,10 +23,13 @@ public:
 
     // Takes at most MAX_LENGTH characters. False, with the name as it was, if memory is short.
     bool Set(const char* name);
-    const char* Get() const { return m_text == nullptr ? "" : m_text.get(); }
+    const char* Get() const {
+        const char* text = m_text.load();
+        return text == nullptr ? "" : text;
+    }
 
 private:
-    std::unique_ptr<char[]> m_text;
+    std::atomic<char*> m_text{nullptr};  // owned
 };
 
 }  // namespace Vidora

@@ -22,6 +22,7 @@ public:
     // short.
     bool Append(long id);
     void Remove(long id);
+    bool IsEmpty() const { return m_ids.empty(); }
 
     std::list<long>::const_iterator begin() const { return m_ids.begin(); }
     std::list<long>::const_iterator end() const { return m_ids.end(); }

@@ -60,13 +60,19 @@ CLiveChannel::~CLiveChannel() {
 }
 
 void CLiveChannel::SetConfig(const CRtspSvrConfig& config) {
+    CGuard guard(m_internal->m_mutex);
     m_internal->m_config = config;
-    m_internal->forget_sdp();
+    m_internal->m_unicast_sdp = nullptr;  // the next client gets a new one
 }
 
 int CLiveChannel::Init(const char* channel_name, long notify_id, transf_type_t transf_type) {
     if (channel_name == nullptr || !is_transf_type(transf_type)) {
         logError("%s:%d nonsupport this transf type[%d] \n", __FILE__, __LINE__, transf_type);
+        return -1;
+    }
+    CGuard guard(m_internal->m_mutex);
+    if (transf_type != m_internal->m_transf_type && !m_internal->m_multicast.IsEmpty()) {
+        logError("%s:%d channel_name:%s has destinations of another type\n", __FILE__, __LINE__, channel_name);
         return -1;
     }
     if (!m_internal->m_channel_name.Set(channel_name)) {
@@ -75,7 +81,7 @@ int CLiveChannel::Init(const char* channel_name, long notify_id, transf_type_t t
     }
     m_internal->m_notify_id = notify_id;
     m_internal->m_transf_type = transf_type;
-    m_internal->forget_sdp();
+    m_internal->m_unicast_sdp = nullptr;
     return 0;
 }
 
@@ -217,13 +223,18 @@ int CLiveChannel::AddRef(long user) {
     return 0;
 }
 
-// A reference that nobody had is given back all the same, so the count may be below 0.
+// A reference that nobody had is given back all the same, so the count may be below 0; it mustn't be that of a user who
+// still has one.
+bool CLiveChannel::Internal::can_leave_locked() {
+    return m_close_flag && m_ref_cont <= 0 && m_users.IsEmpty() && m_holds == 0;
+}
+
 int CLiveChannel::DelRef(long user) {
     CGuard guard(m_internal->m_ref_mutex);
     --m_internal->m_ref_cont;
     logInfo("%s:%d, m_ref_cont = %d\n", __FILE__, __LINE__, m_internal->m_ref_cont);
     m_internal->m_users.Remove(user);
-    const bool last = m_internal->m_close_flag && m_internal->m_ref_cont <= 0 && m_internal->m_holds == 0;
+    const bool last = m_internal->can_leave_locked();
     if (last) {
         logInfo("%s:%d, start to close,name=%s.\n", __FILE__, __LINE__, m_internal->m_channel_name.Get());
     }
@@ -242,7 +253,7 @@ void CLiveChannel::hold() {
 void CLiveChannel::release() {
     CGuard guard(m_internal->m_ref_mutex);
     --m_internal->m_holds;
-    const bool last = m_internal->m_close_flag && m_internal->m_ref_cont <= 0 && m_internal->m_holds == 0;
+    const bool last = m_internal->can_leave_locked();
     guard.Leave();
     if (last) {
         CNetHandler::Close();

@@ -204,9 +204,9 @@ int CLiveChannel::AddTransfDst(CSockAddrStorage& dest_ip, const char* local_ip) 
             return -1;
         }
         feed = self.m_feed;
-        const packet_type_t packet_type = self.transf_packets();
+        const packet_type_t packet_type = self.transf_packets_locked();
         const int media_count = packet_type == PACKET_TYPE_RTP ? feed->GetMediaCount() : 0;
-        if (self.m_multicast.Add(dest_ip, local_ip, media_count, self.m_config, self.transf_buffer()) < 0) {
+        if (self.m_multicast.Add(dest_ip, local_ip, media_count, self.m_config, self.transf_buffer_locked()) < 0) {
             return -1;
         }
         // For RTP the host starts the streaming itself; DelTransfDst stops it all the same.
@@ -223,7 +223,7 @@ int CLiveChannel::AddTransfDst(CSockAddrStorage& dest_ip, const char* local_ip) 
 
 void CLiveChannel::Internal::follow_tracks() {
     CGuard guard(m_mutex);
-    if (m_feed != nullptr && transf_packets() == PACKET_TYPE_RTP) {
+    if (m_feed != nullptr && transf_packets_locked() == PACKET_TYPE_RTP) {
         m_multicast.Follow(m_feed->GetMediaCount());
     }
 }
@@ -236,7 +236,7 @@ int CLiveChannel::DelTransfDst(CSockAddrStorage& dest_ip, const char* local_ip) 
         if (!self.can_transfer_locked(dest_ip, local_ip, __LINE__)) {
             return -1;
         }
-        if (!self.m_multicast.Remove(dest_ip, local_ip, self.transf_buffer())) {
+        if (!self.m_multicast.Remove(dest_ip, local_ip, self.transf_buffer_locked())) {
             char ip[64];
             logError("%s:%d do not find this transf dest, ip:%s port:%d\n", __FILE__, __LINE__,
                      dest_ip.GetIpStr(ip, sizeof(ip)), dest_ip.GetPort());
@@ -246,7 +246,7 @@ int CLiveChannel::DelTransfDst(CSockAddrStorage& dest_ip, const char* local_ip) 
             logInfo("%s:%d StopStreaming m_channel_name %s\n", __FILE__, __LINE__, self.m_channel_name.Get());
         }
         feed = self.m_feed;
-        self.uncall_locked(self.transf_packets());
+        self.uncall_locked(self.transf_packets_locked());
     }
     feed->WantDescription(false);
     feed->Settle();
@@ -310,12 +310,6 @@ std::shared_ptr<const CSdpParser> CLiveChannel::Internal::unicast_sdp_locked(
         m_unicast_sdp = sdp;
     }
     return m_unicast_sdp;
-}
-
-// The next client gets a new one.
-void CLiveChannel::Internal::forget_sdp() {
-    CGuard guard(m_mutex);
-    m_unicast_sdp = nullptr;
 }
 
 std::shared_ptr<const CSdpParser> CLiveChannel::Internal::multicast_sdp_locked(const CSdpParser& source) {
@@ -395,7 +389,7 @@ int CLiveChannel::DisableStreamTrack(int track_kind) {
 }
 
 void CLiveChannel::Internal::close_multicast_locked() {
-    while (m_multicast.RemoveFirst(transf_buffer())) {
+    while (m_multicast.RemoveFirst(transf_buffer_locked())) {
         if (m_transf_type == TRANSF_TYPE_TS) {
             logInfo("%s:%d,try to stop TS streaming.\n", __FILE__, __LINE__);
         } else {

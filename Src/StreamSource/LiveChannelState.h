@@ -1,6 +1,7 @@
 #ifndef VIDORA_STREAMSOURCE_LIVECHANNELSTATE_H
 #define VIDORA_STREAMSOURCE_LIVECHANNELSTATE_H
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 
@@ -20,14 +21,13 @@ namespace Vidora {
 // THREADING  m_mutex and m_ref_mutex are leaves beside each other, but for the locks of the feed and of the gate. No
 //            call into the source is made under them.
 struct CLiveChannel::Internal {
-    // Constant after Init.
-    CChannelName m_channel_name;
-    long m_notify_id = 0;
-    transf_type_t m_transf_type = TRANSF_TYPE_NONE;
-    CRtspSvrConfig m_config;
+    CChannelName m_channel_name;  // set with m_mutex
+    std::atomic<long> m_notify_id{0};
     std::shared_ptr<ChannelBuffers> m_buffers;  // constant
 
     CMutex m_mutex;
+    transf_type_t m_transf_type VIDORA_GUARDED_BY(m_mutex) = TRANSF_TYPE_NONE;
+    CRtspSvrConfig m_config VIDORA_GUARDED_BY(m_mutex);               // m_multicast borrows it
     std::shared_ptr<CChannelFeed> m_feed VIDORA_GUARDED_BY(m_mutex);  // null without a source
     long m_registry_id VIDORA_GUARDED_BY(m_mutex) = 0;                // of the registry that it was published in
     std::shared_ptr<CSourceGate> m_kept VIDORA_GUARDED_BY(m_mutex);   // the source that the registry has with it
@@ -55,11 +55,13 @@ struct CLiveChannel::Internal {
     // The feed's description as clients of a unicast channel get it. Null if memory is short.
     std::shared_ptr<const CSdpParser> unicast_sdp_locked(const std::shared_ptr<const CSdpParser>& source)
         VIDORA_REQUIRES(m_mutex);
-    void forget_sdp();
+    bool can_leave_locked() VIDORA_REQUIRES(m_ref_mutex);
     std::shared_ptr<const CSdpParser> multicast_sdp_locked(const CSdpParser& source) VIDORA_REQUIRES(m_mutex);
     bool can_transfer_locked(const CSockAddrStorage& dest, const char* local_ip, int line) VIDORA_REQUIRES(m_mutex);
-    packet_type_t transf_packets() const { return m_transf_type == TRANSF_TYPE_TS ? PACKET_TYPE_TS : PACKET_TYPE_RTP; }
-    CMediaBuffer& transf_buffer() { return m_buffers->buffer[transf_packets()]; }
+    packet_type_t transf_packets_locked() const VIDORA_REQUIRES(m_mutex) {
+        return m_transf_type == TRANSF_TYPE_TS ? PACKET_TYPE_TS : PACKET_TYPE_RTP;
+    }
+    CMediaBuffer& transf_buffer_locked() VIDORA_REQUIRES(m_mutex) { return m_buffers->buffer[transf_packets_locked()]; }
     // Takes the channel off the source: it gets no messages any more, and what it has started there is undone. The
     // source; null if it is closed, or there is none.
     static CDataSource* leave_source(const std::shared_ptr<CChannelFeed>& feed, long channel_id);

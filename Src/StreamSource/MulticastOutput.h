@@ -40,6 +40,7 @@ public:
     // The same for the destination that was added first.
     bool RemoveFirst(CMediaBuffer& buffer);
 
+    bool IsEmpty() const { return m_destinations.empty(); }
     // Sets in `sdp` a connection line for each destination, in the place of those it has. Returns the base port: that
     // of the first destination that has one, or 0.
     int DescribeIn(CSdpParser& sdp) const;

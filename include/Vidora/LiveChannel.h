@@ -33,10 +33,11 @@ class VIDORA_API CLiveChannel : public CNetHandler {
 public:
     static CLiveChannel* Create();
 
-    // Copies the configuration that multicast senders get. Call it before AddTransfDst.
+    // Copies the configuration: for multicast senders and for the description. A later one holds for what is opened and
+    // described from then on.
     void SetConfig(const CRtspSvrConfig& config);
     // `channel_name`: at most 255 characters are kept. `notify_id`: the handler that gets the channel's messages, 0 for
-    // none. `transf_type`: how it sends to multicast destinations.
+    // none. `transf_type`: how it sends to multicast destinations; -1 for another one while there are some.
     int Init(const char* channel_name, long notify_id, transf_type_t transf_type);
     // Sets the channel's source, which has been through Init, and starts it; null takes it away. Returns the former
     // source, which is the caller's again and may be closed at once, or null. A channel that is closed, or has no

@@ -1,6 +1,7 @@
 // The registry of channels: names, users and sources, also of hosts that take their time and close what is in use.
 #include <gtest/gtest.h>
 
+#include <cstring>
 #include <functional>
 #include <string>
 #include <thread>
@@ -12,6 +13,7 @@
 #include "Vidora/LiveSvr.h"
 #include "Vidora/RtspSvrConfig.h"
 #include "Vidora/Tramel/MediaBuffer.h"
+#include "support/Capture.h"
 #include "support/CollectingSink.h"
 #include "support/FakeDataSource.h"
 #include "support/FakeStreamSource.h"
@@ -227,6 +229,49 @@ TEST_F(LiveTest, ChannelDescribesUnicastAndMulticast) {
         channel->Close();
         source->Close();
     }
+}
+
+TEST_F(LiveTest, SettingsMayChangeWhileClientsShareTheChannel) {
+    CLiveChannel* const channel = m_svr->GetLiveChannel("slow", 1);
+    CSockAddrStorage group("239.1.2.3", 30000);
+    std::atomic<int> clients{0};
+    RunTogether(3, [&] {
+        const int client = clients++;
+        CCollectingSink sink;
+        for (int i = 0; i < 200; ++i) {
+            if (client == 0) {
+                CRtspSvrConfig config;
+                config.SetConformance(i % 2 == 0);
+                channel->SetConfig(config);
+                EXPECT_EQ(0, channel->Init(i % 3 == 0 ? "slow" : "renamed", 0,
+                                           i % 2 == 0 ? TRANSF_TYPE_TS : TRANSF_TYPE_RTP));
+                channel->AddTransfDst(group, "127.0.0.1");
+                EXPECT_EQ(-1, channel->Init("other", 0, i % 2 == 0 ? TRANSF_TYPE_RTP : TRANSF_TYPE_TS))
+                    << "it has a sender";
+                channel->SetUnicast(i % 4 != 0);
+                EXPECT_EQ(0, channel->DelTransfDst(group, "127.0.0.1"));
+                continue;
+            }
+            EXPECT_EQ(0, channel->AddRef(10 + client));
+            std::shared_ptr<const CSdpParser> sdp;
+            EXPECT_LE(0, channel->GetSdp(sdp));
+            EXPECT_NE(nullptr, strstr(sdp->get_stream(), "m=video"));
+            EXPECT_EQ(0, channel->Enter(&sink, PACKET_TYPE_RTP));
+            channel->handle_message(0, MSG_SDP_UPDATE, 0);
+            EXPECT_EQ(0, channel->Leave(&sink, PACKET_TYPE_RTP));
+            channel->DelRef(10 + client);
+        }
+    });
+    EXPECT_EQ(0, m_slow->Running());
+    // Somebody gives a reference back that he hasn't: it isn't that of the other.
+    CLogCapture log(Ostra::LOG_LEVEL_INFO);
+    channel->DelRef(2);
+    EXPECT_EQ(0, m_svr->DelLiveChannel("slow"));
+    EXPECT_EQ(0, m_svr->DelLiveChannel("quick"));
+    EXPECT_TRUE(WaitUntil([&] { return log.Count("~CLiveChannel(), channel_name:quick") == 1; }));
+    EXPECT_EQ(1, log.Count("~CLiveChannel()"));
+    channel->DelRef(1);
+    EXPECT_TRUE(WaitUntil([&] { return log.Count("~CLiveChannel()") == 2; }));
 }
 
 TEST_F(LiveTest, ADestinationFollowsTheTracksThatTheSourceTellsLater) {
