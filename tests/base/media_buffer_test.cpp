@@ -579,34 +579,6 @@ TEST_P(MediaBufferTest, SendProcedureMayLeaveAndRemovalWaitsForIt) {
     putter.join();
 }
 
-TEST(MediaBufferPool, SendProcedureThatBlocksHoldsUpItsOwnGroupOnly) {
-    const CPool pool(3);
-    CMediaBuffer buffer;
-    buffer.EnableAutoSend();
-    Leaver blocker;
-    std::vector<std::unique_ptr<Sink>> sinks;
-    for (int i = 0; i < 40; ++i) {
-        sinks.push_back(std::make_unique<Sink>());
-        buffer.AddSender(sinks.back()->sender);
-    }
-    sinks[0]->sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(&blocker, &Leaver::Wait));
-    unsigned int number = 0;
-    unsigned int number_at_block = 0;
-    EXPECT_TRUE(WaitUntil([&] {
-        PutFrame(buffer, number++, true, 100);
-        number_at_block = blocker.calls == 0 ? number : number_at_block;
-        sinks[39]->Read();
-        return blocker.calls > 0 && sinks[39]->reader.Count() >= number_at_block + 5;
-    }));
-    EXPECT_FALSE(blocker.left);
-    blocker.removing = true;
-    for (const auto& sink : sinks) {
-        EXPECT_TRUE(sink->Gets(number));
-        EXPECT_EQ(Range(0, number), sink->reader.Numbers(0));
-        buffer.DelSender(sink->sender);
-    }
-}
-
 // What a group's turn writes by itself and what others do with the same senders meanwhile.
 TEST_P(MediaBufferTest, SendersAreTalkedOnSwitchedMovedAndCutWhileTheyAreWritten) {
     std::atomic<bool> stop{false};

@@ -9,38 +9,11 @@
 namespace Kavio::Vidora {
 namespace {
 
-class Lifecycle : public CServerTest {
-protected:
-    void StartWithTimeout(int seconds) {
-        Set(RTSP_SVR_CONFIG_TIMEOUT, seconds);
-        StartServer();
-    }
-};
-
-TEST_F(Lifecycle, AClientThatStopsReadingEndsAlone) {
-    StartWithTimeout(1);
-    CFakeStreamSource* source = AddChannel();
-    CRtspTestClient stalled(m_port), reading(m_port);
-    PlayInterleaved(stalled);
-    PlayInterleaved(reading);
-    CLogCapture log(Ostra::LOG_LEVEL_ERROR);
-    const uint64_t before = CountDropped();
-    bool is_full = false;
-    EXPECT_TRUE(WaitUntil([&] {
-        GiveVideo(source, 0, 200000);  // key frames
-        bool comes = false;
-        for (int channel = reading.Frame(20).channel; channel >= 0; channel = reading.Frame(1).channel) {
-            comes = true;
-        }
-        is_full = is_full || CountDropped() > before;
-        AdvanceClock(is_full && comes ? 200 : 0);
-        return CRtspSvr::GetSessionCount() == 1;
-    }));
-    EXPECT_EQ(200, reading.Ask("OPTIONS", "*").status);
-}
+class Lifecycle : public CServerTest {};
 
 TEST_F(Lifecycle, TimeOutsAndReports) {
-    StartWithTimeout(60);
+    Set(RTSP_SVR_CONFIG_TIMEOUT, 60);
+    StartServer();
     AddChannel();
     CLogCapture log;
     CRtspTestClient idle(m_port), tcp(m_port), udp(m_port), udp_reports(m_port);
