@@ -147,7 +147,7 @@ CBufferedSeparator::step_t CBufferedSeparator::cut_text(CByteReader& reader) {
     }
     reader.Read(packet.getBuffer(), total);
     packet.getBuffer()[total] = '\0';
-    add_record(packet, length, -1, SEPARATOR_RTSP);
+    add_record(std::move(packet), length, -1, SEPARATOR_RTSP);
     return STEP_DONE;
 }
 
@@ -156,13 +156,13 @@ CBufferedSeparator::step_t CBufferedSeparator::cut_unit(CByteReader& reader, int
     if (!packet.valid() || !reader.Read(packet.getBuffer(), static_cast<size_t>(length))) {
         return STEP_FAILED;
     }
-    add_record(packet, length, channel, kind);
+    add_record(std::move(packet), length, channel, kind);
     return STEP_DONE;
 }
 
-void CBufferedSeparator::add_record(const Flumen::CMediaFrame& packet, int length, int channel, int kind) {
+void CBufferedSeparator::add_record(Flumen::CMediaFrame packet, int length, int channel, int kind) {
     separator_record_t& record = m_records[m_out_count++];
-    record.packet = packet;
+    record.packet = std::move(packet);
     record.length = length;
     record.channel = channel;
     record.kind = kind;

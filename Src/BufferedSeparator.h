@@ -49,7 +49,7 @@ protected:
     // A record of the next `length` bytes; STEP_FAILED, with a log line, without memory.
     step_t cut_unit(CByteReader& reader, int length, int channel, int kind);
     // The row must have room.
-    void add_record(const Flumen::CMediaFrame& packet, int length, int channel, int kind);
+    void add_record(Flumen::CMediaFrame packet, int length, int channel, int kind);
     int row_room() const { return MAX_RECORDS - m_out_count; }
     // Lets the rest of a message be `size` bytes long.
     void want_room(int size) { m_wanted = size > m_wanted ? size : m_wanted; }

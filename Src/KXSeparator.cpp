@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cctype>
+#include <utility>
 
 #include "Protocol/LogQuote.h"
 #include "Tramel/Interleave.h"
@@ -71,7 +72,7 @@ CBufferedSeparator::step_t CKXSeparator::fill_frame(CByteReader& reader) {
 }
 
 CBufferedSeparator::step_t CKXSeparator::put_out() {
-    add_record(m_cur.packet, m_cur.length, m_cur.channel, m_cur.kind);
+    add_record(std::move(m_cur.packet), m_cur.length, m_cur.channel, m_cur.kind);
     m_cur = separator_record_t();
     return STEP_DONE;
 }

@@ -1,6 +1,7 @@
 #include "RtpSeparator.h"
 
 #include <cctype>
+#include <utility>
 
 #include "Ostra/MemoryTrail.h"
 #include "Tramel/Interleave.h"
@@ -97,8 +98,9 @@ CBufferedSeparator::step_t CRTPSeparator::merge(CByteReader& reader, Channel& ch
 }
 
 void CRTPSeparator::put_out(Channel& channel) {
-    const Flumen::CMediaFrame run = channel.merger.Take();
-    add_record(run, static_cast<int>(run.size()), channel.number, SEPARATOR_RTP);
+    Flumen::CMediaFrame run = channel.merger.Take();
+    const int length = static_cast<int>(run.size());
+    add_record(std::move(run), length, channel.number, SEPARATOR_RTP);
 }
 
 // Throws away up to the next unit of a known source; if there is none, up to the next "$" among the last bytes, which
