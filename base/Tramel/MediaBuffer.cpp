@@ -9,6 +9,7 @@
 #include "Ostra/MemoryTrail.h"
 #include "Tramel/Interleave.h"
 #include "Tramel/Level2List.h"
+#include "Tramel/MediaTag.h"
 #include "Tramel/OutputUnit.h"
 #include "Tramel/PooledSink.h"
 #include "Tramel/SinkGroup.h"
@@ -32,7 +33,9 @@ namespace {
 const unsigned int MAX_GROUPS = 32;
 const size_t GROUP_SINKS = 16;  // a new group is made when all have that many, while there may be more groups
 
-const uint64_t SPREAD_AFTER_US = 8000;
+// Of a thread's own time in a turn. Datagrams are left to one thread for longer, see CImpl.
+const uint64_t SPREAD_AFTER_US = 3000;
+const uint64_t SPREAD_DATAGRAMS_AFTER_US = 20000;
 const uint64_t STUCK_AFTER_US = 100000;
 const int MAX_YIELDS = 3;
 
@@ -56,10 +59,11 @@ uint64_t own_time_us() {
 // The shared record: it outlives the buffer while a Put runs.
 //
 // As a strand it writes the groups one after another on one thread of the pool, and only when that has taken more than
-// SPREAD_AFTER_US of its processor time makes turns of the others due, for all threads. Two threads that send at once
-// cost half as much again where there is no processor left for whoever receives. So a put wakes one thread, as the last
-// thing that it does for its senders: threads that wake for more are unlikely to take the processor from a source
-// inside Put, and a socket's state isn't carried from one processor's cache to another's for the sake of a millisecond.
+// SPREAD_AFTER_US of its processor time makes turns of the others due, for all threads. Two threads that send datagrams
+// at once cost half as much again where there is no processor left for whoever receives: what waits in the receivers'
+// sockets leaves the caches. So these are spread later. And a put wakes one thread, as the last thing that it does for
+// its senders: threads that wake for more are unlikely to take the processor from a source inside Put, and a socket's
+// state isn't carried from one processor's cache to another's for the sake of a millisecond.
 class CMediaBuffer::CImpl final : public CStrand {
 public:
     ~CImpl();
@@ -89,6 +93,7 @@ private:
         int length;
     };
 
+    bool passes(int flag, int channel);
     bool is_header_locked(CMediaPacket* packet, int length, int flag) VIDORA_REQUIRES(m_mutex);
     COutputUnit* open_pair_locked(CMediaPacket* packet, int length, int channel) VIDORA_REQUIRES(m_mutex);
     COutputUnit* finish_unit_locked(CMediaPacket* packet, int length, int flag, int channel, bool& whole)
@@ -124,11 +129,16 @@ private:
 };
 
 int CMediaBuffer::CImpl::Put(CMediaPacket* packet, int length, int flag, int channel) {
+    Ostra::CMemoryTrail::NoteBytes(this, sizeof(*this) - sizeof(m_groups));
+    if (passes(flag, channel)) {
+        m_level2.Put(packet, length, flag, channel);
+        packet->Release();
+        return 0;
+    }
     COutputUnit* unit = nullptr;
     uint32_t late = 0;
     bool handed_out = false;
     bool few = false;
-    Ostra::CMemoryTrail::NoteBytes(this, sizeof(*this) - sizeof(m_groups));
     {
         CGuard guard(m_mutex);
         if (is_header_locked(packet, length, flag)) {
@@ -157,6 +167,18 @@ int CMediaBuffer::CImpl::Put(CMediaPacket* packet, int length, int flag, int cha
     m_level2.Put(packet, length, flag, channel);  // last: a host's own sink may be slow
     unit->Release();
     return 0;
+}
+
+// True for a packet that no group and no other packet waits for, as on a client: it needs no unit.
+bool CMediaBuffer::CImpl::passes(int flag, int channel) {
+    CGuard guard(m_mutex);
+    if (m_group_count > 0 || m_pair != PAIR_NONE || m_side_count > 0 || flag == 0) {
+        return false;
+    }
+    ++m_sequence;
+    const MediaTag tag = MediaTag::Unpack(channel);
+    m_key_slots |= tag.IsKey() ? 1U << COutputUnit::SlotOf(tag.track) : 0U;
+    return true;
 }
 
 // Flag 0 opens a pair. The frame of side data has flag 0 as well, so a second put with it is the frame; but one that
@@ -231,9 +253,9 @@ bool CMediaBuffer::CImpl::RunTurn() {
         if (next == nullptr) {
             break;
         }
+        const uint64_t limit = next->HasStreams() ? SPREAD_AFTER_US : SPREAD_DATAGRAMS_AFTER_US;
         // The clock first, which takes no system call: a thread's own time is never ahead of it.
-        const bool is_early = CTime::getCurrentMicroSecond() - clock_begin < SPREAD_AFTER_US;
-        if (is_early || own_time_us() - begin < SPREAD_AFTER_US) {
+        if (CTime::getCurrentMicroSecond() - clock_begin < limit || own_time_us() - begin < limit) {
             next->RunHere();
         } else {
             next->Kick();

@@ -64,7 +64,7 @@ COutputUnit* COutputUnit::CreateMedia(int channel, uint64_t sequence, uint64_t n
 
 void COutputUnit::set_channel(int channel) {
     const MediaTag tag = MediaTag::Unpack(channel);
-    m_slot = static_cast<uint8_t>(tag.track < OTHER_SLOT ? tag.track : OTHER_SLOT);
+    m_slot = static_cast<uint8_t>(SlotOf(tag.track));
     m_key = tag.IsKey();
 }
 

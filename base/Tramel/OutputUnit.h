@@ -27,6 +27,7 @@ public:
     static const unsigned int MAX_SIDE = 4;
     // The slot of all packets whose track isn't one of 0 to 7.
     static const unsigned int OTHER_SLOT = 8;
+    static unsigned int SlotOf(unsigned int track) { return track < OTHER_SLOT ? track : OTHER_SLOT; }
 
     // A copy of `length` bytes of control text, or null if memory is short.
     static COutputUnit* CreateText(const char* text, unsigned int length, uint64_t now_ms);

@@ -273,6 +273,7 @@ bool CSinkGroup::Add(CGroupSink sink, uint64_t from_sequence) {
     place.sink = entered ? sink : CGroupSink(nullptr);
     place.state = entered ? PLACE_USED : PLACE_FREE;
     m_count += entered ? 1 : 0;
+    m_senders += entered && sink.Sender() != nullptr ? 1 : 0;
     return entered;
 }
 
@@ -378,6 +379,7 @@ void CSinkGroup::RemoveAll() {
 void CSinkGroup::begin_removal_locked(size_t index) {
     m_places[index].state = PLACE_CHANGING;
     --m_count;
+    m_senders -= m_places[index].sink.Sender() != nullptr ? 1 : 0;
     if (m_count == 0) {
         m_pending.Clear();
         m_pending_bytes = 0;
@@ -436,6 +438,11 @@ bool CSinkGroup::changes_locked(CGroupSink sink) {
 bool CSinkGroup::IsIdle() {
     CGuard guard(m_mutex);
     return !m_running && m_pending.Empty();
+}
+
+bool CSinkGroup::HasStreams() {
+    CGuard guard(m_mutex);
+    return m_senders > 0;
 }
 
 size_t CSinkGroup::Count() {

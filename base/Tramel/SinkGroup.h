@@ -82,6 +82,8 @@ public:
     void Remove(CGroupSink sink);
     void RemoveAll();
     size_t Count();
+    // True if a sender is among the sinks, whose units leave by a stream as a rule.
+    bool HasStreams();
     // True if nothing waits for a turn and none runs.
     bool IsIdle();
 
@@ -152,7 +154,8 @@ private:
     Ostra::CMutex m_mutex;
     CCallWait m_wait;  // used with m_mutex
     std::vector<CPlace> m_places VIDORA_GUARDED_BY(m_mutex);
-    size_t m_count VIDORA_GUARDED_BY(m_mutex) = 0;  // of the used ones
+    size_t m_count VIDORA_GUARDED_BY(m_mutex) = 0;    // of the used ones
+    size_t m_senders VIDORA_GUARDED_BY(m_mutex) = 0;  // among them
     bool m_any_left VIDORA_GUARDED_BY(m_mutex) = false;
     CUnitRing m_pending VIDORA_GUARDED_BY(m_mutex);
     size_t m_pending_bytes VIDORA_GUARDED_BY(m_mutex) = 0;
