@@ -138,6 +138,7 @@ int CSockDgram::SetRemote(const CSockAddr* remote) {
         return ::connect(m_fd, addr, static_cast<socklen_t>(length)) == 0;
     };
     const size_t length = static_cast<size_t>(to.GetAddrLen());
+    m_offload_limit = ANY_SIZE;  // as by SetTarget
     if (!to.IsValid() || connect_to(to.Native(), length)) {
         return to.IsValid() ? 0 : -1;
     }

@@ -153,6 +153,10 @@ TEST_F(DgramBatchTest, RefusedOffloadFallsBack) {
     ASSERT_EQ(0, ::setsockopt(m_sender.GetHandle(), SOL_SOCKET, SO_NO_CHECK, &on, sizeof(on)));
     SendAndCompare(Make({{6, 1448}, {1, 1200}}));
     SendAndCompare(Make({{100, 300}, {3, 200}}));
+    EXPECT_GT(300u, m_sender.MaxSegment());
+    CSockAddrStorage to;
+    EXPECT_EQ(0, m_receiver.GetLocalAddr(&to) + m_sender.SetRemote(&to));
+    EXPECT_LT(300u, m_sender.MaxSegment()) << "another way is tried anew";
 }
 
 TEST_F(DgramBatchTest, CutRunsSendWhatIsWholeAndFail) {

@@ -638,19 +638,3 @@ TEST_P(MediaBufferTest, SendersAreTalkedOnSwitchedMovedAndCutWhileTheyAreWritten
         m_buffer->DelSender(sink->sender);
     }
 }
-
-TEST_P(MediaBufferTest, SinksComeAndGoWhileTheSourcePuts) {
-    PutWhile(*m_buffer, [&] {
-        for (int round = 0; round < 60; ++round) {
-            Sink sink(4096);
-            m_buffer->AddSender(sink.sender);
-            sink.Say(TextBytes(7));
-            sink.Gets(3);
-            EXPECT_FALSE(sink.reader.Broken());
-            if (round % 3 == 0) {
-                sink.pair.CloseFar();
-            }
-            m_buffer->DelSender(sink.sender);
-        }
-    });
-}

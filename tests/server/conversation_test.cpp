@@ -325,29 +325,6 @@ TEST_F(ConversationTest, TheLastPictureComesWhole) {
     EXPECT_TRUE(client.Closed());
 }
 
-// Media leave by the port that SETUP announces. The last SETUP of a track counts, and takes no room from the others.
-TEST_F(ConversationTest, AUdpTrackThatIsSetUpTwice) {
-    StartServer();
-    CFakeStreamSource* source = AddChannel(LIVE_NAME, SoundAndPictures());
-    CRtspTestClient client(m_port);
-    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
-    CUdpPeer first, last, audio;
-    ASSERT_EQ(200, client.Ask("SETUP", Url() + "/trackID=0", UdpTransport(first.Port())).status);
-    const RtspReply reply = client.Ask("SETUP", Url() + "/trackID=0", UdpTransport(last.Port()));
-    EXPECT_TRUE(reply.Holds("RTP/AVP;unicast;client_port=" + std::to_string(last.Port()) + "-"));
-    ASSERT_EQ(200, client.Ask("SETUP", Url() + "/trackID=1", UdpTransport(audio.Port())).status);
-    ASSERT_EQ(200, client.Ask("PLAY", Url()).status);
-    ASSERT_TRUE(Give(source, 10));
-    int from = 0;
-    const std::string packet = last.Recv(20000, &from);
-    ASSERT_LT(12u, packet.size());
-    EXPECT_EQ('\x80', packet[0]);
-    EXPECT_EQ(ServerPort(reply), from);
-    EXPECT_EQ("", first.Recv(20));
-    EXPECT_EQ(200, client.Ask("TEARDOWN", Url()).status);
-    EXPECT_TRUE(WaitUntil([&] { return !GiveVideo(source, 11); }));
-}
-
 // The channel that it has left ends while its next DESCRIBE is served, and that one's tells the description that it has
 // had: neither is of any concern to the session.
 TEST_F(ConversationTest, ASessionThatDescribesAnewHearsNothingOfWhatItHasLeft) {
