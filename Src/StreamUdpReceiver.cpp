@@ -14,7 +14,7 @@ namespace {
 
 const int MAX_REPORTS = 16;  // of one turn
 const size_t REPORT_ROOM = 4096;
-const int MAX_LAST_READS = 4;  // in front of a BYE: what a large frame may have left
+const int MAX_REST_READS = 4;  // of one turn, in front of BYEs: what a large frame may have left
 const unsigned int MAX_IP_LEN = 64;
 
 bool is_same_host(const CSockAddrStorage& one, const CSockAddrStorage& other) {
@@ -88,6 +88,7 @@ void CStreamUdpReceiver::release_socks() {
 
 int CStreamUdpReceiver::handle_stream_input() {
     const CTurn turn(*this);
+    m_rest_reads = MAX_REST_READS;
     const sock_row_t row = row_of(input_fd());
     if (row.sock == nullptr || row.track >= tracks().count) {
         return 0;
@@ -145,8 +146,9 @@ int CStreamUdpReceiver::read_reports(const sock_row_t& row) {
 void CStreamUdpReceiver::read_rest(int track) {
     CSockDgram* sock = track < m_count ? m_heard[static_cast<size_t>(track)].track.rtp_sock.get() : nullptr;
     bool has_more = sock != nullptr;
-    for (int i = 0; has_more && i < MAX_LAST_READS; ++i) {
+    while (has_more && m_rest_reads > 0) {
         has_more = read_media({sock, track, false}) > 0;
+        --m_rest_reads;
     }
 }
 

@@ -67,6 +67,7 @@ private:
     };
 
     int m_count = 0;
+    int m_rest_reads = 0;                      // that are left to BYEs in this turn
     std::unique_ptr<heard_track_t[]> m_heard;  // m_count of them
 };
 
