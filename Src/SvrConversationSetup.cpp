@@ -178,6 +178,9 @@ int CSvrConversation::setup_track(CTrack& track, transport_info& transport) {
     if (result != 0) {
         return result < 0 ? REFUSED_TRANSPORT : send_error(result);
     }
+    if (m_route != route) {
+        m_source.Leave();  // nothing flows; PLAY enters the new way
+    }
     m_route = route;
     transport.ssrc = m_source.GetSSRC(track.track_id);
     track.send_channel = channel / 2;
@@ -196,13 +199,15 @@ int CSvrConversation::setup_track(CTrack& track, transport_info& transport) {
 }
 
 // Whether the tracks that are set up go another way: all media of a session leave by one route. One that is set up
-// again may change over, and the others follow it.
+// again may change over while none plays, and the others follow it.
 bool CSvrConversation::parts_from_others(const CTrack& track, const IMediaRoute& route) {
-    if (m_route == nullptr || m_route == &route || track.send_channel >= 0) {
+    if (m_route == nullptr || m_route == &route) {
         return false;
     }
-    return std::any_of(m_tracks.begin(), m_tracks.end(),
-                       [](const CTrack& other) { return other.set_up && other.send_channel >= 0; });
+    const bool is_new = track.send_channel < 0;
+    return std::any_of(m_tracks.begin(), m_tracks.end(), [is_new](const CTrack& other) {
+        return other.set_up && other.send_channel >= 0 && (is_new || other.playing);
+    });
 }
 
 // A way for what the client wants; null if there is none.

@@ -115,13 +115,6 @@ TEST_F(QueueTest, FullQueueDropsATrackUntilItsKeyFrame) {
     EXPECT_EQ(0, CountedPacket::Alive());
 }
 
-TEST_F(QueueTest, EmptyQueueTakesAUnitAboveItsLimit) {
-    m_queue.SetLimit(100, 0);
-    Expect("V+ v-");
-    Drain(2);
-    EXPECT_EQ((std::vector<unsigned int>{0}), m_reader.Numbers(0));
-}
-
 TEST_F(QueueTest, BatchThatTheSocketTakesInPartGoesOnWhereItStopped) {
     Drain(1);
     CUnitBatch batch;

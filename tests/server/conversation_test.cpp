@@ -256,6 +256,7 @@ void Conversation::Run(const std::string& line) {
         {"<", [](C c, W w) { c.ExpectReply(w); }},
         {"late", [](C c, W w) { EXPECT_EQ(w.number, LateReply(c.Flushed()).status); }},
         {"frame", [](C c, W w) { c.ExpectFrame(w); }},
+        {"datagram", [](C c, W) { EXPECT_NE("", c.Speaker().rtp.Recv(20000)); }},
         {"silent", [](C c, W w) { EXPECT_TRUE(c.Flushed().Silent(w.number)); }},
         {"closed", [](C c, W) { EXPECT_TRUE(c.Flushed().Closed()); }},
         {"close", [](C c, W) { c.m_clients.erase(c.m_name); }},
