@@ -14,6 +14,7 @@
 #include <cerrno>
 #include <cstring>
 #include <iterator>
+#include <string_view>
 
 #include "Vidora/Ostra/Base64.h"
 #include "rendezvous/Rendezvous.h"
@@ -202,14 +203,14 @@ bool CFleet::meet_server(CClient& client, unsigned int index) {
 
 // What the rendezvous has left on its way is passed over.
 void CFleet::take_datagram(CClient& client, const unsigned char* data, size_t size) {
-    const std::string text(reinterpret_cast<const char*>(data), std::min<size_t>(size, sizeof(NAT_ANSWER) - 1));
-    if (text.compare(0, 4, "RTSP") != 0) {
+    const std::string_view text(reinterpret_cast<const char*>(data), size);
+    if (text.substr(0, 4) != "RTSP") {
         const bool is_rtcp = size > 1 && data[1] >= FIRST_RTCP_TYPE && data[1] <= LAST_RTCP_TYPE;
         if (data[0] >> 6 == 2 && !is_rtcp) {
             count_packet(client, data, size);
         }
     } else if (text != NAT_ANSWER && !client.over) {
-        client.text.assign(reinterpret_cast<const char*>(data), size);
+        client.text = text;
         on_reply(client);
     }
 }
