@@ -20,7 +20,10 @@ thread_local CMemoryTrail* t_noting = nullptr;  // of the turn that runs, while 
 }  // namespace
 
 CMemoryTrail::CTurn::CTurn(CMemoryTrail& trail) : m_outer(t_noting) {
-    trail.fetch();
+    for (uint32_t i = 0; i < trail.m_count; ++i) {
+        const uintptr_t first = static_cast<uintptr_t>(trail.m_places[i] >> COUNT_BITS) * LINE;
+        Fetch(reinterpret_cast<const void*>(first), (trail.m_places[i] & MAX_LINES) * LINE);
+    }
     trail.begin_turn();
 }
 
@@ -28,15 +31,12 @@ CMemoryTrail::CTurn::~CTurn() {
     t_noting = m_outer;
 }
 
-void CMemoryTrail::fetch() const {
-    for (uint32_t i = 0; i < m_count; ++i) {
-        const uintptr_t first = static_cast<uintptr_t>(m_places[i] >> COUNT_BITS) * LINE;
-        const uint64_t lines = m_places[i] & MAX_LINES;
-        for (uint64_t line = 0; line < lines; ++line) {
-            const void* place = reinterpret_cast<const void*>(first + line * LINE);
-            __builtin_prefetch(place);
-            __asm__ volatile("" : : "r"(place));  // a function of nothing but prefetches would be left out as idle
-        }
+void CMemoryTrail::Fetch(const void* place, size_t size) {
+    const uintptr_t begin = reinterpret_cast<uintptr_t>(place);
+    for (uintptr_t at = begin / LINE * LINE; at < begin + size; at += LINE) {
+        const void* line = reinterpret_cast<const void*>(at);
+        __builtin_prefetch(line);
+        __asm__ volatile("" : : "r"(line));  // a function of nothing but prefetches would be left out as idle
     }
 }
 

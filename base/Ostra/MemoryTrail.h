@@ -46,8 +46,10 @@ public:
     }
     static void NoteBytes(const void* place, size_t size);
 
+    // Asks for these bytes now, and waits for nothing.
+    static void Fetch(const void* place, size_t size);
+
 private:
-    void fetch() const;
     void begin_turn();
     void add(uint64_t place);
 

@@ -326,6 +326,7 @@ size_t CReactor::poll(CPollers& pollers, bool sleeps) {
 
 void CReactor::gather(CPollers& pollers, const CPollBatch& batch, uint64_t now) {
     bool strangers = false;
+    m_socks.Fetch(batch);
     for (int i = 0; i < batch.count; ++i) {
         strangers = !m_socks.OnEvent(batch.events[i], now) || strangers;
     }

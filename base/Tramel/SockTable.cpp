@@ -7,6 +7,7 @@
 #include <new>
 #include <utility>
 
+#include "Ostra/MemoryTrail.h"
 #include "Tramel/HandlerCore.h"
 #include "Tramel/Reactor.h"
 #include "Vidora/Tramel/NetHandler.h"
@@ -156,6 +157,30 @@ void CSockTable::Forget(int fd) {
     }
     entry->watches.clear();
     drop_if_unused_locked(shard, *entry);
+}
+
+// Step by step for all events, as each step's address stands in what the last one asked for.
+void CSockTable::Fetch(const CPollBatch& batch) {
+    for (const fetch_t step : {FETCH_ENTRY, FETCH_WATCH, FETCH_CORE}) {
+        for (int i = 0; i < batch.count; ++i) {
+            CShard& shard = shard_of(batch.events[i].fd);
+            Ostra::CGuard guard(shard.mutex);
+            const CEntry* entry = find_locked(shard, batch.events[i].fd);
+            if (entry != nullptr) {
+                fetch(*entry, step);
+            }
+        }
+    }
+}
+
+void CSockTable::fetch(const CEntry& entry, fetch_t step) {
+    if (step == FETCH_ENTRY) {
+        Ostra::CMemoryTrail::Fetch(&entry, sizeof(entry));
+    } else if (step == FETCH_WATCH) {
+        Ostra::CMemoryTrail::Fetch(entry.watches.data(), sizeof(CWatch));
+    } else {
+        Ostra::CMemoryTrail::Fetch(entry.watches.front().core.get(), sizeof(CHandlerCore));
+    }
 }
 
 bool CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {

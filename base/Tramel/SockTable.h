@@ -57,6 +57,8 @@ public:
 
     // To be called before each Wait of the poller.
     void BeginPoll() { m_poll.fetch_add(1); }
+    // Asks for the memory that OnEvent goes through for these events; with many sockets it has left the near caches.
+    void Fetch(const CPollBatch& batch);
     // An event of the last Wait: queues it with the cores that watch for it. False if the descriptor isn't known: it
     // was removed just now, or closed by its owner while its file lives on elsewhere.
     bool OnEvent(const CPollEvent& event, uint64_t now);
@@ -107,6 +109,9 @@ private:
     };
     static constexpr int SHARDS = 16;
 
+    enum fetch_t { FETCH_ENTRY, FETCH_WATCH, FETCH_CORE };
+
+    static void fetch(const CEntry& entry, fetch_t step);
     CShard& shard_of(int fd) { return m_shards[fd % SHARDS]; }
     uint32_t new_generation();
     CEntry* find_locked(CShard& shard, int fd) VIDORA_REQUIRES(shard.mutex);
