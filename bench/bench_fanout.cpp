@@ -217,7 +217,7 @@ private:
         CSink(std::unique_ptr<CSockDgram> socket, udp_way_t udp_way) : sock(std::move(socket)), way(udp_way) {}
         void EnterPlace(CSinkEntry& entry) override {
             const CTurnGuard turn(entry.turn);
-            entry.slots = ~0U;
+            entry.slots = UINT16_MAX;
             entry.outlets[0] = {sock->GetHandle(), static_cast<uint16_t>(sock->MaxSegment()), 0};
             entry.outlet_count = way == UDP_OUTLETS ? 1 : 0;
         }
