@@ -60,7 +60,7 @@ void Fuzz::Target(const uint8_t* data, size_t size) {
         CP2PUdpReceiver::Create(std::make_shared<CSockDgram>(), CSockAddrStorage(), (setting & 8) == 0, 0);
     receiver->SetTracks(tracks);
     receiver->SetMediaBuffer(&buffer);
-    receiver->SetProcs(CStreamReceiver::unit_proc_t(), CStreamReceiver::rtsp_proc_t(&on_text));
+    receiver->SetProcs(CStreamReceiver::rtcp_proc_t(), CStreamReceiver::rtsp_proc_t(&on_text));
     while (input.Remaining() > 2) {
         const size_t length = input.ReadU16();
         Bytes datagram = ReadBytes(input, length);
