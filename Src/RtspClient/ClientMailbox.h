@@ -13,10 +13,11 @@ namespace Kavio {
 namespace Vidora {
 
 // CClientMailbox: what other threads leave for the strand of a client: calls of the application, and replies and
-// reports that the receiver has read.
+// BYEs that the receiver has read.
 //
 // THREADING  Put, Close: any thread. Run: the strand, once for each message that Put posts. Work runs with no lock
-// held. MEMORY     `max_items` pieces of work, and `max_bytes` of what they carry.
+//            held.
+// MEMORY     `max_items` pieces of work, and `max_bytes` of what they carry.
 class CClientMailbox {
 public:
     typedef std::function<void()> work_t;

@@ -144,8 +144,8 @@ public:
     // none. When it is answered with a body, `out` (may be null) gets the first `out_length` - 1 bytes of that and a
     // NUL. It is written once at most: before MSG_RTSP_PARAMETER_REPLY, which a successful GET_PARAMETER doesn't bring,
     // and never after MSG_RTSP_TEARDOWN is posted or Close has returned; it must live until then. A refusal ends that
-    // request only. 0; -1: an unknown method, a body that doesn't fit a message, before Start or after Close, or 64
-    // requests wait for their reply.
+    // request only. 0; -1: an unknown method, a body that doesn't fit a message, before Start or after Close, between
+    // the two servers of a redirect, or 64 requests wait for their reply.
     int SendExtMsg(rtsp_method_t method, const char* body, char* out, int out_length);
     // The user and password for the server's challenges; before Start. They go to the host and port of the URL of Start
     // only, and never into the log. A null password is empty. 0, or -1 for a null user.

@@ -316,6 +316,40 @@ TEST_F(CSessionTest, RedirectAtPlayDoesNotOvertakeASlowSink) {
     EXPECT_EQ(1, most.load());
 }
 
+// What it sets meanwhile is for the next server; without an engine it can ask for nothing.
+TEST_F(CSessionTest, MayBeUsedAndClosedInASinkThatARedirectWaitsFor) {
+    int held = 0;
+    for (int attempt = 0; attempt < 8; ++attempt) {
+        CScriptedServer other(Server::Answer);
+        CScriptedServer server([&](const ServerRequest& request) {
+            return request.method == "PLAY"
+                       ? Server::Reply(request, "302 Moved", "Location: " + other.Url() + "\r\n") + Server::Rtp(1)
+                       : Server::Answer(request);
+        });
+        CClientHost host;
+        host.sink.on_put = [&] {
+            EXPECT_TRUE(WaitUntil([&] { return host.session->GetSdpInfo() == nullptr; }));
+            EXPECT_EQ(-1, host.session->Play(0.0F, 0.0F, 1.0F, false));
+            EXPECT_EQ(-1, host.session->SendExtMsg(RTSP_METHOD_OPTIONS, nullptr, nullptr, 0));
+            EXPECT_EQ(0, host.session->SetCmdExtKey(RTSP_METHOD_DESCRIBE, "X-Mark", "2"));
+            EXPECT_EQ(0, host.session->SetKeepAlive(RTSP_METHOD_GET_PARAMETER));
+            host.session->Pause();
+            RtspClientStatistics statistics;
+            host.session->GetStatistics(statistics);
+            if (attempt % 2 != 0) {
+                host.Close();
+            }
+        };
+        ASSERT_EQ(0, host.Start(server.Url()));
+        EXPECT_TRUE(
+            WaitUntil([&] { return other.Count("PLAY") == 1 || (attempt % 2 != 0 && host.sink.Count() == 1); }));
+        EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
+        EXPECT_TRUE(host.sink.Count() == 0 || other.Count("DESCRIBE") == 0 || other.Holds("X-Mark: 2"));
+        held += host.sink.Count() == 1 ? 1 : 0;
+    }
+    EXPECT_GT(held, 0);  // its receiver may end before it puts
+}
+
 TEST_F(CSessionTest, SilentStreamEndsUnlessAHostIsBusyWithIt) {
     CScriptedServer server(Server::Answer);
     CClientHost host;
