@@ -14,7 +14,8 @@ const uint64_t REPORT_INTERVAL_MS = 1000;
 
 int CP2PUdpSender::PutRest(CMediaPacket* packet, int offset, int length, int tag) {
     const Tramel::MediaTag media = Tramel::MediaTag::Unpack(tag);
-    m_sent_whole = false;
+    CGuard guard(m_mutex);
+    m_whole_track = NO_TRACK;
     if (!m_tracks.Passes(media.track, media.IsKey())) {
         return 0;
     }
@@ -22,9 +23,10 @@ int CP2PUdpSender::PutRest(CMediaPacket* packet, int offset, int length, int tag
     if (data == nullptr || offset < 0 || length < offset || m_sock == nullptr) {
         return -1;
     }
-    CGuard guard(m_mutex);
+    bool is_whole = false;
     const unsigned int rest = static_cast<unsigned int>(length - offset);
-    const bool sent = m_sock->SendMerged(data + offset, rest, &m_sent_whole) >= 0;
+    const bool sent = m_sock->SendMerged(data + offset, rest, &is_whole) >= 0;
+    m_whole_track = is_whole ? static_cast<int>(media.track) : NO_TRACK;
     if (!sent && !m_failing) {
         report_failure();
     }
@@ -53,6 +55,7 @@ void CP2PUdpSender::SetChannel(int channel) {
     if (m_entry != nullptr && channel >= 0 && channel < static_cast<int>(Tramel::COutputUnit::OTHER_SLOT)) {
         const Tramel::CTurnGuard turn(m_entry->turn);
         m_entry->numbers[channel] = 0;
+        m_whole_track = m_whole_track == channel ? NO_TRACK : m_whole_track;  // it may not be counted yet
     }
     switch_locked([channel](CTrackSwitch& tracks) { tracks.On(channel); });
 }

@@ -27,7 +27,7 @@ public:
     // that is off, or above 7, are dropped: 0. `length`, or -1 if the bytes aren't whole packets (those in front of the
     // fault are sent) or the socket failed.
     int PutRest(CMediaPacket* packet, int offset, int length, int tag) override;
-    bool SentWhole() const override { return m_sent_whole; }
+    bool SentWhole() const override { return m_whole_track != NO_TRACK; }
     void PutInfo(CMediaPacket* packet, int length, int before) override { m_frame_proc(packet, length, before); }
     void EnterPlace(Tramel::CSinkEntry& entry) override;
 
@@ -42,13 +42,15 @@ public:
     void PauseChannel(int channel);
 
 private:
+    static constexpr int NO_TRACK = -1;
+
     void fill_locked(Tramel::CSinkEntry& entry) VIDORA_REQUIRES(m_mutex) override;
     void report_failure();
 
     CSockDgram* m_sock = nullptr;
     frame_proc_t m_frame_proc;
-    // Of Put.
-    bool m_sent_whole = false;                          // the last frame
+    // Of Put; the track also of SetChannel, under the entry's turn.
+    int m_whole_track = NO_TRACK;                       // of the last frame, if all of it was sent
     bool m_failing VIDORA_GUARDED_BY(m_mutex) = false;  // the last Put
     uint64_t m_last_report_ms = 0;                      // of a failure
 };

@@ -24,7 +24,8 @@ class CPooledSink : public CLevel2Buffer_IF {
 public:
     // A put whose first `offset` bytes have gone without a call. Only for a sink that leaves sockets in its entry.
     virtual int PutRest(CMediaPacket* /*packet*/, int /*offset*/, int /*length*/, int /*tag*/) { return -1; }
-    // Whether all of the last Put or PutRest was sent: its frame counts (see CSinkEntry::told).
+    // Whether all of the last Put or PutRest was sent: its frame counts (see CSinkEntry::told). Under the entry's turn,
+    // as a sink may begin to count anew there.
     virtual bool SentWhole() const { return false; }
     // A side packet (CMediaBuffer::PutFrameInfo) of a packet that was sent whole, as the entry's `told` asks for; lent
     // for the call. `before`: the number of the track's frame that was sent before, 0 for none.

@@ -205,9 +205,10 @@ void CSinkGroup::put_level2(const CUnitBatch& batch, size_t index, CSinkEntry& e
             return;
         }
         CNews news;
-        if (level2.SentWhole()) {
+        {
             const CTurnGuard turn(entry.turn);
-            count_frames(batch, static_cast<uint64_t>(1) << i, entry, news);
+            const uint64_t sent = level2.SentWhole() ? static_cast<uint64_t>(1) << i : 0;
+            count_frames(batch, sent, entry, news);
         }
         if (!tell(batch, index, CGroupSink(&level2), news)) {
             return;
