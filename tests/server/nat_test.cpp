@@ -2,6 +2,7 @@
 
 #include <memory>
 #include <thread>
+#include <utility>
 
 #include "FrameInfo.h"
 #include "Nat/P2PSvrSession.h"
@@ -422,10 +423,13 @@ TEST(NatSender, CountsAnewBehindAFrameThatWasBeingSent) {
     struct CSwitched : CP2PUdpSender {
         int PutRest(CMediaPacket* packet, int offset, int length, int tag) override {
             const int result = CP2PUdpSender::PutRest(packet, offset, length, tag);
-            PauseChannel(0);
-            SetChannel(0);
+            if (std::exchange(switches, false)) {
+                PauseChannel(0);
+                SetChannel(0);
+            }
             return result;
         }
+        bool switches = true;
     };
     const CPool pool(2);
     CSockDgram from, to;
