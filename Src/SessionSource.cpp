@@ -98,6 +98,11 @@ bool CSessionSource::Release(long user, bool hears_end) {
     return is_own && hears_end;
 }
 
+bool CSessionSource::IsRecording() const {
+    const src_type_t type = m_own != nullptr ? m_own->GetSrcType() : SRC_TYPE_NONE;
+    return type == SRC_TYPE_FILE || type == SRC_TYPE_TOKEN;
+}
+
 long CSessionSource::SenderId() const {
     return m_channel != nullptr ? m_channel->GetID() : m_own != nullptr ? m_own->GetID() : 0;
 }

@@ -47,6 +47,8 @@ public:
     // Also when the channel was not to be had.
     bool IsLive() const { return m_is_live; }
     bool IsOwn() const { return m_own != nullptr; }
+    // Whether it can seek: a recording of this host.
+    bool IsRecording() const;
     // The handler that sends the messages of what is open; 0 for nothing.
     long SenderId() const;
     // The numbers in the live channel's name.

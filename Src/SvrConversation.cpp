@@ -349,7 +349,8 @@ int CSvrConversation::take_source_message(unsigned int msg) {
         case MSG_SRC_PAUSED:
             return reply_pause();
         case MSG_SRC_END:
-            return m_drain.Runs() ? 0 : on_source_end();  // a source may report its end with every frame
+            // A source may report its end with every frame.
+            return m_drain.Runs() || ends_former_play() ? 0 : on_source_end();
         case MSG_SRC_FAIL:
             return -1;
         case MSG_SDP_UPDATE:
@@ -364,6 +365,12 @@ int CSvrConversation::on_source_ready() {
         read_sdp();
     }
     return reply_describe();
+}
+
+// A recording that was sought tells an end of what it played before in front of the answer to PLAY. Before the first
+// PLAY its end is that of a source that can't play.
+bool CSvrConversation::ends_former_play() const {
+    return m_has_played && m_awaited == REFUSED_RANGE && m_source.IsRecording();
 }
 
 int CSvrConversation::on_source_end() {

@@ -178,6 +178,7 @@ private:
     bool is_stale(long sender_id, unsigned int msg) const;
     int take_source_message(unsigned int msg);
     int on_source_ready();
+    bool ends_former_play() const;
     int on_source_end();
     int on_sdp_update();
     int take_awaited_sdp();

@@ -71,6 +71,8 @@ public:
     int Play(uint64_t start_us, uint64_t end_us, float speed);
     int Play(const UtcTime& start, const UtcTime& end, float speed);
     int Pause();
+    // Sends the owner a message behind all that the source has told until now.
+    void Report(unsigned int msg) { Notify(GetID(), msg, 0); }
     // Counts a client of that packet form and buffer in, and starts or resumes the source. `cseq` goes into the replay
     // extension. A client for which the source doesn't start isn't counted.
     int StartStreaming(packet_type_t packet_type, CMediaBuffer* buffer, int cseq);

@@ -128,10 +128,20 @@ bool CKXDataSrc::build_description() {
     return true;
 }
 
+// Goes the way of the receiver's messages, behind those that are on it: an end that was told before a PLAY comes before
+// the answer to it.
+void CKXDataSrc::report_behind(const CKXDataReceiver::CUse& use, unsigned int msg) {
+    if (use) {
+        use->Report(msg);
+    } else {
+        notify_all(msg);
+    }
+}
+
 int CKXDataSrc::Play(const UtcTime& start, const UtcTime& end, float speed, bool) {
     const CKXDataReceiver::CUse use = enter();
     if (!use || use->Play(start, end, speed) < 0) {
-        notify_all(MSG_SRC_FAIL);
+        report_behind(use, MSG_SRC_FAIL);
         // The text begins with a "d" where a year is meant; readers of the log know it so.
         logError(
             "%s:%d CKXDataSrc::Play fail, start_utc_time:[d-%d-%d %d:%d:%d] end_utc_time:[d-%d-%d %d:%d:%d] "
@@ -140,30 +150,30 @@ int CKXDataSrc::Play(const UtcTime& start, const UtcTime& end, float speed, bool
             end.hour, end.minute, end.second, static_cast<double>(speed));
         return -1;
     }
-    notify_all(MSG_PLAY_READY);
+    report_behind(use, MSG_PLAY_READY);
     return 0;
 }
 
 int CKXDataSrc::Play(uint64_t start_us, uint64_t end_us, float speed, bool) {
     const CKXDataReceiver::CUse use = enter();
     if (!use || use->Play(start_us, end_us, speed) < 0) {
-        notify_all(MSG_SRC_FAIL);
+        report_behind(use, MSG_SRC_FAIL);
         logError("%s:%d CKXDataSrc::Play fail, start_time_us:%lld end_time_us:%lld speed:%lf\n", __FILE__, __LINE__,
                  static_cast<long long>(start_us), static_cast<long long>(end_us), static_cast<double>(speed));
         return -1;
     }
-    notify_all(MSG_PLAY_READY);
+    report_behind(use, MSG_PLAY_READY);
     return 0;
 }
 
 int CKXDataSrc::Pause() {
     const CKXDataReceiver::CUse use = enter();
     if (!use || use->Pause() < 0) {
-        notify_all(MSG_SRC_FAIL);
+        report_behind(use, MSG_SRC_FAIL);
         logError("%s:%d CKXDataSrc::Pause fail\n", __FILE__, __LINE__);
         return -1;
     }
-    notify_all(MSG_SRC_PAUSED);
+    report_behind(use, MSG_SRC_PAUSED);
     return 0;
 }
 

@@ -62,6 +62,7 @@ private:
 
     int find_track(int track_id);
     void run(const std::shared_ptr<CSourceJob>& job);
+    void report_behind(const CKXDataReceiver::CUse& use, unsigned int msg);
     void describe();
     bool build_description();
     void end();

@@ -29,6 +29,7 @@ const std::map<std::string, void (*)(CFakeStreamSource::Settings&)> FAULTS = {
     {"without tracks", [](auto& source) { source.has_video = false; }},
     {"of no kind", [](auto& source) { source.type = SRC_TYPE_NONE; }},
     {"that can't seek", [](auto& source) { source.seek_fails = true; }},
+    {"that ends before it seeks", [](auto& source) { source.ends_in_seek = true; }},
     {"with few key frames", [](auto& source) { source.key_sec = 4; }},
     {"that doesn't start", [](auto& source) { source.start_fails = true; }},
     {"with an empty range", [](auto& source) { source.end = source.begin - 10; }},

@@ -151,6 +151,9 @@ bool CFakeStreamSource::GetTime(CTime& time) {
 }
 
 bool CFakeStreamSource::SeekByTime(const CTime& time) {
+    if (m_settings.ends_in_seek) {
+        Tell(MSG_SRC_END);
+    }
     m_sought = time.makeTime() - time.makeTime() % m_settings.key_sec;
     return record("Seek " + std::to_string(time.makeTime())) && !m_settings.seek_fails;
 }

@@ -29,8 +29,9 @@ public:
         bool init_fails = false;  // after it has told
         bool start_fails = false;
         bool seek_fails = false;
-        bool null_source = false;  // the factory gives null
-        uint64_t key_sec = 1;      // begins with a second of which this is a divisor
+        bool ends_in_seek = false;  // tells the end of what it played before
+        bool null_source = false;   // the factory gives null
+        uint64_t key_sec = 1;       // begins with a second of which this is a divisor
         uint64_t length_us = 12500000;
         Vidora::CTime begin = Vidora::CTime(1600000000);
         Vidora::CTime end = Vidora::CTime(1600000012);
