@@ -27,7 +27,7 @@ struct rtcp_digest_t {
     bool Ends(uint32_t source) const;
 };
 
-// False for what is no compound.
+// False for what is neither a compound nor led by a sender report.
 bool ReadRtcp(const unsigned char* data, size_t length, rtcp_digest_t& digest);
 
 }  // namespace Vidora

@@ -10,8 +10,6 @@
 namespace Kavio {
 namespace Vidora {
 
-namespace {}  // namespace
-
 CUdpStreamReceiver* CUdpStreamReceiver::Create() {
     CStreamParserPtr parser = CStreamParser::Create(STREAM_TYPE_RTP, STREAM_TYPE_PRIVATE_FRAME);
     CUdpStreamReceiver* receiver = parser != nullptr ? new (std::nothrow) CUdpStreamReceiver : nullptr;

@@ -418,6 +418,8 @@ TEST(RtcpDigest, FindsTheByeAndWhomItNames) {
                 {"80c90001 11223344 80cb0000", true, true, false},
                 {"80c90001 11223344 81cb0009 11223344", true, false, false},  // cut short
                 {"81cb0001 11223344", false, false, false},                   // no compound
+                // A report whose block is missing.
+                {"81c80006 11223344 e1234567 89abcdef 00000e10 00000001 00000002", true, false, false},
                 {"", false, false, false}};
     for (const auto& row : rows) {
         SCOPED_TRACE(row.compound);
@@ -425,6 +427,7 @@ TEST(RtcpDigest, FindsTheByeAndWhomItNames) {
         rtcp_digest_t digest;
         EXPECT_EQ(ReadRtcp(bytes.data(), bytes.size(), digest), row.is_one);
         EXPECT_EQ(digest.has_bye, row.has_bye);
+        EXPECT_EQ(digest.has_report ? digest.rtp : 0, bytes.size() == 28 ? 3600u : 0u);
         EXPECT_EQ(digest.Ends(0x11223344), row.ends);
     }
 }
