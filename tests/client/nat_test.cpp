@@ -346,7 +346,8 @@ private:
             const std::lock_guard<std::mutex> guard(m_mutex);
             m_seen.push_back(datagram.substr(0, 20));
         }
-        const bool is_lost = m_every > 0 && ++m_count % m_every == 0;
+        const int every = m_every;
+        const bool is_lost = every > 0 && ++m_count % every == 0;
         if (!datagram.empty() && !is_lost) {
             out.Send(datagram, to);
         }
