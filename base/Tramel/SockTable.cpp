@@ -159,8 +159,12 @@ void CSockTable::Forget(int fd) {
     drop_if_unused_locked(shard, *entry);
 }
 
-// Step by step for all events, as each step's address stands in what the last one asked for.
+// Step by step for all events, as each step's address stands in what the last one asked for. A lone event would wait
+// for each step as it does in OnEvent.
 void CSockTable::Fetch(const CPollBatch& batch) {
+    if (batch.count < 2) {
+        return;
+    }
     for (const fetch_t step : {FETCH_ENTRY, FETCH_WATCH, FETCH_CORE}) {
         for (int i = 0; i < batch.count; ++i) {
             CShard& shard = shard_of(batch.events[i].fd);
