@@ -141,7 +141,7 @@ int CFrame2Ts::PutFrame(const unsigned char* data, unsigned int len, int enc_typ
         return -1;
     }
     print_input_frame(enc_type, pts, len);
-    if (!write_head(data, len, mux_track_of_enc_type(enc_type), ts_clock_of_ms(pts))) {
+    if (!write_head(data, len, mux_track_of_enc_type(enc_type), pts)) {
         logError("CFrame2Ts::PutFrame TsStream fail\n");
         return -1;
     }
@@ -150,7 +150,7 @@ int CFrame2Ts::PutFrame(const unsigned char* data, unsigned int len, int enc_typ
 
 // Nothing changes unless there is room for the whole frame: so one that is too big costs neither tables nor a step in
 // the continuity counters.
-bool CFrame2Ts::write_head(const unsigned char* data, uint32_t len, int track, uint64_t clock) {
+bool CFrame2Ts::write_head(const unsigned char* data, uint32_t len, int track, uint64_t pts_ms) {
     const bool with_tables = m_frame_count % TABLE_INTERVAL == 0;
     const uint64_t packets = media_packets(len);
     const uint64_t total = ((with_tables ? TABLE_PACKETS : 0) + packets) * TS_PACK_LEN;
@@ -168,7 +168,7 @@ bool CFrame2Ts::write_head(const unsigned char* data, uint32_t len, int track, u
         m_table_continuity = m_counts_tables ? (m_table_continuity + 1) & TS_CONTINUITY_MASK : 0;
     }
     CByteReader frame(data, len);
-    frame.Skip(write_first(writer, data, len, track, clock));
+    frame.Skip(write_first(writer, data, len, track, pts_ms));
     m_head_len = static_cast<uint32_t>(writer.Offset());
     m_rest = frame.Rest();
     m_rest_len = static_cast<uint32_t>(frame.Remaining());
@@ -209,16 +209,16 @@ void CFrame2Ts::write_pmt(CByteWriter& writer) const {
 // The first packet of the frame's one PES packet: the clock reference, the PES header and the frame's first bytes,
 // whose number it returns.
 uint32_t CFrame2Ts::write_first(CByteWriter& writer, const unsigned char* data, uint32_t len, int track,
-                                uint64_t clock) const {
+                                uint64_t pts_ms) {
     const TsTrack& out = m_table.tracks[track];
     PacketHead head;
     head.pid = out.pid;
     head.has_pcr = true;
-    head.clock = clock;
+    head.clock = ts_clock_of_ms(m_clocks[track].Take(pts_ms));
     head.payload_len = static_cast<uint32_t>(std::min<uint64_t>(uint64_t{len} + PES_HEADER_LEN, FIRST_PAYLOAD));
     head.continuity = out.continuity;
     write_packet_head(writer, head);
-    pes_write_header(writer, pes_stream_id(out.kind, track), len, clock);
+    pes_write_header(writer, pes_stream_id(out.kind, track), len, ts_clock_of_ms(pts_ms));
     const uint32_t first = head.payload_len - PES_HEADER_LEN;
     writer.WriteBytes(data, first);
     return first;

@@ -3,6 +3,7 @@
 
 #include <cstdint>
 
+#include "StreamParser/ForwardTime.h"
 #include "StreamParser/Frame2Packet.h"
 #include "StreamParser/TsTable.h"
 #include "Vidora/Ostra/ByteWriter.h"
@@ -14,7 +15,8 @@ namespace Vidora {
 // 1 for audio.
 //
 // Every tenth frame follows a PAT and a PMT, the first one too. Every frame is one PES packet and carries a clock
-// reference. The output comes in units of some TS packets, 7 unless told otherwise (1316 bytes: one datagram).
+// reference, which is its time stamp, or that of an earlier frame if a B picture's lies before it (ISO
+// 13818-1 2.4.2.2). The output comes in units of some TS packets, 7 unless told otherwise (1316 bytes: one datagram).
 //
 // PutFrame makes what comes in front of the frame's second TS packet; GetPacket does the one copy of the rest. A frame
 // that takes more than STREAM_BUFFER_LEN bytes fails whole, and the next one is taken as ever.
@@ -48,12 +50,12 @@ private:
     // PAT, PMT and the frame's first packet.
     static constexpr uint32_t MAX_HEAD_LEN = 3 * TS_PACK_LEN;
 
-    bool write_head(const unsigned char* data, uint32_t len, int track, uint64_t clock);
+    bool write_head(const unsigned char* data, uint32_t len, int track, uint64_t pts_ms);
     void change_tables(const TsProgramTable& before);
     void write_pat(Ostra::CByteWriter& writer) const;
     void write_pmt(Ostra::CByteWriter& writer) const;
     uint32_t write_first(Ostra::CByteWriter& writer, const unsigned char* data, uint32_t len, int track,
-                         uint64_t clock) const;
+                         uint64_t pts_ms);
     void write_unit(Ostra::CByteWriter& writer) const;
 
     int32_t m_packets_per_output = 0;
@@ -62,6 +64,7 @@ private:
     TsProgramTable m_table;
     bool m_counts_tables = false;
     int m_table_continuity = 0;  // of both tables, which always come together
+    CForwardTime m_clocks[TS_MAX_TRACKS];
 
     // The frame in work.
     unsigned char m_head[MAX_HEAD_LEN];

@@ -4,16 +4,18 @@ namespace Kavio {
 namespace Vidora {
 
 void ParserStatis::Count(uint64_t pts, uint32_t size, int32_t sequence) {
-    constexpr uint32_t INTERVAL_MS = 1000;
+    constexpr int32_t INTERVAL_MS = 1000;
     if (m_start_pts == 0) {
         m_start_pts = pts;
         m_frames = -1;  // the first frame only opens the interval
     }
     ++m_frames;
     m_bytes += size;
-    const uint32_t elapsed_ms = static_cast<uint32_t>(pts - m_start_pts);
+    const int32_t elapsed_ms = static_cast<int32_t>(pts - m_start_pts);
+    // B pictures step back by less than an interval.
     const bool gap =
-        m_last_sequence != 0 && static_cast<uint32_t>(sequence) != static_cast<uint32_t>(m_last_sequence) + 1;
+        (m_last_sequence != 0 && static_cast<uint32_t>(sequence) != static_cast<uint32_t>(m_last_sequence) + 1) ||
+        elapsed_ms <= -INTERVAL_MS;
     if (!gap && elapsed_ms >= INTERVAL_MS) {
         finish_interval(elapsed_ms);
     }
@@ -27,7 +29,7 @@ void ParserStatis::Count(uint64_t pts, uint32_t size, int32_t sequence) {
 
 // Carries the fraction of the last rate over into this one, so that a reader who cuts `fps` to a whole number comes
 // near the true rate in the mean. A rate below 1 shows 1 more, never 0.
-void ParserStatis::finish_interval(uint32_t elapsed_ms) {
+void ParserStatis::finish_interval(int32_t elapsed_ms) {
     fps = static_cast<float>(m_frames * 1000.0 / elapsed_ms);
     bit_rate = static_cast<float>(m_bytes * 8000.0 / elapsed_ms);
     if (static_cast<int32_t>(fps) == 0) {

@@ -20,12 +20,12 @@ struct ParserStatis {
     float m_fps_fraction = 0;
 
     // Counts one frame: its time stamp in milliseconds, its size in bytes and its running number. A number that isn't
-    // the last one plus 1 starts the measurement anew. A first time stamp of 0 counts as none, so the next frame
-    // starts.
+    // the last one plus 1 starts the measurement anew, and so does a time stamp that lies an interval back. A first
+    // time stamp of 0 counts as none, so the next frame starts.
     void Count(uint64_t pts, uint32_t size, int32_t sequence);
 
 private:
-    void finish_interval(uint32_t elapsed_ms);
+    void finish_interval(int32_t elapsed_ms);
 };
 
 }  // namespace Vidora

@@ -96,8 +96,13 @@ bool CRtp2Frame::store_packet(const RtpHeader& header) {
     return true;
 }
 
-void CRtp2Frame::take_packet(const RtpHeader& header) {
-    m_time.Advance(static_cast<int32_t>(header.timestamp - m_last_ts));
+void CRtp2Frame::take_packet(const RtpHeader& header, rtp_order_t order) {
+    const auto ticks = static_cast<int32_t>(header.timestamp - m_last_ts);
+    if (order == RTP_ORDER_JOINS) {
+        m_time.Join(ticks);  // RFC 3550 5.1: each source begins its time stamps at random
+    } else {
+        m_time.Advance(ticks);
+    }
     m_last_ts = header.timestamp;
     m_watch.Take(header);
 }
@@ -127,7 +132,7 @@ int CRtp2Frame::put_framed(const RtpHeader& header) {
     if (!store_packet(header)) {
         return PACKET_REFUSED;
     }
-    take_packet(header);
+    take_packet(header, order);
     m_work.frame_ms = m_time.Ms();
     if (m_damaged && m_drop_damaged) {
         drop_packets();  // and so with all that follow with this time stamp
@@ -202,7 +207,7 @@ void CRtp2Frame::watch_stream(const RtpHeader& header) {
     if (order == RTP_ORDER_JOINS || (order == RTP_ORDER_GAP && m_drop_damaged)) {
         drop_packets();  // what is left of the frame in work doesn't begin one
     }
-    take_packet(header);
+    take_packet(header, order);
 }
 
 // Turns the packets held into a frame. A frame_result_t; FRAME_MORE: there is no picture among them yet.

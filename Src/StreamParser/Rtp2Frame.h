@@ -102,7 +102,7 @@ private:
     int put_stream(const RtpHeader& header);
     void watch_stream(const RtpHeader& header);
     inline bool store_packet(const RtpHeader& header);
-    inline void take_packet(const RtpHeader& header);
+    inline void take_packet(const RtpHeader& header, rtp_order_t order);
     int make_frame();
     void print_output(uint32_t size) const;
     void drop_packets();

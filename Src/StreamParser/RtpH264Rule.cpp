@@ -37,6 +37,11 @@ bool is_inner_code(const StartCodeScan& scan) {
     return scan.Before() == 0x00 || scan.Before() == 0x80;
 }
 
+// Is there nothing to such a NAL unit but its header (ISO 14496-10 7.3.2.5 and 7.3.2.6)?
+bool is_header_only(int nal_type) {
+    return nal_type == H264_NAL_END_OF_SEQUENCE || nal_type == H264_NAL_END_OF_STREAM;
+}
+
 // The first NAL unit that a packet brings or begins; a type of 0 without one, and of -1 for the middle of a unit.
 FirstNal first_nal(const RtpHeader& packet) {
     CByteReader payload(packet.payload, packet.payload_len);
@@ -137,10 +142,10 @@ int CRtpH264Rule::Make() {
 // Settles what of a packet goes into the frame and what precedes it.
 int CRtpH264Rule::place_node(RtpPacketNode& node) {
     CByteReader payload(node.raw, node.raw_len);
-    if (payload.Remaining() < FU_HEADER_LEN) {
+    const int type = h264_nal_type(payload.PeekU8());
+    if (payload.Remaining() < FU_HEADER_LEN && !is_header_only(type)) {
         return ERROR_SHORT;
     }
-    const int type = h264_nal_type(payload.PeekU8());
     if (type == H264_NAL_STAP_A) {
         return place_stap_a(node);
     }

@@ -126,9 +126,6 @@ public:
     // Takes one packet, run of packets or frame; a parser_result_t. The converter may hold on to its bytes (a shared
     // handle) until the output has been taken.
     virtual int InputFrame(const Flumen::CMediaFrame& frame);
-    // No input follows for the frame in work: one that is whole without more comes out. PARSER_FRAME_READY, or
-    // PARSER_OK if there is none; the base knows of none.
-    virtual int EndInput() { return PARSER_OK; }
     // The next frame or packet, or an empty frame.
     virtual Flumen::CMediaFrame OutputFrame();
     // Forgets what has come in and isn't put out.
@@ -146,6 +143,9 @@ public:
     virtual int GetStatis(ParserStatis& statis);
     // Prints the converter's state to the console.
     virtual void PrintInfo();
+    // No input follows for the frame in work: one that is whole without more comes out. PARSER_FRAME_READY, or
+    // PARSER_OK if there is none; the base knows of none.
+    virtual int EndInput() { return PARSER_OK; }
 
 protected:
     // The lines that every PrintInfo begins with.

@@ -26,10 +26,18 @@ public:
         m_ms += static_cast<uint64_t>(sum / m_rate);
         m_rest = sum % m_rate;
     }
+    // Goes on with the ticks of another clock, which may begin anywhere: by `ticks` if they look like a step on, or
+    // else not at all.
+    void Join(int32_t ticks) {
+        if (ticks >= 0 && ticks <= MAX_JOIN_SEC * m_rate) {
+            Advance(ticks);
+        }
+    }
     uint64_t Ms() const { return m_ms; }
 
 private:
     static constexpr int64_t MS_PER_SEC = 1000;
+    static constexpr int64_t MAX_JOIN_SEC = 10;
 
     int64_t m_rate;
     uint64_t m_ms = 0;

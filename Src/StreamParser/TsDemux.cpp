@@ -20,7 +20,6 @@ constexpr size_t SECTION_HEAD_LEN = 8;  // what all sections have in common
 constexpr size_t PMT_HEAD_LEN = 12;     // taken as if there were no program descriptors
 constexpr size_t PMT_ENTRY_LEN = 5;
 constexpr size_t PAT_ENTRY_LEN = 4;
-constexpr size_t PROGRAM_NUMBER_LEN = 2;  // what an entry of the PAT begins with
 constexpr size_t CRC_LEN = 4;
 constexpr uint64_t TICKS_PER_MS = 90;
 
@@ -55,9 +54,11 @@ void read_pat(TsProgramTable& table, CByteReader& payload, Ostra::CLogGate& log)
         return;
     }
     table.program_count = static_cast<int32_t>(std::min<size_t>(section.Remaining() / PAT_ENTRY_LEN, MAX_PROGRAMS));
-    if (table.program_count > 0) {
-        section.Skip(PROGRAM_NUMBER_LEN);
-        table.pmt_pid = section.ReadU16() & TS_PID_MASK;
+    bool is_network = true;  // so far there are none but number 0, which is the network's table and no program
+    for (bool is_first = true; is_network && section.Remaining() >= PAT_ENTRY_LEN; is_first = false) {
+        is_network = section.ReadU16() == 0;
+        const int pid = section.ReadU16() & TS_PID_MASK;
+        table.pmt_pid = is_first || !is_network ? pid : table.pmt_pid;
     }
 }
 

@@ -1,6 +1,7 @@
 #ifndef VIDORA_STREAMPARSER_TSRTPHEADER_H
 #define VIDORA_STREAMPARSER_TSRTPHEADER_H
 
+#include "StreamParser/ForwardTime.h"
 #include "StreamParser/RtpHeader.h"
 #include "StreamParser/StreamParser.h"
 #include "Vidora/Ostra/ByteWriter.h"
@@ -8,8 +9,8 @@
 namespace Kavio {
 namespace Vidora {
 
-// CTsRtpHeader: the RTP headers in front of the units of a transport stream (RFC 2250 2), whose time stamp is that of
-// the frame in them. Until it begins there are none.
+// CTsRtpHeader: the RTP headers in front of the units of a transport stream (RFC 2250 2), whose time stamp is the
+// stream's clock at the frame in them. Until it begins there are none.
 //
 // THREADING  No lock: one thread at a time.
 class CTsRtpHeader {
@@ -22,7 +23,8 @@ public:
         m_ssrc = param.ssrc;
         m_sequence = param.sequence;
         m_timestamp = param.timestamp;
-        m_first_pts = 0;
+        m_is_first = true;
+        m_time = CForwardTime();
         m_ticks = 0;
     }
     // Where it is: the next sequence number, and the time stamp of the frame in work.
@@ -36,8 +38,9 @@ public:
 
     // The next frame's time in milliseconds.
     void SetTime(uint64_t pts_ms) {
-        m_first_pts = m_first_pts == 0 ? pts_ms : m_first_pts;
-        m_ticks = static_cast<uint32_t>((pts_ms - m_first_pts) * TICKS_PER_MS);  // wraps, as it is to
+        m_first_pts = m_is_first ? pts_ms : m_first_pts;
+        m_is_first = false;
+        m_ticks = static_cast<uint32_t>((m_time.Take(pts_ms) - m_first_pts) * TICKS_PER_MS);  // wraps, as it is to
     }
     // Writes the header of the next unit, if there is to be one.
     void Write(CByteWriter& writer) {
@@ -58,7 +61,9 @@ private:
     uint32_t m_ssrc = 0;
     uint16_t m_sequence = 0;
     uint32_t m_timestamp = 0;  // of the first frame
+    bool m_is_first = true;    // no frame has come yet
     uint64_t m_first_pts = 0;
+    CForwardTime m_time;
     uint32_t m_ticks = 0;  // from the first frame
 };
 

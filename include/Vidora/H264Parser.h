@@ -17,6 +17,8 @@ enum h264_nal_t {
     H264_NAL_SPS = 7,
     H264_NAL_PPS = 8,
     H264_NAL_DELIMITER = 9,
+    H264_NAL_END_OF_SEQUENCE = 10,
+    H264_NAL_END_OF_STREAM = 11,
     H264_NAL_STAP_A = 24,
     H264_NAL_FU_A = 28
 };

@@ -42,6 +42,24 @@ TEST(Rtp2Frame, TimeRunsInTheClockOfAudioAndIn90KhzElsewhere) {
     }
 }
 
+// Another source begins its time stamps anywhere: a step on of some seconds counts, all else doesn't move the time.
+TEST(Rtp2Frame, TimeGoesOnWithAnotherSource) {
+    Depacketiser in(ENC_TYPE_AUDIO, false, 8000);
+    RtpFields fields;
+    uint64_t ms = 0;
+    for (const uint32_t step : {0u, 16000u, 80000u, 80001u, 0x70000000u, 0u - 160u}) {
+        ++fields.ssrc;
+        fields.timestamp += step;
+        in.Put(MakeRtp(fields, Bytes(20, 0)));
+        ms += step <= 80000 ? step / 8 : 0;
+        EXPECT_EQ(ms, in.Engine().GetPts()) << step;
+        ++fields.sequence;
+        fields.timestamp += 160;
+        in.Put(MakeRtp(fields, Bytes(20, 0)));
+        EXPECT_EQ(ms += 20, in.Engine().GetPts()) << step;
+    }
+}
+
 // Packets of another payload type that take part in the sequence: after the first pair they are no gaps, and a real gap
 // beside one of them still marks the frame. One that follows the own number 0 isn't counted, as it never was.
 TEST(Rtp2Frame, ForeignPacketsMayShareTheSequence) {

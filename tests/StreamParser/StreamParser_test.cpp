@@ -315,6 +315,23 @@ TEST(ParserStatis, CarriesTheFractionOfTheRate) {
     EXPECT_NEAR(statis.fps, 1.5, 0.01);
 }
 
+// In decoding order each P picture is followed by the B picture in front of it.
+TEST(ParserStatis, PicturesThatStepBackDoNotSpoilTheRate) {
+    ParserStatis statis;
+    int sequence = 1;
+    for (uint64_t pts = 1000; pts < 6000; pts += 80) {
+        statis.Count(pts, 1000, sequence++);
+        statis.Count(pts - 40, 1000, sequence++);
+        EXPECT_TRUE(pts < 2080 || std::abs(statis.fps - 25) < 1.1) << pts << " " << statis.fps;
+    }
+    const float before = statis.fps;
+    statis.Count(1000, 1000, sequence++);  // far back: anew
+    statis.Count(1500, 1000, sequence++);
+    EXPECT_EQ(statis.fps, before);
+    statis.Count(2000, 1000, sequence++);
+    EXPECT_EQ(statis.fps, 2);
+}
+
 void append_output(void* text, const char* piece, unsigned length) {
     static_cast<std::string*>(text)->append(piece, length);
 }

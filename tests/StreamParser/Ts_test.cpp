@@ -9,6 +9,7 @@
 #include "StreamParser/Frame2Ps.h"
 #include "StreamParser/Frame2Ts.h"
 #include "StreamParser/Ts2Frame.h"
+#include "StreamParser/TsRtpHeader.h"
 #include "Vidora/Types.h"
 #include "support/Capture.h"
 #include "support/Depacketiser.h"
@@ -100,6 +101,27 @@ TEST(Frame2Ts, TracksTablesAndClockOverManyFrames) {
                 EXPECT_EQ(packets[0][3], packets[1][3]);
             }
         }
+    }
+}
+
+// ISO 13818-1 2.4.2.2: the clock goes on while the pictures' times step back. Seconds back begin a new time line.
+TEST(Frame2Ts, ClocksStandStillForPicturesThatStepBack) {
+    const std::vector<uint64_t> times = {0, 80, 40, 160, 120, 240, 100000, 98000, 97999, 98040, 0};
+    const std::vector<uint64_t> clocks = {0, 80, 80, 160, 160, 240, 100000, 100000, 97999, 98040, 0};
+    CFrame2Ts packer;
+    CTsRtpHeader header;
+    RtpEncParam param;
+    header.Begin(param);
+    for (size_t i = 0; i < times.size(); ++i) {
+        const Bytes packet = packets_of(packer, Bytes(10, 1), ENC_TYPE_H264, times[i]).back();
+        const uint64_t base =
+            uint64_t{packet[6]} << 25 | packet[7] << 17 | packet[8] << 9 | packet[9] << 1 | packet[10] >> 7;
+        EXPECT_EQ(clocks[i] * 90, base) << i;
+        const Bytes pts = Part(payload_of(packet), 9, 5);
+        EXPECT_EQ(times[i] * 90, pts[1] << 22 | pts[2] >> 1 << 15 | pts[3] << 7 | pts[4] >> 1) << i;
+        header.SetTime(times[i]);
+        header.Get(param);
+        EXPECT_EQ(clocks[i] * 90, param.timestamp) << i;
     }
 }
 
