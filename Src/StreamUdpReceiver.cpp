@@ -162,7 +162,8 @@ bool CStreamUdpReceiver::is_wanted(const sock_row_t& row, const DgramSlice& data
     if (known == from) {
         return true;
     }
-    if (!is_same_host(from, heard.track.source)) {
+    const CSockAddrStorage& other = heard.track.other_source;
+    if (!is_same_host(from, heard.track.source) && !(other.IsValid() && is_same_host(from, other))) {
         return false;
     }
     known = from;

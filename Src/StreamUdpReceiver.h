@@ -17,6 +17,7 @@ struct udp_receiver_track_t {
     // Datagrams of other hosts are dropped; the port doesn't matter. Invalid (a group whose sender isn't told): RTP is
     // taken by its version and payload type, RTCP by its version.
     CSockAddrStorage source;
+    CSockAddrStorage other_source;  // as good as that one; invalid: none is
 };
 
 struct udp_receiver_socks_t {

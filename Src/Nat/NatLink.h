@@ -22,7 +22,7 @@ namespace Vidora {
 // afterwards only those from where that hello came.
 //
 // THREADING  The strand of `handler`, but for the construction. While a receiver reads, this sends.
-// MEMORY     The requests that wait: CLIENT_MAX_PENDING, of 4 kB at most.
+// MEMORY     The requests that wait: CLIENT_MAX_REQUESTS, of 4 kB at most.
 class CNatLink final : public CHandlerLink {
 public:
     using CHandlerLink::CHandlerLink;
@@ -40,6 +40,7 @@ public:
     int Send(const char* bytes, unsigned int length) override;
     int SendRequest(const char* text, unsigned int length) override;
     void OnAnswered(int cseq) override;
+    bool KeepsOrder() const override { return false; }
     bool SendsReports() const override { return false; }
     CSockAddrStorage Peer() const override { return m_up ? m_server : CSockAddrStorage(); }
     CSockAddrStorage Local() const override;

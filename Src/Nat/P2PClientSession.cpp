@@ -156,7 +156,7 @@ int CP2PClientSession::handle_message(long sender_id, unsigned int msg, long par
 // What ends the session is told as one message, the last.
 void CP2PClientSession::pass_on(unsigned int msg, long param) {
     Internal& self = *m_internal;
-    const bool is_end = msg == MSG_SRC_FAIL || msg == MSG_SOCK_EXCEPTION || msg == MSG_SRC_END;
+    const bool is_end = EndsClient(msg);
     if (is_end) {
         self.m_failure = self.m_client->Conversation().View().Failure();
     }

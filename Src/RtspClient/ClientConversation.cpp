@@ -209,7 +209,7 @@ void CClientConversation::send_teardown() {
     const char* text = m_parser.generate_teardown(nullptr, 0);
     if (text != nullptr) {
         m_parser.forget_request(m_parser.get_cseq());
-        transmit(text, RTSP_METHOD_TEARDOWN);
+        transmit(text);
     }
 }
 
@@ -248,7 +248,8 @@ bool CClientConversation::check_requests() {
         }
     }
     play_deferred();
-    const bool due = m_state != CLIENT_INIT && m_keepalive.IsDue();
+    end_by_byes();
+    const bool due = !IsEnded() && m_state != CLIENT_INIT && m_keepalive.IsDue();
     if (due && send_keepalive() < 0) {
         logError("%s:%d send rtsp_keepalive fail\n", __FILE__, __LINE__);
     }

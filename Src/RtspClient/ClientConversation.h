@@ -154,7 +154,7 @@ private:
     void report_request_failure(long code);
     void send_teardown();
     int begin_conversation();
-    int transmit(const char* text, rtsp_method_t method);
+    int transmit(const char* text);
     void leave(bool teardown);
 
     // Replies. repeat...: whether the request was sent anew.
@@ -164,6 +164,7 @@ private:
     void take_challenge(const pending_request& request, const char* text, unsigned int length, rtsp_msg_info info);
     void take_redirect(const char* text, unsigned int length, rtsp_msg_info info);
     void take_success(const pending_request& request, const char* text, unsigned int length, const rtsp_msg_info& info);
+    bool can_take(rtsp_method_t method) const;
     void give_memory_back();
     int parse(const StateEvent& event);
     int take_parameter(const StateEvent& event);
@@ -199,6 +200,7 @@ private:
     int send_reports();
     int send_report(const client_track& track);
     void take_bye(client_track& track, uint32_t ssrc);
+    void end_by_byes();
     bool has_ended(const client_track& track);
 
     CClientHandler& m_handler;

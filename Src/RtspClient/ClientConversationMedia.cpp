@@ -1,6 +1,8 @@
 // The set-up of the tracks, and their media.
+#include <cctype>
 #include <cstring>
 #include <new>
+#include <string_view>
 
 #include "Protocol/TextWriter.h"
 #include "RtspClient/ClientConversation.h"
@@ -25,15 +27,18 @@ CSockAddrStorage address_of(const char* text) {
     return addr;
 }
 
-// Whether a URL of RTP-Info, whole or relative, names the track with this control.
-bool names_track(const char* url, const char* control) {
-    const size_t url_length = std::strlen(url);
-    const size_t control_length = std::strlen(control);
-    if (url_length == 0 || control_length == 0) {
+// Whether `url` ends with `rest`, and that isn't the end of another word.
+bool ends_with(std::string_view url, std::string_view rest) {
+    if (rest.empty() || url.size() < rest.size() || url.substr(url.size() - rest.size()) != rest) {
         return false;
     }
-    return url_length >= control_length ? std::strcmp(url + url_length - control_length, control) == 0
-                                        : std::strcmp(control + control_length - url_length, url) == 0;
+    return url.size() == rest.size() ||
+           std::isalnum(static_cast<unsigned char>(url[url.size() - rest.size() - 1])) == 0;
+}
+
+// Whether a URL of RTP-Info, whole or relative, names the track with this control.
+bool names_track(std::string_view url, std::string_view control) {
+    return ends_with(url, control) || ends_with(control, url);
 }
 
 }  // namespace
@@ -162,7 +167,7 @@ int CClientConversation::follow_udp(client_track& track, const transport_info& r
         track.transport.server_rtp_port = reply.server_rtp_port;
         track.transport.server_rtcp_port = reply.server_rtcp_port;
     }
-    FollowUnicastReply(track, reply, source, m_link.Peer());
+    FollowUnicastReply(track, reply, source, m_link.Peer(), m_settings.conformance);
     return 0;
 }
 
@@ -213,6 +218,7 @@ void CClientConversation::play_now(const client_play& play) {
         Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);
         return;
     }
+    m_tracks.ForgetByes();
     if (send_play() < 0) {
         Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);
         return;
@@ -313,7 +319,7 @@ CStreamReceiver* CClientConversation::make_receiver() {
     udp_receiver_socks_t socks;
     for (const client_track& track : m_tracks.All()) {
         if (CClientTracks::Delivers(track)) {
-            socks.tracks[socks.count++] = {track.rtp_sock, track.rtcp_sock, track.source};
+            socks.tracks[socks.count++] = {track.rtp_sock, track.rtcp_sock, track.source, track.other_source};
         }
     }
     return CStreamUdpReceiver::Create(socks, m_handler.GetID());
@@ -398,19 +404,28 @@ void CClientConversation::take_bye(client_track& track, uint32_t ssrc) {
         Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_NONE);
         return;
     }
-    for (const client_track& other : m_tracks.All()) {
-        if (CClientTracks::Delivers(other) && !has_ended(other)) {
+    end_by_byes();
+}
+
+// The answer to a PLAY says first whether the stream goes on elsewhere.
+void CClientConversation::end_by_byes() {
+    bool any_ended = false;
+    for (const client_track& track : m_tracks.All()) {
+        const bool delivers = CClientTracks::Delivers(track);
+        if (delivers && !has_ended(track)) {
             return;
         }
+        any_ended = any_ended || delivers;
     }
-    Fail(MSG_SRC_END, RTSP_CLIENT_CODE_ENDED, RTSP_CLIENT_FAILURE_NONE);
+    if (any_ended && !m_requests.Waits(RTSP_METHOD_PLAY)) {
+        Fail(MSG_SRC_END, RTSP_CLIENT_CODE_ENDED, RTSP_CLIENT_FAILURE_NONE);
+    }
 }
 
 // A sender that goes on with another source (RFC 3550 8.2) hasn't ended.
 bool CClientConversation::has_ended(const client_track& track) {
     reception_stats_t stats;
-    m_receive.GetStats(track.rtp_channel, stats);
-    return track.said_bye && stats.ssrc == track.bye_ssrc;
+    return track.said_bye && m_receive.GetStats(track.rtp_channel, stats) && stats.ssrc == track.bye_ssrc;
 }
 
 }  // namespace Vidora

@@ -23,6 +23,7 @@ enum status_t {
     STATUS_SESSION_NOT_FOUND = 454
 };
 
+const char TEARDOWN_BEGIN[] = "TEARDOWN ";
 const size_t MAX_OWN_REPLY = 128;  // the answer to a request of the server's
 
 bool is_redirect(int status) {
@@ -56,7 +57,7 @@ int CClientConversation::send_request(const char* text, int) {
     if (IsEnded()) {
         return -1;
     }
-    if (transmit(text, RTSP_METHOD_UNKNOWN) < 0) {
+    if (transmit(text) < 0) {
         OnLinkFailed(RTSP_CLIENT_FAILURE_LOST);
         return -1;
     }
@@ -64,16 +65,17 @@ int CClientConversation::send_request(const char* text, int) {
 }
 
 // The only way out. A TEARDOWN is signed by conformance only.
-int CClientConversation::transmit(const char* text, rtsp_method_t method) {
+int CClientConversation::transmit(const char* text) {
+    const bool takes_leave = std::strncmp(text, TEARDOWN_BEGIN, sizeof(TEARDOWN_BEGIN) - 1) == 0;
     std::string is_signed;
-    if (m_auth.IsDigest() && (method != RTSP_METHOD_TEARDOWN || m_settings.conformance)) {
+    if (m_auth.IsDigest() && (!takes_leave || m_settings.conformance)) {
         if (!m_auth.Sign(text, is_signed)) {
             return -1;
         }
         text = is_signed.c_str();
     }
     const unsigned int length = static_cast<unsigned int>(std::strlen(text));
-    return method == RTSP_METHOD_TEARDOWN ? m_link.Send(text, length) : m_link.SendRequest(text, length);
+    return takes_leave ? m_link.Send(text, length) : m_link.SendRequest(text, length);
 }
 
 int CClientConversation::send_keepalive() {
@@ -287,12 +289,7 @@ void CClientConversation::take_success(const pending_request& request, const cha
                                        const rtsp_msg_info& info) {
     m_auth.Succeeded();
     m_reply_result = -1;
-    // A PAUSE that the application sent by itself, in a state that has none, would leave the machine waiting.
-    const bool is_foreign = request.kind == REQUEST_APPLICATION &&
-                            (request.method == RTSP_METHOD_DESCRIBE || request.method == RTSP_METHOD_SETUP ||
-                             (request.method == RTSP_METHOD_PAUSE && m_state != CLIENT_PLAYING) ||
-                             (request.method == RTSP_METHOD_PLAY && m_state == CLIENT_INIT));
-    if (!is_foreign) {
+    if (request.kind != REQUEST_APPLICATION || can_take(request.method)) {
         m_machine.put_rx_event(info, text, length, 0);
     }
     m_slots.DropCSeq(request.cseq);
@@ -303,6 +300,22 @@ void CClientConversation::take_success(const pending_request& request, const cha
         Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);
     } else if (request.kind == REQUEST_APPLICATION) {
         report_request_failure(RTSP_CLIENT_CODE_PROTOCOL);
+    }
+}
+
+// Whether the reply to a request that the application sent by itself fits the state: the machine would wait on behind
+// one that is refused.
+bool CClientConversation::can_take(rtsp_method_t method) const {
+    switch (method) {
+        case RTSP_METHOD_DESCRIBE:
+        case RTSP_METHOD_SETUP:
+            return false;
+        case RTSP_METHOD_PLAY:
+            return m_receive.Exists();
+        case RTSP_METHOD_PAUSE:
+            return m_state == CLIENT_PLAYING;
+        default:
+            return true;
     }
 }
 
@@ -350,13 +363,16 @@ int CClientConversation::on_play_reply(const StateEvent& event) {
     m_reply_result = 0;
     m_state = CLIENT_PLAYING;
     m_keepalive.Lives();  // the silence of a pause isn't the stream's
-    m_tracks.ForgetByes();
+    if (m_settings.transport == RTP_OVER_RTSP && m_link.KeepsOrder()) {
+        m_tracks.ForgetByes();  // what came in front of the answer ended what was played before
+    }
     publish_range();
     publish_tracks();
     m_handler.Notify(m_owner_id, MSG_RTSP_PLAY_READY, 0);
     if (m_keepalive.IsOn() && send_keepalive() < 0) {
         logError("%s:%d send rtsp_keepalive fail\n", __FILE__, __LINE__);
     }
+    end_by_byes();
     return 0;
 }
 

@@ -43,6 +43,8 @@ public:
     virtual int SendRequest(const char* text, unsigned int length) { return Send(text, length); }
     // The reply to the request with that CSeq has come, or isn't waited for any more.
     virtual void OnAnswered(int /*cseq*/) {}
+    // Whether a reply and the media arrive in the order in which they were sent.
+    virtual bool KeepsOrder() const { return true; }
     // Whether receiver reports (RFC 3550 6.4.2) may travel on it.
     virtual bool SendsReports() const { return true; }
     // The addresses of the two ends; invalid while it isn't up.

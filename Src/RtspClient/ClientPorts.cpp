@@ -111,11 +111,12 @@ int OpenClientPorts(client_track& track, const CSockAddrStorage& peer) {
 }
 
 void FollowUnicastReply(client_track& track, const transport_info& reply, const CSockAddrStorage& source,
-                        const CSockAddrStorage& peer) {
+                        const CSockAddrStorage& peer, bool reports) {
     move_port(track.rtp_sock, track.transport.rtp_port, reply.rtp_port, peer, "rtp");
     move_port(track.rtcp_sock, track.transport.rtcp_port, reply.rtcp_port, peer, "rtcp");
-    track.source = source.IsValid() ? source : peer;
-    track.report_to = track.source;
+    track.source = peer;
+    track.other_source = source;
+    track.report_to = reports && source.IsValid() ? source : peer;
     track.report_to.SetPort(static_cast<unsigned short>(reply.server_rtcp_port));
     if (reply.server_rtcp_port == 0) {
         track.report_to = CSockAddrStorage();

@@ -13,9 +13,11 @@ namespace Vidora {
 // Opens a free pair of ports for unicast, searching from a random place of 20000 to 39999 through all of them. 0, or
 // -1 with a log line.
 int OpenClientPorts(client_track& track, const CSockAddrStorage& peer);
-// Follows the server's answer to a unicast SETUP: other client ports than asked, its own ports, its source.
+// Follows the server's answer to a unicast SETUP: other client ports than asked, its own ports, the source that it
+// names. Media may come from there and from the peer: a server behind a NAT names the address that it has itself.
+// `reports`: receiver reports go to that source, and not to the peer.
 void FollowUnicastReply(client_track& track, const transport_info& reply, const CSockAddrStorage& source,
-                        const CSockAddrStorage& peer);
+                        const CSockAddrStorage& peer, bool reports);
 // Joins the group that the server's answer names, or the one that was asked for, on the interface of the control
 // connection. `reports`: receiver reports go to the group (RFC 3550 6). 0, or -1 with a log line.
 int JoinGroup(client_track& track, const transport_info& reply, const multicast_info& group,

@@ -8,13 +8,16 @@ namespace Vidora {
 
 namespace {
 
-const size_t MAX_ITEMS = 64;
-const size_t MAX_ITEM_BYTES = 64 * 1024;
+// A server that only answers finds room for each reply: those to the application with whole messages, its own are
+// small.
+const size_t MAX_REPLIES = CLIENT_MAX_REQUESTS;
+const size_t MAX_REPLY_BYTES = (CLIENT_MAX_PENDING + 16) * static_cast<size_t>(RTSP_MAX_MESSAGE);
+const int MAX_BYES = 32;  // beside them: two a track
 
 }  // namespace
 
 CClientReceive::CClientReceive(CClientHandler& handler, unsigned int work_msg, IReceiveUser& user)
-    : m_user(user), m_inbox(handler, work_msg, MAX_ITEMS, MAX_ITEM_BYTES) {}
+    : m_user(user), m_inbox(handler, work_msg, MAX_REPLIES + MAX_BYES, MAX_REPLY_BYTES) {}
 
 CClientReceive::~CClientReceive() = default;
 
@@ -134,8 +137,16 @@ void CClientReceive::count_locked() {
 
 // One that isn't kept is as one that the network lost.
 void CClientReceive::on_rtcp(const rtcp_digest_t& digest, int channel) {
-    if (digest.has_bye) {
-        m_inbox.Put([this, digest, channel] { m_user.OnReceivedBye(digest, channel); }, sizeof(digest));
+    if (!digest.has_bye || m_byes.load() >= MAX_BYES) {
+        return;
+    }
+    ++m_byes;
+    const auto take = [this, digest, channel] {
+        --m_byes;
+        m_user.OnReceivedBye(digest, channel);
+    };
+    if (m_inbox.Put(take) < 0) {
+        --m_byes;
     }
 }
 

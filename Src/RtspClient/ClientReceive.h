@@ -32,7 +32,7 @@ protected:
 // THREADING  SetBuffer, DropBuffer, GetStats, GetTotals: any thread. The others: the strand, but for the receiver's
 //            procedures, which run on its own and copy what they get.
 // OWNERSHIP  Lives until the receiver has said that it has gone (IsGone). Borrows the media buffer until DropBuffer.
-// MEMORY     64 kB of replies and BYEs, 64 of them; a BYE too many is dropped.
+// MEMORY     320 kB of replies, 128 of them, and 32 BYEs; a BYE too many is dropped.
 class CClientReceive {
 public:
     CClientReceive(CClientHandler& handler, unsigned int work_msg, IReceiveUser& user);
@@ -76,6 +76,7 @@ private:
     long m_receiver_id = 0;                 // until it has gone
     uint64_t m_last_units = 0;
     std::atomic<bool> m_flooded{false};
+    std::atomic<int> m_byes{0};         // that wait for the strand
     std::atomic<uint64_t> m_frames{0};  // private ones
     std::atomic<uint64_t> m_frame_bytes{0};
 

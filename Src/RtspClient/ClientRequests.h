@@ -34,10 +34,10 @@ struct pending_request {
 // CClientRequests: the requests that wait for their reply, oldest first. Each is there, whatever the keep-alive.
 //
 // THREADING  The strand.
-// MEMORY     CLIENT_MAX_PENDING requests.
+// MEMORY     CLIENT_MAX_REQUESTS. CReplySlots keeps the application from taking them all.
 class CClientRequests {
 public:
-    bool IsFull() const { return m_requests.size() >= CLIENT_MAX_PENDING; }
+    bool IsFull() const { return m_requests.size() >= CLIENT_MAX_REQUESTS; }
     // False if memory is short or it is full.
     bool Add(const pending_request& request);
     // Takes the request out that a reply answers. False for a CSeq that isn't waited for.

@@ -30,8 +30,9 @@ struct client_track {
     int rtcp_channel = 1;
     int payload_type = -1;
     uint32_t clock_rate = 0;
-    CSockAddrStorage report_to;  // UDP: where its reports go; invalid: nowhere
-    CSockAddrStorage source;     // UDP: the only host whose datagrams count; invalid: any
+    CSockAddrStorage report_to;     // UDP: where its reports go; invalid: nowhere
+    CSockAddrStorage source;        // UDP: the host whose datagrams count; invalid: any
+    CSockAddrStorage other_source;  // and the one that the server named beside it; invalid: none
     std::shared_ptr<CSockDgram> rtp_sock;
     std::shared_ptr<CSockDgram> rtcp_sock;
 };

@@ -32,6 +32,9 @@ enum client_start_t {
 // What a client engine reports to its owner besides rtsp_client_message_t. Of these, MSG_SRC_FAIL, MSG_SOCK_EXCEPTION
 // and MSG_SRC_END come once in all, with a rtsp_client_code_t, and end the conversation; MSG_SOURCE_CLOSED comes when
 // the engine itself has ended, after Close.
+inline bool EndsClient(unsigned int msg) {
+    return msg == MSG_SRC_FAIL || msg == MSG_SOCK_EXCEPTION || msg == MSG_SRC_END;
+}
 
 // What an application asks of a client, kept by its facade so that a redirect's engine gets it too.
 struct client_settings {
@@ -65,8 +68,9 @@ struct client_timing {
 };
 client_timing& ClientTiming();
 
-const unsigned int CLIENT_MAX_PENDING = 64;            // requests that wait for their reply
-const unsigned int CLIENT_MAX_PLAYS = 4;               // of these PLAY and PAUSE of the conversation
+const unsigned int CLIENT_MAX_PENDING = 64;            // requests of the application that wait for their reply
+const unsigned int CLIENT_MAX_REQUESTS = 128;          // with those of the conversation
+const unsigned int CLIENT_MAX_PLAYS = 4;               // of these PLAY and PAUSE
 const unsigned int CLIENT_MAX_WISHES = 16;             // calls that lead to such ones, and wait for those
 const unsigned int CLIENT_MAX_WORK = 256;              // calls of the application that wait for the strand
 const unsigned int CLIENT_MAX_BACK_BYTES = 64 * 1024;  // of back channel data that wait for the strand

@@ -66,7 +66,7 @@ struct CRtspClientSession::Internal : client_session_state {
     client_host m_origin;             // whose are the user and password
     int m_redirects = 0;              // in a row
     long m_redirect_timer = 0;
-    long m_redirect_code = 0;  // while a former engine ends; 0: none does
+    long m_redirect_code = 0;  // of the redirect that is being followed; 0: none is
     std::string m_redirect_url;
     RtspClientStatistics m_former;  // of engines that were replaced
     std::shared_ptr<client_sdp> m_views[MAX_KEPT_VIEWS];
@@ -320,27 +320,31 @@ rtsp_client_failure_t CRtspClientSession::GetFailure() {
 
 int CRtspClientSession::handle_message(long sender_id, unsigned int msg, long param) {
     CGuard guard(m_internal->m_mutex);
-    Internal& self = *m_internal;
+    const CRtspClient* client = m_internal->m_client;
     if (msg == MSG_SOURCE_CLOSED) {
-        --self.m_engines;
-        if (self.m_engines == 0 && self.m_closed) {
-            CNetHandler::Close();
-        } else if (self.m_engines == 0 && self.m_redirect_code != 0) {
-            start_redirected();
-        }
-        return 0;
-    }
-    if (self.m_client == nullptr || self.m_client->GetID() != sender_id) {
+        take_end_of_engine();
+    } else if (client == nullptr || client->GetID() != sender_id) {
         return 0;  // of an engine that was replaced
-    }
-    if (msg == MSG_SRC_FAIL && is_redirect(param)) {
+    } else if (msg == MSG_SRC_FAIL && is_redirect(param)) {
         redirect(param);
-    } else if (msg == MSG_SRC_FAIL || msg == MSG_SOCK_EXCEPTION || msg == MSG_SRC_END) {
+    } else if (EndsClient(msg)) {
         finish(param);
     } else {
         report_progress(msg, param);
     }
     return 0;
+}
+
+void CRtspClientSession::take_end_of_engine() {
+    Internal& self = *m_internal;
+    if (--self.m_engines > 0) {
+        return;
+    }
+    if (self.m_closed) {
+        CNetHandler::Close();
+    } else if (self.m_redirect_code != 0) {
+        start_redirected();
+    }
 }
 
 void CRtspClientSession::report_progress(unsigned int msg, long param) {
@@ -372,6 +376,7 @@ void CRtspClientSession::finish(long param) {
 void CRtspClientSession::redirect(long param) {
     Internal& self = *m_internal;
     self.m_ready = false;
+    self.m_redirect_code = param;
     self.m_redirect_url = self.m_client->Conversation().View().Redirect();
     if (++self.m_redirects > FAST_REDIRECTS) {
         self.m_redirect_timer = SetTimer(ClientTiming().redirect_us);
@@ -379,7 +384,7 @@ void CRtspClientSession::redirect(long param) {
             return;
         }
     }
-    follow_redirect(param);
+    follow_redirect();
 }
 
 int64_t CRtspClientSession::handle_timeout(long timer_id) {
@@ -387,18 +392,17 @@ int64_t CRtspClientSession::handle_timeout(long timer_id) {
     DestroyTimer(timer_id);
     if (timer_id == m_internal->m_redirect_timer && m_internal->m_client != nullptr) {
         m_internal->m_redirect_timer = 0;
-        follow_redirect(CODE_MOVED_TEMPORARILY);
+        follow_redirect();
     }
     return -1;
 }
 
 // A new engine takes the place of the one that was sent away, when that has gone: what that one puts may still be in a
 // sink, which only one thread may be in.
-void CRtspClientSession::follow_redirect(long param) {
+void CRtspClientSession::follow_redirect() {
     Internal& self = *m_internal;
     CRtspClient* former = self.m_client;
     former->Conversation().Receive().GetTotals(self.m_former);
-    self.m_redirect_code = param;
     self.m_client = nullptr;
     former->Close();
 }

@@ -93,7 +93,7 @@ struct RtspClientStatistics {
 //            the thread pool is destroyed after Close, the session still ends; without a pool it ends at the next one.
 // MEMORY     About 70 kB before the media come, of which 40 kB are message buffers that few sessions touch; then what
 //            the receiver takes, 64 kB for RTP over TCP, and private frames as large as they come (16 MiB at most). A
-//            server can make a session keep its description, 64 kB of replies and 16 kB of reports.
+//            server can make a session keep its description, 320 kB of replies and 8 kB of reports.
 class VIDORA_API CRtspClientSession : public CNetHandler {
 public:
     // A session; null if memory is short.
@@ -194,8 +194,9 @@ private:
     int play(const client_play& play);
     void report_progress(unsigned int msg, long param);
     void finish(long param);
+    void take_end_of_engine();
     void redirect(long param);
-    void follow_redirect(long param);
+    void follow_redirect();
     void start_redirected();
 
     Internal* m_internal;

@@ -3,9 +3,12 @@
 #include <gtest/gtest.h>
 
 #include "RtspClient/ClientBackChannel.h"
+#include "RtspClient/ClientConversation.h"
 #include "RtspClient/ClientKeepAlive.h"
 #include "RtspClient/ClientPorts.h"
+#include "RtspClient/ClientReceive.h"
 #include "RtspClient/ClientReports.h"
+#include "StreamTcpReceiver.h"
 #include "support/Loopback.h"
 #include "support/TestHandler.h"
 
@@ -91,6 +94,77 @@ TEST(ClientKeepAlive, KeepsWithinTheServersTimeoutAndGivesUpWhatIsRefused) {
     usual.Refuse();
     usual.Offer(RTSP_METHOD_GET_PARAMETER);
     EXPECT_EQ(RTSP_METHOD_OPTIONS, usual.Method());
+}
+
+// A handler whose work the test does, and whom its receiver tells its end.
+class CIdleStrand final : public CClientHandler {
+public:
+    explicit CIdleStrand(std::atomic<int>& ended) : m_ended(ended) {}
+    int handle_message(long, unsigned int msg, long) override {
+        m_ended += msg == MSG_SOURCE_CLOSED ? 1 : 0;
+        return 0;
+    }
+    int handle_close(CNetHandler*) override {
+        std::atomic<int>& ended = m_ended;
+        delete this;
+        ++ended;
+        return 0;
+    }
+
+private:
+    std::atomic<int>& m_ended;
+};
+
+struct CCountingUser final : IReceiveUser {
+    void OnReceivedReply(const std::string&) override { ++replies; }
+    void OnReceivedBye(const rtcp_digest_t&, int) override { ++byes; }
+    void OnReplyFlood() override { ++floods; }
+
+    int replies = 0;
+    int byes = 0;
+    int floods = 0;
+};
+
+// While its strand has no turn, as on a machine with much to do.
+TEST(ClientReceive, KeepsARoomForTheReplyToEachRequestHoweverManyByesCome) {
+    const Support::CPool pool;
+    std::atomic<int> ended{0};
+    CIdleStrand* strand = new CIdleStrand(ended);
+    CCountingUser user;
+    CClientReceive receive(*strand, CClientConversation::MSG_REPLIES, user);
+    int fds[2];
+    ASSERT_EQ(0, ::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, fds));
+    const auto sock = std::make_shared<CSockStream>();
+    ASSERT_EQ(0, sock->Attach(fds[0]));
+    CStreamTcpReceiver* receiver = CStreamTcpReceiver::Create(sock, strand->GetID(), RECEIVER_PROTOCOL_RTP);
+    receiver_tracks_t tracks;
+    tracks.count = 1;
+    ASSERT_EQ(0, receive.Begin(receiver, tracks, PACKET_TYPE_RTP, ""));
+    const std::string bye("$\x01\0\x10\x80\xc9\0\x01\0\0\0\x05\x81\xcb\0\x01\0\0\0\x05", 20);
+    const auto reply = [](size_t body) {
+        return "RTSP/1.0 200 OK\r\nCSeq: 1\r\nContent-Length: " + std::to_string(body) + "\r\n\r\n" +
+               std::string(body, 'x');
+    };
+    std::string bytes;
+    for (unsigned int i = 0; i < CLIENT_MAX_REQUESTS; ++i) {
+        bytes += bye + reply(i < CLIENT_MAX_PENDING ? 4000 : 400);
+    }
+    bytes += std::string("$\0\0\x0d\x80\xe0", 6) + std::string(11, '\1');
+    for (size_t sent = 0; sent < bytes.size();) {
+        const ssize_t count = ::send(fds[1], bytes.data() + sent, bytes.size() - sent, MSG_NOSIGNAL);
+        ASSERT_GT(count, 0);
+        sent += static_cast<size_t>(count);
+    }
+    ASSERT_TRUE(Support::WaitUntil([&] { return receiver->GetLife().units == 1; }));
+    receive.RunWork();
+    EXPECT_EQ(static_cast<int>(CLIENT_MAX_REQUESTS), user.replies);
+    EXPECT_EQ(32, user.byes);
+    EXPECT_EQ(0, user.floods);
+    receive.End();
+    EXPECT_TRUE(Support::WaitUntil([&] { return ended == 1; }));
+    strand->EndHandler();
+    EXPECT_TRUE(Support::WaitUntil([&] { return ended == 2; }));
+    ::close(fds[1]);
 }
 
 }  // namespace

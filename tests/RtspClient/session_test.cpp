@@ -243,6 +243,7 @@ INSTANTIATE_TEST_SUITE_P(Script, CSessionScriptTest,
                              return std::get<0>(info.param).name + "_" + std::to_string(std::get<1>(info.param));
                          });
 
+// It is behind a NAT as well, and names the address that it has there.
 TEST_F(CSessionTest, ServerMayMoveTheClientsPort) {
     const int moved = CBoundSocket(SOCK_DGRAM).Port();
     CUdpPeer sender;
@@ -250,8 +251,9 @@ TEST_F(CSessionTest, ServerMayMoveTheClientsPort) {
         return request.method != "SETUP"
                    ? Server::Answer(request)
                    : Server::Reply(request, "200 OK",
-                                   "Session: 1\r\nTransport: RTP/AVP;unicast;client_port=" + std::to_string(moved) +
-                                       ";server_port=" + std::to_string(sender.Port()) + "-1\r\n");
+                                   "Session: 1\r\nTransport: RTP/AVP;unicast;source=192.0.2.1;client_port=" +
+                                       std::to_string(moved) + ";server_port=" + std::to_string(sender.Port()) + "-" +
+                                       std::to_string(sender.Port()) + "\r\n");
     });
     CClientHost host;
     ASSERT_EQ(0, host.Start(server.Url(), RTP_OVER_UDP));
@@ -261,6 +263,72 @@ TEST_F(CSessionTest, ServerMayMoveTheClientsPort) {
         sender.Send(Server::Rtp(++sequence).substr(4), moved);
         return host.sink.Count() > 3;
     }));
+    EXPECT_EQ("\x81\xc9", sender.Recv(20000).substr(0, 2));  // its report
+}
+
+// Over UDP a BYE may overtake the answer to PLAY; what was played before may have had one as well.
+TEST_F(CSessionTest, ByesFromPlayOnEndAUdpSession) {
+    const std::string bye("\x80\xc9\0\x01\0\0\0\x05\x81\xcb\0\x01\0\0\0\x05", 16);
+    CUdpPeer sender;
+    CClientHost host;
+    std::vector<int> ports;
+    unsigned int sequence = 0;
+    const auto send_media = [&] {
+        const size_t count = host.sink.Count();
+        return WaitUntil([&] {
+            ++sequence;
+            sender.Send(Server::Rtp(sequence).substr(4), ports[0]);
+            sender.Send(Server::Rtp(sequence).substr(4), ports[1]);
+            return host.sink.Count() > count + 2;
+        });
+    };
+    CScriptedServer server([&](const ServerRequest& request) {
+        if (request.method == "DESCRIBE") {
+            return Server::Reply(request, "200 OK", "Content-Type: application/sdp\r\n",
+                                 Server::Sdp("m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:v\r\n"
+                                             "m=audio 0 RTP/AVP 8\r\na=control:a\r\n"));
+        }
+        if (request.method == "SETUP") {
+            const size_t place = request.text.find("client_port=");
+            ports.push_back(std::stoi(request.text.substr(place + 12)));
+            const std::string transport = request.text.substr(place, request.text.find("\r\n", place) - place);
+            return Server::Reply(request, "200 OK", "Session: 1\r\nTransport: RTP/AVP;unicast;" + transport + "\r\n");
+        }
+        if (request.method == "PLAY") {
+            EXPECT_TRUE(send_media());
+            const int ends = host.sink.EndCount();
+            sender.Send(bye, ports[0] + 1);
+            EXPECT_TRUE(WaitUntil([&] { return host.sink.EndCount() > ends; }));
+            EXPECT_TRUE(send_media());  // its receiver has handed the BYE on by then
+        }
+        return Server::Answer(request);
+    });
+    host.session->SetConformance(true);
+    ASSERT_EQ(0, host.Start(server.Url(), RTP_OVER_UDP));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    sender.Send(bye, ports[1] + 1);
+    EXPECT_EQ(RTSP_CLIENT_CODE_ENDED, host.EndCode());
+}
+
+// However many requests its host has under way, and whatever these ask for.
+TEST_F(CSessionTest, RequestsOfTheHostLeaveTheSessionsOwnTheirPlace) {
+    CScriptedServer server([](const ServerRequest& request) {
+        return request.method == "SET_PARAMETER" ? std::string() : Server::Answer(request);
+    });
+    CClientHost host;
+    host.play_at_ready = false;
+    ASSERT_EQ(0, host.Start(server.Url()));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_SETUP_READY));
+    EXPECT_EQ(0, host.session->SendExtMsg(RTSP_METHOD_PLAY, nullptr, nullptr, 0));
+    EXPECT_TRUE(host.WaitFor(MSG_RTSP_PARAMETER_REPLY));  // there is no receiver yet
+    int taken = 0;
+    while (host.session->SendExtMsg(RTSP_METHOD_SET_PARAMETER, nullptr, nullptr, 0) == 0) {
+        ++taken;
+    }
+    EXPECT_EQ(64, taken);
+    EXPECT_EQ(0, host.session->Play(0.0F, 0.0F, 1.0F, false));
+    EXPECT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
 }
 
 TEST_F(CSessionTest, ApplicationRequestsAnswerOnceAndFailAlone) {

@@ -32,6 +32,14 @@ public:
         m_items.push_back({Bytes(packet->GetData(), packet->GetData() + length), flag, channel});
         return 0;
     }
+    void End(int) override {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        ++m_ends;
+    }
+    int EndCount() const {
+        const std::lock_guard<std::mutex> guard(m_mutex);
+        return m_ends;
+    }
     std::vector<Item> Items() const {
         const std::lock_guard<std::mutex> guard(m_mutex);
         return m_items;
@@ -56,6 +64,7 @@ public:
 private:
     mutable std::mutex m_mutex;
     std::vector<Item> m_items;
+    int m_ends = 0;
 };
 
 }  // namespace Kavio::Support
