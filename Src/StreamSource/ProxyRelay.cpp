@@ -53,20 +53,30 @@ int CProxyRelay::Put(CMediaPacket* packet, int length, int flag, int channel) {
             hold_locked(*packet, length, flag, channel);
             return 0;
         }
-        try {
-            for (const target_t& target : m_targets) {
-                refs.push_back(target.ref);
-            }
-        } catch (const std::bad_alloc&) {
+        if (!begin_locked(refs)) {
             return -1;
         }
-        begin_locked();
     }
     for (const CMediaBufferRef& ref : refs) {
         put(ref, share(*packet, length), length, flag, channel);
     }
     end();
     return 0;
+}
+
+void CProxyRelay::End(int channel) {
+    std::vector<CMediaBufferRef> refs;
+    {
+        CGuard guard(m_mutex);
+        wait_locked();
+        if (m_closed || !begin_locked(refs)) {
+            return;
+        }
+    }
+    for (const CMediaBufferRef& ref : refs) {
+        ref.End(channel);
+    }
+    end();
 }
 
 void CProxyRelay::hold_locked(CMediaPacket& packet, int length, int flag, int channel) {
@@ -129,6 +139,17 @@ int CProxyRelay::Add(CMediaBuffer* buffer) {
     return 0;
 }
 
+void CProxyRelay::Cut(const CMediaBuffer* buffer) {
+    CMediaBufferRef former;  // ends outside the lock
+    CGuard guard(m_mutex);
+    const auto found = std::find_if(m_targets.begin(), m_targets.end(),
+                                    [buffer](const target_t& target) { return target.buffer == buffer; });
+    if (found != m_targets.end()) {
+        std::swap(found->ref, former);
+        wait_locked();
+    }
+}
+
 int CProxyRelay::Remove(const CMediaBuffer* buffer) {
     CGuard guard(m_mutex);
     const auto found = std::find_if(m_targets.rbegin(), m_targets.rend(), [buffer](const target_t& target) {
@@ -160,6 +181,21 @@ void CProxyRelay::Close() {
 bool CProxyRelay::Feeds() {
     CGuard guard(m_mutex);
     return !m_targets.empty();
+}
+
+// Takes the buffers that are to be fed. False, with nothing begun, if memory is short.
+bool CProxyRelay::begin_locked(std::vector<CMediaBufferRef>& refs) {
+    try {
+        for (const target_t& target : m_targets) {
+            if (target.ref.IsValid()) {
+                refs.push_back(target.ref);
+            }
+        }
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    begin_locked();
+    return true;
 }
 
 void CProxyRelay::begin_locked() {

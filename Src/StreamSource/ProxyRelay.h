@@ -17,13 +17,14 @@ namespace Vidora {
 // CProxyRelay: hands what one media buffer carries on to any number of others. Until the first of these comes, what
 // the server has begun to send is held.
 //
-// THREADING  Put: one thread at a time. The others: any thread. No lock is held over a Put of a buffer.
+// THREADING  Put, End: one thread at a time. The others: any thread. No lock is held over a Put of a buffer.
 // MEMORY     2 MiB and 2 seconds of held packets, of which the oldest are dropped then.
 class CProxyRelay : public CLevel2Buffer_IF {
 public:
     ~CProxyRelay() override;
 
     int Put(CMediaPacket* packet, int length, int flag, int channel) override;
+    void End(int channel) override;
 
     // Counts a client of `buffer` in; the first one gets what is held. 0, or -1: closed, null, or no memory.
     int Add(CMediaBuffer* buffer);
@@ -31,6 +32,8 @@ public:
     // begins after the return, but for one that this call comes from. The clients that are left, or -1 if there was
     // none.
     int Remove(const CMediaBuffer* buffer);
+    // Nothing is put into `buffer` any more until it is added again; its clients stay counted. It waits as Remove does.
+    void Cut(const CMediaBuffer* buffer);
     // All buffers are taken off, and no packet is held or put any more.
     void Close();
     bool Feeds();
@@ -52,6 +55,7 @@ private:
     static CMediaPacket* share(CMediaPacket& packet, int length);
     static void put(const CMediaBufferRef& ref, CMediaPacket* shared, int length, int flag, int channel);
     void hold_locked(CMediaPacket& packet, int length, int flag, int channel) VIDORA_REQUIRES(m_mutex);
+    bool begin_locked(std::vector<CMediaBufferRef>& refs) VIDORA_REQUIRES(m_mutex);
     void begin_locked() VIDORA_REQUIRES(m_mutex);
     void end();
     void wait_locked() VIDORA_REQUIRES(m_mutex);

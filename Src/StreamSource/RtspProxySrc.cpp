@@ -97,6 +97,7 @@ int CRtspProxySrc::Play(uint64_t start_us, uint64_t end_us, float speed, bool is
 
 int CRtspProxySrc::Pause() {
     CGuard guard(m_mutex);
+    m_wants_play = false;
     return m_client != nullptr ? m_client->Conversation().Pause() : -1;
 }
 

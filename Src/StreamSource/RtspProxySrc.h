@@ -32,6 +32,7 @@ public:
     int StartStreaming(packet_type_t packet_type, CMediaBuffer* buffer, int cseq) override;
     int StopStreaming(packet_type_t packet_type) override;
     int StopFeeding(packet_type_t packet_type, CMediaBuffer* buffer) override;
+    void CutFeeding(const CMediaBuffer* buffer) override { m_relay.Cut(buffer); }
     using CDataSource::GetSdp;
     int GetSdp(CSdpParser& sdp) override;
     int GetSrcInfo(SrcInfo& info, int track_id) override;

@@ -123,6 +123,55 @@ TEST(ProxyEnd, LeavesNothing) {
     }
 }
 
+// A Play that is taken back before the server is ready isn't made up for.
+TEST(ProxySource, PlaysWhatIsAskedForAndTellsWhereEachTrackBegins) {
+    const CPool pool;
+    std::atomic<bool> taken_back{false};
+    CScriptedServer server([&](const ServerRequest& request) {
+        WaitUntil([&] { return taken_back.load(); });
+        const std::string media =
+            "m=video 0 RTP/AVP 96\r\na=rtpmap:96 H264/90000\r\na=control:1\r\n"
+            "m=audio 0 RTP/AVP 8\r\na=control:11\r\n";
+        return request.method == "DESCRIBE"
+                   ? CScriptedServer::Reply(request, "200 OK", "Content-Type: application/sdp\r\n",
+                                            CScriptedServer::Sdp(media))
+               : request.method == "PLAY"
+                   ? CScriptedServer::Reply(
+                         request, "200 OK",
+                         "RTP-Info: url=rtsp://h/1;seq=100;rtptime=5,url=rtsp://h/11;seq=200;rtptime=6\r\n")
+                   : CScriptedServer::Answer(request);
+    });
+    CDataSource* source = CDataSource::Create(("movie?proxy=127.0.0.1:" + std::to_string(server.Port())).c_str());
+    ASSERT_NE(nullptr, source);
+    std::atomic<int> played{0};
+    std::atomic<int> ended{0};
+    CTestHandler* user = CTestHandler::Make();
+    user->on_message = [&](long, unsigned int msg, long) {
+        if (msg == MSG_SRC_READY) {
+            source->Play(5000000, ~uint64_t{0}, 1.0F, false);
+        }
+        played += msg == MSG_PLAY_READY ? 1 : 0;
+        ended += msg == MSG_SOURCE_CLOSED ? 1 : 0;
+        return 0;
+    };
+    source->Play(~uint64_t{0}, ~uint64_t{0}, 1.0F, false);  // nobody there yet
+    EXPECT_EQ(0, source->Init(user->GetID(), 0));
+    EXPECT_EQ(0, source->Play(~uint64_t{0}, ~uint64_t{0}, 1.0F, false));
+    EXPECT_EQ(0, source->Pause());
+    taken_back = true;
+    EXPECT_TRUE(WaitUntil([&] { return played == 1; }));
+    EXPECT_EQ(1, server.Count("PLAY"));
+    EXPECT_TRUE(server.Holds("npt=5.0"));
+    for (const int track : {1, 2}) {
+        SrcInfo info;
+        EXPECT_EQ(0, source->GetSrcInfo(info, track));
+        EXPECT_EQ(100 * track, info.seq);
+    }
+    source->Close();
+    EXPECT_TRUE(WaitUntil([&] { return ended == 1; }));
+    user->Close();
+}
+
 TEST(ProxyDescription, HidesTheServerAndKeepsWhatDecodersNeed) {
     const std::string text =
         "v=0\r\no=- 1 1 IN IP4 10.0.0.9\r\ns=x\r\nc=IN IP4 239.1.1.1/16\r\nt=0 0\r\na=control:rtsp://10.0.0.9/x\r\n"
@@ -171,15 +220,25 @@ TEST(ProxyRelay, HoldsWhatComesBeforeTheFirstBufferAndFeedsAllThen) {
     put(10);
     EXPECT_EQ(21u, sinks[0].Count());
     EXPECT_EQ(1u, sinks[1].Count());
+    relay.End(0);
+    EXPECT_EQ(1, sinks[0].EndCount());
+    relay.Cut(&buffers[0]);  // its client is still to leave
+    put(10);
+    EXPECT_EQ(21u, sinks[0].Count());
+    EXPECT_EQ(2u, sinks[1].Count());
+    EXPECT_EQ(0, relay.Add(&buffers[0]));
+    EXPECT_EQ(3, relay.Remove(&buffers[0]));
+    EXPECT_EQ(0, relay.Add(&buffers[1]));
+    EXPECT_EQ(3, relay.Remove(nullptr));
     EXPECT_EQ(2, relay.Remove(nullptr));                   // of the last one
     sinks[0].on_put = [&] { relay.Remove(&buffers[0]); };  // from inside
     put(10);
     put(10);
     EXPECT_EQ(22u, sinks[0].Count());
-    EXPECT_EQ(3u, sinks[1].Count());
+    EXPECT_EQ(4u, sinks[1].Count());
     relay.Close();
     put(10);
-    EXPECT_EQ(3u, sinks[1].Count());
+    EXPECT_EQ(4u, sinks[1].Count());
     EXPECT_EQ(-1, relay.Add(&buffers[0]));
 }
 
