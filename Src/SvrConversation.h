@@ -144,6 +144,7 @@ private:
     int on_setup(const StateEvent& event);
     bool parts_from_others(const CTrack& track, const IMediaRoute& route);
     IMediaRoute* find_route(const transport_info& transport);
+    void change_route(IMediaRoute* to);
     int setup_track(CTrack& track, transport_info& transport);
 
     // PLAY, PAUSE and TEARDOWN. warn_play: its refusal. generate_play_reply: the codec's text, or null. build_rtp_info:

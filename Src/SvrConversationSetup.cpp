@@ -179,9 +179,8 @@ int CSvrConversation::setup_track(CTrack& track, transport_info& transport) {
         return result < 0 ? REFUSED_TRANSPORT : send_error(result);
     }
     if (m_route != route) {
-        m_source.Leave();  // nothing flows; PLAY enters the new way
+        change_route(route);
     }
-    m_route = route;
     transport.ssrc = m_source.GetSSRC(track.track_id);
     track.send_channel = channel / 2;
     m_route->Switch(track, true);
@@ -196,6 +195,18 @@ int CSvrConversation::setup_track(CTrack& track, transport_info& transport) {
         return REFUSED_FAILURE;
     }
     return send_text(reply);
+}
+
+// Nothing flows; PLAY enters the new way. Of the others nothing is left: no ports, and nobody who watches them.
+void CSvrConversation::change_route(IMediaRoute* to) {
+    m_source.Leave();
+    m_route = to;
+    for (std::unique_ptr<IMediaRoute>& route : m_routes) {
+        if (route.get() != to) {
+            route.reset();
+        }
+    }
+    m_silence.ForgetPeer();
 }
 
 // Whether the tracks that are set up go another way: all media of a session leave by one route. One that is set up

@@ -56,6 +56,19 @@ TEST_F(Lifecycle, TimeOutsAndReports) {
     }));
 }
 
+TEST_F(Lifecycle, AClientThatChangesToTcpLeavesItsUdpPortsFree) {
+    StartServer();
+    AddChannel();
+    CRtspTestClient client(m_port);
+    const CUdpPeer rtp;
+    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
+    const RtspReply reply = client.Ask("SETUP", Url() + "/trackID=0", UdpTransport(rtp.Port()));
+    ASSERT_EQ(200, reply.status);
+    EXPECT_FALSE(CUdpPeer(ServerPort(reply)).Bound());
+    EXPECT_EQ(200, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
+    EXPECT_TRUE(WaitUntil([&] { return CUdpPeer(ServerPort(reply)).Bound(); }));
+}
+
 TEST_F(Lifecycle, AServerEndsItsSessionsInACallbackOfOneOfThem) {
     HookHost([this](const std::string& name, const std::string&) {
         // Its own session is one of those.
