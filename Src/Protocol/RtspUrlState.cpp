@@ -85,9 +85,10 @@ bool CRtspUrlParser::CState::parse_url(const char* url, unsigned int length) {
     // and ends in a host that can't be read.
     int position = RTSP_SCHEME_SIZE;
     const int after_scheme = scheme + RTSP_SCHEME_SIZE;
-    if (find_credentials(parser, after_scheme) > 0) {
+    const int credentials_end = find_credentials(parser, after_scheme);
+    if (credentials_end > 0) {
         parser.LocateOffset(after_scheme);
-        if (parser_auth_info(parser, m_user, m_password) < 0) {
+        if (parser_auth_info(parser, credentials_end, m_user, m_password) < 0) {
             return false;
         }
         m_has_auth[0] = true;
@@ -130,17 +131,34 @@ int CRtspUrlParser::CState::find_credentials(CStrParser& parser, int after_schem
     }
     parser.LocateOffset(after_scheme);
     const int proxy = parser.LocateString("proxy");
-    return proxy >= 0 && proxy < at ? -1 : at;  // the credentials of an upstream server
+    if (proxy >= 0 && proxy < at) {
+        return -1;  // the credentials of an upstream server
+    }
+    // A host has no "@": one more is of a password that isn't encoded, which must not become a host's name.
+    const int host_end = slash >= 0 ? slash : at;
+    int end = at;
+    parser.LocateOffset(at);
+    while (step_over(parser, "@") && parser.GetCurOffset() <= host_end) {
+        end = parser.GetCurOffset() - 1;
+    }
+    return end;
 }
 
-// "user:password@". The password may be empty, the user may not.
-int CRtspUrlParser::CState::parser_auth_info(CStrParser& parser, std::string& user, std::string& password) {
+// "user:password@" up to the "@" at `end`, or to the next one if that lies behind. The password may be empty, the user
+// may not.
+int CRtspUrlParser::CState::parser_auth_info(CStrParser& parser, int end, std::string& user, std::string& password) {
     char user_text[AUTH_TEXT_SIZE];
     char password_text[AUTH_TEXT_SIZE];
-    if (parser.ConsumeSentence(":", user_text, sizeof(user_text)) <= 0 ||
-        parser.ConsumeSentence("@", password_text, sizeof(password_text)) < 0) {
+    const bool has_user = parser.ConsumeSentence(":", user_text, sizeof(user_text)) > 0;
+    const int left = end - parser.GetCurOffset();
+    if (!has_user ||
+        (left < 0 ? parser.ConsumeSentence("@", password_text, sizeof(password_text))
+                  : parser.ConsumeLength(static_cast<unsigned int>(left), password_text, sizeof(password_text))) < 0) {
         logWarn("%s:%d, parser_auth_info failed.\n", __FILE__, __LINE__);
         return -1;
+    }
+    if (left >= 0) {
+        parser.Expect('@');
     }
     user = user_text;
     password = password_text;
@@ -393,7 +411,7 @@ bool CRtspUrlParser::CState::parse_proxy(CStrParser& parser) {
     parser.ResetAll();
     step_over(parser, KEY_PROXY);
     if (has_auth) {
-        if (parser_auth_info(parser, m_proxy_user, m_proxy_password) < 0) {
+        if (parser_auth_info(parser, -1, m_proxy_user, m_proxy_password) < 0) {
             logWarn("%s:%d, parse auth info failed.\n", __FILE__, __LINE__);
             return false;
         }
@@ -407,6 +425,16 @@ bool CRtspUrlParser::CState::parse_proxy(CStrParser& parser) {
     return true;
 }
 
+namespace {
+
+// A parsed IPv6 address has lost the brackets that tell its colons from the port's (RFC 3986 3.2.2).
+void write_host(CTextWriter& writer, const char* addr, int port) {
+    const bool is_bare = addr[0] != '[' && std::strchr(addr, ':') != nullptr;
+    writer.Add(is_bare ? "[" : "", addr, is_bare ? "]:" : ":", port);
+}
+
+}  // namespace
+
 // The upstream server as a parameter of the content. Parameters are written with it only: without an upstream server
 // nobody would read them.
 void CRtspUrlParser::CState::write_proxy(CTextWriter& writer) const {
@@ -417,7 +445,7 @@ void CRtspUrlParser::CState::write_proxy(CTextWriter& writer) const {
     if (m_has_auth[1]) {
         writer.Add(m_proxy_user.c_str()).Add(":").Add(m_proxy_password.c_str()).Add("@");
     }
-    writer.Add(m_proxy_addr).Add(":").Add(m_proxy_port);
+    write_host(writer, m_proxy_addr, m_proxy_port);
     if (!m_has_params) {
         return;
     }
@@ -439,7 +467,8 @@ char* CRtspUrlParser::CState::generate_url(const char* content) {
     if (m_has_auth[0]) {
         writer.Add(m_user.c_str()).Add(":").Add(m_password.c_str()).Add("@");
     }
-    writer.Add(m_addr).Add(":").Add(m_port).Add("/").Add(content);
+    write_host(writer, m_addr, m_port);
+    writer.Add("/").Add(content);
     write_proxy(writer);
     copy_text(m_url, sizeof(m_url), url, writer.Length());
     return m_url;

@@ -88,7 +88,7 @@ private:
     static const src_row SOURCES[];
 
     static int find_credentials(CStrParser& parser, int after_scheme);
-    static int parser_auth_info(CStrParser& parser, std::string& user, std::string& password);
+    static int parser_auth_info(CStrParser& parser, int end, std::string& user, std::string& password);
     static int parser_connect_info(CStrParser& parser, char* host, unsigned int size, int& port);
 
     void remove_expand_info();

@@ -123,6 +123,8 @@ TEST(RtspUrlParser, GeneratesUrlsThatItReadsAgain) {
     EXPECT_EQ(parser.GenerateUrl("x.kav"), nullptr);
     EXPECT_EQ(parser.AddConnection(0, "2001:db8::1", 8554), 0);
     EXPECT_EQ(text_or(parser.GenerateUrl("x.kav")), "rtsp://[2001:db8::1]:8554/x.kav");
+    EXPECT_TRUE(parse_url(parser, "rtsp://[::1]:8554/"));
+    EXPECT_EQ(text_or(parser.GenerateUrl("x.kav")), "rtsp://[::1]:8554/x.kav");
     EXPECT_EQ(parser.AddConnection(0, "127.0.0.1", 8554) | parser.AddAuth(0, auth), 0);
     EXPECT_EQ(parser.AppendParam("proto", "Kavio3"), 0);
     // Parameters are written together with a proxy only.
