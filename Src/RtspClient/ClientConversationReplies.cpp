@@ -224,7 +224,7 @@ void CClientConversation::take_challenge(const pending_request& request, const c
         Fail(MSG_SRC_FAIL, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_PROTOCOL);
         return;
     }
-    const bool taken = m_auth.TakeChallenge(request.method, m_url.c_str());
+    const bool taken = m_auth.TakeChallenge(request.method, request.cseq, m_url.c_str());
     if (!taken || !repeat(request)) {
         take_refusal(request, STATUS_UNAUTHORIZED);
     }

@@ -2,7 +2,10 @@
 
 #include <strings.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstring>
+#include <string_view>
 
 #include "Protocol/LogQuote.h"
 #include "Tramel/IpText.h"
@@ -10,6 +13,25 @@
 
 namespace Kavio {
 namespace Vidora {
+
+namespace {
+
+// RFC 3986 2.1: what may not stand in a URL, such as "@" and "/", is "%" with two hexadecimal digits there.
+std::string decoded(std::string_view text) {
+    const size_t ESCAPE_SIZE = 3;
+    std::string out;
+    while (!text.empty()) {
+        unsigned int byte = 0;
+        const char* end = text.data() + std::min(text.size(), ESCAPE_SIZE);
+        const bool is_escape = text[0] == '%' && text.size() >= ESCAPE_SIZE &&
+                               std::from_chars(text.data() + 1, end, byte, 16).ptr == end && byte >= ' ';
+        out.push_back(is_escape ? static_cast<char>(byte) : text[0]);
+        text.remove_prefix(is_escape ? ESCAPE_SIZE : 1);
+    }
+    return out;
+}
+
+}  // namespace
 
 client_timing& ClientTiming() {
     static client_timing timing;
@@ -53,8 +75,8 @@ bool ReadClientUrl(const std::string& url, client_settings& settings, client_hos
         return false;
     }
     if (parser.GetAuthInfo(auth, 0) == 0) {
-        settings.user = user;
-        settings.password = password;
+        settings.user = settings.conformance ? decoded(user) : user;
+        settings.password = settings.conformance ? decoded(password) : password;
         settings.has_auth = true;
     }
     return true;

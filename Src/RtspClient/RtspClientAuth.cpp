@@ -55,7 +55,55 @@ void CRtspClientAuth::set_method_id(rtsp_method_t method) noexcept {
 
 void CRtspClientAuth::set_challenge(const std::string& challenge) noexcept {
     assign(m_www_authenticate, challenge);
-    detect_type();
+    if (!m_conformance) {
+        detect_type();
+        return;
+    }
+    m_auth_type = AUTH_NONE;
+    try {
+        choose_challenge();
+    } catch (const std::bad_alloc&) {
+        m_auth_type = AUTH_NONE;
+    }
+}
+
+// RFC 2617 4.6: the strongest one that is known.
+void CRtspClientAuth::choose_challenge() {
+    m_stale.reset();
+    for (const CAuthChallenge& challenge : CAuthChallenge::ReadAll(m_www_authenticate)) {
+        if (challenge.IsDigestKnown()) {
+            m_auth_type = AUTH_DIGEST;
+            take_digest(challenge);
+            return;
+        }
+        m_auth_type = challenge.IsScheme("Basic") ? static_cast<int>(AUTH_BASIC) : m_auth_type;
+    }
+}
+
+// A nonce that is known goes on with its count.
+void CRtspClientAuth::take_digest(const CAuthChallenge& challenge) {
+    if (m_nonce != challenge.Find("nonce")) {
+        reset_digest();
+    }
+    m_session_key.reset();
+    m_realm = challenge.Find("realm");
+    m_nonce = challenge.Find("nonce");
+    m_opaque = challenge.Find("opaque");
+    m_stale = challenge.Find("stale");
+    m_algorithm = challenge.Find("algorithm");
+    m_qop = challenge.ChooseQop();
+}
+
+bool CRtspClientAuth::is_stale() const {
+    return m_stale && EqualsAnyCase(*m_stale, "true");
+}
+
+// RFC 2617 3.2.2: a server may take an equal count for a request that somebody repeats.
+void CRtspClientAuth::count_request() {
+    if (m_conformance && m_nc_is_used && m_cnonce) {
+        ++m_nc;
+    }
+    m_nc_is_used = true;
 }
 
 void CRtspClientAuth::detect_type() {
@@ -85,7 +133,9 @@ bool CRtspClientAuth::make_value(std::string& value) {
         return false;
     }
     value.clear();
-    detect_type();
+    if (!m_conformance) {
+        detect_type();
+    }
     if (m_auth_type == AUTH_BASIC) {
         make_basic(value);
         return true;
@@ -108,6 +158,13 @@ void CRtspClientAuth::make_basic(std::string& value) const {
 
 bool CRtspClientAuth::make_digest(std::string& value) {
     std::string response;
+    if (m_conformance) {
+        if (!compute_response(response)) {
+            return false;
+        }
+        append_standard_value(value, response);
+        return true;
+    }
     if (!parse_digest_challenge() || !compute_response(response)) {
         return false;
     }
@@ -121,6 +178,7 @@ void CRtspClientAuth::reset_digest() {
         field->reset();
     }
     m_nc = 0;
+    m_nc_is_used = false;
 }
 
 bool CRtspClientAuth::parse_digest_challenge() {
@@ -175,6 +233,7 @@ bool CRtspClientAuth::compute_response(std::string& response) {
     if (m_qop) {
         request.qop = *m_qop;
     }
+    request.entity = m_conformance ? m_entity : std::string_view();
     if (DigestUsesQop(request.qop)) {
         make_cnonce_if_needed();
         request.cnonce = *m_cnonce;
@@ -232,6 +291,40 @@ void CRtspClientAuth::append_digest_value(std::string& value, const std::string&
         char nc[16];
         std::snprintf(nc, sizeof nc, "%08x", m_nc);
         value.append("nc=\"").append(nc).append("\"");
+    }
+}
+
+namespace {
+
+// RFC 2617 3.2.2: what the response is computed over is in quotes; qop, nc and algorithm are not.
+std::string quoted(std::string_view text) {
+    std::string out;
+    for (const char c : text) {
+        out.append(c == '"' || c == '\\' ? "\\" : "").push_back(c);
+    }
+    return out;
+}
+
+}  // namespace
+
+// What the challenge has given goes back as it came.
+void CRtspClientAuth::append_standard_value(std::string& value, const std::string& response) const {
+    value.append("Digest username=\"").append(quoted(m_username));
+    value.append("\", realm=\"").append(*m_realm);
+    value.append("\", nonce=\"").append(*m_nonce);
+    value.append("\", uri=\"").append(m_uri.empty() ? "/" : m_uri);
+    value.append("\", response=\"").append(response).append("\"");
+    const std::pair<const char*, const text_t*> fields[] = {
+        {", algorithm=", &m_algorithm}, {", opaque=\"", &m_opaque}, {", cnonce=\"", &m_cnonce}, {", qop=", &m_qop}};
+    for (const auto& [name, field] : fields) {
+        if (*field) {
+            value.append(name).append(**field).append(std::strchr(name, '"') != nullptr ? "\"" : "");
+        }
+    }
+    if (m_qop) {
+        char nc[16];
+        std::snprintf(nc, sizeof nc, "%08x", m_nc);
+        value.append(", nc=").append(nc);
     }
 }
 

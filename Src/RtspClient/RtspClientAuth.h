@@ -4,7 +4,9 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
+#include "RtspClient/AuthChallenge.h"
 #include "Vidora/Types.h"
 
 namespace Kavio {
@@ -27,8 +29,19 @@ public:
     void set_method(const std::string& method) noexcept;
     // The same by number; any value outside 0 to 7 means OPTIONS.
     void set_method_id(rtsp_method_t method) noexcept;
-    // The value of WWW-Authenticate.
+    // The body of that request, for a challenge that protects it; by conformance only, and valid until the digest is
+    // made.
+    void set_entity(std::string_view entity) { m_entity = entity; }
+    // The value that is made next goes out with a request. By conformance each has a count of its own.
+    void count_request();
+    // The value of WWW-Authenticate; by conformance also several values with commas between, of which the best is taken
+    // that can be answered.
     void set_challenge(const std::string& challenge) noexcept;
+    // Reads challenges and writes answers as RFC 2617 has them, and counts the requests of a nonce. Otherwise as older
+    // servers know it. Before the first challenge.
+    void SetConformance(bool on) { m_conformance = on; }
+    // By conformance: whether the last challenge says that only the nonce was too old.
+    bool is_stale() const;
     // auth_type_t of the last challenge.
     int get_auth_type() const { return m_auth_type; }
 
@@ -52,12 +65,17 @@ private:
     std::string compute_ha1();
     void make_cnonce_if_needed();
     void append_digest_value(std::string& value, const std::string& response) const;
+    void choose_challenge();
+    void take_digest(const CAuthChallenge& challenge);
+    void append_standard_value(std::string& value, const std::string& response) const;
 
     std::string m_username;
     std::string m_password;
     std::string m_uri;
     std::string m_www_authenticate;
     std::string m_method;
+    std::string_view m_entity;
+    bool m_conformance = false;
     // Of the challenge.
     text_t m_realm;
     text_t m_domain;
@@ -67,6 +85,7 @@ private:
     text_t m_algorithm;
     text_t m_qop;
     uint32_t m_nc = 0;  // 0 until a cnonce was made
+    bool m_nc_is_used = false;
     text_t m_cnonce;
     text_t m_session_key;  // HA1 of MD5-sess
     int m_auth_type = AUTH_NONE;

@@ -90,6 +90,37 @@ TEST(ClientAuth, ChallengesThatCannotBeAnswered) {
     }
 }
 
+// By conformance the answer is to the best challenge of all.
+TEST(ClientAuth, StandardAnswersToEveryChallenge) {
+    for (const auto& row : Support::ReadTable(VIDORA_TEST_DATA "/auth.txt", "standard", 4)) {
+        CRtspClientAuth auth;
+        auth.SetConformance(true);
+        auth.set_user("u\"s", "p");
+        auth.set_uri("rtsp://h/");
+        auth.set_method("PLAY");
+        auth.set_entity("body");
+        auth.set_challenge(row[0]);
+        std::string value;
+        EXPECT_EQ(auth.get_authorization(value), !row[1].empty()) << row[0];
+        const bool made = value.find("cnonce=") != std::string::npos;
+        const std::string cnonce = made ? field(value, "cnonce") : "";
+        digest_request request;
+        request.method = "PLAY";
+        request.uri = "rtsp://h/";
+        request.nonce = "n, x";
+        request.qop = row[2];
+        request.entity = "body";
+        request.cnonce = cnonce;
+        request.nc = 1;
+        const std::string ha1 = DigestHash({"u\"s", "r", "p"});
+        const std::string key = row[3] == "session" ? DigestHash({ha1, request.nonce, cnonce}) : ha1;
+        const std::string head =
+            "Digest username=\"u\\\"s\", realm=\"r\", nonce=\"n, x\", uri=\"rtsp://h/\", response=";
+        std::string expected = Support::Replaced(row[1], "HEAD", head + "\"" + DigestResponse(key, request) + "\"");
+        EXPECT_EQ(value, Support::Replaced(expected, "CNONCE", cnonce)) << row[0];
+    }
+}
+
 TEST(ClientAuth, RequestsAndChallengesFollowEachOther) {
     CRtspClientAuth auth;
     std::string first;
