@@ -43,9 +43,10 @@ bool is_onvif_url(const char* url) {
 
 }  // namespace
 
-void CAuthGate::Open(IAuthModule* module, bool checks_onvif) {
+void CAuthGate::Open(IAuthModule* module, bool checks_onvif, bool conformance) {
     m_module = module;
     m_checks_onvif = checks_onvif;
+    m_conformance = conformance;
 }
 
 void CAuthGate::Release() {
@@ -67,6 +68,7 @@ int CAuthGate::judge_request(const rtsp_msg_info& info, const char* buffer, int 
     if (!parser) {
         return -1;
     }
+    parser->SetConformance(m_conformance);
     if (parser->parse_request(buffer, static_cast<unsigned int>(length), nullptr) != 0) {
         return UNREAD;
     }
@@ -80,7 +82,9 @@ int CAuthGate::judge_request(const rtsp_msg_info& info, const char* buffer, int 
         logError("%s:%d auth check processing, new request arrive, state error, refused\n", __FILE__, __LINE__);
         return BUSY;
     }
-    const bool first_contact = m_challenge.empty() && !holds_text(buffer, length, CREDENTIALS);
+    const bool has_credentials =
+        m_conformance ? parser->get_auth()[0] != '\0' : holds_text(buffer, length, CREDENTIALS);
+    const bool first_contact = m_challenge.empty() && !has_credentials;
     if (!first_contact && parser->get_auth()[0] == '\0') {
         return repeat_challenge(buffer, length);
     }

@@ -46,8 +46,9 @@ public:
     CAuthGate& operator=(const CAuthGate&) = delete;
 
     // Puts `module` in front; null leaves the conversation free. `checks_onvif`: whether a URL of ONVIF's form needs
-    // authentication as well; otherwise the first request with one frees the whole connection.
-    void Open(IAuthModule* module, bool checks_onvif);
+    // authentication as well; otherwise the first request with one frees the whole connection. `conformance`: how
+    // requests are read, which must be as the conversation reads them.
+    void Open(IAuthModule* module, bool checks_onvif, bool conformance);
     // Releases the module. No answer is taken after it.
     void Release();
 
@@ -96,6 +97,7 @@ private:
     IAuthGateOwner& m_owner;
     IAuthModule* m_module = nullptr;
     bool m_checks_onvif = false;
+    bool m_conformance = false;
     state_t m_state = AUTH_IDLE;
     bool m_passes_once = false;  // the request that is judged frees itself alone
     std::string m_challenge;     // for a 401

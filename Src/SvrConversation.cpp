@@ -51,7 +51,8 @@ void CSvrConversation::SetConfig(const CRtspSvrConfig& config) {
 
 void CSvrConversation::OpenGate(rtsp_auth_t type) {
     const rtsp_auth_func_t make_module = m_config.GetAuthFunc();
-    m_gate.Open(type != 0 && make_module != nullptr ? make_module(type) : nullptr, checks_onvif_urls(m_config));
+    m_gate.Open(type != 0 && make_module != nullptr ? make_module(type) : nullptr, checks_onvif_urls(m_config),
+                m_config.GetConformance());
 }
 
 void CSvrConversation::Welcome(const CSockAddrStorage& peer) {

@@ -145,7 +145,8 @@ private:
     bool parts_from_others(const CTrack& track, const IMediaRoute& route);
     IMediaRoute* find_route(const transport_info& transport);
     void change_route(IMediaRoute* to);
-    int setup_track(CTrack& track, transport_info& transport);
+    int setup_track(CTrack& track);
+    void take_packet_type();
 
     // PLAY, PAUSE and TEARDOWN. warn_play: its refusal. generate_play_reply: the codec's text, or null. build_rtp_info:
     // -1 if the source knows nothing of a track.

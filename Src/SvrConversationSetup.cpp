@@ -148,12 +148,7 @@ int CSvrConversation::on_setup(const StateEvent& event) {
         logError("%s:%d, reply setup, invalid param.\n", __FILE__, __LINE__);
         return REFUSED_BY_STATE;
     }
-    transport_info transport = *m_codec.get_transport();
-    transport.timeout = m_config.GetKeepAliveTimeout();
-    m_packet_type = transport.packet_type;
-    if (m_packet_type == PACKET_TYPE_KX) {
-        m_reports.Forbid();
-    }
+    take_packet_type();
     const int track_id = m_tracks.IdOfUrl(m_codec.get_url());
     if (track_id < 0) {
         logError("%s %d url: %s get track id failed!\n", __FILE__, __LINE__,
@@ -165,18 +160,33 @@ int CSvrConversation::on_setup(const StateEvent& event) {
         logError("%s %d client process crushed!\n", __FILE__, __LINE__);
         return REFUSED_TRACK;
     }
-    return track->sends ? setup_track(*track, transport) : send_error(RTSP_STATUS_UNAVAILABLE);
+    int result = track->sends ? setup_track(*track) : static_cast<int>(RTSP_STATUS_UNAVAILABLE);
+    while (result == RTSP_STATUS_UNSUPPORTED_TRANSPORT && m_codec.next_offer({event.text(), event.length})) {
+        take_packet_type();
+        result = setup_track(*track);
+    }
+    return result > 0 ? send_error(result) : result;
 }
 
-// A refusal leaves the way of the tracks that are set up already as it was, and makes clients fall back to another one.
-int CSvrConversation::setup_track(CTrack& track, transport_info& transport) {
+void CSvrConversation::take_packet_type() {
+    m_packet_type = m_codec.get_transport()->packet_type;
+    if (m_packet_type == PACKET_TYPE_KX) {
+        m_reports.Forbid();
+    }
+}
+
+// By the transport that the client offers. A refusal is its status: it leaves the way of the tracks that are set up
+// already as it was, and makes clients fall back to another one.
+int CSvrConversation::setup_track(CTrack& track) {
+    transport_info transport = *m_codec.get_transport();
+    transport.timeout = m_config.GetKeepAliveTimeout();
     track.set_up = true;
     IMediaRoute* route = find_route(transport);
     const int channel = m_source.GetTcpChannel(track.track_id);
     const bool has_way = route != nullptr && !parts_from_others(track, *route);
     const int result = has_way ? route->SetUp(track, channel, transport) : RTSP_STATUS_UNSUPPORTED_TRANSPORT;
     if (result != 0) {
-        return result < 0 ? REFUSED_TRANSPORT : send_error(result);
+        return result < 0 ? static_cast<int>(REFUSED_TRANSPORT) : result;
     }
     if (m_route != route) {
         change_route(route);

@@ -4,6 +4,7 @@
 #include <cstring>
 #include <new>
 
+#include "Protocol/HeaderText.h"
 #include "Protocol/LogQuote.h"
 #include "Protocol/TextWriter.h"
 #include "Tramel/StrParser.h"
@@ -143,6 +144,13 @@ void CRtspParser::read_value(CStrParser& text, const char* key, char* out, unsig
     text.ConsumeLength(static_cast<unsigned int>(std::strlen(key)), nullptr, 0);
     text.ConsumeWhitespace();
     text.ConsumeSentence("\r\n", out, size);
+}
+
+bool CRtspParser::read_unfolded(CStrParser& text, const char* name, char* out, unsigned int size) {
+    text.ResetAll();
+    const std::string_view message(text.GetString(), static_cast<size_t>(text.GetStringLen()));
+    const std::string_view value = HeaderValue(message, name);
+    return !value.empty() && AppendUnfolded(value, out, 0, size) > 0;
 }
 
 void CRtspParser::read_number_pair(CStrParser& text, int* first, int* second) {

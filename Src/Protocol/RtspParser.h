@@ -75,7 +75,8 @@ public:
     static int parse_clock_range(const char* text, unsigned int length, UtcTime* begin, UtcTime* end);
     // Write a Range header line of up to `size` bytes, NUL included, and return `out`; null for a null `out`. A null
     // `end` leaves the range open.
-    static char* format_clock_range(char* out, unsigned int size, const UtcTime* begin, const UtcTime* end);
+    static char* format_clock_range(char* out, unsigned int size, const UtcTime* begin, const UtcTime* end,
+                                    bool conformance);
     static char* format_smpte_range(char* out, unsigned int size, const SmpteTime* begin, const SmpteTime* end);
 
     // Extra headers by method. set: -1 for a method above 7 or a null key; a null value is the empty text. remove:
@@ -89,7 +90,9 @@ public:
     int build_ext_headers(int method, std::string& out) const;
 
     // Reads ranges and rates as RFC 2326 3.6, 12.29, 12.34 and 12.35 have them: a range without a beginning, "now",
-    // hours:minutes:seconds, headers without a blank. Otherwise they are searched for as older peers write them.
+    // hours:minutes:seconds, headers without a blank. The same goes for the transports, credentials, challenges, bases
+    // and methods of 12.39, 12.5, 12.44, 12.11 and 12.28, whose lines may be folded (RFC 2616 4.2). Otherwise all are
+    // searched for as older peers write them.
     void SetConformance(bool on) { m_conformance = on; }
 
     // Pointers stay valid until the next message or the release of the texts, that of get_session as long as the
@@ -136,6 +139,8 @@ protected:
     static bool find_header(CStrParser& text, const char* key);
     // Steps over `key` and white space and copies up to the line's end.
     static void read_value(CStrParser& text, const char* key, char* out, unsigned int size);
+    // By conformance: the value of the header of that name, if it has one, with its lines joined. False if not.
+    static bool read_unfolded(CStrParser& text, const char* name, char* out, unsigned int size);
     // The two numbers at the next digits.
     static void read_number_pair(CStrParser& text, int* first, int* second);
     // Parts of a Transport header. The kind of stream and transport; false if there is neither.
@@ -176,6 +181,7 @@ private:
     void read_standard_rate(CStrParser& text);
     bool read_rate_of(CStrParser& text, const char* key, rate_header_t header);
     void read_standard_range(CStrParser& text);
+    void read_clock(CStrParser& text);
     void read_npt(CStrParser& text);
     static double read_npt_time(CStrParser& text);
 };

@@ -4,6 +4,7 @@
 #include <cmath>
 #include <cstdio>
 #include <cstring>
+#include <string_view>
 
 #include "Protocol/RtspParser.h"
 #include "Protocol/RtspTables.h"
@@ -40,34 +41,60 @@ bool is_digit(char c) {
     return c >= '0' && c <= '9';
 }
 
-void add_time(CTextWriter& out, const UtcTime& t) {
-    // The fraction is written with two digits at least, though three are read: 7 ms go out as ".07". Peers know it so.
+// RFC 2326 3.7: "20200102T030405Z", with a fraction of any length in front of the "Z". Moves `text` behind it.
+bool take_standard_utc(std::string_view& text, UtcTime& t) {
+    static const std::string_view FORM = "00000000T000000";
+    const size_t fraction = std::min(FORM.size(), text.size());
+    if (!std::equal(text.begin(), text.begin() + fraction, FORM.begin(), FORM.end(),
+                    [](char c, char form) { return form == 'T' ? c == 'T' : is_digit(c); })) {
+        return false;
+    }
+    char whole[UTC_SIZE + 1] = "0000000000000000";
+    text.copy(whole, fraction);
+    whole[UTC_SIZE - 1] = 'Z';
+    parse_utc_time(whole, UTC_SIZE, &t);
+    text.remove_prefix(fraction);
+    if (!text.empty() && text[0] == '.') {
+        text.remove_prefix(1);
+        for (int weight = 100; !text.empty() && is_digit(text[0]); weight /= 10, text.remove_prefix(1)) {
+            t.millisecond += weight * (text[0] - '0');
+        }
+    }
+    const bool ends = !text.empty() && text[0] == 'Z';
+    text.remove_prefix(ends ? 1 : 0);
+    return ends;
+}
+
+// The fraction is written with two digits at least, though three are read: 7 ms go out as ".07". Peers know it so. By
+// conformance they are thousandths.
+void add_time(CTextWriter& out, const UtcTime& t, bool conformance) {
     char fraction[5];
     CTextWriter suffix(fraction, sizeof fraction);
     if (t.millisecond > 0) {
-        suffix.Add(".", text_padded{t.millisecond, 2});
+        suffix.Add(".", text_padded{t.millisecond, conformance ? 3 : 2});
     }
     out.Add(text_padded{t.year, 4}, text_padded{t.month, 2}, text_padded{t.day, 2}, "T", text_padded{t.hour, 2},
             text_padded{t.minute, 2}, text_padded{t.second, 2}, fraction, "Z");
 }
 
-void add_time(CTextWriter& out, const SmpteTime& t) {
+void add_time(CTextWriter& out, const SmpteTime& t, bool /*conformance*/) {
     out.Add(text_padded{t.hour, 2}, ":", text_padded{t.minute, 2}, ":", text_padded{t.second, 2});
 }
 
 template <typename Time>
-char* format_range(char* out, unsigned int size, const char* key, const Time* begin, const Time* end) {
+char* format_range(char* out, unsigned int size, const char* key, const Time* begin, const Time* end,
+                   bool conformance) {
     if (out == nullptr) {
         return nullptr;
     }
     CTextWriter text(out, size);
     text.Add(key);
     if (begin != nullptr) {
-        add_time(text, *begin);
+        add_time(text, *begin, conformance);
     }
     text.Add("-");
     if (end != nullptr) {
-        add_time(text, *end);
+        add_time(text, *end, conformance);
     }
     text.Add("\r\n");
     return out;
@@ -152,14 +179,25 @@ void CRtspParser::read_standard_range(CStrParser& text) {
         text.ConsumeLength(sizeof "npt=" - 1, nullptr, 0);
         read_npt(text);
     } else if (text.LocateStringInLineCase("clock=") >= 0) {
-        m_range_type = RANGE_TYPE_CLOCK;
-        m_begin_utc = UtcTime();
-        m_end_utc = UtcTime();
         text.ConsumeLength(sizeof "clock=" - 1, nullptr, 0);
-        if (parse_clock_range(text.GetString(), text.GetCurLinelength(), &m_begin_utc, &m_end_utc) < 0) {
-            m_play_fault = RTSP_STATUS_INVALID_RANGE;
-        }
+        read_clock(text);
     } else {
+        m_play_fault = RTSP_STATUS_INVALID_RANGE;
+    }
+}
+
+// "20200102T030405Z-", or with an end behind it.
+void CRtspParser::read_clock(CStrParser& text) {
+    m_range_type = RANGE_TYPE_CLOCK;
+    m_begin_utc = UtcTime();
+    m_end_utc = UtcTime();
+    std::string_view range(text.GetString(), text.GetCurLinelength());
+    bool is_good = take_standard_utc(range, m_begin_utc) && !range.empty() && range[0] == '-';
+    range.remove_prefix(is_good ? 1 : 0);
+    if (is_good && !range.empty() && is_digit(range[0])) {
+        is_good = take_standard_utc(range, m_end_utc);
+    }
+    if (!is_good || (!range.empty() && std::strchr(" \t;", range[0]) == nullptr)) {
         m_play_fault = RTSP_STATUS_INVALID_RANGE;
     }
 }
@@ -193,9 +231,12 @@ double CRtspParser::read_npt_time(CStrParser& text) {
 
 void CRtspParser::read_standard_rate(CStrParser& text) {
     m_speed = 1.0F;
+    const char KEY[] = "\nRate-Control:";
     if (!read_rate_of(text, "\nSpeed:", RATE_HEADER_SPEED) && !read_rate_of(text, "\nScale:", RATE_HEADER_SCALE) &&
-        find_header(text, "\nRate-Control: no")) {
-        m_speed = RATE_CONTROL_NO_SPEED;
+        find_header(text, KEY)) {
+        text.ConsumeLength(sizeof KEY - 1, nullptr, 0);
+        text.ConsumeWhitespaceInLine();
+        m_speed = text.CompareCase("no") == 0 ? RATE_CONTROL_NO_SPEED : m_speed;
     }
 }
 
@@ -233,12 +274,13 @@ int CRtspParser::parse_clock_range(const char* text, unsigned int length, UtcTim
     return parse_utc_time(text + dash + 1, length - (dash + 1), end);
 }
 
-char* CRtspParser::format_clock_range(char* out, unsigned int size, const UtcTime* begin, const UtcTime* end) {
-    return format_range(out, size, "Range: clock=", begin, end);
+char* CRtspParser::format_clock_range(char* out, unsigned int size, const UtcTime* begin, const UtcTime* end,
+                                      bool conformance) {
+    return format_range(out, size, "Range: clock=", begin, end, conformance);
 }
 
 char* CRtspParser::format_smpte_range(char* out, unsigned int size, const SmpteTime* begin, const SmpteTime* end) {
-    return format_range(out, size, "Range: smpte=", begin, end);
+    return format_range(out, size, "Range: smpte=", begin, end, false);
 }
 
 }  // namespace Vidora

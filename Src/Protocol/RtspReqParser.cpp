@@ -118,7 +118,7 @@ const char* CRtspReqParser::generate_play(float begin, float end, float speed, b
 
 const char* CRtspReqParser::generate_play_clock(const UtcTime* begin, const UtcTime* end, float speed, bool scale) {
     char range[256];
-    return generate_play_request(format_clock_range(range, sizeof range, begin, end), speed, scale);
+    return generate_play_request(format_clock_range(range, sizeof range, begin, end, m_conformance), speed, scale);
 }
 
 const char* CRtspReqParser::generate_play_smpte(const SmpteTime* begin, const SmpteTime* end, float speed, bool scale) {

@@ -104,8 +104,10 @@ private:
     int read_by_method(CStrParser& text);
     int read_describe(CStrParser& text);
     void read_public(CStrParser& text);
+    bool find_content_base(CStrParser& text, char* value, unsigned int size) const;
     void read_content_base(CStrParser& text);
     int read_transport(CStrParser& text);
+    int read_standard_transport(CStrParser& text);
     void read_ports(CStrParser& text);
     void read_destination(CStrParser& text);
     void read_source(CStrParser& text);

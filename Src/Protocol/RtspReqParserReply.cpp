@@ -2,10 +2,12 @@
 #include <cstring>
 #include <new>
 
+#include "Protocol/HeaderText.h"
 #include "Protocol/LogQuote.h"
 #include "Protocol/RtspReqParser.h"
 #include "Protocol/RtspTables.h"
 #include "Protocol/TextWriter.h"
+#include "Protocol/TransportHeader.h"
 #include "Tramel/StrParser.h"
 
 namespace Kavio {
@@ -103,7 +105,16 @@ int CRtspReqParser::parse_status_code(CStrParser& text) {
 
 int CRtspReqParser::read_challenge(CStrParser& text) {
     text.ResetAll();
-    if (text.LocateStringCase("WWW-Authenticate:") >= 0) {
+    if (m_conformance) {
+        std::string_view rest(text.GetString(), static_cast<size_t>(text.GetStringLen()));
+        std::string_view value;
+        unsigned int length = 0;
+        m_texts->auth[0] = '\0';
+        while (NextHeaderValue(rest, "WWW-Authenticate", value)) {  // RFC 2616 4.2: a list, as if it were one header
+            length = AppendUnfolded(length > 0 ? ", " : "", m_texts->auth, length, sizeof m_texts->auth);
+            length = AppendUnfolded(value, m_texts->auth, length, sizeof m_texts->auth);
+        }
+    } else if (text.LocateStringCase("WWW-Authenticate:") >= 0) {
         read_value(text, "WWW-Authenticate:", m_texts->auth, sizeof m_texts->auth);
     }
     return RTSP_CHALLENGE;
@@ -113,6 +124,9 @@ int CRtspReqParser::read_redirect(CStrParser& text) {
     text.ResetAll();
     if (m_redirect_url == nullptr) {
         m_redirect_url.reset(new (std::nothrow) char[RTSP_MAX_TEXT]());
+    }
+    if (m_conformance) {
+        text.LocateStringCase("\nLocation:");  // another header may name a URL as well
     }
     if (m_redirect_url == nullptr || text.LocateStringCase(RTSP_SCHEME) < 0) {
         m_status = RTSP_STATUS_BAD_REQUEST;
@@ -150,6 +164,10 @@ int CRtspReqParser::read_by_method(CStrParser& text) {
 
 // The list is behind the first blank, wherever that is.
 void CRtspReqParser::read_public(CStrParser& text) {
+    if (m_conformance) {
+        read_unfolded(text, "Public", m_texts->methods, sizeof m_texts->methods);
+        return;
+    }
     if (!find_header(text, "Public:")) {
         return;
     }
@@ -170,15 +188,21 @@ int CRtspReqParser::read_describe(CStrParser& text) {
     return parse_body(text);
 }
 
-void CRtspReqParser::read_content_base(CStrParser& text) {
+bool CRtspReqParser::find_content_base(CStrParser& text, char* value, unsigned int size) const {
     static const char KEY[] = "Content-Base: ";
-    if (!find_header(text, KEY)) {
-        return;
+    if (m_conformance) {
+        return read_unfolded(text, "Content-Base", value, size);
     }
-    char value[1024];
+    if (!find_header(text, KEY)) {
+        return false;
+    }
     text.ConsumeLength(sizeof KEY - 1, nullptr, 0);
-    text.ConsumeSentence("\r\n", value, sizeof value);
-    if (value[0] == '\0') {
+    return text.ConsumeSentence("\r\n", value, size) > 0;
+}
+
+void CRtspReqParser::read_content_base(CStrParser& text) {
+    char value[1024];
+    if (!find_content_base(text, value, sizeof value)) {
         return;
     }
     char base[sizeof m_base_url];
@@ -203,6 +227,9 @@ int CRtspReqParser::read_transport(CStrParser& text) {
     m_has_transport = text.LocateStringCase("Transport:") >= 0;
     m_source[0] = '\0';
     read_session(text);
+    if (m_conformance) {
+        return read_standard_transport(text);
+    }
     if (!m_has_transport) {
         return RTSP_OK;
     }
@@ -219,6 +246,35 @@ int CRtspReqParser::read_transport(CStrParser& text) {
         m_texts->transport.ssrc = text.ConsumeHexUint32();
     }
     read_source(text);
+    return RTSP_OK;
+}
+
+// RFC 2326 12.39. The server gives one transport, the one that it has chosen.
+int CRtspReqParser::read_standard_transport(CStrParser& text) {
+    text.ResetAll();
+    std::string_view value =
+        HeaderValue(std::string_view(text.GetString(), static_cast<size_t>(text.GetStringLen())), "Transport");
+    m_has_transport = !value.empty();
+    transport_offer offer;
+    if (!m_has_transport) {
+        return RTSP_OK;
+    }
+    if (!NextTransport(value, offer)) {
+        return RTSP_BAD_MESSAGE;
+    }
+    transport_info& transport = m_texts->transport;
+    transport.packet_type = offer.packet_type;
+    transport.transport = offer.transport;
+    transport.ssrc = offer.ssrc;
+    transport.multicast = ReadGroup(offer.destination, m_multicast) || offer.multicast;
+    m_multicast.ttl = offer.ttl;
+    const transport_pair& udp = transport.multicast ? offer.port : offer.server_port;
+    const transport_pair& server = offer.transport == RTP_OVER_RTSP ? offer.interleaved : udp;
+    transport.server_rtp_port = server.first;
+    transport.server_rtcp_port = server.second;
+    transport.rtp_port = offer.client_port.first;
+    transport.rtcp_port = offer.client_port.second;
+    CTextWriter(m_source, sizeof m_source).Add(offer.source);
     return RTSP_OK;
 }
 

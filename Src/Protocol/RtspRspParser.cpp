@@ -1,9 +1,11 @@
 // The reading half: requests.
 #include "Protocol/RtspRspParser.h"
 
+#include "Protocol/HeaderText.h"
 #include "Protocol/LogQuote.h"
 #include "Protocol/RtspTables.h"
 #include "Protocol/TextWriter.h"
+#include "Protocol/TransportHeader.h"
 #include "Tramel/StrParser.h"
 
 namespace Kavio {
@@ -23,6 +25,8 @@ const client_row CLIENTS[] = {
     {"User-Agent: QuickTime", CLIENT_KIND_QUICKTIME},
     {"User-Agent: LibVLC", CLIENT_KIND_LIBVLC},
 };
+
+const char TRANSPORT[] = "Transport";
 
 }  // namespace
 
@@ -56,7 +60,9 @@ int CRtspRspParser::parse_request(const char* buffer, unsigned int length, rtsp_
         return RTSP_BAD_MESSAGE;
     }
     CStrParser text(buffer, length);
-    if (find_header(text, "Authorization:")) {
+    if (m_conformance) {
+        read_unfolded(text, "Authorization", m_texts->auth, sizeof m_texts->auth);
+    } else if (find_header(text, "Authorization:")) {
         read_value(text, "Authorization:", m_texts->auth, sizeof m_texts->auth);
     }
     return read_request(text);
@@ -163,6 +169,9 @@ int CRtspRspParser::read_transport(CStrParser& text) {
     }
     m_texts->transport.reset();
     text.ResetAll();
+    if (m_conformance) {
+        return read_offers(std::string_view(text.GetString(), static_cast<size_t>(text.GetStringLen())));
+    }
     if (text.LocateStringCase("Transport:") < 0) {
         return RTSP_OK;  // interleaved RTP, channels 0 and 0
     }
@@ -175,11 +184,56 @@ int CRtspRspParser::read_transport(CStrParser& text) {
     if (m_texts->transport.multicast) {
         read_destination(text);
     }
+    return begin_session();
+}
+
+int CRtspRspParser::begin_session() {
     if (m_session[0] == '\0') {
         CTextWriter(m_session_line, sizeof m_session_line).Add("Session: ", m_session_id, "\r\n");
         m_session = m_session_line;
     }
     return RTSP_OK;
+}
+
+int CRtspRspParser::read_offers(std::string_view message) {
+    m_offers_read = 0;
+    if (HeaderValue(message, TRANSPORT).empty()) {
+        return RTSP_OK;  // as above
+    }
+    if (!next_offer(message)) {
+        m_refusal = RTSP_STATUS_UNSUPPORTED_TRANSPORT;
+        return RTSP_BAD_MESSAGE;
+    }
+    return begin_session();
+}
+
+bool CRtspRspParser::next_offer(std::string_view message) {
+    std::string_view offers = m_conformance ? HeaderValue(message, TRANSPORT) : std::string_view();
+    transport_offer offer;
+    for (int i = 0; i <= m_offers_read; ++i) {
+        if (!NextTransport(offers, offer)) {
+            return false;
+        }
+    }
+    ++m_offers_read;
+    take_offer(offer);
+    return true;
+}
+
+void CRtspRspParser::take_offer(const transport_offer& offer) {
+    transport_info& transport = m_texts->transport;
+    transport.reset();
+    transport.packet_type = offer.packet_type;
+    transport.transport = offer.transport;
+    transport.multicast = offer.multicast;
+    const transport_pair& udp = offer.client_port.is_given && !offer.multicast ? offer.client_port : offer.port;
+    const transport_pair& pair = offer.transport == RTP_OVER_RTSP ? offer.interleaved : udp;
+    transport.rtp_port = pair.first;
+    transport.rtcp_port = offer.multicast && !pair.has_second ? 0 : pair.second;
+    if (offer.multicast) {
+        ReadGroup(offer.destination, m_multicast);
+        m_multicast.ttl = offer.ttl;
+    }
 }
 
 // Both numbers come from the next digits, wherever they are: a single port takes its partner from what follows it.

@@ -2,6 +2,7 @@
 #define VIDORA_PROTOCOL_RTSPRSPPARSER_H
 
 #include <cstdint>
+#include <string_view>
 
 #include "Protocol/RtspParser.h"
 
@@ -15,6 +16,8 @@ enum client_kind_t {
     CLIENT_KIND_OWN = 2,  // this library's own client, by the name that it had in older releases
     CLIENT_KIND_UNKNOWN = 3
 };
+
+struct transport_offer;
 
 // CRtspRspParser: the server's RTSP codec. It reads requests and writes replies; one object in each server session.
 //
@@ -40,6 +43,10 @@ public:
     // "rtsp://" URL that needs one, or an unknown transport; -5 for an unknown method.
     virtual int parse_request(const char* buffer, unsigned int length, rtsp_msg_info* info);
     std::pair<int, int> parse_start_line(CStrParser& text) override;
+
+    // By conformance a client may offer several transports (RFC 2326 12.39), of which parse_request has read the first.
+    // Reads the next one of the same message into get_transport and get_multicast; false if there is none left.
+    bool next_offer(std::string_view message);
 
     // The status by which a request that parse_request refused last is answered (RFC 2326 11).
     int get_refusal() const { return m_refusal; }
@@ -80,6 +87,9 @@ private:
 
     // Transport, in the order of reading.
     int read_transport(CStrParser& text);
+    int read_offers(std::string_view message);
+    void take_offer(const transport_offer& offer);
+    int begin_session();
     void read_client_ports(CStrParser& text);
     void read_destination(CStrParser& text);
 
@@ -89,6 +99,7 @@ private:
     uint64_t m_session_id;
     int m_client_kind = CLIENT_KIND_UNKNOWN;
     int m_refusal = 0;
+    int m_offers_read = 0;
     char m_session_line[sizeof "Session: 18446744073709551615\r\n"];
 };
 

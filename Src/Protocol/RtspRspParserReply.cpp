@@ -120,7 +120,7 @@ const char* CRtspRspParser::generate_play_reply_clock(const rtp_info_entry* entr
     char range[MAX_RANGE_LINE + 1];
     range[0] = '\0';
     if (begin != nullptr && begin->year != 0) {
-        format_clock_range(range, sizeof range, begin, end != nullptr && end->year != 0 ? end : nullptr);
+        format_clock_range(range, sizeof range, begin, end != nullptr && end->year != 0 ? end : nullptr, m_conformance);
     }
     return generate_play_tail(entries, count, range);
 }

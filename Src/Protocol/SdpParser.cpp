@@ -71,6 +71,7 @@ CSdpParser::CSdpParser(const CSdpParser& other) : CSdpParser() {
 // The text is what is copied, not the tree: an SDP that was built is copied as its last GetStream wrote it.
 CSdpParser& CSdpParser::operator=(const CSdpParser& other) {
     if (this != &other) {
+        m_tolerant = other.m_tolerant;
         Parse(other.get_stream(), 0);
     }
     return *this;

@@ -40,8 +40,7 @@ const unsigned int SDP_STREAM_SIZE = 2048;  // room of a description's text, its
 // unknown track or no memory, and then change nothing.
 //
 // THREADING  No lock: an object belongs to its owner, who guards it if it is shared. What is constant may be read by
-// any
-//            number of threads.
+//            any number of threads.
 // OWNERSHIP  Arguments are copied; they may be texts of this same tree. Texts that are handed out lie in the tree:
 // valid until it changes. Memory: a parsed text is held in records of a few times its length, and its first 2047 bytes
 // once more.
@@ -64,6 +63,9 @@ public:
     // read is logged and left out, unknown ones are left out. 0, also for a null text, which clears the tree; -1 with
     // an empty tree without memory.
     int Parse(const char* text, int length);
+    // From then on Parse also takes lines that devices write with blanks at the end, or with several where one belongs:
+    // otherwise such an m= line is left out, and its attributes go to the media before.
+    void SetTolerant(bool on) { m_tolerant = on; }
     // Empties the tree; the text of get_stream stays.
     int Clear();
     // Adds the lines that every description must have to the tree (o=, s=, t=, c=) if they are missing, and writes its
@@ -174,6 +176,8 @@ private:
     int sdp_parse_attribute(CStrParser& line);
     int sdp_parse_media(CStrParser& line);
 
+    bool next_word(CStrParser& line) const;
+
     int add_defaults();
     int number_tracks();
 
@@ -183,6 +187,7 @@ private:
 
     sdp_session_t* m_session;  // owned; null when memory was short
     CSdpText m_stream;
+    bool m_tolerant = false;
 };
 
 }  // namespace Vidora

@@ -68,8 +68,10 @@ void CSdpParser::read_lines(CStrParser& text) {
     while (text.GetStringLen() > 1) {
         // A reader gets its own line and no more, so that a bad line costs only that line.
         unsigned int length = text.GetCurLinelength();
-        // A text that was cut between CR and LF leaves a CR, which is no part of the line, as none in front of it is.
-        while (length > 0 && text.GetString()[length - 1] == '\r') {
+        // A text that was cut between CR and LF leaves a CR, which is no part of the line, as none in front of it is. A
+        // blank may be all that a session's name has (RFC 4566 5.3).
+        const char* ends = m_tolerant && text.GetCurChar() != 's' ? "\r \t" : "\r";
+        while (length > 0 && std::strchr(ends, text.GetString()[length - 1]) != nullptr) {
             --length;
         }
         CStrParser line(text.GetString(), length);
@@ -300,6 +302,7 @@ int CSdpParser::sdp_parse_attribute(CStrParser& line) {
             return -1;
         }
     } else if (!take(line, name_length, LONG_FIELD_SIZE, attribute.name, 1) || line.Expect(':') != 0 ||
+               (m_tolerant && line.ConsumeWhitespaceInLine() < 0) ||
                !take_rest(line, LONG_FIELD_SIZE, attribute.value, 1)) {
         return -1;
     }
@@ -314,17 +317,22 @@ int CSdpParser::sdp_parse_attribute(CStrParser& line) {
     return append(media->attributes, std::move(attribute));
 }
 
+// Steps over what separates two words. False if there is nothing of the kind.
+bool CSdpParser::next_word(CStrParser& line) const {
+    return step_over(line, ' ') && (!m_tolerant || line.ConsumeWhitespaceInLine() >= 0);
+}
+
 // "video 5000/2 RTP/AVP 96 97". A format follows every blank: a line that ends in a blank is bad as a whole, and
 // the lines that follow it belong to the media before.
 int CSdpParser::sdp_parse_media(CStrParser& line) {
     sdp_media_t media;
-    if (!take_word(line, LONG_FIELD_SIZE, media.type, 1) || line.Expect(' ') != 0) {
+    if (!take_word(line, LONG_FIELD_SIZE, media.type, 1) || !next_word(line)) {
         return -1;
     }
     media.port = line.ConsumeUint32();
     const int port_count = step_over(line, '/') ? line.ConsumeInt32() : 1;
     media.port_count = port_count < 1 ? 1 : port_count;
-    if (line.Expect(' ') != 0 || !take_word(line, LONG_FIELD_SIZE, media.protocol, 1) || line.Expect(' ') != 0) {
+    if (!next_word(line) || !take_word(line, LONG_FIELD_SIZE, media.protocol, 1) || !next_word(line)) {
         return -1;
     }
     do {
@@ -332,7 +340,7 @@ int CSdpParser::sdp_parse_media(CStrParser& line) {
         if (!take_word(line, LONG_FIELD_SIZE, format, 1) || !SdpAddFormat(media, format)) {
             return -1;
         }
-    } while (step_over(line, ' '));
+    } while (next_word(line));
     return line.GetStatus() == 0 ? append(m_session->media, std::move(media)) : -1;
 }
 

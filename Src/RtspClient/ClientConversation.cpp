@@ -120,6 +120,8 @@ int CClientConversation::Begin(const std::string& url, const client_settings& se
     m_keepalive.SetMethod(settings.keepalive);
     m_keepalive.SetIdleLimit(settings.idle_ms / MS_PER_SECOND);
     m_reports.SetConformance(settings.conformance);
+    m_parser.SetConformance(settings.conformance);
+    m_auth.SetConformance(settings.conformance);
     m_timer = m_handler.SetTimer(ClientTiming().tick_us);
     return 0;
 }

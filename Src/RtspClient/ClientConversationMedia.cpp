@@ -48,6 +48,7 @@ int CClientConversation::take_sdp() {
         m_sdp = std::make_shared<client_sdp>();
         m_sdp->text = m_parser.get_body();
         CSdpParser& sdp = m_sdp->parser;
+        sdp.SetTolerant(m_settings.conformance);
         if (sdp.Parse(m_sdp->text.c_str(), 0) < 0) {
             return -1;
         }

@@ -92,12 +92,12 @@ TEST(RtspRange, ClockTimesAreReadAndWritten) {
     const UtcTime fine = {2020, 1, 2, 3, 4, 5, 678};
     char out[128];
     const UtcTime seven = {2020, 1, 2, 3, 4, 5, 7};
-    EXPECT_STREQ(CRtspParser::format_clock_range(out, sizeof out, &seven, &fine),
+    EXPECT_STREQ(CRtspParser::format_clock_range(out, sizeof out, &seven, &fine, false),
                  "Range: clock=20200102T030405.07Z-20200102T030405.678Z\r\n");
     const SmpteTime smpte = {1, 2, 3};
     EXPECT_STREQ(CRtspParser::format_smpte_range(out, sizeof out, nullptr, &smpte), "Range: smpte=-01:02:03\r\n");
     EXPECT_STREQ(CRtspParser::format_smpte_range(out, 20, &smpte, nullptr), "Range: smpte=01:02:");
-    EXPECT_EQ(CRtspParser::format_clock_range(nullptr, 0, &whole, nullptr), nullptr);
+    EXPECT_EQ(CRtspParser::format_clock_range(nullptr, 0, &whole, nullptr, false), nullptr);
 }
 
 TEST(RtspBody, BodyAndTypeAreReadWithinTheirBuffers) {

@@ -58,16 +58,18 @@ std::string what_it_carries(const CRtspRspParser& parser) {
 }
 
 TEST(RtspRequest, RequestsOfRealPlayers) {
-    const std::vector<Support::RtspSample> samples = Support::ReadRtspSamples(VIDORA_TEST_DATA "/rtsp_requests.txt");
-    EXPECT_GT(samples.size(), 25U);
-    for (const Support::RtspSample& sample : samples) {
+    for (const Support::RtspSample& sample : Support::ReadRtspSamples(
+             {VIDORA_TEST_DATA "/rtsp_requests.txt", VIDORA_TEST_DATA "/rtsp_standard_requests.txt"})) {
         CRtspRspParser parser;
+        parser.SetConformance(sample.file > 0);
         const Support::CLogCapture log;
         std::ostringstream got;
         got << parser.parse_request(sample.message.data(), static_cast<unsigned int>(sample.message.size()), nullptr);
         const char* name = RtspMethodName(parser.get_method());
         got << " " << (name != nullptr ? name : "unknown") << " " << parser.get_cseq() << " [" << parser.get_url()
             << "] client " << parser.get_client_kind() << what_it_carries(parser);
+        got << (parser.get_auth()[0] != '\0' ? " auth " : "") << parser.get_auth();
+        got << (parser.get_play_fault() != 0 ? " fault 457" : "");
         EXPECT_EQ(got.str(), sample.expected) << sample.message;
     }
 }

@@ -60,8 +60,9 @@ void reply_everything(CRtspRspParser& parser) {
     check(parser.generate_play_reply_clock(entries, 3, &begin_utc, &end_utc));
 }
 
-void serve(const uint8_t* data, size_t size) {
+void serve(const uint8_t* data, size_t size, bool conformance) {
     CRtspRspParser parser;
+    parser.SetConformance(conformance);
     each_message(parser, data, size, [&](const char* message, unsigned int length, rtsp_msg_info& info) {
         const int result = parser.parse_request(message, length, &info);
         Require(result == RTSP_OK || result == RTSP_BAD_MESSAGE || result == RTSP_UNKNOWN_METHOD);
@@ -70,6 +71,9 @@ void serve(const uint8_t* data, size_t size) {
         const transport_info* t = parser.get_transport();
         Require(t->rtp_port >= 0 && t->rtp_port <= 65535 && t->rtcp_port >= 0 && t->rtcp_port <= 65535);
         reply_everything(parser);
+        while (parser.next_offer(std::string_view(message, length))) {
+            Require(parser.generate_setup_reply(parser.get_transport(), parser.get_multicast()) != nullptr);
+        }
     });
 }
 
@@ -92,8 +96,9 @@ void ask_everything(CRtspReqParser& parser) {
     check(parser.generate_play_clock(&begin, &end, 1, false));
 }
 
-void pull(const uint8_t* data, size_t size) {
+void pull(const uint8_t* data, size_t size, bool conformance) {
     CRtspReqParser parser;
+    parser.SetConformance(conformance);
     parser.set_url("rtsp://192.0.2.1/live?a=1");
     parser.set_back_channel(true);
     ask_everything(parser);
@@ -118,6 +123,8 @@ void pull(const uint8_t* data, size_t size) {
 }  // namespace
 
 void Fuzz::Target(const uint8_t* data, size_t size) {
-    serve(data, size);
-    pull(data, size);
+    for (const bool conformance : {false, true}) {
+        serve(data, size, conformance);
+        pull(data, size, conformance);
+    }
 }

@@ -51,6 +51,10 @@ void Fuzz::Target(const uint8_t* data, size_t size) {
     if (size == 0) {
         return;  // a length of 0 asks for the text's own end
     }
+    CSdpParser tolerant;
+    tolerant.SetTolerant(true);
+    Require(tolerant.Parse(reinterpret_cast<const char*>(data), static_cast<int>(size)) == 0);
+    ask(tolerant);
     // A count and blanks behind an IPv6 address come back as something else, and are gone after some turns.
     std::string again(data, data + size);
     for (int turn = 0; turn < 4; ++turn) {

@@ -1,6 +1,8 @@
 #ifndef VIDORA_TESTS_SUPPORT_RTSPTEXT_H
 #define VIDORA_TESTS_SUPPORT_RTSPTEXT_H
 
+#include <gtest/gtest.h>
+
 #include <fstream>
 #include <string>
 #include <vector>
@@ -32,22 +34,27 @@ inline std::string TransportText(const Vidora::transport_info& t, const Vidora::
 struct RtspSample {
     std::string message;
     std::string expected;
+    size_t file;
 };
 
-// A file of samples: lines of "#" are comments, "=> " ends a message and says what is expected. A message without a
+// Files of samples: lines of "#" are comments, "=> " ends a message and says what is expected. A message without a
 // body needs no blank line at its end.
-inline std::vector<RtspSample> ReadRtspSamples(const std::string& path) {
+inline std::vector<RtspSample> ReadRtspSamples(const std::vector<std::string>& paths) {
     std::vector<RtspSample> samples;
-    std::ifstream file(path);
-    std::string message;
-    for (std::string line; std::getline(file, line);) {
-        if (line.rfind("=> ", 0) == 0) {
-            message += message.find("\n\n") == std::string::npos ? "\n" : "";
-            samples.push_back({Crlf(message), line.substr(3)});
-            message.clear();
-        } else if (line[0] != '#') {
-            message += line + "\n";
+    for (size_t i = 0; i < paths.size(); ++i) {
+        const size_t former = samples.size();
+        std::ifstream file(paths[i]);
+        std::string message;
+        for (std::string line; std::getline(file, line);) {
+            if (line.rfind("=> ", 0) == 0) {
+                message += message.find("\n\n") == std::string::npos ? "\n" : "";
+                samples.push_back({Crlf(message), line.substr(3), i});
+                message.clear();
+            } else if (line[0] != '#') {
+                message += line + "\n";
+            }
         }
+        EXPECT_GT(samples.size(), former + 8) << paths[i];
     }
     return samples;
 }
