@@ -83,6 +83,8 @@ int CSenderReports::send_one(IMediaRoute& route, CTrack& track, bool with_bye) {
     } else {
         return -1;
     }
+    const uint32_t source = m_source.GetSSRC(track.track_id);
+    track.ssrc = source != 0 ? source : track.ssrc;  // a relayed server may tell it with its first packet only
     const int channel = 2 * track.send_channel + 1;
     CRtcpParser rtcp(track.ssrc);
     if (m_conformance) {

@@ -8,8 +8,7 @@ namespace Vidora {
 
 namespace {
 
-// A server that only answers finds room for each reply: those to the application with whole messages, its own are
-// small.
+// A server that only answers finds room for each reply: those to the application may be long, the others are short.
 const size_t MAX_REPLIES = CLIENT_MAX_REQUESTS;
 const size_t MAX_REPLY_BYTES = (CLIENT_MAX_PENDING + 16) * static_cast<size_t>(RTSP_MAX_MESSAGE);
 const int MAX_BYES = 32;  // beside them: two a track

@@ -4,6 +4,7 @@
 #include <new>
 
 #include "Protocol/TextWriter.h"
+#include "StreamParser/RtpHeader.h"
 #include "StreamSource/ProxyDescription.h"
 #include "StreamSource/SrcInfoTable.h"
 
@@ -66,6 +67,7 @@ int CRtspProxySrc::play(const client_play& wish) {
     if (m_client == nullptr) {
         return -1;
     }
+    m_plays = false;
     if (!m_ready) {
         m_wants_play = true;
         m_wish = wish;
@@ -97,6 +99,7 @@ int CRtspProxySrc::Play(uint64_t start_us, uint64_t end_us, float speed, bool is
 
 int CRtspProxySrc::Pause() {
     CGuard guard(m_mutex);
+    m_plays = false;
     m_wants_play = false;
     return m_client != nullptr ? m_client->Conversation().Pause() : -1;
 }
@@ -161,6 +164,8 @@ int CRtspProxySrc::GetSrcInfo(SrcInfo& info, int track_id) {
     info.track_id = track_id;
     info.octets = static_cast<uint32_t>(stats.octets);
     info.packets = (info.octets + CSrcInfoTable::COUNTED_PACKET_SIZE - 1) / CSrcInfoTable::COUNTED_PACKET_SIZE;
+    info.rtp_packets = static_cast<uint32_t>(stats.packets);
+    info.payload_octets = static_cast<uint32_t>(stats.octets - stats.packets * RTP_HEADER_LEN);
     // Until somebody is fed, what counts is where the server begins; then, where it is.
     const bool from_server = facts.has_rtp_info && (!m_relay.Feeds() || stats.have_seq == 0);
     info.seq = from_server ? facts.seq : static_cast<uint16_t>(stats.last_seq);
@@ -220,9 +225,22 @@ int CRtspProxySrc::handle_message(long, unsigned int msg, long) {
             m_wants_play = false;
             m_client->Conversation().Play(m_wish);
         }
+        m_plays = m_plays || msg == MSG_PLAY_READY;
+        msg = told_as_locked(msg);
     }
     notify_all(msg);
     return 0;
+}
+
+// A stream that plays ends with its server, its connection or its media: those who watch it are to get what is on its
+// way to them. All else that ends the engine is the failure of what was asked for.
+unsigned int CRtspProxySrc::told_as_locked(unsigned int msg) {
+    if (!EndsClient(msg)) {
+        return msg;
+    }
+    const rtsp_client_failure_t failure = m_client->Conversation().View().Failure();
+    const bool is_refused = failure == RTSP_CLIENT_FAILURE_STATUS || failure == RTSP_CLIENT_FAILURE_UNAUTHORISED;
+    return m_plays && !is_refused ? MSG_SRC_END : MSG_SRC_FAIL;
 }
 
 // The engine has gone.

@@ -12,7 +12,7 @@ namespace Vidora {
 
 // CRtspProxySrc: the data source that relays another RTSP server: "<content>?proxy=host:port" pulls that content from
 // there, as RTP over TCP, and feeds it to the clients here. It has one client engine, whose messages go on to those who
-// have registered.
+// have registered; what ends it, as MSG_SRC_END if the stream plays, and otherwise as MSG_SRC_FAIL.
 //
 // A client chooses the server by its URL: with this source every client can make the process connect anywhere. A host
 // that doesn't want that rewrites or refuses such contents by RTSP_SVR_CONFIG_URL_FUNC.
@@ -51,6 +51,7 @@ private:
     ~CRtspProxySrc() override;
 
     int play(const client_play& wish);
+    unsigned int told_as_locked(unsigned int msg) VIDORA_REQUIRES(m_mutex);
     void finish();
     bool find_track(int track_id, client_track_facts& facts, reception_stats_t& stats);
 
@@ -65,6 +66,7 @@ private:
     bool m_ready VIDORA_GUARDED_BY(m_mutex) = false;       // the tracks are set up
     bool m_wants_play VIDORA_GUARDED_BY(m_mutex) = false;  // Play came before that
     client_play m_wish VIDORA_GUARDED_BY(m_mutex);
+    bool m_plays VIDORA_GUARDED_BY(m_mutex) = false;  // the last Play was answered, and none or a Pause followed
 };
 
 }  // namespace Vidora

@@ -26,8 +26,7 @@ namespace Vidora {
 //
 // THREADING, OWNERSHIP  As with CRtspClientSession.
 // MEMORY     About 40 kB before the media come. A server can make a session keep its description, 320 kB of replies,
-// and
-//            frames in work of 2 MiB a track.
+//            and frames in work of 2 MiB a track.
 class VIDORA_API CP2PClientSession : public CNetHandler {
 public:
     // A session; null if memory is short.

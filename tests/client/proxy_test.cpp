@@ -79,6 +79,28 @@ TEST_F(CProxyTest, AnOriginThatIsNotThereEndsTheRequest) {
     EXPECT_TRUE(client.Closed());
 }
 
+// Its edge tells them in order, as the end of any source.
+TEST_F(CProxyTest, AnOriginThatEndsOrGoesEndsTheStreamOfItsPlayers) {
+    const std::string bye("$\x01\0\x10\x80\xc9\0\x01\0\0\0\x05\x81\xcb\0\x01\0\0\0\x05", 20);
+    Set(RTSP_SVR_CONFIG_CONFORMANCE, 1);
+    StartServer();
+    CEdge edge(m_config);
+    for (const bool says_bye : {true, false}) {
+        auto origin = std::make_unique<CScriptedServer>(CScriptedServer::Answer);
+        CClientHost player;
+        player.session->SetConformance(true);
+        ASSERT_EQ(0, player.Start(edge.Url(origin->Port())));
+        ASSERT_TRUE(player.WaitFor(MSG_RTSP_PLAY_READY));
+        unsigned int sequence = 0;
+        EXPECT_TRUE(WaitUntil([&] {
+            origin->SendAll(CScriptedServer::Rtp(++sequence));
+            return player.sink.Count() > 3;
+        }));
+        says_bye ? origin->SendAll(bye) : origin.reset();
+        EXPECT_EQ(RTSP_CLIENT_CODE_ENDED, player.EndCode());
+    }
+}
+
 // Closed at each step of its server, before or after the pool ends; the session's buffer goes right after the Close.
 TEST(ProxyEnd, LeavesNothing) {
     const long handlers = Tramel::CReactor::Instance().CountHandlers();
