@@ -115,20 +115,25 @@ int CRtspClientSession::Start(const char* url, long notify_id, int sock) {
     return start(url, notify_id, RTP_OVER_RTSP, sock);
 }
 
+// What the URL of a start that fails names isn't kept for another server's.
 int CRtspClientSession::start(const char* url, long notify_id, rtp_protocol_t transport, int sock) {
     Internal& self = *m_internal;
     const bool is_valid = url != nullptr && (transport == RTP_OVER_RTSP || transport == RTP_OVER_UDP);
     const int result = !is_valid || self.m_client == nullptr || self.m_started ? -1 : GuardedCall([&] {
         const std::string text(url);
-        self.m_settings.transport = transport;
-        self.m_notify_id = notify_id;
-        if (!ReadClientUrl(text, self.m_settings, self.m_origin)) {
+        client_settings settings(self.m_settings);
+        client_host origin;
+        settings.transport = transport;
+        if (!ReadClientUrl(text, settings, origin) ||
+            (sock < 0 ? self.m_client->Start(text, settings) : self.m_client->Start(text, settings, sock)) < 0) {
             return -1;
         }
-        return sock < 0 ? self.m_client->Start(text, self.m_settings)
-                        : self.m_client->Start(text, self.m_settings, sock);
+        self.m_settings = std::move(settings);
+        self.m_origin = std::move(origin);
+        self.m_notify_id = notify_id;
+        self.m_started = true;
+        return 0;
     });
-    self.m_started = self.m_started || result == 0;
     if (result < 0) {
         const CLogQuote quote(Ostra::LOG_LEVEL_WARN, url);
         logWarn("%s:%d CRtspClientSession Start failed %s \n", __FILE__, __LINE__, quote.Text());
