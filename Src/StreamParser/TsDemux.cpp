@@ -17,11 +17,12 @@ constexpr int PMT_TABLE = 2;
 constexpr int MAX_PROGRAMS = 1;
 constexpr size_t SECTION_LEN_END = 3;   // the section length counts from here
 constexpr size_t SECTION_HEAD_LEN = 8;  // what all sections have in common
-constexpr size_t PMT_HEAD_LEN = 12;     // taken as if there were no program descriptors
+constexpr size_t DESCRIPTORS_LEN = 2;   // their length in front of those of a program, taken as if there were none
 constexpr size_t PMT_ENTRY_LEN = 5;
 constexpr size_t PAT_ENTRY_LEN = 4;
 constexpr size_t CRC_LEN = 4;
 constexpr uint64_t TICKS_PER_MS = 90;
+constexpr uint64_t CLOCK_MASK = (uint64_t{1} << 33) - 1;
 
 // The adaptation field, of which only the clock reference matters (ISO 13818-1 2.4.3.4).
 void read_adaptation(CByteReader& field, TsPacketInfo& info) {
@@ -65,9 +66,12 @@ void read_pat(TsProgramTable& table, CByteReader& payload, Ostra::CLogGate& log)
 // ISO 13818-1 2.4.4.8.
 void read_pmt(TsProgramTable& table, CByteReader& payload, Ostra::CLogGate& log) {
     CByteReader section = read_section(payload, PMT_TABLE, log);
-    if (!section.Skip(PMT_HEAD_LEN)) {
+    section.Skip(SECTION_HEAD_LEN);
+    const int pcr_pid = section.ReadU16() & TS_PID_MASK;
+    if (!section.Skip(DESCRIPTORS_LEN)) {
         return;
     }
+    table.pcr_pid = pcr_pid;
     int count = 0;
     while (count < TS_MAX_TRACKS && section.Remaining() >= PMT_ENTRY_LEN) {
         TsTrack& track = table.tracks[count++];
@@ -90,10 +94,19 @@ int find_track(const TsProgramTable& table, int pid) {
     return -1;
 }
 
-int read_media(TsDemuxState& state, CByteReader& payload) {
-    if (state.packet.has_pcr) {
-        state.pcr_ms = state.packet.pcr_base / TICKS_PER_MS;
+// By the shorter way: on, over the wrap or not, or back; in front of its beginning a clock begins anew.
+void read_clock(TsDemuxState& state) {
+    const uint64_t passed = (state.packet.pcr_base - state.pcr_ticks) & CLOCK_MASK;
+    const uint64_t back = CLOCK_MASK + 1 - passed;
+    if (passed <= CLOCK_MASK / 2) {
+        state.pcr_ticks += passed;
+    } else {
+        state.pcr_ticks = back <= state.pcr_ticks ? state.pcr_ticks - back : state.packet.pcr_base;
     }
+    state.pcr_ms = state.pcr_ticks / TICKS_PER_MS;
+}
+
+int read_media(TsDemuxState& state, CByteReader& payload) {
     if (state.packet.unit_start && payload.ReadU24() != START_CODE3) {
         if (state.logs[TS_FAULT_PES].Pass()) {
             logError("%s:%d, invalid pes header.\n", __FILE__, __LINE__);
@@ -155,6 +168,9 @@ int ts_demux(TsDemuxState& state, const unsigned char packet[TS_PACK_LEN]) {
         return TS_DEMUX_OK;
     }
     const int track = find_track(state.table, state.packet.pid);
+    if (state.packet.has_pcr && (track >= 0 || state.packet.pid == state.table.pcr_pid)) {
+        read_clock(state);
+    }
     if (track < 0) {
         return TS_DEMUX_UNKNOWN_PID;
     }

@@ -31,7 +31,9 @@ enum ts_fault_t { TS_FAULT_SECTION, TS_FAULT_ADAPTATION, TS_FAULT_PES, TS_FAULT_
 // What the demultiplexer knows of the stream and found in the last packet.
 struct TsDemuxState {
     TsProgramTable table;
-    uint64_t pcr_ms = 0;  // the last program clock reference, in milliseconds
+    // The last program clock reference, in ticks that go on where its 33 bits wrap after 26 hours, and in milliseconds.
+    uint64_t pcr_ticks = 0;
+    uint64_t pcr_ms = 0;
     // Of the last packet.
     TsPacketInfo packet;
     bool is_media = false;  // it belongs to a track
@@ -44,7 +46,8 @@ struct TsDemuxState {
 // packet leaves no payload.
 bool ts_parse_packet(const unsigned char packet[TS_PACK_LEN], TsPacketInfo& info);
 
-// Reads one packet into `state`: PAT and PMT, the clock, and which track it belongs to. A ts_demux_result_t.
+// Reads one packet into `state`: PAT and PMT, the clock, which may have a PID of its own, and which track it belongs
+// to. A ts_demux_result_t.
 //
 // One program is read, with up to two tracks. Only whole sections are understood, and only program maps without program
 // descriptors: with some, entries are read from the wrong place. Transport errors and gaps in the continuity counters

@@ -60,6 +60,7 @@ struct TsProgramTable {
     int32_t track_count = 0;
     int32_t pcr_track = -1;  // the track whose PID carries the clock; -1 until the first frame
     int32_t pmt_pid = -1;    // -1 until a PAT was read
+    int32_t pcr_pid = -1;    // as read: the PID of the clock, which need not be a track's
     TsTrack tracks[TS_MAX_TRACKS];
 };
 

@@ -392,6 +392,25 @@ TEST(Ts2Frame, FramesAreHandedOverWithoutMuchEmptyMemory) {
     }
 }
 
+// A clock on a PID of its own, 0x113, which goes on where its 33 bits wrap, and may go back.
+TEST(Ts2Frame, TheClockGoesOnBeyondItsWrap) {
+    Bytes map = PMT;
+    map[map.size() - 23] = 0x13;  // the low byte of the clock's PID
+    Demuxer demuxer({PAT, map});
+    const uint64_t wrap = uint64_t{1} << 33;
+    for (const uint64_t ticks : {wrap - 9000, wrap - 18000, wrap + 9000, wrap - 9000, 2 * wrap / 3, wrap}) {
+        const uint64_t base = ticks % wrap;
+        Bytes clock = FromHex("47 0113 20 b7 10 00000000 00 00") + Bytes(176, 0xFF);
+        for (int i = 0; i < 4; ++i) {
+            clock[6 + i] = static_cast<uint8_t>(base >> (25 - 8 * i));
+        }
+        clock[10] = static_cast<uint8_t>(base << 7);
+        demuxer.Put(clock);
+        EXPECT_EQ(1, demuxer.Put(ts_packet(0x111, true, SLICE), true));
+        EXPECT_EQ(ticks / 90, demuxer.in.GetPts());
+    }
+}
+
 // In the middle of a frame, where most packets are appended unseen: a clock reference counts, and so does a program map
 // that gives the track another PID.
 TEST(Ts2Frame, ClockAndTablesCountInTheMiddleOfAFrame) {
