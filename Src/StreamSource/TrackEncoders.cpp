@@ -34,6 +34,13 @@ int video_enc_type(int encode_type) {
     }
 }
 
+// With the extension's flag, which a recording's tracks have from their first frame on, a converter would take nothing
+// but the extension.
+void begin_time_line(CStreamParser& converter, RtpEncParam param) {
+    param.flags &= ~RTP_FLAG_EXTENSION;
+    converter.SetParam(param);
+}
+
 }  // namespace
 
 CTrackEncoders::CTrackEncoders(CSrcInfoTable& info) : m_info(info) {
@@ -63,7 +70,7 @@ void CTrackEncoders::Build(const CFormatWatch& formats) {
     m_info.SetCount(m_count);
     for (const Track& track : m_tracks) {
         if (track.rtp) {
-            track.rtp->SetParam(track.param);
+            begin_time_line(*track.rtp, track.param);
         }
     }
     if (m_ts) {
@@ -132,7 +139,7 @@ void CTrackEncoders::begin_anew(int index, CStreamParser& converter, RtpEncParam
     }
     has_sent = false;
     m_info.SetPlace(index, param.timestamp, param.sequence);
-    converter.SetParam(param);
+    begin_time_line(converter, param);
 }
 
 bool CTrackEncoders::BeginRtp(int index) {

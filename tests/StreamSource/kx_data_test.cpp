@@ -372,6 +372,20 @@ TEST_F(KXDataTest, TokenStreamCarriesTheReplayExtension) {
     // 1600000000 in NTP seconds, clean point and discontinuity, CSeq 7.
     EXPECT_EQ(FromHex("abac0003 e3088e80 00000000 a0070000"), Part(first, 16, 16));
     EXPECT_EQ(0, Given(PACKET_TYPE_RTP)[1].bytes[28]);
+
+    // Behind a pause it goes on where the reply to the next PLAY says, from whatever place in the recording.
+    ASSERT_EQ(0, m_source->Pause());
+    SrcInfo info;
+    CSdpParser sdp;
+    ASSERT_EQ(0, m_source->GetSdp(sdp));
+    ASSERT_EQ(0, m_source->GetSrcInfo(info, sdp.get_track_id(0)));
+    Flumen::CMediaFrame other = Picture(true, 10);
+    other.setPts(other.getPts(Flumen::PTS_TYPE_MS) + 3600000, Flumen::PTS_TYPE_MS);
+    ASSERT_EQ(0, Start(PACKET_TYPE_RTP));
+    Host().Give(other);
+    const Bytes next = Given(PACKET_TYPE_RTP).back().bytes;
+    EXPECT_EQ(0x90, next[4]);
+    EXPECT_EQ(info.timestamp, uint32_t{next[8]} << 24 | next[9] << 16 | next[10] << 8 | next[11]);
 }
 
 TEST_F(KXDataTest, ASourceThatDoesNotBegin) {
