@@ -27,6 +27,7 @@ const client_row CLIENTS[] = {
 };
 
 const char TRANSPORT[] = "Transport";
+const int MAX_OFFERS = 8;  // of one request that are tried: each may cost a pair of ports
 
 }  // namespace
 
@@ -211,7 +212,7 @@ bool CRtspRspParser::next_offer(std::string_view message) {
     std::string_view offers = m_conformance ? HeaderValue(message, TRANSPORT) : std::string_view();
     transport_offer offer;
     for (int i = 0; i <= m_offers_read; ++i) {
-        if (!NextTransport(offers, offer)) {
+        if (i == MAX_OFFERS || !NextTransport(offers, offer)) {
             return false;
         }
     }

@@ -10,8 +10,7 @@ namespace Tramel {
 const size_t TEXT_NOT_FOUND = static_cast<size_t>(-1);
 
 // The first offset of `needle` in `haystack`, any bytes allowed; an empty needle is found at 0. No memory is taken.
-// FindText takes linear time whatever the bytes. FindTextCase ignores the case of ASCII letters and takes at worst the
-// product of the sizes, so its needle is a word of a protocol, and not a text that a peer chooses.
+// FindTextCase ignores the case of ASCII letters. Both take linear time whatever the bytes.
 size_t FindText(const char* haystack, size_t haystack_size, const char* needle, size_t needle_size);
 size_t FindTextCase(const char* haystack, size_t haystack_size, const char* needle, size_t needle_size);
 
