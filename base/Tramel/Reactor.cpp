@@ -23,8 +23,10 @@ constexpr size_t MIN_TURNS_A_POLL = 8;
 // Deadlines taken from the queue at a time.
 constexpr size_t DEADLINES_A_TAKE = 64;
 
-// A thread that rests is called when the one that polled has been out for that long.
-constexpr uint64_t HELP_AFTER_US = 2000;
+// A thread that rests is called when the one that polled has been out for that long. Longer than the 4 ms from one tick
+// of a usual system's clock to the next: an alarm behind the next tick is set and cleared without touching the
+// processor's timer, which costs several microseconds on a virtual machine.
+constexpr uint64_t HELP_AFTER_US = 5000;
 
 // A spare thread is added when nobody has polled for that long, and nobody rests.
 constexpr uint64_t HELD_UP_AFTER_US = 500000;
@@ -315,11 +317,12 @@ size_t CReactor::poll(CPollers& pollers, bool sleeps) {
     m_polled = false;
     m_asleep = false;
     m_wake_sent = m_wake_sent && !batch.woken;
-    // A full batch is no sign that this thread has caught up.
-    if (sleeps && batch.count < CPollBatch::MAX_EVENTS) {
+    // Behind a full batch there may have been more: this thread hadn't caught up when it began to wait.
+    if (sleeps && !m_behind) {
         m_called_often = now < m_busy_since + HELP_AFTER_US;
         m_busy_since = now;
     }
+    m_behind = batch.count == CPollBatch::MAX_EVENTS;
     m_queue.Append(gathered);
     return m_queue.Size();
 }

@@ -163,6 +163,7 @@ private:
     unsigned int m_resting VIDORA_GUARDED_BY(m_mutex) = 0;
     uint64_t m_help_at VIDORA_GUARDED_BY(m_mutex) = 0;       // for which the alarm of `help` is set, or 0
     bool m_called_often VIDORA_GUARDED_BY(m_mutex) = false;  // the last sleep ended soon after the one before
+    bool m_behind VIDORA_GUARDED_BY(m_mutex) = false;        // the last poll left events behind, as its batch was full
     uint64_t m_busy_since VIDORA_GUARDED_BY(m_mutex) = 0;    // when the thread that polled left its last sleep
     uint64_t m_polls VIDORA_GUARDED_BY(m_mutex) = 0;         // that were begun
     uint64_t m_polls_seen VIDORA_GUARDED_BY(m_mutex) = 0;    // when the alarm of `watch` was set
