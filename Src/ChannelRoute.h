@@ -21,7 +21,7 @@ public:
     void Switch(const CTrack& /*track*/, bool /*on*/) override {}
     int EnterLive(CLiveChannel& channel, packet_type_t type) override;
     void LeaveLive(CLiveChannel& channel, packet_type_t type) override;
-    void EnterBuffer(CMediaBuffer& /*buffer*/) override {}
+    int EnterBuffer(CMediaBuffer& /*buffer*/) override { return 0; }
     void LeaveBuffer(CMediaBuffer& /*buffer*/) override {}
     silence_rule_t Watch(long handler_id, int timeout_s) override;
     int SendReport(const unsigned char* report, unsigned int length, int channel) override;

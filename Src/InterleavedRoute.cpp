@@ -70,8 +70,8 @@ void CInterleavedRoute::LeaveLive(CLiveChannel& channel, packet_type_t type) {
     channel.Leave(m_sender, type);
 }
 
-void CInterleavedRoute::EnterBuffer(CMediaBuffer& buffer) {
-    buffer.AddSender(m_sender);
+int CInterleavedRoute::EnterBuffer(CMediaBuffer& buffer) {
+    return CMediaBufferRef(&buffer).Add(m_sender) ? 0 : -1;
 }
 
 void CInterleavedRoute::LeaveBuffer(CMediaBuffer& buffer) {

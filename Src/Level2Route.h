@@ -13,7 +13,7 @@ class CLevel2Route : public IMediaRoute {
 public:
     int EnterLive(CLiveChannel& channel, packet_type_t type) override { return channel.Enter(&m_sink, type); }
     void LeaveLive(CLiveChannel& channel, packet_type_t type) override { channel.Leave(&m_sink, type); }
-    void EnterBuffer(CMediaBuffer& buffer) override { buffer.AddLevel2Buffer(&m_sink); }
+    int EnterBuffer(CMediaBuffer& buffer) override { return CMediaBufferRef(&buffer).Add(&m_sink) ? 0 : -1; }
     void LeaveBuffer(CMediaBuffer& buffer) override { buffer.DelLevel2Buffer(&m_sink); }
 
 protected:

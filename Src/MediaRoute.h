@@ -47,7 +47,7 @@ public:
     virtual int EnterLive(CLiveChannel& channel, packet_type_t type) = 0;
     virtual void LeaveLive(CLiveChannel& channel, packet_type_t type) = 0;
     // The same for the buffer of a session's own source, which somebody else starts.
-    virtual void EnterBuffer(CMediaBuffer& buffer) = 0;
+    virtual int EnterBuffer(CMediaBuffer& buffer) = 0;
     virtual void LeaveBuffer(CMediaBuffer& buffer) = 0;
 
     // The rule for a session whose media leave here. A UDP peer is watched from now on: after `timeout_s` seconds of

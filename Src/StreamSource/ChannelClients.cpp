@@ -5,8 +5,9 @@
 namespace Kavio {
 namespace Vidora {
 
-void ChannelSink::Attach(CMediaBuffer& buffer) const {
-    sender != nullptr ? buffer.AddSender(sender) : buffer.AddLevel2Buffer(level2);
+bool ChannelSink::Attach(CMediaBuffer& buffer) const {
+    const CMediaBufferRef ref(&buffer);
+    return sender != nullptr ? ref.Add(sender) : ref.Add(level2);
 }
 
 void ChannelSink::Detach(CMediaBuffer& buffer) const {

@@ -20,7 +20,8 @@ struct ChannelSink {
     ChannelSink(CLevel2Buffer_IF* sink, packet_type_t type) : sender(nullptr), level2(sink), packet_type(type) {}
 
     const void* Key() const { return sender != nullptr ? static_cast<const void*>(sender) : level2; }
-    void Attach(CMediaBuffer& buffer) const;
+    // False if memory is short.
+    bool Attach(CMediaBuffer& buffer) const;
     void Detach(CMediaBuffer& buffer) const;
 };
 

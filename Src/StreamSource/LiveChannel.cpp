@@ -170,9 +170,7 @@ int CLiveChannel::Internal::enter(const ChannelSink& sink) {
         }
         if (sink.Key() == nullptr) {
             m_clients.Call(sink.packet_type);
-        } else if (m_clients.Enter(sink)) {
-            sink.Attach(m_buffers->buffer[sink.packet_type]);
-        } else {
+        } else if (!enter_sink_locked(sink)) {
             return -1;
         }
         count_locked(sink.packet_type, true);
@@ -182,6 +180,19 @@ int CLiveChannel::Internal::enter(const ChannelSink& sink) {
         to_settle->Settle();
     }
     return 0;
+}
+
+// False, with nothing left behind, if memory is short.
+bool CLiveChannel::Internal::enter_sink_locked(const ChannelSink& sink) {
+    if (!m_clients.Enter(sink)) {
+        return false;
+    }
+    if (sink.Attach(m_buffers->buffer[sink.packet_type])) {
+        return true;
+    }
+    ChannelSink left = sink;
+    m_clients.Leave(sink.Key(), left);
+    return false;
 }
 
 int CLiveChannel::Internal::leave(const ChannelSink& sink) {

@@ -69,6 +69,7 @@ struct CLiveChannel::Internal {
     std::shared_ptr<CChannelFeed> make_feed(const std::shared_ptr<CSourceGate>& gate, long channel_id);
     std::shared_ptr<CSourceGate> swap_kept_locked(const std::shared_ptr<CSourceGate>& gate) VIDORA_REQUIRES(m_mutex);
     int enter(const ChannelSink& sink);
+    bool enter_sink_locked(const ChannelSink& sink) VIDORA_REQUIRES(m_mutex);
     int leave(const ChannelSink& sink);
     bool take_any_sink(ChannelSink& left);
     // The source has told its tracks, or others: the destinations of RTP send them too.

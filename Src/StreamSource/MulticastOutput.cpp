@@ -44,10 +44,9 @@ int CMulticastOutput::Add(const CSockAddrStorage& group, const char* local_ip, i
     destination.sender->Init(SENDER_MEDIA_NUM);
     destination.sender->SetRemote(destination.group);
     destination.sender->SetMulticastIF(destination.local_ip.c_str());
-    if (!open_ports(destination, media_count)) {
+    if (!open_ports(destination, media_count) || !CMediaBufferRef(&buffer).Add(destination.sender.get())) {
         return -1;
     }
-    buffer.AddLevel2Buffer(destination.sender.get());
     m_destinations.splice(m_destinations.end(), entry);
     return 0;
 }

@@ -71,9 +71,9 @@ public:
     int Put(CMediaPacket* packet, int length, int flag, int channel);
     int PutFrameInfo(CMediaPacket* packet, int length);
     void End(int channel) { m_level2.End(channel); }
-    void AddSink(CGroupSink sink);
+    bool AddSink(CGroupSink sink);
     void DelSink(CGroupSink sink);
-    void AddLevel2(CLevel2Buffer_IF* buffer);
+    bool AddLevel2(CLevel2Buffer_IF* buffer);
     void DelLevel2(CLevel2Buffer_IF* buffer);
     bool IsIdle();
     void Close();
@@ -101,7 +101,7 @@ private:
     void drop_open_locked() VIDORA_REQUIRES(m_mutex);
     void drop_sides_locked() VIDORA_REQUIRES(m_mutex);
     uint32_t hand_out_locked(COutputUnit* unit) VIDORA_REQUIRES(m_mutex);
-    void add_sink_locked(CGroupSink sink) VIDORA_REQUIRES(m_mutex);
+    bool add_sink_locked(CGroupSink sink) VIDORA_REQUIRES(m_mutex);
     CSinkGroup* pick_group_locked() VIDORA_REQUIRES(m_mutex);
     bool are_few_locked() VIDORA_REQUIRES(m_mutex);
     void write_few();
@@ -338,31 +338,36 @@ void CMediaBuffer::CImpl::EnableAutoSend() {
     m_auto_send = true;
 }
 
-void CMediaBuffer::CImpl::AddSink(CGroupSink sink) {
+bool CMediaBuffer::CImpl::AddSink(CGroupSink sink) {
     CGuard guard(m_mutex);
-    add_sink_locked(sink);
+    return add_sink_locked(sink);
 }
 
-void CMediaBuffer::CImpl::add_sink_locked(CGroupSink sink) {
+bool CMediaBuffer::CImpl::add_sink_locked(CGroupSink sink) {
     for (unsigned int i = 0; i < m_group_count; ++i) {
         if (m_groups[i]->Has(sink)) {
-            return;
+            return true;
         }
     }
     CSinkGroup* group = pick_group_locked();
     if (group == nullptr || !group->Add(sink, m_sequence)) {
         logError("%s:%d no memory for a sink\n", __FILE__, __LINE__);
+        return false;
     }
+    return true;
 }
 
-void CMediaBuffer::CImpl::AddLevel2(CLevel2Buffer_IF* buffer) {
+bool CMediaBuffer::CImpl::AddLevel2(CLevel2Buffer_IF* buffer) {
     CGuard guard(m_mutex);
     const bool may_wait = m_auto_send && dynamic_cast<CPooledSink*>(buffer) != nullptr;
     if (may_wait && !m_level2.Has(buffer)) {
-        add_sink_locked(CGroupSink(buffer));
-    } else if (!m_level2.Add(buffer)) {
-        logError("%s:%d no memory for a level-2 buffer\n", __FILE__, __LINE__);
+        return add_sink_locked(CGroupSink(buffer));
     }
+    if (!m_level2.Add(buffer)) {
+        logError("%s:%d no memory for a level-2 buffer\n", __FILE__, __LINE__);
+        return false;
+    }
+    return true;
 }
 
 void CMediaBuffer::CImpl::DelLevel2(CLevel2Buffer_IF* buffer) {
@@ -483,9 +488,7 @@ int CMediaBuffer::PutFrameInfo(CMediaPacket* packet, int length) {
 }
 
 void CMediaBuffer::AddSender(CMediaStreamSender* sender) {
-    if (m_impl != nullptr && sender != nullptr) {
-        m_impl->AddSink(CGroupSink(sender));
-    }
+    CMediaBufferRef(this).Add(sender);
 }
 
 void CMediaBuffer::DelSender(CMediaStreamSender* sender) {
@@ -500,9 +503,7 @@ bool CMediaBuffer::IsIdle() {
 }
 
 void CMediaBuffer::AddLevel2Buffer(CLevel2Buffer_IF* buffer) {
-    if (m_impl != nullptr && buffer != nullptr) {
-        m_impl->AddLevel2(buffer);
-    }
+    CMediaBufferRef(this).Add(buffer);
 }
 
 void CMediaBuffer::DelLevel2Buffer(CLevel2Buffer_IF* buffer) {
@@ -527,6 +528,14 @@ void CMediaBufferRef::End(int channel) const {
     if (impl != nullptr) {
         impl->End(channel);
     }
+}
+
+bool CMediaBufferRef::Add(CMediaStreamSender* sender) const {
+    return m_impl != nullptr && sender != nullptr && m_impl->AddSink(CGroupSink(sender));
+}
+
+bool CMediaBufferRef::Add(CLevel2Buffer_IF* buffer) const {
+    return m_impl != nullptr && buffer != nullptr && m_impl->AddLevel2(buffer);
 }
 
 int CMediaBufferRef::PutFrameInfo(CMediaPacket* packet, int length) const {

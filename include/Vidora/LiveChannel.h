@@ -76,8 +76,8 @@ public:
     int StopStreaming(packet_type_t packet_type);
     // Attaches a sink to the buffer of that form and counts it in; and detaches it, in whatever form it has entered.
     // For who holds a reference on the channel, or is sure of its life otherwise. A null sink counts as a client
-    // without one. A sink leaves before it dies, also when the channel is closed. -1: the channel is closed, and
-    // nothing is attached; or the sink hasn't entered.
+    // without one. A sink leaves before it dies, also when the channel is closed. -1: the channel is closed, or
+    // memory is short, and nothing is attached; or the sink hasn't entered.
     int Enter(CMediaStreamSender* sink, packet_type_t packet_type);
     int Enter(CLevel2Buffer_IF* sink, packet_type_t packet_type);
     int Leave(CMediaStreamSender* sink, packet_type_t packet_type);

@@ -57,7 +57,8 @@ public:
     // for a null packet, a length below 1, or four side packets that wait for their packet already.
     int PutFrameInfo(CMediaPacket* packet, int length);
 
-    // A sink is stored at most once; null is ignored.
+    // A sink is stored at most once; null is ignored. Without memory it isn't stored, and the log says so; whoever has
+    // to know adds it by CMediaBufferRef.
     void AddSender(CMediaStreamSender* sender);
     void DelSender(CMediaStreamSender* sender);
     void AddLevel2Buffer(CLevel2Buffer_IF* buffer);
@@ -87,6 +88,10 @@ public:
     // See CMediaBuffer. -1 also if it names no buffer.
     int Put(CMediaPacket* packet, int length, int flag, int channel) const;
     int PutFrameInfo(CMediaPacket* packet, int length) const;
+    // AddSender and AddLevel2Buffer. False if the sink isn't stored: memory is short, it is null, or there is no
+    // buffer.
+    bool Add(CMediaStreamSender* sender) const;
+    bool Add(CLevel2Buffer_IF* buffer) const;
     // Calls the End of the level-2 sinks that Put calls, on this thread.
     void End(int channel) const;
 
