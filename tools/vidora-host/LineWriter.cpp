@@ -6,6 +6,7 @@
 #include <cerrno>
 #include <chrono>
 #include <climits>
+#include <new>
 #include <system_error>
 #include <thread>
 #include <utility>
@@ -50,21 +51,39 @@ LineWriter::~LineWriter() {
     m_state->changed.wait_for(lock, std::chrono::milliseconds(END_WAIT_MS), [this] { return m_state->done; });
 }
 
-void LineWriter::Write(std::string line) {
+void LineWriter::Write(std::string line) noexcept {
     {
         const std::lock_guard<std::mutex> guard(m_state->mutex);
-        if (m_state->bytes + line.size() > MAX_BYTES) {
+        if (!keep(*m_state, line)) {
             ++m_state->dropped;
             return;
         }
-        m_state->bytes += line.size();
-        m_state->lines.push_back(std::move(line));
         if (m_state->bytes < m_state->wake_bytes) {
             return;
         }
         m_state->wake_bytes = NEVER;
     }
     m_state->changed.notify_one();
+}
+
+void LineWriter::Drop() noexcept {
+    const std::lock_guard<std::mutex> guard(m_state->mutex);
+    ++m_state->dropped;
+}
+
+// False if there is no room, or no memory.
+bool LineWriter::keep(State& state, std::string& line) {
+    const size_t size = line.size();
+    if (state.bytes + size > MAX_BYTES) {
+        return false;
+    }
+    try {
+        state.lines.push_back(std::move(line));
+    } catch (const std::bad_alloc&) {
+        return false;
+    }
+    state.bytes += size;
+    return true;
 }
 
 void LineWriter::run(const std::shared_ptr<State>& state) {
@@ -75,6 +94,9 @@ void LineWriter::run(const std::shared_ptr<State>& state) {
         }
         while (!state->lines.empty() || state->dropped > 0) {
             const std::string text = take_lines(*state);
+            if (text.empty()) {
+                break;  // no memory for the count of what was dropped: it is told later
+            }
             lock.unlock();
             write_all(state->fd, text);
             lock.lock();
@@ -99,14 +121,26 @@ void LineWriter::wait(State& state, std::unique_lock<std::mutex>& lock) {
 // behind those that are queued.
 std::string LineWriter::take_lines(State& state) {
     std::string text;
-    while (!state.lines.empty() && (text.empty() || text.size() + state.lines.front().size() <= PIPE_BUF)) {
-        text += state.lines.front();
-        state.lines.pop_front();
-    }
-    state.bytes -= text.size();
-    if (text.empty()) {
-        text = state.dropped_line(state.dropped);
-        state.dropped = 0;
+    try {
+        if (!state.lines.empty()) {
+            gather(state, text);
+        } else {
+            text = state.dropped_line(state.dropped);
+            state.dropped = 0;
+        }
+    } catch (const std::bad_alloc&) {
+        // what is gathered so far goes out alone
     }
     return text;
+}
+
+void LineWriter::gather(State& state, std::string& text) {
+    text.swap(state.lines.front());
+    state.lines.pop_front();
+    state.bytes -= text.size();
+    while (!state.lines.empty() && text.size() + state.lines.front().size() <= PIPE_BUF) {
+        text += state.lines.front();
+        state.bytes -= state.lines.front().size();
+        state.lines.pop_front();
+    }
 }

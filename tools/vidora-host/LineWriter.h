@@ -13,7 +13,8 @@
 // through again. A line leaves at once, those that follow it within GATHER_MS leave together: a thousand clients that
 // come in a tenth of a second don't wake the thread a thousand times.
 //
-// THREADING  Write: any thread; it never waits for the descriptor.
+// THREADING  Write, Drop: any thread, also in the library's callbacks: they never wait for the descriptor, and throw
+//            nothing. What finds no memory is dropped as well.
 class LineWriter {
 public:
     static constexpr size_t MAX_BYTES = 64u << 10;
@@ -30,7 +31,9 @@ public:
     LineWriter& operator=(const LineWriter&) = delete;
 
     // Queues a line that ends in a newline.
-    void Write(std::string line);
+    void Write(std::string line) noexcept;
+    // Counts a line that couldn't be made.
+    void Drop() noexcept;
 
 private:
     static constexpr size_t NEVER = SIZE_MAX;
@@ -51,7 +54,9 @@ private:
 
     static void run(const std::shared_ptr<State>& state);
     static void wait(State& state, std::unique_lock<std::mutex>& lock);
+    static bool keep(State& state, std::string& line);
     static std::string take_lines(State& state);
+    static void gather(State& state, std::string& text);
 
     const std::shared_ptr<State> m_state;
 };

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <initializer_list>
+#include <new>
 
 #include "Vidora/Ostra/Log.h"
 #include "Vidora/Ostra/Time.h"
@@ -64,11 +65,16 @@ std::string dropped_json(uint64_t count) {
 }
 
 void write_log(void* writer, Kavio::Ostra::log_level_t, const char* text, size_t length) {
-    std::string line = "[Vidora] " + std::string(text, length);
-    if (line.back() != '\n') {
-        line += '\n';
+    LineWriter& lines = *static_cast<LineWriter*>(writer);
+    try {
+        std::string line = "[Vidora] " + std::string(text, length);
+        if (line.back() != '\n') {
+            line += '\n';
+        }
+        lines.Write(std::move(line));
+    } catch (const std::bad_alloc&) {
+        lines.Drop();
     }
-    static_cast<LineWriter*>(writer)->Write(std::move(line));
 }
 
 }  // namespace
@@ -101,7 +107,15 @@ void Monitor::PrintFigures(double seconds) {
     m_last = now;
 }
 
-void Monitor::Event(event_type_t event, const void* data, int length) {
+void Monitor::Event(event_type_t event, const void* data, int length) noexcept {
+    try {
+        write_event(event, data, length);
+    } catch (const std::bad_alloc&) {
+        m_output.Drop();
+    }
+}
+
+void Monitor::write_event(event_type_t event, const void* data, int length) {
     if (event == EVENT_LOST_PACKET) {
         const LostPacketEvent& lost = *static_cast<const LostPacketEvent*>(data);
         const std::string peer = std::string(lost.ip) + ":" + std::to_string(lost.port);

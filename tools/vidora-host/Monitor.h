@@ -21,10 +21,12 @@ public:
     void Listening(const std::string& ip, int port);
     // Prints the figures of the last `seconds`.
     void PrintFigures(double seconds);
-    // Prints an event of the server.
-    void Event(Kavio::Vidora::event_type_t event, const void* data, int length);
+    // Prints an event of the server, in a callback of the library.
+    void Event(Kavio::Vidora::event_type_t event, const void* data, int length) noexcept;
 
 private:
+    void write_event(Kavio::Vidora::event_type_t event, const void* data, int length);
+
     const bool m_json;
     LineWriter m_output;
     LineWriter m_errors;
