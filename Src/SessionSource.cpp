@@ -95,6 +95,7 @@ bool CSessionSource::Release(long user, bool hears_end) {
     m_buffer.reset();
     m_is_live = false;
     m_started = false;
+    m_counted_type = PACKET_TYPE_NONE;
     return is_own && hears_end;
 }
 
@@ -144,22 +145,29 @@ int CSessionSource::GetPlayRange(uint64_t& begin_us, uint64_t& end_us) {
     return of_source([&](auto& source) { return source.GetPlayRange(begin_us, end_us); });
 }
 
+// It counts the session on.
 void CSessionSource::Pause() {
-    m_started = false;
-    m_own->Pause();
+    m_started = m_own->Pause() < 0 && m_started;
 }
 
 int CSessionSource::Start(packet_type_t type, int cseq) {
     if (m_started) {
         return 0;
     }
+    const bool resumes = m_counted_type == type;
+    if (!resumes && m_counted_type != PACKET_TYPE_NONE) {
+        Stop(type);  // paused in another form
+    }
     const int result = m_own->StartStreaming(type, m_buffer.get(), cseq);
     if (result < 0) {
         logError("%s:%d, startstreaming has problem, enable=%d..\n", __FILE__, __LINE__, result);
         return -1;
     }
+    if (resumes && !IsRecording()) {
+        m_own->StopStreaming(type);  // another source takes what goes on for a further client
+    }
     m_started = true;
-    m_started_type = type;
+    m_counted_type = type;
     return 0;
 }
 
@@ -168,9 +176,10 @@ int CSessionSource::Stop(packet_type_t type) {
     if (m_own == nullptr) {
         return -1;
     }
-    const packet_type_t started = m_started ? m_started_type : type;
+    const packet_type_t counted = m_counted_type != PACKET_TYPE_NONE ? m_counted_type : type;
     m_started = false;
-    return m_own->StopStreaming(started);
+    m_counted_type = PACKET_TYPE_NONE;
+    return m_own->StopStreaming(counted);
 }
 
 int CSessionSource::Enter(IMediaRoute& route, packet_type_t type) {
@@ -178,9 +187,7 @@ int CSessionSource::Enter(IMediaRoute& route, packet_type_t type) {
         return -1;
     }
     enable_assist();
-    if (!m_is_live) {
-        route.EnterBuffer(*m_buffer);
-    } else if (route.EnterLive(*m_channel, type) < 0) {
+    if ((m_is_live ? route.EnterLive(*m_channel, type) : route.EnterBuffer(*m_buffer)) < 0) {
         return -1;
     }
     m_route = &route;

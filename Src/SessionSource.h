@@ -49,6 +49,8 @@ public:
     bool IsOwn() const { return m_own != nullptr; }
     // Whether it can seek: a recording of this host.
     bool IsRecording() const;
+    // Of a source of its own: whether its media flow.
+    bool IsStarted() const { return m_started; }
     // The handler that sends the messages of what is open; 0 for nothing.
     long SenderId() const;
     // The numbers in the live channel's name.
@@ -67,7 +69,7 @@ public:
     // Of a source of its own alone; null for a live channel.
     CDataSource* Own() { return m_own; }
     void Pause();
-    // Starts it, in the form of the route's entry, unless it runs. 0 or -1.
+    // Starts it in that form, or resumes it, unless it runs. 0 or -1.
     int Start(packet_type_t type, int cseq);
     // Stops it for all tracks; `type` is the form of one that doesn't run. 0 or -1.
     int Stop(packet_type_t type);
@@ -100,8 +102,8 @@ private:
     bool m_is_live = false;
     bool m_wants_assist = false;
     bool m_assist_enabled = false;                    // the assist track was counted in
-    bool m_started = false;                           // m_own runs,
-    packet_type_t m_started_type = PACKET_TYPE_NONE;  // in this form
+    bool m_started = false;                           // m_own runs
+    packet_type_t m_counted_type = PACKET_TYPE_NONE;  // the form in which m_own has counted the session in
     IMediaRoute* m_route = nullptr;                   // that is stored in the channel or the buffer,
     packet_type_t m_route_type = PACKET_TYPE_NONE;    // of this form
 };

@@ -283,8 +283,9 @@ StateEvent* CStateMachine::next_event_locked() {
     return m_rx_list.Pop();
 }
 
+// Of the machine's own events one may have lent its identifier: an answer to it is on the heap all the same.
 void CStateMachine::free_event(StateEvent* event) {
-    if (event->id >= FIRST_EVENT_ID) {
+    if (event != &m_spare_event && event != &m_spare_copy && event != &m_end_event) {
         ::operator delete(event);
         --m_events_in_flight;
     }

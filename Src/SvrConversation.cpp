@@ -251,10 +251,13 @@ bool CSvrConversation::refuse_awaited(int refusal) {
         release(false);
     }
     m_awaited = 0;
+    const int cseq = m_codec.get_range_cseq();
+    const unsigned int round = m_play_round;  // see answer_own_play
     if (!m_machine.put_tx_event(REPLY_KIND_REFUSAL, m_codec.generate_error_reply(status), status, m_wait_id)) {
         return false;
     }
-    return !m_streaming || start_media(nullptr, m_codec.get_range_cseq()) >= 0;  // a seek that failed
+    const bool plays_on = m_streaming && round == m_play_round;
+    return !plays_on || start_media(nullptr, cseq) >= 0;  // a seek that failed
 }
 
 int CSvrConversation::on_unknown(const StateEvent& event) {
@@ -343,12 +346,13 @@ int CSvrConversation::take_source_message(unsigned int msg) {
     switch (msg) {
         case MSG_SOURCE_CLOSED:
             return m_machine.put_asyn_msg(MSG_SOURCE_CLOSED, m_wait_id), 0;
+        // A host may send these by itself: they are answers only to what is asked.
         case MSG_SRC_READY:
-            return on_source_ready();
+            return m_awaited == REFUSED_CONTENT ? on_source_ready() : 0;
         case MSG_PLAY_READY:
-            return reply_play();
+            return m_awaited == REFUSED_RANGE ? reply_play() : 0;
         case MSG_SRC_PAUSED:
-            return reply_pause();
+            return m_awaited == REFUSED_BY_STATE ? reply_pause() : 0;
         case MSG_SRC_END:
             // A source may report its end with every frame.
             return m_drain.Runs() || ends_former_play() ? 0 : on_source_end();
@@ -368,10 +372,10 @@ int CSvrConversation::on_source_ready() {
     return reply_describe();
 }
 
-// A recording that was sought tells an end of what it played before in front of the answer to PLAY. Before the first
-// PLAY its end is that of a source that can't play.
+// A recording that was paused, stopped or sought in the moment of its end tells that of what it played before, and the
+// client may go on in it. Before the first PLAY its end is that of a source that can't play.
 bool CSvrConversation::ends_former_play() const {
-    return m_has_played && m_awaited == REFUSED_RANGE && m_source.IsRecording();
+    return m_has_played && !m_source.IsStarted() && m_source.IsRecording();
 }
 
 int CSvrConversation::on_source_end() {

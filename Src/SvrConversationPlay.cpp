@@ -162,7 +162,9 @@ int CSvrConversation::reply_play() {
     if (found < 0) {
         return found;
     }
-    const char* reply = describe_play(single);
+    // A source of its own gives nothing before it is started, so that the way can be entered in front of the reply.
+    const bool has_way = m_source.IsLive() || m_source.IsEntered() || enter_route() == 0;
+    const char* reply = has_way ? describe_play(single) : nullptr;
     if (reply == nullptr) {
         return warn_play(REFUSED_FAILURE);
     }
@@ -191,10 +193,10 @@ int CSvrConversation::answer_own_play(const char* reply, const CTrack* single) {
     // This can run the requests that waited behind PLAY. One that ends the play again has the last word.
     const unsigned int round = m_play_round;
     m_machine.put_tx_event(REPLY_KIND_PLAY, reply, RTSP_STATUS_OK, m_wait_id);
-    if (!m_source.IsOwn()) {
-        return warn_play(REFUSED_ANSWERED);
+    if (round != m_play_round) {
+        return 0;
     }
-    return round != m_play_round ? 0 : start_media(single, cseq);
+    return m_source.IsOwn() ? start_media(single, cseq) : warn_play(REFUSED_ANSWERED);
 }
 
 int CSvrConversation::warn_play(refusal_t refusal) {
@@ -381,6 +383,7 @@ int CSvrConversation::teardown_track(CTrack& track) {
     if (!track.sends) {
         return send_error(RTSP_STATUS_OK);
     }
+    m_drain.Stop();  // the client may set it up again
     m_reports.Send(m_route, track.track_id, true);
     if (m_route != nullptr && track.send_channel >= 0) {
         m_route->Switch(track, false);

@@ -158,8 +158,7 @@ int CSvrSessionManager::AddNewConnect(int fd, const char* buf, int len, long ext
         logError("%s %d Attach Sock Failed!\n", __FILE__, __LINE__);
         return -1;  // unlike a NAT stream's, this fd stays open and the caller's
     }
-    const int bytes = std::clamp(len, 0, text_len);  // base64 holds no NUL, and who counts wrong has no more
-    return add_stream(std::move(sock), buf, bytes, extra);
+    return add_stream(std::move(sock), buf, std::min(len, text_len), extra);  // who counts wrong has no more
 }
 
 // `len` bytes came already, and count only if they end the head of a request: otherwise they are dropped. -1: the
@@ -181,12 +180,16 @@ int CSvrSessionManager::add_stream(std::unique_ptr<CSockStream> sock, const char
             return result;
         }
     }
-    if (is_http(buf, len)) {
+    const int text_len = bounded_length(buf);
+    if (is_http(buf, text_len)) {
         logInfo("%s %d HTTP Add New Connect!\n", __FILE__, __LINE__);
-        hand_on_http(sock.release(), buf, len, CTime::getCurrentMicroSecond() + IDENTIFY_TIMEOUT_US);
+        const int head_len =
+            static_cast<int>(strstr(buf, HEAD_END) - buf) + HEAD_END_LEN;  // whole, whatever `len` says
+        hand_on_http(sock.release(), buf, std::max(len, head_len),
+                     CTime::getCurrentMicroSecond() + IDENTIFY_TIMEOUT_US);
     } else {
         logInfo("%s %d RTSP Add New Connect!\n", __FILE__, __LINE__);
-        start_rtsp_session(sock.release(), buf, bounded_length(buf), extra);
+        start_rtsp_session(sock.release(), buf, text_len, extra);
     }
     return 0;
 }

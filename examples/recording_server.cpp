@@ -161,7 +161,7 @@ private:
         Clock::time_point zero;  // when the first frame of the file would have been due
         std::unique_lock<std::mutex> lock(m_mutex);
         while (!m_stops) {
-            if (m_paused || (m_next == g_frames.size() && m_ended)) {
+            if (m_paused || (m_next == g_frames.size() && m_ended && m_anchored)) {  // told since the last change
                 m_changed.wait(lock);
                 continue;
             }

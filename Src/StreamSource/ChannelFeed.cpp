@@ -236,6 +236,7 @@ void CChannelFeed::update(CDataSource& source, long arg) {
     const int result = source.UpdataDataSrc(arg);
     CGuard guard(m_mutex);
     m_update_result = result;
+    m_describe_due = m_describe_due || result < 0;  // nothing follows: the source is as it was
 }
 
 }  // namespace Vidora

@@ -52,7 +52,7 @@ public:
     // Describes itself anew. `told`: the channel gets MSG_CHANNEL_DESCRIBED. For the first description behind another
     // source's it gets that if the two differ, and only then.
     void WantDescription(bool told);
-    // Reads its stream information anew; there is no description until it has.
+    // Reads its stream information anew; there is no description until it has, or has failed to.
     void WantUpdate(long arg);
     // True if it has happened when the call returns; the results then say how.
     bool Settle() { return m_gate->Do(shared_from_this()); }

@@ -1,5 +1,7 @@
 #include "StreamSource/KXDataReceiver.h"
 
+#include <utility>
+
 #include "Protocol/LogQuote.h"
 
 namespace Kavio {
@@ -151,15 +153,18 @@ int CKXDataReceiver::UpdataStreamInfo(long arg) {
     }
     logDebug("%s:%d UpdataStreamInfo\n", __FILE__, __LINE__);
     CGuard start_guard(m_start_mutex);
+    bool was_ready = false;
     {
         CGuard guard(m_mutex);
-        m_info_ready = false;
+        std::swap(was_ready, m_info_ready);
     }
-    if (m_stream_source->UpdataStreamInfo(arg) != 0) {
-        logError("%s:%d m_stream_source->UpdataStreamInfo fail\n", __FILE__, __LINE__);
-        return -1;
+    if (m_stream_source->UpdataStreamInfo(arg) == 0) {
+        return 0;
     }
-    return 0;
+    logError("%s:%d m_stream_source->UpdataStreamInfo fail\n", __FILE__, __LINE__);
+    CGuard guard(m_mutex);
+    m_info_ready = m_info_ready || was_ready;  // the stream goes on as it was
+    return -1;
 }
 
 int CKXDataReceiver::EnableStreamTrack(int track_kind) {
@@ -186,13 +191,14 @@ int CKXDataReceiver::DisableStreamTrack(int track_kind) {
 void CKXDataReceiver::Close() {
     {
         CGuard start_guard(m_start_mutex);
+        m_closing = true;
         bool started = false;
         {
             CGuard guard(m_mutex);
             started = m_started;
         }
-        if (started && !m_stream_source->Stop(CStreamSource::frame_proc_t(this, &CKXDataReceiver::frame_proc))) {
-            logError("%s:%d m_stream_source->Stop fail\n", __FILE__, __LINE__);
+        if (started) {
+            stop_source();
         }
         // Taking the mutex also waits out a frame in progress.
         CGuard guard(m_mutex);

@@ -117,8 +117,9 @@ private:
     bool seek(const CTime& start, const CTime& end, bool backwards);
     int check_seekable() const;
     bool has_range() const;
-    int start_source();
+    int start_source() VIDORA_REQUIRES(m_start_mutex);
     int resume_source();
+    bool stop_source();
     void end();
 
     // The path of a frame (KXDataReceiverFrame.cpp). put_..._locked: 0, or -1 for a frame that can't be converted.
@@ -143,6 +144,7 @@ private:
     create_src_fun_t m_create_src_fun = nullptr;
 
     CMutex m_start_mutex;
+    bool m_closing VIDORA_GUARDED_BY(m_start_mutex) = false;
     CMutex m_mutex;
     CFormatWatch m_formats VIDORA_GUARDED_BY(m_mutex);
     bool m_begun VIDORA_GUARDED_BY(m_mutex) = false;       // the source's Init has succeeded

@@ -143,7 +143,7 @@ int CKXDataReceiver::StartStreaming(packet_type_t packet_type, CMediaBuffer* buf
             return -1;
         }
         counted = !m_paused || m_buffers.Clients() == 0;  // a resume doesn't count its client a second time
-        if (counted && !m_buffers.Add(packet_type, buffer)) {
+        if (m_closing || (counted && !m_buffers.Add(packet_type, buffer))) {
             return -1;
         }
         started = m_started;
@@ -166,12 +166,31 @@ int CKXDataReceiver::start_source() {
         m_started = true;
     }
     if (m_stream_source->Start(CStreamSource::frame_proc_t(this, &CKXDataReceiver::frame_proc))) {
-        return 0;
+        if (!m_closing) {
+            return 0;
+        }
+        stop_source();  // the host has closed it inside Start
+    } else {
+        logError("%s:%d m_stream_source->Start fail\n", __FILE__, __LINE__);
     }
-    logError("%s:%d m_stream_source->Start fail\n", __FILE__, __LINE__);
     CGuard guard(m_mutex);
     m_started = false;
     return -1;
+}
+
+// Counted as stopped from the call on, as the host may close the source inside Stop.
+bool CKXDataReceiver::stop_source() {
+    {
+        CGuard guard(m_mutex);
+        m_started = false;
+    }
+    if (m_stream_source->Stop(CStreamSource::frame_proc_t(this, &CKXDataReceiver::frame_proc))) {
+        return true;
+    }
+    logError("%s:%d m_stream_source->Stop fail\n", __FILE__, __LINE__);
+    CGuard guard(m_mutex);
+    m_started = true;
+    return false;
 }
 
 int CKXDataReceiver::resume_source() {
@@ -217,13 +236,7 @@ int CKXDataReceiver::StopStreaming(packet_type_t packet_type, const CMediaBuffer
         }
         return 0;
     }
-    if (!m_stream_source->Stop(CStreamSource::frame_proc_t(this, &CKXDataReceiver::frame_proc))) {
-        logError("%s:%d m_stream_source->Stop fail\n", __FILE__, __LINE__);
-        return -1;
-    }
-    CGuard guard(m_mutex);
-    m_started = false;
-    return 0;
+    return stop_source() ? 0 : -1;
 }
 
 bool CKXDataReceiver::has_range() const {

@@ -10,6 +10,14 @@
 namespace Kavio {
 namespace Vidora {
 
+namespace {
+
+// What handlers of the library send to themselves: no host's source may speak for them.
+const unsigned int FIRST_OWN_MESSAGE = 0x1f00;
+const unsigned int LAST_OWN_MESSAGE = 0x1fff;
+
+}  // namespace
+
 class CKXDataSrc::CMethodJob : public CSourceJob {
 public:
     typedef void (CKXDataSrc::*method_t)();
@@ -89,7 +97,9 @@ int CKXDataSrc::handle_message(long, unsigned int msg, long) {
             run(m_describe_job);
             break;
         default:
-            notify_all(msg);
+            if (msg < FIRST_OWN_MESSAGE || msg > LAST_OWN_MESSAGE) {
+                notify_all(msg);
+            }
             break;
     }
     return 0;

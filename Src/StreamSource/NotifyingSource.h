@@ -14,6 +14,11 @@ class CNotifyingSource : public CDataSource {
 public:
     void AddNotify(long notify_id) final { add_notify(notify_id); }
     void DelNotify(long notify_id) final { m_notify_list.Remove(notify_id); }
+    // A source that has nothing to read anew is ready with what it has.
+    int UpdataDataSrc(long) override {
+        notify_all(MSG_SRC_READY);
+        return 0;
+    }
 
 protected:
     // False, with a log line, if memory is short.

@@ -109,7 +109,8 @@ public:
     // Ends it; `proc` equals the one given to Start. No call of it runs or starts after the return.
     virtual bool Stop(frame_proc_t proc) = 0;
 
-    // Of files and tokens. All are optional; the base returns false.
+    // Of files and tokens. All are optional; the base returns false. One that goes on at its end, by Resume or by
+    // Start, tells that end again: while it rests, and before a seek has been answered, nobody hears of it.
     virtual bool Pause();
     virtual bool Resume();
     // Play rate: 1.0 real time, below 0 backwards, never 0.

@@ -8,6 +8,7 @@
 #include "Protocol/SdpParser.h"
 #include "StreamSource/AudioTable.h"
 #include "Vidora/DataSource.h"
+#include "Vidora/LiveChannel.h"
 #include "Vidora/RtspSvrConfig.h"
 #include "Vidora/Tramel/MediaBuffer.h"
 #include "support/Capture.h"
@@ -453,6 +454,34 @@ TEST_F(KXDataTest, AStartThatFailedIsNeitherCountedNorStopped) {
     EXPECT_EQ(-1, Start(PACKET_TYPE_KX));
     EXPECT_EQ(2, Host().CountCalls("Start"));
     EXPECT_EQ(0, Host().CountCalls("Stop"));
+}
+
+TEST_F(KXDataTest, AHostMayCloseTheSourceInsideItsOwnStart) {
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.in_start = [this] { m_source->Close(); };
+    OpenReady(settings);
+    EXPECT_EQ(-1, Start(PACKET_TYPE_RTP));
+    EXPECT_TRUE(WaitFor(MSG_SOURCE_CLOSED));
+    m_source = nullptr;
+    m_holder->Close();
+}
+
+// Neither its clients nor those who come want to hear of it.
+TEST_F(KXDataTest, AFormatThatCannotBeReadAnewIsAsItWas) {
+    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
+    settings.update_fails = true;
+    OpenReady(settings);
+    CLiveChannel* channel = CLiveChannel::Create();
+    channel->Init("channel", 0, TRANSF_TYPE_RTP);
+    channel->AddDataSrc(m_source, 0);
+    ASSERT_EQ(0, channel->Enter(&m_sink[PACKET_TYPE_TS], PACKET_TYPE_RTP));
+    EXPECT_EQ(-1, channel->UpdataLiveChannel(0));
+    CSdpParser sdp;
+    EXPECT_EQ(0, channel->GetSdp(sdp));
+    ASSERT_TRUE(Host().Give(Picture(true, 10)));
+    EXPECT_EQ(1u, Given(PACKET_TYPE_TS).size());
+    channel->Leave(&m_sink[PACKET_TYPE_TS], PACKET_TYPE_RTP);
+    channel->Close();
 }
 
 TEST_F(KXDataTest, AFormatThatCannotBeDescribedBringsNoEmptyDescription) {

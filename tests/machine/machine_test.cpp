@@ -272,6 +272,15 @@ TEST(StateMachine, RecordsOfAWrongSizeAreDropped) {
     EXPECT_EQ(Calls{"event_size <= MAX_EVT_SIZE"}, asserts.Texts());
     EXPECT_EQ(0, machine->deliver(nullptr));
     EXPECT_EQ(-1, machine->set_state(5));
+    // Answers to the spare event have its identifier, and are released all the same.
+    StateEvent* event = nullptr;
+    for (int i = 0; i < 11; ++i) {
+        event = machine->GetEvent(STATE_EVENT_ASYN, STATE_EVENT_ASYN_SIZE, 0x2011);
+        machine->deliver_asyn(event, MSG_SOURCE_CLOSED);
+    }
+    event = machine->GetEvent(STATE_EVENT_RX, STATE_EVENT_TEXT_OFFSET, 0);
+    EXPECT_NE(nullptr, event);
+    machine->deliver(event);
     machine->destroy();
 }
 

@@ -11,6 +11,7 @@ namespace {
 class Conformance : public CServerTest {
 protected:
     Conformance() { Set(RTSP_SVR_CONFIG_CONFORMANCE, 1); }
+    void CheckTimes(const std::string& url, size_t pictures);
 };
 
 // Gives a key frame of that second of a recording.
@@ -67,10 +68,19 @@ TEST_F(Conformance, ALiveSessionPausesAndGoesOnWithAKeyFrame) {
     EXPECT_EQ(0, source->CountCalls("Stop"));
 }
 
+// Of a recording by its name or by a token, whose host keeps the range by itself.
 TEST_F(Conformance, ARangeEndsAndNoTimeComesTwice) {
     StartServer();
-    CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
-    const std::string url = Url(FILE_CONTENT);
+    for (const bool is_token : {false, true}) {
+        SCOPED_TRACE(is_token);
+        CFakeStreamSource::Settings settings = CFakeStreamSource::FileVideo();
+        settings.type = is_token ? SRC_TYPE_TOKEN : SRC_TYPE_FILE;
+        CFakeStreamSource::SetNext(settings);
+        CheckTimes(Url(is_token ? "cam/playback?token=abc" : FILE_CONTENT), is_token ? 3 : 2);
+    }
+}
+
+void Conformance::CheckTimes(const std::string& url, size_t pictures) {
     CRtspTestClient client(m_port);
     EXPECT_EQ(200, client.Ask("DESCRIBE", url).status);
     EXPECT_EQ(200, client.Ask("SETUP", url + "/trackID=0", INTERLEAVED).status);
@@ -86,7 +96,7 @@ TEST_F(Conformance, ARangeEndsAndNoTimeComesTwice) {
             ASSERT_TRUE(WaitUntil([=] { return GiveAt(CFakeStreamSource::Last(), second); }));
         }
         std::set<std::string> times = TimesOf(client, 10000);
-        EXPECT_EQ(2u, times.size());  // the second 5 is outside, or 3 backwards
+        EXPECT_EQ(pictures, times.size());  // the second 5 is outside, or 3 backwards
         seen.merge(times);
         EXPECT_TRUE(times.empty()) << "a time came twice";
     }

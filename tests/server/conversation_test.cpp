@@ -29,16 +29,15 @@ const std::map<std::string, void (*)(CFakeStreamSource::Settings&)> FAULTS = {
     {"without tracks", [](auto& source) { source.has_video = false; }},
     {"of no kind", [](auto& source) { source.type = SRC_TYPE_NONE; }},
     {"that can't seek", [](auto& source) { source.seek_fails = true; }},
-    {"that ends before it seeks", [](auto& source) { source.ends_in_seek = true; }},
+    {"that ends before it seeks and rests", [](auto& source) { source.ends_in_calls = true; }},
     {"with few key frames", [](auto& source) { source.key_sec = 4; }},
     {"that doesn't start", [](auto& source) { source.start_fails = true; }},
     {"with an empty range", [](auto& source) { source.end = source.begin - 10; }},
 };
-const std::map<std::string, unsigned int> MESSAGES = {{"fails", MSG_SRC_FAIL},
-                                                      {"fails late", MSG_STREAM_FAIL},
-                                                      {"ends", MSG_SRC_END},
-                                                      {"format", MSG_STREAM_INFO},
-                                                      {"what it may not", 0x7777}};
+const std::map<std::string, unsigned int> MESSAGES = {
+    {"fails", MSG_SRC_FAIL},     {"fails late", MSG_STREAM_FAIL}, {"ends", MSG_SRC_END},
+    {"format", MSG_STREAM_INFO}, {"what it may not", 0x7777},     {"ready", MSG_SRC_READY},
+    {"plays", MSG_PLAY_READY},   {"paused", MSG_SRC_PAUSED},      {"begin", 0x1f01}};
 const std::map<std::string, CFakeAuthModule::answer_t> ANSWERS = {{"at-once", CFakeAuthModule::AT_ONCE},
                                                                   {"later", CFakeAuthModule::LATER},
                                                                   {"inside-release", CFakeAuthModule::INSIDE_RELEASE}};

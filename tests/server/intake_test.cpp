@@ -68,6 +68,11 @@ TEST_F(Intake, HandedInConnections) {
     EXPECT_EQ(1, probes);
     EXPECT_EQ(60000, user_timeout);
 
+    // A host that counts wrong.
+    Connection tunnel;
+    EXPECT_EQ(0, m_svr->AddNewConnect(tunnel.server, "GET / HTTP/1.0\r\nx-sessioncookie: c\r\n\r\n", 3, 0));
+    EXPECT_EQ(200, tunnel.client->Reply().status);
+
     const struct {
         std::string buf;
         long extra;

@@ -1,5 +1,7 @@
 #include "support/FakeStreamSource.h"
 
+#include <gtest/gtest.h>
+
 #include <algorithm>
 #include <cstring>
 
@@ -67,6 +69,7 @@ CFakeStreamSource::CFakeStreamSource(const Settings& settings) : m_settings(sett
 }
 
 CFakeStreamSource::~CFakeStreamSource() {
+    EXPECT_TRUE(m_proc.empty()) << "closed while it runs";
     CGuard guard(g_list_mutex);
     g_list.erase(std::find(g_list.begin(), g_list.end(), this));
 }
@@ -121,6 +124,9 @@ int CFakeStreamSource::GetVideoSpecificInfo(char* buf, int len) {
 }
 
 int CFakeStreamSource::UpdataStreamInfo(long) {
+    if (m_settings.update_fails) {
+        return -1;
+    }
     Tell(MSG_STREAM_INFO);
     return 0;
 }
@@ -129,6 +135,9 @@ bool CFakeStreamSource::Start(frame_proc_t proc) {
     record("Start");
     if (m_settings.start_fails) {
         return false;
+    }
+    if (m_settings.in_start) {
+        m_settings.in_start();
     }
     CGuard guard(m_give_mutex);
     m_proc = proc;
@@ -145,13 +154,20 @@ bool CFakeStreamSource::Stop(frame_proc_t proc) {
     return true;
 }
 
+bool CFakeStreamSource::Pause() {
+    if (m_settings.ends_in_calls) {
+        Tell(MSG_SRC_END);
+    }
+    return record("Pause");
+}
+
 bool CFakeStreamSource::GetTime(CTime& time) {
     time = m_sought != 0 ? CTime(m_sought) : m_settings.begin;
     return true;
 }
 
 bool CFakeStreamSource::SeekByTime(const CTime& time) {
-    if (m_settings.ends_in_seek) {
+    if (m_settings.ends_in_calls) {
         Tell(MSG_SRC_END);
     }
     m_sought = time.makeTime() - time.makeTime() % m_settings.key_sec;

@@ -29,9 +29,11 @@ public:
         bool init_fails = false;  // after it has told
         bool start_fails = false;
         bool seek_fails = false;
-        bool ends_in_seek = false;  // tells the end of what it played before
-        bool null_source = false;   // the factory gives null
-        uint64_t key_sec = 1;       // begins with a second of which this is a divisor
+        bool update_fails = false;
+        bool ends_in_calls = false;      // tells the end of what it played before in Pause and in a seek
+        std::function<void()> in_start;  // what the host does besides
+        bool null_source = false;        // the factory gives null
+        uint64_t key_sec = 1;            // begins with a second of which this is a divisor
         uint64_t length_us = 12500000;
         Vidora::CTime begin = Vidora::CTime(1600000000);
         Vidora::CTime end = Vidora::CTime(1600000012);
@@ -74,7 +76,7 @@ public:
     int UpdataStreamInfo(long arg) override;
     bool Start(frame_proc_t proc) override;
     bool Stop(frame_proc_t proc) override;
-    bool Pause() override { return record("Pause"); }
+    bool Pause() override;
     bool Resume() override { return record("Resume"); }
     bool SetSpeed(float speed) override { return record("SetSpeed " + std::to_string(speed)); }
     bool SeekByTime(const Vidora::CTime& time) override;
