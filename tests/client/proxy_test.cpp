@@ -29,10 +29,11 @@ public:
         m_svr->Close();
         m_live_svr->Close();
     }
-    std::string Url(int origin) const {
-        return "rtsp://127.0.0.1:" + std::to_string(m_port) + "/" + LIVE_NAME +
+    std::string Url(int origin, const std::string& content = LIVE_NAME) const {
+        return "rtsp://127.0.0.1:" + std::to_string(m_port) + "/" + content +
                "?proxy=127.0.0.1:" + std::to_string(origin);
     }
+    int Port() const { return m_port; }
 
 private:
     int m_port = 0;
@@ -69,6 +70,21 @@ TEST_F(CProxyTest, TwoEdgesRelayOneOriginToTheirPlayers) {
         }));
     }
     EXPECT_TRUE(SessionsGone());
+}
+
+// The edge counts its client once, however often that rests.
+TEST_F(CProxyTest, ARecordingIsSoughtBehindAPause) {
+    StartServer();
+    CFakeStreamSource::SetNext(CFakeStreamSource::FileVideo());
+    CEdge edge(m_config);
+    CRtspTestClient client(edge.Port());
+    const std::string url = edge.Url(m_port, FILE_CONTENT);
+    EXPECT_EQ(200, client.Ask("DESCRIBE", url).status);
+    EXPECT_EQ(200, client.Ask("SETUP", url + "/trackID=0", INTERLEAVED).status);
+    for (const char* method : {"PLAY", "PAUSE", "PLAY"}) {
+        EXPECT_EQ(200, client.Ask(method, url).status) << method;
+    }
+    EXPECT_EQ(200, client.Ask("PLAY", url, "Range: npt=3-\r\n").status);
 }
 
 TEST_F(CProxyTest, AnOriginThatIsNotThereEndsTheRequest) {
