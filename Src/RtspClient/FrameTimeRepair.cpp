@@ -57,11 +57,21 @@ uint16_t CFrameTimeRepair::repair_audio(uint16_t value) {
 }
 
 uint16_t CFrameTimeRepair::repair_video(uint16_t value) {
-    value = in_order(m_last_video.known, m_last_video.value, value);
+    if (!is_b_picture(value)) {
+        const uint16_t raw = value;
+        value = in_order(m_latest.known, m_latest.value, value);
+        const bool has_room = value == raw && distance(m_latest.value, value) >= 0;
+        m_before_latest = {m_latest.known && has_room, m_latest.value};
+        m_latest = {true, value};
+    }
     m_last_video = {true, value};
     m_video_is_near = true;
     m_audio_at_video = m_raw_audio;
     return value;
+}
+
+bool CFrameTimeRepair::is_b_picture(uint16_t value) const {
+    return m_before_latest.known && distance(m_before_latest.value, value) > 0 && distance(value, m_latest.value) > 0;
 }
 
 }  // namespace Vidora
