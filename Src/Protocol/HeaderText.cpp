@@ -27,10 +27,14 @@ size_t header_end(std::string_view text) {
 
 bool has_name(std::string_view header, std::string_view name) {
     return header.size() > name.size() && header[name.size()] == ':' &&
-           Tramel::EqualCase(header.data(), name.data(), name.size());
+           EqualsAnyCase(header.substr(0, name.size()), name);
 }
 
 }  // namespace
+
+bool EqualsAnyCase(std::string_view a, std::string_view b) {
+    return a.size() == b.size() && Tramel::EqualCase(a.data(), b.data(), a.size());
+}
 
 std::string_view TrimBlanks(std::string_view text) {
     const size_t begin = text.find_first_not_of(BLANKS);

@@ -18,6 +18,9 @@ bool NextHeaderValue(std::string_view& message, std::string_view name, std::stri
 // the white space behind it. The length then. A value that doesn't fit is cut.
 unsigned int AppendUnfolded(std::string_view value, char* out, unsigned int length, unsigned int size);
 
+// Whether two texts are equal but for the case of ASCII letters.
+bool EqualsAnyCase(std::string_view a, std::string_view b);
+
 // Takes white space off both ends.
 std::string_view TrimBlanks(std::string_view text);
 // Takes what is in front of the next `separator` that is in no quoted string off `text`, and the separator, and returns

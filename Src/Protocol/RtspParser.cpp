@@ -146,10 +146,13 @@ void CRtspParser::read_value(CStrParser& text, const char* key, char* out, unsig
     text.ConsumeSentence("\r\n", out, size);
 }
 
-bool CRtspParser::read_unfolded(CStrParser& text, const char* name, char* out, unsigned int size) {
+std::string_view CRtspParser::message_of(CStrParser& text) {
     text.ResetAll();
-    const std::string_view message(text.GetString(), static_cast<size_t>(text.GetStringLen()));
-    const std::string_view value = HeaderValue(message, name);
+    return {text.GetString(), static_cast<size_t>(text.GetStringLen())};
+}
+
+bool CRtspParser::read_unfolded(CStrParser& text, const char* name, char* out, unsigned int size) {
+    const std::string_view value = HeaderValue(message_of(text), name);
     return !value.empty() && AppendUnfolded(value, out, 0, size) > 0;
 }
 

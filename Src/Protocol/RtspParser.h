@@ -4,6 +4,7 @@
 #include <cstdint>
 #include <map>
 #include <string>
+#include <string_view>
 #include <utility>
 
 #include "Protocol/MessageMemory.h"
@@ -139,6 +140,8 @@ protected:
     static bool find_header(CStrParser& text, const char* key);
     // Steps over `key` and white space and copies up to the line's end.
     static void read_value(CStrParser& text, const char* key, char* out, unsigned int size);
+    // The whole message.
+    static std::string_view message_of(CStrParser& text);
     // By conformance: the value of the header of that name, if it has one, with its lines joined. False if not.
     static bool read_unfolded(CStrParser& text, const char* name, char* out, unsigned int size);
     // The two numbers at the next digits.

@@ -106,7 +106,7 @@ int CRtspReqParser::parse_status_code(CStrParser& text) {
 int CRtspReqParser::read_challenge(CStrParser& text) {
     text.ResetAll();
     if (m_conformance) {
-        std::string_view rest(text.GetString(), static_cast<size_t>(text.GetStringLen()));
+        std::string_view rest = message_of(text);
         std::string_view value;
         unsigned int length = 0;
         m_texts->auth[0] = '\0';
@@ -251,9 +251,7 @@ int CRtspReqParser::read_transport(CStrParser& text) {
 
 // RFC 2326 12.39. The server gives one transport, the one that it has chosen.
 int CRtspReqParser::read_standard_transport(CStrParser& text) {
-    text.ResetAll();
-    std::string_view value =
-        HeaderValue(std::string_view(text.GetString(), static_cast<size_t>(text.GetStringLen())), "Transport");
+    std::string_view value = HeaderValue(message_of(text), "Transport");
     m_has_transport = !value.empty();
     transport_offer offer;
     if (!m_has_transport) {

@@ -169,10 +169,10 @@ int CRtspRspParser::read_transport(CStrParser& text) {
         return RTSP_BAD_MESSAGE;
     }
     m_texts->transport.reset();
-    text.ResetAll();
     if (m_conformance) {
-        return read_offers(std::string_view(text.GetString(), static_cast<size_t>(text.GetStringLen())));
+        return read_offers(message_of(text));
     }
+    text.ResetAll();
     if (text.LocateStringCase("Transport:") < 0) {
         return RTSP_OK;  // interleaved RTP, channels 0 and 0
     }

@@ -5,7 +5,6 @@
 #include "Protocol/HeaderText.h"
 #include "Tramel/IpText.h"
 #include "Tramel/StrParser.h"
-#include "Tramel/TextSearch.h"
 #include "Vidora/Names.h"
 
 namespace Kavio {
@@ -40,10 +39,6 @@ const pair_row PAIRS[] = {
     {"port", &transport_offer::port},
 };
 
-bool is_name(std::string_view text, std::string_view name) {
-    return text.size() == name.size() && Tramel::EqualCase(text.data(), name.data(), name.size());
-}
-
 std::string_view unquoted(std::string_view text) {
     const bool is_quoted = text.size() > 1 && text.front() == '"' && text.back() == '"';
     return is_quoted ? text.substr(1, text.size() - 2) : text;
@@ -76,20 +71,20 @@ void read_parameter(std::string_view text, transport_offer& offer) {
     const std::string_view name = TakePart(text, '=');
     const std::string_view value = unquoted(TrimBlanks(text));
     for (const pair_row& row : PAIRS) {
-        if (is_name(name, row.name)) {
+        if (EqualsAnyCase(name, row.name)) {
             offer.*row.place = read_pair(value);
         }
     }
-    if (is_name(name, "multicast")) {
+    if (EqualsAnyCase(name, "multicast")) {
         offer.multicast = true;
-    } else if (is_name(name, "destination")) {
+    } else if (EqualsAnyCase(name, "destination")) {
         offer.destination = value;
-    } else if (is_name(name, "source")) {
+    } else if (EqualsAnyCase(name, "source")) {
         offer.source = value;
-    } else if (is_name(name, "ttl")) {
+    } else if (EqualsAnyCase(name, "ttl")) {
         uint8_t ttl = 0;
         offer.ttl = read_number(value, DECIMAL, ttl) ? ttl : 0;
-    } else if (is_name(name, "ssrc")) {
+    } else if (EqualsAnyCase(name, "ssrc")) {
         offer.ssrc = read_number(value, HEX, offer.ssrc) ? offer.ssrc : 0;
     }
 }
@@ -97,7 +92,7 @@ void read_parameter(std::string_view text, transport_offer& offer) {
 bool read_transport(std::string_view text, transport_offer& offer) {
     const std::string_view protocol = TakePart(text, ';');
     for (const protocol_row& row : PROTOCOLS) {
-        if (!is_name(protocol, row.name)) {
+        if (!EqualsAnyCase(protocol, row.name)) {
             continue;
         }
         offer = transport_offer();

@@ -2,7 +2,7 @@
 
 #include <algorithm>
 
-#include "RtspClient/DigestResponse.h"
+#include "Protocol/HeaderText.h"
 
 namespace Kavio {
 namespace Vidora {

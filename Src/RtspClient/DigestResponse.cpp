@@ -2,16 +2,12 @@
 
 #include <cstdio>
 
-#include "Tramel/TextSearch.h"
+#include "Protocol/HeaderText.h"
 #include "Vidora/Names.h"
 #include "Vidora/Ostra/Md5.h"
 
 namespace Kavio {
 namespace Vidora {
-
-bool EqualsAnyCase(std::string_view a, std::string_view b) {
-    return a.size() == b.size() && Tramel::EqualCase(a.data(), b.data(), a.size());
-}
 
 std::string DigestHash(std::initializer_list<std::string_view> parts) {
     Utils::CMd5 md5;

@@ -8,9 +8,6 @@
 namespace Kavio {
 namespace Vidora {
 
-// Whether two texts are equal but for the case of ASCII letters.
-bool EqualsAnyCase(std::string_view a, std::string_view b);
-
 // H of RFC 2617 3.2.1 over the parts joined by colons: MD5 as 32 lower-case hexadecimal digits.
 std::string DigestHash(std::initializer_list<std::string_view> parts);
 

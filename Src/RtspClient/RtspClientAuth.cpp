@@ -5,6 +5,7 @@
 #include <cstring>
 #include <new>
 
+#include "Protocol/HeaderText.h"
 #include "Protocol/RtspTables.h"
 #include "RtspClient/DigestResponse.h"
 #include "Tramel/StrParser.h"
