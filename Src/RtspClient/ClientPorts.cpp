@@ -27,14 +27,17 @@ std::shared_ptr<CUdpSockPair> make_pair() {
     }
 }
 
-std::shared_ptr<CSockDgram> open_sock(const CSockAddrStorage& at) {
-    std::shared_ptr<CSockDgram> sock;
+std::shared_ptr<CSockDgram> make_sock() {
     try {
-        sock = std::make_shared<CSockDgram>();
+        return std::make_shared<CSockDgram>();
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
-    return sock->Open(&at) == 0 ? sock : nullptr;
+}
+
+std::shared_ptr<CSockDgram> open_sock(const CSockAddrStorage& at) {
+    const std::shared_ptr<CSockDgram> sock = make_sock();
+    return sock != nullptr && sock->Open(&at) == 0 ? sock : nullptr;
 }
 
 // Moves a socket to the port that the server sends to. One that can't be moved stays where it is.
@@ -81,14 +84,25 @@ std::string interface_of(const CSockAddrStorage& local) {
     return name;
 }
 
+bool is_loopback(const std::string& interface_name) {
+    return interface_name.rfind("127.", 0) == 0 || interface_name == "lo";
+}
+
+// On that interface alone: another network may have a group of the same address. A server on this host sends where its
+// routes point, so that the group is joined there as well.
 std::shared_ptr<CSockDgram> join(const CSockAddrStorage& group, int port, const std::string& interface_name) {
     CSockAddrStorage at(group);
     at.SetPort(static_cast<unsigned short>(port));
-    std::shared_ptr<CSockDgram> sock = open_sock(at);
-    if (sock != nullptr && !interface_name.empty()) {
-        sock->SetMulticastIF(interface_name.c_str());
+    const std::shared_ptr<CSockDgram> sock = make_sock();
+    if (sock == nullptr) {
+        return nullptr;
     }
-    return sock;
+    if (is_loopback(interface_name) && sock->Open(&at) == 0) {
+        sock->SetMulticastIF(interface_name.c_str());
+        return sock;
+    }
+    const bool is_joined = !interface_name.empty() && sock->OpenGroup(at, interface_name.c_str()) == 0;
+    return is_joined || sock->Open(&at) == 0 ? sock : nullptr;
 }
 
 }  // namespace

@@ -87,23 +87,31 @@ int CSockDgram::Open(const CSockAddr* local) {
         errno = EINVAL;
         return -1;
     }
+    if (at.IsMulticast()) {
+        return open_group(at) != 0 || join(m_fd, at, 0, in_addr{}) != 0 ? FailOpen(*this) : 0;
+    }
     if (OpenUnbound(at.IsValid() ? at.GetType() : static_cast<int>(SOCK_ADDR_IPV4), true) != 0) {
         return -1;
     }
-    if (!at.IsValid()) {
-        return 0;
+    return at.IsValid() && Bind(at) != 0 ? FailOpen(*this) : 0;
+}
+
+int CSockDgram::OpenGroup(const CSockAddrStorage& group, const char* interface_name) {
+    return open_group(group) != 0 || SetMulticastIF(interface_name) != 0 ? FailOpen(*this) : 0;
+}
+
+// Bound to the group, which isn't joined yet.
+int CSockDgram::open_group(const CSockAddrStorage& group) {
+    if (OpenUnbound(group.GetType(), true) != 0) {
+        return -1;
     }
-    const int fd = m_fd;
-    const bool is_group = at.IsMulticast();
-    if (is_group) {
-        SetOption(fd, SOL_SOCKET, SO_REUSEADDR, 1);  // several receivers of a group share its port
-        // Only what is sent to the group that this socket joins, not to those that others on the host have joined.
-        SetOption(fd, IPPROTO_IP, IP_MULTICAST_ALL, 0);
+    SetOption(m_fd, SOL_SOCKET, SO_REUSEADDR, 1);  // several receivers of a group share its port
+    // Only what is sent to the group that this socket joins, not to those that others on the host have joined.
+    SetOption(m_fd, IPPROTO_IP, IP_MULTICAST_ALL, 0);
 #ifdef IPV6_MULTICAST_ALL
-        SetOption(fd, IPPROTO_IPV6, IPV6_MULTICAST_ALL, 0);
+    SetOption(m_fd, IPPROTO_IPV6, IPV6_MULTICAST_ALL, 0);
 #endif
-    }
-    return Bind(at) != 0 || (is_group && join(fd, at, 0, in_addr{}) != 0) ? FailOpen(*this) : 0;
+    return Bind(group);
 }
 
 int CSockDgram::OpenUnbound(int family, bool receives) {

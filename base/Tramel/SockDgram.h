@@ -24,6 +24,9 @@ public:
     // Opens and binds at `local`; null: an unbound IPv4 socket. On a multicast address: binds there with address reuse
     // and joins the group. The receive buffer is raised to at least 1 MiB as far as the system allows. 0 or -1.
     int Open(const CSockAddr* local);
+    // The same on a multicast address, with the group joined on one interface, named as for SetMulticastIF, and not
+    // where the system's routes point: a host may have no route to groups.
+    int OpenGroup(const CSockAddrStorage& group, const char* interface_name);
     // Opens in two steps, the second of which may fail and be tried again at another address. An IPv6 socket takes both
     // families. `receives`: with a receive buffer as by Open, otherwise with the system's.
     int OpenUnbound(int family, bool receives);
@@ -88,6 +91,7 @@ private:
     static const unsigned int ANY_SIZE = 65536;
 
     int family() const;
+    int open_group(const CSockAddrStorage& group);
 
     CDgramTarget m_target;                    // unless the socket is connected
     int m_family = 0;                         // a sock_addr_type_t; 0: not known
