@@ -223,17 +223,18 @@ int CSvrConversation::take_refused(int refusal, const char* text, int size) {
 }
 
 // A request that isn't served. By the standards' way it is answered and leaves everything as it was. Otherwise the
-// client hears nothing, but of a source that can't be made, and the machine waits on; see CStateMachine.
+// client hears nothing, but of a source that can't be made, and the machine waits on; see CStateMachine. Either way a
+// client that was told that it plays, and gets no media, must not wait for them.
 int CSvrConversation::on_refused(const StateEvent& event, int refusal) {
+    if (refusal == REFUSED_ANSWERED) {
+        End(MSG_SRC_FAIL);
+        return 0;
+    }
     if (!m_config.GetConformance()) {
         if (refusal == REFUSED_SOURCE) {
             send_error(RTSP_STATUS_NOT_FOUND);
         }
         return -1;
-    }
-    if (refusal == REFUSED_ANSWERED) {
-        End(MSG_SRC_FAIL);
-        return 0;
     }
     if (refusal == REFUSED_BY_STATE) {
         parse_event(event);  // for its CSeq: nothing may have read it yet

@@ -298,7 +298,7 @@ int CSvrConversation::enter_route() {
         return -1;
     }
     if (m_source.Enter(*m_route, m_packet_type) < 0) {
-        // Nothing is attached, and the keep-alive ends the session.
+        // Nothing is attached, and the session ends.
         logError("%s:%d, EnterLiveChannel failed, this:%p.\n", __FILE__, __LINE__, static_cast<void*>(this));
         return -1;
     }

@@ -12,7 +12,12 @@ namespace Vidora {
 // THREADING  Any thread.
 class CNotifyingSource : public CDataSource {
 public:
-    void AddNotify(long notify_id) final { add_notify(notify_id); }
+    // One that can't be added is told that there will be nothing for it.
+    void AddNotify(long notify_id) final {
+        if (!add_notify(notify_id)) {
+            Notify(notify_id, MSG_SRC_FAIL, 0);
+        }
+    }
     void DelNotify(long notify_id) final { m_notify_list.Remove(notify_id); }
     // A source that has nothing to read anew is ready with what it has.
     int UpdataDataSrc(long) override {

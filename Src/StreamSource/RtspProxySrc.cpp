@@ -1,5 +1,6 @@
 #include "StreamSource/RtspProxySrc.h"
 
+#include <algorithm>
 #include <cstdio>
 #include <new>
 
@@ -16,6 +17,11 @@ namespace {
 // Room for the lines that a description must have (RFC 4566 5), which the parser adds where they are missing.
 const size_t ADDED_LINES_SIZE = 128;
 const double US_PER_SECOND = 1000000.0;
+const double MAX_SECONDS = 1e12;  // beyond any recording; its microseconds fit 64 bits
+
+uint64_t to_us(double seconds) {
+    return static_cast<uint64_t>(std::min(seconds, MAX_SECONDS) * US_PER_SECOND);
+}
 
 float to_seconds(uint64_t time_us) {
     return time_us == TIME_NOT_GIVEN ? -1.0F : static_cast<float>(static_cast<double>(time_us) / US_PER_SECOND);
@@ -33,7 +39,9 @@ CRtspProxySrc::~CRtspProxySrc() {
 }
 
 int CRtspProxySrc::Init(long notify_id, int) {
-    AddNotify(notify_id);
+    if (!add_notify(notify_id)) {
+        return -1;
+    }
     CGuard guard(m_mutex);
     if (m_closed || m_has_engine) {
         return -1;
@@ -190,8 +198,8 @@ int CRtspProxySrc::GetPlayRange(uint64_t& start_us, uint64_t& end_us) {
         return -1;
     }
     const client_play_range range = m_client->Conversation().View().Range();
-    start_us = range.begin >= 0 ? static_cast<uint64_t>(range.begin * US_PER_SECOND) : 0;
-    end_us = range.end > 0 ? static_cast<uint64_t>(range.end * US_PER_SECOND) : TIME_NOT_GIVEN;
+    start_us = range.begin >= 0 ? to_us(range.begin) : 0;
+    end_us = range.end > 0 ? to_us(range.end) : TIME_NOT_GIVEN;
     return 0;
 }
 

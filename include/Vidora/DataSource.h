@@ -49,7 +49,8 @@ public:
     virtual void SetConfig(const CRtspSvrConfig& config);
     // Makes the stream behind it; `notify_id` gets the messages. `ext` is 0.
     virtual int Init(long notify_id, int ext) = 0;
-    // Adds a handler that gets the messages; it is stored at most once. And removes it.
+    // Adds a handler that gets the messages; it is stored at most once, and gets MSG_SRC_FAIL if there is no memory for
+    // it. And removes it.
     virtual void AddNotify(long notify_id) = 0;
     virtual void DelNotify(long notify_id) = 0;
     // Plays from `start` to `end`; a year of 0 means not given. `speed`: 1.0 real time, below 0 backwards, never 0.
