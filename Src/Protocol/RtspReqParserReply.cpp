@@ -223,6 +223,7 @@ void CRtspReqParser::read_content_base(CStrParser& text) {
 
 int CRtspReqParser::read_transport(CStrParser& text) {
     m_texts->transport.reset();
+    m_multicast = multicast_info();  // another track's group is none of this one's
     text.ResetAll();
     m_has_transport = text.LocateStringCase("Transport:") >= 0;
     m_source[0] = '\0';

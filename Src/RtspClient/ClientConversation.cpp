@@ -123,7 +123,7 @@ int CClientConversation::Begin(const std::string& url, const client_settings& se
     m_parser.SetConformance(settings.conformance);
     m_auth.SetConformance(settings.conformance);
     m_timer = m_handler.SetTimer(ClientTiming().tick_us);
-    return 0;
+    return m_timer != 0 ? 0 : -1;
 }
 
 void CClientConversation::OnMessage(long sender_id, unsigned int msg) {

@@ -82,6 +82,11 @@ int CClientConversation::send_keepalive() {
     const rtsp_method_t method = m_keepalive.Method();
     const char* text = method == RTSP_METHOD_OPTIONS ? m_parser.generate_options()
                                                      : m_parser.generate_parameter(method, nullptr, nullptr);
+    if (text != nullptr) {
+        // Into the log, as standard output is the host's.
+        const CLogQuote quote(Ostra::LOG_LEVEL_DEBUG, text);
+        logDebug("%s:%d,KeepLive Mothod=%s\n", __FILE__, __LINE__, quote.Text());
+    }
     return queue(method, text, REQUEST_KEEPALIVE);
 }
 

@@ -126,7 +126,7 @@ void CFrameRateRepair::measure_slow() {
 }
 
 void CFrameRateRepair::End() {
-    if (m_rate == 0 && m_saved_count > 0) {
+    if (m_rate < 1 && m_saved_count > 0) {
         measure();
     }
 }

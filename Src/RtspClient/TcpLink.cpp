@@ -190,10 +190,12 @@ CStreamReceiver* CTcpLink::MakeReceiver(packet_type_t packet_type, long owner_id
     if (receiver == nullptr) {
         return nullptr;
     }
-    m_handler.UnregisterSock(*m_sock, Tramel::SOCK_EVENT_READ);
     if (m_received > 0 && receiver->Feed(m_buffer.get(), m_received) < 0) {
         logWarn("%s:%d return -1\n", __FILE__, __LINE__);
+        receiver->Close();  // without these bytes what follows would be read from its middle
+        return nullptr;
     }
+    m_handler.UnregisterSock(*m_sock, Tramel::SOCK_EVENT_READ);
     m_received = 0;
     return receiver;
 }

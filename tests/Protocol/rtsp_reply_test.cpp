@@ -216,6 +216,20 @@ TEST(RtspClientReply, RepliesFindTheirRequestsOnce) {
     EXPECT_EQ(parser.get_method(), RTSP_METHOD_PAUSE);
 }
 
+TEST(RtspClientReply, AGroupIsThatOfItsOwnTrack) {
+    CRtspReqParser parser;
+    const transport_info t;
+    for (const char* group : {"239.0.0.1", ""}) {
+        parser.generate_setup(&t, nullptr, false);
+        const std::string cseq = std::to_string(parser.get_cseq());
+        const std::string destination = *group != '\0' ? std::string(";destination=") + group : "";
+        EXPECT_EQ(
+            read(parser, "RTSP/1.0 200 OK\nCSeq: " + cseq + "\nTransport: RTP/AVP;multicast" + destination + "\n\n"),
+            0);
+        EXPECT_STREQ(parser.get_multicast()->addr, group);
+    }
+}
+
 // What a thread sanitizer must find quiet: an application that generates while the network thread reads.
 TEST(RtspClientThreads, GeneratorBesideReader) {
     CRtspReqParser parser;

@@ -350,6 +350,7 @@ TEST_F(CSessionTest, ApplicationRequestsAnswerOnceAndFailAlone) {
         const bool asks = request.text.find("wanted") != std::string::npos;
         return asks ? Server::Reply(request, "200 OK", "", "the answer") : Server::Reply(request, "451 No");
     });
+    const CLogCapture log;
     CClientHost host;
     char out[7] = "xxxxxx";
     char other[64] = "kept";
@@ -367,6 +368,7 @@ TEST_F(CSessionTest, ApplicationRequestsAnswerOnceAndFailAlone) {
     EXPECT_EQ(RTSP_CLIENT_CODE_STATUS + 451, host.Notes().back().param);
     EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
     EXPECT_EQ(-1, host.session->SendExtMsg(RTSP_METHOD_SET_PARAMETER, std::string(5000, 'x').c_str(), nullptr, 0));
+    EXPECT_EQ(1, log.Count(",KeepLive Mothod=GET_PARAMETER rtsp://"));
 }
 
 // A sink is called by one thread at a time, also when a server sends its client away while the sink is slow.
