@@ -11,9 +11,7 @@
 //     convert_streams to_ps VIDEO_TYPE AUDIO_TYPE    frames to a program stream
 //
 // A frame is its type letter (1), time stamp in milliseconds (8, little-endian), size (4, little-endian) and bytes.
-#include <algorithm>
 #include <cstdio>
-#include <cstdlib>
 #include <iostream>
 #include <iterator>
 #include <map>

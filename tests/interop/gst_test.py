@@ -65,16 +65,6 @@ class Player:
 
 
 class GStreamer(unittest.TestCase):
-    def test_live_over_tcp_and_udp(self):
-        with Host() as host:
-            for protocols in ("tcp", "udp"):
-                # Time stamps by RTP alone, whatever the load of the machine does to the arrival.
-                with self.subTest(protocols=protocols), Player(host.url(), protocols, "buffer-mode=none") as player:
-                    player.wait(lambda: len(player.times["video"]) > 75 and len(player.times["audio"]) > 75)
-                    times = player.times["video"][5:70]
-                    steps = [b - a for a, b in zip(times, times[1:])]
-                    self.assertTrue(all(abs(step - SECOND // 25) < SECOND // 100 for step in steps), steps)
-
     def test_recording_is_paused_resumed_and_sought(self):
         with Host() as host, Player(host.url("1_0_clip.kav"), "tcp") as player:
             player.wait_for_pictures(20)
@@ -114,15 +104,6 @@ class GStreamer(unittest.TestCase):
             with Host(*options) as host, Player(host.url("1_0_clip.kav"), "tcp") as player:
                 self.assertIsNotNone(player.bus.timed_pop_filtered(60 * SECOND, Gst.MessageType.EOS))
                 self.assertEqual(100, len(player.times["video"]))
-
-    def test_wrong_password_is_an_error(self):
-        with Host("--user", "admin:secret") as host:
-            with Player(host.url(), "tcp", "user-id=admin user-pw=secret") as player:
-                player.wait_for_pictures(5)
-            with Player(host.url(), "tcp", "user-id=admin user-pw=wrong") as player:
-                message = player.bus.timed_pop_filtered(20 * SECOND, Gst.MessageType.ERROR)
-                self.assertIsNotNone(message)
-                self.assertIn("nauthorized", str(message.parse_error()))
 
 
 if __name__ == "__main__":

@@ -13,7 +13,7 @@ import time
 import types
 import unittest
 
-from host_support import HOST, JPEG, LIVE, MEDIA, Host, Rtsp, main
+from host_support import HOST, LIVE, MEDIA, Host, Rtsp, main
 from peers import Folder, free_port, wait_for
 
 CLIP = "1_0_clip.kav"
@@ -212,7 +212,7 @@ class Ending(unittest.TestCase):
         with Host() as host, Rtsp(host) as peer:
             peer.play(2)
             peer.frame()
-            self.assertEqual(host.stop(), 0, host.lines)
+            self.assertEqual(host.stop(signal.SIGINT), 0, host.lines)
             last = {}
             with contextlib.suppress(EOFError):
                 while True:

@@ -1,13 +1,12 @@
 #!/usr/bin/env python3
-"""vidora-host with mpv and OpenCV, and what FFmpeg records: player_test.py HOST MEDIA [unittest arguments].
+"""vidora-host with mpv, and what FFmpeg records: player_test.py HOST MEDIA [unittest arguments].
 
 RECORD_SECONDS in the environment records for longer."""
 import os
-import sys
 import unittest
 from concurrent import futures
 
-from host_support import HOST, JPEG, LIVE, Host, main
+from host_support import HOST, LIVE, Host, main
 from peers import Folder, ffmpeg, outcome
 
 SECONDS = int(os.environ.get("RECORD_SECONDS", "7"))  # a sender report behind the first one
@@ -28,27 +27,6 @@ class Mpv(unittest.TestCase):
                             host.url(content, user="admin:secret"))
                         self.assertEqual(code, 0, (output, errors))
                         self.assertIn(b"h264 pcm_alaw", output)
-
-
-class OpenCv(unittest.TestCase):
-    @staticmethod
-    def read(url, transport, wanted):
-        """By a process of its own: the transport is a variable of the environment."""
-        reader = os.path.join(os.path.dirname(os.path.abspath(__file__)), "opencv_reader.py")
-        return outcome("env", f"OPENCV_FFMPEG_CAPTURE_OPTIONS=rtsp_transport;{transport}", sys.executable, reader, url,
-                       str(wanted))
-
-    def test_live_and_recording_over_tcp_and_udp(self):
-        # A recording is read for more pictures than it has: each of them comes, and then its end.
-        contents = ((LIVE, 40, 40), (JPEG, 40, 40), ("1_0_clip.kav", 1000, 100))
-        rows = [(*content, transport) for content in contents for transport in ("tcp", "udp")]
-        with Host("--user", "admin:secret") as host, futures.ThreadPoolExecutor(len(rows)) as pool:
-            readers = [pool.submit(self.read, host.url(content, user="admin:secret"), transport, wanted)
-                       for content, wanted, _, transport in rows]
-            for row, reader in zip(rows, readers):
-                with self.subTest(row=row):
-                    code, output, errors = reader.result()
-                    self.assertEqual((code, output), (0, b"%d (240, 320, 3)\n" % row[2]), errors)
 
 
 class TimeStamps(unittest.TestCase):

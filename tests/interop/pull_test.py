@@ -121,14 +121,6 @@ class FromGStreamer(PullTest):
 
 
 class Failing(PullTest):
-    def test_login(self):
-        with Host("--user", "admin:secret") as host:
-            for url, options in ((host.url(user="admin:secret"), ()),
-                                 (host.url(), ("--user", "admin", "--password", "secret"))):
-                self.check_pull(url, "--seconds", "1", *options, pictures=1)
-            for user in ("admin:wrong", "nobody:secret", None):
-                self.check_failure("unauthorised", host.url(user=user))
-
     def test_what_failed_is_told_in_words(self):
         with Host() as host, socket.create_server(("127.0.0.1", 0)) as silent:
             for words, url, *options in (
