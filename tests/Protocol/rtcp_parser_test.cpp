@@ -1,7 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <sstream>
-
 #include "Protocol/RtcpParser.h"
 #include "support/Capture.h"
 #include "support/SampleTable.h"

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <cstring>
-#include <sstream>
 #include <thread>
 
 #include "Protocol/RtspReqParser.h"

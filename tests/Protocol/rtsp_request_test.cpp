@@ -2,7 +2,6 @@
 #include <gtest/gtest.h>
 
 #include <cstring>
-#include <sstream>
 
 #include "Protocol/RtspRspParser.h"
 #include "Protocol/RtspTables.h"

@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <sstream>
-#include <string>
-
 #include "Vidora/RtspUrlParser.h"
 #include "support/Capture.h"
 #include "support/SampleTable.h"

@@ -1,9 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <atomic>
-#include <functional>
-
 #include "RtspClient/DecoderParams.h"
 #include "StreamTcpReceiver.h"
 #include "StreamUdpReceiver.h"
@@ -13,7 +9,6 @@
 #include "Vidora/RtspClientBuffer.h"
 #include "support/Capture.h"
 #include "support/FrameBuilder.h"
-#include "support/Interleave.h"
 #include "support/RtspText.h"
 #include "support/SampleTable.h"
 #include "support/TestHandler.h"

@@ -135,9 +135,7 @@ protected:
     }
     static int CountRequests(CScriptedServer& server, const std::string& words) {
         const Rule rule(words + " -> ");
-        const std::vector<ServerRequest> requests = server.Requests();
-        return static_cast<int>(std::count_if(requests.begin(), requests.end(),
-                                              [&](const ServerRequest& each) { return rule.Fits(each); }));
+        return server.requests.CountIf([&](const ServerRequest& each) { return rule.Fits(each); });
     }
     int CountNotes(const std::string& name) {
         static const std::map<std::string, unsigned int> notes = {{"SETUP_READY", MSG_RTSP_SETUP_READY},
@@ -256,8 +254,7 @@ TEST_F(CSessionTest, ServerMayMoveTheClientsPort) {
                                        std::to_string(sender.Port()) + "\r\n");
     });
     CClientHost host;
-    ASSERT_EQ(0, host.Start(server.Url(), RTP_OVER_UDP));
-    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    ASSERT_TRUE(host.Plays(server.Url(), RTP_OVER_UDP));
     unsigned int sequence = 0;
     EXPECT_TRUE(WaitUntil([&] {
         sender.Send(Server::Rtp(++sequence).substr(4), moved);
@@ -289,10 +286,7 @@ TEST_F(CSessionTest, ByesFromPlayOnEndAUdpSession) {
                                              "m=audio 0 RTP/AVP 8\r\na=control:a\r\n"));
         }
         if (request.method == "SETUP") {
-            const size_t place = request.text.find("client_port=");
-            ports.push_back(std::stoi(request.text.substr(place + 12)));
-            const std::string transport = request.text.substr(place, request.text.find("\r\n", place) - place);
-            return Server::Reply(request, "200 OK", "Session: 1\r\nTransport: RTP/AVP;unicast;" + transport + "\r\n");
+            ports.push_back(request.ClientPort());
         }
         if (request.method == "PLAY") {
             EXPECT_TRUE(send_media());
@@ -304,8 +298,7 @@ TEST_F(CSessionTest, ByesFromPlayOnEndAUdpSession) {
         return Server::Answer(request);
     });
     host.session->SetConformance(true);
-    ASSERT_EQ(0, host.Start(server.Url(), RTP_OVER_UDP));
-    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    ASSERT_TRUE(host.Plays(server.Url(), RTP_OVER_UDP));
     sender.Send(bye, ports[1] + 1);
     EXPECT_EQ(RTSP_CLIENT_CODE_ENDED, host.EndCode());
 }
@@ -357,8 +350,7 @@ TEST_F(CSessionTest, ApplicationRequestsAnswerOnceAndFailAlone) {
     host.session->SetKeepAlive(RTSP_METHOD_GET_PARAMETER);
     EXPECT_EQ(0, host.session->SetCmdExtKey(RTSP_METHOD_DESCRIBE, "X-Mark", "1"));
     EXPECT_EQ(-1, host.session->SetCmdExtKey(RTSP_METHOD_PLAY, "X-Mark", "1\r\nX: 2"));
-    ASSERT_EQ(0, host.Start(server.Url()));
-    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    ASSERT_TRUE(host.Plays(server.Url()));
     EXPECT_EQ(0, host.session->SendExtMsg(RTSP_METHOD_SET_PARAMETER, "wanted", out, sizeof(out)));
     EXPECT_TRUE(host.WaitFor(MSG_RTSP_PARAMETER_REPLY));
     EXPECT_STREQ("the an", out);
@@ -415,8 +407,7 @@ TEST_F(CSessionTest, MayBeUsedAndClosedInASinkThatARedirectWaitsFor) {
             EXPECT_EQ(0, host.session->SetCmdExtKey(RTSP_METHOD_DESCRIBE, "X-Mark", "2"));
             EXPECT_EQ(0, host.session->SetKeepAlive(RTSP_METHOD_GET_PARAMETER));
             host.session->Pause();
-            RtspClientStatistics statistics;
-            host.session->GetStatistics(statistics);
+            host.Statistics();
             if (attempt % 2 != 0) {
                 host.Close();
             }

@@ -5,14 +5,10 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <mutex>
-#include <string>
-#include <thread>
-
 #include "Vidora/KXFrame.h"
 #include "support/Capture.h"
 #include "support/FrameBuilder.h"
+#include "support/GuardedList.h"
 #include "support/RtspText.h"
 #include "support/SampleTable.h"
 #include "support/StreamBytes.h"
@@ -71,13 +67,9 @@ public:
         if (on_frame) {
             on_frame();
         }
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        m_bodies.push_back(frame.valid() ? BodyOf(frame) : "");
+        m_bodies.Add(frame.valid() ? BodyOf(frame) : "");
     }
-    std::vector<std::string> Bodies() const {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        return m_bodies;
-    }
+    std::vector<std::string> Bodies() const { return m_bodies.All(); }
     bool WaitFor(size_t count) const {
         return WaitUntil([&] { return Bodies().size() >= count; });
     }
@@ -93,8 +85,7 @@ public:
     std::function<void()> on_frame;  // set before frames can come
 
 private:
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_bodies;
+    CGuardedList<std::string> m_bodies;
 };
 
 class CSingleTrackTest : public ::testing::Test {

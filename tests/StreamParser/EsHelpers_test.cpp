@@ -1,12 +1,9 @@
 // The helpers that read elementary streams: start codes, parameter sets, CRC, and pictures' sizes.
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <random>
-#include <vector>
 
 #include "StreamParser/Crc32.h"
-#include "StreamParser/Mpeg2Parser.h"
 #include "Vidora/H264Parser.h"
 #include "Vidora/Mpeg4Parser.h"
 #include "Vidora/StartCode.h"
@@ -78,18 +75,6 @@ TEST(Mpeg4ParserTest, ReadsARealVolBehindOtherHeaders) {
         Mpeg4Vol none;
         EXPECT_FALSE(mpeg4_parse_vol(Part(config, 0, len).data(), len, none)) << len;
     }
-}
-
-TEST(Mpeg2ParserTest, ReadsARealSequenceHeader) {
-    const Bytes data = FromHex("000001b32d024013ffffe018000001b5148a0001000000000100000800400000");
-    Mpeg2Sequence sequence;
-    ASSERT_TRUE(mpeg2_parse_sequence(data.data(), data.size(), sequence));
-    EXPECT_EQ(sequence.width, 720u);
-    EXPECT_EQ(sequence.height, 576u);
-    EXPECT_EQ(sequence.frame_rate, 25);
-    EXPECT_EQ(mpeg2_picture_type(data.data(), data.size()), 1);
-    EXPECT_EQ(mpeg2_picture_type(data.data(), 20), 0);
-    EXPECT_FALSE(mpeg2_parse_sequence(data.data(), 7, sequence));
 }
 
 }  // namespace

@@ -5,8 +5,6 @@
 #include "StreamParser/RtpHeader.h"
 #include "support/Capture.h"
 #include "support/PackerUnits.h"
-#include "support/SampleTable.h"
-#include "support/StreamBytes.h"
 
 namespace Kavio::Support {
 namespace {

@@ -3,10 +3,7 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <set>
-#include <string>
-#include <vector>
 
 #include "support/Capture.h"
 #include "support/Depacketiser.h"

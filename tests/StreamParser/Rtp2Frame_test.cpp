@@ -4,12 +4,11 @@
 
 #include <set>
 
+#include "StreamParser/Frame2Rtp.h"
 #include "StreamParser/Frame2Ts.h"
 #include "support/Capture.h"
 #include "support/Depacketiser.h"
 #include "support/PackerUnits.h"
-#include "support/SampleTable.h"
-#include "support/StreamBytes.h"
 
 namespace Kavio::Support {
 namespace {
@@ -39,6 +38,37 @@ TEST(Rtp2Frame, TimeRunsInTheClockOfAudioAndIn90KhzElsewhere) {
         EXPECT_EQ(0u, in.Engine().GetPts());
         in.Put(MakeRtp({2, 0xFFFFFF00 + static_cast<uint32_t>(numbers[2])}, Bytes(20, 0)));
         EXPECT_EQ(row[1], std::to_string(in.Engine().GetPts()));
+    }
+}
+
+// Steps that aren't whole milliseconds: what is left over is carried, both ways, whatever the clock.
+TEST(Rtp2Frame, NoClockDriftsHereOrAtThePacketiser) {
+    const struct {
+        int enc_type;
+        uint32_t clock, ticks;  // of a frame
+    } rows[] = {{ENC_TYPE_H264, 90000, 3600},
+                {ENC_TYPE_H264, 90000, 3003},
+                {ENC_TYPE_AUDIO, 44100, 1024},
+                {ENC_TYPE_AUDIO, 11025, 1024}};
+    for (const auto& row : rows) {
+        Depacketiser in(row.enc_type, true, row.clock);
+        CFrame2Rtp packer;
+        packer.SetRtpInfo(1, 96, 0, 77, row.clock);
+        RtpFields fields;
+        fields.marker = true;
+        fields.timestamp = 0xFFF00000;
+        for (uint64_t i = 0; i < 150000; ++i, ++fields.sequence, fields.timestamp += row.ticks) {  // over the wraps
+            const Bytes packet = MakeRtp(fields, {0x61, 0xE0});
+            ASSERT_EQ(1, in.Engine().PutPacket(packet.data(), static_cast<int>(packet.size())));
+            ASSERT_EQ(i * row.ticks * 1000 / row.clock, in.Engine().GetPts()) << row.clock;
+            in.Engine().Clear();
+            const unsigned char byte = 1;
+            const uint64_t ms = i * row.ticks * 1000 / row.clock;
+            ASSERT_EQ(0, packer.PutFrame(&byte, 1, ENC_TYPE_AUDIO, 1700000000000 + ms, 0));
+            RtpEncParam param;
+            packer.GetRtpInfo(param);
+            ASSERT_EQ(77 + static_cast<uint32_t>(ms * row.clock / 1000), param.timestamp) << row.clock;
+        }
     }
 }
 

@@ -1,7 +1,6 @@
 // The converter framework: factory, parameters, results, output modes, statistics, console.
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <cmath>
 
 #include "StreamParser/RtpHeader.h"
@@ -196,21 +195,12 @@ Flumen::CMediaFrame rtp_packet(uint16_t sequence, uint32_t timestamp, bool marke
 TEST(StreamParser, RtpDecoderCleansUpAfterBadCallersAndBadBytes) {
     const Bytes slice = {0x41, 0x9A, 7, 7};
     const CStreamParserPtr decoder = make_decoder(STREAM_TYPE_RAW_FRAME);
-    {
-        CLogCapture log(Ostra::LOG_LEVEL_ERROR);
-        uint16_t sequence = 1;
-        for (int i = 0; i < 8192; ++i) {
-            ASSERT_EQ(decoder->InputFrame(rtp_packet(sequence++, 90, false, slice)), PARSER_OK);
-        }
-        EXPECT_TRUE(log.Lines().empty());
-        EXPECT_EQ(decoder->InputFrame(rtp_packet(sequence++, 90, true, slice)), PARSER_FRAME_READY);
-        EXPECT_EQ(log.Count("frame packet count exceed 8192! clean to go ahead.\n"), 1);
-        // Not taken: it is lost, and the next one goes in.
-        EXPECT_EQ(decoder->InputFrame(rtp_packet(sequence++, 3690, true, slice)), PARSER_FRAME_READY);
-        EXPECT_EQ(log.Count("frame not taken yet, take it first.  StreamParser/StreamDecRtp.cpp:"), 1);
-        EXPECT_EQ(decoder->OutputFrame().size(), 4u + slice.size());
-    }
     CLogCapture log;
+    EXPECT_EQ(decoder->InputFrame(rtp_packet(1, 90, true, slice)), PARSER_FRAME_READY);
+    // Not taken: it is lost, and the next one goes in.
+    EXPECT_EQ(decoder->InputFrame(rtp_packet(2, 3690, true, slice)), PARSER_FRAME_READY);
+    EXPECT_EQ(log.Count("frame not taken yet, take it first.  StreamParser/StreamDecRtp.cpp:"), 1);
+    EXPECT_EQ(decoder->OutputFrame().size(), 4u + slice.size());
     EXPECT_EQ(decoder->InputFrame(Flumen::CMediaFrame()), PARSER_FAILED);
     EXPECT_EQ(decoder->InputFrame(make_frame({0x80, 0x60, 0, 1})), PARSER_FAILED);
     // A run with a packet longer than the rest.
@@ -283,6 +273,7 @@ TEST(StreamParser, LongFramesComeOutWholeOrNotAtAll) {
         }
         convert(*decoder, rtp_packet(sequence++, 7200, true, {0x41, 0x9A}), out);
         ASSERT_EQ(whole ? 3u : 2u, out.size());
+        EXPECT_EQ(log.Count("frame packet count exceed 8192! clean to go ahead.\n") > 0, count > 8192);
         EXPECT_TRUE(!whole || out[1].size() == 5 + count * (size - 2));
         EXPECT_EQ(bytes_of(out.back()), (Bytes{0, 0, 0, 1, 0x41, 0x9A}));
     }

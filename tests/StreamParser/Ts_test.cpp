@@ -1,9 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <map>
-#include <string>
-#include <vector>
 
 #include "StreamParser/Crc32.h"
 #include "StreamParser/Frame2Ps.h"
@@ -14,8 +11,6 @@
 #include "support/Capture.h"
 #include "support/Depacketiser.h"
 #include "support/PackerUnits.h"
-#include "support/SampleTable.h"
-#include "support/StreamBytes.h"
 
 namespace Kavio::Support {
 namespace {

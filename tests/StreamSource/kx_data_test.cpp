@@ -1,10 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <algorithm>
-#include <mutex>
-#include <string>
-#include <vector>
-
 #include "Protocol/SdpParser.h"
 #include "StreamSource/AudioTable.h"
 #include "Vidora/DataSource.h"
@@ -51,8 +46,7 @@ protected:
         config.SetConformance(m_conformance);
         m_holder = CTestHandler::Make();
         m_holder->on_message = [this](long, unsigned int msg, long) {
-            const std::lock_guard<std::mutex> guard(m_mutex);
-            m_messages.push_back(msg);
+            m_messages.Add(msg);
             return 0;
         };
         m_source = CDataSource::Create(content);
@@ -83,10 +77,7 @@ protected:
         }
     }
 
-    int Count(unsigned int msg) {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        return static_cast<int>(std::count(m_messages.begin(), m_messages.end(), msg));
-    }
+    int Count(unsigned int msg) const { return m_messages.Count(msg); }
     bool WaitFor(unsigned int msg, int count = 1) {
         return WaitUntil([=] { return Count(msg) >= count; });
     }
@@ -113,8 +104,7 @@ protected:
     int m_init_result = 0;
     CMediaBuffer m_buffer[3];
     CCollectingSink m_sink[3];
-    std::mutex m_mutex;
-    std::vector<unsigned int> m_messages;
+    CGuardedList<unsigned int> m_messages;
     uint32_t m_sequence = 0;
 };
 
@@ -230,9 +220,7 @@ TEST_F(KXDataTest, BuffersMayEndBeforeTheSourceLetsGoOfThem) {
 }
 
 TEST_F(KXDataTest, FramesBeforeTheFormatGoNowhere) {
-    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-    settings.tells_info = false;
-    Open(settings);
+    Open(CFakeStreamSource::LiveVideo([](auto& settings) { settings.tells_info = false; }));
     ASSERT_EQ(0, Start(PACKET_TYPE_KX));
     Host().Give(Picture(true, 10));
     EXPECT_TRUE(Given(PACKET_TYPE_KX).empty());
@@ -342,9 +330,7 @@ TEST_F(KXDataTest, FilePlaysInsideItsWindow) {
 }
 
 TEST_F(KXDataTest, AFailedSeekLeavesTheOtherBoundOfTheWindow) {
-    CFakeStreamSource::Settings settings = CFakeStreamSource::FileVideo();
-    settings.seek_fails = true;
-    OpenReady(settings, "clip.kav");
+    OpenReady(CFakeStreamSource::FileVideo([](auto& settings) { settings.seek_fails = true; }), "clip.kav");
     const struct {
         float speed;
         uint64_t start;
@@ -361,9 +347,8 @@ TEST_F(KXDataTest, AFailedSeekLeavesTheOtherBoundOfTheWindow) {
 }
 
 TEST_F(KXDataTest, TokenStreamCarriesTheReplayExtension) {
-    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-    settings.type = SRC_TYPE_TOKEN;
-    OpenReady(settings, "cam/playback?token=abc");
+    OpenReady(CFakeStreamSource::LiveVideo([](auto& settings) { settings.type = SRC_TYPE_TOKEN; }),
+              "cam/playback?token=abc");
     ASSERT_EQ(0, Start(PACKET_TYPE_RTP));
     Host().Give(Picture(true, 10));
     Host().Give(Picture(false, 10));
@@ -390,9 +375,7 @@ TEST_F(KXDataTest, TokenStreamCarriesTheReplayExtension) {
 }
 
 TEST_F(KXDataTest, ASourceThatDoesNotBegin) {
-    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-    settings.init_fails = true;
-    Open(settings);
+    Open(CFakeStreamSource::LiveVideo([](auto& settings) { settings.init_fails = true; }));
     EXPECT_EQ(-1, m_init_result);
     EXPECT_EQ(-1, Start(PACKET_TYPE_RTP));
     EXPECT_EQ(-1, m_source->Play(TIME_NOT_GIVEN, TIME_NOT_GIVEN, 1.0F, false));
@@ -400,9 +383,7 @@ TEST_F(KXDataTest, ASourceThatDoesNotBegin) {
 }
 
 TEST_F(KXDataTest, ParameterSetsWithoutStartCodeFailTheSource) {
-    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-    settings.specific_info = "no start code";
-    Open(settings);
+    Open(CFakeStreamSource::LiveVideo([](auto& settings) { settings.specific_info = "no start code"; }));
     EXPECT_TRUE(WaitFor(MSG_SRC_FAIL));
     EXPECT_EQ(0, m_source->Play(TIME_NOT_GIVEN, TIME_NOT_GIVEN, 1.0F, false));  // nothing to do for a live source
     EXPECT_EQ(-1, m_source->Pause());
@@ -446,9 +427,7 @@ TEST_F(KXDataTest, EveryBufferGetsEveryFrameUntilItsOwnLastClientLeaves) {
 }
 
 TEST_F(KXDataTest, AStartThatFailedIsNeitherCountedNorStopped) {
-    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-    settings.start_fails = true;
-    OpenReady(settings);
+    OpenReady(CFakeStreamSource::LiveVideo([](auto& settings) { settings.start_fails = true; }));
     EXPECT_EQ(-1, Start(PACKET_TYPE_RTP));
     EXPECT_EQ(0, m_source->StopStreaming(PACKET_TYPE_RTP));
     EXPECT_EQ(-1, Start(PACKET_TYPE_KX));
@@ -468,9 +447,7 @@ TEST_F(KXDataTest, AHostMayCloseTheSourceInsideItsOwnStart) {
 
 // Neither its clients nor those who come want to hear of it.
 TEST_F(KXDataTest, AFormatThatCannotBeReadAnewIsAsItWas) {
-    CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-    settings.update_fails = true;
-    OpenReady(settings);
+    OpenReady(CFakeStreamSource::LiveVideo([](auto& settings) { settings.update_fails = true; }));
     CLiveChannel* channel = CLiveChannel::Create();
     channel->Init("channel", 0, TRANSF_TYPE_RTP);
     channel->AddDataSrc(m_source, 0);

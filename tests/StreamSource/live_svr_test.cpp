@@ -1,12 +1,6 @@
 // The registry of channels: names, users and sources, also of hosts that take their time and close what is in use.
 #include <gtest/gtest.h>
 
-#include <cstring>
-#include <functional>
-#include <string>
-#include <thread>
-#include <vector>
-
 #include "StreamSource/LiveSvrRef.h"
 #include "Tramel/Reactor.h"
 #include "Vidora/LiveChannel.h"

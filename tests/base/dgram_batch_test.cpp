@@ -1,8 +1,5 @@
 #include <gtest/gtest.h>
 
-#include <string>
-#include <vector>
-
 #include "Tramel/MediaCounters.h"
 #include "Tramel/SockDgram.h"
 #include "support/Interleave.h"

@@ -3,9 +3,6 @@
 #include <gtest/gtest.h>
 
 #include <memory>
-#include <mutex>
-#include <set>
-#include <thread>
 
 #include "Tramel/MediaCounters.h"
 #include "Tramel/MediaStreamSender.h"
@@ -15,7 +12,7 @@
 #include "Tramel/SockDgram.h"
 #include "Tramel/SockStream.h"
 #include "Vidora/Tramel/Level2Buffer.h"
-#include "support/Interleave.h"
+#include "support/GuardedList.h"
 #include "support/StreamPeer.h"
 #include "support/TestClock.h"
 
@@ -36,16 +33,10 @@ struct Sink : SendingEnd {
     }
     ~Sink() { sender->Detach(); }
     void OnInfo(CMediaPacket* packet, int length, int) {
-        std::lock_guard<std::mutex> guard(mutex);
-        infos.push_back(static_cast<unsigned int>(
+        infos.Add(static_cast<unsigned int>(
             std::stoul(std::string(reinterpret_cast<char*>(packet->GetData()), static_cast<size_t>(length)))));
     }
-    std::vector<unsigned int> Infos() {
-        std::lock_guard<std::mutex> guard(mutex);
-        return infos;
-    }
-    std::mutex mutex;
-    std::vector<unsigned int> infos;
+    CGuardedList<unsigned int> infos;
 };
 
 void Put(CMediaBuffer& buffer, const std::string& bytes, int flag, int channel) {
@@ -96,24 +87,17 @@ struct RecordingSink : Base {
     int Put(CMediaPacket* packet, int length, int flag, int channel) override {
         const std::string bytes(reinterpret_cast<char*>(packet->GetData()), static_cast<size_t>(length));
         EXPECT_FALSE(inside.exchange(true)) << "one call at a time";
-        {
-            std::lock_guard<std::mutex> guard(mutex);
-            calls.push_back(bytes.substr(0, 6) + ' ' + std::to_string(flag) + ' ' + std::to_string(channel));
-            callers.insert(std::this_thread::get_id());
-        }
+        callers.Add(std::this_thread::get_id());
+        calls.Add(bytes.substr(0, 6) + ' ' + std::to_string(flag) + ' ' + std::to_string(channel));
         if (action) {
             action();
         }
         inside = false;
         return -1;  // which the buffer ignores
     }
-    size_t Count() {
-        std::lock_guard<std::mutex> guard(mutex);
-        return calls.size();
-    }
-    std::mutex mutex;
-    std::vector<std::string> calls;
-    std::set<std::thread::id> callers;
+    size_t Count() const { return calls.Size(); }
+    CGuardedList<std::string> calls;
+    CGuardedList<std::thread::id> callers;
     std::function<void()> action;
     std::atomic<bool> inside{false};
 };
@@ -145,10 +129,9 @@ struct OutletSink : PooledSink {
             }
             return heard.size() >= std::min(expected.size(), expected.find("call"));
         });
-        for (const std::string& call : calls) {
+        for (const std::string& call : calls.Take()) {
             heard += "call" + call.substr(6) + ' ';
         }
-        calls.clear();
         return heard;
     }
     CSockDgram sock, peer;
@@ -211,9 +194,9 @@ TEST_P(MediaBufferTest, DisabledTracksAndSidePackets) {
         Put(*m_buffer, MediaBytes(20, i, false, 60), 1, 10 << 24 | SKIPPABLE);
     }
     EXPECT_TRUE(all.Gets(80) && some.Gets(60));
-    EXPECT_TRUE(WaitUntil([&] { return all.Infos().size() == 40 && some.Infos().size() == 20; }));
-    EXPECT_EQ(Range(0, 40), all.Infos());
-    EXPECT_EQ(some.reader.Numbers(2), some.Infos()) << "information goes with its packet";
+    EXPECT_TRUE(WaitUntil([&] { return all.infos.Size() == 40 && some.infos.Size() == 20; }));
+    EXPECT_EQ(Range(0, 40), all.infos.All());
+    EXPECT_EQ(some.reader.Numbers(2), some.infos.All()) << "information goes with its packet";
     EXPECT_TRUE(some.reader.Numbers(0).empty());
     EXPECT_EQ(Range(0, 40), some.reader.Numbers(20));
     m_buffer->DelSender(all.sender);
@@ -234,14 +217,9 @@ struct Numbered : CNumberedPacket {
 struct GapSink : Sink {
     GapSink() { sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(this, &GapSink::OnGap), TOLD_GAPS); }
     void OnGap(CMediaPacket* packet, int, int before) {
-        std::lock_guard<std::mutex> guard(mutex);
-        told += std::to_string(before) + '>' + std::to_string(static_cast<Numbered*>(packet)->number) + ' ';
+        told.Add(std::to_string(before) + '>' + std::to_string(static_cast<Numbered*>(packet)->number));
     }
-    std::string Told() {
-        std::lock_guard<std::mutex> guard(mutex);
-        return told;
-    }
-    std::string told;
+    CGuardedList<std::string> told;
 };
 
 }  // namespace
@@ -296,7 +274,7 @@ TEST_P(MediaBufferTest, OnlyGapsInTheNumbersOfFramesThatASinkTookAreTold) {
     put(0, 20);
     put_all_full({21, 22});
     put(0, 23);
-    EXPECT_EQ("6>8 14>15 17>20 20>22 ", sink.Told());
+    EXPECT_EQ((std::vector<std::string>{"6>8", "14>15", "17>20", "20>22"}), sink.told.All());
     m_buffer->DelSender(sink.sender);
 }
 
@@ -315,9 +293,9 @@ TEST_P(MediaBufferTest, Level2SinksGetEverythingAsItWasPutAndMayRemoveAnySink) {
     };
     Put(manual, "header", 0, 9);
     Put(manual, "data", 1, 1 << 24 | KEY);
-    EXPECT_EQ(std::vector<std::string>{"header 0 9"}, first.calls);
-    EXPECT_TRUE(second.calls.empty());
-    EXPECT_EQ(std::vector<std::string>{"data 1 " + std::to_string(1 << 24 | KEY)}, third.calls);
+    EXPECT_EQ(std::vector<std::string>{"header 0 9"}, first.calls.All());
+    EXPECT_TRUE(second.calls.Size() == 0);
+    EXPECT_EQ(std::vector<std::string>{"data 1 " + std::to_string(1 << 24 | KEY)}, third.calls.All());
     CountedPacket refused("x");
     EXPECT_EQ(-1, manual.Put(&refused, 0, 1, 0));
     EXPECT_EQ(-1, manual.Put(nullptr, 1, 1, 0));
@@ -329,7 +307,7 @@ TEST_P(MediaBufferTest, Level2SinksGetEverythingAsItWasPutAndMayRemoveAnySink) {
     m_buffer->AddLevel2Buffer(&third);
     third.action = [&] { EXPECT_TRUE(sink.Gets(1)); };
     PutFrame(*m_buffer, 0, true, 100);
-    EXPECT_EQ(2u, third.calls.size());
+    EXPECT_EQ(2u, third.Count());
     m_buffer->DelLevel2Buffer(&third);
     m_buffer->DelSender(sink.sender);
 }
@@ -352,15 +330,15 @@ TEST_P(MediaBufferTest, PooledSinksGetAllThatIsPutInOrderAndOnThePutThreadOnlyIf
             Put(buffer, number, 1, i << 24 | KEY);
             expected.push_back("$heade 0 7");
             expected.push_back(number + " 1 " + std::to_string(i << 24 | KEY));
-            EXPECT_EQ(expected.size(), early.calls.size());
+            EXPECT_EQ(expected.size(), early.Count());
         }
         for (PooledSink& sink : sinks) {
             EXPECT_TRUE(WaitUntil([&] { return sink.Count() >= expected.size(); }));
             buffer.DelLevel2Buffer(&sink);
-            EXPECT_EQ(expected, sink.calls);
-            EXPECT_EQ(GetParam() == 0 || count == 3, sink.callers.count(std::this_thread::get_id()) != 0);
+            EXPECT_EQ(expected, sink.calls.All());
+            EXPECT_EQ(GetParam() == 0 || count == 3, sink.callers.Count(std::this_thread::get_id()) != 0);
         }
-        EXPECT_EQ(expected, early.calls);
+        EXPECT_EQ(expected, early.calls.All());
     }
 }
 
@@ -462,7 +440,7 @@ TEST_P(MediaBufferTest, PooledSinksLeaveFromAnyThreadAndInsideTheirOwnCallWhileO
             EXPECT_TRUE(WaitUntil([&] { return round % 2 == 0 ? left.load() : sink->Count() > 1; }));
             m_buffer->DelLevel2Buffer(sink.get());
             EXPECT_FALSE(sink->inside) << "the removal waits";
-            EXPECT_TRUE(round % 2 != 0 || sink->calls.size() == 1) << "none begins behind it";
+            EXPECT_TRUE(round % 2 != 0 || sink->Count() == 1) << "none begins behind it";
         }
     });
     m_buffer.reset();
@@ -507,7 +485,7 @@ TEST_P(MediaBufferTest, DeletingTheBufferInsideItsOwnCallIsSafe) {
     sink.action = [&] { delete buffer; };
     buffer->AddLevel2Buffer(&sink);
     Put(*buffer, "data", 1, KEY);
-    EXPECT_EQ(1u, sink.calls.size());
+    EXPECT_EQ(1u, sink.Count());
 }
 
 TEST_P(MediaBufferTest, RemovalWaitsForACallOnAnotherThread) {
@@ -599,29 +577,14 @@ TEST_P(MediaBufferTest, SendersAreTalkedOnSwitchedMovedAndCutWhileTheyAreWritten
         for (unsigned int step = 0; step < 600; ++step) {
             EXPECT_TRUE(WaitUntil([&] { return frames >= step; }));
             Sink& sink = *sinks[half + step % 10];
-            const auto take_out_and_in = [&] {
-                m_buffer->DelSender(sink.sender);
-                m_buffer->AddSender(sink.sender);
-            };
-            switch (step / 10 % 6) {
-                case 0:
-                    sink.Say(TextBytes(step, step * 10));
-                    break;
-                case 1:
-                    sink.sender->PauseSendChannel(1);
-                    break;
-                case 2:
-                    sink.sender->SetSendChannel(1);
-                    break;
-                case 3:
-                    take_out_and_in();
-                    break;
-                case 4:
-                    sink.sender->Attach(sink.sender->Detach());
-                    break;  // while it is in the buffer
-                default:
-                    EXPECT_GE(uint64_t{1} << 40, sink.sender->Unsent());
-            }
+            const std::function<void()> acts[] = {
+                [&] { sink.Say(TextBytes(step, step * 10)); },
+                [&] { sink.sender->PauseSendChannel(1); },
+                [&] { sink.sender->SetSendChannel(1); },
+                [&] { (m_buffer->DelSender(sink.sender), m_buffer->AddSender(sink.sender)); },
+                [&] { sink.sender->Attach(sink.sender->Detach()); },  // while it is in the buffer
+                [&] { EXPECT_GE(uint64_t{1} << 40, sink.sender->Unsent()); }};
+            acts[step / 10 % std::size(acts)]();
             sink.Read();
         }
         sinks[half]->sock.Close();  // the group doesn't touch it again

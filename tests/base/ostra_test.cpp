@@ -1,20 +1,14 @@
 #include <gtest/gtest.h>
 #include <unistd.h>
 
-#include <algorithm>
-#include <atomic>
 #include <cerrno>
 #include <cstring>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "Flumen/MediaFrameInfo.h"
 #include "Ostra/LogLimit.h"
 #include "Vidora/Flumen/MediaFrame.h"
 #include "Vidora/Ostra/Base64.h"
 #include "Vidora/Ostra/Console.h"
-#include "Vidora/Ostra/Function.h"
 #include "Vidora/Ostra/Md5.h"
 #include "Vidora/Ostra/Time.h"
 #include "support/Capture.h"
@@ -165,26 +159,6 @@ TEST(Time, ArithmeticStopsAtTheEnds) {
     EXPECT_EQ(-10, CTime(5) - CTime(15));
     EXPECT_EQ(UINT64_MAX, (CTime(UINT64_MAX) + 1).makeTime());
     EXPECT_EQ(uint64_t{1} << 63, (CTime(0) - INT64_MIN).makeTime());
-}
-
-struct Adder {
-    int Add(int a) { return value + a; }
-    int value = 40;
-};
-
-TEST(Function, BindsMembersAndPlainFunctionsOrIsEmpty) {
-    Support::CLogCapture log;
-    Adder object;
-    const TFunction1<int, int> member(&object, &Adder::Add);
-    EXPECT_EQ(42, member(2));
-    const TFunction1<int, int> plain([](int a) { return -a; });
-    EXPECT_EQ(-3, plain(3));
-    EXPECT_TRUE(plain != member);
-    EXPECT_TRUE(member == (TFunction1<int, int>(&object, &Adder::Add)));
-    EXPECT_EQ(0, (TFunction1<int, int>()(1)));
-    EXPECT_EQ(1, log.Count("FUNCTION_FUNCTION::operator() invalid function type : 0, typeid : "));
-    Adder* none = nullptr;
-    EXPECT_TRUE((TFunction1<int, int>(none, &Adder::Add).empty()));
 }
 
 TEST(Packet, CopiesShareTheBlock) {

@@ -4,14 +4,9 @@
 #include <time.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <functional>
 #include <map>
 #include <memory>
 #include <random>
-#include <thread>
-#include <vector>
 
 #include "support/TestHandler.h"
 

@@ -1,8 +1,6 @@
 #include <gtest/gtest.h>
 
-#include <atomic>
 #include <memory>
-#include <vector>
 
 #include "Tramel/MediaStreamReceiver.h"
 #include "Tramel/Reactor.h"

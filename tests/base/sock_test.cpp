@@ -4,11 +4,6 @@
 #include <sched.h>
 #include <sys/ioctl.h>
 #include <sys/resource.h>
-#include <unistd.h>
-
-#include <chrono>
-#include <string>
-#include <vector>
 
 #include "Tramel/SockAcceptor.h"
 #include "Tramel/SockDgram.h"

@@ -6,7 +6,6 @@
 #include <map>
 #include <memory>
 #include <random>
-#include <string>
 
 #include "Tramel/TextSearch.h"
 #include "support/SampleTable.h"

@@ -1,7 +1,6 @@
 // A client through NATs, against a server that says what the test tells it, on a network that loses, repeats and
 // forges.
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 
 #include <future>
@@ -63,8 +62,7 @@ TEST_F(CNatTest, MediaComesAsRunsAndWhatIsNoMediaIsDropped) {
     const std::vector<std::string> packets = host.sink.Packets();
     EXPECT_EQ(std::string("$\0\0\x10", 4) + std::string(PICTURE_LOST_END, PACKET_SIZE), packets[0]);
     EXPECT_EQ(CScriptedServer::Rtp(2), packets[1]);
-    RtspClientStatistics statistics;
-    host.session->GetStatistics(statistics);
+    const RtspClientStatistics statistics = host.Statistics();
     EXPECT_EQ(2u, statistics.packets);
     EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
     host.Close();
@@ -79,8 +77,7 @@ TEST_F(CNatTest, EachDatagramMayGetLost) {
         return datagram[0] != '\x80' && seen.insert(datagram).second;
     });
     CNatHost host;
-    ASSERT_EQ(0, host.Start(peer.Url()));
-    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    ASSERT_TRUE(host.Plays(peer.Url()));
     peer.Send(CNatPeer::Rtp(1));
     ASSERT_TRUE(WaitUntil([&] { return host.sink.Count() > 0; }));
     for (const char* method : {"OPTIONS", "DESCRIBE", "SETUP", "PLAY"}) {
@@ -100,8 +97,7 @@ TEST_F(CNatTest, RequestsLeaveOneByOne) {
         return is_silent ? std::string() : CScriptedServer::Answer(request);
     });
     CNatHost host;
-    ASSERT_EQ(0, host.Start(peer.Url()));
-    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    ASSERT_TRUE(host.Plays(peer.Url()));
     host.session->Pause();
     host.session->Play(0.0F, 0.0F, 1.0F, false);
     ASSERT_TRUE(WaitUntil([&] { return peer.Requests("PAUSE").size() > 2; }));
@@ -122,8 +118,7 @@ TEST_F(CNatTest, TheNextRequestLeavesWithTheReplyToTheOneBefore) {
         return CScriptedServer::Answer(request);
     });
     CNatHost host;
-    ASSERT_EQ(0, host.Start(peer.Url()));
-    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    ASSERT_TRUE(host.Plays(peer.Url()));
     host.session->Pause();
     host.session->Play(0.0F, 0.0F, 1.0F, false);
     EXPECT_TRUE(WaitUntil([&] { return peer.Requests("PAUSE").size() == 1; }));
@@ -139,8 +134,7 @@ TEST_F(CNatTest, OfPlaysThatOvertakeTheServerTheLastCounts) {
         return is_silent ? std::string() : CScriptedServer::Answer(request);
     });
     CNatHost host;
-    ASSERT_EQ(0, host.Start(peer.Url()));
-    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    ASSERT_TRUE(host.Plays(peer.Url()));
     answers = false;
     for (int i = 1; i <= 200; ++i) {
         EXPECT_EQ(0, host.session->Play(static_cast<float>(i), 0.0F, 1.0F, false));
@@ -199,14 +193,12 @@ TEST_F(CNatTest, TheFirstHelloTellsThePort) {
 TEST_F(CNatTest, ADualStackSocketServesAsWell) {
     CNatPeer peer(&CScriptedServer::Answer);
     CNatHost host;
-    sockaddr_in6 local = {};
-    local.sin6_family = AF_INET6;
-    const int sock = ::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-    if (::bind(sock, reinterpret_cast<const sockaddr*>(&local), sizeof(local)) != 0) {
-        ::close(sock);
+    CSockDgram sock;
+    const CSockAddrStorage any("::", 0);
+    if (sock.Open(&any) != 0) {
         GTEST_SKIP() << "no IPv6 here";
     }
-    ASSERT_EQ(0, host.StartBy(peer.Url(), sock));
+    ASSERT_EQ(0, host.StartBy(peer.Url(), ::dup(sock.GetHandle())));
     ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
     peer.Send(CNatPeer::Rtp(1));
     EXPECT_TRUE(WaitUntil([&] { return host.sink.Count() > 0; }));
@@ -273,8 +265,7 @@ TEST_F(CNatTest, GarbageOfTheServerEndsTheSession) {
     for (const char* garbage : {"RTSP garbage, no reply", "RTSP/1.0 200 OK\r\nCSeq: 9"}) {
         CNatPeer peer(&CScriptedServer::Answer);
         CNatHost host;
-        ASSERT_EQ(0, host.Start(peer.Url()));
-        ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+        ASSERT_TRUE(host.Plays(peer.Url()));
         peer.Send(garbage);
         EXPECT_NE(RTSP_CLIENT_CODE_ENDED, host.EndCode());
         EXPECT_EQ(RTSP_CLIENT_FAILURE_PROTOCOL, host.session->GetFailure());
@@ -320,10 +311,7 @@ public:
     int PortOfClient() const { return m_far.Port(); }
     // Datagrams that began so, whether or not they were lost.
     int Count(const std::string& begin) {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        return static_cast<int>(std::count_if(m_seen.begin(), m_seen.end(), [&begin](const std::string& datagram) {
-            return datagram.compare(0, begin.size(), begin) == 0;
-        }));
+        return m_seen.CountIf([&](const std::string& each) { return each.compare(0, begin.size(), begin) == 0; });
     }
 
 private:
@@ -342,10 +330,7 @@ private:
     }
     void pass(CUdpPeer& in, int& from, CUdpPeer& out, int to) {
         const std::string datagram = in.Recv(0, &from);
-        {
-            const std::lock_guard<std::mutex> guard(m_mutex);
-            m_seen.push_back(datagram.substr(0, 20));
-        }
+        m_seen.Add(datagram.substr(0, 20));
         const int every = m_every;
         const bool is_lost = every > 0 && ++m_count % every == 0;
         if (!datagram.empty() && !is_lost) {
@@ -357,8 +342,7 @@ private:
     const int m_server_port;
     int m_client_port = 0;
     int m_count = 0;
-    std::mutex m_mutex;
-    std::vector<std::string> m_seen;  // their beginnings
+    CGuardedList<std::string> m_seen;  // their beginnings
     std::atomic<int> m_every{0};
     std::atomic<bool> m_stops{false};
     std::thread m_thread;
@@ -392,8 +376,7 @@ TEST_F(CNatServerTest, ThroughLossesTheStreamPlaysAndThenItsFramesAreWhole) {
     ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
     unsigned int sequence = 0;
     EXPECT_TRUE(WaitUntil([&] {
-        RtspClientStatistics statistics;
-        host.session->GetStatistics(statistics);
+        const RtspClientStatistics statistics = host.Statistics();
         GiveVideo(source, sequence++, 3000);
         return statistics.lost > 5 && host.sink.Count() > 5;
     }));
@@ -447,8 +430,7 @@ TEST_F(CNatServerTest, ARecordingEndsByItselfByConformance) {
         CNatHost host;
         host.session->SetConformance(conformance);
         const std::string at = "rtsp://127.0.0.1:" + std::to_string(network.PortOfServer()) + "/";
-        ASSERT_EQ(0, host.Start(at + FILE_CONTENT));
-        ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+        ASSERT_TRUE(host.Plays(at + FILE_CONTENT));
         ASSERT_TRUE(Give(CFakeStreamSource::Last(), 0, 3000));
         ASSERT_TRUE(WaitUntil([&] { return host.sink.Count() > 0; }));
         const auto has_report = [&host] {
@@ -468,24 +450,20 @@ TEST_F(CNatServerTest, ARecordingEndsByItselfByConformance) {
 // The two ends of the library, without a network between them.
 TEST_F(CNatServerTest, AConversationOverIPv6) {
     CFakeStreamSource* source = StartWithChannel();
-    int socks[2];
+    CSockDgram socks[2];
     std::string at[2];
+    const CSockAddrStorage loopback("::1", 0);
     for (int i = 0; i < 2; ++i) {
-        sockaddr_in6 local = {};
-        local.sin6_family = AF_INET6;
-        local.sin6_addr = in6addr_loopback;
-        socklen_t length = sizeof(local);
-        socks[i] = ::socket(AF_INET6, SOCK_DGRAM | SOCK_CLOEXEC, 0);
-        if (::bind(socks[i], reinterpret_cast<const sockaddr*>(&local), length) != 0) {
+        CSockAddrStorage local;
+        if (socks[i].Open(&loopback) != 0 || socks[i].GetLocalAddr(&local) != 0) {
             GTEST_SKIP() << "no IPv6 here";
         }
-        ::getsockname(socks[i], reinterpret_cast<sockaddr*>(&local), &length);
-        at[i] = "[::1]:" + std::to_string(ntohs(local.sin6_port));
+        at[i] = "[::1]:" + std::to_string(local.GetPort());
     }
     NatConnectRecord record;
-    ASSERT_EQ(0, m_svr->AddNewConnect(socks[0], at[1].c_str(), 0, reinterpret_cast<long>(&record)));
+    ASSERT_EQ(0, m_svr->AddNewConnect(::dup(socks[0].GetHandle()), at[1].c_str(), 0, reinterpret_cast<long>(&record)));
     CNatHost host;
-    ASSERT_EQ(0, host.StartBy("rtsp://" + at[0] + "/" + LIVE_NAME, socks[1]));
+    ASSERT_EQ(0, host.StartBy("rtsp://" + at[0] + "/" + LIVE_NAME, ::dup(socks[1].GetHandle())));
     ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
     ASSERT_TRUE(Give(source, 0));
     EXPECT_TRUE(WaitUntil([&] { return host.sink.Count() > 0; }));
@@ -494,15 +472,7 @@ TEST_F(CNatServerTest, AConversationOverIPv6) {
 }
 
 // How the host of the flat layer ends its client.
-enum flat_end_t {
-    FROM_OUTSIDE,
-    FROM_TWO_THREADS,
-    INSIDE_A_FRAME,
-    INSIDE_AND_OUTSIDE,
-    INSIDE_THE_END,
-    AT_ONCE,
-    WITHOUT_START
-};
+enum flat_end_t { FROM_OUTSIDE, BY_THREADS, INSIDE_A_FRAME, INSIDE_AND_OUTSIDE, INSIDE_THE_END, AT_ONCE, NOT_STARTED };
 
 class CFlatTest : public testing::TestWithParam<flat_end_t> {
 protected:
@@ -514,7 +484,7 @@ protected:
     static void on_error(int code, void* user) {
         CFlatTest& test = *static_cast<CFlatTest*>(user);
         test.m_ends += code == 1 ? 1 : 0;
-        test.on_call(code == 1 ? INSIDE_THE_END : WITHOUT_START);
+        test.on_call(code == 1 ? INSIDE_THE_END : NOT_STARTED);
     }
     void on_call(flat_end_t where) {
         EXPECT_FALSE(m_stopped);
@@ -564,13 +534,13 @@ TEST_P(CFlatTest, EndsInAnyOrder) {
     EXPECT_EQ(-1, stream_client_start(m_client, nullptr));
     const stream_client_callbacks callbacks = {&on_frame, &on_error, this};
     const flat_end_t end = GetParam();
-    if (end == WITHOUT_START) {
+    if (end == NOT_STARTED) {
         EXPECT_EQ(-1, stream_client_pause(m_client));
         ::close(params.sock_handle);
     } else {
         EXPECT_EQ(0, stream_client_start(m_client, &callbacks));
     }
-    if (end != WITHOUT_START && end != AT_ONCE) {
+    if (end != NOT_STARTED && end != AT_ONCE) {
         EXPECT_TRUE(WaitUntil([this] { return m_frames > 0; }));
     }
     if (end == INSIDE_THE_END) {
@@ -583,7 +553,7 @@ TEST_P(CFlatTest, EndsInAnyOrder) {
         EXPECT_TRUE(WaitUntil([this] { return m_inside.load(); }));
     }
     if (stream_client* client = m_client) {
-        RunTogether(end == FROM_TWO_THREADS ? 2 : 1, [client] { EXPECT_EQ(0, stream_client_stop(client)); });
+        RunTogether(end == BY_THREADS ? 2 : 1, [client] { EXPECT_EQ(0, stream_client_stop(client)); });
         EXPECT_EQ(m_inside, m_left);
         m_stopped = true;
         EXPECT_EQ(-1, stream_client_start(client, &callbacks));
@@ -595,8 +565,8 @@ TEST_P(CFlatTest, EndsInAnyOrder) {
 }
 
 INSTANTIATE_TEST_SUITE_P(At, CFlatTest,
-                         testing::Values(FROM_OUTSIDE, FROM_TWO_THREADS, INSIDE_A_FRAME, INSIDE_AND_OUTSIDE,
-                                         INSIDE_THE_END, AT_ONCE, WITHOUT_START));
+                         testing::Values(FROM_OUTSIDE, BY_THREADS, INSIDE_A_FRAME, INSIDE_AND_OUTSIDE, INSIDE_THE_END,
+                                         AT_ONCE, NOT_STARTED));
 
 TEST(FlatTest, WithoutAPoolAClientWaitsAndEnds) {
     CUdpPeer sock;

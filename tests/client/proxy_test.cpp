@@ -105,8 +105,7 @@ TEST_F(CProxyTest, AnOriginThatEndsOrGoesEndsTheStreamOfItsPlayers) {
         auto origin = std::make_unique<CScriptedServer>(CScriptedServer::Answer);
         CClientHost player;
         player.session->SetConformance(true);
-        ASSERT_EQ(0, player.Start(edge.Url(origin->Port())));
-        ASSERT_TRUE(player.WaitFor(MSG_RTSP_PLAY_READY));
+        ASSERT_TRUE(player.Plays(edge.Url(origin->Port())));
         unsigned int sequence = 0;
         EXPECT_TRUE(WaitUntil([&] {
             origin->SendAll(CScriptedServer::Rtp(++sequence));

@@ -34,14 +34,12 @@ TEST_P(CPullTest, MediaComes) {
     CClientHost host;
     host.session->SetPacketType(GetParam().kind);
     host.session->SetConformance(GetParam().conformance);
-    ASSERT_EQ(0, host.Start(Url(), GetParam().transport));
-    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    ASSERT_TRUE(host.Plays(Url(), GetParam().transport));
     EXPECT_TRUE(GiveUntil(source, [&] { return host.sink.Count() > 20; }));
     CSdpInfo* info = host.session->GetSdpInfo();
     ASSERT_NE(nullptr, info);
     EXPECT_STREQ("H264", info->GetPayloadNameEx('V'));
-    RtspClientStatistics statistics;
-    host.session->GetStatistics(statistics);
+    const RtspClientStatistics statistics = host.Statistics();
     EXPECT_GT(statistics.packets, 5u);
     EXPECT_GT(statistics.bytes, 1000u);
     EXPECT_EQ(0u, statistics.lost);
@@ -72,8 +70,7 @@ TEST_F(CPullRulesTest, MediaComesOverIPv6) {
     CFakeStreamSource* source = AddChannel();
     for (const rtp_protocol_t transport : {RTP_OVER_RTSP, RTP_OVER_UDP}) {
         CClientHost host;
-        ASSERT_EQ(0, host.Start("rtsp://[::1]:" + std::to_string(port) + "/" + LIVE_NAME, transport));
-        ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY)) << transport;
+        ASSERT_TRUE(host.Plays("rtsp://[::1]:" + std::to_string(port) + "/" + LIVE_NAME, transport)) << transport;
         EXPECT_TRUE(GiveUntil(source, [&] { return host.sink.Count() > 20; })) << transport;
     }
     svr->Close();
@@ -87,8 +84,7 @@ TEST_F(CPullRulesTest, ARecordingWithASilentTrackEndsByItselfByConformance) {
         CClientHost host;
         host.session->SetConformance(true);
         host.session->SetPacketType(PACKET_TYPE_RTP);
-        ASSERT_EQ(0, host.Start(Url(FILE_CONTENT), transport));
-        ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+        ASSERT_TRUE(host.Plays(Url(FILE_CONTENT), transport));
         ASSERT_TRUE(Give(CFakeStreamSource::Last(), 0));
         EXPECT_TRUE(WaitUntil([&] { return host.sink.Count() > 0; }));
         CFakeStreamSource::Last()->Tell(MSG_SRC_END);
@@ -108,8 +104,7 @@ TEST_F(CPullRulesTest, SlowSinkHoldsUpItsOwnSessionOnly) {
             WaitUntil([&] { return !holds; });
         };
         for (CClientHost* host : {&slow, &quick}) {
-            ASSERT_EQ(0, host->Start(Url()));
-            ASSERT_TRUE(host->WaitFor(MSG_RTSP_PLAY_READY));
+            ASSERT_TRUE(host->Plays(Url()));
         }
         EXPECT_TRUE(GiveUntil(source, [&] { return held > 0 && quick.sink.Count() > 50; }));
         EXPECT_EQ(1, held);
@@ -127,8 +122,7 @@ TEST_F(CPullRulesTest, MulticastIsJoinedOnTheInterfaceOfTheConnection) {
     channel->SetUnicast(false);
     ASSERT_EQ(0, channel->StartStreaming(PACKET_TYPE_RTP));
     CClientHost host;
-    ASSERT_EQ(0, host.Start(Url(), RTP_OVER_UDP));
-    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    ASSERT_TRUE(host.Plays(Url(), RTP_OVER_UDP));
     EXPECT_TRUE(GiveUntil(source, [&] { return host.sink.Count() > 20; }));
     channel->StopStreaming(PACKET_TYPE_RTP);
 }

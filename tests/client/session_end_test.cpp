@@ -4,9 +4,7 @@
 
 #include "RtspClient/ClientTypes.h"
 #include "Tramel/Reactor.h"
-#include "support/ClientHost.h"
 #include "support/NatPeer.h"
-#include "support/ScriptedServer.h"
 
 namespace Kavio::Vidora {
 namespace {

@@ -1,23 +1,10 @@
 #include <gtest/gtest.h>
 
-#include <vector>
-
 #include "Vidora/RtspSvrConfig.h"
 #include "support/Capture.h"
 
 namespace Kavio::Vidora {
 namespace {
-
-char* rewrite(const char*, char* buffer, int) {
-    return buffer;
-}
-CStreamSource* make_source(const char*) {
-    return nullptr;
-}
-IAuthModule* make_auth(rtsp_auth_t) {
-    return nullptr;
-}
-void on_event(event_type_t, void*, int) {}
 
 template <typename T>
 int set(CRtspSvrConfig& config, rtsp_svr_config_t item, const T& value) {
@@ -62,29 +49,6 @@ TEST(RtspSvrConfig, DscpAndTimeoutTestTheOldValue) {
     EXPECT_EQ(0, config.SetConformance(true));
     EXPECT_EQ(1, get<int>(config, RTSP_SVR_CONFIG_CONFORMANCE));
     EXPECT_EQ(0, config.GetKeepAliveTimeout());
-}
-
-// An item's function is set through its number or its own operation, and its length is looked at but for the user data.
-TEST(RtspSvrConfig, FunctionsAndPointersGoInAsTheValueItself) {
-    CRtspSvrConfig config, typed;
-    EXPECT_EQ(0, typed.SetUrlFunc(rewrite) | typed.SetSrcFunc(make_source) | typed.SetAuthFunc(make_auth) |
-                     typed.SetEventFunc(on_event) | typed.SetUserData(&config));
-    const struct {
-        rtsp_svr_config_t item;
-        void* value;
-        int len;
-    } rows[] = {{RTSP_SVR_CONFIG_URL_FUNC, reinterpret_cast<void*>(rewrite), sizeof(void*)},
-                {RTSP_SVR_CONFIG_SRC_FUNC, reinterpret_cast<void*>(make_source), sizeof(void*)},
-                {RTSP_SVR_CONFIG_AUTH_FUNC, reinterpret_cast<void*>(make_auth), sizeof(void*)},
-                {RTSP_SVR_CONFIG_EVENT_FUNC, reinterpret_cast<void*>(on_event), sizeof(void*)},
-                {RTSP_SVR_CONFIG_USER_DATA, &config, 1}};
-    for (const auto& row : rows) {
-        EXPECT_EQ(0, config.SetConfig(row.item, row.value, row.len));
-        EXPECT_EQ(row.value, get<void*>(config, row.item));
-        EXPECT_EQ(row.value, get<void*>(typed, row.item));
-    }
-    EXPECT_TRUE(config.GetUrlFunc() == rewrite && config.GetSrcFunc() == make_source &&
-                config.GetAuthFunc() == make_auth && config.GetEventFunc() == on_event);
 }
 
 TEST(RtspSvrConfig, WrongLengthsAssertAndUnknownItemsAreLogged) {

@@ -1,5 +1,4 @@
 // A hostile challenge: whatever it holds, the answer is well-formed and bounded, or there is none.
-#include <string>
 
 #include "FuzzSupport.h"
 #include "RtspClient/RtspClientAuth.h"

@@ -2,8 +2,6 @@
 //
 // The first byte chooses: bit 0 conformance, bit 1 private frames, bit 2 a user, bits 3 and 4 the start (a description,
 // or none), bit 5 replies as the receiver brings them. The second one is the size of the pieces.
-#include <algorithm>
-#include <string>
 
 #include "FuzzSupport.h"
 #include "RtspClient/ClientConversation.h"

@@ -1,6 +1,5 @@
 // The frame buffer in its three inputs: RTP by a description, private frames, private frames in pieces. First byte:
 // input (low 2 bits), frame mode, frame policy, codec (3 bits), runs or single packets. Records as in FuzzSupport.h.
-#include <string>
 
 #include "FuzzSupport.h"
 #include "MediaFrame.h"

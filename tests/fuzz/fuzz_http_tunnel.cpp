@@ -1,5 +1,4 @@
 // The head of a tunnel's request, and the base64 body behind it, decoded whole and in pieces.
-#include <string>
 
 #include "FuzzSupport.h"
 #include "RtspOverHttp/Base64Stream.h"

@@ -1,6 +1,5 @@
 // The datagrams that a NAT session takes: each is one request of a conversation, behind the keeper of the last reply.
 // The input's first byte and what it counts are the text of the peer's address.
-#include <string>
 
 #include "FuzzSupport.h"
 #include "Nat/LastReply.h"

@@ -1,6 +1,4 @@
 // CRtspUrlParser: any URL and any content; what was found of a live channel is written and read again.
-#include <cstring>
-#include <string>
 
 #include "FuzzSupport.h"
 #include "Vidora/RtspUrlParser.h"

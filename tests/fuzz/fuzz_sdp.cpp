@@ -1,5 +1,4 @@
 // CSdpParser: any text is read, asked about and written; what was written once is read and written as it stands.
-#include <string>
 
 #include "FuzzSupport.h"
 #include "Protocol/SdpParser.h"

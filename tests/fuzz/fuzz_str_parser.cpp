@@ -1,9 +1,7 @@
 // Drives the operations of CStrParser over one text. The input is the text, a line "\n---\n", and the script: steps of
 // a byte that chooses the operation and a byte that sets the room of its buffer. A step that fails leaves the cursor
 // where it stood, another one moves it forward and inside the text; none writes behind its room.
-#include <algorithm>
 #include <iterator>
-#include <string>
 
 #include "FuzzSupport.h"
 #include "Tramel/StrParser.h"

@@ -2,15 +2,9 @@
 #include <sys/resource.h>
 #include <unistd.h>
 
-#include <atomic>
-#include <chrono>
-#include <functional>
 #include <future>
 #include <memory>
 #include <set>
-#include <string>
-#include <thread>
-#include <vector>
 
 #include "Protocol/RtspTables.h"
 #include "RtspState.h"

@@ -86,9 +86,7 @@ protected:
                                   const CFakeStreamSource::Settings& settings = CFakeStreamSource::LiveVideo());
     // One whose SDP doesn't come by itself: a DESCRIBE of it holds the session's machine.
     CFakeStreamSource* AddUnreadyChannel(const std::string& name) {
-        CFakeStreamSource::Settings settings = CFakeStreamSource::LiveVideo();
-        settings.tells_info = false;
-        return AddChannel(name, settings);
+        return AddChannel(name, CFakeStreamSource::LiveVideo([](auto& settings) { settings.tells_info = false; }));
     }
     CFakeStreamSource* StartWithChannel() {
         StartServer();
@@ -114,7 +112,8 @@ protected:
     void UseAuthModule(rtsp_auth_t kind, rtsp_svr_config_t item = RTSP_SVR_CONFIG_AUTH_TYPE);
     // The reply to what was sent, or none if the connection ends, while time runs fast for the server.
     static RtspReply LateReply(CRtspTestClient& client);
-    // DESCRIBE, SETUP of the first track and PLAY. Gives the reply to SETUP.
+    // DESCRIBE and SETUP of the first track, and PLAY. Both give the reply to SETUP.
+    RtspReply Prepare(CRtspTestClient& client, const std::string& transport, const std::string& content = LIVE_NAME);
     RtspReply Play(CRtspTestClient& client, const std::string& transport, const std::string& content = LIVE_NAME);
     void PlayInterleaved(CRtspTestClient& client, const std::string& content = LIVE_NAME) {
         Play(client, INTERLEAVED, content);

@@ -2,8 +2,6 @@
 
 #include "server/ServerFixture.h"
 
-#include <algorithm>
-
 #include "support/Loopback.h"
 #include "support/TestClock.h"
 
@@ -11,38 +9,33 @@ namespace Kavio::Vidora {
 
 namespace {
 
-std::mutex g_event_mutex;
-std::vector<std::string> g_events;
+CGuardedList<std::string> g_events;
 std::function<void(const std::string& name, const std::string& content)> g_hook;
 
 }  // namespace
 
 void CEventLog::OnEvent(event_type_t event, void* data, int length) {
-    const std::lock_guard<std::mutex> guard(g_event_mutex);
     if (event == EVENT_LOST_PACKET) {
         const LostPacketEvent& record = *static_cast<const LostPacketEvent*>(data);
-        g_events.push_back("lost " + std::string(record.ip) + " channel " + std::to_string(record.channel) +
-                           " subtype " + std::to_string(record.subtype));
+        g_events.Add("lost " + std::string(record.ip) + " channel " + std::to_string(record.channel) + " subtype " +
+                     std::to_string(record.subtype));
         EXPECT_EQ(sizeof(record), static_cast<size_t>(length));
     } else {
-        g_events.push_back(std::string(event == EVENT_CLIENT_CONNECTED ? "connected " : "disconnected ") +
-                           std::string(static_cast<const char*>(data), static_cast<size_t>(length)));
+        g_events.Add(std::string(event == EVENT_CLIENT_CONNECTED ? "connected " : "disconnected ") +
+                     std::string(static_cast<const char*>(data), static_cast<size_t>(length)));
     }
 }
 
 std::vector<std::string> CEventLog::All() {
-    const std::lock_guard<std::mutex> guard(g_event_mutex);
-    return g_events;
+    return g_events.All();
 }
 
 int CEventLog::Count(const std::string& text) {
-    const std::vector<std::string> events = All();
-    return static_cast<int>(std::count(events.begin(), events.end(), text));
+    return g_events.Count(text);
 }
 
 void CEventLog::Clear() {
-    const std::lock_guard<std::mutex> guard(g_event_mutex);
-    g_events.clear();
+    g_events.Take();
 }
 
 CFramePump::CFramePump(int interval_ms, const std::function<void(unsigned int sequence)>& give)
@@ -156,10 +149,15 @@ RtspReply CServerTest::LateReply(CRtspTestClient& client) {
     return reply;
 }
 
-RtspReply CServerTest::Play(CRtspTestClient& client, const std::string& transport, const std::string& content) {
+RtspReply CServerTest::Prepare(CRtspTestClient& client, const std::string& transport, const std::string& content) {
     EXPECT_EQ(200, client.Ask("DESCRIBE", Url(content)).status);
     const RtspReply reply = client.Ask("SETUP", Url(content) + "/trackID=0", transport);
     EXPECT_EQ(200, reply.status);
+    return reply;
+}
+
+RtspReply CServerTest::Play(CRtspTestClient& client, const std::string& transport, const std::string& content) {
+    const RtspReply reply = Prepare(client, transport, content);
     EXPECT_EQ(200, client.Ask("PLAY", Url(content)).status);
     return reply;
 }

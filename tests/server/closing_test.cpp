@@ -1,12 +1,9 @@
 #include <map>
-#include <thread>
 
 #include "Tramel/Reactor.h"
 #include "server/NatViewer.h"
 #include "server/ServerFixture.h"
 #include "support/Descriptors.h"
-#include "support/Loopback.h"
-#include "support/UdpPeer.h"
 
 namespace Kavio::Vidora {
 namespace {

@@ -11,7 +11,7 @@ namespace {
 class Conformance : public CServerTest {
 protected:
     Conformance() { Set(RTSP_SVR_CONFIG_CONFORMANCE, 1); }
-    void CheckTimes(const std::string& url, size_t pictures);
+    void CheckTimes(const std::string& content, size_t pictures);
 };
 
 // Gives a key frame of that second of a recording.
@@ -73,22 +73,20 @@ TEST_F(Conformance, ARangeEndsAndNoTimeComesTwice) {
     StartServer();
     for (const bool is_token : {false, true}) {
         SCOPED_TRACE(is_token);
-        CFakeStreamSource::Settings settings = CFakeStreamSource::FileVideo();
-        settings.type = is_token ? SRC_TYPE_TOKEN : SRC_TYPE_FILE;
-        CFakeStreamSource::SetNext(settings);
-        CheckTimes(Url(is_token ? "cam/playback?token=abc" : FILE_CONTENT), is_token ? 3 : 2);
+        const src_type_t type = is_token ? SRC_TYPE_TOKEN : SRC_TYPE_FILE;
+        CFakeStreamSource::SetNext(CFakeStreamSource::LiveVideo([type](auto& settings) { settings.type = type; }));
+        CheckTimes(is_token ? "cam/playback?token=abc" : FILE_CONTENT, is_token ? 3 : 2);
     }
 }
 
-void Conformance::CheckTimes(const std::string& url, size_t pictures) {
+void Conformance::CheckTimes(const std::string& content, size_t pictures) {
     CRtspTestClient client(m_port);
-    EXPECT_EQ(200, client.Ask("DESCRIBE", url).status);
-    EXPECT_EQ(200, client.Ask("SETUP", url + "/trackID=0", INTERLEAVED).status);
+    Prepare(client, INTERLEAVED, content);
     std::set<std::string> seen;
     int resumes = 0;
     for (const char* range : {"Range: npt=3-5\r\n", "Range: npt=1-5\r\n", "Range: npt=5-4\r\nScale: -1\r\n"}) {
         SCOPED_TRACE(range);
-        EXPECT_EQ(200, client.Ask("PLAY", url, range).status);
+        EXPECT_EQ(200, client.Ask("PLAY", Url(content), range).status);
         // The second one resumes the source, shortly after the reply.
         ASSERT_TRUE(WaitUntil([=] { return CFakeStreamSource::Last()->CountCalls("Resume") == resumes; }));
         ++resumes;

@@ -356,8 +356,7 @@ TEST_F(ConversationTest, RtpInfoNamesOnePacket) {
     CRtspTestClient viewer(m_port);
     std::map<unsigned int, unsigned int> timestamps;  // by sequence number
     const auto play = [&](CRtspTestClient& client) {
-        EXPECT_EQ(200, client.Ask("DESCRIBE", Url()).status);
-        EXPECT_EQ(200, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
+        Prepare(client, INTERLEAVED);
         return client.Ask("PLAY", Url()).Header("RTP-Info");
     };
     const auto read_frame = [&] {

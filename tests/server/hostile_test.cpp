@@ -1,26 +1,13 @@
 // Peers and hosts that misbehave, beside a client that plays: whatever they do ends their own connection at most, and
 // the one that plays gets every packet in its order.
 
-#include <sys/socket.h>
-
 #include <cstring>
-#include <functional>
-#include <mutex>
-#include <thread>
 
 #include "server/ServerFixture.h"
 #include "support/TestClock.h"
 
 namespace Kavio::Vidora {
 namespace {
-
-std::string repeated(const char* text, int count) {
-    std::string all;
-    while (count-- > 0) {
-        all += text;
-    }
-    return all;
-}
 
 // A client that plays a channel, with the threads that feed its source and read what comes.
 class CBystander {
@@ -94,7 +81,10 @@ TEST_F(Hostile, FloodsAreBounded) {
     ASSERT_EQ(200, flooding.Ask("OPTIONS", "*").status);
     const timeval limit = {20, 0};
     setsockopt(flooding.Fd(), SOL_SOCKET, SO_SNDTIMEO, &limit, sizeof(limit));
-    const std::string requests = repeated(OPTIONS_TEXT, 1000);
+    std::string requests;
+    for (int i = 0; i < 1000; ++i) {
+        requests += OPTIONS_TEXT;
+    }
     int rounds = 0;
     while (rounds < 1000 && flooding.Send(requests)) {
         ++rounds;

@@ -1,7 +1,5 @@
 // Sessions that end by time, by their client, or by their server while they begin.
 
-#include <thread>
-
 #include "server/ServerFixture.h"
 #include "support/TestClock.h"
 #include "support/UdpPeer.h"
@@ -23,13 +21,9 @@ TEST_F(Lifecycle, TimeOutsAndReports) {
     int server_rtcp = 0;
     // RTCP goes to the port above the one that SETUP names.
     for (CRtspTestClient* client : {&udp, &udp_reports}) {
-        ASSERT_EQ(200, client->Ask("DESCRIBE", Url()).status);
-        const int port = client == &udp ? rtp.Port() : rtcp.Port() - 1;
-        const RtspReply reply = client->Ask("SETUP", Url() + "/trackID=0", UdpTransport(port));
-        ASSERT_EQ(200, reply.status);
+        const RtspReply reply = Play(*client, UdpTransport(client == &udp ? rtp.Port() : rtcp.Port() - 1));
         EXPECT_TRUE(reply.Holds(";timeout=60\r\n"));
         server_rtcp = ServerPort(reply) + 1;
-        ASSERT_EQ(200, client->Ask("PLAY", Url()).status);
     }
     // Control silence alone ends what doesn't play, and UDP without reports; signs of life on RTCP suffice.
     EXPECT_TRUE(WaitUntil([&] {
@@ -61,9 +55,7 @@ TEST_F(Lifecycle, AClientThatChangesToTcpLeavesItsUdpPortsFree) {
     AddChannel();
     CRtspTestClient client(m_port);
     const CUdpPeer rtp;
-    ASSERT_EQ(200, client.Ask("DESCRIBE", Url()).status);
-    const RtspReply reply = client.Ask("SETUP", Url() + "/trackID=0", UdpTransport(rtp.Port()));
-    ASSERT_EQ(200, reply.status);
+    const RtspReply reply = Prepare(client, UdpTransport(rtp.Port()));
     EXPECT_FALSE(CUdpPeer(ServerPort(reply)).Bound());
     EXPECT_EQ(200, client.Ask("SETUP", Url() + "/trackID=0", INTERLEAVED).status);
     EXPECT_TRUE(WaitUntil([&] { return CUdpPeer(ServerPort(reply)).Bound(); }));

@@ -2,13 +2,8 @@
 // sources change their format. Nothing may be left: no session, no handler, no descriptor, no source. The sanitizers
 // see to leaks and races. VIDORA_SOAK_SESSIONS raises the number of sessions.
 
-#include <poll.h>
-#include <sys/socket.h>
-
 #include <cstdlib>
-#include <deque>
 #include <random>
-#include <thread>
 
 #include "Tramel/Reactor.h"
 
@@ -27,15 +22,7 @@ const int ALL_CHANNELS = 6;  // those above the steady ones come and go
 
 // How far a session gets.
 enum stage_t { STAGE_CONNECT, STAGE_OPTIONS, STAGE_DESCRIBE, STAGE_SETUP, STAGE_PLAY };
-enum leave_t {
-    LEAVE_TEARDOWN,
-    LEAVE_CLOSE,
-    LEAVE_RESET,
-    LEAVE_HALF_CLOSE,
-    LEAVE_MID_REQUEST,
-    LEAVE_SILENT,
-    LEAVE_KINDS
-};
+enum leave_t { LEAVE_TEARDOWN, LEAVE_CLOSE, LEAVE_RESET, LEAVE_HALF_CLOSE, LEAVE_HALFWAY, LEAVE_SILENT, LEAVE_KINDS };
 enum road_t { ROAD_TCP, ROAD_UDP, ROAD_PRIVATE, ROAD_KINDS };
 
 // A recording takes its time to open, so that its client may have gone by then.
@@ -217,7 +204,7 @@ protected:
             shutdown(client->Fd(), SHUT_WR);
             const bool ends = WaitUntil([&] { return !Swallow(client->Fd(), 5000); });
             EXPECT_TRUE(ends);
-        } else if (how == LEAVE_MID_REQUEST) {
+        } else if (how == LEAVE_HALFWAY) {
             client->Send("SETUP " + url + "/trackID=0 RTSP/1.0\r\nCSeq: 7\r\nTransp");
         } else if (how == LEAVE_SILENT) {  // and, on TCP, never reading
             const int size = 4096;

@@ -3,7 +3,6 @@
 
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
@@ -56,16 +55,9 @@ public:
     }
     long HandlerId() const { return m_handler->GetID(); }
 
-    std::vector<ClientNote> Notes() {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        return m_notes;
-    }
-    int Count(unsigned int msg) {
-        int count = 0;
-        for (const ClientNote& note : Notes()) {
-            count += note.msg == msg ? 1 : 0;
-        }
-        return count;
+    std::vector<ClientNote> Notes() const { return m_notes.All(); }
+    int Count(unsigned int msg) const {
+        return m_notes.CountIf([msg](const ClientNote& note) { return note.msg == msg; });
     }
     bool WaitFor(unsigned int msg) {
         return WaitUntil([this, msg] { return Count(msg) > 0; });
@@ -77,16 +69,18 @@ public:
         }
         return Notes().back().param;
     }
+    Vidora::RtspClientStatistics Statistics() const {
+        Vidora::RtspClientStatistics statistics;
+        session->GetStatistics(statistics);
+        return statistics;
+    }
 
     Session* session;
     CCollectingSink sink;
 
 private:
     void take(const ClientNote& note) {
-        {
-            const std::lock_guard<std::mutex> guard(m_mutex);
-            m_notes.push_back(note);
-        }
+        m_notes.Add(note);
         if (on_note) {
             on_note(note);
         }
@@ -98,14 +92,17 @@ private:
     std::atomic<int> m_handler_closed{0};
     std::atomic<bool> m_closed{false};
     CTestHandler* m_handler;
-    std::mutex m_mutex;
-    std::vector<ClientNote> m_notes;
+    CGuardedList<ClientNote> m_notes;
 };
 
 class CClientHost : public TClientHost<Vidora::CRtspClientSession> {
 public:
     int Start(const std::string& url, Vidora::rtp_protocol_t transport = Vidora::RTP_OVER_RTSP) {
         return StartBy(url, transport);
+    }
+    // Starts, and waits until it plays.
+    bool Plays(const std::string& url, Vidora::rtp_protocol_t transport = Vidora::RTP_OVER_RTSP) {
+        return Start(url, transport) == 0 && WaitFor(Vidora::MSG_RTSP_PLAY_READY);
     }
 };
 

@@ -1,13 +1,14 @@
 #ifndef VIDORA_TESTS_SUPPORT_COLLECTINGSINK_H
 #define VIDORA_TESTS_SUPPORT_COLLECTINGSINK_H
 
+#include <atomic>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <vector>
 
 #include "Vidora/Tramel/Level2Buffer.h"
 #include "Vidora/Tramel/MediaPacket.h"
+#include "support/GuardedList.h"
 #include "support/StreamBytes.h"
 
 namespace Kavio::Support {
@@ -28,22 +29,12 @@ public:
         if (on_put) {
             on_put();
         }
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        m_items.push_back({Bytes(packet->GetData(), packet->GetData() + length), flag, channel});
+        m_items.Add({Bytes(packet->GetData(), packet->GetData() + length), flag, channel});
         return 0;
     }
-    void End(int) override {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        ++m_ends;
-    }
-    int EndCount() const {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        return m_ends;
-    }
-    std::vector<Item> Items() const {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        return m_items;
-    }
+    void End(int) override { ++m_ends; }
+    int EndCount() const { return m_ends; }
+    std::vector<Item> Items() const { return m_items.All(); }
     // The bytes of each as text.
     std::vector<std::string> Packets() const {
         std::vector<std::string> packets;
@@ -52,19 +43,12 @@ public:
         }
         return packets;
     }
-    size_t Count() const {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        return m_items.size();
-    }
-    void Clear() {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        m_items.clear();
-    }
+    size_t Count() const { return m_items.Size(); }
+    void Clear() { m_items.Take(); }
 
 private:
-    mutable std::mutex m_mutex;
-    std::vector<Item> m_items;
-    int m_ends = 0;
+    CGuardedList<Item> m_items;
+    std::atomic<int> m_ends{0};
 };
 
 }  // namespace Kavio::Support

@@ -3,16 +3,14 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <functional>
-#include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
 #include <vector>
 
 #include "Vidora/AuthModule.h"
+#include "support/GuardedList.h"
 
 namespace Kavio::Support {
 
@@ -33,36 +31,27 @@ public:
 
         // Calls of a name: "factory", "request", "challenge", "response" and "release".
         int Count(const std::string& name) {
-            const std::lock_guard<std::mutex> guard(m_mutex);
-            return static_cast<int>(std::count_if(m_calls.begin(), m_calls.end(), [&](const std::string& call) {
-                return call.compare(0, name.size(), name) == 0;
-            }));
+            return m_calls.CountIf([&](const std::string& call) { return call.compare(0, name.size(), name) == 0; });
         }
         // The calls so far, which are forgotten; behind a name its text: method and URL, the URL and the client's
         // address, or the credentials.
-        std::vector<std::string> TakeCalls() {
-            const std::lock_guard<std::mutex> guard(m_mutex);
-            return std::exchange(m_calls, {});
-        }
+        std::vector<std::string> TakeCalls() { return m_calls.Take(); }
         // Forgets the calls, and answers at once with a challenge from now on.
         void Reset() {
             answer = AT_ONCE;
             first = AUTH_RESULT_CHALLENGE;
             on_call = nullptr;
-            const std::lock_guard<std::mutex> guard(m_mutex);
-            m_calls.clear();
+            m_calls.Take();
         }
         void Record(const std::string& call, const std::string& text = std::string()) {
             if (on_call) {
                 on_call(call, text);
             }
-            const std::lock_guard<std::mutex> guard(m_mutex);
-            m_calls.push_back(text.empty() ? call : call + " " + text);
+            m_calls.Add(text.empty() ? call : call + " " + text);
         }
 
     private:
-        std::mutex m_mutex;
-        std::vector<std::string> m_calls;
+        CGuardedList<std::string> m_calls;
     };
     static Common& All() {
         static Common common;

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <cstring>
 
 #include "support/FrameBuilder.h"
@@ -20,18 +19,21 @@ std::vector<CFakeStreamSource*> g_list;  // in the order in which they were made
 
 }  // namespace
 
-CFakeStreamSource::Settings CFakeStreamSource::LiveVideo() {
+CFakeStreamSource::Settings CFakeStreamSource::LiveVideo(const change_t& change) {
     Settings settings;
     settings.video.width = 64;
     settings.video.height = 48;
     settings.video.encode_type = STREAM_VIDEO_H264;
     settings.video.frame_rate = 25;
     settings.specific_info = H264ParameterSets();
+    if (change) {
+        change(settings);
+    }
     return settings;
 }
 
-CFakeStreamSource::Settings CFakeStreamSource::FileVideo() {
-    Settings settings = LiveVideo();
+CFakeStreamSource::Settings CFakeStreamSource::FileVideo(const change_t& change) {
+    Settings settings = LiveVideo(change);
     settings.type = SRC_TYPE_FILE;
     return settings;
 }
@@ -72,22 +74,6 @@ CFakeStreamSource::~CFakeStreamSource() {
     EXPECT_TRUE(m_proc.empty()) << "closed while it runs";
     CGuard guard(g_list_mutex);
     g_list.erase(std::find(g_list.begin(), g_list.end(), this));
-}
-
-bool CFakeStreamSource::record(const std::string& call) {
-    CGuard guard(m_mutex);
-    m_calls.push_back(call);
-    return true;
-}
-
-std::vector<std::string> CFakeStreamSource::Calls() {
-    CGuard guard(m_mutex);
-    return m_calls;
-}
-
-int CFakeStreamSource::CountCalls(const std::string& name) {
-    CGuard guard(m_mutex);
-    return static_cast<int>(std::count(m_calls.begin(), m_calls.end(), name));
 }
 
 bool CFakeStreamSource::Give(const Flumen::CMediaFrame& frame) {

@@ -8,6 +8,7 @@
 
 #include "Vidora/Names.h"
 #include "Vidora/StreamSource.h"
+#include "support/GuardedList.h"
 
 namespace Kavio::Support {
 
@@ -39,9 +40,10 @@ public:
         Vidora::CTime end = Vidora::CTime(1600000012);
     };
 
-    // H.264 video, as BuildFrame makes it, live or as a recording of 12.5 seconds.
-    static Settings LiveVideo();
-    static Settings FileVideo();
+    typedef std::function<void(Settings& settings)> change_t;
+    // H.264 video, as BuildFrame makes it, live or as a recording of 12.5 seconds, with what `change` makes of it.
+    static Settings LiveVideo(const change_t& change = nullptr);
+    static Settings FileVideo(const change_t& change = nullptr);
     // What the factory's next sources are like.
     static void SetNext(const Settings& settings);
     // A source like that.
@@ -63,8 +65,8 @@ public:
     void SetPacketState(int state) { m_packet_state = state; }
 
     // The calls so far, in order: "Start", "Stop", "Pause", "Resume", "SetIFrame", "Seek 1600000003", ...
-    std::vector<std::string> Calls();
-    int CountCalls(const std::string& name);
+    std::vector<std::string> Calls() const { return m_calls.All(); }
+    int CountCalls(const std::string& name) const { return m_calls.Count(name); }
 
     int Init(long receiver_id, int ext) override;
     Vidora::src_type_t GetSrcType() override { return m_settings.type; }
@@ -90,15 +92,15 @@ public:
 private:
     explicit CFakeStreamSource(const Settings& settings);
     ~CFakeStreamSource() override;
-    bool record(const std::string& call);  // gives true
+    bool record(const std::string& call) { return m_calls.Add(call), true; }
 
     Settings m_settings;
     std::atomic<uint64_t> m_sought{0};
     std::atomic<long> m_receiver_id{0};
-    Vidora::CMutex m_mutex;       // guards the record and the video format
+    Vidora::CMutex m_mutex;       // guards the video format
     Vidora::CMutex m_give_mutex;  // held while a frame is given, so that Stop waits for it
     frame_proc_t m_proc;
-    std::vector<std::string> m_calls;
+    CGuardedList<std::string> m_calls;
     std::atomic<int> m_packet_state{0};
 };
 

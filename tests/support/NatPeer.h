@@ -47,13 +47,10 @@ public:
         }
     }
     std::vector<ServerRequest> Requests(const std::string& method) {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        std::vector<ServerRequest> found;
-        for (const ServerRequest& request : m_requests) {
-            if (request.method == method) {
-                found.push_back(request);
-            }
-        }
+        std::vector<ServerRequest> found = m_requests.All();
+        found.erase(std::remove_if(found.begin(), found.end(),
+                                   [&method](const ServerRequest& request) { return request.method != method; }),
+                    found.end());
         return found;
     }
     // A packet of CScriptedServer::Rtp as it is on the wire.
@@ -79,10 +76,7 @@ private:
         m_sock.reset();
     }
     bool answer(const ServerRequest& request) {
-        {
-            const std::lock_guard<std::mutex> guard(m_mutex);
-            m_requests.push_back(request);
-        }
+        m_requests.Add(request);
         std::string answer = m_answer(request);
         if (answer == CScriptedServer::CLOSE) {
             return false;
@@ -100,8 +94,8 @@ private:
 
     const CScriptedServer::answer_t m_answer;
     const drops_t m_drops;
+    CGuardedList<ServerRequest> m_requests;
     std::mutex m_mutex;
-    std::vector<ServerRequest> m_requests;
     std::unique_ptr<CUdpPeer> m_sock = std::make_unique<CUdpPeer>();  // until it goes
     const int m_port = m_sock->Port();
     std::atomic<int> m_client_port{0};
@@ -119,6 +113,8 @@ public:
         sock = ::dup(bound.Fd());
         return StartBy(url, sock);
     }
+    // Starts, and waits until it plays.
+    bool Plays(const std::string& url) { return Start(url) == 0 && WaitFor(Vidora::MSG_RTSP_PLAY_READY); }
 
     int sock = -1;  // the session's after Start
     int port = 0;

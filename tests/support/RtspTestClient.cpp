@@ -1,9 +1,6 @@
 #include "support/RtspTestClient.h"
 
-#include <arpa/inet.h>
 #include <poll.h>
-
-#include <algorithm>
 
 #include "support/Interleave.h"
 #include "support/Loopback.h"

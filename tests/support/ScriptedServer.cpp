@@ -2,8 +2,6 @@
 
 #include <poll.h>
 
-#include <algorithm>
-
 #include "support/Interleave.h"
 
 namespace Kavio::Support {
@@ -18,6 +16,11 @@ ServerRequest ServerRequest::Read(const std::string& text) {
     request.url = text.substr(url, text.find(' ', url) - url);
     request.cseq = HeaderOf(text, "CSeq");
     return request;
+}
+
+int ServerRequest::ClientPort() const {
+    const size_t place = text.find("client_port=");
+    return place == std::string::npos ? 0 : atoi(&text[place + 12]);
 }
 
 CScriptedServer::CScriptedServer(answer_t answer, size_t piece) : m_answer(std::move(answer)), m_piece(piece) {
@@ -74,10 +77,7 @@ void CScriptedServer::serve(int fd, int number) {
 bool CScriptedServer::answer(const std::string& text, int number, int fd) {
     ServerRequest request = ServerRequest::Read(text);
     request.connection = number;
-    {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        m_requests.push_back(request);
-    }
+    requests.Add(request);
     const std::string answer = m_answer(request);
     if (answer != CLOSE) {
         send(fd, answer);
@@ -101,24 +101,6 @@ void CScriptedServer::SendAll(const std::string& bytes) {
     }
 }
 
-std::vector<ServerRequest> CScriptedServer::Requests() {
-    const std::lock_guard<std::mutex> guard(m_mutex);
-    return m_requests;
-}
-
-int CScriptedServer::Count(const std::string& method) {
-    const std::vector<ServerRequest> requests = Requests();
-    return static_cast<int>(std::count_if(requests.begin(), requests.end(), [&method](const ServerRequest& request) {
-        return request.method == method;
-    }));
-}
-
-bool CScriptedServer::Holds(const std::string& text) {
-    const std::vector<ServerRequest> requests = Requests();
-    return std::any_of(requests.begin(), requests.end(),
-                       [&text](const ServerRequest& request) { return request.text.find(text) != std::string::npos; });
-}
-
 std::string CScriptedServer::Reply(const ServerRequest& request, const std::string& status, const std::string& headers,
                                    const std::string& body) {
     const std::string length = body.empty() ? "" : "Content-Length: " + std::to_string(body.size()) + "\r\n";
@@ -137,10 +119,12 @@ std::string CScriptedServer::Answer(const ServerRequest& request) {
         return Reply(request, "200 OK", "Content-Type: application/sdp\r\n", Sdp());
     }
     if (request.method == "SETUP") {
-        const size_t place = request.text.find("interleaved=");
-        const std::string channels = request.text.substr(place, request.text.find("\r\n", place) - place);
+        const bool is_udp = request.ClientPort() > 0;
+        const size_t place = request.text.find(is_udp ? "client_port=" : "interleaved=");
+        const std::string way = request.text.substr(place, request.text.find("\r\n", place) - place);
         return Reply(request, "200 OK",
-                     "Session: 77;timeout=60\r\nTransport: RTP/AVP/TCP;unicast;" + channels + "\r\n");
+                     std::string("Session: 77;timeout=60\r\nTransport: RTP/AVP") + (is_udp ? "" : "/TCP") +
+                         ";unicast;" + way + "\r\n");
     }
     return Reply(request, "200 OK", "Session: 77\r\n");
 }

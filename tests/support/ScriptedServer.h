@@ -9,6 +9,7 @@
 #include <thread>
 #include <vector>
 
+#include "support/GuardedList.h"
 #include "support/Loopback.h"
 
 namespace Kavio::Support {
@@ -22,6 +23,8 @@ struct ServerRequest {
     int connection = 0;  // from 0
 
     static ServerRequest Read(const std::string& text);
+    // Where the client wants RTP by UDP; 0: nowhere.
+    int ClientPort() const;
 };
 
 // CScriptedServer: an RTSP server on the loopback address that answers what a test tells it to: it knows nothing of the
@@ -46,12 +49,17 @@ public:
     }
     // Sends bytes on all connections that live.
     void SendAll(const std::string& bytes);
-    std::vector<ServerRequest> Requests();
-    int Count(const std::string& method);
+    int Count(const std::string& method) const {
+        return requests.CountIf([&](const ServerRequest& request) { return request.method == method; });
+    }
     // Whether a request holds `text`.
-    bool Holds(const std::string& text);
+    bool Holds(const std::string& text) const {
+        return requests.CountIf([&](const ServerRequest& request) { return request.text.find(text) != text.npos; }) > 0;
+    }
 
-    // What an orderly server says, with one H.264 track that is interleaved.
+    CGuardedList<ServerRequest> requests;
+
+    // What an orderly server says, with one H.264 track by the way that the client asks for.
     static std::string Answer(const ServerRequest& request);
     // A reply with that status and those header lines.
     static std::string Reply(const ServerRequest& request, const std::string& status, const std::string& headers = "",
@@ -76,7 +84,6 @@ private:
     std::mutex m_mutex;
     std::vector<int> m_fds;
     std::list<std::thread> m_threads;
-    std::vector<ServerRequest> m_requests;
     std::thread m_accepter;
 };
 

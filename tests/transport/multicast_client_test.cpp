@@ -3,18 +3,15 @@
 #include <fcntl.h>
 #include <gtest/gtest.h>
 
-#include <functional>
 #include <future>
-#include <mutex>
 
 #include "MulticastStreamClient.h"
 #include "StreamParser/Frame2Ts.h"
 #include "Vidora/KXFrame.h"
 #include "support/Capture.h"
 #include "support/FrameBuilder.h"
+#include "support/GuardedList.h"
 #include "support/PackerUnits.h"
-#include "support/SampleTable.h"
-#include "support/StreamBytes.h"
 #include "support/TestClock.h"
 #include "support/TestHandler.h"
 #include "support/UdpPeer.h"
@@ -94,12 +91,12 @@ public:
     void Send(const std::string& datagram, int port) { m_peer.Send(datagram, port); }
     // Whether so many frames in all come in time.
     bool Has(size_t count, int wait_ms) {
-        return WaitUntil([&] { return frames().size() >= count; }, wait_ms);
+        return WaitUntil([&] { return m_frames.Size() >= count; }, wait_ms);
     }
     // Waits for so many frames in all; their bare bytes.
     std::vector<std::string> Frames(size_t count) {
-        EXPECT_TRUE(WaitUntil([&] { return frames().size() >= count; }));
-        return frames();
+        EXPECT_TRUE(Has(count, 20000));
+        return m_frames.All();
     }
     CMulticastStreamClient* Client() { return static_cast<CMulticastStreamClient*>(m_client.load()); }
 
@@ -112,9 +109,7 @@ private:
         if (frame.valid()) {
             int length = 0;
             const int offset = get_frame_body(frame.getBuffer(), static_cast<int>(frame.size()), length);
-            const std::lock_guard<std::mutex> guard(m_mutex);
-            m_frames.emplace_back(reinterpret_cast<const char*>(frame.getBuffer()) + offset,
-                                  static_cast<size_t>(length));
+            m_frames.Add({reinterpret_cast<const char*>(frame.getBuffer()) + offset, static_cast<size_t>(length)});
         }
         ends += frame.valid() ? 0 : 1;
         if (on_call) {
@@ -122,15 +117,10 @@ private:
         }
         ++returned;
     }
-    std::vector<std::string> frames() {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        return m_frames;
-    }
 
     std::atomic<IMulticastStreamClient*> m_client;
     CUdpPeer m_peer;
-    std::mutex m_mutex;
-    std::vector<std::string> m_frames;
+    CGuardedList<std::string> m_frames;
 };
 
 // The descriptor that is bound to a UDP port of the loopback address besides the caller's own; -1 if there is none.

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <string>
-
 #include "ReceptionStats.h"
 #include "StreamTcpReceiver.h"
 #include "StreamUdpReceiver.h"
@@ -26,27 +24,17 @@ const Bytes OTHER_SLICE = {0x41, 0x9a, 0x80};
 // What a receiver's procedures were given.
 class CProcs {
 public:
-    void OnRtcp(const rtcp_digest_t&, int channel) { add("rtcp", nullptr, 1, channel); }
-    void OnRtp(const unsigned char* data, int length, int channel) { add("rtp", data, length, channel); }
+    void OnRtcp(const rtcp_digest_t&, int channel) { m_kinds.Add("rtcp" + std::to_string(channel)); }
     void OnRtsp(const char* text, int length) {
         EXPECT_EQ(text[length], 0);
-        add("rtsp", reinterpret_cast<const unsigned char*>(text), length, 0);
+        m_kinds.Add("rtsp");
     }
     int Count(const std::string& kind) const {
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        return static_cast<int>(std::count(m_kinds.begin(), m_kinds.end(), kind));
+        return m_kinds.CountIf([&](const std::string& each) { return each.compare(0, kind.size(), kind) == 0; });
     }
 
 private:
-    void add(const char* kind, const unsigned char*, int length, int channel) {
-        EXPECT_GE(length, 1);
-        const std::lock_guard<std::mutex> guard(m_mutex);
-        m_kinds.push_back(kind);
-        m_kinds.push_back(kind + std::to_string(channel));
-    }
-
-    mutable std::mutex m_mutex;
-    std::vector<std::string> m_kinds;
+    CGuardedList<std::string> m_kinds;
 };
 
 // A receiver's owner, with the buffer that the receiver feeds.
@@ -82,7 +70,6 @@ protected:
         ASSERT_EQ(receiver->SetTracks(m_tracks), 0);
         receiver->SetMediaBuffer(&m_buffer);
         receiver->SetProcs({&m_procs, &CProcs::OnRtcp}, {&m_procs, &CProcs::OnRtsp});
-        receiver->SetRtpProc({&m_procs, &CProcs::OnRtp});
     }
     CStreamTcpReceiver* MakeTcp(int protocol) {
         m_sock = std::make_shared<CSockStream>();

@@ -1,10 +1,7 @@
 #include <gtest/gtest.h>
 #include <sys/resource.h>
 
-#include <atomic>
 #include <memory>
-#include <thread>
-#include <vector>
 
 #include "RtpUdpSender.h"
 #include "UdpPortTable.h"
@@ -13,7 +10,6 @@
 #include "Vidora/Tramel/MediaBuffer.h"
 #include "Vidora/Types.h"
 #include "support/Capture.h"
-#include "support/Interleave.h"
 #include "support/SampleTable.h"
 #include "support/StreamPeer.h"
 #include "support/TestClock.h"
@@ -194,6 +190,12 @@ TEST_F(UdpSender, SendsEachPacketOfAMergedFrameToItsTracksPort) {
     EXPECT_EQ(-1, PutTo(m_sender, std::string("$\0\0\x20short", 9), TRACK_0));
     EXPECT_EQ(-1, PutTo(m_sender, "$", TRACK_0));
     EXPECT_EQ(-1, m_sender.Put(nullptr, 10, 1, TRACK_0));
+    m_sender.DisableTrack(0);
+    EXPECT_EQ(0, PutTo(m_sender, frame, TRACK_0));
+    const Support::CAssertCapture asserts;
+    m_sender.DisableTrack(8);
+    m_sender.Init(16);
+    EXPECT_EQ((std::vector<std::string>{"channel <= 7 && channel >= 0", "media_num < 16"}), asserts.Texts());
 }
 
 // The packets of two tracks arrive, each in its order, while other threads switch them, pause them, open one anew and
@@ -269,33 +271,6 @@ TEST_F(UdpSender, IsSwitchedMovedAndRemovedWhileItsBufferSends) {
     buffer.DelLevel2Buffer(&m_sender);
 }
 
-TEST_F(UdpSender, TrackMaskDropsSilently) {
-    Open(1);
-    CUdpPeer peer;
-    ASSERT_LT(0, OpenPair(m_sender, peer.Port(), 0));
-    const struct {
-        void (*change)(CRtpUdpSender&);
-        int sent_0;
-        int sent_1;
-    } rows[] = {
-        {[](CRtpUdpSender&) {}, 5, 5},
-        {[](CRtpUdpSender& s) { s.EnableTrack(1); }, 0, 5},  // the first one leaves only its own on
-        {[](CRtpUdpSender& s) { s.EnableTrack(0); }, 5, 5},
-        {[](CRtpUdpSender& s) { s.DisableTrack(0); }, 0, 5},
-        {[](CRtpUdpSender& s) { s.EnableTrack(-1); }, 5, 5},
-    };
-    for (const auto& row : rows) {
-        row.change(m_sender);
-        EXPECT_EQ(row.sent_0, PutTo(m_sender, Interleaved<std::string>(0, "x"), TRACK_0));
-        EXPECT_EQ(row.sent_1, PutTo(m_sender, Interleaved<std::string>(0, "x"), TRACK_1));
-    }
-    EXPECT_EQ(0, PutTo(m_sender, Interleaved<std::string>(0, "x"), 0x1f000001));  // no such track
-    Support::CAssertCapture asserts;
-    m_sender.DisableTrack(8);
-    m_sender.Init(16);
-    EXPECT_EQ((std::vector<std::string>{"channel <= 7 && channel >= 0", "media_num < 16"}), asserts.Texts());
-}
-
 TEST_F(UdpSender, ReportsRepeatedFailuresOnceASecond) {
     Open(1);
     ASSERT_LT(0, OpenPair(m_sender, 4000, 0));
@@ -304,23 +279,6 @@ TEST_F(UdpSender, ReportsRepeatedFailuresOnceASecond) {
         EXPECT_EQ(-1, PutTo(m_sender, std::string("$\0\x10\0cut", 7), TRACK_0));
     }
     EXPECT_EQ(1, log.Count("udp send failed "));
-}
-
-TEST_F(UdpSender, SendsRawBytesOnTheSocketOfTheChannel) {
-    Open(1);
-    std::unique_ptr<CUdpPeer> rtp, rtcp;
-    do {  // two ports in a row
-        rtp = std::make_unique<CUdpPeer>();
-        rtcp = std::make_unique<CUdpPeer>(rtp->Port() + 1);
-    } while (!rtcp->Bound());
-    const int port = OpenPair(m_sender, rtp->Port(), 0);
-    int from = 0;
-    EXPECT_EQ(6, m_sender.SendRaw("report", 6, 1));
-    EXPECT_EQ("report", rtcp->Recv(5000, &from));
-    EXPECT_EQ(port + 1, from);
-    EXPECT_EQ(5, m_sender.SendRaw("media", 5, 0));
-    EXPECT_EQ("media", rtp->Recv());
-    EXPECT_EQ(-1, m_sender.SendRaw("x", 1, 7));
 }
 
 TEST_F(UdpSender, KeeperReportsOneSilentIntervalOfAnyTrackOnce) {
