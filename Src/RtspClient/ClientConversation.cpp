@@ -63,17 +63,19 @@ int CClientConversation::SendExtMsg(const client_request& request, char* out, in
     if (slot == 0) {
         return -1;
     }
-    const auto send = [this, request, slot] {
-        if (send_application(request, slot) < 0) {
-            m_slots.Drop(slot);
-            report_request_failure(RTSP_CLIENT_CODE_CONNECTION);
-        }
-    };
-    if (m_work.Put(send, request.body.size()) < 0) {
+    const int result = GuardedCall([&] {
+        const auto send = [this, request, slot] {
+            if (send_application(request, slot) < 0) {
+                m_slots.Drop(slot);
+                report_request_failure(RTSP_CLIENT_CODE_CONNECTION);
+            }
+        };
+        return m_work.Put(send, request.body.size());
+    });
+    if (result < 0) {
         m_slots.Drop(slot);
-        return -1;
     }
-    return 0;
+    return result;
 }
 
 void CClientConversation::report_request_failure(long code) {

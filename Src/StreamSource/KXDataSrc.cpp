@@ -70,9 +70,9 @@ int CKXDataSrc::Init(long notify_id, int ext) {
     }
     recvr->set_create_src_fun(m_config.GetSrcFunc());
     recvr->SetConformance(m_config.GetConformance());
-    {
-        CGuard guard(m_recvr_mutex);
-        m_recvr = recvr;  // before its first message can come
+    if (!store_receiver(recvr)) {
+        recvr->Close();
+        return -1;
     }
     const CKXDataReceiver::CUse use = enter();
     if (!use || use->Init(m_content, GetID(), ext) < 0) {
@@ -81,6 +81,14 @@ int CKXDataSrc::Init(long notify_id, int ext) {
         return -1;
     }
     return 0;
+}
+
+// Before its first message can come. False if the source has one, or is closed.
+bool CKXDataSrc::store_receiver(CKXDataReceiver* recvr) {
+    CGuard guard(m_recvr_mutex);
+    const bool is_first = m_recvr == nullptr && !m_closed;
+    m_recvr = is_first ? recvr : m_recvr;
+    return is_first;
 }
 
 int CKXDataSrc::handle_message(long, unsigned int msg, long) {

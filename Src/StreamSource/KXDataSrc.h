@@ -60,6 +60,7 @@ private:
 
     ~CKXDataSrc() override;
 
+    bool store_receiver(CKXDataReceiver* recvr);
     int find_track(int track_id);
     void run(const std::shared_ptr<CSourceJob>& job);
     void report_behind(const CKXDataReceiver::CUse& use, unsigned int msg);

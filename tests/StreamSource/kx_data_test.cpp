@@ -382,6 +382,12 @@ TEST_F(KXDataTest, ASourceThatDoesNotBegin) {
     EXPECT_TRUE(WaitFor(MSG_SRC_FAIL));
 }
 
+TEST_F(KXDataTest, ASecondInitLeavesTheFirstStreamAsItIs) {
+    OpenReady();
+    EXPECT_EQ(-1, m_source->Init(m_holder->GetID(), 0));
+    EXPECT_EQ(1, CFakeStreamSource::LiveCount());
+}
+
 TEST_F(KXDataTest, ParameterSetsWithoutStartCodeFailTheSource) {
     Open(CFakeStreamSource::LiveVideo([](auto& settings) { settings.specific_info = "no start code"; }));
     EXPECT_TRUE(WaitFor(MSG_SRC_FAIL));
