@@ -266,8 +266,10 @@ bool CClientConversation::check_reports() {
         return true;
     }
     if (m_settings.transport == RTP_OVER_UDP) {
-        logError("%s:%d RTP_OVER_UDP send rtcp_report  failed, disabled\n", __FILE__, __LINE__);
-        m_keepalive.StopReports();
+        if (!m_settings.conformance) {  // otherwise the next one is tried: a route that is away may come back
+            logError("%s:%d RTP_OVER_UDP send rtcp_report  failed, disabled\n", __FILE__, __LINE__);
+            m_keepalive.StopReports();
+        }
         return true;
     }
     logError("%s:%d RTP_OVER_RTSP send rtcp_report  failed, error\n", __FILE__, __LINE__);

@@ -10,6 +10,7 @@
 #include "Vidora/SdpInfo.h"
 #include "support/Capture.h"
 #include "support/ClientHost.h"
+#include "support/Descriptors.h"
 #include "support/RtspText.h"
 #include "support/SampleTable.h"
 #include "support/ScriptedServer.h"
@@ -261,6 +262,30 @@ TEST_F(CSessionTest, ServerMayMoveTheClientsPort) {
         return host.sink.Count() > 3;
     }));
     EXPECT_EQ("\x81\xc9", sender.Recv(20000).substr(0, 2));  // its report
+}
+
+// A report is refused here as by a route that is away, until the socket may send to all.
+TEST_F(CSessionTest, ReportsGoOnBehindOneThatCouldNotBeSent) {
+    CUdpPeer all(0, "0.0.0.0");
+    std::atomic<int> port{0};
+    CScriptedServer server([&](const ServerRequest& request) {
+        if (request.method != "SETUP") {
+            return Server::Answer(request);
+        }
+        port = std::stoi(request.text.substr(request.text.find("client_port=") + 12));
+        return Server::Reply(request, "200 OK",
+                             "Session: 1;timeout=24\r\nTransport: RTP/AVP;unicast;source=127.255.255.255;client_port=" +
+                                 std::to_string(port) + ";server_port=9-" + std::to_string(all.Port()) + "\r\n");
+    });
+    CClientHost host;
+    host.session->SetConformance(true);
+    ASSERT_EQ(0, host.Start(server.Url(), RTP_OVER_UDP));
+    ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
+    const int asked = server.Count("OPTIONS");
+    EXPECT_TRUE(WaitUntil([&] { return server.Count("OPTIONS") > asked; }));  // twelve ticks: two reports were due
+    const int on = 1;
+    ASSERT_EQ(0, setsockopt(UdpSocketAt(port + 1), SOL_SOCKET, SO_BROADCAST, &on, sizeof(on)));
+    EXPECT_EQ("\x80\xc9", all.Recv(20000).substr(0, 2));
 }
 
 // Over UDP a BYE may overtake the answer to PLAY; what was played before may have had one as well.

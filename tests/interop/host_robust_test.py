@@ -12,6 +12,7 @@ import sys
 import time
 import types
 import unittest
+from collections import Counter
 
 from host_support import HOST, LIVE, MEDIA, Host, Rtsp, main
 from peers import Folder, free_port, wait_for
@@ -207,6 +208,14 @@ class Ending(unittest.TestCase):
             self.assertEqual(host.stop(), 0, host.lines)
             with self.assertRaises((EOFError, ConnectionError)):
                 peer.take(1)
+
+    def test_player_that_loses_frames_causes_a_line_a_second(self):
+        with Host("--fps", "240") as host, Rtsp(host) as player:
+            player.url = host.url(JPEG)
+            player.play(1)
+            lost = lambda: [line for line in list(host.lines) if "lost packet" in line]
+            wait_for(lambda: len(lost()) >= 3, "what waits is older than ten seconds, and drops with each frame")
+            self.assertLess(max(Counter(line.split()[0] for line in lost()).values()), 3, host.lines)
 
     def test_players_are_told(self):
         with Host() as host, Rtsp(host) as peer:

@@ -3,7 +3,9 @@
 
 #include "Vidora/Ostra/ByteReader.h"
 #include "server/ServerFixture.h"
+#include "support/Descriptors.h"
 #include "support/TestClock.h"
+#include "support/UdpPeer.h"
 
 namespace Kavio::Vidora {
 namespace {
@@ -185,6 +187,21 @@ TEST_F(Conformance, ReportsFollowTheFirstMediaAndNeverStep) {
         }
         EXPECT_TRUE(viewer.Closed());
     }
+}
+
+// As where the route to the client is away for a while.
+TEST_F(Conformance, ReportThatCannotBeSentEndsNoSession) {
+    CFakeStreamSource* source = StartWithChannel();
+    CUdpPeer viewer;
+    CRtspTestClient client(m_port);
+    const RtspReply reply = Play(client, UdpTransport(viewer.Port()));
+    const int reports = UdpSocketAt(ServerPort(reply) + 1);
+    ASSERT_GE(reports, 0);
+    shutdown(reports, SHUT_WR);
+    const CLogCapture log;
+    ASSERT_TRUE(Give(source, 10));
+    EXPECT_TRUE(WaitUntil([&] { return log.Count("udp media send") > 0; }));
+    EXPECT_EQ(200, client.Ask("OPTIONS", "*").status);
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <cstdio>
 #include <initializer_list>
+#include <iterator>
 #include <new>
 
 #include "Vidora/Ostra/Log.h"
@@ -12,6 +13,8 @@
 using namespace Kavio::Vidora;
 
 namespace {
+
+const uint64_t LOSS_INTERVAL_MS = 1000;  // between two lines of a session that loses packets
 
 std::string time_text() {
     char text[32];
@@ -115,9 +118,30 @@ void Monitor::Event(event_type_t event, const void* data, int length) noexcept {
     }
 }
 
+// A client that reads slowly loses frame after frame: a line a second tells as much.
+bool Monitor::passes_loss(long session) {
+    const uint64_t now = Kavio::Ostra::CTime::getCurrentMilliSecond();
+    const std::lock_guard<std::mutex> guard(m_loss_mutex);
+    if (now - m_swept_ms >= LOSS_INTERVAL_MS) {
+        m_swept_ms = now;
+        for (auto row = m_loss_ms.begin(); row != m_loss_ms.end();) {
+            row = now - row->second >= LOSS_INTERVAL_MS ? m_loss_ms.erase(row) : std::next(row);
+        }
+    }
+    const auto found = m_loss_ms.find(session);
+    if (found != m_loss_ms.end() && now - found->second < LOSS_INTERVAL_MS) {
+        return false;
+    }
+    m_loss_ms[session] = now;
+    return true;
+}
+
 void Monitor::write_event(event_type_t event, const void* data, int length) {
     if (event == EVENT_LOST_PACKET) {
         const LostPacketEvent& lost = *static_cast<const LostPacketEvent*>(data);
+        if (!passes_loss(lost.session)) {
+            return;
+        }
         const std::string peer = std::string(lost.ip) + ":" + std::to_string(lost.port);
         m_output.Write(make_line(m_json, {text_item("event", " ", "lost packet"), text_item("peer", ", peer ", peer),
                                           number_item("session", " session ", lost.session)}));

@@ -1,7 +1,10 @@
 #ifndef VIDORA_HOST_MONITOR_H
 #define VIDORA_HOST_MONITOR_H
 
+#include <cstdint>
+#include <mutex>
 #include <string>
+#include <unordered_map>
 
 #include "LineWriter.h"
 #include "Vidora/RtspSvr.h"
@@ -26,11 +29,15 @@ public:
 
 private:
     void write_event(Kavio::Vidora::event_type_t event, const void* data, int length);
+    bool passes_loss(long session);
 
     const bool m_json;
     LineWriter m_output;
     LineWriter m_errors;
     Kavio::Vidora::RtspSvrStatistics m_last;
+    std::mutex m_loss_mutex;
+    std::unordered_map<long, uint64_t> m_loss_ms;  // by session: when its last line was written
+    uint64_t m_swept_ms = 0;                       // when old ones were erased
 };
 
 #endif  // VIDORA_HOST_MONITOR_H
