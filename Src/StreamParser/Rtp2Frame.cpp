@@ -107,6 +107,17 @@ void CRtp2Frame::take_packet(const RtpHeader& header, rtp_order_t order) {
     m_watch.Take(header);
 }
 
+// The frame in front of a packet with another time stamp ended without a marker, whatever it holds.
+inline bool CRtp2Frame::complete_unmarked(rtp_order_t order) {
+    if (make_frame() < 0) {
+        drop_packets();
+        return false;
+    }
+    m_complete = true;
+    m_unmarked = m_unmarked || order == RTP_ORDER_NEXT;
+    return true;
+}
+
 // A packet of a frame that is what has its time stamp.
 int CRtp2Frame::put_framed(const RtpHeader& header) {
     m_last_ts = m_watch.IsFresh() ? header.timestamp : m_last_ts;
@@ -117,14 +128,8 @@ int CRtp2Frame::put_framed(const RtpHeader& header) {
         mark_gap(header, order);
     }
     m_watch.Probe(header.sequence);
-    if (GetPacketCount() > 0 && new_time) {
-        // The frame ended without a marker, whatever it holds.
-        if (make_frame() >= 0) {
-            m_complete = true;
-            m_unmarked = m_unmarked || order == RTP_ORDER_NEXT;
-            return FRAME_COMPLETE_NEXT;
-        }
-        drop_packets();
+    if (GetPacketCount() > 0 && new_time && complete_unmarked(order)) {
+        return FRAME_COMPLETE_NEXT;
     }
     if (!begins_well(header, order)) {
         m_damaged = true;

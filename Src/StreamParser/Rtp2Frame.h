@@ -97,6 +97,7 @@ public:
 private:
     int refuse_packet(const Ostra::CByteReader& packet);
     int put_framed(const RtpHeader& header);
+    bool complete_unmarked(rtp_order_t order);
     bool begins_well(const RtpHeader& header, rtp_order_t order) const;
     void mark_gap(const RtpHeader& header, rtp_order_t order);
     int put_stream(const RtpHeader& header);

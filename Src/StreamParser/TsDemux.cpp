@@ -85,6 +85,18 @@ void read_pmt(TsProgramTable& table, CByteReader& payload, Ostra::CLogGate& log)
     table.track_count = count;
 }
 
+// Takes a packet of the tables; false if it is none.
+bool read_table(TsDemuxState& state, CByteReader& payload) {
+    const bool is_pat = state.packet.pid == PAT_PID;
+    if (!is_pat && state.packet.pid != state.table.pmt_pid) {
+        return false;
+    }
+    if (state.packet.unit_start && payload.Remaining() > 0) {
+        (is_pat ? read_pat : read_pmt)(state.table, payload, state.logs[TS_FAULT_SECTION]);
+    }
+    return true;
+}
+
 int find_track(const TsProgramTable& table, int pid) {
     for (int track = 0; track < table.track_count; ++track) {
         if (table.tracks[track].pid == pid) {
@@ -154,17 +166,7 @@ int ts_demux(TsDemuxState& state, const unsigned char packet[TS_PACK_LEN]) {
     }
     CByteReader payload(packet, TS_PACK_LEN);
     payload.Skip(static_cast<size_t>(state.packet.payload_offset));
-    const bool section_start = state.packet.unit_start && payload.Remaining() > 0;
-    if (state.packet.pid == PAT_PID) {
-        if (section_start) {
-            read_pat(state.table, payload, state.logs[TS_FAULT_SECTION]);
-        }
-        return TS_DEMUX_OK;
-    }
-    if (state.packet.pid == state.table.pmt_pid) {
-        if (section_start) {
-            read_pmt(state.table, payload, state.logs[TS_FAULT_SECTION]);
-        }
+    if (read_table(state, payload)) {
         return TS_DEMUX_OK;
     }
     const int track = find_track(state.table, state.packet.pid);

@@ -83,6 +83,28 @@ struct RecvFrame {
     }
 };
 
+// Adds the packets of a run, as far as they can be sent. False if it isn't made of whole units.
+bool add_units(CDgramRun& run, const unsigned char* data, unsigned int length) {
+    Ostra::CByteReader reader(data, length);
+    while (reader.Remaining() > 0 && !run.Stopped()) {
+        const uint32_t header = reader.ReadU32();
+        const unsigned int size = header & MAX_UNIT_SIZE;
+        const uint8_t* packet = reader.ReadBytes(size);
+        if (!reader.Ok() || header >> MARK_SHIFT != INTERLEAVE_MARK) {
+            return false;
+        }
+        run.Add(packet, size);
+    }
+    return true;
+}
+
+void count_media(const CDgramRun& run) {
+    CMediaTally tally;
+    tally.Sent(static_cast<uint64_t>(run.Sent()), run.Bytes());
+    tally.Dropped(run.Stopped() ? 1 : 0);
+    tally.Tell();
+}
+
 }  // namespace
 
 int CSockDgram::SendMerged(const unsigned char* data, unsigned int length, bool* all) {
@@ -92,24 +114,10 @@ int CSockDgram::SendMerged(const unsigned char* data, unsigned int length, bool*
     if (m_fd < 0 || data == nullptr) {
         return -1;
     }
-    bool is_run = true;
     CDgramRun run(m_fd, m_target, m_offload_limit);
-    Ostra::CByteReader reader(data, length);
-    while (reader.Remaining() > 0 && !run.Stopped()) {
-        const uint32_t header = reader.ReadU32();
-        const unsigned int size = header & MAX_UNIT_SIZE;
-        const uint8_t* packet = reader.ReadBytes(size);
-        is_run = reader.Ok() && header >> MARK_SHIFT == INTERLEAVE_MARK;
-        if (!is_run) {
-            break;
-        }
-        run.Add(packet, size);
-    }
+    const bool is_run = add_units(run, data, length);
     run.Flush();
-    CMediaTally tally;
-    tally.Sent(static_cast<uint64_t>(run.Sent()), run.Bytes());
-    tally.Dropped(run.Stopped() ? 1 : 0);
-    tally.Tell();
+    count_media(run);
     if (!is_run) {
         errno = EBADMSG;
     }

@@ -126,28 +126,12 @@ bool Clip::LoadVideo(const std::string& path, double fps, slices_t slices, std::
 }
 
 bool Clip::LoadAudio(const std::string& path, std::string& error) {
-    const bool is_container = IsContainer(path);
-    if (is_container ? !UnpackAudio(path, m_bytes, error) : !ReadFile(path, m_bytes, error)) {
-        error = is_container ? path + ": " + error : error;
+    if (!read_audio(path, error)) {
         return false;
     }
-    if (is_container && m_bytes.empty()) {
-        return false;
-    }
-    bool done = false;
-    if (is_container || HasEnding(path, ".alaw")) {
-        done = cut_g711(STREAM_AUDIO_PCMA_14);
-    } else if (HasEnding(path, ".ulaw")) {
-        done = cut_g711(STREAM_AUDIO_PCMU);
-    } else if (HasEnding(path, ".mp2")) {
-        done = cut_mpeg_audio(error);
-    } else if (HasEnding(path, ".kav")) {
-        if (!cut_kav(true, error) || m_units.empty()) {
-            return false;  // a recording may be without audio
-        }
-        done = true;
-    } else {
-        error = "is no .alaw, .ulaw, .mp2 or .kav file";
+    bool done = cut_audio(path, error);
+    if (HasEnding(path, ".kav") && (!done || m_units.empty())) {
+        return false;  // a recording may be without audio
     }
     if (done && m_units.empty()) {
         error = "holds no audio";
@@ -157,6 +141,35 @@ bool Clip::LoadAudio(const std::string& path, std::string& error) {
         error = path + ": " + error;
     }
     return done;
+}
+
+// The bytes of the file, or a container's audio as A-law, which may not be there.
+bool Clip::read_audio(const std::string& path, std::string& error) {
+    if (!IsContainer(path)) {
+        return ReadFile(path, m_bytes, error);
+    }
+    if (!UnpackAudio(path, m_bytes, error)) {
+        error = path + ": " + error;
+        return false;
+    }
+    return !m_bytes.empty();
+}
+
+bool Clip::cut_audio(const std::string& path, std::string& error) {
+    if (IsContainer(path) || HasEnding(path, ".alaw")) {
+        return cut_g711(STREAM_AUDIO_PCMA_14);
+    }
+    if (HasEnding(path, ".ulaw")) {
+        return cut_g711(STREAM_AUDIO_PCMU);
+    }
+    if (HasEnding(path, ".mp2")) {
+        return cut_mpeg_audio(error);
+    }
+    if (HasEnding(path, ".kav")) {
+        return cut_kav(true, error);
+    }
+    error = "is no .alaw, .ulaw, .mp2 or .kav file";
+    return false;
 }
 
 void Clip::add_unit(size_t offset, size_t size, int letter) {

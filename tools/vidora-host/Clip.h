@@ -43,6 +43,8 @@ public:
     const Kavio::Vidora::StreamAudioFormat& AudioFormat() const { return m_audio; }
 
 private:
+    bool read_audio(const std::string& path, std::string& error);
+    bool cut_audio(const std::string& path, std::string& error);
     bool cut_h264(std::string& error);
     struct Access;
     const char* add_nal(const NalUnit& nal, Access& access);
