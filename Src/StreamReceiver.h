@@ -110,6 +110,17 @@ protected:
     CStreamReceiver();
     ~CStreamReceiver() override;
 
+    // `receiver`, which may be null, with its owner; null if memory was short for its handler.
+    template <typename Receiver>
+    static Receiver* begun(Receiver* receiver, long owner_id) {
+        if (receiver == nullptr || receiver->GetID() == 0) {
+            delete static_cast<CStreamReceiver*>(receiver);
+            return nullptr;
+        }
+        receiver->SetNotifyId(owner_id);
+        receiver->WaitException(owner_id);
+        return receiver;
+    }
     // Releases the sockets; called once, just before message 1.
     virtual void release_socks() = 0;
 

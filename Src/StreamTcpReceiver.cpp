@@ -36,12 +36,7 @@ CStreamTcpReceiver* CStreamTcpReceiver::Create(const std::shared_ptr<CSockStream
     if (sock == nullptr || separator == nullptr) {
         return nullptr;
     }
-    CStreamTcpReceiver* receiver = new (std::nothrow) CStreamTcpReceiver(sock, std::move(separator));
-    if (receiver != nullptr) {
-        receiver->SetNotifyId(owner_id);
-        receiver->WaitException(owner_id);
-    }
-    return receiver;
+    return begun(new (std::nothrow) CStreamTcpReceiver(sock, std::move(separator)), owner_id);
 }
 
 CStreamTcpReceiver::CStreamTcpReceiver(const std::shared_ptr<CSockStream>& sock,

@@ -30,7 +30,7 @@ CStreamUdpReceiver* CStreamUdpReceiver::Create(const udp_receiver_socks_t& socks
         return nullptr;
     }
     std::unique_ptr<heard_track_t[]> heard(new (std::nothrow) heard_track_t[static_cast<size_t>(socks.count)]);
-    CStreamUdpReceiver* receiver = heard != nullptr ? new (std::nothrow) CStreamUdpReceiver : nullptr;
+    CStreamUdpReceiver* receiver = begun(heard != nullptr ? new (std::nothrow) CStreamUdpReceiver : nullptr, owner_id);
     if (receiver == nullptr) {
         return nullptr;
     }
@@ -39,8 +39,6 @@ CStreamUdpReceiver* CStreamUdpReceiver::Create(const udp_receiver_socks_t& socks
     }
     receiver->m_heard = std::move(heard);
     receiver->m_count = socks.count;
-    receiver->SetNotifyId(owner_id);
-    receiver->WaitException(owner_id);
     return receiver;
 }
 

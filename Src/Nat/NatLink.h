@@ -1,7 +1,7 @@
 #ifndef VIDORA_NAT_NATLINK_H
 #define VIDORA_NAT_NATLINK_H
 
-#include <deque>
+#include <list>
 #include <memory>
 #include <string>
 
@@ -68,7 +68,7 @@ private:
     bool m_reads = false;
     bool m_takes_rtcp = false;
     unsigned int m_ticks = 0;
-    std::deque<request_t> m_requests;  // the first one has left
+    std::list<request_t> m_requests;  // the first one has left
 };
 
 }  // namespace Vidora

@@ -31,8 +31,8 @@ CP2PClientSession::~CP2PClientSession() {
 
 CP2PClientSession* CP2PClientSession::Create() {
     CP2PClientSession* session = new (std::nothrow) CP2PClientSession;
-    CP2PClient* client =
-        session != nullptr && session->m_internal != nullptr ? CP2PClient::Create(session->GetID()) : nullptr;
+    const bool is_whole = session != nullptr && session->m_internal != nullptr && session->GetID() != 0;
+    CP2PClient* client = is_whole ? CP2PClient::Create(session->GetID()) : nullptr;
     if (client == nullptr) {
         delete session;
         return nullptr;

@@ -22,13 +22,7 @@ const size_t RTCP_SSRC_AT = 4;
 
 CP2PUdpReceiver* CP2PUdpReceiver::Create(const std::shared_ptr<CSockDgram>& sock, const CSockAddrStorage& server,
                                          bool takes_rtcp, long owner_id) {
-    CP2PUdpReceiver* receiver =
-        sock != nullptr ? new (std::nothrow) CP2PUdpReceiver(sock, server, takes_rtcp) : nullptr;
-    if (receiver != nullptr) {
-        receiver->SetNotifyId(owner_id);
-        receiver->WaitException(owner_id);
-    }
-    return receiver;
+    return begun(sock != nullptr ? new (std::nothrow) CP2PUdpReceiver(sock, server, takes_rtcp) : nullptr, owner_id);
 }
 
 int CP2PUdpReceiver::Start(uint64_t period_us, float speed) {

@@ -2,9 +2,9 @@
 #define VIDORA_RTSPCLIENT_CLIENTCONVERSATION_H
 
 #include <atomic>
-#include <deque>
 #include <memory>
 #include <string>
+#include <vector>
 
 #include "MachineKeeper.h"
 #include "Protocol/RtspReqParser.h"
@@ -224,8 +224,8 @@ private:
     long m_track_code = 0;                // of the first track that failed
     rtsp_client_failure_t m_track_failure = RTSP_CLIENT_FAILURE_NONE;
     client_play m_play;
-    std::deque<play_wish> m_wishes;  // asked for, and still to be sent
-    int m_reply_result = 0;          // of the operation that the last reply led to
+    std::vector<play_wish> m_wishes;  // asked for, and still to be sent
+    int m_reply_result = 0;           // of the operation that the last reply led to
     CClientRequests m_requests;
     CClientKeepAlive m_keepalive;
     CClientReports m_reports;

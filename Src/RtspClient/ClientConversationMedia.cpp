@@ -286,7 +286,7 @@ bool CClientConversation::defer(const play_wish& wish) {
 void CClientConversation::play_deferred() {
     while (!m_wishes.empty() && !IsEnded() && m_requests.CountOfPlay() < CLIENT_MAX_PLAYS) {
         const play_wish wish = m_wishes.front();
-        m_wishes.pop_front();
+        m_wishes.erase(m_wishes.begin());
         if (wish.method == RTSP_METHOD_PLAY) {
             play_now(wish.play);
         } else {

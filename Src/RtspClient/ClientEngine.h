@@ -67,7 +67,7 @@ protected:
     // `engine`, which may be null, or null if it lacks memory.
     template <typename Engine>
     static Engine* checked(Engine* engine) {
-        if (engine != nullptr && !engine->m_conversation.IsValid()) {
+        if (engine != nullptr && (engine->GetID() == 0 || !engine->m_conversation.IsValid())) {
             delete engine;
             return nullptr;
         }

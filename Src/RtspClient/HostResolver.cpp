@@ -4,10 +4,12 @@
 #include <signal.h>
 
 #include <atomic>
-#include <deque>
+#include <list>
 #include <new>
 #include <system_error>
 #include <thread>
+
+#include "RtspClient/ClientTypes.h"
 
 namespace Kavio {
 namespace Vidora {
@@ -63,6 +65,8 @@ private:
             ++m_threads;
         } catch (const std::system_error&) {
             started = false;
+        } catch (const std::bad_alloc&) {
+            started = false;
         }
         pthread_sigmask(SIG_SETMASK, &former, nullptr);
         return started;
@@ -94,27 +98,24 @@ private:
     }
 
     CMutex m_mutex;
-    std::deque<job_t> m_jobs VIDORA_GUARDED_BY(m_mutex);
+    std::list<job_t> m_jobs VIDORA_GUARDED_BY(m_mutex);
     unsigned int m_threads VIDORA_GUARDED_BY(m_mutex) = 0;
 };
 
 }  // namespace
 
 int CHostResolver::Begin(CClientHandler& handler, unsigned int msg, const std::string& name) {
-    try {
+    const int result = GuardedCall([&] {
         m_job = std::make_shared<CJob>();
         m_job->name = name;
-    } catch (const std::bad_alloc&) {
+        m_job->handler_id = handler.GetID();
+        m_job->msg = msg;
+        return CLookUps::Instance().Add(m_job);
+    });
+    if (result < 0) {
         m_job = nullptr;
-        return -1;
     }
-    m_job->handler_id = handler.GetID();
-    m_job->msg = msg;
-    if (CLookUps::Instance().Add(m_job) < 0) {
-        m_job = nullptr;
-        return -1;
-    }
-    return 0;
+    return result;
 }
 
 void CHostResolver::Cancel() {

@@ -84,7 +84,7 @@ CRtspClientSession* CRtspClientSession::Create() {
     if (session == nullptr) {
         return nullptr;
     }
-    if (session->m_internal == nullptr || session->make_engine() < 0) {
+    if (session->m_internal == nullptr || session->GetID() == 0 || session->make_engine() < 0) {
         delete session;
         return nullptr;
     }

@@ -109,7 +109,7 @@ int CRtspOverHttpSessionManager::handle_message(long sender_id, unsigned int msg
 
 // Who isn't taken over is closed with its record.
 void CRtspOverHttpSessionManager::take_arrivals() {
-    std::deque<std::unique_ptr<TArrival>> arrivals;
+    std::list<std::unique_ptr<TArrival>> arrivals;
     {
         CGuard guard(m_mutex);
         arrivals.swap(m_arrivals);

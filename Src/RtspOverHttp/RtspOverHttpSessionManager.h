@@ -1,7 +1,7 @@
 #ifndef VIDORA_RTSPOVERHTTPSESSIONMANAGER_H
 #define VIDORA_RTSPOVERHTTPSESSIONMANAGER_H
 
-#include <deque>
+#include <list>
 #include <map>
 #include <memory>
 #include <string>
@@ -83,7 +83,7 @@ private:
     CMutex m_mutex;
     CLiveSvrRef m_live_svr VIDORA_GUARDED_BY(m_mutex);
     CRtspSvrConfig m_config VIDORA_GUARDED_BY(m_mutex);
-    std::deque<std::unique_ptr<TArrival>> m_arrivals VIDORA_GUARDED_BY(m_mutex);
+    std::list<std::unique_ptr<TArrival>> m_arrivals VIDORA_GUARDED_BY(m_mutex);
 };
 
 }  // namespace Vidora

@@ -13,10 +13,12 @@ namespace Vidora {
 CUdpStreamReceiver* CUdpStreamReceiver::Create() {
     CStreamParserPtr parser = CStreamParser::Create(STREAM_TYPE_RTP, STREAM_TYPE_PRIVATE_FRAME);
     CUdpStreamReceiver* receiver = parser != nullptr ? new (std::nothrow) CUdpStreamReceiver : nullptr;
-    if (receiver != nullptr) {
-        const CGuard guard(receiver->m_mutex);
-        receiver->m_parser = parser;
+    if (receiver == nullptr || receiver->GetID() == 0) {
+        delete receiver;
+        return nullptr;
     }
+    const CGuard guard(receiver->m_mutex);
+    receiver->m_parser = parser;
     return receiver;
 }
 

@@ -44,6 +44,11 @@ CDataSource* CDataSource::Create(const char* content) {
         logError("%s:%d nonsupport this source type[%d] \n", __FILE__, __LINE__, type);
         return nullptr;
     }
+    if (source->GetID() == 0) {
+        logError("%s:%d no memory\n", __FILE__, __LINE__);
+        delete source;
+        return nullptr;
+    }
     source->m_src_type = type;
     return source;
 }

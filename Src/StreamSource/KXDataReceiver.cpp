@@ -1,11 +1,21 @@
 #include "StreamSource/KXDataReceiver.h"
 
+#include <new>
 #include <utility>
 
 #include "Protocol/LogQuote.h"
 
 namespace Kavio {
 namespace Vidora {
+
+CKXDataReceiver* CKXDataReceiver::Create() {
+    CKXDataReceiver* receiver = new (std::nothrow) CKXDataReceiver;
+    if (receiver != nullptr && receiver->GetID() == 0) {
+        delete receiver;
+        return nullptr;
+    }
+    return receiver;
+}
 
 CKXDataReceiver::~CKXDataReceiver() = default;
 

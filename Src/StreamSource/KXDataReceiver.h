@@ -42,7 +42,8 @@ class CKXDataReceiver : public CNetHandler {
 public:
     typedef CStreamSource* (*create_src_fun_t)(const char* content);
 
-    CKXDataReceiver() : m_encoders(m_src_info) {}
+    // Null if memory is short.
+    static CKXDataReceiver* Create();
 
     // A call into the receiver from outside, for its time.
     class CUse {
@@ -104,6 +105,7 @@ public:
     void Close() override;
 
 private:
+    CKXDataReceiver() : m_encoders(m_src_info) {}
     ~CKXDataReceiver() override;
 
     bool is_seekable() const { return m_src_type == SRC_TYPE_FILE || m_src_type == SRC_TYPE_TOKEN; }

@@ -63,7 +63,7 @@ int CKXDataSrc::Init(long notify_id, int ext) {
     if (!add_notify(notify_id)) {
         return -1;
     }
-    CKXDataReceiver* recvr = new (std::nothrow) CKXDataReceiver;
+    CKXDataReceiver* recvr = CKXDataReceiver::Create();
     if (recvr == nullptr) {
         logError("%s:%d CKXDataSrc::Init new CKXDataReceiver fail\n", __FILE__, __LINE__);
         return -1;

@@ -31,7 +31,9 @@ bool can_stream(const std::shared_ptr<CChannelFeed>& feed, packet_type_t packet_
 
 CLiveChannel* CLiveChannel::Create() {
     CLiveChannel* channel = new (std::nothrow) CLiveChannel;
-    if (channel != nullptr && (channel->m_internal == nullptr || channel->m_internal->m_buffers == nullptr)) {
+    const bool is_whole = channel != nullptr && channel->m_internal != nullptr &&
+                          channel->m_internal->m_buffers != nullptr && channel->GetID() != 0;
+    if (!is_whole) {
         delete channel;
         return nullptr;
     }

@@ -121,7 +121,7 @@ CLiveSvr* CLiveSvr::Create(long notify_id) {
     if (live_svr == nullptr) {
         return nullptr;
     }
-    if (live_svr->m_internal == nullptr) {
+    if (live_svr->m_internal == nullptr || live_svr->GetID() == 0) {
         delete live_svr;
         return nullptr;
     }

@@ -104,7 +104,7 @@ void CProxyRelay::hold_locked(CMediaPacket& packet, int length, int flag, int ch
 }
 
 int CProxyRelay::Add(CMediaBuffer* buffer) {
-    std::deque<held_t> held;
+    std::list<held_t> held;
     CMediaBufferRef ref(buffer);
     {
         CGuard guard(m_mutex);

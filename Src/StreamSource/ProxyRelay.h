@@ -2,7 +2,7 @@
 #define VIDORA_STREAMSOURCE_PROXYRELAY_H
 
 #include <cstdint>
-#include <deque>
+#include <list>
 #include <memory>
 #include <thread>
 #include <vector>
@@ -63,7 +63,7 @@ private:
     CMutex m_mutex;
     Tramel::CCallWait m_wait;  // used with m_mutex
     std::vector<target_t> m_targets VIDORA_GUARDED_BY(m_mutex);
-    std::deque<held_t> m_held VIDORA_GUARDED_BY(m_mutex);
+    std::list<held_t> m_held VIDORA_GUARDED_BY(m_mutex);
     size_t m_held_bytes VIDORA_GUARDED_BY(m_mutex) = 0;
     bool m_began VIDORA_GUARDED_BY(m_mutex) = false;  // a buffer was there: nothing is held any more
     bool m_closed VIDORA_GUARDED_BY(m_mutex) = false;

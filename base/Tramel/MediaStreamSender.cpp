@@ -10,7 +10,7 @@ namespace Tramel {
 using Ostra::CGuard;
 
 CMediaStreamSender* CMediaStreamSender::Create() {
-    return new (std::nothrow) CMediaStreamSender();
+    return whole(new (std::nothrow) CMediaStreamSender());
 }
 
 int CMediaStreamSender::Attach(CSock* sock) {

@@ -37,6 +37,15 @@ protected:
     CSockSender() = default;
     ~CSockSender() override = default;
 
+    // `sender`, or null if it is that, or memory was short for its handler.
+    template <typename Sender>
+    static Sender* whole(Sender* sender) {
+        const bool is_whole = sender != nullptr && sender->GetID() != 0;
+        if (!is_whole) {
+            delete static_cast<CSockSender*>(sender);
+        }
+        return is_whole ? sender : nullptr;
+    }
     // Joins the queue of `sock`, a CSockStream, and leaves a former one. `waiter`'s handle_output is to call this
     // sender's when there is room again. 0, or -1: a null or invalid socket (the former one stays), or one that has a
     // media sender already.

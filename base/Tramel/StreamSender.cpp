@@ -8,7 +8,7 @@ namespace Tramel {
 using Ostra::CGuard;
 
 CStreamSender* CStreamSender::Create() {
-    return new (std::nothrow) CStreamSender();
+    return whole(new (std::nothrow) CStreamSender());
 }
 
 int CStreamSender::Attach(CNetHandler* owner, CSock* sock) {

@@ -2,6 +2,10 @@
 #include <cstdlib>
 #include <new>
 
+#include "Tramel/MediaStreamSender.h"
+#include "Tramel/Reactor.h"
+#include "Vidora/P2PClientSession.h"
+#include "Vidora/RtspClientSession.h"
 #include "server/ServerFixture.h"
 #include "support/FakeDataSource.h"
 
@@ -68,6 +72,33 @@ TEST_F(NoMemory, AProxyWithoutRoomForItsUserIsNone) {
         proxy->Close();
         user->Close();
         EXPECT_TRUE(WaitUntil([&closed] { return closed == 1; }));
+    }
+}
+
+// What can be made hears of what it is for, and ends.
+TEST_F(NoMemory, WhatIsMadeIsWholeAndEnds) {
+    const CLogCapture log;
+    CNetHandler* (*const makers[])() = {
+        [] { return static_cast<CNetHandler*>(CRtspClientSession::Create()); },
+        [] { return static_cast<CNetHandler*>(CP2PClientSession::Create()); },
+        [] { return static_cast<CNetHandler*>(CLiveChannel::Create()); },
+        [] { return static_cast<CNetHandler*>(CDataSource::Create("x?proxy=127.0.0.1:1")); },
+        [] { return static_cast<CNetHandler*>(CDataSource::Create("a.kav")); },
+        [] { return static_cast<CNetHandler*>(Tramel::CMediaStreamSender::Create()); },
+    };
+    const long handlers = Tramel::CReactor::Instance().CountHandlers();
+    for (const auto make : makers) {
+        bool failed = true;
+        for (int left = 0; failed && !HasFailure(); ++left) {
+            t_left = left;
+            CNetHandler* made = make();
+            failed = t_left < 0;
+            t_left = -1;
+            if (made != nullptr) {
+                made->Close();
+            }
+            EXPECT_TRUE(WaitUntil([=] { return Tramel::CReactor::Instance().CountHandlers() == handlers; })) << left;
+        }
     }
 }
 
