@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <cstdio>
+#include <cstdlib>
 #include <new>
 
 #include "Protocol/TextWriter.h"
@@ -17,6 +18,7 @@ namespace {
 // Room for the lines that a description must have (RFC 4566 5), which the parser adds where they are missing.
 const size_t ADDED_LINES_SIZE = 128;
 const double US_PER_SECOND = 1000000.0;
+const int64_t MAX_OFF_US = 60000000;
 const double MAX_SECONDS = 1e12;  // beyond any recording; its microseconds fit 64 bits
 
 uint64_t to_us(double seconds) {
@@ -76,6 +78,7 @@ int CRtspProxySrc::play(const client_play& wish) {
         return -1;
     }
     m_plays = false;
+    m_dates = {};  // another place of the time line
     if (!m_ready) {
         m_wants_play = true;
         m_wish = wish;
@@ -178,7 +181,32 @@ int CRtspProxySrc::GetSrcInfo(SrcInfo& info, int track_id) {
     const bool from_server = facts.has_rtp_info && (!m_relay.Feeds() || stats.have_seq == 0);
     info.seq = from_server ? facts.seq : static_cast<uint16_t>(stats.last_seq);
     info.timestamp = from_server ? facts.rtptime : stats.timestamp;
+    info.wall_us = from_server ? 0 : date(track_id, info.timestamp, facts.clock_rate);
     return 0;
+}
+
+// The time lines of the server's tracks are laid on the wall clock once, and then followed, so that its reports here
+// stay true while nothing comes from it, and while what has waited on the way comes at once. One that has left the
+// clock by far is laid on anew, and so are the others, as they belong together.
+uint64_t CRtspProxySrc::date(int track_id, uint32_t timestamp, uint32_t clock_rate) {
+    CGuard guard(m_mutex);
+    const size_t index = static_cast<size_t>(track_id - 1);
+    if (index >= m_dates.size() || clock_rate == 0) {
+        return 0;
+    }
+    const Date last = m_dates[index];
+    if (last.wall_us != 0 && last.timestamp == timestamp) {
+        return last.wall_us;
+    }
+    const int64_t now = static_cast<int64_t>(CTime::getWallMicroSecond());
+    const int64_t ticks = static_cast<int32_t>(timestamp - last.timestamp);
+    int64_t wall = static_cast<int64_t>(last.wall_us) + ticks * static_cast<int64_t>(US_PER_SECOND) / clock_rate;
+    if (last.wall_us == 0 || std::abs(now - wall) > MAX_OFF_US) {
+        m_dates = last.wall_us == 0 ? m_dates : decltype(m_dates)();
+        wall = now;
+    }
+    m_dates[index] = {timestamp, static_cast<uint64_t>(wall)};
+    return m_dates[index].wall_us;
 }
 
 int CRtspProxySrc::GetPlayRange(UtcTime& start, UtcTime& end) {

@@ -1,6 +1,7 @@
 #ifndef VIDORA_STREAMSOURCE_RTSPPROXYSRC_H
 #define VIDORA_STREAMSOURCE_RTSPPROXYSRC_H
 
+#include <array>
 #include <string>
 
 #include "RtspClient/RtspClient.h"
@@ -48,12 +49,19 @@ public:
 private:
     static const size_t MAX_URL = 255;
 
+    // What the wall clock shows, or would have shown, at a track's last RTP time stamp.
+    struct Date {
+        uint32_t timestamp = 0;
+        uint64_t wall_us = 0;  // 0: none yet
+    };
+
     ~CRtspProxySrc() override;
 
     int play(const client_play& wish);
     unsigned int told_as_locked(unsigned int msg) VIDORA_REQUIRES(m_mutex);
     void finish();
     bool find_track(int track_id, client_track_facts& facts, reception_stats_t& stats);
+    uint64_t date(int track_id, uint32_t timestamp, uint32_t clock_rate);
 
     char m_url[MAX_URL + 1];
     CMediaBuffer m_input;
@@ -66,6 +74,7 @@ private:
     bool m_ready VIDORA_GUARDED_BY(m_mutex) = false;       // the tracks are set up
     bool m_wants_play VIDORA_GUARDED_BY(m_mutex) = false;  // Play came before that
     client_play m_wish VIDORA_GUARDED_BY(m_mutex);
+    std::array<Date, CLIENT_MAX_TRACKS> m_dates VIDORA_GUARDED_BY(m_mutex) = {};
     bool m_plays VIDORA_GUARDED_BY(m_mutex) = false;  // the last Play was answered, and none or a Pause followed
 };
 

@@ -10,6 +10,7 @@
 #include "support/ClientHost.h"
 #include "support/ScriptedServer.h"
 #include "support/StreamPeer.h"
+#include "support/TestClock.h"
 
 namespace Kavio::Vidora {
 namespace {
@@ -93,6 +94,29 @@ TEST_F(CProxyTest, AnOriginThatIsNotThereEndsTheRequest) {
     const int nobody = CBoundSocket(SOCK_STREAM).Port();
     client.Send(client.Request("DESCRIBE", Url(std::string(LIVE_NAME) + "?proxy=127.0.0.1:" + std::to_string(nobody))));
     EXPECT_TRUE(client.Closed());
+}
+
+TEST_F(CProxyTest, ReportsStayTrueWhileTheOriginIsSilent) {
+    Set(RTSP_SVR_CONFIG_CONFORMANCE, 1);
+    StartServer();
+    CEdge edge(m_config);
+    CScriptedServer origin(CScriptedServer::Answer);
+    CRtspTestClient client(edge.Port());
+    const std::string url = edge.Url(origin.Port());
+    EXPECT_EQ(200, client.Ask("DESCRIBE", url).status);
+    EXPECT_EQ(200, client.Ask("SETUP", url + "/trackID=0", INTERLEAVED).status);
+    EXPECT_EQ(200, client.Ask("PLAY", url).status);
+    std::string times[2];
+    for (std::string& time : times) {
+        EXPECT_TRUE(WaitUntil([&] {
+            origin.SendAll(time.empty() && times[0].empty() ? CScriptedServer::Rtp(1) : "");
+            const RtspFrame frame = client.Frame(50);
+            time = frame.channel == 1 ? frame.data.substr(8, 12) : "";  // NTP and RTP
+            return !time.empty();
+        }));
+        AdvanceClock(5100);
+    }
+    EXPECT_EQ(times[0], times[1]);
 }
 
 // Its edge tells them in order, as the end of any source.
