@@ -50,27 +50,11 @@ private:
 };
 
 Flumen::CMediaFrame video_frame(int type, uint64_t pts, unsigned int size = 5000) {
-    FrameSpec fields;
-    fields.type = type;
-    fields.pts_ms = FIRST_PTS + pts;
-    fields.payload = H264Picture(type == 'I', size, 0x55);
-    return BuildFrame(fields);
+    return BuildFrame({type, 0, FIRST_PTS + pts, H264Picture(type == 'I', size, 0x55)});
 }
 
 Flumen::CMediaFrame audio_frame(uint64_t pts) {
-    FrameSpec fields;
-    fields.type = 'A';
-    fields.pts_ms = FIRST_PTS + pts;
-    fields.encode_code = KX_AUDIO_PCMA;
-    fields.payload = std::string(160, 'a');
-    return BuildFrame(fields);
-}
-
-std::string payload_of(const Flumen::CMediaFrame& frame) {
-    int length = 0;
-    const int offset = get_frame_body(frame.getBuffer(), static_cast<int>(frame.size()), length);
-    const char* text = reinterpret_cast<const char*>(frame.getBuffer());
-    return std::string(text + offset, static_cast<size_t>(length));
+    return BuildFrame({'A', 0, FIRST_PTS + pts, std::string(160, 'a'), KX_AUDIO_PCMA});
 }
 
 int put(CRtpFrameBuffer& buffer, const Flumen::CMediaFrame& run) {
@@ -108,14 +92,14 @@ TEST(RtpFrameBuffer, MakesTheFramesOfBothTracks) {
                 packets += PacketsOf(run).size();
                 ASSERT_EQ(feed(buffer, run), 1);
                 const Flumen::CMediaFrame out = buffer.Get();
-                EXPECT_EQ(payload_of(out), payload_of(in));
+                EXPECT_EQ(BodyOf(out), BodyOf(in));
                 EXPECT_EQ(out.getType(), i == 0 ? 'I' : 'P');
                 EXPECT_EQ(out.getPts(Flumen::PTS_TYPE_MS), i * 40);
                 EXPECT_EQ(out.getChannel(), VIDEO_CHANNEL);
                 EXPECT_EQ(kx_has_magic(out.getBuffer(), out.size()), mode == 0);
                 EXPECT_FALSE(buffer.Get().valid());
                 ASSERT_EQ(feed(buffer, audio.Make(audio_frame(i * 20))), 1);
-                EXPECT_EQ(payload_of(buffer.Get()), std::string(160, 'a'));
+                EXPECT_EQ(BodyOf(buffer.Get()), std::string(160, 'a'));
             }
             TFrameBufferStatis video_statis;
             TFrameBufferStatis audio_statis;
@@ -139,16 +123,13 @@ TEST(RtpFrameBuffer, DropsDamagedFramesAndPassesOverOtherChannels) {
         Flumen::CMediaFrame run = video.Make(in);
         const bool cut = i % 5 == 2;
         if (cut) {  // the first packet is lost
-            const Bytes all(run.getBuffer(), run.getBuffer() + run.size());
-            const Bytes rest = Part(all, PacketsOf(run)[0].size());
-            run = Flumen::CMediaFrame(static_cast<unsigned int>(rest.size()));
-            std::copy(rest.begin(), rest.end(), run.getBuffer());
+            run = FrameOf(Part(BytesOf(run), PacketsOf(run)[0].size()));
         }
         CHostPacket stranger(Interleaved(9, Bytes(20, 1)));
         EXPECT_EQ(buffer.Put(&stranger, 24), -1);
         EXPECT_EQ(put(buffer, run), cut ? 0 : 1);
         for (Flumen::CMediaFrame out = buffer.Get(); out.valid(); out = buffer.Get()) {
-            EXPECT_EQ(payload_of(out), payload_of(in));
+            EXPECT_EQ(BodyOf(out), BodyOf(in));
             ++whole;
         }
     }
@@ -198,12 +179,12 @@ TEST(RtpFrameBuffer, TakesPrivateFramesAsTheyAre) {
     EXPECT_EQ(put_bytes(FromHex("2400000000")), -1);
     EXPECT_EQ(put_bytes(Bytes(40, 1)), -1);
     const Flumen::CMediaFrame key = video_frame('I', 1234);
-    const Bytes key_bytes(key.getBuffer(), key.getBuffer() + key.size());
+    const Bytes key_bytes = BytesOf(key);
     EXPECT_EQ(put_bytes(Part(key_bytes, 0, 31)), -1);
     EXPECT_FALSE(buffer.Get().valid());
     EXPECT_EQ(put_bytes(key_bytes), 1);
     const Flumen::CMediaFrame out = buffer.Get();
-    EXPECT_EQ(Bytes(out.getBuffer(), out.getBuffer() + out.size()), key_bytes);
+    EXPECT_EQ(BytesOf(out), key_bytes);
     EXPECT_EQ(out.getType(), 'I');
     EXPECT_EQ(out.getPts(Flumen::PTS_TYPE_MS) & 0xFFFF, FIRST_PTS + 1234);
     EXPECT_FALSE(buffer.Get().valid());

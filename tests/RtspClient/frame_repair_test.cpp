@@ -21,13 +21,7 @@ namespace {
 const int RATE_OFFSET = 27;
 
 Flumen::CMediaFrame private_frame(int type, uint64_t pts_ms, uint32_t sequence = 0, double utc = 1600000000.0) {
-    FrameSpec fields;
-    fields.type = type;
-    fields.pts_ms = pts_ms;
-    fields.sequence = sequence;
-    fields.utc = utc;
-    fields.payload = "payload";
-    return BuildFrame(fields);
+    return BuildFrame({type, sequence, pts_ms, "payload", KX_VIDEO_H264, utc});
 }
 
 uint64_t pts_of(const Flumen::CMediaFrame& frame) {
@@ -143,7 +137,7 @@ namespace {
 
 // Packets of a private frame, each behind its header.
 std::vector<Bytes> pieces_of(const Flumen::CMediaFrame& frame, uint16_t first_seq, size_t piece = 20, int channel = 0) {
-    const Bytes bytes(frame.getBuffer(), frame.getBuffer() + frame.size());
+    const Bytes bytes = BytesOf(frame);
     std::vector<Bytes> packets;
     for (size_t at = 0; at < bytes.size(); at += piece) {
         RtpFields fields;
@@ -159,13 +153,7 @@ Flumen::CMediaFrame run_of(const std::vector<Bytes>& packets) {
     for (const Bytes& packet : packets) {
         all = all + packet;
     }
-    Flumen::CMediaFrame frame(static_cast<unsigned int>(all.size()));
-    std::copy(all.begin(), all.end(), frame.getBuffer());
-    return frame;
-}
-
-Bytes bytes_of(const Flumen::CMediaFrame& frame) {
-    return Bytes(frame.getBuffer(), frame.getBuffer() + frame.size());
+    return FrameOf(all);
 }
 
 }  // namespace
@@ -185,7 +173,7 @@ TEST(PrivateFrameRun, JoinsFramesAndKeepsWhatFollowsAMarker) {
         const auto put = [&](const std::vector<Bytes>& run) {
             if (joiner.Put(run_of(run)) == 1) {
                 for (Flumen::CMediaFrame frame = joiner.Take(); frame.valid(); frame = joiner.Take()) {
-                    frames.push_back(bytes_of(frame));
+                    frames.push_back(BytesOf(frame));
                 }
             }
         };
@@ -194,7 +182,7 @@ TEST(PrivateFrameRun, JoinsFramesAndKeepsWhatFollowsAMarker) {
         if (cut < packets.size()) {
             put(std::vector<Bytes>(packets.begin() + static_cast<long>(cut), packets.end()));
         }
-        EXPECT_EQ(frames, (std::vector<Bytes>{bytes_of(one), bytes_of(two)})) << cut;
+        EXPECT_EQ(frames, (std::vector<Bytes>{BytesOf(one), BytesOf(two)})) << cut;
         EXPECT_FALSE(joiner.TakeDamage());
     }
 }
@@ -214,13 +202,13 @@ TEST(PrivateFrameRun, DropsAFrameThatLacksAPacket) {
         std::vector<Bytes> out;
         for (size_t i = 0; i < packets.size(); ++i) {
             if (i != lost && joiner.Put(run_of({packets[i]})) == 1) {
-                out.push_back(bytes_of(joiner.Take()));
+                out.push_back(BytesOf(joiner.Take()));
             }
         }
         std::vector<Bytes> expected;
         for (size_t i = 0; i < 3; ++i) {
             if (i != owner[lost]) {
-                expected.push_back(bytes_of(frames[i]));
+                expected.push_back(BytesOf(frames[i]));
             }
         }
         EXPECT_EQ(out, expected) << lost;
@@ -235,9 +223,9 @@ TEST(PrivateFrameRun, KeepsChannelsApartAndItsMemoryBounded) {
     CPrivateFrameRun joiner;
     EXPECT_EQ(joiner.Put(run_of({one[0]})), 0);
     EXPECT_EQ(joiner.Put(run_of(two)), 1);
-    EXPECT_EQ(bytes_of(joiner.Take()), bytes_of(audio));
+    EXPECT_EQ(BytesOf(joiner.Take()), BytesOf(audio));
     EXPECT_EQ(joiner.Put(run_of(std::vector<Bytes>(one.begin() + 1, one.end()))), 1);
-    EXPECT_EQ(bytes_of(joiner.Take()), bytes_of(video));
+    EXPECT_EQ(BytesOf(joiner.Take()), BytesOf(video));
     EXPECT_EQ(joiner.Put(run_of({Bytes{'$', 0, 0, 3, 1, 2, 3}})), -1);
     EXPECT_EQ(joiner.Put(run_of({Part(one[0], 0, 15)})), -1);
 

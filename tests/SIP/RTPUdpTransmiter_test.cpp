@@ -8,10 +8,8 @@
 #include "Vidora/KXFrame.h"
 #include "support/Capture.h"
 #include "support/FrameBuilder.h"
-#include "support/GuardedList.h"
 #include "support/RtspText.h"
 #include "support/SampleTable.h"
-#include "support/StreamBytes.h"
 #include "support/TestClock.h"
 #include "support/TestHandler.h"
 #include "support/UdpPeer.h"
@@ -28,19 +26,8 @@ const char PCMA[] = "v=0\r\nm=audio 5000 RTP/AVP 8\r\n";
 const auto SEND = IRTPUdpTransmiter::SDP_TYPE_SEND;
 const auto RECV = IRTPUdpTransmiter::SDP_TYPE_RECV;
 
-std::string BodyOf(const CMediaFrame& frame) {
-    int size = 0;
-    const int at = get_frame_body(frame.getBuffer(), static_cast<int>(frame.size()), size);
-    return std::string(reinterpret_cast<const char*>(frame.getBuffer()) + at, static_cast<size_t>(size));
-}
-
 CMediaFrame MakeFrame(int type, const std::string& payload, uint64_t pts = 40) {
-    FrameSpec fields;
-    fields.type = type;
-    fields.payload = payload;
-    fields.encode_code = type == 'A' ? KX_AUDIO_PCMA : KX_VIDEO_H264;
-    fields.pts_ms = pts;
-    return BuildFrame(fields);
+    return BuildFrame({type, 0, pts, payload, type == 'A' ? KX_AUDIO_PCMA : KX_VIDEO_H264});
 }
 
 // A transmitter with its host: the socket, and what the callback got.

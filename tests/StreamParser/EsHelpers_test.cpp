@@ -5,7 +5,6 @@
 
 #include "StreamParser/Crc32.h"
 #include "Vidora/H264Parser.h"
-#include "Vidora/Mpeg4Parser.h"
 #include "Vidora/StartCode.h"
 #include "support/SampleTable.h"
 #include "support/StreamBytes.h"
@@ -60,20 +59,6 @@ TEST(H264ParserTest, ReadsRealParameterSetsAndNoneOfTheirPieces) {
             EXPECT_FALSE(h264_parse_sps(Part(nal, 0, len).data(), len, none)) << len;
             EXPECT_EQ(none.width, 0u);
         }
-    }
-}
-
-TEST(Mpeg4ParserTest, ReadsARealVolBehindOtherHeaders) {
-    const Bytes config = FromHex("000001b001000001b58913000001000000012000c48d8800cd0b04241443000001b24c617663");
-    Mpeg4Vol vol;
-    ASSERT_TRUE(mpeg4_parse_vol(config.data(), config.size(), vol));
-    EXPECT_EQ(vol.width, 352u);
-    EXPECT_EQ(vol.height, 288u);
-    EXPECT_EQ(vol.time_increment_resolution, 25u);
-    EXPECT_FALSE(vol.interlaced);
-    for (size_t len = 0; len < 29; ++len) {
-        Mpeg4Vol none;
-        EXPECT_FALSE(mpeg4_parse_vol(Part(config, 0, len).data(), len, none)) << len;
     }
 }
 

@@ -8,24 +8,19 @@
 #include "Vidora/KXFrame.h"
 #include "Vidora/Names.h"
 #include "support/Capture.h"
+#include "support/FrameBuilder.h"
 #include "support/SampleTable.h"
-#include "support/StreamBytes.h"
 #include "support/TestHandler.h"
 
 namespace Kavio::Support {
 namespace {
 
 Flumen::CMediaFrame make_frame(const Bytes& bytes, int type = 'I', uint64_t pts = 1000, int sequence = 1) {
-    Flumen::CMediaFrame frame(static_cast<unsigned>(bytes.size()));
-    std::copy(bytes.begin(), bytes.end(), frame.getBuffer());
+    Flumen::CMediaFrame frame = FrameOf(bytes);
     frame.setType(type);
     frame.setPts(pts, Flumen::PTS_TYPE_MS);
     frame.setSequence(sequence);
     return frame;
-}
-
-Bytes bytes_of(const Flumen::CMediaFrame& frame) {
-    return Bytes(frame.getBuffer(), frame.getBuffer() + frame.size());
 }
 
 // Parameter sets of a 64x48 picture and a slice of `size` bytes.
@@ -84,7 +79,7 @@ void convert(CStreamParser& parser, const Flumen::CMediaFrame& input, Frames& ou
 Bytes join(const Frames& frames) {
     Bytes all;
     for (const Flumen::CMediaFrame& frame : frames) {
-        all = all + bytes_of(frame);
+        all = all + BytesOf(frame);
     }
     return all;
 }
@@ -157,7 +152,7 @@ TEST(StreamParser, DecodersGiveFramesAndPacketsBack) {
             convert(*encoder, make_frame(bodies.back(), 'P', 5000 + 40 * i), packets);
             for (size_t k = before; k < packets.size(); ++k) {
                 for (size_t at = 0; at < packets[k].size(); at += row.src_type == STREAM_TYPE_TS ? 188 : 65536) {
-                    const Bytes piece = Part(bytes_of(packets[k]), at, row.src_type == STREAM_TYPE_TS ? 188 : 65536);
+                    const Bytes piece = Part(BytesOf(packets[k]), at, row.src_type == STREAM_TYPE_TS ? 188 : 65536);
                     for (int j = 0; j < 3; ++j) {
                         convert(*decoders[j], make_frame(piece), outs[j]);
                     }
@@ -171,11 +166,11 @@ TEST(StreamParser, DecodersGiveFramesAndPacketsBack) {
         ASSERT_EQ(outs[2].size(), bodies.size());
         for (unsigned i = 0; i < bodies.size(); ++i) {
             SCOPED_TRACE(i);
-            EXPECT_EQ(bytes_of(outs[1][i]), bodies[i]);
+            EXPECT_EQ(BytesOf(outs[1][i]), bodies[i]);
             EXPECT_EQ(outs[1][i].getType(), i == 0 ? 'I' : 'P');
             EXPECT_EQ(outs[1][i].getPts(Flumen::PTS_TYPE_MS), row.first_pts + 40 * i);
             EXPECT_EQ(outs[1][i].getSequence(), outs[1][0].getSequence() + static_cast<int>(i));
-            const Bytes bytes = bytes_of(outs[2][i]);
+            const Bytes bytes = BytesOf(outs[2][i]);
             KXHeader header;
             ASSERT_TRUE(kx_read_header(bytes.data(), bytes.size(), header));
             EXPECT_EQ(header.frame_type, i == 0 ? KX_TYPE_I : KX_TYPE_P);
@@ -204,7 +199,7 @@ TEST(StreamParser, RtpDecoderCleansUpAfterBadCallersAndBadBytes) {
     EXPECT_EQ(decoder->InputFrame(Flumen::CMediaFrame()), PARSER_FAILED);
     EXPECT_EQ(decoder->InputFrame(make_frame({0x80, 0x60, 0, 1})), PARSER_FAILED);
     // A run with a packet longer than the rest.
-    const Bytes packet = bytes_of(rtp_packet(3000, 7290, true, slice));
+    const Bytes packet = BytesOf(rtp_packet(3000, 7290, true, slice));
     const Bytes run = Bytes{'$', 0, 0, static_cast<uint8_t>(packet.size())} + packet;
     EXPECT_EQ(decoder->InputFrame(make_frame(Part(run, 0, run.size() - 1))), PARSER_FAILED);
     EXPECT_EQ(convert(*decoder, make_frame(run)).size(), 1u);
@@ -212,7 +207,7 @@ TEST(StreamParser, RtpDecoderCleansUpAfterBadCallersAndBadBytes) {
 
 Bytes framed(const Flumen::CMediaFrame& packet) {
     return Bytes{'$', 0, static_cast<uint8_t>(packet.size() >> 8), static_cast<uint8_t>(packet.size())} +
-           bytes_of(packet);
+           BytesOf(packet);
 }
 
 // Packets of frames with and without marker, in runs cut at every place between packets: all frames come out, and each
@@ -245,7 +240,7 @@ TEST(StreamParser, FramesMayEndAnywhereInARun) {
             }
             ASSERT_EQ(want.size(), outs[0].size()) << first << " " << second;
             for (size_t i = 0; i < want.size(); ++i) {
-                EXPECT_EQ(want[i], bytes_of(outs[0][i])) << first << " " << second;
+                EXPECT_EQ(want[i], BytesOf(outs[0][i])) << first << " " << second;
             }
             const Bytes all = join(outs[1]);
             EXPECT_TRUE(all == Part(runs[0] + runs[1] + runs[2], 0, all.size())) << first << " " << second;
@@ -275,7 +270,7 @@ TEST(StreamParser, LongFramesComeOutWholeOrNotAtAll) {
         ASSERT_EQ(whole ? 3u : 2u, out.size());
         EXPECT_EQ(log.Count("frame packet count exceed 8192! clean to go ahead.\n") > 0, count > 8192);
         EXPECT_TRUE(!whole || out[1].size() == 5 + count * (size - 2));
-        EXPECT_EQ(bytes_of(out.back()), (Bytes{0, 0, 0, 1, 0x41, 0x9A}));
+        EXPECT_EQ(BytesOf(out.back()), (Bytes{0, 0, 0, 1, 0x41, 0x9A}));
     }
 }
 

@@ -117,11 +117,7 @@ TEST_F(KXDataTest, ATransportStreamIsRtpByTheStandards) {
     OpenReady(settings);
     ASSERT_EQ(0, Start(PACKET_TYPE_TS));
     ASSERT_TRUE(Host().Give(Picture(true, 3000)));
-    FrameSpec sound;
-    sound.type = 'A';
-    sound.pts_ms = 60;
-    sound.payload.assign(400, 'a');
-    ASSERT_TRUE(Host().Give(BuildFrame(sound)));
+    ASSERT_TRUE(Host().Give(BuildFrame({'A', 0, 60, std::string(400, 'a')})));
     ASSERT_EQ(2u, Given(PACKET_TYPE_TS).size());
     int last = -1;
     unsigned int packets = 0;
@@ -171,7 +167,7 @@ TEST_F(KXDataTest, OneFrameFeedsAllThreeForms) {
     EXPECT_EQ(0, kx[0].flag);
     EXPECT_EQ((Bytes{'$', 0, 0, 0, static_cast<uint8_t>(frame.size() >> 8), static_cast<uint8_t>(frame.size())}),
               kx[0].bytes);
-    EXPECT_EQ(Bytes(frame.getBuffer(), frame.getBuffer() + frame.size()), kx[1].bytes);
+    EXPECT_EQ(BytesOf(frame), kx[1].bytes);
     EXPECT_EQ(1, kx[1].flag);
     EXPECT_FALSE(Given(PACKET_TYPE_TS).empty());
 
@@ -234,9 +230,7 @@ TEST_F(KXDataTest, FramesBeforeTheFormatGoNowhere) {
 TEST_F(KXDataTest, AssistFramesNeedAClientThatWantsThem) {
     OpenReady();
     ASSERT_EQ(0, Start(PACKET_TYPE_KX));
-    FrameSpec fields;
-    fields.type = 'W';
-    fields.payload = "side data";
+    const FrameSpec fields = {'W', 0, 0, "side data"};
     Host().Give(BuildFrame(fields));
     EXPECT_TRUE(Given(PACKET_TYPE_KX).empty());
     m_source->EnableStreamTrack(STREAM_TRACK_ASSIST);
@@ -372,14 +366,6 @@ TEST_F(KXDataTest, TokenStreamCarriesTheReplayExtension) {
     const Bytes next = Given(PACKET_TYPE_RTP).back().bytes;
     EXPECT_EQ(0x90, next[4]);
     EXPECT_EQ(info.timestamp, uint32_t{next[8]} << 24 | next[9] << 16 | next[10] << 8 | next[11]);
-}
-
-TEST_F(KXDataTest, ASourceThatDoesNotBegin) {
-    Open(CFakeStreamSource::LiveVideo([](auto& settings) { settings.init_fails = true; }));
-    EXPECT_EQ(-1, m_init_result);
-    EXPECT_EQ(-1, Start(PACKET_TYPE_RTP));
-    EXPECT_EQ(-1, m_source->Play(TIME_NOT_GIVEN, TIME_NOT_GIVEN, 1.0F, false));
-    EXPECT_TRUE(WaitFor(MSG_SRC_FAIL));
 }
 
 TEST_F(KXDataTest, ASecondInitLeavesTheFirstStreamAsItIs) {

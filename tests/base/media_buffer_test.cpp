@@ -512,48 +512,40 @@ TEST_P(MediaBufferTest, RemovalWaitsForACallOnAnotherThread) {
 
 namespace {
 
-// A send procedure that leaves the buffer, or waits.
-struct Leaver {
-    CMediaBuffer* buffer = nullptr;
-    CMediaStreamSender* sender = nullptr;
+// A send procedure that does what the test wants.
+struct Proc {
+    std::function<void()> act;
     std::atomic<int> calls{0};
-    std::atomic<bool> removing{false}, left{false};
-
-    void Leave(CMediaPacket*, int, int) {
-        ++calls;
-        buffer->DelSender(sender);
-    }
-    void Wait(CMediaPacket*, int, int) {
-        ++calls;
-        WaitUntil([this] { return removing.load(); });
-        std::this_thread::sleep_for(std::chrono::milliseconds(20));
-        left = true;
-    }
+    void Call(CMediaPacket*, int, int) { (++calls, act()); }
 };
 
 }  // namespace
 
 TEST_P(MediaBufferTest, SendProcedureMayLeaveAndRemovalWaitsForIt) {
     Sink sink;
-    Leaver leaver;
-    leaver.buffer = m_buffer.get();
-    leaver.sender = sink.sender;
-    sink.sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(&leaver, &Leaver::Leave));
+    Proc proc;
+    proc.act = [&] { m_buffer->DelSender(sink.sender); };
+    sink.sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(&proc, &Proc::Call));
     m_buffer->AddSender(sink.sender);
     CountedPacket* infos[2] = {new CountedPacket("0"), new CountedPacket("1")};
     m_buffer->PutFrameInfo(infos[0], 1);
     m_buffer->PutFrameInfo(infos[1], 1);
     Put(*m_buffer, MediaBytes(0, 0, true, 100), 1, KEY);
-    EXPECT_TRUE(WaitUntil([&] { return leaver.calls == 1 && CountedPacket::Alive() == 0; }));
-    EXPECT_EQ(1, leaver.calls) << "the second one comes after it left";
+    EXPECT_TRUE(WaitUntil([&] { return proc.calls == 1 && CountedPacket::Alive() == 0; }));
+    EXPECT_EQ(1, proc.calls) << "the second one comes after it left";
 
-    sink.sender->AttachSendProc(TFunction3<void, CMediaPacket*, int, int>(&leaver, &Leaver::Wait));
+    std::atomic<bool> removing{false}, left{false};
+    proc.act = [&] {
+        WaitUntil([&] { return removing.load(); });
+        std::this_thread::sleep_for(std::chrono::milliseconds(20));
+        left = true;
+    };
     m_buffer->AddSender(sink.sender);
     std::thread putter([&] { PutFrame(*m_buffer, 1, true, 100); });
-    EXPECT_TRUE(WaitUntil([&] { return leaver.calls == 2; }));
-    leaver.removing = true;
+    EXPECT_TRUE(WaitUntil([&] { return proc.calls == 2; }));
+    removing = true;
     m_buffer->DelSender(sink.sender);
-    EXPECT_TRUE(leaver.left);
+    EXPECT_TRUE(left);
     putter.join();
 }
 

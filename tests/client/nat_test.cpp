@@ -204,47 +204,40 @@ TEST_F(CNatTest, ADualStackSocketServesAsWell) {
     EXPECT_TRUE(WaitUntil([&] { return host.sink.Count() > 0; }));
 }
 
-struct silence_row {
-    const char* name;
-    const char* method;  // that gets no answer any more; "-": hellos
-    bool goes;           // the server's socket is closed as well
-    rtsp_client_code_t code;
-    rtsp_client_failure_t failure;
-};
-
-class CNatSilenceTest : public CNatTest, public testing::WithParamInterface<silence_row> {};
-
-TEST_P(CNatSilenceTest, EndsTheSession) {
-    const silence_row& row = GetParam();
-    const bool is_deaf = row.method[0] == '-';
-    ClientTiming().nat_connect_ticks = is_deaf ? 5 : 1000;
-    ClientTiming().reply_ms = row.failure == RTSP_CLIENT_FAILURE_NO_REPLY ? 500 : 20000;
-    std::atomic<int> hellos{0};
-    CNatPeer peer(
-        [&row](const ServerRequest& request) {
-            const std::string silence = row.goes ? CScriptedServer::CLOSE : "";
-            return request.method == row.method ? silence : CScriptedServer::Answer(request);
-        },
-        [&](const std::string&, bool from_client) {
-            hellos += from_client ? 1 : 0;
-            return is_deaf;
-        });
-    CNatHost host;
-    host.session->SetStreamIdleTimeout(1000);
-    ASSERT_EQ(0, host.Start(peer.Url()));
-    EXPECT_EQ(row.code, host.EndCode());
-    EXPECT_EQ(row.failure, host.session->GetFailure());
-    EXPECT_EQ(1, host.Count(MSG_RTSP_TEARDOWN));
-    EXPECT_GE(hellos, is_deaf ? 2 : 1);
+TEST_F(CNatTest, SilenceEndsTheSession) {
+    const struct {
+        std::string method;  // that gets no answer any more; "-": hellos
+        bool goes;           // the server's socket is closed as well
+        rtsp_client_code_t code;
+        rtsp_client_failure_t failure;
+    } rows[] = {{"-", false, RTSP_CLIENT_CODE_CONNECTION, RTSP_CLIENT_FAILURE_TIMEOUT},
+                {"DESCRIBE", false, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_NO_REPLY},
+                {"SETUP", true, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_NO_REPLY},
+                {"none", false, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_IDLE}};
+    for (const auto& row : rows) {
+        SCOPED_TRACE(row.method);
+        const bool is_deaf = row.method == "-";
+        ClientTiming().nat_connect_ticks = is_deaf ? 5 : 1000;
+        ClientTiming().reply_ms = row.failure == RTSP_CLIENT_FAILURE_NO_REPLY ? 500 : 20000;
+        std::atomic<int> hellos{0};
+        CNatPeer peer(
+            [&row](const ServerRequest& request) {
+                const std::string silence = row.goes ? CScriptedServer::CLOSE : "";
+                return request.method == row.method ? silence : CScriptedServer::Answer(request);
+            },
+            [&](const std::string&, bool from_client) {
+                hellos += from_client ? 1 : 0;
+                return is_deaf;
+            });
+        CNatHost host;
+        host.session->SetStreamIdleTimeout(1000);
+        ASSERT_EQ(0, host.Start(peer.Url()));
+        EXPECT_EQ(row.code, host.EndCode());
+        EXPECT_EQ(row.failure, host.session->GetFailure());
+        EXPECT_EQ(1, host.Count(MSG_RTSP_TEARDOWN));
+        EXPECT_GE(hellos, is_deaf ? 2 : 1);
+    }
 }
-
-INSTANTIATE_TEST_SUITE_P(
-    At, CNatSilenceTest,
-    testing::Values(silence_row{"Hello", "-", false, RTSP_CLIENT_CODE_CONNECTION, RTSP_CLIENT_FAILURE_TIMEOUT},
-                    silence_row{"Describe", "DESCRIBE", false, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_NO_REPLY},
-                    silence_row{"Refused", "SETUP", true, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_NO_REPLY},
-                    silence_row{"Media", "none", false, RTSP_CLIENT_CODE_PROTOCOL, RTSP_CLIENT_FAILURE_IDLE}),
-    [](const auto& info) { return std::string(info.param.name); });
 
 // By a host that keeps a duplicate: before the server was heard, and while it plays.
 TEST_F(CNatTest, ASocketThatIsShutDownEndsTheSession) {

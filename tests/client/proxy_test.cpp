@@ -140,6 +140,24 @@ TEST_F(CProxyTest, AnOriginThatEndsOrGoesEndsTheStreamOfItsPlayers) {
     }
 }
 
+// A source that relays a server, and its holder, which counts the messages.
+struct CHeldProxy {
+    explicit CHeldProxy(const CScriptedServer& server)
+        : source(CDataSource::Create(("movie?proxy=127.0.0.1:" + std::to_string(server.Port())).c_str())) {
+        EXPECT_NE(nullptr, source);
+        holder->on_message = [this](long, unsigned int msg, long) {
+            messages.Add(msg);
+            return msg == MSG_SRC_READY && on_ready ? (on_ready(), 0) : 0;
+        };
+    }
+    int Init() { return source->Init(holder->GetID(), 0); }
+
+    CDataSource* source;
+    CTestHandler* holder = CTestHandler::Make();
+    CGuardedList<unsigned int> messages;
+    std::function<void()> on_ready;
+};
+
 // Closed at each step of its server, before or after the pool ends; the session's buffer goes right after the Close.
 TEST(ProxyEnd, LeavesNothing) {
     const long handlers = Tramel::CReactor::Instance().CountHandlers();
@@ -154,17 +172,10 @@ TEST(ProxyEnd, LeavesNothing) {
                                                     (request.method == "PLAY" ? CScriptedServer::Rtp(1) : "");
             });
             auto pool = std::make_unique<CPool>(2);
-            std::atomic<int> ended{0};
-            CTestHandler* user = CTestHandler::Make();
-            CDataSource* source =
-                CDataSource::Create(("movie?proxy=127.0.0.1:" + std::to_string(server.Port())).c_str());
-            ASSERT_NE(nullptr, source);
+            CHeldProxy held(server);
+            CDataSource* const source = held.source;
             auto buffer = std::make_unique<CMediaBuffer>();
-            user->on_message = [&](long, unsigned int msg, long) {
-                ended += msg == MSG_SOURCE_CLOSED ? 1 : 0;
-                return 0;
-            };
-            EXPECT_EQ(0, source->Init(user->GetID(), 0));
+            EXPECT_EQ(0, held.Init());
             EXPECT_EQ(0, source->Play(~uint64_t{0}, ~uint64_t{0}, 1.0F, false));  // as a channel does, at once
             EXPECT_EQ(0, source->StartStreaming(PACKET_TYPE_RTP, buffer.get(), -1));
             EXPECT_EQ(-1, source->StartStreaming(PACKET_TYPE_TS, buffer.get(), -1));
@@ -176,9 +187,9 @@ TEST(ProxyEnd, LeavesNothing) {
                 EXPECT_EQ(handlers + 1, Tramel::CReactor::Instance().CountHandlers());
                 pool = std::make_unique<CPool>(2);
             } else {
-                EXPECT_TRUE(WaitUntil([&] { return ended == 1; }));
+                EXPECT_TRUE(WaitUntil([&] { return held.messages.Count(MSG_SOURCE_CLOSED) == 1; }));
             }
-            user->Close();
+            held.holder->Close();
             EXPECT_TRUE(WaitUntil([&] { return Tramel::CReactor::Instance().CountHandlers() == handlers; }));
         }
     }
@@ -202,25 +213,15 @@ TEST(ProxySource, PlaysWhatIsAskedForAndTellsWhereEachTrackBegins) {
                          "RTP-Info: url=rtsp://h/1;seq=100;rtptime=5,url=rtsp://h/11;seq=200;rtptime=6\r\n")
                    : CScriptedServer::Answer(request);
     });
-    CDataSource* source = CDataSource::Create(("movie?proxy=127.0.0.1:" + std::to_string(server.Port())).c_str());
-    ASSERT_NE(nullptr, source);
-    std::atomic<int> played{0};
-    std::atomic<int> ended{0};
-    CTestHandler* user = CTestHandler::Make();
-    user->on_message = [&](long, unsigned int msg, long) {
-        if (msg == MSG_SRC_READY) {
-            source->Play(5000000, ~uint64_t{0}, 1.0F, false);
-        }
-        played += msg == MSG_PLAY_READY ? 1 : 0;
-        ended += msg == MSG_SOURCE_CLOSED ? 1 : 0;
-        return 0;
-    };
+    CHeldProxy held(server);
+    CDataSource* const source = held.source;
+    held.on_ready = [source] { source->Play(5000000, ~uint64_t{0}, 1.0F, false); };
     source->Play(~uint64_t{0}, ~uint64_t{0}, 1.0F, false);  // nobody there yet
-    EXPECT_EQ(0, source->Init(user->GetID(), 0));
+    EXPECT_EQ(0, held.Init());
     EXPECT_EQ(0, source->Play(~uint64_t{0}, ~uint64_t{0}, 1.0F, false));
     EXPECT_EQ(0, source->Pause());
     taken_back = true;
-    EXPECT_TRUE(WaitUntil([&] { return played == 1; }));
+    EXPECT_TRUE(WaitUntil([&] { return held.messages.Count(MSG_PLAY_READY) == 1; }));
     EXPECT_EQ(1, server.Count("PLAY"));
     EXPECT_TRUE(server.Holds("npt=5.0"));
     for (const int track : {1, 2}) {
@@ -229,8 +230,8 @@ TEST(ProxySource, PlaysWhatIsAskedForAndTellsWhereEachTrackBegins) {
         EXPECT_EQ(100 * track, info.seq);
     }
     source->Close();
-    EXPECT_TRUE(WaitUntil([&] { return ended == 1; }));
-    user->Close();
+    EXPECT_TRUE(WaitUntil([&] { return held.messages.Count(MSG_SOURCE_CLOSED) == 1; }));
+    held.holder->Close();
 }
 
 TEST(ProxyDescription, HidesTheServerAndKeepsWhatDecodersNeed) {

@@ -10,14 +10,7 @@
 namespace Kavio::Vidora {
 namespace {
 
-struct Way {
-    const char* name;
-    rtp_protocol_t transport;
-    packet_type_t kind;
-    bool conformance;
-};
-
-class CPullTest : public CServerTest, public testing::WithParamInterface<Way> {};
+class CPullTest : public CServerTest {};
 
 // Gives frames until `done` holds.
 template <typename Done>
@@ -29,35 +22,37 @@ bool GiveUntil(CFakeStreamSource* source, Done done) {
     });
 }
 
-TEST_P(CPullTest, MediaComes) {
+TEST_F(CPullTest, MediaComesByEveryWay) {
+    const struct {
+        rtp_protocol_t transport;
+        packet_type_t kind;
+        bool conformance;
+    } ways[] = {{RTP_OVER_RTSP, PACKET_TYPE_RTP, false},
+                {RTP_OVER_RTSP, PACKET_TYPE_RTP, true},
+                {RTP_OVER_RTSP, PACKET_TYPE_KX, false},
+                {RTP_OVER_UDP, PACKET_TYPE_NONE, false}};
     CFakeStreamSource* source = StartWithChannel();
-    CClientHost host;
-    host.session->SetPacketType(GetParam().kind);
-    host.session->SetConformance(GetParam().conformance);
-    ASSERT_TRUE(host.Plays(Url(), GetParam().transport));
-    EXPECT_TRUE(GiveUntil(source, [&] { return host.sink.Count() > 20; }));
-    CSdpInfo* info = host.session->GetSdpInfo();
-    ASSERT_NE(nullptr, info);
-    EXPECT_STREQ("H264", info->GetPayloadNameEx('V'));
-    const RtspClientStatistics statistics = host.Statistics();
-    EXPECT_GT(statistics.packets, 5u);
-    EXPECT_GT(statistics.bytes, 1000u);
-    EXPECT_EQ(0u, statistics.lost);
-    host.Close();
-    EXPECT_TRUE(SessionsGone());
-    EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
+    for (const auto& way : ways) {
+        SCOPED_TRACE(&way - ways);
+        CClientHost host;
+        host.session->SetPacketType(way.kind);
+        host.session->SetConformance(way.conformance);
+        ASSERT_TRUE(host.Plays(Url(), way.transport));
+        EXPECT_TRUE(GiveUntil(source, [&] { return host.sink.Count() > 20; }));
+        CSdpInfo* info = host.session->GetSdpInfo();
+        ASSERT_NE(nullptr, info);
+        EXPECT_STREQ("H264", info->GetPayloadNameEx('V'));
+        const RtspClientStatistics statistics = host.Statistics();
+        EXPECT_GT(statistics.packets, 5u);
+        EXPECT_GT(statistics.bytes, 1000u);
+        EXPECT_EQ(0u, statistics.lost);
+        host.Close();
+        EXPECT_TRUE(SessionsGone());
+        EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
+    }
 }
 
-INSTANTIATE_TEST_SUITE_P(Ways, CPullTest,
-                         testing::Values(Way{"Tcp", RTP_OVER_RTSP, PACKET_TYPE_RTP, false},
-                                         Way{"TcpConformance", RTP_OVER_RTSP, PACKET_TYPE_RTP, true},
-                                         Way{"Private", RTP_OVER_RTSP, PACKET_TYPE_KX, false},
-                                         Way{"Udp", RTP_OVER_UDP, PACKET_TYPE_NONE, false}),
-                         [](const auto& info) { return info.param.name; });
-
-class CPullRulesTest : public CServerTest {};
-
-TEST_F(CPullRulesTest, MediaComesOverIPv6) {
+TEST_F(CPullTest, MediaComesOverIPv6) {
     StartServer();
     const int port = CBoundSocket(SOCK_STREAM).Port();
     CSockAddrStorage addr("::1", static_cast<unsigned short>(port));
@@ -76,7 +71,7 @@ TEST_F(CPullRulesTest, MediaComesOverIPv6) {
     svr->Close();
 }
 
-TEST_F(CPullRulesTest, ARecordingWithASilentTrackEndsByItselfByConformance) {
+TEST_F(CPullTest, ARecordingWithASilentTrackEndsByItselfByConformance) {
     m_config.SetConformance(true);
     StartServer();
     for (const rtp_protocol_t transport : {RTP_OVER_RTSP, RTP_OVER_UDP}) {
@@ -92,7 +87,7 @@ TEST_F(CPullRulesTest, ARecordingWithASilentTrackEndsByItselfByConformance) {
     }
 }
 
-TEST_F(CPullRulesTest, SlowSinkHoldsUpItsOwnSessionOnly) {
+TEST_F(CPullTest, SlowSinkHoldsUpItsOwnSessionOnly) {
     CFakeStreamSource* source = StartWithChannel();
     std::atomic<bool> holds{true};
     std::atomic<int> held{0};
@@ -113,7 +108,7 @@ TEST_F(CPullRulesTest, SlowSinkHoldsUpItsOwnSessionOnly) {
     EXPECT_TRUE(SessionsGone());
 }
 
-TEST_F(CPullRulesTest, MulticastIsJoinedOnTheInterfaceOfTheConnection) {
+TEST_F(CPullTest, MulticastIsJoinedOnTheInterfaceOfTheConnection) {
     CFakeStreamSource* source = StartWithChannel();
     CLiveChannel* channel = m_channels.back();
     const int port = CBoundSocket(SOCK_DGRAM).Port() & ~1;

@@ -49,22 +49,13 @@ class Playing(unittest.TestCase):
                 told = peer.ask("PLAY", "Range: npt=0-", "Scale: 2.0")[1].get("scale")
                 self.assertEqual(told[:1] if told else None, scale)
 
-    def test_edges_relay_an_origin_that_they_may_go_to(self):
+    def test_edges_go_only_where_they_may(self):
         with Host() as origin:
-            content = f"{LIVE}?proxy=127.0.0.1:{origin.port}"
             allowed = f"127.0.0.1:{origin.port}"
-            with Host("--proxy-to", allowed, live=False) as first, Host("--proxy-to", "127.0.0.1", live=False) as second:
-                players = [subprocess.Popen(["ffmpeg", "-v", "error", "-rtsp_transport", "tcp", "-i", edge.url(content),
-                                             "-t", "3", "-map", "0:v", "-f", "framemd5", "-"],
-                                            stdin=subprocess.DEVNULL, stdout=subprocess.PIPE, text=True)
-                           for edge in (first, second)]
-                for player in players:
-                    output = player.communicate(timeout=120)[0]
-                    digests = [line.split(",")[-1].strip() for line in output.splitlines() if line[0] != "#"]
-                    self.assertGreater(len(digests), 40)
-                    self.assertTrue(is_run_of_loop(digests, self.pictures))
-            with Host(live=False) as closed, Rtsp(closed) as peer:
-                self.assertNotEqual(peer.ask("DESCRIBE", "Accept: application/sdp", url=closed.url(content))[0], 200)
+            for options, status in ((("--proxy-to", allowed), 200), (("--proxy-to", "127.0.0.1"), 200), ((), 404)):
+                with Host(*options, live=False) as edge, Rtsp(edge) as peer:
+                    url = edge.url(f"{LIVE}?proxy={allowed}")
+                    self.assertEqual(peer.ask("DESCRIBE", "Accept: application/sdp", url=url)[0], status)
 
     def test_sender_reports_relate_sound_to_pictures(self):
         reports = {}

@@ -1,32 +1,18 @@
 #!/usr/bin/env python3
-"""vidora-host with mpv, and what FFmpeg records: player_test.py HOST MEDIA [unittest arguments].
+"""What FFmpeg records of vidora-host: player_test.py HOST MEDIA [unittest arguments].
 
 RECORD_SECONDS in the environment records for longer."""
 import os
 import unittest
 from concurrent import futures
 
-from host_support import HOST, LIVE, Host, main
+from host_support import HOST, Host, main
 from peers import Folder, ffmpeg, outcome
 
 SECONDS = int(os.environ.get("RECORD_SECONDS", "7"))  # a sender report behind the first one
 NO_PTS = -2**63  # of pictures before FFmpeg knows how they are reordered
 EDGE = 8  # units at the beginning and the end, where pictures miss those that are shown between them
 PICTURE_MS, G711_MS, MPEG_AUDIO_MS = 40, 40, 24
-
-
-class Mpv(unittest.TestCase):
-    def test_live_and_recording_over_tcp_and_udp(self):
-        with Host("--user", "admin:secret") as host:
-            for content in (LIVE, "1_0_clip.kav"):
-                for transport in ("tcp", "udp"):
-                    with self.subTest(content=content, transport=transport):
-                        code, output, errors = outcome(
-                            "mpv", "--no-config", "--vo=null", "--ao=null", f"--rtsp-transport={transport}",
-                            "--frames=40", "--term-playing-msg=${video-format} ${audio-codec-name}",
-                            host.url(content, user="admin:secret"))
-                        self.assertEqual(code, 0, (output, errors))
-                        self.assertIn(b"h264 pcm_alaw", output)
 
 
 class TimeStamps(unittest.TestCase):

@@ -18,11 +18,8 @@ protected:
 
 // Gives a key frame of that second of a recording.
 bool GiveAt(CFakeStreamSource* source, unsigned int second) {
-    FrameSpec fields;
-    fields.type = 'I';
+    FrameSpec fields = {'I', 0, second * 1000, H264Picture(true, 100, 0)};
     fields.utc += second;
-    fields.pts_ms = second * 1000;
-    fields.payload = H264Picture(true, 100, 0);
     return source->Give(BuildFrame(fields));
 }
 

@@ -18,16 +18,19 @@ TEST_F(Lifecycle, TimeOutsAndReports) {
     PlayInterleaved(tcp);
     ASSERT_EQ(200, idle.Ask("DESCRIBE", Url()).status);
     CUdpPeer rtp, rtcp;
-    int server_rtcp = 0;
+    int server_rtcp[2] = {0, 0};
+    CUdpPeer stranger(0, "127.0.0.2");
     // RTCP goes to the port above the one that SETUP names.
     for (CRtspTestClient* client : {&udp, &udp_reports}) {
         const RtspReply reply = Play(*client, UdpTransport(client == &udp ? rtp.Port() : rtcp.Port() - 1));
         EXPECT_TRUE(reply.Holds(";timeout=60\r\n"));
-        server_rtcp = ServerPort(reply) + 1;
+        server_rtcp[client == &udp ? 0 : 1] = ServerPort(reply) + 1;
     }
-    // Control silence alone ends what doesn't play, and UDP without reports; signs of life on RTCP suffice.
+    // Control silence alone ends what doesn't play, and UDP without reports; signs of life on RTCP suffice, but not of
+    // another host.
     EXPECT_TRUE(WaitUntil([&] {
-        rtcp.Send("report", server_rtcp);
+        stranger.Send("report", server_rtcp[0]);
+        rtcp.Send("report", server_rtcp[1]);
         AdvanceClock(10000);
         return idle.Closed(30) && udp.Closed(30);
     }));

@@ -1,5 +1,4 @@
 // Memory that is short for one step of one client alone.
-#include <cstdlib>
 #include <new>
 
 #include "Tramel/MediaStreamSender.h"

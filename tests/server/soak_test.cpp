@@ -2,7 +2,6 @@
 // sources change their format. Nothing may be left: no session, no handler, no descriptor, no source. The sanitizers
 // see to leaks and races. VIDORA_SOAK_SESSIONS raises the number of sessions.
 
-#include <cstdlib>
 #include <random>
 
 #include "Tramel/Reactor.h"
@@ -37,15 +36,10 @@ CStreamSource* make_source(const char* content) {
 
 // Gives pictures and sound to all sources. The frames themselves tell of another format at times.
 void give_to_all(unsigned int sequence) {
-    FrameSpec video, audio;
-    video.type = sequence % 10 == 0 ? 'I' : 'P';
-    video.sequence = audio.sequence = sequence;
-    video.pts_ms = audio.pts_ms = sequence * 40;
+    const bool key = sequence % 10 == 0;
+    FrameSpec video = {key ? 'I' : 'P', sequence, sequence * 40, H264Picture(key, key ? 30000 : 3000, 7)};
     video.width = 64 + (sequence / 1000 % 2) * 64;
-    video.payload = H264Picture(video.type == 'I', video.type == 'I' ? 30000 : 3000, 7);
-    audio.type = 'A';
-    audio.encode_code = 14;
-    audio.payload = std::string(320, 'a');
+    const FrameSpec audio = {'A', sequence, sequence * 40, std::string(320, 'a'), 14};
     const Flumen::CMediaFrame frames[] = {BuildFrame(video), BuildFrame(audio)};
     CFakeStreamSource::ForEach([&](CFakeStreamSource& source) {
         for (const Flumen::CMediaFrame& frame : frames) {

@@ -7,6 +7,7 @@
 
 #include "Vidora/Ostra/Assert.h"
 #include "Vidora/Ostra/Log.h"
+#include "support/GuardedList.h"
 
 namespace Kavio::Support {
 
@@ -24,17 +25,10 @@ public:
         set_current(nullptr);
     }
 
-    std::vector<std::string> Lines() const {
-        const std::lock_guard<std::mutex> guard(s_mutex);
-        return m_lines;
-    }
+    std::vector<std::string> Lines() const { return m_lines.All(); }
     // Lines that hold `text`.
     int Count(const std::string& text) const {
-        int count = 0;
-        for (const std::string& line : Lines()) {
-            count += line.find(text) != std::string::npos ? 1 : 0;
-        }
-        return count;
+        return m_lines.CountIf([&text](const std::string& line) { return line.find(text) != line.npos; });
     }
 
 private:
@@ -45,7 +39,7 @@ private:
     static void on_line(void*, Ostra::log_level_t, const char* text, size_t length) {
         const std::lock_guard<std::mutex> guard(s_mutex);
         if (s_current != nullptr) {
-            s_current->m_lines.emplace_back(text, length);
+            s_current->m_lines.Add(std::string(text, length));
         }
     }
 
@@ -54,7 +48,7 @@ private:
     static inline CLogCapture* s_current = nullptr;
 
     Ostra::log_level_t m_level;
-    std::vector<std::string> m_lines;
+    CGuardedList<std::string> m_lines;
 };
 
 // Collects the texts of failed assertions while it lives, so that code takes its failure path in debug builds as well.
@@ -62,24 +56,17 @@ private:
 class CAssertCapture {
 public:
     CAssertCapture() {
-        s_texts.clear();
+        s_texts.Take();
         Ostra::SetAssertHandler(&CAssertCapture::on_assert);
     }
     ~CAssertCapture() { Ostra::SetAssertHandler(nullptr); }
 
-    std::vector<std::string> Texts() const {
-        const std::lock_guard<std::mutex> guard(s_mutex);
-        return s_texts;
-    }
+    std::vector<std::string> Texts() const { return s_texts.All(); }
 
 private:
-    static void on_assert(const char* expression, const char*, int) {
-        const std::lock_guard<std::mutex> guard(s_mutex);
-        s_texts.push_back(expression);
-    }
+    static void on_assert(const char* expression, const char*, int) { s_texts.Add(expression); }
 
-    static inline std::mutex s_mutex;
-    static inline std::vector<std::string> s_texts;
+    static inline CGuardedList<std::string> s_texts;
 };
 
 }  // namespace Kavio::Support

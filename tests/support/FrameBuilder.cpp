@@ -1,7 +1,5 @@
 #include "support/FrameBuilder.h"
 
-#include <algorithm>
-
 #include "Vidora/KXFrame.h"
 
 namespace Kavio::Support {
@@ -31,12 +29,24 @@ Flumen::CMediaFrame BuildFrame(const FrameSpec& fields) {
 }
 
 Flumen::CMediaFrame BuildPicture(bool key, unsigned int size, uint32_t sequence) {
-    FrameSpec fields;
-    fields.type = key ? 'I' : 'P';
-    fields.sequence = sequence;
-    fields.pts_ms = sequence * 40;
-    fields.payload = H264Picture(key, size, static_cast<uint8_t>(sequence));
-    return BuildFrame(fields);
+    return BuildFrame(
+        {key ? 'I' : 'P', sequence, sequence * 40, H264Picture(key, size, static_cast<uint8_t>(sequence))});
+}
+
+Bytes BytesOf(const Flumen::CMediaFrame& frame) {
+    return Bytes(frame.getBuffer(), frame.getBuffer() + frame.size());
+}
+
+std::string BodyOf(const Flumen::CMediaFrame& frame) {
+    int size = 0;
+    const int at = Vidora::get_frame_body(frame.getBuffer(), static_cast<int>(frame.size()), size);
+    return ToText(Part(BytesOf(frame), static_cast<size_t>(at), static_cast<size_t>(size)));
+}
+
+Flumen::CMediaFrame FrameOf(const Bytes& bytes) {
+    Flumen::CMediaFrame frame(static_cast<unsigned int>(bytes.size()));
+    std::copy(bytes.begin(), bytes.end(), frame.getBuffer());
+    return frame;
 }
 
 std::string H264ParameterSets() {

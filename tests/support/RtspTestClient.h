@@ -55,7 +55,6 @@ public:
     bool Silent(int timeout_ms);
     // Ends the connection.
     void Close();
-    int LastCSeq() const { return m_cseq; }
 
 private:
     bool receive(int timeout_ms);

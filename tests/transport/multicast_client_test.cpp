@@ -7,10 +7,8 @@
 
 #include "MulticastStreamClient.h"
 #include "StreamParser/Frame2Ts.h"
-#include "Vidora/KXFrame.h"
 #include "support/Capture.h"
 #include "support/FrameBuilder.h"
-#include "support/GuardedList.h"
 #include "support/PackerUnits.h"
 #include "support/TestClock.h"
 #include "support/TestHandler.h"
@@ -107,9 +105,7 @@ public:
 private:
     void on_frame(const Flumen::CMediaFrame& frame) {
         if (frame.valid()) {
-            int length = 0;
-            const int offset = get_frame_body(frame.getBuffer(), static_cast<int>(frame.size()), length);
-            m_frames.Add({reinterpret_cast<const char*>(frame.getBuffer()) + offset, static_cast<size_t>(length)});
+            m_frames.Add(BodyOf(frame));
         }
         ends += frame.valid() ? 0 : 1;
         if (on_call) {

@@ -107,19 +107,6 @@ TEST_F(UdpSender, RefusesWhenTheRangeIsTakenAndRecoversWhenAPortIsFreed) {
     foreign.reset();
     EXPECT_EQ(31400, OpenPair(m_sender, 4000, 0));
     EXPECT_EQ(-1, OpenPair(m_sender, 4000, 2));
-
-    std::vector<std::unique_ptr<CUdpPeer>> others;
-    for (int i = 0; i < 10; ++i) {
-        others.push_back(std::make_unique<CUdpPeer>(31420 + 2 * i));
-        ASSERT_TRUE(others.back()->Bound());
-    }
-    CUdpSockPair pair;
-    int port = 0;
-    EXPECT_EQ(-1, pair.OpenInRange(31420, 31440, 1, &port));
-    EXPECT_EQ(31438, port);
-    others[8].reset();
-    EXPECT_EQ(0, pair.OpenInRange(31420, 31440, 1, &port));  // though it was just seen to be taken
-    EXPECT_EQ(31436, port);
 }
 
 // With no descriptor left the search ends at once, and a track that is set up anew has its sockets.
@@ -254,20 +241,11 @@ TEST_F(UdpSender, IsSwitchedMovedAndRemovedWhileItsBufferSends) {
         all_of(video, "");
         all_of(audio, "");
     }
-    // It goes on by itself: with its next key frame, where it was paused.
-    EXPECT_TRUE(Support::WaitUntil([&] { return buffer.IsIdle(); }));
-    m_sender.PauseTrack(0);
-    m_sender.EnableTrack(0);
     number = 2001;
-    put(0, number);
+    put(0, number - 1);  // a key frame
     put(1, number);
+    EXPECT_EQ("1002000", all_of(video, "1002000"));
     EXPECT_EQ("1002001", all_of(audio, "1002001"));
-    put(0, 2008);
-    std::string next = video.Recv();
-    while (!next.empty() && next < "1002000") {
-        next = video.Recv();
-    }
-    EXPECT_EQ("1002008", next);
     buffer.DelLevel2Buffer(&m_sender);
 }
 
@@ -279,50 +257,6 @@ TEST_F(UdpSender, ReportsRepeatedFailuresOnceASecond) {
         EXPECT_EQ(-1, PutTo(m_sender, std::string("$\0\x10\0cut", 7), TRACK_0));
     }
     EXPECT_EQ(1, log.Count("udp send failed "));
-}
-
-TEST_F(UdpSender, KeeperReportsOneSilentIntervalOfAnyTrackOnce) {
-    Support::CPool pool;
-    std::atomic<int> lapses{0};
-    Support::CTestHandler listener;
-    listener.on_message = [&](long, unsigned int msg, long) {
-        lapses += msg == MSG_KEEPALIVE_TIMEOUT ? 1 : 100;
-        return 0;
-    };
-    Open(2);
-    // RTCP of the peer comes from the port that it named, and from another one. Another host's says nothing.
-    CUdpPeer first, second;
-    const int port = OpenPair(m_sender, first.Port() - 1, 0);
-    const int quiet_port = OpenPair(m_sender, 4000, 2);
-    CSockDgram stranger;
-    const CSockAddrStorage stranger_addr("127.0.0.2", 0);
-    ASSERT_EQ(0, stranger.Open(&stranger_addr));
-    const CSockAddrStorage quiet_addr("127.0.0.1", static_cast<unsigned short>(quiet_port + 1));
-    ASSERT_EQ(0, m_sender.StartKeepAlive(listener.GetID(), 1));
-    Support::CLogCapture log;
-    int elapsed_ms = 0;  // of the sender's clock
-    const auto let_time_pass = [&](int milliseconds) {
-        elapsed_ms += milliseconds;
-        Support::AdvanceClock(static_cast<uint64_t>(milliseconds));
-        usleep(50000);
-    };
-    while (lapses == 0 && elapsed_ms < 10000) {
-        first.Send("report", port + 1);
-        stranger.Send("report", 6, &quiet_addr);
-        if (elapsed_ms < 1500) {
-            second.Send("report", quiet_port + 1);
-        }
-        let_time_pass(150);
-    }
-    EXPECT_LT(2000, elapsed_ms);  // 1.5 seconds with signs of life, and one without
-    EXPECT_EQ(1, lapses);
-    EXPECT_EQ(1, log.Count("Keep-alive failed! timeout: 1 s "));
-    let_time_pass(1300);
-    EXPECT_EQ(1, lapses);  // the watch has ended
-
-    ASSERT_EQ(0, m_sender.StartKeepAlive(listener.GetID(), 0));
-    let_time_pass(1300);
-    EXPECT_EQ(1, lapses);
 }
 
 }  // namespace
