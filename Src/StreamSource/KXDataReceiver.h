@@ -5,7 +5,7 @@
 #include <cstdint>
 #include <memory>
 
-#include "Ostra/LogGate.h"
+#include "Ostra/LogLimit.h"
 #include "StreamSource/BufferTable.h"
 #include "StreamSource/FormatWatch.h"
 #include "StreamSource/PlayWindow.h"
@@ -125,7 +125,8 @@ private:
     void end();
 
     // The path of a frame (KXDataReceiverFrame.cpp). put_..._locked: 0, or -1 for a frame that can't be converted.
-    // find_track_locked: negative for a frame that goes nowhere. send_rtp_locked: the bytes put, 0 on failure.
+    // find_track_locked: negative for a frame that goes nowhere. to_..._locked: the packets, invalid on failure.
+    // send_rtp_locked: the bytes put, 0 on failure.
     void frame_proc(const Flumen::CMediaFrame& frame);
     void take_frame(const Flumen::CMediaFrame& frame);
     bool is_at_end_locked() VIDORA_REQUIRES(m_mutex);
@@ -136,6 +137,8 @@ private:
     int find_track_locked(int type) VIDORA_REQUIRES(m_mutex);
     int put_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
     unsigned int send_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) VIDORA_REQUIRES(m_mutex);
+    Flumen::CMediaFrame to_rtp_locked(const Flumen::CMediaFrame& frame, int track) VIDORA_REQUIRES(m_mutex);
+    Flumen::CMediaFrame to_ts_locked(const Flumen::CMediaFrame& frame) VIDORA_REQUIRES(m_mutex);
     int put_ts_locked(const Flumen::CMediaFrame& frame, int track, uint8_t kind) VIDORA_REQUIRES(m_mutex);
     static void put_kx(const CMediaBufferRef& buffer, const Flumen::CMediaFrame& frame, int track, int tag);
 
@@ -163,8 +166,8 @@ private:
     CSrcInfoTable m_src_info;  // has a lock of its own
     CTrackEncoders m_encoders VIDORA_GUARDED_BY(m_mutex);
     int m_packet_state VIDORA_GUARDED_BY(m_mutex) = PACKET_STATE_RUNS;  // of the last frame
-    Ostra::CLogGate m_outside_log VIDORA_GUARDED_BY(m_mutex);
-    CReplayExtension m_replay VIDORA_GUARDED_BY(m_mutex);  // of a token
+    Ostra::CLogLimit m_frame_log VIDORA_GUARDED_BY(m_mutex);            // of frames that are of no use
+    CReplayExtension m_replay VIDORA_GUARDED_BY(m_mutex);               // of a token
 
     std::atomic<int> m_assist_count{0};  // clients that want assist frames
     CUseCount m_use;

@@ -77,9 +77,8 @@ void CKXDataReceiver::take_frame(const Flumen::CMediaFrame& frame) {
             return;
         }
         if (is_outside_window_locked(frame)) {
-            if (m_outside_log.Pass()) {
-                logWarn("%s:%d out of file range.\n", __FILE__, __LINE__);
-            }
+            const Ostra::CLogLimit::CScope scope(m_frame_log);
+            logWarn("%s:%d out of file range.\n", __FILE__, __LINE__);
             return;
         }
     }
@@ -165,25 +164,48 @@ int CKXDataReceiver::put_rtp_locked(const Flumen::CMediaFrame& frame, int track,
     return 0;
 }
 
-// Cuts the frame into packets and puts them as one merged packet into each buffer. The bytes put, 0 on failure.
-unsigned int CKXDataReceiver::send_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) {
+// The frame's packets, as one merged packet; invalid on failure. A damaged recording has as many bad frames as good
+// ones: what the encoders say of them passes once a second as well.
+Flumen::CMediaFrame CKXDataReceiver::to_rtp_locked(const Flumen::CMediaFrame& frame, int track) {
+    const Ostra::CLogLimit::CScope scope(m_frame_log);
     const CTrackEncoders::Converted rtp = m_encoders.ToRtp(track, frame);
     if (rtp.result != PARSER_FRAME_READY) {
         logError("%s:%d MediaFrame Input fail, ret:%d, frame_type = %c .\n", __FILE__, __LINE__, rtp.result,
                  frame.getType());
-        return 0;
+        return Flumen::CMediaFrame();
     }
     if (!rtp.packets.valid()) {
         logError("%s:%d MediaFrame Input fail, type=%c.\n", __FILE__, __LINE__, frame.getType());
+    }
+    return rtp.packets;
+}
+
+// Puts the frame's packets into each buffer. The bytes put, 0 on failure.
+unsigned int CKXDataReceiver::send_rtp_locked(const Flumen::CMediaFrame& frame, int track, int tag) {
+    const Flumen::CMediaFrame packets = to_rtp_locked(frame, track);
+    if (!packets.valid()) {
         return 0;
     }
     bool put = false;
     for (size_t i = 0; i < m_buffers.Size(PACKET_TYPE_RTP); ++i) {
         const CMediaBufferRef buffer = m_buffers.At(PACKET_TYPE_RTP, i);
         put_info(buffer, frame, track, RTP_INFO_LENGTH);
-        put = put_media(buffer, rtp.packets, 1, tag) || put;
+        put = put_media(buffer, packets, 1, tag) || put;
     }
-    return put ? rtp.packets.size() : 0;
+    return put ? packets.size() : 0;
+}
+
+Flumen::CMediaFrame CKXDataReceiver::to_ts_locked(const Flumen::CMediaFrame& frame) {
+    const Ostra::CLogLimit::CScope scope(m_frame_log);
+    const CTrackEncoders::Converted ts = m_encoders.ToTs(frame);
+    if (ts.result != PARSER_FRAME_READY) {
+        logError("%s:%d MediaFrame Input fail, ret%d\n", __FILE__, __LINE__, ts.result);
+        return Flumen::CMediaFrame();
+    }
+    if (!ts.packets.valid()) {
+        logError("%s:%d MediaFrame Input fail\n", __FILE__, __LINE__);
+    }
+    return ts.packets;
 }
 
 // All goes out as the first track.
@@ -192,20 +214,15 @@ int CKXDataReceiver::put_ts_locked(const Flumen::CMediaFrame& frame, int track, 
         logError("%s:%d ts stream parser create fail\n", __FILE__, __LINE__);
         return -1;
     }
-    const CTrackEncoders::Converted ts = m_encoders.ToTs(frame);
-    if (ts.result != PARSER_FRAME_READY) {
-        logError("%s:%d MediaFrame Input fail, ret%d\n", __FILE__, __LINE__, ts.result);
-        return 0;
-    }
-    if (!ts.packets.valid()) {
-        logError("%s:%d MediaFrame Input fail\n", __FILE__, __LINE__);
+    const Flumen::CMediaFrame packets = to_ts_locked(frame);
+    if (!packets.valid()) {
         return 0;
     }
     const int tag = Tramel::MediaTag{static_cast<uint8_t>(IsVideoLetter(frame.getType()) ? track : 0), kind}.Pack();
     for (size_t i = 0; i < m_buffers.Size(PACKET_TYPE_TS); ++i) {
-        put_media(CMediaBufferRef(m_buffers.At(PACKET_TYPE_TS, i)), ts.packets, 1, tag);
+        put_media(CMediaBufferRef(m_buffers.At(PACKET_TYPE_TS, i)), packets, 1, tag);
     }
-    m_encoders.CountTs(ts.packets.size(), frame.getPts(Flumen::PTS_TYPE_MS));
+    m_encoders.CountTs(packets.size(), frame.getPts(Flumen::PTS_TYPE_MS));
     return 0;
 }
 

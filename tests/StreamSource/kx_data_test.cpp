@@ -374,6 +374,21 @@ TEST_F(KXDataTest, ASecondInitLeavesTheFirstStreamAsItIs) {
     EXPECT_EQ(1, CFakeStreamSource::LiveCount());
 }
 
+// As of a recording whose file is damaged while it plays.
+TEST_F(KXDataTest, FramesOfNoUseCauseALineASecond) {
+    OpenReady();
+    ASSERT_EQ(0, Start(PACKET_TYPE_RTP));
+    const CLogCapture log(Ostra::LOG_LEVEL_ERROR);
+    FrameSpec bad;
+    bad.type = 'P';
+    bad.payload.assign(100, 'x');
+    for (int i = 0; i < 30; ++i) {
+        ASSERT_TRUE(Host().Give(BuildFrame(bad)));
+    }
+    EXPECT_GT(log.Count("MediaFrame Input fail"), 0);
+    EXPECT_LT(log.Lines().size(), 15u);
+}
+
 TEST_F(KXDataTest, ParameterSetsWithoutStartCodeFailTheSource) {
     Open(CFakeStreamSource::LiveVideo([](auto& settings) { settings.specific_info = "no start code"; }));
     EXPECT_TRUE(WaitFor(MSG_SRC_FAIL));
