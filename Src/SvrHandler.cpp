@@ -28,6 +28,14 @@ int CSvrHandler::SetRoll(const std::shared_ptr<CSessionRoll>& roll) {
     return m_entry != nullptr ? 0 : -1;
 }
 
+void CSvrHandler::Discard() {
+    if (GetID() == 0) {
+        handle_close(this);
+    } else {
+        Close();
+    }
+}
+
 int CSvrHandler::handle_exception(int /*fd*/) {
     m_talk.OnLinkError();
     return 0;

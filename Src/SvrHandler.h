@@ -27,8 +27,10 @@ public:
     void SetConfig(const CRtspSvrConfig& config) { m_talk.SetConfig(config); }
     void SetLiveSvr(const CLiveSvrRef& live_svr) { m_talk.SetLiveSvr(live_svr); }
     // Reserves the session's place in the roll of its server, which it enters when it begins: an end that came earlier
-    // would find it half made. 0, or -1 if memory is short: Close it then.
+    // would find it half made. 0, or -1 if memory is short: Discard it then.
     int SetRoll(const std::shared_ptr<CSessionRoll>& roll);
+    // The end of a session that isn't started, also of one that the reactor doesn't know.
+    void Discard();
 
     int handle_exception(int fd) override;
     int64_t handle_timeout(long timer_id) override;

@@ -314,7 +314,7 @@ void CSvrSessionManager::start_rtsp_session(CSockStream* sock, const char* buf, 
     if (session == nullptr || session->SetRoll(m_roll) < 0) {
         delete sock;
         if (session != nullptr) {
-            session->Close();
+            session->Discard();
         }
         return;
     }

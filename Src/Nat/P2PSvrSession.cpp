@@ -42,7 +42,7 @@ public:
         CP2PSvrSession* session = new (std::nothrow) CP2PSvrSession;
         if (session == nullptr || session->SetRoll(roll) < 0) {
             if (session != nullptr) {
-                session->Close();
+                session->Discard();
             }
             return -1;
         }

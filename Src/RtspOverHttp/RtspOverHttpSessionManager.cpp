@@ -39,7 +39,7 @@ CLogQuote first_line(const char* bytes, size_t length) {
 }
 
 struct SessionCloser {
-    void operator()(CRtspOverHttpSession* session) const { session->Close(); }
+    void operator()(CRtspOverHttpSession* session) const { session->Discard(); }
 };
 
 // Null if memory is short.
