@@ -57,13 +57,15 @@ TEST_F(CNatTest, MediaComesAsRunsAndWhatIsNoMediaIsDropped) {
         peer.Send(datagram);
     }
     peer.Send(std::string(PICTURE_LOST_END, PACKET_SIZE));
-    peer.Send(CNatPeer::Rtp(2));
+    peer.Send(CNatPeer::Rtp(4));
     ASSERT_TRUE(WaitUntil([&] { return host.sink.Count() == 2; }));
     const std::vector<std::string> packets = host.sink.Packets();
     EXPECT_EQ(std::string("$\0\0\x10", 4) + std::string(PICTURE_LOST_END, PACKET_SIZE), packets[0]);
-    EXPECT_EQ(CScriptedServer::Rtp(2), packets[1]);
+    EXPECT_EQ(CScriptedServer::Rtp(4), packets[1]);
     const RtspClientStatistics statistics = host.Statistics();
     EXPECT_EQ(2u, statistics.packets);
+    EXPECT_EQ(2u, statistics.lost);
+    EXPECT_EQ(2u, host.Statistics().lost);
     EXPECT_EQ(0, host.Count(MSG_RTSP_TEARDOWN));
     host.Close();
     EXPECT_TRUE(WaitUntil([&] { return peer.Requests("TEARDOWN").size() == 1; }));

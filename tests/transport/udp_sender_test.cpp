@@ -107,6 +107,19 @@ TEST_F(UdpSender, RefusesWhenTheRangeIsTakenAndRecoversWhenAPortIsFreed) {
     foreign.reset();
     EXPECT_EQ(31400, OpenPair(m_sender, 4000, 0));
     EXPECT_EQ(-1, OpenPair(m_sender, 4000, 2));
+
+    std::vector<std::unique_ptr<CUdpPeer>> others;
+    for (int i = 0; i < 10; ++i) {
+        others.push_back(std::make_unique<CUdpPeer>(31420 + 2 * i));
+        ASSERT_TRUE(others.back()->Bound());
+    }
+    CUdpSockPair pair;
+    int port = 0;
+    EXPECT_EQ(-1, pair.OpenInRange(31420, 31440, 1, &port));
+    EXPECT_EQ(31438, port);
+    others[8].reset();
+    EXPECT_EQ(0, pair.OpenInRange(31420, 31440, 1, &port));  // though it was just seen to be taken
+    EXPECT_EQ(31436, port);
 }
 
 // With no descriptor left the search ends at once, and a track that is set up anew has its sockets.
