@@ -179,6 +179,7 @@ protected:
     const char* m_session = "";     // the derived class's as well
 
 private:
+    void read_first_rate(CStrParser& text);
     void read_rate(CStrParser& text, const char* key);
     void read_range(CStrParser& text);
     void read_standard_rate(CStrParser& text);

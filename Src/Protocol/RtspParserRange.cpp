@@ -109,12 +109,16 @@ int CRtspParser::parse_range_speed(CStrParser& text) {
     if (m_conformance) {
         read_standard_range(text);
         read_standard_rate(text);
-        m_range_cseq = parse_cseq(text);
-        return RTSP_OK;
+    } else {
+        read_range(text);
+        read_first_rate(text);
     }
-    read_range(text);
+    m_range_cseq = parse_cseq(text);
+    return RTSP_OK;
+}
 
-    // The first of the three that is present counts, even if its number cannot be read.
+// The first of the three that is present counts, even if its number cannot be read.
+void CRtspParser::read_first_rate(CStrParser& text) {
     m_speed = 1.0F;
     if (find_header(text, "Speed: ")) {
         read_rate(text, "Speed: ");
@@ -124,9 +128,6 @@ int CRtspParser::parse_range_speed(CStrParser& text) {
     } else if (find_header(text, "Rate-Control: no")) {  // ONVIF replay
         m_speed = RATE_CONTROL_NO_SPEED;
     }
-
-    m_range_cseq = parse_cseq(text);
-    return RTSP_OK;
 }
 
 void CRtspParser::read_range(CStrParser& text) {

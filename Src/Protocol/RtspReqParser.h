@@ -100,6 +100,7 @@ private:
     bool hold_texts();
     int take_info(const char* message, unsigned int length, rtsp_msg_info* info);
     int read_challenge(CStrParser& text);
+    void join_challenges(std::string_view message);
     int read_redirect(CStrParser& text);
     int read_by_method(CStrParser& text);
     int read_describe(CStrParser& text);
@@ -108,6 +109,7 @@ private:
     void read_content_base(CStrParser& text);
     int read_transport(CStrParser& text);
     int read_standard_transport(CStrParser& text);
+    int read_usual_transport(CStrParser& text);
     void read_ports(CStrParser& text);
     void read_destination(CStrParser& text);
     void read_source(CStrParser& text);

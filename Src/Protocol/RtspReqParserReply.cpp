@@ -106,18 +106,22 @@ int CRtspReqParser::parse_status_code(CStrParser& text) {
 int CRtspReqParser::read_challenge(CStrParser& text) {
     text.ResetAll();
     if (m_conformance) {
-        std::string_view rest = message_of(text);
-        std::string_view value;
-        unsigned int length = 0;
-        m_texts->auth[0] = '\0';
-        while (NextHeaderValue(rest, "WWW-Authenticate", value)) {  // RFC 2616 4.2: a list, as if it were one header
-            length = AppendUnfolded(length > 0 ? ", " : "", m_texts->auth, length, sizeof m_texts->auth);
-            length = AppendUnfolded(value, m_texts->auth, length, sizeof m_texts->auth);
-        }
+        join_challenges(message_of(text));
     } else if (text.LocateStringCase("WWW-Authenticate:") >= 0) {
         read_value(text, "WWW-Authenticate:", m_texts->auth, sizeof m_texts->auth);
     }
     return RTSP_CHALLENGE;
+}
+
+// RFC 2616 4.2: the values of headers of one name are a list, as if they stood in one.
+void CRtspReqParser::join_challenges(std::string_view message) {
+    std::string_view value;
+    unsigned int length = 0;
+    m_texts->auth[0] = '\0';
+    while (NextHeaderValue(message, "WWW-Authenticate", value)) {
+        length = AppendUnfolded(length > 0 ? ", " : "", m_texts->auth, length, sizeof m_texts->auth);
+        length = AppendUnfolded(value, m_texts->auth, length, sizeof m_texts->auth);
+    }
 }
 
 int CRtspReqParser::read_redirect(CStrParser& text) {
@@ -228,9 +232,11 @@ int CRtspReqParser::read_transport(CStrParser& text) {
     m_has_transport = text.LocateStringCase("Transport:") >= 0;
     m_source[0] = '\0';
     read_session(text);
-    if (m_conformance) {
-        return read_standard_transport(text);
-    }
+    return m_conformance ? read_standard_transport(text) : read_usual_transport(text);
+}
+
+// What stands anywhere behind the header's name counts, as older servers write it.
+int CRtspReqParser::read_usual_transport(CStrParser& text) {
     if (!m_has_transport) {
         return RTSP_OK;
     }

@@ -169,9 +169,11 @@ int CRtspRspParser::read_transport(CStrParser& text) {
         return RTSP_BAD_MESSAGE;
     }
     m_texts->transport.reset();
-    if (m_conformance) {
-        return read_offers(message_of(text));
-    }
+    return m_conformance ? read_offers(message_of(text)) : read_usual_transport(text);
+}
+
+// What stands anywhere behind the header's name counts, as older clients write it.
+int CRtspRspParser::read_usual_transport(CStrParser& text) {
     text.ResetAll();
     if (text.LocateStringCase("Transport:") < 0) {
         return RTSP_OK;  // interleaved RTP, channels 0 and 0
@@ -196,6 +198,7 @@ int CRtspRspParser::begin_session() {
     return RTSP_OK;
 }
 
+// RFC 2326 12.39: a list of transports, of which the first that can be served counts.
 int CRtspRspParser::read_offers(std::string_view message) {
     m_offers_read = 0;
     if (HeaderValue(message, TRANSPORT).empty()) {

@@ -87,6 +87,7 @@ private:
 
     // Transport, in the order of reading.
     int read_transport(CStrParser& text);
+    int read_usual_transport(CStrParser& text);
     int read_offers(std::string_view message);
     void take_offer(const transport_offer& offer);
     int begin_session();
