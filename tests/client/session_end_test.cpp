@@ -96,19 +96,17 @@ void CSessionEndTest::Run() {
             Host host;
             const bool by_note = closer == BY_NOTE;
             std::atomic<int> after_close{0};
-            host.on_note = [&, by_note](const ClientNote&) {
+            const auto close_if = [this, &host](bool is_closer) {
+                if (is_closer && !m_closed) {
+                    host.Close();
+                    m_closed = true;
+                }
+            };
+            host.on_note = [&, close_if, by_note](const ClientNote&) {
                 after_close += m_closed ? 1 : 0;
-                if (by_note && !m_closed) {
-                    host.Close();
-                    m_closed = true;
-                }
+                close_if(by_note);
             };
-            host.sink.on_put = [&, by_sink = closer == BY_SINK] {
-                if (by_sink && !m_closed) {
-                    host.Close();
-                    m_closed = true;
-                }
-            };
+            host.sink.on_put = [close_if, by_sink = closer == BY_SINK] { close_if(by_sink); };
             if (closer != BEFORE_START) {
                 ASSERT_EQ(0, host.Start(server.Url()));
             }

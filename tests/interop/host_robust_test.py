@@ -14,7 +14,7 @@ import types
 import unittest
 from collections import Counter
 
-from host_support import HOST, LIVE, MEDIA, Host, Rtsp, main
+from host_support import HOST, JPEG, LIVE, MEDIA, Host, Rtsp, main
 from peers import Folder, free_port, wait_for
 
 CLIP = "1_0_clip.kav"
@@ -222,6 +222,7 @@ class Ending(unittest.TestCase):
             peer.play(2)
             peer.frame()
             self.assertEqual(host.stop(signal.SIGINT), 0, host.lines)
+            self.assertFalse([line for line in host.lines if "Sanitizer" in line or "runtime error" in line])
             last = {}
             with contextlib.suppress(EOFError):
                 while True:

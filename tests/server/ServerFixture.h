@@ -68,9 +68,12 @@ private:
 class CEventLog {
 public:
     static void OnEvent(event_type_t event, void* data, int length);
-    static std::vector<std::string> All();
-    static int Count(const std::string& text);
-    static void Clear();
+    static std::vector<std::string> All() { return s_events.All(); }
+    static int Count(const std::string& text) { return s_events.Count(text); }
+    static void Clear() { s_events.Take(); }
+
+private:
+    static inline CGuardedList<std::string> s_events;
 };
 
 // A server on the loopback address with a thread pool and a registry, over the host's fake sources.

@@ -9,7 +9,6 @@ namespace Kavio::Vidora {
 
 namespace {
 
-CGuardedList<std::string> g_events;
 std::function<void(const std::string& name, const std::string& content)> g_hook;
 
 }  // namespace
@@ -17,25 +16,13 @@ std::function<void(const std::string& name, const std::string& content)> g_hook;
 void CEventLog::OnEvent(event_type_t event, void* data, int length) {
     if (event == EVENT_LOST_PACKET) {
         const LostPacketEvent& record = *static_cast<const LostPacketEvent*>(data);
-        g_events.Add("lost " + std::string(record.ip) + " channel " + std::to_string(record.channel) + " subtype " +
+        s_events.Add("lost " + std::string(record.ip) + " channel " + std::to_string(record.channel) + " subtype " +
                      std::to_string(record.subtype));
         EXPECT_EQ(sizeof(record), static_cast<size_t>(length));
     } else {
-        g_events.Add(std::string(event == EVENT_CLIENT_CONNECTED ? "connected " : "disconnected ") +
+        s_events.Add(std::string(event == EVENT_CLIENT_CONNECTED ? "connected " : "disconnected ") +
                      std::string(static_cast<const char*>(data), static_cast<size_t>(length)));
     }
-}
-
-std::vector<std::string> CEventLog::All() {
-    return g_events.All();
-}
-
-int CEventLog::Count(const std::string& text) {
-    return g_events.Count(text);
-}
-
-void CEventLog::Clear() {
-    g_events.Take();
 }
 
 CFramePump::CFramePump(int interval_ms, const std::function<void(unsigned int sequence)>& give)
