@@ -43,6 +43,10 @@ CMachineKeeper::~CMachineKeeper() {
     }
 }
 
+bool CMachineKeeper::valid() const {
+    return m_machine != nullptr && m_machine->has_state();
+}
+
 int CMachineKeeper::set_state_obj(int number, IState* state) {
     if (m_machine == nullptr) {
         delete state;

@@ -34,7 +34,8 @@ public:
     CMachineKeeper(const CMachineKeeper&) = delete;
     CMachineKeeper& operator=(const CMachineKeeper&) = delete;
 
-    bool valid() const { return m_machine != nullptr; }
+    // Whether it has a state to be in, without which it runs nothing. Before the first event.
+    bool valid() const;
 
     // Sets the machine's state `number`, 0 to 3; it owns `state` from then on, also on failure. 0 or -1.
     int set_state_obj(int number, IState* state);

@@ -42,6 +42,8 @@ public:
     // to 3. set_state enters 0 to 4, where 4 is "no state"; 0 or -1.
     int set_state_obj(int number, IState* state);
     int set_state(int number);
+    // Before the first event.
+    bool has_state() const { return m_state != nullptr; }
 
     // An event of `event_size` bytes in all, behind which there is room for a NUL, with a new identifier if `id` is 0.
     // Null when ten are in flight, or memory is short; but an asynchronous message then gets m_spare_event with its own

@@ -51,6 +51,8 @@ public:
     CSvrConversation(const CSvrConversation&) = delete;
     CSvrConversation& operator=(const CSvrConversation&) = delete;
 
+    // False if memory was short: nothing can be served, and nothing ended.
+    bool IsValid() const { return m_machine.valid(); }
     // Before the first message.
     void SetConfig(const CRtspSvrConfig& config);
     void SetLiveSvr(const CLiveSvrRef& live_svr) { m_source.SetLiveSvr(live_svr); }

@@ -21,8 +21,8 @@ unsigned int CSvrHandler::GetCount() {
 }
 
 int CSvrHandler::SetRoll(const std::shared_ptr<CSessionRoll>& roll) {
-    if (GetID() == 0) {
-        return -1;  // memory was short for the handler
+    if (GetID() == 0 || !m_talk.IsValid()) {
+        return -1;
     }
     m_entry = CSessionEntry::Create(roll, GetID(), MSG_SESSION_END, MSG_SESSION_BROKEN);
     return m_entry != nullptr ? 0 : -1;

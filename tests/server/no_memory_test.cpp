@@ -1,4 +1,5 @@
 // Memory that is short for one step of one client alone.
+#include <cstdlib>
 #include <new>
 
 #include "Tramel/MediaStreamSender.h"
@@ -7,8 +8,9 @@
 #include "Vidora/RtspClientSession.h"
 #include "server/ServerFixture.h"
 #include "support/FakeDataSource.h"
+#include "support/StreamPeer.h"
 
-// The sanitizers have an allocator of their own.
+// The sanitizers have an allocator of their own. The system's operator delete frees what malloc gave.
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
 
 namespace {
@@ -20,16 +22,7 @@ thread_local int t_left = -1;  // allocations of this thread until one fails; be
 __attribute__((noinline)) void* operator new(size_t size) {
     const bool fails = t_left >= 0 && t_left-- == 0;
     void* memory = fails ? nullptr : std::malloc(size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
-    }
-    return memory;
-}
-__attribute__((noinline)) void operator delete(void* memory) noexcept {
-    std::free(memory);
-}
-__attribute__((noinline)) void operator delete(void* memory, size_t) noexcept {
-    std::free(memory);
+    return memory != nullptr ? memory : throw std::bad_alloc();
 }
 
 namespace Kavio::Vidora {
@@ -71,6 +64,21 @@ TEST_F(NoMemory, AProxyWithoutRoomForItsUserIsNone) {
         proxy->Close();
         user->Close();
         EXPECT_TRUE(WaitUntil([&closed] { return closed == 1; }));
+    }
+}
+
+TEST_F(NoMemory, AConnectionIsServedOrClosed) {
+    StartServer();
+    for (int left = 0; left < 14; ++left) {  // up to the states of its conversation
+        const TcpPair pair;
+        t_left = left;
+        const int result = m_svr->AddNewConnect(pair.near_fd, OPTIONS_TEXT, sizeof(OPTIONS_TEXT) - 1, 0);
+        t_left = -1;
+        if (result < 0) {
+            ::close(pair.near_fd);  // it is still ours
+        }
+        char byte = 0;
+        EXPECT_TRUE(WaitUntil([&] { return ::recv(pair.far_fd, &byte, 1, 0) >= 0; })) << left;
     }
 }
 
