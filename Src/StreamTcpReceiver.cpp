@@ -8,6 +8,7 @@
 #include "KXSeparator.h"
 #include "RtpSeparator.h"
 #include "Tramel/Interleave.h"
+#include "Tramel/Reactor.h"
 #include "Tramel/SockStream.h"
 
 namespace Kavio {
@@ -67,6 +68,7 @@ int CStreamTcpReceiver::Start(uint64_t period_us, float speed) {
     if (RegisterSock(*m_sock, Tramel::SOCK_EVENT_READ, 0) < 0) {
         return -1;
     }
+    Tramel::CReactor::Instance().Drain(*this, m_sock->GetHandle());
     StartReceive(static_cast<int64_t>(period_us), speed);
     ask_for_turn();
     return 0;
@@ -110,7 +112,7 @@ int CStreamTcpReceiver::handle_stream_input() {
     }
     while (take_records(handled) >= 0 && count >= 0) {
         if (is_turn_over(handled)) {
-            if (m_separator->HasMore() || m_fed_length > 0) {
+            if (!m_emptied || m_separator->HasMore()) {
                 ask_for_turn();
             }
             return handled;

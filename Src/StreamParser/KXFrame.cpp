@@ -16,6 +16,31 @@ namespace {
 typedef uint32_t WordBlock __attribute__((vector_size(16)));
 static_assert(__BYTE_ORDER__ == __ORDER_LITTLE_ENDIAN__, "the words are read in place");
 
+constexpr size_t CHAINS = 4;  // of additions that don't wait for one another
+constexpr size_t STEP = CHAINS * sizeof(WordBlock);
+
+WordBlock load_words(const unsigned char* at) {
+    WordBlock words;
+    std::memcpy(&words, at, sizeof(words));
+    return words;
+}
+
+// The sum of the words of `steps` steps. All stays in registers.
+uint32_t sum_steps(const unsigned char* at, size_t steps) {
+    WordBlock a = {};
+    WordBlock b = {};
+    WordBlock c = {};
+    WordBlock d = {};
+    for (; steps > 0; --steps, at += STEP) {
+        a += load_words(at);
+        b += load_words(at + sizeof(WordBlock));
+        c += load_words(at + 2 * sizeof(WordBlock));
+        d += load_words(at + 3 * sizeof(WordBlock));
+    }
+    const WordBlock all = (a + b) + (c + d);
+    return all[0] + all[1] + all[2] + all[3];
+}
+
 constexpr char MAGIC[] = {'K', 'X', 'A', 'V'};
 constexpr char TRAILER_MAGIC[] = {'k', 'x', 'a', 'v'};
 constexpr size_t MAGIC_LEN = sizeof(MAGIC);
@@ -230,18 +255,8 @@ uint8_t kx_header_checksum(const unsigned char* header) {
 
 uint32_t kx_payload_checksum(const unsigned char* payload, size_t len) {
     CByteReader reader(payload, len);
-    // Many words at once, in two independent chains.
-    WordBlock sums[2] = {};
-    WordBlock words[2];
-    while (reader.Remaining() >= sizeof(words)) {
-        reader.Read(words, sizeof(words));
-        sums[0] += words[0];
-        sums[1] += words[1];
-    }
-    uint32_t sum = 0;
-    for (size_t lane = 0; lane < sizeof(WordBlock) / sizeof(uint32_t); ++lane) {
-        sum += sums[0][lane] + sums[1][lane];
-    }
+    const size_t steps = reader.Remaining() / STEP;
+    uint32_t sum = sum_steps(reader.ReadBytes(steps * STEP), steps);
     while (reader.Remaining() >= 4) {
         sum += reader.ReadU32Le();
     }

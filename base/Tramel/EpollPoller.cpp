@@ -29,14 +29,17 @@ uint64_t pack_key(int fd, uint32_t generation) {
     return (static_cast<uint64_t>(generation) << 32) | static_cast<uint32_t>(fd);
 }
 
-uint32_t to_epoll(unsigned int events) {
+// By poll_arming_t.
+constexpr uint32_t ARMING_FLAGS[] = {EPOLLONESHOT, 0, static_cast<uint32_t>(EPOLLET) | EPOLLRDHUP};
+
+uint32_t to_epoll(unsigned int events, poll_arming_t arming) {
     return ((events & POLL_READ) != 0 ? static_cast<uint32_t>(EPOLLIN) : 0U) |
-           ((events & POLL_WRITE) != 0 ? static_cast<uint32_t>(EPOLLOUT) : 0U);
+           ((events & POLL_WRITE) != 0 ? static_cast<uint32_t>(EPOLLOUT) : 0U) | ARMING_FLAGS[arming];
 }
 
 unsigned int from_epoll(uint32_t events) {
     return ((events & EPOLLIN) != 0 ? POLL_READ : 0U) | ((events & EPOLLOUT) != 0 ? POLL_WRITE : 0U) |
-           ((events & (EPOLLERR | EPOLLHUP)) != 0 ? POLL_ERROR : 0U);
+           ((events & (EPOLLERR | EPOLLHUP)) != 0 ? POLL_ERROR : 0U) | ((events & EPOLLRDHUP) != 0 ? POLL_ENDED : 0U);
 }
 
 void close_fd(int& fd) {
@@ -106,7 +109,7 @@ void CEpollPoller::Remove(int fd) {
 
 int CEpollPoller::control(int operation, int fd, uint32_t generation, unsigned int events, poll_arming_t arming) const {
     epoll_event event = {};
-    event.events = to_epoll(events) | (arming == ARM_ONCE ? static_cast<uint32_t>(EPOLLONESHOT) : 0U);
+    event.events = to_epoll(events, arming);
     event.data.u64 = pack_key(fd, generation);
     return ::epoll_ctl(m_epoll_fd, operation, fd, &event) == 0 ? 0 : -errno;
 }

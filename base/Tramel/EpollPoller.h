@@ -6,10 +6,12 @@
 namespace Kavio {
 namespace Tramel {
 
-// What a descriptor is watched for, and what came. POLL_ERROR comes also unasked: an error or a hang-up.
+// What a descriptor is watched for, and what came. POLL_ERROR comes also unasked: an error or a hang-up; POLL_ENDED, of
+// ARM_EDGE alone: the peer sends nothing more.
 constexpr unsigned int POLL_READ = 1;
 constexpr unsigned int POLL_WRITE = 2;
 constexpr unsigned int POLL_ERROR = 4;
+constexpr unsigned int POLL_ENDED = 8;
 
 // One event of a descriptor. `generation` is the one it was added with, so that an event gathered before the number
 // was closed and given out again can be told.
@@ -34,12 +36,14 @@ struct CPollBatch {
 enum poll_arming_t {
     ARM_ONCE,   // one event, or an error: silent after that until Modify
     ARM_LEVEL,  // each Wait tells what there is
+    ARM_EDGE,   // one Wait tells what has come since Modify, or since the last that told
 };
 
 // CEpollPoller: the system's side of the reactor: an epoll set, a wake-up and an alarm.
 //
 // Wake-ups and alarms are told once, to one waiting thread, and so is an event of a descriptor that is armed once. One
-// that is armed by level is told by each Wait as long as it lasts, but needs no call to be armed again.
+// that is armed by level is told by each Wait as long as it lasts, but needs no call to be armed again. One that is
+// armed by edge needs none either, and isn't looked at once more in the next Wait.
 //
 // THREADING  All operations: any thread, Wait on many at once, but Renew: while nobody waits.
 class CEpollPoller {

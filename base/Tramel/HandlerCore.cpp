@@ -38,7 +38,7 @@ std::shared_ptr<CHandlerCore> CHandlerCore::Create(CNetHandler* handler) {
 }
 
 CHandlerCore::CHandlerCore(CReactor& reactor, CNetHandler* handler, long id)
-    : m_reactor(reactor), m_id(id), m_handler(handler) {}
+    : m_reactor(reactor), m_id(id), m_place(handler), m_handler(handler) {}
 
 std::shared_ptr<CHandlerCore> CHandlerCore::self() {
     return std::static_pointer_cast<CHandlerCore>(shared_from_this());
@@ -231,26 +231,33 @@ bool CHandlerCore::RunTurn() {
         }
         CEvent event = {};
         CNetHandler* handler = nullptr;
-        if (!take(event, handler)) {
+        bool is_last = false;
+        if (!take(event, handler, is_last)) {
             return false;
         }
         deliver(event, handler);
+        if (is_last && !IsDueAgain()) {
+            return false;  // what comes from now on makes another turn due
+        }
     }
     return true;
 }
 
-bool CHandlerCore::take(CEvent& event, CNetHandler*& handler) {
+bool CHandlerCore::take(CEvent& event, CNetHandler*& handler, bool& is_last) {
     Ostra::CGuard guard(m_mutex);
     if (m_first == m_events.size()) {
-        m_events.clear();
-        m_first = 0;
-        if (m_events.capacity() > MAX_IDLE_EVENTS) {
-            std::vector<CEvent>().swap(m_events);
-        }
         return false;
     }
     event = m_events[m_first++];
     handler = m_handler;
+    is_last = m_first == m_events.size();
+    if (is_last) {
+        m_events.clear();
+        m_first = 0;
+    }
+    if (is_last && m_events.capacity() > MAX_IDLE_EVENTS) {
+        std::vector<CEvent>().swap(m_events);
+    }
     return true;
 }
 

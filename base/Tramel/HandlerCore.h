@@ -29,6 +29,8 @@ public:
     CHandlerCore(CReactor& reactor, CNetHandler* handler, long id);
 
     long GetID() const { return m_id; }
+    // Where the handler lies, or has lain: for Ostra::CMemoryTrail::Fetch.
+    const void* Place() const { return m_place; }
 
     // CNetHandler's operations of these names.
     int RegisterSock(int fd, unsigned int mask, int64_t timeout_us);
@@ -77,7 +79,7 @@ private:
 
     bool note_sock_locked(int fd) VIDORA_REQUIRES(m_mutex);
     bool push_locked(const CEvent& event) VIDORA_REQUIRES(m_mutex);
-    bool take(CEvent& event, CNetHandler*& handler);
+    bool take(CEvent& event, CNetHandler*& handler, bool& is_last);
     void deliver(const CEvent& event, CNetHandler* handler);
     void deliver_sock(int fd, uint64_t serial, CNetHandler* handler);
     bool deliver_timer_starts(long timer_id);
@@ -89,6 +91,7 @@ private:
     // Constant after construction.
     CReactor& m_reactor;
     const long m_id;
+    const void* const m_place;
 
     std::atomic<bool> m_closing{false};  // written under m_mutex
     std::atomic<bool> m_ending{false};   // what is due is delivered also while the pool stops

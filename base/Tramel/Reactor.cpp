@@ -194,6 +194,10 @@ int CReactor::RequestOutput(CNetHandler& owner, int fd) {
     return owner.m_core == nullptr ? -1 : owner.m_core->RequestOutput(fd);
 }
 
+int CReactor::Drain(CNetHandler& owner, int fd) {
+    return fd < 0 ? -1 : m_socks.Drain(owner.m_core.get(), fd);
+}
+
 int CReactor::Rest(CNetHandler& owner, int fd, unsigned int mask) {
     return fd < 0 ? -1 : m_socks.Rest(owner.m_core.get(), fd, mask);
 }

@@ -48,10 +48,11 @@ void CSockTable::SetPoller(const std::shared_ptr<CEpollPoller>& poller) {
     for (CShard& shard : m_shards) {
         Ostra::CGuard guard(shard.mutex);
         shard.poller = poller;
-        for (const auto& entry : shard.entries) {
+        for (const CSlot& slot : shard.slots) {
+            CEntry* entry = slot.entry.get();
             if (entry != nullptr) {
                 entry->polled = false;
-                entry->by_level = false;
+                entry->arming = ARM_ONCE;
                 entry->armed = 0;
                 if (poller != nullptr) {
                     arm_locked(shard, *entry, nullptr);
@@ -75,6 +76,7 @@ int CSockTable::Watch(const std::shared_ptr<CHandlerCore>& core, int fd, unsigne
     }
     watch->mask |= mask;
     watch->resting = 0;
+    watch->drains = false;
     if (set_timeout(*watch, fd, timeout_us, now) < 0) {
         drop_watch_locked(shard, *find_locked(shard, fd), watch);
         return -1;
@@ -91,6 +93,20 @@ int CSockTable::WatchOutputOnce(const std::shared_ptr<CHandlerCore>& core, int f
     }
     watch->once = SOCK_EVENT_WRITE;
     return arm_new_locked(shard, core.get(), fd);
+}
+
+// What has come until now is told once more.
+int CSockTable::Drain(const CHandlerCore* core, int fd) {
+    CShard& shard = shard_of(fd);
+    Ostra::CGuard guard(shard.mutex);
+    CWatch* watch = find_watch_locked(shard, core, fd, 0);
+    if (watch == nullptr) {
+        return -1;
+    }
+    watch->drains = true;
+    CEntry* entry = find_locked(shard, fd);
+    entry->armed = 0;
+    return arm_locked(shard, *entry, nullptr);
 }
 
 int CSockTable::Rest(const CHandlerCore* core, int fd, unsigned int mask) {
@@ -159,31 +175,19 @@ void CSockTable::Forget(int fd) {
     drop_if_unused_locked(shard, *entry);
 }
 
-// Step by step for all events, as each step's address stands in what the last one asked for. A lone event would wait
-// for each step as it does in OnEvent.
+// A lone event would wait for it here as it does in OnEvent.
 void CSockTable::Fetch(const CPollBatch& batch) {
-    if (batch.count < 2) {
-        return;
-    }
-    for (const fetch_t step : {FETCH_ENTRY, FETCH_WATCH, FETCH_CORE}) {
-        for (int i = 0; i < batch.count; ++i) {
-            CShard& shard = shard_of(batch.events[i].fd);
-            Ostra::CGuard guard(shard.mutex);
-            const CEntry* entry = find_locked(shard, batch.events[i].fd);
-            if (entry != nullptr) {
-                fetch(*entry, step);
-            }
+    for (int i = 0; i < batch.count && batch.count > 1; ++i) {
+        const size_t place = static_cast<size_t>(batch.events[i].fd) / SHARDS;
+        CShard& shard = shard_of(batch.events[i].fd);
+        Ostra::CGuard guard(shard.mutex);
+        if (place < shard.slots.size() && shard.slots[place].entry != nullptr) {
+            const CSlot& slot = shard.slots[place];
+            Ostra::CMemoryTrail::Fetch(slot.entry.get(), sizeof(CEntry));
+            Ostra::CMemoryTrail::Fetch(slot.watch, sizeof(CWatch));
+            Ostra::CMemoryTrail::Fetch(slot.core, sizeof(CHandlerCore));
+            Ostra::CMemoryTrail::Fetch(slot.handler, HANDLER_BYTES);
         }
-    }
-}
-
-void CSockTable::fetch(const CEntry& entry, fetch_t step) {
-    if (step == FETCH_ENTRY) {
-        Ostra::CMemoryTrail::Fetch(&entry, sizeof(entry));
-    } else if (step == FETCH_WATCH) {
-        Ostra::CMemoryTrail::Fetch(entry.watches.data(), sizeof(CWatch));
-    } else {
-        Ostra::CMemoryTrail::Fetch(entry.watches.front().core.get(), sizeof(CHandlerCore));
     }
 }
 
@@ -199,10 +203,10 @@ bool CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
         if (entry == nullptr || entry->generation != event.generation) {
             return false;
         }
-        if (entry->by_level && entry->ended_poll == m_poll.load(std::memory_order_relaxed)) {
+        if (entry->arming == ARM_LEVEL && entry->ended_poll == m_poll.load(std::memory_order_relaxed)) {
             return true;  // perhaps what a callback has just read; the next Wait knows
         }
-        entry->armed = entry->by_level ? entry->armed : 0;
+        entry->armed = entry->arming != ARM_ONCE ? entry->armed : 0;
         for (CWatch& watch : entry->watches) {
             const unsigned int fired =
                 wanted_of((watch.mask & ~watch.resting) | watch.once, event.events) & ~watch.pending;
@@ -217,8 +221,10 @@ bool CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
                 serials[core_count++] = watch.serial;
             }
         }
-        if (entry->by_level && !is_news) {
+        if (entry->arming != ARM_ONCE && !is_news) {
             disarm_locked(shard, *entry);
+        } else if (entry->arming == ARM_EDGE && (event.events & (POLL_ENDED | POLL_ERROR)) != 0) {
+            entry->armed = 0;  // perhaps it came with the last bytes, and is to be told again behind them
         }
         arm_locked(shard, *entry, nullptr);
     }
@@ -230,11 +236,11 @@ bool CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
     return true;
 }
 
-// By level the poller would tell an event again and again that nobody takes. Of a disarmed descriptor it tells a
-// hang-up at most, once.
+// By level the poller would tell an event again and again that nobody takes, and by edge not again when somebody does.
+// Of a disarmed descriptor it tells a hang-up at most, once.
 void CSockTable::disarm_locked(CShard& shard, CEntry& entry) {
     shard.poller->Disarm(entry.fd, entry.generation);
-    entry.by_level = false;
+    entry.arming = ARM_ONCE;
     entry.armed = 0;
 }
 
@@ -351,7 +357,9 @@ void CSockTable::unqueue(const CHandlerCore* core, int fd, uint64_t serial) {
         watch->pending = 0;
         watch->heard = 0;
         watch->resting = 0;
-        arm_locked(shard, *find_locked(shard, fd), nullptr);
+        CEntry* entry = find_locked(shard, fd);
+        entry->armed = entry->arming == ARM_EDGE ? 0 : entry->armed;
+        arm_locked(shard, *entry, nullptr);
     }
 }
 
@@ -363,7 +371,7 @@ uint32_t CSockTable::new_generation() {
 
 CSockTable::CEntry* CSockTable::find_locked(CShard& shard, int fd) {
     const size_t place = static_cast<size_t>(fd) / SHARDS;
-    return place < shard.entries.size() ? shard.entries[place].get() : nullptr;
+    return place < shard.slots.size() ? shard.slots[place].entry.get() : nullptr;
 }
 
 // Null without a poller, or if memory is short.
@@ -377,14 +385,14 @@ CSockTable::CEntry* CSockTable::find_or_make_locked(CShard& shard, int fd) {
     }
     const size_t place = static_cast<size_t>(fd) / SHARDS;
     try {
-        if (place >= shard.entries.size()) {
-            shard.entries.resize(place + 1);
+        if (place >= shard.slots.size()) {
+            shard.slots.resize(place + 1);
         }
-        shard.entries[place] = std::make_unique<CEntry>();
+        shard.slots[place].entry = std::make_unique<CEntry>();
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
-    CEntry* entry = shard.entries[place].get();
+    CEntry* entry = shard.slots[place].entry.get();
     entry->fd = fd;
     entry->generation = new_generation();
     return entry;
@@ -424,6 +432,10 @@ CSockTable::CWatch* CSockTable::find_or_add_watch_locked(CShard& shard, const st
     }
     entry->watches.back().core = core;
     entry->watches.back().serial = m_next_serial.fetch_add(1);
+    CSlot& slot = shard.slots[static_cast<size_t>(fd) / SHARDS];
+    slot.watch = entry->watches.data();
+    slot.core = entry->watches.front().core.get();
+    slot.handler = entry->watches.front().core->Place();
     return &entry->watches.back();
 }
 
@@ -471,7 +483,7 @@ void CSockTable::drop_if_unused_locked(CShard& shard, CEntry& entry) {
     if (entry.polled && shard.poller != nullptr) {
         shard.poller->Remove(entry.fd);
     }
-    shard.entries[static_cast<size_t>(entry.fd) / SHARDS].reset();
+    shard.slots[static_cast<size_t>(entry.fd) / SHARDS].entry.reset();
 }
 
 // Arms the poller for what `core` has registered just now; without success its watch goes. 0 or -1.
@@ -484,6 +496,14 @@ int CSockTable::arm_new_locked(CShard& shard, const CHandlerCore* core, int fd) 
     return -1;
 }
 
+poll_arming_t CSockTable::arming_for(const CEntry& entry, unsigned int needed) {
+    const auto drains = [](const CWatch& watch) { return watch.drains || (watch.mask & SOCK_EVENT_READ) == 0; };
+    if ((needed & POLL_WRITE) != 0) {
+        return ARM_ONCE;
+    }
+    return std::all_of(entry.watches.begin(), entry.watches.end(), drains) ? ARM_EDGE : ARM_LEVEL;
+}
+
 // Arms the poller for what is wanted and not being handled. `registering` is the core that registers just now, or null;
 // the poller is then asked in any case, because it knows whether the file is still the one that the entry was made for.
 int CSockTable::arm_locked(CShard& shard, CEntry& entry, const CHandlerCore* registering) {
@@ -494,7 +514,7 @@ int CSockTable::arm_locked(CShard& shard, CEntry& entry, const CHandlerCore* reg
     if (shard.poller == nullptr || needed == 0 || (registering == nullptr && (needed & ~entry.armed) == 0)) {
         return 0;
     }
-    const poll_arming_t arming = (needed & POLL_WRITE) == 0 ? ARM_LEVEL : ARM_ONCE;
+    const poll_arming_t arming = arming_for(entry, needed);
     int result = entry.polled ? shard.poller->Modify(entry.fd, entry.generation, needed, arming) : -ENOENT;
     if (result == -ENOENT) {
         if (entry.polled && registering == nullptr) {
@@ -509,7 +529,7 @@ int CSockTable::arm_locked(CShard& shard, CEntry& entry, const CHandlerCore* reg
         result = shard.poller->Add(entry.fd, entry.generation, needed, arming);
     }
     entry.polled = result == 0;
-    entry.by_level = arming == ARM_LEVEL;
+    entry.arming = arming;
     entry.armed = result == 0 ? needed : 0;
     return result;
 }

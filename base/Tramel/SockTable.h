@@ -20,10 +20,12 @@ class CHandlerCore;
 //
 // A descriptor has one entry, and one place in the poller with the union of what its watches want. One that is wanted
 // for reading alone is armed by level, and stays so: usually the thread that polls has handled an event before it polls
-// again. An event that comes while a callback is busy with the last one, or that nobody wants any more, disarms it. All
-// others are armed for one event. What was disarmed is armed again for what isn't being handled: at once for the
-// watches that the event didn't concern, after the callback for the others. Each watch has a serial that is never used
-// again, so that a delivery that is under way for a watch that has gone finds nothing.
+// again. One that its readers drain is armed by edge, and so again after each event that tells of an error or of the
+// connection's end, as that may have come with the last bytes and is to be told as long as it lasts. An event that
+// comes while a callback is busy with the last one, or that nobody wants any more, disarms either. All others are armed
+// for one event. What was disarmed is armed again for what isn't being handled: at once for the watches that the event
+// didn't concern, after the callback for the others. Each watch has a serial that is never used again, so that a
+// delivery that is under way for a watch that has gone finds nothing.
 //
 // THREADING  All operations: any thread. The table is cut into shards, each with its own lock. Cores are called with no
 //            lock held. Lock order: a core's mutex, then a shard's, then the timer queue's.
@@ -49,6 +51,8 @@ public:
     int Remove(const CHandlerCore* core, int fd);
     // One handle_output when `fd` can be written; no time-out comes of it. 0 or -1.
     int WatchOutputOnce(const std::shared_ptr<CHandlerCore>& core, int fd);
+    // See CReactor::Drain.
+    int Drain(const CHandlerCore* core, int fd);
     // See CReactor::Rest and Resume.
     int Rest(const CHandlerCore* core, int fd, unsigned int mask);
     void Resume(const CHandlerCore* core, int fd);
@@ -85,6 +89,7 @@ private:
         unsigned int heard = 0;      // of `pending`, told for more than an error: no quiet time
         unsigned int timed_out = 0;  // time-outs that are queued
         bool queued = false;         // a delivery is queued with the core
+        bool drains = false;         // see CReactor::Drain
         uint64_t timeout = 0;
         uint64_t timer = 0;
         uint64_t deadline = 0;  // for which `timer` is set
@@ -95,23 +100,30 @@ private:
     struct CEntry {
         int fd = -1;
         uint32_t generation = 0;
-        bool polled = false;      // the poller has it
-        bool by_level = false;    // it is armed by level
-        unsigned int armed = 0;   // what the poller is armed for at least
-        uint64_t ended_poll = 0;  // the Wait during which the last delivery ended
+        bool polled = false;              // the poller has it
+        poll_arming_t arming = ARM_ONCE;  // how it is armed
+        unsigned int armed = 0;           // what the poller is armed for at least
+        uint64_t ended_poll = 0;          // the Wait during which the last delivery ended
         std::vector<CWatch> watches;
+    };
+
+    // An entry, and where lies what it leads to, from one to the next: hints, as those of a CMemoryTrail.
+    struct CSlot {
+        std::unique_ptr<CEntry> entry;
+        const void* watch = nullptr;  // the first
+        const void* core = nullptr;
+        const void* handler = nullptr;
     };
 
     struct CShard {
         Ostra::CMutex mutex;
         std::shared_ptr<CEpollPoller> poller VIDORA_GUARDED_BY(mutex);
-        std::vector<std::unique_ptr<CEntry>> entries VIDORA_GUARDED_BY(mutex);  // by fd / SHARDS
+        std::vector<CSlot> slots VIDORA_GUARDED_BY(mutex);  // by fd / SHARDS
     };
     static constexpr int SHARDS = 16;
 
-    enum fetch_t { FETCH_ENTRY, FETCH_WATCH, FETCH_CORE };
+    static constexpr size_t HANDLER_BYTES = 256;  // of a handler, that are fetched: its class, and its own trail
 
-    static void fetch(const CEntry& entry, fetch_t step);
     CShard& shard_of(int fd) { return m_shards[fd % SHARDS]; }
     uint32_t new_generation();
     CEntry* find_locked(CShard& shard, int fd) VIDORA_REQUIRES(shard.mutex);
@@ -130,6 +142,7 @@ private:
     int arm_locked(CShard& shard, CEntry& entry, const CHandlerCore* registering) VIDORA_REQUIRES(shard.mutex);
     void unqueue(const CHandlerCore* core, int fd, uint64_t serial);
     void disarm_locked(CShard& shard, CEntry& entry) VIDORA_REQUIRES(shard.mutex);
+    static poll_arming_t arming_for(const CEntry& entry, unsigned int needed);
     static void note_event(CWatch& watch, unsigned int fired, unsigned int poll_events, uint64_t now);
 
     CTimerQueue& m_timers;

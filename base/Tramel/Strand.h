@@ -33,6 +33,8 @@ protected:
     virtual bool RunTurn() = 0;
     // True if a turn is to run even while the pool comes to its end.
     virtual bool IsEnding() const { return false; }
+    // In RunTurn: another turn is due behind this one.
+    bool IsDueAgain() const { return m_state.load() == RUNNING_AGAIN; }
 
 private:
     friend class CReactor;

@@ -1,5 +1,7 @@
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <atomic>
 #include <memory>
 
 #include "Tramel/MediaStreamReceiver.h"
@@ -74,6 +76,56 @@ TEST_F(SockEvents, EachInputIsToldOnceUntilItWasHandled) {
     EXPECT_EQ(0, m_handler->UnregisterSock(m_sock, SOCK_EVENT_READ));
     EXPECT_EQ(-1, m_handler->UnregisterSock(m_sock, SOCK_EVENT_READ));
     EXPECT_EQ(-1, m_handler->RemoveSock(m_sock));
+}
+
+// One whose reader says that it drains it tells each arrival once, also one that comes while the reader is busy, and
+// the end of the connection that came with the last bytes.
+TEST_F(SockEvents, DrainedSocketLosesNoArrivalAndNoEnd) {
+    CReactor& reactor = CReactor::Instance();
+    std::atomic<int> calls{0}, bytes{0}, wanted{64};
+    std::atomic<bool> has_ended{false};
+    m_handler->on_input = [&](int) {
+        const int got = read_some(static_cast<unsigned int>(wanted.load()));
+        bytes.fetch_add(std::max(got, 0));
+        has_ended.store(got < 0);
+        return calls.fetch_add(1) == 0 && m_peer.Send("de", 2);
+    };
+    EXPECT_EQ(-1, reactor.Drain(*m_handler, m_sock.GetHandle()));
+    m_peer.Send("abc", 3);
+    EXPECT_EQ(0, m_handler->RegisterSock(m_sock, SOCK_EVENT_READ, 0));
+    EXPECT_EQ(0, reactor.Drain(*m_handler, m_sock.GetHandle()));
+    EXPECT_TRUE(WaitUntil([&] { return bytes.load() == 5; }));
+    run_in_handler([&] {
+        m_peer.Send("f", 1);
+        let_others_poll();
+        m_peer.Send("ghi", 3);
+        let_others_poll();
+        wanted.store(1);
+    });
+    EXPECT_TRUE(WaitUntil([&] { return bytes.load() == 7; }));
+    run_in_handler([] { let_others_poll(); });
+    EXPECT_EQ(7, bytes.load());  // what it leaves isn't told once more
+    EXPECT_EQ(0, m_handler->RegisterSock(m_sock, SOCK_EVENT_READ, 0));
+    EXPECT_TRUE(WaitUntil([&] { return bytes.load() == 9; }));
+    wanted.store(64);
+    EXPECT_EQ(0, reactor.Drain(*m_handler, m_sock.GetHandle()));
+    CTestHandler* other = CTestHandler::Make();
+    std::atomic<bool> is_held{false}, is_sent{false};
+    other->on_message = [&](long, unsigned int, long) {
+        is_held.store(true);
+        return WaitUntil([&] { return is_sent.load(); });
+    };
+    run_in_handler([&] {  // on both threads: nobody polls between the byte and the end
+        CReactor::Instance().Post(0, other->GetID(), 0, 0);
+        WaitUntil([&] { return is_held.load(); });
+        m_peer.Send("j", 1);
+        m_peer.Close();
+        is_sent.store(true);
+    });
+    other->Close();
+    EXPECT_TRUE(WaitUntil([&] { return has_ended.load(); }));
+    EXPECT_EQ(10, bytes.load());
+    run_in_handler([&] { m_handler->RemoveSock(m_sock); });
 }
 
 // The usual end of a connection: taken out and deleted inside its own callback, while the number of its descriptor goes

@@ -125,6 +125,19 @@ TEST_F(CReceiverTest, TcpHandlesTheFormerReadersBytesWithoutFurtherOnes) {
     EXPECT_TRUE(WaitUntil([this] { return m_procs.Count("rtsp") == 200; }));
 }
 
+TEST_F(CReceiverTest, TcpComesBackForWhatItsTurnsLeftInTheSocket) {
+    CStreamTcpReceiver* receiver = MakeTcp(RECEIVER_PROTOCOL_RTP);
+    EXPECT_EQ(m_peer.SetSockSendBuf(1 << 20), 0);
+    const Bytes frame = Interleaved(0, Rtp(1, true, Bytes(8000, 0x41)));
+    size_t sent = 0;
+    while (m_peer.Send(reinterpret_cast<const char*>(frame.data()), static_cast<unsigned int>(frame.size())) ==
+           static_cast<int>(frame.size())) {
+        ++sent;
+    }
+    EXPECT_EQ(receiver->Start(0, 1.0F), 0);
+    EXPECT_TRUE(WaitForPuts(sent)) << sent;
+}
+
 TEST_F(CReceiverTest, TcpPutsFramesWithTheirKindAndTrack) {
     CStreamTcpReceiver* receiver = StartTcp(RECEIVER_PROTOCOL_RTP);
     const Bytes parameter_sets = {0x78, 0, 2, 0x09, 0xf0, 0, 2, 0x67, 1};  // aggregated behind a delimiter
