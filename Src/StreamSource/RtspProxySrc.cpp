@@ -181,7 +181,7 @@ int CRtspProxySrc::GetSrcInfo(SrcInfo& info, int track_id) {
     const bool from_server = facts.has_rtp_info && (!m_relay.Feeds() || stats.have_seq == 0);
     info.seq = from_server ? facts.seq : static_cast<uint16_t>(stats.last_seq);
     info.timestamp = from_server ? facts.rtptime : stats.timestamp;
-    info.wall_us = from_server ? 0 : date(track_id, info.timestamp, facts.clock_rate);
+    info.wall_us = stats.have_seq == 0 || from_server ? 0 : date(track_id, info.timestamp, facts.clock_rate);
     return 0;
 }
 

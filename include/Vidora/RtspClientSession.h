@@ -161,11 +161,12 @@ public:
     // default): never. The time in which a sink keeps the receiver isn't counted. 0.
     int SetStreamIdleTimeout(unsigned int ms);
     // True: as the RFCs have it, where the default differs for older peers: receiver reports with loss, jitter, LSR and
-    // DLSR and an SSRC of their own (RFC 3550 6.4), sent to the source that the server names, a BYE of all tracks ends
-    // the stream in order, every request but TEARDOWN is repeated after a challenge and TEARDOWN is signed, challenges
-    // are read and answered as RFC 2617 has them, the best of several, and given up at the first refusal of an answer
-    // to a fresh one, user and password of a URL may be percent-encoded (RFC 3986 2.1), and requests of the server's
-    // own are answered, OPTIONS and GET_PARAMETER by 200 and others by 501 (RFC 2326 10). Before Start.
+    // DLSR and an SSRC of their own (RFC 3550 6.4), sent to the source that the server names and going on after one
+    // that could not be sent, a BYE of all tracks ends the stream in order, every request but TEARDOWN is repeated
+    // after a challenge and TEARDOWN is signed, challenges are read and answered as RFC 2617 has them, the best of
+    // several, and given up at the first refusal of an answer to a fresh one, user and password of a URL may be
+    // percent-encoded (RFC 3986 2.1), and requests of the server's own are answered, OPTIONS and GET_PARAMETER by 200
+    // and others by 501 (RFC 2326 10). Before Start.
     void SetConformance(bool on);
 
     // Sends `length` bytes of A-law audio (8000 Hz mono) over the device's back channel: one packet each. Nothing

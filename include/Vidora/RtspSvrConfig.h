@@ -41,7 +41,8 @@ enum rtsp_svr_config_t : int {
     RTSP_SVR_CONFIG_ONVIF_USER_GLOBAL = 11,  // OnvifUserGlobalConfig
     // int: 0, the default: everything on the wire as this server has always done it. 1: where that differs from the
     // standards (RFC 2326, 2250, 3550, 3551, 6184) their way is taken, by the server, its sessions and its channels.
-    // Any player then has all that it expects, so new hosts set it.
+    // Any player then has all that it expects, so new hosts set it. A sender report that can't be sent, as while a
+    // route is away, then no longer ends its UDP session.
     RTSP_SVR_CONFIG_CONFORMANCE = 12
 };
 

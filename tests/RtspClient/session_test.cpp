@@ -281,8 +281,7 @@ TEST_F(CSessionTest, ReportsGoOnBehindOneThatCouldNotBeSent) {
     host.session->SetConformance(true);
     ASSERT_EQ(0, host.Start(server.Url(), RTP_OVER_UDP));
     ASSERT_TRUE(host.WaitFor(MSG_RTSP_PLAY_READY));
-    const int asked = server.Count("OPTIONS");
-    EXPECT_TRUE(WaitUntil([&] { return server.Count("OPTIONS") > asked; }));  // twelve ticks: two reports were due
+    EXPECT_TRUE(WaitUntil([&] { return server.Count("OPTIONS") > 1; }));  // twelve ticks: two reports were due
     const int on = 1;
     ASSERT_EQ(0, setsockopt(UdpSocketAt(port + 1), SOL_SOCKET, SO_BROADCAST, &on, sizeof(on)));
     EXPECT_EQ("\x80\xc9", all.Recv(20000).substr(0, 2));

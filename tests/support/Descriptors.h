@@ -2,11 +2,10 @@
 #define VIDORA_TESTS_SUPPORT_DESCRIPTORS_H
 
 #include <netinet/in.h>
-#include <sys/socket.h>
-
 #include <filesystem>
 #include <iterator>
-#include <string>
+
+#include "Tramel/SockDetail.h"
 
 namespace Kavio::Support {
 
@@ -18,14 +17,11 @@ inline int CountDescriptors() {
 
 // The IPv4 UDP socket of this process that is bound to a port, or -1.
 inline int UdpSocketAt(int port) {
-    for (const auto& entry : std::filesystem::directory_iterator("/proc/self/fd")) {
-        const int fd = std::stoi(entry.path().filename());
+    for (int fd = 0; fd < 1024; ++fd) {
         sockaddr_in at = {};
         socklen_t length = sizeof(at);
-        int type = 0;
-        socklen_t size = sizeof(type);
-        if (getsockopt(fd, SOL_SOCKET, SO_TYPE, &type, &size) == 0 && type == SOCK_DGRAM &&
-            getsockname(fd, reinterpret_cast<sockaddr*>(&at), &length) == 0 && ntohs(at.sin_port) == port) {
+        if (getsockname(fd, reinterpret_cast<sockaddr*>(&at), &length) == 0 && ntohs(at.sin_port) == port &&
+            Tramel::GetOption(fd, SOL_SOCKET, SO_TYPE) == SOCK_DGRAM) {
             return fd;
         }
     }
