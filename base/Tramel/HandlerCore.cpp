@@ -15,6 +15,9 @@ namespace {
 // Callbacks of one handler in a row before others get their turn.
 constexpr int MAX_EVENTS_A_TURN = 16;
 
+// Room of a handler's event queue at least.
+constexpr size_t IDLE_EVENTS = 4;
+
 // An emptied event queue with more room than this releases it.
 constexpr size_t MAX_IDLE_EVENTS = 256;
 
@@ -31,6 +34,7 @@ std::shared_ptr<CHandlerCore> CHandlerCore::Create(CNetHandler* handler) {
     std::shared_ptr<CHandlerCore> core;
     try {
         core = std::make_shared<CHandlerCore>(reactor, handler, id);
+        core->reserve_events();
     } catch (const std::bad_alloc&) {
         return nullptr;
     }
@@ -243,6 +247,22 @@ bool CHandlerCore::RunTurn() {
     return true;
 }
 
+// So that an idle handler hears what is posted to it next, however short memory is then.
+void CHandlerCore::reserve_events() {
+    Ostra::CGuard guard(m_mutex);
+    m_events.reserve(IDLE_EVENTS);
+}
+
+void CHandlerCore::give_room_back_locked() {
+    try {
+        std::vector<CEvent> small;
+        small.reserve(IDLE_EVENTS);
+        m_events.swap(small);
+    } catch (const std::bad_alloc&) {
+        // The large one serves as well.
+    }
+}
+
 bool CHandlerCore::take(CEvent& event, CNetHandler*& handler, bool& is_last) {
     Ostra::CGuard guard(m_mutex);
     if (m_first == m_events.size()) {
@@ -256,7 +276,7 @@ bool CHandlerCore::take(CEvent& event, CNetHandler*& handler, bool& is_last) {
         m_first = 0;
     }
     if (is_last && m_events.capacity() > MAX_IDLE_EVENTS) {
-        std::vector<CEvent>().swap(m_events);
+        give_room_back_locked();
     }
     return true;
 }

@@ -78,6 +78,8 @@ private:
     };
 
     bool note_sock_locked(int fd) VIDORA_REQUIRES(m_mutex);
+    void reserve_events();
+    void give_room_back_locked() VIDORA_REQUIRES(m_mutex);
     bool push_locked(const CEvent& event) VIDORA_REQUIRES(m_mutex);
     bool take(CEvent& event, CNetHandler*& handler, bool& is_last);
     void deliver(const CEvent& event, CNetHandler* handler);

@@ -69,7 +69,7 @@ TEST_F(NoMemory, AProxyWithoutRoomForItsUserIsNone) {
 
 TEST_F(NoMemory, AConnectionIsServedOrClosed) {
     StartServer();
-    for (int left = 0; left < 14; ++left) {  // up to the states of its conversation
+    for (int left = 0; left < 40; ++left) {
         const TcpPair pair;
         t_left = left;
         const int result = m_svr->AddNewConnect(pair.near_fd, OPTIONS_TEXT, sizeof(OPTIONS_TEXT) - 1, 0);
