@@ -157,7 +157,7 @@ void CStreamTcpReceiver::set_channels() {
 
 // 1: `count` records have come. 0: nothing more is there just now. -1: the end of the connection or of the stream. A
 // read that leaves room has emptied the socket: asking again would be a system call for nothing, and what has come
-// meanwhile, the end of the connection too, is an event of its own.
+// meanwhile, or lies behind urgent data, and the end of the connection is an event of its own.
 int CStreamTcpReceiver::read(int& count) {
     if (m_emptied) {
         return 0;

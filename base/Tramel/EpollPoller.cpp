@@ -30,16 +30,18 @@ uint64_t pack_key(int fd, uint32_t generation) {
 }
 
 // By poll_arming_t.
-constexpr uint32_t ARMING_FLAGS[] = {EPOLLONESHOT, 0, static_cast<uint32_t>(EPOLLET) | EPOLLRDHUP};
+constexpr uint32_t ARMING_FLAGS[] = {EPOLLONESHOT, 0, static_cast<uint32_t>(EPOLLET) | EPOLLRDHUP | EPOLLPRI};
 
 uint32_t to_epoll(unsigned int events, poll_arming_t arming) {
     return ((events & POLL_READ) != 0 ? static_cast<uint32_t>(EPOLLIN) : 0U) |
            ((events & POLL_WRITE) != 0 ? static_cast<uint32_t>(EPOLLOUT) : 0U) | ARMING_FLAGS[arming];
 }
 
+// Urgent data with nothing behind it is nothing that could be read.
 unsigned int from_epoll(uint32_t events) {
+    const uint32_t lasting = (events & EPOLLIN) != 0 ? EPOLLRDHUP | EPOLLPRI : EPOLLRDHUP;
     return ((events & EPOLLIN) != 0 ? POLL_READ : 0U) | ((events & EPOLLOUT) != 0 ? POLL_WRITE : 0U) |
-           ((events & (EPOLLERR | EPOLLHUP)) != 0 ? POLL_ERROR : 0U) | ((events & EPOLLRDHUP) != 0 ? POLL_ENDED : 0U);
+           ((events & (EPOLLERR | EPOLLHUP)) != 0 ? POLL_ERROR : 0U) | ((events & lasting) != 0 ? POLL_LASTING : 0U);
 }
 
 void close_fd(int& fd) {

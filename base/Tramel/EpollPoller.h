@@ -6,12 +6,13 @@
 namespace Kavio {
 namespace Tramel {
 
-// What a descriptor is watched for, and what came. POLL_ERROR comes also unasked: an error or a hang-up; POLL_ENDED, of
-// ARM_EDGE alone: the peer sends nothing more.
+// What a descriptor is watched for, and what came. POLL_ERROR comes also unasked: an error or a hang-up. POLL_LASTING,
+// of ARM_EDGE alone: a read that leaves room isn't the last one, as the peer sends nothing more, or has sent urgent
+// data, in front of which a read stops.
 constexpr unsigned int POLL_READ = 1;
 constexpr unsigned int POLL_WRITE = 2;
 constexpr unsigned int POLL_ERROR = 4;
-constexpr unsigned int POLL_ENDED = 8;
+constexpr unsigned int POLL_LASTING = 8;
 
 // One event of a descriptor. `generation` is the one it was added with, so that an event gathered before the number
 // was closed and given out again can be told.

@@ -80,8 +80,9 @@ public:
     // sees to it that the owner lives. 0 or -1.
     int RequestOutput(CNetHandler& owner, int fd);
     // From now on handle_input of `owner`, which has registered `fd`, drains it: it reads until a read leaves room, or
-    // sees by itself that it comes back. Input is told once then, as it comes; the end of the connection and errors as
-    // long as they last. Ends when it registers the socket again. 0, or negative if it isn't registered.
+    // sees by itself that it comes back. Input is told once then, as it comes, and once more behind a Rest; the end of
+    // the connection, errors, and what lies behind urgent data as long as they last. Ends when it registers the socket
+    // again. 0, or negative if it isn't registered.
     int Drain(CNetHandler& owner, int fd);
     // Rest: `fd` stays registered by `owner`, but the events of `mask` aren't told until it registers the socket again,
     // or Resume, which ends that for all its sockets. 0, or -1 if it isn't registered.

@@ -125,8 +125,12 @@ void CSockTable::Resume(const CHandlerCore* core, int fd) {
     Ostra::CGuard guard(shard.mutex);
     CWatch* watch = find_watch_locked(shard, core, fd, 0);
     if (watch != nullptr) {
+        CEntry* entry = find_locked(shard, fd);
+        if (watch->resting != 0 && entry->arming == ARM_EDGE) {
+            entry->armed = 0;  // what was told before it rested may still be there
+        }
         watch->resting = 0;
-        arm_locked(shard, *find_locked(shard, fd), nullptr);
+        arm_locked(shard, *entry, nullptr);
     }
 }
 
@@ -196,6 +200,10 @@ bool CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
     uint64_t serials[MAX_WATCHES];
     size_t core_count = 0;
     bool is_news = false;
+    bool is_missed = (event.events & (POLL_LASTING | POLL_ERROR)) != 0;
+    if (event.events == 0) {
+        return true;  // urgent data, and nothing behind it yet
+    }
     {
         CShard& shard = shard_of(event.fd);
         Ostra::CGuard guard(shard.mutex);
@@ -208,8 +216,9 @@ bool CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
         }
         entry->armed = entry->arming != ARM_ONCE ? entry->armed : 0;
         for (CWatch& watch : entry->watches) {
-            const unsigned int fired =
-                wanted_of((watch.mask & ~watch.resting) | watch.once, event.events) & ~watch.pending;
+            const unsigned int wanted = wanted_of((watch.mask & ~watch.resting) | watch.once, event.events);
+            const unsigned int fired = wanted & ~watch.pending;
+            is_missed = is_missed || fired != wanted;
             if (fired == 0) {
                 continue;
             }
@@ -221,12 +230,7 @@ bool CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
                 serials[core_count++] = watch.serial;
             }
         }
-        if (entry->arming != ARM_ONCE && !is_news) {
-            disarm_locked(shard, *entry);
-        } else if (entry->arming == ARM_EDGE && (event.events & (POLL_ENDED | POLL_ERROR)) != 0) {
-            entry->armed = 0;  // perhaps it came with the last bytes, and is to be told again behind them
-        }
-        arm_locked(shard, *entry, nullptr);
+        follow_event_locked(shard, *entry, is_news, is_missed);
     }
     for (size_t i = 0; i < core_count; ++i) {
         if (!cores[i]->PostSock(event.fd, serials[i])) {
@@ -234,6 +238,17 @@ bool CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
         }
     }
     return true;
+}
+
+// Arms for what is left behind an event: `is_news` if it was for anybody, `is_missed` if it is to be told again, to one
+// who is busy or behind the last bytes.
+void CSockTable::follow_event_locked(CShard& shard, CEntry& entry, bool is_news, bool is_missed) {
+    if (entry.arming != ARM_ONCE && !is_news) {
+        disarm_locked(shard, entry);
+    } else if (entry.arming == ARM_EDGE && is_missed) {
+        entry.armed = 0;
+    }
+    arm_locked(shard, entry, nullptr);
 }
 
 // By level the poller would tell an event again and again that nobody takes, and by edge not again when somebody does.
@@ -500,6 +515,9 @@ poll_arming_t CSockTable::arming_for(const CEntry& entry, unsigned int needed) {
     const auto drains = [](const CWatch& watch) { return watch.drains || (watch.mask & SOCK_EVENT_READ) == 0; };
     if ((needed & POLL_WRITE) != 0) {
         return ARM_ONCE;
+    }
+    if ((needed & POLL_READ) == 0) {
+        return ARM_LEVEL;  // for an error alone, which an end isn't
     }
     return std::all_of(entry.watches.begin(), entry.watches.end(), drains) ? ARM_EDGE : ARM_LEVEL;
 }

@@ -20,12 +20,12 @@ class CHandlerCore;
 //
 // A descriptor has one entry, and one place in the poller with the union of what its watches want. One that is wanted
 // for reading alone is armed by level, and stays so: usually the thread that polls has handled an event before it polls
-// again. One that its readers drain is armed by edge, and so again after each event that tells of an error or of the
-// connection's end, as that may have come with the last bytes and is to be told as long as it lasts. An event that
-// comes while a callback is busy with the last one, or that nobody wants any more, disarms either. All others are armed
-// for one event. What was disarmed is armed again for what isn't being handled: at once for the watches that the event
-// didn't concern, after the callback for the others. Each watch has a serial that is never used again, so that a
-// delivery that is under way for a watch that has gone finds nothing.
+// again. One that its readers drain is armed by edge, and so again after each event that found one of them busy, or
+// that tells of an error, of urgent data or of the connection's end, as that may have come with the last bytes and is
+// to be told as long as it lasts. An event that comes while a callback is busy with the last one, or that nobody wants
+// any more, disarms either. All others are armed for one event. What was disarmed is armed again for what isn't being
+// handled: at once for the watches that the event didn't concern, after the callback for the others. Each watch has a
+// serial that is never used again, so that a delivery that is under way for a watch that has gone finds nothing.
 //
 // THREADING  All operations: any thread. The table is cut into shards, each with its own lock. Cores are called with no
 //            lock held. Lock order: a core's mutex, then a shard's, then the timer queue's.
@@ -141,6 +141,7 @@ private:
     int arm_new_locked(CShard& shard, const CHandlerCore* core, int fd) VIDORA_REQUIRES(shard.mutex);
     int arm_locked(CShard& shard, CEntry& entry, const CHandlerCore* registering) VIDORA_REQUIRES(shard.mutex);
     void unqueue(const CHandlerCore* core, int fd, uint64_t serial);
+    void follow_event_locked(CShard& shard, CEntry& entry, bool is_news, bool is_missed) VIDORA_REQUIRES(shard.mutex);
     void disarm_locked(CShard& shard, CEntry& entry) VIDORA_REQUIRES(shard.mutex);
     static poll_arming_t arming_for(const CEntry& entry, unsigned int needed);
     static void note_event(CWatch& watch, unsigned int fired, unsigned int poll_events, uint64_t now);
