@@ -157,7 +157,8 @@ int CClientConversation::follow_udp(client_track& track, const transport_info& r
     const CSockAddrStorage source = address_of(m_parser.get_source());
     const bool is_multicast = m_parser.has_transport() ? reply.multicast : track.transport.multicast;
     if (is_multicast) {
-        return JoinGroup(track, reply, *m_parser.get_multicast(), source, m_link.Local(), m_settings.conformance);
+        return JoinGroup(track, reply, *m_parser.get_multicast(), source, m_link.Peer(), m_link.Local(),
+                         m_settings.conformance);
     }
     // A group was asked for and a stream of our own is given: there are no sockets for it yet.
     if (track.rtp_sock == nullptr && OpenClientPorts(track, m_link.Peer()) < 0) {

@@ -84,20 +84,23 @@ std::string interface_of(const CSockAddrStorage& local) {
     return name;
 }
 
-bool is_loopback(const std::string& interface_name) {
-    return interface_name.rfind("127.", 0) == 0 || interface_name == "lo";
+// Whether the connection stays on this host.
+bool is_own(const CSockAddrStorage& local, const CSockAddrStorage& peer, const std::string& interface_name) {
+    CSockAddrStorage other(peer);
+    other.SetPort(local.GetPort());
+    return other == local || interface_name.rfind("127.", 0) == 0 || interface_name == "lo";
 }
 
-// On that interface alone: another network may have a group of the same address. A server on this host sends where its
-// routes point, so that the group is joined there as well.
-std::shared_ptr<CSockDgram> join(const CSockAddrStorage& group, int port, const std::string& interface_name) {
+// On that interface alone: another network may have a group of the same address. A server on this host (`own`) sends
+// where its routes point, so that the group is joined there as well.
+std::shared_ptr<CSockDgram> join(const CSockAddrStorage& group, int port, const std::string& interface_name, bool own) {
     CSockAddrStorage at(group);
     at.SetPort(static_cast<unsigned short>(port));
     const std::shared_ptr<CSockDgram> sock = make_sock();
     if (sock == nullptr) {
         return nullptr;
     }
-    if (is_loopback(interface_name) && sock->Open(&at) == 0) {
+    if (own && sock->Open(&at) == 0) {
         sock->SetMulticastIF(interface_name.c_str());
         return sock;
     }
@@ -138,7 +141,8 @@ void FollowUnicastReply(client_track& track, const transport_info& reply, const 
 }
 
 int JoinGroup(client_track& track, const transport_info& reply, const multicast_info& group,
-              const CSockAddrStorage& source, const CSockAddrStorage& local, bool reports) {
+              const CSockAddrStorage& source, const CSockAddrStorage& peer, const CSockAddrStorage& local,
+              bool reports) {
     sockaddr_storage native = {};
     CSockAddrStorage addr;
     const char* text = group.addr[0] != '\0' ? group.addr : track.multicast.addr;
@@ -154,8 +158,9 @@ int JoinGroup(client_track& track, const transport_info& reply, const multicast_
         return -1;
     }
     const std::string interface_name = interface_of(local);
-    track.rtp_sock = join(addr, rtp_port, interface_name);
-    track.rtcp_sock = join(addr, rtcp_port, interface_name);
+    const bool own = is_own(local, peer, interface_name);
+    track.rtp_sock = join(addr, rtp_port, interface_name, own);
+    track.rtcp_sock = join(addr, rtcp_port, interface_name, own);
     if (track.rtp_sock == nullptr || track.rtcp_sock == nullptr) {
         logError("%s:%d open multicast failed\n", __FILE__, __LINE__);
         return -1;

@@ -19,9 +19,11 @@ int OpenClientPorts(client_track& track, const CSockAddrStorage& peer);
 void FollowUnicastReply(client_track& track, const transport_info& reply, const CSockAddrStorage& source,
                         const CSockAddrStorage& peer, bool reports);
 // Joins the group that the server's answer names, or the one that was asked for, on the interface of the control
-// connection. `reports`: receiver reports go to the group (RFC 3550 6). 0, or -1 with a log line.
+// connection, and where the system's routes point as well if the server is on this host. `reports`: receiver reports
+// go to the group (RFC 3550 6). 0, or -1 with a log line.
 int JoinGroup(client_track& track, const transport_info& reply, const multicast_info& group,
-              const CSockAddrStorage& source, const CSockAddrStorage& local, bool reports);
+              const CSockAddrStorage& source, const CSockAddrStorage& peer, const CSockAddrStorage& local,
+              bool reports);
 
 }  // namespace Vidora
 }  // namespace Kavio

@@ -143,6 +143,13 @@ class MulticastNetwork(PullTest):
         ip("-n", VIEWER, "route", "del", "224.0.0.0/4")  # the connection tells the interface
         self.check_pull(host.url(), "--transport", "multicast", "--seconds", "4", inside=IN_VIEWER)
 
+    def test_pull_on_the_host_of_the_server(self):
+        """The connection goes to its one address, and the group to the other network."""
+        self.bring_up("s0", "s1")
+        server_ip("route add 224.0.0.0/4 dev s1")
+        host = self.host("rtp", "s1", address=ADDRESS["s0"])
+        self.check_pull(host.url(), "--transport", "multicast", "--seconds", "4", inside=IN_SERVER)
+
     def test_players_of_a_transport_stream_in_bare_datagrams(self):
         self.check_players("ts", "-i", f"udp://{GROUP}:{PORT}?localaddr=10.91.0.2", words=["--as-described"])
 
