@@ -240,8 +240,8 @@ bool CHandlerCore::RunTurn() {
             return false;
         }
         deliver(event, handler);
-        if (is_last && !IsDueAgain()) {
-            return false;  // what comes from now on makes another turn due
+        if (is_last) {
+            return IsDueAgain();  // what came meanwhile, the handler's own messages too, waits behind the others
         }
     }
     return true;
