@@ -15,8 +15,8 @@ namespace {
 // Callbacks of one handler in a row before others get their turn.
 constexpr int MAX_EVENTS_A_TURN = 16;
 
-// Room of a handler's event queue at least.
-constexpr size_t IDLE_EVENTS = 4;
+// Room of a handler's event queue at least. A session has several handlers.
+constexpr size_t IDLE_EVENTS = 1;
 
 // An emptied event queue with more room than this releases it.
 constexpr size_t MAX_IDLE_EVENTS = 256;
