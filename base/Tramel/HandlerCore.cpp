@@ -274,9 +274,9 @@ bool CHandlerCore::take(CEvent& event, CNetHandler*& handler, bool& is_last) {
     if (is_last) {
         m_events.clear();
         m_first = 0;
-    }
-    if (is_last && m_events.capacity() > MAX_IDLE_EVENTS) {
-        give_room_back_locked();
+        if (m_events.capacity() > MAX_IDLE_EVENTS) {
+            give_room_back_locked();
+        }
     }
     return true;
 }

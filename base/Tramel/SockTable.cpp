@@ -181,8 +181,11 @@ void CSockTable::Forget(int fd) {
 
 // A lone event would wait for it here as it does in OnEvent.
 void CSockTable::Fetch(const CPollBatch& batch) {
-    for (int i = 0; i < batch.count && batch.count > 1; ++i) {
-        const size_t place = static_cast<size_t>(batch.events[i].fd) / SHARDS;
+    if (batch.count < 2) {
+        return;
+    }
+    for (int i = 0; i < batch.count; ++i) {
+        const size_t place = place_of(batch.events[i].fd);
         CShard& shard = shard_of(batch.events[i].fd);
         Ostra::CGuard guard(shard.mutex);
         if (place < shard.slots.size() && shard.slots[place].entry != nullptr) {
@@ -196,14 +199,14 @@ void CSockTable::Fetch(const CPollBatch& batch) {
 }
 
 bool CSockTable::OnEvent(const CPollEvent& event, uint64_t now) {
+    if (event.events == 0) {
+        return true;  // urgent data, and nothing behind it yet
+    }
     std::shared_ptr<CHandlerCore> cores[MAX_WATCHES];
     uint64_t serials[MAX_WATCHES];
     size_t core_count = 0;
     bool is_news = false;
     bool is_missed = (event.events & (POLL_LASTING | POLL_ERROR)) != 0;
-    if (event.events == 0) {
-        return true;  // urgent data, and nothing behind it yet
-    }
     {
         CShard& shard = shard_of(event.fd);
         Ostra::CGuard guard(shard.mutex);
@@ -385,7 +388,7 @@ uint32_t CSockTable::new_generation() {
 }
 
 CSockTable::CEntry* CSockTable::find_locked(CShard& shard, int fd) {
-    const size_t place = static_cast<size_t>(fd) / SHARDS;
+    const size_t place = place_of(fd);
     return place < shard.slots.size() ? shard.slots[place].entry.get() : nullptr;
 }
 
@@ -398,7 +401,7 @@ CSockTable::CEntry* CSockTable::find_or_make_locked(CShard& shard, int fd) {
     if (found != nullptr) {
         return found;
     }
-    const size_t place = static_cast<size_t>(fd) / SHARDS;
+    const size_t place = place_of(fd);
     try {
         if (place >= shard.slots.size()) {
             shard.slots.resize(place + 1);
@@ -447,7 +450,7 @@ CSockTable::CWatch* CSockTable::find_or_add_watch_locked(CShard& shard, const st
     }
     entry->watches.back().core = core;
     entry->watches.back().serial = m_next_serial.fetch_add(1);
-    CSlot& slot = shard.slots[static_cast<size_t>(fd) / SHARDS];
+    CSlot& slot = shard.slots[place_of(fd)];
     slot.watch = entry->watches.data();
     slot.core = entry->watches.front().core.get();
     slot.handler = entry->watches.front().core->Place();
@@ -498,7 +501,7 @@ void CSockTable::drop_if_unused_locked(CShard& shard, CEntry& entry) {
     if (entry.polled && shard.poller != nullptr) {
         shard.poller->Remove(entry.fd);
     }
-    shard.slots[static_cast<size_t>(entry.fd) / SHARDS].entry.reset();
+    shard.slots[place_of(entry.fd)].entry.reset();
 }
 
 // Arms the poller for what `core` has registered just now; without success its watch goes. 0 or -1.

@@ -125,6 +125,7 @@ private:
     static constexpr size_t HANDLER_BYTES = 256;  // of a handler, that are fetched: its class, and its own trail
 
     CShard& shard_of(int fd) { return m_shards[fd % SHARDS]; }
+    static size_t place_of(int fd) { return static_cast<size_t>(fd) / SHARDS; }  // among its shard's slots
     uint32_t new_generation();
     CEntry* find_locked(CShard& shard, int fd) VIDORA_REQUIRES(shard.mutex);
     CEntry* find_or_make_locked(CShard& shard, int fd) VIDORA_REQUIRES(shard.mutex);
